@@ -1,0 +1,22 @@
+// The device data manager: where an interface index lies in the hardware. Loop's thread.
+//
+// The Linux host answers from the configured port table, or from the machine's own interfaces when none is configured.
+#pragma once
+
+#include <stdint.h>
+
+#include "qx_runtime.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// 0, or non-zero when the manager is not there.
+int libddm_init(qx_global *global, const char *name);
+
+// The physical id of an interface index. 0 and *phyid; -7 when the index is unknown, -4 for a null result pointer.
+int libddm_get_phyid_by_ifx(uint32_t ifx, uint32_t *phyid);
+
+#ifdef __cplusplus
+}
+#endif
