@@ -1,0 +1,33 @@
+// For tests only: stand in for the controller side of the service library.
+//
+// A test that plays the library itself calls hold_agent(true) before the daemon registers, then calls the daemon's callbacks
+// through callbacks() as the library would and looks at what the daemon sends through the taps. Without hold_agent the agent runs
+// as usual and the taps only listen.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <span>
+
+#include "host/of_ss/callbacks.h"
+
+namespace host::of_ss {
+
+// What is registered; null where nothing is. Loop's thread.
+const Callbacks &callbacks();
+
+// While held, the library opens no connection, starts no thread and calls nothing by itself; of_ss_send_msg gives 0 and drops.
+// Set before ss_of_init.
+void hold_agent(bool held);
+
+// Called with the bytes of every of_ss_send_msg that is accepted, on the thread that sends, one at a time; null takes the tap
+// away. After the return no call of the old tap is under way.
+void set_reply_tap(std::function<void(std::span<const std::byte>)> tap);
+
+// Called at every ss_of_ds_fetch, in the same way.
+void set_fetch_tap(std::function<void()> tap);
+
+// Forgets registrations, taps and the hold; the agent, if one runs, is stopped and forgets its flows and meters.
+void of_ss_reset_for_tests();
+
+}  // namespace host::of_ss
