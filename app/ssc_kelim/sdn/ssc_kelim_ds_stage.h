@@ -1,0 +1,30 @@
+// Where a data synchronisation stands.
+//
+// At its start every flow and meter record is put on a short expiry. Flows that are written again survive with their tag; the
+// rest of a kind is deleted by tag once the end has been signalled, or the kind's queued work has drained. Kind 0 are the flows
+// written from flow-mods (tag 1), kind 1 those written from service-chain applications' answers (tag 2).
+//
+// Thread: main SDN thread.
+#pragma once
+
+#include <cstdint>
+
+struct ssc_ds_stage {
+  std::uint8_t in_progress;     // from the start until both kinds are finished
+  std::uint8_t kind1_finished;  // tag 2 cleaned up
+  std::uint8_t kind0_finished;  // tag 1 cleaned up
+  std::uint8_t end_received;    // the end was signalled and kinds are unfinished
+  std::uint32_t vsd_id;         // virtual switch of the latest end signal
+};
+
+extern ssc_ds_stage g_ssc_ds_stage;
+
+// Non-zero `init`: back to the initial state. 0: ends the synchronisation when both kinds are finished.
+void ssc_sdn_ds_stage_init_or_check(std::uint8_t init);
+
+// A queued flow of `kind` has progressed: marks its queue node as set and, when the kind's work has drained, cleans the kind up.
+// Does nothing outside a synchronisation or for a finished kind.
+void ssc_sdn_update_ds_node_and_check(std::uint64_t msg_id, std::uint32_t kind);
+
+// Drops the replay in progress: cleans up once (tag 2 only when tag 1 fails) and goes back to the initial state.
+void ssc_sdn_ds_stage_abandon();

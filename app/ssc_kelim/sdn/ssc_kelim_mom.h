@@ -1,0 +1,41 @@
+// Access to the object database: guarded writes, deletions and expiries of policy records, and the bulk deletions.
+//
+// Each wrapper adds to the client's call nothing but a test of the handle, the database number and one error line; what a failure
+// means is the caller's business. A record handed to a deletion or expiry needs only its key; a key of zeros stands for every
+// object of the type.
+//
+// Thread: main SDN thread.
+// Results: 0; -1 without a client handle (or record, where noted); -2 out of memory; else the client's own code.
+#pragma once
+
+#include <cstdint>
+
+#include "qx_mom.h"
+#include "s_policy_kelim.pb-c.h"
+
+// Overwrite tags: which records a finished data synchronisation removes.
+enum ssc_kelim_ow : std::int64_t {
+  SSC_KELIM_OW_FLOW = 1,         // flows that the daemon wrote from a flow-mod
+  SSC_KELIM_OW_FLOW_TO_ACE = 2,  // flows that it wrote from a service-chain application's answer
+};
+
+std::int32_t ssc_kelim_mom_set(const ProtobufCMessage *record, std::int32_t db);
+// Database 8.
+std::int32_t ssc_kelim_mom_set_with_ow(const ProtobufCMessage *record, std::int64_t ow);
+// Database 8; also -1 for a null record. Never logs.
+std::int32_t ssc_kelim_mom_del(const ProtobufCMessage *record);
+// Database 8, 100 ms; also -1 for a null record.
+std::int32_t ssc_kelim_mom_expire(const ProtobufCMessage *record);
+// Database 8: cancels a pending expiry; also -1 for a null record.
+std::int32_t ssc_kelim_mom_del_expire(const ProtobufCMessage *record);
+// Completion callback of an expiry; does nothing. 0.
+int ssc_kelim_null_cb();
+
+// Deletes the flow records that are still under expiry and carry the tag; `vsd_id` only shows in the log.
+std::int32_t ssc_sdn_db_expire_del_all_with_ow(std::uint32_t vsd_id, std::int64_t ow);
+
+// Deletes every flow of the virtual switch with its cache node, then empties the message queue: pending barriers are answered.
+std::int32_t ssc_sdn_db_del_all_flow(std::uint32_t vsd_id);
+
+// Deletes every meter of the virtual switch.
+std::int32_t ssc_sdn_db_del_all_meter(std::uint32_t vsd_id);
