@@ -1,0 +1,31 @@
+// The service-chain application: answers a parse_flow record with the access-control entries that lead the flow through a chain
+// of service nodes, one entry a node. An entry sends the flow to its node by the destination MAC address; the entries behind the
+// first match what comes back from the node before by its source MAC address. Keeps no state: what it wrote is in the database.
+#pragma once
+
+#include "programmer/context.h"
+#include "s_policy_kelim.pb-c.h"
+
+namespace programmer {
+
+class Chain {
+ public:
+  explicit Chain(Context &context) : context_(context) {}
+
+  // A notification of `parse_flow`, decoded.
+  void notified(const qx_obj &msg);
+  std::uint64_t translated() const { return translated_; }
+
+ private:
+  void written(const qx_obj &msg);
+  void deleted(const qx_obj &msg);
+  void answer_if_new(const SPolicyKelim__ParseFlow &flow);
+  void answer(const SPolicyKelim__ParseFlow &flow);
+  void remove_if_orphan(const SPolicyKelim__FlowToAce &entries);
+  void resynchronise();
+
+  Context &context_;
+  std::uint64_t translated_ = 0;
+};
+
+}  // namespace programmer

@@ -1,0 +1,36 @@
+// What the parts of the service share: the platform handle, the log category, and the account of records that cannot be read.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include "programmer/wire.h"
+#include "qx_mom.h"
+#include "qx_zlog.h"
+
+// Logs one line of the service; the format must be a literal.
+#define PROGRAMMER_LOG(context, level, ...) \
+  qxdf_zlog((context).log, __FILE__, sizeof(__FILE__) - 1, __func__, sizeof(__func__) - 1, __LINE__, (level), __VA_ARGS__)
+
+namespace programmer {
+
+inline constexpr std::int32_t kFlowDb = QX_MOM_UDP_DB;
+inline constexpr std::int32_t kChainDb = QX_MOM_APP_DB;
+
+struct Context {
+  qx_global *global = nullptr;
+  qx_zlog_category *log = nullptr;
+  std::map<std::string, std::uint64_t> faults;  // of each kind, how many
+};
+
+// A record, or a notification, that makes no sense: counted; the first of its kind is logged with its first bytes, which hold the
+// key.
+void report_fault(Context &context, const char *kind, Bytes record);
+
+// The bytes of a notification of a packed subscription.
+inline Bytes packed(const qx_obj &msg) {
+  return {msg.packed, msg.packed_len};
+}
+
+}  // namespace programmer

@@ -1,0 +1,37 @@
+// The periodic report of flow counters: reads them from the target and writes a flow_counter record for each that changed.
+#pragma once
+
+#include <cstdint>
+
+#include "programmer/context.h"
+#include "programmer/flow_table.h"
+#include "programmer/target.h"
+#include "programmer/timer.h"
+
+namespace programmer {
+
+class CounterReport {
+ public:
+  // Everything handed in must outlive the notifications. 0 milliseconds: never reports.
+  CounterReport(Context &context, FlowTable &table, Target &target, std::uint32_t interval_ms);
+
+  // False when the first timer cannot be armed.
+  bool start();
+  std::uint64_t written() const { return written_; }
+
+ private:
+  void turn();
+  bool report(FlowEntry &entry, std::uint32_t slot);
+
+  Context &context_;
+  FlowTable &table_;
+  Target &target_;
+  std::uint64_t interval_us_;
+  std::uint64_t begun_us_ = 0;
+  std::uint32_t next_slot_ = 0;
+  bool in_round_ = false;
+  std::uint64_t written_ = 0;
+  Timer timer_;
+};
+
+}  // namespace programmer

@@ -1,0 +1,70 @@
+// The flows that the service knows: a slab of entries addressed by slot, and an open-addressing index by key over it. An entry
+// costs 48 bytes and 11 to 21 of the index. Entries never move; a slot is used again after its flow has gone.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "programmer/target.h"
+
+namespace programmer {
+
+enum class FlowState : std::uint8_t {
+  kFree,       // the slot is empty
+  kStored,     // read from the database: an answer or counters without their flow so far
+  kAsked,      // the target has not answered
+  kInstalled,  // in the target
+  kRefused,    // not in the target
+};
+
+struct FlowEntry {
+  std::uint64_t index = 0;
+  std::uint32_t vsd = 0;
+  FlowState state = FlowState::kFree;
+  std::uint8_t status = 0;    // of the last answer, a status_e
+  bool settled = false;       // flow_sta holds exactly this answer to `uuid`; the same request needs none again
+  bool seen = false;          // by the resynchronisation that is going on
+  std::uint64_t content = 0;  // hash of what the target was asked to install
+  std::uint64_t uuid = 0;     // of the last request answered
+  Counters sums;              // as written last
+
+  FlowKey key() const { return {index, vsd}; }
+};
+
+class FlowTable {
+ public:
+  static constexpr std::uint32_t kNone = ~std::uint32_t{0};
+
+  std::uint32_t find(const FlowKey &key) const;
+  // The key's slot; a new entry is in state kStored.
+  std::uint32_t insert(const FlowKey &key);
+  void erase(std::uint32_t slot);
+
+  FlowEntry &operator[](std::uint32_t slot) { return (*chunks_[slot / kChunk])[slot % kChunk]; }
+  const FlowEntry &operator[](std::uint32_t slot) const { return (*chunks_[slot / kChunk])[slot % kChunk]; }
+  std::uint32_t slots() const { return slots_; }  // every slot is below; free ones are among them
+  std::uint32_t size() const { return size_; }
+
+ private:
+  static constexpr std::uint32_t kChunk = 1024;
+  struct Bucket {
+    std::uint32_t tag = 0;
+    std::uint32_t slot = kNone;
+  };
+
+  static std::uint32_t tag_of(const FlowKey &key);
+  std::size_t bucket_of(const FlowKey &key, std::uint32_t tag) const;
+  std::uint32_t new_slot();
+  void grow();
+
+  std::vector<std::unique_ptr<std::array<FlowEntry, kChunk>>> chunks_;
+  std::vector<Bucket> buckets_ = std::vector<Bucket>(64);
+  std::uint32_t slots_ = 0;
+  std::uint32_t size_ = 0;
+  std::uint32_t first_free_ = kNone;  // linked through FlowEntry::index
+};
+
+}  // namespace programmer

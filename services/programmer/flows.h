@@ -1,0 +1,63 @@
+// Flow records: what is asked of the target, what it answered, what the database has been told.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <vector>
+
+#include "programmer/context.h"
+#include "programmer/flow_table.h"
+#include "programmer/target.h"
+#include "programmer/timer.h"
+#include "s_policy_kelim.pb-c.h"
+
+namespace programmer {
+
+class Flows final : public FlowSink {
+ public:
+  explicit Flows(Context &context);
+
+  // The target is made after this object, which receives its answers; it must outlive the notifications.
+  void set_target(Target &target) { target_ = &target; }
+
+  // A notification of `flow`, packed.
+  void notified(const qx_obj &msg);
+  void flow_answered(const FlowRequest &request, Outcome outcome) override;
+
+  FlowTable &table() { return table_; }
+  std::uint64_t answered(Outcome outcome) const { return answered_[static_cast<std::size_t>(outcome)]; }
+  std::uint64_t untouched() const { return untouched_; }
+  std::size_t owed() const { return owed_.size(); }
+
+ private:
+  // An answer that the database has still to take. Status none stands for "the flow has gone": its records are deleted.
+  struct Answer {
+    FlowKey key;
+    std::uint64_t uuid;
+    SPolicyKelim__StatusE status;
+  };
+
+  void requested(Bytes record);
+  void removed(Bytes record);
+  void remove(std::uint32_t slot);
+  void settle(FlowEntry &entry, std::uint64_t uuid, SPolicyKelim__StatusE status);
+  void tell(const Answer &answer);
+  bool write(const Answer &answer);
+  void pay();
+
+  void resynchronise();
+  void read_answers();
+  void read_counters();
+  void read_flows();
+
+  Context &context_;
+  Target *target_ = nullptr;
+  FlowTable table_;
+  std::deque<Answer> owed_;
+  Timer pay_timer_;
+  bool reading_ = false;  // the requests handled now come from a scan
+  std::uint64_t answered_[3] = {};
+  std::uint64_t untouched_ = 0;  // rewrites answered without touching the target
+};
+
+}  // namespace programmer

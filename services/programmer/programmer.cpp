@@ -1,0 +1,146 @@
+#include "programmer/programmer.h"
+
+#include <cinttypes>
+#include <cstdio>
+#include <memory>
+
+#include "programmer/chain.h"
+#include "programmer/context.h"
+#include "programmer/counter_report.h"
+#include "programmer/flows.h"
+#include "programmer/script.h"
+#include "programmer/settings.h"
+#include "programmer/sim_target.h"
+#include "s_policy_kelim.pb-c.h"
+#include "ssat.h"
+
+namespace programmer {
+namespace {
+
+struct Service {
+  Service(qx_global *global, const Options &options)
+      : context{global, qx_zlog_init("programmer"), {}},
+        service_chain(options.service_chain),
+        flows(context),
+        target(global->master, options, flows),
+        counters(context, flows.table(), target, options.counter_interval_ms),
+        meters(context, target),
+        addresses(context, target),
+        chain(context) {
+    flows.set_target(target);
+  }
+
+  Context context;
+  bool service_chain;
+  Flows flows;
+  SimTarget target;
+  CounterReport counters;
+  Settings<MeterKind> meters;
+  Settings<AddressKind> addresses;
+  Chain chain;
+};
+
+// The service of this process: the platform's callbacks carry no argument of their own.
+std::unique_ptr<Service> g_service;
+
+// ---- subscriptions
+
+template <auto Part>
+int deliver(void * /*conn*/, const qx_obj *msg) {
+  if (g_service != nullptr) ((*g_service).*Part).notified(*msg);
+  return 0;
+}
+
+struct Subscription {
+  std::int32_t db;
+  qx_mom_spec spec;
+  qx_mom_notify_cb callback;
+};
+
+constexpr Subscription kSubscriptions[] = {
+    {kFlowDb,
+     {{&s_policy_kelim__flow__descriptor, &s_policy_kelim__flow_key__descriptor}, QX_MOM_PACKED},
+     deliver<&Service::flows>},
+    {kFlowDb,
+     {{&s_policy_kelim__meter__descriptor, &s_policy_kelim__meter_key__descriptor}, QX_MOM_DECODED},
+     deliver<&Service::meters>},
+    {kFlowDb,
+     {{&s_policy_kelim__onc_ip__descriptor, &s_policy_kelim__onc_ip_key__descriptor}, QX_MOM_DECODED},
+     deliver<&Service::addresses>},
+    {kChainDb,
+     {{&s_policy_kelim__parse_flow__descriptor, &s_policy_kelim__parse_flow_key__descriptor}, QX_MOM_DECODED},
+     deliver<&Service::chain>},
+};
+
+int subscribe(std::int32_t db) {
+  for (const Subscription &subscription : kSubscriptions) {
+    if (subscription.db != db) continue;
+    const int result = qx_mom_subscribe(g_service->context.global, db, &subscription.spec, subscription.callback);
+    if (result == 0) continue;
+    PROGRAMMER_LOG(g_service->context, QX_ZLOG_ERROR, "cannot subscribe to %s: %d", subscription.spec.type.value->name, result);
+    return result;
+  }
+  return 0;
+}
+
+template <std::int32_t Db>
+int connected(void * /*conn*/, const char * /*label*/) {
+  return g_service == nullptr ? 0 : subscribe(Db);
+}
+
+int connect(qx_global *global, std::int32_t db, qx_mom_connect_cb callback) {
+  const int result = qx_mom_client_connect_sync(global, db);
+  return result != 0 ? result : qx_mom_client_connect(global, db, callback, "connect programmer");
+}
+
+// ---- the operator's view
+
+int show(const std::int64_t * /*args*/, std::uint32_t /*count*/) {
+  if (g_service == nullptr) return -1;
+  const Target::Usage usage = g_service->target.usage();
+  const auto line = [](const char *what, std::uint64_t number) { std::printf("%-36s%12" PRIu64 "\n", what, number); };
+  line("flows in the target", usage.flows);
+  line("room for", usage.size);
+  line("meters in the target", usage.meters);
+  line("controller addresses", usage.addresses);
+  line("answers that wait for their time", usage.waiting);
+  line("answers the database did not take yet", g_service->flows.owed());
+  line("answered installed", g_service->flows.answered(Outcome::kInstalled));
+  line("answered failed", g_service->flows.answered(Outcome::kFailed));
+  line("answered out of resources", g_service->flows.answered(Outcome::kResource));
+  line("unchanged, target not touched", g_service->flows.untouched());
+  line("counter records written", g_service->counters.written());
+  line("flows translated to entries", g_service->chain.translated());
+  for (const auto &[kind, count] : g_service->context.faults) line(("skipped: " + kind).c_str(), count);
+  return 0;
+}
+
+}  // namespace
+
+std::string check(const Options &options) {
+  std::string error;
+  Script script;
+  script.parse(options.script, options.seed, error);
+  return error;
+}
+
+int start_embedded(qx_global *global, const Options &options) {
+  if (global == nullptr || !check(options).empty()) return -4;
+  if (g_service != nullptr) return -1;
+  g_service = std::make_unique<Service>(global, options);
+  int result = connect(global, kFlowDb, connected<kFlowDb>);
+  if (result == 0 && options.service_chain) result = connect(global, kChainDb, connected<kChainDb>);
+  if (result == 0 && !g_service->counters.start()) result = -1;
+  if (result != 0) {
+    g_service.reset();
+    return result;
+  }
+  if (ssat_lib_init(global, "programmer") == 0) ssat_reg_mod_cmd("programmer", "show", "nil", show);
+  return 0;
+}
+
+void stop_embedded() {
+  g_service.reset();
+}
+
+}  // namespace programmer

@@ -1,0 +1,62 @@
+// The programming service: applies flow, meter and controller-address records to a target and writes back what became of them.
+//
+// It reads `flow`, `meter` and `onc_ip` of database 8, and with service_chain also `parse_flow` of database 4; it writes
+// `flow_sta` (rep_uuid = the request's req_uuid), the status of meters and controller addresses, `flow_counter`, and with
+// service_chain `flow_to_ace`. A rewrite of an unchanged installed flow is answered without touching the target. A deleted flow
+// leaves the target together with its flow_sta and flow_counter records. Records that cannot be read are logged once per kind,
+// counted and skipped. When a subscription goes live, at start and after every reconnect, the service reads what is there: it
+// installs it, answers what was never answered and removes what has gone; counters go on from the stored sums.
+//
+// It is not part of the daemon: with the embedded store it runs in the daemon's process, started by the host platform; with a
+// store of its own it is the program kelim-programmer. Both use only the platform contract.
+//
+// Threads: every call and everything it does belongs to the loop's thread of qx_runtime.h.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "qx_runtime.h"
+
+namespace programmer {
+
+// The simulated target and what surrounds it.
+struct Options {
+  std::uint32_t size = 600;                  // flows that fit; one more is refused as out of resources
+  std::uint32_t delay_ms = 0;                // answers to flows come that much later; 0: at once
+  std::string script;                        // exceptions, see below; empty: none
+  std::uint64_t seed = 1;                    // of the script's random choices
+  std::uint32_t counter_interval_ms = 1000;  // how often counters are read and written; 0: never
+  std::uint32_t counter_rate = 0;  // packets a second by which every installed flow's counters grow; 0: they stand still
+  bool service_chain = false;      // translate parse_flow records into access-control entries
+};
+
+// A script is a list of clauses, separated by semicolons: VERB=ITEM[,ITEM...], for example "fail=3,17-19;resource=5;delay=7:200".
+//
+//   verb        what happens to the request
+//   fail        answered as failed
+//   resource    answered as out of resources
+//   silent      never answered
+//   delay       answered later; the item ends in :MILLISECONDS
+//   meter-fail  a meter answered as failed; items are meter ids
+//
+//   item        which requests
+//   N, N-M      by arrival: the Nth request for a flow that reaches the target since its start, the first being 1
+//   @N, @N-M    by flow index
+//   P%          P of a hundred, chosen at random from the seed
+//   *           every one
+//
+// Of several verbs that fit one request, silent wins over resource, resource over fail; of several delays the first.
+
+// An empty text when a service can be started with `options`, otherwise what is wrong and what is allowed.
+std::string check(const Options &options);
+
+// Starts the service on `global`, whose databases this process has connected or will connect itself. 0; -4 for options that
+// check() refuses or a null handle; -1 when it runs already or the first timer cannot be armed.
+int start_embedded(qx_global *global, const Options &options);
+
+// Ends the service: nothing is answered afterwards. Call it once the loop has ended, before the runtime is released. Repeating
+// it, or calling it without a start, is harmless.
+void stop_embedded();
+
+}  // namespace programmer

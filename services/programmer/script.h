@@ -1,0 +1,46 @@
+// The exceptions that make the simulated target misbehave on purpose; the language is described in programmer.h.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace programmer {
+
+class Script {
+ public:
+  enum class Verb : std::uint8_t { kSilent, kResource, kFail, kDelay, kMeterFail };
+  enum class Answer : std::uint8_t { kNormal, kSilent, kResource, kFail };
+
+  // Reads `text`. False when it is malformed: `error` then says where and what is allowed, and the script is unchanged.
+  bool parse(std::string_view text, std::uint64_t seed, std::string &error);
+
+  // What becomes of the request for flow `index` that reached the target as number `arrival`.
+  Answer answer(std::uint64_t arrival, std::uint64_t index) const;
+  // How much later it is answered, in milliseconds.
+  std::uint32_t delay_ms(std::uint64_t arrival, std::uint64_t index, std::uint32_t otherwise) const;
+  bool meter_fails(std::uint32_t id) const;
+
+  // Whether requests differ in their delay, so that answers may overtake each other.
+  bool delays_differ() const { return delays_differ_; }
+
+ private:
+  enum class By : std::uint8_t { kArrival, kIndex, kPercent };
+  struct Rule {
+    Verb verb;
+    By by;
+    std::uint64_t first, last;  // of kPercent: `first` is the share, `last` the rule's place, which sets its choices apart
+    std::uint32_t delay_ms;
+  };
+
+  static bool parse_item(std::string_view item, Rule &rule);
+  bool fits(const Rule &rule, std::uint64_t arrival, std::uint64_t index) const;
+  const Rule *find(Verb verb, std::uint64_t arrival, std::uint64_t index) const;
+
+  std::vector<Rule> rules_;
+  std::uint64_t seed_ = 0;
+  bool delays_differ_ = false;
+};
+
+}  // namespace programmer

@@ -1,0 +1,111 @@
+#include "programmer/settings.h"
+
+#include <cstring>
+#include <memory>
+
+namespace programmer {
+namespace {
+
+constexpr auto kInstalling = S_POLICY_KELIM__STATUS_E__STATUS_INSTALLING;
+constexpr auto kInstalled = S_POLICY_KELIM__STATUS_E__STATUS_INSTALLED;
+constexpr auto kFailed = S_POLICY_KELIM__STATUS_E__STATUS_FAILED;
+
+// The record of a notification or a scanned object; null when there is none or it has no key.
+template <typename Record>
+const Record *record_of(const qx_obj &msg) {
+  const void *value = msg.value;
+  if (value != nullptr && (msg.cmd == QX_MOM_CMD_HASH_NEW || msg.cmd == QX_MOM_CMD_HASH_SET)) {
+    value = static_cast<const qx_mom_hash_value *>(value)->record;
+  }
+  const auto *record = static_cast<const Record *>(value);
+  return record == nullptr || record->index == nullptr ? nullptr : record;
+}
+
+}  // namespace
+
+bool MeterKind::same_request(const Record &a, const Record &b) {
+  return a.meter_data.len == b.meter_data.len &&
+         (a.meter_data.len == 0 || std::memcmp(a.meter_data.data, b.meter_data.data, a.meter_data.len) == 0);
+}
+
+Outcome MeterKind::install(Target &target, const Record &record) {
+  return target.install_meter(record.index->meter_id, {record.meter_data.data, record.meter_data.len});
+}
+
+Outcome AddressKind::install(Target &target, const Record &record) {
+  target.set_controller_address(record.index->ip, true);
+  return Outcome::kInstalled;
+}
+
+template <typename Kind>
+void Settings<Kind>::notified(const qx_obj &msg) {
+  switch (msg.cmd) {
+    case QX_MOM_CMD_SET:
+    case QX_MOM_CMD_HASH_NEW:
+    case QX_MOM_CMD_HASH_SET:
+      return written(msg);
+    case QX_MOM_CMD_DEL:
+      return deleted(msg);
+    case QX_MOM_CMD_DATA_FETCH:
+      return resynchronise();
+    default:
+      return;
+  }
+}
+
+// Only INSTALLING asks for something; any other status is an answer of our own. In a scan it may be the answer of an earlier
+// life, whose target has gone with it.
+template <typename Kind>
+void Settings<Kind>::written(const qx_obj &msg) {
+  const auto *record = record_of<Record>(msg);
+  if (record == nullptr) return report_fault(context_, Kind::kName, {});
+  const bool known = known_.contains(Kind::key(*record));
+  const bool asks = record->status == kInstalling || (reading_ && !known);
+  if (known || asks) known_[Kind::key(*record)] = true;
+  if (asks) confirm(*record, Kind::install(target_, *record) == Outcome::kInstalled ? kInstalled : kFailed);
+}
+
+template <typename Kind>
+void Settings<Kind>::deleted(const qx_obj &msg) {
+  const auto *record = record_of<Record>(msg);
+  if (record == nullptr) return report_fault(context_, Kind::kName, {});
+  if (known_.erase(Kind::key(*record)) != 0) Kind::remove(target_, Kind::key(*record));
+}
+
+// Puts the status into the stored record, unless that has gone or become another request in the meantime: writing would then
+// bring back what was deleted, or answer a request that nobody looked at.
+template <typename Kind>
+void Settings<Kind>::confirm(const Record &asked, SPolicyKelim__StatusE status) {
+  qx_obj *found = nullptr;
+  if (qx_mom_get_sync(context_.global, kFlowDb, &asked.base, 0, &found) != 0) return;
+  const std::unique_ptr<qx_obj, decltype(&qx_mom_qx_obj_free)> owner(found, qx_mom_qx_obj_free);
+  const auto *stored = record_of<Record>(*found);
+  if (stored == nullptr || !Kind::same_request(*stored, asked) || stored->status == status) return;
+  Record answer = *stored;
+  answer.status = status;
+  qx_mom_set(context_.global, kFlowDb, &answer.base, 0, 0);
+}
+
+template <typename Kind>
+void Settings<Kind>::resynchronise() {
+  for (auto &[key, seen] : known_) seen = false;
+  auto key = Kind::kBlankKey;
+  Record any = Kind::kBlank;
+  any.index = &key;
+  const auto read = [](const qx_obj *object, void *self) {
+    static_cast<Settings *>(self)->written(*object);
+    return 0;
+  };
+  reading_ = true;
+  qx_mom_scan_sync(context_.global, kFlowDb, &any.base, 0, read, this);
+  reading_ = false;
+  std::erase_if(known_, [this](const auto &entry) {
+    if (!entry.second) Kind::remove(target_, entry.first);
+    return !entry.second;
+  });
+}
+
+template class Settings<MeterKind>;
+template class Settings<AddressKind>;
+
+}  // namespace programmer

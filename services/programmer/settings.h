@@ -1,0 +1,65 @@
+// Meter and controller-address records: few and rarely changed, so each is handled whole and its status is written into the
+// record itself.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <utility>
+
+#include "programmer/context.h"
+#include "programmer/target.h"
+#include "s_policy_kelim.pb-c.h"
+
+namespace programmer {
+
+using SettingKey = std::pair<std::uint32_t, std::uint32_t>;  // the two fields of the record's key, in their order
+
+// How one record type meets the target.
+struct MeterKind {
+  using Record = SPolicyKelim__Meter;
+  static constexpr const char *kName = "meter record";
+  static constexpr Record kBlank = S_POLICY_KELIM__METER__INIT;
+  static constexpr SPolicyKelim__MeterKey kBlankKey = S_POLICY_KELIM__METER_KEY__INIT;
+  static SettingKey key(const Record &record) { return {record.index->meter_id, record.index->vsd_id}; }
+  static bool same_request(const Record &a, const Record &b);
+  static Outcome install(Target &target, const Record &record);
+  static void remove(Target &target, const SettingKey &key) { target.remove_meter(key.first); }
+};
+
+struct AddressKind {
+  using Record = SPolicyKelim__OncIp;
+  static constexpr const char *kName = "controller address record";
+  static constexpr Record kBlank = S_POLICY_KELIM__ONC_IP__INIT;
+  static constexpr SPolicyKelim__OncIpKey kBlankKey = S_POLICY_KELIM__ONC_IP_KEY__INIT;
+  static SettingKey key(const Record &record) { return {record.index->vsd_id, record.index->ip}; }
+  static bool same_request(const Record &, const Record &) { return true; }
+  static Outcome install(Target &target, const Record &record);
+  static void remove(Target &target, const SettingKey &key) { target.set_controller_address(key.second, false); }
+};
+
+template <typename Kind>
+class Settings {
+ public:
+  using Record = typename Kind::Record;
+
+  Settings(Context &context, Target &target) : context_(context), target_(target) {}
+
+  // A notification of the type, decoded, in a holder or not.
+  void notified(const qx_obj &msg);
+
+ private:
+  void written(const qx_obj &msg);
+  void deleted(const qx_obj &msg);
+  void confirm(const Record &asked, SPolicyKelim__StatusE status);
+  void resynchronise();
+
+  Context &context_;
+  Target &target_;
+  std::map<SettingKey, bool> known_;  // whether the resynchronisation that is going on has seen it
+  bool reading_ = false;              // the records handled now come from a scan
+};
+
+extern template class Settings<MeterKind>;
+extern template class Settings<AddressKind>;
+
+}  // namespace programmer

@@ -1,0 +1,65 @@
+// The simulated target: a flow table of a fixed size that answers after a delay, or as its script says, and counters that grow
+// evenly. Meters are answered at once.
+#pragma once
+
+#include <memory>
+#include <unordered_set>
+#include <vector>
+
+#include "programmer/programmer.h"
+#include "programmer/script.h"
+#include "programmer/target.h"
+#include "programmer/timer.h"
+
+namespace programmer {
+
+class SimTarget final : public Target {
+ public:
+  static constexpr std::uint64_t kBytesPerPacket = 100;
+
+  // `options` are good (check()); `sink` lives as long as the target.
+  SimTarget(qx_thread_master *master, const Options &options, FlowSink &sink);
+
+  void install_flow(const FlowRequest &request, Bytes record) override;
+  void remove_flow(std::uint32_t slot) override;
+  Outcome install_meter(std::uint32_t id, Bytes meter_data) override;
+  void remove_meter(std::uint32_t id) override;
+  void set_controller_address(std::uint32_t ip, bool present) override;
+  bool counts() const override { return rate_ != 0; }
+  void begin_reading() override;
+  void read_counters(std::uint32_t slot, Counters &sums) override;
+  Usage usage() const override;
+
+ private:
+  struct Cell {
+    std::uint32_t life = 0;  // counts removals, so that an answer that waits knows whether its flow has gone
+    bool occupied = false;
+  };
+  struct Waiting {
+    std::uint64_t due_us;
+    std::uint64_t order;
+    FlowRequest request;
+    std::uint32_t life;
+    Outcome outcome;
+  };
+
+  bool decide(const FlowRequest &request, Outcome &outcome);
+  void set_occupied(Cell &cell, bool occupied);
+  void answer_due();
+  void wait_for_next();
+
+  FlowSink &sink_;
+  Script script_;
+  std::uint32_t size_, delay_ms_, rate_;
+  std::uint32_t used_ = 0;
+  std::uint64_t arrivals_ = 0;
+  std::vector<Cell> cells_;
+  std::vector<Waiting> waiting_;  // a heap, the next one due at its front
+  Timer timer_;
+  std::unordered_set<std::uint32_t> meters_, addresses_;
+  std::uint64_t started_us_;
+  Counters grown_;   // by how much a flow that is there since the start has grown
+  Counters growth_;  // since the reading before
+};
+
+}  // namespace programmer

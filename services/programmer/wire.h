@@ -1,0 +1,39 @@
+// A bounded walk over one packed record, field by field, without unpacking it (Protocol Buffers encoding: tag = number << 3 |
+// wire type).
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+namespace programmer {
+
+using Bytes = std::span<const std::uint8_t>;
+
+struct WireField {
+  std::uint32_t number = 0;
+  std::uint64_t value = 0;  // of a number
+  Bytes bytes;              // of a length-delimited field, inside the record
+};
+
+class WireReader {
+ public:
+  explicit WireReader(Bytes record) : rest_(record) {}
+
+  // The next field, or false at the end or where the bytes stop being a record; broken() tells which.
+  bool next(WireField &field);
+  bool broken() const { return broken_; }
+
+ private:
+  bool varint(std::uint64_t &value);
+  bool take(std::uint64_t length, Bytes &bytes);
+  bool fail() {
+    broken_ = true;
+    return false;
+  }
+
+  Bytes rest_;
+  bool broken_ = false;
+};
+
+}  // namespace programmer
