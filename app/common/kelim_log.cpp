@@ -1,0 +1,93 @@
+// The log facility's printing half and the start of the shared state; declared in header/kelim/common/kelim_debug.h.
+#include <cstdio>
+#include <cstring>
+
+#include "kelim/common/kelim_debug.h"
+
+namespace kelim {
+
+void log_line_begin(const LogClass &log_class, const LogSite &site) {
+  char time[30];
+  qx_time_2_string(time, sizeof time);
+  flockfile(stdout);
+  std::printf("[%s][SDN][%s]%s[%d]:", time, log_class.tag, site.func, site.line);
+}
+
+void log_line_end() {
+  funlockfile(stdout);
+}
+
+void log_to_service(const LogClass &log_class, const LogSite &site, const char *text) {
+  qx_zlog_category *category = g_policy_error_zlog_category;
+  if (category == nullptr) return;
+  qxdf_zlog(category, site.file, std::strlen(site.file), site.func, std::strlen(site.func), site.line, log_class.service_level,
+            "%s", text);
+}
+
+}  // namespace kelim
+
+void ssc_sdn_dbg_msg(const void *bytes, std::int64_t length) {
+  if (!kelim::kVer.enabled()) return;
+  const auto *byte = static_cast<const unsigned char *>(bytes);
+  SDN_VER("[\n");
+  for (std::int64_t i = 0; i < length; ++i) SDN_VER("%02x \n", byte[i]);
+  SDN_VER("]\n\n");
+}
+
+namespace {
+
+struct slot_name {
+  unsigned slot;
+  const char *name;
+};
+
+constexpr slot_name kSlotNames[] = {
+    {0, "SDN_DEL_L3INTF_NOTIFY"},
+    {1, "SDN_DEL_L3INTF_NOTIFY_QUEUE"},
+    {SDN_TIME_ADD_FLOW, "SDN_ADD_FLOW"},
+    {SDN_TIME_ADD_FLOW + SDN_TIME_QUEUE, "SDN_ADD_FLOW_QUEUE"},
+    {SDN_TIME_DEL_FLOW, "SDN_DEL_FLOW"},
+    {SDN_TIME_DEL_FLOW + SDN_TIME_QUEUE, "SDN_DEL_FLOW_QUEUE"},
+    {SDN_TIME_ENABLE, "SDN_ENABLE"},
+    {SDN_TIME_ENABLE + SDN_TIME_QUEUE, "SDN_ENABLE_QUEUE"},
+    {SDN_TIME_DISABLE, "SDN_DISABLE"},
+    {SDN_TIME_DISABLE + SDN_TIME_QUEUE, "SDN_DISABLE_QUEUE"},
+    {SDN_TIME_DEL_ALL_FLOW, "SDN_DEL_ALL_FLOW"},
+    {SDN_TIME_DEL_ALL_FLOW + SDN_TIME_QUEUE, "SDN_DEL_ALL_FLOW_QUEUE"},
+    {SDN_TIME_DS_START, "SDN_DS_START"},
+    {SDN_TIME_DS_START + SDN_TIME_QUEUE, "SDN_DS_START_QUEUE"},
+    {SDN_TIME_DS_END, "SDN_DS_END"},
+    {SDN_TIME_DS_END + SDN_TIME_QUEUE, "SDN_DS_END_QUEUE"},
+    {SDN_TIME_STATISTIC, "SDN_STATISTIC_FLOW_CNT"},
+    {SDN_TIME_STATISTIC + SDN_TIME_QUEUE, "SDN_STATISTIC_FLOW_CNT_QUEUE"},
+    {SDN_TIME_ADD_METER, "SDN_ADD_METER"},
+    {SDN_TIME_ADD_METER + SDN_TIME_QUEUE, "SDN_ADD_METER_QUEUE"},
+    {SDN_TIME_DEL_METER, "SDN_DEL_METER"},
+    {SDN_TIME_DEL_METER + SDN_TIME_QUEUE, "SDN_DEL_METER_QUEUE"},
+    {24, "SDN_PORT_MODE_CHANGE"},
+    {25, "SDN_PORT_MODE_CHANGE_QUEUE"},
+};
+
+}  // namespace
+
+void ssc_sdn_stat_time_init() {
+  ut_ss_fp_appmng_time_publish(&g_ssc_sdn_stat_total_time.time, g_ssc_sdn_stat_total_time.name);
+  for (const slot_name &row : kSlotNames) {
+    ssc_sdn_stat_time &record = g_ssc_sdn_stat_func_time[row.slot];
+    std::snprintf(record.name, sizeof record.name, "%s", row.name);
+    ut_ss_fp_appmng_time_publish(&record.time, record.name);
+  }
+}
+
+void kelim_debug_reset_for_tests() {
+  ssc_sdn_debug_sw = 0;
+  libproxy_sdn_debug_sw = PROXY_DBG_ERROR;
+  g_sdn_count_dbg_sw = 0;
+  g_policy_error_zlog_level = 6;
+  for (auto &counter : sdn_opt_cnt) counter = 0;
+  for (auto &counter : libproxy_sdn_op_cnt) counter = 0;
+  ssc_sdn_malloc_fail_nth(0);
+#ifndef NDEBUG
+  g_ssc_sdn_main_thread = std::thread::id{};
+#endif
+}
