@@ -1,4 +1,5 @@
 // The log facility's printing half and the start of the shared state; declared in header/kelim/common/kelim_debug.h.
+#include <array>
 #include <cstdio>
 #include <cstring>
 
@@ -36,45 +37,44 @@ void ssc_sdn_dbg_msg(const void *bytes, std::int64_t length) {
 
 namespace {
 
-struct slot_name {
-  unsigned slot;
-  const char *name;
-};
-
-constexpr slot_name kSlotNames[] = {
-    {0, "SDN_DEL_L3INTF_NOTIFY"},
-    {1, "SDN_DEL_L3INTF_NOTIFY_QUEUE"},
-    {SDN_TIME_ADD_FLOW, "SDN_ADD_FLOW"},
-    {SDN_TIME_ADD_FLOW + SDN_TIME_QUEUE, "SDN_ADD_FLOW_QUEUE"},
-    {SDN_TIME_DEL_FLOW, "SDN_DEL_FLOW"},
-    {SDN_TIME_DEL_FLOW + SDN_TIME_QUEUE, "SDN_DEL_FLOW_QUEUE"},
-    {SDN_TIME_ENABLE, "SDN_ENABLE"},
-    {SDN_TIME_ENABLE + SDN_TIME_QUEUE, "SDN_ENABLE_QUEUE"},
-    {SDN_TIME_DISABLE, "SDN_DISABLE"},
-    {SDN_TIME_DISABLE + SDN_TIME_QUEUE, "SDN_DISABLE_QUEUE"},
-    {SDN_TIME_DEL_ALL_FLOW, "SDN_DEL_ALL_FLOW"},
-    {SDN_TIME_DEL_ALL_FLOW + SDN_TIME_QUEUE, "SDN_DEL_ALL_FLOW_QUEUE"},
-    {SDN_TIME_DS_START, "SDN_DS_START"},
-    {SDN_TIME_DS_START + SDN_TIME_QUEUE, "SDN_DS_START_QUEUE"},
-    {SDN_TIME_DS_END, "SDN_DS_END"},
-    {SDN_TIME_DS_END + SDN_TIME_QUEUE, "SDN_DS_END_QUEUE"},
-    {SDN_TIME_STATISTIC, "SDN_STATISTIC_FLOW_CNT"},
-    {SDN_TIME_STATISTIC + SDN_TIME_QUEUE, "SDN_STATISTIC_FLOW_CNT_QUEUE"},
-    {SDN_TIME_ADD_METER, "SDN_ADD_METER"},
-    {SDN_TIME_ADD_METER + SDN_TIME_QUEUE, "SDN_ADD_METER_QUEUE"},
-    {SDN_TIME_DEL_METER, "SDN_DEL_METER"},
-    {SDN_TIME_DEL_METER + SDN_TIME_QUEUE, "SDN_DEL_METER_QUEUE"},
-    {24, "SDN_PORT_MODE_CHANGE"},
-    {25, "SDN_PORT_MODE_CHANGE_QUEUE"},
+// Names of the timing slots, in order.
+constexpr std::array<const char *, SDN_TIME_SLOTS> kTimeNames = {
+    "SDN_DEL_L3INTF_NOTIFY",
+    "SDN_DEL_L3INTF_NOTIFY_QUEUE",
+    nullptr,
+    nullptr,
+    "SDN_ADD_FLOW",
+    "SDN_ADD_FLOW_QUEUE",
+    "SDN_DEL_FLOW",
+    "SDN_DEL_FLOW_QUEUE",
+    "SDN_ENABLE",
+    "SDN_ENABLE_QUEUE",
+    "SDN_DISABLE",
+    "SDN_DISABLE_QUEUE",
+    "SDN_DEL_ALL_FLOW",
+    "SDN_DEL_ALL_FLOW_QUEUE",
+    "SDN_DS_START",
+    "SDN_DS_START_QUEUE",
+    "SDN_DS_END",
+    "SDN_DS_END_QUEUE",
+    "SDN_STATISTIC_FLOW_CNT",
+    "SDN_STATISTIC_FLOW_CNT_QUEUE",
+    "SDN_ADD_METER",
+    "SDN_ADD_METER_QUEUE",
+    "SDN_DEL_METER",
+    "SDN_DEL_METER_QUEUE",
+    "SDN_PORT_MODE_CHANGE",
+    "SDN_PORT_MODE_CHANGE_QUEUE",
 };
 
 }  // namespace
 
 void ssc_sdn_stat_time_init() {
   ut_ss_fp_appmng_time_publish(&g_ssc_sdn_stat_total_time.time, g_ssc_sdn_stat_total_time.name);
-  for (const slot_name &row : kSlotNames) {
-    ssc_sdn_stat_time &record = g_ssc_sdn_stat_func_time[row.slot];
-    std::snprintf(record.name, sizeof record.name, "%s", row.name);
+  for (unsigned slot = 0; slot < SDN_TIME_SLOTS; ++slot) {
+    if (kTimeNames[slot] == nullptr) continue;
+    ssc_sdn_stat_time &record = g_ssc_sdn_stat_func_time[slot];
+    std::snprintf(record.name, sizeof record.name, "%s", kTimeNames[slot]);
     ut_ss_fp_appmng_time_publish(&record.time, record.name);
   }
 }

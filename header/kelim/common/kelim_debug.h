@@ -232,7 +232,7 @@ enum sdn_opt_group : unsigned {
   SDN_OPT_BARRIER = 42,
   SDN_OPT_DEL_ALL = 45,
 };
-enum : unsigned { SDN_OPT_RECEIVED = 0, SDN_OPT_HANDLED = 1, SDN_OPT_FAILED = 2 };
+inline constexpr unsigned SDN_OPT_RECEIVED = 0, SDN_OPT_HANDLED = 1, SDN_OPT_FAILED = 2;
 
 inline kelim::Word<std::uint64_t> sdn_opt_cnt[48];          // the daemon's
 inline kelim::Word<std::uint64_t> libproxy_sdn_op_cnt[20];  // the southbound layer's, see ssc_sdn_proxy.h
@@ -254,7 +254,7 @@ enum sdn_time_slot : unsigned {
   SDN_TIME_DEL_METER = 22,
   SDN_TIME_SLOTS = 26,
 };
-enum : unsigned { SDN_TIME_QUEUE = 1 };
+inline constexpr unsigned SDN_TIME_QUEUE = 1;
 
 struct ssc_sdn_stat_time {
   ut_ss_fp_appmng_time time;
