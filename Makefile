@@ -1,0 +1,90 @@
+# The front door. Every target installs the Debian packages it needs, builds what it needs and then does its work; on a fresh Debian 12,
+# as root or with sudo, nothing has to be typed before it.
+
+SHELL := /bin/bash
+.DEFAULT_GOAL := help
+.SUFFIXES:
+
+# Which build `make build`, `make test`, `make run` and `make demo` use: release, dev, asan or tsan.
+PRESET ?= release
+# Passed on to ctest, for example: make test ARGS="-R barrier"
+ARGS ?=
+JOBS := $(shell nproc)
+
+bin = build/$(1)/bin
+packages = @tools/make/install-packages $(1)
+# Configures where that was never done, then builds the targets of $(2), or everything.
+build = $(if $(wildcard build/$(1)/build.ninja),,cmake --preset $(1) &&) cmake --build --preset $(1) $(if $(2),--target $(2))
+ctest = ctest --preset $(1) -j$(JOBS) $(ARGS)
+
+programs := ssc_kelim kelimctl
+sources = $(shell git ls-files '*.cpp' '*.h')
+
+.PHONY: help
+help: ## this list
+	@echo "make demo is the place to begin. Targets:"
+	@sed -nE 's/^([a-z-]+):.*## (.*)/  \1\t\2/p' Makefile | expand -t 18
+	@echo "PRESET=release|dev|asan|tsan chooses the build, ARGS=... is handed to ctest (make test ARGS=\"-R barrier\")."
+
+.PHONY: demo
+demo: ## shows the daemon at work with a real OpenFlow client, and checks what it shows
+	$(call packages)
+	$(call build,$(PRESET),$(programs))
+	@tools/demo/demo $(call bin,$(PRESET))
+
+.PHONY: test
+test: ## builds and runs every test
+	$(call packages)
+	$(call build,$(PRESET))
+	$(call ctest,$(PRESET))
+
+.PHONY: run
+run: ## runs the daemon in the foreground on 127.0.0.1:6653
+	$(call packages)
+	$(call build,$(PRESET),$(programs))
+	@tools/demo/run $(call bin,$(PRESET))
+
+.PHONY: build
+build: ## builds everything
+	$(call packages)
+	$(call build,$(PRESET))
+
+.PHONY: asan
+asan: ## every test under the address and undefined-behaviour sanitizers
+	@$(MAKE) --no-print-directory test PRESET=asan
+
+.PHONY: tsan
+tsan: ## every test under the thread sanitizer
+	@$(MAKE) --no-print-directory test PRESET=tsan
+
+.PHONY: fuzz
+fuzz: ## builds the fuzz targets with clang and runs each for a minute
+	$(call packages,fuzz)
+	$(call build,fuzz)
+	@for target in $(call bin,fuzz)/fuzz_*; do echo "== $$target"; $$target -max_total_time=60 tests/fuzz/corpus/$${target##*/} || exit 1; done
+
+.PHONY: bench
+bench: ## the benchmarks
+	$(call packages)
+	$(call build,release)
+	@for program in $(call bin,release)/bench_*; do echo "== $$program"; $$program || exit 1; done
+
+.PHONY: format
+format: ## formats the C++ sources in place
+	$(call packages,format)
+	@clang-format -i $(sources)
+
+.PHONY: tidy
+tidy: ## checks the C++ sources with clang-tidy and clang-format
+	$(call packages,format tidy)
+	$(call build,dev)
+	@clang-format --dry-run -Werror $(sources)
+	@run-clang-tidy -quiet -p build/dev '(app|header|lib|platform|services|tools)/.*\.cpp$$'
+
+.PHONY: packages
+packages: ## only installs the Debian packages
+	$(call packages)
+
+.PHONY: clean
+clean: ## removes everything built
+	rm -rf build
