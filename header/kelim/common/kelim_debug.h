@@ -181,12 +181,15 @@ template <typename... Args>
 
 }  // namespace kelim
 
-#define SDN_LOG_AS(log_class, name, ...)                                                  \
-  do {                                                                                    \
-    if ((log_class).enabled()) [[unlikely]] {                                             \
-      if (false) kelim::log_check_format(__VA_ARGS__);                                    \
-      kelim::log_write(log_class, kelim::LogSite{__FILE__, name, __LINE__}, __VA_ARGS__); \
-    }                                                                                     \
+// The source path that lines carry. A module of several files redefines it after its includes, so that its lines carry one path.
+#define SDN_LOG_SOURCE __FILE__
+
+#define SDN_LOG_AS(log_class, name, ...)                                                        \
+  do {                                                                                          \
+    if ((log_class).enabled()) [[unlikely]] {                                                   \
+      if (false) kelim::log_check_format(__VA_ARGS__);                                          \
+      kelim::log_write(log_class, kelim::LogSite{SDN_LOG_SOURCE, name, __LINE__}, __VA_ARGS__); \
+    }                                                                                           \
   } while (false)
 
 #define SDN_ERROR_AS(name, ...) SDN_LOG_AS(kelim::kError, name, __VA_ARGS__)

@@ -1,0 +1,96 @@
+// A flow-mod as received, read without trusting it: no read leaves its bytes.
+//
+// Match fields and actions are lists of entries, each measured by its own first word. One walk serves both:
+//
+//   for (auto at = view.match(); at.more(); at.next()) {
+//     if (!at.whole()) ...   // this entry, or its end, lies outside the list or the message: nothing after it can be found
+//     ... at.word(), at.body() ...
+//   }
+//
+// Only whole() entries may be read beyond word() or passed with next(). Padding behind the last entry may be missing.
+//
+// Thread: any; views borrow the bytes.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <span>
+
+#include "southbound.h"
+
+namespace flow_walk {
+
+using bytes = std::span<const std::byte>;
+
+// What lies at `offset`, zero-filled where the bytes end.
+template <typename T>
+T read(bytes from, std::size_t offset) {
+  T value{};
+  if (offset < from.size()) std::memcpy(&value, from.data() + offset, std::min(sizeof value, from.size() - offset));
+  return value;
+}
+
+// `Measure` tells an entry's own length and its step to the next one from the entry's first word.
+template <typename Measure>
+class walk {
+ public:
+  // `from` runs to the end of the message, `listed` is the length that the message gives for the list.
+  walk(bytes from, std::size_t listed) : rest_(from.first(std::min(from.size(), listed))), missing_(listed - rest_.size()) {}
+
+  bool more() const { return !rest_.empty() || missing_ > 0; }
+  std::uint32_t word() const { return read<std::uint32_t>(rest_, 0); }
+  bool whole() const {
+    return rest_.size() >= sizeof(std::uint32_t) && Measure::step(word()) > 0 && Measure::length(word()) <= rest_.size();
+  }
+  // The entry from its first word to the next entry.
+  bytes entry() const { return rest_.first(std::min(rest_.size(), Measure::step(word()))); }
+  bytes body() const { return entry().subspan(sizeof(std::uint32_t)); }
+  void next() { rest_ = rest_.subspan(entry().size()); }
+
+ private:
+  bytes rest_;
+  std::size_t missing_;  // listed bytes behind the end of the message
+};
+
+struct oxm_measure {
+  static std::size_t length(std::uint32_t header) { return sizeof header + (header & 0xff); }
+  static std::size_t step(std::uint32_t header) { return southbound::oxm_slot(header); }
+};
+struct action_measure {
+  static std::size_t length(std::uint32_t word) { return word >> 16; }
+  static std::size_t step(std::uint32_t word) { return southbound::action_step(static_cast<std::uint16_t>(word >> 16)); }
+};
+using match_walk = walk<oxm_measure>;
+using action_walk = walk<action_measure>;
+
+class flow_view {
+ public:
+  flow_view(const void *msg, std::size_t len) : bytes_(static_cast<const std::byte *>(msg), len) {}
+
+  // False when not even the match header is there.
+  bool has_match() const { return bytes_.size() >= southbound::kFlowOxm; }
+  std::uint16_t match_len() const { return read<std::uint16_t>(bytes_, southbound::kFlowMatchLen); }
+  match_walk match() const { return {tail(southbound::kFlowOxm), match_len()}; }
+
+  std::size_t instruction_offset() const { return southbound::flow_instruction_offset(match_len()); }
+  // The message says that it ends where the instruction block would begin.
+  bool ends_at_match() const { return read<std::uint16_t>(bytes_, southbound::kLen) == instruction_offset(); }
+  // Length of the action list as given; 0 where the message ends before it.
+  std::int32_t actions_len() const { return read<std::int32_t>(bytes_, instruction_offset()); }
+  // A message that ends before its list gives a walk of one entry that is not whole.
+  action_walk actions() const {
+    const std::size_t first = instruction_offset() + southbound::kInstructionLen;
+    if (bytes_.size() < first) return {bytes{}, 1};
+    const std::int32_t listed = actions_len();
+    return {tail(first), listed > 0 ? static_cast<std::size_t>(listed) : 0};
+  }
+
+ private:
+  bytes tail(std::size_t offset) const { return bytes_.subspan(std::min(offset, bytes_.size())); }
+
+  bytes bytes_;
+};
+
+}  // namespace flow_walk
