@@ -1,0 +1,116 @@
+// The host's configuration: one TOML file, every key of which can also be set as an environment variable.
+//
+// Order, later wins: defaults, the file (/etc/kelim/host.toml, or what KELIM_CONF names), the environment (KELIM_<SECTION>_<KEY>,
+// such as KELIM_OPENFLOW_LISTEN; KELIM_RUN_DIR for the key outside any section), values set by the program itself. A missing
+// default file is fine, a missing KELIM_CONF file is an error.
+//
+// Threads: loaded on the loop's thread; after qx_global_init any thread may read.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace host {
+
+struct ConfigPort {
+  std::uint32_t ifx = 0;
+  std::string name;
+  std::uint32_t phyid = 0;
+  std::uint32_t type = 1;  // LSM_IF_TYPE_ETHERNET, LLCB_OVERLAY_*
+
+  bool operator==(const ConfigPort &) const = default;
+};
+
+// What each key means stands in the table of config.cpp and is printed by config_help().
+struct Config {
+  std::string run_dir;
+
+  struct Log {
+    std::string target;
+    std::string file;
+    std::string level;
+    std::uint64_t max_bytes;
+    std::uint32_t files;
+  } log;
+
+  struct Mom {
+    std::string url;
+    std::string password;
+    std::uint32_t sync_timeout_ms;
+    std::uint64_t high_water_writes;
+    std::uint64_t high_water_bytes;
+    std::uint32_t scan_batch;
+  } mom;
+
+  struct OpenFlow {
+    std::vector<std::string> listen;
+    std::vector<std::string> connect;
+    std::string datapath_id;
+    std::uint32_t capacity;
+    std::uint32_t echo_interval_s;
+    std::uint32_t decide_timeout_ms;
+    std::uint32_t queue_bound;
+    std::string tls_cert;
+    std::string tls_key;
+    std::string tls_ca;
+  } openflow;
+
+  struct Programmer {
+    bool embedded;
+    std::uint32_t size;
+    std::uint32_t delay_ms;
+    std::string script;
+    std::uint64_t seed;
+    std::uint32_t counter_interval_ms;
+    std::uint32_t counter_rate;
+    bool service_chain;
+  } programmer;
+
+  struct Control {
+    bool enabled;
+  } control;
+
+  std::vector<ConfigPort> ports;
+
+  bool run_dir_set = false;  // by file, environment or program, not by default
+};
+
+// One key as the operator sees it.
+struct ConfigKey {
+  std::string name;      // "openflow.listen", "run_dir"
+  std::string variable;  // "KELIM_OPENFLOW_LISTEN"
+  std::string fallback;  // the default as text
+  std::string allowed;   // "0 to 4294967295", "auto, journald, syslog, file or stderr"
+  std::string help;
+};
+
+// The configuration in force: the loaded one, the defaults before.
+const Config &config();
+
+// Reads file and environment unless that was done already. "" or one line that names file or variable, key, what was given and
+// what is allowed.
+std::string config_load();
+
+// Forgets what was loaded, so that the next load reads again. What config_set gave stays.
+void config_unload();
+
+// Sets a key from the program, over file and environment, now and at every later load; `value` as the environment variable would
+// have it. "" or the error.
+std::string config_set(std::string_view key, std::string_view value);
+
+// Tests: forgets what was loaded and set.
+void config_reset();
+
+// Every key of the table, in its order.
+std::vector<ConfigKey> config_keys();
+
+// All of them as text for people, one key a paragraph.
+std::string config_help();
+
+// Creates the run directory (mode 0755) if it is missing. "" or the error.
+std::string make_run_dir();
+
+}  // namespace host

@@ -1,0 +1,87 @@
+// The log service behind qx_zlog.h, and the host's own lines in category "kelim_host".
+//
+// A line is formatted and queued on the caller's thread and written by a thread of the service, so that a slow journal or
+// terminal does not stall the loop. The queue is bounded; what does not fit is counted and the count logged. Lines that repeat
+// within a second of the host's clock are written once and then once more with their count. Threads: any thread, except open and
+// close.
+#pragma once
+
+#include <fmt/format.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+#include "qx_zlog.h"
+
+namespace host {
+struct Config;
+}
+
+namespace host::log {
+
+enum class Level : std::uint8_t { debug, info, warning, error };
+
+// A line on its way; valid during the call that receives it.
+struct LineView {
+  Level level;
+  std::string_view category;
+  std::string_view file;
+  std::string_view function;
+  long line;
+  std::string_view text;
+};
+
+// Opens the service as configured, under the process name `ident`. "" or the error. Loop's thread.
+std::string open(const Config &config, const std::string &ident);
+
+// Writes what is queued and the counts of repeated lines, and ends the service. Loop's thread.
+void close();
+
+bool is_open();
+
+// Returns once everything logged before is written, counts of repeated lines included.
+void flush();
+
+// Logs a line; without an open service it goes to standard error.
+void write(const LineView &line);
+
+// Tests: what is told of every line, before levels and collapsing, on the thread that logs it; null for nothing. Not to be
+// changed while other threads log.
+void set_tap(std::function<void(const LineView &)> tap);
+
+// A format string and the place that used it.
+template <typename... Args>
+struct Format {
+  template <typename Text>
+  FMT_CONSTEVAL Format(const Text &format, const char *from = __builtin_FILE(), const char *in = __builtin_FUNCTION(),
+                       int at = __builtin_LINE())
+      : text(format), file(from), function(in), line(at) {}
+
+  fmt::format_string<Args...> text;
+  const char *file;
+  const char *function;
+  int line;
+};
+
+namespace detail {
+void host_line(Level level, const char *file, const char *function, int line, fmt::string_view format, fmt::format_args args);
+}
+
+// The host's own lines: host::log::error("cannot bind {}: {}", path, strerror(errno)).
+template <typename... Args>
+void info(Format<std::type_identity_t<Args>...> f, Args &&...args) {
+  detail::host_line(Level::info, f.file, f.function, f.line, f.text, fmt::make_format_args(args...));
+}
+template <typename... Args>
+void warn(Format<std::type_identity_t<Args>...> f, Args &&...args) {
+  detail::host_line(Level::warning, f.file, f.function, f.line, f.text, fmt::make_format_args(args...));
+}
+template <typename... Args>
+void error(Format<std::type_identity_t<Args>...> f, Args &&...args) {
+  detail::host_line(Level::error, f.file, f.function, f.line, f.text, fmt::make_format_args(args...));
+}
+
+}  // namespace host::log

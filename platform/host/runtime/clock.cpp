@@ -1,0 +1,102 @@
+#include "host/runtime/clock.h"
+
+#include <time.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+
+#include "host/runtime/timer_queue.h"
+#include "qx_runtime.h"
+
+namespace host::clock {
+namespace {
+
+std::mutex g_mutex;  // of the writers and the sleepers; reading the clock takes no lock
+std::condition_variable g_changed;
+std::atomic<std::int64_t> g_offset{0};      // ns that the host clock is ahead of CLOCK_MONOTONIC
+std::atomic<std::int64_t> g_stopped_at{0};  // where it stands; 0 while it goes
+
+std::int64_t monotonic() {
+  timespec t;
+  clock_gettime(CLOCK_MONOTONIC, &t);
+  return t.tv_sec * 1'000'000'000 + t.tv_nsec;
+}
+
+template <typename Change>
+void change(Change apply) {
+  {
+    std::lock_guard lock(g_mutex);
+    apply();
+  }
+  g_changed.notify_all();
+  detail::clock_changed();
+}
+
+}  // namespace
+
+Time now() {
+  const std::int64_t standing = g_stopped_at.load(std::memory_order_acquire);
+  return Time(standing != 0 ? standing : monotonic() + g_offset.load(std::memory_order_relaxed));
+}
+
+bool stopped() {
+  return g_stopped_at.load(std::memory_order_acquire) != 0;
+}
+
+void warp(std::chrono::milliseconds by) {
+  change([by] { (stopped() ? g_stopped_at : g_offset).fetch_add(Time(by).count(), std::memory_order_acq_rel); });
+}
+
+void stop() {
+  change([] { g_stopped_at.store(now().count(), std::memory_order_release); });
+}
+
+void resume() {
+  change([] {
+    if (!stopped()) return;
+    g_offset.store(now().count() - monotonic(), std::memory_order_relaxed);
+    g_stopped_at.store(0, std::memory_order_release);
+  });
+}
+
+void sleep_until(Time deadline) {
+  std::unique_lock lock(g_mutex);
+  for (Time at = now(); at < deadline; at = now()) {
+    if (stopped()) {
+      g_changed.wait(lock);
+    } else {
+      g_changed.wait_for(lock, deadline - at);
+    }
+  }
+}
+
+}  // namespace host::clock
+
+extern "C" {
+
+struct timespec qx_monotime(void) {
+  const auto t = host::clock::now().count();
+  return {.tv_sec = t / 1'000'000'000, .tv_nsec = t % 1'000'000'000};
+}
+
+uint64_t qx_timeval_to_us(struct timespec t) {
+  return static_cast<uint64_t>(t.tv_sec) * 1'000'000 + static_cast<uint64_t>(t.tv_nsec) / 1'000;
+}
+
+char *qx_time_2_string(char *buf, size_t len) {
+  timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
+  tm local;
+  localtime_r(&now.tv_sec, &local);
+  char text[40];
+  const size_t n = strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
+  snprintf(text + n, sizeof text - n, ".%03d", static_cast<int>(now.tv_nsec / 1'000'000));
+  if (buf != nullptr && len > 0) snprintf(buf, len, "%s", text);
+  return buf;
+}
+
+void qx_sleep_ms(uint32_t ms) {
+  host::clock::sleep_until(host::clock::now() + std::chrono::milliseconds(ms));
+}
+}

@@ -1,0 +1,340 @@
+// The life of the runtime: made from the configuration, run, released with everything it owns.
+#include "qx_runtime.h"
+
+#include <event2/thread.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cassert>
+#include <cstdio>
+#include <mutex>
+#include <new>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "host/config/config.h"
+#include "host/fault/fault.h"
+#include "host/log/log.h"
+#include "host/runtime/loop.h"
+#include "host/runtime/services.h"
+#include "host/runtime/timer_queue.h"
+
+struct qx_thread_master {
+  explicit qx_thread_master(event_base *base) : timers(base) {}
+  host::TimerQueue timers;
+  bool finished = false;
+};
+
+namespace host {
+namespace {
+
+constexpr long kLongestTimer = 1'000'000'000;  // seconds
+
+struct EventBaseDeleter {
+  void operator()(event_base *base) const { event_base_free(base); }
+};
+using EventBasePtr = std::unique_ptr<event_base, EventBaseDeleter>;
+
+// Ticks are the daemon's only wait that a controller sees, so the loop asks for timers finer than the kernel's coarse clock.
+EventBasePtr make_base() {
+  evthread_use_pthreads();
+  const std::unique_ptr<event_config, void (*)(event_config *)> config(event_config_new(), event_config_free);
+  if (!config) throw std::bad_alloc();
+  event_config_set_flag(config.get(), EVENT_BASE_FLAG_PRECISE_TIMER);
+  EventBasePtr base(event_base_new_with_config(config.get()));
+  if (!base) throw std::bad_alloc();
+  return base;
+}
+
+// SIGPIPE is ignored while the runtime lives: a peer that went away is an error code of the write.
+class IgnorePipe {
+ public:
+  IgnorePipe() {
+    struct sigaction ignore = {};
+    ignore.sa_handler = SIG_IGN;
+    sigaction(SIGPIPE, &ignore, &before_);
+  }
+  ~IgnorePipe() { sigaction(SIGPIPE, &before_, nullptr); }
+  IgnorePipe(const IgnorePipe &) = delete;
+  IgnorePipe &operator=(const IgnorePipe &) = delete;
+
+ private:
+  struct sigaction before_ = {};
+};
+
+void end_loop(evutil_socket_t, short, void *) {
+  stop_loop();
+}
+
+// What other threads hand to the loop. It outlives the runtime, so that a late post from another thread finds a lock to take.
+struct Mailbox {
+  std::mutex mutex;
+  std::vector<std::function<void()>> work;
+  int wake_fd = -1;  // eventfd; -1 without a runtime
+
+  void wake() const {
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const auto n = ::write(wake_fd, &one, sizeof one);  // full means that it is awake already
+  }
+};
+
+Mailbox &mailbox() {
+  static auto *box = new Mailbox;  // never destroyed: threads may post until the very end
+  return *box;
+}
+
+// The mailbox takes work only while one of these lives.
+class OpenMailbox {
+ public:
+  OpenMailbox() {
+    std::lock_guard lock(mailbox().mutex);
+    mailbox().wake_fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (mailbox().wake_fd < 0) throw std::bad_alloc();
+  }
+  ~OpenMailbox() {
+    std::vector<std::function<void()>> dropped;  // destroyed after the lock is given back: its destructors may post
+    std::lock_guard lock(mailbox().mutex);
+    dropped.swap(mailbox().work);
+    ::close(std::exchange(mailbox().wake_fd, -1));
+  }
+  OpenMailbox(const OpenMailbox &) = delete;
+  OpenMailbox &operator=(const OpenMailbox &) = delete;
+};
+
+std::atomic<bool> g_stop{false};
+std::atomic<std::thread::id> g_loop_thread{};
+
+struct Runtime {
+  explicit Runtime(const char *runtime_name);
+
+  std::string name;
+  IgnorePipe ignore_pipe;
+  EventBasePtr base = make_base();
+  OpenMailbox open_mailbox;
+  EventPtr mail;
+  EventPtr terminate;
+  EventPtr interrupt;
+  TimerQueue timers{base.get()};
+  qx_thread_master master{base.get()};
+  qx_global global{this, &master};
+};
+
+// Not destroyed by exit(): other threads may still use the loop while the process ends.
+auto &g_runtime = *new std::unique_ptr<Runtime>;
+
+struct StartHook {
+  const char *name;
+  std::function<int(qx_global *)> start;
+};
+
+std::vector<StartHook> &start_hooks() {
+  static std::vector<StartHook> hooks;
+  return hooks;
+}
+
+std::vector<std::function<void()>> g_finish_hooks;
+
+std::vector<std::function<void()>> take_mail() {
+  std::uint64_t count;
+  Mailbox &box = mailbox();
+  [[maybe_unused]] const auto n = ::read(box.wake_fd, &count, sizeof count);
+  std::vector<std::function<void()>> work;
+  std::lock_guard lock(box.mutex);
+  work.swap(box.work);
+  return work;
+}
+
+void read_mail(evutil_socket_t, short, void *) {
+  for (const auto &work : take_mail()) work();
+  if (g_stop.load()) event_base_loopbreak(g_runtime->base.get());
+}
+
+EventPtr added(event *e) {
+  EventPtr owned(e);
+  if (!owned || event_add(e, nullptr) != 0) throw std::bad_alloc();
+  return owned;
+}
+
+Runtime::Runtime(const char *runtime_name) : name(runtime_name) {
+  mail = added(event_new(base.get(), mailbox().wake_fd, EV_READ | EV_PERSIST, read_mail, nullptr));
+  terminate = added(evsignal_new(base.get(), SIGTERM, end_loop, nullptr));
+  interrupt = added(evsignal_new(base.get(), SIGINT, end_loop, nullptr));
+  g_stop = false;
+  g_loop_thread = std::this_thread::get_id();
+}
+
+bool complain(const std::string &who, const std::string &why) {
+  std::fprintf(stderr, "%s: %s\n", who.c_str(), why.c_str());
+  return false;
+}
+
+// Starts what the runtime's owner does not see. False after one line that says why.
+bool start_services(Runtime &runtime) {
+  if (const std::string error = log::open(config(), runtime.name); !error.empty()) return complain(runtime.name, error);
+  for (const StartHook &hook : start_hooks()) {
+    if (const int rv = hook.start(&runtime.global); rv != 0)
+      return complain(runtime.name, std::string(hook.name) + " does not start (" + std::to_string(rv) + ")");
+  }
+  return true;
+}
+
+void release() {
+  while (!g_finish_hooks.empty()) {
+    const auto stop = std::move(g_finish_hooks.back());
+    g_finish_hooks.pop_back();
+    stop();
+  }
+  g_runtime.reset();
+  log::close();
+  config_unload();
+}
+
+bool make_runtime(const char *name) {
+  if (g_runtime) return complain(name, "a runtime named " + g_runtime->name + " lives already");
+  if (const int rv = fault::check(fault::Point::global_init)) return complain(name, "fault " + std::to_string(rv) + " asked for");
+  if (const std::string error = config_load(); !error.empty()) return complain(name, error);
+  if (const std::string error = make_run_dir(); !error.empty()) return complain(name, error);
+  g_runtime = std::make_unique<Runtime>(name);
+  return start_services(*g_runtime);
+}
+
+// Runs the loop; -1 when libevent failed, 0 when it was ended or, with EVLOOP_ONCE in `flags`, after a turn.
+int turn(int flags) {
+  g_loop_thread = std::this_thread::get_id();
+  return event_base_loop(g_runtime->base.get(), flags) == -1 ? -1 : 0;
+}
+
+}  // namespace
+
+event_base *loop_base() {
+  return g_runtime ? g_runtime->base.get() : nullptr;
+}
+
+void post(std::function<void()> work) {
+  Mailbox &box = mailbox();
+  std::lock_guard lock(box.mutex);
+  if (box.wake_fd < 0) return;
+  box.work.push_back(std::move(work));
+  if (box.work.size() == 1) box.wake();
+}
+
+void stop_loop() {
+  Mailbox &box = mailbox();
+  std::lock_guard lock(box.mutex);
+  if (box.wake_fd < 0) return;
+  g_stop = true;
+  box.wake();
+}
+
+bool run_until(const std::function<bool()> &condition, std::chrono::milliseconds limit) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;  // real time: the host's clock may stand
+  const EventPtr poll(event_new(
+      loop_base(), -1, EV_PERSIST, [](evutil_socket_t, short, void *) {}, nullptr));
+  const timeval millisecond{.tv_sec = 0, .tv_usec = 1'000};
+  event_add(poll.get(), &millisecond);
+  bool held = condition();
+  while (!held && std::chrono::steady_clock::now() < deadline && !g_stop && turn(EVLOOP_ONCE) == 0) held = condition();
+  g_stop = false;
+  return held;
+}
+
+bool on_loop_thread() {
+  return !g_runtime || g_loop_thread.load() == std::this_thread::get_id();
+}
+
+#ifndef NDEBUG
+void assert_loop_thread() {
+  assert(on_loop_thread() && "belongs to the loop's thread");
+}
+#endif
+
+TimerQueue *detail::host_timers() {
+  return g_runtime ? &g_runtime->timers : nullptr;
+}
+
+void detail::clock_changed() {
+  post([] {
+    g_runtime->timers.reschedule();
+    g_runtime->master.timers.reschedule();
+  });
+}
+
+void at_start(const char *name, std::function<int(qx_global *)> start) {
+  start_hooks().push_back({name, std::move(start)});
+}
+
+void at_finish(std::function<void()> stop) {
+  g_finish_hooks.push_back(std::move(stop));
+}
+
+qx_global *current_global() {
+  return g_runtime ? &g_runtime->global : nullptr;
+}
+
+const std::string &runtime_name() {
+  static const std::string none;
+  return g_runtime ? g_runtime->name : none;
+}
+
+}  // namespace host
+
+extern "C" {
+
+qx_global *qx_global_init(const char *name, void *) {
+  if (name == nullptr) return nullptr;
+  const bool first = !host::g_runtime;
+  try {
+    if (host::make_runtime(name)) return host::current_global();
+  } catch (const std::exception &e) {
+    host::complain(name, e.what());
+  }
+  if (first) host::release();
+  return nullptr;
+}
+
+int qx_global_run(qx_global *global) {
+  if (global == nullptr || global != host::current_global()) return -1;
+  int rv = 0;
+  while (!host::g_stop && rv == 0) rv = host::turn(EVLOOP_NO_EXIT_ON_EMPTY);
+  host::g_stop = false;
+  return rv;
+}
+
+void qx_global_finish(qx_global *global) {
+  if (global != nullptr && global == host::current_global()) host::release();
+}
+
+int qx_thread_insert_timer_timeval(struct qx_thread_master *master, qx_thread *thread, int (*func)(qx_thread *), void *arg,
+                                   long sec, long usec, const char *name) {
+  using namespace std::chrono_literals;
+  if (master == nullptr || thread == nullptr || func == nullptr || master->finished) return -1;
+  if (const int rv = host::fault::check(host::fault::Point::timer_insert)) return rv;
+  host::assert_loop_thread();
+  if (master->timers.armed(reinterpret_cast<uintptr_t>(thread->impl))) return -1;
+  const auto id = host::TimerQueue::next_id();
+  try {
+    const auto delay =
+        std::clamp(sec, 0L, host::kLongestTimer) * 1s + std::clamp(usec, 0L, 1'000'000 * host::kLongestTimer) * 1us;
+    master->timers.arm(id, host::clock::now() + delay, [thread, id] {
+      if (reinterpret_cast<uintptr_t>(thread->impl) != id) return;  // zeroed and armed anew meanwhile
+      thread->impl = nullptr;
+      thread->func(thread);
+    });
+  } catch (const std::bad_alloc &) {
+    return -1;
+  }
+  *thread = {.impl = reinterpret_cast<void *>(id), .master = master, .func = func, .arg = arg, .name = name};
+  return 0;
+}
+
+void qx_thread_master_finish(struct qx_thread_master *master) {
+  if (master == nullptr) return;
+  master->finished = true;
+  master->timers.clear();
+}
+}

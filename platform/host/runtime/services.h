@@ -1,0 +1,23 @@
+// How the host's services take part in the life of the runtime. Loop's thread.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "qx_runtime.h"
+
+namespace host {
+
+// Registers a service that is started at the end of every qx_global_init, in the order of registration; a result that is not 0
+// makes qx_global_init fail with `name` in its line. Stays registered for the life of the process.
+void at_start(const char *name, std::function<int(qx_global *)> start);
+
+// Has `stop` called once by the next qx_global_finish, the last registered first, while the loop still exists but no longer runs.
+// May be called before qx_global_init.
+void at_finish(std::function<void()> stop);
+
+// The living runtime and the name it was made under; null and "" when there is none.
+qx_global *current_global();
+const std::string &runtime_name();
+
+}  // namespace host

@@ -1,0 +1,96 @@
+#include "host/runtime/timer_queue.h"
+
+#include <algorithm>
+#include <atomic>
+#include <new>
+
+#include "host/runtime/loop.h"
+#include "host/runtime/timer.h"
+
+namespace host {
+
+TimerQueue::TimerQueue(event_base *base)
+    : wakeup_(evtimer_new(
+          base, [](evutil_socket_t, short, void *self) { static_cast<TimerQueue *>(self)->run_due(); }, this)) {
+  if (!wakeup_) throw std::bad_alloc();
+}
+
+TimerQueue::Id TimerQueue::next_id() {
+  static std::atomic<Id> last{0};
+  return last.fetch_add(1, std::memory_order_relaxed) + 1;
+}
+
+void TimerQueue::arm(Id id, clock::Time deadline, std::function<void()> fire) {
+  deadlines_.emplace(id, deadline);
+  try {
+    due_.emplace(std::pair(deadline, id), std::move(fire));
+  } catch (...) {
+    deadlines_.erase(id);
+    throw;
+  }
+  if (due_.begin()->first.second == id) reschedule();
+}
+
+bool TimerQueue::cancel(Id id) {
+  const auto it = deadlines_.find(id);
+  if (it == deadlines_.end()) return false;
+  due_.erase({it->second, id});
+  deadlines_.erase(it);
+  return true;  // a wake-up for nothing is cheaper than moving the libevent timer
+}
+
+void TimerQueue::clear() {
+  due_.clear();
+  deadlines_.clear();
+  reschedule();
+}
+
+void TimerQueue::reschedule() {
+  const clock::Time at = clock::now();
+  if (due_.empty() || (clock::stopped() && due_.begin()->first.first > at)) {
+    evtimer_del(wakeup_.get());
+    return;
+  }
+  const auto left = std::max(due_.begin()->first.first - at, clock::Time::zero());
+  const auto us = std::chrono::ceil<std::chrono::microseconds>(left).count();
+  const timeval wait{.tv_sec = us / 1'000'000, .tv_usec = us % 1'000'000};
+  evtimer_add(wakeup_.get(), &wait);
+}
+
+// What a callback arms anew waits for the next turn, however short its delay: its deadline is not before `at`, its id is newer.
+void TimerQueue::run_due() {
+  const clock::Time at = clock::now();
+  const Id newer = next_id();
+  while (!due_.empty()) {
+    const auto [deadline, id] = due_.begin()->first;
+    if (deadline > at || id > newer) break;
+    const auto node = due_.extract(due_.begin());
+    deadlines_.erase(id);
+    node.mapped()();
+  }
+  reschedule();
+}
+
+bool Timer::arm(clock::Time delay) {
+  assert_loop_thread();
+  cancel();
+  TimerQueue *timers = detail::host_timers();
+  if (timers == nullptr) return false;
+  id_ = TimerQueue::next_id();
+  timers->arm(id_, clock::now() + delay, [this] {
+    const auto fire = fire_;  // outlives a timer that its own callback destroys
+    fire();
+  });
+  return true;
+}
+
+void Timer::cancel() {
+  if (TimerQueue *timers = detail::host_timers(); timers != nullptr && id_ != 0) timers->cancel(id_);
+}
+
+bool Timer::armed() const {
+  const TimerQueue *timers = detail::host_timers();
+  return timers != nullptr && timers->armed(id_);
+}
+
+}  // namespace host

@@ -1,0 +1,56 @@
+// The timers of one owner, ordered by deadline on the host's clock, behind one libevent timer. Loop's thread.
+#pragma once
+
+#include <event2/event.h>
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <unordered_map>
+
+#include "host/runtime/clock.h"
+
+namespace host {
+
+struct EventDeleter {
+  void operator()(event *e) const { event_free(e); }
+};
+using EventPtr = std::unique_ptr<event, EventDeleter>;
+
+class TimerQueue {
+ public:
+  using Id = std::uint64_t;  // never 0, never reused in the process
+
+  explicit TimerQueue(event_base *base);
+
+  // An id for the next arm(), so that the callback can know its own.
+  static Id next_id();
+
+  // Calls `fire` once, not before `deadline` and in a later turn of the loop. May throw std::bad_alloc; nothing is armed then.
+  void arm(Id id, clock::Time deadline, std::function<void()> fire);
+  bool cancel(Id id);
+  bool armed(Id id) const { return deadlines_.contains(id); }
+  void clear();
+
+  // Looks at the clock again after it was stopped, warped or resumed.
+  void reschedule();
+
+ private:
+  void run_due();
+
+  std::map<std::pair<clock::Time, Id>, std::function<void()>> due_;
+  std::unordered_map<Id, clock::Time> deadlines_;
+  EventPtr wakeup_;
+};
+
+namespace detail {
+
+// The queue of the host's own timers; null without a runtime.
+TimerQueue *host_timers();
+
+// Has every queue look at the clock again. Any thread.
+void clock_changed();
+
+}  // namespace detail
+}  // namespace host

@@ -1,0 +1,55 @@
+// A real runtime in a directory of its own, for tests of what lives on it.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <string>
+
+#include "host/config/config.h"
+#include "host/fault/fault.h"
+#include "host/runtime/clock.h"
+#include "qx_runtime.h"
+
+// A directory under /tmp that goes with its owner.
+class TempDir {
+ public:
+  TempDir() {
+    char name[] = "/tmp/kelim-test-XXXXXX";
+    path_ = mkdtemp(name);
+  }
+  ~TempDir() { std::filesystem::remove_all(path_); }
+  TempDir(const TempDir &) = delete;
+  TempDir &operator=(const TempDir &) = delete;
+
+  const std::string &path() const { return path_; }
+  std::string operator/(const std::string &name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+// Configures the host through configure() and makes the runtime `core_test`; takes back clock, faults and settings afterwards.
+class RuntimeTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    set("run_dir", dir.path());
+    set("programmer.embedded", "false");
+    configure();
+    global = qx_global_init("core_test", nullptr);
+    ASSERT_NE(global, nullptr);
+  }
+  void TearDown() override {
+    host::fault::clear();
+    host::clock::resume();
+    qx_global_finish(global);
+    host::config_reset();
+  }
+  virtual void configure() {}
+
+  static void set(const char *key, const std::string &value) { ASSERT_EQ(host::config_set(key, value), ""); }
+
+  TempDir dir;
+  qx_global *global = nullptr;
+};
