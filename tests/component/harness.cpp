@@ -1,0 +1,292 @@
+#include "component/harness.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <cstring>
+#include <filesystem>
+#include <future>
+
+#include "host/log/log.h"
+#include "host/of_ss/testing.h"
+#include "host/runtime/clock.h"
+#include "host/runtime/loop.h"
+#include "libss_pthrd.h"
+#include "s_policy_kelim.pb-c.h"
+#include "ssc_kelim/main.h"
+#include "ssc_kelim/sdn/ssc_kelim_init.h"
+
+int ssc_kelim_main();  // the daemon's main, renamed
+
+namespace harness {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kLimit = 5s;
+constexpr std::int32_t kUdpDb = 8;
+
+Record copy_of(const qx_obj &object) {
+  auto *message = static_cast<ProtobufCMessage *>(object.value);
+  if ((object.cmd == QX_MOM_CMD_HASH_NEW || object.cmd == QX_MOM_CMD_HASH_SET) && message != nullptr)
+    message = static_cast<qx_mom_hash_value *>(object.value)->record;
+  if (message == nullptr) return {};
+  Bytes packed(protobuf_c_message_get_packed_size(message));
+  protobuf_c_message_pack(message, reinterpret_cast<std::uint8_t *>(packed.data()));
+  auto *copy = protobuf_c_message_unpack(message->descriptor, nullptr, packed.size(), reinterpret_cast<std::uint8_t *>(packed.data()));
+  return {{copy, [](ProtobufCMessage *m) { protobuf_c_message_free_unpacked(m, nullptr); }}};
+}
+
+// An empty record of a type, as template for scans.
+std::vector<std::uint64_t> empty_record(const ProtobufCMessageDescriptor *type) {
+  std::vector<std::uint64_t> space((type->sizeof_message + 7) / 8);
+  protobuf_c_message_init(type, space.data());
+  return space;
+}
+
+// What `watch` and the settling marker receive. One daemon lives at a time in a process.
+std::mutex g_watch_mutex;
+std::vector<Change> g_changes;
+std::atomic<std::uint32_t> g_marker_seen{0};
+
+int on_change(void *, const qx_obj *msg) {
+  if (msg->cmd == QX_MOM_CMD_DATA_FETCH) return 0;
+  const std::lock_guard lock(g_watch_mutex);
+  g_changes.push_back({msg->cmd, copy_of(*msg)});
+  return 0;
+}
+
+int on_marker(void *, const qx_obj *msg) {
+  if (msg->value != nullptr) g_marker_seen = static_cast<SPolicyKelim__PortPhyid *>(msg->value)->phyid;
+  return 0;
+}
+
+constexpr std::uint32_t kMarkerRounds = 4;  // flow -> flow_sta -> flow_to_ace_sta, and one to spare
+
+}  // namespace
+
+Daemon::Daemon(const Options &options) {
+  run_dir_ = (std::filesystem::temp_directory_path() / "kelim-component-XXXXXX").string();
+  if (mkdtemp(run_dir_.data()) == nullptr) throw std::runtime_error("no temporary directory");
+  setenv("KELIM_RUN_DIR", run_dir_.c_str(), 1);
+  setenv("KELIM_PORTS", "1:p1:101:1,2:p2:102:1,3:p3:103:1,45:tunnel:145:45,46:router:146:46", 1);
+  setenv("KELIM_PROGRAMMER_EMBEDDED", options.programmer ? "true" : "false", 1);
+  for (const auto &[key, text] : options.config) setenv(key.c_str(), text.c_str(), 1);
+
+  host::clock::stop();
+  host::of_ss::hold_agent(true);
+  host::of_ss::set_reply_tap([this](std::span<const std::byte> bytes) {
+    const std::lock_guard lock(mutex_);
+    replies_.emplace_back(bytes.begin(), bytes.end());
+  });
+  host::log::set_tap([this](const host::log::Line &line) {
+    if (line.level < host::log::kError) return;
+    const std::lock_guard lock(mutex_);
+    errors_.push_back(line.text);
+  });
+  main_ = std::thread([this] { status_ = ssc_kelim_main(); });
+  if (!until([] { return host::of_ss::callbacks().complete(); })) throw std::runtime_error("the daemon did not start");
+  on_loop([this] {
+    callbacks_ = host::of_ss::callbacks();
+    const qx_mom_spec marker = {{&s_policy_kelim__port_phyid__descriptor, &s_policy_kelim__port_key__descriptor}, QX_MOM_DECODED};
+    qx_mom_subscribe(g_ssc_kelim_global, kUdpDb, &marker, on_marker);
+  });
+  settle();
+}
+
+Daemon::~Daemon() {
+  finish();
+  check_errors();
+  std::error_code ignored;
+  std::filesystem::remove_all(run_dir_, ignored);
+}
+
+int Daemon::finish() {
+  if (finished_) return status_;
+  finished_ = true;
+  host::stop_loop();
+  main_.join();
+  host::of_ss::of_ss_reset_for_tests();
+  host::log::set_tap(nullptr);
+  return status_;
+}
+
+void Daemon::on_loop(const std::function<void()> &work) const {
+  std::promise<void> done;
+  host::post([&] {
+    work();
+    done.set_value();
+  });
+  if (done.get_future().wait_for(30s) != std::future_status::ready) throw std::runtime_error("the loop does not answer");
+}
+
+bool Daemon::until(const std::function<bool()> &condition) const {
+  const auto end = std::chrono::steady_clock::now() + kLimit;
+  do {
+    auto answer = std::make_shared<std::promise<bool>>();
+    host::post([answer, &condition] { answer->set_value(condition()); });
+    auto future = answer->get_future();
+    // A runtime that is not there yet drops what is posted.
+    if (future.wait_for(20ms) == std::future_status::ready) {
+      if (future.get()) return true;
+      std::this_thread::sleep_for(200us);
+    }
+  } while (std::chrono::steady_clock::now() < end);
+  return false;
+}
+
+// Every notification is delivered in the order of the writes, so a marker that has come back tells that everything written before it was
+// delivered; what was written in answer to that takes another round.
+void Daemon::settle() const {
+  for (std::uint32_t round = 1; round <= kMarkerRounds; ++round) {
+    on_loop([round] {
+      SPolicyKelim__PortPhyid marker = S_POLICY_KELIM__PORT_PHYID__INIT;
+      marker.phyid = round;
+      g_marker_seen = 0;
+      qx_mom_publish(g_ssc_kelim_global, kUdpDb, &marker.base, 0, 0);
+    });
+    ASSERT_TRUE(until([round] { return g_marker_seen == round; })) << "the store does not deliver";
+  }
+}
+
+void Daemon::tick(int times) {
+  for (int i = 0; i < times; ++i) {
+    warp(50ms);
+    ASSERT_TRUE(until([] { return libss_pthrd_get_hdl_num(ssc_sdn_mst) == 0; })) << "the handler list was not drained";
+    settle();
+  }
+}
+
+void Daemon::warp(std::chrono::milliseconds by) {
+  host::clock::warp(by);
+  settle();
+}
+
+std::vector<Bytes> Daemon::replies() const {
+  const std::lock_guard lock(mutex_);
+  return replies_;
+}
+
+std::vector<Bytes> Daemon::replies(std::uint16_t type) const {
+  std::vector<Bytes> found;
+  for (const Bytes &reply : replies())
+    if (southbound::get<std::uint16_t>(reply.data(), southbound::kType) == type) found.push_back(reply);
+  return found;
+}
+
+void Daemon::forget_replies() {
+  const std::lock_guard lock(mutex_);
+  replies_.clear();
+}
+
+std::vector<Record> Daemon::stored(std::int32_t db, const ProtobufCMessageDescriptor *type) const {
+  std::vector<Record> found;
+  on_loop([&] {
+    auto space = empty_record(type);
+    const auto collect = [](const qx_obj *object, void *arg) {
+      static_cast<std::vector<Record> *>(arg)->push_back(copy_of(*object));
+      return 0;
+    };
+    qx_mom_scan_sync(g_ssc_kelim_global, db, reinterpret_cast<ProtobufCMessage *>(space.data()), 0, collect, &found);
+  });
+  return found;
+}
+
+int Daemon::write(std::int32_t db, const ProtobufCMessage *record) const {
+  int rv = 0;
+  on_loop([&] { rv = qx_mom_set(g_ssc_kelim_global, db, record, 0, 0); });
+  settle();
+  return rv;
+}
+
+int Daemon::remove(std::int32_t db, const ProtobufCMessage *record) const {
+  int rv = 0;
+  on_loop([&] { rv = qx_mom_del(g_ssc_kelim_global, db, record, 0, 0); });
+  settle();
+  return rv;
+}
+
+void Daemon::watch(std::int32_t db, const qx_mom_type &type) {
+  on_loop([&] {
+    const qx_mom_spec spec = {type, QX_MOM_DECODED};
+    qx_mom_subscribe(g_ssc_kelim_global, db, &spec, on_change);
+  });
+  settle();
+  const std::lock_guard lock(g_watch_mutex);
+  g_changes.clear();
+}
+
+std::vector<Change> Daemon::changes() const {
+  const std::lock_guard lock(g_watch_mutex);
+  return g_changes;
+}
+
+void Daemon::expect_error(const std::string &text) {
+  const std::lock_guard lock(mutex_);
+  expected_.emplace(text, false);
+}
+
+std::vector<std::string> Daemon::errors() const {
+  const std::lock_guard lock(mutex_);
+  return errors_;
+}
+
+void Daemon::check_errors() const {
+  auto expected = expected_;
+  for (const std::string &line : errors_) {
+    bool announced = false;
+    for (auto &[text, seen] : expected)
+      if (line.find(text) != std::string::npos) announced = seen = true;
+    EXPECT_TRUE(announced) << "unannounced ERROR line: " << line;
+  }
+  for (const auto &[text, seen] : expected) EXPECT_TRUE(seen) << "this ERROR line did not come: " << text;
+}
+
+// ---- southbound messages
+
+Bytes operator+(Bytes left, const Bytes &right) {
+  left.insert(left.end(), right.begin(), right.end());
+  return left;
+}
+
+Bytes field(std::uint32_t header, const Bytes &bytes) {
+  Bytes out = value(header) + bytes;
+  out.resize((out.size() + 7) / 8 * 8);
+  return out;
+}
+
+Bytes output(std::uint32_t port) {
+  return value<std::uint16_t>(0) + value<std::uint16_t>(16) + value(port) + Bytes(8);
+}
+
+Bytes flow_mod(std::uint64_t index, const Bytes &match, const Bytes &actions, std::uint8_t command) {
+  Bytes msg(44);
+  southbound::put<std::uint64_t>(msg.data(), 8, index);
+  southbound::put<std::uint16_t>(msg.data(), 24, 100);
+  southbound::put<std::uint8_t>(msg.data(), 28, command);
+  southbound::put<std::uint16_t>(msg.data(), 40, 1);
+  southbound::put<std::uint16_t>(msg.data(), 42, static_cast<std::uint16_t>(match.size()));
+  msg = std::move(msg) + match + Bytes(4) + value(static_cast<std::int32_t>(actions.size())) + value<std::uint32_t>(0) + actions;
+  southbound::put_header(msg.data(), 10, 4, static_cast<std::uint16_t>(msg.size()), 0);
+  return msg;
+}
+
+Bytes barrier(std::uint32_t xid, std::uint8_t conn_id) {
+  Bytes msg = message(31, 24);
+  southbound::put<std::uint8_t>(msg.data(), 8, conn_id);
+  southbound::put<std::uint32_t>(msg.data(), 16, xid);
+  southbound::put<std::uint32_t>(msg.data(), 20, 0x0100007f);
+  return msg;
+}
+
+Bytes message(std::uint16_t type, std::uint16_t len) {
+  Bytes msg(len);
+  southbound::put_header(msg.data(), type, 4, len, 0);
+  return msg;
+}
+
+Bytes simple_flow(std::uint64_t index, std::uint32_t port) {
+  return flow_mod(index, field(0x80000004, value<std::uint32_t>(1)) + field(0x80000a02, value<std::uint16_t>(0x0800)), output(port));
+}
+
+}  // namespace harness

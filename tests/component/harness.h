@@ -1,0 +1,129 @@
+// The whole daemon in this process: its own main, the real runtime, loop, store and (where asked for) programming service. The test's thread
+// plays the OpenFlow service library: it calls the registered callbacks and sees every reply that the daemon sends.
+//
+// The host clock stands still; tick() moves it by one timer period. Nothing sleeps: until() waits for a condition, with a limit.
+// Every ERROR line that a test has not announced with expect_error fails the test.
+#pragma once
+
+#include <protobuf-c/protobuf-c.h>
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "host/of_ss/callbacks.h"
+#include "of_ss.h"
+#include "qx_mom.h"
+#include "southbound.h"
+
+namespace harness {
+
+using Bytes = std::vector<std::byte>;
+
+struct Options {
+  bool programmer = false;                     // run the simulated programming service in the process
+  std::map<std::string, std::string> config;  // KELIM_<SECTION>_<KEY> -> value
+};
+
+// One object of the store, decoded; `record` is of the type that was asked for.
+struct Record {
+  std::shared_ptr<ProtobufCMessage> message;
+  template <typename T>
+  const T *as() const {
+    return reinterpret_cast<const T *>(message.get());
+  }
+};
+
+// One notification, with a copy of its record where there was one.
+struct Change {
+  std::uint32_t cmd;
+  Record record;
+};
+
+class Daemon {
+ public:
+  explicit Daemon(const Options &options = {});
+  ~Daemon();
+  Daemon(const Daemon &) = delete;
+  Daemon &operator=(const Daemon &) = delete;
+
+  // The daemon's sixteen callbacks, to be called from the test's thread.
+  const host::of_ss::Callbacks &pi() const { return callbacks_; }
+
+  // Moves the clock by one timer period and waits until the daemon has drained its handler list and the store has delivered what that wrote.
+  void tick(int times = 1);
+  // Moves the clock and lets the loop take what is due.
+  void warp(std::chrono::milliseconds by);
+  // Runs `work` on the main SDN thread and waits for it.
+  void on_loop(const std::function<void()> &work) const;
+  // Whether `condition`, asked on the main SDN thread, becomes true within five seconds.
+  bool until(const std::function<bool()> &condition) const;
+
+  // Replies sent so far, in order; and how many there are of one type.
+  std::vector<Bytes> replies() const;
+  std::vector<Bytes> replies(std::uint16_t type) const;
+  void forget_replies();
+
+  // Everything of one type in the store, in key order, and the number of objects.
+  std::vector<Record> stored(std::int32_t db, const ProtobufCMessageDescriptor *type) const;
+  std::size_t count(std::int32_t db, const ProtobufCMessageDescriptor *type) const { return stored(db, type).size(); }
+  // Writes or deletes a record as another process would.
+  int write(std::int32_t db, const ProtobufCMessage *record) const;
+  int remove(std::int32_t db, const ProtobufCMessage *record) const;
+  // Records every change of a type from now on.
+  void watch(std::int32_t db, const qx_mom_type &type);
+  std::vector<Change> changes() const;
+
+  // The next ERROR lines that contain `text` are expected, any number of them; at least one must come.
+  void expect_error(const std::string &text);
+  // Log lines of class ERROR so far.
+  std::vector<std::string> errors() const;
+
+  // Ends the loop and gives the exit status of main; also done by the destructor.
+  int finish();
+
+ private:
+  void settle() const;
+  void check_errors() const;
+
+  std::string run_dir_;
+  host::of_ss::Callbacks callbacks_;
+  mutable std::mutex mutex_;
+  std::vector<Bytes> replies_;
+  std::vector<std::string> errors_;
+  std::map<std::string, bool> expected_;
+  std::thread main_;
+  int status_ = -1;
+  bool finished_ = false;
+};
+
+// ---- southbound messages, laid out by hand
+
+// A flow-mod. `match` is a sequence of fields (see field), `actions` of actions.
+Bytes flow_mod(std::uint64_t index, const Bytes &match, const Bytes &actions, std::uint8_t command = 0);
+// One match field in its slot: header and value bytes in host order.
+Bytes field(std::uint32_t header, const Bytes &value);
+Bytes output(std::uint32_t port);
+Bytes barrier(std::uint32_t xid, std::uint8_t conn_id = 1);
+// {type, ver 4, len, table 0} and zeros up to `len`.
+Bytes message(std::uint16_t type, std::uint16_t len);
+
+Bytes operator+(Bytes left, const Bytes &right);
+template <typename T>
+Bytes value(T v) {
+  Bytes out(sizeof v);
+  std::memcpy(out.data(), &v, sizeof v);
+  return out;
+}
+
+// An ordinary flow: in_port 1, eth_type 0x800, output to `port`.
+Bytes simple_flow(std::uint64_t index, std::uint32_t port = 2);
+
+}  // namespace harness
