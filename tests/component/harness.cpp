@@ -79,10 +79,10 @@ Daemon::Daemon(const Options &options) {
     const std::lock_guard lock(mutex_);
     replies_.emplace_back(bytes.begin(), bytes.end());
   });
-  host::log::set_tap([this](const host::log::Line &line) {
-    if (line.level < host::log::kError) return;
+  host::log::set_tap([this](const host::log::LineView &line) {
+    if (line.level < host::log::Level::error) return;
     const std::lock_guard lock(mutex_);
-    errors_.push_back(line.text);
+    errors_.emplace_back(line.text);
   });
   main_ = std::thread([this] { status_ = ssc_kelim_main(); });
   if (!until([] { return host::of_ss::callbacks().complete(); })) throw std::runtime_error("the daemon did not start");
