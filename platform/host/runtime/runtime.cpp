@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "host/config/config.h"
+#include "host/control/control.h"
 #include "host/fault/fault.h"
 #include "host/log/log.h"
 #include "host/runtime/loop.h"
@@ -176,6 +177,7 @@ bool complain(const std::string &who, const std::string &why) {
 // Starts what the runtime's owner does not see. False after one line that says why.
 bool start_services(Runtime &runtime) {
   if (const std::string error = log::open(config(), runtime.name); !error.empty()) return complain(runtime.name, error);
+  if (const std::string error = control::start(config(), runtime.name); !error.empty()) return complain(runtime.name, error);
   for (const StartHook &hook : start_hooks()) {
     if (const int rv = hook.start(&runtime.global); rv != 0)
       return complain(runtime.name, std::string(hook.name) + " does not start (" + std::to_string(rv) + ")");
@@ -189,6 +191,7 @@ void release() {
     g_finish_hooks.pop_back();
     stop();
   }
+  control::stop();
   g_runtime.reset();
   log::close();
   config_unload();

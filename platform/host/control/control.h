@@ -1,0 +1,37 @@
+// The control service: debug commands (ssat.h) and views on a unix socket, <run_dir>/<runtime name>.ctl (mode 0600).
+//
+// A request is one JSON object on a line, its answer likewise:
+//   {"call":"cmd","module":"ssc_kelim","command":"kelim_set_dbg","args":{"dbg_val":"0x83"}}
+//       -> {"status":0,"result":0,"output":"what the handler printed"}
+//   {"call":"view","name":"timings","args":{}}  -> {"status":0,"data":...}
+//   {"call":"list"}                             -> {"status":0,"modules":[...],"views":[...]}
+//   anything wrong                              -> {"status":2,"error":"what was wrong and what is allowed"}
+// "result" is what the handler returned. All of it is served on the loop's thread, one request of a client at a time; the next
+// one is read when the answer has gone out. Lines of more than 64 KiB, more than 32 clients and clients that take nothing for a
+// minute are refused.
+//
+// Threads: the loop's.
+#pragma once
+
+#include <functional>
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+
+namespace host {
+struct Config;
+}
+
+namespace host::control {
+
+// A view gives data of a host service; it may throw std::invalid_argument with a text for the caller.
+using View = std::function<nlohmann::json(const nlohmann::json &args)>;
+
+// Registers a view until the runtime is released; a later one of the same name takes its place. Without effect before
+// qx_global_init.
+void register_view(const std::string &name, View view);
+
+// The runtime's own calls. "" or the error.
+std::string start(const Config &config, const std::string &runtime_name);
+void stop();
+
+}  // namespace host::control

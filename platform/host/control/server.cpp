@@ -1,0 +1,143 @@
+#include "host/control/server.h"
+
+#include <errno.h>
+#include <event2/buffer.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "host/log/log.h"
+#include "host/runtime/loop.h"
+
+namespace host::control {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr timeval kIdle{.tv_sec = 300, .tv_usec = 0};  // between requests
+constexpr timeval kStuck{.tv_sec = 60, .tv_usec = 0};  // without taking a byte of the answer
+
+struct BuffereventDeleter {
+  void operator()(bufferevent *b) const { bufferevent_free(b); }
+};
+
+// Whether somebody still serves the socket `address`.
+bool is_served(const sockaddr_un &address) {
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  const bool served = connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 || errno == EAGAIN;
+  ::close(fd);
+  return served;
+}
+
+// A listening socket whose file nobody but its owner may open, from its first moment. Negative on failure, with errno.
+int bound_socket(const sockaddr_un &address) {
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (fd < 0) return -1;
+  if (fchmod(fd, 0600) == 0 && bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0) return fd;
+  const int error = errno;
+  ::close(fd);
+  errno = error;
+  return -1;
+}
+
+}  // namespace
+
+struct LineServer::Client {
+  LineServer *server;
+  std::unique_ptr<bufferevent, BuffereventDeleter> stream;
+  bool closing = false;  // goes when its answer is out
+
+  evbuffer *input() const { return bufferevent_get_input(stream.get()); }
+  evbuffer *output() const { return bufferevent_get_output(stream.get()); }
+  void send(const std::string &line) const {
+    evbuffer_add(output(), line.data(), line.size());
+    evbuffer_add(output(), "\n", 1);
+  }
+};
+
+LineServer::LineServer(Answer answer, Refuse refuse) : answer_(std::move(answer)), refuse_(std::move(refuse)) {}
+
+LineServer::~LineServer() {
+  if (listener_) unlink(path_.c_str());
+}
+
+std::string LineServer::listen(const std::string &path) {
+  sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+  if (path.size() >= sizeof address.sun_path) return path + ": longer than a socket's path may be (107 bytes)";
+  path.copy(address.sun_path, path.size());
+  if (is_served(address)) return path + ": another process serves this socket";
+  unlink(path.c_str());
+  const int fd = bound_socket(address);
+  if (fd < 0) return path + ": " + strerror(errno);
+  const auto on_accept = [](evconnlistener *, evutil_socket_t client, sockaddr *, int, void *self) {
+    static_cast<LineServer *>(self)->accept(client);
+  };
+  listener_.reset(evconnlistener_new(loop_base(), on_accept, this, LEV_OPT_CLOSE_ON_FREE | LEV_OPT_CLOSE_ON_EXEC, 16, fd));
+  if (!listener_) {
+    ::close(fd);
+    return path + ": " + strerror(errno);
+  }
+  path_ = path;
+  // Out of descriptors: the waiting client would wake the loop over and over.
+  evconnlistener_set_error_cb(listener_.get(), [](evconnlistener *l, void *self) {
+    evconnlistener_disable(l);
+    static_cast<LineServer *>(self)->listen_again_.arm(100ms);
+  });
+  return "";
+}
+
+void LineServer::accept(int fd) {
+  bufferevent *stream = bufferevent_socket_new(loop_base(), fd, BEV_OPT_CLOSE_ON_FREE);
+  if (stream == nullptr) {
+    ::close(fd);
+    return;
+  }
+  Client &client = clients_.emplace_back(Client{this, std::unique_ptr<bufferevent, BuffereventDeleter>(stream)});
+  bufferevent_setwatermark(stream, EV_READ, 0, kLongestLine + 1);
+  bufferevent_set_timeouts(stream, &kIdle, &kStuck);
+  const auto ready = [](bufferevent *, void *c) { static_cast<Client *>(c)->server->serve(*static_cast<Client *>(c)); };
+  const auto ended = [](bufferevent *, short, void *c) { static_cast<Client *>(c)->server->close(*static_cast<Client *>(c)); };
+  bufferevent_setcb(stream, ready, ready, ended, &client);
+  if (clients_.size() > kMostClients) {
+    client.closing = true;
+    client.send(refuse_("more than " + std::to_string(kMostClients) + " clients"));
+    return;
+  }
+  bufferevent_enable(stream, EV_READ | EV_WRITE);
+}
+
+// Reads the next request only once the last answer is out: a client that takes nothing costs one answer.
+void LineServer::serve(Client &client) {
+  while (!client.closing && evbuffer_get_length(client.output()) == 0) {
+    std::size_t length = 0;
+    const std::unique_ptr<char, void (*)(void *)> line(evbuffer_readln(client.input(), &length, EVBUFFER_EOL_LF), free);
+    if (line && length > 0) {
+      client.send(answer_(std::string(line.get(), length)));
+    } else if (!line && evbuffer_get_length(client.input()) > kLongestLine) {
+      client.send(refuse_("a request of more than " + std::to_string(kLongestLine) + " bytes"));
+      client.closing = true;
+    } else if (!line) {
+      break;
+    }
+  }
+  close_if_done(client);
+}
+
+void LineServer::close_if_done(Client &client) {
+  const bool pending = evbuffer_get_length(client.output()) > 0;
+  if (!pending && client.closing) {
+    close(client);
+  } else if (pending) {
+    bufferevent_disable(client.stream.get(), EV_READ);
+  } else {
+    bufferevent_enable(client.stream.get(), EV_READ);
+  }
+}
+
+void LineServer::close(Client &client) {
+  clients_.remove_if([&](const Client &c) { return &c == &client; });
+}
+
+}  // namespace host::control
