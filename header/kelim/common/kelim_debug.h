@@ -72,6 +72,11 @@ inline constexpr std::array<const char *, SDN_OPT_MSG_MAX + 1> sdn_oprate_name =
     "SDN_STAT_MSG",     "SDN_PORT_MODE_CHANGE_MSG", "SDN_ADD_ONC",       "SDN_DEL_ONC",       "SDN_BARRIER",
     "SDN_DEL_ALL",      "SDN_OPT_MSG_MAX"};
 
+// The name for a log line, whatever the number.
+inline const char *sdn_oprate_text(std::uint32_t type) {
+  return sdn_oprate_name[type < SDN_OPT_MSG_MAX ? type : SDN_OPT_MSG_MAX];
+}
+
 // ---- debug switches
 
 enum : std::uint32_t {
