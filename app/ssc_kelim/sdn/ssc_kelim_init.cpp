@@ -1,0 +1,602 @@
+#include "ssc_kelim/sdn/ssc_kelim_init.h"
+
+#include <algorithm>
+#include <cstring>
+#include <span>
+
+#include "kelim/common/kelim_debug.h"
+#include "southbound.h"
+#include "ssc_kelim/sdn/southbound_read.h"
+#include "ssc_kelim/sdn/ssc_kelim_adapt.h"
+#include "ssc_kelim/sdn/ssc_kelim_flow_db.h"
+#include "ssc_kelim/sdn/ssc_kelim_msg_to_ssd.h"
+#include "ssc_kelim/sdn/ssc_sdn_msg_queue.h"
+#include "ssc_kelim/sdn/ssc_sdn_proxy.h"
+
+qx_global *g_ssc_kelim_global = nullptr;
+libss_pthrd_mst *ssc_sdn_mst = nullptr;
+
+// ---- intakes
+//
+// All sixteen do the same: note the arrival, check, copy, hand over. What differs stands in one row each, the deliberate
+// differences of counters, log classes and replies included.
+
+namespace {
+
+constexpr unsigned kNone = ~0u;  // no counter, no timing slot
+
+struct Intake;
+
+struct Request {
+  const Intake &intake;
+  std::uint32_t vsd_id;
+  const void *msg;
+  std::uint32_t len;
+};
+
+// How the handler's data is made from the request.
+struct Copy {
+  void *(*allocate)(const Request &);  // null: out of memory, with nothing left allocated
+  void (*fill)(const Request &, void *data);
+  void (*release)(void *data);
+};
+
+struct Intake {
+  const char *name;
+  libss_pthrd_handler handler;
+  unsigned received = kNone;          // slots of sdn_opt_cnt
+  unsigned failed = kNone;            // refused or out of memory
+  unsigned failed_hand_over = kNone;  // not queued
+  unsigned timing = kNone;
+
+  void (*arrived)(const Request &) = nullptr;
+  bool needs_msg = true;
+  std::int32_t (*refused)(const Request &) = nullptr;  // 0, or the code to refuse with, after its line
+  void (*accepted)(const Request &) = nullptr;
+  const Copy *copy = nullptr;  // null: the handler gets no data
+  std::size_t copy_at_least = 0;
+  bool timed_before_fill = false;  // the time ends with the allocation, not with the copy
+
+  const kelim::LogClass *fault = &kelim::kError;  // class of the lines about a missing message and memory
+  const char *no_memory = "malloc happen error!";
+  const kelim::LogClass *hand_over_fault = &kelim::kVer;
+  void (*reply)(const Request &, std::int32_t code) = nullptr;  // null: the controller side hears nothing
+  bool replies_to_refusal = false;
+  const char *done = nullptr;  // VER line of success
+};
+
+void count(unsigned slot) {
+  if (slot != kNone) sdn_opt_cnt[slot]++;
+}
+
+void stop_timing(const Intake &intake) {
+  if (intake.timing != kNone) ssc_sdn_time_stop(intake.timing);
+}
+
+void reply(const Request &request, std::int32_t code) {
+  if (request.intake.reply != nullptr) request.intake.reply(request, code);
+}
+
+// The handler's data; false when memory is short.
+bool copy_request(const Request &request, void *&data) {
+  const Intake &intake = request.intake;
+  data = intake.copy != nullptr ? intake.copy->allocate(request) : nullptr;
+  if (intake.copy != nullptr && data == nullptr) return false;
+  if (intake.timed_before_fill) stop_timing(intake);
+  if (intake.copy != nullptr) intake.copy->fill(request, data);
+  if (!intake.timed_before_fill) stop_timing(intake);
+  return true;
+}
+
+// 0, or the code of a request that must not be queued.
+std::int32_t check(const Request &request) {
+  const Intake &intake = request.intake;
+  if (intake.needs_msg && request.msg == nullptr) {
+    SDN_LOG_AS(*intake.fault, intake.name, "msg = NULL");
+    return -4;
+  }
+  const std::int32_t code = intake.refused != nullptr ? intake.refused(request) : 0;
+  if (code != 0 && intake.replies_to_refusal) reply(request, code);
+  return code;
+}
+
+std::int32_t hand_over(const Request &request, void *data) {
+  const Intake &intake = request.intake;
+  if (ssc_sdn_main_pthrd_add_handler(intake.handler, data, request.vsd_id) != nullptr) {
+    if (intake.done != nullptr) SDN_VER_AS(intake.name, "%s", intake.done);
+    return 0;
+  }
+  SDN_LOG_AS(*intake.hand_over_fault, intake.name, "ssc sdn add main pthread fail!\n");
+  if (intake.copy != nullptr) intake.copy->release(data);
+  count(intake.failed_hand_over);
+  reply(request, -11);
+  return -11;
+}
+
+std::int32_t take_in(const Intake &intake, std::uint32_t vsd_id, const void *msg, std::uint32_t len) {
+  const Request request{intake, vsd_id, msg, len};
+  if (intake.arrived != nullptr) intake.arrived(request);
+  count(intake.received);
+  if (intake.timing != kNone) ssc_sdn_time_start(intake.timing);
+
+  if (const std::int32_t code = check(request); code != 0) {
+    count(intake.failed);
+    return code;
+  }
+  if (intake.accepted != nullptr) intake.accepted(request);
+
+  void *data;
+  if (!copy_request(request, data)) {
+    SDN_LOG_AS(*intake.fault, intake.name, "%s", intake.no_memory);
+    count(intake.failed);
+    reply(request, -2);
+    return -2;
+  }
+  return hand_over(request, data);
+}
+
+// ---- parts of the rows
+
+std::span<const std::byte> bytes(const Request &request) {
+  return {static_cast<const std::byte *>(request.msg), request.len};
+}
+
+std::uint16_t own_length(const Request &request) {
+  return southbound::read<std::uint16_t>(bytes(request), southbound::kLen);
+}
+
+// Whether the fields that intake and handler read are there.
+bool has(const Request &request, std::size_t fields_end) {
+  return request.len >= fields_end;
+}
+
+// Whether, besides, the message says of itself what the library says of it.
+bool fits(const Request &request, std::size_t fields_end) {
+  return has(request, fields_end) && own_length(request) == request.len;
+}
+
+constexpr std::size_t kFlowFieldsEnd = southbound::kFlowOxm;
+constexpr std::size_t kMeterFieldsEnd = southbound::kMeterBands;
+
+// A job of two blocks: the message's length and a copy of it.
+template <typename Job>
+constexpr Copy kJobCopy = {
+    [](const Request &request) -> void * {
+      auto *job = static_cast<Job *>(ssc_sdn_malloc(sizeof(Job), request.intake.name, __LINE__));
+      if (job == nullptr) return nullptr;
+      *job = {request.len, ssc_sdn_malloc(request.len, request.intake.name, __LINE__)};
+      if (job->msg != nullptr) return job;
+      ssc_sdn_free(job);
+      return nullptr;
+    },
+    [](const Request &request, void *data) { std::memcpy(static_cast<Job *>(data)->msg, request.msg, request.len); },
+    [](void *data) {
+      ssc_sdn_free(static_cast<Job *>(data)->msg);
+      ssc_sdn_free(data);
+    },
+};
+
+// The message itself, zero-filled up to what its handler reads of every message.
+constexpr Copy kPlainCopy = {
+    [](const Request &request) {
+      return ssc_sdn_malloc(std::max<std::size_t>(request.len, request.intake.copy_at_least), request.intake.name, __LINE__);
+    },
+    [](const Request &request, void *data) {
+      std::memcpy(data, request.msg, request.len);
+      if (request.len < request.intake.copy_at_least)
+        std::memset(static_cast<std::byte *>(data) + request.len, 0, request.intake.copy_at_least - request.len);
+    },
+    ssc_sdn_free,
+};
+
+std::uint16_t packet_signal(const Request &request) {
+  return southbound::read<std::uint16_t>(bytes(request), southbound::kType);
+}
+
+// One byte: 1 packet start, 0 packet end.
+constexpr Copy kPacketSignalCopy = {
+    [](const Request &request) { return ssc_sdn_malloc(1, request.intake.name, __LINE__); },
+    [](const Request &request, void *data) {
+      *static_cast<std::uint8_t *>(data) = packet_signal(request) == southbound::kPktStart;
+    },
+    ssc_sdn_free,
+};
+
+void log_from_pi(const Request &request) {
+  SDN_VER_AS(request.intake.name, "FROM PI");
+}
+
+void log_enter(const Request &request) {
+  SDN_VER_AS(request.intake.name, "enter, vsd_id: %d, msg: %p, len :%d", static_cast<int>(request.vsd_id), request.msg,
+             static_cast<int>(request.len));
+}
+
+void log_request(const Request &request) {
+  SDN_VER_AS(request.intake.name, "vsd_id: %d, msg: %p, len: %d", static_cast<int>(request.vsd_id), request.msg,
+             static_cast<int>(request.len));
+}
+
+std::uint64_t flow_index(const Request &request) {
+  return southbound::read<std::uint64_t>(bytes(request), southbound::kFlowIndex);
+}
+
+void dump_match(const Request &request) {
+  if (!kelim::kVer.enabled()) return;
+  const auto match = bytes(request).subspan(southbound::kFlowMatchType);
+  const std::size_t wanted = southbound::read<std::uint16_t>(bytes(request), southbound::kFlowMatchLen) + std::size_t{4};
+  ssc_sdn_dbg_msg(match.data(), static_cast<std::int64_t>(std::min(wanted, match.size())));
+}
+
+// ---- the rows
+
+constexpr Intake kAddFlow = {
+    .name = "ssc_sdn_add_flow_msg",
+    .handler = ssc_sdn_add_flow_handler,
+    .received = SDN_OPT_FLOW_ADD + SDN_OPT_RECEIVED,
+    .failed = SDN_OPT_FLOW_ADD + SDN_OPT_FAILED,
+    .failed_hand_over = SDN_OPT_FLOW_ADD + SDN_OPT_FAILED,
+    .timing = SDN_TIME_ADD_FLOW,
+    .arrived = log_from_pi,
+    .refused = [](const Request &request) -> std::int32_t {
+      if (fits(request, kFlowFieldsEnd)) return 0;
+      SDN_ERROR_AS(request.intake.name, "invalid flow length! (para_len = %d, flow header length = %d)",
+                   static_cast<int>(request.len), own_length(request));
+      return -4;
+    },
+    .accepted =
+        [](const Request &request) {
+          SDN_DS_AS(request.intake.name, "add flow:%lu.", flow_index(request));
+          SDN_VER_AS(request.intake.name, "[sdn_flow_oprate]: add flow index: %lu).", flow_index(request));
+          SDN_VER_AS(request.intake.name, "[ADD] msg: ");
+          dump_match(request);
+          log_enter(request);
+        },
+    .copy = &kJobCopy<ssc_sdn_flow_job>,
+    .hand_over_fault = &kelim::kError,
+    .reply = [](const Request &request,
+                std::int32_t code) { sdn_send_flow_ret_val_2_proxy(request.vsd_id, flow_index(request), code); },
+    .done = "leave",
+};
+
+// Deliberate: a delete is never answered, whatever becomes of it.
+constexpr Intake kDelFlow = {
+    .name = "ssc_sdn_del_flow_msg",
+    .handler = ssc_sdn_del_flow_handler,
+    .received = SDN_OPT_FLOW_DEL + SDN_OPT_RECEIVED,
+    .failed = SDN_OPT_FLOW_DEL + SDN_OPT_FAILED,
+    .failed_hand_over = SDN_OPT_FLOW_DEL + SDN_OPT_FAILED,
+    .timing = SDN_TIME_DEL_FLOW,
+    .arrived = log_from_pi,
+    .refused = [](const Request &request) -> std::int32_t {
+      if (fits(request, kFlowFieldsEnd)) return 0;
+      SDN_ERROR_AS(request.intake.name, "invalid flow length!(para_len = %d, flow header length = %d)",
+                   static_cast<int>(request.len), own_length(request));
+      return -4;
+    },
+    .accepted =
+        [](const Request &request) {
+          SDN_VER_AS(request.intake.name, "[sdn_flow_oprate]:del flow index: %lu).", flow_index(request));
+          SDN_VER_AS(request.intake.name, "[DEL] msg: ");
+          dump_match(request);
+          log_enter(request);
+        },
+    .copy = &kJobCopy<ssc_sdn_flow_job>,
+    .done = "leave",
+};
+
+std::int32_t refuse_meter(const Request &request) {
+  if (fits(request, kMeterFieldsEnd)) return 0;
+  SDN_ERROR_AS(request.intake.name, "invalid meter length! (para_len = %d, meter header length = %d)",
+               static_cast<int>(request.len), own_length(request));
+  return -4;
+}
+
+// Deliberate: failures of an add have no counter of their own; the reply that every one of them but a missing message gets is
+// counted.
+constexpr Intake kAddMeter = {
+    .name = "ssc_sdn_add_meter_msg",
+    .handler = ssc_sdn_add_meter_handler,
+    .received = SDN_OPT_METER_ADD + SDN_OPT_RECEIVED,
+    .timing = SDN_TIME_ADD_METER,
+    .arrived = log_from_pi,
+    .refused = refuse_meter,
+    .accepted =
+        [](const Request &request) {
+          SDN_VER_AS(request.intake.name, "[ADD] msg: ");
+          log_enter(request);
+        },
+    .copy = &kJobCopy<ssc_sdn_meter_job>,
+    .hand_over_fault = &kelim::kError,
+    .reply =
+        [](const Request &request, std::int32_t code) {
+          sdn_send_meter_ret_val_2_proxy(request.vsd_id, southbound::read<std::uint32_t>(bytes(request), southbound::kMeterId),
+                                         code);
+        },
+    .replies_to_refusal = true,
+    .done = "leave",
+};
+
+constexpr Intake kDelMeter = {
+    .name = "ssc_sdn_del_meter_msg",
+    .handler = ssc_sdn_del_meter_handler,
+    .received = SDN_OPT_METER_DEL + SDN_OPT_RECEIVED,
+    .failed = SDN_OPT_METER_DEL + SDN_OPT_FAILED,
+    .failed_hand_over = SDN_OPT_METER_DEL + SDN_OPT_FAILED,
+    .timing = SDN_TIME_DEL_METER,
+    .arrived = log_from_pi,
+    .refused = refuse_meter,
+    .accepted =
+        [](const Request &request) {
+          SDN_VER_AS(request.intake.name, "[DEL] msg: ");
+          log_enter(request);
+        },
+    .copy = &kJobCopy<ssc_sdn_meter_job>,
+    .done = "leave",
+};
+
+constexpr Intake kEnable = {
+    .name = "ssc_sdn_enable_msg",
+    .handler = ssc_sdn_enable_msg_handler,
+    .received = SDN_OPT_ENABLE + SDN_OPT_RECEIVED,
+    .failed = SDN_OPT_ENABLE + SDN_OPT_FAILED,
+    .failed_hand_over = SDN_OPT_ENABLE + SDN_OPT_FAILED,
+    .timing = SDN_TIME_ENABLE,
+    .arrived = log_from_pi,
+    .accepted = log_request,
+    .copy = &kPlainCopy,
+    .copy_at_least = southbound::kHeaderLen,
+    .timed_before_fill = true,
+    .done = "leave",
+};
+
+constexpr Intake kDisable = {
+    .name = "ssc_sdn_disable_msg",
+    .handler = ssc_sdn_disable_msg_handler,
+    .received = SDN_OPT_DISABLE + SDN_OPT_RECEIVED,
+    .failed = SDN_OPT_DISABLE + SDN_OPT_FAILED,
+    .failed_hand_over = SDN_OPT_DISABLE + SDN_OPT_FAILED,
+    .timing = SDN_TIME_DISABLE,
+    .arrived = log_from_pi,
+    .accepted = log_request,
+    .copy = &kPlainCopy,
+    .copy_at_least = southbound::kHeaderLen,
+    .timed_before_fill = true,
+    .done = "leave",
+};
+
+// Refused barriers are traced under the barrier switch only.
+constexpr Intake kBarrier = {
+    .name = "ssc_sdn_barrier_msg",
+    .handler = ssc_sdn_add_barrier_handler,
+    .received = SDN_OPT_BARRIER + SDN_OPT_RECEIVED,
+    .failed = SDN_OPT_BARRIER + SDN_OPT_FAILED,
+    .failed_hand_over = SDN_OPT_BARRIER + SDN_OPT_FAILED,
+    .copy = &kPlainCopy,
+    .copy_at_least = southbound::kBarrierLen,
+    .fault = &kelim::kBarrier,
+    .hand_over_fault = &kelim::kBarrier,
+};
+
+constexpr Intake kDelAllFlow = {
+    .name = "ssc_sdn_del_all_flow",
+    .handler = ssc_sdn_del_all_flow_handler,
+    .received = SDN_OPT_DEL_ALL_FLOW + SDN_OPT_RECEIVED,
+    .failed = SDN_OPT_DEL_ALL_FLOW + SDN_OPT_FAILED,
+    .failed_hand_over = SDN_OPT_DEL_ALL_FLOW + SDN_OPT_FAILED,
+    .timing = SDN_TIME_DEL_ALL_FLOW,
+    .arrived = log_from_pi,
+};
+
+constexpr Intake kDelAll = {
+    .name = "ssc_sdn_del_all_msg",
+    .handler = ssc_sdn_del_all_handler,
+    .received = SDN_OPT_DEL_ALL + SDN_OPT_RECEIVED,
+    .failed_hand_over = SDN_OPT_DEL_ALL + SDN_OPT_FAILED,
+    .arrived =
+        [](const Request &request) {
+          log_from_pi(request);
+          SDN_DS_AS(request.intake.name, "sdn del_all_msg vsd:%d.", static_cast<int>(request.vsd_id));
+        },
+    .needs_msg = false,
+};
+
+constexpr Intake kDsStart = {
+    .name = "ssc_sdn_ds_recv_start_sig",
+    .handler = ssc_sdn_ds_recv_start_handler,
+    .received = SDN_OPT_DS_START + SDN_OPT_RECEIVED,
+    .failed = SDN_OPT_DS_START + SDN_OPT_FAILED,
+    .failed_hand_over = SDN_OPT_DS_START + SDN_OPT_FAILED,
+    .timing = SDN_TIME_DS_START,
+    .arrived =
+        [](const Request &request) { SDN_VER_AS(request.intake.name, "FROM PI, length is %d", static_cast<int>(request.len)); },
+    .accepted = [](const Request &request) { SDN_VER_AS(request.intake.name, "Data is %p", request.msg); },
+    .done = "LEAVE",
+};
+
+constexpr Intake kDsEnd = {
+    .name = "ssc_sdn_ds_recv_end_sig",
+    .handler = ssc_sdn_ds_recv_end_handler,
+    .received = SDN_OPT_DS_END + SDN_OPT_RECEIVED,
+    .failed = SDN_OPT_DS_END + SDN_OPT_FAILED,
+    .failed_hand_over = SDN_OPT_DS_END + SDN_OPT_FAILED,
+    .timing = SDN_TIME_DS_END,
+    .arrived = log_from_pi,
+    .done = "LEAVE",
+};
+
+constexpr Intake kStatistic = {
+    .name = "ssc_sdn_statistic_msg",
+    .handler = ssc_sdn_get_statistic_val_handler,
+    .received = SDN_OPT_STATISTIC + SDN_OPT_RECEIVED,
+    .failed = SDN_OPT_STATISTIC + SDN_OPT_FAILED,
+    .failed_hand_over = SDN_OPT_STATISTIC + SDN_OPT_FAILED,
+    .timing = SDN_TIME_STATISTIC,
+    .refused = [](const Request &request) -> std::int32_t {
+      if (fits(request, southbound::kStatRequestLen)) return 0;
+      SDN_ERROR_AS(request.intake.name, "invalid sdn statistic msg  length! (para_len = %d, statistic msg header length = %d)",
+                   static_cast<int>(request.len), own_length(request));
+      return -4;
+    },
+    .copy = &kPlainCopy,
+    .hand_over_fault = &kelim::kError,
+};
+
+constexpr Intake kFlowCountConfig = {
+    .name = "ssc_sdn_flowcnt_cfg_sig",
+    .handler = ssc_sdn_flowcnt_cfg_handler,
+    .refused = [](const Request &request) -> std::int32_t {
+      if (has(request, southbound::kCountLen)) return 0;
+      SDN_ERROR_AS(request.intake.name, "invalid flow count config length! (para_len = %d, shortest = %d)",
+                   static_cast<int>(request.len), static_cast<int>(southbound::kCountLen));
+      return -4;
+    },
+    .copy = &kPlainCopy,
+    .hand_over_fault = &kelim::kError,
+};
+
+std::int32_t refuse_onc(const Request &request) {
+  if (has(request, southbound::kOncLen)) return 0;
+  SDN_ERROR_AS(request.intake.name, "invalid onc length! (para_len = %d, shortest = %d)", static_cast<int>(request.len),
+               static_cast<int>(southbound::kOncLen));
+  return -4;
+}
+
+constexpr Intake kAddOnc = {
+    .name = "ssc_sdn_add_onc_msg",
+    .handler = ssc_sdn_add_onc_handler,
+    .received = SDN_OPT_ONC_ADD + SDN_OPT_RECEIVED,
+    .failed = SDN_OPT_ONC_ADD + SDN_OPT_FAILED,
+    .failed_hand_over = SDN_OPT_ONC_ADD + SDN_OPT_FAILED,
+    .arrived = log_from_pi,
+    .refused = refuse_onc,
+    .accepted = log_request,
+    .copy = &kPlainCopy,
+    .done = "leave",
+};
+
+constexpr Intake kDelOnc = {
+    .name = "ssc_sdn_del_onc_msg",
+    .handler = ssc_sdn_del_onc_handler,
+    .received = SDN_OPT_ONC_DEL + SDN_OPT_RECEIVED,
+    .failed = SDN_OPT_ONC_DEL + SDN_OPT_FAILED,
+    .failed_hand_over = SDN_OPT_ONC_DEL + SDN_OPT_FAILED,
+    .arrived = log_from_pi,
+    .refused = refuse_onc,
+    .accepted = log_request,
+    .copy = &kPlainCopy,
+    .done = "leave",
+};
+
+// Deliberate: a signal that cannot be queued counts as a failed delete-all; operators look for it there.
+constexpr Intake kPacketSignal = {
+    .name = "ssc_sdn_pkt_start_msg",
+    .handler = ssc_sdn_pkt_start_handler,
+    .failed_hand_over = SDN_OPT_DEL_ALL + SDN_OPT_FAILED,
+    .needs_msg = false,
+    .refused = [](const Request &request) -> std::int32_t {
+      const std::uint16_t type = packet_signal(request);
+      if (type == southbound::kPktStart || type == southbound::kPktEnd) return 0;
+      SDN_ERROR_AS(request.intake.name, "ss_head type is %u then will return fail\n", type);
+      return -11;
+    },
+    .copy = &kPacketSignalCopy,
+    .no_memory = "malloc fail.",
+    .hand_over_fault = &kelim::kError,
+};
+
+}  // namespace
+
+std::int32_t ssc_sdn_add_flow_msg(std::uint32_t vsd_id, const void *msg, std::uint32_t len) {
+  return take_in(kAddFlow, vsd_id, msg, len);
+}
+std::int32_t ssc_sdn_del_flow_msg(std::uint32_t vsd_id, const void *msg, std::uint32_t len) {
+  return take_in(kDelFlow, vsd_id, msg, len);
+}
+std::int32_t ssc_sdn_add_meter_msg(std::uint32_t vsd_id, const void *msg, std::uint32_t len) {
+  return take_in(kAddMeter, vsd_id, msg, len);
+}
+std::int32_t ssc_sdn_del_meter_msg(std::uint32_t vsd_id, const void *msg, std::uint32_t len) {
+  return take_in(kDelMeter, vsd_id, msg, len);
+}
+std::int32_t ssc_sdn_enable_msg(std::int32_t vsd_id, const void *msg, std::uint32_t len) {
+  return take_in(kEnable, static_cast<std::uint32_t>(vsd_id), msg, len);
+}
+std::int32_t ssc_sdn_disable_msg(std::int32_t vsd_id, const void *msg, std::uint32_t len) {
+  return take_in(kDisable, static_cast<std::uint32_t>(vsd_id), msg, len);
+}
+std::int32_t ssc_sdn_barrier_msg(std::uint32_t vsd_id, const void *msg, std::uint32_t len) {
+  return take_in(kBarrier, vsd_id, msg, len);
+}
+std::int32_t ssc_sdn_del_all_flow(std::uint32_t vsd_id, const void *msg, std::uint32_t len) {
+  return take_in(kDelAllFlow, vsd_id, msg, len);
+}
+std::int32_t ssc_sdn_del_all_msg(std::uint32_t vsd_id, const void *msg, std::uint32_t len) {
+  return take_in(kDelAll, vsd_id, msg, len);
+}
+std::int32_t ssc_sdn_ds_recv_start_sig(std::uint32_t vsd_id, const void *msg, std::uint32_t len) {
+  return take_in(kDsStart, vsd_id, msg, len);
+}
+std::int32_t ssc_sdn_ds_recv_end_sig(std::uint32_t vsd_id, const void *msg, std::uint32_t len) {
+  return take_in(kDsEnd, vsd_id, msg, len);
+}
+std::int32_t ssc_sdn_statistic_msg(std::uint32_t vsd_id, const void *msg, std::uint32_t len) {
+  return take_in(kStatistic, vsd_id, msg, len);
+}
+std::int32_t ssc_sdn_flowcnt_cfg_sig(std::uint32_t vsd_id, const void *msg, std::uint32_t len) {
+  return take_in(kFlowCountConfig, vsd_id, msg, len);
+}
+std::int32_t ssc_sdn_add_onc_msg(std::uint32_t vsd_id, const void *msg, std::uint32_t len) {
+  return take_in(kAddOnc, vsd_id, msg, len);
+}
+std::int32_t ssc_sdn_del_onc_msg(std::uint32_t vsd_id, const void *msg, std::uint32_t len) {
+  return take_in(kDelOnc, vsd_id, msg, len);
+}
+std::int32_t ssc_sdn_pkt_start_msg(std::uint32_t vsd_id, const void *msg, std::uint32_t len) {
+  return take_in(kPacketSignal, vsd_id, msg, len);
+}
+
+// ---- the main SDN handler list
+
+std::int32_t ssc_sdn_main_pthread_init() {
+  if (ssc_sdn_mst != nullptr) return 0;
+  ssc_sdn_mst = libss_pthrd_create_mst_withname("ssc_sdn_main_pthread_init");
+  if (ssc_sdn_mst != nullptr) return 0;
+  SDN_ERROR("ssc_sdn_mst = NULL, libss_pthrd_create_mst happen error");
+  return -11;
+}
+
+libss_pthrd_hdl *ssc_sdn_main_pthrd_add_handler(libss_pthrd_handler handler, void *data, std::uint32_t value) {
+  return libss_pthrd_add_hdl(ssc_sdn_mst, handler, data, value, LIBSS_PTHRD_PLAIN);
+}
+
+void ssc_sdn_main_pthrd_handler() {
+  if (libss_pthrd_drain(ssc_sdn_mst, 0) == LIBSS_PTHRD_FREED) ssc_sdn_mst = nullptr;
+}
+
+// ---- initialisation
+
+std::int32_t ssc_kelim_init(qx_global *global) {
+  if (global == nullptr) return -4;
+  [[maybe_unused]] static const bool timing_named = (ssc_sdn_stat_time_init(), true);
+  ssc_kelim_flow_info_init();
+  if (const std::int32_t rv = ssc_kelim_pack_send_task_init(); rv != 0) {
+    SDN_ERROR("ssc_kelim_pack_send_task_init error");
+    return rv;
+  }
+  ssc_sdn_msg_queue_init();
+  if (const std::int32_t rv = ssc_sdn_main_pthread_init(); rv != 0) {
+    SDN_ERROR("ssc_sdn_main_pthread_init fail");
+    return rv;
+  }
+  if (const std::int32_t rv = libproxy_fp_sdn_dep_init(global); rv != 0) {
+    SDN_ERROR("libproxy_fp_sdn_dep_init fail");
+    return rv;
+  }
+  return 0;
+}
+
+void ssc_kelim_init_reset_for_tests() {
+  g_ssc_kelim_global = nullptr;
+  libss_pthrd_destroy_mst(ssc_sdn_mst);
+  ssc_sdn_main_pthrd_handler();
+}
