@@ -1,1 +1,32 @@
+// Process entry and lifecycle: start-up chain, database connections, the watchers of install results and the event timer that
+// drains the main SDN list.
+//
+// Everything here runs on the event loop's thread, which is the main SDN thread. Nothing is retried: a step that fails is logged,
+// its code goes to whoever called, and the daemon stays up with what it has.
 #pragma once
+
+#include <cstdint>
+
+#include "qx_mom.h"
+#include "qx_runtime.h"
+
+// The redundancy manager's callback, for both of its slots: the daemon does the same in every role. Connects the databases and
+// starts the event timer. 0, or the first failing step's code.
+int ssc_kelim_rdnd_unware_cb(void *role, void *state);
+
+// Asynchronous connections of databases 4 and 8 have come up; the label (may be null) is the one given when connecting.
+int ssc_app_async_connect_cb(void *conn, const char *label);  // 0 always
+int ssc_udp_async_connect_cb(void *conn, const char *label);  // 0, -1, or the code of ssc_kelim_init
+
+// Their connection has changed. Type 1 (another server process) ends this process with status 77, type 2 (the same one is back)
+// repeats the connect callback and gives its result, others give 0.
+int ssc_kelim_app_reconnect_cb(void *conn, std::int32_t db, std::int32_t type);
+int ssc_kelim_udp_reconnect_cb(void *conn, std::int32_t db, std::int32_t type);
+
+// Watchers of what the programming services write back.
+int flow_install_call_back(void *conn, const qx_obj *msg);         // flow_sta, database 8; 0 always
+int meter_install_call_back(void *conn, const qx_obj *msg);        // meter, database 8; -1 for a malformed notification
+int flow_to_ace_install_call_back(void *conn, const qx_obj *msg);  // flow_to_ace, database 4; -4 for a delete without a record
+
+// The event timer: one drain of the main SDN list, then armed again for 50 ms later. 0, or -11 when it cannot be armed.
+int ssc_kelim_event_pthrd(qx_thread *thread);
