@@ -1,0 +1,58 @@
+#include "host/cgst/cgst.h"
+
+#include <algorithm>
+
+namespace cgst {
+
+namespace {
+
+Load pipeline_load;
+Limits topic_limits;
+Limits pipeline_limits;
+
+}  // namespace
+
+void Load::add(size_t size) {
+  ++total;
+  high_writes = std::max(high_writes, ++writes);
+  high_bytes = std::max(high_bytes, bytes += size);
+}
+
+void Load::remove(size_t size) {
+  --writes;
+  bytes -= size;
+}
+
+bool Topic::admit(size_t size) {
+  if ((!enrolled_ || load_.admits(size, topic_limits)) && pipeline_load.admits(size, pipeline_limits)) return true;
+  ++load_.refused;
+  ++pipeline_load.refused;
+  return false;
+}
+
+void Topic::take(size_t size) {
+  load_.add(size);
+  pipeline_load.add(size);
+}
+
+void Topic::release(size_t size) {
+  load_.remove(size);
+  pipeline_load.remove(size);
+}
+
+const Load &pipeline() {
+  return pipeline_load;
+}
+
+void set_limits(const Limits &topic, const Limits &pipeline) {
+  topic_limits = topic;
+  pipeline_limits = pipeline;
+}
+
+void reset() {
+  pipeline_load = {};
+  topic_limits = {};
+  pipeline_limits = {};
+}
+
+}  // namespace cgst

@@ -1,0 +1,58 @@
+// What is on its way to the database or to subscribers, a record type each: the figures of congestion control. Loop's thread.
+//
+// A write is in flight from its acceptance until every subscriber has seen it (embedded store) or the server has answered (Redis).
+// Deletions are counted but never refused: they free more than they hold.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+namespace cgst {
+
+// 0 is "no limit".
+struct Limits {
+  uint64_t writes = 0;
+  uint64_t bytes = 0;
+};
+
+struct Load {
+  uint64_t writes = 0;
+  uint64_t bytes = 0;
+  uint64_t high_writes = 0;
+  uint64_t high_bytes = 0;
+  uint64_t refused = 0;  // over the limit
+  uint64_t total = 0;    // taken since the start
+
+  bool admits(size_t size, const Limits &limits) const {
+    return (!limits.writes || writes < limits.writes) && (!limits.bytes || bytes + size <= limits.bytes);
+  }
+  void add(size_t size);
+  void remove(size_t size);
+};
+
+class Topic {
+ public:
+  // True when the write may go on; false counts it as refused. Nothing is in flight before take().
+  bool admit(size_t size);
+  void take(size_t size);
+  void release(size_t size);
+
+  // A registered topic has a limit of its own beside the pipeline's.
+  void enrol() { enrolled_ = true; }
+  bool enrolled() const { return enrolled_; }
+  const Load &load() const { return load_; }
+
+ private:
+  Load load_;
+  bool enrolled_ = false;
+};
+
+// The sum over all topics, and the limits in force.
+const Load &pipeline();
+void set_limits(const Limits &topic, const Limits &pipeline);
+
+// Forgets loads and limits; the runtime's end.
+void reset();
+
+}  // namespace cgst

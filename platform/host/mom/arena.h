@@ -1,0 +1,50 @@
+// Memory for unpacked records that live for one callback: a stack of blocks, released as a whole. An unpack makes a dozen small
+// allocations; from here they cost a few instructions each. Nested use (a callback that scans) releases in reverse order. Loop's thread.
+#pragma once
+
+#include <protobuf-c/protobuf-c.h>
+
+#include <cstddef>
+#include <memory>
+#include <vector>
+
+namespace mom {
+
+class Arena {
+ public:
+  // What was allocated during a scope's life is gone at its end.
+  class Scope {
+   public:
+    explicit Scope(Arena &arena) : arena_(arena), block_(arena.block_), used_(arena.used_) {}
+    Scope(const Scope &) = delete;
+    Scope &operator=(const Scope &) = delete;
+    ~Scope() { arena_.rewind(block_, used_); }
+
+   private:
+    Arena &arena_;
+    size_t block_;
+    size_t used_;
+  };
+
+  // For protobuf_c_message_unpack; its frees do nothing.
+  ProtobufCAllocator *allocator() { return &allocator_; }
+
+ private:
+  struct Block {
+    std::unique_ptr<std::byte[]> memory;
+    size_t size;
+  };
+  static constexpr size_t kBlockSize = 64U << 10;
+  static constexpr size_t kBlocksKept = 4;
+
+  void *allocate(size_t size);
+  void rewind(size_t block, size_t used);
+
+  std::vector<Block> blocks_;
+  size_t block_ = 0;  // the one in use; may be one past the last
+  size_t used_ = 0;   // of it
+  ProtobufCAllocator allocator_{[](void *arena, size_t size) { return static_cast<Arena *>(arena)->allocate(size); },
+                                [](void *, void *) {}, this};
+};
+
+}  // namespace mom

@@ -1,0 +1,283 @@
+#include "host/mom/embedded.h"
+
+#include <algorithm>
+#include <chrono>
+
+namespace mom {
+
+namespace {
+
+// A sweep over a large table shares the loop with everything else.
+constexpr auto kSweepTurn = std::chrono::milliseconds(10);
+constexpr unsigned kLookAtClockEvery = 64;
+
+}  // namespace
+
+Embedded::Embedded(Hub &hub) : hub_(hub), timer_([this] { sweep(); }) {}
+
+int Embedded::connect_sync(Database &db) {
+  db.sync_up = true;
+  return 0;
+}
+
+int Embedded::connect(Database &db) {
+  hub_.later().act([this, &db] { hub_.connected(db); });
+  return 0;
+}
+
+Embedded::Table &Embedded::table(Slot &slot) {
+  const auto db = static_cast<size_t>(slot.db.number);
+  const size_t type = slot.type.id();
+  if (db >= by_slot_.size()) by_slot_.resize(db + 1);
+  auto &tables = by_slot_[db];
+  if (type >= tables.size()) tables.resize(type + 1);
+  if (!tables[type]) {
+    tables_.push_back(std::unique_ptr<Table>(new Table{slot, {}, 0, 1, 0, {}, {}, {}}));
+    tables[type] = tables_.back().get();
+  }
+  return *tables[type];
+}
+
+// ---- expiry
+
+bool Embedded::under_expiry(const Table &table, const Object &object) const {
+  return object.own_expiry || (table.deadline && object.generation != table.generation);
+}
+
+bool Embedded::expired(const Table &table, const Key &key, const Object &object, Time now) const {
+  if (object.own_expiry) return now >= table.own.due(key).value_or(now);
+  return table.deadline && object.generation != table.generation && now >= *table.deadline;
+}
+
+SortedIndex::Place Embedded::find(Table &table, const Key &key) {
+  SortedIndex::Place place = table.index.find(key);
+  if (!place.found || !may_expire(table)) return place;
+  if (!expired(table, key, *table.index.at(place), host::clock::now())) return place;
+  remove(table, place, key);
+  return table.index.find(key);
+}
+
+// Takes the object out of any expiry.
+void Embedded::forget_expiry(Table &table, const Key &key, Object &object) {
+  if (object.own_expiry) table.own.clear(key);
+  object.own_expiry = 0;
+  object.generation = table.generation;
+}
+
+void Embedded::drop_own(Table &table) {
+  for (const auto &[key, due] : table.own.keys()) {
+    if (const auto place = table.index.find(key); place.found) table.index.at(place)->own_expiry = 0;
+  }
+  table.own.clear();
+}
+
+void Embedded::set_deadline(Table &table, std::optional<Time> deadline) {
+  table.deadline = deadline;
+  table.swept.reset();
+}
+
+void Embedded::arm() {
+  std::optional<Time> next;
+  const auto earlier = [&](Time due) { next = next ? std::min(*next, due) : due; };
+  for (const auto &table : tables_) {
+    if (table->deadline) earlier(*table->deadline);
+    if (!table->own.empty()) earlier(table->own.first().first);
+  }
+  if (next) {
+    timer_.arm(std::max(*next - host::clock::now(), Time::zero()));
+  } else {
+    timer_.cancel();
+  }
+}
+
+void Embedded::sweep() {
+  const Time now = host::clock::now();
+  for (const auto &table : tables_) {
+    sweep_own(*table, now);
+    if (table->deadline && now >= *table->deadline && sweep_template(*table, now)) set_deadline(*table, std::nullopt);
+  }
+  arm();
+}
+
+void Embedded::sweep_own(Table &table, Time now) {
+  while (!table.own.empty() && table.own.first().first <= now) {
+    const Key key = table.own.first().second;
+    remove(table, table.index.find(key), key);
+  }
+}
+
+// True when the whole table has been seen; else a later turn goes on where this one stopped.
+bool Embedded::sweep_template(Table &table, Time now) {
+  const auto end = std::chrono::steady_clock::now() + kSweepTurn;
+  unsigned looked_at = 0;
+  for (auto place = table.swept ? table.index.after(*table.swept) : table.index.first(); place.found;) {
+    const Key key = table.index.key_at(place);
+    if (++looked_at % kLookAtClockEvery == 0 && std::chrono::steady_clock::now() >= end) return false;
+    if (expired(table, key, *table.index.at(place), now)) {
+      remove(table, place, key);
+      place = table.index.after(key);
+    } else {
+      place = table.index.next(place);
+    }
+    table.swept = key;
+  }
+  return true;
+}
+
+template <typename Condition>
+void Embedded::remove_if(Table &table, Condition condition) {
+  for (auto place = table.index.first(); place.found;) {
+    const Key key = table.index.key_at(place);
+    if (condition(*table.index.at(place))) {
+      remove(table, place, key);
+      place = table.index.after(key);
+    } else {
+      place = table.index.next(place);
+    }
+  }
+}
+
+int Embedded::pexpire(Slot &slot, const Key *key, uint32_t ms, qx_mom_done_cb done) {
+  Table &table = this->table(slot);
+  const Time due = host::clock::now() + std::chrono::milliseconds(ms);
+  if (!key) {
+    drop_own(table);
+    ++table.generation;
+    set_deadline(table, due);
+  } else if (const auto place = find(table, *key); place.found) {
+    forget_expiry(table, *key, *table.index.at(place));
+    table.index.at(place)->own_expiry = 1;
+    table.own.set(*key, due);
+  }
+  arm();
+  if (done) hub_.later().act([done] { done(); });
+  return 0;
+}
+
+int Embedded::del_expire(Slot &slot, const Key *key) {
+  Table &table = this->table(slot);
+  if (!key) {
+    drop_own(table);
+    set_deadline(table, std::nullopt);
+  } else if (const auto place = find(table, *key); place.found) {
+    forget_expiry(table, *key, *table.index.at(place));
+  }
+  arm();
+  return 0;
+}
+
+int Embedded::del_expire_tag(Slot &slot, int64_t tag) {
+  Table &table = this->table(slot);
+  remove_if(table, [&](const Object &object) { return object.tag == tag && under_expiry(table, object); });
+  arm();
+  return 0;
+}
+
+// ---- objects
+
+void Embedded::notify(Table &table, Change change, const ObjectRef &object) {
+  if (!table.slot.subscriptions.empty()) hub_.later().notify(table.slot, change, object);
+}
+
+int Embedded::write(Table &table, const SortedIndex::Place &place, const Key &key, Bytes packed, int64_t tag) {
+  if (!table.slot.subscriptions.empty() && !table.slot.topic.admit(packed.size())) return -14;
+  const ObjectRef object = ObjectRef::make(packed, key.tail);
+  if (!object) return -1;
+  object->tag = tag;
+  object->generation = table.generation;
+  object->born = table.scans;
+  table.object_bytes += sizeof(Object) + packed.size() + key.tail.size();
+  if (!place.found) {
+    table.index.insert(place, key, object);
+    notify(table, Change::created, object);
+    return 0;
+  }
+  const ObjectRef old = table.index.replace(place, object);
+  object->born = old->born;
+  table.object_bytes -= sizeof(Object) + old->size + old->tail_size;
+  if (old->own_expiry) table.own.clear(key);
+  notify(table, Change::rewritten, object);
+  return 0;
+}
+
+void Embedded::remove(Table &table, const SortedIndex::Place &place, const Key &key) {
+  const ObjectRef object = table.index.erase(place);
+  table.object_bytes -= sizeof(Object) + object->size + object->tail_size;
+  if (object->own_expiry) table.own.clear(key);
+  notify(table, Change::deleted, object);
+}
+
+int Embedded::set(Slot &slot, const Key &key, Bytes packed, std::optional<int64_t> tag) {
+  Table &table = this->table(slot);
+  return write(table, find(table, key), key, packed, tag.value_or(0));
+}
+
+int Embedded::setnx_sync(Slot &slot, const Key &key, Bytes packed) {
+  Table &table = this->table(slot);
+  const auto place = find(table, key);
+  return place.found ? 1 : write(table, place, key, packed, 0);
+}
+
+int Embedded::del(Slot &slot, const Key &key) {
+  Table &table = this->table(slot);
+  const auto place = find(table, key);
+  if (!place.found) return -7;
+  remove(table, place, key);
+  return 0;
+}
+
+int Embedded::publish(Slot &slot, Bytes packed) {
+  if (slot.subscriptions.empty()) return 0;
+  if (!slot.topic.admit(packed.size())) return -14;
+  ObjectRef object = ObjectRef::make(packed, {});
+  if (!object) return -1;
+  hub_.later().notify(slot, Change::published, std::move(object));
+  return 0;
+}
+
+int Embedded::get_sync(Slot &slot, const Key &key, std::vector<uint8_t> &packed) {
+  Table &table = this->table(slot);
+  const auto place = find(table, key);
+  if (!place.found) return -7;
+  const Bytes bytes = table.index.at(place)->packed();
+  packed.assign(bytes.begin(), bytes.end());
+  return 0;
+}
+
+int Embedded::scan_sync(Slot &slot, const Visitor &visit) {
+  Table &table = this->table(slot);
+  // Objects born from here on are younger than this scan.
+  const uint32_t scan = ++table.scans;
+  const Time now = may_expire(table) ? host::clock::now() : Time::zero();
+  for (auto place = table.index.first(); place.found;) {
+    const Key key = table.index.key_at(place);
+    const ObjectRef object(table.index.at(place));
+    const uint64_t version = table.index.version();
+    if (object->born < scan && !expired(table, key, *object, now)) visit(key, object->packed());
+    place = version == table.index.version() ? table.index.next(place) : table.index.after(key);
+  }
+  return 0;
+}
+
+void Embedded::subscribe(Slot &slot, Subscription &subscription) {
+  hub_.later().act([this, &slot, &subscription] { hub_.data_fetch(slot, subscription); });
+}
+
+std::optional<Store::Held> Embedded::held(Slot &slot) {
+  const Table &table = this->table(slot);
+  return Held{table.index.size(), table.object_bytes + table.index.bytes()};
+}
+
+// There is no server that could be lost; what can be shown is what the process would see. Type 1 is another server, empty.
+void Embedded::provoke_reconnect(Database &db, int32_t type) {
+  if (type != 1) return;
+  for (const auto &table : tables_) {
+    if (&table->slot.db != &db) continue;
+    table->index.clear();
+    table->own.clear();
+    set_deadline(*table, std::nullopt);
+    table->object_bytes = 0;
+  }
+}
+
+}  // namespace mom

@@ -1,0 +1,78 @@
+// The object store in the process's own memory: a sorted index a type, one exact allocation an object.
+//
+// An expiry of a whole type costs nothing an object: the table keeps one deadline and a generation number, and an object that carries an
+// older generation than its table is under the deadline. A rewrite puts the present generation in, which is how it escapes. An object
+// that is past its deadline is gone for every caller, even before the sweep has reached it.
+#pragma once
+
+#include <deque>
+#include <memory>
+
+#include "host/mom/expiry.h"
+#include "host/mom/hub.h"
+#include "host/mom/sorted_index.h"
+#include "host/runtime/timer.h"
+
+namespace mom {
+
+class Embedded final : public Store {
+ public:
+  explicit Embedded(Hub &hub);
+
+  const char *kind() const override { return "embedded"; }
+  int connect_sync(Database &db) override;
+  int connect(Database &db) override;
+  int set(Slot &slot, const Key &key, Bytes packed, std::optional<int64_t> tag) override;
+  int setnx_sync(Slot &slot, const Key &key, Bytes packed) override;
+  int del(Slot &slot, const Key &key) override;
+  int del_sync(Slot &slot, const Key &key) override { return del(slot, key); }
+  int publish(Slot &slot, Bytes packed) override;
+  int pexpire(Slot &slot, const Key *key, uint32_t ms, qx_mom_done_cb done) override;
+  int del_expire(Slot &slot, const Key *key) override;
+  int del_expire_tag(Slot &slot, int64_t tag) override;
+  int get_sync(Slot &slot, const Key &key, std::vector<uint8_t> &packed) override;
+  int scan_sync(Slot &slot, const Visitor &visit) override;
+  void subscribe(Slot &slot, Subscription &subscription) override;
+  std::optional<Held> held(Slot &slot) override;
+  void provoke_reconnect(Database &db, int32_t type) override;
+
+ private:
+  using Time = host::clock::Time;
+  struct Table {
+    Slot &slot;
+    SortedIndex index;
+    size_t object_bytes = 0;
+    uint32_t generation = 1;
+    uint32_t scans = 0;
+    std::optional<Time> deadline;  // of the objects that carry an older generation
+    std::optional<Key> swept;      // the last object that the sweep of that deadline has seen
+    Expiry own;
+  };
+
+  Table &table(Slot &slot);
+  bool may_expire(const Table &table) const { return table.deadline || !table.own.empty(); }
+  bool under_expiry(const Table &table, const Object &object) const;
+  bool expired(const Table &table, const Key &key, const Object &object, Time now) const;
+  SortedIndex::Place find(Table &table, const Key &key);
+
+  void notify(Table &table, Change change, const ObjectRef &object);
+  int write(Table &table, const SortedIndex::Place &place, const Key &key, Bytes packed, int64_t tag);
+  void remove(Table &table, const SortedIndex::Place &place, const Key &key);
+  void drop_own(Table &table);
+  void set_deadline(Table &table, std::optional<Time> deadline);
+  void forget_expiry(Table &table, const Key &key, Object &object);
+  template <typename Condition>
+  void remove_if(Table &table, Condition condition);
+
+  void arm();
+  void sweep();
+  bool sweep_template(Table &table, Time now);
+  void sweep_own(Table &table, Time now);
+
+  Hub &hub_;
+  std::deque<std::unique_ptr<Table>> tables_;
+  std::vector<std::vector<Table *>> by_slot_;  // by database, by RecordType::id()
+  host::Timer timer_;
+};
+
+}  // namespace mom

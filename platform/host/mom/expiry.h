@@ -1,0 +1,47 @@
+// The single expiries of one type: which key is due when. Loop's thread.
+#pragma once
+
+#include <map>
+#include <optional>
+#include <set>
+
+#include "host/mom/key.h"
+#include "host/runtime/clock.h"
+
+namespace mom {
+
+class Expiry {
+ public:
+  using Time = host::clock::Time;
+
+  void set(const Key &key, Time due) {
+    clear(key);
+    by_key_.emplace(key, due);
+    by_time_.emplace(due, key);
+  }
+  void clear(const Key &key) {
+    const auto found = by_key_.find(key);
+    if (found == by_key_.end()) return;
+    by_time_.erase({found->second, key});
+    by_key_.erase(found);
+  }
+  void clear() {
+    by_key_.clear();
+    by_time_.clear();
+  }
+  bool empty() const { return by_key_.empty(); }
+  // Unset for a key without one.
+  std::optional<Time> due(const Key &key) const {
+    const auto found = by_key_.find(key);
+    return found == by_key_.end() ? std::nullopt : std::optional(found->second);
+  }
+  // The earliest; there must be one.
+  const std::pair<Time, Key> &first() const { return *by_time_.begin(); }
+  const std::map<Key, Time> &keys() const { return by_key_; }
+
+ private:
+  std::map<Key, Time> by_key_;
+  std::set<std::pair<Time, Key>> by_time_;
+};
+
+}  // namespace mom

@@ -1,0 +1,190 @@
+#include "host/mom/hub.h"
+
+#include <algorithm>
+
+namespace mom {
+
+namespace {
+
+// What QX_MOM_DECODED subscribers and scans get for a change: plain types, hash-class types.
+struct Command {
+  uint32_t plain;
+  uint32_t hash_class;
+};
+constexpr Command kCommands[] = {
+    {QX_MOM_CMD_SET, QX_MOM_CMD_HASH_NEW},          // Change::created
+    {QX_MOM_CMD_SET, QX_MOM_CMD_HASH_SET},          // Change::rewritten
+    {QX_MOM_CMD_DEL, QX_MOM_CMD_DEL},               // Change::deleted
+    {QX_MOM_CMD_PUBLISH, QX_MOM_CMD_PUBLISH},       // Change::published
+};
+
+uint32_t command_of(Change change, bool hash_class) {
+  const Command &command = kCommands[static_cast<size_t>(change)];
+  return hash_class ? command.hash_class : command.plain;
+}
+
+bool needs_holder(uint32_t cmd) {
+  return cmd == QX_MOM_CMD_HASH_NEW || cmd == QX_MOM_CMD_HASH_SET;
+}
+
+// A decoded object, laid out for its command.
+struct Decoded {
+  qx_obj object{};
+  qx_mom_hash_value holder{};
+
+  void fill(uint32_t cmd, ProtobufCMessage *record) {
+    object.cmd = cmd;
+    holder.record = record;
+    object.value = needs_holder(cmd) ? static_cast<void *>(&holder) : record;
+  }
+};
+
+}  // namespace
+
+Hub::Hub() : later_(*this) {
+  for (int32_t number : {QX_MOM_ASIC_DB, QX_MOM_APP_DB, QX_MOM_UDP_DB}) databases_.emplace_back().number = number;
+}
+
+Hub::~Hub() = default;
+
+Database *Hub::database(int32_t number) {
+  const auto found = std::find_if(databases_.begin(), databases_.end(), [&](const Database &db) { return db.number == number; });
+  return found == databases_.end() ? nullptr : &*found;
+}
+
+Slot &Hub::slot(Database &db, const RecordType &type) {
+  if (db.slots.size() <= type.id()) db.slots.resize(type.id() + 1);
+  auto &slot = db.slots[type.id()];
+  if (!slot) slot.reset(new Slot{db, type, {}, {}});
+  return *slot;
+}
+
+int Hub::connect(Database &db, qx_mom_connect_cb callback, const char *label) {
+  db.connecting.push_back({callback, label});
+  const int rv = store_->connect(db);
+  if (rv != 0) db.connecting.pop_back();
+  return rv;
+}
+
+void Hub::connected(Database &db) {
+  db.up = true;
+  if (db.connecting.empty()) return;
+  const Database::Connect connect = db.connecting.front();
+  db.connecting.erase(db.connecting.begin());
+  const int rv = connect.callback(&db, connect.label);
+  if (rv != 0) log_error("the connect callback of database " + std::to_string(db.number) + " gave " + std::to_string(rv));
+}
+
+int Hub::set_reconnect(Database &db, qx_mom_reconnect_cb callback) {
+  if (std::find(db.reconnect.begin(), db.reconnect.end(), callback) == db.reconnect.end()) db.reconnect.push_back(callback);
+  return 0;
+}
+
+int Hub::subscribe(Slot &slot, bool packed, qx_mom_notify_cb callback) {
+  const auto same = [&](const auto &known) { return known->callback == callback && known->packed == packed; };
+  auto found = std::find_if(slot.subscriptions.begin(), slot.subscriptions.end(), same);
+  if (found == slot.subscriptions.end()) {
+    slot.subscriptions.push_back(std::make_unique<Subscription>(Subscription{callback, packed}));
+    found = std::prev(slot.subscriptions.end());
+  }
+  (*found)->owed = false;
+  store_->subscribe(slot, **found);
+  return 0;
+}
+
+void Hub::reconnect(Database &db, int32_t type) {
+  const bool up = type == 1 || type == 2;
+  db.up = up;
+  if (up) {
+    for (auto &slot : db.slots) {
+      if (!slot) continue;
+      for (auto &subscription : slot->subscriptions) subscription->owed = true;
+    }
+  }
+  for (size_t i = 0; i < db.reconnect.size(); ++i) {
+    const int rv = db.reconnect[i](&db, db.number, type);
+    if (rv != 0) log_error("the reconnect callback of database " + std::to_string(db.number) + " gave " + std::to_string(rv));
+  }
+  if (!up) return;
+  for (size_t i = 0; i < db.slots.size(); ++i) {
+    if (!db.slots[i]) continue;
+    for (auto &subscription : db.slots[i]->subscriptions) {
+      if (std::exchange(subscription->owed, false)) store_->subscribe(*db.slots[i], *subscription);
+    }
+  }
+}
+
+void Hub::data_fetch(Slot &slot, Subscription &subscription) {
+  subscription.live = true;
+  qx_obj object{};
+  object.cmd = QX_MOM_CMD_DATA_FETCH;
+  subscription.callback(&slot.db, &object);
+}
+
+void Hub::deliver(Slot &slot, Change change, Bytes packed, const Key *key) {
+  ++delivered_;
+  const Arena::Scope scope(arena_);
+  Decoded decoded;
+  qx_obj bytes{};
+  bytes.cmd = command_of(change, false);
+  bytes.packed = packed.data();
+  bytes.packed_len = static_cast<uint32_t>(packed.size());
+
+  enum { untried, good, bad } state = untried;
+  const size_t count = slot.subscriptions.size();  // those that a callback adds come later
+  for (size_t i = 0; i < count; ++i) {
+    const Subscription &subscription = *slot.subscriptions[i];
+    if (!subscription.live) continue;
+    if (subscription.packed) {
+      subscription.callback(&slot.db, &bytes);
+      continue;
+    }
+    if (state == untried) {
+      ProtobufCMessage *record = unpack(slot, packed);
+      state = record ? good : bad;
+      if (!record) skip_broken(slot, key);
+      decoded.fill(command_of(change, slot.type.hash_class()), record);
+    }
+    if (state == good) subscription.callback(&slot.db, &decoded.object);
+  }
+}
+
+ProtobufCMessage *Hub::unpack(const Slot &slot, Bytes packed) {
+  return protobuf_c_message_unpack(&slot.type.descriptor(), arena_.allocator(), packed.size(), packed.data());
+}
+
+bool Hub::present(Slot &slot, Bytes packed, qx_mom_scan_cb cb, void *arg) {
+  const Arena::Scope scope(arena_);
+  ProtobufCMessage *record = unpack(slot, packed);
+  if (!record) return false;
+  Decoded decoded;
+  decoded.fill(command_of(Change::rewritten, slot.type.hash_class()), record);
+  cb(&decoded.object, arg);
+  return true;
+}
+
+qx_obj *Hub::make_object(Slot &slot, Bytes packed) {
+  ProtobufCMessage *record = protobuf_c_message_unpack(&slot.type.descriptor(), nullptr, packed.size(), packed.data());
+  if (!record) return nullptr;
+  auto *decoded = new Decoded;
+  decoded->fill(command_of(Change::rewritten, slot.type.hash_class()), record);
+  return &decoded->object;
+}
+
+void free_object(qx_obj *object) {
+  static_assert(std::is_standard_layout_v<Decoded> && offsetof(Decoded, object) == 0);
+  if (!object) return;
+  auto *decoded = reinterpret_cast<Decoded *>(object);
+  protobuf_c_message_free_unpacked(decoded->holder.record, nullptr);
+  delete decoded;
+}
+
+void Hub::skip(const char *kind, const std::string &key) {
+  if (skipped_[kind + (" " + key.substr(0, key.find(':')))]++ == 0) log_error(std::string(kind) + ", skipped: " + key + " (further ones are only counted)");
+}
+
+void Hub::skip_broken(const Slot &slot, const Key *key) {
+  skip("value that is no record of its type", key ? slot.type.text(*key) : std::string(slot.type.name()));
+}
+
+}  // namespace mom

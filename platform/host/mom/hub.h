@@ -1,0 +1,112 @@
+// The client's state: databases and who is connected to them, subscriptions, decoding of what subscribers and scans get. One hub lives as
+// long as the runtime. Loop's thread.
+#pragma once
+
+#include <deque>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "host/cgst/cgst.h"
+#include "host/mom/arena.h"
+#include "host/mom/object.h"
+#include "host/mom/store.h"
+#include "host/mom/turn_queue.h"
+#include "qx_mom.h"
+
+namespace mom {
+
+struct Subscription {
+  qx_mom_notify_cb callback;
+  bool packed;
+  bool live = false;
+  // A repeated data-fetch signal that a reconnect owes; asking again for the subscription takes it over.
+  bool owed = false;
+};
+
+// One record type in one database.
+struct Slot {
+  Database &db;
+  const RecordType &type;
+  std::vector<std::unique_ptr<Subscription>> subscriptions;
+  cgst::Topic topic;
+};
+
+// Its address is the connection handle that callbacks get.
+struct Database {
+  struct Connect {
+    qx_mom_connect_cb callback;
+    const char *label;
+  };
+  int32_t number;
+  bool sync_up = false;
+  bool up = false;
+  bool congestion_control = false;
+  std::vector<Connect> connecting;  // asked for, not yet called
+  std::vector<qx_mom_reconnect_cb> reconnect;
+  std::vector<std::unique_ptr<Slot>> slots;  // by RecordType::id()
+};
+
+class Hub {
+ public:
+  Hub();
+  ~Hub();
+  void adopt(std::unique_ptr<Store> store) { store_ = std::move(store); }
+
+  Store &store() { return *store_; }
+  TurnQueue &later() { return later_; }
+
+  // Null for a number that is none of QX_MOM_*_DB.
+  Database *database(int32_t number);
+  Slot &slot(Database &db, const RecordType &type);
+
+  int connect(Database &db, qx_mom_connect_cb callback, const char *label);
+  int set_reconnect(Database &db, qx_mom_reconnect_cb callback);
+  int subscribe(Slot &slot, bool packed, qx_mom_notify_cb callback);
+
+  // ---- what a store reports
+
+  // The connection asked for first among those waiting is up.
+  void connected(Database &db);
+  // The connection changed; types of qx_mom.h. After 1 and 2 every subscription gets its data-fetch signal again.
+  void reconnect(Database &db, int32_t type);
+  void data_fetch(Slot &slot, Subscription &subscription);
+  // `key` where the store knows it: what the log shows of bytes that are no record.
+  void deliver(Slot &slot, Change change, Bytes packed, const Key *key = nullptr);
+
+  // ---- decoding
+
+  // Calls `cb` with the record laid out as a written notification. False when the bytes are no record of the type.
+  bool present(Slot &slot, Bytes packed, qx_mom_scan_cb cb, void *arg);
+  // The same for an object of its own, released with free_object; null as above.
+  qx_obj *make_object(Slot &slot, Bytes packed);
+
+  // Counts what was found in the database or in a notification and cannot be used; the first of each kind is logged with its key.
+  void skip(const char *kind, const std::string &key);
+  void skip_broken(const Slot &slot, const Key *key);
+  const std::unordered_map<std::string, uint64_t> &skipped() const { return skipped_; }
+
+  uint64_t delivered() const { return delivered_; }
+
+ private:
+  ProtobufCMessage *unpack(const Slot &slot, Bytes packed);
+
+  std::deque<Database> databases_;
+  Arena arena_;
+  std::unordered_map<std::string, uint64_t> skipped_;
+  uint64_t delivered_ = 0;
+  TurnQueue later_;
+  std::unique_ptr<Store> store_;
+};
+
+void free_object(qx_obj *object);
+
+// The process's hub; null while there is no runtime.
+Hub *hub();
+
+// A line of the host's object-database client in the log.
+void log_error(const std::string &text);
+void log_info(const std::string &text);
+
+}  // namespace mom

@@ -1,0 +1,78 @@
+// One stored value: header, packed record and the rest of a long key in a single allocation of exact size. Counted references without
+// atomics: loop's thread only. A value never changes; a rewrite makes a new one, so that queued notifications keep what was written.
+#pragma once
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <string_view>
+#include <utility>
+
+#include "host/mom/record_type.h"
+
+namespace mom {
+
+struct Object {
+  int64_t tag;              // overwrite tag; 0 without one
+  uint32_t size : 31;       // of the packed record
+  uint32_t own_expiry : 1;  // has an entry in its table's list of single expiries
+  uint32_t generation;      // the table's when this was written; an older one is under the template's expiry
+  uint32_t born;            // the table's scan number when the object was first written
+  uint16_t refs;            // index, queued notifications, callers on the stack
+  uint16_t tail_size;
+
+  const uint8_t *data() const { return reinterpret_cast<const uint8_t *>(this + 1); }
+  Bytes packed() const { return {data(), size}; }
+  std::string_view tail() const { return {reinterpret_cast<const char *>(data() + size), tail_size}; }
+};
+static_assert(sizeof(Object) == 24);
+
+class ObjectRef {
+ public:
+  ObjectRef() = default;
+  explicit ObjectRef(Object *object) : object_(object) { hold(); }
+  ObjectRef(const ObjectRef &other) : object_(other.object_) { hold(); }
+  ObjectRef(ObjectRef &&other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
+  ObjectRef &operator=(ObjectRef other) noexcept {
+    std::swap(object_, other.object_);
+    return *this;
+  }
+  ~ObjectRef() {
+    if (object_ && --object_->refs == 0) std::free(object_);
+  }
+
+  // Null when memory is exhausted.
+  static ObjectRef make(Bytes packed, std::string_view tail) {
+    void *memory = std::malloc(sizeof(Object) + packed.size() + tail.size());
+    if (!memory) return {};
+    auto *object = new (memory) Object{};
+    object->size = static_cast<uint32_t>(packed.size()) & 0x7fffffffU;
+    object->tail_size = static_cast<uint16_t>(tail.size());
+    auto *data = const_cast<uint8_t *>(object->data());
+    if (!packed.empty()) std::memcpy(data, packed.data(), packed.size());
+    if (!tail.empty()) std::memcpy(data + packed.size(), tail.data(), tail.size());
+    return ObjectRef(object);
+  }
+
+  // Hands the reference to an owner that keeps plain pointers, and takes it back.
+  Object *release() { return std::exchange(object_, nullptr); }
+  static ObjectRef adopt(Object *object) {
+    ObjectRef ref;
+    ref.object_ = object;
+    return ref;
+  }
+
+  Object *get() const { return object_; }
+  Object *operator->() const { return object_; }
+  Object &operator*() const { return *object_; }
+  explicit operator bool() const { return object_ != nullptr; }
+
+ private:
+  void hold() {
+    if (object_) ++object_->refs;
+  }
+  Object *object_ = nullptr;
+};
+
+}  // namespace mom

@@ -1,0 +1,372 @@
+#include "host/mom/record_type.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cstring>
+#include <memory>
+
+#include "p_libpub.pb-c.h"
+#include "qx_mom.h"
+#include "s_cluster.pb-c.h"
+#include "s_policy_kelim.pb-c.h"
+
+namespace mom {
+
+namespace {
+
+constexpr uint32_t kIndexField = 5;
+constexpr size_t kScratchKept = 1U << 20;  // a scratch buffer that grew beyond this is released after use
+
+// The record types of the schema, in name order.
+constexpr std::array kSchema = {
+    &s_cluster__reg_pkt_info__descriptor,    &s_policy_kelim__flow__descriptor,        &s_policy_kelim__flow_counter__descriptor,
+    &s_policy_kelim__flow_sta__descriptor,   &s_policy_kelim__flow_to_ace__descriptor, &s_policy_kelim__flow_to_ace_sta__descriptor,
+    &s_policy_kelim__meter__descriptor,      &s_policy_kelim__onc_ip__descriptor,      &s_policy_kelim__parse_flow__descriptor,
+    &s_policy_kelim__pkt_sig__descriptor,    &s_policy_kelim__port_phyid__descriptor,
+};
+
+constexpr std::array<std::string_view, 1> kHashClass = {"s_policy_kelim.meter"};
+
+// How a key field of each form is turned into bytes. `width` 0 is text.
+struct KeyForm {
+  ProtobufCType type;
+  unsigned width;
+  bool is_signed;
+};
+constexpr std::array kKeyForms = {
+    KeyForm{PROTOBUF_C_TYPE_UINT32, 4, false}, KeyForm{PROTOBUF_C_TYPE_FIXED32, 4, false}, KeyForm{PROTOBUF_C_TYPE_INT32, 4, true},
+    KeyForm{PROTOBUF_C_TYPE_SINT32, 4, true},  KeyForm{PROTOBUF_C_TYPE_SFIXED32, 4, true}, KeyForm{PROTOBUF_C_TYPE_ENUM, 4, true},
+    KeyForm{PROTOBUF_C_TYPE_BOOL, 4, true},    KeyForm{PROTOBUF_C_TYPE_UINT64, 8, false},  KeyForm{PROTOBUF_C_TYPE_FIXED64, 8, false},
+    KeyForm{PROTOBUF_C_TYPE_INT64, 8, true},   KeyForm{PROTOBUF_C_TYPE_SINT64, 8, true},   KeyForm{PROTOBUF_C_TYPE_SFIXED64, 8, true},
+    KeyForm{PROTOBUF_C_TYPE_STRING, 0, false},
+};
+
+const KeyForm *form_of(ProtobufCType type) {
+  const auto found = std::find_if(kKeyForms.begin(), kKeyForms.end(), [&](const KeyForm &form) { return form.type == type; });
+  return found == kKeyForms.end() ? nullptr : found;
+}
+
+template <typename T>
+T &member(ProtobufCMessage &record, unsigned offset) {
+  return *reinterpret_cast<T *>(reinterpret_cast<char *>(&record) + offset);
+}
+template <typename T>
+const T &member(const ProtobufCMessage &record, unsigned offset) {
+  return *reinterpret_cast<const T *>(reinterpret_cast<const char *>(&record) + offset);
+}
+
+constexpr uint64_t sign_bit(const KeyForm &form) {
+  return form.is_signed ? uint64_t{1} << (form.width * 8 - 1) : 0;
+}
+
+// Appends to the two words while there is room, then to the tail.
+class KeyWriter {
+ public:
+  void put(uint8_t byte) {
+    if (size_ < 8) {
+      key_.head.high |= uint64_t{byte} << (56 - 8 * size_);
+    } else if (size_ < kKeyHeadSize) {
+      key_.head.low |= uint64_t{byte} << (56 - 8 * (size_ - 8));
+    } else {
+      key_.tail.push_back(static_cast<char>(byte));
+    }
+    ++size_;
+  }
+  void put_integer(uint64_t value, unsigned width) {
+    for (unsigned shift = width * 8; shift > 0; shift -= 8) put(static_cast<uint8_t>(value >> (shift - 8)));
+  }
+  void put_text(std::string_view text) {
+    for (char c : text) put(static_cast<uint8_t>(c));
+    put(0);
+  }
+  std::optional<Key> take() {
+    if (key_.tail.size() > kKeyTailMax) return std::nullopt;
+    return std::move(key_);
+  }
+
+ private:
+  Key key_;
+  size_t size_ = 0;
+};
+
+class KeyReader {
+ public:
+  explicit KeyReader(const Key &key) : key_(key) {}
+  uint8_t get() {
+    const size_t at = at_++;
+    if (at < 8) return static_cast<uint8_t>(key_.head.high >> (56 - 8 * at));
+    if (at < kKeyHeadSize) return static_cast<uint8_t>(key_.head.low >> (56 - 8 * (at - 8)));
+    return at - kKeyHeadSize < key_.tail.size() ? static_cast<uint8_t>(key_.tail[at - kKeyHeadSize]) : 0;
+  }
+  uint64_t get_integer(unsigned width) {
+    uint64_t value = 0;
+    for (unsigned i = 0; i < width; ++i) value = value << 8 | get();
+    return value;
+  }
+  std::string get_text() {
+    std::string text;
+    while (const uint8_t byte = get()) text.push_back(static_cast<char>(byte));
+    return text;
+  }
+
+ private:
+  const Key &key_;
+  size_t at_ = 0;
+};
+
+uint64_t integer_field(const ProtobufCMessage &record, const ProtobufCFieldDescriptor &field, const KeyForm &form) {
+  return form.width == 4 ? member<uint32_t>(record, field.offset) : member<uint64_t>(record, field.offset);
+}
+
+std::string_view text_field(const ProtobufCMessage &record, const ProtobufCFieldDescriptor &field) {
+  const char *text = member<const char *>(record, field.offset);
+  return text ? std::string_view(text) : std::string_view();
+}
+
+constexpr std::string_view kHex = "0123456789ABCDEF";
+
+void append_escaped(std::string &out, std::string_view text) {
+  for (char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    const bool plain = (byte < 0x80 && std::isalnum(byte)) || std::string_view("._-/").find(c) != std::string_view::npos;
+    if (plain) {
+      out.push_back(c);
+    } else {
+      out.append({'%', kHex[byte >> 4], kHex[byte & 15]});
+    }
+  }
+}
+
+std::optional<std::string> unescaped(std::string_view text) {
+  std::string out;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != '%') {
+      out.push_back(text[i]);
+      continue;
+    }
+    unsigned byte = 0;
+    const auto [end, error] = std::from_chars(text.data() + i + 1, text.data() + std::min(i + 3, text.size()), byte, 16);
+    if (error != std::errc{} || end != text.data() + i + 3 || byte == 0) return std::nullopt;
+    out.push_back(static_cast<char>(byte));
+    i += 2;
+  }
+  return out;
+}
+
+std::optional<uint64_t> parse_integer(std::string_view text, const KeyForm &form) {
+  const char *end = text.data() + text.size();
+  if (form.is_signed) {
+    int64_t value = 0;
+    const auto [stop, error] = std::from_chars(text.data(), end, value);
+    const bool fits = form.width == 8 || value == static_cast<int32_t>(value);
+    if (error != std::errc{} || stop != end || !fits) return std::nullopt;
+    return form.width == 8 ? static_cast<uint64_t>(value) : static_cast<uint32_t>(value);
+  }
+  uint64_t value = 0;
+  const auto [stop, error] = std::from_chars(text.data(), end, value);
+  const bool fits = form.width == 8 || value <= UINT32_MAX;
+  if (error != std::errc{} || stop != end || !fits) return std::nullopt;
+  return value;
+}
+
+std::string integer_text(uint64_t value, const KeyForm &form) {
+  if (!form.is_signed) return std::to_string(value);
+  return form.width == 8 ? std::to_string(static_cast<int64_t>(value)) : std::to_string(static_cast<int32_t>(value));
+}
+
+struct Registry {
+  std::vector<std::unique_ptr<RecordType>> types;
+  const RecordType *last = nullptr;
+
+  const RecordType *find(const ProtobufCMessageDescriptor *descriptor) {
+    if (last && &last->descriptor() == descriptor) return last;
+    for (const auto &type : types) {
+      if (&type->descriptor() == descriptor) return last = type.get();
+    }
+    return nullptr;
+  }
+};
+
+Registry &registry() {
+  static Registry instance;
+  return instance;
+}
+
+bool names_can_be_cut(const ProtobufCMessageDescriptor &descriptor) {
+  const size_t package = qx_mom_package_name_len(&descriptor);
+  const size_t name = qx_mom_short_name_len(&descriptor);
+  const std::string_view full = descriptor.name ? descriptor.name : "";
+  return package > 0 && name > 0 && full.size() == package + 1 + name && full[package] == '.';
+}
+
+}  // namespace
+
+RecordType::RecordType(const ProtobufCMessageDescriptor &descriptor, size_t id)
+    : descriptor_(&descriptor), name_(descriptor.name), package_len_(qx_mom_package_name_len(&descriptor)), id_(id) {
+  hash_class_ = std::find(kHashClass.begin(), kHashClass.end(), name_) != kHashClass.end();
+  bound_ = PackBound::shared(descriptor);
+}
+
+bool RecordType::read_key_fields() {
+  const ProtobufCFieldDescriptor *index = protobuf_c_message_descriptor_get_field(descriptor_, kIndexField);
+  if (!index || index->type != PROTOBUF_C_TYPE_MESSAGE || std::string_view(index->name) != "index") return true;  // a type without key
+  if (index->label == PROTOBUF_C_LABEL_REPEATED) return false;
+  index_ = index;
+  key_ = static_cast<const ProtobufCMessageDescriptor *>(index->descriptor);
+  size_t width = 0;
+  for (const auto &field : std::span(key_->fields, key_->n_fields)) {
+    const KeyForm *form = form_of(field.type);
+    if (!form || field.label == PROTOBUF_C_LABEL_REPEATED) return false;
+    if (form->width == 0) long_keys_ = true;
+    width += form->width;
+  }
+  if (width > kKeyHeadSize) long_keys_ = true;
+  return key_->n_fields > 0;
+}
+
+const RecordType *RecordType::of(const ProtobufCMessageDescriptor *descriptor) {
+  if (!descriptor) return nullptr;
+  Registry &known = registry();
+  if (const RecordType *found = known.find(descriptor)) return found;
+  if (descriptor->magic != PROTOBUF_C__MESSAGE_DESCRIPTOR_MAGIC || !names_can_be_cut(*descriptor)) return nullptr;
+  std::unique_ptr<RecordType> type(new RecordType(*descriptor, known.types.size()));
+  if (!type->read_key_fields()) return nullptr;
+  known.types.push_back(std::move(type));
+  return known.types.back().get();
+}
+
+const RecordType *RecordType::named(std::string_view name) {
+  for (const ProtobufCMessageDescriptor *descriptor : kSchema) {
+    if (name == descriptor->name) return of(descriptor);
+  }
+  for (const auto &type : registry().types) {
+    if (type->name() == name) return type.get();
+  }
+  return nullptr;
+}
+
+std::vector<const RecordType *> RecordType::all() {
+  std::vector<const RecordType *> types;
+  for (const ProtobufCMessageDescriptor *descriptor : kSchema) types.push_back(of(descriptor));
+  return types;
+}
+
+bool RecordType::key_matches(const ProtobufCMessageDescriptor *key) const {
+  return key == key_;
+}
+
+const ProtobufCMessage *RecordType::index_of(const ProtobufCMessage &record) const {
+  if (!index_) return nullptr;
+  const auto *index = member<const ProtobufCMessage *>(record, index_->offset);
+  return index && index->descriptor == key_ ? index : nullptr;
+}
+
+std::optional<Key> RecordType::key_of(const ProtobufCMessage &record) const {
+  const ProtobufCMessage *index = index_of(record);
+  if (!index) return std::nullopt;
+  KeyWriter writer;
+  for (const auto &field : std::span(key_->fields, key_->n_fields)) {
+    const KeyForm &form = *form_of(field.type);
+    if (form.width == 0) {
+      writer.put_text(text_field(*index, field));
+    } else {
+      writer.put_integer(integer_field(*index, field, form) ^ sign_bit(form), form.width);
+    }
+  }
+  return writer.take();
+}
+
+bool RecordType::is_template(const ProtobufCMessage &record) const {
+  const ProtobufCMessage *index = index_of(record);
+  if (!index) return true;
+  return std::all_of(key_->fields, key_->fields + key_->n_fields, [&](const ProtobufCFieldDescriptor &field) {
+    const KeyForm &form = *form_of(field.type);
+    return form.width == 0 ? text_field(*index, field).empty() : integer_field(*index, field, form) == 0;
+  });
+}
+
+std::string RecordType::text(const Key &key) const {
+  std::string out(name_);
+  if (!key_) return out;
+  KeyReader reader(key);
+  for (const auto &field : std::span(key_->fields, key_->n_fields)) {
+    const KeyForm &form = *form_of(field.type);
+    out.push_back(':');
+    if (form.width == 0) {
+      append_escaped(out, reader.get_text());
+    } else {
+      out += integer_text(reader.get_integer(form.width) ^ sign_bit(form), form);
+    }
+  }
+  return out;
+}
+
+std::optional<Key> RecordType::parse(std::string_view text) const {
+  if (!key_ || !text.starts_with(name_)) return std::nullopt;
+  text.remove_prefix(name_.size());
+  KeyWriter writer;
+  for (const auto &field : std::span(key_->fields, key_->n_fields)) {
+    if (!text.starts_with(':')) return std::nullopt;
+    text.remove_prefix(1);
+    const std::string_view part = text.substr(0, text.find(':'));
+    text.remove_prefix(part.size());
+    const KeyForm &form = *form_of(field.type);
+    if (form.width == 0) {
+      const auto raw = unescaped(part);
+      if (!raw) return std::nullopt;
+      writer.put_text(*raw);
+    } else {
+      const auto value = parse_integer(part, form);
+      if (!value) return std::nullopt;
+      writer.put_integer(*value ^ sign_bit(form), form.width);
+    }
+  }
+  if (!text.empty()) return std::nullopt;
+  return writer.take();
+}
+
+std::vector<uint8_t> RecordType::key_only(const Key &key) const {
+  if (!key_) return {};
+  auto free_message = [](ProtobufCMessage *message) { std::free(message); };
+  std::unique_ptr<ProtobufCMessage, decltype(free_message)> index(static_cast<ProtobufCMessage *>(std::calloc(1, key_->sizeof_message)),
+                                                                   free_message);
+  std::unique_ptr<ProtobufCMessage, decltype(free_message)> record(
+      static_cast<ProtobufCMessage *>(std::calloc(1, descriptor_->sizeof_message)), free_message);
+  if (!index || !record) return {};
+  protobuf_c_message_init(key_, index.get());
+  protobuf_c_message_init(descriptor_, record.get());
+  std::vector<std::string> texts(key_->n_fields);  // outlive the pack below
+  KeyReader reader(key);
+  for (unsigned i = 0; i < key_->n_fields; ++i) {
+    const ProtobufCFieldDescriptor &field = key_->fields[i];
+    const KeyForm &form = *form_of(field.type);
+    if (form.width == 0) {
+      texts[i] = reader.get_text();
+      member<char *>(*index, field.offset) = texts[i].data();
+    } else if (const uint64_t value = reader.get_integer(form.width) ^ sign_bit(form); form.width == 4) {
+      member<uint32_t>(*index, field.offset) = static_cast<uint32_t>(value);
+    } else {
+      member<uint64_t>(*index, field.offset) = value;
+    }
+  }
+  member<ProtobufCMessage *>(*record, index_->offset) = index.get();
+  std::vector<uint8_t> packed(protobuf_c_message_get_packed_size(record.get()));
+  protobuf_c_message_pack(record.get(), packed.data());
+  return packed;
+}
+
+std::optional<Bytes> RecordType::pack(const ProtobufCMessage &record) const {
+  static std::vector<uint8_t> scratch(4096);
+  const auto bound = bound_->of(record);
+  if (!bound) return std::nullopt;
+  if (*bound > scratch.size()) {
+    scratch.resize(*bound);
+  } else if (scratch.size() > kScratchKept && *bound < kScratchKept) {
+    scratch.resize(kScratchKept);
+    scratch.shrink_to_fit();
+  }
+  return Bytes(scratch.data(), protobuf_c_message_pack(&record, scratch.data()));
+}
+
+}  // namespace mom

@@ -1,0 +1,105 @@
+// What the client knows of a record type: its names, its key, how long a packed record can get. Read from the descriptor once and kept for
+// the life of the process; loop's thread.
+//
+// The canonical text of an object is "package.name:field:field", integers in decimal, text with everything but letters, digits and "._-/"
+// written as %XX.
+#pragma once
+
+#include <protobuf-c/protobuf-c.h>
+
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "host/mom/key.h"
+
+namespace mom {
+
+using Bytes = std::span<const uint8_t>;
+
+// An upper bound of the packed length that costs no walk over the scalars: a constant a descriptor, plus what text, bytes and
+// sub-messages really hold.
+class PackBound {
+ public:
+  // One for each descriptor, for the life of the process.
+  static const PackBound *shared(const ProtobufCMessageDescriptor &descriptor);
+
+  explicit PackBound(const ProtobufCMessageDescriptor &descriptor);
+
+  // Nothing when the record is malformed: a length without data, an array without elements, a sub-message of another type.
+  std::optional<size_t> of(const ProtobufCMessage &record) const;
+
+ private:
+  struct Dynamic {
+    const ProtobufCFieldDescriptor *field;
+    const PackBound *child;  // of sub-messages
+  };
+  std::optional<size_t> of_field(const ProtobufCMessage &record, const Dynamic &dynamic) const;
+  std::optional<size_t> of_element(const void *member, const Dynamic &dynamic) const;
+
+  const ProtobufCMessageDescriptor &descriptor_;
+  size_t constant_ = 0;
+  std::vector<Dynamic> dynamic_;
+  bool plain_ = true;  // false: uses a feature (oneof) that only protobuf-c's own size pass handles
+};
+
+class RecordType {
+ public:
+  // Null when the descriptor cannot be a record type: not a message descriptor, names that cannot be cut apart, a key of a form that has
+  // no order.
+  static const RecordType *of(const ProtobufCMessageDescriptor *descriptor);
+
+  // By full name, among the types of the schema and those seen so far; null when there is none.
+  static const RecordType *named(std::string_view name);
+
+  // Every type of the schema that can be stored or published, in name order.
+  static std::vector<const RecordType *> all();
+
+  const ProtobufCMessageDescriptor &descriptor() const { return *descriptor_; }
+  std::string_view name() const { return name_; }
+  std::string_view package() const { return name_.substr(0, package_len_); }
+  std::string_view short_name() const { return name_.substr(package_len_ + 1); }
+  size_t id() const { return id_; }  // dense, from 0
+  bool has_key() const { return index_ != nullptr; }
+  bool has_long_keys() const { return long_keys_; }
+
+  // Hash-class types are delivered as a holder of record and error code.
+  bool hash_class() const { return hash_class_; }
+
+  // True when the subscription's key type is this type's (or neither has one).
+  bool key_matches(const ProtobufCMessageDescriptor *key) const;
+
+  // The key of a record; nothing when it has none or it is too long.
+  std::optional<Key> key_of(const ProtobufCMessage &record) const;
+
+  // True when the record stands for every object of the type: no key, or only zeros in it.
+  bool is_template(const ProtobufCMessage &record) const;
+
+  std::string text(const Key &key) const;
+  std::optional<Key> parse(std::string_view text) const;  // the reverse; nothing when the text is no key of this type
+
+  // A packed record that carries only this key.
+  std::vector<uint8_t> key_only(const Key &key) const;
+
+  // Packs into a scratch buffer that the next call of any type overwrites; nothing when the record is malformed.
+  std::optional<Bytes> pack(const ProtobufCMessage &record) const;
+
+ private:
+  RecordType(const ProtobufCMessageDescriptor &descriptor, size_t id);
+  bool read_key_fields();
+  const ProtobufCMessage *index_of(const ProtobufCMessage &record) const;
+
+  const ProtobufCMessageDescriptor *descriptor_;
+  std::string_view name_;
+  size_t package_len_;
+  size_t id_;
+  const ProtobufCFieldDescriptor *index_ = nullptr;
+  const ProtobufCMessageDescriptor *key_ = nullptr;
+  bool long_keys_ = false;
+  bool hash_class_ = false;
+  const PackBound *bound_ = nullptr;
+};
+
+}  // namespace mom

@@ -1,0 +1,82 @@
+// Objects of one type in key order: a directory of sorted blocks of at most 128 objects.
+//
+// Two levels are enough for millions of objects (10^6: 8,000 blocks whose directory fits the second-level cache), and a block keeps 24
+// bytes an object, against 64 and more of a node-based tree. Keys stand apart from the pointers, so that a lookup touches the keys only.
+// Objects that arrive in key order fill their blocks completely. Loop's thread.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <memory>
+#include <vector>
+
+#include "host/mom/object.h"
+
+namespace mom {
+
+class SortedIndex {
+ public:
+  // Where a key stands or would stand. Valid until the next insert or erase.
+  struct Place {
+    size_t block = 0;
+    size_t slot = 0;
+    bool found = false;
+  };
+
+  SortedIndex() = default;
+  SortedIndex(const SortedIndex &) = delete;
+  SortedIndex &operator=(const SortedIndex &) = delete;
+  ~SortedIndex() { clear(); }
+
+  Place find(const Key &key) const;
+
+  Object *at(const Place &place) const { return directory_[place.block].block->objects[place.slot]; }
+  Key key_at(const Place &place) const;
+
+  // Puts the reference in; `place` is find()'s answer for `key`, not found.
+  void insert(const Place &place, const Key &key, ObjectRef object);
+  // Exchanges the object at a found place.
+  ObjectRef replace(const Place &place, ObjectRef object);
+  ObjectRef erase(const Place &place);
+  void clear();
+
+  // The walk in key order: first place, next place; `found` is false at the end.
+  Place first() const { return settle({0, 0, true}); }
+  Place next(const Place &place) const { return settle({place.block, place.slot + 1, true}); }
+  // The first object after `key`.
+  Place after(const Key &key) const;
+
+  size_t size() const { return size_; }
+  // Changes with every insert and erase: tells a walk that its place is void.
+  uint64_t version() const { return version_; }
+  // Bytes held by the index itself, without the objects.
+  size_t bytes() const { return directory_.capacity() * sizeof(Entry) + directory_.size() * sizeof(Block); }
+
+ private:
+  static constexpr size_t kBlockMax = 128;
+  static constexpr size_t kMergeBelow = 32;
+  struct Block {
+    size_t count = 0;
+    std::array<KeyHead, kBlockMax> heads;
+    std::array<Object *, kBlockMax> objects;
+  };
+  struct Entry {
+    KeyHead first;  // of the block's first object
+    std::unique_ptr<Block> block;
+  };
+
+  Place settle(Place place) const;
+  static std::strong_ordering compare(const Block &block, size_t slot, const Key &key);
+  static void open_gap(Block &block, size_t slot);
+  static void close_gap(Block &block, size_t slot);
+  void add_block(size_t position, std::unique_ptr<Block> block);
+  Place split(const Place &place);
+  void merge_into_left(size_t right);
+  void shrink(size_t block);
+
+  std::vector<Entry> directory_;
+  size_t size_ = 0;
+  uint64_t version_ = 0;
+};
+
+}  // namespace mom

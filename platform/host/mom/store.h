@@ -1,0 +1,67 @@
+// What an object store offers to the client (hub.h): objects by type and key, expiry, tags. Two stores implement it, in the process's own
+// memory (embedded.h) and in Redis (redis_store.h). Loop's thread.
+//
+// A store knows bytes and keys, not records. What happens it reports to its hub, never from inside the call that caused it. Results are
+// those of qx_mom.h.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+
+#include "host/mom/record_type.h"
+#include "qx_mom.h"
+
+namespace mom {
+
+struct Slot;
+struct Subscription;
+struct Database;
+
+// What became of an object.
+enum class Change : uint8_t { created, rewritten, deleted, published };
+
+// Why a scan or template operation looks at an object; the bytes live until the visitor returns.
+using Visitor = std::function<void(const Key &key, Bytes packed)>;
+
+class Store {
+ public:
+  virtual ~Store() = default;
+
+  virtual const char *kind() const = 0;
+
+  virtual int connect_sync(Database &db) = 0;
+  // Reports Hub::connected when the connection is up, once a call.
+  virtual int connect(Database &db) = 0;
+
+  // Written without a tag, the object has none afterwards.
+  virtual int set(Slot &slot, const Key &key, Bytes packed, std::optional<int64_t> tag) = 0;
+  virtual int setnx_sync(Slot &slot, const Key &key, Bytes packed) = 0;
+  virtual int del(Slot &slot, const Key &key) = 0;
+  virtual int del_sync(Slot &slot, const Key &key) = 0;
+  virtual int publish(Slot &slot, Bytes packed) = 0;
+
+  // Null key: every object of the type. `done` may be null.
+  virtual int pexpire(Slot &slot, const Key *key, uint32_t ms, qx_mom_done_cb done) = 0;
+  virtual int del_expire(Slot &slot, const Key *key) = 0;
+  virtual int del_expire_tag(Slot &slot, int64_t tag) = 0;
+
+  virtual int get_sync(Slot &slot, const Key &key, std::vector<uint8_t> &packed) = 0;
+  // In key order. Objects that the visitor adds are not visited, those that it deletes first neither.
+  virtual int scan_sync(Slot &slot, const Visitor &visit) = 0;
+
+  // Reports Hub::data_fetch for the subscription once it is live, and the slot's changes from then on.
+  virtual void subscribe(Slot &slot, Subscription &subscription) = 0;
+
+  // How many objects the slot holds and how many bytes they take, for the views; nothing when that cannot be had now.
+  struct Held {
+    size_t objects;
+    size_t bytes;
+  };
+  virtual std::optional<Held> held(Slot &slot) = 0;
+
+  // Tests: what a reconnect of `type` does to the store itself.
+  virtual void provoke_reconnect(Database &, int32_t) {}
+};
+
+}  // namespace mom

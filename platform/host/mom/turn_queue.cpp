@@ -1,0 +1,73 @@
+#include "host/mom/turn_queue.h"
+
+#include <event2/event.h>
+
+#include <chrono>
+
+#include "host/mom/hub.h"
+#include "host/runtime/loop.h"
+
+namespace mom {
+
+namespace {
+
+// Long enough that the loop's own turn costs nothing beside it, short enough for the 50 ms tick and for watchdogs.
+constexpr auto kTurn = std::chrono::milliseconds(10);
+constexpr unsigned kLookAtClockEvery = 16;
+
+}  // namespace
+
+void TurnQueue::FreeEvent::operator()(event *handle) const {
+  event_free(handle);
+}
+
+TurnQueue::~TurnQueue() = default;
+
+void TurnQueue::notify(Slot &slot, Change change, ObjectRef object) {
+  slot.topic.take(object->size);
+  queue_.emplace_back(Notification{&slot, std::move(object), change});
+  wake();
+}
+
+void TurnQueue::act(std::function<void()> action) {
+  queue_.emplace_back(std::move(action));
+  wake();
+}
+
+// A timer of length 0, not event_active: an event activated from a callback runs in the same turn and would keep sockets waiting.
+void TurnQueue::wake() {
+  if (awake_) return;
+  if (!turn_) {
+    event_base *base = host::loop_base();
+    if (!base) return;
+    turn_.reset(evtimer_new(base, [](evutil_socket_t, short, void *queue) { static_cast<TurnQueue *>(queue)->run(); }, this));
+  }
+  const timeval now{};
+  awake_ = turn_ && evtimer_add(turn_.get(), &now) == 0;
+}
+
+void TurnQueue::perform(Item &item) {
+  if (auto *action = std::get_if<std::function<void()>>(&item)) {
+    (*action)();
+    return;
+  }
+  auto &notification = std::get<Notification>(item);
+  hub_.deliver(*notification.slot, notification.change, notification.object->packed());
+  notification.slot->topic.release(notification.object->size);
+}
+
+void TurnQueue::run() {
+  awake_ = false;
+  // What callbacks add waits for the next turn.
+  size_t due = queue_.size();
+  const auto end = std::chrono::steady_clock::now() + kTurn;
+  for (unsigned n = 1; due > 0; --due, ++n) {
+    Item item = std::move(queue_.front());
+    queue_.pop_front();
+    perform(item);
+    if (n % kLookAtClockEvery == 0 && std::chrono::steady_clock::now() >= end) break;
+  }
+  if (!queue_.empty()) wake();
+}
+
+}  // namespace mom

@@ -1,0 +1,51 @@
+// What must happen in a later turn of the loop, in order: notifications and small actions. A turn works for a bounded time, then the loop
+// sees to its sockets and timers before the next. Loop's thread.
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <memory>
+#include <variant>
+
+#include "host/mom/object.h"
+#include "host/mom/store.h"
+
+struct event;
+
+namespace mom {
+
+class Hub;
+
+class TurnQueue {
+ public:
+  explicit TurnQueue(Hub &hub) : hub_(hub) {}
+  ~TurnQueue();
+
+  // Takes the notification into the slot's topic until it is delivered.
+  void notify(Slot &slot, Change change, ObjectRef object);
+  void act(std::function<void()> action);
+
+  size_t size() const { return queue_.size(); }
+
+ private:
+  struct Notification {
+    Slot *slot;
+    ObjectRef object;
+    Change change;
+  };
+  using Item = std::variant<Notification, std::function<void()>>;
+
+  void wake();
+  void run();
+  void perform(Item &item);
+
+  Hub &hub_;
+  std::deque<Item> queue_;
+  struct FreeEvent {
+    void operator()(event *handle) const;
+  };
+  std::unique_ptr<event, FreeEvent> turn_;
+  bool awake_ = false;
+};
+
+}  // namespace mom
