@@ -1,6 +1,9 @@
 #include "host/mom/hub.h"
 
 #include <algorithm>
+#include <cstddef>
+
+#include "host/log/log.h"
 
 namespace mom {
 
@@ -72,7 +75,7 @@ void Hub::connected(Database &db) {
   const Database::Connect connect = db.connecting.front();
   db.connecting.erase(db.connecting.begin());
   const int rv = connect.callback(&db, connect.label);
-  if (rv != 0) log_error("the connect callback of database " + std::to_string(db.number) + " gave " + std::to_string(rv));
+  if (rv != 0) host::log::error("the connect callback of database {} gave {}", db.number, rv);
 }
 
 int Hub::set_reconnect(Database &db, qx_mom_reconnect_cb callback) {
@@ -103,7 +106,7 @@ void Hub::reconnect(Database &db, int32_t type) {
   }
   for (size_t i = 0; i < db.reconnect.size(); ++i) {
     const int rv = db.reconnect[i](&db, db.number, type);
-    if (rv != 0) log_error("the reconnect callback of database " + std::to_string(db.number) + " gave " + std::to_string(rv));
+    if (rv != 0) host::log::error("the reconnect callback of database {} gave {}", db.number, rv);
   }
   if (!up) return;
   for (size_t i = 0; i < db.slots.size(); ++i) {
@@ -180,11 +183,12 @@ void free_object(qx_obj *object) {
 }
 
 void Hub::skip(const char *kind, const std::string &key) {
-  if (skipped_[kind + (" " + key.substr(0, key.find(':')))]++ == 0) log_error(std::string(kind) + ", skipped: " + key + " (further ones are only counted)");
+  const std::string type = key.substr(0, key.find(':'));
+  if (skipped_[type + ": " + kind]++ == 0) host::log::error("database: skipped {}: {} (further ones are only counted)", key, kind);
 }
 
 void Hub::skip_broken(const Slot &slot, const Key *key) {
-  skip("value that is no record of its type", key ? slot.type.text(*key) : std::string(slot.type.name()));
+  skip("the value is no record of its type", key ? slot.type.text(*key) : std::string(slot.type.name()));
 }
 
 }  // namespace mom

@@ -82,7 +82,7 @@ class Hub {
   // The same for an object of its own, released with free_object; null as above.
   qx_obj *make_object(Slot &slot, Bytes packed);
 
-  // Counts what was found in the database or in a notification and cannot be used; the first of each kind is logged with its key.
+  // Counts what was found in the database or in a notification and cannot be used; the first of each kind and type is logged with its key.
   void skip(const char *kind, const std::string &key);
   void skip_broken(const Slot &slot, const Key *key);
   const std::unordered_map<std::string, uint64_t> &skipped() const { return skipped_; }
@@ -104,9 +104,5 @@ void free_object(qx_obj *object);
 
 // The process's hub; null while there is no runtime.
 Hub *hub();
-
-// A line of the host's object-database client in the log.
-void log_error(const std::string &text);
-void log_info(const std::string &text);
 
 }  // namespace mom

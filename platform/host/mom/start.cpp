@@ -2,19 +2,24 @@
 #include <algorithm>
 #include <memory>
 
+#include "host/config/config.h"
 #include "host/mom/embedded.h"
 #include "host/mom/hub.h"
 #include "host/mom/testing.h"
 #include "host/runtime/services.h"
-#include "qx_zlog.h"
 
 namespace mom {
 
 namespace {
 
+// The pipeline holds as many full topics before it refuses writes of any type.
+constexpr uint64_t kPipelineFactor = 2;
+
 Hub *living = nullptr;  // from qx_global_init to qx_global_finish; a process that exits inside a callback keeps it
 
 int start(qx_global *) {
+  const auto &mom = host::config().mom;
+  cgst::set_limits({mom.high_water_writes, mom.high_water_bytes}, {kPipelineFactor * mom.high_water_writes, kPipelineFactor * mom.high_water_bytes});
   auto hub = std::make_unique<Hub>();
   hub->adopt(std::make_unique<Embedded>(*hub));
   living = hub.release();
@@ -30,23 +35,10 @@ int start(qx_global *) {
   return true;
 }();
 
-void log(int level, long line, const std::string &text) {
-  static constexpr std::string_view kFile = "platform/host/mom";
-  qxdf_zlog(qx_zlog_init("mom"), kFile.data(), kFile.size(), "mom", 3, line, level, "%s", text.c_str());
-}
-
 }  // namespace
 
 Hub *hub() {
   return living;
-}
-
-void log_error(const std::string &text) {
-  log(QX_ZLOG_ERROR, __LINE__, text);
-}
-
-void log_info(const std::string &text) {
-  log(QX_ZLOG_VERBOSE, __LINE__, text);
 }
 
 namespace testing {
