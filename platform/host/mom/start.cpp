@@ -6,6 +6,7 @@
 #include "host/mom/embedded.h"
 #include "host/mom/hub.h"
 #include "host/mom/testing.h"
+#include "host/mom/views.h"
 #include "host/runtime/services.h"
 
 namespace mom {
@@ -17,12 +18,15 @@ constexpr uint64_t kPipelineFactor = 2;
 
 Hub *living = nullptr;  // from qx_global_init to qx_global_finish; a process that exits inside a callback keeps it
 
+// Runs at qx_global_init, or before that when another service of the host connects in its own start.
 int start(qx_global *) {
+  if (living) return 0;
   const auto &mom = host::config().mom;
   cgst::set_limits({mom.high_water_writes, mom.high_water_bytes}, {kPipelineFactor * mom.high_water_writes, kPipelineFactor * mom.high_water_bytes});
   auto hub = std::make_unique<Hub>();
   hub->adopt(std::make_unique<Embedded>(*hub));
   living = hub.release();
+  register_views(*living);
   host::at_finish([] {
     delete std::exchange(living, nullptr);
     cgst::reset();
@@ -38,6 +42,7 @@ int start(qx_global *) {
 }  // namespace
 
 Hub *hub() {
+  if (!living && host::current_global()) start(host::current_global());
   return living;
 }
 
