@@ -4,7 +4,7 @@
 #include <string>
 
 #include "libcgstctrl.h"
-#include "tests/component/mom_world.h"
+#include "component/mom_world.h"
 
 namespace mom_test {
 namespace {

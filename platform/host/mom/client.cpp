@@ -137,10 +137,8 @@ int qx_mom_get_sync(qx_global *global, int32_t db, const ProtobufCMessage *recor
   if (!out) return kMalformed;
   std::vector<uint8_t> packed;
   if (const int rv = hub()->store().get_sync(*call.slot, *call.key, packed)) return rv;
-  *out = hub()->make_object(*call.slot, packed);
-  if (*out) return 0;
-  hub()->skip_broken(*call.slot, &*call.key);
-  return -1;
+  *out = hub()->make_object(*call.slot, *call.key, packed);
+  return *out ? 0 : -1;
 }
 
 void qx_mom_qx_obj_free(qx_obj *obj) {
@@ -151,9 +149,8 @@ int qx_mom_scan_sync(qx_global *global, int32_t db, const ProtobufCMessage *reco
   const Call call = resolve(Point::mom_scan, global, db, record, Needs::record, Link::sync);
   if (call.code) return call.code;
   if (!cb) return kMalformed;
-  return hub()->store().scan_sync(*call.slot, [&](const Key &key, Bytes packed) {
-    if (!hub()->present(*call.slot, packed, cb, arg)) hub()->skip_broken(*call.slot, &key);
-  });
+  return hub()->store().scan_sync(*call.slot,
+                                  [&](const Key &key, Bytes packed) { hub()->present(*call.slot, key, packed, cb, arg); });
 }
 
 int qx_mom_subscribe(qx_global *global, int32_t db, const qx_mom_spec *spec, qx_mom_notify_cb cb) {

@@ -143,31 +143,33 @@ void Hub::deliver(Slot &slot, Change change, Bytes packed, const Key *key) {
       continue;
     }
     if (state == untried) {
-      ProtobufCMessage *record = unpack(slot, packed);
+      ProtobufCMessage *record = unpack(slot, packed, key, change != Change::published, arena_.allocator());
       state = record ? good : bad;
-      if (!record) skip_broken(slot, key);
       decoded.fill(command_of(change, slot.type.hash_class()), record);
     }
     if (state == good) subscription.callback(&slot.db, &decoded.object);
   }
 }
 
-ProtobufCMessage *Hub::unpack(const Slot &slot, Bytes packed) {
-  return protobuf_c_message_unpack(&slot.type.descriptor(), arena_.allocator(), packed.size(), packed.data());
+ProtobufCMessage *Hub::unpack(const Slot &slot, Bytes packed, const Key *key, bool stored, ProtobufCAllocator *allocator) {
+  ProtobufCMessage *record = protobuf_c_message_unpack(&slot.type.descriptor(), allocator, packed.size(), packed.data());
+  if (record && (!stored || slot.type.belongs(*record, key))) return record;
+  protobuf_c_message_free_unpacked(record, allocator);
+  skip_broken(slot, key);
+  return nullptr;
 }
 
-bool Hub::present(Slot &slot, Bytes packed, qx_mom_scan_cb cb, void *arg) {
+void Hub::present(Slot &slot, const Key &key, Bytes packed, qx_mom_scan_cb cb, void *arg) {
   const Arena::Scope scope(arena_);
-  ProtobufCMessage *record = unpack(slot, packed);
-  if (!record) return false;
+  ProtobufCMessage *record = unpack(slot, packed, &key, true, arena_.allocator());
+  if (!record) return;
   Decoded decoded;
   decoded.fill(command_of(Change::rewritten, slot.type.hash_class()), record);
   cb(&decoded.object, arg);
-  return true;
 }
 
-qx_obj *Hub::make_object(Slot &slot, Bytes packed) {
-  ProtobufCMessage *record = protobuf_c_message_unpack(&slot.type.descriptor(), nullptr, packed.size(), packed.data());
+qx_obj *Hub::make_object(Slot &slot, const Key &key, Bytes packed) {
+  ProtobufCMessage *record = unpack(slot, packed, &key, true, nullptr);
   if (!record) return nullptr;
   auto *decoded = new Decoded;
   decoded->fill(command_of(Change::rewritten, slot.type.hash_class()), record);

@@ -78,20 +78,21 @@ class Hub {
 
   // ---- decoding
 
-  // Calls `cb` with the record laid out as a written notification. False when the bytes are no record of the type.
-  bool present(Slot &slot, Bytes packed, qx_mom_scan_cb cb, void *arg);
-  // The same for an object of its own, released with free_object; null as above.
-  qx_obj *make_object(Slot &slot, Bytes packed);
+  // Calls `cb` with the record laid out as a written notification; bytes that are no record of the type with that key are skipped.
+  void present(Slot &slot, const Key &key, Bytes packed, qx_mom_scan_cb cb, void *arg);
+  // The same as an object of its own, released with free_object; null for such bytes.
+  qx_obj *make_object(Slot &slot, const Key &key, Bytes packed);
 
   // Counts what was found in the database or in a notification and cannot be used; the first of each kind and type is logged with its key.
   void skip(const char *kind, const std::string &key);
-  void skip_broken(const Slot &slot, const Key *key);
   const std::unordered_map<std::string, uint64_t> &skipped() const { return skipped_; }
 
   uint64_t delivered() const { return delivered_; }
 
  private:
-  ProtobufCMessage *unpack(const Slot &slot, Bytes packed);
+  // Null for bytes that are no record of the type, or one with another key than `key` where that is given.
+  ProtobufCMessage *unpack(const Slot &slot, Bytes packed, const Key *key, bool stored, ProtobufCAllocator *allocator);
+  void skip_broken(const Slot &slot, const Key *key);
 
   std::deque<Database> databases_;
   Arena arena_;

@@ -277,6 +277,11 @@ std::optional<Key> RecordType::key_of(const ProtobufCMessage &record) const {
   return writer.take();
 }
 
+bool RecordType::belongs(const ProtobufCMessage &record, const Key *expected) const {
+  if (!index_) return true;
+  return expected ? key_of(record) == *expected : index_of(record) != nullptr;
+}
+
 bool RecordType::is_template(const ProtobufCMessage &record) const {
   const ProtobufCMessage *index = index_of(record);
   if (!index) return true;

@@ -74,6 +74,9 @@ class RecordType {
   // The key of a record; nothing when it has none or it is too long.
   std::optional<Key> key_of(const ProtobufCMessage &record) const;
 
+  // Whether a stored record is what its place says: it has a key, `expected` unless that is null. Types without key carry none.
+  bool belongs(const ProtobufCMessage &record, const Key *expected) const;
+
   // True when the record stands for every object of the type: no key, or only zeros in it.
   bool is_template(const ProtobufCMessage &record) const;
 

@@ -6,7 +6,6 @@
 #include "host/mom/embedded.h"
 #include "host/mom/hub.h"
 #include "host/mom/testing.h"
-#include "host/mom/views.h"
 #include "host/runtime/services.h"
 
 namespace mom {
@@ -26,7 +25,6 @@ int start(qx_global *) {
   auto hub = std::make_unique<Hub>();
   hub->adopt(std::make_unique<Embedded>(*hub));
   living = hub.release();
-  register_views(*living);
   host::at_finish([] {
     delete std::exchange(living, nullptr);
     cgst::reset();
