@@ -1,5 +1,5 @@
-// A raw pipelining OpenFlow 1.3 client: programs distinct flows into any switch as fast as the switch takes them and measures until the
-// barrier reply. It knows nothing of this project, so that two switches are measured by the same yardstick.
+// A raw pipelining OpenFlow 1.3 client: programs distinct flows into any switch as fast as the switch takes them and measures
+// until the barrier reply. It knows nothing of this project, so that two switches are measured by the same yardstick.
 //
 //   of_load PORT burst N [ROUNDS]      N distinct adds and a barrier; the flows are deleted in between
 //   of_load PORT churn N [ROUNDS]      N times add and strict delete of the same flow, then a barrier
@@ -52,10 +52,18 @@ constexpr std::uint8_t kVersion = 4;
   std::exit(1);
 }
 
-void put8(Bytes &b, unsigned v) { b.push_back(static_cast<std::uint8_t>(v)); }
-void put16(Bytes &b, unsigned v) { put8(b, v >> 8), put8(b, v); }
-void put32(Bytes &b, std::uint32_t v) { put16(b, v >> 16), put16(b, v); }
-void zeros(Bytes &b, std::size_t n) { b.insert(b.end(), n, 0); }
+void put8(Bytes &b, unsigned v) {
+  b.push_back(static_cast<std::uint8_t>(v));
+}
+void put16(Bytes &b, unsigned v) {
+  put8(b, v >> 8), put8(b, v);
+}
+void put32(Bytes &b, std::uint32_t v) {
+  put16(b, v >> 16), put16(b, v);
+}
+void zeros(Bytes &b, std::size_t n) {
+  b.insert(b.end(), n, 0);
+}
 
 // Appends the header with length 0; close_message fills it in.
 std::size_t open_message(Bytes &b, Type type, std::uint32_t xid) {
@@ -70,18 +78,22 @@ void close_message(Bytes &b, std::size_t start) {
   b[start + 3] = static_cast<std::uint8_t>(len);
 }
 
-void plain(Bytes &b, Type type, std::uint32_t xid) { close_message(b, open_message(b, type, xid)); }
+void plain(Bytes &b, Type type, std::uint32_t xid) {
+  close_message(b, open_message(b, type, xid));
+}
 
-void oxm(Bytes &b, unsigned field, bool mask, unsigned len) { put16(b, 0x8000), put8(b, field << 1 | unsigned{mask}), put8(b, len); }
+void oxm(Bytes &b, unsigned field, bool mask, unsigned len) {
+  put16(b, 0x8000), put8(b, field << 1 | unsigned{mask}), put8(b, len);
+}
 
 void match(Bytes &b, std::uint32_t n) {
   const std::size_t start = b.size();
-  put16(b, 1), put16(b, 0);                                          // OFPMT_OXM
-  oxm(b, 0, false, 4), put32(b, 1);                                  // in_port
-  oxm(b, 5, false, 2), put16(b, 0x0800);                             // eth_type
-  oxm(b, 10, false, 1), put8(b, 6);                                  // ip_proto
-  oxm(b, 12, true, 8), put32(b, 0x0a000000 + n), put32(b, ~0U);      // ipv4_dst
-  oxm(b, 14, false, 2), put16(b, 80);                                // tcp_dst
+  put16(b, 1), put16(b, 0);                                      // OFPMT_OXM
+  oxm(b, 0, false, 4), put32(b, 1);                              // in_port
+  oxm(b, 5, false, 2), put16(b, 0x0800);                         // eth_type
+  oxm(b, 10, false, 1), put8(b, 6);                              // ip_proto
+  oxm(b, 12, true, 8), put32(b, 0x0a000000 + n), put32(b, ~0U);  // ipv4_dst
+  oxm(b, 14, false, 2), put16(b, 80);                            // tcp_dst
   const std::size_t len = b.size() - start;
   b[start + 2] = static_cast<std::uint8_t>(len >> 8), b[start + 3] = static_cast<std::uint8_t>(len);
   zeros(b, (8 - len % 8) % 8);
@@ -94,8 +106,8 @@ void flow_mod(Bytes &b, Command command, std::uint32_t n, std::uint32_t xid) {
   put32(b, ~0U), put32(b, ~0U), put32(b, ~0U), put16(b, 0), put16(b, 0);
   match(b, n);
   if (command == kAdd) {
-    put16(b, 4), put16(b, 24), put32(b, 0);                                          // apply actions
-    put16(b, 0), put16(b, 16), put32(b, 2), put16(b, 0xffff), zeros(b, 6);           // output
+    put16(b, 4), put16(b, 24), put32(b, 0);                                 // apply actions
+    put16(b, 0), put16(b, 16), put32(b, 2), put16(b, 0xffff), zeros(b, 6);  // output
   }
   close_message(b, start);
 }
@@ -209,9 +221,12 @@ Bytes churn(std::uint32_t n) {
 
 void print_sorted(const char *mode, std::uint32_t n, std::vector<double> values, std::uint64_t errors) {
   std::sort(values.begin(), values.end());
-  const auto at = [&](double q) { return values[std::min(values.size() - 1, static_cast<std::size_t>(q * static_cast<double>(values.size())))]; };
-  std::printf("{\"mode\":\"%s\",\"n\":%u,\"runs\":%zu,\"min_s\":%.6f,\"median_s\":%.6f,\"p99_s\":%.6f,\"max_s\":%.6f,\"errors\":%llu}\n", mode, n,
-              values.size(), values.front(), at(0.5), at(0.99), values.back(), static_cast<unsigned long long>(errors));
+  const auto at = [&](double q) {
+    return values[std::min(values.size() - 1, static_cast<std::size_t>(q * static_cast<double>(values.size())))];
+  };
+  std::printf(
+      "{\"mode\":\"%s\",\"n\":%u,\"runs\":%zu,\"min_s\":%.6f,\"median_s\":%.6f,\"p99_s\":%.6f,\"max_s\":%.6f,\"errors\":%llu}\n",
+      mode, n, values.size(), values.front(), at(0.5), at(0.99), values.back(), static_cast<unsigned long long>(errors));
 }
 
 void timed_rounds(Client &client, const char *mode, std::uint32_t n, int rounds) {

@@ -3,8 +3,8 @@
 #include <optional>
 #include <string>
 
-#include "libcgstctrl.h"
 #include "component/mom_world.h"
+#include "libcgstctrl.h"
 
 namespace mom_test {
 namespace {
@@ -29,7 +29,8 @@ class MomConformance : public testing::TestWithParam<Store> {
 };
 
 INSTANTIATE_TEST_SUITE_P(Stores, MomConformance,
-                         testing::Values(Store{"Embedded", []() -> std::unique_ptr<Backend> { return std::make_unique<EmbeddedBackend>(); }}),
+                         testing::Values(Store{"Embedded",
+                                               []() -> std::unique_ptr<Backend> { return std::make_unique<EmbeddedBackend>(); }}),
                          [](const auto &store) { return std::string(store.param.name); });
 
 // ---- arguments and connections
@@ -147,7 +148,11 @@ TEST_P(MomConformance, EveryCallCanBeMadeToFail) {
       {Point::mom_del, [&] { return world->del(flow); }},
       {Point::mom_del_sync, [&] { return qx_mom_del_sync(global, 8, flow, 0, 0); }},
       {Point::mom_get, [&] { return qx_mom_get_sync(global, 8, flow, 0, &object); }},
-      {Point::mom_scan, [&] { return qx_mom_scan_sync(global, 8, flow, 0, [](auto, auto) { return 0; }, nullptr); }},
+      {Point::mom_scan,
+       [&] {
+         return qx_mom_scan_sync(
+             global, 8, flow, 0, [](auto, auto) { return 0; }, nullptr);
+       }},
       {Point::mom_pexpire, [&] { return world->pexpire(flow, 1); }},
       {Point::mom_del_expire, [&] { return world->del_expire(flow); }},
       {Point::mom_del_expire_ow, [&] { return world->del_expire_ow(flow, 1); }},
@@ -297,11 +302,28 @@ TEST_P(MomConformance, BinaryValuesAndKeysPassUnchanged) {
   EXPECT_EQ(world->get(flow).key, UINT64_MAX);
 
   // Keys of text: any bytes, also those that separate or quote elsewhere, short and longer than the part kept inline.
-  const std::string names[] = {"", "\x01\xff:%*?[\\]\r\n", "a", "a:1", "a:2", std::string(16, 'b'), std::string(16, 'b') + "c",
-                               std::string(16, 'b') + "d", std::string(300, 'b'), "\xf0\x28"};
-  const std::vector<std::string> in_order = {"", "\x01\xff:%*?[\\]\r\n", "a", "a:1", "a:2", std::string(16, 'b'), std::string(300, 'b'),
-                                             std::string(16, 'b') + "c", std::string(16, 'b') + "d", "\xf0\x28"};
-  for (const std::string &name : {names[7], names[0], names[9], names[3], names[6], names[1], names[8], names[2], names[5], names[4]}) {
+  const std::string names[] = {"",
+                               "\x01\xff:%*?[\\]\r\n",
+                               "a",
+                               "a:1",
+                               "a:2",
+                               std::string(16, 'b'),
+                               std::string(16, 'b') + "c",
+                               std::string(16, 'b') + "d",
+                               std::string(300, 'b'),
+                               "\xf0\x28"};
+  const std::vector<std::string> in_order = {"",
+                                             "\x01\xff:%*?[\\]\r\n",
+                                             "a",
+                                             "a:1",
+                                             "a:2",
+                                             std::string(16, 'b'),
+                                             std::string(300, 'b'),
+                                             std::string(16, 'b') + "c",
+                                             std::string(16, 'b') + "d",
+                                             "\xf0\x28"};
+  for (const std::string &name :
+       {names[7], names[0], names[9], names[3], names[6], names[1], names[8], names[2], names[5], names[4]}) {
     Registration registration(name);
     EXPECT_EQ(world->set(registration, 0), 0);
   }
@@ -414,7 +436,8 @@ TEST_P(MomConformance, ReconnectToTheSameServerKeepsDataAndRepeatsDataFetch) {
   EXPECT_EQ(std::count(reconnects.begin(), reconnects.end(), 1), 0);
   ASSERT_TRUE(run_until([] { return !recorders[0].seen.empty() && !recorders[1].seen.empty(); }));
   world->settle();
-  EXPECT_EQ(std::count_if(recorders[0].seen.begin(), recorders[0].seen.end(), [](const Seen &seen) { return seen.cmd == 29; }), 1);
+  EXPECT_EQ(std::count_if(recorders[0].seen.begin(), recorders[0].seen.end(), [](const Seen &seen) { return seen.cmd == 29; }),
+            1);
   EXPECT_EQ(trace(recorders[1].seen), "29:0");
   EXPECT_EQ(trace(world->scan(flow)), "1:1");
   ASSERT_EQ(world->del(flow), 0);
@@ -537,8 +560,8 @@ TEST_P(MomConformance, TypesExpireAsAWholeUnlessRewritten) {
   ASSERT_EQ(world->set(meter), 0);
   ASSERT_EQ(world->pexpire(all, 100), 0);
   ASSERT_EQ(world->pexpire(meters, 100), 0);
-  ASSERT_EQ(world->setow(two, 1), 0);   // replayed
-  ASSERT_EQ(world->set(late), 0);       // new
+  ASSERT_EQ(world->setow(two, 1), 0);  // replayed
+  ASSERT_EQ(world->set(late), 0);      // new
   ASSERT_EQ(world->del_expire(meters), 0);
   world->settle();
   recorders[0].seen.clear();

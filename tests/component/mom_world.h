@@ -70,13 +70,13 @@ class TempDir {
 // One delivered notification, copied.
 struct Seen {
   uint32_t cmd = 0;
-  std::string type;      // of the decoded record; empty without one
-  uint64_t key = 0;      // first number of its key
-  uint64_t second = 0;   // second number of its key
-  int64_t status = -1;   // where the record has one
+  std::string type;     // of the decoded record; empty without one
+  uint64_t key = 0;     // first number of its key
+  uint64_t second = 0;  // second number of its key
+  int64_t status = -1;  // where the record has one
   int32_t error = 0;
   bool holder = false;
-  std::string packed;    // empty when none came
+  std::string packed;  // empty when none came
 };
 
 inline std::string pack(const ProtobufCMessage *record) {
@@ -261,7 +261,8 @@ class World {
     recorders[N].seen.clear();
   }
 
-  // Runs the loop until everything written so far to `db` has been delivered: a published record comes last. Takes the last recorder.
+  // Runs the loop until everything written so far to `db` has been delivered: a published record comes last. Takes the last
+  // recorder.
   void settle(int32_t db = 8) {
     constexpr size_t kLast = kRecorders - 1;
     if (!watching_[db]) watch<kLast>(kPktSig, db);
@@ -277,7 +278,9 @@ class World {
   int del(ProtobufCMessage *record, int32_t db = 8) { return qx_mom_del(global_, db, record, 0, 0); }
   int pexpire(ProtobufCMessage *record, uint32_t ms) { return qx_mom_pexpire(global_, 8, record, 0, ms, 0, nullptr, nullptr); }
   int del_expire(ProtobufCMessage *record) { return qx_mom_del_expire(global_, 8, record, 0, 0, nullptr); }
-  int del_expire_ow(ProtobufCMessage *record, int64_t tag) { return qx_mom_del_expire_ow(global_, 8, record, 0, 0, nullptr, tag); }
+  int del_expire_ow(ProtobufCMessage *record, int64_t tag) {
+    return qx_mom_del_expire_ow(global_, 8, record, 0, 0, nullptr, tag);
+  }
 
   // The object as qx_mom_get_sync gives it; cmd 0 when there is none.
   Seen get(ProtobufCMessage *record, int32_t db = 8) {

@@ -1,7 +1,7 @@
 // What is on its way to the database or to subscribers, a record type each: the figures of congestion control. Loop's thread.
 //
-// A write is in flight from its acceptance until every subscriber has seen it (embedded store) or the server has answered (Redis).
-// Deletions are counted but never refused: they free more than they hold.
+// A write is in flight from its acceptance until every subscriber has seen it (embedded store) or the server has answered
+// (Redis). Deletions are counted but never refused: they free more than they hold.
 #pragma once
 
 #include <cstddef>

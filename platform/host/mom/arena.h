@@ -1,5 +1,6 @@
 // Memory for unpacked records that live for one callback: a stack of blocks, released as a whole. An unpack makes a dozen small
-// allocations; from here they cost a few instructions each. Nested use (a callback that scans) releases in reverse order. Loop's thread.
+// allocations; from here they cost a few instructions each. Nested use (a callback that scans) releases in reverse order. Loop's
+// thread.
 #pragma once
 
 #include <protobuf-c/protobuf-c.h>

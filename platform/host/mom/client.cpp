@@ -109,8 +109,8 @@ int qx_mom_del_sync(qx_global *global, int32_t db, const ProtobufCMessage *recor
   return call.code ? call.code : hub()->store().del_sync(*call.slot, *call.key);
 }
 
-int qx_mom_pexpire(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t, uint32_t ms, uint32_t, qx_mom_done_cb cb,
-                   void *) {
+int qx_mom_pexpire(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t, uint32_t ms, uint32_t,
+                   qx_mom_done_cb cb, void *) {
   const Call call = resolve(Point::mom_pexpire, global, db, record, Needs::key_or_template, Link::async);
   return call.code ? call.code : hub()->store().pexpire(*call.slot, call.key_or_all(), ms, cb);
 }

@@ -1,8 +1,8 @@
 // The object store in the process's own memory: a sorted index a type, one exact allocation an object.
 //
-// An expiry of a whole type costs nothing an object: the table keeps one deadline and a generation number, and an object that carries an
-// older generation than its table is under the deadline. A rewrite puts the present generation in, which is how it escapes. An object
-// that is past its deadline is gone for every caller, even before the sweep has reached it.
+// An expiry of a whole type costs nothing an object: the table keeps one deadline and a generation number, and an object that
+// carries an older generation than its table is under the deadline. A rewrite puts the present generation in, which is how it
+// escapes. An object that is past its deadline is gone for every caller, even before the sweep has reached it.
 #pragma once
 
 #include <deque>

@@ -15,10 +15,10 @@ struct Command {
   uint32_t hash_class;
 };
 constexpr Command kCommands[] = {
-    {QX_MOM_CMD_SET, QX_MOM_CMD_HASH_NEW},          // Change::created
-    {QX_MOM_CMD_SET, QX_MOM_CMD_HASH_SET},          // Change::rewritten
-    {QX_MOM_CMD_DEL, QX_MOM_CMD_DEL},               // Change::deleted
-    {QX_MOM_CMD_PUBLISH, QX_MOM_CMD_PUBLISH},       // Change::published
+    {QX_MOM_CMD_SET, QX_MOM_CMD_HASH_NEW},     // Change::created
+    {QX_MOM_CMD_SET, QX_MOM_CMD_HASH_SET},     // Change::rewritten
+    {QX_MOM_CMD_DEL, QX_MOM_CMD_DEL},          // Change::deleted
+    {QX_MOM_CMD_PUBLISH, QX_MOM_CMD_PUBLISH},  // Change::published
 };
 
 uint32_t command_of(Change change, bool hash_class) {
@@ -186,7 +186,8 @@ void free_object(qx_obj *object) {
 
 void Hub::skip(const char *kind, const std::string &key) {
   const std::string type = key.substr(0, key.find(':'));
-  if (skipped_[type + ": " + kind]++ == 0) host::log::error("database: skipped {}: {} (further ones are only counted)", key, kind);
+  if (skipped_[type + ": " + kind]++ == 0)
+    host::log::error("database: skipped {}: {} (further ones are only counted)", key, kind);
 }
 
 void Hub::skip_broken(const Slot &slot, const Key *key) {

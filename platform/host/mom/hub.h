@@ -1,5 +1,5 @@
-// The client's state: databases and who is connected to them, subscriptions, decoding of what subscribers and scans get. One hub lives as
-// long as the runtime. Loop's thread.
+// The client's state: databases and who is connected to them, subscriptions, decoding of what subscribers and scans get. One hub
+// lives as long as the runtime. Loop's thread.
 #pragma once
 
 #include <deque>
@@ -78,12 +78,14 @@ class Hub {
 
   // ---- decoding
 
-  // Calls `cb` with the record laid out as a written notification; bytes that are no record of the type with that key are skipped.
+  // Calls `cb` with the record laid out as a written notification; bytes that are no record of the type with that key are
+  // skipped.
   void present(Slot &slot, const Key &key, Bytes packed, qx_mom_scan_cb cb, void *arg);
   // The same as an object of its own, released with free_object; null for such bytes.
   qx_obj *make_object(Slot &slot, const Key &key, Bytes packed);
 
-  // Counts what was found in the database or in a notification and cannot be used; the first of each kind and type is logged with its key.
+  // Counts what was found in the database or in a notification and cannot be used; the first of each kind and type is logged with
+  // its key.
   void skip(const char *kind, const std::string &key);
   const std::unordered_map<std::string, uint64_t> &skipped() const { return skipped_; }
 

@@ -1,5 +1,6 @@
-// One stored value: header, packed record and the rest of a long key in a single allocation of exact size. Counted references without
-// atomics: loop's thread only. A value never changes; a rewrite makes a new one, so that queued notifications keep what was written.
+// One stored value: header, packed record and the rest of a long key in a single allocation of exact size. Counted references
+// without atomics: loop's thread only. A value never changes; a rewrite makes a new one, so that queued notifications keep what
+// was written.
 #pragma once
 
 #include <cstdint>

@@ -39,8 +39,8 @@ size_t scalar_size(ProtobufCType type) {
 }
 
 bool is_dynamic(const ProtobufCFieldDescriptor &field) {
-  return field.label == PROTOBUF_C_LABEL_REPEATED || field.type == PROTOBUF_C_TYPE_STRING || field.type == PROTOBUF_C_TYPE_BYTES ||
-         field.type == PROTOBUF_C_TYPE_MESSAGE;
+  return field.label == PROTOBUF_C_LABEL_REPEATED || field.type == PROTOBUF_C_TYPE_STRING ||
+         field.type == PROTOBUF_C_TYPE_BYTES || field.type == PROTOBUF_C_TYPE_MESSAGE;
 }
 
 size_t element_size(ProtobufCType type) {

@@ -20,10 +20,10 @@ constexpr size_t kScratchKept = 1U << 20;  // a scratch buffer that grew beyond 
 
 // The record types of the schema, in name order.
 constexpr std::array kSchema = {
-    &s_cluster__reg_pkt_info__descriptor,    &s_policy_kelim__flow__descriptor,        &s_policy_kelim__flow_counter__descriptor,
-    &s_policy_kelim__flow_sta__descriptor,   &s_policy_kelim__flow_to_ace__descriptor, &s_policy_kelim__flow_to_ace_sta__descriptor,
-    &s_policy_kelim__meter__descriptor,      &s_policy_kelim__onc_ip__descriptor,      &s_policy_kelim__parse_flow__descriptor,
-    &s_policy_kelim__pkt_sig__descriptor,    &s_policy_kelim__port_phyid__descriptor,
+    &s_cluster__reg_pkt_info__descriptor,  &s_policy_kelim__flow__descriptor,        &s_policy_kelim__flow_counter__descriptor,
+    &s_policy_kelim__flow_sta__descriptor, &s_policy_kelim__flow_to_ace__descriptor, &s_policy_kelim__flow_to_ace_sta__descriptor,
+    &s_policy_kelim__meter__descriptor,    &s_policy_kelim__onc_ip__descriptor,      &s_policy_kelim__parse_flow__descriptor,
+    &s_policy_kelim__pkt_sig__descriptor,  &s_policy_kelim__port_phyid__descriptor,
 };
 
 constexpr std::array<std::string_view, 1> kHashClass = {"s_policy_kelim.meter"};
@@ -35,10 +35,12 @@ struct KeyForm {
   bool is_signed;
 };
 constexpr std::array kKeyForms = {
-    KeyForm{PROTOBUF_C_TYPE_UINT32, 4, false}, KeyForm{PROTOBUF_C_TYPE_FIXED32, 4, false}, KeyForm{PROTOBUF_C_TYPE_INT32, 4, true},
-    KeyForm{PROTOBUF_C_TYPE_SINT32, 4, true},  KeyForm{PROTOBUF_C_TYPE_SFIXED32, 4, true}, KeyForm{PROTOBUF_C_TYPE_ENUM, 4, true},
-    KeyForm{PROTOBUF_C_TYPE_BOOL, 4, true},    KeyForm{PROTOBUF_C_TYPE_UINT64, 8, false},  KeyForm{PROTOBUF_C_TYPE_FIXED64, 8, false},
-    KeyForm{PROTOBUF_C_TYPE_INT64, 8, true},   KeyForm{PROTOBUF_C_TYPE_SINT64, 8, true},   KeyForm{PROTOBUF_C_TYPE_SFIXED64, 8, true},
+    KeyForm{PROTOBUF_C_TYPE_UINT32, 4, false},  KeyForm{PROTOBUF_C_TYPE_FIXED32, 4, false},
+    KeyForm{PROTOBUF_C_TYPE_INT32, 4, true},    KeyForm{PROTOBUF_C_TYPE_SINT32, 4, true},
+    KeyForm{PROTOBUF_C_TYPE_SFIXED32, 4, true}, KeyForm{PROTOBUF_C_TYPE_ENUM, 4, true},
+    KeyForm{PROTOBUF_C_TYPE_BOOL, 4, true},     KeyForm{PROTOBUF_C_TYPE_UINT64, 8, false},
+    KeyForm{PROTOBUF_C_TYPE_FIXED64, 8, false}, KeyForm{PROTOBUF_C_TYPE_INT64, 8, true},
+    KeyForm{PROTOBUF_C_TYPE_SINT64, 8, true},   KeyForm{PROTOBUF_C_TYPE_SFIXED64, 8, true},
     KeyForm{PROTOBUF_C_TYPE_STRING, 0, false},
 };
 
@@ -210,7 +212,8 @@ RecordType::RecordType(const ProtobufCMessageDescriptor &descriptor, size_t id)
 
 bool RecordType::read_key_fields() {
   const ProtobufCFieldDescriptor *index = protobuf_c_message_descriptor_get_field(descriptor_, kIndexField);
-  if (!index || index->type != PROTOBUF_C_TYPE_MESSAGE || std::string_view(index->name) != "index") return true;  // a type without key
+  if (!index || index->type != PROTOBUF_C_TYPE_MESSAGE || std::string_view(index->name) != "index")
+    return true;  // a type without key
   if (index->label == PROTOBUF_C_LABEL_REPEATED) return false;
   index_ = index;
   key_ = static_cast<const ProtobufCMessageDescriptor *>(index->descriptor);
@@ -334,8 +337,8 @@ std::optional<Key> RecordType::parse(std::string_view text) const {
 std::vector<uint8_t> RecordType::key_only(const Key &key) const {
   if (!key_) return {};
   auto free_message = [](ProtobufCMessage *message) { std::free(message); };
-  std::unique_ptr<ProtobufCMessage, decltype(free_message)> index(static_cast<ProtobufCMessage *>(std::calloc(1, key_->sizeof_message)),
-                                                                   free_message);
+  std::unique_ptr<ProtobufCMessage, decltype(free_message)> index(
+      static_cast<ProtobufCMessage *>(std::calloc(1, key_->sizeof_message)), free_message);
   std::unique_ptr<ProtobufCMessage, decltype(free_message)> record(
       static_cast<ProtobufCMessage *>(std::calloc(1, descriptor_->sizeof_message)), free_message);
   if (!index || !record) return {};

@@ -1,8 +1,8 @@
-// What the client knows of a record type: its names, its key, how long a packed record can get. Read from the descriptor once and kept for
-// the life of the process; loop's thread.
+// What the client knows of a record type: its names, its key, how long a packed record can get. Read from the descriptor once and
+// kept for the life of the process; loop's thread.
 //
-// The canonical text of an object is "package.name:field:field", integers in decimal, text with everything but letters, digits and "._-/"
-// written as %XX.
+// The canonical text of an object is "package.name:field:field", integers in decimal, text with everything but letters, digits
+// and "._-/" written as %XX.
 #pragma once
 
 #include <protobuf-c/protobuf-c.h>
@@ -47,8 +47,8 @@ class PackBound {
 
 class RecordType {
  public:
-  // Null when the descriptor cannot be a record type: not a message descriptor, names that cannot be cut apart, a key of a form that has
-  // no order.
+  // Null when the descriptor cannot be a record type: not a message descriptor, names that cannot be cut apart, a key of a form
+  // that has no order.
   static const RecordType *of(const ProtobufCMessageDescriptor *descriptor);
 
   // By full name, among the types of the schema and those seen so far; null when there is none.

@@ -185,8 +185,8 @@ Json field_json(const ProtobufCMessage &record, const ProtobufCFieldDescriptor &
 }
 
 bool is_nothing(const Json &value) {
-  return value.is_null() || value == Json(0) || value == Json(false) || (value.is_string() && value.get_ref<const std::string &>().empty()) ||
-         (value.is_array() && value.empty());
+  return value.is_null() || value == Json(0) || value == Json(false) ||
+         (value.is_string() && value.get_ref<const std::string &>().empty()) || (value.is_array() && value.empty());
 }
 
 Json message_json(const ProtobufCMessage &record, bool whole) {

@@ -1,5 +1,5 @@
-// Records as people read them: JSON by a walk over the descriptor, addresses written the usual way, enumerations and bitmaps by name. Any
-// thread.
+// Records as people read them: JSON by a walk over the descriptor, addresses written the usual way, enumerations and bitmaps by
+// name. Any thread.
 #pragma once
 
 #include <protobuf-c/protobuf-c.h>

@@ -19,7 +19,8 @@ std::strong_ordering SortedIndex::compare(const Block &block, size_t slot, const
 
 SortedIndex::Place SortedIndex::find(const Key &key) const {
   if (directory_.empty()) return {};
-  // The last block that does not begin after the key. Blocks may begin with the same head, so long keys step back over equal heads.
+  // The last block that does not begin after the key. Blocks may begin with the same head, so long keys step back over equal
+  // heads.
   auto entry = std::upper_bound(directory_.begin(), directory_.end(), key.head,
                                 [](const KeyHead &head, const Entry &candidate) { return head < candidate.first; });
   while (entry != directory_.begin() && entry != directory_.begin() + 1) {
@@ -78,8 +79,8 @@ void SortedIndex::add_block(size_t position, std::unique_ptr<Block> block) {
   directory_.insert(directory_.begin() + position, Entry{first, std::move(block)});
 }
 
-// Makes room in a full block: a new block behind it takes the upper half, or nothing when the key goes to the very end of all keys, so that
-// ascending keys leave full blocks behind.
+// Makes room in a full block: a new block behind it takes the upper half, or nothing when the key goes to the very end of all
+// keys, so that ascending keys leave full blocks behind.
 SortedIndex::Place SortedIndex::split(const Place &place) {
   Block &left = *directory_[place.block].block;
   auto right = std::make_unique<Block>();
@@ -135,7 +136,8 @@ void SortedIndex::shrink(size_t block) {
   entry.first = entry.block->heads[0];
   if (entry.block->count >= kMergeBelow) return;
   const auto fits = [&](size_t right) {
-    return right > 0 && right < directory_.size() && directory_[right - 1].block->count + directory_[right].block->count <= kBlockMax / 2;
+    return right > 0 && right < directory_.size() &&
+           directory_[right - 1].block->count + directory_[right].block->count <= kBlockMax / 2;
   };
   if (fits(block)) {
     merge_into_left(block);

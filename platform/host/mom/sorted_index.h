@@ -1,8 +1,8 @@
 // Objects of one type in key order: a directory of sorted blocks of at most 128 objects.
 //
-// Two levels are enough for millions of objects (10^6: 8,000 blocks whose directory fits the second-level cache), and a block keeps 24
-// bytes an object, against 64 and more of a node-based tree. Keys stand apart from the pointers, so that a lookup touches the keys only.
-// Objects that arrive in key order fill their blocks completely. Loop's thread.
+// Two levels are enough for millions of objects (10^6: 8,000 blocks whose directory fits the second-level cache), and a block
+// keeps 24 bytes an object, against 64 and more of a node-based tree. Keys stand apart from the pointers, so that a lookup
+// touches the keys only. Objects that arrive in key order fill their blocks completely. Loop's thread.
 #pragma once
 
 #include <algorithm>

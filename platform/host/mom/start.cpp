@@ -21,7 +21,8 @@ Hub *living = nullptr;  // from qx_global_init to qx_global_finish; a process th
 int start(qx_global *) {
   if (living) return 0;
   const auto &mom = host::config().mom;
-  cgst::set_limits({mom.high_water_writes, mom.high_water_bytes}, {kPipelineFactor * mom.high_water_writes, kPipelineFactor * mom.high_water_bytes});
+  cgst::set_limits({mom.high_water_writes, mom.high_water_bytes},
+                   {kPipelineFactor * mom.high_water_writes, kPipelineFactor * mom.high_water_bytes});
   auto hub = std::make_unique<Hub>();
   hub->adopt(std::make_unique<Embedded>(*hub));
   living = hub.release();

@@ -1,8 +1,8 @@
-// What an object store offers to the client (hub.h): objects by type and key, expiry, tags. Two stores implement it, in the process's own
-// memory (embedded.h) and in Redis (redis_store.h). Loop's thread.
+// What an object store offers to the client (hub.h): objects by type and key, expiry, tags. Two stores implement it, in the
+// process's own memory (embedded.h) and in Redis (redis_store.h). Loop's thread.
 //
-// A store knows bytes and keys, not records. What happens it reports to its hub, never from inside the call that caused it. Results are
-// those of qx_mom.h.
+// A store knows bytes and keys, not records. What happens it reports to its hub, never from inside the call that caused it.
+// Results are those of qx_mom.h.
 #pragma once
 
 #include <cstdint>

@@ -40,7 +40,8 @@ void TurnQueue::wake() {
   if (!turn_) {
     event_base *base = host::loop_base();
     if (!base) return;
-    turn_.reset(evtimer_new(base, [](evutil_socket_t, short, void *queue) { static_cast<TurnQueue *>(queue)->run(); }, this));
+    turn_.reset(evtimer_new(
+        base, [](evutil_socket_t, short, void *queue) { static_cast<TurnQueue *>(queue)->run(); }, this));
   }
   const timeval now{};
   awake_ = turn_ && evtimer_add(turn_.get(), &now) == 0;

@@ -1,5 +1,5 @@
-// What must happen in a later turn of the loop, in order: notifications and small actions. A turn works for a bounded time, then the loop
-// sees to its sockets and timers before the next. Loop's thread.
+// What must happen in a later turn of the loop, in order: notifications and small actions. A turn works for a bounded time, then
+// the loop sees to its sockets and timers before the next. Loop's thread.
 #pragma once
 
 #include <deque>
