@@ -1,0 +1,226 @@
+// The object database's client: what a write, a notification, a scan cost, and what an object holds.
+#include <benchmark/benchmark.h>
+#include <malloc.h>
+
+#include <array>
+#include <chrono>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include "host/config/config.h"
+#include "host/runtime/loop.h"
+#include "qx_mom.h"
+#include "s_policy_kelim.pb-c.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr qx_mom_type kFlow = {&s_policy_kelim__flow__descriptor, &s_policy_kelim__flow_key__descriptor};
+
+uint64_t notified;
+bool connected;
+
+int count_notification(void *, const qx_obj *object) {
+  notified += object->cmd != QX_MOM_CMD_DATA_FETCH;
+  return 0;
+}
+
+class World {
+ public:
+  World() {
+    host::config_reset();
+    char name[] = "/tmp/kelim_bench_XXXXXX";
+    dir_ = ::mkdtemp(name);
+    const std::string url = std::getenv("KELIM_MOM_URL") ? std::getenv("KELIM_MOM_URL") : "embedded:";
+    for (const auto &[key, value] :
+         std::initializer_list<std::pair<const char *, std::string>>{{"run_dir", dir_},
+                                                                     {"log.target", "stderr"},
+                                                                     {"control.enabled", "false"},
+                                                                     {"programmer.embedded", "false"},
+                                                                     {"mom.high_water_writes", "4000000"},
+                                                                     {"mom.high_water_bytes", "4000000000"},
+                                                                     {"mom.url", url}}) {
+      host::config_set(key, value);
+    }
+    global = qx_global_init("mom_bench", nullptr);
+    connected = false;
+    notified = 0;
+    qx_mom_client_connect_sync(global, QX_MOM_UDP_DB);
+    qx_mom_client_connect(
+        global, QX_MOM_UDP_DB,
+        [](void *, const char *) {
+          connected = true;
+          return 0;
+        },
+        nullptr);
+    host::run_until([] { return connected; }, 10s);
+  }
+  ~World() {
+    qx_global_finish(global);
+    host::config_reset();
+    [[maybe_unused]] const int rv = std::system(("rm -rf " + dir_).c_str());
+  }
+
+  void subscribe(uint32_t delivery) {
+    const qx_mom_spec spec = {kFlow, delivery};
+    qx_mom_subscribe(global, QX_MOM_UDP_DB, &spec, count_notification);
+    host::run_until([] { return false; }, 5ms);
+  }
+
+  qx_global *global;
+
+ private:
+  std::string dir_;
+};
+
+// A typical flow: in_port, eth_type, ip_dst with mask, tcp_dst, one output, one access-control entry; about 290 bytes packed.
+struct FlowRecord {
+  std::array<uint8_t, 120> data{};
+  PLibpub__Ipv4 ip = P_LIBPUB__IPV4__INIT, mask = P_LIBPUB__IPV4__INIT;
+  SPolicyKelim__FlowKey key = S_POLICY_KELIM__FLOW_KEY__INIT;
+  SPolicyKelim__FlowField field = S_POLICY_KELIM__FLOW_FIELD__INIT;
+  SPolicyKelim__FlowAction action = S_POLICY_KELIM__FLOW_ACTION__INIT;
+  SPolicyKelim__FlowAceField ace_field = S_POLICY_KELIM__FLOW_ACE_FIELD__INIT;
+  SPolicyKelim__FlowAceAction ace_action = S_POLICY_KELIM__FLOW_ACE_ACTION__INIT;
+  SPolicyKelim__FlowAce ace = S_POLICY_KELIM__FLOW_ACE__INIT;
+  SPolicyKelim__FlowAce *aces[1] = {&ace};
+  SPolicyKelim__Flow record = S_POLICY_KELIM__FLOW__INIT;
+
+  FlowRecord() {
+    ip.data = 0x0a010203;
+    mask.data = 0xffffff00;
+    for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i);
+    field.flow_field_bitmap = 0x4821;
+    field.in_port_ifx = 1001;
+    field.etype = 0x800;
+    field.etype_mask = 0xffff;
+    field.dst_ipv4 = &ip;
+    field.dst_ipv4_mask = &mask;
+    field.dport = 443;
+    field.dport_mask = 0xffff;
+    action.flow_action_bitmap = 1;
+    action.output_ifx = 1002;
+    ace_field.rule_bitmap = 0x504;
+    ace_field.in_port_ifx = 1001;
+    ace_field.etype = 0x800;
+    ace_field.etype_mask = 0xffff;
+    ace_field.dst_ipv4 = &ip;
+    ace_field.dst_ipv4_mask = &mask;
+    ace_field.dport = 443;
+    ace_field.dport_mask = 0xffff;
+    ace_action.action_bitmap = 0x10;
+    ace_action.redirect_ifx = 1002;
+    ace.sn = UINT64_MAX;
+    ace.acl_app_type = const_cast<char *>("sdn_app");
+    ace.ace_field = &ace_field;
+    ace.ace_action = &ace_action;
+    record.index = &key;
+    record.status = S_POLICY_KELIM__STATUS_E__STATUS_INSTALLING;
+    record.flow_data = {data.size(), data.data()};
+    record.flow_field = &field;
+    record.flow_action = &action;
+    record.n_ace = 1;
+    record.ace = aces;
+    record.req_uuid = 123'456'789'012;
+  }
+  const ProtobufCMessage *message(uint64_t index) {
+    key.flow_index = index;
+    return reinterpret_cast<const ProtobufCMessage *>(&record);
+  }
+};
+
+// What protobuf-c alone needs, to hold the others against.
+void BM_PackOnly(benchmark::State &state) {
+  FlowRecord flow;
+  uint8_t buffer[4096];
+  size_t size = 0;
+  for (auto _ : state) benchmark::DoNotOptimize(size = protobuf_c_message_pack(flow.message(1), buffer));
+  state.counters["bytes"] = static_cast<double>(size);
+}
+BENCHMARK(BM_PackOnly);
+
+// Writing `n` new objects, ascending as the daemon's indexes are; nobody listens.
+void BM_SetNew(benchmark::State &state) {
+  FlowRecord flow;
+  const auto n = static_cast<uint64_t>(state.range(0));
+  double held = 0;
+  for (auto _ : state) {
+    state.PauseTiming();
+    auto world = std::make_unique<World>();
+    const auto before = mallinfo2();
+    state.ResumeTiming();
+    for (uint64_t i = 1; i <= n; ++i) qx_mom_setow(world->global, QX_MOM_UDP_DB, flow.message(i), 0, 0, 1);
+    state.PauseTiming();
+    const auto after = mallinfo2();
+    held = static_cast<double>(after.uordblks + after.hblkhd - before.uordblks - before.hblkhd) / static_cast<double>(n);
+    world.reset();
+    state.ResumeTiming();
+  }
+  state.SetItemsProcessed(static_cast<int64_t>(n) * static_cast<int64_t>(state.iterations()));
+  state.counters["bytes_per_object"] = held;
+  state.counters["packed_bytes"] = static_cast<double>(protobuf_c_message_get_packed_size(flow.message(n)));
+}
+BENCHMARK(BM_SetNew)->Arg(100'000)->Arg(1'000'000)->Unit(benchmark::kMillisecond);
+
+// Rewriting objects among 100,000 in no order.
+void BM_Rewrite(benchmark::State &state) {
+  World world;
+  FlowRecord flow;
+  constexpr uint64_t kCount = 100'000;
+  for (uint64_t i = 1; i <= kCount; ++i) qx_mom_set(world.global, QX_MOM_UDP_DB, flow.message(i), 0, 0);
+  uint64_t at = 0;
+  for (auto _ : state) qx_mom_setow(world.global, QX_MOM_UDP_DB, flow.message((at += 7919) % kCount + 1), 0, 0, 1);
+}
+BENCHMARK(BM_Rewrite);
+
+// Bursts of 10,000 writes until a subscriber has seen them all.
+void BM_SetAndNotify(benchmark::State &state) {
+  World world;
+  world.subscribe(static_cast<uint32_t>(state.range(0)));
+  FlowRecord flow;
+  constexpr uint64_t kBurst = 10'000;
+  for (auto _ : state) {
+    notified = 0;
+    for (uint64_t i = 1; i <= kBurst; ++i) qx_mom_setow(world.global, QX_MOM_UDP_DB, flow.message(i), 0, 0, 1);
+    host::run_until([] { return notified == kBurst; }, 60s);
+  }
+  state.SetItemsProcessed(kBurst * static_cast<int64_t>(state.iterations()));
+  state.SetLabel(state.range(0) == QX_MOM_PACKED ? "packed" : "decoded");
+}
+BENCHMARK(BM_SetAndNotify)->Arg(QX_MOM_DECODED)->Arg(QX_MOM_PACKED)->Unit(benchmark::kMillisecond);
+
+void BM_Scan(benchmark::State &state) {
+  World world;
+  FlowRecord flow;
+  const auto n = static_cast<uint64_t>(state.range(0));
+  for (uint64_t i = 1; i <= n; ++i) qx_mom_set(world.global, QX_MOM_UDP_DB, flow.message(i), 0, 0);
+  for (auto _ : state) {
+    uint64_t seen = 0;
+    qx_mom_scan_sync(
+        world.global, QX_MOM_UDP_DB, flow.message(0), 0,
+        [](const qx_obj *, void *count) {
+          ++*static_cast<uint64_t *>(count);
+          return 0;
+        },
+        &seen);
+    if (seen != n) state.SkipWithError("objects are missing");
+  }
+  state.SetItemsProcessed(static_cast<int64_t>(n) * static_cast<int64_t>(state.iterations()));
+}
+BENCHMARK(BM_Scan)->Arg(100'000)->Unit(benchmark::kMillisecond);
+
+// A whole type put under expiry and taken out again.
+void BM_ExpireType(benchmark::State &state) {
+  World world;
+  FlowRecord flow;
+  for (uint64_t i = 1; i <= 100'000; ++i) qx_mom_set(world.global, QX_MOM_UDP_DB, flow.message(i), 0, 0);
+  for (auto _ : state) {
+    qx_mom_pexpire(world.global, QX_MOM_UDP_DB, flow.message(0), 0, 60'000, 0, nullptr, nullptr);
+    qx_mom_del_expire(world.global, QX_MOM_UDP_DB, flow.message(0), 0, 0, nullptr);
+  }
+}
+BENCHMARK(BM_ExpireType)->Unit(benchmark::kMicrosecond);
+
+}  // namespace
