@@ -5,11 +5,10 @@
 // failure callbacks and the two connection values may be used from any thread.
 #pragma once
 
-#include <pthread.h>
-
 #include <atomic>
 #include <cstdint>
 
+#include "kelim/common/guarded.h"
 #include "qx_mom.h"
 #include "s_policy_kelim.pb-c.h"
 
@@ -41,11 +40,10 @@ void ssc_sdn_flow_to_ace_sta(const SPolicyKelim__FlowSta *sta);
 
 // ---- packed report of counter changes
 
-// Cells a packed report (values outside 1 to 2730 count as the nearest of the two); written under its mutex.
-extern std::int32_t g_ssc_sdn_pack_max_cell_num;
-
-// Sets it; any thread.
-void ssc_sdn_set_pack_max_cell_num(std::int32_t cells);
+// Cells a packed report, 100 at the start. Values outside 1 to 2730 (what the report's 16-bit length can say) count as the
+// nearest of the two.
+extern kelim::Mutex g_ssc_sdn_pack_max_cell_num_mutex;
+extern std::int32_t g_ssc_sdn_pack_max_cell_num KELIM_GUARDED_BY(g_ssc_sdn_pack_max_cell_num_mutex);
 
 // One change of a flow's counters.
 struct ssc_sdn_pack_cell {

@@ -25,6 +25,3 @@ void ssc_sdn_ds_stage_init_or_check(std::uint8_t init);
 // A queued flow of `kind` has progressed: marks its queue node as set and, when the kind's work has drained, cleans the kind up.
 // Does nothing outside a synchronisation or for a finished kind.
 void ssc_sdn_update_ds_node_and_check(std::uint64_t msg_id, std::uint32_t kind);
-
-// Drops the replay in progress: cleans up once (tag 2 only when tag 1 fails) and goes back to the initial state.
-void ssc_sdn_ds_stage_abandon();

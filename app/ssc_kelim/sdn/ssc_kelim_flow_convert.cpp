@@ -116,10 +116,14 @@ void fill_bit(const members_by_bit<Record, Bits> &table, Record *record, std::ui
   if (bit < Bits && !table[bit].fill(*record, *node)) *error = 1;
 }
 
-// The bit at which memory ran out, or -1.
-template <typename Record, std::size_t Bits>
-int fill_bits(const members_by_bit<Record, Bits> &table, std::uint64_t bitmap, Record &record, const flow_info_node &node) {
-  return first_failing_bit(bitmap, Bits, [&](unsigned bit) { return table[bit].fill(record, node); });
+// Runs Convert on every bit below Bits that is set, ascending. The bit at which memory ran out, or -1.
+template <auto Convert, unsigned Bits, typename Record>
+int fill_bits(Record *record, std::uint64_t bitmap, const flow_info_node *node) {
+  return first_failing_bit(bitmap, Bits, [&](unsigned bit) {
+    int error = 0;
+    Convert(record, bit, node, &error);
+    return error == 0;
+  });
 }
 
 template <typename Record, std::size_t Bits>
@@ -173,14 +177,12 @@ struct request {
 
   bool complete() const { return field && action; }
   // False, after one line under the name of `caller`, when memory runs out.
-  bool fill(const flow_info_node &node, const char *caller) {
-    field->flow_field_bitmap = node.flow_field_bitmap;
-    action->flow_action_bitmap = node.flow_action_bitmap;
-    if (const int bit = fill_bits(kFlowFields, field->flow_field_bitmap, *field, node); bit >= 0) {
+  bool fill(const flow_info_node *node, const char *caller) {
+    if (const int bit = ssc_sdn_fill_flow_field(field.get(), node); bit >= 0) {
       SDN_ERROR_AS(caller, "ssc_sdn_parse_flow_ace_field_convert fail: field is %d", bit);
       return false;
     }
-    if (const int bit = fill_bits(kFlowActions, action->flow_action_bitmap, *action, node); bit >= 0) {
+    if (const int bit = ssc_sdn_fill_flow_action(action.get(), node); bit >= 0) {
       SDN_ERROR_AS(caller, "ssc_sdn_parse_flow_ace_action_convert fail: action is %d", bit);
       return false;
     }
@@ -194,15 +196,12 @@ struct entry {
   record_ptr<SPolicyKelim__FlowAceAction> action = new_record<SPolicyKelim__FlowAceAction>();
 
   bool complete() const { return field && action; }
-  bool fill(const flow_info_node &node, const char *caller) {
-    field->rule_bitmap = node.rule_bitmap;
-    field->in_port_ifx = node.in_port;
-    action->action_bitmap = node.action_bitmap;
-    if (const int bit = fill_bits(kAceRules, field->rule_bitmap, *field, node); bit >= 0) {
+  bool fill(const flow_info_node *node, const char *caller) {
+    if (const int bit = ssc_sdn_fill_ace_field(field.get(), node); bit >= 0) {
       SDN_ERROR_AS(caller, "ssc_sdn_ace_field_convert fail: field is %d", bit);
       return false;
     }
-    if (const int bit = fill_bits(kAceActions, action->action_bitmap, *action, node); bit >= 0) {
+    if (const int bit = ssc_sdn_fill_ace_action(action.get(), node); bit >= 0) {
       SDN_ERROR_AS(caller, "ssc_sdn_ace_action_convert fail: action is %d", bit);
       return false;
     }
@@ -281,11 +280,49 @@ void ssc_sdn_free_ace_action_mac(SPolicyKelim__FlowAceAction *action) {
   release_bits(kAceActions, action->action_bitmap, action);
 }
 
+// ---- every bit
+
+int ssc_sdn_fill_flow_field(SPolicyKelim__FlowField *field, const flow_info_node *node) {
+  field->flow_field_bitmap = node->flow_field_bitmap;
+  return fill_bits<ssc_sdn_parse_flow_ace_field_convert, kFlowFields.size()>(field, field->flow_field_bitmap, node);
+}
+
+int ssc_sdn_fill_flow_action(SPolicyKelim__FlowAction *action, const flow_info_node *node) {
+  action->flow_action_bitmap = node->flow_action_bitmap;
+  return fill_bits<ssc_sdn_parse_flow_ace_action_convert, kFlowActions.size()>(action, action->flow_action_bitmap, node);
+}
+
+int ssc_sdn_fill_ace_field(SPolicyKelim__FlowAceField *field, const flow_info_node *node) {
+  field->rule_bitmap = node->rule_bitmap;
+  field->in_port_ifx = node->in_port;
+  return fill_bits<ssc_sdn_ace_field_convert, kAceRules.size()>(field, field->rule_bitmap, node);
+}
+
+int ssc_sdn_fill_ace_action(SPolicyKelim__FlowAceAction *action, const flow_info_node *node) {
+  action->action_bitmap = node->action_bitmap;
+  return fill_bits<ssc_sdn_ace_action_convert, kAceActions.size()>(action, action->action_bitmap, node);
+}
+
+int ssc_sdn_read_back_ace_field(flow_info_node *node, const SPolicyKelim__FlowAce *ace) {
+  if (!ace->ace_field) return -1;
+  node->rule_bitmap = ace->ace_field->rule_bitmap;
+  node->in_port = ace->ace_field->in_port_ifx;
+  return first_failing_bit(node->rule_bitmap, kAceRules.size(),
+                           [&](unsigned bit) { return ssc_kelim_get_flow_to_ace_field(node, ace, bit); });
+}
+
+int ssc_sdn_read_back_ace_action(flow_info_node *node, const SPolicyKelim__FlowAce *ace) {
+  if (!ace->ace_action) return -1;
+  node->action_bitmap = ace->ace_action->action_bitmap;
+  return first_failing_bit(node->action_bitmap, kAceActions.size(),
+                           [&](unsigned bit) { return ssc_kelim_get_flow_to_ace_action(node, ace, bit); });
+}
+
 // ---- whole records
 
 std::int32_t ssc_sdn_parse_flow_ace_field_act_convert(SPolicyKelim__ParseFlow *parse_flow, const flow_info_node *node) {
   request asked;
-  if (!asked.complete() || !asked.fill(*node, __func__)) {
+  if (!asked.complete() || !asked.fill(node, __func__)) {
     SDN_ERROR("flow_entry malloc failed. flow_index = %lu", parse_flow->index->flow_index);
     return -2;
   }
@@ -299,7 +336,7 @@ std::int32_t ssc_sdn_ace_field_act_convert(SPolicyKelim__Flow *flow, const flow_
   request asked;
   entry first;
   ace_list list = new_ace_list(flow->n_ace);
-  if (!asked.complete() || !first.complete() || !list || !first.fill(*node, __func__) || !asked.fill(*node, __func__)) {
+  if (!asked.complete() || !first.complete() || !list || !first.fill(node, __func__) || !asked.fill(node, __func__)) {
     SDN_ERROR("flow_entry malloc failed. flow_index = %lu", flow->index->flow_index);
     return -2;
   }

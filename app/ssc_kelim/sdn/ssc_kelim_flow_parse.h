@@ -51,12 +51,26 @@ std::int32_t ssc_sdn_ace_field_act_convert(SPolicyKelim__Flow *flow, const flow_
 void ssc_sdn_ace_field_convert(SPolicyKelim__FlowAceField *field, std::uint32_t bit, const flow_info_node *node, int *error);
 void ssc_sdn_ace_action_convert(SPolicyKelim__FlowAceAction *action, std::uint32_t bit, const flow_info_node *node, int *error);
 
+// ---- whole messages
+
+// Set the message's bitmap from the node's and fill the members of every bit of it, ascending. The bit at which memory ran out,
+// or -1.
+int ssc_sdn_fill_flow_field(SPolicyKelim__FlowField *field, const flow_info_node *node);
+int ssc_sdn_fill_flow_action(SPolicyKelim__FlowAction *action, const flow_info_node *node);
+int ssc_sdn_fill_ace_field(SPolicyKelim__FlowAceField *field, const flow_info_node *node);  // in_port_ifx as well
+int ssc_sdn_fill_ace_action(SPolicyKelim__FlowAceAction *action, const flow_info_node *node);
+
 // ---- stored access-control entry to node
 
 // Copy the members of one bit into `node`. False, with nothing copied, when the entry lacks an address that the bit stands for
 // (or carries one of the wrong length).
 bool ssc_kelim_get_flow_to_ace_field(flow_info_node *node, const SPolicyKelim__FlowAce *ace, std::uint32_t bit);
 bool ssc_kelim_get_flow_to_ace_action(flow_info_node *node, const SPolicyKelim__FlowAce *ace, std::uint32_t bit);
+
+// Do so for every bit of the entry's bitmap, which `node` takes over. The bit that failed, or -1. An entry without match or
+// actions has none of their bits.
+int ssc_sdn_read_back_ace_field(flow_info_node *node, const SPolicyKelim__FlowAce *ace);  // in_port_ifx as well
+int ssc_sdn_read_back_ace_action(flow_info_node *node, const SPolicyKelim__FlowAce *ace);
 
 // ---- releasing what a conversion allocated
 

@@ -19,17 +19,46 @@ enum ssc_kelim_ow : std::int64_t {
   SSC_KELIM_OW_FLOW_TO_ACE = 2,  // flows that it wrote from a service-chain application's answer
 };
 
+// ---- keys
+
+inline SPolicyKelim__FlowKey ssc_kelim_flow_key(std::uint64_t flow_index, std::uint32_t vsd_id) {
+  SPolicyKelim__FlowKey key = S_POLICY_KELIM__FLOW_KEY__INIT;
+  key.flow_index = flow_index;
+  key.vsd_id = vsd_id;
+  return key;
+}
+inline SPolicyKelim__ParseFlowKey ssc_kelim_parse_flow_key(std::uint32_t t_flow_type, std::uint64_t flow_index,
+                                                           std::uint32_t vsd_id) {
+  SPolicyKelim__ParseFlowKey key = S_POLICY_KELIM__PARSE_FLOW_KEY__INIT;
+  key.t_flow_type = t_flow_type;
+  key.flow_index = flow_index;
+  key.vsd_id = vsd_id;
+  return key;
+}
+inline SPolicyKelim__MeterKey ssc_kelim_meter_key(std::uint32_t meter_id, std::uint32_t vsd_id) {
+  SPolicyKelim__MeterKey key = S_POLICY_KELIM__METER_KEY__INIT;
+  key.meter_id = meter_id;
+  key.vsd_id = vsd_id;
+  return key;
+}
+
+// ---- wrappers
+
 std::int32_t ssc_kelim_mom_set(const ProtobufCMessage *record, std::int32_t db);
 // Database 8.
 std::int32_t ssc_kelim_mom_set_with_ow(const ProtobufCMessage *record, std::int64_t ow);
 // Database 8; also -1 for a null record. Never logs.
 std::int32_t ssc_kelim_mom_del(const ProtobufCMessage *record);
+// The same in any database.
+std::int32_t ssc_kelim_mom_del_in(const ProtobufCMessage *record, std::int32_t db);
 // Database 8, 100 ms; also -1 for a null record.
 std::int32_t ssc_kelim_mom_expire(const ProtobufCMessage *record);
 // Database 8: cancels a pending expiry; also -1 for a null record.
 std::int32_t ssc_kelim_mom_del_expire(const ProtobufCMessage *record);
 // Completion callback of an expiry; does nothing. 0.
 int ssc_kelim_null_cb();
+
+// ---- bulk deletions
 
 // Deletes the flow records that are still under expiry and carry the tag; `vsd_id` only shows in the log.
 std::int32_t ssc_sdn_db_expire_del_all_with_ow(std::uint32_t vsd_id, std::int64_t ow);

@@ -1,0 +1,245 @@
+#include "ssc_kelim/sdn/ssc_kelim_msg_to_ssd.h"
+
+#include <cstdint>
+
+#include "kelim/common/kelim_debug.h"
+#include "qx_runtime.h"
+#include "southbound.h"
+#include "ssc_kelim/sdn/handler_run.h"
+#include "ssc_kelim/sdn/ssc_kelim_adapt.h"
+#include "ssc_kelim/sdn/ssc_kelim_flow_db.h"
+#include "ssc_kelim/sdn/ssc_kelim_flow_parse.h"
+#include "ssc_kelim/sdn/ssc_kelim_flow_to_ace.h"
+#include "ssc_kelim/sdn/ssc_kelim_mom.h"
+#include "ssc_kelim/sdn/ssc_sdn_msg_queue.h"
+#include "ssc_kelim/sdn/ssc_sdn_proxy.h"
+
+namespace {
+
+// Queue classes of a flow, by what writes its record in the end.
+constexpr std::uint32_t kDsFlow = 0, kDsFlowToAce = 1;
+constexpr std::uint32_t kMaxVlanId = 0xffe;
+
+std::uint64_t now_us() {
+  return qx_timeval_to_us(qx_monotime());
+}
+
+bool is_service_chain(const flow_info_node &node) {
+  return node.exp_app_type == southbound::kServiceChainAppType;
+}
+
+bool is_out_of_resources(std::int32_t code) {
+  return code == S_POLICY_KELIM__STATUS_E__STATUS_RESOURCE || code == -S_POLICY_KELIM__STATUS_E__STATUS_RESOURCE;
+}
+
+bool matches_vlan_id(const flow_info_node &node) {
+  return (node.flow_field_bitmap >> S_POLICY_KELIM__FLOW_FIELD_E__OXM_SS_OF_VLAN_VID & 1) != 0;
+}
+
+std::uint32_t vlan_id(const flow_info_node &node) {
+  return ssc_sdn_check_memcpy_reverse() ? southbound::get<std::uint16_t>(&node.vid, 0) : node.vid;
+}
+
+// Queues the flow for its result. False, after a reply, when that fails.
+bool register_flow(std::uint32_t vsd_id, std::uint64_t flow_index, const void *msg, std::uint32_t ds_type) {
+  const std::int32_t rv = ssc_sdn_msg_queue_alloc_flow_msg_node(msg, ds_type);
+  if (rv != 0) {
+    SDN_ERROR_AS("ssc_sdn_add_flow_handler", "ssc kelim insert_msg_node FAIL!");
+    sdn_send_flow_ret_val_2_proxy(vsd_id, flow_index, rv);
+  }
+  return rv == 0;
+}
+
+// Stores the parsed form for the application that makes entries of it. 0, -2, or -20.
+std::int32_t ssc_sdn_add_flow_to_app(const flow_info_node &node) {
+  SPolicyKelim__ParseFlowKey key = ssc_kelim_parse_flow_key(node.exp_app_type, node.flow_index, node.vsd_id);
+  SPolicyKelim__ParseFlow record = S_POLICY_KELIM__PARSE_FLOW__INIT;
+  record.index = &key;
+  record.req_uuid = now_us();
+  std::int32_t rv = ssc_sdn_parse_flow_ace_field_act_convert(&record, &node);
+  if (rv != 0) {
+    SDN_ERROR("parse_flow malloc failed. flow_index = %lu", node.flow_index);
+  } else if (ssc_kelim_mom_set(&record.base, QX_MOM_APP_DB) != 0) {
+    SDN_ERROR("ssc sdn add flow FAIL! flow_index:%lu, vsd_id:%d", node.flow_index, node.vsd_id);
+    rv = -20;
+  }
+  ssc_sdn_free_parse_flow_members(&record);
+  return rv;
+}
+
+// Stores the flow for the programming service. 0, or the code of the step that failed.
+std::int32_t ssc_sdn_add_flow_to_udp(const flow_info_node &node, void *msg) {
+  SPolicyKelim__FlowKey key = ssc_kelim_flow_key(node.flow_index, node.vsd_id);
+  SPolicyKelim__Flow record = S_POLICY_KELIM__FLOW__INIT;
+  record.index = &key;
+  record.flow_data.data = static_cast<std::uint8_t *>(msg);
+  record.n_ace = 1;
+  record.req_uuid = now_us();
+  std::int32_t rv = ssc_sdn_ace_field_act_convert(&record, &node);
+  if (rv != 0) {
+    SDN_ERROR("flow_entry malloc failed. flow_index = %lu", node.flow_index);
+  } else {
+    rv = ssc_sdn_store_flow(&record, SSC_KELIM_OW_FLOW);
+  }
+  ssc_sdn_free_flow_members(&record);
+  return rv;
+}
+
+// The two routes of an accepted flow.
+void take_application_route(flow_info_node &node, const ssc_sdn_flow_job &job) {
+  const std::uint64_t flow_index = node.flow_index;
+  const std::uint32_t vsd_id = node.vsd_id;
+  if (!register_flow(vsd_id, flow_index, job.msg, kDsFlowToAce)) return;
+  const std::int32_t rv = ssc_sdn_add_flow_to_app(node);
+  if (rv == 0) return;
+  SDN_ERROR_AS("ssc_sdn_add_flow_handler", "ssc_sdn_add_flow_to_app FAIL!");
+  ssc_sdn_process_flow_install_result(vsd_id, flow_index, rv);
+}
+
+void take_udp_route(flow_info_node &node, const ssc_sdn_flow_job &job) {
+  const std::uint64_t flow_index = node.flow_index;
+  const std::uint32_t vsd_id = node.vsd_id;
+  if (!register_flow(vsd_id, flow_index, job.msg, kDsFlow)) return;
+  const std::int32_t rv = ssc_sdn_add_flow_to_udp(node, job.msg);
+  if (rv == 0) return;
+  // Deliberate: the same line as for a failed registration; operators search the log for it.
+  SDN_ERROR_AS("ssc_sdn_add_flow_handler", "ssc kelim insert_msg_node FAIL!");
+  ssc_sdn_process_flow_install_result(vsd_id, flow_index, rv);
+}
+
+// The cached flow of a flow-mod, created where it is new. Null, after a reply, when it cannot be made or must not be programmed.
+flow_info_node *accept_flow(std::uint32_t vsd_id, std::uint64_t flow_index, const ssc_sdn_flow_job &job) {
+  flow_info_node key{};
+  key.flow_index = flow_index;
+  key.vsd_id = vsd_id;
+  flow_info_node *node = ssc_kelim_find_flow_node(&key);
+  if (!node) node = ssc_kelim_add_flow_node(job.msg, static_cast<std::int32_t>(job.len), &key);
+  if (!node) {
+    SDN_ERROR_AS("ssc_sdn_add_flow_handler", "flow node add failed. index:%lu, vsd_id:%d", flow_index, vsd_id);
+    sdn_send_flow_ret_val_2_proxy(vsd_id, flow_index, 0);
+    return nullptr;
+  }
+  if (!matches_vlan_id(*node)) return node;
+  const std::uint32_t vlan = vlan_id(*node);
+  if (vlan <= kMaxVlanId) return node;
+  SDN_ERROR_AS("ssc_sdn_add_flow_handler", "flow node field vlan id check failed. index:%lu, vsd_id:%d, vlan id:%u", flow_index,
+               vsd_id, vlan);
+  sdn_send_flow_ret_val_2_proxy(vsd_id, flow_index, 2);
+  ssc_kelim_del_flow_node(node);
+  return nullptr;
+}
+
+void add_flow(std::uint32_t vsd_id, const ssc_sdn_flow_job &job) {
+  const auto flow_index = southbound::get<std::uint64_t>(job.msg, southbound::kFlowIndex);
+  flow_info_node *node = accept_flow(vsd_id, flow_index, job);
+  if (node && is_service_chain(*node)) {
+    take_application_route(*node, job);
+    return;
+  }
+  if (node) take_udp_route(*node, job);
+  ssc_sdn_update_ds_node_and_check(flow_index, kDsFlow);
+}
+
+void del_flow(std::uint32_t vsd_id, const ssc_sdn_flow_job &job) {
+  const auto flow_index = southbound::get<std::uint64_t>(job.msg, southbound::kFlowIndex);
+  const bool deleted = ssc_sdn_del_flow_related_data(vsd_id, flow_index) == 0;
+  sdn_opt_cnt[SDN_OPT_FLOW_DEL + (deleted ? SDN_OPT_HANDLED : SDN_OPT_FAILED)]++;
+  ssc_sdn_update_ds_node_and_check(flow_index, kDsFlow);
+  ssc_sdn_update_ds_node_and_check(flow_index, kDsFlowToAce);
+}
+
+std::int32_t ssc_sdn_del_flow(std::uint64_t flow_index, std::uint32_t vsd_id) {
+  SPolicyKelim__FlowKey key = ssc_kelim_flow_key(flow_index, vsd_id);
+  SPolicyKelim__Flow record = S_POLICY_KELIM__FLOW__INIT;
+  record.index = &key;
+  if (ssc_kelim_mom_del_in(&record.base, QX_MOM_UDP_DB) == 0) return 0;
+  SDN_ERROR("ssc sdn del flow FAIL!");
+  return -11;
+}
+
+}  // namespace
+
+void ssc_sdn_add_flow_handler(libss_pthrd_hdl *hdl) {
+  SDN_VER("ENTER");
+  handler_run::run<handler_run::flow_job>(hdl, SDN_TIME_ADD_FLOW,
+                                          [&](const ssc_sdn_flow_job *job) { add_flow(hdl->value, *job); });
+  SDN_VER("LEAVE");
+}
+
+void ssc_sdn_del_flow_handler(libss_pthrd_hdl *hdl) {
+  handler_run::run<handler_run::flow_job>(hdl, SDN_TIME_DEL_FLOW, [&](const ssc_sdn_flow_job *job) {
+    SDN_VER_AS("ssc_sdn_del_flow_handler", "enter, vsd_id: %d, msg: %p, len :%d", hdl->value, job->msg,
+               static_cast<int>(job->len));
+    del_flow(hdl->value, *job);
+  });
+  SDN_VER("leave");
+}
+
+void ssc_sdn_process_flow_install_result(std::uint32_t vsd_id, std::uint64_t flow_index, std::int32_t result) {
+  ssc_sdn_msg_queue_update_msg_node(SDN_ADD_FLOW_MSG, flow_index, static_cast<std::uint32_t>(result));
+  ssc_sdn_msg_queue_traverse_pop_msg_node();
+  if (result != 0) ssc_sdn_del_flow_related_data(vsd_id, flow_index);
+}
+
+void ssc_sdn_msg_queue_proc_flow_install_cb(const SPolicyKelim__FlowSta *sta, std::uint32_t result) {
+  if (!sta->index) return;
+  ssc_sdn_flow_to_ace_sta(sta);
+  ssc_sdn_process_flow_install_result(sta->index->vsd_id, sta->index->flow_index, static_cast<std::int32_t>(result));
+}
+
+std::int32_t ssc_sdn_del_flow_related_data(std::uint32_t vsd_id, std::uint64_t flow_index) {
+  const flow_info_key key{flow_index, vsd_id, 0};
+  flow_info_node *node = ssc_kelim_find_flow_node(&key);
+  if (!node) {
+    // Deliberate: an unknown flow counts as removed; the controller side gets what it asked for.
+    SDN_ERROR("flow node del failed.flow_index:%lu, vsd_id:%d", flow_index, vsd_id);
+    ssc_sdn_msg_queue_destory_flow_msg_node(flow_index);
+    return 0;
+  }
+  std::int32_t rv = is_service_chain(*node) ? ssc_sdn_del_parse_flow(flow_index, vsd_id) |
+                                                  ssc_sdn_del_flow_to_sta(flow_index, vsd_id, southbound::kServiceChainAppType)
+                                            : ssc_sdn_del_flow(flow_index, vsd_id);
+  rv |= ssc_kelim_del_flow_node(node);
+  ssc_sdn_msg_queue_destory_flow_msg_node(flow_index);
+  return rv;
+}
+
+std::int32_t ssc_sdn_del_parse_flow(std::uint64_t flow_index, std::uint32_t vsd_id) {
+  SPolicyKelim__ParseFlowKey key = ssc_kelim_parse_flow_key(southbound::kServiceChainAppType, flow_index, vsd_id);
+  SPolicyKelim__ParseFlow record = S_POLICY_KELIM__PARSE_FLOW__INIT;
+  record.index = &key;
+  if (ssc_kelim_mom_del_in(&record.base, QX_MOM_APP_DB) == 0) return 0;
+  SDN_ERROR("ssc sdn del flow FAIL! flow_index:%lu, vsd_id:%d", flow_index, vsd_id);
+  return -11;
+}
+
+std::int32_t ssc_sdn_del_flow_to_sta(std::uint64_t flow_index, std::uint32_t vsd_id, std::uint32_t t_flow_type) {
+  SPolicyKelim__ParseFlowKey key = ssc_kelim_parse_flow_key(t_flow_type, flow_index, vsd_id);
+  SPolicyKelim__FlowToAceSta record = S_POLICY_KELIM__FLOW_TO_ACE_STA__INIT;
+  record.index = &key;
+  if (ssc_kelim_mom_del_in(&record.base, QX_MOM_APP_DB) == 0) return 0;
+  SDN_ERROR("ssc sdn del flow sta FAIL! flow_index:%lu, vsd_id:%d", flow_index, vsd_id);
+  return -11;
+}
+
+void sdn_send_flow_ret_val_2_proxy(std::uint32_t /*vsd_id*/, std::uint64_t flow_index, std::int32_t ret_val) {
+  std::byte reply[southbound::kFlowResultLen] = {};
+  const std::uint16_t version = ssc_sdn_get_sdn_vers();
+  southbound::put_header(reply, southbound::kFlowResult, version, sizeof reply, ssc_sdn_get_sdn_tbl_pro());
+  southbound::put(reply, southbound::kFlowIndex, flow_index);
+  southbound::put(reply, southbound::kFlowResultCode,
+                  is_out_of_resources(ret_val) ? southbound::kResultResource : southbound::kResultFailed);
+  SDN_ERROR("send flow error msg to PI, dune to op flow failed,flow_index = %lu, ret_val = %d, version = %d\n", flow_index,
+            ret_val, version);
+  libproxy_fp_sdn_send_ret_val(reply, sizeof reply);
+}
+
+void sdn_send_meter_ret_val_2_proxy(std::uint32_t /*vsd_id*/, std::uint32_t meter_id, std::int32_t ret_val) {
+  std::byte reply[southbound::kMeterResultLen] = {};
+  southbound::put_header(reply, southbound::kMeterResult, ssc_sdn_get_sdn_vers(), sizeof reply, ssc_sdn_get_sdn_tbl_pro());
+  southbound::put(reply, southbound::kMeterResultId, meter_id);
+  southbound::put<std::uint32_t>(reply, southbound::kMeterResultCode, is_out_of_resources(ret_val) ? 0 : 1);
+  SDN_ERROR("send meter error msg to PI, dune to op meter failed,meter_id = %u, ret_val = %d\n", meter_id, ret_val);
+  libproxy_fp_sdn_send_ret_val(reply, sizeof reply);
+  sdn_opt_cnt[SDN_OPT_METER_ADD + SDN_OPT_FAILED]++;
+}

@@ -1,0 +1,391 @@
+// Handlers of the requests other than flows and bulk removals. Its log lines belong to ssc_kelim_msg_to_ssd.cpp, like those of
+// all handlers.
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <utility>
+
+#include "kelim/common/kelim_debug.h"
+#include "libss_pthrd.h"
+#include "of_ss.h"
+#include "qx_mom.h"
+#include "s_cluster.pb-c.h"
+#include "southbound.h"
+#include "ssc_kelim/sdn/flow_members.h"
+#include "ssc_kelim/sdn/handler_run.h"
+#include "ssc_kelim/sdn/ssc_kelim_adapt.h"
+#include "ssc_kelim/sdn/ssc_kelim_flow_to_ace.h"
+#include "ssc_kelim/sdn/ssc_kelim_init.h"
+#include "ssc_kelim/sdn/ssc_kelim_mom.h"
+#include "ssc_kelim/sdn/ssc_kelim_msg_to_ssd.h"
+#include "ssc_kelim/sdn/ssc_sdn_msg_queue.h"
+#include "ssc_kelim/sdn/ssc_sdn_proxy.h"
+
+#undef SDN_LOG_SOURCE
+#define SDN_LOG_SOURCE "app/ssc_kelim/sdn/ssc_kelim_msg_to_ssd.cpp"
+
+void *g_ssc_sdn_answered_barrier;
+
+namespace {
+
+using southbound::get;
+
+// ---- connection
+
+// Traces the interfaces of an open or close message. 0, or -2.
+std::int32_t trace_interfaces(const void *msg, std::uint32_t count) {
+  // Whole entries only, whatever the length says.
+  const std::size_t bytes = count * sizeof(std::uint32_t);
+  const flow_members::sdn_ptr<std::uint32_t> list(
+      static_cast<std::uint32_t *>(ssc_sdn_malloc(std::max<std::size_t>(1, bytes), __func__, __LINE__)));
+  if (!list) return -2;
+  std::memcpy(list.get(), static_cast<const std::byte *>(msg) + southbound::kHeaderLen, bytes);
+  if (ssc_sdn_debug_sw & SDN_DBG_VER) {
+    SDN_VER_AS("ssc_sdn_proc_enable_msg", "%d", ssc_sdn_dump_sdn_ifx_array(list.get(), count));
+  }
+  return 0;
+}
+
+std::int32_t process_connection_msg(libss_pthrd_hdl *hdl, unsigned slot, unsigned group) {
+  return handler_run::run<handler_run::message>(hdl, slot, [&](const void *msg) {
+    const std::int32_t rv = ssc_sdn_proc_enable_msg(hdl->value, msg);
+    if (rv != 0) sdn_opt_cnt[group + SDN_OPT_FAILED]++;
+    sdn_opt_cnt[group + SDN_OPT_HANDLED]++;
+    return rv;
+  });
+}
+
+// ---- barriers
+
+void trace_barrier(const void *request, const char *caller) {
+  SDN_BARRIER_LINE_AS(caller, "type:%d, ver:%d, len:%d, table:%d, conn_id:%d, xid:%d, conn_ip:0x%x.",
+                      get<std::uint16_t>(request, southbound::kType), get<std::uint16_t>(request, southbound::kVer),
+                      get<std::uint16_t>(request, southbound::kLen), get<std::uint16_t>(request, southbound::kTable),
+                      get<std::uint8_t>(request, southbound::kBarrierConnId),
+                      get<std::uint32_t>(request, southbound::kBarrierXid),
+                      get<std::uint32_t>(request, southbound::kBarrierConnIp));
+}
+
+// ---- statistics
+
+void count_statistic_failure() {
+  sdn_opt_cnt[SDN_OPT_STATISTIC + SDN_OPT_FAILED]++;
+}
+
+// The running totals, not the last change.
+void send_statistic(const SPolicyKelim__FlowCounter &counter, std::uint64_t flow_index) {
+  std::byte reply[southbound::kStatReplyLen] = {};
+  southbound::put_header(reply, southbound::kStatReply, ssc_sdn_get_sdn_vers(), sizeof reply, ssc_sdn_get_sdn_tbl_pro());
+  southbound::put(reply, southbound::kStatIndex, flow_index);
+  southbound::put(reply, southbound::kStatPackets, counter.packet_sum);
+  southbound::put(reply, southbound::kStatBytes, counter.byte_sum);
+  libproxy_fp_sdn_send_ret_val(reply, sizeof reply);
+  sdn_opt_cnt[SDN_OPT_STATISTIC + SDN_OPT_HANDLED]++;
+}
+
+struct free_obj {
+  void operator()(qx_obj *obj) const { qx_mom_qx_obj_free(obj); }
+};
+using obj_ptr = std::unique_ptr<qx_obj, free_obj>;
+
+// The counter record of a flow; null when there is none that can be used.
+obj_ptr get_counter(std::uint64_t flow_index) {
+  if (!g_ssc_kelim_global) return nullptr;
+  SPolicyKelim__FlowKey key = ssc_kelim_flow_key(flow_index, 0);
+  SPolicyKelim__FlowCounter wanted = S_POLICY_KELIM__FLOW_COUNTER__INIT;
+  wanted.index = &key;
+  qx_obj *obj = nullptr;
+  const int rv = qx_mom_get_sync(g_ssc_kelim_global, QX_MOM_UDP_DB, &wanted.base, 0, &obj);
+  obj_ptr counter(obj);
+  return rv == 0 && obj && obj->error_code == 0 && obj->value ? std::move(counter) : nullptr;
+}
+
+int ssc_sdn_statistic_get_all_cnt_cb(const qx_obj *reply, void *) {
+  const auto *counter = static_cast<const SPolicyKelim__FlowCounter *>(reply->value);
+  if (!counter || !counter->index) {
+    SDN_VER("msg->value == NULL\n");
+    return -4;
+  }
+  if (reply->cmd == QX_MOM_CMD_SET) send_statistic(*counter, counter->index->flow_index);
+  return 0;
+}
+
+// One reply a counter record; the request itself gets none.
+void send_all_statistics() {
+  SPolicyKelim__FlowKey key = ssc_kelim_flow_key(0, 0);
+  SPolicyKelim__FlowCounter every_counter = S_POLICY_KELIM__FLOW_COUNTER__INIT;
+  every_counter.index = &key;
+  const int rv = g_ssc_kelim_global ? qx_mom_scan_sync(g_ssc_kelim_global, QX_MOM_UDP_DB, &every_counter.base, 0,
+                                                       ssc_sdn_statistic_get_all_cnt_cb, nullptr)
+                                    : -1;
+  if (rv != 0) SDN_ERROR_AS("ssc_sdn_statistic_get_val", "qx_mom_scan_sync  counter fail.\n");
+}
+
+// ---- controller addresses
+
+struct octets {
+  int byte[4];
+};
+// In the order people write them: the first one is the least significant.
+octets octets_of(std::uint32_t ip) {
+  return {{static_cast<int>(ip & 0xff), static_cast<int>(ip >> 8 & 0xff), static_cast<int>(ip >> 16 & 0xff),
+           static_cast<int>(ip >> 24)}};
+}
+
+SPolicyKelim__OncIpKey onc_key(std::uint32_t vsd_id, const void *msg) {
+  SPolicyKelim__OncIpKey key = S_POLICY_KELIM__ONC_IP_KEY__INIT;
+  key.vsd_id = vsd_id;
+  key.ip = get<std::uint32_t>(msg, southbound::kOncAddress);
+  return key;
+}
+
+// ---- packet path
+
+// Calls work(record) on the daemon's registration as a packet-path client.
+template <typename Work>
+int with_pkt_registration(Work work) {
+  char name[] = "kelim", library[] = "libkelim.pkt.ss.so";
+  SCluster__AppName key = S_CLUSTER__APP_NAME__INIT;
+  key.name = name;
+  SCluster__RegPktInfo record = S_CLUSTER__REG_PKT_INFO__INIT;
+  record.index = &key;
+  record.dlib_name = library;
+  return work(&record.base);
+}
+
+}  // namespace
+
+// ---- meters
+
+namespace {
+
+void add_meter(std::uint32_t vsd_id, const ssc_sdn_meter_job &job) {
+  constexpr char log_name[] = "ssc_sdn_add_meter_handler";
+  SDN_VER_AS(log_name, "enter, vsd_id: %d, msg: %p, len :%d", vsd_id, job.msg, job.len);
+  SPolicyKelim__MeterKey key = ssc_kelim_meter_key(get<std::uint32_t>(job.msg, southbound::kMeterId), vsd_id);
+  SPolicyKelim__Meter record = S_POLICY_KELIM__METER__INIT;
+  record.index = &key;
+  record.status = S_POLICY_KELIM__STATUS_E__STATUS_INSTALLING;
+  record.meter_data = {job.len, static_cast<std::uint8_t *>(job.msg)};
+  if (const std::int32_t rv = ssc_kelim_mom_set(&record.base, QX_MOM_UDP_DB); rv != 0) {
+    // Deliberate: the words of a flow; operators search the log for them.
+    SDN_ERROR_AS(log_name, "ssc sdn add flow FAIL!");
+    sdn_send_meter_ret_val_2_proxy(vsd_id, key.meter_id, rv);
+  }
+  sdn_opt_cnt[SDN_OPT_METER_ADD + SDN_OPT_HANDLED]++;
+}
+
+void del_meter(std::uint32_t vsd_id, const ssc_sdn_meter_job &job) {
+  constexpr char log_name[] = "ssc_sdn_del_meter_handler";
+  SDN_VER_AS(log_name, "enter, vsd_id: %d, msg: %p, len :%d", vsd_id, job.msg, job.len);
+  SPolicyKelim__MeterKey key = ssc_kelim_meter_key(get<std::uint32_t>(job.msg, southbound::kMeterId), vsd_id);
+  SPolicyKelim__Meter record = S_POLICY_KELIM__METER__INIT;
+  record.index = &key;
+  if (ssc_kelim_mom_del_in(&record.base, QX_MOM_UDP_DB) != 0) {
+    SDN_ERROR_AS(log_name, "ssc sdn del meter FAIL!");
+    sdn_opt_cnt[SDN_OPT_METER_DEL + SDN_OPT_FAILED]++;
+  }
+  sdn_opt_cnt[SDN_OPT_METER_DEL + SDN_OPT_HANDLED]++;
+}
+
+}  // namespace
+
+void ssc_sdn_add_meter_handler(libss_pthrd_hdl *hdl) {
+  handler_run::run<handler_run::meter_job>(hdl, SDN_TIME_ADD_METER,
+                                           [&](const ssc_sdn_meter_job *job) { add_meter(hdl->value, *job); });
+  SDN_VER("leave");
+}
+
+void ssc_sdn_del_meter_handler(libss_pthrd_hdl *hdl) {
+  handler_run::run<handler_run::meter_job>(hdl, SDN_TIME_DEL_METER,
+                                           [&](const ssc_sdn_meter_job *job) { del_meter(hdl->value, *job); });
+  SDN_VER("leave");
+}
+
+// ---- controller connection
+
+void ssc_sdn_enable_msg_handler(libss_pthrd_hdl *hdl) {
+  const std::int32_t rv = process_connection_msg(hdl, SDN_TIME_ENABLE, SDN_OPT_ENABLE);
+  if (rv != 0) SDN_ERROR("enable msg fail,rv :%d", rv);
+}
+
+void ssc_sdn_disable_msg_handler(libss_pthrd_hdl *hdl) {
+  const std::int32_t rv = process_connection_msg(hdl, SDN_TIME_DISABLE, SDN_OPT_DISABLE);
+  if (rv != 0) SDN_ERROR("disable msg fail,rv :%d", rv);
+}
+
+std::int32_t ssc_sdn_proc_enable_msg(std::uint32_t vsd_id, const void *msg) {
+  SDN_VER("enter, vsd_id: %d, msg: %p.", vsd_id, msg);
+  const auto type = get<std::uint16_t>(msg, southbound::kType);
+  const auto version = get<std::uint16_t>(msg, southbound::kVer);
+  const auto len = get<std::uint16_t>(msg, southbound::kLen);
+  ssc_sdn_set_sdn_vers(version);
+  // Deliberate: an ERROR line on every open and close, so that the log service always tells which version a controller spoke.
+  SDN_ERROR("recev  openflow msg version= %d!", version);
+  ssc_sdn_set_sdn_tbl_pro(get<std::uint16_t>(msg, southbound::kTable));
+  if (len <= southbound::kHeaderLen) {
+    SDN_NOTICE("(ifx_info.osh.length <= sizeof(struct of_ss_ifx))");
+    return -4;
+  }
+  const auto count = static_cast<std::uint32_t>((len - southbound::kHeaderLen) / sizeof(std::uint32_t));
+  SDN_VER("enter, ifx_num: %d  ifx_info.osh.type:%d", count, type);
+  std::int32_t rv = trace_interfaces(msg, count);
+  if (rv != 0) {
+    SDN_ERROR("mem malloc failed");
+    return rv;
+  }
+  if (type != southbound::kOpen && type != southbound::kClose && type != southbound::kMgmtIfx) {
+    SDN_ERROR("NOT SUPPORT NOW!");
+    rv = -20;
+  }
+  SDN_VER("leave");
+  return rv;
+}
+
+// ---- barriers
+
+void ssc_sdn_add_barrier_handler(libss_pthrd_hdl *hdl) {
+  auto request = handler_run::take<handler_run::message>(hdl);
+  trace_barrier(request.get(), __func__);
+  if (ssc_sdn_msg_queue_empty()) {
+    ssc_sdn_reply_barrier_request(request.get());
+    // Deliberate: the latest request that was answered at once stays, for diagnostics.
+    ssc_sdn_free(std::exchange(g_ssc_sdn_answered_barrier, request.release()));
+    return;
+  }
+  ssc_sdn_msg_queue_alloc_barrier_msg_node(request.get());
+  ssc_sdn_msg_queue_traverse_pop_msg_node();
+}
+
+void ssc_sdn_reply_barrier_request(const void *request) {
+  if (!request) {
+    SDN_ERROR(" barrier is null !");
+    return;
+  }
+  trace_barrier(request, __func__);
+  std::byte reply[southbound::kBarrierLen];
+  std::memcpy(reply, request, sizeof reply);
+  southbound::put<std::uint16_t>(reply, southbound::kType, southbound::kBarrierReply);
+  of_ss_send_msg(reply, sizeof reply);
+  sdn_opt_cnt[SDN_OPT_BARRIER + SDN_OPT_HANDLED]++;
+}
+
+// ---- statistics
+
+void ssc_sdn_get_statistic_val_handler(libss_pthrd_hdl *hdl) {
+  handler_run::run<handler_run::message>(hdl, SDN_TIME_STATISTIC, [](const void *request) {
+    if (ssc_sdn_statistic_get_val(request) != 0) count_statistic_failure();
+  });
+}
+
+std::int32_t ssc_sdn_statistic_get_val(const void *request) {
+  const auto flow_index = get<std::uint64_t>(request, southbound::kStatIndex);
+  if (flow_index == southbound::kAllFlows) {
+    send_all_statistics();
+    return 0;
+  }
+  if (const obj_ptr counter = get_counter(flow_index)) {
+    send_statistic(*static_cast<const SPolicyKelim__FlowCounter *>(counter->value), flow_index);
+    return 0;
+  }
+  // Deliberate: no reply. Who asked knows that a flow without counters has none.
+  SDN_ERROR("get flow:%lu counter entry fail.\n", flow_index);
+  count_statistic_failure();
+  SDN_COUNT("ssc_sdn_get_statistic_cnt fail, it willn't send msg to pi by libproxy");
+  return 0;
+}
+
+void ssc_sdn_flowcnt_cfg_handler(libss_pthrd_hdl *hdl) {
+  constexpr char log_name[] = "ssc_sdn_proc_flowcnt_cfg_msg";
+  SDN_VER_AS(log_name, "ENTER");
+  const auto msg = handler_run::take<handler_run::message>(hdl);
+  const auto type = get<std::uint16_t>(msg.get(), southbound::kType);
+  if (type == southbound::kFlowCountConfig) {
+    const auto reply_pkt_num = get<std::int32_t>(msg.get(), southbound::kCountCells);
+    const kelim::Lock lock(g_ssc_sdn_pack_max_cell_num_mutex);
+    SDN_VER_AS(log_name, "flowcnt_cfg.reply_pkt_num = %d", reply_pkt_num);
+    SDN_VER_AS(log_name, "flowcnt_cfg.reply_time = %d s", get<std::int32_t>(msg.get(), southbound::kCountPeriod));
+    g_ssc_sdn_pack_max_cell_num = reply_pkt_num;
+  } else {
+    SDN_ERROR_AS(log_name, "OF TYPE(%d) IS ERROR", type);
+  }
+  SDN_VER_AS(log_name, "LEAVE");
+}
+
+// ---- controller addresses
+
+void ssc_sdn_add_onc_handler(libss_pthrd_hdl *hdl) {
+  SDN_VER("ENTER");
+  const auto msg = handler_run::take<handler_run::message>(hdl);
+  SPolicyKelim__OncIpKey key = onc_key(hdl->value, msg.get());
+  SPolicyKelim__OncIp record = S_POLICY_KELIM__ONC_IP__INIT;
+  record.index = &key;
+  record.status = S_POLICY_KELIM__STATUS_E__STATUS_INSTALLING;
+  const auto [ip] = octets_of(key.ip);
+  SDN_VER("add onc ip is %d.%d.%d.%d", ip[0], ip[1], ip[2], ip[3]);
+  const std::int32_t rv = ssc_kelim_mom_set(&record.base, QX_MOM_UDP_DB);
+  if (rv != 0) {
+    sdn_opt_cnt[SDN_OPT_ONC_ADD + SDN_OPT_FAILED]++;
+    SDN_ERROR("ssc_kelim_mom_set failed, rv %d", rv);
+    return;
+  }
+  SDN_VER("LEAVE");
+}
+
+void ssc_sdn_del_onc_handler(libss_pthrd_hdl *hdl) {
+  const auto msg = handler_run::take<handler_run::message>(hdl);
+  SPolicyKelim__OncIpKey key = onc_key(hdl->value, msg.get());
+  SPolicyKelim__OncIp record = S_POLICY_KELIM__ONC_IP__INIT;
+  record.index = &key;
+  const auto [ip] = octets_of(key.ip);
+  SDN_VER("del onc ip is %d.%d.%d.%d", ip[0], ip[1], ip[2], ip[3]);
+  const std::int32_t rv = ssc_kelim_mom_del_in(&record.base, QX_MOM_UDP_DB);
+  if (rv == 0) return;
+  sdn_opt_cnt[SDN_OPT_ONC_DEL + SDN_OPT_FAILED]++;
+  // Deliberate: the words of an addition; operators search the log for them.
+  SDN_ERROR("ssc_sdn_add_op_onc_ace failed, rv %d", rv);
+}
+
+// ---- packet path
+
+std::int32_t kelim_pkt_start() {
+  SDN_VER("ENTER");
+  const int rv = with_pkt_registration(
+      [](const ProtobufCMessage *record) { return qx_mom_setnx_sync(g_ssc_kelim_global, QX_MOM_ASIC_DB, record, 0, 0); });
+  if (rv == 1) {
+    SDN_VER("key already exist. rv:%d\n", rv);
+  } else if (rv != 0) {
+    SDN_ERROR("qx_mom_setnx_sync fail. rv:%d\n", rv);
+    return rv;
+  }
+  SDN_VER("LEAVE");
+  return 0;
+}
+
+std::int32_t kelim_pkt_end() {
+  const int rv = with_pkt_registration(
+      [](const ProtobufCMessage *record) { return qx_mom_del_sync(g_ssc_kelim_global, QX_MOM_ASIC_DB, record, 0, 0); });
+  if (rv != 0) SDN_ERROR("qx_mom_set error. rv:%d\n", rv);
+  return rv;
+}
+
+void ssc_sdn_pkt_start_handler(libss_pthrd_hdl *hdl) {
+  if (!hdl || !hdl->data) {
+    if (ssc_sdn_debug_sw & SDN_DBG_ASSERT) {
+      std::printf("ASSERT fail! - %s: %d.\n(hdl != NULL && hdl->arg != NULL).", SDN_LOG_SOURCE, __LINE__);
+    }
+    return;
+  }
+  const auto item = handler_run::take<handler_run::message>(hdl);
+  const bool start = get<std::uint8_t>(item.get(), 0) == 1;
+  SDN_VER("is pkt start:%s", start ? "true" : "false");
+  SPolicyKelim__PktSig signal = S_POLICY_KELIM__PKT_SIG__INIT;
+  signal.is_pkt_start = start ? 1 : 0;
+  qx_mom_publish(g_ssc_kelim_global, QX_MOM_UDP_DB, &signal.base, 0, 0);
+}
+
+void ssc_kelim_msg_to_ssd_reset_for_tests() {
+  ssc_sdn_ds_stage_init_or_check(1);
+  ssc_sdn_free(std::exchange(g_ssc_sdn_answered_barrier, nullptr));
+}
