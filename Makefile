@@ -67,7 +67,7 @@ fuzz: ## builds the fuzz targets with clang and runs each for a minute
 bench: ## the benchmarks
 	$(call packages)
 	$(call build,release)
-	@for program in $(call bin,release)/bench_*; do echo "== $$program"; $$program || exit 1; done
+	@for program in $(call bin,release)/*_bench; do echo "== $$program"; $$program || exit 1; done
 
 .PHONY: format
 format: ## formats the C++ sources in place

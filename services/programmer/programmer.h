@@ -22,7 +22,7 @@ namespace programmer {
 
 // The simulated target and what surrounds it.
 struct Options {
-  std::uint32_t size = 600;                  // flows that fit; one more is refused as out of resources
+  std::uint32_t size = 4096;                 // flows that fit; one more is refused as out of resources
   std::uint32_t delay_ms = 0;                // answers to flows come that much later; 0: at once
   std::string script;                        // exceptions, see below; empty: none
   std::uint64_t seed = 1;                    // of the script's random choices

@@ -21,6 +21,7 @@
 #include "host/control/control.h"
 #include "host/fault/fault.h"
 #include "host/log/log.h"
+#include "host/programming/embedded.h"
 #include "host/runtime/loop.h"
 #include "host/runtime/services.h"
 #include "host/runtime/timer_queue.h"
@@ -182,6 +183,7 @@ bool start_services(Runtime &runtime) {
     if (const int rv = hook.start(&runtime.global); rv != 0)
       return complain(runtime.name, std::string(hook.name) + " does not start (" + std::to_string(rv) + ")");
   }
+  if (const std::string error = programming::start(config(), &runtime.global); !error.empty()) return complain(runtime.name, error);
   return true;
 }
 

@@ -1,0 +1,30 @@
+#include "host/programming/embedded.h"
+
+#include "host/config/config.h"
+#include "host/runtime/services.h"
+#include "programmer/programmer.h"
+
+namespace host::programming {
+
+std::string start(const Config &config, qx_global *global) {
+  const Config::Programmer &key = config.programmer;
+  if (!key.embedded) return "";
+  programmer::Options options;
+  options.size = key.size;
+  options.delay_ms = key.delay_ms;
+  options.script = key.script;
+  options.seed = key.seed;
+  options.counter_interval_ms = key.counter_interval_ms;
+  options.counter_rate = key.counter_rate;
+  options.service_chain = key.service_chain;
+  if (const std::string error = programmer::check(options); !error.empty()) {
+    return "programmer.script (KELIM_PROGRAMMER_SCRIPT): " + error;
+  }
+  if (const int rv = programmer::start_embedded(global, options); rv != 0) {
+    return "the programming service does not start (" + std::to_string(rv) + ")";
+  }
+  at_finish(programmer::stop_embedded);
+  return "";
+}
+
+}  // namespace host::programming
