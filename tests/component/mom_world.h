@@ -241,6 +241,7 @@ class World {
   World(const World &) = delete;
 
   qx_global *global() { return global_; }
+  const std::string &run_dir() const { return dir_.path(); }
   Backend &backend() { return *backend_; }
 
   void connect_all() {

@@ -6,6 +6,7 @@
 #include "host/mom/embedded.h"
 #include "host/mom/hub.h"
 #include "host/mom/testing.h"
+#include "host/mom/views.h"
 #include "host/runtime/services.h"
 
 namespace mom {
@@ -26,6 +27,7 @@ int start(qx_global *) {
   auto hub = std::make_unique<Hub>();
   hub->adopt(std::make_unique<Embedded>(*hub));
   living = hub.release();
+  register_views(*living);
   host::at_finish([] {
     delete std::exchange(living, nullptr);
     cgst::reset();
