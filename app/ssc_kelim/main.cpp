@@ -1,6 +1,5 @@
 #include "ssc_kelim/main.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <iterator>
 #include <span>
@@ -184,10 +183,7 @@ int ssc_kelim_udp_topic_reg(void *conn) {
 bool is_back(const char *callback, std::int32_t db, std::int32_t type) {
   enum { kOtherServer = 1, kSameServer = 2 };
   SDN_ERROR_AS(callback, "reconnect db:%d type:%d", db, type);
-  if (type == kOtherServer) {
-    std::fflush(stdout);
-    std::_Exit(kExitOtherServer);
-  }
+  if (type == kOtherServer) std::exit(kExitOtherServer);
   return type == kSameServer;
 }
 
