@@ -28,7 +28,7 @@ struct Options {
   std::uint64_t seed = 1;                    // of the script's random choices
   std::uint32_t counter_interval_ms = 1000;  // how often counters are read and written; 0: never
   std::uint32_t counter_rate = 0;  // packets a second by which every installed flow's counters grow; 0: they stand still
-  bool service_chain = false;      // translate parse_flow records into access-control entries
+  bool service_chain = true;       // translate parse_flow records into access-control entries
 };
 
 // A script is a list of clauses, separated by semicolons: VERB=ITEM[,ITEM...], for example "fail=3,17-19;resource=5;delay=7:200".

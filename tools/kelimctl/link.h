@@ -1,0 +1,40 @@
+// The line to a running process: its control socket (host/control/control.h). Failures are told by exceptions that carry
+// kelimctl's exit status.
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <string>
+
+#include "host/control/client.h"
+
+namespace kelimctl {
+
+using Json = nlohmann::ordered_json;
+
+enum ExitStatus { kDone = 0, kFailed = 1, kUsage = 2, kNoProcess = 3 };
+
+struct Problem : std::runtime_error {
+  Problem(ExitStatus exit_status, const std::string &text) : std::runtime_error(text), status(exit_status) {}
+  ExitStatus status;
+};
+
+class Link {
+ public:
+  // Nothing is connected before the first request.
+  Link(std::string run_dir, std::string process) : run_dir_(std::move(run_dir)), process_(std::move(process)) {}
+
+  // The answer to {"call": ...}; what the process refuses is a Problem with status 2.
+  Json request(const Json &call);
+  // The data of a view.
+  Json view(const std::string &name, const Json &args = Json::object());
+
+ private:
+  void connect();
+
+  std::string run_dir_;
+  std::string process_;
+  host::control::Client client_;
+};
+
+}  // namespace kelimctl

@@ -1,0 +1,178 @@
+// kelimctl: looks into a running daemon and steers it.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
+#include <functional>
+
+#include "host/config/config.h"
+#include "kelimctl/views.h"
+
+namespace kelimctl {
+namespace {
+
+constexpr char kExamples[] = R"(
+Examples:
+  kelimctl flows
+  kelimctl flows --json | jq '.flows[] | select(.answer != "INSTALLED")'
+  kelimctl cmd --list
+  kelimctl cmd ssc_kelim dump_ssc_sdn_msg_queue
+  kelimctl cmd ssc_kelim kelim_set_dbg dbg_val=0x3
+  kelimctl mom ls flow
+  kelimctl mom get flow 17:0
+
+Exit status: 0 done, 1 failed, 2 wrong usage, 3 no such process.
+)";
+
+struct Choices {
+  std::string run_dir;
+  std::string process = "ssc_kelim";
+  ViewOptions view;
+  std::string module, command;
+  std::vector<std::string> arguments;
+  bool list = false;
+  std::string type, key;
+};
+
+void print(const std::string &text) {
+  std::fwrite(text.data(), 1, text.size(), stdout);
+}
+
+void show(const Choices &choices, const Json &data, std::string (*text)(const Json &)) {
+  print(choices.view.json ? data.dump(2) + "\n" : text(data));
+}
+
+// ---- debug commands
+
+std::string modules_text(const Json &answer) {
+  std::string text;
+  for (const Json &module : answer.value("modules", Json::array())) {
+    for (const Json &command : module.value("commands", Json::array())) {
+      const std::string format = command.value("format", "");
+      text += module.value("name", "") + " " + command.value("name", "") +
+              (format.empty() || format == "nil" ? "" : "  (" + format + ")") + "\n";
+    }
+  }
+  return text;
+}
+
+Json parse_arguments(const std::vector<std::string> &arguments) {
+  Json parsed = Json::object();
+  for (const std::string &argument : arguments) {
+    const std::size_t equals = argument.find('=');
+    if (equals == std::string::npos || equals == 0)
+      throw Problem(kUsage, "\"" + argument + "\": arguments are given as ARG=VALUE");
+    const std::string name = argument.substr(0, equals);
+    if (parsed.contains(name)) throw Problem(kUsage, "argument " + name + " is given twice");
+    parsed[name] = argument.substr(equals + 1);
+  }
+  return parsed;
+}
+
+void run_command(Link &link, const Choices &choices) {
+  if (choices.list) return show(choices, link.request({{"call", "list"}}), modules_text);
+  if (choices.command.empty())
+    throw Problem(kUsage, "cmd wants MODULE COMMAND [ARG=VALUE...]; kelimctl cmd --list shows what there is");
+  const Json answer = link.request(
+      {{"call", "cmd"}, {"module", choices.module}, {"command", choices.command}, {"args", parse_arguments(choices.arguments)}});
+  show(choices, answer, [](const Json &data) { return data.value("output", ""); });
+  if (const int result = answer.value("result", 0); result != 0) {
+    throw Problem(kFailed, choices.command + " returned " + std::to_string(result));
+  }
+}
+
+void get_record(Link &link, const Choices &choices) {
+  const Json data = database_get(link, choices.type, choices.key);
+  if (data.value("total", 0) == 0) throw Problem(kFailed, "no object " + choices.type + " " + choices.key);
+  show(choices, data, records_text);
+}
+
+// ---- the command line
+
+using Action = std::function<void(Link &)>;
+
+void add_views(CLI::App &app, Choices &choices, Action &action) {
+  for (const ViewCommand &view : view_commands()) {
+    CLI::App *command = app.add_subcommand(view.name, view.help);
+    command->add_flag("--json", choices.view.json, "the data instead of a table");
+    command->add_option("--limit", choices.view.limit, "rows at most")->capture_default_str();
+    command->callback([&] { action = [&](Link &link) { show(choices, view.data(link, choices.view), view.text); }; });
+  }
+}
+
+void add_cmd(CLI::App &app, Choices &choices, Action &action) {
+  CLI::App *command = app.add_subcommand("cmd", "runs a debug command of the process");
+  command->add_option("MODULE", choices.module, "such as ssc_kelim");
+  command->add_option("COMMAND", choices.command, "such as dump_ssc_ds_status");
+  command->add_option("ARGUMENTS", choices.arguments, "ARG=VALUE, each that the command has");
+  command->add_flag("--list", choices.list, "shows every module and command");
+  command->add_flag("--json", choices.view.json, "the whole answer");
+  command->callback([&] { action = [&](Link &link) { run_command(link, choices); }; });
+}
+
+void add_mom(CLI::App &app, Choices &choices, Action &action) {
+  CLI::App *mom = app.add_subcommand("mom", "looks into the object database");
+  mom->require_subcommand(1);
+  mom->add_flag("--json", choices.view.json, "the data instead of text");
+  CLI::App *ls = mom->add_subcommand("ls", "the record types, or the keys of one");
+  ls->add_option("TYPE", choices.type, "such as flow");
+  ls->add_option("--limit", choices.view.limit, "keys at most")->capture_default_str();
+  ls->callback([&] {
+    action = [&](Link &link) {
+      if (choices.type.empty()) return show(choices, database_stats(link), database_stats_text);
+      show(choices, database_list(link, choices.type, choices.view), database_list_text);
+    };
+  });
+  CLI::App *get = mom->add_subcommand("get", "one record");
+  get->add_option("TYPE", choices.type, "such as flow")->required();
+  get->add_option("KEY", choices.key, "the fields of its key, such as 17:0")->required();
+  get->callback([&] { action = [&](Link &link) { get_record(link, choices); }; });
+  CLI::App *stats = mom->add_subcommand("stats", "objects, bytes and subscribers of each record type");
+  stats->callback([&] { action = [&](Link &link) { show(choices, database_stats(link), database_stats_text); }; });
+  for (CLI::App *command : {ls, get, stats}) command->add_flag("--json", choices.view.json, "the data instead of text");
+}
+
+int run(int argc, char **argv) {
+  Choices choices;
+  Action action;
+  CLI::App app("Looks into a running daemon and steers it.");
+  app.footer(kExamples);
+  app.require_subcommand(0, 1);
+  app.add_option("--run-dir", choices.run_dir,
+                 "run directory of the process, otherwise as the daemon finds it (KELIM_RUN_DIR, host.toml)");
+  app.add_option("--process", choices.process, "which process")->capture_default_str();
+  add_views(app, choices, action);
+  add_cmd(app, choices, action);
+  add_mom(app, choices, action);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError &error) {
+    return app.exit(error) == 0 ? kDone : kUsage;
+  }
+  if (!action) {
+    std::fputs(app.help().c_str(), stderr);
+    return kUsage;
+  }
+  try {
+    if (choices.run_dir.empty()) {
+      if (const std::string error = host::config_load(); !error.empty()) throw Problem(kUsage, error);
+      choices.run_dir = host::config().run_dir;
+    }
+    Link link(choices.run_dir, choices.process);
+    action(link);
+  } catch (const Problem &problem) {
+    std::fflush(stdout);
+    std::fprintf(stderr, "kelimctl: %s\n", problem.what());
+    return problem.status;
+  } catch (const std::exception &error) {
+    std::fprintf(stderr, "kelimctl: %s\n", error.what());
+    return kFailed;
+  }
+  return kDone;
+}
+
+}  // namespace
+}  // namespace kelimctl
+
+int main(int argc, char **argv) {
+  return kelimctl::run(argc, argv);
+}
