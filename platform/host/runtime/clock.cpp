@@ -12,8 +12,9 @@
 namespace host::clock {
 namespace {
 
-std::mutex g_mutex;  // of the writers and the sleepers; reading the clock takes no lock
-std::condition_variable g_changed;
+// Writers and sleepers; reading the clock takes no lock. Never destroyed: threads of the daemon sleep until the process is gone.
+auto &g_mutex = *new std::mutex;
+auto &g_changed = *new std::condition_variable;
 std::atomic<std::int64_t> g_offset{0};      // ns that the host clock is ahead of CLOCK_MONOTONIC
 std::atomic<std::int64_t> g_stopped_at{0};  // where it stands; 0 while it goes
 
