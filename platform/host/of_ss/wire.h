@@ -1,0 +1,251 @@
+// OpenFlow 1.3.5 on the wire: numbers, big-endian reads and writes. No state, any thread.
+#pragma once
+
+#include <array>
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <span>
+#include <string_view>
+#include <vector>
+
+namespace host::of_ss {
+
+using Bytes = std::span<const std::byte>;
+
+// ---- reading; the caller has checked that the bytes are there
+
+template <typename T>
+T load_be(const std::byte *at) {
+  T value;
+  std::memcpy(&value, at, sizeof value);
+  if constexpr (sizeof(T) == 2) return __builtin_bswap16(value);
+  if constexpr (sizeof(T) == 4) return __builtin_bswap32(value);
+  if constexpr (sizeof(T) == 8) return __builtin_bswap64(value);
+  return value;
+}
+
+inline std::uint8_t be8(Bytes b, std::size_t at) {
+  return static_cast<std::uint8_t>(b[at]);
+}
+inline std::uint16_t be16(Bytes b, std::size_t at) {
+  return load_be<std::uint16_t>(b.data() + at);
+}
+inline std::uint32_t be32(Bytes b, std::size_t at) {
+  return load_be<std::uint32_t>(b.data() + at);
+}
+inline std::uint64_t be64(Bytes b, std::size_t at) {
+  return load_be<std::uint64_t>(b.data() + at);
+}
+
+// ---- writing: appends to a vector that the caller keeps and reuses
+
+class Writer {
+ public:
+  explicit Writer(std::vector<std::byte> &out) : out_(out) {}
+
+  std::size_t size() const { return out_.size(); }
+  void u8(std::uint8_t v) { out_.push_back(std::byte{v}); }
+  void u16(std::uint16_t v) { put(__builtin_bswap16(v)); }
+  void u32(std::uint32_t v) { put(__builtin_bswap32(v)); }
+  void u64(std::uint64_t v) { put(__builtin_bswap64(v)); }
+  void zeros(std::size_t n) { out_.resize(out_.size() + n); }
+  void bytes(Bytes b) { out_.insert(out_.end(), b.begin(), b.end()); }
+  // `text` in a field of `width` bytes, cut so that a terminating zero remains.
+  void text(std::string_view text, std::size_t width) {
+    const std::size_t n = text.size() < width ? text.size() : width - 1;
+    bytes(std::as_bytes(std::span(text.data(), n)));
+    zeros(width - n);
+  }
+  // Zeros up to the next multiple of 8 counted from `start`.
+  void pad8(std::size_t start) { zeros((8 - (size() - start) % 8) % 8); }
+  void patch16(std::size_t at, std::size_t v) {
+    const std::uint16_t be = __builtin_bswap16(static_cast<std::uint16_t>(v));
+    std::memcpy(out_.data() + at, &be, sizeof be);
+  }
+
+ private:
+  template <typename T>
+  void put(T v) {
+    bytes(std::as_bytes(std::span(&v, 1)));
+  }
+  std::vector<std::byte> &out_;
+};
+
+// ---- header (7.1): version u8, type u8, length u16, xid u32
+
+inline constexpr std::uint8_t kVersion = 4;
+inline constexpr std::size_t kOfHeader = 8, kMaxMessage = 65535;
+inline constexpr std::size_t kOfType = 1, kOfLength = 2, kOfXid = 4;
+
+enum OfType : std::uint8_t {
+  kHello = 0,
+  kError = 1,
+  kEchoRequest = 2,
+  kEchoReply = 3,
+  kExperimenter = 4,
+  kFeaturesRequest = 5,
+  kFeaturesReply = 6,
+  kGetConfigRequest = 7,
+  kGetConfigReply = 8,
+  kSetConfig = 9,
+  kPacketIn = 10,
+  kFlowRemoved = 11,
+  kPortStatus = 12,
+  kPacketOut = 13,
+  kFlowModMsg = 14,
+  kGroupMod = 15,
+  kPortMod = 16,
+  kTableMod = 17,
+  kMultipartRequest = 18,
+  kMultipartReply = 19,
+  kBarrierRequestMsg = 20,
+  kBarrierReplyMsg = 21,
+  kQueueGetConfigRequest = 22,
+  kQueueGetConfigReply = 23,
+  kRoleRequest = 24,
+  kRoleReply = 25,
+  kGetAsyncRequest = 26,
+  kGetAsyncReply = 27,
+  kSetAsync = 28,
+  kMeterModMsg = 29,
+  kTypeCount = 30,
+};
+
+// ---- ports (7.2.1), tables, other reserved numbers
+
+namespace port {
+inline constexpr std::uint32_t kMax = 0xffffff00, kInPort = 0xfffffff8, kTable = 0xfffffff9, kNormal = 0xfffffffa,
+                               kFlood = 0xfffffffb, kAll = 0xfffffffc, kController = 0xfffffffd, kLocal = 0xfffffffe,
+                               kAny = 0xffffffff;
+}
+inline constexpr std::uint32_t kGroupAll = 0xfffffffc, kGroupAny = 0xffffffff;
+inline constexpr std::uint32_t kMeterMax = 0xffff0000, kMeterController = 0xfffffffe, kMeterAll = 0xffffffff;
+inline constexpr std::uint32_t kNoBuffer = 0xffffffff;
+inline constexpr std::uint8_t kTableAll = 0xff;
+inline constexpr std::uint8_t kTableCount = 2;         // 0 ordinary flows, 1 service-chain flows
+inline constexpr std::uint8_t kServiceChainTable = 1;  // its flows carry the service-chain application's type southbound
+
+// ---- flow-mod (7.3.4.1): offsets in the message
+
+namespace fm {
+inline constexpr std::size_t kCookie = 8, kCookieMask = 16, kTableId = 24, kCommand = 25, kIdle = 26, kHard = 28, kPriority = 30,
+                             kBufferId = 32, kOutPort = 36, kOutGroup = 40, kFlags = 44, kMatch = 48, kMinLength = 56;
+enum Command : std::uint8_t { kAdd = 0, kModify = 1, kModifyStrict = 2, kDelete = 3, kDeleteStrict = 4 };
+enum Flag : std::uint16_t { kSendFlowRem = 1, kCheckOverlap = 2, kResetCounts = 4, kNoPacketCounts = 8, kNoByteCounts = 16 };
+inline constexpr std::uint16_t kKnownFlags = 31;
+}  // namespace fm
+
+enum InstructionType : std::uint16_t {
+  kGotoTable = 1,
+  kWriteMetadata = 2,
+  kWriteActions = 3,
+  kApplyActions = 4,
+  kClearActions = 5,
+  kMeterInstruction = 6,
+  kInstructionExperimenter = 0xffff,
+};
+
+enum ActionType : std::uint16_t {
+  kOutput = 0,
+  kSetQueue = 21,
+  kGroup = 22,
+  kSetField = 25,
+  kActionExperimenter = 0xffff,
+};
+
+enum RemovedReason : std::uint8_t { kIdleTimeout = 0, kHardTimeout = 1, kDeleted = 2 };
+
+// ---- errors (7.4.1): one row holds type, code and the name that the text uses
+
+struct Error {
+  std::uint16_t type;
+  std::uint16_t code;
+  const char *name;
+};
+
+namespace err {
+inline constexpr Error kIncompatible{0, 0, "OFPHFC_INCOMPATIBLE"};
+inline constexpr Error kBadVersion{1, 0, "OFPBRC_BAD_VERSION"};
+inline constexpr Error kBadType{1, 1, "OFPBRC_BAD_TYPE"};
+inline constexpr Error kBadMultipart{1, 2, "OFPBRC_BAD_MULTIPART"};
+inline constexpr Error kBadExperimenter{1, 3, "OFPBRC_BAD_EXPERIMENTER"};
+inline constexpr Error kBadLen{1, 6, "OFPBRC_BAD_LEN"};
+inline constexpr Error kBufferUnknown{1, 8, "OFPBRC_BUFFER_UNKNOWN"};
+inline constexpr Error kRequestBadTable{1, 9, "OFPBRC_BAD_TABLE_ID"};
+inline constexpr Error kIsSlave{1, 10, "OFPBRC_IS_SLAVE"};
+inline constexpr Error kRequestBadPort{1, 11, "OFPBRC_BAD_PORT"};
+inline constexpr Error kMultipartOverflow{1, 13, "OFPBRC_MULTIPART_BUFFER_OVERFLOW"};
+inline constexpr Error kBadAction{2, 0, "OFPBAC_BAD_TYPE"};
+inline constexpr Error kActionBadLen{2, 1, "OFPBAC_BAD_LEN"};
+inline constexpr Error kActionBadExperimenter{2, 2, "OFPBAC_BAD_EXPERIMENTER"};
+inline constexpr Error kBadOutPort{2, 4, "OFPBAC_BAD_OUT_PORT"};
+inline constexpr Error kTooMany{2, 7, "OFPBAC_TOO_MANY"};
+inline constexpr Error kBadQueue{2, 8, "OFPBAC_BAD_QUEUE"};
+inline constexpr Error kBadOutGroup{2, 9, "OFPBAC_BAD_OUT_GROUP"};
+inline constexpr Error kMatchInconsistent{2, 10, "OFPBAC_MATCH_INCONSISTENT"};
+inline constexpr Error kUnsupportedOrder{2, 11, "OFPBAC_UNSUPPORTED_ORDER"};
+inline constexpr Error kBadSetType{2, 13, "OFPBAC_BAD_SET_TYPE"};
+inline constexpr Error kBadSetLen{2, 14, "OFPBAC_BAD_SET_LEN"};
+inline constexpr Error kBadSetArgument{2, 15, "OFPBAC_BAD_SET_ARGUMENT"};
+inline constexpr Error kUnknownInstruction{3, 0, "OFPBIC_UNKNOWN_INST"};
+inline constexpr Error kUnsupportedInstruction{3, 1, "OFPBIC_UNSUP_INST"};
+inline constexpr Error kInstructionBadTable{3, 2, "OFPBIC_BAD_TABLE_ID"};
+inline constexpr Error kUnsupportedMetadata{3, 3, "OFPBIC_UNSUP_METADATA"};
+inline constexpr Error kInstructionExperimenterUnknown{3, 5, "OFPBIC_BAD_EXPERIMENTER"};
+inline constexpr Error kInstructionBadLen{3, 7, "OFPBIC_BAD_LEN"};
+inline constexpr Error kMatchBadType{4, 0, "OFPBMC_BAD_TYPE"};
+inline constexpr Error kMatchBadLen{4, 1, "OFPBMC_BAD_LEN"};
+inline constexpr Error kBadWildcards{4, 5, "OFPBMC_BAD_WILDCARDS"};
+inline constexpr Error kBadField{4, 6, "OFPBMC_BAD_FIELD"};
+inline constexpr Error kBadValue{4, 7, "OFPBMC_BAD_VALUE"};
+inline constexpr Error kBadMask{4, 8, "OFPBMC_BAD_MASK"};
+inline constexpr Error kBadPrereq{4, 9, "OFPBMC_BAD_PREREQ"};
+inline constexpr Error kDupField{4, 10, "OFPBMC_DUP_FIELD"};
+inline constexpr Error kFlowModUnknown{5, 0, "OFPFMFC_UNKNOWN"};
+inline constexpr Error kTableFull{5, 1, "OFPFMFC_TABLE_FULL"};
+inline constexpr Error kBadTableId{5, 2, "OFPFMFC_BAD_TABLE_ID"};
+inline constexpr Error kOverlap{5, 3, "OFPFMFC_OVERLAP"};
+inline constexpr Error kBadCommand{5, 6, "OFPFMFC_BAD_COMMAND"};
+inline constexpr Error kBadFlags{5, 7, "OFPFMFC_BAD_FLAGS"};
+inline constexpr Error kOutOfGroups{6, 3, "OFPGMFC_OUT_OF_GROUPS"};
+inline constexpr Error kUnknownGroup{6, 8, "OFPGMFC_UNKNOWN_GROUP"};
+inline constexpr Error kGroupBadCommand{6, 11, "OFPGMFC_BAD_COMMAND"};
+inline constexpr Error kPortModBadPort{7, 0, "OFPPMFC_BAD_PORT"};
+inline constexpr Error kPortModBadHwAddr{7, 1, "OFPPMFC_BAD_HW_ADDR"};
+inline constexpr Error kPortModEperm{7, 4, "OFPPMFC_EPERM"};
+inline constexpr Error kTableModBadTable{8, 0, "OFPTMFC_BAD_TABLE"};
+inline constexpr Error kTableModBadConfig{8, 1, "OFPTMFC_BAD_CONFIG"};
+inline constexpr Error kQueueBadPort{9, 0, "OFPQOFC_BAD_PORT"};
+inline constexpr Error kConfigBadFlags{10, 0, "OFPSCFC_BAD_FLAGS"};
+inline constexpr Error kRoleStale{11, 0, "OFPRRFC_STALE"};
+inline constexpr Error kRoleBad{11, 2, "OFPRRFC_BAD_ROLE"};
+inline constexpr Error kMeterUnknown{12, 0, "OFPMMFC_UNKNOWN"};
+inline constexpr Error kMeterExists{12, 1, "OFPMMFC_METER_EXISTS"};
+inline constexpr Error kInvalidMeter{12, 2, "OFPMMFC_INVALID_METER"};
+inline constexpr Error kUnknownMeter{12, 3, "OFPMMFC_UNKNOWN_METER"};
+inline constexpr Error kMeterBadCommand{12, 4, "OFPMMFC_BAD_COMMAND"};
+inline constexpr Error kMeterBadFlags{12, 5, "OFPMMFC_BAD_FLAGS"};
+inline constexpr Error kMeterBadRate{12, 6, "OFPMMFC_BAD_RATE"};
+inline constexpr Error kMeterBadBand{12, 8, "OFPMMFC_BAD_BAND"};
+inline constexpr Error kMeterBadBandValue{12, 9, "OFPMMFC_BAD_BAND_VALUE"};
+inline constexpr Error kOutOfMeters{12, 10, "OFPMMFC_OUT_OF_METERS"};
+inline constexpr Error kOutOfBands{12, 11, "OFPMMFC_OUT_OF_BANDS"};
+inline constexpr Error kTableFeaturesEperm{13, 5, "OFPTFFC_EPERM"};
+}  // namespace err
+
+// Why a request is refused: the error to answer with, the part of the request at fault and the reason in words (both literals).
+// No error means accepted.
+struct Verdict {
+  const Error *error = nullptr;
+  const char *what = "";
+  const char *why = "";
+  bool refused() const { return error != nullptr; }
+};
+
+inline Verdict refuse(const Error &error, const char *what, const char *why) {
+  return {&error, what, why};
+}
+
+}  // namespace host::of_ss
