@@ -1,0 +1,375 @@
+#include "host/of_ss/flows.h"
+
+#include <algorithm>
+
+namespace host::of_ss {
+namespace {
+
+namespace sb = southbound;
+
+// At most this many hand-overs stand between two barriers of our own, so that a long burst is seen to be decided piece by piece.
+constexpr std::uint64_t kBarrierEvery = 1024;
+constexpr std::size_t kLateFailuresKept = 100;
+constexpr std::int64_t kSecond = 1'000'000'000;
+
+bool matches_everything(const FlowMod &mod) {
+  return mod.table_id == kTableAll && southbound_match(mod.southbound()).empty() && mod.cookie_mask == 0 &&
+         mod.out_port == port::kAny && mod.out_group == kGroupAny;
+}
+
+}  // namespace
+
+bool Flows::selected(const FlowEntry &flow, const FlowMod &filter) {
+  if (filter.table_id != kTableAll && filter.table_id != flow.table_id()) return false;
+  if ((flow.cookie() ^ filter.cookie) & filter.cookie_mask) return false;
+  if (filter.deletes() && filter.out_group != kGroupAny) return false;
+  if (filter.deletes() && filter.out_port != port::kAny && filter.out_port != output_port(flow.southbound())) return false;
+  return match_covers(southbound_match(filter.southbound()), southbound_match(flow.southbound()));
+}
+
+// ---- requests
+
+Verdict Flows::apply(const FlowMod &mod, const Origin &origin, Bytes request, std::int64_t now) {
+  if (mod.command == fm::kAdd) return add(mod, origin, request, now);
+  return mod.modifies() ? modify(mod, origin, request, now) : remove(mod);
+}
+
+Verdict Flows::add(const FlowMod &mod, const Origin &origin, Bytes request, std::int64_t now) {
+  if (mod.flags & fm::kCheckOverlap && overlaps(mod)) return refuse(err::kOverlap, "match", "a flow of this priority overlaps");
+  const FlowTable::Place place = table_.find(mod.southbound());
+  FlowEntry *before = place.entry;
+  if (!before && capacity() && table_.flows() >= capacity())
+    return refuse(err::kTableFull, "table", "the table has no room for another flow");
+  if (before && before->state == FlowState::installed && same_flow_mod(before->southbound(), mod.southbound())) {
+    before->created_ns = now;
+    before->last_hit_s = static_cast<std::uint32_t>(now / kSecond);
+    ++counters_.unchanged;
+  } else {
+    before = &hand_over(mod.southbound(), place, now);
+    ledger_.expect(before->index(), origin, request, false, now);
+    ++counters_.added;
+  }
+  if (mod.flags & fm::kResetCounts) {
+    before->packets.reset();
+    before->bytes.reset();
+  }
+  return {};
+}
+
+Verdict Flows::modify(const FlowMod &mod, const Origin &origin, Bytes request, std::int64_t now) {
+  bool first = true;
+  for (FlowEntry *flow : targets(mod, mod.command == fm::kModifyStrict)) {
+    change(*flow, mod, origin, request, !first, now);
+    first = false;
+  }
+  return {};
+}
+
+Verdict Flows::remove(const FlowMod &mod) {
+  if (mod.command == fm::kDelete && matches_everything(mod)) {
+    remove_all();
+    return {};
+  }
+  for (FlowEntry *flow : targets(mod, mod.command == fm::kDeleteStrict)) remove_flow(*flow, kDeleted);
+  return {};
+}
+
+// The flows that a modify or a delete is about.
+std::vector<FlowEntry *> Flows::targets(const FlowMod &mod, bool strict) {
+  if (!strict) return flows_in_force([&mod](const FlowEntry &flow) { return selected(flow, mod); });
+  std::vector<FlowEntry *> found;
+  for (std::uint8_t table_id = 0; table_id < kTableCount; ++table_id) {
+    if (mod.table_id != kTableAll && mod.table_id != table_id) continue;
+    if (FlowEntry *flow = find_in_table(mod, table_id); flow && selected(*flow, mod)) found.push_back(flow);
+  }
+  return found;
+}
+
+template <typename Wanted>
+std::vector<FlowEntry *> Flows::flows_in_force(Wanted &&wanted) const {
+  std::vector<FlowEntry *> found;
+  std::uint32_t cursor = 0;
+  while (FlowEntry *flow = table_.next(cursor))
+    if (flow->in_force && wanted(*flow)) found.push_back(flow);
+  return found;
+}
+
+// A request for all tables names its flow as table 0 does; in table 1 the application type comes on top.
+FlowEntry *Flows::find_in_table(const FlowMod &mod, std::uint8_t table_id) {
+  if (mod.table_id == table_id) return table_.find(mod.southbound()).entry;
+  const Bytes match = southbound_match(mod.southbound());
+  scratch_.assign(mod.message, mod.message + sb::kFlowOxm + match.size());
+  if (table_id == kServiceChainTable) {
+    scratch_.resize(scratch_.size() + 8);
+    sb::put(scratch_.data(), sb::kFlowOxm + match.size(), sb::kOxmExpAppType);
+    sb::put(scratch_.data(), sb::kFlowOxm + match.size() + 4, sb::kServiceChainAppType);
+  }
+  sb::put(scratch_.data(), sb::kFlowTableId, table_id);
+  sb::put(scratch_.data(), sb::kFlowMatchLen, static_cast<std::uint16_t>(scratch_.size() - sb::kFlowOxm));
+  return table_.find(scratch_).entry;
+}
+
+bool Flows::overlaps(const FlowMod &mod) const {
+  const auto priority = sb::get<std::uint16_t>(mod.message, sb::kFlowPriority);
+  std::uint32_t cursor = 0;
+  while (const FlowEntry *flow = table_.next(cursor))
+    if (flow->in_force && flow->table_id() == mod.table_id && flow->priority() == priority &&
+        matches_overlap(southbound_match(flow->southbound()), southbound_match(mod.southbound())))
+      return true;
+  return false;
+}
+
+// ---- hand-over
+
+// A new entry, or a new form of the one at `place`, goes to the daemon. Its pending answer is the caller's to note.
+FlowEntry &Flows::hand_over(Bytes flow_mod, const FlowTable::Place &place, std::int64_t created) {
+  FlowEntry &flow = table_.insert(flow_mod, place, created);
+  flow.last_hit_s = static_cast<std::uint32_t>(created / kSecond);
+  if (const FlowEntry *before = place.entry) {
+    flow.packets.before = before->packets.value();
+    flow.bytes.before = before->bytes.value();
+  }
+  handover_.add(flow);
+  return flow;
+}
+
+// The flow's own head and match with the instructions of `mod`; good until scratch_ is used again.
+Bytes Flows::with_instructions_of(const FlowEntry &flow, const FlowMod &mod) {
+  const std::size_t block = sb::flow_instruction_offset(flow.get<std::uint16_t>(sb::kFlowMatchLen));
+  const std::size_t from = sb::flow_instruction_offset(sb::get<std::uint16_t>(mod.message, sb::kFlowMatchLen));
+  scratch_.assign(flow.message(), flow.message() + block);
+  scratch_.insert(scratch_.end(), mod.message + from, mod.message + mod.length);
+  sb::put(scratch_.data(), sb::kLen, static_cast<std::uint16_t>(scratch_.size()));
+  std::memcpy(scratch_.data() + sb::kFlowInstructions, mod.message + sb::kFlowInstructions, 2);
+  std::memcpy(scratch_.data() + sb::kFlowMeterId, mod.message + sb::kFlowMeterId, 4);
+  return scratch_;
+}
+
+void Flows::change(FlowEntry &flow, const FlowMod &mod, const Origin &origin, Bytes request, bool same_request,
+                   std::int64_t now) {
+  const Bytes changed = with_instructions_of(flow, mod);
+  FlowEntry *form = &flow;
+  if (flow.state == FlowState::sent || !same_flow_mod(flow.southbound(), changed)) {
+    form = &hand_over(changed, {flow.hash, &flow}, flow.created_ns);
+    form->last_hit_s = flow.last_hit_s;
+    ledger_.expect(form->index(), origin, request, same_request, now);
+  }
+  if (mod.flags & fm::kResetCounts) {
+    form->packets.reset();
+    form->bytes.reset();
+  }
+}
+
+void Flows::withdraw(FlowEntry &flow) {
+  handover_.remove(flow);
+  ledger_.note();
+  table_.remove(flow);
+}
+
+void Flows::drop_older_forms(FlowEntry &flow) {
+  while (FlowEntry *older = table_.at(flow.older)) withdraw(*older);
+}
+
+void Flows::remove_flow(FlowEntry &flow, RemovedReason reason) {
+  drop_older_forms(flow);
+  if (flow.flags() & fm::kSendFlowRem) events_.flow_removed(flow, reason);
+  ++counters_.removed;
+  withdraw(flow);
+}
+
+void Flows::remove_all() {
+  std::uint32_t cursor = 0;
+  while (FlowEntry *flow = table_.next(cursor)) {
+    if (flow->in_force && flow->flags() & fm::kSendFlowRem) events_.flow_removed(*flow, kDeleted);
+    counters_.removed += flow->in_force;
+    table_.remove(*flow);
+  }
+  handover_.remove_all_flows();
+  ledger_.note();
+}
+
+void Flows::remove_users_of_meter(std::uint32_t meter_id) {
+  const auto uses = [meter_id](const FlowEntry &flow) { return flow.get<std::uint32_t>(sb::kFlowMeterId) == meter_id; };
+  for (FlowEntry *flow : flows_in_force(uses)) remove_flow(*flow, kDeleted);
+}
+
+void Flows::replay() {
+  ++counters_.replays;
+  std::uint32_t cursor = 0;
+  while (FlowEntry *flow = table_.next(cursor)) {
+    handover_.add(*flow);
+    ledger_.note();
+  }
+}
+
+bool Flows::restore(Bytes flow_mod, std::int64_t now) {
+  if (!is_flow_mod(flow_mod)) return false;
+  FlowEntry *flow = table_.restore(flow_mod, now);
+  if (!flow) return false;
+  flow->state = FlowState::installed;
+  flow->last_hit_s = static_cast<std::uint32_t>(now / kSecond);
+  return true;
+}
+
+// ---- barriers
+
+void Flows::barrier(const BarrierTag &tag, const Origin &origin, std::int64_t now) {
+  if (ledger_.all_decided()) {
+    events_.barrier_answered(origin);
+    return;
+  }
+  ledger_.barrier_sent(tag, origin, now);
+  handover_.barrier(tag);
+}
+
+std::uint32_t Flows::fence(std::int64_t now) {
+  ++counters_.own_barriers;
+  const BarrierTag tag{kOwnBarrier, ++own_xid_, 0};
+  ledger_.barrier_sent(tag, {0, own_xid_}, now);
+  handover_.barrier(tag);
+  return own_xid_;
+}
+
+void Flows::batch_done(std::int64_t now) {
+  const std::uint64_t uncovered = ledger_.uncovered();
+  if (uncovered >= kBarrierEvery || (uncovered > 0 && !ledger_.barrier_under_way())) fence(now);
+}
+
+void Flows::barrier_reply(Bytes reply, std::int64_t now) {
+  const bool known =
+      reply.size() >= sb::kBarrierLen && ledger_.barrier_replied(
+                                             barrier_tag(reply), [this, now](const Pending &pending) { decided(pending, now); },
+                                             [this](const SentBarrier &sent) { events_.barrier_answered(sent.origin); });
+  if (!known) ++counters_.duplicate_results;
+}
+
+// ---- results
+
+void Flows::decided(const Pending &pending, std::int64_t now) {
+  FlowEntry *flow = table_.by_index(pending.index);
+  if (!flow || flow->state != FlowState::sent) return;
+  flow->state = FlowState::installed;
+  flow->latency_us = static_cast<std::uint32_t>(std::min<std::int64_t>((now - pending.since_ns) / 1000, UINT32_MAX));
+  counters_.latency_max_us = std::max(counters_.latency_max_us, flow->latency_us);
+  counters_.latency_sum_us += flow->latency_us;
+  ++counters_.decided;
+  drop_older_forms(*flow);
+}
+
+void Flows::flow_result(Bytes reply, std::int64_t now) {
+  if (reply.size() < sb::kFlowResultLen) return;
+  const auto index = sb::get<std::uint64_t>(reply.data(), sb::kFlowIndex);
+  const bool full = sb::get<std::uint32_t>(reply.data(), sb::kFlowResultCode) == sb::kResultResource;
+  const Error &error = full ? err::kTableFull : err::kFlowModUnknown;
+  FlowEntry *flow = table_.by_index(index);
+  Pending *pending = ledger_.find(index);
+  if (pending && !pending->answered) {
+    events_.flow_failed(pending->origin, error, Bytes(pending->request_head, pending->request_len));
+    ledger_.answer(*pending);
+    if (flow) fail(*flow, error);
+  } else if (flow && flow->state == FlowState::sent) {
+    fail(*flow, error);
+  } else if (flow && flow->in_force && !pending) {
+    failed_late(*flow, now);
+  } else {
+    ++counters_.duplicate_results;
+  }
+}
+
+// The daemon has dropped the flow on its side already.
+void Flows::fail(FlowEntry &flow, const Error &error) {
+  ++counters_.failed;
+  late_failures_.push_back(
+      {flow.index(), flow.table_id(), flow.priority(), match_text(southbound_match(flow.southbound())), &error});
+  if (late_failures_.size() > kLateFailuresKept) late_failures_.pop_front();
+  if (flow.retried) events_.flow_removed(flow, kDeleted);
+  table_.remove(flow);
+}
+
+// An installed flow has failed, as after a restart of what programs it: it gets one more chance under a new index.
+void Flows::failed_late(FlowEntry &flow, std::int64_t now) {
+  if (flow.retried) return fail(flow, err::kFlowModUnknown);
+  ++counters_.retried;
+  FlowEntry &again = hand_over(flow.southbound(), {flow.hash, &flow}, flow.created_ns);
+  again.retried = true;
+  ledger_.expect(again.index(), {}, {}, false, now);
+  table_.remove(flow);
+}
+
+void Flows::counted(std::uint64_t index, std::uint64_t packets, std::uint64_t bytes, std::int64_t now) {
+  FlowEntry *flow = table_.by_index(index);
+  if (!flow) return;
+  if (packets > flow->packets.total) flow->last_hit_s = static_cast<std::uint32_t>(now / kSecond);
+  flow->packets.is(packets);
+  flow->bytes.is(bytes);
+}
+
+void Flows::count_more(std::uint64_t index, std::uint64_t packets, std::uint64_t bytes, std::int64_t now) {
+  FlowEntry *flow = table_.by_index(index);
+  if (!flow) return;
+  if (packets) flow->last_hit_s = static_cast<std::uint32_t>(now / kSecond);
+  flow->packets.grew(packets);
+  flow->bytes.grew(bytes);
+}
+
+// ---- time
+
+void Flows::check_deadlines(std::int64_t now, bool daemon_turns) {
+  if (daemon_turns) patience_ns_ += now - checked_ns_;
+  checked_ns_ = now;
+  if (ledger_.all_decided() || progress_ != ledger_.decided()) {
+    progress_ = ledger_.decided();
+    progress_ns_ = patience_ns_;
+    return;
+  }
+  if (patience_ns_ - progress_ns_ < limits_.decide_timeout_ns) return;
+  const auto overdue = [this, now](const auto *sent) { return sent && now - sent->since_ns >= limits_.decide_timeout_ns; };
+  const std::uint64_t segment = ledger_.front_barrier() ? ledger_.front_barrier()->number : ~std::uint64_t{0};
+  bool given_up = false;
+  for (; overdue(ledger_.front()) && ledger_.front()->number <= segment; given_up = true)
+    ledger_.release_front([this](const Pending &pending) { give_up(pending); });
+  // Nothing to give up, and still no answer to a barrier that asks for nothing but deletes: it is lost, and nobody waits for
+  // ever.
+  if (!given_up && overdue(ledger_.front_barrier())) {
+    ++counters_.lost_barriers;
+    ledger_.barrier_replied(
+        ledger_.front_barrier()->tag, [](const Pending &) {},
+        [this](const SentBarrier &sent) { events_.barrier_answered(sent.origin); });
+  }
+  progress_ns_ = patience_ns_;
+  fence(now);
+}
+
+void Flows::give_up(const Pending &pending) {
+  ++counters_.timed_out;
+  FlowEntry *flow = table_.by_index(pending.index);
+  if (!pending.answered)
+    events_.flow_failed(pending.origin, err::kFlowModUnknown, Bytes(pending.request_head, pending.request_len));
+  if (!flow || flow->state != FlowState::sent) return;
+  handover_.remove(*flow);
+  ledger_.note();
+  fail(*flow, err::kFlowModUnknown);
+}
+
+void Flows::check_timeouts(std::int64_t now) {
+  if (table_.timed() == 0) return;
+  const auto timed = [](const FlowEntry &flow) { return flow.has_timeout() && flow.state == FlowState::installed; };
+  for (FlowEntry *flow : flows_in_force(timed)) check_timeout(*flow, now);
+  batch_done(now);
+}
+
+// A flow that looks idle is asked about first, because changes are reported some seconds late; when the answer, which takes less
+// than the second until the next check, shows nothing new, the flow is idle.
+void Flows::check_timeout(FlowEntry &flow, std::int64_t now) {
+  const std::int64_t hard = flow.get<std::uint16_t>(sb::kFlowHardTimeout), idle = flow.get<std::uint16_t>(sb::kFlowIdleTimeout);
+  if (hard && now - flow.created_ns >= hard * kSecond) return remove_flow(flow, kHardTimeout);
+  if (!idle || now / kSecond - flow.last_hit_s < idle) {
+    flow.probed = false;
+    return;
+  }
+  if (flow.probed) return remove_flow(flow, kIdleTimeout);
+  flow.probed = true;
+  handover_.ask_counters(flow.index());
+}
+
+}  // namespace host::of_ss

@@ -1,0 +1,147 @@
+// Acts on flow requests: keeps the desired flows, hands changes to the daemon and follows what becomes of them.
+//
+// A flow is sent, then installed or failed. The daemon reports failures; success follows from an answered barrier, so the flows
+// put barriers of their own behind what they hand over. A changed flow goes out under a new index and the old one is deleted only
+// when the new one is installed. Openflow thread only. Times are monotonic nanoseconds and are given by the caller.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "host/of_ss/flow_mod.h"
+#include "host/of_ss/flow_table.h"
+#include "host/of_ss/handover.h"
+#include "host/of_ss/ledger.h"
+
+namespace host::of_ss {
+
+// What the flows tell the controllers' side.
+class FlowEvents {
+ public:
+  // A request failed after it had been accepted; `request` is the first 64 bytes of it.
+  virtual void flow_failed(const Origin &origin, const Error &error, Bytes request) = 0;
+  // A flow has gone: by a delete, by a timeout, or because it failed after it had been installed.
+  virtual void flow_removed(const FlowEntry &flow, RemovedReason reason) = 0;
+  // Generation 0: a barrier of the flows' own, with the number that fence gave.
+  virtual void barrier_answered(const Origin &origin) = 0;
+
+ protected:
+  ~FlowEvents() = default;
+};
+
+struct FlowLimits {
+  std::uint32_t capacity = 0;
+  std::uint32_t window = 65536;                    // hand-overs that may be undecided before requests wait
+  std::int64_t decide_timeout_ns = 2'000'000'000;  // an undecided add is given up after this time
+};
+
+// A failure that came after the request had been accepted, for the operator.
+struct LateFailure {
+  std::uint64_t index;
+  std::uint8_t table_id;
+  std::uint16_t priority;
+  std::string match;
+  const Error *error;
+};
+
+struct FlowCounters {
+  std::uint64_t added = 0, removed = 0, failed = 0, timed_out = 0, unchanged = 0;
+  std::uint64_t duplicate_results = 0;  // results of flows that had been answered before or are not known
+  std::uint64_t own_barriers = 0, lost_barriers = 0, retried = 0, replays = 0;
+  std::uint32_t latency_max_us = 0;
+  std::uint64_t latency_sum_us = 0, decided = 0;
+};
+
+class Flows {
+ public:
+  Flows(const Callbacks &callbacks, FlowEvents &events, const FlowLimits &limits)
+      : handover_(callbacks), events_(events), limits_(limits) {}
+
+  // Carries out a request that decode_flow_mod has accepted. `request` is the OpenFlow message.
+  Verdict apply(const FlowMod &mod, const Origin &origin, Bytes request, std::int64_t now);
+  // A controller's barrier: answered at once when nothing is undecided, else through the daemon.
+  void barrier(const BarrierTag &tag, const Origin &origin, std::int64_t now);
+  // A hand-over that is none of the flows', so that barriers wait for it.
+  void note_handover() { ledger_.note(); }
+  // Deletes the flows that use the meter.
+  void remove_users_of_meter(std::uint32_t meter_id);
+
+  // Replies of the daemon.
+  void flow_result(Bytes reply, std::int64_t now);
+  void barrier_reply(Bytes reply, std::int64_t now);
+  void capacity(std::uint32_t flows) { told_capacity_ = flows; }
+  // Counters: the totals of one index, and changes of it.
+  void counted(std::uint64_t index, std::uint64_t packets, std::uint64_t bytes, std::int64_t now);
+  void count_more(std::uint64_t index, std::uint64_t packets, std::uint64_t bytes, std::int64_t now);
+
+  // Hands every flow to the daemon again; the caller has begun the synchronisation.
+  void replay();
+  // A flow of an earlier life, as it is stored.
+  bool restore(Bytes flow_mod, std::int64_t now);
+  void reserve_index_above(std::uint64_t index) { table_.reserve_index_above(index); }
+
+  // Puts a barrier of the flows' own behind everything so far, whatever is decided; its number.
+  std::uint32_t fence(std::int64_t now);
+  // To be called after each batch of requests: puts a barrier behind them where none is on its way.
+  void batch_done(std::int64_t now);
+  // To be called about every 100 ms: deadlines. `daemon_turns` says that the daemon's loop has turned since the call before;
+  // while it has not, no time is held against it.
+  void check_deadlines(std::int64_t now, bool daemon_turns);
+  // To be called about every second: idle and hard timeouts.
+  void check_timeouts(std::int64_t now);
+  bool needs_deadlines() const { return ledger_.outstanding() > 0; }
+
+  // Whether another request may be carried out now.
+  bool room() const { return ledger_.outstanding() < limits_.window; }
+  // How many flows there is room for; 0 while that is not known.
+  std::uint32_t capacity() const { return limits_.capacity ? limits_.capacity : told_capacity_; }
+  const FlowTable &table() const { return table_; }
+  const Ledger &ledger() const { return ledger_; }
+  const FlowCounters &counters() const { return counters_; }
+  const std::deque<LateFailure> &late_failures() const { return late_failures_; }
+  Handover &handover() { return handover_; }
+
+  // Whether the flow fits the table, match, port, group and cookie filter of a delete or of a statistics request.
+  static bool selected(const FlowEntry &flow, const FlowMod &filter);
+
+ private:
+  Verdict add(const FlowMod &mod, const Origin &origin, Bytes request, std::int64_t now);
+  Verdict modify(const FlowMod &mod, const Origin &origin, Bytes request, std::int64_t now);
+  Verdict remove(const FlowMod &mod);
+  bool overlaps(const FlowMod &mod) const;
+  FlowEntry &hand_over(Bytes flow_mod, const FlowTable::Place &place, std::int64_t created);
+  template <typename Wanted>
+  std::vector<FlowEntry *> flows_in_force(Wanted &&wanted) const;
+  std::vector<FlowEntry *> targets(const FlowMod &mod, bool strict);
+  FlowEntry *find_in_table(const FlowMod &mod, std::uint8_t table_id);
+  Bytes with_instructions_of(const FlowEntry &flow, const FlowMod &mod);
+  void change(FlowEntry &flow, const FlowMod &mod, const Origin &origin, Bytes request, bool same_request, std::int64_t now);
+  void remove_flow(FlowEntry &flow, RemovedReason reason);
+  void remove_all();
+  void withdraw(FlowEntry &flow);
+  void drop_older_forms(FlowEntry &flow);
+  void decided(const Pending &pending, std::int64_t now);
+  void fail(FlowEntry &flow, const Error &error);
+  void failed_late(FlowEntry &flow, std::int64_t now);
+  void give_up(const Pending &pending);
+  void check_timeout(FlowEntry &flow, std::int64_t now);
+
+  Handover handover_;
+  FlowEvents &events_;
+  const FlowLimits limits_;
+  FlowTable table_;
+  Ledger ledger_;
+  FlowCounters counters_;
+  std::deque<LateFailure> late_failures_;
+  std::uint32_t told_capacity_ = 0;
+  std::uint32_t own_xid_ = 0;
+  // The clock that deadlines run on: it stands while the daemon's loop does not turn.
+  std::int64_t patience_ns_ = 0, checked_ns_ = 0, progress_ns_ = 0;
+  std::uint64_t progress_ = 0;
+  std::vector<std::byte> scratch_;
+};
+
+}  // namespace host::of_ss

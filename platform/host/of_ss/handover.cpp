@@ -1,0 +1,84 @@
+#include "host/of_ss/handover.h"
+
+#include <array>
+
+namespace host::of_ss {
+namespace {
+
+namespace sb = southbound;
+
+// The table property that open and close carry and that the daemon echoes in its replies.
+constexpr std::uint16_t kTableProperty = 1;
+
+template <std::size_t N>
+struct Message {
+  alignas(8) std::array<std::byte, N> bytes{};
+  explicit Message(sb::MsgType type) { sb::put_header(bytes.data(), type, kVersion, N, kTableProperty); }
+  template <typename T>
+  Message &with(std::size_t at, T value) {
+    sb::put(bytes.data(), at, value);
+    return *this;
+  }
+  void to(of_ss_msg_cb callback) { callback(bytes.data()); }
+};
+
+}  // namespace
+
+// The same bytes as the add, so that a trace of the delete shows the flow; the daemon looks at the index only.
+void Handover::remove(FlowEntry &flow) {
+  sb::put(flow.message(), sb::kFlowCommand, sb::kFlowDelete);
+  callbacks_.flow_mod(flow.message());
+  sb::put(flow.message(), sb::kFlowCommand, sb::kFlowAdd);
+}
+
+void Handover::barrier(const BarrierTag &tag) {
+  Message<sb::kBarrierLen>(sb::kBarrierRequest)
+      .with(sb::kBarrierConnId, tag.connection)
+      .with(sb::kBarrierXid, tag.xid)
+      .with(sb::kBarrierConnIp, tag.address)
+      .to(callbacks_.barrier);
+}
+
+void Handover::begin_sync() {
+  Message<sb::kHeaderLen>(sb::kDsStart).to(callbacks_.ds_start);
+}
+void Handover::end_sync() {
+  Message<sb::kHeaderLen>(sb::kDsEnd).to(callbacks_.ds_end);
+}
+
+// Both carry one interface number, 0: a message without any is refused by the daemon as too short.
+void Handover::open() {
+  Message<sb::kHeaderLen + 4>(sb::kOpen).to(callbacks_.open);
+}
+void Handover::close() {
+  Message<sb::kHeaderLen + 4>(sb::kClose).to(callbacks_.close);
+}
+
+void Handover::ask_counters(std::uint64_t index) {
+  Message<sb::kStatRequestLen>(sb::kStatRequest).with(sb::kStatIndex, index).to(callbacks_.statistic);
+}
+
+void Handover::configure_reports(std::uint32_t cells, std::uint32_t period_s) {
+  Message<sb::kCountLen>(sb::kFlowCountConfig)
+      .with(sb::kCountCells, cells)
+      .with(sb::kCountPeriod, period_s)
+      .to(callbacks_.flow_count);
+}
+
+void Handover::packets(bool start) {
+  Message<sb::kHeaderLen>(start ? sb::kPktStart : sb::kPktEnd).to(start ? callbacks_.pkt_start : callbacks_.pkt_end);
+}
+
+void Handover::controller(bool announce, std::uint32_t address) {
+  Message<sb::kOncLen>(sb::kOncInfo)
+      .with(sb::kOncCommand, static_cast<std::uint16_t>(announce ? 0 : 1))
+      .with(sb::kOncAddress, address)
+      .to(callbacks_.onc_info);
+}
+
+BarrierTag barrier_tag(Bytes reply) {
+  return {sb::get<std::uint8_t>(reply.data(), sb::kBarrierConnId), sb::get<std::uint32_t>(reply.data(), sb::kBarrierXid),
+          sb::get<std::uint32_t>(reply.data(), sb::kBarrierConnIp)};
+}
+
+}  // namespace host::of_ss

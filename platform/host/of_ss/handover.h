@@ -1,0 +1,53 @@
+// What the agent says to the daemon: builds each southbound message and calls the registered callback. Openflow thread, no lock
+// held.
+#pragma once
+
+#include <cstdint>
+
+#include "host/of_ss/callbacks.h"
+#include "host/of_ss/flow_table.h"
+#include "host/of_ss/wire.h"
+
+namespace host::of_ss {
+
+// What a barrier carries through the daemon and back. Connection numbers of controllers are below kOwnBarrier.
+struct BarrierTag {
+  std::uint8_t connection;
+  std::uint32_t xid;
+  std::uint32_t address;  // IPv4, first octet in the least significant byte; 0 for another kind
+  bool operator==(const BarrierTag &) const = default;
+};
+inline constexpr std::uint8_t kOwnBarrier = 255;
+
+class Handover {
+ public:
+  explicit Handover(const Callbacks &callbacks) : callbacks_(callbacks) {}
+
+  void add(FlowEntry &flow) { callbacks_.flow_mod(flow.message()); }
+  void remove(FlowEntry &flow);
+  void remove_all_flows() { callbacks_.del_all_flow(); }
+  void remove_everything() { callbacks_.del_all(); }
+  // `message` is a southbound meter-mod.
+  void meter(std::byte *message) { callbacks_.meter_mod(message); }
+  void barrier(const BarrierTag &tag);
+  void begin_sync();
+  void end_sync();
+  // A controller has come, the last one has gone.
+  void open();
+  void close();
+  // Asks for the counters of the flow with this index, or of all with southbound::kAllFlows.
+  void ask_counters(std::uint64_t index);
+  void configure_reports(std::uint32_t cells, std::uint32_t period_s);
+  void packets(bool start);
+  // Announces or withdraws the address of a controller, laid out as in BarrierTag.
+  void controller(bool announce, std::uint32_t address);
+  void connected() { callbacks_.connected(); }
+
+ private:
+  const Callbacks &callbacks_;
+};
+
+// The tag of a barrier reply; the message is kBarrierLen long.
+BarrierTag barrier_tag(Bytes reply);
+
+}  // namespace host::of_ss
