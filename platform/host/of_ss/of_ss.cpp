@@ -1,16 +1,38 @@
 #include "of_ss.h"
 
 #include <atomic>
+#include <memory>
 #include <mutex>
 
+#include "host/config/config.h"
+#include "host/fault/fault.h"
+#include "host/log/log.h"
+#include "host/of_ss/agent.h"
 #include "host/of_ss/callbacks.h"
+#include "host/of_ss/settings.h"
+#include "host/of_ss/stored.h"
 #include "host/of_ss/testing.h"
+#include "host/of_ss/views.h"
+#include "host/runtime/loop.h"
+#include "host/runtime/services.h"
+#include "host/runtime/timer.h"
 #include "southbound.h"
 
 namespace host::of_ss {
 namespace {
 
+using fault::Point;
+
+constexpr auto kRetry = std::chrono::seconds(1);
+
+// Loop's thread.
+qx_global *global_handle = nullptr;
 Callbacks registered;
+std::unique_ptr<Agent> agent;
+
+// Any thread. The inbox outlives the agent, so that a late sender finds something to send to.
+Inbox inbox;
+std::atomic<bool> running{false};
 std::atomic<bool> held{false};
 
 // The taps; `tapped` spares untapped processes the lock.
@@ -33,10 +55,41 @@ void set_tap(Tap &tap, Tap value) {
   tapped.store(reply_tap || fetch_tap, std::memory_order_release);
 }
 
+void stop_agent() {
+  running = false;
+  agent.reset();
+}
+
+void start_agent();
+
+Timer &retry_timer() {
+  static Timer timer(start_agent);
+  return timer;
+}
+
+// Stored flows that are not taken over would be dropped by the synchronisation that follows: so without a look at them, no start.
+void start_agent() {
+  if (agent || held || !registered.complete() || !global_handle) return;
+  StoredState stored;
+  if (const int rv = read_stored(global_handle, stored); rv != 0) {
+    log::error("the stored flows cannot be read ({}), trying again", rv);
+    retry_timer().arm(kRetry);
+    return;
+  }
+  inbox.clear();
+  agent = std::make_unique<Agent>(registered, inbox, settings_from(config()));
+  agent->restore(stored);
+  running = true;
+  agent->start();
+}
+
+// Once every callback is there, the agent starts in a turn of its own: the daemon is still in the middle of its own start here.
 template <typename Callback>
 int put(Callback &slot, Callback cb) {
   if (!cb) return -4;
+  if (const int rv = fault::check(Point::of_register)) return rv;
   slot = cb;
+  if (registered.complete() && !agent) post(start_agent);
   return 0;
 }
 
@@ -62,10 +115,16 @@ void set_fetch_tap(std::function<void()> tap) {
   set_tap(fetch_tap, std::move(tap));
 }
 
+std::uint16_t listening_port(std::size_t n) {
+  return agent ? agent->port(n) : 0;
+}
+
 void of_ss_reset_for_tests() {
+  stop_agent();
   set_reply_tap(nullptr);
   set_fetch_tap(nullptr);
   registered = {};
+  global_handle = nullptr;
   held = false;
 }
 
@@ -77,7 +136,18 @@ using host::of_ss::registered;
 extern "C" {
 
 int ss_of_init(qx_global *global) {
-  return global ? 0 : -1;
+  using namespace host::of_ss;
+  if (const int rv = host::fault::check(Point::of_init)) return rv;
+  if (!global) return -1;
+  global_handle = global;
+  register_views([] { return agent.get(); });
+  host::at_finish([] {
+    retry_timer().cancel();
+    stop_agent();
+    registered = {};
+    global_handle = nullptr;
+  });
+  return 0;
 }
 
 int of_ss_regiter_flow_mod(of_ss_msg_cb cb) {
@@ -123,6 +193,7 @@ int of_ss_con_info(of_ss_msg_cb cb) {
   return put(registered.onc_info, cb);
 }
 int ofss_barrier_request(of_ss_msg_cb cb) {
+  if (const int rv = host::fault::check(host::fault::Point::of_barrier_request)) return rv;
   return put(registered.barrier, cb);
 }
 int of_ss_regiter_del_all(of_ss_signal_cb cb) {
@@ -130,13 +201,19 @@ int of_ss_regiter_del_all(of_ss_signal_cb cb) {
 }
 
 void ss_of_ds_fetch(void) {
-  host::of_ss::tell(host::of_ss::fetch_tap);
+  using namespace host::of_ss;
+  if (host::fault::check(Point::of_fetch)) return;
+  tell(fetch_tap);
+  if (running) inbox.fetch();
 }
 
 int of_ss_send_msg(const void *msg, uint32_t len) {
   using namespace host::of_ss;
   if (!is_message(msg, len)) return -4;
-  tell(reply_tap, std::span(static_cast<const std::byte *>(msg), len));
-  return held || tapped ? 0 : -1;
+  if (const int rv = host::fault::check(Point::of_send)) return rv;
+  const std::span bytes(static_cast<const std::byte *>(msg), len);
+  tell(reply_tap, bytes);
+  if (running) return inbox.put(bytes) ? 0 : -1;
+  return held ? 0 : -1;
 }
 }

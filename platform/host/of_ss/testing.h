@@ -27,6 +27,9 @@ void set_reply_tap(std::function<void(std::span<const std::byte>)> tap);
 // Called at every ss_of_ds_fetch, in the same way.
 void set_fetch_tap(std::function<void()> tap);
 
+// The port that the n-th listening endpoint is bound to; 0 while it is not. Loop's thread.
+std::uint16_t listening_port(std::size_t n = 0);
+
 // Forgets registrations, taps and the hold; the agent, if one runs, is stopped and forgets its flows and meters.
 void of_ss_reset_for_tests();
 

@@ -1,0 +1,481 @@
+#include "host/of_ss/agent.h"
+
+#include <event2/buffer.h>
+#include <pthread.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <mutex>
+#include <utility>
+
+#include "host/log/log.h"
+#include "host/of_ss/protocol.h"
+#include "host/runtime/clock.h"
+#include "host/runtime/loop.h"
+
+namespace host::of_ss {
+namespace {
+
+namespace sb = southbound;
+
+constexpr timeval kTick{0, 100'000}, kSecond{1, 0};
+constexpr std::int64_t kCounterWaitNs = 100'000'000;  // two ticks of the daemon
+constexpr std::int64_t kRefusalLogNs = 1'000'000'000;
+constexpr std::size_t kRefusalsKept = 200;
+constexpr auto kRunLimit = std::chrono::seconds(3);
+enum PortReason : std::uint8_t { kPortAdded = 0, kPortDeleted = 1, kPortModified = 2 };
+
+}  // namespace
+
+// ---- life
+
+Agent::Agent(const Callbacks &callbacks, Inbox &inbox, Settings settings)
+    : settings_(std::move(settings)),
+      inbox_(inbox),
+      flows_(callbacks, *this, settings_.flows),
+      meters_(flows_),
+      daemon_turned_(std::make_shared<std::atomic<bool>>(false)) {
+  // One thread uses this base; only the inbox is shared, and that has a lock of its own.
+  const std::unique_ptr<event_config, decltype(&event_config_free)> config(event_config_new(), event_config_free);
+  event_config_set_flag(config.get(), EVENT_BASE_FLAG_NOLOCK);
+  base_.reset(event_base_new_with_config(config.get()));
+  inbox_event_ = make_event<&Agent::take_inbox>(inbox_.fd(), EV_READ | EV_PERSIST);
+  tick_event_ = make_event<&Agent::tick>(-1, 0);
+  second_event_ = make_event<&Agent::second>(-1, EV_PERSIST);
+  reap_event_ = make_event<&Agent::reap>(-1, 0);
+  look_at_clock();
+  update_ports();
+}
+
+Agent::~Agent() {
+  if (!thread_.joinable()) return;
+  inbox_.post([this] { event_base_loopbreak(base_.get()); });
+  thread_.join();
+}
+
+template <void (Agent::*Handler)()>
+Agent::EventOwner Agent::make_event(int fd, short what) {
+  const auto call = [](evutil_socket_t, short, void *self) { (static_cast<Agent *>(self)->*Handler)(); };
+  return EventOwner(event_new(base_.get(), fd, what, call, this));
+}
+
+void Agent::restore(const StoredState &stored) {
+  new_turn();
+  flows_.reserve_index_above(stored.last_index);
+  std::size_t taken = 0, unknown = 0;
+  for (const auto &message : stored.flows) ++(flows_.restore(message, now_ns_) ? taken : unknown);
+  for (const auto &message : stored.meters) ++(meters_.restore(message, now_ns_) ? taken : unknown);
+  if (taken || unknown) log::info("took over {} stored flows and meters; {} were not this library's", taken, unknown);
+}
+
+void Agent::start() {
+  open_endpoints();
+  event_add(inbox_event_.get(), nullptr);
+  event_add(second_event_.get(), &kSecond);
+  // Signals are for the loop's thread.
+  sigset_t all, before;
+  sigfillset(&all);
+  pthread_sigmask(SIG_BLOCK, &all, &before);
+  thread_ = std::thread([this] { main(); });
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+void Agent::open_endpoints() {
+  const Accept take = [this](BuffereventOwner bev, Peer peer, Dialer *dialer) {
+    accept(std::move(bev), std::move(peer), dialer);
+  };
+  for (const Endpoint &endpoint : settings_.endpoints) {
+    if (!endpoint.listens) {
+      dialers_.push_back(std::make_unique<Dialer>(base_.get(), endpoint, settings_.tls.get(), take));
+      continue;
+    }
+    listeners_.push_back(std::make_unique<Listener>(base_.get(), endpoint, settings_.tls.get(), take));
+    listeners_.back()->open();
+    ports_bound_.push_back(listeners_.back()->port());
+  }
+}
+
+void Agent::main() {
+  pthread_setname_np(pthread_self(), "openflow");
+  flows_.handover().connected();
+  for (const auto &dialer : dialers_) dialer->dial();
+  event_base_dispatch(base_.get());
+}
+
+bool Agent::run(std::function<void(Agent &)> work) {
+  struct Job {
+    std::mutex mutex;
+    std::condition_variable done;
+    bool ran = false, abandoned = false;
+  };
+  const auto job = std::make_shared<Job>();
+  inbox_.post([this, job, work = std::move(work)] {
+    const std::lock_guard lock(job->mutex);
+    if (job->abandoned) return;
+    work(*this);
+    job->ran = true;
+    job->done.notify_one();
+  });
+  std::unique_lock lock(job->mutex);
+  job->done.wait_for(lock, kRunLimit, [&job] { return job->ran; });
+  job->abandoned = true;
+  return job->ran;
+}
+
+void Agent::new_turn() {
+  clock_is_fresh_ = false;
+  look_at_clock();
+}
+
+void Agent::look_at_clock() {
+  if (!clock_is_fresh_) now_ns_ = clock::now().count();
+  clock_is_fresh_ = true;
+}
+
+// ---- connections
+
+void Agent::accept(BuffereventOwner bev, Peer peer, Dialer *dialer) {
+  const std::size_t number = free_number();
+  if (number == kMaxConnections) {
+    ++turned_away_;
+    log::warn("a controller was turned away, there are {} connections already", kMaxConnections);
+    if (dialer) dialer->ended(false);
+    return;
+  }
+  const std::uint64_t generation = ++generations_ << 8 | number;
+  connections_[number] = std::make_unique<Connection>(static_cast<ConnectionEvents &>(*this), std::move(bev), std::move(peer),
+                                                      generation, settings_.connections, clock::now().count());
+  dialer_of_[number] = dialer;
+  connections_[number]->start();
+}
+
+// A free connection number; kMaxConnections when every number is taken by a connection that is up. Of the others the oldest makes
+// room, so that connections that never say anything keep nobody out.
+std::size_t Agent::free_number() {
+  std::size_t oldest = kMaxConnections;
+  for (std::size_t n = 0; n < kMaxConnections; ++n) {
+    const Connection *connection = connections_[n].get();
+    if (!connection) return n;
+    if (connection->is_expendable() &&
+        (oldest == kMaxConnections || connection->generation() < connections_[oldest]->generation()))
+      oldest = n;
+  }
+  if (oldest == kMaxConnections) return oldest;
+  connections_[oldest]->abort("made room for another connection");
+  reap();
+  return oldest;
+}
+
+Connection *Agent::find(std::uint64_t generation) const {
+  if (generation == 0) return nullptr;
+  Connection *connection = connections_[generation & 0xff].get();
+  return connection && connection->generation() == generation && connection->is_up() ? connection : nullptr;
+}
+
+void Agent::up(Connection &connection) {
+  connection.session().up = true;
+  log::info("controller {} is connected", connection.peer().name);
+  if (up_++ == 0) flows_.handover().open();
+  announce(connection.peer(), 1);
+  update_packets();
+}
+
+void Agent::gone(Connection &connection) {
+  event_active(reap_event_.get(), 0, 0);
+  if (Dialer *dialer = dialer_of_[connection.number()]) dialer->ended(connection.session().up);
+  dialer_of_[connection.number()] = nullptr;
+  if (!connection.session().up) return;
+  log::info("controller {} has gone: {}", connection.peer().name, connection.why_closed());
+  update_packets();
+  announce(connection.peer(), -1);
+  if (--up_ == 0) flows_.handover().close();
+}
+
+void Agent::reap() {
+  for (auto &connection : connections_)
+    if (connection && connection->is_gone()) connection.reset();
+}
+
+// The daemon knows addresses, each once however many connections it has.
+void Agent::announce(const Peer &peer, int by) {
+  if (peer.address == 0) return;
+  int &count = addresses_[peer.address];
+  const int before = count;
+  count += by;
+  if (before == 0 || count == 0) flows_.handover().controller(before == 0, peer.address);
+  if (count == 0) addresses_.erase(peer.address);
+}
+
+// Packets may flow to the controller while there is one that takes them.
+void Agent::update_packets() {
+  bool wanted = false;
+  for (const auto &connection : connections_)
+    wanted |= connection && connection->is_up() && connection->session().role != Role::slave;
+  if (wanted != packets_) flows_.handover().packets(wanted);
+  packets_ = wanted;
+}
+
+void Agent::set_role(Connection &connection, Role role) {
+  if (role == Role::master)
+    for (const auto &other : connections_)
+      if (other && other->session().role == Role::master) other->session().role = Role::slave;
+  connection.session().role = role;
+  update_packets();
+}
+
+std::vector<const Connection *> Agent::connections() const {
+  std::vector<const Connection *> all;
+  for (const auto &connection : connections_)
+    if (connection && connection->is_up()) all.push_back(connection.get());
+  return all;
+}
+
+std::vector<std::string> Agent::targets() const {
+  std::vector<std::string> texts;
+  for (const Endpoint &endpoint : settings_.endpoints) texts.push_back(endpoint.text);
+  return texts;
+}
+
+// ---- from the controllers
+
+void Agent::message(Connection &connection, Bytes message) {
+  look_at_clock();
+  handle_message(*this, connection, message);
+}
+
+bool Agent::may_take(const Connection &connection) {
+  const Session &session = connection.session();
+  return !session.dump && !session.waits_for_counters && flows_.room() && !connection.is_clogged();
+}
+
+void Agent::batch_done(Connection &) {
+  look_at_clock();
+  turn_done();
+}
+
+// After everything that may have handed something over.
+void Agent::turn_done() {
+  flows_.batch_done(now_ns_);
+  clock_is_fresh_ = false;
+  if (ticking_ || !any_needs_ticks()) return;
+  ticking_ = true;
+  flows_.check_deadlines(now_ns_, false);
+  ask_daemon_to_turn();
+  event_add(tick_event_.get(), &kTick);
+}
+
+void Agent::drained(Connection &connection) {
+  new_turn();
+  if (connection.session().dump) continue_dump(*this, connection);
+  connection.resume();
+}
+
+void Agent::refuse(Connection &connection, const Verdict &verdict, Bytes request) {
+  connection.send_error(*verdict.error, request);
+  ++refused_;
+  ++refusals_unlogged_;
+  const char *name = message_name(be8(request, kOfType));
+  refusals_.push_back({now_ns_, connection.peer().name, be32(request, kOfXid), name, verdict});
+  if (refusals_.size() > kRefusalsKept) refusals_.pop_front();
+  // One line a second tells the latest; the others are in the list.
+  if (now_ns_ - refusal_logged_ns_ < kRefusalLogNs) return;
+  log::warn("{} of {} refused with {}: {}: {} ({} refused since the last such line)", name, connection.peer().name,
+            verdict.error->name, verdict.what, verdict.why, refusals_unlogged_);
+  refusal_logged_ns_ = now_ns_;
+  refusals_unlogged_ = 0;
+}
+
+// ---- to the controllers
+
+void Agent::flow_failed(const Origin &origin, const Error &error, Bytes request) {
+  if (Connection *connection = find(origin.generation)) connection->send_error(error, origin.xid, request);
+}
+
+void Agent::barrier_answered(const Origin &origin) {
+  if (origin.generation == 0 && origin.xid == refresh_xid_) return counters_are_there();
+  if (Connection *connection = find(origin.generation)) Reply(scratch_, kBarrierReplyMsg, origin.xid).send(*connection);
+}
+
+// Those that want the asynchronous message, by their mask for their role.
+template <typename Send>
+void Agent::for_each_listener(Async kind, std::uint8_t reason, Send &&send) {
+  for (const auto &connection : connections_) {
+    if (!connection || !connection->is_up() || !connection->session().featured) continue;
+    const std::size_t mask = static_cast<std::size_t>(kind) + (connection->session().role == Role::slave);
+    if (connection->session().async[mask] >> reason & 1) send(*connection);
+  }
+}
+
+void Agent::flow_removed(const FlowEntry &flow, RemovedReason reason) {
+  Reply reply(scratch_, kFlowRemoved, 0);
+  const std::int64_t age = now_ns_ - flow.created_ns;
+  reply.out.u64(flow.cookie());
+  reply.out.u16(flow.priority());
+  reply.out.u8(reason);
+  reply.out.u8(flow.table_id());
+  reply.out.u32(static_cast<std::uint32_t>(age / 1'000'000'000));
+  reply.out.u32(static_cast<std::uint32_t>(age % 1'000'000'000));
+  reply.out.u16(flow.get<std::uint16_t>(sb::kFlowIdleTimeout));
+  reply.out.u16(flow.get<std::uint16_t>(sb::kFlowHardTimeout));
+  reply.out.u64(flow.packets.value());
+  reply.out.u64(flow.bytes.value());
+  encode_wire_match(southbound_match(flow.southbound()), flow.table_id() == kServiceChainTable, reply.out);
+  for_each_listener(Async::flow_removed, reason, [bytes = reply.finish()](Connection &connection) { connection.send(bytes); });
+}
+
+const ddm::Port *Agent::find_port(std::uint32_t number) const {
+  const auto at =
+      std::lower_bound(ports_->begin(), ports_->end(), number, [](const ddm::Port &p, std::uint32_t n) { return p.ifx < n; });
+  return at != ports_->end() && at->ifx == number ? &*at : nullptr;
+}
+
+void Agent::update_ports() {
+  const auto now = ddm::ports();
+  if (now == ports_) return;
+  const auto before = std::exchange(ports_, now);
+  port_numbers_.clear();
+  for (const ddm::Port &port : *ports_) port_numbers_.push_back(port.ifx);
+  if (!before) return;
+  for (const ddm::Port &port : *before)
+    if (!find_port(port.ifx)) send_port_status(port, kPortDeleted);
+  for (const ddm::Port &port : *ports_) {
+    const auto old = std::find_if(before->begin(), before->end(), [&port](const ddm::Port &p) { return p.ifx == port.ifx; });
+    if (old == before->end())
+      send_port_status(port, kPortAdded);
+    else if (!(*old == port))
+      send_port_status(port, kPortModified);
+  }
+}
+
+void Agent::send_port_status(const ddm::Port &port, std::uint8_t reason) {
+  Reply reply(scratch_, kPortStatus, 0);
+  reply.out.u8(reason);
+  reply.out.zeros(7);
+  put_port(reply.out, port);
+  for_each_listener(Async::port_status, reason, [bytes = reply.finish()](Connection &connection) { connection.send(bytes); });
+}
+
+// ---- from the daemon
+
+void Agent::take_inbox() {
+  new_turn();
+  Inbox::Taken taken = inbox_.take();
+  while (!taken.messages.empty()) {
+    const std::size_t length = sb::get<std::uint16_t>(taken.messages.data(), sb::kLen);
+    take_reply(taken.messages.first(length));
+    taken.messages = taken.messages.subspan(length);
+  }
+  if (taken.fetch) synchronise();
+  for (const auto &work : taken.work) work();
+  turn_done();
+  resume_waiting();
+}
+
+// The replies, each with the length that it must have at least.
+const Agent::ReplyRow *Agent::reply_row(std::uint16_t type) {
+  static constexpr ReplyRow kReplies[] = {
+      {sb::kFlowResult, sb::kFlowResultLen, [](Agent &a, Bytes m) { a.flows_.flow_result(m, a.now_ns_); }},
+      {sb::kStatReply, sb::kStatReplyLen, [](Agent &a, Bytes m) { a.take_counters(m); }},
+      {sb::kMeterResult, sb::kMeterResultLen, [](Agent &a, Bytes m) { a.take_meter_result(m); }},
+      {sb::kPackedReport, sb::kHeaderLen, [](Agent &a, Bytes m) { a.take_report(m); }},
+      {sb::kBarrierReply, sb::kBarrierLen, [](Agent &a, Bytes m) { a.flows_.barrier_reply(m, a.now_ns_); }},
+      {sb::kCapacity, sb::kCapacityLen,
+       [](Agent &a, Bytes m) { a.flows_.capacity(sb::get<std::uint32_t>(m.data(), sb::kCapacityFlows)); }},
+  };
+  const auto *row = std::find_if(std::begin(kReplies), std::end(kReplies), [type](const ReplyRow &r) { return r.type == type; });
+  return row == std::end(kReplies) ? nullptr : row;
+}
+
+void Agent::take_reply(Bytes message) {
+  const auto type = sb::get<std::uint16_t>(message.data(), sb::kType);
+  const ReplyRow *row = reply_row(type);
+  if (row && message.size() >= row->min_length) return row->take(*this, message);
+  log::warn("a reply of type {} and length {} from the daemon is not known", type, message.size());
+}
+
+void Agent::take_meter_result(Bytes message) {
+  if (const auto failure = meters_.result(message)) flow_failed(failure->origin, *failure->error, failure->request);
+}
+
+void Agent::take_counters(Bytes message) {
+  const std::byte *at = message.data();
+  if (sb::get<std::uint32_t>(at, sb::kStatStatus) != 0) return;
+  flows_.counted(sb::get<std::uint64_t>(at, sb::kStatIndex), sb::get<std::uint64_t>(at, sb::kStatPackets),
+                 sb::get<std::uint64_t>(at, sb::kStatBytes), now_ns_);
+}
+
+void Agent::take_report(Bytes message) {
+  const std::byte *at = message.data();
+  for (std::size_t cell = sb::kCells; cell + sb::kCellLen <= message.size(); cell += sb::kCellLen)
+    flows_.count_more(sb::get<std::uint64_t>(at, cell), sb::get<std::uint64_t>(at, cell + 8),
+                      sb::get<std::uint64_t>(at, cell + 16), now_ns_);
+}
+
+// One burst, so that the daemon handles it in one go: what it has not heard of again shortly after the start, it forgets.
+void Agent::synchronise() {
+  flows_.handover().begin_sync();
+  flows_.replay();
+  meters_.replay();
+  flows_.handover().end_sync();
+  log::info("handed {} flows and {} meters to the daemon again", flows_.table().size(), meters_.all().size());
+}
+
+void Agent::resume_waiting() {
+  for (const auto &connection : connections_)
+    if (connection && connection->is_waiting() && may_take(*connection)) connection->resume();
+}
+
+// ---- counters
+
+void Agent::refresh_counters(Connection &connection) {
+  if (flows_.table().size() == 0) return;
+  connection.session().waits_for_counters = true;
+  if (refresh_xid_) return;
+  flows_.handover().ask_counters(sb::kAllFlows);
+  refresh_until_ns_ = now_ns_ + kCounterWaitNs;
+  refresh_xid_ = flows_.fence(now_ns_);
+}
+
+void Agent::counters_are_there() {
+  refresh_xid_ = 0;
+  for (const auto &connection : connections_) {
+    if (!connection || !std::exchange(connection->session().waits_for_counters, false)) continue;
+    continue_dump(*this, *connection);
+    connection->resume();
+  }
+}
+
+// ---- time
+
+bool Agent::any_needs_ticks() const {
+  return flows_.needs_deadlines() || refresh_xid_ != 0;
+}
+
+// Deadlines count only while the loop of the daemon turns: what it has not come to is not its failure.
+void Agent::ask_daemon_to_turn() {
+  post([turned = daemon_turned_] { turned->store(true); });
+}
+
+void Agent::tick() {
+  new_turn();
+  if (refresh_xid_ && now_ns_ >= refresh_until_ns_) counters_are_there();
+  flows_.check_deadlines(now_ns_, daemon_turned_->exchange(false));
+  resume_waiting();
+  ticking_ = any_needs_ticks();
+  if (!ticking_) return;
+  ask_daemon_to_turn();
+  event_add(tick_event_.get(), &kTick);
+}
+
+void Agent::second() {
+  new_turn();
+  for (const auto &connection : connections_)
+    if (connection && !connection->is_gone()) connection->check(now_ns_);
+  flows_.check_timeouts(now_ns_);
+  update_ports();
+  for (const auto &listener : listeners_) listener->open();
+  turn_done();
+}
+
+}  // namespace host::of_ss

@@ -1,0 +1,202 @@
+#include "host/of_ss/endpoints.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <event2/bufferevent_ssl.h>
+#include <fmt/format.h>
+#include <netdb.h>
+#include <netinet/tcp.h>
+#include <openssl/err.h>
+#include <string.h>
+
+#include <algorithm>
+#include <random>
+#include <utility>
+
+#include "host/log/log.h"
+
+namespace host::of_ss {
+namespace {
+
+constexpr std::int64_t kFirstDelayMs = 250, kLongestDelayMs = 8000;
+constexpr int kBacklog = 511;
+
+struct Method {
+  const char *prefix;
+  bool listens, tls;
+};
+constexpr Method kMethods[] = {{"ptcp:", true, false}, {"pssl:", true, true}, {"tcp:", false, false}, {"ssl:", false, true}};
+
+bool resolve(std::string host, const std::string &port, Endpoint &endpoint, std::string &error) {
+  if (host.size() > 1 && host.front() == '[') host = host.substr(1, host.size() - 2);
+  addrinfo hints{}, *found = nullptr;
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = endpoint.listens ? AI_PASSIVE : 0;
+  if (const int rv = getaddrinfo(host.c_str(), port.c_str(), &hints, &found); rv != 0) {
+    error = fmt::format("{}: {}", endpoint.text, gai_strerror(rv));
+    return false;
+  }
+  const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, freeaddrinfo);
+  std::memcpy(&endpoint.address, found->ai_addr, found->ai_addrlen);
+  endpoint.address_len = found->ai_addrlen;
+  return true;
+}
+
+std::string address_text(const sockaddr *address) {
+  char host[NI_MAXHOST], port[NI_MAXSERV];
+  const socklen_t length = address->sa_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+  if (getnameinfo(address, length, host, sizeof host, port, sizeof port, NI_NUMERICHOST | NI_NUMERICSERV) != 0) return "?";
+  return address->sa_family == AF_INET6 ? fmt::format("[{}]:{}", host, port) : fmt::format("{}:{}", host, port);
+}
+
+Peer peer_of(const sockaddr *address, bool tls) {
+  const bool v4 = address->sa_family == AF_INET;
+  return {(tls ? "ssl:" : "tcp:") + address_text(address),
+          v4 ? reinterpret_cast<const sockaddr_in *>(address)->sin_addr.s_addr : 0};
+}
+
+// Replies are small and awaited.
+void send_at_once(evutil_socket_t fd) {
+  const int on = 1;
+  setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+}
+
+BuffereventOwner make_bufferevent(event_base *base, evutil_socket_t fd, SSL_CTX *tls, bufferevent_ssl_state state) {
+  if (!tls) return BuffereventOwner(bufferevent_socket_new(base, fd, BEV_OPT_CLOSE_ON_FREE));
+  SSL *ssl = SSL_new(tls);
+  if (!ssl) return nullptr;
+  bufferevent *bev = bufferevent_openssl_socket_new(base, fd, ssl, state, BEV_OPT_CLOSE_ON_FREE);
+  if (!bev) SSL_free(ssl);
+  return BuffereventOwner(bev);
+}
+
+std::string tls_error(const char *what, const std::string &file) {
+  char reason[256];
+  ERR_error_string_n(ERR_get_error(), reason, sizeof reason);
+  return fmt::format("cannot load the TLS {} \"{}\": {}", what, file, reason);
+}
+
+std::int64_t with_jitter(std::int64_t ms) {
+  static thread_local std::minstd_rand random(std::random_device{}());
+  return std::uniform_int_distribution<std::int64_t>(ms / 2, ms)(random);
+}
+
+}  // namespace
+
+bool parse_endpoint(const std::string &text, Endpoint &endpoint, std::string &error) {
+  const auto *method =
+      std::find_if(std::begin(kMethods), std::end(kMethods), [&text](const Method &m) { return text.starts_with(m.prefix); });
+  const auto colon = text.rfind(':');
+  if (method == std::end(kMethods) || colon < strlen(method->prefix)) {
+    error = text + ": allowed are ptcp:HOST:PORT, pssl:HOST:PORT, tcp:HOST:PORT and ssl:HOST:PORT";
+    return false;
+  }
+  endpoint.text = text;
+  endpoint.listens = method->listens;
+  endpoint.tls = method->tls;
+  const std::size_t host = strlen(method->prefix);
+  return resolve(text.substr(host, colon - host), text.substr(colon + 1), endpoint, error);
+}
+
+TlsContext load_tls(const std::string &cert, const std::string &key, const std::string &ca, std::string &error) {
+  TlsContext context(SSL_CTX_new(TLS_method()));
+  if (!context) {
+    error = tls_error("library", "");
+    return nullptr;
+  }
+  SSL_CTX_set_min_proto_version(context.get(), TLS1_2_VERSION);
+  if (SSL_CTX_use_certificate_chain_file(context.get(), cert.c_str()) != 1) {
+    error = tls_error("certificate", cert);
+  } else if (SSL_CTX_use_PrivateKey_file(context.get(), key.c_str(), SSL_FILETYPE_PEM) != 1) {
+    error = tls_error("key", key);
+  } else if (!ca.empty() && SSL_CTX_load_verify_locations(context.get(), ca.c_str(), nullptr) != 1) {
+    error = tls_error("authorities", ca);
+  } else {
+    if (!ca.empty()) SSL_CTX_set_verify(context.get(), SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
+    return context;
+  }
+  return nullptr;
+}
+
+// ---- listening
+
+Listener::Listener(event_base *base, const Endpoint &endpoint, SSL_CTX *tls, Accept accept)
+    : base_(base), endpoint_(endpoint), tls_(endpoint.tls ? tls : nullptr), accept_(std::move(accept)) {}
+
+void Listener::open() {
+  if (listener_) return;
+  const auto take = [](evconnlistener *, evutil_socket_t fd, sockaddr *address, int, void *self) {
+    static_cast<Listener *>(self)->accepted(fd, address);
+  };
+  listener_.reset(evconnlistener_new_bind(base_, take, this, LEV_OPT_CLOSE_ON_FREE | LEV_OPT_CLOSE_ON_EXEC | LEV_OPT_REUSEABLE,
+                                          kBacklog, reinterpret_cast<const sockaddr *>(&endpoint_.address),
+                                          static_cast<int>(endpoint_.address_len)));
+  if (listener_) {
+    evconnlistener_set_error_cb(listener_.get(), [](evconnlistener *, void *self) { static_cast<Listener *>(self)->failed(); });
+    log::info("controllers are served on {} (port {})", endpoint_.text, port());
+  } else if (!std::exchange(told_, true)) {
+    log::error("cannot listen on {}: {}; trying again every second", endpoint_.text, strerror(errno));
+  }
+}
+
+std::uint16_t Listener::port() const {
+  sockaddr_storage address{};
+  socklen_t length = sizeof address;
+  if (!listener_ || getsockname(evconnlistener_get_fd(listener_.get()), reinterpret_cast<sockaddr *>(&address), &length) != 0)
+    return 0;
+  const bool v6 = address.ss_family == AF_INET6;
+  return ntohs(v6 ? reinterpret_cast<sockaddr_in6 &>(address).sin6_port : reinterpret_cast<sockaddr_in &>(address).sin_port);
+}
+
+void Listener::accepted(evutil_socket_t fd, const sockaddr *address) {
+  send_at_once(fd);
+  BuffereventOwner bev = make_bufferevent(base_, fd, tls_, BUFFEREVENT_SSL_ACCEPTING);
+  if (!bev) {
+    evutil_closesocket(fd);
+    return;
+  }
+  accept_(std::move(bev), peer_of(address, tls_), nullptr);
+}
+
+// Out of file descriptors or memory: the connection stays in the backlog and is tried again a little later, not at full speed.
+void Listener::failed() {
+  log::warn("cannot accept a connection on {}: {}", endpoint_.text, strerror(errno));
+  evconnlistener_disable(listener_.get());
+  const timeval pause{0, 100'000};
+  event_base_once(
+      base_, -1, EV_TIMEOUT, [](evutil_socket_t, short, void *l) { evconnlistener_enable(static_cast<evconnlistener *>(l)); },
+      listener_.get(), &pause);
+}
+
+// ---- connecting
+
+Dialer::Dialer(event_base *base, const Endpoint &endpoint, SSL_CTX *tls, Accept accept)
+    : base_(base),
+      endpoint_(endpoint),
+      tls_(endpoint.tls ? tls : nullptr),
+      accept_(std::move(accept)),
+      timer_(evtimer_new(
+          base, [](evutil_socket_t, short, void *self) { static_cast<Dialer *>(self)->dial(); }, this)),
+      delay_ms_(kFirstDelayMs) {}
+
+Dialer::~Dialer() {
+  event_free(timer_);
+}
+
+void Dialer::dial() {
+  BuffereventOwner bev = make_bufferevent(base_, -1, tls_, BUFFEREVENT_SSL_CONNECTING);
+  const auto *address = reinterpret_cast<const sockaddr *>(&endpoint_.address);
+  if (!bev || bufferevent_socket_connect(bev.get(), address, static_cast<int>(endpoint_.address_len)) != 0) return ended(false);
+  send_at_once(bufferevent_getfd(bev.get()));
+  accept_(std::move(bev), peer_of(address, tls_), this);
+}
+
+void Dialer::ended(bool was_up) {
+  if (was_up) delay_ms_ = kFirstDelayMs;
+  const std::int64_t wait = with_jitter(delay_ms_);
+  delay_ms_ = std::min(delay_ms_ * 2, kLongestDelayMs);
+  const timeval pause{wait / 1000, wait % 1000 * 1000};
+  evtimer_add(timer_, &pause);
+}
+
+}  // namespace host::of_ss

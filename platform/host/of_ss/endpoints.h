@@ -1,0 +1,94 @@
+// Where connections come from: sockets that listen ("ptcp:HOST:PORT", "pssl:HOST:PORT") and controllers that are connected to
+// ("tcp:HOST:PORT", "ssl:HOST:PORT"). Openflow thread, except where it says otherwise.
+#pragma once
+
+#include <event2/event.h>
+#include <event2/listener.h>
+#include <netinet/in.h>
+#include <openssl/ssl.h>
+#include <sys/socket.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "host/of_ss/connection.h"
+
+namespace host::of_ss {
+
+// An address of the configuration, as text and taken apart.
+struct Endpoint {
+  std::string text;
+  bool listens = false;
+  bool tls = false;
+  sockaddr_storage address{};
+  socklen_t address_len = 0;
+};
+
+// Reads one; false and `error` when it is none. Numbers and names of hosts alike; a name is looked up. Any thread.
+bool parse_endpoint(const std::string &text, Endpoint &endpoint, std::string &error);
+
+struct FreeTls {
+  void operator()(SSL_CTX *context) const { SSL_CTX_free(context); }
+};
+using TlsContext = std::unique_ptr<SSL_CTX, FreeTls>;
+
+// Loads certificate, key and the authorities that peers are checked against (none when empty). Null and `error` on failure. Any
+// thread.
+TlsContext load_tls(const std::string &cert, const std::string &key, const std::string &ca, std::string &error);
+
+class Dialer;
+
+// Gets a connection that is there or being set up, and the dialer that made it; null for one that was accepted.
+using Accept = std::function<void(BuffereventOwner bev, Peer peer, Dialer *dialer)>;
+
+struct FreeListener {
+  void operator()(evconnlistener *listener) const { evconnlistener_free(listener); }
+};
+using ListenerOwner = std::unique_ptr<evconnlistener, FreeListener>;
+
+class Listener {
+ public:
+  Listener(event_base *base, const Endpoint &endpoint, SSL_CTX *tls, Accept accept);
+  // Begins to listen, unless it does already; the first failure is logged. To be called again later after a failure.
+  void open();
+  // The port that is bound; 0 when none is.
+  std::uint16_t port() const;
+
+ private:
+  void accepted(evutil_socket_t fd, const sockaddr *address);
+  void failed();
+
+  event_base *base_;
+  const Endpoint endpoint_;
+  SSL_CTX *tls_;
+  Accept accept_;
+  ListenerOwner listener_;
+  bool told_ = false;
+};
+
+// Keeps one connection to a controller: connects, and after each failure or end waits a little longer, with jitter, up to a
+// bound.
+class Dialer {
+ public:
+  Dialer(event_base *base, const Endpoint &endpoint, SSL_CTX *tls, Accept accept);
+  ~Dialer();
+  Dialer(const Dialer &) = delete;
+  Dialer &operator=(const Dialer &) = delete;
+
+  void dial();
+  // The connection that it made has ended; `was_up` when it had got through.
+  void ended(bool was_up);
+  const std::string &target() const { return endpoint_.text; }
+
+ private:
+  event_base *base_;
+  const Endpoint endpoint_;
+  SSL_CTX *tls_;
+  Accept accept_;
+  event *timer_;
+  std::int64_t delay_ms_;
+};
+
+}  // namespace host::of_ss

@@ -1,0 +1,251 @@
+#include "host/of_ss/protocol.h"
+
+#include <array>
+
+#include "host/of_ss/agent.h"
+
+namespace host::of_ss {
+namespace {
+
+constexpr std::uint32_t kFlowStats = 1, kTableStats = 2, kPortStats = 4;  // OFPC_*
+constexpr std::uint16_t kFragmentsMask = 3;
+constexpr std::uint32_t kPortStateDown = 1;
+constexpr std::size_t kHwAddrLen = 6;
+
+Origin origin_of(const Connection &connection, Bytes message) {
+  return {connection.generation(), be32(message, kOfXid)};
+}
+
+Verdict bad_length(const char *what) {
+  return refuse(err::kBadLen, what, "the length of the message is wrong");
+}
+
+// ---- handlers; a verdict that refuses becomes the error
+
+Verdict ignore(Agent &, Connection &, Bytes) {
+  return {};
+}
+
+Verdict experimenter(Agent &, Connection &, Bytes) {
+  return refuse(err::kBadExperimenter, "experimenter", "the switch knows no experimenter's messages");
+}
+
+Verdict features(Agent &agent, Connection &connection, Bytes message) {
+  Reply reply(agent.scratch(), kFeaturesReply, be32(message, kOfXid));
+  reply.out.u64(agent.datapath_id());
+  reply.out.u32(0);  // packets that are buffered
+  reply.out.u8(kTableCount);
+  reply.out.u8(0);  // the main connection
+  reply.out.zeros(2);
+  reply.out.u32(kFlowStats | kTableStats | kPortStats);
+  reply.out.u32(0);
+  reply.send(connection);
+  connection.session().featured = true;
+  return {};
+}
+
+Verdict get_config(Agent &agent, Connection &connection, Bytes message) {
+  Reply reply(agent.scratch(), kGetConfigReply, be32(message, kOfXid));
+  reply.out.u16(connection.session().config_flags);
+  reply.out.u16(connection.session().miss_send_len);
+  reply.send(connection);
+  return {};
+}
+
+Verdict set_config(Agent &, Connection &connection, Bytes message) {
+  const std::uint16_t flags = be16(message, 8);
+  if (flags & ~kFragmentsMask) return refuse(err::kConfigBadFlags, "flags", "unknown flag");
+  connection.session().config_flags = flags;
+  connection.session().miss_send_len = be16(message, 10);
+  return {};
+}
+
+Verdict packet_out(Agent &agent, Connection &, Bytes message) {
+  const std::uint32_t in_port = be32(message, 12);
+  const std::size_t length = be16(message, 16);
+  if (be32(message, 8) != kNoBuffer) return refuse(err::kBufferUnknown, "buffer_id", "the switch buffers no packets");
+  if (in_port != port::kController && in_port != port::kLocal && in_port != port::kAny && !agent.find_port(in_port))
+    return refuse(err::kRequestBadPort, "in_port", "no such port");
+  if (length > message.size() - 24) return bad_length("actions");
+  return check_packet_out_actions(message.subspan(24, length), agent.port_numbers());
+}
+
+Verdict flow_mod(Agent &agent, Connection &connection, Bytes message) {
+  FlowMod &mod = agent.flow_mod();
+  if (const Verdict verdict = decode_flow_mod(message, agent.port_numbers(), mod); verdict.refused()) return verdict;
+  const auto meter = southbound::get<std::uint32_t>(mod.message, southbound::kFlowMeterId);
+  if (meter && !mod.deletes() && !agent.meters().knows(meter))
+    return refuse(err::kUnknownMeter, "meter", "there is no meter with this number");
+  return agent.flows().apply(mod, origin_of(connection, message), message, agent.now());
+}
+
+Verdict group_mod(Agent &, Connection &, Bytes message) {
+  constexpr std::uint16_t kAdd = 0, kModify = 1, kDelete = 2;
+  const std::uint16_t command = be16(message, 8);
+  if (command == kAdd) return refuse(err::kOutOfGroups, "group", "the switch has no groups");
+  if (command == kModify) return refuse(err::kUnknownGroup, "group", "the switch has no groups");
+  if (command != kDelete) return refuse(err::kGroupBadCommand, "command", "unknown command");
+  return {};
+}
+
+Verdict port_mod(Agent &agent, Connection &, Bytes message) {
+  const ddm::Port *port = agent.find_port(be32(message, 8));
+  if (!port) return refuse(err::kPortModBadPort, "port", "no such port");
+  if (std::memcmp(port->mac.data(), message.data() + 16, kHwAddrLen) != 0)
+    return refuse(err::kPortModBadHwAddr, "hw_addr", "not the hardware address of the port");
+  if (be32(message, 28) != 0) return refuse(err::kPortModEperm, "mask", "ports are not configured over OpenFlow");
+  return {};
+}
+
+Verdict table_mod(Agent &, Connection &, Bytes message) {
+  const std::uint8_t table = be8(message, 8);
+  if (table >= kTableCount && table != kTableAll)
+    return refuse(err::kTableModBadTable, "table", "no such table, there are 0 and 1");
+  if (be32(message, 12) != 0) return refuse(err::kTableModBadConfig, "config", "tables have nothing to configure");
+  return {};
+}
+
+Verdict multipart(Agent &agent, Connection &connection, Bytes message) {
+  handle_multipart(agent, connection, message);
+  return {};
+}
+
+Verdict barrier(Agent &agent, Connection &connection, Bytes message) {
+  const Origin origin = origin_of(connection, message);
+  agent.flows().barrier({connection.number(), origin.xid, connection.peer().address}, origin, agent.now());
+  return {};
+}
+
+// Queues are those of the hardware and are not described; every port answers with none.
+Verdict queue_config(Agent &agent, Connection &connection, Bytes message) {
+  const std::uint32_t number = be32(message, 8);
+  if (number != port::kAny && !agent.find_port(number)) return refuse(err::kQueueBadPort, "port", "no such port");
+  Reply reply(agent.scratch(), kQueueGetConfigReply, be32(message, kOfXid));
+  reply.out.u32(number);
+  reply.out.zeros(4);
+  reply.send(connection);
+  return {};
+}
+
+Verdict role(Agent &agent, Connection &connection, Bytes message) {
+  const auto wanted = static_cast<Role>(be32(message, 8));
+  const std::uint64_t id = be64(message, 16);
+  Agent::Generation &current = agent.master_generation();
+  if (wanted > Role::slave) return refuse(err::kRoleBad, "role", "unknown role");
+  if (wanted == Role::master || wanted == Role::slave) {
+    if (current.defined && static_cast<std::int64_t>(id - current.id) < 0)
+      return refuse(err::kRoleStale, "generation_id", "older than the latest that was seen");
+    current = {true, id};
+  }
+  if (wanted != Role::no_change) agent.set_role(connection, wanted);
+  Reply reply(agent.scratch(), kRoleReply, be32(message, kOfXid));
+  reply.out.u32(static_cast<std::uint32_t>(connection.session().role));
+  reply.out.zeros(4);
+  reply.out.u64(current.id);
+  reply.send(connection);
+  return {};
+}
+
+Verdict get_async(Agent &agent, Connection &connection, Bytes message) {
+  Reply reply(agent.scratch(), kGetAsyncReply, be32(message, kOfXid));
+  for (const std::uint32_t mask : connection.session().async) reply.out.u32(mask);
+  reply.send(connection);
+  return {};
+}
+
+Verdict set_async(Agent &, Connection &connection, Bytes message) {
+  for (std::size_t i = 0; i < connection.session().async.size(); ++i) connection.session().async[i] = be32(message, 8 + 4 * i);
+  return {};
+}
+
+Verdict meter_mod(Agent &agent, Connection &connection, Bytes message) {
+  return agent.meters().apply(message, origin_of(connection, message), agent.now());
+}
+
+// ---- the table
+
+enum class Writes : bool { no, yes };
+
+struct MessageRow {
+  const char *name;
+  std::size_t min_length = kOfHeader;
+  bool fixed = false;                                         // no longer than that either
+  Writes writes = Writes::no;                                 // not for a slave
+  Verdict (*handle)(Agent &, Connection &, Bytes) = nullptr;  // null: not a message of controllers
+};
+
+constexpr std::array<MessageRow, kTypeCount> kMessages{{
+    {"HELLO"},  // HELLO and ECHO do not come this far
+    {"ERROR", 12, false, Writes::no, ignore},
+    {"ECHO_REQUEST"},
+    {"ECHO_REPLY"},
+    {"EXPERIMENTER", 16, false, Writes::no, experimenter},
+    {"FEATURES_REQUEST", 8, true, Writes::no, features},
+    {"FEATURES_REPLY"},
+    {"GET_CONFIG_REQUEST", 8, true, Writes::no, get_config},
+    {"GET_CONFIG_REPLY"},
+    {"SET_CONFIG", 12, true, Writes::no, set_config},
+    {"PACKET_IN"},
+    {"FLOW_REMOVED"},
+    {"PORT_STATUS"},
+    {"PACKET_OUT", 24, false, Writes::yes, packet_out},
+    {"FLOW_MOD", fm::kMinLength, false, Writes::yes, flow_mod},
+    {"GROUP_MOD", 16, false, Writes::yes, group_mod},
+    {"PORT_MOD", 40, true, Writes::yes, port_mod},
+    {"TABLE_MOD", 16, true, Writes::yes, table_mod},
+    {"MULTIPART_REQUEST", 16, false, Writes::no, multipart},
+    {"MULTIPART_REPLY"},
+    {"BARRIER_REQUEST", 8, true, Writes::no, barrier},
+    {"BARRIER_REPLY"},
+    {"QUEUE_GET_CONFIG_REQUEST", 16, true, Writes::no, queue_config},
+    {"QUEUE_GET_CONFIG_REPLY"},
+    {"ROLE_REQUEST", 24, true, Writes::no, role},
+    {"ROLE_REPLY"},
+    {"GET_ASYNC_REQUEST", 8, true, Writes::no, get_async},
+    {"GET_ASYNC_REPLY"},
+    {"SET_ASYNC", 32, true, Writes::no, set_async},
+    {"METER_MOD", 16, false, Writes::yes, meter_mod},
+}};
+
+Verdict handle(const MessageRow &row, Agent &agent, Connection &connection, Bytes message) {
+  if (!row.handle) return refuse(err::kBadType, row.name, "controllers do not send this message");
+  if (message.size() < row.min_length || (row.fixed && message.size() != row.min_length)) return bad_length(row.name);
+  if (row.writes == Writes::yes && connection.session().role == Role::slave)
+    return refuse(err::kIsSlave, row.name, "a slave may not change the switch");
+  return row.handle(agent, connection, message);
+}
+
+}  // namespace
+
+void handle_message(Agent &agent, Connection &connection, Bytes message) {
+  constexpr MessageRow kUnknown{"unknown"};
+  const std::uint8_t type = be8(message, kOfType);
+  const Verdict verdict = handle(type < kMessages.size() ? kMessages[type] : kUnknown, agent, connection, message);
+  if (verdict.refused()) agent.refuse(connection, verdict, message);
+}
+
+const char *message_name(std::uint8_t type) {
+  return type < kMessages.size() ? kMessages[type].name : "unknown";
+}
+
+Bytes Reply::finish() {
+  out.patch16(kOfLength, buffer_.size());
+  return buffer_;
+}
+
+void Reply::send(Connection &connection) {
+  connection.send(finish());
+}
+
+void put_port(Writer &out, const ddm::Port &port) {
+  out.u32(port.ifx);
+  out.zeros(4);
+  out.bytes(std::as_bytes(std::span(port.mac)));
+  out.zeros(2);
+  out.text(port.name, 16);
+  out.u32(0);
+  out.u32(port.up ? 0 : kPortStateDown);
+  out.zeros(24);  // features and speeds are not known
+}
+
+}  // namespace host::of_ss

@@ -1,0 +1,48 @@
+// What the agent does with each OpenFlow message: one table of message types. Openflow thread.
+#pragma once
+
+#include "host/ddm/ports.h"
+#include "host/of_ss/wire.h"
+
+namespace host::of_ss {
+
+class Agent;
+class Connection;
+
+// Carries out a message of a controller, or answers it with the exact error.
+void handle_message(Agent &agent, Connection &connection, Bytes message);
+
+// "FLOW_MOD"; "unknown" for a number that is no type.
+const char *message_name(std::uint8_t type);
+
+// OFPT_MULTIPART_REQUEST (multipart.cpp), with its own table of types.
+void handle_multipart(Agent &agent, Connection &connection, Bytes request);
+
+// Goes on with a multipart reply that waited for the peer to read, or for counters.
+void continue_dump(Agent &agent, Connection &connection);
+
+// An ofp_port (7.2.1).
+void put_port(Writer &out, const ddm::Port &port);
+
+// One message being written; `send` completes its length and hands it to the connection.
+class Reply {
+ public:
+  Reply(std::vector<std::byte> &buffer, OfType type, std::uint32_t xid) : buffer_(buffer), out(buffer) {
+    buffer_.clear();
+    out.u8(kVersion);
+    out.u8(type);
+    out.u16(0);
+    out.u32(xid);
+  }
+  void send(Connection &connection);
+  // The finished bytes, to be sent more than once.
+  Bytes finish();
+
+ private:
+  std::vector<std::byte> &buffer_;
+
+ public:
+  Writer out;
+};
+
+}  // namespace host::of_ss

@@ -1,0 +1,34 @@
+// What the protocol keeps of one connection beyond its transport. Openflow thread only.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <memory>
+
+#include "host/of_ss/wire.h"
+
+namespace host::of_ss {
+
+enum class Role : std::uint32_t { no_change = 0, equal = 1, master = 2, slave = 3 };
+
+// Masks of the asynchronous messages (7.3.10), in the order of the wire: for each kind one for master and equal, one for slave.
+enum class Async : std::size_t { packet_in = 0, port_status = 2, flow_removed = 4 };
+
+// A multipart reply that is being sent piece by piece (multipart.h).
+struct Dump;
+struct FreeDump {
+  void operator()(Dump *dump) const;
+};
+
+struct Session {
+  Role role = Role::equal;
+  std::array<std::uint32_t, 6> async{0x7, 0, 0x7, 0x7, 0xf, 0};
+  std::uint16_t config_flags = 0;
+  std::uint16_t miss_send_len = 128;
+  bool up = false;                  // counted among the controllers
+  bool featured = false;            // FEATURES_REPLY has gone out; nothing asynchronous before it
+  bool waits_for_counters = false;  // its statistics request waits for fresh counters, and later messages for it
+  std::unique_ptr<Dump, FreeDump> dump;
+};
+
+}  // namespace host::of_ss

@@ -1,0 +1,71 @@
+#include "host/of_ss/settings.h"
+
+#include <unistd.h>
+
+#include <charconv>
+#include <fstream>
+#include <string>
+
+#include "host/config/config.h"
+#include "host/log/log.h"
+
+namespace host::of_ss {
+namespace {
+
+constexpr std::int64_t kMillisecond = 1'000'000, kSecond = 1'000'000'000;
+
+// FNV-1a, cut to the 48 bits that usually hold a MAC address, with the bit of locally administered ones.
+std::uint64_t id_from(const std::string &text) {
+  std::uint64_t hash = 0xcbf29ce484222325u;
+  for (const char c : text) hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001b3u;
+  return (hash & 0xfcff'ffff'ffff) | 0x0200'0000'0000;
+}
+
+// Stays the same as long as the machine is installed.
+std::string machine_name() {
+  std::ifstream file("/etc/machine-id");
+  std::string id;
+  if (file >> id) return id;
+  char host[256] = "";
+  gethostname(host, sizeof host - 1);
+  return host;
+}
+
+std::uint64_t datapath_id(const std::string &configured) {
+  std::uint64_t id = 0;
+  std::from_chars(configured.data(), configured.data() + configured.size(), id, 16);
+  return id ? id : id_from(machine_name());
+}
+
+void add_endpoint(const std::string &text, Settings &settings) {
+  Endpoint endpoint;
+  std::string error;
+  if (!parse_endpoint(text, endpoint, error))
+    log::error("{}", error);
+  else if (endpoint.tls && !settings.tls)
+    log::error("{}: TLS needs openflow.tls_cert and openflow.tls_key", text);
+  else
+    settings.endpoints.push_back(endpoint);
+}
+
+}  // namespace
+
+Settings settings_from(const Config &config) {
+  const Config::OpenFlow &key = config.openflow;
+  Settings settings;
+  if (!key.tls_cert.empty()) {
+    std::string error;
+    settings.tls = load_tls(key.tls_cert, key.tls_key, key.tls_ca, error);
+    if (!settings.tls) log::error("{}", error);
+  }
+  for (const std::string &text : key.listen) add_endpoint(text, settings);
+  for (const std::string &text : key.connect) add_endpoint(text, settings);
+  settings.datapath_id = datapath_id(key.datapath_id);
+  settings.flows.capacity = key.capacity;
+  settings.flows.decide_timeout_ns = key.decide_timeout_ms * kMillisecond;
+  settings.connections.queue_bound = key.queue_bound;
+  settings.connections.echo_interval_ns = key.echo_interval_s * kSecond;
+  return settings;
+}
+
+}  // namespace host::of_ss

@@ -1,0 +1,57 @@
+#include "host/of_ss/stored.h"
+
+#include <algorithm>
+
+#include "qx_mom.h"
+#include "s_policy_kelim.pb-c.h"
+
+namespace host::of_ss {
+namespace {
+
+std::vector<std::byte> copy_of(const ProtobufCBinaryData &data) {
+  const auto *at = reinterpret_cast<const std::byte *>(data.data);
+  return {at, at + data.len};
+}
+
+void note_index(const SPolicyKelim__FlowKey *key, StoredState &out) {
+  if (key) out.last_index = std::max(out.last_index, key->flow_index);
+}
+
+int take_flow(const qx_obj *object, void *arg) {
+  auto &out = *static_cast<StoredState *>(arg);
+  const auto *flow = static_cast<const SPolicyKelim__Flow *>(object->value);
+  if (!flow) return 0;
+  note_index(flow->index, out);
+  out.flows.push_back(copy_of(flow->flow_data));
+  return 0;
+}
+
+int take_status(const qx_obj *object, void *arg) {
+  const auto *status = static_cast<const SPolicyKelim__FlowSta *>(object->value);
+  if (status) note_index(status->index, *static_cast<StoredState *>(arg));
+  return 0;
+}
+
+int take_meter(const qx_obj *object, void *arg) {
+  const auto *holder = static_cast<const qx_mom_hash_value *>(object->value);
+  if (!holder || !holder->record) return 0;
+  const auto *meter = reinterpret_cast<const SPolicyKelim__Meter *>(holder->record);
+  static_cast<StoredState *>(arg)->meters.push_back(copy_of(meter->meter_data));
+  return 0;
+}
+
+}  // namespace
+
+int read_stored(qx_global *global, StoredState &out) {
+  const SPolicyKelim__Flow flow = S_POLICY_KELIM__FLOW__INIT;
+  const SPolicyKelim__FlowSta status = S_POLICY_KELIM__FLOW_STA__INIT;
+  const SPolicyKelim__Meter meter = S_POLICY_KELIM__METER__INIT;
+  const auto scan = [global, &out](const ProtobufCMessage &type, qx_mom_scan_cb take) {
+    return qx_mom_scan_sync(global, QX_MOM_UDP_DB, &type, 0, take, &out);
+  };
+  if (const int rv = scan(flow.base, take_flow)) return rv;
+  if (const int rv = scan(status.base, take_status)) return rv;
+  return scan(meter.base, take_meter);
+}
+
+}  // namespace host::of_ss

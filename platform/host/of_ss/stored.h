@@ -1,0 +1,21 @@
+// What an earlier life of the daemon left in the object database: the southbound messages in the flow and meter records. Loop's
+// thread.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "host/of_ss/wire.h"
+#include "qx_runtime.h"
+
+namespace host::of_ss {
+
+struct StoredState {
+  std::vector<std::vector<std::byte>> flows, meters;
+  std::uint64_t last_index = 0;  // the greatest that a flow or the status of one has
+};
+
+// 0, or the code of the scan that failed.
+int read_stored(qx_global *global, StoredState &out);
+
+}  // namespace host::of_ss

@@ -1,0 +1,169 @@
+#include "host/of_ss/views.h"
+
+#include <fmt/format.h>
+
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+
+#include "host/control/control.h"
+#include "host/of_ss/agent.h"
+
+namespace host::of_ss {
+namespace {
+
+using nlohmann::json;
+namespace sb = southbound;
+
+constexpr std::size_t kFlowsShown = 1000;
+
+Agent *(*current_agent)();
+
+// Runs `collect` on the openflow thread; the caller's loop waits meanwhile.
+template <typename Collect>
+json collected(Collect &&collect) {
+  Agent *agent = current_agent();
+  if (!agent) throw std::invalid_argument("the OpenFlow service library is not running yet");
+  json data;
+  if (!agent->run([&data, &collect](Agent &a) { data = collect(a); }))
+    throw std::invalid_argument("the OpenFlow service library is too busy to answer");
+  return data;
+}
+
+std::size_t number(const json &args, const char *name, std::size_t fallback) {
+  if (!args.is_object() || !args.contains(name)) return fallback;
+  const json &value = args.at(name);
+  if (value.is_number_unsigned()) return value.get<std::size_t>();
+  if (value.is_string() && !value.get<std::string>().empty() &&
+      value.get<std::string>().find_first_not_of("0123456789") == std::string::npos)
+    return std::stoull(value.get<std::string>().substr(0, 18));
+  throw std::invalid_argument(fmt::format("{} takes a number", name));
+}
+
+double seconds(std::int64_t ns) {
+  return static_cast<double>(ns / 1'000'000) / 1000;
+}
+
+const char *state_name(FlowState state) {
+  return state == FlowState::sent ? "sent" : "installed";
+}
+
+json flow_json(const FlowEntry &flow, std::int64_t now) {
+  return {{"table", flow.table_id()},
+          {"priority", flow.priority()},
+          {"match", match_text(southbound_match(flow.southbound()))},
+          {"actions", actions_text(flow.southbound())},
+          {"cookie", fmt::format("0x{:x}", flow.cookie())},
+          {"index", flow.index()},
+          {"state", state_name(flow.state)},
+          {"replaced", !flow.in_force},
+          {"latency_us", flow.latency_us},
+          {"packets", flow.packets.value()},
+          {"bytes", flow.bytes.value()},
+          {"age_s", seconds(now - flow.created_ns)},
+          {"idle_timeout", flow.get<std::uint16_t>(sb::kFlowIdleTimeout)},
+          {"hard_timeout", flow.get<std::uint16_t>(sb::kFlowHardTimeout)}};
+}
+
+json counters_json(const Flows &flows) {
+  const FlowCounters &c = flows.counters();
+  return {{"added", c.added},
+          {"unchanged", c.unchanged},
+          {"removed", c.removed},
+          {"failed", c.failed},
+          {"timed_out", c.timed_out},
+          {"decided", c.decided},
+          {"undecided", flows.ledger().undecided_adds()},
+          {"latency_max_us", c.latency_max_us},
+          {"latency_mean_us", c.decided ? c.latency_sum_us / c.decided : 0},
+          {"own_barriers", c.own_barriers},
+          {"lost_barriers", c.lost_barriers},
+          {"duplicate_results", c.duplicate_results},
+          {"retried", c.retried},
+          {"replays", c.replays}};
+}
+
+// {"limit": 1000, "index": N}
+json flows_view(Agent &agent, std::size_t limit, std::size_t index) {
+  const Flows &flows = agent.flows();
+  json list = json::array(), failures = json::array();
+  std::uint32_t cursor = 0;
+  while (const FlowEntry *flow = list.size() < limit ? flows.table().next(cursor) : nullptr)
+    if (index == 0 || flow->index() == index) list.push_back(flow_json(*flow, agent.now()));
+  for (const LateFailure &f : flows.late_failures())
+    failures.push_back(
+        {{"index", f.index}, {"table", f.table_id}, {"priority", f.priority}, {"match", f.match}, {"error", f.error->name}});
+  return {{"flows", std::move(list)},
+          {"total", flows.table().size()},
+          {"capacity", flows.capacity()},
+          {"failures", std::move(failures)},
+          {"counters", counters_json(flows)}};
+}
+
+const char *role_name(Role role) {
+  constexpr const char *kNames[] = {"nochange", "equal", "master", "slave"};
+  return kNames[static_cast<std::size_t>(role)];
+}
+
+json controllers_view(Agent &agent) {
+  json list = json::array();
+  for (const Connection *c : agent.connections())
+    list.push_back({{"peer", c->peer().name},
+                    {"number", c->number()},
+                    {"role", role_name(c->session().role)},
+                    {"since_s", seconds(agent.now() - c->since_ns())},
+                    {"received", c->traffic().received},
+                    {"sent", c->traffic().sent},
+                    {"errors", c->traffic().errors},
+                    {"unsent_bytes", c->unsent()},
+                    {"waiting", c->is_waiting()}});
+  return {{"controllers", std::move(list)},
+          {"endpoints", agent.targets()},
+          {"datapath_id", fmt::format("{:016x}", agent.datapath_id())},
+          {"turned_away", agent.turned_away()}};
+}
+
+json meters_view(Agent &agent) {
+  json list = json::array();
+  for (const auto &[id, meter] : agent.meters().all()) {
+    json bands = json::array();
+    for (Bytes b = meter.bands(); b.size() >= kBandLen; b = b.subspan(kBandLen))
+      bands.push_back({{"type", sb::get<std::uint16_t>(b.data(), 0) == kBandDrop ? "drop" : "dscp_remark"},
+                       {"rate", sb::get<std::uint32_t>(b.data(), 4)},
+                       {"burst", sb::get<std::uint32_t>(b.data(), 8)}});
+    list.push_back({{"meter", id},
+                    {"flags", meter.flags()},
+                    {"bands", std::move(bands)},
+                    {"age_s", seconds(agent.now() - meter.created_ns)}});
+  }
+  return {{"meters", std::move(list)}, {"capacity", kMaxMeters}};
+}
+
+json refusals_view(Agent &agent) {
+  json list = json::array();
+  for (const RefusalRecord &r : agent.refusals())
+    list.push_back({{"age_s", seconds(agent.now() - r.when_ns)},
+                    {"peer", r.peer},
+                    {"request", r.request},
+                    {"xid", r.xid},
+                    {"error", r.verdict.error->name},
+                    {"type", r.verdict.error->type},
+                    {"code", r.verdict.error->code},
+                    {"field", r.verdict.what},
+                    {"reason", r.verdict.why}});
+  return {{"refusals", std::move(list)}, {"total", agent.refused()}};
+}
+
+}  // namespace
+
+void register_views(Agent *(*agent)()) {
+  current_agent = agent;
+  control::register_view("flows", [](const json &args) {
+    const std::size_t limit = number(args, "limit", kFlowsShown), index = number(args, "index", 0);
+    return collected([limit, index](Agent &a) { return flows_view(a, limit, index); });
+  });
+  control::register_view("controllers", [](const json &) { return collected(controllers_view); });
+  control::register_view("meters", [](const json &) { return collected(meters_view); });
+  control::register_view("refusals", [](const json &) { return collected(refusals_view); });
+}
+
+}  // namespace host::of_ss
