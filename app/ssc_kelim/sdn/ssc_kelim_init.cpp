@@ -138,7 +138,7 @@ std::int32_t take_in(const Intake &intake, std::uint32_t vsd_id, const void *msg
 // ---- parts of the rows
 
 std::span<const std::byte> bytes(const Request &request) {
-  return {static_cast<const std::byte *>(request.msg), request.len};
+  return {static_cast<const std::byte *>(request.msg), request.msg != nullptr ? request.len : 0};
 }
 
 std::uint16_t own_length(const Request &request) {
