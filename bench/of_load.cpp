@@ -1,9 +1,11 @@
 // A raw pipelining OpenFlow 1.3 client: programs distinct flows into any switch as fast as the switch takes them and measures
 // until the barrier reply. It knows nothing of this project, so that two switches are measured by the same yardstick.
 //
+// A random pause of up to 100 ms stands before every measurement.
+//
 //   of_load PORT burst N [ROUNDS]      N distinct adds and a barrier; the flows are deleted in between
 //   of_load PORT churn N [ROUNDS]      N times add and strict delete of the same flow, then a barrier
-//   of_load PORT latency SAMPLES       one add and a barrier after a random pause of 0 to 100 ms
+//   of_load PORT latency SAMPLES       one add and a barrier
 //   of_load PORT fill N                N adds and a barrier, flows are left in place
 //
 // Prints one JSON object. Exit status 1 when the switch answered with an error or closed the connection.
@@ -229,12 +231,19 @@ void print_sorted(const char *mode, std::uint32_t n, std::vector<double> values,
       mode, n, values.size(), values.front(), at(0.5), at(0.99), values.back(), static_cast<unsigned long long>(errors));
 }
 
+// Waits up to `most`, so that the measurement does not keep step with a period of the switch.
+void pause(std::mt19937 &random, std::chrono::microseconds most) {
+  std::this_thread::sleep_for(std::chrono::microseconds(random() % static_cast<std::uint64_t>(most.count())));
+}
+
 void timed_rounds(Client &client, const char *mode, std::uint32_t n, int rounds) {
+  std::mt19937 random(std::random_device{}());
   std::vector<double> values;
   for (int round = 0; round < rounds; ++round) {
     Bytes out = std::string_view(mode) == "churn" ? churn(n) : adds(n, 0);
     plain(out, kBarrierRequest, 60);
     clear(client);
+    pause(random, std::chrono::milliseconds(100));
     values.push_back(seconds_of(client, out, 60));
   }
   clear(client);
@@ -245,7 +254,7 @@ void latency(Client &client, std::uint32_t samples) {
   std::mt19937 random(1);
   std::vector<double> values;
   for (std::uint32_t i = 0; i < samples; ++i) {
-    std::this_thread::sleep_for(std::chrono::microseconds(random() % 100000));
+    pause(random, std::chrono::milliseconds(100));
     Bytes out = adds(1, i);
     plain(out, kBarrierRequest, 60);
     values.push_back(seconds_of(client, out, 60));
