@@ -15,22 +15,16 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <span>
 
 #include "southbound.h"
+#include "ssc_kelim/sdn/southbound_read.h"
 
 namespace flow_walk {
 
 using bytes = std::span<const std::byte>;
 
-// What lies at `offset`, zero-filled where the bytes end.
-template <typename T>
-T read(bytes from, std::size_t offset) {
-  T value{};
-  if (offset < from.size()) std::memcpy(&value, from.data() + offset, std::min(sizeof value, from.size() - offset));
-  return value;
-}
+using southbound::read;
 
 // `Measure` tells an entry's own length and its step to the next one from the entry's first word.
 template <typename Measure>
