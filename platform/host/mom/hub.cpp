@@ -83,12 +83,12 @@ int Hub::set_reconnect(Database &db, qx_mom_reconnect_cb callback) {
   return 0;
 }
 
-int Hub::subscribe(Slot &slot, bool packed, qx_mom_notify_cb callback) {
+int Hub::subscribe(Slot &slot, bool packed, qx_mom_notify_cb callback, bool first) {
   const auto same = [&](const auto &known) { return known->callback == callback && known->packed == packed; };
   auto found = std::find_if(slot.subscriptions.begin(), slot.subscriptions.end(), same);
   if (found == slot.subscriptions.end()) {
-    slot.subscriptions.push_back(std::make_unique<Subscription>(Subscription{callback, packed}));
-    found = std::prev(slot.subscriptions.end());
+    found = slot.subscriptions.insert(first ? slot.subscriptions.begin() : slot.subscriptions.end(),
+                                      std::make_unique<Subscription>(Subscription{callback, packed}));
   }
   (*found)->owed = false;
   store_->subscribe(slot, **found);

@@ -64,7 +64,8 @@ class Hub {
 
   int connect(Database &db, qx_mom_connect_cb callback, const char *label);
   int set_reconnect(Database &db, qx_mom_reconnect_cb callback);
-  int subscribe(Slot &slot, bool packed, qx_mom_notify_cb callback);
+  // `first`: called before the subscriptions that are there already.
+  int subscribe(Slot &slot, bool packed, qx_mom_notify_cb callback, bool first = false);
 
   // ---- what a store reports
 

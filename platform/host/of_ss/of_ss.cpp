@@ -1,5 +1,6 @@
 #include "of_ss.h"
 
+#include <array>
 #include <atomic>
 #include <memory>
 #include <mutex>
@@ -10,6 +11,7 @@
 #include "host/of_ss/agent.h"
 #include "host/of_ss/callbacks.h"
 #include "host/of_ss/settings.h"
+#include "host/of_ss/shortage.h"
 #include "host/of_ss/stored.h"
 #include "host/of_ss/testing.h"
 #include "host/of_ss/views.h"
@@ -140,6 +142,7 @@ int ss_of_init(qx_global *global) {
   if (const int rv = host::fault::check(Point::of_init)) return rv;
   if (!global) return -1;
   global_handle = global;
+  watch_shortages();
   register_views([] { return agent.get(); });
   host::at_finish([] {
     retry_timer().cancel();
@@ -212,8 +215,9 @@ int of_ss_send_msg(const void *msg, uint32_t len) {
   if (!is_message(msg, len)) return -4;
   if (const int rv = host::fault::check(Point::of_send)) return rv;
   const std::span bytes(static_cast<const std::byte *>(msg), len);
+  std::array<std::byte, southbound::kFlowResultLen> reworded;
   tell(reply_tap, bytes);
-  if (running) return inbox.put(bytes) ? 0 : -1;
-  return held ? 0 : -1;
+  if (!running) return held ? 0 : -1;
+  return inbox.put(with_reason(bytes, reworded)) ? 0 : -1;
 }
 }
