@@ -23,15 +23,15 @@ SimTarget::SimTarget(qx_thread_master *master, const Options &options, FlowSink 
 }
 
 void SimTarget::set_occupied(Cell &cell, bool occupied) {
-  used_ += static_cast<std::uint32_t>(occupied) - static_cast<std::uint32_t>(cell.occupied);
-  cell.occupied = occupied;
+  used_ += static_cast<std::uint32_t>(occupied) - cell.occupied;
+  cell.occupied = occupied ? 1 : 0;
 }
 
 // False when the request is never answered.
 bool SimTarget::decide(const FlowRequest &request, Outcome &outcome) {
   Cell &cell = cells_[request.slot];
   const Script::Answer scripted = script_.answer(arrivals_, request.key.index);
-  const bool room = cell.occupied || used_ < size_;
+  const bool room = cell.occupied != 0 || used_ < size_;
   set_occupied(cell, scripted == Script::Answer::kNormal && room);
   outcome = cell.occupied ? Outcome::kInstalled : scripted == Script::Answer::kFail ? Outcome::kFailed : Outcome::kResource;
   return scripted != Script::Answer::kSilent;

@@ -32,8 +32,8 @@ class SimTarget final : public Target {
 
  private:
   struct Cell {
-    std::uint32_t life = 0;  // counts removals, so that an answer that waits knows whether its flow has gone
-    bool occupied = false;
+    std::uint32_t life : 31 = 0;  // counts removals, so that an answer that waits knows whether its flow has gone
+    std::uint32_t occupied : 1 = 0;
   };
   struct Waiting {
     std::uint64_t due_us;
