@@ -137,6 +137,7 @@ int run(int argc, char **argv) {
   CLI::App app("Looks into a running daemon and steers it.");
   app.footer(kExamples);
   app.require_subcommand(0, 1);
+  app.fallthrough();
   app.add_option("--run-dir", choices.run_dir,
                  "run directory of the process, otherwise as the daemon finds it (KELIM_RUN_DIR, host.toml)");
   app.add_option("--process", choices.process, "which process")->capture_default_str();

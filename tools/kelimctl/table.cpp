@@ -7,10 +7,22 @@ namespace {
 
 constexpr std::size_t kGap = 2;
 constexpr std::size_t kNarrowest = 12;  // of a column that wraps
+constexpr char kBreaks[] = ", ";        // behind these a text may go on in the next line
 
 void put(std::string &line, const std::string &cell, std::size_t width, bool right) {
   const std::string fill(width - std::min(width, cell.size()), ' ');
   line += right ? fill + cell : cell + fill;
+}
+
+// The longest piece that cannot be broken.
+std::size_t longest_piece(const std::string &text) {
+  std::size_t longest = 0;
+  for (std::size_t begin = 0; begin < text.size();) {
+    const std::size_t end = std::min(text.find_first_of(kBreaks, begin), text.size() - 1) + 1;
+    longest = std::max(longest, end - begin);
+    begin = end;
+  }
+  return longest;
 }
 
 }  // namespace
@@ -20,7 +32,7 @@ std::vector<std::string> wrap(const std::string &text, std::size_t width) {
   std::size_t begin = 0;
   while (text.size() - begin > width) {
     std::size_t length = width;
-    const std::size_t comma = text.find_last_of(", ", begin + width - 1);
+    const std::size_t comma = text.find_last_of(kBreaks, begin + width - 1);
     if (comma != std::string::npos && comma > begin) length = comma + 1 - begin;
     pieces.push_back(text.substr(begin, length));
     begin += length;
@@ -29,27 +41,38 @@ std::vector<std::string> wrap(const std::string &text, std::size_t width) {
   return pieces;
 }
 
-// What every column needs; those that wrap share what the others leave.
+// What every column needs; where that is too much, those that wrap give way, the widest first: down to their longest piece, and
+// when that does not do, below it.
 std::vector<std::size_t> Table::widths() const {
-  std::vector<std::size_t> widths;
-  std::size_t total = 0;
-  std::size_t wrapping = 0;
+  std::vector<std::size_t> widths, least;
+  std::size_t total = kGap * (columns_.size() - 1);
   for (std::size_t c = 0; c < columns_.size(); ++c) {
     std::size_t width = columns_[c].title.size();
-    for (const auto &row : rows_) width = std::max(width, row[c].size());
-    widths.push_back(width);
-    total += width + (c == 0 ? 0 : kGap);
-    wrapping += columns_[c].wraps;
-  }
-  while (total > kWidth && wrapping > 0) {
-    std::size_t widest = columns_.size();
-    for (std::size_t c = 0; c < columns_.size(); ++c) {
-      if (columns_[c].wraps && (widest == columns_.size() || widths[c] > widths[widest])) widest = c;
+    std::size_t piece = std::max(width, kNarrowest);
+    for (const auto &row : rows_) {
+      width = std::max(width, row[c].size());
+      piece = std::max(piece, longest_piece(row[c]));
     }
-    if (widths[widest] <= kNarrowest) break;
-    --widths[widest];
-    --total;
+    widths.push_back(width);
+    least.push_back(columns_[c].wraps ? piece : width);
+    total += width;
   }
+  const auto narrow = [&](const std::vector<std::size_t> &limit) {
+    while (total > kWidth) {
+      std::size_t widest = columns_.size();
+      for (std::size_t c = 0; c < columns_.size(); ++c) {
+        if (widths[c] > limit[c] && (widest == columns_.size() || widths[c] > widths[widest])) widest = c;
+      }
+      if (widest == columns_.size()) return;
+      --widths[widest];
+      --total;
+    }
+  };
+  narrow(least);
+  for (std::size_t c = 0; c < columns_.size(); ++c) {
+    if (columns_[c].wraps) least[c] = kNarrowest;
+  }
+  narrow(least);
   return widths;
 }
 

@@ -96,62 +96,110 @@ Json flows_data(Link &link, const ViewOptions &options) {
   for (const Json &flow : asked.value("flows", Json::array())) add(flow, cell(flow, "index") + ":0");
   for (const auto &[key, record] : std::map(stored)) {
     add({{"index", cell(record.value("index", Json::object()), "flow_index")},
-         {"asked", "not by a controller"},
+         {"state", "not asked"},
          {"match", "?"},
          {"actions", "?"}},
         key);
   }
-  return {{"flows", std::move(rows)}, {"total", asked.value("total", rows.size())}};
+  Json data = asked;
+  data["flows"] = std::move(rows);
+  return data;
 }
 
 std::string flows_text(const Json &data) {
   const std::vector<Member> members = {
       {{"INDEX", true}, "index"},
-      {{"TABLE", true}, "table"},
+      {{"TBL", true}, "table"},
       {{"PRIO", true}, "priority"},
       {{"MATCH", false, true}, "match"},
       {{"ACTIONS", false, true}, "actions"},
-      {{"ASKED"}, "state"},
-      {{"STORED"}, "stored", [](const Json &row, const char *key) { return std::string(row.value(key, false) ? "yes" : "no"); }},
+      {{"STATE"}, "state"},
+      {{"DB"}, "stored", [](const Json &row, const char *key) { return std::string(row.value(key, false) ? "yes" : "no"); }},
       {{"ANSWER"}, "answer"},
       {{"PACKETS", true}, "packets"},
   };
   const Json rows = data.value("flows", Json::array());
-  return list_text(rows, members, "No flows.") + cut_note(rows.size(), data);
+  const Json failures = data.value("failures", Json::array());
+  std::string text = list_text(rows, members, "No flows.") + cut_note(rows.size(), data);
+  if (!failures.empty()) {
+    text += "\nFailed after they had been accepted, the last ones:\n" + list_text(failures,
+                                                                                  {{{"INDEX", true}, "index"},
+                                                                                   {{"TABLE", true}, "table"},
+                                                                                   {{"PRIO", true}, "priority"},
+                                                                                   {{"MATCH", false, true}, "match"},
+                                                                                   {{"ERROR"}, "error"}},
+                                                                                  "");
+  }
+  return text;
 }
 
 // ---- the other views
 
-Json meters_data(Link &link, const ViewOptions &) {
-  return link.view("meters");
+// The rates of a meter; the unit depends on its flags (OpenFlow 1.3.5, 7.3.4.4).
+std::string bands_text(const Json &row, const char *key) {
+  constexpr unsigned kPacketRate = 2;
+  const char *unit = (row.value("flags", 0u) & kPacketRate) != 0 ? " packets/s" : " kbit/s";
+  std::string text;
+  for (const Json &band : row.value(key, Json::array())) {
+    text += (text.empty() ? "" : ", ") + cell(band, "type") + " above " + cell(band, "rate") + unit;
+  }
+  return text.empty() ? "-" : text;
 }
+
+Json meters_data(Link &link, const ViewOptions &options) {
+  Json data = link.view("meters");
+  std::map<std::string, std::string> status;
+  for (const Json &object : scan(link, "meter", options).value("objects", Json::array())) {
+    const Json record = object.value("record", Json::object());
+    status[cell(record.value("index", Json::object()), "meter_id")] = without_prefix(record.value("status", ""));
+  }
+  for (Json &meter : data["meters"])
+    meter["answer"] = status.contains(cell(meter, "meter")) ? Json(status[cell(meter, "meter")]) : Json();
+  return data;
+}
+
 std::string meters_text(const Json &data) {
-  return list_text(data.is_array() ? data : data.value("meters", Json::array()),
-                   {{{"METER", true}, "id"}, {{"FLAGS"}, "flags"}, {{"BANDS", false, true}, "bands"}, {{"STATE"}, "state"}},
+  return list_text(data.value("meters", Json::array()),
+                   {{{"METER", true}, "meter"},
+                    {{"BANDS", false, true}, "bands", bands_text},
+                    {{"ANSWER"}, "answer"},
+                    {{"AGE s", true}, "age_s", decimals}},
                    "No meters.");
 }
 
 Json controllers_data(Link &link, const ViewOptions &) {
   return link.view("controllers");
 }
+
 std::string controllers_text(const Json &data) {
-  return list_text(data.is_array() ? data : data.value("controllers", Json::array()),
-                   {{{"CONTROLLER"}, "target"},
-                    {{"STATE"}, "state"},
+  std::string text = "Datapath " + cell(data, "datapath_id") + ":";
+  for (const Json &endpoint : data.value("endpoints", Json::array()))
+    text += " " + (endpoint.is_string() ? endpoint.get<std::string>() : endpoint.dump());
+  return text + "\n\n" +
+         list_text(data.value("controllers", Json::array()),
+                   {{{"CONTROLLER", false, true}, "peer"},
                     {{"ROLE"}, "role"},
+                    {{"SINCE s", true}, "since_s", decimals},
                     {{"RECEIVED", true}, "received"},
-                    {{"SENT", true}, "sent"}},
-                   "No controllers.");
+                    {{"SENT", true}, "sent"},
+                    {{"ERRORS", true}, "errors"},
+                    {{"UNSENT BYTES", true}, "unsent_bytes"}},
+                   "No controller is connected.");
 }
 
 Json refusals_data(Link &link, const ViewOptions &) {
   return link.view("refusals");
 }
+
 std::string refusals_text(const Json &data) {
-  return list_text(
-      data.is_array() ? data : data.value("refusals", Json::array()),
-      {{{"TIME"}, "time"}, {{"CONTROLLER"}, "controller"}, {{"ERROR"}, "error"}, {{"REASON", false, true}, "reason"}},
-      "Nothing was refused.");
+  return list_text(data.value("refusals", Json::array()),
+                   {{{"AGE s", true}, "age_s", decimals},
+                    {{"CONTROLLER"}, "peer"},
+                    {{"REQUEST"}, "request"},
+                    {{"ERROR", false, true}, "error"},
+                    {{"FIELD", false, true}, "field"},
+                    {{"REASON", false, true}, "reason"}},
+                   "Nothing was refused.");
 }
 
 Json timings_data(Link &link, const ViewOptions &) {
