@@ -11,10 +11,16 @@
 #include "host/of_ss/testing.h"
 #include "host/runtime/clock.h"
 #include "host/runtime/loop.h"
+#include "kelim/common/kelim_debug.h"
 #include "libss_pthrd.h"
 #include "s_policy_kelim.pb-c.h"
 #include "ssc_kelim/main.h"
+#include "ssc_kelim/sdn/ssc_kelim_adapt.h"
+#include "ssc_kelim/sdn/ssc_kelim_flow_db.h"
 #include "ssc_kelim/sdn/ssc_kelim_init.h"
+#include "ssc_kelim/sdn/ssc_kelim_msg_to_ssd.h"
+#include "ssc_kelim/sdn/ssc_sdn_msg_queue.h"
+#include "ssc_kelim/sdn/ssc_sdn_proxy.h"
 
 int ssc_kelim_main();  // the daemon's main, renamed
 
@@ -59,6 +65,18 @@ int on_change(void *, const qx_obj *msg) {
 int on_marker(void *, const qx_obj *msg) {
   if (msg->value != nullptr) g_marker_seen = static_cast<SPolicyKelim__PortPhyid *>(msg->value)->phyid;
   return 0;
+}
+
+// The daemon's modules as a new process finds them. Switches go first: they also hold which thread is the main SDN thread.
+void reset_daemon() {
+  kelim_debug_reset_for_tests();
+  ssc_sdn_msg_queue_reset_for_tests();
+  ssc_kelim_flow_db_reset_for_tests();
+  ssc_kelim_msg_to_ssd_reset_for_tests();
+  ssc_kelim_adapt_reset_for_tests();
+  libproxy_fp_sdn_reset_for_tests();
+  ssc_kelim_init_reset_for_tests();
+  kelim_debug_reset_for_tests();
 }
 
 constexpr std::uint32_t kMarkerRounds = 4;  // flow -> flow_sta -> flow_to_ace_sta, and one to spare
@@ -106,6 +124,7 @@ int Daemon::finish() {
   finished_ = true;
   host::stop_loop();
   main_.join();
+  reset_daemon();
   host::of_ss::of_ss_reset_for_tests();
   host::log::set_tap(nullptr);
   return status_;
