@@ -153,7 +153,8 @@ TEST_F(Control, ListsAndViewsShowWhatIsThere) {
   EXPECT_EQ(ask(R"({"call":"view","name":"ports","args":{"ifx":3}})"), (json{{"status", 0}, {"data", {{"got", 3}}}}));
   EXPECT_EQ(ask(R"({"call":"view","name":"ports"})"), (json{{"status", 2}, {"error", "ifx is missing"}}));
   const json list = ask(R"({"call":"list"})");
-  EXPECT_EQ(list["views"], (json{"ports", "timings"}));
+  const auto &views = list["views"];
+  for (const char *view : {"ports", "timings"}) EXPECT_NE(std::find(views.begin(), views.end(), view), views.end()) << views;
   EXPECT_EQ(list["modules"][0]["name"], "m");
   EXPECT_EQ(list["modules"][0]["commands"][5], (json{{"name", "two"}, {"format", "index=%d, vsd_id=%d"}}));
 }
