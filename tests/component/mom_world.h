@@ -19,6 +19,7 @@
 #include "qx_mom.h"
 #include "s_cluster.pb-c.h"
 #include "s_policy_kelim.pb-c.h"
+#include "support/redis_server.h"
 
 namespace mom_test {
 
@@ -49,6 +50,28 @@ class EmbeddedBackend final : public Backend {
   void cut_connections(int32_t db) override {
     for (int32_t type : {0, 3, 2}) mom::testing::provoke_reconnect(db, type);
   }
+};
+
+class RedisBackend final : public Backend {
+ public:
+  std::string url() const override { return server_.url(); }
+  void pass(std::chrono::milliseconds) override {}
+  void put_raw(int32_t db, const std::string &key, const std::string &bytes) override {
+    const std::string type = key.substr(0, key.find(':'));
+    const std::string member = key.substr(type.size() + 1);
+    EXPECT_EQ(server_.command({"SELECT", std::to_string(db)}), "OK");
+    EXPECT_NE(server_.command({"SADD", type, member}).substr(0, 1), "(");
+    EXPECT_EQ(server_.command({"SET", key, std::string(8, '\0') + bytes}), "OK");
+    server_.command({"PUBLISH", std::to_string(db) + ":" + type, "W" + member + std::string(1, '\0') + bytes});
+  }
+  void cut_connections(int32_t) override {
+    server_.command({"CLIENT", "KILL", "TYPE", "normal"});
+    server_.command({"CLIENT", "KILL", "TYPE", "pubsub"});
+  }
+  support::RedisServer &server() { return server_; }
+
+ private:
+  support::RedisServer server_;
 };
 
 class TempDir {

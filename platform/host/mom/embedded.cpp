@@ -44,19 +44,6 @@ bool Embedded::under_expiry(const Table &table, const Object &object) const {
   return object.own_expiry || (table.deadline && object.generation != table.generation);
 }
 
-bool Embedded::expired(const Table &table, const Key &key, const Object &object, Time now) const {
-  if (object.own_expiry) return now >= table.own.due(key).value_or(now);
-  return table.deadline && object.generation != table.generation && now >= *table.deadline;
-}
-
-SortedIndex::Place Embedded::find(Table &table, const Key &key) {
-  SortedIndex::Place place = table.index.find(key);
-  if (!place.found || !may_expire(table)) return place;
-  if (!expired(table, key, *table.index.at(place), host::clock::now())) return place;
-  remove(table, place, key);
-  return table.index.find(key);
-}
-
 // Takes the object out of any expiry.
 void Embedded::forget_expiry(Table &table, const Key &key, Object &object) {
   if (object.own_expiry) table.own.clear(key);
@@ -94,7 +81,7 @@ void Embedded::sweep() {
   const Time now = host::clock::now();
   for (const auto &table : tables_) {
     sweep_own(*table, now);
-    if (table->deadline && now >= *table->deadline && sweep_template(*table, now)) set_deadline(*table, std::nullopt);
+    if (table->deadline && now >= *table->deadline && sweep_template(*table)) set_deadline(*table, std::nullopt);
   }
   arm();
 }
@@ -107,13 +94,13 @@ void Embedded::sweep_own(Table &table, Time now) {
 }
 
 // True when the whole table has been seen; else a later turn goes on where this one stopped.
-bool Embedded::sweep_template(Table &table, Time now) {
+bool Embedded::sweep_template(Table &table) {
   const auto end = std::chrono::steady_clock::now() + kSweepTurn;
   unsigned looked_at = 0;
   for (auto place = table.swept ? table.index.after(*table.swept) : table.index.first(); place.found;) {
     const Key key = table.index.key_at(place);
     if (++looked_at % kLookAtClockEvery == 0 && std::chrono::steady_clock::now() >= end) return false;
-    if (expired(table, key, *table.index.at(place), now)) {
+    if (table.index.at(place)->generation != table.generation) {
       remove(table, place, key);
       place = table.index.after(key);
     } else {
@@ -144,7 +131,7 @@ int Embedded::pexpire(Slot &slot, const Key *key, uint32_t ms, qx_mom_done_cb do
     drop_own(table);
     ++table.generation;
     set_deadline(table, due);
-  } else if (const auto place = find(table, *key); place.found) {
+  } else if (const auto place = table.index.find(*key); place.found) {
     forget_expiry(table, *key, *table.index.at(place));
     table.index.at(place)->own_expiry = 1;
     table.own.set(*key, due);
@@ -159,7 +146,7 @@ int Embedded::del_expire(Slot &slot, const Key *key) {
   if (!key) {
     drop_own(table);
     set_deadline(table, std::nullopt);
-  } else if (const auto place = find(table, *key); place.found) {
+  } else if (const auto place = table.index.find(*key); place.found) {
     forget_expiry(table, *key, *table.index.at(place));
   }
   arm();
@@ -209,18 +196,18 @@ void Embedded::remove(Table &table, const SortedIndex::Place &place, const Key &
 
 int Embedded::set(Slot &slot, const Key &key, Bytes packed, std::optional<int64_t> tag) {
   Table &table = this->table(slot);
-  return write(table, find(table, key), key, packed, tag.value_or(0));
+  return write(table, table.index.find(key), key, packed, tag.value_or(0));
 }
 
 int Embedded::setnx_sync(Slot &slot, const Key &key, Bytes packed) {
   Table &table = this->table(slot);
-  const auto place = find(table, key);
+  const auto place = table.index.find(key);
   return place.found ? 1 : write(table, place, key, packed, 0);
 }
 
 int Embedded::del(Slot &slot, const Key &key) {
   Table &table = this->table(slot);
-  const auto place = find(table, key);
+  const auto place = table.index.find(key);
   if (!place.found) return -7;
   remove(table, place, key);
   return 0;
@@ -237,7 +224,7 @@ int Embedded::publish(Slot &slot, Bytes packed) {
 
 int Embedded::get_sync(Slot &slot, const Key &key, std::vector<uint8_t> &packed) {
   Table &table = this->table(slot);
-  const auto place = find(table, key);
+  const auto place = table.index.find(key);
   if (!place.found) return -7;
   const Bytes bytes = table.index.at(place)->packed();
   packed.assign(bytes.begin(), bytes.end());
@@ -248,12 +235,11 @@ int Embedded::scan_sync(Slot &slot, const Visitor &visit) {
   Table &table = this->table(slot);
   // Objects born from here on are younger than this scan.
   const uint32_t scan = ++table.scans;
-  const Time now = may_expire(table) ? host::clock::now() : Time::zero();
   for (auto place = table.index.first(); place.found;) {
     const Key key = table.index.key_at(place);
     const ObjectRef object(table.index.at(place));
     const uint64_t version = table.index.version();
-    if (object->born < scan && !expired(table, key, *object, now)) visit(key, object->packed());
+    if (object->born < scan) visit(key, object->packed());
     place = version == table.index.version() ? table.index.next(place) : table.index.after(key);
   }
   return 0;

@@ -2,7 +2,8 @@
 //
 // An expiry of a whole type costs nothing an object: the table keeps one deadline and a generation number, and an object that
 // carries an older generation than its table is under the deadline. A rewrite puts the present generation in, which is how it
-// escapes. An object that is past its deadline is gone for every caller, even before the sweep has reached it.
+// escapes. Objects go when the loop gets to its timers, not while a callback works: what a long callback rewrites was never
+// deleted in between.
 #pragma once
 
 #include <deque>
@@ -50,10 +51,7 @@ class Embedded final : public Store {
   };
 
   Table &table(Slot &slot);
-  bool may_expire(const Table &table) const { return table.deadline || !table.own.empty(); }
   bool under_expiry(const Table &table, const Object &object) const;
-  bool expired(const Table &table, const Key &key, const Object &object, Time now) const;
-  SortedIndex::Place find(Table &table, const Key &key);
 
   void notify(Table &table, Change change, const ObjectRef &object);
   int write(Table &table, const SortedIndex::Place &place, const Key &key, Bytes packed, int64_t tag);
@@ -66,7 +64,7 @@ class Embedded final : public Store {
 
   void arm();
   void sweep();
-  bool sweep_template(Table &table, Time now);
+  bool sweep_template(Table &table);
   void sweep_own(Table &table, Time now);
 
   Hub &hub_;

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <map>
-#include <optional>
 #include <set>
 
 #include "host/mom/key.h"
@@ -30,11 +29,6 @@ class Expiry {
     by_time_.clear();
   }
   bool empty() const { return by_key_.empty(); }
-  // Unset for a key without one.
-  std::optional<Time> due(const Key &key) const {
-    const auto found = by_key_.find(key);
-    return found == by_key_.end() ? std::nullopt : std::optional(found->second);
-  }
   // The earliest; there must be one.
   const std::pair<Time, Key> &first() const { return *by_time_.begin(); }
   const std::map<Key, Time> &keys() const { return by_key_; }

@@ -91,6 +91,9 @@ class Hub {
   const std::unordered_map<std::string, uint64_t> &skipped() const { return skipped_; }
 
   uint64_t delivered() const { return delivered_; }
+  // Writes that were accepted and that the database then refused.
+  void count_refused() { ++refused_; }
+  uint64_t refused() const { return refused_; }
 
  private:
   // Null for bytes that are no record of the type, or one with another key than `key` where that is given.
@@ -101,6 +104,7 @@ class Hub {
   Arena arena_;
   std::unordered_map<std::string, uint64_t> skipped_;
   uint64_t delivered_ = 0;
+  uint64_t refused_ = 0;
   TurnQueue later_;
   std::unique_ptr<Store> store_;
 };

@@ -5,6 +5,7 @@
 #include "host/config/config.h"
 #include "host/mom/embedded.h"
 #include "host/mom/hub.h"
+#include "host/mom/redis_store.h"
 #include "host/mom/testing.h"
 #include "host/mom/views.h"
 #include "host/runtime/services.h"
@@ -18,14 +19,31 @@ constexpr uint64_t kPipelineFactor = 2;
 
 Hub *living = nullptr;  // from qx_global_init to qx_global_finish; a process that exits inside a callback keeps it
 
+// "" or why there is no store.
+std::string choose_store(Hub &hub, const host::Config::Mom &mom) {
+  if (mom.url == "embedded:") {
+    hub.adopt(std::make_unique<Embedded>(hub));
+    return "";
+  }
+  Endpoint endpoint;
+  if (std::string why = parse_endpoint(mom.url, &endpoint); !why.empty()) return why;
+  auto store = std::make_unique<RedisStore>(hub, std::move(endpoint), mom);
+  std::string why = store->probe();
+  hub.adopt(std::move(store));
+  return why;
+}
+
 // Runs at qx_global_init, or before that when another service of the host connects in its own start.
 int start(qx_global *) {
   if (living) return 0;
   const auto &mom = host::config().mom;
-  cgst::set_limits({mom.high_water_writes, mom.high_water_bytes},
-                   {kPipelineFactor * mom.high_water_writes, kPipelineFactor * mom.high_water_bytes});
+  const auto whole = [](uint64_t topic) { return topic > UINT64_MAX / kPipelineFactor ? UINT64_MAX : kPipelineFactor * topic; };
+  cgst::set_limits({mom.high_water_writes, mom.high_water_bytes}, {whole(mom.high_water_writes), whole(mom.high_water_bytes)});
   auto hub = std::make_unique<Hub>();
-  hub->adopt(std::make_unique<Embedded>(*hub));
+  if (const std::string why = choose_store(*hub, mom); !why.empty()) {
+    host::start_error(why);
+    return -1;
+  }
   living = hub.release();
   register_views(*living);
   host::at_finish([] {

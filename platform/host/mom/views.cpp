@@ -53,11 +53,8 @@ nlohmann::json stats(Hub &hub) {
   });
   nlohmann::json skipped = nlohmann::json::object();
   for (const auto &[kind, count] : hub.skipped()) skipped[kind] = count;
-  return {{"store", hub.store().kind()},
-          {"types", std::move(types)},
-          {"delivered", hub.delivered()},
-          {"queued", hub.later().size()},
-          {"skipped", std::move(skipped)}};
+  return {{"store", hub.store().kind()},     {"types", std::move(types)},    {"delivered", hub.delivered()},
+          {"refused_writes", hub.refused()}, {"queued", hub.later().size()}, {"skipped", std::move(skipped)}};
 }
 
 const RecordType &type_argument(std::string_view name) {

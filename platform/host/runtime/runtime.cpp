@@ -140,6 +140,7 @@ std::vector<StartHook> &start_hooks() {
 }
 
 std::vector<std::function<void()>> g_finish_hooks;
+std::string g_start_error;
 
 std::vector<std::function<void()>> take_mail() {
   std::uint64_t count;
@@ -181,7 +182,8 @@ bool start_services(Runtime &runtime) {
   if (const std::string error = control::start(config(), runtime.name); !error.empty()) return complain(runtime.name, error);
   for (const StartHook &hook : start_hooks()) {
     if (const int rv = hook.start(&runtime.global); rv != 0)
-      return complain(runtime.name, std::string(hook.name) + " does not start (" + std::to_string(rv) + ")");
+      return complain(runtime.name, g_start_error.empty() ? std::string(hook.name) + " does not start (" + std::to_string(rv) + ")"
+                                                          : std::exchange(g_start_error, {}));
   }
   if (const std::string error = programming::start(config(), &runtime.global); !error.empty()) return complain(runtime.name, error);
   return true;
@@ -271,6 +273,10 @@ void detail::clock_changed() {
 
 void at_start(const char *name, std::function<int(qx_global *)> start) {
   start_hooks().push_back({name, std::move(start)});
+}
+
+void start_error(std::string why) {
+  g_start_error = std::move(why);
 }
 
 void at_finish(std::function<void()> stop) {

@@ -12,6 +12,9 @@ namespace host {
 // makes qx_global_init fail with `name` in its line. Stays registered for the life of the process.
 void at_start(const char *name, std::function<int(qx_global *)> start);
 
+// Why the start that is running fails: shown in place of its number.
+void start_error(std::string why);
+
 // Has `stop` called once by the next qx_global_finish, the last registered first, while the loop still exists but no longer runs.
 // May be called before qx_global_init.
 void at_finish(std::function<void()> stop);

@@ -1,0 +1,286 @@
+#include "host/mom/redis_link.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "host/log/log.h"
+#include "host/mom/redis_scripts.h"
+
+namespace mom {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kFirstBackoff = 20ms;
+constexpr auto kLongestBackoff = 2000ms;
+constexpr auto kStable = 5s;  // a link that held this long begins its backoff anew
+constexpr auto kWatch = 5s;   // without any answer for twice this long a connection counts as dead
+
+// What hiredis may hold for the socket; more waits in the queue.
+constexpr size_t kUnsentMax = 256U << 10;
+constexpr size_t kPushAbove = 64U << 10;  // a burst does not wait for the loop's next turn
+
+// Redis ends subscribers that fall behind by 32 MB by default, less than one large burst of flows.
+constexpr std::string_view kSubscriberBuffers = "pubsub 536870912 268435456 60";
+constexpr long kSubscriberBufferMin = 268435456;
+
+}  // namespace
+
+RedisLink::RedisLink(Hub &hub, Database &db, const Endpoint &endpoint, std::chrono::milliseconds limit, Events events)
+    : hub_(hub),
+      db_(db),
+      endpoint_(endpoint),
+      limit_(limit),
+      events_(std::move(events)),
+      writer_(endpoint, [this](const std::string &why) { fail(why); }),
+      subscriber_(endpoint, [this](const std::string &why) { fail(why); }),
+      retry_timer_([this] { connect(); }),
+      backoff_(kFirstBackoff),
+      jitter_(std::random_device{}()),
+      watch_timer_([this] { look(); }) {
+  channels_.push_back("__keyevent@" + std::to_string(db.number) + "__:expired");
+  writer_.on_plain = [this](const redisReply *reply) { answer(reply); };
+  subscriber_.message = events_.message;
+  subscriber_.confirmed = [this](std::string_view channel) {
+    if (unconfirmed_ > 0 && --unconfirmed_ == 0 && !up_) part_ready();
+    if (up_) events_.subscribed(channel);
+  };
+}
+
+RedisLink::~RedisLink() {
+  shutting_down_ = true;
+  writer_.close();
+  subscriber_.close();
+  release_all();
+}
+
+void RedisLink::start() {
+  if (std::exchange(started_, true)) return;
+  connect();
+}
+
+// ---- coming up
+
+void RedisLink::connect() {
+  writer_ready_ = false;
+  server_ = {};
+  std::string why = writer_.open();
+  if (why.empty()) why = subscriber_.open();
+  if (!why.empty()) {
+    fail(why);
+    return;
+  }
+  answered_before_ = writer_.answered();
+  watch_timer_.arm(kWatch);
+  greet_writer();
+  greet_subscriber();
+}
+
+void RedisLink::greet_writer() {
+  const auto need = [this](const char *what) {
+    return [this, what](const redisReply *reply) {
+      if (reply && is_error(reply)) fail(std::string(what) + ": " + std::string(text_of(reply)));
+    };
+  };
+  writer_.send({"SELECT", std::to_string(db_.number)}, need("SELECT"));
+  writer_.send({"INFO"}, [this](const redisReply *reply) { take_info(reply); });
+  writer_.send({"CONFIG", "GET", "notify-keyspace-events"}, [this](const redisReply *reply) { use_keyspace_events(reply); });
+  writer_.send({"CONFIG", "GET", "client-output-buffer-limit"},
+               [this](const redisReply *reply) { widen_subscriber_buffers(reply); });
+  for (size_t i = 0; !script_text(i).empty(); ++i) writer_.send({"SCRIPT", "LOAD", script_text(i)}, need("SCRIPT LOAD"));
+  // Behind the answers above, and behind the settings that they may have sent.
+  writer_.send({"PING"}, [this](const redisReply *first) {
+    if (!first) return;
+    writer_.send({"PING"}, [this](const redisReply *second) {
+      if (!second || is_error(second)) return;
+      writer_ready_ = true;
+      part_ready();
+    });
+  });
+}
+
+void RedisLink::take_info(const redisReply *reply) {
+  if (!reply) return;
+  server_ = parse_info(text_of(reply));
+  if (server_.loading) {
+    fail("the server is loading its data");
+  } else if (const std::string why = server_unfit(server_); !why.empty()) {
+    fail(why);
+  }
+}
+
+void RedisLink::use_keyspace_events(const redisReply *reply) {
+  if (!reply) return;
+  const bool known = reply->type == REDIS_REPLY_ARRAY && reply->elements == 2;
+  std::string flags(known ? text_of(reply->element[1]) : "");
+  const auto has = [&](char flag) { return flags.find(flag) != std::string::npos; };
+  if (has('E') && (has('x') || has('A'))) return;
+  if (!has('E')) flags += 'E';
+  if (!has('x') && !has('A')) flags += 'x';
+  writer_.send({"CONFIG", "SET", "notify-keyspace-events", flags}, [this](const redisReply *set) {
+    if (set && is_error(set))
+      fail("the server does not let itself be told to notify expiries (notify-keyspace-events Ex): " + std::string(text_of(set)));
+  });
+}
+
+void RedisLink::widen_subscriber_buffers(const redisReply *reply) {
+  if (!reply || reply->type != REDIS_REPLY_ARRAY || reply->elements != 2) return;
+  const std::string limits(text_of(reply->element[1]));
+  const size_t at = limits.find("pubsub ");
+  const long hard = at == std::string::npos ? 0 : std::strtol(limits.c_str() + at + 7, nullptr, 10);
+  if (at != std::string::npos && (hard == 0 || hard >= kSubscriberBufferMin)) return;
+  writer_.send({"CONFIG", "SET", "client-output-buffer-limit", kSubscriberBuffers}, [](const redisReply *set) {
+    if (set && is_error(set)) host::log::warn("database: the server keeps its small buffers for subscribers: {}", text_of(set));
+  });
+}
+
+void RedisLink::greet_subscriber() {
+  unconfirmed_ = channels_.size();
+  for (const std::string &channel : channels_) subscriber_.subscribe(channel);
+}
+
+void RedisLink::part_ready() {
+  if (writer_ready_ && unconfirmed_ == 0 && !up_) come_up();
+}
+
+void RedisLink::come_up() {
+  up_ = true;
+  came_up_ = std::chrono::steady_clock::now();
+  last_failure_.clear();
+  const bool again = ++generation_ > 1;
+  const int32_t type = again && run_id_ == server_.run_id ? 2 : 1;
+  run_id_ = server_.run_id;
+  const unsigned generation = generation_;
+  if (again)
+    host::log::error("database {}: connected again, to {} server process", db_.number, type == 2 ? "the same" : "another");
+  hub_.later().act([this, again, type, generation] {
+    if (!up_ || generation != generation_) return;
+    events_.up();
+    if (again) hub_.reconnect(db_, type);
+    for (size_t waiting = db_.connecting.size(); waiting > 0; --waiting) hub_.connected(db_);
+  });
+}
+
+// ---- going down
+
+void RedisLink::fail(const std::string &why) {
+  if (shutting_down_ || retry_timer_.armed()) return;
+  writer_.close();
+  subscriber_.close();
+  watch_timer_.cancel();
+  const bool was_up = std::exchange(up_, false);
+  if (was_up) db_.up = false;
+  release_all();
+  if (why != last_failure_) host::log::error("database {}: {}: {}", db_.number, endpoint_.url, why);
+  last_failure_ = why;
+  if (generation_ > 0) {
+    const int32_t type = was_up ? 0 : 3;
+    hub_.later().act([this, type] {
+      if (!up_) hub_.reconnect(db_, type);
+    });
+  }
+  if (was_up && std::chrono::steady_clock::now() - came_up_ >= kStable) backoff_ = kFirstBackoff;
+  retry();
+}
+
+void RedisLink::retry() {
+  const auto most = static_cast<int>(backoff_.count());
+  const std::chrono::milliseconds wait(std::uniform_int_distribution<int>(most / 2, most)(jitter_));
+  backoff_ = std::min<std::chrono::milliseconds>(backoff_ * 2, kLongestBackoff);
+  retry_timer_.arm(wait);
+}
+
+void RedisLink::release_all() {
+  for (const Answer &answer : sent_) {
+    if (answer.charge.slot) answer.charge.slot->topic.release(answer.charge.bytes);
+  }
+  sent_.clear();
+  for (const Formatted &batch : queue_) {
+    const size_t first = &batch == &queue_.front() ? next_charge_ : 0;
+    for (size_t i = first; i < batch.charges.size(); ++i) {
+      const Charge &charge = batch.charges[i].second;
+      charge.slot->topic.release(charge.bytes);
+    }
+  }
+  queue_.clear();
+  next_command_ = next_charge_ = 0;
+}
+
+// A server that hangs, or a peer that is gone without a word.
+void RedisLink::look() {
+  if (writer_.waiting() > 0 && writer_.answered() == answered_before_) {
+    fail("no answer for seconds");
+    return;
+  }
+  answered_before_ = writer_.answered();
+  if (writer_.waiting() == 0) writer_.send({"PING"}, nullptr);
+  watch_timer_.arm(kWatch);
+}
+
+// ---- commands
+
+void RedisLink::Formatted::add(std::span<const std::string_view> arguments, Charge charge) {
+  append_command(bytes, arguments);
+  if (charge.slot) charges.emplace_back(static_cast<uint32_t>(ends.size()), charge);
+  ends.push_back(static_cast<uint32_t>(bytes.size()));
+}
+
+void RedisLink::send(Formatted commands) {
+  if (commands.ends.empty()) return;
+  if (!up_) {
+    for (const auto &[number, charge] : commands.charges) charge.slot->topic.release(charge.bytes);
+    return;
+  }
+  queue_.push_back(std::move(commands));
+  feed();
+  if (writer_.unsent() >= kPushAbove) writer_.push();
+}
+
+// Hands commands to hiredis while it has room. Does not push them to the socket: inside an answer that could free the connection.
+void RedisLink::feed() {
+  while (!queue_.empty() && writer_.unsent() < kUnsentMax) {
+    Formatted &batch = queue_.front();
+    const size_t begin = next_command_ == 0 ? 0 : batch.ends[next_command_ - 1];
+    Answer answer{{}, nullptr};
+    if (next_charge_ < batch.charges.size() && batch.charges[next_charge_].first == next_command_) {
+      answer.charge = batch.charges[next_charge_++].second;
+    }
+    const bool last = next_command_ + 1 == batch.ends.size();
+    if (last) answer.done = batch.done;
+    sent_.push_back(answer);
+    writer_.send_plain(std::string_view(batch.bytes).substr(begin, batch.ends[next_command_] - begin));
+    ++next_command_;
+    if (last) {
+      queue_.pop_front();
+      next_command_ = next_charge_ = 0;
+    }
+  }
+}
+
+void RedisLink::answer(const redisReply *reply) {
+  if (sent_.empty()) return;  // the connection has failed and its charges are released
+  const Answer answer = sent_.front();
+  sent_.pop_front();
+  if (answer.charge.slot) answer.charge.slot->topic.release(answer.charge.bytes);
+  if (!reply) return;
+  if (is_error(reply)) {
+    hub_.count_refused();
+    fail("the server refused a write: " + std::string(text_of(reply)));
+    return;
+  }
+  if (answer.done) hub_.later().act([done = answer.done] { done(); });
+  feed();
+}
+
+bool RedisLink::settle(std::chrono::steady_clock::time_point deadline) {
+  return writer_.drive([this] { return idle() || !up_; }, deadline) && up_;
+}
+
+void RedisLink::subscribe(const std::string &channel) {
+  channels_.push_back(channel);
+  ++unconfirmed_;
+  subscriber_.subscribe(channel);
+}
+
+}  // namespace mom

@@ -1,0 +1,119 @@
+// One database's life line to Redis: a connection for writes and one for subscriptions that are up together or not at all,
+// reconnected with backoff. Loop's thread.
+//
+// Commands leave in the order they were given. They are kept here, not in hiredis, while the socket is behind: a burst of writes
+// then costs no copying of what is still to be sent.
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "host/mom/hub.h"
+#include "host/mom/redis_pipe.h"
+#include "host/runtime/timer.h"
+
+namespace mom {
+
+// What a command has in flight: released in `slot`'s topic with its answer, or when the connection ends.
+struct Charge {
+  Slot *slot = nullptr;
+  size_t bytes = 0;
+};
+
+class RedisLink {
+ public:
+  // What the owner does with what happens. None is called from inside a call of the link.
+  struct Events {
+    std::function<void()> up;  // for the first time, or again
+    std::function<void(std::string_view channel, std::string_view payload)> message;
+    std::function<void(std::string_view channel)> subscribed;
+  };
+
+  RedisLink(Hub &hub, Database &db, const Endpoint &endpoint, std::chrono::milliseconds limit, Events events);
+  ~RedisLink();
+
+  void start();  // harmless when started
+  bool is_up() const { return up_; }
+  // Of the server that was last seen by this link; empty before.
+  const std::string &run_id() const { return run_id_; }
+  // Counts the times the link came up.
+  unsigned generation() const { return generation_; }
+
+  // ---- commands for the write connection; dropped while the link is down
+
+  // A run of commands, ready for the wire.
+  struct Formatted {
+    std::string bytes;
+    std::vector<uint32_t> ends;                        // of each command in `bytes`
+    std::vector<std::pair<uint32_t, Charge>> charges;  // of commands by number, ascending
+    qx_mom_done_cb done = nullptr;                     // called, later, when the last command is answered
+
+    void add(std::span<const std::string_view> arguments, Charge charge = {});
+    void add(Arguments arguments, Charge charge = {}) { add(std::span(arguments.begin(), arguments.size()), charge); }
+  };
+  void send(Formatted commands);
+
+  bool idle() const { return queue_.empty() && writer_.waiting() == 0; }
+  // Waits until everything given so far is answered. False when that does not happen in time.
+  bool settle(std::chrono::steady_clock::time_point deadline);
+
+  // Subscribes now, and again after every reconnect. Confirmed by Events::subscribed each time.
+  void subscribe(const std::string &channel);
+
+ private:
+  struct Answer {
+    Charge charge;
+    qx_mom_done_cb done;
+  };
+  void connect();
+  void greet_writer();
+  void greet_subscriber();
+  void take_info(const redisReply *reply);
+  void use_keyspace_events(const redisReply *reply);
+  void widen_subscriber_buffers(const redisReply *reply);
+  void part_ready();
+  void come_up();
+  void fail(const std::string &why);
+  void retry();
+  void feed();
+  void answer(const redisReply *reply);
+  void release_all();
+  void look();
+
+  Hub &hub_;
+  Database &db_;
+  const Endpoint &endpoint_;
+  std::chrono::milliseconds limit_;
+  Events events_;
+  Pipe writer_;
+  Pipe subscriber_;
+  std::vector<std::string> channels_;
+  size_t unconfirmed_ = 0;  // channels that the present connection has not confirmed
+
+  std::deque<Formatted> queue_;
+  size_t next_command_ = 0;  // of the first batch
+  size_t next_charge_ = 0;
+  std::deque<Answer> sent_;
+
+  bool started_ = false;
+  bool up_ = false;
+  bool writer_ready_ = false;
+  ServerInfo server_;
+  std::string run_id_;
+  unsigned generation_ = 0;
+  std::string last_failure_;
+
+  host::Timer retry_timer_;
+  std::chrono::milliseconds backoff_;
+  std::chrono::steady_clock::time_point came_up_{};
+  std::minstd_rand jitter_;
+
+  host::Timer watch_timer_;
+  uint64_t answered_before_ = 0;
+  bool shutting_down_ = false;
+};
+
+}  // namespace mom

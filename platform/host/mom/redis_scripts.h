@@ -1,0 +1,39 @@
+// What the server must decide itself. Each script works on one type in one database; KEYS[1] is the type's index, a set of the
+// keys' variable parts ("17:0"); stored values are the tag (8 bytes, little-endian) and the packed record. A deletion is
+// published as "D", the variable part, a zero byte and the last record.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace mom {
+
+struct Script {
+  std::string_view text;
+  std::string sha;  // of the text, in hexadecimal; how the server names it
+};
+
+namespace scripts {
+
+// KEYS: index, object. ARGV: member, channel of deletions. 1, or 0 when there is no such object.
+const Script &del();
+// KEYS: index, object. ARGV: member, channel, stored value, notification's end. For hash-class types: "C" or "R" begins the
+// notification.
+const Script &put();
+// The same and ARGV[5], what begins the notification. 0, or 1 when the object exists: nothing is written then.
+const Script &put_if_absent();
+// KEYS: index. ARGV: prefix of object keys, milliseconds. Puts every object under expiry.
+const Script &expire_all();
+// KEYS: index. ARGV: prefix. Takes every object out of expiry.
+const Script &persist_all();
+// KEYS: index. ARGV: prefix, channel of deletions, tag as stored. Deletes those under expiry with the tag.
+const Script &del_tagged();
+// KEYS: index. ARGV: prefix, members. Takes out of the index what has no object any more.
+const Script &forget();
+
+}  // namespace scripts
+
+// Every script, for loading.
+std::string_view script_text(size_t number);  // empty after the last
+
+}  // namespace mom

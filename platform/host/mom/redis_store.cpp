@@ -1,0 +1,483 @@
+#include "host/mom/redis_store.h"
+
+#include <algorithm>
+#include <thread>
+#include <utility>
+
+#include "host/log/log.h"
+#include "host/mom/redis_scripts.h"
+
+namespace mom {
+
+namespace {
+
+using namespace std::chrono_literals;
+using std::chrono::steady_clock;
+
+constexpr size_t kBatch = 32;  // writes that leave together; more gains nothing
+constexpr size_t kTagSize = 8;
+constexpr size_t kForgetBatch = 256;
+constexpr size_t kMembersAtATime = 5000;
+constexpr auto kStartPatience = 3s;  // for a server that is being started beside us
+constexpr auto kLoadPatience = 60s;  // for a server that loads its data
+constexpr auto kProbeEvery = 50ms;
+
+std::string tag_bytes(int64_t tag) {
+  std::string bytes;
+  for (unsigned shift = 0; shift < 64; shift += 8) bytes.push_back(static_cast<char>(static_cast<uint64_t>(tag) >> shift));
+  return bytes;
+}
+
+std::string_view as_text(Bytes bytes) {
+  return {reinterpret_cast<const char *>(bytes.data()), bytes.size()};
+}
+
+Bytes as_bytes(std::string_view text) {
+  return {reinterpret_cast<const uint8_t *>(text.data()), text.size()};
+}
+
+// The notification without its kind.
+std::string notification_end(std::string_view member, Bytes packed) {
+  std::string end;
+  end.reserve(member.size() + 1 + packed.size());
+  end.append(member).push_back('\0');
+  end.append(as_text(packed));
+  return end;
+}
+
+struct Kind {
+  char letter;
+  Change change;
+};
+constexpr Kind kKinds[] = {
+    {'W', Change::rewritten}, {'C', Change::created}, {'R', Change::rewritten}, {'D', Change::deleted}, {'P', Change::published}};
+
+const Kind *kind_of(char letter) {
+  const auto found = std::find_if(std::begin(kKinds), std::end(kKinds), [&](const Kind &kind) { return kind.letter == letter; });
+  return found == std::end(kKinds) ? nullptr : found;
+}
+
+}  // namespace
+
+RedisStore::RedisStore(Hub &hub, Endpoint endpoint, const host::Config::Mom &config)
+    : hub_(hub), endpoint_(std::move(endpoint)), limit_(config.sync_timeout_ms), scan_batch_(config.scan_batch) {
+  endpoint_.password = config.password;
+}
+
+RedisStore::~RedisStore() = default;
+
+std::string RedisStore::probe() {
+  SyncConnection connection(endpoint_, 0, limit_);
+  const auto begin = steady_clock::now();
+  while (true) {
+    std::string why = connection.open();
+    const bool loading = connection.server().loading || why.starts_with("LOADING");
+    if (why.empty() && !loading) return "";
+    const auto patience = loading ? kLoadPatience : kStartPatience;
+    if (connection.refused() || steady_clock::now() - begin > patience) {
+      return "mom.url " + endpoint_.url + ": " + (why.empty() ? "the server is still loading its data" : why);
+    }
+    connection.close();
+    std::this_thread::sleep_for(kProbeEvery);
+  }
+}
+
+// ---- connections
+
+RedisStore::Base &RedisStore::base(Database &db) {
+  const auto found = std::find_if(bases_.begin(), bases_.end(), [&](const Base &base) { return &base.db == &db; });
+  if (found != bases_.end()) return *found;
+  return bases_.emplace_back(Base{db, SyncConnection(endpoint_, db.number, limit_), nullptr, {}, {}, nullptr, {}, {}, {}, false});
+}
+
+RedisStore::Table &RedisStore::table(Slot &slot) {
+  Base &base = this->base(slot.db);
+  const size_t type = slot.type.id();
+  if (base.tables.size() <= type) base.tables.resize(type + 1);
+  if (!base.tables[type]) {
+    const std::string name(slot.type.name());
+    const std::string channel = std::to_string(slot.db.number) + ":" + name;
+    base.tables[type].reset(new Table{slot, base, name, name + ":", channel, channel + "-"});
+    base.channels[channel] = base.channels[channel + "-"] = base.tables[type].get();
+  }
+  return *base.tables[type];
+}
+
+int RedisStore::connect_sync(Database &db) {
+  const std::string why = base(db).sync.open();
+  if (!why.empty()) {
+    host::log::error("database {}: {}: {}", db.number, endpoint_.url, why);
+    return -1;
+  }
+  db.sync_up = true;
+  return 0;
+}
+
+int RedisStore::connect(Database &db) {
+  Base &base = this->base(db);
+  if (!base.link) {
+    RedisLink::Events events;
+    events.up = [this, &base] { up(base); };
+    events.message = [this, &base](std::string_view channel, std::string_view payload) { message(base, channel, payload); };
+    events.subscribed = [this, &base](std::string_view channel) { subscribed(base, channel); };
+    base.link = std::make_unique<RedisLink>(hub_, db, endpoint_, limit_, std::move(events));
+    base.link->start();
+  } else if (base.link->is_up()) {
+    hub_.later().act([this, &db] { hub_.connected(db); });
+  }
+  return 0;
+}
+
+// Every channel asked for is confirmed. What was known of the objects is not, after an interruption.
+void RedisStore::up(Base &base) {
+  for (const auto &table : base.tables) {
+    if (!table) continue;
+    table->known.clear();
+    table->waiting.clear();  // the hub repeats what it is owed
+    table->channel_live = table->channel_asked;
+    table->gone_live = table->gone_asked;
+  }
+}
+
+// ---- writes
+
+int RedisStore::set(Slot &slot, const Key &key, Bytes packed, std::optional<int64_t> tag) {
+  return write(table(slot), key, packed, tag.value_or(0));
+}
+
+int RedisStore::write(Table &table, const Key &key, Bytes packed, int64_t tag) {
+  if (!table.slot.topic.admit(packed.size())) return -14;
+  table.slot.topic.take(packed.size());
+  const Charge charge = {&table.slot, packed.size()};
+  const std::string member = table.slot.type.text(key).substr(table.prefix.size());
+  const std::string value = tag_bytes(tag).append(as_text(packed));
+  const std::string end = notification_end(member, packed);
+  if (table.slot.type.hash_class()) {
+    send(table, {"EVALSHA", scripts::put().sha, "2", table.index, table.prefix + member, member, table.channel, value, end},
+         charge);
+  } else {
+    add_to_batch(table, key, member, value, end, charge);
+  }
+  watch_deletions(table);
+  if (table.gone_live) table.known.insert(key);
+  return 0;
+}
+
+void RedisStore::add_to_batch(Table &table, const Key &key, const std::string &member, std::string_view value,
+                              std::string_view notification, Charge charge) {
+  Base &base = table.base;
+  if (base.open_table != &table) flush(base);
+  base.open_table = &table;
+  if (!table.known.contains(key)) base.announced.push_back(member);
+  base.confirmed.push_back(member);
+  base.body.add({"SET", table.prefix + member, value});
+  base.body.add({"PUBLISH", table.channel, std::string("W").append(notification)}, charge);
+  if (base.confirmed.size() >= kBatch) {
+    flush(base);
+  } else {
+    plan_flush(base);
+  }
+}
+
+void RedisStore::plan_flush(Base &base) {
+  if (std::exchange(base.flush_planned, true)) return;
+  hub_.later().act([this, &base] {
+    base.flush_planned = false;
+    flush(base);
+  });
+}
+
+void RedisStore::flush(Base &base) {
+  if (!base.open_table) return;
+  const Table &table = *std::exchange(base.open_table, nullptr);
+  const auto index_command = [&](const std::vector<std::string> &members) {
+    std::vector<std::string_view> arguments = {"SADD", table.index};
+    arguments.insert(arguments.end(), members.begin(), members.end());
+    RedisLink::Formatted command;
+    command.add(arguments);
+    return command;
+  };
+  if (!base.announced.empty()) base.link->send(index_command(base.announced));
+  base.link->send(std::exchange(base.body, {}));
+  base.link->send(index_command(base.confirmed));
+  base.announced.clear();
+  base.confirmed.clear();
+}
+
+// Everything but batched writes: behind them.
+void RedisStore::send(Table &table, Arguments arguments, Charge charge, qx_mom_done_cb done) {
+  flush(table.base);
+  RedisLink::Formatted command;
+  command.add(arguments, charge);
+  command.done = done;
+  link(table).send(std::move(command));
+}
+
+void RedisStore::watch_deletions(Table &table) {
+  if (std::exchange(table.gone_asked, true)) return;
+  link(table).subscribe(table.gone);
+}
+
+int RedisStore::del(Slot &slot, const Key &key) {
+  Table &table = this->table(slot);
+  if (!table.known.contains(key)) return del_sync(slot, key);
+  table.known.erase(key);
+  for (auto *deleted : table.scans) deleted->insert(key);
+  slot.topic.take(0);
+  const std::string object = slot.type.text(key);
+  const std::string member = object.substr(table.prefix.size());
+  send(table, {"EVALSHA", scripts::del().sha, "2", table.index, object, member, table.gone}, {&slot, 0});
+  return 0;
+}
+
+int RedisStore::publish(Slot &slot, Bytes packed) {
+  Table &table = this->table(slot);
+  if (!slot.topic.admit(packed.size())) return -14;
+  slot.topic.take(packed.size());
+  send(table, {"PUBLISH", table.channel, "P" + notification_end("", packed)}, {&slot, packed.size()});
+  return 0;
+}
+
+int RedisStore::pexpire(Slot &slot, const Key *key, uint32_t ms, qx_mom_done_cb done) {
+  Table &table = this->table(slot);
+  // 0 would delete at once, and not as an expiry.
+  const std::string delay = std::to_string(std::max(ms, 1U));
+  if (key) {
+    table.known.erase(*key);
+    send(table, {"PEXPIRE", slot.type.text(*key), delay}, {}, done);
+  } else {
+    table.known.clear();
+    send(table, {"EVALSHA", scripts::expire_all().sha, "1", table.index, table.prefix, delay}, {}, done);
+  }
+  return 0;
+}
+
+int RedisStore::del_expire(Slot &slot, const Key *key) {
+  Table &table = this->table(slot);
+  if (key) {
+    send(table, {"PERSIST", slot.type.text(*key)});
+  } else {
+    send(table, {"EVALSHA", scripts::persist_all().sha, "1", table.index, table.prefix});
+  }
+  return 0;
+}
+
+int RedisStore::del_expire_tag(Slot &slot, int64_t tag) {
+  Table &table = this->table(slot);
+  send(table, {"EVALSHA", scripts::del_tagged().sha, "1", table.index, table.prefix, table.gone, tag_bytes(tag)});
+  return 0;
+}
+
+// ---- synchronous calls
+
+Reply RedisStore::synchronously(Base &base, const std::function<Reply(SyncConnection &)> &ask) {
+  if (base.sync.resting()) return nullptr;
+  RedisLink *link = base.link.get();
+  if (link && link->is_up()) {
+    flush(base);
+    if (!link->idle() && !link->settle(steady_clock::now() + limit_)) {
+      base.sync.note_timeout();
+      return nullptr;
+    }
+  }
+  if (!base.sync.open().empty()) return nullptr;
+  // Another server than the one the client is told to be connected to: its data say nothing until that is known.
+  if (link && !link->run_id().empty() && base.sync.server().run_id != link->run_id()) {
+    base.sync.close();
+    return nullptr;
+  }
+  Reply reply = ask(base.sync);
+  if (reply && is_error(reply.get())) host::log::error("database {}: {}", base.db.number, text_of(reply.get()));
+  return reply;
+}
+
+int RedisStore::setnx_sync(Slot &slot, const Key &key, Bytes packed) {
+  Table &table = this->table(slot);
+  const std::string object = slot.type.text(key);
+  const std::string member = object.substr(table.prefix.size());
+  const std::string value = tag_bytes(0).append(as_text(packed));
+  const Reply reply = synchronously(table.base, [&](SyncConnection &sync) {
+    return sync.run(scripts::put_if_absent(), {"2", table.index, object, member, table.channel, value,
+                                               notification_end(member, packed), slot.type.hash_class() ? "C" : "W"});
+  });
+  return reply && reply->type == REDIS_REPLY_INTEGER ? static_cast<int>(reply->integer) : -1;
+}
+
+int RedisStore::del_sync(Slot &slot, const Key &key) {
+  Table &table = this->table(slot);
+  const std::string object = slot.type.text(key);
+  const std::string member = object.substr(table.prefix.size());
+  table.known.erase(key);
+  for (auto *deleted : table.scans) deleted->insert(key);
+  const Reply reply = synchronously(table.base, [&](SyncConnection &sync) {
+    return sync.run(scripts::del(), {"2", table.index, object, member, table.gone});
+  });
+  if (!reply || reply->type != REDIS_REPLY_INTEGER) return -1;
+  return reply->integer == 1 ? 0 : -7;
+}
+
+int RedisStore::get_sync(Slot &slot, const Key &key, std::vector<uint8_t> &packed) {
+  Table &table = this->table(slot);
+  const std::string object = slot.type.text(key);
+  const Reply reply = synchronously(table.base, [&](SyncConnection &sync) { return sync.call({"GET", object}); });
+  if (!reply) return -1;
+  if (reply->type == REDIS_REPLY_NIL) return -7;
+  const std::string_view value = text_of(reply.get());
+  if (reply->type != REDIS_REPLY_STRING || value.size() < kTagSize) {
+    hub_.skip("the value is none of ours", object);
+    return -1;
+  }
+  const Bytes bytes = as_bytes(value.substr(kTagSize));
+  packed.assign(bytes.begin(), bytes.end());
+  return 0;
+}
+
+// The index's members in key order. Several answers, so that the server is not held for long.
+bool RedisStore::read_members(Table &table, std::vector<Key> &keys) {
+  std::string cursor = "0";
+  do {
+    const Reply reply = synchronously(table.base, [&](SyncConnection &sync) {
+      return sync.call({"SSCAN", table.index, cursor, "COUNT", std::to_string(kMembersAtATime)});
+    });
+    if (!reply || reply->type != REDIS_REPLY_ARRAY || reply->elements != 2) return false;
+    cursor = text_of(reply->element[0]);
+    for (const redisReply *member : std::span(reply->element[1]->element, reply->element[1]->elements)) {
+      const std::string object = table.prefix + std::string(text_of(member));
+      if (auto key = table.slot.type.parse(object)) {
+        keys.push_back(std::move(*key));
+      } else {
+        hub_.skip("the index names an object that cannot be", object);
+      }
+    }
+  } while (cursor != "0");
+  std::sort(keys.begin(), keys.end());
+  keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
+  return true;
+}
+
+int RedisStore::visit_batch(Table &table, std::span<const Key> keys, const std::set<Key> &deleted, const Visitor &visit) {
+  std::vector<std::string> objects;
+  for (const Key &key : keys) objects.push_back(table.slot.type.text(key));
+  std::vector<std::string_view> arguments = {"MGET"};
+  arguments.insert(arguments.end(), objects.begin(), objects.end());
+  const Reply reply = synchronously(table.base, [&](SyncConnection &sync) { return sync.call(arguments); });
+  if (!reply || reply->type != REDIS_REPLY_ARRAY || reply->elements != keys.size()) return -1;
+  for (size_t i = 0; i < keys.size(); ++i) {
+    if (reply->element[i]->type == REDIS_REPLY_NIL || deleted.contains(keys[i])) continue;  // gone, or not ours to read
+    const std::string_view value = text_of(reply->element[i]);
+    if (value.size() < kTagSize) {
+      hub_.skip("the value is none of ours", objects[i]);
+    } else {
+      visit(keys[i], as_bytes(value.substr(kTagSize)));
+    }
+  }
+  return 0;
+}
+
+int RedisStore::scan_sync(Slot &slot, const Visitor &visit) {
+  Table &table = this->table(slot);
+  std::vector<Key> keys;
+  if (!read_members(table, keys)) return -1;
+  std::set<Key> deleted;
+  table.scans.push_back(&deleted);
+  int rv = 0;
+  for (size_t at = 0; at < keys.size() && rv == 0; at += scan_batch_) {
+    rv = visit_batch(table, std::span(keys).subspan(at, std::min(scan_batch_, keys.size() - at)), deleted, visit);
+  }
+  std::erase(table.scans, &deleted);
+  return rv;
+}
+
+std::optional<Store::Held> RedisStore::held(Slot &slot) {
+  Table &table = this->table(slot);
+  const Reply reply = synchronously(table.base, [&](SyncConnection &sync) { return sync.call({"SCARD", table.index}); });
+  if (!reply || reply->type != REDIS_REPLY_INTEGER) return std::nullopt;
+  return Held{static_cast<size_t>(reply->integer), 0};
+}
+
+// ---- notifications
+
+void RedisStore::subscribe(Slot &slot, Subscription &subscription) {
+  Table &table = this->table(slot);
+  if (table.channel_live) {
+    hub_.later().act([this, &slot, &subscription] { hub_.data_fetch(slot, subscription); });
+    return;
+  }
+  table.waiting.push_back(&subscription);
+  // Deletions first: when the other channel is confirmed, both are.
+  watch_deletions(table);
+  if (!std::exchange(table.channel_asked, true)) link(table).subscribe(table.channel);
+}
+
+void RedisStore::subscribed(Base &base, std::string_view channel) {
+  const auto found = base.channels.find(channel);
+  if (found == base.channels.end()) return;
+  Table &table = *found->second;
+  if (channel == table.gone) {
+    table.gone_live = true;
+    return;
+  }
+  table.channel_live = true;
+  for (Subscription *subscription : std::exchange(table.waiting, {})) hub_.data_fetch(table.slot, *subscription);
+}
+
+void RedisStore::message(Base &base, std::string_view channel, std::string_view payload) {
+  const auto found = base.channels.find(channel);
+  if (found != base.channels.end()) {
+    notification(*found->second, payload);
+  } else {
+    expired(base, payload);
+  }
+}
+
+void RedisStore::notification(Table &table, std::string_view payload) {
+  const Kind *kind = payload.empty() ? nullptr : kind_of(payload.front());
+  const size_t end = payload.find('\0');
+  if (!kind || end == std::string_view::npos) {
+    hub_.skip("a notification of no known layout", table.prefix + std::string(payload.substr(0, 32)));
+    return;
+  }
+  const Bytes packed = as_bytes(payload.substr(end + 1));
+  if (kind->change == Change::published) {
+    hub_.deliver(table.slot, kind->change, packed);
+    return;
+  }
+  const std::string object = table.prefix + std::string(payload.substr(1, end - 1));
+  const auto key = table.slot.type.parse(object);
+  if (!key) {
+    hub_.skip("a notification of an object that cannot be", object);
+    return;
+  }
+  if (kind->change == Change::deleted) table.known.erase(*key);
+  hub_.deliver(table.slot, kind->change, packed, &*key);
+}
+
+void RedisStore::expired(Base &base, std::string_view object) {
+  const RecordType *type = RecordType::named(object.substr(0, object.find(':')));
+  const auto key = type ? type->parse(object) : std::nullopt;
+  if (!key) {
+    hub_.skip("the expiry of an object that cannot be", std::string(object));
+    return;
+  }
+  Table &table = this->table(hub_.slot(base.db, *type));
+  table.known.erase(*key);
+  if (table.expired.empty()) hub_.later().act([this, &table] { forget_expired(table); });
+  table.expired.emplace_back(object.substr(table.prefix.size()));
+  if (!table.slot.subscriptions.empty()) hub_.deliver(table.slot, Change::deleted, type->key_only(*key), &*key);
+}
+
+void RedisStore::forget_expired(Table &table) {
+  const std::vector<std::string> members = std::exchange(table.expired, {});
+  if (!link(table).is_up()) return;
+  for (size_t at = 0; at < members.size(); at += kForgetBatch) {
+    std::vector<std::string_view> arguments = {"EVALSHA", scripts::forget().sha, "1", table.index, table.prefix};
+    const auto part = std::span(members).subspan(at, std::min(kForgetBatch, members.size() - at));
+    arguments.insert(arguments.end(), part.begin(), part.end());
+    flush(table.base);
+    RedisLink::Formatted command;
+    command.add(arguments);
+    link(table).send(std::move(command));
+  }
+}
+
+}  // namespace mom

@@ -1,0 +1,131 @@
+// The object store in a Redis server. Loop's thread.
+//
+// On the server, in database n (SELECT n):
+//   key      "s_policy_kelim.flow:17:0"   string: tag (8 bytes, little-endian), packed record
+//   index    "s_policy_kelim.flow"        set of the variable parts ("17:0") of the type's keys: what scans and template
+//   operations walk channel  "n:s_policy_kelim.flow"      notifications of writes: kind, variable part, a zero byte, packed
+//   record channel  "n:s_policy_kelim.flow-"     of deletions, the same layout
+// Kinds: W written, C / R written for the first time / again (hash-class types), D deleted, P published. Expiries come as Redis's
+// own key-event notifications.
+//
+// Where the server refuses a write (out of memory) its notification still goes out; the connection is then given up, and the
+// data-fetch signal that follows tells every subscriber to look again.
+//
+// A member may stand in the index without its object (expired, or a writer that died), never an object without its member:
+// members are announced before the objects are written and confirmed after it, deletions take both away in one script.
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include "host/config/config.h"
+#include "host/mom/hub.h"
+#include "host/mom/redis_endpoint.h"
+#include "host/mom/redis_link.h"
+
+namespace mom {
+
+class RedisStore final : public Store {
+ public:
+  RedisStore(Hub &hub, Endpoint endpoint, const host::Config::Mom &config);
+  ~RedisStore() override;
+
+  // Looks whether the server can be used at all, waiting a little for it to start and longer for it to load. "" or why not.
+  std::string probe();
+
+  const char *kind() const override { return "redis"; }
+  int connect_sync(Database &db) override;
+  int connect(Database &db) override;
+  int set(Slot &slot, const Key &key, Bytes packed, std::optional<int64_t> tag) override;
+  int setnx_sync(Slot &slot, const Key &key, Bytes packed) override;
+  int del(Slot &slot, const Key &key) override;
+  int del_sync(Slot &slot, const Key &key) override;
+  int publish(Slot &slot, Bytes packed) override;
+  int pexpire(Slot &slot, const Key *key, uint32_t ms, qx_mom_done_cb done) override;
+  int del_expire(Slot &slot, const Key *key) override;
+  int del_expire_tag(Slot &slot, int64_t tag) override;
+  int get_sync(Slot &slot, const Key &key, std::vector<uint8_t> &packed) override;
+  int scan_sync(Slot &slot, const Visitor &visit) override;
+  void subscribe(Slot &slot, Subscription &subscription) override;
+  std::optional<Held> held(Slot &slot) override;
+
+ private:
+  struct KeyHash {
+    size_t operator()(const Key &key) const {
+      return (key.head.high * 0x9e3779b97f4a7c15U ^ key.head.low) * 0x9e3779b97f4a7c15U ^ std::hash<std::string>()(key.tail);
+    }
+  };
+  struct Base;
+
+  // One record type in one database.
+  struct Table {
+    Slot &slot;
+    Base &base;
+    std::string index;
+    std::string prefix;  // of object keys
+    std::string channel;
+    std::string gone;  // channel of deletions
+    bool channel_asked = false;
+    bool channel_live = false;
+    bool gone_asked = false;
+    bool gone_live = false;
+    // Objects that this process wrote and that nobody can have taken away without a word: their deletion need not ask.
+    std::unordered_set<Key, KeyHash> known{};
+    std::vector<Subscription *> waiting{};  // for the channel's confirmation
+    std::vector<std::set<Key> *> scans{};   // of running scans: what was deleted meanwhile
+    std::vector<std::string> expired{};     // members to take out of the index
+  };
+
+  // One database.
+  struct Base {
+    Database &db;
+    SyncConnection sync;
+    std::unique_ptr<RedisLink> link;
+    std::vector<std::unique_ptr<Table>> tables;  // by RecordType::id()
+    std::map<std::string, Table *, std::less<>> channels;
+    // Writes of one type that leave together.
+    Table *open_table = nullptr;
+    std::vector<std::string> announced;  // members not known to be in the index
+    std::vector<std::string> confirmed;  // members of all
+    RedisLink::Formatted body;
+    bool flush_planned = false;
+  };
+
+  Base &base(Database &db);
+  Table &table(Slot &slot);
+  RedisLink &link(Table &table) { return *table.base.link; }
+
+  int write(Table &table, const Key &key, Bytes packed, int64_t tag);
+  void add_to_batch(Table &table, const Key &key, const std::string &member, std::string_view value,
+                    std::string_view notification, Charge charge);
+  void flush(Base &base);
+  void plan_flush(Base &base);
+  void send(Table &table, Arguments arguments, Charge charge = {}, qx_mom_done_cb done = nullptr);
+  void watch_deletions(Table &table);
+
+  // Runs `ask` on the synchronous connection after every write given before; null when that is not possible in time.
+  Reply synchronously(Base &base, const std::function<Reply(SyncConnection &)> &ask);
+  bool read_members(Table &table, std::vector<Key> &keys);
+  int visit_batch(Table &table, std::span<const Key> keys, const std::set<Key> &deleted, const Visitor &visit);
+
+  void up(Base &base);
+  void subscribed(Base &base, std::string_view channel);
+  void message(Base &base, std::string_view channel, std::string_view payload);
+  void notification(Table &table, std::string_view payload);
+  void expired(Base &base, std::string_view object);
+  void forget_expired(Table &table);
+
+  Hub &hub_;
+  Endpoint endpoint_;
+  std::chrono::milliseconds limit_;
+  size_t scan_batch_;
+  std::deque<Base> bases_;
+};
+
+}  // namespace mom

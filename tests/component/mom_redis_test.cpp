@@ -1,0 +1,320 @@
+// What is particular to the store in Redis: its layout, its failures, what else may be in the server.
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <optional>
+#include <thread>
+
+#include "component/mom_world.h"
+
+namespace mom_test {
+namespace {
+
+using Settings = std::vector<std::pair<std::string, std::string>>;
+
+class MomRedis : public testing::Test {
+ protected:
+  void start(const Settings &settings = {}) {
+    auto owned = std::make_unique<RedisBackend>();
+    backend = owned.get();
+    world.emplace(std::move(owned), settings);
+    ASSERT_NE(world->global(), nullptr);
+    world->connect_all();
+    ASSERT_EQ(qx_mom_client_set_reconnect_cb(world->global(), 8, note_reconnect, nullptr), 0);
+    ASSERT_EQ(admin({"SELECT", "8"}), "OK");
+  }
+  std::string admin(const std::vector<std::string> &command) { return backend->server().command(command); }
+
+  static long reconnected(int32_t type) { return std::count(reconnects.begin(), reconnects.end(), type); }
+  static bool wait_for(int32_t type) {
+    return run_until([&] { return reconnected(type) > 0; });
+  }
+  static std::chrono::milliseconds time(const std::function<void()> &work) {
+    const auto begin = std::chrono::steady_clock::now();
+    work();
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - begin);
+  }
+
+  std::optional<World> world;
+  RedisBackend *backend = nullptr;
+};
+
+TEST_F(MomRedis, LayoutIsTheDocumentedOne) {
+  start();
+  Flow flow(17, 4);
+  ASSERT_EQ(world->setow(flow, 258), 0);
+  world->settle();
+  EXPECT_EQ(admin({"GET", "s_policy_kelim.flow:17:4"}), std::string("\x02\x01\0\0\0\0\0\0", 8) + pack(flow));
+  EXPECT_EQ(admin({"SMEMBERS", "s_policy_kelim.flow"}), "17:4");
+  EXPECT_EQ(admin({"PTTL", "s_policy_kelim.flow:17:4"}), "-1");
+  Registration registration("a:b c");
+  ASSERT_EQ(qx_mom_setnx_sync(world->global(), 0, registration, 0, 0), 0);
+  ASSERT_EQ(admin({"SELECT", "0"}), "OK");
+  EXPECT_EQ(admin({"SMEMBERS", "s_cluster.reg_pkt_info"}), "a%3Ab%20c");
+  ASSERT_EQ(admin({"SELECT", "8"}), "OK");
+  ASSERT_EQ(world->del(flow), 0);
+  world->settle();
+  EXPECT_EQ(admin({"DBSIZE"}), "0");
+}
+
+TEST_F(MomRedis, IndexForgetsWhatExpired) {
+  start();
+  world->watch<0>(kFlow);
+  Flow all(0), kept(3);
+  for (uint64_t i = 1; i <= 3; ++i) {
+    Flow flow(i);
+    ASSERT_EQ(world->set(flow), 0);
+  }
+  ASSERT_EQ(world->pexpire(all, 50), 0);
+  ASSERT_EQ(world->set(kept), 0);
+  EXPECT_TRUE(run_until([&] { return admin({"SMEMBERS", "s_policy_kelim.flow"}) == "3:0"; }));
+  EXPECT_EQ(trace(world->scan(all)), "1:3");
+}
+
+// ---- failures
+
+TEST_F(MomRedis, ServerRestartedEmptyIsAnotherServer) {
+  start();
+  Flow flow(1);
+  ASSERT_EQ(world->set(flow), 0);
+  world->settle();
+  backend->server().kill(SIGKILL);
+  ASSERT_TRUE(wait_for(0));
+  EXPECT_EQ(world->set(flow), -1);
+  const auto visit = [](const qx_obj *, void *) { return 0; };
+  EXPECT_EQ(qx_mom_scan_sync(world->global(), 8, flow, 0, visit, nullptr), -1);
+  ASSERT_TRUE(wait_for(3));
+  backend->server().start();
+  ASSERT_TRUE(wait_for(1));
+  EXPECT_EQ(reconnected(2), 0);
+  EXPECT_EQ(reconnected(0), 1);
+  EXPECT_EQ(reconnects.back(), 1);
+  EXPECT_EQ(world->get(flow).cmd, 0u);
+  EXPECT_EQ(world->set(flow), 0);
+  EXPECT_EQ(world->get(flow).cmd, 1u);
+}
+
+TEST_F(MomRedis, FrozenServerHoldsTheLoopNoLongerThanTheBound) {
+  start({{"mom.sync_timeout_ms", "300"}, {"mom.high_water_writes", "1000"}});
+  world->watch<0>(kFlow);
+  Flow flow(1);
+  qx_obj *object = nullptr;
+  backend->server().kill(SIGSTOP);
+  EXPECT_LT(time([&] { EXPECT_EQ(qx_mom_get_sync(world->global(), 8, flow, 0, &object), -1); }), 3000ms);
+  EXPECT_LT(time([&] { EXPECT_EQ(qx_mom_get_sync(world->global(), 8, flow, 0, &object), -1); }), 100ms);  // not again and again
+  uint64_t accepted = 0;
+  int rv = 0;
+  EXPECT_LT(time([&] {
+              while (accepted < 100'000 && rv == 0) {
+                Flow next(accepted + 1);
+                rv = world->set(next);
+                accepted += rv == 0;
+              }
+            }),
+            3000ms);
+  EXPECT_EQ(rv, -14);
+  EXPECT_EQ(accepted, 2000u);  // the pipeline holds twice what a topic may
+  EXPECT_LT(time([&] { host::run_until([] { return false; }, 20ms); }), 3000ms);
+  backend->server().kill(SIGCONT);
+  ASSERT_TRUE(run_until([&] { return recorders[0].seen.size() == accepted; }));
+  EXPECT_TRUE(reconnects.empty());
+  EXPECT_TRUE(run_until([&] { return qx_mom_get_sync(world->global(), 8, flow, 0, &object) == 0; }));
+  qx_mom_qx_obj_free(object);
+}
+
+TEST_F(MomRedis, RefusedWriteIsFollowedByResynchronisation) {
+  start();
+  world->watch<0>(kFlow);
+  ASSERT_EQ(admin({"CONFIG", "SET", "maxmemory", "1"}), "OK");
+  Flow flow(1);
+  ASSERT_EQ(world->set(flow), 0);
+  ASSERT_TRUE(wait_for(0));
+  ASSERT_EQ(admin({"CONFIG", "SET", "maxmemory", "0"}), "OK");
+  ASSERT_TRUE(wait_for(2));
+  ASSERT_TRUE(run_until([] { return !recorders[0].seen.empty() && recorders[0].seen.back().cmd == 29; }));
+  EXPECT_EQ(world->get(flow).cmd, 0u);
+  recorders[0].seen.clear();
+  ASSERT_EQ(world->set(flow), 0);
+  world->settle();
+  EXPECT_EQ(trace(recorders[0].seen), "1:1");
+  EXPECT_EQ(world->get(flow).cmd, 1u);
+}
+
+TEST_F(MomRedis, LostScriptsAreLoadedAgain) {
+  start();
+  world->watch<0>(kFlow);
+  Flow flow(1), other(2);
+  ASSERT_EQ(world->set(flow), 0);
+  ASSERT_EQ(world->set(other), 0);
+  world->settle();
+  ASSERT_EQ(admin({"SCRIPT", "FLUSH"}), "OK");
+  EXPECT_EQ(qx_mom_del_sync(world->global(), 8, flow, 0, 0), 0);
+  EXPECT_TRUE(reconnects.empty());  // a call that waits does it by itself
+
+  // In the pipeline what follows has been sent already: nothing is lost silently, everybody resynchronises.
+  ASSERT_EQ(admin({"SCRIPT", "FLUSH"}), "OK");
+  ASSERT_EQ(world->pexpire(other, 10'000), 0);
+  Flow all(0);
+  ASSERT_EQ(world->pexpire(all, 60'000), 0);
+  ASSERT_TRUE(wait_for(2));
+  ASSERT_EQ(world->pexpire(all, 60'000), 0);
+  world->settle();
+  EXPECT_GT(std::stol(admin({"PTTL", "s_policy_kelim.flow:2:0"})), 10'000);
+}
+
+TEST_F(MomRedis, ConnectionsComeBackHoweverOftenTheyAreCut) {
+  start();
+  world->watch<0>(kFlow);
+  for (uint64_t round = 1; round <= 5; ++round) {
+    Flow flow(round);
+    ASSERT_EQ(world->set(flow), 0);
+    backend->cut_connections(8);
+    ASSERT_TRUE(run_until([&] { return reconnected(2) == static_cast<long>(round); }));
+    ASSERT_EQ(world->set(flow), 0);
+    EXPECT_EQ(world->get(flow).key, round);
+  }
+  EXPECT_EQ(reconnected(1), 0);
+  EXPECT_EQ(reconnected(0), 5);
+  Flow all(0);
+  EXPECT_EQ(trace(world->scan(all)), "1:1 1:2 1:3 1:4 1:5");
+}
+
+// ---- others in the same server
+
+TEST_F(MomRedis, WhatOthersDidToAnObjectIsKnown) {
+  start();
+  world->watch<0>(kFlow);
+  Flow flow(1);
+  ASSERT_EQ(world->set(flow), 0);
+  world->settle();
+  ASSERT_EQ(world->set(flow), 0);
+  world->settle();
+  // Another process deletes it, as the script does.
+  ASSERT_EQ(admin({"DEL", "s_policy_kelim.flow:1:0"}), "1");
+  ASSERT_EQ(admin({"SREM", "s_policy_kelim.flow", "1:0"}), "1");
+  ASSERT_EQ(admin({"PUBLISH", "8:s_policy_kelim.flow-", "D1:0" + std::string(1, '\0') + pack(flow)}), "1");
+  ASSERT_TRUE(run_until([] { return recorders[0].seen.back().cmd == 3; }));
+  EXPECT_EQ(world->del(flow), -7);
+  ASSERT_EQ(world->set(flow), 0);
+  ASSERT_EQ(admin({"PEXPIRE", "s_policy_kelim.flow:1:0", "1"}).substr(0, 1) == "(", false);
+  world->settle();
+  EXPECT_TRUE(run_until([&] {
+    if (world->get(flow).cmd != 0) admin({"PEXPIRE", "s_policy_kelim.flow:1:0", "1"});
+    return recorders[0].seen.back().cmd == 3;
+  }));
+  EXPECT_EQ(world->del(flow), -7);
+}
+
+TEST_F(MomRedis, ForeignAndBrokenContentsAreSkippedAndCounted) {
+  start();
+  world->watch<0>(kFlow);
+  Flow flow(1), alien(2), tiny(3);
+  ASSERT_EQ(world->set(flow), 0);
+  world->settle();
+  recorders[0].seen.clear();
+  ASSERT_EQ(admin({"SADD", "s_policy_kelim.flow", "2:0", "3:0", "4:0", "x", "1:0:0", "%", "", std::string("\0\xff", 2)}), "8");
+  ASSERT_EQ(admin({"RPUSH", "s_policy_kelim.flow:2:0", "a list"}), "1");
+  ASSERT_EQ(admin({"SET", "s_policy_kelim.flow:3:0", "short"}), "OK");
+  ASSERT_EQ(admin({"SET", "s_policy_kelim.flow:foreign", "x", "PX", "1"}), "OK");
+  ASSERT_EQ(admin({"SET", "something else", "x", "PX", "1"}), "OK");
+  const std::string zero(1, '\0');
+  for (const std::string &payload :
+       std::vector<std::string>{"", zero, "W", "W1:0", "X1:0" + zero + pack(flow), "Wx:0" + zero + pack(flow),
+                                "W2:0" + zero + pack(flow), "W1:0" + zero + "\xff\xff", "D9" + zero}) {
+    ASSERT_EQ(admin({"PUBLISH", "8:s_policy_kelim.flow", payload}), "1");
+  }
+  EXPECT_EQ(trace(world->scan(flow)), "1:1");
+  qx_obj *object = nullptr;
+  EXPECT_EQ(qx_mom_get_sync(world->global(), 8, alien, 0, &object), -1);
+  EXPECT_EQ(qx_mom_get_sync(world->global(), 8, tiny, 0, &object), -1);
+  EXPECT_EQ(object, nullptr);
+  ASSERT_EQ(world->set(alien), 0);
+  world->settle();
+  EXPECT_EQ(trace(recorders[0].seen), "1:2");  // the good one, nothing of the others
+  EXPECT_GE(mom::testing::skipped(), 10u);
+  EXPECT_TRUE(reconnects.empty());
+}
+
+// ---- starting
+
+// Answers SELECT and INFO like a server of the given version, once.
+class OldServer {
+ public:
+  explicit OldServer(const std::string &version) {
+    listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ::bind(listener_, reinterpret_cast<sockaddr *>(&address), sizeof address);
+    ::listen(listener_, 1);
+    socklen_t length = sizeof address;
+    ::getsockname(listener_, reinterpret_cast<sockaddr *>(&address), &length);
+    port = ntohs(address.sin_port);
+    const std::string info = "# Server\r\nredis_version:" + version + "\r\nrun_id:abc\r\n";
+    answers_ = {"+OK\r\n", "$" + std::to_string(info.size()) + "\r\n" + info + "\r\n"};
+    thread_ = std::thread([this] {
+      const int client = ::accept(listener_, nullptr, nullptr);
+      char buffer[512];
+      for (const std::string &answer : answers_) {
+        if (::recv(client, buffer, sizeof buffer, 0) <= 0) break;
+        ::send(client, answer.data(), answer.size(), MSG_NOSIGNAL);
+      }
+      ::close(client);
+    });
+  }
+  ~OldServer() {
+    ::shutdown(listener_, SHUT_RDWR);
+    thread_.join();
+    ::close(listener_);
+  }
+  int port = 0;
+
+ private:
+  int listener_ = -1;
+  std::vector<std::string> answers_;
+  std::thread thread_;
+};
+
+class Elsewhere final : public Backend {
+ public:
+  explicit Elsewhere(std::string url) : url_(std::move(url)) {}
+  std::string url() const override { return url_; }
+  void pass(std::chrono::milliseconds) override {}
+  void put_raw(int32_t, const std::string &, const std::string &) override {}
+  void cut_connections(int32_t) override {}
+
+ private:
+  std::string url_;
+};
+
+// What the start says to standard error; "" when it succeeds.
+std::string start_at(const std::string &url, const std::string &password = "") {
+  testing::internal::CaptureStderr();
+  World world(std::make_unique<Elsewhere>(url), {{"mom.password", password}});
+  const std::string said = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(world.global() == nullptr, !said.empty());
+  return said;
+}
+
+TEST(MomRedisStart, SaysInOneLineWhatIsWrong) {
+  const support::RedisServer open, guarded({"--requirepass", "sesame"});
+  EXPECT_EQ(start_at(open.url()), "");
+  EXPECT_EQ(start_at(guarded.url(), "sesame"), "");
+  EXPECT_EQ(start_at(guarded.url()),
+            "mom_test: mom.url " + guarded.url() + ": the server wants a password, but mom.password is empty\n");
+  EXPECT_EQ(start_at(guarded.url(), "open"),
+            "mom_test: mom.url " + guarded.url() +
+                ": mom.password is refused: WRONGPASS invalid username-password pair or user is disabled.\n");
+  EXPECT_EQ(start_at("redis+unix:/nowhere/redis.sock"),
+            "mom_test: mom.url redis+unix:/nowhere/redis.sock: No such file or directory\n");
+  EXPECT_EQ(start_at("redis://user@host:1"),
+            "mom_test: mom.url 'redis://user@host:1': must be redis://HOST:PORT with a port from 1 to 65535 (the password has a "
+            "key of its own)\n");
+  const OldServer old("6.2.14");
+  const std::string url = "redis://127.0.0.1:" + std::to_string(old.port);
+  EXPECT_EQ(start_at(url), "mom_test: mom.url " + url + ": the server's version is '6.2.14'; 7 or later is needed\n");
+}
+
+}  // namespace
+}  // namespace mom_test

@@ -1,0 +1,120 @@
+// A private redis-server on a unix socket in a directory of its own, for one test.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <hiredis/hiredis.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace support {
+
+class RedisServer {
+ public:
+  explicit RedisServer(std::vector<std::string> options = {}) : options_(std::move(options)) {
+    char name[] = "/tmp/kelim_redis_XXXXXX";
+    dir_ = ::mkdtemp(name) ? name : "";
+    start();
+  }
+  ~RedisServer() {
+    kill(SIGKILL);
+    std::error_code ignored;
+    std::filesystem::remove_all(dir_, ignored);
+  }
+  RedisServer(const RedisServer &) = delete;
+
+  const std::string &dir() const { return dir_; }
+  std::string socket() const { return dir_ + "/redis.sock"; }
+  std::string url() const { return "redis+unix:" + socket(); }
+
+  // Starts the server, again after kill(); a failure of the test when it does not come up. Waits for the answer to a PING.
+  void start() {
+    std::vector<std::string> arguments = {"redis-server", "--port",    "0",          "--unixsocket", socket(), "--dir",
+                                          dir_,           "--save",    "",           "--appendonly", "no",     "--hz",
+                                          "100",          "--logfile", dir_ + "/log"};
+    arguments.insert(arguments.end(), options_.begin(), options_.end());
+    std::vector<char *> argv;
+    for (std::string &argument : arguments) argv.push_back(argument.data());
+    argv.push_back(nullptr);
+    std::filesystem::remove(socket());
+    pid_ = ::fork();
+    if (pid_ == 0) {
+      ::execvp(argv[0], argv.data());
+      ::_exit(127);
+    }
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!std::filesystem::exists(socket()) && std::chrono::steady_clock::now() < deadline &&
+           ::waitpid(pid_, nullptr, WNOHANG) == 0) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));  // nothing to wait on: the socket appears when it is ready
+    }
+    if (!std::filesystem::exists(socket())) ADD_FAILURE() << "redis-server does not start in " << dir_;
+  }
+
+  // SIGSTOP and SIGCONT leave it alive; others wait for its end.
+  void kill(int signal) {
+    if (pid_ <= 0) return;
+    ::kill(pid_, signal);
+    if (signal == SIGSTOP || signal == SIGCONT) return;
+    ::waitpid(pid_, nullptr, 0);
+    pid_ = -1;
+    admin_.reset();
+  }
+
+  // One command past the client under test. The answer as text: strings and numbers as they are, "(nil)", "(error) ...", lists in
+  // lines.
+  std::string command(const std::vector<std::string> &arguments) {
+    if (!admin_) admin_.reset(redisConnectUnix(socket().c_str()));
+    std::vector<const char *> argv;
+    std::vector<size_t> lengths;
+    for (const std::string &argument : arguments) {
+      argv.push_back(argument.data());
+      lengths.push_back(argument.size());
+    }
+    auto *reply =
+        static_cast<redisReply *>(redisCommandArgv(admin_.get(), static_cast<int>(argv.size()), argv.data(), lengths.data()));
+    if (!reply) {
+      admin_.reset();
+      return "(no answer)";
+    }
+    std::string out = text(reply);
+    freeReplyObject(reply);
+    return out;
+  }
+
+ private:
+  static std::string text(const redisReply *reply) {
+    switch (reply->type) {
+      case REDIS_REPLY_NIL:
+        return "(nil)";
+      case REDIS_REPLY_INTEGER:
+        return std::to_string(reply->integer);
+      case REDIS_REPLY_ERROR:
+        return "(error) " + std::string(reply->str, reply->len);
+      case REDIS_REPLY_ARRAY: {
+        std::string out;
+        for (size_t i = 0; i < reply->elements; ++i) out += (i ? "\n" : "") + text(reply->element[i]);
+        return out;
+      }
+      default:
+        return std::string(reply->str, reply->len);
+    }
+  }
+  struct Free {
+    void operator()(redisContext *context) const { redisFree(context); }
+  };
+
+  std::vector<std::string> options_;
+  std::string dir_;
+  pid_t pid_ = -1;
+  std::unique_ptr<redisContext, Free> admin_;
+};
+
+}  // namespace support
