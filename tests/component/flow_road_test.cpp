@@ -127,7 +127,7 @@ TEST_F(FlowRoad, ports_are_checked_before_a_flow_is_stored) {
   d.expect_error("ifx is OF_SS_ALL_OT_IFINDEX, NOT SUPPORT.");
   d.expect_error("OXM_VALUE = 0x80000a02 isn't support");
   d.expect_error("do not support port type(0xfffffffb).");
-  d.expect_error("ssc kelim pick out in port phyid FAIL!");
+  d.expect_error("ssc_sdn_add_flow_to_udp: ssc kelim pick out in port phyid FAIL!");
   d.expect_error("ssc sdn del flow FAIL!");  // what was never stored cannot be deleted
   d.expect_error("ssc kelim insert_msg_node FAIL!");
   d.expect_error("send flow error msg to PI");
@@ -166,7 +166,7 @@ TEST_F(FlowRoad, ports_are_checked_before_a_flow_is_stored) {
 
 TEST_F(FlowRoad, a_refused_write_is_reported_with_its_class) {
   d.expect_error("qx_mom_setow FAIL! ow:1, rv:-14");
-  d.expect_error("ssc sdn add flow ow:1 FAIL!");
+  d.expect_error("ssc_sdn_add_flow_to_udp: ssc sdn add flow ow:1 FAIL!");
   d.expect_error("ssc kelim insert_msg_node FAIL!");
   d.expect_error("ssc sdn del flow FAIL!");
   d.expect_error("send flow error msg to PI");

@@ -130,6 +130,18 @@ TEST_F(ServiceChain, an_answer_without_entries_still_makes_a_flow) {
                            " flow_field={} flow_action={}"});
 }
 
+TEST_F(ServiceChain, ports_are_checked_when_the_answer_comes) {
+  d.expect_error("get phyid by ifx failed, rv = -7(ifx = 99");
+  d.expect_error("ssc_kelim_add_flow_to_ace: ssc kelim pick out in port phyid FAIL!");
+  d.expect_error("ssc_sdn_del_flow_to_sta: ssc sdn del flow sta FAIL!");  // there was no status yet
+  d.expect_error("send flow error msg to PI");
+  flow(flow_mod({.index = 7, .match = field(0x80000004, le(99u)) + field(0xffff0204, le(3u)), .actions = output(2)}));
+  d.tick();
+  EXPECT_EQ(parse_flows().size(), 1u);
+  ASSERT_EQ(d.write(kAppDb, Answer(7, 1).record()), 0);
+  expect_gone(7);
+}
+
 TEST_F(ServiceChain, an_entry_may_leave_out_its_parts) {
   add(7);
   Answer bare(7, 1);

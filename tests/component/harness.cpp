@@ -100,7 +100,7 @@ Daemon::Daemon(const Options &options) {
   host::log::set_tap([this](const host::log::LineView &line) {
     if (line.level < host::log::Level::error) return;
     const std::lock_guard lock(mutex_);
-    errors_.emplace_back(line.text);
+    errors_.push_back(std::string(line.function) + ": " + std::string(line.text));
   });
   main_ = std::thread([this] { status_ = ssc_kelim_main(); });
   if (!until([] { return host::of_ss::callbacks().complete(); })) throw std::runtime_error("the daemon did not start");

@@ -83,7 +83,7 @@ class Daemon {
 
   // The next ERROR lines that contain `text` are expected, any number of them; at least one must come.
   void expect_error(const std::string &text);
-  // Log lines of class ERROR so far.
+  // Log lines of class ERROR so far, each as "function: text".
   std::vector<std::string> errors() const;
 
   // Ends the loop and gives the exit status of main; also done by the destructor.

@@ -113,6 +113,7 @@ struct translated_ace {
 
 template <typename T>
 sdn_ptr<T[]> new_zeroed_array(std::size_t count) {
+  // NOLINTNEXTLINE(bugprone-sizeof-expression): an array of pointers is wanted as well
   const std::size_t bytes = std::max<std::size_t>(1, count * sizeof(T));
   void *block = ssc_sdn_malloc(bytes, __func__, __LINE__);
   if (block) std::memset(block, 0, bytes);
@@ -217,19 +218,19 @@ SPolicyKelim__FlowKey flow_key_of(const SPolicyKelim__FlowToAce &rec) {
 
 }  // namespace
 
-std::int32_t ssc_sdn_store_flow(const SPolicyKelim__Flow *flow, std::int64_t ow) {
+std::int32_t ssc_sdn_store_flow(const SPolicyKelim__Flow *flow, std::int64_t ow, const char *caller) {
   std::int32_t rv = ssc_kelim_pick_out_inport_phyid(flow);
   if (rv != 0) {
-    SDN_ERROR("ssc kelim pick out in port phyid FAIL!");
+    SDN_ERROR_AS(caller, "ssc kelim pick out in port phyid FAIL!");
     return rv;
   }
   rv = ssc_kelim_pick_out_outport_phyid(flow);
   if (rv != 0) {
-    SDN_ERROR("ssc kelim pick out out port phyid FAIL!");
+    SDN_ERROR_AS(caller, "ssc kelim pick out out port phyid FAIL!");
     return rv;
   }
   rv = ssc_kelim_mom_set_with_ow(&flow->base, ow);
-  if (rv != 0) SDN_ERROR("ssc sdn add flow ow:%d FAIL!", static_cast<int>(ow));
+  if (rv != 0) SDN_ERROR_AS(caller, "ssc sdn add flow ow:%d FAIL!", static_cast<int>(ow));
   return rv;
 }
 
@@ -289,7 +290,7 @@ void ssc_kelim_add_flow_to_ace(const SPolicyKelim__FlowToAce *rec) {
     translation made({rec->ace, rec->n_ace});
     if (made.translate(*node)) {
       made.hang_on(flow);
-      rv = ssc_sdn_store_flow(&flow, SSC_KELIM_OW_FLOW_TO_ACE);
+      rv = ssc_sdn_store_flow(&flow, SSC_KELIM_OW_FLOW_TO_ACE, __func__);
     } else {
       SDN_ERROR("flow_entry malloc failed. flow_index = %lu", key.flow_index);
     }

@@ -21,8 +21,9 @@ std::int32_t ssc_kelim_pick_out_inport_phyid(const SPolicyKelim__Flow *flow);
 // Output ports: 0, or -4 without flow data. A port that does not resolve is logged and passes.
 std::int32_t ssc_kelim_pick_out_outport_phyid(const SPolicyKelim__Flow *flow);
 
-// Stores a flow record that passes both checks, with overwrite tag `ow`. 0, or the code of the step that failed.
-std::int32_t ssc_sdn_store_flow(const SPolicyKelim__Flow *flow, std::int64_t ow);
+// Stores a flow record that passes both checks, with overwrite tag `ow`. 0, or the code of the step that failed, after a line
+// under the name of `caller`.
+std::int32_t ssc_sdn_store_flow(const SPolicyKelim__Flow *flow, std::int64_t ow, const char *caller);
 
 // Prints a list of interface indexes on standard output. 0.
 std::int32_t ssc_sdn_dump_sdn_ifx_array(const std::uint32_t *ifx, std::uint32_t count);

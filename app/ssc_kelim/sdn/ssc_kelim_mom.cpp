@@ -33,7 +33,7 @@ int flow_scan_del_cb(const qx_obj *reply, void *arg) {
   std::int32_t rv = 0;
   if (node->exp_app_type == southbound::kServiceChainAppType) {
     // Deliberate: the flow record stays here; the application's answer to the deletion takes it away.
-    rv = ssc_sdn_del_parse_flow(flow_index, *vsd_id) | ssc_sdn_del_flow_to_sta(flow_index, *vsd_id, node->exp_app_type);
+    rv = ssc_sdn_del_app_records(flow_index, *vsd_id);
   } else {
     rv = ssc_kelim_mom_del(&flow->base);
   }
@@ -65,8 +65,8 @@ int meter_scan_del_cb(const qx_obj *reply, void *arg) {
 }
 
 // What a scan is told: the virtual switch, in a block of its own that the caller frees.
-flow_members::sdn_ptr<std::uint32_t> new_scan_arg(std::uint32_t vsd_id) {
-  flow_members::sdn_ptr<std::uint32_t> arg(static_cast<std::uint32_t *>(ssc_sdn_malloc(sizeof vsd_id, __func__, __LINE__)));
+flow_members::sdn_ptr<std::uint32_t> new_scan_arg(std::uint32_t vsd_id, const char *caller) {
+  flow_members::sdn_ptr<std::uint32_t> arg(static_cast<std::uint32_t *>(ssc_sdn_malloc(sizeof vsd_id, caller, __LINE__)));
   if (arg) *arg = vsd_id;
   return arg;
 }
@@ -142,7 +142,7 @@ std::int32_t ssc_sdn_db_del_all_flow(std::uint32_t vsd_id) {
   SPolicyKelim__FlowKey key = ssc_kelim_flow_key(0, 0);
   SPolicyKelim__Flow every_flow = S_POLICY_KELIM__FLOW__INIT;
   every_flow.index = &key;
-  const auto arg = new_scan_arg(vsd_id);
+  const auto arg = new_scan_arg(vsd_id, __func__);
   if (!arg) {
     SDN_ERROR("SSC_SDN_MALLOC FAIL!");
     return -2;
@@ -162,7 +162,7 @@ std::int32_t ssc_sdn_db_del_all_meter(std::uint32_t vsd_id) {
   SPolicyKelim__MeterKey key = ssc_kelim_meter_key(0, 0);
   SPolicyKelim__Meter every_meter = S_POLICY_KELIM__METER__INIT;
   every_meter.index = &key;
-  const auto arg = new_scan_arg(vsd_id);
+  const auto arg = new_scan_arg(vsd_id, __func__);
   if (!arg) {
     SDN_ERROR("SSC_SDN_MALLOC FAIL!");
     return -2;

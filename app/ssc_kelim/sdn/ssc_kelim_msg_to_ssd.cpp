@@ -79,7 +79,7 @@ std::int32_t ssc_sdn_add_flow_to_udp(const flow_info_node &node, void *msg) {
   if (rv != 0) {
     SDN_ERROR("flow_entry malloc failed. flow_index = %lu", node.flow_index);
   } else {
-    rv = ssc_sdn_store_flow(&record, SSC_KELIM_OW_FLOW);
+    rv = ssc_sdn_store_flow(&record, SSC_KELIM_OW_FLOW, __func__);
   }
   ssc_sdn_free_flow_members(&record);
   return rv;
@@ -196,9 +196,7 @@ std::int32_t ssc_sdn_del_flow_related_data(std::uint32_t vsd_id, std::uint64_t f
     ssc_sdn_msg_queue_destory_flow_msg_node(flow_index);
     return 0;
   }
-  std::int32_t rv = is_service_chain(*node) ? ssc_sdn_del_parse_flow(flow_index, vsd_id) |
-                                                  ssc_sdn_del_flow_to_sta(flow_index, vsd_id, southbound::kServiceChainAppType)
-                                            : ssc_sdn_del_flow(flow_index, vsd_id);
+  std::int32_t rv = is_service_chain(*node) ? ssc_sdn_del_app_records(flow_index, vsd_id) : ssc_sdn_del_flow(flow_index, vsd_id);
   rv |= ssc_kelim_del_flow_node(node);
   ssc_sdn_msg_queue_destory_flow_msg_node(flow_index);
   return rv;
@@ -220,6 +218,11 @@ std::int32_t ssc_sdn_del_flow_to_sta(std::uint64_t flow_index, std::uint32_t vsd
   if (ssc_kelim_mom_del_in(&record.base, QX_MOM_APP_DB) == 0) return 0;
   SDN_ERROR("ssc sdn del flow sta FAIL! flow_index:%lu, vsd_id:%d", flow_index, vsd_id);
   return -11;
+}
+
+std::int32_t ssc_sdn_del_app_records(std::uint64_t flow_index, std::uint32_t vsd_id) {
+  const std::int32_t rv = ssc_sdn_del_parse_flow(flow_index, vsd_id);
+  return rv | ssc_sdn_del_flow_to_sta(flow_index, vsd_id, southbound::kServiceChainAppType);
 }
 
 void sdn_send_flow_ret_val_2_proxy(std::uint32_t /*vsd_id*/, std::uint64_t flow_index, std::int32_t ret_val) {

@@ -33,6 +33,8 @@ std::int32_t ssc_sdn_del_flow_related_data(std::uint32_t vsd_id, std::uint64_t f
 // Delete one record of database 4. 0, or -11.
 std::int32_t ssc_sdn_del_parse_flow(std::uint64_t flow_index, std::uint32_t vsd_id);
 std::int32_t ssc_sdn_del_flow_to_sta(std::uint64_t flow_index, std::uint32_t vsd_id, std::uint32_t t_flow_type);
+// Delete both records of a service-chain flow there, whatever becomes of the first. 0, or -11.
+std::int32_t ssc_sdn_del_app_records(std::uint64_t flow_index, std::uint32_t vsd_id);
 
 // Tells the controller side that a flow failed. The code itself stays here: 14 and -14 become "out of resources", everything else
 // "failed". Any thread.
