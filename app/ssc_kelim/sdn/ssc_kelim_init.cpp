@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstring>
 #include <span>
-#include <utility>
 
 #include "kelim/common/kelim_debug.h"
 #include "southbound.h"
@@ -42,12 +41,21 @@ struct Copy {
   void (*release)(void *data);
 };
 
+// Slots of sdn_opt_cnt.
+struct Counters {
+  unsigned received = kNone;
+  unsigned failed = kNone;            // refused or out of memory
+  unsigned failed_hand_over = kNone;  // not queued
+};
+
+constexpr Counters counters_of(sdn_opt_group group) {
+  return {group + SDN_OPT_RECEIVED, group + SDN_OPT_FAILED, group + SDN_OPT_FAILED};
+}
+
 struct Intake {
   const char *name;
   libss_pthrd_handler handler;
-  unsigned received = kNone;          // slots of sdn_opt_cnt
-  unsigned failed = kNone;            // refused or out of memory
-  unsigned failed_hand_over = kNone;  // not queued
+  Counters counters = {};
   unsigned timing = kNone;
 
   void (*arrived)(const Request &) = nullptr;
@@ -109,7 +117,7 @@ std::int32_t hand_over(const Request &request, void *data) {
   }
   SDN_LOG_AS(*intake.hand_over_fault, intake.name, "ssc sdn add main pthread fail!\n");
   if (intake.copy != nullptr) intake.copy->release(data);
-  count(intake.failed_hand_over);
+  count(intake.counters.failed_hand_over);
   reply(request, -11);
   return -11;
 }
@@ -117,11 +125,11 @@ std::int32_t hand_over(const Request &request, void *data) {
 std::int32_t take_in(const Intake &intake, std::uint32_t vsd_id, const void *msg, std::uint32_t len) {
   const Request request{intake, vsd_id, msg, len};
   if (intake.arrived != nullptr) intake.arrived(request);
-  count(intake.received);
+  count(intake.counters.received);
   if (intake.timing != kNone) ssc_sdn_time_start(intake.timing);
 
   if (const std::int32_t code = check(request); code != 0) {
-    count(intake.failed);
+    count(intake.counters.failed);
     return code;
   }
   if (intake.accepted != nullptr) intake.accepted(request);
@@ -129,7 +137,7 @@ std::int32_t take_in(const Intake &intake, std::uint32_t vsd_id, const void *msg
   void *data;
   if (!copy_request(request, data)) {
     SDN_LOG_AS(*intake.fault, intake.name, "%s", intake.no_memory);
-    count(intake.failed);
+    count(intake.counters.failed);
     reply(request, -2);
     return -2;
   }
@@ -233,9 +241,7 @@ void dump_match(const Request &request) {
 constexpr Intake kAddFlow = {
     .name = "ssc_sdn_add_flow_msg",
     .handler = ssc_sdn_add_flow_handler,
-    .received = SDN_OPT_FLOW_ADD + SDN_OPT_RECEIVED,
-    .failed = SDN_OPT_FLOW_ADD + SDN_OPT_FAILED,
-    .failed_hand_over = SDN_OPT_FLOW_ADD + SDN_OPT_FAILED,
+    .counters = counters_of(SDN_OPT_FLOW_ADD),
     .timing = SDN_TIME_ADD_FLOW,
     .arrived = log_from_pi,
     .refused = [](const Request &request) -> std::int32_t {
@@ -263,9 +269,7 @@ constexpr Intake kAddFlow = {
 constexpr Intake kDelFlow = {
     .name = "ssc_sdn_del_flow_msg",
     .handler = ssc_sdn_del_flow_handler,
-    .received = SDN_OPT_FLOW_DEL + SDN_OPT_RECEIVED,
-    .failed = SDN_OPT_FLOW_DEL + SDN_OPT_FAILED,
-    .failed_hand_over = SDN_OPT_FLOW_DEL + SDN_OPT_FAILED,
+    .counters = counters_of(SDN_OPT_FLOW_DEL),
     .timing = SDN_TIME_DEL_FLOW,
     .arrived = log_from_pi,
     .refused = [](const Request &request) -> std::int32_t {
@@ -297,7 +301,7 @@ std::int32_t refuse_meter(const Request &request) {
 constexpr Intake kAddMeter = {
     .name = "ssc_sdn_add_meter_msg",
     .handler = ssc_sdn_add_meter_handler,
-    .received = SDN_OPT_METER_ADD + SDN_OPT_RECEIVED,
+    .counters = {.received = SDN_OPT_METER_ADD + SDN_OPT_RECEIVED},
     .timing = SDN_TIME_ADD_METER,
     .arrived = log_from_pi,
     .refused = refuse_meter,
@@ -320,9 +324,7 @@ constexpr Intake kAddMeter = {
 constexpr Intake kDelMeter = {
     .name = "ssc_sdn_del_meter_msg",
     .handler = ssc_sdn_del_meter_handler,
-    .received = SDN_OPT_METER_DEL + SDN_OPT_RECEIVED,
-    .failed = SDN_OPT_METER_DEL + SDN_OPT_FAILED,
-    .failed_hand_over = SDN_OPT_METER_DEL + SDN_OPT_FAILED,
+    .counters = counters_of(SDN_OPT_METER_DEL),
     .timing = SDN_TIME_DEL_METER,
     .arrived = log_from_pi,
     .refused = refuse_meter,
@@ -335,43 +337,30 @@ constexpr Intake kDelMeter = {
     .done = "leave",
 };
 
-constexpr Intake kEnable = {
-    .name = "ssc_sdn_enable_msg",
-    .handler = ssc_sdn_enable_msg_handler,
-    .received = SDN_OPT_ENABLE + SDN_OPT_RECEIVED,
-    .failed = SDN_OPT_ENABLE + SDN_OPT_FAILED,
-    .failed_hand_over = SDN_OPT_ENABLE + SDN_OPT_FAILED,
-    .timing = SDN_TIME_ENABLE,
-    .arrived = log_from_pi,
-    .accepted = log_request,
-    .copy = &kPlainCopy,
-    .copy_at_least = southbound::kHeaderLen,
-    .timed_before_fill = true,
-    .done = "leave",
-};
-
-constexpr Intake kDisable = {
-    .name = "ssc_sdn_disable_msg",
-    .handler = ssc_sdn_disable_msg_handler,
-    .received = SDN_OPT_DISABLE + SDN_OPT_RECEIVED,
-    .failed = SDN_OPT_DISABLE + SDN_OPT_FAILED,
-    .failed_hand_over = SDN_OPT_DISABLE + SDN_OPT_FAILED,
-    .timing = SDN_TIME_DISABLE,
-    .arrived = log_from_pi,
-    .accepted = log_request,
-    .copy = &kPlainCopy,
-    .copy_at_least = southbound::kHeaderLen,
-    .timed_before_fill = true,
-    .done = "leave",
-};
+// Open and close messages differ in their counters only.
+constexpr Intake connection_intake(const char *name, libss_pthrd_handler handler, sdn_opt_group group, sdn_time_slot timing) {
+  return {
+      .name = name,
+      .handler = handler,
+      .counters = counters_of(group),
+      .timing = timing,
+      .arrived = log_from_pi,
+      .accepted = log_request,
+      .copy = &kPlainCopy,
+      .copy_at_least = southbound::kHeaderLen,
+      .timed_before_fill = true,
+      .done = "leave",
+  };
+}
+constexpr Intake kEnable = connection_intake("ssc_sdn_enable_msg", ssc_sdn_enable_msg_handler, SDN_OPT_ENABLE, SDN_TIME_ENABLE);
+constexpr Intake kDisable =
+    connection_intake("ssc_sdn_disable_msg", ssc_sdn_disable_msg_handler, SDN_OPT_DISABLE, SDN_TIME_DISABLE);
 
 // Refused barriers are traced under the barrier switch only.
 constexpr Intake kBarrier = {
     .name = "ssc_sdn_barrier_msg",
     .handler = ssc_sdn_add_barrier_handler,
-    .received = SDN_OPT_BARRIER + SDN_OPT_RECEIVED,
-    .failed = SDN_OPT_BARRIER + SDN_OPT_FAILED,
-    .failed_hand_over = SDN_OPT_BARRIER + SDN_OPT_FAILED,
+    .counters = counters_of(SDN_OPT_BARRIER),
     .copy = &kPlainCopy,
     .copy_at_least = southbound::kBarrierLen,
     .fault = &kelim::kBarrier,
@@ -381,9 +370,7 @@ constexpr Intake kBarrier = {
 constexpr Intake kDelAllFlow = {
     .name = "ssc_sdn_del_all_flow",
     .handler = ssc_sdn_del_all_flow_handler,
-    .received = SDN_OPT_DEL_ALL_FLOW + SDN_OPT_RECEIVED,
-    .failed = SDN_OPT_DEL_ALL_FLOW + SDN_OPT_FAILED,
-    .failed_hand_over = SDN_OPT_DEL_ALL_FLOW + SDN_OPT_FAILED,
+    .counters = counters_of(SDN_OPT_DEL_ALL_FLOW),
     .timing = SDN_TIME_DEL_ALL_FLOW,
     .arrived = log_from_pi,
 };
@@ -391,8 +378,7 @@ constexpr Intake kDelAllFlow = {
 constexpr Intake kDelAll = {
     .name = "ssc_sdn_del_all_msg",
     .handler = ssc_sdn_del_all_handler,
-    .received = SDN_OPT_DEL_ALL + SDN_OPT_RECEIVED,
-    .failed_hand_over = SDN_OPT_DEL_ALL + SDN_OPT_FAILED,
+    .counters = {.received = SDN_OPT_DEL_ALL + SDN_OPT_RECEIVED, .failed_hand_over = SDN_OPT_DEL_ALL + SDN_OPT_FAILED},
     .arrived =
         [](const Request &request) {
           log_from_pi(request);
@@ -404,9 +390,7 @@ constexpr Intake kDelAll = {
 constexpr Intake kDsStart = {
     .name = "ssc_sdn_ds_recv_start_sig",
     .handler = ssc_sdn_ds_recv_start_handler,
-    .received = SDN_OPT_DS_START + SDN_OPT_RECEIVED,
-    .failed = SDN_OPT_DS_START + SDN_OPT_FAILED,
-    .failed_hand_over = SDN_OPT_DS_START + SDN_OPT_FAILED,
+    .counters = counters_of(SDN_OPT_DS_START),
     .timing = SDN_TIME_DS_START,
     .arrived =
         [](const Request &request) { SDN_VER_AS(request.intake.name, "FROM PI, length is %d", static_cast<int>(request.len)); },
@@ -417,9 +401,7 @@ constexpr Intake kDsStart = {
 constexpr Intake kDsEnd = {
     .name = "ssc_sdn_ds_recv_end_sig",
     .handler = ssc_sdn_ds_recv_end_handler,
-    .received = SDN_OPT_DS_END + SDN_OPT_RECEIVED,
-    .failed = SDN_OPT_DS_END + SDN_OPT_FAILED,
-    .failed_hand_over = SDN_OPT_DS_END + SDN_OPT_FAILED,
+    .counters = counters_of(SDN_OPT_DS_END),
     .timing = SDN_TIME_DS_END,
     .arrived = log_from_pi,
     .done = "LEAVE",
@@ -428,9 +410,7 @@ constexpr Intake kDsEnd = {
 constexpr Intake kStatistic = {
     .name = "ssc_sdn_statistic_msg",
     .handler = ssc_sdn_get_statistic_val_handler,
-    .received = SDN_OPT_STATISTIC + SDN_OPT_RECEIVED,
-    .failed = SDN_OPT_STATISTIC + SDN_OPT_FAILED,
-    .failed_hand_over = SDN_OPT_STATISTIC + SDN_OPT_FAILED,
+    .counters = counters_of(SDN_OPT_STATISTIC),
     .timing = SDN_TIME_STATISTIC,
     .refused = [](const Request &request) -> std::int32_t {
       if (fits(request, southbound::kStatRequestLen)) return 0;
@@ -462,37 +442,26 @@ std::int32_t refuse_onc(const Request &request) {
   return -4;
 }
 
-constexpr Intake kAddOnc = {
-    .name = "ssc_sdn_add_onc_msg",
-    .handler = ssc_sdn_add_onc_handler,
-    .received = SDN_OPT_ONC_ADD + SDN_OPT_RECEIVED,
-    .failed = SDN_OPT_ONC_ADD + SDN_OPT_FAILED,
-    .failed_hand_over = SDN_OPT_ONC_ADD + SDN_OPT_FAILED,
-    .arrived = log_from_pi,
-    .refused = refuse_onc,
-    .accepted = log_request,
-    .copy = &kPlainCopy,
-    .done = "leave",
-};
-
-constexpr Intake kDelOnc = {
-    .name = "ssc_sdn_del_onc_msg",
-    .handler = ssc_sdn_del_onc_handler,
-    .received = SDN_OPT_ONC_DEL + SDN_OPT_RECEIVED,
-    .failed = SDN_OPT_ONC_DEL + SDN_OPT_FAILED,
-    .failed_hand_over = SDN_OPT_ONC_DEL + SDN_OPT_FAILED,
-    .arrived = log_from_pi,
-    .refused = refuse_onc,
-    .accepted = log_request,
-    .copy = &kPlainCopy,
-    .done = "leave",
-};
+constexpr Intake onc_intake(const char *name, libss_pthrd_handler handler, sdn_opt_group group) {
+  return {
+      .name = name,
+      .handler = handler,
+      .counters = counters_of(group),
+      .arrived = log_from_pi,
+      .refused = refuse_onc,
+      .accepted = log_request,
+      .copy = &kPlainCopy,
+      .done = "leave",
+  };
+}
+constexpr Intake kAddOnc = onc_intake("ssc_sdn_add_onc_msg", ssc_sdn_add_onc_handler, SDN_OPT_ONC_ADD);
+constexpr Intake kDelOnc = onc_intake("ssc_sdn_del_onc_msg", ssc_sdn_del_onc_handler, SDN_OPT_ONC_DEL);
 
 // Deliberate: a signal that cannot be queued counts as a failed delete-all; operators look for it there.
 constexpr Intake kPacketSignal = {
     .name = "ssc_sdn_pkt_start_msg",
     .handler = ssc_sdn_pkt_start_handler,
-    .failed_hand_over = SDN_OPT_DEL_ALL + SDN_OPT_FAILED,
+    .counters = {.failed_hand_over = SDN_OPT_DEL_ALL + SDN_OPT_FAILED},
     .needs_msg = false,
     .refused = [](const Request &request) -> std::int32_t {
       const std::uint16_t type = packet_signal(request);
@@ -598,11 +567,6 @@ std::int32_t ssc_kelim_init(qx_global *global) {
 
 void ssc_kelim_init_reset_for_tests() {
   g_ssc_kelim_global = nullptr;
-  // A waiting job would be freed without its message.
-  libss_pthrd_tranv_node(ssc_sdn_mst, [](libss_pthrd_hdl *hdl) {
-    for (const Intake *intake : {&kAddFlow, &kDelFlow, &kAddMeter, &kDelMeter})
-      if (hdl->handler == intake->handler) intake->copy->release(std::exchange(hdl->data, nullptr));
-  });
   libss_pthrd_destroy_mst(ssc_sdn_mst);
   ssc_sdn_main_pthrd_handler();
 }
