@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "kelim/common/kelim_debug.h"
 #include "of_ss.h"
@@ -68,6 +69,10 @@ struct pack_list : pack_link {
       unlink(buffer);
       append(buffer);
     }
+  }
+  void free_all() {
+    for (pack_link *link = next; link != this;) ssc_sdn_free(static_cast<pack_buffer *>(std::exchange(link, link->next)));
+    next = prev = this;
   }
 };
 
@@ -245,9 +250,5 @@ void ssc_kelim_adapt_reset_for_tests() {
     g_ssc_sdn_pack_max_cell_num = kDefaultCells;
   }
   const kelim::Lock lock(g_ssc_sdn_pack_mutex);
-  while (!g_ssc_sdn_pack_lst_head.empty()) {
-    pack_buffer *buffer = g_ssc_sdn_pack_lst_head.first();
-    pack_list::unlink(buffer);
-    ssc_sdn_free(buffer);
-  }
+  g_ssc_sdn_pack_lst_head.free_all();
 }

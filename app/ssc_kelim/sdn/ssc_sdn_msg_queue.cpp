@@ -59,6 +59,12 @@ class Index {
     if (--count_ < size() / 8 && bits_ > kFewBits) rebuild(bits_ - 1);
   }
 
+  // The queue's list is empty.
+  void clear() {
+    rebuild(kFewBits);
+    count_ = 0;
+  }
+
  private:
   static constexpr unsigned kFewBits = 6;
 
@@ -158,6 +164,15 @@ struct State {
   Cursor plain_flow;         // behind the first data-sync flow
   Cursor unset[kDsClasses];  // data-sync flows of a class whose status is not set
 
+  // The queue's list is empty.
+  void start_anew() {
+    index.clear();
+    head = {};
+    tail_segment = next_sequence = 0;
+    ds_flow = plain_flow = {};
+    std::fill(std::begin(unset), std::end(unset), Cursor{});
+  }
+
   // No cursor may rest on a node that leaves.
   void step_back(const Node *node) {
     const auto leave = [node](Cursor &cursor) {
@@ -192,7 +207,7 @@ void link_at_tail(Node *node) {
 void detach(Node *node) {
   if (node->type != SDN_BARRIER) {
     if (g_state.head.holds(*node)) g_state.head.on_pop(node);
-  } else if (node == front()) {
+  } else if (node->prev == &g_ssc_sdn_msg_queue) {
     g_state.head.begin(node->segment);
   } else {
     join_segments(*node);
@@ -246,12 +261,11 @@ void traverse_from_head() {
 }
 
 // Allocates a payload and queues a node that owns it.
-template <typename LogFailure>
 std::int32_t queue_with_payload(const char *name, std::uint32_t type, std::uint64_t msg_id, std::uint32_t ds_type,
-                                const void *bytes, std::size_t size, LogFailure log_no_payload) {
+                                const void *bytes, std::size_t size, const char *no_memory) {
   void *payload = ssc_sdn_malloc(size, name, __LINE__);
   if (payload == nullptr) {
-    log_no_payload();
+    SDN_ERROR_AS(name, "%s", no_memory);
     return -2;
   }
   Node *node = ssc_sdn_msg_queue_push_msg_node(static_cast<std::int32_t>(type), msg_id, ds_type);
@@ -266,10 +280,13 @@ std::int32_t queue_with_payload(const char *name, std::uint32_t type, std::uint6
 }
 
 void drop_all() {
-  while (Node *node = front()) {
-    detach(node);
+  Node *next;
+  for (Node *node = front(); node != nullptr; node = next) {
+    next = node_of(node->next);
     free_node(node);
   }
+  g_ssc_sdn_msg_queue = {&g_ssc_sdn_msg_queue, &g_ssc_sdn_msg_queue};
+  g_state.start_anew();
 }
 
 }  // namespace
@@ -304,14 +321,14 @@ ssc_sdn_msg_queue_node *ssc_sdn_msg_queue_push_msg_node(std::int32_t type, std::
 std::int32_t ssc_sdn_msg_queue_alloc_flow_msg_node(const void *flow, std::uint32_t ds_type) {
   const auto flow_index = southbound::get<std::uint64_t>(flow, southbound::kFlowIndex);
   return queue_with_payload(__func__, SDN_ADD_FLOW_MSG, flow_index, ds_type, &flow_index, sizeof flow_index,
-                            [name = __func__] { SDN_ERROR_AS(name, "malloc flow msg node, error!"); });
+                            "malloc flow msg node, error!");
 }
 
 std::int32_t ssc_sdn_msg_queue_alloc_barrier_msg_node(const void *barrier) {
   constexpr std::uint32_t kBarrierClass = 2;
   const auto xid = southbound::get<std::uint32_t>(barrier, southbound::kBarrierXid);
   return queue_with_payload(__func__, SDN_BARRIER, xid, kBarrierClass, barrier, southbound::kBarrierLen,
-                            [name = __func__] { SDN_ERROR_AS(name, "malloc barrier msg node, error!"); });
+                            "malloc barrier msg node, error!");
 }
 
 std::int32_t ssc_sdn_msg_queue_update_msg_node(std::uint32_t type, std::uint64_t msg_id, std::uint32_t ret_val) {
@@ -380,11 +397,13 @@ void ssc_sdn_msg_queue_destory_flow_msg_node(std::uint64_t msg_id) {
 
 void ssc_sdn_msg_queue_destory_all_flow_msg_node() {
   ssc_sdn_assert_main_thread();
-  while (Node *node = front()) ssc_sdn_msg_queue_pop_msg_node(node);
+  Node *next;
+  for (Node *node = front(); node != nullptr; node = next) {
+    next = node_of(node->next);
+    ssc_sdn_msg_queue_pop_msg_node(node);
+  }
 }
 
 void ssc_sdn_msg_queue_reset_for_tests() {
   drop_all();
-  g_state.head = {};
-  g_state.tail_segment = 0;
 }
