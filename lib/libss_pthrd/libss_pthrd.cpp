@@ -1,5 +1,6 @@
 #include "libss_pthrd.h"
 
+#include <bit>
 #include <cstdio>
 #include <cstdlib>
 #include <new>
@@ -28,8 +29,8 @@ libss_pthrd_hdl *take_head(libss_pthrd_mst &mst) {
   auto *node = static_cast<libss_pthrd_hdl *>(mst.head.next);
   mst.head.next = node->next;
   node->next->prev = &mst.head;
-  node->next = reinterpret_cast<libss_pthrd_link *>(kLibssPthrdPoisonNext);
-  node->prev = reinterpret_cast<libss_pthrd_link *>(kLibssPthrdPoisonPrev);
+  node->next = std::bit_cast<libss_pthrd_link *>(kLibssPthrdPoisonNext);
+  node->prev = std::bit_cast<libss_pthrd_link *>(kLibssPthrdPoisonPrev);
   --mst.count;
   return node;
 }

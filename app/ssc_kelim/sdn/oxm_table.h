@@ -21,10 +21,10 @@
 
 struct oxm_row {
   std::uint32_t header;
-  std::uint64_t field_bits;  // flow_field_e bits that it sets
-  std::uint64_t rule_bits;   // flow_ace_rule_e bit that it sets
   bool dumped;               // the dump of flows knows it
   bool stored;               // false: walked over
+  std::uint64_t field_bits;  // flow_field_e bits that it sets
+  std::uint64_t rule_bits;   // flow_ace_rule_e bit that it sets
   void (*store)(flow_description &, const std::byte *payload);
   flow_members::ops<SPolicyKelim__FlowField> field;    // where the field lies in flow_field
   flow_members::ops<SPolicyKelim__FlowAceField> rule;  // and in flow_ace_field
@@ -111,17 +111,17 @@ using ipv6_exthdr = match_field<&N::next_header, &N::next_header_mask, nullptr, 
 
 template <std::uint32_t Header, typename Field>
 consteval oxm_row row(std::uint64_t field_bits, std::uint64_t rule_bits, bool dumped) {
-  return {Header, field_bits, rule_bits, dumped, true, Field::template stored_by<Header>, Field::field(), Field::rule()};
+  return {Header, dumped, true, field_bits, rule_bits, Field::template stored_by<Header>, Field::field(), Field::rule()};
 }
 
 // A field that is walked over without being looked at.
 template <std::uint32_t Header>
 consteval oxm_row skipped(bool dumped) {
   return {Header,
-          0,
-          0,
           dumped,
           false,
+          0,
+          0,
           [](flow_description &, const std::byte *) {},
           flow_members::kNothing<SPolicyKelim__FlowField>,
           flow_members::kNothing<SPolicyKelim__FlowAceField>};

@@ -1,7 +1,7 @@
 // Where a data synchronisation stands.
 //
 // At its start every flow and meter record is put on a short expiry. Flows that are written again survive with their tag; the
-// rest of a kind is deleted by tag once the end has been signalled, or the kind's queued work has drained. Kind 0 are the flows
+// rest of a kind is deleted by tag once the end has been signalled and the kind's queued work has drained. Kind 0 are the flows
 // written from flow-mods (tag 1), kind 1 those written from service-chain applications' answers (tag 2).
 //
 // Thread: main SDN thread.

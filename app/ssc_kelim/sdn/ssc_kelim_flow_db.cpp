@@ -46,7 +46,7 @@ void mark_live(std::uint32_t *flags, std::uint32_t bucket) {
 }
 
 constexpr std::uint32_t upper_bound_of(std::uint32_t buckets) {
-  return static_cast<std::uint32_t>(buckets * 0.77 + 0.5);
+  return static_cast<std::uint32_t>((std::uint64_t{buckets} * 77 + 50) / 100);  // 0.77 of them, rounded
 }
 
 // ---- key
@@ -152,7 +152,8 @@ void move_node(flow_info_hash &hash, std::uint32_t from, std::uint32_t *new_flag
 }
 
 bool resize_keys(flow_info_hash &hash, std::uint32_t buckets) {
-  void *keys = std::realloc(hash.keys, buckets * sizeof *hash.keys);
+  // NOLINTNEXTLINE(bugprone-sizeof-expression): an array of pointers
+  void *keys = std::realloc(hash.keys, buckets * sizeof(flow_info_node *));
   if (keys) hash.keys = static_cast<flow_info_node **>(keys);
   return keys != nullptr;
 }
