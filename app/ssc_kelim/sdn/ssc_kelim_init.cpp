@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <span>
+#include <utility>
 
 #include "kelim/common/kelim_debug.h"
 #include "southbound.h"
@@ -567,6 +568,11 @@ std::int32_t ssc_kelim_init(qx_global *global) {
 
 void ssc_kelim_init_reset_for_tests() {
   g_ssc_kelim_global = nullptr;
+  // A waiting job would be freed without its message.
+  libss_pthrd_tranv_node(ssc_sdn_mst, [](libss_pthrd_hdl *hdl) {
+    for (const Intake *intake : {&kAddFlow, &kDelFlow, &kAddMeter, &kDelMeter})
+      if (hdl->handler == intake->handler) intake->copy->release(std::exchange(hdl->data, nullptr));
+  });
   libss_pthrd_destroy_mst(ssc_sdn_mst);
   ssc_sdn_main_pthrd_handler();
 }

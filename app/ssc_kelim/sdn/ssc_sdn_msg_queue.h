@@ -25,7 +25,7 @@ struct ssc_sdn_msg_queue_node : ssc_sdn_msg_queue_link {
 
   // The queue's own bookkeeping.
   std::uint32_t sequence;               // order of arrival, modulo 2^32
-  std::uint32_t segment;                // barriers up to and including this node since the process began, modulo 2^32
+  std::uint32_t segment;                // stretch between two barriers that it stands in; a barrier begins one
   ssc_sdn_msg_queue_node *bucket_next;  // ring of the nodes in one hash bucket, in order of arrival
 };
 

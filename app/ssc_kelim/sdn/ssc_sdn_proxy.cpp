@@ -162,7 +162,7 @@ std::int32_t libproxy_fp_sdn_dep_init(qx_global *global) {
 
 // Anything but command 0 deletes; a message too short to have a command goes the way of an add, which refuses and answers it.
 int libproxy_fp_sdn_op_flow(void *msg) {
-  if (kelim::kNotice.enabled()) PROXY_NOTICE("%d", libproxy_fp_sdn_dump_flow(msg));
+  PROXY_NOTICE("%d", libproxy_fp_sdn_dump_flow(msg));  // dumps only where the line is logged
   if (field<std::uint8_t>(msg, southbound::kFlowCommand) == southbound::kFlowAdd) {
     libproxy_fp_sdn_add_flow(msg);
   } else {

@@ -115,7 +115,7 @@ inline kelim::Word<qx_zlog_category *> g_policy_error_zlog_category{nullptr};
 
 namespace kelim {
 
-// Where a line comes from. The strings are literals.
+// Where a line comes from: file (under the source root), function, line. The strings are literals.
 struct LogSite {
   const char *file;
   const char *func;
