@@ -30,8 +30,9 @@ enum PortReason : std::uint8_t { kPortAdded = 0, kPortDeleted = 1, kPortModified
 
 // ---- life
 
-Agent::Agent(const Callbacks &callbacks, Inbox &inbox, Settings settings)
+Agent::Agent(const Callbacks &callbacks, Inbox &inbox, Settings settings, LookUp look_up)
     : settings_(std::move(settings)),
+      look_up_(std::move(look_up)),
       inbox_(inbox),
       flows_(callbacks, *this, settings_.flows),
       meters_(flows_),
@@ -459,13 +460,23 @@ void Agent::ask_daemon_to_turn() {
 
 void Agent::tick() {
   new_turn();
-  if (refresh_xid_ && now_ns_ >= refresh_until_ns_) counters_are_there();
-  flows_.check_deadlines(now_ns_, daemon_turned_->exchange(false));
-  resume_waiting();
+  check_deadlines(daemon_turned_->exchange(false));
   ticking_ = any_needs_ticks();
   if (!ticking_) return;
   ask_daemon_to_turn();
   event_add(tick_event_.get(), &kTick);
+}
+
+void Agent::check_deadlines(bool daemon_turns) {
+  if (refresh_xid_ && now_ns_ >= refresh_until_ns_) counters_are_there();
+  flows_.check_deadlines(now_ns_, daemon_turns);
+  resume_waiting();
+}
+
+void Agent::run_timers() {
+  new_turn();
+  check_deadlines(true);
+  second();
 }
 
 void Agent::second() {

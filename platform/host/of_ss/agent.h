@@ -40,7 +40,10 @@ struct RefusalRecord {
 class Agent final : private FlowEvents, private ConnectionEvents {
  public:
   // `callbacks` and `inbox`, through which the daemon answers, outlive the agent.
-  Agent(const Callbacks &callbacks, Inbox &inbox, Settings settings);
+  // `look_up` is called on the openflow thread with indexes of flows and has overdue_checked called later with those that are
+  // installed.
+  using LookUp = std::function<void(std::vector<std::uint64_t> indexes)>;
+  Agent(const Callbacks &callbacks, Inbox &inbox, Settings settings, LookUp look_up);
   ~Agent();
   Agent(const Agent &) = delete;
   Agent &operator=(const Agent &) = delete;
@@ -56,8 +59,14 @@ class Agent final : private FlowEvents, private ConnectionEvents {
 
   // ---- any thread
 
+  void overdue_checked(std::vector<std::uint64_t> installed) {
+    inbox_.post([this, found = std::move(installed)] { flows_.overdue_checked(found, now_ns_); });
+  }
   // Runs `work` on the openflow thread and waits for it, not longer than a few seconds. False when it has not run.
   bool run(std::function<void(Agent &)> work);
+
+  // ---- for tests, on the openflow thread: the periodic work, with the daemon's loop taken as turning
+  void run_timers();
 
   // ---- for the protocol
 
@@ -96,6 +105,7 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   void flow_failed(const Origin &origin, const Error &error, Bytes request) override;
   void flow_removed(const FlowEntry &flow, RemovedReason reason) override;
   void barrier_answered(const Origin &origin) override;
+  void overdue(std::vector<std::uint64_t> indexes) override { look_up_(std::move(indexes)); }
   // ConnectionEvents
   void up(Connection &connection) override;
   void message(Connection &connection, Bytes message) override;
@@ -124,6 +134,7 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   void resume_waiting();
   void tick();
   void second();
+  void check_deadlines(bool daemon_turns);
   void ask_daemon_to_turn();
   bool any_needs_ticks() const;
   void accept(BuffereventOwner bev, Peer peer, Dialer *dialer);
@@ -139,6 +150,7 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   void counters_are_there();
 
   const Settings settings_;
+  const LookUp look_up_;
   Inbox &inbox_;
   Flows flows_;
   Meters meters_;

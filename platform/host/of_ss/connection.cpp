@@ -144,7 +144,7 @@ void Connection::take_messages() {
       if (there < kOfHeader) break;
       const auto *header = reinterpret_cast<const std::byte *>(evbuffer_pullup(input, kOfHeader));
       const std::size_t length = length_of(Bytes(header, kOfHeader));
-      if (bad_length(Bytes(header, kOfHeader)) || there < length) break;
+      if (bad_header(Bytes(header, kOfHeader)) || there < length) break;
       taken =
           take_chunk(Bytes(reinterpret_cast<const std::byte *>(evbuffer_pullup(input, static_cast<ssize_t>(length))), length));
     }
@@ -169,7 +169,7 @@ std::size_t Connection::take_chunk(Bytes chunk) {
   std::size_t at = 0;
   while (chunk.size() - at >= kOfHeader) {
     const Bytes rest = chunk.subspan(at);
-    if (bad_length(rest) || rest.size() < length_of(rest)) break;
+    if (bad_header(rest) || rest.size() < length_of(rest)) break;
     if (phase_ == Phase::up && !events_.may_take(*this)) {
       waiting_ = true;
       break;
@@ -200,20 +200,22 @@ bool Connection::take_one(Bytes message, bool scanned) {
   return phase_ < Phase::closing;
 }
 
-// Whether the header names a length that no message has; the connection ends then, because the next header cannot be found.
-bool Connection::bad_length(Bytes header) {
-  if (length_of(header) >= kOfHeader) return false;
-  if (phase_ == Phase::hello) {
+// Whether the header cannot be one: its length is none that a message has, or the first message is not HELLO. The connection ends
+// then, because the next header cannot be found, or because the peer speaks something else and its "length" is not to be waited
+// for.
+bool Connection::bad_header(Bytes header) {
+  const bool too_short = length_of(header) < kOfHeader;
+  if (phase_ == Phase::hello && (too_short || be8(header, kOfType) != kHello)) {
     refuse_version("the first message is not HELLO");
-  } else {
-    send_error(err::kBadLen, header.first(kOfHeader));
-    close("a message says that it is shorter than its header");
+    return true;
   }
+  if (!too_short) return false;
+  send_error(err::kBadLen, header.first(kOfHeader));
+  close("a message says that it is shorter than its header");
   return true;
 }
 
 void Connection::take_hello(Bytes message) {
-  if (be8(message, kOfType) != kHello) return refuse_version("the first message is not HELLO");
   if (!offers_our_version(message)) return refuse_version("this switch speaks OpenFlow 1.3 (version 4) only");
   phase_ = Phase::up;
   events_.up(*this);

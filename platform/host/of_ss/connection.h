@@ -110,7 +110,7 @@ class Connection {
   void take_hello(Bytes message);
   void take_echo(Bytes message, bool scanned);
   void answer_waiting_echoes();
-  bool bad_length(Bytes header);
+  bool bad_header(Bytes header);
   void refuse_version(const char *why);
   void event(short what);
   void written();

@@ -1,6 +1,7 @@
 #include "host/of_ss/flows.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace host::of_ss {
 namespace {
@@ -323,21 +324,45 @@ void Flows::check_deadlines(std::int64_t now, bool daemon_turns) {
     return;
   }
   if (patience_ns_ - progress_ns_ < limits_.decide_timeout_ns) return;
-  const auto overdue = [this, now](const auto *sent) { return sent && now - sent->since_ns >= limits_.decide_timeout_ns; };
-  const std::uint64_t segment = ledger_.front_barrier() ? ledger_.front_barrier()->number : ~std::uint64_t{0};
-  bool given_up = false;
-  for (; overdue(ledger_.front()) && ledger_.front()->number <= segment; given_up = true)
-    ledger_.release_front([this](const Pending &pending) { give_up(pending); });
-  // Nothing to give up, and still no answer to a barrier that asks for nothing but deletes: it is lost, and nobody waits for
-  // ever.
-  if (!given_up && overdue(ledger_.front_barrier())) {
-    ++counters_.lost_barriers;
+  progress_ns_ = patience_ns_;
+  // A question that has not been answered in all this time is not waited for any longer.
+  if (asked_up_to_) return overdue_checked({}, now);
+  if (auto indexes = overdue_adds(now); !indexes.empty()) return events_.overdue(std::move(indexes));
+  give_up_barriers(now);
+  fence(now);
+}
+
+// The adds before the first barrier that is not answered: one of them holds it back, and only a look elsewhere can tell which.
+std::vector<std::uint64_t> Flows::overdue_adds(std::int64_t now) {
+  const std::uint64_t last = ledger_.front_barrier() ? ledger_.front_barrier()->number : ~std::uint64_t{0};
+  std::vector<std::uint64_t> indexes;
+  ledger_.for_each([this, now, last, &indexes](const Pending &pending) {
+    if (pending.number > last || !is_overdue(&pending, now)) return false;
+    indexes.push_back(pending.index);
+    asked_up_to_ = pending.number;
+    return true;
+  });
+  return indexes;
+}
+
+void Flows::overdue_checked(const std::vector<std::uint64_t> &installed, std::int64_t now) {
+  const std::uint64_t last = std::exchange(asked_up_to_, 0);
+  while (ledger_.front() && ledger_.front()->number <= last)
+    ledger_.release_front([this, now, &installed](const Pending &pending) {
+      if (std::binary_search(installed.begin(), installed.end(), pending.index))
+        decided(pending, now);
+      else
+        give_up(pending);
+    });
+  if (last) fence(now);
+}
+
+// Nothing but deletes is before these barriers, and still there is no answer: they are lost, and nobody waits for ever.
+void Flows::give_up_barriers(std::int64_t now) {
+  for (; is_overdue(ledger_.front_barrier(), now); ++counters_.lost_barriers)
     ledger_.barrier_replied(
         ledger_.front_barrier()->tag, [](const Pending &) {},
         [this](const SentBarrier &sent) { events_.barrier_answered(sent.origin); });
-  }
-  progress_ns_ = patience_ns_;
-  fence(now);
 }
 
 void Flows::give_up(const Pending &pending) {

@@ -27,6 +27,9 @@ class FlowEvents {
   virtual void flow_removed(const FlowEntry &flow, RemovedReason reason) = 0;
   // Generation 0: a barrier of the flows' own, with the number that fence gave.
   virtual void barrier_answered(const Origin &origin) = 0;
+  // No barrier has told of these adds within the time there is. Flows::overdue_checked is to be told which of them are installed
+  // for all that is known elsewhere; the others are then given up.
+  virtual void overdue(std::vector<std::uint64_t> indexes) = 0;
 
  protected:
   ~FlowEvents() = default;
@@ -90,6 +93,8 @@ class Flows {
   // To be called about every 100 ms: deadlines. `daemon_turns` says that the daemon's loop has turned since the call before;
   // while it has not, no time is held against it.
   void check_deadlines(std::int64_t now, bool daemon_turns);
+  // The answer to FlowEvents::overdue: the indexes, ascending, of those that are installed.
+  void overdue_checked(const std::vector<std::uint64_t> &installed, std::int64_t now);
   // To be called about every second: idle and hard timeouts.
   void check_timeouts(std::int64_t now);
   bool needs_deadlines() const { return ledger_.outstanding() > 0; }
@@ -126,7 +131,13 @@ class Flows {
   void decided(const Pending &pending, std::int64_t now);
   void fail(FlowEntry &flow, const Error &error);
   void failed_late(FlowEntry &flow, std::int64_t now);
+  template <typename Sent>
+  bool is_overdue(const Sent *sent, std::int64_t now) const {
+    return sent && now - sent->since_ns >= limits_.decide_timeout_ns;
+  }
+  std::vector<std::uint64_t> overdue_adds(std::int64_t now);
   void give_up(const Pending &pending);
+  void give_up_barriers(std::int64_t now);
   void check_timeout(FlowEntry &flow, std::int64_t now);
 
   Handover handover_;
@@ -141,6 +152,7 @@ class Flows {
   // The clock that deadlines run on: it stands while the daemon's loop does not turn.
   std::int64_t patience_ns_ = 0, checked_ns_ = 0, progress_ns_ = 0;
   std::uint64_t progress_ = 0;
+  std::uint64_t asked_up_to_ = 0;  // the last hand-over that FlowEvents::overdue has been asked about, 0 while nothing is asked
   std::vector<std::byte> scratch_;
 };
 

@@ -74,6 +74,12 @@ class Ledger {
     release(pending_[head_].number, decided);
   }
 
+  // The undecided adds, oldest first, until `visit` gives false.
+  template <typename Visit>
+  void for_each(Visit &&visit) const {
+    for (std::size_t n = head_; n < pending_.size() && visit(pending_[n]);) ++n;
+  }
+
   const Pending *front() const { return head_ < pending_.size() ? &pending_[head_] : nullptr; }
   const SentBarrier *front_barrier() const { return barriers_.empty() ? nullptr : &barriers_.front(); }
   bool all_decided() const { return handed_ == decided_; }

@@ -69,6 +69,13 @@ Timer &retry_timer() {
   return timer;
 }
 
+// Which of the flows are installed for all that the database knows. The answer goes to the agent of that time, if there is one.
+void look_up(std::vector<std::uint64_t> indexes) {
+  post([indexes = std::move(indexes)] {
+    if (agent) agent->overdue_checked(installed_flows(global_handle, indexes));
+  });
+}
+
 // Stored flows that are not taken over would be dropped by the synchronisation that follows: so without a look at them, no start.
 void start_agent() {
   if (agent || held || !registered.complete() || !global_handle) return;
@@ -79,7 +86,7 @@ void start_agent() {
     return;
   }
   inbox.clear();
-  agent = std::make_unique<Agent>(registered, inbox, settings_from(config()));
+  agent = std::make_unique<Agent>(registered, inbox, settings_from(config()), look_up);
   agent->restore(stored);
   running = true;
   agent->start();
@@ -119,6 +126,10 @@ void set_fetch_tap(std::function<void()> tap) {
 
 std::uint16_t listening_port(std::size_t n) {
   return agent ? agent->port(n) : 0;
+}
+
+void run_timers() {
+  if (agent) agent->run([](Agent &a) { a.run_timers(); });
 }
 
 void of_ss_reset_for_tests() {

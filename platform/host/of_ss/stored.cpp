@@ -40,6 +40,19 @@ int take_meter(const qx_obj *object, void *arg) {
   return 0;
 }
 
+bool is_installed(qx_global *global, std::uint64_t index) {
+  SPolicyKelim__FlowKey key = S_POLICY_KELIM__FLOW_KEY__INIT;
+  key.flow_index = index;
+  SPolicyKelim__FlowSta wanted = S_POLICY_KELIM__FLOW_STA__INIT;
+  wanted.index = &key;
+  qx_obj *object = nullptr;
+  if (qx_mom_get_sync(global, QX_MOM_UDP_DB, &wanted.base, 0, &object) != 0) return false;
+  const auto *status = static_cast<const SPolicyKelim__FlowSta *>(object->value);
+  const bool installed = status && status->status == S_POLICY_KELIM__STATUS_E__STATUS_INSTALLED;
+  qx_mom_qx_obj_free(object);
+  return installed;
+}
+
 }  // namespace
 
 int read_stored(qx_global *global, StoredState &out) {
@@ -52,6 +65,13 @@ int read_stored(qx_global *global, StoredState &out) {
   if (const int rv = scan(flow.base, take_flow)) return rv;
   if (const int rv = scan(status.base, take_status)) return rv;
   return scan(meter.base, take_meter);
+}
+
+std::vector<std::uint64_t> installed_flows(qx_global *global, const std::vector<std::uint64_t> &indexes) {
+  std::vector<std::uint64_t> installed;
+  for (const std::uint64_t index : indexes)
+    if (is_installed(global, index)) installed.push_back(index);
+  return installed;
 }
 
 }  // namespace host::of_ss

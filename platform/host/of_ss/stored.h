@@ -18,4 +18,7 @@ struct StoredState {
 // 0, or the code of the scan that failed.
 int read_stored(qx_global *global, StoredState &out);
 
+// Of these flows those whose stored status says that they are installed, in the same order.
+std::vector<std::uint64_t> installed_flows(qx_global *global, const std::vector<std::uint64_t> &indexes);
+
 }  // namespace host::of_ss

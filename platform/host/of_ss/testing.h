@@ -30,6 +30,9 @@ void set_fetch_tap(std::function<void()> tap);
 // The port that the n-th listening endpoint is bound to; 0 while it is not. Loop's thread.
 std::uint16_t listening_port(std::size_t n = 0);
 
+// Runs the agent's periodic work now, on its thread, as after the host clock has been moved, and waits for it. Loop's thread.
+void run_timers();
+
 // Forgets registrations, taps and the hold; the agent, if one runs, is stopped and forgets its flows and meters.
 void of_ss_reset_for_tests();
 
