@@ -17,7 +17,7 @@ packages = @tools/make/install-packages $(1)
 build = $(if $(wildcard build/$(1)/build.ninja),,cmake --preset $(1) &&) cmake --build --preset $(1) $(if $(2),--target $(2))
 ctest = ctest --preset $(1) -j$(JOBS) $(ARGS)
 
-programs := ssc_kelim kelimctl
+programs := ssc_kelim kelimctl kelim-programmer
 sources = $(shell git ls-files '*.cpp' '*.h')
 
 .PHONY: help

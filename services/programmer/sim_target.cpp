@@ -42,14 +42,25 @@ void SimTarget::install_flow(const FlowRequest &request, Bytes /*record*/) {
   ++arrivals_;
   Outcome outcome{};
   if (!decide(request, outcome)) return;
-  const std::uint32_t delay = script_.delay_ms(arrivals_, request.key.index, delay_ms_);
-  if (delay == 0) {
+  const std::uint64_t now = now_us();
+  const std::uint64_t due = due_us(request, now);
+  if (due == now) {
     sink_.flow_answered(request, outcome);
     return;
   }
-  waiting_.push_back({now_us() + delay * std::uint64_t{1000}, arrivals_, request, cells_[request.slot].life, outcome});
+  waiting_.push_back({due, arrivals_, request, cells_[request.slot].life, outcome});
   std::ranges::push_heap(waiting_, std::ranges::greater{}, [](const Waiting &w) { return std::pair(w.due_us, w.order); });
   wait_for_next();
+}
+
+// When the request is answered: after its delay, but not before an earlier one for the same flow.
+std::uint64_t SimTarget::due_us(const FlowRequest &request, std::uint64_t now) {
+  const std::uint64_t due = now + script_.delay_ms(arrivals_, request.key.index, delay_ms_) * std::uint64_t{1000};
+  if (!script_.delays_differ()) return due;
+  const auto last = last_due_us_.find(request.slot);
+  const std::uint64_t in_order = last == last_due_us_.end() ? due : std::max(due, last->second);
+  if (in_order > now) last_due_us_[request.slot] = in_order;
+  return in_order;
 }
 
 void SimTarget::wait_for_next() {
@@ -66,7 +77,11 @@ void SimTarget::answer_due() {
     const Waiting next = waiting_.front();
     std::ranges::pop_heap(waiting_, std::ranges::greater{}, [](const Waiting &w) { return std::pair(w.due_us, w.order); });
     waiting_.pop_back();
-    if (cells_[next.request.slot].life == next.life) sink_.flow_answered(next.request, next.outcome);
+    if (cells_[next.request.slot].life != next.life) continue;
+    if (const auto last = last_due_us_.find(next.request.slot); last != last_due_us_.end() && last->second == next.due_us) {
+      last_due_us_.erase(last);
+    }
+    sink_.flow_answered(next.request, next.outcome);
   }
   wait_for_next();
 }
@@ -75,6 +90,7 @@ void SimTarget::remove_flow(std::uint32_t slot) {
   if (slot >= cells_.size()) return;
   set_occupied(cells_[slot], false);
   ++cells_[slot].life;
+  last_due_us_.erase(slot);
 }
 
 Outcome SimTarget::install_meter(std::uint32_t id, Bytes /*meter_data*/) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <memory>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -43,6 +44,7 @@ class SimTarget final : public Target {
     Outcome outcome;
   };
 
+  std::uint64_t due_us(const FlowRequest &request, std::uint64_t now);
   bool decide(const FlowRequest &request, Outcome &outcome);
   void set_occupied(Cell &cell, bool occupied);
   void answer_due();
@@ -54,7 +56,8 @@ class SimTarget final : public Target {
   std::uint32_t used_ = 0;
   std::uint64_t arrivals_ = 0;
   std::vector<Cell> cells_;
-  std::vector<Waiting> waiting_;  // a heap, the next one due at its front
+  std::vector<Waiting> waiting_;                                  // a heap, the next one due at its front
+  std::unordered_map<std::uint32_t, std::uint64_t> last_due_us_;  // by slot; only where delays differ
   Timer timer_;
   std::unordered_set<std::uint32_t> meters_, addresses_;
   std::uint64_t started_us_;

@@ -1,0 +1,72 @@
+// kelim-programmer: the programming service as a process of its own, for an object database that several processes share.
+//
+// It may be started, ended and killed at any time: at every start it brings target and database together. Which database that is,
+// logging and the run directory are the platform's configuration.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+
+#include "libss_fp_com.h"
+#include "programmer/programmer.h"
+#include "qx_mom.h"
+#include "qx_runtime.h"
+#include "qx_zlog.h"
+
+namespace {
+
+constexpr char kName[] = "kelim-programmer";
+
+void add_options(CLI::App &app, programmer::Options &options) {
+  static std::string target = "sim";
+  app.add_option("--target", target, "what is programmed")->check(CLI::IsMember({"sim"}))->capture_default_str();
+  app.add_option("--size", options.size, "flows that fit")->capture_default_str();
+  app.add_option("--delay", options.delay_ms, "answers come that many milliseconds later")->capture_default_str();
+  app.add_option("--script", options.script, "exceptions, such as fail=3,17-19;resource=5;delay=7:200;silent=9");
+  app.add_option("--seed", options.seed, "of the script's random choices")->capture_default_str();
+  app.add_option("--counter-interval", options.counter_interval_ms, "milliseconds between counter reports, 0 for none")
+      ->capture_default_str();
+  app.add_option("--counter-rate", options.counter_rate, "packets a second that every flow counts")->capture_default_str();
+  app.add_flag("--service-chain,!--no-service-chain", options.service_chain, "translate service-chain flows")
+      ->capture_default_str();
+}
+
+int fail(const char *why) {
+  std::fprintf(stderr, "%s: %s\n", kName, why);
+  return 1;
+}
+
+// The whole life of the process once its options are known; the exit status.
+int serve(const programmer::Options &options) {
+  if (const int taken = libss_fp_com_check_run("/var/run/kelim-programmer.pid"); taken != 0) return taken;
+  qx_global *global = qx_global_init(kName, nullptr);
+  if (global == nullptr) return 1;
+  libss_fp_com_ham_init("/var/tmp/kelim-programmer_no_ham", qx_zlog_init(kName));
+  const int started = programmer::start_embedded(global, options);
+  int status = 0;
+  if (started == -1) {
+    status = fail("the database cannot be reached, or lives in this very process (KELIM_MOM_URL names a shared one)");
+  } else if (started != 0) {
+    status = fail("the options were refused");
+  } else if (qx_global_run(global) != 0) {
+    status = fail("the event loop failed");
+  }
+  programmer::stop_embedded();
+  qx_global_finish(global);
+  return status;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  programmer::Options options;
+  CLI::App app(
+      "Installs the flows, meters and controller addresses of the object database in a target and writes back what became of "
+      "them.");
+  add_options(app, options);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError &error) {
+    return app.exit(error) == 0 ? 0 : 2;
+  }
+  if (const std::string error = programmer::check(options); !error.empty()) return fail(error.c_str());
+  return serve(options);
+}
