@@ -3,6 +3,7 @@
 import time
 import unittest
 
+import daemon
 import e2e
 import openflow
 
@@ -18,7 +19,7 @@ class Results(e2e.Test):
         return requests
 
     def test_a_flow_that_fails_later_gives_one_error_and_leaves_nothing(self):
-        running = self.daemon(programmer_script="fail=1;delay=1:120")
+        running = self.daemon(programmer_script="fail=@1;delay=@1:120")
         client = self.client(running)
         requests = self.add_all(client, 7)
         before = client.barrier()
@@ -38,7 +39,7 @@ class Results(e2e.Test):
 
     def test_barriers_wait_for_every_flow_before_them_and_leave_in_order(self):
         delay = 0.4
-        running = self.daemon(programmer_script=f"delay=1:{int(delay * 1000)}")
+        running = self.daemon(programmer_script=f"delay=@1:{int(delay * 1000)}")
         client = self.client(running)
         begun = time.monotonic()
         self.add_all(client, 1, 2)
@@ -50,7 +51,7 @@ class Results(e2e.Test):
         self.assertEqual(len(self.stored(running, "flow_sta")), 2)
 
     def test_one_controllers_errors_do_not_reach_another(self):
-        running = self.daemon(programmer_script="fail=2")
+        running = self.daemon(programmer_script="fail=@2")
         one, other = self.client(running), self.client(running)
         self.add_all(one, 1)
         self.assertEqual(one.barrier(), [])
@@ -59,6 +60,28 @@ class Results(e2e.Test):
         self.assertEqual(len(before), 1)
         self.assert_error(before[0], 5, 0, requests[2])
         self.assertEqual(one.barrier(), [])
+
+    def test_deleting_everything_while_flows_are_outstanding_answers_every_barrier(self):
+        running = self.daemon(programmer_delay_ms=300)
+        client = self.client(running)
+        self.add_all(client, *range(1, 301))
+        first = client.send(openflow.BARRIER_REQUEST)
+        self.add_all(client, *range(301, 601))
+        client.delete_all()
+        second = client.send(openflow.BARRIER_REQUEST)
+        replies = [client.receive(), client.receive()]
+        self.assertEqual([(r.type, r.xid) for r in replies], [(openflow.BARRIER_REPLY, first), (openflow.BARRIER_REPLY, second)])
+        self.assert_nothing_left(running)
+
+    def test_statistics_of_six_hundred_flows_come_whole_in_one_sequence(self):
+        running = self.daemon(programmer_counter_interval_ms=100, programmer_counter_rate=1000)
+        client = self.client(running)
+        self.add_all(client, *range(1, 601))
+        self.assertEqual(client.barrier(), [])
+        daemon.wait_until(lambda: len(self.stored(running, "flow_counter")) == 600, 10, "600 counter records")
+        entries = client.flow_statistics()
+        self.assertEqual(len(entries), 600)
+        self.assertTrue(all(packets > 0 and octets == 100 * packets for packets, octets in entries))
 
     def test_a_burst_with_failures_at_random(self):
         running = self.daemon(programmer_script="fail=20%;delay=30%:15", programmer_seed=4)

@@ -3,6 +3,7 @@
 import json
 import os
 import pathlib
+import re
 import shutil
 import signal
 import socket
@@ -87,14 +88,16 @@ class Daemon:
         return self
 
     def ready(self):
+        """Whether the daemon serves its port and has gone through the first synchronisation, which the first connection starts."""
         if self.process.poll() is not None:
             raise Failed(f"the daemon ended with status {self.process.returncode}:\n{self.output()[-2000:]}")
         try:
             with openflow.Client(self.port) as client:
                 client.handshake()
-                return True
         except (OSError, EOFError):
             return False
+        counted = self.kelimctl("cmd", "ssc_kelim_proxy", "show-cnt").stdout
+        return re.search(r"DS +[1-9]\d* +[1-9]", counted)
 
     def stop(self, how=signal.SIGTERM, limit=20):
         """Ends the daemon; its exit status."""
