@@ -74,7 +74,8 @@ std::string LineServer::listen(const std::string &path) {
   const auto on_accept = [](evconnlistener *, evutil_socket_t client, sockaddr *, int, void *self) {
     static_cast<LineServer *>(self)->accept(client);
   };
-  listener_.reset(evconnlistener_new(loop_base(), on_accept, this, LEV_OPT_CLOSE_ON_FREE | LEV_OPT_CLOSE_ON_EXEC, 16, fd));
+  listener_.reset(
+      evconnlistener_new(loop_base(), on_accept, this, LEV_OPT_CLOSE_ON_FREE | LEV_OPT_CLOSE_ON_EXEC, 2 * kMostClients, fd));
   if (!listener_) {
     ::close(fd);
     return path + ": " + strerror(errno);

@@ -29,8 +29,10 @@ struct PidFileDeleter {
   void operator()(pidfh *file) const { pidfile_remove(file); }
 };
 
+using PidFile = std::unique_ptr<pidfh, PidFileDeleter>;
+
 // Released with the runtime, or by exit() where the process ends without releasing it.
-std::unique_ptr<pidfh, PidFileDeleter> g_pid_file;
+PidFile g_pid_file;
 
 std::string place_of(const std::string &pid_file) {
   if (!config().run_dir_set) return pid_file;
@@ -47,10 +49,11 @@ std::string take_pid_file(const std::string &pid_file) {
   if (std::string error = config().run_dir_set ? make_run_dir() : ""; !error.empty()) return error;
   const std::string path = place_of(pid_file);
   pid_t other = -1;
-  g_pid_file.reset(pidfile_open(path.c_str(), 0644, &other));
-  if (!g_pid_file && errno == EEXIST) return path + " is held by a running instance " + holder(other);
-  if (!g_pid_file) return path + " cannot be taken: " + strerror(errno) + "; KELIM_RUN_DIR names another directory for it";
-  if (pidfile_write(g_pid_file.get()) != 0) return path + " cannot be written: " + strerror(errno);
+  PidFile file(pidfile_open(path.c_str(), 0644, &other));
+  if (!file && errno == EEXIST) return path + " is held by a running instance " + holder(other);
+  if (!file) return path + " cannot be taken: " + strerror(errno) + "; KELIM_RUN_DIR names another directory for it";
+  if (pidfile_write(file.get()) != 0) return path + " cannot be written: " + strerror(errno);
+  g_pid_file = std::move(file);
   at_finish([] { g_pid_file.reset(); });
   return "";
 }
