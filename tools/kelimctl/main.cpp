@@ -19,6 +19,7 @@ Examples:
   kelimctl cmd ssc_kelim kelim_set_dbg dbg_val=0x3
   kelimctl mom ls flow
   kelimctl mom get flow 17:0
+  kelimctl config
 
 Exit status: 0 done, 1 failed, 2 wrong usage, 3 no such process.
 )";
@@ -30,6 +31,7 @@ struct Choices {
   std::string module, command;
   std::vector<std::string> arguments;
   bool list = false;
+  bool markdown = false;
   std::string type, key;
 };
 
@@ -86,6 +88,37 @@ void get_record(Link &link, const Choices &choices) {
   show(choices, data, records_text);
 }
 
+// ---- configuration
+
+Json config_data() {
+  Json keys = Json::array();
+  for (const host::ConfigKey &key : host::config_keys())
+    keys.push_back(
+        {{"key", key.name}, {"variable", key.variable}, {"default", key.fallback}, {"allowed", key.allowed}, {"help", key.help}});
+  return {{"keys", keys}};
+}
+
+std::string config_markdown() {
+  std::string text =
+      "# Configuration\n\nThe host platform reads one TOML file: `/etc/kelim/host.toml`, or what `KELIM_CONF` names. A key "
+      "`section.key` stands in\n"
+      "the table `[section]`; every key can also be set by its environment variable, which wins. An unknown key or a bad value "
+      "stops the\n"
+      "start with the file (or variable), the key and what is allowed.\n\nThis page is what `kelimctl config --markdown` "
+      "prints.\n\n"
+      "| key | variable | default | allowed | meaning |\n|---|---|---|---|---|\n";
+  for (const host::ConfigKey &key : host::config_keys()) {
+    const std::string fallback = key.fallback.empty() ? "" : "`" + key.fallback + "`";
+    text += "| `" + key.name + "` | `" + key.variable + "` | " + fallback + " | " + key.allowed + " | " + key.help + " |\n";
+  }
+  return text;
+}
+
+void show_config(const Choices &choices) {
+  if (choices.view.json) return print(config_data().dump(2) + "\n");
+  print(choices.markdown ? config_markdown() : host::config_help());
+}
+
 // ---- the command line
 
 using Action = std::function<void(Link &)>;
@@ -131,9 +164,18 @@ void add_mom(CLI::App &app, Choices &choices, Action &action) {
   for (CLI::App *command : {ls, get, stats}) command->add_flag("--json", choices.view.json, "the data instead of text");
 }
 
+// The one command that needs no running process.
+void add_config(CLI::App &app, Choices &choices, std::function<void()> &local) {
+  CLI::App *command = app.add_subcommand("config", "every configuration key: variable, default, what is allowed");
+  command->add_flag("--json", choices.view.json, "the data instead of text");
+  command->add_flag("--markdown", choices.markdown, "as docs/configuration.md");
+  command->callback([&] { local = [&] { show_config(choices); }; });
+}
+
 int run(int argc, char **argv) {
   Choices choices;
   Action action;
+  std::function<void()> local;
   CLI::App app("Looks into a running daemon and steers it.");
   app.footer(kExamples);
   app.require_subcommand(0, 1);
@@ -144,10 +186,15 @@ int run(int argc, char **argv) {
   add_views(app, choices, action);
   add_cmd(app, choices, action);
   add_mom(app, choices, action);
+  add_config(app, choices, local);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError &error) {
     return app.exit(error) == 0 ? kDone : kUsage;
+  }
+  if (local) {
+    local();
+    return kDone;
   }
   if (!action) {
     std::fputs(app.help().c_str(), stderr);
