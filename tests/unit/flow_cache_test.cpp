@@ -109,6 +109,18 @@ TEST_F(FlowCache, deletions_do_not_make_it_grow) {
   EXPECT_EQ(ssc_kelim_del_flow_node(nullptr), -5);
 }
 
+// Flow 6 tries 5, where flow 2 was, then 6, where flow 4 was: the first of the two tombstones is used again.
+TEST_F(FlowCache, the_first_tombstone_is_used_again) {
+  for (std::uint64_t flow : {1, 2, 3, 4}) add(flow);
+  for (std::uint64_t flow : {2, 4}) ssc_kelim_del_flow_node(find(flow));
+  EXPECT_EQ(flow_info_list->n_occupied, 4u);
+  add(6);
+  EXPECT_EQ(in_buckets(5, 2), Indexes{6});
+  EXPECT_EQ(in_buckets(5, 1), Indexes{6});
+  EXPECT_EQ(flow_info_list->n_occupied, 4u);
+  EXPECT_EQ(flow_info_hash_size(), 3u);
+}
+
 TEST_F(FlowCache, agrees_with_a_map_under_random_churn) {
   std::map<std::pair<std::uint64_t, std::uint32_t>, flow_info_node *> model;
   std::mt19937 random(1);
