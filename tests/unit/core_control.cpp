@@ -1,0 +1,261 @@
+// The control service over its socket: commands, their arguments, views, and clients that misbehave.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <future>
+#include <nlohmann/json.hpp>
+
+#include "host/control/client.h"
+#include "host/control/control.h"
+#include "host/runtime/loop.h"
+#include "ssat.h"
+#include "support/runtime_fixture.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using host::control::Client;
+using nlohmann::json;
+
+std::vector<std::int64_t> g_args;
+int g_calls = 0;
+
+int record_args(const int64_t *args, uint32_t count) {
+  g_args.assign(args, args + count);
+  ++g_calls;
+  printf("called with %u\n", count);
+  return count == 0 ? -7 : 0;
+}
+
+int dump(const int64_t *args, uint32_t) {
+  for (int64_t i = 0; i < args[0]; ++i) printf("flow_index:%ld, vsd_id:0, rule_bitmap:1234567890 \xff\n", static_cast<long>(i));
+  return 0;
+}
+
+class Control : public RuntimeTest {
+ protected:
+  void SetUp() override {
+    RuntimeTest::SetUp();
+    g_calls = 0;
+    ASSERT_EQ(ssat_lib_init(global, "m"), 0);
+    const std::pair<const char *, const char *> commands[] = {
+        {"two", "index=%d, vsd_id=%d"}, {"hex", "dbg_val=%x"}, {"switch", "sw=%d(0/1)"}, {"none", ""}, {"nil", "nil"}};
+    for (const auto &[name, format] : commands) ASSERT_EQ(ssat_reg_mod_cmd("m", name, format, record_args), 0) << name;
+    ASSERT_EQ(ssat_reg_mod_cmd("m", "dump", "lines=%d", dump), 0);
+  }
+
+  std::string path() const { return host::control::socket_path(dir.path(), "core_test"); }
+
+  // Runs `talk` on a thread of its own while the loop turns.
+  template <typename Talk>
+  static auto serve(Talk talk) {
+    auto result = std::async(std::launch::async, std::move(talk));
+    EXPECT_TRUE(host::run_until([&] { return result.wait_for(0s) == std::future_status::ready; }, 20s));
+    return result.get();
+  }
+
+  json ask(const std::string &line) {
+    return serve([&] {
+      Client client;
+      std::string answer;
+      EXPECT_EQ(client.connect(path()), "");
+      EXPECT_EQ(client.request(line, &answer), "");
+      return json::parse(answer);
+    });
+  }
+
+  json command(const std::string &name, const json &args) {
+    testing::internal::CaptureStdout();
+    json answer = ask(json{{"call", "cmd"}, {"module", "m"}, {"command", name}, {"args", args}}.dump());
+    printed = testing::internal::GetCapturedStdout();
+    return answer;
+  }
+
+  std::string printed;  // on the process's own standard output by the last command
+};
+
+TEST_F(Control, ArgumentsReachTheHandlerInTheOrderOfItsFormat) {
+  const json answer = command("two", {{"vsd_id", "-3"}, {"index", "9223372036854775807"}});
+  EXPECT_EQ(answer, (json{{"status", 0}, {"result", 0}, {"output", "called with 2\n"}}));
+  EXPECT_EQ(printed, "called with 2\n");
+  EXPECT_EQ(g_args, (std::vector<std::int64_t>{INT64_MAX, -3}));
+
+  command("hex", {{"dbg_val", "0xFF"}});
+  EXPECT_EQ(g_args, std::vector<std::int64_t>{255});
+  command("hex", {{"dbg_val", "83"}});
+  EXPECT_EQ(g_args, std::vector<std::int64_t>{0x83});
+  command("switch", {{"sw", 1}});
+  EXPECT_EQ(g_args, std::vector<std::int64_t>{1});
+  EXPECT_EQ(command("none", json::object())["result"], -7);
+  EXPECT_EQ(ask(R"({"call":"cmd","module":"m","command":"nil"})")["result"], -7) << "args may be left out";
+}
+
+TEST_F(Control, WhatDoesNotFitIsRefusedWithWhatIsAllowed) {
+  struct Case {
+    const char *request;
+    std::vector<const char *> words;
+  };
+  const Case cases[] = {
+      {R"({"call":"cmd","module":"x","command":"two"})", {"unknown module \"x\"", "allowed: m"}},
+      {R"({"call":"cmd","module":"m","command":"x"})", {"unknown command \"x\"", "dump, hex, nil, none, switch, two"}},
+      {R"({"call":"cmd","module":"m"})", {"unknown command \"\""}},
+      {R"({"call":"cmd","module":"m","command":"two","args":{"index":"1"}})",
+       {"vsd_id is missing", "usage: m two index=%d vsd_id=%d"}},
+      {R"({"call":"cmd","module":"m","command":"two","args":{"index":"1","vsd_id":"0","x":"1"}})",
+       {"unknown argument x", "usage: m two"}},
+      {R"({"call":"cmd","module":"m","command":"two","args":{"index":"0x1","vsd_id":"0"}})",
+       {"index=0x1 is not a decimal number"}},
+      {R"({"call":"cmd","module":"m","command":"two","args":{"index":"","vsd_id":"0"}})", {"index= is not a decimal number"}},
+      {R"({"call":"cmd","module":"m","command":"two","args":{"index":"9223372036854775808","vsd_id":"0"}})",
+       {"is not a decimal number"}},
+      {R"({"call":"cmd","module":"m","command":"two","args":{"index":[1],"vsd_id":"0"}})", {"index=[1] is not"}},
+      {R"({"call":"cmd","module":"m","command":"hex","args":{"dbg_val":"0x"}})",
+       {"is not a hexadecimal number", "usage: m hex dbg_val=%x"}},
+      {R"({"call":"cmd","module":"m","command":"switch","args":{"sw":"2"}})", {"sw=2 is not 0 or 1"}},
+      {R"({"call":"cmd","module":"m","command":"none","args":{"x":"1"}})", {"unknown argument x", "usage: m none"}},
+      {R"({"call":"cmd","module":"m","command":"two","args":"1 2"})", {"args is not an object"}},
+      {R"({"call":"view","name":"x"})", {"unknown view \"x\"", "timings"}},
+      {R"({"call":7})", {""}},
+      {R"({"call":"reboot"})", {"unknown call \"reboot\"", "cmd, list, view"}},
+      {R"([1])", {"one JSON object"}},
+      {"kelim_set_dbg 3", {"one JSON object"}},
+      {"\xff\xfe{", {"one JSON object"}},
+  };
+  for (const Case &c : cases) {
+    const json answer = ask(c.request);
+    EXPECT_EQ(answer["status"], 2) << c.request;
+    for (const char *word : c.words)
+      EXPECT_NE(answer["error"].get<std::string>().find(word), std::string::npos) << c.request << answer;
+  }
+  EXPECT_EQ(g_calls, 0);
+}
+
+TEST_F(Control, RegistrationRefusesWhatItCannotServe) {
+  EXPECT_EQ(ssat_reg_mod_cmd("x", "c", "", record_args), -7);
+  EXPECT_EQ(ssat_reg_mod_cmd("m", "two", "", record_args), -4) << "registered already";
+  EXPECT_EQ(ssat_reg_mod_cmd("m", "c", "", nullptr), -4);
+  EXPECT_EQ(ssat_reg_mod_cmd(nullptr, "c", "", record_args), -4);
+  for (const char *format : {"x", "x=", "x=%", "x=%s", "=%d", "x=%d(", "x=%d(a)", "x=%d,x=%d", "x=%d,,y=%d", "x y=%d",
+                             "a=%d,b=%d,c=%d,d=%d,e=%d,f=%d,g=%d,h=%d,i=%d"})
+    EXPECT_EQ(ssat_reg_mod_cmd("m", "c", format, record_args), -4) << format;
+  EXPECT_EQ(ssat_reg_mod_cmd("m", "c", "ver=%d,err=%d,not=%d", record_args), 0);
+  EXPECT_EQ(ssat_lib_init(global, nullptr), -4);
+  host::fault::fail(host::fault::Point::ssat_init, -1);
+  EXPECT_EQ(ssat_lib_init(global, "refused"), -1);
+  EXPECT_EQ(ssat_reg_mod_cmd("refused", "c", "", record_args), -7);
+}
+
+TEST_F(Control, ListsAndViewsShowWhatIsThere) {
+  host::control::register_view("ports", [](const json &args) {
+    if (!args.contains("ifx")) throw std::invalid_argument("ifx is missing");
+    return json{{"got", args["ifx"]}};
+  });
+  EXPECT_EQ(ask(R"({"call":"view","name":"ports","args":{"ifx":3}})"), (json{{"status", 0}, {"data", {{"got", 3}}}}));
+  EXPECT_EQ(ask(R"({"call":"view","name":"ports"})"), (json{{"status", 2}, {"error", "ifx is missing"}}));
+  const json list = ask(R"({"call":"list"})");
+  const auto &views = list["views"];
+  for (const char *view : {"ports", "timings"}) EXPECT_NE(std::find(views.begin(), views.end(), view), views.end()) << views;
+  EXPECT_EQ(list["modules"][0]["name"], "m");
+  EXPECT_EQ(list["modules"][0]["commands"][5], (json{{"name", "two"}, {"format", "index=%d, vsd_id=%d"}}));
+}
+
+TEST_F(Control, ALargeDumpReachesCallerAndStandardOutputWhole) {
+  const json answer = command("dump", {{"lines", "100000"}});
+  const auto &output = answer["output"].get_ref<const std::string &>();
+  EXPECT_EQ(std::count(output.begin(), output.end(), '\n'), 100'000);
+  EXPECT_EQ(std::count(printed.begin(), printed.end(), '\n'), 100'000);
+  EXPECT_NE(output.find("flow_index:99999, vsd_id:0, rule_bitmap:1234567890 \xEF\xBF\xBD\n"), std::string::npos)
+      << "not valid UTF-8";
+}
+
+TEST_F(Control, OnlyTheOwnerMayConnectAndTheSocketGoesWithTheRuntime) {
+  struct stat s;
+  ASSERT_EQ(stat(path().c_str(), &s), 0);
+  EXPECT_EQ(s.st_mode & 0777u, 0600u);
+  qx_global_finish(global);
+  EXPECT_NE(stat(path().c_str(), &s), 0);
+  // What a killed process leaves is replaced, what another one serves is not.
+  const int left = socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+  path().copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(bind(left, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+  ASSERT_EQ(listen(left, 1), 0);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(qx_global_init("core_test", nullptr), nullptr);
+  EXPECT_NE(testing::internal::GetCapturedStderr().find("another process serves"), std::string::npos);
+  close(left);
+  global = qx_global_init("core_test", nullptr);
+  ASSERT_NE(global, nullptr);
+  EXPECT_EQ(ask(R"({"call":"list"})")["modules"], json::array()) << "commands went with the last runtime";
+}
+
+TEST_F(Control, RequestsMayComeInPiecesAndInARow) {
+  const auto answers = serve([&] {
+    Client client;
+    std::vector<std::string> got(3);
+    EXPECT_EQ(client.connect(path()), "");
+    client.send(R"({"call":)");
+    client.send("\"list\"}\n\n{\"call\":\"view\",\"name\":\"timings\"}\n{\"call\":\"x\"}\n");
+    for (std::string &answer : got) EXPECT_EQ(client.receive(&answer, 5s), "");
+    return got;
+  });
+  EXPECT_TRUE(json::parse(answers[0]).contains("modules"));
+  EXPECT_EQ(json::parse(answers[1])["data"], json::array());
+  EXPECT_EQ(json::parse(answers[2])["status"], 2);
+}
+
+TEST_F(Control, AnEndlessLineIsRefusedAndTheClientDropped) {
+  serve([&] {
+    Client client;
+    EXPECT_EQ(client.connect(path()), "");
+    client.send(std::string(65'535, 'x'));
+    std::string answer;
+    EXPECT_EQ(client.receive(&answer, 50ms), "no answer in time") << "it may still end";
+    client.send(std::string(1'000, 'x'));
+    EXPECT_EQ(client.receive(&answer, 5s), "");
+    EXPECT_EQ(json::parse(answer)["error"], "a request of more than 65536 bytes");
+    EXPECT_NE(client.receive(&answer, 5s), "");
+    return 0;
+  });
+  EXPECT_EQ(ask(R"({"call":"list"})")["status"], 0);
+}
+
+// Clients that send requests for ever and never read: each costs one answer, and the others are served.
+TEST_F(Control, ClientsThatNeverReadDelayNobody) {
+  std::vector<Client> deaf(8);
+  std::string request = json{{"call", "cmd"}, {"module", "m"}, {"command", "dump"}, {"args", {{"lines", "20000"}}}}.dump() + "\n";
+  testing::internal::CaptureStdout();
+  for (Client &client : deaf) {
+    ASSERT_EQ(client.connect(path()), "");
+    for (int i = 0; i < 20; ++i) client.send(request);
+  }
+  EXPECT_EQ(ask(R"({"call":"list"})")["status"], 0);
+  const std::string output = testing::internal::GetCapturedStdout();
+  EXPECT_LE(std::count(output.begin(), output.end(), '\n'), 8 * 20'000) << "one dump a client";
+}
+
+TEST_F(Control, TooManyClientsAreToldSoAndLeaveRoomAgain) {
+  std::vector<Client> many(32);
+  for (Client &client : many) ASSERT_EQ(client.connect(path()), "");
+  const json refused = serve([&] {
+    Client one_more;
+    std::string answer;
+    EXPECT_EQ(one_more.connect(path()), "");
+    EXPECT_EQ(one_more.receive(&answer, 5s), "");
+    return json::parse(answer);
+  });
+  EXPECT_EQ(refused, (json{{"status", 2}, {"error", "more than 32 clients"}}));
+  many.clear();
+  EXPECT_EQ(ask(R"({"call":"list"})")["status"], 0);
+}
+
+class NoControl : public Control {
+ protected:
+  void configure() override { set("control.enabled", "false"); }
+};
+
+TEST_F(NoControl, CommandsRegisterWithoutASocket) {
+  EXPECT_NE(access(path().c_str(), F_OK), 0);
+}
+
+}  // namespace
