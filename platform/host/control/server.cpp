@@ -109,7 +109,8 @@ void LineServer::accept(int fd) {
   bufferevent_enable(stream, EV_READ | EV_WRITE);
 }
 
-// Reads the next request only once the last answer is out: a client that takes nothing costs one answer.
+// Takes the next request only once the last answer is out: a client that reads nothing costs one answer and, by the watermark,
+// one line of input.
 void LineServer::serve(Client &client) {
   while (!client.closing && evbuffer_get_length(client.output()) == 0) {
     std::size_t length = 0;
@@ -123,18 +124,7 @@ void LineServer::serve(Client &client) {
       break;
     }
   }
-  close_if_done(client);
-}
-
-void LineServer::close_if_done(Client &client) {
-  const bool pending = evbuffer_get_length(client.output()) > 0;
-  if (!pending && client.closing) {
-    close(client);
-  } else if (pending) {
-    bufferevent_disable(client.stream.get(), EV_READ);
-  } else {
-    bufferevent_enable(client.stream.get(), EV_READ);
-  }
+  if (client.closing && evbuffer_get_length(client.output()) == 0) close(client);
 }
 
 void LineServer::close(Client &client) {

@@ -39,7 +39,6 @@ class LineServer {
 
   void accept(int fd);
   void serve(Client &client);
-  void close_if_done(Client &client);
   void close(Client &client);
 
   Answer answer_;

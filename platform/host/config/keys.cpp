@@ -1,0 +1,164 @@
+#include "host/config/keys.h"
+
+#include <string.h>
+
+#include <algorithm>
+
+#include "host/config/text.h"
+
+namespace host::keys {
+namespace {
+
+template <auto Section, auto Member>
+Value in(Config &c) {
+  return &((c.*Section).*Member);
+}
+
+template <auto Member>
+Value top(Config &c) {
+  return &(c.*Member);
+}
+
+// HOST:PORT, the host in brackets where it has colons itself.
+bool is_host_port(std::string_view text) {
+  const auto colon = text.rfind(':');
+  if (colon == std::string_view::npos || colon == 0) return false;
+  const std::string_view host = text.substr(0, colon);
+  if (host.find(':') != std::string_view::npos && (host.front() != '[' || host.back() != ']')) return false;
+  const auto port = number(text.substr(colon + 1));
+  return port && *port <= 65535;
+}
+
+bool has_method(const std::string &text, const char *method) {
+  return text.starts_with(method) && is_host_port(std::string_view(text).substr(strlen(method)));
+}
+
+// ---- what is allowed
+
+constexpr Allowed words(const char *list) {
+  return {.words = list};
+}
+
+constexpr Allowed between(std::uint64_t min, std::uint64_t max) {
+  return {.words = nullptr, .fits = nullptr, .min = min, .max = max};
+}
+
+constexpr std::uint64_t kAny64 = UINT64_MAX;
+constexpr Allowed kAnything;
+
+constexpr Allowed kListen = {"ptcp:HOST:PORT or pssl:HOST:PORT",
+                             [](const std::string &t) { return has_method(t, "ptcp:") || has_method(t, "pssl:"); }};
+constexpr Allowed kConnect = {"tcp:HOST:PORT or ssl:HOST:PORT",
+                              [](const std::string &t) { return has_method(t, "tcp:") || has_method(t, "ssl:"); }};
+constexpr Allowed kUrl = {"embedded:, redis+unix:/PATH or redis://HOST:PORT", [](const std::string &t) {
+                            return t == "embedded:" || t.starts_with("redis+unix:/") || has_method(t, "redis://");
+                          }};
+constexpr Allowed kDatapath = {"1 to 16 hexadecimal digits, or nothing",
+                               [](const std::string &t) { return t.empty() || (t.size() <= 16 && number(t, 16)); }};
+constexpr Allowed kPath = {"a path that begins with /", [](const std::string &t) { return t.starts_with('/'); }};
+
+// Every key, once: what reads, checks, prints and documents the configuration walks this table.
+using C = Config;
+constexpr Row kRows[] = {
+    {"", "run_dir", top<&C::run_dir>, "/run/kelim", kPath,
+     "Directory of the control sockets; set explicitly, the pid file lies there too."},
+
+    {"log", "target", in<&C::log, &C::Log::target>, "auto", words("auto, journald, syslog, file or stderr"),
+     "Where log lines go; auto is journald under systemd and standard error otherwise."},
+    {"log", "file", in<&C::log, &C::Log::file>, "/var/log/kelim.log", kPath, "The file of target \"file\"."},
+    {"log", "level", in<&C::log, &C::Log::level>, "debug", words("debug, info, warning, error or off"),
+     "The least severe level that is kept; verbose lines are debug."},
+    {"log", "max_bytes", in<&C::log, &C::Log::max_bytes>, "10485760", between(4096, kAny64),
+     "Size at which the file is rotated."},
+    {"log", "files", in<&C::log, &C::Log::files>, "5", between(1, 1000), "Rotated files that are kept."},
+
+    {"mom", "url", in<&C::mom, &C::Mom::url>, "embedded:", kUrl, "The object database."},
+    {"mom", "password", in<&C::mom, &C::Mom::password>, "", kAnything, "Password of a Redis server; none when empty."},
+    {"mom", "sync_timeout_ms", in<&C::mom, &C::Mom::sync_timeout_ms>, "1000", between(1, 600'000),
+     "Longest wait of a synchronous call."},
+    {"mom", "high_water_writes", in<&C::mom, &C::Mom::high_water_writes>, "1048576", between(1, kAny64),
+     "Writes of one record type in flight before further ones are refused."},
+    {"mom", "high_water_bytes", in<&C::mom, &C::Mom::high_water_bytes>, "536870912", between(1, kAny64),
+     "Bytes of one record type in flight before further writes are refused."},
+    {"mom", "scan_batch", in<&C::mom, &C::Mom::scan_batch>, "512", between(1, 65'536), "Objects read at a time while scanning."},
+
+    {"openflow", "listen", in<&C::openflow, &C::OpenFlow::listen>, "ptcp:127.0.0.1:6653", kListen,
+     "Where controllers connect to; empty for nowhere."},
+    {"openflow", "connect", in<&C::openflow, &C::OpenFlow::connect>, "", kConnect, "Controllers to connect to."},
+    {"openflow", "datapath_id", in<&C::openflow, &C::OpenFlow::datapath_id>, "", kDatapath,
+     "The datapath id; when empty, one derived from the machine that stays the same."},
+    {"openflow", "capacity", in<&C::openflow, &C::OpenFlow::capacity>, "0", kAnything,
+     "Flows the table holds; 0 for what the daemon notifies."},
+    {"openflow", "echo_interval_s", in<&C::openflow, &C::OpenFlow::echo_interval_s>, "15", between(0, 86'400),
+     "Silence after which a controller is probed, in seconds; 0 for never."},
+    {"openflow", "decide_timeout_ms", in<&C::openflow, &C::OpenFlow::decide_timeout_ms>, "2000", between(100, 600'000),
+     "Time after which an undecided flow counts as failed."},
+    {"openflow", "queue_bound", in<&C::openflow, &C::OpenFlow::queue_bound>, "4096", between(1, 1'000'000),
+     "Messages queued a connection before reading from it stops."},
+    {"openflow", "tls_cert", in<&C::openflow, &C::OpenFlow::tls_cert>, "", kAnything, "Certificate file for pssl: and ssl:."},
+    {"openflow", "tls_key", in<&C::openflow, &C::OpenFlow::tls_key>, "", kAnything, "Private key file for pssl: and ssl:."},
+    {"openflow", "tls_ca", in<&C::openflow, &C::OpenFlow::tls_ca>, "", kAnything,
+     "File of the authorities that peers are checked against."},
+
+    {"programmer", "embedded", in<&C::programmer, &C::Programmer::embedded>, "true", kAnything,
+     "Whether the simulated programming service runs in the daemon; unless set, true for the embedded database only."},
+    {"programmer", "size", in<&C::programmer, &C::Programmer::size>, "4096", kAnything, "Flows the simulated hardware holds."},
+    {"programmer", "delay_ms", in<&C::programmer, &C::Programmer::delay_ms>, "0", between(0, 600'000),
+     "Delay of the simulated answers."},
+    {"programmer", "script", in<&C::programmer, &C::Programmer::script>, "", kAnything,
+     "Scripted answers of the simulated hardware, such as fail=3;resource=5-7."},
+    {"programmer", "seed", in<&C::programmer, &C::Programmer::seed>, "1", between(0, kAny64),
+     "Seed of what is random in the simulation."},
+    {"programmer", "counter_interval_ms", in<&C::programmer, &C::Programmer::counter_interval_ms>, "1000", between(0, 86'400'000),
+     "Period of the counter records; 0 for none."},
+    {"programmer", "counter_rate", in<&C::programmer, &C::Programmer::counter_rate>, "0", kAnything,
+     "Simulated packets a second of each installed flow."},
+    {"programmer", "service_chain", in<&C::programmer, &C::Programmer::service_chain>, "true", kAnything,
+     "Whether the service-chain application runs with it."},
+
+    {"control", "enabled", in<&C::control, &C::Control::enabled>, "true", kAnything,
+     "Whether debug commands and views are served on a unix socket in the run directory."},
+
+    {"", "ports", top<&C::ports>, "", kAnything,
+     "The port table: [[ports]] with ifx, name, phyid, type; as text IFX:NAME[:PHYID[:TYPE]], .... Without it, the machine's "
+     "interfaces."},
+};
+
+// "a, b or c" holds the words that a text may be.
+bool is_word_of(const char *list, const std::string &text) {
+  const List all_words = split(list, " ,");
+  return text != "or" && std::find(all_words.begin(), all_words.end(), text) != all_words.end();
+}
+
+}  // namespace
+
+std::span<const Row> all() {
+  return kRows;
+}
+
+const Row *find(std::string_view section, std::string_view key) {
+  const auto fits = [&](const Row &r) { return section == r.section && key == r.key; };
+  const auto row = std::find_if(std::begin(kRows), std::end(kRows), fits);
+  return row == std::end(kRows) ? nullptr : row;
+}
+
+bool is_section(std::string_view name) {
+  return std::any_of(std::begin(kRows), std::end(kRows), [&](const Row &r) { return *r.section != '\0' && name == r.section; });
+}
+
+std::string name(const Row &row) {
+  return *row.section == '\0' ? row.key : std::string(row.section) + "." + row.key;
+}
+
+std::string variable(const Row &row) {
+  std::string text = "KELIM_" + name(row);
+  std::transform(text.begin(), text.end(), text.begin(), [](char c) { return c == '.' ? '_' : static_cast<char>(toupper(c)); });
+  return text;
+}
+
+bool fits(const Row &row, const std::string &text) {
+  if (row.allowed.fits != nullptr) return row.allowed.fits(text);
+  return row.allowed.words == nullptr || is_word_of(row.allowed.words, text);
+}
+
+}  // namespace host::keys

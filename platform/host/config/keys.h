@@ -1,0 +1,60 @@
+// The table of configuration keys and how one of them is set. Used by config.cpp only.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "host/config/config.h"
+
+namespace toml {
+inline namespace v3 {
+class node;
+}
+}  // namespace toml
+
+namespace host::keys {
+
+using Text = std::string;
+using List = std::vector<std::string>;
+using Ports = std::vector<ConfigPort>;
+
+// Where a key's value lies, which is also its type.
+using Value = std::variant<Text *, bool *, std::uint32_t *, std::uint64_t *, List *, Ports *>;
+
+// What is allowed beyond the type.
+struct Allowed {
+  const char *words = nullptr;  // for people; alone "a, b or c" names the words that a text may be; null: anything
+  bool (*fits)(const std::string &) = nullptr;  // whether a text, or each text of a list, is one that `words` describes
+  std::uint64_t min = 0;
+  std::uint64_t max = UINT32_MAX;
+};
+
+struct Row {
+  const char *section;  // "" for keys outside any section
+  const char *key;
+  Value (*at)(Config &);
+  const char *fallback;  // the default, as the environment variable would have it
+  Allowed allowed;
+  const char *help;
+};
+
+std::span<const Row> all();
+const Row *find(std::string_view section, std::string_view key);
+bool is_section(std::string_view name);
+
+std::string name(const Row &row);      // "openflow.listen"
+std::string variable(const Row &row);  // "KELIM_OPENFLOW_LISTEN"
+std::string allowed(const Row &row);   // for people
+
+// Whether a text, or one text of a list, is allowed.
+bool fits(const Row &row, const std::string &text);
+
+// Sets the key in `config`; false, and nothing is changed, when the value is not allowed.
+bool set_text(const Row &row, const std::string &text, Config &config);
+bool set_node(const Row &row, const toml::node &node, Config &config);
+
+}  // namespace host::keys

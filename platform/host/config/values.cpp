@@ -1,0 +1,172 @@
+// How one key is set, from text and from TOML.
+#include <algorithm>
+#include <map>
+#include <optional>
+
+#define TOML_EXCEPTIONS 0
+#include <toml++/toml.h>
+
+#include "host/config/keys.h"
+#include "host/config/text.h"
+#include "lsm_if.h"
+
+namespace host::keys {
+
+namespace {
+
+template <typename... F>
+struct Overloaded : F... {
+  using F::operator()...;
+};
+
+constexpr const char *kPortForm =
+    "ports of ifx 1 to 4294967295, each once, name, phyid and type ethernet, tunnel, router (or 1, 45, 46)";
+
+// ---- ports
+
+std::optional<std::uint32_t> port_type(const std::string &text) {
+  static const std::map<std::string_view, std::uint32_t> types = {
+      {"ethernet", LSM_IF_TYPE_ETHERNET}, {"1", LSM_IF_TYPE_ETHERNET},     {"tunnel", LLCB_OVERLAY_TUNNEL},
+      {"45", LLCB_OVERLAY_TUNNEL},        {"router", LLCB_OVERLAY_ROUTER}, {"46", LLCB_OVERLAY_ROUTER}};
+  const auto it = types.find(text);
+  return it == types.end() ? std::nullopt : std::optional(it->second);
+}
+
+// The fields as texts, an empty one where it was not given.
+bool add_port(Ports &ports, const std::string &ifx, const std::string &name, const std::string &phyid, const std::string &type) {
+  const auto index = number(ifx);
+  const auto physical = phyid.empty() ? index : number(phyid);
+  const auto kind = port_type(type.empty() ? "ethernet" : type);
+  if (!index || *index == 0 || *index > UINT32_MAX || name.empty() || !physical || *physical > UINT32_MAX || !kind) return false;
+  if (std::any_of(ports.begin(), ports.end(), [&](const ConfigPort &p) { return p.ifx == *index; })) return false;
+  ports.push_back({static_cast<std::uint32_t>(*index), name, static_cast<std::uint32_t>(*physical), *kind});
+  return true;
+}
+
+bool parse_port(Ports &ports, const std::string &text) {
+  List fields(1);
+  for (const char c : text) {
+    if (c == ':') {
+      fields.emplace_back();
+    } else {
+      fields.back() += c;
+    }
+  }
+  if (fields.size() < 2 || fields.size() > 4) return false;
+  fields.resize(4);
+  return add_port(ports, fields[0], fields[1], fields[2], fields[3]);
+}
+
+// ---- setting one key from text
+
+bool set_number(const Row &row, std::uint64_t n, auto &to) {
+  if (n < row.allowed.min || n > row.allowed.max) return false;
+  to = static_cast<std::remove_reference_t<decltype(to)>>(n);
+  return true;
+}
+
+bool set_list(const Row &row, List given, List &to) {
+  if (!std::all_of(given.begin(), given.end(), [&](const std::string &one) { return fits(row, one); })) return false;
+  to = std::move(given);
+  return true;
+}
+
+bool set_ports(const List &given, Ports &to) {
+  Ports ports;
+  if (!std::all_of(given.begin(), given.end(), [&](const std::string &one) { return parse_port(ports, one); })) return false;
+  to = std::move(ports);
+  return true;
+}
+
+}  // namespace
+
+bool set_text(const Row &row, const std::string &text, Config &c) {
+  const auto set_any_number = [&](auto *to) {
+    const auto n = number(text);
+    return n && set_number(row, *n, *to);
+  };
+  const auto set_bool = [&](bool *to) {
+    *to = text == "true" || text == "1";
+    return *to || text == "false" || text == "0";
+  };
+  const auto set_string = [&](Text *to) { return fits(row, text) ? (*to = text, true) : false; };
+  return std::visit(Overloaded{set_string, set_bool, [&](List *to) { return set_list(row, split(text, " ,\t"), *to); },
+                               [&](Ports *to) { return set_ports(split(text, " ,\t"), *to); }, set_any_number},
+                    row.at(c));
+}
+
+namespace {
+
+// ---- setting one key from TOML
+
+std::optional<List> strings(const toml::node &node) {
+  List list;
+  if (const auto *text = node.as_string()) return List{text->get()};
+  const auto *array = node.as_array();
+  if (array == nullptr) return std::nullopt;
+  for (const toml::node &one : *array) {
+    if (!one.is_string()) return std::nullopt;
+    list.push_back(one.as_string()->get());
+  }
+  return list;
+}
+
+// A field of a [[ports]] table as text; nothing for what is neither text nor number.
+std::optional<std::string> field(const toml::table &table, const char *key) {
+  const toml::node *node = table.get(key);
+  if (node == nullptr) return "";
+  if (const auto *text = node->as_string()) return text->get();
+  if (const auto *n = node->as_integer()) return std::to_string(n->get());
+  return std::nullopt;
+}
+
+bool set_port_tables(const toml::node &node, Ports &to) {
+  Ports ports;
+  const auto *array = node.as_array();
+  if (array == nullptr) return false;
+  for (const toml::node &one : *array) {
+    const auto *table = one.as_table();
+    if (table == nullptr) return false;
+    const auto known = [](std::string_view key) { return key == "ifx" || key == "name" || key == "phyid" || key == "type"; };
+    if (!std::all_of(table->begin(), table->end(), [&](const auto &item) { return known(item.first.str()); })) return false;
+    const auto ifx = field(*table, "ifx"), name = field(*table, "name"), phyid = field(*table, "phyid"),
+               type = field(*table, "type");
+    if (!ifx || !name || !phyid || !type || !add_port(ports, *ifx, *name, *phyid, *type)) return false;
+  }
+  to = std::move(ports);
+  return true;
+}
+
+}  // namespace
+
+bool set_node(const Row &row, const toml::node &node, Config &c) {
+  const auto set_any_number = [&](auto *to) {
+    const auto *n = node.as_integer();
+    return n != nullptr && n->get() >= 0 && set_number(row, static_cast<std::uint64_t>(n->get()), *to);
+  };
+  const auto set_bool = [&](bool *to) { return node.is_boolean() && (*to = node.as_boolean()->get(), true); };
+  const auto set_string = [&](Text *) { return node.is_string() && set_text(row, node.as_string()->get(), c); };
+  const auto set_strings = [&](List *to) {
+    auto list = strings(node);
+    if (node.is_string()) return set_text(row, list->front(), c);
+    return list && set_list(row, std::move(*list), *to);
+  };
+  return std::visit(
+      Overloaded{set_string, set_bool, set_strings, [&](Ports *to) { return set_port_tables(node, *to); }, set_any_number},
+      row.at(c));
+}
+
+// ---- for people
+
+std::string allowed(const Row &row) {
+  static Config scratch;
+  const Allowed &a = row.allowed;
+  const std::string words = a.words != nullptr ? a.words : "any text";
+  const auto numbers = [&](auto *) { return std::to_string(a.min) + " to " + std::to_string(a.max); };
+  return std::visit(
+      Overloaded{[&](Text *) { return words; }, [&](List *) { return "a list of " + words; },
+                 [](bool *) { return std::string("true or false"); }, [](Ports *) { return std::string(kPortForm); }, numbers},
+      row.at(scratch));
+}
+
+}  // namespace host::keys
