@@ -30,10 +30,11 @@ constexpr auto kRetry = std::chrono::seconds(1);
 // Loop's thread.
 qx_global *global_handle = nullptr;
 Callbacks registered;
-std::unique_ptr<Agent> agent;
+// Neither this nor the inbox is destroyed by exit(), with which the daemon may leave: the openflow thread runs until the end.
+auto &agent = *new std::unique_ptr<Agent>;
 
 // Any thread. The inbox outlives the agent, so that a late sender finds something to send to.
-Inbox inbox;
+auto &inbox = *new Inbox;
 std::atomic<bool> running{false};
 std::atomic<bool> held{false};
 
