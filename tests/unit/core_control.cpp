@@ -116,7 +116,7 @@ TEST_F(Control, WhatDoesNotFitIsRefusedWithWhatIsAllowed) {
       {R"({"call":"cmd","module":"m","command":"two","args":"1 2"})", {"args is not an object"}},
       {R"({"call":"view","name":"x"})", {"unknown view \"x\"", "timings"}},
       {R"({"call":7})", {""}},
-      {R"({"call":"reboot"})", {"unknown call \"reboot\"", "cmd, list, view"}},
+      {R"({"call":"reboot"})", {"unknown call \"reboot\"", "cmd, list, view, watch"}},
       {R"([1])", {"one JSON object"}},
       {"kelim_set_dbg 3", {"one JSON object"}},
       {"\xff\xfe{", {"one JSON object"}},
@@ -247,6 +247,77 @@ TEST_F(Control, TooManyClientsAreToldSoAndLeaveRoomAgain) {
   EXPECT_EQ(refused, (json{{"status", 2}, {"error", "more than 32 clients"}}));
   many.clear();
   EXPECT_EQ(ask(R"({"call":"list"})")["status"], 0);
+}
+
+// A feed whose lines the test sends.
+class ControlFeed : public Control {
+ protected:
+  void SetUp() override {
+    Control::SetUp();
+    host::control::register_feed("ticks", [this](const json &args, host::control::Push given) -> std::shared_ptr<void> {
+      if (!args.contains("every")) throw std::invalid_argument("every is missing");
+      push = std::move(given);
+      auto life = std::make_shared<int>();
+      feed = life;
+      return life;
+    });
+    ASSERT_EQ(client.connect(path()), "");
+    ASSERT_EQ(client.send(R"({"call":"watch","name":"ticks","args":{"every":1}})"
+                          "\n"),
+              "");
+    ASSERT_TRUE(host::run_until([&] { return !feed.expired(); }, 20s));
+    EXPECT_EQ(line(), (json{{"status", 0}}));
+  }
+
+  json line() {
+    return serve([&] {
+      std::string received;
+      EXPECT_EQ(client.receive(&received, 5s), "");
+      return json::parse(received);
+    });
+  }
+  void tick(int number) {
+    push([&] {
+      ++made;
+      return json{{"tick", number}, {"padding", std::string(100, '.')}};
+    });
+  }
+
+  host::control::Push push;
+  std::weak_ptr<void> feed;
+  Client client;
+  int made = 0;
+};
+
+TEST_F(ControlFeed, LinesComeAsTheyHappenUntilTheReaderGoes) {
+  for (int number = 1; number <= 3; ++number) tick(number);
+  for (int number = 1; number <= 3; ++number) EXPECT_EQ(line()["tick"], number);
+  client.send("{\"call\":\"list\"}\n");  // not read any more
+  tick(4);
+  EXPECT_EQ(line()["tick"], 4);
+  client.disconnect();
+  EXPECT_TRUE(host::run_until([&] { return feed.expired(); }, 20s));
+  EXPECT_EQ(ask(R"({"call":"watch","name":"ticks"})")["error"], "every is missing");
+  EXPECT_EQ(ask(R"({"call":"watch","name":"tocks"})")["error"], "unknown feed \"tocks\"; allowed: mom, ticks");
+}
+
+TEST_F(ControlFeed, AReaderThatIsTooSlowMissesLinesAndIsToldHowMany) {
+  constexpr int kTicks = 100'000;  // about 13 MB
+  for (int number = 0; number < kTicks; ++number) {
+    tick(number);
+    if (number % 1000 == 0) host::run_until([] { return true; }, 1s);
+  }
+  EXPECT_LT(made, 20'000) << "what nobody has room for is not even made";
+  serve([&] {
+    std::string received;
+    for (int number = 0; number < made && client.receive(&received, 5s) == ""; ++number) {
+      EXPECT_EQ(json::parse(received)["tick"], number);
+    }
+    return 0;
+  });
+  EXPECT_EQ(line(), (json{{"missed", kTicks - made}}));
+  tick(kTicks);
+  EXPECT_EQ(line()["tick"], kTicks);
 }
 
 class NoControl : public Control {

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -64,8 +65,10 @@ class Client {
     return "";
   }
 
-  std::string receive(std::string *answer, std::chrono::milliseconds limit) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
+  // The next line. Without a limit it waits as long as the connection lasts.
+  std::string receive(std::string *answer, std::optional<std::chrono::milliseconds> limit = {}) {
+    std::optional<std::chrono::steady_clock::time_point> deadline;
+    if (limit) deadline = std::chrono::steady_clock::now() + *limit;
     std::size_t searched = 0;
     while (true) {
       if (const auto end = received_.find('\n', searched); end != std::string::npos) {
@@ -79,10 +82,14 @@ class Client {
   }
 
  private:
-  std::string read_more(std::chrono::steady_clock::time_point deadline) {
+  static int left_until(std::chrono::steady_clock::time_point deadline) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
+    return left < 0 ? 0 : static_cast<int>(left);
+  }
+
+  std::string read_more(const std::optional<std::chrono::steady_clock::time_point> &deadline) {
     pollfd wait{.fd = fd_, .events = POLLIN, .revents = 0};
-    const int ready = left <= 0 ? 0 : ::poll(&wait, 1, static_cast<int>(left));
+    const int ready = ::poll(&wait, 1, deadline ? left_until(*deadline) : -1);
     if (ready == 0) return "no answer in time";
     char bytes[65536];
     const ssize_t n = ready < 0 ? -1 : ::recv(fd_, bytes, sizeof bytes, 0);

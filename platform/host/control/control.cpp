@@ -15,8 +15,10 @@ namespace host::control {
 namespace {
 
 using nlohmann::json;
+using Answer = nlohmann::ordered_json;  // people read records in the order of their fields
 
 std::map<std::string, View, std::less<>> g_views;
+std::map<std::string, Feed, std::less<>> g_feeds;
 std::unique_ptr<LineServer> g_server;
 
 template <typename Map>
@@ -26,45 +28,71 @@ std::string names(const Map &map) {
   return text;
 }
 
-json call_view(const json &request) {
-  const std::string name = request.value("name", "");
-  const auto view = g_views.find(name);
-  if (view == g_views.end()) throw Refusal("unknown view \"" + name + "\"; allowed: " + names(g_views));
-  return {{"status", 0}, {"data", view->second(request.value("args", json::object()))}};
-}
-
-json list(const json &) {
-  json views = json::array();
-  for (const auto &[name, view] : g_views) views.push_back(name);
-  return {{"status", 0}, {"modules", list_commands()}, {"views", std::move(views)}};
-}
-
-const std::map<std::string, json (*)(const json &), std::less<>> kCalls = {
-    {"cmd", call_command}, {"list", list}, {"view", call_view}};
-
-json answer(const json &request) {
-  if (!request.is_object()) throw Refusal("a request is one JSON object on a line, such as {\"call\":\"list\"}");
-  const std::string name = request.value("call", "");
-  const auto call = kCalls.find(name);
-  if (call == kCalls.end()) throw Refusal("unknown call \"" + name + "\"; allowed: " + names(kCalls));
-  return call->second(request);
+// What a request names, among `registered`.
+template <typename Map>
+const auto &named(const Map &registered, const char *kind, const std::string &name) {
+  const auto found = registered.find(name);
+  if (found == registered.end())
+    throw Refusal(std::string("unknown ") + kind + " \"" + name + "\"; allowed: " + names(registered));
+  return found->second;
 }
 
 // Output of handlers may hold any bytes: what is no UTF-8 is shown as U+FFFD.
-std::string text_of(const json &value) {
-  return value.dump(-1, ' ', false, json::error_handler_t::replace);
+std::string text_of(const Answer &value) {
+  return value.dump(-1, ' ', false, Answer::error_handler_t::replace);
+}
+
+using Reply = LineServer::Reply;
+
+Reply call_command_line(const json &request, const LineServer::Push &) {
+  return {text_of(call_command(request)), nullptr};
+}
+
+Reply call_view(const json &request, const LineServer::Push &) {
+  const View &view = named(g_views, "view", request.value("name", ""));
+  return {text_of({{"status", 0}, {"data", view(request.value("args", json::object()))}}), nullptr};
+}
+
+Reply call_feed(const json &request, const LineServer::Push &push) {
+  const Feed &feed = named(g_feeds, "feed", request.value("name", ""));
+  const Push push_json = [push](const auto &line) { push([&] { return text_of(line()); }); };
+  auto stream = feed(request.value("args", json::object()), push_json);
+  return {text_of({{"status", 0}}), std::move(stream)};
+}
+
+template <typename Map>
+json keys(const Map &map) {
+  json keys = json::array();
+  for (const auto &[key, value] : map) keys.push_back(key);
+  return keys;
+}
+
+Reply list(const json &, const LineServer::Push &) {
+  return {text_of({{"status", 0}, {"modules", list_commands()}, {"views", keys(g_views)}, {"feeds", keys(g_feeds)}}), nullptr};
+}
+
+const std::map<std::string, Reply (*)(const json &, const LineServer::Push &), std::less<>> kCalls = {
+    {"cmd", call_command_line}, {"list", list}, {"view", call_view}, {"watch", call_feed}};
+
+Reply answer(const json &request, const LineServer::Push &push) {
+  if (!request.is_object()) throw Refusal("a request is one JSON object on a line, such as {\"call\":\"list\"}");
+  return named(kCalls, "call", request.value("call", ""))(request, push);
 }
 
 std::string refuse(const std::string &why) {
   return text_of({{"status", 2}, {"error", why}});
 }
 
-std::string answer_line(const std::string &line) {
+Reply answer_line(const std::string &line, const LineServer::Push &push) {
   try {
-    return text_of(answer(json::parse(line, nullptr, false)));
+    return answer(json::parse(line, nullptr, false), push);
   } catch (const std::exception &e) {  // refusals, members of the wrong type, memory
-    return refuse(e.what());
+    return {refuse(e.what()), nullptr};
   }
+}
+
+std::string missed(std::size_t lines) {
+  return text_of({{"missed", lines}});
 }
 
 }  // namespace
@@ -73,16 +101,21 @@ void register_view(const std::string &name, View view) {
   if (loop_base() != nullptr) g_views[name] = std::move(view);
 }
 
+void register_feed(const std::string &name, Feed feed) {
+  if (loop_base() != nullptr) g_feeds[name] = std::move(feed);
+}
+
 std::string start(const Config &config, const std::string &runtime_name) {
   register_view("timings", [](const json &) { return timing::view(); });
   if (!config.control.enabled) return "";
-  g_server = std::make_unique<LineServer>(answer_line, refuse);
+  g_server = std::make_unique<LineServer>(LineServer::Words{answer_line, refuse, missed});
   return g_server->listen(socket_path(config.run_dir, runtime_name));
 }
 
 void stop() {
   g_server.reset();
   g_views.clear();
+  g_feeds.clear();
   clear_commands();
 }
 

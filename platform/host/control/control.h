@@ -4,7 +4,9 @@
 //   {"call":"cmd","module":"ssc_kelim","command":"kelim_set_dbg","args":{"dbg_val":"0x83"}}
 //       -> {"status":0,"result":0,"output":"what the handler printed"}
 //   {"call":"view","name":"timings","args":{}}  -> {"status":0,"data":...}
-//   {"call":"list"}                             -> {"status":0,"modules":[...],"views":[...]}
+//   {"call":"watch","name":"mom","args":{}}     -> {"status":0}, then a line for everything that happens, until the client goes;
+//                                                  {"missed":3} stands for as many lines that a slow reader did not get
+//   {"call":"list"}                             -> {"status":0,"modules":[...],"views":[...],"feeds":[...]}
 //   anything wrong                              -> {"status":2,"error":"what was wrong and what is allowed"}
 // "result" is what the handler returned. All of it is served on the loop's thread, one request of a client at a time; the next
 // one is read when the answer has gone out. Lines of more than 64 KiB, more than 32 clients and clients that take nothing for a
@@ -14,6 +16,7 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 
@@ -24,11 +27,17 @@ struct Config;
 namespace host::control {
 
 // A view gives data of a host service; it may throw std::invalid_argument with a text for the caller.
-using View = std::function<nlohmann::json(const nlohmann::json &args)>;
+using View = std::function<nlohmann::ordered_json(const nlohmann::json &args)>;
+
+// A feed gives lines as things happen, until what it returned is released. `push` sends one, unless the client is too far behind
+// to get it (then `line` is not made); never from inside the feed's own call. It may throw std::invalid_argument.
+using Push = std::function<void(const std::function<nlohmann::ordered_json()> &line)>;
+using Feed = std::function<std::shared_ptr<void>(const nlohmann::json &args, Push push)>;
 
 // Registers a view until the runtime is released; a later one of the same name takes its place. Without effect before
 // qx_global_init.
 void register_view(const std::string &name, View view);
+void register_feed(const std::string &name, Feed feed);
 
 // The runtime's own calls. "" or the error.
 std::string start(const Config &config, const std::string &runtime_name);

@@ -46,18 +46,20 @@ int bound_socket(const sockaddr_un &address) {
 
 struct LineServer::Client {
   LineServer *server;
-  std::unique_ptr<bufferevent, BuffereventDeleter> stream;
+  std::unique_ptr<bufferevent, BuffereventDeleter> socket;
   bool closing = false;  // goes when its answer is out
+  std::shared_ptr<void> stream{};
+  std::size_t missed = 0;  // lines of the stream
 
-  evbuffer *input() const { return bufferevent_get_input(stream.get()); }
-  evbuffer *output() const { return bufferevent_get_output(stream.get()); }
+  evbuffer *input() const { return bufferevent_get_input(socket.get()); }
+  evbuffer *output() const { return bufferevent_get_output(socket.get()); }
   void send(const std::string &line) const {
     evbuffer_add(output(), line.data(), line.size());
     evbuffer_add(output(), "\n", 1);
   }
 };
 
-LineServer::LineServer(Answer answer, Refuse refuse) : answer_(std::move(answer)), refuse_(std::move(refuse)) {}
+LineServer::LineServer(Words words) : words_(std::move(words)) {}
 
 LineServer::~LineServer() {
   if (listener_) unlink(path_.c_str());
@@ -90,41 +92,58 @@ std::string LineServer::listen(const std::string &path) {
 }
 
 void LineServer::accept(int fd) {
-  bufferevent *stream = bufferevent_socket_new(loop_base(), fd, BEV_OPT_CLOSE_ON_FREE);
-  if (stream == nullptr) {
+  bufferevent *socket = bufferevent_socket_new(loop_base(), fd, BEV_OPT_CLOSE_ON_FREE);
+  if (socket == nullptr) {
     ::close(fd);
     return;
   }
-  Client &client = clients_.emplace_back(Client{this, std::unique_ptr<bufferevent, BuffereventDeleter>(stream)});
-  bufferevent_setwatermark(stream, EV_READ, 0, kLongestLine + 1);
-  bufferevent_set_timeouts(stream, &kIdle, &kStuck);
+  Client &client = clients_.emplace_back(Client{this, std::unique_ptr<bufferevent, BuffereventDeleter>(socket)});
+  bufferevent_setwatermark(socket, EV_READ, 0, kLongestLine + 1);
+  bufferevent_set_timeouts(socket, &kIdle, &kStuck);
   const auto ready = [](bufferevent *, void *c) { static_cast<Client *>(c)->server->serve(*static_cast<Client *>(c)); };
   const auto ended = [](bufferevent *, short, void *c) { static_cast<Client *>(c)->server->close(*static_cast<Client *>(c)); };
-  bufferevent_setcb(stream, ready, ready, ended, &client);
+  bufferevent_setcb(socket, ready, ready, ended, &client);
   if (clients_.size() > kMostClients) {
     client.closing = true;
-    client.send(refuse_("more than " + std::to_string(kMostClients) + " clients"));
+    client.send(words_.refuse("more than " + std::to_string(kMostClients) + " clients"));
     return;
   }
-  bufferevent_enable(stream, EV_READ | EV_WRITE);
+  bufferevent_enable(socket, EV_READ | EV_WRITE);
 }
 
 // Takes the next request only once the last answer is out: a client that reads nothing costs one answer and, by the watermark,
 // one line of input.
 void LineServer::serve(Client &client) {
-  while (!client.closing && evbuffer_get_length(client.output()) == 0) {
+  while (!client.closing && !client.stream && evbuffer_get_length(client.output()) == 0) {
     std::size_t length = 0;
     const std::unique_ptr<char, void (*)(void *)> line(evbuffer_readln(client.input(), &length, EVBUFFER_EOL_LF), free);
     if (line && length > 0) {
-      client.send(answer_(std::string(line.get(), length)));
+      answer(client, std::string(line.get(), length));
     } else if (!line && evbuffer_get_length(client.input()) > kLongestLine) {
-      client.send(refuse_("a request of more than " + std::to_string(kLongestLine) + " bytes"));
+      client.send(words_.refuse("a request of more than " + std::to_string(kLongestLine) + " bytes"));
       client.closing = true;
     } else if (!line) {
       break;
     }
   }
-  if (client.closing && evbuffer_get_length(client.output()) == 0) close(client);
+  const bool drained = evbuffer_get_length(client.output()) == 0;
+  if (drained && client.missed > 0) client.send(words_.missed(std::exchange(client.missed, 0)));
+  if (drained && client.closing) close(client);
+}
+
+void LineServer::answer(Client &client, const std::string &line) {
+  Reply reply = words_.answer(line, [this, &client](const auto &further) { push(client, further); });
+  client.send(reply.line);
+  client.stream = std::move(reply.stream);
+  if (client.stream) bufferevent_set_timeouts(client.socket.get(), nullptr, &kStuck);  // it only listens from now on
+}
+
+void LineServer::push(Client &client, const std::function<std::string()> &line) {
+  if (client.missed > 0 || evbuffer_get_length(client.output()) > kMostUnread) {
+    ++client.missed;
+  } else {
+    client.send(line());
+  }
 }
 
 void LineServer::close(Client &client) {

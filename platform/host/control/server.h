@@ -1,4 +1,5 @@
-// Lines over a unix socket: one request a line, one answer a line. Knows nothing of what they say. Loop's thread.
+// Lines over a unix socket: one request a line, one answer a line, or one answer and then a stream of lines. Knows nothing of
+// what they say. Loop's thread.
 #pragma once
 
 #include <event2/bufferevent.h>
@@ -8,6 +9,7 @@
 #include <list>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "host/runtime/timer.h"
 
@@ -17,13 +19,26 @@ class LineServer {
  public:
   static constexpr std::size_t kLongestLine = 64 << 10;
   static constexpr std::size_t kMostClients = 32;
+  static constexpr std::size_t kMostUnread = 1 << 20;  // bytes of a stream that its reader may leave behind
 
-  // Gives the answer to a line; both without line end.
-  using Answer = std::function<std::string(const std::string &line)>;
-  // The answer to what could not be taken, such as a line that is too long.
-  using Refuse = std::function<std::string(const std::string &why)>;
+  // Sends a further line to a client whose stream lives. `line` makes it and is not called while the client leaves too much
+  // unread: then the line is lost and counted.
+  using Push = std::function<void(const std::function<std::string()> &line)>;
+  struct Reply {
+    std::string line;
+    std::shared_ptr<void> stream;  // kept until the client goes, null without a stream; further requests are not read then
+  };
+  // What the lines say, without line ends.
+  struct Words {
+    // The answer to a line. `push` must not be called from inside.
+    std::function<Reply(const std::string &line, const Push &push)> answer;
+    // The answer to what could not be taken, such as a line that is too long.
+    std::function<std::string(const std::string &why)> refuse;
+    // Tells a stream's reader, once it reads again, how many lines it missed.
+    std::function<std::string(std::size_t lines)> missed;
+  };
 
-  LineServer(Answer answer, Refuse refuse);
+  explicit LineServer(Words words);
   ~LineServer();
   LineServer(const LineServer &) = delete;
   LineServer &operator=(const LineServer &) = delete;
@@ -39,10 +54,11 @@ class LineServer {
 
   void accept(int fd);
   void serve(Client &client);
+  void answer(Client &client, const std::string &line);
+  void push(Client &client, const std::function<std::string()> &line);
   void close(Client &client);
 
-  Answer answer_;
-  Refuse refuse_;
+  Words words_;
   std::string path_;
   std::list<Client> clients_;
   std::unique_ptr<evconnlistener, ListenerDeleter> listener_;
