@@ -12,6 +12,7 @@ namespace {
 struct Store {
   const char *name;
   std::unique_ptr<Backend> (*make)();
+  friend void PrintTo(const Store &store, std::ostream *out) { *out << store.name; }
 };
 
 class MomConformance : public testing::TestWithParam<Store> {

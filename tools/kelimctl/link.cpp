@@ -18,10 +18,23 @@ Json Link::request(const Json &call) {
   connect();
   std::string line;
   if (const std::string why = client_.request(call.dump(), &line); !why.empty()) throw Problem(kFailed, process_ + ": " + why);
-  const Json answer = Json::parse(line, nullptr, false);
-  if (answer.is_discarded()) throw Problem(kFailed, process_ + " gave an answer that is not JSON");
+  const Json answer = parse(line);
   if (answer.value("status", 1) != 0) throw Problem(kUsage, answer.value("error", "refused without a reason"));
   return answer;
+}
+
+Json Link::parse(const std::string &line) const {
+  Json answer = Json::parse(line, nullptr, false);
+  if (answer.is_discarded()) throw Problem(kFailed, process_ + " gave an answer that is not JSON");
+  return answer;
+}
+
+void Link::watch(const std::string &name, const Json &args, const std::function<bool(const Json &line)> &each) {
+  request({{"call", "watch"}, {"name", name}, {"args", args}});
+  std::string line;
+  do {
+    if (const std::string why = client_.receive(&line); !why.empty()) throw Problem(kFailed, process_ + ": " + why);
+  } while (each(parse(line)));
 }
 
 Json Link::view(const std::string &name, const Json &args) {

@@ -2,6 +2,7 @@
 // kelimctl's exit status.
 #pragma once
 
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
@@ -28,9 +29,12 @@ class Link {
   Json request(const Json &call);
   // The data of a view.
   Json view(const std::string &name, const Json &args = Json::object());
+  // Every line of a feed to `each`, until that returns false or the process ends.
+  void watch(const std::string &name, const Json &args, const std::function<bool(const Json &line)> &each);
 
  private:
   void connect();
+  Json parse(const std::string &line) const;
 
   std::string run_dir_;
   std::string process_;

@@ -1,10 +1,14 @@
 // kelimctl: looks into a running daemon and steers it.
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
+#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <functional>
 
 #include "host/config/config.h"
+#include "host/mom/views.h"
 #include "kelimctl/views.h"
 
 namespace kelimctl {
@@ -19,6 +23,8 @@ Examples:
   kelimctl cmd ssc_kelim kelim_set_dbg dbg_val=0x3
   kelimctl mom ls flow
   kelimctl mom get flow 17:0
+  kelimctl mom watch flow_sta
+  kelimctl mom --url redis+unix:/run/redis.sock stats
   kelimctl config
 
 Exit status: 0 done, 1 failed, 2 wrong usage, 3 no such process.
@@ -33,6 +39,8 @@ struct Choices {
   bool list = false;
   bool markdown = false;
   std::string type, key;
+  std::string url;    // of the database; the configured one when empty
+  bool keys = false;  // of a watch: no records
 };
 
 void print(const std::string &text) {
@@ -82,10 +90,39 @@ void run_command(Link &link, const Choices &choices) {
   }
 }
 
-void get_record(Link &link, const Choices &choices) {
-  const Json data = database_get(link, choices.type, choices.key);
+// ---- the object database
+
+void list_records(Database &database, const Choices &choices) {
+  if (choices.type.empty()) return show(choices, database_stats(database), database_stats_text);
+  show(choices, database_list(database, choices.type, choices.view), database_list_text);
+}
+
+void get_record(Database &database, const Choices &choices) {
+  const Json data = database_get(database, choices.type, choices.key);
   if (data.value("total", 0) == 0) throw Problem(kFailed, "no object " + choices.type + " " + choices.key);
   show(choices, data, records_text);
+}
+
+void show_stats(Database &database, const Choices &choices) {
+  show(choices, database_stats(database), database_stats_text);
+}
+
+// One line of a watch; what is no change goes to standard error. False when nobody reads any more.
+bool show_change(const Choices &choices, const Json &line) {
+  if (line.contains("live")) {
+    std::fputs("Watching; Ctrl-C ends.\n", stderr);
+  } else if (line.contains("missed")) {
+    std::fprintf(stderr, "%s changes are missing: they came faster than they were read.\n", line["missed"].dump().c_str());
+  } else {
+    const Json change = mom::decode_change(line);
+    print(choices.view.json ? change.dump() + "\n" : change_text(change, choices.keys));
+  }
+  return std::fflush(stdout) == 0;
+}
+
+void watch_records(Database &database, const Choices &choices) {
+  std::signal(SIGINT, [](int) { _exit(kDone); });  // every line is out when the next is waited for
+  database.watch(watch_arguments(choices.type), [&](const Json &line) { return show_change(choices, line); });
 }
 
 // ---- configuration
@@ -142,26 +179,39 @@ void add_cmd(CLI::App &app, Choices &choices, Action &action) {
   command->callback([&] { action = [&](Link &link) { run_command(link, choices); }; });
 }
 
+void configure_database(const Choices &choices) {
+  std::string error = host::config_load();
+  if (error.empty() && !choices.url.empty()) error = host::config_set("mom.url", choices.url);
+  if (!error.empty()) throw Problem(kUsage, error);
+}
+
 void add_mom(CLI::App &app, Choices &choices, Action &action) {
-  CLI::App *mom = app.add_subcommand("mom", "looks into the object database");
+  CLI::App *mom = app.add_subcommand("mom", "looks into the object database: the Redis server itself where one is configured");
   mom->require_subcommand(1);
+  mom->fallthrough();
   mom->add_flag("--json", choices.view.json, "the data instead of text");
-  CLI::App *ls = mom->add_subcommand("ls", "the record types, or the keys of one");
+  mom->add_option("--url", choices.url,
+                  "the database, otherwise as configured (KELIM_MOM_URL, host.toml); embedded: asks the process");
+  const auto add = [&](const char *name, const char *help, void (*work)(Database &, const Choices &)) {
+    CLI::App *command = mom->add_subcommand(name, help);
+    command->callback([&choices, &action, work] {
+      action = [&choices, work](Link &link) {
+        configure_database(choices);
+        work(*open_database(link), choices);
+      };
+    });
+    return command;
+  };
+  CLI::App *ls = add("ls", "the record types, or the keys of one", list_records);
   ls->add_option("TYPE", choices.type, "such as flow");
   ls->add_option("--limit", choices.view.limit, "keys at most")->capture_default_str();
-  ls->callback([&] {
-    action = [&](Link &link) {
-      if (choices.type.empty()) return show(choices, database_stats(link), database_stats_text);
-      show(choices, database_list(link, choices.type, choices.view), database_list_text);
-    };
-  });
-  CLI::App *get = mom->add_subcommand("get", "one record");
+  CLI::App *get = add("get", "one record", get_record);
   get->add_option("TYPE", choices.type, "such as flow")->required();
   get->add_option("KEY", choices.key, "the fields of its key, such as 17:0")->required();
-  get->callback([&] { action = [&](Link &link) { get_record(link, choices); }; });
-  CLI::App *stats = mom->add_subcommand("stats", "objects, bytes and subscribers of each record type");
-  stats->callback([&] { action = [&](Link &link) { show(choices, database_stats(link), database_stats_text); }; });
-  for (CLI::App *command : {ls, get, stats}) command->add_flag("--json", choices.view.json, "the data instead of text");
+  CLI::App *watch = add("watch", "every change as it happens", watch_records);
+  watch->add_option("TYPE", choices.type, "such as flow; otherwise every type");
+  watch->add_flag("--keys", choices.keys, "without the records");
+  add("stats", "objects, bytes and subscribers of each record type", show_stats);
 }
 
 // The one command that needs no running process.

@@ -1,5 +1,7 @@
 #include "kelimctl/views.h"
 
+#include <fmt/format.h>
+
 #include <cstdio>
 #include <map>
 
@@ -258,7 +260,8 @@ void add_lines(std::string &text, const Json &value, std::size_t indent) {
       for (const Json &item : member)
         shown += (shown.empty() ? "" : " ") + (item.is_string() ? item.get<std::string>() : item.dump());
     }
-    for (const std::string &piece : wrap(shown, Table::kWidth - std::min<std::size_t>(indent + name.size() + 2, 60))) {
+    for (std::string piece : wrap(shown, Table::kWidth - std::min<std::size_t>(indent + name.size() + 2, 60))) {
+      piece.erase(piece.find_last_not_of(' ') + 1);
       text += (text.ends_with(':') ? " " : std::string(indent + name.size() + 2, ' ')) + piece + '\n';
     }
   }
@@ -278,8 +281,8 @@ const std::vector<ViewCommand> &view_commands() {
   return commands;
 }
 
-Json database_list(Link &link, const std::string &type, const ViewOptions &options) {
-  return link.view("mom", {{"op", "ls"}, {"type", full_type(type)}, {"limit", options.limit}});
+Json database_list(Database &database, const std::string &type, const ViewOptions &options) {
+  return database.query({{"op", "ls"}, {"type", full_type(type)}, {"limit", options.limit}});
 }
 
 std::string database_list_text(const Json &data) {
@@ -289,8 +292,19 @@ std::string database_list_text(const Json &data) {
   return (text.empty() ? "No objects.\n" : text) + cut_note(objects.size(), data);
 }
 
-Json database_get(Link &link, const std::string &type, const std::string &key) {
-  return link.view("mom", {{"op", "get"}, {"key", full_type(type) + ":" + key}});
+Json database_get(Database &database, const std::string &type, const std::string &key) {
+  return database.query({{"op", "get"}, {"key", full_type(type) + ":" + key}});
+}
+
+Json watch_arguments(const std::string &type) {
+  return type.empty() ? Json::object() : Json{{"type", full_type(type)}};
+}
+
+std::string change_text(const Json &change, bool keys) {
+  std::string text = fmt::format("{} {:<9} {} (database {})\n", cell(change, "at"), cell(change, "change"), cell(change, "key"),
+                                 cell(change, "db"));
+  if (!keys) add_lines(text, change.value("record", Json::object()), 2);
+  return text;
 }
 
 std::string records_text(const Json &data) {
@@ -302,8 +316,8 @@ std::string records_text(const Json &data) {
   return text;
 }
 
-Json database_stats(Link &link) {
-  return link.view("mom", {{"op", "stats"}});
+Json database_stats(Database &database) {
+  return database.query({{"op", "stats"}});
 }
 
 std::string database_stats_text(const Json &data) {

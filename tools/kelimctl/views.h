@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "kelimctl/database.h"
 #include "kelimctl/link.h"
 
 namespace kelimctl {
@@ -25,11 +26,16 @@ const std::vector<ViewCommand> &view_commands();
 
 // ---- the object database
 
-Json database_list(Link &link, const std::string &type, const ViewOptions &options);
+Json database_list(Database &database, const std::string &type, const ViewOptions &options);
 std::string database_list_text(const Json &data);
-Json database_get(Link &link, const std::string &type, const std::string &key);
+Json database_get(Database &database, const std::string &type, const std::string &key);
 std::string records_text(const Json &data);
-Json database_stats(Link &link);
+Json database_stats(Database &database);
 std::string database_stats_text(const Json &data);
+
+// What a watch is asked for; every type when `type` is empty.
+Json watch_arguments(const std::string &type);
+// A decoded change: its line, and the record below it unless only `keys` are wanted.
+std::string change_text(const Json &change, bool keys);
 
 }  // namespace kelimctl

@@ -163,11 +163,11 @@ int Embedded::del_expire_tag(Slot &slot, int64_t tag) {
 // ---- objects
 
 void Embedded::notify(Table &table, Change change, const ObjectRef &object) {
-  if (!table.slot.subscriptions.empty()) hub_.later().notify(table.slot, change, object);
+  if (table.slot.heard()) hub_.later().notify(table.slot, change, object);
 }
 
 int Embedded::write(Table &table, const SortedIndex::Place &place, const Key &key, Bytes packed, int64_t tag) {
-  if (!table.slot.subscriptions.empty() && !table.slot.topic.admit(packed.size())) return -14;
+  if (table.slot.heard() && !table.slot.topic.admit(packed.size())) return -14;
   const ObjectRef object = ObjectRef::make(packed, key.tail);
   if (!object) return -1;
   object->tag = tag;
@@ -214,7 +214,7 @@ int Embedded::del(Slot &slot, const Key &key) {
 }
 
 int Embedded::publish(Slot &slot, Bytes packed) {
-  if (slot.subscriptions.empty()) return 0;
+  if (!slot.heard()) return 0;
   if (!slot.topic.admit(packed.size())) return -14;
   ObjectRef object = ObjectRef::make(packed, {});
   if (!object) return -1;
@@ -245,13 +245,13 @@ int Embedded::scan_sync(Slot &slot, const Visitor &visit) {
   return 0;
 }
 
-void Embedded::subscribe(Slot &slot, Subscription &subscription) {
-  hub_.later().act([this, &slot, &subscription] { hub_.data_fetch(slot, subscription); });
+void Embedded::subscribe(Slot &, std::function<void()> live) {
+  hub_.later().act(std::move(live));
 }
 
 std::optional<Store::Held> Embedded::held(Slot &slot) {
   const Table &table = this->table(slot);
-  return Held{table.index.size(), table.object_bytes + table.index.bytes()};
+  return Held{table.index.size(), table.object_bytes + table.index.bytes(), slot.subscriptions.size()};
 }
 
 // There is no server that could be lost; what can be shown is what the process would see. Type 1 is another server, empty.

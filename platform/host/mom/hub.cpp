@@ -4,10 +4,13 @@
 #include <cstddef>
 
 #include "host/log/log.h"
+#include "host/mom/render.h"
 
 namespace mom {
 
 namespace {
+
+constexpr size_t kKeyShown = 200;  // of a key in the log: foreign ones may be anything
 
 // What QX_MOM_DECODED subscribers and scans get for a change: plain types, hash-class types.
 struct Command {
@@ -58,7 +61,7 @@ Database *Hub::database(int32_t number) {
 Slot &Hub::slot(Database &db, const RecordType &type) {
   if (db.slots.size() <= type.id()) db.slots.resize(type.id() + 1);
   auto &slot = db.slots[type.id()];
-  if (!slot) slot.reset(new Slot{db, type, {}, {}});
+  if (!slot) slot.reset(new Slot{db, type, {}, {}, {}});
   return *slot;
 }
 
@@ -91,8 +94,23 @@ int Hub::subscribe(Slot &slot, bool packed, qx_mom_notify_cb callback, bool firs
                                       std::make_unique<Subscription>(Subscription{callback, packed}));
   }
   (*found)->owed = false;
-  store_->subscribe(slot, **found);
+  listen(slot, **found);
   return 0;
+}
+
+void Hub::watch(Slot &slot, const std::shared_ptr<Watcher> &watcher) {
+  slot.watchers.push_back(watcher);
+  listen(slot, watcher);
+}
+
+void Hub::listen(Slot &slot, Subscription &subscription) {
+  store_->subscribe(slot, [this, &slot, &subscription] { data_fetch(slot, subscription); });
+}
+
+void Hub::listen(Slot &slot, const std::weak_ptr<Watcher> &watcher) {
+  store_->subscribe(slot, [&slot, watcher] {
+    if (const auto living = watcher.lock()) living->live(slot);
+  });
 }
 
 void Hub::reconnect(Database &db, int32_t type) {
@@ -111,9 +129,11 @@ void Hub::reconnect(Database &db, int32_t type) {
   if (!up) return;
   for (size_t i = 0; i < db.slots.size(); ++i) {
     if (!db.slots[i]) continue;
-    for (auto &subscription : db.slots[i]->subscriptions) {
-      if (std::exchange(subscription->owed, false)) store_->subscribe(*db.slots[i], *subscription);
+    Slot &slot = *db.slots[i];
+    for (auto &subscription : slot.subscriptions) {
+      if (std::exchange(subscription->owed, false)) listen(slot, *subscription);
     }
+    for (const auto &watcher : slot.watchers) listen(slot, watcher);
   }
 }
 
@@ -126,6 +146,7 @@ void Hub::data_fetch(Slot &slot, Subscription &subscription) {
 
 void Hub::deliver(Slot &slot, Change change, Bytes packed, const Key *key) {
   ++delivered_;
+  if (!slot.watchers.empty()) tell_watchers(slot, change, packed, key);
   const Arena::Scope scope(arena_);
   Decoded decoded;
   qx_obj bytes{};
@@ -149,6 +170,11 @@ void Hub::deliver(Slot &slot, Change change, Bytes packed, const Key *key) {
     }
     if (state == good) subscription.callback(&slot.db, &decoded.object);
   }
+}
+
+void Hub::tell_watchers(Slot &slot, Change change, Bytes packed, const Key *key) {
+  std::erase_if(slot.watchers, [](const auto &watcher) { return watcher.expired(); });
+  for (const auto &watcher : slot.watchers) watcher.lock()->changed(slot, change, packed, key);
 }
 
 ProtobufCMessage *Hub::unpack(const Slot &slot, Bytes packed, const Key *key, bool stored, ProtobufCAllocator *allocator) {
@@ -185,9 +211,9 @@ void free_object(qx_obj *object) {
 }
 
 void Hub::skip(const char *kind, const std::string &key) {
-  const std::string type = key.substr(0, key.find(':'));
-  if (skipped_[type + ": " + kind]++ == 0)
-    host::log::error("database: skipped {}: {} (further ones are only counted)", key, kind);
+  const RecordType *type = RecordType::named(std::string_view(key).substr(0, key.find(':')));
+  if (skipped_[std::string(type ? type->name() : "foreign") + ": " + kind]++ == 0)
+    host::log::error("database: skipped {}: {} (further ones are only counted)", printable(key, kKeyShown), kind);
 }
 
 void Hub::skip_broken(const Slot &slot, const Key *key) {

@@ -25,12 +25,24 @@ struct Subscription {
   bool owed = false;
 };
 
+// Looks on at the changes of a slot for an operator: gets their bytes as they are, broken ones too.
+class Watcher {
+ public:
+  virtual ~Watcher() = default;
+  // From here on changes are seen.
+  virtual void live(Slot &slot) = 0;
+  virtual void changed(Slot &slot, Change change, Bytes packed, const Key *key) = 0;
+};
+
 // One record type in one database.
 struct Slot {
   Database &db;
   const RecordType &type;
   std::vector<std::unique_ptr<Subscription>> subscriptions;
+  std::vector<std::weak_ptr<Watcher>> watchers;  // those that ended go with the next change
   cgst::Topic topic;
+
+  bool heard() const { return !subscriptions.empty() || !watchers.empty(); }
 };
 
 // Its address is the connection handle that callbacks get.
@@ -66,6 +78,8 @@ class Hub {
   int set_reconnect(Database &db, qx_mom_reconnect_cb callback);
   // `first`: called before the subscriptions that are there already.
   int subscribe(Slot &slot, bool packed, qx_mom_notify_cb callback, bool first = false);
+  // As long as the watcher lives. The database must be connected.
+  void watch(Slot &slot, const std::shared_ptr<Watcher> &watcher);
 
   // ---- what a store reports
 
@@ -73,7 +87,6 @@ class Hub {
   void connected(Database &db);
   // The connection changed; types of qx_mom.h. After 1 and 2 every subscription gets its data-fetch signal again.
   void reconnect(Database &db, int32_t type);
-  void data_fetch(Slot &slot, Subscription &subscription);
   // `key` where the store knows it: what the log shows of bytes that are no record.
   void deliver(Slot &slot, Change change, Bytes packed, const Key *key = nullptr);
 
@@ -86,7 +99,7 @@ class Hub {
   qx_obj *make_object(Slot &slot, const Key &key, Bytes packed);
 
   // Counts what was found in the database or in a notification and cannot be used; the first of each kind and type is logged with
-  // its key.
+  // its key. Whatever names no record type of ours is of one type, "foreign".
   void skip(const char *kind, const std::string &key);
   const std::unordered_map<std::string, uint64_t> &skipped() const { return skipped_; }
 
@@ -96,6 +109,10 @@ class Hub {
   uint64_t refused() const { return refused_; }
 
  private:
+  void listen(Slot &slot, Subscription &subscription);
+  void listen(Slot &slot, const std::weak_ptr<Watcher> &watcher);
+  void data_fetch(Slot &slot, Subscription &subscription);
+  void tell_watchers(Slot &slot, Change change, Bytes packed, const Key *key);
   // Null for bytes that are no record of the type, or one with another key than `key` where that is given.
   ProtobufCMessage *unpack(const Slot &slot, Bytes packed, const Key *key, bool stored, ProtobufCAllocator *allocator);
   void skip_broken(const Slot &slot, const Key *key);

@@ -18,6 +18,7 @@ constexpr size_t kBatch = 32;  // writes that leave together; more gains nothing
 constexpr size_t kTagSize = 8;
 constexpr size_t kForgetBatch = 256;
 constexpr size_t kMembersAtATime = 5000;
+constexpr size_t kSampled = 16;      // objects asked for their size
 constexpr auto kStartPatience = 3s;  // for a server that is being started beside us
 constexpr auto kLoadPatience = 60s;  // for a server that loads its data
 constexpr auto kProbeEvery = 50ms;
@@ -388,22 +389,45 @@ int RedisStore::scan_sync(Slot &slot, const Visitor &visit) {
   return rv;
 }
 
+std::optional<size_t> RedisStore::number(Base &base, Arguments question) {
+  const Reply reply = synchronously(base, [&](SyncConnection &sync) { return sync.call(question); });
+  if (reply && reply->type == REDIS_REPLY_NIL) return 0;
+  if (!reply || reply->type != REDIS_REPLY_INTEGER) return std::nullopt;
+  return static_cast<size_t>(reply->integer);
+}
+
+// Bytes by what the server says of the index and of a few objects.
+size_t RedisStore::estimated_bytes(Table &table, size_t objects) {
+  const Reply sample = synchronously(table.base, [&](SyncConnection &sync) {
+    return sync.call({"SRANDMEMBER", table.index, std::to_string(kSampled)});
+  });
+  if (!sample || sample->type != REDIS_REPLY_ARRAY || sample->elements == 0) return 0;
+  size_t bytes = 0;
+  for (const redisReply *member : std::span(sample->element, sample->elements)) {
+    bytes += number(table.base, {"MEMORY", "USAGE", table.prefix + std::string(text_of(member))}).value_or(0);
+  }
+  return bytes * objects / sample->elements + number(table.base, {"MEMORY", "USAGE", table.index}).value_or(0);
+}
+
 std::optional<Store::Held> RedisStore::held(Slot &slot) {
   Table &table = this->table(slot);
-  const Reply reply = synchronously(table.base, [&](SyncConnection &sync) { return sync.call({"SCARD", table.index}); });
-  if (!reply || reply->type != REDIS_REPLY_INTEGER) return std::nullopt;
-  return Held{static_cast<size_t>(reply->integer), 0};
+  const auto objects = number(table.base, {"SCARD", table.index});
+  const Reply listeners = synchronously(table.base, [&](SyncConnection &sync) {
+    return sync.call({"PUBSUB", "NUMSUB", table.channel});
+  });
+  if (!objects || !listeners || listeners->type != REDIS_REPLY_ARRAY || listeners->elements != 2) return std::nullopt;
+  return Held{*objects, *objects ? estimated_bytes(table, *objects) : 0, static_cast<size_t>(listeners->element[1]->integer)};
 }
 
 // ---- notifications
 
-void RedisStore::subscribe(Slot &slot, Subscription &subscription) {
+void RedisStore::subscribe(Slot &slot, std::function<void()> live) {
   Table &table = this->table(slot);
   if (table.channel_live) {
-    hub_.later().act([this, &slot, &subscription] { hub_.data_fetch(slot, subscription); });
+    hub_.later().act(std::move(live));
     return;
   }
-  table.waiting.push_back(&subscription);
+  table.waiting.push_back(std::move(live));
   // Deletions first: when the other channel is confirmed, both are.
   watch_deletions(table);
   if (!std::exchange(table.channel_asked, true)) link(table).subscribe(table.channel);
@@ -418,7 +442,7 @@ void RedisStore::subscribed(Base &base, std::string_view channel) {
     return;
   }
   table.channel_live = true;
-  for (Subscription *subscription : std::exchange(table.waiting, {})) hub_.data_fetch(table.slot, *subscription);
+  for (const auto &live : std::exchange(table.waiting, {})) live();
 }
 
 void RedisStore::message(Base &base, std::string_view channel, std::string_view payload) {
@@ -463,7 +487,7 @@ void RedisStore::expired(Base &base, std::string_view object) {
   table.known.erase(*key);
   if (table.expired.empty()) hub_.later().act([this, &table] { forget_expired(table); });
   table.expired.emplace_back(object.substr(table.prefix.size()));
-  if (!table.slot.subscriptions.empty()) hub_.deliver(table.slot, Change::deleted, type->key_only(*key), &*key);
+  if (table.slot.heard()) hub_.deliver(table.slot, Change::deleted, type->key_only(*key), &*key);
 }
 
 void RedisStore::forget_expired(Table &table) {

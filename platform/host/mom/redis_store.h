@@ -1,10 +1,12 @@
 // The object store in a Redis server. Loop's thread.
 //
 // On the server, in database n (SELECT n):
-//   key      "s_policy_kelim.flow:17:0"   string: tag (8 bytes, little-endian), packed record
-//   index    "s_policy_kelim.flow"        set of the variable parts ("17:0") of the type's keys: what scans and template
-//   operations walk channel  "n:s_policy_kelim.flow"      notifications of writes: kind, variable part, a zero byte, packed
-//   record channel  "n:s_policy_kelim.flow-"     of deletions, the same layout
+//
+//   key      "s_policy_kelim.flow:17:0"  string: tag (8 bytes, little-endian), packed record
+//   index    "s_policy_kelim.flow"       set of the variable parts ("17:0") of the type's keys: scans and template operations
+//   walk it channel  "n:s_policy_kelim.flow"     notifications of writes: kind, variable part, a zero byte, packed record channel
+//   "n:s_policy_kelim.flow-"    of deletions, the same layout
+//
 // Kinds: W written, C / R written for the first time / again (hash-class types), D deleted, P published. Expiries come as Redis's
 // own key-event notifications.
 //
@@ -52,7 +54,7 @@ class RedisStore final : public Store {
   int del_expire_tag(Slot &slot, int64_t tag) override;
   int get_sync(Slot &slot, const Key &key, std::vector<uint8_t> &packed) override;
   int scan_sync(Slot &slot, const Visitor &visit) override;
-  void subscribe(Slot &slot, Subscription &subscription) override;
+  void subscribe(Slot &slot, std::function<void()> live) override;
   std::optional<Held> held(Slot &slot) override;
 
  private:
@@ -77,9 +79,9 @@ class RedisStore final : public Store {
     bool gone_live = false;
     // Objects that this process wrote and that nobody can have taken away without a word: their deletion need not ask.
     std::unordered_set<Key, KeyHash> known{};
-    std::vector<Subscription *> waiting{};  // for the channel's confirmation
-    std::vector<std::set<Key> *> scans{};   // of running scans: what was deleted meanwhile
-    std::vector<std::string> expired{};     // members to take out of the index
+    std::vector<std::function<void()>> waiting{};  // for the channel's confirmation
+    std::vector<std::set<Key> *> scans{};          // of running scans: what was deleted meanwhile
+    std::vector<std::string> expired{};            // members to take out of the index
   };
 
   // One database.
@@ -111,6 +113,9 @@ class RedisStore final : public Store {
 
   // Runs `ask` on the synchronous connection after every write given before; null when that is not possible in time.
   Reply synchronously(Base &base, const std::function<Reply(SyncConnection &)> &ask);
+  // The number that the server answers, 0 for nil.
+  std::optional<size_t> number(Base &base, Arguments question);
+  size_t estimated_bytes(Table &table, size_t objects);
   bool read_members(Table &table, std::vector<Key> &keys);
   int visit_batch(Table &table, std::span<const Key> keys, const std::set<Key> &deleted, const Visitor &visit);
 

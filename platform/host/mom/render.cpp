@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 
 #include <array>
+#include <charconv>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -26,16 +27,6 @@ constexpr std::array kBitmaps = {
     Bitmap{"action_bitmap", &s_policy_kelim__flow_ace_action_e__descriptor},
 };
 
-std::string hex(std::span<const uint8_t> bytes, std::string_view between) {
-  static constexpr std::string_view kDigits = "0123456789abcdef";
-  std::string out;
-  for (const uint8_t byte : bytes) {
-    if (!out.empty()) out += between;
-    out += {kDigits[byte >> 4], kDigits[byte & 15]};
-  }
-  return out;
-}
-
 std::span<const uint8_t> span_of(const ProtobufCBinaryData &data) {
   return {data.data, data.data ? data.len : 0};
 }
@@ -56,7 +47,7 @@ std::string ipv4_text(const ProtobufCMessage &record) {
 }
 
 std::string bytes_address(std::span<const uint8_t> bytes, int family, size_t size) {
-  if (bytes.size() != size) return hex(bytes, "");
+  if (bytes.size() != size) return hex(bytes);
   char text[INET6_ADDRSTRLEN] = "";
   inet_ntop(family, bytes.data(), text, sizeof text);
   return text;
@@ -112,11 +103,8 @@ const T &read(const void *element) {
   return *static_cast<const T *>(element);
 }
 
-// Text in a record is any bytes; JSON is UTF-8.
-std::string printable(const char *text) {
-  std::string out;
-  for (const char *c = text ? text : ""; *c; ++c) out += *c >= 0x20 && *c < 0x7f ? *c : '?';
-  return out;
+std::string_view text_member(const char *text) {
+  return text ? text : "";
 }
 
 Json element_json(const ProtobufCFieldDescriptor &field, const void *element) {
@@ -144,9 +132,9 @@ Json element_json(const ProtobufCFieldDescriptor &field, const void *element) {
     case PROTOBUF_C_TYPE_ENUM:
       return enum_json(field, read<int>(element));
     case PROTOBUF_C_TYPE_STRING:
-      return printable(read<const char *>(element));
+      return printable(text_member(read<const char *>(element)));
     case PROTOBUF_C_TYPE_BYTES:
-      return hex(span_of(read<ProtobufCBinaryData>(element)), "");
+      return hex(span_of(read<ProtobufCBinaryData>(element)));
     case PROTOBUF_C_TYPE_MESSAGE:
       break;
   }
@@ -209,6 +197,35 @@ Json message_json(const ProtobufCMessage &record, bool whole) {
 
 Json to_json(const ProtobufCMessage &record) {
   return message_json(record, true);
+}
+
+std::string printable(std::string_view bytes, size_t most) {
+  std::string out(bytes.substr(0, most));
+  for (char &c : out) {
+    if (c < 0x20 || c >= 0x7f) c = '?';
+  }
+  return bytes.size() > most ? out + "..." : out;
+}
+
+std::string hex(Bytes bytes, std::string_view between) {
+  static constexpr std::string_view kDigits = "0123456789abcdef";
+  std::string out;
+  out.reserve(bytes.size() * (2 + between.size()));
+  for (const uint8_t byte : bytes) {
+    if (!out.empty()) out += between;
+    out += {kDigits[byte >> 4], kDigits[byte & 15]};
+  }
+  return out;
+}
+
+std::optional<std::vector<uint8_t>> unhex(std::string_view text) {
+  std::vector<uint8_t> bytes(text.size() / 2);
+  for (size_t i = 0; i < bytes.size(); ++i) {
+    const char *digits = text.data() + 2 * i;
+    if (const auto [end, error] = std::from_chars(digits, digits + 2, bytes[i], 16); error != std::errc{} || end != digits + 2)
+      return std::nullopt;
+  }
+  return text.size() % 2 == 0 ? std::optional(std::move(bytes)) : std::nullopt;
 }
 
 }  // namespace mom

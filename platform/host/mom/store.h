@@ -15,7 +15,6 @@
 namespace mom {
 
 struct Slot;
-struct Subscription;
 struct Database;
 
 // What became of an object.
@@ -50,13 +49,15 @@ class Store {
   // In key order. Objects that the visitor adds are not visited, those that it deletes first neither.
   virtual int scan_sync(Slot &slot, const Visitor &visit) = 0;
 
-  // Reports Hub::data_fetch for the subscription once it is live, and the slot's changes from then on.
-  virtual void subscribe(Slot &slot, Subscription &subscription) = 0;
+  // Reports the slot's changes from now on; `live` runs in a later turn, once that is so, unless the connection ends before.
+  virtual void subscribe(Slot &slot, std::function<void()> live) = 0;
 
-  // How many objects the slot holds and how many bytes they take, for the views; nothing when that cannot be had now.
+  // How many objects the slot holds, about how many bytes they take and how many subscribers listen, for the views; nothing when
+  // that cannot be had now.
   struct Held {
     size_t objects;
     size_t bytes;
+    size_t subscribers;
   };
   virtual std::optional<Held> held(Slot &slot) = 0;
 

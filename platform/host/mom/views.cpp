@@ -1,5 +1,9 @@
 #include "host/mom/views.h"
 
+#include <fmt/format.h>
+#include <time.h>
+
+#include <chrono>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
@@ -43,18 +47,21 @@ nlohmann::json congestion(Hub &hub) {
   return {{"pipeline", load_json(cgst::pipeline())}, {"topics", std::move(topics)}};
 }
 
-nlohmann::json stats(Hub &hub) {
-  nlohmann::json types = nlohmann::json::array();
-  each_slot(hub, [&](Slot &slot) {
-    const auto held = hub.store().held(slot);
-    nlohmann::json type = {{"db", slot.db.number}, {"type", slot.type.name()}, {"subscribers", slot.subscriptions.size()}};
-    if (held) type.update({{"objects", held->objects}, {"bytes", held->bytes}});
-    types.push_back(std::move(type));
-  });
-  nlohmann::json skipped = nlohmann::json::object();
-  for (const auto &[kind, count] : hub.skipped()) skipped[kind] = count;
+Json stats(Hub &hub) {
+  Json types = Json::array();
+  for (Database &db : hub.databases()) {
+    for (const RecordType *type : RecordType::all()) {
+      const auto held = hub.store().held(hub.slot(db, *type));
+      if (!held) throw std::runtime_error("database " + std::to_string(db.number) + " does not answer");
+      types.push_back({{"type", type->name()},
+                       {"db", db.number},
+                       {"objects", held->objects},
+                       {"bytes", held->bytes},
+                       {"subscribers", held->subscribers}});
+    }
+  }
   return {{"store", hub.store().kind()},     {"types", std::move(types)},    {"delivered", hub.delivered()},
-          {"refused_writes", hub.refused()}, {"queued", hub.later().size()}, {"skipped", std::move(skipped)}};
+          {"refused_writes", hub.refused()}, {"queued", hub.later().size()}, {"skipped", hub.skipped()}};
 }
 
 const RecordType &type_argument(std::string_view name) {
@@ -77,51 +84,118 @@ void each_database(Hub &hub, const nlohmann::json &args, Work work) {
   work(*db);
 }
 
-nlohmann::json record_json(Hub &hub, Slot &slot, const Key &key, Bytes packed) {
-  qx_obj *object = hub.make_object(slot, key, packed);
-  if (!object) return {{"broken", true}, {"length", packed.size()}};
-  const bool holder = object->cmd == QX_MOM_CMD_HASH_SET;
-  const auto *record =
-      static_cast<ProtobufCMessage *>(holder ? static_cast<qx_mom_hash_value *>(object->value)->record : object->value);
-  nlohmann::json out = to_json(*record);
-  free_object(object);
-  return out;
+struct Release {
+  void operator()(ProtobufCMessage *record) const { protobuf_c_message_free_unpacked(record, nullptr); }
+};
+using Record = std::unique_ptr<ProtobufCMessage, Release>;
+
+// Null for bytes that are no record of the type.
+Record unpack(const RecordType &type, Bytes packed) {
+  return Record(protobuf_c_message_unpack(&type.descriptor(), nullptr, packed.size(), packed.data()));
 }
 
-nlohmann::json list(Hub &hub, const nlohmann::json &args, bool with_records) {
+Json broken(Bytes packed) {
+  return {{"broken", true}, {"length", packed.size()}};
+}
+
+Json record_json(const RecordType &type, const Key &key, Bytes packed) {
+  const Record record = unpack(type, packed);
+  return record && type.belongs(*record, &key) ? to_json(*record) : broken(packed);
+}
+
+Json object_json(const Database &db, const RecordType &type, const Key &key) {
+  return {{"db", db.number}, {"key", type.text(key)}};
+}
+
+void must_have_answered(const Database &db, int rv) {
+  if (rv == -1)
+    throw std::runtime_error("database " + std::to_string(db.number) + " does not answer, or its value is none of ours");
+}
+
+Json list(Hub &hub, const nlohmann::json &args, bool with_records) {
   const RecordType &type = type_argument(args.at("type").get<std::string>());
   const size_t limit = args.value("limit", kListMax);
-  nlohmann::json objects = nlohmann::json::array();
+  Json objects = Json::array();
   size_t total = 0;
   each_database(hub, args, [&](Database &db) {
-    Slot &slot = hub.slot(db, type);
-    hub.store().scan_sync(slot, [&](const Key &key, Bytes packed) {
+    must_have_answered(db, hub.store().scan_sync(hub.slot(db, type), [&](const Key &key, Bytes packed) {
       if (++total > limit) return;
-      nlohmann::json object = {{"db", db.number}, {"key", type.text(key)}};
-      if (with_records) object["record"] = record_json(hub, slot, key, packed);
+      Json object = object_json(db, type, key);
+      if (with_records) object["record"] = record_json(type, key, packed);
       objects.push_back(std::move(object));
-    });
+    }));
   });
   return {{"objects", std::move(objects)}, {"total", total}};
 }
 
-nlohmann::json get(Hub &hub, const nlohmann::json &args) {
+Json get(Hub &hub, const nlohmann::json &args) {
   const auto text = args.at("key").get<std::string>();
   const RecordType &type = type_argument(text.substr(0, text.find(':')));
   const auto key = type.parse(text);
   if (!key) throw std::invalid_argument("'" + text + "' is no key of " + std::string(type.name()));
-  nlohmann::json objects = nlohmann::json::array();
+  Json objects = Json::array();
   each_database(hub, args, [&](Database &db) {
-    Slot &slot = hub.slot(db, type);
     std::vector<uint8_t> packed;
-    if (hub.store().get_sync(slot, *key, packed) != 0) return;
-    objects.push_back({{"db", db.number}, {"key", text}, {"record", record_json(hub, slot, *key, packed)}});
+    const int rv = hub.store().get_sync(hub.slot(db, type), *key, packed);
+    must_have_answered(db, rv);
+    if (rv != 0) return;
+    Json object = object_json(db, type, *key);
+    object["record"] = record_json(type, *key, packed);
+    objects.push_back(std::move(object));
   });
   const size_t total = objects.size();
   return {{"objects", std::move(objects)}, {"total", total}};
 }
 
-nlohmann::json database_view(Hub &hub, const nlohmann::json &args) {
+// ---- changes as they happen
+
+constexpr std::string_view change_name(Change change) {
+  constexpr std::string_view kNames[] = {"written", "written", "deleted", "published"};  // as enum Change
+  return kNames[static_cast<size_t>(change)];
+}
+
+uint64_t wall_clock_us() {
+  return static_cast<uint64_t>(
+      std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::system_clock::now().time_since_epoch()).count());
+}
+
+class Changes final : public Watcher {
+ public:
+  Changes(host::control::Push push, size_t slots) : push_(std::move(push)), slots_(slots) {}
+
+  void live(Slot &) override {
+    if (++live_ == slots_) push_([&] { return Json{{"live", slots_}}; });
+  }
+
+  void changed(Slot &slot, Change change, Bytes packed, const Key *key) override {
+    push_([&] {
+      Json line = {{"at_us", wall_clock_us()},
+                   {"db", slot.db.number},
+                   {"type", slot.type.name()},
+                   {"change", change_name(change)},
+                   {"packed", hex(packed)}};
+      if (key) line["key"] = slot.type.text(*key);
+      return line;
+    });
+  }
+
+ private:
+  host::control::Push push_;
+  size_t slots_;
+  size_t live_ = 0;
+};
+
+// The local time as "12:34:56.789".
+std::string clock_text(uint64_t at_us) {
+  const auto seconds = static_cast<time_t>(at_us / 1'000'000);
+  tm local{};
+  localtime_r(&seconds, &local);
+  return fmt::format("{:02}:{:02}:{:02}.{:03}", local.tm_hour, local.tm_min, local.tm_sec, at_us / 1000 % 1000);
+}
+
+}  // namespace
+
+nlohmann::ordered_json query(Hub &hub, const nlohmann::json &args) {
   const std::string op = args.value("op", "stats");
   try {
     if (op == "stats") return stats(hub);
@@ -133,11 +207,40 @@ nlohmann::json database_view(Hub &hub, const nlohmann::json &args) {
   throw std::invalid_argument("no op '" + op + "'; there are stats, ls, scan and get");
 }
 
-}  // namespace
+std::shared_ptr<void> watch(Hub &hub, const nlohmann::json &args, host::control::Push push) {
+  std::vector<const RecordType *> types = RecordType::all();
+  if (args.contains("type")) types = {&type_argument(args.at("type").get<std::string>())};
+  std::vector<Slot *> slots;
+  each_database(hub, args, [&](Database &db) {
+    if (!db.up) return;
+    for (const RecordType *type : types) slots.push_back(&hub.slot(db, *type));
+  });
+  if (slots.empty()) throw std::invalid_argument("no database is connected");
+  auto changes = std::make_shared<Changes>(std::move(push), slots.size());
+  for (Slot *slot : slots) hub.watch(*slot, changes);
+  return changes;
+}
+
+nlohmann::ordered_json decode_change(const nlohmann::json &change) {
+  const RecordType &type = type_argument(change.at("type").get<std::string>());
+  const auto packed = unhex(change.at("packed").get<std::string>()).value_or(std::vector<uint8_t>());
+  const Record record = unpack(type, packed);
+  const auto key = record ? type.key_of(*record) : std::nullopt;
+  Json shown = {{"at", clock_text(change.at("at_us").get<uint64_t>())},
+                {"db", change.at("db")},
+                {"change", change.at("change")},
+                {"key", change.contains("key") ? change["key"].get<std::string>()
+                        : key                  ? type.text(*key)
+                                               : std::string(type.name())}};
+  shown["record"] = record ? to_json(*record) : broken(packed);
+  return shown;
+}
 
 void register_views(Hub &hub) {
   host::control::register_view("congestion", [&hub](const nlohmann::json &) { return congestion(hub); });
-  host::control::register_view("mom", [&hub](const nlohmann::json &args) { return database_view(hub, args); });
+  host::control::register_view("mom", [&hub](const nlohmann::json &args) { return query(hub, args); });
+  host::control::register_feed(
+      "mom", [&hub](const nlohmann::json &args, host::control::Push push) { return watch(hub, args, std::move(push)); });
 }
 
 }  // namespace mom

@@ -1,0 +1,109 @@
+#include "kelimctl/database.h"
+
+#include <array>
+#include <chrono>
+#include <filesystem>
+
+#include "host/config/config.h"
+#include "host/mom/hub.h"
+#include "host/mom/redis_endpoint.h"
+#include "host/mom/views.h"
+#include "host/runtime/loop.h"
+#include "qx_mom.h"
+
+namespace kelimctl {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kConnectLimit = 10s;
+
+class InDaemon final : public Database {
+ public:
+  explicit InDaemon(Link &link) : link_(link) {}
+  Json query(const Json &args) override { return link_.view("mom", args); }
+  void watch(const Json &args, const Each &each) override { link_.watch("mom", args, each); }
+
+ private:
+  Link &link_;
+};
+
+// The host's own client of the database, in a runtime of its own: what the daemon's views show is made by the same code here.
+class InServer final : public Database {
+ public:
+  InServer() {
+    const std::string &url = host::config().mom.url;
+    must_answer(url);
+    const std::pair<const char *, std::string> settings[] = {
+        {"run_dir", std::filesystem::temp_directory_path()},  // nothing is put there
+        {"control.enabled", "false"},
+        {"programmer.embedded", "false"},
+        {"log.target", "stderr"},
+    };
+    for (const auto &[key, value] : settings) check(host::config_set(key, value));
+    global_ = qx_global_init("kelimctl", nullptr);
+    if (!global_) throw Problem(kFailed, "cannot work with " + url);
+  }
+  ~InServer() override { qx_global_finish(global_); }
+  InServer(const InServer &) = delete;
+  InServer &operator=(const InServer &) = delete;
+
+  Json query(const Json &args) override {
+    try {
+      return mom::query(*mom::hub(), args);
+    } catch (const std::invalid_argument &error) {
+      throw Problem(kUsage, error.what());
+    }
+  }
+
+  void watch(const Json &args, const Each &each) override {
+    static unsigned connected;
+    connected = 0;
+    const auto count = [](void *, const char *) {
+      ++connected;
+      return 0;
+    };
+    constexpr std::array kDatabases = {QX_MOM_ASIC_DB, QX_MOM_APP_DB, QX_MOM_UDP_DB};
+    for (const int32_t db : kDatabases) qx_mom_client_connect(global_, db, count, nullptr);
+    if (!host::run_until([&] { return connected == kDatabases.size(); }, kConnectLimit))
+      throw Problem(kNoProcess, "the server lets nobody listen");
+    const auto push = [&each](const auto &line) {
+      if (!each(line())) host::stop_loop();
+    };
+    const auto changes = begin(args, push);
+    qx_global_run(global_);
+  }
+
+ private:
+  static void check(const std::string &why) {
+    if (!why.empty()) throw Problem(kUsage, why);
+  }
+
+  // At once, where a process that starts beside the server would wait for it.
+  static void must_answer(const std::string &url) {
+    mom::Endpoint endpoint;
+    check(mom::parse_endpoint(url, &endpoint));
+    endpoint.password = host::config().mom.password;
+    mom::SyncConnection connection(endpoint, QX_MOM_UDP_DB, std::chrono::milliseconds(host::config().mom.sync_timeout_ms));
+    if (const std::string why = connection.open(); !why.empty()) throw Problem(kNoProcess, "mom.url " + url + ": " + why);
+  }
+
+  static std::shared_ptr<void> begin(const Json &args, host::control::Push push) {
+    try {
+      return mom::watch(*mom::hub(), args, std::move(push));
+    } catch (const std::invalid_argument &error) {
+      throw Problem(kUsage, error.what());
+    }
+  }
+
+  qx_global *global_ = nullptr;
+};
+
+}  // namespace
+
+std::unique_ptr<Database> open_database(Link &link) {
+  if (host::config().mom.url == "embedded:") return std::make_unique<InDaemon>(link);
+  return std::make_unique<InServer>();
+}
+
+}  // namespace kelimctl
