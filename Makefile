@@ -44,6 +44,12 @@ run: ## runs the daemon in the foreground on 127.0.0.1:6653
 	$(call build,$(PRESET),$(programs))
 	@tools/demo/run $(call bin,$(PRESET))
 
+.PHONY: run-redis
+run-redis: ## the same with Redis as the object database and the programming service as a process of its own
+	$(call packages)
+	$(call build,$(PRESET),$(programs))
+	@tools/demo/run $(call bin,$(PRESET)) --redis
+
 .PHONY: build
 build: ## builds everything
 	$(call packages)

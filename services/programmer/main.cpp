@@ -15,17 +15,22 @@ namespace {
 
 constexpr char kName[] = "kelim-programmer";
 
+// An option that is not given takes the environment variable that sets the service within the daemon.
 void add_options(CLI::App &app, programmer::Options &options) {
   static std::string target = "sim";
   app.add_option("--target", target, "what is programmed")->check(CLI::IsMember({"sim"}))->capture_default_str();
-  app.add_option("--size", options.size, "flows that fit")->capture_default_str();
-  app.add_option("--delay", options.delay_ms, "answers come that many milliseconds later")->capture_default_str();
-  app.add_option("--script", options.script, "exceptions, such as fail=3,17-19;resource=5;delay=7:200;silent=9");
-  app.add_option("--seed", options.seed, "of the script's random choices")->capture_default_str();
-  app.add_option("--counter-interval", options.counter_interval_ms, "milliseconds between counter reports, 0 for none")
-      ->capture_default_str();
-  app.add_option("--counter-rate", options.counter_rate, "packets a second that every flow counts")->capture_default_str();
+  const auto add = [&app](const char *name, auto &value, const char *variable, const char *help) {
+    app.add_option(name, value, help)->envname(variable)->capture_default_str();
+  };
+  add("--size", options.size, "KELIM_PROGRAMMER_SIZE", "flows that fit");
+  add("--delay", options.delay_ms, "KELIM_PROGRAMMER_DELAY_MS", "answers come that many milliseconds later");
+  add("--script", options.script, "KELIM_PROGRAMMER_SCRIPT", "exceptions, such as fail=3,17-19;resource=5;delay=7:200;silent=9");
+  add("--seed", options.seed, "KELIM_PROGRAMMER_SEED", "of the script's random choices");
+  add("--counter-interval", options.counter_interval_ms, "KELIM_PROGRAMMER_COUNTER_INTERVAL_MS",
+      "milliseconds between counter reports, 0 for none");
+  add("--counter-rate", options.counter_rate, "KELIM_PROGRAMMER_COUNTER_RATE", "packets a second that every flow counts");
   app.add_flag("--service-chain,!--no-service-chain", options.service_chain, "translate service-chain flows")
+      ->envname("KELIM_PROGRAMMER_SERVICE_CHAIN")
       ->capture_default_str();
 }
 

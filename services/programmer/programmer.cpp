@@ -115,6 +115,17 @@ int show(const std::int64_t * /*args*/, std::uint32_t /*count*/) {
   return 0;
 }
 
+// Lists the flows that are in force in the target, one key a line, as the database's tools write it.
+int list_flows(const std::int64_t * /*args*/, std::uint32_t /*count*/) {
+  if (g_service == nullptr) return -1;
+  const FlowTable &table = g_service->flows.table();
+  for (std::uint32_t slot = 0; slot < table.slots(); ++slot) {
+    const FlowEntry &entry = table[slot];
+    if (entry.state != FlowState::kFree && g_service->target.holds(slot)) std::printf("%" PRIu64 ":%u\n", entry.index, entry.vsd);
+  }
+  return 0;
+}
+
 }  // namespace
 
 std::string check(const Options &options) {
@@ -135,7 +146,10 @@ int start_embedded(qx_global *global, const Options &options) {
     g_service.reset();
     return result;
   }
-  if (ssat_lib_init(global, "programmer") == 0) ssat_reg_mod_cmd("programmer", "show", "nil", show);
+  if (ssat_lib_init(global, "programmer") == 0) {
+    ssat_reg_mod_cmd("programmer", "show", "nil", show);
+    ssat_reg_mod_cmd("programmer", "flows", "nil", list_flows);
+  }
   return 0;
 }
 

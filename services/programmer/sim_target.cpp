@@ -119,7 +119,7 @@ void SimTarget::begin_reading() {
 }
 
 void SimTarget::read_counters(std::uint32_t slot, Counters &sums) {
-  if (slot >= cells_.size() || !cells_[slot].occupied) return;
+  if (!holds(slot)) return;
   sums.packets += growth_.packets;
   sums.bytes += growth_.bytes;
 }

@@ -23,6 +23,7 @@ class SimTarget final : public Target {
 
   void install_flow(const FlowRequest &request, Bytes record) override;
   void remove_flow(std::uint32_t slot) override;
+  bool holds(std::uint32_t slot) const override { return slot < cells_.size() && cells_[slot].occupied != 0; }
   Outcome install_meter(std::uint32_t id, Bytes meter_data) override;
   void remove_meter(std::uint32_t id) override;
   void set_controller_address(std::uint32_t ip, bool present) override;

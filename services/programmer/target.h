@@ -50,6 +50,8 @@ class Target {
   virtual void install_flow(const FlowRequest &request, Bytes record) = 0;
   // Empties the slot and forgets requests for it. Harmless for a slot that holds nothing.
   virtual void remove_flow(std::uint32_t slot) = 0;
+  // Whether the slot's flow is in force.
+  virtual bool holds(std::uint32_t slot) const = 0;
 
   virtual Outcome install_meter(std::uint32_t id, Bytes meter_data) = 0;
   virtual void remove_meter(std::uint32_t id) = 0;

@@ -44,6 +44,7 @@ class Daemon:
 
     def __init__(self, bin_dir, run_dir=None, port=None, **settings):
         self.bin = pathlib.Path(bin_dir)
+        self.command_line = [self.bin / "ssc_kelim"]
         self.own_run_dir = run_dir is None
         self.run_dir = pathlib.Path(run_dir or tempfile.mkdtemp(prefix="kelim-"))
         self.port = port or free_port()
@@ -78,12 +79,12 @@ class Daemon:
     def spawn(self):
         """Another process of the daemon with the same settings; its output goes to a pipe."""
         return subprocess.Popen(
-            [self.bin / "ssc_kelim"], env=self.environment, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True
+            self.command_line, env=self.environment, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True
         )
 
     def start(self):
         with open(self.log, "ab") as log:
-            self.process = subprocess.Popen([self.bin / "ssc_kelim"], env=self.environment, stdout=log, stderr=log)
+            self.process = subprocess.Popen(self.command_line, env=self.environment, stdout=log, stderr=log)
         wait_until(self.ready, START_LIMIT, "the daemon answering on its OpenFlow port")
         return self
 
@@ -134,3 +135,25 @@ class Daemon:
             if line.startswith("VmRSS:"):
                 return int(line.split()[1])
         raise Failed("the daemon has no memory figure")
+
+
+class System(Daemon):
+    """Redis, kelim-programmer and the daemon as processes of their own, kept running by tools/demo/supervise, which is `process`."""
+
+    def __init__(self, bin_dir, **settings):
+        run_dir = tempfile.mkdtemp(prefix="kelim-")
+        self.socket = f"{run_dir}/redis.sock"
+        super().__init__(bin_dir, run_dir, mom_url=f"redis+unix:{self.socket}", **settings)
+        del self.environment["KELIM_PROGRAMMER_EMBEDDED"]
+        self.own_run_dir = True
+        self.command_line = [pathlib.Path(__file__).with_name("supervise"), bin_dir]
+
+    def pids(self, name):
+        """Of that process since the start, the present one last."""
+        return [int(pid) for pid in re.findall(rf"{name} is started \(pid (\d+)\)", self.output())]
+
+    def signal(self, name, how):
+        os.kill(self.pids(name)[-1], how)
+
+    def programmer(self, command):
+        return self.ask("--process", "kelim-programmer", "cmd", "programmer", command)
