@@ -221,7 +221,12 @@ void RedisStore::watch_deletions(Table &table) {
 
 int RedisStore::del(Slot &slot, const Key &key) {
   Table &table = this->table(slot);
-  if (!table.known.contains(key)) return del_sync(slot, key);
+  if (!table.known.contains(key)) {
+    const int rv = del_sync(slot, key);
+    if (rv != -1 || !table.base.link || !table.base.link->is_up()) return rv;
+    // The server does not answer in time. A deletion must not be lost for want of knowing whether the object is there: it follows
+    // the writes.
+  }
   table.known.erase(key);
   for (auto *deleted : table.scans) deleted->insert(key);
   slot.topic.take(0);
