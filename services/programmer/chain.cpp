@@ -1,7 +1,8 @@
 #include "programmer/chain.h"
 
 #include <array>
-#include <memory>
+#include <map>
+#include <tuple>
 
 namespace programmer {
 namespace {
@@ -124,36 +125,36 @@ struct Entry {
   }
 };
 
-struct Release {
-  void operator()(qx_obj *object) const { qx_mom_qx_obj_free(object); }
-};
-
-// The stored object with the key of `wanted`, or null.
-template <typename Record>
-std::unique_ptr<qx_obj, Release> stored(const Context &context, const Record &wanted) {
-  qx_obj *found = nullptr;
-  qx_mom_get_sync(context.global, kChainDb, &wanted.base, 0, &found);
-  return std::unique_ptr<qx_obj, Release>(found);
-}
-
 template <typename Record>
 const Record *record_of(const qx_obj *object) {
   const auto *record = object == nullptr ? nullptr : static_cast<const Record *>(object->value);
   return record == nullptr || record->index == nullptr ? nullptr : record;
 }
 
+using Key = std::tuple<std::uint32_t, std::uint64_t, std::uint32_t>;
+
+Key key_of(const SPolicyKelim__ParseFlowKey &key) {
+  return {key.t_flow_type, key.flow_index, key.vsd_id};
+}
+
 }  // namespace
+
+Chain::Chain(Context &context)
+    : context_(context),
+      catch_up_(
+          context.global->master, [](void *self) { return static_cast<Chain *>(self)->resynchronise(); }, this,
+          "programmer chain again") {}
 
 void Chain::notified(const qx_obj &msg) {
   if (msg.cmd == QX_MOM_CMD_SET) written(msg);
   if (msg.cmd == QX_MOM_CMD_DEL) deleted(msg);
-  if (msg.cmd == QX_MOM_CMD_DATA_FETCH) resynchronise();
+  if (msg.cmd == QX_MOM_CMD_DATA_FETCH) catch_up_.now();
 }
 
 void Chain::written(const qx_obj &msg) {
   const auto *flow = record_of<SPolicyKelim__ParseFlow>(&msg);
   if (flow == nullptr) return report_fault(context_, "parse_flow record", {});
-  answer(*flow);
+  if (!answer(*flow)) catch_up_.soon();
 }
 
 void Chain::deleted(const qx_obj &msg) {
@@ -161,10 +162,11 @@ void Chain::deleted(const qx_obj &msg) {
   if (flow == nullptr) return report_fault(context_, "parse_flow record", {});
   SPolicyKelim__FlowToAce entries = S_POLICY_KELIM__FLOW_TO_ACE__INIT;
   entries.index = flow->index;
-  qx_mom_del(context_.global, kChainDb, &entries.base, 0, 0);
+  const int result = qx_mom_del(context_.global, kChainDb, &entries.base, 0, 0);
+  if (result != 0 && result != -7) catch_up_.soon();
 }
 
-void Chain::answer(const SPolicyKelim__ParseFlow &flow) {
+bool Chain::answer(const SPolicyKelim__ParseFlow &flow) {
   Entry first(flow, 0);
   Entry second(flow, 1);
   SPolicyKelim__FlowAce *aces[kNodes] = {&first.ace, &second.ace};
@@ -180,40 +182,36 @@ void Chain::answer(const SPolicyKelim__ParseFlow &flow) {
     PROGRAMMER_LOG(context_, QX_ZLOG_ERROR, "flow_to_ace of flow %llu cannot be written: %d",
                    static_cast<unsigned long long>(flow.index->flow_index), result);
   }
+  return result == 0;
 }
 
 // ---- resynchronisation
 
-void Chain::resynchronise() {
+// Answers the flows whose answer is missing or an earlier one, and deletes answers to nothing.
+bool Chain::resynchronise() {
   SPolicyKelim__ParseFlowKey key = S_POLICY_KELIM__PARSE_FLOW_KEY__INIT;
   SPolicyKelim__ParseFlow any_flow = S_POLICY_KELIM__PARSE_FLOW__INIT;
   SPolicyKelim__FlowToAce any_entries = S_POLICY_KELIM__FLOW_TO_ACE__INIT;
   any_flow.index = &key;
   any_entries.index = &key;
-  const auto read_flow = [](const qx_obj *object, void *self) {
-    if (const auto *flow = record_of<SPolicyKelim__ParseFlow>(object)) static_cast<Chain *>(self)->answer_if_new(*flow);
-    return 0;
-  };
-  const auto read_entries = [](const qx_obj *object, void *self) {
-    if (const auto *entries = record_of<SPolicyKelim__FlowToAce>(object)) static_cast<Chain *>(self)->remove_if_orphan(*entries);
-    return 0;
-  };
-  qx_mom_scan_sync(context_.global, kChainDb, &any_flow.base, 0, read_flow, this);
-  qx_mom_scan_sync(context_.global, kChainDb, &any_entries.base, 0, read_entries, this);
-}
-
-void Chain::answer_if_new(const SPolicyKelim__ParseFlow &flow) {
-  SPolicyKelim__FlowToAce wanted = S_POLICY_KELIM__FLOW_TO_ACE__INIT;
-  wanted.index = flow.index;
-  const auto found = stored(context_, wanted);
-  const auto *entries = record_of<SPolicyKelim__FlowToAce>(found.get());
-  if (entries == nullptr || entries->rep_uuid != flow.req_uuid) answer(flow);
-}
-
-void Chain::remove_if_orphan(const SPolicyKelim__FlowToAce &entries) {
-  SPolicyKelim__ParseFlow wanted = S_POLICY_KELIM__PARSE_FLOW__INIT;
-  wanted.index = entries.index;
-  if (stored(context_, wanted) == nullptr) qx_mom_del(context_.global, kChainDb, &entries.base, 0, 0);
+  std::map<Key, std::uint64_t> answered;  // the stamp of the request
+  bool complete = scan(context_, kChainDb, any_entries, [&](const qx_obj &object) {
+    if (const auto *entries = record_of<SPolicyKelim__FlowToAce>(&object)) answered[key_of(*entries->index)] = entries->rep_uuid;
+  });
+  bool done = true;
+  complete = complete && scan(context_, kChainDb, any_flow, [&](const qx_obj &object) {
+    const auto *flow = record_of<SPolicyKelim__ParseFlow>(&object);
+    if (flow == nullptr) return;
+    const auto found = answered.extract(key_of(*flow->index));
+    if (found.empty() || found.mapped() != flow->req_uuid) done &= answer(*flow);
+  });
+  if (!complete) return false;
+  for (const auto &[orphan, stamp] : answered) {
+    std::tie(key.t_flow_type, key.flow_index, key.vsd_id) = orphan;
+    const int result = qx_mom_del(context_.global, kChainDb, &any_entries.base, 0, 0);
+    done &= result == 0 || result == -7;
+  }
+  return done;
 }
 
 }  // namespace programmer

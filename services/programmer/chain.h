@@ -3,6 +3,7 @@
 // first match what comes back from the node before by its source MAC address. Keeps no state: what it wrote is in the database.
 #pragma once
 
+#include "programmer/catch_up.h"
 #include "programmer/context.h"
 #include "s_policy_kelim.pb-c.h"
 
@@ -10,7 +11,7 @@ namespace programmer {
 
 class Chain {
  public:
-  explicit Chain(Context &context) : context_(context) {}
+  explicit Chain(Context &context);
 
   // A notification of `parse_flow`, decoded.
   void notified(const qx_obj &msg);
@@ -19,12 +20,12 @@ class Chain {
  private:
   void written(const qx_obj &msg);
   void deleted(const qx_obj &msg);
-  void answer_if_new(const SPolicyKelim__ParseFlow &flow);
-  void answer(const SPolicyKelim__ParseFlow &flow);
-  void remove_if_orphan(const SPolicyKelim__FlowToAce &entries);
-  void resynchronise();
+  // False when the database did not take the answer.
+  bool answer(const SPolicyKelim__ParseFlow &flow);
+  bool resynchronise();
 
   Context &context_;
+  CatchUp catch_up_;
   std::uint64_t translated_ = 0;
 };
 

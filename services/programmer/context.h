@@ -33,4 +33,14 @@ inline Bytes packed(const qx_obj &msg) {
   return {msg.packed, msg.packed_len};
 }
 
+// Calls `visit` with every object of the type of `any`, whose key is all zeros. False when the database cannot be read.
+template <typename Record, typename Visit>
+bool scan(const Context &context, std::int32_t db, const Record &any, Visit visit) {
+  const auto call = [](const qx_obj *object, void *self) {
+    (*static_cast<Visit *>(self))(*object);
+    return 0;
+  };
+  return qx_mom_scan_sync(context.global, db, &any.base, 0, call, &visit) == 0;
+}
+
 }  // namespace programmer

@@ -62,6 +62,7 @@ bool CounterReport::report(FlowEntry &entry, std::uint32_t slot) {
   const int result = qx_mom_set(context_.global, kFlowDb, &record.base, 0, 0);
   if (result != 0) return result != -14 && result != -1;
   entry.sums = sums;
+  entry.counted = true;
   ++written_;
   return true;
 }

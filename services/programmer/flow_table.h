@@ -25,8 +25,9 @@ struct FlowEntry {
   std::uint32_t vsd = 0;
   FlowState state = FlowState::kFree;
   std::uint8_t status = 0;    // of the last answer, a status_e
-  bool settled = false;       // flow_sta holds exactly this answer to `uuid`; the same request needs none again
-  bool seen = false;          // by the resynchronisation that is going on
+  bool settled : 1 = false;   // flow_sta holds exactly this answer to `uuid`; the same request needs none again
+  bool seen : 1 = false;      // by the resynchronisation that is going on
+  bool counted : 1 = false;   // there is a flow_counter record
   std::uint64_t content = 0;  // hash of what the target was asked to install
   std::uint64_t uuid = 0;     // of the last request answered
   Counters sums;              // as written last

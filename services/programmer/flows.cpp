@@ -62,12 +62,15 @@ bool read_flow(Bytes bytes, FlowRecord &flow) {
 Flows::Flows(Context &context)
     : context_(context),
       pay_timer_(
-          context.global->master, [](void *self) { static_cast<Flows *>(self)->pay(); }, this, "programmer owed answers") {}
+          context.global->master, [](void *self) { static_cast<Flows *>(self)->pay(); }, this, "programmer owed answers"),
+      catch_up_(
+          context.global->master, [](void *self) { return static_cast<Flows *>(self)->resynchronise(); }, this,
+          "programmer flows again") {}
 
 void Flows::notified(const qx_obj &msg) {
   if (msg.cmd == QX_MOM_CMD_SET) requested(packed(msg));
   if (msg.cmd == QX_MOM_CMD_DEL) removed(packed(msg));
-  if (msg.cmd == QX_MOM_CMD_DATA_FETCH) resynchronise();
+  if (msg.cmd == QX_MOM_CMD_DATA_FETCH) catch_up_.now();
 }
 
 // ---- requests
@@ -117,10 +120,10 @@ void Flows::removed(Bytes record) {
 }
 
 void Flows::remove(std::uint32_t slot) {
-  const FlowKey key = table_[slot].key();
+  const Answer gone{table_[slot].key(), 0, S_POLICY_KELIM__STATUS_E__STATUS_NONE, table_[slot].counted};
   target_->remove_flow(slot);
   table_.erase(slot);
-  tell({key, 0, S_POLICY_KELIM__STATUS_E__STATUS_NONE});
+  tell(gone);
 }
 
 // ---- answers
@@ -149,7 +152,7 @@ bool Flows::write(const Answer &answer) {
     SPolicyKelim__FlowCounter counter = S_POLICY_KELIM__FLOW_COUNTER__INIT;
     counter.index = &key;
     result = qx_mom_del(context_.global, kFlowDb, &sta.base, 0, 0);
-    if (result == 0 || result == -7) result = qx_mom_del(context_.global, kFlowDb, &counter.base, 0, 0);
+    if (answer.counted && result != -14 && result != -1) result = qx_mom_del(context_.global, kFlowDb, &counter.base, 0, 0);
   } else {
     sta.status = answer.status;
     sta.rep_uuid = answer.uuid;
@@ -161,70 +164,67 @@ bool Flows::write(const Answer &answer) {
 // ---- resynchronisation
 
 // Brings target and database together: what the database holds is asked of the target again where it is not there, and what the
-// database no longer holds leaves the target.
-void Flows::resynchronise() {
+// database no longer holds leaves the target. Nothing leaves unless everything could be read.
+bool Flows::resynchronise() {
   owed_.clear();
   for (std::uint32_t slot = 0; slot < table_.slots(); ++slot) {
     table_[slot].seen = false;
     table_[slot].settled = false;
   }
   reading_ = true;
-  read_answers();
-  read_counters();
-  read_flows();
+  const bool complete = read_answers() && read_counters() && read_flows();
   reading_ = false;
+  if (!complete) {
+    PROGRAMMER_LOG(context_, QX_ZLOG_ERROR, "the database cannot be read, trying again");
+    return false;
+  }
   for (std::uint32_t slot = 0; slot < table_.slots(); ++slot) {
     if (table_[slot].state != FlowState::kFree && !table_[slot].seen) remove(slot);
   }
   PROGRAMMER_LOG(context_, QX_ZLOG_VERBOSE, "in step with the database: %u flows", table_.size());
+  return true;
 }
 
-void Flows::read_answers() {
+bool Flows::read_answers() {
   SPolicyKelim__FlowSta any = S_POLICY_KELIM__FLOW_STA__INIT;
   SPolicyKelim__FlowKey key = S_POLICY_KELIM__FLOW_KEY__INIT;
   any.index = &key;
-  const auto read = [](const qx_obj *object, void *self) {
-    const auto *sta = static_cast<const SPolicyKelim__FlowSta *>(object->value);
-    if (sta == nullptr || sta->index == nullptr) return 0;
-    FlowTable &table = static_cast<Flows *>(self)->table_;
-    FlowEntry &entry = table[table.insert({sta->index->flow_index, sta->index->vsd_id})];
+  return scan(context_, kFlowDb, any, [this](const qx_obj &object) {
+    const auto *sta = static_cast<const SPolicyKelim__FlowSta *>(object.value);
+    if (sta == nullptr || sta->index == nullptr) return;
+    FlowEntry &entry = table_[table_.insert({sta->index->flow_index, sta->index->vsd_id})];
     entry.uuid = sta->rep_uuid;
     entry.status = static_cast<std::uint8_t>(sta->status);
     entry.settled = true;
-    return 0;
-  };
-  qx_mom_scan_sync(context_.global, kFlowDb, &any.base, 0, read, this);
+  });
 }
 
 // Counters go on from the stored sums, except those of flows that have counted here all the time.
-void Flows::read_counters() {
+bool Flows::read_counters() {
   SPolicyKelim__FlowCounter any = S_POLICY_KELIM__FLOW_COUNTER__INIT;
   SPolicyKelim__FlowKey key = S_POLICY_KELIM__FLOW_KEY__INIT;
   any.index = &key;
-  const auto read = [](const qx_obj *object, void *self) {
-    const auto *counter = static_cast<const SPolicyKelim__FlowCounter *>(object->value);
-    if (counter == nullptr || counter->index == nullptr) return 0;
-    FlowTable &table = static_cast<Flows *>(self)->table_;
-    FlowEntry &entry = table[table.insert({counter->index->flow_index, counter->index->vsd_id})];
+  return scan(context_, kFlowDb, any, [this](const qx_obj &object) {
+    const auto *counter = static_cast<const SPolicyKelim__FlowCounter *>(object.value);
+    if (counter == nullptr || counter->index == nullptr) return;
+    FlowEntry &entry = table_[table_.insert({counter->index->flow_index, counter->index->vsd_id})];
+    entry.counted = true;
     if (entry.state == FlowState::kStored) entry.sums = {counter->packet_sum, counter->byte_sum};
-    return 0;
-  };
-  qx_mom_scan_sync(context_.global, kFlowDb, &any.base, 0, read, this);
+  });
 }
 
-void Flows::read_flows() {
+bool Flows::read_flows() {
   SPolicyKelim__Flow any = S_POLICY_KELIM__FLOW__INIT;
   SPolicyKelim__FlowKey key = S_POLICY_KELIM__FLOW_KEY__INIT;
   any.index = &key;
-  const auto read = [](const qx_obj *object, void *self) {
-    if (object->value == nullptr) return 0;
-    const auto *flow = static_cast<const ProtobufCMessage *>(object->value);
-    std::vector<std::uint8_t> bytes(protobuf_c_message_get_packed_size(flow));
+  std::vector<std::uint8_t> bytes;
+  return scan(context_, kFlowDb, any, [&](const qx_obj &object) {
+    if (object.value == nullptr) return;
+    const auto *flow = static_cast<const ProtobufCMessage *>(object.value);
+    bytes.resize(protobuf_c_message_get_packed_size(flow));
     protobuf_c_message_pack(flow, bytes.data());
-    static_cast<Flows *>(self)->requested(bytes);
-    return 0;
-  };
-  qx_mom_scan_sync(context_.global, kFlowDb, &any.base, 0, read, this);
+    requested(bytes);
+  });
 }
 
 }  // namespace programmer

@@ -5,6 +5,7 @@
 #include <deque>
 #include <vector>
 
+#include "programmer/catch_up.h"
 #include "programmer/context.h"
 #include "programmer/flow_table.h"
 #include "programmer/target.h"
@@ -35,6 +36,7 @@ class Flows final : public FlowSink {
     FlowKey key;
     std::uint64_t uuid;
     SPolicyKelim__StatusE status;
+    bool counted = false;  // whether counters go with the flow
   };
 
   void requested(Bytes record);
@@ -45,16 +47,17 @@ class Flows final : public FlowSink {
   bool write(const Answer &answer);
   void pay();
 
-  void resynchronise();
-  void read_answers();
-  void read_counters();
-  void read_flows();
+  bool resynchronise();
+  bool read_answers();
+  bool read_counters();
+  bool read_flows();
 
   Context &context_;
   Target *target_ = nullptr;
   FlowTable table_;
   std::deque<Answer> owed_;
   Timer pay_timer_;
+  CatchUp catch_up_;
   bool reading_ = false;  // the requests handled now come from a scan
   std::uint64_t answered_[3] = {};
   std::uint64_t untouched_ = 0;  // rewrites answered without touching the target

@@ -47,7 +47,7 @@ void Settings<Kind>::notified(const qx_obj &msg) {
     case QX_MOM_CMD_DEL:
       return deleted(msg);
     case QX_MOM_CMD_DATA_FETCH:
-      return resynchronise();
+      return catch_up_.now();
     default:
       return;
   }
@@ -62,7 +62,7 @@ void Settings<Kind>::written(const qx_obj &msg) {
   const bool known = known_.contains(Kind::key(*record));
   const bool asks = record->status == kInstalling || (reading_ && !known);
   if (known || asks) known_[Kind::key(*record)] = true;
-  if (asks) confirm(*record, Kind::install(target_, *record) == Outcome::kInstalled ? kInstalled : kFailed);
+  if (asks && !confirm(*record, Kind::install(target_, *record) == Outcome::kInstalled ? kInstalled : kFailed)) catch_up_.soon();
 }
 
 template <typename Kind>
@@ -75,34 +75,32 @@ void Settings<Kind>::deleted(const qx_obj &msg) {
 // Puts the status into the stored record, unless that has gone or become another request in the meantime: writing would then
 // bring back what was deleted, or answer a request that nobody looked at.
 template <typename Kind>
-void Settings<Kind>::confirm(const Record &asked, SPolicyKelim__StatusE status) {
+bool Settings<Kind>::confirm(const Record &asked, SPolicyKelim__StatusE status) {
   qx_obj *found = nullptr;
-  if (qx_mom_get_sync(context_.global, kFlowDb, &asked.base, 0, &found) != 0) return;
+  if (const int rv = qx_mom_get_sync(context_.global, kFlowDb, &asked.base, 0, &found); rv != 0) return rv == -7;
   const std::unique_ptr<qx_obj, decltype(&qx_mom_qx_obj_free)> owner(found, qx_mom_qx_obj_free);
   const auto *stored = record_of<Record>(*found);
-  if (stored == nullptr || !Kind::same_request(*stored, asked) || stored->status == status) return;
+  if (stored == nullptr || !Kind::same_request(*stored, asked) || stored->status == status) return true;
   Record answer = *stored;
   answer.status = status;
-  qx_mom_set(context_.global, kFlowDb, &answer.base, 0, 0);
+  return qx_mom_set(context_.global, kFlowDb, &answer.base, 0, 0) == 0;
 }
 
 template <typename Kind>
-void Settings<Kind>::resynchronise() {
+bool Settings<Kind>::resynchronise() {
   for (auto &[key, seen] : known_) seen = false;
   auto key = Kind::kBlankKey;
   Record any = Kind::kBlank;
   any.index = &key;
-  const auto read = [](const qx_obj *object, void *self) {
-    static_cast<Settings *>(self)->written(*object);
-    return 0;
-  };
   reading_ = true;
-  qx_mom_scan_sync(context_.global, kFlowDb, &any.base, 0, read, this);
+  const bool complete = scan(context_, kFlowDb, any, [this](const qx_obj &object) { written(object); });
   reading_ = false;
+  if (!complete) return false;
   std::erase_if(known_, [this](const auto &entry) {
     if (!entry.second) Kind::remove(target_, entry.first);
     return !entry.second;
   });
+  return true;
 }
 
 template class Settings<MeterKind>;

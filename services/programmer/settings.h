@@ -6,6 +6,7 @@
 #include <map>
 #include <utility>
 
+#include "programmer/catch_up.h"
 #include "programmer/context.h"
 #include "programmer/target.h"
 #include "s_policy_kelim.pb-c.h"
@@ -42,7 +43,12 @@ class Settings {
  public:
   using Record = typename Kind::Record;
 
-  Settings(Context &context, Target &target) : context_(context), target_(target) {}
+  Settings(Context &context, Target &target)
+      : context_(context),
+        target_(target),
+        catch_up_(
+            context.global->master, [](void *self) { return static_cast<Settings *>(self)->resynchronise(); }, this,
+            "programmer settings again") {}
 
   // A notification of the type, decoded, in a holder or not.
   void notified(const qx_obj &msg);
@@ -50,13 +56,15 @@ class Settings {
  private:
   void written(const qx_obj &msg);
   void deleted(const qx_obj &msg);
-  void confirm(const Record &asked, SPolicyKelim__StatusE status);
-  void resynchronise();
+  // False when the database did not take the answer.
+  bool confirm(const Record &asked, SPolicyKelim__StatusE status);
+  bool resynchronise();
 
   Context &context_;
   Target &target_;
   std::map<SettingKey, bool> known_;  // whether the resynchronisation that is going on has seen it
   bool reading_ = false;              // the records handled now come from a scan
+  CatchUp catch_up_;
 };
 
 extern template class Settings<MeterKind>;
