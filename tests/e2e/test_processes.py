@@ -1,5 +1,6 @@
 """Redis, the daemon and the programming service as three processes: killed, frozen, restarted, and still of one mind."""
 
+import json
 import re
 import signal
 import subprocess
@@ -9,6 +10,7 @@ import unittest
 
 import daemon
 import e2e
+import openflow
 import records
 
 FLOWS = 600
@@ -194,6 +196,87 @@ class Processes(e2e.Test):
                 self.assert_of_one_mind(system, clients.accepted)
                 self.assertEqual(ofctl(system.port, "del-flows").returncode, 0)
                 self.assert_of_one_mind(system, ())
+
+    def test_a_service_chain_flow_goes_through_both_processes(self):
+        system = self.system()
+        added = ofctl(system.port, "add-flow", "table=1,tcp,nw_dst=10.0.0.1,tp_dst=80,actions=output:2")
+        self.assertEqual(added.returncode, 0, added.stderr)
+        with system.database(4) as chain:
+            asked, answered = chain.all("parse_flow"), chain.all("flow_to_ace")
+            self.assertEqual((list(asked), list(answered)), (["3:1:0"], ["3:1:0"]))
+            self.assertEqual(records.fields(answered["3:1:0"])[7], records.fields(asked["3:1:0"])[8])
+            # The programming service is asked for the application's entries, not for one of the daemon's own.
+            stored = json.loads(system.ask("mom", "get", "flow", "1:0", "--json"))["objects"][0]["record"]
+            self.assertEqual([entry["acl_app_type"] for entry in stored["ace"]], ["service_chain"] * 2)
+            self.assert_of_one_mind(system, (1,))
+            self.assertEqual(ofctl(system.port, "del-flows").returncode, 0)
+            daemon.wait_until(lambda: not chain.all("parse_flow") and not chain.all("flow_to_ace"), LIMIT, "no chain record")
+        self.assert_of_one_mind(system, ())
+
+    def test_a_frozen_database_stops_neither_the_daemon_nor_what_follows(self):
+        bound = 0.3
+        system = self.system(mom_sync_timeout_ms=int(1000 * bound), openflow_decide_timeout_ms=600)
+        client = self.client(system)
+        system.signal("redis-server", signal.SIGSTOP)
+        self.addCleanup(system.signal, "redis-server", signal.SIGCONT)
+        begun = time.monotonic()
+        adds = {client.add(number) for number in range(20)}
+        barrier = client.send(openflow.BARRIER_REQUEST)
+        replies = []
+        while barrier not in [reply.xid for reply in replies]:
+            asked = time.monotonic()
+            echo = client.send(openflow.ECHO_REQUEST)
+            while not replies or replies[-1].xid != echo:
+                replies.append(client.receive())
+            self.assertLess(time.monotonic() - asked, bound, "the answer to an echo")
+            asked = time.monotonic()
+            system.command("dump_ssc_sdn_msg_queue")
+            self.assertLess(time.monotonic() - asked, 3 * bound, "the answer to a debug command")
+        self.assertGreater(time.monotonic() - begun, 2 * bound)
+        self.assertEqual({reply.xid for reply in replies if reply.type == openflow.ERROR}, adds)  # nobody decided
+        system.signal("redis-server", signal.SIGCONT)
+        self.assert_of_one_mind(system, ())
+        client.add(7)
+        self.assertEqual(client.barrier(), [])
+        self.assert_of_one_mind(system, (7,))
+        self.assertEqual(len(system.pids("ssc_kelim")), 1)
+
+    def test_the_programming_service_catches_up_with_what_it_missed(self):
+        system = self.system(programmer_counter_rate=1000, programmer_counter_interval_ms=50, openflow_decide_timeout_ms=LIMIT * 1000)
+        client = self.client(system)
+        for number in range(20):
+            client.add(number)
+        self.assertEqual(client.barrier(), [])
+        with system.database() as database:
+            daemon.wait_until(lambda: len(database.all("flow_counter")) == 20, LIMIT, "twenty counter records")
+            system.signal("kelim-programmer", signal.SIGSTOP)
+            for number in range(5):
+                client.delete(number)
+            for number in range(20, 30):
+                client.add(number)
+            meter = openflow.meter_mod(7, rate=1000)
+            client.send(openflow.METER_MOD, meter)
+            barrier = client.send(openflow.BARRIER_REQUEST)
+            daemon.wait_until(lambda: len(database.all("flow")) == 25 and database.all("meter"), LIMIT, "its records")
+            counted = database.all("flow_counter")["6:0"]
+            system.signal("kelim-programmer", signal.SIGKILL)
+            self.assertEqual(client.receive()[:2], (openflow.BARRIER_REPLY, barrier))
+            self.assert_of_one_mind(system, range(5, 30))
+            daemon.wait_until(
+                lambda: records.fields(database.all("meter")["7:0"])[6] == INSTALLED, LIMIT, "an installed meter"
+            )
+            # Counters go on from where they were.
+            daemon.wait_until(lambda: database.all("flow_counter")["6:0"] != counted, LIMIT, "a counter that moves on")
+            self.assertGreater(*(records.fields(record)[9] for record in (database.all("flow_counter")["6:0"], counted)))
+
+    def test_settings_that_will_not_do_end_them_all(self):
+        system = System(e2e.BIN, programmer_script="explode=1")
+        self.addCleanup(system.__exit__)
+        with self.assertRaisesRegex(daemon.Failed, "(?s)ended with status 1.*explode=1.*kelim-programmer ended with status 1"):
+            system.start()
+        for name in ("redis-server", "ssc_kelim"):
+            with self.assertRaises(ProcessLookupError):
+                system.signal(name, 0)
 
 
 if __name__ == "__main__":

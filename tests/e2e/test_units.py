@@ -1,9 +1,12 @@
 """The systemd units are well-formed, and what they promise is in them."""
 
 import pathlib
+import shlex
 import subprocess
 import tempfile
 import unittest
+
+import e2e
 
 UNITS = pathlib.Path(__file__).parents[2] / "packaging" / "systemd"
 
@@ -22,11 +25,30 @@ class Units(unittest.TestCase):
             complaints = [line for line in result.stderr.splitlines() if place in line]
             self.assertEqual((result.returncode, complaints), (0, []), result.stderr)
 
-    def test_the_daemon_is_restarted_watched_and_confined(self):
-        lines = (UNITS / "ssc_kelim.service.in").read_text().splitlines()
-        for promise in ("RestartForceExitStatus=77", "NoNewPrivileges=yes", "StateDirectory=kelim", "RuntimeDirectory=kelim"):
-            self.assertIn(promise, lines)
-        self.assertTrue(any(line.startswith("WatchdogSec=") for line in lines))
+    def test_both_are_restarted_watched_and_confined(self):
+        promises = ("Type=notify", "Restart=on-failure", "NoNewPrivileges=yes", "StateDirectory=kelim", "RuntimeDirectory=kelim")
+        for unit in UNITS.glob("*.service.in"):
+            lines = unit.read_text().splitlines()
+            for promise in promises:
+                self.assertIn(promise, lines, unit)
+            self.assertTrue(any(line.startswith("WatchdogSec=") for line in lines), unit)
+        self.assertIn("RestartForceExitStatus=77", (UNITS / "ssc_kelim.service.in").read_text().splitlines())
+
+    def test_the_programs_take_what_the_units_hand_them(self):
+        for unit in UNITS.glob("*.service.in"):
+            with self.subTest(unit=unit.name), tempfile.TemporaryDirectory() as place:
+                environment = {"KELIM_CONF": "/dev/null"}
+                for line in unit.read_text().splitlines():
+                    if line.startswith("Environment="):
+                        environment |= dict(word.split("=", 1) for word in shlex.split(line.removeprefix("Environment=")))
+                    if line.startswith("ExecStart="):
+                        command = shlex.split(line.removeprefix("ExecStart=").replace("@CMAKE_INSTALL_FULL_BINDIR@", e2e.BIN))
+                # Nothing but the database is missing.
+                environment |= {"KELIM_RUN_DIR": place, "KELIM_MOM_URL": f"redis+unix:{place}/none"}
+                result = subprocess.run(command, env=environment, capture_output=True, text=True, timeout=60)
+                self.assertNotEqual(result.returncode, 0)
+                complaint = f"{pathlib.Path(command[0]).name}: mom.url redis+unix:{place}/none: No such file or directory\n"
+                self.assertEqual((result.stdout, result.stderr), ("", complaint))
 
 
 if __name__ == "__main__":
