@@ -1,13 +1,13 @@
 // The object-database client.
 //
 // An object is a record type plus the values of its key record, which is field 5, `index`, of every value record. Records are
-// protobuf-c messages; the client reads type names and field layout from their descriptors. A template is a record whose key has only
-// zero fields (or no key at all): it stands for every object of the type in scan, pexpire, del_expire and del_expire_ow.
+// protobuf-c messages; the client reads type names and field layout from their descriptors. A template is a record whose key has
+// only zero fields (or no key at all): it stands for every object of the type in scan, pexpire, del_expire and del_expire_ow.
 //
 // Threads: every call and every callback belongs to the loop's thread of qx_runtime.h.
-// Ownership: a record handed in is serialised before the call returns and never kept; what a callback receives lives until it returns.
-// Callbacks: a notification is never delivered from inside the call that caused it, always in a later turn of the loop and in the
-// order of the writes.
+// Ownership: a record handed in is serialised before the call returns and never kept; what a callback receives lives until it
+// returns. Callbacks: a notification is never delivered from inside the call that caused it, always in a later turn of the loop
+// and in the order of the writes.
 //
 // Result codes, the same for every call:
 //     0  accepted (for *_sync calls: done)
@@ -16,8 +16,8 @@
 //    -4  null or malformed argument (no handle, no descriptor, unknown database, a value record without key)
 //    -7  no such object (get, del)
 //   -14  the pipeline or the type's topic is over its limit; nothing was written
-// A result of 0 from a pipelined write means accepted and in order. A write that the database refuses afterwards is logged and counted,
-// and the connection is treated as failed: subscribers then see a resynchronisation, never a silent loss.
+// A result of 0 from a pipelined write means accepted and in order. A write that the database refuses afterwards is logged and
+// counted, and the connection is treated as failed: subscribers then see a resynchronisation, never a silent loss.
 #pragma once
 
 #include <protobuf-c/protobuf-c.h>
@@ -34,13 +34,13 @@ enum { QX_MOM_ASIC_DB = 0, QX_MOM_APP_DB = 4, QX_MOM_UDP_DB = 8 };
 
 // Kinds of change.
 enum {
-  QX_MOM_CMD_SET = 1,           // written
-  QX_MOM_CMD_DEL = 3,           // deleted: by call, by expiry or by tag; carries the last record or at least its key
-  QX_MOM_CMD_HASH_NEW = 4,      // hash-class type: written for the first time; `value` is a qx_mom_hash_value
-  QX_MOM_CMD_HASH_SET = 6,      // hash-class type: written again; `value` is a qx_mom_hash_value
-  QX_MOM_CMD_PUBLISH = 16,      // published without being stored
-  QX_MOM_CMD_REFRESH = 24,      // a counter was refreshed
-  QX_MOM_CMD_DATA_FETCH = 29,   // this subscription is live and the database has loaded its data; no value
+  QX_MOM_CMD_SET = 1,          // written
+  QX_MOM_CMD_DEL = 3,          // deleted: by call, by expiry or by tag; carries the last record or at least its key
+  QX_MOM_CMD_HASH_NEW = 4,     // hash-class type: written for the first time; `value` is a qx_mom_hash_value
+  QX_MOM_CMD_HASH_SET = 6,     // hash-class type: written again; `value` is a qx_mom_hash_value
+  QX_MOM_CMD_PUBLISH = 16,     // published without being stored
+  QX_MOM_CMD_REFRESH = 24,     // a counter was refreshed; the Linux host sends QX_MOM_CMD_SET instead
+  QX_MOM_CMD_DATA_FETCH = 29,  // this subscription is live and the database has loaded its data; no value
 };
 
 // The value of hash-class types (meter): record and error code in one holder.
@@ -52,9 +52,9 @@ typedef struct qx_mom_hash_value {
 
 // One object as scan, get and subscriptions deliver it.
 typedef struct qx_obj {
-  uint32_t cmd;           // QX_MOM_CMD_*
-  uint32_t flag;          // shown in messages only
-  void *value;            // the decoded record (ProtobufCMessage*), for cmds 4 and 6 a qx_mom_hash_value*; null when packed or absent
+  uint32_t cmd;   // QX_MOM_CMD_*
+  uint32_t flag;  // shown in messages only
+  void *value;    // the decoded record (ProtobufCMessage*), for cmds 4 and 6 a qx_mom_hash_value*; null when packed or absent
   int32_t error_code;     // 0, or what the store reports of this object
   const uint8_t *packed;  // the record's bytes, for subscriptions that asked for them; null otherwise
   uint32_t packed_len;
@@ -87,8 +87,8 @@ typedef int (*qx_mom_done_cb)(void);
 // Connects database `db` for synchronous calls.
 int qx_mom_client_connect_sync(qx_global *global, int32_t db);
 
-// Connects database `db` for pipelined writes and notifications; `cb` runs in a later turn of the loop, once the connection is up, with
-// the connection handle and `label` (kept by pointer).
+// Connects database `db` for pipelined writes and notifications; `cb` runs in a later turn of the loop, once the connection is
+// up, with the connection handle and `label` (kept by pointer).
 int qx_mom_client_connect(qx_global *global, int32_t db, qx_mom_connect_cb cb, const char *label);
 
 // What `cb` is told when the connection of `db` changes. `arg` is reserved, null.
@@ -107,8 +107,8 @@ int qx_mom_setow(qx_global *global, int32_t db, const ProtobufCMessage *record, 
 // Deletes the object; -7 when there is none.
 int qx_mom_del(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t flags, uint32_t reserved);
 
-// The object, or every object of a template's type, expires `ms` milliseconds from now; a later write clears that. `cb` (may be null)
-// runs once when the request has been taken, in a later turn of the loop.
+// The object, or every object of a template's type, expires `ms` milliseconds from now; a later write clears that. `cb` (may be
+// null) runs once when the request has been taken, in a later turn of the loop.
 int qx_mom_pexpire(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t flags, uint32_t ms, uint32_t reserved,
                    qx_mom_done_cb cb, void *reserved_arg);
 
@@ -131,22 +131,22 @@ int qx_mom_setnx_sync(qx_global *global, int32_t db, const ProtobufCMessage *rec
 // Deletes the object and waits; -7 when there is none.
 int qx_mom_del_sync(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t flags, uint32_t reserved);
 
-// Reads the object with the key of `record`. On 0 *out is an object that the caller releases with qx_mom_qx_obj_free; otherwise *out
-// is null.
+// Reads the object with the key of `record`. On 0 *out is an object that the caller releases with qx_mom_qx_obj_free; otherwise
+// *out is null.
 int qx_mom_get_sync(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t flags, qx_obj **out);
 
 // Releases an object that qx_mom_get_sync returned; null is allowed.
 void qx_mom_qx_obj_free(qx_obj *obj);
 
-// Calls `cb` for every object of the template's type, in key order, laid out as a written notification of the type. The callback may
-// write and delete the table being scanned; objects that it adds are not visited. Its result is not looked at. 0, or the code of
-// the scan itself.
+// Calls `cb` for every object of the template's type, in key order, laid out as a written notification of the type. The callback
+// may write and delete the table being scanned; objects that it adds are not visited. Its result is not looked at. 0, or the code
+// of the scan itself.
 int qx_mom_scan_sync(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t flags, qx_mom_scan_cb cb, void *arg);
 
 // ---- notifications
 
-// Delivers every change of the type in `db` to `cb`, beginning with one QX_MOM_CMD_DATA_FETCH. The same callback for the same type
-// is subscribed once, however often it is asked for; each time it gets a data-fetch signal of its own.
+// Delivers every change of the type in `db` to `cb`, beginning with one QX_MOM_CMD_DATA_FETCH. The same callback for the same
+// type is subscribed once, however often it is asked for; each time it gets a data-fetch signal of its own.
 int qx_mom_subscribe(qx_global *global, int32_t db, const qx_mom_spec *spec, qx_mom_notify_cb cb);
 
 // ---- descriptors

@@ -1,22 +1,87 @@
 // What is particular to the store in Redis: its layout, its failures, what else may be in the server.
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <fstream>
 #include <optional>
 #include <thread>
 
 #include "component/mom_world.h"
+#include "host/log/log.h"
+#include "host/mom/redis_endpoint.h"
 
 namespace mom_test {
 namespace {
 
 using Settings = std::vector<std::pair<std::string, std::string>>;
 
+// Answers SELECT and INFO like a server of the given version, once, each after `delay`.
+class OldServer {
+ public:
+  explicit OldServer(const std::string &version, std::chrono::milliseconds delay = 0ms) {
+    listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ::bind(listener_, reinterpret_cast<sockaddr *>(&address), sizeof address);
+    ::listen(listener_, 1);
+    socklen_t length = sizeof address;
+    ::getsockname(listener_, reinterpret_cast<sockaddr *>(&address), &length);
+    port = ntohs(address.sin_port);
+    const std::string info = "# Server\r\nredis_version:" + version + "\r\nrun_id:abc\r\n";
+    answers_ = {"+OK\r\n", "$" + std::to_string(info.size()) + "\r\n" + info + "\r\n"};
+    thread_ = std::thread([this, delay] {
+      const int client = ::accept(listener_, nullptr, nullptr);
+      char buffer[512];
+      for (const std::string &answer : answers_) {
+        if (::recv(client, buffer, sizeof buffer, 0) <= 0) break;
+        std::this_thread::sleep_for(delay);
+        ::send(client, answer.data(), answer.size(), MSG_NOSIGNAL);
+      }
+      ::close(client);
+    });
+  }
+  ~OldServer() {
+    ::shutdown(listener_, SHUT_RDWR);
+    thread_.join();
+    ::close(listener_);
+  }
+  int port = 0;
+
+ private:
+  int listener_ = -1;
+  std::vector<std::string> answers_;
+  std::thread thread_;
+};
+
+class Elsewhere final : public Backend {
+ public:
+  explicit Elsewhere(std::string url) : url_(std::move(url)) {}
+  std::string url() const override { return url_; }
+  void pass(std::chrono::milliseconds) override {}
+  void put_raw(int32_t, const std::string &, const std::string &) override {}
+  void cut_connections(int32_t) override {}
+
+ private:
+  std::string url_;
+};
+
+// What the start says to standard error; "" when it succeeds.
+std::string start_at(const std::string &url, const std::string &password = "") {
+  testing::internal::CaptureStderr();
+  World world(std::make_unique<Elsewhere>(url), {{"mom.password", password}});
+  const std::string said = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(world.global() == nullptr, !said.empty());
+  return said;
+}
+
 class MomRedis : public testing::Test {
  protected:
-  void start(const Settings &settings = {}) {
-    auto owned = std::make_unique<RedisBackend>();
+  void start(const Settings &settings = {}, std::vector<std::string> options = {}) {
+    auto owned = std::make_unique<RedisBackend>(std::move(options));
     backend = owned.get();
     world.emplace(std::move(owned), settings);
     ASSERT_NE(world->global(), nullptr);
@@ -29,6 +94,16 @@ class MomRedis : public testing::Test {
   static long reconnected(int32_t type) { return std::count(reconnects.begin(), reconnects.end(), type); }
   static bool wait_for(int32_t type) {
     return run_until([&] { return reconnected(type) > 0; });
+  }
+  // The log's lines that hold the text.
+  std::vector<std::string> logged(const std::string &text) {
+    host::log::flush();
+    std::vector<std::string> lines;
+    std::ifstream log(world->run_dir() + "/log");
+    for (std::string line; std::getline(log, line);) {
+      if (line.find(text) != std::string::npos) lines.push_back(line);
+    }
+    return lines;
   }
   static std::chrono::milliseconds time(const std::function<void()> &work) {
     const auto begin = std::chrono::steady_clock::now();
@@ -121,6 +196,78 @@ TEST_F(MomRedis, FrozenServerHoldsTheLoopNoLongerThanTheBound) {
   EXPECT_TRUE(reconnects.empty());
   EXPECT_TRUE(run_until([&] { return qx_mom_get_sync(world->global(), 8, flow, 0, &object) == 0; }));
   qx_mom_qx_obj_free(object);
+}
+
+TEST_F(MomRedis, ServerThatStaysFrozenIsGivenUpAndTakenBack) {
+  start({{"mom.dead_after_ms", "200"}});
+  world->watch<0>(kFlow);
+  Flow flow(1);
+  ASSERT_EQ(world->set(flow), 0);
+  world->settle();
+  backend->server().kill(SIGSTOP);
+  ASSERT_TRUE(wait_for(0));
+  EXPECT_EQ(world->set(flow), -1);
+  backend->server().kill(SIGCONT);
+  ASSERT_TRUE(wait_for(2));
+  ASSERT_TRUE(run_until([] { return recorders[0].seen.back().cmd == 29; }));
+  EXPECT_EQ(world->get(flow).cmd, 1u);
+}
+
+TEST_F(MomRedis, ServerThatLoadsItsDataIsWaitedFor) {
+  // Each object takes two milliseconds to load, and the server answers in between.
+  start({}, {"--key-load-delay", "2000", "--loading-process-events-interval-bytes", "1024"});
+  world->watch<0>(kFlow);
+  constexpr uint64_t kCount = 300;
+  for (uint64_t i = 1; i <= kCount; ++i) {
+    Flow flow(i);
+    ASSERT_EQ(world->set(flow), 0);
+  }
+  world->settle();
+  ASSERT_EQ(admin({"SAVE"}), "OK");
+  recorders[0].seen.clear();
+  size_t found = 0;
+  Flow all(0);
+  recorders[0].hook = [&](const qx_obj *object) {
+    if (object->cmd == 29) found = world->scan(all).size();
+  };
+  backend->server().kill(SIGKILL);
+  backend->server().start();
+  EXPECT_NE(admin({"INFO", "persistence"}).find("loading:1"), std::string::npos);
+  ASSERT_TRUE(wait_for(1));
+  ASSERT_TRUE(run_until([] { return !recorders[0].seen.empty(); }));
+  EXPECT_EQ(trace(recorders[0].seen), "29:0");
+  EXPECT_EQ(found, kCount);
+  EXPECT_FALSE(logged("the server is loading its data").empty());
+
+  // A process that starts meanwhile waits as well.
+  auto owned = world->take_backend();
+  world.reset();
+  backend->server().kill(SIGKILL);
+  backend->server().start();
+  EXPECT_EQ(start_at(owned->url()), "");
+}
+
+TEST_F(MomRedis, WhatTheServerRefusesIsNeverTakenForDone) {
+  start();
+  Flow flow(1), other(2);
+  Meter meter(1);
+  ASSERT_EQ(world->set(flow), 0);
+  ASSERT_EQ(world->get(flow).cmd, 1u);
+  ASSERT_EQ(admin({"CONFIG", "SET", "maxmemory", "1"}), "OK");
+  EXPECT_EQ(qx_mom_setnx_sync(world->global(), 8, other, 0, 0), -1);
+  EXPECT_EQ(qx_mom_del_sync(world->global(), 8, flow, 0, 0), 0) << "deletions free memory";
+  EXPECT_TRUE(reconnects.empty());
+  ASSERT_EQ(world->set(meter), 0);  // written by a script
+  ASSERT_TRUE(wait_for(0));
+  ASSERT_EQ(admin({"CONFIG", "SET", "maxmemory", "0"}), "OK");
+  ASSERT_TRUE(wait_for(2));
+  EXPECT_TRUE(world->scan(meter).empty());
+  EXPECT_FALSE(logged("the server refused a write: OOM").empty());
+}
+
+TEST_F(MomRedis, AServerThatMayDropObjectsIsComplainedOf) {
+  start({}, {"--maxmemory-policy", "allkeys-lru"});
+  EXPECT_FALSE(logged("maxmemory-policy is allkeys-lru, noeviction is needed").empty());
 }
 
 TEST_F(MomRedis, RefusedWriteIsFollowedByResynchronisation) {
@@ -234,67 +381,125 @@ TEST_F(MomRedis, ForeignAndBrokenContentsAreSkippedAndCounted) {
   EXPECT_EQ(trace(recorders[0].seen), "1:2");  // the good one, nothing of the others
   EXPECT_GE(mom::testing::skipped(), 10u);
   EXPECT_TRUE(reconnects.empty());
+
+  // Each kind once, with the key that it was met at first.
+  const auto skipped = [&](const std::string &kind) {
+    const auto lines = logged(kind);
+    return lines.size() == 1 ? lines[0].substr(lines[0].find("skipped ")) : std::to_string(lines.size()) + " lines";
+  };
+  EXPECT_EQ(skipped("a notification of no known layout").find("skipped s_policy_kelim.flow:: a"), 0u);
+  EXPECT_EQ(skipped("a notification of an object that cannot be").find("skipped s_policy_kelim.flow:x:0: a"), 0u);
+  EXPECT_EQ(skipped("the value is no record of its type").find("skipped s_policy_kelim.flow:2:0: the"), 0u);
+}
+
+TEST_F(MomRedis, OthersKeysCostOneLineHoweverManyThereAre) {
+  start();
+  const uint64_t before = mom::testing::skipped();
+  for (int i = 1; i <= 300; ++i) {
+    ASSERT_EQ(admin({"SET", "session\r\n" + std::to_string(i), "x", "PX", "1"}), "OK");
+    ASSERT_EQ(admin({"SET", "cart:" + std::to_string(i), "x", "PX", "1"}), "OK");
+  }
+  ASSERT_TRUE(run_until([&] { return mom::testing::skipped() == before + 600; }));
+  const auto lines = logged("the expiry of an object that cannot be");
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_NE(lines[0].find("skipped session??"), std::string::npos);
+}
+
+TEST_F(MomRedis, ValuesOfAnotherKindNeitherStopADeletionNorSurviveIt) {
+  start();
+  world->watch<0>(kFlow);
+  Flow all(0), tagged(1), alien(2), last(3);
+  for (Flow *flow : {&tagged, &last}) ASSERT_EQ(world->setow(*flow, 1), 0);
+  world->settle();
+  recorders[0].seen.clear();
+  ASSERT_EQ(admin({"SADD", "s_policy_kelim.flow", "2:0"}), "1");
+  ASSERT_EQ(admin({"RPUSH", "s_policy_kelim.flow:2:0", "a list"}), "1");
+  ASSERT_EQ(world->pexpire(all, 60'000), 0);
+  ASSERT_EQ(world->del_expire_ow(all, 1), 0);
+  world->settle();
+  EXPECT_EQ(recorders[0].seen.size(), 2u);
+  EXPECT_EQ(admin({"SMEMBERS", "s_policy_kelim.flow"}), "2:0");
+  recorders[0].seen.clear();
+  EXPECT_EQ(qx_mom_del_sync(world->global(), 8, alien, 0, 0), 0);
+  world->settle();
+  EXPECT_EQ(trace(recorders[0].seen), "3:2");
+  EXPECT_EQ(admin({"DBSIZE"}), "0");
+  EXPECT_TRUE(reconnects.empty());
+}
+
+// A second process of ours on the same server: answers every flow, and deletes every third.
+int answering_process(const std::string &url, uint64_t flows) {
+  World world(std::make_unique<Elsewhere>(url));
+  world.connect_all();
+  uint64_t answered = 0;
+  recorders[0].hook = [&](const qx_obj *object) {
+    if (object->cmd != 1) return;
+    const uint64_t index = reinterpret_cast<const SPolicyKelim__Flow *>(object->value)->index->flow_index;
+    FlowSta sta(index);
+    Flow flow(index);
+    ++answered;
+    if (world.set(sta) != 0 || (index % 3 == 0 && qx_mom_del_sync(world.global(), 8, flow, 0, 0) != 0)) ::_exit(1);
+  };
+  const qx_mom_spec spec = {kFlow, QX_MOM_DECODED};
+  qx_mom_subscribe(world.global(), 8, &spec, record_into<0>);
+  FlowSta ready(1);
+  const bool announced = run_until([] { return !recorders[0].seen.empty(); }) && world.set(ready, 4) == 0;
+  const bool done = announced && run_until([&] { return answered == flows; });
+  if (done) world.settle();
+  return done ? 0 : 1;
+}
+
+TEST(MomRedisProcesses, TwoProcessesWorkOnTheSameObjects) {
+  constexpr uint64_t kFlows = 3000;
+  support::RedisServer server;
+  const pid_t child = ::fork();
+  if (child == 0) ::_exit(answering_process(server.url(), kFlows));
+  World world(std::make_unique<Elsewhere>(server.url()));
+  world.connect_all();
+  world.watch<0>(kFlow);
+  world.watch<1>(kFlowSta);
+  Flow all(0);
+  FlowSta answers(0), ready(1);
+  ASSERT_TRUE(run_until([&] { return world.get(ready, 4).cmd == 1; }));
+  for (uint64_t i = 1; i <= kFlows; ++i) {
+    Flow flow(i);
+    ASSERT_EQ(world.set(flow), 0);
+    if (i % 100 == 0) host::run_until([] { return false; }, 1ms);  // the other one works meanwhile
+  }
+  const auto seen = [](size_t recorder, uint32_t cmd) {
+    const auto &all_seen = recorders[recorder].seen;
+    return std::count_if(all_seen.begin(), all_seen.end(), [&](const Seen &one) { return one.cmd == cmd; });
+  };
+  ASSERT_TRUE(run_until([&] { return seen(1, 1) == kFlows && seen(0, 3) == kFlows / 3; })) << seen(1, 1) << " " << seen(0, 3);
+  EXPECT_EQ(seen(0, 1), static_cast<ptrdiff_t>(kFlows));
+  EXPECT_EQ(world.scan(all).size(), kFlows - kFlows / 3);
+  EXPECT_EQ(world.scan(answers).size(), kFlows);
+  Flow deleted_there(3), here(1);
+  EXPECT_EQ(world.del(deleted_there), -7);
+  EXPECT_EQ(world.del(here), 0);
+  int status = -1;
+  ::waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
 }
 
 // ---- starting
 
-// Answers SELECT and INFO like a server of the given version, once.
-class OldServer {
- public:
-  explicit OldServer(const std::string &version) {
-    listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(listener_, reinterpret_cast<sockaddr *>(&address), sizeof address);
-    ::listen(listener_, 1);
-    socklen_t length = sizeof address;
-    ::getsockname(listener_, reinterpret_cast<sockaddr *>(&address), &length);
-    port = ntohs(address.sin_port);
-    const std::string info = "# Server\r\nredis_version:" + version + "\r\nrun_id:abc\r\n";
-    answers_ = {"+OK\r\n", "$" + std::to_string(info.size()) + "\r\n" + info + "\r\n"};
-    thread_ = std::thread([this] {
-      const int client = ::accept(listener_, nullptr, nullptr);
-      char buffer[512];
-      for (const std::string &answer : answers_) {
-        if (::recv(client, buffer, sizeof buffer, 0) <= 0) break;
-        ::send(client, answer.data(), answer.size(), MSG_NOSIGNAL);
-      }
-      ::close(client);
-    });
-  }
-  ~OldServer() {
-    ::shutdown(listener_, SHUT_RDWR);
-    thread_.join();
-    ::close(listener_);
-  }
-  int port = 0;
+TEST(MomRedisStart, AFrozenServerIsGivenUpInOneLine) {
+  support::RedisServer server;
+  server.kill(SIGSTOP);
+  EXPECT_EQ(start_at(server.url()), "mom_test: mom.url " + server.url() + ": the server did not answer in time\n");
+}
 
- private:
-  int listener_ = -1;
-  std::vector<std::string> answers_;
-  std::thread thread_;
-};
-
-class Elsewhere final : public Backend {
- public:
-  explicit Elsewhere(std::string url) : url_(std::move(url)) {}
-  std::string url() const override { return url_; }
-  void pass(std::chrono::milliseconds) override {}
-  void put_raw(int32_t, const std::string &, const std::string &) override {}
-  void cut_connections(int32_t) override {}
-
- private:
-  std::string url_;
-};
-
-// What the start says to standard error; "" when it succeeds.
-std::string start_at(const std::string &url, const std::string &password = "") {
-  testing::internal::CaptureStderr();
-  World world(std::make_unique<Elsewhere>(url), {{"mom.password", password}});
-  const std::string said = testing::internal::GetCapturedStderr();
-  EXPECT_EQ(world.global() == nullptr, !said.empty());
-  return said;
+// However many exchanges it takes: here connecting asks twice.
+TEST(MomRedisStart, ASynchronousCallEndsAtItsDeadline) {
+  const OldServer slow("7.0.0", 200ms);
+  mom::Endpoint endpoint;
+  ASSERT_EQ(mom::parse_endpoint("redis://127.0.0.1:" + std::to_string(slow.port), &endpoint), "");
+  mom::SyncConnection connection(endpoint, 8, 300ms);
+  const auto begin = std::chrono::steady_clock::now();
+  connection.set_deadline(begin + 300ms);
+  EXPECT_EQ(connection.open(), "the server did not answer in time");
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 390ms);
 }
 
 TEST(MomRedisStart, SaysInOneLineWhatIsWrong) {

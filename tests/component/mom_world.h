@@ -54,6 +54,7 @@ class EmbeddedBackend final : public Backend {
 
 class RedisBackend final : public Backend {
  public:
+  explicit RedisBackend(std::vector<std::string> options = {}) : server_(std::move(options)) {}
   std::string url() const override { return server_.url(); }
   void pass(std::chrono::milliseconds) override {}
   void put_raw(int32_t db, const std::string &key, const std::string &bytes) override {
@@ -266,6 +267,7 @@ class World {
   qx_global *global() { return global_; }
   const std::string &run_dir() const { return dir_.path(); }
   Backend &backend() { return *backend_; }
+  std::unique_ptr<Backend> take_backend() { return std::move(backend_); }
 
   void connect_all() {
     const unsigned before = connects[0];

@@ -84,7 +84,9 @@ class InServer final : public Database {
     mom::Endpoint endpoint;
     check(mom::parse_endpoint(url, &endpoint));
     endpoint.password = host::config().mom.password;
-    mom::SyncConnection connection(endpoint, QX_MOM_UDP_DB, std::chrono::milliseconds(host::config().mom.sync_timeout_ms));
+    const std::chrono::milliseconds limit(host::config().mom.sync_timeout_ms);
+    mom::SyncConnection connection(endpoint, QX_MOM_UDP_DB, limit);
+    connection.set_deadline(std::chrono::steady_clock::now() + limit);
     if (const std::string why = connection.open(); !why.empty()) throw Problem(kNoProcess, "mom.url " + url + ": " + why);
   }
 

@@ -40,6 +40,7 @@ struct Config {
     std::string url;
     std::string password;
     std::uint32_t sync_timeout_ms;
+    std::uint32_t dead_after_ms;
     std::uint64_t high_water_writes;
     std::uint64_t high_water_bytes;
     std::uint32_t scan_batch;

@@ -1,5 +1,7 @@
 #include "host/mom/redis_endpoint.h"
 
+#include <poll.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
@@ -15,8 +17,14 @@ constexpr std::string_view kTcp = "redis://";
 constexpr int kDefaultPort = 6379;
 constexpr int kOldestMajor = 7;
 
+// At least a moment: no time at all would mean without limit.
 timeval to_timeval(std::chrono::milliseconds limit) {
-  return {.tv_sec = limit.count() / 1000, .tv_usec = limit.count() % 1000 * 1000};
+  const auto ms = std::max<std::chrono::milliseconds::rep>(limit.count(), 1);
+  return {.tv_sec = ms / 1000, .tv_usec = ms % 1000 * 1000};
+}
+
+std::chrono::milliseconds left_until(std::chrono::steady_clock::time_point deadline) {
+  return std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
 }
 
 }  // namespace
@@ -88,15 +96,12 @@ std::string SyncConnection::open() {
   if (context_) return "";
   refused_ = false;
   if (resting()) return "the server did not answer in time";
-  const timeval limit = to_timeval(limit_);
+  const timeval limit = to_timeval(left_until(deadline_));
   context_.reset(endpoint_.path.empty() ? redisConnectWithTimeout(endpoint_.host.c_str(), endpoint_.port, limit)
                                         : redisConnectUnixWithTimeout(endpoint_.path.c_str(), limit));
   if (!context_) return "out of memory";
   std::string why = context_->err ? context_->errstr : "";
-  if (why.empty()) {
-    redisSetTimeout(context_.get(), limit);
-    why = greet();
-  }
+  if (why.empty()) why = greet();
   if (!why.empty()) {
     close();
     return why;
@@ -132,14 +137,29 @@ std::string SyncConnection::greet() {
 Reply SyncConnection::exchange(std::span<const std::string_view> arguments) {
   std::string command;
   append_command(command, arguments);
+  if (redisAppendFormattedCommand(context_.get(), command.data(), command.size()) != REDIS_OK) return nullptr;
+  int sent = 0;
+  while (!sent) {
+    if (!wait(POLLOUT) || redisBufferWrite(context_.get(), &sent) != REDIS_OK) return nullptr;
+  }
   void *reply = nullptr;
-  if (redisAppendFormattedCommand(context_.get(), command.data(), command.size()) != REDIS_OK ||
-      redisGetReply(context_.get(), &reply) != REDIS_OK) {
-    // A receive time-out shows as EAGAIN.
-    if (context_->err == REDIS_ERR_IO && errno == EAGAIN) note_timeout();
-    return nullptr;
+  while (redisReaderGetReply(context_->reader, &reply) == REDIS_OK && !reply) {
+    if (!wait(POLLIN) || redisBufferRead(context_.get()) != REDIS_OK) return nullptr;
   }
   return Reply(static_cast<redisReply *>(reply));
+}
+
+// False when the deadline passes first.
+bool SyncConnection::wait(short events) {
+  pollfd ready{.fd = context_->fd, .events = events, .revents = 0};
+  while (true) {
+    const auto left = left_until(deadline_).count();
+    const int rv = left <= 0 ? 0 : ::poll(&ready, 1, static_cast<int>(left));
+    if (rv > 0) return true;
+    if (rv < 0 && errno == EINTR) continue;
+    note_timeout();
+    return false;
+  }
 }
 
 Reply SyncConnection::call(std::span<const std::string_view> arguments) {

@@ -53,12 +53,15 @@ inline void append_command(std::string &out, Arguments arguments) {
   append_command(out, std::span(arguments.begin(), arguments.size()));
 }
 
-// A blocking connection to one database. Every call waits at most the limit; after a call that waited in vain the next ones fail
-// at once for a while, so that a frozen server does not hold the loop again and again.
+// A blocking connection to one database. Nothing waits beyond the deadline that was set last; after a call that waited in vain
+// the next ones fail at once for as long as the limit, so that a frozen server does not hold the loop again and again.
 class SyncConnection {
  public:
   SyncConnection(const Endpoint &endpoint, int32_t db, std::chrono::milliseconds limit)
       : endpoint_(endpoint), db_(db), limit_(limit) {}
+
+  // Of what follows. Set before every call.
+  void set_deadline(std::chrono::steady_clock::time_point deadline) { deadline_ = deadline; }
 
   // "" or why there is no connection; keeps a living one.
   std::string open();
@@ -81,6 +84,7 @@ class SyncConnection {
     void operator()(redisContext *context) const { redisFree(context); }
   };
   Reply exchange(std::span<const std::string_view> arguments);
+  bool wait(short events);
   std::string greet();
 
   const Endpoint &endpoint_;
@@ -89,6 +93,7 @@ class SyncConnection {
   std::unique_ptr<redisContext, FreeContext> context_;
   ServerInfo server_;
   bool refused_ = false;
+  std::chrono::steady_clock::time_point deadline_{};
   std::chrono::steady_clock::time_point resting_until_{};
 };
 

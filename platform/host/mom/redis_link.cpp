@@ -15,7 +15,6 @@ using namespace std::chrono_literals;
 constexpr auto kFirstBackoff = 20ms;
 constexpr auto kLongestBackoff = 2000ms;
 constexpr auto kStable = 5s;  // a link that held this long begins its backoff anew
-constexpr auto kWatch = 5s;   // without any answer for twice this long a connection counts as dead
 
 // What hiredis may hold for the socket; more waits in the queue.
 constexpr size_t kUnsentMax = 256U << 10;
@@ -27,11 +26,11 @@ constexpr long kSubscriberBufferMin = 268435456;
 
 }  // namespace
 
-RedisLink::RedisLink(Hub &hub, Database &db, const Endpoint &endpoint, std::chrono::milliseconds limit, Events events)
+RedisLink::RedisLink(Hub &hub, Database &db, const Endpoint &endpoint, std::chrono::milliseconds dead_after, Events events)
     : hub_(hub),
       db_(db),
       endpoint_(endpoint),
-      limit_(limit),
+      dead_after_(dead_after),
       events_(std::move(events)),
       writer_(endpoint, [this](const std::string &why) { fail(why); }),
       subscriber_(endpoint, [this](const std::string &why) { fail(why); }),
@@ -72,7 +71,7 @@ void RedisLink::connect() {
     return;
   }
   answered_before_ = writer_.answered();
-  watch_timer_.arm(kWatch);
+  watch_timer_.arm(dead_after_ / 2);
   greet_writer();
   greet_subscriber();
 }
@@ -88,6 +87,7 @@ void RedisLink::greet_writer() {
   writer_.send({"CONFIG", "GET", "notify-keyspace-events"}, [this](const redisReply *reply) { use_keyspace_events(reply); });
   writer_.send({"CONFIG", "GET", "client-output-buffer-limit"},
                [this](const redisReply *reply) { widen_subscriber_buffers(reply); });
+  writer_.send({"CONFIG", "GET", "maxmemory-policy"}, [this](const redisReply *reply) { warn_of_eviction(reply); });
   for (size_t i = 0; !script_text(i).empty(); ++i) writer_.send({"SCRIPT", "LOAD", script_text(i)}, need("SCRIPT LOAD"));
   // Behind the answers above, and behind the settings that they may have sent.
   writer_.send({"PING"}, [this](const redisReply *first) {
@@ -133,6 +133,14 @@ void RedisLink::widen_subscriber_buffers(const redisReply *reply) {
   writer_.send({"CONFIG", "SET", "client-output-buffer-limit", kSubscriberBuffers}, [](const redisReply *set) {
     if (set && is_error(set)) host::log::warn("database: the server keeps its small buffers for subscribers: {}", text_of(set));
   });
+}
+
+// Objects that went that way would be missed by nobody.
+void RedisLink::warn_of_eviction(const redisReply *reply) {
+  if (!reply || reply->type != REDIS_REPLY_ARRAY || reply->elements != 2 || text_of(reply->element[1]) == "noeviction") return;
+  host::log::error(
+      "database {}: {}: the server may drop objects when its memory is full: maxmemory-policy is {}, noeviction is needed",
+      db_.number, endpoint_.url, text_of(reply->element[1]));
 }
 
 void RedisLink::greet_subscriber() {
@@ -207,15 +215,15 @@ void RedisLink::release_all() {
   next_command_ = next_charge_ = 0;
 }
 
-// A server that hangs, or a peer that is gone without a word.
+// A server that hangs, or a peer that is gone without a word. Looked at twice in the time that it may be silent.
 void RedisLink::look() {
   if (writer_.waiting() > 0 && writer_.answered() == answered_before_) {
-    fail("no answer for seconds");
+    fail("no answer for " + std::to_string(dead_after_.count() / 2) + " ms");
     return;
   }
   answered_before_ = writer_.answered();
   if (writer_.waiting() == 0) writer_.send({"PING"}, nullptr);
-  watch_timer_.arm(kWatch);
+  watch_timer_.arm(dead_after_ / 2);
 }
 
 // ---- commands

@@ -32,7 +32,7 @@ class RedisLink {
     std::function<void(std::string_view channel)> subscribed;
   };
 
-  RedisLink(Hub &hub, Database &db, const Endpoint &endpoint, std::chrono::milliseconds limit, Events events);
+  RedisLink(Hub &hub, Database &db, const Endpoint &endpoint, std::chrono::milliseconds dead_after, Events events);
   ~RedisLink();
 
   void start();  // harmless when started
@@ -74,6 +74,7 @@ class RedisLink {
   void take_info(const redisReply *reply);
   void use_keyspace_events(const redisReply *reply);
   void widen_subscriber_buffers(const redisReply *reply);
+  void warn_of_eviction(const redisReply *reply);
   void part_ready();
   void come_up();
   void fail(const std::string &why);
@@ -86,7 +87,7 @@ class RedisLink {
   Hub &hub_;
   Database &db_;
   const Endpoint &endpoint_;
-  std::chrono::milliseconds limit_;
+  std::chrono::milliseconds dead_after_;  // without any answer
   Events events_;
   Pipe writer_;
   Pipe subscriber_;

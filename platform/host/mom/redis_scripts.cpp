@@ -8,10 +8,15 @@ namespace mom {
 
 namespace {
 
+// Somebody else's value of another kind under one of our keys goes too, without a last record.
 constexpr std::string_view kDel = R"(
-local value = redis.call('GETDEL', KEYS[2])
+local value = redis.pcall('GETDEL', KEYS[2])
 redis.call('SREM', KEYS[1], ARGV[1])
 if not value then return 0 end
+if type(value) == 'table' then
+  redis.call('DEL', KEYS[2])
+  value = ''
+end
 redis.call('PUBLISH', ARGV[2], 'D' .. ARGV[1] .. '\0' .. string.sub(value, 9))
 return 1)";
 
@@ -42,12 +47,13 @@ local members = redis.call('SMEMBERS', KEYS[1])
 for i = 1, #members do redis.call('PERSIST', ARGV[1] .. members[i]) end
 return #members)";
 
+// What is none of our values has no tag.
 constexpr std::string_view kDelTagged = R"(
 local members = redis.call('SMEMBERS', KEYS[1])
 local deleted = 0
 for i = 1, #members do
   local key = ARGV[1] .. members[i]
-  if redis.call('PTTL', key) >= 0 and redis.call('GETRANGE', key, 0, 7) == ARGV[3] then
+  if redis.call('PTTL', key) >= 0 and redis.pcall('GETRANGE', key, 0, 7) == ARGV[3] then
     local value = redis.call('GETDEL', key)
     redis.call('SREM', KEYS[1], members[i])
     redis.call('PUBLISH', ARGV[2], 'D' .. members[i] .. '\0' .. string.sub(value, 9))

@@ -61,7 +61,11 @@ const Kind *kind_of(char letter) {
 }  // namespace
 
 RedisStore::RedisStore(Hub &hub, Endpoint endpoint, const host::Config::Mom &config)
-    : hub_(hub), endpoint_(std::move(endpoint)), limit_(config.sync_timeout_ms), scan_batch_(config.scan_batch) {
+    : hub_(hub),
+      endpoint_(std::move(endpoint)),
+      limit_(config.sync_timeout_ms),
+      dead_after_(config.dead_after_ms),
+      scan_batch_(config.scan_batch) {
   endpoint_.password = config.password;
 }
 
@@ -71,6 +75,7 @@ std::string RedisStore::probe() {
   SyncConnection connection(endpoint_, 0, limit_);
   const auto begin = steady_clock::now();
   while (true) {
+    connection.set_deadline(steady_clock::now() + limit_);
     std::string why = connection.open();
     const bool loading = connection.server().loading || why.starts_with("LOADING");
     if (why.empty() && !loading) return "";
@@ -105,8 +110,9 @@ RedisStore::Table &RedisStore::table(Slot &slot) {
 }
 
 int RedisStore::connect_sync(Database &db) {
-  const std::string why = base(db).sync.open();
-  if (!why.empty()) {
+  SyncConnection &sync = base(db).sync;
+  sync.set_deadline(steady_clock::now() + limit_);
+  if (const std::string why = sync.open(); !why.empty()) {
     host::log::error("database {}: {}: {}", db.number, endpoint_.url, why);
     return -1;
   }
@@ -121,7 +127,7 @@ int RedisStore::connect(Database &db) {
     events.up = [this, &base] { up(base); };
     events.message = [this, &base](std::string_view channel, std::string_view payload) { message(base, channel, payload); };
     events.subscribed = [this, &base](std::string_view channel) { subscribed(base, channel); };
-    base.link = std::make_unique<RedisLink>(hub_, db, endpoint_, limit_, std::move(events));
+    base.link = std::make_unique<RedisLink>(hub_, db, endpoint_, dead_after_, std::move(events));
     base.link->start();
   } else if (base.link->is_up()) {
     hub_.later().act([this, &db] { hub_.connected(db); });
@@ -278,20 +284,21 @@ int RedisStore::del_expire_tag(Slot &slot, int64_t tag) {
 
 Reply RedisStore::synchronously(Base &base, const std::function<Reply(SyncConnection &)> &ask) {
   if (base.sync.resting()) return nullptr;
+  const auto deadline = steady_clock::now() + limit_;
+  base.sync.set_deadline(deadline);
   RedisLink *link = base.link.get();
   if (link && link->is_up()) {
     flush(base);
-    if (!link->idle() && !link->settle(steady_clock::now() + limit_)) {
+    if (!link->idle() && !link->settle(deadline)) {
       base.sync.note_timeout();
       return nullptr;
     }
   }
-  if (!base.sync.open().empty()) return nullptr;
-  // Another server than the one the client is told to be connected to: its data say nothing until that is known.
-  if (link && !link->run_id().empty() && base.sync.server().run_id != link->run_id()) {
-    base.sync.close();
-    return nullptr;
-  }
+  // Another server than the one the client is told to be connected to: its data say nothing until that is known. Or this
+  // connection is what is left of the server before.
+  const auto other_server = [&] { return link && !link->run_id().empty() && base.sync.server().run_id != link->run_id(); };
+  if (base.sync.open().empty() && other_server()) base.sync.close();
+  if (!base.sync.open().empty() || other_server()) return nullptr;
   Reply reply = ask(base.sync);
   if (reply && is_error(reply.get())) host::log::error("database {}: {}", base.db.number, text_of(reply.get()));
   return reply;
@@ -477,8 +484,9 @@ void RedisStore::notification(Table &table, std::string_view payload) {
     hub_.skip("a notification of an object that cannot be", object);
     return;
   }
-  if (kind->change == Change::deleted) table.known.erase(*key);
-  hub_.deliver(table.slot, kind->change, packed, &*key);
+  if (kind->change != Change::deleted) return hub_.deliver(table.slot, kind->change, packed, &*key);
+  table.known.erase(*key);
+  deleted(table, *key, packed);
 }
 
 void RedisStore::expired(Base &base, std::string_view object) {
@@ -492,7 +500,16 @@ void RedisStore::expired(Base &base, std::string_view object) {
   table.known.erase(*key);
   if (table.expired.empty()) hub_.later().act([this, &table] { forget_expired(table); });
   table.expired.emplace_back(object.substr(table.prefix.size()));
-  if (table.slot.heard()) hub_.deliver(table.slot, Change::deleted, type->key_only(*key), &*key);
+  deleted(table, *key, {});
+}
+
+// Without a last record its key has to do.
+void RedisStore::deleted(Table &table, const Key &key, Bytes packed) {
+  if (!packed.empty()) {
+    hub_.deliver(table.slot, Change::deleted, packed, &key);
+  } else if (table.slot.heard()) {
+    hub_.deliver(table.slot, Change::deleted, table.slot.type.key_only(key), &key);
+  }
 }
 
 void RedisStore::forget_expired(Table &table) {

@@ -124,11 +124,13 @@ class RedisStore final : public Store {
   void message(Base &base, std::string_view channel, std::string_view payload);
   void notification(Table &table, std::string_view payload);
   void expired(Base &base, std::string_view object);
+  void deleted(Table &table, const Key &key, Bytes packed);
   void forget_expired(Table &table);
 
   Hub &hub_;
   Endpoint endpoint_;
-  std::chrono::milliseconds limit_;
+  std::chrono::milliseconds limit_;  // of a synchronous call
+  std::chrono::milliseconds dead_after_;
   size_t scan_batch_;
   std::deque<Base> bases_;
 };
