@@ -83,6 +83,7 @@ class InServer final : public Database {
   static void must_answer(const std::string &url) {
     mom::Endpoint endpoint;
     check(mom::parse_endpoint(url, &endpoint));
+    endpoint.client = "kelimctl";
     endpoint.password = host::config().mom.password;
     const std::chrono::milliseconds limit(host::config().mom.sync_timeout_ms);
     mom::SyncConnection connection(endpoint, QX_MOM_UDP_DB, limit);

@@ -131,7 +131,7 @@ std::string SyncConnection::greet() {
   server_ = parse_info(text_of(reply.get()));
   why = server_unfit(server_);
   refused_ = !why.empty();
-  return why;
+  return refused_ ? why : ask({"CLIENT", "SETNAME", endpoint_.connection_name(db_, "sync")}, &reply);
 }
 
 Reply SyncConnection::exchange(std::span<const std::string_view> arguments) {

@@ -19,6 +19,11 @@ struct Endpoint {
   std::string host;
   int port = 0;
   std::string password;
+  std::string client;  // how the server lists our connections, "client/8/sync"; empty: without a name
+
+  std::string connection_name(int32_t db, std::string_view what) const {
+    return client + "/" + std::to_string(db) + "/" + std::string(what);
+  }
 };
 
 // "redis+unix:/PATH", "redis://HOST:PORT", "redis://HOST", HOST also "[IPV6]". "" or what is wrong with the URL.

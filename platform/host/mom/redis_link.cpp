@@ -83,6 +83,7 @@ void RedisLink::greet_writer() {
     };
   };
   writer_.send({"SELECT", std::to_string(db_.number)}, need("SELECT"));
+  writer_.send({"CLIENT", "SETNAME", endpoint_.connection_name(db_.number, "write")}, nullptr);
   writer_.send({"INFO"}, [this](const redisReply *reply) { take_info(reply); });
   writer_.send({"CONFIG", "GET", "notify-keyspace-events"}, [this](const redisReply *reply) { use_keyspace_events(reply); });
   writer_.send({"CONFIG", "GET", "client-output-buffer-limit"},
@@ -145,6 +146,7 @@ void RedisLink::warn_of_eviction(const redisReply *reply) {
 
 void RedisLink::greet_subscriber() {
   unconfirmed_ = channels_.size();
+  subscriber_.send({"CLIENT", "SETNAME", endpoint_.connection_name(db_.number, "listen")}, nullptr);
   for (const std::string &channel : channels_) subscriber_.subscribe(channel);
 }
 

@@ -6,6 +6,7 @@
 
 #include "host/log/log.h"
 #include "host/mom/redis_scripts.h"
+#include "host/runtime/services.h"
 
 namespace mom {
 
@@ -67,6 +68,7 @@ RedisStore::RedisStore(Hub &hub, Endpoint endpoint, const host::Config::Mom &con
       dead_after_(config.dead_after_ms),
       scan_batch_(config.scan_batch) {
   endpoint_.password = config.password;
+  endpoint_.client = host::runtime_name();
 }
 
 RedisStore::~RedisStore() = default;
