@@ -67,7 +67,7 @@ tsan: ## every test under the thread sanitizer
 fuzz: ## builds the fuzz targets with clang and runs each for a minute
 	$(call packages,fuzz)
 	$(call build,fuzz)
-	@for target in $(call bin,fuzz)/fuzz_*; do echo "== $$target"; $$target -max_total_time=60 tests/fuzz/corpus/$${target##*/} || exit 1; done
+	@for target in $(call bin,fuzz)/*_fuzz; do echo "== $$target"; $$target -max_total_time=60 || exit 1; done
 
 .PHONY: bench
 bench: ## the benchmarks

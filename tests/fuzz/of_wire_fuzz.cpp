@@ -1,6 +1,6 @@
-// Any bytes where the OpenFlow agent reads: a flow-mod, a statistics filter, a packet-out or a meter-mod of a controller, and a stored
-// flow or meter of an earlier life. What is accepted must hold together: it is a message that could be stored and taken over, it is given
-// back to the controller as a message that reads as the same flow, and it matches itself.
+// Any bytes where the OpenFlow agent reads: a flow-mod, a statistics filter, a packet-out or a meter-mod of a controller, and a
+// stored flow or meter of an earlier life. What is accepted must hold together: it is a message that could be stored and taken
+// over, it is given back to the controller as a message that reads as the same flow, and it matches itself.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -108,10 +108,13 @@ void stored_meter(Bytes bytes) {
 
 void filter(Bytes bytes) {
   FlowMod mod;
-  if (!bytes.empty() && !decode_flow_filter(bytes, 1, std::to_integer<std::uint8_t>(bytes[0]) & 1, mod).refused()) show(mod.southbound());
+  if (!bytes.empty() && !decode_flow_filter(bytes, 1, std::to_integer<std::uint8_t>(bytes[0]) & 1, mod).refused())
+    show(mod.southbound());
 }
 
-void packet_out(Bytes bytes) { check_packet_out_actions(bytes, kPorts); }
+void packet_out(Bytes bytes) {
+  check_packet_out_actions(bytes, kPorts);
+}
 
 constexpr void (*kReaders[])(Bytes) = {flow_mod, stored_flow, meter_mod, stored_meter, filter, packet_out};
 

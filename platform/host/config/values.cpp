@@ -18,6 +18,8 @@ template <typename... F>
 struct Overloaded : F... {
   using F::operator()...;
 };
+template <typename... F>
+Overloaded(F...) -> Overloaded<F...>;  // clang 14 cannot do without
 
 constexpr const char *kPortForm =
     "ports of ifx 1 to 4294967295, each once, name, phyid and type ethernet, tunnel, router (or 1, 45, 46)";

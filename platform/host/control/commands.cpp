@@ -65,10 +65,10 @@ std::int64_t value_of(const json &request, const Command &command, const Argumen
 std::vector<std::int64_t> values_of(const json &request, const Command &command) {
   const json given = request.value("args", json::object());
   if (!given.is_object()) throw Refusal("args is not an object" + usage(request, command));
-  for (const auto &[name, value] : given.items()) {
-    const auto named = [&](const Argument &a) { return a.name == name; };
+  for (const auto &item : given.items()) {
+    const auto named = [&](const Argument &a) { return a.name == item.key(); };
     if (std::none_of(command.arguments.begin(), command.arguments.end(), named))
-      throw Refusal("unknown argument " + name + usage(request, command));
+      throw Refusal("unknown argument " + item.key() + usage(request, command));
   }
   std::vector<std::int64_t> values;
   for (const Argument &argument : command.arguments) values.push_back(value_of(request, command, argument, given));
