@@ -1,4 +1,7 @@
 // The OpenFlow agent towards its controllers: handshake, every message, hostile peers, roles, connections both ways.
+#include <ifaddrs.h>
+#include <net/if.h>
+
 #include <random>
 
 #include "component/of_world.h"
@@ -257,6 +260,13 @@ TEST_F(Roles, GenerationsWrapAround) {
 
 // ---- what the daemon is told of controllers
 
+std::string interfaces(std::initializer_list<unsigned> numbers) {
+  Message list;
+  for (const unsigned n : numbers)
+    for (int shift = 0; shift < 32; shift += 8) list.push_back(std::byte(n >> shift));
+  return to_hex(list);
+}
+
 TEST_F(AgentTest, TheDaemonHearsOfTheFirstAndTheLastController) {
   const auto count = [this](std::uint16_t type) { return daemon.of_type(type).size(); };
   {
@@ -264,11 +274,9 @@ TEST_F(AgentTest, TheDaemonHearsOfTheFirstAndTheLastController) {
     come_up(a);
     come_up(b);
     ASSERT_EQ(count(southbound::kOpen), 1u);
-    // Type 6, version 4, length 12, table property 1, one interface.
-    EXPECT_EQ(to_hex(daemon.of_type(southbound::kOpen)[0]),
-              "06000400"
-              "0c000100"
-              "00000000");
+    // Type 6, version 4, length 12, table property 1, one interface: the one over which both have come.
+    EXPECT_EQ(to_hex(daemon.of_type(southbound::kOpen)[0]), "060004000c000100" + interfaces({if_nametoindex("lo")}));
+    EXPECT_EQ(count(southbound::kMgmtIfx), 0u);
     // One address, 127.0.0.1, first octet first.
     ASSERT_EQ(count(southbound::kOncInfo), 1u);
     EXPECT_EQ(to_hex(daemon.of_type(southbound::kOncInfo)[0]).substr(16),
@@ -288,6 +296,60 @@ TEST_F(AgentTest, TheDaemonHearsOfTheFirstAndTheLastController) {
             "7f000001");
   EXPECT_EQ(count(southbound::kPktEnd), 1u);
   EXPECT_EQ(count(southbound::kDsStart), 0u) << "controllers that come and go start no synchronisation";
+}
+
+class AnyAddress : public AgentTest {
+ protected:
+  void configure() override {
+    AgentTest::configure();
+    set("openflow.listen", "ptcp:0.0.0.0:0");
+    set("openflow.report_cells", "7");
+  }
+  // An address of this machine other than the loopback's, with its interface; false where there is none.
+  static bool outer_address(in_addr_t &address, unsigned &interface) {
+    ifaddrs *all = nullptr;
+    if (getifaddrs(&all) != 0) return false;
+    const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> owner(all, freeifaddrs);
+    for (const ifaddrs *at = all; at; at = at->ifa_next) {
+      if (!at->ifa_addr || at->ifa_addr->sa_family != AF_INET || at->ifa_flags & IFF_LOOPBACK || !(at->ifa_flags & IFF_UP))
+        continue;
+      address = reinterpret_cast<const sockaddr_in *>(at->ifa_addr)->sin_addr.s_addr;
+      interface = if_nametoindex(at->ifa_name);
+      return true;
+    }
+    return false;
+  }
+};
+
+// Type 26, length 16: so many cells a report, and the daemon's own period of five seconds.
+TEST_F(AnyAddress, TheDaemonIsToldTheSizeOfItsReports) {
+  ASSERT_TRUE(until([this] { return daemon.of_type(southbound::kFlowCountConfig).size() == 1; }));
+  EXPECT_EQ(to_hex(daemon.of_type(southbound::kFlowCountConfig)[0]), "1a000400100001000700000005000000");
+}
+
+TEST_F(AnyAddress, TheDaemonIsToldWhenTheInterfacesOfTheControllersChange) {
+  in_addr_t address = 0;
+  unsigned outer = 0;
+  if (!outer_address(address, outer)) GTEST_SKIP() << "this machine has the loopback interface alone";
+  const unsigned lo = if_nametoindex("lo");
+  const auto told = [this](std::uint16_t type) {
+    const auto all = daemon.of_type(type);
+    return all.empty() ? "" : std::to_string(all.size()) + ": " + to_hex(all.back());
+  };
+  Controller near, far;
+  come_up(near);
+  far.connect(port, address);
+  far.send(hello());
+  ASSERT_FALSE(far.ask(message(5, 1)).empty());
+  EXPECT_EQ(told(southbound::kMgmtIfx), "1: 1800040010000100" + interfaces({lo, outer}));
+  EXPECT_EQ(daemon.of_type(southbound::kOncInfo).size(), 2u) << "each has its address announced";
+  near.close();
+  EXPECT_TRUE(until([&] { return told(southbound::kMgmtIfx) == "2: 180004000c000100" + interfaces({outer}); }))
+      << told(southbound::kMgmtIfx);
+  EXPECT_EQ(daemon.of_type(southbound::kOncInfo).size(), 3u);
+  far.close();
+  EXPECT_TRUE(until([&] { return told(southbound::kClose) == "1: 070004000c000100" + interfaces({outer}); }));
+  EXPECT_EQ(told(southbound::kOpen), "1: 060004000c000100" + interfaces({lo}));
 }
 
 TEST_F(AgentTest, PacketsFlowWhileSomebodyIsNoSlave) {

@@ -202,6 +202,31 @@ TEST_F(FlowsTest, MoreThanTheWindowWaitsAndIsNotLost) {
   EXPECT_EQ(daemon.flows(true).size(), kFlows);
 }
 
+// What a controller has under way is bounded, and what is left of controllers that came and went as well.
+TEST_F(FlowsTest, BarriersWithoutEndAreNotTakenWithoutEnd) {
+  const auto under_way = [this] { return daemon.of_type(southbound::kBarrierRequest).size(); };
+  hand_over(flow_mod(ipv4_flow(1)), 1);
+  ASSERT_TRUE(until([&] { return under_way() == 1; })) << "the agent's own";
+  Message flood;
+  for (std::uint32_t xid = 1; xid <= 5000; ++xid) append(flood, barrier(xid));
+  ASSERT_TRUE(c.send(flood));
+  ASSERT_TRUE(until([&] { return under_way() >= 4097; }));
+  host::of_ss::run_timers();
+  EXPECT_EQ(under_way(), 4097u);
+  for (std::size_t round = 2; round <= 20; ++round) {
+    Controller other(port);
+    ASSERT_TRUE(other.send(hello() + flood));
+    const std::size_t most = std::min<std::size_t>(4096 * round + 1, 65536);
+    ASSERT_TRUE(until([&] { return under_way() >= most; })) << round;
+  }
+  host::of_ss::run_timers();
+  EXPECT_EQ(under_way(), 65536u);
+  daemon.answer_barriers();
+  ASSERT_FALSE(c.await(21, 5000).empty());
+  std::uint32_t xid = 0;
+  for (const Message &reply : c.of_type(21)) EXPECT_EQ(get(reply, 4, 4), ++xid);
+}
+
 // ---- changes
 
 TEST_F(FlowsTest, AChangedFlowGetsANewIndexFirstAndTheOldOneGoesWhenTheNewOneIsIn) {
@@ -633,7 +658,6 @@ TEST_F(FlowsTest, StatisticsAreAnsweredAlsoWhenTheDaemonGivesNone) {
   c.forget();
   c.send(dump_request(5));
   ASSERT_TRUE(until([this] { return daemon.of_type(southbound::kStatRequest).size() == 1; }));
-  warp(150ms);
   EXPECT_FALSE(c.await(19).empty());
 }
 
@@ -732,6 +756,7 @@ TEST_F(FlowsTest, MetersAreRefusedExactly) {
 
 TEST_F(FlowsTest, AMeterThatFailsLaterIsAnsweredWithItsRequest) {
   apply(meter_mod(80, 0, 5) + meter_mod(81, 0, 6));
+  daemon.forget();
   PlayedDaemon::fail_meter(5, 0);
   PlayedDaemon::fail_meter(6, 1);
   PlayedDaemon::fail_meter(6, 1);
@@ -742,6 +767,56 @@ TEST_F(FlowsTest, AMeterThatFailsLaterIsAnsweredWithItsRequest) {
   EXPECT_TRUE(c.settle());
   EXPECT_EQ(c.of_type(1).size(), 2u);
   EXPECT_EQ(c.ask(message(18, 2, hex("0009 0000 00000000 ffffffff 00000000"))).size(), 16u);
+  // Of the first nothing was stored. The record of the other one, which says that it failed, is deleted.
+  ASSERT_EQ(daemon.of_type(southbound::kMeterMod).size(), 1u);
+  EXPECT_EQ(to_hex(daemon.of_type(southbound::kMeterMod)[0]).substr(16, 16), "0200010006000000");
+}
+
+TEST_F(FlowsTest, AFailedChangeOfAMeterLeavesItAsItWas) {
+  const auto config = [this] { return to_hex(c.ask(message(18, 2, hex("000a 0000 00000000 00000005 00000000")))).substr(32); };
+  apply(meter_mod(80, 0, 5));
+  const Message first = daemon.of_type(southbound::kMeterMod)[0];
+  const std::string before = config();
+  for (const std::uint32_t result : {0u, 1u}) {
+    apply(meter_mod(81, 1, 5, "0001 0010 00000001 00000000 00000000"));
+    EXPECT_NE(config(), before);
+    c.forget();
+    daemon.forget();
+    PlayedDaemon::fail_meter(5, result);
+    EXPECT_EQ(error_of(c.await(1)), result ? "12/0" : "12/10");
+    EXPECT_TRUE(c.settle());
+    EXPECT_EQ(config(), before);
+    // The database has refused the change, or holds it as failed.
+    EXPECT_EQ(daemon.of_type(southbound::kMeterMod), std::vector<Message>(result ? 1 : 0, first));
+  }
+  // What fails long after the change is the meter itself.
+  apply(meter_mod(82, 1, 5, "0001 0010 00000001 00000000 00000000"));
+  warp(11s);
+  PlayedDaemon::fail_meter(5, 1);
+  EXPECT_TRUE(until([this] { return to_hex(daemon.of_type(southbound::kMeterMod).back()).substr(16, 4) == "0200"; }));
+}
+
+TEST_F(FlowsTest, AMeterThatFailsTakesItsFlowsAlong) {
+  const auto metered = [](std::uint32_t destination, std::uint32_t xid) {
+    FlowMod f = ipv4_flow(destination, xid);
+    f.flags = 1, f.instructions = hex("00060008 00000005") + f.instructions;
+    return f;
+  };
+  apply(meter_mod(80, 0, 5) + flow_mod(metered(1, 81)) + flow_mod(ipv4_flow(2)) + flow_mod(ipv4_flow(3)));
+  hand_over(flow_mod(metered(3, 82)) + flow_mod(metered(4, 83)) + barrier(84), 5);
+  daemon.forget();
+  c.forget();
+  PlayedDaemon::fail_meter(5, 1);
+  daemon.answer_barriers();
+  c.await(21);
+  std::vector<std::pair<std::string, std::uint64_t>> told;
+  for (const Message &m : c.of_type(1)) told.emplace_back(error_of(m), get(m, 4, 4));
+  EXPECT_EQ(told, (std::vector<std::pair<std::string, std::uint64_t>>{{"12/3", 82}, {"12/3", 83}, {"12/0", 80}}));
+  EXPECT_EQ(c.of_type(11).size(), 1u) << "the flow that was installed is reported as removed";
+  std::set<std::uint64_t> gone;
+  for (const Message &m : daemon.flows(false)) gone.insert(index_of(m));
+  EXPECT_EQ(gone, (std::set<std::uint64_t>{1, 4, 5}));
+  EXPECT_EQ(dump().size(), 2u) << "the third flow is what it was before its change";
 }
 
 }  // namespace

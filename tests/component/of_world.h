@@ -182,15 +182,15 @@ class Controller {
  public:
   Controller() = default;
   explicit Controller(std::uint16_t port) { connect(port); }
-  ~Controller() { close(); }
+  virtual ~Controller() { close(); }
   Controller(const Controller &) = delete;
   Controller &operator=(const Controller &) = delete;
 
-  void connect(std::uint16_t port) {
+  void connect(std::uint16_t port, in_addr_t to = htonl(INADDR_LOOPBACK)) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_addr.s_addr = to;
     adopt(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const int on = 1;
     setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
@@ -214,7 +214,7 @@ class Controller {
   bool send_rest(const Message &bytes, std::size_t &sent, std::chrono::milliseconds limit) {
     return host::run_until(
                [&] {
-                 const ssize_t n = ::send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_DONTWAIT | MSG_NOSIGNAL);
+                 const ssize_t n = put_some(std::span(bytes).subspan(sent));
                  if (n > 0) sent += static_cast<std::size_t>(n);
                  return sent == bytes.size() || (n < 0 && errno != EAGAIN);
                },
@@ -224,7 +224,7 @@ class Controller {
   // Takes what has arrived.
   void read() {
     std::byte chunk[65536];
-    for (ssize_t n; fd_ >= 0 && (n = ::recv(fd_, chunk, sizeof chunk, MSG_DONTWAIT)) >= 0;) {
+    for (ssize_t n; fd_ >= 0 && (n = get_some(chunk)) >= 0;) {
       if (n == 0) {
         ended_ = true;
         return;
@@ -284,6 +284,14 @@ class Controller {
            !ended_;
   }
 
+ protected:
+  // As send and recv without waiting.
+  virtual ssize_t put_some(std::span<const std::byte> bytes) {
+    return ::send(fd_, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+  }
+  virtual ssize_t get_some(std::span<std::byte> into) { return ::recv(fd_, into.data(), into.size(), MSG_DONTWAIT); }
+  int fd_ = -1;
+
  private:
   void cut() {
     std::size_t at = 0;
@@ -295,7 +303,6 @@ class Controller {
     }
     input_.erase(input_.begin(), input_.begin() + static_cast<std::ptrdiff_t>(at));
   }
-  int fd_ = -1;
   bool ended_ = false;
   std::uint32_t settled_ = 0xb0000000;
   Message input_;

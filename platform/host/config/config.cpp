@@ -149,8 +149,7 @@ const Config &config() {
   return current();
 }
 
-std::string config_load() {
-  if (g_loaded) return "";
+std::string config_reread(Config &fresh) {
   Draft draft = defaults();
   if (std::string error = apply_file(draft); !error.empty()) return error;
   if (std::string error = apply_environment(draft); !error.empty()) return error;
@@ -158,9 +157,15 @@ std::string config_load() {
     if (std::string error = apply_text("set by the program", *row, text, draft); !error.empty()) return error;
   }
   settle(draft);
-  current() = std::move(draft.config);
-  g_loaded = true;
+  fresh = std::move(draft.config);
   return "";
+}
+
+std::string config_load() {
+  if (g_loaded) return "";
+  std::string error = config_reread(current());
+  g_loaded = error.empty();
+  return error;
 }
 
 void config_unload() {

@@ -54,6 +54,7 @@ struct Config {
     std::uint32_t echo_interval_s;
     std::uint32_t decide_timeout_ms;
     std::uint32_t queue_bound;
+    std::uint32_t report_cells;
     std::string tls_cert;
     std::string tls_key;
     std::string tls_ca;
@@ -94,6 +95,9 @@ const Config &config();
 // Reads file and environment unless that was done already. "" or one line that names file or variable, key, what was given and
 // what is allowed.
 std::string config_load();
+
+// Reads everything anew into `fresh`; the configuration in force stays as it is. "" or the line as of config_load. Loop's thread.
+std::string config_reread(Config &fresh);
 
 // Forgets what was loaded, so that the next load reads again. What config_set gave stays.
 void config_unload();

@@ -20,8 +20,8 @@ namespace {
 namespace sb = southbound;
 
 constexpr timeval kTick{0, 100'000}, kSecond{1, 0};
-constexpr std::int64_t kCounterWaitNs = 100'000'000;  // two ticks of the daemon
-constexpr std::int64_t kRefusalLogNs = 1'000'000'000;
+constexpr timeval kCounterWait{0, 100'000};        // two ticks of the daemon
+constexpr std::uint32_t kReportPeriodSeconds = 5;  // the daemon's own; it does not take another
 constexpr std::size_t kRefusalsKept = 200;
 constexpr auto kRunLimit = std::chrono::seconds(3);
 enum PortReason : std::uint8_t { kPortAdded = 0, kPortDeleted = 1, kPortModified = 2 };
@@ -45,6 +45,7 @@ Agent::Agent(const Callbacks &callbacks, Inbox &inbox, Settings settings, LookUp
   tick_event_ = make_event<&Agent::tick>(-1, 0);
   second_event_ = make_event<&Agent::second>(-1, EV_PERSIST);
   reap_event_ = make_event<&Agent::reap>(-1, 0);
+  refresh_event_ = make_event<&Agent::counters_are_late>(-1, 0);
   look_at_clock();
   update_ports();
 }
@@ -56,7 +57,7 @@ Agent::~Agent() {
 }
 
 template <void (Agent::*Handler)()>
-Agent::EventOwner Agent::make_event(int fd, short what) {
+EventOwner Agent::make_event(int fd, short what) {
   const auto call = [](evutil_socket_t, short, void *self) { (static_cast<Agent *>(self)->*Handler)(); };
   return EventOwner(event_new(base_.get(), fd, what, call, this));
 }
@@ -71,7 +72,7 @@ void Agent::restore(const StoredState &stored) {
 }
 
 void Agent::start() {
-  open_endpoints();
+  for (const Endpoint &endpoint : settings_.endpoints) open(endpoint);
   event_add(inbox_event_.get(), nullptr);
   event_add(second_event_.get(), &kSecond);
   // Signals are for the loop's thread.
@@ -82,24 +83,11 @@ void Agent::start() {
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-void Agent::open_endpoints() {
-  const Accept take = [this](BuffereventOwner bev, Peer peer, Dialer *dialer) {
-    accept(std::move(bev), std::move(peer), dialer);
-  };
-  for (const Endpoint &endpoint : settings_.endpoints) {
-    if (!endpoint.listens) {
-      dialers_.push_back(std::make_unique<Dialer>(base_.get(), endpoint, settings_.tls.get(), take));
-      continue;
-    }
-    listeners_.push_back(std::make_unique<Listener>(base_.get(), endpoint, settings_.tls.get(), take));
-    listeners_.back()->open();
-    ports_bound_.push_back(listeners_.back()->port());
-  }
-}
-
 void Agent::main() {
   pthread_setname_np(pthread_self(), "openflow");
   flows_.handover().connected();
+  flows_.handover().configure_reports(settings_.report_cells, kReportPeriodSeconds);
+  if (settings_.controllers.empty()) forget_everything();
   for (const auto &dialer : dialers_) dialer->dial();
   event_base_dispatch(base_.get());
 }
@@ -134,6 +122,62 @@ void Agent::look_at_clock() {
   clock_is_fresh_ = true;
 }
 
+// ---- endpoints
+
+void Agent::open(const Endpoint &endpoint) {
+  const Accept take = [this](BuffereventOwner bev, Peer peer, Dialer *dialer) {
+    accept(std::move(bev), std::move(peer), dialer);
+  };
+  if (!endpoint.listens) {
+    dialers_.push_back(std::make_unique<Dialer>(base_.get(), endpoint, settings_.tls.get(), take));
+    return;
+  }
+  listeners_.push_back(std::make_unique<Listener>(base_.get(), endpoint, settings_.tls.get(), take));
+  listeners_.back()->open();
+}
+
+bool Agent::is_open(const std::string &endpoint) const {
+  const auto has_it = [&endpoint](const auto &all) {
+    return std::ranges::any_of(all, [&endpoint](const auto &one) { return one->target() == endpoint; });
+  };
+  return has_it(listeners_) || has_it(dialers_);
+}
+
+void Agent::reconfigure(Settings fresh) {
+  inbox_.post([this, shared = std::make_shared<Settings>(std::move(fresh))] {
+    // Connections that are there keep the certificates that they have begun with, and those who come without new ones the old.
+    if (shared->tls) std::swap(settings_.tls, shared->tls);
+    for (const auto &listener : listeners_) listener->use_tls(settings_.tls.get());
+    for (const auto &dialer : dialers_) dialer->use_tls(settings_.tls.get());
+    close_endpoints_but(shared->controllers);
+    for (const Endpoint &endpoint : shared->endpoints) {
+      if (is_open(endpoint.text)) continue;
+      open(endpoint);
+      if (!endpoint.listens) dialers_.back()->dial();
+    }
+    settings_.controllers.swap(shared->controllers);
+    if (settings_.controllers.empty() && !shared->controllers.empty()) forget_everything();
+  });
+}
+
+void Agent::close_endpoints_but(const std::vector<std::string> &wanted) {
+  const auto unwanted = [&wanted](const std::string &endpoint) { return std::ranges::find(wanted, endpoint) == wanted.end(); };
+  for (const auto &connection : connections_) {
+    if (!connection || connection->is_gone() || !unwanted(connection->peer().endpoint)) continue;
+    dialer_of_[connection->number()] = nullptr;
+    connection->abort("its endpoint is no longer configured");
+  }
+  std::erase_if(listeners_, [&unwanted](const auto &listener) { return unwanted(listener->target()); });
+  std::erase_if(dialers_, [&unwanted](const auto &dialer) { return unwanted(dialer->target()); });
+}
+
+// No controller is configured any more, so nobody asks for what is there.
+void Agent::forget_everything() {
+  log::info("no controller is configured: {} flows and {} meters are given up", flows_.table().size(), meters_.all().size());
+  meters_.forget();
+  flows_.remove_everything();
+}
+
 // ---- connections
 
 void Agent::accept(BuffereventOwner bev, Peer peer, Dialer *dialer) {
@@ -141,7 +185,7 @@ void Agent::accept(BuffereventOwner bev, Peer peer, Dialer *dialer) {
   if (number == kMaxConnections) {
     ++turned_away_;
     log::warn("a controller was turned away, there are {} connections already", kMaxConnections);
-    if (dialer) dialer->ended(false);
+    if (dialer) dialer->ended(false, "there are too many connections");
     return;
   }
   const std::uint64_t generation = ++generations_ << 8 | number;
@@ -176,21 +220,52 @@ Connection *Agent::find(std::uint64_t generation) const {
 
 void Agent::up(Connection &connection) {
   connection.session().up = true;
+  connection.session().interface = local_interface(connection.fd());
   log::info("controller {} is connected", connection.peer().name);
-  if (up_++ == 0) flows_.handover().open();
-  announce(connection.peer(), 1);
+  arrived(connection);
   update_packets();
 }
 
 void Agent::gone(Connection &connection) {
   event_active(reap_event_.get(), 0, 0);
-  if (Dialer *dialer = dialer_of_[connection.number()]) dialer->ended(connection.session().up);
-  dialer_of_[connection.number()] = nullptr;
-  if (!connection.session().up) return;
+  const bool was_up = connection.session().up;
+  if (Dialer *dialer = std::exchange(dialer_of_[connection.number()], nullptr))
+    dialer->ended(was_up, connection.why_closed());
+  else if (!was_up)
+    tell_failed_connection(connection);
+  if (!was_up) return;
   log::info("controller {} has gone: {}", connection.peer().name, connection.why_closed());
   update_packets();
-  announce(connection.peer(), -1);
-  if (--up_ == 0) flows_.handover().close();
+  left(connection);
+}
+
+void Agent::tell_failed_connection(const Connection &connection) {
+  const std::int64_t now = clock::now().count();
+  if (failed_line_.due(now))
+    log::warn("{} came by {} and is no controller: {} ({} such since the last such line)", connection.peer().name,
+              connection.peer().endpoint, connection.why_closed(), failed_line_.tell(now));
+}
+
+// The daemon knows addresses and interfaces, each once however many connections have it.
+void Agent::arrived(const Connection &connection) {
+  const std::uint32_t address = connection.peer().address;
+  const bool new_interface = interfaces_.add(connection.session().interface);
+  if (up_++ == 0)
+    flows_.handover().open(interfaces_.numbers());
+  else if (new_interface)
+    flows_.handover().manage(interfaces_.numbers());
+  if (address && addresses_.add(address)) flows_.handover().controller(true, address);
+}
+
+void Agent::left(const Connection &connection) {
+  const std::uint32_t address = connection.peer().address;
+  if (address && addresses_.remove(address)) flows_.handover().controller(false, address);
+  const std::vector<std::uint32_t> before = interfaces_.numbers();
+  const bool less = interfaces_.remove(connection.session().interface);
+  if (--up_ == 0)
+    flows_.handover().close(before);
+  else if (less)
+    flows_.handover().manage(interfaces_.numbers());
 }
 
 void Agent::reap() {
@@ -198,23 +273,21 @@ void Agent::reap() {
     if (connection && connection->is_gone()) connection.reset();
 }
 
-// The daemon knows addresses, each once however many connections it has.
-void Agent::announce(const Peer &peer, int by) {
-  if (peer.address == 0) return;
-  int &count = addresses_[peer.address];
-  const int before = count;
-  count += by;
-  if (before == 0 || count == 0) flows_.handover().controller(before == 0, peer.address);
-  if (count == 0) addresses_.erase(peer.address);
-}
-
 // Packets may flow to the controller while there is one that takes them.
 void Agent::update_packets() {
   bool wanted = false;
   for (const auto &connection : connections_)
     wanted |= connection && connection->is_up() && connection->session().role != Role::slave;
+  wanted = packets_forced_.value_or(wanted);
   if (wanted != packets_) flows_.handover().packets(wanted);
   packets_ = wanted;
+}
+
+void Agent::force_packets(std::optional<bool> flow) {
+  inbox_.post([this, flow] {
+    packets_forced_ = flow;
+    update_packets();
+  });
 }
 
 void Agent::set_role(Connection &connection, Role role) {
@@ -232,12 +305,6 @@ std::vector<const Connection *> Agent::connections() const {
   return all;
 }
 
-std::vector<std::string> Agent::targets() const {
-  std::vector<std::string> texts;
-  for (const Endpoint &endpoint : settings_.endpoints) texts.push_back(endpoint.text);
-  return texts;
-}
-
 // ---- from the controllers
 
 void Agent::message(Connection &connection, Bytes message) {
@@ -247,7 +314,8 @@ void Agent::message(Connection &connection, Bytes message) {
 
 bool Agent::may_take(const Connection &connection) {
   const Session &session = connection.session();
-  return !session.dump && !session.waits_for_counters && flows_.room() && !connection.is_clogged();
+  return !session.dump && !session.waits_for_counters && session.barriers < settings_.connections.queue_bound && flows_.room() &&
+         !connection.is_clogged();
 }
 
 void Agent::batch_done(Connection &) {
@@ -275,16 +343,12 @@ void Agent::drained(Connection &connection) {
 void Agent::refuse(Connection &connection, const Verdict &verdict, Bytes request) {
   connection.send_error(*verdict.error, request);
   ++refused_;
-  ++refusals_unlogged_;
   const char *name = message_name(be8(request, kOfType));
   refusals_.push_back({now_ns_, connection.peer().name, be32(request, kOfXid), name, verdict});
   if (refusals_.size() > kRefusalsKept) refusals_.pop_front();
-  // One line a second tells the latest; the others are in the list.
-  if (now_ns_ - refusal_logged_ns_ < kRefusalLogNs) return;
-  log::warn("{} of {} refused with {}: {}: {} ({} refused since the last such line)", name, connection.peer().name,
-            verdict.error->name, verdict.what, verdict.why, refusals_unlogged_);
-  refusal_logged_ns_ = now_ns_;
-  refusals_unlogged_ = 0;
+  if (refusal_line_.due(now_ns_))
+    log::warn("{} of {} refused with {}: {}: {} ({} refused since the last such line)", name, connection.peer().name,
+              verdict.error->name, verdict.what, verdict.why, refusal_line_.tell(now_ns_));
 }
 
 // ---- to the controllers
@@ -295,7 +359,10 @@ void Agent::flow_failed(const Origin &origin, const Error &error, Bytes request)
 
 void Agent::barrier_answered(const Origin &origin) {
   if (origin.generation == 0 && origin.xid == refresh_xid_) return counters_are_there();
-  if (Connection *connection = find(origin.generation)) Reply(scratch_, kBarrierReplyMsg, origin.xid).send(*connection);
+  Connection *connection = find(origin.generation);
+  if (!connection) return;
+  --connection->session().barriers;
+  Reply(scratch_, kBarrierReplyMsg, origin.xid).send(*connection);
 }
 
 // Those that want the asynchronous message, by their mask for their role.
@@ -396,7 +463,7 @@ void Agent::take_reply(Bytes message) {
 }
 
 void Agent::take_meter_result(Bytes message) {
-  if (const auto failure = meters_.result(message)) flow_failed(failure->origin, *failure->error, failure->request);
+  if (const auto failure = meters_.result(message, now_ns_)) flow_failed(failure->origin, *failure->error, failure->request);
 }
 
 void Agent::take_counters(Bytes message) {
@@ -434,12 +501,19 @@ void Agent::refresh_counters(Connection &connection) {
   connection.session().waits_for_counters = true;
   if (refresh_xid_) return;
   flows_.handover().ask_counters(sb::kAllFlows);
-  refresh_until_ns_ = now_ns_ + kCounterWaitNs;
+  event_add(refresh_event_.get(), &kCounterWait);
   refresh_xid_ = flows_.fence(now_ns_);
+}
+
+void Agent::counters_are_late() {
+  new_turn();
+  if (refresh_xid_) counters_are_there();
+  turn_done();
 }
 
 void Agent::counters_are_there() {
   refresh_xid_ = 0;
+  event_del(refresh_event_.get());
   for (const auto &connection : connections_) {
     if (!connection || !std::exchange(connection->session().waits_for_counters, false)) continue;
     continue_dump(*this, *connection);
@@ -450,17 +524,21 @@ void Agent::counters_are_there() {
 // ---- time
 
 bool Agent::any_needs_ticks() const {
-  return flows_.needs_deadlines() || refresh_xid_ != 0;
+  return flows_.needs_deadlines();
 }
 
-// Deadlines count only while the loop of the daemon turns: what it has not come to is not its failure.
+// Deadlines count only while the loop of the daemon turns: what it has not come to is not its failure. A loop that stands is
+// asked once.
 void Agent::ask_daemon_to_turn() {
+  if (std::exchange(asked_to_turn_, true)) return;
   post([turned = daemon_turned_] { turned->store(true); });
 }
 
 void Agent::tick() {
   new_turn();
-  check_deadlines(daemon_turned_->exchange(false));
+  const bool turned = daemon_turned_->exchange(false);
+  if (turned) asked_to_turn_ = false;
+  check_deadlines(turned);
   ticking_ = any_needs_ticks();
   if (!ticking_) return;
   ask_daemon_to_turn();
@@ -468,7 +546,6 @@ void Agent::tick() {
 }
 
 void Agent::check_deadlines(bool daemon_turns) {
-  if (refresh_xid_ && now_ns_ >= refresh_until_ns_) counters_are_there();
   flows_.check_deadlines(now_ns_, daemon_turns);
   resume_waiting();
 }

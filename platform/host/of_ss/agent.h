@@ -9,8 +9,10 @@
 #include <deque>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "host/ddm/ports.h"
@@ -27,6 +29,45 @@
 namespace host::of_ss {
 
 inline constexpr std::size_t kMaxConnections = 255;
+
+// Numbers, each with how many have it.
+class Census {
+ public:
+  // Whether it is the first with this number, whether it was the last.
+  bool add(std::uint32_t number) { return ++counts_[number] == 1; }
+  bool remove(std::uint32_t number) {
+    const auto at = counts_.find(number);
+    if (--at->second > 0) return false;
+    counts_.erase(at);
+    return true;
+  }
+  std::vector<std::uint32_t> numbers() const {
+    std::vector<std::uint32_t> all;
+    for (const auto &[number, count] : counts_) all.push_back(number);
+    return all;
+  }
+
+ private:
+  std::map<std::uint32_t, std::size_t> counts_;
+};
+
+// A log line that could come often: one a second tells the latest, the others are counted.
+class SparingLine {
+ public:
+  bool due(std::int64_t now_ns) {
+    ++untold_;
+    return told_ns_ == 0 || now_ns - told_ns_ >= 1'000'000'000;
+  }
+  // How many there were since the line before, this one included.
+  std::uint64_t tell(std::int64_t now_ns) {
+    told_ns_ = now_ns;
+    return std::exchange(untold_, 0);
+  }
+
+ private:
+  std::int64_t told_ns_ = 0;
+  std::uint64_t untold_ = 0;
+};
 
 // What is kept of a refused request, for the operator.
 struct RefusalRecord {
@@ -54,8 +95,11 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   void restore(const StoredState &stored);
   // Opens the endpoints and starts the thread.
   void start();
-  // The port that the n-th listening endpoint is bound to, 0 when it is not.
-  std::uint16_t port(std::size_t n) const { return n < ports_bound_.size() ? ports_bound_[n] : 0; }
+  // The configuration has changed: takes over its endpoints and certificates, leaves the rest as it was. Endpoints that are no
+  // longer configured end with their connections; with the last of them everything that controllers asked for goes.
+  void reconfigure(Settings fresh);
+  // Whether packets to the controllers may flow, whatever roles they have; nothing: by their roles again.
+  void force_packets(std::optional<bool> flow);
 
   // ---- any thread
 
@@ -67,6 +111,9 @@ class Agent final : private FlowEvents, private ConnectionEvents {
 
   // ---- for tests, on the openflow thread: the periodic work, with the daemon's loop taken as turning
   void run_timers();
+
+  // The port that the n-th listening endpoint is bound to, 0 when it is not.
+  std::uint16_t port(std::size_t n) const { return n < listeners_.size() ? listeners_[n]->port() : 0; }
 
   // ---- for the protocol
 
@@ -98,7 +145,7 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   const std::deque<RefusalRecord> &refusals() const { return refusals_; }
   std::uint64_t refused() const { return refused_; }
   std::uint64_t turned_away() const { return turned_away_; }
-  std::vector<std::string> targets() const;
+  const std::vector<std::string> &targets() const { return settings_.controllers; }
 
  private:
   // FlowEvents
@@ -114,7 +161,10 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   void drained(Connection &connection) override;
   void gone(Connection &connection) override;
 
-  void open_endpoints();
+  void open(const Endpoint &endpoint);
+  bool is_open(const std::string &endpoint) const;
+  void close_endpoints_but(const std::vector<std::string> &wanted);
+  void forget_everything();
   void main();
   void look_at_clock();
   void new_turn();
@@ -141,15 +191,18 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   std::size_t free_number();
   void reap();
   Connection *find(std::uint64_t generation) const;
-  void announce(const Peer &peer, int by);
+  void arrived(const Connection &connection);
+  void left(const Connection &connection);
+  void tell_failed_connection(const Connection &connection);
   void update_packets();
   void update_ports();
   void send_port_status(const ddm::Port &port, std::uint8_t reason);
   template <typename Send>
   void for_each_listener(Async kind, std::uint8_t reason, Send &&send);
   void counters_are_there();
+  void counters_are_late();
 
-  const Settings settings_;
+  Settings settings_;
   const LookUp look_up_;
   Inbox &inbox_;
   Flows flows_;
@@ -160,25 +213,21 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   struct FreeBase {
     void operator()(event_base *base) const { event_base_free(base); }
   };
-  struct FreeEvent {
-    void operator()(event *e) const { event_free(e); }
-  };
-  using EventOwner = std::unique_ptr<event, FreeEvent>;
   template <void (Agent::*Handler)()>
   EventOwner make_event(int fd, short what);
 
   std::unique_ptr<event_base, FreeBase> base_;
-  EventOwner inbox_event_, tick_event_, second_event_, reap_event_;
+  EventOwner inbox_event_, tick_event_, second_event_, reap_event_, refresh_event_;
   bool ticking_ = false;
   std::vector<std::unique_ptr<Listener>> listeners_;
   std::vector<std::unique_ptr<Dialer>> dialers_;
-  std::vector<std::uint16_t> ports_bound_;
   std::array<std::unique_ptr<Connection>, kMaxConnections> connections_;
   std::array<Dialer *, kMaxConnections> dialer_of_{};
   std::uint64_t generations_ = 0;
   std::size_t up_ = 0;
-  std::map<std::uint32_t, int> addresses_;  // of controllers, with the number of their connections
-  bool packets_ = false;                    // the daemon has been told that packets to the controller may flow
+  Census addresses_, interfaces_;  // of the controllers' connections
+  bool packets_ = false;           // the daemon has been told that packets to the controller may flow
+  std::optional<bool> packets_forced_;
   Generation master_generation_;
 
   std::int64_t now_ns_ = 0;
@@ -187,14 +236,13 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   FlowMod flow_mod_;
   std::deque<RefusalRecord> refusals_;
   std::uint64_t refused_ = 0, turned_away_ = 0;
-  std::int64_t refusal_logged_ns_ = 0;
-  std::uint64_t refusals_unlogged_ = 0;
+  SparingLine refusal_line_, failed_line_;
 
-  // A refresh of the counters under way: the own barrier behind it, and when it is given up.
+  // The own barrier behind a refresh of the counters under way; 0 when there is none.
   std::uint32_t refresh_xid_ = 0;
-  std::int64_t refresh_until_ns_ = 0;
 
   std::shared_ptr<std::atomic<bool>> daemon_turned_;
+  bool asked_to_turn_ = false;  // the daemon's loop has not answered yet
   std::thread thread_;
 };
 

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 
+#include "host/of_ss/endpoints.h"
 #include "host/of_ss/session.h"
 #include "host/runtime/clock.h"
 
@@ -260,9 +261,7 @@ void Connection::answer_waiting_echoes() {
 
 void Connection::event(short what) {
   if (what & BEV_EVENT_CONNECTED) return;
-  if (what & BEV_EVENT_ERROR)
-    return abort(std::string("connection failed: ") + evutil_socket_error_to_string(EVUTIL_SOCKET_ERROR()));
-  abort("closed by the peer");
+  abort(what & BEV_EVENT_ERROR ? failure_text(bev_.get()) : "closed by the peer");
 }
 
 void Connection::close(const std::string &why) {

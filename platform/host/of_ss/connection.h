@@ -45,6 +45,7 @@ using BuffereventOwner = std::unique_ptr<bufferevent, FreeBufferevent>;
 struct Peer {
   std::string name;           // "tcp:127.0.0.1:40132"
   std::uint32_t address = 0;  // IPv4 as it lies in memory, first octet first; 0 for another kind
+  std::string endpoint;       // of the configuration, that it came by: "ptcp:0.0.0.0:6653"
 };
 
 struct ConnectionLimits {
@@ -97,6 +98,7 @@ class Connection {
   // Whether so much is unread by the peer that it should not be served more.
   bool is_clogged() const;
   std::size_t unsent() const;
+  evutil_socket_t fd() const { return bufferevent_getfd(bev_.get()); }
   Session &session() { return *session_; }
   const Session &session() const { return *session_; }
 

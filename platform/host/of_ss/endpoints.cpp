@@ -4,6 +4,8 @@
 #include <errno.h>
 #include <event2/bufferevent_ssl.h>
 #include <fmt/format.h>
+#include <ifaddrs.h>
+#include <net/if.h>
 #include <netdb.h>
 #include <netinet/tcp.h>
 #include <openssl/err.h>
@@ -49,10 +51,18 @@ std::string address_text(const sockaddr *address) {
   return address->sa_family == AF_INET6 ? fmt::format("[{}]:{}", host, port) : fmt::format("{}:{}", host, port);
 }
 
-Peer peer_of(const sockaddr *address, bool tls) {
+Peer peer_of(const sockaddr *address, const Endpoint &endpoint) {
   const bool v4 = address->sa_family == AF_INET;
-  return {(tls ? "ssl:" : "tcp:") + address_text(address),
-          v4 ? reinterpret_cast<const sockaddr_in *>(address)->sin_addr.s_addr : 0};
+  return {(endpoint.tls ? "ssl:" : "tcp:") + address_text(address),
+          v4 ? reinterpret_cast<const sockaddr_in *>(address)->sin_addr.s_addr : 0, endpoint.text};
+}
+
+bool same_host(const sockaddr &a, const sockaddr &b) {
+  if (a.sa_family != b.sa_family) return false;
+  if (a.sa_family == AF_INET)
+    return reinterpret_cast<const sockaddr_in &>(a).sin_addr.s_addr == reinterpret_cast<const sockaddr_in &>(b).sin_addr.s_addr;
+  const auto &host_of = [](const sockaddr &s) -> const in6_addr & { return reinterpret_cast<const sockaddr_in6 &>(s).sin6_addr; };
+  return a.sa_family == AF_INET6 && std::memcmp(&host_of(a), &host_of(b), sizeof(in6_addr)) == 0;
 }
 
 // Replies are small and awaited.
@@ -118,10 +128,38 @@ TlsContext load_tls(const std::string &cert, const std::string &key, const std::
   return nullptr;
 }
 
+std::string failure_text(bufferevent *bev) {
+  const int system = EVUTIL_SOCKET_ERROR();
+  const unsigned long tls = bufferevent_get_openssl_error(bev);
+  if (tls == 0) return system ? evutil_socket_error_to_string(system) : "closed by the peer";
+  const char *reason = ERR_reason_error_string(tls);
+  std::string text = fmt::format("TLS: {}", reason ? reason : "unknown error");
+  if (SSL *ssl = bufferevent_openssl_get_ssl(bev); ssl && SSL_get_verify_result(ssl) != X509_V_OK)
+    text += fmt::format(": {}", X509_verify_cert_error_string(SSL_get_verify_result(ssl)));
+  return text;
+}
+
+std::uint32_t local_interface(evutil_socket_t fd) {
+  sockaddr_storage own{};
+  socklen_t length = sizeof own;
+  ifaddrs *all = nullptr;
+  if (getsockname(fd, reinterpret_cast<sockaddr *>(&own), &length) != 0 || getifaddrs(&all) != 0) return 0;
+  const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> owner(all, freeifaddrs);
+  for (const ifaddrs *at = all; at; at = at->ifa_next)
+    if (at->ifa_addr && same_host(*at->ifa_addr, reinterpret_cast<const sockaddr &>(own))) return if_nametoindex(at->ifa_name);
+  return 0;
+}
+
 // ---- listening
 
 Listener::Listener(event_base *base, const Endpoint &endpoint, SSL_CTX *tls, Accept accept)
-    : base_(base), endpoint_(endpoint), tls_(endpoint.tls ? tls : nullptr), accept_(std::move(accept)) {}
+    : base_(base),
+      endpoint_(endpoint),
+      tls_(endpoint.tls ? tls : nullptr),
+      accept_(std::move(accept)),
+      pause_(evtimer_new(
+          base, [](evutil_socket_t, short, void *self) { evconnlistener_enable(static_cast<Listener *>(self)->listener_.get()); },
+          this)) {}
 
 void Listener::open() {
   if (listener_) return;
@@ -155,7 +193,7 @@ void Listener::accepted(evutil_socket_t fd, const sockaddr *address) {
     evutil_closesocket(fd);
     return;
   }
-  accept_(std::move(bev), peer_of(address, tls_), nullptr);
+  accept_(std::move(bev), peer_of(address, endpoint_), nullptr);
 }
 
 // Out of file descriptors or memory: the connection stays in the backlog and is tried again a little later, not at full speed.
@@ -163,9 +201,7 @@ void Listener::failed() {
   log::warn("cannot accept a connection on {}: {}", endpoint_.text, strerror(errno));
   evconnlistener_disable(listener_.get());
   const timeval pause{0, 100'000};
-  event_base_once(
-      base_, -1, EV_TIMEOUT, [](evutil_socket_t, short, void *l) { evconnlistener_enable(static_cast<evconnlistener *>(l)); },
-      listener_.get(), &pause);
+  evtimer_add(pause_.get(), &pause);
 }
 
 // ---- connecting
@@ -179,24 +215,23 @@ Dialer::Dialer(event_base *base, const Endpoint &endpoint, SSL_CTX *tls, Accept 
           base, [](evutil_socket_t, short, void *self) { static_cast<Dialer *>(self)->dial(); }, this)),
       delay_ms_(kFirstDelayMs) {}
 
-Dialer::~Dialer() {
-  event_free(timer_);
-}
-
 void Dialer::dial() {
   BuffereventOwner bev = make_bufferevent(base_, -1, tls_, BUFFEREVENT_SSL_CONNECTING);
   const auto *address = reinterpret_cast<const sockaddr *>(&endpoint_.address);
-  if (!bev || bufferevent_socket_connect(bev.get(), address, static_cast<int>(endpoint_.address_len)) != 0) return ended(false);
+  if (!bev || bufferevent_socket_connect(bev.get(), address, static_cast<int>(endpoint_.address_len)) != 0)
+    return ended(false, strerror(errno));
   send_at_once(bufferevent_getfd(bev.get()));
-  accept_(std::move(bev), peer_of(address, tls_), this);
+  accept_(std::move(bev), peer_of(address, endpoint_), this);
 }
 
-void Dialer::ended(bool was_up) {
+void Dialer::ended(bool was_up, const std::string &why) {
   if (was_up) delay_ms_ = kFirstDelayMs;
+  if (was_up) told_.clear();
+  if (!was_up && std::exchange(told_, why) != why) log::warn("no connection to {}: {}; trying again", endpoint_.text, why);
   const std::int64_t wait = with_jitter(delay_ms_);
   delay_ms_ = std::min(delay_ms_ * 2, kLongestDelayMs);
   const timeval pause{wait / 1000, wait % 1000 * 1000};
-  evtimer_add(timer_, &pause);
+  evtimer_add(timer_.get(), &pause);
 }
 
 }  // namespace host::of_ss

@@ -38,6 +38,17 @@ using TlsContext = std::unique_ptr<SSL_CTX, FreeTls>;
 // thread.
 TlsContext load_tls(const std::string &cert, const std::string &key, const std::string &ca, std::string &error);
 
+// Why the last operation of a connection failed, in words; of TLS with what was wrong with the certificate.
+std::string failure_text(bufferevent *bev);
+
+// The machine's interface that the connection runs over; 0 when that is not known.
+std::uint32_t local_interface(evutil_socket_t fd);
+
+struct FreeEvent {
+  void operator()(event *e) const { event_free(e); }
+};
+using EventOwner = std::unique_ptr<event, FreeEvent>;
+
 class Dialer;
 
 // Gets a connection that is there or being set up, and the dialer that made it; null for one that was accepted.
@@ -53,6 +64,9 @@ class Listener {
   Listener(event_base *base, const Endpoint &endpoint, SSL_CTX *tls, Accept accept);
   // Begins to listen, unless it does already; the first failure is logged. To be called again later after a failure.
   void open();
+  const std::string &target() const { return endpoint_.text; }
+  // For connections to come; without effect where there is no TLS.
+  void use_tls(SSL_CTX *tls) { tls_ = endpoint_.tls ? tls : nullptr; }
   // The port that is bound; 0 when none is.
   std::uint16_t port() const;
 
@@ -65,6 +79,7 @@ class Listener {
   SSL_CTX *tls_;
   Accept accept_;
   ListenerOwner listener_;
+  EventOwner pause_;
   bool told_ = false;
 };
 
@@ -73,22 +88,23 @@ class Listener {
 class Dialer {
  public:
   Dialer(event_base *base, const Endpoint &endpoint, SSL_CTX *tls, Accept accept);
-  ~Dialer();
   Dialer(const Dialer &) = delete;
   Dialer &operator=(const Dialer &) = delete;
 
   void dial();
-  // The connection that it made has ended; `was_up` when it had got through.
-  void ended(bool was_up);
+  // The connection that it made has ended; `was_up` when it had got through. A reason is logged when it is a new one.
+  void ended(bool was_up, const std::string &why);
   const std::string &target() const { return endpoint_.text; }
+  void use_tls(SSL_CTX *tls) { tls_ = endpoint_.tls ? tls : nullptr; }
 
  private:
   event_base *base_;
   const Endpoint endpoint_;
   SSL_CTX *tls_;
   Accept accept_;
-  event *timer_;
+  EventOwner timer_;
   std::int64_t delay_ms_;
+  std::string told_;
 };
 
 }  // namespace host::of_ss

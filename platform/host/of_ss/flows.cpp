@@ -178,20 +178,49 @@ void Flows::remove_flow(FlowEntry &flow, RemovedReason reason) {
   withdraw(flow);
 }
 
-void Flows::remove_all() {
+void Flows::clear_table() {
   std::uint32_t cursor = 0;
   while (FlowEntry *flow = table_.next(cursor)) {
     if (flow->in_force && flow->flags() & fm::kSendFlowRem) events_.flow_removed(*flow, kDeleted);
     counters_.removed += flow->in_force;
     table_.remove(*flow);
   }
+}
+
+void Flows::remove_all() {
+  clear_table();
   handover_.remove_all_flows();
   ledger_.note();
 }
 
+void Flows::remove_everything() {
+  clear_table();
+  handover_.remove_everything();
+  ledger_.note();
+}
+
+std::vector<FlowEntry *> Flows::users_of_meter(std::uint32_t meter_id) const {
+  return flows_in_force([meter_id](const FlowEntry &flow) { return flow.get<std::uint32_t>(sb::kFlowMeterId) == meter_id; });
+}
+
 void Flows::remove_users_of_meter(std::uint32_t meter_id) {
-  const auto uses = [meter_id](const FlowEntry &flow) { return flow.get<std::uint32_t>(sb::kFlowMeterId) == meter_id; };
-  for (FlowEntry *flow : flows_in_force(uses)) remove_flow(*flow, kDeleted);
+  for (FlowEntry *flow : users_of_meter(meter_id)) remove_flow(*flow, kDeleted);
+}
+
+// Where an undecided form goes, an older one that uses the meter too comes into force again: hence the rounds.
+void Flows::fail_users_of_meter(std::uint32_t meter_id) {
+  for (auto users = users_of_meter(meter_id); !users.empty(); users = users_of_meter(meter_id))
+    for (FlowEntry *flow : users) {
+      Pending *pending = ledger_.find(flow->index());
+      if (!pending) {
+        remove_flow(*flow, kDeleted);
+        continue;
+      }
+      if (!pending->answered)
+        events_.flow_failed(pending->origin, err::kUnknownMeter, Bytes(pending->request_head, pending->request_len));
+      ledger_.answer(*pending);
+      withdraw_failed(*flow, err::kUnknownMeter);
+    }
 }
 
 void Flows::replay() {
@@ -214,8 +243,8 @@ bool Flows::restore(Bytes flow_mod, std::int64_t now) {
 
 // ---- barriers
 
-void Flows::barrier(const BarrierTag &tag, const Origin &origin, std::int64_t now) {
-  if (ledger_.all_decided()) {
+void Flows::barrier(const BarrierTag &tag, const Origin &origin, bool waits, std::int64_t now) {
+  if (!waits && ledger_.all_decided()) {
     events_.barrier_answered(origin);
     return;
   }
@@ -370,10 +399,14 @@ void Flows::give_up(const Pending &pending) {
   FlowEntry *flow = table_.by_index(pending.index);
   if (!pending.answered)
     events_.flow_failed(pending.origin, err::kFlowModUnknown, Bytes(pending.request_head, pending.request_len));
-  if (!flow || flow->state != FlowState::sent) return;
-  handover_.remove(*flow);
+  if (flow && flow->state == FlowState::sent) withdraw_failed(*flow, err::kFlowModUnknown);
+}
+
+// The daemon still has it, or may have it.
+void Flows::withdraw_failed(FlowEntry &flow, const Error &error) {
+  handover_.remove(flow);
   ledger_.note();
-  fail(*flow, err::kFlowModUnknown);
+  fail(flow, error);
 }
 
 void Flows::check_timeouts(std::int64_t now) {

@@ -37,7 +37,7 @@ class FlowEvents {
 
 struct FlowLimits {
   std::uint32_t capacity = 0;
-  std::uint32_t window = 65536;                    // hand-overs that may be undecided before requests wait
+  std::uint32_t window = 65536;                    // hand-overs, and barriers, that may be undecided before requests wait
   std::int64_t decide_timeout_ns = 2'000'000'000;  // an undecided add is given up after this time
 };
 
@@ -65,12 +65,17 @@ class Flows {
 
   // Carries out a request that decode_flow_mod has accepted. `request` is the OpenFlow message.
   Verdict apply(const FlowMod &mod, const Origin &origin, Bytes request, std::int64_t now);
-  // A controller's barrier: answered at once when nothing is undecided, else through the daemon.
-  void barrier(const BarrierTag &tag, const Origin &origin, std::int64_t now);
+  // A controller's barrier: through the daemon when something is undecided or an earlier one of the same connection `waits`, else
+  // answered at once.
+  void barrier(const BarrierTag &tag, const Origin &origin, bool waits, std::int64_t now);
   // A hand-over that is none of the flows', so that barriers wait for it.
   void note_handover() { ledger_.note(); }
   // Deletes the flows that use the meter.
   void remove_users_of_meter(std::uint32_t meter_id);
+  // The same for a meter that has failed: who asked for a flow that is not decided yet is told that the meter is unknown.
+  void fail_users_of_meter(std::uint32_t meter_id);
+  // Deletes every flow and every meter on the daemon's side; the meters are the caller's.
+  void remove_everything();
 
   // Replies of the daemon.
   void flow_result(Bytes reply, std::int64_t now);
@@ -100,7 +105,7 @@ class Flows {
   bool needs_deadlines() const { return ledger_.outstanding() > 0; }
 
   // Whether another request may be carried out now.
-  bool room() const { return ledger_.outstanding() < limits_.window; }
+  bool room() const { return ledger_.outstanding() < limits_.window && ledger_.barriers() < limits_.window; }
   // How many flows there is room for; 0 while that is not known.
   std::uint32_t capacity() const { return limits_.capacity ? limits_.capacity : told_capacity_; }
   const FlowTable &table() const { return table_; }
@@ -126,6 +131,7 @@ class Flows {
   void change(FlowEntry &flow, const FlowMod &mod, const Origin &origin, Bytes request, bool same_request, std::int64_t now);
   void remove_flow(FlowEntry &flow, RemovedReason reason);
   void remove_all();
+  void clear_table();
   void withdraw(FlowEntry &flow);
   void drop_older_forms(FlowEntry &flow);
   void decided(const Pending &pending, std::int64_t now);
@@ -137,6 +143,8 @@ class Flows {
   }
   std::vector<std::uint64_t> overdue_adds(std::int64_t now);
   void give_up(const Pending &pending);
+  void withdraw_failed(FlowEntry &flow, const Error &error);
+  std::vector<FlowEntry *> users_of_meter(std::uint32_t meter_id) const;
   void give_up_barriers(std::int64_t now);
   void check_timeout(FlowEntry &flow, std::int64_t now);
 

@@ -1,6 +1,8 @@
 #include "host/of_ss/handover.h"
 
+#include <algorithm>
 #include <array>
+#include <vector>
 
 namespace host::of_ss {
 namespace {
@@ -46,12 +48,11 @@ void Handover::end_sync() {
   Message<sb::kHeaderLen>(sb::kDsEnd).to(callbacks_.ds_end);
 }
 
-// Both carry one interface number, 0: a message without any is refused by the daemon as too short.
-void Handover::open() {
-  Message<sb::kHeaderLen + 4>(sb::kOpen).to(callbacks_.open);
-}
-void Handover::close() {
-  Message<sb::kHeaderLen + 4>(sb::kClose).to(callbacks_.close);
+void Handover::list_interfaces(sb::MsgType type, of_ss_msg_cb callback, std::span<const std::uint32_t> interfaces) {
+  std::vector<std::byte> message(sb::kHeaderLen + interfaces.size_bytes());
+  sb::put_header(message.data(), type, kVersion, static_cast<std::uint16_t>(message.size()), kTableProperty);
+  std::ranges::copy(std::as_bytes(interfaces), message.begin() + sb::kHeaderLen);
+  callback(message.data());
 }
 
 void Handover::ask_counters(std::uint64_t index) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 
 #include "host/of_ss/callbacks.h"
 #include "host/of_ss/flow_table.h"
@@ -32,9 +33,13 @@ class Handover {
   void barrier(const BarrierTag &tag);
   void begin_sync();
   void end_sync();
-  // A controller has come, the last one has gone.
-  void open();
-  void close();
+  // A controller has come, the last one has gone; with the interfaces over which controllers are or were connected.
+  void open(std::span<const std::uint32_t> interfaces) { list_interfaces(southbound::kOpen, callbacks_.open, interfaces); }
+  void close(std::span<const std::uint32_t> interfaces) { list_interfaces(southbound::kClose, callbacks_.close, interfaces); }
+  // These interfaces have changed, while there is a controller.
+  void manage(std::span<const std::uint32_t> interfaces) {
+    list_interfaces(southbound::kMgmtIfx, callbacks_.mgmt_ifx, interfaces);
+  }
   // Asks for the counters of the flow with this index, or of all with southbound::kAllFlows.
   void ask_counters(std::uint64_t index);
   void configure_reports(std::uint32_t cells, std::uint32_t period_s);
@@ -44,6 +49,8 @@ class Handover {
   void connected() { callbacks_.connected(); }
 
  private:
+  static void list_interfaces(southbound::MsgType type, of_ss_msg_cb callback, std::span<const std::uint32_t> interfaces);
+
   const Callbacks &callbacks_;
 };
 

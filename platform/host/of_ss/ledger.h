@@ -88,6 +88,7 @@ class Ledger {
   // Hand-overs that no barrier has been sent behind.
   std::uint64_t uncovered() const { return handed_ - (barriers_.empty() ? decided_ : barriers_.back().number); }
   bool barrier_under_way() const { return !barriers_.empty(); }
+  std::size_t barriers() const { return barriers_.size(); }
   // How often the front has moved; who waits for progress compares.
   std::uint64_t decided() const { return decided_; }
 

@@ -1,6 +1,7 @@
 #include "host/of_ss/meters.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace host::of_ss {
 namespace {
@@ -10,9 +11,10 @@ namespace sb = southbound;
 // Offsets of the wire message; those of a band are the same in both layouts.
 constexpr std::size_t kCommand = 8, kFlags = 10, kId = 12, kBands = 16;
 constexpr std::size_t kBandType = 0, kBandLength = 2, kBandRate = 4, kBandBurst = 8, kBandPrecedence = 12;
-constexpr std::uint16_t kAdd = 0, kModify = 1, kDelete = 2;
+enum Command : std::uint16_t { kAdd = 0, kModify = 1, kDelete = 2 };
 constexpr std::uint8_t kDscpMax = 63;
 constexpr std::size_t kRequestKept = 64;
+constexpr std::int64_t kChangeLimit = 10'000'000'000;  // a failure that comes later is not the change's
 // The daemon's result codes of a meter.
 constexpr std::uint32_t kResultNoRoom = 0;
 
@@ -74,7 +76,7 @@ Verdict Meters::apply(Bytes request, const Origin &origin, std::int64_t now) {
   }
   if (const Verdict verdict = check_flags(be16(request, kFlags)); verdict.refused()) return verdict;
   if (const Verdict verdict = check_bands(request.subspan(kBands)); verdict.refused()) return verdict;
-  return command == kAdd ? add(id, request, origin, now) : modify(id, request, origin);
+  return command == kAdd ? add(id, request, origin, now) : modify(id, request, origin, now);
 }
 
 Verdict Meters::add(std::uint32_t id, Bytes request, const Origin &origin, std::int64_t now) {
@@ -86,9 +88,11 @@ Verdict Meters::add(std::uint32_t id, Bytes request, const Origin &origin, std::
   return {};
 }
 
-Verdict Meters::modify(std::uint32_t id, Bytes request, const Origin &origin) {
+Verdict Meters::modify(std::uint32_t id, Bytes request, const Origin &origin, std::int64_t now) {
   const auto meter = meters_.find(id);
   if (meter == meters_.end()) return refuse(err::kUnknownMeter, "meter", "there is no meter with this number");
+  meter->second.before = std::move(meter->second.message);
+  meter->second.changed_ns = now;
   hand_over(meter->second, request, origin);
   return {};
 }
@@ -99,8 +103,17 @@ void Meters::hand_over(Meter &meter, Bytes request, const Origin &origin) {
   meter.origin = origin;
   const Bytes kept = request.first(std::min(request.size(), kRequestKept));
   meter.request.assign(kept.begin(), kept.end());
+  tell(meter);
+}
+
+void Meters::tell(Meter &meter) {
   flows_.handover().meter(meter.message.data());
   flows_.note_handover();
+}
+
+void Meters::tell_deletion(Meter &meter) {
+  sb::put(meter.message.data(), sb::kMeterCommand, sb::kMeterDelete);
+  tell(meter);
 }
 
 // Deliberate: deleting a meter that is not there is no error.
@@ -109,26 +122,33 @@ void Meters::remove(std::uint32_t id) {
   const auto last = id == kMeterAll || first == meters_.end() ? meters_.end() : std::next(first);
   for (auto at = first; at != last; at = meters_.erase(at)) {
     flows_.remove_users_of_meter(at->first);
-    sb::put(at->second.message.data(), sb::kMeterCommand, sb::kMeterDelete);
-    flows_.handover().meter(at->second.message.data());
-    flows_.note_handover();
+    tell_deletion(at->second);
   }
 }
 
-std::optional<Meters::Failure> Meters::result(Bytes reply) {
-  const auto meter = meters_.find(sb::get<std::uint32_t>(reply.data(), sb::kMeterResultId));
-  if (meter == meters_.end()) return std::nullopt;
+// No room is what the database says instead of taking the record. After any other failure the record may be there, with the
+// failure as its status: it is written over or deleted, so that neither a restart nor the next request finds it.
+std::optional<Meters::Failure> Meters::result(Bytes reply, std::int64_t now) {
+  const auto found = meters_.find(sb::get<std::uint32_t>(reply.data(), sb::kMeterResultId));
+  if (found == meters_.end()) return std::nullopt;
+  auto &[id, meter] = *found;
   const bool no_room = sb::get<std::uint32_t>(reply.data(), sb::kMeterResultCode) == kResultNoRoom;
-  Failure failure{meter->second.origin, no_room ? &err::kOutOfMeters : &err::kMeterUnknown, std::move(meter->second.request)};
-  meters_.erase(meter);
+  Failure failure{meter.origin, no_room ? &err::kOutOfMeters : &err::kMeterUnknown, std::move(meter.request)};
+  meter.origin = {};
+  meter.request.clear();
+  if (!meter.before.empty() && now - meter.changed_ns < kChangeLimit) {
+    meter.message = std::exchange(meter.before, {});
+    if (!no_room) tell(meter);
+    return failure;
+  }
+  flows_.fail_users_of_meter(id);
+  if (!no_room) tell_deletion(meter);
+  meters_.erase(found);
   return failure;
 }
 
 void Meters::replay() {
-  for (auto &[id, meter] : meters_) {
-    flows_.handover().meter(meter.message.data());
-    flows_.note_handover();
-  }
+  for (auto &[id, meter] : meters_) tell(meter);
 }
 
 bool Meters::restore(Bytes message, std::int64_t now) {

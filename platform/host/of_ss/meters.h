@@ -21,7 +21,8 @@ enum MeterFlag : std::uint16_t { kMeterKbps = 1, kMeterPktps = 2, kMeterBurst = 
 
 struct Meter {
   std::vector<std::byte> message;  // the southbound meter-mod that adds it
-  std::int64_t created_ns = 0;
+  std::vector<std::byte> before;   // the one that was in force before the latest change; empty when there was none
+  std::int64_t created_ns = 0, changed_ns = 0;
   Origin origin;                   // of the latest request, until its failure is reported
   std::vector<std::byte> request;  // the beginning of it, for the error
 
@@ -35,26 +36,31 @@ class Meters {
 
   // Carries out a meter-mod; the deletion of a meter takes the flows that use it along.
   Verdict apply(Bytes request, const Origin &origin, std::int64_t now);
-  // A failure reply of the daemon. The request that failed and the error for it, when there is still somebody to tell.
+  // A failure reply of the daemon. The request that failed and the error for it, when there is still somebody to tell. A failed
+  // change puts the meter back to what it was; any other failure takes it away with the flows that use it.
   struct Failure {
     Origin origin;
     const Error *error;
     std::vector<std::byte> request;
   };
-  std::optional<Failure> result(Bytes reply);
+  std::optional<Failure> result(Bytes reply, std::int64_t now);
   // Hands every meter to the daemon again.
   void replay();
   // A meter of an earlier life, as it is stored.
   bool restore(Bytes message, std::int64_t now);
+  // Forgets every meter without a word to the daemon.
+  void forget() { meters_.clear(); }
 
   bool knows(std::uint32_t id) const { return meters_.contains(id); }
   const std::map<std::uint32_t, Meter> &all() const { return meters_; }
 
  private:
   Verdict add(std::uint32_t id, Bytes request, const Origin &origin, std::int64_t now);
-  Verdict modify(std::uint32_t id, Bytes request, const Origin &origin);
+  Verdict modify(std::uint32_t id, Bytes request, const Origin &origin, std::int64_t now);
   void remove(std::uint32_t id);
   void hand_over(Meter &meter, Bytes request, const Origin &origin);
+  void tell(Meter &meter);
+  void tell_deletion(Meter &meter);
 
   Flows &flows_;
   std::map<std::uint32_t, Meter> meters_;

@@ -2,8 +2,10 @@
 
 #include <array>
 #include <atomic>
+#include <cstdio>
 #include <memory>
 #include <mutex>
+#include <optional>
 
 #include "host/config/config.h"
 #include "host/fault/fault.h"
@@ -19,6 +21,7 @@
 #include "host/runtime/services.h"
 #include "host/runtime/timer.h"
 #include "southbound.h"
+#include "ssat.h"
 
 namespace host::of_ss {
 namespace {
@@ -32,6 +35,7 @@ qx_global *global_handle = nullptr;
 Callbacks registered;
 // Neither this nor the inbox is destroyed by exit(), with which the daemon may leave: the openflow thread runs until the end.
 auto &agent = *new std::unique_ptr<Agent>;
+std::optional<Config::OpenFlow> reloaded;  // the configuration, where it has been read again
 
 // Any thread. The inbox outlives the agent, so that a late sender finds something to send to.
 auto &inbox = *new Inbox;
@@ -87,7 +91,7 @@ void start_agent() {
     return;
   }
   inbox.clear();
-  agent = std::make_unique<Agent>(registered, inbox, settings_from(config()), look_up);
+  agent = std::make_unique<Agent>(registered, inbox, settings_from(reloaded ? *reloaded : config().openflow), look_up);
   agent->restore(stored);
   running = true;
   agent->start();
@@ -101,6 +105,42 @@ int put(Callback &slot, Callback cb) {
   slot = cb;
   if (registered.complete() && !agent) post(start_agent);
   return 0;
+}
+
+// ---- commands of the operator: kelimctl cmd of_ss ...
+
+int reload(const std::int64_t *, std::uint32_t) {
+  Config fresh;
+  if (const std::string error = config_reread(fresh); !error.empty()) {
+    std::printf("%s\nNothing is changed.\n", error.c_str());
+    return -4;
+  }
+  reloaded = fresh.openflow;
+  Settings settings = settings_from(*reloaded);
+  for (const std::string &controller : settings.controllers) std::printf("%s\n", controller.c_str());
+  if (settings.controllers.empty()) std::printf("No controller is configured; all flows and meters are deleted.\n");
+  if (agent) agent->reconfigure(std::move(settings));
+  return 0;
+}
+
+template <int Flow>
+int packets(const std::int64_t *, std::uint32_t) {
+  if (!agent) return -1;
+  agent->force_packets(Flow < 0 ? std::nullopt : std::optional(Flow != 0));
+  return 0;
+}
+
+struct Command {
+  const char *name;
+  ssat_handler handler;
+};
+constexpr Command kCommands[] = {
+    {"reload", reload}, {"pkt_start", packets<1>}, {"pkt_end", packets<0>}, {"pkt_by_role", packets<-1>}};
+
+// The library works without them.
+void register_commands() {
+  if (ssat_lib_init(global_handle, "of_ss") != 0) return;
+  for (const Command &command : kCommands) ssat_reg_mod_cmd("of_ss", command.name, "nil", command.handler);
 }
 
 bool is_message(const void *msg, std::uint32_t len) {
@@ -126,7 +166,9 @@ void set_fetch_tap(std::function<void()> tap) {
 }
 
 std::uint16_t listening_port(std::size_t n) {
-  return agent ? agent->port(n) : 0;
+  std::uint16_t port = 0;
+  if (agent) agent->run([n, &port](Agent &a) { port = a.port(n); });
+  return port;
 }
 
 void run_timers() {
@@ -156,10 +198,12 @@ int ss_of_init(qx_global *global) {
   global_handle = global;
   watch_shortages();
   register_views([] { return agent.get(); });
+  register_commands();
   host::at_finish([] {
     retry_timer().cancel();
     stop_agent();
     registered = {};
+    reloaded.reset();
     global_handle = nullptr;
   });
   return 0;

@@ -112,7 +112,8 @@ Verdict multipart(Agent &agent, Connection &connection, Bytes message) {
 
 Verdict barrier(Agent &agent, Connection &connection, Bytes message) {
   const Origin origin = origin_of(connection, message);
-  agent.flows().barrier({connection.number(), origin.xid, connection.peer().address}, origin, agent.now());
+  const bool waits = connection.session().barriers++ > 0;
+  agent.flows().barrier({connection.number(), origin.xid, connection.peer().address}, origin, waits, agent.now());
   return {};
 }
 

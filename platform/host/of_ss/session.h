@@ -26,6 +26,8 @@ struct Session {
   std::uint16_t config_flags = 0;
   std::uint16_t miss_send_len = 128;
   bool up = false;                  // counted among the controllers
+  std::uint32_t interface = 0;      // of the machine, that it came over
+  std::uint32_t barriers = 0;       // handed to the daemon and not answered
   bool featured = false;            // FEATURES_REPLY has gone out; nothing asynchronous before it
   bool waits_for_counters = false;  // its statistics request waits for fresh counters, and later messages for it
   std::unique_ptr<Dump, FreeDump> dump;

@@ -6,7 +6,6 @@
 #include <fstream>
 #include <string>
 
-#include "host/config/config.h"
 #include "host/log/log.h"
 
 namespace host::of_ss {
@@ -46,12 +45,12 @@ void add_endpoint(const std::string &text, Settings &settings) {
     log::error("{}: TLS needs openflow.tls_cert and openflow.tls_key", text);
   else
     settings.endpoints.push_back(endpoint);
+  settings.controllers.push_back(text);
 }
 
 }  // namespace
 
-Settings settings_from(const Config &config) {
-  const Config::OpenFlow &key = config.openflow;
+Settings settings_from(const Config::OpenFlow &key) {
   Settings settings;
   if (!key.tls_cert.empty()) {
     std::string error;
@@ -61,6 +60,7 @@ Settings settings_from(const Config &config) {
   for (const std::string &text : key.listen) add_endpoint(text, settings);
   for (const std::string &text : key.connect) add_endpoint(text, settings);
   settings.datapath_id = datapath_id(key.datapath_id);
+  settings.report_cells = key.report_cells;
   settings.flows.capacity = key.capacity;
   settings.flows.decide_timeout_ns = key.decide_timeout_ms * kMillisecond;
   settings.connections.queue_bound = key.queue_bound;

@@ -2,27 +2,27 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
+#include "host/config/config.h"
 #include "host/of_ss/connection.h"
 #include "host/of_ss/endpoints.h"
 #include "host/of_ss/flows.h"
 
-namespace host {
-struct Config;
-}
-
 namespace host::of_ss {
 
 struct Settings {
-  std::vector<Endpoint> endpoints;
+  std::vector<std::string> controllers;  // every endpoint that is configured, as text
+  std::vector<Endpoint> endpoints;       // those of them that can be used
   TlsContext tls;
+  std::uint32_t report_cells = 0;  // counter changes in a packed report
   std::uint64_t datapath_id = 0;
   FlowLimits flows;
   ConnectionLimits connections;
 };
 
 // Endpoints that cannot be used (a name that is not found, TLS without certificate) are logged and left out.
-Settings settings_from(const Config &config);
+Settings settings_from(const Config::OpenFlow &key);
 
 }  // namespace host::of_ss

@@ -32,10 +32,12 @@ int take_status(const qx_obj *object, void *arg) {
   return 0;
 }
 
+// A meter that has failed was reported to its controller and is not desired any more.
 int take_meter(const qx_obj *object, void *arg) {
   const auto *holder = static_cast<const qx_mom_hash_value *>(object->value);
   if (!holder || !holder->record) return 0;
   const auto *meter = reinterpret_cast<const SPolicyKelim__Meter *>(holder->record);
+  if (meter->status == S_POLICY_KELIM__STATUS_E__STATUS_FAILED) return 0;
   static_cast<StoredState *>(arg)->meters.push_back(copy_of(meter->meter_data));
   return 0;
 }

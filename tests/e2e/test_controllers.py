@@ -1,0 +1,117 @@
+"""What the daemon hears of its controllers: their configuration changed while it runs, the packet path, meters that fail."""
+
+import re
+import struct
+import unittest
+
+import daemon
+import e2e
+import openflow
+
+
+def meter_mod(command, number, rate=1000):
+    band = struct.pack("!HHII4x", 1, 16, rate, 0)
+    return struct.pack("!HHI", command, 1, number) + band
+
+
+class Controllers(e2e.Test):
+    def configured(self, *endpoints):
+        """A daemon whose controllers come from a file, which configure() changes."""
+        running = daemon.Daemon(e2e.BIN)
+        running.conf = running.run_dir / "host.toml"
+        running.environment["KELIM_CONF"] = str(running.conf)
+        del running.environment["KELIM_OPENFLOW_LISTEN"]
+        self.configure(running, f"ptcp:127.0.0.1:{running.port}", *endpoints)
+        running.__enter__()
+        self.addCleanup(running.__exit__)
+        self.addCleanup(self._end_cleanly, running)
+        return running
+
+    def configure(self, running, *endpoints):
+        running.conf.write_text(f"[openflow]\nlisten = {list(endpoints)}\n")
+
+    def counted(self, running, label):
+        """The daemon's counters of that kind of southbound call."""
+        shown = running.command("show-cnt", module="ssc_kelim_proxy")
+        return tuple(map(int, re.search(rf"\b{label} +([\d ]+)", shown).group(1).split()))
+
+    def assert_served(self, port):
+        client = openflow.Client(port)
+        self.addCleanup(client.close)
+        self.assertEqual(client.handshake().barrier(), [])
+        return client
+
+    def test_endpoints_come_and_go_while_it_runs_and_with_the_last_all_that_was_asked_for(self):
+        running = self.configured()
+        client = self.client(running)
+        client.send(openflow.METER_MOD, meter_mod(0, 5))
+        for number in range(50):
+            client.add(number)
+        self.assertEqual(client.barrier(), [])
+
+        other = daemon.free_port()
+        self.configure(running, f"ptcp:127.0.0.1:{running.port}", f"ptcp:127.0.0.1:{other}")
+        self.assertIn(str(other), running.command("reload", module="of_ss"))
+        self.assertEqual(client.barrier(), [], "the first connection goes on")
+        second = self.assert_served(other)
+
+        self.configure(running, "ptcp:nowhere")
+        refused = running.kelimctl("cmd", "of_ss", "reload")
+        self.assertEqual(refused.returncode, 1)
+        self.assertIn("openflow.listen", refused.stdout)
+        self.assertEqual(client.barrier(), [])
+
+        self.configure(running, f"ptcp:127.0.0.1:{other}")
+        running.command("reload", module="of_ss")
+        with self.assertRaises((EOFError, ConnectionResetError)):
+            client.barrier()
+        self.assertEqual(second.barrier(), [])
+        self.assertEqual((len(self.stored(running, "flow")), len(self.stored(running, "meter"))), (50, 1))
+
+        self.configure(running)
+        running.command("reload", module="of_ss")
+        daemon.wait_until(lambda: not self.stored(running, "flow") + self.stored(running, "meter"), 10, "an empty database")
+        self.assertEqual(running.ask_json("flows")["flows"] + running.ask_json("meters")["meters"], [])
+        self.assertEqual(running.ask_json("controllers")["endpoints"], [])
+        self.assertEqual(self.counted(running, "DEL_ALL")[0], 1)
+
+        self.configure(running, f"ptcp:127.0.0.1:{running.port}")
+        running.command("reload", module="of_ss")
+        again = self.assert_served(running.port)
+        again.add(1)
+        self.assertEqual(again.barrier(), [])
+        self.assertEqual(len(self.stored(running, "flow")), 1)
+
+    def test_the_packet_path_follows_the_roles_or_the_operator(self):
+        running = self.daemon()
+        before = self.counted(running, "PKT")
+
+        def await_packets(start, end):
+            wanted = (before[0] + start, before[1] + end)
+            daemon.wait_until(lambda: self.counted(running, "PKT") == wanted, 10, f"packet signals {wanted}")
+
+        client = self.client(running)
+        await_packets(1, 0)
+        running.command("pkt_end", module="of_ss")
+        await_packets(1, 1)
+        running.command("pkt_by_role", module="of_ss")
+        await_packets(2, 1)
+        running.command("pkt_start", module="of_ss")
+        client.close()
+        self.client(running).close()
+        running.command("pkt_by_role", module="of_ss")
+        await_packets(2, 2)
+
+    def test_a_meter_that_fails_leaves_no_record(self):
+        running = self.daemon(programmer_script="meter-fail=6")
+        client = self.client(running)
+        client.send(openflow.METER_MOD, meter_mod(0, 5))
+        request = client.frame(openflow.METER_MOD, meter_mod(0, 6))
+        client.socket.sendall(request)
+        self.assert_error(client.receive(), 12, 0, request)
+        daemon.wait_until(lambda: len(self.stored(running, "meter")) == 1, 10, "one meter record")
+        self.assertEqual([meter["meter"] for meter in running.ask_json("meters")["meters"]], [5])
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)

@@ -1,0 +1,52 @@
+// Certificates for tests of TLS, made when they are needed.
+#pragma once
+
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/rsa.h>
+#include <openssl/x509.h>
+
+#include <cstdio>
+#include <memory>
+#include <string>
+
+namespace certificates {
+
+struct FreeOpenSsl {
+  void operator()(EVP_PKEY *key) const { EVP_PKEY_free(key); }
+  void operator()(X509 *certificate) const { X509_free(certificate); }
+  void operator()(FILE *file) const { fclose(file); }
+};
+template <typename T>
+using Owner = std::unique_ptr<T, FreeOpenSsl>;
+
+// A key and its certificate (of version 1, where one that is signed by itself is an authority), signed by `authority`, or by
+// itself, which makes it an authority.
+class Identity {
+ public:
+  explicit Identity(const char *name, const Identity *authority = nullptr) : key_(EVP_RSA_gen(2048)), certificate_(X509_new()) {
+    X509 *c = certificate_.get();
+    ASN1_INTEGER_set(X509_get_serialNumber(c), 1);
+    X509_gmtime_adj(X509_getm_notBefore(c), -3600);
+    X509_gmtime_adj(X509_getm_notAfter(c), 3600);
+    X509_set_pubkey(c, key_.get());
+    X509_NAME_add_entry_by_txt(X509_get_subject_name(c), "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char *>(name), -1,
+                               -1, 0);
+    const Identity &signer = authority ? *authority : *this;
+    X509_set_issuer_name(c, X509_get_subject_name(signer.certificate_.get()));
+    X509_sign(c, signer.key_.get(), EVP_sha256());
+  }
+  EVP_PKEY *key() const { return key_.get(); }
+  X509 *certificate() const { return certificate_.get(); }
+  void write_certificate(const std::string &path) const { PEM_write_X509(file(path).get(), certificate_.get()); }
+  void write_key(const std::string &path) const {
+    PEM_write_PrivateKey(file(path).get(), key_.get(), nullptr, nullptr, 0, nullptr, nullptr);
+  }
+
+ private:
+  static Owner<FILE> file(const std::string &path) { return Owner<FILE>(fopen(path.c_str(), "w")); }
+  Owner<EVP_PKEY> key_;
+  Owner<X509> certificate_;
+};
+
+}  // namespace certificates
