@@ -3,9 +3,12 @@
 #include <hiredis/hiredis.h>
 #include <malloc.h>
 
+#include <algorithm>
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -13,6 +16,7 @@
 
 #include "host/config/config.h"
 #include "host/runtime/loop.h"
+#include "host/runtime/timer.h"
 #include "qx_mom.h"
 #include "s_policy_kelim.pb-c.h"
 
@@ -232,6 +236,133 @@ void BM_BareSetAndPublish(benchmark::State &state) {
   state.SetItemsProcessed(kBurst * static_cast<int64_t>(state.iterations()));
 }
 BENCHMARK(BM_BareSetAndPublish)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// ---- 100,000 objects of a type, and what else goes on meanwhile
+
+using Clock = std::chrono::steady_clock;
+
+double ms_since(Clock::time_point begin) {
+  return std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
+}
+
+// Beats every millisecond on the loop and notes the longest time between two beats, without what the beat's own work took.
+class Heart {
+ public:
+  explicit Heart(std::function<void()> work) : work_(std::move(work)) { timer_.arm(1ms); }
+  double longest_ms() const { return longest_; }
+
+ private:
+  void beat() {
+    longest_ = std::max(longest_, ms_since(last_));
+    work_();
+    last_ = Clock::now();
+    timer_.arm(1ms);
+  }
+  std::function<void()> work_;
+  Clock::time_point last_ = Clock::now();
+  double longest_ = 0;
+  host::Timer timer_{[this] { beat(); }};
+};
+
+// Another client of the same Redis server, which asks it for nothing over and over: the longest answer is how long the server was
+// busy with one thing.
+class Bystander {
+ public:
+  Bystander() {
+    if (const char *url = std::getenv("KELIM_MOM_URL")) thread_ = std::thread([this, url] { ask(url + 11); });
+  }
+  double stop() {
+    done_ = true;
+    if (thread_.joinable()) thread_.join();
+    return longest_;
+  }
+
+ private:
+  void ask(const char *path) {
+    const std::unique_ptr<redisContext, decltype(&redisFree)> server(redisConnectUnix(path), redisFree);
+    while (!done_) {
+      const auto begin = Clock::now();
+      freeReplyObject(redisCommand(server.get(), "PING"));
+      longest_ = std::max(longest_, ms_since(begin));
+      std::this_thread::sleep_for(200us);
+    }
+  }
+  std::atomic<bool> done_ = false;
+  double longest_ = 0;
+  std::thread thread_;
+};
+
+size_t server_memory() {
+  const char *url = std::getenv("KELIM_MOM_URL");
+  if (!url) return 0;
+  const std::unique_ptr<redisContext, decltype(&redisFree)> server(redisConnectUnix(url + 11), redisFree);
+  auto *reply = static_cast<redisReply *>(redisCommand(server.get(), "INFO memory"));
+  const std::string info = reply->str;
+  freeReplyObject(reply);
+  return std::strtoull(info.c_str() + info.find("used_memory:") + 12, nullptr, 10);
+}
+
+// Written and announced, scanned in one pass, put under expiry, taken out, put under it again, deleted by tag: of each the time,
+// the longest pause of the loop outside the call, and the longest wait of another client of the server.
+void BM_HundredThousand(benchmark::State &state) {
+  World world;
+  world.subscribe(QX_MOM_DECODED);
+  FlowRecord flow;
+  constexpr uint64_t kCount = 100'000;
+  const size_t empty = server_memory();
+  uint64_t written = 0;
+  const auto phase = [&](const char *name, const std::function<void()> &beat, const std::function<bool()> &done) {
+    Bystander bystander;
+    const auto begin = Clock::now();
+    Heart heart(beat);
+    if (!host::run_until(done, 120s)) state.SkipWithError(name);
+    const std::string prefix = std::string(name) + "_";
+    state.counters[prefix + "ms"] = ms_since(begin);
+    state.counters[prefix + "pause_ms"] = heart.longest_ms();
+    state.counters[prefix + "server_ms"] = bystander.stop();
+  };
+  const auto idle = [] {};
+  static unsigned confirmed;
+  confirmed = 0;
+  const auto confirm = [] {
+    ++confirmed;
+    return 0;
+  };
+  const auto write_some = [&] {
+    for (int i = 0; i < 500 && written < kCount; ++i) qx_mom_setow(world.global, QX_MOM_UDP_DB, flow.message(++written), 0, 0, 1);
+  };
+  // Behind a pipelined request: confirmed when the requests before have been carried out.
+  const auto flush = [&] { qx_mom_pexpire(world.global, QX_MOM_UDP_DB, flow.message(kCount + 1), 0, 1, 0, confirm, nullptr); };
+  for (auto _ : state) {
+    phase("write", write_some, [] { return notified == kCount; });
+    uint64_t seen = 0;
+    phase(
+        "scan",
+        [&] {
+          if (seen > 0) return;
+          qx_mom_scan_sync(
+              world.global, QX_MOM_UDP_DB, flow.message(0), 0,
+              [](const qx_obj *, void *count) {
+                ++*static_cast<uint64_t *>(count);
+                return 0;
+              },
+              &seen);
+        },
+        [&] { return seen == kCount; });
+    qx_mom_pexpire(world.global, QX_MOM_UDP_DB, flow.message(0), 0, 600'000, 0, confirm, nullptr);
+    phase("expire", idle, [] { return confirmed == 1; });
+    qx_mom_del_expire(world.global, QX_MOM_UDP_DB, flow.message(0), 0, 0, nullptr);
+    flush();
+    phase("persist", idle, [] { return confirmed == 2; });
+    qx_mom_pexpire(world.global, QX_MOM_UDP_DB, flow.message(0), 0, 600'000, 0, confirm, nullptr);
+    host::run_until([] { return confirmed == 3; }, 60s);
+    state.counters["server_bytes_per_object"] = static_cast<double>(server_memory() - empty) / kCount;
+    notified = 0;
+    qx_mom_del_expire_ow(world.global, QX_MOM_UDP_DB, flow.message(0), 0, 0, nullptr, 1);
+    phase("delete", idle, [] { return notified == kCount; });
+  }
+}
+BENCHMARK(BM_HundredThousand)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void BM_Scan(benchmark::State &state) {
   World world;

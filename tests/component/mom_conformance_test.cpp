@@ -638,6 +638,63 @@ TEST_P(MomConformance, TagsChooseAmongWhatIsUnderExpiry) {
   EXPECT_EQ(trace(world->scan(all)), "1:4");
 }
 
+// Requests for a whole type take their place among the writes, however many objects it has.
+TEST_P(MomConformance, WholeTypeRequestsKeepTheirPlaceAmongTheWrites) {
+  constexpr uint64_t kCount = 5000;
+  static unsigned confirmed;
+  confirmed = 0;
+  const auto confirm = [] {
+    ++confirmed;
+    return 0;
+  };
+  const auto write_each = [&](uint64_t step) {
+    for (uint64_t i = step; i <= kCount; i += step) {
+      Flow flow(i);
+      ASSERT_EQ(world->setow(flow, 1), 0);
+    }
+  };
+  const auto count_if = [&](const std::function<bool(uint64_t)> &wanted) {
+    size_t count = 0;
+    for (uint64_t i = 1; i <= kCount; ++i) count += wanted(i);
+    return count;
+  };
+  Flow all(0);
+  world->watch<0>(kFlow, 8, QX_MOM_PACKED);
+  const auto deletions = [] {
+    return std::count_if(recorders[0].seen.begin(), recorders[0].seen.end(), [](const Seen &seen) { return seen.cmd == 3; });
+  };
+
+  // Rewritten before the deletion by tag, or after it.
+  write_each(1);
+  ASSERT_EQ(qx_mom_pexpire(world->global(), 8, all, 0, 3'600'000, 0, confirm, nullptr), 0);
+  write_each(10);
+  ASSERT_EQ(world->del_expire_ow(all, 1), 0);
+  write_each(7);
+  const auto left = world->scan(all);
+  EXPECT_EQ(confirmed, 0u);
+  EXPECT_EQ(left.size(), count_if([](uint64_t i) { return i % 10 == 0 || i % 7 == 0; }));
+  for (const Seen &seen : left) EXPECT_TRUE(seen.key % 10 == 0 || seen.key % 7 == 0) << seen.key;
+  world->settle();
+  EXPECT_EQ(confirmed, 1u);
+  EXPECT_EQ(static_cast<size_t>(deletions()), count_if([](uint64_t i) { return i % 10 != 0; }));
+
+  // Expired or taken out of expiry, and rewritten behind that.
+  write_each(1);
+  ASSERT_EQ(world->pexpire(all, 3'600'000), 0);
+  ASSERT_EQ(world->del_expire(all), 0);
+  ASSERT_EQ(world->del_expire_ow(all, 1), 0);  // finds nothing
+  EXPECT_EQ(world->scan(all).size(), kCount);
+  world->settle();
+  recorders[0].seen.clear();
+  ASSERT_EQ(world->pexpire(all, 300), 0);
+  write_each(3);
+  world->settle();
+  world->backend().pass(400ms);
+  const size_t kept = count_if([](uint64_t i) { return i % 3 == 0; });
+  ASSERT_TRUE(run_until([&] { return static_cast<size_t>(deletions()) == kCount - kept; })) << deletions();
+  EXPECT_EQ(world->scan(all).size(), kept);
+}
+
 TEST_P(MomConformance, ExpiryRequestIsConfirmedOnceAndLater) {
   static unsigned confirmed;
   confirmed = 0;

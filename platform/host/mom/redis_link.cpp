@@ -214,6 +214,7 @@ void RedisLink::release_all() {
     }
   }
   queue_.clear();
+  more_ = nullptr;
   next_command_ = next_charge_ = 0;
 }
 
@@ -249,7 +250,7 @@ void RedisLink::send(Formatted commands) {
 
 // Hands commands to hiredis while it has room. Does not push them to the socket: inside an answer that could free the connection.
 void RedisLink::feed() {
-  while (!queue_.empty() && writer_.unsent() < kUnsentMax) {
+  while (!more_ && !queue_.empty() && writer_.unsent() < kUnsentMax) {
     Formatted &batch = queue_.front();
     const size_t begin = next_command_ == 0 ? 0 : batch.ends[next_command_ - 1];
     Answer answer{{}, nullptr};
@@ -257,7 +258,12 @@ void RedisLink::feed() {
       answer.charge = batch.charges[next_charge_++].second;
     }
     const bool last = next_command_ + 1 == batch.ends.size();
-    if (last) answer.done = batch.done;
+    if (last && batch.more) {
+      more_ = std::move(batch.more);
+      more_done_ = batch.done;
+    } else if (last) {
+      answer.done = batch.done;
+    }
     sent_.push_back(answer);
     writer_.send_plain(std::string_view(batch.bytes).substr(begin, batch.ends[next_command_] - begin));
     ++next_command_;
@@ -280,7 +286,19 @@ void RedisLink::answer(const redisReply *reply) {
     return;
   }
   if (answer.done) hub_.later().act([done = answer.done] { done(); });
+  if (more_ && sent_.empty()) go_on(reply);
   feed();
+}
+
+void RedisLink::go_on(const redisReply *reply) {
+  const auto more = std::exchange(more_, nullptr);
+  Formatted next = more(reply);
+  if (!next.ends.empty()) {
+    next.done = more_done_;
+    queue_.push_front(std::move(next));
+  } else if (more_done_) {
+    hub_.later().act([done = more_done_] { done(); });
+  }
 }
 
 bool RedisLink::settle(std::chrono::steady_clock::time_point deadline) {

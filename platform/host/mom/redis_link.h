@@ -50,6 +50,9 @@ class RedisLink {
     std::vector<uint32_t> ends;                        // of each command in `bytes`
     std::vector<std::pair<uint32_t, Charge>> charges;  // of commands by number, ascending
     qx_mom_done_cb done = nullptr;                     // called, later, when the last command is answered
+    // Gives what the answer to the last command calls for: it goes out next, and everything behind waits until nothing more
+    // comes.
+    std::function<Formatted(const redisReply *)> more{};
 
     void add(std::span<const std::string_view> arguments, Charge charge = {});
     void add(Arguments arguments, Charge charge = {}) { add(std::span(arguments.begin(), arguments.size()), charge); }
@@ -81,6 +84,7 @@ class RedisLink {
   void retry();
   void feed();
   void answer(const redisReply *reply);
+  void go_on(const redisReply *reply);
   void release_all();
   void look();
 
@@ -98,6 +102,9 @@ class RedisLink {
   size_t next_command_ = 0;  // of the first batch
   size_t next_charge_ = 0;
   std::deque<Answer> sent_;
+  // The batch that the others wait for: sent, and its answer may call for more.
+  std::function<Formatted(const redisReply *)> more_;
+  qx_mom_done_cb more_done_ = nullptr;
 
   bool started_ = false;
   bool up_ = false;

@@ -22,12 +22,16 @@ const Script &del();
 const Script &put();
 // The same and ARGV[5], what begins the notification. 0, or 1 when the object exists: nothing is written then.
 const Script &put_if_absent();
-// KEYS: index. ARGV: prefix of object keys, milliseconds. Puts every object under expiry.
-const Script &expire_all();
-// KEYS: index. ARGV: prefix. Takes every object out of expiry.
-const Script &persist_all();
-// KEYS: index. ARGV: prefix, channel of deletions, tag as stored. Deletes those under expiry with the tag.
-const Script &del_tagged();
+// The next three go over the index in parts, so that the server is free for others in between. KEYS: index. ARGV: cursor ("0" at
+// first), state of the pass ("" at first), prefix of object keys, and more. They give cursor and state for the next part; the
+// cursor "0" ends the pass.
+//
+// More: milliseconds. Puts every object under expiry.
+const Script &expire_part();
+// Takes every object out of expiry.
+const Script &persist_part();
+// More: channel of deletions, tag as stored. Deletes those under expiry with the tag.
+const Script &del_tagged_part();
 // KEYS: index. ARGV: prefix, members. Takes out of the index what has no object any more.
 const Script &forget();
 

@@ -5,7 +5,6 @@
 #include <utility>
 
 #include "host/log/log.h"
-#include "host/mom/redis_scripts.h"
 #include "host/runtime/services.h"
 
 namespace mom {
@@ -222,6 +221,28 @@ void RedisStore::send(Table &table, Arguments arguments, Charge charge, qx_mom_d
   link(table).send(std::move(command));
 }
 
+// Part after part of the index, behind the writes before and ahead of those after.
+void RedisStore::pass(Table &table, const Script &script, std::vector<std::string> arguments, qx_mom_done_cb done) {
+  flush(table.base);
+  RedisLink::Formatted first = part(table, script, "0", "", std::move(arguments));
+  first.done = done;
+  link(table).send(std::move(first));
+}
+
+RedisLink::Formatted RedisStore::part(const Table &table, const Script &script, std::string_view cursor, std::string_view state,
+                                      std::vector<std::string> arguments) {
+  std::vector<std::string_view> words = {"EVALSHA", script.sha, "1", table.index, cursor, state};
+  words.insert(words.end(), arguments.begin(), arguments.end());
+  RedisLink::Formatted command;
+  command.add(words);
+  command.more = [&table, &script, arguments = std::move(arguments)](const redisReply *reply) -> RedisLink::Formatted {
+    const bool known = reply->type == REDIS_REPLY_ARRAY && reply->elements == 2;
+    if (!known || text_of(reply->element[0]) == "0") return {};
+    return part(table, script, text_of(reply->element[0]), text_of(reply->element[1]), arguments);
+  };
+  return command;
+}
+
 void RedisStore::watch_deletions(Table &table) {
   if (std::exchange(table.gone_asked, true)) return;
   link(table).subscribe(table.gone);
@@ -261,7 +282,7 @@ int RedisStore::pexpire(Slot &slot, const Key *key, uint32_t ms, qx_mom_done_cb 
     send(table, {"PEXPIRE", slot.type.text(*key), delay}, {}, done);
   } else {
     table.known.clear();
-    send(table, {"EVALSHA", scripts::expire_all().sha, "1", table.index, table.prefix, delay}, {}, done);
+    pass(table, scripts::expire_part(), {table.prefix, delay}, done);
   }
   return 0;
 }
@@ -271,14 +292,14 @@ int RedisStore::del_expire(Slot &slot, const Key *key) {
   if (key) {
     send(table, {"PERSIST", slot.type.text(*key)});
   } else {
-    send(table, {"EVALSHA", scripts::persist_all().sha, "1", table.index, table.prefix});
+    pass(table, scripts::persist_part(), {table.prefix});
   }
   return 0;
 }
 
 int RedisStore::del_expire_tag(Slot &slot, int64_t tag) {
   Table &table = this->table(slot);
-  send(table, {"EVALSHA", scripts::del_tagged().sha, "1", table.index, table.prefix, table.gone, tag_bytes(tag)});
+  pass(table, scripts::del_tagged_part(), {table.prefix, table.gone, tag_bytes(tag)});
   return 0;
 }
 

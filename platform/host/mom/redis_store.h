@@ -30,6 +30,7 @@
 #include "host/mom/hub.h"
 #include "host/mom/redis_endpoint.h"
 #include "host/mom/redis_link.h"
+#include "host/mom/redis_scripts.h"
 
 namespace mom {
 
@@ -109,6 +110,9 @@ class RedisStore final : public Store {
   void flush(Base &base);
   void plan_flush(Base &base);
   void send(Table &table, Arguments arguments, Charge charge = {}, qx_mom_done_cb done = nullptr);
+  void pass(Table &table, const Script &script, std::vector<std::string> arguments, qx_mom_done_cb done = nullptr);
+  static RedisLink::Formatted part(const Table &table, const Script &script, std::string_view cursor, std::string_view state,
+                                   std::vector<std::string> arguments);
   void watch_deletions(Table &table);
 
   // Runs `ask` on the synchronous connection after every write given before; null when that is not possible in time.
