@@ -23,11 +23,11 @@
 #include <memory>
 #include <set>
 #include <string>
-#include <unordered_set>
 #include <vector>
 
 #include "host/config/config.h"
 #include "host/mom/hub.h"
+#include "host/mom/key_set.h"
 #include "host/mom/redis_endpoint.h"
 #include "host/mom/redis_link.h"
 #include "host/mom/redis_scripts.h"
@@ -59,11 +59,6 @@ class RedisStore final : public Store {
   std::optional<Held> held(Slot &slot) override;
 
  private:
-  struct KeyHash {
-    size_t operator()(const Key &key) const {
-      return (key.head.high * 0x9e3779b97f4a7c15U ^ key.head.low) * 0x9e3779b97f4a7c15U ^ std::hash<std::string>()(key.tail);
-    }
-  };
   struct Base;
 
   // One record type in one database.
@@ -79,7 +74,7 @@ class RedisStore final : public Store {
     bool gone_asked = false;
     bool gone_live = false;
     // Objects that this process wrote and that nobody can have taken away without a word: their deletion need not ask.
-    std::unordered_set<Key, KeyHash> known{};
+    KeySet known{};
     std::vector<std::function<void()>> waiting{};  // for the channel's confirmation
     std::vector<std::set<Key> *> scans{};          // of running scans: what was deleted meanwhile
     std::vector<std::string> expired{};            // members to take out of the index
