@@ -1,5 +1,5 @@
-// A set of keys. Keys that are made of integers alone stand in a flat table; neighbours stand near each other there, so that a burst
-// of ascending keys touches each cache line once. 32 to 64 bytes a key. Plain value, one thread.
+// A set of keys. Keys that are made of integers alone stand in a flat table; neighbours stand near each other there, so that a
+// burst of ascending keys touches each cache line once. 32 to 64 bytes a key. Plain value, one thread.
 #pragma once
 
 #include <set>

@@ -295,12 +295,16 @@ bool RecordType::is_template(const ProtobufCMessage &record) const {
 }
 
 std::string RecordType::text(const Key &key) const {
-  std::string out(name_);
+  return std::string(name_).append(key_ ? ":" : "").append(member_text(key));
+}
+
+std::string RecordType::member_text(const Key &key) const {
+  std::string out;
   if (!key_) return out;
   KeyReader reader(key);
   for (const auto &field : std::span(key_->fields, key_->n_fields)) {
     const KeyForm &form = *form_of(field.type);
-    out.push_back(':');
+    if (&field != key_->fields) out.push_back(':');
     if (form.width == 0) {
       append_escaped(out, reader.get_text());
     } else {

@@ -81,6 +81,7 @@ class RecordType {
   bool is_template(const ProtobufCMessage &record) const;
 
   std::string text(const Key &key) const;
+  std::string member_text(const Key &key) const;          // without the type's name
   std::optional<Key> parse(std::string_view text) const;  // the reverse; nothing when the text is no key of this type
 
   // A packed record that carries only this key.

@@ -78,16 +78,19 @@ std::string server_unfit(const ServerInfo &info) {
   return "the server's version is '" + info.version + "'; " + std::to_string(kOldestMajor) + " or later is needed";
 }
 
+void append_head(std::string &out, char kind, size_t count) {
+  char head[24];
+  head[0] = kind;
+  char *end = std::to_chars(head + 1, head + sizeof head - 2, count).ptr;
+  *end++ = '\r';
+  *end++ = '\n';
+  out.append(head, end);
+}
+
 void append_command(std::string &out, std::span<const std::string_view> arguments) {
-  char number[24];
-  const auto put_number = [&](char prefix, size_t value) {
-    const auto [end, error] = std::to_chars(number, number + sizeof number, value);
-    out.push_back(prefix);
-    out.append(number, end).append("\r\n");
-  };
-  put_number('*', arguments.size());
+  append_head(out, '*', arguments.size());
   for (const std::string_view argument : arguments) {
-    put_number('$', argument.size());
+    append_head(out, '$', argument.size());
     out.append(argument).append("\r\n");
   }
 }

@@ -54,6 +54,8 @@ inline std::string_view text_of(const redisReply *reply) {
 // One command on the wire, appended to `out`.
 using Arguments = std::initializer_list<std::string_view>;
 void append_command(std::string &out, std::span<const std::string_view> arguments);
+// The head of a command ('*', arguments) or of an argument ('$', bytes).
+void append_head(std::string &out, char kind, size_t count);
 inline void append_command(std::string &out, Arguments arguments) {
   append_command(out, std::span(arguments.begin(), arguments.size()));
 }

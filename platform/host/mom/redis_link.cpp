@@ -233,6 +233,22 @@ void RedisLink::look() {
 
 void RedisLink::Formatted::add(std::span<const std::string_view> arguments, Charge charge) {
   append_command(bytes, arguments);
+  end_command(charge);
+}
+
+void RedisLink::Formatted::add_pieces(std::initializer_list<std::initializer_list<std::string_view>> arguments, Charge charge) {
+  append_head(bytes, '*', arguments.size());
+  for (const auto &argument : arguments) {
+    size_t size = 0;
+    for (const std::string_view piece : argument) size += piece.size();
+    append_head(bytes, '$', size);
+    for (const std::string_view piece : argument) bytes.append(piece);
+    bytes.append("\r\n");
+  }
+  end_command(charge);
+}
+
+void RedisLink::Formatted::end_command(Charge charge) {
   if (charge.slot) charges.emplace_back(static_cast<uint32_t>(ends.size()), charge);
   ends.push_back(static_cast<uint32_t>(bytes.size()));
 }

@@ -55,7 +55,12 @@ class RedisLink {
     std::function<Formatted(const redisReply *)> more{};
 
     void add(std::span<const std::string_view> arguments, Charge charge = {});
+    // An argument in pieces, so that a record is copied once.
+    void add_pieces(std::initializer_list<std::initializer_list<std::string_view>> arguments, Charge charge = {});
     void add(Arguments arguments, Charge charge = {}) { add(std::span(arguments.begin(), arguments.size()), charge); }
+
+   private:
+    void end_command(Charge charge);
   };
   void send(Formatted commands);
 

@@ -24,8 +24,8 @@ constexpr auto kLoadPatience = 60s;  // for a server that loads its data
 constexpr auto kProbeEvery = 50ms;
 
 std::string tag_bytes(int64_t tag) {
-  std::string bytes;
-  for (unsigned shift = 0; shift < 64; shift += 8) bytes.push_back(static_cast<char>(static_cast<uint64_t>(tag) >> shift));
+  std::string bytes(kTagSize, '\0');
+  for (char &byte : bytes) byte = static_cast<char>(std::exchange(tag, tag >> 8));
   return bytes;
 }
 
@@ -157,29 +157,31 @@ int RedisStore::write(Table &table, const Key &key, Bytes packed, int64_t tag) {
   if (!table.slot.topic.admit(packed.size())) return -14;
   table.slot.topic.take(packed.size());
   const Charge charge = {&table.slot, packed.size()};
-  const std::string member = table.slot.type.text(key).substr(table.prefix.size());
-  const std::string value = tag_bytes(tag).append(as_text(packed));
-  const std::string end = notification_end(member, packed);
+  const std::string member = table.slot.type.member_text(key);
+  const std::string tagged = tag_bytes(tag);
   if (table.slot.type.hash_class()) {
-    send(table, {"EVALSHA", scripts::put().sha, "2", table.index, table.prefix + member, member, table.channel, value, end},
+    send(table,
+         {"EVALSHA", scripts::put().sha, "2", table.index, table.prefix + member, member, table.channel,
+          std::string(tagged).append(as_text(packed)), notification_end(member, packed)},
          charge);
   } else {
-    add_to_batch(table, key, member, value, end, charge);
+    add_to_batch(table, key, member, tagged, packed, charge);
   }
   watch_deletions(table);
   if (table.gone_live) table.known.insert(key);
   return 0;
 }
 
-void RedisStore::add_to_batch(Table &table, const Key &key, const std::string &member, std::string_view value,
-                              std::string_view notification, Charge charge) {
+void RedisStore::add_to_batch(Table &table, const Key &key, const std::string &member, std::string_view tag, Bytes packed,
+                              Charge charge) {
   Base &base = table.base;
   if (base.open_table != &table) flush(base);
   base.open_table = &table;
   if (!table.known.contains(key)) base.announced.push_back(member);
   base.confirmed.push_back(member);
-  base.body.add({"SET", table.prefix + member, value});
-  base.body.add({"PUBLISH", table.channel, std::string("W").append(notification)}, charge);
+  const std::string_view record = as_text(packed), zero("", 1);
+  base.body.add_pieces({{"SET"}, {table.prefix, member}, {tag, record}});
+  base.body.add_pieces({{"PUBLISH"}, {table.channel}, {"W", member, zero, record}}, charge);
   if (base.confirmed.size() >= kBatch) {
     flush(base);
   } else {
@@ -206,7 +208,9 @@ void RedisStore::flush(Base &base) {
     return command;
   };
   if (!base.announced.empty()) base.link->send(index_command(base.announced));
+  const size_t size = base.body.bytes.size();
   base.link->send(std::exchange(base.body, {}));
+  base.body.bytes.reserve(size);  // the next batch will be about as long
   base.link->send(index_command(base.confirmed));
   base.announced.clear();
   base.confirmed.clear();

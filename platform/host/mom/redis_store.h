@@ -100,8 +100,7 @@ class RedisStore final : public Store {
   RedisLink &link(Table &table) { return *table.base.link; }
 
   int write(Table &table, const Key &key, Bytes packed, int64_t tag);
-  void add_to_batch(Table &table, const Key &key, const std::string &member, std::string_view value,
-                    std::string_view notification, Charge charge);
+  void add_to_batch(Table &table, const Key &key, const std::string &member, std::string_view tag, Bytes packed, Charge charge);
   void flush(Base &base);
   void plan_flush(Base &base);
   void send(Table &table, Arguments arguments, Charge charge = {}, qx_mom_done_cb done = nullptr);
