@@ -7,6 +7,7 @@
 //   of_load PORT churn N [ROUNDS]      N times add and strict delete of the same flow, then a barrier
 //   of_load PORT latency SAMPLES       one add and a barrier
 //   of_load PORT fill N                N adds and a barrier, flows are left in place
+//   of_load PORT stats N [SAMPLES]     N adds and a barrier, then the statistics of all flows until their last part
 //
 // Prints one JSON object. Exit status 1 when the switch answered with an error or closed the connection.
 #include <arpa/inet.h>
@@ -42,6 +43,8 @@ enum Type : std::uint8_t {
   kFeaturesRequest = 5,
   kFeaturesReply = 6,
   kFlowMod = 14,
+  kMultipartRequest = 18,
+  kMultipartReply = 19,
   kBarrierRequest = 20,
   kBarrierReply = 21
 };
@@ -153,6 +156,8 @@ class Client {
   }
 
   std::uint64_t errors() const { return errors_; }
+  // Entries of flow statistics so far.
+  std::uint64_t entries() const { return entries_; }
 
  private:
   std::size_t send_some(std::span<const std::uint8_t> out) {
@@ -188,12 +193,21 @@ class Client {
       msg[1] = kEchoReply;
       if (::send(fd_, msg.data(), msg.size(), MSG_NOSIGNAL) < 0) die("the switch closed the connection");
     }
-    return msg[1] == type && id == xid;
+    return msg[1] == type && id == xid && (type != kMultipartReply || last_part(msg));
+  }
+
+  bool last_part(std::span<const std::uint8_t> msg) {
+    for (std::size_t at = 16; at + 2 <= msg.size(); ++entries_) {
+      const std::size_t len = static_cast<std::size_t>(msg[at]) << 8 | msg[at + 1];
+      if (len == 0) die("an entry without length came in");
+      at += len;
+    }
+    return (msg[11] & 1) == 0;
   }
 
   int fd_ = -1;
   Bytes in_;
-  std::uint64_t errors_ = 0;
+  std::uint64_t errors_ = 0, entries_ = 0;
 };
 
 double seconds_of(Client &client, const Bytes &out, std::uint32_t xid) {
@@ -263,10 +277,34 @@ void latency(Client &client, std::uint32_t samples) {
   print_sorted("latency", 1, values, client.errors());
 }
 
+void statistics(Client &client, std::uint32_t n, int samples) {
+  std::mt19937 random(1);
+  std::vector<double> values;
+  Bytes fill = adds(n, 0);
+  plain(fill, kBarrierRequest, 60);
+  clear(client);
+  client.run(fill, kBarrierReply, 60);
+  Bytes request;
+  const std::size_t start = open_message(request, kMultipartRequest, 61);
+  put16(request, 1), zeros(request, 6), put8(request, 0xff), zeros(request, 3), put32(request, ~0U), put32(request, ~0U);
+  zeros(request, 20), put16(request, 1), put16(request, 4), zeros(request, 4);
+  close_message(request, start);
+  for (int i = 0; i < samples; ++i) {
+    pause(random, std::chrono::milliseconds(100));
+    const std::uint64_t before = client.entries();
+    const auto begun = Clock::now();
+    client.run(request, kMultipartReply, 61);
+    values.push_back(std::chrono::duration<double>(Clock::now() - begun).count());
+    if (client.entries() - before != n) die("the statistics are not those of all flows");
+  }
+  clear(client);
+  print_sorted("stats", n, values, client.errors());
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
-  if (argc < 4) die("usage: of_load PORT burst|churn|latency|fill N [ROUNDS]");
+  if (argc < 4) die("usage: of_load PORT burst|churn|latency|fill|stats N [ROUNDS]");
   Client client(static_cast<std::uint16_t>(std::atoi(argv[1])));
   const std::string_view mode = argv[2];
   const auto n = static_cast<std::uint32_t>(std::atoi(argv[3]));
@@ -279,8 +317,10 @@ int main(int argc, char **argv) {
     Bytes out = adds(n, 0);
     plain(out, kBarrierRequest, 60);
     print_sorted("fill", n, {seconds_of(client, out, 60)}, client.errors());
+  } else if (mode == "stats") {
+    statistics(client, n, argc > 4 ? rounds : 100);
   } else {
-    die("the mode is burst, churn, latency or fill");
+    die("the mode is burst, churn, latency, fill or stats");
   }
   return client.errors() == 0 ? 0 : 1;
 }
