@@ -241,8 +241,18 @@ TEST_F(Roles, FollowTheGenerationAndLeaveOneMaster) {
   EXPECT_EQ(reply_of(b.ask(request(3, 2, 4))), "11/0") << "older";
   EXPECT_EQ(reply_of(b.ask(request(4, 2, 6))), "00000002:0000000000000006");
   EXPECT_EQ(reply_of(a.ask(request(5, 0, 0))), "00000003:0000000000000006") << "the other master is slave now";
+  const struct {
+    std::uint8_t type;
+    const char *body;
+  } writes[] = {{13, "ffffffff fffffffd 0000 000000000000"},
+                {15, "0002 00 00 fffffffc"},
+                {16, "00000001 00000000 020000000001 0000 00000000 00000000 00000000 00000000"},
+                {17, "00 000000 00000000"},
+                {29, "0000 0001 00000005 0001 0010 00000064 00000000 00000000"}};
+  for (const auto &write : writes) EXPECT_EQ(error_of(a.ask(message(write.type, 6, hex(write.body)))), "1/10") << +write.type;
   EXPECT_EQ(error_of(a.ask(flow_mod(ipv4_flow(1, 6)))), "1/10");
-  EXPECT_TRUE(daemon.flows(true).empty());
+  EXPECT_TRUE(daemon.flows(true).empty() && daemon.of_type(southbound::kMeterMod).empty());
+  EXPECT_EQ(reply_of(b.ask(request(4, 2, 6))), "00000002:0000000000000006") << "the same again";
   EXPECT_EQ(reply_of(a.ask(request(7, 1, 0))), "00000001:0000000000000006") << "equal needs no generation";
   a.send(flow_mod(ipv4_flow(1, 8)));
   EXPECT_TRUE(a.settle());

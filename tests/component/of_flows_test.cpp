@@ -209,10 +209,11 @@ TEST_F(FlowsTest, BarriersWithoutEndAreNotTakenWithoutEnd) {
   ASSERT_TRUE(until([&] { return under_way() == 1; })) << "the agent's own";
   Message flood;
   for (std::uint32_t xid = 1; xid <= 5000; ++xid) append(flood, barrier(xid));
-  ASSERT_TRUE(c.send(flood));
+  ASSERT_TRUE(c.send(flood + message(2, 0xecc0)));
   ASSERT_TRUE(until([&] { return under_way() >= 4097; }));
   host::of_ss::run_timers();
   EXPECT_EQ(under_way(), 4097u);
+  EXPECT_FALSE(c.await(3).empty()) << "an echo request goes ahead of all that waits";
   for (std::size_t round = 2; round <= 20; ++round) {
     Controller other(port);
     ASSERT_TRUE(other.send(hello() + flood));
@@ -225,6 +226,18 @@ TEST_F(FlowsTest, BarriersWithoutEndAreNotTakenWithoutEnd) {
   ASSERT_FALSE(c.await(21, 5000).empty());
   std::uint32_t xid = 0;
   for (const Message &reply : c.of_type(21)) EXPECT_EQ(get(reply, 4, 4), ++xid);
+  EXPECT_TRUE(c.settle());
+  EXPECT_EQ(c.of_type(3).size(), 1u) << "and is answered once";
+}
+
+// Some controllers number a batch and its barrier alike.
+TEST_F(FlowsTest, RequestsMayShareTheirTransactionNumber) {
+  hand_over(flow_mod(ipv4_flow(1, 9)) + barrier(9) + flow_mod(ipv4_flow(2, 9)) + barrier(9), 2);
+  PlayedDaemon::fail(2, 2);
+  EXPECT_EQ(error_of(c.await(1)), "5/0");
+  daemon.answer_barriers();
+  ASSERT_FALSE(c.await(21, 2).empty());
+  for (const Message &m : c.received()) EXPECT_EQ(get(m, 4, 4), 9u);
 }
 
 // ---- changes
@@ -315,6 +328,14 @@ TEST_F(FlowsTest, ManyChangesInARowLeaveTheLastForm) {
   for (const Message &m : daemon.flows(false)) gone.push_back(index_of(m));
   EXPECT_EQ(gone, (std::vector<std::uint64_t>{1, 2, 3, 4}));
   ASSERT_EQ(dump().size(), 1u);
+}
+
+TEST_F(FlowsTest, AnAddDoesNotLookAtTheFiltersOfADelete) {
+  FlowMod f = ipv4_flow(1);
+  f.out_port = 0, f.out_group = 0, f.cookie_mask = 0xff;
+  apply(flow_mod(f));
+  EXPECT_TRUE(errors().empty());
+  EXPECT_EQ(dump().size(), 1u);
 }
 
 TEST_F(FlowsTest, ARefusedFlowTellsTheMeterTheOverlapAndTheRoom) {
@@ -427,6 +448,32 @@ TEST_F(FlowsTest, AFlowThatAskedForItIsReportedWhenItGoes) {
             "0000000000000003"
             "000000000000012c");
   EXPECT_EQ(text.substr(96), to_hex(match(f.fields)));
+}
+
+// Asynchronous messages go to whom the masks say, and to nobody before its FEATURES_REPLY.
+TEST_F(FlowsTest, AFlowsEndIsReportedToThoseWhoWantToHearOfIt) {
+  Controller slave, shy(port);
+  come_up(slave);
+  slave.ask(message(24, 1, hex("00000003 00000000 0000000000000001")));
+  ASSERT_TRUE(shy.send(hello()));
+  ASSERT_TRUE(shy.settle());
+  const auto reports = [&](std::uint32_t destination) {
+    FlowMod f = ipv4_flow(destination);
+    f.flags = 1;
+    apply(flow_mod(f));
+    f.command = 4;
+    apply(flow_mod(f));
+    EXPECT_TRUE(slave.settle() && shy.settle());
+    return std::tuple(c.of_type(11).size(), slave.of_type(11).size(), shy.of_type(11).size());
+  };
+  EXPECT_EQ(reports(1), std::tuple(1u, 0u, 0u));
+  // FLOW_REMOVED for a deletion: no more as equal, from now on as slave.
+  c.send(message(28, 2, hex("00000007 00000000 00000007 00000007 0000000b 00000000")));
+  slave.send(message(28, 2, hex("00000007 00000000 00000007 00000007 00000000 00000004")));
+  EXPECT_TRUE(slave.settle());
+  EXPECT_EQ(reports(2), std::tuple(1u, 1u, 0u));
+  shy.ask(message(5, 3));
+  EXPECT_EQ(reports(3), std::tuple(1u, 2u, 1u));
 }
 
 // ---- time
