@@ -22,15 +22,7 @@ using Settings = std::vector<std::pair<std::string, std::string>>;
 class OldServer {
  public:
   explicit OldServer(const std::string &version, std::chrono::milliseconds delay = 0ms) {
-    listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(listener_, reinterpret_cast<sockaddr *>(&address), sizeof address);
-    ::listen(listener_, 1);
-    socklen_t length = sizeof address;
-    ::getsockname(listener_, reinterpret_cast<sockaddr *>(&address), &length);
-    port = ntohs(address.sin_port);
+    listener_ = listen_anywhere(&port);
     const std::string info = "# Server\r\nredis_version:" + version + "\r\nrun_id:abc\r\n";
     answers_ = {"+OK\r\n", "$" + std::to_string(info.size()) + "\r\n" + info + "\r\n"};
     thread_ = std::thread([this, delay] {
@@ -51,7 +43,26 @@ class OldServer {
   }
   int port = 0;
 
+  static int free_port() {
+    int port = 0;
+    ::close(listen_anywhere(&port));
+    return port;
+  }
+
  private:
+  static int listen_anywhere(int *port) {
+    const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ::bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof address);
+    ::listen(listener, 1);
+    socklen_t length = sizeof address;
+    ::getsockname(listener, reinterpret_cast<sockaddr *>(&address), &length);
+    *port = ntohs(address.sin_port);
+    return listener;
+  }
+
   int listener_ = -1;
   std::vector<std::string> answers_;
   std::thread thread_;
@@ -487,6 +498,21 @@ TEST(MomRedisProcesses, TwoProcessesWorkOnTheSameObjects) {
 
 // ---- starting
 
+// Over TCP, by name, with a password.
+TEST(MomRedisStart, TcpAndPasswordServeAsTheSocketDoes) {
+  const std::string port = std::to_string(OldServer::free_port());
+  const support::RedisServer server({"--port", port, "--bind", "127.0.0.1", "--requirepass", "sesame"});
+  World world(std::make_unique<Elsewhere>("redis://localhost:" + port), {{"mom.password", "sesame"}});
+  ASSERT_NE(world.global(), nullptr);
+  world.connect_all();
+  world.watch<0>(kFlow);
+  Flow flow(1);
+  ASSERT_EQ(world.setow(flow, 1), 0);
+  EXPECT_EQ(world.get(flow).cmd, 1u);
+  world.settle();
+  EXPECT_EQ(trace(recorders[0].seen), "1:1");
+}
+
 TEST(MomRedisStart, AFrozenServerIsGivenUpInOneLine) {
   support::RedisServer server;
   server.kill(SIGSTOP);
@@ -519,6 +545,9 @@ TEST(MomRedisStart, SaysInOneLineWhatIsWrong) {
   EXPECT_EQ(start_at("redis://user@host:1"),
             "mom_test: mom.url 'redis://user@host:1': must be redis://HOST:PORT with a port from 1 to 65535 (the password has a "
             "key of its own)\n");
+  const std::string nowhere = start_at("redis://no-such-host.invalid:6379");
+  EXPECT_EQ(nowhere.find("mom_test: mom.url redis://no-such-host.invalid:6379: the host has no address: "), 0u) << nowhere;
+  EXPECT_EQ(std::count(nowhere.begin(), nowhere.end(), '\n'), 1);
   const OldServer old("6.2.14");
   const std::string url = "redis://127.0.0.1:" + std::to_string(old.port);
   EXPECT_EQ(start_at(url), "mom_test: mom.url " + url + ": the server's version is '6.2.14'; 7 or later is needed\n");

@@ -116,8 +116,11 @@ TEST_F(MomViews, CountsAndRefusesClearly) {
     EXPECT_EQ(type.at("subscribers"), 1);
   }
   EXPECT_TRUE(found);
+  const Json client = view("mom", {{"op", "client"}});
+  EXPECT_EQ(client.at("connected"), Json::parse("[0, 4, 8]"));
+  EXPECT_EQ(client.at("skipped"), Json::object());
 
-  EXPECT_EQ(view("mom", {{"op", "dance"}}), "no op 'dance'; there are stats, ls, scan and get");
+  EXPECT_EQ(view("mom", {{"op", "dance"}}), "no op 'dance'; there are stats, client, ls, scan and get");
   EXPECT_EQ(view("mom", {{"op", "get"}, {"key", "s_policy_kelim.flow:1"}}),
             "'s_policy_kelim.flow:1' is no key of s_policy_kelim.flow");
   EXPECT_EQ(view("mom", {{"op", "ls"}, {"type", "s_policy_kelim.flow"}, {"db", 3}}), "no database 3; there are 0, 4 and 8");

@@ -86,6 +86,7 @@ class Database(e2e.Test):
         self.assertEqual(record["flow_field"]["dst_ipv4"], "10.0.0.1")
         self.assertIn("OXM_SS_OF_IPV4_DST", record["flow_field"]["flow_field_bitmap"])
         rows = {(row["type"], row["db"]): row for row in self.running.ask_json("mom", "stats")["types"]}
+        self.assertEqual(self.running.ask_json("mom", "stats")["client"]["connected"], [4, 8])
         flows = rows[kind, 8]
         self.assertEqual(flows["objects"], 5)
         self.assertTrue(5 * 150 < flows["bytes"] < 5 * 5000, flows)
@@ -132,6 +133,7 @@ class DatabaseInRedis(Database):
         self.assertEqual(self.running.ask_json("mom", "--url", "embedded:", "get", "flow", key), own)
         self.running.stop()
         self.assertEqual(self.running.ask_json("mom", "get", "flow", key), own)
+        self.assertIsNone(self.running.ask_json("mom", "stats")["client"])
         self.assertEqual(self.running.kelimctl("mom", "--url", "embedded:", "get", "flow", key).returncode, 3)
         nobody = self.running.kelimctl("mom", "--url", "redis+unix:/nowhere", "ls", "flow")
         self.assertEqual((nobody.returncode, nobody.stderr), (3, "kelimctl: mom.url redis+unix:/nowhere: No such file or directory\n"))

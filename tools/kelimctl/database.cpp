@@ -22,6 +22,7 @@ class InDaemon final : public Database {
  public:
   explicit InDaemon(Link &link) : link_(link) {}
   Json query(const Json &args) override { return link_.view("mom", args); }
+  Json client() override { return query({{"op", "client"}}); }
   void watch(const Json &args, const Each &each) override { link_.watch("mom", args, each); }
 
  private:
@@ -31,7 +32,7 @@ class InDaemon final : public Database {
 // The host's own client of the database, in a runtime of its own: what the daemon's views show is made by the same code here.
 class InServer final : public Database {
  public:
-  InServer() {
+  explicit InServer(Link &link) : daemon_(link) {
     const std::string &url = host::config().mom.url;
     must_answer(url);
     const std::pair<const char *, std::string> settings[] = {
@@ -53,6 +54,14 @@ class InServer final : public Database {
       return mom::query(*mom::hub(), args);
     } catch (const std::invalid_argument &error) {
       throw Problem(kUsage, error.what());
+    }
+  }
+
+  Json client() override {
+    try {
+      return daemon_.client();
+    } catch (const Problem &) {
+      return nullptr;
     }
   }
 
@@ -88,7 +97,9 @@ class InServer final : public Database {
     const std::chrono::milliseconds limit(host::config().mom.sync_timeout_ms);
     mom::SyncConnection connection(endpoint, QX_MOM_UDP_DB, limit);
     connection.set_deadline(std::chrono::steady_clock::now() + limit);
-    if (const std::string why = connection.open(); !why.empty()) throw Problem(kNoProcess, "mom.url " + url + ": " + why);
+    std::string why = mom::resolve(&endpoint);
+    if (why.empty()) why = connection.open();
+    if (!why.empty()) throw Problem(kNoProcess, "mom.url " + url + ": " + why);
   }
 
   static std::shared_ptr<void> begin(const Json &args, host::control::Push push) {
@@ -99,6 +110,7 @@ class InServer final : public Database {
     }
   }
 
+  InDaemon daemon_;
   qx_global *global_ = nullptr;
 };
 
@@ -106,7 +118,7 @@ class InServer final : public Database {
 
 std::unique_ptr<Database> open_database(Link &link) {
   if (host::config().mom.url == "embedded:") return std::make_unique<InDaemon>(link);
-  return std::make_unique<InServer>();
+  return std::make_unique<InServer>(link);
 }
 
 }  // namespace kelimctl

@@ -16,6 +16,9 @@ class Database {
   // "op" and its arguments (host/mom/views.h).
   virtual Json query(const Json &args) = 0;
 
+  // What the daemon's own client of the database counts; null when no daemon answers.
+  virtual Json client() = 0;
+
   // Gives every change to `each` until that returns false or the user interrupts; first {"live": ...} when it begins.
   using Each = std::function<bool(const Json &line)>;
   virtual void watch(const Json &args, const Each &each) = 0;

@@ -317,24 +317,30 @@ std::string records_text(const Json &data) {
 }
 
 Json database_stats(Database &database) {
-  return database.query({{"op", "stats"}});
+  Json data = database.query({{"op", "stats"}});
+  data["client"] = database.client();
+  return data;
 }
 
 std::string database_stats_text(const Json &data) {
-  std::string text = "Store: " + cell(data, "store") + ", " + cell(data, "delivered") + " notifications delivered, " +
-                     cell(data, "queued") + " under way.\n\n";
   Json used = Json::array();
   for (const Json &type : data.value("types", Json::array())) {
     if (type.value("objects", 0) + type.value("subscribers", 0) != 0) used.push_back(type);
   }
-  text += list_text(used,
-                    {{{"TYPE"}, "type"},
-                     {{"DB", true}, "db"},
-                     {{"OBJECTS", true}, "objects"},
-                     {{"BYTES", true}, "bytes"},
-                     {{"SUBSCRIBERS", true}, "subscribers"}},
-                    "No record type was used so far.");
-  const Json skipped = data.value("skipped", Json::object());
+  std::string text = "Store: " + cell(data, "store") + ", " + cell(data, "url") + "\n\n" +
+                     list_text(used,
+                               {{{"TYPE"}, "type"},
+                                {{"DB", true}, "db"},
+                                {{"OBJECTS", true}, "objects"},
+                                {{"BYTES", true}, "bytes"},
+                                {{"SUBSCRIBERS", true}, "subscribers"}},
+                               "No record type was used so far.");
+  const Json client = data.value("client", Json());
+  if (client.is_null()) return text;
+  text += "\nThe daemon: connected to databases " + client.value("connected", Json::array()).dump() + ", " +
+          cell(client, "delivered") + " notifications delivered, " + cell(client, "queued") + " under way, " +
+          cell(client, "refused_writes") + " writes refused\n";
+  const Json skipped = client.value("skipped", Json::object());
   for (const auto &[kind, count] : skipped.items()) text += "skipped, " + kind + ": " + count.dump() + "\n";
   return text;
 }

@@ -245,8 +245,9 @@ int Embedded::scan_sync(Slot &slot, const Visitor &visit) {
   return 0;
 }
 
-void Embedded::subscribe(Slot &, std::function<void()> live) {
+bool Embedded::subscribe(Slot &, std::function<void()> live) {
   hub_.later().act(std::move(live));
+  return true;
 }
 
 std::optional<Store::Held> Embedded::held(Slot &slot) {

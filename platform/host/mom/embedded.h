@@ -33,7 +33,7 @@ class Embedded final : public Store {
   int del_expire_tag(Slot &slot, int64_t tag) override;
   int get_sync(Slot &slot, const Key &key, std::vector<uint8_t> &packed) override;
   int scan_sync(Slot &slot, const Visitor &visit) override;
-  void subscribe(Slot &slot, std::function<void()> live) override;
+  bool subscribe(Slot &slot, std::function<void()> live) override;
   std::optional<Held> held(Slot &slot) override;
   void provoke_reconnect(Database &db, int32_t type) override;
 

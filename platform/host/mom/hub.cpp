@@ -98,17 +98,18 @@ int Hub::subscribe(Slot &slot, bool packed, qx_mom_notify_cb callback, bool firs
   return 0;
 }
 
-void Hub::watch(Slot &slot, const std::shared_ptr<Watcher> &watcher) {
+bool Hub::watch(Slot &slot, const std::shared_ptr<Watcher> &watcher) {
+  if (!listen(slot, watcher)) return false;
   slot.watchers.push_back(watcher);
-  listen(slot, watcher);
+  return true;
 }
 
 void Hub::listen(Slot &slot, Subscription &subscription) {
   store_->subscribe(slot, [this, &slot, &subscription] { data_fetch(slot, subscription); });
 }
 
-void Hub::listen(Slot &slot, const std::weak_ptr<Watcher> &watcher) {
-  store_->subscribe(slot, [&slot, watcher] {
+bool Hub::listen(Slot &slot, const std::weak_ptr<Watcher> &watcher) {
+  return store_->subscribe(slot, [&slot, watcher] {
     if (const auto living = watcher.lock()) living->live(slot);
   });
 }

@@ -78,8 +78,8 @@ class Hub {
   int set_reconnect(Database &db, qx_mom_reconnect_cb callback);
   // `first`: called before the subscriptions that are there already.
   int subscribe(Slot &slot, bool packed, qx_mom_notify_cb callback, bool first = false);
-  // As long as the watcher lives. The database must be connected.
-  void watch(Slot &slot, const std::shared_ptr<Watcher> &watcher);
+  // As long as the watcher lives. False when the slot's changes do not reach this process.
+  bool watch(Slot &slot, const std::shared_ptr<Watcher> &watcher);
 
   // ---- what a store reports
 
@@ -110,7 +110,7 @@ class Hub {
 
  private:
   void listen(Slot &slot, Subscription &subscription);
-  void listen(Slot &slot, const std::weak_ptr<Watcher> &watcher);
+  bool listen(Slot &slot, const std::weak_ptr<Watcher> &watcher);
   void data_fetch(Slot &slot, Subscription &subscription);
   void tell_watchers(Slot &slot, Change change, Bytes packed, const Key *key);
   // Null for bytes that are no record of the type, or one with another key than `key` where that is given.

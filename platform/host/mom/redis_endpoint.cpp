@@ -1,6 +1,8 @@
 #include "host/mom/redis_endpoint.h"
 
+#include <netdb.h>
 #include <poll.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -53,6 +55,27 @@ std::string parse_endpoint(const std::string &url, Endpoint *endpoint) {
   endpoint->host = host;
   if (good && !host.empty() && host.find_first_of("/@") == std::string_view::npos) return "";
   return "mom.url '" + url + "': must be redis://HOST:PORT with a port from 1 to 65535 (the password has a key of its own)";
+}
+
+std::string resolve(Endpoint *endpoint) {
+  if (!endpoint->path.empty()) return "";
+  std::string why;
+  for (const int family : {AF_INET, AF_INET6}) {
+    addrinfo hints{};
+    hints.ai_family = family;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo *first = nullptr;
+    if (const int rv = getaddrinfo(endpoint->host.c_str(), nullptr, &hints, &first); rv != 0) {
+      why = gai_strerror(rv);
+      continue;
+    }
+    const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> found(first, freeaddrinfo);
+    char numeric[NI_MAXHOST] = "";
+    getnameinfo(found->ai_addr, found->ai_addrlen, numeric, sizeof numeric, nullptr, 0, NI_NUMERICHOST);
+    endpoint->host = numeric;
+    return "";
+  }
+  return "the host has no address: " + why;
 }
 
 ServerInfo parse_info(std::string_view text) {

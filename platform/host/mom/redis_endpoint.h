@@ -29,6 +29,10 @@ struct Endpoint {
 // "redis+unix:/PATH", "redis://HOST:PORT", "redis://HOST", HOST also "[IPV6]". "" or what is wrong with the URL.
 std::string parse_endpoint(const std::string &url, Endpoint *endpoint);
 
+// Puts the host's numeric address in place of its name. To be called once, at the start: looking names up blocks, and the loop
+// must not. "" or why it has none.
+std::string resolve(Endpoint *endpoint);
+
 // What INFO tells of the server.
 struct ServerInfo {
   std::string run_id;  // of this server process

@@ -77,7 +77,8 @@ std::string RedisStore::probe() {
   const auto begin = steady_clock::now();
   while (true) {
     connection.set_deadline(steady_clock::now() + limit_);
-    std::string why = connection.open();
+    std::string why = resolve(&endpoint_);
+    if (why.empty()) why = connection.open();
     const bool loading = connection.server().loading || why.starts_with("LOADING");
     if (why.empty() && !loading) return "";
     const auto patience = loading ? kLoadPatience : kStartPatience;
@@ -460,16 +461,18 @@ std::optional<Store::Held> RedisStore::held(Slot &slot) {
 
 // ---- notifications
 
-void RedisStore::subscribe(Slot &slot, std::function<void()> live) {
+bool RedisStore::subscribe(Slot &slot, std::function<void()> live) {
   Table &table = this->table(slot);
+  if (!table.base.link) return false;
   if (table.channel_live) {
     hub_.later().act(std::move(live));
-    return;
+    return true;
   }
   table.waiting.push_back(std::move(live));
   // Deletions first: when the other channel is confirmed, both are.
   watch_deletions(table);
   if (!std::exchange(table.channel_asked, true)) link(table).subscribe(table.channel);
+  return true;
 }
 
 void RedisStore::subscribed(Base &base, std::string_view channel) {

@@ -55,7 +55,7 @@ class RedisStore final : public Store {
   int del_expire_tag(Slot &slot, int64_t tag) override;
   int get_sync(Slot &slot, const Key &key, std::vector<uint8_t> &packed) override;
   int scan_sync(Slot &slot, const Visitor &visit) override;
-  void subscribe(Slot &slot, std::function<void()> live) override;
+  bool subscribe(Slot &slot, std::function<void()> live) override;
   std::optional<Held> held(Slot &slot) override;
 
  private:

@@ -50,7 +50,8 @@ class Store {
   virtual int scan_sync(Slot &slot, const Visitor &visit) = 0;
 
   // Reports the slot's changes from now on; `live` runs in a later turn, once that is so, unless the connection ends before.
-  virtual void subscribe(Slot &slot, std::function<void()> live) = 0;
+  // False for a database whose changes do not reach this process, because it never connected.
+  virtual bool subscribe(Slot &slot, std::function<void()> live) = 0;
 
   // How many objects the slot holds, about how many bytes they take and how many subscribers listen, for the views; nothing when
   // that cannot be had now.

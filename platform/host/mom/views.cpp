@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
+#include "host/config/config.h"
 #include "host/control/control.h"
 #include "host/mom/hub.h"
 #include "host/mom/render.h"
@@ -60,8 +61,19 @@ Json stats(Hub &hub) {
                        {"subscribers", held->subscribers}});
     }
   }
-  return {{"store", hub.store().kind()},     {"types", std::move(types)},    {"delivered", hub.delivered()},
-          {"refused_writes", hub.refused()}, {"queued", hub.later().size()}, {"skipped", hub.skipped()}};
+  return {{"store", hub.store().kind()}, {"url", host::config().mom.url}, {"types", std::move(types)}};
+}
+
+Json client(Hub &hub) {
+  Json connected = Json::array();
+  for (const Database &db : hub.databases()) {
+    if (db.up) connected.push_back(db.number);
+  }
+  return {{"connected", std::move(connected)},
+          {"delivered", hub.delivered()},
+          {"queued", hub.later().size()},
+          {"refused_writes", hub.refused()},
+          {"skipped", hub.skipped()}};
 }
 
 const RecordType &type_argument(std::string_view name) {
@@ -161,7 +173,10 @@ uint64_t wall_clock_us() {
 
 class Changes final : public Watcher {
  public:
-  Changes(host::control::Push push, size_t slots) : push_(std::move(push)), slots_(slots) {}
+  explicit Changes(host::control::Push push) : push_(std::move(push)) {}
+
+  // How many slots are watched; known before the first can be live.
+  void expect(size_t slots) { slots_ = slots; }
 
   void live(Slot &) override {
     if (++live_ == slots_) push_([&] { return Json{{"live", slots_}}; });
@@ -181,7 +196,7 @@ class Changes final : public Watcher {
 
  private:
   host::control::Push push_;
-  size_t slots_;
+  size_t slots_ = 0;
   size_t live_ = 0;
 };
 
@@ -199,25 +214,25 @@ nlohmann::ordered_json query(Hub &hub, const nlohmann::json &args) {
   const std::string op = args.value("op", "stats");
   try {
     if (op == "stats") return stats(hub);
+    if (op == "client") return client(hub);
     if (op == "ls" || op == "scan") return list(hub, args, op == "scan");
     if (op == "get") return get(hub, args);
   } catch (const nlohmann::json::exception &error) {
     throw std::invalid_argument("op '" + op + "': " + error.what());
   }
-  throw std::invalid_argument("no op '" + op + "'; there are stats, ls, scan and get");
+  throw std::invalid_argument("no op '" + op + "'; there are stats, client, ls, scan and get");
 }
 
 std::shared_ptr<void> watch(Hub &hub, const nlohmann::json &args, host::control::Push push) {
   std::vector<const RecordType *> types = RecordType::all();
   if (args.contains("type")) types = {&type_argument(args.at("type").get<std::string>())};
-  std::vector<Slot *> slots;
+  auto changes = std::make_shared<Changes>(std::move(push));
+  size_t slots = 0;
   each_database(hub, args, [&](Database &db) {
-    if (!db.up) return;
-    for (const RecordType *type : types) slots.push_back(&hub.slot(db, *type));
+    for (const RecordType *type : types) slots += hub.watch(hub.slot(db, *type), changes);
   });
-  if (slots.empty()) throw std::invalid_argument("no database is connected");
-  auto changes = std::make_shared<Changes>(std::move(push), slots.size());
-  for (Slot *slot : slots) hub.watch(*slot, changes);
+  if (slots == 0) throw std::invalid_argument("no database is connected");
+  changes->expect(slots);
   return changes;
 }
 

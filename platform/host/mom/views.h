@@ -2,7 +2,8 @@
 // "mom"), or from kelimctl's own connection to the server. Loop's thread.
 //
 // A query by its argument "op":
-//   stats                     per database and type: objects, bytes, subscribers; deliveries; what was skipped
+//   stats                     per database and type: objects, bytes, subscribers
+//   client                    of this process: databases connected, notifications delivered, writes refused, what was skipped
 //   ls {type, db?, limit?}    canonical keys
 //   scan {type, db?, limit?}  keys with decoded records
 //   get {key, db?}            one decoded record
