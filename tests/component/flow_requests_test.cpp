@@ -1,5 +1,6 @@
 // The controller's other requests: meters, connections, barriers, statistics and reports, controller addresses, packet path.
 #include "component/flow_world.h"
+#include "host/runtime/clock.h"
 #include "s_cluster.pb-c.h"
 #include "ssc_kelim/sdn/ssc_kelim_adapt.h"
 #include "ssc_kelim/sdn/ssc_kelim_init.h"
@@ -35,12 +36,12 @@ class FlowRequests : public FlowWorld {
     send(d.pi().flow_count, message(type, le(cells) + le(std::uint32_t{9})));
     d.tick();
   }
-  // Lets the sending thread's five seconds pass, again where it was not asleep yet, until there are as many reports; their
-  // lengths.
-  std::vector<std::size_t> reports(std::size_t count) {
-    int tries = 0;
-    do d.warp(5000ms);
-    while (d.replies(27).size() < count && ++tries < 1000);
+  // Lets the sending thread's five seconds pass, until it sleeps again; the lengths of all reports so far.
+  std::vector<std::size_t> reports() {
+    EXPECT_TRUE(d.until([] { return host::clock::sleeps() > 0; }));
+    const std::uint64_t before = host::clock::sleeps();
+    d.warp(5000ms);
+    EXPECT_TRUE(d.until([before] { return host::clock::sleeps() > before; }));
     std::vector<std::size_t> lengths;
     for (const Bytes &report : d.replies(27)) lengths.push_back(report.size());
     return lengths;
@@ -197,10 +198,10 @@ TEST_F(FlowRequests, statistics_of_all_flows_are_one_reply_a_counter) {
 }
 
 TEST_F(FlowRequests, counter_changes_leave_in_packed_reports) {
-  EXPECT_EQ(reports(0).size(), 0u) << "no change, no report";
+  EXPECT_EQ(reports().size(), 0u) << "no change, no report";
   for (std::uint64_t i = 1; i <= 101; i++) counter(i, i * 2, i * 3);
   d.tick();
-  EXPECT_EQ(reports(2), (std::vector<std::size_t>{8 + 24 * 100, 8 + 24}));
+  EXPECT_EQ(reports(), (std::vector<std::size_t>{8 + 24 * 100, 8 + 24}));
   const Texts sent = replies(27);
   // Type 27, version 4 whatever the connection's, 2408 bytes; the changes of flow 1.
   EXPECT_EQ(sent[0].substr(0, 64),
@@ -224,30 +225,30 @@ TEST_F(FlowRequests, the_size_of_a_report_can_be_set) {
   changes(3);
   configure_cells(2);
   changes(3);
-  EXPECT_EQ(reports(3), (std::vector<std::size_t>{8 + 24 * 3, 8 + 24 * 2, 8 + 24}));
+  EXPECT_EQ(reports(), (std::vector<std::size_t>{8 + 24 * 3, 8 + 24 * 2, 8 + 24}));
   d.forget_replies();
   // Raised: a report begun under the lower maximum keeps its size.
   changes(1);
   configure_cells(100);
   changes(3);
-  EXPECT_EQ(reports(2), (std::vector<std::size_t>{8 + 24 * 2, 8 + 24 * 2}));
+  EXPECT_EQ(reports(), (std::vector<std::size_t>{8 + 24 * 2, 8 + 24 * 2}));
   d.forget_replies();
   // What cannot be: nothing a report, more than its length can say, and a message of another type.
   d.expect_error("OF TYPE(25) IS ERROR");
   configure_cells(0);
   configure_cells(50, 25);
   changes(2);
-  EXPECT_EQ(reports(2), (std::vector<std::size_t>{8 + 24, 8 + 24}));
+  EXPECT_EQ(reports(), (std::vector<std::size_t>{8 + 24, 8 + 24}));
   d.forget_replies();
   configure_cells(0x7fffffff);
   changes(2731);
-  EXPECT_EQ(reports(2), (std::vector<std::size_t>{8 + 24 * 2730, 8 + 24}));
+  EXPECT_EQ(reports(), (std::vector<std::size_t>{8 + 24 * 2730, 8 + 24}));
   d.forget_replies();
   d.expect_error("MALLOC ERR![");
   d.expect_error("Error: failed to alloc memory.");
   fail_allocation(1);
   changes(2);
-  EXPECT_EQ(reports(1), (std::vector<std::size_t>{8 + 24})) << "one cell is lost";
+  EXPECT_EQ(reports(), (std::vector<std::size_t>{8 + 24})) << "one cell is lost";
 }
 
 TEST_F(FlowRequests, controller_addresses) {

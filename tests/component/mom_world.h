@@ -20,12 +20,11 @@
 #include "s_cluster.pb-c.h"
 #include "s_policy_kelim.pb-c.h"
 #include "support/redis_server.h"
+#include "support/runtime_fixture.h"
 
 namespace mom_test {
 
 using namespace std::chrono_literals;
-
-inline constexpr auto kPatience = 20s;
 
 // What the store under test needs around it.
 class Backend {

@@ -192,12 +192,14 @@ TEST_F(FlowsTest, MoreThanTheWindowWaitsAndIsNotLost) {
   for (std::uint32_t i = 0; i < kFlows; ++i) append(burst, flow_mod(ipv4_flow(i, i)));
   daemon.hold_barriers(true);
   std::size_t sent = 0;
-  c.send_rest(burst, sent, 300ms);
-  ASSERT_TRUE(until([this] { return daemon.flows(true).size() >= 65'536; }));
+  ASSERT_TRUE(until([&] {
+    c.send_more(burst, sent);
+    return daemon.flows(true).size() >= 65'536;
+  }));
   ASSERT_TRUE(c.send_rest(burst, sent, 300ms) || sent > 65'536 * 80);
   EXPECT_EQ(daemon.flows(true).size(), 65'536u) << "no more while nothing is decided";
   daemon.answer_barriers();
-  EXPECT_TRUE(c.send_rest(burst, sent, 10s));
+  EXPECT_TRUE(c.send_rest(burst, sent, kPatience));
   EXPECT_TRUE(c.settle());
   EXPECT_EQ(daemon.flows(true).size(), kFlows);
 }

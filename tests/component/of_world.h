@@ -205,21 +205,20 @@ class Controller {
   }
   void limit_receive_buffer(int bytes) { setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes); }
 
-  // Sends all of it, letting the loop turn where the peer does not take it at once; false when it does not within five seconds.
-  bool send(const Message &bytes, std::chrono::milliseconds limit = 5s) {
+  // Sends all of it, letting the loop turn where the peer does not take it at once; false when it does not.
+  bool send(const Message &bytes, std::chrono::milliseconds limit = kPatience) {
     std::size_t sent = 0;
     return send_rest(bytes, sent, limit);
   }
   // The same for a message of which `sent` bytes have been taken before.
   bool send_rest(const Message &bytes, std::size_t &sent, std::chrono::milliseconds limit) {
-    return host::run_until(
-               [&] {
-                 const ssize_t n = put_some(std::span(bytes).subspan(sent));
-                 if (n > 0) sent += static_cast<std::size_t>(n);
-                 return sent == bytes.size() || (n < 0 && errno != EAGAIN);
-               },
-               limit) &&
-           sent == bytes.size();
+    return host::run_until([&] { return !send_more(bytes, sent); }, limit) && sent == bytes.size();
+  }
+  // Sends what the peer takes without waiting. Whether there is more to send.
+  bool send_more(const Message &bytes, std::size_t &sent) {
+    const ssize_t n = put_some(std::span(bytes).subspan(sent));
+    if (n > 0) sent += static_cast<std::size_t>(n);
+    return sent < bytes.size() && (n >= 0 || errno == EAGAIN);
   }
   // Takes what has arrived.
   void read() {
@@ -253,7 +252,7 @@ class Controller {
 
   // Waits for the n-th message of a type, or of a type and xid; an empty message when it does not come.
   Message await(std::uint8_t type, std::size_t n = 1) {
-    host::run_until([&] { return of_type(type).size() >= n || ended_; }, 5s);
+    host::run_until([&] { return of_type(type).size() >= n || ended_; }, kPatience);
     const auto found = of_type(type);
     return found.size() >= n ? found[n - 1] : Message{};
   }
@@ -267,7 +266,7 @@ class Controller {
     };
     forget();
     send(request);
-    host::run_until([&] { return answer() || ended_; }, 5s);
+    host::run_until([&] { return answer() || ended_; }, kPatience);
     return answer() ? *answer() : Message{};
   }
   // Everything sent so far has been taken and answered; the answer to the barrier that tells so is not kept.
@@ -280,7 +279,7 @@ class Controller {
                  read();
                  return std::erase(received_, answer) == 1 || ended_;
                },
-               5s) &&
+               kPatience) &&
            !ended_;
   }
 
@@ -343,7 +342,7 @@ class AgentTest : public RuntimeTest {
   void start() {
     ASSERT_EQ(ss_of_init(global), 0);
     PlayedDaemon::register_callbacks();
-    ASSERT_TRUE(host::run_until([this] { return daemon.told("CONNECTED"); }, 5s));
+    ASSERT_TRUE(host::run_until([this] { return daemon.told("CONNECTED"); }, kPatience));
     port = host::of_ss::listening_port();
   }
   // A controller that has shaken hands.
@@ -353,7 +352,7 @@ class AgentTest : public RuntimeTest {
     ASSERT_FALSE(controller.ask(of_wire::message(5, 0xfea7)).empty());
     controller.forget();
   }
-  static bool until(const std::function<bool()> &condition) { return host::run_until(condition, 5s); }
+  static bool until(const std::function<bool()> &condition) { return host::run_until(condition, kPatience); }
   // Moves the clock, and has the agent look at it.
   static void warp(std::chrono::milliseconds by) {
     host::clock::warp(by);

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <chrono>
 #include <filesystem>
 #include <string>
 
@@ -11,6 +12,9 @@
 #include "host/fault/fault.h"
 #include "host/runtime/clock.h"
 #include "qx_runtime.h"
+
+// How long a test waits for what must come about: long enough for a sanitizer's build on a busy machine.
+inline constexpr std::chrono::seconds kPatience{20};
 
 // A directory under /tmp that goes with its owner.
 class TempDir {

@@ -18,6 +18,8 @@ auto &g_changed = *new std::condition_variable;
 std::atomic<std::int64_t> g_offset{0};      // ns that the host clock is ahead of CLOCK_MONOTONIC
 std::atomic<std::int64_t> g_stopped_at{0};  // where it stands; 0 while it goes
 
+std::atomic<std::uint64_t> g_sleeps{0};
+
 std::int64_t monotonic() {
   timespec t;
   clock_gettime(CLOCK_MONOTONIC, &t);
@@ -63,6 +65,7 @@ void resume() {
 
 void sleep_until(Time deadline) {
   std::unique_lock lock(g_mutex);
+  g_sleeps.fetch_add(1, std::memory_order_release);
   for (Time at = now(); at < deadline; at = now()) {
     if (stopped()) {
       g_changed.wait(lock);
@@ -70,6 +73,10 @@ void sleep_until(Time deadline) {
       g_changed.wait_for(lock, deadline - at);
     }
   }
+}
+
+std::uint64_t sleeps() {
+  return g_sleeps.load(std::memory_order_acquire);
 }
 
 }  // namespace host::clock

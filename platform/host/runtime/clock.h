@@ -4,6 +4,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 
 namespace host::clock {
 
@@ -23,5 +24,8 @@ bool stopped();
 
 // Sleeps until the clock reaches `deadline`. Not on the loop's thread.
 void sleep_until(Time deadline);
+
+// Tests: how many sleeps have begun. After a warp, one more says that the sleeper woke, did its work and lay down again.
+std::uint64_t sleeps();
 
 }  // namespace host::clock
