@@ -75,6 +75,12 @@ bench: ## the benchmarks
 	$(call build,release)
 	@for program in $(call bin,release)/*_bench; do echo "== $$program"; $$program || exit 1; done
 
+.PHONY: bench-compare
+bench-compare: ## holds the daemon against Open vSwitch, and the road over Redis against Redis itself (some minutes)
+	$(call packages,bench-compare)
+	$(call build,release,$(programs) of_load redis_load)
+	@bench/compare.py $(call bin,release) $(ARGS)
+
 .PHONY: format
 format: ## formats the C++ sources in place
 	$(call packages,format)

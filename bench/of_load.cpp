@@ -5,12 +5,15 @@
 //
 //   of_load PORT burst N [ROUNDS]      N distinct adds and a barrier; the flows are deleted in between
 //   of_load PORT churn N [ROUNDS]      N times add and strict delete of the same flow, then a barrier
-//   of_load PORT latency SAMPLES       one add and a barrier
+//   of_load PORT latency SAMPLES [SOCKET CHANNEL]
+//                                      one add and a barrier; with a channel of a Redis server, the time since the first message
+//                                      there: since the switch began to work on the flow, however long it waited before
 //   of_load PORT fill N                N adds and a barrier, flows are left in place
 //   of_load PORT stats N [SAMPLES]     N adds and a barrier, then the statistics of all flows until their last part
 //
 // Prints one JSON object. Exit status 1 when the switch answered with an error or closed the connection.
 #include <arpa/inet.h>
+#include <hiredis/hiredis.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -24,6 +27,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <random>
 #include <span>
 #include <string_view>
@@ -155,6 +159,10 @@ class Client {
     }
   }
 
+  // For what fits into the socket at once.
+  void send_all(std::span<const std::uint8_t> out) {
+    if (send_some(out) != out.size()) die("the switch does not take one flow");
+  }
   std::uint64_t errors() const { return errors_; }
   // Entries of flow statistics so far.
   std::uint64_t entries() const { return entries_; }
@@ -264,13 +272,36 @@ void timed_rounds(Client &client, const char *mode, std::uint32_t n, int rounds)
   print_sorted(mode, n, values, client.errors());
 }
 
-void latency(Client &client, std::uint32_t samples) {
+// A channel of a Redis server.
+class Channel {
+ public:
+  Channel(const char *socket, const char *name) : context_(redisConnectUnix(socket), redisFree) {
+    if (!context_ || context_->err != 0) die("cannot connect to the Redis server");
+    redisAppendCommand(context_.get(), "SUBSCRIBE %s", name);
+    wait();
+  }
+  void wait() {
+    void *message = nullptr;
+    if (redisGetReply(context_.get(), &message) != REDIS_OK) die("the Redis server closed the connection");
+    freeReplyObject(message);
+  }
+
+ private:
+  std::unique_ptr<redisContext, decltype(&redisFree)> context_;
+};
+
+void latency(Client &client, std::uint32_t samples, Channel *begin) {
   std::mt19937 random(1);
   std::vector<double> values;
   for (std::uint32_t i = 0; i < samples; ++i) {
     pause(random, std::chrono::milliseconds(100));
     Bytes out = adds(1, i);
     plain(out, kBarrierRequest, 60);
+    if (begin != nullptr) {
+      client.send_all(out);
+      begin->wait();
+      out.clear();
+    }
     values.push_back(seconds_of(client, out, 60));
   }
   clear(client);
@@ -312,7 +343,9 @@ int main(int argc, char **argv) {
   if (mode == "burst" || mode == "churn") {
     timed_rounds(client, argv[2], n, rounds);
   } else if (mode == "latency") {
-    latency(client, n);
+    std::unique_ptr<Channel> begin;
+    if (argc > 5) begin = std::make_unique<Channel>(argv[4], argv[5]);
+    latency(client, n, begin.get());
   } else if (mode == "fill") {
     Bytes out = adds(n, 0);
     plain(out, kBarrierRequest, 60);

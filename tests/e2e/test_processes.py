@@ -183,7 +183,7 @@ class Processes(e2e.Test):
             programmer_script=REFUSED, programmer_counter_rate=1000, programmer_counter_interval_ms=50,
             openflow_capacity=2 * FLOWS, openflow_decide_timeout_ms=LIMIT * 1000,
         )
-        for victim in ("ssc_kelim", "kelim-programmer", "redis-server"):
+        for victim in reversed(system.NAMES):
             with self.subTest(victim=victim):
                 barriers = BarrierClient(system)
                 try:

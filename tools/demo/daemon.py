@@ -140,6 +140,8 @@ class Daemon:
 class System(Daemon):
     """Redis, kelim-programmer and the daemon as processes of their own, kept running by tools/demo/supervise, which is `process`."""
 
+    NAMES = ("redis-server", "kelim-programmer", "ssc_kelim")
+
     def __init__(self, bin_dir, **settings):
         run_dir = tempfile.mkdtemp(prefix="kelim-")
         self.socket = f"{run_dir}/redis.sock"
