@@ -29,7 +29,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Context = std::unique_ptr<redisContext, decltype(&redisFree)>;
 
-constexpr std::size_t kRequestBytes = 330;  // a stored flow with one entry
+constexpr std::size_t kRequestBytes = 260;  // a stored flow with one entry
 constexpr std::size_t kAnswerBytes = 20;    // its status
 constexpr std::uint32_t kOutstanding = 256;
 
