@@ -18,7 +18,7 @@ Json Link::request(const Json &call) {
   connect();
   std::string line;
   if (const std::string why = client_.request(call.dump(), &line); !why.empty()) throw Problem(kFailed, process_ + ": " + why);
-  const Json answer = parse(line);
+  Json answer = parse(line);
   if (answer.value("status", 1) != 0) throw Problem(kUsage, answer.value("error", "refused without a reason"));
   return answer;
 }

@@ -261,9 +261,6 @@ int run(int argc, char **argv) {
     std::fflush(stdout);
     std::fprintf(stderr, "kelimctl: %s\n", problem.what());
     return problem.status;
-  } catch (const std::exception &error) {
-    std::fprintf(stderr, "kelimctl: %s\n", error.what());
-    return kFailed;
   }
   return kDone;
 }
@@ -272,5 +269,10 @@ int run(int argc, char **argv) {
 }  // namespace kelimctl
 
 int main(int argc, char **argv) {
-  return kelimctl::run(argc, argv);
+  try {
+    return kelimctl::run(argc, argv);
+  } catch (const std::exception &error) {
+    std::fprintf(stderr, "kelimctl: %s\n", error.what());
+    return kelimctl::kFailed;
+  }
 }

@@ -33,10 +33,12 @@ struct Member {
 std::string list_text(const Json &rows, const std::vector<Member> &members, const char *none) {
   if (!rows.is_array() || rows.empty()) return std::string(none) + "\n";
   std::vector<Column> columns;
+  columns.reserve(members.size());
   for (const Member &member : members) columns.push_back(member.column);
   Table table(columns);
   for (const Json &row : rows) {
     std::vector<std::string> cells;
+    cells.reserve(members.size());
     for (const Member &member : members) cells.push_back(member.text(row, member.key));
     table.add(std::move(cells));
   }

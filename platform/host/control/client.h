@@ -37,7 +37,7 @@ class Client {
     path.copy(address.sun_path, path.size());
     fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd_ >= 0 && ::connect(fd_, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0) return "";
-    const std::string why = path + ": " + strerror(errno);
+    std::string why = path + ": " + strerror(errno);
     disconnect();
     return why;
   }

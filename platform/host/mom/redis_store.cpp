@@ -180,7 +180,7 @@ void RedisStore::add_to_batch(Table &table, const Key &key, const std::string &m
   base.open_table = &table;
   if (!table.known.contains(key)) base.announced.push_back(member);
   base.confirmed.push_back(member);
-  const std::string_view record = as_text(packed), zero("", 1);
+  const std::string_view record = as_text(packed), zero("\0", 1);
   base.body.add_pieces({{"SET"}, {table.prefix, member}, {tag, record}});
   base.body.add_pieces({{"PUBLISH"}, {table.channel}, {"W", member, zero, record}}, charge);
   if (base.confirmed.size() >= kBatch) {
