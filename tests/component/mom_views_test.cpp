@@ -6,6 +6,8 @@
 
 #include "component/mom_world.h"
 #include "host/control/client.h"
+#include "host/mom/hub.h"
+#include "host/mom/views.h"
 #include "libcgstctrl.h"
 
 namespace mom_test {
@@ -126,6 +128,58 @@ TEST_F(MomViews, CountsAndRefusesClearly) {
   EXPECT_EQ(view("mom", {{"op", "ls"}, {"type", "s_policy_kelim.flow"}, {"db", 3}}), "no database 3; there are 0, 4 and 8");
   EXPECT_NE(view("mom", {{"op", "ls"}, {"type", "flow"}}).get<std::string>().find("no record type 'flow'; there are s_cluster"),
             std::string::npos);
+}
+
+class MomWatch : public testing::TestWithParam<std::string> {};
+
+INSTANTIATE_TEST_SUITE_P(Stores, MomWatch, testing::Values("Embedded", "Redis"), [](const auto &store) { return store.param; });
+
+TEST_P(MomWatch, ShowsEveryChangeWhateverItIsUntilItIsLetGo) {
+  const bool redis = GetParam() == "Redis";
+  World world(redis ? std::unique_ptr<Backend>(new RedisBackend) : std::make_unique<EmbeddedBackend>());
+  world.connect_all();
+  ASSERT_EQ(qx_mom_client_set_reconnect_cb(world.global(), 8, note_reconnect, nullptr), 0);
+  Json lines = Json::array();
+  auto watching = mom::watch(*mom::hub(), {{"db", 8}}, [&](const auto &line) { lines.push_back(Json(line())); });
+  const auto next = [&] {
+    EXPECT_TRUE(run_until([&] { return !lines.empty(); }));
+    const Json line = lines.empty() ? Json::object() : lines[0];
+    if (!lines.empty()) lines.erase(0);
+    return line;
+  };
+  EXPECT_EQ(next(), (Json{{"live", 11}}));  // the types of the schema
+  const auto change = [&] {
+    Json shown = mom::decode_change(next());
+    shown.erase("at");
+    return shown;
+  };
+
+  Flow flow(1);
+  SPolicyKelim__PktSig signal = S_POLICY_KELIM__PKT_SIG__INIT;
+  signal.is_pkt_start = 1;
+  ASSERT_EQ(world.set(flow), 0);
+  const Json written = change();
+  EXPECT_EQ(written.at("key"), "s_policy_kelim.flow:1:0");
+  EXPECT_EQ(written.at("change"), "written");
+  EXPECT_EQ(written.at("record").at("status"), "STATUS_NONE");
+  ASSERT_EQ(qx_mom_publish(world.global(), 8, base(&signal), 0, 0), 0);
+  EXPECT_EQ(change(), Json::parse(R"({"db":8,"change":"published","key":"s_policy_kelim.pkt_sig","record":{"is_pkt_start":1}})"));
+  world.backend().put_raw(8, "s_policy_kelim.flow:2:0", "\xff\xff");
+  EXPECT_EQ(change().at("record"), Json::parse(R"({"broken":true,"length":2})"));
+  ASSERT_EQ(world.pexpire(flow, 1), 0);
+  world.backend().pass(10ms);
+  const Json expired = change();
+  EXPECT_EQ(expired.at("change"), "deleted");
+  EXPECT_EQ(expired.at("record").at("index").at("flow_index"), 1);
+
+  world.backend().cut_connections(8);
+  ASSERT_TRUE(run_until([] { return !reconnects.empty() && reconnects.back() == 2; }));
+  ASSERT_EQ(world.set(flow), 0);
+  EXPECT_EQ(change().at("key"), "s_policy_kelim.flow:1:0");
+  watching.reset();
+  ASSERT_EQ(world.set(flow), 0);
+  world.settle();
+  EXPECT_EQ(lines, Json::array());
 }
 
 TEST_F(MomViews, CongestionShowsTopicsInFlight) {
