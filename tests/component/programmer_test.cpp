@@ -293,6 +293,55 @@ TEST_F(ProgrammerTest, StartsWithWhatIsThere) {
   EXPECT_EQ(counters(1), (std::vector<std::uint64_t>{5, 500, 1005, 5500}));
 }
 
+// Which of the scans at the start fails; there are seven, one a record type.
+class ProgrammerReading : public ProgrammerTest, public testing::WithParamInterface<unsigned> {};
+
+TEST_P(ProgrammerReading, IsRepeatedUntilEverythingCouldBeRead) {
+  host::clock::stop();
+  SPolicyKelim__ParseFlowKey key = S_POLICY_KELIM__PARSE_FLOW_KEY__INIT;
+  key.t_flow_type = 3;
+  SPolicyKelim__ParseFlow flow = S_POLICY_KELIM__PARSE_FLOW__INIT;
+  SPolicyKelim__FlowToAce wanted = S_POLICY_KELIM__FLOW_TO_ACE__INIT, orphan = S_POLICY_KELIM__FLOW_TO_ACE__INIT;
+  flow.index = wanted.index = &key;
+  SPolicyKelim__ParseFlowKey other = key;
+  key.flow_index = 7;
+  other.flow_index = 8;
+  orphan.index = &other;
+  ASSERT_EQ(qx_mom_set(global, QX_MOM_APP_DB, &flow.base, 0, 0), 0);
+  ASSERT_EQ(qx_mom_set(global, QX_MOM_APP_DB, &orphan.base, 0, 0), 0);
+  put_flow(1, 11);
+  put_answer(2, 12, kInstalled);  // its flow has gone
+  put_meter(3, "bands");
+  spin(5ms);
+  host::fault::fail(host::fault::Point::mom_scan, -1, GetParam());
+  start(options([](Options &o) { o.service_chain = true; }));
+  EXPECT_GT(host::fault::seen(host::fault::Point::mom_scan), GetParam());
+  host::clock::warp(200ms);
+  EXPECT_TRUE(host::run_until([&] { return has_answer(1) && !has_answer(2) && meter_status(3) == kInstalled; }, kPatience));
+  EXPECT_TRUE(host::run_until([&] { return look(QX_MOM_APP_DB, wanted) && !look(QX_MOM_APP_DB, orphan); }, kPatience));
+  EXPECT_EQ(answers(1), (std::vector<Told>{{1, 11, kInstalled}}));
+}
+
+INSTANTIATE_TEST_SUITE_P(EachScan, ProgrammerReading, testing::Range(0U, 7U));
+
+TEST_F(ProgrammerTest, NothingLeavesTheTargetWhileTheDatabaseCannotBeRead) {
+  host::clock::stop();
+  put_flow(1, 11);
+  host::fault::fail(host::fault::Point::mom_scan, -1, 0, 1000);
+  start();
+  put_flow(2, 12);
+  EXPECT_EQ(answers(1), (std::vector<Told>{{2, 12, kInstalled}}));
+  for (int i = 0; i < 3; ++i) {
+    host::clock::warp(200ms);
+    spin(5ms);
+  }
+  EXPECT_TRUE(has_answer(2));
+  EXPECT_FALSE(has_answer(1));
+  host::fault::clear();
+  host::clock::warp(200ms);
+  EXPECT_EQ(answers(1), (std::vector<Told>{{1, 11, kInstalled}}));
+}
+
 TEST_F(ProgrammerTest, MetersCarryTheirStatus) {
   start(options([](Options &o) { o.script = "meter-fail=2"; }));
   put_meter(1, "bands");
@@ -301,6 +350,11 @@ TEST_F(ProgrammerTest, MetersCarryTheirStatus) {
   put_meter(1, "other bands");
   EXPECT_EQ(meter_status(1), kInstalling);
   EXPECT_TRUE(host::run_until([&] { return meter_status(1) == kInstalled; }, 2s));
+  // An answer that could not be given is given later.
+  host::fault::fail(host::fault::Point::mom_get, -1);
+  put_meter(4, "bands");
+  ASSERT_TRUE(host::run_until([] { return host::fault::seen(host::fault::Point::mom_get) == 1; }, kPatience));
+  EXPECT_TRUE(host::run_until([&] { return meter_status(4) == kInstalled; }, kPatience));
   // A meter that goes before its request was looked at stays away.
   put_meter(3, "bands");
   del_meter(3);
