@@ -1,12 +1,15 @@
 """What the daemon hears of its controllers: their configuration changed while it runs, the packet path, meters that fail."""
 
+import json
 import re
 import struct
+import subprocess
 import unittest
 
 import daemon
 import e2e
 import openflow
+import test_database
 
 
 def meter_mod(command, number, rate=1000):
@@ -111,6 +114,42 @@ class Controllers(e2e.Test):
         self.assert_error(client.receive(), 12, 0, request)
         daemon.wait_until(lambda: len(self.stored(running, "meter")) == 1, 10, "one meter record")
         self.assertEqual([meter["meter"] for meter in running.ask_json("meters")["meters"]], [5])
+
+    def fill(self, running):
+        client = self.client(running)
+        client.send(openflow.METER_MOD, meter_mod(0, 5))
+        for number in range(20):
+            client.add(number)
+        chained = openflow.match(openflow.oxm(0, struct.pack("!I", 1)), openflow.oxm(3, bytes.fromhex("020000000001")))
+        client.send(openflow.FLOW_MOD, openflow.flow_mod(openflow.ADD, chained, openflow.tcp_flow(1)[1], table=1))
+        self.assertEqual(client.barrier(), [])
+        return client
+
+    def test_the_audit_sees_what_was_lost_and_repairs_it_where_that_is_configured(self):
+        server = test_database.RedisServer()
+        self.addCleanup(server.stop)
+        for repair in ("false", "true"):
+            settings = {"openflow_audit_interval_s": 1, "openflow_audit_repair": repair}
+            running = self.daemon(mom_url=server.url, **settings)
+            client = self.fill(running)
+            self.assertIn("what was asked for", running.ask("audit"))
+            lost = sorted(self.stored(running, "flow"))[0]
+            subprocess.run(["redis-cli", "-s", server.socket, "-n", "8", "DEL", lost], check=True, capture_output=True)
+            index = int(lost.split(":")[1])
+            if repair == "false":
+                result = running.kelimctl("audit", "--json")
+                self.assertEqual(result.returncode, 1)
+                difference = {"kind": "flow", "number": index, "what": "is not stored"}
+                self.assertEqual(json.loads(result.stdout)["differences"], [difference])
+                self.assertIn(lost.split(":")[1], running.kelimctl("audit").stdout)
+            else:
+                daemon.wait_until(lambda: lost in self.stored(running, "flow"), 20, "the repair of what was lost")
+                daemon.wait_until(lambda: running.kelimctl("audit").returncode == 0, 20, "an audit without differences")
+                self.assertEqual(running.ask_json("audit")["repairs"], 1)
+            client.delete_all()
+            client.send(openflow.METER_MOD, meter_mod(2, 5))
+            self.assertEqual(client.barrier(), [])
+            self.assertEqual(running.stop(), 0)
 
 
 if __name__ == "__main__":

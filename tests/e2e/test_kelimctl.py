@@ -8,7 +8,7 @@ import daemon
 import e2e
 import openflow
 
-VIEWS = ("flows", "meters", "controllers", "refusals", "timings", "congestion")
+VIEWS = ("flows", "meters", "controllers", "refusals", "audit", "timings", "congestion")
 
 
 class Kelimctl(e2e.Test):

@@ -39,8 +39,9 @@ struct Choices {
   bool list = false;
   bool markdown = false;
   std::string type, key;
-  std::string url;    // of the database; the configured one when empty
-  bool keys = false;  // of a watch: no records
+  int status = kDone;  // of the exit
+  std::string url;     // of the database; the configured one when empty
+  bool keys = false;   // of a watch: no records
 };
 
 void print(const std::string &text) {
@@ -49,6 +50,12 @@ void print(const std::string &text) {
 
 void show(const Choices &choices, const Json &data, std::string (*text)(const Json &)) {
   print(choices.view.json ? data.dump(2) + "\n" : text(data));
+}
+
+void show_view(Link &link, Choices &choices, const ViewCommand &view) {
+  const Json data = view.data(link, choices.view);
+  show(choices, data, view.text);
+  if (view.status) choices.status = view.status(data);
 }
 
 // ---- debug commands
@@ -165,7 +172,7 @@ void add_views(CLI::App &app, Choices &choices, Action &action) {
     CLI::App *command = app.add_subcommand(view.name, view.help);
     command->add_flag("--json", choices.view.json, "the data instead of a table");
     command->add_option("--limit", choices.view.limit, "rows at most")->capture_default_str();
-    command->callback([&] { action = [&](Link &link) { show(choices, view.data(link, choices.view), view.text); }; });
+    command->callback([&] { action = [&](Link &link) { show_view(link, choices, view); }; });
   }
 }
 
@@ -262,7 +269,7 @@ int run(int argc, char **argv) {
     std::fprintf(stderr, "kelimctl: %s\n", problem.what());
     return problem.status;
   }
-  return kDone;
+  return choices.status;
 }
 
 }  // namespace

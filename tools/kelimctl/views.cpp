@@ -2,8 +2,10 @@
 
 #include <fmt/format.h>
 
+#include <chrono>
 #include <cstdio>
 #include <map>
+#include <thread>
 
 #include "kelimctl/table.h"
 
@@ -206,6 +208,27 @@ std::string refusals_text(const Json &data) {
                    "Nothing was refused.");
 }
 
+// Looks at least twice, because a difference must be seen twice, and again while something is under way.
+Json audit_data(Link &link, const ViewOptions &) {
+  Json data = link.view("audit");
+  for (int looks = 1; looks == 1 || (looks < 50 && !data.value("settled", false)); ++looks) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    data = link.view("audit");
+  }
+  return data;
+}
+
+std::string audit_text(const Json &data) {
+  if (!data.value("settled", false)) return "Something is under way all the time; nothing can be said.\n";
+  return list_text(data.value("differences", Json::array()),
+                   {{{"WHAT"}, "kind"}, {{"NUMBER", true}, "number"}, {{"DIFFERENCE"}, "what"}},
+                   "The database holds what was asked for.");
+}
+
+int audit_status(const Json &data) {
+  return data.value("settled", false) && data.value("differences", Json::array()).empty() ? kDone : kFailed;
+}
+
 Json timings_data(Link &link, const ViewOptions &) {
   return link.view("timings");
 }
@@ -277,6 +300,8 @@ const std::vector<ViewCommand> &view_commands() {
       {"meters", "the meters", meters_data, meters_text},
       {"controllers", "the controller connections", controllers_data, controllers_text},
       {"refusals", "the last requests that were refused, with the reason", refusals_data, refusals_text},
+      {"audit", "compares what was asked for with what is stored; exit status 1 when they differ", audit_data, audit_text,
+       audit_status},
       {"timings", "how long the daemon's operations take", timings_data, timings_text},
       {"congestion", "writes on their way to the database, by topic", congestion_data, congestion_text},
   };

@@ -20,6 +20,7 @@ struct ViewCommand {
   const char *help;
   Json (*data)(Link &link, const ViewOptions &options);
   std::string (*text)(const Json &data);
+  int (*status)(const Json &data) = nullptr;  // of the exit; null: always kDone
 };
 
 const std::vector<ViewCommand> &view_commands();

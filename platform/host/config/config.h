@@ -55,6 +55,8 @@ struct Config {
     std::uint32_t decide_timeout_ms;
     std::uint32_t queue_bound;
     std::uint32_t report_cells;
+    std::uint32_t audit_interval_s;
+    bool audit_repair;
     std::string tls_cert;
     std::string tls_key;
     std::string tls_ca;

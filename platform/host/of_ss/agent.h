@@ -109,6 +109,11 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   // Runs `work` on the openflow thread and waits for it, not longer than a few seconds. False when it has not run.
   bool run(std::function<void(Agent &)> work);
 
+  // ---- on the openflow thread
+
+  // Hands everything to the daemon again, which forgets what is not among it.
+  void synchronise();
+
   // ---- for tests, on the openflow thread: the periodic work, with the daemon's loop taken as turning
   void run_timers();
 
@@ -118,7 +123,9 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   // ---- for the protocol
 
   Flows &flows() { return flows_; }
+  const Flows &flows() const { return flows_; }
   Meters &meters() { return meters_; }
+  const Meters &meters() const { return meters_; }
   std::uint64_t datapath_id() const { return settings_.datapath_id; }
   const ddm::Ports &ports() const { return *ports_; }
   const ddm::Port *find_port(std::uint32_t number) const;
@@ -180,7 +187,6 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   void take_meter_result(Bytes message);
   void take_counters(Bytes message);
   void take_report(Bytes message);
-  void synchronise();
   void resume_waiting();
   void tick();
   void second();

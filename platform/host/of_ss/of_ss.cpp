@@ -5,12 +5,16 @@
 #include <cstdio>
 #include <memory>
 #include <mutex>
+#include <nlohmann/json.hpp>
 #include <optional>
+#include <stdexcept>
 
 #include "host/config/config.h"
+#include "host/control/control.h"
 #include "host/fault/fault.h"
 #include "host/log/log.h"
 #include "host/of_ss/agent.h"
+#include "host/of_ss/audit.h"
 #include "host/of_ss/callbacks.h"
 #include "host/of_ss/settings.h"
 #include "host/of_ss/shortage.h"
@@ -35,6 +39,7 @@ qx_global *global_handle = nullptr;
 Callbacks registered;
 // Neither this nor the inbox is destroyed by exit(), with which the daemon may leave: the openflow thread runs until the end.
 auto &agent = *new std::unique_ptr<Agent>;
+std::unique_ptr<Audit> audit;
 std::optional<Config::OpenFlow> reloaded;  // the configuration, where it has been read again
 
 // Any thread. The inbox outlives the agent, so that a late sender finds something to send to.
@@ -64,6 +69,7 @@ void set_tap(Tap &tap, Tap value) {
 
 void stop_agent() {
   running = false;
+  audit.reset();
   agent.reset();
 }
 
@@ -91,10 +97,13 @@ void start_agent() {
     return;
   }
   inbox.clear();
-  agent = std::make_unique<Agent>(registered, inbox, settings_from(reloaded ? *reloaded : config().openflow), look_up);
+  const Config::OpenFlow &openflow = reloaded ? *reloaded : config().openflow;
+  agent = std::make_unique<Agent>(registered, inbox, settings_from(openflow), look_up);
   agent->restore(stored);
   running = true;
   agent->start();
+  audit = std::make_unique<Audit>(global_handle, *agent,
+                                  Audit::Options{std::chrono::seconds(openflow.audit_interval_s), openflow.audit_repair});
 }
 
 // Once every callback is there, the agent starts in a turn of its own: the daemon is still in the middle of its own start here.
@@ -171,6 +180,13 @@ std::uint16_t listening_port(std::size_t n) {
   return port;
 }
 
+std::optional<std::vector<std::string>> audit_now() {
+  if (!audit || !audit->look()) return std::nullopt;
+  std::vector<std::string> texts;
+  for (const Difference &difference : audit->differences()) texts.push_back(text(difference));
+  return texts;
+}
+
 void run_timers() {
   if (agent) agent->run([](Agent &a) { a.run_timers(); });
 }
@@ -198,6 +214,10 @@ int ss_of_init(qx_global *global) {
   global_handle = global;
   watch_shortages();
   register_views([] { return agent.get(); });
+  host::control::register_view("audit", [](const nlohmann::json &) {
+    if (!audit) throw std::invalid_argument("the OpenFlow service library is not running yet");
+    return audit->view();
+  });
   register_commands();
   host::at_finish([] {
     retry_timer().cancel();

@@ -7,7 +7,10 @@
 
 #include <cstddef>
 #include <functional>
+#include <optional>
 #include <span>
+#include <string>
+#include <vector>
 
 #include "host/of_ss/callbacks.h"
 
@@ -29,6 +32,10 @@ void set_fetch_tap(std::function<void()> tap);
 
 // The port that the n-th listening endpoint is bound to; 0 while it is not. Loop's thread.
 std::uint16_t listening_port(std::size_t n = 0);
+
+// One look of the audit, and what is known after it: a text a difference. Nothing when something was under way then or at the
+// look before. Loop's thread.
+std::optional<std::vector<std::string>> audit_now();
 
 // Runs the agent's periodic work now, on its thread, as after the host clock has been moved, and waits for it. Loop's thread.
 void run_timers();
