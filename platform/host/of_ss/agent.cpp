@@ -144,20 +144,18 @@ bool Agent::is_open(const std::string &endpoint) const {
 }
 
 void Agent::reconfigure(Settings fresh) {
-  inbox_.post([this, shared = std::make_shared<Settings>(std::move(fresh))] {
-    // Connections that are there keep the certificates that they have begun with, and those who come without new ones the old.
-    if (shared->tls) std::swap(settings_.tls, shared->tls);
-    for (const auto &listener : listeners_) listener->use_tls(settings_.tls.get());
-    for (const auto &dialer : dialers_) dialer->use_tls(settings_.tls.get());
-    close_endpoints_but(shared->controllers);
-    for (const Endpoint &endpoint : shared->endpoints) {
-      if (is_open(endpoint.text)) continue;
-      open(endpoint);
-      if (!endpoint.listens) dialers_.back()->dial();
-    }
-    settings_.controllers.swap(shared->controllers);
-    if (settings_.controllers.empty() && !shared->controllers.empty()) forget_everything();
-  });
+  // Connections that are there keep the certificates that they have begun with, and those who come without new ones the old.
+  if (fresh.tls) std::swap(settings_.tls, fresh.tls);
+  for (const auto &listener : listeners_) listener->use_tls(settings_.tls.get());
+  for (const auto &dialer : dialers_) dialer->use_tls(settings_.tls.get());
+  close_endpoints_but(fresh.controllers);
+  for (const Endpoint &endpoint : fresh.endpoints) {
+    if (is_open(endpoint.text)) continue;
+    open(endpoint);
+    if (!endpoint.listens) dialers_.back()->dial();
+  }
+  settings_.controllers.swap(fresh.controllers);
+  if (settings_.controllers.empty() && !fresh.controllers.empty()) forget_everything();
 }
 
 void Agent::close_endpoints_but(const std::vector<std::string> &wanted) {
@@ -284,10 +282,8 @@ void Agent::update_packets() {
 }
 
 void Agent::force_packets(std::optional<bool> flow) {
-  inbox_.post([this, flow] {
-    packets_forced_ = flow;
-    update_packets();
-  });
+  packets_forced_ = flow;
+  update_packets();
 }
 
 void Agent::set_role(Connection &connection, Role role) {

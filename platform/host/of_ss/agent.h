@@ -95,11 +95,6 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   void restore(const StoredState &stored);
   // Opens the endpoints and starts the thread.
   void start();
-  // The configuration has changed: takes over its endpoints and certificates, leaves the rest as it was. Endpoints that are no
-  // longer configured end with their connections; with the last of them everything that controllers asked for goes.
-  void reconfigure(Settings fresh);
-  // Whether packets to the controllers may flow, whatever roles they have; nothing: by their roles again.
-  void force_packets(std::optional<bool> flow);
 
   // ---- any thread
 
@@ -111,6 +106,11 @@ class Agent final : private FlowEvents, private ConnectionEvents {
 
   // ---- on the openflow thread
 
+  // The configuration has changed: takes over its endpoints and certificates, leaves the rest as it was. Endpoints that are no
+  // longer configured end with their connections; with the last of them everything that controllers asked for goes.
+  void reconfigure(Settings fresh);
+  // Whether packets to the controllers may flow, whatever roles they have; nothing: by their roles again.
+  void force_packets(std::optional<bool> flow);
   // Hands everything to the daemon again, which forgets what is not among it.
   void synchronise();
 

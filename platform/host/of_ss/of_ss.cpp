@@ -118,6 +118,10 @@ int put(Callback &slot, Callback cb) {
 
 // ---- commands of the operator: kelimctl cmd of_ss ...
 
+int on_agent(std::function<void(Agent &)> work) {
+  return agent && agent->run(std::move(work)) ? 0 : -1;
+}
+
 int reload(const std::int64_t *, std::uint32_t) {
   Config fresh;
   if (const std::string error = config_reread(fresh); !error.empty()) {
@@ -128,15 +132,12 @@ int reload(const std::int64_t *, std::uint32_t) {
   Settings settings = settings_from(*reloaded);
   for (const std::string &controller : settings.controllers) std::printf("%s\n", controller.c_str());
   if (settings.controllers.empty()) std::printf("No controller is configured; all flows and meters are deleted.\n");
-  if (agent) agent->reconfigure(std::move(settings));
-  return 0;
+  return agent ? on_agent([&settings](Agent &a) { a.reconfigure(std::move(settings)); }) : 0;
 }
 
 template <int Flow>
 int packets(const std::int64_t *, std::uint32_t) {
-  if (!agent) return -1;
-  agent->force_packets(Flow < 0 ? std::nullopt : std::optional(Flow != 0));
-  return 0;
+  return on_agent([](Agent &a) { a.force_packets(Flow < 0 ? std::nullopt : std::optional(Flow != 0)); });
 }
 
 struct Command {
