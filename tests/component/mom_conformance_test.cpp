@@ -277,16 +277,18 @@ TEST_P(MomConformance, HashClassTypesComeInAHolder) {
   EXPECT_TRUE(scanned[0].holder);
   EXPECT_EQ(world->del(meter), 0);
   EXPECT_EQ(world->set(meter), 0);  // for the first time again
+  EXPECT_EQ(world->del(meter), 0);
+  EXPECT_EQ(qx_mom_setnx_sync(world->global(), 8, meter, 0, 0), 0);
   world->settle();
 
   const auto &seen = recorders[0].seen;
-  ASSERT_EQ(trace(seen), "4:3 6:3 3:3 4:3");
+  ASSERT_EQ(trace(seen), "4:3 6:3 3:3 4:3 3:3 4:3");
   EXPECT_TRUE(seen[0].holder && seen[1].holder && seen[3].holder);
   EXPECT_FALSE(seen[2].holder);
   EXPECT_EQ(seen[2].status, 3);
   EXPECT_EQ(seen[0].error, 0);
   const auto &packed = recorders[1].seen;
-  ASSERT_EQ(packed.size(), 4u);
+  ASSERT_EQ(packed.size(), 6u);
   EXPECT_EQ(packed[0].cmd, 1u);
   EXPECT_EQ(packed[1].cmd, 1u);
   EXPECT_EQ(packed[2].cmd, 3u);
@@ -474,6 +476,7 @@ struct Mutation {
 };
 
 TEST_P(MomConformance, ScanBearsWritesAndDeletionsOfItsTable) {
+  world->watch<0>(kFlow);
   for (uint64_t index = 10; index <= 3000; index += 10) {
     Flow flow(index);
     ASSERT_EQ(world->set(flow), 0);
