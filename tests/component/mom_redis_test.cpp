@@ -147,6 +147,24 @@ TEST_F(MomRedis, LayoutIsTheDocumentedOne) {
   EXPECT_EQ(admin({"DBSIZE"}), "0");
 }
 
+// A writer may die between any two commands: the object must not stand there without its place in the index.
+TEST_F(MomRedis, ObjectsAreAnnouncedBeforeTheyAreWrittenAndConfirmedAfterwards) {
+  start();
+  ASSERT_EQ(admin({"CONFIG", "SET", "slowlog-log-slower-than", "0"}), "OK");
+  Flow flow(17);
+  ASSERT_EQ(world->set(flow), 0);
+  world->settle();
+  const std::string newest_first = admin({"SLOWLOG", "GET", "100"});
+  const std::string index = "SADD\ns_policy_kelim.flow\n17:0";
+  const size_t written = newest_first.find("SET\ns_policy_kelim.flow:17:0");
+  const size_t published = newest_first.find("PUBLISH\n8:s_policy_kelim.flow\nW17:0");
+  ASSERT_NE(published, std::string::npos);
+  EXPECT_LT(newest_first.find(index), published);
+  EXPECT_LT(published, written);
+  EXPECT_LT(written, newest_first.rfind(index));
+  EXPECT_NE(newest_first.rfind(index), std::string::npos);
+}
+
 TEST_F(MomRedis, IndexForgetsWhatExpired) {
   start();
   world->watch<0>(kFlow);
