@@ -493,7 +493,9 @@ TEST_P(MomConformance, ScanBearsWritesAndDeletionsOfItsTable) {
     EXPECT_EQ(state.world->set(self), 0);
     EXPECT_EQ(state.world->del(self), 0);
     const int deleted = index % 100 == 0 && index < 3000 ? state.world->del(next) : 0;
+    const int rewritten = index % 100 == 50 ? state.world->set(next) : 0;
     EXPECT_EQ(deleted, 0);
+    EXPECT_EQ(rewritten, 0);
     return -5;  // not looked at
   };
   ASSERT_EQ(qx_mom_scan_sync(world->global(), 8, all, 0, visit, &mutation), 0);
@@ -557,6 +559,26 @@ TEST_P(MomConformance, ObjectsExpireAloneUnlessRewritten) {
   EXPECT_EQ(trace(world->scan(one)), "1:3 1:4");
 }
 
+TEST_P(MomConformance, WhatExpiresAtOnceIsAnnouncedToo) {
+  constexpr uint64_t kCount = 5000;
+  world->watch<0>(kFlow);
+  for (uint64_t i = 1; i <= kCount; ++i) {
+    Flow flow(i);
+    ASSERT_EQ(world->set(flow), 0);
+  }
+  world->settle();
+  recorders[0].seen.clear();
+  Flow all(0), one(1);
+  ASSERT_EQ(world->pexpire(one, 0), 0);
+  world->backend().pass(1ms);
+  ASSERT_TRUE(run_until([] { return !recorders[0].seen.empty(); }));
+  EXPECT_EQ(trace(recorders[0].seen), "3:1");
+  ASSERT_EQ(world->pexpire(all, 0), 0);
+  world->backend().pass(1ms);
+  EXPECT_TRUE(run_until([] { return recorders[0].seen.size() == kCount; })) << recorders[0].seen.size();
+  EXPECT_TRUE(world->scan(all).empty());
+}
+
 TEST_P(MomConformance, TypesExpireAsAWholeUnlessRewritten) {
   world->watch<0>(kFlow);
   world->watch<1>(kMeter);
@@ -600,6 +622,11 @@ TEST_P(MomConformance, SingleAndWholeExpiryCombine) {
   world->settle();
   EXPECT_EQ(trace(recorders[0].seen), "3:1");
   EXPECT_EQ(trace(world->scan(all)), "1:2 1:3");
+  ASSERT_EQ(world->pexpire(three, 50), 0);
+  ASSERT_EQ(world->pexpire(all, 3'600'000), 0);  // takes over from the shorter one
+  world->settle();
+  world->backend().pass(60ms);
+  EXPECT_FALSE(host::run_until([] { return recorders[0].seen.size() > 1; }, 100ms));
   ASSERT_EQ(world->pexpire(three, 50), 0);
   ASSERT_EQ(world->del_expire(all), 0);  // takes back both kinds
   ASSERT_EQ(world->pexpire(all, 40), 0);

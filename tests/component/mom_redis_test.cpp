@@ -179,6 +179,27 @@ TEST_F(MomRedis, IndexForgetsWhatExpired) {
   EXPECT_EQ(trace(world->scan(all)), "1:3");
 }
 
+// A server that stops in the middle of it: what comes to its turn after its deadline goes as an expiry all the same.
+TEST_F(MomRedis, ExpiryOfATypeThatIsHeldUpLosesNoNotification) {
+  constexpr uint64_t kCount = 20'000;
+  start();
+  world->watch<0>(kFlow, 8, QX_MOM_PACKED);
+  for (uint64_t i = 1; i <= kCount; ++i) {
+    Flow flow(i);
+    ASSERT_EQ(world->set(flow), 0);
+  }
+  world->settle();
+  recorders[0].seen.clear();
+  Flow all(0);
+  ASSERT_EQ(world->pexpire(all, 1), 0);
+  host::run_until([] { return false; }, 5ms);
+  backend->server().kill(SIGSTOP);
+  host::run_until([] { return false; }, 400ms);  // the deadline is in 200 ms
+  backend->server().kill(SIGCONT);
+  EXPECT_TRUE(run_until([] { return recorders[0].seen.size() == kCount; })) << recorders[0].seen.size();
+  EXPECT_TRUE(world->scan(all).empty());
+}
+
 // ---- failures
 
 TEST_F(MomRedis, ServerRestartedEmptyIsAnotherServer) {
@@ -383,6 +404,29 @@ TEST_F(MomRedis, WhatOthersDidToAnObjectIsKnown) {
     return recorders[0].seen.back().cmd == 3;
   }));
   EXPECT_EQ(world->del(flow), -7);
+}
+
+// The server's word of an expiry may still be on its way.
+TEST_F(MomRedis, WhatMayHaveExpiredIsAskedFor) {
+  start();
+  world->watch<0>(kFlow);
+  Flow all(0), alone(1), among_all(2);
+  for (Flow *flow : {&alone, &among_all}) {
+    ASSERT_EQ(world->set(*flow), 0);
+    world->settle();
+  }
+  const auto gone_from_server = [&](const std::string &key) {
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    while (admin({"EXISTS", key}) != "0" && std::chrono::steady_clock::now() < deadline) continue;
+  };
+  ASSERT_EQ(world->pexpire(alone, 1), 0);
+  EXPECT_EQ(world->get(among_all).cmd, 1u);  // the request has been carried out
+  gone_from_server("s_policy_kelim.flow:1:0");
+  EXPECT_EQ(world->del(alone), -7);
+  ASSERT_EQ(world->pexpire(all, 1), 0);
+  EXPECT_EQ(world->scan(all).size(), 1u);
+  gone_from_server("s_policy_kelim.flow:2:0");
+  EXPECT_EQ(world->del(among_all), -7);
 }
 
 TEST_F(MomRedis, ForeignAndBrokenContentsAreSkippedAndCounted) {

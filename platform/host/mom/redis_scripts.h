@@ -26,7 +26,7 @@ const Script &put_if_absent();
 // first), state of the pass ("" at first), prefix of object keys, and more. They give cursor and state for the next part; the
 // cursor "0" ends the pass.
 //
-// More: milliseconds. Puts every object under expiry.
+// More: milliseconds, channel of deletions. Puts every object under expiry.
 const Script &expire_part();
 // Takes every object out of expiry.
 const Script &persist_part();

@@ -287,7 +287,7 @@ int RedisStore::pexpire(Slot &slot, const Key *key, uint32_t ms, qx_mom_done_cb 
     send(table, {"PEXPIRE", slot.type.text(*key), delay}, {}, done);
   } else {
     table.known.clear();
-    pass(table, scripts::expire_part(), {table.prefix, delay}, done);
+    pass(table, scripts::expire_part(), {table.prefix, delay, table.gone}, done);
   }
   return 0;
 }
