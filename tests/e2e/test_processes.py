@@ -215,7 +215,8 @@ class Processes(e2e.Test):
         self.assert_of_one_mind(system, ())
 
     def test_a_frozen_database_stops_neither_the_daemon_nor_what_follows(self):
-        bound = 0.3
+        bound = 0.3  # of a synchronous call
+        in_time = 2  # the server stays frozen until the barrier is answered: who waited for it would not answer at all
         system = self.system(mom_sync_timeout_ms=int(1000 * bound), openflow_decide_timeout_ms=600)
         client = self.client(system)
         system.signal("redis-server", signal.SIGSTOP)
@@ -229,10 +230,10 @@ class Processes(e2e.Test):
             echo = client.send(openflow.ECHO_REQUEST)
             while not replies or replies[-1].xid != echo:
                 replies.append(client.receive())
-            self.assertLess(time.monotonic() - asked, bound, "the answer to an echo")
+            self.assertLess(time.monotonic() - asked, in_time, "the answer to an echo")
             asked = time.monotonic()
             system.command("dump_ssc_sdn_msg_queue")
-            self.assertLess(time.monotonic() - asked, 3 * bound, "the answer to a debug command")
+            self.assertLess(time.monotonic() - asked, in_time, "the answer to a debug command")
         self.assertGreater(time.monotonic() - begun, 2 * bound)
         self.assertEqual({reply.xid for reply in replies if reply.type == openflow.ERROR}, adds)  # nobody decided
         system.signal("redis-server", signal.SIGCONT)
