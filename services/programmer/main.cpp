@@ -4,6 +4,7 @@
 // logging and the run directory are the platform's configuration.
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <exception>
 
 #include "libss_fp_com.h"
 #include "programmer/programmer.h"
@@ -59,9 +60,7 @@ int serve(const programmer::Options &options) {
   return status;
 }
 
-}  // namespace
-
-int main(int argc, char **argv) {
+int run(int argc, char **argv) {
   programmer::Options options;
   CLI::App app(
       "Installs the flows, meters and controller addresses of the object database in a target and writes back what became of "
@@ -74,4 +73,14 @@ int main(int argc, char **argv) {
   }
   if (const std::string error = programmer::check(options); !error.empty()) return fail(error.c_str());
   return serve(options);
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  try {
+    return run(argc, argv);
+  } catch (const std::exception &error) {
+    return fail(error.what());
+  }
 }
