@@ -149,8 +149,10 @@ int qx_mom_scan_sync(qx_global *global, int32_t db, const ProtobufCMessage *reco
   const Call call = resolve(Point::mom_scan, global, db, record, Needs::record, Link::sync);
   if (call.code) return call.code;
   if (!cb) return kMalformed;
-  return hub()->store().scan_sync(*call.slot,
-                                  [&](const Key &key, Bytes packed) { hub()->present(*call.slot, key, packed, cb, arg); });
+  return hub()->store().scan_sync(*call.slot, [&](const Key &key, Bytes packed) {
+    hub()->present(*call.slot, key, packed, cb, arg);
+    return true;
+  });
 }
 
 int qx_mom_subscribe(qx_global *global, int32_t db, const qx_mom_spec *spec, qx_mom_notify_cb cb) {

@@ -239,7 +239,7 @@ int Embedded::scan_sync(Slot &slot, const Visitor &visit) {
     const Key key = table.index.key_at(place);
     const ObjectRef object(table.index.at(place));
     const uint64_t version = table.index.version();
-    if (object->born < scan) visit(key, object->packed());
+    if (object->born < scan && !visit(key, object->packed())) break;
     place = version == table.index.version() ? table.index.next(place) : table.index.after(key);
   }
   return 0;

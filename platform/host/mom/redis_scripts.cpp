@@ -35,8 +35,8 @@ redis.call('PUBLISH', ARGV[2], ARGV[5] .. ARGV[4])
 return 0)";
 
 // The deadline is the same for all and is found with the first part. Every object adds 10 microseconds to it, more than what it
-// takes a server that is not idle: nothing is past its deadline before the writes behind the last part are looked at. What is past
-// it when its part comes gets 50 ms.
+// takes a server that is not idle: nothing is past its deadline before the writes behind the last part are looked at. What is
+// past it when its part comes gets 50 ms.
 //
 // The server announces no expiry of an object whose time is over in the very command that sets it. That happens to one that is
 // stopped there for longer than it gave: what is missing after a part that took so long is announced here.

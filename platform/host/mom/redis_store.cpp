@@ -396,23 +396,24 @@ bool RedisStore::read_members(Table &table, std::vector<Key> &keys) {
   return true;
 }
 
-int RedisStore::visit_batch(Table &table, std::span<const Key> keys, const std::set<Key> &deleted, const Visitor &visit) {
+RedisStore::Visited RedisStore::visit_batch(Table &table, std::span<const Key> keys, const std::set<Key> &deleted,
+                                            const Visitor &visit) {
   std::vector<std::string> objects;
   for (const Key &key : keys) objects.push_back(table.slot.type.text(key));
   std::vector<std::string_view> arguments = {"MGET"};
   arguments.insert(arguments.end(), objects.begin(), objects.end());
   const Reply reply = synchronously(table.base, [&](SyncConnection &sync) { return sync.call(arguments); });
-  if (!reply || reply->type != REDIS_REPLY_ARRAY || reply->elements != keys.size()) return -1;
+  if (!reply || reply->type != REDIS_REPLY_ARRAY || reply->elements != keys.size()) return Visited::failed;
   for (size_t i = 0; i < keys.size(); ++i) {
     if (reply->element[i]->type == REDIS_REPLY_NIL || deleted.contains(keys[i])) continue;  // gone, or not ours to read
     const std::string_view value = text_of(reply->element[i]);
     if (value.size() < kTagSize) {
       hub_.skip("the value is none of ours", objects[i]);
-    } else {
-      visit(keys[i], as_bytes(value.substr(kTagSize)));
+    } else if (!visit(keys[i], as_bytes(value.substr(kTagSize)))) {
+      return Visited::ended;
     }
   }
-  return 0;
+  return Visited::all;
 }
 
 int RedisStore::scan_sync(Slot &slot, const Visitor &visit) {
@@ -421,12 +422,12 @@ int RedisStore::scan_sync(Slot &slot, const Visitor &visit) {
   if (!read_members(table, keys)) return -1;
   std::set<Key> deleted;
   table.scans.push_back(&deleted);
-  int rv = 0;
-  for (size_t at = 0; at < keys.size() && rv == 0; at += scan_batch_) {
-    rv = visit_batch(table, std::span(keys).subspan(at, std::min(scan_batch_, keys.size() - at)), deleted, visit);
+  auto visited = Visited::all;
+  for (size_t at = 0; at < keys.size() && visited == Visited::all; at += scan_batch_) {
+    visited = visit_batch(table, std::span(keys).subspan(at, std::min(scan_batch_, keys.size() - at)), deleted, visit);
   }
   std::erase(table.scans, &deleted);
-  return rv;
+  return visited == Visited::failed ? -1 : 0;
 }
 
 std::optional<size_t> RedisStore::number(Base &base, Arguments question) {

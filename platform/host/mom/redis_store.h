@@ -115,7 +115,8 @@ class RedisStore final : public Store {
   std::optional<size_t> number(Base &base, Arguments question);
   size_t estimated_bytes(Table &table, size_t objects);
   bool read_members(Table &table, std::vector<Key> &keys);
-  int visit_batch(Table &table, std::span<const Key> keys, const std::set<Key> &deleted, const Visitor &visit);
+  enum class Visited { all, ended, failed };
+  Visited visit_batch(Table &table, std::span<const Key> keys, const std::set<Key> &deleted, const Visitor &visit);
 
   void up(Base &base);
   void subscribed(Base &base, std::string_view channel);

@@ -20,8 +20,8 @@ struct Database;
 // What became of an object.
 enum class Change : uint8_t { created, rewritten, deleted, published };
 
-// Why a scan or template operation looks at an object; the bytes live until the visitor returns.
-using Visitor = std::function<void(const Key &key, Bytes packed)>;
+// Looks at an object of a scan; the bytes live until it returns. False ends the scan.
+using Visitor = std::function<bool(const Key &key, Bytes packed)>;
 
 class Store {
  public:

@@ -130,12 +130,17 @@ Json list(Hub &hub, const nlohmann::json &args, bool with_records) {
   Json objects = Json::array();
   size_t total = 0;
   each_database(hub, args, [&](Database &db) {
+    size_t seen = 0;
     must_have_answered(db, hub.store().scan_sync(hub.slot(db, type), [&](const Key &key, Bytes packed) {
-      if (++total > limit) return;
+      if (objects.size() == limit) return false;  // the rest is only counted
+      ++seen;
       Json object = object_json(db, type, key);
       if (with_records) object["record"] = record_json(type, key, packed);
       objects.push_back(std::move(object));
+      return true;
     }));
+    const bool all = objects.size() < limit;
+    total += all ? seen : hub.store().held(hub.slot(db, type)).value_or(Store::Held{}).objects;
   });
   return {{"objects", std::move(objects)}, {"total", total}};
 }
