@@ -82,5 +82,7 @@ int main(int argc, char **argv) {
     return run(argc, argv);
   } catch (const std::exception &error) {
     return fail(error.what());
+  } catch (...) {
+    return fail("ended by something that is no std::exception");
   }
 }

@@ -100,6 +100,7 @@ std::string Table::text() const {
     }
     for (std::size_t l = 0; l < lines; ++l) {
       std::vector<std::string> cells;
+      cells.reserve(pieces.size());
       for (const auto &piece : pieces) cells.push_back(l < piece.size() ? piece[l] : "");
       add_line(cells);
     }

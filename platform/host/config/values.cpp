@@ -163,7 +163,7 @@ bool set_node(const Row &row, const toml::node &node, Config &c) {
 std::string allowed(const Row &row) {
   static Config scratch;
   const Allowed &a = row.allowed;
-  const std::string words = a.words != nullptr ? a.words : "any text";
+  std::string words = a.words != nullptr ? a.words : "any text";
   const auto numbers = [&](auto *) { return std::to_string(a.min) + " to " + std::to_string(a.max); };
   return std::visit(
       Overloaded{[&](Text *) { return words; }, [&](List *) { return "a list of " + words; },

@@ -251,6 +251,7 @@ const RecordType *RecordType::named(std::string_view name) {
 
 std::vector<const RecordType *> RecordType::all() {
   std::vector<const RecordType *> types;
+  types.reserve(std::size(kSchema));
   for (const ProtobufCMessageDescriptor *descriptor : kSchema) types.push_back(of(descriptor));
   return types;
 }

@@ -17,7 +17,7 @@ std::string Pipe::open() {
                                                       : redisAsyncConnectUnix(endpoint_.path.c_str());
   if (!context) return "out of memory";
   if (context->err) {
-    const std::string why = context->errstr;
+    std::string why = context->errstr;
     redisAsyncFree(context);
     return why;
   }

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cassert>
 #include <iterator>
 
 namespace host::of_ss {
@@ -148,7 +149,7 @@ Verdict decode_field(const WireField &field, std::uint64_t &seen, WireMatch &mat
   if (!row->supported) return refuse(err::kBadField, row->name, "the switch does not match on this field");
   if (field.masked() && !row->maskable) return refuse(err::kBadMask, row->name, "the field takes no mask");
   const std::size_t payload = static_cast<std::size_t>(field.payload + field.length() - value);
-  if (payload != (field.masked() ? 2u : 1u) * row->width)
+  if (payload != std::size_t{row->width} * (field.masked() ? 2 : 1))
     return refuse(err::kMatchBadLen, row->name, "the length of the field is wrong");
   if (seen >> row->number & 1) return refuse(err::kDupField, row->name, "the field is there twice");
   seen |= std::uint64_t{1} << row->number;
@@ -334,6 +335,7 @@ Verdict decode_match(Bytes from, WireMatch &match) {
   for (std::size_t at = 4; at < length;) {
     if (length - at < 4) return refuse(err::kMatchBadLen, "match", "the match ends within the header of a field");
     const WireField field{be32(from, at), from.data() + at + 4};
+    assert(field.payload);
     if (length - at - 4 < field.length()) return refuse(err::kMatchBadLen, "match", "a field is longer than the match");
     if (const Verdict verdict = decode_field(field, seen, match); verdict.refused()) return verdict;
     at += 4 + field.length();

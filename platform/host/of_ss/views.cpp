@@ -40,7 +40,8 @@ std::size_t number(const json &args, const char *name, std::size_t fallback) {
 }
 
 double seconds(std::int64_t ns) {
-  return static_cast<double>(ns / 1'000'000) / 1000;
+  const std::int64_t ms = ns / 1'000'000;
+  return static_cast<double>(ms) / 1000;
 }
 
 const char *state_name(FlowState state) {

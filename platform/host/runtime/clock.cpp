@@ -66,13 +66,7 @@ void resume() {
 void sleep_until(Time deadline) {
   std::unique_lock lock(g_mutex);
   g_sleeps.fetch_add(1, std::memory_order_release);
-  for (Time at = now(); at < deadline; at = now()) {
-    if (stopped()) {
-      g_changed.wait(lock);
-    } else {
-      g_changed.wait_for(lock, deadline - at);
-    }
-  }
+  for (Time at = now(); at < deadline; at = now()) g_changed.wait_for(lock, deadline - at);  // in vain where the clock stands
 }
 
 std::uint64_t sleeps() {

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <bit>
 #include <cassert>
 #include <cstdio>
 #include <mutex>
@@ -182,10 +183,12 @@ bool start_services(Runtime &runtime) {
   if (const std::string error = control::start(config(), runtime.name); !error.empty()) return complain(runtime.name, error);
   for (const StartHook &hook : start_hooks()) {
     if (const int rv = hook.start(&runtime.global); rv != 0)
-      return complain(runtime.name, g_start_error.empty() ? std::string(hook.name) + " does not start (" + std::to_string(rv) + ")"
-                                                          : std::exchange(g_start_error, {}));
+      return complain(runtime.name, g_start_error.empty()
+                                        ? std::string(hook.name) + " does not start (" + std::to_string(rv) + ")"
+                                        : std::exchange(g_start_error, {}));
   }
-  if (const std::string error = programming::start(config(), &runtime.global); !error.empty()) return complain(runtime.name, error);
+  if (const std::string error = programming::start(config(), &runtime.global); !error.empty())
+    return complain(runtime.name, error);
   return true;
 }
 
@@ -339,7 +342,7 @@ int qx_thread_insert_timer_timeval(struct qx_thread_master *master, qx_thread *t
   } catch (const std::bad_alloc &) {
     return -1;
   }
-  *thread = {.impl = reinterpret_cast<void *>(id), .master = master, .func = func, .arg = arg, .name = name};
+  *thread = {.impl = std::bit_cast<void *>(id), .master = master, .func = func, .arg = arg, .name = name};
   return 0;
 }
 
