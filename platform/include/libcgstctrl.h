@@ -1,7 +1,7 @@
 // Congestion control of database writes, one topic a record type. Loop's thread.
 //
-// The Linux host counts, per topic, writes and bytes in flight and their high-water mark; over the configured limit qx_mom_set* gives
-// -14 for that type instead of growing without bound. `kelimctl congestion` shows the figures.
+// The Linux host counts, per topic, writes and bytes in flight and their high-water mark; over the configured limit qx_mom_set*
+// gives -14 for that type instead of growing without bound. `kelimctl congestion` shows the figures.
 #pragma once
 
 #include <stdint.h>

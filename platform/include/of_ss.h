@@ -1,9 +1,8 @@
 // The OpenFlow service library: terminates the controller connections and calls into the daemon.
 //
-// Threads: the registered callbacks run on the library's own thread, with no lock of the library held; of_ss_send_msg may be called from
-// any thread. Everything else here is called on the loop's thread.
-// Messages are laid out as southbound.h says. A message handed to a callback is the library's and lives until the callback returns;
-// its `len` is the number of bytes there are.
+// Threads: the registered callbacks run on the library's own thread, with no lock of the library held; of_ss_send_msg may be
+// called from any thread. Everything else here is called on the loop's thread. Messages are laid out as southbound.h says. A
+// message handed to a callback is the library's and lives until the callback returns; its `len` is the number of bytes there are.
 #pragma once
 
 #include <stdint.h>
@@ -40,12 +39,12 @@ int of_ss_con_info(of_ss_msg_cb cb);
 int ofss_barrier_request(of_ss_msg_cb cb);
 int of_ss_regiter_del_all(of_ss_signal_cb cb);
 
-// The database side has (re)started and holds nothing of ours that can be trusted: the library replays its whole desired state between a
-// data-synchronisation start and end, back to back. Any thread.
+// The database side has (re)started and holds nothing of ours that can be trusted: the library replays its whole desired state
+// between a data-synchronisation start and end, back to back. Any thread.
 void ss_of_ds_fetch(void);
 
-// Sends a reply of the daemon towards the controller. The bytes are copied before the call returns; replies keep their order. 0, -4
-// for null or a length that is not a message's, -1 when the library is not running. Any thread.
+// Sends a reply of the daemon towards the controller. The bytes are copied before the call returns; replies keep their order. 0,
+// -4 for null or a length that is not a message's, -1 when the library is not running. Any thread.
 int of_ss_send_msg(const void *msg, uint32_t len);
 
 #ifdef __cplusplus

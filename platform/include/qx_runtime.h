@@ -23,8 +23,8 @@ typedef struct qx_global {
   struct qx_thread_master *master;
 } qx_global;
 
-// A one-shot timer. The caller owns the record and zeroes it before its first use; the platform fills it while the timer is armed.
-// `func` runs once, on the loop's thread; the record is free for re-arming before it is called.
+// A one-shot timer. The caller owns the record and zeroes it before its first use; the platform fills it while the timer is
+// armed. `func` runs once, on the loop's thread; the record is free for re-arming before it is called.
 typedef struct qx_thread {
   void *impl;
   struct qx_thread_master *master;
@@ -33,8 +33,8 @@ typedef struct qx_thread {
   const char *name;
 } qx_thread;
 
-// Creates the runtime of this process under `name` (copied); `parent` is null for a process of its own. Null on failure, after one
-// line on standard error that says why (configuration, loop, log). At most one runtime lives at a time.
+// Creates the runtime of this process under `name` (copied); `parent` is null for a process of its own. Null on failure, after
+// one line on standard error that says why (configuration, loop, log). At most one runtime lives at a time.
 qx_global *qx_global_init(const char *name, void *parent);
 
 // Runs the event loop until the platform ends it. 0, or -1 when the loop itself failed.
@@ -43,8 +43,8 @@ int qx_global_run(qx_global *global);
 // Releases the runtime and everything it owns; `global` is invalid afterwards. Null is allowed.
 void qx_global_finish(qx_global *global);
 
-// Arms `thread` to call `func` after sec + usec; `name` must outlive the timer (a literal). 0, or -1 when it cannot be armed (null
-// argument, already armed, out of memory, master finished).
+// Arms `thread` to call `func` after sec + usec; `name` must outlive the timer (a literal). 0, or -1 when it cannot be armed
+// (null argument, already armed, out of memory, master finished).
 int qx_thread_insert_timer_timeval(struct qx_thread_master *master, qx_thread *thread, int (*func)(qx_thread *), void *arg,
                                    long sec, long usec, const char *name);
 
@@ -57,8 +57,8 @@ struct timespec qx_monotime(void);
 // Microseconds of a time value; any thread.
 uint64_t qx_timeval_to_us(struct timespec t);
 
-// Writes the local wall-clock time as "2026-01-31 23:59:59.123" into `buf` (truncated to `len`, always terminated when len > 0) and
-// returns `buf`; any thread.
+// Writes the local wall-clock time as "2026-01-31 23:59:59.123" into `buf` (truncated to `len`, always terminated when len > 0)
+// and returns `buf`; any thread.
 char *qx_time_2_string(char *buf, size_t len);
 
 // Sleeps on the runtime's clock; any thread but the loop's.

@@ -1,7 +1,7 @@
 // The log service. Any thread; lines of one thread keep their order.
 //
-// The Linux host writes to journald, syslog or a rotating file (spdlog) with category, source path, function and line as fields, and
-// collapses lines that repeat within a second into one with a count.
+// The Linux host writes to journald, syslog or a rotating file (spdlog) with category, source path, function and line as fields,
+// and collapses lines that repeat within a second into one with a count.
 #pragma once
 
 #include <stddef.h>
@@ -18,8 +18,8 @@ enum { QX_ZLOG_VERBOSE = 20, QX_ZLOG_ERROR = 100 };
 // Opens (or finds) the category `name`; it lives until the runtime is released. Null when the service is not there.
 struct qx_zlog_category *qx_zlog_init(const char *name);
 
-// Logs one line. `file` and `func` need no terminator; the text is formatted and copied before the call returns. A null category is
-// ignored. A trailing line end in the text is dropped.
+// Logs one line. `file` and `func` need no terminator; the text is formatted and copied before the call returns. A null category
+// is ignored. A trailing line end in the text is dropped.
 void qxdf_zlog(struct qx_zlog_category *category, const char *file, size_t file_len, const char *func, size_t func_len, long line,
                int level, const char *format, ...) __attribute__((format(printf, 8, 9)));
 

@@ -1,8 +1,8 @@
 // The debug-command service: operators call functions of the running process by module and command name.
 //
-// The Linux host listens on a unix socket in the run directory. Handlers run on the loop's thread; what they print on standard output
-// goes to the caller as well. Arguments are checked against the registered format; when they do not fit, the caller gets the
-// usage line and the handler is not called.
+// The Linux host listens on a unix socket in the run directory. Handlers run on the loop's thread; what they print on standard
+// output goes to the caller as well. Arguments are checked against the registered format; when they do not fit, the caller gets
+// the usage line and the handler is not called.
 #pragma once
 
 #include <stdint.h>
@@ -22,7 +22,8 @@ typedef int (*ssat_handler)(const int64_t *args, uint32_t count);
 int ssat_lib_init(qx_global *global, const char *name);
 
 // Registers a command. `format` names each argument and its kind, separated by commas: "index=%d, vsd_id=%d", "dbg_val=%x",
-// "sw=%d(0/1)"; "" or "nil" for none. Names are copied. 0, -4 for a null, malformed or duplicate command, -7 for an unknown module.
+// "sw=%d(0/1)"; "" or "nil" for none. Names are copied. 0, -4 for a null, malformed or duplicate command, -7 for an unknown
+// module.
 int ssat_reg_mod_cmd(const char *module, const char *command, const char *format, ssat_handler handler);
 
 #ifdef __cplusplus

@@ -1,7 +1,7 @@
 // Application timing: one record an operation. Any thread.
 //
-// Start and stop of one record may meet on two threads, and a start may go without its stop; neither ever gives a nonsense total: a
-// stop without a start counts nothing, a second start replaces the first.
+// Start and stop of one record may meet on two threads, and a start may go without its stop; neither ever gives a nonsense total:
+// a stop without a start counts nothing, a second start replaces the first.
 #pragma once
 
 #include <stdint.h>
@@ -10,7 +10,8 @@
 extern "C" {
 #endif
 
-// Times in nanoseconds of the monotonic clock. Written with relaxed atomics by the calls below; read it the same way from other threads.
+// Times in nanoseconds of the monotonic clock. Written with relaxed atomics by the calls below; read it the same way from other
+// threads.
 typedef struct ut_ss_fp_appmng_time {
   uint64_t started;  // 0 while not running
   uint64_t count;
@@ -24,7 +25,8 @@ void ut_ss_fp_appmng_time_start(ut_ss_fp_appmng_time *record);
 // `reserved` is 0.
 void ut_ss_fp_appmng_time_stop(ut_ss_fp_appmng_time *record, uint32_t reserved);
 
-// Announces a record under its name (both live as long as the process) so that the platform can show it. Repeating it is harmless.
+// Announces a record under its name (both live as long as the process) so that the platform can show it. Repeating it is
+// harmless.
 void ut_ss_fp_appmng_time_publish(const ut_ss_fp_appmng_time *record, const char *name);
 
 #ifdef __cplusplus

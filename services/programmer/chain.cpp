@@ -200,11 +200,11 @@ bool Chain::resynchronise() {
   });
   bool done = true;
   complete = complete && scan(context_, kChainDb, any_flow, [&](const qx_obj &object) {
-    const auto *flow = record_of<SPolicyKelim__ParseFlow>(&object);
-    if (flow == nullptr) return;
-    const auto found = answered.extract(key_of(*flow->index));
-    if (found.empty() || found.mapped() != flow->req_uuid) done &= answer(*flow);
-  });
+               const auto *flow = record_of<SPolicyKelim__ParseFlow>(&object);
+               if (flow == nullptr) return;
+               const auto found = answered.extract(key_of(*flow->index));
+               if (found.empty() || found.mapped() != flow->req_uuid) done &= answer(*flow);
+             });
   if (!complete) return false;
   for (const auto &[orphan, stamp] : answered) {
     std::tie(key.t_flow_type, key.flow_index, key.vsd_id) = orphan;

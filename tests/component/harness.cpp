@@ -39,7 +39,8 @@ Record copy_of(const qx_obj &object) {
   if (message == nullptr) return {};
   Bytes packed(protobuf_c_message_get_packed_size(message));
   protobuf_c_message_pack(message, reinterpret_cast<std::uint8_t *>(packed.data()));
-  auto *copy = protobuf_c_message_unpack(message->descriptor, nullptr, packed.size(), reinterpret_cast<std::uint8_t *>(packed.data()));
+  auto *copy =
+      protobuf_c_message_unpack(message->descriptor, nullptr, packed.size(), reinterpret_cast<std::uint8_t *>(packed.data()));
   return {{copy, [](ProtobufCMessage *m) { protobuf_c_message_free_unpacked(m, nullptr); }}};
 }
 
@@ -154,8 +155,8 @@ bool Daemon::until(const std::function<bool()> &condition) const {
   return false;
 }
 
-// Every notification is delivered in the order of the writes, so a marker that has come back tells that everything written before it was
-// delivered; what was written in answer to that takes another round.
+// Every notification is delivered in the order of the writes, so a marker that has come back tells that everything written before
+// it was delivered; what was written in answer to that takes another round.
 void Daemon::settle() const {
   for (std::uint32_t round = 1; round <= kMarkerRounds; ++round) {
     on_loop([round] {
@@ -305,7 +306,8 @@ Bytes message(std::uint16_t type, std::uint16_t len) {
 }
 
 Bytes simple_flow(std::uint64_t index, std::uint32_t port) {
-  return flow_mod(index, field(0x80000004, value<std::uint32_t>(1)) + field(0x80000a02, value<std::uint16_t>(0x0800)), output(port));
+  return flow_mod(index, field(0x80000004, value<std::uint32_t>(1)) + field(0x80000a02, value<std::uint16_t>(0x0800)),
+                  output(port));
 }
 
 }  // namespace harness

@@ -1,5 +1,5 @@
-// The whole daemon in this process: its own main, the real runtime, loop, store and (where asked for) programming service. The test's thread
-// plays the OpenFlow service library: it calls the registered callbacks and sees every reply that the daemon sends.
+// The whole daemon in this process: its own main, the real runtime, loop, store and (where asked for) programming service. The
+// test's thread plays the OpenFlow service library: it calls the registered callbacks and sees every reply that the daemon sends.
 //
 // The host clock stands still; tick() moves it by one timer period. Nothing sleeps: until() waits for a condition, with a limit.
 // Every ERROR line that a test has not announced with expect_error fails the test.
@@ -28,7 +28,7 @@ namespace harness {
 using Bytes = std::vector<std::byte>;
 
 struct Options {
-  bool programmer = false;                     // run the simulated programming service in the process
+  bool programmer = false;                    // run the simulated programming service in the process
   std::map<std::string, std::string> config;  // KELIM_<SECTION>_<KEY> -> value
 };
 
@@ -57,7 +57,8 @@ class Daemon {
   // The daemon's sixteen callbacks, to be called from the test's thread.
   const host::of_ss::Callbacks &pi() const { return callbacks_; }
 
-  // Moves the clock by one timer period and waits until the daemon has drained its handler list and the store has delivered what that wrote.
+  // Moves the clock by one timer period and waits until the daemon has drained its handler list and the store has delivered what
+  // that wrote.
   void tick(int times = 1);
   // Moves the clock and lets the loop take what is due.
   void warp(std::chrono::milliseconds by);

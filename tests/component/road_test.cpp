@@ -25,7 +25,9 @@ void answer(const Daemon &daemon, std::uint64_t index, SPolicyKelim__StatusE sta
   ASSERT_EQ(daemon.write(kUdp, &sta.base), 0);
 }
 
-void send(int (*callback)(void *), Bytes msg) { ASSERT_EQ(callback(msg.data()), 0); }
+void send(int (*callback)(void *), Bytes msg) {
+  ASSERT_EQ(callback(msg.data()), 0);
+}
 
 TEST(Road, BarrierWaitsForEveryFlowBeforeItAndBarriersLeaveInOrder) {
   Daemon daemon;

@@ -284,7 +284,7 @@ TEST_F(Queue, DoesWhatTheRulesSayOverRandomHistories) {
     std::mt19937 random(seed);
     const auto below = [&random](unsigned n) { return static_cast<std::uint32_t>(random() % n); };
     const unsigned ids = seed % 3 == 0 ? 300 : 12;
-    ssc_sdn_debug_sw = seed % 2 == 0 ? SDN_DBG_VER_SERVICE : 0;
+    ssc_sdn_debug_sw = seed % 2 == 0 ? std::uint32_t{SDN_DBG_VER_SERVICE} : 0;
     Model model;
     for (int step = 0; step < 2000; ++step) {
       const std::uint64_t id = below(ids);
@@ -331,7 +331,8 @@ TEST_F(Queue, DoesWhatTheRulesSayOverRandomHistories) {
         ssc_sdn_msg_queue_traverse_pop_msg_node();
         model.traverse();
       }
-      if (step % 16 == 0) ASSERT_NO_FATAL_FAILURE(expect_same(model)) << "seed " << seed << " step " << step;
+      if (step % 16 != 0) continue;
+      ASSERT_NO_FATAL_FAILURE(expect_same(model)) << "seed " << seed << " step " << step;
     }
     ASSERT_NO_FATAL_FAILURE(expect_same(model)) << "seed " << seed;
     TearDown();
