@@ -51,6 +51,13 @@ class EmbeddedBackend final : public Backend {
   }
 };
 
+// What the channels of a type carry.
+inline std::string notification(char kind, const std::string &member, const std::string &record) {
+  std::string text = kind + member + '\0';
+  for (int shift = 0; shift < 32; shift += 8) text.push_back(static_cast<char>(record.size() >> shift));
+  return text + record;
+}
+
 class RedisBackend final : public Backend {
  public:
   explicit RedisBackend(std::vector<std::string> options = {}) : server_(std::move(options)) {}
@@ -62,7 +69,7 @@ class RedisBackend final : public Backend {
     EXPECT_EQ(server_.command({"SELECT", std::to_string(db)}), "OK");
     EXPECT_NE(server_.command({"SADD", type, member}).substr(0, 1), "(");
     EXPECT_EQ(server_.command({"SET", key, std::string(8, '\0') + bytes}), "OK");
-    server_.command({"PUBLISH", std::to_string(db) + ":" + type, "W" + member + std::string(1, '\0') + bytes});
+    server_.command({"PUBLISH", std::to_string(db) + ":" + type, notification('W', member, bytes)});
   }
   void cut_connections(int32_t) override {
     server_.command({"CLIENT", "KILL", "TYPE", "normal"});

@@ -18,8 +18,8 @@ void Load::add(size_t size) {
   high_bytes = std::max(high_bytes, bytes += size);
 }
 
-void Load::remove(size_t size) {
-  --writes;
+void Load::remove(size_t size, size_t count) {
+  writes -= count;
   bytes -= size;
 }
 
@@ -35,9 +35,9 @@ void Topic::take(size_t size) {
   pipeline_load.add(size);
 }
 
-void Topic::release(size_t size) {
-  load_.remove(size);
-  pipeline_load.remove(size);
+void Topic::release(size_t size, size_t count) {
+  load_.remove(size, count);
+  pipeline_load.remove(size, count);
 }
 
 const Load &pipeline() {

@@ -28,7 +28,7 @@ struct Load {
     return (!limits.writes || writes < limits.writes) && (!limits.bytes || bytes + size <= limits.bytes);
   }
   void add(size_t size);
-  void remove(size_t size);
+  void remove(size_t size, size_t count);
 };
 
 class Topic {
@@ -36,7 +36,8 @@ class Topic {
   // True when the write may go on; false counts it as refused. Nothing is in flight before take().
   bool admit(size_t size);
   void take(size_t size);
-  void release(size_t size);
+  // `count` writes of `size` bytes together.
+  void release(size_t size, size_t count = 1);
 
   // A registered topic has a limit of its own beside the pipeline's.
   void enrol() { enrolled_ = true; }

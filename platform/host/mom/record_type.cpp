@@ -316,12 +316,18 @@ std::string RecordType::member_text(const Key &key) const {
 }
 
 std::optional<Key> RecordType::parse(std::string_view text) const {
-  if (!key_ || !text.starts_with(name_)) return std::nullopt;
-  text.remove_prefix(name_.size());
+  if (!text.starts_with(name_) || !text.substr(name_.size()).starts_with(':')) return std::nullopt;
+  return parse_member(text.substr(name_.size() + 1));
+}
+
+std::optional<Key> RecordType::parse_member(std::string_view text) const {
+  if (!key_) return std::nullopt;
   KeyWriter writer;
   for (const auto &field : std::span(key_->fields, key_->n_fields)) {
-    if (!text.starts_with(':')) return std::nullopt;
-    text.remove_prefix(1);
+    if (&field != key_->fields) {
+      if (!text.starts_with(':')) return std::nullopt;
+      text.remove_prefix(1);
+    }
     const std::string_view part = text.substr(0, text.find(':'));
     text.remove_prefix(part.size());
     const KeyForm &form = *form_of(field.type);

@@ -82,7 +82,9 @@ class RecordType {
 
   std::string text(const Key &key) const;
   std::string member_text(const Key &key) const;          // without the type's name
-  std::optional<Key> parse(std::string_view text) const;  // the reverse; nothing when the text is no key of this type
+  // The reverse; nothing when the text is no key of this type.
+  std::optional<Key> parse(std::string_view text) const;
+  std::optional<Key> parse_member(std::string_view text) const;
 
   // A packed record that carries only this key.
   std::vector<uint8_t> key_only(const Key &key) const;

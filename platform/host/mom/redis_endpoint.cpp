@@ -101,6 +101,9 @@ std::string server_unfit(const ServerInfo &info) {
   return "the server's version is '" + info.version + "'; " + std::to_string(kOldestMajor) + " or later is needed";
 }
 
+namespace {
+
+// '*' and the number of arguments, '$' and the number of bytes.
 void append_head(std::string &out, char kind, size_t count) {
   char head[24];
   head[0] = kind;
@@ -110,12 +113,23 @@ void append_head(std::string &out, char kind, size_t count) {
   out.append(head, end);
 }
 
+}  // namespace
+
+void append_argument(std::string &out, std::initializer_list<std::string_view> pieces) {
+  size_t size = 0;
+  for (const std::string_view piece : pieces) size += piece.size();
+  append_head(out, '$', size);
+  for (const std::string_view piece : pieces) out.append(piece);
+  out.append("\r\n");
+}
+
+void append_command_head(std::string &out, size_t arguments) {
+  append_head(out, '*', arguments);
+}
+
 void append_command(std::string &out, std::span<const std::string_view> arguments) {
-  append_head(out, '*', arguments.size());
-  for (const std::string_view argument : arguments) {
-    append_head(out, '$', argument.size());
-    out.append(argument).append("\r\n");
-  }
+  append_command_head(out, arguments.size());
+  for (const std::string_view argument : arguments) append_argument(out, {argument});
 }
 
 std::string SyncConnection::open() {

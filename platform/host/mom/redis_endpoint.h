@@ -51,6 +51,14 @@ using Reply = std::unique_ptr<redisReply, FreeReply>;
 inline bool is_error(const redisReply *reply) {
   return reply->type == REDIS_REPLY_ERROR;
 }
+// The error itself or the first one among the answers of a transaction; null when there is none.
+inline const redisReply *error_in(const redisReply *reply) {
+  if (is_error(reply)) return reply;
+  for (size_t i = 0; reply->type == REDIS_REPLY_ARRAY && i < reply->elements; ++i) {
+    if (is_error(reply->element[i])) return reply->element[i];
+  }
+  return nullptr;
+}
 inline std::string_view text_of(const redisReply *reply) {
   return {reply->str ? reply->str : "", reply->str ? static_cast<size_t>(reply->len) : 0};
 }
@@ -58,8 +66,10 @@ inline std::string_view text_of(const redisReply *reply) {
 // One command on the wire, appended to `out`.
 using Arguments = std::initializer_list<std::string_view>;
 void append_command(std::string &out, std::span<const std::string_view> arguments);
-// The head of a command ('*', arguments) or of an argument ('$', bytes).
-void append_head(std::string &out, char kind, size_t count);
+// One argument of a command, of pieces that stand in several places.
+void append_argument(std::string &out, std::initializer_list<std::string_view> pieces);
+// The head of a command, before that many arguments.
+void append_command_head(std::string &out, size_t arguments);
 inline void append_command(std::string &out, Arguments arguments) {
   append_command(out, std::span(arguments.begin(), arguments.size()));
 }

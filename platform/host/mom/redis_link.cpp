@@ -202,20 +202,16 @@ void RedisLink::retry() {
 }
 
 void RedisLink::release_all() {
-  for (const Answer &answer : sent_) {
-    if (answer.charge.slot) answer.charge.slot->topic.release(answer.charge.bytes);
-  }
+  for (const Answer &answer : sent_) release(answer.charge);
   sent_.clear();
-  for (const Formatted &batch : queue_) {
-    const size_t first = &batch == &queue_.front() ? next_charge_ : 0;
-    for (size_t i = first; i < batch.charges.size(); ++i) {
-      const Charge &charge = batch.charges[i].second;
-      charge.slot->topic.release(charge.bytes);
-    }
-  }
+  for (const Formatted &commands : queue_) release(commands.charge);
   queue_.clear();
   more_ = nullptr;
-  next_command_ = next_charge_ = 0;
+  next_command_ = 0;
+}
+
+void RedisLink::release(const Charge &charge) {
+  if (charge.slot) charge.slot->topic.release(charge.bytes, charge.writes);
 }
 
 // A server that hangs, or a peer that is gone without a word. Looked at twice in the time that it may be silent.
@@ -231,32 +227,22 @@ void RedisLink::look() {
 
 // ---- commands
 
-void RedisLink::Formatted::add(std::span<const std::string_view> arguments, Charge charge) {
+void RedisLink::Formatted::add(std::span<const std::string_view> arguments) {
   append_command(bytes, arguments);
-  end_command(charge);
+  ends.push_back(bytes.size());
 }
 
-void RedisLink::Formatted::add_pieces(std::initializer_list<std::initializer_list<std::string_view>> arguments, Charge charge) {
-  append_head(bytes, '*', arguments.size());
-  for (const auto &argument : arguments) {
-    size_t size = 0;
-    for (const std::string_view piece : argument) size += piece.size();
-    append_head(bytes, '$', size);
-    for (const std::string_view piece : argument) bytes.append(piece);
-    bytes.append("\r\n");
-  }
-  end_command(charge);
-}
-
-void RedisLink::Formatted::end_command(Charge charge) {
-  if (charge.slot) charges.emplace_back(static_cast<uint32_t>(ends.size()), charge);
-  ends.push_back(static_cast<uint32_t>(bytes.size()));
+void RedisLink::Formatted::add(Arguments first, std::string_view formatted, size_t count) {
+  append_command_head(bytes, first.size() + count);
+  for (const std::string_view argument : first) append_argument(bytes, {argument});
+  bytes.append(formatted);
+  ends.push_back(bytes.size());
 }
 
 void RedisLink::send(Formatted commands) {
   if (commands.ends.empty()) return;
   if (!up_) {
-    for (const auto &[number, charge] : commands.charges) charge.slot->topic.release(charge.bytes);
+    release(commands.charge);
     return;
   }
   queue_.push_back(std::move(commands));
@@ -270,10 +256,8 @@ void RedisLink::feed() {
     Formatted &batch = queue_.front();
     const size_t begin = next_command_ == 0 ? 0 : batch.ends[next_command_ - 1];
     Answer answer{{}, nullptr};
-    if (next_charge_ < batch.charges.size() && batch.charges[next_charge_].first == next_command_) {
-      answer.charge = batch.charges[next_charge_++].second;
-    }
     const bool last = next_command_ + 1 == batch.ends.size();
+    if (last) answer.charge = batch.charge;
     if (last && batch.more) {
       more_ = std::move(batch.more);
       more_done_ = batch.done;
@@ -285,7 +269,7 @@ void RedisLink::feed() {
     ++next_command_;
     if (last) {
       queue_.pop_front();
-      next_command_ = next_charge_ = 0;
+      next_command_ = 0;
     }
   }
 }
@@ -294,11 +278,11 @@ void RedisLink::answer(const redisReply *reply) {
   if (sent_.empty()) return;  // the connection has failed and its charges are released
   const Answer answer = sent_.front();
   sent_.pop_front();
-  if (answer.charge.slot) answer.charge.slot->topic.release(answer.charge.bytes);
+  release(answer.charge);
   if (!reply) return;
-  if (is_error(reply)) {
+  if (const redisReply *error = error_in(reply)) {
     hub_.count_refused();
-    fail("the server refused a write: " + std::string(text_of(reply)));
+    fail("the server refused a write: " + std::string(text_of(error)));
     return;
   }
   if (answer.done) hub_.later().act([done = answer.done] { done(); });

@@ -17,10 +17,11 @@
 
 namespace mom {
 
-// What a command has in flight: released in `slot`'s topic with its answer, or when the connection ends.
+// What commands have in flight: released in `slot`'s topic with the last answer, or when the connection ends.
 struct Charge {
   Slot *slot = nullptr;
   size_t bytes = 0;
+  size_t writes = 1;
 };
 
 class RedisLink {
@@ -47,20 +48,17 @@ class RedisLink {
   // A run of commands, ready for the wire.
   struct Formatted {
     std::string bytes;
-    std::vector<uint32_t> ends;                        // of each command in `bytes`
-    std::vector<std::pair<uint32_t, Charge>> charges;  // of commands by number, ascending
-    qx_mom_done_cb done = nullptr;                     // called, later, when the last command is answered
+    std::vector<size_t> ends;  // of each command in `bytes`
+    Charge charge;
+    qx_mom_done_cb done = nullptr;  // called, later, when the last command is answered
     // Gives what the answer to the last command calls for: it goes out next, and everything behind waits until nothing more
     // comes.
     std::function<Formatted(const redisReply *)> more{};
 
-    void add(std::span<const std::string_view> arguments, Charge charge = {});
-    // An argument in pieces, so that a record is copied once.
-    void add_pieces(std::initializer_list<std::initializer_list<std::string_view>> arguments, Charge charge = {});
-    void add(Arguments arguments, Charge charge = {}) { add(std::span(arguments.begin(), arguments.size()), charge); }
-
-   private:
-    void end_command(Charge charge);
+    void add(std::span<const std::string_view> arguments);
+    void add(Arguments arguments) { add(std::span(arguments.begin(), arguments.size())); }
+    // A command whose last `count` arguments are on the wire's form already.
+    void add(Arguments first, std::string_view formatted, size_t count);
   };
   void send(Formatted commands);
 
@@ -90,6 +88,7 @@ class RedisLink {
   void feed();
   void answer(const redisReply *reply);
   void go_on(const redisReply *reply);
+  static void release(const Charge &charge);
   void release_all();
   void look();
 
@@ -105,7 +104,6 @@ class RedisLink {
 
   std::deque<Formatted> queue_;
   size_t next_command_ = 0;  // of the first batch
-  size_t next_charge_ = 0;
   std::deque<Answer> sent_;
   // The batch that the others wait for: sent, and its answer may call for more.
   std::function<Formatted(const redisReply *)> more_;

@@ -17,7 +17,8 @@ if type(value) == 'table' then
   redis.call('DEL', KEYS[2])
   value = ''
 end
-redis.call('PUBLISH', ARGV[2], 'D' .. ARGV[1] .. '\0' .. string.sub(value, 9))
+local last = string.sub(value, 9)
+redis.call('PUBLISH', ARGV[2], 'D' .. ARGV[1] .. '\0' .. struct.pack('<I4', #last) .. last)
 return 1)";
 
 constexpr std::string_view kPut = R"(
@@ -53,7 +54,7 @@ local after = string.format('%.0f', left)
 for _, member in ipairs(part[2]) do redis.call('PEXPIRE', ARGV[3] .. member, after) end
 if now() - begin >= left then
   for _, member in ipairs(part[2]) do
-    if redis.call('EXISTS', ARGV[3] .. member) == 0 then redis.call('PUBLISH', ARGV[5], 'D' .. member .. '\0') end
+    if redis.call('EXISTS', ARGV[3] .. member) == 0 then redis.call('PUBLISH', ARGV[5], 'D' .. member .. '\0\0\0\0\0') end
   end
 end
 return {part[1], string.format('%.0f', deadline)})";
@@ -71,7 +72,8 @@ for _, member in ipairs(part[2]) do
   if redis.call('PTTL', key) >= 0 and redis.pcall('GETRANGE', key, 0, 7) == ARGV[5] then
     local value = redis.call('GETDEL', key)
     redis.call('SREM', KEYS[1], member)
-    redis.call('PUBLISH', ARGV[4], 'D' .. member .. '\0' .. string.sub(value, 9))
+    local last = string.sub(value, 9)
+    redis.call('PUBLISH', ARGV[4], 'D' .. member .. '\0' .. struct.pack('<I4', #last) .. last)
   end
 end
 return {part[1], ''})";

@@ -1,6 +1,6 @@
 // What the server must decide itself. Each script works on one type in one database; KEYS[1] is the type's index, a set of the
 // keys' variable parts ("17:0"); stored values are the tag (8 bytes, little-endian) and the packed record. A deletion is
-// published as "D", the variable part, a zero byte and the last record.
+// published as a notification of kind "D" with the last record; redis_store.h has the layout.
 #pragma once
 
 #include <string>

@@ -16,6 +16,8 @@ using std::chrono::steady_clock;
 
 constexpr size_t kBatch = 32;  // writes that leave together; more gains nothing
 constexpr size_t kTagSize = 8;
+constexpr size_t kLengthSize = 4;  // of a record's length in a notification
+constexpr size_t kCommandHeads = 256;  // bytes of a transaction beside its arguments, or a little more
 constexpr size_t kForgetBatch = 256;
 constexpr size_t kMembersAtATime = 5000;
 constexpr size_t kSampled = 16;      // objects asked for their size
@@ -38,11 +40,15 @@ Bytes as_bytes(std::string_view text) {
 }
 
 // The notification without its kind.
+void append_notification_end(std::string &out, std::string_view member, Bytes packed) {
+  out.append(member).push_back('\0');
+  for (size_t byte = 0; byte < kLengthSize; ++byte) out.push_back(static_cast<char>(packed.size() >> 8 * byte));
+  out.append(as_text(packed));
+}
+
 std::string notification_end(std::string_view member, Bytes packed) {
   std::string end;
-  end.reserve(member.size() + 1 + packed.size());
-  end.append(member).push_back('\0');
-  end.append(as_text(packed));
+  append_notification_end(end, member, packed);
   return end;
 }
 
@@ -95,7 +101,7 @@ std::string RedisStore::probe() {
 RedisStore::Base &RedisStore::base(Database &db) {
   const auto found = std::find_if(bases_.begin(), bases_.end(), [&](const Base &base) { return &base.db == &db; });
   if (found != bases_.end()) return *found;
-  return bases_.emplace_back(Base{db, SyncConnection(endpoint_, db.number, limit_), nullptr, {}, {}, nullptr, {}, {}, {}, false});
+  return bases_.emplace_back(Base{db, SyncConnection(endpoint_, db.number, limit_), nullptr, {}, {}, {}, false});
 }
 
 RedisStore::Table &RedisStore::table(Slot &slot) {
@@ -157,33 +163,33 @@ int RedisStore::set(Slot &slot, const Key &key, Bytes packed, std::optional<int6
 int RedisStore::write(Table &table, const Key &key, Bytes packed, int64_t tag) {
   if (!table.slot.topic.admit(packed.size())) return -14;
   table.slot.topic.take(packed.size());
-  const Charge charge = {&table.slot, packed.size()};
   const std::string member = table.slot.type.member_text(key);
   const std::string tagged = tag_bytes(tag);
   if (table.slot.type.hash_class()) {
     send(table,
          {"EVALSHA", scripts::put().sha, "2", table.index, table.prefix + member, member, table.channel,
           std::string(tagged).append(as_text(packed)), notification_end(member, packed)},
-         charge);
+         {&table.slot, packed.size()});
   } else {
-    add_to_batch(table, key, member, tagged, packed, charge);
+    add_to_batch(table, member, tagged, packed);
   }
   watch_deletions(table);
   if (table.gone_live) table.known.insert(key);
   return 0;
 }
 
-void RedisStore::add_to_batch(Table &table, const Key &key, const std::string &member, std::string_view tag, Bytes packed,
-                              Charge charge) {
+void RedisStore::add_to_batch(Table &table, std::string_view member, std::string_view tag, Bytes packed) {
   Base &base = table.base;
-  if (base.open_table != &table) flush(base);
-  base.open_table = &table;
-  if (!table.known.contains(key)) base.announced.push_back(member);
-  base.confirmed.push_back(member);
-  const std::string_view record = as_text(packed), zero("\0", 1);
-  base.body.add_pieces({{"SET"}, {table.prefix, member}, {tag, record}});
-  base.body.add_pieces({{"PUBLISH"}, {table.channel}, {"W", member, zero, record}}, charge);
-  if (base.confirmed.size() >= kBatch) {
+  Batch &batch = base.batch;
+  if (batch.table != &table) flush(base);
+  batch.table = &table;
+  batch.bytes += packed.size();
+  append_argument(batch.members, {member});
+  append_argument(batch.objects, {table.prefix, member});
+  append_argument(batch.objects, {tag, as_text(packed)});
+  batch.notifications.push_back('W');
+  append_notification_end(batch.notifications, member, packed);
+  if (++batch.writes >= kBatch) {
     flush(base);
   } else {
     plan_flush(base);
@@ -199,29 +205,29 @@ void RedisStore::plan_flush(Base &base) {
 }
 
 void RedisStore::flush(Base &base) {
-  if (!base.open_table) return;
-  const Table &table = *std::exchange(base.open_table, nullptr);
-  const auto index_command = [&](const std::vector<std::string> &members) {
-    std::vector<std::string_view> arguments = {"SADD", table.index};
-    arguments.insert(arguments.end(), members.begin(), members.end());
-    RedisLink::Formatted command;
-    command.add(arguments);
-    return command;
-  };
-  if (!base.announced.empty()) base.link->send(index_command(base.announced));
-  const size_t size = base.body.bytes.size();
-  base.link->send(std::exchange(base.body, {}));
-  base.body.bytes.reserve(size);  // the next batch will be about as long
-  base.link->send(index_command(base.confirmed));
-  base.announced.clear();
-  base.confirmed.clear();
+  Batch &batch = base.batch;
+  if (!batch.table) return;
+  const Table &table = *std::exchange(batch.table, nullptr);
+  RedisLink::Formatted commands;
+  commands.bytes.reserve(batch.members.size() + batch.objects.size() + batch.notifications.size() + kCommandHeads);
+  commands.charge = {&table.slot, std::exchange(batch.bytes, 0), batch.writes};
+  commands.add({"MULTI"});
+  commands.add({"SADD", table.index}, batch.members, batch.writes);
+  commands.add({"MSET"}, batch.objects, 2 * batch.writes);
+  commands.add({"PUBLISH", table.channel, batch.notifications});
+  commands.add({"EXEC"});
+  base.link->send(std::move(commands));
+  // Cleared, their memory serves the next batch.
+  batch.writes = 0;
+  for (std::string *part : {&batch.members, &batch.objects, &batch.notifications}) part->clear();
 }
 
 // Everything but batched writes: behind them.
 void RedisStore::send(Table &table, Arguments arguments, Charge charge, qx_mom_done_cb done) {
   flush(table.base);
   RedisLink::Formatted command;
-  command.add(arguments, charge);
+  command.add(arguments);
+  command.charge = charge;
   command.done = done;
   link(table).send(std::move(command));
 }
@@ -383,11 +389,10 @@ bool RedisStore::read_members(Table &table, std::vector<Key> &keys) {
     if (!reply || reply->type != REDIS_REPLY_ARRAY || reply->elements != 2) return false;
     cursor = text_of(reply->element[0]);
     for (const redisReply *member : std::span(reply->element[1]->element, reply->element[1]->elements)) {
-      const std::string object = table.prefix + std::string(text_of(member));
-      if (auto key = table.slot.type.parse(object)) {
+      if (auto key = table.slot.type.parse_member(text_of(member))) {
         keys.push_back(std::move(*key));
       } else {
-        hub_.skip("the index names an object that cannot be", object);
+        hub_.skip("the index names an object that cannot be", table.prefix + std::string(text_of(member)));
       }
     }
   } while (cursor != "0");
@@ -491,33 +496,56 @@ void RedisStore::subscribed(Base &base, std::string_view channel) {
 void RedisStore::message(Base &base, std::string_view channel, std::string_view payload) {
   const auto found = base.channels.find(channel);
   if (found != base.channels.end()) {
-    notification(*found->second, payload);
+    notifications(*found->second, payload);
   } else {
     expired(base, payload);
   }
 }
 
-void RedisStore::notification(Table &table, std::string_view payload) {
-  const Kind *kind = payload.empty() ? nullptr : kind_of(payload.front());
-  const size_t end = payload.find('\0');
-  if (!kind || end == std::string_view::npos) {
-    hub_.skip("a notification of no known layout", table.prefix + std::string(payload.substr(0, 32)));
+struct RedisStore::Notification {
+  Change change;
+  std::string_view member;
+  Bytes packed;
+
+  // Takes the first one off the payload; nothing when that has no known layout.
+  static std::optional<Notification> take(std::string_view &payload) {
+    const Kind *kind = payload.empty() ? nullptr : kind_of(payload.front());
+    const size_t end = payload.find('\0');
+    if (!kind || end == std::string_view::npos || payload.size() - end - 1 < kLengthSize) return std::nullopt;
+    const Bytes rest = as_bytes(payload.substr(end + 1));
+    size_t length = 0;
+    for (size_t byte = 0; byte < kLengthSize; ++byte) length |= size_t{rest[byte]} << 8 * byte;
+    if (rest.size() - kLengthSize < length) return std::nullopt;
+    const Notification notification = {kind->change, payload.substr(1, end - 1), rest.subspan(kLengthSize, length)};
+    payload.remove_prefix(end + 1 + kLengthSize + length);
+    return notification;
+  }
+};
+
+void RedisStore::notifications(Table &table, std::string_view payload) {
+  do {
+    const auto next = Notification::take(payload);
+    if (!next) {
+      hub_.skip("a notification of no known layout", table.prefix + std::string(payload.substr(0, 32)));
+      return;
+    }
+    notification(table, *next);
+  } while (!payload.empty());
+}
+
+void RedisStore::notification(Table &table, const Notification &notification) {
+  if (notification.change == Change::published) {
+    hub_.deliver(table.slot, notification.change, notification.packed);
     return;
   }
-  const Bytes packed = as_bytes(payload.substr(end + 1));
-  if (kind->change == Change::published) {
-    hub_.deliver(table.slot, kind->change, packed);
-    return;
-  }
-  const std::string object = table.prefix + std::string(payload.substr(1, end - 1));
-  const auto key = table.slot.type.parse(object);
+  const auto key = table.slot.type.parse_member(notification.member);
   if (!key) {
-    hub_.skip("a notification of an object that cannot be", object);
+    hub_.skip("a notification of an object that cannot be", table.prefix + std::string(notification.member));
     return;
   }
-  if (kind->change != Change::deleted) return hub_.deliver(table.slot, kind->change, packed, &*key);
+  if (notification.change != Change::deleted) return hub_.deliver(table.slot, notification.change, notification.packed, &*key);
   table.known.erase(*key);
-  deleted(table, *key, packed);
+  deleted(table, *key, notification.packed);
 }
 
 void RedisStore::expired(Base &base, std::string_view object) {

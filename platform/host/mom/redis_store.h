@@ -3,18 +3,17 @@
 // On the server, in database n (SELECT n):
 //
 //   key      "s_policy_kelim.flow:17:0"  string: tag (8 bytes, little-endian), packed record
-//   index    "s_policy_kelim.flow"       set of the variable parts ("17:0") of the type's keys: scans and template operations
-//   walk it channel  "n:s_policy_kelim.flow"     notifications of writes: kind, variable part, a zero byte, packed record channel
-//   "n:s_policy_kelim.flow-"    of deletions, the same layout
+//   index    "s_policy_kelim.flow"       set of the variable parts ("17:0") of the type's keys; for scans and whole types
+//   channel  "n:s_policy_kelim.flow"     writes: one notification after another
+//   channel  "n:s_policy_kelim.flow-"    deletions, the same
 //
-// Kinds: W written, C / R written for the first time / again (hash-class types), D deleted, P published. Expiries come as Redis's
-// own key-event notifications.
+// A notification is its kind, the variable part, a zero byte, the length of what follows (4 bytes, little-endian), the packed
+// record. Kinds: W written, C / R written for the first time / again (hash-class types), D deleted, P published. Expiries come as
+// Redis's own key-event notifications.
 //
-// Where the server refuses a write (out of memory) its notification still goes out; the connection is then given up, and the
-// data-fetch signal that follows tells every subscriber to look again.
-//
-// A member may stand in the index without its object (expired, or a writer that died), never an object without its member:
-// members are announced before the objects are written and confirmed after it, deletions take both away in one script.
+// Writes of one type that are given within a turn of the loop leave together, as one transaction (MULTI): index, objects and
+// notifications change at once, and a server that is out of memory refuses all of it. An object therefore never stands without
+// its member in the index; a member may stand without its object, which has expired.
 #pragma once
 
 #include <deque>
@@ -80,6 +79,16 @@ class RedisStore final : public Store {
     std::vector<std::string> expired{};            // members to take out of the index
   };
 
+  // Writes of one type that leave together: the arguments of their three commands, on the wire's form but for the notifications.
+  struct Batch {
+    Table *table = nullptr;
+    size_t writes = 0;
+    size_t bytes = 0;  // of records
+    std::string members;
+    std::string objects;  // each a key and a value
+    std::string notifications;
+  };
+
   // One database.
   struct Base {
     Database &db;
@@ -87,11 +96,7 @@ class RedisStore final : public Store {
     std::unique_ptr<RedisLink> link;
     std::vector<std::unique_ptr<Table>> tables;  // by RecordType::id()
     std::map<std::string, Table *, std::less<>> channels;
-    // Writes of one type that leave together.
-    Table *open_table = nullptr;
-    std::vector<std::string> announced;  // members not known to be in the index
-    std::vector<std::string> confirmed;  // members of all
-    RedisLink::Formatted body;
+    Batch batch;
     bool flush_planned = false;
   };
 
@@ -100,7 +105,7 @@ class RedisStore final : public Store {
   RedisLink &link(Table &table) { return *table.base.link; }
 
   int write(Table &table, const Key &key, Bytes packed, int64_t tag);
-  void add_to_batch(Table &table, const Key &key, const std::string &member, std::string_view tag, Bytes packed, Charge charge);
+  void add_to_batch(Table &table, std::string_view member, std::string_view tag, Bytes packed);
   void flush(Base &base);
   void plan_flush(Base &base);
   void send(Table &table, Arguments arguments, Charge charge = {}, qx_mom_done_cb done = nullptr);
@@ -121,7 +126,9 @@ class RedisStore final : public Store {
   void up(Base &base);
   void subscribed(Base &base, std::string_view channel);
   void message(Base &base, std::string_view channel, std::string_view payload);
-  void notification(Table &table, std::string_view payload);
+  void notifications(Table &table, std::string_view payload);
+  struct Notification;
+  void notification(Table &table, const Notification &notification);
   void expired(Base &base, std::string_view object);
   void deleted(Table &table, const Key &key, Bytes packed);
   void forget_expired(Table &table);
