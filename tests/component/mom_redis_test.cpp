@@ -160,10 +160,9 @@ TEST_F(MomRedis, WritesOfOneTurnAreOneTransaction) {
   world->settle();
   const std::string newest_first = admin({"SLOWLOG", "GET", "100"});
   size_t at = newest_first.size();
-  for (const char *command :
-       {"MULTI", "SADD\ns_policy_kelim.flow\n17:0\n18:0", "MSET\ns_policy_kelim.flow:17:0", "PUBLISH\n8:s_policy_kelim.flow\nW17:0",
-        "MULTI", "SADD\ns_policy_kelim.flow_sta\n17:0", "MSET\ns_policy_kelim.flow_sta:17:0",
-        "PUBLISH\n8:s_policy_kelim.flow_sta\nW17:0"}) {
+  for (const char *command : {"MULTI", "SADD\ns_policy_kelim.flow\n17:0\n18:0", "MSET\ns_policy_kelim.flow:17:0",
+                              "PUBLISH\n8:s_policy_kelim.flow\nW17:0", "MULTI", "SADD\ns_policy_kelim.flow_sta\n17:0",
+                              "MSET\ns_policy_kelim.flow_sta:17:0", "PUBLISH\n8:s_policy_kelim.flow_sta\nW17:0"}) {
     at = newest_first.rfind(command, at);
     ASSERT_NE(at, std::string::npos) << command << " in its place in\n" << newest_first;
   }
@@ -448,11 +447,10 @@ TEST_F(MomRedis, ForeignAndBrokenContentsAreSkippedAndCounted) {
   ASSERT_EQ(admin({"SET", "s_policy_kelim.flow:foreign", "x", "PX", "1"}), "OK");
   ASSERT_EQ(admin({"SET", "something else", "x", "PX", "1"}), "OK");
   const std::string good = notification('W', "1:0", pack(flow));
-  for (const std::string &payload :
-       std::vector<std::string>{"", std::string(1, '\0'), "W", "W1:0", good.substr(0, 8), good.substr(0, good.size() - 1),
-                                notification('X', "1:0", pack(flow)), notification('W', "x:0", pack(flow)),
-                                notification('W', "2:0", pack(flow)), notification('W', "1:0", "\xff\xff"),
-                                notification('D', "9", "")}) {
+  for (const std::string &payload : std::vector<std::string>{
+           "", std::string(1, '\0'), "W", "W1:0", good.substr(0, 8), good.substr(0, good.size() - 1),
+           notification('X', "1:0", pack(flow)), notification('W', "x:0", pack(flow)), notification('W', "2:0", pack(flow)),
+           notification('W', "1:0", "\xff\xff"), notification('D', "9", "")}) {
     ASSERT_EQ(admin({"PUBLISH", "8:s_policy_kelim.flow", payload}), "1");
   }
   // The good ones beside what cannot be read, but nothing behind what has no known end.

@@ -81,7 +81,7 @@ class RecordType {
   bool is_template(const ProtobufCMessage &record) const;
 
   std::string text(const Key &key) const;
-  std::string member_text(const Key &key) const;          // without the type's name
+  std::string member_text(const Key &key) const;  // without the type's name
   // The reverse; nothing when the text is no key of this type.
   std::optional<Key> parse(std::string_view text) const;
   std::optional<Key> parse_member(std::string_view text) const;

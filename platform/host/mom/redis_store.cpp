@@ -16,7 +16,7 @@ using std::chrono::steady_clock;
 
 constexpr size_t kBatch = 32;  // writes that leave together; more gains nothing
 constexpr size_t kTagSize = 8;
-constexpr size_t kLengthSize = 4;  // of a record's length in a notification
+constexpr size_t kLengthSize = 4;      // of a record's length in a notification
 constexpr size_t kCommandHeads = 256;  // bytes of a transaction beside its arguments, or a little more
 constexpr size_t kForgetBatch = 256;
 constexpr size_t kMembersAtATime = 5000;
