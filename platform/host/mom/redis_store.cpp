@@ -14,7 +14,7 @@ namespace {
 using namespace std::chrono_literals;
 using std::chrono::steady_clock;
 
-constexpr size_t kBatch = 32;  // writes that leave together; more gains nothing
+constexpr size_t kBatch = 64;  // writes that leave together; more gains nothing
 constexpr size_t kTagSize = 8;
 constexpr size_t kLengthSize = 4;      // of a record's length in a notification
 constexpr size_t kCommandHeads = 256;  // bytes of a transaction beside its arguments, or a little more
