@@ -88,6 +88,14 @@ TEST_F(FlowRoad, a_known_flow_is_stored_again_from_its_cached_description) {
   EXPECT_EQ(flows_cached(), 1u);
   EXPECT_NE(again.find("flow_data=" + digits(other)), std::string::npos) << again;
   EXPECT_EQ(again.substr(again.find(" flow_field=")), first.at(0).substr(first.at(0).find(" flow_field=")));
+
+  // A shorter message than the first: nothing behind it is read or stored.
+  const Bytes shorter = flow_mod({.index = 1, .match = field(0x80000004, le(1u)), .actions = output(2)});
+  ASSERT_LT(shorter.size(), other.size());
+  flow(shorter);
+  d.tick();
+  const std::string last = stored(kUdpDb, s_policy_kelim__flow__descriptor).at(0);
+  EXPECT_NE(last.find("flow_data=" + digits(shorter) + " "), std::string::npos) << last;
 }
 
 TEST_F(FlowRoad, deletion_is_silent_and_an_unknown_flow_counts_as_deleted) {

@@ -1,5 +1,6 @@
 #include "ssc_kelim/sdn/ssc_kelim_msg_to_ssd.h"
 
+#include <algorithm>
 #include <cstdint>
 
 #include "kelim/common/kelim_debug.h"
@@ -68,17 +69,19 @@ std::int32_t ssc_sdn_add_flow_to_app(const flow_info_node &node) {
 }
 
 // Stores the flow for the programming service. 0, or the code of the step that failed.
-std::int32_t ssc_sdn_add_flow_to_udp(const flow_info_node &node, void *msg) {
+std::int32_t ssc_sdn_add_flow_to_udp(const flow_info_node &node, const ssc_sdn_flow_job &job) {
   SPolicyKelim__FlowKey key = ssc_kelim_flow_key(node.flow_index, node.vsd_id);
   SPolicyKelim__Flow record = S_POLICY_KELIM__FLOW__INIT;
   record.index = &key;
-  record.flow_data.data = static_cast<std::uint8_t *>(msg);
+  record.flow_data.data = static_cast<std::uint8_t *>(job.msg);
   record.n_ace = 1;
   record.req_uuid = now_us();
   std::int32_t rv = ssc_sdn_ace_field_act_convert(&record, &node);
   if (rv != 0) {
     SDN_ERROR("flow_entry malloc failed. flow_index = %lu", node.flow_index);
   } else {
+    // The description of a known flow is of its first message, which may have been longer.
+    record.flow_data.len = std::min<std::size_t>(record.flow_data.len, job.len);
     rv = ssc_sdn_store_flow(&record, SSC_KELIM_OW_FLOW, __func__);
   }
   ssc_sdn_free_flow_members(&record);
@@ -100,7 +103,7 @@ void take_udp_route(flow_info_node &node, const ssc_sdn_flow_job &job) {
   const std::uint64_t flow_index = node.flow_index;
   const std::uint32_t vsd_id = node.vsd_id;
   if (!register_flow(vsd_id, flow_index, job.msg, kDsFlow)) return;
-  const std::int32_t rv = ssc_sdn_add_flow_to_udp(node, job.msg);
+  const std::int32_t rv = ssc_sdn_add_flow_to_udp(node, job);
   if (rv == 0) return;
   // Deliberate: the same line as for a failed registration; operators search the log for it.
   SDN_ERROR_AS("ssc_sdn_add_flow_handler", "ssc kelim insert_msg_node FAIL!");
