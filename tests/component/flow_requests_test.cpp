@@ -322,6 +322,11 @@ TEST_F(FlowRequests, failures_of_the_access_control_layer_are_counted) {
   EXPECT_EQ(g_acl_fail, 1u);
   EXPECT_EQ(g_ace_fail, 1u);
   EXPECT_EQ(g_apply_fail, 2u);
+  d.on_loop([] {
+    g_policy_error_zlog_level = 0;
+    ssc_kelim_fp_handler[5]();
+  });
+  EXPECT_EQ(g_apply_fail, 3u) << "counted whether it is logged or not";
   d.on_loop([] { EXPECT_EQ(ssc_kelim_pack_send_task_init(), 0) << "the sending thread is started once"; });
 }
 

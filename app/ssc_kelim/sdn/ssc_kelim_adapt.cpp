@@ -109,7 +109,7 @@ pack_buffer *take_last_with_room() {
 pack_buffer *new_buffer() {
   const std::int32_t capacity = max_cells();
   const std::size_t bytes = sizeof(pack_buffer) + southbound::kCells + southbound::kCellLen * static_cast<std::size_t>(capacity);
-  void *block = ssc_sdn_malloc(bytes, __func__, __LINE__);
+  void *block = ssc_sdn_malloc(bytes, "ssc_sdn_pack_msg", __LINE__);
   if (!block) return nullptr;
   std::memset(block, 0, bytes);
   auto *buffer = static_cast<pack_buffer *>(block);
@@ -151,13 +151,16 @@ void *ssc_sdn_pack_send_task(void *) {
 }  // namespace
 
 void ssc_kelim_on_apply_fail(void) {
-  SDN_ERROR("g_apply_fail = %u.", ++g_apply_fail);
+  const std::uint32_t failures = ++g_apply_fail;
+  SDN_ERROR("g_apply_fail = %u.", failures);
 }
 void ssc_kelim_on_ace_fail(void) {
-  SDN_ERROR("g_ace_fail = %u.", ++g_ace_fail);
+  const std::uint32_t failures = ++g_ace_fail;
+  SDN_ERROR("g_ace_fail = %u.", failures);
 }
 void ssc_kelim_on_acl_fail(void) {
-  SDN_ERROR("g_acl_fail = %u.", ++g_acl_fail);
+  const std::uint32_t failures = ++g_acl_fail;
+  SDN_ERROR("g_acl_fail = %u.", failures);
 }
 
 std::uint16_t ssc_sdn_get_sdn_vers() {

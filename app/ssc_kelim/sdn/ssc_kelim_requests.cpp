@@ -33,16 +33,18 @@ using southbound::get;
 
 // ---- connection
 
+constexpr char kEnableLogName[] = "ssc_sdn_proc_enable_msg";
+
 // Traces the interfaces of an open or close message. 0, or -2.
 std::int32_t trace_interfaces(const void *msg, std::uint32_t count) {
   // Whole entries only, whatever the length says.
   const std::size_t bytes = count * sizeof(std::uint32_t);
   const flow_members::sdn_ptr<std::uint32_t> list(
-      static_cast<std::uint32_t *>(ssc_sdn_malloc(std::max<std::size_t>(1, bytes), __func__, __LINE__)));
+      static_cast<std::uint32_t *>(ssc_sdn_malloc(std::max<std::size_t>(1, bytes), kEnableLogName, __LINE__)));
   if (!list) return -2;
   std::memcpy(list.get(), static_cast<const std::byte *>(msg) + southbound::kHeaderLen, bytes);
   if (ssc_sdn_debug_sw & SDN_DBG_VER) {
-    SDN_VER_AS("ssc_sdn_proc_enable_msg", "%d", ssc_sdn_dump_sdn_ifx_array(list.get(), count));
+    SDN_VER_AS(kEnableLogName, "%d", ssc_sdn_dump_sdn_ifx_array(list.get(), count));
   }
   return 0;
 }
