@@ -5,6 +5,9 @@
 
 #include "kelim/common/kelim_debug.h"
 
+#undef SDN_LOG_SOURCE
+#define SDN_LOG_SOURCE "app/common/kelim_debug.cpp"
+
 namespace kelim {
 
 void log_line_begin(const LogClass &log_class, const LogSite &site) {
@@ -14,7 +17,9 @@ void log_line_begin(const LogClass &log_class, const LogSite &site) {
   std::printf("[%s][SDN][%s]%s[%d]:", time, log_class.tag, site.func, site.line);
 }
 
+// At once, also where standard output is a pipe or a file: it may be the last line that somebody sees.
 void log_line_end() {
+  std::fflush(stdout);
   funlockfile(stdout);
 }
 

@@ -125,6 +125,24 @@ class Controllers(e2e.Test):
         self.assertEqual(client.barrier(), [])
         return client
 
+    def test_a_flow_that_waits_for_the_service_chain_goes_with_all_others(self):
+        running = self.daemon(programmer_service_chain="false", openflow_decide_timeout_ms=60000)
+        client = self.client(running)
+        chained = openflow.match(openflow.oxm(0, struct.pack("!I", 1)))
+        client.send(openflow.FLOW_MOD, openflow.flow_mod(openflow.ADD, chained, openflow.tcp_flow(1)[1], table=1))
+        daemon.wait_until(lambda: self.stored(running, "parse_flow"), 10, "the request to the service chain")
+        client.delete_all()
+        daemon.wait_until(lambda: not self.stored(running, "parse_flow"), 10, "its end")
+        self.assertNotIn("flow_index", running.command("dump_ssc_all_flow_info"))
+
+    def test_standard_output_is_seen_while_the_daemon_runs(self):
+        running = self.daemon()
+        running.command("kelim_set_dbg", "dbg_val=8")
+        client = self.client(running)
+        client.add(1)
+        client.barrier()
+        daemon.wait_until(lambda: "[SDN][BARRIER]" in running.output(), 10, "the line of a barrier")
+
     def test_the_audit_sees_what_was_lost_and_repairs_it_where_that_is_configured(self):
         server = test_database.RedisServer()
         self.addCleanup(server.stop)

@@ -183,6 +183,8 @@ void Flows::clear_table() {
   while (FlowEntry *flow = table_.next(cursor)) {
     if (flow->in_force && flow->flags() & fm::kSendFlowRem) events_.flow_removed(*flow, kDeleted);
     counters_.removed += flow->in_force;
+    // The daemon removes what is stored. A flow that the service chain has not answered yet is not, and would be installed later.
+    if (flow->table_id() == kServiceChainTable && flow->state == FlowState::sent) handover_.remove(*flow);
     table_.remove(*flow);
   }
 }
