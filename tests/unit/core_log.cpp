@@ -79,6 +79,14 @@ TEST_F(Log, LinesThatRepeatWithinASecondAreCounted) {
   EXPECT_NE(all[5].find(" again  (app/a.cpp:7"), std::string::npos) << all[5];
 }
 
+TEST_F(Log, LinesForDebuggingKeepTheirOrder) {
+  for (const char *byte : {"00", "00", "ff", "00"}) zlog(QX_ZLOG_VERBOSE, byte);
+  const auto all = flushed();
+  ASSERT_EQ(all.size(), 4u);
+  EXPECT_NE(all[2].find(" ff "), std::string::npos) << all[2];
+  EXPECT_NE(all[3].find(" 00 "), std::string::npos) << all[3];
+}
+
 TEST_F(Log, ManyDifferentLinesAreAllKeptAndCountsOfOldOnesComeOut) {
   host::clock::stop();
   zlog(QX_ZLOG_ERROR, "first");

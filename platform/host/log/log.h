@@ -2,8 +2,8 @@
 //
 // A line is formatted and queued on the caller's thread and written by a thread of the service, so that a slow journal or
 // terminal does not stall the loop. The queue is bounded; what does not fit is counted and the count logged. Lines that repeat
-// within a second of the host's clock are written once and then once more with their count. Threads: any thread, except open and
-// close.
+// within a second of the host's clock, those for debugging apart, are written once and then once more with their count. Threads:
+// any thread, except open and close.
 #pragma once
 
 #include <fmt/format.h>
