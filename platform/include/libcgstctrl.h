@@ -15,7 +15,8 @@ extern "C" {
 // Prepares congestion control of `db` for the process `name`. Repeating it is harmless. 0, or -4.
 int libcgstctrl_gen_init(void *conn, int32_t db, const char *name);
 
-// Registers a record type. Repeating it is harmless. 0, -4 for a null or malformed topic, -1 before libcgstctrl_gen_init.
+// Registers a record type. `topic` is looked at during the call only. Repeating it is harmless. 0, -4 for a null or malformed
+// topic, -1 before libcgstctrl_gen_init.
 int libcgstctrl_gen_topic_reg(void *conn, int32_t db, const char *name, const qx_mom_type *topic);
 
 #ifdef __cplusplus

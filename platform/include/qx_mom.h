@@ -146,7 +146,8 @@ int qx_mom_scan_sync(qx_global *global, int32_t db, const ProtobufCMessage *reco
 // ---- notifications
 
 // Delivers every change of the type in `db` to `cb`, beginning with one QX_MOM_CMD_DATA_FETCH. The same callback for the same
-// type is subscribed once, however often it is asked for; each time it gets a data-fetch signal of its own.
+// type is subscribed once, however often it is asked for; each time it gets a data-fetch signal of its own. `spec` is looked at
+// during the call only; the descriptors that it names live as long as the process.
 int qx_mom_subscribe(qx_global *global, int32_t db, const qx_mom_spec *spec, qx_mom_notify_cb cb);
 
 // ---- descriptors
