@@ -16,6 +16,12 @@ Message meter_mod(std::uint32_t xid, std::uint16_t command, std::uint32_t id,
   return message(29, xid, body + hex(bands));
 }
 
+Message word(std::uint32_t value) {
+  Message out;
+  put(out, value, 4);
+  return out;
+}
+
 TEST_F(FlowsTest, MetersAreHandedOverInHostOrderAndShown) {
   apply(meter_mod(1, 0, 5, "0001 0010 000003e8 00000064 00000000 0002 0010 000007d0 00000000 01 000000"));
   ASSERT_EQ(daemon.of_type(southbound::kMeterMod).size(), 1u);
@@ -56,6 +62,42 @@ struct MeterCase {
   Message request;
   const char *error;
 };
+
+// Each meter with its own users; an older form of a flow, which is on its way out, is none. The price of the walk over the flows
+// is paid once and not once a meter.
+TEST_F(FlowsTest, StatisticsOfAllMetersTakeOneLookAtTheFlows) {
+  constexpr std::uint32_t kMeters = 1000, kFlows = 10'000;
+  const auto user = [](std::uint32_t flow, std::uint32_t meter) {
+    FlowMod f = ipv4_flow(flow);
+    f.instructions = hex("00060008") + word(meter) + f.instructions;
+    return flow_mod(f);
+  };
+  Message requests;
+  for (std::uint32_t id = 1; id <= kMeters; ++id) append(requests, meter_mod(1, 0, id));
+  for (std::uint32_t flow = 1; flow <= kFlows; ++flow) append(requests, user(flow, 1 + flow % 7));
+  apply(requests);
+  hand_over(user(7, 500), kFlows + 1);
+  const auto ask = [this](std::uint32_t xid, std::uint32_t id) {
+    const auto begun = std::chrono::steady_clock::now();
+    const Message reply = c.ask(message(18, xid, hex("0009 0000 00000000") + word(id) + word(0)));
+    return std::pair(std::chrono::steady_clock::now() - begun, reply);
+  };
+  auto one = ask(2, 500).first, all = ask(3, 0xffffffff).first;
+  for (std::uint32_t n = 0; n < 9; ++n) {
+    one = std::min(one, ask(2, 500).first);
+    all = std::min(all, ask(3, 0xffffffff).first);
+  }
+  EXPECT_LT(all, 20 * one);
+
+  const Message reply = ask(4, 0xffffffff).second;
+  ASSERT_EQ(reply.size(), 16u + kMeters * (40 + 16)) << "in one part";
+  const auto users = [&reply](std::uint32_t id) { return get(reply, 16 + (id - 1) * 56 + 12, 4); };
+  // 10000 = 7 * 1428 + 4: flows 1 to 4 of the last seven use meters 2 to 5, and flow 7 has left meter 1.
+  const std::uint64_t expected[] = {1427, 1429, 1429, 1429, 1429, 1428, 1428, 0};
+  for (std::uint32_t id = 1; id <= 8; ++id) EXPECT_EQ(users(id), expected[id - 1]) << id;
+  EXPECT_EQ(users(500), 1u);
+  daemon.answer_barriers();
+}
 
 TEST_F(FlowsTest, MetersAreRefusedExactly) {
   apply(meter_mod(1, 0, 5));

@@ -2,6 +2,7 @@
 #include <array>
 #include <fstream>
 #include <optional>
+#include <unordered_map>
 
 #include "host/of_ss/agent.h"
 #include "host/of_ss/protocol.h"
@@ -242,20 +243,24 @@ Verdict group_features(Agent &agent, Connection &connection, Bytes request) {
 
 // ---- meters
 
-std::uint32_t users_of(const Flows &flows, std::uint32_t meter) {
-  std::uint32_t cursor = 0, users = 0;
-  while (const FlowEntry *flow = flows.table().next(cursor))
-    users += flow->in_force && flow->get<std::uint32_t>(sb::kFlowMeterId) == meter;
+// How many flows use each meter. One walk over the table, however many meters are asked for: there may be a thousand of them, and
+// a hundred times as many flows.
+using MeterUsers = std::unordered_map<std::uint32_t, std::uint32_t>;
+MeterUsers meter_users(const FlowTable &table) {
+  MeterUsers users;
+  std::uint32_t cursor = 0;
+  while (const FlowEntry *flow = table.next(cursor))
+    if (const auto meter = flow->get<std::uint32_t>(sb::kFlowMeterId); meter && flow->in_force) ++users[meter];
   return users;
 }
 
 // Packets of a meter are not counted.
-void put_meter_stats(Writer &out, const Agent &, Flows &flows, std::uint32_t id, const Meter &meter, std::int64_t now) {
+void put_meter_stats(Writer &out, std::uint32_t id, const Meter &meter, std::uint32_t users, std::int64_t now) {
   const std::size_t start = out.size();
   out.u32(id);
   out.u16(0);
   out.zeros(6);
-  out.u32(users_of(flows, id));
+  out.u32(users);
   out.u64(kUnknown);
   out.u64(kUnknown);
   put_age(out, meter.created_ns, now);
@@ -294,8 +299,9 @@ Verdict each_meter(Agent &agent, Connection &connection, Bytes request, Put &&pu
 }
 
 Verdict meter_stats(Agent &agent, Connection &connection, Bytes request) {
-  return each_meter(agent, connection, request, [&agent](Writer &out, std::uint32_t id, const Meter &meter) {
-    put_meter_stats(out, agent, agent.flows(), id, meter, agent.now());
+  MeterUsers users = meter_users(agent.flows().table());
+  return each_meter(agent, connection, request, [&agent, &users](Writer &out, std::uint32_t id, const Meter &meter) {
+    put_meter_stats(out, id, meter, users[id], agent.now());
   });
 }
 
