@@ -517,8 +517,8 @@ TEST_F(FlowsTest, ASynchronisationHandsEveryFlowOverAgainUnchanged) {
   replayed.resize(53);
   EXPECT_EQ(to_hex(replayed.front()), "2100040008000100");
   EXPECT_EQ(to_hex(replayed.back()), "2200040008000100");
-  EXPECT_EQ(to_hex(replayed[51]), to_hex(meters[0]));
-  replayed.erase(replayed.begin());
+  EXPECT_EQ(to_hex(replayed[1]), to_hex(meters[0])) << "meters before all flows, which may be many";
+  replayed.erase(replayed.begin(), replayed.begin() + 2);
   replayed.resize(50);
   std::sort(replayed.begin(), replayed.end());
   std::sort(expected.begin(), expected.end());

@@ -476,11 +476,13 @@ void Agent::take_report(Bytes message) {
                       sb::get<std::uint64_t>(at, cell + 16), now_ns_);
 }
 
-// One burst, so that the daemon handles it in one go: what it has not heard of again shortly after the start, it forgets.
+// One burst, so that the daemon handles it in one go: what it has not heard of again shortly after the start, it forgets. The
+// time until then grows with how many there are of each kind, so the meters, which are few, come first: behind many flows they
+// would be forgotten before they were heard of. And a flow finds the meter that it uses.
 void Agent::synchronise() {
   flows_.handover().begin_sync();
-  flows_.replay();
   meters_.replay();
+  flows_.replay();
   flows_.handover().end_sync();
   log::info("handed {} flows and {} meters to the daemon again", flows_.table().size(), meters_.all().size());
 }
