@@ -231,6 +231,25 @@ TEST_F(FlowsTest, AModifyChangesTheActionsAndNothingElse) {
   EXPECT_TRUE(errors().empty());
 }
 
+// What a change leaves as it is asks for no answer, and takes none from the request before.
+TEST_F(FlowsTest, AChangeOfSomeFlowsFailsByItself) {
+  FlowMod same = ipv4_flow(1), other = ipv4_flow(2);
+  same.cookie = other.cookie = 0x10;
+  same.instructions = of_wire::apply(output(7));
+  apply(flow_mod(same) + flow_mod(other));
+  FlowMod change;
+  change.xid = 71, change.command = 1, change.cookie = 0x10, change.cookie_mask = 0xff;
+  change.instructions = of_wire::apply(output(7));
+  hand_over(flow_mod(ipv4_flow(3, 70)) + flow_mod(change) + barrier(72), 4);
+  PlayedDaemon::fail(4, 2);
+  PlayedDaemon::fail(3, 2);
+  daemon.answer_barriers();
+  c.await(21);
+  std::multiset<std::uint32_t> failed;
+  for (const Message &error : c.of_type(1)) failed.insert(static_cast<std::uint32_t>(get(error, 4, 4)));
+  EXPECT_EQ(failed, (std::multiset<std::uint32_t>{70, 71}));
+}
+
 // Changes faster than decisions: every form but the last goes, in order.
 TEST_F(FlowsTest, ManyChangesInARowLeaveTheLastForm) {
   Message burst;
@@ -543,6 +562,17 @@ TEST_F(FlowsTest, AnInstalledFlowThatFailsIsAddedOnceMoreAndThenReported) {
 class Restart : public FlowsTest {
  protected:
   bool starts_at_once() override { return false; }
+  void SetUp() override {
+    FlowsTest::SetUp();
+    static bool connected;
+    connected = false;
+    const auto note = [](void *, const char *) {
+      connected = true;
+      return 0;
+    };
+    qx_mom_client_connect(global, QX_MOM_UDP_DB, note, "test");
+    ASSERT_TRUE(until([] { return connected; }));
+  }
   void store(std::uint64_t index, const Message &flow_data) {
     SPolicyKelim__FlowKey key = S_POLICY_KELIM__FLOW_KEY__INIT;
     key.flow_index = index;
@@ -554,16 +584,6 @@ class Restart : public FlowsTest {
 };
 
 TEST_F(Restart, TakesOverWhatIsStored) {
-  bool connected = false;
-  static bool *flag = &connected;
-  qx_mom_client_connect(
-      global, QX_MOM_UDP_DB,
-      [](void *, const char *) {
-        *flag = true;
-        return 0;
-      },
-      "test");
-  ASSERT_TRUE(until([&] { return connected; }));
   // Index 41, cookie 0x77, priority 100, idle 60, table 1: in_port 1 and application type 3; output to 2, by WRITE_ACTIONS.
   const Message stored =
       hex("0a00 0400 5800 0000 2900000000000000 7700000000000000 6400 0000 00 01 02 00 00000000 3c00 0000"
@@ -583,6 +603,29 @@ TEST_F(Restart, TakesOverWhatIsStored) {
   EXPECT_EQ(to_hex(daemon.flows(true)[0]), to_hex(stored)) << "byte for byte";
   apply(flow_mod(ipv4_flow(1)));
   EXPECT_EQ(index_of(daemon.flows(true)[1]), 100u) << "above every index that is stored";
+}
+
+// A life that ended in the middle of a change has left both forms.
+TEST_F(Restart, TakesOverTheNewestFormOfAFlow) {
+  const auto form = [](std::uint8_t index, std::uint8_t out) {
+    Message m =
+        hex("0a00 0400 5000 0000 0000000000000000 7700000000000000 6400 0000 00 00 02 00 00000000 0000 0000"
+            "0100 0800 04000080 01000000 00000000"
+            "10000000 00000000 0000 1000 00000000 ffff 000000000000");
+    m[8] = std::byte{index};
+    m[68] = std::byte{out};
+    return m;
+  };
+  store(41, form(41, 2));
+  store(42, form(42, 3));
+  start();
+  come_up(c);
+  EXPECT_EQ(dump().size(), 1u);
+  ss_of_ds_fetch();
+  ASSERT_TRUE(until([this] { return !daemon.flows(true).empty(); }));
+  ASSERT_TRUE(c.settle());
+  ASSERT_EQ(daemon.flows(true).size(), 1u);
+  EXPECT_EQ(to_hex(daemon.flows(true)[0]), to_hex(form(42, 3)));
 }
 
 // ---- statistics

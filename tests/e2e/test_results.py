@@ -1,11 +1,13 @@
 """What becomes of a flow reaches the controller that asked for it, and barriers keep their promise."""
 
+import subprocess
 import time
 import unittest
 
 import daemon
 import e2e
 import openflow
+import test_database
 
 
 class Results(e2e.Test):
@@ -72,6 +74,30 @@ class Results(e2e.Test):
         replies = [client.receive(), client.receive()]
         self.assertEqual([(r.type, r.xid) for r in replies], [(openflow.BARRIER_REPLY, first), (openflow.BARRIER_REPLY, second)])
         self.assert_nothing_left(running)
+
+    def test_flows_that_do_not_fit_any_more_are_tried_again_and_then_reported(self):
+        server = test_database.RedisServer()
+        self.addCleanup(server.stop)
+        running = self.daemon(mom_url=server.url, programmer_embedded="false")
+        service = self.programming_service(running, size=10)
+        client = self.client(running)
+        self.add_all(client, *range(1, 11))
+        self.assertEqual(client.barrier(), [])
+        service.kill()
+        service.wait()
+        self.programming_service(running, size=7)
+        gone = [client.receive() for _ in range(3)]
+        self.assertEqual([message.type for message in gone], [openflow.FLOW_REMOVED] * 3)
+        self.assertEqual(len(self.stored(running, "flow")), 7)
+        self.assertEqual(len(running.ask_json("flows")["flows"]), 7)
+        self.assertEqual(client.barrier(), [])
+
+    def programming_service(self, running, size):
+        environment = running.environment | {"KELIM_PROGRAMMER_SIZE": str(size)}
+        service = subprocess.Popen([running.bin / "kelim-programmer"], env=environment, stderr=subprocess.DEVNULL)
+        self.addCleanup(service.wait)
+        self.addCleanup(service.kill)
+        return service
 
     def test_statistics_of_six_hundred_flows_come_whole_in_one_sequence(self):
         running = self.daemon(programmer_counter_interval_ms=100, programmer_counter_rate=1000)

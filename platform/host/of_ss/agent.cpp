@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "host/log/log.h"
+#include "host/of_ss/answers.h"
 #include "host/of_ss/protocol.h"
 #include "host/runtime/clock.h"
 #include "host/runtime/loop.h"
@@ -440,6 +441,7 @@ void Agent::take_inbox() {
 const Agent::ReplyRow *Agent::reply_row(std::uint16_t type) {
   static constexpr ReplyRow kReplies[] = {
       {sb::kFlowResult, sb::kFlowResultLen, [](Agent &a, Bytes m) { a.flows_.flow_result(m, a.now_ns_); }},
+      {kFlowAnswer, sb::kFlowResultLen, [](Agent &a, Bytes m) { a.flows_.flow_answer(m, a.now_ns_); }},
       {sb::kStatReply, sb::kStatReplyLen, [](Agent &a, Bytes m) { a.take_counters(m); }},
       {sb::kMeterResult, sb::kMeterResultLen, [](Agent &a, Bytes m) { a.take_meter_result(m); }},
       {sb::kPackedReport, sb::kHeaderLen, [](Agent &a, Bytes m) { a.take_report(m); }},

@@ -13,6 +13,10 @@ constexpr std::uint64_t kBarrierEvery = 1024;
 constexpr std::size_t kLateFailuresKept = 100;
 constexpr std::int64_t kSecond = 1'000'000'000;
 
+bool is_shortage(Bytes result) {
+  return sb::get<std::uint32_t>(result.data(), sb::kFlowResultCode) == sb::kResultResource;
+}
+
 bool matches_everything(const FlowMod &mod) {
   return mod.table_id == kTableAll && southbound_match(mod.southbound()).empty() && mod.cookie_mask == 0 &&
          mod.out_port == port::kAny && mod.out_group == kGroupAny;
@@ -58,11 +62,9 @@ Verdict Flows::add(const FlowMod &mod, const Origin &origin, Bytes request, std:
 }
 
 Verdict Flows::modify(const FlowMod &mod, const Origin &origin, Bytes request, std::int64_t now) {
-  bool first = true;
-  for (FlowEntry *flow : targets(mod, mod.command == fm::kModifyStrict)) {
-    change(*flow, mod, origin, request, !first, now);
-    first = false;
-  }
+  bool expected = false;
+  for (FlowEntry *flow : targets(mod, mod.command == fm::kModifyStrict))
+    expected |= change(*flow, mod, origin, request, expected, now);
   return {};
 }
 
@@ -146,11 +148,13 @@ Bytes Flows::with_instructions_of(const FlowEntry &flow, const FlowMod &mod) {
   return scratch_;
 }
 
-void Flows::change(FlowEntry &flow, const FlowMod &mod, const Origin &origin, Bytes request, bool same_request,
+// Whether an answer is expected for it: a flow that is so already stays as it is.
+bool Flows::change(FlowEntry &flow, const FlowMod &mod, const Origin &origin, Bytes request, bool same_request,
                    std::int64_t now) {
   const Bytes changed = with_instructions_of(flow, mod);
+  const bool differs = flow.state == FlowState::sent || !same_flow_mod(flow.southbound(), changed);
   FlowEntry *form = &flow;
-  if (flow.state == FlowState::sent || !same_flow_mod(flow.southbound(), changed)) {
+  if (differs) {
     form = &hand_over(changed, {flow.hash, &flow}, flow.created_ns);
     form->last_hit_s = flow.last_hit_s;
     ledger_.expect(form->index(), origin, request, same_request, now);
@@ -159,6 +163,7 @@ void Flows::change(FlowEntry &flow, const FlowMod &mod, const Origin &origin, By
     form->packets.reset();
     form->bytes.reset();
   }
+  return differs;
 }
 
 void Flows::withdraw(FlowEntry &flow) {
@@ -184,7 +189,7 @@ void Flows::clear_table() {
     if (flow->in_force && flow->flags() & fm::kSendFlowRem) events_.flow_removed(*flow, kDeleted);
     counters_.removed += flow->in_force;
     // The daemon removes what is stored. A flow that the service chain has not answered yet is not, and would be installed later.
-    if (flow->table_id() == kServiceChainTable && flow->state == FlowState::sent) handover_.remove(*flow);
+    if (flow->state == FlowState::sent && is_for_service_chain(southbound_match(flow->southbound()))) handover_.remove(*flow);
     table_.remove(*flow);
   }
 }
@@ -240,6 +245,8 @@ bool Flows::restore(Bytes flow_mod, std::int64_t now) {
   if (!flow) return false;
   flow->state = FlowState::installed;
   flow->last_hit_s = static_cast<std::uint32_t>(now / kSecond);
+  // Two forms of one flow: the life before ended in the middle of a change. The older one is not replayed, so its record goes.
+  while (FlowEntry *older = table_.at(flow->older)) table_.remove(*older);
   return true;
 }
 
@@ -280,21 +287,23 @@ void Flows::barrier_reply(Bytes reply, std::int64_t now) {
 void Flows::decided(const Pending &pending, std::int64_t now) {
   FlowEntry *flow = table_.by_index(pending.index);
   if (!flow || flow->state != FlowState::sent) return;
+  const bool failed_since = pending.failed;
   flow->state = FlowState::installed;
   flow->latency_us = static_cast<std::uint32_t>(std::min<std::int64_t>((now - pending.since_ns) / 1000, UINT32_MAX));
   counters_.latency_max_us = std::max(counters_.latency_max_us, flow->latency_us);
   counters_.latency_sum_us += flow->latency_us;
   ++counters_.decided;
   drop_older_forms(*flow);
+  if (failed_since) failed_late(*flow, now);
 }
 
 void Flows::flow_result(Bytes reply, std::int64_t now) {
   if (reply.size() < sb::kFlowResultLen) return;
   const auto index = sb::get<std::uint64_t>(reply.data(), sb::kFlowIndex);
-  const bool full = sb::get<std::uint32_t>(reply.data(), sb::kFlowResultCode) == sb::kResultResource;
-  const Error &error = full ? err::kTableFull : err::kFlowModUnknown;
   FlowEntry *flow = table_.by_index(index);
   Pending *pending = ledger_.find(index);
+  const bool full = is_shortage(reply) || (pending && pending->no_room);
+  const Error &error = full ? err::kTableFull : err::kFlowModUnknown;
   if (pending && !pending->answered) {
     events_.flow_failed(pending->origin, error, Bytes(pending->request_head, pending->request_len));
     ledger_.answer(*pending);
@@ -305,6 +314,20 @@ void Flows::flow_result(Bytes reply, std::int64_t now) {
     failed_late(*flow, now);
   } else {
     ++counters_.duplicate_results;
+  }
+}
+
+void Flows::flow_answer(Bytes answer, std::int64_t now) {
+  const auto index = sb::get<std::uint64_t>(answer.data(), sb::kFlowIndex);
+  FlowEntry *flow = table_.by_index(index);
+  if (Pending *pending = ledger_.find(index)) {
+    // The daemon tells when it is its turn, or not at all where the flow had succeeded before.
+    pending->failed = true;
+    pending->no_room = is_shortage(answer);
+  } else if (flow && flow->in_force) {
+    failed_late(*flow, now);
+  } else if (flow) {
+    table_.remove(*flow);
   }
 }
 

@@ -79,6 +79,8 @@ class Flows {
 
   // Replies of the daemon.
   void flow_result(Bytes reply, std::int64_t now);
+  // What the programming service says of a flow that failed (answers.h); comes before the daemon's result where there is one.
+  void flow_answer(Bytes answer, std::int64_t now);
   void barrier_reply(Bytes reply, std::int64_t now);
   void capacity(std::uint32_t flows) { told_capacity_ = flows; }
   // Counters: the totals of one index, and changes of it.
@@ -128,7 +130,7 @@ class Flows {
   std::vector<FlowEntry *> targets(const FlowMod &mod, bool strict);
   FlowEntry *find_in_table(const FlowMod &mod, std::uint8_t table_id);
   Bytes with_instructions_of(const FlowEntry &flow, const FlowMod &mod);
-  void change(FlowEntry &flow, const FlowMod &mod, const Origin &origin, Bytes request, bool same_request, std::int64_t now);
+  bool change(FlowEntry &flow, const FlowMod &mod, const Origin &origin, Bytes request, bool same_request, std::int64_t now);
   void remove_flow(FlowEntry &flow, RemovedReason reason);
   void remove_all();
   void clear_table();

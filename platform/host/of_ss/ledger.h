@@ -28,6 +28,8 @@ struct Pending {
   std::int64_t since_ns;
   Origin origin;
   bool answered = false;  // its failure has been reported
+  bool failed = false;    // the programming service says so; the daemon may not
+  bool no_room = false;   // why
   std::uint8_t request_len;
   std::byte request_head[64];
 };

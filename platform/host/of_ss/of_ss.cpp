@@ -1,6 +1,5 @@
 #include "of_ss.h"
 
-#include <array>
 #include <atomic>
 #include <cstdio>
 #include <memory>
@@ -14,10 +13,10 @@
 #include "host/fault/fault.h"
 #include "host/log/log.h"
 #include "host/of_ss/agent.h"
+#include "host/of_ss/answers.h"
 #include "host/of_ss/audit.h"
 #include "host/of_ss/callbacks.h"
 #include "host/of_ss/settings.h"
-#include "host/of_ss/shortage.h"
 #include "host/of_ss/stored.h"
 #include "host/of_ss/testing.h"
 #include "host/of_ss/views.h"
@@ -213,7 +212,9 @@ int ss_of_init(qx_global *global) {
   if (const int rv = host::fault::check(Point::of_init)) return rv;
   if (!global) return -1;
   global_handle = global;
-  watch_shortages();
+  watch_answers([](Bytes answer) {
+    if (running) inbox.put(answer);
+  });
   register_views([] { return agent.get(); });
   host::control::register_view("audit", [](const nlohmann::json &) {
     if (!audit) throw std::invalid_argument("the OpenFlow service library is not running yet");
@@ -292,9 +293,8 @@ int of_ss_send_msg(const void *msg, uint32_t len) {
   if (!is_message(msg, len)) return -4;
   if (const int rv = host::fault::check(Point::of_send)) return rv;
   const std::span bytes(static_cast<const std::byte *>(msg), len);
-  std::array<std::byte, southbound::kFlowResultLen> reworded;
   tell(reply_tap, bytes);
   if (!running) return held ? 0 : -1;
-  return inbox.put(with_reason(bytes, reworded)) ? 0 : -1;
+  return inbox.put(bytes) ? 0 : -1;
 }
 }

@@ -404,6 +404,12 @@ std::string match_text(Bytes slots) {
   return text;
 }
 
+bool is_for_service_chain(Bytes slots) {
+  for (Slot slot = next_slot(slots); slot.row; slot = next_slot(slots))
+    if (slot.row->number == kOxmAppType) return sb::get<std::uint32_t>(slot.value, 0) == sb::kServiceChainAppType;
+  return false;
+}
+
 bool match_covers(Bytes general, Bytes specific) {
   for (Slot slot = next_slot(general); slot.row; slot = next_slot(general)) {
     const Slot other = find_slot(specific, slot);

@@ -89,6 +89,9 @@ void encode_wire_match(Bytes slots, bool service_chain, Writer &out);
 // Southbound slots as "in_port=1,eth_type=0x0800,ipv4_dst=10.0.0.0/24"; empty for a match of everything.
 std::string match_text(Bytes slots);
 
+// Whether the flow is one that the service chain translates: of table 1, or with that application type in its match.
+bool is_for_service_chain(Bytes slots);
+
 // Whether `general` matches every packet that `specific` matches.
 bool match_covers(Bytes general, Bytes specific);
 
