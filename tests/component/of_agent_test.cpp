@@ -509,6 +509,36 @@ TEST_F(Echo, ASilentPeerIsProbedAndThenGivenUp) {
   EXPECT_TRUE(until([&] { return c.ended(); }));
 }
 
+// While the daemon takes its time, a controller's messages wait and it is not probed. However long that was, it is not given up
+// before it has had the time to answer.
+class EchoLate : public Echo {
+ protected:
+  void configure() override {
+    Echo::configure();
+    set("openflow.decide_timeout_ms", "600000");
+    set("openflow.queue_bound", "1");
+  }
+};
+
+TEST_F(EchoLate, APeerWhoseMessagesWaitedIsProbedBeforeItIsGivenUp) {
+  Controller c;
+  come_up(c);
+  daemon.hold_barriers(true);
+  c.send(flow_mod(ipv4_flow(1)) + barrier(1) + flow_mod(ipv4_flow(2)) + barrier(2));
+  ASSERT_TRUE(until([this] { return daemon.flows(true).size() == 1; }));
+  warp(40s);
+  EXPECT_TRUE(c.of_type(2).empty()) << "its second flow waits";
+  daemon.answer_barriers();
+  ASSERT_FALSE(c.await(21, 2).empty());
+  warp(1s);
+  ASSERT_FALSE(c.await(2).empty());
+  EXPECT_FALSE(c.ended());
+  warp(19s);
+  EXPECT_FALSE(c.ended());
+  warp(1s);
+  EXPECT_TRUE(until([&] { return c.ended(); })) << "now it has not answered in two intervals";
+}
+
 TEST_F(Echo, APeerWithoutHelloIsGivenUp) {
   Controller c(port);
   c.await(0);

@@ -123,7 +123,7 @@ void Connection::read() {
     return;
   }
   heard_ns_ = clock::now().count();
-  probed_ = false;
+  probed_ns_.reset();
   take_messages();
 }
 
@@ -286,11 +286,18 @@ void Connection::abort(const std::string &why) {
 void Connection::check(std::int64_t now_ns) {
   if (phase_ == Phase::closing && now_ns - closing_ns_ > kClosingLimit) return abort(why_);
   if (phase_ == Phase::hello && now_ns - since_ns_ > kHelloLimit) return close("no HELLO from the peer");
-  const std::int64_t interval = limits_.echo_interval_ns, silence = now_ns - heard_ns_;
-  if (phase_ != Phase::up || interval == 0 || silence < interval || waiting_) return;
-  if (silence >= 3 * interval) return abort("the peer does not answer echo requests");
-  if (!probed_) send(std::as_bytes(std::span(kProbe)));
-  probed_ = true;
+  if (phase_ == Phase::up && !waiting_) probe(now_ns);
+}
+
+// Silence alone is no sign of a dead peer: while its messages wait, none of it is heard. So it has two intervals to answer,
+// however long it was silent before.
+void Connection::probe(std::int64_t now_ns) {
+  const std::int64_t interval = limits_.echo_interval_ns;
+  if (interval == 0 || now_ns - heard_ns_ < interval) return;
+  if (probed_ns_ && now_ns - *probed_ns_ >= 2 * interval) return abort("the peer does not answer echo requests");
+  if (probed_ns_) return;
+  send(std::as_bytes(std::span(kProbe)));
+  probed_ns_ = now_ns;
 }
 
 }  // namespace host::of_ss

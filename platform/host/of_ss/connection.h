@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "host/of_ss/wire.h"
@@ -118,6 +119,7 @@ class Connection {
   void written();
   void hang_up();
   void stop_reading(bool stop);
+  void probe(std::int64_t now_ns);
 
   ConnectionEvents &events_;
   BuffereventOwner bev_;
@@ -131,7 +133,7 @@ class Connection {
   std::size_t scanned_ = 0;  // bytes at the front of the input whose echo requests are answered
   std::size_t scanned_messages_ = 0;
   std::int64_t since_ns_, heard_ns_, closing_ns_ = 0;
-  bool probed_ = false;  // an echo request is unanswered
+  std::optional<std::int64_t> probed_ns_;  // when the echo request went out that nothing has been heard after
   Traffic traffic_;
   std::string why_;
   std::unique_ptr<Session> session_;
