@@ -88,7 +88,8 @@ typedef int (*qx_mom_done_cb)(void);
 int qx_mom_client_connect_sync(qx_global *global, int32_t db);
 
 // Connects database `db` for pipelined writes and notifications; `cb` runs in a later turn of the loop, once the connection is
-// up, with the connection handle and `label` (kept by pointer).
+// up, with the connection handle and `label` (kept by pointer). A result of `cb` that is not 0 says that the process cannot work
+// with the database: the host logs it and ends the process with status 1, so that what supervises it starts it again.
 int qx_mom_client_connect(qx_global *global, int32_t db, qx_mom_connect_cb cb, const char *label);
 
 // What `cb` is told when the connection of `db` changes. `arg` is reserved, null.

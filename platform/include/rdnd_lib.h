@@ -11,7 +11,8 @@
 extern "C" {
 #endif
 
-// Called on the loop's thread with the role and state taken up. The result is logged by the platform when it is not 0.
+// Called on the loop's thread with the role and state taken up. A result that is not 0 says that the work was not taken up: the
+// host logs it and ends the process with status 1, so that what supervises it starts it again.
 typedef int (*rdnd_lib_cb)(void *role, void *state);
 
 // Filled by the process; copied by the call, except the list of databases, which must live as long as the process.

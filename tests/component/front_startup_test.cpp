@@ -1,5 +1,7 @@
 // Start-up, reconnection, the event timer and the watchers of install results.
 #include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -14,6 +16,9 @@
 #include "ssc_kelim/main.h"
 #include "ssc_kelim/sdn/ssc_kelim_init.h"
 #include "ssc_kelim/sdn/ssc_sdn_msg_queue.h"
+#include "support/runtime_fixture.h"
+
+int ssc_kelim_main();  // the daemon's main, renamed
 
 namespace {
 
@@ -118,6 +123,27 @@ TEST(StartUp, EveryStepReportsItsFailureAndEndsTheChain) {
     EXPECT_EQ(printed.size(), at + 2) << "one line more: " << printed;
   }
   g_policy_error_zlog_level = 6;
+}
+
+// What the process prints and its status when that call fails at its start; it must not stay and do nothing.
+[[noreturn]] void start_with_fault(const TempDir &run_dir, Point point, unsigned skip) {
+  for (const auto &[key, text] : {std::pair("KELIM_RUN_DIR", run_dir.path().c_str()),
+                                  {"KELIM_LOG_TARGET", "stderr"},
+                                  {"KELIM_OPENFLOW_LISTEN", ""},
+                                  {"KELIM_PROGRAMMER_EMBEDDED", "false"}})
+    setenv(key, text, 1);
+  host::fault::fail(point, -1, skip);
+  alarm(static_cast<unsigned>(kPatience.count()));
+  std::exit(ssc_kelim_main());
+}
+
+TEST(StartUp, AProcessThatDidNotTakeUpItsWorkEndsToBeStartedAgain) {
+  const TempDir dir;
+  const testing::ExitedWithCode failed(1);
+  const std::string ends = "ssc_kelim ends, to be started again: ";
+  EXPECT_EXIT(start_with_fault(dir, Point::mom_connect_sync, 0), failed, ends + "ssc_kelim did not take up its work \\(-1\\)");
+  EXPECT_EXIT(start_with_fault(dir, Point::timer_insert, 0), failed, ends + "ssc_kelim did not take up its work \\(-1\\)");
+  EXPECT_EXIT(start_with_fault(dir, Point::mom_subscribe, 1), failed, ends + "the connect callback of database 8 gave -1");
 }
 
 TEST(StartUp, AFailingSubscriptionIsReportedUnderTheFlowsNameAndEndsTheConnect) {

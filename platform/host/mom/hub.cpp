@@ -5,6 +5,7 @@
 
 #include "host/log/log.h"
 #include "host/mom/render.h"
+#include "host/runtime/services.h"
 
 namespace mom {
 
@@ -78,7 +79,7 @@ void Hub::connected(Database &db) {
   const Database::Connect connect = db.connecting.front();
   db.connecting.erase(db.connecting.begin());
   const int rv = connect.callback(&db, connect.label);
-  if (rv != 0) host::log::error("the connect callback of database {} gave {}", db.number, rv);
+  if (rv != 0) host::give_up("the connect callback of database " + std::to_string(db.number) + " gave " + std::to_string(rv));
 }
 
 int Hub::set_reconnect(Database &db, qx_mom_reconnect_cb callback) {

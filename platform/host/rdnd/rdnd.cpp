@@ -1,14 +1,15 @@
 // A host is its own and only supervisor: every process takes up its work in the first turn of its loop.
 #include "host/fault/fault.h"
-#include "host/log/log.h"
 #include "host/runtime/loop.h"
+#include "host/runtime/services.h"
 #include "rdnd_lib.h"
 
 int rdnd_lib_mom_reg(const rdnd_lib_reg *reg) {
   if (reg == nullptr || reg->name == nullptr || reg->role_cb == nullptr || reg->state_cb == nullptr) return -4;
   if (const int rv = host::fault::check(host::fault::Point::rdnd_reg)) return rv;
   host::post([name = std::string(reg->name), take_up = reg->role_cb] {
-    if (const int rv = take_up(nullptr, nullptr); rv != 0) host::log::error("{} did not take up its work: {}", name, rv);
+    if (const int rv = take_up(nullptr, nullptr); rv != 0)
+      host::give_up(name + " did not take up its work (" + std::to_string(rv) + ")");
   });
   return 0;
 }

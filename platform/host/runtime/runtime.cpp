@@ -11,6 +11,7 @@
 #include <bit>
 #include <cassert>
 #include <cstdio>
+#include <cstdlib>
 #include <mutex>
 #include <new>
 #include <string>
@@ -284,6 +285,11 @@ void start_error(std::string why) {
 
 void at_finish(std::function<void()> stop) {
   g_finish_hooks.push_back(std::move(stop));
+}
+
+void give_up(const std::string &why) {
+  log::error("{} ends, to be started again: {}", runtime_name(), why);
+  std::exit(EXIT_FAILURE);
 }
 
 qx_global *current_global() {

@@ -19,6 +19,10 @@ void start_error(std::string why);
 // May be called before qx_global_init.
 void at_finish(std::function<void()> stop);
 
+// Ends the process with status 1, after an error line with the reason: for work that was not taken up, without which the process
+// would turn its loop and do nothing. Its supervisor starts it again.
+[[noreturn]] void give_up(const std::string &why);
+
 // The living runtime and the name it was made under; null and "" when there is none.
 qx_global *current_global();
 const std::string &runtime_name();
