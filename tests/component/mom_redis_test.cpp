@@ -1,10 +1,14 @@
 // What is particular to the store in Redis: its layout, its failures, what else may be in the server.
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <optional>
 #include <thread>
@@ -581,6 +585,48 @@ TEST(MomRedisStart, TcpAndPasswordServeAsTheSocketDoes) {
   EXPECT_EQ(world.get(flow).cmd, 1u);
   world.settle();
   EXPECT_EQ(trace(recorders[0].seen), "1:1");
+}
+
+// Ends the server's side of the client's connection as a machine that goes down does: without a word to the client. False where
+// the system does not let us.
+bool lose(support::RedisServer &server, const std::string &client) {
+  const auto number_behind = [](const std::string &text, const std::string &name, size_t from = 0) {
+    return std::stoi(text.substr(text.find(name, from) + name.size()));
+  };
+  const std::string clients = server.command({"CLIENT", "LIST"});
+  const size_t line = clients.rfind("id=", clients.find(" name=" + client + " "));
+  const auto process =
+      static_cast<int>(::syscall(SYS_pidfd_open, number_behind(server.command({"INFO", "server"}), "process_id:"), 0));
+  const auto socket = static_cast<int>(::syscall(SYS_pidfd_getfd, process, number_behind(clients, " fd=", line), 0));
+  // A late acknowledgement would be told that nobody is there any more.
+  const auto acknowledged = [socket] {
+    tcp_info info{};
+    socklen_t length = sizeof info;
+    return ::getsockopt(socket, IPPROTO_TCP, TCP_INFO, &info, &length) != 0 || info.tcpi_unacked == 0;
+  };
+  EXPECT_TRUE(run_until(acknowledged));
+  const int silent = 1;
+  const bool done = ::setsockopt(socket, IPPROTO_TCP, TCP_REPAIR, &silent, sizeof silent) == 0;
+  ::close(socket);
+  ::close(process);
+  return done && server.command({"CLIENT", "KILL", "ID", std::to_string(number_behind(clients, "id=", line))}) == "1";
+}
+
+TEST(MomRedisTcp, AListenerLostWithoutAWordIsNoticed) {
+  const std::string port = std::to_string(OldServer::free_port());
+  support::RedisServer server({"--port", port, "--bind", "127.0.0.1"});
+  World world(std::make_unique<Elsewhere>("redis://127.0.0.1:" + port), {{"mom.dead_after_ms", "1000"}});
+  ASSERT_NE(world.global(), nullptr);
+  world.connect_all();
+  world.watch<0>(kFlow);
+  ASSERT_EQ(qx_mom_client_set_reconnect_cb(world.global(), 8, note_reconnect, nullptr), 0);
+  if (!lose(server, "mom_test/8/listen")) GTEST_SKIP() << "the system lets no connection be lost: " << strerror(errno);
+  ASSERT_TRUE(run_until([] { return !reconnects.empty() && reconnects.back() == 2; }));
+  EXPECT_EQ(reconnects.front(), 0);
+  Flow flow(1);
+  ASSERT_TRUE(run_until([] { return !recorders[0].seen.empty(); })) << "told to read what it missed";
+  ASSERT_EQ(world.set(flow), 0);
+  EXPECT_TRUE(run_until([] { return trace(recorders[0].seen) == "29:0 1:1"; })) << trace(recorders[0].seen);
 }
 
 TEST(MomRedisStart, AFrozenServerIsGivenUpInOneLine) {

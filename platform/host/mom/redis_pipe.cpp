@@ -2,8 +2,12 @@
 
 #include <hiredis/adapters/libevent.h>
 #include <hiredis/sds.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <memory>
 #include <utility>
@@ -11,6 +15,27 @@
 #include "host/runtime/loop.h"
 
 namespace mom {
+
+namespace {
+
+// Has the kernel probe the peer of an idle TCP connection, at first after half of the time, and give up what stays without
+// acknowledgement for the whole of it. An option that the kernel does not know only makes it notice later.
+void notice_loss(int fd, std::chrono::milliseconds dead_after) {
+  using std::chrono::seconds;
+  const auto whole_seconds = [](std::chrono::milliseconds time) {
+    return static_cast<int>(std::max(std::chrono::floor<seconds>(time), seconds(1)).count());
+  };
+  const int idle = whole_seconds(dead_after / 2), interval = whole_seconds(dead_after / 8);
+  const int probes = whole_seconds(dead_after - seconds(idle)) / interval;
+  const auto set = [fd](int level, int option, int value) { ::setsockopt(fd, level, option, &value, sizeof value); };
+  set(SOL_SOCKET, SO_KEEPALIVE, 1);
+  set(IPPROTO_TCP, TCP_KEEPIDLE, idle);
+  set(IPPROTO_TCP, TCP_KEEPINTVL, interval);
+  set(IPPROTO_TCP, TCP_KEEPCNT, probes);
+  set(IPPROTO_TCP, TCP_USER_TIMEOUT, static_cast<int>(dead_after.count()));
+}
+
+}  // namespace
 
 std::string Pipe::open() {
   redisAsyncContext *context = endpoint_.path.empty() ? redisAsyncConnect(endpoint_.host.c_str(), endpoint_.port)
@@ -21,6 +46,7 @@ std::string Pipe::open() {
     redisAsyncFree(context);
     return why;
   }
+  if (endpoint_.path.empty()) notice_loss(context->c.fd, dead_after_);
   context_ = context;
   context->data = this;
   redisLibeventAttach(context, host::loop_base());

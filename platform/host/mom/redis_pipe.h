@@ -4,6 +4,7 @@
 
 #include <hiredis/async.h>
 
+#include <chrono>
 #include <deque>
 #include <functional>
 #include <string>
@@ -18,9 +19,10 @@ class Pipe {
   // Called with the answer; with null when the connection ended first. Never from inside send().
   using Answer = std::function<void(const redisReply *)>;
 
-  // `ended` is called once when the connection is gone, with the reason, unless close() was called.
-  Pipe(const Endpoint &endpoint, std::function<void(const std::string &)> ended)
-      : endpoint_(endpoint), ended_(std::move(ended)) {}
+  // `ended` is called once when the connection is gone, with the reason, unless close() was called. Over TCP a peer that is gone
+  // without a word, whose machine went down for one, counts as gone after `dead_after` also where nothing is sent.
+  Pipe(const Endpoint &endpoint, std::chrono::milliseconds dead_after, std::function<void(const std::string &)> ended)
+      : endpoint_(endpoint), dead_after_(dead_after), ended_(std::move(ended)) {}
   ~Pipe() { close(); }
   Pipe(const Pipe &) = delete;
   Pipe &operator=(const Pipe &) = delete;
@@ -62,6 +64,7 @@ class Pipe {
   void finish(const redisAsyncContext *context, int status, const char *what);
 
   const Endpoint &endpoint_;
+  std::chrono::milliseconds dead_after_;
   std::function<void(const std::string &)> ended_;
   redisAsyncContext *context_ = nullptr;
   size_t waiting_ = 0;
