@@ -70,7 +70,7 @@ TEST_F(Audit, FindsWhateverDiffers) {
   gone.index = &first;
   ASSERT_EQ(qx_mom_del_sync(global, QX_MOM_UDP_DB, &gone.base, 0, 0), 0);
   store_flow(2, flows[2]);
-  store_answer(3, S_POLICY_KELIM__STATUS_E__STATUS_FAILED);
+  store_answer(3, S_POLICY_KELIM__STATUS_E__STATUS_INSTALLING);
   store_flow(99, flows[3]);
   store_meter(2, meters[0]);
   store_meter(3, meters[2], S_POLICY_KELIM__STATUS_E__STATUS_FAILED);
@@ -93,6 +93,26 @@ class AuditRepair : public Audit {
     set("openflow.audit_repair", "true");
   }
 };
+
+// A synchronisation would leave its record.
+TEST_F(AuditRepair, DeletesAMeterThatNobodyAskedFor) {
+  fill();
+  store_meter(7, daemon.of_type(southbound::kMeterMod)[0]);
+  daemon.forget();
+  const auto told = [this] {
+    std::string all;
+    for (const Message &m : daemon.of_type(southbound::kMeterMod)) all += to_hex(m) + " ";
+    return all;
+  };
+  EXPECT_EQ(host::of_ss::audit_now(), std::nullopt);
+  EXPECT_EQ(told(), "");
+  EXPECT_EQ(host::of_ss::audit_now(), Strings{"meter 7 is stored but not asked for"});
+  EXPECT_EQ(told(), "11000400100000000200000007000000 ") << "type 17, length 16, delete, no flags, meter 7";
+  daemon.forget();
+  for (int looks = 0; looks < 3; ++looks) EXPECT_TRUE(until([] { return host::of_ss::audit_now().has_value(); }));
+  EXPECT_EQ(told(), "") << "what a repair did not change is not repaired again";
+  EXPECT_TRUE(daemon.of_type(southbound::kDsStart).empty());
+}
 
 TEST_F(AuditRepair, HandsEverythingOverAgainOnce) {
   fill();

@@ -6,6 +6,7 @@
 #include <iterator>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <ranges>
 #include <unordered_map>
 #include <utility>
 
@@ -114,6 +115,15 @@ void compare_all(const Agent &agent, Held &held, std::vector<Difference> &found)
   std::ranges::sort(found);
 }
 
+// What a synchronisation does not repair is a meter that nobody asked for: the record of a meter outlives it. Such a one is left
+// where the database was away when the meter was deleted.
+void repair(Agent &agent, const std::vector<Difference> &differences) {
+  const auto is_stray = [](const Difference &difference) { return difference.what == Difference::meter_not_asked_for; };
+  for (const Difference &difference : differences | std::views::filter(is_stray))
+    agent.meters().delete_stray(static_cast<std::uint32_t>(difference.number));
+  if (!std::ranges::all_of(differences, is_stray)) agent.synchronise();
+}
+
 }  // namespace
 
 std::string text(const Difference &difference) {
@@ -164,7 +174,7 @@ void Audit::note(std::vector<Difference> confirmed) {
             confirmed_.size());
   if (!options_.repair) return;
   ++repairs_;
-  agent_.run([](Agent &agent) { agent.synchronise(); });
+  agent_.run([this](Agent &agent) { repair(agent, confirmed_); });
 }
 
 json Audit::view() {

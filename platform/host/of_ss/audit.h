@@ -1,7 +1,8 @@
 // Compares what controllers asked for with what the database holds of it: every few seconds, and when an operator asks.
 //
 // A look at a moment when something is under way says nothing. A difference counts when two looks in a row have found it. It is
-// repaired, where that is configured, by a synchronisation: the daemon hears of everything again and forgets the rest.
+// repaired, where that is configured, by a synchronisation: the daemon hears of everything again and forgets the rest. Stored
+// meters that nobody asked for are deleted.
 //
 // Loop's thread; the comparison itself runs on the openflow thread, for which the loop waits.
 #pragma once

@@ -103,17 +103,17 @@ void Meters::hand_over(Meter &meter, Bytes request, const Origin &origin) {
   meter.origin = origin;
   const Bytes kept = request.first(std::min(request.size(), kRequestKept));
   meter.request.assign(kept.begin(), kept.end());
-  tell(meter);
+  tell(meter.message);
 }
 
-void Meters::tell(Meter &meter) {
-  flows_.handover().meter(meter.message.data());
+void Meters::tell(std::vector<std::byte> &message) {
+  flows_.handover().meter(message.data());
   flows_.note_handover();
 }
 
 void Meters::tell_deletion(Meter &meter) {
   sb::put(meter.message.data(), sb::kMeterCommand, sb::kMeterDelete);
-  tell(meter);
+  tell(meter.message);
 }
 
 // Deliberate: deleting a meter that is not there is no error.
@@ -138,7 +138,7 @@ std::optional<Meters::Failure> Meters::result(Bytes reply, std::int64_t now) {
   meter.request.clear();
   if (!meter.before.empty() && now - meter.changed_ns < kChangeLimit) {
     meter.message = std::exchange(meter.before, {});
-    if (!no_room) tell(meter);
+    if (!no_room) tell(meter.message);
     return failure;
   }
   flows_.fail_users_of_meter(id);
@@ -148,7 +148,16 @@ std::optional<Meters::Failure> Meters::result(Bytes reply, std::int64_t now) {
 }
 
 void Meters::replay() {
-  for (auto &[id, meter] : meters_) tell(meter);
+  for (auto &[id, meter] : meters_) tell(meter.message);
+}
+
+void Meters::delete_stray(std::uint32_t id) {
+  if (knows(id)) return;
+  std::vector<std::byte> message(sb::kMeterBands);
+  sb::put_header(message.data(), sb::kMeterMod, kVersion, sb::kMeterBands, 0);
+  sb::put(message.data(), sb::kMeterCommand, sb::kMeterDelete);
+  sb::put(message.data(), sb::kMeterId, id);
+  tell(message);
 }
 
 bool Meters::restore(Bytes message, std::int64_t now) {

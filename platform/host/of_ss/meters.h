@@ -46,6 +46,8 @@ class Meters {
   std::optional<Failure> result(Bytes reply, std::int64_t now);
   // Hands every meter to the daemon again.
   void replay();
+  // Deletes what is stored under this number, unless a meter of this number is desired.
+  void delete_stray(std::uint32_t id);
   // A meter of an earlier life, as it is stored.
   bool restore(Bytes message, std::int64_t now);
   // Forgets every meter without a word to the daemon.
@@ -59,7 +61,7 @@ class Meters {
   Verdict modify(std::uint32_t id, Bytes request, const Origin &origin, std::int64_t now);
   void remove(std::uint32_t id);
   void hand_over(Meter &meter, Bytes request, const Origin &origin);
-  void tell(Meter &meter);
+  void tell(std::vector<std::byte> &message);
   void tell_deletion(Meter &meter);
 
   Flows &flows_;
