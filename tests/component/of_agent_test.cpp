@@ -5,6 +5,7 @@
 #include <random>
 
 #include "component/of_world.h"
+#include "s_policy_kelim.pb-c.h"
 
 namespace {
 
@@ -306,6 +307,43 @@ TEST_F(AgentTest, TheDaemonHearsOfTheFirstAndTheLastController) {
             "7f000001");
   EXPECT_EQ(count(southbound::kPktEnd), 1u);
   EXPECT_EQ(count(southbound::kDsStart), 0u) << "controllers that come and go start no synchronisation";
+}
+
+// What was announced or withdrawn while the database was away, or before a restart, is lost.
+TEST_F(AgentTest, ASynchronisationAnnouncesTheControllersThatAreThereAndWithdrawsTheOthers) {
+  static bool connected;
+  connected = false;
+  qx_mom_client_connect(
+      global, QX_MOM_UDP_DB, [](void *, const char *) { return connected = true, 0; }, "test");
+  ASSERT_TRUE(until([] { return connected; }));
+  const auto store = [this](const char *address, std::uint32_t vsd_id) {
+    SPolicyKelim__OncIpKey key = S_POLICY_KELIM__ONC_IP_KEY__INIT;
+    key.ip = inet_addr(address);
+    key.vsd_id = vsd_id;
+    SPolicyKelim__OncIp record = S_POLICY_KELIM__ONC_IP__INIT;
+    record.index = &key;
+    ASSERT_EQ(qx_mom_set(global, QX_MOM_UDP_DB, &record.base, 0, 0), 0);
+  };
+  store("127.0.0.1", 0);
+  store("10.9.8.7", 0);
+  store("10.9.8.6", 3);  // of another virtual switch
+  Controller first, second;
+  come_up(first);
+  come_up(second);
+  daemon.forget();
+  host::fault::fail(host::fault::Point::mom_scan, -1);
+  ss_of_ds_fetch();
+  const auto told = [this] {
+    std::vector<std::string> all;
+    for (const Message &m : daemon.of_type(southbound::kOncInfo)) all.push_back(to_hex(m).substr(16));
+    return all;
+  };
+  ASSERT_TRUE(until([&] { return told().size() == 1; }));
+  EXPECT_TRUE(first.settle());
+  EXPECT_EQ(told(), std::vector<std::string>{"000000007f000001"}) << "announced, once, not withdrawn";
+  warp(1s);
+  ASSERT_TRUE(until([&] { return told().size() == 2; })) << "the database is asked again";
+  EXPECT_EQ(told().back(), "010000000a090807");
 }
 
 class AnyAddress : public AgentTest {

@@ -1,7 +1,9 @@
 """What the daemon hears of its controllers: their configuration changed while it runs, the packet path, meters that fail."""
 
 import json
+import os
 import re
+import socket
 import struct
 import subprocess
 import unittest
@@ -9,6 +11,7 @@ import unittest
 import daemon
 import e2e
 import openflow
+import records
 import test_database
 
 
@@ -142,6 +145,49 @@ class Controllers(e2e.Test):
         client.add(1)
         client.barrier()
         daemon.wait_until(lambda: "[SDN][BARRIER]" in running.output(), 10, "the line of a barrier")
+
+    def controller_at(self, running, address):
+        """A controller on this machine that comes from another address of it."""
+        client = openflow.Client(running.port, source=address)
+        self.addCleanup(client.close)
+        return client.handshake()
+
+    def await_addresses(self, running, *addresses):
+        """Keys name an address by its number, whose first octet is the least significant."""
+        wanted = {f"s_policy_kelim.onc_ip:0:{struct.unpack('<I', socket.inet_aton(address))[0]}" for address in addresses}
+        daemon.wait_until(lambda: set(self.stored(running, "onc_ip")) == wanted, 20, f"the addresses {addresses}")
+
+    def test_what_the_database_has_missed_it_learns_when_it_is_back(self):
+        server = test_database.RedisServer()
+        self.addCleanup(server.stop)
+        running = self.daemon(mom_url=server.url, openflow_audit_interval_s=1, openflow_audit_repair="true")
+        stays, goes = self.client(running), self.controller_at(running, "127.0.0.2")
+        for number in (5, 6):
+            stays.send(openflow.METER_MOD, meter_mod(0, number))
+        self.assertEqual(stays.barrier(), [])
+        self.await_addresses(running, "127.0.0.1", "127.0.0.2")
+
+        with records.Redis(server.socket, 8) as database:
+            stored = database.all("onc_ip").keys()
+            os.rename(server.socket, server.socket + "-away")
+            for kind in ("normal", "pubsub"):
+                database.ask("CLIENT", "KILL", "TYPE", kind, "SKIPME", "yes")
+            daemon.wait_until(lambda: f"database 8: {server.url}: " in running.output(), 20, "the loss")
+            goes.close()
+            comes = self.controller_at(running, "127.0.0.3")
+            comes.send(openflow.METER_MOD, meter_mod(2, 6))
+            self.assertEqual(comes.barrier(), [])
+            daemon.wait_until(lambda: len(running.ask_json("controllers")["controllers"]) == 2, 20, "one to come, one to go")
+            self.assertEqual((database.all("onc_ip").keys(), len(database.all("meter"))), (stored, 2))
+            os.rename(server.socket + "-away", server.socket)
+        self.await_addresses(running, "127.0.0.1", "127.0.0.3")
+        daemon.wait_until(lambda: self.stored(running, "meter") == ["s_policy_kelim.meter:5:0"], 20, "the end of meter 6")
+
+        self.assertEqual(running.stop(), 0)
+        comes.close()
+        running.start()
+        self.controller_at(running, "127.0.0.4")
+        self.await_addresses(running, "127.0.0.4")
 
     def test_the_audit_sees_what_was_lost_and_repairs_it_where_that_is_configured(self):
         server = test_database.RedisServer()

@@ -56,8 +56,8 @@ def meter_mod(number, rate):
 
 
 class Client:
-    def __init__(self, port, host="127.0.0.1", timeout=10):
-        self.socket = socket.create_connection((host, port), timeout=timeout)
+    def __init__(self, port, host="127.0.0.1", timeout=10, source=""):
+        self.socket = socket.create_connection((host, port), timeout=timeout, source_address=(source, 0))
         self.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         self.received = b""
         self.xid = 0

@@ -267,6 +267,11 @@ void Agent::left(const Connection &connection) {
     flows_.handover().manage(interfaces_.numbers());
 }
 
+void Agent::withdraw_strangers(const std::vector<std::uint32_t> &stored) {
+  for (const std::uint32_t address : stored)
+    if (!addresses_.contains(address)) flows_.handover().controller(false, address);
+}
+
 void Agent::reap() {
   for (auto &connection : connections_)
     if (connection && connection->is_gone()) connection.reset();
@@ -486,6 +491,7 @@ void Agent::synchronise() {
   meters_.replay();
   flows_.replay();
   flows_.handover().end_sync();
+  for (const std::uint32_t address : addresses_.numbers()) flows_.handover().controller(true, address);
   log::info("handed {} flows and {} meters to the daemon again", flows_.table().size(), meters_.all().size());
 }
 

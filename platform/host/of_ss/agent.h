@@ -41,6 +41,7 @@ class Census {
     counts_.erase(at);
     return true;
   }
+  bool contains(std::uint32_t number) const { return counts_.contains(number); }
   std::vector<std::uint32_t> numbers() const {
     std::vector<std::uint32_t> all;
     for (const auto &[number, count] : counts_) all.push_back(number);
@@ -101,6 +102,11 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   void overdue_checked(std::vector<std::uint64_t> installed) {
     inbox_.post([this, found = std::move(installed)] { flows_.overdue_checked(found, now_ns_); });
   }
+  // The addresses of controllers that are stored: what an outage of the database or an earlier life of the daemon has left among
+  // them is withdrawn.
+  void addresses_stored(std::vector<std::uint32_t> stored) {
+    inbox_.post([this, stored = std::move(stored)] { withdraw_strangers(stored); });
+  }
   // Runs `work` on the openflow thread and waits for it, not longer than a few seconds. False when it has not run.
   bool run(std::function<void(Agent &)> work);
 
@@ -111,7 +117,7 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   void reconfigure(Settings fresh);
   // Whether packets to the controllers may flow, whatever roles they have; nothing: by their roles again.
   void force_packets(std::optional<bool> flow);
-  // Hands everything to the daemon again, which forgets what is not among it.
+  // Hands everything to the daemon again, which forgets the flows that are not among it.
   void synchronise();
 
   // ---- for tests, on the openflow thread: the periodic work, with the daemon's loop taken as turning
@@ -199,6 +205,7 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   Connection *find(std::uint64_t generation) const;
   void arrived(const Connection &connection);
   void left(const Connection &connection);
+  void withdraw_strangers(const std::vector<std::uint32_t> &stored);
   void tell_failed_connection(const Connection &connection);
   void update_packets();
   void update_ports();

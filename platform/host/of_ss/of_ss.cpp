@@ -86,6 +86,25 @@ void look_up(std::vector<std::uint64_t> indexes) {
   });
 }
 
+void look_through_addresses();
+
+Timer &addresses_timer() {
+  static Timer timer(look_through_addresses);
+  return timer;
+}
+
+// At a synchronisation the controllers are announced again; here those that went while nobody could be told are found.
+void look_through_addresses() {
+  if (!agent) return;
+  std::vector<std::uint32_t> stored;
+  if (const int rv = stored_addresses(global_handle, stored); rv != 0) {
+    log::warn("the stored addresses of controllers cannot be read ({}), trying again", rv);
+    addresses_timer().arm(kRetry);
+    return;
+  }
+  agent->addresses_stored(std::move(stored));
+}
+
 // Stored flows that are not taken over would be dropped by the synchronisation that follows: so without a look at them, no start.
 void start_agent() {
   if (agent || held || !registered.complete() || !global_handle) return;
@@ -223,6 +242,7 @@ int ss_of_init(qx_global *global) {
   register_commands();
   host::at_finish([] {
     retry_timer().cancel();
+    addresses_timer().cancel();
     stop_agent();
     registered = {};
     reloaded.reset();
@@ -285,7 +305,9 @@ void ss_of_ds_fetch(void) {
   using namespace host::of_ss;
   if (host::fault::check(Point::of_fetch)) return;
   tell(fetch_tap);
-  if (running) inbox.fetch();
+  if (!running) return;
+  inbox.fetch();
+  host::post(look_through_addresses);
 }
 
 int of_ss_send_msg(const void *msg, uint32_t len) {

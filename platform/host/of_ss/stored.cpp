@@ -42,6 +42,13 @@ int take_meter(const qx_obj *object, void *arg) {
   return 0;
 }
 
+int take_address(const qx_obj *object, void *arg) {
+  const auto *address = static_cast<const SPolicyKelim__OncIp *>(object->value);
+  if (address && address->index && address->index->vsd_id == 0)
+    static_cast<std::vector<std::uint32_t> *>(arg)->push_back(address->index->ip);
+  return 0;
+}
+
 bool is_installed(qx_global *global, std::uint64_t index) {
   SPolicyKelim__FlowKey key = S_POLICY_KELIM__FLOW_KEY__INIT;
   key.flow_index = index;
@@ -74,6 +81,11 @@ std::vector<std::uint64_t> installed_flows(qx_global *global, const std::vector<
   for (const std::uint64_t index : indexes)
     if (is_installed(global, index)) installed.push_back(index);
   return installed;
+}
+
+int stored_addresses(qx_global *global, std::vector<std::uint32_t> &out) {
+  const SPolicyKelim__OncIp address = S_POLICY_KELIM__ONC_IP__INIT;
+  return qx_mom_scan_sync(global, QX_MOM_UDP_DB, &address.base, 0, take_address, &out);
 }
 
 }  // namespace host::of_ss

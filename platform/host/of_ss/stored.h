@@ -1,5 +1,5 @@
-// What an earlier life of the daemon left in the object database: the southbound messages in the flow and meter records. Loop's
-// thread.
+// What the object database holds of the agent's: the southbound messages in the flow and meter records, which an earlier life of
+// the daemon left, answers to flows, and addresses of controllers. Loop's thread.
 #pragma once
 
 #include <cstdint>
@@ -20,5 +20,8 @@ int read_stored(qx_global *global, StoredState &out);
 
 // Of these flows those whose stored status says that they are installed, in the same order.
 std::vector<std::uint64_t> installed_flows(qx_global *global, const std::vector<std::uint64_t> &indexes);
+
+// The addresses of controllers, laid out as in Peer. 0, or the code of the scan that failed.
+int stored_addresses(qx_global *global, std::vector<std::uint32_t> &out);
 
 }  // namespace host::of_ss
