@@ -6,7 +6,6 @@
 #include <iterator>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <ranges>
 #include <unordered_map>
 #include <utility>
 
@@ -118,10 +117,14 @@ void compare_all(const Agent &agent, Held &held, std::vector<Difference> &found)
 // What a synchronisation does not repair is a meter that nobody asked for: the record of a meter outlives it. Such a one is left
 // where the database was away when the meter was deleted.
 void repair(Agent &agent, const std::vector<Difference> &differences) {
-  const auto is_stray = [](const Difference &difference) { return difference.what == Difference::meter_not_asked_for; };
-  for (const Difference &difference : differences | std::views::filter(is_stray))
-    agent.meters().delete_stray(static_cast<std::uint32_t>(difference.number));
-  if (!std::ranges::all_of(differences, is_stray)) agent.synchronise();
+  bool others = false;
+  for (const Difference &difference : differences) {
+    if (difference.what == Difference::meter_not_asked_for)
+      agent.meters().delete_stray(static_cast<std::uint32_t>(difference.number));
+    else
+      others = true;
+  }
+  if (others) agent.synchronise();
 }
 
 }  // namespace
