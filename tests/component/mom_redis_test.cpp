@@ -16,6 +16,7 @@
 #include "component/mom_world.h"
 #include "host/log/log.h"
 #include "host/mom/redis_endpoint.h"
+#include "host/runtime/timer.h"
 
 namespace mom_test {
 namespace {
@@ -271,6 +272,38 @@ TEST_F(MomRedis, ServerThatStaysFrozenIsGivenUpAndTakenBack) {
   ASSERT_TRUE(wait_for(2));
   ASSERT_TRUE(run_until([] { return recorders[0].seen.back().cmd == 29; }));
   EXPECT_EQ(world->get(flow).cmd, 1u);
+}
+
+// The server may be silent for the configured time, not less, whenever in the rhythm of the looks at it the silence begins.
+TEST_F(MomRedis, AnswersAreWaitedForAsLongAsConfigured) {
+  start({{"mom.dead_after_ms", "800"}});
+  Flow flow(1);
+  for (const auto begin : {0ms, 50ms, 150ms}) {
+    SCOPED_TRACE(begin.count());
+    reconnects.clear();
+    host::clock::stop();
+    host::clock::warp(begin);
+    ASSERT_EQ(world->set(flow), 0);
+    world->settle();
+    backend->server().kill(SIGSTOP);
+    ASSERT_EQ(world->set(flow), 0);
+    auto silent = 0ms;
+    while (reconnects.empty() && silent < 2s) {
+      bool passed = false;
+      host::Timer step([&] { passed = true; });
+      step.arm(50ms);
+      host::clock::warp(50ms);
+      ASSERT_TRUE(run_until([&] { return passed; }));
+      host::run_until([] { return !reconnects.empty(); }, 5ms);
+      silent += 50ms;
+    }
+    EXPECT_GE(silent, 800ms);
+    EXPECT_LE(silent, 1050ms) << "a quarter more, and a step";
+    host::clock::resume();
+    backend->server().kill(SIGCONT);
+    ASSERT_TRUE(wait_for(2));
+  }
+  EXPECT_FALSE(logged("no answer for 800 ms").empty());
 }
 
 TEST_F(MomRedis, ServerThatLoadsItsDataIsWaitedFor) {

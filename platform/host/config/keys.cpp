@@ -77,7 +77,7 @@ constexpr Row kRows[] = {
     {"mom", "sync_timeout_ms", in<&C::mom, &C::Mom::sync_timeout_ms>, "1000", between(1, 600'000),
      "Longest wait of a synchronous call."},
     {"mom", "dead_after_ms", in<&C::mom, &C::Mom::dead_after_ms>, "10000", between(100, 3'600'000),
-     "A connection to a server that gives no answer for this long is given up."},
+     "A connection to a server that owes answers and gives none for this long is given up, a quarter of it later at most."},
     {"mom", "high_water_writes", in<&C::mom, &C::Mom::high_water_writes>, "1048576", between(1, kAny64),
      "Writes of one record type in flight before further ones are refused."},
     {"mom", "high_water_bytes", in<&C::mom, &C::Mom::high_water_bytes>, "536870912", between(1, kAny64),

@@ -10,11 +10,13 @@ namespace mom {
 
 namespace {
 
+using std::chrono::microseconds;
 using namespace std::chrono_literals;
 
 constexpr auto kFirstBackoff = 20ms;
 constexpr auto kLongestBackoff = 2000ms;
-constexpr auto kStable = 5s;  // a link that held this long begins its backoff anew
+constexpr unsigned kLooks = 4;  // at the server in the time that it may be silent: it is given up a quarter later at most
+constexpr auto kStable = 5s;    // a link that held this long begins its backoff anew
 
 // What hiredis may hold for the socket; more waits in the queue.
 constexpr size_t kUnsentMax = 256U << 10;
@@ -71,7 +73,8 @@ void RedisLink::connect() {
     return;
   }
   answered_before_ = writer_.answered();
-  watch_timer_.arm(dead_after_ / 2);
+  silent_looks_ = 0;
+  watch_timer_.arm(microseconds(dead_after_) / kLooks);
   greet_writer();
   greet_subscriber();
 }
@@ -214,15 +217,16 @@ void RedisLink::release(const Charge &charge) {
   if (charge.slot) charge.slot->topic.release(charge.bytes, charge.writes);
 }
 
-// A server that hangs, or a peer that is gone without a word. Looked at twice in the time that it may be silent.
+// A server that hangs, or a peer that is gone without a word. Silence counts from the first look that finds it begun.
 void RedisLink::look() {
-  if (writer_.waiting() > 0 && writer_.answered() == answered_before_) {
-    fail("no answer for " + std::to_string(dead_after_.count() / 2) + " ms");
+  const bool answered = writer_.answered() != std::exchange(answered_before_, writer_.answered());
+  silent_looks_ = answered || writer_.waiting() == 0 ? 0 : silent_looks_ + 1;
+  if (silent_looks_ == kLooks) {
+    fail("no answer for " + std::to_string(dead_after_.count()) + " ms");
     return;
   }
-  answered_before_ = writer_.answered();
   if (writer_.waiting() == 0) writer_.send({"PING"}, nullptr);
-  watch_timer_.arm(dead_after_ / 2);
+  watch_timer_.arm(microseconds(dead_after_) / kLooks);
 }
 
 // ---- commands

@@ -124,6 +124,7 @@ class RedisLink {
 
   host::Timer watch_timer_;
   uint64_t answered_before_ = 0;
+  unsigned silent_looks_ = 0;  // in a row, with answers owed and none come
   bool shutting_down_ = false;
 };
 
