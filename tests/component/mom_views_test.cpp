@@ -122,6 +122,14 @@ TEST_F(MomViews, CountsAndRefusesClearly) {
   EXPECT_EQ(client.at("connected"), Json::parse("[0, 4, 8]"));
   EXPECT_EQ(client.at("skipped"), Json::object());
 
+  std::vector<std::string> keys = {"s_policy_kelim.flow:3:0", "s_policy_kelim.flow:4:0", "s_policy_kelim.flow:1:0"};
+  const Json several = view("mom", {{"op", "get"}, {"key", keys}});
+  ASSERT_EQ(several.at("total"), 2);
+  EXPECT_EQ(several.at("objects")[0].at("key"), keys[0]);
+  EXPECT_EQ(several.at("objects")[1].at("key"), keys[2]);
+  keys.resize(101, keys[0]);
+  EXPECT_EQ(view("mom", {{"op", "get"}, {"key", keys}}), "more than 100 keys");
+
   EXPECT_EQ(view("mom", {{"op", "dance"}}), "no op 'dance'; there are stats, client, ls, scan and get");
   EXPECT_EQ(view("mom", {{"op", "get"}, {"key", "s_policy_kelim.flow:1"}}),
             "'s_policy_kelim.flow:1' is no key of s_policy_kelim.flow");

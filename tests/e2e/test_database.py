@@ -10,6 +10,7 @@ import unittest
 
 import daemon
 import e2e
+import records
 
 
 class RedisServer:
@@ -120,9 +121,23 @@ class DatabaseInRedis(Database):
     """The same in a Redis server: kelimctl needs no daemon for it."""
 
     def settings(self):
-        server = RedisServer()
-        self.addCleanup(server.stop)
-        return {"mom_url": server.url}
+        self.server = RedisServer()
+        self.addCleanup(self.server.stop)
+        return {"mom_url": self.server.url}
+
+    def test_a_flow_that_is_only_stored_shows_as_such(self):
+        client = self.client(self.running)
+        for number in (1, 2):
+            client.add(number)
+        client.barrier()
+        shown = lambda *limit: {str(row["index"]): row["state"] for row in self.running.ask_json("flows", *limit)["flows"]}
+        asked = shown()
+        with records.Redis(self.server.socket, 8) as server:
+            server.ask("COPY", f"s_policy_kelim.flow:{min(asked)}:0", "s_policy_kelim.flow:999:0")
+            server.ask("SADD", "s_policy_kelim.flow", "999:0")
+        self.assertEqual(shown(), asked | {"999": "not asked"})
+        self.assertEqual(shown("--limit", 2), asked)
+        self.assertIn("the lists are cut", self.running.ask("flows", "--limit", 2))
 
     def test_the_server_is_asked_itself(self):
         client = self.client(self.running)

@@ -66,6 +66,32 @@ class Kelimctl(e2e.Test):
         self.assertIn("OXM_SS_OF_IPV4_DST", record["flow_field"]["flow_field_bitmap"])
         self.assertEqual(running.kelimctl("mom", "get", "flow", "999999:0").returncode, 1)
 
+    def test_a_cut_list_is_joined_with_what_belongs_to_it(self):
+        running = self.daemon()
+        client = self.client(running)
+        # The agent lists what came later in the places of what has gone; the database lists by index.
+        for number in range(1, 201):
+            client.add(number)
+        client.barrier()
+        for number in range(1, 101):
+            client.delete(number)
+        client.barrier()
+        for number in range(201, 251):
+            client.add(number)
+        for meter in range(1, 6):
+            client.send(openflow.METER_MOD, openflow.meter_mod(meter, rate=1000))
+        self.assertEqual(client.barrier(), [])
+        for limit, shown in ((120, 120), (150, 150), (1000, 150)):
+            with self.subTest(limit=limit):
+                rows = running.ask_json("flows", "--limit", limit)["flows"]
+                self.assertEqual({(row["state"], row["stored"], row["answer"]) for row in rows}, {("installed", True, "INSTALLED")})
+                self.assertEqual(len({row["index"] for row in rows}), shown)
+                text = running.ask("flows", "--limit", limit)
+                self.assertEqual("120 of 150 shown" in text, limit == 120)
+                self.assertEqual("the lists are cut" in text, limit == 120)
+        answers = lambda: [meter["answer"] for meter in running.ask_json("meters", "--limit", 2)["meters"]]
+        daemon.wait_until(lambda: answers() == ["INSTALLED"] * 5, 5, "every meter's answer")
+
     def test_tables_fit_a_hundred_columns(self):
         running = self.daemon()
         client = self.client(running)

@@ -2,9 +2,11 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <map>
+#include <set>
 #include <thread>
 
 #include "kelimctl/table.h"
@@ -59,56 +61,87 @@ std::string full_type(const std::string &name) {
   return name.find('.') == std::string::npos ? "s_policy_kelim." + name : name;
 }
 
-Json scan(Link &link, const std::string &type, const ViewOptions &options) {
-  return link.view("mom", {{"op", "scan"}, {"type", full_type(type)}, {"limit", options.limit}});
-}
+// ---- joining with what is stored
 
-// ---- flows
+constexpr int kFlowDb = 8;  // flows, meters and what is said of them
 
-std::string flow_key(const Json &key) {
-  return cell(key, "flow_index") + ":" + cell(key, "vsd_id");
-}
+using Records = std::map<std::string, Json>;
 
-// Records of a type by their flow.
-std::map<std::string, Json> by_flow(const Json &data) {
-  std::map<std::string, Json> records;
-  for (const Json &object : data.value("objects", Json::array())) {
-    const Json record = object.value("record", Json::object());
-    records[flow_key(record.value("index", Json::object()))] = record;
+// Of the records of a type those that are stored under `keys`, by key. In parts, between which the daemon does its work.
+Records stored(Link &link, const std::string &type, const std::vector<std::string> &keys) {
+  constexpr std::size_t kPart = 100;
+  const std::string prefix = full_type(type) + ":";
+  Records records;
+  for (std::size_t at = 0; at < keys.size(); at += kPart) {
+    Json part = Json::array();
+    for (std::size_t i = at; i < std::min(at + kPart, keys.size()); ++i) part.push_back(prefix + keys[i]);
+    const Json found = link.view("mom", {{"op", "get"}, {"key", part}, {"db", kFlowDb}});
+    for (const Json &object : found.value("objects", Json::array()))
+      records[object.value("key", "").substr(prefix.size())] = object.value("record", Json::object());
   }
   return records;
 }
 
-std::string without_prefix(const std::string &status) {
+Json member_of(const Records &records, const std::string &key, const char *member, const Json &otherwise) {
+  const auto found = records.find(key);
+  return found == records.end() ? otherwise : found->second.value(member, otherwise);
+}
+
+// What the programming service said; null without its word.
+Json answer_in(const Records &records, const std::string &key) {
+  if (!records.contains(key)) return nullptr;
+  const std::string status = member_of(records, key, "status", "");
   return status.starts_with("STATUS_") ? status.substr(7) : status;
 }
 
-// What the controllers asked for, joined with what is stored, what the programming service said and what was counted. A flow that
-// only one side knows shows as such.
-Json flows_data(Link &link, const ViewOptions &options) {
-  const Json asked = link.view("flows", {{"limit", options.limit}});
-  auto stored = by_flow(scan(link, "flow", options));
-  auto answers = by_flow(scan(link, "flow_sta", options));
-  auto counters = by_flow(scan(link, "flow_counter", options));
-  Json rows = Json::array();
-  const auto add = [&](Json row, const std::string &key) {
-    row["stored"] = stored.contains(key);
-    row["answer"] = answers.contains(key) ? Json(without_prefix(answers[key].value("status", ""))) : Json();
-    row["packets"] = counters.contains(key) ? counters[key].value("packet_sum", Json(0)) : Json(0);
-    row["bytes"] = counters.contains(key) ? counters[key].value("byte_sum", Json(0)) : Json(0);
-    rows.push_back(std::move(row));
-    stored.erase(key);
-  };
-  for (const Json &flow : asked.value("flows", Json::array())) add(flow, cell(flow, "index") + ":0");
-  for (const auto &[key, record] : std::map(stored)) {
-    add({{"index", cell(record.value("index", Json::object()), "flow_index")},
-         {"state", "not asked"},
-         {"match", "?"},
-         {"actions", "?"}},
-        key);
+// ---- flows
+
+using Rows = std::vector<std::pair<std::string, Json>>;  // by the key in the database
+
+// Adds those of the stored flows that are not among the rows.
+void add_not_asked(Rows &rows, const Json &kept) {
+  std::set<std::string> asked;
+  for (const auto &[key, row] : rows) asked.insert(key);
+  for (const Json &object : kept.value("objects", Json::array())) {
+    const std::string key = object.value("key", "").substr(full_type("flow").size() + 1);
+    if (asked.contains(key)) continue;
+    rows.emplace_back(key,
+                      Json{{"index", key.substr(0, key.find(':'))}, {"state", "not asked"}, {"match", "?"}, {"actions", "?"}});
   }
-  Json data = asked;
-  data["flows"] = std::move(rows);
+}
+
+bool is_whole(const Json &list, const char *member) {
+  return list.value("total", std::size_t{0}) <= list.value(member, Json::array()).size();
+}
+
+// The rows, joined with what is stored, what the programming service said and what was counted.
+Json joined(Link &link, const Rows &rows) {
+  std::vector<std::string> keys;
+  for (const auto &[key, row] : rows) keys.push_back(key);
+  const Records flows = stored(link, "flow", keys), answers = stored(link, "flow_sta", keys),
+                counters = stored(link, "flow_counter", keys);
+  Json all = Json::array();
+  for (auto [key, row] : rows) {
+    row["stored"] = flows.contains(key);
+    row["answer"] = answer_in(answers, key);
+    row["packets"] = member_of(counters, key, "packet_sum", 0);
+    row["bytes"] = member_of(counters, key, "byte_sum", 0);
+    if (row["stored"] || row["state"] != "not asked") all.push_back(std::move(row));
+  }
+  return all;
+}
+
+// What the controllers asked for and what became of it. A flow that only one side knows shows as such; one that is only stored,
+// where both lists are whole: of a cut one nobody knows whether it was asked for. The stored ones are listed first, because what
+// is asked for between the two questions must not show as if nobody had.
+Json flows_data(Link &link, const ViewOptions &options) {
+  const Json kept = link.view("mom", {{"op", "ls"}, {"type", full_type("flow")}, {"db", kFlowDb}, {"limit", options.limit}});
+  Json data = link.view("flows", {{"limit", options.limit}});
+  Rows rows;
+  for (const Json &flow : data.value("flows", Json::array())) rows.emplace_back(cell(flow, "index") + ":0", flow);
+  data["whole"] = is_whole(data, "flows") && is_whole(kept, "objects");
+  if (data["whole"]) add_not_asked(rows, kept);
+  data["flows"] = joined(link, rows);
   return data;
 }
 
@@ -127,6 +160,7 @@ std::string flows_text(const Json &data) {
   const Json rows = data.value("flows", Json::array());
   const Json failures = data.value("failures", Json::array());
   std::string text = list_text(rows, members, "No flows.") + cut_note(rows.size(), data);
+  if (!data.value("whole", true)) text += "Flows that are stored and nobody asked for are not among them: the lists are cut.\n";
   if (!failures.empty()) {
     text += "\nFailed after they had been accepted, the last ones:\n" + list_text(failures,
                                                                                   {{{"INDEX", true}, "index"},
@@ -152,15 +186,13 @@ std::string bands_text(const Json &row, const char *key) {
   return text.empty() ? "-" : text;
 }
 
-Json meters_data(Link &link, const ViewOptions &options) {
+Json meters_data(Link &link, const ViewOptions &) {
   Json data = link.view("meters");
-  std::map<std::string, std::string> status;
-  for (const Json &object : scan(link, "meter", options).value("objects", Json::array())) {
-    const Json record = object.value("record", Json::object());
-    status[cell(record.value("index", Json::object()), "meter_id")] = without_prefix(record.value("status", ""));
-  }
-  for (Json &meter : data["meters"])
-    meter["answer"] = status.contains(cell(meter, "meter")) ? Json(status[cell(meter, "meter")]) : Json();
+  const auto key_of = [](const Json &meter) { return cell(meter, "meter") + ":0"; };
+  std::vector<std::string> keys;
+  for (const Json &meter : data["meters"]) keys.push_back(key_of(meter));
+  const Records answers = stored(link, "meter", keys);
+  for (Json &meter : data["meters"]) meter["answer"] = answer_in(answers, key_of(meter));
   return data;
 }
 

@@ -17,6 +17,7 @@ namespace mom {
 namespace {
 
 constexpr size_t kListMax = 1000;  // keys or records in one answer unless the caller asks for another number
+constexpr size_t kGetMax = 100;    // keys in one request: the loop waits for the server once for each
 
 nlohmann::json load_json(const cgst::Load &load) {
   return {{"writes", load.writes},
@@ -145,12 +146,11 @@ Json list(Hub &hub, const nlohmann::json &args, bool with_records) {
   return {{"objects", std::move(objects)}, {"total", total}};
 }
 
-Json get(Hub &hub, const nlohmann::json &args) {
-  const auto text = args.at("key").get<std::string>();
+// Puts what is stored under the key into `objects`.
+void get_one(Hub &hub, const nlohmann::json &args, const std::string &text, Json &objects) {
   const RecordType &type = type_argument(text.substr(0, text.find(':')));
   const auto key = type.parse(text);
   if (!key) throw std::invalid_argument("'" + text + "' is no key of " + std::string(type.name()));
-  Json objects = Json::array();
   each_database(hub, args, [&](Database &db) {
     std::vector<uint8_t> packed;
     const int rv = hub.store().get_sync(hub.slot(db, type), *key, packed);
@@ -160,6 +160,17 @@ Json get(Hub &hub, const nlohmann::json &args) {
     object["record"] = record_json(type, *key, packed);
     objects.push_back(std::move(object));
   });
+}
+
+Json get(Hub &hub, const nlohmann::json &args) {
+  const nlohmann::json &key = args.at("key");
+  if (key.is_array() && key.size() > kGetMax) throw std::invalid_argument("more than " + std::to_string(kGetMax) + " keys");
+  Json objects = Json::array();
+  if (key.is_array()) {
+    for (const nlohmann::json &one : key) get_one(hub, args, one.get<std::string>(), objects);
+  } else {
+    get_one(hub, args, key.get<std::string>(), objects);
+  }
   const size_t total = objects.size();
   return {{"objects", std::move(objects)}, {"total", total}};
 }

@@ -6,7 +6,7 @@
 //   client                    of this process: databases connected, notifications delivered, writes refused, what was skipped
 //   ls {type, db?, limit?}    canonical keys
 //   scan {type, db?, limit?}  keys with decoded records
-//   get {key, db?}            one decoded record
+//   get {key, db?}            one decoded record; of a list of up to 100 keys those that there are
 // The feed gives a line for each change {type?, db?}. Without "db" every database that the type is found in, without "type" every
 // type of the schema.
 #pragma once
