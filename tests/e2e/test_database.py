@@ -125,6 +125,13 @@ class DatabaseInRedis(Database):
         self.addCleanup(self.server.stop)
         return {"mom_url": self.server.url}
 
+    def test_a_server_that_does_not_answer_is_no_wrong_usage(self):
+        self.server.process.send_signal(signal.SIGSTOP)
+        result = self.running.kelimctl("mom", "--url", "embedded:", "get", "flow", "1:0")
+        self.server.process.send_signal(signal.SIGCONT)
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("does not answer", result.stderr)
+
     def test_a_flow_that_is_only_stored_shows_as_such(self):
         client = self.client(self.running)
         for number in (1, 2):

@@ -1,6 +1,7 @@
 """The operator's command line against a running daemon, and without one."""
 
 import json
+import socket
 import subprocess
 import unittest
 
@@ -34,6 +35,15 @@ class Kelimctl(e2e.Test):
         self.assertIn("s_policy_kelim.flow_sta", self.refused(running, "mom", "ls", "flaw"))
         # Nothing of all that was carried out.
         self.assertIn("assert: On", running.command("kelim_set_dbg", "dbg_val=0x42"))
+
+    def test_what_the_daemon_cannot_do_now_is_no_wrong_usage(self):
+        running = self.daemon()
+        clients = [socket.socket(socket.AF_UNIX) for _ in range(32)]
+        for client in clients:
+            self.addCleanup(client.close)
+            client.connect(f"{running.run_dir}/ssc_kelim.ctl")
+        result = running.kelimctl("flows")
+        self.assertEqual((result.returncode, result.stderr), (1, "kelimctl: more than 32 clients\n"))
 
     def test_without_a_daemon_it_says_how_to_start_one(self):
         nobody = daemon.Daemon(e2e.BIN)

@@ -147,11 +147,15 @@ TEST_F(Control, RegistrationRefusesWhatItCannotServe) {
 
 TEST_F(Control, ListsAndViewsShowWhatIsThere) {
   host::control::register_view("ports", [](const json &args) {
-    if (!args.contains("ifx")) throw std::invalid_argument("ifx is missing");
+    if (!args.contains("ifx")) throw host::control::Refusal("ifx is missing");
+    if (args["ifx"] == 4) throw std::invalid_argument("too busy");
     return json{{"got", args["ifx"]}};
   });
   EXPECT_EQ(ask(R"({"call":"view","name":"ports","args":{"ifx":3}})"), (json{{"status", 0}, {"data", {{"got", 3}}}}));
   EXPECT_EQ(ask(R"({"call":"view","name":"ports"})"), (json{{"status", 2}, {"error", "ifx is missing"}}));
+  EXPECT_EQ(ask(R"({"call":"view","name":"ports","args":{"ifx":4}})"), (json{{"status", 1}, {"error", "too busy"}}))
+      << "nothing is wrong with the request";
+  EXPECT_EQ(ask(R"({"call":"view","name":4})")["status"], 2);
   const json list = ask(R"({"call":"list"})");
   const auto &views = list["views"];
   for (const char *view : {"ports", "timings"}) EXPECT_NE(std::find(views.begin(), views.end(), view), views.end()) << views;
@@ -244,7 +248,7 @@ TEST_F(Control, TooManyClientsAreToldSoAndLeaveRoomAgain) {
     EXPECT_EQ(one_more.receive(&answer, 5s), "");
     return json::parse(answer);
   });
-  EXPECT_EQ(refused, (json{{"status", 2}, {"error", "more than 32 clients"}}));
+  EXPECT_EQ(refused, (json{{"status", 1}, {"error", "more than 32 clients"}}));
   many.clear();
   EXPECT_EQ(ask(R"({"call":"list"})")["status"], 0);
 }
@@ -255,7 +259,7 @@ class ControlFeed : public Control {
   void SetUp() override {
     Control::SetUp();
     host::control::register_feed("ticks", [this](const json &args, host::control::Push given) -> std::shared_ptr<void> {
-      if (!args.contains("every")) throw std::invalid_argument("every is missing");
+      if (!args.contains("every")) throw host::control::Refusal("every is missing");
       push = std::move(given);
       auto life = std::make_shared<int>();
       feed = life;

@@ -52,7 +52,7 @@ class InServer final : public Database {
   Json query(const Json &args) override {
     try {
       return mom::query(*mom::hub(), args);
-    } catch (const std::invalid_argument &error) {
+    } catch (const host::control::Refusal &error) {
       throw Problem(kUsage, error.what());
     }
   }
@@ -105,7 +105,7 @@ class InServer final : public Database {
   static std::shared_ptr<void> begin(const Json &args, host::control::Push push) {
     try {
       return mom::watch(*mom::hub(), args, std::move(push));
-    } catch (const std::invalid_argument &error) {
+    } catch (const host::control::Refusal &error) {
       throw Problem(kUsage, error.what());
     }
   }

@@ -19,7 +19,8 @@ Json Link::request(const Json &call) {
   std::string line;
   if (const std::string why = client_.request(call.dump(), &line); !why.empty()) throw Problem(kFailed, process_ + ": " + why);
   Json answer = parse(line);
-  if (answer.value("status", 1) != 0) throw Problem(kUsage, answer.value("error", "refused without a reason"));
+  if (const int status = answer.value("status", 1); status != 0)
+    throw Problem(status == kUsage ? kUsage : kFailed, answer.value("error", "refused without a reason"));
   return answer;
 }
 

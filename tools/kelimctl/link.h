@@ -25,7 +25,7 @@ class Link {
   // Nothing is connected before the first request.
   Link(std::string run_dir, std::string process) : run_dir_(std::move(run_dir)), process_(std::move(process)) {}
 
-  // The answer to {"call": ...}; what the process refuses is a Problem with status 2.
+  // The answer to {"call": ...}. What the process refuses as wrong is a Problem with status 2, what it cannot do now one with 1.
   Json request(const Json &call);
   // The data of a view.
   Json view(const std::string &name, const Json &args = Json::object());

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "host/control/capture.h"
+#include "host/control/control.h"
 #include "host/control/format.h"
 #include "host/fault/fault.h"
 #include "host/runtime/loop.h"

@@ -2,14 +2,8 @@
 #pragma once
 
 #include <nlohmann/json_fwd.hpp>
-#include <stdexcept>
 
 namespace host::control {
-
-// A request that cannot be carried out; the text says what was wrong and what is allowed.
-struct Refusal : std::invalid_argument {
-  using std::invalid_argument::invalid_argument;
-};
 
 // Calls the command that `request` names and gives the answer's members; throws Refusal, and the handler is not called, when
 // module, command or arguments do not fit.

@@ -83,11 +83,19 @@ std::string refuse(const std::string &why) {
   return text_of({{"status", 2}, {"error", why}});
 }
 
+std::string fail(const std::string &why) {
+  return text_of({{"status", 1}, {"error", why}});
+}
+
 Reply answer_line(const std::string &line, const LineServer::Push &push) {
   try {
     return answer(json::parse(line, nullptr, false), push);
-  } catch (const std::exception &e) {  // refusals, members of the wrong type, memory
+  } catch (const Refusal &e) {
     return {refuse(e.what()), nullptr};
+  } catch (const json::exception &e) {  // members of the wrong type
+    return {refuse(e.what()), nullptr};
+  } catch (const std::exception &e) {
+    return {fail(e.what()), nullptr};
   }
 }
 
@@ -108,7 +116,7 @@ void register_feed(const std::string &name, Feed feed) {
 std::string start(const Config &config, const std::string &runtime_name) {
   register_view("timings", [](const json &) { return timing::view(); });
   if (!config.control.enabled) return "";
-  g_server = std::make_unique<LineServer>(LineServer::Words{answer_line, refuse, missed});
+  g_server = std::make_unique<LineServer>(LineServer::Words{answer_line, refuse, fail, missed});
   return g_server->listen(socket_path(config.run_dir, runtime_name));
 }
 

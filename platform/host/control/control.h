@@ -7,10 +7,11 @@
 //   {"call":"watch","name":"mom","args":{}}     -> {"status":0}, then a line for everything that happens, until the client goes;
 //                                                  {"missed":3} stands for as many lines that a slow reader did not get
 //   {"call":"list"}                             -> {"status":0,"modules":[...],"views":[...],"feeds":[...]}
-//   anything wrong                              -> {"status":2,"error":"what was wrong and what is allowed"}
+//   a request that is wrong                     -> {"status":2,"error":"what was wrong and what is allowed"}
+//   one that cannot be carried out now          -> {"status":1,"error":"why"}
 // "result" is what the handler returned. All of it is served on the loop's thread, one request of a client at a time; the next
 // one is read when the answer has gone out. Lines of more than 64 KiB, more than 32 clients and clients that take nothing for a
-// minute are refused.
+// minute are turned away.
 //
 // Threads: the loop's.
 #pragma once
@@ -18,6 +19,7 @@
 #include <functional>
 #include <memory>
 #include <nlohmann/json_fwd.hpp>
+#include <stdexcept>
 #include <string>
 
 namespace host {
@@ -26,11 +28,17 @@ struct Config;
 
 namespace host::control {
 
-// A view gives data of a host service; it may throw std::invalid_argument with a text for the caller.
+// A request that is wrong; the text says what is, and what is allowed.
+struct Refusal : std::invalid_argument {
+  using std::invalid_argument::invalid_argument;
+};
+
+// A view gives data of a host service. It may throw: Refusal for a wrong request, anything else, with a text for the caller, when
+// there are no data.
 using View = std::function<nlohmann::ordered_json(const nlohmann::json &args)>;
 
 // A feed gives lines as things happen, until what it returned is released. `push` sends one, unless the client is too far behind
-// to get it (then `line` is not made); never from inside the feed's own call. It may throw std::invalid_argument.
+// to get it (then `line` is not made); never from inside the feed's own call. It may throw as views do.
 using Push = std::function<void(const std::function<nlohmann::ordered_json()> &line)>;
 using Feed = std::function<std::shared_ptr<void>(const nlohmann::json &args, Push push)>;
 

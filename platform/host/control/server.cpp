@@ -105,7 +105,7 @@ void LineServer::accept(int fd) {
   bufferevent_setcb(socket, ready, ready, ended, &client);
   if (clients_.size() > kMostClients) {
     client.closing = true;
-    client.send(words_.refuse("more than " + std::to_string(kMostClients) + " clients"));
+    client.send(words_.turn_away("more than " + std::to_string(kMostClients) + " clients"));
     return;
   }
   bufferevent_enable(socket, EV_READ | EV_WRITE);

@@ -32,8 +32,10 @@ class LineServer {
   struct Words {
     // The answer to a line. `push` must not be called from inside.
     std::function<Reply(const std::string &line, const Push &push)> answer;
-    // The answer to what could not be taken, such as a line that is too long.
+    // The answer to a line that is too long.
     std::function<std::string(const std::string &why)> refuse;
+    // What a client is told that comes when there are too many.
+    std::function<std::string(const std::string &why)> turn_away;
     // Tells a stream's reader, once it reads again, how many lines it missed.
     std::function<std::string(std::size_t lines)> missed;
   };

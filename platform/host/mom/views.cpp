@@ -16,6 +16,8 @@ namespace mom {
 
 namespace {
 
+using host::control::Refusal;
+
 constexpr size_t kListMax = 1000;  // keys or records in one answer unless the caller asks for another number
 constexpr size_t kGetMax = 100;    // keys in one request: the loop waits for the server once for each
 
@@ -81,7 +83,7 @@ const RecordType &type_argument(std::string_view name) {
   if (const RecordType *type = RecordType::named(name)) return *type;
   std::string known;
   for (const RecordType *type : RecordType::all()) known += (known.empty() ? "" : ", ") + std::string(type->name());
-  throw std::invalid_argument("no record type '" + std::string(name) + "'; there are " + known);
+  throw Refusal("no record type '" + std::string(name) + "'; there are " + known);
 }
 
 // The databases that a request names, or all.
@@ -93,7 +95,7 @@ void each_database(Hub &hub, const nlohmann::json &args, Work work) {
   }
   const auto number = args.at("db").get<int32_t>();
   Database *db = hub.database(number);
-  if (!db) throw std::invalid_argument("no database " + std::to_string(number) + "; there are 0, 4 and 8");
+  if (!db) throw Refusal("no database " + std::to_string(number) + "; there are 0, 4 and 8");
   work(*db);
 }
 
@@ -150,7 +152,7 @@ Json list(Hub &hub, const nlohmann::json &args, bool with_records) {
 void get_one(Hub &hub, const nlohmann::json &args, const std::string &text, Json &objects) {
   const RecordType &type = type_argument(text.substr(0, text.find(':')));
   const auto key = type.parse(text);
-  if (!key) throw std::invalid_argument("'" + text + "' is no key of " + std::string(type.name()));
+  if (!key) throw Refusal("'" + text + "' is no key of " + std::string(type.name()));
   each_database(hub, args, [&](Database &db) {
     std::vector<uint8_t> packed;
     const int rv = hub.store().get_sync(hub.slot(db, type), *key, packed);
@@ -164,7 +166,7 @@ void get_one(Hub &hub, const nlohmann::json &args, const std::string &text, Json
 
 Json get(Hub &hub, const nlohmann::json &args) {
   const nlohmann::json &key = args.at("key");
-  if (key.is_array() && key.size() > kGetMax) throw std::invalid_argument("more than " + std::to_string(kGetMax) + " keys");
+  if (key.is_array() && key.size() > kGetMax) throw Refusal("more than " + std::to_string(kGetMax) + " keys");
   Json objects = Json::array();
   if (key.is_array()) {
     for (const nlohmann::json &one : key) get_one(hub, args, one.get<std::string>(), objects);
@@ -234,9 +236,9 @@ nlohmann::ordered_json query(Hub &hub, const nlohmann::json &args) {
     if (op == "ls" || op == "scan") return list(hub, args, op == "scan");
     if (op == "get") return get(hub, args);
   } catch (const nlohmann::json::exception &error) {
-    throw std::invalid_argument("op '" + op + "': " + error.what());
+    throw Refusal("op '" + op + "': " + error.what());
   }
-  throw std::invalid_argument("no op '" + op + "'; there are stats, client, ls, scan and get");
+  throw Refusal("no op '" + op + "'; there are stats, client, ls, scan and get");
 }
 
 std::shared_ptr<void> watch(Hub &hub, const nlohmann::json &args, host::control::Push push) {
@@ -247,7 +249,7 @@ std::shared_ptr<void> watch(Hub &hub, const nlohmann::json &args, host::control:
   each_database(hub, args, [&](Database &db) {
     for (const RecordType *type : types) slots += hub.watch(hub.slot(db, *type), changes);
   });
-  if (slots == 0) throw std::invalid_argument("no database is connected");
+  if (slots == 0) throw std::runtime_error("no database is connected");
   changes->expect(slots);
   return changes;
 }

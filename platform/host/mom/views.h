@@ -24,7 +24,7 @@ class Hub;
 // Until the runtime is released.
 void register_views(Hub &hub);
 
-// Throws std::invalid_argument for a request that cannot be, std::runtime_error when the database does not answer.
+// Throws host::control::Refusal for a request that cannot be, std::runtime_error when the database does not answer.
 nlohmann::ordered_json query(Hub &hub, const nlohmann::json &args);
 
 // Feeds `push` with raw changes until the result is released: first {"live": N}, when N types are watched,
