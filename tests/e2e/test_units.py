@@ -32,7 +32,11 @@ class Units(unittest.TestCase):
             for promise in promises:
                 self.assertIn(promise, lines, unit)
             self.assertTrue(any(line.startswith("WatchdogSec=") for line in lines), unit)
-        self.assertIn("RestartForceExitStatus=77", (UNITS / "ssc_kelim.service.in").read_text().splitlines())
+        daemon = (UNITS / "ssc_kelim.service.in").read_text().splitlines()
+        self.assertIn("RestartForceExitStatus=77", daemon)
+        # The names of controllers are looked up at the start.
+        self.assertIn("Wants=network-online.target", daemon)
+        self.assertTrue(any(re.match(r"After=.*\bnetwork-online\.target\b", line) for line in daemon))
 
     def test_the_programs_take_what_the_units_hand_them(self):
         for unit in UNITS.glob("*.service.in"):
