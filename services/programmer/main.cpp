@@ -14,7 +14,7 @@
 
 namespace {
 
-constexpr char kName[] = "kelim-programmer";
+using programmer::kProcess;
 
 // An option that is not given takes the environment variable that sets the service within the daemon.
 void add_options(CLI::App &app, programmer::Options &options) {
@@ -36,20 +36,20 @@ void add_options(CLI::App &app, programmer::Options &options) {
 }
 
 int fail(const char *why) {
-  std::fprintf(stderr, "%s: %s\n", kName, why);
+  std::fprintf(stderr, "%s: %s\n", kProcess, why);
   return 1;
 }
 
 // The whole life of the process once its options are known; the exit status.
 int serve(const programmer::Options &options) {
   if (const int taken = libss_fp_com_check_run("/var/run/kelim-programmer.pid"); taken != 0) return taken;
-  qx_global *global = qx_global_init(kName, nullptr);
+  qx_global *global = qx_global_init(kProcess, nullptr);
   if (global == nullptr) return 1;
-  libss_fp_com_ham_init("/var/tmp/kelim-programmer_no_ham", qx_zlog_init(kName));
+  libss_fp_com_ham_init("/var/tmp/kelim-programmer_no_ham", qx_zlog_init(kProcess));
   const int started = programmer::start_embedded(global, options);
   int status = 0;
   if (started == -1) {
-    status = fail("the database cannot be reached, or lives in this very process (KELIM_MOM_URL names a shared one)");
+    status = fail("the database cannot be reached");
   } else if (started != 0) {
     status = fail("the options were refused");
   } else if (qx_global_run(global) != 0) {

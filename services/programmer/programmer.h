@@ -20,6 +20,9 @@
 
 namespace programmer {
 
+// The process that is nothing but the service, and its runtime.
+inline constexpr char kProcess[] = "kelim-programmer";
+
 // The simulated target and what surrounds it.
 struct Options {
   std::uint32_t size = 4096;                 // flows that fit; one more is refused as out of resources

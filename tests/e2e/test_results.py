@@ -92,8 +92,28 @@ class Results(e2e.Test):
         self.assertEqual(len(running.ask_json("flows")["flows"]), 7)
         self.assertEqual(client.barrier(), [])
 
-    def programming_service(self, running, size):
-        environment = running.environment | {"KELIM_PROGRAMMER_SIZE": str(size)}
+    def test_the_service_runs_once_in_a_process_of_its_own(self):
+        server = test_database.RedisServer()
+        self.addCleanup(server.stop)
+        running = self.daemon(mom_url=server.url, programmer_embedded="false")
+        client = self.client(running)
+        # As one host.toml for both says it.
+        service = self.programming_service(running, size=1, embedded="true")
+        client.add(1)
+        self.assertEqual(client.barrier(), [])
+        self.assertEqual(running.ask_json("flows")["flows"][0]["answer"], "INSTALLED")
+        client.add(2)
+        self.assertEqual([openflow.error_of(error)[:2] for error in client.barrier()], [(5, 1)])  # the table is full
+        self.assertIsNone(service.poll())
+        environment = running.environment | {"KELIM_MOM_URL": "embedded:", "KELIM_RUN_DIR": server.directory}
+        alone = subprocess.run(
+            [running.bin / "kelim-programmer"], env=environment, capture_output=True, text=True, timeout=20
+        )
+        self.assertEqual(alone.returncode, 1)
+        self.assertIn("mom.url (KELIM_MOM_URL) is embedded:", alone.stderr)
+
+    def programming_service(self, running, size, embedded="false"):
+        environment = running.environment | {"KELIM_PROGRAMMER_SIZE": str(size), "KELIM_PROGRAMMER_EMBEDDED": embedded}
         service = subprocess.Popen([running.bin / "kelim-programmer"], env=environment, stderr=subprocess.DEVNULL)
         self.addCleanup(service.wait)
         self.addCleanup(service.kill)

@@ -109,7 +109,9 @@ constexpr Row kRows[] = {
      "File of the authorities that peers are checked against."},
 
     {"programmer", "embedded", in<&C::programmer, &C::Programmer::embedded>, "true", kAnything,
-     "Whether the simulated programming service runs in the daemon; unless set, true for the embedded database only."},
+     "Whether the simulated programming service runs in the daemon; unless set, true for the embedded database only. Without "
+     "effect in "
+     "kelim-programmer."},
     {"programmer", "size", in<&C::programmer, &C::Programmer::size>, "4096", kAnything, "Flows the simulated hardware holds."},
     {"programmer", "delay_ms", in<&C::programmer, &C::Programmer::delay_ms>, "0", between(0, 600'000),
      "Delay of the simulated answers."},

@@ -6,7 +6,16 @@
 
 namespace host::programming {
 
+namespace {
+
+constexpr const char *kOwnDatabase =
+    "mom.url (KELIM_MOM_URL) is embedded:, a database of this process alone; it must be one that the daemon shares";
+
+}  // namespace
+
 std::string start(const Config &config, qx_global *global) {
+  // That process starts the service itself, whatever a configuration shared with the daemon says of the daemon's own.
+  if (runtime_name() == programmer::kProcess) return config.mom.url == "embedded:" ? kOwnDatabase : "";
   const Config::Programmer &key = config.programmer;
   if (!key.embedded) return "";
   programmer::Options options;
