@@ -13,6 +13,7 @@ class Audit : public FlowsTest {
   }
   void SetUp() override {
     FlowsTest::SetUp();
+    connected = false;
     qx_mom_client_connect(
         global, QX_MOM_UDP_DB, [](void *, const char *) { return connected = true, 0; }, "test");
     ASSERT_TRUE(until([] { return connected; }));
