@@ -207,7 +207,10 @@ void Flows::remove_everything() {
 }
 
 std::vector<FlowEntry *> Flows::users_of_meter(std::uint32_t meter_id) const {
-  return flows_in_force([meter_id](const FlowEntry &flow) { return flow.get<std::uint32_t>(sb::kFlowMeterId) == meter_id; });
+  return flows_in_force([meter_id](const FlowEntry &flow) {
+    const auto used = flow.get<std::uint32_t>(sb::kFlowMeterId);
+    return meter_id == kMeterAll ? used != 0 : used == meter_id;
+  });
 }
 
 void Flows::remove_users_of_meter(std::uint32_t meter_id) {

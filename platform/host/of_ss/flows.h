@@ -70,7 +70,7 @@ class Flows {
   void barrier(const BarrierTag &tag, const Origin &origin, bool waits, std::int64_t now);
   // A hand-over that is none of the flows', so that barriers wait for it.
   void note_handover() { ledger_.note(); }
-  // Deletes the flows that use the meter.
+  // Deletes the flows that use the meter; kMeterAll: any meter.
   void remove_users_of_meter(std::uint32_t meter_id);
   // The same for a meter that has failed: who asked for a flow that is not decided yet is told that the meter is unknown.
   void fail_users_of_meter(std::uint32_t meter_id);

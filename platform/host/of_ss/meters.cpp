@@ -120,10 +120,9 @@ void Meters::tell_deletion(Meter &meter) {
 void Meters::remove(std::uint32_t id) {
   const auto first = id == kMeterAll ? meters_.begin() : meters_.find(id);
   const auto last = id == kMeterAll || first == meters_.end() ? meters_.end() : std::next(first);
-  for (auto at = first; at != last; at = meters_.erase(at)) {
-    flows_.remove_users_of_meter(at->first);
-    tell_deletion(at->second);
-  }
+  if (first == last) return;
+  flows_.remove_users_of_meter(id);
+  for (auto at = first; at != last; at = meters_.erase(at)) tell_deletion(at->second);
 }
 
 // No room is what the database says instead of taking the record. After any other failure the record may be there, with the
