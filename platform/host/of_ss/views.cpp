@@ -36,7 +36,7 @@ std::size_t number(const json &args, const char *name, std::size_t fallback) {
   if (value.is_string() && !value.get<std::string>().empty() &&
       value.get<std::string>().find_first_not_of("0123456789") == std::string::npos)
     return std::stoull(value.get<std::string>().substr(0, 18));
-  throw std::invalid_argument(fmt::format("{} takes a number", name));
+  throw control::Refusal(fmt::format("{} takes a number", name));
 }
 
 double seconds(std::int64_t ns) {
