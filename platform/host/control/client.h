@@ -51,7 +51,7 @@ class Client {
 
   // Sends `line` (without line end) and waits for the answer line. "" and *answer, or why there is none.
   std::string request(std::string_view line, std::string *answer, std::chrono::milliseconds limit = std::chrono::seconds(30)) {
-    const std::string unsent = send(std::string(line) + "\n");
+    std::string unsent = send(std::string(line) + "\n");
     if (fd_ < 0) return unsent;
     // A process that turns the client away says why before it hangs up.
     const std::string why = receive(answer, limit);
