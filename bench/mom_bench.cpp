@@ -311,6 +311,18 @@ size_t server_memory() {
   return std::strtoull(info.c_str() + info.find("used_memory:") + 12, nullptr, 10);
 }
 
+// The flows that one pass over them finds.
+uint64_t scanned(World &world) {
+  FlowRecord flow;
+  uint64_t seen = 0;
+  const auto count = [](const qx_obj *, void *number) {
+    ++*static_cast<uint64_t *>(number);
+    return 0;
+  };
+  qx_mom_scan_sync(world.global, QX_MOM_UDP_DB, flow.message(0), 0, count, &seen);
+  return seen;
+}
+
 // Written and announced, scanned in one pass, put under expiry, taken out, put under it again, deleted by tag: of each the time,
 // the longest pause of the loop outside the call, and the longest wait of another client of the server.
 void BM_HundredThousand(benchmark::State &state) {
@@ -349,13 +361,7 @@ void BM_HundredThousand(benchmark::State &state) {
         "scan",
         [&] {
           if (seen > 0) return;
-          qx_mom_scan_sync(
-              world.global, QX_MOM_UDP_DB, flow.message(0), 0,
-              [](const qx_obj *, void *count) {
-                ++*static_cast<uint64_t *>(count);
-                return 0;
-              },
-              &seen);
+          seen = scanned(world);
         },
         [&] { return seen == kCount; });
     qx_mom_pexpire(world.global, QX_MOM_UDP_DB, flow.message(0), 0, 600'000, 0, confirm, nullptr);
@@ -379,15 +385,7 @@ void BM_Scan(benchmark::State &state) {
   const auto n = static_cast<uint64_t>(state.range(0));
   for (uint64_t i = 1; i <= n; ++i) qx_mom_set(world.global, QX_MOM_UDP_DB, flow.message(i), 0, 0);
   for (auto _ : state) {
-    uint64_t seen = 0;
-    qx_mom_scan_sync(
-        world.global, QX_MOM_UDP_DB, flow.message(0), 0,
-        [](const qx_obj *, void *count) {
-          ++*static_cast<uint64_t *>(count);
-          return 0;
-        },
-        &seen);
-    if (seen != n) state.SkipWithError("objects are missing");
+    if (scanned(world) != n) state.SkipWithError("objects are missing");
   }
   state.SetItemsProcessed(static_cast<int64_t>(n) * static_cast<int64_t>(state.iterations()));
 }
