@@ -197,18 +197,29 @@ void cache_add_and_delete(benchmark::State &state) {
 }
 BENCHMARK(cache_add_and_delete);
 
+// The record of a flow as the add handler builds it.
+struct BuiltRecord {
+  explicit BuiltRecord(const flow_info_node &node) {
+    record.index = &key;
+    record.n_ace = 1;
+    record.flow_data.data = static_cast<std::uint8_t *>(node.raw);
+    ssc_sdn_ace_field_act_convert(&record, &node);
+  }
+  ~BuiltRecord() { ssc_sdn_free_flow_members(&record); }
+  BuiltRecord(const BuiltRecord &) = delete;
+  BuiltRecord &operator=(const BuiltRecord &) = delete;
+
+  SPolicyKelim__FlowKey key = ssc_kelim_flow_key(1, 0);
+  SPolicyKelim__Flow record = S_POLICY_KELIM__FLOW__INIT;
+};
+
 // Record from node, and its release.
 void build_record(benchmark::State &state) {
   ssc_kelim_flow_info_init();
   const flow_info_node *node = cached(1);
   for (auto _ : state) {
-    SPolicyKelim__FlowKey key = ssc_kelim_flow_key(1, 0);
-    SPolicyKelim__Flow record = S_POLICY_KELIM__FLOW__INIT;
-    record.index = &key;
-    record.n_ace = 1;
-    ssc_sdn_ace_field_act_convert(&record, node);
-    benchmark::DoNotOptimize(record);
-    ssc_sdn_free_flow_members(&record);
+    BuiltRecord built(*node);
+    benchmark::DoNotOptimize(built.record);
   }
   ssc_kelim_flow_db_reset_for_tests();
 }
@@ -218,27 +229,21 @@ BENCHMARK(build_record);
 void store_record(benchmark::State &state) {
   World world;
   flow_info_node *node = cached(1);
-  SPolicyKelim__FlowKey key = ssc_kelim_flow_key(1, 0);
-  SPolicyKelim__Flow record = S_POLICY_KELIM__FLOW__INIT;
-  record.index = &key;
-  record.n_ace = 1;
-  record.flow_data.data = node->raw;
-  ssc_sdn_ace_field_act_convert(&record, node);
+  BuiltRecord built(*node);
   const bool check = state.range(0) != 0;
   while (state.KeepRunningBatch(kBatch)) {
     for (std::uint64_t i = 0; i < kBatch; i++) {
-      key.flow_index = i + 1;
+      built.key.flow_index = i + 1;
       if (check) {
-        ssc_sdn_store_flow(&record, SSC_KELIM_OW_FLOW, "store_record");
+        ssc_sdn_store_flow(&built.record, SSC_KELIM_OW_FLOW, "store_record");
       } else {
-        qx_mom_setow(g_ssc_kelim_global, QX_MOM_UDP_DB, &record.base, 0, 0, SSC_KELIM_OW_FLOW);
+        qx_mom_setow(g_ssc_kelim_global, QX_MOM_UDP_DB, &built.record.base, 0, 0, SSC_KELIM_OW_FLOW);
       }
     }
     state.PauseTiming();
     host::run_until([] { return false; }, 0ms);
     state.ResumeTiming();
   }
-  ssc_sdn_free_flow_members(&record);
 }
 BENCHMARK(store_record)->ArgName("port_check")->Arg(0)->Arg(1);
 
@@ -248,14 +253,8 @@ void build_and_pack(benchmark::State &state) {
   std::uint8_t packed[1024];
   std::size_t bytes = 0;
   for (auto _ : state) {
-    SPolicyKelim__FlowKey key = ssc_kelim_flow_key(1, 0);
-    SPolicyKelim__Flow record = S_POLICY_KELIM__FLOW__INIT;
-    record.index = &key;
-    record.n_ace = 1;
-    record.flow_data.data = node->raw;
-    ssc_sdn_ace_field_act_convert(&record, node);
-    benchmark::DoNotOptimize(bytes = s_policy_kelim__flow__pack(&record, packed));
-    ssc_sdn_free_flow_members(&record);
+    const BuiltRecord built(*node);
+    benchmark::DoNotOptimize(bytes = s_policy_kelim__flow__pack(&built.record, packed));
   }
   state.counters["record bytes"] = static_cast<double>(bytes);
   ssc_kelim_flow_db_reset_for_tests();
