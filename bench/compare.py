@@ -63,7 +63,8 @@ def start_with_redis(bin_dir):
 
 
 def start_ovs(tmp):
-    port = daemon.free_port()
+    reserved = daemon.Port()
+    port = reserved.number
     db, sock, schema = tmp / "conf.db", tmp / "db.sock", "/usr/share/openvswitch/vswitch.ovsschema"
     env = dict(os.environ, OVS_RUNDIR=str(tmp), OVS_LOGDIR=str(tmp), OVS_DBDIR=str(tmp), OVS_SYSCONFDIR=str(tmp),
                PATH=os.environ["PATH"] + ":/usr/sbin:/sbin:/usr/share/openvswitch/scripts")

@@ -55,7 +55,9 @@ class Controllers(e2e.Test):
             client.add(number)
         self.assertEqual(client.barrier(), [])
 
-        other = daemon.free_port()
+        reserved = daemon.Port()
+        self.addCleanup(reserved.close)
+        other = reserved.number
         self.configure(running, f"ptcp:127.0.0.1:{running.port}", f"ptcp:127.0.0.1:{other}")
         self.assertIn(str(other), running.command("reload", module="of_ss"))
         self.assertEqual(client.barrier(), [], "the first connection goes on")

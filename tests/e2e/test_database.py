@@ -1,7 +1,6 @@
 """kelimctl's look into the object database: through the daemon's socket, and in the Redis server itself."""
 
 import json
-import os
 import shutil
 import signal
 import subprocess
@@ -21,7 +20,14 @@ class RedisServer:
         options = {"port": 0, "unixsocket": self.socket, "dir": self.directory, "save": "", "hz": 100}
         command = ["redis-server", *(word for key, value in options.items() for word in (f"--{key}", str(value)))]
         self.process = subprocess.Popen(command, stdout=subprocess.DEVNULL)
-        daemon.wait_until(lambda: os.path.exists(self.socket), 20, "redis-server's socket")
+        daemon.wait_until(self.answers, 20, "redis-server's answer")
+
+    def answers(self):
+        try:
+            with records.Redis(self.socket, 0):
+                return True
+        except OSError:
+            return False
 
     def stop(self):
         self.process.kill()

@@ -51,11 +51,13 @@ class RedisServer {
       ::_exit(127);
     }
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!std::filesystem::exists(socket()) && std::chrono::steady_clock::now() < deadline &&
-           ::waitpid(pid_, nullptr, WNOHANG) == 0) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));  // nothing to wait on: the socket appears when it is ready
+    while (command({"PING"}) == kNoAnswer) {
+      if (std::chrono::steady_clock::now() > deadline || ::waitpid(pid_, nullptr, WNOHANG) != 0) {
+        ADD_FAILURE() << "redis-server does not start in " << dir_;
+        return;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
-    if (!std::filesystem::exists(socket())) ADD_FAILURE() << "redis-server does not start in " << dir_;
   }
 
   // SIGSTOP and SIGCONT leave it alive; others wait for its end.
@@ -82,7 +84,7 @@ class RedisServer {
         static_cast<redisReply *>(redisCommandArgv(admin_.get(), static_cast<int>(argv.size()), argv.data(), lengths.data()));
     if (!reply) {
       admin_.reset();
-      return "(no answer)";
+      return kNoAnswer;
     }
     std::string out = text(reply);
     freeReplyObject(reply);
@@ -90,6 +92,8 @@ class RedisServer {
   }
 
  private:
+  static constexpr char kNoAnswer[] = "(no answer)";
+
   static std::string text(const redisReply *reply) {
     switch (reply->type) {
       case REDIS_REPLY_NIL:

@@ -21,10 +21,20 @@ class Failed(Exception):
     """Something did not come out as it has to; the text is for the user."""
 
 
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
+class Port:
+    """A TCP port of 127.0.0.1 that the system gives to nobody else while this object lives.
+
+    It is bound and does not listen: a server that sets SO_REUSEADDR, as they all do, can take it, any number of times.
+    """
+
+    def __init__(self):
+        self.socket = socket.socket()
+        self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        self.socket.bind(("127.0.0.1", 0))
+        self.number = self.socket.getsockname()[1]
+
+    def close(self):
+        self.socket.close()
 
 
 def wait_until(condition, limit, what):
@@ -47,7 +57,8 @@ class Daemon:
         self.command_line = [self.bin / "ssc_kelim"]
         self.own_run_dir = run_dir is None
         self.run_dir = pathlib.Path(run_dir or tempfile.mkdtemp(prefix="kelim-"))
-        self.port = port or free_port()
+        self.own_port = None if port else Port()
+        self.port = port or self.own_port.number
         self.log = self.run_dir / "output"
         chosen = {
             "run_dir": self.run_dir,
@@ -73,6 +84,8 @@ class Daemon:
         if self.process and self.process.poll() is None:
             self.process.kill()
             self.process.wait()
+        if self.own_port:
+            self.own_port.close()
         if self.own_run_dir:
             shutil.rmtree(self.run_dir, ignore_errors=True)
 
