@@ -53,7 +53,6 @@ inline Bytes barrier(std::uint32_t xid) {
 
 class FlowWorld : public testing::Test {
  protected:
-  explicit FlowWorld(const harness::Options &options = {}) : d(options) {}
   void TearDown() override {
     ssc_sdn_malloc_fail_nth(0);
     host::fault::clear();

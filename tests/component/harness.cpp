@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <future>
 
+#include "host/fault/fault.h"
 #include "host/log/log.h"
 #include "host/of_ss/testing.h"
 #include "host/runtime/clock.h"
@@ -29,7 +30,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kLimit = 5s;
+constexpr auto kLimit = 30s;
 constexpr std::int32_t kUdpDb = 8;
 
 Record copy_of(const qx_obj &object) {
@@ -42,13 +43,6 @@ Record copy_of(const qx_obj &object) {
   auto *copy =
       protobuf_c_message_unpack(message->descriptor, nullptr, packed.size(), reinterpret_cast<std::uint8_t *>(packed.data()));
   return {{copy, [](ProtobufCMessage *m) { protobuf_c_message_free_unpacked(m, nullptr); }}};
-}
-
-// An empty record of a type, as template for scans.
-std::vector<std::uint64_t> empty_record(const ProtobufCMessageDescriptor *type) {
-  std::vector<std::uint64_t> space((type->sizeof_message + 7) / 8);
-  protobuf_c_message_init(type, space.data());
-  return space;
 }
 
 // What `watch` and the settling marker receive. One daemon lives at a time in a process.
@@ -84,13 +78,12 @@ constexpr std::uint32_t kMarkerRounds = 4;  // flow -> flow_sta -> flow_to_ace_s
 
 }  // namespace
 
-Daemon::Daemon(const Options &options) {
+Daemon::Daemon() {
   run_dir_ = (std::filesystem::temp_directory_path() / "kelim-component-XXXXXX").string();
   if (mkdtemp(run_dir_.data()) == nullptr) throw std::runtime_error("no temporary directory");
   setenv("KELIM_RUN_DIR", run_dir_.c_str(), 1);
   setenv("KELIM_PORTS", "1:p1:101:1,2:p2:102:1,3:p3:103:1,45:tunnel:145:45,46:router:146:46", 1);
-  setenv("KELIM_PROGRAMMER_EMBEDDED", options.programmer ? "true" : "false", 1);
-  for (const auto &[key, text] : options.config) setenv(key.c_str(), text.c_str(), 1);
+  setenv("KELIM_PROGRAMMER_EMBEDDED", "false", 1);
 
   host::clock::stop();
   host::of_ss::hold_agent(true);
@@ -114,21 +107,22 @@ Daemon::Daemon(const Options &options) {
 }
 
 Daemon::~Daemon() {
-  finish();
-  check_errors();
-  std::error_code ignored;
-  std::filesystem::remove_all(run_dir_, ignored);
-}
-
-int Daemon::finish() {
-  if (finished_) return status_;
-  finished_ = true;
   host::stop_loop();
   main_.join();
+  EXPECT_EQ(status_, 0);
   reset_daemon();
+  host::fault::clear();
   host::of_ss::of_ss_reset_for_tests();
   host::log::set_tap(nullptr);
-  return status_;
+  for (const std::string &line : errors_) {
+    bool announced = false;
+    for (auto &[text, seen] : expected_)
+      if (line.find(text) != std::string::npos) announced = seen = true;
+    EXPECT_TRUE(announced) << "unannounced ERROR line: " << line;
+  }
+  for (const auto &[text, seen] : expected_) EXPECT_TRUE(seen) << "this ERROR line did not come: " << text;
+  std::error_code ignored;
+  std::filesystem::remove_all(run_dir_, ignored);
 }
 
 void Daemon::on_loop(const std::function<void()> &work) const {
@@ -137,7 +131,7 @@ void Daemon::on_loop(const std::function<void()> &work) const {
     work();
     done.set_value();
   });
-  if (done.get_future().wait_for(30s) != std::future_status::ready) throw std::runtime_error("the loop does not answer");
+  if (done.get_future().wait_for(kLimit) != std::future_status::ready) throw std::runtime_error("the loop does not answer");
 }
 
 bool Daemon::until(const std::function<bool()> &condition) const {
@@ -169,12 +163,10 @@ void Daemon::settle() const {
   }
 }
 
-void Daemon::tick(int times) {
-  for (int i = 0; i < times; ++i) {
-    warp(50ms);
-    ASSERT_TRUE(until([] { return libss_pthrd_get_hdl_num(ssc_sdn_mst) == 0; })) << "the handler list was not drained";
-    settle();
-  }
+void Daemon::tick() {
+  warp(50ms);
+  ASSERT_TRUE(until([] { return libss_pthrd_get_hdl_num(ssc_sdn_mst) == 0; })) << "the handler list was not drained";
+  settle();
 }
 
 void Daemon::warp(std::chrono::milliseconds by) {
@@ -182,15 +174,11 @@ void Daemon::warp(std::chrono::milliseconds by) {
   settle();
 }
 
-std::vector<Bytes> Daemon::replies() const {
+std::vector<Bytes> Daemon::replies(std::optional<std::uint16_t> type) const {
   const std::lock_guard lock(mutex_);
-  return replies_;
-}
-
-std::vector<Bytes> Daemon::replies(std::uint16_t type) const {
   std::vector<Bytes> found;
-  for (const Bytes &reply : replies())
-    if (southbound::get<std::uint16_t>(reply.data(), southbound::kType) == type) found.push_back(reply);
+  for (const Bytes &reply : replies_)
+    if (!type || southbound::get<std::uint16_t>(reply.data(), southbound::kType) == *type) found.push_back(reply);
   return found;
 }
 
@@ -202,7 +190,8 @@ void Daemon::forget_replies() {
 std::vector<Record> Daemon::stored(std::int32_t db, const ProtobufCMessageDescriptor *type) const {
   std::vector<Record> found;
   on_loop([&] {
-    auto space = empty_record(type);
+    std::vector<std::uint64_t> space((type->sizeof_message + 7) / 8);  // an empty record, as template
+    protobuf_c_message_init(type, space.data());
     const auto collect = [](const qx_obj *object, void *arg) {
       static_cast<std::vector<Record> *>(arg)->push_back(copy_of(*object));
       return 0;
@@ -249,65 +238,6 @@ void Daemon::expect_error(const std::string &text) {
 std::vector<std::string> Daemon::errors() const {
   const std::lock_guard lock(mutex_);
   return errors_;
-}
-
-void Daemon::check_errors() const {
-  auto expected = expected_;
-  for (const std::string &line : errors_) {
-    bool announced = false;
-    for (auto &[text, seen] : expected)
-      if (line.find(text) != std::string::npos) announced = seen = true;
-    EXPECT_TRUE(announced) << "unannounced ERROR line: " << line;
-  }
-  for (const auto &[text, seen] : expected) EXPECT_TRUE(seen) << "this ERROR line did not come: " << text;
-}
-
-// ---- southbound messages
-
-Bytes operator+(Bytes left, const Bytes &right) {
-  left.insert(left.end(), right.begin(), right.end());
-  return left;
-}
-
-Bytes field(std::uint32_t header, const Bytes &bytes) {
-  Bytes out = value(header) + bytes;
-  out.resize((out.size() + 7) / 8 * 8);
-  return out;
-}
-
-Bytes output(std::uint32_t port) {
-  return value<std::uint16_t>(0) + value<std::uint16_t>(16) + value(port) + Bytes(8);
-}
-
-Bytes flow_mod(std::uint64_t index, const Bytes &match, const Bytes &actions, std::uint8_t command) {
-  Bytes msg(44);
-  southbound::put<std::uint64_t>(msg.data(), 8, index);
-  southbound::put<std::uint16_t>(msg.data(), 24, 100);
-  southbound::put<std::uint8_t>(msg.data(), 28, command);
-  southbound::put<std::uint16_t>(msg.data(), 40, 1);
-  southbound::put<std::uint16_t>(msg.data(), 42, static_cast<std::uint16_t>(match.size()));
-  msg = std::move(msg) + match + Bytes(4) + value(static_cast<std::int32_t>(actions.size())) + value<std::uint32_t>(0) + actions;
-  southbound::put_header(msg.data(), 10, 4, static_cast<std::uint16_t>(msg.size()), 0);
-  return msg;
-}
-
-Bytes barrier(std::uint32_t xid, std::uint8_t conn_id) {
-  Bytes msg = message(31, 24);
-  southbound::put<std::uint8_t>(msg.data(), 8, conn_id);
-  southbound::put<std::uint32_t>(msg.data(), 16, xid);
-  southbound::put<std::uint32_t>(msg.data(), 20, 0x0100007f);
-  return msg;
-}
-
-Bytes message(std::uint16_t type, std::uint16_t len) {
-  Bytes msg(len);
-  southbound::put_header(msg.data(), type, 4, len, 0);
-  return msg;
-}
-
-Bytes simple_flow(std::uint64_t index, std::uint32_t port) {
-  return flow_mod(index, field(0x80000004, value<std::uint32_t>(1)) + field(0x80000a02, value<std::uint16_t>(0x0800)),
-                  output(port));
 }
 
 }  // namespace harness

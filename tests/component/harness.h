@@ -1,8 +1,8 @@
-// The whole daemon in this process: its own main, the real runtime, loop, store and (where asked for) programming service. The
-// test's thread plays the OpenFlow service library: it calls the registered callbacks and sees every reply that the daemon sends.
+// The whole daemon in this process: its own main, the real runtime, loop and store. The test's thread plays the OpenFlow service
+// library: it calls the registered callbacks and sees every reply that the daemon sends.
 //
 // The host clock stands still; tick() moves it by one timer period. Nothing sleeps: until() waits for a condition, with a limit.
-// Every ERROR line that a test has not announced with expect_error fails the test.
+// Every ERROR line that a test has not announced with expect_error fails the test, and so does an exit status other than 0.
 #pragma once
 
 #include <protobuf-c/protobuf-c.h>
@@ -14,6 +14,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -26,11 +27,6 @@
 namespace harness {
 
 using Bytes = std::vector<std::byte>;
-
-struct Options {
-  bool programmer = false;                    // run the simulated programming service in the process
-  std::map<std::string, std::string> config;  // KELIM_<SECTION>_<KEY> -> value
-};
 
 // One object of the store, decoded; `record` is of the type that was asked for.
 struct Record {
@@ -49,7 +45,7 @@ struct Change {
 
 class Daemon {
  public:
-  explicit Daemon(const Options &options = {});
+  Daemon();
   ~Daemon();
   Daemon(const Daemon &) = delete;
   Daemon &operator=(const Daemon &) = delete;
@@ -59,17 +55,16 @@ class Daemon {
 
   // Moves the clock by one timer period and waits until the daemon has drained its handler list and the store has delivered what
   // that wrote.
-  void tick(int times = 1);
+  void tick();
   // Moves the clock and lets the loop take what is due.
   void warp(std::chrono::milliseconds by);
   // Runs `work` on the main SDN thread and waits for it.
   void on_loop(const std::function<void()> &work) const;
-  // Whether `condition`, asked on the main SDN thread, becomes true within five seconds.
+  // Whether `condition`, asked on the main SDN thread, becomes true within half a minute.
   bool until(const std::function<bool()> &condition) const;
 
-  // Replies sent so far, in order; and how many there are of one type.
-  std::vector<Bytes> replies() const;
-  std::vector<Bytes> replies(std::uint16_t type) const;
+  // Replies sent so far, in order: all, or those of one type.
+  std::vector<Bytes> replies(std::optional<std::uint16_t> type = {}) const;
   void forget_replies();
 
   // Everything of one type in the store, in key order, and the number of objects.
@@ -87,12 +82,8 @@ class Daemon {
   // Log lines of class ERROR so far, each as "function: text".
   std::vector<std::string> errors() const;
 
-  // Ends the loop and gives the exit status of main; also done by the destructor.
-  int finish();
-
  private:
   void settle() const;
-  void check_errors() const;
 
   std::string run_dir_;
   host::of_ss::Callbacks callbacks_;
@@ -102,29 +93,6 @@ class Daemon {
   std::map<std::string, bool> expected_;
   std::thread main_;
   int status_ = -1;
-  bool finished_ = false;
 };
-
-// ---- southbound messages, laid out by hand
-
-// A flow-mod. `match` is a sequence of fields (see field), `actions` of actions.
-Bytes flow_mod(std::uint64_t index, const Bytes &match, const Bytes &actions, std::uint8_t command = 0);
-// One match field in its slot: header and value bytes in host order.
-Bytes field(std::uint32_t header, const Bytes &value);
-Bytes output(std::uint32_t port);
-Bytes barrier(std::uint32_t xid, std::uint8_t conn_id = 1);
-// {type, ver 4, len, table 0} and zeros up to `len`.
-Bytes message(std::uint16_t type, std::uint16_t len);
-
-Bytes operator+(Bytes left, const Bytes &right);
-template <typename T>
-Bytes value(T v) {
-  Bytes out(sizeof v);
-  std::memcpy(out.data(), &v, sizeof v);
-  return out;
-}
-
-// An ordinary flow: in_port 1, eth_type 0x800, output to `port`.
-Bytes simple_flow(std::uint64_t index, std::uint32_t port = 2);
 
 }  // namespace harness
