@@ -88,33 +88,28 @@ TEST_F(Front, EveryStepReportsItsFailureAndEndsTheChain) {
   fails(Point::mom_subscribe, 0, "ssc_kelim_app_reconnect_cb: reconnect db:4 type:2", "qx_mom_subscribe flow_to_ace error.");
 }
 
-// What the process prints and its status when that call fails at its start; it must not stay and do nothing.
+// The process with that call failing at its start; it must not stay and do nothing.
 [[noreturn]] void start_with_fault(const TempDir &run_dir, Point point, unsigned skip) {
-  for (const auto &[key, text] : {std::pair("KELIM_RUN_DIR", run_dir.path().c_str()),
-                                  {"KELIM_LOG_TARGET", "stderr"},
-                                  {"KELIM_OPENFLOW_LISTEN", ""},
-                                  {"KELIM_PROGRAMMER_EMBEDDED", "false"}})
-    setenv(key, text, 1);
+  setenv("KELIM_RUN_DIR", run_dir.path().c_str(), 1);
+  setenv("KELIM_PROGRAMMER_EMBEDDED", "false", 1);
+  host::of_ss::hold_agent(true);
   host::fault::fail(point, -1, skip);
   alarm(static_cast<unsigned>(kPatience.count()));
   std::exit(ssc_kelim_main());
 }
 
-TEST(StartUp, AProcessThatDidNotTakeUpItsWorkEndsToBeStartedAgain) {
+TEST(Exit, AProcessThatCannotWorkOrFindsAnotherServerEndsToBeStartedAgain) {
   const TempDir dir;
-  const testing::ExitedWithCode failed(1);
+  const testing::ExitedWithCode failed(1), other_server(77);
   const std::string ends = "ssc_kelim ends, to be started again: ";
   EXPECT_EXIT(start_with_fault(dir, Point::mom_connect_sync, 0), failed, ends + "ssc_kelim did not take up its work \\(-1\\)");
   EXPECT_EXIT(start_with_fault(dir, Point::timer_insert, 0), failed, ends + "ssc_kelim did not take up its work \\(-1\\)");
   EXPECT_EXIT(start_with_fault(dir, Point::mom_subscribe, 1), failed, ends + "the connect callback of database 8 gave -1");
+  EXPECT_EXIT(ssc_kelim_app_reconnect_cb(nullptr, kAppDb, 1), other_server, "");
+  EXPECT_EXIT(ssc_kelim_udp_reconnect_cb(nullptr, kUdpDb, 1), other_server, "");
 }
 
 // ---- reconnection
-
-TEST(Reconnect, AnotherServerEndsTheProcessWithStatus77) {
-  EXPECT_EXIT(ssc_kelim_app_reconnect_cb(nullptr, kAppDb, 1), testing::ExitedWithCode(77), "");
-  EXPECT_EXIT(ssc_kelim_udp_reconnect_cb(nullptr, kUdpDb, 1), testing::ExitedWithCode(77), "");
-}
 
 TEST_F(Front, TheSameServerRepeatsTheConnectCallback) {
   for (const char *line : {"reconnect db:8 type:0", "reconnect db:8 type:2"}) d.expect_error(line);
@@ -175,8 +170,25 @@ TEST_F(Front, BarriersWaitForTheOutcomeOfEveryFlowBeforeThem) {
   EXPECT_EQ(barriers_answered(), (Xids{101, 102, 103, 104}));
 }
 
-TEST_F(Front, AMetersFailureIsReportedAndItsMalformedNotificationsAreRefused) {
-  d.expect_error("send meter error msg to PI, dune to op meter failed,meter_id = 5, ret_val = 0");
+// Of the handshake the fetch half came at start-up, from the meters' subscription; the other half is the connection.
+TEST_F(Front, TheMetersSubscriptionReportsFailuresAndDrivesTheHandshake) {
+  std::atomic<int> fetches = 0;
+  host::of_ss::set_fetch_tap([&] { ++fetches; });
+  const auto notify = [&](qx_mom_notify_cb callback, std::uint32_t cmd, void *value, int result) {
+    const qx_obj msg{.cmd = cmd, .flag = 9, .value = value, .error_code = 0, .packed = nullptr, .packed_len = 0};
+    d.on_loop([&] { EXPECT_EQ(callback(nullptr, &msg), result) << "command " << cmd; });
+  };
+  EXPECT_TRUE(d.replies().empty());
+  d.pi().connected();
+  EXPECT_EQ(replies(36), Texts{"240000001800000001000000000000000000000058020000"}) << "600 flows";
+  notify(flow_install_call_back, 29, nullptr, 0);
+  notify(flow_to_ace_install_call_back, 29, nullptr, 0);
+  EXPECT_EQ(fetches, 1) << "of the other subscriptions the signal means nothing";
+  notify(meter_install_call_back, 29, nullptr, 0);
+  d.pi().connected();
+  EXPECT_EQ(fetches, 3);
+  EXPECT_EQ(d.replies(36).size(), 3u);
+
   SPolicyKelim__MeterKey key = S_POLICY_KELIM__METER_KEY__INIT;
   key.meter_id = 5;
   SPolicyKelim__Meter meter = S_POLICY_KELIM__METER__INIT;
@@ -185,87 +197,51 @@ TEST_F(Front, AMetersFailureIsReportedAndItsMalformedNotificationsAreRefused) {
     meter.status = static_cast<SPolicyKelim__StatusE>(status);
     d.write(kUdpDb, &meter.base);
   }
-  const Texts reported = {"12000000100000000500000001000000"};
-  EXPECT_EQ(replies(18), reported);
-
-  for (const char *line : {"msg->value is NULL. msg->cmd:4 msg->flag:9", "hash value is NULL. msg->cmd:6 msg->flag:9",
-                           "error_code:5 msg->cmd:4 msg->flag:9"})
+  qx_mom_hash_value empty{}, broken{.record = &meter.base, .reserved = {}, .error_code = 5};
+  notify(meter_install_call_back, 4, nullptr, -1);
+  notify(meter_install_call_back, 6, &empty, -1);
+  notify(meter_install_call_back, 4, &broken, -1);  // whatever its status says
+  notify(meter_install_call_back, 24, nullptr, 0);
+  notify(flow_to_ace_install_call_back, 3, nullptr, -4);
+  EXPECT_EQ(replies(18), Texts{"12000000100000000500000001000000"});
+  for (const char *line : {"send meter error msg to PI, dune to op meter failed,meter_id = 5, ret_val = 0",
+                           "msg->value is NULL. msg->cmd:4 msg->flag:9", "hash value is NULL. msg->cmd:6 msg->flag:9",
+                           "error_code:5 msg->cmd:4 msg->flag:9", "value is null."})
     d.expect_error(line);
-  d.on_loop([&] {
-    qx_mom_hash_value empty{}, broken{.record = &meter.base, .reserved = {}, .error_code = 5};
-    const auto notify = [](std::uint32_t cmd, void *value) {
-      const qx_obj msg{.cmd = cmd, .flag = 9, .value = value, .error_code = 0, .packed = nullptr, .packed_len = 0};
-      return meter_install_call_back(nullptr, &msg);
-    };
-    EXPECT_EQ(notify(4, nullptr), -1);
-    EXPECT_EQ(notify(6, &empty), -1);
-    EXPECT_EQ(notify(4, &broken), -1) << "whatever its status says";
-    EXPECT_EQ(notify(24, nullptr), 0);
-  });
-  EXPECT_EQ(replies(18), reported);
-}
-
-// The fetch half of the handshake came at start-up, from the meters' subscription; the other half is the connection.
-TEST_F(Front, TheMetersDataFetchIsHalfOfTheHandshake) {
-  std::atomic<int> fetches = 0;
-  host::of_ss::set_fetch_tap([&] { ++fetches; });
-  EXPECT_TRUE(d.replies().empty());
-  d.pi().connected();
-  EXPECT_EQ(replies(36), Texts{"240000001800000001000000000000000000000058020000"}) << "600 flows";
-  const auto notify = [&](qx_mom_notify_cb callback, std::uint32_t cmd, int result) {
-    const qx_obj msg{.cmd = cmd, .flag = 0, .value = nullptr, .error_code = 0, .packed = nullptr, .packed_len = 0};
-    d.on_loop([&] { EXPECT_EQ(callback(nullptr, &msg), result); });
-  };
-  notify(flow_install_call_back, 29, 0);
-  notify(flow_to_ace_install_call_back, 29, 0);
-  EXPECT_EQ(fetches, 1) << "of the other subscriptions the signal means nothing";
-  notify(meter_install_call_back, 29, 0);
-  d.pi().connected();
-  EXPECT_EQ(fetches, 3);
-  EXPECT_EQ(d.replies(36).size(), 3u);
-  d.expect_error("value is null.");
-  notify(flow_to_ace_install_call_back, 3, -4);
 }
 
 // ---- log facility
 
 TEST_F(Front, SwitchesAndLevelDecideWhereALineGoes) {
-  const struct {
-    std::uint32_t switches, level;
-    std::string printed;
-    Texts logged;
-  } cases[] = {
-      {0, 6, "", {"an error 1"}},
-      {SDN_DBG_VER_SERVICE, 6, "", {"an error 1", "a trace", "[", "0a ", "ff ", "]"}},
-      {SDN_DBG_VER_SERVICE, 4, "", {"an error 1"}},
-      {SDN_DBG_DS, 6, "[DS]f: a sync\n", {"an error 1"}},
-      {15,
-       0,
-       "[ERROR]f: an error 1[VER]f: a trace\n[DS]f: a sync\n[BARRIER]f: a barrier\n"
-       "[VER]ssc_sdn_dbg_msg: [\n[VER]ssc_sdn_dbg_msg: 0a \n[VER]ssc_sdn_dbg_msg: ff \n[VER]ssc_sdn_dbg_msg: ]\n\n",
-       {}},
-  };
   Texts logged;
   host::log::set_tap([&](const host::log::LineView &line) { logged.emplace_back(line.text); });
-  for (const auto &c : cases) {
-    SCOPED_TRACE(testing::Message() << "switches " << c.switches << ", level " << c.level);
+  // What standard output shows, without times and lines.
+  const auto printed = [&](std::uint32_t switches, std::uint32_t level) {
     logged.clear();
     testing::internal::CaptureStdout();
     d.on_loop([&] {
-      ssc_sdn_debug_sw = c.switches;
-      g_policy_error_zlog_level = c.level;
+      ssc_sdn_debug_sw = switches;
+      g_policy_error_zlog_level = level;
       SDN_ERROR_AS("f", "an error %d", 1);
-      SDN_VER_AS("f", "a trace\n");
       SDN_DS_AS("f", "a sync\n");
       SDN_BARRIER_LINE_AS("f", "a barrier\n");
-      ssc_sdn_dbg_msg("\x0a\xff", 2);
+      ssc_sdn_dbg_msg("\x0a\xff", 2);  // traces a byte a line
       ssc_sdn_debug_sw = 0;
     });
-    const std::string printed = testing::internal::GetCapturedStdout();
-    const std::regex time_class_place(R"(\[[^\[\]]+\]\[SDN\](\[[A-Z]+\])(\w+)\[\d+\]:)");
-    EXPECT_EQ(std::regex_replace(printed, time_class_place, "$1$2: "), c.printed);
-    EXPECT_EQ(logged, c.logged);
-  }
+    const std::regex time_class_place(R"(\[[^\[\]]+\]\[SDN\](\[[A-Z]+\]\w+)\[\d+\]:)");
+    return std::regex_replace(testing::internal::GetCapturedStdout(), time_class_place, "$1: ");
+  };
+  EXPECT_EQ(printed(0, 6), "");
+  EXPECT_EQ(logged, Texts{"an error 1"});
+  EXPECT_EQ(printed(SDN_DBG_VER_SERVICE, 6), "");
+  EXPECT_EQ(logged, (Texts{"an error 1", "[", "0a ", "ff ", "]"}));
+  EXPECT_EQ(printed(SDN_DBG_VER_SERVICE, 4), "");
+  EXPECT_EQ(logged, Texts{"an error 1"});
+  EXPECT_EQ(printed(SDN_DBG_DS, 6), "[DS]f: a sync\n");
+  EXPECT_EQ(printed(15, 0),
+            "[ERROR]f: an error 1[DS]f: a sync\n[BARRIER]f: a barrier\n[VER]ssc_sdn_dbg_msg: [\n"
+            "[VER]ssc_sdn_dbg_msg: 0a \n[VER]ssc_sdn_dbg_msg: ff \n[VER]ssc_sdn_dbg_msg: ]\n\n");
+  EXPECT_EQ(logged, Texts{}) << "level 0 keeps everything from the log service";
 }
 
 }  // namespace

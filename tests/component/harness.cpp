@@ -201,16 +201,9 @@ std::vector<Record> Daemon::stored(std::int32_t db, const ProtobufCMessageDescri
   return found;
 }
 
-int Daemon::write(std::int32_t db, const ProtobufCMessage *record) const {
+int Daemon::change(decltype(&qx_mom_set) call, std::int32_t db, const ProtobufCMessage *record) const {
   int rv = 0;
-  on_loop([&] { rv = qx_mom_set(g_ssc_kelim_global, db, record, 0, 0); });
-  settle();
-  return rv;
-}
-
-int Daemon::remove(std::int32_t db, const ProtobufCMessage *record) const {
-  int rv = 0;
-  on_loop([&] { rv = qx_mom_del(g_ssc_kelim_global, db, record, 0, 0); });
+  on_loop([&] { rv = call(g_ssc_kelim_global, db, record, 0, 0); });
   settle();
   return rv;
 }

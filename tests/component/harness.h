@@ -71,8 +71,8 @@ class Daemon {
   std::vector<Record> stored(std::int32_t db, const ProtobufCMessageDescriptor *type) const;
   std::size_t count(std::int32_t db, const ProtobufCMessageDescriptor *type) const { return stored(db, type).size(); }
   // Writes or deletes a record as another process would.
-  int write(std::int32_t db, const ProtobufCMessage *record) const;
-  int remove(std::int32_t db, const ProtobufCMessage *record) const;
+  int write(std::int32_t db, const ProtobufCMessage *record) const { return change(qx_mom_set, db, record); }
+  int remove(std::int32_t db, const ProtobufCMessage *record) const { return change(qx_mom_del, db, record); }
   // Records every change of a type from now on.
   void watch(std::int32_t db, const qx_mom_type &type);
   std::vector<Change> changes() const;
@@ -84,6 +84,7 @@ class Daemon {
 
  private:
   void settle() const;
+  int change(decltype(&qx_mom_set) call, std::int32_t db, const ProtobufCMessage *record) const;
 
   std::string run_dir_;
   host::of_ss::Callbacks callbacks_;

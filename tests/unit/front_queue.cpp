@@ -1,10 +1,11 @@
-// The queue of outstanding requests: its rules case by case, and the indexed queue against the rules written down naively.
+// The queue of outstanding requests: orders written out by hand, and the indexed queue against the rules written down naively.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <list>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "host/of_ss/testing.h"
@@ -17,23 +18,29 @@ namespace {
 
 constexpr std::uint32_t kFlow = 0, kBarrier = 14;
 
-// What the controller side is told: "flow 7 class 2", "barrier 3".
-std::vector<std::string> g_answers;
+// What the controller side is told: a flow with the class of its failure, or a barrier with the type of its reply.
+using Answers = std::vector<std::pair<std::uint64_t, std::uint32_t>>;
+constexpr std::uint32_t kBarrierReply = 32;
+
+Answers g_answers;
 
 void note_reply(std::span<const std::byte> reply) {
+  ASSERT_EQ(reply.size(), 24u);
   const auto type = southbound::get<std::uint16_t>(reply.data(), 0);
-  if (type == 11) {
-    ASSERT_EQ(reply.size(), 24u);
-    g_answers.push_back("flow " + std::to_string(southbound::get<std::uint64_t>(reply.data(), 8)) + " class " +
-                        std::to_string(southbound::get<std::uint32_t>(reply.data(), 16)));
-  } else if (type == 32) {
-    ASSERT_EQ(reply.size(), 24u);
-    EXPECT_EQ(southbound::get<std::uint32_t>(reply.data(), 20), 0x0100007fu) << "echoes the controller's address";
-    g_answers.push_back("barrier " + std::to_string(southbound::get<std::uint32_t>(reply.data(), 16)));
-  } else {
-    ADD_FAILURE() << "a reply of type " << type;
-  }
+  if (type == kBarrierReply)
+    g_answers.emplace_back(southbound::get<std::uint32_t>(reply.data(), 16), type);
+  else
+    g_answers.emplace_back(southbound::get<std::uint64_t>(reply.data(), 8), southbound::get<std::uint32_t>(reply.data(), 16));
 }
+
+struct Node {
+  std::uint32_t type;
+  std::uint64_t id;
+  std::uint32_t ds_type;
+  bool is_ds, is_ret = false, is_set = false;
+  std::uint32_t ret_val = 0;
+  bool operator==(const Node &) const = default;
+};
 
 class Queue : public testing::Test {
  protected:
@@ -56,34 +63,33 @@ class Queue : public testing::Test {
     southbound::put(msg, 8, index);
     return ssc_sdn_msg_queue_alloc_flow_msg_node(msg, ds_type);
   }
-  static std::int32_t barrier(std::uint32_t xid) {
+  static std::int32_t flow_of_class_0(std::uint64_t index) { return flow(index); }
+  static std::int32_t barrier(std::uint64_t xid) {
     std::byte msg[24] = {};
     southbound::put_header(msg, 31, 4, 24, 0);
-    southbound::put(msg, 16, xid);
-    southbound::put(msg, 20, std::uint32_t{0x0100007f});
+    southbound::put(msg, 16, static_cast<std::uint32_t>(xid));
     return ssc_sdn_msg_queue_alloc_barrier_msg_node(msg);
   }
   static void result(std::uint64_t index, std::uint32_t code) {
     EXPECT_EQ(ssc_sdn_msg_queue_update_msg_node(kFlow, index, code), 0);
     ssc_sdn_msg_queue_traverse_pop_msg_node();
   }
-  // "f1 b2" for a flow 1 and a barrier 2; a returned flow in capitals.
-  static std::string content() {
-    std::string text;
+  static std::vector<Node> queued() {
+    std::vector<Node> nodes;
     for (auto *link = g_ssc_sdn_msg_queue.next; link != &g_ssc_sdn_msg_queue; link = link->next) {
       const auto &node = static_cast<const ssc_sdn_msg_queue_node &>(*link);
       EXPECT_EQ(link->next->prev, link);
-      text += (text.empty() ? "" : " ") +
-              std::string(node.type == kBarrier ? "b"
-                          : node.is_ret         ? "F"
-                                                : "f") +
-              std::to_string(node.msg_id);
+      nodes.push_back({node.type, node.msg_id, node.ds_type, node.is_ds != 0, node.is_ret != 0, node.is_set != 0, node.ret_val});
     }
+    return nodes;
+  }
+  // The ids of what is queued, in order.
+  static std::string ids() {
+    std::string text;
+    for (const Node &node : queued()) text += std::to_string(node.id) + " ";
     return text;
   }
 };
-
-using Answers = std::vector<std::string>;
 
 TEST_F(Queue, ABarrierWaitsForEverythingBeforeIt) {
   flow(1);
@@ -91,190 +97,75 @@ TEST_F(Queue, ABarrierWaitsForEverythingBeforeIt) {
   barrier(30);
   flow(4);
   barrier(31);
+  barrier(31);
   result(2, 0);
-  EXPECT_EQ(content(), "f1 b30 f4 b31") << "a finished flow leaves past an unfinished one";
+  EXPECT_EQ(ids(), "1 30 4 31 31 ") << "a finished flow leaves past an unfinished one";
   result(4, 2);
-  EXPECT_EQ(content(), "f1 b30 F4 b31") << "behind a waiting barrier nothing leaves";
+  EXPECT_EQ(ids(), "1 30 4 31 31 ") << "behind a waiting barrier nothing leaves";
   EXPECT_EQ(g_answers, Answers{});
-  result(1, 0);
-  EXPECT_EQ(content(), "");
-  EXPECT_EQ(g_answers, (Answers{"barrier 30", "flow 4 class 2", "barrier 31"}));
-}
-
-TEST_F(Queue, ABarrierAtTheHeadIsAnsweredByTheFirstTraversal) {
-  barrier(1);
-  barrier(1);
-  ssc_sdn_msg_queue_traverse_pop_msg_node();
-  EXPECT_EQ(g_answers, (Answers{"barrier 1", "barrier 1"}));
-  EXPECT_TRUE(ssc_sdn_msg_queue_empty());
-}
-
-TEST_F(Queue, SeveralReturnedBeforeOneTraversalLeaveInOrder) {
-  for (std::uint64_t index : {1, 2, 3}) flow(index);
-  ssc_sdn_msg_queue_update_msg_node(kFlow, 3, 14);
-  ssc_sdn_msg_queue_update_msg_node(kFlow, 1, 2);
-  ssc_sdn_msg_queue_traverse_pop_msg_node();
-  EXPECT_EQ(content(), "f2");
-  EXPECT_EQ(g_answers, (Answers{"flow 1 class 2", "flow 3 class 1"}));
-}
-
-TEST_F(Queue, OnlyTheFirstOfEqualNodesIsMeant) {
-  g_ssc_ds_stage.in_progress = 1;
-  flow(5);
-  flow(5);
-  barrier(5);
-  ssc_sdn_msg_queue_update_node_set_status(5);
-  EXPECT_EQ(ssc_sdn_msg_queue_check_ds_end_by_type(0), 0) << "the second is not set";
-  result(5, 2);
-  EXPECT_EQ(content(), "f5 b5");
-  EXPECT_EQ(ssc_sdn_msg_queue_update_msg_node(kBarrier, 5, 9), 0) << "another type with the same id is another node";
-  ssc_sdn_msg_queue_traverse_pop_msg_node();
-  EXPECT_EQ(content(), "f5 b5") << "a result does not let a barrier out";
-  EXPECT_EQ(ssc_sdn_msg_queue_update_msg_node(kFlow, 6, 0), -7);
-  ssc_sdn_msg_queue_destory_flow_msg_node(6);
-  EXPECT_EQ(content(), "f5 b5");
-  ssc_sdn_msg_queue_destory_flow_msg_node(5);
-  EXPECT_EQ(content(), "b5");
-  EXPECT_EQ(g_answers, Answers{"flow 5 class 2"});
-}
-
-TEST_F(Queue, DestroyAllAnswersBarriersAndReportsFailedFlows) {
-  flow(1);
-  flow(2);
-  barrier(3);
-  flow(4);
-  ssc_sdn_msg_queue_update_msg_node(kFlow, 2, 2);
-  ssc_sdn_msg_queue_destory_all_flow_msg_node();
-  EXPECT_TRUE(ssc_sdn_msg_queue_empty());
-  EXPECT_EQ(g_answers, (Answers{"flow 2 class 2", "barrier 3"}));
-}
-
-TEST_F(Queue, InitDropsWhatIsLeftWithoutAWord) {
-  flow(1);
-  barrier(2);
-  ssc_sdn_msg_queue_update_msg_node(kFlow, 1, 2);
-  ssc_sdn_msg_queue_init();
-  EXPECT_TRUE(ssc_sdn_msg_queue_empty());
-  EXPECT_EQ(g_answers, Answers{});
-  flow(1);
-  result(1, 2);
-  EXPECT_EQ(g_answers, Answers{"flow 1 class 2"}) << "and is as new";
+  result(1, 14);
+  EXPECT_EQ(ids(), "");
+  EXPECT_EQ(g_answers, (Answers{{1, 1}, {30, kBarrierReply}, {4, 2}, {31, kBarrierReply}, {31, kBarrierReply}}));
 }
 
 TEST_F(Queue, WithoutMemoryNothingChanges) {
   flow(1);
   for (std::uint32_t n : {1u, 2u}) {
-    ssc_sdn_malloc_fail_nth(n);
-    EXPECT_EQ(flow(2), -2);
-    ssc_sdn_malloc_fail_nth(n);
-    EXPECT_EQ(barrier(3), -2);
-    EXPECT_EQ(content(), "f1");
+    for (std::int32_t (*add)(std::uint64_t) : {flow_of_class_0, barrier}) {
+      ssc_sdn_malloc_fail_nth(n);
+      EXPECT_EQ(add(2), -2);
+      EXPECT_EQ(ids(), "1 ");
+    }
   }
-  ssc_sdn_malloc_fail_nth(3);
-  EXPECT_EQ(flow(2), 0) << "two blocks a node";
-  EXPECT_EQ(content(), "f1 f2");
 }
 
-TEST_F(Queue, AStageIsOverWhenItsFirstRunHasNoUnsetFlowOfTheClass) {
-  EXPECT_EQ(ssc_sdn_msg_queue_check_ds_end_by_type(0), 1) << "an empty queue";
-  flow(1, 0);  // before the synchronisation
+TEST_F(Queue, AStageIsOverWhenNoFlowOfItsClassIsUnset) {
+  EXPECT_EQ(ssc_sdn_msg_queue_check_ds_end_by_type(1), 1) << "an empty queue";
   g_ssc_ds_stage.in_progress = 1;
   flow(2, 2);
-  flow(3, 1);
   barrier(9);
-  g_ssc_ds_stage.end_received = 1;
-  EXPECT_EQ(ssc_sdn_msg_queue_check_ds_end_by_type(0), 1) << "nothing of the class";
-  EXPECT_EQ(ssc_sdn_msg_queue_check_ds_end_by_type(1), 0);
-  EXPECT_EQ(ssc_sdn_msg_queue_check_ds_end_by_type(2), 0) << "barriers are not looked at, flow 2 is";
+  flow(3, 1);
+  EXPECT_EQ(ssc_sdn_msg_queue_check_ds_end_by_type(2), 0);
   ssc_sdn_msg_queue_update_node_set_status(2);
   EXPECT_EQ(ssc_sdn_msg_queue_check_ds_end_by_type(2), 1);
   EXPECT_EQ(ssc_sdn_msg_queue_check_ds_end_by_type(1), 0);
-
-  flow(4, 1);  // after its end: closes the run
-  g_ssc_ds_stage.end_received = 0;
-  flow(5, 1);  // of the next synchronisation
-  ssc_sdn_msg_queue_update_node_set_status(3);
-  EXPECT_EQ(ssc_sdn_msg_queue_check_ds_end_by_type(1), 1) << "flow 5 stands behind the run's end";
-  ssc_sdn_msg_queue_destory_flow_msg_node(4);
-  EXPECT_EQ(ssc_sdn_msg_queue_check_ds_end_by_type(1), 0) << "without flow 4 the runs are one";
 }
 
 // ---- the rules, naively
 
-struct ModelNode {
-  std::uint32_t type;
-  std::uint64_t id;
-  std::uint32_t ds_type;
-  bool is_ds;
-  bool is_ret = false;
-  bool is_set = false;
-  std::uint32_t ret_val = 0;
-};
+struct Model {
+  using At = std::list<Node>::iterator;
+  std::list<Node> nodes;
+  Answers answers;
 
-class Model {
- public:
-  std::list<ModelNode> nodes;
-  std::vector<std::string> answers;
-
-  ModelNode *find(std::uint32_t type, std::uint64_t id) {
-    for (ModelNode &node : nodes)
-      if (node.type == type && node.id == id) return &node;
-    return nullptr;
+  At find(std::uint32_t type, std::uint64_t id) {
+    return std::ranges::find_if(nodes, [=](const Node &node) { return node.type == type && node.id == id; });
   }
-  void pop(std::list<ModelNode>::iterator at) {
-    if (at->type == kBarrier) answers.push_back("barrier " + std::to_string(at->id));
-    if (at->type == kFlow && at->ret_val != 0)
-      answers.push_back("flow " + std::to_string(at->id) + " class " + (at->ret_val == 14 ? "1" : "2"));
-    nodes.erase(at);
+  At pop(At at) {
+    if (at->type == kBarrier) answers.emplace_back(at->id, kBarrierReply);
+    if (at->type == kFlow && at->ret_val != 0) answers.emplace_back(at->id, at->ret_val == 14 ? 1 : 2);
+    return nodes.erase(at);
   }
   void traverse() {
     bool all_returned = true;
-    for (auto at = nodes.begin(); at != nodes.end();) {
-      const auto here = at++;
-      if (here->type == kBarrier) {
-        if (!all_returned) return;
-        pop(here);
-      } else if (here->is_ret) {
-        pop(here);
-      } else {
-        all_returned = false;
-      }
+    for (At at = nodes.begin(); at != nodes.end();) {
+      if (at->type == kBarrier && !all_returned) return;
+      const bool leaves = at->type == kBarrier || at->is_ret;
+      all_returned = all_returned && leaves;
+      at = leaves ? pop(at) : std::next(at);
     }
   }
   int check(std::uint32_t ds_type) const {
     bool seen = false;
-    for (const ModelNode &node : nodes) {
+    for (const Node &node : nodes) {
       if (node.type != kFlow) continue;
-      if (node.is_ds) {
-        seen = true;
-        if (node.ds_type == ds_type && !node.is_set) return 0;
-      } else if (seen) {
-        return 1;
-      }
+      if (!node.is_ds && seen) return 1;
+      if (node.is_ds && node.ds_type == ds_type && !node.is_set) return 0;
+      seen = seen || node.is_ds;
     }
     return 1;
   }
-  void destroy(std::uint64_t id) {
-    const auto at = std::ranges::find_if(nodes, [id](const ModelNode &n) { return n.type == kFlow && n.id == id; });
-    if (at != nodes.end()) pop(at);
-  }
 };
-
-void expect_same(const Model &model) {
-  auto *link = g_ssc_sdn_msg_queue.next;
-  for (const ModelNode &expected : model.nodes) {
-    ASSERT_NE(link, &g_ssc_sdn_msg_queue) << "a node is missing";
-    const auto &node = static_cast<const ssc_sdn_msg_queue_node &>(*link);
-    ASSERT_EQ(std::tie(node.type, node.msg_id, node.ds_type, node.ret_val),
-              std::tie(expected.type, expected.id, expected.ds_type, expected.ret_val));
-    ASSERT_EQ(node.is_ds != 0, expected.is_ds);
-    ASSERT_EQ(node.is_ret != 0, expected.is_ret);
-    ASSERT_EQ(node.is_set != 0, expected.is_set);
-    link = link->next;
-  }
-  ASSERT_EQ(link, &g_ssc_sdn_msg_queue) << "a node too many";
-  ASSERT_EQ(g_answers, model.answers);
-}
 
 // Equal ids, barriers with equal transaction ids, results without traversals and the removal of nodes from the middle are all
 // more frequent here than in life; VER lines are on half of the time, which makes traversals walk.
@@ -282,41 +173,36 @@ TEST_F(Queue, DoesWhatTheRulesSayOverRandomHistories) {
   for (unsigned seed = 1; seed <= 60; ++seed) {
     SetUp();
     std::mt19937 random(seed);
-    const auto below = [&random](unsigned n) { return static_cast<std::uint32_t>(random() % n); };
+    const auto below = [&random](std::size_t n) { return static_cast<std::uint32_t>(random() % n); };
     const unsigned ids = seed % 3 == 0 ? 300 : 12;
     ssc_sdn_debug_sw = seed % 2 == 0 ? std::uint32_t{SDN_DBG_VER_SERVICE} : 0;
     Model model;
     for (int step = 0; step < 2000; ++step) {
+      SCOPED_TRACE(testing::Message() << "seed " << seed << " step " << step);
       const std::uint64_t id = below(ids);
-      const unsigned what = below(100);
+      const std::uint32_t what = below(100), ds_type = below(5);
       const bool is_ds = g_ssc_ds_stage.in_progress != 0 && g_ssc_ds_stage.end_received == 0;
       if (what < 34) {
-        const std::uint32_t ds_type = below(5);
         ASSERT_EQ(flow(id, ds_type), 0);
         model.nodes.push_back({kFlow, id, ds_type, is_ds});
       } else if (what < 42) {
-        ASSERT_EQ(barrier(static_cast<std::uint32_t>(id)), 0);
+        ASSERT_EQ(barrier(id), 0);
         model.nodes.push_back({kBarrier, id, 2, is_ds});
-      } else if (what < 72) {
-        const std::uint32_t type = what == 71 ? kBarrier : kFlow, code = below(3) == 0 ? 14 : below(2);
-        ModelNode *node = model.find(type, id);
-        ASSERT_EQ(ssc_sdn_msg_queue_update_msg_node(type, id, code), node != nullptr ? 0 : -7);
-        if (node != nullptr) node->is_ret = true, node->ret_val = code;
-        if (what < 66) {
-          ssc_sdn_msg_queue_traverse_pop_msg_node();
-          model.traverse();
-        }
+      } else if (what < 66) {
+        const std::uint32_t type = what == 65 ? kBarrier : kFlow, code = below(3) == 0 ? 14 : below(2);
+        const auto at = model.find(type, id);
+        ASSERT_EQ(ssc_sdn_msg_queue_update_msg_node(type, id, code), at != model.nodes.end() ? 0 : -7);
+        if (at != model.nodes.end()) at->is_ret = true, at->ret_val = code;
       } else if (what < 78) {
         ssc_sdn_msg_queue_update_node_set_status(id);
-        if (ModelNode *node = model.find(kFlow, id)) node->is_set = true;
+        if (const auto at = model.find(kFlow, id); at != model.nodes.end()) at->is_set = true;
       } else if (what < 88) {
-        const std::uint32_t ds_type = below(5);
-        ASSERT_EQ(ssc_sdn_msg_queue_check_ds_end_by_type(ds_type), model.check(ds_type)) << "seed " << seed << " step " << step;
+        ASSERT_EQ(ssc_sdn_msg_queue_check_ds_end_by_type(ds_type), model.check(ds_type));
       } else if (what < 93) {
         ssc_sdn_msg_queue_destory_flow_msg_node(id);
-        model.destroy(id);
+        if (const auto at = model.find(kFlow, id); at != model.nodes.end()) model.pop(at);
       } else if (what < 96 && !model.nodes.empty()) {
-        const std::uint32_t position = below(static_cast<unsigned>(model.nodes.size()));
+        const std::uint32_t position = below(model.nodes.size());
         auto *link = g_ssc_sdn_msg_queue.next;
         for (std::uint32_t i = 0; i < position; ++i) link = link->next;
         ssc_sdn_msg_queue_pop_msg_node(static_cast<ssc_sdn_msg_queue_node *>(link));
@@ -327,14 +213,13 @@ TEST_F(Queue, DoesWhatTheRulesSayOverRandomHistories) {
       } else if (below(10) == 0) {
         ssc_sdn_msg_queue_destory_all_flow_msg_node();
         while (!model.nodes.empty()) model.pop(model.nodes.begin());
-      } else {
-        ssc_sdn_msg_queue_traverse_pop_msg_node();
-        model.traverse();
       }
-      if (step % 16 != 0) continue;
-      ASSERT_NO_FATAL_FAILURE(expect_same(model)) << "seed " << seed << " step " << step;
+      if (what < 42 || (what >= 62 && what < 99)) continue;  // as in life, most results are followed by a traversal
+      ssc_sdn_msg_queue_traverse_pop_msg_node();
+      model.traverse();
+      ASSERT_TRUE(std::ranges::equal(queued(), model.nodes));
+      ASSERT_EQ(g_answers, model.answers);
     }
-    ASSERT_NO_FATAL_FAILURE(expect_same(model)) << "seed " << seed;
     TearDown();
   }
 }
