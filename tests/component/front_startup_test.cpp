@@ -10,7 +10,6 @@
 #include "host/of_ss/testing.h"
 #include "ssc_kelim/main.h"
 #include "ssc_kelim/sdn/ssc_kelim_init.h"
-#include "support/runtime_fixture.h"
 
 int ssc_kelim_main();  // the daemon's main, renamed
 

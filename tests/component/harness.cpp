@@ -1,16 +1,10 @@
 #include "component/harness.h"
 
-#include <gtest/gtest.h>
-#include <stdlib.h>
-
 #include <cstring>
-#include <filesystem>
 #include <future>
 
-#include "host/fault/fault.h"
 #include "host/log/log.h"
 #include "host/of_ss/testing.h"
-#include "host/runtime/clock.h"
 #include "host/runtime/loop.h"
 #include "kelim/common/kelim_debug.h"
 #include "libss_pthrd.h"
@@ -30,7 +24,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kLimit = 30s;
 constexpr std::int32_t kUdpDb = 8;
 
 Record copy_of(const qx_obj &object) {
@@ -48,7 +41,7 @@ Record copy_of(const qx_obj &object) {
 // What `watch` and the settling marker receive. One daemon lives at a time in a process.
 std::mutex g_watch_mutex;
 std::vector<Change> g_changes;
-std::atomic<std::uint32_t> g_marker_seen{0};
+std::atomic<unsigned> g_markers{0};
 
 int on_change(void *, const qx_obj *msg) {
   if (msg->cmd == QX_MOM_CMD_DATA_FETCH) return 0;
@@ -58,30 +51,16 @@ int on_change(void *, const qx_obj *msg) {
 }
 
 int on_marker(void *, const qx_obj *msg) {
-  if (msg->value != nullptr) g_marker_seen = static_cast<SPolicyKelim__PortPhyid *>(msg->value)->phyid;
+  if (msg->value != nullptr) ++g_markers;
   return 0;
 }
 
-// The daemon's modules as a new process finds them. Switches go first: they also hold which thread is the main SDN thread.
-void reset_daemon() {
-  kelim_debug_reset_for_tests();
-  ssc_sdn_msg_queue_reset_for_tests();
-  ssc_kelim_flow_db_reset_for_tests();
-  ssc_kelim_msg_to_ssd_reset_for_tests();
-  ssc_kelim_adapt_reset_for_tests();
-  libproxy_fp_sdn_reset_for_tests();
-  ssc_kelim_init_reset_for_tests();
-  kelim_debug_reset_for_tests();
-}
-
-constexpr std::uint32_t kMarkerRounds = 4;  // flow -> flow_sta -> flow_to_ace_sta, and one to spare
+constexpr int kMarkerRounds = 4;  // flow -> flow_sta -> flow_to_ace_sta, and one to spare
 
 }  // namespace
 
 Daemon::Daemon() {
-  run_dir_ = (std::filesystem::temp_directory_path() / "kelim-component-XXXXXX").string();
-  if (mkdtemp(run_dir_.data()) == nullptr) throw std::runtime_error("no temporary directory");
-  setenv("KELIM_RUN_DIR", run_dir_.c_str(), 1);
+  setenv("KELIM_RUN_DIR", run_dir_.path().c_str(), 1);
   setenv("KELIM_PORTS", "1:p1:101:1,2:p2:102:1,3:p3:103:1,45:tunnel:145:45,46:router:146:46", 1);
   setenv("KELIM_PROGRAMMER_EMBEDDED", "false", 1);
 
@@ -110,7 +89,15 @@ Daemon::~Daemon() {
   host::stop_loop();
   main_.join();
   EXPECT_EQ(status_, 0);
-  reset_daemon();
+  // The daemon's modules as a new process finds them. Switches go first: they also hold which thread is the main SDN thread.
+  kelim_debug_reset_for_tests();
+  ssc_sdn_msg_queue_reset_for_tests();
+  ssc_kelim_flow_db_reset_for_tests();
+  ssc_kelim_msg_to_ssd_reset_for_tests();
+  ssc_kelim_adapt_reset_for_tests();
+  libproxy_fp_sdn_reset_for_tests();
+  ssc_kelim_init_reset_for_tests();
+  kelim_debug_reset_for_tests();
   host::fault::clear();
   host::of_ss::of_ss_reset_for_tests();
   host::log::set_tap(nullptr);
@@ -121,8 +108,6 @@ Daemon::~Daemon() {
     EXPECT_TRUE(announced) << "unannounced ERROR line: " << line;
   }
   for (const auto &[text, seen] : expected_) EXPECT_TRUE(seen) << "this ERROR line did not come: " << text;
-  std::error_code ignored;
-  std::filesystem::remove_all(run_dir_, ignored);
 }
 
 void Daemon::on_loop(const std::function<void()> &work) const {
@@ -131,11 +116,11 @@ void Daemon::on_loop(const std::function<void()> &work) const {
     work();
     done.set_value();
   });
-  if (done.get_future().wait_for(kLimit) != std::future_status::ready) throw std::runtime_error("the loop does not answer");
+  if (done.get_future().wait_for(kPatience) != std::future_status::ready) throw std::runtime_error("the loop does not answer");
 }
 
 bool Daemon::until(const std::function<bool()> &condition) const {
-  const auto end = std::chrono::steady_clock::now() + kLimit;
+  const auto end = std::chrono::steady_clock::now() + kPatience;
   do {
     auto answer = std::make_shared<std::promise<bool>>();
     host::post([answer, &condition] { answer->set_value(condition()); });
@@ -152,14 +137,13 @@ bool Daemon::until(const std::function<bool()> &condition) const {
 // Every notification is delivered in the order of the writes, so a marker that has come back tells that everything written before
 // it was delivered; what was written in answer to that takes another round.
 void Daemon::settle() const {
-  for (std::uint32_t round = 1; round <= kMarkerRounds; ++round) {
-    on_loop([round] {
-      SPolicyKelim__PortPhyid marker = S_POLICY_KELIM__PORT_PHYID__INIT;
-      marker.phyid = round;
-      g_marker_seen = 0;
+  for (int round = 0; round < kMarkerRounds; ++round) {
+    const unsigned before = g_markers;
+    on_loop([] {
+      const SPolicyKelim__PortPhyid marker = S_POLICY_KELIM__PORT_PHYID__INIT;
       qx_mom_publish(g_ssc_kelim_global, kUdpDb, &marker.base, 0, 0);
     });
-    ASSERT_TRUE(until([round] { return g_marker_seen == round; })) << "the store does not deliver";
+    ASSERT_TRUE(until([before] { return g_markers != before; })) << "the store does not deliver";
   }
 }
 

@@ -8,8 +8,6 @@
 #include <protobuf-c/protobuf-c.h>
 
 #include <chrono>
-#include <cstddef>
-#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -20,9 +18,9 @@
 #include <vector>
 
 #include "host/of_ss/callbacks.h"
-#include "of_ss.h"
 #include "qx_mom.h"
 #include "southbound.h"
+#include "support/runtime_fixture.h"
 
 namespace harness {
 
@@ -60,7 +58,7 @@ class Daemon {
   void warp(std::chrono::milliseconds by);
   // Runs `work` on the main SDN thread and waits for it.
   void on_loop(const std::function<void()> &work) const;
-  // Whether `condition`, asked on the main SDN thread, becomes true within half a minute.
+  // Whether `condition`, asked on the main SDN thread, becomes true in time.
   bool until(const std::function<bool()> &condition) const;
 
   // Replies sent so far, in order: all, or those of one type.
@@ -86,7 +84,7 @@ class Daemon {
   void settle() const;
   int change(decltype(&qx_mom_set) call, std::int32_t db, const ProtobufCMessage *record) const;
 
-  std::string run_dir_;
+  TempDir run_dir_;
   host::of_ss::Callbacks callbacks_;
   mutable std::mutex mutex_;
   std::vector<Bytes> replies_;
