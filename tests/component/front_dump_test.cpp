@@ -190,21 +190,18 @@ TEST(FlowDump, ShowsWhatIsMissing) {
     EXPECT_EQ(libproxy_fp_sdn_dump_flow(message), 0);
     return testing::internal::GetCapturedStdout();
   };
-  const std::string head = "\n********flow info*********\ntotal_len: ";
   EXPECT_EQ(dump_of(flow_mod({.index = 1, .match = {}, .actions = {}, .instructions = false}).data()),
-            head +
-                "48, index: 1, priority: 0, command: 0, meter_id: 0.\n"
-                "**key start**\ntype: 0x1, length: 0.\n**key end**\n\nhas no action.\n");
+            "\n********flow info*********\ntotal_len: 48, index: 1, priority: 0, command: 0, meter_id: 0.\n"
+            "**key start**\ntype: 0x1, length: 0.\n**key end**\n\nhas no action.\n");
   // A field that the dump does not know ends the match, an action that is cut off ends the actions.
   Bytes cut =
       flow_mod({.index = 1, .match = field(0x80001201, hex("01")) + field(0x80000004, le(1u)), .actions = output(1) + output(2)});
   put16(cut, 4, cut.size() - 8);
   EXPECT_EQ(dump_of(cut.data()),
-            head +
-                "96, index: 1, priority: 0, command: 0, meter_id: 0.\n"
-                "**key start**\ntype: 0x1, length: 16.\n\n oxm_value: 0x80001201,tlv_len: -1, **key end**\n\n"
-                "**action start**\ntotal_actions_len: 32\n\n oxm_value: 0x1,type: 0(OF_SSAT_OUTPUT), len: 16, port: 1\n"
-                "**action end, aciton_num: 1**\n");
+            "\n********flow info*********\ntotal_len: 96, index: 1, priority: 0, command: 0, meter_id: 0.\n"
+            "**key start**\ntype: 0x1, length: 16.\n\n oxm_value: 0x80001201,tlv_len: -1, **key end**\n\n"
+            "**action start**\ntotal_actions_len: 32\n\n oxm_value: 0x1,type: 0(OF_SSAT_OUTPUT), len: 16, port: 1\n"
+            "**action end, aciton_num: 1**\n");
   EXPECT_EQ(dump_of(nullptr), "Error: invalid para -- flow is NULL.\n");
 }
 
@@ -243,17 +240,14 @@ constexpr const char *kFullEntry =
 
 // Every field and action that the cache holds.
 Bytes full_flow() {
-  return flow_mod(
-      {.index = 77,
-       .match =
-           all_of(field,
-                  "80000004=01000000 ffff0204=05000000 8000070c=02000000ab01ffffff000000 80000806=02000000ab01 80000a02=0008 "
-                  "80000d04=6400ff0f 80000e01=05 80001001=2e 80001401=06 80001708=0000000a00ffffff 80001804=0200000a "
-                  "80001a02=e903 80001c02=ea03 80001e02=eb03 80002601=08 80002801=03 "
-                  "80003410=20010db8000000000000000000000001 80004f04=0100ff01 "
-                  "80003720=20010db8000000000000000000000002ffffffffffffffff0000000000000000"),
-       .actions = output(2) + set_queue(3) +
-                  all_of(set_field, "80000606=02000000ab01 80000806=02000000ab01 80000c02=c800 80000e01=06 80001001=0a")});
+  const Bytes match = all_of(field,
+                             "80000004=01000000 ffff0204=05000000 8000070c=02000000ab01ffffff000000 80000806=02000000ab01 "
+                             "80000a02=0008 80000d04=6400ff0f 80000e01=05 80001001=2e 80001401=06 80001708=0000000a00ffffff "
+                             "80001804=0200000a 80001a02=e903 80001c02=ea03 80001e02=eb03 80002601=08 80002801=03 "
+                             "80003410=20010db8000000000000000000000001 80004f04=0100ff01 "
+                             "80003720=20010db8000000000000000000000002ffffffffffffffff0000000000000000");
+  const Bytes changes = all_of(set_field, "80000606=02000000ab01 80000806=02000000ab01 80000c02=c800 80000e01=06 80001001=0a");
+  return flow_mod({.index = 77, .match = match, .actions = output(2) + set_queue(3) + changes});
 }
 
 TEST_F(FrontDump, CommandsShowTheFlowsTheQueueAndTheSynchronisationAndMoveThePacketPath) {

@@ -45,8 +45,6 @@ class Daemon {
  public:
   Daemon();
   ~Daemon();
-  Daemon(const Daemon &) = delete;
-  Daemon &operator=(const Daemon &) = delete;
 
   // The daemon's sixteen callbacks, to be called from the test's thread.
   const host::of_ss::Callbacks &pi() const { return callbacks_; }

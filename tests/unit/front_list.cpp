@@ -12,7 +12,6 @@
 
 namespace {
 
-using namespace std::chrono_literals;
 using Values = std::vector<std::uint32_t>;
 
 Values g_ran;  // values of the nodes that ran, in order
@@ -105,7 +104,6 @@ TEST_F(HandlerList, ADeadMasterTakesNothingAndIsFreedByTheNextDrain) {
   EXPECT_EQ(libss_pthrd_drain(g_mst, 0), LIBSS_PTHRD_FREED);
   EXPECT_EQ(g_ran, Values{});
   g_mst = nullptr;
-  EXPECT_EQ(libss_pthrd_add_hdl(g_mst, note, nullptr, 2, 0), nullptr);
   EXPECT_EQ(libss_pthrd_drain(g_mst, 0), LIBSS_PTHRD_NO_MASTER);
   EXPECT_EQ(libss_pthrd_block_ot(g_mst, 0, 0), LIBSS_PTHRD_NO_MASTER);
 }
@@ -114,7 +112,7 @@ TEST_F(HandlerList, TheBlockingDrainWaitsForItsTimeOutOrAFinalNodeWhileOthersApp
   add(note, 1);
   const auto begin = std::chrono::steady_clock::now();
   EXPECT_EQ(libss_pthrd_block_ot(g_mst, 5, 40), LIBSS_PTHRD_EMPTY);
-  EXPECT_GE(std::chrono::steady_clock::now() - begin, 40ms);
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(40));
   EXPECT_EQ(std::exchange(g_ran, {}), Values{1});
 
   constexpr std::uint32_t kEach = 20000;
