@@ -1,6 +1,8 @@
 """Start, second instance, end, restart."""
 
+import os
 import signal
+import subprocess
 import unittest
 
 import daemon
@@ -11,9 +13,11 @@ class Lifecycle(e2e.Test):
     def test_a_second_instance_ends_at_once_and_the_first_goes_on(self):
         running = self.daemon()
         second = running.spawn()
-        output, _ = second.communicate(timeout=10)
+        output, _ = second.communicate(timeout=e2e.LIMIT)
         self.assertNotEqual(second.returncode, 0)
-        self.assertIn("ssc_kelim", output)
+        pid_file = running.run_dir / "ssc_kelim.pid"
+        self.assertIn(f"{pid_file} is held by a running instance with pid {running.process.pid}\n", output)
+        self.assertEqual(pid_file.read_text(), str(running.process.pid))
         self.assertEqual(self.client(running).barrier(), [])
 
     def test_termination_is_clean_with_flows_in_flight(self):
@@ -24,18 +28,7 @@ class Lifecycle(e2e.Test):
                 for number in range(1, 51):
                     client.add(number)
                 self.assertEqual(running.stop(how), 0, running.output()[-3000:])
-
-    def test_restart_in_the_same_run_directory(self):
-        running = self.daemon()
-        self.client(running).add(1)
-        running.process.kill()
-        running.process.wait()
-        with daemon.Daemon(e2e.BIN, run_dir=running.run_dir, port=running.port) as again:
-            client = self.client(again)
-            client.add(2)
-            self.assertEqual(client.barrier(), [])
-            self.assertEqual(len(self.stored(again, "flow")), 1)
-            self.assertEqual(again.stop(), 0)
+                self.assertEqual(os.listdir(running.run_dir), ["output"])
 
     def test_a_bad_setting_stops_the_start_with_its_name(self):
         settings = {"openflow_listen": "6653", "programmer_script": "explode=1", "programmer_sise": "5"}
@@ -44,9 +37,18 @@ class Lifecycle(e2e.Test):
                 running = daemon.Daemon(e2e.BIN, **{key: value})
                 self.addCleanup(running.__exit__)
                 process = running.spawn()
-                output, _ = process.communicate(timeout=10)
+                output, _ = process.communicate(timeout=e2e.LIMIT)
                 self.assertNotEqual(process.returncode, 0)
                 self.assertIn(f"KELIM_{key.upper()}", output)
+
+    def test_the_programming_service_needs_a_database_that_the_daemon_shares(self):
+        environment = daemon.Daemon(e2e.BIN)
+        self.addCleanup(environment.__exit__)
+        alone = subprocess.run(
+            [f"{e2e.BIN}/kelim-programmer"], env=environment.environment, capture_output=True, text=True, timeout=e2e.LIMIT
+        )
+        self.assertEqual(alone.returncode, 1)
+        self.assertIn("mom.url (KELIM_MOM_URL) is embedded:", alone.stderr)
 
 
 if __name__ == "__main__":
