@@ -35,23 +35,16 @@ def records(socket, kind, database=8):
     return {name.removeprefix(prefix): value[8:] for name, value in zip(names, values) if value}
 
 
-def error_of(message):
-    """(type, code, transaction, first 64 bytes of the request) of an error."""
-    assert message.type == openflow.ERROR, message
-    kind, code, data = openflow.error_of(message)
-    return kind, code, message.xid, data[:64]
-
-
 class Test(unittest.TestCase):
     def daemon(self, **settings):
         """A daemon of this test's own, ended with the test. Its end must be clean: sanitizers report leaks by the exit status."""
-        return self._run(daemon.Daemon(BIN, **settings))
+        return self.run_until_the_end(daemon.Daemon(BIN, **settings))
 
     def system(self, **settings):
         """The same as three processes: Redis, the programming service and the daemon."""
-        return self._run(daemon.System(BIN, **settings))
+        return self.run_until_the_end(daemon.System(BIN, **settings))
 
-    def _run(self, running):
+    def run_until_the_end(self, running):
         running.__enter__()
         self.addCleanup(running.__exit__)
         self.addCleanup(self._end_cleanly, running)

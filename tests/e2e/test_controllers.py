@@ -2,6 +2,7 @@
 
 import os
 import re
+import signal
 import socket
 import struct
 import unittest
@@ -12,8 +13,8 @@ import openflow
 
 
 class Controllers(e2e.Test):
-    def configure(self, running, *ports):
-        """Changes the file that names the controllers, and has it read; what the daemon says."""
+    def listen(self, running, *ports):
+        """Changes the file that names the ports for controllers, and has it read; what the daemon says."""
         (running.run_dir / "host.toml").write_text(f"[openflow]\nlisten = {[f'ptcp:127.0.0.1:{port}' for port in ports]}\n")
         return running.kelimctl("cmd", "of_ss", "reload")
 
@@ -24,10 +25,10 @@ class Controllers(e2e.Test):
 
     def test_endpoints_come_and_go_while_it_runs_and_with_the_last_all_that_was_asked_for(self):
         running = daemon.Daemon(e2e.BIN)
-        running.environment["KELIM_CONF"] = str(running.run_dir / "host.toml")
+        running.environment["KELIM_CONF"] = f"{running.run_dir}/host.toml"
         del running.environment["KELIM_OPENFLOW_LISTEN"]
-        self.configure(running, running.port)
-        client = self.client(self._run(running))
+        self.listen(running, running.port)
+        client = self.client(self.run_until_the_end(running))
         client.send(openflow.METER_MOD, openflow.meter_mod(5, rate=1000))
         for number in range(50):
             client.add(number)
@@ -36,23 +37,23 @@ class Controllers(e2e.Test):
 
         reserved = daemon.Port()
         self.addCleanup(reserved.close)
-        self.assertIn(str(reserved.number), self.configure(running, running.port, reserved.number).stdout)
+        self.assertIn(str(reserved.number), self.listen(running, running.port, reserved.number).stdout)
         with openflow.Client(reserved.number) as second:
             self.assertEqual(second.handshake().barrier(), [])
-            refused = self.configure(running, "nowhere")
+            refused = self.listen(running, "nowhere")
             self.assertEqual(refused.returncode, 1)
             self.assertIn("openflow.listen", refused.stdout)
             self.assertEqual(client.barrier(), [], "the first connection goes on")
-            self.configure(running, reserved.number)
+            self.listen(running, reserved.number)
             with self.assertRaises((EOFError, ConnectionResetError)):
                 client.barrier()
             self.assertEqual(second.barrier(), [])
             self.assertEqual(left(), (50, 1))
-            self.configure(running)
+            self.listen(running)
             self.await_that(lambda: left() == (0, 0), "an empty database")
         self.assertEqual(running.ask_json("flows")["flows"] + running.ask_json("controllers")["endpoints"], [])
         self.assertEqual(self.counted(running, "DEL_ALL")[0], 1)
-        self.configure(running, running.port)
+        self.listen(running, running.port)
         self.assertEqual(self.client(running).barrier(), [])
 
     def test_the_packet_path_follows_the_roles_or_the_operator(self):
@@ -93,6 +94,10 @@ class Controllers(e2e.Test):
         os.rename(away, running.socket)
         self.await_addresses(running, "127.0.0.1", "127.0.0.3")
         self.await_that(lambda: self.stored(running, "meter") == ["s_policy_kelim.meter:5:0"], "the end of meter 6")
+
+        running.signal("ssc_kelim", signal.SIGKILL)
+        self.await_that(lambda: len(running.pids("ssc_kelim")) == 2 and running.ready(), "another daemon")
+        self.assertEqual([meter["meter"] for meter in running.ask_json("meters")["meters"]], [5])
 
 
 if __name__ == "__main__":

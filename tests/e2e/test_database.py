@@ -57,7 +57,8 @@ class Database(e2e.Test):
         while not seen or (seen[-1]["key"], seen[-1]["change"]) != (f"s_policy_kelim.flow:{key}", "deleted"):
             seen.append(json.loads(everything.stdout.readline()))
         written = next(change for change in seen if change["key"] == seen[-1]["key"])
-        self.assertEqual((written["db"], written["change"], written["record"]["flow_field"]["dst_ipv4"]), (8, "written", "10.0.0.1"))
+        self.assertEqual((written["db"], written["change"]), (8, "written"))
+        self.assertEqual(written["record"]["flow_field"]["dst_ipv4"], "10.0.0.1")
         self.assertIn("STATUS_INSTALLED", [change["record"].get("status") for change in seen])
         self.assertRegex(text.stdout.readline(), rf"^\d\d:\d\d:\d\d\.\d\d\d written   s_policy_kelim.flow:{key} \(database 8\)$")
         self.assertEqual(text.stdout.readline(), "  index:\n")
@@ -91,12 +92,9 @@ class DatabaseInRedis(Database):
         self.assertEqual(self.running.ask_json("--process", "nobody", "mom", "get", "flow", key), own)
         self.assertIsNone(self.running.ask_json("--process", "nobody", "mom", "stats")["client"])
         nobody = self.running.kelimctl("mom", "--url", "redis+unix:/nowhere", "ls", "flow")
-        self.assertEqual((nobody.returncode, nobody.stderr), (3, "kelimctl: mom.url redis+unix:/nowhere: No such file or directory\n"))
-        self.running.signal("redis-server", signal.SIGSTOP)
-        frozen = self.running.kelimctl("mom", "--url", "embedded:", "get", "flow", key)
-        self.running.signal("redis-server", signal.SIGCONT)
-        self.assertEqual(frozen.returncode, 1, "that is no wrong usage")
-        self.assertIn("does not answer", frozen.stderr)
+        self.assertEqual(nobody.returncode, 3)
+        self.assertEqual(nobody.stderr, "kelimctl: mom.url redis+unix:/nowhere: No such file or directory\n")
+        self.assertEqual(self.running.kelimctl("mom", "ls", "flaw").returncode, 2)
 
 
 if __name__ == "__main__":

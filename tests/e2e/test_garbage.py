@@ -7,33 +7,26 @@ import unittest
 import e2e
 import openflow
 
-HELLO = openflow.HEADER.pack(4, openflow.HELLO, 8, 1)
+
+def header(kind, length):
+    return openflow.HEADER.pack(4, kind, length, 2)
 
 
-def random_bytes(chance):
-    return (chance.randbytes(chance.randrange(1, 4000)) for _ in range(200))
-
-
-def random_bodies_under_good_headers(chance):
-    for kind in range(31):
-        bodies = (chance.randbytes(chance.randrange(0, 300)) for _ in range(20))
-        yield HELLO + b"".join(openflow.HEADER.pack(4, kind, 8 + len(body), 2) + body for body in bodies)
-
-
-def every_truncation_of_a_flow_mod(_):
+def garbage(chance):
+    """What strangers send, each on a connection of its own, by kind."""
+    hello = header(openflow.HELLO, 8)
+    yield "random bytes", [chance.randbytes(chance.randrange(1, 4000)) for _ in range(200)]
+    bodies = [(kind, chance.randbytes(chance.randrange(300))) for kind in range(31) for _ in range(20)]
+    yield "random bodies", [hello + header(kind, 8 + len(body)) + body for kind, body in bodies]
     match, instructions = openflow.tcp_flow(9)
-    body = openflow.flow_mod(openflow.ADD, match, instructions)
-    for length in set(range(len(body))) - {len(body) - len(instructions)}:  # whole without instructions, which drops
-        too_short = openflow.HEADER.pack(4, openflow.FLOW_MOD, 8 + length, 6) + body[:length]
-        yield HELLO + too_short + openflow.HEADER.pack(4, openflow.FLOW_MOD, 8 + len(body), 5) + body[:length]
-
-
-def lengths_below_the_header(_):
-    return (HELLO + openflow.HEADER.pack(4, openflow.ECHO_REQUEST, length, 9) for length in (0, 4, 7))
-
-
-def nothing(_):
-    return (b"" for _ in range(5000))
+    flow = openflow.flow_mod(openflow.ADD, match, instructions)
+    cuts = [flow[:length] for length in range(len(flow)) if length != len(flow) - len(instructions)]  # that one drops packets
+    yield "truncations", [
+        hello + header(openflow.FLOW_MOD, 8 + len(cut)) + cut + header(openflow.FLOW_MOD, 8 + len(flow)) + cut for cut in cuts
+    ]
+    yield "lengths below the header", [hello + header(openflow.ECHO_REQUEST, length) for length in (0, 4, 7)]
+    yield "connections", [b""] * 5000
+    yield "as many again", [b""] * 5000
 
 
 class Garbage(e2e.Test):
@@ -52,13 +45,11 @@ class Garbage(e2e.Test):
         running = self.daemon()
         good = self.client(running)
         resident = []
-        # As many connections at once as there will be, too.
-        for kind in (random_bytes, random_bodies_under_good_headers, every_truncation_of_a_flow_mod, lengths_below_the_header,
-                     nothing, nothing):
-            with self.subTest(kind=kind.__name__):
-                for data in kind(random.Random(1)):
+        for kind, sent in garbage(random.Random(1)):
+            with self.subTest(kind=kind):
+                for data in sent:
                     self.send_and_drop(running, data)
-                if kind is random_bodies_under_good_headers:
+                if kind == "random bodies":
                     good.delete_all()
                 good.add(1)
                 self.assertEqual(good.barrier(), [])

@@ -1,14 +1,11 @@
 """The operator's command line against a running daemon, and without one."""
 
-import json
 import socket
 import unittest
 
 import daemon
 import e2e
 import openflow
-
-VIEWS = ("flows", "meters", "controllers", "refusals", "audit", "timings", "congestion")
 
 
 class Kelimctl(e2e.Test):
@@ -22,9 +19,7 @@ class Kelimctl(e2e.Test):
         for line in (shown.strip(), "[SDN][BARRIER]"):
             self.await_that(lambda: line in running.output(), f"{line} on the daemon's standard output while it runs")
         wrong = (
-            ("nonsense", "nonsense"), ("", "Usage"),
-            ("cmd ssc_kelin kelim_set_dbg", "ssc_kelim_proxy"), ("cmd ssc_kelim dump", "dump_ssc_ds_status"),
-            ("cmd ssc_kelim kelim_set_dbg", "dbg_val"), ("cmd ssc_kelim kelim_set_dbg dbg_val=ver", "hexadecimal"),
+            ("", "Usage"), ("nonsense", "nonsense"), ("cmd ssc_kelin kelim_set_dbg", "ssc_kelim_proxy"),
             ("cmd ssc_kelim kelim_set_dbg 1", "ARG=VALUE"), ("cmd ssc_kelim kelim_set_dbg dbg_val=1 dbg_val=2", "twice"),
             ("mom ls flaw", "s_policy_kelim.flow_sta"), ("mom get flow 1", "no key"), ("mom --url radish: ls", "radish:"),
         )
@@ -53,6 +48,7 @@ class Kelimctl(e2e.Test):
             result = nobody.kelimctl(*arguments)
             self.assertEqual(result.returncode, 3)
             self.assertIn("make run", result.stderr)
+        self.assertIn("KELIM_OPENFLOW_LISTEN", nobody.ask("config"))
 
     def test_views_join_what_all_sides_know(self):
         running = self.daemon(programmer_counter_interval_ms=50, programmer_counter_rate=200, programmer_script="fail=@2")
@@ -61,15 +57,13 @@ class Kelimctl(e2e.Test):
         client.add(2)
         client.send(openflow.FLOW_MOD, openflow.flow_mod(openflow.ADD, openflow.match(openflow.oxm(11, bytes(4)))))
         self.assertEqual(len(client.barrier()), 2)
-        flow = self.await_that(lambda: next((f for f in running.ask_json("flows")["flows"] if f["packets"] > 0), None), "counters")
+        (flow,) = self.await_that(lambda: [f for f in running.ask_json("flows")["flows"] if f["packets"] > 0], "counters")
         self.assertEqual(len(running.ask_json("flows")["flows"]), 1)
         self.assertEqual((flow["priority"], flow["stored"], flow["answer"], flow["state"]), (7, True, "INSTALLED", "installed"))
         self.assertEqual(flow["bytes"], 100 * flow["packets"])
         self.assertIn("ipv4_dst=10.0.0.1", flow["match"])
         self.assertEqual(len(running.ask_json("refusals")["refusals"]), 1)
         self.assertEqual(len(running.ask_json("controllers")["controllers"]), 1)
-        timed = {row["name"]: row["count"] for row in running.ask_json("timings")}
-        self.assertGreaterEqual(timed["SDN_ADD_FLOW"], 2)
 
     def test_a_cut_list_is_joined_with_what_belongs_to_it_and_fits_a_hundred_columns(self):
         running = self.daemon()
@@ -82,7 +76,8 @@ class Kelimctl(e2e.Test):
             client.delete(number, priority=60000)
         client.barrier()
         fields = [openflow.oxm(5, b"\x86\xdd"), openflow.oxm(10, b"\x06")]
-        fields += [openflow.oxm(field, bytes(range(n, n + 15)) + b"\xf0", b"\xff" * 15 + b"\xf0") for field, n in ((26, 0), (27, 64))]
+        mask = b"\xff" * 15 + b"\xf0"
+        fields += [openflow.oxm(field, bytes(range(n, n + 15)) + b"\xf0", mask) for field, n in ((26, 0), (27, 64))]
         client.send(openflow.FLOW_MOD, openflow.flow_mod(openflow.ADD, openflow.match(*fields)))
         for number in range(201, 250):
             client.add(number)
@@ -93,18 +88,20 @@ class Kelimctl(e2e.Test):
         for limit, shown in ((120, 120), (150, 150), (1000, 150)):
             with self.subTest(limit=limit):
                 rows = running.ask_json("flows", "--limit", limit)["flows"]
-                self.assertEqual({(row["state"], row["stored"], row["answer"]) for row in rows}, {("installed", True, "INSTALLED")})
+                states = {(row["state"], row["stored"], row["answer"]) for row in rows}
+                self.assertEqual(states, {("installed", True, "INSTALLED")})
                 self.assertEqual(len({row["index"] for row in rows}), shown)
                 text = running.ask("flows", "--limit", limit)
                 self.assertEqual("120 of 150 shown" in text, limit == 120)
                 self.assertEqual("the lists are cut" in text, limit == 120)
         answers = lambda: [meter["answer"] for meter in running.ask_json("meters", "--limit", 2)["meters"]]
         self.await_that(lambda: answers() == ["INSTALLED"] * 5, "every meter's answer")
-        for view in (*VIEWS, "mom stats", "mom ls", "mom ls flow", "mom get flow 201:0"):
+        views = ("flows", "meters", "controllers", "refusals", "audit", "timings", "congestion")
+        for view in (*views, "mom stats", "mom ls", "mom ls flow", "mom get flow 201:0"):
             with self.subTest(view=view):
                 lines = running.ask(*view.split()).splitlines()
                 self.assertLessEqual(max(map(len, lines)), 100, "\n".join(lines))
-                json.loads(running.ask(*view.split(), "--json"))
+                running.ask_json(*view.split())
 
 
 if __name__ == "__main__":

@@ -1,6 +1,5 @@
-"""Redis, the daemon and the programming service as three processes: killed, restarted, and still of one mind."""
+"""Redis, the daemon and the programming service as three processes: killed, frozen, restarted, and still of one mind."""
 
-import os
 import re
 import signal
 import subprocess
@@ -16,13 +15,9 @@ CLIENTS = 20  # ovs-ofctl waits for a barrier behind every flow, so it takes sev
 REFUSED = "fail=@40-49,@640-649,@1240-1249,@1840-1849"  # by flow index, so that the answer is the same after a restart
 
 
-def address(number):
-    return f"10.0.{number >> 8}.{number & 0xFF}"
-
-
-def destination(flow):
-    """The IPv4 destination of a stored flow: in its flow_data an OXM header and the address, both little-endian."""
-    return ".".join(str(byte) for byte in reversed(re.search(rb"\x04\x18\x00\x80(.{4})", flow, re.DOTALL)[1]))
+def number_of(flow):
+    """The number of a stored flow, by its IPv4 destination: in flow_data an OXM header and 10.0.x.y, both little-endian."""
+    return int.from_bytes(re.search(rb"\x04\x18\x00\x80(..)\x00\x0a", flow, re.DOTALL)[1], "little")
 
 
 def is_installed(flow, answer):
@@ -49,7 +44,7 @@ class Clients:
 
     def _add(self, numbers):
         while numbers:
-            flows = "".join(f"cookie={n},tcp,nw_dst={address(n)},tp_dst=80,actions=output:2\n" for n in numbers)
+            flows = "".join(f"cookie={n},tcp,nw_dst=10.0.{n >> 8}.{n & 255},tp_dst=80,actions=output:2\n" for n in numbers)
             result = e2e.ofctl(self.port, "add-flows", "-", stdin=flows)
             if result.returncode == 0:
                 self.accepted.update(numbers)
@@ -102,7 +97,7 @@ class BarrierClient(threading.Thread):
             flows, answers = (e2e.records(self.system.socket, kind) for kind in ("flow", "flow_sta"))
         except subprocess.CalledProcessError:
             return True
-        ours = [key for key, flow in flows.items() if destination(flow) == address(self.NUMBER)]
+        ours = [key for key, flow in flows.items() if number_of(flow) == self.NUMBER]
         return not flows or any(is_installed(flows[key], answers.get(key, b"")) for key in ours)
 
     def stop(self):
@@ -122,8 +117,7 @@ class Processes(e2e.Test):
             target = set(system.programmer("flows").split())
         except (subprocess.CalledProcessError, daemon.Failed) as still_starting:
             return {"not there": str(still_starting)}
-        asked = {address(number) for number in accepted}
-        stored = {destination(flow) for flow in flows.values()}
+        asked, stored = set(accepted), {number_of(flow) for flow in flows.values()}
         found = {
             "asked, not stored": asked - stored,
             "stored, not asked": stored - asked,
@@ -175,28 +169,22 @@ class Processes(e2e.Test):
                 self.assertEqual(e2e.ofctl(system.port, "del-flows").returncode, 0)
                 self.assert_of_one_mind(system, ())
 
-    def test_a_service_chain_flow_goes_through_both_processes(self):
-        system = self.system()
-        added = e2e.ofctl(system.port, "add-flow", "table=1,tcp,nw_dst=10.0.0.1,tp_dst=80,actions=output:2")
-        self.assertEqual((added.returncode, added.stderr), (0, ""))
-        # The programming service is asked for the application's entries, not for one of the daemon's own.
-        stored = system.ask_json("mom", "get", "flow", "1:0")["objects"][0]["record"]
-        self.assertEqual([entry["acl_app_type"] for entry in stored["ace"]], ["service_chain"] * 2)
-        self.assert_of_one_mind(system, (1,))
-        self.assertEqual(e2e.ofctl(system.port, "del-flows").returncode, 0)
-        self.await_that(lambda: not e2e.records(system.socket, "parse_flow", database=4), "the end of the application's record")
+    def test_a_frozen_database_stops_neither_the_daemon_nor_what_follows(self):
+        system = self.system(mom_sync_timeout_ms=300, openflow_decide_timeout_ms=600)
+        client = self.client(system)
+        system.signal("redis-server", signal.SIGSTOP)
+        self.addCleanup(system.signal, "redis-server", signal.SIGCONT)
+        # It stays frozen until all this is answered: who waited for it would not answer at all.
+        adds = {client.add(number) for number in range(20)}
+        system.command("dump_ssc_sdn_msg_queue")
+        errors = client.barrier()
+        self.assertEqual({error.xid for error in errors}, adds, "nobody decided")
+        system.signal("redis-server", signal.SIGCONT)
         self.assert_of_one_mind(system, ())
-
-    def test_settings_that_will_not_do_end_them_all(self):
-        system = daemon.System(e2e.BIN, programmer_script="explode=1")
-        self.addCleanup(system.__exit__)
-        process = system.spawn()
-        output, _ = process.communicate(timeout=e2e.LIMIT)
-        self.assertEqual(process.returncode, 1)
-        self.assertRegex(output, "(?s)explode=1.*kelim-programmer ended with status 1")
-        for pid in re.findall(r"is started \(pid (\d+)\)", output):
-            with self.assertRaises(ProcessLookupError):
-                os.kill(int(pid), 0)
+        client.add(7)
+        self.assertEqual(client.barrier(), [])
+        self.assert_of_one_mind(system, (7,))
+        self.assertEqual(len(system.pids("ssc_kelim")), 1)
 
 
 if __name__ == "__main__":

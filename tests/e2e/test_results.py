@@ -1,56 +1,53 @@
 """What becomes of a flow reaches the controller that asked for it."""
 
 import re
+import signal
 import unittest
 
+import daemon
 import e2e
 import openflow
 
 
 class Results(e2e.Test):
-    def add_all(self, client, numbers):
-        """Adds the flows in one burst; each request by its number."""
-        requests = {}
-        for number in numbers:
-            match, instructions = openflow.tcp_flow(number)
-            requests[number] = client.frame(openflow.FLOW_MOD, openflow.flow_mod(openflow.ADD, match, instructions))
-        client.socket.sendall(b"".join(requests.values()))
-        return requests
-
-    def assert_nothing_left(self, running):
-        """No record, no cached flow, no outstanding request."""
-        for kind in ("flow", "flow_sta", "flow_counter"):
-            self.assertEqual(self.stored(running, kind), [], kind)
-        self.assertEqual(running.command("dump_ssc_all_flow_info").strip(), "")
-        self.assertIn("msg queue is empty", running.command("dump_ssc_sdn_msg_queue"))
-
     def test_a_flow_that_fails_later_gives_one_error_to_its_controller_and_leaves_nothing(self):
         running = self.daemon(programmer_script="fail=@1;delay=@1:120")
         other, client = self.client(running), self.client(running)
-        request = self.add_all(client, [7])[7]
-        errors = [e2e.error_of(error) for error in client.barrier()]
-        self.assertEqual(errors, [(5, 0, client.xid - 1, request[:64])])
-        self.assert_nothing_left(running)
+        request = client.frame(openflow.FLOW_MOD, openflow.flow_mod(openflow.ADD, *openflow.tcp_flow(7)))
+        client.socket.sendall(request)
+        (error,) = client.barrier()
+        self.assertEqual((error.type, error.xid), (openflow.ERROR, client.xid - 1))
+        kind, code, data = openflow.error_of(error)
+        self.assertEqual((kind, code, data[:64]), (5, 0, request[:64]))
+        for record in ("flow", "flow_sta", "flow_counter"):
+            self.assertEqual(self.stored(running, record), [], record)
+        self.assertEqual(running.command("dump_ssc_all_flow_info").strip(), "")
+        self.assertIn("msg queue is empty", running.command("dump_ssc_sdn_msg_queue"))
         self.assertEqual(client.barrier() + other.barrier(), [])
 
-    def test_a_burst_with_failures_at_random(self):
-        running = self.daemon(programmer_script="fail=20%;delay=30%:15", programmer_seed=4)
-        client = self.client(running)
-        requests = self.add_all(client, range(1, 501))
-        failed = {message.xid for message in client.barrier()}
-        self.assertTrue(0 < len(failed) < 250, len(failed))
-        self.assertLess(failed, {openflow.HEADER.unpack_from(request)[3] for request in requests.values()})
-        self.assertEqual(len(self.stored(running, "flow")), len(requests) - len(failed))
-        self.add_all(client, range(501, 1001))
-        first = client.send(openflow.BARRIER_REQUEST)
-        client.delete_all()
-        self.assertIn(first, [message.xid for message in client.barrier()])
-        self.assert_nothing_left(running)
+    def test_flows_that_do_not_fit_any_more_are_tried_again_and_then_reported(self):
+        running = daemon.System(e2e.BIN)
+        (running.run_dir / "ssc_kelim").symlink_to(f"{e2e.BIN}/ssc_kelim")
+        service, size = running.run_dir / "kelim-programmer", running.run_dir / "size"
+        service.write_text(f'#!/bin/sh\nexec {e2e.BIN}/kelim-programmer --size "$(cat {size})"\n')
+        service.chmod(0o700)
+        running.command_line[1] = running.run_dir
+        size.write_text("10")
+        client = self.client(self.run_until_the_end(running))
+        for number in range(10):
+            client.add(number)
+        self.assertEqual(client.barrier(), [])
+        size.write_text("7")
+        running.signal("kelim-programmer", signal.SIGKILL)
+        self.assertEqual([client.receive().type for _ in range(3)], [openflow.FLOW_REMOVED] * 3)
+        self.assertEqual((len(self.stored(running, "flow")), len(running.ask_json("flows")["flows"])), (7, 7))
+        self.assertEqual(client.barrier(), [])
 
     def test_statistics_of_six_hundred_flows_come_whole_in_one_sequence(self):
         running = self.daemon(programmer_counter_interval_ms=100, programmer_counter_rate=1000)
         client = self.client(running)
-        self.add_all(client, range(1, 601))
+        for number in range(600):
+            client.add(number)
         self.assertEqual(client.barrier(), [])
         self.await_that(lambda: len(self.stored(running, "flow_counter")) == 600, "600 counter records")
         entries = client.flow_statistics()

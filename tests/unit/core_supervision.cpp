@@ -90,16 +90,6 @@ TEST_F(Health, TheLoopFeedsTheWatchdogExceptWhileTheMarkerExists) {
   EXPECT_EQ(told(), "STOPPING=1");
 }
 
-TEST_F(Health, WithoutAWatchdogItIsReadyAndAnUnreadableRequestIsAFailure) {
-  setenv("WATCHDOG_USEC", "soon", 1);
-  EXPECT_EQ(libss_fp_com_ham_init("/tmp/x", nullptr), -1);
-  unsetenv("WATCHDOG_USEC");
-  EXPECT_EQ(libss_fp_com_ham_init("/tmp/x", nullptr), 0);
-  EXPECT_EQ(told(), "READY=1");
-  host::clock::warp(1h);
-  EXPECT_TRUE(is_told_nothing());
-}
-
 // ---- ports
 
 using MachinePorts = RuntimeTest;
@@ -109,8 +99,8 @@ TEST_F(MachinePorts, AreTheMachinesInterfacesAndFollowTheirState) {
   ASSERT_EQ(libddm_init(global, "core_test"), 0);
   const auto before = host::ddm::ports();
   EXPECT_EQ(std::tuple((*before)[0].name, (*before)[0].phyid, (*before)[0].up), std::tuple("lo", 1u, false));
+  set("ports", "9:lo:109");
   EXPECT_EQ(host::ddm::ports(), before) << "not read again while nothing changes";
-
   ifreq request{};
   strcpy(request.ifr_name, "lo");
   request.ifr_flags = IFF_UP;
@@ -118,6 +108,8 @@ TEST_F(MachinePorts, AreTheMachinesInterfacesAndFollowTheirState) {
   ASSERT_EQ(ioctl(fd, SIOCSIFFLAGS, &request), 0);
   close(fd);
   EXPECT_TRUE(host::run_until([] { return (*host::ddm::ports())[0].up; }, kPatience));
+  const auto after = host::ddm::ports();
+  EXPECT_EQ(std::tuple((*after)[0].ifx, (*after)[0].phyid, (*after)[0].mac), std::tuple(9u, 109u, (*before)[0].mac));
 }
 
 // ---- timing
