@@ -46,7 +46,6 @@ class Database(e2e.Test):
         stats = self.running.ask_json("mom", "stats")
         flows = next(row for row in stats["types"] if (row["type"], row["db"]) == ("s_policy_kelim.flow", 8))
         self.assertEqual((flows["objects"], stats["client"]["connected"]), (5, [4, 8]))
-        self.assertTrue(5 * 150 < flows["bytes"] < 5 * 5000, flows)
 
     def test_changes_are_shown_as_they_happen(self):
         everything, text = self.watch("--json"), self.watch("flow")
@@ -78,6 +77,7 @@ class DatabaseInRedis(Database):
         self.assertIn("what was asked for", self.running.ask("audit"))
         e2e.redis(self.running.socket, "COPY", f"s_policy_kelim.flow:{key}", "s_policy_kelim.flow:999:0")
         e2e.redis(self.running.socket, "SADD", "s_policy_kelim.flow", "999:0")
+        self.assertEqual(len(self.running.ask_json("mom", "ls", "flow", "--limit", 1)["objects"]), 1)
         shown = {f"{row['index']}:0": row["state"] for row in self.running.ask_json("flows")["flows"]}
         self.assertEqual(shown, {key: "installed", "999:0": "not asked"})
         e2e.redis(self.running.socket, "DEL", f"s_policy_kelim.flow:{key}", "s_policy_kelim.flow:999:0")

@@ -31,10 +31,13 @@ class Lifecycle(e2e.Test):
 
     def test_a_bad_setting_stops_the_start_with_its_name(self):
         cases = (
-            ("ssc_kelim", "openflow_listen", "6653"), ("ssc_kelim", "programmer_script", "explode=1"),
-            ("ssc_kelim", "programmer_sise", "5"), ("kelim-programmer", "mom_url", "embedded:"),
+            ("ssc_kelim", "openflow_listen", "6653", "KELIM_OPENFLOW_LISTEN"),
+            ("ssc_kelim", "programmer_script", "explode=1", "KELIM_PROGRAMMER_SCRIPT"),
+            ("ssc_kelim", "programmer_sise", "5", "KELIM_PROGRAMMER_SISE"),
+            ("kelim-programmer", "programmer_script", "explode=1", "explode=1"),
+            ("kelim-programmer", "mom_url", "embedded:", "KELIM_MOM_URL"),
         )
-        for program, key, value in cases:
+        for program, key, value, named in cases:
             with self.subTest(program=program, key=key):
                 running = daemon.Daemon(e2e.BIN, **{key: value})
                 self.addCleanup(running.__exit__)
@@ -42,7 +45,7 @@ class Lifecycle(e2e.Test):
                 process = running.spawn()
                 output, _ = process.communicate(timeout=e2e.LIMIT)
                 self.assertNotEqual(process.returncode, 0)
-                self.assertIn(f"KELIM_{key.upper()}", output)
+                self.assertIn(named, output)
 
 
 if __name__ == "__main__":

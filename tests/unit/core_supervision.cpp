@@ -1,4 +1,4 @@
-// Single instance, health monitoring, ports and timing.
+// Health monitoring, ports and timing.
 #include <gtest/gtest.h>
 #include <net/if.h>
 #include <sched.h>
@@ -21,15 +21,6 @@
 namespace {
 
 using namespace std::chrono_literals;
-
-using SingleInstance = RuntimeTest;
-
-TEST_F(SingleInstance, APidFileThatCannotBeTakenIsExplained) {
-  std::filesystem::create_directory(dir / "core_test.pid");
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(libss_fp_com_check_run("/var/run/core_test.pid"), 1);
-  EXPECT_NE(testing::internal::GetCapturedStderr().find(dir / "core_test.pid cannot be taken: "), std::string::npos);
-}
 
 // ---- health monitoring
 
