@@ -2,13 +2,15 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
+#include <algorithm>
 #include <chrono>
-#include <filesystem>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "host/config/config.h"
@@ -19,6 +21,7 @@
 #include "qx_mom.h"
 #include "s_cluster.pb-c.h"
 #include "s_policy_kelim.pb-c.h"
+#include "support/record_text.h"
 #include "support/redis_server.h"
 #include "support/runtime_fixture.h"
 
@@ -26,22 +29,28 @@ namespace mom_test {
 
 using namespace std::chrono_literals;
 
-// What the store under test needs around it.
+// ---- stores
+
+// A store that runs elsewhere, and what a test needs around one.
 class Backend {
  public:
+  explicit Backend(std::string url) : url_(std::move(url)) {}
   virtual ~Backend() = default;
-  virtual std::string url() const = 0;
+  const std::string &url() const { return url_; }
   // Lets `ms` of the store's time pass: warps the host's clock, or does nothing where time passes by itself.
-  virtual void pass(std::chrono::milliseconds ms) = 0;
+  virtual void pass(std::chrono::milliseconds) {}
   // Puts bytes under a canonical key, past the client.
-  virtual void put_raw(int32_t db, const std::string &key, const std::string &bytes) = 0;
+  virtual void put_raw(int32_t, const std::string &, const std::string &) { FAIL(); }
   // Cuts every connection and lets it come back to the same server.
-  virtual void cut_connections(int32_t db) = 0;
+  virtual void cut_connections(int32_t) { FAIL(); }
+
+ private:
+  std::string url_;
 };
 
 class EmbeddedBackend final : public Backend {
  public:
-  std::string url() const override { return "embedded:"; }
+  EmbeddedBackend() : Backend("embedded:") {}
   void pass(std::chrono::milliseconds ms) override { host::clock::warp(ms); }
   void put_raw(int32_t db, const std::string &key, const std::string &bytes) override {
     ASSERT_TRUE(mom::testing::put_raw(db, key, {reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size()}));
@@ -60,59 +69,27 @@ inline std::string notification(char kind, const std::string &member, const std:
 
 class RedisBackend final : public Backend {
  public:
-  explicit RedisBackend(std::vector<std::string> options = {}) : server_(std::move(options)) {}
-  std::string url() const override { return server_.url(); }
-  void pass(std::chrono::milliseconds) override {}
+  explicit RedisBackend(std::unique_ptr<support::RedisServer> server = std::make_unique<support::RedisServer>())
+      : Backend(server->url()), server_(std::move(server)) {}
   void put_raw(int32_t db, const std::string &key, const std::string &bytes) override {
     const std::string type = key.substr(0, key.find(':'));
     const std::string member = key.substr(type.size() + 1);
-    EXPECT_EQ(server_.command({"SELECT", std::to_string(db)}), "OK");
-    EXPECT_NE(server_.command({"SADD", type, member}).substr(0, 1), "(");
-    EXPECT_EQ(server_.command({"SET", key, std::string(8, '\0') + bytes}), "OK");
-    server_.command({"PUBLISH", std::to_string(db) + ":" + type, notification('W', member, bytes)});
+    EXPECT_EQ(server_->command({"SELECT", std::to_string(db)}), "OK");
+    EXPECT_NE(server_->command({"SADD", type, member}).substr(0, 1), "(");
+    EXPECT_EQ(server_->command({"SET", key, std::string(8, '\0') + bytes}), "OK");
+    server_->command({"PUBLISH", std::to_string(db) + ":" + type, notification('W', member, bytes)});
   }
   void cut_connections(int32_t) override {
-    server_.command({"CLIENT", "KILL", "TYPE", "normal"});
-    server_.command({"CLIENT", "KILL", "TYPE", "pubsub"});
+    for (const char *type : {"normal", "pubsub"}) server_->command({"CLIENT", "KILL", "TYPE", type});
   }
-  support::RedisServer &server() { return server_; }
 
  private:
-  support::RedisServer server_;
+  std::unique_ptr<support::RedisServer> server_;
 };
 
-class TempDir {
- public:
-  TempDir() {
-    char name[] = "/tmp/kelim_mom_XXXXXX";
-    path_ = ::mkdtemp(name) ? name : "";
-  }
-  ~TempDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  const std::string &path() const { return path_; }
-
- private:
-  std::string path_;
-};
-
-// One delivered notification, copied.
-struct Seen {
-  uint32_t cmd = 0;
-  std::string type;     // of the decoded record; empty without one
-  uint64_t key = 0;     // first number of its key
-  uint64_t second = 0;  // second number of its key
-  int64_t status = -1;  // where the record has one
-  int32_t error = 0;
-  bool holder = false;
-  std::string packed;  // empty when none came
-};
-
-inline std::string pack(const ProtobufCMessage *record) {
-  std::string out(protobuf_c_message_get_packed_size(record), '\0');
-  protobuf_c_message_pack(record, reinterpret_cast<uint8_t *>(out.data()));
-  return out;
+inline std::unique_ptr<Backend> make_backend(const std::string &store) {
+  if (store == "Redis") return std::make_unique<RedisBackend>();
+  return std::make_unique<EmbeddedBackend>();
 }
 
 // ---- records
@@ -121,60 +98,63 @@ inline ProtobufCMessage *base(void *record) {
   return static_cast<ProtobufCMessage *>(record);
 }
 
-struct Flow {
-  SPolicyKelim__FlowKey key = S_POLICY_KELIM__FLOW_KEY__INIT;
-  SPolicyKelim__Flow record = S_POLICY_KELIM__FLOW__INIT;
-  explicit Flow(uint64_t index, uint32_t vsd = 0, SPolicyKelim__StatusE status = S_POLICY_KELIM__STATUS_E__STATUS_NONE) {
-    key.flow_index = index;
-    key.vsd_id = vsd;
-    record.index = &key;
-    record.status = status;
-  }
-  Flow(const Flow &) = delete;
-  operator ProtobufCMessage *() { return base(&record); }
-};
+inline std::string pack(const ProtobufCMessage *record) {
+  std::string out(protobuf_c_message_get_packed_size(record), '\0');
+  protobuf_c_message_pack(record, reinterpret_cast<uint8_t *>(out.data()));
+  return out;
+}
 
-struct FlowSta {
-  SPolicyKelim__FlowKey key = S_POLICY_KELIM__FLOW_KEY__INIT;
-  SPolicyKelim__FlowSta record = S_POLICY_KELIM__FLOW_STA__INIT;
-  explicit FlowSta(uint64_t index, SPolicyKelim__StatusE status = S_POLICY_KELIM__STATUS_E__STATUS_INSTALLED) {
-    key.flow_index = index;
-    record.index = &key;
-    record.status = status;
-  }
-  FlowSta(const FlowSta &) = delete;
-  operator ProtobufCMessage *() { return base(&record); }
-};
-
-struct Meter {
-  SPolicyKelim__MeterKey key = S_POLICY_KELIM__METER_KEY__INIT;
-  SPolicyKelim__Meter record = S_POLICY_KELIM__METER__INIT;
-  explicit Meter(uint32_t id, SPolicyKelim__StatusE status = S_POLICY_KELIM__STATUS_E__STATUS_INSTALLING) {
-    key.meter_id = id;
-    record.index = &key;
-    record.status = status;
-  }
-  Meter(const Meter &) = delete;
-  operator ProtobufCMessage *() { return base(&record); }
-};
-
-struct Registration {
-  SCluster__AppName key = S_CLUSTER__APP_NAME__INIT;
-  SCluster__RegPktInfo record = S_CLUSTER__REG_PKT_INFO__INIT;
-  std::string name;
-  explicit Registration(std::string app) : name(std::move(app)) {
-    key.name = name.data();
+// An empty record with its key, whose member `kFirst` is set.
+template <typename Record, const ProtobufCMessageDescriptor &kRecord, const ProtobufCMessageDescriptor &kKey, auto kFirst>
+struct Keyed {
+  static constexpr qx_mom_type kType = {&kRecord, &kKey};
+  std::remove_pointer_t<decltype(Record::index)> key;
+  Record record;
+  template <typename Value>
+  explicit Keyed(Value first) {
+    protobuf_c_message_init(&kKey, &key);
+    protobuf_c_message_init(&kRecord, &record);
+    key.*kFirst = first;
     record.index = &key;
   }
-  Registration(const Registration &) = delete;
-  operator ProtobufCMessage *() { return base(&record); }
+  Keyed(const Keyed &) = delete;
+  operator ProtobufCMessage *() { return &record.base; }
 };
 
-inline constexpr qx_mom_type kFlow = {&s_policy_kelim__flow__descriptor, &s_policy_kelim__flow_key__descriptor};
-inline constexpr qx_mom_type kFlowSta = {&s_policy_kelim__flow_sta__descriptor, &s_policy_kelim__flow_key__descriptor};
-inline constexpr qx_mom_type kMeter = {&s_policy_kelim__meter__descriptor, &s_policy_kelim__meter_key__descriptor};
+using Flow = Keyed<SPolicyKelim__Flow, s_policy_kelim__flow__descriptor, s_policy_kelim__flow_key__descriptor,
+                   &SPolicyKelim__FlowKey::flow_index>;
+using FlowSta = Keyed<SPolicyKelim__FlowSta, s_policy_kelim__flow_sta__descriptor, s_policy_kelim__flow_key__descriptor,
+                      &SPolicyKelim__FlowKey::flow_index>;
+using Meter = Keyed<SPolicyKelim__Meter, s_policy_kelim__meter__descriptor, s_policy_kelim__meter_key__descriptor,
+                    &SPolicyKelim__MeterKey::meter_id>;
+using OncIp = Keyed<SPolicyKelim__OncIp, s_policy_kelim__onc_ip__descriptor, s_policy_kelim__onc_ip_key__descriptor,
+                    &SPolicyKelim__OncIpKey::ip>;
+using Registration =
+    Keyed<SCluster__RegPktInfo, s_cluster__reg_pkt_info__descriptor, s_cluster__app_name__descriptor, &SCluster__AppName::name>;
 inline constexpr qx_mom_type kPktSig = {&s_policy_kelim__pkt_sig__descriptor, nullptr};
-inline constexpr qx_mom_type kRegistration = {&s_cluster__reg_pkt_info__descriptor, &s_cluster__app_name__descriptor};
+
+// ---- notifications
+
+// One delivered object, copied.
+struct Seen {
+  uint32_t cmd = 0;
+  int32_t error = 0;
+  bool holder = false;
+  uint64_t key = 0;  // first number of its key
+  std::string type;  // of the decoded record; empty without one
+  std::string text;  // the record as record_text writes it
+  std::string packed;
+};
+
+inline uint64_t first_of_key(const ProtobufCMessage *record) {
+  const auto *index = protobuf_c_message_descriptor_get_field_by_name(record->descriptor, "index");
+  if (!index) return 0;
+  const auto *key = *reinterpret_cast<const char *const *>(reinterpret_cast<const char *>(record) + index->offset);
+  const auto &first = static_cast<const ProtobufCMessageDescriptor *>(index->descriptor)->fields[0];
+  uint64_t number = 0;
+  std::memcpy(&number, key + first.offset, first.type == PROTOBUF_C_TYPE_UINT64 ? 8 : 4);
+  return number;
+}
 
 inline Seen describe(const qx_obj *object) {
   Seen seen;
@@ -191,27 +171,20 @@ inline Seen describe(const qx_obj *object) {
   if (!value) return seen;
   const auto *record = static_cast<const ProtobufCMessage *>(value);
   seen.type = record->descriptor->name;
-  if (record->descriptor == kFlow.value) {
-    const auto &flow = *reinterpret_cast<const SPolicyKelim__Flow *>(record);
-    seen.key = flow.index->flow_index;
-    seen.second = flow.index->vsd_id;
-    seen.status = flow.status;
-  } else if (record->descriptor == kFlowSta.value) {
-    const auto &sta = *reinterpret_cast<const SPolicyKelim__FlowSta *>(record);
-    seen.key = sta.index->flow_index;
-    seen.status = sta.status;
-  } else if (record->descriptor == kMeter.value) {
-    const auto &meter = *reinterpret_cast<const SPolicyKelim__Meter *>(record);
-    seen.key = meter.index->meter_id;
-    seen.status = meter.status;
-  } else if (record->descriptor == kPktSig.value) {
-    seen.key = reinterpret_cast<const SPolicyKelim__PktSig *>(record)->is_pkt_start;
-  }
+  seen.text = record_text::text(record);
+  seen.key = first_of_key(record);
   return seen;
 }
 
+// "cmd:key" of each, as one text: easy to compare by eye.
+inline std::string trace(const std::vector<Seen> &seen) {
+  std::string out;
+  for (const Seen &one : seen) out += (out.empty() ? "" : " ") + std::to_string(one.cmd) + ":" + std::to_string(one.key);
+  return out;
+}
+
 // Subscription callbacks carry no argument, so each recorder is a numbered place of its own.
-inline constexpr size_t kRecorders = 6;
+inline constexpr size_t kRecorders = 3;
 struct Recorder {
   std::vector<Seen> seen;
   std::function<void(const qx_obj *)> hook;  // runs inside the callback
@@ -229,6 +202,16 @@ inline bool run_until(const std::function<bool()> &condition) {
   return host::run_until(condition, kPatience);
 }
 
+// Whether that many notifications come.
+inline bool arrive(size_t count, size_t recorder = 0) {
+  return run_until([&] { return recorders[recorder].seen.size() >= count; });
+}
+
+inline size_t count(uint32_t cmd, size_t recorder = 0) {
+  const auto &seen = recorders[recorder].seen;
+  return static_cast<size_t>(std::count_if(seen.begin(), seen.end(), [&](const Seen &one) { return one.cmd == cmd; }));
+}
+
 inline unsigned connects[3];  // by first, second, third callback
 template <size_t N>
 int count_connect(void *, const char *) {
@@ -244,27 +227,35 @@ inline int note_reconnect(void *, int32_t, int32_t type) {
   return 0;
 }
 
+inline unsigned confirmed;  // requests of expiry
+inline int confirm() {
+  ++confirmed;
+  return 0;
+}
+
+// ---- the process
+
+using Settings = std::vector<std::pair<std::string, std::string>>;
+
 class World {
  public:
   // `settings` are configuration keys and values set before the runtime starts.
-  explicit World(std::unique_ptr<Backend> backend, const std::vector<std::pair<std::string, std::string>> &settings = {})
-      : backend_(std::move(backend)) {
+  explicit World(std::unique_ptr<Backend> backend, const Settings &settings = {}) : backend_(std::move(backend)) {
     for (auto &recorder : recorders) recorder = {};
     for (auto &count : connects) count = 0;
+    confirmed = 0;
     reconnects.clear();
     on_reconnect = nullptr;
     host::config_reset();
-    set("run_dir", dir_.path());
-    set("log.target", "file");
-    set("log.file", dir_.path() + "/log");
-    set("control.enabled", "false");
-    set("programmer.embedded", "false");
-    set("mom.url", backend_->url());
-    for (const auto &[key, value] : settings) set(key, value);
+    Settings all = {{"run_dir", dir_.path()},     {"log.target", "file"},           {"log.file", dir_ / "log"},
+                    {"control.enabled", "false"}, {"programmer.embedded", "false"}, {"mom.url", backend_->url()}};
+    all.insert(all.end(), settings.begin(), settings.end());
+    for (const auto &[key, value] : all) EXPECT_EQ(host::config_set(key, value), "");
     global_ = qx_global_init("mom_test", nullptr);
   }
   ~World() {
     host::fault::clear();
+    host::clock::resume();
     qx_global_finish(global_);
     host::config_reset();
   }
@@ -273,23 +264,26 @@ class World {
   qx_global *global() { return global_; }
   const std::string &run_dir() const { return dir_.path(); }
   Backend &backend() { return *backend_; }
-  std::unique_ptr<Backend> take_backend() { return std::move(backend_); }
 
   void connect_all() {
-    const unsigned before = connects[0];
+    ASSERT_NE(global_, nullptr);
     for (int32_t db : {0, 4, 8}) {
       ASSERT_EQ(qx_mom_client_connect_sync(global_, db), 0);
       ASSERT_EQ(qx_mom_client_connect(global_, db, count_connect<0>, "test"), 0);
     }
-    ASSERT_TRUE(run_until([&] { return connects[0] == before + 3; }));
+    ASSERT_TRUE(run_until([&] { return connects[0] == 3; }));
+  }
+
+  template <size_t N>
+  int subscribe(const qx_mom_type &type, int32_t db = 8, uint32_t delivery = QX_MOM_DECODED) {
+    const qx_mom_spec spec = {type, delivery};
+    return qx_mom_subscribe(global_, db, &spec, record_into<N>);
   }
 
   template <size_t N>
   void watch(const qx_mom_type &type, int32_t db = 8, uint32_t delivery = QX_MOM_DECODED) {
-    const qx_mom_spec spec = {type, delivery};
-    const size_t before = recorders[N].seen.size();
-    ASSERT_EQ(qx_mom_subscribe(global_, db, &spec, record_into<N>), 0);
-    ASSERT_TRUE(run_until([&] { return recorders[N].seen.size() > before && recorders[N].seen.back().cmd == 29; }));
+    ASSERT_EQ(subscribe<N>(type, db, delivery), 0);
+    ASSERT_TRUE(run_until([&] { return !recorders[N].seen.empty() && recorders[N].seen.back().cmd == 29; }));
     recorders[N].seen.clear();
   }
 
@@ -301,25 +295,41 @@ class World {
     watching_[db] = true;
     recorders[kLast].seen.clear();
     SPolicyKelim__PktSig signal = S_POLICY_KELIM__PKT_SIG__INIT;
-    ASSERT_EQ(qx_mom_publish(global_, db, base(&signal), 0, 0), 0);
-    ASSERT_TRUE(run_until([&] { return !recorders[kLast].seen.empty(); }));
+    ASSERT_EQ(publish(base(&signal), db), 0);
+    ASSERT_TRUE(arrive(1, kLast));
+  }
+
+  // Settles and forgets what has been delivered.
+  void forget() {
+    settle();
+    for (auto &recorder : recorders) recorder.seen.clear();
   }
 
   int set(ProtobufCMessage *record, int32_t db = 8) { return qx_mom_set(global_, db, record, 0, 0); }
   int setow(ProtobufCMessage *record, int64_t tag) { return qx_mom_setow(global_, 8, record, 0, 0, tag); }
+  int setnx(ProtobufCMessage *record, int32_t db = 8) { return qx_mom_setnx_sync(global_, db, record, 0, 0); }
   int del(ProtobufCMessage *record, int32_t db = 8) { return qx_mom_del(global_, db, record, 0, 0); }
-  int pexpire(ProtobufCMessage *record, uint32_t ms) { return qx_mom_pexpire(global_, 8, record, 0, ms, 0, nullptr, nullptr); }
+  int del_sync(ProtobufCMessage *record, int32_t db = 8) { return qx_mom_del_sync(global_, db, record, 0, 0); }
+  int publish(ProtobufCMessage *record, int32_t db = 8) { return qx_mom_publish(global_, db, record, 0, 0); }
+  int pexpire(ProtobufCMessage *record, uint32_t ms) { return qx_mom_pexpire(global_, 8, record, 0, ms, 0, confirm, nullptr); }
   int del_expire(ProtobufCMessage *record) { return qx_mom_del_expire(global_, 8, record, 0, 0, nullptr); }
   int del_expire_ow(ProtobufCMessage *record, int64_t tag) {
     return qx_mom_del_expire_ow(global_, 8, record, 0, 0, nullptr, tag);
   }
 
-  // The object as qx_mom_get_sync gives it; cmd 0 when there is none.
-  Seen get(ProtobufCMessage *record, int32_t db = 8) {
+  // Writes every `step`th flow up to `last`, with tag 1.
+  void fill(uint64_t last, uint64_t step = 1) {
+    for (uint64_t index = step; index <= last; index += step) {
+      Flow flow(index);
+      ASSERT_EQ(setow(flow, 1), 0);
+    }
+  }
+
+  // The object as qx_mom_get_sync gives it; cmd 0 when there is none, which must give the code `missing`.
+  Seen get(ProtobufCMessage *record, int32_t db = 8, int missing = -7) {
     qx_obj *object = nullptr;
     const int rv = qx_mom_get_sync(global_, db, record, 0, &object);
-    EXPECT_EQ(rv == 0, object != nullptr);
-    EXPECT_TRUE(rv == 0 || rv == -7) << rv;
+    EXPECT_EQ(rv, object ? 0 : missing);
     const Seen seen = object ? describe(object) : Seen{};
     qx_mom_qx_obj_free(object);
     return seen;
@@ -336,22 +346,10 @@ class World {
   }
 
  private:
-  static void set(const std::string &key, const std::string &value) {
-    const std::string error = host::config_set(key, value);
-    EXPECT_EQ(error, "");
-  }
-
   TempDir dir_;
   std::unique_ptr<Backend> backend_;
   qx_global *global_ = nullptr;
   bool watching_[16] = {};
 };
-
-// "cmd:key" of each, as one text: easy to compare by eye.
-inline std::string trace(const std::vector<Seen> &seen) {
-  std::string out;
-  for (const Seen &one : seen) out += (out.empty() ? "" : " ") + std::to_string(one.cmd) + ":" + std::to_string(one.key);
-  return out;
-}
 
 }  // namespace mom_test

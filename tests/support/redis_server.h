@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <hiredis/hiredis.h>
 #include <signal.h>
-#include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,31 +14,23 @@
 #include <thread>
 #include <vector>
 
+#include "support/runtime_fixture.h"
+
 namespace support {
 
 class RedisServer {
  public:
-  explicit RedisServer(std::vector<std::string> options = {}) : options_(std::move(options)) {
-    char name[] = "/tmp/kelim_redis_XXXXXX";
-    dir_ = ::mkdtemp(name) ? name : "";
-    start();
-  }
-  ~RedisServer() {
-    kill(SIGKILL);
-    std::error_code ignored;
-    std::filesystem::remove_all(dir_, ignored);
-  }
+  explicit RedisServer(std::vector<std::string> options = {}) : options_(std::move(options)) { start(); }
+  ~RedisServer() { kill(SIGKILL); }
   RedisServer(const RedisServer &) = delete;
 
-  const std::string &dir() const { return dir_; }
-  std::string socket() const { return dir_ + "/redis.sock"; }
+  std::string socket() const { return dir_ / "redis.sock"; }
   std::string url() const { return "redis+unix:" + socket(); }
 
   // Starts the server, again after kill(); a failure of the test when it does not come up. Waits for the answer to a PING.
   void start() {
-    std::vector<std::string> arguments = {"redis-server", "--port",    "0",          "--unixsocket", socket(), "--dir",
-                                          dir_,           "--save",    "",           "--appendonly", "no",     "--hz",
-                                          "100",          "--logfile", dir_ + "/log"};
+    std::vector<std::string> arguments = {"redis-server", "--port", "0",    "--unixsocket", socket(),    "--dir",     dir_.path(),
+                                          "--save",       "",       "--hz", "100",          "--logfile", dir_ / "log"};
     arguments.insert(arguments.end(), options_.begin(), options_.end());
     std::vector<char *> argv;
     for (std::string &argument : arguments) argv.push_back(argument.data());
@@ -50,12 +41,10 @@ class RedisServer {
       ::execvp(argv[0], argv.data());
       ::_exit(127);
     }
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
     while (command({"PING"}) == kNoAnswer) {
-      if (std::chrono::steady_clock::now() > deadline || ::waitpid(pid_, nullptr, WNOHANG) != 0) {
-        ADD_FAILURE() << "redis-server does not start in " << dir_;
-        return;
-      }
+      const bool late = std::chrono::steady_clock::now() > deadline || ::waitpid(pid_, nullptr, WNOHANG) != 0;
+      ASSERT_FALSE(late) << "redis-server does not start in " << dir_.path();
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
   }
@@ -80,43 +69,30 @@ class RedisServer {
       argv.push_back(argument.data());
       lengths.push_back(argument.size());
     }
-    auto *reply =
-        static_cast<redisReply *>(redisCommandArgv(admin_.get(), static_cast<int>(argv.size()), argv.data(), lengths.data()));
-    if (!reply) {
-      admin_.reset();
-      return kNoAnswer;
-    }
-    std::string out = text(reply);
-    freeReplyObject(reply);
-    return out;
+    auto *answer = redisCommandArgv(admin_.get(), static_cast<int>(argv.size()), argv.data(), lengths.data());
+    const std::unique_ptr<redisReply, Free> reply(static_cast<redisReply *>(answer));
+    if (!reply) admin_.reset();
+    return reply ? text(reply.get()) : kNoAnswer;
   }
 
  private:
   static constexpr char kNoAnswer[] = "(no answer)";
-
-  static std::string text(const redisReply *reply) {
-    switch (reply->type) {
-      case REDIS_REPLY_NIL:
-        return "(nil)";
-      case REDIS_REPLY_INTEGER:
-        return std::to_string(reply->integer);
-      case REDIS_REPLY_ERROR:
-        return "(error) " + std::string(reply->str, reply->len);
-      case REDIS_REPLY_ARRAY: {
-        std::string out;
-        for (size_t i = 0; i < reply->elements; ++i) out += (i ? "\n" : "") + text(reply->element[i]);
-        return out;
-      }
-      default:
-        return std::string(reply->str, reply->len);
-    }
-  }
   struct Free {
     void operator()(redisContext *context) const { redisFree(context); }
+    void operator()(redisReply *reply) const { freeReplyObject(reply); }
   };
 
+  static std::string text(const redisReply *reply) {
+    if (reply->type == REDIS_REPLY_NIL) return "(nil)";
+    if (reply->type == REDIS_REPLY_INTEGER) return std::to_string(reply->integer);
+    std::string out = reply->type == REDIS_REPLY_ERROR ? "(error) " : "";
+    if (reply->type != REDIS_REPLY_ARRAY) return out.append(reply->str, reply->len);
+    for (size_t i = 0; i < reply->elements; ++i) out += (i ? "\n" : "") + text(reply->element[i]);
+    return out;
+  }
+
+  TempDir dir_;
   std::vector<std::string> options_;
-  std::string dir_;
   pid_t pid_ = -1;
   std::unique_ptr<redisContext, Free> admin_;
 };
