@@ -69,8 +69,7 @@ inline std::string notification(char kind, const std::string &member, const std:
 
 class RedisBackend final : public Backend {
  public:
-  explicit RedisBackend(std::unique_ptr<support::RedisServer> server = std::make_unique<support::RedisServer>())
-      : Backend(server->url()), server_(std::move(server)) {}
+  RedisBackend() : RedisBackend(std::make_unique<support::RedisServer>()) {}
   void put_raw(int32_t db, const std::string &key, const std::string &bytes) override {
     const std::string type = key.substr(0, key.find(':'));
     const std::string member = key.substr(type.size() + 1);
@@ -84,6 +83,8 @@ class RedisBackend final : public Backend {
   }
 
  private:
+  explicit RedisBackend(std::unique_ptr<support::RedisServer> server) : Backend(server->url()), server_(std::move(server)) {}
+
   std::unique_ptr<support::RedisServer> server_;
 };
 
@@ -139,21 +140,26 @@ inline constexpr qx_mom_type kPktSig = {&s_policy_kelim__pkt_sig__descriptor, nu
 struct Seen {
   uint32_t cmd = 0;
   int32_t error = 0;
-  bool holder = false;
   uint64_t key = 0;  // first number of its key
+  uint64_t status = 0;
   std::string type;  // of the decoded record; empty without one
   std::string text;  // the record as record_text writes it
   std::string packed;
 };
 
+// The member of that name or, without a name, the first one, as a number; 0 without such a member.
+inline uint64_t number(const ProtobufCMessage *record, const char *name = nullptr) {
+  const auto *field = record->descriptor->fields;
+  if (name) field = protobuf_c_message_descriptor_get_field_by_name(record->descriptor, name);
+  uint64_t value = 0;
+  const bool wide = field && (field->type == PROTOBUF_C_TYPE_UINT64 || field->type == PROTOBUF_C_TYPE_MESSAGE);
+  if (field) std::memcpy(&value, reinterpret_cast<const char *>(record) + field->offset, wide ? 8 : 4);
+  return value;
+}
+
 inline uint64_t first_of_key(const ProtobufCMessage *record) {
-  const auto *index = protobuf_c_message_descriptor_get_field_by_name(record->descriptor, "index");
-  if (!index) return 0;
-  const auto *key = *reinterpret_cast<const char *const *>(reinterpret_cast<const char *>(record) + index->offset);
-  const auto &first = static_cast<const ProtobufCMessageDescriptor *>(index->descriptor)->fields[0];
-  uint64_t number = 0;
-  std::memcpy(&number, key + first.offset, first.type == PROTOBUF_C_TYPE_UINT64 ? 8 : 4);
-  return number;
+  const auto *key = reinterpret_cast<const ProtobufCMessage *>(number(record, "index"));
+  return key ? number(key) : 0;
 }
 
 inline Seen describe(const qx_obj *object) {
@@ -164,7 +170,6 @@ inline Seen describe(const qx_obj *object) {
   const void *value = object->value;
   if (value && (object->cmd == 4 || object->cmd == 6)) {
     const auto *holder = static_cast<const qx_mom_hash_value *>(value);
-    seen.holder = true;
     seen.error = holder->error_code;
     value = holder->record;
   }
@@ -173,6 +178,7 @@ inline Seen describe(const qx_obj *object) {
   seen.type = record->descriptor->name;
   seen.text = record_text::text(record);
   seen.key = first_of_key(record);
+  seen.status = number(record, "status");
   return seen;
 }
 
@@ -212,7 +218,7 @@ inline size_t count(uint32_t cmd, size_t recorder = 0) {
   return static_cast<size_t>(std::count_if(seen.begin(), seen.end(), [&](const Seen &one) { return one.cmd == cmd; }));
 }
 
-inline unsigned connects[3];  // by first, second, third callback
+inline unsigned connects[2];  // by first, second callback
 template <size_t N>
 int count_connect(void *, const char *) {
   ++connects[N];
