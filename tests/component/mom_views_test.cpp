@@ -34,7 +34,7 @@ class MomViews : public testing::Test {
     return reply.at("status") == 0 ? reply.at("data") : reply.at("error");
   }
 
-  World world{make_backend("Embedded"), {{"control.enabled", "true"}}};
+  World world{"Embedded", {{"control.enabled", "true"}}};
 };
 
 TEST_F(MomViews, RecordsAreShownAsPeopleWriteThem) {
@@ -93,7 +93,7 @@ TEST_F(MomViews, CountsAndRefusesClearly) {
   topic[0].erase("high_water_bytes");
   EXPECT_EQ(topic, Json::parse(R"([{"type": "s_policy_kelim.flow", "db": 8, "writes": 0, "high_water_writes": 3, "total": 3,
                                     "refused": 0}])"));
-  world.backend().put_raw(8, "s_policy_kelim.flow:9:0", "\xff");
+  world.put_raw(8, "s_policy_kelim.flow:9:0", "\xff");
   const Json listed = view("mom", {{"op", "ls"}, {"type", "s_policy_kelim.flow"}, {"limit", 2}});
   EXPECT_EQ(listed, Json::parse(R"({"total": 4, "objects": [{"db": 8, "key": "s_policy_kelim.flow:1:0"},
                                                             {"db": 8, "key": "s_policy_kelim.flow:2:0"}]})"));
@@ -130,48 +130,44 @@ class MomWatch : public testing::TestWithParam<std::string> {};
 INSTANTIATE_TEST_SUITE_P(Stores, MomWatch, testing::Values("Embedded", "Redis"), [](const auto &store) { return store.param; });
 
 TEST_P(MomWatch, ShowsEveryChangeWhateverItIsUntilItIsLetGo) {
-  World world(make_backend(GetParam()));
+  World world(GetParam());
   world.connect_all();
   ASSERT_EQ(qx_mom_client_set_reconnect_cb(world.global(), 8, note_reconnect, nullptr), 0);
-  Json lines = Json::array();
+  std::vector<Json> lines;
   auto watching = mom::watch(*mom::hub(), {{"db", 8}}, [&](const auto &line) { lines.push_back(Json(line())); });
-  const auto next = [&] {
-    EXPECT_TRUE(run_until([&] { return !lines.empty(); }));
-    const Json line = lines.empty() ? Json::object() : lines[0];
-    if (!lines.empty()) lines.erase(0);
-    return line;
-  };
-  // The change, "db:change key record".
-  const auto change = [&] {
-    const Json shown = mom::decode_change(next());
-    return shown.at("db").dump() + ":" + shown.value("change", "") + " " + shown.value("key", "") + " " +
-           shown.at("record").dump();
-  };
-  EXPECT_EQ(next(), (Json{{"live", 11}}));  // the types of the schema
+  ASSERT_TRUE(run_until([&] { return !lines.empty(); }));
+  EXPECT_EQ(lines[0], (Json{{"live", 11}}));  // the types of the schema
 
   FlowSta sta(1);
-  const std::string object =
-      R"(s_policy_kelim.flow_sta:1:0 {"index":{"flow_index":1,"vsd_id":0},"rep_uuid":0,"status":"STATUS_NONE"})";
   SPolicyKelim__PktSig signal = S_POLICY_KELIM__PKT_SIG__INIT;
   signal.is_pkt_start = 1;
   ASSERT_EQ(world.set(sta), 0);
-  EXPECT_EQ(change(), "8:written " + object);
   ASSERT_EQ(world.publish(base(&signal)), 0);
-  EXPECT_EQ(change(), "8:published s_policy_kelim.pkt_sig {\"is_pkt_start\":1}");
-  world.backend().put_raw(8, "s_policy_kelim.flow:2:0", "\xff\xff");
-  EXPECT_TRUE(change().ends_with("{\"broken\":true,\"length\":2}"));
+  world.settle();
+  world.put_raw(8, "s_policy_kelim.flow:2:0", "\xff\xff");
   ASSERT_EQ(world.pexpire(sta, 1), 0);
-  world.backend().pass(10ms);
-  EXPECT_EQ(change(), "8:deleted " + object);
-
-  world.backend().cut_connections(8);
+  world.pass(10ms);
+  ASSERT_TRUE(run_until([&] { return lines.size() == 6; }));
+  world.cut_connections(8);
   ASSERT_TRUE(run_until([] { return !reconnects.empty() && reconnects.back() == 2; }));
   ASSERT_EQ(world.set(sta), 0);
-  EXPECT_EQ(change(), "8:written " + object);
+  ASSERT_TRUE(run_until([&] { return lines.size() == 7; }));
   watching.reset();
   ASSERT_EQ(world.set(sta), 0);
   world.settle();
-  EXPECT_EQ(lines, Json::array());
+  std::string shown;
+  for (size_t i = 1; i < lines.size(); ++i) {
+    const Json change = mom::decode_change(lines[i]);
+    const bool broken = change.at("record").contains("broken");
+    shown += change.at("db").dump() + " " + change.value("change", "") + " " + (broken ? "" : change.value("key", "")) + " " +
+             change.at("record").dump() + "\n";
+  }
+  const std::string object =
+      R"(s_policy_kelim.flow_sta:1:0 {"index":{"flow_index":1,"vsd_id":0},"rep_uuid":0,"status":"STATUS_NONE"})";
+  EXPECT_EQ(shown,
+            "8 written " + object + "\n8 published s_policy_kelim.pkt_sig {\"is_pkt_start\":1}\n" +
+                "8 published s_policy_kelim.pkt_sig {\"is_pkt_start\":0}\n8 written  {\"broken\":true,\"length\":2}\n8 deleted " +
+                object + "\n8 written " + object + "\n");
 }
 
 }  // namespace

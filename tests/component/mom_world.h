@@ -7,7 +7,7 @@
 #include <chrono>
 #include <cstring>
 #include <functional>
-#include <memory>
+#include <optional>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -28,70 +28,6 @@
 namespace mom_test {
 
 using namespace std::chrono_literals;
-
-// ---- stores
-
-// A store that runs elsewhere, and what a test needs around one.
-class Backend {
- public:
-  explicit Backend(std::string url) : url_(std::move(url)) {}
-  virtual ~Backend() = default;
-  const std::string &url() const { return url_; }
-  // Lets `ms` of the store's time pass: warps the host's clock, or does nothing where time passes by itself.
-  virtual void pass(std::chrono::milliseconds) {}
-  // Puts bytes under a canonical key, past the client.
-  virtual void put_raw(int32_t, const std::string &, const std::string &) { FAIL(); }
-  // Cuts every connection and lets it come back to the same server.
-  virtual void cut_connections(int32_t) { FAIL(); }
-
- private:
-  std::string url_;
-};
-
-class EmbeddedBackend final : public Backend {
- public:
-  EmbeddedBackend() : Backend("embedded:") {}
-  void pass(std::chrono::milliseconds ms) override { host::clock::warp(ms); }
-  void put_raw(int32_t db, const std::string &key, const std::string &bytes) override {
-    ASSERT_TRUE(mom::testing::put_raw(db, key, {reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size()}));
-  }
-  void cut_connections(int32_t db) override {
-    for (int32_t type : {0, 3, 2}) mom::testing::provoke_reconnect(db, type);
-  }
-};
-
-// What the channels of a type carry.
-inline std::string notification(char kind, const std::string &member, const std::string &record) {
-  std::string text = kind + member + '\0';
-  for (int shift = 0; shift < 32; shift += 8) text.push_back(static_cast<char>(record.size() >> shift));
-  return text + record;
-}
-
-class RedisBackend final : public Backend {
- public:
-  RedisBackend() : RedisBackend(std::make_unique<support::RedisServer>()) {}
-  void put_raw(int32_t db, const std::string &key, const std::string &bytes) override {
-    const std::string type = key.substr(0, key.find(':'));
-    const std::string member = key.substr(type.size() + 1);
-    EXPECT_EQ(server_->command({"SELECT", std::to_string(db)}), "OK");
-    EXPECT_NE(server_->command({"SADD", type, member}).substr(0, 1), "(");
-    EXPECT_EQ(server_->command({"SET", key, std::string(8, '\0') + bytes}), "OK");
-    server_->command({"PUBLISH", std::to_string(db) + ":" + type, notification('W', member, bytes)});
-  }
-  void cut_connections(int32_t) override {
-    for (const char *type : {"normal", "pubsub"}) server_->command({"CLIENT", "KILL", "TYPE", type});
-  }
-
- private:
-  explicit RedisBackend(std::unique_ptr<support::RedisServer> server) : Backend(server->url()), server_(std::move(server)) {}
-
-  std::unique_ptr<support::RedisServer> server_;
-};
-
-inline std::unique_ptr<Backend> make_backend(const std::string &store) {
-  if (store == "Redis") return std::make_unique<RedisBackend>();
-  return std::make_unique<EmbeddedBackend>();
-}
 
 // ---- records
 
@@ -243,10 +179,19 @@ inline int confirm() {
 
 using Settings = std::vector<std::pair<std::string, std::string>>;
 
+// What the channels of a type carry in Redis.
+inline std::string notification(char kind, const std::string &member, const std::string &record) {
+  std::string text = kind + member + '\0';
+  for (int shift = 0; shift < 32; shift += 8) text.push_back(static_cast<char>(record.size() >> shift));
+  return text + record;
+}
+
 class World {
  public:
-  // `settings` are configuration keys and values set before the runtime starts.
-  explicit World(std::unique_ptr<Backend> backend, const Settings &settings = {}) : backend_(std::move(backend)) {
+  // With the store "Embedded", with "Redis" in a server of its own, or with one that is there already, by its URL. `settings` are
+  // configuration keys and values set before the runtime starts.
+  explicit World(const std::string &store, const Settings &settings = {}) {
+    if (store == "Redis") server_.emplace();
     for (auto &recorder : recorders) recorder = {};
     for (auto &count : connects) count = 0;
     confirmed = 0;
@@ -254,7 +199,9 @@ class World {
     on_reconnect = nullptr;
     host::config_reset();
     Settings all = {{"run_dir", dir_.path()},     {"log.target", "file"},           {"log.file", dir_ / "log"},
-                    {"control.enabled", "false"}, {"programmer.embedded", "false"}, {"mom.url", backend_->url()}};
+                    {"control.enabled", "false"}, {"programmer.embedded", "false"}, {"mom.url", store}};
+    if (server_) all.back().second = server_->url();
+    if (store == "Embedded") all.back().second = "embedded:";
     all.insert(all.end(), settings.begin(), settings.end());
     for (const auto &[key, value] : all) EXPECT_EQ(host::config_set(key, value), "");
     global_ = qx_global_init("mom_test", nullptr);
@@ -269,7 +216,32 @@ class World {
 
   qx_global *global() { return global_; }
   const std::string &run_dir() const { return dir_.path(); }
-  Backend &backend() { return *backend_; }
+
+  // Lets `ms` of the embedded store's time pass; elsewhere it passes by itself.
+  void pass(std::chrono::milliseconds ms) {
+    if (!server_) host::clock::warp(ms);
+  }
+  // Puts bytes under a canonical key, past the client.
+  void put_raw(int32_t db, const std::string &key, const std::string &bytes) {
+    if (!server_) {
+      ASSERT_TRUE(mom::testing::put_raw(db, key, {reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size()}));
+      return;
+    }
+    const std::string type = key.substr(0, key.find(':')), member = key.substr(type.size() + 1);
+    EXPECT_EQ(server_->command({"SELECT", std::to_string(db)}), "OK");
+    EXPECT_NE(server_->command({"SADD", type, member}).substr(0, 1), "(");
+    EXPECT_EQ(server_->command({"SET", key, std::string(8, '\0') + bytes}), "OK");
+    server_->command({"PUBLISH", std::to_string(db) + ":" + type, notification('W', member, bytes)});
+  }
+  // Cuts every connection and lets it come back to the same server.
+  void cut_connections(int32_t db) {
+    for (int32_t type : {0, 3, 2}) {
+      if (!server_) mom::testing::provoke_reconnect(db, type);
+    }
+    for (const char *type : {"normal", "pubsub"}) {
+      if (server_) server_->command({"CLIENT", "KILL", "TYPE", type});
+    }
+  }
 
   void connect_all() {
     ASSERT_NE(global_, nullptr);
@@ -353,7 +325,7 @@ class World {
 
  private:
   TempDir dir_;
-  std::unique_ptr<Backend> backend_;
+  std::optional<support::RedisServer> server_;
   qx_global *global_ = nullptr;
   bool watching_[16] = {};
 };

@@ -86,7 +86,7 @@ class ProgrammerTest : public testing::Test {
     return world.get(record, db).text;
   }
 
-  World world{make_backend("Embedded")};
+  World world{"Embedded"};
   std::string told;
 };
 
@@ -285,13 +285,13 @@ TEST_F(ProgrammerTest, SkipsWhatIsNoFlowRecord) {
   flow.record.flow_data = {data.size(), reinterpret_cast<uint8_t *>(data.data())};
   const std::string whole = pack(flow);
   for (size_t length = 0; length <= whole.size(); ++length) {
-    world.backend().put_raw(8, "s_policy_kelim.flow:1:0", whole.substr(0, length));
+    world.put_raw(8, "s_policy_kelim.flow:1:0", whole.substr(0, length));
   }
   // Good are the ends behind each of the three fields.
   EXPECT_EQ(answers(), "1/0 STATUS_INSTALLED\n1/0 STATUS_INSTALLED\n1/1125899906842624 STATUS_INSTALLED\n");
   const std::string key = whole.substr(0, 4);
   for (const std::string &bad : {std::string(11, '\xff'), std::string("\0\1", 2), std::string("\x0b"), std::string("\x0a\5\1")}) {
-    world.backend().put_raw(8, "s_policy_kelim.flow:1:0", key + bad);
+    world.put_raw(8, "s_policy_kelim.flow:1:0", key + bad);
   }
   EXPECT_EQ(answers(), "");
 }
@@ -315,7 +315,7 @@ TEST_F(ProgrammerTest, ChanceFollowsTheSeed) {
     start({.script = "fail=25%", .seed = seed});
     for (uint64_t index = 1; index <= 1000; ++index) put_flow(index, 1);
     const std::string answered = answers();
-    EXPECT_NEAR(std::count(answered.begin(), answered.end(), 'F'), 250, 60);
+    EXPECT_NEAR(std::ranges::count(answered, 'F'), 250, 60);
     EXPECT_EQ(chosen.try_emplace(seed, answered).first->second, answered);
     for (uint64_t index = 1; index <= 1000; ++index) ASSERT_EQ(world.del(Flow(index)), 0);
     rest();
