@@ -277,12 +277,14 @@ TEST_F(FrontDump, CommandsShowTheFlowsTheQueueAndTheSynchronisationAndMoveThePac
 }
 
 TEST_F(FrontDump, CommandsSetTheSwitchesAndShowTheCounters) {
-  EXPECT_EQ(run("ssc_kelim", "kelim_set_dbg", {{"dbg_val", "4a"}}),
-            " Debug kelim - VER: Off, ERROR: On, DS: Off, barrier: On, count: Off, packet: Off, assert: On \n");
-  EXPECT_EQ(ssc_sdn_debug_sw, 0x4au);
-  EXPECT_EQ(run("ssc_kelim", "kelim_set_dbg", {{"dbg_val", "34"}}),
-            " Debug kelim - VER: Off, ERROR: Off, DS: On, barrier: Off, count: On, packet: On, assert: Off \n");
+  for (const auto &[value, shown] :
+       {std::pair{"55", "VER: On, ERROR: Off, DS: On, barrier: Off, count: On, packet: Off, assert: On"},
+        {"66", "VER: Off, ERROR: On, DS: On, barrier: Off, count: Off, packet: On, assert: On"},
+        {"78", "VER: Off, ERROR: Off, DS: Off, barrier: On, count: On, packet: On, assert: On"}})
+    EXPECT_EQ(run("ssc_kelim", "kelim_set_dbg", {{"dbg_val", value}}), std::string(" Debug kelim - ") + shown + " \n");
+  EXPECT_EQ(ssc_sdn_debug_sw, 0x78u);
   EXPECT_EQ(run("ssc_kelim", "kelim_set_count_dbg_sw", {{"sw", "1"}}), " Debug kelim - count_dbg_sw : On\n");
+  EXPECT_EQ(g_sdn_count_dbg_sw, 1u);
   EXPECT_EQ(libproxy_sdn_debug_sw, PROXY_DBG_ERROR);
   EXPECT_EQ(run("ssc_kelim_proxy", "set-debug", {{"ver", "1"}, {"err", "0"}, {"not", "1"}}),
             " -------------------  \n  SET DEBUG: 0x0005   \n -------------------  \n");

@@ -1,6 +1,5 @@
 #include "component/harness.h"
 
-#include <cstring>
 #include <future>
 
 #include "host/log/log.h"
@@ -9,7 +8,6 @@
 #include "kelim/common/kelim_debug.h"
 #include "libss_pthrd.h"
 #include "s_policy_kelim.pb-c.h"
-#include "ssc_kelim/main.h"
 #include "ssc_kelim/sdn/ssc_kelim_adapt.h"
 #include "ssc_kelim/sdn/ssc_kelim_flow_db.h"
 #include "ssc_kelim/sdn/ssc_kelim_init.h"

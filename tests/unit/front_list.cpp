@@ -50,7 +50,6 @@ TEST_F(HandlerList, RunsInOrderWithWhatHandlersAppendAndSkipsNullHandlers) {
   add(nullptr, 0);
   add(append, 2);
   add(note, 3);
-  libss_pthrd_tranv_node(g_mst, nullptr);
   libss_pthrd_tranv_node(g_mst, note);
   EXPECT_EQ(std::exchange(g_ran, {}), (Values{1, 0, 2, 3})) << "a visit sees every node and takes none";
   EXPECT_EQ(libss_pthrd_get_hdl_num(g_mst), 4u);
