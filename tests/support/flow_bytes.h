@@ -20,16 +20,13 @@ inline Bytes operator+(Bytes left, const Bytes &right) {
 // Hexadecimal digits; blanks are ignored.
 inline Bytes hex(std::string_view digits) {
   Bytes out;
-  int high = -1;
+  unsigned byte = 1;
   for (const char c : digits) {
     if (c == ' ') continue;
-    const int nibble = c <= '9' ? c - '0' : c - 'a' + 10;
-    if (high < 0) {
-      high = nibble;
-    } else {
-      out.push_back(static_cast<std::byte>(high << 4 | nibble));
-      high = -1;
-    }
+    byte = byte << 4 | static_cast<unsigned>(c <= '9' ? c - '0' : c - 'a' + 10);
+    if (byte < 0x100) continue;
+    out.push_back(static_cast<std::byte>(byte));
+    byte = 1;
   }
   return out;
 }
@@ -39,6 +36,11 @@ Bytes le(T number) {
   Bytes out(sizeof number);
   std::memcpy(out.data(), &number, sizeof number);
   return out;
+}
+
+// A 16-bit number of the message, in place.
+inline void put16(Bytes &message, std::size_t offset, std::size_t number) {
+  std::memcpy(message.data() + offset, &number, 2);
 }
 
 inline Bytes padded(Bytes bytes) {
@@ -66,12 +68,6 @@ inline Bytes set_field(std::uint32_t header, const Bytes &value) {
   return action(25, Bytes(payload.begin(), payload.end() - 4));
 }
 
-// A 16-bit number of the message, in place.
-inline void put16(Bytes &message, std::size_t offset, std::size_t number) {
-  const auto value = static_cast<std::uint16_t>(number);
-  std::memcpy(message.data() + offset, &value, sizeof value);
-}
-
 struct Flow {
   std::uint64_t index = 7;
   Bytes match;
@@ -81,17 +77,12 @@ struct Flow {
 };
 
 inline Bytes flow_mod(const Flow &flow) {
-  Bytes message = Bytes(8) + le(flow.index) + Bytes(24);
+  Bytes message = le(std::uint16_t{10}) + le(std::uint16_t{4}) + Bytes(4) + le(flow.index) + Bytes(24);
   message = message + le(std::uint16_t{1}) + le(static_cast<std::uint16_t>(flow.match.size())) + flow.match;
   // The instruction block begins at 40 + (match length + 11 rounded down to a multiple of 8).
   message.resize(40 + (flow.match.size() + 11) / 8 * 8);
-  if (flow.instructions) {
-    const auto listed =
-        static_cast<std::int32_t>(flow.actions_len < 0 ? static_cast<std::int64_t>(flow.actions.size()) : flow.actions_len);
-    message = message + le(listed) + Bytes(4) + flow.actions;
-  }
-  put16(message, 0, 10);
-  put16(message, 2, 4);
+  const auto listed = flow.actions_len < 0 ? static_cast<std::int64_t>(flow.actions.size()) : flow.actions_len;
+  if (flow.instructions) message = message + le(static_cast<std::int32_t>(listed)) + Bytes(4) + flow.actions;
   put16(message, 4, message.size());
   return message;
 }

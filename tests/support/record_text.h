@@ -18,13 +18,9 @@ inline std::string hex(std::uint64_t number) {
   return text;
 }
 
-inline std::string digits(const std::uint8_t *bytes, std::size_t len) {
+inline std::string digits(const void *bytes, std::size_t len) {
   std::string out;
-  char text[3];
-  for (std::size_t i = 0; i < len; i++) {
-    std::snprintf(text, sizeof text, "%02x", bytes[i]);
-    out += text;
-  }
+  for (std::size_t i = 0; i < len; i++) out += hex(0x100u + static_cast<const std::uint8_t *>(bytes)[i]).substr(3);
   return out;
 }
 
@@ -37,11 +33,10 @@ inline std::string value_text(const ProtobufCFieldDescriptor &field, const void 
     case PROTOBUF_C_TYPE_MESSAGE: {
       const auto *message = *static_cast<ProtobufCMessage *const *>(at);
       if (!message) return "";
+      const std::string inner = text(message);
       const bool wrapper = message->descriptor->n_fields == 1 && std::strcmp(message->descriptor->fields[0].name, "data") == 0;
-      if (!wrapper) return "{" + text(message) + "}";
-      const auto &data = message->descriptor->fields[0];
-      const std::string bare = value_text(data, reinterpret_cast<const char *>(message) + data.offset);
-      return bare.empty() ? "0" : bare;
+      if (!wrapper) return "{" + inner + "}";
+      return inner.empty() ? "0" : inner.substr(std::strlen("data="));
     }
     case PROTOBUF_C_TYPE_BYTES: {
       const auto *bytes = static_cast<const ProtobufCBinaryData *>(at);
@@ -51,13 +46,10 @@ inline std::string value_text(const ProtobufCFieldDescriptor &field, const void 
       const char *string = *static_cast<char *const *>(at);
       return string && *string ? "'" + std::string(string) + "'" : "";
     }
-    case PROTOBUF_C_TYPE_UINT64:
-      std::memcpy(&number, at, 8);
-      break;
     default:
-      std::memcpy(&number, at, 4);
+      std::memcpy(&number, at, field.type == PROTOBUF_C_TYPE_UINT64 ? 8 : 4);
+      return number ? hex(number) : "";
   }
-  return number ? hex(number) : "";
 }
 
 inline std::string text(const ProtobufCMessage *message) {
