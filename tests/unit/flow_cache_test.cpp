@@ -72,6 +72,8 @@ TEST_F(FlowCache, buckets) {
   EXPECT_EQ(in_buckets(7, 1), Indexes{0x1122334455667788});
   add(0x1122334455667788, 9);
   EXPECT_EQ(in_buckets(1, 1), Indexes{0x1122334455667788});
+  for (std::uint64_t flow = 100; flow < 1100; flow++) ssc_kelim_del_flow_node(add(flow));
+  EXPECT_EQ(flow_info_list->n_buckets, 8u) << "deletions do not make it grow";
   flow_info_node dirty = key_of(0x1122334455667788);
   dirty.filler = 1;
   EXPECT_EQ(ssc_kelim_find_flow_node(&dirty), nullptr) << "all sixteen key bytes count";
@@ -94,7 +96,6 @@ TEST_F(FlowCache, agrees_with_a_map_under_random_churn) {
     }
     ASSERT_EQ(flow_info_hash_size(), model.size());
     ASSERT_LE(flow_info_list->n_occupied, flow_info_list->upper_bound);
-    ASSERT_LE(flow_info_list->n_buckets, 8192u) << "deletions do not make it grow";
   }
   const auto cross_off = [](flow_info_node *node, void *arg) {
     return static_cast<std::int32_t>(1 - static_cast<decltype(model) *>(arg)->erase({node->flow_index, node->vsd_id}));
