@@ -77,9 +77,9 @@ class DatabaseInRedis(Database):
         self.assertIn("what was asked for", self.running.ask("audit"))
         e2e.redis(self.running.socket, "COPY", f"s_policy_kelim.flow:{key}", "s_policy_kelim.flow:999:0")
         e2e.redis(self.running.socket, "SADD", "s_policy_kelim.flow", "999:0")
-        self.assertEqual(len(self.running.ask_json("mom", "ls", "flow", "--limit", 1)["objects"]), 1)
         shown = {f"{row['index']}:0": row["state"] for row in self.running.ask_json("flows")["flows"]}
         self.assertEqual(shown, {key: "installed", "999:0": "not asked"})
+        self.assertIn("the lists are cut", self.running.ask("flows", "--limit", 1))
         e2e.redis(self.running.socket, "DEL", f"s_policy_kelim.flow:{key}", "s_policy_kelim.flow:999:0")
         audit = self.running.kelimctl("audit", "--json")
         difference = {"kind": "flow", "number": int(key.split(":")[0]), "what": "is not stored"}
