@@ -42,6 +42,15 @@ class Results(e2e.Test):
         self.assertEqual([client.receive().type for _ in range(3)], [openflow.FLOW_REMOVED] * 3)
         self.assertEqual((len(self.stored(running, "flow")), len(running.ask_json("flows")["flows"])), (7, 7))
 
+    def test_a_flow_that_waits_for_the_service_chain_goes_with_all_others(self):
+        running = self.daemon(programmer_service_chain="false", openflow_decide_timeout_ms=60000)
+        client = self.client(running)
+        client.send(openflow.FLOW_MOD, openflow.flow_mod(openflow.ADD, *openflow.tcp_flow(1), table=1))
+        self.await_that(lambda: self.stored(running, "parse_flow"), "the request to the service chain")
+        client.delete_all()
+        self.await_that(lambda: not self.stored(running, "parse_flow"), "its end")
+        self.assertNotIn("flow_index", running.command("dump_ssc_all_flow_info"))
+
     def test_statistics_of_six_hundred_flows_come_whole_in_one_sequence(self):
         running = self.daemon(programmer_counter_interval_ms=100, programmer_counter_rate=1000)
         client = self.client(running)

@@ -1,7 +1,5 @@
-// The runtime: timers on the host's clock, work from other threads, making it again in one process.
+// The runtime: timers on the host's clock, making it again in one process.
 #include <gtest/gtest.h>
-
-#include <thread>
 
 #include "host/runtime/loop.h"
 #include "host/runtime/services.h"
@@ -58,20 +56,6 @@ TEST_F(Runtime, ATimerThatRearmsItselfWithoutDelayLetsTheLoopTurn) {
   ASSERT_EQ(qx_thread_insert_timer_timeval(global->master, &t, note, &fired, 0, 0, "again"), 0);
   EXPECT_TRUE(host::run_until([&] { return fired.before_post > 0 && fired.names.size() > 1; }, kPatience));
   EXPECT_LE(fired.before_post, 2u);
-}
-
-TEST_F(Runtime, WorkOfManyThreadsArrivesOnceAndInEachOnesOrder) {
-  constexpr int kThreads = 4, kEach = 2000;
-  std::vector<int> next(kThreads, 0);
-  int out_of_order = 0;
-  std::vector<std::jthread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < kEach; ++i) host::post([&, t, i] { out_of_order += next[t]++ != i; });
-    });
-  }
-  EXPECT_TRUE(host::run_until([&] { return next == std::vector<int>(kThreads, kEach); }, kPatience));
-  EXPECT_EQ(out_of_order, 0);
 }
 
 TEST_F(Runtime, ItIsReleasedWholeAndCanBeMadeAgain) {
