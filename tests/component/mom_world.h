@@ -7,7 +7,9 @@
 #include <chrono>
 #include <cstring>
 #include <functional>
+#include <map>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -175,9 +177,46 @@ inline int confirm() {
   return 0;
 }
 
-// ---- the process
-
 using Settings = std::vector<std::pair<std::string, std::string>>;
+
+// ---- calls
+
+inline int get(qx_global *global, int32_t db, ProtobufCMessage *record, int64_t) {
+  auto *object = reinterpret_cast<qx_obj *>(1);
+  const int rv = qx_mom_get_sync(global, db, record, 0, &object);
+  EXPECT_EQ(object != nullptr, rv == 0);
+  qx_mom_qx_obj_free(object);
+  return rv;
+}
+
+inline int ignore(const qx_obj *, void *) {
+  return 0;
+}
+
+// Every call, with a tag or milliseconds where it takes some.
+using Op = int (*)(qx_global *, int32_t, ProtobufCMessage *, int64_t);
+inline const std::map<std::string, Op> kOps = {
+    {"set", [](auto g, auto db, auto r, auto) { return qx_mom_set(g, db, r, 0, 0); }},
+    {"tag", [](auto g, auto db, auto r, auto tag) { return qx_mom_setow(g, db, r, 0, 0, tag); }},
+    {"setnx", [](auto g, auto db, auto r, auto) { return qx_mom_setnx_sync(g, db, r, 0, 0); }},
+    {"del", [](auto g, auto db, auto r, auto) { return qx_mom_del(g, db, r, 0, 0); }},
+    {"del_sync", [](auto g, auto db, auto r, auto) { return qx_mom_del_sync(g, db, r, 0, 0); }},
+    {"get", get},
+    {"scan", [](auto g, auto db, auto r, auto) { return qx_mom_scan_sync(g, db, r, 0, ignore, nullptr); }},
+    {"publish", [](auto g, auto db, auto r, auto) { return qx_mom_publish(g, db, r, 0, 0); }},
+    {"expire", [](auto g, auto db, auto r, auto ms) { return qx_mom_pexpire(g, db, r, 0, uint32_t(ms), 0, confirm, nullptr); }},
+    {"keep", [](auto g, auto db, auto r, auto) { return qx_mom_del_expire(g, db, r, 0, 0, nullptr); }},
+    {"drop", [](auto g, auto db, auto r, auto tag) { return qx_mom_del_expire_ow(g, db, r, 0, 0, nullptr, tag); }},
+};
+
+template <typename Record>
+int on(qx_global *global, Op op, uint64_t key, int64_t number) {
+  Record record(key);
+  record.record.status = static_cast<SPolicyKelim__StatusE>(number & 15);
+  return op(global, 8, record, number);
+}
+
+// ---- the process
 
 // What the channels of a type carry in Redis.
 inline std::string notification(char kind, const std::string &member, const std::string &record) {
@@ -290,9 +329,23 @@ class World {
   int del_sync(ProtobufCMessage *record, int32_t db = 8) { return qx_mom_del_sync(global_, db, record, 0, 0); }
   int publish(ProtobufCMessage *record, int32_t db = 8) { return qx_mom_publish(global_, db, record, 0, 0); }
   int pexpire(ProtobufCMessage *record, uint32_t ms) { return qx_mom_pexpire(global_, 8, record, 0, ms, 0, confirm, nullptr); }
-  int del_expire(ProtobufCMessage *record) { return qx_mom_del_expire(global_, 8, record, 0, 0, nullptr); }
-  int del_expire_ow(ProtobufCMessage *record, int64_t tag) {
-    return qx_mom_del_expire_ow(global_, 8, record, 0, 0, nullptr, tag);
+
+  // Does "OP TYPE[:KEY] [NUMBER] [gives CODE]" for each step between semicolons; without a key, with every object. The number is
+  // a tag or milliseconds, and the record's status.
+  void run(const std::string &steps) {
+    std::istringstream rest(steps);
+    for (std::string step; std::getline(rest, step, ';');) {
+      std::istringstream words(step);
+      std::string op, type, gives;
+      int64_t number = 0, code = 0;
+      words >> op >> type >> number;
+      words.clear();
+      words >> gives >> code;
+      const size_t colon = type.find(':');
+      const uint64_t key = colon == std::string::npos ? 0 : std::stoull(type.substr(colon + 1));
+      const auto perform = type.starts_with("flow_sta") ? on<FlowSta> : type.starts_with("flow") ? on<Flow> : on<Meter>;
+      EXPECT_EQ(perform(global_, kOps.at(op), key, number), code) << step;
+    }
   }
 
   // Writes every `step`th flow up to `last`, with tag 1.

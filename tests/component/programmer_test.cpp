@@ -124,11 +124,11 @@ TEST_F(ProgrammerTest, DelaysOvertakeEachOtherAndADeletedFlowIsForgotten) {
 TEST_F(ProgrammerTest, OwesAnswersWhileTheDatabaseIsFull) {
   start();
   host::fault::fail(host::fault::Point::mom_set, -14, 0, 2);
-  for (const uint64_t index : {1, 2}) put_flow(index, 10 + index);
+  for (const uint64_t index : {1, 2, 3}) put_flow(index, 10 + index);
   EXPECT_EQ(answers(), "");
   host::clock::warp(20ms);
   run_until([] { return host::fault::seen(host::fault::Point::mom_set) == 2; });
-  EXPECT_EQ(answers_after(20ms), "1/11 STATUS_INSTALLED\n2/12 STATUS_INSTALLED\n");
+  EXPECT_EQ(answers_after(20ms), "1/11 STATUS_INSTALLED\n2/12 STATUS_INSTALLED\n3/13 STATUS_INSTALLED\n");
 }
 
 TEST_F(ProgrammerTest, CountersGrowAndAreWrittenOnlyWhenTheyChanged) {
