@@ -80,29 +80,26 @@ TEST_P(MomConformance, ConnectionsServeTheirKindOfCall) {
   world.emplace(GetParam());
   qx_global *global = world->global();
   Flow flow(1);
-  Meter meter(1);
   for (const auto &[name, call] : kOps) EXPECT_EQ(call(global, 8, flow, 1), -1) << name;
   EXPECT_EQ(world->subscribe<0>(Flow::kType), -1);
   ASSERT_EQ(qx_mom_client_connect_sync(global, 8), 0);
   world->run("setnx flow:1; set flow:1 gives -1");
 
-  ASSERT_EQ(qx_mom_client_connect(global, 8, count_connect<0>, "one"), 0);
-  EXPECT_EQ(connects[0], 0u);  // never from inside the call
-  ASSERT_TRUE(run_until([] { return connects[0] == 1; }));
-  ASSERT_EQ(qx_mom_client_connect(global, 8, count_connect<1>, nullptr), 0);
-  ASSERT_TRUE(run_until([] { return connects[1] == 1; }));
+  for (unsigned client = 0; client < 2; ++client) {
+    ASSERT_EQ(qx_mom_client_connect(global, 8, count_connect, nullptr), 0);
+    EXPECT_EQ(connects, client);  // never from inside the call
+    ASSERT_TRUE(run_until([&] { return connects == client + 1; }));
+  }
   world->watch<0>(Flow::kType);
   world->watch<1>(Flow::kType, 8, QX_MOM_PACKED);
   world->watch<1>(Meter::kType, 8, QX_MOM_PACKED);
-  EXPECT_EQ(world->set(flow), 0);
-  EXPECT_EQ(world->set(meter), 0);
+  world->run("set flow:1; set meter:1");
   world->settle();
   EXPECT_EQ(trace(recorders[0].seen), "1:1");
   ASSERT_EQ(trace(recorders[1].seen), "1:0 1:0");
   EXPECT_EQ(recorders[1].seen[0].packed, pack(flow));
-  EXPECT_EQ(recorders[1].seen[1].packed, pack(meter));
+  EXPECT_EQ(recorders[1].seen[1].packed, pack(Meter(1)));
   EXPECT_TRUE(recorders[0].seen[0].packed.empty());
-  EXPECT_EQ(connects[0], 1u);
 }
 
 // ---- objects and their notifications
@@ -156,10 +153,8 @@ const Journey kJourneys[] = {
 
 std::string list(const std::vector<Seen> &seen) {
   std::string out;
-  for (const Seen &one : seen) {
-    EXPECT_EQ(one.error, 0);
+  for (const Seen &one : seen)
     out += one.type.substr(one.type.find('.') + 1) + " " + trace({one}) + "=" + std::to_string(one.status) + ", ";
-  }
   return out;
 }
 
