@@ -57,9 +57,8 @@ class Tls : public AgentTest {
  protected:
   void configure() override {
     AgentTest::configure();
-    ours_.write_certificate(dir / "cert.pem");
-    ours_.write_key(dir / "key.pem");
-    authority_.write_certificate(dir / "ca.pem");
+    ours_.write(dir / "cert.pem", dir / "key.pem");
+    authority_.write(dir / "ca.pem", dir / "other.pem");
     set("openflow.listen", "pssl:127.0.0.1:0");
     set("openflow.tls_cert", dir / "cert.pem");
     set("openflow.tls_key", dir / "key.pem");
@@ -73,21 +72,19 @@ class Tls : public AgentTest {
     AgentTest::TearDown();
     host::log::set_tap(nullptr);
   }
-  bool logged(const std::string &text) {
-    const std::lock_guard lock(mutex_);
-    return log_.find(text) != std::string::npos;
-  }
+  bool is_listened_to() override { return false; }
   std::string log() {
     const std::lock_guard lock(mutex_);
     return log_;
   }
   // A peer that is not served: its connection ends, and the log says why.
-  void expect_refused(Controller &c, const char *why) {
-    c.send(hello(), 1s);
-    EXPECT_TRUE(until([&] { return c.ended(); }));
-    EXPECT_TRUE(until([&] { return logged(why); })) << log();
-    EXPECT_TRUE(c.received().empty());
+  void expect_refused(Controller &peer, const char *why) {
+    peer.send(hello(), 1s);
+    EXPECT_TRUE(until([&] { return peer.ended(); }));
+    EXPECT_TRUE(until([&] { return log().find(why) != std::string::npos; })) << log();
+    EXPECT_TRUE(peer.received().empty());
     EXPECT_TRUE(daemon.of_type(southbound::kOpen).empty());
+    warp(1s);
   }
 
   static inline const Identity authority_{"authority"}, ours_{"switch", &authority_}, theirs_{"controller", &authority_};
@@ -96,102 +93,69 @@ class Tls : public AgentTest {
   std::string log_;
 };
 
-TEST_F(Tls, AControllerOfTheSameAuthorityIsServed) {
-  TlsController c;
-  c.connect(port);
-  c.speak_tls(&theirs_);
-  ASSERT_TRUE(c.send(hello()));
-  Message flows;
-  for (std::uint32_t i = 1; i <= 2000; ++i) append(flows, flow_mod(ipv4_flow(i, i)));
-  ASSERT_TRUE(c.send(flows));
-  ASSERT_TRUE(c.settle());
-  EXPECT_EQ(daemon.flows(true).size(), 2000u);
-  // More than a record of TLS holds, both ways.
-  const Message dump = message(
-      18, 9, hex("0001 0000 00000000 ff000000 ffffffff ffffffff 00000000 0000000000000000 0000000000000000 0001000400000000"));
-  ASSERT_TRUE(c.send(dump + message(2, 0xecc0, Message(40'000))));
-  EXPECT_EQ(c.await(3).size(), 40'008u);
-  EXPECT_EQ(c.of_type(19).size(), 4u);
-  EXPECT_TRUE(log().empty()) << log();
-}
-
-TEST_F(Tls, OthersAreNotServedAndNamedInTheLog) {
-  TlsController nameless;
+TEST_F(Tls, AControllerOfTheSameAuthorityIsServedAndOthersAreNamedInTheLog) {
+  TlsController nameless, stranger, served;
   nameless.connect(port);
   nameless.speak_tls(nullptr);
   expect_refused(nameless, "came by pssl:127.0.0.1:0 and is no controller: TLS: peer did not return a certificate");
-  warp(1s);
-  TlsController stranger;
   stranger.connect(port);
   stranger.speak_tls(&stranger_);
   expect_refused(stranger, "TLS: certificate verify failed: unable to get local issuer certificate");
-  warp(1s);
   Controller plain(port);
   expect_refused(plain, "TLS: wrong version number");
+
+  served.connect(port);
+  served.speak_tls(&theirs_);
+  Message flows;
+  for (std::uint32_t i = 1; i <= 2000; ++i) append(flows, flow_mod(ipv4_flow(i, i)));
+  ASSERT_TRUE(served.send(hello() + flows));
+  ASSERT_TRUE(served.settle());
+  EXPECT_EQ(daemon.flows(true).size(), 2000u);
+  // More than a record of TLS holds, both ways.
+  ASSERT_TRUE(served.send(dump_request(9) + message(2, 0xecc0, Message(40'000))));
+  EXPECT_EQ(served.await(3).size(), 40'008u);
+  EXPECT_EQ(served.of_type(19).size(), 4u);
 }
 
-class TlsDialing : public Tls {
+class Dialing : public Tls {
  protected:
-  bool starts_at_once() override { return false; }
-  void SetUp() override {
-    Tls::SetUp();
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    ASSERT_EQ(::bind(listener_, reinterpret_cast<sockaddr *>(&address), length), 0);
-    ASSERT_EQ(::listen(listener_, 5), 0);
-    ::getsockname(listener_, reinterpret_cast<sockaddr *>(&address), &length);
-    set("openflow.connect", "ssl:127.0.0.1:" + std::to_string(ntohs(address.sin_port)));
+  void configure() override {
+    Tls::configure();
     set("openflow.listen", "");
-    start();
+    set("openflow.connect", "ssl:" + secret_.address() + ",tcp:" + open_.address());
   }
-  void TearDown() override {
-    ::close(listener_);
-    Tls::TearDown();
-  }
-  // The next connection of the agent, served with this identity.
-  void serve(TlsController &c, const Identity &identity) {
-    int fd = -1;
-    ASSERT_TRUE(until([&] { return (fd = ::accept(listener_, nullptr, nullptr)) >= 0; }));
-    c.adopt(fd);
-    c.speak_tls(&identity, true);
-  }
-  int listener_ = -1;
+  Listener secret_, open_;
 };
 
-TEST_F(TlsDialing, TheControllersCertificateIsChecked) {
+TEST_F(Dialing, ChecksTheCertificateAndComesBackAfterALoss) {
   TlsController wrong, right;
-  serve(wrong, stranger_);
+  secret_.accept(wrong);
+  wrong.speak_tls(&stranger_, true);
   expect_refused(wrong, "TLS: certificate verify failed: unable to get local issuer certificate; trying again");
-  serve(right, theirs_);
+  secret_.accept(right);
+  right.speak_tls(&theirs_, true);
   ASSERT_TRUE(right.send(hello()));
   EXPECT_EQ(get(right.ask(message(5, 1)), 1, 1), 6u);
+  for (int round = 0; round < 3; ++round) {
+    Controller plain;
+    open_.accept(plain);
+    plain.send(hello());
+    EXPECT_EQ(get(plain.ask(message(5, 1)), 1, 1), 6u) << "round " << round;
+  }
 }
 
-struct FileCase {
-  const char *label, *cert, *key, *ca, *says;
-};
-
 // The start goes on without the endpoint; the log names file and reason.
-TEST_F(TlsDialing, FilesThatCannotBeUsedAreNamed) {
-  const FileCase cases[] = {
-      {"no certificate", "missing.pem", "key.pem", "", "certificate \"missing.pem\": "},
-      {"no key", "cert.pem", "missing.pem", "", "key \"missing.pem\": "},
-      {"a key that is none", "cert.pem", "ca.pem", "", "key \"ca.pem\": "},
-      {"another's key", "cert.pem", "other.pem", "", "key values mismatch"},
-      {"authorities that are none", "cert.pem", "key.pem", "key.pem", "authorities \"key.pem\": "},
-  };
-  theirs_.write_key(dir / "other.pem");
-  for (const FileCase &f : cases) {
+TEST_F(Tls, FilesThatCannotBeUsedAreNamed) {
+  const auto refused = [this](const char *cert, const char *key, const char *ca, const char *what, const std::string &file) {
     std::string error;
-    const auto path = [this](const char *name) { return *name ? dir / name : std::string(); };
-    EXPECT_EQ(host::of_ss::load_tls(path(f.cert), path(f.key), path(f.ca), error), nullptr) << f.label;
-    std::string short_error = error;
-    if (const auto at = short_error.find(dir.path() + "/"); at != std::string::npos) short_error.erase(at, dir.path().size() + 1);
-    EXPECT_NE(short_error.find(f.says), std::string::npos) << f.label << ": " << error;
-  }
+    EXPECT_EQ(host::of_ss::load_tls(dir / cert, dir / key, dir / ca, error), nullptr);
+    EXPECT_NE(error.find(file.empty() ? what : what + (" \"" + (dir / file)) + "\": "), std::string::npos) << error;
+  };
+  refused("missing.pem", "key.pem", "ca.pem", "certificate", "missing.pem");
+  refused("cert.pem", "missing.pem", "ca.pem", "key", "missing.pem");
+  refused("cert.pem", "ca.pem", "ca.pem", "key", "ca.pem");
+  refused("cert.pem", "other.pem", "ca.pem", "key values mismatch", "");
+  refused("cert.pem", "key.pem", "key.pem", "authorities", "key.pem");
 }
 
 }  // namespace

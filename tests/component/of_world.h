@@ -2,8 +2,6 @@
 // and the test decides when and how the daemon answers.
 #pragma once
 
-#include <arpa/inet.h>
-#include <errno.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -11,15 +9,13 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstring>
 #include <mutex>
-#include <string>
-#include <vector>
 
 #include "host/of_ss/testing.h"
 #include "host/runtime/loop.h"
 #include "of_ss.h"
 #include "qx_mom.h"
+#include "s_policy_kelim.pb-c.h"
 #include "southbound.h"
 #include "support/of_wire.h"
 #include "support/runtime_fixture.h"
@@ -61,13 +57,18 @@ class PlayedDaemon {
     hold_ = hold;
   }
   void answer_barriers() {
-    hold_barriers(false);
-    for (Message &barrier : held()) answer(barrier);
+    std::vector<Message> held;
+    {
+      const std::lock_guard lock(mutex_);
+      hold_ = false;
+      held.swap(held_);
+    }
+    for (const Message &barrier : held) answer(barrier);
   }
   // Counters that are given for every statistics request.
   void count(std::uint64_t index, std::uint64_t packets, std::uint64_t bytes) {
     const std::lock_guard lock(mutex_);
-    counters_.push_back({index, packets, bytes});
+    counters_.push_back(reply(southbound::kStatReply, {{index, 8}, {packets, 8}, {bytes, 8}, {0, 8}}));
   }
 
   std::vector<Message> messages() const {
@@ -97,37 +98,26 @@ class PlayedDaemon {
   }
 
   // Replies, as the daemon sends them.
-  static void fail(std::uint64_t index, std::uint32_t result) {
-    Message reply = message(southbound::kFlowResult, southbound::kFlowResultLen);
-    southbound::put(reply.data(), southbound::kFlowIndex, index);
-    southbound::put(reply.data(), southbound::kFlowResultCode, result);
-    ASSERT_EQ(of_ss_send_msg(reply.data(), static_cast<std::uint32_t>(reply.size())), 0);
-  }
-  static void capacity(std::uint32_t flows) {
-    Message reply = message(southbound::kCapacity, southbound::kCapacityLen);
-    southbound::put(reply.data(), southbound::kCapacityFlows, flows);
-    of_ss_send_msg(reply.data(), static_cast<std::uint32_t>(reply.size()));
-  }
+  static void fail(std::uint64_t index, std::uint32_t result) { send(reply(southbound::kFlowResult, {{index, 8}, {result, 8}})); }
+  static void capacity(std::uint32_t flows) { send(reply(southbound::kCapacity, {{0, 8}, {0, 4}, {flows, 4}})); }
   static void fail_meter(std::uint32_t id, std::uint32_t result) {
-    Message reply = message(southbound::kMeterResult, southbound::kMeterResultLen);
-    southbound::put(reply.data(), southbound::kMeterResultId, id);
-    southbound::put(reply.data(), southbound::kMeterResultCode, result);
-    of_ss_send_msg(reply.data(), static_cast<std::uint32_t>(reply.size()));
+    send(reply(southbound::kMeterResult, {{id, 4}, {result, 4}}));
   }
   static void report(std::uint64_t index, std::uint64_t packets, std::uint64_t bytes) {
-    Message reply = message(southbound::kPackedReport, southbound::kCells + southbound::kCellLen);
-    southbound::put(reply.data(), southbound::kCells, index);
-    southbound::put(reply.data(), southbound::kCells + 8, packets);
-    southbound::put(reply.data(), southbound::kCells + 16, bytes);
-    of_ss_send_msg(reply.data(), static_cast<std::uint32_t>(reply.size()));
+    send(reply(southbound::kPackedReport, {{index, 8}, {packets, 8}, {bytes, 8}}));
   }
 
  private:
-  static Message message(std::uint16_t type, std::size_t length) {
-    Message m(length);
-    southbound::put_header(m.data(), type, 4, static_cast<std::uint16_t>(length), 1);
+  // A message of that type with these numbers, each with its width, the least significant byte first.
+  static Message reply(std::uint16_t type, std::initializer_list<std::pair<std::uint64_t, int>> numbers) {
+    Message m = hex("0000 0400 0000 0100");
+    for (auto [value, width] : numbers)
+      for (; width--; value >>= 8) m.push_back(std::byte(value));
+    southbound::put(m.data(), southbound::kType, type);
+    southbound::put(m.data(), southbound::kLen, static_cast<std::uint16_t>(m.size()));
     return m;
   }
+  static void send(Message m) { of_ss_send_msg(m.data(), static_cast<std::uint32_t>(m.size())); }
   static Message text(const char *name) {
     const auto *at = reinterpret_cast<const std::byte *>(name);
     return Message(at, at + strlen(name) + 1);
@@ -139,42 +129,25 @@ class PlayedDaemon {
   }
   static void answer(Message barrier) {
     southbound::put(barrier.data(), southbound::kType, std::uint16_t{southbound::kBarrierReply});
-    of_ss_send_msg(barrier.data(), southbound::kBarrierLen);
+    send(std::move(barrier));
   }
-  std::vector<Message> held() {
-    const std::lock_guard lock(mutex_);
-    return std::exchange(held_, {});
-  }
-  void record(Message m) {
+  void record(const Message &m) {
     const auto type = southbound::get<std::uint16_t>(m.data(), 0);
-    bool now;
-    std::vector<Counter> counters;
+    std::vector<Message> barriers, counters;
     {
       const std::lock_guard lock(mutex_);
       messages_.push_back(m);
-      now = !hold_;
-      if (type == southbound::kBarrierRequest && hold_) held_.push_back(m);
+      if (type == southbound::kBarrierRequest) (hold_ ? held_ : barriers).push_back(m);
       if (type == southbound::kStatRequest) counters = counters_;
     }
-    if (type == southbound::kBarrierRequest && now) answer(m);
-    for (const Counter &c : counters) send_counter(c);
-  }
-  struct Counter {
-    std::uint64_t index, packets, bytes;
-  };
-  static void send_counter(const Counter &c) {
-    Message reply = message(southbound::kStatReply, southbound::kStatReplyLen);
-    southbound::put(reply.data(), southbound::kStatIndex, c.index);
-    southbound::put(reply.data(), southbound::kStatPackets, c.packets);
-    southbound::put(reply.data(), southbound::kStatBytes, c.bytes);
-    of_ss_send_msg(reply.data(), static_cast<std::uint32_t>(reply.size()));
+    for (const Message &barrier : barriers) answer(barrier);
+    for (const Message &counter : counters) send(counter);
   }
 
   static inline PlayedDaemon *self = nullptr;
   mutable std::mutex mutex_;
   bool hold_ = false;
-  std::vector<Message> messages_, held_;
-  std::vector<Counter> counters_;
+  std::vector<Message> messages_, held_, counters_;
 };
 
 // A controller: a socket and what came from it.
@@ -187,23 +160,20 @@ class Controller {
   Controller &operator=(const Controller &) = delete;
 
   void connect(std::uint16_t port, in_addr_t to = htonl(INADDR_LOOPBACK)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = to;
+    const sockaddr_in address{.sin_family = AF_INET, .sin_port = htons(port), .sin_addr = {to}, .sin_zero = {}};
     adopt(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const int on = 1;
     setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    ASSERT_EQ(::connect(fd_, reinterpret_cast<sockaddr *>(&address), sizeof address), 0) << strerror(errno);
+    ASSERT_EQ(::connect(fd_, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0) << strerror(errno);
   }
   void adopt(int fd) {
     close();
     fd_ = fd;
+    ended_ = false;
   }
   void close() {
     if (fd_ >= 0) ::close(std::exchange(fd_, -1));
   }
-  void limit_receive_buffer(int bytes) { setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes); }
 
   // Sends all of it, letting the loop turn where the peer does not take it at once; false when it does not.
   bool send(const Message &bytes, std::chrono::milliseconds limit = kPatience) {
@@ -224,10 +194,8 @@ class Controller {
   void read() {
     std::byte chunk[65536];
     for (ssize_t n; fd_ >= 0 && (n = get_some(chunk)) >= 0;) {
-      if (n == 0) {
-        ended_ = true;
-        return;
-      }
+      if (n == 0) ended_ = true;
+      if (ended_) return;
       input_.insert(input_.end(), chunk, chunk + n);
       cut();
     }
@@ -250,7 +218,7 @@ class Controller {
   }
   void forget() { received_.clear(); }
 
-  // Waits for the n-th message of a type, or of a type and xid; an empty message when it does not come.
+  // Waits for the n-th message of a type; an empty message when it does not come.
   Message await(std::uint8_t type, std::size_t n = 1) {
     host::run_until([&] { return of_type(type).size() >= n || ended_; }, kPatience);
     const auto found = of_type(type);
@@ -258,29 +226,18 @@ class Controller {
   }
   // Sends the request and waits for any message with its xid.
   Message ask(const Message &request) {
-    const std::uint64_t xid = get(request, 4, 4);
-    const auto answer = [&]() -> const Message * {
-      for (const Message &m : received())
-        if (get(m, 4, 4) == xid && get(m, 1, 1) != 0) return &m;
-      return nullptr;
-    };
+    const auto answers = [&](const Message &m) { return get(m, 4, 4) == get(request, 4, 4) && get(m, 1, 1) != 0; };
+    const auto answer = [&] { return std::ranges::find_if(received_, answers); };
     forget();
     send(request);
-    host::run_until([&] { return answer() || ended_; }, kPatience);
-    return answer() ? *answer() : Message{};
+    host::run_until([&] { return read(), answer() != received_.end() || ended_; }, kPatience);
+    return answer() != received_.end() ? *answer() : Message{};
   }
   // Everything sent so far has been taken and answered; the answer to the barrier that tells so is not kept.
   bool settle() {
-    const Message mine = barrier(++settled_);
-    const Message answer = message(21, settled_);
-    return send(mine) &&
-           host::run_until(
-               [&] {
-                 read();
-                 return std::erase(received_, answer) == 1 || ended_;
-               },
-               kPatience) &&
-           !ended_;
+    const Message answer = message(21, ++settled_);
+    const auto settled = [&] { return read(), std::erase(received_, answer) == 1 || ended_; };
+    return send(barrier(settled_)) && host::run_until(settled, kPatience) && !ended_;
   }
 
  protected:
@@ -293,14 +250,14 @@ class Controller {
 
  private:
   void cut() {
-    std::size_t at = 0;
-    for (; input_.size() - at >= 8; at += get(input_, at + 2, 2)) {
-      const std::size_t length = get(input_, at + 2, 2);
-      if (input_.size() - at < length) break;
-      received_.emplace_back(input_.begin() + static_cast<std::ptrdiff_t>(at),
-                             input_.begin() + static_cast<std::ptrdiff_t>(at + length));
+    auto at = input_.begin();
+    while (input_.end() - at >= 8) {
+      const auto end = at + static_cast<std::ptrdiff_t>(get({at, input_.end()}, 2, 2));
+      if (end > input_.end()) break;
+      received_.emplace_back(at, end);
+      at = end;
     }
-    input_.erase(input_.begin(), input_.begin() + static_cast<std::ptrdiff_t>(at));
+    input_.erase(input_.begin(), at);
   }
   bool ended_ = false;
   std::uint32_t settled_ = 0xb0000000;
@@ -317,13 +274,70 @@ inline Message data_of(const Message &error) {
   return Message(error.begin() + 12, error.end());
 }
 
+// Where a controller waits for the agent to come.
+class Listener {
+ public:
+  Listener() : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) { ::listen(fd_, 5); }
+  ~Listener() { ::close(fd_); }
+  std::string address() const {
+    sockaddr_in bound{};
+    socklen_t length = sizeof bound;
+    ::getsockname(fd_, reinterpret_cast<sockaddr *>(&bound), &length);
+    return "127.0.0.1:" + std::to_string(ntohs(bound.sin_port));
+  }
+  void accept(Controller &c) {
+    int fd = -1;
+    ASSERT_TRUE(host::run_until([&] { return (fd = ::accept(fd_, nullptr, nullptr)) >= 0; }, kPatience));
+    c.adopt(fd);
+  }
+
+ private:
+  int fd_;
+};
+
+inline std::uint64_t index_of(const Message &southbound) {
+  return southbound::get<std::uint64_t>(southbound.data(), southbound::kFlowIndex);
+}
+
+// What takes every flow of every table.
+inline FlowMod everything(std::uint8_t command = 3) {
+  FlowMod f;
+  f.command = command, f.table = 0xff;
+  return f;
+}
+// A request for the flows, or their sum, that a non-strict delete would take.
+inline Message dump_request(std::uint32_t xid, const FlowMod &filter = everything(), std::uint16_t type = 1) {
+  const Message body = pack({{type, 2},
+                             {0, 6},
+                             {filter.table, 1},
+                             {0, 3},
+                             {filter.out_port, 4},
+                             {filter.out_group, 4},
+                             {0, 4},
+                             {filter.cookie, 8},
+                             {filter.cookie_mask, 8}});
+  return message(18, xid, body + match(filter.fields));
+}
+
+// Of an entry of a FLOW reply: its packets, and the port of its last action.
+inline std::uint64_t packets_of(const Message &entry) {
+  return get(entry, 32, 8);
+}
+inline std::uint64_t output_of(const Message &entry) {
+  return get(entry, entry.size() - 12, 4);
+}
+
+// The agent, and a controller `c` that has shaken hands with it.
 class AgentTest : public RuntimeTest {
  protected:
+  using Strings = std::vector<std::string>;
+
   void configure() override {
-    set("openflow.listen", "ptcp:127.0.0.1:0");
+    set("openflow.listen", "ptcp:0.0.0.0:0");
     set("openflow.connect", "");
     set("openflow.datapath_id", "00000000000000ab");
-    set("openflow.capacity", "100000");
+    set("openflow.report_cells", "7");
+    set("openflow.audit_interval_s", "0");
     set("ports", "1:p1,2:p2,7:p7");
     set("log.level", "off");
     set("log.target", "stderr");
@@ -331,23 +345,30 @@ class AgentTest : public RuntimeTest {
   void SetUp() override {
     RuntimeTest::SetUp();
     qx_mom_client_connect_sync(global, QX_MOM_UDP_DB);
-    if (starts_at_once()) start();
+    static bool connected;
+    connected = false;
+    qx_mom_client_connect(
+        global, QX_MOM_UDP_DB, [](void *, const char *) { return connected = true, 0; }, "test");
+    ASSERT_TRUE(until([] { return connected; }));
+    start();
   }
   void TearDown() override {
     RuntimeTest::TearDown();
     host::of_ss::of_ss_reset_for_tests();
   }
-  virtual bool starts_at_once() { return true; }
+  virtual bool is_listened_to() { return true; }
 
   void start() {
     ASSERT_EQ(ss_of_init(global), 0);
     PlayedDaemon::register_callbacks();
-    ASSERT_TRUE(host::run_until([this] { return daemon.told("CONNECTED"); }, kPatience));
+    ASSERT_TRUE(until([this] { return daemon.told("CONNECTED"); }));
+    PlayedDaemon::capacity(100'000);
     port = host::of_ss::listening_port();
+    if (is_listened_to()) come_up(c);
   }
-  // A controller that has shaken hands.
-  void come_up(Controller &controller) {
-    controller.connect(port);
+  // A controller that shakes hands.
+  void come_up(Controller &controller, in_addr_t to = htonl(INADDR_LOOPBACK)) {
+    controller.connect(port, to);
     controller.send(hello());
     ASSERT_FALSE(controller.ask(of_wire::message(5, 0xfea7)).empty());
     controller.forget();
@@ -358,9 +379,67 @@ class AgentTest : public RuntimeTest {
     host::clock::warp(by);
     host::of_ss::run_timers();
   }
+  // Every entry of a FLOW reply, however many parts it has.
+  std::vector<Message> dump(const Message &request = dump_request(0xd0)) {
+    c.forget();
+    c.send(request);
+    const auto parts = [this] { return c.of_type(19); };
+    EXPECT_TRUE(until([&] { return !parts().empty() && !(get(parts().back(), 10, 2) & 1); }));
+    std::vector<Message> entries;
+    for (const Message &part : parts())
+      for (auto at = part.begin() + 16; at < part.end(); at += std::ssize(entries.back()))
+        entries.emplace_back(at, at + static_cast<std::ptrdiff_t>(get({at, part.end()}, 0, 2)));
+    return entries;
+  }
+  // Sends and waits until all is taken and answered.
+  void apply(const Message &request) {
+    ASSERT_TRUE(c.send(request));
+    ASSERT_TRUE(c.settle());
+  }
+  // Sends while the daemon answers no barrier, and waits until the agent has handed over so many adds in all.
+  void hand_over(const Message &request, std::size_t adds) {
+    daemon.hold_barriers(true);
+    ASSERT_TRUE(c.send(request));
+    ASSERT_TRUE(until([&] { return daemon.flows(true).size() == adds; }));
+  }
+  // The errors that have come, "type/code xid" each.
+  Strings errors() {
+    Strings found;
+    for (const Message &m : c.of_type(1)) found.push_back(error_of(m) + " " + std::to_string(get(m, 4, 4)));
+    return found;
+  }
+  std::vector<std::uint64_t> deleted() const {
+    std::vector<std::uint64_t> found;
+    for (const Message &m : daemon.flows(false)) found.push_back(index_of(m));
+    std::sort(found.begin(), found.end());
+    return found;
+  }
+
+  // Records as the daemon and the programming service write them.
+  void write(const ProtobufCMessage &record) { ASSERT_EQ(qx_mom_set(global, QX_MOM_UDP_DB, &record, 0, 0), 0); }
+  static ProtobufCBinaryData data(const Message &bytes) {
+    return {bytes.size(), const_cast<std::uint8_t *>(reinterpret_cast<const std::uint8_t *>(bytes.data()))};
+  }
+  void store_flow(std::uint64_t index, const Message &bytes) {
+    SPolicyKelim__FlowKey key = S_POLICY_KELIM__FLOW_KEY__INIT;
+    key.flow_index = index;
+    SPolicyKelim__Flow flow = S_POLICY_KELIM__FLOW__INIT;
+    flow.index = &key;
+    flow.flow_data = data(bytes);
+    write(flow.base);
+  }
+  void store_answer(std::uint64_t index, SPolicyKelim__StatusE status = S_POLICY_KELIM__STATUS_E__STATUS_INSTALLED) {
+    SPolicyKelim__FlowKey key = S_POLICY_KELIM__FLOW_KEY__INIT;
+    key.flow_index = index;
+    SPolicyKelim__FlowSta answer = S_POLICY_KELIM__FLOW_STA__INIT;
+    answer.index = &key;
+    answer.status = status;
+    write(answer.base);
+  }
 
   PlayedDaemon daemon;
   std::uint16_t port = 0;
+  Controller c;
 };
 
 }  // namespace of_world

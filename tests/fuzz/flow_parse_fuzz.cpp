@@ -1,5 +1,4 @@
 // Any bytes as a flow-mod: both parsers, the port checks, the dump, and the road into a record and back.
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -30,9 +29,7 @@ void convert_and_read_back(const flow_info_node &node) {
   require(std::memcmp(back.dst_mac, node.dst_mac, sizeof node.dst_mac) == 0 || !(node.rule_bitmap & 1));
   ssc_sdn_free_flow_members(&flow);
 
-  SPolicyKelim__ParseFlowKey parse_key = S_POLICY_KELIM__PARSE_FLOW_KEY__INIT;
   SPolicyKelim__ParseFlow parse_flow = S_POLICY_KELIM__PARSE_FLOW__INIT;
-  parse_flow.index = &parse_key;
   require(ssc_sdn_parse_flow_ace_field_act_convert(&parse_flow, &node) == 0);
   ssc_sdn_free_parse_flow_members(&parse_flow);
 }

@@ -1,12 +1,10 @@
 // Any bytes where the OpenFlow agent reads: a flow-mod, a statistics filter, a packet-out or a meter-mod of a controller, and a
 // stored flow or meter of an earlier life. What is accepted must hold together: it is a message that could be stored and taken
 // over, it is given back to the controller as a message that reads as the same flow, and it matches itself.
-#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 
-#include "host/of_ss/flows.h"
 #include "host/of_ss/meters.h"
 
 namespace {
@@ -33,9 +31,15 @@ int take(void *message) {
 
 constexpr Callbacks kDaemon{take, take, take, take, [] {}, take, take, take, take, [] {}, take, take, take, take, take, [] {}};
 
-// Shows the flow in every way there is.
-void show(Bytes flow_mod) {
-  std::vector<std::byte> wire;
+struct Engine {
+  Nobody nobody;
+  const FlowLimits limits{};
+  Flows flows{kDaemon, nobody, limits};
+  Meters meters{flows};
+};
+
+// Shows the flow in every way there is: for people, and behind `wire` for its controller.
+std::vector<std::byte> show(Bytes flow_mod, std::vector<std::byte> wire = {}) {
   Writer out(wire);
   encode_wire_match(southbound_match(flow_mod), flow_mod[southbound::kFlowTableId] == std::byte{1}, out);
   encode_wire_instructions(flow_mod, out);
@@ -43,73 +47,55 @@ void show(Bytes flow_mod) {
   match_text(southbound_match(flow_mod));
   actions_text(flow_mod);
   output_port(flow_mod);
-}
-
-// The accepted flow, given back as its controller would see it, reads as the same.
-void give_back(Bytes request, const FlowMod &mod) {
-  std::vector<std::byte> wire(request.begin(), request.begin() + fm::kMatch);
-  Writer out(wire);
-  encode_wire_match(southbound_match(mod.southbound()), mod.table_id == kServiceChainTable, out);
-  encode_wire_instructions(mod.southbound(), out);
-  FlowMod again;
-  require(!decode_flow_mod(wire, kPorts, again).refused());
-  require(again.length == mod.length && std::memcmp(again.message, mod.message, mod.length) == 0);
+  return wire;
 }
 
 void flow_mod(Bytes bytes) {
-  Nobody nobody;
-  Flows flows(kDaemon, nobody, {});
-  FlowMod mod;
+  Engine engine;
+  FlowMod mod, again;
   if (decode_flow_mod(bytes, kPorts, mod).refused()) return;
-  require(mod.length <= sizeof mod.message && southbound_match(mod.southbound()).size() % 8 == 0);
-  require(match_covers(southbound_match(mod.southbound()), southbound_match(mod.southbound())));
-  require(matches_overlap(southbound_match(mod.southbound()), southbound_match(mod.southbound())));
+  const Bytes slots = southbound_match(mod.southbound());
+  require(mod.length <= sizeof mod.message && slots.size() % 8 == 0);
+  require(match_covers(slots, slots) && matches_overlap(slots, slots));
   if (mod.command == fm::kAdd) {
     require(is_flow_mod(mod.southbound()));
-    show(mod.southbound());
-    give_back(bytes, mod);
+    const auto wire = show(mod.southbound(), {bytes.begin(), bytes.begin() + fm::kMatch});
+    require(!decode_flow_mod(wire, kPorts, again).refused());
+    require(again.length == mod.length && std::memcmp(again.message, mod.message, mod.length) == 0);
   }
-  flows.apply(mod, {1, 1}, bytes, 0);
-  flows.apply(mod, {1, 2}, bytes, 1);
+  for (std::uint32_t xid : {1, 2}) engine.flows.apply(mod, {1, xid}, bytes, xid);
   mod.command = fm::kDelete;
   mod.out_port = port::kAny, mod.out_group = kGroupAny, mod.cookie_mask = 0;
-  flows.apply(mod, {1, 3}, bytes, 2);
-  require(flows.table().size() == 0);
+  engine.flows.apply(mod, {1, 3}, bytes, 3);
+  require(engine.flows.table().size() == 0);
 }
 
 void stored_flow(Bytes bytes) {
-  Nobody nobody;
-  Flows flows(kDaemon, nobody, {});
-  if (!flows.restore(bytes, 0)) return;
+  Engine engine;
+  if (!engine.flows.restore(bytes, 0)) return;
   show(bytes);
   FlowMod everything{};
   everything.command = fm::kModify;
   everything.table_id = kTableAll;
   everything.length = southbound::flow_instruction_offset(0) + southbound::kInstructionLen;
-  flows.apply(everything, {1, 1}, bytes, 1);
-  flows.replay();
+  engine.flows.apply(everything, {1, 1}, bytes, 1);
+  engine.flows.replay();
 }
 
 void meter_mod(Bytes bytes) {
-  if (bytes.size() < 16) return;
-  Nobody nobody;
-  Flows flows(kDaemon, nobody, {});
-  Meters meters(flows), next(flows);
-  if (meters.apply(bytes, {1, 1}, 0).refused()) return;
-  for (const auto &[id, meter] : meters.all()) require(next.restore(meter.message, 0));
+  Engine engine, next;
+  if (bytes.size() < 16 || engine.meters.apply(bytes, {1, 1}, 0).refused()) return;
+  for (const auto &[id, meter] : engine.meters.all()) require(next.meters.restore(meter.message, 0));
 }
 
 void stored_meter(Bytes bytes) {
-  Nobody nobody;
-  Flows flows(kDaemon, nobody, {});
-  Meters meters(flows);
-  if (meters.restore(bytes, 0)) meters.replay();
+  Engine engine;
+  if (engine.meters.restore(bytes, 0)) engine.meters.replay();
 }
 
 void filter(Bytes bytes) {
   FlowMod mod;
-  if (!bytes.empty() && !decode_flow_filter(bytes, 1, std::to_integer<std::uint8_t>(bytes[0]) & 1, mod).refused())
-    show(mod.southbound());
+  if (!bytes.empty() && !decode_flow_filter(bytes, 1, be8(bytes, 0) & 1, mod).refused()) show(mod.southbound());
 }
 
 void packet_out(Bytes bytes) {

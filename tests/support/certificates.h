@@ -38,9 +38,9 @@ class Identity {
   }
   EVP_PKEY *key() const { return key_.get(); }
   X509 *certificate() const { return certificate_.get(); }
-  void write_certificate(const std::string &path) const { PEM_write_X509(file(path).get(), certificate_.get()); }
-  void write_key(const std::string &path) const {
-    PEM_write_PrivateKey(file(path).get(), key_.get(), nullptr, nullptr, 0, nullptr, nullptr);
+  void write(const std::string &certificate, const std::string &key) const {
+    PEM_write_X509(file(certificate).get(), certificate_.get());
+    PEM_write_PrivateKey(file(key).get(), key_.get(), nullptr, nullptr, 0, nullptr, nullptr);
   }
 
  private:

@@ -33,13 +33,19 @@ inline std::string to_hex(std::span<const std::byte> bytes) {
   return out;
 }
 
-inline void put(Message &out, std::uint64_t value, int width) {
-  for (int shift = 8 * (width - 1); shift >= 0; shift -= 8) out.push_back(std::byte(value >> shift));
+// Numbers, each with its width in bytes.
+inline Message pack(std::initializer_list<std::pair<std::uint64_t, int>> numbers) {
+  Message out;
+  for (const auto &[value, width] : numbers)
+    for (int shift = 8 * (width - 1); shift >= 0; shift -= 8) out.push_back(std::byte(value >> shift));
+  return out;
 }
 
+// The number there; what is missing of it counts as 0.
 inline std::uint64_t get(std::span<const std::byte> from, std::size_t at, int width) {
   std::uint64_t value = 0;
-  for (int i = 0; i < width; ++i) value = value << 8 | std::to_integer<std::uint64_t>(from[at + i]);
+  for (std::size_t i = at; i < at + width; ++i)
+    value = value << 8 | (i < from.size() ? std::to_integer<std::uint64_t>(from[i]) : 0);
   return value;
 }
 
@@ -53,39 +59,25 @@ inline void append(Message &left, const Message &right) {
 }
 
 inline Message message(std::uint8_t type, std::uint32_t xid, const Message &body = {}) {
-  Message out;
-  put(out, 4, 1);
-  put(out, type, 1);
-  put(out, 8 + body.size(), 2);
-  put(out, xid, 4);
-  return out + body;
+  return pack({{4, 1}, {type, 1}, {8 + body.size(), 2}, {xid, 4}}) + body;
 }
 
 // ofp_match of type OXM with the fields as they stand.
 inline Message match(const Message &fields) {
-  Message out;
-  put(out, 1, 2);
-  put(out, 4 + fields.size(), 2);
-  out = out + fields;
+  Message out = pack({{1, 2}, {4 + fields.size(), 2}}) + fields;
   out.resize((out.size() + 7) / 8 * 8);
   return out;
 }
 
 inline Message instruction(std::uint16_t type, const Message &actions) {
-  Message out;
-  put(out, type, 2);
-  put(out, 8 + actions.size(), 2);
-  put(out, 0, 4);
-  return out + actions;
+  return pack({{type, 2}, {8 + actions.size(), 2}, {0, 4}}) + actions;
 }
 inline Message apply(const Message &actions) {
   return instruction(4, actions);
 }
 
-inline Message output(std::uint32_t port) {
-  Message out = hex("0000 0010");
-  put(out, port, 4);
-  return out + hex("ffff 000000000000");
+inline Message output(std::uint32_t port, std::uint16_t max_len = 0xffff) {
+  return pack({{0, 2}, {16, 2}, {port, 4}, {max_len, 2}, {0, 6}});
 }
 
 struct FlowMod {
@@ -94,33 +86,31 @@ struct FlowMod {
   std::uint16_t priority = 100, flags = 0, idle = 0, hard = 0;
   std::uint64_t cookie = 0, cookie_mask = 0;
   std::uint32_t buffer = 0xffffffff, out_port = 0xffffffff, out_group = 0xffffffff;
-  Message fields;  // of the match
-  Message instructions;
+  Message fields = {};  // of the match
+  Message instructions = {};
 };
 
 inline Message flow_mod(const FlowMod &f) {
-  Message body;
-  put(body, f.cookie, 8);
-  put(body, f.cookie_mask, 8);
-  put(body, f.table, 1);
-  put(body, f.command, 1);
-  put(body, f.idle, 2);
-  put(body, f.hard, 2);
-  put(body, f.priority, 2);
-  put(body, f.buffer, 4);
-  put(body, f.out_port, 4);
-  put(body, f.out_group, 4);
-  put(body, f.flags, 2);
-  put(body, 0, 2);
-  return message(14, f.xid, body + match(f.fields) + f.instructions);
+  const Message head = pack({{f.cookie, 8},
+                             {f.cookie_mask, 8},
+                             {f.table, 1},
+                             {f.command, 1},
+                             {f.idle, 2},
+                             {f.hard, 2},
+                             {f.priority, 2},
+                             {f.buffer, 4},
+                             {f.out_port, 4},
+                             {f.out_group, 4},
+                             {f.flags, 2},
+                             {0, 2}});
+  return message(14, f.xid, head + match(f.fields) + f.instructions);
 }
 
 // An add that matches on in_port 1, eth_type 0x0800 and the destination, with an output to port 2.
 inline FlowMod ipv4_flow(std::uint32_t destination, std::uint32_t xid = 1) {
   FlowMod f;
   f.xid = xid;
-  f.fields = hex("80000004 00000001 80000a02 0800 80001804");
-  put(f.fields, destination, 4);
+  f.fields = hex("80000004 00000001 80000a02 0800 80001804") + pack({{destination, 4}});
   f.instructions = apply(output(2));
   return f;
 }
