@@ -333,6 +333,16 @@ TEST_F(AgentTest, ManyChangesInARowLeaveTheLastForm) {
   ASSERT_EQ(dump().size(), 1u);
 }
 
+TEST_F(AgentTest, DeletingEverythingWhileFlowsAreOutstandingAnswersEveryBarrier) {
+  hand_over(flow_mod(ipv4_flow(1)) + barrier(1) + flow_mod(ipv4_flow(2)) + flow_mod(everything()) + barrier(2), 2);
+  ASSERT_TRUE(until([this] { return daemon.told("DEL_ALL_FLOWS"); }));
+  EXPECT_TRUE(c.of_type(21).empty());
+  daemon.answer_barriers();
+  EXPECT_EQ(get(c.await(21, 2), 4, 4), 2u);
+  EXPECT_TRUE(deleted().empty()) << "one request takes them all";
+  EXPECT_TRUE(dump().empty());
+}
+
 TEST_F(AgentTest, ARefusedFlowTellsTheMeterTheOverlapAndTheRoom) {
   PlayedDaemon::capacity(2);
   FlowMod metered = ipv4_flow(1, 40);
