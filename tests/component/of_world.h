@@ -344,6 +344,7 @@ class AgentTest : public RuntimeTest {
   }
   void SetUp() override {
     RuntimeTest::SetUp();
+    qx_mom_client_connect_sync(global, QX_MOM_APP_DB);
     qx_mom_client_connect_sync(global, QX_MOM_UDP_DB);
     static bool connected;
     connected = false;

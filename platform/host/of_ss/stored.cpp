@@ -1,6 +1,7 @@
 #include "host/of_ss/stored.h"
 
 #include <algorithm>
+#include <unordered_set>
 
 #include "qx_mom.h"
 #include "s_policy_kelim.pb-c.h"
@@ -13,22 +14,43 @@ std::vector<std::byte> copy_of(const ProtobufCBinaryData &data) {
   return {at, at + data.len};
 }
 
-void note_index(const SPolicyKelim__FlowKey *key, StoredState &out) {
-  if (key) out.last_index = std::max(out.last_index, key->flow_index);
+struct Reading {
+  qx_global *global;
+  StoredState &out;
+  std::unordered_set<std::uint64_t> flows = {};  // indexes of the stored ones
+
+  void note(std::uint64_t index) { out.last_index = std::max(out.last_index, index); }
+};
+
+Reading &reading(void *arg) {
+  return *static_cast<Reading *>(arg);
 }
 
 int take_flow(const qx_obj *object, void *arg) {
-  auto &out = *static_cast<StoredState *>(arg);
   const auto *flow = static_cast<const SPolicyKelim__Flow *>(object->value);
   if (!flow) return 0;
-  note_index(flow->index, out);
-  out.flows.push_back(copy_of(flow->flow_data));
+  if (flow->index) {
+    reading(arg).note(flow->index->flow_index);
+    reading(arg).flows.insert(flow->index->flow_index);
+  }
+  reading(arg).out.flows.push_back(copy_of(flow->flow_data));
   return 0;
 }
 
 int take_status(const qx_obj *object, void *arg) {
   const auto *status = static_cast<const SPolicyKelim__FlowSta *>(object->value);
-  if (status) note_index(status->index, *static_cast<StoredState *>(arg));
+  if (status && status->index) reading(arg).note(status->index->flow_index);
+  return 0;
+}
+
+// A service-chain flow that is to be translated. Without a stored flow it never was, and what its controller had sent went with
+// the daemon of that time: nobody waits for the answer any more.
+int take_translation(const qx_obj *object, void *arg) {
+  const auto *request = static_cast<const SPolicyKelim__ParseFlow *>(object->value);
+  if (!request || !request->index) return 0;
+  const std::uint64_t index = request->index->flow_index;
+  reading(arg).note(index);
+  if (!reading(arg).flows.contains(index)) qx_mom_del(reading(arg).global, QX_MOM_APP_DB, &request->base, 0, 0);
   return 0;
 }
 
@@ -38,7 +60,7 @@ int take_meter(const qx_obj *object, void *arg) {
   if (!holder || !holder->record) return 0;
   const auto *meter = reinterpret_cast<const SPolicyKelim__Meter *>(holder->record);
   if (meter->status == S_POLICY_KELIM__STATUS_E__STATUS_FAILED) return 0;
-  static_cast<StoredState *>(arg)->meters.push_back(copy_of(meter->meter_data));
+  reading(arg).out.meters.push_back(copy_of(meter->meter_data));
   return 0;
 }
 
@@ -67,13 +89,16 @@ bool is_installed(qx_global *global, std::uint64_t index) {
 int read_stored(qx_global *global, StoredState &out) {
   const SPolicyKelim__Flow flow = S_POLICY_KELIM__FLOW__INIT;
   const SPolicyKelim__FlowSta status = S_POLICY_KELIM__FLOW_STA__INIT;
+  const SPolicyKelim__ParseFlow translation = S_POLICY_KELIM__PARSE_FLOW__INIT;
   const SPolicyKelim__Meter meter = S_POLICY_KELIM__METER__INIT;
-  const auto scan = [global, &out](const ProtobufCMessage &type, qx_mom_scan_cb take) {
-    return qx_mom_scan_sync(global, QX_MOM_UDP_DB, &type, 0, take, &out);
+  Reading reading{global, out};
+  const auto scan = [&reading](std::int32_t db, const ProtobufCMessage &type, qx_mom_scan_cb take) {
+    return qx_mom_scan_sync(reading.global, db, &type, 0, take, &reading);
   };
-  if (const int rv = scan(flow.base, take_flow)) return rv;
-  if (const int rv = scan(status.base, take_status)) return rv;
-  return scan(meter.base, take_meter);
+  if (const int rv = scan(QX_MOM_UDP_DB, flow.base, take_flow)) return rv;
+  if (const int rv = scan(QX_MOM_UDP_DB, status.base, take_status)) return rv;
+  if (const int rv = scan(QX_MOM_APP_DB, translation.base, take_translation)) return rv;
+  return scan(QX_MOM_UDP_DB, meter.base, take_meter);
 }
 
 std::vector<std::uint64_t> installed_flows(qx_global *global, const std::vector<std::uint64_t> &indexes) {

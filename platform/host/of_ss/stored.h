@@ -12,10 +12,10 @@ namespace host::of_ss {
 
 struct StoredState {
   std::vector<std::vector<std::byte>> flows, meters;
-  std::uint64_t last_index = 0;  // the greatest that a flow or the status of one has
+  std::uint64_t last_index = 0;  // the greatest that a flow, the status of one or its translation has
 };
 
-// 0, or the code of the scan that failed.
+// Also withdraws the translations that were never answered: their flows have gone. 0, or the code of the scan that failed.
 int read_stored(qx_global *global, StoredState &out);
 
 // Of these flows those whose stored status says that they are installed, in the same order.
