@@ -98,7 +98,10 @@ class Daemon:
     def start(self):
         with open(self.log, "ab") as log:
             self.process = subprocess.Popen(self.command_line, env=self.environment, stdout=log, stderr=log)
-        wait_until(self.ready, START_LIMIT, "the daemon answering on its OpenFlow port")
+        try:
+            wait_until(self.ready, START_LIMIT, "the daemon answering on its OpenFlow port")
+        except Failed as late:
+            raise Failed(f"{late}\n{self.output()[-2000:]}{self.kelimctl('controllers').stdout}") from None
         return self
 
     def ready(self):

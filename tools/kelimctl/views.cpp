@@ -210,10 +210,11 @@ Json controllers_data(Link &link, const ViewOptions &) {
 }
 
 std::string controllers_text(const Json &data) {
-  std::string text = "Datapath " + cell(data, "datapath_id") + ":";
-  for (const Json &endpoint : data.value("endpoints", Json::array()))
-    text += " " + (endpoint.is_string() ? endpoint.get<std::string>() : endpoint.dump());
-  return text + "\n\n" +
+  return "Datapath " + cell(data, "datapath_id") + "\n\n" +
+         list_text(data.value("endpoints", Json::array()),
+                   {{{"ENDPOINT", false, true}, "endpoint"}, {{"STATE"}, "state"}, {{"ERROR", false, true}, "error"}},
+                   "No controller is configured.") +
+         "\n" +
          list_text(data.value("controllers", Json::array()),
                    {{{"CONTROLLER", false, true}, "peer"},
                     {{"ROLE"}, "role"},

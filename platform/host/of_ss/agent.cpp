@@ -144,6 +144,16 @@ bool Agent::is_open(const std::string &endpoint) const {
   return has_it(listeners_) || has_it(dialers_);
 }
 
+EndpointState Agent::state_of(const std::string &endpoint) const {
+  const auto is_it = [&endpoint](const auto &one) { return one->target() == endpoint; };
+  if (const auto it = std::ranges::find_if(listeners_, is_it); it != listeners_.end()) return (*it)->state();
+  for (const Connection *connection : connections())
+    if (connection->peer().endpoint == endpoint && connection->is_up()) return {"connected", ""};
+  if (const auto it = std::ranges::find_if(dialers_, is_it); it != dialers_.end()) return (*it)->state();
+  const auto unusable = settings_.unusable.find(endpoint);
+  return {"unusable", unusable == settings_.unusable.end() ? "" : unusable->second};
+}
+
 void Agent::reconfigure(Settings fresh) {
   // Connections that are there keep the certificates that they have begun with, and those who come without new ones the old.
   if (fresh.tls) std::swap(settings_.tls, fresh.tls);
@@ -156,6 +166,7 @@ void Agent::reconfigure(Settings fresh) {
     if (!endpoint.listens) dialers_.back()->dial();
   }
   settings_.controllers.swap(fresh.controllers);
+  settings_.unusable.swap(fresh.unusable);
   if (settings_.controllers.empty() && !fresh.controllers.empty()) forget_everything();
 }
 

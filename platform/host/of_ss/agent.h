@@ -158,7 +158,8 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   const std::deque<RefusalRecord> &refusals() const { return refusals_; }
   std::uint64_t refused() const { return refused_; }
   std::uint64_t turned_away() const { return turned_away_; }
-  const std::vector<std::string> &targets() const { return settings_.controllers; }
+  const std::vector<std::string> &endpoints() const { return settings_.controllers; }
+  EndpointState state_of(const std::string &endpoint) const;
 
  private:
   // FlowEvents

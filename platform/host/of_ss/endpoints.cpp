@@ -35,7 +35,7 @@ bool resolve(std::string host, const std::string &port, Endpoint &endpoint, std:
   hints.ai_socktype = SOCK_STREAM;
   hints.ai_flags = endpoint.listens ? AI_PASSIVE : 0;
   if (const int rv = getaddrinfo(host.c_str(), port.c_str(), &hints, &found); rv != 0) {
-    error = fmt::format("{}: {}", endpoint.text, gai_strerror(rv));
+    error = gai_strerror(rv);
     return false;
   }
   const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, freeaddrinfo);
@@ -98,7 +98,7 @@ bool parse_endpoint(const std::string &text, Endpoint &endpoint, std::string &er
       std::find_if(std::begin(kMethods), std::end(kMethods), [&text](const Method &m) { return text.starts_with(m.prefix); });
   const auto colon = text.rfind(':');
   if (method == std::end(kMethods) || colon < strlen(method->prefix)) {
-    error = text + ": allowed are ptcp:HOST:PORT, pssl:HOST:PORT, tcp:HOST:PORT and ssl:HOST:PORT";
+    error = "allowed are ptcp:HOST:PORT, pssl:HOST:PORT, tcp:HOST:PORT and ssl:HOST:PORT";
     return false;
   }
   endpoint.text = text;
@@ -171,10 +171,15 @@ void Listener::open() {
                                           static_cast<int>(endpoint_.address_len)));
   if (listener_) {
     evconnlistener_set_error_cb(listener_.get(), [](evconnlistener *, void *self) { static_cast<Listener *>(self)->failed(); });
+    failure_.clear();
     log::info("controllers are served on {} (port {})", endpoint_.text, port());
-  } else if (!std::exchange(told_, true)) {
-    log::error("cannot listen on {}: {}; trying again every second", endpoint_.text, strerror(errno));
+  } else if (const std::string why = strerror(errno); std::exchange(failure_, why) != why) {
+    log::error("cannot listen on {}: {}; trying again every second", endpoint_.text, why);
   }
+}
+
+EndpointState Listener::state() const {
+  return {listener_ ? "listening" : "failing", failure_};
 }
 
 std::uint16_t Listener::port() const {
@@ -226,12 +231,16 @@ void Dialer::dial() {
 
 void Dialer::ended(bool was_up, const std::string &why) {
   if (was_up) delay_ms_ = kFirstDelayMs;
-  if (was_up) told_.clear();
-  if (!was_up && std::exchange(told_, why) != why) log::warn("no connection to {}: {}; trying again", endpoint_.text, why);
+  if (was_up) failure_.clear();
+  if (!was_up && std::exchange(failure_, why) != why) log::warn("no connection to {}: {}; trying again", endpoint_.text, why);
   const std::int64_t wait = with_jitter(delay_ms_);
   delay_ms_ = std::min(delay_ms_ * 2, kLongestDelayMs);
   const timeval pause{wait / 1000, wait % 1000 * 1000};
   evtimer_add(timer_.get(), &pause);
+}
+
+EndpointState Dialer::state() const {
+  return {failure_.empty() ? "connecting" : "failing", failure_};
 }
 
 }  // namespace host::of_ss

@@ -26,6 +26,12 @@ struct Endpoint {
   socklen_t address_len = 0;
 };
 
+// What has become of an endpoint; the names are `listening`, `connected`, `connecting`, `failing` and `unusable`.
+struct EndpointState {
+  std::string name;
+  std::string error;  // why it fails or cannot be used; otherwise empty
+};
+
 // Reads one; false and `error` when it is none. Numbers and names of hosts alike; a name is looked up. Any thread.
 bool parse_endpoint(const std::string &text, Endpoint &endpoint, std::string &error);
 
@@ -69,6 +75,7 @@ class Listener {
   void use_tls(SSL_CTX *tls) { tls_ = endpoint_.tls ? tls : nullptr; }
   // The port that is bound; 0 when none is.
   std::uint16_t port() const;
+  EndpointState state() const;
 
  private:
   void accepted(evutil_socket_t fd, const sockaddr *address);
@@ -80,7 +87,7 @@ class Listener {
   Accept accept_;
   ListenerOwner listener_;
   EventOwner pause_;
-  bool told_ = false;
+  std::string failure_;  // the last one that was logged; empty while it listens
 };
 
 // Keeps one connection to a controller: connects, and after each failure or end waits a little longer, with jitter, up to a
@@ -96,6 +103,8 @@ class Dialer {
   void ended(bool was_up, const std::string &why);
   const std::string &target() const { return endpoint_.text; }
   void use_tls(SSL_CTX *tls) { tls_ = endpoint_.tls ? tls : nullptr; }
+  // Of one whose connection is not up.
+  EndpointState state() const;
 
  private:
   event_base *base_;
@@ -104,7 +113,7 @@ class Dialer {
   Accept accept_;
   EventOwner timer_;
   std::int64_t delay_ms_;
-  std::string told_;
+  std::string failure_;  // the last one that was logged; empty after a connection that got through
 };
 
 }  // namespace host::of_ss

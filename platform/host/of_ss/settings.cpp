@@ -39,13 +39,15 @@ std::uint64_t datapath_id(const std::string &configured) {
 void add_endpoint(const std::string &text, Settings &settings) {
   Endpoint endpoint;
   std::string error;
-  if (!parse_endpoint(text, endpoint, error))
-    log::error("{}", error);
-  else if (endpoint.tls && !settings.tls)
-    log::error("{}: TLS needs openflow.tls_cert and openflow.tls_key", text);
-  else
-    settings.endpoints.push_back(endpoint);
+  if (parse_endpoint(text, endpoint, error) && endpoint.tls && !settings.tls)
+    error = "TLS needs openflow.tls_cert and openflow.tls_key";
   settings.controllers.push_back(text);
+  if (error.empty()) {
+    settings.endpoints.push_back(endpoint);
+  } else {
+    log::error("{}: {}", text, error);
+    settings.unusable[text] = error;
+  }
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -13,8 +14,9 @@
 namespace host::of_ss {
 
 struct Settings {
-  std::vector<std::string> controllers;  // every endpoint that is configured, as text
-  std::vector<Endpoint> endpoints;       // those of them that can be used
+  std::vector<std::string> controllers;         // every endpoint that is configured, as text
+  std::vector<Endpoint> endpoints;              // those of them that can be used
+  std::map<std::string, std::string> unusable;  // the others, with the reason
   TlsContext tls;
   std::uint32_t report_cells = 0;  // counter changes in a packed report
   std::uint64_t datapath_id = 0;

@@ -117,8 +117,13 @@ json controllers_view(Agent &agent) {
                     {"errors", c->traffic().errors},
                     {"unsent_bytes", c->unsent()},
                     {"waiting", c->is_waiting()}});
+  json endpoints = json::array();
+  for (const std::string &endpoint : agent.endpoints()) {
+    EndpointState state = agent.state_of(endpoint);
+    endpoints.push_back({{"endpoint", endpoint}, {"state", std::move(state.name)}, {"error", std::move(state.error)}});
+  }
   return {{"controllers", std::move(list)},
-          {"endpoints", agent.targets()},
+          {"endpoints", std::move(endpoints)},
           {"datapath_id", fmt::format("{:016x}", agent.datapath_id())},
           {"turned_away", agent.turned_away()}};
 }
