@@ -1,7 +1,6 @@
 #include "programmer/settings.h"
 
 #include <cstring>
-#include <memory>
 
 namespace programmer {
 namespace {
@@ -62,6 +61,7 @@ void Settings<Kind>::written(const qx_obj &msg) {
   const bool known = known_.contains(Kind::key(*record));
   const bool asks = record->status == kInstalling || (reading_ && !known);
   if (known || asks) known_[Kind::key(*record)] = true;
+  if (!asks && answers_.erase(Kind::key(*record)) != 0 && !known) return take_back(*record);
   if (asks && !confirm(*record, Kind::install(target_, *record) == Outcome::kInstalled ? kInstalled : kFailed)) catch_up_.soon();
 }
 
@@ -76,19 +76,38 @@ void Settings<Kind>::deleted(const qx_obj &msg) {
 // bring back what was deleted, or answer a request that nobody looked at.
 template <typename Kind>
 bool Settings<Kind>::confirm(const Record &asked, SPolicyKelim__StatusE status) {
-  qx_obj *found = nullptr;
-  if (const int rv = qx_mom_get_sync(context_.global, kFlowDb, &asked.base, 0, &found); rv != 0) return rv == -7;
-  const std::unique_ptr<qx_obj, decltype(&qx_mom_qx_obj_free)> owner(found, qx_mom_qx_obj_free);
-  const auto *stored = record_of<Record>(*found);
-  if (stored == nullptr || !Kind::same_request(*stored, asked) || stored->status == status) return true;
-  Record answer = *stored;
+  int rv = 0;
+  const Object object = stored(asked, rv);
+  if (!object) return rv == -7;
+  const auto *request = record_of<Record>(*object);
+  if (request == nullptr || !Kind::same_request(*request, asked) || request->status == status) return true;
+  Record answer = *request;
   answer.status = status;
-  return qx_mom_set(context_.global, kFlowDb, &answer.base, 0, 0) == 0;
+  if (qx_mom_set(context_.global, kFlowDb, &answer.base, 0, 0) != 0) return false;
+  answers_.insert(Kind::key(answer));
+  return true;
+}
+
+// The record was deleted between our look at it and our answer, which has brought it back. Asked for anew, it stays.
+template <typename Kind>
+void Settings<Kind>::take_back(const Record &answer) {
+  int rv = 0;
+  const Object object = stored(answer, rv);
+  const auto *record = object ? record_of<Record>(*object) : nullptr;
+  if (record != nullptr && record->status != kInstalling) qx_mom_del(context_.global, kFlowDb, &answer.base, 0, 0);
+}
+
+template <typename Kind>
+typename Settings<Kind>::Object Settings<Kind>::stored(const Record &record, int &rv) {
+  qx_obj *found = nullptr;
+  rv = qx_mom_get_sync(context_.global, kFlowDb, &record.base, 0, &found);
+  return Object(found);
 }
 
 template <typename Kind>
 bool Settings<Kind>::resynchronise() {
   for (auto &[key, seen] : known_) seen = false;
+  answers_.clear();
   auto key = Kind::kBlankKey;
   Record any = Kind::kBlank;
   any.index = &key;

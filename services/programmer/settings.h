@@ -4,11 +4,14 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
+#include <set>
 #include <utility>
 
 #include "programmer/catch_up.h"
 #include "programmer/context.h"
 #include "programmer/target.h"
+#include "qx_mom.h"
 #include "s_policy_kelim.pb-c.h"
 
 namespace programmer {
@@ -58,11 +61,19 @@ class Settings {
   void deleted(const qx_obj &msg);
   // False when the database did not take the answer.
   bool confirm(const Record &asked, SPolicyKelim__StatusE status);
+  void take_back(const Record &answer);
+  struct Free {
+    void operator()(qx_obj *object) const { qx_mom_qx_obj_free(object); }
+  };
+  using Object = std::unique_ptr<qx_obj, Free>;
+  // The stored object with the key of `record`; null with the code of the failure in `rv`.
+  Object stored(const Record &record, int &rv);
   bool resynchronise();
 
   Context &context_;
   Target &target_;
   std::map<SettingKey, bool> known_;  // whether the resynchronisation that is going on has seen it
+  std::set<SettingKey> answers_;      // that were written and not told to us yet
   bool reading_ = false;              // the records handled now come from a scan
   CatchUp catch_up_;
 };
