@@ -56,6 +56,24 @@ class Controllers(e2e.Test):
         self.listen(running, running.port)
         self.assertEqual(self.client(running).barrier(), [])
 
+    def test_it_says_what_has_become_of_each_endpoint(self):
+        taken, nobody = socket.create_server(("127.0.0.1", 0)), daemon.Port()
+        self.addCleanup(taken.close)
+        self.addCleanup(nobody.close)
+        running = daemon.Daemon(e2e.BIN, openflow_connect=f"tcp:127.0.0.1:{nobody.number},tcp:no-such.invalid:1,ssl:127.0.0.1:1")
+        running.environment["KELIM_OPENFLOW_LISTEN"] += f",ptcp:127.0.0.1:{taken.getsockname()[1]}"
+        self.run_until_the_end(running)
+        states = lambda: [(row["state"], row["error"]) for row in running.ask_json("controllers")["endpoints"]]
+        self.await_that(lambda: states()[2] == ("failing", "Connection refused"), "the refused connection")
+        found = states()
+        self.assertRegex(found.pop(3)[1], "^the host has no address: ")
+        self.assertEqual(found, [
+            ("listening", ""),
+            ("failing", "Address already in use"),
+            ("failing", "Connection refused"),
+            ("unusable", "TLS needs openflow.tls_cert and openflow.tls_key"),
+        ])
+
     def test_the_packet_path_follows_the_roles_or_the_operator(self):
         running = self.daemon()
         starts, ends = self.counted(running, "PKT")

@@ -9,6 +9,7 @@ import unittest
 
 import daemon
 import e2e
+import openflow
 
 FLOWS = 600
 CLIENTS = 20  # ovs-ofctl waits for a barrier behind every flow, so it takes several to keep the daemon busy
@@ -183,6 +184,36 @@ class Processes(e2e.Test):
         self.assertEqual(e2e.ofctl(system.port, "del-flows").stderr, "")
         self.await_that(lambda: not e2e.records(system.socket, "parse_flow", database=4), "the end of the application's record")
         self.assert_of_one_mind(system, ())
+
+    def test_a_translation_that_died_with_the_daemon_is_withdrawn(self):
+        system = self.system(programmer_service_chain="false")
+        translations = lambda: e2e.records(system.socket, "parse_flow", database=4)
+        self.client(system).add(1, table=1)
+        self.await_that(translations, "what the application is asked for")
+        system.signal("ssc_kelim", signal.SIGKILL)
+        self.await_that(lambda: len(system.pids("ssc_kelim")) > 1, "another daemon")
+        self.await_that(lambda: not translations(), "the withdrawal")
+        client = self.client(system)
+        client.add(2)
+        self.assertEqual(client.barrier(), [])
+        self.assertEqual(list(e2e.records(system.socket, "flow")), ["2:0"], "the first index is not given again")
+
+    def test_an_answer_that_overtakes_a_deletion_brings_nothing_back(self):
+        system = self.system()
+        client = self.client(system)
+        redis = lambda *words: subprocess.check_output(["redis-cli", "-s", system.socket, *words], text=True)
+        waiting = lambda: int(re.search(r"blocked_clients:(\d+)", redis("INFO", "clients"))[1])
+        system.signal("kelim-programmer", signal.SIGSTOP)
+        client.send(openflow.METER_MOD, openflow.meter_mod(1, 1000))
+        self.await_that(lambda: self.stored(system, "meter"), "the meter")
+        redis("CLIENT", "PAUSE", "60000", "WRITE")
+        client.send(openflow.METER_MOD, openflow.meter_mod(1, 1000, command=2))
+        self.await_that(lambda: waiting() == 1, "the deletion")
+        system.signal("kelim-programmer", signal.SIGCONT)
+        self.await_that(lambda: waiting() == 2, "the answer behind it")
+        redis("CLIENT", "UNPAUSE")
+        self.await_that(lambda: waiting() == 0, "both to be written")
+        self.await_that(lambda: not e2e.records(system.socket, "meter"), "the end of the meter")
 
     def test_a_frozen_database_stops_neither_the_daemon_nor_what_follows(self):
         system = self.system(mom_sync_timeout_ms=300, openflow_decide_timeout_ms=600)

@@ -50,9 +50,9 @@ def flow_mod(command, flow_match, instructions=b"", priority=100, table=0, cooki
     return fixed + flow_match + instructions
 
 
-def meter_mod(number, rate):
-    """Adds a meter that drops what is above the rate, in kilobits a second."""
-    return struct.pack("!HHI", 0, 1, number) + struct.pack("!HHII4x", 1, 16, rate, 0)
+def meter_mod(number, rate, command=ADD):
+    """A meter that drops what is above the rate, in kilobits a second."""
+    return struct.pack("!HHI", command, 1, number) + struct.pack("!HHII4x", 1, 16, rate, 0)
 
 
 class Client:

@@ -35,7 +35,7 @@ bool resolve(std::string host, const std::string &port, Endpoint &endpoint, std:
   hints.ai_socktype = SOCK_STREAM;
   hints.ai_flags = endpoint.listens ? AI_PASSIVE : 0;
   if (const int rv = getaddrinfo(host.c_str(), port.c_str(), &hints, &found); rv != 0) {
-    error = gai_strerror(rv);
+    error = fmt::format("the host has no address: {}", gai_strerror(rv));
     return false;
   }
   const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, freeaddrinfo);
