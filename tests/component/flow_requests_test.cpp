@@ -92,8 +92,6 @@ TEST_F(FlowRequests, a_barrier_with_nothing_before_it_is_answered_at_once) {
   handle(d.pi().barrier, request);
   // Type 32; everything else is the request's.
   EXPECT_EQ(replies(32), Texts{"20000400180001000900000000000000443322117f000001"});
-  handle(d.pi().barrier, barrier(2));
-  EXPECT_EQ(on_loop([] { return southbound::get<std::uint32_t>(g_ssc_sdn_answered_barrier, 16); }), 2u) << "the latest one stays";
 }
 
 TEST_F(FlowRequests, statistics_are_the_totals_of_the_counters) {
@@ -156,13 +154,10 @@ TEST_F(FlowRequests, controller_addresses) {
   announce({"ssc_sdn_add_op_onc_ace failed, rv -7", "ssc_kelim_mom_set failed, rv -1", "qx_mom_set FAIL! rv:-1"});
   // 10.0.0.1: the first octet is the least significant byte.
   const auto set = [&](std::uint16_t command) { handle(d.pi().onc_info, message(30, le(command) + Bytes(2) + hex("0a000001"))); };
-  for (int again = 0; again < 2; again++) {
-    set(0);
-    EXPECT_EQ(stored(kUdpDb, s_policy_kelim__onc_ip__descriptor), Texts{"index={ip=0x100000a} status=0x1"});
-  }
-  for (int again = 0; again < 2; again++) {
-    set(1);
-    EXPECT_EQ(stored(kUdpDb, s_policy_kelim__onc_ip__descriptor), Texts{});
+  const Texts added = {"index={ip=0x100000a} status=0x1"};
+  for (const std::uint16_t command : {0, 0, 1, 1}) {
+    set(command);
+    EXPECT_EQ(stored(kUdpDb, s_policy_kelim__onc_ip__descriptor), command == 0 ? added : Texts{});
   }
   host::fault::fail(host::fault::Point::mom_set, -1);
   set(0);

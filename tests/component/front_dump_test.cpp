@@ -39,8 +39,8 @@ Bytes all_of(Bytes (*make)(std::uint32_t, const Bytes &), const std::string &fie
   return all;
 }
 
-// Everything that the dump of a flow-mod decodes.
-Bytes full_flow_mod() {
+// Everything that the dump of a flow-mod decodes, and `more` match fields.
+Bytes full_flow_mod(const Bytes &more = {}) {
   const Bytes match = all_of(field,
                              "80000004=01000000 80000606=02000000ab01 8000070c=02000000ab01ffffff000000 80000806=02000000ab01 "
                              "8000090c=02000000ab01ffffff000000 80000a02=0008 80000c02=6400 80000d04=6400ff0f 80000e01=05 "
@@ -54,7 +54,7 @@ Bytes full_flow_mod() {
                              "8000090c=02000000ab01ffffff000000 80000606=02000000ab01 8000070c=02000000ab01ffffff000000 "
                              "80000a02=0008");
   for (std::uint16_t type : {26, 27, 65535, 9}) actions = actions + action(type, le(std::uint32_t{type}));
-  Bytes flow = flow_mod({.index = 0x1234, .match = match, .actions = actions});
+  Bytes flow = flow_mod({.index = 0x1234, .match = match + more, .actions = actions});
   put16(flow, 24, 100);  // priority
   put16(flow, 32, 7);    // meter
   return flow;
@@ -209,67 +209,58 @@ TEST(FlowDump, ShowsWhatIsMissing) {
 
 // Ports stand twice because TCP and UDP have a bit each; an IPv6 address has no line end behind its mask.
 constexpr const char *kFullEntry =
-    "flow_index:77, vsd_id:0, exp_app_type:5, rule_bitmap:294911, action_bitmap:16145\n"
+    "flow_index:4660, vsd_id:0, exp_app_type:5, rule_bitmap:294911, action_bitmap:16150\n"
     "exp_app_type: 5\n"
     "in_port_ifx:  1\n"
     "dmac: 02:00:00:00:ab:01:  dmac_mask: ff:ff:ff:00:00:00:\n"
-    "smac: 02:00:00:00:ab:01:  smac_mask:ff:ff:ff:ff:ff:ff:\n"
+    "smac: 02:00:00:00:ab:01:  smac_mask:ff:ff:ff:00:00:00:\n"
     "etype: 2048, etype_mask:65535\n"
     "vid: 100, vid_mask:4095\n"
     "cos: 5, cos_mask:255\n"
     "ipv4_dscp: 46, ipv4_dscp_mask:255\n"
     "protocol: 6, protocol_mask:255\n"
     "src_ipv4: 167772160, src_ipv4_mask:-256\n"
-    "dst_ipv4: 167772162, dst_ipv4_mask:-1\n"
+    "dst_ipv4: -1062731776, dst_ipv4_mask:-65536\n"
     "sport: 1003, sport_mask:65535\n"
     "sport: 1003, sport_mask:65535\n"
-    "dport: 1002, dport_mask:65535\n"
-    "dport: 1002, dport_mask:65535\n"
+    "dport: 1004, dport_mask:65535\n"
+    "dport: 1004, dport_mask:65535\n"
     "icmp_type: 8, icmp_type_mask:255\n"
     "icmp_code: 3, icmp_code_mask:255\n"
     "ipv6: 2001:0db8:0000:0000:0000:0000:0000:0001:\nipv6_mask: ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff:"
     "ipv6: 2001:0db8:0000:0000:0000:0000:0000:0002:\nipv6_mask: ffff:ffff:ffff:ffff:0000:0000:0000:0000:"
     "next_header: 1, next_header_mask:511\n"
-    "output_ifx:  0x2\n"
-    "mod_queue_pri:  3\n"
+    "output_ifx:  0xfffffffd\n"
+    "mod_queue_pri:  121\n"
     "mod_dmac: 02:00:00:00:ab:01:\n"
     "mod_smac: 02:00:00:00:ab:01:\n"
     "mod_vid:  200\n"
     "mod_cos:  6\n"
     "mod_ipv4_dscp:  10\n";
 
-// Every field and action that the cache holds.
-Bytes full_flow() {
-  const Bytes match = all_of(field,
-                             "80000004=01000000 ffff0204=05000000 8000070c=02000000ab01ffffff000000 80000806=02000000ab01 "
-                             "80000a02=0008 80000d04=6400ff0f 80000e01=05 80001001=2e 80001401=06 80001708=0000000a00ffffff "
-                             "80001804=0200000a 80001a02=e903 80001c02=ea03 80001e02=eb03 80002601=08 80002801=03 "
-                             "80003410=20010db8000000000000000000000001 80004f04=0100ff01 "
-                             "80003720=20010db8000000000000000000000002ffffffffffffffff0000000000000000");
-  const Bytes changes = all_of(set_field, "80000606=02000000ab01 80000806=02000000ab01 80000c02=c800 80000e01=06 80001001=0a");
-  return flow_mod({.index = 77, .match = match, .actions = output(2) + set_queue(3) + changes});
-}
-
 TEST_F(FrontDump, CommandsShowTheFlowsTheQueueAndTheSynchronisationAndMoveThePacketPath) {
   EXPECT_EQ(run("ssc_kelim", "dump_ssc_all_flow_info"), "");
   EXPECT_EQ(run("ssc_kelim", "dump_ssc_sdn_msg_queue"), "msg queue is empty\n");
-  flow(full_flow());
+  d.expect_error("queue_id: 121 from SFC UI is ERROR");
+  flow(full_flow_mod(all_of(field,
+                            "80003410=20010db8000000000000000000000001 80004f04=0100ff01 "
+                            "80003720=20010db8000000000000000000000002ffffffffffffffff0000000000000000")));
   send(d.pi().barrier, barrier(9));
   send(d.pi().ds_start, message(33, {}));
   flow(typical_flow(78));
   d.tick();
-  EXPECT_EQ(run("ssc_kelim", "dump_ssc_primitive_flow_entry", {{"index", "77"}, {"vsd_id", "0"}}), kFullEntry);
+  EXPECT_EQ(run("ssc_kelim", "dump_ssc_primitive_flow_entry", {{"index", "4660"}, {"vsd_id", "0"}}), kFullEntry);
   EXPECT_EQ(run("ssc_kelim", "dump_ssc_all_flow_info"),
-            "flow_index:77, vsd_id:0, exp_app_type:5, rule_bitmap:294911, action_bitmap:16145\n"
+            "flow_index:4660, vsd_id:0, exp_app_type:5, rule_bitmap:294911, action_bitmap:16150\n"
             "flow_index:78, vsd_id:0, exp_app_type:0, rule_bitmap:1284, action_bitmap:17\n");
   EXPECT_EQ(run("ssc_kelim", "dump_ssc_sdn_msg_queue"),
-            "\n 0 :type:SDN_ADD_FLOW_MSG - msg id = 77 is ret: 0, type:0, is_ds: 0, is_set: 0\n"
+            "\n 0 :type:SDN_ADD_FLOW_MSG - msg id = 4660 is ret: 0, type:0, is_ds: 0, is_set: 0\n"
             "\n 1 :type:SDN_BARRIER - msg id = 9 is ret: 0, type:14, is_ds: 0, is_set: 0\n"
             "\n 2 :type:SDN_ADD_FLOW_MSG - msg id = 78 is ret: 0, type:0, is_ds: 1, is_set: 1\n");
   EXPECT_EQ(run("ssc_kelim", "dump_ssc_ds_status"),
             "ds stage status:\nds stage start: 1\nds stage received end: 0\nds stage sc is end: 0\nds stage not sc is end: 0\n");
-  d.expect_error("flow info cache flow_index:77, vsd_id:1 get failed.");
-  EXPECT_EQ(run("ssc_kelim", "dump_ssc_primitive_flow_entry", {{"index", "77"}, {"vsd_id", "1"}}), "");
+  d.expect_error("flow info cache flow_index:4660, vsd_id:1 get failed.");
+  EXPECT_EQ(run("ssc_kelim", "dump_ssc_primitive_flow_entry", {{"index", "4660"}, {"vsd_id", "1"}}), "");
   for (const auto &[command, left] : {std::pair{"kelim_pkt_end", 0u}, {"kelim_pkt_start", 1u}}) {
     run("ssc_kelim", command);
     EXPECT_EQ(d.count(0, &s_cluster__reg_pkt_info__descriptor), left) << command;

@@ -1,6 +1,8 @@
 // Start-up, reconnection, the event timer, the watchers of install results, and where log lines go.
 #include <unistd.h>
 
+#include <regex>
+
 #include "component/flow_world.h"
 #include "host/log/log.h"
 #include "host/mom/testing.h"
@@ -212,13 +214,8 @@ TEST_F(Front, SwitchesAndLevelDecideWhereALineGoes) {
       ssc_sdn_dbg_msg("\x0a\xff", 2);  // traces a byte a line
       ssc_sdn_debug_sw = 0;
     });
-    std::string shown = testing::internal::GetCapturedStdout();
-    for (std::size_t at; (at = shown.find("][SDN]")) != std::string::npos;) {
-      const std::size_t time = shown.rfind('[', at), line = shown.find('[', at + 7);
-      shown.replace(line, shown.find("]:", line) + 2 - line, ": ");
-      shown.erase(time, at + 6 - time);
-    }
-    return shown;
+    const std::regex where(R"(\[[^\[]*\]\[SDN\](\[\w+\]\w+)\[\d+\]:)");
+    return std::regex_replace(testing::internal::GetCapturedStdout(), where, "$1: ");
   };
   EXPECT_EQ(printed(0, 6), "");
   EXPECT_EQ(logged, Texts{"an error 1"});
