@@ -86,14 +86,6 @@ TEST_F(FlowRequests, open_and_close) {
   EXPECT_EQ(on_loop(ssc_sdn_get_sdn_vers), 5u);
 }
 
-TEST_F(FlowRequests, a_barrier_with_nothing_before_it_is_answered_at_once) {
-  Bytes request = barrier(0x11223344);
-  request[8] = std::byte{9};
-  handle(d.pi().barrier, request);
-  // Type 32; everything else is the request's.
-  EXPECT_EQ(replies(32), Texts{"20000400180001000900000000000000443322117f000001"});
-}
-
 TEST_F(FlowRequests, statistics_are_the_totals_of_the_counters) {
   const auto statistics = [&](std::uint64_t index) {
     d.forget_replies();

@@ -32,7 +32,6 @@ class Lifecycle(e2e.Test):
     def test_a_bad_setting_stops_the_start_with_its_name(self):
         cases = (
             ("ssc_kelim", "programmer_script", "explode=1", "KELIM_PROGRAMMER_SCRIPT"),
-            ("ssc_kelim", "programmer_sise", "5", "KELIM_PROGRAMMER_SISE"),
             ("kelim-programmer", "programmer_script", "explode=1", "explode=1"),
             ("kelim-programmer", "mom_url", "embedded:", "KELIM_MOM_URL"),
         )

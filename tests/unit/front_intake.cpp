@@ -179,18 +179,14 @@ TEST_F(Intake, FailureRepliesCarryVersionAndTableOfTheLatestOpenMessage) {
 
 // ---- handshake and registration
 
-TEST_F(Intake, CallbacksAreRegisteredOnceAndAConnectionWaitsForTheFetch) {
+TEST_F(Intake, AConnectionWaitsForTheFetch) {
   qx_global global{};
   EXPECT_EQ(libproxy_fp_sdn_dep_init(nullptr), -4);
   EXPECT_EQ(libproxy_fp_sdn_dep_init(&global), 0);
-  EXPECT_EQ(host::of_ss::callbacks().mgmt_ifx, libproxy_fp_sdn_open);
   libproxy_fp_sdn_establisth_connect();
   EXPECT_EQ(g_replies, Texts{});
   libproxy_fp_sdn_ds_fetch();
   EXPECT_EQ(g_replies.size(), 1u);
-  host::of_ss::of_ss_reset_for_tests();
-  EXPECT_EQ(libproxy_fp_sdn_dep_init(&global), 0);
-  EXPECT_FALSE(host::of_ss::callbacks().complete()) << "the second time registers nothing";
 }
 
 }  // namespace
