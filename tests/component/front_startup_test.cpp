@@ -22,8 +22,7 @@ class Front : public FlowWorld {
  protected:
   void flow_and_barrier(std::uint64_t index, std::uint32_t xid) {
     flow(typical_flow(index));
-    send(d.pi().barrier, barrier(xid));
-    d.tick();
+    handle(d.pi().barrier, barrier(xid));
   }
 };
 

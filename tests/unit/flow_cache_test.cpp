@@ -1,4 +1,4 @@
-// The flow cache: its index bucket by bucket, its nodes, and what happens when memory is short.
+// The flow cache: its index bucket by bucket, and its nodes.
 #include <gtest/gtest.h>
 
 #include <map>
