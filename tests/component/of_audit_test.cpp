@@ -12,10 +12,9 @@ class Audit : public AgentTest {
     SPolicyKelim__MeterKey key = S_POLICY_KELIM__METER_KEY__INIT;
     key.meter_id = id;
     SPolicyKelim__Meter meter = S_POLICY_KELIM__METER__INIT;
-    meter.index = &key;
     meter.status = status;
     meter.meter_data = data(bytes);
-    write(meter.base);
+    store(meter, key);
   }
   // Four flows and three meters, as the daemon and the programming service would have stored them.
   void fill() {

@@ -23,32 +23,27 @@
 namespace of_world {
 
 using namespace of_wire;
+using flow_bytes::le;
 using namespace std::chrono_literals;
 
 // The daemon as the library sees it.
 class PlayedDaemon {
  public:
+  // What calls without a message are recorded as.
+  static constexpr std::uint16_t kConnected = 0xff01, kDelAllFlows = 0xff02;
+
   PlayedDaemon() { self = this; }
   ~PlayedDaemon() { self = nullptr; }
 
-  // Registers the sixteen callbacks.
   static void register_callbacks() {
-    of_ss_regiter_flow_mod(take);
-    of_ss_regiter_send_openmsg(take);
-    of_ss_regiter_mgmt_ifx(take);
-    of_ss_regiter_send_closemsg(take);
-    of_ss_regiter_del_all_flow([] { self->record(text("DEL_ALL_FLOWS")); });
-    of_ss_regiter_start(take);
-    of_ss_regiter_end(take);
-    of_ss_regiter_flow_statistic_reply(take);
-    of_ss_regiter_meter_mod(take);
-    of_ss_socket_connected([] { self->record(text("CONNECTED")); });
-    of_ss_flowcount_config(take);
-    of_ss_pkt_start(take);
-    of_ss_pkt_end(take);
-    of_ss_con_info(take);
-    ofss_barrier_request(take);
-    of_ss_regiter_del_all([] { self->record(text("DEL_ALL")); });
+    for (const auto regiter :
+         {of_ss_regiter_flow_mod, of_ss_regiter_send_openmsg, of_ss_regiter_mgmt_ifx, of_ss_regiter_send_closemsg,
+          of_ss_regiter_start, of_ss_regiter_end, of_ss_regiter_flow_statistic_reply, of_ss_regiter_meter_mod,
+          of_ss_flowcount_config, of_ss_pkt_start, of_ss_pkt_end, of_ss_con_info, ofss_barrier_request})
+      regiter(take);
+    of_ss_regiter_del_all_flow([] { self->record(le(kDelAllFlows)); });
+    of_ss_socket_connected([] { self->record(le(kConnected)); });
+    of_ss_regiter_del_all([] {});
   }
 
   // Whether barriers are answered at once, from inside the callback, or kept for answer_barriers.
@@ -68,7 +63,7 @@ class PlayedDaemon {
   // Counters that are given for every statistics request.
   void count(std::uint64_t index, std::uint64_t packets, std::uint64_t bytes) {
     const std::lock_guard lock(mutex_);
-    counters_.push_back(reply(southbound::kStatReply, {{index, 8}, {packets, 8}, {bytes, 8}, {0, 8}}));
+    counters_.push_back(reply(southbound::kStatReply, le(index) + le(packets) + le(bytes) + Message(8)));
   }
 
   std::vector<Message> messages() const {
@@ -76,52 +71,35 @@ class PlayedDaemon {
     return messages_;
   }
   std::vector<Message> of_type(std::uint16_t type) const {
-    std::vector<Message> found;
-    for (const Message &m : messages())
-      if (southbound::get<std::uint16_t>(m.data(), 0) == type) found.push_back(m);
+    auto found = messages();
+    std::erase_if(found, [type](const Message &m) { return southbound::get<std::uint16_t>(m.data(), 0) != type; });
     return found;
   }
   // Flow-mods that add, or delete.
   std::vector<Message> flows(bool adds) const {
-    std::vector<Message> found;
-    for (const Message &m : of_type(southbound::kFlowMod))
-      if ((southbound::get<std::uint8_t>(m.data(), southbound::kFlowCommand) == 0) == adds) found.push_back(m);
+    auto found = of_type(southbound::kFlowMod);
+    std::erase_if(found, [adds](const Message &m) { return (m[southbound::kFlowCommand] == std::byte{}) != adds; });
     return found;
   }
-  bool told(const char *signal) const {
-    const auto all = messages();
-    return std::find(all.begin(), all.end(), text(signal)) != all.end();
-  }
+  bool told(std::uint16_t type) const { return !of_type(type).empty(); }
   void forget() {
     const std::lock_guard lock(mutex_);
     messages_.clear();
   }
 
   // Replies, as the daemon sends them.
-  static void fail(std::uint64_t index, std::uint32_t result) { send(reply(southbound::kFlowResult, {{index, 8}, {result, 8}})); }
-  static void capacity(std::uint32_t flows) { send(reply(southbound::kCapacity, {{0, 8}, {0, 4}, {flows, 4}})); }
-  static void fail_meter(std::uint32_t id, std::uint32_t result) {
-    send(reply(southbound::kMeterResult, {{id, 4}, {result, 4}}));
-  }
+  static void fail(std::uint64_t index, std::uint64_t result) { send(reply(southbound::kFlowResult, le(index) + le(result))); }
+  static void capacity(std::uint32_t flows) { send(reply(southbound::kCapacity, Message(12) + le(flows))); }
+  static void fail_meter(std::uint32_t id, std::uint32_t result) { send(reply(southbound::kMeterResult, le(id) + le(result))); }
   static void report(std::uint64_t index, std::uint64_t packets, std::uint64_t bytes) {
-    send(reply(southbound::kPackedReport, {{index, 8}, {packets, 8}, {bytes, 8}}));
+    send(reply(southbound::kPackedReport, le(index) + le(packets) + le(bytes)));
   }
 
  private:
-  // A message of that type with these numbers, each with its width, the least significant byte first.
-  static Message reply(std::uint16_t type, std::initializer_list<std::pair<std::uint64_t, int>> numbers) {
-    Message m = hex("0000 0400 0000 0100");
-    for (auto [value, width] : numbers)
-      for (; width--; value >>= 8) m.push_back(std::byte(value));
-    southbound::put(m.data(), southbound::kType, type);
-    southbound::put(m.data(), southbound::kLen, static_cast<std::uint16_t>(m.size()));
-    return m;
+  static Message reply(std::uint16_t type, const Message &body) {
+    return le(type) + hex("0400") + le(static_cast<std::uint16_t>(8 + body.size())) + hex("0100") + body;
   }
-  static void send(Message m) { of_ss_send_msg(m.data(), static_cast<std::uint32_t>(m.size())); }
-  static Message text(const char *name) {
-    const auto *at = reinterpret_cast<const std::byte *>(name);
-    return Message(at, at + strlen(name) + 1);
-  }
+  static void send(const Message &m) { of_ss_send_msg(m.data(), static_cast<std::uint32_t>(m.size())); }
   static int take(void *bytes) {
     const auto *at = static_cast<const std::byte *>(bytes);
     self->record(Message(at, at + southbound::get<std::uint16_t>(bytes, southbound::kLen)));
@@ -129,7 +107,7 @@ class PlayedDaemon {
   }
   static void answer(Message barrier) {
     southbound::put(barrier.data(), southbound::kType, std::uint16_t{southbound::kBarrierReply});
-    send(std::move(barrier));
+    send(barrier);
   }
   void record(const Message &m) {
     const auto type = southbound::get<std::uint16_t>(m.data(), 0);
@@ -175,20 +153,17 @@ class Controller {
     if (fd_ >= 0) ::close(std::exchange(fd_, -1));
   }
 
-  // Sends all of it, letting the loop turn where the peer does not take it at once; false when it does not.
+  // Sends all of it and what was left before, letting the loop turn where the peer does not take it at once; false when it does
+  // not.
   bool send(const Message &bytes, std::chrono::milliseconds limit = kPatience) {
-    std::size_t sent = 0;
-    return send_rest(bytes, sent, limit);
-  }
-  // The same for a message of which `sent` bytes have been taken before.
-  bool send_rest(const Message &bytes, std::size_t &sent, std::chrono::milliseconds limit) {
-    return host::run_until([&] { return !send_more(bytes, sent); }, limit) && sent == bytes.size();
+    append(output_, bytes);
+    return host::run_until([&] { return !send_more(); }, limit) && output_.empty();
   }
   // Sends what the peer takes without waiting. Whether there is more to send.
-  bool send_more(const Message &bytes, std::size_t &sent) {
-    const ssize_t n = put_some(std::span(bytes).subspan(sent));
-    if (n > 0) sent += static_cast<std::size_t>(n);
-    return sent < bytes.size() && (n >= 0 || errno == EAGAIN);
+  bool send_more() {
+    const ssize_t n = put_some(output_);
+    if (n > 0) output_.erase(output_.begin(), output_.begin() + n);
+    return !output_.empty() && (n >= 0 || errno == EAGAIN);
   }
   // Takes what has arrived.
   void read() {
@@ -261,7 +236,7 @@ class Controller {
   }
   bool ended_ = false;
   std::uint32_t settled_ = 0xb0000000;
-  Message input_;
+  Message input_, output_;
   std::vector<Message> received_;
 };
 
@@ -307,15 +282,8 @@ inline FlowMod everything(std::uint8_t command = 3) {
 }
 // A request for the flows, or their sum, that a non-strict delete would take.
 inline Message dump_request(std::uint32_t xid, const FlowMod &filter = everything(), std::uint16_t type = 1) {
-  const Message body = pack({{type, 2},
-                             {0, 6},
-                             {filter.table, 1},
-                             {0, 3},
-                             {filter.out_port, 4},
-                             {filter.out_group, 4},
-                             {0, 4},
-                             {filter.cookie, 8},
-                             {filter.cookie_mask, 8}});
+  const Message body = be(type) + Message(6) + be(filter.table) + Message(3) + be(filter.out_port, filter.out_group) +
+                       Message(4) + be(filter.cookie, filter.cookie_mask);
   return message(18, xid, body + match(filter.fields));
 }
 
@@ -346,11 +314,6 @@ class AgentTest : public RuntimeTest {
     RuntimeTest::SetUp();
     qx_mom_client_connect_sync(global, QX_MOM_APP_DB);
     qx_mom_client_connect_sync(global, QX_MOM_UDP_DB);
-    static bool connected;
-    connected = false;
-    qx_mom_client_connect(
-        global, QX_MOM_UDP_DB, [](void *, const char *) { return connected = true, 0; }, "test");
-    ASSERT_TRUE(until([] { return connected; }));
     start();
   }
   void TearDown() override {
@@ -362,7 +325,7 @@ class AgentTest : public RuntimeTest {
   void start() {
     ASSERT_EQ(ss_of_init(global), 0);
     PlayedDaemon::register_callbacks();
-    ASSERT_TRUE(until([this] { return daemon.told("CONNECTED"); }));
+    ASSERT_TRUE(until([this] { return daemon.told(PlayedDaemon::kConnected); }));
     PlayedDaemon::capacity(100'000);
     port = host::of_ss::listening_port();
     if (is_listened_to()) come_up(c);
@@ -416,26 +379,30 @@ class AgentTest : public RuntimeTest {
     return found;
   }
 
-  // Records as the daemon and the programming service write them.
-  void write(const ProtobufCMessage &record) { ASSERT_EQ(qx_mom_set(global, QX_MOM_UDP_DB, &record, 0, 0), 0); }
+  // A record as the daemon or the programming service writes it.
+  template <typename Record, typename Key>
+  void store(Record record, Key key) {
+    record.index = &key;
+    qx_mom_del_sync(global, QX_MOM_UDP_DB, &record.base, 0, 0);
+    ASSERT_EQ(qx_mom_setnx_sync(global, QX_MOM_UDP_DB, &record.base, 0, 0), 0);
+  }
   static ProtobufCBinaryData data(const Message &bytes) {
     return {bytes.size(), const_cast<std::uint8_t *>(reinterpret_cast<const std::uint8_t *>(bytes.data()))};
   }
   void store_flow(std::uint64_t index, const Message &bytes) {
-    SPolicyKelim__FlowKey key = S_POLICY_KELIM__FLOW_KEY__INIT;
-    key.flow_index = index;
     SPolicyKelim__Flow flow = S_POLICY_KELIM__FLOW__INIT;
-    flow.index = &key;
     flow.flow_data = data(bytes);
-    write(flow.base);
+    store(flow, flow_key(index));
   }
   void store_answer(std::uint64_t index, SPolicyKelim__StatusE status = S_POLICY_KELIM__STATUS_E__STATUS_INSTALLED) {
+    SPolicyKelim__FlowSta answer = S_POLICY_KELIM__FLOW_STA__INIT;
+    answer.status = status;
+    store(answer, flow_key(index));
+  }
+  static SPolicyKelim__FlowKey flow_key(std::uint64_t index) {
     SPolicyKelim__FlowKey key = S_POLICY_KELIM__FLOW_KEY__INIT;
     key.flow_index = index;
-    SPolicyKelim__FlowSta answer = S_POLICY_KELIM__FLOW_STA__INIT;
-    answer.index = &key;
-    answer.status = status;
-    write(answer.base);
+    return key;
   }
 
   PlayedDaemon daemon;

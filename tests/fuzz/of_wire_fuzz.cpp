@@ -24,8 +24,7 @@ struct Nobody final : FlowEvents {
   void overdue(std::vector<std::uint64_t>) override {}
 };
 
-int take(void *message) {
-  require(southbound::get<std::uint16_t>(message, southbound::kLen) >= southbound::kHeaderLen);
+int take(void *) {
   return 0;
 }
 

@@ -1,35 +1,20 @@
 // OpenFlow 1.3 messages for tests, written by hand from the standard: what stands here knows nothing of the code under test.
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
 #include <span>
-#include <stdexcept>
 #include <string>
-#include <vector>
+
+#include "support/flow_bytes.h"
 
 namespace of_wire {
 
-using Message = std::vector<std::byte>;
-
-// "80000004 00000001" -> bytes; blanks are free.
-inline Message hex(const std::string &text) {
-  Message out;
-  std::string digits;
-  for (const char c : text)
-    if (c != ' ' && c != '\n') digits += c;
-  if (digits.size() % 2) throw std::invalid_argument("odd number of digits: " + text);
-  for (std::size_t i = 0; i < digits.size(); i += 2) out.push_back(std::byte(std::stoi(digits.substr(i, 2), nullptr, 16)));
-  return out;
-}
+using Message = flow_bytes::Bytes;
+using flow_bytes::hex, flow_bytes::operator+;
 
 inline std::string to_hex(std::span<const std::byte> bytes) {
   static constexpr char kDigits[] = "0123456789abcdef";
   std::string out;
-  for (const std::byte b : bytes) {
-    out += kDigits[std::to_integer<int>(b) >> 4];
-    out += kDigits[std::to_integer<int>(b) & 15];
-  }
+  for (const std::byte b : bytes) out += {kDigits[std::uint8_t(b) >> 4], kDigits[std::uint8_t(b) & 15]};
   return out;
 }
 
@@ -49,9 +34,10 @@ inline std::uint64_t get(std::span<const std::byte> from, std::size_t at, int wi
   return value;
 }
 
-inline Message operator+(Message left, const Message &right) {
-  left.insert(left.end(), right.begin(), right.end());
-  return left;
+// Numbers in their own widths.
+template <typename... Number>
+Message be(Number... numbers) {
+  return (pack({{numbers, sizeof numbers}}) + ...);
 }
 
 inline void append(Message &left, const Message &right) {
@@ -91,18 +77,9 @@ struct FlowMod {
 };
 
 inline Message flow_mod(const FlowMod &f) {
-  const Message head = pack({{f.cookie, 8},
-                             {f.cookie_mask, 8},
-                             {f.table, 1},
-                             {f.command, 1},
-                             {f.idle, 2},
-                             {f.hard, 2},
-                             {f.priority, 2},
-                             {f.buffer, 4},
-                             {f.out_port, 4},
-                             {f.out_group, 4},
-                             {f.flags, 2},
-                             {0, 2}});
+  const Message head =
+      be(f.cookie, f.cookie_mask, f.table, f.command, f.idle, f.hard, f.priority, f.buffer, f.out_port, f.out_group, f.flags) +
+      Message(2);
   return message(14, f.xid, head + match(f.fields) + f.instructions);
 }
 
