@@ -273,6 +273,13 @@ TEST_F(AgentTest, AChangeThatFailsLeavesTheOldFlowAndOneThatSucceedsReplacesIt) 
   daemon.answer_barriers();
   ASSERT_TRUE(c.settle());
   EXPECT_EQ(deleted(), std::vector<std::uint64_t>{1});
+  // Changes faster than decisions: every form but the last goes.
+  Message burst;
+  for (const std::uint32_t out : {1, 2, 7, 2, 7}) append(burst, flow_mod(with_output(ipv4_flow(1), out)));
+  hand_over(burst, 8);
+  daemon.answer_barriers();
+  ASSERT_TRUE(c.settle());
+  EXPECT_EQ(deleted(), (std::vector<std::uint64_t>{1, 3, 4, 5, 6, 7}));
   ASSERT_EQ(dump().size(), 1u);
   EXPECT_EQ(output_of(dump()[0]), 7u);
 }
@@ -319,20 +326,9 @@ TEST_F(AgentTest, AModifyChangesTheActionsAndNothingElse) {
   EXPECT_TRUE(errors().empty());
 }
 
-// Changes faster than decisions: every form but the last goes, in order.
-TEST_F(AgentTest, ManyChangesInARowLeaveTheLastForm) {
-  Message burst;
-  for (const std::uint32_t out : {1, 2, 7, 2, 7}) append(burst, flow_mod(with_output(ipv4_flow(1), out)));
-  hand_over(burst, 5);
-  daemon.answer_barriers();
-  ASSERT_TRUE(c.settle());
-  EXPECT_EQ(deleted(), (std::vector<std::uint64_t>{1, 2, 3, 4}));
-  ASSERT_EQ(dump().size(), 1u);
-}
-
 TEST_F(AgentTest, DeletingEverythingWhileFlowsAreOutstandingAnswersEveryBarrier) {
   hand_over(flow_mod(ipv4_flow(1)) + barrier(1) + flow_mod(ipv4_flow(2)) + flow_mod(everything()) + barrier(2), 2);
-  ASSERT_TRUE(until([this] { return daemon.told(PlayedDaemon::kDelAllFlows); }));
+  ASSERT_TRUE(until([this] { return !daemon.told(PlayedDaemon::kDelAllFlows).empty(); }));
   EXPECT_TRUE(c.of_type(21).empty());
   daemon.answer_barriers();
   EXPECT_EQ(get(c.await(21, 2), 4, 4), 2u);
@@ -401,10 +397,10 @@ TEST_F(AgentTest, DeletesTakeWhatTheySayAndStatisticsShowIt) {
     for (const std::uint64_t index : deleted()) left.erase(index - before);
     EXPECT_EQ(left, d.left);
     EXPECT_EQ(dump().size(), left.size());
-    EXPECT_FALSE(daemon.told(PlayedDaemon::kDelAllFlows));
+    EXPECT_EQ(daemon.told(PlayedDaemon::kDelAllFlows), "");
     before += 4;
     apply(flow_mod(everything()));
-    EXPECT_TRUE(daemon.told(PlayedDaemon::kDelAllFlows));
+    EXPECT_NE(daemon.told(PlayedDaemon::kDelAllFlows), "");
     EXPECT_TRUE(dump().empty());
   }
 }
@@ -507,8 +503,6 @@ TEST_F(AgentTest, AnInstalledFlowThatFailsIsAddedOnceMoreAndThenReported) {
   apply(flow_mod(ipv4_flow(1)));
   PlayedDaemon::fail(1, 2);
   ASSERT_TRUE(until([this] { return daemon.flows(true).size() == 2; }));
-  EXPECT_EQ(index_of(daemon.flows(true)[1]), 2u);
-  EXPECT_TRUE(c.settle());
   EXPECT_EQ(dump().size(), 1u);
   PlayedDaemon::fail(2, 2);
   EXPECT_FALSE(c.await(11).empty());

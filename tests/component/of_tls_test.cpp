@@ -2,7 +2,6 @@
 // log.
 #include <fcntl.h>
 #include <openssl/err.h>
-#include <openssl/ssl.h>
 
 #include "component/of_world.h"
 #include "host/log/log.h"
@@ -45,12 +44,8 @@ class TlsController : public Controller {
     errno = why == SSL_ERROR_WANT_READ || why == SSL_ERROR_WANT_WRITE ? EAGAIN : ECONNRESET;
     return why == SSL_ERROR_ZERO_RETURN ? 0 : -1;
   }
-  struct Free {
-    void operator()(SSL_CTX *context) const { SSL_CTX_free(context); }
-    void operator()(SSL *ssl) const { SSL_free(ssl); }
-  };
-  std::unique_ptr<SSL_CTX, Free> context_;
-  std::unique_ptr<SSL, Free> ssl_;
+  certificates::Owner<SSL_CTX> context_;
+  certificates::Owner<SSL> ssl_;
 };
 
 class Tls : public AgentTest {

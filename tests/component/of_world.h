@@ -52,13 +52,9 @@ class PlayedDaemon {
     hold_ = hold;
   }
   void answer_barriers() {
-    std::vector<Message> held;
-    {
-      const std::lock_guard lock(mutex_);
-      hold_ = false;
-      held.swap(held_);
-    }
-    for (const Message &barrier : held) answer(barrier);
+    const std::lock_guard lock(mutex_);
+    hold_ = false;
+    for (const Message &barrier : std::exchange(held_, {})) answer(barrier);
   }
   // Counters that are given for every statistics request.
   void count(std::uint64_t index, std::uint64_t packets, std::uint64_t bytes) {
@@ -81,7 +77,11 @@ class PlayedDaemon {
     std::erase_if(found, [adds](const Message &m) { return (m[southbound::kFlowCommand] == std::byte{}) != adds; });
     return found;
   }
-  bool told(std::uint16_t type) const { return !of_type(type).empty(); }
+  // "How many: the last of them" of a type.
+  std::string told(std::uint16_t type) const {
+    const auto all = of_type(type);
+    return all.empty() ? "" : std::to_string(all.size()) + ": " + to_hex(all.back());
+  }
   void forget() {
     const std::lock_guard lock(mutex_);
     messages_.clear();
@@ -111,15 +111,10 @@ class PlayedDaemon {
   }
   void record(const Message &m) {
     const auto type = southbound::get<std::uint16_t>(m.data(), 0);
-    std::vector<Message> barriers, counters;
-    {
-      const std::lock_guard lock(mutex_);
-      messages_.push_back(m);
-      if (type == southbound::kBarrierRequest) (hold_ ? held_ : barriers).push_back(m);
-      if (type == southbound::kStatRequest) counters = counters_;
-    }
-    for (const Message &barrier : barriers) answer(barrier);
-    for (const Message &counter : counters) send(counter);
+    const std::lock_guard lock(mutex_);
+    messages_.push_back(m);
+    if (type == southbound::kBarrierRequest) hold_ ? held_.push_back(m) : answer(m);
+    if (type == southbound::kStatRequest) std::ranges::for_each(counters_, send);
   }
 
   static inline PlayedDaemon *self = nullptr;
@@ -302,13 +297,11 @@ class AgentTest : public RuntimeTest {
 
   void configure() override {
     set("openflow.listen", "ptcp:0.0.0.0:0");
-    set("openflow.connect", "");
     set("openflow.datapath_id", "00000000000000ab");
     set("openflow.report_cells", "7");
     set("openflow.audit_interval_s", "0");
     set("ports", "1:p1,2:p2,7:p7");
     set("log.level", "off");
-    set("log.target", "stderr");
   }
   void SetUp() override {
     RuntimeTest::SetUp();
@@ -325,7 +318,7 @@ class AgentTest : public RuntimeTest {
   void start() {
     ASSERT_EQ(ss_of_init(global), 0);
     PlayedDaemon::register_callbacks();
-    ASSERT_TRUE(until([this] { return daemon.told(PlayedDaemon::kConnected); }));
+    ASSERT_TRUE(until([this] { return !daemon.told(PlayedDaemon::kConnected).empty(); }));
     PlayedDaemon::capacity(100'000);
     port = host::of_ss::listening_port();
     if (is_listened_to()) come_up(c);

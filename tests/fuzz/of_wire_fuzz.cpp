@@ -3,7 +3,7 @@
 // over, it is given back to the controller as a message that reads as the same flow, and it matches itself.
 #include <cstdlib>
 #include <cstring>
-#include <memory>
+#include <vector>
 
 #include "host/of_ss/meters.h"
 
@@ -108,8 +108,7 @@ constexpr void (*kReaders[])(Bytes) = {flow_mod, stored_flow, meter_mod, stored_
 // The first byte chooses the reader.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
   if (size == 0 || size > kMaxMessage) return 0;
-  const std::unique_ptr<std::byte[]> bytes(new std::byte[size - 1]);
-  std::memcpy(bytes.get(), data + 1, size - 1);
-  kReaders[data[0] % std::size(kReaders)](Bytes(bytes.get(), size - 1));
+  const std::vector<std::uint8_t> bytes(data + 1, data + size);  // where a read beyond the end is seen
+  kReaders[data[0] % std::size(kReaders)](std::as_bytes(std::span(bytes)));
   return 0;
 }

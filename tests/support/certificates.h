@@ -4,6 +4,7 @@
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
+#include <openssl/ssl.h>
 #include <openssl/x509.h>
 
 #include <cstdio>
@@ -14,6 +15,8 @@ namespace certificates {
 
 struct FreeOpenSsl {
   void operator()(EVP_PKEY *key) const { EVP_PKEY_free(key); }
+  void operator()(SSL_CTX *context) const { SSL_CTX_free(context); }
+  void operator()(SSL *ssl) const { SSL_free(ssl); }
   void operator()(X509 *certificate) const { X509_free(certificate); }
   void operator()(FILE *file) const { fclose(file); }
 };
