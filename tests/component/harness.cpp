@@ -24,26 +24,28 @@ using namespace std::chrono_literals;
 
 constexpr std::int32_t kUdpDb = 8;
 
+// Of no bytes: an empty record.
+Record unpack(const ProtobufCMessageDescriptor *type, const std::vector<std::uint8_t> &packed) {
+  return {{protobuf_c_message_unpack(type, nullptr, packed.size(), packed.data()),
+           [](ProtobufCMessage *m) { protobuf_c_message_free_unpacked(m, nullptr); }}};
+}
+
 Record copy_of(const qx_obj &object) {
   auto *message = static_cast<ProtobufCMessage *>(object.value);
   if ((object.cmd == QX_MOM_CMD_HASH_NEW || object.cmd == QX_MOM_CMD_HASH_SET) && message != nullptr)
     message = static_cast<qx_mom_hash_value *>(object.value)->record;
   if (message == nullptr) return {};
-  Bytes packed(protobuf_c_message_get_packed_size(message));
-  protobuf_c_message_pack(message, reinterpret_cast<std::uint8_t *>(packed.data()));
-  auto *copy =
-      protobuf_c_message_unpack(message->descriptor, nullptr, packed.size(), reinterpret_cast<std::uint8_t *>(packed.data()));
-  return {{copy, [](ProtobufCMessage *m) { protobuf_c_message_free_unpacked(m, nullptr); }}};
+  std::vector<std::uint8_t> packed(protobuf_c_message_get_packed_size(message));
+  protobuf_c_message_pack(message, packed.data());
+  return unpack(message->descriptor, packed);
 }
 
 // What `watch` and the settling marker receive. One daemon lives at a time in a process.
-std::mutex g_watch_mutex;
-std::vector<Change> g_changes;
+std::vector<Change> g_changes;  // main SDN thread
 std::atomic<unsigned> g_markers{0};
 
 int on_change(void *, const qx_obj *msg) {
   if (msg->cmd == QX_MOM_CMD_DATA_FETCH) return 0;
-  const std::lock_guard lock(g_watch_mutex);
   g_changes.push_back({msg->cmd, copy_of(*msg)});
   return 0;
 }
@@ -172,13 +174,11 @@ void Daemon::forget_replies() {
 std::vector<Record> Daemon::stored(std::int32_t db, const ProtobufCMessageDescriptor *type) const {
   std::vector<Record> found;
   on_loop([&] {
-    std::vector<std::uint64_t> space((type->sizeof_message + 7) / 8);  // an empty record, as template
-    protobuf_c_message_init(type, space.data());
     const auto collect = [](const qx_obj *object, void *arg) {
       static_cast<std::vector<Record> *>(arg)->push_back(copy_of(*object));
       return 0;
     };
-    qx_mom_scan_sync(g_ssc_kelim_global, db, reinterpret_cast<ProtobufCMessage *>(space.data()), 0, collect, &found);
+    qx_mom_scan_sync(g_ssc_kelim_global, db, unpack(type, {}).message.get(), 0, collect, &found);
   });
   return found;
 }
@@ -194,15 +194,15 @@ void Daemon::watch(std::int32_t db, const qx_mom_type &type) {
   on_loop([&] {
     const qx_mom_spec spec = {type, QX_MOM_DECODED};
     qx_mom_subscribe(g_ssc_kelim_global, db, &spec, on_change);
+    g_changes.clear();
   });
   settle();
-  const std::lock_guard lock(g_watch_mutex);
-  g_changes.clear();
 }
 
 std::vector<Change> Daemon::changes() const {
-  const std::lock_guard lock(g_watch_mutex);
-  return g_changes;
+  std::vector<Change> copy;
+  on_loop([&] { copy = g_changes; });
+  return copy;
 }
 
 void Daemon::expect_error(const std::string &text) {

@@ -1,7 +1,6 @@
 // What an operator sees of the database: the views over the control socket.
-#include <atomic>
+#include <future>
 #include <nlohmann/json.hpp>
-#include <thread>
 
 #include "component/mom_world.h"
 #include "host/control/client.h"
@@ -20,17 +19,15 @@ class MomViews : public testing::Test {
 
   // Asks as kelimctl does, from another thread; gives "data", or the error's text.
   Json view(const std::string &name, const Json &args) {
-    std::string answer;
-    std::atomic<bool> done = false;
-    std::thread operator_thread([&] {
+    auto answer = std::async(std::launch::async, [&] {
+      std::string line;
       host::control::Client client;
       EXPECT_EQ(client.connect(host::control::socket_path(world.run_dir(), "mom_test")), "");
-      EXPECT_EQ(client.request(Json{{"call", "view"}, {"name", name}, {"args", args}}.dump(), &answer), "");
-      done = true;
+      EXPECT_EQ(client.request(Json{{"call", "view"}, {"name", name}, {"args", args}}.dump(), &line), "");
+      return line;
     });
-    EXPECT_TRUE(run_until([&] { return done.load(); }));
-    operator_thread.join();
-    const Json reply = Json::parse(answer);
+    EXPECT_TRUE(run_until([&] { return answer.wait_for(0s) == std::future_status::ready; }));
+    const Json reply = Json::parse(answer.get());
     return reply.at("status") == 0 ? reply.at("data") : reply.at("error");
   }
 
@@ -93,7 +90,11 @@ TEST_F(MomViews, CountsAndRefusesClearly) {
   topic[0].erase("high_water_bytes");
   EXPECT_EQ(topic, Json::parse(R"([{"type": "s_policy_kelim.flow", "db": 8, "writes": 0, "high_water_writes": 3, "total": 3,
                                     "refused": 0}])"));
-  world.put_raw(8, "s_policy_kelim.flow:9:0", "\xff");
+  for (const char *bytes : {"\xff", "", "\x2a\x05\x08"}) world.put_raw(8, "s_policy_kelim.flow:9:0", bytes);
+  EXPECT_EQ(trace(world.scan(Flow(0))), "1:1 1:2 1:3");
+  world.run("get flow:9 gives -1");
+  world.settle();
+  EXPECT_EQ(trace(recorders[0].seen), "1:1 1:2 1:3") << "nobody is told of a value that is none";
   const Json listed = view("mom", {{"op", "ls"}, {"type", "s_policy_kelim.flow"}, {"limit", 2}});
   EXPECT_EQ(listed, Json::parse(R"({"total": 4, "objects": [{"db": 8, "key": "s_policy_kelim.flow:1:0"},
                                                             {"db": 8, "key": "s_policy_kelim.flow:2:0"}]})"));
@@ -106,8 +107,7 @@ TEST_F(MomViews, CountsAndRefusesClearly) {
   });
   EXPECT_NE(flows, stats.at("types").end()) << stats;
   const Json client = view("mom", {{"op", "client"}});
-  EXPECT_EQ(client.at("connected"), Json::parse("[0, 4, 8]"));
-  EXPECT_EQ(client.at("skipped"), Json::parse(R"({"s_policy_kelim.flow: the value is no record of its type": 1})"));
+  EXPECT_EQ(client.at("skipped"), Json::parse(R"({"s_policy_kelim.flow: the value is no record of its type": 5})"));
 
   std::vector<std::string> keys = {"s_policy_kelim.flow:3:0", "s_policy_kelim.flow:4:0", "s_policy_kelim.flow:1:0"};
   const Json several = view("mom", {{"op", "get"}, {"key", keys}});
@@ -118,9 +118,7 @@ TEST_F(MomViews, CountsAndRefusesClearly) {
   for (const auto &[request, refusal] : std::initializer_list<std::pair<Json, const char *>>{
            {{{"op", "get"}, {"key", keys}}, "more than 100 keys"},
            {{{"op", "dance"}}, "no op 'dance'; there are stats, client, ls, scan and get"},
-           {{{"op", "get"}, {"key", "s_policy_kelim.flow:1"}}, "'s_policy_kelim.flow:1' is no key of s_policy_kelim.flow"},
-           {{{"op", "ls"}, {"type", "s_policy_kelim.flow"}, {"db", 3}}, "no database 3; there are 0, 4 and 8"},
-           {{{"op", "ls"}, {"type", "flow"}}, "no record type 'flow'; there are s_cluster"}}) {
+           {{{"op", "ls"}, {"type", "s_policy_kelim.flow"}, {"db", 3}}, "no database 3; there are 0, 4 and 8"}}) {
     EXPECT_EQ(view("mom", request).get<std::string>().find(refusal), 0u) << request;
   }
 }
@@ -142,7 +140,7 @@ TEST_P(MomWatch, ShowsEveryChangeWhateverItIsUntilItIsLetGo) {
   SPolicyKelim__PktSig signal = S_POLICY_KELIM__PKT_SIG__INIT;
   signal.is_pkt_start = 1;
   ASSERT_EQ(world.set(sta), 0);
-  ASSERT_EQ(world.publish(base(&signal)), 0);
+  ASSERT_EQ(world.publish(&signal.base), 0);
   world.settle();
   world.put_raw(8, "s_policy_kelim.flow:2:0", "\xff\xff");
   ASSERT_EQ(world.pexpire(sta, 1), 0);

@@ -33,10 +33,6 @@ using namespace std::chrono_literals;
 
 // ---- records
 
-inline ProtobufCMessage *base(void *record) {
-  return static_cast<ProtobufCMessage *>(record);
-}
-
 inline std::string pack(const ProtobufCMessage *record) {
   std::string out(protobuf_c_message_get_packed_size(record), '\0');
   protobuf_c_message_pack(record, reinterpret_cast<uint8_t *>(out.data()));
@@ -179,16 +175,21 @@ using Settings = std::vector<std::pair<std::string, std::string>>;
 
 // ---- calls
 
-inline int get(qx_global *global, int32_t db, ProtobufCMessage *record, int64_t) {
+inline int get(qx_global *global, int32_t db, ProtobufCMessage *record, Seen *seen = nullptr) {
   auto *object = reinterpret_cast<qx_obj *>(1);
   const int rv = qx_mom_get_sync(global, db, record, 0, &object);
   EXPECT_EQ(object != nullptr, rv == 0);
+  if (object && seen) *seen = describe(object);
   qx_mom_qx_obj_free(object);
   return rv;
 }
 
-inline int ignore(const qx_obj *, void *) {
-  return 0;
+inline int scan(qx_global *global, int32_t db, ProtobufCMessage *record, std::vector<Seen> *all = nullptr) {
+  const auto collect = [](const qx_obj *object, void *into) {
+    if (into) static_cast<std::vector<Seen> *>(into)->push_back(describe(object));
+    return 0;
+  };
+  return qx_mom_scan_sync(global, db, record, 0, collect, all);
 }
 
 // Every call, with a tag or milliseconds where it takes some.
@@ -199,8 +200,8 @@ inline const std::map<std::string, Op> kOps = {
     {"setnx", [](auto g, auto db, auto r, auto) { return qx_mom_setnx_sync(g, db, r, 0, 0); }},
     {"del", [](auto g, auto db, auto r, auto) { return qx_mom_del(g, db, r, 0, 0); }},
     {"del_sync", [](auto g, auto db, auto r, auto) { return qx_mom_del_sync(g, db, r, 0, 0); }},
-    {"get", get},
-    {"scan", [](auto g, auto db, auto r, auto) { return qx_mom_scan_sync(g, db, r, 0, ignore, nullptr); }},
+    {"get", [](auto g, auto db, auto r, auto) { return get(g, db, r); }},
+    {"scan", [](auto g, auto db, auto r, auto) { return scan(g, db, r); }},
     {"publish", [](auto g, auto db, auto r, auto) { return qx_mom_publish(g, db, r, 0, 0); }},
     {"expire", [](auto g, auto db, auto r, auto ms) { return qx_mom_pexpire(g, db, r, 0, uint32_t(ms), 0, confirm, nullptr); }},
     {"keep", [](auto g, auto db, auto r, auto) { return qx_mom_del_expire(g, db, r, 0, 0, nullptr); }},
@@ -257,16 +258,13 @@ class World {
   void pass(std::chrono::milliseconds ms) {
     if (!server_) host::clock::warp(ms);
   }
-  // Puts bytes under a canonical key, past the client.
+  // Puts bytes under a canonical key of the embedded store, past the client; in Redis tells only that somebody did.
   void put_raw(int32_t db, const std::string &key, const std::string &bytes) {
     if (!server_) {
       ASSERT_TRUE(mom::testing::put_raw(db, key, {reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size()}));
       return;
     }
     const std::string type = key.substr(0, key.find(':')), member = key.substr(type.size() + 1);
-    EXPECT_EQ(server_->command({"SELECT", std::to_string(db)}), "OK");
-    EXPECT_NE(server_->command({"SADD", type, member}).substr(0, 1), "(");
-    EXPECT_EQ(server_->command({"SET", key, std::string(8, '\0') + bytes}), "OK");
     server_->command({"PUBLISH", std::to_string(db) + ":" + type, notification('W', member, bytes)});
   }
   // Cuts every connection and lets it come back to the same server.
@@ -309,7 +307,7 @@ class World {
     watching_[db] = true;
     recorders[kLast].seen.clear();
     SPolicyKelim__PktSig signal = S_POLICY_KELIM__PKT_SIG__INIT;
-    ASSERT_EQ(publish(base(&signal), db), 0);
+    ASSERT_EQ(publish(&signal.base, db), 0);
     ASSERT_TRUE(arrive(1, kLast));
   }
 
@@ -353,23 +351,17 @@ class World {
     }
   }
 
-  // The object as qx_mom_get_sync gives it; cmd 0 when there is none, which must give the code `missing`.
-  Seen get(ProtobufCMessage *record, int32_t db = 8, int missing = -7) {
-    qx_obj *object = nullptr;
-    const int rv = qx_mom_get_sync(global_, db, record, 0, &object);
-    EXPECT_EQ(rv, object ? 0 : missing);
-    const Seen seen = object ? describe(object) : Seen{};
-    qx_mom_qx_obj_free(object);
+  // The object as qx_mom_get_sync gives it; cmd 0 when there is none.
+  Seen get(ProtobufCMessage *record, int32_t db = 8) {
+    Seen seen;
+    const int rv = mom_test::get(global_, db, record, &seen);
+    EXPECT_EQ(rv, seen.cmd ? 0 : -7);
     return seen;
   }
 
   std::vector<Seen> scan(ProtobufCMessage *record, int32_t db = 8) {
     std::vector<Seen> all;
-    const auto collect = [](const qx_obj *object, void *arg) {
-      static_cast<std::vector<Seen> *>(arg)->push_back(describe(object));
-      return 0;
-    };
-    EXPECT_EQ(qx_mom_scan_sync(global_, db, record, 0, collect, &all), 0);
+    EXPECT_EQ(mom_test::scan(global_, db, record, &all), 0);
     return all;
   }
 

@@ -38,6 +38,10 @@ class ProgrammerTest : public testing::Test {
     ASSERT_EQ(programmer::start_embedded(world.global(), options), 0);
     rest();
   }
+  void run(const std::string &steps) {
+    world.run(steps);
+    rest();
+  }
   // What is written and what is written in answer to that is delivered.
   void rest() {
     for (int round = 0; round < 3; ++round) {
@@ -87,8 +91,7 @@ TEST_F(ProgrammerTest, AnswersEachRequestAndKeepsToItsSize) {
   start({.size = 2, .script = ""});
   for (uint64_t index = 1; index <= 3; ++index) put_flow(index, 10 + index);
   EXPECT_EQ(answers(), "1/11 STATUS_INSTALLED\n2/12 STATUS_INSTALLED\n3/13 STATUS_RESOURCE\n");
-  world.run("del flow:1");
-  rest();
+  run("del flow:1");
   EXPECT_EQ(stored<FlowSta>(1), "");
   put_flow(3, 14);
   EXPECT_EQ(answers(), "3/14 STATUS_INSTALLED\n");
@@ -107,8 +110,7 @@ TEST_F(ProgrammerTest, DelaysOvertakeEachOtherAndADeletedFlowIsForgotten) {
   for (const uint64_t index : {1, 2, 3, 4, 9}) put_flow(index, 10 + index);
   put_flow(1, 21);  // would be answered after 50 ms if it were not for the request before
   EXPECT_EQ(answers(), "2/12 STATUS_INSTALLED\n");
-  world.run("del flow:4");
-  rest();
+  run("del flow:4");
   EXPECT_EQ(answers_after(60ms), "3/13 STATUS_INSTALLED\n");
   EXPECT_EQ(answers_after(200ms), "1/11 STATUS_INSTALLED\n1/21 STATUS_INSTALLED\n");
   EXPECT_EQ(stored<FlowSta>(4) + stored<FlowSta>(9), "");
@@ -136,8 +138,7 @@ TEST_F(ProgrammerTest, CountersGrowAndAreWrittenOnlyWhenTheyChanged) {
   const std::string grown = "index={flow_index=0x1} packet_count=0x3 byte_count=0x12c packet_sum=0x6 byte_sum=0x258";
   ASSERT_TRUE(pass(1000ms, [&] { return stored<FlowCounter>(1) == grown; })) << stored<FlowCounter>(1);
   EXPECT_EQ(stored<FlowCounter>(2), "");
-  world.run("del flow:1");
-  rest();
+  run("del flow:1");
   EXPECT_EQ(stored<FlowCounter>(1), "");
 }
 
@@ -195,15 +196,13 @@ TEST_F(ProgrammerTest, MetersAndControllerAddressesCarryTheirStatus) {
   OncIp address(0x0100000a);
   address.record.status = S_POLICY_KELIM__STATUS_E__STATUS_INSTALLING;
   ASSERT_EQ(world.set(address), 0);
-  world.run("set meter:1 1; set meter:2 1; set meter:3 1; del meter:3");  // goes before its request was looked at: stays away
-  rest();
+  run("set meter:1 1; set meter:2 1; set meter:3 1; del meter:3");  // goes before its request was looked at: stays away
   EXPECT_EQ(world.get(address).text, "index={ip=0x100000a} status=0x2");
   EXPECT_EQ(stored<Meter>(1), "index={meter_id=0x1} status=0x2");
   EXPECT_EQ(stored<Meter>(2), "index={meter_id=0x2} status=0x3");
   EXPECT_EQ(stored<Meter>(3), "");
   host::fault::fail(host::fault::Point::mom_get, -1);
-  world.run("set meter:1 1");  // an answer that could not be given is given later
-  rest();
+  run("set meter:1 1");  // an answer that could not be given is given later
   EXPECT_EQ(stored<Meter>(1), "index={meter_id=0x1} status=0x1");
   EXPECT_TRUE(pass(200ms, [&] { return stored<Meter>(1) == "index={meter_id=0x1} status=0x2"; }));
 }
@@ -306,8 +305,7 @@ TEST_F(ProgrammerTest, ChanceFollowsTheSeed) {
     const std::string answered = answers();
     EXPECT_NEAR(std::ranges::count(answered, 'F'), 250, 60);
     EXPECT_EQ(chosen.try_emplace(seed, answered).first->second, answered);
-    for (uint64_t index = 1; index <= 1000; ++index) ASSERT_EQ(world.del(Flow(index)), 0);
-    rest();
+    run("expire flow 3600000; drop flow 1");
     programmer::stop_embedded();
   }
   EXPECT_NE(chosen[7], chosen[8]);
