@@ -17,27 +17,22 @@ namespace {
 
 // A TCP port of 127.0.0.1 that the system gives to nobody else while this object lives. It is bound and does not listen: a server
 // that sets SO_REUSEADDR can take it.
-class Port {
- public:
-  Port() : socket_(::socket(AF_INET, SOCK_STREAM, 0)) {
+struct Port {
+  const int socket = ::socket(AF_INET, SOCK_STREAM, 0);
+  std::string text;
+  Port() {
     const int shared = 1;
-    ::setsockopt(socket_, SOL_SOCKET, SO_REUSEADDR, &shared, sizeof shared);
+    ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &shared, sizeof shared);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(socket_, reinterpret_cast<sockaddr *>(&address), sizeof address);
+    ::bind(socket, reinterpret_cast<sockaddr *>(&address), sizeof address);
     socklen_t length = sizeof address;
-    ::getsockname(socket_, reinterpret_cast<sockaddr *>(&address), &length);
-    text_ = std::to_string(ntohs(address.sin_port));
+    ::getsockname(socket, reinterpret_cast<sockaddr *>(&address), &length);
+    text = std::to_string(ntohs(address.sin_port));
   }
-  ~Port() { ::close(socket_); }
+  ~Port() { ::close(socket); }
   Port(const Port &) = delete;
-  const std::string &text() const { return text_; }
-  int socket() const { return socket_; }
-
- private:
-  int socket_;
-  std::string text_;
 };
 
 // What the start says to standard error; "" when it succeeds.
@@ -407,8 +402,8 @@ bool deafen(support::RedisServer &server, const std::string &client) {
 // Over TCP, by name, with a password.
 TEST_F(MomRedis, TcpAndPasswordServeAsTheSocketDoesAndAListenerLostWithoutAWordIsNoticed) {
   const Port port;
-  start({{"mom.url", "redis://localhost:" + port.text()}, {"mom.password", "sesame"}, {"mom.dead_after_ms", "1000"}},
-        {"--port", port.text(), "--bind", "127.0.0.1", "--requirepass", "sesame"});
+  start({{"mom.url", "redis://localhost:" + port.text}, {"mom.password", "sesame"}, {"mom.dead_after_ms", "1000"}},
+        {"--port", port.text, "--bind", "127.0.0.1", "--requirepass", "sesame"});
   world->watch<0>(Flow::kType);
   world->run("tag flow:1 1; get flow:1");
   world->settle();
@@ -424,9 +419,9 @@ TEST_F(MomRedis, TcpAndPasswordServeAsTheSocketDoesAndAListenerLostWithoutAWordI
 TEST(MomRedisStart, SaysInOneLineWhatIsWrong) {
   support::RedisServer open, frozen, guarded({"--requirepass", "sesame"});
   const Port old;
-  ::listen(old.socket(), 1);
+  ::listen(old.socket, 1);
   const std::jthread answers([&] {
-    const int client = ::accept(old.socket(), nullptr, nullptr);
+    const int client = ::accept(old.socket, nullptr, nullptr);
     constexpr std::string_view kAnswers = "+OK\r\n$44\r\n# Server\r\nredis_version:6.2.14\r\nrun_id:abc\r\n\r\n";
     ::send(client, kAnswers.data(), kAnswers.size(), MSG_NOSIGNAL);
     for (char buffer[512]; ::recv(client, buffer, sizeof buffer, 0) > 0;) continue;
@@ -435,7 +430,7 @@ TEST(MomRedisStart, SaysInOneLineWhatIsWrong) {
   frozen.kill(SIGSTOP);
   EXPECT_EQ(start_at(open.url()), "");
   EXPECT_EQ(start_at(guarded.url(), "sesame"), "");
-  const std::string old_url = "redis://127.0.0.1:" + old.text();
+  const std::string old_url = "redis://127.0.0.1:" + old.text;
   const std::string refused = "mom.password is refused: WRONGPASS invalid username-password pair or user is disabled.";
   const struct {
     std::string url, password, said;
@@ -449,7 +444,7 @@ TEST(MomRedisStart, SaysInOneLineWhatIsWrong) {
       {old_url, "", old_url + ": the server's version is '6.2.14'; 7 or later is needed"},
   };
   for (const auto &[url, password, said] : rows) EXPECT_EQ(start_at(url, password), "mom_test: mom.url " + said + "\n");
-  ::shutdown(old.socket(), SHUT_RDWR);  // lets go of it should nobody have come
+  ::shutdown(old.socket, SHUT_RDWR);  // lets go of it should nobody have come
   const std::string nowhere = start_at("redis://no-such-host.invalid:6379");
   EXPECT_EQ(nowhere.find("mom_test: mom.url redis://no-such-host.invalid:6379: the host has no address: "), 0u) << nowhere;
   EXPECT_EQ(std::count(nowhere.begin(), nowhere.end(), '\n'), 1);

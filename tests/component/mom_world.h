@@ -90,11 +90,6 @@ inline uint64_t number(const ProtobufCMessage *record, const char *name = nullpt
   return value;
 }
 
-inline uint64_t first_of_key(const ProtobufCMessage *record) {
-  const auto *key = reinterpret_cast<const ProtobufCMessage *>(number(record, "index"));
-  return key ? number(key) : 0;
-}
-
 inline Seen describe(const qx_obj *object) {
   Seen seen;
   seen.cmd = object->cmd;
@@ -110,7 +105,8 @@ inline Seen describe(const qx_obj *object) {
   const auto *record = static_cast<const ProtobufCMessage *>(value);
   seen.type = record->descriptor->name;
   seen.text = record_text::text(record);
-  seen.key = first_of_key(record);
+  const auto *key = reinterpret_cast<const ProtobufCMessage *>(number(record, "index"));
+  seen.key = key ? number(key) : 0;
   seen.status = number(record, "status");
   return seen;
 }
