@@ -374,7 +374,7 @@ TEST_P(MomConformance, ScanBearsWritesAndDeletionsOfItsTable) {
 // Requests for a whole type take their place among the writes, however many objects it has.
 TEST_P(MomConformance, HundredThousandObjects) {
   constexpr uint64_t kCount = 100'000;
-  start({{"mom.high_water_writes", "1000000"}, {"mom.sync_timeout_ms", "10000"}});
+  start({{"mom.high_water_writes", "1000000"}, {"mom.sync_timeout_ms", "60000"}});
   world->watch<0>(Flow::kType);
   for (uint64_t i = 0; i < kCount; ++i) ASSERT_EQ(world->setow(Flow((i * 7919) % kCount + 1), 1), 0);
   world->settle();

@@ -14,7 +14,7 @@
 #include "qx_runtime.h"
 
 // How long a test waits for what must come about: long enough for a sanitizer's build on a busy machine.
-inline constexpr std::chrono::seconds kPatience{20};
+inline constexpr std::chrono::seconds kPatience{60};
 
 // A directory under /tmp that goes with its owner.
 class TempDir {

@@ -166,6 +166,10 @@ class System(Daemon):
         self.own_run_dir = True
         self.command_line = [pathlib.Path(__file__).with_name("supervise"), bin_dir]
 
+    def ready(self):
+        """The daemon, and the programming service, which may take longer to find its database."""
+        return super().ready() and self.kelimctl("--process", "kelim-programmer", "cmd", "programmer", "flows").returncode == 0
+
     def pids(self, name):
         """Of that process since the start, the present one last."""
         return [int(pid) for pid in re.findall(rf"{name} is started \(pid (\d+)\)", self.output())]
