@@ -15,9 +15,9 @@ std::vector<std::byte> copy_of(const ProtobufCBinaryData &data) {
 }
 
 struct Reading {
-  qx_global *global;
   StoredState &out;
   std::unordered_set<std::uint64_t> flows = {};  // indexes of the stored ones
+  std::vector<SPolicyKelim__ParseFlowKey> orphans = {};
 
   void note(std::uint64_t index) { out.last_index = std::max(out.last_index, index); }
 };
@@ -50,7 +50,7 @@ int take_translation(const qx_obj *object, void *arg) {
   if (!request || !request->index) return 0;
   const std::uint64_t index = request->index->flow_index;
   reading(arg).note(index);
-  if (!reading(arg).flows.contains(index)) qx_mom_del(reading(arg).global, QX_MOM_APP_DB, &request->base, 0, 0);
+  if (!reading(arg).flows.contains(index)) reading(arg).orphans.push_back(*request->index);
   return 0;
 }
 
@@ -84,6 +84,18 @@ bool is_installed(qx_global *global, std::uint64_t index) {
   return installed;
 }
 
+// The writing connection may still be under way here.
+int withdraw(qx_global *global, std::vector<SPolicyKelim__ParseFlowKey> &translations) {
+  constexpr int kNoSuchObject = -7;
+  for (SPolicyKelim__ParseFlowKey &key : translations) {
+    SPolicyKelim__ParseFlow record = S_POLICY_KELIM__PARSE_FLOW__INIT;
+    record.index = &key;
+    const int rv = qx_mom_del_sync(global, QX_MOM_APP_DB, &record.base, 0, 0);
+    if (rv != 0 && rv != kNoSuchObject) return rv;
+  }
+  return 0;
+}
+
 }  // namespace
 
 int read_stored(qx_global *global, StoredState &out) {
@@ -91,13 +103,14 @@ int read_stored(qx_global *global, StoredState &out) {
   const SPolicyKelim__FlowSta status = S_POLICY_KELIM__FLOW_STA__INIT;
   const SPolicyKelim__ParseFlow translation = S_POLICY_KELIM__PARSE_FLOW__INIT;
   const SPolicyKelim__Meter meter = S_POLICY_KELIM__METER__INIT;
-  Reading reading{global, out};
-  const auto scan = [&reading](std::int32_t db, const ProtobufCMessage &type, qx_mom_scan_cb take) {
-    return qx_mom_scan_sync(reading.global, db, &type, 0, take, &reading);
+  Reading reading{out};
+  const auto scan = [global, &reading](std::int32_t db, const ProtobufCMessage &type, qx_mom_scan_cb take) {
+    return qx_mom_scan_sync(global, db, &type, 0, take, &reading);
   };
   if (const int rv = scan(QX_MOM_UDP_DB, flow.base, take_flow)) return rv;
   if (const int rv = scan(QX_MOM_UDP_DB, status.base, take_status)) return rv;
   if (const int rv = scan(QX_MOM_APP_DB, translation.base, take_translation)) return rv;
+  if (const int rv = withdraw(global, reading.orphans)) return rv;
   return scan(QX_MOM_UDP_DB, meter.base, take_meter);
 }
 

@@ -15,7 +15,7 @@ struct StoredState {
   std::uint64_t last_index = 0;  // the greatest that a flow, the status of one or its translation has
 };
 
-// Also withdraws the translations that were never answered: their flows have gone. 0, or the code of the scan that failed.
+// Also withdraws the translations that were never answered: their flows have gone. 0, or the code of the call that failed.
 int read_stored(qx_global *global, StoredState &out);
 
 // Of these flows those whose stored status says that they are installed, in the same order.
