@@ -167,6 +167,7 @@ TEST_F(Refused, Requests) {
 TEST_F(Refused, FlowsForTheirMatch) {
   const Cases cases = {
       "4/1 unmasked length of a masked field: 80000a020800 80001904 0a000001",
+      "4/1 longer than the field: 80000a04 08000000",
       "4/1 longer than the match: 80000004 0000",
       "4/1 ends within a header: 80000004 00000001 8000",
       "4/1 wrong length of the experimenter's field: ffff0206 004b454c 0003",
