@@ -282,6 +282,10 @@ TEST_F(AgentTest, AChangeThatFailsLeavesTheOldFlowAndOneThatSucceedsReplacesIt) 
   EXPECT_EQ(deleted(), (std::vector<std::uint64_t>{1, 3, 4, 5, 6, 7}));
   ASSERT_EQ(dump().size(), 1u);
   EXPECT_EQ(output_of(dump()[0]), 7u);
+  // A delete takes every form, decided or not.
+  hand_over(flow_mod(with_output(ipv4_flow(1), 1)) + flow_mod(with_output(ipv4_flow(1), 2)) + flow_mod(strict_delete(1)), 10);
+  ASSERT_TRUE(until([this] { return deleted().size() >= 9; }));
+  EXPECT_TRUE(dump().empty());
 }
 
 // An add does not look at the filters of a delete.
