@@ -25,6 +25,7 @@
 #include "host/log/log.h"
 #include "host/programming/embedded.h"
 #include "host/runtime/loop.h"
+#include "host/runtime/owner_timer.h"
 #include "host/runtime/services.h"
 #include "host/runtime/timer_queue.h"
 
@@ -111,6 +112,7 @@ class OpenMailbox {
 };
 
 std::atomic<bool> g_stop{false};
+std::atomic<bool> g_handed_over{false};  // since the owner's timer began to run
 std::atomic<std::thread::id> g_loop_thread{};
 
 struct Runtime {
@@ -126,6 +128,8 @@ struct Runtime {
   TimerQueue timers{base.get()};
   qx_thread_master master{base.get()};
   qx_global global{this, &master};
+  TimerQueue::Id owner_timer = 0;  // in the master's queue; the latest that was armed
+  std::function<void()> after_owner_timer;
 };
 
 // Not destroyed by exit(): other threads may still use the loop while the process ends.
@@ -170,7 +174,27 @@ Runtime::Runtime(const char *runtime_name) : name(runtime_name) {
   terminate = added(evsignal_new(base.get(), SIGTERM, end_loop, nullptr));
   interrupt = added(evsignal_new(base.get(), SIGINT, end_loop, nullptr));
   g_stop = false;
+  g_handed_over = false;
   g_loop_thread = std::this_thread::get_id();
+}
+
+void tell_after_owner_timer() {
+  if (g_runtime->after_owner_timer) g_runtime->after_owner_timer();
+}
+
+// What is handed over from here on asks for a run of its own; all that was before is found by this one.
+void run_owner_timer(qx_thread &timer) {
+  g_handed_over = false;
+  timer.func(&timer);
+  tell_after_owner_timer();
+}
+
+void look_for_owner_timer(bool prompt) {
+  TimerQueue &timers = g_runtime->master.timers;
+  const TimerQueue::Id id = g_runtime->owner_timer;
+  if (timers.armed(id)) return prompt ? timers.hasten(id) : void();
+  g_handed_over = false;
+  tell_after_owner_timer();
 }
 
 bool complain(const std::string &who, const std::string &why) {
@@ -232,6 +256,14 @@ void post(std::function<void()> work) {
   if (box.wake_fd < 0) return;
   box.work.push_back(std::move(work));
   if (box.work.size() == 1) box.wake();
+}
+
+void handed_to_owner(bool prompt) {
+  if (!g_handed_over.exchange(true)) post([prompt] { look_for_owner_timer(prompt); });
+}
+
+void after_owner_timer(std::function<void()> ran) {
+  if (g_runtime) g_runtime->after_owner_timer = std::move(ran);
 }
 
 void stop_loop() {
@@ -337,17 +369,20 @@ int qx_thread_insert_timer_timeval(struct qx_thread_master *master, qx_thread *t
   host::assert_loop_thread();
   if (master->timers.armed(reinterpret_cast<uintptr_t>(thread->impl))) return -1;
   const auto id = host::TimerQueue::next_id();
+  const bool is_owners = name != nullptr && host::g_runtime && host::g_runtime->name == name;
   try {
     const auto delay =
         std::clamp(sec, 0L, host::kLongestTimer) * 1s + std::clamp(usec, 0L, 1'000'000 * host::kLongestTimer) * 1us;
-    master->timers.arm(id, host::clock::now() + delay, [thread, id] {
+    master->timers.arm(id, host::clock::now() + delay, [thread, id, is_owners] {
       if (reinterpret_cast<uintptr_t>(thread->impl) != id) return;  // zeroed and armed anew meanwhile
       thread->impl = nullptr;
+      if (is_owners) return host::run_owner_timer(*thread);
       thread->func(thread);
     });
   } catch (const std::bad_alloc &) {
     return -1;
   }
+  if (is_owners) host::g_runtime->owner_timer = id;
   *thread = {.impl = std::bit_cast<void *>(id), .master = master, .func = func, .arg = arg, .name = name};
   return 0;
 }

@@ -39,6 +39,16 @@ bool TimerQueue::cancel(Id id) {
   return true;  // a wake-up for nothing is cheaper than moving the libevent timer
 }
 
+void TimerQueue::hasten(Id id) {
+  const auto it = deadlines_.find(id);
+  const clock::Time at = clock::now();
+  if (it == deadlines_.end() || clock::stopped() || it->second <= at) return;
+  auto node = due_.extract({it->second, id});
+  node.key().first = it->second = at;
+  due_.insert(std::move(node));
+  reschedule();
+}
+
 void TimerQueue::clear() {
   due_.clear();
   deadlines_.clear();
