@@ -53,6 +53,7 @@ struct Config {
     std::uint32_t capacity;
     std::uint32_t echo_interval_s;
     std::uint32_t decide_timeout_ms;
+    bool prompt;
     std::uint32_t queue_bound;
     std::uint32_t report_cells;
     std::uint32_t audit_interval_s;

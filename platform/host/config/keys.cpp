@@ -95,6 +95,8 @@ constexpr Row kRows[] = {
      "Silence after which a controller is probed, in seconds; 0 for never."},
     {"openflow", "decide_timeout_ms", in<&C::openflow, &C::OpenFlow::decide_timeout_ms>, "2000", between(100, 600'000),
      "Time after which an undecided flow counts as failed."},
+    {"openflow", "prompt", in<&C::openflow, &C::OpenFlow::prompt>, "true", kAnything,
+     "Whether the daemon works as soon as something is handed over to it; otherwise only at its own period of 50 ms."},
     {"openflow", "queue_bound", in<&C::openflow, &C::OpenFlow::queue_bound>, "4096", between(1, 1'000'000),
      "Messages queued a connection, and its barriers under way, before reading from it stops."},
     {"openflow", "report_cells", in<&C::openflow, &C::OpenFlow::report_cells>, "100", between(1, 2730),

@@ -20,8 +20,14 @@ namespace {
 
 namespace sb = southbound;
 
-constexpr timeval kTick{0, 100'000}, kSecond{1, 0};
-constexpr timeval kCounterWait{0, 100'000};        // two ticks of the daemon
+constexpr timeval kTick{0, 100'000}, kSecond{1, 0}, kNextTurn{0, 0};
+constexpr timeval kCounterWait{0, 100'000};  // two ticks of the daemon
+// What all connections that wait may have taken in one turn of the loop, each at most and at least so much of it; a message that
+// was answered at length uses up the share of its connection.
+constexpr std::uint32_t kTurnMessages = 1024, kShareMax = 256, kShareMin = 8;
+constexpr std::size_t kShareBytes = 32 << 10;
+// Who has had less than this handed over since the loop turned may go a little beyond the bound.
+constexpr std::uint32_t kLittle = 4;
 constexpr std::uint32_t kReportPeriodSeconds = 5;  // the daemon's own; it does not take another
 constexpr std::size_t kRefusalsKept = 200;
 constexpr auto kRunLimit = std::chrono::seconds(3);
@@ -37,6 +43,8 @@ Agent::Agent(const Callbacks &callbacks, Inbox &inbox, Settings settings, LookUp
       inbox_(inbox),
       flows_(callbacks, *this, settings_.flows),
       meters_(flows_),
+      pace_(settings_.prompt, [this] { inbox_.nudge(); }),
+      share_(kShareMax),
       daemon_turned_(std::make_shared<std::atomic<bool>>(false)) {
   // One thread uses this base; only the inbox is shared, and that has a lock of its own.
   const std::unique_ptr<event_config, decltype(&event_config_free)> config(event_config_new(), event_config_free);
@@ -47,6 +55,7 @@ Agent::Agent(const Callbacks &callbacks, Inbox &inbox, Settings settings, LookUp
   second_event_ = make_event<&Agent::second>(-1, EV_PERSIST);
   reap_event_ = make_event<&Agent::reap>(-1, 0);
   refresh_event_ = make_event<&Agent::counters_are_late>(-1, 0);
+  turns_event_ = make_event<&Agent::take_turns>(-1, 0);
   look_at_clock();
   update_ports();
 }
@@ -69,6 +78,7 @@ void Agent::restore(const StoredState &stored) {
   std::size_t taken = 0, unknown = 0;
   for (const auto &message : stored.flows) ++(flows_.restore(message, now_ns_) ? taken : unknown);
   for (const auto &message : stored.meters) ++(meters_.restore(message, now_ns_) ? taken : unknown);
+  pace_.begin_at(flows_.table().newest_index());
   if (taken || unknown) log::info("took over {} stored flows and meters; {} were not this library's", taken, unknown);
 }
 
@@ -90,6 +100,7 @@ void Agent::main() {
   flows_.handover().configure_reports(settings_.report_cells, kReportPeriodSeconds);
   if (settings_.controllers.empty()) forget_everything();
   for (const auto &dialer : dialers_) dialer->dial();
+  turn_done();
   event_base_dispatch(base_.get());
 }
 
@@ -286,6 +297,7 @@ void Agent::withdraw_strangers(const std::vector<std::uint32_t> &stored) {
 void Agent::reap() {
   for (auto &connection : connections_)
     if (connection && connection->is_gone()) connection.reset();
+  turn_done();
 }
 
 // Packets may flow to the controller while there is one that takes them.
@@ -325,10 +337,32 @@ void Agent::message(Connection &connection, Bytes message) {
   handle_message(*this, connection, message);
 }
 
-bool Agent::may_take(const Connection &connection) {
-  const Session &session = connection.session();
-  return !session.dump && !session.waits_for_counters && session.barriers < settings_.connections.queue_bound && flows_.room() &&
-         !connection.is_clogged();
+void Agent::batch_begins(Connection &connection) {
+  connection.session().share = share_;
+  connection.session().unsent_before = connection.unsent();
+}
+
+bool Agent::may_take(Connection &connection, Bytes message) {
+  Session &session = connection.session();
+  if (session.dump || session.waits_for_counters || connection.is_clogged()) return false;
+  if (is_for_daemon(message) && !may_hand_over(session)) return false;
+  if (session.share == 0 || connection.unsent() > session.unsent_before + kShareBytes) {
+    share_used_up_ = true;
+    return false;
+  }
+  --session.share;
+  return true;
+}
+
+bool Agent::may_hand_over(Session &session) {
+  if (session.granted != pace_.granted()) {
+    session.granted = pace_.granted();
+    session.handed_over = 0;
+  }
+  const bool may = session.barriers < settings_.connections.queue_bound && flows_.room() &&
+                   pace_.open(flows_.handover().calls(), session.handed_over < kLittle);
+  session.handed_over += may;
+  return may;
 }
 
 void Agent::batch_done(Connection &) {
@@ -336,9 +370,34 @@ void Agent::batch_done(Connection &) {
   turn_done();
 }
 
+// The connections that wait, each with its share, beginning with the one that was next when the turn before ended.
+void Agent::resume_waiting() {
+  const auto waits = [](const auto &connection) { return connection && connection->is_waiting(); };
+  const auto waiting = static_cast<std::uint32_t>(std::ranges::count_if(connections_, waits));
+  if (waiting == 0) return;
+  share_ = std::clamp(kTurnMessages / waiting, kShareMin, kShareMax);
+  share_used_up_ = false;
+  const std::size_t first = next_turn_;
+  for (std::size_t n = 0; n < kMaxConnections; ++n) {
+    Connection *connection = connections_[(first + n) % kMaxConnections].get();
+    if (!waits(connection)) continue;
+    // Who comes when the pace is up is first when it may go on.
+    if (pace_.open(flows_.handover().calls(), false)) next_turn_ = (connection->number() + 1) % kMaxConnections;
+    connection->resume();
+  }
+  share_ = kShareMax;
+}
+
+void Agent::take_turns() {
+  new_turn();
+  resume_waiting();
+}
+
 // After everything that may have handed something over.
 void Agent::turn_done() {
   flows_.batch_done(now_ns_);
+  pace_.turn_ended(flows_.handover().calls(), flows_.table().newest_index());
+  if (std::exchange(share_used_up_, false)) event_add(turns_event_.get(), &kNextTurn);
   clock_is_fresh_ = false;
   if (ticking_ || !any_needs_ticks()) return;
   ticking_ = true;
@@ -504,11 +563,6 @@ void Agent::synchronise() {
   flows_.handover().end_sync();
   for (const std::uint32_t address : addresses_.numbers()) flows_.handover().controller(true, address);
   log::info("handed {} flows and {} meters to the daemon again", flows_.table().size(), meters_.all().size());
-}
-
-void Agent::resume_waiting() {
-  for (const auto &connection : connections_)
-    if (connection && connection->is_waiting() && may_take(*connection)) connection->resume();
 }
 
 // ---- counters

@@ -22,6 +22,7 @@
 #include "host/of_ss/flows.h"
 #include "host/of_ss/inbox.h"
 #include "host/of_ss/meters.h"
+#include "host/of_ss/pace.h"
 #include "host/of_ss/session.h"
 #include "host/of_ss/settings.h"
 #include "host/of_ss/stored.h"
@@ -96,6 +97,8 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   void restore(const StoredState &stored);
   // Opens the endpoints and starts the thread.
   void start();
+  // How far the agent may be ahead of the loop; to be told of drains and answers.
+  Pace &pace() { return pace_; }
 
   // ---- any thread
 
@@ -170,7 +173,8 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   // ConnectionEvents
   void up(Connection &connection) override;
   void message(Connection &connection, Bytes message) override;
-  bool may_take(const Connection &connection) override;
+  void batch_begins(Connection &connection) override;
+  bool may_take(Connection &connection, Bytes message) override;
   void batch_done(Connection &connection) override;
   void drained(Connection &connection) override;
   void gone(Connection &connection) override;
@@ -194,7 +198,9 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   void take_meter_result(Bytes message);
   void take_counters(Bytes message);
   void take_report(Bytes message);
+  bool may_hand_over(Session &session);
   void resume_waiting();
+  void take_turns();
   void tick();
   void second();
   void check_deadlines(bool daemon_turns);
@@ -221,6 +227,7 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   Inbox &inbox_;
   Flows flows_;
   Meters meters_;
+  Pace pace_;
   std::shared_ptr<const ddm::Ports> ports_;
   std::vector<std::uint32_t> port_numbers_;
 
@@ -231,12 +238,15 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   EventOwner make_event(int fd, short what);
 
   std::unique_ptr<event_base, FreeBase> base_;
-  EventOwner inbox_event_, tick_event_, second_event_, reap_event_, refresh_event_;
+  EventOwner inbox_event_, tick_event_, second_event_, reap_event_, refresh_event_, turns_event_;
   bool ticking_ = false;
   std::vector<std::unique_ptr<Listener>> listeners_;
   std::vector<std::unique_ptr<Dialer>> dialers_;
   std::array<std::unique_ptr<Connection>, kMaxConnections> connections_;
   std::array<Dialer *, kMaxConnections> dialer_of_{};
+  std::size_t next_turn_ = 0;   // the connection whose turn comes first
+  std::uint32_t share_;         // messages a connection may have taken in one turn
+  bool share_used_up_ = false;  // some connection waits for nothing but its next turn
   std::uint64_t generations_ = 0;
   std::size_t up_ = 0;
   Census addresses_, interfaces_;  // of the controllers' connections

@@ -12,17 +12,34 @@ namespace {
 
 namespace sb = southbound;
 
-std::function<void(Bytes)> g_failed;  // loop's thread
+// Loop's thread.
+std::function<void(Bytes)> g_failed;
+std::function<void(std::uint64_t)> g_seen;
 
 // Field numbers of the schema.
 enum : std::uint32_t { kKeyIndex = 1, kStaKey = 5, kStaStatus = 6 };
 
-std::uint64_t number_in(programmer::Bytes record, std::uint32_t number) {
-  programmer::WireReader reader(record);
+struct Answer {
+  std::uint64_t index = 0, status = 0;
+};
+
+std::uint64_t index_in(programmer::Bytes key) {
+  programmer::WireReader reader(key);
   programmer::WireField field;
   while (reader.next(field))
-    if (field.number == number) return field.value;
+    if (field.number == kKeyIndex) return field.value;
   return 0;
+}
+
+Answer read(programmer::Bytes record) {
+  Answer answer;
+  programmer::WireReader reader(record);
+  programmer::WireField field;
+  while (reader.next(field)) {
+    if (field.number == kStaKey) answer.index = index_in(field.bytes);
+    if (field.number == kStaStatus) answer.status = field.value;
+  }
+  return answer;
 }
 
 void tell(std::uint64_t index, std::uint32_t code) {
@@ -33,25 +50,21 @@ void tell(std::uint64_t index, std::uint32_t code) {
   g_failed(message);
 }
 
-int answered(void *, const qx_obj *answer) {
-  if (answer->cmd != QX_MOM_CMD_SET) return 0;
-  const programmer::Bytes record(answer->packed, answer->packed_len);
-  const std::uint64_t status = number_in(record, kStaStatus);
-  const bool no_room = status == S_POLICY_KELIM__STATUS_E__STATUS_RESOURCE;
-  if (!no_room && status != S_POLICY_KELIM__STATUS_E__STATUS_FAILED) return 0;
-  programmer::WireReader reader(record);
-  programmer::WireField field;
-  while (reader.next(field)) {
-    if (field.number != kStaKey) continue;
-    tell(number_in(field.bytes, kKeyIndex), no_room ? sb::kResultResource : sb::kResultFailed);
-  }
+int answered(void *, const qx_obj *object) {
+  const Answer answer = read({object->packed, object->packed_len});
+  g_seen(answer.index);
+  if (object->cmd != QX_MOM_CMD_SET) return 0;
+  const bool no_room = answer.status == S_POLICY_KELIM__STATUS_E__STATUS_RESOURCE;
+  if (no_room || answer.status == S_POLICY_KELIM__STATUS_E__STATUS_FAILED)
+    tell(answer.index, no_room ? sb::kResultResource : sb::kResultFailed);
   return 0;
 }
 
 }  // namespace
 
-void watch_answers(std::function<void(Bytes)> failed) {
+void watch_answers(std::function<void(Bytes)> failed, std::function<void(std::uint64_t)> seen) {
   g_failed = std::move(failed);
+  g_seen = std::move(seen);
   mom::Hub *hub = mom::hub();
   mom::Database *db = hub ? hub->database(QX_MOM_UDP_DB) : nullptr;
   const mom::RecordType *type = mom::RecordType::of(&s_policy_kelim__flow_sta__descriptor);

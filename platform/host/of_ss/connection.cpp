@@ -124,6 +124,8 @@ void Connection::read() {
   }
   heard_ns_ = clock::now().count();
   probed_ns_.reset();
+  // Who waits has its turn later, however much it sends.
+  if (waiting_) return wait_with_input();
   take_messages();
 }
 
@@ -135,6 +137,7 @@ void Connection::take_messages() {
   evbuffer *input = bufferevent_get_input(bev_.get());
   taking_ = true;
   waiting_ = false;
+  if (phase_ == Phase::up) events_.batch_begins(*this);
   while (phase_ < Phase::closing && !waiting_) {
     evbuffer_iovec first;
     if (evbuffer_peek(input, -1, nullptr, &first, 1) < 1) break;
@@ -154,9 +157,13 @@ void Connection::take_messages() {
   }
   taking_ = false;
   if (phase_ == Phase::gone) return;
+  wait_with_input();
+  if (phase_ == Phase::up) events_.batch_done(*this);
+}
+
+void Connection::wait_with_input() {
   if (waiting_) answer_waiting_echoes();
   if (phase_ < Phase::closing) stop_reading(waiting_ && scanned_messages_ >= limits_.queue_bound);
-  if (phase_ == Phase::up) events_.batch_done(*this);
 }
 
 void Connection::stop_reading(bool stop) {
@@ -171,7 +178,7 @@ std::size_t Connection::take_chunk(Bytes chunk) {
   while (chunk.size() - at >= kOfHeader) {
     const Bytes rest = chunk.subspan(at);
     if (bad_header(rest) || rest.size() < length_of(rest)) break;
-    if (phase_ == Phase::up && !events_.may_take(*this)) {
+    if (phase_ == Phase::up && !events_.may_take(*this, rest.first(length_of(rest)))) {
       waiting_ = true;
       break;
     }
@@ -241,9 +248,9 @@ void Connection::answer_waiting_echoes() {
   evbuffer *input = bufferevent_get_input(bev_.get());
   const std::size_t there = evbuffer_get_length(input);
   std::byte header[kOfHeader];
+  evbuffer_ptr at;
+  evbuffer_ptr_set(input, &at, scanned_, EVBUFFER_PTR_SET);
   while (there - scanned_ >= kOfHeader && phase_ != Phase::gone) {
-    evbuffer_ptr at;
-    evbuffer_ptr_set(input, &at, scanned_, EVBUFFER_PTR_SET);
     evbuffer_copyout_from(input, &at, header, kOfHeader);
     const std::size_t length = length_of(header);
     if (length < kOfHeader || there - scanned_ < length) return;
@@ -254,6 +261,7 @@ void Connection::answer_waiting_echoes() {
     }
     scanned_ += length;
     ++scanned_messages_;
+    if (scanned_ < there) evbuffer_ptr_set(input, &at, length, EVBUFFER_PTR_ADD);
   }
 }
 

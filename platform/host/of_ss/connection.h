@@ -1,8 +1,8 @@
 // One controller connection: framing, version negotiation, echo, and bounds on both directions.
 //
-// Messages are handed on as they lie in the input buffer. While they may not be (events.may_take), they stay there: echo requests
-// among them are answered at once, and when enough has piled up the connection is not read any more. What is sent is bounded too:
-// a peer that does not read is served no further messages, and in the end is closed. Openflow thread only.
+// Messages are handed on as they lie in the input buffer, a batch at a time. While they may not be (events.may_take), they stay
+// there: echo requests among them are answered at once, and when enough has piled up the connection is not read any more. What is
+// sent is bounded too: a peer that does not read is served no further messages, and in the end is closed. Openflow thread only.
 #pragma once
 
 #include <event2/bufferevent.h>
@@ -25,9 +25,11 @@ class ConnectionEvents {
   virtual void up(Connection &connection) = 0;
   // A whole message with a good header; not HELLO and not ECHO. The bytes are the connection's and live until the return.
   virtual void message(Connection &connection, Bytes message) = 0;
-  // Whether a message would be taken now. After a no, Connection::resume says when to ask again.
-  virtual bool may_take(const Connection &connection) = 0;
-  // All messages that are there for now have been handed on.
+  // Messages may follow, until batch_done.
+  virtual void batch_begins(Connection &connection) = 0;
+  // Whether this message would be taken now. After a no, Connection::resume says when to ask again.
+  virtual bool may_take(Connection &connection, Bytes message) = 0;
+  // All messages that are there, or may be taken, have been handed on.
   virtual void batch_done(Connection &connection) = 0;
   // What was sent has mostly been read by the peer; more may be sent.
   virtual void drained(Connection &connection) = 0;
@@ -112,6 +114,7 @@ class Connection {
   bool take_one(Bytes message, bool scanned);
   void take_hello(Bytes message);
   void take_echo(Bytes message, bool scanned);
+  void wait_with_input();
   void answer_waiting_echoes();
   bool bad_header(Bytes header);
   void refuse_version(const char *why);

@@ -151,6 +151,8 @@ class FlowTable {
   // Entries with an idle or a hard timeout.
   std::size_t timed() const { return timed_; }
   std::size_t flows_of(std::uint8_t table_id) const { return flows_of_[table_id]; }
+  // The greatest index given so far; 0 for none.
+  std::uint64_t newest_index() const { return next_index_ - 1; }
   void reserve_index_above(std::uint64_t index) { next_index_ = index < next_index_ ? next_index_ : index + 1; }
 
  private:

@@ -21,7 +21,7 @@ struct Message {
     sb::put(bytes.data(), at, value);
     return *this;
   }
-  void to(of_ss_msg_cb callback) { callback(bytes.data()); }
+  std::byte *data() { return bytes.data(); }
 };
 
 }  // namespace
@@ -29,52 +29,50 @@ struct Message {
 // The same bytes as the add, so that a trace of the delete shows the flow; the daemon looks at the index only.
 void Handover::remove(FlowEntry &flow) {
   sb::put(flow.message(), sb::kFlowCommand, sb::kFlowDelete);
-  callbacks_.flow_mod(flow.message());
+  call(callbacks_.flow_mod, flow.message());
   sb::put(flow.message(), sb::kFlowCommand, sb::kFlowAdd);
 }
 
 void Handover::barrier(const BarrierTag &tag) {
-  Message<sb::kBarrierLen>(sb::kBarrierRequest)
-      .with(sb::kBarrierConnId, tag.connection)
-      .with(sb::kBarrierXid, tag.xid)
-      .with(sb::kBarrierConnIp, tag.address)
-      .to(callbacks_.barrier);
+  call(callbacks_.barrier, Message<sb::kBarrierLen>(sb::kBarrierRequest)
+                               .with(sb::kBarrierConnId, tag.connection)
+                               .with(sb::kBarrierXid, tag.xid)
+                               .with(sb::kBarrierConnIp, tag.address)
+                               .data());
 }
 
 void Handover::begin_sync() {
-  Message<sb::kHeaderLen>(sb::kDsStart).to(callbacks_.ds_start);
+  call(callbacks_.ds_start, Message<sb::kHeaderLen>(sb::kDsStart).data());
 }
 void Handover::end_sync() {
-  Message<sb::kHeaderLen>(sb::kDsEnd).to(callbacks_.ds_end);
+  call(callbacks_.ds_end, Message<sb::kHeaderLen>(sb::kDsEnd).data());
 }
 
 void Handover::list_interfaces(sb::MsgType type, of_ss_msg_cb callback, std::span<const std::uint32_t> interfaces) {
   std::vector<std::byte> message(sb::kHeaderLen + interfaces.size_bytes());
   sb::put_header(message.data(), type, kVersion, static_cast<std::uint16_t>(message.size()), kTableProperty);
   std::ranges::copy(std::as_bytes(interfaces), message.begin() + sb::kHeaderLen);
-  callback(message.data());
+  call(callback, message.data());
 }
 
 void Handover::ask_counters(std::uint64_t index) {
-  Message<sb::kStatRequestLen>(sb::kStatRequest).with(sb::kStatIndex, index).to(callbacks_.statistic);
+  call(callbacks_.statistic, Message<sb::kStatRequestLen>(sb::kStatRequest).with(sb::kStatIndex, index).data());
 }
 
 void Handover::configure_reports(std::uint32_t cells, std::uint32_t period_s) {
-  Message<sb::kCountLen>(sb::kFlowCountConfig)
-      .with(sb::kCountCells, cells)
-      .with(sb::kCountPeriod, period_s)
-      .to(callbacks_.flow_count);
+  call(callbacks_.flow_count,
+       Message<sb::kCountLen>(sb::kFlowCountConfig).with(sb::kCountCells, cells).with(sb::kCountPeriod, period_s).data());
 }
 
 void Handover::packets(bool start) {
-  Message<sb::kHeaderLen>(start ? sb::kPktStart : sb::kPktEnd).to(start ? callbacks_.pkt_start : callbacks_.pkt_end);
+  call(start ? callbacks_.pkt_start : callbacks_.pkt_end, Message<sb::kHeaderLen>(start ? sb::kPktStart : sb::kPktEnd).data());
 }
 
 void Handover::controller(bool announce, std::uint32_t address) {
-  Message<sb::kOncLen>(sb::kOncInfo)
-      .with(sb::kOncCommand, static_cast<std::uint16_t>(announce ? 0 : 1))
-      .with(sb::kOncAddress, address)
-      .to(callbacks_.onc_info);
+  call(callbacks_.onc_info, Message<sb::kOncLen>(sb::kOncInfo)
+                                .with(sb::kOncCommand, static_cast<std::uint16_t>(announce ? 0 : 1))
+                                .with(sb::kOncAddress, address)
+                                .data());
 }
 
 BarrierTag barrier_tag(Bytes reply) {

@@ -24,12 +24,15 @@ class Handover {
  public:
   explicit Handover(const Callbacks &callbacks) : callbacks_(callbacks) {}
 
-  void add(FlowEntry &flow) { callbacks_.flow_mod(flow.message()); }
+  // Calls so far.
+  std::uint64_t calls() const { return calls_; }
+
+  void add(FlowEntry &flow) { call(callbacks_.flow_mod, flow.message()); }
   void remove(FlowEntry &flow);
-  void remove_all_flows() { callbacks_.del_all_flow(); }
-  void remove_everything() { callbacks_.del_all(); }
+  void remove_all_flows() { call(callbacks_.del_all_flow); }
+  void remove_everything() { call(callbacks_.del_all); }
   // `message` is a southbound meter-mod.
-  void meter(std::byte *message) { callbacks_.meter_mod(message); }
+  void meter(std::byte *message) { call(callbacks_.meter_mod, message); }
   void barrier(const BarrierTag &tag);
   void begin_sync();
   void end_sync();
@@ -46,12 +49,18 @@ class Handover {
   void packets(bool start);
   // Announces or withdraws the address of a controller, laid out as in BarrierTag.
   void controller(bool announce, std::uint32_t address);
-  void connected() { callbacks_.connected(); }
+  void connected() { call(callbacks_.connected); }
 
  private:
-  static void list_interfaces(southbound::MsgType type, of_ss_msg_cb callback, std::span<const std::uint32_t> interfaces);
+  template <typename Callback, typename... Message>
+  void call(Callback callback, Message... message) {
+    ++calls_;
+    callback(message...);
+  }
+  void list_interfaces(southbound::MsgType type, of_ss_msg_cb callback, std::span<const std::uint32_t> interfaces);
 
   const Callbacks &callbacks_;
+  std::uint64_t calls_ = 0;
 };
 
 // The tag of a barrier reply; the message is kBarrierLen long.

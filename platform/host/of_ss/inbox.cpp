@@ -46,6 +46,11 @@ void Inbox::fetch() {
   wake();
 }
 
+void Inbox::nudge() {
+  const std::lock_guard lock(mutex_);
+  wake();
+}
+
 void Inbox::clear() {
   take();
 }

@@ -27,6 +27,8 @@ class Inbox {
 
   // Has take say that a synchronisation is asked for.
   void fetch();
+  // Makes fd readable: something outside the inbox has changed.
+  void nudge();
   // Forgets everything put so far.
   void clear();
 

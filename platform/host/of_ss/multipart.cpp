@@ -434,6 +434,12 @@ Verdict handle(Agent &agent, Connection &connection, Bytes request) {
 
 }  // namespace
 
+bool multipart_is_for_daemon(Bytes request) {
+  if (request.size() < kBody) return false;
+  const std::uint16_t type = be16(request, 8);
+  return type == kFlow || type == kAggregate;
+}
+
 void handle_multipart(Agent &agent, Connection &connection, Bytes request) {
   const Verdict verdict = handle(agent, connection, request);
   if (verdict.refused()) agent.refuse(connection, verdict, request);

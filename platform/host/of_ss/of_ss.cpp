@@ -21,6 +21,7 @@
 #include "host/of_ss/testing.h"
 #include "host/of_ss/views.h"
 #include "host/runtime/loop.h"
+#include "host/runtime/owner_timer.h"
 #include "host/runtime/services.h"
 #include "host/runtime/timer.h"
 #include "southbound.h"
@@ -119,6 +120,9 @@ void start_agent() {
   agent = std::make_unique<Agent>(registered, inbox, settings_from(openflow), look_up);
   agent->restore(stored);
   running = true;
+  after_owner_timer([] {
+    if (agent) agent->pace().drained();
+  });
   agent->start();
   audit = std::make_unique<Audit>(global_handle, *agent,
                                   Audit::Options{std::chrono::seconds(openflow.audit_interval_s), openflow.audit_repair});
@@ -231,9 +235,13 @@ int ss_of_init(qx_global *global) {
   if (const int rv = host::fault::check(Point::of_init)) return rv;
   if (!global) return -1;
   global_handle = global;
-  watch_answers([](Bytes answer) {
-    if (running) inbox.put(answer);
-  });
+  watch_answers(
+      [](Bytes answer) {
+        if (running) inbox.put(answer);
+      },
+      [](std::uint64_t index) {
+        if (agent) agent->pace().answered(index);
+      });
   register_views([] { return agent.get(); });
   host::control::register_view("audit", [](const nlohmann::json &) {
     if (!audit) throw std::invalid_argument("the OpenFlow service library is not running yet");

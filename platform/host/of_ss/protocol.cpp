@@ -167,13 +167,23 @@ Verdict meter_mod(Agent &agent, Connection &connection, Bytes message) {
 
 enum class Writes : bool { no, yes };
 
+bool never(Bytes) {
+  return false;
+}
+bool always(Bytes) {
+  return true;
+}
+
 struct MessageRow {
   const char *name;
   std::size_t min_length = kOfHeader;
   bool fixed = false;                                         // no longer than that either
   Writes writes = Writes::no;                                 // not for a slave
   Verdict (*handle)(Agent &, Connection &, Bytes) = nullptr;  // null: not a message of controllers
+  bool (*is_for_daemon)(Bytes) = never;                       // whether it leads to work of the daemon
 };
+
+constexpr MessageRow kUnknown{"unknown"};
 
 constexpr std::array<MessageRow, kTypeCount> kMessages{{
     {"HELLO"},  // HELLO and ECHO do not come this far
@@ -190,13 +200,13 @@ constexpr std::array<MessageRow, kTypeCount> kMessages{{
     {"FLOW_REMOVED"},
     {"PORT_STATUS"},
     {"PACKET_OUT", 24, false, Writes::yes, packet_out},
-    {"FLOW_MOD", fm::kMinLength, false, Writes::yes, flow_mod},
+    {"FLOW_MOD", fm::kMinLength, false, Writes::yes, flow_mod, always},
     {"GROUP_MOD", 16, false, Writes::yes, group_mod},
     {"PORT_MOD", 40, true, Writes::yes, port_mod},
     {"TABLE_MOD", 16, true, Writes::yes, table_mod},
-    {"MULTIPART_REQUEST", 16, false, Writes::no, multipart},
+    {"MULTIPART_REQUEST", 16, false, Writes::no, multipart, multipart_is_for_daemon},
     {"MULTIPART_REPLY"},
-    {"BARRIER_REQUEST", 8, true, Writes::no, barrier},
+    {"BARRIER_REQUEST", 8, true, Writes::no, barrier, always},
     {"BARRIER_REPLY"},
     {"QUEUE_GET_CONFIG_REQUEST", 16, true, Writes::no, queue_config},
     {"QUEUE_GET_CONFIG_REPLY"},
@@ -205,8 +215,12 @@ constexpr std::array<MessageRow, kTypeCount> kMessages{{
     {"GET_ASYNC_REQUEST", 8, true, Writes::no, get_async},
     {"GET_ASYNC_REPLY"},
     {"SET_ASYNC", 32, true, Writes::no, set_async},
-    {"METER_MOD", 16, false, Writes::yes, meter_mod},
+    {"METER_MOD", 16, false, Writes::yes, meter_mod, always},
 }};
+
+const MessageRow &row_of(std::uint8_t type) {
+  return type < kMessages.size() ? kMessages[type] : kUnknown;
+}
 
 Verdict handle(const MessageRow &row, Agent &agent, Connection &connection, Bytes message) {
   if (!row.handle) return refuse(err::kBadType, row.name, "controllers do not send this message");
@@ -219,14 +233,16 @@ Verdict handle(const MessageRow &row, Agent &agent, Connection &connection, Byte
 }  // namespace
 
 void handle_message(Agent &agent, Connection &connection, Bytes message) {
-  constexpr MessageRow kUnknown{"unknown"};
-  const std::uint8_t type = be8(message, kOfType);
-  const Verdict verdict = handle(type < kMessages.size() ? kMessages[type] : kUnknown, agent, connection, message);
+  const Verdict verdict = handle(row_of(be8(message, kOfType)), agent, connection, message);
   if (verdict.refused()) agent.refuse(connection, verdict, message);
 }
 
+bool is_for_daemon(Bytes message) {
+  return row_of(be8(message, kOfType)).is_for_daemon(message);
+}
+
 const char *message_name(std::uint8_t type) {
-  return type < kMessages.size() ? kMessages[type].name : "unknown";
+  return row_of(type).name;
 }
 
 Bytes Reply::finish() {

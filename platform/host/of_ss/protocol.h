@@ -12,11 +12,15 @@ class Connection;
 // Carries out a message of a controller, or answers it with the exact error.
 void handle_message(Agent &agent, Connection &connection, Bytes message);
 
+// Whether it leads to work of the daemon, so that it waits while the daemon is behind.
+bool is_for_daemon(Bytes message);
+
 // "FLOW_MOD"; "unknown" for a number that is no type.
 const char *message_name(std::uint8_t type);
 
 // OFPT_MULTIPART_REQUEST (multipart.cpp), with its own table of types.
 void handle_multipart(Agent &agent, Connection &connection, Bytes request);
+bool multipart_is_for_daemon(Bytes request);
 
 // Goes on with a multipart reply that waited for the peer to read, or for counters.
 void continue_dump(Agent &agent, Connection &connection);

@@ -25,10 +25,16 @@ struct Session {
   std::array<std::uint32_t, 6> async{0x7, 0, 0x7, 0x7, 0xf, 0};
   std::uint16_t config_flags = 0;
   std::uint16_t miss_send_len = 128;
-  bool up = false;                  // counted among the controllers
-  std::uint32_t interface = 0;      // of the machine, that it came over
-  std::uint32_t barriers = 0;       // handed to the daemon and not answered
-  bool featured = false;            // FEATURES_REPLY has gone out; nothing asynchronous before it
+  bool up = false;              // counted among the controllers
+  std::uint32_t interface = 0;  // of the machine, that it came over
+  std::uint32_t barriers = 0;   // handed to the daemon and not answered
+  bool featured = false;        // FEATURES_REPLY has gone out; nothing asynchronous before it
+  // Of the turn that it has: messages that may still be taken, and what was unsent at its begin.
+  std::uint32_t share = 0;
+  std::size_t unsent_before = 0;
+  // What it has handed over since the loop turned last (Pace::granted).
+  std::uint64_t granted = 0;
+  std::uint32_t handed_over = 0;
   bool waits_for_counters = false;  // its statistics request waits for fresh counters, and later messages for it
   std::unique_ptr<Dump, FreeDump> dump;
 };

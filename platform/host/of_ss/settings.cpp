@@ -63,6 +63,7 @@ Settings settings_from(const Config::OpenFlow &key) {
   for (const std::string &text : key.connect) add_endpoint(text, settings);
   settings.datapath_id = datapath_id(key.datapath_id);
   settings.report_cells = key.report_cells;
+  settings.prompt = key.prompt;
   settings.flows.capacity = key.capacity;
   settings.flows.decide_timeout_ns = key.decide_timeout_ms * kMillisecond;
   settings.connections.queue_bound = key.queue_bound;

@@ -19,6 +19,7 @@ struct Settings {
   std::map<std::string, std::string> unusable;  // the others, with the reason
   TlsContext tls;
   std::uint32_t report_cells = 0;  // counter changes in a packed report
+  bool prompt = true;              // the daemon is woken when something was handed over
   std::uint64_t datapath_id = 0;
   FlowLimits flows;
   ConnectionLimits connections;

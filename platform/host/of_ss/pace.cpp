@@ -1,0 +1,80 @@
+#include "host/of_ss/pace.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "host/cgst/cgst.h"
+#include "host/runtime/owner_timer.h"
+
+namespace host::of_ss {
+namespace {
+
+// Calls ahead of the loop: each costs the daemon some microseconds, so this bounds how long the loop stands in one drain. Without
+// the prompt timer a drain comes every 50 ms only, and must work off more for the same rate.
+constexpr std::uint64_t kCalls = 2048, kCallsATick = 16384;
+// What those may hand over beyond it that have handed over little.
+constexpr std::uint64_t kSpare = 1024;
+constexpr std::uint64_t kWrites = 4096;   // in flight to the database
+constexpr std::uint64_t kAnswers = 8192;  // flows that the programming service may be behind
+constexpr auto kLongestWait = std::chrono::seconds(1);
+
+}  // namespace
+
+Pace::Pace(bool prompt, std::function<void()> wake)
+    : prompt_(prompt), bound_(prompt ? kCalls : kCallsATick), wake_(std::move(wake)) {}
+
+// ---- openflow thread
+
+bool Pace::open(std::uint64_t calls, bool spare) {
+  const std::uint64_t bound = spare ? bound_ + kSpare : bound_;
+  if (calls - granted_.load(std::memory_order_acquire) < bound) return true;
+  waits_ = true;  // before the second look: what is granted after it sees that somebody waits
+  return calls - granted_ < bound;
+}
+
+void Pace::turn_ended(std::uint64_t calls, std::uint64_t newest) {
+  if (calls == calls_.load(std::memory_order_relaxed)) return;
+  newest_.store(newest, std::memory_order_relaxed);
+  calls_.store(calls, std::memory_order_release);
+  handed_to_owner(prompt_);
+}
+
+// ---- loop's thread
+
+void Pace::drained() {
+  if (held_) return turned();
+  if (drained_ == handed_over()) return;
+  drained_ = handed_over();
+  turn_.arm(clock::Time::zero());
+}
+
+bool Pace::is_behind() const {
+  return cgst::pipeline().writes >= kWrites || newest_.load(std::memory_order_relaxed) > answered_ + kAnswers;
+}
+
+void Pace::turned() {
+  if (!is_behind()) silent_ = false;
+  if (silent_ || !is_behind()) return grant();
+  const clock::Time now = clock::now();
+  const std::uint64_t written = cgst::pipeline().total - cgst::pipeline().writes;
+  if (std::exchange(written_, written) != written || !held_) heard_ = now;
+  held_ = true;
+  silent_ = now - heard_ >= kLongestWait;
+  if (silent_) grant();
+}
+
+void Pace::grant() {
+  held_ = false;
+  granted_ = drained_;
+  if (waits_.exchange(false)) wake_();
+}
+
+void Pace::answered(std::uint64_t index) {
+  answered_ = std::max(answered_, index);
+  silent_ = false;
+  if (!held_) return;
+  heard_ = clock::now();
+  if (!is_behind()) grant();
+}
+
+}  // namespace host::of_ss
