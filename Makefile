@@ -78,7 +78,7 @@ bench: ## the benchmarks
 .PHONY: bench-compare
 bench-compare: ## holds the daemon against Open vSwitch, and the road over Redis against Redis itself (some minutes)
 	$(call packages,bench-compare)
-	$(call build,release,$(programs) of_load redis_load)
+	$(call build,release,$(programs) of_load loop_probe redis_load)
 	@bench/compare.py $(call bin,release) $(ARGS)
 
 .PHONY: format

@@ -1,275 +1,183 @@
-// A raw pipelining OpenFlow 1.3 client: programs distinct flows into any switch as fast as the switch takes them and measures
-// until the barrier reply. It knows nothing of this project, so that two switches are measured by the same yardstick.
+// Programs distinct flows into any OpenFlow 1.3 switch and measures until the answers are in. It knows nothing of this project,
+// so that two switches are measured by the same yardstick.
 //
-// A random pause of up to 100 ms stands before every measurement.
+//   of_load PORT MODE ARGUMENTS...         the modes are in the table below; without arguments it prints them
 //
-//   of_load PORT burst N [ROUNDS]      N distinct adds and a barrier; the flows are deleted in between
-//   of_load PORT churn N [ROUNDS]      N times add and strict delete of the same flow, then a barrier
-//   of_load PORT latency SAMPLES [SOCKET CHANNEL]
-//                                      one add and a barrier; with a channel of a Redis server, the time since the first message
-//                                      there: since the switch began to work on the flow, however long it waited before
-//   of_load PORT fill N                N adds and a barrier, flows are left in place
-//   of_load PORT stats N [SAMPLES]     N adds and a barrier, then the statistics of all flows until their last part
-//
-// Prints one JSON object. Exit status 1 when the switch answered with an error or closed the connection.
-#include <arpa/inet.h>
+// Prints one JSON object. Exit status 1, with one line about the cause, when the switch answers with an error, answers late,
+// wrongly or not at all, or does not hold the flows that it should.
 #include <hiredis/hiredis.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <chrono>
-#include <cstdint>
+#include <array>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <functional>
+#include <initializer_list>
 #include <memory>
 #include <random>
-#include <span>
+#include <string>
 #include <string_view>
 #include <thread>
-#include <vector>
+#include <utility>
 
+#include "of_client.h"
+
+namespace of_load {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-using Bytes = std::vector<std::uint8_t>;
+using std::chrono::microseconds, std::chrono::milliseconds;
 
-enum Type : std::uint8_t {
-  kHello = 0,
-  kError = 1,
-  kEchoRequest = 2,
-  kEchoReply = 3,
-  kFeaturesRequest = 5,
-  kFeaturesReply = 6,
-  kFlowMod = 14,
-  kMultipartRequest = 18,
-  kMultipartReply = 19,
-  kBarrierRequest = 20,
-  kBarrierReply = 21
-};
-enum Command : std::uint8_t { kAdd = 0, kDelete = 3, kDeleteStrict = 4 };
+constexpr std::uint32_t kParts = 8;  // that the open mods are sent in, each with a barrier behind
+constexpr std::uint32_t kFloodFirst = 4'000'000, kQuietFirst = 8'000'000, kSingleFirst = 12'000'000;  // flows no other load uses
+constexpr int kCrowd = 254;  // connections; the quiet one is the 255th
+constexpr std::size_t kOpenBarriers = 1000;
 
-constexpr std::uint8_t kVersion = 4;
+std::uint16_t g_port;
+std::mt19937 g_random{std::random_device{}()};
 
-[[noreturn]] void die(const char *what) {
-  std::fprintf(stderr, "of_load: %s\n", what);
-  std::exit(1);
-}
-
-void put8(Bytes &b, unsigned v) {
-  b.push_back(static_cast<std::uint8_t>(v));
-}
-void put16(Bytes &b, unsigned v) {
-  put8(b, v >> 8), put8(b, v);
-}
-void put32(Bytes &b, std::uint32_t v) {
-  put16(b, v >> 16), put16(b, v);
-}
-void zeros(Bytes &b, std::size_t n) {
-  b.insert(b.end(), n, 0);
-}
-
-// Appends the header with length 0; close_message fills it in.
-std::size_t open_message(Bytes &b, Type type, std::uint32_t xid) {
-  const std::size_t start = b.size();
-  put8(b, kVersion), put8(b, type), put16(b, 0), put32(b, xid);
-  return start;
-}
-
-void close_message(Bytes &b, std::size_t start) {
-  const std::size_t len = b.size() - start;
-  b[start + 2] = static_cast<std::uint8_t>(len >> 8);
-  b[start + 3] = static_cast<std::uint8_t>(len);
-}
-
-void plain(Bytes &b, Type type, std::uint32_t xid) {
-  close_message(b, open_message(b, type, xid));
-}
-
-void oxm(Bytes &b, unsigned field, bool mask, unsigned len) {
-  put16(b, 0x8000), put8(b, field << 1 | unsigned{mask}), put8(b, len);
-}
-
-void match(Bytes &b, std::uint32_t n) {
-  const std::size_t start = b.size();
-  put16(b, 1), put16(b, 0);                                      // OFPMT_OXM
-  oxm(b, 0, false, 4), put32(b, 1);                              // in_port
-  oxm(b, 5, false, 2), put16(b, 0x0800);                         // eth_type
-  oxm(b, 10, false, 1), put8(b, 6);                              // ip_proto
-  oxm(b, 12, true, 8), put32(b, 0x0a000000 + n), put32(b, ~0U);  // ipv4_dst
-  oxm(b, 14, false, 2), put16(b, 80);                            // tcp_dst
-  const std::size_t len = b.size() - start;
-  b[start + 2] = static_cast<std::uint8_t>(len >> 8), b[start + 3] = static_cast<std::uint8_t>(len);
-  zeros(b, (8 - len % 8) % 8);
-}
-
-// The n-th flow: in_port, eth_type, ip_proto, ip_dst/32, tcp_dst; one output.
-void flow_mod(Bytes &b, Command command, std::uint32_t n, std::uint32_t xid) {
-  const std::size_t start = open_message(b, kFlowMod, xid);
-  zeros(b, 16), put8(b, 0), put8(b, command), put16(b, 0), put16(b, 0), put16(b, 100);
-  put32(b, ~0U), put32(b, ~0U), put32(b, ~0U), put16(b, 0), put16(b, 0);
-  match(b, n);
-  if (command == kAdd) {
-    put16(b, 4), put16(b, 24), put32(b, 0);                                 // apply actions
-    put16(b, 0), put16(b, 16), put32(b, 2), put16(b, 0xffff), zeros(b, 6);  // output
-  }
-  close_message(b, start);
-}
-
-void delete_everything(Bytes &b, std::uint32_t xid) {
-  const std::size_t start = open_message(b, kFlowMod, xid);
-  zeros(b, 16), put8(b, 0xff), put8(b, kDelete), zeros(b, 6), put32(b, ~0U), put32(b, ~0U), put32(b, ~0U), zeros(b, 4);
-  put16(b, 1), put16(b, 4), zeros(b, 4);
-  close_message(b, start);
-}
-
-class Client {
+// What stands behind the mode on the command line.
+class Arguments {
  public:
-  explicit Client(std::uint16_t port) {
-    fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(port);
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (fd_ < 0 || ::connect(fd_, reinterpret_cast<sockaddr *>(&to), sizeof to) != 0) die("cannot connect");
-    const int on = 1;
-    ::setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    Bytes hello;
-    plain(hello, kHello, 1);
-    plain(hello, kFeaturesRequest, 2);
-    run(hello, kFeaturesReply, 2);
+  explicit Arguments(std::span<char *> given) : given_(given) {}
+  std::uint32_t number(std::size_t i) const {
+    char *end = nullptr;
+    const unsigned long value = std::strtoul(text(i), &end, 10);
+    if (end == text(i) || *end != '\0' || value > 100'000'000) die("\"%s\" is not a number up to 100 million", text(i));
+    return static_cast<std::uint32_t>(value);
   }
-  ~Client() { ::close(fd_); }
-  Client(const Client &) = delete;
-  Client &operator=(const Client &) = delete;
-
-  // Sends `out` while reading, until the message `type` with `xid` has come in.
-  void run(std::span<const std::uint8_t> out, Type type, std::uint32_t xid) {
-    bool done = false;
-    while (!done) {
-      pollfd p{fd_, static_cast<short>(POLLIN | (out.empty() ? 0 : POLLOUT)), 0};
-      if (::poll(&p, 1, 30000) <= 0) die("no answer within 30 s");
-      if ((p.revents & POLLOUT) != 0) out = out.subspan(send_some(out));
-      if ((p.revents & (POLLIN | POLLHUP | POLLERR)) != 0) done = receive(type, xid);
-    }
+  std::uint32_t above_zero(std::size_t i) const {
+    if (number(i) == 0) die("argument %zu is 0", i + 1);
+    return number(i);
   }
-
-  // For what fits into the socket at once.
-  void send_all(std::span<const std::uint8_t> out) {
-    if (send_some(out) != out.size()) die("the switch does not take one flow");
-  }
-  std::uint64_t errors() const { return errors_; }
-  // Entries of flow statistics so far.
-  std::uint64_t entries() const { return entries_; }
+  const char *text(std::size_t i) const { return given_[i]; }
+  std::size_t size() const { return given_.size(); }
 
  private:
-  std::size_t send_some(std::span<const std::uint8_t> out) {
-    const ssize_t n = ::send(fd_, out.data(), out.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-    if (n < 0 && errno != EAGAIN) die("the switch closed the connection");
-    return n < 0 ? 0 : static_cast<std::size_t>(n);
-  }
-
-  bool receive(Type type, std::uint32_t xid) {
-    std::uint8_t chunk[65536];
-    const ssize_t n = ::recv(fd_, chunk, sizeof chunk, MSG_DONTWAIT);
-    if (n == 0 || (n < 0 && errno != EAGAIN)) die("the switch closed the connection");
-    if (n > 0) in_.insert(in_.end(), chunk, chunk + n);
-    bool found = false;
-    std::size_t at = 0;
-    while (in_.size() - at >= 8) {
-      const std::size_t len = static_cast<std::size_t>(in_[at + 2]) << 8 | in_[at + 3];
-      if (len < 8) die("a message shorter than its header came in");
-      if (in_.size() - at < len) break;
-      found = handle(std::span(in_).subspan(at, len), type, xid) || found;
-      at += len;
-    }
-    in_.erase(in_.begin(), in_.begin() + static_cast<std::ptrdiff_t>(at));
-    return found;
-  }
-
-  bool handle(std::span<std::uint8_t> msg, Type type, std::uint32_t xid) {
-    std::uint32_t id = 0;
-    std::memcpy(&id, msg.data() + 4, 4);
-    id = ntohl(id);
-    if (msg[1] == kError) ++errors_;
-    if (msg[1] == kEchoRequest) {
-      msg[1] = kEchoReply;
-      if (::send(fd_, msg.data(), msg.size(), MSG_NOSIGNAL) < 0) die("the switch closed the connection");
-    }
-    return msg[1] == type && id == xid && (type != kMultipartReply || last_part(msg));
-  }
-
-  bool last_part(std::span<const std::uint8_t> msg) {
-    for (std::size_t at = 16; at + 2 <= msg.size(); ++entries_) {
-      const std::size_t len = static_cast<std::size_t>(msg[at]) << 8 | msg[at + 1];
-      if (len == 0) die("an entry without length came in");
-      at += len;
-    }
-    return (msg[11] & 1) == 0;
-  }
-
-  int fd_ = -1;
-  Bytes in_;
-  std::uint64_t errors_ = 0, entries_ = 0;
+  std::span<char *> given_;
 };
 
-double seconds_of(Client &client, const Bytes &out, std::uint32_t xid) {
-  const auto start = Clock::now();
-  client.run(out, kBarrierReply, xid);
-  return std::chrono::duration<double>(Clock::now() - start).count();
+using Values = std::vector<std::pair<std::string, double>>;
+
+void print(const Values &values) {
+  std::printf("{\"mode\":\"%s\"", g_mode);
+  for (const auto &[name, value] : values) std::printf(",\"%s\":%.9g", name.c_str(), value);
+  std::printf("}\n");
 }
 
-Bytes adds(std::uint32_t n, std::uint32_t first) {
-  Bytes out;
-  for (std::uint32_t i = 0; i < n; ++i) flow_mod(out, kAdd, first + i, 100 + i);
-  return out;
-}
-
-void clear(Client &client) {
-  Bytes out;
-  delete_everything(out, 50);
-  plain(out, kBarrierRequest, 51);
-  client.run(out, kBarrierReply, 51);
-}
-
-Bytes churn(std::uint32_t n) {
-  Bytes out;
-  for (std::uint32_t i = 0; i < n; ++i) flow_mod(out, kAdd, i, 100 + i), flow_mod(out, kDeleteStrict, i, 100 + i);
-  return out;
-}
-
-void print_sorted(const char *mode, std::uint32_t n, std::vector<double> values, std::uint64_t errors) {
+// How many there are and how they are spread, in seconds.
+Values spread(const std::string &what, std::vector<double> values) {
   std::sort(values.begin(), values.end());
   const auto at = [&](double q) {
     return values[std::min(values.size() - 1, static_cast<std::size_t>(q * static_cast<double>(values.size())))];
   };
-  std::printf(
-      "{\"mode\":\"%s\",\"n\":%u,\"runs\":%zu,\"min_s\":%.6f,\"median_s\":%.6f,\"p99_s\":%.6f,\"max_s\":%.6f,\"errors\":%llu}\n",
-      mode, n, values.size(), values.front(), at(0.5), at(0.99), values.back(), static_cast<unsigned long long>(errors));
+  return {{what + "_n", static_cast<double>(values.size())},
+          {what + "_p50_s", at(0.5)},
+          {what + "_p99_s", at(0.99)},
+          {what + "_max_s", values.back()}};
 }
 
-// Waits up to `most`, so that the measurement does not keep step with a period of the switch.
-void pause(std::mt19937 &random, std::chrono::microseconds most) {
-  std::this_thread::sleep_for(std::chrono::microseconds(random() % static_cast<std::uint64_t>(most.count())));
+// Waits up to `most`, so that a measurement does not keep step with a period of the switch.
+void pause(microseconds most) {
+  if (most.count() > 0) std::this_thread::sleep_for(microseconds(g_random() % static_cast<std::uint64_t>(most.count())));
 }
 
-void timed_rounds(Client &client, const char *mode, std::uint32_t n, int rounds) {
-  std::mt19937 random(std::random_device{}());
-  std::vector<double> values;
-  for (int round = 0; round < rounds; ++round) {
-    Bytes out = std::string_view(mode) == "churn" ? churn(n) : adds(n, 0);
-    plain(out, kBarrierRequest, 60);
-    clear(client);
-    pause(random, std::chrono::milliseconds(100));
-    values.push_back(seconds_of(client, out, 60));
+void expect(Client &client, std::uint64_t flows) {
+  const std::uint64_t found = client.count();
+  if (found != flows)
+    die("the switch holds %llu flows instead of %llu", static_cast<unsigned long long>(found),
+        static_cast<unsigned long long>(flows));
+}
+
+double seconds_until_answered(Client &client) {
+  const auto start = Clock::now();
+  client.wait();
+  return seconds_since(start);
+}
+
+// Keeps up to `open` mods open, in parts that each end with a barrier. `mod` appends one and says whether there was one more.
+template <typename Mod>
+void keep_open(Client &client, std::uint32_t open, Mod mod) {
+  const std::uint32_t part = std::max<std::uint32_t>(1, open / kParts);
+  bool more = true;
+  while (more || client.unanswered() > 0) {
+    while (more && client.unanswered() < kParts) {
+      for (std::uint32_t i = 0; i < part && more; ++i) more = mod();
+      client.barrier();
+    }
+    client.turn();
   }
-  clear(client);
-  print_sorted(mode, n, values, client.errors());
+}
+
+void remove(Client &client, std::uint32_t first, std::uint32_t n) {
+  std::uint32_t i = 0;
+  keep_open(client, 1000, [&] {
+    if (i < n) client.remove(first + i);
+    return i++ < n;
+  });
+}
+
+// Over a table of n flows: passes of `pass` adds and of as many strict deletes of the same flows take turns, and go on with the
+// next flows. With short passes most adds are deleted before the switch can have answered for them.
+struct Churn {
+  std::uint32_t first, n, pass, open;
+
+  std::uint32_t flow(std::uint64_t mod) const {
+    return first + static_cast<std::uint32_t>((mod / pass / 2 * pass + mod % pass) % n);
+  }
+
+  // Ends behind a pass when `over` says so; where the flows are to be left in place, behind one of adds. The number of mods.
+  template <typename Over>
+  std::uint64_t run(Client &client, bool leave, Over over) const {
+    std::uint64_t mods = 0;
+    keep_open(client, open, [&] {
+      const bool adding = mods / pass % 2 == 0;
+      if (mods > 0 && mods % pass == 0 && adding != leave && over()) return false;
+      adding ? client.add(flow(mods)) : client.remove(flow(mods));
+      ++mods;
+      return true;
+    });
+    return mods;
+  }
+};
+
+void burst(Client &client, const Arguments &given) {
+  const std::uint32_t n = given.above_zero(0);
+  const std::uint64_t before = client.count();
+  for (std::uint32_t i = 0; i < n; ++i) client.add(i);
+  client.barrier();
+  pause(milliseconds(100));
+  const double seconds = seconds_until_answered(client);
+  expect(client, before + n);
+  print({{"n", n}, {"seconds", seconds}});
+}
+
+void fill(Client &client, const Arguments &given) {
+  const std::uint32_t n = given.above_zero(0), open = given.above_zero(1);
+  const std::uint64_t before = client.count();
+  const auto start = Clock::now();
+  std::uint32_t i = 0;
+  keep_open(client, open, [&] {
+    if (i < n) client.add(i);
+    return i++ < n;
+  });
+  const double seconds = seconds_since(start), longest = client.longest_wait();
+  expect(client, before + n);
+  print({{"n", n}, {"seconds", seconds}, {"longest_wait_s", longest}});
+}
+
+void churn(Client &client, const Arguments &given) {
+  const std::uint32_t n = given.above_zero(0), seconds = given.above_zero(2), pass = given.size() > 3 ? given.above_zero(3) : n;
+  if (n % pass != 0) die("passes of %u do not fit into a table of %u", pass, n);
+  const std::uint64_t before = client.count();
+  const Churn load{0, n, pass, given.above_zero(1)};
+  const auto start = Clock::now();
+  const std::uint64_t mods = load.run(client, true, [&] { return seconds_since(start) >= seconds; });
+  const double taken = seconds_since(start), longest = client.longest_wait();
+  expect(client, before + pass);
+  remove(client, load.flow(mods - pass), pass);
+  expect(client, before);
+  print({{"mods", static_cast<double>(mods)}, {"seconds", taken}, {"longest_wait_s", longest}});
 }
 
 // A channel of a Redis server.
@@ -290,70 +198,171 @@ class Channel {
   std::unique_ptr<redisContext, decltype(&redisFree)> context_;
 };
 
-void latency(Client &client, std::uint32_t samples, Channel *begin) {
-  std::mt19937 random(1);
+void latency(Client &client, const Arguments &given) {
+  const std::uint32_t samples = given.above_zero(0);
+  const milliseconds gap(given.number(1));
+  std::unique_ptr<Channel> channel;
+  if (given.size() > 3) channel = std::make_unique<Channel>(given.text(2), given.text(3));
+  const std::uint64_t before = client.count();
   std::vector<double> values;
   for (std::uint32_t i = 0; i < samples; ++i) {
-    pause(random, std::chrono::milliseconds(100));
-    Bytes out = adds(1, i);
-    plain(out, kBarrierRequest, 60);
-    if (begin != nullptr) {
-      client.send_all(out);
-      begin->wait();
-      out.clear();
-    }
-    values.push_back(seconds_of(client, out, 60));
+    pause(gap);
+    client.add(kSingleFirst + i), client.barrier();
+    if (channel) client.send_all(), channel->wait();
+    values.push_back(seconds_until_answered(client));
   }
-  clear(client);
-  print_sorted("latency", 1, values, client.errors());
+  expect(client, before + samples);
+  remove(client, kSingleFirst, samples);
+  expect(client, before);
+  print(spread("add", values));
 }
 
-void statistics(Client &client, std::uint32_t n, int samples) {
-  std::mt19937 random(1);
+void dump(Client &client, const Arguments &given) {
+  const std::uint32_t n = given.number(0), samples = given.above_zero(1);
   std::vector<double> values;
-  Bytes fill = adds(n, 0);
-  plain(fill, kBarrierRequest, 60);
-  clear(client);
-  client.run(fill, kBarrierReply, 60);
-  Bytes request;
-  const std::size_t start = open_message(request, kMultipartRequest, 61);
-  put16(request, 1), zeros(request, 6), put8(request, 0xff), zeros(request, 3), put32(request, ~0U), put32(request, ~0U);
-  zeros(request, 20), put16(request, 1), put16(request, 4), zeros(request, 4);
-  close_message(request, start);
-  for (int i = 0; i < samples; ++i) {
-    pause(random, std::chrono::milliseconds(100));
-    const std::uint64_t before = client.entries();
-    const auto begun = Clock::now();
-    client.run(request, kMultipartReply, 61);
-    values.push_back(std::chrono::duration<double>(Clock::now() - begun).count());
-    if (client.entries() - before != n) die("the statistics are not those of all flows");
+  for (std::uint32_t i = 0; i < samples; ++i) {
+    pause(milliseconds(100));
+    const auto start = Clock::now();
+    const std::uint64_t found = client.dump();
+    values.push_back(seconds_since(start));
+    if (found != n) die("the statistics tell of %llu flows instead of %u", static_cast<unsigned long long>(found), n);
   }
-  clear(client);
-  print_sorted("stats", n, values, client.errors());
+  print(spread("dump", values));
+}
+
+void delete_all(Client &client, const Arguments &given) {
+  const std::uint32_t n = given.number(0);
+  expect(client, n);
+  client.remove_all(), client.barrier();
+  const double seconds = seconds_until_answered(client);
+  expect(client, 0);
+  print({{"n", n}, {"seconds", seconds}});
+}
+
+// What the loud side does until `over`, on connections of its own; the number of mods, barriers, bytes or requests that it got
+// through.
+using Over = std::function<bool()>;
+
+std::uint64_t flood_nothing(const Over &over) {
+  while (!over()) std::this_thread::sleep_for(milliseconds(5));
+  return 1;
+}
+
+std::uint64_t flood_churn(const Over &over) {
+  Client client(g_port);
+  return Churn{kFloodFirst, 600, 600, 20'000}.run(client, false, over);
+}
+
+std::uint64_t flood_barriers(const Over &over) {
+  Client client(g_port);
+  std::uint64_t barriers = 0;
+  for (; !over(); client.turn())
+    for (; client.unanswered() < kOpenBarriers; ++barriers) client.barrier();
+  client.wait();
+  return barriers;
+}
+
+std::uint64_t flood_bytes(const Over &over) {
+  Client client(g_port);
+  client.send_single_bytes();
+  Churn{kFloodFirst, 600, 600, 800}.run(client, false, over);
+  return client.bytes_sent();
+}
+
+// Every connection always has an add, a delete and a barrier open.
+std::uint64_t flood_crowd(const Over &over) {
+  std::vector<std::unique_ptr<Client>> clients;
+  for (int i = 0; i < kCrowd; ++i) clients.push_back(std::make_unique<Client>(g_port));
+  std::uint64_t requests = 0;
+  while (!over()) {
+    for (std::uint32_t i = 0; i < kCrowd; ++i) {
+      Client &client = *clients[i];
+      client.add(kFloodFirst + i), client.remove(kFloodFirst + i), client.barrier();
+      client.send_all();
+    }
+    for (const auto &client : clients) client->wait(), ++requests;
+  }
+  return requests;
+}
+
+struct Flood {
+  std::string_view name;
+  std::uint64_t (*run)(const Over &over);
+};
+constexpr std::array kFloods = {Flood{"nothing", flood_nothing}, Flood{"churn", flood_churn}, Flood{"barriers", flood_barriers},
+                                Flood{"bytes", flood_bytes}, Flood{"crowd", flood_crowd}};
+
+void quiet(Client &client, const Arguments &given) {
+  const auto flood = std::find_if(kFloods.begin(), kFloods.end(), [&](const Flood &f) { return f.name == given.text(0); });
+  if (flood == kFloods.end()) die("there is no flood of \"%s\"", given.text(0));
+  const std::uint32_t seconds = given.above_zero(1);
+  const std::uint64_t before = client.count();
+  std::atomic<bool> over = false;
+  std::uint64_t done = 0;
+  std::thread loud([&] { done = flood->run([&] { return over.load(); }); });
+  std::vector<double> adds, echos;
+  const auto start = Clock::now();
+  for (std::uint32_t i = 0; seconds_since(start) < seconds; ++i) {
+    pause(milliseconds(20));
+    client.add(kQuietFirst + i), client.barrier();
+    adds.push_back(seconds_until_answered(client));
+    client.echo();
+    echos.push_back(seconds_until_answered(client));
+  }
+  over = true;
+  loud.join();
+  expect(client, before + adds.size());
+  remove(client, kQuietFirst, static_cast<std::uint32_t>(adds.size()));
+  expect(client, before);
+  if (done == 0) die("the flood of %s got nothing through", given.text(0));
+  Values values = spread("add", adds), echo = spread("echo", echos);
+  values.insert(values.end(), echo.begin(), echo.end());
+  values.push_back({"flood", static_cast<double>(done)});
+  print(values);
+}
+
+struct Mode {
+  const char *name, *arguments;
+  std::size_t least;  // arguments
+  void (*run)(Client &, const Arguments &);
+  const char *does;
+};
+constexpr Mode kModes[] = {
+    {"burst", "N", 1, burst, "N adds and a barrier, sent as fast as the switch takes them; the flows stay"},
+    {"fill", "N OPEN", 2, fill, "N adds, at most OPEN of them open; the flows stay"},
+    {"churn", "N OPEN SECONDS [PASS]", 3, churn,
+     "passes of PASS adds and of as many strict deletes in turn, over a table of N flows, at most OPEN mods open"},
+    {"latency", "SAMPLES GAP [SOCKET CHANNEL]", 2, latency,
+     "one add and a barrier, with random gaps of up to GAP ms; with a channel of a Redis server, the time since the first "
+     "message\n"
+     "          there: since the switch began to work on the flow, however long it waited before"},
+    {"dump", "N SAMPLES", 2, dump, "the statistics of all flows, N of them, until the last part"},
+    {"delete-all", "N", 1, delete_all, "one delete of all flows, N of them, and a barrier"},
+    {"quiet", "FLOOD SECONDS", 2, quiet,
+     "one add and a barrier, and an echo, every 10 ms on one connection while others flood the switch with\n"
+     "          nothing, churn, barriers, bytes (a segment each) or a crowd (254 connections, each with mods open)"},
+};
+
+int usage() {
+  std::fprintf(stderr, "usage: of_load PORT MODE ARGUMENTS...\n");
+  for (const Mode &mode : kModes) std::fprintf(stderr, "  %s %s\n          %s\n", mode.name, mode.arguments, mode.does);
+  return 2;
+}
+
+int run(std::span<char *> given) {
+  const auto named = [&](const Mode &mode) { return given.size() > 1 && std::string_view(mode.name) == given[1]; };
+  const auto mode = std::find_if(std::begin(kModes), std::end(kModes), named);
+  if (mode == std::end(kModes) || given.size() - 2 < mode->least) return usage();
+  g_mode = mode->name;
+  g_port = static_cast<std::uint16_t>(Arguments(given).number(0));
+  Client client(g_port);
+  mode->run(client, Arguments(given.subspan(2)));
+  return 0;
 }
 
 }  // namespace
+}  // namespace of_load
 
 int main(int argc, char **argv) {
-  if (argc < 4) die("usage: of_load PORT burst|churn|latency|fill|stats N [ROUNDS]");
-  Client client(static_cast<std::uint16_t>(std::atoi(argv[1])));
-  const std::string_view mode = argv[2];
-  const auto n = static_cast<std::uint32_t>(std::atoi(argv[3]));
-  const int rounds = argc > 4 ? std::atoi(argv[4]) : 5;
-  if (mode == "burst" || mode == "churn") {
-    timed_rounds(client, argv[2], n, rounds);
-  } else if (mode == "latency") {
-    std::unique_ptr<Channel> begin;
-    if (argc > 5) begin = std::make_unique<Channel>(argv[4], argv[5]);
-    latency(client, n, begin.get());
-  } else if (mode == "fill") {
-    Bytes out = adds(n, 0);
-    plain(out, kBarrierRequest, 60);
-    print_sorted("fill", n, {seconds_of(client, out, 60)}, client.errors());
-  } else if (mode == "stats") {
-    statistics(client, n, argc > 4 ? rounds : 100);
-  } else {
-    die("the mode is burst, churn, latency, fill or stats");
-  }
-  return client.errors() == 0 ? 0 : 1;
+  return of_load::run(std::span(argv, static_cast<std::size_t>(argc)).subspan(1));
 }
