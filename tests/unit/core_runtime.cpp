@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "host/runtime/loop.h"
+#include "host/runtime/owner_timer.h"
 #include "host/runtime/services.h"
 #include "support/runtime_fixture.h"
 
@@ -56,6 +57,43 @@ TEST_F(Runtime, ATimerThatRearmsItselfWithoutDelayLetsTheLoopTurn) {
   ASSERT_EQ(qx_thread_insert_timer_timeval(global->master, &t, note, &fired, 0, 0, "again"), 0);
   EXPECT_TRUE(host::run_until([&] { return fired.before_post > 0 && fired.names.size() > 1; }, kPatience));
   EXPECT_LE(fired.before_post, 2u);
+}
+
+// The owner's timer is the one under the runtime's own name, "core_test".
+TEST_F(Runtime, WhatIsHandedToTheOwnerMakesItsTimerRunAtOnceAndNoOther) {
+  Fired fired;
+  qx_thread owner{}, other{};
+  const auto arm = [&](qx_thread &t, const char *name) {
+    ASSERT_EQ(qx_thread_insert_timer_timeval(global->master, &t, note, &fired, 3600, 0, name), 0);
+  };
+  int told = 0;
+  host::after_owner_timer([&] { ++told; });
+  host::handed_to_owner(true);
+  EXPECT_TRUE(host::run_until([&] { return told == 1; }, kPatience)) << "without a timer, in its place";
+
+  arm(other, "other");
+  arm(owner, "core_test");
+  host::handed_to_owner(false);
+  EXPECT_FALSE(host::run_until([&] { return told > 1; }, 20ms)) << "not prompt: at its own time";
+  host::clock::warp(2h);
+  EXPECT_TRUE(host::run_until([&] { return fired.names.size() == 2 && told == 2; }, kPatience));
+  fired.names.clear();
+
+  arm(other, "other");
+  for (int again = 3; again < 6; ++again) {
+    arm(owner, "core_test");
+    host::handed_to_owner(true);
+    host::handed_to_owner(true);
+    EXPECT_TRUE(host::run_until([&] { return told == again; }, kPatience)) << "whatever is handed over after a run has its own";
+  }
+  EXPECT_EQ(fired.names, (std::vector<std::string>{"core_test", "core_test", "core_test"}));
+
+  arm(owner, "core_test");
+  host::clock::stop();
+  host::handed_to_owner(true);
+  EXPECT_FALSE(host::run_until([&] { return told == 6; }, 20ms)) << "a clock that stands is not hastened";
+  host::clock::warp(2h);
+  EXPECT_TRUE(host::run_until([&] { return told == 6; }, kPatience));
 }
 
 TEST_F(Runtime, ItIsReleasedWholeAndCanBeMadeAgain) {

@@ -65,6 +65,7 @@ class Daemon:
             "mom_url": "embedded:",
             "openflow_listen": f"ptcp:127.0.0.1:{self.port}",
             "programmer_embedded": "true",
+            "openflow_prompt": os.environ.get("KELIM_OPENFLOW_PROMPT", "true"),  # so that every test can be run both ways
             "ports": ",".join(f"{n}:eth{n}:{100 + n}:1" for n in range(1, PORTS + 1)),
             **settings,
         }

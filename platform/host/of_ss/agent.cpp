@@ -28,6 +28,9 @@ constexpr std::uint32_t kTurnMessages = 1024, kShareMax = 256, kShareMin = 8;
 constexpr std::size_t kShareBytes = 32 << 10;
 // Who has had less than this handed over since the loop turned may go a little beyond the bound.
 constexpr std::uint32_t kLittle = 4;
+// The daemon reads the counters of all flows in one go, during which the loop stands: of more flows than this they are shown as
+// they were reported last, a few seconds ago.
+constexpr std::size_t kFlowsRefreshed = 20'000;
 constexpr std::uint32_t kReportPeriodSeconds = 5;  // the daemon's own; it does not take another
 constexpr std::size_t kRefusalsKept = 200;
 constexpr auto kRunLimit = std::chrono::seconds(3);
@@ -568,7 +571,7 @@ void Agent::synchronise() {
 // ---- counters
 
 void Agent::refresh_counters(Connection &connection) {
-  if (flows_.table().size() == 0) return;
+  if (flows_.table().size() == 0 || flows_.table().size() > kFlowsRefreshed) return;
   connection.session().waits_for_counters = true;
   if (refresh_xid_) return;
   flows_.handover().ask_counters(sb::kAllFlows);

@@ -9,13 +9,15 @@
 namespace host::of_ss {
 namespace {
 
-// Calls ahead of the loop: each costs the daemon some microseconds, so this bounds how long the loop stands in one drain. Without
-// the prompt timer a drain comes every 50 ms only, and must work off more for the same rate.
-constexpr std::uint64_t kCalls = 2048, kCallsATick = 16384;
+// Calls ahead of the loop. Each costs the daemon some microseconds, so this bounds how long the loop stands in one drain and how long
+// a quiet controller waits behind a busy one; several hundred keep both threads at work. Without the prompt timer a drain comes every
+// 50 ms only, and must work off more for the same rate.
+constexpr std::uint64_t kCalls = 384, kCallsATick = 16384;
 // What those may hand over beyond it that have handed over little.
 constexpr std::uint64_t kSpare = 1024;
-constexpr std::uint64_t kWrites = 4096;   // in flight to the database
-constexpr std::uint64_t kAnswers = 8192;  // flows that the programming service may be behind
+// In flight to the database, and flows that the programming service may be behind: enough for some round trips. More makes nothing
+// faster and everybody wait.
+constexpr std::uint64_t kWrites = 512, kAnswers = 512;
 constexpr auto kLongestWait = std::chrono::seconds(1);
 
 }  // namespace
