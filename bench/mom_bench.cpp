@@ -301,14 +301,23 @@ class Bystander {
   std::thread thread_;
 };
 
-size_t server_memory() {
+// A number of what INFO says of the Redis server; 0 without one.
+double server_says(const char *name) {
   const char *url = std::getenv("KELIM_MOM_URL");
   if (!url) return 0;
   const std::unique_ptr<redisContext, decltype(&redisFree)> server(redisConnectUnix(url + 11), redisFree);
-  auto *reply = static_cast<redisReply *>(redisCommand(server.get(), "INFO memory"));
-  const std::string info = reply->str;
+  auto *reply = static_cast<redisReply *>(redisCommand(server.get(), "INFO"));
+  const std::string info = reply->str, line = "\n" + std::string(name) + ":";
   freeReplyObject(reply);
-  return std::strtoull(info.c_str() + info.find("used_memory:") + 12, nullptr, 10);
+  return std::strtod(info.c_str() + info.find(line) + line.size(), nullptr);
+}
+
+double server_memory() {
+  return server_says("used_memory");
+}
+
+double server_cpu_s() {
+  return server_says("used_cpu_user") + server_says("used_cpu_sys");
 }
 
 // The flows that one pass over them finds.
@@ -330,7 +339,7 @@ void BM_HundredThousand(benchmark::State &state) {
   world.subscribe(QX_MOM_DECODED);
   FlowRecord flow;
   constexpr uint64_t kCount = 100'000;
-  const size_t empty = server_memory();
+  const double empty = server_memory();
   uint64_t written = 0;
   const auto phase = [&](const char *name, const std::function<void()> &beat, const std::function<bool()> &done) {
     Bystander bystander;
@@ -371,13 +380,76 @@ void BM_HundredThousand(benchmark::State &state) {
     phase("persist", idle, [] { return confirmed == 2; });
     qx_mom_pexpire(world.global, QX_MOM_UDP_DB, flow.message(0), 0, 600'000, 0, confirm, nullptr);
     host::run_until([] { return confirmed == 3; }, 60s);
-    state.counters["server_bytes_per_object"] = static_cast<double>(server_memory() - empty) / kCount;
+    state.counters["server_bytes_per_object"] = (server_memory() - empty) / kCount;
     notified = 0;
     qx_mom_del_expire_ow(world.global, QX_MOM_UDP_DB, flow.message(0), 0, 0, nullptr, 1);
     phase("delete", idle, [] { return notified == kCount; });
   }
 }
 BENCHMARK(BM_HundredThousand)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// Adds and deletions in turn over a table of 600 objects, 200 of each in a turn of the loop, until a subscriber has seen all.
+// With a second type, each deletion is one of a flow's answer and of its counters, as the programming service does it.
+void BM_Churn(benchmark::State &state) {
+  World world;
+  world.subscribe(QX_MOM_PACKED);
+  FlowRecord flow;
+  SPolicyKelim__FlowKey key = S_POLICY_KELIM__FLOW_KEY__INIT;
+  SPolicyKelim__FlowSta sta = S_POLICY_KELIM__FLOW_STA__INIT;
+  SPolicyKelim__FlowCounter counter = S_POLICY_KELIM__FLOW_COUNTER__INIT;
+  sta.index = counter.index = &key;
+  constexpr uint64_t kTable = 600, kMods = 40'000, kTurn = 200;
+  const bool answers = state.range(0) == 2;
+  uint64_t next = 0;
+  const auto add = [&] {
+    qx_mom_setow(world.global, QX_MOM_UDP_DB, flow.message(++next), 0, 0, 1);
+    key.flow_index = next;
+    if (answers) qx_mom_set(world.global, QX_MOM_UDP_DB, &sta.base, 0, 0);
+    if (answers) qx_mom_set(world.global, QX_MOM_UDP_DB, &counter.base, 0, 0);
+  };
+  const auto del = [&] {
+    key.flow_index = next - kTable;
+    qx_mom_del(world.global, QX_MOM_UDP_DB, flow.message(key.flow_index), 0, 0);
+    if (answers) qx_mom_del(world.global, QX_MOM_UDP_DB, &sta.base, 0, 0);
+    if (answers) qx_mom_del(world.global, QX_MOM_UDP_DB, &counter.base, 0, 0);
+  };
+  while (next < kTable) add();
+  host::run_until([&] { return notified == kTable; }, 60s);
+  double cpu = 0;
+  for (auto _ : state) {
+    notified = 0;
+    uint64_t given = 0;
+    const double before = server_cpu_s();
+    Heart heart([&] {
+      for (uint64_t n = 0; n < kTurn && given < kMods && given < notified + 8 * kTurn; n += 2, given += 2) add(), del();
+    });
+    if (!host::run_until([&] { return notified == kMods; }, 60s)) state.SkipWithError("notifications are missing");
+    cpu += server_cpu_s() - before;
+  }
+  const auto mods = static_cast<double>(kMods * state.iterations());
+  state.SetItemsProcessed(static_cast<int64_t>(mods));
+  state.counters["server_us_per_mod"] = cpu * 1e6 / mods;
+}
+BENCHMARK(BM_Churn)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// 100,000 objects deleted one by one in one call of the loop, as delete-all does it.
+void BM_DeleteEach(benchmark::State &state) {
+  World world;
+  world.subscribe(QX_MOM_PACKED);
+  FlowRecord flow;
+  constexpr uint64_t kCount = 100'000;
+  for (auto _ : state) {
+    state.PauseTiming();
+    notified = 0;
+    for (uint64_t i = 1; i <= kCount; ++i) qx_mom_setow(world.global, QX_MOM_UDP_DB, flow.message(i), 0, 0, 1);
+    host::run_until([] { return notified == kCount; }, 60s);
+    notified = 0;
+    state.ResumeTiming();
+    for (uint64_t i = 1; i <= kCount; ++i) qx_mom_del(world.global, QX_MOM_UDP_DB, flow.message(i), 0, 0);
+    if (!host::run_until([] { return notified == kCount; }, 60s)) state.SkipWithError("notifications are missing");
+  }
+}
+BENCHMARK(BM_DeleteEach)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void BM_Scan(benchmark::State &state) {
   World world;

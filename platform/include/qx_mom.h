@@ -7,7 +7,7 @@
 // Threads: every call and every callback belongs to the loop's thread of qx_runtime.h.
 // Ownership: a record handed in is serialised before the call returns and never kept; what a callback receives lives until it
 // returns. Callbacks: a notification is never delivered from inside the call that caused it, always in a later turn of the loop
-// and in the order of the writes.
+// and in the order of the writes and deletions of its type.
 //
 // Result codes, the same for every call:
 //     0  accepted (for *_sync calls: done)

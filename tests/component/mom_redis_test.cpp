@@ -107,17 +107,28 @@ TEST_F(MomRedis, LayoutIsTheDocumentedOne) {
 TEST_F(MomRedis, WritesOfOneTurnAreOneTransaction) {
   start();
   ASSERT_EQ(admin({"CONFIG", "SET", "slowlog-log-slower-than", "0"}), "OK");
+  const auto expect_in_order = [&](const std::vector<const char *> &commands) {
+    world->settle();
+    const std::string newest_first = admin({"SLOWLOG", "GET", "100"});
+    size_t at = newest_first.size();
+    for (const char *command : commands) {
+      at = newest_first.rfind(command, at);
+      ASSERT_NE(at, std::string::npos) << command << " in its place in\n" << newest_first;
+    }
+    ASSERT_EQ(admin({"SLOWLOG", "RESET"}), "OK");
+  };
   world->fill(18, 17);
   world->run("set flow:18; set flow_sta:17");
-  world->settle();
-  const std::string newest_first = admin({"SLOWLOG", "GET", "100"});
-  size_t at = newest_first.size();
-  for (const char *command : {"MULTI", "SADD\ns_policy_kelim.flow\n17:0\n18:0", "MSET\ns_policy_kelim.flow:17:0",
-                              "PUBLISH\n8:s_policy_kelim.flow\nW17:0", "MULTI", "SADD\ns_policy_kelim.flow_sta\n17:0",
-                              "MSET\ns_policy_kelim.flow_sta:17:0", "PUBLISH\n8:s_policy_kelim.flow_sta\nW17:0"}) {
-    at = newest_first.rfind(command, at);
-    ASSERT_NE(at, std::string::npos) << command << " in its place in\n" << newest_first;
-  }
+  expect_in_order({"MULTI", "SADD\ns_policy_kelim.flow\n17:0\n18:0", "MSET\ns_policy_kelim.flow:17:0",
+                   "PUBLISH\n8:s_policy_kelim.flow\nW17:0", "MULTI", "SADD\ns_policy_kelim.flow_sta\n17:0",
+                   "MSET\ns_policy_kelim.flow_sta:17:0", "PUBLISH\n8:s_policy_kelim.flow_sta\nW17:0"});
+
+  // Deletions with them, and types that take turns.
+  world->run("set flow:17; set flow:18; set flow_sta:17");  // known to be there: their deletion need not ask
+  expect_in_order({});
+  world->run("set flow:19; del flow:17; set flow_sta:18; del flow_sta:17; set flow:20; del flow:18; set flow_sta:19");
+  expect_in_order({"MULTI", "SADD\ns_policy_kelim.flow\n19:0\n20:0", "MSET\ns_policy_kelim.flow:19:0", "EVAL", "MULTI",
+                   "SADD\ns_policy_kelim.flow_sta\n18:0\n19:0", "EVAL"});
 }
 
 // A server that stops in the middle of it: what comes to its turn after its deadline goes as an expiry all the same.

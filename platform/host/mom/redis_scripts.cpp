@@ -10,16 +10,28 @@ namespace {
 
 // Somebody else's value of another kind under one of our keys goes too, without a last record.
 constexpr std::string_view kDel = R"(
-local value = redis.pcall('GETDEL', KEYS[2])
-redis.call('SREM', KEYS[1], ARGV[1])
-if not value then return 0 end
-if type(value) == 'table' then
-  redis.call('DEL', KEYS[2])
-  value = ''
+local members, objects, told, gone = {}, {}, {}, {}
+for i = 5, #ARGV, 2 do
+  members[#members + 1] = ARGV[i]
+  objects[#objects + 1] = ARGV[1] .. ARGV[i]
 end
-local last = string.sub(value, 9)
-redis.call('PUBLISH', ARGV[2], 'D' .. ARGV[1] .. '\0' .. struct.pack('<I4', #last) .. last)
-return 1)";
+local values = redis.call('MGET', unpack(objects))
+for n, member in ipairs(members) do
+  local value = values[n] or redis.call('EXISTS', objects[n]) == 1 and ''
+  told[#told + 1] = ARGV[2 * n + 2]
+  if value then
+    told[#told + 1] = 'D' .. member .. '\0' .. struct.pack('<I4', #value)
+    told[#told + 1] = value
+    gone[#gone + 1] = 'D' .. member .. '\0\0\0\0\0'
+  end
+end
+told[#told + 1] = ARGV[#ARGV]
+redis.call('DEL', unpack(objects))
+redis.call('SREM', KEYS[1], unpack(members))
+local text = table.concat(told)
+if text ~= '' then redis.call('PUBLISH', ARGV[2], text) end
+if #gone > 0 then redis.call('PUBLISH', ARGV[3], table.concat(gone)) end
+return #gone)";
 
 constexpr std::string_view kPut = R"(
 local kind = redis.call('EXISTS', KEYS[2]) == 1 and 'R' or 'C'
@@ -54,7 +66,9 @@ local after = string.format('%.0f', left)
 for _, member in ipairs(part[2]) do redis.call('PEXPIRE', ARGV[3] .. member, after) end
 if now() - begin >= left then
   for _, member in ipairs(part[2]) do
-    if redis.call('EXISTS', ARGV[3] .. member) == 0 then redis.call('PUBLISH', ARGV[5], 'D' .. member .. '\0\0\0\0\0') end
+    if redis.call('EXISTS', ARGV[3] .. member) == 0 then
+      for channel = 5, 6 do redis.call('PUBLISH', ARGV[channel], 'D' .. member .. '\0\0\0\0\0') end
+    end
   end
 end
 return {part[1], string.format('%.0f', deadline)})";
@@ -69,11 +83,11 @@ constexpr std::string_view kDelTaggedPart = R"(
 local part = redis.call('SSCAN', KEYS[1], ARGV[1], 'COUNT', 1000)
 for _, member in ipairs(part[2]) do
   local key = ARGV[3] .. member
-  if redis.call('PTTL', key) >= 0 and redis.pcall('GETRANGE', key, 0, 7) == ARGV[5] then
+  if redis.call('PTTL', key) >= 0 and redis.pcall('GETRANGE', key, 0, 7) == ARGV[6] then
     local value = redis.call('GETDEL', key)
     redis.call('SREM', KEYS[1], member)
-    local last = string.sub(value, 9)
-    redis.call('PUBLISH', ARGV[4], 'D' .. member .. '\0' .. struct.pack('<I4', #last) .. last)
+    redis.call('PUBLISH', ARGV[4], 'D' .. member .. '\0' .. struct.pack('<I4', #value) .. value)
+    redis.call('PUBLISH', ARGV[5], 'D' .. member .. '\0\0\0\0\0')
   end
 end
 return {part[1], ''})";

@@ -1,6 +1,6 @@
 // What the server must decide itself. Each script works on one type in one database; KEYS[1] is the type's index, a set of the
 // keys' variable parts ("17:0"); stored values are the tag (8 bytes, little-endian) and the packed record. A deletion is
-// published as a notification of kind "D" with the last record; redis_store.h has the layout.
+// published as a notification of kind "D"; redis_store.h has the layout.
 #pragma once
 
 #include <string>
@@ -15,7 +15,8 @@ struct Script {
 
 namespace scripts {
 
-// KEYS: index, object. ARGV: member, channel of deletions. 1, or 0 when there is no such object.
+// KEYS: index. ARGV: prefix of object keys, channel, channel of deletions, then in turn notifications to pass on as they are and
+// the member to delete behind them, and notifications at the end. One message on each channel; how many objects there were.
 const Script &del();
 // KEYS: index, object. ARGV: member, channel, stored value, notification's end. For hash-class types: "C" or "R" begins the
 // notification.
@@ -26,11 +27,11 @@ const Script &put_if_absent();
 // first), state of the pass ("" at first), prefix of object keys, and more. They give cursor and state for the next part; the
 // cursor "0" ends the pass.
 //
-// More: milliseconds, channel of deletions. Puts every object under expiry.
+// More: milliseconds, channel, channel of deletions. Puts every object under expiry.
 const Script &expire_part();
 // Takes every object out of expiry.
 const Script &persist_part();
-// More: channel of deletions, tag as stored. Deletes those under expiry with the tag.
+// More: channel, channel of deletions, tag as stored. Deletes those under expiry with the tag.
 const Script &del_tagged_part();
 // KEYS: index. ARGV: prefix, members. Takes out of the index what has no object any more.
 const Script &forget();

@@ -14,7 +14,7 @@ namespace {
 using namespace std::chrono_literals;
 using std::chrono::steady_clock;
 
-constexpr size_t kBatch = 64;  // writes that leave together; more gains nothing
+constexpr size_t kBatch = 64;  // writes and deletions that leave together; more gains nothing
 constexpr size_t kTagSize = 8;
 constexpr size_t kLengthSize = 4;      // of a record's length in a notification
 constexpr size_t kCommandHeads = 256;  // bytes of a transaction beside its arguments, or a little more
@@ -171,25 +171,47 @@ int RedisStore::write(Table &table, const Key &key, Bytes packed, int64_t tag) {
           std::string(tagged).append(as_text(packed)), notification_end(member, packed)},
          {&table.slot, packed.size()});
   } else {
-    add_to_batch(table, member, tagged, packed);
+    add_write(table, key, member, tagged, packed);
   }
   watch_deletions(table);
-  if (table.gone_live) table.known.insert(key);
+  if (table.gone_live || table.channel_live) table.known.insert(key);
   return 0;
 }
 
-void RedisStore::add_to_batch(Table &table, std::string_view member, std::string_view tag, Bytes packed) {
-  Base &base = table.base;
-  Batch &batch = base.batch;
-  if (batch.table != &table) flush(base);
-  batch.table = &table;
+void RedisStore::add_write(Table &table, const Key &key, std::string_view member, std::string_view tag, Bytes packed) {
+  Batch &batch = table.batch;
+  // Within a batch everything is written first and deleted then.
+  if (std::ranges::find(batch.deleted, key) != batch.deleted.end()) flush(table.base);
+  ++batch.writes;
   batch.bytes += packed.size();
   append_argument(batch.members, {member});
   append_argument(batch.objects, {table.prefix, member});
   append_argument(batch.objects, {tag, as_text(packed)});
   batch.notifications.push_back('W');
   append_notification_end(batch.notifications, member, packed);
-  if (++batch.writes >= kBatch) {
+  joined(table);
+}
+
+void RedisStore::add_deletion(Table &table, const Key &key) {
+  Batch &batch = table.batch;
+  if (std::ranges::find(batch.deleted, key) != batch.deleted.end()) return;  // the first one has taken it already
+  // Like their writes, deletions of these keep their place among everything.
+  const bool alone = table.slot.type.hash_class();
+  if (alone) flush(table.base);
+  table.slot.topic.take(0);
+  batch.deleted.push_back(key);
+  append_argument(batch.told, {batch.notifications});
+  append_argument(batch.told, {table.slot.type.member_text(key)});
+  batch.notifications.clear();
+  joined(table);
+  if (alone) flush(table.base);
+}
+
+// Reckons with what has joined the table's batch.
+void RedisStore::joined(Table &table) {
+  Base &base = table.base;
+  if (table.batch.size++ == 0) base.open.push_back(&table);
+  if (table.batch.size >= kBatch) {
     flush(base);
   } else {
     plan_flush(base);
@@ -205,24 +227,41 @@ void RedisStore::plan_flush(Base &base) {
 }
 
 void RedisStore::flush(Base &base) {
-  Batch &batch = base.batch;
-  if (!batch.table) return;
-  const Table &table = *std::exchange(batch.table, nullptr);
-  RedisLink::Formatted commands;
-  commands.bytes.reserve(batch.members.size() + batch.objects.size() + batch.notifications.size() + kCommandHeads);
-  commands.charge = {&table.slot, std::exchange(batch.bytes, 0), batch.writes};
-  commands.add({"MULTI"});
-  commands.add({"SADD", table.index}, batch.members, batch.writes);
-  commands.add({"MSET"}, batch.objects, 2 * batch.writes);
-  commands.add({"PUBLISH", table.channel, batch.notifications});
-  commands.add({"EXEC"});
-  base.link->send(std::move(commands));
-  // Cleared, their memory serves the next batch.
-  batch.writes = 0;
-  for (std::string *part : {&batch.members, &batch.objects, &batch.notifications}) part->clear();
+  for (Table *table : base.open) send_batch(*table);
+  base.open.clear();
 }
 
-// Everything but batched writes: behind them.
+void RedisStore::send_batch(Table &table) {
+  Batch &batch = table.batch;
+  RedisLink::Formatted commands;
+  commands.bytes.reserve(batch.members.size() + batch.objects.size() + batch.told.size() + batch.notifications.size() +
+                         kCommandHeads);
+  commands.charge = {&table.slot, batch.bytes, batch.size};
+  if (batch.writes > 0) {
+    commands.add({"MULTI"});
+    commands.add({"SADD", table.index}, batch.members, batch.writes);
+    commands.add({"MSET"}, batch.objects, 2 * batch.writes);
+  }
+  if (batch.deleted.empty()) {
+    commands.add({"PUBLISH", table.channel, batch.notifications});
+  } else {
+    append_argument(batch.told, {batch.notifications});
+    // The whole script, not its name: a server that has lost it would carry out the rest of the transaction.
+    commands.add({"EVAL", scripts::del().text, "1", table.index, table.prefix, table.channel, table.gone}, batch.told,
+                 2 * batch.deleted.size() + 1);
+  }
+  if (batch.writes > 0) commands.add({"EXEC"});
+  link(table).send(std::move(commands));
+  batch.clear();
+}
+
+void RedisStore::Batch::clear() {
+  size = bytes = writes = 0;
+  for (std::string *part : {&members, &objects, &told, &notifications}) part->clear();
+  deleted.clear();
+}
+
+// Everything but what is batched: behind that.
 void RedisStore::send(Table &table, Arguments arguments, Charge charge, qx_mom_done_cb done) {
   flush(table.base);
   RedisLink::Formatted command;
@@ -255,7 +294,7 @@ RedisLink::Formatted RedisStore::part(const Table &table, const Script &script, 
 }
 
 void RedisStore::watch_deletions(Table &table) {
-  if (std::exchange(table.gone_asked, true)) return;
+  if (table.channel_asked || std::exchange(table.gone_asked, true)) return;
   link(table).subscribe(table.gone);
 }
 
@@ -269,10 +308,7 @@ int RedisStore::del(Slot &slot, const Key &key) {
   }
   table.known.erase(key);
   for (auto *deleted : table.scans) deleted->insert(key);
-  slot.topic.take(0);
-  const std::string object = slot.type.text(key);
-  const std::string member = object.substr(table.prefix.size());
-  send(table, {"EVALSHA", scripts::del().sha, "2", table.index, object, member, table.gone}, {&slot, 0});
+  add_deletion(table, key);
   return 0;
 }
 
@@ -293,7 +329,7 @@ int RedisStore::pexpire(Slot &slot, const Key *key, uint32_t ms, qx_mom_done_cb 
     send(table, {"PEXPIRE", slot.type.text(*key), delay}, {}, done);
   } else {
     table.known.clear();
-    pass(table, scripts::expire_part(), {table.prefix, delay, table.gone}, done);
+    pass(table, scripts::expire_part(), {table.prefix, delay, table.channel, table.gone}, done);
   }
   return 0;
 }
@@ -310,7 +346,7 @@ int RedisStore::del_expire(Slot &slot, const Key *key) {
 
 int RedisStore::del_expire_tag(Slot &slot, int64_t tag) {
   Table &table = this->table(slot);
-  pass(table, scripts::del_tagged_part(), {table.prefix, table.gone, tag_bytes(tag)});
+  pass(table, scripts::del_tagged_part(), {table.prefix, table.channel, table.gone, tag_bytes(tag)});
   return 0;
 }
 
@@ -352,12 +388,11 @@ int RedisStore::setnx_sync(Slot &slot, const Key &key, Bytes packed) {
 
 int RedisStore::del_sync(Slot &slot, const Key &key) {
   Table &table = this->table(slot);
-  const std::string object = slot.type.text(key);
-  const std::string member = object.substr(table.prefix.size());
+  const std::string member = slot.type.member_text(key);
   table.known.erase(key);
   for (auto *deleted : table.scans) deleted->insert(key);
   const Reply reply = synchronously(table.base, [&](SyncConnection &sync) {
-    return sync.run(scripts::del(), {"2", table.index, object, member, table.gone});
+    return sync.run(scripts::del(), {"1", table.index, table.prefix, table.channel, table.gone, "", member, ""});
   });
   if (!reply || reply->type != REDIS_REPLY_INTEGER) return -1;
   return reply->integer == 1 ? 0 : -7;
@@ -475,8 +510,6 @@ bool RedisStore::subscribe(Slot &slot, std::function<void()> live) {
     return true;
   }
   table.waiting.push_back(std::move(live));
-  // Deletions first: when the other channel is confirmed, both are.
-  watch_deletions(table);
   if (!std::exchange(table.channel_asked, true)) link(table).subscribe(table.channel);
   return true;
 }
@@ -495,11 +528,9 @@ void RedisStore::subscribed(Base &base, std::string_view channel) {
 
 void RedisStore::message(Base &base, std::string_view channel, std::string_view payload) {
   const auto found = base.channels.find(channel);
-  if (found != base.channels.end()) {
-    notifications(*found->second, payload);
-  } else {
-    expired(base, payload);
-  }
+  if (found == base.channels.end()) return expired(base, payload);
+  Table &table = *found->second;
+  notifications(table, payload, channel == table.gone ? &RedisStore::gone : &RedisStore::heard);
 }
 
 struct RedisStore::Notification {
@@ -522,30 +553,31 @@ struct RedisStore::Notification {
   }
 };
 
-void RedisStore::notifications(Table &table, std::string_view payload) {
+void RedisStore::notifications(Table &table, std::string_view payload, Take take) {
   do {
     const auto next = Notification::take(payload);
     if (!next) {
       hub_.skip("a notification of no known layout", table.prefix + std::string(payload.substr(0, 32)));
       return;
     }
-    notification(table, *next);
+    if (next->change == Change::published) {
+      hub_.deliver(table.slot, next->change, next->packed);
+    } else if (const auto key = table.slot.type.parse_member(next->member)) {
+      (this->*take)(table, *key, *next);
+    } else {
+      hub_.skip("a notification of an object that cannot be", table.prefix + std::string(next->member));
+    }
   } while (!payload.empty());
 }
 
-void RedisStore::notification(Table &table, const Notification &notification) {
-  if (notification.change == Change::published) {
-    hub_.deliver(table.slot, notification.change, notification.packed);
-    return;
-  }
-  const auto key = table.slot.type.parse_member(notification.member);
-  if (!key) {
-    hub_.skip("a notification of an object that cannot be", table.prefix + std::string(notification.member));
-    return;
-  }
-  if (notification.change != Change::deleted) return hub_.deliver(table.slot, notification.change, notification.packed, &*key);
-  table.known.erase(*key);
-  deleted(table, *key, notification.packed);
+void RedisStore::heard(Table &table, const Key &key, const Notification &notification) {
+  if (notification.change != Change::deleted) return hub_.deliver(table.slot, notification.change, notification.packed, &key);
+  table.known.erase(key);
+  deleted(table, key, notification.packed.subspan(std::min(kTagSize, notification.packed.size())));
+}
+
+void RedisStore::gone(Table &table, const Key &key, const Notification &) {
+  table.known.erase(key);
 }
 
 void RedisStore::expired(Base &base, std::string_view object) {

@@ -4,16 +4,18 @@
 //
 //   key      "s_policy_kelim.flow:17:0"  string: tag (8 bytes, little-endian), packed record
 //   index    "s_policy_kelim.flow"       set of the variable parts ("17:0") of the type's keys; for scans and whole types
-//   channel  "n:s_policy_kelim.flow"     writes: one notification after another
-//   channel  "n:s_policy_kelim.flow-"    deletions, the same
+//   channel  "n:s_policy_kelim.flow"     writes and deletions: one notification after another
+//   channel  "n:s_policy_kelim.flow-"    deletions once more, without the last records: for who writes the type and does not
+//   listen
 //
 // A notification is its kind, the variable part, a zero byte, the length of what follows (4 bytes, little-endian), the packed
-// record. Kinds: W written, C / R written for the first time / again (hash-class types), D deleted, P published. Expiries come as
-// Redis's own key-event notifications.
+// record. Kinds: W written, C / R written for the first time / again (hash-class types), D deleted (the value as it was stored,
+// nothing when there was none of ours), P published. Expiries come as Redis's own key-event notifications.
 //
-// Writes of one type that are given within a turn of the loop leave together, as one transaction (MULTI): index, objects and
-// notifications change at once, and a server that is out of memory refuses all of it. An object therefore never stands without
-// its member in the index; a member may stand without its object, which has expired.
+// Writes and deletions of one type that are given within a turn of the loop leave together, as one transaction: index, objects
+// and notifications change at once, and a server that is out of memory refuses all of it. An object therefore never stands
+// without its member in the index; a member may stand without its object, which has expired. The batches of several types leave
+// in the order in which they were begun. Whatever is not batched (meters, publishing, expiry, synchronous calls) keeps its place.
 #pragma once
 
 #include <deque>
@@ -60,6 +62,21 @@ class RedisStore final : public Store {
  private:
   struct Base;
 
+  // Writes and deletions of one type that leave together: arguments of their commands, on the wire's form but for
+  // `notifications`.
+  struct Batch {
+    size_t size = 0;
+    size_t bytes = 0;  // of records
+    size_t writes = 0;
+    std::string members;  // of what is written
+    std::string objects;  // each a key and a value
+    std::vector<Key> deleted;
+    std::string told;           // in turn, notifications of writes and the member deleted behind them
+    std::string notifications;  // of the writes behind the last deletion
+
+    void clear();  // keeps the memory
+  };
+
   // One record type in one database.
   struct Table {
     Slot &slot;
@@ -67,26 +84,17 @@ class RedisStore final : public Store {
     std::string index;
     std::string prefix;  // of object keys
     std::string channel;
-    std::string gone;  // channel of deletions
+    std::string gone;  // channel of the keys of what was deleted
     bool channel_asked = false;
     bool channel_live = false;
     bool gone_asked = false;
     bool gone_live = false;
     // Objects that this process wrote and that nobody can have taken away without a word: their deletion need not ask.
     KeySet known{};
+    Batch batch{};
     std::vector<std::function<void()>> waiting{};  // for the channel's confirmation
     std::vector<std::set<Key> *> scans{};          // of running scans: what was deleted meanwhile
     std::vector<std::string> expired{};            // members to take out of the index
-  };
-
-  // Writes of one type that leave together: the arguments of their three commands, on the wire's form but for the notifications.
-  struct Batch {
-    Table *table = nullptr;
-    size_t writes = 0;
-    size_t bytes = 0;  // of records
-    std::string members;
-    std::string objects;  // each a key and a value
-    std::string notifications;
   };
 
   // One database.
@@ -96,7 +104,7 @@ class RedisStore final : public Store {
     std::unique_ptr<RedisLink> link;
     std::vector<std::unique_ptr<Table>> tables;  // by RecordType::id()
     std::map<std::string, Table *, std::less<>> channels;
-    Batch batch;
+    std::vector<Table *> open;  // those with a batch, in the order in which they were begun
     bool flush_planned = false;
   };
 
@@ -105,8 +113,11 @@ class RedisStore final : public Store {
   RedisLink &link(Table &table) { return *table.base.link; }
 
   int write(Table &table, const Key &key, Bytes packed, int64_t tag);
-  void add_to_batch(Table &table, std::string_view member, std::string_view tag, Bytes packed);
+  void add_write(Table &table, const Key &key, std::string_view member, std::string_view tag, Bytes packed);
+  void add_deletion(Table &table, const Key &key);
+  void joined(Table &table);
   void flush(Base &base);
+  void send_batch(Table &table);
   void plan_flush(Base &base);
   void send(Table &table, Arguments arguments, Charge charge = {}, qx_mom_done_cb done = nullptr);
   void pass(Table &table, const Script &script, std::vector<std::string> arguments, qx_mom_done_cb done = nullptr);
@@ -126,9 +137,11 @@ class RedisStore final : public Store {
   void up(Base &base);
   void subscribed(Base &base, std::string_view channel);
   void message(Base &base, std::string_view channel, std::string_view payload);
-  void notifications(Table &table, std::string_view payload);
   struct Notification;
-  void notification(Table &table, const Notification &notification);
+  using Take = void (RedisStore::*)(Table &table, const Key &key, const Notification &notification);
+  void notifications(Table &table, std::string_view payload, Take take);
+  void heard(Table &table, const Key &key, const Notification &notification);
+  void gone(Table &table, const Key &key, const Notification &notification);
   void expired(Base &base, std::string_view object);
   void deleted(Table &table, const Key &key, Bytes packed);
   void forget_expired(Table &table);
