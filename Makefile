@@ -76,7 +76,7 @@ bench: ## the benchmarks
 	@for program in $(call bin,release)/*_bench; do echo "== $$program"; $$program || exit 1; done
 
 .PHONY: bench-compare
-bench-compare: ## holds the daemon against Open vSwitch, and the road over Redis against Redis itself (some minutes)
+bench-compare: ## holds the daemon against Open vSwitch, and the road over Redis against Redis itself (ARGS=--quick: some minutes)
 	$(call packages,bench-compare)
 	$(call build,release,$(programs) of_load loop_probe redis_load)
 	@bench/compare.py $(call bin,release) $(ARGS)

@@ -139,8 +139,8 @@ class Comparison:
         """Holds the median, or the worst, against the aim."""
         low, median, high = quartiles(values)
         value = max(values) if worst else median
-        self.judged.append({"what": what, "side": side, "value": value, "p25": low, "p75": high, "runs": len(values), "unit": unit,
-                            "aim": aim or "", "met": is_met(aim, value) if aim else None})
+        shown = {"value": round(value, 3), "p25": round(low, 3), "p75": round(high, 3), "runs": len(values), "unit": unit}
+        self.judged.append({"what": what, "side": side, **shown, "aim": aim, "met": is_met(aim, value) if aim else None})
 
     def ratio(self, what, found):
         """Of both sides to Open vSwitch."""
@@ -250,16 +250,20 @@ class Comparison:
                 self.ratio(f"ovs-ofctl {what} of {n:,}", times)
 
     def probe(self, switch, run):
-        """The longest pause of the loop meanwhile and the longest lateness of the probe itself, in ms."""
+        """The longest pause of the loop meanwhile, in ms; and of how busy the machine was: the longest lateness of the probe itself, in ms,
+        and the share of the time, in percent, that the loop's thread waited for a processor."""
+        waited, start = switch.loop_waited(), time.monotonic()
         with self.probed(switch) as pauses:
             run()
-        return [1e3 * pauses["max_s"], 1e3 * pauses["late_max_s"]]
+        share = (switch.loop_waited() - waited) / (time.monotonic() - start)
+        return 1e3 * pauses["max_s"], 1e3 * pauses["late_max_s"], 100 * share
 
     def judge_pauses(self, what, found, aim):
         for side in found:
-            pauses, lates = zip(*found[side])
+            pauses, lates, shares = zip(*found[side])
             self.judge(f"longest pause: {what}", side, pauses, "ms", aim, worst=True)
-            self.judge("  lateness of the probe itself", side, lates, "ms", "", worst=True)
+            self.judge("  the probe came late by up to", side, lates, "ms", "", worst=True)
+            self.judge("  the loop waited for a processor", side, shares, "%", "")
 
     def pause(self):
         idle = self.in_turn("idle", (3, 1), lambda switch: self.probe(switch, lambda: time.sleep(5)), SIDES)

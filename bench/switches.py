@@ -50,6 +50,10 @@ class Switch:
             raise daemon.Failed(f"{self.name}: a thread ended while its processor time was measured")
         return sum(seconds - before.get(thread, 0) for thread, seconds in now.items())
 
+    def loop_waited(self):
+        """Seconds for which the daemon's main thread has waited for a processor."""
+        return int(Path(f"/proc/{self.pids()[-1]}/schedstat").read_text().split()[1]) / 1e9
+
     def flows(self):
         """How many it holds, by the words of a client that has nothing in common with the one that measures."""
         told = subprocess.run([*OFCTL, "dump-aggregate", self.address], capture_output=True, text=True, timeout=60)
