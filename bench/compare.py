@@ -300,7 +300,8 @@ class Comparison:
                     for side in SIDES if quantile == "p50" else ():
                         aim = QUIET_ADD_AIMS[side] if kind == "add" else QUIET_ECHO_AIM
                         self.judge(f"quiet {kind} p50 beside {flood}", side, times[side], "ms", aim)
-            self.row(f"what the flood of {flood} got through", {k: [r["flood"] / 5 for r, _ in v] for k, v in found.items()}, "1/s", "-")
+            if flood != "nothing":
+                self.row(f"what the flood of {flood} got through", {k: [r["flood"] / 5 for r, _ in v] for k, v in found.items()}, "1/s", "-")
             self.judge_pauses(f"a quiet one beside {flood}", {side: [p for _, p in found[side]] for side in SIDES}, QUIET_PAUSE_AIM)
 
     def bare_redis(self):
