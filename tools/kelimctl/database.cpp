@@ -6,7 +6,7 @@
 
 #include "host/config/config.h"
 #include "host/mom/hub.h"
-#include "host/mom/redis_endpoint.h"
+#include "host/mom/redis_sync.h"
 #include "host/mom/views.h"
 #include "host/runtime/loop.h"
 #include "qx_mom.h"

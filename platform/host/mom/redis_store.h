@@ -32,6 +32,7 @@
 #include "host/mom/redis_endpoint.h"
 #include "host/mom/redis_link.h"
 #include "host/mom/redis_scripts.h"
+#include "host/mom/redis_sync.h"
 
 namespace mom {
 
