@@ -143,7 +143,7 @@ TEST_F(Dialing, ChecksTheCertificateAndComesBackAfterALoss) {
 TEST_F(Tls, FilesThatCannotBeUsedAreNamed) {
   const auto refused = [this](const char *cert, const char *key, const char *ca, const char *what, const std::string &file) {
     std::string error;
-    EXPECT_EQ(host::of_ss::load_tls(dir / cert, dir / key, dir / ca, error), nullptr);
+    EXPECT_EQ(host::tls::load(dir / cert, dir / key, dir / ca, error), nullptr);
     EXPECT_NE(error.find(file.empty() ? what : what + (" \"" + (dir / file)) + "\": "), std::string::npos) << error;
   };
   refused("missing.pem", "key.pem", "ca.pem", "certificate", "missing.pem");

@@ -8,7 +8,6 @@
 #include <net/if.h>
 #include <netdb.h>
 #include <netinet/tcp.h>
-#include <openssl/err.h>
 #include <string.h>
 
 #include <algorithm>
@@ -80,12 +79,6 @@ BuffereventOwner make_bufferevent(event_base *base, evutil_socket_t fd, SSL_CTX 
   return BuffereventOwner(bev);
 }
 
-std::string tls_error(const char *what, const std::string &file) {
-  char reason[256];
-  ERR_error_string_n(ERR_get_error(), reason, sizeof reason);
-  return fmt::format("cannot load the TLS {} \"{}\": {}", what, file, reason);
-}
-
 std::int64_t with_jitter(std::int64_t ms) {
   static thread_local std::minstd_rand random(std::random_device{}());
   return std::uniform_int_distribution<std::int64_t>(ms / 2, ms)(random);
@@ -108,35 +101,11 @@ bool parse_endpoint(const std::string &text, Endpoint &endpoint, std::string &er
   return resolve(text.substr(host, colon - host), text.substr(colon + 1), endpoint, error);
 }
 
-TlsContext load_tls(const std::string &cert, const std::string &key, const std::string &ca, std::string &error) {
-  TlsContext context(SSL_CTX_new(TLS_method()));
-  if (!context) {
-    error = tls_error("library", "");
-    return nullptr;
-  }
-  SSL_CTX_set_min_proto_version(context.get(), TLS1_2_VERSION);
-  if (SSL_CTX_use_certificate_chain_file(context.get(), cert.c_str()) != 1) {
-    error = tls_error("certificate", cert);
-  } else if (SSL_CTX_use_PrivateKey_file(context.get(), key.c_str(), SSL_FILETYPE_PEM) != 1) {
-    error = tls_error("key", key);
-  } else if (!ca.empty() && SSL_CTX_load_verify_locations(context.get(), ca.c_str(), nullptr) != 1) {
-    error = tls_error("authorities", ca);
-  } else {
-    if (!ca.empty()) SSL_CTX_set_verify(context.get(), SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
-    return context;
-  }
-  return nullptr;
-}
-
 std::string failure_text(bufferevent *bev) {
   const int system = EVUTIL_SOCKET_ERROR();
-  const unsigned long tls = bufferevent_get_openssl_error(bev);
-  if (tls == 0) return system ? evutil_socket_error_to_string(system) : "closed by the peer";
-  const char *reason = ERR_reason_error_string(tls);
-  std::string text = fmt::format("TLS: {}", reason ? reason : "unknown error");
-  if (SSL *ssl = bufferevent_openssl_get_ssl(bev); ssl && SSL_get_verify_result(ssl) != X509_V_OK)
-    text += fmt::format(": {}", X509_verify_cert_error_string(SSL_get_verify_result(ssl)));
-  return text;
+  const unsigned long code = bufferevent_get_openssl_error(bev);
+  if (code == 0) return system ? evutil_socket_error_to_string(system) : "closed by the peer";
+  return tls::failure_text(code, bufferevent_openssl_get_ssl(bev));
 }
 
 std::uint32_t local_interface(evutil_socket_t fd) {

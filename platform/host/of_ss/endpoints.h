@@ -5,7 +5,6 @@
 #include <event2/event.h>
 #include <event2/listener.h>
 #include <netinet/in.h>
-#include <openssl/ssl.h>
 #include <sys/socket.h>
 
 #include <cstdint>
@@ -14,6 +13,7 @@
 #include <string>
 
 #include "host/of_ss/connection.h"
+#include "host/tls/tls.h"
 
 namespace host::of_ss {
 
@@ -34,15 +34,6 @@ struct EndpointState {
 
 // Reads one; false and `error` when it is none. Numbers and names of hosts alike; a name is looked up. Any thread.
 bool parse_endpoint(const std::string &text, Endpoint &endpoint, std::string &error);
-
-struct FreeTls {
-  void operator()(SSL_CTX *context) const { SSL_CTX_free(context); }
-};
-using TlsContext = std::unique_ptr<SSL_CTX, FreeTls>;
-
-// Loads certificate, key and the authorities that peers are checked against (none when empty). Null and `error` on failure. Any
-// thread.
-TlsContext load_tls(const std::string &cert, const std::string &key, const std::string &ca, std::string &error);
 
 // Why the last operation of a connection failed, in words; of TLS with what was wrong with the certificate.
 std::string failure_text(bufferevent *bev);

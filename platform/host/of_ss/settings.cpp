@@ -56,7 +56,7 @@ Settings settings_from(const Config::OpenFlow &key) {
   Settings settings;
   if (!key.tls_cert.empty()) {
     std::string error;
-    settings.tls = load_tls(key.tls_cert, key.tls_key, key.tls_ca, error);
+    settings.tls = tls::load(key.tls_cert, key.tls_key, key.tls_ca, error);
     if (!settings.tls) log::error("{}", error);
   }
   for (const std::string &text : key.listen) add_endpoint(text, settings);

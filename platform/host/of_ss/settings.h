@@ -17,7 +17,7 @@ struct Settings {
   std::vector<std::string> controllers;         // every endpoint that is configured, as text
   std::vector<Endpoint> endpoints;              // those of them that can be used
   std::map<std::string, std::string> unusable;  // the others, with the reason
-  TlsContext tls;
+  tls::Context tls;
   std::uint32_t report_cells = 0;  // counter changes in a packed report
   bool prompt = true;              // the daemon is woken when something was handed over
   std::uint64_t datapath_id = 0;
