@@ -5,7 +5,7 @@
 
 #include "component/of_world.h"
 #include "host/log/log.h"
-#include "host/of_ss/endpoints.h"
+#include "host/of_ss/settings.h"
 #include "support/certificates.h"
 
 namespace {
@@ -83,19 +83,27 @@ class Tls : public AgentTest {
   }
 
   static inline const Identity authority_{"authority"}, ours_{"switch", &authority_}, theirs_{"controller", &authority_};
+  static inline const Identity expired_{"late", &authority_, -60};
   static inline const Identity other_authority_{"another authority"}, stranger_{"stranger", &other_authority_};
   std::mutex mutex_;
   std::string log_;
 };
 
 TEST_F(Tls, AControllerOfTheSameAuthorityIsServedAndOthersAreNamedInTheLog) {
-  TlsController nameless, stranger, served;
-  nameless.connect(port);
-  nameless.speak_tls(nullptr);
-  expect_refused(nameless, "came by pssl:127.0.0.1:0 and is no controller: TLS: peer did not return a certificate");
-  stranger.connect(port);
-  stranger.speak_tls(&stranger_);
-  expect_refused(stranger, "TLS: certificate verify failed: unable to get local issuer certificate");
+  const struct {
+    const Identity *shown;
+    const char *why;
+  } refused[] = {{nullptr, "came by pssl:127.0.0.1:0 and is no controller: TLS: peer did not return a certificate"},
+                 {&stranger_, "TLS: certificate verify failed: unable to get local issuer certificate"},
+                 {&other_authority_, "TLS: certificate verify failed: self-signed certificate"},
+                 {&expired_, "TLS: certificate verify failed: certificate has expired"}};
+  for (const auto &[shown, why] : refused) {
+    TlsController peer;
+    peer.connect(port);
+    peer.speak_tls(shown);
+    expect_refused(peer, why);
+  }
+  TlsController served;
   Controller plain(port);
   expect_refused(plain, "TLS: wrong version number");
 
@@ -110,6 +118,39 @@ TEST_F(Tls, AControllerOfTheSameAuthorityIsServedAndOthersAreNamedInTheLog) {
   ASSERT_TRUE(served.send(dump_request(9) + message(2, 0xecc0, Message(40'000))));
   EXPECT_EQ(served.await(3).size(), 40'008u);
   EXPECT_EQ(served.of_type(19).size(), 4u);
+}
+
+class Unchecked : public Tls {
+ protected:
+  void configure() override {
+    Tls::configure();
+    set("openflow.tls_ca", "");
+  }
+  void reload_with(const char *verify) {
+    set("openflow.tls_verify", verify);
+    EXPECT_EQ(ask({{"call", "cmd"}, {"module", "of_ss"}, {"command", "reload"}})["status"], 0);
+  }
+  void expect_unusable() {
+    const auto endpoint = view("controllers")["endpoints"][0];
+    EXPECT_EQ(endpoint["state"], "unusable");
+    EXPECT_EQ(endpoint["error"], host::of_ss::kNoAuthority);
+    EXPECT_EQ(host::of_ss::listening_port(), 0);
+  }
+};
+
+TEST_F(Unchecked, WithoutAuthoritiesNobodyIsServedUnlessThatIsWrittenDown) {
+  expect_unusable();
+  EXPECT_NE(log().find("pssl:127.0.0.1:0: TLS needs openflow.tls_ca"), std::string::npos) << log();
+  reload_with("false");
+  EXPECT_NE(log().find("pssl:127.0.0.1:0: openflow.tls_verify is false"), std::string::npos) << log();
+  TlsController anybody;
+  anybody.connect(host::of_ss::listening_port());
+  anybody.speak_tls(&stranger_);
+  ASSERT_TRUE(anybody.send(hello() + flow_mod(ipv4_flow(1, 1))));
+  ASSERT_TRUE(anybody.settle());
+  reload_with("true");
+  expect_unusable();
+  EXPECT_TRUE(until([&] { return anybody.ended(); }));
 }
 
 class Dialing : public Tls {

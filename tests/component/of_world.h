@@ -9,8 +9,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <future>
 #include <mutex>
+#include <nlohmann/json.hpp>
 
+#include "host/control/client.h"
+#include "host/control/control.h"
 #include "host/of_ss/testing.h"
 #include "host/runtime/loop.h"
 #include "of_ss.h"
@@ -331,6 +335,21 @@ class AgentTest : public RuntimeTest {
     controller.forget();
   }
   static bool until(const std::function<bool()> &condition) { return host::run_until(condition, kPatience); }
+  // What the process answers to kelimctl, which is another one.
+  nlohmann::json ask(const nlohmann::json &request) {
+    auto answer = std::async(std::launch::async, [&] {
+      std::string line;
+      host::control::Client client;
+      EXPECT_EQ(client.connect(host::control::socket_path(dir.path(), "core_test")), "");
+      EXPECT_EQ(client.request(request.dump(), &line), "");
+      return line;
+    });
+    EXPECT_TRUE(until([&] { return answer.wait_for(0s) == std::future_status::ready; }));
+    return nlohmann::json::parse(answer.get());
+  }
+  nlohmann::json view(const char *name) {
+    return ask({{"call", "view"}, {"name", name}, {"args", nlohmann::json::object()}}).value("data", nlohmann::json());
+  }
   // Moves the clock, and has the agent look at it.
   static void warp(std::chrono::milliseconds by) {
     host::clock::warp(by);

@@ -24,14 +24,15 @@ template <typename T>
 using Owner = std::unique_ptr<T, FreeOpenSsl>;
 
 // A key and its certificate (of version 1, where one that is signed by itself is an authority), signed by `authority`, or by
-// itself, which makes it an authority.
+// itself, which makes it an authority. Valid from an hour ago until so many seconds from now.
 class Identity {
  public:
-  explicit Identity(const char *name, const Identity *authority = nullptr) : key_(EVP_RSA_gen(2048)), certificate_(X509_new()) {
+  explicit Identity(const char *name, const Identity *authority = nullptr, long lifetime = 3600)
+      : key_(EVP_RSA_gen(2048)), certificate_(X509_new()) {
     X509 *c = certificate_.get();
     ASN1_INTEGER_set(X509_get_serialNumber(c), 1);
     X509_gmtime_adj(X509_getm_notBefore(c), -3600);
-    X509_gmtime_adj(X509_getm_notAfter(c), 3600);
+    X509_gmtime_adj(X509_getm_notAfter(c), lifetime);
     X509_set_pubkey(c, key_.get());
     X509_NAME_add_entry_by_txt(X509_get_subject_name(c), "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char *>(name), -1,
                                -1, 0);

@@ -61,6 +61,7 @@ struct Config {
     std::string tls_cert;
     std::string tls_key;
     std::string tls_ca;
+    bool tls_verify;
   } openflow;
 
   struct Programmer {

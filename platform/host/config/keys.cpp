@@ -108,7 +108,9 @@ constexpr Row kRows[] = {
     {"openflow", "tls_cert", in<&C::openflow, &C::OpenFlow::tls_cert>, "", kAnything, "Certificate file for pssl: and ssl:."},
     {"openflow", "tls_key", in<&C::openflow, &C::OpenFlow::tls_key>, "", kAnything, "Private key file for pssl: and ssl:."},
     {"openflow", "tls_ca", in<&C::openflow, &C::OpenFlow::tls_ca>, "", kAnything,
-     "File of the authorities that peers are checked against."},
+     "File of the authorities that peers are checked against; without it TLS is not used."},
+    {"openflow", "tls_verify", in<&C::openflow, &C::OpenFlow::tls_verify>, "true", kAnything,
+     "Whether peers have to show a certificate of these authorities; false lets anybody program flows."},
 
     {"programmer", "embedded", in<&C::programmer, &C::Programmer::embedded>, "true", kAnything,
      "Whether the simulated programming service runs in the daemon; unless set, true for the embedded database only. Without "

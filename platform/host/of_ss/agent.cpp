@@ -173,7 +173,13 @@ void Agent::reconfigure(Settings fresh) {
   if (fresh.tls) std::swap(settings_.tls, fresh.tls);
   for (const auto &listener : listeners_) listener->use_tls(settings_.tls.get());
   for (const auto &dialer : dialers_) dialer->use_tls(settings_.tls.get());
-  close_endpoints_but(fresh.controllers);
+  // They do not go on where nobody would be checked any more.
+  std::vector<std::string> kept = fresh.controllers;
+  std::erase_if(kept, [&fresh](const std::string &endpoint) {
+    const auto unusable = fresh.unusable.find(endpoint);
+    return unusable != fresh.unusable.end() && unusable->second == kNoAuthority;
+  });
+  close_endpoints_but(kept);
   for (const Endpoint &endpoint : fresh.endpoints) {
     if (is_open(endpoint.text)) continue;
     open(endpoint);

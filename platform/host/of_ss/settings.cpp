@@ -36,11 +36,19 @@ std::uint64_t datapath_id(const std::string &configured) {
   return id ? id : id_from(machine_name());
 }
 
-void add_endpoint(const std::string &text, Settings &settings) {
+// Why TLS cannot be used; "" when it can.
+std::string set_up_tls(const Config::OpenFlow &key, Settings &settings) {
+  if (key.tls_cert.empty()) return "TLS needs openflow.tls_cert and openflow.tls_key";
+  if (key.tls_ca.empty() && key.tls_verify) return kNoAuthority;
+  std::string error;
+  settings.tls = tls::load(key.tls_cert, key.tls_key, key.tls_verify ? key.tls_ca : "", error);
+  return error;
+}
+
+void add_endpoint(const std::string &text, const std::string &no_tls, Settings &settings) {
   Endpoint endpoint;
   std::string error;
-  if (parse_endpoint(text, endpoint, error) && endpoint.tls && !settings.tls)
-    error = "TLS needs openflow.tls_cert and openflow.tls_key";
+  if (parse_endpoint(text, endpoint, error) && endpoint.tls) error = no_tls;
   settings.controllers.push_back(text);
   if (error.empty()) {
     settings.endpoints.push_back(endpoint);
@@ -54,13 +62,12 @@ void add_endpoint(const std::string &text, Settings &settings) {
 
 Settings settings_from(const Config::OpenFlow &key) {
   Settings settings;
-  if (!key.tls_cert.empty()) {
-    std::string error;
-    settings.tls = tls::load(key.tls_cert, key.tls_key, key.tls_ca, error);
-    if (!settings.tls) log::error("{}", error);
-  }
-  for (const std::string &text : key.listen) add_endpoint(text, settings);
-  for (const std::string &text : key.connect) add_endpoint(text, settings);
+  const std::string no_tls = set_up_tls(key, settings);
+  for (const std::string &text : key.listen) add_endpoint(text, no_tls, settings);
+  for (const std::string &text : key.connect) add_endpoint(text, no_tls, settings);
+  for (const Endpoint &endpoint : settings.endpoints)
+    if (endpoint.tls && !key.tls_verify)
+      log::warn("{}: openflow.tls_verify is false, so that peers are not checked: anybody can program flows", endpoint.text);
   settings.datapath_id = datapath_id(key.datapath_id);
   settings.report_cells = key.report_cells;
   settings.prompt = key.prompt;

@@ -13,6 +13,11 @@
 
 namespace host::of_ss {
 
+// Why an endpoint is unusable where peers are to be checked and there is nothing to check them against.
+inline constexpr char kNoAuthority[] =
+    "TLS needs openflow.tls_ca, the authorities that peers are checked against (or openflow.tls_verify = false, which lets "
+    "anybody program flows)";
+
 struct Settings {
   std::vector<std::string> controllers;         // every endpoint that is configured, as text
   std::vector<Endpoint> endpoints;              // those of them that can be used
@@ -25,7 +30,7 @@ struct Settings {
   ConnectionLimits connections;
 };
 
-// Endpoints that cannot be used (a name that is not found, TLS without certificate) are logged and left out.
+// Endpoints that cannot be used (a name that is not found, TLS without certificate or authorities) are logged and left out.
 Settings settings_from(const Config::OpenFlow &key);
 
 }  // namespace host::of_ss
