@@ -428,6 +428,36 @@ TEST_F(AgentTest, APeerThatDoesNotReadIsNotServedWithoutEnd) {
   EXPECT_TRUE(c.settle());
 }
 
+// None of them holds as much as one may.
+TEST_F(AgentTest, PeersThatDoNotReadDoNotTakeTheMemoryTogether) {
+  std::vector<std::unique_ptr<Controller>> deaf(200);
+  for (auto &peer : deaf) {
+    peer = std::make_unique<Controller>();
+    peer->connect(port, htonl(INADDR_LOOPBACK), 536);
+    ASSERT_TRUE(peer->send(hello() + message(5, 1)));
+    ASSERT_FALSE(peer->await(6).empty());
+  }
+  Message flows;
+  for (std::uint32_t i = 0; i < 2000; ++i) {
+    FlowMod flow = ipv4_flow(i, i);
+    flow.flags = 1;  // OFPFF_SEND_FLOW_REM
+    append(flows, flow_mod(flow));
+  }
+  std::size_t left = 201;
+  for (int round = 0; round < 20 && left == 201; ++round) {
+    apply(flows + flow_mod(everything()));
+    daemon.forget();
+    c.forget();
+    std::size_t unsent = 0;
+    const auto controllers = view("controllers")["controllers"];
+    for (const auto &one : controllers) unsent += one["unsent_bytes"].get<std::size_t>();
+    EXPECT_LE(unsent, 128u << 20);
+    left = controllers.size();
+  }
+  EXPECT_LT(left, 201u) << "the fullest are closed";
+  EXPECT_TRUE(c.settle());
+}
+
 // ---- time
 
 class Echo : public AgentTest {

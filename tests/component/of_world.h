@@ -136,11 +136,13 @@ class Controller {
   Controller(const Controller &) = delete;
   Controller &operator=(const Controller &) = delete;
 
-  void connect(std::uint16_t port, in_addr_t to = htonl(INADDR_LOOPBACK)) {
+  // With a small `segment` the kernel keeps little of what is on its way.
+  void connect(std::uint16_t port, in_addr_t to = htonl(INADDR_LOOPBACK), int segment = 0) {
     const sockaddr_in address{.sin_family = AF_INET, .sin_port = htons(port), .sin_addr = {to}, .sin_zero = {}};
     adopt(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const int on = 1;
     setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    if (segment) setsockopt(fd_, IPPROTO_TCP, TCP_MAXSEG, &segment, sizeof segment);
     ASSERT_EQ(::connect(fd_, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0) << strerror(errno);
   }
   void adopt(int fd) {

@@ -1,6 +1,7 @@
 #include "host/of_ss/agent.h"
 
 #include <event2/buffer.h>
+#include <fmt/format.h>
 #include <pthread.h>
 #include <signal.h>
 
@@ -267,6 +268,14 @@ void Agent::gone(Connection &connection) {
   log::info("controller {} has gone: {}", connection.peer().name, connection.why_closed());
   update_packets();
   left(connection);
+}
+
+void Agent::overfull() {
+  Connection *fullest = nullptr;
+  for (const auto &connection : connections_)
+    if (connection && (!fullest || connection->unsent() > fullest->unsent())) fullest = connection.get();
+  if (fullest)
+    fullest->abort(fmt::format("all connections together hold too much unsent, and this one most, {} bytes", fullest->unsent()));
 }
 
 void Agent::tell_failed_connection(const Connection &connection) {

@@ -178,6 +178,7 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   void batch_done(Connection &connection) override;
   void drained(Connection &connection) override;
   void gone(Connection &connection) override;
+  void overfull() override;
 
   void open(const Endpoint &endpoint);
   bool is_open(const std::string &endpoint) const;

@@ -17,6 +17,7 @@ constexpr std::size_t kInputBound = 1 << 20;     // bytes that wait before readi
 constexpr std::size_t kClogged = 1 << 20;        // bytes unread by the peer above which it is not served
 constexpr std::size_t kDrained = 256 << 10;      // below this it is served again
 constexpr std::size_t kOutputBound = 32u << 20;  // above this it is closed
+constexpr std::size_t kAllOutputBound = 128u << 20;
 constexpr std::int64_t kHelloLimit = 10'000'000'000, kClosingLimit = 2'000'000'000;
 constexpr std::uint16_t kVersionBitmap = 1;
 
@@ -61,6 +62,10 @@ void Connection::start() {
       [](bufferevent *, short what, void *self) { static_cast<Connection *>(self)->event(what); }, this);
   bufferevent_setwatermark(bev_.get(), EV_READ, 0, kInputBound);
   bufferevent_setwatermark(bev_.get(), EV_WRITE, kDrained, 0);
+  const auto count = [](evbuffer *, const evbuffer_cb_info *change, void *all) {
+    *static_cast<std::size_t *>(all) += change->n_added - change->n_deleted;
+  };
+  evbuffer_add_cb(bufferevent_get_output(bev_.get()), count, &events_.unsent_);
   send(std::as_bytes(std::span(kHelloMessage)));
   bufferevent_enable(bev_.get(), EV_READ | EV_WRITE);
 }
@@ -79,7 +84,10 @@ void Connection::send(Bytes message) {
   if (phase_ == Phase::gone) return;
   ++traffic_.sent;
   bufferevent_write(bev_.get(), message.data(), message.size());
-  if (unsent() > kOutputBound) abort("the peer does not read what it asks for");
+  if (unsent() > kOutputBound)
+    abort("the peer does not read what it asks for");
+  else if (events_.unsent_ > kAllOutputBound)
+    events_.overfull();
 }
 
 void Connection::send_error(const Error &error, std::uint32_t xid, Bytes request) {
@@ -288,7 +296,15 @@ void Connection::abort(const std::string &why) {
   why_ = why;
   bufferevent_disable(bev_.get(), EV_READ | EV_WRITE);
   bufferevent_setcb(bev_.get(), nullptr, nullptr, nullptr, nullptr);
+  drop_output();
   events_.gone(*this);
+}
+
+// At once and not with the object, which lives until the end of the turn: one turn can send gigabytes.
+void Connection::drop_output() {
+  evbuffer *output = bufferevent_get_output(bev_.get());
+  evbuffer_unfreeze(output, 1);
+  evbuffer_drain(output, evbuffer_get_length(output));
 }
 
 void Connection::check(std::int64_t now_ns) {

@@ -2,7 +2,9 @@
 //
 // Messages are handed on as they lie in the input buffer, a batch at a time. While they may not be (events.may_take), they stay
 // there: echo requests among them are answered at once, and when enough has piled up the connection is not read any more. What is
-// sent is bounded too: a peer that does not read is served no further messages, and in the end is closed. Openflow thread only.
+// sent is bounded too: a peer that does not read is served no further messages, and in the end is closed: for what it holds alone,
+// or because it holds most where all connections together hold too much. A connection that goes on loses no message. Openflow
+// thread only.
 #pragma once
 
 #include <event2/bufferevent.h>
@@ -35,9 +37,15 @@ class ConnectionEvents {
   virtual void drained(Connection &connection) = 0;
   // The connection has ended. It calls nobody any more and is the owner's to destroy, later: it may be on the stack.
   virtual void gone(Connection &connection) = 0;
+  // The connections together hold so much unsent that one has to end. Called from inside of send.
+  virtual void overfull() = 0;
 
  protected:
   ~ConnectionEvents() = default;
+
+ private:
+  friend class Connection;
+  std::size_t unsent_ = 0;  // bytes, of all connections that report here
 };
 
 struct FreeBufferevent {
@@ -121,6 +129,7 @@ class Connection {
   void event(short what);
   void written();
   void hang_up();
+  void drop_output();
   void stop_reading(bool stop);
   void probe(std::int64_t now_ns);
 
