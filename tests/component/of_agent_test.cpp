@@ -393,9 +393,13 @@ TEST_F(AgentTest, ASynchronisationAnnouncesTheControllersThatAreThereAndWithdraw
 // ---- hostile and broken peers; another controller is served as before
 
 TEST_F(AgentTest, TheLimitOfConnectionsHolds) {
-  // More at a time than there are numbers, and none says anything: the oldest make room.
+  // More at a time than there are numbers, and none says anything, or more than HELLO and ECHO: the oldest make room.
   std::vector<std::unique_ptr<Controller>> silent, all;
   for (int i = 0; i < 600; ++i) silent.push_back(std::make_unique<Controller>(port));
+  for (int i = 0; i < 300; ++i) {
+    silent.push_back(std::make_unique<Controller>(port));
+    silent.back()->send(hello() + message(2, 1));
+  }
   for (int i = 0; i < 254; ++i) {
     all.push_back(std::make_unique<Controller>());
     come_up(*all.back());

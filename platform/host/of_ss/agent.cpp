@@ -226,8 +226,8 @@ void Agent::accept(BuffereventOwner bev, Peer peer, Dialer *dialer) {
   connections_[number]->start();
 }
 
-// A free connection number; kMaxConnections when every number is taken by a connection that is up. Of the others the oldest makes
-// room, so that connections that never say anything keep nobody out.
+// A free connection number; kMaxConnections when every number is taken by a controller. Of the others the oldest makes room, so
+// that connections that say nothing beyond HELLO and ECHO keep nobody out.
 std::size_t Agent::free_number() {
   std::size_t oldest = kMaxConnections;
   for (std::size_t n = 0; n < kMaxConnections; ++n) {

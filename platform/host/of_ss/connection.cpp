@@ -211,6 +211,7 @@ bool Connection::take_one(Bytes message, bool scanned) {
   } else if (type == kEchoRequest || type == kEchoReply) {
     take_echo(message, scanned);
   } else {
+    has_spoken_ = true;
     events_.message(*this, message);
   }
   return phase_ < Phase::closing;

@@ -101,8 +101,8 @@ class Connection {
   bool is_up() const { return phase_ == Phase::up; }
   bool is_waiting() const { return waiting_; }
   bool is_gone() const { return phase_ == Phase::gone; }
-  // Not up yet or not any more: may be ended to make room for another.
-  bool is_expendable() const { return phase_ != Phase::up; }
+  // Not up yet or not any more, or nobody who has said anything but HELLO and ECHO: may be ended to make room for another.
+  bool is_expendable() const { return phase_ != Phase::up || !has_spoken_; }
   const std::string &why_closed() const { return why_; }
   std::int64_t since_ns() const { return since_ns_; }
   const Traffic &traffic() const { return traffic_; }
@@ -139,6 +139,7 @@ class Connection {
   const std::uint64_t generation_;
   const ConnectionLimits limits_;
   Phase phase_ = Phase::hello;
+  bool has_spoken_ = false;
   bool waiting_ = false;  // messages wait for may_take
   bool taking_ = false;   // take_messages is on the stack
   bool read_stopped_ = false;
