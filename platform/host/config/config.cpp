@@ -14,6 +14,7 @@
 #include <toml++/toml.h>
 
 #include "host/config/keys.h"
+#include "host/config/text.h"
 
 extern char **environ;
 
@@ -32,7 +33,8 @@ struct Draft {
   std::set<const Row *> given;
 };
 
-std::string bad_value(const std::string &where, const Row &row, const std::string &given) {
+std::string bad_value(const std::string &where, const Row &row, const std::string &value) {
+  const std::string given = keys::name(row) == "mom.password" ? "***" : masked(value);
   return where + ": " + keys::name(row) + " = " + given + " is not allowed; allowed: " + keys::allowed(row);
 }
 

@@ -30,4 +30,14 @@ inline std::optional<std::uint64_t> number(std::string_view text, int base = 10)
   return n;
 }
 
+// A URL that may be shown: without the password, where one stands in it.
+inline std::string masked(std::string_view url) {
+  std::string shown(url);
+  const auto begin = shown.find("://");
+  const auto colon = begin == std::string::npos ? begin : shown.find(':', begin + 3);
+  const auto end = shown.rfind('@');
+  if (colon != std::string::npos && end != std::string::npos && colon < end) shown.replace(colon + 1, end - colon - 1, "***");
+  return shown;
+}
+
 }  // namespace host
