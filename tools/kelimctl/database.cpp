@@ -91,9 +91,8 @@ class InServer final : public Database {
   // At once, where a process that starts beside the server would wait for it.
   static void must_answer(const std::string &url) {
     mom::Endpoint endpoint;
-    check(mom::parse_endpoint(url, &endpoint));
+    check(mom::configured_endpoint(host::config().mom, &endpoint));
     endpoint.client = "kelimctl";
-    endpoint.password = host::config().mom.password;
     const std::chrono::milliseconds limit(host::config().mom.sync_timeout_ms);
     mom::SyncConnection connection(endpoint, QX_MOM_UDP_DB, limit);
     connection.set_deadline(std::chrono::steady_clock::now() + limit);

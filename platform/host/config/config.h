@@ -39,6 +39,11 @@ struct Config {
   struct Mom {
     std::string url;
     std::string password;
+    std::string password_file;
+    std::string tls_ca;
+    std::string tls_cert;
+    std::string tls_key;
+    std::string tls_server_name;
     std::uint32_t sync_timeout_ms;
     std::uint32_t dead_after_ms;
     std::uint64_t high_water_writes;

@@ -50,8 +50,10 @@ constexpr Allowed kListen = {"ptcp:HOST:PORT or pssl:HOST:PORT",
                              [](const std::string &t) { return has_method(t, "ptcp:") || has_method(t, "pssl:"); }};
 constexpr Allowed kConnect = {"tcp:HOST:PORT or ssl:HOST:PORT",
                               [](const std::string &t) { return has_method(t, "tcp:") || has_method(t, "ssl:"); }};
-constexpr Allowed kUrl = {"embedded:, redis+unix:/PATH or redis://HOST:PORT", [](const std::string &t) {
-                            return t == "embedded:" || t.starts_with("redis+unix:/") || has_method(t, "redis://");
+constexpr Allowed kUrl = {"embedded:, redis+unix:/PATH, redis://[USER@]HOST:PORT or, with TLS, rediss://[USER@]HOST:PORT",
+                          [](const std::string &t) {
+                            return t == "embedded:" || t.starts_with("redis+unix:/") || has_method(t, "redis://") ||
+                                   has_method(t, "rediss://");
                           }};
 constexpr Allowed kDatapath = {"1 to 16 hexadecimal digits, or nothing",
                                [](const std::string &t) { return t.empty() || (t.size() <= 16 && number(t, 16)); }};
@@ -74,6 +76,15 @@ constexpr Row kRows[] = {
 
     {"mom", "url", in<&C::mom, &C::Mom::url>, "embedded:", kUrl, "The object database."},
     {"mom", "password", in<&C::mom, &C::Mom::password>, "", kAnything, "Password of a Redis server; none when empty."},
+    {"mom", "password_file", in<&C::mom, &C::Mom::password_file>, "", kAnything,
+     "File whose first line is the password; a name without / is that of a systemd credential."},
+    {"mom", "tls_ca", in<&C::mom, &C::Mom::tls_ca>, "", kAnything,
+     "File of the authorities that the server of a rediss: URL is checked against."},
+    {"mom", "tls_cert", in<&C::mom, &C::Mom::tls_cert>, "", kAnything,
+     "Certificate file to show to the server, where it wants one."},
+    {"mom", "tls_key", in<&C::mom, &C::Mom::tls_key>, "", kAnything, "Private key file of mom.tls_cert."},
+    {"mom", "tls_server_name", in<&C::mom, &C::Mom::tls_server_name>, "", kAnything,
+     "Name that the server's certificate has to be for; when empty, the host of the URL."},
     {"mom", "sync_timeout_ms", in<&C::mom, &C::Mom::sync_timeout_ms>, "1000", between(1, 600'000),
      "Longest wait of a synchronous call."},
     {"mom", "dead_after_ms", in<&C::mom, &C::Mom::dead_after_ms>, "10000", between(100, 3'600'000),

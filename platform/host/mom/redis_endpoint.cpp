@@ -5,46 +5,102 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdlib>
+#include <fstream>
+
+#include "host/config/text.h"
+#include "host/tls/tls.h"
 
 namespace mom {
 
 namespace {
 
-constexpr std::string_view kUnix = "redis+unix:";
-constexpr std::string_view kTcp = "redis://";
 constexpr int kDefaultPort = 6379;
 constexpr int kOldestMajor = 7;
+
+struct Scheme {
+  std::string_view prefix;
+  bool is_path, secure;
+};
+constexpr Scheme kSchemes[] = {{"redis+unix:", true, false}, {"redis://", false, false}, {"rediss://", false, true}};
+
+std::string bad_url(const std::string &url, const std::string &why) {
+  return "mom.url '" + host::masked(url) + "': " + why;
+}
+
+// "HOST[:PORT]", the host in brackets where it has colons itself.
+bool parse_address(std::string_view text, std::string *host, int *port) {
+  const size_t bracket = text.starts_with('[') ? text.find(']') : 0;
+  if (bracket == std::string_view::npos) return false;
+  const size_t colon = text.find(':', bracket);
+  if (colon != std::string_view::npos) {
+    const auto number = host::number(text.substr(colon + 1));
+    if (!number || *number == 0 || *number > 65535) return false;
+    *port = static_cast<int>(*number);
+  }
+  *host = text.substr(0, colon);
+  if (host->starts_with('[') && host->ends_with(']')) *host = host->substr(1, host->size() - 2);
+  return !host->empty() && host->find_first_of("/@") == std::string::npos;
+}
+
+// A name without a slash is that of a credential that systemd hands over.
+std::string read_password(const std::string &file, std::string *password) {
+  const char *credentials = std::getenv("CREDENTIALS_DIRECTORY");
+  if (file.find('/') == std::string::npos && !credentials)
+    return "mom.password_file '" + file + "' names a credential, but systemd hands over none (LoadCredential=)";
+  std::ifstream in(file.find('/') == std::string::npos ? std::string(credentials) + "/" + file : file);
+  if (!std::getline(in, *password)) return "mom.password_file '" + file + "' cannot be read, or its first line is empty";
+  return "";
+}
 
 }  // namespace
 
 std::string parse_endpoint(const std::string &url, Endpoint *endpoint) {
   endpoint->url = url;
   std::string_view rest = url;
-  if (rest.starts_with(kUnix)) {
-    endpoint->path = rest.substr(kUnix.size());
-    return endpoint->path.starts_with('/') ? "" : "mom.url '" + url + "': the socket's path must begin with /";
+  const auto scheme = std::ranges::find_if(kSchemes, [&](const Scheme &one) { return rest.starts_with(one.prefix); });
+  if (scheme == std::end(kSchemes))
+    return bad_url(url,
+                   "must be embedded:, redis+unix:/PATH, redis://[USER@]HOST:PORT or rediss://[USER@]HOST:PORT");
+  rest.remove_prefix(scheme->prefix.size());
+  endpoint->secure = scheme->secure;
+  if (scheme->is_path) {
+    endpoint->path = rest;
+    return rest.starts_with('/') ? "" : bad_url(url, "the socket's path must begin with /");
   }
-  if (!rest.starts_with(kTcp)) return "mom.url '" + url + "': must be embedded:, redis+unix:/PATH or redis://HOST:PORT";
-  rest.remove_prefix(kTcp.size());
+  if (const size_t at = rest.rfind('@'); at != std::string_view::npos) {
+    endpoint->user = rest.substr(0, at);
+    rest.remove_prefix(at + 1);
+  }
+  if (endpoint->user.find(':') != std::string::npos)
+    return bad_url(url, "the password has keys of its own, mom.password and mom.password_file");
   if (rest.ends_with('/')) rest.remove_suffix(1);
-  const size_t bracket = rest.starts_with('[') ? rest.find(']') : 0;
-  const size_t colon = bracket == std::string_view::npos ? bracket : rest.find(':', bracket);
-  std::string_view host = rest.substr(0, colon);
   endpoint->port = kDefaultPort;
-  bool good = bracket != std::string_view::npos;
-  if (good && colon != std::string_view::npos) {
-    const std::string_view port = rest.substr(colon + 1);
-    const auto [end, error] = std::from_chars(port.data(), port.data() + port.size(), endpoint->port);
-    good = error == std::errc{} && end == port.data() + port.size() && endpoint->port > 0 && endpoint->port <= 65535;
-  }
-  if (host.starts_with('[') && host.ends_with(']')) host = host.substr(1, host.size() - 2);
-  endpoint->host = host;
-  if (good && !host.empty() && host.find_first_of("/@") == std::string_view::npos) return "";
-  return "mom.url '" + url + "': must be redis://HOST:PORT with a port from 1 to 65535 (the password has a key of its own)";
+  if (!parse_address(rest, &endpoint->host, &endpoint->port))
+    return bad_url(url, "must be " + std::string(scheme->prefix) + "[USER@]HOST:PORT with a port from 1 to 65535");
+  endpoint->server_name = endpoint->host;
+  return "";
+}
+
+std::string configured_endpoint(const host::Config::Mom &config, Endpoint *endpoint) {
+  std::string why = parse_endpoint(config.url, endpoint);
+  endpoint->password = config.password;
+  if (why.empty() && !config.password_file.empty()) why = read_password(config.password_file, &endpoint->password);
+  if (!why.empty() || !endpoint->secure) return why;
+  if (!config.tls_server_name.empty()) endpoint->server_name = config.tls_server_name;
+  if (config.tls_ca.empty()) return bad_url(config.url, "needs mom.tls_ca, the authorities that the server is checked against");
+  endpoint->tls = host::tls::load(config.tls_cert, config.tls_key, config.tls_ca, why);
+  return why;
+}
+
+std::vector<std::string_view> login(const Endpoint &endpoint) {
+  if (endpoint.password.empty()) return {};
+  if (endpoint.user.empty()) return {"AUTH", endpoint.password};
+  return {"AUTH", endpoint.user, endpoint.password};
 }
 
 std::string resolve(Endpoint *endpoint) {
-  if (!endpoint->path.empty()) return "";
+  if (endpoint->host.empty()) return "";
   std::string why;
   for (const int family : {AF_INET, AF_INET6}) {
     addrinfo hints{};

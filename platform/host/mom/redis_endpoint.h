@@ -2,12 +2,15 @@
 #pragma once
 
 #include <hiredis/hiredis.h>
+#include <openssl/ssl.h>
 
 #include <memory>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "host/config/config.h"
 
 namespace mom {
 
@@ -16,7 +19,11 @@ struct Endpoint {
   std::string path;  // of the unix socket; empty: TCP
   std::string host;
   int port = 0;
+  std::string user;  // empty: the server's default one
   std::string password;
+  bool secure = false;           // TLS is asked for
+  std::shared_ptr<SSL_CTX> tls;  // what it is done with
+  std::string server_name;       // that the server's certificate has to be for
   std::string client;  // how the server lists our connections, "client/8/sync"; empty: without a name
 
   std::string connection_name(int32_t db, std::string_view what) const {
@@ -24,11 +31,18 @@ struct Endpoint {
   }
 };
 
-// "redis+unix:/PATH", "redis://HOST:PORT", "redis://HOST", HOST also "[IPV6]". "" or what is wrong with the URL.
+// "redis+unix:/PATH", "redis://[USER@]HOST[:PORT]", the same with "rediss" for TLS, HOST also "[IPV6]";
+// "" or what is wrong with the URL; a password that stands in it is not shown.
 std::string parse_endpoint(const std::string &url, Endpoint *endpoint);
 
-// Puts the host's numeric address in place of its name. To be called once, at the start: looking names up blocks, and the loop
-// must not. "" or why it has none.
+// The endpoint of the configuration, with password and certificates from their files. "" or what is wrong.
+std::string configured_endpoint(const host::Config::Mom &config, Endpoint *endpoint);
+
+// The command that logs in; empty when there is no password.
+std::vector<std::string_view> login(const Endpoint &endpoint);
+
+// Puts the host's numeric address in place of its name. To be called once, at the start: looking names up
+// blocks, and the loop must not. "" or why it has none.
 std::string resolve(Endpoint *endpoint);
 
 // What INFO tells of the server.

@@ -1,7 +1,5 @@
 #include "host/mom/redis_pipe.h"
 
-#include <hiredis/adapters/libevent.h>
-#include <hiredis/sds.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -38,130 +36,114 @@ void notice_loss(int fd, std::chrono::milliseconds dead_after) {
 }  // namespace
 
 std::string Pipe::open() {
-  redisAsyncContext *context = endpoint_.path.empty() ? redisAsyncConnect(endpoint_.host.c_str(), endpoint_.port)
-                                                      : redisAsyncConnectUnix(endpoint_.path.c_str());
-  if (!context) return "out of memory";
-  if (context->err) {
-    std::string why = context->errstr;
-    redisAsyncFree(context);
-    return why;
-  }
-  if (endpoint_.path.empty()) notice_loss(context->c.fd, dead_after_);
-  context_ = context;
-  context->data = this;
-  redisLibeventAttach(context, host::loop_base());
-  redisAsyncSetConnectCallback(context, on_connect);
-  redisAsyncSetDisconnectCallback(context, on_disconnect);
-  if (!endpoint_.password.empty()) {
-    send({"AUTH", endpoint_.password}, [this](const redisReply *reply) {
-      if (reply && is_error(reply)) ended_("mom.password is refused: " + std::string(text_of(reply)));
+  if (std::string why = stream_.open(endpoint_); !why.empty()) return why;
+  ++generation_;
+  if (endpoint_.path.empty()) notice_loss(stream_.fd(), dead_after_);
+  const auto ready = [](evutil_socket_t, short what, void *self) { static_cast<Pipe *>(self)->ready(what); };
+  readable_.reset(event_new(host::loop_base(), stream_.fd(), EV_READ | EV_PERSIST, ready, this));
+  writable_.reset(event_new(host::loop_base(), stream_.fd(), EV_WRITE, ready, this));
+  event_add(readable_.get(), nullptr);
+  if (const auto arguments = login(endpoint_); !arguments.empty()) {
+    send(arguments, [this](const redisReply *reply) {
+      if (reply && is_error(reply)) finish("mom.password is refused: " + std::string(text_of(reply)));
     });
   }
   return "";
 }
 
 void Pipe::close() {
-  redisAsyncContext *context = std::exchange(context_, nullptr);
-  if (!context) return;
-  // From inside one of its callbacks hiredis frees it when that returns; its disconnect callback must not report then.
-  redisAsyncSetDisconnectCallback(context, nullptr);
-  context->onConnect = nullptr;
-  context->onDisconnect = nullptr;
-  redisAsyncFree(context);
+  if (!stream_.is_open()) return;
+  ++generation_;
+  readable_.reset();
+  writable_.reset();
+  stream_.close();
+  for (const Answer &answer : std::exchange(pending_, {})) (answer ? answer : on_plain)(nullptr);
 }
 
-void Pipe::on_connect(const redisAsyncContext *context, int status) {
-  if (status != REDIS_OK) of(context)->finish(context, status, "cannot connect");
+void Pipe::finish(const std::string &why) {
+  close();
+  ended_(why);
 }
 
-void Pipe::on_disconnect(const redisAsyncContext *context, int status) {
-  of(context)->finish(context, status, "closed by the server");
-}
+// ---- commands
 
-// hiredis releases the context itself after this.
-void Pipe::finish(const redisAsyncContext *context, int status, const char *what) {
-  if (context_ != context) return;
-  context_ = nullptr;
-  ended_(status == REDIS_OK || !context->errstr || !*context->errstr ? what : context->errstr);
-}
-
-void Pipe::count(const redisReply *reply) {
-  --waiting_;
-  if (reply) ++answered_;
-}
-
-void Pipe::on_answer(redisAsyncContext *context, void *reply, void *answer) {
-  const std::unique_ptr<Answer> owned(static_cast<Answer *>(answer));
-  of(context)->count(static_cast<redisReply *>(reply));
-  if (*owned) (*owned)(static_cast<redisReply *>(reply));
-}
-
-void Pipe::on_plain_answer(redisAsyncContext *context, void *reply, void *) {
-  Pipe *pipe = of(context);
-  pipe->count(static_cast<redisReply *>(reply));
-  pipe->on_plain(static_cast<redisReply *>(reply));
-}
-
-void Pipe::send(Arguments arguments, Answer answer) {
+void Pipe::send(std::span<const std::string_view> arguments, Answer answer) {
+  if (!stream_.is_open()) return;  // who asked learns it from `ended`
   std::string command;
   append_command(command, arguments);
-  auto owned = std::make_unique<Answer>(std::move(answer));
-  if (!context_ || redisAsyncFormattedCommand(context_, on_answer, owned.get(), command.data(), command.size()) != REDIS_OK) {
-    return;  // the connection is ending; who asked learns it from `ended`
-  }
-  (void)owned.release();
-  ++waiting_;
+  stream_.write(command);
+  pending_.push_back(answer ? std::move(answer) : [](const redisReply *) {});
+  watch_output();
 }
 
 void Pipe::send_plain(std::string_view formatted) {
-  if (context_ &&
-      redisAsyncFormattedCommand(context_, on_plain_answer, nullptr, formatted.data(), formatted.size()) == REDIS_OK) {
-    ++waiting_;
-  }
-}
-
-size_t Pipe::unsent() const {
-  return context_ ? sdslen(context_->c.obuf) : 0;
+  if (!stream_.is_open()) return;
+  stream_.write(formatted);
+  pending_.emplace_back();
+  watch_output();
 }
 
 void Pipe::push() {
-  if (context_ && context_->c.flags & REDIS_CONNECTED) redisAsyncHandleWrite(context_);
+  if (stream_.is_open() && !stream_.send()) finish(std::string(stream_.error()));
+}
+
+void Pipe::subscribe(const std::string &channel) {
+  if (!stream_.is_open()) return;
+  std::string command;
+  append_command(command, {"SUBSCRIBE", channel});
+  stream_.write(command);
+  watch_output();
+}
+
+// ---- on the loop
+
+void Pipe::watch_output() {
+  const bool wanted = stream_.wants() & POLLOUT;
+  if (wanted && !event_pending(writable_.get(), EV_WRITE, nullptr)) event_add(writable_.get(), nullptr);
+}
+
+void Pipe::ready(short what) {
+  go_on(what & EV_READ || endpoint_.tls ? stream_.step() : stream_.send());
+}
+
+// Hands on what has come. Callbacks may end this connection, and begin another.
+void Pipe::go_on(bool good) {
+  const unsigned generation = generation_;
+  while (const Reply reply = stream_.next()) {
+    take(reply.get());
+    if (generation != generation_) return;
+  }
+  if (!good || !stream_.error().empty()) return finish(std::string(stream_.error()));
+  watch_output();
+}
+
+void Pipe::take(const redisReply *reply) {
+  if (pending_.empty()) return take_message(reply);
+  const Answer answer = std::move(pending_.front());
+  pending_.pop_front();
+  ++answered_;
+  (answer ? answer : on_plain)(reply);
+}
+
+void Pipe::take_message(const redisReply *reply) {
+  if (is_error(reply)) return finish("SUBSCRIBE is refused: " + std::string(text_of(reply)));
+  if (reply->type != REDIS_REPLY_ARRAY || reply->elements != 3) return;
+  const std::string_view kind = text_of(reply->element[0]);
+  if (kind == "message") message(text_of(reply->element[1]), text_of(reply->element[2]));
+  if (kind == "subscribe") confirmed(text_of(reply->element[1]));
 }
 
 bool Pipe::drive(const std::function<bool()> &done, std::chrono::steady_clock::time_point deadline) {
   while (!done()) {
-    if (!context_) return false;
+    if (!stream_.is_open()) return false;
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
     if (left <= 0) return false;
-    const auto interest = static_cast<short>(unsent() ? POLLIN | POLLOUT : POLLIN);
-    pollfd wait{.fd = context_->c.fd, .events = interest, .revents = 0};
-    const int ready = ::poll(&wait, 1, static_cast<int>(left));
-    if (ready < 0 && errno != EINTR) return false;
-    if (ready <= 0) continue;
-    if (wait.revents & POLLOUT) redisAsyncHandleWrite(context_);
-    if (context_ && wait.revents & ~POLLOUT) redisAsyncHandleRead(context_);
+    pollfd wait{.fd = stream_.fd(), .events = stream_.wants(), .revents = 0};
+    const int rv = ::poll(&wait, 1, static_cast<int>(left));
+    if (rv < 0 && errno != EINTR) return false;
+    if (rv > 0) go_on(stream_.step());
   }
   return true;
-}
-
-void Pipe::subscribe(const std::string &channel) {
-  std::string command;
-  append_command(command, {"SUBSCRIBE", channel});
-  if (context_) redisAsyncFormattedCommand(context_, on_subscription, nullptr, command.data(), command.size());
-}
-
-void Pipe::on_subscription(redisAsyncContext *context, void *answer, void *) {
-  const auto *reply = static_cast<const redisReply *>(answer);
-  Pipe *pipe = of(context);
-  if (!reply || pipe->context_ != context) return;
-  if (is_error(reply)) {
-    pipe->ended_("SUBSCRIBE is refused: " + std::string(text_of(reply)));
-    return;
-  }
-  if (reply->type != REDIS_REPLY_ARRAY || reply->elements != 3) return;
-  const std::string_view kind = text_of(reply->element[0]);
-  if (kind == "message") pipe->message(text_of(reply->element[1]), text_of(reply->element[2]));
-  if (kind == "subscribe") pipe->confirmed(text_of(reply->element[1]));
 }
 
 }  // namespace mom

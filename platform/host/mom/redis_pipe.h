@@ -2,7 +2,7 @@
 // The base of the connection for writes and of the one for subscriptions. Loop's thread.
 #pragma once
 
-#include <hiredis/async.h>
+#include <event2/event.h>
 
 #include <chrono>
 #include <deque>
@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "host/mom/redis_endpoint.h"
+#include "host/mom/redis_stream.h"
 
 namespace mom {
 
@@ -31,44 +31,51 @@ class Pipe {
   std::string open();
   // Ends the connection at once; what waits for an answer gets null.
   void close();
-  bool is_open() const { return context_ != nullptr; }
+  bool is_open() const { return stream_.is_open(); }
 
-  void send(Arguments arguments, Answer answer);
+  void send(std::span<const std::string_view> arguments, Answer answer);
+  void send(Arguments arguments, Answer answer) { send(std::span(arguments.begin(), arguments.size()), std::move(answer)); }
   // One formatted command. `plain` commands have no function of their own: their answers go to on_plain in order.
   void send_plain(std::string_view formatted);
   std::function<void(const redisReply *)> on_plain;
 
   // Answers not yet seen.
-  size_t waiting() const { return waiting_; }
+  size_t waiting() const { return pending_.size(); }
   uint64_t answered() const { return answered_; }
   // Bytes that the socket has not taken.
-  size_t unsent() const;
+  size_t unsent() const { return stream_.unsent(); }
   void push();  // tries to hand them to the socket now
 
   // Works on this connection alone until `done` or the deadline; false when it passed or the connection ended.
   bool drive(const std::function<bool()> &done, std::chrono::steady_clock::time_point deadline);
 
-  // Subscribes to channels; `message` gets each message (channel, payload), `confirmed` each channel's confirmation.
+  // Subscribes to channels, when every command is answered; `message` gets each message (channel, payload), `confirmed` each
+  // channel's confirmation.
   void subscribe(const std::string &channel);
   std::function<void(std::string_view channel, std::string_view payload)> message;
   std::function<void(std::string_view channel)> confirmed;
 
  private:
-  static void on_answer(redisAsyncContext *context, void *reply, void *answer);
-  static void on_plain_answer(redisAsyncContext *context, void *reply, void *);
-  static void on_subscription(redisAsyncContext *context, void *reply, void *);
-  static void on_connect(const redisAsyncContext *context, int status);
-  static void on_disconnect(const redisAsyncContext *context, int status);
-  static Pipe *of(const redisAsyncContext *context) { return static_cast<Pipe *>(context->data); }
-  void count(const redisReply *reply);
-  void finish(const redisAsyncContext *context, int status, const char *what);
+  struct FreeEvent {
+    void operator()(event *e) const { event_free(e); }
+  };
+  using EventOwner = std::unique_ptr<event, FreeEvent>;
+
+  void ready(short what);
+  void go_on(bool good);
+  void take(const redisReply *reply);
+  void take_message(const redisReply *reply);
+  void watch_output();
+  void finish(const std::string &why);
 
   const Endpoint &endpoint_;
   std::chrono::milliseconds dead_after_;
   std::function<void(const std::string &)> ended_;
-  redisAsyncContext *context_ = nullptr;
-  size_t waiting_ = 0;
+  Stream stream_;
+  EventOwner readable_, writable_;
+  std::deque<Answer> pending_;  // in the order of their commands; empty for a plain one
   uint64_t answered_ = 0;
+  unsigned generation_ = 0;  // of the connection
 };
 
 }  // namespace mom

@@ -72,7 +72,6 @@ RedisStore::RedisStore(Hub &hub, Endpoint endpoint, const host::Config::Mom &con
       limit_(config.sync_timeout_ms),
       dead_after_(config.dead_after_ms),
       scan_batch_(config.scan_batch) {
-  endpoint_.password = config.password;
   endpoint_.client = host::runtime_name();
 }
 

@@ -12,12 +12,6 @@ namespace mom {
 
 namespace {
 
-// At least a moment: no time at all would mean without limit.
-timeval to_timeval(std::chrono::milliseconds limit) {
-  const auto ms = std::max<std::chrono::milliseconds::rep>(limit.count(), 1);
-  return {.tv_sec = ms / 1000, .tv_usec = ms % 1000 * 1000};
-}
-
 std::chrono::milliseconds left_until(std::chrono::steady_clock::time_point deadline) {
   return std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
 }
@@ -25,15 +19,12 @@ std::chrono::milliseconds left_until(std::chrono::steady_clock::time_point deadl
 }  // namespace
 
 std::string SyncConnection::open() {
-  if (context_) return "";
+  if (stream_->is_open()) return "";
   refused_ = false;
   if (resting()) return "the server did not answer in time";
-  const timeval limit = to_timeval(left_until(deadline_));
-  context_.reset(endpoint_.path.empty() ? redisConnectWithTimeout(endpoint_.host.c_str(), endpoint_.port, limit)
-                                        : redisConnectUnixWithTimeout(endpoint_.path.c_str(), limit));
-  if (!context_) return "out of memory";
-  std::string why = context_->err ? context_->errstr : "";
+  std::string why = stream_->open(endpoint_);
   if (why.empty()) why = greet();
+  refused_ |= why.starts_with("TLS: certificate");
   if (!why.empty()) {
     close();
     return why;
@@ -43,14 +34,14 @@ std::string SyncConnection::open() {
 
 // Password, database, who the server is.
 std::string SyncConnection::greet() {
-  const auto ask = [&](Arguments arguments, Reply *reply) -> std::string {
-    *reply = exchange(std::span(arguments.begin(), arguments.size()));
-    if (!*reply) return context_ && context_->err ? context_->errstr : "the server did not answer in time";
+  const auto ask = [&](const std::vector<std::string_view> &arguments, Reply *reply) -> std::string {
+    *reply = exchange(arguments);
+    if (!*reply) return stream_->error().empty() ? "the server did not answer in time" : stream_->error();
     return is_error(reply->get()) ? std::string(text_of(reply->get())) : "";
   };
   Reply reply;
-  if (!endpoint_.password.empty()) {
-    if (const std::string why = ask({"AUTH", endpoint_.password}, &reply); !why.empty()) {
+  if (const auto arguments = login(endpoint_); !arguments.empty()) {
+    if (const std::string why = ask(arguments, &reply); !why.empty()) {
       refused_ = reply != nullptr;
       return refused_ ? "mom.password is refused: " + why : why;
     }
@@ -69,21 +60,16 @@ std::string SyncConnection::greet() {
 Reply SyncConnection::exchange(std::span<const std::string_view> arguments) {
   std::string command;
   append_command(command, arguments);
-  if (redisAppendFormattedCommand(context_.get(), command.data(), command.size()) != REDIS_OK) return nullptr;
-  int sent = 0;
-  while (!sent) {
-    if (!wait(POLLOUT) || redisBufferWrite(context_.get(), &sent) != REDIS_OK) return nullptr;
+  stream_->write(command);
+  while (true) {
+    if (Reply reply = stream_->next()) return reply;
+    if (!stream_->error().empty() || !stream_->send() || !wait() || !stream_->step()) return nullptr;
   }
-  void *reply = nullptr;
-  while (redisReaderGetReply(context_->reader, &reply) == REDIS_OK && !reply) {
-    if (!wait(POLLIN) || redisBufferRead(context_.get()) != REDIS_OK) return nullptr;
-  }
-  return Reply(static_cast<redisReply *>(reply));
 }
 
 // False when the deadline passes first.
-bool SyncConnection::wait(short events) {
-  pollfd ready{.fd = context_->fd, .events = events, .revents = 0};
+bool SyncConnection::wait() {
+  pollfd ready{.fd = stream_->fd(), .events = stream_->wants(), .revents = 0};
   while (true) {
     const auto left = left_until(deadline_).count();
     const int rv = left <= 0 ? 0 : ::poll(&ready, 1, static_cast<int>(left));
@@ -97,7 +83,7 @@ bool SyncConnection::wait(short events) {
 Reply SyncConnection::call(std::span<const std::string_view> arguments) {
   // A connection that the server closed meanwhile shows at its first use: worth one more attempt.
   for (int attempt = 0; attempt < 2; ++attempt) {
-    const bool fresh = !context_;
+    const bool fresh = !stream_->is_open();
     if (!open().empty()) return nullptr;
     if (Reply reply = exchange(arguments)) return reply;
     close();

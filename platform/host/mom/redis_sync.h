@@ -2,14 +2,13 @@
 // Loop's thread.
 #pragma once
 
-#include <hiredis/hiredis.h>
-
 #include <chrono>
 #include <memory>
 #include <span>
 #include <string>
 
 #include "host/mom/redis_endpoint.h"
+#include "host/mom/redis_stream.h"
 
 namespace mom {
 
@@ -25,7 +24,7 @@ class SyncConnection {
 
   // "" or why there is no connection; keeps a living one.
   std::string open();
-  void close() { context_.reset(); }
+  void close() { stream_->close(); }
 
   // The answer, an error reply included; null when the connection failed (it is closed then). Opens the connection when needed.
   Reply call(std::span<const std::string_view> arguments);
@@ -40,17 +39,14 @@ class SyncConnection {
   bool resting() const { return std::chrono::steady_clock::now() < resting_until_; }
 
  private:
-  struct FreeContext {
-    void operator()(redisContext *context) const { redisFree(context); }
-  };
   Reply exchange(std::span<const std::string_view> arguments);
-  bool wait(short events);
+  bool wait();
   std::string greet();
 
   const Endpoint &endpoint_;
   int32_t db_;
   std::chrono::milliseconds limit_;
-  std::unique_ptr<redisContext, FreeContext> context_;
+  std::unique_ptr<Stream> stream_ = std::make_unique<Stream>();
   ServerInfo server_;
   bool refused_ = false;
   std::chrono::steady_clock::time_point deadline_{};

@@ -26,7 +26,7 @@ std::string choose_store(Hub &hub, const host::Config::Mom &mom) {
     return "";
   }
   Endpoint endpoint;
-  if (std::string why = parse_endpoint(mom.url, &endpoint); !why.empty()) return why;
+  if (std::string why = configured_endpoint(mom, &endpoint); !why.empty()) return why;
   auto store = std::make_unique<RedisStore>(hub, std::move(endpoint), mom);
   std::string why = store->probe();
   hub.adopt(std::move(store));

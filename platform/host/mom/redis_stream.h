@@ -1,0 +1,64 @@
+// A socket to a Redis server that never blocks, with TLS where the endpoint asks for it: commands out, whole answers in. Who
+// waits, and how, is its owner's business. Loop's thread.
+#pragma once
+
+#include <hiredis/hiredis.h>
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "host/mom/redis_endpoint.h"
+#include "host/tls/tls.h"
+
+namespace mom {
+
+class Stream {
+ public:
+  Stream() = default;
+  ~Stream() { close(); }
+  Stream(const Stream &) = delete;
+  Stream &operator=(const Stream &) = delete;
+
+  // Begins to connect. "" or why not; later failures come from step().
+  std::string open(const Endpoint &endpoint);
+  void close();
+  bool is_open() const { return fd_ >= 0; }
+  int fd() const { return fd_; }
+
+  // Takes commands on the wire's form; they leave with step() or send().
+  void write(std::string_view commands) { output_.append(commands); }
+  size_t unsent() const { return output_.size() - sent_; }
+
+  // What to wait for: POLLIN, and POLLOUT where that would get something on.
+  short wants() const;
+  // Sends what the socket takes now, and receives what is there. False when the connection is over, and error() says why.
+  bool step() { return send() && receive(); }
+  bool send();
+  const std::string &error() const { return error_; }
+
+  // The next whole answer that has been received; null when there is none.
+  Reply next();
+
+ private:
+  struct FreeReader {
+    void operator()(redisReader *reader) const { redisReaderFree(reader); }
+  };
+  std::string start_tls(const Endpoint &endpoint);
+  bool receive();
+  ssize_t put(std::string_view bytes);
+  ssize_t get(char *into, size_t size);
+  ssize_t outcome(int rv);
+  bool failed(std::string why);
+
+  int fd_ = -1;
+  host::tls::Session tls_;
+  std::unique_ptr<redisReader, FreeReader> reader_;
+  std::string output_;
+  size_t sent_ = 0;               // of output_
+  bool waits_for_input_ = false;  // TLS cannot send before it has received
+  bool waits_for_output_ = false;
+  std::string error_;
+};
+
+}  // namespace mom
