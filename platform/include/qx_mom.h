@@ -93,8 +93,8 @@ int qx_mom_client_connect_sync(qx_global *global, int32_t db);
 int qx_mom_client_connect(qx_global *global, int32_t db, qx_mom_connect_cb cb, const char *label);
 
 // What `cb` is told when the connection of `db` changes. `arg` is reserved, null.
-// Types: 0 lost; 2 back, the same server process, nothing lost; 1 back, but another server process, whose data cannot be trusted;
-// 3 still trying.
+// Types: 0 lost; 2 back, the same server process or one that took over what it held; 1 back, but another server process, whose data
+// cannot be trusted; 3 still trying.
 int qx_mom_client_set_reconnect_cb(qx_global *global, int32_t db, qx_mom_reconnect_cb cb, void *arg);
 
 // ---- writes (pipelined). `flags` and `reserved` are 0.

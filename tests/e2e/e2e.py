@@ -2,7 +2,9 @@
 
 import ast
 import os
+import pathlib
 import subprocess
+import tempfile
 import unittest
 
 import daemon
@@ -33,6 +35,54 @@ def records(socket, kind, database=8):
     names = [name.decode() for name in redis(socket, "KEYS", prefix + "*", database=database) if name]
     values = redis(socket, "MGET", *names, database=database) if names else []
     return {name.removeprefix(prefix): value[8:] for name, value in zip(names, values) if value}
+
+
+class Sentinels:
+    """A Redis master, its replica and three sentinels that watch over both."""
+
+    def __init__(self):
+        self.dir = tempfile.TemporaryDirectory(prefix="kelim-")
+        self.ports = [daemon.Port() for _ in range(5)]
+        numbers = [port.number for port in self.ports]
+        self.url = "redis+sentinel://" + ",".join(f"127.0.0.1:{number}" for number in numbers[2:]) + "/kelim"
+        self.sockets = [f"{self.dir.name}/{number}.sock" for number in numbers[:2]]
+        self.servers = [
+            self._start("--port", number, "--unixsocket", socket, "--save", "", "--hz", "100", "--repl-diskless-sync-delay", "0")
+            for number, socket in zip(numbers, self.sockets)
+        ]
+        daemon.wait_until(lambda: all(map(os.path.exists, self.sockets)), LIMIT, "the Redis servers")
+        self.ask(1, "REPLICAOF", "127.0.0.1", str(numbers[0]))
+        daemon.wait_until(lambda: "master_link_status:up" in self.ask(1, "INFO", "replication"), LIMIT, "the replica")
+        self.sentinels = [self._start_sentinel(number, numbers[0]) for number in numbers[2:]]
+        known = lambda number: subprocess.run(
+            ["redis-cli", "-p", str(number), "SENTINEL", "CKQUORUM", "kelim"], capture_output=True, text=True
+        ).stdout.startswith("OK 3") and "name" in subprocess.run(
+            ["redis-cli", "-p", str(number), "SENTINEL", "REPLICAS", "kelim"], capture_output=True, text=True
+        ).stdout
+        daemon.wait_until(lambda: all(map(known, numbers[2:])), LIMIT, "the sentinels to find each other and the replica")
+
+    def _start(self, *arguments):
+        command = ["redis-server", *map(str, arguments), "--bind", "127.0.0.1", "--dir", self.dir.name]
+        return subprocess.Popen(command, stdout=subprocess.DEVNULL)
+
+    def _start_sentinel(self, number, master):
+        path = pathlib.Path(self.dir.name, f"{number}.conf")
+        path.write_text(
+            f"port {number}\nsentinel monitor kelim 127.0.0.1 {master} 2\nsentinel down-after-milliseconds kelim 1000\n"
+            "sentinel failover-timeout kelim 5000\n"
+        )
+        return self._start(path, "--sentinel")
+
+    def ask(self, server, *words):
+        return subprocess.run(["redis-cli", "-s", self.sockets[server], *words], capture_output=True, text=True, timeout=60).stdout
+
+    def close(self):
+        for process in self.servers + self.sentinels:
+            process.kill()
+            process.wait()
+        for port in self.ports:
+            port.close()
+        self.dir.cleanup()
 
 
 class Test(unittest.TestCase):

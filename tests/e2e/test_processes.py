@@ -173,6 +173,45 @@ class Processes(e2e.Test):
                 self.assertEqual(e2e.ofctl(system.port, "del-flows").returncode, 0)
                 self.assert_of_one_mind(system, ())
 
+    def test_a_failover_by_the_sentinels_under_load(self):
+        servers = e2e.Sentinels()
+        self.addCleanup(servers.close)
+        system = self.system(
+            mom_url=servers.url, mom_dead_after_ms=1000, openflow_capacity=2 * FLOWS, openflow_decide_timeout_ms=e2e.LIMIT * 1000,
+        )
+        system.socket = servers.sockets[1]  # of the replica, which becomes the master
+        clients = Clients(system.port)
+        stored = lambda: len(e2e.redis(system.socket, "KEYS", "s_policy_kelim.flow:*"))
+        self.await_that(lambda: stored() >= FLOWS // 3, "a third of the flows")
+        servers.servers[0].kill()
+        clients.wait()
+        self.assertFalse(clients.cut_off, "the daemon goes on with a replica that holds what the master held")
+        self.assertEqual(len(clients.accepted | clients.refused), FLOWS)
+        self.assertIn("role:master", servers.ask(1, "INFO", "replication"))
+        self.assert_of_one_mind(system, clients.accepted)
+        self.client(system).add(2000)
+        self.assert_of_one_mind(system, clients.accepted | {2000})
+
+    def test_a_replica_that_lags_is_another_database(self):
+        servers = e2e.Sentinels()
+        self.addCleanup(servers.close)
+        system = self.system(mom_url=servers.url, mom_dead_after_ms=1000)
+        system.socket = servers.sockets[1]
+        client = self.client(system)
+        client.add(1)
+        self.assertEqual(client.barrier(), [])
+        self.await_that(lambda: e2e.records(system.socket, "flow_sta"), "the replica to have it all")
+        servers.servers[1].send_signal(signal.SIGSTOP)
+        servers.ask(0, "CLIENT", "KILL", "TYPE", "replica")
+        client.add(2)
+        self.assertEqual(client.barrier(), [])
+        looked = lambda: re.search(r"name=ssc_kelim/8/write .* cmd=info ", servers.ask(0, "CLIENT", "LIST"))
+        self.await_that(looked, "a look at how far the master has come")
+        servers.servers[0].kill()
+        servers.servers[1].send_signal(signal.SIGCONT)
+        self.await_that(lambda: len(system.pids("ssc_kelim")) > 1 and system.ready(), "another daemon")
+        self.assert_of_one_mind(system, (1,))
+
     def test_a_service_chain_flow_goes_through_both_processes(self):
         system = self.system()
         flow = "table=1,dl_dst=02:00:00:00:00:01,tcp,nw_dst=10.0.0.1,tp_dst=80,actions=output:2"

@@ -162,7 +162,7 @@ class System(Daemon):
     def __init__(self, bin_dir, **settings):
         run_dir = tempfile.mkdtemp(prefix="kelim-")
         self.socket = f"{run_dir}/redis.sock"
-        super().__init__(bin_dir, run_dir, mom_url=f"redis+unix:{self.socket}", **settings)
+        super().__init__(bin_dir, run_dir, **{"mom_url": f"redis+unix:{self.socket}", **settings})
         del self.environment["KELIM_PROGRAMMER_EMBEDDED"]
         self.own_run_dir = True
         self.command_line = [pathlib.Path(__file__).with_name("supervise"), bin_dir]

@@ -50,11 +50,16 @@ constexpr Allowed kListen = {"ptcp:HOST:PORT or pssl:HOST:PORT",
                              [](const std::string &t) { return has_method(t, "ptcp:") || has_method(t, "pssl:"); }};
 constexpr Allowed kConnect = {"tcp:HOST:PORT or ssl:HOST:PORT",
                               [](const std::string &t) { return has_method(t, "tcp:") || has_method(t, "ssl:"); }};
-constexpr Allowed kUrl = {"embedded:, redis+unix:/PATH, redis://[USER@]HOST:PORT or, with TLS, rediss://[USER@]HOST:PORT",
-                          [](const std::string &t) {
-                            return t == "embedded:" || t.starts_with("redis+unix:/") || has_method(t, "redis://") ||
-                                   has_method(t, "rediss://");
-                          }};
+constexpr Allowed kUrl = {
+    "embedded:, redis+unix:/PATH, redis://[USER@]HOST:PORT, redis+sentinel://[USER@]HOST:PORT,.../NAME, with TLS rediss://... or "
+    "rediss+sentinel://...",
+    [](const std::string &t) {
+      const auto names_sentinels = [&t](const char *method) {
+        return t.starts_with(method) && t.find('/', strlen(method)) != t.npos;
+      };
+      return t == "embedded:" || t.starts_with("redis+unix:/") || has_method(t, "redis://") || has_method(t, "rediss://") ||
+             names_sentinels("redis+sentinel://") || names_sentinels("rediss+sentinel://");
+    }};
 constexpr Allowed kDatapath = {"1 to 16 hexadecimal digits, or nothing",
                                [](const std::string &t) { return t.empty() || (t.size() <= 16 && number(t, 16)); }};
 constexpr Allowed kPath = {"a path that begins with /", [](const std::string &t) { return t.starts_with('/'); }};

@@ -15,14 +15,20 @@ namespace mom {
 
 namespace {
 
-constexpr int kDefaultPort = 6379;
+constexpr int kDefaultPort = 6379, kSentinelPort = 26379;
 constexpr int kOldestMajor = 7;
 
+enum class Form { path, server, sentinels };
 struct Scheme {
   std::string_view prefix;
-  bool is_path, secure;
+  Form form;
+  bool secure;
 };
-constexpr Scheme kSchemes[] = {{"redis+unix:", true, false}, {"redis://", false, false}, {"rediss://", false, true}};
+constexpr Scheme kSchemes[] = {{"redis+unix:", Form::path, false},
+                               {"redis://", Form::server, false},
+                               {"rediss://", Form::server, true},
+                               {"redis+sentinel://", Form::sentinels, false},
+                               {"rediss+sentinel://", Form::sentinels, true}};
 
 std::string bad_url(const std::string &url, const std::string &why) {
   return "mom.url '" + host::masked(url) + "': " + why;
@@ -43,6 +49,20 @@ bool parse_address(std::string_view text, std::string *host, int *port) {
   return !host->empty() && host->find_first_of("/@") == std::string::npos;
 }
 
+// "HOST[:PORT],.../NAME"
+bool parse_sentinels(std::string_view text, Endpoint *endpoint) {
+  const size_t slash = text.find('/');
+  if (slash == std::string_view::npos) return false;
+  endpoint->master = text.substr(slash + 1);
+  for (const std::string &address : host::split(text.substr(0, slash), ",")) {
+    Endpoint &sentinel = endpoint->sentinels.emplace_back();
+    sentinel.port = kSentinelPort;
+    if (!parse_address(address, &sentinel.host, &sentinel.port)) return false;
+    sentinel.server_name = sentinel.host;
+  }
+  return !endpoint->sentinels.empty() && !endpoint->master.empty();
+}
+
 // A name without a slash is that of a credential that systemd hands over.
 std::string read_password(const std::string &file, std::string *password) {
   const char *credentials = std::getenv("CREDENTIALS_DIRECTORY");
@@ -61,10 +81,11 @@ std::string parse_endpoint(const std::string &url, Endpoint *endpoint) {
   const auto scheme = std::ranges::find_if(kSchemes, [&](const Scheme &one) { return rest.starts_with(one.prefix); });
   if (scheme == std::end(kSchemes))
     return bad_url(url,
-                   "must be embedded:, redis+unix:/PATH, redis://[USER@]HOST:PORT or rediss://[USER@]HOST:PORT");
+                   "must be embedded:, redis+unix:/PATH, redis://[USER@]HOST:PORT or redis+sentinel://[USER@]HOST:PORT,.../NAME "
+                   "(with TLS rediss...)");
   rest.remove_prefix(scheme->prefix.size());
   endpoint->secure = scheme->secure;
-  if (scheme->is_path) {
+  if (scheme->form == Form::path) {
     endpoint->path = rest;
     return rest.starts_with('/') ? "" : bad_url(url, "the socket's path must begin with /");
   }
@@ -74,6 +95,10 @@ std::string parse_endpoint(const std::string &url, Endpoint *endpoint) {
   }
   if (endpoint->user.find(':') != std::string::npos)
     return bad_url(url, "the password has keys of its own, mom.password and mom.password_file");
+  if (scheme->form == Form::sentinels) {
+    if (parse_sentinels(rest, endpoint)) return "";
+    return bad_url(url, "must be " + std::string(scheme->prefix) + "[USER@]HOST:PORT,.../NAME with ports from 1 to 65535");
+  }
   if (rest.ends_with('/')) rest.remove_suffix(1);
   endpoint->port = kDefaultPort;
   if (!parse_address(rest, &endpoint->host, &endpoint->port))
@@ -90,6 +115,10 @@ std::string configured_endpoint(const host::Config::Mom &config, Endpoint *endpo
   if (!config.tls_server_name.empty()) endpoint->server_name = config.tls_server_name;
   if (config.tls_ca.empty()) return bad_url(config.url, "needs mom.tls_ca, the authorities that the server is checked against");
   endpoint->tls = host::tls::load(config.tls_cert, config.tls_key, config.tls_ca, why);
+  for (Endpoint &sentinel : endpoint->sentinels) {
+    sentinel.tls = endpoint->tls;
+    if (!config.tls_server_name.empty()) sentinel.server_name = config.tls_server_name;
+  }
   return why;
 }
 
@@ -100,6 +129,8 @@ std::vector<std::string_view> login(const Endpoint &endpoint) {
 }
 
 std::string resolve(Endpoint *endpoint) {
+  for (Endpoint &sentinel : endpoint->sentinels)
+    if (std::string why = resolve(&sentinel); !why.empty()) return sentinel.host + ": " + why;
   if (endpoint->host.empty()) return "";
   std::string why;
   for (const int family : {AF_INET, AF_INET6}) {
@@ -120,6 +151,20 @@ std::string resolve(Endpoint *endpoint) {
   return "the host has no address: " + why;
 }
 
+std::vector<std::string_view> master_question(const Endpoint &endpoint) {
+  return {"SENTINEL", "GET-MASTER-ADDR-BY-NAME", endpoint.master};
+}
+
+std::string take_master(const redisReply *reply, Endpoint *endpoint) {
+  if (is_error(reply)) return std::string(text_of(reply));
+  const bool known = reply->type == REDIS_REPLY_ARRAY && reply->elements == 2;
+  const auto port = known ? host::number(text_of(reply->element[1])) : std::nullopt;
+  if (!port || *port == 0 || *port > 65535) return "the sentinel does not know it";
+  endpoint->host = text_of(reply->element[0]);
+  endpoint->port = static_cast<int>(*port);
+  return "";
+}
+
 ServerInfo parse_info(std::string_view text) {
   ServerInfo info;
   while (!text.empty()) {
@@ -131,7 +176,12 @@ ServerInfo parse_info(std::string_view text) {
     const std::string_view value = line.substr(colon + 1);
     if (name == "run_id") info.run_id = value;
     if (name == "redis_version") info.version = value;
+    if (name == "role") info.role = value;
     if (name == "loading") info.loading = value == "1";
+    if (name == "master_replid") info.history.id = value;
+    if (name == "master_replid2") info.history.previous_id = value;
+    if (name == "master_repl_offset") std::from_chars(value.begin(), value.end(), info.history.offset);
+    if (name == "second_repl_offset") std::from_chars(value.begin(), value.end(), info.history.previous_end);
   }
   return info;
 }

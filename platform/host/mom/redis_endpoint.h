@@ -23,7 +23,10 @@ struct Endpoint {
   std::string password;
   bool secure = false;           // TLS is asked for
   std::shared_ptr<SSL_CTX> tls;  // what it is done with
-  std::string server_name;       // that the server's certificate has to be for
+  std::string server_name;       // that the server's certificate has to be for; empty: its address
+  // Where to ask for host and port of the server, which is the master of that name; empty: the server stands in the URL.
+  std::vector<Endpoint> sentinels;
+  std::string master;
   std::string client;  // how the server lists our connections, "client/8/sync"; empty: without a name
 
   std::string connection_name(int32_t db, std::string_view what) const {
@@ -32,7 +35,7 @@ struct Endpoint {
 };
 
 // "redis+unix:/PATH", "redis://[USER@]HOST[:PORT]", the same with "rediss" for TLS, HOST also "[IPV6]";
-// "" or what is wrong with the URL; a password that stands in it is not shown.
+// "redis+sentinel://[USER@]HOST[:PORT],.../NAME". "" or what is wrong with the URL; a password that stands in it is not shown.
 std::string parse_endpoint(const std::string &url, Endpoint *endpoint);
 
 // The endpoint of the configuration, with password and certificates from their files. "" or what is wrong.
@@ -41,15 +44,32 @@ std::string configured_endpoint(const host::Config::Mom &config, Endpoint *endpo
 // The command that logs in; empty when there is no password.
 std::vector<std::string_view> login(const Endpoint &endpoint);
 
-// Puts the host's numeric address in place of its name. To be called once, at the start: looking names up
+// Puts the numeric address of host, or sentinels, in place of their names. To be called once, at the start: looking names up
 // blocks, and the loop must not. "" or why it has none.
 std::string resolve(Endpoint *endpoint);
+
+// How far a server has come in which history of writes. A replica that becomes master begins a history of its own and tells up to
+// where it shares the one before.
+struct History {
+  std::string id;
+  std::string previous_id;
+  long long offset = 0;
+  long long previous_end = 0;
+
+  // Whether it holds all that was written up to `had`.
+  bool continues(const History &had) const {
+    if (had.id.empty()) return false;
+    return id == had.id ? offset >= had.offset : previous_id == had.id && previous_end > had.offset;
+  }
+};
 
 // What INFO tells of the server.
 struct ServerInfo {
   std::string run_id;  // of this server process
   std::string version;
+  std::string role;
   bool loading = false;
+  History history;
 };
 ServerInfo parse_info(std::string_view text);
 // "" or why this server cannot be used.
@@ -74,6 +94,10 @@ inline const redisReply *error_in(const redisReply *reply) {
 inline std::string_view text_of(const redisReply *reply) {
   return {reply->str ? reply->str : "", reply->str ? static_cast<size_t>(reply->len) : 0};
 }
+
+// What to ask a sentinel, and what becomes of the answer: the master's address, or why there is none.
+std::vector<std::string_view> master_question(const Endpoint &endpoint);
+std::string take_master(const redisReply *reply, Endpoint *endpoint);
 
 // One command on the wire, appended to `out`.
 using Arguments = std::initializer_list<std::string_view>;

@@ -34,8 +34,9 @@ RedisLink::RedisLink(Hub &hub, Database &db, const Endpoint &endpoint, std::chro
       endpoint_(endpoint),
       dead_after_(dead_after),
       events_(std::move(events)),
-      writer_(endpoint, dead_after, [this](const std::string &why) { fail(why); }),
-      subscriber_(endpoint, dead_after, [this](const std::string &why) { fail(why); }),
+      writer_(endpoint_, dead_after, [this](const std::string &why) { fail(why); }),
+      subscriber_(endpoint_, dead_after, [this](const std::string &why) { fail(why); }),
+      search_(endpoint_, [this](const std::string &why) { open(why); }),
       retry_timer_([this] { connect(); }),
       backoff_(kFirstBackoff),
       jitter_(std::random_device{}()),
@@ -64,9 +65,14 @@ void RedisLink::start() {
 // ---- coming up
 
 void RedisLink::connect() {
+  endpoint_.sentinels.empty() ? open("") : search_.start();
+}
+
+// Unless there is a reason not to.
+void RedisLink::open(std::string why) {
   writer_ready_ = false;
   server_ = {};
-  std::string why = writer_.open();
+  if (why.empty()) why = writer_.open();
   if (why.empty()) why = subscriber_.open();
   if (!why.empty()) {
     fail(why);
@@ -111,6 +117,8 @@ void RedisLink::take_info(const redisReply *reply) {
     fail("the server is loading its data");
   } else if (const std::string why = server_unfit(server_); !why.empty()) {
     fail(why);
+  } else if (!endpoint_.sentinels.empty() && server_.role != "master") {
+    fail("the server that the sentinels name is a " + server_.role);
   }
 }
 
@@ -162,11 +170,17 @@ void RedisLink::come_up() {
   came_up_ = std::chrono::steady_clock::now();
   last_failure_.clear();
   const bool again = ++generation_ > 1;
-  const int32_t type = again && run_id_ == server_.run_id ? 2 : 1;
+  const bool same = run_id_ == server_.run_id;
+  const bool successor = !endpoint_.sentinels.empty() && server_.history.continues(had_);
+  const int32_t type = again && (same || successor) ? 2 : 1;
   run_id_ = server_.run_id;
+  had_ = server_.history;
   const unsigned generation = generation_;
   if (again)
-    host::log::error("database {}: connected again, to {} server process", db_.number, type == 2 ? "the same" : "another");
+    host::log::error("database {}: connected again, to {} server process", db_.number,
+                     same        ? "the same"
+                     : successor ? "a following"
+                                 : "another");
   hub_.later().act([this, again, type, generation] {
     if (!up_ || generation != generation_) return;
     events_.up();
@@ -181,6 +195,7 @@ void RedisLink::fail(const std::string &why) {
   if (shutting_down_ || retry_timer_.armed()) return;
   writer_.close();
   subscriber_.close();
+  search_.cancel();
   watch_timer_.cancel();
   const bool was_up = std::exchange(up_, false);
   if (was_up) db_.up = false;
@@ -225,7 +240,13 @@ void RedisLink::look() {
     fail("no answer for " + std::to_string(dead_after_.count()) + " ms");
     return;
   }
-  if (writer_.waiting() == 0) writer_.send({"PING"}, nullptr);
+  if (!endpoint_.sentinels.empty()) {
+    writer_.send({"INFO", "replication"}, [this](const redisReply *reply) {
+      if (reply && up_) had_ = parse_info(text_of(reply)).history;
+    });
+  } else if (writer_.waiting() == 0) {
+    writer_.send({"PING"}, nullptr);
+  }
   watch_timer_.arm(microseconds(dead_after_) / kLooks);
 }
 

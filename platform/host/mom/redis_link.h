@@ -13,6 +13,7 @@
 
 #include "host/mom/hub.h"
 #include "host/mom/redis_pipe.h"
+#include "host/mom/redis_sentinel.h"
 #include "host/runtime/timer.h"
 
 namespace mom {
@@ -75,6 +76,7 @@ class RedisLink {
     qx_mom_done_cb done;
   };
   void connect();
+  void open(std::string why);
   void greet_writer();
   void greet_subscriber();
   void take_info(const redisReply *reply);
@@ -94,7 +96,7 @@ class RedisLink {
 
   Hub &hub_;
   Database &db_;
-  const Endpoint &endpoint_;
+  Endpoint endpoint_;
   std::chrono::milliseconds dead_after_;  // without any answer
   Events events_;
   Pipe writer_;
@@ -114,6 +116,8 @@ class RedisLink {
   bool writer_ready_ = false;
   ServerInfo server_;
   std::string run_id_;
+  History had_;          // of the last server, at the last look at it
+  MasterSearch search_;  // where there are sentinels
   unsigned generation_ = 0;
   std::string last_failure_;
 

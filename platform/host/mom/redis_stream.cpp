@@ -74,7 +74,7 @@ std::string Stream::open(const Endpoint &endpoint) {
 // The server's certificate has to be for the name that is configured, or for the address.
 std::string Stream::start_tls(const Endpoint &endpoint) {
   tls_.reset(SSL_new(endpoint.tls.get()));
-  const std::string &name = endpoint.server_name;
+  const std::string &name = endpoint.server_name.empty() ? endpoint.host : endpoint.server_name;
   X509_VERIFY_PARAM *check = tls_ ? SSL_get0_param(tls_.get()) : nullptr;
   const bool address = is_numeric(name);
   const bool set =

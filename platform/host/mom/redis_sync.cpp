@@ -22,7 +22,9 @@ std::string SyncConnection::open() {
   if (stream_->is_open()) return "";
   refused_ = false;
   if (resting()) return "the server did not answer in time";
-  std::string why = stream_->open(endpoint_);
+  Endpoint server = endpoint_;
+  std::string why = endpoint_.sentinels.empty() ? "" : find_master(&server);
+  if (why.empty()) why = stream_->open(server);
   if (why.empty()) why = greet();
   refused_ |= why.starts_with("TLS: certificate");
   if (!why.empty()) {
@@ -30,6 +32,25 @@ std::string SyncConnection::open() {
     return why;
   }
   return "";
+}
+
+std::string SyncConnection::find_master(Endpoint *server) {
+  const auto deadline = deadline_;
+  std::string why;
+  auto shares = static_cast<int>(endpoint_.sentinels.size()) + 1;
+  for (const Endpoint &sentinel : endpoint_.sentinels) {
+    // One that is silent leaves time for the others, and for the master.
+    const auto now = std::chrono::steady_clock::now();
+    deadline_ = now + (deadline - now) / shares--;
+    why = stream_->open(sentinel);
+    const Reply reply = why.empty() ? exchange(master_question(endpoint_)) : nullptr;
+    if (reply) why = take_master(reply.get(), server);
+    if (!reply && why.empty()) why = stream_->error().empty() ? "no answer in time" : stream_->error();
+    close();
+    if (why.empty()) break;
+  }
+  deadline_ = deadline;
+  return why.empty() ? "" : "no sentinel names a master '" + endpoint_.master + "': " + why;
 }
 
 // Password, database, who the server is.
@@ -54,6 +75,7 @@ std::string SyncConnection::greet() {
   server_ = parse_info(text_of(reply.get()));
   why = server_unfit(server_);
   refused_ = !why.empty();
+  if (!endpoint_.sentinels.empty() && server_.role != "master") return "the server that the sentinels name is a " + server_.role;
   return refused_ ? why : ask({"CLIENT", "SETNAME", endpoint_.connection_name(db_, "sync")}, &reply);
 }
 

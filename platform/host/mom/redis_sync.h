@@ -42,6 +42,7 @@ class SyncConnection {
   Reply exchange(std::span<const std::string_view> arguments);
   bool wait();
   std::string greet();
+  std::string find_master(Endpoint *server);
 
   const Endpoint &endpoint_;
   int32_t db_;

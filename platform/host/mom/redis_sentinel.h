@@ -1,0 +1,34 @@
+// Finds the master that the sentinels name, without waiting: asks them one after the other until one knows. Loop's thread.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "host/mom/redis_pipe.h"
+#include "host/runtime/timer.h"
+
+namespace mom {
+
+class MasterSearch {
+ public:
+  // `done` gets "" once `endpoint` is the master's, or why none of its sentinels names one.
+  MasterSearch(Endpoint &endpoint, std::function<void(const std::string &)> done);
+
+  void start();
+  void cancel();
+
+ private:
+  void ask();
+  void next(const std::string &why);
+  void finish(const std::string &why);
+
+  Endpoint &endpoint_;
+  std::function<void(const std::string &)> done_;
+  Endpoint asked_;  // the sentinel
+  Pipe pipe_;
+  host::Timer patience_;
+  size_t at_ = 0;  // among the sentinels: the one that knew last is asked first
+  size_t failed_ = 0;
+};
+
+}  // namespace mom
