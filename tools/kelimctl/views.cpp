@@ -400,6 +400,8 @@ std::string database_stats_text(const Json &data) {
   text += "\nThe daemon: connected to databases " + client.value("connected", Json::array()).dump() + ", " +
           cell(client, "delivered") + " notifications delivered, " + cell(client, "queued") + " under way, " +
           cell(client, "refused_writes") + " writes refused\n";
+  const Json refusing = client.value("refusing", Json::object());
+  for (const auto &[db, why] : refusing.items()) text += "database " + db + " refuses writes: " + why.get<std::string>() + "\n";
   const Json skipped = client.value("skipped", Json::object());
   for (const auto &[kind, count] : skipped.items()) text += "skipped, " + kind + ": " + count.dump() + "\n";
   return text;

@@ -69,7 +69,10 @@ Slot &Hub::slot(Database &db, const RecordType &type) {
 int Hub::connect(Database &db, qx_mom_connect_cb callback, const char *label) {
   db.connecting.push_back({callback, label});
   const int rv = store_->connect(db);
-  if (rv != 0) db.connecting.pop_back();
+  if (rv == 0)
+    db.wanted = true;
+  else
+    db.connecting.pop_back();
   return rv;
 }
 
@@ -80,6 +83,11 @@ void Hub::connected(Database &db) {
   db.connecting.erase(db.connecting.begin());
   const int rv = connect.callback(&db, connect.label);
   if (rv != 0) host::give_up("the connect callback of database " + std::to_string(db.number) + " gave " + std::to_string(rv));
+  give_held_signals();
+}
+
+bool Hub::all_up() const {
+  return std::all_of(databases_.begin(), databases_.end(), [](const Database &db) { return db.up || !db.wanted; });
 }
 
 int Hub::set_reconnect(Database &db, qx_mom_reconnect_cb callback) {
@@ -137,10 +145,33 @@ void Hub::reconnect(Database &db, int32_t type) {
     }
     for (const auto &watcher : slot.watchers) listen(slot, watcher);
   }
+  give_held_signals();
+}
+
+bool Hub::takes_writes() const {
+  return all_up() && std::all_of(databases_.begin(), databases_.end(), [](const Database &db) { return db.refusing.empty(); });
+}
+
+void Hub::look_again(Database &db) {
+  if (!db.up) return;
+  for (size_t i = 0; i < db.slots.size(); ++i)
+    for (size_t n = 0; db.slots[i] && n < db.slots[i]->subscriptions.size(); ++n)
+      listen(*db.slots[i], *db.slots[i]->subscriptions[n]);
+}
+
+// By number: a callback may add slots and subscriptions.
+void Hub::give_held_signals() {
+  for (Database &db : databases_)
+    for (size_t i = 0; i < db.slots.size(); ++i)
+      for (size_t n = 0; db.slots[i] && n < db.slots[i]->subscriptions.size(); ++n)
+        if (Subscription &subscription = *db.slots[i]->subscriptions[n]; subscription.held && all_up())
+          data_fetch(*db.slots[i], subscription);
 }
 
 void Hub::data_fetch(Slot &slot, Subscription &subscription) {
   subscription.live = true;
+  subscription.held = !all_up();
+  if (subscription.held) return;
   qx_obj object{};
   object.cmd = QX_MOM_CMD_DATA_FETCH;
   subscription.callback(&slot.db, &object);

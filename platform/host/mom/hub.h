@@ -23,6 +23,8 @@ struct Subscription {
   bool live = false;
   // A repeated data-fetch signal that a reconnect owes; asking again for the subscription takes it over.
   bool owed = false;
+  // The signal is due and waits until every database is up.
+  bool held = false;
 };
 
 // Looks on at the changes of a slot for an operator: gets their bytes as they are, broken ones too.
@@ -54,6 +56,9 @@ struct Database {
   int32_t number;
   bool sync_up = false;
   bool up = false;
+  bool wanted = false;     // connected asynchronously, or on the way to it
+  std::string refusing;    // why the server refuses writes though it answers; empty while it takes them
+  bool exclusive = false;  // only one process of this name may work on it
   bool congestion_control = false;
   std::vector<Connect> connecting;  // asked for, not yet called
   std::vector<qx_mom_reconnect_cb> reconnect;
@@ -81,12 +86,21 @@ class Hub {
   // As long as the watcher lives. False when the slot's changes do not reach this process.
   bool watch(Slot &slot, const std::shared_ptr<Watcher> &watcher);
 
+  // Whether every database is up that the process has connected asynchronously. Whoever replays or reads what is there, needs
+  // them all: until then no data-fetch signal is given.
+  bool all_up() const;
+  // The same, and none refuses writes.
+  bool takes_writes() const;
+
   // ---- what a store reports
 
   // The connection asked for first among those waiting is up.
   void connected(Database &db);
   // The connection changed; types of qx_mom.h. After 1 and 2 every subscription gets its data-fetch signal again.
   void reconnect(Database &db, int32_t type);
+  // Writes were lost, or what was there has gone, though the connection held: every subscription gets its data-fetch signal
+  // again.
+  void look_again(Database &db);
   // `key` where the store knows it: what the log shows of bytes that are no record.
   void deliver(Slot &slot, Change change, Bytes packed, const Key *key = nullptr);
 
@@ -105,13 +119,14 @@ class Hub {
 
   uint64_t delivered() const { return delivered_; }
   // Writes that were accepted and that the database then refused.
-  void count_refused() { ++refused_; }
+  void count_refused(size_t writes) { refused_ += writes; }
   uint64_t refused() const { return refused_; }
 
  private:
   void listen(Slot &slot, Subscription &subscription);
   bool listen(Slot &slot, const std::weak_ptr<Watcher> &watcher);
   void data_fetch(Slot &slot, Subscription &subscription);
+  void give_held_signals();
   void tell_watchers(Slot &slot, Change change, Bytes packed, const Key *key);
   // Null for bytes that are no record of the type, or one with another key than `key` where that is given.
   ProtobufCMessage *unpack(const Slot &slot, Bytes packed, const Key *key, bool stored, ProtobufCAllocator *allocator);

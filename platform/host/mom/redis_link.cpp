@@ -15,8 +15,9 @@ using namespace std::chrono_literals;
 
 constexpr auto kFirstBackoff = 20ms;
 constexpr auto kLongestBackoff = 2000ms;
-constexpr unsigned kLooks = 4;  // at the server in the time that it may be silent: it is given up a quarter later at most
-constexpr auto kStable = 5s;    // a link that held this long begins its backoff anew
+constexpr auto kFirstProbe = 100ms;  // of a server that refuses writes; the next ones wait twice as long each
+constexpr unsigned kLooks = 4;       // at the server in the time that it may be silent: it is given up a quarter later at most
+constexpr auto kStable = 5s;         // a link that held this long begins its backoff anew
 
 // What hiredis may hold for the socket; more waits in the queue.
 constexpr size_t kUnsentMax = 256U << 10;
@@ -40,6 +41,7 @@ RedisLink::RedisLink(Hub &hub, Database &db, const Endpoint &endpoint, std::chro
       retry_timer_([this] { connect(); }),
       backoff_(kFirstBackoff),
       jitter_(std::random_device{}()),
+      probe_timer_([this] { probe(); }),
       watch_timer_([this] { look(); }) {
   channels_.push_back("__keyevent@" + std::to_string(db.number) + "__:expired");
   writer_.on_plain = [this](const redisReply *reply) { answer(reply); };
@@ -99,6 +101,9 @@ void RedisLink::greet_writer() {
                [this](const redisReply *reply) { widen_subscriber_buffers(reply); });
   writer_.send({"CONFIG", "GET", "maxmemory-policy"}, [this](const redisReply *reply) { warn_of_eviction(reply); });
   for (size_t i = 0; !script_text(i).empty(); ++i) writer_.send({"SCRIPT", "LOAD", script_text(i)}, need("SCRIPT LOAD"));
+  writer_.send(kHarmlessWrite, [this](const redisReply *reply) {
+    if (reply && is_error(reply)) note_refusal(text_of(reply));
+  });
   // Behind the answers above, and behind the settings that they may have sent.
   writer_.send({"PING"}, [this](const redisReply *first) {
     if (!first) return;
@@ -197,6 +202,8 @@ void RedisLink::fail(const std::string &why) {
   subscriber_.close();
   search_.cancel();
   watch_timer_.cancel();
+  probe_timer_.cancel();
+  db_.refusing.clear();
   const bool was_up = std::exchange(up_, false);
   if (was_up) db_.up = false;
   release_all();
@@ -305,25 +312,54 @@ void RedisLink::answer(const redisReply *reply) {
   sent_.pop_front();
   release(answer.charge);
   if (!reply) return;
-  if (const redisReply *error = error_in(reply)) {
-    hub_.count_refused();
+  const redisReply *error = error_in(reply);
+  if (error && answer.charge.slot) hub_.count_refused(answer.charge.writes);
+  if (error && !is_refusal(text_of(error))) {
     fail("the server refused a write: " + std::string(text_of(error)));
     return;
   }
-  if (answer.done) hub_.later().act([done = answer.done] { done(); });
+  if (error) note_refusal(text_of(error));
+  if (answer.done && !error) hub_.later().act([done = answer.done] { done(); });
   if (more_ && sent_.empty()) go_on(reply);
   feed();
 }
 
 void RedisLink::go_on(const redisReply *reply) {
   const auto more = std::exchange(more_, nullptr);
-  Formatted next = more(reply);
+  Formatted next = is_error(reply) ? Formatted{} : more(reply);
   if (!next.ends.empty()) {
     next.done = more_done_;
     queue_.push_front(std::move(next));
   } else if (more_done_) {
     hub_.later().act([done = more_done_] { done(); });
   }
+}
+
+// ---- a server that refuses writes
+//
+// The connection stays: what is there can be read and deleted, and answers arrive. Everybody looks again once writes are taken.
+
+void RedisLink::note_refusal(std::string_view why) {
+  if (!db_.refusing.empty()) return;
+  db_.refusing = why;
+  host::log::error("database {}: {}: the server refuses writes; what is stored stays: {}", db_.number, endpoint_.url, why);
+  probe_wait_ = kFirstProbe;
+  probe_timer_.arm(probe_wait_);
+  hub_.later().act([this] { events_.unsure(); });
+}
+
+void RedisLink::probe() {
+  writer_.send(kHarmlessWrite, [this](const redisReply *reply) {
+    if (!reply || db_.refusing.empty()) return;
+    if (is_error(reply)) {
+      probe_wait_ = std::min<std::chrono::milliseconds>(probe_wait_ * 2, kLongestBackoff);
+      probe_timer_.arm(probe_wait_);
+      return;
+    }
+    db_.refusing.clear();
+    host::log::error("database {}: {}: the server takes writes again", db_.number, endpoint_.url);
+    hub_.later().act([this] { hub_.look_again(db_); });
+  });
 }
 
 bool RedisLink::settle(std::chrono::steady_clock::time_point deadline) {

@@ -32,6 +32,8 @@ class RedisLink {
     std::function<void()> up;  // for the first time, or again
     std::function<void(std::string_view channel, std::string_view payload)> message;
     std::function<void(std::string_view channel)> subscribed;
+    std::function<void()>
+        unsure;  // what is stored may be other than what was written: writes are refused, or all has been deleted
   };
 
   RedisLink(Hub &hub, Database &db, const Endpoint &endpoint, std::chrono::milliseconds dead_after, Events events);
@@ -67,6 +69,9 @@ class RedisLink {
   // Waits until everything given so far is answered. False when that does not happen in time.
   bool settle(std::chrono::steady_clock::time_point deadline);
 
+  // A write that changes nothing, refused where others are.
+  static inline const Arguments kHarmlessWrite = {"SETRANGE", "s_policy_kelim", "0", ""};
+
   // Subscribes now, and again after every reconnect. Confirmed by Events::subscribed each time.
   void subscribe(const std::string &channel);
 
@@ -89,6 +94,9 @@ class RedisLink {
   void retry();
   void feed();
   void answer(const redisReply *reply);
+  void note_refusal(std::string_view why);
+  void probe();
+  void flushed();
   void go_on(const redisReply *reply);
   static void release(const Charge &charge);
   void release_all();
@@ -125,6 +133,9 @@ class RedisLink {
   std::chrono::milliseconds backoff_;
   std::chrono::steady_clock::time_point came_up_{};
   std::minstd_rand jitter_;
+
+  host::Timer probe_timer_;
+  std::chrono::milliseconds probe_wait_{};
 
   host::Timer watch_timer_;
   uint64_t answered_before_ = 0;

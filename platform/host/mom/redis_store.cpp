@@ -133,6 +133,7 @@ int RedisStore::connect(Database &db) {
     RedisLink::Events events;
     events.up = [this, &base] { up(base); };
     events.message = [this, &base](std::string_view channel, std::string_view payload) { message(base, channel, payload); };
+    events.unsure = [this, &base] { unsure(base); };
     events.subscribed = [this, &base](std::string_view channel) { subscribed(base, channel); };
     base.link = std::make_unique<RedisLink>(hub_, db, endpoint_, dead_after_, std::move(events));
     base.link->start();
@@ -153,13 +154,33 @@ void RedisStore::up(Base &base) {
   }
 }
 
+// Where a replay has begun and writes are refused, what it could not renew must not go for that.
+void RedisStore::unsure(Base &base) {
+  for (const auto &table : base.tables) {
+    if (!table) continue;
+    table->known.clear();
+    if (!base.db.refusing.empty() && std::exchange(table->expires, false))
+      pass(*table, scripts::persist_part(), Where::anywhere, {table->prefix});
+  }
+}
+
 // ---- writes
 
 int RedisStore::set(Slot &slot, const Key &key, Bytes packed, std::optional<int64_t> tag) {
   return write(table(slot), key, packed, tag.value_or(0));
 }
 
+bool RedisStore::is_stored(Table &table, const Key &key) {
+  return table.known.contains(key) || number(table.base, {"EXISTS", table.slot.type.text(key)}).value_or(1) != 0;
+}
+
+// While the server refuses writes a new object is refused at once. The rewrite of one that is stored is not, though it leaves
+// nothing: who writes would take that for the end of it. What is stored goes on being true until everybody looks again.
 int RedisStore::write(Table &table, const Key &key, Bytes packed, int64_t tag) {
+  if (!table.slot.db.refusing.empty()) {
+    hub_.count_refused(1);
+    return is_stored(table, key) ? 0 : -14;
+  }
   if (!table.slot.topic.admit(packed.size())) return -14;
   table.slot.topic.take(packed.size());
   const std::string member = table.slot.type.member_text(key);
@@ -270,10 +291,19 @@ void RedisStore::send(Table &table, Arguments arguments, Charge charge, qx_mom_d
   link(table).send(std::move(command));
 }
 
-// Part after part of the index, behind the writes before and ahead of those after.
-void RedisStore::pass(Table &table, const Script &script, std::vector<std::string> arguments, qx_mom_done_cb done) {
+// Part after part of the index, behind the writes before and ahead of those after. A replay takes away what it does not renew:
+// where writes are refused, those before or any, it must not begin and must not end.
+void RedisStore::pass(Table &table, const Script &script, Where where, std::vector<std::string> arguments, qx_mom_done_cb done) {
   flush(table.base);
-  RedisLink::Formatted first = part(table, script, "0", "", std::move(arguments));
+  RedisLink::Formatted first;
+  if (where == Where::anywhere) {
+    first = part(table, script, "0", "", std::move(arguments));
+  } else {
+    first.add(RedisLink::kHarmlessWrite);
+    first.more = [&table, &script, arguments = std::move(arguments)](const redisReply *) {
+      return table.slot.db.refusing.empty() ? part(table, script, "0", "", arguments) : RedisLink::Formatted{};
+    };
+  }
   first.done = done;
   link(table).send(std::move(first));
 }
@@ -328,7 +358,8 @@ int RedisStore::pexpire(Slot &slot, const Key *key, uint32_t ms, qx_mom_done_cb 
     send(table, {"PEXPIRE", slot.type.text(*key), delay}, {}, done);
   } else {
     table.known.clear();
-    pass(table, scripts::expire_part(), {table.prefix, delay, table.channel, table.gone}, done);
+    table.expires = true;
+    pass(table, scripts::expire_part(), Where::where_writes_are_taken, {table.prefix, delay, table.channel, table.gone}, done);
   }
   return 0;
 }
@@ -338,14 +369,15 @@ int RedisStore::del_expire(Slot &slot, const Key *key) {
   if (key) {
     send(table, {"PERSIST", slot.type.text(*key)});
   } else {
-    pass(table, scripts::persist_part(), {table.prefix});
+    pass(table, scripts::persist_part(), Where::anywhere, {table.prefix});
   }
   return 0;
 }
 
 int RedisStore::del_expire_tag(Slot &slot, int64_t tag) {
   Table &table = this->table(slot);
-  pass(table, scripts::del_tagged_part(), {table.prefix, table.channel, table.gone, tag_bytes(tag)});
+  pass(table, scripts::del_tagged_part(), Where::where_writes_are_taken,
+       {table.prefix, table.channel, table.gone, tag_bytes(tag)});
   return 0;
 }
 

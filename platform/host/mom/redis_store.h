@@ -90,6 +90,7 @@ class RedisStore final : public Store {
     bool channel_live = false;
     bool gone_asked = false;
     bool gone_live = false;
+    bool expires = false;  // the whole type has been put under expiry
     // Objects that this process wrote and that nobody can have taken away without a word: their deletion need not ask.
     KeySet known{};
     Batch batch{};
@@ -121,7 +122,8 @@ class RedisStore final : public Store {
   void send_batch(Table &table);
   void plan_flush(Base &base);
   void send(Table &table, Arguments arguments, Charge charge = {}, qx_mom_done_cb done = nullptr);
-  void pass(Table &table, const Script &script, std::vector<std::string> arguments, qx_mom_done_cb done = nullptr);
+  enum class Where : bool { anywhere, where_writes_are_taken };
+  void pass(Table &table, const Script &script, Where where, std::vector<std::string> arguments, qx_mom_done_cb done = nullptr);
   static RedisLink::Formatted part(const Table &table, const Script &script, std::string_view cursor, std::string_view state,
                                    std::vector<std::string> arguments);
   void watch_deletions(Table &table);
@@ -136,6 +138,8 @@ class RedisStore final : public Store {
   Visited visit_batch(Table &table, std::span<const Key> keys, const std::set<Key> &deleted, const Visitor &visit);
 
   void up(Base &base);
+  void unsure(Base &base);
+  bool is_stored(Table &table, const Key &key);
   void subscribed(Base &base, std::string_view channel);
   void message(Base &base, std::string_view channel, std::string_view payload);
   struct Notification;

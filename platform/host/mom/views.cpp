@@ -72,11 +72,11 @@ Json client(Hub &hub) {
   for (const Database &db : hub.databases()) {
     if (db.up) connected.push_back(db.number);
   }
-  return {{"connected", std::move(connected)},
-          {"delivered", hub.delivered()},
-          {"queued", hub.later().size()},
-          {"refused_writes", hub.refused()},
-          {"skipped", hub.skipped()}};
+  Json refusing = Json::object();
+  for (const Database &db : hub.databases())
+    if (!db.refusing.empty()) refusing[std::to_string(db.number)] = db.refusing;
+  return {{"connected", std::move(connected)}, {"refusing", std::move(refusing)}, {"delivered", hub.delivered()},
+          {"queued", hub.later().size()},      {"refused_writes", hub.refused()}, {"skipped", hub.skipped()}};
 }
 
 const RecordType &type_argument(std::string_view name) {
