@@ -27,6 +27,25 @@ constexpr size_t kPushAbove = 64U << 10;  // a burst does not wait for the loop'
 constexpr std::string_view kSubscriberBuffers = "pubsub 536870912 268435456 60";
 constexpr long kSubscriberBufferMin = 268435456;
 
+// Where the server tells a client that tracks keys that all of them have gone; keys with this prefix there are none of.
+constexpr const char *kFlushed = "__redis__:invalidate", *kNoKeys = "s_policy_kelim.none:";
+
+// What a server answers to writes that it does not take for now, though all is well with the connection: no memory, a replica,
+// nothing saved for too long. The last one comes at the end of a transaction in which another one came.
+constexpr std::string_view kRefusals[] = {"OOM ", "READONLY ", "MISCONF ", "NOREPLICAS ", "EXECABORT "};
+
+bool is_refusal(std::string_view error) {
+  return std::ranges::any_of(kRefusals, [error](std::string_view refusal) { return error.starts_with(refusal); });
+}
+
+// "12" of "id=12" in a line of CLIENT LIST.
+std::string_view word_in(std::string_view line, std::string_view key) {
+  const size_t at = (" " + std::string(line)).find(" " + std::string(key) + "=");
+  if (at == std::string_view::npos) return {};
+  const std::string_view rest = line.substr(at + key.size() + 1);
+  return rest.substr(0, rest.find(' '));
+}
+
 }  // namespace
 
 RedisLink::RedisLink(Hub &hub, Database &db, const Endpoint &endpoint, std::chrono::milliseconds dead_after, Events events)
@@ -43,9 +62,15 @@ RedisLink::RedisLink(Hub &hub, Database &db, const Endpoint &endpoint, std::chro
       jitter_(std::random_device{}()),
       probe_timer_([this] { probe(); }),
       watch_timer_([this] { look(); }) {
+  channels_.push_back(kFlushed);
   channels_.push_back("__keyevent@" + std::to_string(db.number) + "__:expired");
   writer_.on_plain = [this](const redisReply *reply) { answer(reply); };
-  subscriber_.message = events_.message;
+  subscriber_.message = [this](std::string_view channel, std::string_view payload) {
+    if (channel == kFlushed)
+      flushed();
+    else
+      events_.message(channel, payload);
+  };
   subscriber_.confirmed = [this](std::string_view channel) {
     if (unconfirmed_ > 0 && --unconfirmed_ == 0 && !up_) part_ready();
     if (up_) events_.subscribed(channel);
@@ -163,7 +188,20 @@ void RedisLink::warn_of_eviction(const redisReply *reply) {
 void RedisLink::greet_subscriber() {
   unconfirmed_ = channels_.size();
   subscriber_.send({"CLIENT", "SETNAME", endpoint_.connection_name(db_.number, "listen")}, nullptr);
+  subscriber_.send({"CLIENT", "ID"}, [this](const redisReply *id) {
+    if (!id || id->type != REDIS_REPLY_INTEGER) return;
+    writer_.send({"CLIENT", "TRACKING", "ON", "REDIRECT", std::to_string(id->integer), "BCAST", "PREFIX", kNoKeys}, nullptr);
+  });
   for (const std::string &channel : channels_) subscriber_.subscribe(channel);
+}
+
+void RedisLink::flushed() {
+  if (!up_) return;
+  host::log::error("database {}: {}: the server was told to forget everything (FLUSHALL, FLUSHDB)", db_.number, endpoint_.url);
+  hub_.later().act([this] {
+    events_.unsure();
+    hub_.look_again(db_);
+  });
 }
 
 void RedisLink::part_ready() {

@@ -8,9 +8,10 @@ namespace mom {
 
 namespace {
 
-// Somebody else's value of another kind under one of our keys goes too, without a last record.
+// Somebody else's value of another kind under one of our keys goes too, without a last record. What the index names and is not
+// there any more, because somebody took it away past us, is announced as well: who has acted on it must hear of its end.
 constexpr std::string_view kDel = R"(
-local members, objects, told, gone = {}, {}, {}, {}
+local members, objects, told, gone, found = {}, {}, {}, {}, 0
 for i = 5, #ARGV, 2 do
   members[#members + 1] = ARGV[i]
   objects[#objects + 1] = ARGV[1] .. ARGV[i]
@@ -19,6 +20,11 @@ local values = redis.call('MGET', unpack(objects))
 for n, member in ipairs(members) do
   local value = values[n] or redis.call('EXISTS', objects[n]) == 1 and ''
   told[#told + 1] = ARGV[2 * n + 2]
+  if value then
+    found = found + 1
+  elseif redis.call('SISMEMBER', KEYS[1], member) == 1 then
+    value = ''
+  end
   if value then
     told[#told + 1] = 'D' .. member .. '\0' .. struct.pack('<I4', #value)
     told[#told + 1] = value
@@ -31,7 +37,7 @@ redis.call('SREM', KEYS[1], unpack(members))
 local text = table.concat(told)
 if text ~= '' then redis.call('PUBLISH', ARGV[2], text) end
 if #gone > 0 then redis.call('PUBLISH', ARGV[3], table.concat(gone)) end
-return #gone)";
+return found)";
 
 constexpr std::string_view kPut = R"(
 local kind = redis.call('EXISTS', KEYS[2]) == 1 and 'R' or 'C'
