@@ -5,12 +5,14 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
+#include <iterator>
 
 #include "libss_fp_com.h"
 #include "programmer/programmer.h"
 #include "qx_mom.h"
 #include "qx_runtime.h"
 #include "qx_zlog.h"
+#include "rdnd_lib.h"
 
 namespace {
 
@@ -40,12 +42,30 @@ int fail(const char *why) {
   return 1;
 }
 
+// The service works in every role; the platform has to know that no other one may on the same databases.
+constexpr std::int32_t kDatabases[] = {QX_MOM_UDP_DB, QX_MOM_APP_DB};
+int any_role(void *, void *) {
+  return 0;
+}
+
 // The whole life of the process once its options are known; the exit status.
 int serve(const programmer::Options &options) {
   if (const int taken = libss_fp_com_check_run("/var/run/kelim-programmer.pid"); taken != 0) return taken;
   qx_global *global = qx_global_init(kProcess, nullptr);
   if (global == nullptr) return 1;
   libss_fp_com_ham_init("/var/tmp/kelim-programmer_no_ham", qx_zlog_init(kProcess));
+  const rdnd_lib_reg registration = {
+      .master = global->master,
+      .name = kProcess,
+      .global = global,
+      .role_cb = any_role,
+      .state_cb = any_role,
+      .reserved_ptr = nullptr,
+      .reserved = 0,
+      .dbs = kDatabases,
+      .db_count = std::size(kDatabases),
+  };
+  rdnd_lib_mom_reg(&registration);
   const int started = programmer::start_embedded(global, options);
   int status = 0;
   if (started == -1) {

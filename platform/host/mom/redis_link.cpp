@@ -120,6 +120,7 @@ void RedisLink::greet_writer() {
   };
   writer_.send({"SELECT", std::to_string(db_.number)}, need("SELECT"));
   writer_.send({"CLIENT", "SETNAME", endpoint_.connection_name(db_.number, "write")}, nullptr);
+  if (db_.exclusive) look_for_others();
   writer_.send({"INFO"}, [this](const redisReply *reply) { take_info(reply); });
   writer_.send({"CONFIG", "GET", "notify-keyspace-events"}, [this](const redisReply *reply) { use_keyspace_events(reply); });
   writer_.send({"CONFIG", "GET", "client-output-buffer-limit"},
@@ -136,6 +137,30 @@ void RedisLink::greet_writer() {
       if (!second || is_error(second)) return;
       writer_ready_ = true;
       part_ready();
+    });
+  });
+}
+
+// Of several processes of one name the first works, the others wait for its end. One that has not even asked whether the server
+// is alive, as they all do, for longer than that may take is frozen or lies behind a lost link. What is left of our own link
+// before does not count.
+void RedisLink::look_for_others() {
+  const auto number = [](std::string_view text) { return std::strtoull(std::string(text).c_str(), nullptr, 10); };
+  writer_.send({"CLIENT", "ID"}, [this, number, before = number(client_id_)](const redisReply *id) {
+    if (!id || id->type != REDIS_REPLY_INTEGER) return;
+    client_id_ = std::to_string(id->integer);
+    writer_.send({"CLIENT", "LIST"}, [this, number, before](const redisReply *list) {
+      if (!list || is_error(list)) return;
+      const std::string name = endpoint_.connection_name(db_.number, "write");
+      for (std::string_view rest = text_of(list); !rest.empty();) {
+        const std::string_view line = rest.substr(0, rest.find('\n'));
+        rest.remove_prefix(std::min(line.size() + 1, rest.size()));
+        const auto other = number(word_in(line, "id"));
+        if (word_in(line, "name") != name || other == before || other >= number(client_id_)) continue;
+        if (std::chrono::seconds(number(word_in(line, "idle"))) > dead_after_ + 1s) continue;
+        return fail("another " + endpoint_.client + " works on this database (client " + std::to_string(other) +
+                    " of the server), " + "waiting for its end");
+      }
     });
   });
 }
@@ -292,6 +317,7 @@ void RedisLink::look() {
   } else if (writer_.waiting() == 0) {
     writer_.send({"PING"}, nullptr);
   }
+  if (db_.exclusive && up_) look_for_others();
   watch_timer_.arm(microseconds(dead_after_) / kLooks);
 }
 

@@ -84,6 +84,7 @@ class RedisLink {
   void open(std::string why);
   void greet_writer();
   void greet_subscriber();
+  void look_for_others();
   void take_info(const redisReply *reply);
   void use_keyspace_events(const redisReply *reply);
   void widen_subscriber_buffers(const redisReply *reply);
@@ -126,6 +127,7 @@ class RedisLink {
   std::string run_id_;
   History had_;          // of the last server, at the last look at it
   MasterSearch search_;  // where there are sentinels
+  std::string client_id_;  // of the write connection, the present one or the last
   unsigned generation_ = 0;
   std::string last_failure_;
 

@@ -1,5 +1,7 @@
-// A host is its own and only supervisor: every process takes up its work in the first turn of its loop.
+// A host is its own and only supervisor: every process takes up its work in the first turn of its loop. Another one of the same
+// name on the same databases waits until the first has ended.
 #include "host/fault/fault.h"
+#include "host/mom/hub.h"
 #include "host/runtime/loop.h"
 #include "host/runtime/services.h"
 #include "rdnd_lib.h"
@@ -7,6 +9,8 @@
 int rdnd_lib_mom_reg(const rdnd_lib_reg *reg) {
   if (reg == nullptr || reg->name == nullptr || reg->role_cb == nullptr || reg->state_cb == nullptr) return -4;
   if (const int rv = host::fault::check(host::fault::Point::rdnd_reg)) return rv;
+  for (std::size_t n = 0; n < reg->db_count; ++n)
+    if (mom::Database *db = mom::hub() ? mom::hub()->database(reg->dbs[n]) : nullptr) db->exclusive = true;
   host::post([name = std::string(reg->name), take_up = reg->role_cb] {
     if (const int rv = take_up(nullptr, nullptr); rv != 0)
       host::give_up(name + " did not take up its work (" + std::to_string(rv) + ")");
