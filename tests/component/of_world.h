@@ -9,12 +9,15 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <future>
 #include <mutex>
 #include <nlohmann/json.hpp>
 
 #include "host/control/client.h"
 #include "host/control/control.h"
+#include "host/mom/hub.h"
+#include "host/mom/testing.h"
 #include "host/of_ss/testing.h"
 #include "host/runtime/loop.h"
 #include "of_ss.h"
@@ -90,6 +93,9 @@ class PlayedDaemon {
     const std::lock_guard lock(mutex_);
     messages_.clear();
   }
+  // Holds the openflow thread at its next call, for as long as the result lives.
+  std::unique_lock<std::mutex> stop() { return std::unique_lock(mutex_); }
+  unsigned calls() const { return calls_; }
 
   // Replies, as the daemon sends them.
   static void fail(std::uint64_t index, std::uint64_t result) { send(reply(southbound::kFlowResult, le(index) + le(result))); }
@@ -115,6 +121,7 @@ class PlayedDaemon {
   }
   void record(const Message &m) {
     const auto type = southbound::get<std::uint16_t>(m.data(), 0);
+    ++calls_;
     const std::lock_guard lock(mutex_);
     messages_.push_back(m);
     if (type == southbound::kBarrierRequest) hold_ ? held_.push_back(m) : answer(m);
@@ -123,6 +130,7 @@ class PlayedDaemon {
 
   static inline PlayedDaemon *self = nullptr;
   mutable std::mutex mutex_;
+  std::atomic<unsigned> calls_{0};
   bool hold_ = false;
   std::vector<Message> messages_, held_, counters_;
 };
@@ -311,8 +319,11 @@ class AgentTest : public RuntimeTest {
   }
   void SetUp() override {
     RuntimeTest::SetUp();
-    qx_mom_client_connect_sync(global, QX_MOM_APP_DB);
-    qx_mom_client_connect_sync(global, QX_MOM_UDP_DB);
+    for (const std::int32_t db : {QX_MOM_APP_DB, QX_MOM_UDP_DB}) {
+      qx_mom_client_connect_sync(global, db);
+      qx_mom_client_connect(
+          global, db, [](void *, const char *) { return 0; }, "test");
+    }
     start();
   }
   void TearDown() override {
@@ -407,6 +418,21 @@ class AgentTest : public RuntimeTest {
     SPolicyKelim__Flow flow = S_POLICY_KELIM__FLOW__INIT;
     flow.flow_data = data(bytes);
     store(flow, flow_key(index));
+  }
+  // The programming service has looked at all counters once more; those of the flow, where one is given, had changed.
+  void count_round(std::uint64_t index = 0) {
+    SPolicyKelim__FlowKey key = flow_key(index);
+    SPolicyKelim__FlowCounter counter = S_POLICY_KELIM__FLOW_COUNTER__INIT;
+    counter.index = &key;
+    if (index) ASSERT_EQ(qx_mom_set(global, QX_MOM_UDP_DB, &counter.base, 0, 0), 0);
+    key.flow_index = 0;
+    ASSERT_EQ(qx_mom_publish(global, QX_MOM_UDP_DB, &counter.base, 0, 0), 0);
+    ASSERT_TRUE(until([] { return mom::hub()->later().size() == 0; }));
+  }
+  // Whether the database is there, before the next call.
+  void connect_again(bool up) {
+    mom::testing::provoke_reconnect(QX_MOM_UDP_DB, up ? 2 : 0);
+    ASSERT_TRUE(until([up] { return mom::hub()->all_up() == up; }));
   }
   void store_answer(std::uint64_t index, SPolicyKelim__StatusE status = S_POLICY_KELIM__STATUS_E__STATUS_INSTALLED) {
     SPolicyKelim__FlowSta answer = S_POLICY_KELIM__FLOW_STA__INIT;

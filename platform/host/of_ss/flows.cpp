@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "host/of_ss/answers.h"
+
 namespace host::of_ss {
 namespace {
 
@@ -14,7 +16,11 @@ constexpr std::size_t kLateFailuresKept = 100;
 constexpr std::int64_t kSecond = 1'000'000'000;
 
 bool is_shortage(Bytes result) {
-  return sb::get<std::uint32_t>(result.data(), sb::kFlowResultCode) == sb::kResultResource;
+  return (sb::get<std::uint32_t>(result.data(), sb::kFlowResultCode) & ~kUndecided) == sb::kResultResource;
+}
+
+bool is_undecided(Bytes result) {
+  return sb::get<std::uint32_t>(result.data(), sb::kFlowResultCode) & kUndecided;
 }
 
 bool matches_everything(const FlowMod &mod) {
@@ -305,6 +311,11 @@ void Flows::flow_result(Bytes reply, std::int64_t now) {
   const auto index = sb::get<std::uint64_t>(reply.data(), sb::kFlowIndex);
   FlowEntry *flow = table_.by_index(index);
   Pending *pending = ledger_.find(index);
+  // No controller waits for it: it stays as it was asked for, and the synchronisation that follows hands it over again.
+  if (is_undecided(reply) && (!pending || !pending->origin.generation)) {
+    counters_.left += flow != nullptr;
+    return;
+  }
   const bool full = is_shortage(reply) || (pending && pending->no_room);
   const Error &error = full ? err::kTableFull : err::kFlowModUnknown;
   if (pending && !pending->answered) {

@@ -52,6 +52,7 @@ struct LateFailure {
 
 struct FlowCounters {
   std::uint64_t added = 0, removed = 0, failed = 0, timed_out = 0, unchanged = 0;
+  std::uint64_t left = 0;               // failures that say nothing, while a database was away
   std::uint64_t duplicate_results = 0;  // results of flows that had been answered before or are not known
   std::uint64_t own_barriers = 0, lost_barriers = 0, retried = 0, replays = 0;
   std::uint32_t latency_max_us = 0;

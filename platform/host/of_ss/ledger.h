@@ -86,6 +86,7 @@ class Ledger {
   const SentBarrier *front_barrier() const { return barriers_.empty() ? nullptr : &barriers_.front(); }
   bool all_decided() const { return handed_ == decided_; }
   std::uint64_t outstanding() const { return handed_ - decided_; }
+  std::uint64_t handed() const { return handed_; }  // hand-overs so far
   std::size_t undecided_adds() const { return pending_.size() - head_; }
   // Hand-overs that no barrier has been sent behind.
   std::uint64_t uncovered() const { return handed_ - (barriers_.empty() ? decided_ : barriers_.back().number); }

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "host/of_ss/answers.h"
+
 namespace host::of_ss {
 namespace {
 
@@ -104,6 +106,7 @@ void Meters::hand_over(Meter &meter, Bytes request, const Origin &origin) {
   const Bytes kept = request.first(std::min(request.size(), kRequestKept));
   meter.request.assign(kept.begin(), kept.end());
   tell(meter.message);
+  meter.handed = flows_.ledger().handed();
 }
 
 void Meters::tell(std::vector<std::byte> &message) {
@@ -131,7 +134,10 @@ std::optional<Meters::Failure> Meters::result(Bytes reply, std::int64_t now) {
   const auto found = meters_.find(sb::get<std::uint32_t>(reply.data(), sb::kMeterResultId));
   if (found == meters_.end()) return std::nullopt;
   auto &[id, meter] = *found;
-  const bool no_room = sb::get<std::uint32_t>(reply.data(), sb::kMeterResultCode) == kResultNoRoom;
+  const auto code = sb::get<std::uint32_t>(reply.data(), sb::kMeterResultCode);
+  // A replayed meter, which nobody waits for: it stays, and the synchronisation that follows hands it over again.
+  if (code & kUndecided && flows_.ledger().decided() >= meter.handed) return std::nullopt;
+  const bool no_room = (code & ~kUndecided) == kResultNoRoom;
   Failure failure{meter.origin, no_room ? &err::kOutOfMeters : &err::kMeterUnknown, std::move(meter.request)};
   meter.origin = {};
   meter.request.clear();

@@ -25,6 +25,7 @@ struct Meter {
   std::int64_t created_ns = 0, changed_ns = 0;
   Origin origin;                   // of the latest request, until its failure is reported
   std::vector<std::byte> request;  // the beginning of it, for the error
+  std::uint64_t handed = 0;        // the hand-over of that request
 
   std::uint16_t flags() const { return southbound::get<std::uint16_t>(message.data(), southbound::kMeterFlags); }
   Bytes bands() const { return Bytes(message).subspan(southbound::kMeterBands); }

@@ -1,5 +1,7 @@
 #include "of_ss.h"
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <cstdio>
 #include <memory>
@@ -12,6 +14,7 @@
 #include "host/control/control.h"
 #include "host/fault/fault.h"
 #include "host/log/log.h"
+#include "host/mom/hub.h"
 #include "host/of_ss/agent.h"
 #include "host/of_ss/answers.h"
 #include "host/of_ss/audit.h"
@@ -175,6 +178,25 @@ void register_commands() {
   for (const Command &command : kCommands) ssat_reg_mod_cmd("of_ss", command.name, "nil", command.handler);
 }
 
+// Where the result code of a reply stands; nothing for a reply that is no result.
+std::optional<std::size_t> result_code_at(std::span<const std::byte> reply) {
+  const auto type = southbound::get<std::uint16_t>(reply.data(), southbound::kType);
+  if (type == southbound::kFlowResult && reply.size() == southbound::kFlowResultLen) return southbound::kFlowResultCode;
+  if (type == southbound::kMeterResult && reply.size() == southbound::kMeterResultLen) return southbound::kMeterResultCode;
+  return std::nullopt;
+}
+
+// What fails while the database takes nothing says nothing of the hardware, however soon the database is back: the result is
+// marked on its way. Results come from the loop's thread.
+bool put_in_inbox(std::span<const std::byte> reply) {
+  const auto code_at = result_code_at(reply);
+  if (!code_at || mom::hub()->takes_writes()) return inbox.put(reply);
+  std::array<std::byte, southbound::kFlowResultLen> marked{};
+  std::ranges::copy(reply, marked.begin());
+  southbound::put(marked.data(), *code_at, southbound::get<std::uint32_t>(reply.data(), *code_at) | kUndecided);
+  return inbox.put(std::span(marked).first(reply.size()));
+}
+
 bool is_message(const void *msg, std::uint32_t len) {
   return msg && len >= southbound::kHeaderLen && southbound::get<std::uint16_t>(msg, southbound::kLen) == len;
 }
@@ -325,6 +347,6 @@ int of_ss_send_msg(const void *msg, uint32_t len) {
   const std::span bytes(static_cast<const std::byte *>(msg), len);
   tell(reply_tap, bytes);
   if (!running) return held ? 0 : -1;
-  return inbox.put(bytes) ? 0 : -1;
+  return put_in_inbox(bytes) ? 0 : -1;
 }
 }

@@ -71,6 +71,7 @@ json counters_json(const Flows &flows) {
           {"unchanged", c.unchanged},
           {"removed", c.removed},
           {"failed", c.failed},
+          {"left_to_replay", c.left},
           {"timed_out", c.timed_out},
           {"decided", c.decided},
           {"undecided", flows.ledger().undecided_adds()},
