@@ -27,6 +27,7 @@
 #include "host/runtime/owner_timer.h"
 #include "host/runtime/services.h"
 #include "host/runtime/timer.h"
+#include "s_policy_kelim.pb-c.h"
 #include "southbound.h"
 #include "ssat.h"
 
@@ -43,6 +44,7 @@ Callbacks registered;
 // Neither this nor the inbox is destroyed by exit(), with which the daemon may leave: the openflow thread runs until the end.
 auto &agent = *new std::unique_ptr<Agent>;
 std::unique_ptr<Audit> audit;
+bool translations_known = false;           // database 4 has been there
 std::optional<Config::OpenFlow> reloaded;  // the configuration, where it has been read again
 
 // Any thread. The inbox outlives the agent, so that a late sender finds something to send to.
@@ -90,23 +92,59 @@ void look_up(std::vector<std::uint64_t> indexes) {
   });
 }
 
-void look_through_addresses();
+void look_through_stored();
 
-Timer &addresses_timer() {
-  static Timer timer(look_through_addresses);
+Timer &look_timer() {
+  static Timer timer(look_through_stored);
   return timer;
 }
 
-// At a synchronisation the controllers are announced again; here those that went while nobody could be told are found.
-void look_through_addresses() {
-  if (!agent) return;
+// The controllers have been announced again; here those that went while nobody could be told are found.
+int look_through_addresses() {
   std::vector<std::uint32_t> stored;
-  if (const int rv = stored_addresses(global_handle, stored); rv != 0) {
-    log::warn("the stored addresses of controllers cannot be read ({}), trying again", rv);
-    addresses_timer().arm(kRetry);
-    return;
-  }
-  agent->addresses_stored(std::move(stored));
+  const int rv = stored_addresses(global_handle, stored);
+  if (rv == 0) agent->addresses_stored(std::move(stored));
+  return rv;
+}
+
+// In the same way service-chain flows that nobody asks for any more. An index that was handed out is not handed out again.
+int look_through_translations() {
+  std::vector<Translation> stored;
+  if (const int rv = stored_translations(global_handle, stored); rv != 0) return rv;
+  const auto is_asked = [](Agent &a, const Translation &one) { return a.flows().table().by_index(one.index) != nullptr; };
+  if (!agent->run([&](Agent &a) { std::erase_if(stored, [&](const auto &one) { return is_asked(a, one); }); })) return -1;
+  return withdraw(global_handle, stored);
+}
+
+// After every synchronisation.
+void look_through_stored() {
+  if (!agent) return;
+  int rv = look_through_addresses();
+  if (rv == 0) rv = look_through_translations();
+  if (rv == 0) return;
+  log::warn("what the database holds of controllers and service chains cannot be read ({}), trying again", rv);
+  look_timer().arm(kRetry);
+}
+
+// While the server refuses writes the synchronisation waits: it would lose what cannot be written again. When writes are taken,
+// everybody is asked to look again.
+void fetch() {
+  if (!running || !mom::hub()->takes_writes()) return;
+  inbox.fetch();
+  post(look_through_stored);
+}
+
+// Database 4 is there again, or for the first time, when what is handed over anyway goes through it.
+int translations_told(void *, const qx_obj *told) {
+  if (told->cmd == QX_MOM_CMD_DATA_FETCH && std::exchange(translations_known, true)) fetch();
+  return 0;
+}
+
+void watch_translations() {
+  translations_known = false;
+  mom::Database *db = mom::hub()->database(QX_MOM_APP_DB);
+  const mom::RecordType *type = mom::RecordType::of(&s_policy_kelim__flow_to_ace_sta__descriptor);
+  mom::hub()->subscribe(mom::hub()->slot(*db, *type), true, translations_told);
 }
 
 // Stored flows that are not taken over would be dropped by the synchronisation that follows: so without a look at them, no start.
@@ -264,6 +302,7 @@ int ss_of_init(qx_global *global) {
       [](std::uint64_t index) {
         if (agent) agent->pace().answered(index);
       });
+  watch_translations();
   register_views([] { return agent.get(); });
   host::control::register_view("audit", [](const nlohmann::json &) {
     if (!audit) throw std::invalid_argument("the OpenFlow service library is not running yet");
@@ -272,7 +311,7 @@ int ss_of_init(qx_global *global) {
   register_commands();
   host::at_finish([] {
     retry_timer().cancel();
-    addresses_timer().cancel();
+    look_timer().cancel();
     stop_agent();
     registered = {};
     reloaded.reset();
@@ -335,9 +374,7 @@ void ss_of_ds_fetch(void) {
   using namespace host::of_ss;
   if (host::fault::check(Point::of_fetch)) return;
   tell(fetch_tap);
-  if (!running) return;
-  inbox.fetch();
-  host::post(look_through_addresses);
+  fetch();
 }
 
 int of_ss_send_msg(const void *msg, uint32_t len) {

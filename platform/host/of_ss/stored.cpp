@@ -17,7 +17,6 @@ std::vector<std::byte> copy_of(const ProtobufCBinaryData &data) {
 struct Reading {
   StoredState &out;
   std::unordered_set<std::uint64_t> flows = {};  // indexes of the stored ones
-  std::vector<SPolicyKelim__ParseFlowKey> orphans = {};
 
   void note(std::uint64_t index) { out.last_index = std::max(out.last_index, index); }
 };
@@ -43,14 +42,11 @@ int take_status(const qx_obj *object, void *arg) {
   return 0;
 }
 
-// A service-chain flow that is to be translated. Without a stored flow it never was, and what its controller had sent went with
-// the daemon of that time: nobody waits for the answer any more.
-int take_translation(const qx_obj *object, void *arg) {
-  const auto *request = static_cast<const SPolicyKelim__ParseFlow *>(object->value);
-  if (!request || !request->index) return 0;
-  const std::uint64_t index = request->index->flow_index;
-  reading(arg).note(index);
-  if (!reading(arg).flows.contains(index)) reading(arg).orphans.push_back(*request->index);
+template <typename Record>
+int take_translation(const qx_obj *object, void *out) {
+  const auto *record = static_cast<const Record *>(object->value);
+  if (record && record->index && record->index->vsd_id == 0)
+    static_cast<std::vector<Translation> *>(out)->push_back({record->index->t_flow_type, record->index->flow_index});
   return 0;
 }
 
@@ -85,15 +81,15 @@ bool is_installed(qx_global *global, std::uint64_t index) {
 }
 
 // The writing connection may still be under way here.
-int withdraw(qx_global *global, std::vector<SPolicyKelim__ParseFlowKey> &translations) {
+template <typename Record>
+int withdraw(qx_global *global, const Translation &translation, Record record) {
   constexpr int kNoSuchObject = -7;
-  for (SPolicyKelim__ParseFlowKey &key : translations) {
-    SPolicyKelim__ParseFlow record = S_POLICY_KELIM__PARSE_FLOW__INIT;
-    record.index = &key;
-    const int rv = qx_mom_del_sync(global, QX_MOM_APP_DB, &record.base, 0, 0);
-    if (rv != 0 && rv != kNoSuchObject) return rv;
-  }
-  return 0;
+  SPolicyKelim__ParseFlowKey key = S_POLICY_KELIM__PARSE_FLOW_KEY__INIT;
+  key.t_flow_type = translation.type;
+  key.flow_index = translation.index;
+  record.index = &key;
+  const int rv = qx_mom_del_sync(global, QX_MOM_APP_DB, &record.base, 0, 0);
+  return rv == kNoSuchObject ? 0 : rv;
 }
 
 }  // namespace
@@ -101,7 +97,6 @@ int withdraw(qx_global *global, std::vector<SPolicyKelim__ParseFlowKey> &transla
 int read_stored(qx_global *global, StoredState &out) {
   const SPolicyKelim__Flow flow = S_POLICY_KELIM__FLOW__INIT;
   const SPolicyKelim__FlowSta status = S_POLICY_KELIM__FLOW_STA__INIT;
-  const SPolicyKelim__ParseFlow translation = S_POLICY_KELIM__PARSE_FLOW__INIT;
   const SPolicyKelim__Meter meter = S_POLICY_KELIM__METER__INIT;
   Reading reading{out};
   const auto scan = [global, &reading](std::int32_t db, const ProtobufCMessage &type, qx_mom_scan_cb take) {
@@ -109,9 +104,30 @@ int read_stored(qx_global *global, StoredState &out) {
   };
   if (const int rv = scan(QX_MOM_UDP_DB, flow.base, take_flow)) return rv;
   if (const int rv = scan(QX_MOM_UDP_DB, status.base, take_status)) return rv;
-  if (const int rv = scan(QX_MOM_APP_DB, translation.base, take_translation)) return rv;
-  if (const int rv = withdraw(global, reading.orphans)) return rv;
+  std::vector<Translation> translations;
+  if (const int rv = stored_translations(global, translations)) return rv;
+  for (const Translation &translation : translations) reading.note(translation.index);
+  // Without a stored flow it never was translated, and what its controller had sent went with the daemon of that time: nobody
+  // waits for the answer any more.
+  std::erase_if(translations, [&](const Translation &translation) { return reading.flows.contains(translation.index); });
+  if (const int rv = withdraw(global, translations)) return rv;
   return scan(QX_MOM_UDP_DB, meter.base, take_meter);
+}
+
+int stored_translations(qx_global *global, std::vector<Translation> &out) {
+  const SPolicyKelim__ParseFlow asked = S_POLICY_KELIM__PARSE_FLOW__INIT;
+  const SPolicyKelim__FlowToAceSta told = S_POLICY_KELIM__FLOW_TO_ACE_STA__INIT;
+  const int rv = qx_mom_scan_sync(global, QX_MOM_APP_DB, &asked.base, 0, take_translation<SPolicyKelim__ParseFlow>, &out);
+  return rv ? rv : qx_mom_scan_sync(global, QX_MOM_APP_DB, &told.base, 0, take_translation<SPolicyKelim__FlowToAceSta>, &out);
+}
+
+int withdraw(qx_global *global, const std::vector<Translation> &translations) {
+  for (const Translation &translation : translations) {
+    int rv = withdraw<SPolicyKelim__ParseFlow>(global, translation, S_POLICY_KELIM__PARSE_FLOW__INIT);
+    if (rv == 0) rv = withdraw<SPolicyKelim__FlowToAceSta>(global, translation, S_POLICY_KELIM__FLOW_TO_ACE_STA__INIT);
+    if (rv != 0) return rv;
+  }
+  return 0;
 }
 
 std::vector<std::uint64_t> installed_flows(qx_global *global, const std::vector<std::uint64_t> &indexes) {
