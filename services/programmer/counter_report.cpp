@@ -19,7 +19,7 @@ CounterReport::CounterReport(Context &context, FlowTable &table, Target &target,
           context.global->master, [](void *self) { static_cast<CounterReport *>(self)->turn(); }, this, "programmer counters") {}
 
 bool CounterReport::start() {
-  return interval_us_ == 0 || !target_.counts() || timer_.arm(interval_us_);
+  return interval_us_ == 0 || timer_.arm(interval_us_);
 }
 
 void CounterReport::turn() {
@@ -28,6 +28,7 @@ void CounterReport::turn() {
     next_slot_ = 0;
     begun_us_ = now_us();
     target_.begin_reading();
+    if (!target_.counts()) next_slot_ = table_.slots();
   }
   for (std::uint32_t n = 0; n < kSlotsPerTurn && next_slot_ < table_.slots(); ++n, ++next_slot_) {
     FlowEntry &entry = table_[next_slot_];
@@ -41,8 +42,18 @@ void CounterReport::turn() {
     return;
   }
   in_round_ = false;
+  tell_end();
   const std::uint64_t spent = now_us() - begun_us_;
   timer_.arm(interval_us_ > spent ? interval_us_ - spent : 0);
+}
+
+// Who asks whether a flow is idle has to know that its counters have been looked at, though they stood still: a record of no
+// flow, published behind the changes. One that is lost is made up for by the next.
+void CounterReport::tell_end() {
+  SPolicyKelim__FlowKey nothing = S_POLICY_KELIM__FLOW_KEY__INIT;
+  SPolicyKelim__FlowCounter record = S_POLICY_KELIM__FLOW_COUNTER__INIT;
+  record.index = &nothing;
+  qx_mom_publish(context_.global, kFlowDb, &record.base, 0, 0);
 }
 
 // False when the database takes nothing now; the change is then reported later.

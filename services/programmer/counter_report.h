@@ -1,4 +1,5 @@
-// The periodic report of flow counters: reads them from the target and writes a flow_counter record for each that changed.
+// The periodic report of flow counters: reads them from the target and writes a flow_counter record for each that changed, then
+// publishes one without a flow: all have been looked at.
 #pragma once
 
 #include <cstdint>
@@ -21,6 +22,7 @@ class CounterReport {
 
  private:
   void turn();
+  void tell_end();
   bool report(FlowEntry &entry, std::uint32_t slot);
 
   Context &context_;

@@ -29,7 +29,7 @@ struct Options {
   std::uint32_t delay_ms = 0;                // answers to flows come that much later; 0: at once
   std::string script;                        // exceptions, see below; empty: none
   std::uint64_t seed = 1;                    // of the script's random choices
-  std::uint32_t counter_interval_ms = 1000;  // how often counters are read and written; 0: never
+  std::uint32_t counter_interval_ms = 1000;  // how often counters are read and written; 0: never, no flow is idle then
   std::uint32_t counter_rate = 0;  // packets a second by which every installed flow's counters grow; 0: they stand still
   bool service_chain = true;       // translate parse_flow records into access-control entries
 };

@@ -535,6 +535,9 @@ const Agent::ReplyRow *Agent::reply_row(std::uint16_t type) {
   static constexpr ReplyRow kReplies[] = {
       {sb::kFlowResult, sb::kFlowResultLen, [](Agent &a, Bytes m) { a.flows_.flow_result(m, a.now_ns_); }},
       {kFlowAnswer, sb::kFlowResultLen, [](Agent &a, Bytes m) { a.flows_.flow_answer(m, a.now_ns_); }},
+      {kFlowMoved, sb::kFlowResultLen,
+       [](Agent &a, Bytes m) { a.flows_.moved(sb::get<std::uint64_t>(m.data(), sb::kFlowIndex), a.now_ns_); }},
+      {kRoundCounted, sb::kFlowResultLen, [](Agent &a, Bytes) { a.flows_.counted_round(); }},
       {sb::kStatReply, sb::kStatReplyLen, [](Agent &a, Bytes m) { a.take_counters(m); }},
       {sb::kMeterResult, sb::kMeterResultLen, [](Agent &a, Bytes m) { a.take_meter_result(m); }},
       {sb::kPackedReport, sb::kHeaderLen, [](Agent &a, Bytes m) { a.take_report(m); }},

@@ -48,8 +48,8 @@ struct FlowEntry {
   std::uint32_t latency_us = 0;                    // from hand-over to decision, 0 while undecided
   FlowState state = FlowState::sent;
   bool in_force = true;
-  bool retried = false;  // it has failed once after it was installed
-  bool probed = false;   // its counters have been asked for because it looks idle
+  bool retried = false;          // it has failed once after it was installed
+  std::uint32_t idle_round = 0;  // of the counters, when it was first seen idle; 0 while it is not
 
   std::byte *message() { return reinterpret_cast<std::byte *>(this + 1); }
   const std::byte *message() const { return reinterpret_cast<const std::byte *>(this + 1); }

@@ -381,6 +381,10 @@ void Flows::count_more(std::uint64_t index, std::uint64_t packets, std::uint64_t
   flow->bytes.grew(bytes);
 }
 
+void Flows::moved(std::uint64_t index, std::int64_t now) {
+  if (FlowEntry *flow = table_.by_index(index)) flow->last_hit_s = static_cast<std::uint32_t>(now / kSecond);
+}
+
 // ---- time
 
 void Flows::check_deadlines(std::int64_t now, bool daemon_turns) {
@@ -455,18 +459,17 @@ void Flows::check_timeouts(std::int64_t now) {
   batch_done(now);
 }
 
-// A flow that looks idle is asked about first, because changes are reported some seconds late; when the answer, which takes less
-// than the second until the next check, shows nothing new, the flow is idle.
+// A flow that looks idle goes when the programming service has read all counters once more and has not found it used: of the
+// rounds that end from now on the second is the first to have begun since. While nobody counts, no flow is idle.
 void Flows::check_timeout(FlowEntry &flow, std::int64_t now) {
   const std::int64_t hard = flow.get<std::uint16_t>(sb::kFlowHardTimeout), idle = flow.get<std::uint16_t>(sb::kFlowIdleTimeout);
   if (hard && now - flow.created_ns >= hard * kSecond) return remove_flow(flow, kHardTimeout);
-  if (!idle || now / kSecond - flow.last_hit_s < idle) {
-    flow.probed = false;
-    return;
-  }
-  if (flow.probed) return remove_flow(flow, kIdleTimeout);
-  flow.probed = true;
-  handover_.ask_counters(flow.index());
+  if (!idle || now / kSecond - flow.last_hit_s < idle)
+    flow.idle_round = 0;
+  else if (!flow.idle_round)
+    flow.idle_round = rounds_;
+  else if (rounds_ - flow.idle_round >= 2)
+    remove_flow(flow, kIdleTimeout);
 }
 
 }  // namespace host::of_ss

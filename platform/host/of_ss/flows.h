@@ -88,6 +88,11 @@ class Flows {
   void counted(std::uint64_t index, std::uint64_t packets, std::uint64_t bytes, std::int64_t now);
   void count_more(std::uint64_t index, std::uint64_t packets, std::uint64_t bytes, std::int64_t now);
 
+  // The programming service has found a counter of the flow changed; by how much is told later.
+  void moved(std::uint64_t index, std::int64_t now);
+  // It has read every counter once more, and told all changes.
+  void counted_round() { ++rounds_; }
+
   // Hands every flow to the daemon again; the caller has begun the synchronisation.
   void replay();
   // A flow of an earlier life, as it is stored.
@@ -160,6 +165,7 @@ class Flows {
   std::deque<LateFailure> late_failures_;
   std::uint32_t told_capacity_ = 0;
   std::uint32_t own_xid_ = 0;
+  std::uint32_t rounds_ = 1;  // of counters
   // The clock that deadlines run on: it stands while the daemon's loop does not turn.
   std::int64_t patience_ns_ = 0, checked_ns_ = 0, progress_ns_ = 0;
   std::uint64_t progress_ = 0;
