@@ -70,6 +70,7 @@ Flows::Flows(Context &context)
 void Flows::notified(const qx_obj &msg) {
   if (msg.cmd == QX_MOM_CMD_SET) requested(packed(msg));
   if (msg.cmd == QX_MOM_CMD_DEL) removed(packed(msg));
+  if (msg.cmd == QX_MOM_CMD_PUBLISH) doubted(packed(msg));
   if (msg.cmd == QX_MOM_CMD_DATA_FETCH) catch_up_.now();
 }
 
@@ -117,6 +118,23 @@ void Flows::removed(Bytes record) {
   if (!read_flow(record, flow)) return report_fault(context_, "deleted flow record", record);
   const std::uint32_t slot = table_.find(flow.key);
   if (slot != FlowTable::kNone) remove(slot);
+}
+
+// Somebody has found the flow's answer and no flow: nobody would ever tell that it has gone.
+void Flows::doubted(Bytes record) {
+  constexpr int kNoSuchObject = -7;
+  FlowRecord flow;
+  if (!read_flow(record, flow)) return report_fault(context_, "flow record in doubt", record);
+  const std::uint32_t slot = table_.find(flow.key);
+  if (slot == FlowTable::kNone) return;
+  SPolicyKelim__FlowKey key = S_POLICY_KELIM__FLOW_KEY__INIT;
+  key.flow_index = flow.key.index;
+  key.vsd_id = flow.key.vsd;
+  SPolicyKelim__Flow wanted = S_POLICY_KELIM__FLOW__INIT;
+  wanted.index = &key;
+  qx_obj *stored = nullptr;
+  if (qx_mom_get_sync(context_.global, kFlowDb, &wanted.base, 0, &stored) == kNoSuchObject) remove(slot);
+  qx_mom_qx_obj_free(stored);
 }
 
 void Flows::remove(std::uint32_t slot) {

@@ -41,6 +41,7 @@ class Flows final : public FlowSink {
 
   void requested(Bytes record);
   void removed(Bytes record);
+  void doubted(Bytes record);
   void remove(std::uint32_t slot);
   void settle(FlowEntry &entry, std::uint64_t uuid, SPolicyKelim__StatusE status);
   void tell(const Answer &answer);

@@ -44,9 +44,33 @@ TEST_F(Audit, FindsWhateverDiffers) {
   EXPECT_EQ(host::of_ss::audit_now(), (Strings{"flow 5 is not stored", "flow 2 is stored otherwise", "flow 3 is not confirmed",
                                                "flow 99 is stored but not asked for", "meter 2 is stored otherwise",
                                                "meter 3 is stored as failed", "meter 7 is stored but not asked for"}));
+  store_answer(98);
+  EXPECT_EQ(host::of_ss::audit_now()->back(), "meter 7 is stored but not asked for");
+  EXPECT_EQ(host::of_ss::audit_now()->back(), "flow 98 is in the target but neither stored nor asked for");
   hand_over(flow_mod(ipv4_flow(6)), 2);
   EXPECT_EQ(host::of_ss::audit_now(), std::nullopt) << "what is under way is no difference";
   EXPECT_TRUE(daemon.of_type(southbound::kDsStart).empty()) << "nothing is repaired that nobody has asked to be";
+}
+
+// A replay that meets a database that is away again fails in every part, and decides nothing. What a controller waits for fails.
+TEST_F(Audit, WhatFailsForWantOfTheDatabaseStaysAndIsReplayed) {
+  fill();
+  connect_again(false);
+  for (std::uint64_t index = 1; index <= 4; ++index) PlayedDaemon::fail(index, 2);
+  for (std::uint32_t id = 1; id <= 3; ++id) PlayedDaemon::fail_meter(id, 1);
+  hand_over(flow_mod(ipv4_flow(5, 75)) + message(29, 76, hex("0000 0001 00000005")), 1);
+  ASSERT_TRUE(until([this] { return daemon.of_type(southbound::kMeterMod).size() == 1; }));
+  PlayedDaemon::fail(5, 2);
+  PlayedDaemon::fail_meter(5, 1);
+  c.await(1, 2);
+  EXPECT_EQ(errors(), (Strings{"5/0 75", "12/0 76"}));
+  daemon.answer_barriers();
+  connect_again(true);
+  daemon.forget();
+  ss_of_ds_fetch();
+  ASSERT_TRUE(until([this] { return !daemon.of_type(southbound::kDsEnd).empty(); }));
+  EXPECT_EQ(daemon.flows(true), flows_);
+  EXPECT_EQ(daemon.of_type(southbound::kMeterMod), meters_);
 }
 
 class AuditRepair : public Audit {
@@ -81,6 +105,25 @@ TEST_F(AuditRepair, IsTriedOnce) {
   look(4);
   EXPECT_EQ(synchronisations(), 1u);
   EXPECT_EQ(daemon.flows(true).size(), 4u);
+}
+
+// A look that had to wait in vain is no reason to look more seldom.
+TEST_F(AuditRepair, GoesOnAfterALookThatFailed) {
+  fill();
+  {
+    const unsigned calls = daemon.calls();
+    const auto stopped = daemon.stop();
+    ASSERT_TRUE(c.send(flow_mod(ipv4_flow(5, 75))));
+    ASSERT_TRUE(until([&] { return daemon.calls() > calls; }));
+    host::clock::warp(10s);
+    host::run_until([] { return false; }, 3500ms);  // it waits 3 seconds for the openflow thread
+  }
+  ASSERT_TRUE(c.settle());
+  for (int times = 0; times < 25 && daemon.of_type(southbound::kDsEnd).empty(); ++times) {
+    host::clock::warp(10s);
+    ASSERT_TRUE(c.settle());
+  }
+  EXPECT_EQ(daemon.of_type(southbound::kDsEnd).size(), 1u) << "flow 5 is not stored";
 }
 
 }  // namespace

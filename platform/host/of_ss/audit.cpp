@@ -1,6 +1,7 @@
 #include "host/of_ss/audit.h"
 
 #include <fmt/format.h>
+#include <time.h>
 
 #include <algorithm>
 #include <iterator>
@@ -10,6 +11,7 @@
 #include <utility>
 
 #include "host/log/log.h"
+#include "host/mom/hub.h"
 #include "qx_mom.h"
 #include "s_policy_kelim.pb-c.h"
 
@@ -18,17 +20,29 @@ namespace {
 
 using nlohmann::json;
 
-// The pause after a look is at least that many times as long as the look was, however much there is to compare.
-constexpr int kTimesLonger = 1000;
+// However much there is to compare, the pause after a look is at least that many times as long as the look took this thread, but
+// not longer than so many intervals.
+constexpr int kTimesLonger = 1000, kMostIntervals = 10;
+
+std::chrono::nanoseconds processor_time() {
+  timespec used{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
+  return std::chrono::seconds(used.tv_sec) + std::chrono::nanoseconds(used.tv_nsec);
+}
 
 struct Wording {
   const char *kind, *what;
 };
 constexpr Wording kWordings[] = {
-    {"flow", "is not stored"},        {"flow", "is stored otherwise"},
-    {"flow", "is not confirmed"},     {"flow", "is stored but not asked for"},
-    {"meter", "is not stored"},       {"meter", "is stored otherwise"},
-    {"meter", "is stored as failed"}, {"meter", "is stored but not asked for"},
+    {"flow", "is not stored"},
+    {"flow", "is stored otherwise"},
+    {"flow", "is not confirmed"},
+    {"flow", "is stored but not asked for"},
+    {"meter", "is not stored"},
+    {"meter", "is stored otherwise"},
+    {"meter", "is stored as failed"},
+    {"meter", "is stored but not asked for"},
+    {"flow", "is in the target but neither stored nor asked for"},
 };
 
 // What the database holds, of virtual switch 0.
@@ -37,6 +51,7 @@ struct Held {
     std::vector<std::byte> data;
     bool stored = false;
     bool good = false;  // a flow that is confirmed, a meter that has not failed
+    bool asked = false;
   };
   std::unordered_map<std::uint64_t, Record> flows;
   std::map<std::uint32_t, Record> meters;
@@ -94,13 +109,19 @@ void compare_one(Records &records, Number number, Bytes asked, Difference::What 
     found.push_back({static_cast<Difference::What>(first + 1), number});
   else if (!at->second.good)
     found.push_back({static_cast<Difference::What>(first + 2), number});
-  if (stored) at->second.stored = false;
+  if (at != records.end()) at->second.asked = true;
 }
 
 template <typename Records>
 void add_rest(const Records &records, Difference::What what, std::vector<Difference> &found) {
   for (const auto &[number, record] : records)
-    if (record.stored) found.push_back({what, number});
+    if (record.stored && !record.asked) found.push_back({what, number});
+}
+
+// The programming service confirms what its target holds, and takes that back when the flow goes.
+void add_left(const Held &held, std::vector<Difference> &found) {
+  for (const auto &[index, record] : held.flows)
+    if (record.good && !record.stored && !record.asked) found.push_back({Difference::flow_left_in_target, index});
 }
 
 void compare_all(const Agent &agent, Held &held, std::vector<Difference> &found) {
@@ -111,7 +132,17 @@ void compare_all(const Agent &agent, Held &held, std::vector<Difference> &found)
     compare_one(held.meters, id, meter.message, Difference::meter_not_stored, found);
   add_rest(held.flows, Difference::flow_not_asked_for, found);
   add_rest(held.meters, Difference::meter_not_asked_for, found);
+  add_left(held, found);
   std::ranges::sort(found);
+}
+
+// There is no record to delete. The programming service is asked to look again whether the flow is stored.
+void doubt_flow(qx_global *global, std::uint64_t index) {
+  SPolicyKelim__FlowKey key = S_POLICY_KELIM__FLOW_KEY__INIT;
+  key.flow_index = index;
+  SPolicyKelim__Flow flow = S_POLICY_KELIM__FLOW__INIT;
+  flow.index = &key;
+  qx_mom_publish(global, QX_MOM_UDP_DB, &flow.base, 0, 0);
 }
 
 // What a synchronisation does not repair is a meter that nobody asked for: the record of a meter outlives it. Such a one is left
@@ -122,7 +153,7 @@ void repair(Agent &agent, const std::vector<Difference> &differences) {
     if (difference.what == Difference::meter_not_asked_for)
       agent.meters().delete_stray(static_cast<std::uint32_t>(difference.number));
     else
-      others = true;
+      others |= difference.what != Difference::flow_left_in_target;
   }
   if (others) agent.synchronise();
 }
@@ -140,9 +171,10 @@ Audit::Audit(qx_global *global, Agent &agent, const Options &options)
 }
 
 void Audit::repeat() {
-  const clock::Time begun = clock::now();
+  const auto begun = processor_time();
   look();
-  timer_.arm(std::max<clock::Time>(options_.interval, kTimesLonger * (clock::now() - begun)));
+  const auto cost = undisturbed_ ? kTimesLonger * (processor_time() - begun) : std::chrono::nanoseconds(0);
+  timer_.arm(std::clamp<clock::Time>(cost, options_.interval, kMostIntervals * options_.interval));
 }
 
 // False when something is under way, or either side cannot be looked at.
@@ -176,7 +208,11 @@ void Audit::note(std::vector<Difference> confirmed) {
   log::warn("audit: {} ({} differences between what was asked for and what is stored)", text(confirmed_.front()),
             confirmed_.size());
   if (!options_.repair) return;
+  // What the database does not take cannot be repaired: when it is back, everything is handed over again.
+  if (!mom::hub()->takes_writes()) return;
   ++repairs_;
+  for (const Difference &difference : confirmed_)
+    if (difference.what == Difference::flow_left_in_target) doubt_flow(global_, difference.number);
   agent_.run([this](Agent &agent) { repair(agent, confirmed_); });
 }
 

@@ -28,6 +28,7 @@ struct Difference {
     meter_stored_otherwise,
     meter_failed,
     meter_not_asked_for,
+    flow_left_in_target,
   };
   What what;
   std::uint64_t number;  // index of the flow, or number of the meter
