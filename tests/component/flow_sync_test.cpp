@@ -71,6 +71,26 @@ TEST_F(FlowSync, without_an_end_what_is_left_over_expires) {
   EXPECT_EQ(meters(), 0u);
 }
 
+// A replay that is begun anew in the middle, one in pieces, several in a row: what they renew is never deleted in between, and
+// what has gone does not come back.
+TEST_F(FlowSync, replays_in_pieces_and_in_a_row_delete_once_what_is_left_over_and_nothing_else) {
+  for (std::uint64_t index : {1, 2, 3, 4}) left_over(index, 1);
+  d.tick();
+  d.watch(kUdpDb, {&s_policy_kelim__flow__descriptor, &s_policy_kelim__flow_key__descriptor});
+  start();
+  send(d.pi().ds_start, message(33, {}));
+  handle(typical_flow(1));
+  for (std::uint64_t index : {2, 3}) flow(typical_flow(index));
+  end();
+  for (int again = 0; again < 2; ++again) {
+    start();
+    for (std::uint64_t index : {1, 2, 3}) flow(typical_flow(index));
+    end();
+  }
+  d.warp(600ms);
+  EXPECT_EQ(changes(), (Texts{"set 1", "set 2", "set 3", "del 4", "set 1", "set 2", "set 3", "set 1", "set 2", "set 3"}));
+}
+
 // The kind of service-chain flows ends with the application's answer, once; a second start begins anew.
 TEST_F(FlowSync, a_kind_with_work_left_at_the_end_is_cleaned_up_later) {
   left_over(4, 2);

@@ -29,6 +29,14 @@ def redis(socket, *words, database=8):
     return [ast.literal_eval("b" + line.partition(") ")[2]) if line.endswith('"') else None for line in lines]
 
 
+def kill_clients(socket, name):
+    """Ends the connections of those clients of the server in whose name that stands."""
+    command = ["redis-cli", "-s", socket, "CLIENT", "LIST"]
+    for client in subprocess.run(command, capture_output=True, check=True, text=True, timeout=60).stdout.splitlines():
+        if name in client:
+            subprocess.run([*command[:3], "CLIENT", "KILL", "ID", client.split()[0][len("id="):]], check=True, capture_output=True)
+
+
 def records(socket, kind, database=8):
     """The packed records of that kind by their key, such as "17:0", read without any code of the programs under test."""
     prefix = f"s_policy_kelim.{kind}:"

@@ -1,10 +1,12 @@
 """kelimctl's look into the object database: through the daemon's socket, and in the Redis server itself."""
 
 import json
+import os
 import signal
 import subprocess
 import unittest
 
+import daemon
 import e2e
 
 
@@ -84,6 +86,71 @@ class DatabaseInRedis(Database):
         audit = self.running.kelimctl("audit", "--json")
         difference = {"kind": "flow", "number": int(key.split(":")[0]), "what": "is not stored"}
         self.assertEqual((audit.returncode, json.loads(audit.stdout)["differences"]), (1, [difference]))
+
+    def left(self):
+        """What is stored of flows, in both databases, and in the target."""
+        kinds = [(kind, 8) for kind in ("flow", "flow_sta", "flow_counter")]
+        kinds += [(kind, 4) for kind in ("parse_flow", "flow_to_ace", "flow_to_ace_sta")]
+        stored = [len(e2e.records(self.running.socket, kind, database)) for kind, database in kinds]
+        return stored, len(self.running.programmer("flows").split())
+
+    def test_service_chain_flows_that_go_while_their_database_is_away_leave_nothing(self):
+        for number in range(20):
+            self.controller.add(number, table=1)
+        self.assertEqual(self.controller.barrier(), [])
+        self.await_that(lambda: self.left() == ([20, 20, 0, 20, 20, 20], 20), "the flows")
+        away = self.running.socket + "-away"
+        os.rename(self.running.socket, away)
+        e2e.kill_clients(away, "/4/")
+        self.await_that(lambda: "reconnect db:4 type:0" in self.running.output(), "the loss of database 4")
+        self.controller.delete_all()
+        self.controller.barrier()
+        os.rename(away, self.running.socket)
+        self.await_that(lambda: self.left() == ([0] * 6, 0), "no trace of them")
+
+    def test_what_the_database_has_lost_is_replayed_or_leaves_the_target(self):
+        for number in range(200):
+            self.controller.add(number)
+        self.assertEqual(self.controller.barrier(), [])
+        e2e.redis(self.running.socket, "FLUSHALL")
+        self.await_that(lambda: self.left() == ([200, 200, 0, 0, 0, 0], 200), "the flows again")
+        e2e.redis(self.running.socket, "FLUSHALL")
+        self.controller.delete_all()
+        self.controller.barrier()
+        self.await_that(lambda: self.left() == ([0] * 6, 0), "an empty target")
+
+    def test_a_server_without_room_keeps_what_it_has(self):
+        for number in range(100):
+            self.controller.add(number)
+        self.assertEqual(self.controller.barrier(), [])
+        e2e.redis(self.running.socket, "CONFIG", "SET", "maxmemory", "1")
+        for number in (200, 201):
+            xid = self.controller.add(number)
+            self.assertEqual([error.xid for error in self.controller.barrier()], [xid])
+        self.assertIn("database 8 refuses writes: OOM", self.running.ask("mom", "--url", "embedded:", "stats"))
+        self.controller.delete(0)
+        self.assertEqual(self.controller.barrier(), [])
+        self.await_that(lambda: self.left() == ([99, 99, 0, 0, 0, 0], 99), "what was there")
+        e2e.redis(self.running.socket, "CONFIG", "SET", "maxmemory", "0")
+        self.await_that(lambda: "takes writes again" in self.running.output(), "the end of it")
+        self.controller.add(300)
+        self.assertEqual(self.controller.barrier(), [])
+        self.await_that(lambda: self.left() == ([100, 100, 0, 0, 0, 0], 100), "all of them")
+
+    def test_a_second_daemon_says_so_and_waits_until_the_first_has_gone(self):
+        second = daemon.Daemon(e2e.BIN, mom_url=f"redis+unix:{self.running.socket}", programmer_embedded="false")
+        self.addCleanup(second.__exit__)
+        with open(second.log, "wb") as log:
+            second.process = subprocess.Popen(second.command_line, env=second.environment, stdout=log, stderr=log)
+        self.await_that(lambda: "another ssc_kelim works on this database" in second.output(), "a word of the first")
+        self.add(1)
+        self.assertNotEqual(second.kelimctl("controllers").returncode, 0, second.output()[-1000:])
+        self.running.signal("ssc_kelim", signal.SIGKILL)
+        serves = lambda: next((one for one in (second, self.running) if one.kelimctl("controllers").returncode == 0), None)
+        client = self.client(self.await_that(serves, "one of both in its place"))
+        client.add(2)
+        self.assertEqual(client.barrier(), [])
+        self.await_that(lambda: self.left() == ([2, 2, 0, 0, 0, 0], 2), "both flows")
 
     def test_the_server_is_asked_itself(self):
         key = self.add(1)
