@@ -1,7 +1,8 @@
 // The log service. Any thread; lines of one thread keep their order.
 //
 // The Linux host writes to journald, syslog or a rotating file (spdlog) with category, source path, function and line as fields,
-// and collapses lines that repeat within a second into one with a count, verbose ones apart: their order tells what happened.
+// and lets a source line write up to five different texts a second, with one line that counts the rest; verbose lines are all
+// written: their order tells what happened.
 #pragma once
 
 #include <stddef.h>

@@ -63,28 +63,64 @@ TEST_F(Log, LinesThatRepeatWithinASecondAreCounted) {
   host::clock::stop();
   for (int i = 0; i < 1000; ++i) {
     zlog(QX_ZLOG_ERROR, "again");
-    if (i % 500 == 0) zlog(QX_ZLOG_ERROR, "between");
+    if (i % 500 == 0) zlog(QX_ZLOG_ERROR, "between", 9);
   }
   zlog(QX_ZLOG_ERROR, "again", 8);  // another place is another line
   for (const char *byte : {"00", "00", "ff"}) zlog(QX_ZLOG_VERBOSE, byte);
   host::clock::warp(1000ms);
   zlog(QX_ZLOG_ERROR, "again");  // the window is over
   const std::string error = "error   policy_error ", debug = "debug   policy_error ", place = "  (app/a.cpp:7 run)";
-  EXPECT_EQ(lines(), (std::vector<std::string>{error + "again" + place, error + "between" + place,
+  EXPECT_EQ(lines(), (std::vector<std::string>{error + "again" + place, error + "between  (app/a.cpp:9 run)",
                                                error + "again  (app/a.cpp:8 run)", debug + "00" + place, debug + "00" + place,
                                                debug + "ff" + place, error + "again (repeated 999 times)" + place,
-                                               error + "between (repeated 1 time)" + place, error + "again" + place}));
+                                               error + "between (repeated 1 time)  (app/a.cpp:9 run)", error + "again" + place}));
 }
 
-TEST_F(Log, ManyDifferentLinesAreAllKeptAndCountsOfOldOnesComeOut) {
+TEST_F(Log, APlaceThatSaysMoreThanItsShareIsCountedAndHidesNoOther) {
+  host::clock::stop();
+  for (int i = 0; i < 1000; ++i) zlog(QX_ZLOG_ERROR, "flow " + std::to_string(i));
+  for (int i = 0; i < 3; ++i) zlog(QX_ZLOG_ERROR, "other " + std::to_string(i), 8);
+  host::clock::warp(1000ms);
+  zlog(QX_ZLOG_ERROR, "flow 1000");  // the second is over
+  const std::string error = "error   policy_error ", seven = "  (app/a.cpp:7 run)", eight = "  (app/a.cpp:8 run)";
+  std::vector<std::string> expected;
+  for (int i = 0; i < 5; ++i) expected.push_back(error + "flow " + std::to_string(i) + seven);
+  for (int i = 0; i < 3; ++i) expected.push_back(error + "other " + std::to_string(i) + eight);
+  expected.push_back(error + "... 995 more lines from app/a.cpp:7 run" + seven);
+  expected.push_back(error + "flow 1000" + seven);
+  EXPECT_EQ(lines(), expected);
+}
+
+struct Formatted {
+  int *times;
+};
+
+}  // namespace
+
+template <>
+struct fmt::formatter<Formatted> : fmt::formatter<int> {
+  auto format(Formatted f, fmt::format_context &out) const { return fmt::formatter<int>::format(++*f.times, out); }
+};
+
+namespace {
+
+TEST_F(Log, WhatIsNotWrittenIsNotFormatted) {
+  host::clock::stop();
+  int times = 0;
+  for (int i = 0; i < 100; ++i) host::log::warn("text {}", Formatted{&times});
+  EXPECT_EQ(times, 5);
+  EXPECT_NE(lines().back().find(" ... 95 more lines from "), std::string::npos);
+}
+
+TEST_F(Log, ManyPlacesAreAllKeptAndCountsOfOldOnesComeOut) {
   host::clock::stop();
   zlog(QX_ZLOG_ERROR, "first");
   zlog(QX_ZLOG_ERROR, "first");
-  for (int i = 0; i < 2000; ++i) zlog(QX_ZLOG_ERROR, "line " + std::to_string(i));
+  for (int i = 0; i < 2000; ++i) zlog(QX_ZLOG_ERROR, "line", 100 + i);
   const auto all = lines();
   EXPECT_EQ(all.size(), 2002u);
   const auto count = std::find(all.begin(), all.end(), "error   policy_error first (repeated 1 time)  (app/a.cpp:7 run)");
-  EXPECT_LT(count - all.begin(), 1000) << "only so many lines are watched at a time";
+  EXPECT_LT(count - all.begin(), 1000) << "only so many places are watched at a time";
 }
 
 class QuietLog : public Log {
@@ -100,7 +136,7 @@ class QuietLog : public Log {
 TEST_F(QuietLog, LevelsBelowTheThresholdAreDroppedAndTheFileRotates) {
   zlog(QX_ZLOG_VERBOSE, "hidden");
   host::log::warn("hidden too");
-  for (int i = 0; i < 200; ++i) zlog(QX_ZLOG_ERROR, "line " + std::to_string(i) + std::string(100, '.'));
+  for (int i = 0; i < 200; ++i) zlog(QX_ZLOG_ERROR, "line " + std::to_string(i) + std::string(100, '.'), i);
   EXPECT_NE(lines().back().find("line 199"), std::string::npos);
   EXPECT_TRUE(lines("test.3.log").empty()) << "two rotated files at most";
   for (const auto &name : {"test.log", "test.1.log", "test.2.log"}) {

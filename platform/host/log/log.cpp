@@ -12,17 +12,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <deque>
-#include <list>
 #include <map>
 #include <mutex>
 #include <thread>
-#include <unordered_map>
 #include <utility>
 
 #include "host/config/config.h"
 #include "host/fault/fault.h"
+#include "host/log/repeats.h"
 #include "host/log/sinks.h"
-#include "host/runtime/clock.h"
 
 struct qx_zlog_category {
   std::string name;
@@ -33,89 +31,22 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr std::size_t kQueueLines = 8192;  // waiting for the writer
-constexpr std::size_t kRecentLines = 256;  // watched for repetition
-constexpr clock::Time kRepeatWindow = 1s;
+constexpr std::size_t kQueueLines = 8192;   // waiting for the writer
+constexpr auto kCountsDue = 1s;             // the longest that counts wait for the next line
 constexpr std::size_t kLongestText = 2048;  // bytes of a printf-style line
-
-struct Line {
-  explicit Line(const LineView &v)
-      : level(v.level), category(v.category), file(v.file), function(v.function), line(v.line), text(v.text) {}
-
-  Level level;
-  std::chrono::system_clock::time_point time = std::chrono::system_clock::now();
-  std::string category;
-  std::string file;
-  std::string function;
-  long line;
-  std::string text;
-};
-
-// Lines of the last second, oldest first, with how often each came again.
-class Repeats {
- public:
-  // Whether the line came within the window already; it is counted then, otherwise watched from now on.
-  bool again(const LineView &view) {
-    const std::size_t key = hash(view);
-    const auto it = by_key_.find(key);
-    if (it != by_key_.end() && same(it->second->first, view)) {
-      ++it->second->count;
-      return true;
-    }
-    if (it != by_key_.end()) return false;  // two lines of one hash: the later one is not watched
-    recent_.push_back({Line(view), clock::now() + kRepeatWindow, key, 0});
-    by_key_.emplace(key, std::prev(recent_.end()));
-    return false;
-  }
-
-  // Hands out the counts of lines whose window is over, of the oldest beyond the limit, or of all.
-  template <typename Emit>
-  void expire(bool all, Emit emit) {
-    const clock::Time now = recent_.empty() ? clock::Time{} : clock::now();
-    while (!recent_.empty() && (all || recent_.front().until <= now || recent_.size() > kRecentLines)) {
-      Recent &oldest = recent_.front();
-      if (oldest.count > 0) {
-        oldest.first.text += " (repeated " + std::to_string(oldest.count) + (oldest.count == 1 ? " time)" : " times)");
-        oldest.first.time = std::chrono::system_clock::now();
-        emit(std::move(oldest.first));
-      }
-      by_key_.erase(oldest.key);
-      recent_.pop_front();
-    }
-  }
-
-  bool empty() const { return recent_.empty(); }
-
- private:
-  struct Recent {
-    Line first;
-    clock::Time until;
-    std::size_t key;
-    std::uint64_t count;
-  };
-
-  static std::size_t hash(const LineView &v) {
-    const std::hash<std::string_view> h;
-    return h(v.text) ^ (h(v.category) * 31) ^ (h(v.file) * 37) ^ (static_cast<std::size_t>(v.line) * 0x9e3779b97f4a7c15u);
-  }
-
-  static bool same(const Line &a, const LineView &b) {
-    return a.level == b.level && a.line == b.line && a.text == b.text && a.category == b.category && a.file == b.file;
-  }
-
-  std::list<Recent> recent_;
-  std::unordered_map<std::size_t, std::list<Recent>::iterator> by_key_;
-};
 
 class Service {
  public:
   std::string open(const Config &config, const std::string &ident);
   void close();
   void flush();
+  bool wants(const LineView &place);
   bool take(const LineView &view);  // false while it is not open
   bool is_open();
 
  private:
+  bool keeps(Level level) const;
+  void expire(bool all);
   void run();
   void write_out(const Line &line);
   void push(Line &&line);
@@ -178,7 +109,7 @@ void Service::close() {
   {
     std::lock_guard lock(mutex_);
     if (!open_) return;
-    repeats_.expire(true, [this](Line &&line) { push(std::move(line)); });
+    expire(true);
     open_ = false;
     closing_ = true;
   }
@@ -190,19 +121,35 @@ void Service::close() {
 void Service::flush() {
   std::unique_lock lock(mutex_);
   if (!open_) return;
-  repeats_.expire(true, [this](Line &&line) { push(std::move(line)); });
+  expire(true);
   work_.notify_one();
   written_.wait(lock, [this] { return queue_.empty() && !busy_; });
 }
 
+bool Service::keeps(Level level) const {
+  return !off_.load(std::memory_order_relaxed) && level >= threshold_.load(std::memory_order_relaxed);
+}
+
+// Lines for debugging are never counted: they tell by their order, byte after byte of a message for example.
+bool Service::wants(const LineView &place) {
+  if (!keeps(place.level)) return false;
+  if (place.level == Level::debug) return true;
+  std::lock_guard lock(mutex_);
+  expire(false);
+  return !repeats_.is_full(place);
+}
+
 bool Service::take(const LineView &view) {
-  if (off_.load(std::memory_order_relaxed) || view.level < threshold_.load(std::memory_order_relaxed)) return true;
+  if (!keeps(view.level)) return true;
   std::lock_guard lock(mutex_);
   if (!open_) return false;
-  repeats_.expire(false, [this](Line &&line) { push(std::move(line)); });
-  // Lines for debugging tell by their order, byte after byte of a message for example.
-  if (view.level == Level::debug || !repeats_.again(view)) push(Line(view));
+  expire(false);
+  if (view.level == Level::debug || !repeats_.hides(view)) push(Line(view));
   return true;
+}
+
+void Service::expire(bool all) {
+  repeats_.expire(all, [this](Line &&line) { push(std::move(line)); });
 }
 
 bool Service::is_open() {
@@ -226,8 +173,8 @@ void Service::run() {
     if (repeats_.empty()) {
       work_.wait(lock, something);
     } else {
-      work_.wait_for(lock, kRepeatWindow, something);
-      repeats_.expire(false, [this](Line &&line) { push(std::move(line)); });
+      work_.wait_for(lock, kCountsDue, something);
+      expire(false);
     }
     if (queue_.empty() && closing_) return;
     std::deque<Line> lines;
@@ -287,6 +234,10 @@ void set_tap(std::function<void(const LineView &)> tap) {
   g_tapped = static_cast<bool>(g_tap);
 }
 
+bool wants(const LineView &place) {
+  return g_tapped.load(std::memory_order_relaxed) || service().wants(place);
+}
+
 void write(const LineView &line) {
   if (g_tapped.load(std::memory_order_acquire)) g_tap(line);
   if (!service().take(line)) to_stderr(line);
@@ -294,9 +245,12 @@ void write(const LineView &line) {
 
 void detail::host_line(Level level, const char *file, const char *function, int line, fmt::string_view format,
                        fmt::format_args args) {
+  LineView view{level, "kelim_host", file, function, line, {}};
+  if (!wants(view)) return;
   fmt::memory_buffer text;
   fmt::vformat_to(fmt::appender(text), format, args);
-  write({level, "kelim_host", file, function, line, {text.data(), text.size()}});
+  view.text = {text.data(), text.size()};
+  write(view);
 }
 
 }  // namespace host::log
@@ -314,16 +268,21 @@ struct qx_zlog_category *qx_zlog_init(const char *name) {
 void qxdf_zlog(struct qx_zlog_category *category, const char *file, size_t file_len, const char *func, size_t func_len, long line,
                int level, const char *format, ...) {
   if (category == nullptr || format == nullptr) return;
+  host::log::LineView view{level >= QX_ZLOG_ERROR ? host::log::Level::error : host::log::Level::debug,
+                           category->name,
+                           file != nullptr ? std::string_view(file, file_len) : std::string_view(),
+                           func != nullptr ? std::string_view(func, func_len) : std::string_view(),
+                           line,
+                           {}};
+  if (!host::log::wants(view)) return;
   char text[host::log::kLongestText];
   va_list args;
   va_start(args, format);
   const int n = vsnprintf(text, sizeof text, format, args);
   va_end(args);
-  std::string_view whole(text, n < 0 ? 0 : std::min(static_cast<size_t>(n), sizeof text - 1));
-  while (whole.ends_with('\n')) whole.remove_suffix(1);
-  host::log::write({level >= QX_ZLOG_ERROR ? host::log::Level::error : host::log::Level::debug, category->name,
-                    file != nullptr ? std::string_view(file, file_len) : std::string_view(),
-                    func != nullptr ? std::string_view(func, func_len) : std::string_view(), line, whole});
+  view.text = {text, n < 0 ? 0 : std::min(static_cast<size_t>(n), sizeof text - 1)};
+  while (view.text.ends_with('\n')) view.text.remove_suffix(1);
+  host::log::write(view);
 }
 
 int at_snprintf(char *buf, size_t size, const char *format, ...) {

@@ -1,9 +1,9 @@
 // The log service behind qx_zlog.h, and the host's own lines in category "kelim_host".
 //
 // A line is formatted and queued on the caller's thread and written by a thread of the service, so that a slow journal or
-// terminal does not stall the loop. The queue is bounded; what does not fit is counted and the count logged. Lines that repeat
-// within a second of the host's clock, those for debugging apart, are written once and then once more with their count. Threads:
-// any thread, except open and close.
+// terminal does not stall the loop. The queue is bounded; what does not fit is counted and the count logged. A source line writes
+// up to five different texts within a second of the host's clock; what it says more in that second is counted, and one line gives
+// the count. Lines for debugging are all written. Threads: any thread, except open and close.
 #pragma once
 
 #include <fmt/format.h>
@@ -44,6 +44,10 @@ bool is_open();
 
 // Returns once everything logged before is written, counts of repeated lines included.
 void flush();
+
+// Whether a line of that place, category and level will be written as far as its text does not matter; it is counted where its
+// source line has said enough. Asked before a text is formatted.
+bool wants(const LineView &place);
 
 // Logs a line; without an open service it goes to standard error.
 void write(const LineView &line);
