@@ -98,6 +98,10 @@ TEST_F(Config, MistakesInTheFileNameFileLineKeyAndWhatIsAllowed) {
       {"[[ports]]\nifx = 1\nname = 'a'\nspeed = 3\n", {"ports"}},
       {"[[ports]]\nifx = 1\nname = 'a'\ntype = 'radio'\n", {"ports", "ethernet, tunnel, router"}},
       {"[mom\n", {":1:"}},
+      {"# fine: \xc3\xa4\n[log]\nfile = '/\xff'\n", {":3:", "not UTF-8"}},
+      {"[log]\nfile = '/\xed\xa0\x80'\n", {":2:", "not UTF-8"}},
+      {"[log]\nfile = '/\xf4\x90\x80\x80'\n", {":2:", "not UTF-8"}},
+      {"[log]\nfile = '/\xc3", {":2:", "not UTF-8"}},
   };
   for (const auto &[text, words] : cases) {
     file(text);

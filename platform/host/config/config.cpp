@@ -5,7 +5,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <set>
 #include <sstream>
@@ -74,7 +76,11 @@ std::string apply_file(Draft &draft) {
   if (named == nullptr && access(kDefaultFile, F_OK) != 0) return "";
   if (access(file.c_str(), R_OK) != 0)
     return file + ": cannot be read: " + strerror(errno) + (named ? " (named by KELIM_CONF)" : "");
-  const toml::parse_result parsed = toml::parse_file(file);
+  const std::string text = (std::ostringstream() << std::ifstream(file).rdbuf()).str();
+  if (const std::size_t bad = not_utf8(text); bad != std::string::npos)
+    return file + ":" + std::to_string(1 + std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(bad), '\n')) +
+           ": a byte that is not UTF-8; the file must be UTF-8 text";
+  const toml::parse_result parsed = toml::parse(text, file);
   if (!parsed) {
     const toml::parse_error &error = parsed.error();
     return file + ":" + std::to_string(error.source().begin.line) + ": " + std::string(error.description());

@@ -40,4 +40,20 @@ inline std::string masked(std::string_view url) {
   return shown;
 }
 
+// Where `text` ceases to be UTF-8 (RFC 3629: shortest form, no surrogates, up to U+10FFFF); npos where it is all of it.
+inline std::size_t not_utf8(std::string_view text) {
+  const auto byte = [text](std::size_t at) { return at < text.size() ? static_cast<unsigned char>(text[at]) : 0u; };
+  for (std::size_t at = 0; at < text.size();) {
+    const unsigned first = byte(at), second = byte(at + 1);
+    const std::size_t more = first < 0x80 ? 0 : first < 0xc2 ? 4 : first < 0xe0 ? 1 : first < 0xf0 ? 2 : first < 0xf5 ? 3 : 4;
+    const bool too_long = (first == 0xe0 && second < 0xa0) || (first == 0xf0 && second < 0x90);
+    const bool no_character = (first == 0xed && second > 0x9f) || (first == 0xf4 && second > 0x8f);
+    if (more == 4 || too_long || no_character) return at;
+    for (std::size_t i = 1; i <= more; ++i)
+      if ((byte(at + i) & 0xc0) != 0x80) return at;
+    at += more + 1;
+  }
+  return std::string_view::npos;
+}
+
 }  // namespace host
