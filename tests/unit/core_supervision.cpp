@@ -4,6 +4,7 @@
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -56,6 +57,42 @@ class Health : public RuntimeTest {
 
   int fd_ = -1;
 };
+
+TEST_F(Health, AMarkerThatSomebodyElseHasPutThereDoesNotCount) {
+  const std::string marker = dir / "no_ham", file = dir / "file";
+  std::ofstream(file) << "";
+  std::filesystem::create_symlink(file, marker);
+  ASSERT_EQ(libss_fp_com_ham_init(marker.c_str(), nullptr), 0);
+  EXPECT_EQ(told(), "WATCHDOG=1");
+  EXPECT_EQ(told(), "READY=1");
+  const auto goes_on = [this] { return host::clock::warp(1s), told(); };
+  EXPECT_EQ(goes_on(), "WATCHDOG=1") << "a symbolic link";
+  std::filesystem::remove(marker);
+  std::filesystem::create_hard_link(file, marker);
+  EXPECT_EQ(goes_on(), "WATCHDOG=1") << "another name of some file";
+  std::filesystem::remove(file);
+  if (geteuid() == 0) {
+    ASSERT_EQ(chown(marker.c_str(), 65534, 65534), 0);
+    EXPECT_EQ(goes_on(), "WATCHDOG=1") << "another user's";
+    ASSERT_EQ(chown(marker.c_str(), 0, 0), 0);
+  }
+  EXPECT_EQ(goes_on(), "WATCHDOG_USEC=0");
+}
+
+// ---- single instance
+
+TEST_F(Health, AFileThatThePidFileLinksToIsNotTouched) {
+  const std::string target = dir / "precious", link = dir / "x.pid";
+  std::ofstream(target) << "precious";
+  std::filesystem::create_symlink(target, link);
+  testing::internal::CaptureStderr();
+  EXPECT_NE(libss_fp_com_check_run("/var/run/x.pid"), 0);
+  EXPECT_NE(testing::internal::GetCapturedStderr().find(link + " is a symbolic link"), std::string::npos);
+  EXPECT_EQ(std::filesystem::file_size(target), 8u);
+  std::filesystem::remove(link);
+  ASSERT_EQ(mkfifo(link.c_str(), 0600), 0);
+  EXPECT_NE(libss_fp_com_check_run("/var/run/x.pid"), 0);
+}
 
 TEST_F(Health, TheLoopFeedsTheWatchdogExceptWhileTheMarkerExists) {
   const std::string marker = dir / "no_ham";

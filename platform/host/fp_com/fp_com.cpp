@@ -1,13 +1,16 @@
 #include "libss_fp_com.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 #include <bsd/libutil.h>
 
 #include <cstdio>
+#include <fstream>
 #include <memory>
 #include <string>
 
@@ -25,22 +28,45 @@ namespace {
 
 constexpr int kCannotRun = 1;  // exit status
 
-struct PidFileDeleter {
-  void operator()(pidfh *file) const { pidfile_remove(file); }
+// The locked file with this process's number; it goes with its owner.
+class PidFile {
+ public:
+  PidFile(std::string path, int fd) : path_(std::move(path)), fd_(fd) {}
+  ~PidFile() {
+    struct stat there, ours;
+    if (lstat(path_.c_str(), &there) == 0 && fstat(fd_, &ours) == 0 && there.st_ino == ours.st_ino && there.st_dev == ours.st_dev)
+      unlink(path_.c_str());
+    close(fd_);
+  }
+  PidFile(const PidFile &) = delete;
+  PidFile &operator=(const PidFile &) = delete;
+
+  bool is_regular() const {
+    struct stat s;
+    return fstat(fd_, &s) == 0 && S_ISREG(s.st_mode);
+  }
+  bool write() const {
+    const std::string pid = std::to_string(getpid());
+    return ftruncate(fd_, 0) == 0 && pwrite(fd_, pid.data(), pid.size(), 0) == static_cast<ssize_t>(pid.size());
+  }
+
+ private:
+  std::string path_;
+  int fd_;
 };
 
-using PidFile = std::unique_ptr<pidfh, PidFileDeleter>;
-
 // Released with the runtime, or by exit() where the process ends without releasing it.
-PidFile g_pid_file;
+std::unique_ptr<PidFile> g_pid_file;
 
 std::string place_of(const std::string &pid_file) {
   if (!config().run_dir_set) return pid_file;
   return config().run_dir + "/" + pid_file.substr(pid_file.rfind('/') + 1);
 }
 
-std::string holder(pid_t pid) {
-  return pid > 0 ? "with pid " + std::to_string(pid) : std::string("that has not written its pid yet");
+std::string holder(const std::string &path) {
+  std::ifstream file(path);
+  pid_t pid = 0;
+  return file >> pid && pid > 0 ? "with pid " + std::to_string(pid) : std::string("that has not written its pid yet");
 }
 
 // "" or why this process must not run.
@@ -48,17 +74,26 @@ std::string take_pid_file(const std::string &pid_file) {
   if (std::string error = config_load(); !error.empty()) return error;
   if (std::string error = config().run_dir_set ? make_run_dir() : ""; !error.empty()) return error;
   const std::string path = place_of(pid_file);
-  pid_t other = -1;
-  PidFile file(pidfile_open(path.c_str(), 0644, &other));
-  if (!file && errno == EEXIST) return path + " is held by a running instance " + holder(other);
-  if (!file) return path + " cannot be taken: " + strerror(errno) + "; KELIM_RUN_DIR names another directory for it";
-  if (pidfile_write(file.get()) != 0) return path + " cannot be written: " + strerror(errno);
+  // A link would have some other file emptied.
+  const int fd = flopen(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644);
+  if (fd < 0 && errno == EWOULDBLOCK) return path + " is held by a running instance " + holder(path);
+  if (fd < 0 && errno == ELOOP) return path + " is a symbolic link; a pid file must be a regular file";
+  if (fd < 0) return path + " cannot be taken: " + strerror(errno) + "; KELIM_RUN_DIR names another directory for it";
+  auto file = std::make_unique<PidFile>(path, fd);
+  if (!file->is_regular()) return path + " is no regular file, which a pid file must be";
+  if (!file->write()) return path + " cannot be written: " + strerror(errno);
   g_pid_file = std::move(file);
   at_finish([] { g_pid_file.reset(); });
   return "";
 }
 
 // ---- health monitoring
+
+// Whether a marker is a file that root or this service's user has put there: in a directory for everybody, what others put there
+// must not count. Neither must a link to a file of theirs.
+bool is_ours(const struct stat &s) {
+  return S_ISREG(s.st_mode) && s.st_nlink == 1 && (s.st_uid == 0 || s.st_uid == geteuid());
+}
 
 // Feeds systemd's watchdog from the loop, so that a stuck loop is seen. While the marker file exists monitoring is off: systemd
 // is told to expect nothing, which lets somebody stop the process in a debugger.
@@ -67,7 +102,11 @@ class Watchdog {
   Watchdog(std::string marker, std::uint64_t period_us) : marker_(std::move(marker)), period_us_(period_us) {}
 
   void beat() {
-    const bool off = access(marker_.c_str(), F_OK) == 0;
+    struct stat s;
+    const bool there = lstat(marker_.c_str(), &s) == 0, off = there && is_ours(s), foreign = there && !off;
+    if (foreign && !foreign_)
+      log::warn("health monitoring stays on: {} is no regular file of root or of the user of this process", marker_);
+    foreign_ = foreign;
     if (off != off_) sd_notifyf(0, "WATCHDOG_USEC=%llu", static_cast<unsigned long long>(off ? 0 : period_us_));
     if (off != off_) log::info("health monitoring is {}: {} {}", off ? "off" : "on", marker_, off ? "exists" : "has gone");
     off_ = off;
@@ -79,6 +118,7 @@ class Watchdog {
   std::string marker_;
   std::uint64_t period_us_;
   bool off_ = false;
+  bool foreign_ = false;  // the marker is somebody else's
   Timer timer_{[this] { beat(); }};
 };
 
