@@ -128,6 +128,12 @@ TEST_F(Control, OnlyTheOwnerMayConnectAndTheSocketGoesWithTheRuntime) {
   EXPECT_EQ(ask(R"({"call":"list"})")["modules"], json::array()) << "commands went with the last runtime";
 }
 
+TEST_F(Control, TheSocketComesBackWhenTheRunDirectoryWasRemoved) {
+  std::filesystem::remove_all(dir.path());
+  EXPECT_TRUE(host::run_until([&] { return std::filesystem::exists(path()); }, kPatience));
+  EXPECT_EQ(ask(R"({"call":"list"})")["status"], 0);
+}
+
 TEST_F(Control, RequestsMayComeInPiecesAndInARowButNotWithoutEnd) {
   Client client;
   ASSERT_EQ(client.connect(path()), "");

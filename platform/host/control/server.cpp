@@ -8,6 +8,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "host/config/config.h"
 #include "host/log/log.h"
 #include "host/runtime/loop.h"
 
@@ -16,6 +17,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
+constexpr auto kLook = 1s;                             // between looks at the socket's file
 constexpr timeval kIdle{.tv_sec = 300, .tv_usec = 0};  // between requests
 constexpr timeval kStuck{.tv_sec = 60, .tv_usec = 0};  // without taking a byte of the answer
 
@@ -83,12 +85,26 @@ std::string LineServer::listen(const std::string &path) {
     return path + ": " + strerror(errno);
   }
   path_ = path;
+  look_.arm(kLook);
   // Out of descriptors: the waiting client would wake the loop over and over.
   evconnlistener_set_error_cb(listener_.get(), [](evconnlistener *l, void *self) {
     evconnlistener_disable(l);
     static_cast<LineServer *>(self)->listen_again_.arm(100ms);
   });
   return "";
+}
+
+// Somebody may have removed the run directory, or what is in it.
+void LineServer::look_after_socket() {
+  look_.arm(kLook);
+  if (access(path_.c_str(), F_OK) == 0 || errno != ENOENT) return;
+  std::string why = make_run_dir();
+  if (why.empty()) why = listen(path_);
+  if (why.empty())
+    log::warn("the control socket {} had gone and is there again", path_);
+  else if (!lost_)
+    log::error("the control socket {} has gone and cannot be made again: {}", path_, why);
+  lost_ = !why.empty();
 }
 
 void LineServer::accept(int fd) {

@@ -45,7 +45,8 @@ class LineServer {
   LineServer(const LineServer &) = delete;
   LineServer &operator=(const LineServer &) = delete;
 
-  // Listens on `path` (mode 0600), in place of a socket that nobody serves any more. "" or the error.
+  // Listens on `path` (mode 0600), in place of a socket that nobody serves any more, and again when the file has gone. "" or the
+  // error.
   std::string listen(const std::string &path);
 
  private:
@@ -54,6 +55,7 @@ class LineServer {
     void operator()(evconnlistener *l) const { evconnlistener_free(l); }
   };
 
+  void look_after_socket();
   void accept(int fd);
   void serve(Client &client);
   void answer(Client &client, const std::string &line);
@@ -64,6 +66,8 @@ class LineServer {
   std::string path_;
   std::list<Client> clients_;
   std::unique_ptr<evconnlistener, ListenerDeleter> listener_;
+  Timer look_{[this] { look_after_socket(); }};
+  bool lost_ = false;  // the socket's file has gone, and that has been said
   Timer listen_again_{[this] { evconnlistener_enable(listener_.get()); }};
 };
 
