@@ -29,6 +29,30 @@ class Lifecycle(e2e.Test):
                 self.assertEqual(running.stop(how), 0, running.output()[-3000:])
                 self.assertEqual(os.listdir(running.run_dir), ["output"])
 
+    def test_who_reads_nothing_stops_neither_service_nor_end(self):
+        running = daemon.Daemon(e2e.BIN, log_target="stderr", openflow_capacity=50000, programmer_size=50000)
+        self.addCleanup(running.__exit__)
+        running.process = running.spawn()  # both outputs in one pipe
+        self.addCleanup(running.process.stdout.close)
+        self.await_that(running.ready, "the daemon")
+        client = self.client(running)
+
+        def print_much(priority):
+            running.command("kelim_set_dbg", "dbg_val=0xff")
+            for number in range(3000):
+                client.add(number, priority=priority)
+                if number % 300 == 0:
+                    self.assertEqual(client.barrier(), [])
+            running.command("kelim_set_dbg", "dbg_val=0")
+
+        print_much(1)
+        os.set_blocking(running.process.stdout.fileno(), False)
+        seen = []
+        read = lambda: seen.append(running.process.stdout.buffer.read(1 << 20)) or b"bytes dropped" in b"".join(filter(None, seen))
+        self.await_that(read, "the number of bytes that were dropped")
+        print_much(2)
+        self.assertEqual(running.stop(), 0)
+
     def test_a_bad_setting_stops_the_start_with_its_name(self):
         cases = (
             ("ssc_kelim", "programmer_script", "explode=1", "KELIM_PROGRAMMER_SCRIPT"),

@@ -16,6 +16,7 @@
 
 #include "host/config/config.h"
 #include "host/fault/fault.h"
+#include "host/fp_com/stdout_guard.h"
 #include "host/log/log.h"
 #include "host/runtime/loop.h"
 #include "host/runtime/services.h"
@@ -151,7 +152,10 @@ extern "C" {
 int libss_fp_com_check_run(const char *pid_file) {
   if (pid_file == nullptr || host::fault::check(host::fault::Point::fp_com_check_run) != 0) return host::kCannotRun;
   const std::string error = host::take_pid_file(pid_file);
-  if (error.empty()) return 0;
+  if (error.empty()) {
+    host::guard_stdout();
+    return 0;
+  }
   std::fprintf(stderr, "%s: %s\n", program_invocation_short_name, error.c_str());
   return host::kCannotRun;
 }

@@ -32,6 +32,7 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr std::size_t kQueueLines = 8192;   // waiting for the writer
+constexpr auto kStuckTarget = 2s;           // without taking a line: nobody waits longer for it
 constexpr auto kCountsDue = 1s;             // the longest that counts wait for the next line
 constexpr std::size_t kLongestText = 2048;  // bytes of a printf-style line
 
@@ -43,24 +44,30 @@ class Service {
   bool wants(const LineView &place);
   bool take(const LineView &view);  // false while it is not open
   bool is_open();
+  bool is_stuck() const { return stuck_; }
 
  private:
   bool keeps(Level level) const;
   void expire(bool all);
+  template <typename Done>
+  bool wait_for_writer(std::unique_lock<std::mutex> &lock, Done done);
   void run();
   void write_out(const Line &line);
   void push(Line &&line);
 
   std::mutex mutex_;
   std::condition_variable work_;     // for the writer
-  std::condition_variable written_;  // for flush
+  std::condition_variable written_;  // for flush and close
   std::deque<Line> queue_;
   Repeats repeats_;
   std::uint64_t dropped_ = 0;
   bool open_ = false;
   bool busy_ = false;  // the writer holds lines of its own
   bool closing_ = false;
-  std::unique_ptr<spdlog::sinks::sink> sink_;
+  bool ended_ = false;                          // the writer has left
+  std::atomic<bool> stuck_{false};              // the writer did not leave in time
+  std::unique_ptr<spdlog::sinks::sink> sink_;   // the writer's while it runs
+  std::atomic<std::uint64_t> lines_out_{0};
   std::atomic<Level> threshold_{Level::debug};
   std::atomic<bool> off_{false};
   std::thread writer_;
@@ -101,6 +108,8 @@ std::string Service::open(const Config &config, const std::string &ident) {
   std::lock_guard lock(mutex_);
   open_ = true;
   closing_ = false;
+  ended_ = false;
+  stuck_ = false;
   writer_ = start_quietly([this] { run(); });
   return "";
 }
@@ -114,8 +123,17 @@ void Service::close() {
     closing_ = true;
   }
   work_.notify_one();
-  writer_.join();
-  sink_.reset();
+  // Standard error may be a pipe that nobody reads: then the writer never comes back, and is left behind with its sink.
+  std::unique_lock lock(mutex_);
+  if (wait_for_writer(lock, [this] { return ended_; })) {
+    lock.unlock();
+    writer_.join();
+    sink_.reset();
+  } else {
+    stuck_ = true;
+    writer_.detach();
+    static_cast<void>(sink_.release());
+  }
 }
 
 void Service::flush() {
@@ -123,7 +141,15 @@ void Service::flush() {
   if (!open_) return;
   expire(true);
   work_.notify_one();
-  written_.wait(lock, [this] { return queue_.empty() && !busy_; });
+  wait_for_writer(lock, [this] { return queue_.empty() && !busy_; });
+}
+
+// False when the target takes nothing any more.
+template <typename Done>
+bool Service::wait_for_writer(std::unique_lock<std::mutex> &lock, Done done) {
+  for (std::uint64_t before = lines_out_; !written_.wait_for(lock, kStuckTarget, done); before = lines_out_)
+    if (lines_out_ == before) return false;
+  return true;
 }
 
 bool Service::keeps(Level level) const {
@@ -176,13 +202,20 @@ void Service::run() {
       work_.wait_for(lock, kCountsDue, something);
       expire(false);
     }
-    if (queue_.empty() && closing_) return;
+    if (queue_.empty() && closing_) {
+      ended_ = true;
+      written_.notify_all();
+      return;
+    }
     std::deque<Line> lines;
     lines.swap(queue_);
     const std::uint64_t dropped = std::exchange(dropped_, 0);
     busy_ = true;
     lock.unlock();
-    for (const Line &line : lines) write_out(line);
+    for (const Line &line : lines) {
+      write_out(line);
+      ++lines_out_;
+    }
     if (dropped > 0) {
       const std::string text = std::to_string(dropped) + " lines dropped: the log target is too slow";
       write_out(Line({Level::warning, "kelim_host", __FILE__, __func__, __LINE__, text}));
@@ -240,7 +273,7 @@ bool wants(const LineView &place) {
 
 void write(const LineView &line) {
   if (g_tapped.load(std::memory_order_acquire)) g_tap(line);
-  if (!service().take(line)) to_stderr(line);
+  if (!service().take(line) && !service().is_stuck()) to_stderr(line);
 }
 
 void detail::host_line(Level level, const char *file, const char *function, int line, fmt::string_view format,

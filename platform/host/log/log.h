@@ -37,12 +37,14 @@ struct LineView {
 // Opens the service as configured, under the process name `ident`. "" or the error. Loop's thread.
 std::string open(const Config &config, const std::string &ident);
 
-// Writes what is queued and the counts of repeated lines, and ends the service. Loop's thread.
+// Writes what is queued and the counts of repeated lines, and ends the service. A target that takes nothing for two seconds costs
+// the lines that are left. Loop's thread.
 void close();
 
 bool is_open();
 
-// Returns once everything logged before is written, counts of repeated lines included.
+// Returns once everything logged before is written, counts of repeated lines included, or the target takes nothing for two
+// seconds.
 void flush();
 
 // Whether a line of that place, category and level will be written as far as its text does not matter; it is counted where its
