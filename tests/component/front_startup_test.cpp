@@ -1,12 +1,16 @@
 // Start-up, reconnection, the event timer, the watchers of install results, and where log lines go.
 #include <unistd.h>
 
+#include <filesystem>
+#include <fstream>
 #include <regex>
 
 #include "component/flow_world.h"
 #include "host/log/log.h"
 #include "host/mom/testing.h"
 #include "host/of_ss/testing.h"
+#include "host/runtime/loop.h"
+#include "host/runtime/services.h"
 #include "ssc_kelim/main.h"
 #include "ssc_kelim/sdn/ssc_kelim_init.h"
 
@@ -96,6 +100,40 @@ TEST_F(Front, EveryStepReportsItsFailureAndEndsTheChain) {
   host::fault::fail(point, -1, skip);
   alarm(static_cast<unsigned>(kPatience.count()));
   std::exit(ssc_kelim_main());
+}
+
+bool openflow_runs() {
+  for (const auto &thread : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::string name;
+    if (std::ifstream(thread.path() / "comm") >> name && name == "openflow") return true;
+  }
+  return false;
+}
+
+void leave_once_openflow_runs() {
+  if (openflow_runs()) ssc_kelim_udp_reconnect_cb(nullptr, kUdpDb, 1);
+  host::post(leave_once_openflow_runs);
+}
+
+// The process with a running agent, which reads the configuration, finding another server. What is registered first is called
+// last: by then the thread must have ended.
+[[noreturn]] void leave_with_an_agent(const TempDir &run_dir) {
+  std::atexit([] {
+    // A thread that was joined may show for another moment.
+    const auto limit = std::chrono::steady_clock::now() + 2s;
+    while (openflow_runs())
+      if (std::chrono::steady_clock::now() > limit) _exit(1);
+  });
+  setenv("KELIM_RUN_DIR", run_dir.path().c_str(), 1);
+  setenv("KELIM_OPENFLOW_LISTEN", "ptcp:127.0.0.1:0", 1);
+  host::at_start("test", [](qx_global *) { return host::post(leave_once_openflow_runs), 0; });
+  alarm(static_cast<unsigned>(kPatience.count()));
+  std::exit(ssc_kelim_main());
+}
+
+TEST(ExitDeathTest, NoThreadReadsWhatTheEndDestroys) {
+  const TempDir dir;
+  EXPECT_EXIT(leave_with_an_agent(dir), testing::ExitedWithCode(77), "");
 }
 
 TEST(ExitDeathTest, AProcessThatCannotWorkOrFindsAnotherServerEndsToBeStartedAgain) {

@@ -65,6 +65,10 @@ Agent::Agent(const Callbacks &callbacks, Inbox &inbox, Settings settings, LookUp
 }
 
 Agent::~Agent() {
+  stop();
+}
+
+void Agent::stop() {
   if (!thread_.joinable()) return;
   inbox_.post([this] { event_base_loopbreak(base_.get()); });
   thread_.join();

@@ -99,6 +99,8 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   void start();
   // How far the agent may be ahead of the loop; to be told of drains and answers.
   Pace &pace() { return pace_; }
+  // Ends the thread, after the turn that it is in; the rest stays as it is.
+  void stop();
 
   // ---- any thread
 

@@ -4,6 +4,7 @@
 #include <array>
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <mutex>
 #include <nlohmann/json.hpp>
@@ -41,7 +42,7 @@ constexpr auto kRetry = std::chrono::seconds(1);
 // Loop's thread.
 qx_global *global_handle = nullptr;
 Callbacks registered;
-// Neither this nor the inbox is destroyed by exit(), with which the daemon may leave: the openflow thread runs until the end.
+// Neither this nor the inbox is destroyed by exit(), with which the daemon may leave: other threads use them until the end.
 auto &agent = *new std::unique_ptr<Agent>;
 std::unique_ptr<Audit> audit;
 bool translations_known = false;           // database 4 has been there
@@ -165,6 +166,10 @@ void start_agent() {
     if (agent) agent->pace().drained();
   });
   agent->start();
+  // exit() destroys what this thread reads, such as the configuration.
+  [[maybe_unused]] static const int registered_once = std::atexit([] {
+    if (agent) agent->stop();
+  });
   audit = std::make_unique<Audit>(global_handle, *agent,
                                   Audit::Options{std::chrono::seconds(openflow.audit_interval_s), openflow.audit_repair});
 }
