@@ -23,7 +23,7 @@ class Controllers(e2e.Test):
         shown = running.command("show-cnt", module="ssc_kelim_proxy")
         return tuple(map(int, re.search(rf"\b{label} +([\d ]+)", shown).group(1).split()))
 
-    def test_endpoints_come_and_go_while_it_runs_and_with_the_last_all_that_was_asked_for(self):
+    def test_endpoints_come_and_go_while_it_runs_and_what_was_asked_for_stays_without_any(self):
         running = daemon.Daemon(e2e.BIN)
         running.environment["KELIM_CONF"] = f"{running.run_dir}/host.toml"
         del running.environment["KELIM_OPENFLOW_LISTEN"]
@@ -49,12 +49,15 @@ class Controllers(e2e.Test):
                 client.barrier()
             self.assertEqual(second.barrier(), [])
             self.assertEqual(left(), (50, 1))
-            self.listen(running)
-            self.await_that(lambda: left() == (0, 0), "an empty database")
-        self.assertEqual(running.ask_json("flows")["flows"] + running.ask_json("controllers")["endpoints"], [])
-        self.assertEqual(self.counted(running, "DEL_ALL")[0], 1)
+            self.assertIn("flows and meters stay", self.listen(running).stdout)
+        self.assertEqual(running.ask_json("controllers")["endpoints"], [])
+        self.assertEqual((left(), len(running.ask_json("flows")["flows"])), ((50, 1), 50))
         self.listen(running, running.port)
         self.assertEqual(self.client(running).barrier(), [])
+        self.assertEqual(left(), (50, 1))
+        running.command("forget_everything", module="of_ss")
+        self.await_that(lambda: left() == (0, 0), "an empty database")
+        self.assertEqual((running.ask_json("flows")["flows"], self.counted(running, "DEL_ALL")[0]), ([], 1))
 
     def test_it_says_what_has_become_of_each_endpoint(self):
         taken, nobody = socket.create_server(("127.0.0.1", 0)), daemon.Port()

@@ -29,6 +29,15 @@ class Lifecycle(e2e.Test):
                 self.assertEqual(running.stop(how), 0, running.output()[-3000:])
                 self.assertEqual(os.listdir(running.run_dir), ["output"])
 
+    def test_a_hangup_reloads_and_ends_neither_process(self):
+        running = self.system()
+        (running.run_dir / "host.toml").write_text("")
+        for name, said in (("ssc_kelim", f"reload: controllers: ptcp:127.0.0.1:{running.port}"),
+                           ("kelim-programmer", "reload: kelim-programmer has nothing to reload")):
+            running.signal(name, signal.SIGHUP)
+            self.await_that(lambda: said in running.output(), said)
+            self.assertEqual(len(running.pids(name)), 1)
+
     def test_who_reads_nothing_stops_neither_service_nor_end(self):
         running = daemon.Daemon(e2e.BIN, log_target="stderr", openflow_capacity=50000, programmer_size=50000)
         self.addCleanup(running.__exit__)

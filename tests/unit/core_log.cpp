@@ -4,6 +4,7 @@
 #include <fstream>
 
 #include "host/log/log.h"
+#include "host/runtime/reload.h"
 #include "qx_zlog.h"
 #include "support/runtime_fixture.h"
 
@@ -121,6 +122,18 @@ TEST_F(Log, ManyPlacesAreAllKeptAndCountsOfOldOnesComeOut) {
   EXPECT_EQ(all.size(), 2002u);
   const auto count = std::find(all.begin(), all.end(), "error   policy_error first (repeated 1 time)  (app/a.cpp:7 run)");
   EXPECT_LT(count - all.begin(), 1000) << "only so many places are watched at a time";
+}
+
+TEST_F(Log, AReloadGoesOnInANewFileUnderTheSameName) {
+  zlog(QX_ZLOG_ERROR, "before");
+  host::log::flush();
+  std::filesystem::rename(dir / "test.log", dir / "moved.log");
+  std::vector<std::string> told;
+  EXPECT_EQ(host::reload(&told), 0);
+  EXPECT_EQ(told, std::vector<std::string>{"the log file " + (dir / "test.log") + " is opened anew"});
+  zlog(QX_ZLOG_ERROR, "after");
+  EXPECT_EQ(lines().back(), "error   policy_error after  (app/a.cpp:7 run)");
+  EXPECT_EQ(lines("moved.log").size(), 1u);
 }
 
 class QuietLog : public Log {

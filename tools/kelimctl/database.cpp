@@ -2,6 +2,7 @@
 
 #include <array>
 #include <chrono>
+#include <csignal>
 #include <filesystem>
 
 #include "host/config/config.h"
@@ -44,6 +45,7 @@ class InServer final : public Database {
     for (const auto &[key, value] : settings) check(host::config_set(key, value));
     global_ = qx_global_init("kelimctl", nullptr);
     if (!global_) throw Problem(kFailed, "cannot work with " + url);
+    std::signal(SIGHUP, SIG_DFL);  // nothing to reload here: it ends with its terminal
   }
   ~InServer() override { qx_global_finish(global_); }
   InServer(const InServer &) = delete;

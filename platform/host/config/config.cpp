@@ -199,6 +199,13 @@ void config_reset() {
   current() = defaults().config;
 }
 
+std::vector<std::string> config_changes(Config a, Config b) {
+  std::vector<std::string> changed;
+  for (const Row &row : keys::all())
+    if (!keys::same(row, a, b)) changed.push_back(keys::name(row));
+  return changed;
+}
+
 std::vector<ConfigKey> config_keys() {
   std::vector<ConfigKey> keys;
   for (const Row &row : keys::all())

@@ -108,6 +108,9 @@ std::string config_load();
 // Reads everything anew into `fresh`; the configuration in force stays as it is. "" or the line as of config_load. Loop's thread.
 std::string config_reread(Config &fresh);
 
+// The names of the keys, such as "mom.url", whose values differ.
+std::vector<std::string> config_changes(Config a, Config b);
+
 // Forgets what was loaded, so that the next load reads again. What config_set gave stays.
 void config_unload();
 

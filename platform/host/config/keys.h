@@ -50,6 +50,9 @@ std::string name(const Row &row);      // "openflow.listen"
 std::string variable(const Row &row);  // "KELIM_OPENFLOW_LISTEN"
 std::string allowed(const Row &row);   // for people
 
+// Whether the key has the same value in both.
+bool same(const Row &row, Config &a, Config &b);
+
 // Whether a text, or one text of a list, is allowed.
 bool fits(const Row &row, const std::string &text);
 

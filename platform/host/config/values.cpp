@@ -158,6 +158,11 @@ bool set_node(const Row &row, const toml::node &node, Config &c) {
       row.at(c));
 }
 
+bool same(const Row &row, Config &a, Config &b) {
+  const Value in_b = row.at(b);
+  return std::visit([&in_b](auto *value) { return *value == **std::get_if<decltype(value)>(&in_b); }, row.at(a));
+}
+
 // ---- for people
 
 std::string allowed(const Row &row) {

@@ -21,6 +21,7 @@
 #include "host/fault/fault.h"
 #include "host/log/repeats.h"
 #include "host/log/sinks.h"
+#include "host/runtime/reload.h"
 
 struct qx_zlog_category {
   std::string name;
@@ -40,6 +41,7 @@ class Service {
  public:
   std::string open(const Config &config, const std::string &ident);
   void close();
+  Reloaded reopen();
   void flush();
   bool wants(const LineView &place);
   bool take(const LineView &view);  // false while it is not open
@@ -67,6 +69,7 @@ class Service {
   bool ended_ = false;                          // the writer has left
   std::atomic<bool> stuck_{false};              // the writer did not leave in time
   std::unique_ptr<spdlog::sinks::sink> sink_;   // the writer's while it runs
+  std::unique_ptr<spdlog::sinks::sink> fresh_;  // takes its place before the next line
   std::atomic<std::uint64_t> lines_out_{0};
   std::atomic<Level> threshold_{Level::debug};
   std::atomic<bool> off_{false};
@@ -110,6 +113,7 @@ std::string Service::open(const Config &config, const std::string &ident) {
   closing_ = false;
   ended_ = false;
   stuck_ = false;
+  fresh_.reset();
   writer_ = start_quietly([this] { run(); });
   return "";
 }
@@ -134,6 +138,20 @@ void Service::close() {
     writer_.detach();
     static_cast<void>(sink_.release());
   }
+}
+
+// A file that was moved away goes on under its name.
+Reloaded Service::reopen() {
+  const Config::Log &key = config().log;
+  if (key.target != "file") return {};
+  try {
+    auto sink = make_sink(key, "");
+    std::lock_guard lock(mutex_);
+    fresh_ = std::move(sink);
+  } catch (const spdlog::spdlog_ex &e) {
+    return {.text = std::string("log.file cannot be opened anew: ") + e.what(), .done = false};
+  }
+  return {.text = "the log file " + key.file + " is opened anew"};
 }
 
 void Service::flush() {
@@ -211,6 +229,7 @@ void Service::run() {
     lines.swap(queue_);
     const std::uint64_t dropped = std::exchange(dropped_, 0);
     busy_ = true;
+    if (fresh_) sink_ = std::move(fresh_);
     lock.unlock();
     for (const Line &line : lines) {
       write_out(line);
@@ -247,7 +266,9 @@ void Service::write_out(const Line &line) {
 
 std::string open(const Config &config, const std::string &ident) {
   static const int at_exit = std::atexit(close);  // for a process that ends without releasing its runtime
-  return at_exit == 0 ? service().open(config, ident) : "out of memory";
+  if (at_exit != 0) return "out of memory";
+  at_reload({.keys = {}, .take = [](const Config &) { return service().reopen(); }});
+  return service().open(config, ident);
 }
 
 void close() {

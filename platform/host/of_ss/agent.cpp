@@ -106,7 +106,6 @@ void Agent::main() {
   pthread_setname_np(pthread_self(), "openflow");
   flows_.handover().connected();
   flows_.handover().configure_reports(settings_.report_cells, kReportPeriodSeconds);
-  if (settings_.controllers.empty()) forget_everything();
   for (const auto &dialer : dialers_) dialer->dial();
   turn_done();
   event_base_dispatch(base_.get());
@@ -192,7 +191,6 @@ void Agent::reconfigure(Settings fresh) {
   }
   settings_.controllers.swap(fresh.controllers);
   settings_.unusable.swap(fresh.unusable);
-  if (settings_.controllers.empty() && !fresh.controllers.empty()) forget_everything();
 }
 
 void Agent::close_endpoints_but(const std::vector<std::string> &wanted) {
@@ -206,9 +204,8 @@ void Agent::close_endpoints_but(const std::vector<std::string> &wanted) {
   std::erase_if(dialers_, [&unwanted](const auto &dialer) { return unwanted(dialer->target()); });
 }
 
-// No controller is configured any more, so nobody asks for what is there.
 void Agent::forget_everything() {
-  log::info("no controller is configured: {} flows and {} meters are given up", flows_.table().size(), meters_.all().size());
+  log::info("asked to forget everything: {} flows and {} meters are given up", flows_.table().size(), meters_.all().size());
   meters_.forget();
   flows_.remove_everything();
 }

@@ -118,8 +118,10 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   // ---- on the openflow thread
 
   // The configuration has changed: takes over its endpoints and certificates, leaves the rest as it was. Endpoints that are no
-  // longer configured end with their connections; with the last of them everything that controllers asked for goes.
+  // longer configured end with their connections; what controllers asked for stays, also without any endpoint.
   void reconfigure(Settings fresh);
+  // Deletes every flow and meter.
+  void forget_everything();
   // Whether packets to the controllers may flow, whatever roles they have; nothing: by their roles again.
   void force_packets(std::optional<bool> flow);
   // Hands everything to the daemon again, which forgets the flows that are not among it.
@@ -185,7 +187,6 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   void open(const Endpoint &endpoint);
   bool is_open(const std::string &endpoint) const;
   void close_endpoints_but(const std::vector<std::string> &wanted);
-  void forget_everything();
   void main();
   void look_at_clock();
   void new_turn();

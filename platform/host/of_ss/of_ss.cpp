@@ -26,6 +26,7 @@
 #include "host/of_ss/views.h"
 #include "host/runtime/loop.h"
 #include "host/runtime/owner_timer.h"
+#include "host/runtime/reload.h"
 #include "host/runtime/services.h"
 #include "host/runtime/timer.h"
 #include "s_policy_kelim.pb-c.h"
@@ -165,11 +166,11 @@ void start_agent() {
   after_owner_timer([] {
     if (agent) agent->pace().drained();
   });
-  agent->start();
   // exit() destroys what this thread reads, such as the configuration.
   [[maybe_unused]] static const int registered_once = std::atexit([] {
     if (agent) agent->stop();
   });
+  agent->start();
   audit = std::make_unique<Audit>(global_handle, *agent,
                                   Audit::Options{std::chrono::seconds(openflow.audit_interval_s), openflow.audit_repair});
 }
@@ -190,17 +191,28 @@ int on_agent(std::function<void(Agent &)> work) {
   return agent && agent->run(std::move(work)) ? 0 : -1;
 }
 
-int reload(const std::int64_t *, std::uint32_t) {
-  Config fresh;
-  if (const std::string error = config_reread(fresh); !error.empty()) {
-    std::printf("%s\nNothing is changed.\n", error.c_str());
-    return -4;
-  }
+// What the agent takes over while it runs.
+Reloaded take_over(const Config &fresh) {
   reloaded = fresh.openflow;
   Settings settings = settings_from(*reloaded);
-  for (const std::string &controller : settings.controllers) std::printf("%s\n", controller.c_str());
-  if (settings.controllers.empty()) std::printf("No controller is configured; all flows and meters are deleted.\n");
-  return agent ? on_agent([&settings](Agent &a) { a.reconfigure(std::move(settings)); }) : 0;
+  std::string controllers;
+  for (const std::string &controller : settings.controllers) controllers += " " + controller;
+  if (agent && on_agent([&settings](Agent &a) { a.reconfigure(std::move(settings)); }) != 0)
+    return {.text = "the OpenFlow service library is too busy to change its controllers", .done = false};
+  if (controllers.empty())
+    return {.text = "no controller is configured; flows and meters stay (kelimctl cmd of_ss forget_everything deletes them)"};
+  return {.text = "controllers:" + controllers};
+}
+
+int reload_all(const std::int64_t *, std::uint32_t) {
+  std::vector<std::string> lines;
+  const int rv = reload(&lines);
+  for (const std::string &line : lines) std::printf("%s\n", line.c_str());
+  return rv;
+}
+
+int forget_everything(const std::int64_t *, std::uint32_t) {
+  return on_agent([](Agent &a) { a.forget_everything(); });
 }
 
 template <int Flow>
@@ -212,8 +224,11 @@ struct Command {
   const char *name;
   ssat_handler handler;
 };
-constexpr Command kCommands[] = {
-    {"reload", reload}, {"pkt_start", packets<1>}, {"pkt_end", packets<0>}, {"pkt_by_role", packets<-1>}};
+constexpr Command kCommands[] = {{"reload", reload_all},
+                                 {"forget_everything", forget_everything},
+                                 {"pkt_start", packets<1>},
+                                 {"pkt_end", packets<0>},
+                                 {"pkt_by_role", packets<-1>}};
 
 // The library works without them.
 void register_commands() {
@@ -314,6 +329,9 @@ int ss_of_init(qx_global *global) {
     return audit->view();
   });
   register_commands();
+  host::at_reload({.keys = {"openflow.listen", "openflow.connect", "openflow.tls_cert", "openflow.tls_key", "openflow.tls_ca",
+                            "openflow.tls_verify"},
+                   .take = take_over});
   host::at_finish([] {
     retry_timer().cancel();
     look_timer().cancel();

@@ -26,6 +26,7 @@
 #include "host/programming/embedded.h"
 #include "host/runtime/loop.h"
 #include "host/runtime/owner_timer.h"
+#include "host/runtime/reload.h"
 #include "host/runtime/services.h"
 #include "host/runtime/timer_queue.h"
 
@@ -125,6 +126,7 @@ struct Runtime {
   EventPtr mail;
   EventPtr terminate;
   EventPtr interrupt;
+  EventPtr hangup;
   TimerQueue timers{base.get()};
   qx_thread_master master{base.get()};
   qx_global global{this, &master};
@@ -173,6 +175,8 @@ Runtime::Runtime(const char *runtime_name) : name(runtime_name) {
   mail = added(event_new(base.get(), mailbox().wake_fd, EV_READ | EV_PERSIST, read_mail, nullptr));
   terminate = added(evsignal_new(base.get(), SIGTERM, end_loop, nullptr));
   interrupt = added(evsignal_new(base.get(), SIGINT, end_loop, nullptr));
+  hangup = added(evsignal_new(
+      base.get(), SIGHUP, [](evutil_socket_t, short, void *) { reload(); }, nullptr));
   g_stop = false;
   g_handed_over = false;
   g_loop_thread = std::this_thread::get_id();
