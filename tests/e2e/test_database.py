@@ -152,6 +152,17 @@ class DatabaseInRedis(Database):
         self.assertEqual(client.barrier(), [])
         self.await_that(lambda: self.left() == ([2, 2, 0, 0, 0, 0], 2), "both flows")
 
+    def test_a_value_of_another_type_hides_no_other(self):
+        keys = [self.add(1), self.add(2), self.add(3)]
+        for kind, key in (("flow", keys[0]), ("flow_sta", keys[1])):
+            e2e.redis(self.running.socket, "DEL", f"s_policy_kelim.{kind}:{key}")
+            e2e.redis(self.running.socket, "RPUSH", f"s_policy_kelim.{kind}:{key}", "x")
+        shown = self.running.ask_json("flows")
+        rows = {f"{row['index']}:0": (row["stored"], row["answer"]) for row in shown["flows"]}
+        self.assertEqual(rows, dict(zip(keys, ((False, "INSTALLED"), (True, None), (True, "INSTALLED")))))
+        self.assertEqual(shown["skipped"], 2)
+        self.assertIn("2 stored values are none of ours", self.running.ask("flows"))
+
     def test_the_server_is_asked_itself(self):
         key = self.add(1)
         own = self.running.ask_json("mom", "get", "flow", key)

@@ -56,6 +56,12 @@ std::string cut_note(std::size_t shown, const Json &data) {
   return std::to_string(shown) + " of " + std::to_string(total) + " shown; --limit gives more\n";
 }
 
+std::string skipped_note(const Json &data) {
+  const std::size_t skipped = data.value("skipped", std::size_t{0});
+  return skipped == 0 ? ""
+                      : std::to_string(skipped) + " stored values are none of ours and were skipped; the log names the first.\n";
+}
+
 // "flow" -> "s_policy_kelim.flow": the package of nearly every type may be left out.
 std::string full_type(const std::string &name) {
   return name.find('.') == std::string::npos ? "s_policy_kelim." + name : name;
@@ -67,8 +73,9 @@ constexpr int kFlowDb = 8;  // flows, meters and what is said of them
 
 using Records = std::map<std::string, Json>;
 
-// Of the records of a type those that are stored under `keys`, by key. In parts, between which the daemon does its work.
-Records stored(Link &link, const std::string &type, const std::vector<std::string> &keys) {
+// Of the records of a type those that are stored under `keys`, by key. In parts, between which the daemon does its work. Adds to
+// `skipped` how many values are of some other type.
+Records stored(Link &link, const std::string &type, const std::vector<std::string> &keys, std::size_t &skipped) {
   constexpr std::size_t kPart = 100;
   const std::string prefix = full_type(type) + ":";
   Records records;
@@ -76,6 +83,7 @@ Records stored(Link &link, const std::string &type, const std::vector<std::strin
     Json part = Json::array();
     for (std::size_t i = at; i < std::min(at + kPart, keys.size()); ++i) part.push_back(prefix + keys[i]);
     const Json found = link.view("mom", {{"op", "get"}, {"key", part}, {"db", kFlowDb}});
+    skipped += found.value("skipped", std::size_t{0});
     for (const Json &object : found.value("objects", Json::array()))
       records[object.value("key", "").substr(prefix.size())] = object.value("record", Json::object());
   }
@@ -115,11 +123,11 @@ bool is_whole(const Json &list, const char *member) {
 }
 
 // The rows, joined with what is stored, what the programming service said and what was counted.
-Json joined(Link &link, const Rows &rows) {
+Json joined(Link &link, const Rows &rows, std::size_t &skipped) {
   std::vector<std::string> keys;
   for (const auto &[key, row] : rows) keys.push_back(key);
-  const Records flows = stored(link, "flow", keys), answers = stored(link, "flow_sta", keys),
-                counters = stored(link, "flow_counter", keys);
+  const Records flows = stored(link, "flow", keys, skipped), answers = stored(link, "flow_sta", keys, skipped),
+                counters = stored(link, "flow_counter", keys, skipped);
   Json all = Json::array();
   for (auto [key, row] : rows) {
     row["stored"] = flows.contains(key);
@@ -141,7 +149,9 @@ Json flows_data(Link &link, const ViewOptions &options) {
   for (const Json &flow : data.value("flows", Json::array())) rows.emplace_back(cell(flow, "index") + ":0", flow);
   data["whole"] = is_whole(data, "flows") && is_whole(kept, "objects");
   if (data["whole"]) add_not_asked(rows, kept);
-  data["flows"] = joined(link, rows);
+  std::size_t skipped = 0;
+  data["flows"] = joined(link, rows, skipped);
+  data["skipped"] = skipped;
   return data;
 }
 
@@ -159,7 +169,7 @@ std::string flows_text(const Json &data) {
   };
   const Json rows = data.value("flows", Json::array());
   const Json failures = data.value("failures", Json::array());
-  std::string text = list_text(rows, members, "No flows.") + cut_note(rows.size(), data);
+  std::string text = list_text(rows, members, "No flows.") + cut_note(rows.size(), data) + skipped_note(data);
   if (!data.value("whole", true)) text += "Flows that are stored and nobody asked for are not among them: the lists are cut.\n";
   if (!failures.empty()) {
     text += "\nFailed after they had been accepted, the last ones:\n" + list_text(failures,
@@ -191,7 +201,9 @@ Json meters_data(Link &link, const ViewOptions &) {
   const auto key_of = [](const Json &meter) { return cell(meter, "meter") + ":0"; };
   std::vector<std::string> keys;
   for (const Json &meter : data["meters"]) keys.push_back(key_of(meter));
-  const Records answers = stored(link, "meter", keys);
+  std::size_t skipped = 0;
+  const Records answers = stored(link, "meter", keys, skipped);
+  data["skipped"] = skipped;
   for (Json &meter : data["meters"]) meter["answer"] = answer_in(answers, key_of(meter));
   return data;
 }
@@ -202,7 +214,8 @@ std::string meters_text(const Json &data) {
                     {{"BANDS", false, true}, "bands", bands_text},
                     {{"ANSWER"}, "answer"},
                     {{"AGE s", true}, "age_s", decimals}},
-                   "No meters.");
+                   "No meters.") +
+         skipped_note(data);
 }
 
 Json controllers_data(Link &link, const ViewOptions &) {

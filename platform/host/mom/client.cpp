@@ -136,7 +136,7 @@ int qx_mom_get_sync(qx_global *global, int32_t db, const ProtobufCMessage *recor
   if (call.code) return call.code;
   if (!out) return kMalformed;
   std::vector<uint8_t> packed;
-  if (const int rv = hub()->store().get_sync(*call.slot, *call.key, packed)) return rv;
+  if (const int rv = hub()->store().get_sync(*call.slot, *call.key, packed)) return rv == Store::kForeign ? -1 : rv;
   *out = hub()->make_object(*call.slot, *call.key, packed);
   return *out ? 0 : -1;
 }

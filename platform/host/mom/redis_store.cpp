@@ -438,7 +438,7 @@ int RedisStore::get_sync(Slot &slot, const Key &key, std::vector<uint8_t> &packe
   const std::string_view value = text_of(reply.get());
   if (reply->type != REDIS_REPLY_STRING || value.size() < kTagSize) {
     hub_.skip("the value is none of ours", object);
-    return -1;
+    return kForeign;
   }
   const Bytes bytes = as_bytes(value.substr(kTagSize));
   packed.assign(bytes.begin(), bytes.end());

@@ -45,6 +45,8 @@ class Store {
   virtual int del_expire(Slot &slot, const Key *key) = 0;
   virtual int del_expire_tag(Slot &slot, int64_t tag) = 0;
 
+  // -7 when there is none, kForeign when what is stored there is no value of ours.
+  static constexpr int kForeign = -8;
   virtual int get_sync(Slot &slot, const Key &key, std::vector<uint8_t> &packed) = 0;
   // In key order. Objects that the visitor adds are not visited, those that it deletes first neither.
   virtual int scan_sync(Slot &slot, const Visitor &visit) = 0;

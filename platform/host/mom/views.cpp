@@ -123,8 +123,7 @@ Json object_json(const Database &db, const RecordType &type, const Key &key) {
 }
 
 void must_have_answered(const Database &db, int rv) {
-  if (rv == -1)
-    throw std::runtime_error("database " + std::to_string(db.number) + " does not answer, or its value is none of ours");
+  if (rv == -1) throw std::runtime_error("database " + std::to_string(db.number) + " does not answer");
 }
 
 Json list(Hub &hub, const nlohmann::json &args, bool with_records) {
@@ -148,8 +147,8 @@ Json list(Hub &hub, const nlohmann::json &args, bool with_records) {
   return {{"objects", std::move(objects)}, {"total", total}};
 }
 
-// Puts what is stored under the key into `objects`.
-void get_one(Hub &hub, const nlohmann::json &args, const std::string &text, Json &objects) {
+// Puts what is stored under the key into `objects`; what is no value of ours is only counted.
+void get_one(Hub &hub, const nlohmann::json &args, const std::string &text, Json &objects, size_t &skipped) {
   const RecordType &type = type_argument(text.substr(0, text.find(':')));
   const auto key = type.parse(text);
   if (!key) throw Refusal("'" + text + "' is no key of " + std::string(type.name()));
@@ -157,6 +156,7 @@ void get_one(Hub &hub, const nlohmann::json &args, const std::string &text, Json
     std::vector<uint8_t> packed;
     const int rv = hub.store().get_sync(hub.slot(db, type), *key, packed);
     must_have_answered(db, rv);
+    skipped += rv == Store::kForeign;
     if (rv != 0) return;
     Json object = object_json(db, type, *key);
     object["record"] = record_json(type, *key, packed);
@@ -168,13 +168,14 @@ Json get(Hub &hub, const nlohmann::json &args) {
   const nlohmann::json &key = args.at("key");
   if (key.is_array() && key.size() > kGetMax) throw Refusal("more than " + std::to_string(kGetMax) + " keys");
   Json objects = Json::array();
+  size_t skipped = 0;
   if (key.is_array()) {
-    for (const nlohmann::json &one : key) get_one(hub, args, one.get<std::string>(), objects);
+    for (const nlohmann::json &one : key) get_one(hub, args, one.get<std::string>(), objects, skipped);
   } else {
-    get_one(hub, args, key.get<std::string>(), objects);
+    get_one(hub, args, key.get<std::string>(), objects, skipped);
   }
   const size_t total = objects.size();
-  return {{"objects", std::move(objects)}, {"total", total}};
+  return {{"objects", std::move(objects)}, {"total", total}, {"skipped", skipped}};
 }
 
 // ---- changes as they happen
