@@ -35,7 +35,7 @@ enum { QX_MOM_ASIC_DB = 0, QX_MOM_APP_DB = 4, QX_MOM_UDP_DB = 8 };
 // Kinds of change.
 enum {
   QX_MOM_CMD_SET = 1,          // written
-  QX_MOM_CMD_DEL = 3,          // deleted: by call, by expiry or by tag; carries the last record or at least its key
+  QX_MOM_CMD_DEL = 3,          // deleted by call or by expiry; carries the last record or at least its key
   QX_MOM_CMD_HASH_NEW = 4,     // hash-class type: written for the first time; `value` is a qx_mom_hash_value
   QX_MOM_CMD_HASH_SET = 6,     // hash-class type: written again; `value` is a qx_mom_hash_value
   QX_MOM_CMD_PUBLISH = 16,     // published without being stored
@@ -108,8 +108,9 @@ int qx_mom_setow(qx_global *global, int32_t db, const ProtobufCMessage *record, 
 // Deletes the object; -7 when there is none.
 int qx_mom_del(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t flags, uint32_t reserved);
 
-// The object, or every object of a template's type, expires `ms` milliseconds from now; a later write clears that. `cb` (may be
-// null) runs once when the request has been taken, in a later turn of the loop.
+// The object, or every object of a template's type, expires `ms` milliseconds from now; a later write clears that. To a type's
+// expiry the host adds 10 microseconds for each object that it holds. `cb` (may be null) runs once when the request has been
+// taken, in a later turn of the loop.
 int qx_mom_pexpire(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t flags, uint32_t ms, uint32_t reserved,
                    qx_mom_done_cb cb, void *reserved_arg);
 
@@ -117,7 +118,8 @@ int qx_mom_pexpire(qx_global *global, int32_t db, const ProtobufCMessage *record
 int qx_mom_del_expire(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t flags, uint32_t reserved,
                       void *reserved_arg);
 
-// Of the objects of the type that are still under expiry, deletes those with the tag `ow`, now.
+// Of the objects of the type, removes those with the tag `ow` that have expired. Nothing goes ahead of its deadline: objects that are
+// still under expiry stay, to be rewritten or to expire by themselves. The Linux host's databases also remove expired objects unasked.
 int qx_mom_del_expire_ow(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t flags, uint32_t reserved,
                          void *reserved_arg, int64_t ow);
 

@@ -96,9 +96,8 @@ void ssc_sdn_update_ds_node_and_check(std::uint64_t msg_id, std::uint32_t kind) 
   ssc_sdn_assert_main_thread();
   if (!g_ssc_ds_stage.in_progress || kind >= std::size(kKinds) || g_ssc_ds_stage.*kKinds[kind].finished) return;
   ssc_sdn_msg_queue_update_node_set_status(msg_id);
-  // Deliberate: before the end is signalled, work that has drained says nothing of the records whose replay is still to come.
-  // Cleaning up now would delete them, only to write them again.
-  if (g_ssc_ds_stage.end_received) finish_kind_if_drained(kind, __func__);
+  // Deliberate: also before the end is signalled. Records whose replay is still to come are not past their deadline.
+  finish_kind_if_drained(kind, __func__);
   ssc_sdn_ds_stage_init_or_check(0);
 }
 

@@ -122,7 +122,7 @@ int qx_mom_del_expire(qx_global *global, int32_t db, const ProtobufCMessage *rec
 
 int qx_mom_del_expire_ow(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t, uint32_t, void *, int64_t ow) {
   const Call call = resolve(Point::mom_del_expire_ow, global, db, record, Needs::record, Link::async);
-  return call.code ? call.code : hub()->store().del_expire_tag(*call.slot, ow);
+  return call.code ? call.code : hub()->store().del_expired(*call.slot, ow);
 }
 
 int qx_mom_publish(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t, uint32_t) {

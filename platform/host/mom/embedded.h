@@ -30,7 +30,7 @@ class Embedded final : public Store {
   int publish(Slot &slot, Bytes packed) override;
   int pexpire(Slot &slot, const Key *key, uint32_t ms, qx_mom_done_cb done) override;
   int del_expire(Slot &slot, const Key *key) override;
-  int del_expire_tag(Slot &slot, int64_t tag) override;
+  int del_expired(Slot &slot, int64_t tag) override;
   int get_sync(Slot &slot, const Key &key, std::vector<uint8_t> &packed) override;
   int scan_sync(Slot &slot, const Visitor &visit) override;
   bool subscribe(Slot &slot, std::function<void()> live) override;
@@ -51,16 +51,12 @@ class Embedded final : public Store {
   };
 
   Table &table(Slot &slot);
-  bool under_expiry(const Table &table, const Object &object) const;
-
   void notify(Table &table, Change change, const ObjectRef &object);
   int write(Table &table, const SortedIndex::Place &place, const Key &key, Bytes packed, int64_t tag);
   void remove(Table &table, const SortedIndex::Place &place, const Key &key);
   void drop_own(Table &table);
   void set_deadline(Table &table, std::optional<Time> deadline);
   void forget_expiry(Table &table, const Key &key, Object &object);
-  template <typename Condition>
-  void remove_if(Table &table, Condition condition);
 
   void arm();
   void sweep();

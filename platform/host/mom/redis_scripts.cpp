@@ -53,9 +53,9 @@ redis.call('SADD', KEYS[1], ARGV[1])
 redis.call('PUBLISH', ARGV[2], ARGV[5] .. ARGV[4])
 return 0)";
 
-// The deadline is the same for all and is found with the first part. Every object adds 10 microseconds to it, more than what it
-// takes a server that is not idle: nothing is past its deadline before the writes behind the last part are looked at. What is
-// past it when its part comes gets 50 ms.
+// The deadline is the same for all and is found with the first part. What every object adds to it is more than it takes a server
+// that is not idle: nothing is past its deadline before the writes behind the last part are looked at. What is past it when its
+// part comes gets 50 ms.
 //
 // The server announces no expiry of an object whose time is over in the very command that sets it. That happens to one that is
 // stopped there for longer than it gave: what is missing after a part that took so long is announced here.
@@ -65,7 +65,7 @@ local function now()
   return time[1] * 1000 + math.ceil(time[2] / 1000)
 end
 local begin = now()
-local deadline = tonumber(ARGV[2]) or begin + ARGV[4] + math.floor(redis.call('SCARD', KEYS[1]) / 100)
+local deadline = tonumber(ARGV[2]) or begin + ARGV[4] + math.floor(redis.call('SCARD', KEYS[1]) * ARGV[7] / 1000)
 local left = math.max(deadline - begin, 50)
 local part = redis.call('SSCAN', KEYS[1], ARGV[1], 'COUNT', 1000)
 local after = string.format('%.0f', left)
@@ -84,18 +84,10 @@ local part = redis.call('SSCAN', KEYS[1], ARGV[1], 'COUNT', 1000)
 for _, member in ipairs(part[2]) do redis.call('PERSIST', ARGV[3] .. member) end
 return {part[1], ''})";
 
-// What is none of our values has no tag.
-constexpr std::string_view kDelTaggedPart = R"(
+// An object whose time is over goes when somebody asks for it.
+constexpr std::string_view kNoticePart = R"(
 local part = redis.call('SSCAN', KEYS[1], ARGV[1], 'COUNT', 1000)
-for _, member in ipairs(part[2]) do
-  local key = ARGV[3] .. member
-  if redis.call('PTTL', key) >= 0 and redis.pcall('GETRANGE', key, 0, 7) == ARGV[6] then
-    local value = redis.call('GETDEL', key)
-    redis.call('SREM', KEYS[1], member)
-    redis.call('PUBLISH', ARGV[4], 'D' .. member .. '\0' .. struct.pack('<I4', #value) .. value)
-    redis.call('PUBLISH', ARGV[5], 'D' .. member .. '\0\0\0\0\0')
-  end
-end
+for _, member in ipairs(part[2]) do redis.call('EXISTS', ARGV[3] .. member) end
 return {part[1], ''})";
 
 constexpr std::string_view kForget = R"(
@@ -104,7 +96,7 @@ for i = 2, #ARGV do
 end
 return 0)";
 
-constexpr std::array kAll = {kDel, kPut, kPutIfAbsent, kExpirePart, kPersistPart, kDelTaggedPart, kForget};
+constexpr std::array kAll = {kDel, kPut, kPutIfAbsent, kExpirePart, kPersistPart, kNoticePart, kForget};
 
 Script make(std::string_view text) {
   std::array<unsigned char, SHA_DIGEST_LENGTH> digest;
@@ -141,8 +133,8 @@ const Script &persist_part() {
   static const Script script = make(kPersistPart);
   return script;
 }
-const Script &del_tagged_part() {
-  static const Script script = make(kDelTaggedPart);
+const Script &notice_part() {
+  static const Script script = make(kNoticePart);
   return script;
 }
 const Script &forget() {

@@ -27,12 +27,12 @@ const Script &put_if_absent();
 // first), state of the pass ("" at first), prefix of object keys, and more. They give cursor and state for the next part; the
 // cursor "0" ends the pass.
 //
-// More: milliseconds, channel, channel of deletions. Puts every object under expiry.
+// More: milliseconds, channel, channel of deletions, microseconds added for each object. Puts every object under expiry.
 const Script &expire_part();
 // Takes every object out of expiry.
 const Script &persist_part();
-// More: channel, channel of deletions, tag as stored. Deletes those under expiry with the tag.
-const Script &del_tagged_part();
+// Has the server notice, and tell, what is past its deadline.
+const Script &notice_part();
 // KEYS: index. ARGV: prefix, members. Takes out of the index what has no object any more.
 const Script &forget();
 

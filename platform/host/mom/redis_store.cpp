@@ -353,13 +353,17 @@ int RedisStore::pexpire(Slot &slot, const Key *key, uint32_t ms, qx_mom_done_cb 
   Table &table = this->table(slot);
   // 0 would delete at once, and not as an expiry.
   const std::string delay = std::to_string(std::max(ms, 1U));
+  const auto deadline = steady_clock::now() + std::chrono::milliseconds(ms);
   if (key) {
+    table.deadline = std::min(table.deadline, deadline);
     table.known.erase(*key);
     send(table, {"PEXPIRE", slot.type.text(*key), delay}, {}, done);
   } else {
+    table.deadline = deadline;
     table.known.clear();
     table.expires = true;
-    pass(table, scripts::expire_part(), Where::where_writes_are_taken, {table.prefix, delay, table.channel, table.gone}, done);
+    pass(table, scripts::expire_part(), Where::where_writes_are_taken,
+         {table.prefix, delay, table.channel, table.gone, std::to_string(kExpiryPerObject.count())}, done);
   }
   return 0;
 }
@@ -374,10 +378,10 @@ int RedisStore::del_expire(Slot &slot, const Key *key) {
   return 0;
 }
 
-int RedisStore::del_expire_tag(Slot &slot, int64_t tag) {
+// The server shows nobody what is past its deadline, whatever its tag, but may be slow to notice it.
+int RedisStore::del_expired(Slot &slot, int64_t) {
   Table &table = this->table(slot);
-  pass(table, scripts::del_tagged_part(), Where::where_writes_are_taken,
-       {table.prefix, table.channel, table.gone, tag_bytes(tag)});
+  if (steady_clock::now() >= table.deadline) pass(table, scripts::notice_part(), Where::anywhere, {table.prefix});
   return 0;
 }
 

@@ -54,7 +54,7 @@ class RedisStore final : public Store {
   int publish(Slot &slot, Bytes packed) override;
   int pexpire(Slot &slot, const Key *key, uint32_t ms, qx_mom_done_cb done) override;
   int del_expire(Slot &slot, const Key *key) override;
-  int del_expire_tag(Slot &slot, int64_t tag) override;
+  int del_expired(Slot &slot, int64_t tag) override;
   int get_sync(Slot &slot, const Key &key, std::vector<uint8_t> &packed) override;
   int scan_sync(Slot &slot, const Visitor &visit) override;
   bool subscribe(Slot &slot, std::function<void()> live) override;
@@ -97,6 +97,8 @@ class RedisStore final : public Store {
     std::vector<std::function<void()>> waiting{};  // for the channel's confirmation
     std::vector<std::set<Key> *> scans{};          // of running scans: what was deleted meanwhile
     std::vector<std::string> expired{};            // members to take out of the index
+    // Before this, nothing that the process put under expiry is past its deadline.
+    std::chrono::steady_clock::time_point deadline{};
   };
 
   // One database.

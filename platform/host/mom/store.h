@@ -5,6 +5,7 @@
 // Results are those of qx_mom.h.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -16,6 +17,10 @@ namespace mom {
 
 struct Slot;
 struct Database;
+
+// What a whole type's expiry is longer by for each object that it holds, more than it takes to write one anew: who renews a large
+// type object by object is never overtaken by its expiry.
+inline constexpr std::chrono::microseconds kExpiryPerObject(10);
 
 // What became of an object.
 enum class Change : uint8_t { created, rewritten, deleted, published };
@@ -40,10 +45,11 @@ class Store {
   virtual int del_sync(Slot &slot, const Key &key) = 0;
   virtual int publish(Slot &slot, Bytes packed) = 0;
 
-  // Null key: every object of the type. `done` may be null.
+  // Null key: every object of the type, and `kExpiryPerObject` is added for each. `done` may be null.
   virtual int pexpire(Slot &slot, const Key *key, uint32_t ms, qx_mom_done_cb done) = 0;
   virtual int del_expire(Slot &slot, const Key *key) = 0;
-  virtual int del_expire_tag(Slot &slot, int64_t tag) = 0;
+  // Has what is past its deadline and not yet noticed by the store go now. What is noticed goes by itself, whatever its tag.
+  virtual int del_expired(Slot &slot, int64_t tag) = 0;
 
   // -7 when there is none, kForeign when what is stored there is no value of ours.
   static constexpr int kForeign = -8;
