@@ -5,7 +5,7 @@
 namespace mom {
 namespace {
 
-constexpr size_t kSmallest = 64;
+constexpr size_t kSmallest = 32;
 constexpr uint64_t kNeighbours = 15;  // keys that differ in no other bits of their first word stand side by side
 
 uint64_t mixed(uint64_t word) {
@@ -13,37 +13,34 @@ uint64_t mixed(uint64_t word) {
   return word ^ (word >> 32);
 }
 
+// The same but for the low bits in all keys of a neighbourhood.
+uint64_t group(const KeyHead &head) {
+  return mixed((head.high & ~kNeighbours) * 0x9e3779b97f4a7c15U ^ head.low);
+}
+
 }  // namespace
 
-size_t KeySet::home(const KeyHead &head) const {
-  const uint64_t group = mixed((head.high & ~kNeighbours) * 0x9e3779b97f4a7c15U ^ head.low);
-  return ((group & ~kNeighbours) | (head.high & kNeighbours)) & (slots_.size() - 1);
+// ---- one table
+
+size_t KeySet::Flat::home(const KeyHead &head) const {
+  return ((group(head) & ~kNeighbours) | (head.high & kNeighbours)) & (slots_.size() - 1);
 }
 
 // Where the key stands, or the free slot where it belongs.
-size_t KeySet::place(const KeyHead &head) const {
+size_t KeySet::Flat::place(const KeyHead &head) const {
   size_t at = home(head);
   while (slots_[at] != head && slots_[at] != KeyHead{}) at = (at + 1) & (slots_.size() - 1);
   return at;
 }
 
-bool KeySet::contains(const Key &key) const {
-  if (!is_flat(key)) return others_.contains(key);
-  return !slots_.empty() && slots_[place(key.head)] == key.head;
-}
-
-void KeySet::insert(const Key &key) {
-  if (!is_flat(key)) {
-    others_.insert(key);
-    return;
-  }
+void KeySet::Flat::insert(const KeyHead &head) {
   if (2 * (taken_ + 1) > slots_.size()) grow();
-  KeyHead &slot = slots_[place(key.head)];
-  taken_ += slot != key.head;
-  slot = key.head;
+  KeyHead &slot = slots_[place(head)];
+  taken_ += slot != head;
+  slot = head;
 }
 
-void KeySet::grow() {
+void KeySet::Flat::grow() {
   const std::vector<KeyHead> before = std::exchange(slots_, std::vector<KeyHead>(slots_.empty() ? kSmallest : 2 * slots_.size()));
   for (const KeyHead &head : before) {
     if (head != KeyHead{}) slots_[place(head)] = head;
@@ -51,14 +48,10 @@ void KeySet::grow() {
 }
 
 // Closes the gap by moving back every later key of the run that may stand in it, so that searches need no marks of the dead.
-void KeySet::erase(const Key &key) {
-  if (!is_flat(key)) {
-    others_.erase(key);
-    return;
-  }
-  if (!contains(key)) return;
+void KeySet::Flat::erase(const KeyHead &head) {
+  if (!contains(head)) return;
   const size_t mask = slots_.size() - 1;
-  size_t gap = place(key.head);
+  size_t gap = place(head);
   for (size_t at = (gap + 1) & mask; slots_[at] != KeyHead{}; at = (at + 1) & mask) {
     if (((at - home(slots_[at])) & mask) < ((at - gap) & mask)) continue;
     slots_[gap] = slots_[at];
@@ -66,6 +59,33 @@ void KeySet::erase(const Key &key) {
   }
   slots_[gap] = {};
   --taken_;
+}
+
+// ---- the set
+
+// By other bits of the neighbourhood than those that find the place in the table.
+size_t KeySet::table(const Key &key) {
+  return group(key.head) >> (64 - kTableBits);
+}
+
+bool KeySet::contains(const Key &key) const {
+  return is_flat(key) ? tables_[table(key)].contains(key.head) : others_.contains(key);
+}
+
+void KeySet::insert(const Key &key) {
+  if (is_flat(key)) {
+    tables_[table(key)].insert(key.head);
+  } else {
+    others_.insert(key);
+  }
+}
+
+void KeySet::erase(const Key &key) {
+  if (is_flat(key)) {
+    tables_[table(key)].erase(key.head);
+  } else {
+    others_.erase(key);
+  }
 }
 
 }  // namespace mom

@@ -1,7 +1,9 @@
-// A set of keys. Keys that are made of integers alone stand in a flat table; neighbours stand near each other there, so that a
-// burst of ascending keys touches each cache line once. 32 to 64 bytes a key. Plain value, one thread.
+// A set of keys. Keys that are made of integers alone stand in flat tables; neighbours stand near each other there, so that a
+// burst of ascending keys touches each cache line once. 32 to 64 bytes a key. The keys are spread over several tables that grow
+// each for itself, so that no insertion moves more than a small part of them. Plain value, one thread.
 #pragma once
 
+#include <array>
 #include <set>
 #include <vector>
 
@@ -17,13 +19,26 @@ class KeySet {
   void clear() { *this = {}; }
 
  private:
-  static bool is_flat(const Key &key) { return key.tail.empty() && key.head != KeyHead{}; }
-  size_t home(const KeyHead &head) const;
-  size_t place(const KeyHead &head) const;
-  void grow();
+  class Flat {
+   public:
+    bool contains(const KeyHead &head) const { return !slots_.empty() && slots_[place(head)] == head; }
+    void insert(const KeyHead &head);
+    void erase(const KeyHead &head);
 
-  std::vector<KeyHead> slots_;  // a power of two of them, at most half taken; all zeros is free
-  size_t taken_ = 0;
+   private:
+    size_t home(const KeyHead &head) const;
+    size_t place(const KeyHead &head) const;
+    void grow();
+
+    std::vector<KeyHead> slots_;  // a power of two of them, at most half taken; all zeros is free
+    size_t taken_ = 0;
+  };
+  static constexpr size_t kTableBits = 6;
+
+  static bool is_flat(const Key &key) { return key.tail.empty() && key.head != KeyHead{}; }
+  static size_t table(const Key &key);
+
+  std::array<Flat, size_t{1} << kTableBits> tables_;
   std::set<Key> others_;
 };
 
