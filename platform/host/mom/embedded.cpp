@@ -147,11 +147,10 @@ void Embedded::notify(Table &table, Change change, const ObjectRef &object) {
   if (table.slot.heard()) hub_.later().notify(table.slot, change, object);
 }
 
-int Embedded::write(Table &table, const SortedIndex::Place &place, const Key &key, Bytes packed, int64_t tag) {
+int Embedded::write(Table &table, const SortedIndex::Place &place, const Key &key, Bytes packed) {
   if (table.slot.heard() && !table.slot.topic.admit(packed.size())) return -14;
   const ObjectRef object = ObjectRef::make(packed, key.tail);
   if (!object) return -1;
-  object->tag = tag;
   object->generation = table.generation;
   object->born = table.scans;
   table.object_bytes += sizeof(Object) + packed.size() + key.tail.size();
@@ -175,15 +174,15 @@ void Embedded::remove(Table &table, const SortedIndex::Place &place, const Key &
   notify(table, Change::deleted, object);
 }
 
-int Embedded::set(Slot &slot, const Key &key, Bytes packed, std::optional<int64_t> tag) {
+int Embedded::set(Slot &slot, const Key &key, Bytes packed, std::optional<int64_t>) {
   Table &table = this->table(slot);
-  return write(table, table.index.find(key), key, packed, tag.value_or(0));
+  return write(table, table.index.find(key), key, packed);
 }
 
 int Embedded::setnx_sync(Slot &slot, const Key &key, Bytes packed) {
   Table &table = this->table(slot);
   const auto place = table.index.find(key);
-  return place.found ? 1 : write(table, place, key, packed, 0);
+  return place.found ? 1 : write(table, place, key, packed);
 }
 
 int Embedded::del(Slot &slot, const Key &key) {

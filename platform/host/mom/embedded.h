@@ -4,6 +4,8 @@
 // carries an older generation than its table is under the deadline. A rewrite puts the present generation in, which is how it
 // escapes. Objects go when the loop gets to its timers, not while a callback works: what a long callback rewrites was never
 // deleted in between.
+//
+// Overwrite tags are not kept: nothing here is told apart by them, because what has expired goes by itself.
 #pragma once
 
 #include <deque>
@@ -52,7 +54,7 @@ class Embedded final : public Store {
 
   Table &table(Slot &slot);
   void notify(Table &table, Change change, const ObjectRef &object);
-  int write(Table &table, const SortedIndex::Place &place, const Key &key, Bytes packed, int64_t tag);
+  int write(Table &table, const SortedIndex::Place &place, const Key &key, Bytes packed);
   void remove(Table &table, const SortedIndex::Place &place, const Key &key);
   void drop_own(Table &table);
   void set_deadline(Table &table, std::optional<Time> deadline);

@@ -15,7 +15,6 @@
 namespace mom {
 
 struct Object {
-  int64_t tag;              // overwrite tag; 0 without one
   uint32_t size : 31;       // of the packed record
   uint32_t own_expiry : 1;  // has an entry in its table's list of single expiries
   uint32_t generation;      // the table's when this was written; an older one is under the template's expiry
@@ -27,7 +26,7 @@ struct Object {
   Bytes packed() const { return {data(), size}; }
   std::string_view tail() const { return {reinterpret_cast<const char *>(data() + size), tail_size}; }
 };
-static_assert(sizeof(Object) == 24);
+static_assert(sizeof(Object) == 16);
 
 class ObjectRef {
  public:
