@@ -493,6 +493,8 @@ RedisStore::Visited RedisStore::visit_batch(Table &table, std::span<const Key> k
 
 int RedisStore::scan_sync(Slot &slot, const Visitor &visit) {
   Table &table = this->table(slot);
+  // Who writes anew what it has read knows its objects then, and deletes without asking for each whether it is there.
+  if (table.base.link) watch_deletions(table);
   std::vector<Key> keys;
   if (!read_members(table, keys)) return -1;
   std::set<Key> deleted;
