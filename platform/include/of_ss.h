@@ -43,8 +43,9 @@ int of_ss_regiter_del_all(of_ss_signal_cb cb);
 // between a data-synchronisation start and end, back to back. Any thread.
 void ss_of_ds_fetch(void);
 
-// Sends a reply of the daemon towards the controller. The bytes are copied before the call returns; replies keep their order. 0,
-// -4 for null or a length that is not a message's, -1 when the library is not running. Any thread.
+// Sends a reply of the daemon towards the controller, `len` bytes long whatever its header says. The bytes are copied before the
+// call returns; replies keep their order. 0, -4 for null or a length that no message has (8 to 65535), -1 when the library is not
+// running. Any thread.
 int of_ss_send_msg(const void *msg, uint32_t len);
 
 #ifdef __cplusplus

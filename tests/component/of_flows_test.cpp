@@ -156,6 +156,15 @@ TEST_F(AgentTest, ABarrierWaitsForWhatWasHandedOverBeforeIt) {
   EXPECT_EQ(get(c.await(21), 4, 4), 14u);
 }
 
+// What a reply says of its own length does not matter, neither to it nor to those behind it.
+TEST_F(AgentTest, ABarrierReplyIsAsLongAsTheDaemonHandsItOver) {
+  for (const std::uint16_t length : {0, 20, 23, 25, 65535}) {
+    daemon.claim_barrier_length(length);
+    apply(flow_mod(ipv4_flow(length)) + flow_mod(ipv4_flow(length, 1)));
+    EXPECT_TRUE(errors().empty()) << length;
+  }
+}
+
 // Some controllers number a batch and its barrier alike.
 TEST_F(AgentTest, AFlowThatFailsLaterIsAnsweredOnceWithTheRequestAndBeforeTheBarrier) {
   FlowMod f = ipv4_flow(1, 10);

@@ -63,6 +63,11 @@ class PlayedDaemon {
     hold_ = false;
     for (const Message &barrier : std::exchange(held_, {})) answer(barrier);
   }
+  // What the headers of the answers to barriers say of their length; the daemon echoes the request's.
+  void claim_barrier_length(std::uint16_t length) {
+    const std::lock_guard lock(mutex_);
+    barrier_length_ = length;
+  }
   // Counters that are given for every statistics request.
   void count(std::uint64_t index, std::uint64_t packets, std::uint64_t bytes) {
     const std::lock_guard lock(mutex_);
@@ -115,8 +120,9 @@ class PlayedDaemon {
     self->record(Message(at, at + southbound::get<std::uint16_t>(bytes, southbound::kLen)));
     return 0;
   }
-  static void answer(Message barrier) {
+  void answer(Message barrier) {
     southbound::put(barrier.data(), southbound::kType, std::uint16_t{southbound::kBarrierReply});
+    southbound::put(barrier.data(), southbound::kLen, barrier_length_);
     send(barrier);
   }
   void record(const Message &m) {
@@ -132,6 +138,7 @@ class PlayedDaemon {
   mutable std::mutex mutex_;
   std::atomic<unsigned> calls_{0};
   bool hold_ = false;
+  std::uint16_t barrier_length_ = southbound::kBarrierLen;
   std::vector<Message> messages_, held_, counters_;
 };
 

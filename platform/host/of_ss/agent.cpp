@@ -520,11 +520,7 @@ void Agent::send_port_status(const ddm::Port &port, std::uint8_t reason) {
 void Agent::take_inbox() {
   new_turn();
   Inbox::Taken taken = inbox_.take();
-  while (!taken.messages.empty()) {
-    const std::size_t length = sb::get<std::uint16_t>(taken.messages.data(), sb::kLen);
-    take_reply(taken.messages.first(length));
-    taken.messages = taken.messages.subspan(length);
-  }
+  for (Bytes message; !(message = taken.next_message()).empty();) take_reply(message);
   if (taken.fetch) synchronise();
   for (const auto &work : taken.work) work();
   turn_done();

@@ -3,12 +3,15 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <utility>
 
 namespace host::of_ss {
 namespace {
 
-constexpr std::size_t kBound = 64u << 20;      // bytes; about 2.7 million flow results
+using Length = std::uint32_t;  // stands in front of each message
+
+constexpr std::size_t kBound = 64u << 20;      // bytes; about 2.4 million flow results
 constexpr std::size_t kKeptRoom = 256u << 10;  // of the buffers, after a burst
 
 }  // namespace
@@ -27,8 +30,11 @@ void Inbox::wake() {
 }
 
 bool Inbox::put(Bytes message) {
+  const auto length = static_cast<Length>(message.size());
+  const Bytes frame = std::as_bytes(std::span(&length, 1));
   const std::lock_guard lock(mutex_);
-  if (filling_.size() + message.size() > kBound) return false;
+  if (filling_.size() + frame.size() + message.size() > kBound) return false;
+  filling_.insert(filling_.end(), frame.begin(), frame.end());
   filling_.insert(filling_.end(), message.begin(), message.end());
   wake();
   return true;
@@ -64,6 +70,15 @@ Inbox::Taken Inbox::take() {
   woken_ = false;
   std::swap(taken_, filling_);
   return {taken_, std::exchange(fetch_, false), std::exchange(work_, {})};
+}
+
+Bytes Inbox::Taken::next_message() {
+  if (framed.empty()) return {};
+  Length length;
+  std::memcpy(&length, framed.data(), sizeof length);
+  const Bytes message = framed.subspan(sizeof length, length);
+  framed = framed.subspan(sizeof length + length);
+  return message;
 }
 
 }  // namespace host::of_ss

@@ -20,7 +20,7 @@ class Inbox {
   Inbox(const Inbox &) = delete;
   Inbox &operator=(const Inbox &) = delete;
 
-  // Copies one southbound message, whose length is the one in its header. False when the inbox is full.
+  // Copies one southbound message, whatever length its header tells. False when the inbox is full.
   bool put(Bytes message);
   // Has `work` run by run(). Not bounded: callers post a few pieces of work at a time.
   void post(std::function<void()> work);
@@ -34,11 +34,13 @@ class Inbox {
 
   // Readable when there is something to take.
   int fd() const { return fd_; }
-  // Everything so far: the messages one after the other, good until the next take.
+  // Everything so far, good until the next take.
   struct Taken {
-    Bytes messages;
+    Bytes framed;
     bool fetch;
     std::vector<std::function<void()>> work;
+    // The next of the messages; empty after the last.
+    Bytes next_message();
   };
   Taken take();
 
