@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "host/config/config.h"
+#include "host/log/log.h"
 #include "host/of_ss/testing.h"
 #include "kelim/common/kelim_debug.h"
 #include "southbound.h"
@@ -68,7 +70,7 @@ struct Kind {
   unsigned op;                               // slot of libproxy_sdn_op_cnt
   unsigned received, failed, not_queued;     // slots of sdn_opt_cnt
   std::uint32_t blocks = 0;                  // allocations of the intake
-  std::uint16_t shortest = 0, readable = 0;  // lengths: the first that is queued, the first that shows the command
+  std::uint16_t shortest = 0, readable = 0;  // lengths: the first that is queued, the first that shows type and command
   unsigned replies = 0, refusals = 0;        // to a failure of memory or of the hand-over; to a short message
 };
 
@@ -85,7 +87,8 @@ const Kind kKinds[] = {
     {"data-sync start", libproxy_fp_sdn_ds_start, 33, 8, 0, ssc_sdn_ds_recv_start_handler, 9, 21, 23, 23},
     {"data-sync end", libproxy_fp_sdn_ds_end, 34, 8, 0, ssc_sdn_ds_recv_end_handler, 10, 24, 26, 26},
     {"statistics", libproxy_fp_sdn_statistic, 13, 16, 0, ssc_sdn_get_statistic_val_handler, 14, 30, 32, 32, 1, 16, 0, 1, 1},
-    {"flow count", libproxy_fp_sdn_flowcount_config_para, 26, 16, 0, ssc_sdn_flowcnt_cfg_handler, 1, kNone, kNone, kNone, 1, 16},
+    {"flow count", libproxy_fp_sdn_flowcount_config_para, 26, 16, 0, ssc_sdn_flowcnt_cfg_handler, 1, kNone, kNone, kNone, 1, 16,
+     1},
     {"ONC add", libproxy_fp_sdn_op_onc_info, 30, 16, 0, ssc_sdn_add_onc_handler, 15, 36, 38, 38, 1, 16},
     {"ONC delete", libproxy_fp_sdn_op_onc_info, 30, 16, 1, ssc_sdn_del_onc_handler, 16, 39, 41, 41, 1, 16, 10},
     {"barrier", libproxy_fp_sdn_barrier, 31, 24, 0, ssc_sdn_add_barrier_handler, 17, 42, 44, 44, 1},
@@ -155,6 +158,50 @@ TEST_F(Intake, WhatIsMissingOrOfAnotherKindIsRefusedAndAShortBarrierFilled) {
   libss_pthrd_tranv_node(ssc_sdn_mst, [](libss_pthrd_hdl *hdl) {
     EXPECT_EQ(southbound::get<std::uint64_t>(hdl->data, 16), 0x01020304u) << "a short one is zero-filled";
   });
+}
+
+// ---- lines of handlers
+
+class Lines : public Intake {
+ protected:
+  void SetUp() override {
+    Intake::SetUp();
+    host::Config config = host::config();
+    config.log.target = "stderr", config.log.level = "off";
+    ASSERT_EQ(host::log::open(config, "front_intake"), "");
+    g_policy_error_zlog_category = qx_zlog_init("front_intake");
+    host::log::set_tap([this](const host::log::LineView &line) {
+      const auto running = [](unsigned slot) { return g_ssc_sdn_stat_func_time[slot + SDN_TIME_QUEUE].time.started != 0; };
+      lines.emplace_back(line.text);
+      if (line.text.find("able msg fail") != line.text.npos) timed += running(SDN_TIME_ENABLE) || running(SDN_TIME_DISABLE);
+    });
+  }
+  void TearDown() override {
+    host::log::set_tap(nullptr);
+    g_policy_error_zlog_category = nullptr;
+    host::log::close();
+    Intake::TearDown();
+  }
+  Texts lines;
+  unsigned timed = 0;  // lines about a failed open or close that were written while its time ran
+};
+
+TEST_F(Lines, AConfigurationOfAnotherTypeReachesItsHandlerHoweverShort) {
+  for (std::uint16_t len = 2; len <= 16; ++len) {
+    Bytes other = message(25, len);
+    lines.clear();
+    EXPECT_EQ(libproxy_fp_sdn_flowcount_config_para(other.data()), 0);
+    ssc_sdn_main_pthrd_handler();
+    EXPECT_EQ(lines, Texts{"OF TYPE(25) IS ERROR"}) << len;
+  }
+}
+
+TEST_F(Lines, TheTimeOfAnOpenOrCloseIncludesTheLineOfItsFailure) {
+  Bytes open = message(6, 8), close = message(7, 8);
+  libproxy_fp_sdn_open(open.data());
+  libproxy_fp_sdn_close(close.data());
+  ssc_sdn_main_pthrd_handler();
+  EXPECT_EQ(timed, 2u) << testing::PrintToString(lines);
 }
 
 // ---- replies of the southbound layer, byte for byte

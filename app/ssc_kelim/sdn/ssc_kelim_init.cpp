@@ -199,16 +199,14 @@ constexpr Copy kPlainCopy = {
     ssc_sdn_free,
 };
 
-std::uint16_t packet_signal(const Request &request) {
+std::uint16_t type_of(const Request &request) {
   return southbound::read<std::uint16_t>(bytes(request), southbound::kType);
 }
 
 // One byte: 1 packet start, 0 packet end.
 constexpr Copy kPacketSignalCopy = {
     [](const Request &request) { return ssc_sdn_malloc(1, request.intake.name, __LINE__); },
-    [](const Request &request, void *data) {
-      *static_cast<std::uint8_t *>(data) = packet_signal(request) == southbound::kPktStart;
-    },
+    [](const Request &request, void *data) { *static_cast<std::uint8_t *>(data) = type_of(request) == southbound::kPktStart; },
     ssc_sdn_free,
 };
 
@@ -426,13 +424,15 @@ constexpr Intake kStatistic = {
 constexpr Intake kFlowCountConfig = {
     .name = "ssc_sdn_flowcnt_cfg_sig",
     .handler = ssc_sdn_flowcnt_cfg_handler,
+    // What is of another type is its handler's to refuse.
     .refused = [](const Request &request) -> std::int32_t {
-      if (has(request, southbound::kCountLen)) return 0;
+      if (type_of(request) != southbound::kFlowCountConfig || has(request, southbound::kCountLen)) return 0;
       SDN_ERROR_AS(request.intake.name, "invalid flow count config length! (para_len = %d, shortest = %d)",
                    static_cast<int>(request.len), static_cast<int>(southbound::kCountLen));
       return -4;
     },
     .copy = &kPlainCopy,
+    .copy_at_least = southbound::kHeaderLen,
     .hand_over_fault = &kelim::kError,
 };
 
@@ -465,7 +465,7 @@ constexpr Intake kPacketSignal = {
     .counters = {.failed_hand_over = SDN_OPT_DEL_ALL + SDN_OPT_FAILED},
     .needs_msg = false,
     .refused = [](const Request &request) -> std::int32_t {
-      const std::uint16_t type = packet_signal(request);
+      const std::uint16_t type = type_of(request);
       if (type == southbound::kPktStart || type == southbound::kPktEnd) return 0;
       SDN_ERROR_AS(request.intake.name, "ss_head type is %u then will return fail\n", type);
       return -11;

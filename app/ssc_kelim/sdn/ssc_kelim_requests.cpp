@@ -49,13 +49,16 @@ std::int32_t trace_interfaces(const void *msg, std::uint32_t count) {
   return 0;
 }
 
-std::int32_t process_connection_msg(libss_pthrd_hdl *hdl, unsigned slot, unsigned group) {
-  return handler_run::run<handler_run::message>(hdl, slot, [&](const void *msg) {
-    const std::int32_t rv = ssc_sdn_proc_enable_msg(hdl->value, msg);
-    if (rv != 0) sdn_opt_cnt[group + SDN_OPT_FAILED]++;
-    sdn_opt_cnt[group + SDN_OPT_HANDLED]++;
-    return rv;
-  });
+// The time includes the line of a failure, but not the release of the copy.
+template <typename LogFailure>
+void process_connection_msg(libss_pthrd_hdl *hdl, unsigned slot, unsigned group, LogFailure log_failure) {
+  const auto msg = handler_run::take<handler_run::message>(hdl);
+  const handler_run::timing timed(slot);
+  if (const std::int32_t rv = ssc_sdn_proc_enable_msg(hdl->value, msg.get()); rv != 0) {
+    sdn_opt_cnt[group + SDN_OPT_FAILED]++;
+    log_failure(rv);
+  }
+  sdn_opt_cnt[group + SDN_OPT_HANDLED]++;
 }
 
 // ---- barriers
@@ -208,13 +211,13 @@ void ssc_sdn_del_meter_handler(libss_pthrd_hdl *hdl) {
 // ---- controller connection
 
 void ssc_sdn_enable_msg_handler(libss_pthrd_hdl *hdl) {
-  const std::int32_t rv = process_connection_msg(hdl, SDN_TIME_ENABLE, SDN_OPT_ENABLE);
-  if (rv != 0) SDN_ERROR("enable msg fail,rv :%d", rv);
+  process_connection_msg(hdl, SDN_TIME_ENABLE, SDN_OPT_ENABLE,
+                         [name = __func__](std::int32_t rv) { SDN_ERROR_AS(name, "enable msg fail,rv :%d", rv); });
 }
 
 void ssc_sdn_disable_msg_handler(libss_pthrd_hdl *hdl) {
-  const std::int32_t rv = process_connection_msg(hdl, SDN_TIME_DISABLE, SDN_OPT_DISABLE);
-  if (rv != 0) SDN_ERROR("disable msg fail,rv :%d", rv);
+  process_connection_msg(hdl, SDN_TIME_DISABLE, SDN_OPT_DISABLE,
+                         [name = __func__](std::int32_t rv) { SDN_ERROR_AS(name, "disable msg fail,rv :%d", rv); });
 }
 
 std::int32_t ssc_sdn_proc_enable_msg(std::uint32_t vsd_id, const void *msg) {
