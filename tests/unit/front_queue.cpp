@@ -164,4 +164,19 @@ TEST(Queue, DoesWhatTheRulesSayOverRandomHistories) {
   start_anew();
 }
 
+// The node that returned last may leave by another way than a traversal; what is queued next may lie where it lay.
+TEST(Queue, ANodeThatIsGoneIsNotTakenForTheOneThatReturned) {
+  start_anew();
+  for (const std::uint64_t id : {1, 2, 3}) flow(id, 0);
+  for (const std::uint64_t id : {2, 3}) ssc_sdn_msg_queue_update_msg_node(kFlow, id, 0);
+  ssc_sdn_msg_queue_traverse_pop_msg_node();
+  for (const std::uint64_t id : {4, 5}) flow(id, 0);
+  for (const std::uint64_t id : {4, 5}) ssc_sdn_msg_queue_update_msg_node(kFlow, id, 0);
+  ssc_sdn_msg_queue_destory_flow_msg_node(5);
+  flow(6, 0);
+  ssc_sdn_msg_queue_traverse_pop_msg_node();
+  EXPECT_EQ(queued(), (std::vector<Node>{{kFlow, 1, 0, false}, {kFlow, 6, 0, false}}));
+  start_anew();
+}
+
 }  // namespace
