@@ -15,7 +15,7 @@ using namespace flow_world;
 
 class FrontDump : public FlowWorld {
  protected:
-  // What a debug command prints, or why it is refused.
+  // What a debug command prints and, where it fails, gives, or why it is refused.
   static std::string run(const std::string &module, const std::string &command,
                          const nlohmann::json &args = nlohmann::json::object()) {
     host::control::Client client;
@@ -24,7 +24,8 @@ class FrontDump : public FlowWorld {
     const nlohmann::json request = {{"call", "cmd"}, {"module", module}, {"command", command}, {"args", args}};
     EXPECT_EQ(client.request(request.dump(), &line), "");
     const auto answer = nlohmann::json::parse(line);
-    return answer.value("output", "") + answer.value("error", "");
+    const int result = answer.value("result", 0);
+    return answer.value("output", "") + answer.value("error", "") + (result == 0 ? "" : "returned " + std::to_string(result));
   }
 };
 
@@ -260,7 +261,7 @@ TEST_F(FrontDump, CommandsShowTheFlowsTheQueueAndTheSynchronisationAndMoveThePac
   EXPECT_EQ(run("ssc_kelim", "dump_ssc_ds_status"),
             "ds stage status:\nds stage start: 1\nds stage received end: 0\nds stage sc is end: 0\nds stage not sc is end: 0\n");
   d.expect_error("flow info cache flow_index:4660, vsd_id:1 get failed.");
-  EXPECT_EQ(run("ssc_kelim", "dump_ssc_primitive_flow_entry", {{"index", "4660"}, {"vsd_id", "1"}}), "");
+  EXPECT_EQ(run("ssc_kelim", "dump_ssc_primitive_flow_entry", {{"index", "4660"}, {"vsd_id", "1"}}), "returned -7");
   for (const auto &[command, left] : {std::pair{"kelim_pkt_end", 0u}, {"kelim_pkt_start", 1u}}) {
     run("ssc_kelim", command);
     EXPECT_EQ(d.count(0, &s_cluster__reg_pkt_info__descriptor), left) << command;
