@@ -195,7 +195,7 @@ TEST_P(MomConformance, Journeys) {
     EXPECT_TRUE(!told || list(by_type) == told) << list(by_type);
     world->pass(350ms);
     ASSERT_TRUE(run_until([] { return count(3, 1) == 1; }));
-    EXPECT_TRUE(run_until([&] { return deletions() == gone; })) << deletions();
+    EXPECT_TRUE(run_until([&expected = gone] { return deletions() == expected; })) << deletions();
     EXPECT_EQ(clear<Flow>(*world) + clear<FlowSta>(*world) + clear<Meter>(*world), left);
     size_t requests = 1;
     for (size_t at = 0; (at = steps.find("expire", at)) != std::string::npos; ++at) ++requests;
