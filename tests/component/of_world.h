@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <atomic>
 #include <future>
+#include <map>
 #include <mutex>
 #include <nlohmann/json.hpp>
 
@@ -80,7 +81,7 @@ class PlayedDaemon {
   }
   std::vector<Message> of_type(std::uint16_t type) const {
     auto found = messages();
-    std::erase_if(found, [type](const Message &m) { return southbound::get<std::uint16_t>(m.data(), 0) != type; });
+    std::erase_if(found, [type](const Message &m) { return type_of(m) != type; });
     return found;
   }
   // Flow-mods that add, or delete.
@@ -88,6 +89,16 @@ class PlayedDaemon {
     auto found = of_type(southbound::kFlowMod);
     std::erase_if(found, [adds](const Message &m) { return (m[southbound::kFlowCommand] == std::byte{}) != adds; });
     return found;
+  }
+  // How many there have been of a type, and of the flow-mods that add. Costs nothing to ask again and again.
+  std::size_t seen(std::uint16_t type) const {
+    const std::lock_guard lock(mutex_);
+    const auto found = seen_.find(type);
+    return found == seen_.end() ? 0 : found->second;
+  }
+  std::size_t adds() const {
+    const std::lock_guard lock(mutex_);
+    return adds_;
   }
   // "How many: the last of them" of a type.
   std::string told(std::uint16_t type) const {
@@ -97,6 +108,8 @@ class PlayedDaemon {
   void forget() {
     const std::lock_guard lock(mutex_);
     messages_.clear();
+    seen_.clear();
+    adds_ = 0;
   }
   // Holds the openflow thread at its next call, for as long as the result lives.
   std::unique_lock<std::mutex> stop() { return std::unique_lock(mutex_); }
@@ -111,6 +124,7 @@ class PlayedDaemon {
   }
 
  private:
+  static std::uint16_t type_of(const Message &m) { return southbound::get<std::uint16_t>(m.data(), southbound::kType); }
   static Message reply(std::uint16_t type, const Message &body) {
     return le(type) + hex("0400") + le(static_cast<std::uint16_t>(8 + body.size())) + hex("0100") + body;
   }
@@ -126,10 +140,12 @@ class PlayedDaemon {
     send(barrier);
   }
   void record(const Message &m) {
-    const auto type = southbound::get<std::uint16_t>(m.data(), 0);
+    const std::uint16_t type = type_of(m);
     ++calls_;
     const std::lock_guard lock(mutex_);
     messages_.push_back(m);
+    ++seen_[type];
+    if (type == southbound::kFlowMod && m[southbound::kFlowCommand] == std::byte{}) ++adds_;
     if (type == southbound::kBarrierRequest) hold_ ? held_.push_back(m) : answer(m);
     if (type == southbound::kStatRequest) std::ranges::for_each(counters_, send);
   }
@@ -140,6 +156,8 @@ class PlayedDaemon {
   bool hold_ = false;
   std::uint16_t barrier_length_ = southbound::kBarrierLen;
   std::vector<Message> messages_, held_, counters_;
+  std::map<std::uint16_t, std::size_t> seen_;
+  std::size_t adds_ = 0;
 };
 
 // A controller: a socket and what came from it.
@@ -396,7 +414,7 @@ class AgentTest : public RuntimeTest {
   void hand_over(const Message &request, std::size_t adds) {
     daemon.hold_barriers(true);
     ASSERT_TRUE(c.send(request));
-    ASSERT_TRUE(until([&] { return daemon.flows(true).size() == adds; }));
+    ASSERT_TRUE(until([&] { return daemon.adds() == adds; }));
   }
   // The errors that have come, "type/code xid" each.
   Strings errors() {

@@ -11,21 +11,21 @@ import daemon
 import openflow
 
 BIN = os.environ["KELIM_BIN"]
-LIMIT = 30  # seconds for anything to come about; sanitizer builds on a busy machine are slow
+LIMIT = 60  # seconds for anything to come about; sanitizer builds on a busy machine are slow
 
 
 def ofctl(port, command, *arguments, stdin=None):
     """Runs ovs-ofctl, a client that nobody here wrote."""
     return subprocess.run(
         ["ovs-ofctl", "-O", "OpenFlow13", command, f"tcp:127.0.0.1:{port}", *arguments],
-        input=stdin, capture_output=True, text=True, timeout=60,
+        input=stdin, capture_output=True, text=True, timeout=2 * LIMIT,
     )
 
 
 def redis(socket, *words, database=8):
     """The list that the Redis server on that unix socket answers with; None for what is no text."""
     command = ["redis-cli", "-s", socket, "-n", str(database), "--no-raw", *words]
-    lines = subprocess.run(command, capture_output=True, check=True, text=True, timeout=60).stdout.splitlines()
+    lines = subprocess.run(command, capture_output=True, check=True, text=True, timeout=2 * LIMIT).stdout.splitlines()
     return [ast.literal_eval("b" + line.partition(") ")[2]) if line.endswith('"') else None for line in lines]
 
 

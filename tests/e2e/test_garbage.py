@@ -32,7 +32,7 @@ def garbage(chance):
 class Garbage(e2e.Test):
     def send_and_drop(self, running, data):
         """What a stranger sends before it goes away; that the daemon closes first is fine."""
-        with socket.create_connection(("127.0.0.1", running.port), timeout=10) as stranger:
+        with socket.create_connection(("127.0.0.1", running.port), timeout=e2e.LIMIT) as stranger:
             try:
                 stranger.sendall(data)
                 stranger.shutdown(socket.SHUT_WR)

@@ -14,7 +14,7 @@ import time
 import openflow
 
 PORTS = 8  # of the simulated switch, numbered from 1
-START_LIMIT = 20  # seconds; sanitizer builds on a busy machine are slow
+START_LIMIT = 60  # seconds; sanitizer builds on a busy machine are slow
 
 
 class Failed(Exception):
@@ -131,7 +131,7 @@ class Daemon:
     def kelimctl(self, *arguments):
         return subprocess.run(
             [self.bin / "kelimctl", "--run-dir", self.run_dir, *map(str, arguments)],
-            env=self.environment, capture_output=True, text=True, timeout=30,
+            env=self.environment, capture_output=True, text=True, timeout=120,
         )
 
     def ask(self, *arguments):

@@ -56,8 +56,10 @@ def meter_mod(number, rate, command=ADD):
 
 
 class Client:
-    def __init__(self, port, host="127.0.0.1", timeout=10, source=""):
-        self.socket = socket.create_connection((host, port), timeout=timeout, source_address=(source, 0))
+    PATIENCE = 60  # seconds for an answer, which a sanitizer's build on a busy machine may take
+
+    def __init__(self, port, host="127.0.0.1", source=""):
+        self.socket = socket.create_connection((host, port), timeout=self.PATIENCE, source_address=(source, 0))
         self.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         self.received = b""
         self.xid = 0
@@ -153,7 +155,7 @@ class Client:
         except (TimeoutError, socket.timeout):
             return messages
         finally:
-            self.socket.settimeout(10)
+            self.socket.settimeout(self.PATIENCE)
 
 
 def error_of(message):
