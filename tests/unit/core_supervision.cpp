@@ -1,8 +1,6 @@
 // Health monitoring, ports and timing.
 #include <gtest/gtest.h>
-#include <net/if.h>
 #include <sched.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -122,22 +120,22 @@ TEST_F(Health, TheLoopFeedsTheWatchdogExceptWhileTheMarkerExists) {
 
 using MachinePorts = RuntimeTest;
 
-TEST_F(MachinePorts, AreTheMachinesInterfacesAndFollowTheirState) {
+TEST_F(MachinePorts, AreReadAgainWhenTheMachinesInterfacesChange) {
   if (unshare(CLONE_NEWNET) != 0) GTEST_SKIP() << "needs a network name space of its own: " << strerror(errno);
+  EXPECT_TRUE(host::ddm::ports()->empty()) << "the loopback is none";
+  set("ports", "9:lo:109");
   ASSERT_EQ(libddm_init(global, "core_test"), 0);
   const auto before = host::ddm::ports();
-  EXPECT_EQ(std::tuple((*before)[0].name, (*before)[0].phyid, (*before)[0].up), std::tuple("lo", 1u, false));
-  set("ports", "9:lo:109");
-  EXPECT_EQ(host::ddm::ports(), before) << "not read again while nothing changes";
-  ifreq request{};
-  strcpy(request.ifr_name, "lo");
-  request.ifr_flags = IFF_UP;
-  const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-  ASSERT_EQ(ioctl(fd, SIOCSIFFLAGS, &request), 0);
-  close(fd);
-  EXPECT_TRUE(host::run_until([] { return (*host::ddm::ports())[0].up; }, kPatience));
+  EXPECT_EQ(std::tuple((*before)[0].ifx, (*before)[0].phyid, (*before)[0].enabled), std::tuple(9u, 109u, false));
+  set("ports", "8:lo:108");
+  EXPECT_EQ(host::ddm::ports(), before) << "not while nothing changes";
+  unsigned changes = 0;
+  host::ddm::on_change([&changes] { ++changes; });
+  EXPECT_EQ(host::ddm::enable((*before)[0], true), 0);
+  EXPECT_TRUE(host::run_until([&] { return changes > 0; }, kPatience));
+  host::ddm::on_change(nullptr);
   const auto after = host::ddm::ports();
-  EXPECT_EQ(std::tuple((*after)[0].ifx, (*after)[0].phyid, (*after)[0].mac), std::tuple(9u, 109u, (*before)[0].mac));
+  EXPECT_EQ(std::tuple((*after)[0].ifx, (*after)[0].phyid, (*after)[0].enabled), std::tuple(8u, 108u, true));
 }
 
 // ---- timing

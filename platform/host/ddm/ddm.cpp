@@ -1,21 +1,21 @@
 #include "host/ddm/ports.h"
 
-#include <ifaddrs.h>
-#include <linux/rtnetlink.h>
-#include <net/if.h>
-#include <netpacket/packet.h>
+#include <errno.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <map>
 #include <mutex>
+#include <optional>
 #include <utility>
 
 #include "host/config/config.h"
 #include "host/fault/fault.h"
 #include "host/log/log.h"
+#include "host/runtime/clock.h"
 #include "host/runtime/loop.h"
 #include "host/runtime/services.h"
 #include "host/runtime/timer_queue.h"
@@ -25,72 +25,64 @@
 namespace host::ddm {
 namespace {
 
-// ---- what the machine has
+using Interfaces = std::vector<Interface>;
 
-Port from_machine(const ifaddrs &entry) {
-  sockaddr_ll link;
-  std::memcpy(&link, entry.ifa_addr, sizeof link);
-  const auto ifx = static_cast<std::uint32_t>(link.sll_ifindex);
-  Port port{.ifx = ifx,
-            .name = entry.ifa_name,
-            .phyid = ifx,
-            .type = LSM_IF_TYPE_ETHERNET,
-            .mac = {},
-            .up = (entry.ifa_flags & IFF_UP) != 0};
-  if (link.sll_halen == port.mac.size()) std::copy_n(link.sll_addr, port.mac.size(), port.mac.begin());
-  return port;
+std::optional<Interfaces> machine() {
+  auto all = read_interfaces();
+  if (!all) log::error("the interfaces cannot be read: {}", strerror(errno));
+  return all;
 }
 
-// One entry an interface: the one that carries its link-layer address.
-Ports machine_ports() {
-  Ports ports;
-  ifaddrs *list = nullptr;
-  if (getifaddrs(&list) != 0) return ports;
-  for (const ifaddrs *entry = list; entry != nullptr; entry = entry->ifa_next) {
-    if (entry->ifa_addr != nullptr && entry->ifa_addr->sa_family == AF_PACKET) ports.push_back(from_machine(*entry));
-  }
-  freeifaddrs(list);
-  return ports;
+void show(Port &port, const Interface &real) {
+  port.mac = real.mac;
+  port.interface = real.index;
+  port.enabled = real.enabled;
+  port.has_link = real.carrier;
+  port.medium = read_medium(real.name);
+}
+
+Port from_machine(const Interface &real) {
+  Port port{.ifx = real.index, .name = real.name, .phyid = real.index, .type = LSM_IF_TYPE_ETHERNET};
+  show(port, real);
+  return port;
 }
 
 // ---- what is configured
 
-Port from_config(const ConfigPort &configured, const Ports &machine) {
+Port from_config(const ConfigPort &configured, const Interfaces &machine) {
   const auto ifx = configured.ifx;
   const auto byte = [ifx](unsigned shift) { return static_cast<std::uint8_t>(ifx >> shift); };
   Port port{.ifx = ifx,
             .name = configured.name,
             .phyid = configured.phyid,
             .type = configured.type,
-            .mac = {0x02, 0x00, byte(24), byte(16), byte(8), byte(0)},
-            .up = true};
-  const auto real = std::find_if(machine.begin(), machine.end(), [&](const Port &p) { return p.name == configured.name; });
-  if (real != machine.end()) {
-    port.mac = real->mac;
-    port.up = real->up;
-  }
+            .mac = {0x02, 0x00, byte(24), byte(16), byte(8), byte(0)}};
+  const auto real = std::ranges::find(machine, configured.name, &Interface::name);
+  if (real != machine.end()) show(port, *real);
   return port;
 }
 
-Ports read_ports() {
-  Ports ports = machine_ports();
-  if (!config().ports.empty()) {
-    const Ports machine = std::exchange(ports, {});
-    for (const ConfigPort &configured : config().ports) ports.push_back(from_config(configured, machine));
-  }
-  std::sort(ports.begin(), ports.end(), [](const Port &a, const Port &b) { return a.ifx < b.ifx; });
+std::optional<Ports> read_ports() {
+  const auto interfaces = machine();
+  if (!interfaces) return std::nullopt;
+  Ports ports;
+  for (const ConfigPort &configured : config().ports) ports.push_back(from_config(configured, *interfaces));
+  for (const Interface &real : *interfaces)
+    if (config().ports.empty() && !real.loopback) ports.push_back(from_machine(real));
+  std::ranges::sort(ports, {}, &Port::ifx);
   return ports;
 }
 
 // ---- the table in force
 
-std::mutex g_mutex;  // of g_ports
+std::mutex g_mutex;  // of the two below
 std::shared_ptr<const Ports> g_ports;
+bool g_stale = true;
 std::atomic<bool> g_watched{false};  // whether changes are noticed; the table is read anew for every question otherwise
 
 void look_again() {
   std::lock_guard lock(g_mutex);
-  g_ports.reset();
+  g_stale = true;
 }
 
 // ---- notice of changes
@@ -111,6 +103,7 @@ struct Watch {
 };
 
 std::unique_ptr<Watch> g_watch;
+std::function<void()> g_changed;  // loop's thread
 
 void drain(evutil_socket_t fd, short, void *) {
   char bytes[8192];
@@ -118,14 +111,13 @@ void drain(evutil_socket_t fd, short, void *) {
     errno = 0;
   }
   look_again();
+  if (g_changed) g_changed();
 }
 
 bool watch_links() {
-  auto watch = std::make_unique<Watch>(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE));
-  sockaddr_nl address{};
-  address.nl_family = AF_NETLINK;
-  address.nl_groups = RTMGRP_LINK;
-  if (bind(watch->fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) return false;
+  const int notices = open_link_notices();
+  if (notices < 0) return false;
+  auto watch = std::make_unique<Watch>(notices);
   watch->changed.reset(event_new(loop_base(), watch->fd, EV_READ | EV_PERSIST, drain, nullptr));
   if (!watch->changed || event_add(watch->changed.get(), nullptr) != 0) return false;
   g_watch = std::move(watch);
@@ -138,14 +130,55 @@ const Port *find(const Ports &ports, std::uint32_t ifx) {
   return it != ports.end() && it->ifx == ifx ? &*it : nullptr;
 }
 
+// ---- counters
+
+constexpr clock::Time kCountersKept = std::chrono::milliseconds(100);
+
+using CountersByIndex = std::map<std::uint32_t, Counters>;
+
+std::mutex g_counters_mutex;  // of the two below
+std::shared_ptr<const CountersByIndex> g_counters;
+clock::Time g_counters_read{};
+
+// One question to the kernel gives the counters of all, so that whoever asks for port after port costs one.
+std::shared_ptr<const CountersByIndex> all_counters() {
+  const std::lock_guard lock(g_counters_mutex);
+  const clock::Time now = clock::now();
+  if (g_counters && now - g_counters_read < kCountersKept) return g_counters;
+  auto fresh = std::make_shared<CountersByIndex>();
+  for (const Interface &real : machine().value_or(Interfaces{})) fresh->emplace(real.index, real.counters);
+  g_counters = std::move(fresh);
+  g_counters_read = now;
+  return g_counters;
+}
+
 }  // namespace
 
+// What cannot be read now has not gone: the latest that is known stands.
 std::shared_ptr<const Ports> ports() {
   std::lock_guard lock(g_mutex);
-  if (g_ports) return g_ports;
-  auto fresh = std::make_shared<const Ports>(read_ports());
-  if (g_watched) g_ports = fresh;
-  return fresh;
+  if (g_ports && !g_stale) return g_ports;
+  if (auto fresh = read_ports()) {
+    g_ports = std::make_shared<const Ports>(std::move(*fresh));
+    g_stale = !g_watched;
+  }
+  return g_ports ? g_ports : std::make_shared<const Ports>();
+}
+
+void on_change(std::function<void()> changed) {
+  g_changed = std::move(changed);
+}
+
+std::shared_ptr<const Counters> counters(const Port &port) {
+  const auto all = all_counters();
+  const auto found = all->find(port.interface);
+  return found == all->end() ? nullptr : std::shared_ptr<const Counters>(all, &found->second);
+}
+
+int enable(const Port &port, bool enabled) {
+  const int error = port.interface == 0 ? ENODEV : enable_interface(port.interface, enabled);
+  look_again();
+  return error;
 }
 
 }  // namespace host::ddm

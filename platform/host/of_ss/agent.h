@@ -112,6 +112,10 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   void addresses_stored(std::vector<std::uint32_t> stored) {
     inbox_.post([this, stored = std::move(stored)] { withdraw_strangers(stored); });
   }
+  // The machine's interfaces have changed.
+  void ports_changed() {
+    inbox_.post([this] { update_ports(); });
+  }
   // Runs `work` on the openflow thread and waits for it, not longer than a few seconds. False when it has not run.
   bool run(std::function<void(Agent &)> work);
 
@@ -143,6 +147,8 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   const ddm::Ports &ports() const { return *ports_; }
   const ddm::Port *find_port(std::uint32_t number) const;
   std::span<const std::uint32_t> port_numbers() const { return port_numbers_; }
+  // Looks at the ports again and reports to the controllers what has changed.
+  void update_ports();
   std::int64_t now() const { return now_ns_; }
   // Answers a request with an error and keeps it for the operator.
   void refuse(Connection &connection, const Verdict &verdict, Bytes request);
@@ -219,7 +225,6 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   void withdraw_strangers(const std::vector<std::uint32_t> &stored);
   void tell_failed_connection(const Connection &connection);
   void update_packets();
-  void update_ports();
   void send_port_status(const ddm::Port &port, std::uint8_t reason);
   template <typename Send>
   void for_each_listener(Async kind, std::uint8_t reason, Send &&send);

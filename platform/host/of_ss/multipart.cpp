@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <array>
-#include <fstream>
 #include <optional>
 #include <unordered_map>
 
@@ -114,22 +113,11 @@ Verdict port_desc(Agent &agent, Connection &connection, Bytes request) {
   return {};
 }
 
-// A counter of the machine's interface with this name; unknown where there is none.
-std::uint64_t interface_counter(const std::string &name, const char *counter) {
-  std::ifstream file("/sys/class/net/" + name + "/statistics/" + counter);
-  std::uint64_t value;
-  return file >> value ? value : kUnknown;
-}
-
-// In the order of ofp_port_stats; null where the machine has no such counter.
-constexpr const char *kPortCounters[] = {"rx_packets",      "tx_packets",     "rx_bytes",      "tx_bytes",
-                                         "rx_dropped",      "tx_dropped",     "rx_errors",     "tx_errors",
-                                         "rx_frame_errors", "rx_over_errors", "rx_crc_errors", "collisions"};
-
 void put_port_stats(Writer &out, const ddm::Port &port) {
+  const auto counters = ddm::counters(port);
   out.u32(port.ifx);
   out.zeros(4);
-  for (const char *counter : kPortCounters) out.u64(interface_counter(port.name, counter));
+  for (std::size_t n = 0; n < std::tuple_size_v<ddm::Counters>; ++n) out.u64(counters ? (*counters)[n] : kUnknown);
   out.u32(~std::uint32_t{0});  // how long the port has been there is not known
   out.u32(~std::uint32_t{0});
 }

@@ -13,6 +13,7 @@
 
 #include "host/config/config.h"
 #include "host/control/control.h"
+#include "host/ddm/ports.h"
 #include "host/fault/fault.h"
 #include "host/log/log.h"
 #include "host/mom/hub.h"
@@ -324,6 +325,9 @@ int ss_of_init(qx_global *global) {
         if (agent) agent->pace().answered(index);
       });
   watch_translations();
+  host::ddm::on_change([] {
+    if (agent) agent->ports_changed();
+  });
   register_views([] { return agent.get(); });
   host::control::register_view("audit", [](const nlohmann::json &) {
     if (!audit) throw std::invalid_argument("the OpenFlow service library is not running yet");
@@ -337,6 +341,7 @@ int ss_of_init(qx_global *global) {
     retry_timer().cancel();
     look_timer().cancel();
     stop_agent();
+    host::ddm::on_change(nullptr);
     registered = {};
     reloaded.reset();
     global_handle = nullptr;

@@ -1,5 +1,7 @@
 #include "host/of_ss/protocol.h"
 
+#include <errno.h>
+
 #include <array>
 
 #include "host/of_ss/agent.h"
@@ -9,7 +11,7 @@ namespace {
 
 constexpr std::uint32_t kFlowStats = 1, kTableStats = 2, kPortStats = 4;  // OFPC_*
 constexpr std::uint16_t kFragmentsMask = 3;
-constexpr std::uint32_t kPortStateDown = 1;
+constexpr std::uint32_t kPortDown = 1, kLinkDown = 1;  // OFPPC_PORT_DOWN, OFPPS_LINK_DOWN
 constexpr std::size_t kHwAddrLen = 6;
 
 Origin origin_of(const Connection &connection, Bytes message) {
@@ -93,7 +95,15 @@ Verdict port_mod(Agent &agent, Connection &, Bytes message) {
   if (!port) return refuse(err::kPortModBadPort, "port", "no such port");
   if (std::memcmp(port->mac.data(), message.data() + 16, kHwAddrLen) != 0)
     return refuse(err::kPortModBadHwAddr, "hw_addr", "not the hardware address of the port");
-  if (be32(message, 28) != 0) return refuse(err::kPortModEperm, "mask", "ports are not configured over OpenFlow");
+  const std::uint32_t config = be32(message, 24), mask = be32(message, 28);
+  if (mask & ~kPortDown) return refuse(err::kPortModBadConfig, "mask", "of a port only PORT_DOWN can be configured");
+  if (be32(message, 32) != 0)
+    return refuse(err::kPortModBadAdvertise, "advertise", "what a port advertises cannot be configured");
+  if (mask == 0) return {};
+  const int error = ddm::enable(*port, !(config & kPortDown));
+  if (error == ENODEV) return refuse(err::kPortModEperm, "mask", "the machine has no such interface");
+  if (error != 0) return refuse(err::kPortModEperm, "mask", "the process may not configure interfaces (CAP_NET_ADMIN)");
+  agent.update_ports();
   return {};
 }
 
@@ -260,9 +270,12 @@ void put_port(Writer &out, const ddm::Port &port) {
   out.bytes(std::as_bytes(std::span(port.mac)));
   out.zeros(2);
   out.text(port.name, 16);
-  out.u32(0);
-  out.u32(port.up ? 0 : kPortStateDown);
-  out.zeros(24);  // features and speeds are not known
+  out.u32(port.enabled ? 0 : kPortDown);
+  out.u32(port.has_link ? 0 : kLinkDown);
+  const ddm::Medium &medium = port.medium;
+  for (const std::uint32_t word : {medium.current, medium.advertised, medium.supported, medium.peer}) out.u32(word);
+  out.u32(medium.speed_kbps);
+  out.u32(medium.max_speed_kbps);
 }
 
 }  // namespace host::of_ss

@@ -214,6 +214,8 @@ inline constexpr Error kUnknownGroup{6, 8, "OFPGMFC_UNKNOWN_GROUP"};
 inline constexpr Error kGroupBadCommand{6, 11, "OFPGMFC_BAD_COMMAND"};
 inline constexpr Error kPortModBadPort{7, 0, "OFPPMFC_BAD_PORT"};
 inline constexpr Error kPortModBadHwAddr{7, 1, "OFPPMFC_BAD_HW_ADDR"};
+inline constexpr Error kPortModBadConfig{7, 2, "OFPPMFC_BAD_CONFIG"};
+inline constexpr Error kPortModBadAdvertise{7, 3, "OFPPMFC_BAD_ADVERTISE"};
 inline constexpr Error kPortModEperm{7, 4, "OFPPMFC_EPERM"};
 inline constexpr Error kTableModBadTable{8, 0, "OFPTMFC_BAD_TABLE"};
 inline constexpr Error kTableModBadConfig{8, 1, "OFPTMFC_BAD_CONFIG"};
