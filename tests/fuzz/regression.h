@@ -3,9 +3,15 @@
 
 #include <gtest/gtest.h>
 
+#include <string_view>
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size);
+
+inline std::vector<std::byte> text(std::string_view words) {
+  const auto *at = reinterpret_cast<const std::byte *>(words.data());
+  return {at, at + words.size()};
+}
 
 inline void run(const std::vector<std::byte> &input) {
   EXPECT_EQ(LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t *>(input.data()), input.size()), 0);
