@@ -13,6 +13,7 @@
 #include <sstream>
 
 #define TOML_EXCEPTIONS 0
+#define TOML_ASSERT(expr) static_cast<void>(0)  // on a wrong file; what follows it is an error
 #include <toml++/toml.h>
 
 #include "host/config/keys.h"
@@ -70,6 +71,37 @@ std::string apply_node(const std::string &file, std::string_view section, std::s
   return "";
 }
 
+// The place behind the TOML string that begins at `at`; one that is not closed ends with its line.
+std::size_t end_of_string(std::string_view text, std::size_t at) {
+  const std::string three(3, text[at]);
+  const bool many_lines = text.substr(at).starts_with(three);
+  const std::string end = many_lines ? three : three.substr(0, 1);
+  const bool escapes = text[at] == '"';
+  for (at += end.size(); at < text.size() && !text.substr(at).starts_with(end); ++at) {
+    if (!many_lines && text[at] == '\n') return at;
+    if (escapes && text[at] == '\\') ++at;
+  }
+  at += end.size();
+  for (int last = 0; many_lines && last < 2 && at < text.size() && text[at] == end[0]; ++last) ++at;
+  return std::min(at, text.size());
+}
+
+// Where something stands outside of strings and comments that is neither printable ASCII nor a blank; npos for nowhere. TOML has
+// nothing else there, and the parser (toml++ 3.3) runs into undefined behaviour and assertions of its own on it.
+std::size_t stray_character(std::string_view text) {
+  constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
+  std::size_t at = text.starts_with(kByteOrderMark) ? kByteOrderMark.size() : 0;
+  const auto is_plain = [](char c) { return (c >= ' ' && c <= '~') || c == '\t' || c == '\n' || c == '\r'; };
+  while (at < text.size() && is_plain(text[at])) {
+    if (text[at] == '#') {
+      at = std::min(text.find('\n', at), text.size());
+    } else {
+      at = text[at] == '"' || text[at] == '\'' ? end_of_string(text, at) : at + 1;
+    }
+  }
+  return at < text.size() ? at : std::string_view::npos;
+}
+
 std::string apply_file(Draft &draft) {
   const char *named = getenv("KELIM_CONF");
   const std::string file = named != nullptr ? named : kDefaultFile;
@@ -80,6 +112,9 @@ std::string apply_file(Draft &draft) {
   if (const std::size_t bad = not_utf8(text); bad != std::string::npos)
     return file + ":" + std::to_string(1 + std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(bad), '\n')) +
            ": a byte that is not UTF-8; the file must be UTF-8 text";
+  if (const std::size_t stray = stray_character(text); stray != std::string::npos)
+    return file + ":" + std::to_string(1 + std::ranges::count(text.substr(0, stray), '\n')) +
+           ": a character that is not printable ASCII; allowed in quotes and comments only";
   const toml::parse_result parsed = toml::parse(text, file);
   if (!parsed) {
     const toml::parse_error &error = parsed.error();
@@ -145,6 +180,13 @@ Config &current() {
   return config;
 }
 
+// What a file or a variable holds may be quoted, line ends and all.
+std::string one_line(std::string error) {
+  std::ranges::replace_if(
+      error, [](unsigned char c) { return c < 0x20 || c == 0x7f; }, ' ');
+  return error;
+}
+
 void settle(Draft &draft) {
   if (!draft.given.contains(keys::find("programmer", "embedded")))
     draft.config.programmer.embedded = draft.config.mom.url == "embedded:";
@@ -159,8 +201,8 @@ const Config &config() {
 
 std::string config_reread(Config &fresh) {
   Draft draft = defaults();
-  if (std::string error = apply_file(draft); !error.empty()) return error;
-  if (std::string error = apply_environment(draft); !error.empty()) return error;
+  if (std::string error = apply_file(draft); !error.empty()) return one_line(std::move(error));
+  if (std::string error = apply_environment(draft); !error.empty()) return one_line(std::move(error));
   for (const auto &[row, text] : g_set) {
     if (std::string error = apply_text("set by the program", *row, text, draft); !error.empty()) return error;
   }
