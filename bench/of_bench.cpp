@@ -8,6 +8,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -50,8 +51,14 @@ struct WireFlow {
     v = htonl(v);
     memcpy(bytes + at, &v, 4);
   }
-  Bytes span() const { return std::as_bytes(std::span(bytes)); }
+  Bytes span() const { return std::as_bytes(std::span(bytes)).first(bytes[3]); }
 };
+
+WireFlow strict_delete(std::uint32_t n) {
+  WireFlow wire(n);
+  wire.bytes[25] = 4, wire.bytes[3] = 96;
+  return wire;
+}
 
 constexpr std::uint32_t kPorts[] = {1, 2, 3};
 
@@ -130,6 +137,115 @@ void decode_and_add(benchmark::State &state) {
   drain();
 }
 BENCHMARK(decode_and_add)->Arg(600)->Arg(10'000)->Arg(100'000);
+
+// Of this thread on a processor, so that a busy machine is not measured.
+double cpu_now_s() {
+  timespec now;
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+// The daemon has decided everything.
+void settle(Flows &flows) {
+  std::byte reply[southbound::kBarrierLen] = {};
+  southbound::put_header(reply, southbound::kBarrierReply, 4, sizeof reply, 0);
+  southbound::put(reply, southbound::kBarrierConnId, kOwnBarrier);
+  southbound::put(reply, southbound::kBarrierXid, flows.fence(0));
+  flows.barrier_reply(reply, 0);
+  drain();
+}
+
+// The longest single add while a table grows to range(0) flows.
+void longest_add(benchmark::State &state) {
+  const Callbacks callbacks = player();
+  Quiet quiet;
+  FlowMod mod;
+  double longest = 0;
+  for (auto _ : state) {
+    Flows flows(callbacks, quiet, FlowLimits{});
+    for (std::uint32_t n = 0; n < state.range(0); ++n) {
+      const WireFlow flow(n);
+      decode_flow_mod(flow.span(), kPorts, mod);
+      const double start = cpu_now_s();
+      flows.apply(mod, {1, n}, flow.span(), n);
+      longest = std::max(longest, cpu_now_s() - start);
+      if (n % 1024 == 0) settle(flows);
+    }
+    drain();
+  }
+  state.counters["longest_ms"] = longest * 1000;
+}
+BENCHMARK(longest_add)->Arg(1'000'000)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+// A table of range(0) flows with cookies of their own, of which the first thousand have outputs and meters of their own; a
+// thousand requests, each about one of these. "us" is the time of one request.
+enum About : int { by_match, by_wider_match, by_cookie, by_port, by_meter, overlap };
+struct Scene {
+  static constexpr std::uint32_t kSpecial = 1000, kFirstPort = 10;
+  Callbacks callbacks = player();
+  Quiet quiet;
+  Flows flows{callbacks, quiet, FlowLimits{}};
+  FlowMod mod;
+  std::vector<std::uint32_t> ports;
+
+  explicit Scene(std::uint32_t size) {
+    for (std::uint32_t port = 1; port < kFirstPort + kSpecial; ++port) ports.push_back(port);
+    for (std::uint32_t n = 0; n < size; ++n) add(n);
+  }
+  void read(const WireFlow &wire) {
+    if (decode_flow_mod(wire.span(), ports, mod).refused()) abort();
+  }
+  void add(std::uint32_t n, bool check_overlap = false) {
+    WireFlow wire(n);
+    wire.put32(12, n);
+    wire.bytes[45] = check_overlap ? 2 : 0;
+    if (n < kSpecial) wire.put32(108, kFirstPort + n);
+    read(wire);
+    if (n < kSpecial) southbound::put(mod.message, southbound::kFlowMeterId, n + 1);
+    if (flows.apply(mod, {1, n}, wire.span(), n).refused()) abort();
+    if (n % 1024 == 0) settle(flows);
+  }
+  void remove(std::uint32_t n, About about) {
+    WireFlow wire(n);
+    wire.bytes[25] = 3, wire.bytes[3] = 96;
+    if (about != by_match) wire.bytes[48 + 3] = 4;
+    if (about == by_wider_match) wire.bytes[48 + 3] = 35;  // without tcp_dst
+    if (about == by_cookie) wire.put32(12, n), memset(wire.bytes + 16, 0xff, 8);
+    if (about == by_port) wire.put32(36, kFirstPort + n);
+    if (about == by_meter) return flows.remove_users_of_meter(n + 1);
+    if (about == by_cookie || about == by_port) wire.bytes[3] = 56;
+    if (about == by_wider_match) wire.bytes[3] = 88, memset(wire.bytes + 48 + 35, 0, 5);
+    read(wire);
+    flows.apply(mod, {1, n}, wire.span(), n);
+  }
+};
+
+void one_of_many(benchmark::State &state) {
+  const auto about = static_cast<About>(state.range(0));
+  Scene scene(static_cast<std::uint32_t>(state.range(1)));
+  double spent = 0;
+  for (auto _ : state) {
+    const double start = cpu_now_s();
+    for (std::uint32_t n = 0; n < Scene::kSpecial; ++n)
+      about == overlap       ? scene.flows.apply((scene.read(strict_delete(n)), scene.mod), {}, {}, n),
+          scene.add(n, true) : scene.remove(n, about);
+    state.SetIterationTime(cpu_now_s() - start);
+    spent += cpu_now_s() - start;
+    drain();
+    if (scene.flows.table().flows() != static_cast<std::size_t>(state.range(1)) - (about == overlap ? 0 : Scene::kSpecial))
+      state.SkipWithError("not one flow for each request");
+    if (about != overlap)
+      for (std::uint32_t n = 0; n < Scene::kSpecial; ++n) scene.add(n);
+  }
+  constexpr const char *kNames[] = {"by match", "by wider match", "by cookie", "by output", "by meter", "check overlap"};
+  state.SetLabel(kNames[about]);
+  state.counters["us"] = spent / static_cast<double>(state.iterations()) / Scene::kSpecial * 1e6;
+  drain();
+}
+BENCHMARK(one_of_many)
+    ->ArgsProduct({{by_match, by_wider_match, by_cookie, by_port, by_meter, overlap}, {1'000, 100'000}})
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
 
 int connect_to(std::uint16_t port) {
   sockaddr_in address{};

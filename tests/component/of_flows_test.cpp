@@ -1,4 +1,5 @@
 // The life of flows in the OpenFlow agent: hand-over, results, barriers, changes, deletes, timeouts, synchronisation, statistics.
+#include <random>
 #include <set>
 
 #include "component/of_world.h"
@@ -417,6 +418,66 @@ TEST_F(AgentTest, DeletesTakeWhatTheySayAndStatisticsShowIt) {
     apply(flow_mod(everything()));
     EXPECT_NE(daemon.told(PlayedDaemon::kDelAllFlows), "");
     EXPECT_TRUE(dump().empty());
+  }
+}
+
+// Many flows of many kinds: what a delete takes is what a dump of the same, which looks at every flow, shows; and an add that
+// looks for overlaps finds what a look at every flow finds.
+TEST_F(AgentTest, WhatIsLookedUpIsWhatAWalkFinds) {
+  std::minstd_rand dice(1);
+  const auto one_of = [&dice](const auto &list) { return std::data(list)[dice() % std::size(list)]; };
+  constexpr std::uint64_t kMasks[] = {0, 0, 1, ~0ull};
+  constexpr std::uint32_t kOutputs[] = {1, 2, 7, 0xffffffff};
+  constexpr std::uint8_t kTables[] = {0, 0, 1, 255};
+  const auto random_match = [&] {
+    const std::string net = to_hex(be(0x0a000000u + static_cast<std::uint32_t>(dice() % 8) * 4));
+    const std::string kinds[] = {"", "80001804" + net, "80001908" + net + "fffffffc", "80001908 0a000000 ff000000"};
+    return hex(one_of(std::vector<const char *>{"", "80000004 00000001", "80000004 00000002"})) +
+           hex("80000a020800" + one_of(kinds));
+  };
+  std::vector<Message> accepted;
+  for (int n = 0; n < 400; ++n) {
+    FlowMod f = with_output({.table = static_cast<std::uint8_t>(dice() % 2)}, kOutputs[dice() % 3]);
+    f.fields = random_match(), f.priority = dice() % 3, f.cookie = dice() % 5, f.flags = n % 2 * 2;
+    daemon.forget();
+    const bool refused = !error_of(c.ask(flow_mod(f) + message(20, f.xid))).empty();
+    f.flags = 0;
+    host::of_ss::FlowMod read;
+    const std::uint32_t ports[] = {1, 2, 7};
+    decode_flow_mod(flow_mod(f), ports, read);
+    const bool overlaps = std::ranges::any_of(accepted, [&read](const Message &other) {
+      return other[southbound::kFlowTableId] == read.message[southbound::kFlowTableId] &&
+             !memcmp(&other[southbound::kFlowPriority], read.message + southbound::kFlowPriority, 2) &&
+             host::of_ss::matches_overlap(host::of_ss::southbound_match(other), host::of_ss::southbound_match(read.southbound()));
+    });
+    ASSERT_EQ(refused, n % 2 && overlaps) << n;
+    if (!refused) accepted.emplace_back(read.message, read.message + read.length);
+  }
+  for (int n = 0; n < 60; ++n) {
+    FlowMod filter{.command = 3,
+                   .table = one_of(kTables),
+                   .cookie = dice() % 5,
+                   .cookie_mask = one_of(kMasks),
+                   .out_port = one_of(kOutputs),
+                   .fields = random_match()};
+    if (filter.out_port == 7) filter.fields.clear();
+    filter.cookie &= filter.cookie_mask;
+    const auto ids = [this](const FlowMod &of) {
+      std::multiset<std::string> found;
+      for (const Message &m : dump(dump_request(0xd0, of)))
+        found.insert(to_hex(Message(m.begin(), m.begin() + 4) + Message(m.begin() + 12, m.end())));
+      return found;
+    };
+    auto left = ids(everything());
+    for (const std::string &taken : ids(filter)) left.erase(left.find(taken));
+    apply(flow_mod(filter));
+    ASSERT_EQ(ids(everything()), left) << n;
+    if (n % 20 == 19)
+      for (int i = 0; i < 100; ++i) {
+        FlowMod f = with_output({.table = static_cast<std::uint8_t>(dice() % 2)}, kOutputs[dice() % 3]);
+        f.fields = random_match(), f.priority = dice() % 3, f.cookie = dice() % 5;
+        apply(flow_mod(f));
+      }
   }
 }
 

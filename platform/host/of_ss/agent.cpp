@@ -477,8 +477,8 @@ void Agent::flow_removed(const FlowEntry &flow, RemovedReason reason) {
   reply.out.u32(static_cast<std::uint32_t>(age % 1'000'000'000));
   reply.out.u16(flow.get<std::uint16_t>(sb::kFlowIdleTimeout));
   reply.out.u16(flow.get<std::uint16_t>(sb::kFlowHardTimeout));
-  reply.out.u64(flow.packets.value());
-  reply.out.u64(flow.bytes.value());
+  reply.out.u64(flow.packets());
+  reply.out.u64(flow.bytes());
   encode_wire_match(southbound_match(flow.southbound()), flow.table_id() == kServiceChainTable, reply.out);
   for_each_listener(Async::flow_removed, reason, [bytes = reply.finish()](Connection &connection) { connection.send(bytes); });
 }

@@ -3,7 +3,8 @@
 // An entry is one southbound flow-mod, kept as the bytes that were handed to the daemon, so that a replay is byte-identical; what
 // the controller sees of it is derived from them. Entries are found by index, and by what makes them the same flow: table,
 // priority and match. Of several entries for the same flow the newest is in force and the others are on their way out: a changed
-// flow is added under a new index before the old one goes, and comes back into force when the new one fails.
+// flow is added under a new index before the old one goes, and comes back into force when the new one fails. Requests for many
+// flows find them by match, by cookie, and by their group (flow_groups.h).
 //
 // Openflow thread only. An entry stays where it is until it is removed.
 #pragma once
@@ -13,12 +14,12 @@
 #include <new>
 #include <vector>
 
+#include "host/of_ss/flow_groups.h"
+#include "host/of_ss/slot_index.h"
 #include "host/of_ss/wire.h"
 #include "southbound.h"
 
 namespace host::of_ss {
-
-inline constexpr std::uint32_t kNoSlot = ~std::uint32_t{0};
 
 enum class FlowState : std::uint8_t {
   sent,       // handed to the daemon, not decided yet
@@ -38,14 +39,28 @@ struct Counter {
   void reset() { before = 0 - total; }
 };
 
-struct FlowEntry {
-  std::int64_t created_ns;  // monotonic; of the flow, not of its latest form
+struct FlowCounts {
   Counter packets, bytes;
+};
+
+// Neighbours in a list of entries, by slot.
+struct Links {
+  std::uint32_t previous = kNoSlot, next = kNoSlot;
+};
+
+// There may be millions: 72 bytes and the message, so that most flows fit 192.
+struct FlowEntry {
+  std::int64_t created_ns;             // monotonic; of the flow, not of its latest form
+  std::unique_ptr<FlowCounts> counts;  // null while nothing has been counted
   std::uint32_t slot;
-  std::uint32_t hash;
-  std::uint32_t older = kNoSlot, newer = kNoSlot;  // other forms of the same flow
-  std::uint32_t last_hit_s = 0;                    // monotonic seconds of the latest change of a counter
-  std::uint32_t latency_us = 0;                    // from hand-over to decision, 0 while undecided
+  std::uint32_t hash;             // of table and match
+  std::uint32_t group = kNoSlot;  // number among the FlowGroups
+  std::uint32_t older = kNoSlot;  // the form of the same flow before this one
+  Links alike = {};               // those with the same table and match, newest first; so are the others
+  Links in_group = {};
+  Links with_cookie = {};        // those with the same cookie
+  std::uint32_t last_hit_s = 0;  // monotonic seconds of the latest change of a counter
+  std::uint32_t latency_us = 0;  // from hand-over to decision, 0 while undecided
   FlowState state = FlowState::sent;
   bool in_force = true;
   bool retried = false;          // it has failed once after it was installed
@@ -62,63 +77,18 @@ struct FlowEntry {
   std::uint64_t cookie() const { return get<std::uint64_t>(::southbound::kFlowCookie); }
   std::uint16_t priority() const { return get<std::uint16_t>(::southbound::kFlowPriority); }
   std::uint16_t flags() const { return get<std::uint16_t>(::southbound::kFlowFlags); }
-  bool has_timeout() const {
-    return get<std::uint16_t>(::southbound::kFlowIdleTimeout) || get<std::uint16_t>(::southbound::kFlowHardTimeout);
-  }
   std::uint8_t table_id() const { return get<std::uint8_t>(::southbound::kFlowTableId); }
-};
-
-// Slot numbers in a hash table: open addressing, no tombstones. `Hash` gives the hash of what is in a slot.
-class SlotIndex {
- public:
-  template <typename Match>
-  std::uint32_t find(std::uint32_t hash, Match &&match) const {
-    if (cells_.empty()) return kNoSlot;
-    for (std::size_t i = hash & mask();; i = (i + 1) & mask())
-      if (cells_[i] == kNoSlot || match(cells_[i])) return cells_[i];
+  std::uint64_t packets() const { return counts ? counts->packets.value() : 0; }
+  std::uint64_t bytes() const { return counts ? counts->bytes.value() : 0; }
+  FlowCounts &counted() {
+    if (!counts) counts = std::make_unique<FlowCounts>();
+    return *counts;
   }
-  template <typename Hash>
-  void insert(std::uint32_t slot, Hash &&hash_of) {
-    if (cells_.size() * 7 <= (count_ + 1) * 10) grow(hash_of);
-    place(slot, hash_of(slot));
-    ++count_;
+  void reset_counts() {
+    if (!counts) return;
+    counts->packets.reset();
+    counts->bytes.reset();
   }
-  template <typename Hash>
-  void erase(std::uint32_t slot, Hash &&hash_of) {
-    std::size_t hole = position(slot, hash_of(slot));
-    for (std::size_t i = (hole + 1) & mask(); cells_[i] != kNoSlot; i = (i + 1) & mask()) {
-      const std::size_t home = hash_of(cells_[i]) & mask();
-      if (((i - home) & mask()) < ((i - hole) & mask())) continue;
-      cells_[hole] = cells_[i];
-      hole = i;
-    }
-    cells_[hole] = kNoSlot;
-    --count_;
-  }
-  void replace(std::uint32_t slot, std::uint32_t by, std::uint32_t hash) { cells_[position(slot, hash)] = by; }
-  std::size_t size() const { return count_; }
-
- private:
-  std::size_t mask() const { return cells_.size() - 1; }
-  std::size_t position(std::uint32_t slot, std::uint32_t hash) const {
-    std::size_t i = hash & mask();
-    while (cells_[i] != slot) i = (i + 1) & mask();
-    return i;
-  }
-  void place(std::uint32_t slot, std::uint32_t hash) {
-    std::size_t i = hash & mask();
-    while (cells_[i] != kNoSlot) i = (i + 1) & mask();
-    cells_[i] = slot;
-  }
-  template <typename Hash>
-  void grow(Hash &&hash_of) {
-    std::vector<std::uint32_t> old(cells_.empty() ? 64 : cells_.size() * 2, kNoSlot);
-    old.swap(cells_);
-    for (const std::uint32_t slot : old)
-      if (slot != kNoSlot) place(slot, hash_of(slot));
-  }
-  std::vector<std::uint32_t> cells_;
-  std::size_t count_ = 0;
 };
 
 class FlowTable {
@@ -144,12 +114,18 @@ class FlowTable {
   FlowEntry *at(std::uint32_t slot) const { return slot == kNoSlot ? nullptr : slots_[slot].get(); }
   // Walks all entries: begins at cursor 0, null at the end. Entries may come and go meanwhile; each that stays is visited once.
   FlowEntry *next(std::uint32_t &cursor) const;
+  // Calls `visit` with entries in force, among them all that are wanted; it looks at each itself, and does not change the table.
+  template <typename Visit>
+  void each_candidate(const Wanted &wanted, Visit &&visit) const {
+    for (const Chain &chain : candidates(wanted))
+      any_in(chain, [&visit](FlowEntry &entry) { return entry.in_force && (visit(entry), false); });
+  }
+  // Whether an entry in force with the table and the priority of the flow-mod overlaps it.
+  bool overlaps(Bytes flow_mod) const;
 
   std::size_t size() const { return by_index_.size(); }
   // Flows, each counted once whatever forms of it there are.
   std::size_t flows() const { return by_key_.size(); }
-  // Entries with an idle or a hard timeout.
-  std::size_t timed() const { return timed_; }
   std::size_t flows_of(std::uint8_t table_id) const { return flows_of_[table_id]; }
   // The greatest index given so far; 0 for none.
   std::uint64_t newest_index() const { return next_index_ - 1; }
@@ -163,15 +139,50 @@ class FlowTable {
     }
   };
   using Owner = std::unique_ptr<FlowEntry, Free>;
+  using List = Links FlowEntry::*;
+  struct Chain {
+    std::uint32_t first;
+    List list;
+  };
+  struct Key {
+    std::uint8_t table_id;
+    std::uint16_t priority;
+    Bytes match;
+  };
+  static Key key_of(Bytes flow_mod);
 
+  // Whether `visit` has given true for an entry of the list, at which it ends.
+  template <typename Visit>
+  bool any_in(const Chain &chain, Visit &&visit) const {
+    for (FlowEntry *entry = at(chain.first); entry; entry = at((entry->*chain.list).next))
+      if (visit(*entry)) return true;
+    return false;
+  }
+  std::vector<Chain> candidates(const Wanted &wanted) const;
+  bool is_longer(const Chain &chain, std::size_t than) const;
+  std::uint32_t first_alike(std::uint8_t table_id, Bytes match, std::uint32_t hash) const;
+  std::uint32_t first_with_cookie(std::uint64_t cookie) const;
+  FlowEntry *find(const Key &key, std::uint32_t hash) const;
   FlowEntry &put(Bytes flow_mod, const Place &place, std::uint64_t index, std::int64_t now_ns);
+  void link(FlowEntry &entry, std::uint32_t first, List list);
+  void unlink(FlowEntry &entry, List list);
+  template <typename Hash>
+  void lead(SlotIndex &index, FlowEntry &entry, std::uint32_t first, List list, Hash &&hash_of);
+  template <typename Hash>
+  void leave(SlotIndex &index, FlowEntry &entry, List list, Hash &&hash_of);
+  void enlist(FlowEntry &entry);
+  void delist(FlowEntry &entry);
+  void take_form_out(const FlowEntry &entry);
   std::uint32_t take_slot();
+  std::uint32_t index_hash_at(std::uint32_t slot) const;
+  std::uint32_t key_hash_at(std::uint32_t slot) const;
 
   std::vector<Owner> slots_;
   std::vector<std::uint32_t> free_;
   SlotIndex by_key_, by_index_;
+  SlotIndex by_match_, by_cookie_;  // the first of each list
+  FlowGroups groups_;
   std::size_t flows_of_[kTableCount] = {};
-  std::size_t timed_ = 0;
   std::uint64_t next_index_ = 1;
 };
 

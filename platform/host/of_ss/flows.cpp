@@ -23,6 +23,14 @@ bool is_undecided(Bytes result) {
   return sb::get<std::uint32_t>(result.data(), sb::kFlowResultCode) & kUndecided;
 }
 
+Wanted wanted_by(const FlowMod &mod) {
+  Wanted wanted{.match = southbound_match(mod.southbound())};
+  if (mod.table_id != kTableAll) wanted.table_id = mod.table_id;
+  if (mod.deletes() && mod.out_port != port::kAny) wanted.port = mod.out_port;
+  if (~mod.cookie_mask == 0) wanted.cookie = mod.cookie;
+  return wanted;
+}
+
 bool matches_everything(const FlowMod &mod) {
   return mod.table_id == kTableAll && southbound_match(mod.southbound()).empty() && mod.cookie_mask == 0 &&
          mod.out_port == port::kAny && mod.out_group == kGroupAny;
@@ -46,7 +54,8 @@ Verdict Flows::apply(const FlowMod &mod, const Origin &origin, Bytes request, st
 }
 
 Verdict Flows::add(const FlowMod &mod, const Origin &origin, Bytes request, std::int64_t now) {
-  if (mod.flags & fm::kCheckOverlap && overlaps(mod)) return refuse(err::kOverlap, "match", "a flow of this priority overlaps");
+  if (mod.flags & fm::kCheckOverlap && table_.overlaps(mod.southbound()))
+    return refuse(err::kOverlap, "match", "a flow of this priority overlaps");
   const FlowTable::Place place = table_.find(mod.southbound());
   FlowEntry *before = place.entry;
   if (!before && capacity() && table_.flows() >= capacity())
@@ -60,10 +69,7 @@ Verdict Flows::add(const FlowMod &mod, const Origin &origin, Bytes request, std:
     ledger_.expect(before->index(), origin, request, false, now);
     ++counters_.added;
   }
-  if (mod.flags & fm::kResetCounts) {
-    before->packets.reset();
-    before->bytes.reset();
-  }
+  if (mod.flags & fm::kResetCounts) before->reset_counts();
   return {};
 }
 
@@ -85,7 +91,7 @@ Verdict Flows::remove(const FlowMod &mod) {
 
 // The flows that a modify or a delete is about.
 std::vector<FlowEntry *> Flows::targets(const FlowMod &mod, bool strict) {
-  if (!strict) return flows_in_force([&mod](const FlowEntry &flow) { return selected(flow, mod); });
+  if (!strict) return flows_in_force(wanted_by(mod), [&mod](const FlowEntry &flow) { return selected(flow, mod); });
   std::vector<FlowEntry *> found;
   for (std::uint8_t table_id = 0; table_id < kTableCount; ++table_id) {
     if (mod.table_id != kTableAll && mod.table_id != table_id) continue;
@@ -94,12 +100,13 @@ std::vector<FlowEntry *> Flows::targets(const FlowMod &mod, bool strict) {
   return found;
 }
 
-template <typename Wanted>
-std::vector<FlowEntry *> Flows::flows_in_force(Wanted &&wanted) const {
+template <typename Fits>
+std::vector<FlowEntry *> Flows::flows_in_force(const Wanted &wanted, Fits &&fits) const {
   std::vector<FlowEntry *> found;
-  std::uint32_t cursor = 0;
-  while (FlowEntry *flow = table_.next(cursor))
-    if (flow->in_force && wanted(*flow)) found.push_back(flow);
+  table_.each_candidate(wanted, [&found, &fits](FlowEntry &flow) {
+    if (fits(flow)) found.push_back(&flow);
+  });
+  std::ranges::sort(found, {}, [](const FlowEntry *flow) { return flow->index(); });
   return found;
 }
 
@@ -118,25 +125,15 @@ FlowEntry *Flows::find_in_table(const FlowMod &mod, std::uint8_t table_id) {
   return table_.find(scratch_).entry;
 }
 
-bool Flows::overlaps(const FlowMod &mod) const {
-  const auto priority = sb::get<std::uint16_t>(mod.message, sb::kFlowPriority);
-  std::uint32_t cursor = 0;
-  while (const FlowEntry *flow = table_.next(cursor))
-    if (flow->in_force && flow->table_id() == mod.table_id && flow->priority() == priority &&
-        matches_overlap(southbound_match(flow->southbound()), southbound_match(mod.southbound())))
-      return true;
-  return false;
-}
-
 // ---- hand-over
 
 // A new entry, or a new form of the one at `place`, goes to the daemon. Its pending answer is the caller's to note.
 FlowEntry &Flows::hand_over(Bytes flow_mod, const FlowTable::Place &place, std::int64_t created) {
   FlowEntry &flow = table_.insert(flow_mod, place, created);
   flow.last_hit_s = static_cast<std::uint32_t>(created / kSecond);
-  if (const FlowEntry *before = place.entry) {
-    flow.packets.before = before->packets.value();
-    flow.bytes.before = before->bytes.value();
+  if (const FlowEntry *before = place.entry; before && before->counts) {
+    flow.counted().packets.before = before->packets();
+    flow.counted().bytes.before = before->bytes();
   }
   handover_.add(flow);
   return flow;
@@ -165,10 +162,7 @@ bool Flows::change(FlowEntry &flow, const FlowMod &mod, const Origin &origin, By
     form->last_hit_s = flow.last_hit_s;
     ledger_.expect(form->index(), origin, request, same_request, now);
   }
-  if (mod.flags & fm::kResetCounts) {
-    form->packets.reset();
-    form->bytes.reset();
-  }
+  if (mod.flags & fm::kResetCounts) form->reset_counts();
   return differs;
 }
 
@@ -213,7 +207,7 @@ void Flows::remove_everything() {
 }
 
 std::vector<FlowEntry *> Flows::users_of_meter(std::uint32_t meter_id) const {
-  return flows_in_force([meter_id](const FlowEntry &flow) {
+  return flows_in_force({.meter_id = meter_id}, [meter_id](const FlowEntry &flow) {
     const auto used = flow.get<std::uint32_t>(sb::kFlowMeterId);
     return meter_id == kMeterAll ? used != 0 : used == meter_id;
   });
@@ -367,18 +361,19 @@ void Flows::failed_late(FlowEntry &flow, std::int64_t now) {
 
 void Flows::counted(std::uint64_t index, std::uint64_t packets, std::uint64_t bytes, std::int64_t now) {
   FlowEntry *flow = table_.by_index(index);
-  if (!flow) return;
-  if (packets > flow->packets.total) flow->last_hit_s = static_cast<std::uint32_t>(now / kSecond);
-  flow->packets.is(packets);
-  flow->bytes.is(bytes);
+  if (!flow || (!packets && !bytes)) return;
+  FlowCounts &counts = flow->counted();
+  if (packets > counts.packets.total) flow->last_hit_s = static_cast<std::uint32_t>(now / kSecond);
+  counts.packets.is(packets);
+  counts.bytes.is(bytes);
 }
 
 void Flows::count_more(std::uint64_t index, std::uint64_t packets, std::uint64_t bytes, std::int64_t now) {
   FlowEntry *flow = table_.by_index(index);
-  if (!flow) return;
+  if (!flow || (!packets && !bytes)) return;
   if (packets) flow->last_hit_s = static_cast<std::uint32_t>(now / kSecond);
-  flow->packets.grew(packets);
-  flow->bytes.grew(bytes);
+  flow->counted().packets.grew(packets);
+  flow->counted().bytes.grew(bytes);
 }
 
 void Flows::moved(std::uint64_t index, std::int64_t now) {
@@ -453,10 +448,10 @@ void Flows::withdraw_failed(FlowEntry &flow, const Error &error) {
 }
 
 void Flows::check_timeouts(std::int64_t now) {
-  if (table_.timed() == 0) return;
-  const auto timed = [](const FlowEntry &flow) { return flow.has_timeout() && flow.state == FlowState::installed; };
-  for (FlowEntry *flow : flows_in_force(timed)) check_timeout(*flow, now);
-  batch_done(now);
+  const auto decided = [](const FlowEntry &flow) { return flow.state == FlowState::installed; };
+  const auto timed = flows_in_force({.timed = true}, decided);
+  for (FlowEntry *flow : timed) check_timeout(*flow, now);
+  if (!timed.empty()) batch_done(now);
 }
 
 // A flow that looks idle goes when the programming service has read all counters once more and has not found it used: of the

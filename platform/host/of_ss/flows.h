@@ -129,10 +129,10 @@ class Flows {
   Verdict add(const FlowMod &mod, const Origin &origin, Bytes request, std::int64_t now);
   Verdict modify(const FlowMod &mod, const Origin &origin, Bytes request, std::int64_t now);
   Verdict remove(const FlowMod &mod);
-  bool overlaps(const FlowMod &mod) const;
   FlowEntry &hand_over(Bytes flow_mod, const FlowTable::Place &place, std::int64_t created);
-  template <typename Wanted>
-  std::vector<FlowEntry *> flows_in_force(Wanted &&wanted) const;
+  // The oldest first, as they are answered.
+  template <typename Fits>
+  std::vector<FlowEntry *> flows_in_force(const Wanted &wanted, Fits &&fits) const;
   std::vector<FlowEntry *> targets(const FlowMod &mod, bool strict);
   FlowEntry *find_in_table(const FlowMod &mod, std::uint8_t table_id);
   Bytes with_instructions_of(const FlowEntry &flow, const FlowMod &mod);

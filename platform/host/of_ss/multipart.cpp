@@ -325,8 +325,8 @@ void put_flow(Writer &out, const FlowEntry &flow, std::int64_t now) {
   out.u16(flow.flags());
   out.zeros(4);
   out.u64(flow.cookie());
-  out.u64(flow.packets.value());
-  out.u64(flow.bytes.value());
+  out.u64(flow.packets());
+  out.u64(flow.bytes());
   encode_wire_match(southbound_match(flow.southbound()), flow.table_id() == kServiceChainTable, out);
   encode_wire_instructions(flow.southbound(), out);
   out.patch16(start, out.size() - start);
@@ -350,8 +350,8 @@ void send_aggregate(Agent &agent, Connection &connection, const Dump &dump) {
   std::uint32_t cursor = 0, flows = 0;
   while (const FlowEntry *flow = agent.flows().table().next(cursor)) {
     if (!flow->in_force || !Flows::selected(*flow, dump.filter)) continue;
-    packets += flow->packets.value();
-    bytes += flow->bytes.value();
+    packets += flow->packets();
+    bytes += flow->bytes();
     ++flows;
   }
   Parts parts(agent, connection, kAggregate, dump.xid);

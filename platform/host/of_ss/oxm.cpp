@@ -426,4 +426,25 @@ bool matches_overlap(Bytes a, Bytes b) {
   return true;
 }
 
+Bytes match_shape(Bytes slots, std::byte *out) {
+  const Bytes shape(out, slots.size());
+  std::ranges::copy(slots, out);
+  const std::byte *start = slots.data();
+  for (Slot slot = next_slot(slots); slot.row; slot = next_slot(slots))
+    std::memset(out + (slot.value - start), 0, slot.row->width);
+  return shape;
+}
+
+Bytes match_projection(Bytes slots, Bytes shape, std::byte *out) {
+  const Bytes projection(out, shape.size());
+  std::ranges::copy(shape, out);
+  const std::byte *start = shape.data();
+  for (Slot slot = next_slot(shape); slot.row; slot = next_slot(shape)) {
+    const Slot value = find_slot(slots, slot);
+    for (std::size_t i = 0; value.row && i < slot.row->width; ++i)
+      out[slot.value - start + i] = value.value[i] & slot.mask_byte(i);
+  }
+  return projection;
+}
+
 }  // namespace host::of_ss

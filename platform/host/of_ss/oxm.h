@@ -98,4 +98,11 @@ bool match_covers(Bytes general, Bytes specific);
 // Whether some packet matches both.
 bool matches_overlap(Bytes a, Bytes b);
 
+// Which bits a match fixes: the match with every value zero. Of two shapes the one that fixes fewer bits covers the other.
+// Written to `out`, which has room for kMaxSouthboundMatch.
+Bytes match_shape(Bytes slots, std::byte *out);
+
+// The match cut down to the bits of `shape`, all of which it fixes. Written to `out` in the same way.
+Bytes match_projection(Bytes slots, Bytes shape, std::byte *out);
+
 }  // namespace host::of_ss

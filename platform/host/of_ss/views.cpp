@@ -58,8 +58,8 @@ json flow_json(const FlowEntry &flow, std::int64_t now) {
           {"state", state_name(flow.state)},
           {"replaced", !flow.in_force},
           {"latency_us", flow.latency_us},
-          {"packets", flow.packets.value()},
-          {"bytes", flow.bytes.value()},
+          {"packets", flow.packets()},
+          {"bytes", flow.bytes()},
           {"age_s", seconds(now - flow.created_ns)},
           {"idle_timeout", flow.get<std::uint16_t>(sb::kFlowIdleTimeout)},
           {"hard_timeout", flow.get<std::uint16_t>(sb::kFlowHardTimeout)}};

@@ -1,0 +1,110 @@
+// Slot numbers in a hash table: open addressing with linear probing, no tombstones. It grows step by step, so that no insert
+// takes long however many there are. Not thread-safe.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+namespace host::of_ss {
+
+inline constexpr std::uint32_t kNoSlot = ~std::uint32_t{0};
+
+// `Hash` in the following gives the hash of what is in a slot.
+class SlotIndex {
+ public:
+  // The slot with this hash for which `match` holds; kNoSlot when there is none.
+  template <typename Match>
+  std::uint32_t find(std::uint32_t hash, Match &&match) const {
+    const std::uint32_t slot = now_.find(hash, match);
+    return slot != kNoSlot || before_.cells.empty() ? slot : before_.find(hash, match);
+  }
+  template <typename Hash>
+  void insert(std::uint32_t slot, Hash &&hash_of) {
+    if (now_.cells.size() * 7 <= (count_ + 1) * 10) grow();
+    move_some(hash_of);
+    now_.place(slot, hash_of(slot));
+    ++count_;
+  }
+  template <typename Hash>
+  void erase(std::uint32_t slot, Hash &&hash_of) {
+    const std::uint32_t hash = hash_of(slot);
+    holder(slot, hash).erase(slot, hash, hash_of);
+    --count_;
+  }
+  void replace(std::uint32_t slot, std::uint32_t by, std::uint32_t hash) {
+    Cells &cells = holder(slot, hash);
+    cells.at(cells.position(slot, hash)) = by;
+  }
+  std::size_t size() const { return count_; }
+
+ private:
+  // Places are counted from `start`, and those before `moved` are empty: what belongs there has moved to the larger table, or
+  // stands at `moved` or later.
+  struct Cells {
+    std::vector<std::uint32_t> cells;
+    std::size_t start = 0, moved = 0;
+
+    std::size_t mask() const { return cells.size() - 1; }
+    std::size_t home(std::uint32_t hash) const { return std::max((hash - start) & mask(), moved); }
+    std::uint32_t &at(std::size_t place) { return cells[(place + start) & mask()]; }
+    std::uint32_t at(std::size_t place) const { return cells[(place + start) & mask()]; }
+
+    template <typename Match>
+    std::uint32_t find(std::uint32_t hash, Match &&match) const {
+      if (cells.empty()) return kNoSlot;
+      for (std::size_t i = home(hash);; ++i)
+        if (const std::uint32_t slot = at(i); slot == kNoSlot || match(slot)) return slot;
+    }
+    std::size_t position(std::uint32_t slot, std::uint32_t hash) const {
+      std::size_t i = home(hash);
+      while (at(i) != slot) ++i;
+      return i;
+    }
+    void place(std::uint32_t slot, std::uint32_t hash) {
+      std::size_t i = home(hash);
+      while (at(i) != kNoSlot) ++i;
+      at(i) = slot;
+    }
+    template <typename Hash>
+    void erase(std::uint32_t slot, std::uint32_t hash, Hash &&hash_of) {
+      std::size_t hole = position(slot, hash);
+      for (std::size_t i = hole + 1; at(i) != kNoSlot; ++i) {
+        if (((i - home(hash_of(at(i)))) & mask()) < i - hole) continue;
+        at(hole) = at(i);
+        hole = i;
+      }
+      at(hole) = kNoSlot;
+    }
+  };
+
+  // Of the two tables the one that the slot stands in.
+  Cells &holder(std::uint32_t slot, std::uint32_t hash) {
+    const auto same = [slot](std::uint32_t other) { return other == slot; };
+    return before_.cells.empty() || now_.find(hash, same) == slot ? now_ : before_;
+  }
+  // The slots stay in the smaller table and are moved piece by piece by the inserts that follow. They are through long before the
+  // larger one is full: it takes as many inserts again as there are slots.
+  void grow() {
+    before_ = std::move(now_);
+    now_.cells.assign(before_.cells.empty() ? 64 : before_.cells.size() * 2, kNoSlot);
+    now_.start = now_.moved = 0;
+    while (!before_.cells.empty() && before_.cells[before_.start] != kNoSlot) ++before_.start;
+  }
+  template <typename Hash>
+  void move_some(Hash &&hash_of) {
+    for (int n = 0; n < kMovedAtOnce && !before_.cells.empty(); ++n) {
+      if (const std::uint32_t slot = std::exchange(before_.at(before_.moved), kNoSlot); slot != kNoSlot)
+        now_.place(slot, hash_of(slot));
+      if (++before_.moved == before_.cells.size()) before_ = {};
+    }
+  }
+
+  static constexpr int kMovedAtOnce = 4;  // places that are looked at for each insert
+  Cells now_, before_;
+  std::size_t count_ = 0;
+};
+
+}  // namespace host::of_ss
