@@ -300,6 +300,41 @@ TEST_F(AgentTest, AChangeThatFailsLeavesTheOldFlowAndOneThatSucceedsReplacesIt) 
   EXPECT_TRUE(dump().empty());
 }
 
+// A full table has no room for two forms of a flow: the old one goes first, and is put back, once, when the new one fails.
+TEST_F(AgentTest, AChangeInAFullTableIsMadeInPlace) {
+  PlayedDaemon::capacity(2);
+  FlowMod kept = ipv4_flow(1), m = with_output(ipv4_flow(1, 30), 7);
+  kept.flags = 1, m.command = 2;
+  apply(flow_mod(kept) + flow_mod(ipv4_flow(2)));
+  for (const std::uint64_t index : {3, 5}) {
+    daemon.forget();
+    hand_over(index == 3 ? flow_mod(m) : flow_mod(with_output(ipv4_flow(1, 30), 7)), 1);
+    const auto mods = daemon.of_type(southbound::kFlowMod);
+    ASSERT_EQ(mods.size(), 2u);
+    EXPECT_EQ(std::pair(index_of(mods[0]), mods[0][southbound::kFlowCommand]), std::pair(index == 3 ? 1 : 4ul, std::byte{1}));
+    EXPECT_EQ(index_of(mods[1]), index);
+    c.forget();
+    PlayedDaemon::fail(index, 1);
+    ASSERT_TRUE(until([this] { return daemon.flows(true).size() == 2; }));
+    daemon.answer_barriers();
+    ASSERT_TRUE(c.settle());
+    EXPECT_EQ(errors(), Strings{"5/1 30"});
+    EXPECT_TRUE(c.of_type(11).empty());
+    EXPECT_EQ(std::pair(output_of(daemon.flows(true)[1]), index_of(daemon.flows(true)[1])), std::pair(0x02000000ul, index + 1));
+    EXPECT_EQ(dump().size(), 2u);
+  }
+  daemon.forget();
+  apply(flow_mod(m));
+  EXPECT_EQ(deleted(), std::vector<std::uint64_t>{6}) << "told once";
+  hand_over(flow_mod(with_output(m, 1)), 2);
+  PlayedDaemon::fail(8, 1);
+  ASSERT_TRUE(until([this] { return daemon.flows(true).size() == 3; }));
+  PlayedDaemon::fail(9, 1);
+  EXPECT_FALSE(c.await(11).empty()) << "neither form fits any more";
+  daemon.answer_barriers();
+  EXPECT_EQ(dump().size(), 1u);
+}
+
 // An add does not look at the filters of a delete.
 TEST_F(AgentTest, TheSameFlowAgainIsNotHandedOverAgain) {
   FlowMod f = ipv4_flow(1);
@@ -438,7 +473,7 @@ TEST_F(AgentTest, WhatIsLookedUpIsWhatAWalkFinds) {
   std::vector<Message> accepted;
   for (int n = 0; n < 400; ++n) {
     FlowMod f = with_output({.table = static_cast<std::uint8_t>(dice() % 2)}, kOutputs[dice() % 3]);
-    f.fields = random_match(), f.priority = dice() % 3, f.cookie = dice() % 5, f.flags = n % 2 * 2;
+    f.xid = 1 + n, f.fields = random_match(), f.priority = dice() % 3, f.cookie = dice() % 5, f.flags = n % 2 * 2;
     daemon.forget();
     const bool refused = !error_of(c.ask(flow_mod(f) + message(20, f.xid))).empty();
     f.flags = 0;

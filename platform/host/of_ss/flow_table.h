@@ -61,10 +61,11 @@ struct FlowEntry {
   Links with_cookie = {};        // those with the same cookie
   std::uint32_t last_hit_s = 0;  // monotonic seconds of the latest change of a counter
   std::uint32_t latency_us = 0;  // from hand-over to decision, 0 while undecided
-  FlowState state = FlowState::sent;
-  bool in_force = true;
-  bool retried = false;          // it has failed once after it was installed
   std::uint32_t idle_round = 0;  // of the counters, when it was first seen idle; 0 while it is not
+  FlowState state = FlowState::sent;
+  bool in_force : 1 = true;
+  bool retried : 1 = false;    // it has failed once after it was installed
+  bool displaced : 1 = false;  // the daemon has been told to delete it, to make room for its newer form
 
   std::byte *message() { return reinterpret_cast<std::byte *>(this + 1); }
   const std::byte *message() const { return reinterpret_cast<const std::byte *>(this + 1); }

@@ -65,6 +65,7 @@ Verdict Flows::add(const FlowMod &mod, const Origin &origin, Bytes request, std:
     before->last_hit_s = static_cast<std::uint32_t>(now / kSecond);
     ++counters_.unchanged;
   } else {
+    if (before) make_room(*before);
     before = &hand_over(mod.southbound(), place, now);
     ledger_.expect(before->index(), origin, request, false, now);
     ++counters_.added;
@@ -158,6 +159,7 @@ bool Flows::change(FlowEntry &flow, const FlowMod &mod, const Origin &origin, By
   const bool differs = flow.state == FlowState::sent || !same_flow_mod(flow.southbound(), changed);
   FlowEntry *form = &flow;
   if (differs) {
+    make_room(flow);
     form = &hand_over(changed, {flow.hash, &flow}, flow.created_ns);
     form->last_hit_s = flow.last_hit_s;
     ledger_.expect(form->index(), origin, request, same_request, now);
@@ -166,9 +168,30 @@ bool Flows::change(FlowEntry &flow, const FlowMod &mod, const Origin &origin, By
   return differs;
 }
 
-void Flows::withdraw(FlowEntry &flow) {
+// A changed flow takes another cell of the target until the form before it has gone. Where there is none, the one in force goes
+// first; here it stays, and is put back when the new one fails.
+void Flows::make_room(FlowEntry &flow) {
+  if (!capacity() || table_.size() < capacity()) return;
+  drop_older_forms(flow);
+  tell_deletion(flow);
+  flow.displaced = true;
+  ++counters_.changed_in_place;
+}
+
+// Displaced forms whose successor has failed are in force again.
+void Flows::put_back(std::int64_t now) {
+  for (const std::uint64_t index : std::exchange(displaced_, {}))
+    if (FlowEntry *flow = table_.by_index(index); flow && flow->in_force && flow->displaced) add_again(*flow, now);
+}
+
+void Flows::tell_deletion(FlowEntry &flow) {
+  if (flow.displaced) return;
   handover_.remove(flow);
   ledger_.note();
+}
+
+void Flows::withdraw(FlowEntry &flow) {
+  tell_deletion(flow);
   table_.remove(flow);
 }
 
@@ -189,7 +212,7 @@ void Flows::clear_table() {
     if (flow->in_force && flow->flags() & fm::kSendFlowRem) events_.flow_removed(*flow, kDeleted);
     counters_.removed += flow->in_force;
     // The daemon removes what is stored. A flow that the service chain has not answered yet is not, and would be installed later.
-    if (flow->state == FlowState::sent && is_for_service_chain(southbound_match(flow->southbound()))) handover_.remove(*flow);
+    if (flow->state == FlowState::sent && is_for_service_chain(southbound_match(flow->southbound()))) tell_deletion(*flow);
     table_.remove(*flow);
   }
 }
@@ -237,6 +260,7 @@ void Flows::replay() {
   ++counters_.replays;
   std::uint32_t cursor = 0;
   while (FlowEntry *flow = table_.next(cursor)) {
+    if (flow->displaced) continue;
     handover_.add(*flow);
     ledger_.note();
   }
@@ -273,6 +297,7 @@ std::uint32_t Flows::fence(std::int64_t now) {
 }
 
 void Flows::batch_done(std::int64_t now) {
+  put_back(now);
   const std::uint64_t uncovered = ledger_.uncovered();
   if (uncovered >= kBarrierEvery || (uncovered > 0 && !ledger_.barrier_under_way())) fence(now);
 }
@@ -297,7 +322,11 @@ void Flows::decided(const Pending &pending, std::int64_t now) {
   counters_.latency_sum_us += flow->latency_us;
   ++counters_.decided;
   drop_older_forms(*flow);
-  if (failed_since) failed_late(*flow, now);
+  if (!failed_since) return;
+  if (flow->in_force)
+    failed_late(*flow, now);
+  else
+    table_.remove(*flow);
 }
 
 void Flows::flow_result(Bytes reply, std::int64_t now) {
@@ -346,6 +375,8 @@ void Flows::fail(FlowEntry &flow, const Error &error) {
       {flow.index(), flow.table_id(), flow.priority(), match_text(southbound_match(flow.southbound())), &error});
   if (late_failures_.size() > kLateFailuresKept) late_failures_.pop_front();
   if (flow.retried) events_.flow_removed(flow, kDeleted);
+  const FlowEntry *before = flow.in_force ? table_.at(flow.older) : nullptr;
+  if (before && before->displaced) displaced_.push_back(before->index());
   table_.remove(flow);
 }
 
@@ -353,6 +384,10 @@ void Flows::fail(FlowEntry &flow, const Error &error) {
 void Flows::failed_late(FlowEntry &flow, std::int64_t now) {
   if (flow.retried) return fail(flow, err::kFlowModUnknown);
   ++counters_.retried;
+  add_again(flow, now);
+}
+
+void Flows::add_again(FlowEntry &flow, std::int64_t now) {
   FlowEntry &again = hand_over(flow.southbound(), {flow.hash, &flow}, flow.created_ns);
   again.retried = true;
   ledger_.expect(again.index(), {}, {}, false, now);
@@ -442,8 +477,7 @@ void Flows::give_up(const Pending &pending) {
 
 // The daemon still has it, or may have it.
 void Flows::withdraw_failed(FlowEntry &flow, const Error &error) {
-  handover_.remove(flow);
-  ledger_.note();
+  tell_deletion(flow);
   fail(flow, error);
 }
 

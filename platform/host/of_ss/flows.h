@@ -2,7 +2,8 @@
 //
 // A flow is sent, then installed or failed. The daemon reports failures; success follows from an answered barrier, so the flows
 // put barriers of their own behind what they hand over. A changed flow goes out under a new index and the old one is deleted only
-// when the new one is installed. Openflow thread only. Times are monotonic nanoseconds and are given by the caller.
+// when the new one is installed; in a full table, where there is no room for both, the old one goes first and is put back when
+// the new one fails. Openflow thread only. Times are monotonic nanoseconds and are given by the caller.
 #pragma once
 
 #include <cstdint>
@@ -54,6 +55,7 @@ struct FlowCounters {
   std::uint64_t added = 0, removed = 0, failed = 0, timed_out = 0, unchanged = 0;
   std::uint64_t left = 0;               // failures that say nothing, while a database was away
   std::uint64_t duplicate_results = 0;  // results of flows that had been answered before or are not known
+  std::uint64_t changed_in_place = 0;   // in a full table
   std::uint64_t own_barriers = 0, lost_barriers = 0, retried = 0, replays = 0;
   std::uint32_t latency_max_us = 0;
   std::uint64_t latency_sum_us = 0, decided = 0;
@@ -140,11 +142,15 @@ class Flows {
   void remove_flow(FlowEntry &flow, RemovedReason reason);
   void remove_all();
   void clear_table();
+  void make_room(FlowEntry &flow);
+  void put_back(std::int64_t now);
+  void tell_deletion(FlowEntry &flow);
   void withdraw(FlowEntry &flow);
   void drop_older_forms(FlowEntry &flow);
   void decided(const Pending &pending, std::int64_t now);
   void fail(FlowEntry &flow, const Error &error);
   void failed_late(FlowEntry &flow, std::int64_t now);
+  void add_again(FlowEntry &flow, std::int64_t now);
   template <typename Sent>
   bool is_overdue(const Sent *sent, std::int64_t now) const {
     return sent && now - sent->since_ns >= limits_.decide_timeout_ns;
@@ -163,6 +169,7 @@ class Flows {
   Ledger ledger_;
   FlowCounters counters_;
   std::deque<LateFailure> late_failures_;
+  std::vector<std::uint64_t> displaced_;  // indexes of displaced forms that are to be put back
   std::uint32_t told_capacity_ = 0;
   std::uint32_t own_xid_ = 0;
   std::uint32_t rounds_ = 1;  // of counters

@@ -5,8 +5,10 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <new>
 #include <utility>
-#include <vector>
 
 namespace host::of_ss {
 
@@ -19,11 +21,11 @@ class SlotIndex {
   template <typename Match>
   std::uint32_t find(std::uint32_t hash, Match &&match) const {
     const std::uint32_t slot = now_.find(hash, match);
-    return slot != kNoSlot || before_.cells.empty() ? slot : before_.find(hash, match);
+    return slot != kNoSlot || before_.size() == 0 ? slot : before_.find(hash, match);
   }
   template <typename Hash>
   void insert(std::uint32_t slot, Hash &&hash_of) {
-    if (now_.cells.size() * 7 <= (count_ + 1) * 10) grow();
+    if (now_.size() * 7 <= (count_ + 1) * 10) grow();
     move_some(hash_of);
     now_.place(slot, hash_of(slot));
     ++count_;
@@ -36,25 +38,30 @@ class SlotIndex {
   }
   void replace(std::uint32_t slot, std::uint32_t by, std::uint32_t hash) {
     Cells &cells = holder(slot, hash);
-    cells.at(cells.position(slot, hash)) = by;
+    cells.set(cells.position(slot, hash), by);
   }
   std::size_t size() const { return count_; }
 
  private:
   // Places are counted from `start`, and those before `moved` are empty: what belongs there has moved to the larger table, or
-  // stands at `moved` or later.
-  struct Cells {
-    std::vector<std::uint32_t> cells;
-    std::size_t start = 0, moved = 0;
-
-    std::size_t mask() const { return cells.size() - 1; }
+  // stands at `moved` or later. A cell holds the complement of a slot, so that zeros are empty and a large table begins as pages
+  // that nobody has touched.
+  class Cells {
+   public:
+    Cells() = default;
+    explicit Cells(std::size_t size)
+        : cells_(static_cast<std::uint32_t *>(std::calloc(size, sizeof(std::uint32_t)))), size_(size) {
+      if (!cells_) throw std::bad_alloc();
+    }
+    std::size_t size() const { return size_; }
+    std::uint32_t at(std::size_t place) const { return ~cells_[(place + start) & mask()]; }
+    void set(std::size_t place, std::uint32_t slot) { cells_[(place + start) & mask()] = ~slot; }
+    std::size_t mask() const { return size_ - 1; }
     std::size_t home(std::uint32_t hash) const { return std::max((hash - start) & mask(), moved); }
-    std::uint32_t &at(std::size_t place) { return cells[(place + start) & mask()]; }
-    std::uint32_t at(std::size_t place) const { return cells[(place + start) & mask()]; }
 
     template <typename Match>
     std::uint32_t find(std::uint32_t hash, Match &&match) const {
-      if (cells.empty()) return kNoSlot;
+      if (size_ == 0) return kNoSlot;
       for (std::size_t i = home(hash);; ++i)
         if (const std::uint32_t slot = at(i); slot == kNoSlot || match(slot)) return slot;
     }
@@ -66,39 +73,47 @@ class SlotIndex {
     void place(std::uint32_t slot, std::uint32_t hash) {
       std::size_t i = home(hash);
       while (at(i) != kNoSlot) ++i;
-      at(i) = slot;
+      set(i, slot);
     }
     template <typename Hash>
     void erase(std::uint32_t slot, std::uint32_t hash, Hash &&hash_of) {
       std::size_t hole = position(slot, hash);
       for (std::size_t i = hole + 1; at(i) != kNoSlot; ++i) {
         if (((i - home(hash_of(at(i)))) & mask()) < i - hole) continue;
-        at(hole) = at(i);
+        set(hole, at(i));
         hole = i;
       }
-      at(hole) = kNoSlot;
+      set(hole, kNoSlot);
     }
+
+    std::size_t start = 0, moved = 0;
+
+   private:
+    struct Free {
+      void operator()(std::uint32_t *cells) const { std::free(cells); }
+    };
+    std::unique_ptr<std::uint32_t[], Free> cells_;
+    std::size_t size_ = 0;
   };
 
   // Of the two tables the one that the slot stands in.
   Cells &holder(std::uint32_t slot, std::uint32_t hash) {
     const auto same = [slot](std::uint32_t other) { return other == slot; };
-    return before_.cells.empty() || now_.find(hash, same) == slot ? now_ : before_;
+    return before_.size() == 0 || now_.find(hash, same) == slot ? now_ : before_;
   }
   // The slots stay in the smaller table and are moved piece by piece by the inserts that follow. They are through long before the
   // larger one is full: it takes as many inserts again as there are slots.
   void grow() {
-    before_ = std::move(now_);
-    now_.cells.assign(before_.cells.empty() ? 64 : before_.cells.size() * 2, kNoSlot);
-    now_.start = now_.moved = 0;
-    while (!before_.cells.empty() && before_.cells[before_.start] != kNoSlot) ++before_.start;
+    before_ = std::exchange(now_, Cells(now_.size() ? now_.size() * 2 : 64));
+    while (before_.size() > 0 && before_.at(0) != kNoSlot) ++before_.start;
   }
   template <typename Hash>
   void move_some(Hash &&hash_of) {
-    for (int n = 0; n < kMovedAtOnce && !before_.cells.empty(); ++n) {
-      if (const std::uint32_t slot = std::exchange(before_.at(before_.moved), kNoSlot); slot != kNoSlot)
-        now_.place(slot, hash_of(slot));
-      if (++before_.moved == before_.cells.size()) before_ = {};
+    for (int n = 0; n < kMovedAtOnce && before_.size() > 0; ++n) {
+      const std::uint32_t slot = before_.at(before_.moved);
+      before_.set(before_.moved, kNoSlot);
+      if (slot != kNoSlot) now_.place(slot, hash_of(slot));
+      if (++before_.moved == before_.size()) before_ = {};
     }
   }
 

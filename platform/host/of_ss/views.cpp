@@ -81,6 +81,7 @@ json counters_json(const Flows &flows) {
           {"lost_barriers", c.lost_barriers},
           {"duplicate_results", c.duplicate_results},
           {"retried", c.retried},
+          {"changed_in_place", c.changed_in_place},
           {"replays", c.replays}};
 }
 
