@@ -93,7 +93,7 @@ TEST_F(FlowSync, replays_in_pieces_and_in_a_row_delete_once_what_is_left_over_an
     end();
   }
   d.warp(600ms);
-  EXPECT_EQ(changes(), (Texts{"set 1", "set 2", "set 3", "del 4", "set 1", "set 2", "set 3", "set 1", "set 2", "set 3"}));
+  EXPECT_EQ(changes(), (Texts{"set 1", "set 2", "set 3", "set 1", "set 2", "set 3", "set 1", "set 2", "set 3", "del 4"}));
 }
 
 // The kind of service-chain flows ends with the application's answer, once; a second start begins anew.

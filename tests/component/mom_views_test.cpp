@@ -63,7 +63,7 @@ TEST_F(MomViews, RecordsAreShownAsPeopleWriteThem) {
   ASSERT_EQ(world.set(flow), 0);
   ASSERT_EQ(world.set(OncIp(0x0100000a)), 0);
 
-  EXPECT_EQ(view("mom", {{"op", "get"}, {"key", "s_policy_kelim.flow:17:0"}}), Json::parse(R"({"total": 1, "objects": [
+  EXPECT_EQ(view("mom", {{"op", "get"}, {"key", "s_policy_kelim.flow:17:0"}}), Json::parse(R"({"total": 1, "skipped": 0, "objects": [
     {"db": 8, "key": "s_policy_kelim.flow:17:0", "record": {
       "index": {"flow_index": 17, "vsd_id": 0},
       "status": "STATUS_RESOURCE",

@@ -2,7 +2,7 @@
 //
 // A line is formatted and queued on the caller's thread and written by a thread of the service, so that a slow journal or
 // terminal does not stall the loop. The queue is bounded; what does not fit is counted and the count logged. A source line writes
-// up to five different texts within a second of the host's clock; what it says more in that second is counted, and one line gives
+// up to ten different texts within a second of the host's clock; what it says more in that second is counted, and one line gives
 // the count. Lines for debugging are all written. Threads: any thread, except open and close.
 #pragma once
 

@@ -33,7 +33,7 @@ struct Line {
 // kShare different texts in that second; what it says more is counted. Places never count for each other.
 class Repeats {
  public:
-  static constexpr std::size_t kShare = 5;
+  static constexpr std::size_t kShare = 10;
 
   // Whether the place of `view` has written its share, so that the line is counted whatever its text is.
   bool is_full(const LineView &view);

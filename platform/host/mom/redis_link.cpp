@@ -310,6 +310,7 @@ void RedisLink::look() {
     fail("no answer for " + std::to_string(dead_after_.count()) + " ms");
     return;
   }
+  if (db_.exclusive && up_) look_for_others();
   if (!endpoint_.sentinels.empty()) {
     writer_.send({"INFO", "replication"}, [this](const redisReply *reply) {
       if (reply && up_) had_ = parse_info(text_of(reply)).history;
@@ -317,7 +318,6 @@ void RedisLink::look() {
   } else if (writer_.waiting() == 0) {
     writer_.send({"PING"}, nullptr);
   }
-  if (db_.exclusive && up_) look_for_others();
   watch_timer_.arm(microseconds(dead_after_) / kLooks);
 }
 

@@ -579,6 +579,8 @@ void Agent::synchronise() {
   meters_.replay();
   flows_.replay();
   flows_.handover().end_sync();
+  // The daemon may have lost barriers with the database; the answer to this one stands for them.
+  flows_.fence(now_ns_);
   for (const std::uint32_t address : addresses_.numbers()) flows_.handover().controller(true, address);
   log::info("handed {} flows and {} meters to the daemon again", flows_.table().size(), meters_.all().size());
 }

@@ -51,6 +51,7 @@ void tell(std::uint16_t type, std::uint64_t index, std::uint32_t code = 0) {
 }
 
 int answered(void *, const qx_obj *object) {
+  if (object->cmd != QX_MOM_CMD_SET && object->cmd != QX_MOM_CMD_DEL) return 0;
   const Answer answer = read({object->packed, object->packed_len});
   g_seen(answer.index);
   if (object->cmd != QX_MOM_CMD_SET) return 0;

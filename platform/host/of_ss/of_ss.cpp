@@ -145,9 +145,10 @@ int translations_told(void *, const qx_obj *told) {
 
 void watch_translations() {
   translations_known = false;
-  mom::Database *db = mom::hub()->database(QX_MOM_APP_DB);
+  mom::Hub *hub = mom::hub();
+  mom::Database *db = hub ? hub->database(QX_MOM_APP_DB) : nullptr;
   const mom::RecordType *type = mom::RecordType::of(&s_policy_kelim__flow_to_ace_sta__descriptor);
-  mom::hub()->subscribe(mom::hub()->slot(*db, *type), true, translations_told);
+  if (db && type) hub->subscribe(hub->slot(*db, *type), true, translations_told);
 }
 
 // Stored flows that are not taken over would be dropped by the synchronisation that follows: so without a look at them, no start.

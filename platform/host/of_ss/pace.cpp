@@ -9,16 +9,17 @@
 namespace host::of_ss {
 namespace {
 
-// Calls ahead of the loop. Each costs the daemon some microseconds, so this bounds how long the loop stands in one drain and how long
-// a quiet controller waits behind a busy one; several hundred keep both threads at work. Without the prompt timer a drain comes every
-// 50 ms only, and must work off more for the same rate.
+// Calls ahead of the loop. Each costs the daemon some microseconds, so this bounds how long the loop stands in one drain and how
+// long a quiet controller waits behind a busy one; several hundred keep both threads at work. Without the prompt timer a drain
+// comes every 50 ms only, and must work off more for the same rate.
 constexpr std::uint64_t kCalls = 384, kCallsATick = 16384;
 // What those may hand over beyond it that have handed over little.
 constexpr std::uint64_t kSpare = 1024;
-// In flight to the database, and flows that the programming service may be behind: enough for some round trips. More makes nothing
-// faster and everybody wait.
+// In flight to the database, and flows that the programming service may be behind: enough for some round trips. More makes
+// nothing faster and everybody wait.
 constexpr std::uint64_t kWrites = 512, kAnswers = 512;
 constexpr auto kLongestWait = std::chrono::seconds(1);
+constexpr auto kLook = std::chrono::milliseconds(20);  // at what is behind, where no answer says that it moves
 
 }  // namespace
 
@@ -44,25 +45,34 @@ void Pace::turn_ended(std::uint64_t calls, std::uint64_t newest) {
 // ---- loop's thread
 
 void Pace::drained() {
-  if (held_) return turned();
-  if (drained_ == handed_over()) return;
+  if (held_ || drained_ == handed_over()) return;
   drained_ = handed_over();
   turn_.arm(clock::Time::zero());
 }
 
-bool Pace::is_behind() const {
-  return cgst::pipeline().writes >= kWrites || newest_.load(std::memory_order_relaxed) > answered_ + kAnswers;
+bool Pace::writes_are_behind() const {
+  return cgst::pipeline().writes >= kWrites;
+}
+
+bool Pace::answers_are_behind() const {
+  return service_talks_ && newest_.load(std::memory_order_relaxed) > answered_ + kAnswers;
 }
 
 void Pace::turned() {
-  if (!is_behind()) silent_ = false;
-  if (silent_ || !is_behind()) return grant();
+  const bool writes_behind = writes_are_behind();
+  if (!writes_behind) writes_stand_ = false;
+  if (!answers_are_behind() && (!writes_behind || writes_stand_)) return grant();
   const clock::Time now = clock::now();
   const std::uint64_t written = cgst::pipeline().total - cgst::pipeline().writes;
   if (std::exchange(written_, written) != written || !held_) heard_ = now;
   held_ = true;
-  silent_ = now - heard_ >= kLongestWait;
-  if (silent_) grant();
+  if (now - heard_ < kLongestWait) {
+    turn_.arm(kLook);
+    return;
+  }
+  service_talks_ = false;
+  writes_stand_ = writes_behind;
+  grant();
 }
 
 void Pace::grant() {
@@ -73,10 +83,10 @@ void Pace::grant() {
 
 void Pace::answered(std::uint64_t index) {
   answered_ = std::max(answered_, index);
-  silent_ = false;
+  service_talks_ = true;
   if (!held_) return;
   heard_ = clock::now();
-  if (!is_behind()) grant();
+  if (!answers_are_behind() && !writes_are_behind()) grant();
 }
 
 }  // namespace host::of_ss

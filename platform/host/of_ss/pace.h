@@ -49,7 +49,8 @@ class Pace {
  private:
   std::uint64_t handed_over() const { return calls_.load(std::memory_order_acquire); }
   void turned();
-  bool is_behind() const;
+  bool writes_are_behind() const;
+  bool answers_are_behind() const;
   void grant();
 
   const bool prompt_;
@@ -64,10 +65,11 @@ class Pace {
 
   // Loop's thread.
   std::uint64_t drained_ = 0, answered_ = 0;
-  std::uint64_t written_ = 0;  // writes that were finished at the latest look
-  bool held_ = false;          // the loop has turned, but writes or answers are behind
-  bool silent_ = false;        // neither of them has moved for the longest wait
-  clock::Time heard_{};        // while held: when one of them moved last
+  std::uint64_t written_ = 0;   // writes that were finished at the latest look
+  bool held_ = false;           // the loop has turned, but writes or answers are behind
+  bool service_talks_ = false;  // it has answered, and not been silent for the longest wait since
+  bool writes_stand_ = false;   // none was finished for the longest wait
+  clock::Time heard_{};         // while held: when writes or answers moved last
   Timer turn_{[this] { turned(); }};
 };
 
