@@ -78,6 +78,7 @@ int Hub::connect(Database &db, qx_mom_connect_cb callback, const char *label) {
 
 void Hub::connected(Database &db) {
   db.up = true;
+  listen_at_last(db);
   if (db.connecting.empty()) return;
   const Database::Connect connect = db.connecting.front();
   db.connecting.erase(db.connecting.begin());
@@ -114,7 +115,14 @@ bool Hub::watch(Slot &slot, const std::shared_ptr<Watcher> &watcher) {
 }
 
 void Hub::listen(Slot &slot, Subscription &subscription) {
-  store_->subscribe(slot, [this, &slot, &subscription] { data_fetch(slot, subscription); });
+  subscription.asked = store_->subscribe(slot, [this, &slot, &subscription] { data_fetch(slot, subscription); });
+}
+
+// Those of the host's own services may have come before their database was asked for.
+void Hub::listen_at_last(Database &db) {
+  for (size_t i = 0; i < db.slots.size(); ++i)
+    for (size_t n = 0; db.slots[i] && n < db.slots[i]->subscriptions.size(); ++n)
+      if (Subscription &subscription = *db.slots[i]->subscriptions[n]; !subscription.asked) listen(*db.slots[i], subscription);
 }
 
 bool Hub::listen(Slot &slot, const std::weak_ptr<Watcher> &watcher) {

@@ -21,6 +21,7 @@ struct Subscription {
   qx_mom_notify_cb callback;
   bool packed;
   bool live = false;
+  bool asked = false;  // the store has taken it; before its database was connected it could not
   // A repeated data-fetch signal that a reconnect owes; asking again for the subscription takes it over.
   bool owed = false;
   // The signal is due and waits until every database is up.
@@ -124,6 +125,7 @@ class Hub {
 
  private:
   void listen(Slot &slot, Subscription &subscription);
+  void listen_at_last(Database &db);
   bool listen(Slot &slot, const std::weak_ptr<Watcher> &watcher);
   void data_fetch(Slot &slot, Subscription &subscription);
   void give_held_signals();

@@ -148,9 +148,11 @@ void RedisStore::up(Base &base) {
   for (const auto &table : base.tables) {
     if (!table) continue;
     table->known.clear();
-    table->waiting.clear();  // the hub repeats what it is owed
     table->channel_live = table->channel_asked;
     table->gone_live = table->gone_asked;
+    // After an interruption the hub repeats what it is owed.
+    for (auto &live : std::exchange(table->waiting, {}))
+      if (base.link->generation() == 1) hub_.later().act(std::move(live));
   }
 }
 
