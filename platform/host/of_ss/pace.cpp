@@ -17,7 +17,7 @@ constexpr std::uint64_t kCalls = 384, kCallsATick = 16384;
 constexpr std::uint64_t kSpare = 1024;
 // In flight to the database, and flows that the programming service may be behind: enough for some round trips. More makes
 // nothing faster and everybody wait.
-constexpr std::uint64_t kWrites = 512, kAnswers = 512;
+constexpr std::uint64_t kWrites = 1024, kAnswers = 1536;
 constexpr auto kLongestWait = std::chrono::seconds(1);
 constexpr auto kLook = std::chrono::milliseconds(20);  // at what is behind, where no answer says that it moves
 
