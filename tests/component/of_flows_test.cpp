@@ -221,6 +221,37 @@ TEST_F(AgentTest, AChangeOfManyFlowsFailsOnceAndByItself) {
   EXPECT_EQ(std::count_if(left.begin(), left.end(), [](const Message &m) { return output_of(m) == 2; }), 2);
 }
 
+// The daemon's loop turns between the pieces of a delete of very many flows, and what comes after it waits for the last of them.
+TEST_F(AgentTest, ADeleteOfVeryManyFlowsIsHandedOverInPieces) {
+  constexpr std::uint32_t kFlows = 3'500;
+  Message burst;
+  for (std::uint32_t i = 0; i < kFlows; ++i) append(burst, flow_mod(ipv4_flow(i)));
+  FlowMod by_match = everything();
+  by_match.fields = hex("80000a020800");
+  for (const FlowMod &filter : {everything(), by_match}) {
+    apply(burst);
+    daemon.forget();
+    std::size_t seen = 0, longest = 0;
+    ASSERT_TRUE(c.send(flow_mod(filter) + flow_mod(ipv4_flow(1)) + barrier(70)));
+    EXPECT_TRUE(until([&] {
+      const std::size_t now = daemon.messages().size();
+      longest = std::max(longest, now - std::exchange(seen, now));
+      return !c.of_type(21).empty();
+    }));
+    EXPECT_LT(longest, 2000u);
+    const auto told = daemon.messages();
+    const auto is_add = [](const Message &m) {
+      return m[0] == std::byte{southbound::kFlowMod} && m[southbound::kFlowCommand] == std::byte{};
+    };
+    const auto add = std::ranges::find_if(told, is_add);
+    EXPECT_GE(add - told.begin(), kFlows);
+    EXPECT_EQ(deleted().size(), kFlows);
+    EXPECT_EQ(dump().size(), 1u);
+    c.forget();
+    apply(flow_mod(everything()));
+  }
+}
+
 TEST_F(AgentTest, MoreThanTheWindowWaitsAndIsNotLost) {
   constexpr std::uint32_t kFlows = 80'000;
   host::clock::stop();  // however long it takes, nothing is given up

@@ -386,7 +386,16 @@ bool Agent::may_hand_over(Session &session) {
 
 void Agent::batch_done(Connection &) {
   look_at_clock();
+  delete_more();
   turn_done();
+}
+
+// Goes on with a delete of very many flows as far as the daemon keeps up; the requests behind it have their turn when it is
+// through.
+void Agent::delete_more() {
+  if (!flows_.is_deleting()) return;
+  while (flows_.is_deleting() && pace_.open(flows_.handover().calls(), false)) flows_.delete_more();
+  share_used_up_ |= !flows_.is_deleting();
 }
 
 // The connections that wait, each with its share, beginning with the one that was next when the turn before ended.
@@ -523,6 +532,7 @@ void Agent::take_inbox() {
   for (Bytes message; !(message = taken.next_message()).empty();) take_reply(message);
   if (taken.fetch) synchronise();
   for (const auto &work : taken.work) work();
+  delete_more();
   turn_done();
   resume_waiting();
 }

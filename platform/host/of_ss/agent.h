@@ -210,6 +210,7 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   void take_report(Bytes message);
   bool may_hand_over(Session &session);
   void resume_waiting();
+  void delete_more();
   void take_turns();
   void tick();
   void second();

@@ -13,6 +13,8 @@ namespace sb = southbound;
 // At most this many hand-overs stand between two barriers of our own, so that a long burst is seen to be decided piece by piece.
 constexpr std::uint64_t kBarrierEvery = 1024;
 constexpr std::size_t kLateFailuresKept = 100;
+// A delete of more flows than this goes on in pieces, so that neither this thread nor the daemon's loop is held up.
+constexpr std::size_t kAtOnce = 2048, kPiece = 256;
 constexpr std::int64_t kSecond = 1'000'000'000;
 
 bool is_shortage(Bytes result) {
@@ -83,11 +85,45 @@ Verdict Flows::modify(const FlowMod &mod, const Origin &origin, Bytes request, s
 
 Verdict Flows::remove(const FlowMod &mod) {
   if (mod.command == fm::kDelete && matches_everything(mod)) {
-    remove_all();
+    if (table_.size() <= kAtOnce)
+      remove_all();
+    else
+      deletion_.emplace();
     return {};
   }
-  for (FlowEntry *flow : targets(mod, mod.command == fm::kDeleteStrict)) remove_flow(*flow, kDeleted);
+  const auto found = targets(mod, mod.command == fm::kDeleteStrict);
+  if (found.size() <= kAtOnce) {
+    for (FlowEntry *flow : found) remove_flow(*flow, kDeleted);
+  } else {
+    deletion_.emplace(std::make_unique<FlowMod>(mod));
+    for (const FlowEntry *flow : found) deletion_->slots.push_back(flow->slot);
+  }
   return {};
+}
+
+// The next flow that the deletion takes; null when there is none left. What has come into a slot since may be another flow.
+FlowEntry *Flows::next_to_delete() {
+  auto &[filter, slots, next] = *deletion_;
+  while (FlowEntry *flow = filter ? nullptr : table_.next(next))
+    if (flow->in_force) return flow;
+  while (next < slots.size())
+    if (FlowEntry *flow = table_.at(slots[next++]); flow && flow->in_force && selected(*flow, *filter)) return flow;
+  return nullptr;
+}
+
+void Flows::delete_more() {
+  for (std::size_t n = 0; n < kPiece; ++n) {
+    FlowEntry *flow = next_to_delete();
+    if (!flow) return end_deletion();
+    remove_flow(*flow, kDeleted);
+  }
+}
+
+// What failed meanwhile may have brought an older form back into force, and of everything the daemon may know more than is here.
+void Flows::end_deletion() {
+  const auto filter = std::move(std::exchange(deletion_, std::nullopt)->filter);
+  if (!filter) return remove_all();
+  for (FlowEntry *flow : targets(*filter, false)) remove_flow(*flow, kDeleted);
 }
 
 // The flows that a modify or a delete is about.
@@ -224,6 +260,7 @@ void Flows::remove_all() {
 }
 
 void Flows::remove_everything() {
+  deletion_.reset();
   clear_table();
   handover_.remove_everything();
   ledger_.note();

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -108,6 +109,10 @@ class Flows {
   // To be called about every 100 ms: deadlines. `daemon_turns` says that the daemon's loop has turned since the call before;
   // while it has not, no time is held against it.
   void check_deadlines(std::int64_t now, bool daemon_turns);
+  // A delete of very many flows is under way: nothing else may be carried out before delete_more has taken the last of them, a
+  // few hundred at a time. The caller sees to it that the daemon's loop turns in between.
+  bool is_deleting() const { return deletion_.has_value(); }
+  void delete_more();
   // The answer to FlowEvents::overdue: the indexes, ascending, of those that are installed.
   void overdue_checked(const std::vector<std::uint64_t> &installed, std::int64_t now);
   // To be called about every second: idle and hard timeouts.
@@ -115,7 +120,7 @@ class Flows {
   bool needs_deadlines() const { return ledger_.outstanding() > 0; }
 
   // Whether another request may be carried out now.
-  bool room() const { return ledger_.outstanding() < limits_.window && ledger_.barriers() < limits_.window; }
+  bool room() const { return !is_deleting() && ledger_.outstanding() < limits_.window && ledger_.barriers() < limits_.window; }
   // How many flows there is room for; 0 while that is not known.
   std::uint32_t capacity() const { return limits_.capacity ? limits_.capacity : told_capacity_; }
   const FlowTable &table() const { return table_; }
@@ -142,6 +147,8 @@ class Flows {
   void remove_flow(FlowEntry &flow, RemovedReason reason);
   void remove_all();
   void clear_table();
+  FlowEntry *next_to_delete();
+  void end_deletion();
   void make_room(FlowEntry &flow);
   void put_back(std::int64_t now);
   void tell_deletion(FlowEntry &flow);
@@ -162,11 +169,19 @@ class Flows {
   void give_up_barriers(std::int64_t now);
   void check_timeout(FlowEntry &flow, std::int64_t now);
 
+  // A delete that is under way. Without a filter it is of everything.
+  struct Deletion {
+    std::unique_ptr<FlowMod> filter = {};
+    std::vector<std::uint32_t> slots = {};  // of the flows that it found
+    std::uint32_t next = 0;                 // among them, or of the whole table
+  };
+
   Handover handover_;
   FlowEvents &events_;
   const FlowLimits limits_;
   FlowTable table_;
   Ledger ledger_;
+  std::optional<Deletion> deletion_;
   FlowCounters counters_;
   std::deque<LateFailure> late_failures_;
   std::vector<std::uint64_t> displaced_;  // indexes of displaced forms that are to be put back
