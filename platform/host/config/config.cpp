@@ -86,6 +86,12 @@ std::size_t end_of_string(std::string_view text, std::size_t at) {
   return std::min(at, text.size());
 }
 
+// Whether the quote opens a string. One in the middle of a bare value does not.
+bool opens_string(std::string_view text, std::size_t at) {
+  constexpr std::string_view kBefore = " \t\r\n=[{,.";
+  return (text[at] == '"' || text[at] == '\'') && (at == 0 || kBefore.find(text[at - 1]) != std::string_view::npos);
+}
+
 // Where something stands outside of strings and comments that is neither printable ASCII nor a blank; npos for nowhere. TOML has
 // nothing else there, and the parser (toml++ 3.3) runs into undefined behaviour and assertions of its own on it.
 std::size_t stray_character(std::string_view text) {
@@ -96,7 +102,7 @@ std::size_t stray_character(std::string_view text) {
     if (text[at] == '#') {
       at = std::min(text.find('\n', at), text.size());
     } else {
-      at = text[at] == '"' || text[at] == '\'' ? end_of_string(text, at) : at + 1;
+      at = opens_string(text, at) ? end_of_string(text, at) : at + 1;
     }
   }
   return at < text.size() ? at : std::string_view::npos;
