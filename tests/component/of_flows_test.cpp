@@ -238,7 +238,7 @@ TEST_F(AgentTest, ADeleteOfVeryManyFlowsIsHandedOverInPieces) {
       longest = std::max(longest, now - std::exchange(seen, now));
       return !c.of_type(21).empty();
     }));
-    EXPECT_LT(longest, 2000u);
+    if (host::config().openflow.prompt) EXPECT_LT(longest, 2000u);  // otherwise as much as fits a period of 50 ms
     const auto told = daemon.messages();
     const auto is_add = [](const Message &m) {
       return m[0] == std::byte{southbound::kFlowMod} && m[southbound::kFlowCommand] == std::byte{};
