@@ -15,8 +15,8 @@ namespace {
 constexpr std::uint64_t kCalls = 384, kCallsATick = 16384;
 // What those may hand over beyond it that have handed over little.
 constexpr std::uint64_t kSpare = 1024;
-// In flight to the database, and flows that the programming service may be behind: enough for some round trips. More makes
-// nothing faster and everybody wait.
+// In flight to the database, and flows that the programming service may be behind: enough for some round trips. Several
+// times as many gain nothing and make everybody wait.
 constexpr std::uint64_t kWrites = 1024, kAnswers = 1536;
 constexpr auto kLongestWait = std::chrono::seconds(1);
 constexpr auto kLook = std::chrono::milliseconds(20);  // at what is behind, where no answer says that it moves

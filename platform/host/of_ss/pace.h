@@ -6,7 +6,7 @@
 // it goes on when the loop has turned since the drain, when few enough writes are in flight and when the programming service is
 // not too far behind. A service that is silent is waited for once, for a second at most, until it says something again.
 //
-// Threads: stated per call; the two sides share relaxed counters and one flag.
+// Threads: stated per call; the two sides share atomic counters and one flag.
 #pragma once
 
 #include <atomic>
