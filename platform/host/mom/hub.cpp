@@ -115,7 +115,8 @@ bool Hub::watch(Slot &slot, const std::shared_ptr<Watcher> &watcher) {
 }
 
 void Hub::listen(Slot &slot, Subscription &subscription) {
-  subscription.asked = store_->subscribe(slot, [this, &slot, &subscription] { data_fetch(slot, subscription); });
+  subscription.asked = store_->subscribe(slot, [this, &subscription] { confirmed(subscription); });
+  subscription.asking = subscription.asked;
 }
 
 // Those of the host's own services may have come before their database was asked for.
@@ -172,14 +173,25 @@ void Hub::give_held_signals() {
   for (Database &db : databases_)
     for (size_t i = 0; i < db.slots.size(); ++i)
       for (size_t n = 0; db.slots[i] && n < db.slots[i]->subscriptions.size(); ++n)
-        if (Subscription &subscription = *db.slots[i]->subscriptions[n]; subscription.held && all_up())
+        if (Subscription &subscription = *db.slots[i]->subscriptions[n]; subscription.held && all_up() && all_heard())
           data_fetch(*db.slots[i], subscription);
 }
 
+bool Hub::all_heard() const {
+  for (const Database &db : databases_)
+    for (const auto &slot : db.slots)
+      if (slot && std::ranges::any_of(slot->subscriptions, [](const auto &one) { return one->asking; })) return false;
+  return true;
+}
+
+void Hub::confirmed(Subscription &subscription) {
+  subscription.live = subscription.held = true;
+  subscription.asking = false;
+  give_held_signals();
+}
+
 void Hub::data_fetch(Slot &slot, Subscription &subscription) {
-  subscription.live = true;
-  subscription.held = !all_up();
-  if (subscription.held) return;
+  subscription.held = false;
   qx_obj object{};
   object.cmd = QX_MOM_CMD_DATA_FETCH;
   subscription.callback(&slot.db, &object);

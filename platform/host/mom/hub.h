@@ -21,10 +21,11 @@ struct Subscription {
   qx_mom_notify_cb callback;
   bool packed;
   bool live = false;
-  bool asked = false;  // the store has taken it; before its database was connected it could not
+  bool asked = false;   // the store has taken it; before its database was connected it could not
+  bool asking = false;  // and has not confirmed it yet
   // A repeated data-fetch signal that a reconnect owes; asking again for the subscription takes it over.
   bool owed = false;
-  // The signal is due and waits until every database is up.
+  // The signal is due and waits until every database is up and heard.
   bool held = false;
 };
 
@@ -87,8 +88,9 @@ class Hub {
   // As long as the watcher lives. False when the slot's changes do not reach this process.
   bool watch(Slot &slot, const std::shared_ptr<Watcher> &watcher);
 
-  // Whether every database is up that the process has connected asynchronously. Whoever replays or reads what is there, needs
-  // them all: until then no data-fetch signal is given.
+  // Whether every database is up that the process has connected asynchronously. A subscriber that replays or reads what is there
+  // needs them all: until then, and until every subscription is confirmed, no data-fetch signal is given. After an outage the
+  // signals of all databases then come together.
   bool all_up() const;
   // The same, and none refuses writes.
   bool takes_writes() const;
@@ -127,8 +129,10 @@ class Hub {
   void listen(Slot &slot, Subscription &subscription);
   void listen_at_last(Database &db);
   bool listen(Slot &slot, const std::weak_ptr<Watcher> &watcher);
+  void confirmed(Subscription &subscription);
   void data_fetch(Slot &slot, Subscription &subscription);
   void give_held_signals();
+  bool all_heard() const;
   void tell_watchers(Slot &slot, Change change, Bytes packed, const Key *key);
   // Null for bytes that are no record of the type, or one with another key than `key` where that is given.
   ProtobufCMessage *unpack(const Slot &slot, Bytes packed, const Key *key, bool stored, ProtobufCAllocator *allocator);

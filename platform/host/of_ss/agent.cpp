@@ -374,6 +374,7 @@ bool Agent::may_take(Connection &connection, Bytes message) {
 }
 
 bool Agent::may_hand_over(Session &session) {
+  if (replay_asked_) return false;
   if (session.granted != pace_.granted()) {
     session.granted = pace_.granted();
     session.handed_over = 0;
@@ -393,7 +394,7 @@ void Agent::batch_done(Connection &) {
 // Goes on with a delete of very many flows as far as the daemon keeps up; the requests behind it have their turn when it is
 // through.
 void Agent::delete_more() {
-  if (!flows_.is_deleting()) return;
+  if (replay_asked_ || !flows_.is_deleting()) return;
   while (flows_.is_deleting() && pace_.open(flows_.handover().calls(), false)) flows_.delete_more();
   share_used_up_ |= !flows_.is_deleting();
 }
@@ -530,8 +531,8 @@ void Agent::take_inbox() {
   new_turn();
   Inbox::Taken taken = inbox_.take();
   for (Bytes message; !(message = taken.next_message()).empty();) take_reply(message);
-  if (taken.fetch) synchronise();
   for (const auto &work : taken.work) work();
+  replay_when_settled();
   delete_more();
   turn_done();
   resume_waiting();
@@ -581,10 +582,23 @@ void Agent::take_report(Bytes message) {
                       sb::get<std::uint64_t>(at, cell + 16), now_ns_);
 }
 
+// The daemon waits for one answer of the programming service for each time that a flow was handed over; a service that was away
+// itself answers once for what it finds. So nothing is handed over again while its answer may be outstanding: the fence tells
+// that none is, whatever barriers the daemon has lost with the database. Until then the controllers wait.
+void Agent::synchronise() {
+  replay_asked_ = true;
+  if (!flows_.all_decided()) flows_.fence(now_ns_);
+}
+
+void Agent::replay_when_settled() {
+  if (replay_asked_ && flows_.all_decided()) replay();
+}
+
 // One burst, so that the daemon handles it in one go: what it has not heard of again shortly after the start, it forgets. The
 // time until then grows with how many there are of each kind, so the meters, which are few, come first: behind many flows they
 // would be forgotten before they were heard of. And a flow finds the meter that it uses.
-void Agent::synchronise() {
+void Agent::replay() {
+  replay_asked_ = false;
   flows_.handover().begin_sync();
   meters_.replay();
   flows_.replay();
@@ -648,6 +662,7 @@ void Agent::tick() {
 
 void Agent::check_deadlines(bool daemon_turns) {
   flows_.check_deadlines(now_ns_, daemon_turns);
+  replay_when_settled();
   resume_waiting();
 }
 

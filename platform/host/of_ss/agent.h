@@ -116,6 +116,14 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   void ports_changed() {
     inbox_.post([this] { update_ports(); });
   }
+  // The databases are there, perhaps again, and want to hear of everything.
+  void data_fetched() {
+    inbox_.post([this] { synchronise(); });
+  }
+  // A database has gone: a synchronisation that has not begun is not waited for; another one is asked for when it is back.
+  void database_lost() {
+    inbox_.post([this] { replay_asked_ = false; });
+  }
   // Runs `work` on the openflow thread and waits for it, not longer than a few seconds. False when it has not run.
   bool run(std::function<void(Agent &)> work);
 
@@ -128,7 +136,8 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   void forget_everything();
   // Whether packets to the controllers may flow, whatever roles they have; nothing: by their roles again.
   void force_packets(std::optional<bool> flow);
-  // Hands everything to the daemon again, which forgets the flows that are not among it.
+  // Hands everything to the daemon again, which forgets the flows that are not among it: as soon as it has answered for what it
+  // has, and before anything that the controllers send meanwhile.
   void synchronise();
 
   // ---- for tests, on the openflow thread: the periodic work, with the daemon's loop taken as turning
@@ -198,6 +207,8 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   void new_turn();
   void turn_done();
   void take_inbox();
+  void replay_when_settled();
+  void replay();
   struct ReplyRow {
     std::uint16_t type;
     std::size_t min_length;
@@ -271,6 +282,8 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   std::deque<RefusalRecord> refusals_;
   std::uint64_t refused_ = 0, turned_away_ = 0;
   SparingLine refusal_line_, failed_line_;
+
+  bool replay_asked_ = false;  // as soon as the daemon has nothing under way
 
   // The own barrier behind a refresh of the counters under way; 0 when there is none.
   std::uint32_t refresh_xid_ = 0;

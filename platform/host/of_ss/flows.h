@@ -118,6 +118,8 @@ class Flows {
   // To be called about every second: idle and hard timeouts.
   void check_timeouts(std::int64_t now);
   bool needs_deadlines() const { return ledger_.outstanding() > 0; }
+  // Whether the daemon has answered for everything that was handed over.
+  bool all_decided() const { return ledger_.all_decided(); }
 
   // Whether another request may be carried out now.
   bool room() const { return !is_deleting() && ledger_.outstanding() < limits_.window && ledger_.barriers() < limits_.window; }

@@ -46,12 +46,6 @@ void Inbox::post(std::function<void()> work) {
   wake();
 }
 
-void Inbox::fetch() {
-  const std::lock_guard lock(mutex_);
-  fetch_ = true;
-  wake();
-}
-
 void Inbox::nudge() {
   const std::lock_guard lock(mutex_);
   wake();
@@ -69,7 +63,7 @@ Inbox::Taken Inbox::take() {
   const std::lock_guard lock(mutex_);
   woken_ = false;
   std::swap(taken_, filling_);
-  return {taken_, std::exchange(fetch_, false), std::exchange(work_, {})};
+  return {taken_, std::exchange(work_, {})};
 }
 
 Bytes Inbox::Taken::next_message() {

@@ -25,8 +25,6 @@ class Inbox {
   // Has `work` run by run(). Not bounded: callers post a few pieces of work at a time.
   void post(std::function<void()> work);
 
-  // Has take say that a synchronisation is asked for.
-  void fetch();
   // Makes fd readable: something outside the inbox has changed.
   void nudge();
   // Forgets everything put so far.
@@ -37,7 +35,6 @@ class Inbox {
   // Everything so far, good until the next take.
   struct Taken {
     Bytes framed;
-    bool fetch;
     std::vector<std::function<void()>> work;
     // The next of the messages; empty after the last.
     Bytes next_message();
@@ -49,7 +46,7 @@ class Inbox {
 
   const int fd_;
   std::mutex mutex_;
-  bool woken_ = false, fetch_ = false;
+  bool woken_ = false;
   std::vector<std::byte> filling_, taken_;
   std::vector<std::function<void()>> work_;
 };

@@ -40,6 +40,7 @@ namespace {
 using fault::Point;
 
 constexpr auto kRetry = std::chrono::seconds(1);
+constexpr std::int32_t kLost = 0;  // of the types of a change of connection
 
 // Loop's thread.
 qx_global *global_handle = nullptr;
@@ -53,6 +54,7 @@ std::optional<Config::OpenFlow> reloaded;  // the configuration, where it has be
 // Any thread. The inbox outlives the agent, so that a late sender finds something to send to.
 auto &inbox = *new Inbox;
 std::atomic<bool> running{false};
+std::atomic<bool> fetch_is_due{false};
 std::atomic<bool> held{false};
 
 // The taps; `tapped` spares untapped processes the lock.
@@ -130,17 +132,35 @@ void look_through_stored() {
 }
 
 // While the server refuses writes the synchronisation waits: it would lose what cannot be written again. When writes are taken,
-// everybody is asked to look again.
-void fetch() {
-  if (!running || !mom::hub()->takes_writes()) return;
-  inbox.fetch();
+// every subscriber is asked to look again.
+void fetch_now() {
+  fetch_is_due = false;
+  if (!agent || !mom::hub() || !mom::hub()->takes_writes()) return;
+  agent->data_fetched();
   post(look_through_stored);
+}
+
+// After an outage each database gives its signal: one synchronisation serves them all.
+void fetch() {
+  if (!fetch_is_due.exchange(true)) post(fetch_now);
 }
 
 // Database 4 is there again, or for the first time, when what is handed over anyway goes through it.
 int translations_told(void *, const qx_obj *told) {
   if (told->cmd == QX_MOM_CMD_DATA_FETCH && std::exchange(translations_known, true)) fetch();
   return 0;
+}
+
+int database_changed(void *, std::int32_t, std::int32_t type) {
+  if (type == kLost && agent) agent->database_lost();
+  return 0;
+}
+
+void watch_databases() {
+  mom::Hub *hub = mom::hub();
+  if (!hub) return;
+  for (const std::int32_t number : {QX_MOM_APP_DB, QX_MOM_UDP_DB})
+    if (mom::Database *db = hub->database(number)) hub->set_reconnect(*db, database_changed);
 }
 
 void watch_translations() {
@@ -326,6 +346,7 @@ int ss_of_init(qx_global *global) {
         if (agent) agent->pace().answered(index);
       });
   watch_translations();
+  watch_databases();
   host::ddm::on_change([] {
     if (agent) agent->ports_changed();
   });
