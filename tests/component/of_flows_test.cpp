@@ -656,8 +656,8 @@ TEST_F(AgentTest, AnInstalledFlowThatFailsIsAddedOnceMoreAndThenReported) {
   EXPECT_TRUE(errors().empty());
 }
 
-// A life that ended in the middle of a change has left both forms of a flow. A synchronisation hands everything over again
-// unchanged, meters before all flows, which may be many.
+// A life that ended in the middle of a change has left both forms of a flow; one that ended while a service-chain flow was being
+// deleted has left its record. A synchronisation hands everything over again unchanged, meters before all flows, which may be many.
 TEST_F(AgentTest, TakesOverTheNewestFormOfWhatIsStoredAndReplaysIt) {
   // Index 41, cookie 0x77, priority 100, idle 60, table 1: in_port 1 and application type 3; output to 2, by WRITE_ACTIONS.
   const Message stored =
@@ -666,8 +666,13 @@ TEST_F(AgentTest, TakesOverTheNewestFormOfWhatIsStoredAndReplaysIt) {
           "10000000 00000000 0000 1000 02000000 ffff 000000000000");
   Message older = stored;
   older[8] = std::byte{40}, older[76] = std::byte{7};
+  Message deleted = stored;
+  deleted[8] = std::byte{42}, deleted[48] = std::byte{2};
   store_flow(40, older);
   store_flow(41, stored);
+  store_flow(42, deleted);
+  store_request(40);
+  store_request(41);
   store_flow(99, hex("00112233"));
   host::of_ss::of_ss_reset_for_tests();
   daemon.forget();

@@ -431,10 +431,10 @@ class AgentTest : public RuntimeTest {
 
   // A record as the daemon or the programming service writes it.
   template <typename Record, typename Key>
-  void store(Record record, Key key) {
+  void store(Record record, Key key, std::int32_t db = QX_MOM_UDP_DB) {
     record.index = &key;
-    qx_mom_del_sync(global, QX_MOM_UDP_DB, &record.base, 0, 0);
-    ASSERT_EQ(qx_mom_setnx_sync(global, QX_MOM_UDP_DB, &record.base, 0, 0), 0);
+    qx_mom_del_sync(global, db, &record.base, 0, 0);
+    ASSERT_EQ(qx_mom_setnx_sync(global, db, &record.base, 0, 0), 0);
   }
   static ProtobufCBinaryData data(const Message &bytes) {
     return {bytes.size(), const_cast<std::uint8_t *>(reinterpret_cast<const std::uint8_t *>(bytes.data()))};
@@ -443,6 +443,12 @@ class AgentTest : public RuntimeTest {
     SPolicyKelim__Flow flow = S_POLICY_KELIM__FLOW__INIT;
     flow.flow_data = data(bytes);
     store(flow, flow_key(index));
+  }
+  // The service-chain application has been asked to translate the flow.
+  void store_request(std::uint64_t index) {
+    SPolicyKelim__ParseFlowKey key = S_POLICY_KELIM__PARSE_FLOW_KEY__INIT;
+    key.t_flow_type = 3, key.flow_index = index;
+    store(SPolicyKelim__ParseFlow(S_POLICY_KELIM__PARSE_FLOW__INIT), key, QX_MOM_APP_DB);
   }
   // The programming service has looked at all counters once more; those of the flow, where one is given, had changed.
   void count_round(std::uint64_t index = 0) {

@@ -1,8 +1,12 @@
 #include "host/of_ss/stored.h"
 
 #include <algorithm>
+#include <map>
 #include <unordered_set>
 
+#include "host/of_ss/actions.h"
+#include "host/of_ss/flow_mod.h"
+#include "host/of_ss/oxm.h"
 #include "qx_mom.h"
 #include "s_policy_kelim.pb-c.h"
 
@@ -16,7 +20,7 @@ std::vector<std::byte> copy_of(const ProtobufCBinaryData &data) {
 
 struct Reading {
   StoredState &out;
-  std::unordered_set<std::uint64_t> flows = {};  // indexes of the stored ones
+  std::map<std::uint64_t, std::vector<std::byte>> flows = {};  // by index: the newer form of a flow comes later
 
   void note(std::uint64_t index) { out.last_index = std::max(out.last_index, index); }
 };
@@ -27,12 +31,9 @@ Reading &reading(void *arg) {
 
 int take_flow(const qx_obj *object, void *arg) {
   const auto *flow = static_cast<const SPolicyKelim__Flow *>(object->value);
-  if (!flow) return 0;
-  if (flow->index) {
-    reading(arg).note(flow->index->flow_index);
-    reading(arg).flows.insert(flow->index->flow_index);
-  }
-  reading(arg).out.flows.push_back(copy_of(flow->flow_data));
+  if (!flow || !flow->index) return 0;
+  reading(arg).note(flow->index->flow_index);
+  reading(arg).flows[flow->index->flow_index] = copy_of(flow->flow_data);
   return 0;
 }
 
@@ -92,6 +93,32 @@ int withdraw(qx_global *global, const Translation &translation, Record record) {
   return rv == kNoSuchObject ? 0 : rv;
 }
 
+int scan_translations(qx_global *global, const ProtobufCMessage &type, qx_mom_scan_cb take, std::vector<Translation> &out) {
+  return qx_mom_scan_sync(global, QX_MOM_APP_DB, &type, 0, take, &out);
+}
+
+int scan_asked(qx_global *global, std::vector<Translation> &out) {
+  const SPolicyKelim__ParseFlow asked = S_POLICY_KELIM__PARSE_FLOW__INIT;
+  return scan_translations(global, asked.base, take_translation<SPolicyKelim__ParseFlow>, out);
+}
+
+int scan_told(qx_global *global, std::vector<Translation> &out) {
+  const SPolicyKelim__FlowToAceSta told = S_POLICY_KELIM__FLOW_TO_ACE_STA__INIT;
+  return scan_translations(global, told.base, take_translation<SPolicyKelim__FlowToAceSta>, out);
+}
+
+bool is_service_chain_flow(Bytes message) {
+  return is_flow_mod(message) && is_for_service_chain(southbound_match(message));
+}
+
+// A service-chain flow is asked of the application before it is stored and goes after the application has heard that it is not
+// wanted any more. One that is stored and not asked for was deleted when the life before ended.
+void leave_out_deleted(std::map<std::uint64_t, std::vector<std::byte>> &flows, const std::vector<Translation> &asked) {
+  std::unordered_set<std::uint64_t> wanted;
+  for (const Translation &translation : asked) wanted.insert(translation.index);
+  std::erase_if(flows, [&](const auto &flow) { return is_service_chain_flow(flow.second) && !wanted.contains(flow.first); });
+}
+
 }  // namespace
 
 int read_stored(qx_global *global, StoredState &out) {
@@ -105,20 +132,21 @@ int read_stored(qx_global *global, StoredState &out) {
   if (const int rv = scan(QX_MOM_UDP_DB, flow.base, take_flow)) return rv;
   if (const int rv = scan(QX_MOM_UDP_DB, status.base, take_status)) return rv;
   std::vector<Translation> translations;
-  if (const int rv = stored_translations(global, translations)) return rv;
+  if (const int rv = scan_asked(global, translations)) return rv;
+  leave_out_deleted(reading.flows, translations);
+  if (const int rv = scan_told(global, translations)) return rv;
   for (const Translation &translation : translations) reading.note(translation.index);
   // Without a stored flow it never was translated, and what its controller had sent went with the daemon of that time: nobody
   // waits for the answer any more.
   std::erase_if(translations, [&](const Translation &translation) { return reading.flows.contains(translation.index); });
   if (const int rv = withdraw(global, translations)) return rv;
+  for (auto &[index, message] : reading.flows) out.flows.push_back(std::move(message));
   return scan(QX_MOM_UDP_DB, meter.base, take_meter);
 }
 
 int stored_translations(qx_global *global, std::vector<Translation> &out) {
-  const SPolicyKelim__ParseFlow asked = S_POLICY_KELIM__PARSE_FLOW__INIT;
-  const SPolicyKelim__FlowToAceSta told = S_POLICY_KELIM__FLOW_TO_ACE_STA__INIT;
-  const int rv = qx_mom_scan_sync(global, QX_MOM_APP_DB, &asked.base, 0, take_translation<SPolicyKelim__ParseFlow>, &out);
-  return rv ? rv : qx_mom_scan_sync(global, QX_MOM_APP_DB, &told.base, 0, take_translation<SPolicyKelim__FlowToAceSta>, &out);
+  const int rv = scan_asked(global, out);
+  return rv ? rv : scan_told(global, out);
 }
 
 int withdraw(qx_global *global, const std::vector<Translation> &translations) {
