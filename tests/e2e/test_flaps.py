@@ -38,6 +38,8 @@ class Load(threading.Thread):
                 try:
                     with self.system.client() as client:
                         self._work(client)
+                except TimeoutError:  # a barrier without an answer
+                    raise
                 except (OSError, EOFError):  # the daemon has gone in the middle of it
                     if self.forgetful:
                         self.asked.clear()
