@@ -69,6 +69,12 @@ fuzz: ## builds the fuzz targets with clang and runs each for a minute
 	$(call build,fuzz)
 	@for target in $(call bin,fuzz)/*_fuzz; do echo "== $$target"; $$target -max_total_time=60 || exit 1; done
 
+.PHONY: soak
+soak: ## an hour under load that changes all the time: nothing lost, no memory leaked (ARGS="--redis --minutes 20")
+	$(call packages)
+	$(call build,$(PRESET),$(programs))
+	@tools/soak/soak $(call bin,$(PRESET)) $(ARGS)
+
 .PHONY: bench
 bench: ## the benchmarks
 	$(call packages)
