@@ -7,6 +7,7 @@
 #include <exception>
 #include <iterator>
 
+#include "kelim_version.h"
 #include "libss_fp_com.h"
 #include "programmer/programmer.h"
 #include "qx_mom.h"
@@ -85,6 +86,7 @@ int run(int argc, char **argv) {
   CLI::App app(
       "Installs the flows, meters and controller addresses of the object database in a target and writes back what became of "
       "them.");
+  app.set_version_flag("--version", "kelim-programmer " KELIM_VERSION);
   add_options(app, options);
   try {
     app.parse(argc, argv);

@@ -2,6 +2,7 @@
 
 import os
 import signal
+import subprocess
 import unittest
 
 import daemon
@@ -9,6 +10,18 @@ import e2e
 
 
 class Lifecycle(e2e.Test):
+    def test_every_program_says_what_it_is_and_refuses_what_it_does_not_know(self):
+        run = lambda *words: subprocess.run([f"{e2e.BIN}/{words[0]}", *words[1:]], capture_output=True, text=True, timeout=e2e.LIMIT)
+        versions = [run(name, "--version").stdout.split() for name in ("ssc_kelim", "kelim-programmer", "kelimctl")]
+        self.assertEqual({version[1] for version in versions if len(version) == 2}, {versions[0][1]}, versions)
+        self.assertIn("examples:", run("ssc_kelim", "--help").stdout)
+        for words in (["--bogus"], ["--version", "--bogus"]):
+            refused = run("ssc_kelim", *words)
+            self.assertEqual((refused.returncode, refused.stdout), (2, ""))
+            self.assertRegex(refused.stderr, '^ssc_kelim: argument "--bogus" is not known; allowed: --help, --version .*\n$')
+        running = self.daemon()
+        self.assertIn(f"ssc_kelim {versions[0][1]} starts: configuration /dev/null, database embedded:", running.output())
+
     def test_a_second_instance_ends_at_once_and_the_first_goes_on(self):
         running = self.daemon()
         second = running.spawn()

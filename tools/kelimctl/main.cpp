@@ -9,6 +9,7 @@
 
 #include "host/config/config.h"
 #include "host/mom/views.h"
+#include "kelim_version.h"
 #include "kelimctl/views.h"
 
 namespace kelimctl {
@@ -235,6 +236,7 @@ int run(int argc, char **argv) {
   std::function<void()> local;
   CLI::App app("Looks into a running daemon and steers it.");
   app.footer(kExamples);
+  app.set_version_flag("--version", "kelimctl " KELIM_VERSION);
   app.require_subcommand(0, 1);
   app.fallthrough();
   app.add_option("--run-dir", choices.run_dir,

@@ -114,6 +114,7 @@ std::string apply_file(Draft &draft) {
   if (named == nullptr && access(kDefaultFile, F_OK) != 0) return "";
   if (access(file.c_str(), R_OK) != 0)
     return file + ": cannot be read: " + strerror(errno) + (named ? " (named by KELIM_CONF)" : "");
+  draft.config.file = file;
   const std::string text = (std::ostringstream() << std::ifstream(file).rdbuf()).str();
   if (const std::size_t bad = not_utf8(text); bad != std::string::npos)
     return file + ":" + std::to_string(1 + std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(bad), '\n')) +

@@ -86,6 +86,7 @@ struct Config {
 
   std::vector<ConfigPort> ports;
 
+  std::string file;          // that was read; empty when there was none
   bool run_dir_set = false;  // by file, environment or program, not by default
 };
 

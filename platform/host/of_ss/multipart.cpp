@@ -5,6 +5,7 @@
 
 #include "host/of_ss/agent.h"
 #include "host/of_ss/protocol.h"
+#include "kelim_version.h"
 
 namespace host::of_ss {
 
@@ -99,7 +100,7 @@ Verdict desc(Agent &agent, Connection &connection, Bytes request) {
   Writer &out = parts.entry();
   out.text("kelim", 256);
   out.text("Linux host", 256);
-  out.text("ssc_kelim 0.1", 256);
+  out.text("ssc_kelim " KELIM_VERSION, 256);
   out.text("none", 32);
   out.text("OpenFlow agent of ssc_kelim", 256);
   parts.end();

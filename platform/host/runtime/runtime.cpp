@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "host/config/config.h"
+#include "host/config/text.h"
 #include "host/control/control.h"
 #include "host/fault/fault.h"
 #include "host/log/log.h"
@@ -29,6 +30,7 @@
 #include "host/runtime/reload.h"
 #include "host/runtime/services.h"
 #include "host/runtime/timer_queue.h"
+#include "kelim_version.h"
 
 struct qx_thread_master {
   explicit qx_thread_master(event_base *base) : timers(base) {}
@@ -221,6 +223,12 @@ bool start_services(Runtime &runtime) {
   return true;
 }
 
+void tell_start() {
+  const Config &now = config();
+  log::info("{} " KELIM_VERSION " starts: {}, database {}, run directory {}", g_runtime->name,
+            now.file.empty() ? "no configuration file" : "configuration " + now.file, masked(now.mom.url), now.run_dir);
+}
+
 void release() {
   while (!g_finish_hooks.empty()) {
     const auto stop = std::move(g_finish_hooks.back());
@@ -228,6 +236,7 @@ void release() {
     stop();
   }
   control::stop();
+  if (g_runtime) log::info("{} ends", g_runtime->name);
   g_runtime.reset();
   log::close();
   config_unload();
@@ -239,7 +248,9 @@ bool make_runtime(const char *name) {
   if (const std::string error = config_load(); !error.empty()) return complain(name, error);
   if (const std::string error = make_run_dir(); !error.empty()) return complain(name, error);
   g_runtime = std::make_unique<Runtime>(name);
-  return start_services(*g_runtime);
+  if (!start_services(*g_runtime)) return false;
+  tell_start();
+  return true;
 }
 
 // Runs the loop; -1 when libevent failed, 0 when it was ended or, with EVLOOP_ONCE in `flags`, after a turn.
