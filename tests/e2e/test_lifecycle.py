@@ -7,6 +7,7 @@ import unittest
 
 import daemon
 import e2e
+import openflow
 
 
 class Lifecycle(e2e.Test):
@@ -20,6 +21,10 @@ class Lifecycle(e2e.Test):
             self.assertEqual((refused.returncode, refused.stdout), (2, ""))
             self.assertRegex(refused.stderr, '^ssc_kelim: argument "--bogus" is not known; allowed: --help, --version .*\n$')
         running = self.daemon()
+        client = self.client(running)
+        client.send(openflow.FLOW_MOD, openflow.flow_mod(openflow.ADD, openflow.match(openflow.oxm(5, b"\x08\x00"))))
+        self.assertEqual(client.barrier(), [])
+        self.assertNotIn(" error ", running.output())
         self.assertIn(f"ssc_kelim {versions[0][1]} starts: configuration /dev/null, database embedded:", running.output())
 
     def test_a_second_instance_ends_at_once_and_the_first_goes_on(self):
