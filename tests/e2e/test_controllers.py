@@ -2,9 +2,11 @@
 
 import os
 import re
+import select
 import signal
 import socket
 import struct
+import subprocess
 import unittest
 
 import daemon
@@ -64,18 +66,83 @@ class Controllers(e2e.Test):
         self.addCleanup(taken.close)
         self.addCleanup(nobody.close)
         running = daemon.Daemon(e2e.BIN, openflow_connect=f"tcp:127.0.0.1:{nobody.number},tcp:no-such.invalid:1,ssl:127.0.0.1:1")
-        running.environment["KELIM_OPENFLOW_LISTEN"] += f",ptcp:127.0.0.1:{taken.getsockname()[1]}"
+        running.environment["KELIM_OPENFLOW_LISTEN"] += f",ptcp:127.0.0.1:{taken.getsockname()[1]},ptcp:localhost:1"
         self.run_until_the_end(running)
         states = lambda: [(row["state"], row["error"]) for row in running.ask_json("controllers")["endpoints"]]
-        self.await_that(lambda: states()[2] == ("failing", "Connection refused"), "the refused connection")
+        self.await_that(lambda: {state for state, _ in states()[3:5]} == {"failing"}, "what cannot be connected to")
         found = states()
-        self.assertRegex(found.pop(3)[1], "^the host has no address: ")
+        self.assertRegex(found.pop(4)[1], "^the host has no address: ")
         self.assertEqual(found, [
             ("listening", ""),
             ("failing", "Address already in use"),
+            ("unusable", '"localhost" is no numeric address such as 0.0.0.0 or [::]; names are allowed for tcp: and ssl: only'),
             ("failing", "Connection refused"),
             ("unusable", "TLS needs openflow.tls_cert and openflow.tls_key"),
         ])
+
+    def name_server(self, running):
+        """Has the daemon see a /etc/hosts and a name server of the test's own; the server's socket, which answers nothing by itself."""
+        server = socket.socket(type=socket.SOCK_DGRAM)
+        self.addCleanup(server.close)
+        address = f"127.{os.getpid() >> 8 & 255}.{os.getpid() & 255}.53"
+        try:
+            server.bind((address, 53))
+            subprocess.run(["unshare", "--mount", "true"], check=True, capture_output=True)
+        except (OSError, subprocess.CalledProcessError) as why:
+            self.skipTest(f"needs a name server and a mount name space of its own: {why}")
+        (running.run_dir / "resolv.conf").write_text(f"nameserver {address}\noptions timeout:30\n")
+        (running.run_dir / "hosts").write_text("127.0.0.1 in-hosts.example\n")
+        mounts = "".join(f"mount --bind {running.run_dir}/{name} /etc/{name} && " for name in ("resolv.conf", "hosts"))
+        running.command_line = ["unshare", "--mount", "sh", "-c", mounts + 'exec "$0"', *running.command_line]
+        server.settimeout(0.1)
+        return server
+
+    def resolve(self, server, address=b""):
+        """Answers one question, if there is one: with that IPv4 address, or that there is no such name."""
+        try:
+            question, asker = server.recvfrom(512)
+        except TimeoutError:
+            return
+        found = b"\xc0\x0c\0\1\0\1\0\0\0\0\0\4" + address if address and question[-4:-2] == b"\0\1" else b""
+        header = struct.pack("!HHHHH", 0x8180 if address else 0x8183, 1, bool(found), 0, 0)
+        server.sendto(question[:2] + header + question[12:] + found, asker)
+
+    def test_looking_up_names_holds_nothing_up_and_is_tried_again(self):
+        running = daemon.Daemon(e2e.BIN)
+        running.environment["KELIM_CONF"] = f"{running.run_dir}/host.toml"
+        server = self.name_server(running)
+        controller = socket.create_server(("127.0.0.1", 0))
+        self.addCleanup(controller.close)
+        port = controller.getsockname()[1]
+        connect = lambda *names: (running.run_dir / "host.toml").write_text(
+            f"[openflow]\nconnect = {[f'tcp:{name}:{port}' for name in names]}\n")
+        states = lambda: [(row["state"], row["error"]) for row in running.ask_json("controllers")["endpoints"]][1:]
+        connect()
+        self.run_until_the_end(running)
+
+        connect("in-hosts.example")
+        self.assertEqual(running.kelimctl("cmd", "of_ss", "reload").returncode, 0)
+        accepted = controller.accept()[0]
+        self.addCleanup(accepted.close)
+        accepted.sendall(struct.pack("!BBHI", 4, 0, 8, 1))
+        self.await_that(lambda: states() == [("connected", "")], "the controller of /etc/hosts")
+
+        connect("in-hosts.example", "elsewhere.example")
+        self.assertEqual(running.kelimctl("cmd", "of_ss", "reload").returncode, 0)
+        self.await_that(lambda: select.select([server], [], [], 0)[0], "the question for the name")
+        self.assertEqual(states(), [("connected", ""), ("connecting", "")], "the question is not answered yet")
+        failing = lambda: self.resolve(server) or states()[1][0] == "failing"
+        self.await_that(failing, "the answer that there is no such name")
+        self.assertRegex(states()[1][1], "^the host has no address: ")
+        controller.settimeout(0)
+        def found():
+            self.resolve(server, socket.inet_aton("127.0.0.1"))
+            return select.select([controller], [], [], 0)[0]
+        self.await_that(found, "a connection by the name that there is now")
+
+        connect("third.example")  # and the daemon ends while it looks that up
+        self.assertEqual(running.kelimctl("cmd", "of_ss", "reload").returncode, 0)
+        self.await_that(lambda: select.select([server], [], [], 0)[0], "the question for the last name")
 
     def test_the_packet_path_follows_the_roles_or_the_operator(self):
         running = self.daemon()

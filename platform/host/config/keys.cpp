@@ -101,8 +101,9 @@ constexpr Row kRows[] = {
     {"mom", "scan_batch", in<&C::mom, &C::Mom::scan_batch>, "512", between(1, 65'536), "Objects read at a time while scanning."},
 
     {"openflow", "listen", in<&C::openflow, &C::OpenFlow::listen>, "ptcp:127.0.0.1:6653", kListen,
-     "Where controllers connect to; empty for nowhere."},
-    {"openflow", "connect", in<&C::openflow, &C::OpenFlow::connect>, "", kConnect, "Controllers to connect to."},
+     "Where controllers connect to, as numeric addresses; empty for nowhere."},
+    {"openflow", "connect", in<&C::openflow, &C::OpenFlow::connect>, "", kConnect,
+     "Controllers to connect to; a name is looked up at each attempt."},
     {"openflow", "datapath_id", in<&C::openflow, &C::OpenFlow::datapath_id>, "", kDatapath,
      "The datapath id; when empty, one derived from the machine that stays the same."},
     {"openflow", "capacity", in<&C::openflow, &C::OpenFlow::capacity>, "0", kAnything,

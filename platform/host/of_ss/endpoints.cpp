@@ -28,19 +28,19 @@ struct Method {
 };
 constexpr Method kMethods[] = {{"ptcp:", true, false}, {"pssl:", true, true}, {"tcp:", false, false}, {"ssl:", false, true}};
 
-bool resolve(std::string host, const std::string &port, Endpoint &endpoint, std::string &error) {
+// "" or why the host cannot be used. A name is for the dialer; of a listener it would be the address of an interface that may
+// come or change later.
+std::string take_host(std::string host, const std::string &port, Endpoint &endpoint) {
   if (host.size() > 1 && host.front() == '[') host = host.substr(1, host.size() - 2);
-  addrinfo hints{}, *found = nullptr;
-  hints.ai_socktype = SOCK_STREAM;
-  hints.ai_flags = endpoint.listens ? AI_PASSIVE : 0;
-  if (const int rv = getaddrinfo(host.c_str(), port.c_str(), &hints, &found); rv != 0) {
-    error = fmt::format("the host has no address: {}", gai_strerror(rv));
-    return false;
-  }
-  const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, freeaddrinfo);
+  Addresses found;
+  if (const std::string why = find_addresses(host, port, AI_NUMERICHOST, found); !found && endpoint.listens)
+    return fmt::format("\"{}\" is no numeric address such as 0.0.0.0 or [::]; names are allowed for tcp: and ssl: only", host);
+  endpoint.host = host;
+  endpoint.port = port;
+  if (!found) return "";
   std::memcpy(&endpoint.address, found->ai_addr, found->ai_addrlen);
   endpoint.address_len = found->ai_addrlen;
-  return true;
+  return "";
 }
 
 std::string address_text(const sockaddr *address) {
@@ -98,7 +98,8 @@ bool parse_endpoint(const std::string &text, Endpoint &endpoint, std::string &er
   endpoint.listens = method->listens;
   endpoint.tls = method->tls;
   const std::size_t host = strlen(method->prefix);
-  return resolve(text.substr(host, colon - host), text.substr(colon + 1), endpoint, error);
+  error = take_host(text.substr(host, colon - host), text.substr(colon + 1), endpoint);
+  return error.empty();
 }
 
 std::string failure_text(bufferevent *bev) {
@@ -190,10 +191,21 @@ Dialer::Dialer(event_base *base, const Endpoint &endpoint, SSL_CTX *tls, Accept 
       delay_ms_(kFirstDelayMs) {}
 
 void Dialer::dial() {
+  if (endpoint_.address_len > 0) return connect(reinterpret_cast<const sockaddr *>(&endpoint_.address), endpoint_.address_len);
+  lookup_ = std::make_unique<Lookup>(base_, endpoint_.host, endpoint_.port, [this] { looked_up(); });
+}
+
+void Dialer::looked_up() {
+  const auto lookup = std::move(lookup_);
+  if (!lookup->error().empty()) return ended(false, lookup->error());
+  const addrinfo *next = lookup->addresses();
+  for (std::size_t n = looked_up_++; n > 0; --n) next = next->ai_next ? next->ai_next : lookup->addresses();
+  connect(next->ai_addr, next->ai_addrlen);
+}
+
+void Dialer::connect(const sockaddr *address, socklen_t length) {
   BuffereventOwner bev = make_bufferevent(base_, -1, tls_, BUFFEREVENT_SSL_CONNECTING);
-  const auto *address = reinterpret_cast<const sockaddr *>(&endpoint_.address);
-  if (!bev || bufferevent_socket_connect(bev.get(), address, static_cast<int>(endpoint_.address_len)) != 0)
-    return ended(false, strerror(errno));
+  if (!bev || bufferevent_socket_connect(bev.get(), address, static_cast<int>(length)) != 0) return ended(false, strerror(errno));
   send_at_once(bufferevent_getfd(bev.get()));
   accept_(std::move(bev), peer_of(address, endpoint_), this);
 }

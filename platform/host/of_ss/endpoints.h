@@ -13,6 +13,7 @@
 #include <string>
 
 #include "host/of_ss/connection.h"
+#include "host/of_ss/lookup.h"
 #include "host/tls/tls.h"
 
 namespace host::of_ss {
@@ -22,8 +23,10 @@ struct Endpoint {
   std::string text;
   bool listens = false;
   bool tls = false;
+  // Where a name stands for the address, it is looked up at each attempt to connect.
+  std::string host, port;
   sockaddr_storage address{};
-  socklen_t address_len = 0;
+  socklen_t address_len = 0;  // 0: there is a name
 };
 
 // What has become of an endpoint; the names are `listening`, `connected`, `connecting`, `failing` and `unusable`.
@@ -32,7 +35,7 @@ struct EndpointState {
   std::string error;  // why it fails or cannot be used; otherwise empty
 };
 
-// Reads one; false and `error` when it is none. Numbers and names of hosts alike; a name is looked up. Any thread.
+// Reads one; false and `error` when it is none. Nothing is looked up. Any thread.
 bool parse_endpoint(const std::string &text, Endpoint &endpoint, std::string &error);
 
 // Why the last operation of a connection failed, in words; of TLS with what was wrong with the certificate.
@@ -40,11 +43,6 @@ std::string failure_text(bufferevent *bev);
 
 // The machine's interface that the connection runs over; 0 when that is not known.
 std::uint32_t local_interface(evutil_socket_t fd);
-
-struct FreeEvent {
-  void operator()(event *e) const { event_free(e); }
-};
-using EventOwner = std::unique_ptr<event, FreeEvent>;
 
 class Dialer;
 
@@ -81,8 +79,8 @@ class Listener {
   std::string failure_;  // the last one that was logged; empty while it listens
 };
 
-// Keeps one connection to a controller: connects, and after each failure or end waits a little longer, with jitter, up to a
-// bound.
+// Keeps one connection to a controller: looks up its name, where it has one, connects, and after each failure or end waits a
+// little longer, with jitter, up to a bound. Of several addresses of a name each attempt takes the next.
 class Dialer {
  public:
   Dialer(event_base *base, const Endpoint &endpoint, SSL_CTX *tls, Accept accept);
@@ -98,11 +96,16 @@ class Dialer {
   EndpointState state() const;
 
  private:
+  void looked_up();
+  void connect(const sockaddr *address, socklen_t length);
+
   event_base *base_;
   const Endpoint endpoint_;
   SSL_CTX *tls_;
   Accept accept_;
   EventOwner timer_;
+  std::unique_ptr<Lookup> lookup_;  // while it is under way
+  std::size_t looked_up_ = 0;       // how often addresses have been found
   std::int64_t delay_ms_;
   std::string failure_;  // the last one that was logged; empty after a connection that got through
 };

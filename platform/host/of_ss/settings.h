@@ -30,7 +30,7 @@ struct Settings {
   ConnectionLimits connections;
 };
 
-// Endpoints that cannot be used (a name that is not found, TLS without certificate or authorities) are logged and left out.
+// Endpoints that cannot be used (one that listens on a name, TLS without certificate or authorities) are logged and left out.
 Settings settings_from(const Config::OpenFlow &key);
 
 }  // namespace host::of_ss

@@ -1,0 +1,56 @@
+// The addresses of a host's name, from wherever the machine's other programs have them (/etc/hosts, name servers, ...). Openflow
+// thread.
+//
+// The C library's look-up does all of that, but blocks for as long as a name server is silent. So it runs on a thread of its own,
+// which is left alone when the answer is no longer wanted: it ends by itself within the limits of /etc/resolv.conf, or with the
+// process.
+#pragma once
+
+#include <event2/event.h>
+#include <netdb.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace host::of_ss {
+
+struct FreeEvent {
+  void operator()(event *e) const { event_free(e); }
+};
+using EventOwner = std::unique_ptr<event, FreeEvent>;
+
+struct FreeAddresses {
+  void operator()(addrinfo *list) const { freeaddrinfo(list); }
+};
+using Addresses = std::unique_ptr<addrinfo, FreeAddresses>;
+
+// Asks the C library for addresses to connect or listen to; `flags` are its own (AI_...). "" or why there is none.
+std::string find_addresses(const std::string &host, const std::string &port, int flags, Addresses &found);
+
+class Lookup {
+ public:
+  // Calls `done` in a later turn of the loop of `base`, unless it is destroyed before; `done` may destroy it.
+  Lookup(event_base *base, const std::string &host, const std::string &port, std::function<void()> done);
+  ~Lookup();
+  Lookup(const Lookup &) = delete;
+  Lookup &operator=(const Lookup &) = delete;
+
+  // ---- when it is done
+
+  const std::string &error() const;   // why there is no address; otherwise empty
+  const addrinfo *addresses() const;  // at least one without an error; they live as long as the look-up
+
+ private:
+  struct Shared;
+
+  void start();
+  void answered();
+  void fail(const std::string &why);
+
+  std::shared_ptr<Shared> shared_;
+  std::function<void()> done_;
+  EventOwner event_;
+};
+
+}  // namespace host::of_ss
