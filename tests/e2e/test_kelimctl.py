@@ -1,6 +1,9 @@
 """The operator's command line against a running daemon, and without one."""
 
+import os
+import shutil
 import socket
+import subprocess
 import unittest
 
 import daemon
@@ -49,6 +52,23 @@ class Kelimctl(e2e.Test):
             self.assertEqual(result.returncode, 3)
             self.assertIn("make run", result.stderr)
         self.assertIn("KELIM_OPENFLOW_LISTEN", nobody.ask("config"))
+
+    @unittest.skipUnless(os.geteuid() == 0, "needs other users")
+    def test_members_of_the_control_group_see_views(self):
+        for group, seen in (("nogroup", (0, "No flows.\n")),):
+            with self.subTest(group=group):
+                running = self.daemon(control_group=group)
+                running.run_dir.chmod(0o755)
+                kelimctl = shutil.copy(running.bin / "kelimctl", running.run_dir)
+                ask = lambda *arguments: subprocess.run(
+                    [kelimctl, "--run-dir", running.run_dir, *arguments], env=running.environment, capture_output=True, text=True,
+                    user="nobody", group="nogroup", extra_groups=[])
+                result = ask("flows")
+                self.assertEqual((result.returncode, result.stdout), seen, result.stderr)
+                result = ask("cmd", "ssc_kelim", "kelim_set_dbg", "dbg_val=0x0")
+                self.assertEqual(result.returncode, 1)
+                self.assertIn("control.group", result.stderr)
+                self.assertEqual(running.kelimctl("cmd", "ssc_kelim", "kelim_set_dbg", "dbg_val=0x0").returncode, 0)
 
     def test_views_join_what_all_sides_know(self):
         running = self.daemon(programmer_counter_interval_ms=50, programmer_counter_rate=200, programmer_script="fail=@2")

@@ -123,6 +123,11 @@ TEST_F(Control, OnlyTheOwnerMayConnectAndTheSocketGoesWithTheRuntime) {
   EXPECT_EQ(qx_global_init("core_test", nullptr), nullptr);
   EXPECT_NE(testing::internal::GetCapturedStderr().find("another process serves"), std::string::npos);
   close(left);
+  set("control.group", "no-such-group");
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(qx_global_init("core_test", nullptr), nullptr);
+  EXPECT_NE(testing::internal::GetCapturedStderr().find("control.group: there is no group \"no-such-group\""), std::string::npos);
+  set("control.group", "");
   global = qx_global_init("core_test", nullptr);
   ASSERT_NE(global, nullptr);
   EXPECT_EQ(ask(R"({"call":"list"})")["modules"], json::array()) << "commands went with the last runtime";

@@ -82,6 +82,7 @@ struct Config {
 
   struct Control {
     bool enabled;
+    std::string group;
   } control;
 
   std::vector<ConfigPort> ports;

@@ -149,6 +149,8 @@ constexpr Row kRows[] = {
 
     {"control", "enabled", in<&C::control, &C::Control::enabled>, "true", kAnything,
      "Whether debug commands and views are served on a unix socket in the run directory."},
+    {"control", "group", in<&C::control, &C::Control::group>, "", kAnything,
+     "Group whose members may ask for views there; commands are for root and the user of the process, who has to be a member."},
 
     {"", "ports", top<&C::ports>, "", kAnything,
      "The port table: [[ports]] with ifx, name, phyid, type; as text IFX:NAME[:PHYID[:TYPE]], .... Without it, the machine's "

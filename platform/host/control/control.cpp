@@ -1,8 +1,11 @@
 #include "host/control/control.h"
 
+#include <grp.h>
+
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 
 #include "host/config/config.h"
 #include "host/control/client.h"
@@ -71,12 +74,19 @@ Reply list(const json &, const LineServer::Push &) {
   return {text_of({{"status", 0}, {"modules", list_commands()}, {"views", keys(g_views)}, {"feeds", keys(g_feeds)}}), nullptr};
 }
 
-const std::map<std::string, Reply (*)(const json &, const LineServer::Push &), std::less<>> kCalls = {
-    {"cmd", call_command_line}, {"list", list}, {"view", call_view}, {"watch", call_feed}};
+struct Call {
+  Reply (*answer)(const json &request, const LineServer::Push &push);
+  bool changes_things = false;  // or may
+};
+const std::map<std::string, Call, std::less<>> kCalls = {
+    {"cmd", {call_command_line, true}}, {"list", {list}}, {"view", {call_view}}, {"watch", {call_feed}}};
 
-Reply answer(const json &request, const LineServer::Push &push) {
+Reply answer(const json &request, LineServer::Asker asker, const LineServer::Push &push) {
   if (!request.is_object()) throw Refusal("a request is one JSON object on a line, such as {\"call\":\"list\"}");
-  return named(kCalls, "call", request.value("call", ""))(request, push);
+  const Call &call = named(kCalls, "call", request.value("call", ""));
+  if (call.changes_things && asker != LineServer::Asker::owner)
+    throw std::runtime_error("commands are for the user of the process and root; members of control.group may ask for views");
+  return call.answer(request, push);
 }
 
 std::string refuse(const std::string &why) {
@@ -87,9 +97,9 @@ std::string fail(const std::string &why) {
   return text_of({{"status", 1}, {"error", why}});
 }
 
-Reply answer_line(const std::string &line, const LineServer::Push &push) {
+Reply answer_line(const std::string &line, LineServer::Asker asker, const LineServer::Push &push) {
   try {
-    return answer(json::parse(line, nullptr, false), push);
+    return answer(json::parse(line, nullptr, false), asker, push);
   } catch (const Refusal &e) {
     return {refuse(e.what()), nullptr};
   } catch (const json::exception &e) {  // members of the wrong type
@@ -97,6 +107,11 @@ Reply answer_line(const std::string &line, const LineServer::Push &push) {
   } catch (const std::exception &e) {
     return {fail(e.what()), nullptr};
   }
+}
+
+std::optional<gid_t> group_of(const std::string &name) {
+  const group *found = name.empty() ? nullptr : getgrnam(name.c_str());
+  return found ? std::optional(found->gr_gid) : std::nullopt;
 }
 
 std::string missed(std::size_t lines) {
@@ -116,7 +131,10 @@ void register_feed(const std::string &name, Feed feed) {
 std::string start(const Config &config, const std::string &runtime_name) {
   register_view("timings", [](const json &) { return timing::view(); });
   if (!config.control.enabled) return "";
-  g_server = std::make_unique<LineServer>(LineServer::Words{answer_line, refuse, fail, missed});
+  const std::string &name = config.control.group;
+  const auto group = group_of(name);
+  if (!name.empty() && !group) return "control.group: there is no group \"" + name + "\"";
+  g_server = std::make_unique<LineServer>(LineServer::Words{answer_line, refuse, fail, missed}, group);
   return g_server->listen(socket_path(config.run_dir, runtime_name));
 }
 

@@ -1,4 +1,5 @@
-// The control service: debug commands (ssat.h) and views on a unix socket, <run_dir>/<runtime name>.ctl (mode 0600).
+// The control service: debug commands (ssat.h) and views on a unix socket, <run_dir>/<runtime name>.ctl (mode 0600; with
+// control.group 0660, and "cmd" is not for those who are neither root nor the user of the process).
 //
 // A request is one JSON object on a line, its answer likewise:
 //   {"call":"cmd","module":"ssc_kelim","command":"kelim_set_dbg","args":{"dbg_val":"0x83"}}

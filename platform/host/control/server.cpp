@@ -44,10 +44,26 @@ int bound_socket(const sockaddr_un &address) {
   return -1;
 }
 
+// Hands the file of the socket to the group as well. "" or the error.
+std::string share(const std::string &path, gid_t group) {
+  if (chown(path.c_str(), static_cast<uid_t>(-1), group) == 0 && chmod(path.c_str(), 0660) == 0) return "";
+  return path + ": cannot be given to control.group: " + strerror(errno) +
+         "; the user of the process has to be one of its members";
+}
+
+// Without credentials a peer is taken for one of the group.
+LineServer::Asker asker_of(int fd) {
+  ucred peer{};
+  socklen_t length = sizeof peer;
+  const bool known = getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0;
+  return known && (peer.uid == 0 || peer.uid == geteuid()) ? LineServer::Asker::owner : LineServer::Asker::group;
+}
+
 }  // namespace
 
 struct LineServer::Client {
   LineServer *server;
+  Asker asker;
   std::unique_ptr<bufferevent, BuffereventDeleter> socket;
   bool closing = false;  // goes when its answer is out
   std::shared_ptr<void> stream{};
@@ -61,7 +77,7 @@ struct LineServer::Client {
   }
 };
 
-LineServer::LineServer(Words words) : words_(std::move(words)) {}
+LineServer::LineServer(Words words, std::optional<gid_t> group) : words_(std::move(words)), group_(group) {}
 
 LineServer::~LineServer() {
   if (listener_) unlink(path_.c_str());
@@ -75,6 +91,11 @@ std::string LineServer::listen(const std::string &path) {
   unlink(path.c_str());
   const int fd = bound_socket(address);
   if (fd < 0) return path + ": " + strerror(errno);
+  if (const std::string why = group_ ? share(path, *group_) : ""; !why.empty()) {
+    ::close(fd);
+    unlink(path.c_str());
+    return why;
+  }
   const auto on_accept = [](evconnlistener *, evutil_socket_t client, sockaddr *, int, void *self) {
     static_cast<LineServer *>(self)->accept(client);
   };
@@ -113,7 +134,7 @@ void LineServer::accept(int fd) {
     ::close(fd);
     return;
   }
-  Client &client = clients_.emplace_back(Client{this, std::unique_ptr<bufferevent, BuffereventDeleter>(socket)});
+  Client &client = clients_.emplace_back(Client{this, asker_of(fd), std::unique_ptr<bufferevent, BuffereventDeleter>(socket)});
   bufferevent_setwatermark(socket, EV_READ, 0, kLongestLine + 1);
   bufferevent_set_timeouts(socket, &kIdle, &kStuck);
   const auto ready = [](bufferevent *, void *c) { static_cast<Client *>(c)->server->serve(*static_cast<Client *>(c)); };
@@ -148,7 +169,7 @@ void LineServer::serve(Client &client) {
 }
 
 void LineServer::answer(Client &client, const std::string &line) {
-  Reply reply = words_.answer(line, [this, &client](const auto &further) { push(client, further); });
+  Reply reply = words_.answer(line, client.asker, [this, &client](const auto &further) { push(client, further); });
   client.send(reply.line);
   client.stream = std::move(reply.stream);
   if (client.stream) bufferevent_set_timeouts(client.socket.get(), nullptr, &kStuck);  // it only listens from now on

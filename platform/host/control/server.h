@@ -4,10 +4,12 @@
 
 #include <event2/bufferevent.h>
 #include <event2/listener.h>
+#include <sys/types.h>
 
 #include <functional>
 #include <list>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -28,10 +30,12 @@ class LineServer {
     std::string line;
     std::shared_ptr<void> stream;  // kept until the client goes, null without a stream; further requests are not read then
   };
+  // By the credentials of its socket: the user of the process or root, or else somebody of the socket's group.
+  enum class Asker { owner, group };
   // What the lines say, without line ends.
   struct Words {
     // The answer to a line. `push` must not be called from inside.
-    std::function<Reply(const std::string &line, const Push &push)> answer;
+    std::function<Reply(const std::string &line, Asker asker, const Push &push)> answer;
     // The answer to a line that is too long.
     std::function<std::string(const std::string &why)> refuse;
     // What a client is told that comes when there are too many.
@@ -40,12 +44,13 @@ class LineServer {
     std::function<std::string(std::size_t lines)> missed;
   };
 
-  explicit LineServer(Words words);
+  // With a group the socket is for its members too (mode 0660), otherwise for its owner alone (mode 0600).
+  LineServer(Words words, std::optional<gid_t> group);
   ~LineServer();
   LineServer(const LineServer &) = delete;
   LineServer &operator=(const LineServer &) = delete;
 
-  // Listens on `path` (mode 0600), in place of a socket that nobody serves any more, and again when the file has gone. "" or the
+  // Listens on `path`, in place of a socket that nobody serves any more, and again when the file has gone. "" or the
   // error.
   std::string listen(const std::string &path);
 
@@ -63,6 +68,7 @@ class LineServer {
   void close(Client &client);
 
   Words words_;
+  const std::optional<gid_t> group_;
   std::string path_;
   std::list<Client> clients_;
   std::unique_ptr<evconnlistener, ListenerDeleter> listener_;
