@@ -54,8 +54,8 @@ class Kelimctl(e2e.Test):
         self.assertIn("KELIM_OPENFLOW_LISTEN", nobody.ask("config"))
 
     @unittest.skipUnless(os.geteuid() == 0, "needs other users")
-    def test_members_of_the_control_group_see_views(self):
-        for group, seen in (("nogroup", (0, "No flows.\n")),):
+    def test_members_of_the_control_group_see_views_and_others_are_told_who_may(self):
+        for group, seen in (("nogroup", (0, "No flows.\n")), ("", (1, ""))):
             with self.subTest(group=group):
                 running = self.daemon(control_group=group)
                 running.run_dir.chmod(0o755)
@@ -67,7 +67,8 @@ class Kelimctl(e2e.Test):
                 self.assertEqual((result.returncode, result.stdout), seen, result.stderr)
                 result = ask("cmd", "ssc_kelim", "kelim_set_dbg", "dbg_val=0x0")
                 self.assertEqual(result.returncode, 1)
-                self.assertIn("control.group", result.stderr)
+                self.assertIn("control.group" if group else "user root and root may ask it", result.stderr)
+                self.assertNotIn("make run", result.stderr)
                 self.assertEqual(running.kelimctl("cmd", "ssc_kelim", "kelim_set_dbg", "dbg_val=0x0").returncode, 0)
 
     def test_views_join_what_all_sides_know(self):
