@@ -14,9 +14,7 @@ namespace {
 using namespace std::chrono_literals;
 using std::chrono::steady_clock;
 
-constexpr size_t kBatch = 64;  // writes and deletions that leave together; more gains nothing
-constexpr size_t kTagSize = 8;
-constexpr size_t kLengthSize = 4;      // of a record's length in a notification
+constexpr size_t kBatch = 64;          // writes and deletions that leave together; more gains nothing
 constexpr size_t kCommandHeads = 256;  // bytes of a transaction beside its arguments, or a little more
 constexpr size_t kForgetBatch = 256;
 constexpr size_t kMembersAtATime = 5000;
@@ -24,45 +22,6 @@ constexpr size_t kSampled = 16;      // objects asked for their size
 constexpr auto kStartPatience = 3s;  // for a server that is being started beside us
 constexpr auto kLoadPatience = 60s;  // for a server that loads its data
 constexpr auto kProbeEvery = 50ms;
-
-std::string tag_bytes(int64_t tag) {
-  std::string bytes(kTagSize, '\0');
-  for (char &byte : bytes) byte = static_cast<char>(std::exchange(tag, tag >> 8));
-  return bytes;
-}
-
-std::string_view as_text(Bytes bytes) {
-  return {reinterpret_cast<const char *>(bytes.data()), bytes.size()};
-}
-
-Bytes as_bytes(std::string_view text) {
-  return {reinterpret_cast<const uint8_t *>(text.data()), text.size()};
-}
-
-// The notification without its kind.
-void append_notification_end(std::string &out, std::string_view member, Bytes packed) {
-  out.append(member).push_back('\0');
-  for (size_t byte = 0; byte < kLengthSize; ++byte) out.push_back(static_cast<char>(packed.size() >> 8 * byte));
-  out.append(as_text(packed));
-}
-
-std::string notification_end(std::string_view member, Bytes packed) {
-  std::string end;
-  append_notification_end(end, member, packed);
-  return end;
-}
-
-struct Kind {
-  char letter;
-  Change change;
-};
-constexpr Kind kKinds[] = {
-    {'W', Change::rewritten}, {'C', Change::created}, {'R', Change::rewritten}, {'D', Change::deleted}, {'P', Change::published}};
-
-const Kind *kind_of(char letter) {
-  const auto found = std::find_if(std::begin(kKinds), std::end(kKinds), [&](const Kind &kind) { return kind.letter == letter; });
-  return found == std::end(kKinds) ? nullptr : found;
-}
 
 }  // namespace
 
@@ -441,13 +400,12 @@ int RedisStore::get_sync(Slot &slot, const Key &key, std::vector<uint8_t> &packe
   const Reply reply = synchronously(table.base, [&](SyncConnection &sync) { return sync.call({"GET", object}); });
   if (!reply) return -1;
   if (reply->type == REDIS_REPLY_NIL) return -7;
-  const std::string_view value = text_of(reply.get());
-  if (reply->type != REDIS_REPLY_STRING || value.size() < kTagSize) {
+  const auto record = reply->type == REDIS_REPLY_STRING ? record_in(text_of(reply.get())) : std::nullopt;
+  if (!record) {
     hub_.skip("the value is none of ours", object);
     return kForeign;
   }
-  const Bytes bytes = as_bytes(value.substr(kTagSize));
-  packed.assign(bytes.begin(), bytes.end());
+  packed.assign(record->begin(), record->end());
   return 0;
 }
 
@@ -483,10 +441,10 @@ RedisStore::Visited RedisStore::visit_batch(Table &table, std::span<const Key> k
   if (!reply || reply->type != REDIS_REPLY_ARRAY || reply->elements != keys.size()) return Visited::failed;
   for (size_t i = 0; i < keys.size(); ++i) {
     if (reply->element[i]->type == REDIS_REPLY_NIL || deleted.contains(keys[i])) continue;  // gone, or not ours to read
-    const std::string_view value = text_of(reply->element[i]);
-    if (value.size() < kTagSize) {
+    const auto record = record_in(text_of(reply->element[i]));
+    if (!record) {
       hub_.skip("the value is none of ours", objects[i]);
-    } else if (!visit(keys[i], as_bytes(value.substr(kTagSize)))) {
+    } else if (!visit(keys[i], *record)) {
       return Visited::ended;
     }
   }
@@ -571,26 +529,6 @@ void RedisStore::message(Base &base, std::string_view channel, std::string_view 
   Table &table = *found->second;
   notifications(table, payload, channel == table.gone ? &RedisStore::gone : &RedisStore::heard);
 }
-
-struct RedisStore::Notification {
-  Change change;
-  std::string_view member;
-  Bytes packed;
-
-  // Takes the first one off the payload; nothing when that has no known layout.
-  static std::optional<Notification> take(std::string_view &payload) {
-    const Kind *kind = payload.empty() ? nullptr : kind_of(payload.front());
-    const size_t end = payload.find('\0');
-    if (!kind || end == std::string_view::npos || payload.size() - end - 1 < kLengthSize) return std::nullopt;
-    const Bytes rest = as_bytes(payload.substr(end + 1));
-    size_t length = 0;
-    for (size_t byte = 0; byte < kLengthSize; ++byte) length |= size_t{rest[byte]} << 8 * byte;
-    if (rest.size() - kLengthSize < length) return std::nullopt;
-    const Notification notification = {kind->change, payload.substr(1, end - 1), rest.subspan(kLengthSize, length)};
-    payload.remove_prefix(end + 1 + kLengthSize + length);
-    return notification;
-  }
-};
 
 void RedisStore::notifications(Table &table, std::string_view payload, Take take) {
   do {

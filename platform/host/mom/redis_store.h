@@ -30,6 +30,7 @@
 #include "host/mom/hub.h"
 #include "host/mom/key_set.h"
 #include "host/mom/redis_endpoint.h"
+#include "host/mom/redis_layout.h"
 #include "host/mom/redis_link.h"
 #include "host/mom/redis_scripts.h"
 #include "host/mom/redis_sync.h"
@@ -144,7 +145,6 @@ class RedisStore final : public Store {
   bool is_stored(Table &table, const Key &key);
   void subscribed(Base &base, std::string_view channel);
   void message(Base &base, std::string_view channel, std::string_view payload);
-  struct Notification;
   using Take = void (RedisStore::*)(Table &table, const Key &key, const Notification &notification);
   void notifications(Table &table, std::string_view payload, Take take);
   void heard(Table &table, const Key &key, const Notification &notification);
