@@ -88,14 +88,14 @@ Verdict Flows::remove(const FlowMod &mod) {
     if (table_.size() <= kAtOnce)
       remove_all();
     else
-      deletion_.emplace();
+      deletion_ = Deletion{};
     return {};
   }
   const auto found = targets(mod, mod.command == fm::kDeleteStrict);
   if (found.size() <= kAtOnce) {
     for (FlowEntry *flow : found) remove_flow(*flow, kDeleted);
   } else {
-    deletion_.emplace(std::make_unique<FlowMod>(mod));
+    deletion_ = Deletion{std::make_unique<FlowMod>(mod)};
     for (const FlowEntry *flow : found) deletion_->slots.push_back(flow->slot);
   }
   return {};
