@@ -25,7 +25,7 @@ std::uint32_t key_hash(std::uint32_t hash, std::uint16_t priority) {
 bool is_alike(const FlowEntry &entry, std::uint8_t table_id, Bytes match) {
   const Bytes other = southbound_match(entry.southbound());
   return entry.table_id() == table_id && other.size() == match.size() &&
-         std::memcmp(other.data(), match.data(), match.size()) == 0;
+         (match.empty() || std::memcmp(other.data(), match.data(), match.size()) == 0);
 }
 
 }  // namespace
