@@ -1,6 +1,6 @@
-// Any bytes where the OpenFlow agent reads: a flow-mod, a statistics filter, a packet-out or a meter-mod of a controller, and a
-// stored flow or meter of an earlier life. What is accepted must hold together: it is a message that could be stored and taken
-// over, it is given back to the controller as a message that reads as the same flow, and it matches itself.
+// Any bytes where the OpenFlow agent reads: a flow-mod, a statistics filter, a packet-out or a meter-mod of a controller. What is
+// accepted must hold together: it is a message that could be stored and taken over, it is given back to the controller as a
+// message that reads as the same flow, and it matches itself.
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -69,27 +69,10 @@ void flow_mod(Bytes bytes) {
   require(engine.flows.table().size() == 0);
 }
 
-void stored_flow(Bytes bytes) {
-  Engine engine;
-  if (!engine.flows.restore(bytes, 0)) return;
-  show(bytes);
-  FlowMod everything{};
-  everything.command = fm::kModify;
-  everything.table_id = kTableAll;
-  everything.length = southbound::flow_instruction_offset(0) + southbound::kInstructionLen;
-  engine.flows.apply(everything, {1, 1}, bytes, 1);
-  engine.flows.replay();
-}
-
 void meter_mod(Bytes bytes) {
   Engine engine, next;
   if (bytes.size() < 16 || engine.meters.apply(bytes, {1, 1}, 0).refused()) return;
   for (const auto &[id, meter] : engine.meters.all()) require(next.meters.restore(meter.message, 0));
-}
-
-void stored_meter(Bytes bytes) {
-  Engine engine;
-  if (engine.meters.restore(bytes, 0)) engine.meters.replay();
 }
 
 void filter(Bytes bytes) {
@@ -101,7 +84,7 @@ void packet_out(Bytes bytes) {
   check_packet_out_actions(bytes, kPorts);
 }
 
-constexpr void (*kReaders[])(Bytes) = {flow_mod, stored_flow, meter_mod, stored_meter, filter, packet_out};
+constexpr void (*kReaders[])(Bytes) = {flow_mod, meter_mod, filter, packet_out};
 
 }  // namespace
 
