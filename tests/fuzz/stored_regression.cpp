@@ -31,6 +31,7 @@ Bytes stored_meter(std::uint32_t id, std::size_t bands) {
 TEST(StoredFuzz, FixedInputs) {
   run_around(stored_flow(0x29) + stored_meter(5, 2) + record(kStatus, le(std::uint64_t{0x30})));
   run(stored_flow(0x29, hex("04000080 01000000 08060080 01020304 05060000")));
+  run(stored_flow(0x29, Bytes(1024)));
 }
 
 }  // namespace

@@ -103,8 +103,8 @@ bool is_flow_mod(Bytes message) {
   if (sb::get<std::uint16_t>(message.data(), sb::kType) != sb::kFlowMod) return false;
   if (sb::get<std::uint16_t>(message.data(), sb::kLen) != message.size()) return false;
   if (sb::get<std::uint8_t>(message.data(), sb::kFlowTableId) >= kTableCount) return false;
-  const std::size_t block = sb::flow_instruction_offset(sb::get<std::uint16_t>(message.data(), sb::kFlowMatchLen));
-  return block + sb::kInstructionLen <= message.size();
+  const auto match_len = sb::get<std::uint16_t>(message.data(), sb::kFlowMatchLen);
+  return match_len <= kMaxSouthboundMatch && sb::flow_instruction_offset(match_len) + sb::kInstructionLen <= message.size();
 }
 
 }  // namespace host::of_ss
