@@ -32,6 +32,7 @@ TEST(StoredFuzz, FixedInputs) {
   run_around(stored_flow(0x29) + stored_meter(5, 2) + record(kStatus, le(std::uint64_t{0x30})));
   run(stored_flow(0x29, hex("04000080 01000000 08060080 01020304 05060000")));
   run(stored_flow(0x29, Bytes(1024)));
+  for (const std::uint32_t id : {0u, 5u, 0xffffffff}) run(stored_meter(id, 4094));
 }
 
 }  // namespace

@@ -20,6 +20,10 @@ constexpr std::int64_t kChangeLimit = 10'000'000'000;  // a failure that comes l
 // The daemon's result codes of a meter.
 constexpr std::uint32_t kResultNoRoom = 0;
 
+bool is_meter_number(std::uint32_t id) {
+  return id != 0 && id <= kMeterMax;
+}
+
 Verdict check_flags(std::uint16_t flags) {
   if (flags & ~kKnownMeterFlags) return refuse(err::kMeterBadFlags, "flags", "unknown flag");
   if ((flags & kMeterKbps) && (flags & kMeterPktps))
@@ -70,7 +74,7 @@ Verdict Meters::apply(Bytes request, const Origin &origin, std::int64_t now) {
   const std::uint16_t command = be16(request, kCommand);
   const std::uint32_t id = be32(request, kId);
   if (command > kDelete) return refuse(err::kMeterBadCommand, "command", "unknown command");
-  if ((id == 0 || id > kMeterMax) && !(command == kDelete && id == kMeterAll))
+  if (!is_meter_number(id) && !(command == kDelete && id == kMeterAll))
     return refuse(err::kInvalidMeter, "meter", "not the number of a meter, allowed are 1 to 0xffff0000");
   if (command == kDelete) {
     remove(id);
@@ -166,11 +170,15 @@ void Meters::delete_stray(std::uint32_t id) {
 }
 
 bool Meters::restore(Bytes message, std::int64_t now) {
-  if (message.size() < sb::kMeterBands || (message.size() - sb::kMeterBands) % kBandLen) return false;
+  if (message.size() < sb::kMeterBands || message.size() > sb::kMeterBands + kMaxBands * kBandLen ||
+      (message.size() - sb::kMeterBands) % kBandLen)
+    return false;
   if (sb::get<std::uint16_t>(message.data(), sb::kType) != sb::kMeterMod ||
       sb::get<std::uint16_t>(message.data(), sb::kLen) != message.size())
     return false;
-  Meter &meter = meters_[sb::get<std::uint32_t>(message.data(), sb::kMeterId)];
+  const auto id = sb::get<std::uint32_t>(message.data(), sb::kMeterId);
+  if (!is_meter_number(id)) return false;
+  Meter &meter = meters_[id];
   meter.message.assign(message.begin(), message.end());
   meter.created_ns = now;
   return true;
