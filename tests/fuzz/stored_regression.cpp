@@ -33,6 +33,10 @@ TEST(StoredFuzz, FixedInputs) {
   run(stored_flow(0x29, hex("04000080 01000000 08060080 01020304 05060000")));
   run(stored_flow(0x29, Bytes(1024)));
   for (const std::uint32_t id : {0u, 5u, 0xffffffff}) run(stored_meter(id, 4094));
+  for (const std::uint64_t index : {~std::uint64_t{0}, ~std::uint64_t{1}}) {
+    run(stored_flow(index));
+    for (const Kind kind : {kStatus, kAsked, kTold}) run(record(kind, le(index)) + record(kStatus, le(std::uint64_t{5})));
+  }
 }
 
 }  // namespace

@@ -109,7 +109,7 @@ FlowEntry &FlowTable::insert(Bytes flow_mod, const Place &place, std::int64_t no
 
 FlowEntry *FlowTable::restore(Bytes flow_mod, std::int64_t now_ns) {
   const auto index = sb::get<std::uint64_t>(flow_mod.data(), sb::kFlowIndex);
-  if (index == 0 || index == sb::kAllFlows || by_index(index)) return nullptr;
+  if (index == 0 || index > kGreatestStoredIndex || by_index(index)) return nullptr;
   return &put(flow_mod, find(flow_mod), index, now_ns);
 }
 

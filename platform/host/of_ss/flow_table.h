@@ -92,6 +92,10 @@ struct FlowEntry {
   }
 };
 
+// The greatest index that is believed of what is stored. No life of the daemon gets that far; counting on from an index near the
+// end, the next one would come to the indexes that mean no flow and every flow, and to those in use.
+inline constexpr std::uint64_t kGreatestStoredIndex = ~std::uint64_t{0} >> 1;
+
 class FlowTable {
  public:
   // A place in the table: the entry in force with table, priority and match of a southbound flow-mod, or null. Good until the

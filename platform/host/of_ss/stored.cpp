@@ -6,6 +6,7 @@
 
 #include "host/of_ss/actions.h"
 #include "host/of_ss/flow_mod.h"
+#include "host/of_ss/flow_table.h"
 #include "host/of_ss/oxm.h"
 #include "qx_mom.h"
 #include "s_policy_kelim.pb-c.h"
@@ -22,7 +23,9 @@ struct Reading {
   StoredState &out;
   std::map<std::uint64_t, std::vector<std::byte>> flows = {};  // by index: the newer form of a flow comes later
 
-  void note(std::uint64_t index) { out.last_index = std::max(out.last_index, index); }
+  void note(std::uint64_t index) {
+    if (index <= kGreatestStoredIndex) out.last_index = std::max(out.last_index, index);
+  }
 };
 
 Reading &reading(void *arg) {

@@ -12,7 +12,7 @@ namespace host::of_ss {
 
 struct StoredState {
   std::vector<std::vector<std::byte>> flows, meters;
-  std::uint64_t last_index = 0;  // the greatest that a flow, the status of one or its translation has
+  std::uint64_t last_index = 0;  // the greatest believed that a flow, the status of one or its translation has
 };
 
 // A service-chain flow of which database 4 holds what the application is asked for, or told.
