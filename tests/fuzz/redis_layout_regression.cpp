@@ -26,6 +26,8 @@ TEST(RedisLayoutFuzz, FixedInputs) {
   run_around(hex("0900") + notification("P", {}) + notification("P", hex("0801")));
   run_around(hex("0000") + notification("W%C3%A9:x", part(5, part(1, text("\xc3\xa9:x")))));
   run_around(hex("0101") + Bytes(8) + flow);
+  // With what a later version of the record might have, more of it than fits the rest.
+  run(hex("0101") + Bytes(8) + flow + part(15, Bytes(6000)));
   run_around(hex("0601") + Bytes(8) + meter);
   run_around(hex("0102") + text("s_policy_kelim.flow:17:0"));
   run_around(hex("0002") + text("s_cluster.reg_pkt_info:a%2Fb"));
