@@ -13,6 +13,10 @@ TEST(ControlFuzz, FixedInputs) {
     for (const char *call : {R"("view","name":"mom")", R"("view","name":"congestion")", R"("watch","name":"ticks")",
                              R"("watch","name":"mom")", R"("cmd","module":"m","command":"two")"})
       run(text(std::string(R"({"call":)") + call + R"(,"args":)" + args + "}"));
+  const std::string deep = std::string(30'000, '[') + std::string(30'000, ']');
+  run(text(deep));
+  run(text(R"({"call":"view","name":"mom","args":)" + deep + "}"));
+  run(text(R"({"call":"cmd","module":"m","command":"two","args":{"hex":)" + deep + "}}"));
   run(text(std::string(65'536, 'x')));
 }
 

@@ -20,6 +20,8 @@ namespace {
 using nlohmann::json;
 using Answer = nlohmann::ordered_json;  // people read records in the order of their fields
 
+constexpr int kDeepest = 16;  // levels of a request
+
 std::map<std::string, View, std::less<>> g_views;
 std::map<std::string, Feed, std::less<>> g_feeds;
 std::unique_ptr<LineServer> g_server;
@@ -97,9 +99,18 @@ std::string fail(const std::string &why) {
   return text_of({{"status", 1}, {"error", why}});
 }
 
+// Copying or showing a value takes stack by its depth.
+json parse(const std::string &line) {
+  const auto check = [](int depth, json::parse_event_t, const json &) {
+    if (depth > kDeepest) throw Refusal("the request is nested deeper than " + std::to_string(kDeepest) + " levels");
+    return true;
+  };
+  return json::parse(line, check, false);
+}
+
 Reply answer_line(const std::string &line, LineServer::Asker asker, const LineServer::Push &push) {
   try {
-    return answer(json::parse(line, nullptr, false), asker, push);
+    return answer(parse(line), asker, push);
   } catch (const Refusal &e) {
     return {refuse(e.what()), nullptr};
   } catch (const json::exception &e) {  // members of the wrong type
