@@ -63,7 +63,8 @@ TEST_F(MomViews, RecordsAreShownAsPeopleWriteThem) {
   ASSERT_EQ(world.set(flow), 0);
   ASSERT_EQ(world.set(OncIp(0x0100000a)), 0);
 
-  EXPECT_EQ(view("mom", {{"op", "get"}, {"key", "s_policy_kelim.flow:17:0"}}), Json::parse(R"({"total": 1, "skipped": 0, "objects": [
+  EXPECT_EQ(view("mom", {{"op", "get"}, {"key", "s_policy_kelim.flow:17:0"}}),
+            Json::parse(R"({"total": 1, "skipped": 0, "objects": [
     {"db": 8, "key": "s_policy_kelim.flow:17:0", "record": {
       "index": {"flow_index": 17, "vsd_id": 0},
       "status": "STATUS_RESOURCE",
@@ -118,7 +119,10 @@ TEST_F(MomViews, CountsAndRefusesClearly) {
   for (const auto &[request, refusal] : std::initializer_list<std::pair<Json, const char *>>{
            {{{"op", "get"}, {"key", keys}}, "more than 100 keys"},
            {{{"op", "dance"}}, "no op 'dance'; there are stats, client, ls, scan and get"},
-           {{{"op", "ls"}, {"type", "s_policy_kelim.flow"}, {"db", 3}}, "no database 3; there are 0, 4 and 8"}}) {
+           {{{"op", "ls"}, {"type", "s_policy_kelim.flow"}, {"db", 3}}, "no database 3; there are 0, 4 and 8"},
+           {{{"op", "ls"}, {"type", "s_policy_kelim.flow"}, {"db", (1LL << 32) + 8}},
+            "no database 4294967304; there are 0, 4 and 8"},
+           {{{"op", "ls"}, {"type", "s_policy_kelim.flow"}, {"limit", -1}}, "limit takes a whole number from 0 on"}}) {
     EXPECT_EQ(view("mom", request).get<std::string>().find(refusal), 0u) << request;
   }
 }

@@ -8,7 +8,7 @@ TEST(ControlFuzz, FixedInputs) {
   run_around(text(R"({"call":"view","name":"mom","args":{"op":"scan","type":"s_policy_kelim.flow","db":8,"limit":1}})"));
   for (const char *args :
        {R"({"op":"ls","type":"s_policy_kelim.flow","limit":-1,"db":4294967304})",
-        R"({"op":"ls","type":"s_policy_kelim.flow","limit":"1"})", R"({"op":"get","key":["s_policy_kelim.flow:1:0",{}]})",
+        R"({"op":"ls","type":"s_policy_kelim.flow","limit":1e300})", R"({"op":"get","key":["s_policy_kelim.flow:1:0",{}]})",
         R"({"op":"get","key":"s_policy_kelim.flow:%0"})", R"({"op":7})", R"([{}])", "null", "1e999", R"("\ud800")"})
     for (const char *call : {R"("view","name":"mom")", R"("view","name":"congestion")", R"("watch","name":"ticks")",
                              R"("watch","name":"mom")", R"("cmd","module":"m","command":"two")"})

@@ -86,6 +86,13 @@ const RecordType &type_argument(std::string_view name) {
   throw Refusal("no record type '" + std::string(name) + "'; there are " + known);
 }
 
+// A number from 0 on that a request names.
+size_t number_argument(const nlohmann::json &args, const char *name) {
+  const nlohmann::json &value = args.at(name);
+  if (!value.is_number_integer() || value < 0) throw Refusal(std::string(name) + " takes a whole number from 0 on");
+  return value.get<size_t>();
+}
+
 // The databases that a request names, or all.
 template <typename Work>
 void each_database(Hub &hub, const nlohmann::json &args, Work work) {
@@ -93,8 +100,8 @@ void each_database(Hub &hub, const nlohmann::json &args, Work work) {
     for (Database &db : hub.databases()) work(db);
     return;
   }
-  const auto number = args.at("db").get<int32_t>();
-  Database *db = hub.database(number);
+  const size_t number = number_argument(args, "db");
+  Database *db = number <= INT32_MAX ? hub.database(static_cast<int32_t>(number)) : nullptr;
   if (!db) throw Refusal("no database " + std::to_string(number) + "; there are 0, 4 and 8");
   work(*db);
 }
@@ -128,7 +135,7 @@ void must_have_answered(const Database &db, int rv) {
 
 Json list(Hub &hub, const nlohmann::json &args, bool with_records) {
   const RecordType &type = type_argument(args.at("type").get<std::string>());
-  const size_t limit = args.value("limit", kListMax);
+  const size_t limit = args.contains("limit") ? number_argument(args, "limit") : kListMax;
   Json objects = Json::array();
   size_t total = 0;
   each_database(hub, args, [&](Database &db) {
