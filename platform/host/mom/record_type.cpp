@@ -143,6 +143,7 @@ void append_escaped(std::string &out, std::string_view text) {
 std::optional<std::string> unescaped(std::string_view text) {
   std::string out;
   for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '\0') return std::nullopt;
     if (text[i] != '%') {
       out.push_back(text[i]);
       continue;
