@@ -119,7 +119,7 @@ TEST_F(AuditRepair, GoesOnAfterALookThatFailed) {
     host::run_until([] { return false; }, 3500ms);  // it waits 3 seconds for the openflow thread
   }
   ASSERT_TRUE(c.settle());
-  for (int times = 0; times < 25 && daemon.of_type(southbound::kDsEnd).empty(); ++times) {
+  for (int times = 0; times < 500 && daemon.of_type(southbound::kDsEnd).empty(); ++times) {
     host::clock::warp(10s);
     ASSERT_TRUE(c.settle());
   }

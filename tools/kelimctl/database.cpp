@@ -41,6 +41,7 @@ class InServer final : public Database {
         {"control.enabled", "false"},
         {"programmer.embedded", "false"},
         {"log.target", "stderr"},
+        {"log.level", "warning"},
     };
     for (const auto &[key, value] : settings) check(host::config_set(key, value));
     global_ = qx_global_init("kelimctl", nullptr);

@@ -236,7 +236,6 @@ void release() {
     stop();
   }
   control::stop();
-  if (g_runtime) log::info("{} ends", g_runtime->name);
   g_runtime.reset();
   log::close();
   config_unload();
@@ -248,9 +247,7 @@ bool make_runtime(const char *name) {
   if (const std::string error = config_load(); !error.empty()) return complain(name, error);
   if (const std::string error = make_run_dir(); !error.empty()) return complain(name, error);
   g_runtime = std::make_unique<Runtime>(name);
-  if (!start_services(*g_runtime)) return false;
-  tell_start();
-  return true;
+  return start_services(*g_runtime);
 }
 
 // Runs the loop; -1 when libevent failed, 0 when it was ended or, with EVLOOP_ONCE in `flags`, after a turn.
@@ -366,9 +363,11 @@ qx_global *qx_global_init(const char *name, void *) {
 
 int qx_global_run(qx_global *global) {
   if (global == nullptr || global != host::current_global()) return -1;
+  host::tell_start();
   int rv = 0;
   while (!host::g_stop && rv == 0) rv = host::turn(EVLOOP_NO_EXIT_ON_EMPTY);
   host::g_stop = false;
+  host::log::info("{} ends", host::runtime_name());
   return rv;
 }
 
