@@ -190,7 +190,9 @@ class Processes(e2e.Test):
         self.assertEqual(len(clients.accepted | clients.refused), FLOWS)
         self.await_that(lambda: "role:master" in servers.ask(1, "INFO", "replication"), "the replica as master")
         self.assert_of_one_mind(system, clients.accepted)
-        self.client(system).add(2000)
+        client = self.client(system)
+        taken = lambda: client.add(2000) and not client.barrier()  # refused while the daemon has not found the new master
+        self.await_that(taken, "a flow that is taken")
         self.assert_of_one_mind(system, clients.accepted | {2000})
 
     def test_a_replica_that_lags_is_another_database(self):
