@@ -145,7 +145,7 @@ void doubt_flow(qx_global *global, std::uint64_t index) {
   qx_mom_publish(global, QX_MOM_UDP_DB, &flow.base, 0, 0);
 }
 
-// What a synchronisation does not repair is a meter that nobody asked for: the record of a meter outlives it. Such a one is left
+// What a synchronisation does not repair is a meter that nobody asked for: the record of a meter outlives it. Such a meter is left
 // where the database was away when the meter was deleted.
 void repair(Agent &agent, const std::vector<Difference> &differences) {
   bool others = false;

@@ -79,6 +79,7 @@ void set_tap(Tap &tap, Tap value) {
 
 void stop_agent() {
   running = false;
+  fetch_is_due = false;  // the loop that was to see to it may have gone
   audit.reset();
   agent.reset();
 }
