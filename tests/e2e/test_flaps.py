@@ -1,11 +1,12 @@
-"""The link to the database is lost again and again while flows come and go: afterwards what was asked for, what is stored and what
-the target holds are the same. KELIM_FLAPS says how often, 6 times otherwise:
+"""The link to the database is lost, or one of the processes is in trouble, again and again while flows come and go: afterwards what
+was asked for, what is stored and what the target holds are the same. KELIM_FLAPS says how often, 8 times otherwise:
 
     KELIM_FLAPS=500 KELIM_SEED=1 ctest --preset release -R e2e.flaps -V --timeout 7200
 """
 
 import os
 import random
+import resource
 import signal
 import threading
 import time
@@ -14,7 +15,7 @@ import unittest
 import e2e
 import test_processes
 
-FLAPS = int(os.environ.get("KELIM_FLAPS", 6))
+FLAPS = int(os.environ.get("KELIM_FLAPS", 8))
 SEED = int(os.environ.get("KELIM_SEED", time.time_ns() % 100_000))
 FLOWS = 300
 CHAIN_FLOWS = range(FLOWS - 40, FLOWS)  # in table 1
@@ -91,9 +92,32 @@ class Flaps(e2e.Test):
             time.sleep(self.chance.uniform(0, 0.1))
 
     def freeze(self):
-        self.system.signal("redis-server", signal.SIGSTOP)
+        name = self.chance.choice(self.system.NAMES)
+        self.system.signal(name, signal.SIGSTOP)
         time.sleep(self.chance.uniform(0.1, 1.5))
-        self.system.signal("redis-server", signal.SIGCONT)
+        self.system.signal(name, signal.SIGCONT)
+
+    def refuse_writes(self):
+        """The server has no memory left, or misses its replicas."""
+        key, value = self.chance.choice((("maxmemory", "1"), ("min-replicas-to-write", "1")))
+        e2e.redis(self.system.socket, "CONFIG", "SET", key, value)
+        time.sleep(self.chance.uniform(0, 1.5))
+        e2e.redis(self.system.socket, "CONFIG", "SET", key, "0")
+
+    def empty_database(self):
+        e2e.redis(self.system.socket, "FLUSHALL")
+
+    def forget_scripts(self):
+        e2e.redis(self.system.socket, "SCRIPT", "FLUSH")
+
+    def starve(self):
+        """One of both has no descriptor for a new connection when it loses the ones that it has."""
+        pid = self.system.pids(self.chance.choice(self.system.NAMES[1:]))[-1]
+        limits = resource.prlimit(pid, resource.RLIMIT_NOFILE)
+        resource.prlimit(pid, resource.RLIMIT_NOFILE, (len(os.listdir(f"/proc/{pid}/fd")), limits[1]))
+        self.cut()
+        time.sleep(self.chance.uniform(0, 1.5))
+        resource.prlimit(pid, resource.RLIMIT_NOFILE, limits)
 
     def kill_service(self):
         self.kill("kelim-programmer")
@@ -126,12 +150,13 @@ class Flaps(e2e.Test):
         self.chance = random.Random(SEED)
         print(f"KELIM_FLAPS={FLAPS} KELIM_SEED={SEED}", flush=True)
         self.system = self.system(programmer_counter_rate=100, programmer_counter_interval_ms=200, mom_dead_after_ms=1000)
+        blows = (self.cut, self.outage, self.freeze, self.refuse_writes, self.empty_database, self.forget_scripts, self.starve,
+                 self.kill_service, self.kill_daemon, self.kill_server)
         asked = set()
         for flap in range(FLAPS):
             self.load = load = Load(self.system, self.chance, asked)
             time.sleep(self.chance.uniform(0, 0.3))
-            blow = self.chance.choice((self.cut, self.outage, self.freeze, self.kill_service, self.kill_daemon,
-                                       self.kill_server))
+            blow = self.chance.choice(blows)
             blow()
             asked = load.stop()
             self.assertIsNone(load.problem)
