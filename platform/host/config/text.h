@@ -30,14 +30,13 @@ inline std::optional<std::uint64_t> number(std::string_view text, int base = 10)
   return n;
 }
 
-// A URL that may be shown: without the password, where one stands in it.
+// A URL as it may be shown: without its password. Text that has no scheme, by mistake, shows nothing ahead of its last "@".
 inline std::string masked(std::string_view url) {
-  std::string shown(url);
-  const auto begin = shown.find("://");
-  const auto colon = begin == std::string::npos ? begin : shown.find(':', begin + 3);
-  const auto end = shown.rfind('@');
-  if (colon != std::string::npos && end != std::string::npos && colon < end) shown.replace(colon + 1, end - colon - 1, "***");
-  return shown;
+  const auto scheme = url.find("://"), end = url.rfind('@');
+  if (end == std::string_view::npos || url.find("redis+unix:/") != std::string_view::npos) return std::string(url);
+  const auto begin = scheme == std::string_view::npos ? 0 : url.find(':', scheme + 3) + 1;
+  if (begin > end || (begin == 0 && scheme != std::string_view::npos)) return std::string(url);
+  return std::string(url.substr(0, begin)).append("***").append(url.substr(end));
 }
 
 // Where `text` ceases to be UTF-8 (RFC 3629: shortest form, no surrogates, up to U+10FFFF); npos where it is all of it.
