@@ -470,7 +470,7 @@ void Agent::barrier_answered(const Origin &origin) {
 template <typename Send>
 void Agent::for_each_listener(Async kind, std::uint8_t reason, Send &&send) {
   for (const auto &connection : connections_) {
-    if (!connection || !connection->is_up() || !connection->session().featured) continue;
+    if (!connection || !connection->is_up() || !connection->session().has_asked) continue;
     const std::size_t mask = static_cast<std::size_t>(kind) + (connection->session().role == Role::slave);
     if (connection->session().async[mask] >> reason & 1) send(*connection);
   }

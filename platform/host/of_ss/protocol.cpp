@@ -42,7 +42,6 @@ Verdict features(Agent &agent, Connection &connection, Bytes message) {
   reply.out.u32(kFlowStats | kTableStats | kPortStats);
   reply.out.u32(0);
   reply.send(connection);
-  connection.session().featured = true;
   return {};
 }
 
@@ -245,6 +244,7 @@ Verdict handle(const MessageRow &row, Agent &agent, Connection &connection, Byte
 void handle_message(Agent &agent, Connection &connection, Bytes message) {
   const Verdict verdict = handle(row_of(be8(message, kOfType)), agent, connection, message);
   if (verdict.refused()) agent.refuse(connection, verdict, message);
+  connection.session().has_asked = true;
 }
 
 bool is_for_daemon(Bytes message) {

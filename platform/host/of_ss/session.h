@@ -28,7 +28,7 @@ struct Session {
   bool up = false;              // counted among the controllers
   std::uint32_t interface = 0;  // of the machine, that it came over
   std::uint32_t barriers = 0;   // handed to the daemon and not answered
-  bool featured = false;        // FEATURES_REPLY has gone out; nothing asynchronous before it
+  bool has_asked = false;       // its first request is answered; nothing asynchronous before that
   // Of the turn that it has: messages that may still be taken, and what was unsent at its begin.
   std::uint32_t share = 0;
   std::size_t unsent_before = 0;
