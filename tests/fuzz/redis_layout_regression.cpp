@@ -28,6 +28,7 @@ TEST(RedisLayoutFuzz, FixedInputs) {
   run_around(hex("0101") + Bytes(8) + flow);
   // With what a later version of the record might have, more of it than fits the rest.
   run(hex("0101") + Bytes(8) + flow + part(15, Bytes(6000)));
+  run(hex("0101") + Bytes(8) + flow + hex("800000"));  // a field numbered 0
   run_around(hex("0601") + Bytes(8) + meter);
   run_around(hex("0102") + text("s_policy_kelim.flow:17:0"));
   run(hex("0002") + text("s_cluster.reg_pkt_info:a") + Bytes(1) + text("b"));  // a key's text cannot hold that

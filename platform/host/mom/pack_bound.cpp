@@ -130,7 +130,11 @@ std::optional<size_t> PackBound::of(const ProtobufCMessage &record) const {
   if (record.descriptor != &descriptor_) return std::nullopt;
   if (!plain_) return protobuf_c_message_get_packed_size(&record);
   size_t total = constant_;
-  for (const auto &unknown : std::span(record.unknown_fields, record.n_unknown_fields)) total += kTagMax + unknown.len;
+  for (const auto &unknown : std::span(record.unknown_fields, record.n_unknown_fields)) {
+    // protobuf-c reads a field numbered 0 where its tag is longer than it need be, and could not read what it would write.
+    if (unknown.tag == 0) return std::nullopt;
+    total += kTagMax + unknown.len;
+  }
   for (const Dynamic &dynamic : dynamic_) {
     const auto one = of_field(record, dynamic);
     if (!one || (total += *one) > kRecordMax) return std::nullopt;
