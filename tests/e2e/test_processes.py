@@ -101,7 +101,8 @@ class BarrierClient(threading.Thread):
         except subprocess.CalledProcessError:
             return True
         ours = [key for key, flow in flows.items() if number_of(flow) == self.NUMBER]
-        return not flows or any(is_installed(flows[key], answers.get(key, b"")) for key in ours)
+        # A synchronisation may just have written the flow again: the answer to its form before counts.
+        return not flows or any(b"\x30\x02\x38" in answers.get(key, b"") for key in ours)
 
     def stop(self):
         """Leaves no flow behind."""
