@@ -54,7 +54,7 @@ class Service {
   template <typename Done>
   bool wait_for_writer(std::unique_lock<std::mutex> &lock, Done done);
   void run();
-  void write_out(const Line &line);
+  static void write_out(spdlog::sinks::sink &sink, const Line &line);
   void push(Line &&line);
 
   std::mutex mutex_;
@@ -68,7 +68,7 @@ class Service {
   bool closing_ = false;
   bool ended_ = false;                          // the writer has left
   std::atomic<bool> stuck_{false};              // the writer did not leave in time
-  std::unique_ptr<spdlog::sinks::sink> sink_;   // the writer's while it runs
+  std::shared_ptr<spdlog::sinks::sink> sink_;   // a writer that is stuck keeps its own
   std::unique_ptr<spdlog::sinks::sink> fresh_;  // takes its place before the next line
   std::atomic<std::uint64_t> lines_out_{0};
   std::atomic<Level> threshold_{Level::debug};
@@ -132,12 +132,12 @@ void Service::close() {
   if (wait_for_writer(lock, [this] { return ended_; })) {
     lock.unlock();
     writer_.join();
-    sink_.reset();
   } else {
     stuck_ = true;
+    queue_.clear();
     writer_.detach();
-    static_cast<void>(sink_.release());
   }
+  sink_.reset();
 }
 
 // A file that was moved away goes on under its name.
@@ -246,14 +246,15 @@ void Service::run() {
     const std::uint64_t dropped = std::exchange(dropped_, 0);
     busy_ = true;
     if (fresh_) sink_ = std::move(fresh_);
+    const auto sink = sink_;
     lock.unlock();
     for (const Line &line : lines) {
-      write_out(line);
+      write_out(*sink, line);
       ++lines_out_;
     }
     if (dropped > 0) {
       const std::string text = std::to_string(dropped) + " lines dropped: the log target is too slow";
-      write_out(Line({Level::warning, "kelim_host", __FILE__, __func__, __LINE__, text}));
+      write_out(*sink, Line({Level::warning, "kelim_host", __FILE__, __func__, __LINE__, text}));
     }
     lock.lock();
     busy_ = false;
@@ -266,13 +267,13 @@ void to_stderr(const LineView &view) {
                static_cast<int>(view.text.size()), view.text.data());
 }
 
-void Service::write_out(const Line &line) {
+void Service::write_out(spdlog::sinks::sink &sink, const Line &line) {
   constexpr std::array<spdlog::level::level_enum, 4> levels = {spdlog::level::debug, spdlog::level::info, spdlog::level::warn,
                                                                spdlog::level::err};
   const spdlog::source_loc where{line.file.c_str(), static_cast<int>(line.line), line.function.c_str()};
   try {
-    sink_->log({line.time, where, line.category, levels[static_cast<std::size_t>(line.level)], line.text});
-    sink_->flush();
+    sink.log({line.time, where, line.category, levels[static_cast<std::size_t>(line.level)], line.text});
+    sink.flush();
   } catch (const spdlog::spdlog_ex &) {  // the disk is full, for one
     to_stderr({line.level, line.category, line.file, line.function, line.line, line.text});
   }

@@ -3,16 +3,18 @@
 #include <spdlog/details/null_mutex.h>
 #include <spdlog/sinks/base_sink.h>
 #include <spdlog/sinks/rotating_file_sink.h>
-#include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/sinks/syslog_sink.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #define SD_JOURNAL_SUPPRESS_LOCATION
 #include <systemd/sd-journal.h>
 
+#include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdlib>
 
 namespace host::log {
@@ -50,6 +52,22 @@ class JournalSink : public spdlog::sinks::base_sink<spdlog::details::null_mutex>
   std::string ident_;
 };
 
+// Past the C library's stream: its lock would be held for as long as nobody reads the pipe that standard error may be, and the
+// end of the process may want it.
+class StderrSink : public spdlog::sinks::base_sink<spdlog::details::null_mutex> {
+ protected:
+  void sink_it_(const spdlog::details::log_msg &msg) override {
+    spdlog::memory_buf_t line;
+    formatter_->format(msg, line);
+    for (std::size_t at = 0; at < line.size();) {
+      const ssize_t written = ::write(STDERR_FILENO, line.data() + at, line.size() - at);
+      if (written < 0 && errno != EINTR) return;
+      at += static_cast<std::size_t>(std::max<ssize_t>(written, 0));
+    }
+  }
+  void flush_() override {}
+};
+
 // systemd names the device and inode of the stream that it connected; a child of a service may have standard error elsewhere.
 bool stderr_is_journal() {
   const char *stream = std::getenv("JOURNAL_STREAM");
@@ -61,7 +79,7 @@ bool stderr_is_journal() {
 using SinkPtr = std::unique_ptr<spdlog::sinks::sink>;
 
 SinkPtr make_stderr(const Config::Log &, const std::string &) {
-  return std::make_unique<spdlog::sinks::stderr_sink_mt>();
+  return std::make_unique<StderrSink>();
 }
 
 SinkPtr make_journal(const Config::Log &, const std::string &ident) {
