@@ -86,10 +86,14 @@ std::size_t end_of_string(std::string_view text, std::size_t at) {
   return std::min(at, text.size());
 }
 
-// Whether the quote opens a string. One in the middle of a bare value does not.
+// Whether the quote opens a string. One in the middle of a bare value does not, also behind a "=" or "." in there.
 bool opens_string(std::string_view text, std::size_t at) {
-  constexpr std::string_view kBefore = " \t\r\n=[{,.";
-  return (text[at] == '"' || text[at] == '\'') && (at == 0 || kBefore.find(text[at - 1]) != std::string_view::npos);
+  constexpr std::string_view kBefore = " \t\r\n[{,";
+  if (text[at] != '"' && text[at] != '\'') return false;
+  if (at == 0 || kBefore.find(text[at - 1]) != std::string_view::npos) return true;
+  if (text[at - 1] != '=' && text[at - 1] != '.') return false;
+  const std::string_view ahead = text.substr(0, at - 1);
+  return ahead.substr(ahead.find_last_of(kBefore) + 1).find('=') == std::string_view::npos;
 }
 
 // Where something stands outside of strings and comments that is neither printable ASCII nor a blank; npos for nowhere. TOML has
