@@ -14,10 +14,10 @@ BIN = os.environ["KELIM_BIN"]
 LIMIT = 60  # seconds for anything to come about; sanitizer builds on a busy machine are slow
 
 
-def ofctl(port, command, *arguments, stdin=None):
+def ofctl(port, command, *arguments, options=(), stdin=None):
     """Runs ovs-ofctl, a client that nobody here wrote."""
     return subprocess.run(
-        ["ovs-ofctl", "-O", "OpenFlow13", command, f"tcp:127.0.0.1:{port}", *arguments],
+        ["ovs-ofctl", "-O", "OpenFlow13", *options, command, f"tcp:127.0.0.1:{port}", *arguments],
         input=stdin, capture_output=True, text=True, timeout=2 * LIMIT,
     )
 

@@ -42,6 +42,33 @@ class Results(e2e.Test):
         self.assertEqual([client.receive().type for _ in range(3)], [openflow.FLOW_REMOVED] * 3)
         self.assertEqual((len(self.stored(running, "flow")), len(running.ask_json("flows")["flows"])), (7, 7))
 
+    def test_a_bundle_is_carried_out_whole_or_not_at_all(self):
+        running = self.daemon(programmer_script="fail=@900")
+
+        def bundle(command, port, *more, count=600):
+            flows = [f"tcp,nw_dst=10.0.{n >> 8}.{n & 255},tp_dst=80,actions=output:{port}" for n in range(count)]
+            return e2e.ofctl(running.port, command, "-", options=["--bundle"], stdin="\n".join([*flows, *more]))
+
+        def views():
+            shown = e2e.ofctl(running.port, "dump-flows", options=["--no-stats"]).stdout
+            target = running.command("flows", module="programmer").split()
+            return sorted(re.findall(r"nw_dst=\S+ actions=output:\d+", shown)), sorted(self.stored(running, "flow")), sorted(target)
+
+        self.assertEqual(bundle("add-flows", 1).returncode, 0)
+        before = views()
+        self.assertEqual([len(view) for view in before], [600] * 3)
+        for error, more in (("OFPBAC_BAD_OUT_GROUP", ["actions=group:7"]), ("OFPFMFC_UNKNOWN", [])):
+            result = bundle("replace-flows", 2, *more, count=500)
+            self.assertEqual(result.returncode, 1)
+            self.assertIn(f"{error} for: OFPT_FLOW_MOD", result.stderr)
+            self.await_that(lambda: views() == before, f"the flows as they were before {error}")
+        # What comes and goes within the bundle, a change, and the deletion of all that was before.
+        more = ["delete_strict priority=32768,tcp,nw_dst=10.0.0.1,tp_dst=80", "modify tcp,nw_dst=10.0.0.2,actions=output:4"]
+        flows = ["delete", *(f"add tcp,nw_dst=10.0.0.{n},tp_dst=80,actions=output:3" for n in range(50)), *more]
+        self.assertEqual(e2e.ofctl(running.port, "add-flows", "-", options=["--bundle"], stdin="\n".join(flows)).returncode, 0)
+        self.await_that(lambda: [len(view) for view in views()] == [49] * 3, "49 flows everywhere")
+        self.assertEqual([flow for flow in views()[0] if "output:3" not in flow], ["nw_dst=10.0.0.2,tp_dst=80 actions=output:4"])
+
     def test_a_flow_that_waits_for_the_service_chain_goes_with_all_others(self):
         running = self.daemon(programmer_service_chain="false", openflow_decide_timeout_ms=60000)
         client = self.client(running)

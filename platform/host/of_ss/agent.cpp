@@ -260,6 +260,7 @@ void Agent::up(Connection &connection) {
 
 void Agent::gone(Connection &connection) {
   event_active(reap_event_.get(), 0, 0);
+  bundles_.forget(connection.generation());
   const bool was_up = connection.session().up;
   if (Dialer *dialer = std::exchange(dialer_of_[connection.number()], nullptr))
     dialer->ended(was_up, connection.why_closed());
@@ -374,7 +375,7 @@ bool Agent::may_take(Connection &connection, Bytes message) {
 }
 
 bool Agent::may_hand_over(Session &session) {
-  if (replay_asked_) return false;
+  if (replay_asked_ || bundles_.is_committing()) return false;
   if (session.granted != pace_.granted()) {
     session.granted = pace_.granted();
     session.handed_over = 0;
@@ -387,16 +388,17 @@ bool Agent::may_hand_over(Session &session) {
 
 void Agent::batch_done(Connection &) {
   look_at_clock();
-  delete_more();
+  work_on();
   turn_done();
 }
 
-// Goes on with a delete of very many flows as far as the daemon keeps up; the requests behind it have their turn when it is
-// through.
-void Agent::delete_more() {
-  if (replay_asked_ || !flows_.is_deleting()) return;
-  while (flows_.is_deleting() && pace_.open(flows_.handover().calls(), false)) flows_.delete_more();
-  share_used_up_ |= !flows_.is_deleting();
+// Goes on with what takes several turns, a delete of very many flows or the commit of a bundle, as far as the daemon keeps up;
+// the requests behind it have their turn when it is through.
+void Agent::work_on() {
+  const bool was_busy = is_busy();
+  while (!replay_asked_ && flows_.is_deleting() && pace_.open(flows_.handover().calls(), false)) flows_.delete_more();
+  bundles_.advance();
+  share_used_up_ |= was_busy && !is_busy();
 }
 
 // The connections that wait, each with its share, beginning with the one that was next when the turn before ended.
@@ -533,7 +535,7 @@ void Agent::take_inbox() {
   for (Bytes message; !(message = taken.next_message()).empty();) take_reply(message);
   for (const auto &work : taken.work) work();
   replay_when_settled();
-  delete_more();
+  work_on();
   turn_done();
   resume_waiting();
 }
@@ -591,7 +593,7 @@ void Agent::synchronise() {
 }
 
 void Agent::replay_when_settled() {
-  if (replay_asked_ && flows_.all_decided()) replay();
+  if (replay_asked_ && flows_.all_decided() && !bundles_.is_in_transaction()) replay();
 }
 
 // One burst, so that the daemon handles it in one go: what it has not heard of again shortly after the start, it forgets. The
@@ -677,6 +679,7 @@ void Agent::second() {
   for (const auto &connection : connections_)
     if (connection && !connection->is_gone()) connection->check(now_ns_);
   flows_.check_timeouts(now_ns_);
+  bundles_.expire(now_ns_);
   update_ports();
   for (const auto &listener : listeners_) listener->open();
   turn_done();

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "host/ddm/ports.h"
+#include "host/of_ss/bundles.h"
 #include "host/of_ss/callbacks.h"
 #include "host/of_ss/connection.h"
 #include "host/of_ss/endpoints.h"
@@ -150,6 +151,13 @@ class Agent final : private FlowEvents, private ConnectionEvents {
 
   Flows &flows() { return flows_; }
   const Flows &flows() const { return flows_; }
+  Bundles &bundles() { return bundles_; }
+  // The connection, while it is up; null when it has gone.
+  Connection *find(std::uint64_t generation) const;
+  // Whether the daemon has answered for everything soon and is then handed everything again.
+  bool is_to_replay() const { return replay_asked_; }
+  // Whether a change that takes several turns may hand over more now; if not, it is asked to go on later.
+  bool may_work() { return flows_.room() && pace_.open(flows_.handover().calls(), false); }
   Meters &meters() { return meters_; }
   const Meters &meters() const { return meters_; }
   std::uint64_t datapath_id() const { return settings_.datapath_id; }
@@ -221,7 +229,8 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   void take_report(Bytes message);
   bool may_hand_over(Session &session);
   void resume_waiting();
-  void delete_more();
+  bool is_busy() const { return flows_.is_deleting() || bundles_.is_committing(); }
+  void work_on();
   void take_turns();
   void tick();
   void second();
@@ -231,7 +240,6 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   void accept(BuffereventOwner bev, Peer peer, Dialer *dialer);
   std::size_t free_number();
   void reap();
-  Connection *find(std::uint64_t generation) const;
   void arrived(const Connection &connection);
   void left(const Connection &connection);
   void withdraw_strangers(const std::vector<std::uint32_t> &stored);
@@ -248,6 +256,7 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   Inbox &inbox_;
   Flows flows_;
   Meters meters_;
+  Bundles bundles_{*this};
   Pace pace_;
   std::shared_ptr<const ddm::Ports> ports_;
   std::vector<std::uint32_t> port_numbers_;

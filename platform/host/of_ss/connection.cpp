@@ -92,21 +92,24 @@ void Connection::send(Bytes message) {
 
 void Connection::send_error(const Error &error, std::uint32_t xid, Bytes request) {
   ++traffic_.errors;
-  const std::size_t data = std::min(request.size(), kMaxMessage - kOfHeader - 4);
-  std::byte head[kOfHeader + 4];
+  std::byte head[kOfHeader + 8];
+  const std::size_t size = sizeof head - (error.type == kExperimenterError ? 0 : sizeof kOnfExperimenter);
+  const std::size_t data = std::min(request.size(), kMaxMessage - size);
   const auto put16 = [&head](std::size_t at, std::size_t v) {
     head[at] = std::byte(v >> 8);
     head[at + 1] = std::byte(v);
   };
   head[0] = std::byte{kVersion};
   head[kOfType] = std::byte{kError};
-  put16(kOfLength, sizeof head + data);
+  put16(kOfLength, size + data);
   put16(kOfXid, xid >> 16);
   put16(kOfXid + 2, xid & 0xffff);
   put16(kOfHeader, error.type);
   put16(kOfHeader + 2, error.code);
+  put16(kOfHeader + 4, kOnfExperimenter >> 16);
+  put16(kOfHeader + 6, kOnfExperimenter & 0xffff);
   if (phase_ == Phase::gone) return;
-  bufferevent_write(bev_.get(), head, sizeof head);
+  bufferevent_write(bev_.get(), head, size);
   send(request.first(data));
 }
 

@@ -128,8 +128,7 @@ FlowEntry &FlowTable::put(Bytes flow_mod, const Place &place, std::uint64_t inde
     entry->older = before->slot;
     by_key_.replace(before->slot, slot, key_hash_at(slot));
   } else {
-    by_key_.insert(slot, [this](std::uint32_t s) { return key_hash_at(s); });
-    ++flows_of_[entry->table_id()];
+    take_place(*entry);
   }
   enlist(*entry);
   return *entry;
@@ -138,17 +137,40 @@ FlowEntry &FlowTable::put(Bytes flow_mod, const Place &place, std::uint64_t inde
 void FlowTable::remove(FlowEntry &entry) {
   delist(entry);
   by_index_.erase(entry.slot, [this](std::uint32_t s) { return index_hash_at(s); });
-  if (!entry.in_force) {
+  if (entry.set_aside) {
+    // Has no place in the table.
+  } else if (!entry.in_force) {
     take_form_out(entry);
   } else if (FlowEntry *older = at(entry.older)) {
     older->in_force = true;
     by_key_.replace(entry.slot, older->slot, key_hash_at(entry.slot));
   } else {
-    by_key_.erase(entry.slot, [this](std::uint32_t s) { return key_hash_at(s); });
-    --flows_of_[entry.table_id()];
+    free_place(entry);
   }
   free_.push_back(entry.slot);
   slots_[entry.slot].reset();
+}
+
+void FlowTable::take_place(const FlowEntry &entry) {
+  by_key_.insert(entry.slot, [this](std::uint32_t s) { return key_hash_at(s); });
+  ++flows_of_[entry.table_id()];
+}
+
+void FlowTable::free_place(const FlowEntry &entry) {
+  by_key_.erase(entry.slot, [this](std::uint32_t s) { return key_hash_at(s); });
+  --flows_of_[entry.table_id()];
+}
+
+void FlowTable::set_aside(FlowEntry &entry) {
+  free_place(entry);
+  entry.in_force = false;
+  entry.set_aside = true;
+}
+
+void FlowTable::bring_back(FlowEntry &entry) {
+  take_place(entry);
+  entry.in_force = true;
+  entry.set_aside = false;
 }
 
 // The form after this one becomes the one after the form before it.

@@ -64,8 +64,10 @@ struct FlowEntry {
   std::uint32_t idle_round = 0;  // of the counters, when it was first seen idle; 0 while it is not
   FlowState state = FlowState::sent;
   bool in_force : 1 = true;
-  bool retried : 1 = false;    // it has failed once after it was installed
-  bool displaced : 1 = false;  // the daemon has been told to delete it, to make room for its newer form
+  bool retried : 1 = false;      // it has failed once after it was installed
+  bool displaced : 1 = false;    // the daemon does not have it, or has been told to delete it, to make room for its newer form
+  bool provisional : 1 = false;  // came in a transaction that is not at its end
+  bool set_aside : 1 = false;    // was deleted in one
 
   std::byte *message() { return reinterpret_cast<std::byte *>(this + 1); }
   const std::byte *message() const { return reinterpret_cast<const std::byte *>(this + 1); }
@@ -115,6 +117,9 @@ class FlowTable {
   FlowEntry *restore(Bytes flow_mod, std::int64_t now_ns);
   // Takes the entry out; when it was in force, its older form is in force again.
   void remove(FlowEntry &entry);
+  // Takes the flow, which has no older form, out of force, and puts it back; its place must be free then.
+  void set_aside(FlowEntry &entry);
+  void bring_back(FlowEntry &entry);
 
   FlowEntry *at(std::uint32_t slot) const { return slot == kNoSlot ? nullptr : slots_[slot].get(); }
   // Walks all entries: begins at cursor 0, null at the end. Entries may come and go meanwhile; each that stays is visited once.
@@ -177,6 +182,8 @@ class FlowTable {
   void leave(SlotIndex &index, FlowEntry &entry, List list, Hash &&hash_of);
   void enlist(FlowEntry &entry);
   void delist(FlowEntry &entry);
+  void free_place(const FlowEntry &entry);
+  void take_place(const FlowEntry &entry);
   void take_form_out(const FlowEntry &entry);
   std::uint32_t take_slot();
   std::uint32_t index_hash_at(std::uint32_t slot) const;

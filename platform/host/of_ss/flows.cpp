@@ -70,6 +70,7 @@ Verdict Flows::add(const FlowMod &mod, const Origin &origin, Bytes request, std:
     if (before) make_room(*before);
     before = &hand_over(mod.southbound(), place, now);
     ledger_.expect(before->index(), origin, request, false, now);
+    note_added(*before);
     ++counters_.added;
   }
   if (mod.flags & fm::kResetCounts) before->reset_counts();
@@ -84,7 +85,7 @@ Verdict Flows::modify(const FlowMod &mod, const Origin &origin, Bytes request, s
 }
 
 Verdict Flows::remove(const FlowMod &mod) {
-  if (mod.command == fm::kDelete && matches_everything(mod)) {
+  if (mod.command == fm::kDelete && matches_everything(mod) && !transaction_) {
     if (table_.size() <= kAtOnce)
       remove_all();
     else
@@ -92,7 +93,7 @@ Verdict Flows::remove(const FlowMod &mod) {
     return {};
   }
   const auto found = targets(mod, mod.command == fm::kDeleteStrict);
-  if (found.size() <= kAtOnce) {
+  if (found.size() <= kAtOnce || transaction_) {
     for (FlowEntry *flow : found) remove_flow(*flow, kDeleted);
   } else {
     deletion_ = Deletion{std::make_unique<FlowMod>(mod)};
@@ -199,6 +200,7 @@ bool Flows::change(FlowEntry &flow, const FlowMod &mod, const Origin &origin, By
     form = &hand_over(changed, {flow.hash, &flow}, flow.created_ns);
     form->last_hit_s = flow.last_hit_s;
     ledger_.expect(form->index(), origin, request, same_request, now);
+    note_added(*form);
   }
   if (mod.flags & fm::kResetCounts) form->reset_counts();
   return differs;
@@ -207,7 +209,7 @@ bool Flows::change(FlowEntry &flow, const FlowMod &mod, const Origin &origin, By
 // A changed flow takes another cell of the target until the form before it has gone. Where there is none, the one in force goes
 // first; here it stays, and is put back when the new one fails.
 void Flows::make_room(FlowEntry &flow) {
-  if (!capacity() || table_.size() < capacity()) return;
+  if (transaction_ || !capacity() || table_.size() < capacity()) return;
   drop_older_forms(flow);
   tell_deletion(flow);
   flow.displaced = true;
@@ -236,6 +238,13 @@ void Flows::drop_older_forms(FlowEntry &flow) {
 }
 
 void Flows::remove_flow(FlowEntry &flow, RemovedReason reason) {
+  if (transaction_)
+    set_aside(&flow);
+  else
+    take_out(flow, reason);
+}
+
+void Flows::take_out(FlowEntry &flow, RemovedReason reason) {
   drop_older_forms(flow);
   if (flow.flags() & fm::kSendFlowRem) events_.flow_removed(flow, reason);
   ++counters_.removed;
@@ -261,6 +270,7 @@ void Flows::remove_all() {
 
 void Flows::remove_everything() {
   deletion_.reset();
+  transaction_.reset();
   clear_table();
   handover_.remove_everything();
   ledger_.note();
@@ -314,6 +324,62 @@ bool Flows::restore(Bytes flow_mod, std::int64_t now) {
   return true;
 }
 
+// ---- transactions
+
+void Flows::note_added(FlowEntry &flow) {
+  if (!transaction_) return;
+  flow.provisional = true;
+  transaction_->steps.push_back({flow.index(), true});
+}
+
+// What came in the transaction itself goes at once, and the form that it replaced is the flow that is deleted.
+void Flows::set_aside(FlowEntry *flow) {
+  while (flow && flow->provisional) {
+    FlowEntry *before = table_.at(flow->older);
+    withdraw(*flow);
+    flow = before;
+  }
+  if (!flow) return;
+  table_.set_aside(*flow);
+  transaction_->steps.push_back({flow->index(), false});
+}
+
+bool Flows::end_more(bool keep_it, std::int64_t now) {
+  for (std::size_t n = 0; transaction_ && n < kPiece; ++n) {
+    auto &[steps, kept, failed] = *transaction_;
+    if (kept == steps.size()) {
+      transaction_.reset();
+    } else if (keep_it) {
+      keep(steps[kept++], now);
+    } else {
+      undo(steps.back());
+      steps.pop_back();
+    }
+  }
+  return transaction_.has_value();
+}
+
+void Flows::keep(const Transaction::Step &step, std::int64_t now) {
+  FlowEntry *flow = table_.by_index(step.index);
+  if (!flow) return;
+  flow->provisional = false;
+  if (!step.added) return take_out(*flow, kDeleted);
+  drop_older_forms(*flow);
+  if (!flow->displaced) return;
+  flow->displaced = false;
+  failed_late(*flow, now);
+}
+
+// The latest step first, so that each finds the table as it left it.
+void Flows::undo(const Transaction::Step &step) {
+  FlowEntry *flow = table_.by_index(step.index);
+  if (!flow) return;
+  if (step.added)
+    withdraw(*flow);
+  else
+    table_.bring_back(*flow);
+}
+
 // ---- barriers
 
 void Flows::barrier(const BarrierTag &tag, const Origin &origin, bool waits, std::int64_t now) {
@@ -358,7 +424,7 @@ void Flows::decided(const Pending &pending, std::int64_t now) {
   counters_.latency_max_us = std::max(counters_.latency_max_us, flow->latency_us);
   counters_.latency_sum_us += flow->latency_us;
   ++counters_.decided;
-  drop_older_forms(*flow);
+  if (!flow->provisional) drop_older_forms(*flow);
   if (!failed_since) return;
   if (flow->in_force)
     failed_late(*flow, now);
@@ -400,13 +466,17 @@ void Flows::flow_answer(Bytes answer, std::int64_t now) {
     pending->no_room = is_shortage(answer);
   } else if (flow && flow->in_force) {
     failed_late(*flow, now);
-  } else if (flow) {
+  } else if (flow && !transaction_) {
     table_.remove(*flow);
   }
 }
 
 // The daemon has dropped the flow on its side already.
 void Flows::fail(FlowEntry &flow, const Error &error) {
+  if (flow.provisional) {
+    flow.displaced = transaction_->failed = true;
+    return;
+  }
   ++counters_.failed;
   late_failures_.push_back(
       {flow.index(), flow.table_id(), flow.priority(), match_text(southbound_match(flow.southbound())), &error});
@@ -419,7 +489,7 @@ void Flows::fail(FlowEntry &flow, const Error &error) {
 
 // An installed flow has failed, as after a restart of what programs it: it gets one more chance under a new index.
 void Flows::failed_late(FlowEntry &flow, std::int64_t now) {
-  if (flow.retried) return fail(flow, err::kFlowModUnknown);
+  if (flow.retried || flow.provisional) return fail(flow, err::kFlowModUnknown);
   ++counters_.retried;
   add_again(flow, now);
 }
@@ -519,6 +589,7 @@ void Flows::withdraw_failed(FlowEntry &flow, const Error &error) {
 }
 
 void Flows::check_timeouts(std::int64_t now) {
+  if (transaction_) return;
   const auto decided = [](const FlowEntry &flow) { return flow.state == FlowState::installed; };
   const auto timed = flows_in_force({.timed = true}, decided);
   for (FlowEntry *flow : timed) check_timeout(*flow, now);

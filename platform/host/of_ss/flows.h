@@ -113,6 +113,14 @@ class Flows {
   // few hundred at a time. The caller sees to it that the daemon's loop turns in between.
   bool is_deleting() const { return deletion_.has_value(); }
   void delete_more();
+  // A transaction: what apply does from begin on is undone or kept as a whole. It may begin when nothing is undecided, and
+  // meanwhile nobody else may change flows. Of a full target it needs room for what is new beside what is to go.
+  bool can_begin() const { return all_decided() && displaced_.empty() && !is_deleting() && !transaction_; }
+  void begin() { transaction_.emplace(); }
+  // Whether a flow of the transaction has failed.
+  bool has_failed() const { return transaction_ && transaction_->failed; }
+  // Ends it, a few hundred flows a call; false when it is through.
+  bool end_more(bool keep, std::int64_t now);
   // The answer to FlowEvents::overdue: the indexes, ascending, of those that are installed.
   void overdue_checked(const std::vector<std::uint64_t> &installed, std::int64_t now);
   // To be called about every second: idle and hard timeouts.
@@ -135,6 +143,16 @@ class Flows {
   static bool selected(const FlowEntry &flow, const FlowMod &filter);
 
  private:
+  struct Transaction {
+    struct Step {
+      std::uint64_t index;
+      bool added;  // or set aside
+    };
+    std::vector<Step> steps = {};
+    std::size_t kept = 0;  // steps that are for good
+    bool failed = false;
+  };
+
   Verdict add(const FlowMod &mod, const Origin &origin, Bytes request, std::int64_t now);
   Verdict modify(const FlowMod &mod, const Origin &origin, Bytes request, std::int64_t now);
   Verdict remove(const FlowMod &mod);
@@ -147,6 +165,11 @@ class Flows {
   Bytes with_instructions_of(const FlowEntry &flow, const FlowMod &mod);
   bool change(FlowEntry &flow, const FlowMod &mod, const Origin &origin, Bytes request, bool same_request, std::int64_t now);
   void remove_flow(FlowEntry &flow, RemovedReason reason);
+  void take_out(FlowEntry &flow, RemovedReason reason);
+  void set_aside(FlowEntry *flow);
+  void note_added(FlowEntry &flow);
+  void keep(const Transaction::Step &step, std::int64_t now);
+  void undo(const Transaction::Step &step);
   void remove_all();
   void clear_table();
   FlowEntry *next_to_delete();
@@ -184,6 +207,7 @@ class Flows {
   FlowTable table_;
   Ledger ledger_;
   std::optional<Deletion> deletion_;
+  std::optional<Transaction> transaction_;
   FlowCounters counters_;
   std::deque<LateFailure> late_failures_;
   std::vector<std::uint64_t> displaced_;  // indexes of displaced forms that are to be put back

@@ -28,8 +28,9 @@ Verdict ignore(Agent &, Connection &, Bytes) {
   return {};
 }
 
-Verdict experimenter(Agent &, Connection &, Bytes) {
-  return refuse(err::kBadExperimenter, "experimenter", "the switch knows no experimenter's messages");
+Verdict experimenter(Agent &agent, Connection &connection, Bytes message) {
+  if (be32(message, kOfHeader) == kOnfExperimenter) return agent.bundles().handle(connection, message);
+  return refuse(err::kBadExperimenter, "experimenter", "of experimenters' messages the switch knows bundles only");
 }
 
 Verdict features(Agent &agent, Connection &connection, Bytes message) {
@@ -72,12 +73,7 @@ Verdict packet_out(Agent &agent, Connection &, Bytes message) {
 }
 
 Verdict flow_mod(Agent &agent, Connection &connection, Bytes message) {
-  FlowMod &mod = agent.flow_mod();
-  if (const Verdict verdict = decode_flow_mod(message, agent.port_numbers(), mod); verdict.refused()) return verdict;
-  const auto meter = southbound::get<std::uint32_t>(mod.message, southbound::kFlowMeterId);
-  if (meter && !mod.deletes() && !agent.meters().knows(meter))
-    return refuse(err::kUnknownMeter, "meter", "there is no meter with this number");
-  return agent.flows().apply(mod, origin_of(connection, message), message, agent.now());
+  return carry_out_flow_mod(agent, origin_of(connection, message), message);
 }
 
 Verdict group_mod(Agent &, Connection &, Bytes message) {
@@ -199,7 +195,7 @@ constexpr std::array<MessageRow, kTypeCount> kMessages{{
     {"ERROR", 12, false, Writes::no, ignore},
     {"ECHO_REQUEST"},
     {"ECHO_REPLY"},
-    {"EXPERIMENTER", 16, false, Writes::no, experimenter},
+    {"EXPERIMENTER", 16, false, Writes::no, experimenter, Bundles::commits},
     {"FEATURES_REQUEST", 8, true, Writes::no, features},
     {"FEATURES_REPLY"},
     {"GET_CONFIG_REQUEST", 8, true, Writes::no, get_config},
@@ -245,6 +241,15 @@ void handle_message(Agent &agent, Connection &connection, Bytes message) {
   const Verdict verdict = handle(row_of(be8(message, kOfType)), agent, connection, message);
   if (verdict.refused()) agent.refuse(connection, verdict, message);
   connection.session().has_asked = true;
+}
+
+Verdict carry_out_flow_mod(Agent &agent, const Origin &origin, Bytes message) {
+  FlowMod &mod = agent.flow_mod();
+  if (const Verdict verdict = decode_flow_mod(message, agent.port_numbers(), mod); verdict.refused()) return verdict;
+  const auto meter = southbound::get<std::uint32_t>(mod.message, southbound::kFlowMeterId);
+  if (meter && !mod.deletes() && !agent.meters().knows(meter))
+    return refuse(err::kUnknownMeter, "meter", "there is no meter with this number");
+  return agent.flows().apply(mod, origin, message, agent.now());
 }
 
 bool is_for_daemon(Bytes message) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "host/ddm/ports.h"
+#include "host/of_ss/ledger.h"
 #include "host/of_ss/wire.h"
 
 namespace host::of_ss {
@@ -17,6 +18,9 @@ bool is_for_daemon(Bytes message);
 
 // "FLOW_MOD"; "unknown" for a number that is no type.
 const char *message_name(std::uint8_t type);
+
+// Carries out an OFPT_FLOW_MOD.
+Verdict carry_out_flow_mod(Agent &agent, const Origin &origin, Bytes message);
 
 // OFPT_MULTIPART_REQUEST (multipart.cpp), with its own table of types.
 void handle_multipart(Agent &agent, Connection &connection, Bytes request);

@@ -122,6 +122,7 @@ inline constexpr std::uint32_t kMax = 0xffffff00, kInPort = 0xfffffff8, kTable =
 }
 inline constexpr std::uint32_t kGroupAll = 0xfffffffc, kGroupAny = 0xffffffff;
 inline constexpr std::uint32_t kMeterMax = 0xffff0000, kMeterController = 0xfffffffe, kMeterAll = 0xffffffff;
+inline constexpr std::uint32_t kOnfExperimenter = 0x4f4e4600;
 inline constexpr std::uint32_t kNoBuffer = 0xffffffff;
 inline constexpr std::uint8_t kTableAll = 0xff;
 inline constexpr std::uint8_t kTableCount = 2;         // 0 ordinary flows, 1 service-chain flows
@@ -159,6 +160,9 @@ enum RemovedReason : std::uint8_t { kIdleTimeout = 0, kHardTimeout = 1, kDeleted
 
 // ---- errors (7.4.1): one row holds type, code and the name that the text uses
 
+// OFPET_EXPERIMENTER; in all of these here the experimenter is the Open Networking Foundation.
+inline constexpr std::uint16_t kExperimenterError = 0xffff;
+
 struct Error {
   std::uint16_t type;
   std::uint16_t code;
@@ -171,6 +175,7 @@ inline constexpr Error kBadVersion{1, 0, "OFPBRC_BAD_VERSION"};
 inline constexpr Error kBadType{1, 1, "OFPBRC_BAD_TYPE"};
 inline constexpr Error kBadMultipart{1, 2, "OFPBRC_BAD_MULTIPART"};
 inline constexpr Error kBadExperimenter{1, 3, "OFPBRC_BAD_EXPERIMENTER"};
+inline constexpr Error kBadExperimenterType{1, 4, "OFPBRC_BAD_EXP_TYPE"};
 inline constexpr Error kBadLen{1, 6, "OFPBRC_BAD_LEN"};
 inline constexpr Error kBufferUnknown{1, 8, "OFPBRC_BUFFER_UNKNOWN"};
 inline constexpr Error kRequestBadTable{1, 9, "OFPBRC_BAD_TABLE_ID"};
@@ -235,6 +240,19 @@ inline constexpr Error kMeterBadBandValue{12, 9, "OFPMMFC_BAD_BAND_VALUE"};
 inline constexpr Error kOutOfMeters{12, 10, "OFPMMFC_OUT_OF_METERS"};
 inline constexpr Error kOutOfBands{12, 11, "OFPMMFC_OUT_OF_BANDS"};
 inline constexpr Error kTableFeaturesEperm{13, 5, "OFPTFFC_EPERM"};
+// Of the bundle extension.
+inline constexpr Error kBundleBadId{kExperimenterError, 2302, "OFPBFC_BAD_ID"};
+inline constexpr Error kBundleExists{kExperimenterError, 2303, "OFPBFC_BUNDLE_EXIST"};
+inline constexpr Error kBundleClosed{kExperimenterError, 2304, "OFPBFC_BUNDLE_CLOSED"};
+inline constexpr Error kOutOfBundles{kExperimenterError, 2305, "OFPBFC_OUT_OF_BUNDLES"};
+inline constexpr Error kBundleBadType{kExperimenterError, 2306, "OFPBFC_BAD_TYPE"};
+inline constexpr Error kBundleBadFlags{kExperimenterError, 2307, "OFPBFC_BAD_FLAGS"};
+inline constexpr Error kBundleBadLength{kExperimenterError, 2308, "OFPBFC_MSG_BAD_LEN"};
+inline constexpr Error kBundleBadXid{kExperimenterError, 2309, "OFPBFC_MSG_BAD_XID"};
+inline constexpr Error kBundleUnsupported{kExperimenterError, 2310, "OFPBFC_MSG_UNSUP"};
+inline constexpr Error kBundleTooMany{kExperimenterError, 2312, "OFPBFC_MSG_TOO_MANY"};
+inline constexpr Error kBundleFailed{kExperimenterError, 2313, "OFPBFC_MSG_FAILED"};
+inline constexpr Error kBundleTimeout{kExperimenterError, 2314, "OFPBFC_TIMEOUT"};
 }  // namespace err
 
 // Why a request is refused: the error to answer with, the part of the request at fault and the reason in words (both literals).
