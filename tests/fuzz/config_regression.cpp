@@ -11,7 +11,7 @@ TEST(ConfigFuzz, FixedInputs) {
   for (const char *around : {"é = 1", "a\u00e9 = 1", "a = 1 é", "a = \"é\" # é", "a = '''é''''' é",
                              "\xef\xbb\xbf"
                              "a = 1",
-                             "a = \"\\\"é\" é", "a=1='é", "a=1.\"é", "a.\"é\"='é'"})
+                             "a = \"\\\"é\" é", "a=1='é", "a=1.\"é", "a.\"é\"='é'", "a = \"\"\"\\\né\"\"\""})
     run_around(text(around));
 }
 

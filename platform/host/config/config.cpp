@@ -12,12 +12,9 @@
 #include <set>
 #include <sstream>
 
-#define TOML_EXCEPTIONS 0
-#define TOML_ASSERT(expr) static_cast<void>(0)  // on a wrong file; what follows it is an error
-#include <toml++/toml.h>
-
 #include "host/config/keys.h"
 #include "host/config/text.h"
+#include "host/config/toml.h"
 
 extern char **environ;
 

@@ -3,12 +3,9 @@
 #include <map>
 #include <optional>
 
-#define TOML_EXCEPTIONS 0
-#define TOML_ASSERT(expr) static_cast<void>(0)  // on a wrong file; what follows it is an error
-#include <toml++/toml.h>
-
 #include "host/config/keys.h"
 #include "host/config/text.h"
+#include "host/config/toml.h"
 #include "lsm_if.h"
 
 namespace host::keys {

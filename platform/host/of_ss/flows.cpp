@@ -326,6 +326,10 @@ bool Flows::restore(Bytes flow_mod, std::int64_t now) {
 
 // ---- transactions
 
+void Flows::begin() {
+  transaction_ = Transaction{};
+}
+
 void Flows::note_added(FlowEntry &flow) {
   if (!transaction_) return;
   flow.provisional = true;

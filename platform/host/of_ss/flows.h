@@ -116,7 +116,7 @@ class Flows {
   // A transaction: what apply does from begin on is undone or kept as a whole. It may begin when nothing is undecided, and
   // meanwhile nobody else may change flows. Of a full target it needs room for what is new beside what is to go.
   bool can_begin() const { return all_decided() && displaced_.empty() && !is_deleting() && !transaction_; }
-  void begin() { transaction_.emplace(); }
+  void begin();
   // Whether a flow of the transaction has failed.
   bool has_failed() const { return transaction_ && transaction_->failed; }
   // Ends it, a few hundred flows a call; false when it is through.
