@@ -68,47 +68,6 @@ std::string apply_node(const std::string &file, std::string_view section, std::s
   return "";
 }
 
-// The place behind the TOML string that begins at `at`; one that is not closed ends with its line.
-std::size_t end_of_string(std::string_view text, std::size_t at) {
-  const std::string three(3, text[at]);
-  const bool many_lines = text.substr(at).starts_with(three);
-  const std::string end = many_lines ? three : three.substr(0, 1);
-  const bool escapes = text[at] == '"';
-  for (at += end.size(); at < text.size() && !text.substr(at).starts_with(end); ++at) {
-    if (!many_lines && text[at] == '\n') return at;
-    if (escapes && text[at] == '\\') ++at;
-  }
-  at += end.size();
-  for (int last = 0; many_lines && last < 2 && at < text.size() && text[at] == end[0]; ++last) ++at;
-  return std::min(at, text.size());
-}
-
-// Whether the quote opens a string. One in the middle of a bare value does not, also behind a "=" or "." in there.
-bool opens_string(std::string_view text, std::size_t at) {
-  constexpr std::string_view kBefore = " \t\r\n[{,";
-  if (text[at] != '"' && text[at] != '\'') return false;
-  if (at == 0 || kBefore.find(text[at - 1]) != std::string_view::npos) return true;
-  if (text[at - 1] != '=' && text[at - 1] != '.') return false;
-  const std::string_view ahead = text.substr(0, at - 1);
-  return ahead.substr(ahead.find_last_of(kBefore) + 1).find('=') == std::string_view::npos;
-}
-
-// Where something stands outside of strings and comments that is neither printable ASCII nor a blank; npos for nowhere. TOML has
-// nothing else there, and the parser (toml++ 3.3) runs into undefined behaviour and assertions of its own on it.
-std::size_t stray_character(std::string_view text) {
-  constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
-  std::size_t at = text.starts_with(kByteOrderMark) ? kByteOrderMark.size() : 0;
-  const auto is_plain = [](char c) { return (c >= ' ' && c <= '~') || c == '\t' || c == '\n' || c == '\r'; };
-  while (at < text.size() && is_plain(text[at])) {
-    if (text[at] == '#') {
-      at = std::min(text.find('\n', at), text.size());
-    } else {
-      at = opens_string(text, at) ? end_of_string(text, at) : at + 1;
-    }
-  }
-  return at < text.size() ? at : std::string_view::npos;
-}
-
 std::string apply_file(Draft &draft) {
   const char *named = getenv("KELIM_CONF");
   const std::string file = named != nullptr ? named : kDefaultFile;
@@ -120,9 +79,6 @@ std::string apply_file(Draft &draft) {
   if (const std::size_t bad = not_utf8(text); bad != std::string::npos)
     return file + ":" + std::to_string(1 + std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(bad), '\n')) +
            ": a byte that is not UTF-8; the file must be UTF-8 text";
-  if (const std::size_t stray = stray_character(text); stray != std::string::npos)
-    return file + ":" + std::to_string(1 + std::ranges::count(text.substr(0, stray), '\n')) +
-           ": a character that is not printable ASCII; allowed in quotes and comments only";
   const toml::parse_result parsed = toml::parse(text, file);
   if (!parsed) {
     const toml::parse_error &error = parsed.error();
