@@ -34,7 +34,8 @@ typedef struct qx_thread {
 } qx_thread;
 
 // Creates the runtime of this process under `name` (copied); `parent` is null for a process of its own. Null on failure, after
-// one line on standard error that says why (configuration, loop, log). At most one runtime lives at a time.
+// one line on standard error that says why (configuration, loop, log); errno is EINVAL where the configuration was refused.
+// At most one runtime lives at a time.
 qx_global *qx_global_init(const char *name, void *parent);
 
 // Runs the event loop until the platform ends it. 0, or -1 when the loop itself failed.

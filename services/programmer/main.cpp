@@ -2,6 +2,8 @@
 //
 // It may be started, ended and killed at any time: at every start it brings target and database together. Which database that is,
 // logging and the run directory are the platform's configuration.
+#include <errno.h>
+
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
@@ -49,11 +51,13 @@ int any_role(void *, void *) {
   return 0;
 }
 
+constexpr int kBadConfiguration = 78;  // exit status, EX_CONFIG of sysexits.h: starting it again does not help
+
 // The whole life of the process once its options are known; the exit status.
 int serve(const programmer::Options &options) {
   if (const int taken = libss_fp_com_check_run("/var/run/kelim-programmer.pid"); taken != 0) return taken;
   qx_global *global = qx_global_init(kProcess, nullptr);
-  if (global == nullptr) return 1;
+  if (global == nullptr) return errno == EINVAL ? kBadConfiguration : 1;
   libss_fp_com_ham_init("/var/tmp/kelim-programmer_no_ham", qx_zlog_init(kProcess));
   const rdnd_lib_reg registration = {
       .master = global->master,

@@ -1,6 +1,7 @@
 // The life of the runtime: made from the configuration, run, released with everything it owns.
 #include "qx_runtime.h"
 
+#include <errno.h>
 #include <event2/thread.h>
 #include <signal.h>
 #include <sys/eventfd.h>
@@ -203,8 +204,10 @@ void look_for_owner_timer(bool prompt) {
   tell_after_owner_timer();
 }
 
-bool complain(const std::string &who, const std::string &why) {
+// errno tells the caller whether another configuration is needed.
+bool complain(const std::string &who, const std::string &why, int error = 0) {
   std::fprintf(stderr, "%s: %s\n", who.c_str(), why.c_str());
+  errno = error;
   return false;
 }
 
@@ -219,7 +222,7 @@ bool start_services(Runtime &runtime) {
                                         : std::exchange(g_start_error, {}));
   }
   if (const std::string error = programming::start(config(), &runtime.global); !error.empty())
-    return complain(runtime.name, error);
+    return complain(runtime.name, error, EINVAL);
   return true;
 }
 
@@ -244,7 +247,7 @@ void release() {
 bool make_runtime(const char *name) {
   if (g_runtime) return complain(name, "a runtime named " + g_runtime->name + " lives already");
   if (const int rv = fault::check(fault::Point::global_init)) return complain(name, "fault " + std::to_string(rv) + " asked for");
-  if (const std::string error = config_load(); !error.empty()) return complain(name, error);
+  if (const std::string error = config_load(); !error.empty()) return complain(name, error, EINVAL);
   if (const std::string error = make_run_dir(); !error.empty()) return complain(name, error);
   g_runtime = std::make_unique<Runtime>(name);
   return start_services(*g_runtime);
@@ -357,7 +360,9 @@ qx_global *qx_global_init(const char *name, void *) {
   } catch (const std::exception &e) {
     host::complain(name, e.what());
   }
+  const int error = errno;
   if (first) host::release();
+  errno = error;
   return nullptr;
 }
 
