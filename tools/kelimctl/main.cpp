@@ -10,6 +10,7 @@
 #include "host/config/config.h"
 #include "host/mom/views.h"
 #include "kelim_version.h"
+#include "kelimctl/host_toml.h"
 #include "kelimctl/views.h"
 
 namespace kelimctl {
@@ -39,6 +40,7 @@ struct Choices {
   std::vector<std::string> arguments;
   bool list = false;
   bool markdown = false;
+  bool toml = false;
   std::string type, key;
   int status = kDone;  // of the exit
   std::string url;     // of the database; the configured one when empty
@@ -161,7 +163,7 @@ std::string config_markdown() {
 
 void show_config(const Choices &choices) {
   if (choices.view.json) return print(config_data().dump(2) + "\n");
-  print(choices.markdown ? config_markdown() : host::config_help());
+  print(choices.toml ? host_toml() : choices.markdown ? config_markdown() : host::config_help());
 }
 
 // ---- the command line
@@ -227,6 +229,7 @@ void add_config(CLI::App &app, Choices &choices, std::function<void()> &local) {
   CLI::App *command = app.add_subcommand("config", "every configuration key: variable, default, what is allowed");
   command->add_flag("--json", choices.view.json, "the data instead of text");
   command->add_flag("--markdown", choices.markdown, "as docs/configuration.md");
+  command->add_flag("--toml", choices.toml, "as a host.toml in which every key is commented out");
   command->callback([&] { local = [&] { show_config(choices); }; });
 }
 
@@ -236,6 +239,7 @@ int run(int argc, char **argv) {
   std::function<void()> local;
   CLI::App app("Looks into a running daemon and steers it.");
   app.footer(kExamples);
+  app.set_help_all_flag("--help-all", "Print the help of every subcommand too");
   app.set_version_flag("--version", "kelimctl " KELIM_VERSION);
   app.require_subcommand(0, 1);
   app.fallthrough();

@@ -215,7 +215,7 @@ std::vector<std::string> config_changes(Config a, Config b) {
 std::vector<ConfigKey> config_keys() {
   std::vector<ConfigKey> keys;
   for (const Row &row : keys::all())
-    keys.push_back({keys::name(row), keys::variable(row), row.fallback, keys::allowed(row), row.help});
+    keys.push_back({keys::name(row), keys::variable(row), row.fallback, keys::toml(row), keys::allowed(row), row.help});
   return keys;
 }
 

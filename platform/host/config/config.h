@@ -96,6 +96,7 @@ struct ConfigKey {
   std::string name;      // "openflow.listen", "run_dir"
   std::string variable;  // "KELIM_OPENFLOW_LISTEN"
   std::string fallback;  // the default as text
+  std::string toml;      // the default as it stands in the file, behind "listen = "; empty for a table
   std::string allowed;   // "0 to 4294967295", "auto, journald, syslog, file or stderr"
   std::string help;
 };

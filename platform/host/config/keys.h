@@ -49,6 +49,7 @@ bool is_section(std::string_view name);
 std::string name(const Row &row);      // "openflow.listen"
 std::string variable(const Row &row);  // "KELIM_OPENFLOW_LISTEN"
 std::string allowed(const Row &row);   // for people
+std::string toml(const Row &row);      // the default as a TOML value; "" for tables
 
 // Whether the key has the same value in both.
 bool same(const Row &row, Config &a, Config &b);

@@ -174,4 +174,18 @@ std::string allowed(const Row &row) {
       row.at(scratch));
 }
 
+std::string toml(const Row &row) {
+  static Config scratch;
+  const std::string text = row.fallback;
+  const auto quoted = [](const std::string &one) { return '"' + one + '"'; };
+  const auto list = [&](List *) {
+    std::string all;
+    for (const std::string &one : split(text, " ,\t")) all += (all.empty() ? "" : ", ") + quoted(one);
+    return '[' + all + ']';
+  };
+  return std::visit(
+      Overloaded{[&](Text *) { return quoted(text); }, list, [](Ports *) { return std::string(); }, [&](auto *) { return text; }},
+      row.at(scratch));
+}
+
 }  // namespace host::keys
