@@ -55,6 +55,28 @@ build: ## builds everything
 	$(call packages)
 	$(call build,$(PRESET))
 
+# Where `make install` puts things. DESTDIR goes in front of all of it and CONF_DIR holds kelim/host.toml, whatever the prefix.
+PREFIX ?= /usr/local
+CONF_DIR ?= /etc
+
+.PHONY: install
+install: ## builds and installs programs, units, manual pages and configuration (PREFIX=/usr/local CONF_DIR=/etc DESTDIR=)
+	$(call packages)
+	@cmake --preset release -D KELIM_CONF_DIR=$(CONF_DIR) >/dev/null
+	$(call build,release,$(programs) kelim_generated)
+	DESTDIR=$(DESTDIR) cmake --install build/release --prefix $(PREFIX)
+
+.PHONY: deb
+deb: ## builds the Debian packages into build/deb
+	$(call packages,deb)
+	@tools/make/deb
+
+.PHONY: check-deb
+check-deb: ## tries these packages in a bare Debian 12: install, run, upgrade, remove, purge (needs root and a Debian mirror)
+	$(call packages,deb check-deb)
+	@tools/make/deb
+	@tools/make/check-deb
+
 .PHONY: asan
 asan: ## every test under the address and undefined-behaviour sanitizers
 	@$(MAKE) --no-print-directory test PRESET=asan

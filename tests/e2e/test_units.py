@@ -1,45 +1,74 @@
-"""The systemd units are well-formed, and what they promise is in them."""
+"""What `cmake --install` puts on a machine: programs that run, units that systemd accepts, a configuration that changes nothing."""
 
+import os
 import pathlib
 import re
-import shlex
 import subprocess
 import tempfile
 import unittest
 
 import e2e
 
-UNITS = sorted((pathlib.Path(__file__).parents[2] / "packaging" / "systemd").glob("*.service.in"))
-PROMISES = {"Type=notify", "Restart=on-failure", "WatchdogSec=10s", "NoNewPrivileges=yes", "StateDirectory=kelim"}
+BUILD = pathlib.Path(e2e.BIN).parent
+PROMISES = {
+    "Type=notify", "Restart=on-failure", "WatchdogSec=10s", "NoNewPrivileges=yes", "RuntimeDirectory=kelim", "StateDirectory=kelim",
+    "LogsDirectory=kelim", "ConfigurationDirectory=kelim",
+}
+OWN = {"ssc_kelim": {"RestartForceExitStatus=77"}, "kelim-programmer": {"RestartPreventExitStatus=78"}}
 
 
-class Units(unittest.TestCase):
-    def test_systemd_accepts_them_and_both_are_restarted_watched_and_confined(self):
-        with tempfile.TemporaryDirectory() as place:
-            units = [pathlib.Path(place) / unit.stem for unit in UNITS]
-            for template, unit in zip(UNITS, units):
-                text = template.read_text()
-                own = {"RestartForceExitStatus=77"} if unit.stem == "ssc_kelim" else set()
-                self.assertLessEqual(PROMISES | own, set(text.splitlines()), unit)
-                # Verification looks for the program, which need not be installed here.
-                unit.write_text(re.sub(r"^(Exec\w+=).*", r"\1/bin/true", text, flags=re.MULTILINE))
-            self.assertEqual(len(units), 2)
-            result = subprocess.run(["systemd-analyze", "verify", *units], capture_output=True, text=True, timeout=60)
-            complaints = [line for line in result.stderr.splitlines() if place in line]
-            self.assertEqual((result.returncode, complaints), (0, []), result.stderr)
+def run(*command, **environment):
+    return subprocess.run(command, env={"PATH": os.environ["PATH"], **environment}, capture_output=True, text=True, timeout=60)
 
-    def test_the_programs_take_what_the_units_hand_them(self):
-        for unit in UNITS:
-            with self.subTest(unit=unit.name), tempfile.TemporaryDirectory() as place:
-                given = dict(re.findall("^(ExecStart|Environment)=(.*)", unit.read_text(), re.MULTILINE))
-                command = shlex.split(given["ExecStart"].replace("@CMAKE_INSTALL_FULL_BINDIR@", e2e.BIN))
-                environment = dict(word.split("=", 1) for word in shlex.split(given["Environment"]))
-                # Nothing but the database is missing.
-                environment |= {"KELIM_CONF": "/dev/null", "KELIM_RUN_DIR": place, "KELIM_MOM_URL": f"redis+unix:{place}/none"}
-                result = subprocess.run(command, env=environment, capture_output=True, text=True, timeout=60)
-                self.assertNotEqual(result.returncode, 0)
-                complaint = f"{pathlib.Path(command[0]).name}: mom.url redis+unix:{place}/none: No such file or directory\n"
-                self.assertEqual((result.stdout, result.stderr), ("", complaint))
+
+class Installed(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        place = tempfile.TemporaryDirectory(prefix="kelim-")
+        cls.addClassCleanup(place.cleanup)
+        cls.root = pathlib.Path(place.name)
+        cls.prefix = cls.root / "opt/kelim"
+        cls.conf = cls.root / "etc/kelim/host.toml"
+        # Twice, the second time over a configuration that somebody has changed.
+        for text in (b"# changed\n", b""):
+            done = run("cmake", "--install", BUILD, "--prefix", "/opt/kelim", DESTDIR=place.name)
+            assert done.returncode == 0, done.stderr
+            cls.conf.write_bytes(cls.conf.read_bytes() + text)
+        cls.units = sorted((cls.prefix / "lib/systemd/system").glob("*.service"))
+
+    def test_systemd_accepts_the_units_and_each_is_restarted_watched_and_confined(self):
+        for unit in self.units:
+            text = unit.read_text()
+            name = unit.stem.removesuffix("@").replace("ssc-", "ssc_")
+            self.assertLessEqual(PROMISES | OWN[name], set(text.replace("kelim-%i", "kelim").splitlines()), unit)
+            self.assertEqual("@" in unit.stem, "Environment=KELIM_RUN_DIR=/run/kelim-%i KELIM_CONF=/etc/kelim/%i.toml\n" in text)
+            unit.write_text(text.replace("=/opt/kelim/bin/", f"={self.prefix}/bin/"))
+        self.assertEqual(len(self.units), 4)
+        result = run("systemd-analyze", "verify", "--man=no", *self.units)
+        complaints = [line for line in result.stderr.splitlines() if "kelim" in line]
+        self.assertEqual((result.returncode, complaints), (0, []), result.stderr)
+        for page in re.findall(r"man:(\S+)\((\d)\)", "".join(unit.read_text() for unit in self.units)):
+            self.assertGreater((self.prefix / "share/man" / f"man{page[1]}" / ".".join(page)).stat().st_size, 1000)
+
+    def test_programs_take_what_units_and_configuration_hand_them_and_say_what_has_to_change(self):
+        redis, none = "redis://127.0.0.1:6379", f"{self.root}/none"
+        no_file, embedded = f"mom.password_file '{none}' cannot be read, ", "mom.url (KELIM_MOM_URL) is embedded:, "
+        for program, url, status, why in (("ssc_kelim", redis, None, no_file), ("kelim-programmer", redis, 1, no_file),
+                                          ("kelim-programmer", "embedded:", 78, embedded)):
+            with self.subTest(program=program, url=url):
+                command = re.search("^ExecStart=(.*)", (self.prefix / f"lib/systemd/system/{program}.service").read_text(), re.M)[1]
+                command = [f"{self.prefix}/bin/{program}", *command.split()[1:]]
+                result = run(*command, KELIM_CONF=str(self.conf), KELIM_RUN_DIR=str(self.root), KELIM_MOM_URL=url,
+                             KELIM_MOM_PASSWORD_FILE=none)
+                self.assertIn(result.returncode, [status] if status else range(1, 256))
+                self.assertEqual((result.stdout, result.stderr[:len(program + why) + 2]), ("", f"{program}: {why}"))
+
+    def test_a_delivered_configuration_says_what_holds_without_it(self):
+        self.assertIn("# changed", self.conf.read_text())
+        delivered = self.conf.with_name("host.toml.new").read_text()
+        plain = self.conf.with_name("plain.toml")
+        plain.write_text(re.sub(r"^#(?=\w+ = |\[)", "", delivered, flags=re.M))
+        self.assertEqual(run(self.prefix / "bin/kelimctl", "--process", "none", "flows", KELIM_CONF=str(plain)).returncode, 3)
 
 
 if __name__ == "__main__":
