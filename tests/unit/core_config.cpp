@@ -1,6 +1,7 @@
 // The configuration: layers, and what an operator is told about a mistake.
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <fstream>
 
@@ -64,6 +65,21 @@ TEST_F(Config, LaterLayersWin) {
   env("KELIM_OPENFLOW_LISTEN", "");
   ASSERT_EQ(load(), "");
   EXPECT_TRUE(c.openflow.listen.empty()) << "set to nothing is nowhere";
+}
+
+TEST_F(Config, WhoIsNotRootHasARunDirectoryOfTheirSession) {
+  file("");
+  env("XDG_RUNTIME_DIR", "/run/user/7");
+  const uid_t user = geteuid();
+  ASSERT_TRUE(user != 0 || seteuid(65534) == 0);
+  const std::string error = load(), theirs = host::config().run_dir;
+  const bool with_pid_file = host::config().run_dir_set;
+  ASSERT_TRUE(user != 0 || seteuid(0) == 0);
+  EXPECT_EQ(error + theirs, "/run/user/7/kelim");
+  EXPECT_TRUE(with_pid_file);
+  env("KELIM_RUN_DIR", "/tmp/a");
+  ASSERT_EQ(load(), "");
+  EXPECT_EQ(host::config().run_dir, "/tmp/a");
 }
 
 TEST_F(Config, PortsComeFromTablesOrText) {

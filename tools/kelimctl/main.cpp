@@ -8,6 +8,7 @@
 #include <functional>
 
 #include "host/config/config.h"
+#include "host/control/client.h"
 #include "host/mom/views.h"
 #include "kelim_version.h"
 #include "kelimctl/host_toml.h"
@@ -168,6 +169,16 @@ void show_config(const Choices &choices) {
 
 // ---- the command line
 
+// A user's own process comes before that of the machine.
+std::string run_dir_of(const std::string &process) {
+  const std::string configured = host::config().run_dir;
+  const auto is_there = [&](const std::string &dir) {
+    return access(host::control::socket_path(dir, process).c_str(), F_OK) == 0;
+  };
+  const bool falls_back = configured == host::users_run_dir() && !is_there(configured) && is_there(host::kSystemRunDir);
+  return falls_back ? host::kSystemRunDir : configured;
+}
+
 using Action = std::function<void(Link &)>;
 
 void add_views(CLI::App &app, Choices &choices, Action &action) {
@@ -266,7 +277,7 @@ int run(int argc, char **argv) {
   try {
     if (choices.run_dir.empty()) {
       if (const std::string error = host::config_load(); !error.empty()) throw Problem(kUsage, error);
-      choices.run_dir = host::config().run_dir;
+      choices.run_dir = run_dir_of(choices.process);
     }
     Link link(choices.run_dir, choices.process);
     action(link);

@@ -155,6 +155,10 @@ void settle(Draft &draft) {
   if (!draft.given.contains(keys::find("programmer", "embedded")))
     draft.config.programmer.embedded = draft.config.mom.url == "embedded:";
   draft.config.run_dir_set = draft.given.contains(keys::find("", "run_dir"));
+  if (const std::string own = users_run_dir(); !draft.config.run_dir_set && !own.empty()) {
+    draft.config.run_dir = own;
+    draft.config.run_dir_set = true;
+  }
 }
 
 }  // namespace
@@ -226,6 +230,11 @@ std::string config_help() {
             key.fallback + "\"\n";
   }
   return text;
+}
+
+std::string users_run_dir() {
+  const char *session = getenv("XDG_RUNTIME_DIR");
+  return geteuid() == 0 || session == nullptr || *session != '/' ? "" : std::string(session) + "/kelim";
 }
 
 std::string make_run_dir() {

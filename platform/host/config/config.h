@@ -88,7 +88,7 @@ struct Config {
   std::vector<ConfigPort> ports;
 
   std::string file;          // that was read; empty when there was none
-  bool run_dir_set = false;  // by file, environment or program, not by default
+  bool run_dir_set = false;  // by file, environment or program, or as the user's own; not by default
 };
 
 // One key as the operator sees it.
@@ -129,6 +129,10 @@ std::vector<ConfigKey> config_keys();
 
 // All of them as text for people, one key a paragraph.
 std::string config_help();
+
+// The run directory of the whole machine, and the default one of a user who is not root: "" outside of a login session.
+constexpr const char *kSystemRunDir = "/run/kelim";
+std::string users_run_dir();
 
 // Creates the run directory (mode 0755) if it is missing. "" or the error.
 std::string make_run_dir();

@@ -67,12 +67,13 @@ constexpr Allowed kPath = {"a path that begins with /", [](const std::string &t)
 // Every key, once: what reads, checks, prints and documents the configuration walks this table.
 using C = Config;
 constexpr Row kRows[] = {
-    {"", "run_dir", top<&C::run_dir>, "/run/kelim", kPath,
-     "Directory of the control sockets; set explicitly, the pid file lies there too."},
+    {"", "run_dir", top<&C::run_dir>, kSystemRunDir, kPath,
+     "Directory of the control sockets, for others than root $XDG_RUNTIME_DIR/kelim unless set; set or theirs, it has the pid "
+     "file too."},
 
     {"log", "target", in<&C::log, &C::Log::target>, "auto", words("auto, journald, syslog, file or stderr"),
      "Where log lines go; auto is journald under systemd and standard error otherwise."},
-    {"log", "file", in<&C::log, &C::Log::file>, "/var/log/kelim.log", kPath, "The file of target \"file\"."},
+    {"log", "file", in<&C::log, &C::Log::file>, "/var/log/kelim/kelim.log", kPath, "The file of target \"file\"."},
     {"log", "level", in<&C::log, &C::Log::level>, "debug", words("debug, info, warning, error or off"),
      "The least severe level that is kept; verbose lines are debug."},
     {"log", "max_bytes", in<&C::log, &C::Log::max_bytes>, "10485760", between(4096, kAny64),
