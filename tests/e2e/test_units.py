@@ -66,6 +66,7 @@ class Installed(unittest.TestCase):
     def test_a_delivered_configuration_says_what_holds_without_it(self):
         self.assertIn("# changed", self.conf.read_text())
         delivered = self.conf.with_name("host.toml.new").read_text()
+        self.assertEqual(run(self.prefix / "bin/kelimctl", "config", "--toml").stdout, delivered)
         plain = self.conf.with_name("plain.toml")
         plain.write_text(re.sub(r"^#(?=\w+ = |\[)", "", delivered, flags=re.M))
         self.assertEqual(run(self.prefix / "bin/kelimctl", "--process", "none", "flows", KELIM_CONF=str(plain)).returncode, 3)
