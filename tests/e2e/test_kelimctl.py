@@ -85,6 +85,11 @@ class Kelimctl(e2e.Test):
         self.assertIn("ipv4_dst=10.0.0.1", flow["match"])
         self.assertEqual(len(running.ask_json("refusals")["refusals"]), 1)
         self.assertEqual(len(running.ask_json("controllers")["controllers"]), 1)
+        status = running.ask_json("status")
+        self.assertTrue(status["process"]["ready"])
+        self.assertEqual({key: status["openflow"][key] for key in ("flows", "refused", "failed", "undecided", "controllers")},
+                         {"flows": 1, "refused": 1, "failed": 1, "undecided": 0, "controllers": {"equal": 1}})
+        self.assertIn("flow 2 (", running.ask("status"))
 
     def test_a_cut_list_is_joined_with_what_belongs_to_it_and_fits_a_hundred_columns(self):
         running = self.daemon()
@@ -117,7 +122,7 @@ class Kelimctl(e2e.Test):
                 self.assertEqual("the lists are cut" in text, limit == 120)
         answers = lambda: [meter["answer"] for meter in running.ask_json("meters", "--limit", 2)["meters"]]
         self.await_that(lambda: answers() == ["INSTALLED"] * 5, "every meter's answer")
-        views = ("flows", "meters", "controllers", "refusals", "audit", "timings", "congestion")
+        views = ("status", "flows", "meters", "controllers", "refusals", "audit", "timings", "congestion")
         for view in (*views, "mom stats", "mom ls", "mom ls flow", "mom get flow 201:0"):
             with self.subTest(view=view):
                 lines = running.ask(*view.split()).splitlines()

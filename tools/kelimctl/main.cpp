@@ -19,6 +19,7 @@ namespace {
 
 constexpr char kExamples[] = R"(
 Examples:
+  kelimctl status
   kelimctl flows
   kelimctl flows --json | jq '.flows[] | select(.answer != "INSTALLED")'
   kelimctl cmd --list
@@ -37,6 +38,7 @@ struct Choices {
   std::string run_dir;
   std::string process = "ssc_kelim";
   ViewOptions view;
+  Look look;
   std::string module, command;
   std::vector<std::string> arguments;
   bool list = false;
@@ -52,8 +54,8 @@ void print(const std::string &text) {
   std::fwrite(text.data(), 1, text.size(), stdout);
 }
 
-void show(const Choices &choices, const Json &data, std::string (*text)(const Json &)) {
-  print(choices.view.json ? data.dump(2) + "\n" : text(data));
+void show(const Choices &choices, const Json &data, std::string (*text)(const Json &, const Look &)) {
+  print(choices.view.json ? data.dump(2) + "\n" : text(data, choices.look));
 }
 
 void show_view(Link &link, Choices &choices, const ViewCommand &view) {
@@ -64,7 +66,7 @@ void show_view(Link &link, Choices &choices, const ViewCommand &view) {
 
 // ---- debug commands
 
-std::string modules_text(const Json &answer) {
+std::string modules_text(const Json &answer, const Look &) {
   std::string text;
   for (const Json &module : answer.value("modules", Json::array())) {
     for (const Json &command : module.value("commands", Json::array())) {
@@ -95,7 +97,7 @@ void run_command(Link &link, const Choices &choices) {
     throw Problem(kUsage, "cmd wants MODULE COMMAND [ARG=VALUE...]; kelimctl cmd --list shows what there is");
   const Json answer = link.request(
       {{"call", "cmd"}, {"module", choices.module}, {"command", choices.command}, {"args", parse_arguments(choices.arguments)}});
-  show(choices, answer, [](const Json &data) { return data.value("output", ""); });
+  show(choices, answer, [](const Json &data, const Look &) { return data.value("output", ""); });
   if (const int result = answer.value("result", 0); result != 0) {
     throw Problem(kFailed, choices.command + " returned " + std::to_string(result));
   }
@@ -126,7 +128,7 @@ bool show_change(const Choices &choices, const Json &line) {
     std::fprintf(stderr, "%s changes are missing: they came faster than they were read.\n", line["missed"].dump().c_str());
   } else {
     const Json change = mom::decode_change(line);
-    print(choices.view.json ? change.dump() + "\n" : change_text(change, choices.keys));
+    print(choices.view.json ? change.dump() + "\n" : change_text(change, choices.keys, choices.look));
   }
   return std::fflush(stdout) == 0;
 }

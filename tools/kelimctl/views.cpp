@@ -9,45 +9,10 @@
 #include <set>
 #include <thread>
 
-#include "kelimctl/table.h"
+#include "kelimctl/rows.h"
 
 namespace kelimctl {
 namespace {
-
-// A value as a cell: nothing for what is not there.
-std::string cell(const Json &row, const char *key) {
-  const auto found = row.find(key);
-  if (found == row.end() || found->is_null()) return "-";
-  return found->is_string() ? found->get<std::string>() : found->dump();
-}
-
-std::string decimals(const Json &row, const char *key) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%.1f", row.value(key, 0.0));
-  return text;
-}
-
-// A column of a list of objects: its title, the member that it shows and how.
-struct Member {
-  Column column;
-  const char *key;
-  std::string (*text)(const Json &, const char *) = cell;
-};
-
-std::string list_text(const Json &rows, const std::vector<Member> &members, const char *none) {
-  if (!rows.is_array() || rows.empty()) return std::string(none) + "\n";
-  std::vector<Column> columns;
-  columns.reserve(members.size());
-  for (const Member &member : members) columns.push_back(member.column);
-  Table table(columns);
-  for (const Json &row : rows) {
-    std::vector<std::string> cells;
-    cells.reserve(members.size());
-    for (const Member &member : members) cells.push_back(member.text(row, member.key));
-    table.add(std::move(cells));
-  }
-  return table.text();
-}
 
 // "3 of 5000 shown; ..." where a list was cut short.
 std::string cut_note(std::size_t shown, const Json &data) {
@@ -155,7 +120,7 @@ Json flows_data(Link &link, const ViewOptions &options) {
   return data;
 }
 
-std::string flows_text(const Json &data) {
+std::string flows_text(const Json &data, const Look &look) {
   const std::vector<Member> members = {
       {{"INDEX", true}, "index"},
       {{"TBL", true}, "table"},
@@ -166,10 +131,16 @@ std::string flows_text(const Json &data) {
       {{"DB"}, "stored", [](const Json &row, const char *key) { return std::string(row.value(key, false) ? "yes" : "no"); }},
       {{"ANSWER"}, "answer"},
       {{"PACKETS", true}, "packets"},
+      {{"BYTES", true}, "bytes", cell, true},
+      {{"COOKIE"}, "cookie", cell, true},
+      {{"AGE s", true}, "age_s", decimals, true},
+      {{"IDLE s", true}, "idle_timeout", cell, true},
+      {{"HARD s", true}, "hard_timeout", cell, true},
+      {{"LATENCY us", true}, "latency_us", cell, true},
   };
   const Json rows = data.value("flows", Json::array());
   const Json failures = data.value("failures", Json::array());
-  std::string text = list_text(rows, members, "No flows.") + cut_note(rows.size(), data) + skipped_note(data);
+  std::string text = list_text(rows, members, "No flows.", look) + cut_note(rows.size(), data) + skipped_note(data);
   if (!data.value("whole", true)) text += "Flows that are stored and nobody asked for are not among them: the lists are cut.\n";
   if (!failures.empty()) {
     text += "\nFailed after they had been accepted, the last ones:\n" + list_text(failures,
@@ -178,7 +149,7 @@ std::string flows_text(const Json &data) {
                                                                                    {{"PRIO", true}, "priority"},
                                                                                    {{"MATCH", false, true}, "match"},
                                                                                    {{"ERROR"}, "error"}},
-                                                                                  "");
+                                                                                  "", look);
   }
   return text;
 }
@@ -208,13 +179,13 @@ Json meters_data(Link &link, const ViewOptions &) {
   return data;
 }
 
-std::string meters_text(const Json &data) {
+std::string meters_text(const Json &data, const Look &look) {
   return list_text(data.value("meters", Json::array()),
                    {{{"METER", true}, "meter"},
                     {{"BANDS", false, true}, "bands", bands_text},
                     {{"ANSWER"}, "answer"},
                     {{"AGE s", true}, "age_s", decimals}},
-                   "No meters.") +
+                   "No meters.", look) +
          skipped_note(data);
 }
 
@@ -222,11 +193,11 @@ Json controllers_data(Link &link, const ViewOptions &) {
   return link.view("controllers");
 }
 
-std::string controllers_text(const Json &data) {
+std::string controllers_text(const Json &data, const Look &look) {
   return "Datapath " + cell(data, "datapath_id") + "\n\n" +
          list_text(data.value("endpoints", Json::array()),
                    {{{"ENDPOINT", false, true}, "endpoint"}, {{"STATE"}, "state"}, {{"ERROR", false, true}, "error"}},
-                   "No controller is configured.") +
+                   "No controller is configured.", look) +
          "\n" +
          list_text(data.value("controllers", Json::array()),
                    {{{"CONTROLLER", false, true}, "peer"},
@@ -236,22 +207,23 @@ std::string controllers_text(const Json &data) {
                     {{"SENT", true}, "sent"},
                     {{"ERRORS", true}, "errors"},
                     {{"UNSENT BYTES", true}, "unsent_bytes"}},
-                   "No controller is connected.");
+                   "No controller is connected.", look);
 }
 
 Json refusals_data(Link &link, const ViewOptions &) {
   return link.view("refusals");
 }
 
-std::string refusals_text(const Json &data) {
+std::string refusals_text(const Json &data, const Look &look) {
   return list_text(data.value("refusals", Json::array()),
                    {{{"AGE s", true}, "age_s", decimals},
                     {{"CONTROLLER"}, "peer"},
                     {{"REQUEST"}, "request"},
+                    {{"XID", true}, "xid", cell, true},
                     {{"ERROR", false, true}, "error"},
                     {{"FIELD", false, true}, "field"},
                     {{"REASON", false, true}, "reason"}},
-                   "Nothing was refused.");
+                   "Nothing was refused.", look);
 }
 
 // Looks at least twice, because a difference must be seen twice, and again while something is under way.
@@ -264,11 +236,11 @@ Json audit_data(Link &link, const ViewOptions &) {
   return data;
 }
 
-std::string audit_text(const Json &data) {
+std::string audit_text(const Json &data, const Look &look) {
   if (!data.value("settled", false)) return "Something is under way all the time; nothing can be said.\n";
   return list_text(data.value("differences", Json::array()),
                    {{{"WHAT"}, "kind"}, {{"NUMBER", true}, "number"}, {{"DIFFERENCE"}, "what"}},
-                   "The database holds what was asked for.");
+                   "The database holds what was asked for.", look);
 }
 
 int audit_status(const Json &data) {
@@ -278,7 +250,7 @@ int audit_status(const Json &data) {
 Json timings_data(Link &link, const ViewOptions &) {
   return link.view("timings");
 }
-std::string timings_text(const Json &data) {
+std::string timings_text(const Json &data, const Look &look) {
   Json rows = Json::array();
   for (const Json &row : data) {
     if (row.value("count", 0) != 0) rows.push_back(row);
@@ -290,13 +262,13 @@ std::string timings_text(const Json &data) {
                     {{"MAX us", true}, "max_us", decimals},
                     {{"LAST us", true}, "last_us", decimals},
                     {{"TOTAL us", true}, "total_us", decimals}},
-                   "Nothing was timed so far.");
+                   "Nothing was timed so far.", look);
 }
 
 Json congestion_data(Link &link, const ViewOptions &) {
   return link.view("congestion");
 }
-std::string congestion_text(const Json &data) {
+std::string congestion_text(const Json &data, const Look &look) {
   Json rows = Json::array();
   if (data.contains("pipeline")) {
     rows.push_back(data["pipeline"]);
@@ -312,17 +284,17 @@ std::string congestion_text(const Json &data) {
                     {{"HIGHEST", true}, "high_water_bytes"},
                     {{"REFUSED", true}, "refused"},
                     {{"TOTAL", true}, "total"}},
-                   "No topics.");
+                   "No topics.", look);
 }
 
 // A record as lines of "name: value", sub-records indented.
-void add_lines(std::string &text, const Json &value, std::size_t indent) {
+void add_lines(std::string &text, const Json &value, std::size_t indent, const Look &look) {
   for (const auto &[name, member] : value.items()) {
     text += std::string(indent, ' ') + name + ":";
     const bool list_of_texts = member.is_array() && (member.empty() || !member.front().is_object());
     if (member.is_object() || (member.is_array() && !list_of_texts)) {
       text += '\n';
-      add_lines(text, member, indent + 2);
+      add_lines(text, member, indent + 2, look);
       continue;
     }
     std::string shown = member.is_string() ? member.get<std::string>() : member.dump();
@@ -331,7 +303,8 @@ void add_lines(std::string &text, const Json &value, std::size_t indent) {
       for (const Json &item : member)
         shown += (shown.empty() ? "" : " ") + (item.is_string() ? item.get<std::string>() : item.dump());
     }
-    for (std::string piece : wrap(shown, Table::kWidth - std::min<std::size_t>(indent + name.size() + 2, 60))) {
+    for (std::string piece : wrap(
+             shown, look.wide ? Table::kNoLimit : look.width - std::min<std::size_t>(indent + name.size() + 2, look.width / 2))) {
       piece.erase(piece.find_last_not_of(' ') + 1);
       text += (text.ends_with(':') ? " " : std::string(indent + name.size() + 2, ' ')) + piece + '\n';
     }
@@ -342,6 +315,7 @@ void add_lines(std::string &text, const Json &value, std::size_t indent) {
 
 const std::vector<ViewCommand> &view_commands() {
   static const std::vector<ViewCommand> commands = {
+      {"status", "one screen: version, database, controllers, flows, last errors, audit", status_data, status_text},
       {"flows", "what was asked, what is stored, what the programming service said, the counters", flows_data, flows_text},
       {"meters", "the meters", meters_data, meters_text},
       {"controllers", "the controller connections", controllers_data, controllers_text},
@@ -358,7 +332,7 @@ Json database_list(Database &database, const std::string &type, const ViewOption
   return database.query({{"op", "ls"}, {"type", full_type(type)}, {"limit", options.limit}});
 }
 
-std::string database_list_text(const Json &data) {
+std::string database_list_text(const Json &data, const Look &) {
   const Json objects = data.value("objects", Json::array());
   std::string text;
   for (const Json &object : objects) text += cell(object, "key") + "\n";
@@ -373,18 +347,18 @@ Json watch_arguments(const std::string &type) {
   return type.empty() ? Json::object() : Json{{"type", full_type(type)}};
 }
 
-std::string change_text(const Json &change, bool keys) {
+std::string change_text(const Json &change, bool keys, const Look &look) {
   std::string text = fmt::format("{} {:<9} {} (database {})\n", cell(change, "at"), cell(change, "change"), cell(change, "key"),
                                  cell(change, "db"));
-  if (!keys) add_lines(text, change.value("record", Json::object()), 2);
+  if (!keys) add_lines(text, change.value("record", Json::object()), 2, look);
   return text;
 }
 
-std::string records_text(const Json &data) {
+std::string records_text(const Json &data, const Look &look) {
   std::string text;
   for (const Json &object : data.value("objects", Json::array())) {
     text += cell(object, "key") + " (database " + cell(object, "db") + ")\n";
-    add_lines(text, object.value("record", Json::object()), 2);
+    add_lines(text, object.value("record", Json::object()), 2, look);
   }
   return text;
 }
@@ -395,7 +369,7 @@ Json database_stats(Database &database) {
   return data;
 }
 
-std::string database_stats_text(const Json &data) {
+std::string database_stats_text(const Json &data, const Look &look) {
   Json used = Json::array();
   for (const Json &type : data.value("types", Json::array())) {
     if (type.value("objects", 0) + type.value("subscribers", 0) != 0) used.push_back(type);
@@ -407,7 +381,7 @@ std::string database_stats_text(const Json &data) {
                                 {{"OBJECTS", true}, "objects"},
                                 {{"BYTES", true}, "bytes"},
                                 {{"SUBSCRIBERS", true}, "subscribers"}},
-                               "No record type was used so far.");
+                               "No record type was used so far.", look);
   const Json client = data.value("client", Json());
   if (client.is_null()) return text;
   text += "\nThe daemon: connected to databases " + client.value("connected", Json::array()).dump() + ", " +

@@ -11,6 +11,7 @@
 #include "host/control/client.h"
 #include "host/control/commands.h"
 #include "host/control/server.h"
+#include "host/control/status.h"
 #include "host/runtime/loop.h"
 #include "host/timing/timing.h"
 
@@ -141,6 +142,7 @@ void register_feed(const std::string &name, Feed feed) {
 
 std::string start(const Config &config, const std::string &runtime_name) {
   register_view("timings", [](const json &) { return timing::view(); });
+  start_status();
   if (!config.control.enabled) return "";
   const std::string &name = config.control.group;
   const auto group = group_of(name);
@@ -153,6 +155,7 @@ void stop() {
   g_server.reset();
   g_views.clear();
   g_feeds.clear();
+  stop_status();
   clear_commands();
 }
 

@@ -79,6 +79,7 @@ class Hub {
   // Null for a number that is none of QX_MOM_*_DB.
   Database *database(int32_t number);
   std::deque<Database> &databases() { return databases_; }
+  const std::deque<Database> &databases() const { return databases_; }
   Slot &slot(Database &db, const RecordType &type);
 
   int connect(Database &db, qx_mom_connect_cb callback, const char *label);

@@ -145,8 +145,8 @@ void doubt_flow(qx_global *global, std::uint64_t index) {
   qx_mom_publish(global, QX_MOM_UDP_DB, &flow.base, 0, 0);
 }
 
-// What a synchronisation does not repair is a meter that nobody asked for: the record of a meter outlives it. Such a meter is left
-// where the database was away when the meter was deleted.
+// What a synchronisation does not repair is a meter that nobody asked for: the record of a meter outlives it. Such a meter is
+// left where the database was away when the meter was deleted.
 void repair(Agent &agent, const std::vector<Difference> &differences) {
   bool others = false;
   for (const Difference &difference : differences) {
@@ -192,6 +192,7 @@ bool Audit::look() {
   const bool before = std::exchange(undisturbed_, compare(found));
   if (!undisturbed_) return false;
   ++looks_;
+  looked_ = clock::now();
   std::ranges::set_intersection(found, last_, std::back_inserter(confirmed));
   last_ = std::move(found);
   if (!before) return false;
@@ -224,6 +225,15 @@ json Audit::view() {
     list.push_back({{"kind", wording.kind}, {"number", difference.number}, {"what", wording.what}});
   }
   return {{"settled", settled}, {"differences", std::move(list)}, {"looks", looks_}, {"found", found_}, {"repairs", repairs_}};
+}
+
+json Audit::summary() const {
+  const auto age = std::chrono::duration_cast<std::chrono::milliseconds>(clock::now() - looked_);
+  return {{"differences", confirmed_.size()},
+          {"looks", looks_},
+          {"age_s", looks_ ? json(static_cast<double>(age.count()) / 1000) : json()},
+          {"found", found_},
+          {"repairs", repairs_}};
 }
 
 }  // namespace host::of_ss

@@ -49,6 +49,8 @@ class Audit {
   const std::vector<Difference> &differences() const { return confirmed_; }
   // A look and what is known after it, for kelimctl.
   nlohmann::json view();
+  // What is known, without another look.
+  nlohmann::json summary() const;
 
  private:
   bool compare(std::vector<Difference> &found);
@@ -61,6 +63,7 @@ class Audit {
   bool undisturbed_ = false;                  // the last look was
   std::vector<Difference> last_, confirmed_;  // ascending
   std::uint64_t looks_ = 0, found_ = 0, repairs_ = 0;
+  clock::Time looked_{};  // the last undisturbed look
   Timer timer_;
 };
 

@@ -2,10 +2,13 @@
 
 #include <fmt/format.h>
 
+#include <map>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
 #include "host/control/control.h"
+#include "host/control/status.h"
+#include "host/metrics/health.h"
 #include "host/of_ss/agent.h"
 
 namespace host::of_ss {
@@ -15,6 +18,10 @@ using nlohmann::json;
 namespace sb = southbound;
 
 constexpr std::size_t kFlowsShown = 1000;
+constexpr std::size_t kErrorsInStatus = 3;  // of each kind
+
+constexpr const char *kNotRunning = "the OpenFlow service library is not running yet";
+constexpr const char *kTooBusy = "the OpenFlow service library is too busy to answer";
 
 Agent *(*current_agent)();
 
@@ -22,10 +29,9 @@ Agent *(*current_agent)();
 template <typename Collect>
 json collected(Collect &&collect) {
   Agent *agent = current_agent();
-  if (!agent) throw std::invalid_argument("the OpenFlow service library is not running yet");
+  if (!agent) throw std::invalid_argument(kNotRunning);
   json data;
-  if (!agent->run([&data, &collect](Agent &a) { data = collect(a); }))
-    throw std::invalid_argument("the OpenFlow service library is too busy to answer");
+  if (!agent->run([&data, &collect](Agent &a) { data = collect(a); })) throw std::invalid_argument(kTooBusy);
   return data;
 }
 
@@ -85,6 +91,10 @@ json counters_json(const Flows &flows) {
           {"replays", c.replays}};
 }
 
+json failure_json(const LateFailure &f) {
+  return {{"index", f.index}, {"table", f.table_id}, {"priority", f.priority}, {"match", f.match}, {"error", f.error->name}};
+}
+
 // {"limit": 1000, "index": N}
 json flows_view(Agent &agent, std::size_t limit, std::size_t index) {
   const Flows &flows = agent.flows();
@@ -92,9 +102,7 @@ json flows_view(Agent &agent, std::size_t limit, std::size_t index) {
   std::uint32_t cursor = 0;
   while (const FlowEntry *flow = list.size() < limit ? flows.table().next(cursor) : nullptr)
     if (index == 0 || flow->index() == index) list.push_back(flow_json(*flow, agent.now()));
-  for (const LateFailure &f : flows.late_failures())
-    failures.push_back(
-        {{"index", f.index}, {"table", f.table_id}, {"priority", f.priority}, {"match", f.match}, {"error", f.error->name}});
+  for (const LateFailure &f : flows.late_failures()) failures.push_back(failure_json(f));
   return {{"flows", std::move(list)},
           {"total", flows.table().size()},
           {"capacity", flows.capacity()},
@@ -105,6 +113,15 @@ json flows_view(Agent &agent, std::size_t limit, std::size_t index) {
 const char *role_name(Role role) {
   constexpr const char *kNames[] = {"nochange", "equal", "master", "slave"};
   return kNames[static_cast<std::size_t>(role)];
+}
+
+json endpoints_json(const Agent &agent) {
+  json endpoints = json::array();
+  for (const std::string &endpoint : agent.endpoints()) {
+    EndpointState state = agent.state_of(endpoint);
+    endpoints.push_back({{"endpoint", endpoint}, {"state", std::move(state.name)}, {"error", std::move(state.error)}});
+  }
+  return endpoints;
 }
 
 json controllers_view(Agent &agent) {
@@ -119,13 +136,8 @@ json controllers_view(Agent &agent) {
                     {"errors", c->traffic().errors},
                     {"unsent_bytes", c->unsent()},
                     {"waiting", c->is_waiting()}});
-  json endpoints = json::array();
-  for (const std::string &endpoint : agent.endpoints()) {
-    EndpointState state = agent.state_of(endpoint);
-    endpoints.push_back({{"endpoint", endpoint}, {"state", std::move(state.name)}, {"error", std::move(state.error)}});
-  }
   return {{"controllers", std::move(list)},
-          {"endpoints", std::move(endpoints)},
+          {"endpoints", endpoints_json(agent)},
           {"datapath_id", fmt::format("{:016x}", agent.datapath_id())},
           {"turned_away", agent.turned_away()}};
 }
@@ -146,19 +158,48 @@ json meters_view(Agent &agent) {
   return {{"meters", std::move(list)}, {"capacity", kMaxMeters}};
 }
 
+json refusal_json(const RefusalRecord &r, std::int64_t now) {
+  return {{"age_s", seconds(now - r.when_ns)},
+          {"peer", r.peer},
+          {"request", r.request},
+          {"xid", r.xid},
+          {"error", r.verdict.error->name},
+          {"type", r.verdict.error->type},
+          {"code", r.verdict.error->code},
+          {"field", r.verdict.what},
+          {"reason", r.verdict.why}};
+}
+
 json refusals_view(Agent &agent) {
   json list = json::array();
-  for (const RefusalRecord &r : agent.refusals())
-    list.push_back({{"age_s", seconds(agent.now() - r.when_ns)},
-                    {"peer", r.peer},
-                    {"request", r.request},
-                    {"xid", r.xid},
-                    {"error", r.verdict.error->name},
-                    {"type", r.verdict.error->type},
-                    {"code", r.verdict.error->code},
-                    {"field", r.verdict.what},
-                    {"reason", r.verdict.why}});
+  for (const RefusalRecord &r : agent.refusals()) list.push_back(refusal_json(r, agent.now()));
   return {{"refusals", std::move(list)}, {"total", agent.refused()}};
+}
+
+// The last few of a list, the latest first.
+template <typename List, typename Show>
+json latest(const List &list, Show &&show) {
+  json shown = json::array();
+  for (auto at = list.rbegin(); at != list.rend() && shown.size() < kErrorsInStatus; ++at) shown.push_back(show(*at));
+  return shown;
+}
+
+json status(Agent &agent) {
+  const Flows &flows = agent.flows();
+  std::map<std::string, std::size_t> roles;
+  for (const Connection *connection : agent.connections()) ++roles[role_name(connection->session().role)];
+  return {{"datapath_id", fmt::format("{:016x}", agent.datapath_id())},
+          {"controllers", roles},
+          {"endpoints", endpoints_json(agent)},
+          {"flows", flows.table().size()},
+          {"capacity", flows.capacity()},
+          {"meters", agent.meters().all().size()},
+          {"meter_capacity", kMaxMeters},
+          {"undecided", flows.ledger().undecided_adds()},
+          {"refused", agent.refused()},
+          {"failed", flows.counters().failed},
+          {"last_refusals", latest(agent.refusals(), [now = agent.now()](const auto &r) { return refusal_json(r, now); })},
+          {"last_failures", latest(flows.late_failures(), failure_json)}};
 }
 
 }  // namespace
@@ -172,6 +213,12 @@ void register_views(Agent *(*agent)()) {
   control::register_view("controllers", [](const json &) { return collected(controllers_view); });
   control::register_view("meters", [](const json &) { return collected(meters_view); });
   control::register_view("refusals", [](const json &) { return collected(refusals_view); });
+  control::register_status("openflow", [] { return collected(status); });
+  health::add_check(health::Kind::ready, "openflow", [] { return current_agent() ? "" : kNotRunning; });
+  health::add_check(health::Kind::alive, "openflow", [] {
+    Agent *running = current_agent();
+    return !running || running->run([](Agent &) {}) ? "" : kTooBusy;
+  });
 }
 
 }  // namespace host::of_ss

@@ -1,6 +1,10 @@
 #include "host/programming/embedded.h"
 
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+
 #include "host/config/config.h"
+#include "host/control/status.h"
 #include "host/runtime/services.h"
 #include "programmer/programmer.h"
 
@@ -11,11 +15,21 @@ namespace {
 constexpr const char *kOwnDatabase =
     "mom.url (KELIM_MOM_URL) is embedded:, a database of this process alone; it must be one that the daemon shares";
 
+nlohmann::ordered_json status() {
+  const auto now = programmer::totals();
+  if (!now) throw std::runtime_error("the programming service does not run");
+  return {{"flows", now->flows},     {"size", now->size},         {"meters", now->meters},
+          {"waiting", now->waiting}, {"owed", now->owed},         {"installed", now->installed},
+          {"failed", now->failed},   {"resource", now->resource}, {"skipped", now->skipped}};
+}
+
 }  // namespace
 
 std::string start(const Config &config, qx_global *global) {
+  const bool is_its_own = runtime_name() == programmer::kProcess;
+  if (is_its_own || config.programmer.embedded) control::register_status("programmer", status);
   // That process starts the service itself, whatever a configuration shared with the daemon says of the daemon's own.
-  if (runtime_name() == programmer::kProcess) return config.mom.url == "embedded:" ? kOwnDatabase : "";
+  if (is_its_own) return config.mom.url == "embedded:" ? kOwnDatabase : "";
   const Config::Programmer &key = config.programmer;
   if (!key.embedded) return "";
   programmer::Options options;
