@@ -44,7 +44,9 @@ void process(Screen &screen, const Json &part) {
   screen.line(cell(part, "name"), fmt::format("{}, process {}, up {}", cell(part, "version"), cell(part, "pid"),
                                               duration(part.value("uptime_s", 0.0))));
   const std::string file = part.value("configuration", "");
-  screen.line("configuration", (file.empty() ? "no file" : file) + ", run directory " + cell(part, "run_dir"));
+  screen.line("configuration", (file.empty() ? "no file" : file) + ", run directory " + cell(part, "run_dir") + ", log level " +
+                                   cell(part, "log_level"));
+  if (const std::string metrics = part.value("metrics", ""); !metrics.empty()) screen.line("metrics", metrics);
   if (part.value("ready", false)) return screen.line("ready", "yes");
   std::string waits;
   for (const Json &why : part.value("waits_for", Json::array())) waits += "; " + why.get<std::string>();

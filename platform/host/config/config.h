@@ -85,6 +85,11 @@ struct Config {
     std::string group;
   } control;
 
+  struct Metrics {
+    std::string listen;
+    std::string programmer_listen;
+  } metrics;
+
   std::vector<ConfigPort> ports;
 
   std::string file;          // that was read; empty when there was none

@@ -9,7 +9,9 @@
 
 #include "host/config/config.h"
 #include "host/control/control.h"
+#include "host/log/log.h"
 #include "host/metrics/health.h"
+#include "host/metrics/metrics.h"
 #include "host/runtime/clock.h"
 #include "host/runtime/services.h"
 #include "kelim_version.h"
@@ -31,6 +33,8 @@ Json process_part() {
           {"uptime_s", static_cast<double>(up.count()) / 1000},
           {"configuration", config().file},
           {"run_dir", config().run_dir},
+          {"log_level", log::level()},
+          {"metrics", metrics::where()},
           {"ready", waits.empty()},
           {"waits_for", waits}};
 }

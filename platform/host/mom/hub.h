@@ -58,6 +58,7 @@ struct Database {
   int32_t number;
   bool sync_up = false;
   bool up = false;
+  uint64_t reconnects = 0;  // times it came back
   bool wanted = false;     // connected asynchronously, or on the way to it
   std::string refusing;    // why the server refuses writes though it answers; empty while it takes them
   bool exclusive = false;  // only one process of this name may work on it

@@ -190,6 +190,9 @@ void Agent::reconfigure(Settings fresh) {
     if (!endpoint.listens) dialers_.back()->dial();
   }
   settings_.controllers.swap(fresh.controllers);
+  std::erase_if(past_traffic_, [this](const auto &past) {
+    return std::ranges::find(settings_.controllers, past.first) == settings_.controllers.end();
+  });
   settings_.unusable.swap(fresh.unusable);
 }
 
@@ -261,6 +264,7 @@ void Agent::up(Connection &connection) {
 void Agent::gone(Connection &connection) {
   event_active(reap_event_.get(), 0, 0);
   bundles_.forget(connection.generation());
+  past_traffic_[connection.peer().endpoint] += connection.traffic();
   const bool was_up = connection.session().up;
   if (Dialer *dialer = std::exchange(dialer_of_[connection.number()], nullptr))
     dialer->ended(was_up, connection.why_closed());
@@ -347,6 +351,15 @@ std::vector<const Connection *> Agent::connections() const {
   std::vector<const Connection *> all;
   for (const auto &connection : connections_)
     if (connection && connection->is_up()) all.push_back(connection.get());
+  return all;
+}
+
+std::map<std::string, Traffic> Agent::traffic() const {
+  std::map<std::string, Traffic> all;
+  for (const std::string &endpoint : settings_.controllers)
+    if (const auto past = past_traffic_.find(endpoint); past != past_traffic_.end()) all.insert(*past);
+  for (const auto &connection : connections_)
+    if (connection && !connection->is_gone()) all[connection->peer().endpoint] += connection->traffic();
   return all;
 }
 
@@ -446,6 +459,7 @@ void Agent::drained(Connection &connection) {
 void Agent::refuse(Connection &connection, const Verdict &verdict, Bytes request) {
   connection.send_error(*verdict.error, request);
   ++refused_;
+  ++refusal_counts_[verdict.error];
   const char *name = message_name(be8(request, kOfType));
   refusals_.push_back({now_ns_, connection.peer().name, be32(request, kOfXid), name, verdict});
   if (refusals_.size() > kRefusalsKept) refusals_.pop_front();
@@ -457,6 +471,7 @@ void Agent::refuse(Connection &connection, const Verdict &verdict, Bytes request
 // ---- to the controllers
 
 void Agent::flow_failed(const Origin &origin, const Error &error, Bytes request) {
+  ++failure_counts_[&error];
   if (Connection *connection = find(origin.generation)) connection->send_error(error, origin.xid, request);
 }
 

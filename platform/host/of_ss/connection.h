@@ -2,9 +2,9 @@
 //
 // Messages are handed on as they lie in the input buffer, a batch at a time. While they may not be (events.may_take), they stay
 // there: echo requests among them are answered at once, and when enough has piled up the connection is not read any more. What is
-// sent is bounded too: a peer that does not read is served no further messages, and in the end is closed: for what it holds alone,
-// or because it holds most where all connections together hold too much. A connection that goes on loses no message. Openflow
-// thread only.
+// sent is bounded too: a peer that does not read is served no further messages, and in the end is closed: for what it holds
+// alone, or because it holds most where all connections together hold too much. A connection that goes on loses no message.
+// Openflow thread only.
 #pragma once
 
 #include <event2/bufferevent.h>
@@ -66,6 +66,13 @@ struct ConnectionLimits {
 
 struct Traffic {
   std::uint64_t received = 0, sent = 0, errors = 0;  // messages
+
+  Traffic &operator+=(const Traffic &more) {
+    received += more.received;
+    sent += more.sent;
+    errors += more.errors;
+    return *this;
+  }
 };
 
 // The OpenFlow side's state of a connection, kept here for the protocol (protocol.h).

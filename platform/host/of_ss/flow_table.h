@@ -115,6 +115,10 @@ class FlowTable {
   // The same under the index that the message carries; later indexes will be greater. Null when the index is there or not
   // allowed.
   FlowEntry *restore(Bytes flow_mod, std::int64_t now_ns);
+  void mark_installed(FlowEntry &entry) {
+    entry.state = FlowState::installed;
+    --sent_;
+  }
   // Takes the entry out; when it was in force, its older form is in force again.
   void remove(FlowEntry &entry);
   // Takes the flow, which has no older form, out of force, and puts it back; its place must be free then.
@@ -134,6 +138,8 @@ class FlowTable {
   bool overlaps(Bytes flow_mod) const;
 
   std::size_t size() const { return by_index_.size(); }
+  // Of these, the ones that are not decided.
+  std::size_t sent() const { return sent_; }
   // Flows, each counted once whatever forms of it there are.
   std::size_t flows() const { return by_key_.size(); }
   std::size_t flows_of(std::uint8_t table_id) const { return flows_of_[table_id]; }
@@ -195,6 +201,7 @@ class FlowTable {
   SlotIndex by_match_, by_cookie_;  // the first of each list
   FlowGroups groups_;
   std::size_t flows_of_[kTableCount] = {};
+  std::size_t sent_ = 0;
   std::uint64_t next_index_ = 1;
 };
 

@@ -22,6 +22,7 @@
 #include "host/of_ss/answers.h"
 #include "host/of_ss/audit.h"
 #include "host/of_ss/callbacks.h"
+#include "host/of_ss/metrics.h"
 #include "host/of_ss/settings.h"
 #include "host/of_ss/stored.h"
 #include "host/of_ss/testing.h"
@@ -358,6 +359,7 @@ int ss_of_init(qx_global *global) {
   };
   host::control::register_view("audit", [running_audit](const nlohmann::json &) { return running_audit()->view(); });
   host::control::register_status("audit", [running_audit] { return running_audit()->summary(); });
+  register_metrics([] { return agent.get(); }, []() -> const Audit * { return audit.get(); });
   register_commands();
   host::at_reload({.keys = {"openflow.listen", "openflow.connect", "openflow.tls_cert", "openflow.tls_key", "openflow.tls_ca",
                             "openflow.tls_verify"},
