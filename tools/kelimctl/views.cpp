@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "kelimctl/rows.h"
+#include "kelimctl/words.h"
 
 namespace kelimctl {
 namespace {
@@ -104,19 +105,43 @@ Json joined(Link &link, const Rows &rows, std::size_t &skipped) {
   return all;
 }
 
-// What the controllers asked for and what became of it. A flow that only one side knows shows as such; one that is only stored,
-// where both lists are whole: of a cut one nobody knows whether it was asked for. The stored ones are listed first, because what
-// is asked for between the two questions must not show as if nobody had.
-Json flows_data(Link &link, const ViewOptions &options) {
-  const Json kept = link.view("mom", {{"op", "ls"}, {"type", full_type("flow")}, {"db", kFlowDb}, {"limit", options.limit}});
-  Json data = link.view("flows", {{"limit", options.limit}});
+Rows rows_of(const Json &data) {
   Rows rows;
   for (const Json &flow : data.value("flows", Json::array())) rows.emplace_back(cell(flow, "index") + ":0", flow);
-  data["whole"] = is_whole(data, "flows") && is_whole(kept, "objects");
-  if (data["whole"]) add_not_asked(rows, kept);
+  return rows;
+}
+
+void join(Link &link, const Rows &rows, Json &data) {
   std::size_t skipped = 0;
   data["flows"] = joined(link, rows, skipped);
   data["skipped"] = skipped;
+}
+
+Json chosen_flows(Link &link, const ViewOptions &options) {
+  Json args = {{"limit", options.limit}};
+  if (!options.cookie.empty()) args["cookie"] = options.cookie;
+  if (!options.state.empty()) args["state"] = options.state;
+  if (!options.match.empty()) args["match"] = match_terms(options.match);
+  return link.view("flows", args);
+}
+
+// What the controllers asked for and what became of it. A flow that only one side knows shows as such; one that is only stored,
+// where both lists are whole: of a cut one nobody knows whether it was asked for. The stored ones are listed first, because what
+// is asked for between the two questions must not show as if nobody had.
+// Of a choice these are left out: nothing is known of them but their index.
+Json flows_data(Link &link, const ViewOptions &options) {
+  if (options.filters()) {
+    Json data = chosen_flows(link, options);
+    join(link, rows_of(data), data);
+    data["total"] = data["flows"].size() < options.limit ? Json(data["flows"].size()) : data["total"];
+    return data;
+  }
+  const Json kept = link.view("mom", {{"op", "ls"}, {"type", full_type("flow")}, {"db", kFlowDb}, {"limit", options.limit}});
+  Json data = link.view("flows", {{"limit", options.limit}});
+  Rows rows = rows_of(data);
+  data["whole"] = is_whole(data, "flows") && is_whole(kept, "objects");
+  if (data["whole"]) add_not_asked(rows, kept);
+  join(link, rows, data);
   return data;
 }
 
@@ -244,7 +269,8 @@ std::string audit_text(const Json &data, const Look &look) {
 }
 
 int audit_status(const Json &data) {
-  return data.value("settled", false) && data.value("differences", Json::array()).empty() ? kDone : kFailed;
+  if (!data.value("settled", false)) return kCannotTell;
+  return data.value("differences", Json::array()).empty() ? kDone : kFailed;
 }
 
 Json timings_data(Link &link, const ViewOptions &) {
@@ -315,15 +341,21 @@ void add_lines(std::string &text, const Json &value, std::size_t indent, const L
 
 const std::vector<ViewCommand> &view_commands() {
   static const std::vector<ViewCommand> commands = {
-      {"status", "one screen: version, database, controllers, flows, last errors, audit", status_data, status_text},
-      {"flows", "what was asked, what is stored, what the programming service said, the counters", flows_data, flows_text},
-      {"meters", "the meters", meters_data, meters_text},
-      {"controllers", "the controller connections", controllers_data, controllers_text},
-      {"refusals", "the last requests that were refused, with the reason", refusals_data, refusals_text},
-      {"audit", "compares what was asked for with what is stored; exit status 1 when they differ", audit_data, audit_text,
-       audit_status},
-      {"timings", "how long the daemon's operations take", timings_data, timings_text},
-      {"congestion", "writes on their way to the database, by topic", congestion_data, congestion_text},
+      {"status", "one screen: version, database, controllers, flows, last errors, audit", status_data, status_text,
+       "  kelimctl status\n  kelimctl status --watch\n  kelimctl status --json | jq .openflow.undecided\n"
+       "  kelimctl --process kelim-programmer status\n"},
+      {"flows", "what was asked, what is stored, what the programming service said, the counters", flows_data, flows_text,
+       "  kelimctl flows -o wide\n  kelimctl flows --match tcp,nw_dst=10.0.0.0/24\n  kelimctl flows --cookie 0x17/0xff --watch\n"
+       "  kelimctl flows --state sent\n  kelimctl flows --json | jq '.flows[] | select(.answer != \"INSTALLED\")'\n"},
+      {"meters", "the meters", meters_data, meters_text, "  kelimctl meters\n  kelimctl meters --json\n"},
+      {"controllers", "the controller connections", controllers_data, controllers_text, "  kelimctl controllers --watch\n"},
+      {"refusals", "the last requests that were refused, with the reason", refusals_data, refusals_text,
+       "  kelimctl refusals -o wide\n  kelimctl refusals --json | jq '.refusals[-1]'\n"},
+      {"audit", "compares what was asked for with what is stored; exit status 1 when they differ, 4 when that cannot be told",
+       audit_data, audit_text, "  kelimctl audit || echo \"status $?\"\n", audit_status},
+      {"timings", "how long the daemon's operations take", timings_data, timings_text, "  kelimctl timings\n"},
+      {"congestion", "writes on their way to the database, by topic", congestion_data, congestion_text,
+       "  kelimctl congestion --watch --interval 0.5\n"},
   };
   return commands;
 }

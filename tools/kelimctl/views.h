@@ -13,6 +13,10 @@ namespace kelimctl {
 struct ViewOptions {
   bool json = false;
   std::size_t limit = 1000;  // rows of the long lists
+  // Of the flows only these; empty for all.
+  std::string cookie, match, state;
+
+  bool filters() const { return !cookie.empty() || !match.empty() || !state.empty(); }
 };
 
 // One view: how its data are got, and how they look.
@@ -21,6 +25,7 @@ struct ViewCommand {
   const char *help;
   Json (*data)(Link &link, const ViewOptions &options);
   std::string (*text)(const Json &data, const Look &look);
+  const char *examples;
   int (*status)(const Json &data) = nullptr;  // of the exit; null: always kDone
 };
 

@@ -2,10 +2,12 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
+#include "host/config/text.h"
 #include "host/control/control.h"
 #include "host/control/status.h"
 #include "host/metrics/health.h"
@@ -34,6 +36,18 @@ json collected(Collect &&collect) {
   if (!agent->run([&data, &collect](Agent &a) { data = collect(a); })) throw std::invalid_argument(kTooBusy);
   return data;
 }
+
+// What a request wants to see of the flows.
+struct FlowFilter {
+  std::size_t limit = kFlowsShown;
+  std::uint64_t index = 0;  // 0: any
+  std::uint64_t cookie = 0, cookie_mask = 0;
+  std::string state = {};  // empty: any
+  // Of each list one has to stand in the match, whole or as the name of a field.
+  std::vector<std::vector<std::string>> terms = {};
+
+  bool fits(const FlowEntry &flow, std::string_view match) const;
+};
 
 std::size_t number(const json &args, const char *name, std::size_t fallback) {
   if (!args.is_object() || !args.contains(name)) return fallback;
@@ -95,13 +109,58 @@ json failure_json(const LateFailure &f) {
   return {{"index", f.index}, {"table", f.table_id}, {"priority", f.priority}, {"match", f.match}, {"error", f.error->name}};
 }
 
-// {"limit": 1000, "index": N}
-json flows_view(Agent &agent, std::size_t limit, std::size_t index) {
+// Whether `term` is one of the fields in the text of a match, or the name of one.
+bool has_term(std::string_view match, std::string_view term) {
+  for (std::size_t begin = 0; begin <= match.size();) {
+    const std::size_t end = std::min(match.find(',', begin), match.size());
+    const std::string_view field = match.substr(begin, end - begin);
+    if (field == term || field.substr(0, field.find('=')) == term) return true;
+    begin = end + 1;
+  }
+  return false;
+}
+
+bool FlowFilter::fits(const FlowEntry &flow, std::string_view match) const {
+  const auto has_one = [match](const auto &any) {
+    return std::ranges::any_of(any, [match](const std::string &term) { return has_term(match, term); });
+  };
+  return (index == 0 || flow.index() == index) && ((flow.cookie() ^ cookie) & cookie_mask) == 0 &&
+         (state.empty() || state == state_name(flow.state)) && std::ranges::all_of(terms, has_one);
+}
+
+// "0x17", "23" or "0x17/0xff".
+void read_cookie(const std::string &text, FlowFilter &filter) {
+  const auto read = [](const std::string &part, std::uint64_t &to) {
+    const bool hex = part.starts_with("0x");
+    const auto value = host::number(std::string_view(part).substr(hex ? 2 : 0), hex ? 16 : 10);
+    if (!value) throw control::Refusal("cookie takes a number, or a number and a mask, such as 0x17/0xff");
+    to = *value;
+  };
+  const std::size_t slash = text.find('/');
+  read(text.substr(0, slash), filter.cookie);
+  filter.cookie_mask = ~std::uint64_t{0};
+  if (slash != text.npos) read(text.substr(slash + 1), filter.cookie_mask);
+}
+
+FlowFilter filter_of(const json &args) {
+  FlowFilter filter{.limit = number(args, "limit", kFlowsShown), .index = number(args, "index", 0)};
+  if (!args.is_object()) return filter;
+  if (args.contains("cookie")) read_cookie(args.at("cookie").get<std::string>(), filter);
+  filter.state = args.value("state", "");
+  if (!filter.state.empty() && filter.state != state_name(FlowState::sent) && filter.state != state_name(FlowState::installed))
+    throw control::Refusal("state is sent or installed");
+  if (args.contains("match")) filter.terms = args.at("match").get<std::vector<std::vector<std::string>>>();
+  return filter;
+}
+
+// {"limit": 1000, "index": N, "cookie": "0x17/0xff", "state": "sent", "match": [["tcp_dst=80", "udp_dst=80"], ...]}
+json flows_view(Agent &agent, const FlowFilter &filter) {
   const Flows &flows = agent.flows();
   json list = json::array(), failures = json::array();
   std::uint32_t cursor = 0;
-  while (const FlowEntry *flow = list.size() < limit ? flows.table().next(cursor) : nullptr)
-    if (index == 0 || flow->index() == index) list.push_back(flow_json(*flow, agent.now()));
+  while (const FlowEntry *flow = list.size() < filter.limit ? flows.table().next(cursor) : nullptr)
+    if (filter.fits(*flow, filter.terms.empty() ? "" : match_text(southbound_match(flow->southbound()))))
+      list.push_back(flow_json(*flow, agent.now()));
   for (const LateFailure &f : flows.late_failures()) failures.push_back(failure_json(f));
   return {{"flows", std::move(list)},
           {"total", flows.table().size()},
@@ -207,8 +266,7 @@ json status(Agent &agent) {
 void register_views(Agent *(*agent)()) {
   current_agent = agent;
   control::register_view("flows", [](const json &args) {
-    const std::size_t limit = number(args, "limit", kFlowsShown), index = number(args, "index", 0);
-    return collected([limit, index](Agent &a) { return flows_view(a, limit, index); });
+    return collected([filter = filter_of(args)](Agent &a) { return flows_view(a, filter); });
   });
   control::register_view("controllers", [](const json &) { return collected(controllers_view); });
   control::register_view("meters", [](const json &) { return collected(meters_view); });
