@@ -99,14 +99,15 @@ class Kelimctl(e2e.Test):
 
     def test_flows_are_chosen_as_ovs_ofctl_spells_them(self):
         running = self.daemon(openflow_decide_timeout_ms=600000, programmer_script="silent=@4")
-        client = self.client(running)
+        client = self.client(running, "127.0.0.9")
         for number in range(1, 4):
             client.add(number, cookie=number)
         client.barrier()
         chosen = lambda *choice: sorted(flow["index"] for flow in running.ask_json("flows", *choice)["flows"])
         for choice, indexes in (
             ("--cookie 0x2", [2]), ("--cookie 2/2", [2, 3]), ("--match tcp,nw_dst=10.0.0.3", [3]), ("--match tp_dst=2", [1]),
-            ("--match dl_type=2048,nw_dst", [1, 2, 3]), ("--match udp", []), ("--state sent", []), ("--state installed --limit 2", [1, 2]),
+            ("--match dl_type=2048,nw_dst", [1, 2, 3]), ("--match udp", []),
+            ("--controller 127.0.0.9", [1, 2, 3]), ("--controller 127.0.0.1", []), ("--state sent", []), ("--state installed --limit 2", [1, 2]),
         ):
             with self.subTest(choice=choice):
                 self.assertEqual(chosen(*choice.split()), indexes)

@@ -270,6 +270,7 @@ void add_filters(CLI::App *command, Choices &choices) {
   command->add_option("--match", choices.view.match, "only flows whose match has all of these, such as tcp,nw_dst=10.0.0.0/24");
   command->add_option("--state", choices.view.state, "only flows in this state: sent or installed")
       ->check(CLI::IsMember({"sent", "installed"}));
+  command->add_option("--controller", choices.view.controller, "only flows that a controller with this address asked for last");
 }
 
 void add_views(CLI::App &app, Choices &choices, Action &action) {

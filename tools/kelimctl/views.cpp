@@ -121,6 +121,7 @@ Json chosen_flows(Link &link, const ViewOptions &options) {
   Json args = {{"limit", options.limit}};
   if (!options.cookie.empty()) args["cookie"] = options.cookie;
   if (!options.state.empty()) args["state"] = options.state;
+  if (!options.controller.empty()) args["controller"] = options.controller;
   if (!options.match.empty()) args["match"] = match_terms(options.match);
   return link.view("flows", args);
 }
@@ -158,6 +159,7 @@ std::string flows_text(const Json &data, const Look &look) {
       {{"PACKETS", true}, "packets"},
       {{"BYTES", true}, "bytes", cell, true},
       {{"COOKIE"}, "cookie", cell, true},
+      {{"CONTROLLER"}, "controller", cell, true},
       {{"AGE s", true}, "age_s", decimals, true},
       {{"IDLE s", true}, "idle_timeout", cell, true},
       {{"HARD s", true}, "hard_timeout", cell, true},

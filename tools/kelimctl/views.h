@@ -14,9 +14,9 @@ struct ViewOptions {
   bool json = false;
   std::size_t limit = 1000;  // rows of the long lists
   // Of the flows only these; empty for all.
-  std::string cookie, match, state;
+  std::string cookie, match, state, controller;
 
-  bool filters() const { return !cookie.empty() || !match.empty() || !state.empty(); }
+  bool filters() const { return !cookie.empty() || !match.empty() || !state.empty() || !controller.empty(); }
 };
 
 // One view: how its data are got, and how they look.

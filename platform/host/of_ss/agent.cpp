@@ -34,6 +34,7 @@ constexpr std::uint32_t kLittle = 4;
 constexpr std::size_t kFlowsRefreshed = 20'000;
 constexpr std::uint32_t kReportPeriodSeconds = 5;  // the daemon's own; it does not take another
 constexpr std::size_t kRefusalsKept = 200;
+constexpr std::size_t kControllersKnown = 1024;  // addresses
 constexpr auto kRunLimit = std::chrono::seconds(3);
 enum PortReason : std::uint8_t { kPortAdded = 0, kPortDeleted = 1, kPortModified = 2 };
 
@@ -224,10 +225,22 @@ void Agent::accept(BuffereventOwner bev, Peer peer, Dialer *dialer) {
     return;
   }
   const std::uint64_t generation = ++generations_ << 8 | number;
+  peer.controller = controller_number(peer.name);
   connections_[number] = std::make_unique<Connection>(static_cast<ConnectionEvents &>(*this), std::move(bev), std::move(peer),
                                                       generation, settings_.connections, clock::now().count());
   dialer_of_[number] = dialer;
   connections_[number]->start();
+}
+
+// The number of the address in "tcp:192.0.2.1:40132"; 0 when there have been too many.
+std::uint16_t Agent::controller_number(const std::string &peer) {
+  const std::size_t begin = peer.find(':') + 1, end = peer.rfind(':');
+  const std::string address = peer.substr(begin, end - begin);
+  const auto known = std::ranges::find(controller_addresses_, address);
+  if (known != controller_addresses_.end()) return static_cast<std::uint16_t>(known - controller_addresses_.begin());
+  if (controller_addresses_.size() > kControllersKnown) return 0;
+  controller_addresses_.push_back(address);
+  return static_cast<std::uint16_t>(controller_addresses_.size() - 1);
 }
 
 // A free connection number; kMaxConnections when every number is taken by a controller. Of the others the oldest makes room, so

@@ -54,9 +54,10 @@ struct FreeBufferevent {
 using BuffereventOwner = std::unique_ptr<bufferevent, FreeBufferevent>;
 
 struct Peer {
-  std::string name;           // "tcp:127.0.0.1:40132"
-  std::uint32_t address = 0;  // IPv4 as it lies in memory, first octet first; 0 for another kind
-  std::string endpoint;       // of the configuration, that it came by: "ptcp:0.0.0.0:6653"
+  std::string name;              // "tcp:127.0.0.1:40132"
+  std::uint32_t address = 0;     // IPv4 as it lies in memory, first octet first; 0 for another kind
+  std::string endpoint;          // of the configuration, that it came by: "ptcp:0.0.0.0:6653"
+  std::uint16_t controller = 0;  // number of its address among those that have been seen (Agent::controller_address); 0: none
 };
 
 struct ConnectionLimits {

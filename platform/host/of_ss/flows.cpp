@@ -73,6 +73,7 @@ Verdict Flows::add(const FlowMod &mod, const Origin &origin, Bytes request, std:
     note_added(*before);
     ++counters_.added;
   }
+  before->controller = origin.controller;
   if (mod.flags & fm::kResetCounts) before->reset_counts();
   return {};
 }
@@ -199,6 +200,7 @@ bool Flows::change(FlowEntry &flow, const FlowMod &mod, const Origin &origin, By
     make_room(flow);
     form = &hand_over(changed, {flow.hash, &flow}, flow.created_ns);
     form->last_hit_s = flow.last_hit_s;
+    form->controller = origin.controller;
     ledger_.expect(form->index(), origin, request, same_request, now);
     note_added(*form);
   }
@@ -508,6 +510,7 @@ void Flows::failed_late(FlowEntry &flow, std::int64_t now) {
 void Flows::add_again(FlowEntry &flow, std::int64_t now) {
   FlowEntry &again = hand_over(flow.southbound(), {flow.hash, &flow}, flow.created_ns);
   again.retried = true;
+  again.controller = flow.controller;
   ledger_.expect(again.index(), {}, {}, false, now);
   table_.remove(flow);
 }

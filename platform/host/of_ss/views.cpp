@@ -42,11 +42,11 @@ struct FlowFilter {
   std::size_t limit = kFlowsShown;
   std::uint64_t index = 0;  // 0: any
   std::uint64_t cookie = 0, cookie_mask = 0;
-  std::string state = {};  // empty: any
+  std::string state = {}, controller = {};  // empty: any
   // Of each list one has to stand in the match, whole or as the name of a field.
   std::vector<std::vector<std::string>> terms = {};
 
-  bool fits(const FlowEntry &flow, std::string_view match) const;
+  bool fits(const Agent &agent, const FlowEntry &flow, std::string_view match) const;
 };
 
 std::size_t number(const json &args, const char *name, std::size_t fallback) {
@@ -68,13 +68,16 @@ const char *state_name(FlowState state) {
   return state == FlowState::sent ? "sent" : "installed";
 }
 
-json flow_json(const FlowEntry &flow, std::int64_t now) {
+json flow_json(const Agent &agent, const FlowEntry &flow) {
+  const std::int64_t now = agent.now();
+  const std::string &controller = agent.controller_address(flow.controller);
   return {{"table", flow.table_id()},
           {"priority", flow.priority()},
           {"match", match_text(southbound_match(flow.southbound()))},
           {"actions", actions_text(flow.southbound())},
           {"cookie", fmt::format("0x{:x}", flow.cookie())},
           {"index", flow.index()},
+          {"controller", controller.empty() ? json() : json(controller)},
           {"state", state_name(flow.state)},
           {"replaced", !flow.in_force},
           {"latency_us", flow.latency_us},
@@ -120,12 +123,13 @@ bool has_term(std::string_view match, std::string_view term) {
   return false;
 }
 
-bool FlowFilter::fits(const FlowEntry &flow, std::string_view match) const {
+bool FlowFilter::fits(const Agent &agent, const FlowEntry &flow, std::string_view match) const {
   const auto has_one = [match](const auto &any) {
     return std::ranges::any_of(any, [match](const std::string &term) { return has_term(match, term); });
   };
   return (index == 0 || flow.index() == index) && ((flow.cookie() ^ cookie) & cookie_mask) == 0 &&
-         (state.empty() || state == state_name(flow.state)) && std::ranges::all_of(terms, has_one);
+         (state.empty() || state == state_name(flow.state)) &&
+         (controller.empty() || controller == agent.controller_address(flow.controller)) && std::ranges::all_of(terms, has_one);
 }
 
 // "0x17", "23" or "0x17/0xff".
@@ -147,20 +151,22 @@ FlowFilter filter_of(const json &args) {
   if (!args.is_object()) return filter;
   if (args.contains("cookie")) read_cookie(args.at("cookie").get<std::string>(), filter);
   filter.state = args.value("state", "");
+  filter.controller = args.value("controller", "");
   if (!filter.state.empty() && filter.state != state_name(FlowState::sent) && filter.state != state_name(FlowState::installed))
     throw control::Refusal("state is sent or installed");
   if (args.contains("match")) filter.terms = args.at("match").get<std::vector<std::vector<std::string>>>();
   return filter;
 }
 
-// {"limit": 1000, "index": N, "cookie": "0x17/0xff", "state": "sent", "match": [["tcp_dst=80", "udp_dst=80"], ...]}
+// {"limit": 1000, "index": N, "cookie": "0x17/0xff", "state": "sent", "controller": "192.0.2.1", "match": [["tcp_dst=80",
+// "udp_dst=80"], ...]}
 json flows_view(Agent &agent, const FlowFilter &filter) {
   const Flows &flows = agent.flows();
   json list = json::array(), failures = json::array();
   std::uint32_t cursor = 0;
   while (const FlowEntry *flow = list.size() < filter.limit ? flows.table().next(cursor) : nullptr)
-    if (filter.fits(*flow, filter.terms.empty() ? "" : match_text(southbound_match(flow->southbound()))))
-      list.push_back(flow_json(*flow, agent.now()));
+    if (filter.fits(agent, *flow, filter.terms.empty() ? "" : match_text(southbound_match(flow->southbound()))))
+      list.push_back(flow_json(agent, *flow));
   for (const LateFailure &f : flows.late_failures()) failures.push_back(failure_json(f));
   return {{"flows", std::move(list)},
           {"total", flows.table().size()},
