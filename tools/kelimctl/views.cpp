@@ -134,6 +134,7 @@ Json flows_data(Link &link, const ViewOptions &options) {
   if (options.filters()) {
     Json data = chosen_flows(link, options);
     join(link, rows_of(data), data);
+    data.erase("failures");  // they are no flows any more
     data["total"] = data["flows"].size() < options.limit ? Json(data["flows"].size()) : data["total"];
     return data;
   }
