@@ -141,6 +141,7 @@ void Flows::remove(std::uint32_t slot) {
   const Answer gone{table_[slot].key(), 0, S_POLICY_KELIM__STATUS_E__STATUS_NONE, table_[slot].counted};
   target_->remove_flow(slot);
   table_.erase(slot);
+  ++removed_;
   tell(gone);
 }
 

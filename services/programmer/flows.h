@@ -28,6 +28,7 @@ class Flows final : public FlowSink {
   FlowTable &table() { return table_; }
   std::uint64_t answered(Outcome outcome) const { return answered_[static_cast<std::size_t>(outcome)]; }
   std::uint64_t untouched() const { return untouched_; }
+  std::uint64_t removed() const { return removed_; }
   std::size_t owed() const { return owed_.size(); }
 
  private:
@@ -62,6 +63,7 @@ class Flows final : public FlowSink {
   bool reading_ = false;  // the requests handled now come from a scan
   std::uint64_t answered_[3] = {};
   std::uint64_t untouched_ = 0;  // rewrites answered without touching the target
+  std::uint64_t removed_ = 0;
 };
 
 }  // namespace programmer

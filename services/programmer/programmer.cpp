@@ -96,21 +96,21 @@ int connect(qx_global *global, std::int32_t db, qx_mom_connect_cb callback) {
 // ---- the operator's view
 
 int show(const std::int64_t * /*args*/, std::uint32_t /*count*/) {
-  if (g_service == nullptr) return -1;
-  const Target::Usage usage = g_service->target.usage();
+  const std::optional<Totals> now = totals();
+  if (!now) return -1;
   const auto line = [](const char *what, std::uint64_t number) { std::printf("%-36s%12" PRIu64 "\n", what, number); };
-  line("flows in the target", usage.flows);
-  line("room for", usage.size);
-  line("meters in the target", usage.meters);
-  line("controller addresses", usage.addresses);
-  line("answers that wait for their time", usage.waiting);
-  line("answers the database did not take yet", g_service->flows.owed());
-  line("answered installed", g_service->flows.answered(Outcome::kInstalled));
-  line("answered failed", g_service->flows.answered(Outcome::kFailed));
-  line("answered out of resources", g_service->flows.answered(Outcome::kResource));
-  line("unchanged, target not touched", g_service->flows.untouched());
-  line("counter records written", g_service->counters.written());
-  line("flows translated to entries", g_service->chain.translated());
+  line("flows in the target", now->flows);
+  line("room for", now->size);
+  line("meters in the target", now->meters);
+  line("controller addresses", now->addresses);
+  line("answers that wait for their time", now->waiting);
+  line("answers the database did not take yet", now->owed);
+  line("answered installed", now->installed);
+  line("answered failed", now->failed);
+  line("answered out of resources", now->resource);
+  line("unchanged, target not touched", now->untouched);
+  line("counter records written", now->counters);
+  line("flows translated to entries", now->translated);
   for (const auto &[kind, count] : g_service->context.faults) line(("skipped: " + kind).c_str(), count);
   return 0;
 }
@@ -155,6 +155,28 @@ int start_embedded(qx_global *global, const Options &options) {
 
 void stop_embedded() {
   g_service.reset();
+}
+
+std::optional<Totals> totals() {
+  if (g_service == nullptr) return std::nullopt;
+  const Target::Usage usage = g_service->target.usage();
+  const Flows &flows = g_service->flows;
+  Totals now{.flows = usage.flows,
+             .size = usage.size,
+             .meters = usage.meters,
+             .addresses = usage.addresses,
+             .waiting = usage.waiting,
+             .owed = flows.owed(),
+             .installed = flows.answered(Outcome::kInstalled),
+             .failed = flows.answered(Outcome::kFailed),
+             .resource = flows.answered(Outcome::kResource),
+             .untouched = flows.untouched(),
+             .removed = flows.removed(),
+             .counters = g_service->counters.written(),
+             .translated = g_service->chain.translated(),
+             .skipped = 0};
+  for (const auto &[kind, count] : g_service->context.faults) now.skipped += count;
+  return now;
 }
 
 }  // namespace programmer

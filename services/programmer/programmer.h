@@ -14,6 +14,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "qx_runtime.h"
@@ -61,5 +62,17 @@ int start_embedded(qx_global *global, const Options &options);
 // Ends the service: nothing is answered afterwards. Call it once the loop has ended, before the runtime is released. Repeating
 // it, or calling it without a start, is harmless.
 void stop_embedded();
+
+// What the service holds, and what it has done since its start.
+struct Totals {
+  std::uint64_t flows, size, meters, addresses;                   // in the target, and the flows it has room for
+  std::uint64_t waiting, owed;                                    // answers that wait for their time, for the database
+  std::uint64_t installed, failed, resource, untouched, removed;  // flows; untouched: unchanged, the target was not asked
+  std::uint64_t counters, translated;                             // counter records written, service-chain flows translated
+  std::uint64_t skipped;                                          // records that cannot be read
+};
+
+// Nothing while no service runs.
+std::optional<Totals> totals();
 
 }  // namespace programmer

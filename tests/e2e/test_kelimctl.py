@@ -1,7 +1,9 @@
 """The operator's command line against a running daemon, and without one."""
 
+import json
 import os
 import shutil
+import signal
 import socket
 import subprocess
 import unittest
@@ -24,6 +26,9 @@ class Kelimctl(e2e.Test):
         wrong = (
             ("", "Usage"), ("nonsense", "nonsense"), ("cmd ssc_kelin kelim_set_dbg", "ssc_kelim_proxy"),
             ("cmd ssc_kelim kelim_set_dbg 1", "ARG=VALUE"), ("cmd ssc_kelim kelim_set_dbg dbg_val=1 dbg_val=2", "twice"),
+            ("flws --json", 'mean "flows"'), ("mom gte flow 1:0", 'mean "get"'), ("log levle", 'mean "level"'),
+            ("log level loud", "debug, info, warning, error or off"), ("flows --cookie 0xg", "0x17/0xff"),
+            ("flows --state gone", "installed"), ("status -o long", "wide"), ("flows --watch --interval 0", "0.1"),
             ("mom ls flaw", "s_policy_kelim.flow_sta"), ("mom get flow 1", "no key"), ("mom --url radish: ls", "radish:"),
         )
         for arguments, explained in wrong:
@@ -69,6 +74,7 @@ class Kelimctl(e2e.Test):
                 self.assertEqual(result.returncode, 1)
                 self.assertIn("control.group" if group else "user root and root may ask it", result.stderr)
                 self.assertNotIn("make run", result.stderr)
+                self.assertEqual(ask("log", "level", "off").returncode, 1)
                 self.assertEqual(running.kelimctl("cmd", "ssc_kelim", "kelim_set_dbg", "dbg_val=0x0").returncode, 0)
 
     def test_views_join_what_all_sides_know(self):
@@ -85,6 +91,74 @@ class Kelimctl(e2e.Test):
         self.assertIn("ipv4_dst=10.0.0.1", flow["match"])
         self.assertEqual(len(running.ask_json("refusals")["refusals"]), 1)
         self.assertEqual(len(running.ask_json("controllers")["controllers"]), 1)
+        status = running.ask_json("status")
+        self.assertTrue(status["process"]["ready"])
+        self.assertEqual({key: status["openflow"][key] for key in ("flows", "refused", "failed", "undecided", "controllers")},
+                         {"flows": 1, "refused": 1, "failed": 1, "undecided": 0, "controllers": {"equal": 1}})
+        self.assertIn("flow 2 (", running.ask("status"))
+
+    def test_flows_are_chosen_as_ovs_ofctl_spells_them(self):
+        running = self.daemon(openflow_decide_timeout_ms=600000, programmer_script="silent=@4")
+        client = self.client(running, "127.0.0.9")
+        for number in range(1, 4):
+            client.add(number, cookie=number)
+        client.barrier()
+        chosen = lambda *choice: sorted(flow["index"] for flow in running.ask_json("flows", *choice)["flows"])
+        for choice, indexes in (
+            ("--cookie 0x2", [2]), ("--cookie 2/2", [2, 3]), ("--match tcp,nw_dst=10.0.0.3", [3]), ("--match tp_dst=2", [1]),
+            ("--match dl_type=2048,nw_dst", [1, 2, 3]), ("--match udp", []),
+            ("--controller 127.0.0.9", [1, 2, 3]), ("--controller 127.0.0.1", []), ("--state sent", []), ("--state installed --limit 2", [1, 2]),
+        ):
+            with self.subTest(choice=choice):
+                self.assertEqual(chosen(*choice.split()), indexes)
+        wide = running.ask("flows", "-o", "wide").splitlines()
+        self.assertIn("COOKIE", wide[0])
+        self.assertEqual((len(wide), {len(line) > 100 for line in wide}), (4, {True}))
+        watching = subprocess.Popen(
+            [running.bin / "kelimctl", "--run-dir", running.run_dir, "flows", "--watch", "--interval", "0.1", "--json"],
+            env=running.environment, stdout=subprocess.PIPE, text=True)
+        self.assertEqual([len(json.loads(watching.stdout.readline())["flows"]) for _ in range(3)], [3] * 3)
+        watching.send_signal(signal.SIGINT)
+        self.assertEqual(watching.wait(e2e.LIMIT), 0)
+        watching.stdout.close()
+        self.assertEqual(running.kelimctl("audit").returncode, 0)
+        client.add(4)  # which is never answered
+        self.await_that(lambda: chosen("--state", "sent") == [4], "the flow")
+        self.assertEqual(running.kelimctl("audit").returncode, 4)
+
+    def test_the_values_in_force_and_a_reload(self):
+        running = daemon.Daemon(e2e.BIN, mom_password="geheim", mom_scan_batch=7)
+        running.environment["KELIM_CONF"] = f"{running.run_dir}/host.toml"
+        configure = lambda text: (running.run_dir / "host.toml").write_text(text)
+        configure("[log]\nlevel = 'debug'\n[programmer]\ndelay_ms = 1\n")
+        self.run_until_the_end(running)
+        def values():
+            keys = running.ask_json("config", "--effective")["keys"]
+            return {key["key"]: (key["value"], key["from"].replace(str(running.run_dir), "")) for key in keys}
+        in_force = {
+            "mom.password": ("***", "environment variable KELIM_MOM_PASSWORD"),
+            "mom.scan_batch": ("7", "environment variable KELIM_MOM_SCAN_BATCH"), "mom.sync_timeout_ms": ("1000", "default"),
+            "log.level": ("debug", "/host.toml:2"), "programmer.delay_ms": ("1", "/host.toml:4")}
+        self.assertEqual({key: values()[key] for key in in_force}, in_force)
+        self.assertNotIn("geheim", running.ask("config", "--effective"))
+
+        self.assertEqual((running.ask("log", "level"), running.ask("log", "level", "warning")), ("debug\n", "warning\n"))
+        self.assertEqual(values()["log.level"], ("warning", "kelimctl"))
+        told = lambda: running.output().count("is connected")  # at level info
+        before = told()
+        self.client(running)
+        port = daemon.Port()
+        self.addCleanup(port.close)
+        configure(f"\n[log]\nlevel = 'info'\n[programmer]\ndelay_ms = 2\n[metrics]\nlisten = '{port.number}'\n")
+        self.assertEqual(running.command("reload", module="of_ss").splitlines(), [
+            "the log level is info", f"metrics: 127.0.0.1:{port.number}", f"controllers: ptcp:127.0.0.1:{running.port}",
+            "changed, but in force only after a restart: programmer.delay_ms"])
+        self.client(running)
+        self.await_that(lambda: told() == before + 1, "the line of the second controller, and none of the first")
+        in_force |= {"log.level": ("info", "/host.toml:3")}
+        self.assertEqual({key: values()[key] for key in in_force}, in_force)
+        self.assertEqual(running.stop(), 0)
+        self.assertIn("would have", running.kelimctl("config", "--effective").stderr)
 
     def test_a_cut_list_is_joined_with_what_belongs_to_it_and_fits_a_hundred_columns(self):
         running = self.daemon()
@@ -117,7 +191,7 @@ class Kelimctl(e2e.Test):
                 self.assertEqual("the lists are cut" in text, limit == 120)
         answers = lambda: [meter["answer"] for meter in running.ask_json("meters", "--limit", 2)["meters"]]
         self.await_that(lambda: answers() == ["INSTALLED"] * 5, "every meter's answer")
-        views = ("flows", "meters", "controllers", "refusals", "audit", "timings", "congestion")
+        views = ("status", "flows", "meters", "controllers", "refusals", "audit", "timings", "congestion")
         for view in (*views, "mom stats", "mom ls", "mom ls flow", "mom get flow 201:0"):
             with self.subTest(view=view):
                 lines = running.ask(*view.split()).splitlines()

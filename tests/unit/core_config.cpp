@@ -109,6 +109,8 @@ TEST_F(Config, MistakesInTheFileNameFileLineKeyAndWhatIsAllowed) {
       {"[control]\nenabled = 1\n", {"control.enabled = 1", "true or false"}},
       {"[openflow]\nlisten = ['ptcp:127.0.0.1:6653', 'tcp:1.2.3.4:1']\n", {"openflow.listen", "ptcp:HOST:PORT"}},
       {"[openflow]\nconnect = ['tcp:1.2.3.4:65536']\n", {"openflow.connect", "tcp:HOST:PORT"}},
+      {"[metrics]\nlisten = 'localhost:9469'\n", {"metrics.listen = 'localhost:9469'", "PORT (of 127.0.0.1) or ADDRESS:PORT"}},
+      {"[metrics]\nlisten = '127.0.0.1:0'\n", {"metrics.listen", "ADDRESS:PORT"}},
       {"[openflow]\ndatapath_id = '0x12'\n", {"openflow.datapath_id", "hexadecimal"}},
       {"[[ports]]\nifx = 1\nname = 'a'\n[[ports]]\nifx = 1\nname = 'b'\n", {"ports", "each once"}},
       {"[[ports]]\nifx = 1\nname = 'a'\nspeed = 3\n", {"ports"}},

@@ -75,7 +75,7 @@ TEST_F(Control, WhatDoesNotFitIsRefusedWithWhatIsAllowed) {
       {call("two", "1 2"), "args is not an object"},
       {R"({"call":"view","name":"x"})", "unknown view \"x\"; allowed: "},
       {R"({"call":"view","name":4})", ""},
-      {R"({"call":"reboot"})", "unknown call \"reboot\"; allowed: cmd, list, view, watch"},
+      {R"({"call":"reboot"})", "unknown call \"reboot\"; allowed: cmd, list, set, view, watch"},
       {"\xff\xfe{", "one JSON object"},
   };
   for (const auto &[request, words] : cases) {

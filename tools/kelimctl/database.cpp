@@ -39,6 +39,7 @@ class InServer final : public Database {
     const std::pair<const char *, std::string> settings[] = {
         {"run_dir", std::filesystem::temp_directory_path()},  // nothing is put there
         {"control.enabled", "false"},
+        {"metrics.listen", ""},
         {"programmer.embedded", "false"},
         {"log.target", "stderr"},
         {"log.level", "warning"},

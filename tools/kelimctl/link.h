@@ -13,7 +13,7 @@ namespace kelimctl {
 
 using Json = nlohmann::ordered_json;
 
-enum ExitStatus { kDone = 0, kFailed = 1, kUsage = 2, kNoProcess = 3 };
+enum ExitStatus { kDone = 0, kFailed = 1, kUsage = 2, kNoProcess = 3, kCannotTell = 4 };
 
 struct Problem : std::runtime_error {
   Problem(ExitStatus exit_status, const std::string &text) : std::runtime_error(text), status(exit_status) {}

@@ -1,11 +1,14 @@
 // kelimctl: looks into a running daemon and steers it.
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdio>
+#include <ctime>
 #include <exception>
 #include <functional>
+#include <thread>
 
 #include "host/config/config.h"
 #include "host/control/client.h"
@@ -13,12 +16,14 @@
 #include "kelim_version.h"
 #include "kelimctl/host_toml.h"
 #include "kelimctl/views.h"
+#include "kelimctl/words.h"
 
 namespace kelimctl {
 namespace {
 
 constexpr char kExamples[] = R"(
 Examples:
+  kelimctl status
   kelimctl flows
   kelimctl flows --json | jq '.flows[] | select(.answer != "INSTALLED")'
   kelimctl cmd --list
@@ -30,18 +35,25 @@ Examples:
   kelimctl mom --url redis+unix:/run/redis.sock stats
   kelimctl config
 
-Exit status: 0 done, 1 failed, 2 wrong usage, 3 no such process.
+Exit status: 0 done, 1 failed, 2 wrong usage, 3 no such process, 4 cannot be told now (audit).
+kelimctl COMMAND --help shows the options of a command and more examples.
 )";
 
 struct Choices {
   std::string run_dir;
   std::string process = "ssc_kelim";
   ViewOptions view;
+  Look look;
   std::string module, command;
   std::vector<std::string> arguments;
   bool list = false;
   bool markdown = false;
   bool toml = false;
+  bool effective = false;
+  bool watch = false;
+  double interval = 2;  // seconds
+  std::string output = "table";
+  std::string level;  // of the log
   std::string type, key;
   int status = kDone;  // of the exit
   std::string url;     // of the database; the configured one when empty
@@ -52,19 +64,46 @@ void print(const std::string &text) {
   std::fwrite(text.data(), 1, text.size(), stdout);
 }
 
-void show(const Choices &choices, const Json &data, std::string (*text)(const Json &)) {
-  print(choices.view.json ? data.dump(2) + "\n" : text(data));
+void show(const Choices &choices, const Json &data, std::string (*text)(const Json &, const Look &)) {
+  print(choices.view.json ? data.dump(2) + "\n" : text(data, choices.look));
 }
 
-void show_view(Link &link, Choices &choices, const ViewCommand &view) {
+void show_once(Link &link, Choices &choices, const ViewCommand &view) {
   const Json data = view.data(link, choices.view);
   show(choices, data, view.text);
   if (view.status) choices.status = view.status(data);
 }
 
+std::string clock_text() {
+  const std::time_t now = std::time(nullptr);
+  char text[16];
+  std::strftime(text, sizeof text, "%H:%M:%S", std::localtime(&now));
+  return text;
+}
+
+// On a terminal each picture takes the place of the one before; JSON comes a line each.
+void watch_view(Link &link, Choices &choices, const ViewCommand &view) {
+  std::signal(SIGINT, [](int) { _exit(kDone); });
+  const bool terminal = isatty(STDOUT_FILENO);
+  do {
+    const Json data = view.data(link, choices.view);
+    if (choices.view.json)
+      print(data.dump() + "\n");
+    else
+      print((terminal ? "\033[H\033[2J" : "") + clock_text() + "  kelimctl " + view.name + "\n\n" +
+            view.text(data, choices.look) + (terminal ? "" : "\n"));
+    if (std::fflush(stdout) != 0) return;
+    std::this_thread::sleep_for(std::chrono::duration<double>(choices.interval));
+  } while (true);
+}
+
+void show_view(Link &link, Choices &choices, const ViewCommand &view) {
+  choices.watch ? watch_view(link, choices, view) : show_once(link, choices, view);
+}
+
 // ---- debug commands
 
-std::string modules_text(const Json &answer) {
+std::string modules_text(const Json &answer, const Look &) {
   std::string text;
   for (const Json &module : answer.value("modules", Json::array())) {
     for (const Json &command : module.value("commands", Json::array())) {
@@ -95,7 +134,7 @@ void run_command(Link &link, const Choices &choices) {
     throw Problem(kUsage, "cmd wants MODULE COMMAND [ARG=VALUE...]; kelimctl cmd --list shows what there is");
   const Json answer = link.request(
       {{"call", "cmd"}, {"module", choices.module}, {"command", choices.command}, {"args", parse_arguments(choices.arguments)}});
-  show(choices, answer, [](const Json &data) { return data.value("output", ""); });
+  show(choices, answer, [](const Json &data, const Look &) { return data.value("output", ""); });
   if (const int result = answer.value("result", 0); result != 0) {
     throw Problem(kFailed, choices.command + " returned " + std::to_string(result));
   }
@@ -126,7 +165,7 @@ bool show_change(const Choices &choices, const Json &line) {
     std::fprintf(stderr, "%s changes are missing: they came faster than they were read.\n", line["missed"].dump().c_str());
   } else {
     const Json change = mom::decode_change(line);
-    print(choices.view.json ? change.dump() + "\n" : change_text(change, choices.keys));
+    print(choices.view.json ? change.dump() + "\n" : change_text(change, choices.keys, choices.look));
   }
   return std::fflush(stdout) == 0;
 }
@@ -162,6 +201,40 @@ std::string config_markdown() {
   return text;
 }
 
+// ---- what is in force in the process
+
+std::string effective_text(const Json &data, const Look &look) {
+  return list_text(data.value("keys", Json::array()),
+                   {{{"KEY"}, "key"}, {{"VALUE", false, true}, "value"}, {{"FROM", false, true}, "from"}}, "", look);
+}
+
+// Without a process: what one that is started from here would have.
+Json effective_here() {
+  if (const std::string error = host::config_load(); !error.empty()) throw Problem(kUsage, error);
+  Json keys = Json::array();
+  for (const auto &[key, value, source] : host::config_values())
+    keys.push_back({{"key", key}, {"value", value}, {"from", source}});
+  return {{"file", host::config().file}, {"keys", std::move(keys)}};
+}
+
+void show_effective(Link &link, const Choices &choices) {
+  Json data;
+  try {
+    data = link.view("config");
+  } catch (const Problem &problem) {
+    if (problem.status != kNoProcess) throw;
+    std::fputs("No process answers; one that is started from here would have:\n", stderr);
+    data = effective_here();
+  }
+  show(choices, data, effective_text);
+}
+
+void log_level(Link &link, const Choices &choices) {
+  if (!choices.level.empty()) link.request({{"call", "set"}, {"name", "log.level"}, {"value", choices.level}});
+  const Json process = link.view("status").value("process", Json::object());
+  print(process.value("log_level", "") + "\n");
+}
+
 void show_config(const Choices &choices) {
   if (choices.view.json) return print(config_data().dump(2) + "\n");
   print(choices.toml ? host_toml() : choices.markdown ? config_markdown() : host::config_help());
@@ -181,17 +254,53 @@ std::string run_dir_of(const std::string &process) {
 
 using Action = std::function<void(Link &)>;
 
+void explain(CLI::App *command, const std::string &examples) {
+  command->footer("\nExamples:\n" + examples);
+}
+
+void add_look(CLI::App *command, Choices &choices) {
+  command->add_flag("--json", choices.view.json, "the data instead of a table");
+  command->add_option("-o,--output", choices.output, "table, wide (every column, long lines) or json")
+      ->check(CLI::IsMember({"table", "wide", "json"}))
+      ->capture_default_str();
+}
+
+void add_filters(CLI::App *command, Choices &choices) {
+  command->add_option("--cookie", choices.view.cookie, "only flows with this cookie, or COOKIE/MASK");
+  command->add_option("--match", choices.view.match, "only flows whose match has all of these, such as tcp,nw_dst=10.0.0.0/24");
+  command->add_option("--state", choices.view.state, "only flows in this state: sent or installed")
+      ->check(CLI::IsMember({"sent", "installed"}));
+  command->add_option("--controller", choices.view.controller, "only flows that a controller with this address asked for last");
+}
+
 void add_views(CLI::App &app, Choices &choices, Action &action) {
   for (const ViewCommand &view : view_commands()) {
     CLI::App *command = app.add_subcommand(view.name, view.help);
-    command->add_flag("--json", choices.view.json, "the data instead of a table");
+    explain(command, view.examples);
+    add_look(command, choices);
     command->add_option("--limit", choices.view.limit, "rows at most")->capture_default_str();
+    command->add_flag("-w,--watch", choices.watch, "again and again, until Ctrl-C");
+    command->add_option("--interval", choices.interval, "seconds between them")
+        ->check(CLI::Range(0.1, 86400.0))
+        ->capture_default_str();
+    if (view.name == std::string("flows")) add_filters(command, choices);
     command->callback([&] { action = [&](Link &link) { show_view(link, choices, view); }; });
   }
 }
 
+void add_log(CLI::App &app, Choices &choices, Action &action) {
+  CLI::App *log = app.add_subcommand("log", "the log of the process");
+  log->require_subcommand(1);
+  CLI::App *level =
+      log->add_subcommand("level", "shows the least severe level that is kept, or sets it until the next reload or start");
+  level->add_option("LEVEL", choices.level, "debug, info, warning, error or off");
+  explain(level, "  kelimctl log level\n  kelimctl log level debug\n  kelimctl --process kelim-programmer log level info\n");
+  level->callback([&] { action = [&](Link &link) { log_level(link, choices); }; });
+}
+
 void add_cmd(CLI::App &app, Choices &choices, Action &action) {
   CLI::App *command = app.add_subcommand("cmd", "runs a debug command of the process");
+  explain(command, "  kelimctl cmd --list\n  kelimctl cmd of_ss reload\n  kelimctl cmd ssc_kelim kelim_set_dbg dbg_val=0x3\n");
   command->add_option("MODULE", choices.module, "such as ssc_kelim");
   command->add_option("COMMAND", choices.command, "such as dump_ssc_ds_status");
   command->add_option("ARGUMENTS", choices.arguments, "ARG=VALUE, each that the command has");
@@ -208,6 +317,9 @@ void configure_database(const Choices &choices) {
 
 void add_mom(CLI::App &app, Choices &choices, Action &action) {
   CLI::App *mom = app.add_subcommand("mom", "looks into the object database: the Redis server itself where one is configured");
+  explain(mom,
+          "  kelimctl mom ls flow\n  kelimctl mom get flow 17:0\n  kelimctl mom watch flow_sta\n"
+          "  kelimctl mom --url redis+unix:/run/redis.sock stats\n");
   mom->require_subcommand(1);
   mom->fallthrough();
   mom->add_flag("--json", choices.view.json, "the data instead of text");
@@ -235,13 +347,40 @@ void add_mom(CLI::App &app, Choices &choices, Action &action) {
   add("stats", "objects, bytes and subscribers of each record type", show_stats);
 }
 
-// The one command that needs no running process.
-void add_config(CLI::App &app, Choices &choices, std::function<void()> &local) {
+// The one command that needs no running process, except for what is in force in one.
+void add_config(CLI::App &app, Choices &choices, Action &action, std::function<void()> &local) {
   CLI::App *command = app.add_subcommand("config", "every configuration key: variable, default, what is allowed");
   command->add_flag("--json", choices.view.json, "the data instead of text");
   command->add_flag("--markdown", choices.markdown, "as docs/configuration.md");
   command->add_flag("--toml", choices.toml, "as a host.toml in which every key is commented out");
   command->callback([&] { local = [&] { show_config(choices); }; });
+  command->add_flag("--effective", choices.effective, "the values in force in the process, and where they come from");
+  explain(command,
+          "  kelimctl config | less\n  kelimctl config --effective\n  kelimctl config --effective --json | jq '.keys[] | "
+          "select(.from != \"default\")'\n");
+  command->callback([&] {
+    if (choices.effective)
+      action = [&](Link &link) { show_effective(link, choices); };
+    else
+      local = [&] { show_config(choices); };
+  });
+}
+
+std::size_t terminal_width() {
+  winsize size{};
+  return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col >= 40 ? size.ws_col : Table::kWidth;
+}
+
+// Where a command was mistyped: the one that was probably meant.
+void suggest(const CLI::App &app) {
+  const CLI::App *deepest = &app;
+  while (!deepest->get_subcommands().empty()) deepest = deepest->get_subcommands().front();
+  std::vector<std::string> known;
+  for (const CLI::App *command : deepest->get_subcommands({})) known.push_back(command->get_name());
+  for (const std::string &word : app.remaining(true)) {
+    const std::string meant = nearest(word, known);
+    if (!meant.empty()) return static_cast<void>(std::fprintf(stderr, "Did you mean \"%s\"?\n", meant.c_str()));
+  }
 }
 
 int run(int argc, char **argv) {
@@ -260,12 +399,17 @@ int run(int argc, char **argv) {
   add_views(app, choices, action);
   add_cmd(app, choices, action);
   add_mom(app, choices, action);
-  add_config(app, choices, local);
+  add_config(app, choices, action, local);
+  add_log(app, choices, action);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError &error) {
-    return app.exit(error) == 0 ? kDone : kUsage;
+    const int status = app.exit(error);
+    if (status != 0) suggest(app);
+    return status == 0 ? kDone : kUsage;
   }
+  choices.look = {.width = terminal_width(), .wide = choices.output == "wide"};
+  choices.view.json = choices.view.json || choices.output == "json";
   if (local) {
     local();
     return kDone;

@@ -58,7 +58,7 @@ std::vector<std::size_t> Table::widths() const {
     total += width;
   }
   const auto narrow = [&](const std::vector<std::size_t> &limit) {
-    while (total > kWidth) {
+    while (total > width_) {
       std::size_t widest = columns_.size();
       for (std::size_t c = 0; c < columns_.size(); ++c) {
         if (widths[c] > limit[c] && (widest == columns_.size() || widths[c] > widths[widest])) widest = c;

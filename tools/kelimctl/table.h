@@ -1,4 +1,4 @@
-// Aligned tables for a terminal of 100 columns.
+// Aligned tables for a terminal.
 #pragma once
 
 #include <cstddef>
@@ -15,9 +15,10 @@ struct Column {
 
 class Table {
  public:
-  static constexpr std::size_t kWidth = 100;
+  static constexpr std::size_t kWidth = 100;  // where there is no terminal
+  static constexpr std::size_t kNoLimit = ~std::size_t{0} >> 1;
 
-  explicit Table(std::vector<Column> columns) : columns_(std::move(columns)) {}
+  Table(std::vector<Column> columns, std::size_t width) : columns_(std::move(columns)), width_(width) {}
 
   // One cell a column.
   void add(std::vector<std::string> cells) { rows_.push_back(std::move(cells)); }
@@ -29,6 +30,7 @@ class Table {
   std::vector<std::size_t> widths() const;
 
   std::vector<Column> columns_;
+  std::size_t width_;
   std::vector<std::vector<std::string>> rows_;
 };
 

@@ -9,45 +9,11 @@
 #include <set>
 #include <thread>
 
-#include "kelimctl/table.h"
+#include "kelimctl/rows.h"
+#include "kelimctl/words.h"
 
 namespace kelimctl {
 namespace {
-
-// A value as a cell: nothing for what is not there.
-std::string cell(const Json &row, const char *key) {
-  const auto found = row.find(key);
-  if (found == row.end() || found->is_null()) return "-";
-  return found->is_string() ? found->get<std::string>() : found->dump();
-}
-
-std::string decimals(const Json &row, const char *key) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%.1f", row.value(key, 0.0));
-  return text;
-}
-
-// A column of a list of objects: its title, the member that it shows and how.
-struct Member {
-  Column column;
-  const char *key;
-  std::string (*text)(const Json &, const char *) = cell;
-};
-
-std::string list_text(const Json &rows, const std::vector<Member> &members, const char *none) {
-  if (!rows.is_array() || rows.empty()) return std::string(none) + "\n";
-  std::vector<Column> columns;
-  columns.reserve(members.size());
-  for (const Member &member : members) columns.push_back(member.column);
-  Table table(columns);
-  for (const Json &row : rows) {
-    std::vector<std::string> cells;
-    cells.reserve(members.size());
-    for (const Member &member : members) cells.push_back(member.text(row, member.key));
-    table.add(std::move(cells));
-  }
-  return table.text();
-}
 
 // "3 of 5000 shown; ..." where a list was cut short.
 std::string cut_note(std::size_t shown, const Json &data) {
@@ -139,23 +105,49 @@ Json joined(Link &link, const Rows &rows, std::size_t &skipped) {
   return all;
 }
 
-// What the controllers asked for and what became of it. A flow that only one side knows shows as such; one that is only stored,
-// where both lists are whole: of a cut one nobody knows whether it was asked for. The stored ones are listed first, because what
-// is asked for between the two questions must not show as if nobody had.
-Json flows_data(Link &link, const ViewOptions &options) {
-  const Json kept = link.view("mom", {{"op", "ls"}, {"type", full_type("flow")}, {"db", kFlowDb}, {"limit", options.limit}});
-  Json data = link.view("flows", {{"limit", options.limit}});
+Rows rows_of(const Json &data) {
   Rows rows;
   for (const Json &flow : data.value("flows", Json::array())) rows.emplace_back(cell(flow, "index") + ":0", flow);
-  data["whole"] = is_whole(data, "flows") && is_whole(kept, "objects");
-  if (data["whole"]) add_not_asked(rows, kept);
+  return rows;
+}
+
+void join(Link &link, const Rows &rows, Json &data) {
   std::size_t skipped = 0;
   data["flows"] = joined(link, rows, skipped);
   data["skipped"] = skipped;
+}
+
+Json chosen_flows(Link &link, const ViewOptions &options) {
+  Json args = {{"limit", options.limit}};
+  if (!options.cookie.empty()) args["cookie"] = options.cookie;
+  if (!options.state.empty()) args["state"] = options.state;
+  if (!options.controller.empty()) args["controller"] = options.controller;
+  if (!options.match.empty()) args["match"] = match_terms(options.match);
+  return link.view("flows", args);
+}
+
+// What the controllers asked for and what became of it. A flow that only one side knows shows as such; one that is only stored,
+// where both lists are whole: of a cut one nobody knows whether it was asked for. The stored ones are listed first, because what
+// is asked for between the two questions must not show as if nobody had.
+// Of a choice these are left out: nothing is known of them but their index.
+Json flows_data(Link &link, const ViewOptions &options) {
+  if (options.filters()) {
+    Json data = chosen_flows(link, options);
+    join(link, rows_of(data), data);
+    data.erase("failures");  // they are no flows any more
+    data["total"] = data["flows"].size() < options.limit ? Json(data["flows"].size()) : data["total"];
+    return data;
+  }
+  const Json kept = link.view("mom", {{"op", "ls"}, {"type", full_type("flow")}, {"db", kFlowDb}, {"limit", options.limit}});
+  Json data = link.view("flows", {{"limit", options.limit}});
+  Rows rows = rows_of(data);
+  data["whole"] = is_whole(data, "flows") && is_whole(kept, "objects");
+  if (data["whole"]) add_not_asked(rows, kept);
+  join(link, rows, data);
   return data;
 }
 
-std::string flows_text(const Json &data) {
+std::string flows_text(const Json &data, const Look &look) {
   const std::vector<Member> members = {
       {{"INDEX", true}, "index"},
       {{"TBL", true}, "table"},
@@ -166,10 +158,17 @@ std::string flows_text(const Json &data) {
       {{"DB"}, "stored", [](const Json &row, const char *key) { return std::string(row.value(key, false) ? "yes" : "no"); }},
       {{"ANSWER"}, "answer"},
       {{"PACKETS", true}, "packets"},
+      {{"BYTES", true}, "bytes", cell, true},
+      {{"COOKIE"}, "cookie", cell, true},
+      {{"CONTROLLER"}, "controller", cell, true},
+      {{"AGE s", true}, "age_s", decimals, true},
+      {{"IDLE s", true}, "idle_timeout", cell, true},
+      {{"HARD s", true}, "hard_timeout", cell, true},
+      {{"LATENCY us", true}, "latency_us", cell, true},
   };
   const Json rows = data.value("flows", Json::array());
   const Json failures = data.value("failures", Json::array());
-  std::string text = list_text(rows, members, "No flows.") + cut_note(rows.size(), data) + skipped_note(data);
+  std::string text = list_text(rows, members, "No flows.", look) + cut_note(rows.size(), data) + skipped_note(data);
   if (!data.value("whole", true)) text += "Flows that are stored and nobody asked for are not among them: the lists are cut.\n";
   if (!failures.empty()) {
     text += "\nFailed after they had been accepted, the last ones:\n" + list_text(failures,
@@ -178,7 +177,7 @@ std::string flows_text(const Json &data) {
                                                                                    {{"PRIO", true}, "priority"},
                                                                                    {{"MATCH", false, true}, "match"},
                                                                                    {{"ERROR"}, "error"}},
-                                                                                  "");
+                                                                                  "", look);
   }
   return text;
 }
@@ -208,13 +207,13 @@ Json meters_data(Link &link, const ViewOptions &) {
   return data;
 }
 
-std::string meters_text(const Json &data) {
+std::string meters_text(const Json &data, const Look &look) {
   return list_text(data.value("meters", Json::array()),
                    {{{"METER", true}, "meter"},
                     {{"BANDS", false, true}, "bands", bands_text},
                     {{"ANSWER"}, "answer"},
                     {{"AGE s", true}, "age_s", decimals}},
-                   "No meters.") +
+                   "No meters.", look) +
          skipped_note(data);
 }
 
@@ -222,11 +221,11 @@ Json controllers_data(Link &link, const ViewOptions &) {
   return link.view("controllers");
 }
 
-std::string controllers_text(const Json &data) {
+std::string controllers_text(const Json &data, const Look &look) {
   return "Datapath " + cell(data, "datapath_id") + "\n\n" +
          list_text(data.value("endpoints", Json::array()),
                    {{{"ENDPOINT", false, true}, "endpoint"}, {{"STATE"}, "state"}, {{"ERROR", false, true}, "error"}},
-                   "No controller is configured.") +
+                   "No controller is configured.", look) +
          "\n" +
          list_text(data.value("controllers", Json::array()),
                    {{{"CONTROLLER", false, true}, "peer"},
@@ -236,22 +235,23 @@ std::string controllers_text(const Json &data) {
                     {{"SENT", true}, "sent"},
                     {{"ERRORS", true}, "errors"},
                     {{"UNSENT BYTES", true}, "unsent_bytes"}},
-                   "No controller is connected.");
+                   "No controller is connected.", look);
 }
 
 Json refusals_data(Link &link, const ViewOptions &) {
   return link.view("refusals");
 }
 
-std::string refusals_text(const Json &data) {
+std::string refusals_text(const Json &data, const Look &look) {
   return list_text(data.value("refusals", Json::array()),
                    {{{"AGE s", true}, "age_s", decimals},
                     {{"CONTROLLER"}, "peer"},
                     {{"REQUEST"}, "request"},
+                    {{"XID", true}, "xid", cell, true},
                     {{"ERROR", false, true}, "error"},
                     {{"FIELD", false, true}, "field"},
                     {{"REASON", false, true}, "reason"}},
-                   "Nothing was refused.");
+                   "Nothing was refused.", look);
 }
 
 // Looks at least twice, because a difference must be seen twice, and again while something is under way.
@@ -264,21 +264,22 @@ Json audit_data(Link &link, const ViewOptions &) {
   return data;
 }
 
-std::string audit_text(const Json &data) {
+std::string audit_text(const Json &data, const Look &look) {
   if (!data.value("settled", false)) return "Something is under way all the time; nothing can be said.\n";
   return list_text(data.value("differences", Json::array()),
                    {{{"WHAT"}, "kind"}, {{"NUMBER", true}, "number"}, {{"DIFFERENCE"}, "what"}},
-                   "The database holds what was asked for.");
+                   "The database holds what was asked for.", look);
 }
 
 int audit_status(const Json &data) {
-  return data.value("settled", false) && data.value("differences", Json::array()).empty() ? kDone : kFailed;
+  if (!data.value("settled", false)) return kCannotTell;
+  return data.value("differences", Json::array()).empty() ? kDone : kFailed;
 }
 
 Json timings_data(Link &link, const ViewOptions &) {
   return link.view("timings");
 }
-std::string timings_text(const Json &data) {
+std::string timings_text(const Json &data, const Look &look) {
   Json rows = Json::array();
   for (const Json &row : data) {
     if (row.value("count", 0) != 0) rows.push_back(row);
@@ -290,13 +291,13 @@ std::string timings_text(const Json &data) {
                     {{"MAX us", true}, "max_us", decimals},
                     {{"LAST us", true}, "last_us", decimals},
                     {{"TOTAL us", true}, "total_us", decimals}},
-                   "Nothing was timed so far.");
+                   "Nothing was timed so far.", look);
 }
 
 Json congestion_data(Link &link, const ViewOptions &) {
   return link.view("congestion");
 }
-std::string congestion_text(const Json &data) {
+std::string congestion_text(const Json &data, const Look &look) {
   Json rows = Json::array();
   if (data.contains("pipeline")) {
     rows.push_back(data["pipeline"]);
@@ -312,17 +313,17 @@ std::string congestion_text(const Json &data) {
                     {{"HIGHEST", true}, "high_water_bytes"},
                     {{"REFUSED", true}, "refused"},
                     {{"TOTAL", true}, "total"}},
-                   "No topics.");
+                   "No topics.", look);
 }
 
 // A record as lines of "name: value", sub-records indented.
-void add_lines(std::string &text, const Json &value, std::size_t indent) {
+void add_lines(std::string &text, const Json &value, std::size_t indent, const Look &look) {
   for (const auto &[name, member] : value.items()) {
     text += std::string(indent, ' ') + name + ":";
     const bool list_of_texts = member.is_array() && (member.empty() || !member.front().is_object());
     if (member.is_object() || (member.is_array() && !list_of_texts)) {
       text += '\n';
-      add_lines(text, member, indent + 2);
+      add_lines(text, member, indent + 2, look);
       continue;
     }
     std::string shown = member.is_string() ? member.get<std::string>() : member.dump();
@@ -331,7 +332,8 @@ void add_lines(std::string &text, const Json &value, std::size_t indent) {
       for (const Json &item : member)
         shown += (shown.empty() ? "" : " ") + (item.is_string() ? item.get<std::string>() : item.dump());
     }
-    for (std::string piece : wrap(shown, Table::kWidth - std::min<std::size_t>(indent + name.size() + 2, 60))) {
+    for (std::string piece : wrap(
+             shown, look.wide ? Table::kNoLimit : look.width - std::min<std::size_t>(indent + name.size() + 2, look.width / 2))) {
       piece.erase(piece.find_last_not_of(' ') + 1);
       text += (text.ends_with(':') ? " " : std::string(indent + name.size() + 2, ' ')) + piece + '\n';
     }
@@ -342,14 +344,21 @@ void add_lines(std::string &text, const Json &value, std::size_t indent) {
 
 const std::vector<ViewCommand> &view_commands() {
   static const std::vector<ViewCommand> commands = {
-      {"flows", "what was asked, what is stored, what the programming service said, the counters", flows_data, flows_text},
-      {"meters", "the meters", meters_data, meters_text},
-      {"controllers", "the controller connections", controllers_data, controllers_text},
-      {"refusals", "the last requests that were refused, with the reason", refusals_data, refusals_text},
-      {"audit", "compares what was asked for with what is stored; exit status 1 when they differ", audit_data, audit_text,
-       audit_status},
-      {"timings", "how long the daemon's operations take", timings_data, timings_text},
-      {"congestion", "writes on their way to the database, by topic", congestion_data, congestion_text},
+      {"status", "one screen: version, database, controllers, flows, last errors, audit", status_data, status_text,
+       "  kelimctl status\n  kelimctl status --watch\n  kelimctl status --json | jq .openflow.undecided\n"
+       "  kelimctl --process kelim-programmer status\n"},
+      {"flows", "what was asked, what is stored, what the programming service said, the counters", flows_data, flows_text,
+       "  kelimctl flows -o wide\n  kelimctl flows --match tcp,nw_dst=10.0.0.0/24\n  kelimctl flows --cookie 0x17/0xff --watch\n"
+       "  kelimctl flows --state sent\n  kelimctl flows --json | jq '.flows[] | select(.answer != \"INSTALLED\")'\n"},
+      {"meters", "the meters", meters_data, meters_text, "  kelimctl meters\n  kelimctl meters --json\n"},
+      {"controllers", "the controller connections", controllers_data, controllers_text, "  kelimctl controllers --watch\n"},
+      {"refusals", "the last requests that were refused, with the reason", refusals_data, refusals_text,
+       "  kelimctl refusals -o wide\n  kelimctl refusals --json | jq '.refusals[-1]'\n"},
+      {"audit", "compares what was asked for with what is stored; exit status 1 when they differ, 4 when that cannot be told",
+       audit_data, audit_text, "  kelimctl audit || echo \"status $?\"\n", audit_status},
+      {"timings", "how long the daemon's operations take", timings_data, timings_text, "  kelimctl timings\n"},
+      {"congestion", "writes on their way to the database, by topic", congestion_data, congestion_text,
+       "  kelimctl congestion --watch --interval 0.5\n"},
   };
   return commands;
 }
@@ -358,7 +367,7 @@ Json database_list(Database &database, const std::string &type, const ViewOption
   return database.query({{"op", "ls"}, {"type", full_type(type)}, {"limit", options.limit}});
 }
 
-std::string database_list_text(const Json &data) {
+std::string database_list_text(const Json &data, const Look &) {
   const Json objects = data.value("objects", Json::array());
   std::string text;
   for (const Json &object : objects) text += cell(object, "key") + "\n";
@@ -373,18 +382,18 @@ Json watch_arguments(const std::string &type) {
   return type.empty() ? Json::object() : Json{{"type", full_type(type)}};
 }
 
-std::string change_text(const Json &change, bool keys) {
+std::string change_text(const Json &change, bool keys, const Look &look) {
   std::string text = fmt::format("{} {:<9} {} (database {})\n", cell(change, "at"), cell(change, "change"), cell(change, "key"),
                                  cell(change, "db"));
-  if (!keys) add_lines(text, change.value("record", Json::object()), 2);
+  if (!keys) add_lines(text, change.value("record", Json::object()), 2, look);
   return text;
 }
 
-std::string records_text(const Json &data) {
+std::string records_text(const Json &data, const Look &look) {
   std::string text;
   for (const Json &object : data.value("objects", Json::array())) {
     text += cell(object, "key") + " (database " + cell(object, "db") + ")\n";
-    add_lines(text, object.value("record", Json::object()), 2);
+    add_lines(text, object.value("record", Json::object()), 2, look);
   }
   return text;
 }
@@ -395,7 +404,7 @@ Json database_stats(Database &database) {
   return data;
 }
 
-std::string database_stats_text(const Json &data) {
+std::string database_stats_text(const Json &data, const Look &look) {
   Json used = Json::array();
   for (const Json &type : data.value("types", Json::array())) {
     if (type.value("objects", 0) + type.value("subscribers", 0) != 0) used.push_back(type);
@@ -407,7 +416,7 @@ std::string database_stats_text(const Json &data) {
                                 {{"OBJECTS", true}, "objects"},
                                 {{"BYTES", true}, "bytes"},
                                 {{"SUBSCRIBERS", true}, "subscribers"}},
-                               "No record type was used so far.");
+                               "No record type was used so far.", look);
   const Json client = data.value("client", Json());
   if (client.is_null()) return text;
   text += "\nThe daemon: connected to databases " + client.value("connected", Json::array()).dump() + ", " +

@@ -6,12 +6,17 @@
 
 #include "kelimctl/database.h"
 #include "kelimctl/link.h"
+#include "kelimctl/rows.h"
 
 namespace kelimctl {
 
 struct ViewOptions {
   bool json = false;
   std::size_t limit = 1000;  // rows of the long lists
+  // Of the flows only these; empty for all.
+  std::string cookie, match, state, controller;
+
+  bool filters() const { return !cookie.empty() || !match.empty() || !state.empty() || !controller.empty(); }
 };
 
 // One view: how its data are got, and how they look.
@@ -19,24 +24,28 @@ struct ViewCommand {
   const char *name;
   const char *help;
   Json (*data)(Link &link, const ViewOptions &options);
-  std::string (*text)(const Json &data);
+  std::string (*text)(const Json &data, const Look &look);
+  const char *examples;
   int (*status)(const Json &data) = nullptr;  // of the exit; null: always kDone
 };
 
 const std::vector<ViewCommand> &view_commands();
 
+Json status_data(Link &link, const ViewOptions &options);
+std::string status_text(const Json &data, const Look &look);
+
 // ---- the object database
 
 Json database_list(Database &database, const std::string &type, const ViewOptions &options);
-std::string database_list_text(const Json &data);
+std::string database_list_text(const Json &data, const Look &look);
 Json database_get(Database &database, const std::string &type, const std::string &key);
-std::string records_text(const Json &data);
+std::string records_text(const Json &data, const Look &look);
 Json database_stats(Database &database);
-std::string database_stats_text(const Json &data);
+std::string database_stats_text(const Json &data, const Look &look);
 
 // What a watch is asked for; every type when `type` is empty.
 Json watch_arguments(const std::string &type);
 // A decoded change: its line, and the record below it unless only `keys` are wanted.
-std::string change_text(const Json &change, bool keys);
+std::string change_text(const Json &change, bool keys, const Look &look);
 
 }  // namespace kelimctl

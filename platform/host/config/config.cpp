@@ -30,12 +30,16 @@ constexpr const char *kDefaultFile = "/etc/kelim/host.toml";
 // One load in the making: the values and which of them somebody gave.
 struct Draft {
   Config config;
-  std::set<const Row *> given;
+  std::map<const Row *, std::string> given;  // with where it was given
 };
 
+// A value as people may see it.
+std::string shown(const Row &row, const std::string &value) {
+  return keys::name(row) == "mom.password" && !value.empty() ? "***" : masked(value);
+}
+
 std::string bad_value(const std::string &where, const Row &row, const std::string &value) {
-  const std::string given = keys::name(row) == "mom.password" ? "***" : masked(value);
-  return where + ": " + keys::name(row) + " = " + given + " is not allowed; allowed: " + keys::allowed(row);
+  return where + ": " + keys::name(row) + " = " + shown(row, value) + " is not allowed; allowed: " + keys::allowed(row);
 }
 
 std::string unknown_key(const std::string &where, std::string_view section, const std::string &given) {
@@ -64,7 +68,7 @@ std::string apply_node(const std::string &file, std::string_view section, std::s
     given << toml::node_view(node);
     return bad_value(where, *row, given.str());
   }
-  draft.given.insert(row);
+  draft.given[row] = where;
   return "";
 }
 
@@ -114,7 +118,7 @@ std::string misspelt_variable() {
 
 std::string apply_text(const std::string &where, const Row &row, const std::string &text, Draft &draft) {
   if (!keys::set_text(row, text, draft.config)) return bad_value(where, row, "\"" + text + "\"");
-  draft.given.insert(&row);
+  draft.given[&row] = where;
   return "";
 }
 
@@ -132,6 +136,7 @@ std::string apply_environment(Draft &draft) {
 
 std::map<const Row *, std::string> g_set;  // by config_set
 bool g_loaded = false;
+std::vector<ConfigValue> g_values, g_read;  // in force, as read last
 
 Draft defaults() {
   Draft draft;
@@ -142,6 +147,26 @@ Draft defaults() {
 Config &current() {
   static Config config = defaults().config;
   return config;
+}
+
+std::vector<ConfigValue> values_of(Draft &draft) {
+  std::vector<ConfigValue> values;
+  for (const Row &row : keys::all()) {
+    const auto given = draft.given.find(&row);
+    values.push_back(
+        {keys::name(row), shown(row, keys::text(row, draft.config)), given == draft.given.end() ? "default" : given->second});
+  }
+  return values;
+}
+
+ConfigValue *find_value(std::vector<ConfigValue> &values, std::string_view key) {
+  const auto found = std::ranges::find(values, key, &ConfigValue::key);
+  return found == values.end() ? nullptr : &*found;
+}
+
+const Row *find_row(std::string_view key) {
+  const auto dot = key.find('.');
+  return keys::find(dot == std::string_view::npos ? "" : key.substr(0, dot), key.substr(dot + 1));
 }
 
 // What a file or a variable holds may be quoted, line ends and all.
@@ -175,6 +200,7 @@ std::string config_reread(Config &fresh) {
     if (std::string error = apply_text("set by the program", *row, text, draft); !error.empty()) return error;
   }
   settle(draft);
+  g_read = values_of(draft);
   fresh = std::move(draft.config);
   return "";
 }
@@ -183,6 +209,7 @@ std::string config_load() {
   if (g_loaded) return "";
   std::string error = config_reread(current());
   g_loaded = error.empty();
+  if (g_loaded) g_values = g_read;
   return error;
 }
 
@@ -207,6 +234,25 @@ void config_reset() {
   g_set.clear();
   g_loaded = false;
   current() = defaults().config;
+}
+
+const std::vector<ConfigValue> &config_values() {
+  return g_values;
+}
+
+void config_taken_over(std::span<const std::string_view> keys) {
+  for (const std::string_view key : keys)
+    if (ConfigValue *value = find_value(g_values, key)) *value = *find_value(g_read, key);
+}
+
+void config_noted(std::string_view key, const std::string &value, const std::string &source) {
+  if (ConfigValue *found = find_value(g_values, key)) *found = {found->key, value, source};
+}
+
+std::string config_check(std::string_view key, const std::string &value) {
+  Draft trial;
+  const Row *row = find_row(key);
+  return row == nullptr ? "there is no key " + std::string(key) : apply_text("asked for", *row, value, trial);
 }
 
 std::vector<std::string> config_changes(Config a, Config b) {

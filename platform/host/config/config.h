@@ -85,6 +85,11 @@ struct Config {
     std::string group;
   } control;
 
+  struct Metrics {
+    std::string listen;
+    std::string programmer_listen;
+  } metrics;
+
   std::vector<ConfigPort> ports;
 
   std::string file;          // that was read; empty when there was none
@@ -113,6 +118,26 @@ std::string config_reread(Config &fresh);
 
 // The names of the keys, such as "mom.url", whose values differ.
 std::vector<std::string> config_changes(Config a, Config b);
+
+// A key's value in force, as the environment variable would have it (passwords masked), and where it comes from: "default", the
+// file and line, the variable, or what else has set it.
+struct ConfigValue {
+  std::string key;
+  std::string value;
+  std::string source;
+};
+
+// Every key of the table, in its order. Loop's thread, as are the next two.
+const std::vector<ConfigValue> &config_values();
+
+// These keys are in force from now on as they were read anew last.
+void config_taken_over(std::span<const std::string_view> keys);
+
+// Somebody has changed what the key stands for while the process runs.
+void config_noted(std::string_view key, const std::string &value, const std::string &source);
+
+// "" or why the key cannot have the value; nothing is changed.
+std::string config_check(std::string_view key, const std::string &value);
 
 // Forgets what was loaded, so that the next load reads again. What config_set gave stays.
 void config_unload();

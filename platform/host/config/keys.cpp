@@ -1,5 +1,6 @@
 #include "host/config/keys.h"
 
+#include <arpa/inet.h>
 #include <string.h>
 
 #include <algorithm>
@@ -62,6 +63,20 @@ constexpr Allowed kUrl = {
     }};
 constexpr Allowed kDatapath = {"1 to 16 hexadecimal digits, or nothing",
                                [](const std::string &t) { return t.empty() || (t.size() <= 16 && number(t, 16)); }};
+// PORT, or ADDRESS:PORT.
+bool is_numeric_endpoint(const std::string &text) {
+  const auto colon = text.rfind(':');
+  const auto port = number(colon == text.npos ? text : text.substr(colon + 1));
+  if (!port || *port == 0 || *port > 65535) return false;
+  if (colon == text.npos) return true;
+  std::string host = text.substr(0, colon);
+  in6_addr address;
+  if (!host.starts_with('[')) return inet_pton(AF_INET, host.c_str(), &address) == 1;
+  return host.ends_with(']') && inet_pton(AF_INET6, host.substr(1, host.size() - 2).c_str(), &address) == 1;
+}
+
+constexpr Allowed kMetrics = {"PORT (of 127.0.0.1) or ADDRESS:PORT, or nothing",
+                              [](const std::string &t) { return t.empty() || is_numeric_endpoint(t); }};
 constexpr Allowed kPath = {"a path that begins with /", [](const std::string &t) { return t.starts_with('/'); }};
 
 // Every key, once: what reads, checks, prints and documents the configuration walks this table.
@@ -152,6 +167,11 @@ constexpr Row kRows[] = {
      "Whether debug commands and views are served on a unix socket in the run directory."},
     {"control", "group", in<&C::control, &C::Control::group>, "", kAnything,
      "Group whose members may ask for views there; commands are for root and the user of the process, who has to be a member."},
+
+    {"metrics", "listen", in<&C::metrics, &C::Metrics::listen>, "", kMetrics,
+     "Where the daemon serves /metrics (Prometheus), /healthz and /readyz over HTTP; empty for nowhere."},
+    {"metrics", "programmer_listen", in<&C::metrics, &C::Metrics::programmer_listen>, "", kMetrics,
+     "The same for kelim-programmer, where it is a process of its own."},
 
     {"", "ports", top<&C::ports>, "", kAnything,
      "The port table: [[ports]] with ifx, name, phyid, type; as text IFX:NAME[:PHYID[:TYPE]], .... Without it, the machine's "

@@ -51,6 +51,9 @@ std::string variable(const Row &row);  // "KELIM_OPENFLOW_LISTEN"
 std::string allowed(const Row &row);   // for people
 std::string toml(const Row &row);      // the default as a TOML value; "" for tables
 
+// The key's value, as the environment variable would have it.
+std::string text(const Row &row, Config &config);
+
 // Whether the key has the same value in both.
 bool same(const Row &row, Config &a, Config &b);
 

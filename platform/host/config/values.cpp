@@ -156,6 +156,31 @@ bool set_node(const Row &row, const toml::node &node, Config &c) {
       row.at(c));
 }
 
+namespace {
+
+std::string joined(const List &parts) {
+  std::string text;
+  for (const std::string &part : parts) text += (text.empty() ? "" : ", ") + part;
+  return text;
+}
+
+std::string ports_text(const Ports &ports) {
+  List parts;
+  for (const ConfigPort &p : ports)
+    parts.push_back(std::to_string(p.ifx) + ":" + p.name + ":" + std::to_string(p.phyid) + ":" + std::to_string(p.type));
+  return joined(parts);
+}
+
+}  // namespace
+
+std::string text(const Row &row, Config &c) {
+  return std::visit(
+      Overloaded{[](Text *value) { return *value; }, [](List *value) { return joined(*value); },
+                 [](bool *value) { return std::string(*value ? "true" : "false"); },
+                 [](Ports *value) { return ports_text(*value); }, [](auto *value) { return std::to_string(*value); }},
+      row.at(c));
+}
+
 bool same(const Row &row, Config &a, Config &b) {
   const Value in_b = row.at(b);
   return std::visit([&in_b](auto *value) { return *value == **std::get_if<decltype(value)>(&in_b); }, row.at(a));

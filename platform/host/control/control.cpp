@@ -11,6 +11,8 @@
 #include "host/control/client.h"
 #include "host/control/commands.h"
 #include "host/control/server.h"
+#include "host/control/status.h"
+#include "host/log/log.h"
 #include "host/runtime/loop.h"
 #include "host/timing/timing.h"
 
@@ -24,6 +26,7 @@ constexpr int kDeepest = 16;  // levels of a request
 
 std::map<std::string, View, std::less<>> g_views;
 std::map<std::string, Feed, std::less<>> g_feeds;
+std::map<std::string, std::function<void(const std::string &)>, std::less<>> g_settings;
 std::unique_ptr<LineServer> g_server;
 
 template <typename Map>
@@ -65,6 +68,21 @@ Reply call_feed(const json &request, const LineServer::Push &push) {
   return {text_of({{"status", 0}}), std::move(stream)};
 }
 
+Reply set(const json &request, const LineServer::Push &) {
+  const std::string key = request.value("name", ""), value = request.value("value", "");
+  const auto &change = named(g_settings, "setting", key);
+  if (const std::string why = config_check(key, value); !why.empty()) throw Refusal(why);
+  change(value);
+  config_noted(key, value, "kelimctl");
+  return {text_of({{"status", 0}}), nullptr};
+}
+
+Answer config_view() {
+  Answer values = Answer::array();
+  for (const auto &[key, value, source] : config_values()) values.push_back({{"key", key}, {"value", value}, {"from", source}});
+  return {{"file", config().file}, {"keys", std::move(values)}};
+}
+
 template <typename Map>
 json keys(const Map &map) {
   json keys = json::array();
@@ -81,7 +99,7 @@ struct Call {
   bool changes_things = false;  // or may
 };
 const std::map<std::string, Call, std::less<>> kCalls = {
-    {"cmd", {call_command_line, true}}, {"list", {list}}, {"view", {call_view}}, {"watch", {call_feed}}};
+    {"cmd", {call_command_line, true}}, {"list", {list}}, {"set", {set, true}}, {"view", {call_view}}, {"watch", {call_feed}}};
 
 Reply answer(const json &request, LineServer::Asker asker, const LineServer::Push &push) {
   if (!request.is_object()) throw Refusal("a request is one JSON object on a line, such as {\"call\":\"list\"}");
@@ -139,8 +157,18 @@ void register_feed(const std::string &name, Feed feed) {
   if (loop_base() != nullptr) g_feeds[name] = std::move(feed);
 }
 
+void register_setting(const std::string &key, std::function<void(const std::string &value)> set_it) {
+  g_settings[key] = std::move(set_it);
+}
+
 std::string start(const Config &config, const std::string &runtime_name) {
   register_view("timings", [](const json &) { return timing::view(); });
+  register_view("config", [](const json &) { return config_view(); });
+  start_status();
+  register_setting("log.level", [](const std::string &value) {
+    log::set_level(value);
+    log::info("the log level is {}, as an operator asked", value);
+  });
   if (!config.control.enabled) return "";
   const std::string &name = config.control.group;
   const auto group = group_of(name);
@@ -153,6 +181,8 @@ void stop() {
   g_server.reset();
   g_views.clear();
   g_feeds.clear();
+  g_settings.clear();
+  stop_status();
   clear_commands();
 }
 

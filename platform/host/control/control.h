@@ -7,6 +7,7 @@
 //   {"call":"view","name":"timings","args":{}}  -> {"status":0,"data":...}
 //   {"call":"watch","name":"mom","args":{}}     -> {"status":0}, then a line for everything that happens, until the client goes;
 //                                                  {"missed":3} stands for as many lines that a slow reader did not get
+//   {"call":"set","name":"log.level","value":"info"}  -> {"status":0}; of the keys that the process takes over while it runs
 //   {"call":"list"}                             -> {"status":0,"modules":[...],"views":[...],"feeds":[...]}
 //   a request that is wrong                     -> {"status":2,"error":"what was wrong and what is allowed"}
 //   one that cannot be carried out now          -> {"status":1,"error":"why"}
@@ -47,6 +48,9 @@ using Feed = std::function<std::shared_ptr<void>(const nlohmann::json &args, Pus
 // qx_global_init.
 void register_view(const std::string &name, View view);
 void register_feed(const std::string &name, Feed feed);
+
+// Registers a key of the configuration that may be set while the process runs, for as long; `set` gets values that are allowed.
+void register_setting(const std::string &key, std::function<void(const std::string &value)> set);
 
 // The runtime's own calls. "" or the error.
 std::string start(const Config &config, const std::string &runtime_name);

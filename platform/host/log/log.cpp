@@ -47,6 +47,12 @@ class Service {
   bool take(const LineView &said);  // false while it is not open
   bool is_open();
   bool is_stuck() const { return stuck_; }
+  void set_level(std::string_view name);
+  std::string_view level() const;
+  Counts counts() {
+    std::lock_guard lock(mutex_);
+    return counts_;
+  }
 
  private:
   bool keeps(Level level) const;
@@ -62,7 +68,8 @@ class Service {
   std::condition_variable written_;  // for flush and close
   std::deque<Line> queue_;
   Repeats repeats_;
-  std::uint64_t dropped_ = 0;
+  std::uint64_t dropped_ = 0;  // and not told of yet
+  Counts counts_;
   bool open_ = false;
   bool busy_ = false;  // the writer holds lines of its own
   bool closing_ = false;
@@ -105,9 +112,7 @@ std::string Service::open(const Config &config, const std::string &ident) {
   } catch (const spdlog::spdlog_ex &e) {
     return "log." + config.log.target + " cannot be opened: " + e.what();
   }
-  const auto level = kLevels.find(config.log.level);
-  off_ = level == kLevels.end();
-  threshold_ = off_ ? Level::error : level->second;
+  set_level(config.log.level);
   std::lock_guard lock(mutex_);
   open_ = true;
   closing_ = false;
@@ -116,6 +121,24 @@ std::string Service::open(const Config &config, const std::string &ident) {
   fresh_.reset();
   writer_ = start_quietly([this] { run(); });
   return "";
+}
+
+void Service::set_level(std::string_view name) {
+  const auto level = kLevels.find(name);
+  off_ = level == kLevels.end();
+  threshold_ = off_ ? Level::error : level->second;
+}
+
+std::string_view Service::level() const {
+  const auto is_it = [this](const auto &known) { return known.second == threshold_; };
+  return off_ ? "off" : std::ranges::find_if(kLevels, is_it)->first;
+}
+
+// The level is taken over while the process runs.
+Reloaded take_level(const Config &fresh) {
+  if (level() == fresh.log.level) return {};
+  set_level(fresh.log.level);
+  return {.text = "the log level is " + fresh.log.level};
 }
 
 void Service::close() {
@@ -220,8 +243,10 @@ bool Service::is_open() {
 void Service::push(Line &&line) {
   if (queue_.size() >= kQueueLines) {
     ++dropped_;
+    ++counts_.dropped;
     return;
   }
+  ++counts_.lines[static_cast<std::size_t>(line.level)];
   queue_.push_back(std::move(line));
   if (queue_.size() == 1) work_.notify_one();
 }
@@ -284,6 +309,7 @@ void Service::write_out(spdlog::sinks::sink &sink, const Line &line) {
 std::string open(const Config &config, const std::string &ident) {
   static const int at_exit = std::atexit(close);  // for a process that ends without releasing its runtime
   if (at_exit != 0) return "out of memory";
+  at_reload({.keys = {"log.level"}, .take = take_level});
   at_reload({.keys = {}, .take = [](const Config &) { return service().reopen(); }});
   return service().open(config, ident);
 }
@@ -298,6 +324,18 @@ bool is_open() {
 
 void flush() {
   service().flush();
+}
+
+Counts counts() {
+  return service().counts();
+}
+
+void set_level(std::string_view name) {
+  service().set_level(name);
+}
+
+std::string_view level() {
+  return service().level();
 }
 
 void set_tap(std::function<void(const LineView &)> tap) {

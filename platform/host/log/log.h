@@ -8,6 +8,7 @@
 
 #include <fmt/format.h>
 
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -53,6 +54,19 @@ bool wants(const LineView &place);
 
 // Logs a line; without an open service it goes to standard error.
 void write(const LineView &line);
+
+// The least severe level that is kept: "debug", "info", "warning", "error", or "off" for none. Any of these may be set, by any
+// thread; other names count as "off".
+void set_level(std::string_view name);
+std::string_view level();
+
+struct Counts {
+  std::array<std::uint64_t, 4> lines{};  // kept, by level
+  std::uint64_t dropped = 0;             // the target was too slow
+};
+
+// Since the process began.
+Counts counts();
 
 // Tests: what is told of every line, before levels and collapsing, on the thread that logs it; null for nothing. Not to be
 // changed while other threads log.

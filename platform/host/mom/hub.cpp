@@ -135,6 +135,7 @@ bool Hub::listen(Slot &slot, const std::weak_ptr<Watcher> &watcher) {
 void Hub::reconnect(Database &db, int32_t type) {
   const bool up = type == 1 || type == 2;
   db.up = up;
+  db.reconnects += up;
   if (up) {
     for (auto &slot : db.slots) {
       if (!slot) continue;

@@ -58,6 +58,7 @@ struct Database {
   int32_t number;
   bool sync_up = false;
   bool up = false;
+  uint64_t reconnects = 0;  // times it came back
   bool wanted = false;     // connected asynchronously, or on the way to it
   std::string refusing;    // why the server refuses writes though it answers; empty while it takes them
   bool exclusive = false;  // only one process of this name may work on it
@@ -79,6 +80,7 @@ class Hub {
   // Null for a number that is none of QX_MOM_*_DB.
   Database *database(int32_t number);
   std::deque<Database> &databases() { return databases_; }
+  const std::deque<Database> &databases() const { return databases_; }
   Slot &slot(Database &db, const RecordType &type);
 
   int connect(Database &db, qx_mom_connect_cb callback, const char *label);

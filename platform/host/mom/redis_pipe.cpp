@@ -10,6 +10,7 @@
 #include <memory>
 #include <utility>
 
+#include "host/mom/round_trips.h"
 #include "host/runtime/loop.h"
 
 namespace mom {
@@ -54,6 +55,7 @@ std::string Pipe::open() {
 void Pipe::close() {
   if (!stream_.is_open()) return;
   ++generation_;
+  timed_ = 0;
   readable_.reset();
   writable_.reset();
   stream_.close();
@@ -73,6 +75,7 @@ void Pipe::send(std::span<const std::string_view> arguments, Answer answer) {
   append_command(command, arguments);
   stream_.write(command);
   pending_.push_back(answer ? std::move(answer) : [](const redisReply *) {});
+  time_last();
   watch_output();
 }
 
@@ -80,7 +83,15 @@ void Pipe::send_plain(std::string_view formatted) {
   if (!stream_.is_open()) return;
   stream_.write(formatted);
   pending_.emplace_back();
+  time_last();
   watch_output();
+}
+
+// The command given last, unless one is timed already.
+void Pipe::time_last() {
+  if (timed_ != 0) return;
+  timed_ = answered_ + pending_.size();
+  timed_since_ = std::chrono::steady_clock::now();
 }
 
 void Pipe::push() {
@@ -121,7 +132,10 @@ void Pipe::take(const redisReply *reply) {
   if (pending_.empty()) return take_message(reply);
   const Answer answer = std::move(pending_.front());
   pending_.pop_front();
-  ++answered_;
+  if (++answered_ == timed_) {
+    round_trips.piped.observe(std::chrono::steady_clock::now() - timed_since_);
+    timed_ = 0;
+  }
   (answer ? answer : on_plain)(reply);
 }
 

@@ -73,8 +73,13 @@ class Pipe {
   std::function<void(const std::string &)> ended_;
   Stream stream_;
   EventOwner readable_, writable_;
+  void time_last();
+
   std::deque<Answer> pending_;  // in the order of their commands; empty for a plain one
   uint64_t answered_ = 0;
+  // The command that is timed, by its number among those answered; 0 while none is.
+  uint64_t timed_ = 0;
+  std::chrono::steady_clock::time_point timed_since_{};
   unsigned generation_ = 0;  // of the connection
 };
 

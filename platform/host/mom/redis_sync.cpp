@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "host/mom/redis_scripts.h"
+#include "host/mom/round_trips.h"
 
 namespace mom {
 
@@ -83,8 +84,12 @@ Reply SyncConnection::exchange(std::span<const std::string_view> arguments) {
   std::string command;
   append_command(command, arguments);
   stream_->write(command);
+  const auto begun = std::chrono::steady_clock::now();
   while (true) {
-    if (Reply reply = stream_->next()) return reply;
+    if (Reply reply = stream_->next()) {
+      round_trips.blocking.observe(std::chrono::steady_clock::now() - begun);
+      return reply;
+    }
     if (!stream_->error().empty() || !stream_->send() || !wait() || !stream_->step()) return nullptr;
   }
 }

@@ -5,6 +5,7 @@
 #include "host/config/config.h"
 #include "host/mom/embedded.h"
 #include "host/mom/hub.h"
+#include "host/mom/metrics.h"
 #include "host/mom/redis_store.h"
 #include "host/mom/testing.h"
 #include "host/mom/views.h"
@@ -46,6 +47,7 @@ int start(qx_global *) {
   }
   living = hub.release();
   register_views(*living);
+  register_metrics(*living);
   host::at_finish([] {
     delete std::exchange(living, nullptr);
     cgst::reset();

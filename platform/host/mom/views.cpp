@@ -3,12 +3,16 @@
 #include <fmt/format.h>
 #include <time.h>
 
+#include <algorithm>
 #include <chrono>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
 #include "host/config/config.h"
+#include "host/config/text.h"
 #include "host/control/control.h"
+#include "host/control/status.h"
+#include "host/metrics/health.h"
 #include "host/mom/hub.h"
 #include "host/mom/render.h"
 
@@ -77,6 +81,26 @@ Json client(Hub &hub) {
     if (!db.refusing.empty()) refusing[std::to_string(db.number)] = db.refusing;
   return {{"connected", std::move(connected)}, {"refusing", std::move(refusing)}, {"delivered", hub.delivered()},
           {"queued", hub.later().size()},      {"refused_writes", hub.refused()}, {"skipped", hub.skipped()}};
+}
+
+// Why the database does not take what the process writes; "" when it does.
+std::string why_away(const Hub &hub) {
+  for (const Database &db : hub.databases()) {
+    if (db.wanted && !db.up) return fmt::format("database {} is not there", db.number);
+    if (!db.refusing.empty()) return fmt::format("database {} refuses writes: {}", db.number, db.refusing);
+  }
+  return "";
+}
+
+// A process that works alone on its databases stands by until it has them.
+Json status(Hub &hub) {
+  const bool stands_by = std::ranges::any_of(hub.databases(), [](const Database &db) { return db.exclusive && !db.up; });
+  return {{"store", hub.store().kind()},
+          {"url", host::masked(host::config().mom.url)},
+          {"role", stands_by ? "standby" : "active"},
+          {"error", why_away(hub)},
+          {"client", client(hub)},
+          {"in_flight", cgst::pipeline().writes}};
 }
 
 const RecordType &type_argument(std::string_view name) {
@@ -278,6 +302,8 @@ nlohmann::ordered_json decode_change(const nlohmann::json &change) {
 }
 
 void register_views(Hub &hub) {
+  host::control::register_status("database", [&hub] { return status(hub); });
+  host::health::add_check(host::health::Kind::ready, "database", [&hub] { return why_away(hub); });
   host::control::register_view("congestion", [&hub](const nlohmann::json &) { return congestion(hub); });
   host::control::register_view("mom", [&hub](const nlohmann::json &args) { return query(hub, args); });
   host::control::register_feed(

@@ -34,6 +34,7 @@ constexpr std::uint32_t kLittle = 4;
 constexpr std::size_t kFlowsRefreshed = 20'000;
 constexpr std::uint32_t kReportPeriodSeconds = 5;  // the daemon's own; it does not take another
 constexpr std::size_t kRefusalsKept = 200;
+constexpr std::size_t kControllersKnown = 1024;  // addresses
 constexpr auto kRunLimit = std::chrono::seconds(3);
 enum PortReason : std::uint8_t { kPortAdded = 0, kPortDeleted = 1, kPortModified = 2 };
 
@@ -190,6 +191,9 @@ void Agent::reconfigure(Settings fresh) {
     if (!endpoint.listens) dialers_.back()->dial();
   }
   settings_.controllers.swap(fresh.controllers);
+  std::erase_if(past_traffic_, [this](const auto &past) {
+    return std::ranges::find(settings_.controllers, past.first) == settings_.controllers.end();
+  });
   settings_.unusable.swap(fresh.unusable);
 }
 
@@ -221,10 +225,22 @@ void Agent::accept(BuffereventOwner bev, Peer peer, Dialer *dialer) {
     return;
   }
   const std::uint64_t generation = ++generations_ << 8 | number;
+  peer.controller = controller_number(peer.name);
   connections_[number] = std::make_unique<Connection>(static_cast<ConnectionEvents &>(*this), std::move(bev), std::move(peer),
                                                       generation, settings_.connections, clock::now().count());
   dialer_of_[number] = dialer;
   connections_[number]->start();
+}
+
+// The number of the address in "tcp:192.0.2.1:40132"; 0 when there have been too many.
+std::uint16_t Agent::controller_number(const std::string &peer) {
+  const std::size_t begin = peer.find(':') + 1, end = peer.rfind(':');
+  const std::string address = peer.substr(begin, end - begin);
+  const auto known = std::ranges::find(controller_addresses_, address);
+  if (known != controller_addresses_.end()) return static_cast<std::uint16_t>(known - controller_addresses_.begin());
+  if (controller_addresses_.size() > kControllersKnown) return 0;
+  controller_addresses_.push_back(address);
+  return static_cast<std::uint16_t>(controller_addresses_.size() - 1);
 }
 
 // A free connection number; kMaxConnections when every number is taken by a controller. Of the others the oldest makes room, so
@@ -261,6 +277,7 @@ void Agent::up(Connection &connection) {
 void Agent::gone(Connection &connection) {
   event_active(reap_event_.get(), 0, 0);
   bundles_.forget(connection.generation());
+  past_traffic_[connection.peer().endpoint] += connection.traffic();
   const bool was_up = connection.session().up;
   if (Dialer *dialer = std::exchange(dialer_of_[connection.number()], nullptr))
     dialer->ended(was_up, connection.why_closed());
@@ -347,6 +364,15 @@ std::vector<const Connection *> Agent::connections() const {
   std::vector<const Connection *> all;
   for (const auto &connection : connections_)
     if (connection && connection->is_up()) all.push_back(connection.get());
+  return all;
+}
+
+std::map<std::string, Traffic> Agent::traffic() const {
+  std::map<std::string, Traffic> all;
+  for (const std::string &endpoint : settings_.controllers)
+    if (const auto past = past_traffic_.find(endpoint); past != past_traffic_.end()) all.insert(*past);
+  for (const auto &connection : connections_)
+    if (connection && !connection->is_gone()) all[connection->peer().endpoint] += connection->traffic();
   return all;
 }
 
@@ -446,6 +472,7 @@ void Agent::drained(Connection &connection) {
 void Agent::refuse(Connection &connection, const Verdict &verdict, Bytes request) {
   connection.send_error(*verdict.error, request);
   ++refused_;
+  ++refusal_counts_[verdict.error];
   const char *name = message_name(be8(request, kOfType));
   refusals_.push_back({now_ns_, connection.peer().name, be32(request, kOfXid), name, verdict});
   if (refusals_.size() > kRefusalsKept) refusals_.pop_front();
@@ -457,6 +484,7 @@ void Agent::refuse(Connection &connection, const Verdict &verdict, Bytes request
 // ---- to the controllers
 
 void Agent::flow_failed(const Origin &origin, const Error &error, Bytes request) {
+  ++failure_counts_[&error];
   if (Connection *connection = find(origin.generation)) connection->send_error(error, origin.xid, request);
 }
 

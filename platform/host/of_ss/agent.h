@@ -187,6 +187,14 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   std::vector<const Connection *> connections() const;
   const std::deque<RefusalRecord> &refusals() const { return refusals_; }
   std::uint64_t refused() const { return refused_; }
+  // How often each error was sent: for requests that were refused, and for those that failed after they had been accepted.
+  using ErrorCounts = std::map<const Error *, std::uint64_t>;
+  const ErrorCounts &refusal_counts() const { return refusal_counts_; }
+  const ErrorCounts &failure_counts() const { return failure_counts_; }
+  // Messages by configured endpoint, also those of connections that have gone.
+  std::map<std::string, Traffic> traffic() const;
+  // The address that Peer::controller stands for; "" for 0.
+  const std::string &controller_address(std::uint16_t number) const { return controller_addresses_[number]; }
   std::uint64_t turned_away() const { return turned_away_; }
   const std::vector<std::string> &endpoints() const { return settings_.controllers; }
   EndpointState state_of(const std::string &endpoint) const;
@@ -239,6 +247,7 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   bool any_needs_ticks() const;
   void accept(BuffereventOwner bev, Peer peer, Dialer *dialer);
   std::size_t free_number();
+  std::uint16_t controller_number(const std::string &peer);
   void reap();
   void arrived(const Connection &connection);
   void left(const Connection &connection);
@@ -290,6 +299,9 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   FlowMod flow_mod_;
   std::deque<RefusalRecord> refusals_;
   std::uint64_t refused_ = 0, turned_away_ = 0;
+  std::vector<std::string> controller_addresses_{""};  // by number
+  ErrorCounts refusal_counts_, failure_counts_;
+  std::map<std::string, Traffic> past_traffic_;  // of connections that have gone
   SparingLine refusal_line_, failed_line_;
 
   bool replay_asked_ = false;  // as soon as the daemon has nothing under way

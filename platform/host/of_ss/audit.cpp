@@ -145,8 +145,8 @@ void doubt_flow(qx_global *global, std::uint64_t index) {
   qx_mom_publish(global, QX_MOM_UDP_DB, &flow.base, 0, 0);
 }
 
-// What a synchronisation does not repair is a meter that nobody asked for: the record of a meter outlives it. Such a meter is left
-// where the database was away when the meter was deleted.
+// What a synchronisation does not repair is a meter that nobody asked for: the record of a meter outlives it. Such a meter is
+// left where the database was away when the meter was deleted.
 void repair(Agent &agent, const std::vector<Difference> &differences) {
   bool others = false;
   for (const Difference &difference : differences) {
@@ -191,7 +191,8 @@ bool Audit::look() {
   std::vector<Difference> found, confirmed;
   const bool before = std::exchange(undisturbed_, compare(found));
   if (!undisturbed_) return false;
-  ++looks_;
+  ++counts_.looks;
+  looked_ = clock::now();
   std::ranges::set_intersection(found, last_, std::back_inserter(confirmed));
   last_ = std::move(found);
   if (!before) return false;
@@ -204,13 +205,13 @@ void Audit::note(std::vector<Difference> confirmed) {
   if (confirmed == confirmed_) return;
   confirmed_ = std::move(confirmed);
   if (confirmed_.empty()) return log::info("audit: the database holds what was asked for again");
-  found_ += confirmed_.size();
+  counts_.found += confirmed_.size();
   log::warn("audit: {} ({} differences between what was asked for and what is stored)", text(confirmed_.front()),
             confirmed_.size());
   if (!options_.repair) return;
   // What the database does not take cannot be repaired: when it is back, everything is handed over again.
   if (!mom::hub()->takes_writes()) return;
-  ++repairs_;
+  ++counts_.repairs;
   for (const Difference &difference : confirmed_)
     if (difference.what == Difference::flow_left_in_target) doubt_flow(global_, difference.number);
   agent_.run([this](Agent &agent) { repair(agent, confirmed_); });
@@ -223,7 +224,20 @@ json Audit::view() {
     const Wording &wording = kWordings[difference.what];
     list.push_back({{"kind", wording.kind}, {"number", difference.number}, {"what", wording.what}});
   }
-  return {{"settled", settled}, {"differences", std::move(list)}, {"looks", looks_}, {"found", found_}, {"repairs", repairs_}};
+  return {{"settled", settled},
+          {"differences", std::move(list)},
+          {"looks", counts_.looks},
+          {"found", counts_.found},
+          {"repairs", counts_.repairs}};
+}
+
+json Audit::summary() const {
+  const auto age = std::chrono::duration_cast<std::chrono::milliseconds>(clock::now() - looked_);
+  return {{"differences", confirmed_.size()},
+          {"looks", counts_.looks},
+          {"age_s", counts_.looks ? json(static_cast<double>(age.count()) / 1000) : json()},
+          {"found", counts_.found},
+          {"repairs", counts_.repairs}};
 }
 
 }  // namespace host::of_ss

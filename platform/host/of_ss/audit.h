@@ -49,6 +49,12 @@ class Audit {
   const std::vector<Difference> &differences() const { return confirmed_; }
   // A look and what is known after it, for kelimctl.
   nlohmann::json view();
+  // What is known, without another look.
+  nlohmann::json summary() const;
+  struct Counts {
+    std::uint64_t looks = 0, found = 0, repairs = 0;  // undisturbed looks; differences, repairs so far
+  };
+  const Counts &counts() const { return counts_; }
 
  private:
   bool compare(std::vector<Difference> &found);
@@ -60,7 +66,8 @@ class Audit {
   const Options options_;
   bool undisturbed_ = false;                  // the last look was
   std::vector<Difference> last_, confirmed_;  // ascending
-  std::uint64_t looks_ = 0, found_ = 0, repairs_ = 0;
+  Counts counts_;
+  clock::Time looked_{};  // the last undisturbed look
   Timer timer_;
 };
 

@@ -126,7 +126,8 @@ Verdict Bundles::commit(Connection &connection, Bytes message) {
   const auto at = open_.find(key_of(connection, message));
   if (at == open_.end()) return refuse(err::kBundleBadId, "bundle", "there is none with this number");
   const bool same_flags = at->second.flags == be16(message, kFlags), spoiled = at->second.spoiled;
-  Commit begun{std::move(at->second), number_of(message), {connection.generation(), be32(message, kOfXid)}};
+  Commit begun{
+      std::move(at->second), number_of(message), {connection.generation(), be32(message, kOfXid), connection.peer().controller}};
   bytes_ -= begun.bundle.messages.size();
   open_.erase(at);
   if (!same_flags) return refuse(err::kBundleBadFlags, "flags", "not those it was opened with");
@@ -183,7 +184,8 @@ bool Bundles::carry_out() {
   while (commit_->next < messages.size() && commit_->keep && !agent_.flows().has_failed()) {
     if (!agent_.may_work()) return false;
     const Bytes rest = messages.subspan(commit_->next), message = rest.first(be16(rest, kOfLength));
-    const Verdict verdict = carry_out_flow_mod(agent_, {commit_->origin.generation, be32(message, kOfXid)}, message);
+    const Verdict verdict =
+        carry_out_flow_mod(agent_, {commit_->origin.generation, be32(message, kOfXid), commit_->origin.controller}, message);
     commit_->next += message.size();
     commit_->keep = !verdict.refused();
     Connection *connection = agent_.find(commit_->origin.generation);

@@ -2,9 +2,9 @@
 //
 // Messages are handed on as they lie in the input buffer, a batch at a time. While they may not be (events.may_take), they stay
 // there: echo requests among them are answered at once, and when enough has piled up the connection is not read any more. What is
-// sent is bounded too: a peer that does not read is served no further messages, and in the end is closed: for what it holds alone,
-// or because it holds most where all connections together hold too much. A connection that goes on loses no message. Openflow
-// thread only.
+// sent is bounded too: a peer that does not read is served no further messages, and in the end is closed: for what it holds
+// alone, or because it holds most where all connections together hold too much. A connection that goes on loses no message.
+// Openflow thread only.
 #pragma once
 
 #include <event2/bufferevent.h>
@@ -54,9 +54,10 @@ struct FreeBufferevent {
 using BuffereventOwner = std::unique_ptr<bufferevent, FreeBufferevent>;
 
 struct Peer {
-  std::string name;           // "tcp:127.0.0.1:40132"
-  std::uint32_t address = 0;  // IPv4 as it lies in memory, first octet first; 0 for another kind
-  std::string endpoint;       // of the configuration, that it came by: "ptcp:0.0.0.0:6653"
+  std::string name;              // "tcp:127.0.0.1:40132"
+  std::uint32_t address = 0;     // IPv4 as it lies in memory, first octet first; 0 for another kind
+  std::string endpoint;          // of the configuration, that it came by: "ptcp:0.0.0.0:6653"
+  std::uint16_t controller = 0;  // number of its address among those that have been seen (Agent::controller_address); 0: none
 };
 
 struct ConnectionLimits {
@@ -66,6 +67,13 @@ struct ConnectionLimits {
 
 struct Traffic {
   std::uint64_t received = 0, sent = 0, errors = 0;  // messages
+
+  Traffic &operator+=(const Traffic &more) {
+    received += more.received;
+    sent += more.sent;
+    errors += more.errors;
+    return *this;
+  }
 };
 
 // The OpenFlow side's state of a connection, kept here for the protocol (protocol.h).

@@ -118,6 +118,7 @@ FlowEntry &FlowTable::put(Bytes flow_mod, const Place &place, std::uint64_t inde
   void *memory = ::operator new(sizeof(FlowEntry) + flow_mod.size());
   auto *entry = new (memory) FlowEntry{.created_ns = now_ns, .counts = {}, .slot = slot, .hash = place.hash};
   slots_[slot].reset(entry);
+  ++sent_;
   std::memcpy(entry->message(), flow_mod.data(), flow_mod.size());
   sb::put(entry->message(), sb::kFlowIndex, index);
   reserve_index_above(index);
@@ -135,6 +136,7 @@ FlowEntry &FlowTable::put(Bytes flow_mod, const Place &place, std::uint64_t inde
 }
 
 void FlowTable::remove(FlowEntry &entry) {
+  sent_ -= entry.state == FlowState::sent;
   delist(entry);
   by_index_.erase(entry.slot, [this](std::uint32_t s) { return index_hash_at(s); });
   if (entry.set_aside) {

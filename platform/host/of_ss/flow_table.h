@@ -68,6 +68,7 @@ struct FlowEntry {
   bool displaced : 1 = false;    // the daemon does not have it, or has been told to delete it, to make room for its newer form
   bool provisional : 1 = false;  // came in a transaction that is not at its end
   bool set_aside : 1 = false;    // was deleted in one
+  std::uint16_t controller = 0;  // who asked for it last (Peer::controller); 0 for one of an earlier life
 
   std::byte *message() { return reinterpret_cast<std::byte *>(this + 1); }
   const std::byte *message() const { return reinterpret_cast<const std::byte *>(this + 1); }
@@ -115,6 +116,10 @@ class FlowTable {
   // The same under the index that the message carries; later indexes will be greater. Null when the index is there or not
   // allowed.
   FlowEntry *restore(Bytes flow_mod, std::int64_t now_ns);
+  void mark_installed(FlowEntry &entry) {
+    entry.state = FlowState::installed;
+    --sent_;
+  }
   // Takes the entry out; when it was in force, its older form is in force again.
   void remove(FlowEntry &entry);
   // Takes the flow, which has no older form, out of force, and puts it back; its place must be free then.
@@ -134,6 +139,8 @@ class FlowTable {
   bool overlaps(Bytes flow_mod) const;
 
   std::size_t size() const { return by_index_.size(); }
+  // Of these, the ones that are not decided.
+  std::size_t sent() const { return sent_; }
   // Flows, each counted once whatever forms of it there are.
   std::size_t flows() const { return by_key_.size(); }
   std::size_t flows_of(std::uint8_t table_id) const { return flows_of_[table_id]; }
@@ -195,6 +202,7 @@ class FlowTable {
   SlotIndex by_match_, by_cookie_;  // the first of each list
   FlowGroups groups_;
   std::size_t flows_of_[kTableCount] = {};
+  std::size_t sent_ = 0;
   std::uint64_t next_index_ = 1;
 };
 

@@ -73,6 +73,7 @@ Verdict Flows::add(const FlowMod &mod, const Origin &origin, Bytes request, std:
     note_added(*before);
     ++counters_.added;
   }
+  before->controller = origin.controller;
   if (mod.flags & fm::kResetCounts) before->reset_counts();
   return {};
 }
@@ -199,6 +200,7 @@ bool Flows::change(FlowEntry &flow, const FlowMod &mod, const Origin &origin, By
     make_room(flow);
     form = &hand_over(changed, {flow.hash, &flow}, flow.created_ns);
     form->last_hit_s = flow.last_hit_s;
+    form->controller = origin.controller;
     ledger_.expect(form->index(), origin, request, same_request, now);
     note_added(*form);
   }
@@ -317,7 +319,7 @@ bool Flows::restore(Bytes flow_mod, std::int64_t now) {
   if (!is_flow_mod(flow_mod)) return false;
   FlowEntry *flow = table_.restore(flow_mod, now);
   if (!flow) return false;
-  flow->state = FlowState::installed;
+  table_.mark_installed(*flow);
   flow->last_hit_s = static_cast<std::uint32_t>(now / kSecond);
   // Two forms of one flow: the life before ended in the middle of a change. The older one is not replayed, so its record goes.
   while (FlowEntry *older = table_.at(flow->older)) table_.remove(*older);
@@ -388,6 +390,7 @@ void Flows::undo(const Transaction::Step &step) {
 
 void Flows::barrier(const BarrierTag &tag, const Origin &origin, bool waits, std::int64_t now) {
   if (!waits && ledger_.all_decided()) {
+    barrier_times_.observe({});
     events_.barrier_answered(origin);
     return;
   }
@@ -409,11 +412,16 @@ void Flows::batch_done(std::int64_t now) {
   if (uncovered >= kBarrierEvery || (uncovered > 0 && !ledger_.barrier_under_way())) fence(now);
 }
 
+void Flows::barrier_done(const SentBarrier &sent, std::int64_t now) {
+  if (sent.origin.generation) barrier_times_.observe(std::chrono::nanoseconds(now - sent.since_ns));
+  events_.barrier_answered(sent.origin);
+}
+
 void Flows::barrier_reply(Bytes reply, std::int64_t now) {
   const bool known =
       reply.size() >= sb::kBarrierLen && ledger_.barrier_replied(
                                              barrier_tag(reply), [this, now](const Pending &pending) { decided(pending, now); },
-                                             [this](const SentBarrier &sent) { events_.barrier_answered(sent.origin); });
+                                             [this, now](const SentBarrier &sent) { barrier_done(sent, now); });
   if (!known) ++counters_.duplicate_results;
 }
 
@@ -423,7 +431,8 @@ void Flows::decided(const Pending &pending, std::int64_t now) {
   FlowEntry *flow = table_.by_index(pending.index);
   if (!flow || flow->state != FlowState::sent) return;
   const bool failed_since = pending.failed;
-  flow->state = FlowState::installed;
+  table_.mark_installed(*flow);
+  install_times_.observe(std::chrono::nanoseconds(now - pending.since_ns));
   flow->latency_us = static_cast<std::uint32_t>(std::min<std::int64_t>((now - pending.since_ns) / 1000, UINT32_MAX));
   counters_.latency_max_us = std::max(counters_.latency_max_us, flow->latency_us);
   counters_.latency_sum_us += flow->latency_us;
@@ -501,6 +510,7 @@ void Flows::failed_late(FlowEntry &flow, std::int64_t now) {
 void Flows::add_again(FlowEntry &flow, std::int64_t now) {
   FlowEntry &again = hand_over(flow.southbound(), {flow.hash, &flow}, flow.created_ns);
   again.retried = true;
+  again.controller = flow.controller;
   ledger_.expect(again.index(), {}, {}, false, now);
   table_.remove(flow);
 }
@@ -574,8 +584,7 @@ void Flows::overdue_checked(const std::vector<std::uint64_t> &installed, std::in
 void Flows::give_up_barriers(std::int64_t now) {
   for (; is_overdue(ledger_.front_barrier(), now); ++counters_.lost_barriers)
     ledger_.barrier_replied(
-        ledger_.front_barrier()->tag, [](const Pending &) {},
-        [this](const SentBarrier &sent) { events_.barrier_answered(sent.origin); });
+        ledger_.front_barrier()->tag, [](const Pending &) {}, [this, now](const SentBarrier &sent) { barrier_done(sent, now); });
 }
 
 void Flows::give_up(const Pending &pending) {

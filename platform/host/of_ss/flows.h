@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 
+#include "host/metrics/histogram.h"
 #include "host/of_ss/flow_mod.h"
 #include "host/of_ss/flow_table.h"
 #include "host/of_ss/handover.h"
@@ -136,6 +137,9 @@ class Flows {
   const FlowTable &table() const { return table_; }
   const Ledger &ledger() const { return ledger_; }
   const FlowCounters &counters() const { return counters_; }
+  // From the hand-over of an add to its decision, from a controller's barrier to its answer.
+  const metrics::Histogram &install_times() const { return install_times_; }
+  const metrics::Histogram &barrier_times() const { return barrier_times_; }
   const std::deque<LateFailure> &late_failures() const { return late_failures_; }
   Handover &handover() { return handover_; }
 
@@ -191,6 +195,7 @@ class Flows {
   void give_up(const Pending &pending);
   void withdraw_failed(FlowEntry &flow, const Error &error);
   std::vector<FlowEntry *> users_of_meter(std::uint32_t meter_id) const;
+  void barrier_done(const SentBarrier &sent, std::int64_t now);
   void give_up_barriers(std::int64_t now);
   void check_timeout(FlowEntry &flow, std::int64_t now);
 
@@ -209,6 +214,7 @@ class Flows {
   std::optional<Deletion> deletion_;
   std::optional<Transaction> transaction_;
   FlowCounters counters_;
+  metrics::Histogram install_times_, barrier_times_;
   std::deque<LateFailure> late_failures_;
   std::vector<std::uint64_t> displaced_;  // indexes of displaced forms that are to be put back
   std::uint32_t told_capacity_ = 0;

@@ -18,6 +18,7 @@ namespace host::of_ss {
 struct Origin {
   std::uint64_t generation = 0;
   std::uint32_t xid = 0;
+  std::uint16_t controller = 0;  // its address (Peer::controller)
 };
 
 // An add that is not decided.

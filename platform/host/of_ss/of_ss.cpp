@@ -13,6 +13,7 @@
 
 #include "host/config/config.h"
 #include "host/control/control.h"
+#include "host/control/status.h"
 #include "host/ddm/ports.h"
 #include "host/fault/fault.h"
 #include "host/log/log.h"
@@ -21,6 +22,7 @@
 #include "host/of_ss/answers.h"
 #include "host/of_ss/audit.h"
 #include "host/of_ss/callbacks.h"
+#include "host/of_ss/metrics.h"
 #include "host/of_ss/settings.h"
 #include "host/of_ss/stored.h"
 #include "host/of_ss/testing.h"
@@ -352,10 +354,12 @@ int ss_of_init(qx_global *global) {
     if (agent) agent->ports_changed();
   });
   register_views([] { return agent.get(); });
-  host::control::register_view("audit", [](const nlohmann::json &) {
-    if (!audit) throw std::invalid_argument("the OpenFlow service library is not running yet");
-    return audit->view();
-  });
+  const auto running_audit = [] {
+    return audit ? audit.get() : throw std::invalid_argument("the OpenFlow service library is not running yet");
+  };
+  host::control::register_view("audit", [running_audit](const nlohmann::json &) { return running_audit()->view(); });
+  host::control::register_status("audit", [running_audit] { return running_audit()->summary(); });
+  register_metrics([] { return agent.get(); }, []() -> const Audit * { return audit.get(); });
   register_commands();
   host::at_reload({.keys = {"openflow.listen", "openflow.connect", "openflow.tls_cert", "openflow.tls_key", "openflow.tls_ca",
                             "openflow.tls_verify"},

@@ -15,7 +15,7 @@ constexpr std::uint32_t kPortDown = 1, kLinkDown = 1;  // OFPPC_PORT_DOWN, OFPPS
 constexpr std::size_t kHwAddrLen = 6;
 
 Origin origin_of(const Connection &connection, Bytes message) {
-  return {connection.generation(), be32(message, kOfXid)};
+  return {connection.generation(), be32(message, kOfXid), connection.peer().controller};
 }
 
 Verdict bad_length(const char *what) {

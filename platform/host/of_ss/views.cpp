@@ -2,10 +2,15 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
+#include "host/config/text.h"
 #include "host/control/control.h"
+#include "host/control/status.h"
+#include "host/metrics/health.h"
 #include "host/of_ss/agent.h"
 
 namespace host::of_ss {
@@ -15,6 +20,10 @@ using nlohmann::json;
 namespace sb = southbound;
 
 constexpr std::size_t kFlowsShown = 1000;
+constexpr std::size_t kErrorsInStatus = 3;  // of each kind
+
+constexpr const char *kNotRunning = "the OpenFlow service library is not running yet";
+constexpr const char *kTooBusy = "the OpenFlow service library is too busy to answer";
 
 Agent *(*current_agent)();
 
@@ -22,12 +31,23 @@ Agent *(*current_agent)();
 template <typename Collect>
 json collected(Collect &&collect) {
   Agent *agent = current_agent();
-  if (!agent) throw std::invalid_argument("the OpenFlow service library is not running yet");
+  if (!agent) throw std::invalid_argument(kNotRunning);
   json data;
-  if (!agent->run([&data, &collect](Agent &a) { data = collect(a); }))
-    throw std::invalid_argument("the OpenFlow service library is too busy to answer");
+  if (!agent->run([&data, &collect](Agent &a) { data = collect(a); })) throw std::invalid_argument(kTooBusy);
   return data;
 }
+
+// What a request wants to see of the flows.
+struct FlowFilter {
+  std::size_t limit = kFlowsShown;
+  std::uint64_t index = 0;  // 0: any
+  std::uint64_t cookie = 0, cookie_mask = 0;
+  std::string state = {}, controller = {};  // empty: any
+  // Of each list one has to stand in the match, whole or as the name of a field.
+  std::vector<std::vector<std::string>> terms = {};
+
+  bool fits(const Agent &agent, const FlowEntry &flow, std::string_view match) const;
+};
 
 std::size_t number(const json &args, const char *name, std::size_t fallback) {
   if (!args.is_object() || !args.contains(name)) return fallback;
@@ -48,13 +68,16 @@ const char *state_name(FlowState state) {
   return state == FlowState::sent ? "sent" : "installed";
 }
 
-json flow_json(const FlowEntry &flow, std::int64_t now) {
+json flow_json(const Agent &agent, const FlowEntry &flow) {
+  const std::int64_t now = agent.now();
+  const std::string &controller = agent.controller_address(flow.controller);
   return {{"table", flow.table_id()},
           {"priority", flow.priority()},
           {"match", match_text(southbound_match(flow.southbound()))},
           {"actions", actions_text(flow.southbound())},
           {"cookie", fmt::format("0x{:x}", flow.cookie())},
           {"index", flow.index()},
+          {"controller", controller.empty() ? json() : json(controller)},
           {"state", state_name(flow.state)},
           {"replaced", !flow.in_force},
           {"latency_us", flow.latency_us},
@@ -85,16 +108,66 @@ json counters_json(const Flows &flows) {
           {"replays", c.replays}};
 }
 
-// {"limit": 1000, "index": N}
-json flows_view(Agent &agent, std::size_t limit, std::size_t index) {
+json failure_json(const LateFailure &f) {
+  return {{"index", f.index}, {"table", f.table_id}, {"priority", f.priority}, {"match", f.match}, {"error", f.error->name}};
+}
+
+// Whether `term` is one of the fields in the text of a match, or the name of one.
+bool has_term(std::string_view match, std::string_view term) {
+  for (std::size_t begin = 0; begin <= match.size();) {
+    const std::size_t end = std::min(match.find(',', begin), match.size());
+    const std::string_view field = match.substr(begin, end - begin);
+    if (field == term || field.substr(0, field.find('=')) == term) return true;
+    begin = end + 1;
+  }
+  return false;
+}
+
+bool FlowFilter::fits(const Agent &agent, const FlowEntry &flow, std::string_view match) const {
+  const auto has_one = [match](const auto &any) {
+    return std::ranges::any_of(any, [match](const std::string &term) { return has_term(match, term); });
+  };
+  return (index == 0 || flow.index() == index) && ((flow.cookie() ^ cookie) & cookie_mask) == 0 &&
+         (state.empty() || state == state_name(flow.state)) &&
+         (controller.empty() || controller == agent.controller_address(flow.controller)) && std::ranges::all_of(terms, has_one);
+}
+
+// "0x17", "23" or "0x17/0xff".
+void read_cookie(const std::string &text, FlowFilter &filter) {
+  const auto read = [](const std::string &part, std::uint64_t &to) {
+    const bool hex = part.starts_with("0x");
+    const auto value = host::number(std::string_view(part).substr(hex ? 2 : 0), hex ? 16 : 10);
+    if (!value) throw control::Refusal("cookie takes a number, or a number and a mask, such as 0x17/0xff");
+    to = *value;
+  };
+  const std::size_t slash = text.find('/');
+  read(text.substr(0, slash), filter.cookie);
+  filter.cookie_mask = ~std::uint64_t{0};
+  if (slash != text.npos) read(text.substr(slash + 1), filter.cookie_mask);
+}
+
+FlowFilter filter_of(const json &args) {
+  FlowFilter filter{.limit = number(args, "limit", kFlowsShown), .index = number(args, "index", 0)};
+  if (!args.is_object()) return filter;
+  if (args.contains("cookie")) read_cookie(args.at("cookie").get<std::string>(), filter);
+  filter.state = args.value("state", "");
+  filter.controller = args.value("controller", "");
+  if (!filter.state.empty() && filter.state != state_name(FlowState::sent) && filter.state != state_name(FlowState::installed))
+    throw control::Refusal("state is sent or installed");
+  if (args.contains("match")) filter.terms = args.at("match").get<std::vector<std::vector<std::string>>>();
+  return filter;
+}
+
+// {"limit": 1000, "index": N, "cookie": "0x17/0xff", "state": "sent", "controller": "192.0.2.1", "match": [["tcp_dst=80",
+// "udp_dst=80"], ...]}
+json flows_view(Agent &agent, const FlowFilter &filter) {
   const Flows &flows = agent.flows();
   json list = json::array(), failures = json::array();
   std::uint32_t cursor = 0;
-  while (const FlowEntry *flow = list.size() < limit ? flows.table().next(cursor) : nullptr)
-    if (index == 0 || flow->index() == index) list.push_back(flow_json(*flow, agent.now()));
-  for (const LateFailure &f : flows.late_failures())
-    failures.push_back(
-        {{"index", f.index}, {"table", f.table_id}, {"priority", f.priority}, {"match", f.match}, {"error", f.error->name}});
+  while (const FlowEntry *flow = list.size() < filter.limit ? flows.table().next(cursor) : nullptr)
+    if (filter.fits(agent, *flow, filter.terms.empty() ? "" : match_text(southbound_match(flow->southbound()))))
+      list.push_back(flow_json(agent, *flow));
+  for (const LateFailure &f : flows.late_failures()) failures.push_back(failure_json(f));
   return {{"flows", std::move(list)},
           {"total", flows.table().size()},
           {"capacity", flows.capacity()},
@@ -105,6 +178,15 @@ json flows_view(Agent &agent, std::size_t limit, std::size_t index) {
 const char *role_name(Role role) {
   constexpr const char *kNames[] = {"nochange", "equal", "master", "slave"};
   return kNames[static_cast<std::size_t>(role)];
+}
+
+json endpoints_json(const Agent &agent) {
+  json endpoints = json::array();
+  for (const std::string &endpoint : agent.endpoints()) {
+    EndpointState state = agent.state_of(endpoint);
+    endpoints.push_back({{"endpoint", endpoint}, {"state", std::move(state.name)}, {"error", std::move(state.error)}});
+  }
+  return endpoints;
 }
 
 json controllers_view(Agent &agent) {
@@ -119,13 +201,8 @@ json controllers_view(Agent &agent) {
                     {"errors", c->traffic().errors},
                     {"unsent_bytes", c->unsent()},
                     {"waiting", c->is_waiting()}});
-  json endpoints = json::array();
-  for (const std::string &endpoint : agent.endpoints()) {
-    EndpointState state = agent.state_of(endpoint);
-    endpoints.push_back({{"endpoint", endpoint}, {"state", std::move(state.name)}, {"error", std::move(state.error)}});
-  }
   return {{"controllers", std::move(list)},
-          {"endpoints", std::move(endpoints)},
+          {"endpoints", endpoints_json(agent)},
           {"datapath_id", fmt::format("{:016x}", agent.datapath_id())},
           {"turned_away", agent.turned_away()}};
 }
@@ -146,19 +223,48 @@ json meters_view(Agent &agent) {
   return {{"meters", std::move(list)}, {"capacity", kMaxMeters}};
 }
 
+json refusal_json(const RefusalRecord &r, std::int64_t now) {
+  return {{"age_s", seconds(now - r.when_ns)},
+          {"peer", r.peer},
+          {"request", r.request},
+          {"xid", r.xid},
+          {"error", r.verdict.error->name},
+          {"type", r.verdict.error->type},
+          {"code", r.verdict.error->code},
+          {"field", r.verdict.what},
+          {"reason", r.verdict.why}};
+}
+
 json refusals_view(Agent &agent) {
   json list = json::array();
-  for (const RefusalRecord &r : agent.refusals())
-    list.push_back({{"age_s", seconds(agent.now() - r.when_ns)},
-                    {"peer", r.peer},
-                    {"request", r.request},
-                    {"xid", r.xid},
-                    {"error", r.verdict.error->name},
-                    {"type", r.verdict.error->type},
-                    {"code", r.verdict.error->code},
-                    {"field", r.verdict.what},
-                    {"reason", r.verdict.why}});
+  for (const RefusalRecord &r : agent.refusals()) list.push_back(refusal_json(r, agent.now()));
   return {{"refusals", std::move(list)}, {"total", agent.refused()}};
+}
+
+// The last few of a list, the latest first.
+template <typename List, typename Show>
+json latest(const List &list, Show &&show) {
+  json shown = json::array();
+  for (auto at = list.rbegin(); at != list.rend() && shown.size() < kErrorsInStatus; ++at) shown.push_back(show(*at));
+  return shown;
+}
+
+json status(Agent &agent) {
+  const Flows &flows = agent.flows();
+  std::map<std::string, std::size_t> roles;
+  for (const Connection *connection : agent.connections()) ++roles[role_name(connection->session().role)];
+  return {{"datapath_id", fmt::format("{:016x}", agent.datapath_id())},
+          {"controllers", roles},
+          {"endpoints", endpoints_json(agent)},
+          {"flows", flows.table().size()},
+          {"capacity", flows.capacity()},
+          {"meters", agent.meters().all().size()},
+          {"meter_capacity", kMaxMeters},
+          {"undecided", flows.ledger().undecided_adds()},
+          {"refused", agent.refused()},
+          {"failed", flows.counters().failed},
+          {"last_refusals", latest(agent.refusals(), [now = agent.now()](const auto &r) { return refusal_json(r, now); })},
+          {"last_failures", latest(flows.late_failures(), failure_json)}};
 }
 
 }  // namespace
@@ -166,12 +272,17 @@ json refusals_view(Agent &agent) {
 void register_views(Agent *(*agent)()) {
   current_agent = agent;
   control::register_view("flows", [](const json &args) {
-    const std::size_t limit = number(args, "limit", kFlowsShown), index = number(args, "index", 0);
-    return collected([limit, index](Agent &a) { return flows_view(a, limit, index); });
+    return collected([filter = filter_of(args)](Agent &a) { return flows_view(a, filter); });
   });
   control::register_view("controllers", [](const json &) { return collected(controllers_view); });
   control::register_view("meters", [](const json &) { return collected(meters_view); });
   control::register_view("refusals", [](const json &) { return collected(refusals_view); });
+  control::register_status("openflow", [] { return collected(status); });
+  health::add_check(health::Kind::ready, "openflow", [] { return current_agent() ? "" : kNotRunning; });
+  health::add_check(health::Kind::alive, "openflow", [] {
+    Agent *running = current_agent();
+    return !running || running->run([](Agent &) {}) ? "" : kTooBusy;
+  });
 }
 
 }  // namespace host::of_ss

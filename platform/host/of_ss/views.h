@@ -1,5 +1,5 @@
-// What kelimctl shows of the agent: "flows", "controllers", "meters", "refusals". Loop's thread; the data is collected on the
-// openflow thread.
+// What kelimctl shows of the agent: "flows", "controllers", "meters", "refusals" and its part of "status"; and whether it works.
+// Loop's thread; the data is collected on the openflow thread.
 #pragma once
 
 namespace host::of_ss {

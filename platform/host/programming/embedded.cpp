@@ -1,6 +1,11 @@
 #include "host/programming/embedded.h"
 
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+
 #include "host/config/config.h"
+#include "host/control/status.h"
+#include "host/metrics/metrics.h"
 #include "host/runtime/services.h"
 #include "programmer/programmer.h"
 
@@ -11,11 +16,56 @@ namespace {
 constexpr const char *kOwnDatabase =
     "mom.url (KELIM_MOM_URL) is embedded:, a database of this process alone; it must be one that the daemon shares";
 
+nlohmann::ordered_json status() {
+  const auto now = programmer::totals();
+  if (!now) throw std::runtime_error("the programming service does not run");
+  return {{"flows", now->flows},     {"size", now->size},         {"meters", now->meters},
+          {"waiting", now->waiting}, {"owed", now->owed},         {"installed", now->installed},
+          {"failed", now->failed},   {"resource", now->resource}, {"skipped", now->skipped}};
+}
+
+constexpr metrics::Row<programmer::Totals> kRows[] = {
+    {{"kelim_programmer_flows", metrics::Kind::gauge, "Flows in the target."}, &programmer::Totals::flows},
+    {{"kelim_programmer_flow_capacity", metrics::Kind::gauge, "Flows that the target has room for."}, &programmer::Totals::size},
+    {{"kelim_programmer_meters", metrics::Kind::gauge, "Meters in the target."}, &programmer::Totals::meters},
+    {{"kelim_programmer_addresses", metrics::Kind::gauge, "Controller addresses in the target."}, &programmer::Totals::addresses},
+    {{"kelim_programmer_answers_waiting", metrics::Kind::gauge, "Answers that wait for their time."},
+     &programmer::Totals::waiting},
+    {{"kelim_programmer_answers_owed", metrics::Kind::gauge, "Answers that the database has not taken yet."},
+     &programmer::Totals::owed},
+    {{"kelim_programmer_flows_untouched_total", metrics::Kind::counter,
+      "Flows written anew without a change: the target was not asked."},
+     &programmer::Totals::untouched},
+    {{"kelim_programmer_flows_removed_total", metrics::Kind::counter, "Flows that have left the target."},
+     &programmer::Totals::removed},
+    {{"kelim_programmer_counter_records_total", metrics::Kind::counter, "Counter records written."},
+     &programmer::Totals::counters},
+    {{"kelim_programmer_flows_translated_total", metrics::Kind::counter, "Service-chain flows translated into entries."},
+     &programmer::Totals::translated},
+    {{"kelim_programmer_records_skipped_total", metrics::Kind::counter, "Records that could not be read."},
+     &programmer::Totals::skipped},
+};
+
+void write_metrics(metrics::Page &page) {
+  const auto now = programmer::totals();
+  if (!now) return;
+  metrics::write_rows(page, kRows, *now);
+  page.begin({"kelim_programmer_answers_total", metrics::Kind::counter, "Answers of the target to flows, by outcome."});
+  page.sample(now->installed, {{"outcome", "installed"}});
+  page.sample(now->failed, {{"outcome", "failed"}});
+  page.sample(now->resource, {{"outcome", "no_room"}});
+}
+
 }  // namespace
 
 std::string start(const Config &config, qx_global *global) {
+  const bool is_its_own = runtime_name() == programmer::kProcess;
+  if (is_its_own || config.programmer.embedded) {
+    control::register_status("programmer", status);
+    metrics::add_source(write_metrics);
+  }
   // That process starts the service itself, whatever a configuration shared with the daemon says of the daemon's own.
-  if (runtime_name() == programmer::kProcess) return config.mom.url == "embedded:" ? kOwnDatabase : "";
+  if (is_its_own) return config.mom.url == "embedded:" ? kOwnDatabase : "";
   const Config::Programmer &key = config.programmer;
   if (!key.embedded) return "";
   programmer::Options options;

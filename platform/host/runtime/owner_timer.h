@@ -4,6 +4,8 @@
 
 #include <functional>
 
+#include "host/metrics/histogram.h"
+
 namespace host {
 
 // Something was handed over that the owner's timer works off. `prompt`: the timer runs in the loop's next turn, through the
@@ -14,5 +16,8 @@ void handed_to_owner(bool prompt);
 // Has `ran` called after each run of the owner's timer, in the same turn; where no such timer is armed, for each hand-over in
 // place of the run. Null takes it away, and so does the end of the runtime. Loop's thread.
 void after_owner_timer(std::function<void()> ran);
+
+// How long its runs took, since the process began. Loop's thread.
+const metrics::Histogram &owner_timer_runs();
 
 }  // namespace host

@@ -51,7 +51,10 @@ int reload(std::vector<std::string> *lines) {
   for (const Reloadable &service : g_services) {
     const Reloaded outcome = service.take(fresh);
     tell(outcome.done, outcome.text);
-    if (!outcome.done) rv = -1;
+    if (outcome.done)
+      config_taken_over(service.keys);
+    else
+      rv = -1;
   }
   tell(true, waiting_for_a_start(fresh));
   if (!told) tell(true, runtime_name() + " has nothing to reload");

@@ -25,6 +25,7 @@
 #include "host/control/control.h"
 #include "host/fault/fault.h"
 #include "host/log/log.h"
+#include "host/metrics/metrics.h"
 #include "host/programming/embedded.h"
 #include "host/runtime/loop.h"
 #include "host/runtime/owner_timer.h"
@@ -118,6 +119,7 @@ class OpenMailbox {
 std::atomic<bool> g_stop{false};
 std::atomic<bool> g_handed_over{false};  // since the owner's timer began to run
 std::atomic<std::thread::id> g_loop_thread{};
+metrics::Histogram g_owner_timer_runs;
 
 struct Runtime {
   explicit Runtime(const char *runtime_name);
@@ -192,7 +194,9 @@ void tell_after_owner_timer() {
 // What is handed over from here on asks for a run of its own; all that was before is found by this one.
 void run_owner_timer(qx_thread &timer) {
   g_handed_over = false;
+  const auto begun = std::chrono::steady_clock::now();
   timer.func(&timer);
+  g_owner_timer_runs.observe(std::chrono::steady_clock::now() - begun);
   tell_after_owner_timer();
 }
 
@@ -215,6 +219,7 @@ bool complain(const std::string &who, const std::string &why, int error = 0) {
 bool start_services(Runtime &runtime) {
   if (const std::string error = log::open(config(), runtime.name); !error.empty()) return complain(runtime.name, error);
   if (const std::string error = control::start(config(), runtime.name); !error.empty()) return complain(runtime.name, error);
+  metrics::start(config());
   for (const StartHook &hook : start_hooks()) {
     if (const int rv = hook.start(&runtime.global); rv != 0)
       return complain(runtime.name, g_start_error.empty()
@@ -279,6 +284,10 @@ void handed_to_owner(bool prompt) {
 
 void after_owner_timer(std::function<void()> ran) {
   if (g_runtime) g_runtime->after_owner_timer = std::move(ran);
+}
+
+const metrics::Histogram &owner_timer_runs() {
+  return g_owner_timer_runs;
 }
 
 void stop_loop() {

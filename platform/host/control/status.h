@@ -1,0 +1,20 @@
+// The view "status": one screen of what an operator asks first, put together from what each service says of itself. Loop's
+// thread.
+#pragma once
+
+#include <functional>
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+
+namespace host::control {
+
+using StatusPart = std::function<nlohmann::ordered_json()>;
+
+// Registers a part until the runtime is released. One that throws is shown as {"error": "why"}.
+void register_status(const std::string &name, StatusPart part);
+
+// Registers the view, with the part "process".
+void start_status();
+void stop_status();
+
+}  // namespace host::control

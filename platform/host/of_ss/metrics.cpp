@@ -1,0 +1,102 @@
+#include "host/of_ss/metrics.h"
+
+#include <map>
+#include <string>
+
+#include "host/metrics/metrics.h"
+#include "host/of_ss/agent.h"
+#include "host/of_ss/audit.h"
+
+namespace host::of_ss {
+namespace {
+
+using metrics::Kind;
+using metrics::Page;
+
+constexpr metrics::Row<FlowCounters> kFlowRows[] = {
+    {{"kelim_flows_added_total", Kind::counter, "Adds that were handed over to be installed."}, &FlowCounters::added},
+    {{"kelim_flows_unchanged_total", Kind::counter, "Adds of a flow that was installed just so."}, &FlowCounters::unchanged},
+    {{"kelim_flows_installed_total", Kind::counter, "Flows, and changed forms of flows, that were decided as installed."},
+     &FlowCounters::decided},
+    {{"kelim_flows_removed_total", Kind::counter, "Flows that went by a delete or a timeout."}, &FlowCounters::removed},
+    {{"kelim_flows_failed_total", Kind::counter, "Flows that failed after they had been accepted."}, &FlowCounters::failed},
+    {{"kelim_flows_given_up_total", Kind::counter, "Of these, the ones that nobody answered for in time."},
+     &FlowCounters::timed_out},
+    {{"kelim_flows_retried_total", Kind::counter, "Installed flows that failed later and were handed over once more."},
+     &FlowCounters::retried},
+    {{"kelim_flows_changed_in_place_total", Kind::counter, "Changes in a full table, where the old form had to go first."},
+     &FlowCounters::changed_in_place},
+    {{"kelim_own_barriers_total", Kind::counter, "Barriers that the agent itself put behind what it handed over."},
+     &FlowCounters::own_barriers},
+    {{"kelim_lost_barriers_total", Kind::counter, "Barriers whose answer never came."}, &FlowCounters::lost_barriers},
+    {{"kelim_duplicate_results_total", Kind::counter, "Results for what had been answered before."},
+     &FlowCounters::duplicate_results},
+    {{"kelim_synchronisations_total", Kind::counter, "Times that everything was handed over again."}, &FlowCounters::replays},
+};
+
+void write_flows(Page &page, const Flows &flows) {
+  const FlowTable &table = flows.table();
+  page.begin({"kelim_flows", Kind::gauge, "Flows that are asked for, by state: sent and not decided yet, or installed."});
+  page.sample(table.sent(), {{"state", "sent"}});
+  page.sample(table.size() - table.sent(), {{"state", "installed"}});
+  page.single({"kelim_flow_capacity", Kind::gauge, "Flows there is room for; 0 while that is not known."}, flows.capacity());
+  page.single({"kelim_undecided", Kind::gauge, "Calls handed over that are not answered for."}, flows.ledger().outstanding());
+  metrics::write_rows(page, kFlowRows, flows.counters());
+  page.begin({"kelim_flow_install_seconds", Kind::histogram, "From the hand-over of an add until it was decided as installed."});
+  page.histogram(flows.install_times());
+  page.begin({"kelim_barrier_seconds", Kind::histogram, "From a controller's barrier until its answer."});
+  page.histogram(flows.barrier_times());
+}
+
+void write_errors(Page &page, const metrics::Family &family, const Agent::ErrorCounts &counts) {
+  page.begin(family);
+  for (const auto &[error, count] : counts) page.sample(count, {{"error", error->name}});
+}
+
+void write_controllers(Page &page, const Agent &agent) {
+  page.begin({"kelim_controllers", Kind::gauge, "Controllers that are connected, by endpoint of the configuration."});
+  std::map<std::string, std::uint64_t> connected;
+  for (const std::string &endpoint : agent.endpoints()) connected[endpoint] = 0;
+  for (const Connection *connection : agent.connections()) ++connected[connection->peer().endpoint];
+  for (const auto &[endpoint, count] : connected) page.sample(count, {{"endpoint", endpoint}});
+  const auto traffic = agent.traffic();
+  const auto write = [&page, &traffic](const metrics::Family &family, std::uint64_t Traffic::*count) {
+    page.begin(family);
+    for (const auto &[endpoint, counts] : traffic) page.sample(counts.*count, {{"endpoint", endpoint}});
+  };
+  write({"kelim_controller_received_messages_total", Kind::counter, "Messages of controllers, by endpoint."}, &Traffic::received);
+  write({"kelim_controller_sent_messages_total", Kind::counter, "Messages to controllers, by endpoint."}, &Traffic::sent);
+  write({"kelim_controller_sent_errors_total", Kind::counter, "Of these, the errors."}, &Traffic::errors);
+  page.single({"kelim_controllers_turned_away_total", Kind::counter, "Connections beyond the limit."}, agent.turned_away());
+}
+
+void write_agent(Page &page, const Agent &agent) {
+  write_flows(page, agent.flows());
+  page.single({"kelim_meters", Kind::gauge, "Meters that are asked for."}, agent.meters().all().size());
+  write_errors(page, {"kelim_refusals_total", Kind::counter, "Requests that were refused, by OpenFlow error."},
+               agent.refusal_counts());
+  write_errors(
+      page, {"kelim_failures_total", Kind::counter, "Flow requests that failed after they had been accepted, by OpenFlow error."},
+      agent.failure_counts());
+  write_controllers(page, agent);
+}
+
+void write_audit(Page &page, const Audit &audit) {
+  page.single({"kelim_audit_differences", Kind::gauge, "Differences between what was asked for and what is stored."},
+              audit.differences().size());
+  page.single({"kelim_audit_looks_total", Kind::counter, "Undisturbed comparisons of the two."}, audit.counts().looks);
+  page.single({"kelim_audit_repairs_total", Kind::counter, "Repairs of differences."}, audit.counts().repairs);
+}
+
+}  // namespace
+
+void register_metrics(Agent *(*agent)(), const Audit *(*audit)()) {
+  metrics::add_source([agent, audit](Page &page) {
+    Agent *running = agent();
+    const bool answered = running && running->run([&page](Agent &a) { write_agent(page, a); });
+    page.single({"kelim_openflow_up", Kind::gauge, "Whether the OpenFlow agent runs and answers."}, answered);
+    if (const Audit *looking = audit()) write_audit(page, *looking);
+  });
+}
+
+}  // namespace host::of_ss
