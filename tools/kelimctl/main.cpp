@@ -353,7 +353,6 @@ void add_config(CLI::App &app, Choices &choices, Action &action, std::function<v
   command->add_flag("--json", choices.view.json, "the data instead of text");
   command->add_flag("--markdown", choices.markdown, "as docs/configuration.md");
   command->add_flag("--toml", choices.toml, "as a host.toml in which every key is commented out");
-  command->callback([&] { local = [&] { show_config(choices); }; });
   command->add_flag("--effective", choices.effective, "the values in force in the process, and where they come from");
   explain(command,
           "  kelimctl config | less\n  kelimctl config --effective\n  kelimctl config --effective --json | jq '.keys[] | "
