@@ -61,8 +61,8 @@ Message request_of(const std::string &input) {
 TEST_F(AgentTest, RequestsAreAnswered) {
   const Cases cases = {"FEATURES: 05 -> 06 00000000000000ab 00000000 02 00 0000 00000007 00000000",
                        "GET_CONFIG: 07 -> 08 0000 0080",
-                       "SET_CONFIG: 09 0001 ffff ->",
-                       "GET_CONFIG of what was set: 07 -> 08 0001 ffff",
+                       "SET_CONFIG: 09 0000 ffff ->",
+                       "GET_CONFIG of what was set: 07 -> 08 0000 ffff",
                        "GET_ASYNC: 1a -> 1b 00000007 00000000 00000007 00000007 0000000f 00000000",
                        "SET_ASYNC: 1c 00000001 00000002 00000003 00000004 00000005 00000006 ->",
                        "GET_ASYNC of what was set: 1a -> 1b 00000001 00000002 00000003 00000004 00000005 00000006",
@@ -82,7 +82,7 @@ TEST_F(AgentTest, RequestsAreAnswered) {
                        "GROUP: 12 0006 0000 00000000 fffffffc 00000000 -> 13 0006 0000 00000000",
                        "GROUP_DESC: 12 0007 0000 00000000 -> 13 0007 0000 00000000",
                        "GROUP_FEATURES: 12 0008 0000 00000000 -> 13 0008 0000 00000000 00000000 00000000 00000000",
-                       "METER_FEATURES: 12 000b 0000 00000000 -> 13 000b 0000 00000000 00000400 00000006 0000000f 08 00 0000",
+                       "METER_FEATURES: 12 000b 0000 00000000 -> 13 000b 0000 00000000 00000400 00000006 00000007 08 00 0000",
                        "PORT_DESC: 12 000d 0000 00000000 -> 13 000d 0000 00000000 00000001 00000000 020000000001 0000 "
                        "70310000000000000000000000000000 00000000 00000000",
                        "a bundle opened: 04 4f4e4600 000008fc 00000005 0000 0003 -> 04 4f4e4600 000008fc 00000005 0001 0003",
@@ -163,7 +163,7 @@ TEST_F(Refused, Requests) {
       "8/0 TABLE_MOD of table 2: 11 02 000000 00000000",
       "8/1 TABLE_MOD that configures: 11 00 000000 00000001",
       "9/0 QUEUE_GET_CONFIG of a port that is not there: 16 00000009 00000000",
-      "10/0 SET_CONFIG with unknown flags: 09 0004 0080",
+      "10/0 SET_CONFIG that drops fragments: 09 0001 0080",
       "11/2 ROLE 4: 18 00000004 00000000 0000000000000000",
       "12/2 meter 0: 1d 0000 0001 00000000",
       "12/2 all in an add: 1d 0000 0001 ffffffff",

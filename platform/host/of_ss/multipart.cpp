@@ -304,7 +304,7 @@ Verdict meter_features(Agent &agent, Connection &connection, Bytes request) {
   Writer &out = parts.entry();
   out.u32(kMaxMeters);
   out.u32(1 << kBandDrop | 1 << kBandDscpRemark);
-  out.u32(kKnownMeterFlags);
+  out.u32(kKnownMeterFlags & ~kMeterStats);  // whoever wishes for statistics is not refused, and gets none
   out.u8(kMaxBands);
   out.u8(0);
   out.zeros(2);

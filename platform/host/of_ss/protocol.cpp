@@ -10,7 +10,6 @@ namespace host::of_ss {
 namespace {
 
 constexpr std::uint32_t kFlowStats = 1, kTableStats = 2, kPortStats = 4;  // OFPC_*
-constexpr std::uint16_t kFragmentsMask = 3;
 constexpr std::uint32_t kPortDown = 1, kLinkDown = 1;  // OFPPC_PORT_DOWN, OFPPS_LINK_DOWN
 constexpr std::size_t kHwAddrLen = 6;
 
@@ -48,7 +47,7 @@ Verdict features(Agent &agent, Connection &connection, Bytes message) {
 
 Verdict get_config(Agent &agent, Connection &connection, Bytes message) {
   Reply reply(agent.scratch(), kGetConfigReply, be32(message, kOfXid));
-  reply.out.u16(connection.session().config_flags);
+  reply.out.u16(0);  // no special handling of fragments
   reply.out.u16(connection.session().miss_send_len);
   reply.send(connection);
   return {};
@@ -56,8 +55,7 @@ Verdict get_config(Agent &agent, Connection &connection, Bytes message) {
 
 Verdict set_config(Agent &, Connection &connection, Bytes message) {
   const std::uint16_t flags = be16(message, 8);
-  if (flags & ~kFragmentsMask) return refuse(err::kConfigBadFlags, "flags", "unknown flag");
-  connection.session().config_flags = flags;
+  if (flags != 0) return refuse(err::kConfigBadFlags, "flags", "the switch neither drops nor reassembles fragments");
   connection.session().miss_send_len = be16(message, 10);
   return {};
 }

@@ -23,7 +23,6 @@ struct FreeDump {
 struct Session {
   Role role = Role::equal;
   std::array<std::uint32_t, 6> async{0x7, 0, 0x7, 0x7, 0xf, 0};
-  std::uint16_t config_flags = 0;
   std::uint16_t miss_send_len = 128;
   bool up = false;              // counted among the controllers
   std::uint32_t interface = 0;  // of the machine, that it came over
