@@ -154,7 +154,7 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   Bundles &bundles() { return bundles_; }
   // The connection, while it is up; null when it has gone.
   Connection *find(std::uint64_t generation) const;
-  // Whether the daemon has answered for everything soon and is then handed everything again.
+  // Whether everything is to be handed to the daemon again, as soon as it has answered for what it has.
   bool is_to_replay() const { return replay_asked_; }
   // Whether a change that takes several turns may hand over more now; if not, it is asked to go on later.
   bool may_work() { return flows_.room() && pace_.open(flows_.handover().calls(), false); }

@@ -25,7 +25,7 @@ class Bundles {
  public:
   explicit Bundles(Agent &agent) : agent_(agent) {}
 
-  // The two messages; their lengths are at least those of the rows in the source.
+  // Carries out a message of the extension, which is an experimenter's and has at least 16 bytes, or says why not.
   Verdict handle(Connection &connection, Bytes message);
   // Whether handle would begin a commit.
   static bool commits(Bytes message);
