@@ -67,12 +67,13 @@ inline constexpr std::size_t oxm_slot(std::uint32_t header) {
   return (4 + (header & 0xff) + 7) & ~std::size_t{7};
 }
 
-// The instruction block {i32 length of the actions, u32 0} that follows a match of `match_len` bytes; the actions follow it. A
+// The instruction block {i32 length of the actions, u32 created} that follows a match of `match_len` bytes; the actions follow it. A
 // flow that ends where the block would begin has none, and would match without doing anything: the library always writes one.
+// When the flow was created, in Unix seconds, is the library's own; 0 when that is not known.
 inline constexpr std::size_t flow_instruction_offset(std::uint16_t match_len) {
   return kFlowMatchType + ((static_cast<std::size_t>(match_len) + 11) & ~std::size_t{7});
 }
-inline constexpr std::size_t kInstructionLen = 8;
+inline constexpr std::size_t kInstructionLen = 8, kInstructionCreated = 4;
 
 // An action is {u16 type, u16 length, body}; the next one begins at the length rounded up to 8. Types are OpenFlow's
 // (1.3.5, 7.2.4).

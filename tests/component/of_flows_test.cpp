@@ -4,6 +4,7 @@
 
 #include "component/of_world.h"
 #include "host/of_ss/flow_mod.h"
+#include "host/of_ss/flow_table.h"
 
 namespace {
 
@@ -80,11 +81,20 @@ const Reading kActions[] = {
      "0000 1000 02000000 ffff 000000000000"},
 };
 
+// When a southbound flow was created.
+std::time_t stamp_of(const Message &made) {
+  return southbound::get<std::uint32_t>(made.data(), host::of_ss::created_offset(made));
+}
+void set_stamp(Message &made, std::time_t stamp) {
+  southbound::put(made.data(), host::of_ss::created_offset(made), static_cast<std::uint32_t>(stamp));
+}
+
 class Readings : public AgentTest {
  protected:
   // What the flow is handed over as. What is shown of it is the same flow.
   Message handed_over(const FlowMod &f) {
     daemon.forget();
+    const std::time_t now = std::time(nullptr);
     apply(flow_mod(f));
     const Message shown = dump().at(0);
     const auto match = shown.begin() + 48, end = match + static_cast<int>(get(shown, 50, 2)),
@@ -94,8 +104,12 @@ class Readings : public AgentTest {
     EXPECT_EQ(again.instructions.size(), f.instructions.size());
     apply(flow_mod(again) + flow_mod(everything()));
     EXPECT_TRUE(errors().empty());
-    EXPECT_EQ(daemon.flows(true).size(), 1u);
-    return daemon.flows(true).at(0);
+    EXPECT_EQ(daemon.flows(true).size(), f.hard ? 2u : 1u) << "a hard timeout begins anew";
+    Message made = daemon.flows(true).at(0);
+    EXPECT_GE(stamp_of(made), now - 1);
+    EXPECT_LE(stamp_of(made), now + 60);
+    set_stamp(made, 0);
+    return made;
   }
 };
 
@@ -697,6 +711,29 @@ TEST_F(AgentTest, TakesOverTheNewestFormOfWhatIsStoredAndReplaysIt) {
   std::sort(replayed.begin() + 2, replayed.begin() + 4);
   EXPECT_EQ(replayed, (std::vector<Message>{hex("2100040008000100"), meter, stored, flow, hex("2200040008000100")}));
   EXPECT_TRUE(errors().empty());
+}
+
+// A time that has not come yet, and one from before the clock was set, say nothing.
+TEST_F(AgentTest, DurationAndHardTimeoutGoOnInTheNextLife) {
+  FlowMod f = ipv4_flow(1);
+  f.hard = 130, f.flags = 1;
+  apply(flow_mod(f));
+  Message made = daemon.flows(true).at(0);
+  const auto age_after_restart = [this, &made](std::time_t stamp) {
+    set_stamp(made, stamp);
+    store_flow(1, made);
+    host::of_ss::of_ss_reset_for_tests();
+    daemon.forget();
+    start();
+    return get(dump().at(0), 4, 4);
+  };
+  const std::time_t now = std::time(nullptr);
+  EXPECT_LT(age_after_restart(now + 1000), 20u);
+  EXPECT_LT(age_after_restart(5), 20u);
+  EXPECT_NEAR(static_cast<double>(age_after_restart(now - 100)), 110, 10);
+  warp(31s);
+  EXPECT_EQ(get(c.await(11), 18, 1), 1u);
+  EXPECT_TRUE(dump().empty());
 }
 
 // Of two hand-overs of a flow a service that was away answers one, and every barrier behind the other would wait.

@@ -455,7 +455,9 @@ class AgentTest : public RuntimeTest {
     SPolicyKelim__FlowKey key = flow_key(index);
     SPolicyKelim__FlowCounter counter = S_POLICY_KELIM__FLOW_COUNTER__INIT;
     counter.index = &key;
-    if (index) ASSERT_EQ(qx_mom_set(global, QX_MOM_UDP_DB, &counter.base, 0, 0), 0);
+    if (index) {
+      ASSERT_EQ(qx_mom_set(global, QX_MOM_UDP_DB, &counter.base, 0, 0), 0);
+    }
     key.flow_index = 0;
     ASSERT_EQ(qx_mom_publish(global, QX_MOM_UDP_DB, &counter.base, 0, 0), 0);
     ASSERT_TRUE(until([] { return mom::hub()->later().size() == 0; }));

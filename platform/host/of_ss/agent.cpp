@@ -83,6 +83,7 @@ EventOwner Agent::make_event(int fd, short what) {
 
 void Agent::restore(const StoredState &stored) {
   new_turn();
+  flows_.time_of_day(clock::unix_offset().count());
   flows_.reserve_index_above(stored.last_index);
   std::size_t taken = 0, unknown = 0;
   for (const auto &message : stored.flows) ++(flows_.restore(message, now_ns_) ? taken : unknown);
@@ -706,6 +707,7 @@ void Agent::second() {
   new_turn();
   for (const auto &connection : connections_)
     if (connection && !connection->is_gone()) connection->check(now_ns_);
+  flows_.time_of_day(clock::unix_offset().count());
   flows_.check_timeouts(now_ns_);
   bundles_.expire(now_ns_);
   update_ports();

@@ -252,10 +252,17 @@ void FlowTable::delist(FlowEntry &entry) {
   groups_.leave(entry.group);
 }
 
+std::size_t created_offset(Bytes flow_mod) {
+  return sb::flow_instruction_offset(sb::get<std::uint16_t>(flow_mod.data(), sb::kFlowMatchLen)) + sb::kInstructionCreated;
+}
+
 bool same_flow_mod(Bytes a, Bytes b) {
   constexpr std::size_t kAfterIndex = sb::kFlowIndex + 8;
-  return a.size() == b.size() && std::memcmp(a.data(), b.data(), sb::kFlowIndex) == 0 &&
-         std::memcmp(a.data() + kAfterIndex, b.data() + kAfterIndex, a.size() - kAfterIndex) == 0;
+  const std::size_t created = created_offset(a), after = created + 4;
+  const auto same = [&a, &b](std::size_t from, std::size_t to) {
+    return std::memcmp(a.data() + from, b.data() + from, to - from) == 0;
+  };
+  return a.size() == b.size() && same(0, sb::kFlowIndex) && same(kAfterIndex, created) && same(after, a.size());
 }
 
 }  // namespace host::of_ss

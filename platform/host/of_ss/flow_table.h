@@ -206,7 +206,9 @@ class FlowTable {
   std::uint64_t next_index_ = 1;
 };
 
-// Whether two southbound flow-mods ask for the same in every byte but the index.
+// Where a southbound flow-mod says when its flow was created.
+std::size_t created_offset(Bytes flow_mod);
+// Whether two southbound flow-mods ask for the same in every byte but the index and the time of creation.
 bool same_flow_mod(Bytes a, Bytes b);
 
 }  // namespace host::of_ss

@@ -16,6 +16,7 @@ constexpr std::size_t kLateFailuresKept = 100;
 // A delete of more flows than this goes on in pieces, so that neither this thread nor the daemon's loop is held up.
 constexpr std::size_t kAtOnce = 2048, kPiece = 256;
 constexpr std::int64_t kSecond = 1'000'000'000;
+constexpr std::int64_t kClockSet = 1'700'000'000;  // Unix seconds; a clock that is behind has not been set
 
 bool is_shortage(Bytes result) {
   return (sb::get<std::uint32_t>(result.data(), sb::kFlowResultCode) & ~kUndecided) == sb::kResultResource;
@@ -31,6 +32,12 @@ Wanted wanted_by(const FlowMod &mod) {
   if (mod.deletes() && mod.out_port != port::kAny) wanted.port = mod.out_port;
   if (~mod.cookie_mask == 0) wanted.cookie = mod.cookie;
   return wanted;
+}
+
+// Whether an add leaves the flow as it is. One with a hard timeout is stored again: the time begins anew.
+bool is_unchanged(const FlowEntry &flow, const FlowMod &mod) {
+  return flow.state == FlowState::installed && !flow.get<std::uint16_t>(sb::kFlowHardTimeout) &&
+         same_flow_mod(flow.southbound(), mod.southbound());
 }
 
 bool matches_everything(const FlowMod &mod) {
@@ -62,7 +69,7 @@ Verdict Flows::add(const FlowMod &mod, const Origin &origin, Bytes request, std:
   FlowEntry *before = place.entry;
   if (!before && capacity() && table_.flows() >= capacity())
     return refuse(err::kTableFull, "table", "the table has no room for another flow");
-  if (before && before->state == FlowState::installed && same_flow_mod(before->southbound(), mod.southbound())) {
+  if (before && is_unchanged(*before, mod)) {
     before->created_ns = now;
     before->last_hit_s = static_cast<std::uint32_t>(now / kSecond);
     ++counters_.unchanged;
@@ -166,10 +173,23 @@ FlowEntry *Flows::find_in_table(const FlowMod &mod, std::uint8_t table_id) {
 
 // ---- hand-over
 
+void Flows::stamp(FlowEntry &flow) const {
+  const std::int64_t unix_s = (flow.created_ns + unix_offset_ns_) / kSecond;
+  sb::put(flow.message(), created_offset(flow.southbound()), static_cast<std::uint32_t>(unix_s));
+}
+
+// When the stored flow was created, by the callers' clock. A time that is not known, as that of a machine whose clock was not set
+// yet, or that has not come yet is taken for now.
+std::int64_t Flows::stamped(Bytes flow_mod, std::int64_t now) const {
+  const std::int64_t unix_s = sb::get<std::uint32_t>(flow_mod.data(), created_offset(flow_mod));
+  return unix_s < kClockSet ? now : std::min(unix_s * kSecond - unix_offset_ns_, now);
+}
+
 // A new entry, or a new form of the one at `place`, goes to the daemon. Its pending answer is the caller's to note.
 FlowEntry &Flows::hand_over(Bytes flow_mod, const FlowTable::Place &place, std::int64_t created) {
   FlowEntry &flow = table_.insert(flow_mod, place, created);
   flow.last_hit_s = static_cast<std::uint32_t>(created / kSecond);
+  stamp(flow);
   if (const FlowEntry *before = place.entry; before && before->counts) {
     flow.counted().packets.before = before->packets();
     flow.counted().bytes.before = before->bytes();
@@ -317,7 +337,7 @@ void Flows::replay() {
 
 bool Flows::restore(Bytes flow_mod, std::int64_t now) {
   if (!is_flow_mod(flow_mod)) return false;
-  FlowEntry *flow = table_.restore(flow_mod, now);
+  FlowEntry *flow = table_.restore(flow_mod, stamped(flow_mod, now));
   if (!flow) return false;
   table_.mark_installed(*flow);
   flow->last_hit_s = static_cast<std::uint32_t>(now / kSecond);

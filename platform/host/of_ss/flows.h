@@ -99,6 +99,9 @@ class Flows {
 
   // Hands every flow to the daemon again; the caller has begun the synchronisation.
   void replay();
+  // From the callers' clock to Unix time, in nanoseconds: flows are stored with when they were created, so that durations and
+  // hard timeouts go on in the next life. To be told again when the time of day may have been set.
+  void time_of_day(std::int64_t unix_offset) { unix_offset_ns_ = unix_offset; }
   // A flow of an earlier life, as it is stored.
   bool restore(Bytes flow_mod, std::int64_t now);
   void reserve_index_above(std::uint64_t index) { table_.reserve_index_above(index); }
@@ -160,6 +163,8 @@ class Flows {
   Verdict add(const FlowMod &mod, const Origin &origin, Bytes request, std::int64_t now);
   Verdict modify(const FlowMod &mod, const Origin &origin, Bytes request, std::int64_t now);
   Verdict remove(const FlowMod &mod);
+  void stamp(FlowEntry &flow) const;
+  std::int64_t stamped(Bytes flow_mod, std::int64_t now) const;
   FlowEntry &hand_over(Bytes flow_mod, const FlowTable::Place &place, std::int64_t created);
   // The oldest first, as they are answered.
   template <typename Fits>
@@ -217,6 +222,7 @@ class Flows {
   metrics::Histogram install_times_, barrier_times_;
   std::deque<LateFailure> late_failures_;
   std::vector<std::uint64_t> displaced_;  // indexes of displaced forms that are to be put back
+  std::int64_t unix_offset_ns_ = 0;
   std::uint32_t told_capacity_ = 0;
   std::uint32_t own_xid_ = 0;
   std::uint32_t rounds_ = 1;  // of counters

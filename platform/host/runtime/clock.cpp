@@ -43,6 +43,10 @@ Time now() {
   return Time(standing != 0 ? standing : monotonic() + g_offset.load(std::memory_order_relaxed));
 }
 
+Time unix_offset() {
+  return std::chrono::system_clock::now().time_since_epoch() - now();
+}
+
 bool stopped() {
   return g_stopped_at.load(std::memory_order_acquire) != 0;
 }

@@ -12,6 +12,9 @@ using Time = std::chrono::nanoseconds;  // since an arbitrary start
 
 Time now();
 
+// From the host's clock to Unix time, as the time of day is set now.
+Time unix_offset();
+
 // Tests: moves the clock forward. Timers that are due then run in the next turn of the loop, sleepers wake.
 void warp(std::chrono::milliseconds by);
 
