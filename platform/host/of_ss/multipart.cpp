@@ -4,6 +4,7 @@
 #include <unordered_map>
 
 #include "host/of_ss/agent.h"
+#include "host/of_ss/parts.h"
 #include "host/of_ss/protocol.h"
 #include "kelim_version.h"
 
@@ -25,67 +26,7 @@ namespace {
 
 namespace sb = southbound;
 
-constexpr std::size_t kBody = 16;          // where the body of a request or reply begins
-constexpr std::size_t kFullPart = 60'000;  // a part is closed when it is longer than this; no entry is longer than the rest
-constexpr std::uint16_t kMore = 1;         // OFPMPF_*
 constexpr std::uint64_t kUnknown = ~std::uint64_t{0};  // a counter that the switch does not have
-
-enum MultipartType : std::uint16_t {
-  kDesc,
-  kFlow,
-  kAggregate,
-  kTable,
-  kPort,
-  kQueue,
-  kGroupStats,
-  kGroupDesc,
-  kGroupFeatures,
-  kMeter,
-  kMeterConfig,
-  kMeterFeatures,
-  kTableFeatures,
-  kPortDesc,
-  kMultipartTypes
-};
-
-// A reply of any length, sent in parts below 64 KB that end between entries.
-class Parts {
- public:
-  Parts(Agent &agent, Connection &connection, Bytes request)
-      : agent_(agent), connection_(connection), type_(be16(request, 8)), xid_(be32(request, kOfXid)) {
-    begin();
-  }
-  Parts(Agent &agent, Connection &connection, MultipartType type, std::uint32_t xid)
-      : agent_(agent), connection_(connection), type_(type), xid_(xid) {
-    begin();
-  }
-  // To be called before each entry.
-  Writer &entry() {
-    if (agent_.scratch().size() > kFullPart) {
-      send(kMore);
-      begin();
-    }
-    return reply_->out;
-  }
-  bool full() const { return agent_.scratch().size() > kFullPart; }
-  void send(std::uint16_t flags) {
-    reply_->out.patch16(10, flags);
-    reply_->send(connection_);
-  }
-  void end() { send(0); }
-
- private:
-  void begin() {
-    reply_.emplace(agent_.scratch(), kMultipartReply, xid_);
-    reply_->out.u16(type_);
-    reply_->out.zeros(6);
-  }
-  Agent &agent_;
-  Connection &connection_;
-  const std::uint16_t type_;
-  const std::uint32_t xid_;
-  std::optional<Reply> reply_;
-};
 
 void put_age(Writer &out, std::int64_t since, std::int64_t now) {
   const std::int64_t age = std::max<std::int64_t>(now - since, 0);
