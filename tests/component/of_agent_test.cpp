@@ -59,49 +59,74 @@ Message request_of(const std::string &input) {
 
 // Requests and what their answers begin with: type, body.
 TEST_F(AgentTest, RequestsAreAnswered) {
-  const Cases cases = {"FEATURES: 05 -> 06 00000000000000ab 00000000 02 00 0000 00000007 00000000",
-                       "GET_CONFIG: 07 -> 08 0000 0080",
-                       "SET_CONFIG: 09 0000 ffff ->",
-                       "GET_CONFIG of what was set: 07 -> 08 0000 ffff",
-                       "GET_ASYNC: 1a -> 1b 00000007 00000000 00000007 00000007 0000000f 00000000",
-                       "SET_ASYNC: 1c 00000001 00000002 00000003 00000004 00000005 00000006 ->",
-                       "GET_ASYNC of what was set: 1a -> 1b 00000001 00000002 00000003 00000004 00000005 00000006",
-                       "ECHO: 02 0102030405 -> 03 0102030405",
-                       "ERROR from the controller: 01 0001 0000 ->",
-                       "PACKET_OUT to a port: 0d ffffffff fffffffd 0010 000000000000 0000 0010 00000002 ffff 000000000000 ->",
-                       "PACKET_OUT to the table: 0d ffffffff fffffffd 0010 000000000000 0000 0010 fffffff9 ffff 000000000000 ->",
-                       "GROUP_MOD delete all: 0f 0002 00 00 fffffffc ->",
-                       "TABLE_MOD: 11 00 000000 00000000 ->",
-                       "QUEUE_GET_CONFIG: 16 00000001 00000000 -> 17 00000001 00000000",
-                       "DESC: 12 0000 0000 00000000 -> 13 0000 0000 00000000 6b656c696d00",
-                       "TABLE: 12 0003 0000 00000000 -> 13 0003 0000 00000000 00000000 00000000 ffffffffffffffff "
-                       "ffffffffffffffff 01000000 00000000 ffffffffffffffffffffffffffffffff",
-                       "PORT_STATS of a port that the machine does not have: 12 0004 0000 00000000 00000002 00000000 -> 13 0004 "
-                       "0000 00000000 00000002 00000000 ffffffffffffffff ffffffffffffffff",
-                       "QUEUE: 12 0005 0000 00000000 ffffffff ffffffff -> 13 0005 0000 00000000",
-                       "GROUP: 12 0006 0000 00000000 fffffffc 00000000 -> 13 0006 0000 00000000",
-                       "GROUP_DESC: 12 0007 0000 00000000 -> 13 0007 0000 00000000",
-                       "GROUP_FEATURES: 12 0008 0000 00000000 -> 13 0008 0000 00000000 00000000 00000000 00000000",
-                       "METER_FEATURES: 12 000b 0000 00000000 -> 13 000b 0000 00000000 00000400 00000006 00000007 08 00 0000",
-                       "PORT_DESC: 12 000d 0000 00000000 -> 13 000d 0000 00000000 00000001 00000000 020000000001 0000 "
-                       "70310000000000000000000000000000 00000000 00000000",
-                       "a bundle opened: 04 4f4e4600 000008fc 00000005 0000 0003 -> 04 4f4e4600 000008fc 00000005 0001 0003",
-                       "opened again: 04 4f4e4600 000008fc 00000005 0000 0003 -> 01 ffff 08ff 4f4e4600 04",
-                       "with an unknown flag: 04 4f4e4600 000008fc 00000006 0000 0004 -> 01 ffff 0903 4f4e4600",
-                       "a barrier in it: 04 4f4e4600 000008fd 00000005 0000 0003 04140008000004e9 -> 01 ffff 0906 4f4e4600",
-                       "another transaction's: 04 4f4e4600 000008fd 00000005 0000 0003 040e000800000001 -> 01 ffff 0905 4f4e4600",
-                       "longer than its carrier: 04 4f4e4600 000008fd 00000005 0000 0003 040e0009000004e9 -> 01 ffff 0904",
-                       "other flags: 04 4f4e4600 000008fd 00000005 0000 0001 040e0008000004e9 -> 01 ffff 0903 4f4e4600",
-                       "a bad flow-mod: 04 4f4e4600 000008fd 00000005 0000 0003 040e0008000004e9 -> 01 0001 0006 04",
-                       "committed after that: 04 4f4e4600 000008fc 00000005 0004 0003 -> 01 ffff 0909 4f4e4600",
-                       "committed again: 04 4f4e4600 000008fc 00000005 0004 0003 -> 01 ffff 08fe 4f4e4600",
-                       "another: 04 4f4e4600 000008fc 00000007 0000 0000 -> 04 4f4e4600 000008fc 00000007 0001 0000",
-                       "closed: 04 4f4e4600 000008fc 00000007 0002 0000 -> 04 4f4e4600 000008fc 00000007 0003 0000",
-                       "added to: 04 4f4e4600 000008fd 00000007 0000 0000 040e0008000004e9 -> 01 ffff 0900 4f4e4600",
-                       "no request: 04 4f4e4600 000008fc 00000007 0001 0000 -> 01 ffff 0902 4f4e4600",
-                       "discarded: 04 4f4e4600 000008fc 00000007 0006 0000 -> 04 4f4e4600 000008fc 00000007 0007 0000",
-                       "too short: 04 4f4e4600 000008fc 00000007 -> 01 0001 0006",
-                       "no message of bundles: 04 4f4e4600 000008fe 00000007 0000 0000 -> 01 0001 0004"};
+  const Cases cases = {
+      "FEATURES: 05 -> 06 00000000000000ab 00000000 02 00 0000 00000007 00000000",
+      "GET_CONFIG: 07 -> 08 0000 0080",
+      "SET_CONFIG: 09 0000 ffff ->",
+      "GET_CONFIG of what was set: 07 -> 08 0000 ffff",
+      "GET_ASYNC: 1a -> 1b 00000007 00000000 00000007 00000007 0000000f 00000000",
+      "SET_ASYNC: 1c 00000001 00000002 00000003 00000004 00000005 00000006 ->",
+      "GET_ASYNC of what was set: 1a -> 1b 00000001 00000002 00000003 00000004 00000005 00000006",
+      "ECHO: 02 0102030405 -> 03 0102030405",
+      "ERROR from the controller: 01 0001 0000 ->",
+      "PACKET_OUT to a port: 0d ffffffff fffffffd 0010 000000000000 0000 0010 00000002 ffff 000000000000 ->",
+      "PACKET_OUT to the table: 0d ffffffff fffffffd 0010 000000000000 0000 0010 fffffff9 ffff 000000000000 ->",
+      "GROUP_MOD delete all: 0f 0002 00 00 fffffffc ->",
+      "TABLE_MOD: 11 00 000000 00000000 ->",
+      "QUEUE_GET_CONFIG: 16 00000001 00000000 -> 17 00000001 00000000",
+      "DESC: 12 0000 0000 00000000 -> 13 0000 0000 00000000 6b656c696d00",
+      "TABLE: 12 0003 0000 00000000 -> 13 0003 0000 00000000 00000000 00000000 ffffffffffffffff "
+      "ffffffffffffffff 01000000 00000000 ffffffffffffffffffffffffffffffff",
+      "PORT_STATS of a port that the machine does not have: 12 0004 0000 00000000 00000002 00000000 -> 13 0004 "
+      "0000 00000000 00000002 00000000 ffffffffffffffff ffffffffffffffff",
+      "QUEUE: 12 0005 0000 00000000 ffffffff ffffffff -> 13 0005 0000 00000000",
+      "GROUP: 12 0006 0000 00000000 fffffffc 00000000 -> 13 0006 0000 00000000",
+      "GROUP_DESC: 12 0007 0000 00000000 -> 13 0007 0000 00000000",
+      "GROUP_FEATURES: 12 0008 0000 00000000 -> 13 0008 0000 00000000 00000000 00000000 00000000",
+      "METER_FEATURES: 12 000b 0000 00000000 -> 13 000b 0000 00000000 00000400 00000006 00000007 08 00 0000",
+      "PORT_DESC: 12 000d 0000 00000000 -> 13 000d 0000 00000000 00000001 00000000 020000000001 0000 "
+      "70310000000000000000000000000000 00000000 00000000",
+      "a bundle opened: 04 4f4e4600 000008fc 00000005 0000 0003 -> 04 4f4e4600 000008fc 00000005 0001 0003",
+      "opened again: 04 4f4e4600 000008fc 00000005 0000 0003 -> 01 ffff 08ff 4f4e4600 04",
+      "with an unknown flag: 04 4f4e4600 000008fc 00000006 0000 0004 -> 01 ffff 0903 4f4e4600",
+      "a barrier in it: 04 4f4e4600 000008fd 00000005 0000 0003 04140008000004e9 -> 01 ffff 0906 4f4e4600",
+      "another transaction's: 04 4f4e4600 000008fd 00000005 0000 0003 040e000800000001 -> 01 ffff 0905 4f4e4600",
+      "longer than its carrier: 04 4f4e4600 000008fd 00000005 0000 0003 040e0009000004e9 -> 01 ffff 0904",
+      "other flags: 04 4f4e4600 000008fd 00000005 0000 0001 040e0008000004e9 -> 01 ffff 0903 4f4e4600",
+      "a bad flow-mod: 04 4f4e4600 000008fd 00000005 0000 0003 040e0008000004e9 -> 01 0001 0006 04",
+      "committed after that: 04 4f4e4600 000008fc 00000005 0004 0003 -> 01 ffff 0909 4f4e4600",
+      "committed again: 04 4f4e4600 000008fc 00000005 0004 0003 -> 01 ffff 08fe 4f4e4600",
+      "another: 04 4f4e4600 000008fc 00000007 0000 0000 -> 04 4f4e4600 000008fc 00000007 0001 0000",
+      "closed: 04 4f4e4600 000008fc 00000007 0002 0000 -> 04 4f4e4600 000008fc 00000007 0003 0000",
+      "added to: 04 4f4e4600 000008fd 00000007 0000 0000 040e0008000004e9 -> 01 ffff 0900 4f4e4600",
+      "no request: 04 4f4e4600 000008fc 00000007 0001 0000 -> 01 ffff 0902 4f4e4600",
+      "discarded: 04 4f4e4600 000008fc 00000007 0006 0000 -> 04 4f4e4600 000008fc 00000007 0007 0000",
+      "too short: 04 4f4e4600 000008fc 00000007 -> 01 0001 0006",
+      "no message of bundles: 04 4f4e4600 000008fe 00000007 0000 0000 -> 01 0001 0004",
+      "a monitor: 12 ffff 0000 00000000 4f4e4600 0000074e 00000001 003f 0004 ffffffff ff000000 0001 0004 00000000 -> 13 ffff "
+      "0000 00000000 4f4e4600 0000074e",
+      "the same again: 12 ffff 0000 00000000 4f4e4600 0000074e 00000001 003f 0004 ffffffff ff000000 0001 0004 00000000 -> 01 "
+      "ffff 0006 00002320",
+      "of no change: 12 ffff 0000 00000000 4f4e4600 0000074e 00000001 0031 0004 ffffffff ff000000 0001 0004 00000000 -> 01 ffff "
+      "0007 00002320",
+      "with an unknown flag: 12 ffff 0000 00000000 4f4e4600 0000074e 00000001 007f 0004 ffffffff ff000000 0001 0004 00000000 -> "
+      "01 ffff 0007 00002320",
+      "of table 2: 12 ffff 0000 00000000 4f4e4600 0000074e 00000001 003f 0004 ffffffff 02000000 0001 0004 00000000 -> 01 0001 "
+      "0009",
+      "longer than the request: 12 ffff 0000 00000000 4f4e4600 0000074e 00000001 003f 000c ffffffff ff000000 0001 0004 00000000 "
+      "-> 01 0001 0006",
+      "of two lengths: 12 ffff 0000 00000000 4f4e4600 0000074e 00000001 003f 0008 ffffffff ff000000 0001 0004 00000000 -> 01 "
+      "0004 0001",
+      "cut short: 12 ffff 0000 00000000 4f4e4600 0000074e 00000001 003f 0004 ffffffff ff000000 0001 -> 01 0001 0006",
+      "in two parts: 12 ffff 0001 00000000 4f4e4600 0000074e 00000001 003f 0004 ffffffff ff000000 0001 0004 00000000 -> 01 0001 "
+      "000d",
+      "another type: 12 ffff 0000 00000000 4f4e4600 0000074f 00000001 003f 0004 ffffffff ff000000 0001 0004 00000000 -> 01 0001 "
+      "0004",
+      "another experimenter: 12 ffff 0000 00000000 00002320 0000074e -> 01 0001 0003",
+      "without a type: 12 ffff 0000 00000000 4f4e4600 -> 01 0001 0006",
+      "cancelled: 04 4f4e4600 0000074e 00000001 -> ",
+      "cancelled again: 04 4f4e4600 0000074e 00000001 -> 01 ffff 0008 00002320",
+      "a long cancellation: 04 4f4e4600 0000074e 00000001 00 -> 01 0001 0006"};
   for (const std::string &input : cases) {
     SCOPED_TRACE(input);
     const std::size_t arrow = input.find("->");

@@ -169,12 +169,13 @@ class Controller {
   Controller(const Controller &) = delete;
   Controller &operator=(const Controller &) = delete;
 
-  // With a small `segment` the kernel keeps little of what is on its way.
-  void connect(std::uint16_t port, in_addr_t to = htonl(INADDR_LOOPBACK), int segment = 0) {
+  // With a small `segment` or `buffer` the kernel keeps little of what is on its way.
+  void connect(std::uint16_t port, in_addr_t to = htonl(INADDR_LOOPBACK), int segment = 0, int buffer = 0) {
     const sockaddr_in address{.sin_family = AF_INET, .sin_port = htons(port), .sin_addr = {to}, .sin_zero = {}};
     adopt(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const int on = 1;
     setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    if (buffer) setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &buffer, sizeof buffer);
     if (segment) setsockopt(fd_, IPPROTO_TCP, TCP_MAXSEG, &segment, sizeof segment);
     ASSERT_EQ(::connect(fd_, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0) << strerror(errno);
   }
@@ -199,10 +200,10 @@ class Controller {
     if (n > 0) output_.erase(output_.begin(), output_.begin() + n);
     return !output_.empty() && (n >= 0 || errno == EAGAIN);
   }
-  // Takes what has arrived.
-  void read() {
+  // Takes what has arrived, or about as much of it.
+  void read(std::ptrdiff_t bytes = PTRDIFF_MAX) {
     std::byte chunk[65536];
-    for (ssize_t n; fd_ >= 0 && (n = get_some(chunk)) >= 0;) {
+    for (ssize_t n; fd_ >= 0 && bytes > 0 && (n = get_some(chunk)) >= 0; bytes -= n) {
       if (n == 0) ended_ = true;
       if (ended_) return;
       input_.insert(input_.end(), chunk, chunk + n);

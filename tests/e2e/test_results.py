@@ -2,6 +2,7 @@
 
 import re
 import signal
+import subprocess
 import unittest
 
 import daemon
@@ -68,6 +69,35 @@ class Results(e2e.Test):
         self.assertEqual(e2e.ofctl(running.port, "add-flows", "-", options=["--bundle"], stdin="\n".join(flows)).returncode, 0)
         self.await_that(lambda: [len(view) for view in views()] == [49] * 3, "49 flows everywhere")
         self.assertEqual([flow for flow in views()[0] if "output:3" not in flow], ["nw_dst=10.0.0.2,tp_dst=80 actions=output:4"])
+
+    def test_ovs_ofctl_watches_the_flows(self):
+        running = self.daemon(programmer_script="fail=@3")
+        command = lambda *words, **more: e2e.ofctl(running.port, *words, **more)
+        command("add-flow", "priority=1,actions=drop")
+        words = ["ovs-ofctl", "-O", "OpenFlow13", "monitor", f"tcp:127.0.0.1:{running.port}", "watch:out_port=7", "watch:ip",
+                 f"--unixctl={running.run_dir}/ofctl"]
+        monitor = subprocess.Popen(words, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        self.addCleanup(monitor.__exit__, None, None, None)
+        self.addCleanup(monitor.kill)
+        self.assertIn("ONFST_FLOW_MONITOR reply", monitor.stdout.readline())
+        command("add-flow", "udp,nw_dst=10.0.0.2,hard_timeout=60,cookie=5,actions=output:7")
+        self.assertIn("OFPFMFC_UNKNOWN", command("add-flow", "tcp,actions=output:2").stderr)
+        command("add-flow", "arp,actions=output:2")
+        bundle = ["add priority=1,actions=output:7", "delete udp", "add ip,actions=drop"]
+        self.assertEqual(command("add-flows", "-", options=["--bundle"], stdin="\n".join(bundle)).returncode, 0)
+        command("mod-flows", "ip,actions=output:3")
+        command("mod-flows", "priority=1,actions=output:3", options=["--strict"])
+        command("del-flows")
+        events = []
+        while len(events) < 9:
+            line = monitor.stdout.readline()
+            events += re.findall(r"event=(.*) table=0 (?:cookie=0 )?(.*)", line)
+        udp, gone = "hard_timeout=60 cookie=0x5 udp,nw_dst=10.0.0.2 actions=output:7", "DELETED reason=delete"
+        self.assertEqual(events, [
+            ("ADDED", udp), ("ADDED", "tcp actions=output:2"), (gone, "tcp actions=output:2"),
+            ("ADDED", "actions=output:7"), (gone, udp), ("ADDED", "ip"),
+            ("MODIFIED", "ip actions=output:3"), ("MODIFIED", "actions=output:3"), (gone, "ip actions=output:3"),
+        ])
 
     def test_a_flow_that_waits_for_the_service_chain_goes_with_all_others(self):
         running = self.daemon(programmer_service_chain="false", openflow_decide_timeout_ms=60000)

@@ -335,6 +335,7 @@ void Agent::withdraw_strangers(const std::vector<std::uint32_t> &stored) {
 void Agent::reap() {
   for (auto &connection : connections_)
     if (connection && connection->is_gone()) connection.reset();
+  monitors_.sweep();
   turn_done();
 }
 
@@ -391,7 +392,7 @@ void Agent::batch_begins(Connection &connection) {
 
 bool Agent::may_take(Connection &connection, Bytes message) {
   Session &session = connection.session();
-  if (session.dump || session.waits_for_counters || connection.is_clogged()) return false;
+  if (session.dump || session.owes_updates || session.waits_for_counters || connection.is_clogged()) return false;
   if (is_for_daemon(message) && !may_hand_over(session)) return false;
   if (session.share == 0 || connection.unsent() > session.unsent_before + kShareBytes) {
     share_used_up_ = true;
@@ -425,7 +426,9 @@ void Agent::work_on() {
   const bool was_busy = is_busy();
   while (!replay_asked_ && flows_.is_deleting() && pace_.open(flows_.handover().calls(), false)) flows_.delete_more();
   bundles_.advance();
-  share_used_up_ |= was_busy && !is_busy();
+  if (!was_busy || is_busy()) return;
+  share_used_up_ = true;
+  monitors_.go_on();
 }
 
 // The connections that wait, each with its share, beginning with the one that was next when the turn before ended.
@@ -467,6 +470,7 @@ void Agent::turn_done() {
 void Agent::drained(Connection &connection) {
   new_turn();
   if (connection.session().dump) continue_dump(*this, connection);
+  monitors_.go_on(connection);
   connection.resume();
 }
 

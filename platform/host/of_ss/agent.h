@@ -23,6 +23,7 @@
 #include "host/of_ss/flows.h"
 #include "host/of_ss/inbox.h"
 #include "host/of_ss/meters.h"
+#include "host/of_ss/monitors.h"
 #include "host/of_ss/pace.h"
 #include "host/of_ss/session.h"
 #include "host/of_ss/settings.h"
@@ -152,6 +153,7 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   Flows &flows() { return flows_; }
   const Flows &flows() const { return flows_; }
   Bundles &bundles() { return bundles_; }
+  Monitors &monitors() { return monitors_; }
   // The connection, while it is up; null when it has gone.
   Connection *find(std::uint64_t generation) const;
   // Whether everything is to be handed to the daemon again, as soon as it has answered for what it has.
@@ -203,6 +205,7 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   // FlowEvents
   void flow_failed(const Origin &origin, const Error &error, Bytes request) override;
   void flow_removed(const FlowEntry &flow, RemovedReason reason) override;
+  void flow_changed(const FlowEntry &flow, const FlowChange &change) override { monitors_.flow_changed(flow, change); }
   void barrier_answered(const Origin &origin) override;
   void overdue(std::vector<std::uint64_t> indexes) override { look_up_(std::move(indexes)); }
   // ConnectionEvents
@@ -266,6 +269,7 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   Flows flows_;
   Meters meters_;
   Bundles bundles_{*this};
+  Monitors monitors_{*this};
   Pace pace_;
   std::shared_ptr<const ddm::Ports> ports_;
   std::vector<std::uint32_t> port_numbers_;

@@ -174,7 +174,7 @@ void Bundles::advance() {
 
 bool Bundles::settle() {
   if (agent_.is_to_replay() || !agent_.flows().can_begin()) return false;
-  agent_.flows().begin();
+  agent_.flows().begin(agent_.now());
   commit_->stage = &Bundles::carry_out;
   return true;
 }

@@ -93,7 +93,7 @@ void Connection::send(Bytes message) {
 void Connection::send_error(const Error &error, std::uint32_t xid, Bytes request) {
   ++traffic_.errors;
   std::byte head[kOfHeader + 8];
-  const std::size_t size = sizeof head - (error.type == kExperimenterError ? 0 : sizeof kOnfExperimenter);
+  const std::size_t size = sizeof head - (error.type == kExperimenterError ? 0 : sizeof error.experimenter);
   const std::size_t data = std::min(request.size(), kMaxMessage - size);
   const auto put16 = [&head](std::size_t at, std::size_t v) {
     head[at] = std::byte(v >> 8);
@@ -106,8 +106,8 @@ void Connection::send_error(const Error &error, std::uint32_t xid, Bytes request
   put16(kOfXid + 2, xid & 0xffff);
   put16(kOfHeader, error.type);
   put16(kOfHeader + 2, error.code);
-  put16(kOfHeader + 4, kOnfExperimenter >> 16);
-  put16(kOfHeader + 6, kOnfExperimenter & 0xffff);
+  put16(kOfHeader + 4, error.experimenter >> 16);
+  put16(kOfHeader + 6, error.experimenter & 0xffff);
   if (phase_ == Phase::gone) return;
   bufferevent_write(bev_.get(), head, size);
   send(request.first(data));

@@ -68,6 +68,7 @@ struct FlowEntry {
   bool displaced : 1 = false;    // the daemon does not have it, or has been told to delete it, to make room for its newer form
   bool provisional : 1 = false;  // came in a transaction that is not at its end
   bool set_aside : 1 = false;    // was deleted in one, which may bring it back
+  bool replaces : 1 = false;     // came while there was a flow with its match and priority
   std::uint16_t controller = 0;  // who asked for it last (Peer::controller); 0 for one of an earlier life
 
   std::byte *message() { return reinterpret_cast<std::byte *>(this + 1); }

@@ -47,6 +47,18 @@ bool matches_everything(const FlowMod &mod) {
 
 }  // namespace
 
+// The author of all that changes while it lives.
+class Flows::Acting {
+ public:
+  Acting(Flows &flows, const Author &author) : flows_(flows) { flows_.author_ = author; }
+  ~Acting() { flows_.author_ = {}; }
+  Acting(const Acting &) = delete;
+  Acting &operator=(const Acting &) = delete;
+
+ private:
+  Flows &flows_;
+};
+
 bool Flows::selected(const FlowEntry &flow, const FlowMod &filter) {
   if (filter.table_id != kTableAll && filter.table_id != flow.table_id()) return false;
   if ((flow.cookie() ^ filter.cookie) & filter.cookie_mask) return false;
@@ -58,6 +70,7 @@ bool Flows::selected(const FlowEntry &flow, const FlowMod &filter) {
 // ---- requests
 
 Verdict Flows::apply(const FlowMod &mod, const Origin &origin, Bytes request, std::int64_t now) {
+  const Acting acting(*this, {origin, ++requests_});
   if (mod.command == fm::kAdd) return add(mod, origin, request, now);
   return mod.modifies() ? modify(mod, origin, request, now) : remove(mod);
 }
@@ -73,11 +86,12 @@ Verdict Flows::add(const FlowMod &mod, const Origin &origin, Bytes request, std:
     before->created_ns = now;
     before->last_hit_s = static_cast<std::uint32_t>(now / kSecond);
     ++counters_.unchanged;
+    if (!transaction_) report(*before, FlowEvent::added);
   } else {
     if (before) make_room(*before);
     before = &hand_over(mod.southbound(), place, now);
     ledger_.expect(before->index(), origin, request, false, now);
-    note_added(*before);
+    note_added(*before, FlowEvent::added);
     ++counters_.added;
   }
   before->controller = origin.controller;
@@ -97,14 +111,14 @@ Verdict Flows::remove(const FlowMod &mod) {
     if (table_.size() <= kAtOnce)
       remove_all();
     else
-      deletion_ = Deletion{};
+      deletion_ = Deletion{author_};
     return {};
   }
   const auto found = targets(mod, mod.command == fm::kDeleteStrict);
   if (found.size() <= kAtOnce || transaction_) {
     for (FlowEntry *flow : found) remove_flow(*flow, kDeleted);
   } else {
-    deletion_ = Deletion{std::make_unique<FlowMod>(mod)};
+    deletion_ = Deletion{author_, std::make_unique<FlowMod>(mod)};
     for (const FlowEntry *flow : found) deletion_->slots.push_back(flow->slot);
   }
   return {};
@@ -112,7 +126,7 @@ Verdict Flows::remove(const FlowMod &mod) {
 
 // The next flow that the deletion takes; null when there is none left. What has come into a slot since may be another flow.
 FlowEntry *Flows::next_to_delete() {
-  auto &[filter, slots, next] = *deletion_;
+  auto &[author, filter, slots, next] = *deletion_;
   while (FlowEntry *flow = filter ? nullptr : table_.next(next))
     if (flow->in_force) return flow;
   while (next < slots.size())
@@ -121,6 +135,7 @@ FlowEntry *Flows::next_to_delete() {
 }
 
 void Flows::delete_more() {
+  const Acting acting(*this, deletion_->author);
   for (std::size_t n = 0; n < kPiece; ++n) {
     FlowEntry *flow = next_to_delete();
     if (!flow) return end_deletion();
@@ -190,6 +205,7 @@ FlowEntry &Flows::hand_over(Bytes flow_mod, const FlowTable::Place &place, std::
   FlowEntry &flow = table_.insert(flow_mod, place, created);
   flow.last_hit_s = static_cast<std::uint32_t>(created / kSecond);
   stamp(flow);
+  flow.replaces = place.entry;
   if (const FlowEntry *before = place.entry; before && before->counts) {
     flow.counted().packets.before = before->packets();
     flow.counted().bytes.before = before->bytes();
@@ -222,7 +238,7 @@ bool Flows::change(FlowEntry &flow, const FlowMod &mod, const Origin &origin, By
     form->last_hit_s = flow.last_hit_s;
     form->controller = origin.controller;
     ledger_.expect(form->index(), origin, request, same_request, now);
-    note_added(*form);
+    note_added(*form, FlowEvent::modified);
   }
   if (mod.flags & fm::kResetCounts) form->reset_counts();
   return differs;
@@ -269,6 +285,7 @@ void Flows::remove_flow(FlowEntry &flow, RemovedReason reason) {
 void Flows::take_out(FlowEntry &flow, RemovedReason reason) {
   drop_older_forms(flow);
   if (flow.flags() & fm::kSendFlowRem) events_.flow_removed(flow, reason);
+  report(flow, FlowEvent::deleted, reason);
   ++counters_.removed;
   withdraw(flow);
 }
@@ -277,6 +294,7 @@ void Flows::clear_table() {
   std::uint32_t cursor = 0;
   while (FlowEntry *flow = table_.next(cursor)) {
     if (flow->in_force && flow->flags() & fm::kSendFlowRem) events_.flow_removed(*flow, kDeleted);
+    if (flow->in_force) report(*flow, FlowEvent::deleted);
     counters_.removed += flow->in_force;
     // The daemon removes what is stored. A flow that the service chain has not answered yet is not, and would be installed later.
     if (flow->state == FlowState::sent && is_for_service_chain(southbound_match(flow->southbound()))) tell_deletion(*flow);
@@ -348,14 +366,14 @@ bool Flows::restore(Bytes flow_mod, std::int64_t now) {
 
 // ---- transactions
 
-void Flows::begin() {
-  transaction_ = Transaction{};
+void Flows::begin(std::int64_t now) {
+  transaction_ = Transaction{now};
 }
 
-void Flows::note_added(FlowEntry &flow) {
-  if (!transaction_) return;
+void Flows::note_added(FlowEntry &flow, FlowEvent event) {
+  if (!transaction_) return report(flow, event);
   flow.provisional = true;
-  transaction_->steps.push_back({flow.index(), true});
+  transaction_->steps.push_back({flow.index(), true, author_});
 }
 
 // What came in the transaction itself goes at once, and the form that it replaced is the flow that is deleted.
@@ -367,12 +385,12 @@ void Flows::set_aside(FlowEntry *flow) {
   }
   if (!flow) return;
   table_.set_aside(*flow);
-  transaction_->steps.push_back({flow->index(), false});
+  transaction_->steps.push_back({flow->index(), false, author_});
 }
 
 bool Flows::end_more(bool keep_it, std::int64_t now) {
   for (std::size_t n = 0; transaction_ && n < kPiece; ++n) {
-    auto &[steps, kept, failed] = *transaction_;
+    auto &[since_ns, steps, kept, failed] = *transaction_;
     if (kept == steps.size()) {
       transaction_.reset();
     } else if (keep_it) {
@@ -388,9 +406,11 @@ bool Flows::end_more(bool keep_it, std::int64_t now) {
 void Flows::keep(const Transaction::Step &step, std::int64_t now) {
   FlowEntry *flow = table_.by_index(step.index);
   if (!flow) return;
+  const Acting acting(*this, step.author);
   flow->provisional = false;
   if (!step.added) return take_out(*flow, kDeleted);
   drop_older_forms(*flow);
+  if (flow->in_force) report(*flow, flow->created_ns < transaction_->since_ns ? FlowEvent::modified : FlowEvent::added);
   if (!flow->displaced) return;
   flow->displaced = false;
   failed_late(*flow, now);
@@ -517,7 +537,9 @@ void Flows::fail(FlowEntry &flow, const Error &error) {
   if (flow.retried) events_.flow_removed(flow, kDeleted);
   const FlowEntry *before = flow.in_force ? table_.at(flow.older) : nullptr;
   if (before && before->displaced) displaced_.push_back(before->index());
+  if (flow.in_force && !before) report(flow, FlowEvent::deleted);
   table_.remove(flow);
+  if (before) report(*before, FlowEvent::brought_back);
 }
 
 // An installed flow has failed, as after a restart of what programs it: it gets one more chance under a new index.

@@ -21,6 +21,20 @@
 
 namespace host::of_ss {
 
+// Who asked for a change. Each request has a number of its own; generation 0: no controller did.
+struct Author {
+  Origin origin = {};
+  std::uint64_t request = 0;
+};
+
+enum class FlowEvent { added, deleted, modified, brought_back };  // the last: its newer form has failed
+
+struct FlowChange {
+  FlowEvent event;
+  RemovedReason reason;  // of a deletion
+  Author author;
+};
+
 // What the flows tell the controllers' side.
 class FlowEvents {
  public:
@@ -28,6 +42,8 @@ class FlowEvents {
   virtual void flow_failed(const Origin &origin, const Error &error, Bytes request) = 0;
   // A flow has gone: by a delete, by a timeout, or because it failed after it had been installed.
   virtual void flow_removed(const FlowEntry &flow, RemovedReason reason) = 0;
+  // While the flows are watched: what a request or a failure has changed. A transaction tells its changes when they are kept.
+  virtual void flow_changed(const FlowEntry &flow, const FlowChange &change) = 0;
   // Generation 0: a barrier of the flows' own, with the number that fence gave.
   virtual void barrier_answered(const Origin &origin) = 0;
   // No barrier has told of these adds within the time there is. Flows::overdue_checked is to be told which of them are installed
@@ -106,6 +122,9 @@ class Flows {
   bool restore(Bytes flow_mod, std::int64_t now);
   void reserve_index_above(std::uint64_t index) { table_.reserve_index_above(index); }
 
+  // Whether FlowEvents::flow_changed is to be called.
+  void watch(bool watched) { watched_ = watched; }
+
   // Puts a barrier of the flows' own behind everything so far, whatever is decided; its number.
   std::uint32_t fence(std::int64_t now);
   // To be called after each batch of requests: puts a barrier behind them where none is on its way.
@@ -120,7 +139,7 @@ class Flows {
   // A transaction: what apply does from begin on is undone or kept as a whole. It may begin when nothing is undecided, and
   // meanwhile nobody else may change flows. Of a full target it needs room for what is new beside what is to go.
   bool can_begin() const { return all_decided() && displaced_.empty() && !is_deleting() && !transaction_; }
-  void begin();
+  void begin(std::int64_t now);
   // Whether a flow of the transaction has failed.
   bool has_failed() const { return transaction_ && transaction_->failed; }
   // Ends it, a few hundred flows a call; false when it is through.
@@ -150,11 +169,14 @@ class Flows {
   static bool selected(const FlowEntry &flow, const FlowMod &filter);
 
  private:
+  class Acting;
   struct Transaction {
     struct Step {
       std::uint64_t index;
       bool added;  // or set aside
+      Author author;
     };
+    std::int64_t since_ns;
     std::vector<Step> steps = {};
     std::size_t kept = 0;  // steps that are for good
     bool failed = false;
@@ -176,7 +198,10 @@ class Flows {
   void remove_flow(FlowEntry &flow, RemovedReason reason);
   void take_out(FlowEntry &flow, RemovedReason reason);
   void set_aside(FlowEntry *flow);
-  void note_added(FlowEntry &flow);
+  void note_added(FlowEntry &flow, FlowEvent event);
+  void report(const FlowEntry &flow, FlowEvent event, RemovedReason reason = kDeleted) {
+    if (watched_) events_.flow_changed(flow, {event, reason, author_});
+  }
   void keep(const Transaction::Step &step, std::int64_t now);
   void undo(const Transaction::Step &step);
   void remove_all();
@@ -206,6 +231,7 @@ class Flows {
 
   // A delete that is under way. Without a filter it is of everything.
   struct Deletion {
+    Author author;
     std::unique_ptr<FlowMod> filter = {};
     std::vector<std::uint32_t> slots = {};  // of the flows that it found
     std::uint32_t next = 0;                 // among them, or of the whole table
@@ -226,6 +252,9 @@ class Flows {
   std::uint32_t told_capacity_ = 0;
   std::uint32_t own_xid_ = 0;
   std::uint32_t rounds_ = 1;  // of counters
+  bool watched_ = false;
+  Author author_;  // of the request that is being carried out
+  std::uint64_t requests_ = 0;
   // The clock that deadlines run on: it stands while the daemon's loop does not turn.
   std::int64_t patience_ns_ = 0, checked_ns_ = 0, progress_ns_ = 0;
   std::uint64_t progress_ = 0;

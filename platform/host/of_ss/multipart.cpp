@@ -350,8 +350,18 @@ constexpr std::array<MultipartRow, kMultipartTypes> kMultiparts{{
     {"PORT_DESC", 0, false, port_desc},
 }};
 
+Verdict experimenter(Agent &agent, Connection &connection, Bytes request) {
+  if (Monitors::is_request(request) && !(be16(request, 10) & kMore)) return agent.monitors().request(connection, request);
+  if (request.size() < kBody + 8) return refuse(err::kBadLen, "experimenter", "the length of the request is wrong");
+  if (be32(request, kBody) != kOnfExperimenter)
+    return refuse(err::kBadExperimenter, "experimenter", "of experimenters' requests the switch knows flow monitors only");
+  return refuse(Monitors::is_request(request) ? err::kMultipartOverflow : err::kBadExperimenterType, "type",
+                "a request for flow monitors has type 1870 and one part");
+}
+
 Verdict handle(Agent &agent, Connection &connection, Bytes request) {
   const std::uint16_t type = be16(request, 8);
+  if (type == kExperimenterMultipart) return experimenter(agent, connection, request);
   if (type >= kMultiparts.size()) return refuse(err::kBadMultipart, "multipart", "unknown type of multipart request");
   const MultipartRow &row = kMultiparts[type];
   if (be16(request, 10) & kMore && type != kTableFeatures)
@@ -367,7 +377,7 @@ Verdict handle(Agent &agent, Connection &connection, Bytes request) {
 bool multipart_is_for_daemon(Bytes request) {
   if (request.size() < kBody) return false;
   const std::uint16_t type = be16(request, 8);
-  return type == kFlow || type == kAggregate;
+  return type == kFlow || type == kAggregate || type == kExperimenterMultipart;
 }
 
 void handle_multipart(Agent &agent, Connection &connection, Bytes request) {

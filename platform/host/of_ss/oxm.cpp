@@ -384,14 +384,16 @@ std::size_t encode_southbound_match(const WireMatch &match, bool service_chain, 
   return static_cast<std::size_t>(out - start);
 }
 
-void encode_wire_match(Bytes slots, bool service_chain, Writer &out) {
+std::size_t encode_wire_match(Bytes slots, bool service_chain, Writer &out) {
   const std::size_t start = out.size();
   out.u16(1);
   out.u16(0);
   for (Slot slot = next_slot(slots); slot.row; slot = next_slot(slots))
     if (!service_chain || slot.row->number != kOxmAppType) put_wire_field(slot, out);
-  out.patch16(start + 2, out.size() - start);
+  const std::size_t length = out.size() - start;
+  out.patch16(start + 2, length);
   out.pad8(start);
+  return length;
 }
 
 std::string match_text(Bytes slots) {

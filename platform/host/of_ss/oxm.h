@@ -83,8 +83,9 @@ bool satisfies(const WireMatch &match, Needs needs);
 inline constexpr std::size_t kMaxSouthboundMatch = 512;
 std::size_t encode_southbound_match(const WireMatch &match, bool service_chain, std::byte *out);
 
-// Writes southbound slots as a wire match with header and padding; without the application type when `service_chain`.
-void encode_wire_match(Bytes slots, bool service_chain, Writer &out);
+// Writes southbound slots as a wire match with header and padding; without the application type when `service_chain`. Its length
+// without the padding.
+std::size_t encode_wire_match(Bytes slots, bool service_chain, Writer &out);
 
 // Southbound slots as "in_port=1,eth_type=0x0800,ipv4_dst=10.0.0.0/24"; empty for a match of everything.
 std::string match_text(Bytes slots);

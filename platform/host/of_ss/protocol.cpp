@@ -10,7 +10,7 @@ namespace host::of_ss {
 namespace {
 
 constexpr std::uint32_t kFlowStats = 1, kTableStats = 2, kPortStats = 4;  // OFPC_*
-constexpr std::uint32_t kPortDown = 1, kLinkDown = 1;  // OFPPC_PORT_DOWN, OFPPS_LINK_DOWN
+constexpr std::uint32_t kPortDown = 1, kLinkDown = 1;                     // OFPPC_PORT_DOWN, OFPPS_LINK_DOWN
 constexpr std::size_t kHwAddrLen = 6;
 
 Origin origin_of(const Connection &connection, Bytes message) {
@@ -28,8 +28,10 @@ Verdict ignore(Agent &, Connection &, Bytes) {
 }
 
 Verdict experimenter(Agent &agent, Connection &connection, Bytes message) {
+  if (Monitors::is_cancel(message)) return agent.monitors().cancel(connection, message);
   if (be32(message, kOfHeader) == kOnfExperimenter) return agent.bundles().handle(connection, message);
-  return refuse(err::kBadExperimenter, "experimenter", "of experimenters' messages the switch knows bundles only");
+  return refuse(err::kBadExperimenter, "experimenter",
+                "of experimenters' messages the switch knows bundles and flow monitors only");
 }
 
 Verdict features(Agent &agent, Connection &connection, Bytes message) {

@@ -20,6 +20,12 @@ struct FreeDump {
   void operator()(Dump *dump) const;
 };
 
+// The flow monitors of a connection (monitors.h).
+struct Watcher;
+struct FreeWatcher {
+  void operator()(Watcher *watcher) const;
+};
+
 struct Session {
   Role role = Role::equal;
   std::array<std::uint32_t, 6> async{0x7, 0, 0x7, 0x7, 0xf, 0};
@@ -36,6 +42,8 @@ struct Session {
   std::uint32_t handed_over = 0;
   bool waits_for_counters = false;  // its statistics request waits for fresh counters, and later messages for it
   std::unique_ptr<Dump, FreeDump> dump;
+  std::unique_ptr<Watcher, FreeWatcher> watcher;
+  bool owes_updates = false;  // to its monitors: the first flows, or what a pause has left; later messages wait
 };
 
 }  // namespace host::of_ss

@@ -122,7 +122,7 @@ inline constexpr std::uint32_t kMax = 0xffffff00, kInPort = 0xfffffff8, kTable =
 }
 inline constexpr std::uint32_t kGroupAll = 0xfffffffc, kGroupAny = 0xffffffff;
 inline constexpr std::uint32_t kMeterMax = 0xffff0000, kMeterController = 0xfffffffe, kMeterAll = 0xffffffff;
-inline constexpr std::uint32_t kOnfExperimenter = 0x4f4e4600;
+inline constexpr std::uint32_t kOnfExperimenter = 0x4f4e4600, kNiciraExperimenter = 0x00002320;
 inline constexpr std::uint32_t kNoBuffer = 0xffffffff;
 inline constexpr std::uint8_t kTableAll = 0xff;
 inline constexpr std::uint8_t kTableCount = 2;         // 0 ordinary flows, 1 service-chain flows
@@ -160,13 +160,14 @@ enum RemovedReason : std::uint8_t { kIdleTimeout = 0, kHardTimeout = 1, kDeleted
 
 // ---- errors (7.4.1): one row holds type, code and the name that the text uses
 
-// OFPET_EXPERIMENTER; in all of these here the experimenter is the Open Networking Foundation.
+// OFPET_EXPERIMENTER.
 inline constexpr std::uint16_t kExperimenterError = 0xffff;
 
 struct Error {
   std::uint16_t type;
   std::uint16_t code;
   const char *name;
+  std::uint32_t experimenter = kOnfExperimenter;  // of a kExperimenterError
 };
 
 namespace err {
@@ -179,6 +180,7 @@ inline constexpr Error kBadExperimenterType{1, 4, "OFPBRC_BAD_EXP_TYPE"};
 inline constexpr Error kBadLen{1, 6, "OFPBRC_BAD_LEN"};
 inline constexpr Error kBufferUnknown{1, 8, "OFPBRC_BUFFER_UNKNOWN"};
 inline constexpr Error kRequestBadTable{1, 9, "OFPBRC_BAD_TABLE_ID"};
+inline constexpr Error kRequestEperm{1, 5, "OFPBRC_EPERM"};
 inline constexpr Error kIsSlave{1, 10, "OFPBRC_IS_SLAVE"};
 inline constexpr Error kRequestBadPort{1, 11, "OFPBRC_BAD_PORT"};
 inline constexpr Error kMultipartOverflow{1, 13, "OFPBRC_MULTIPART_BUFFER_OVERFLOW"};
@@ -253,6 +255,10 @@ inline constexpr Error kBundleUnsupported{kExperimenterError, 2310, "OFPBFC_MSG_
 inline constexpr Error kBundleTooMany{kExperimenterError, 2312, "OFPBFC_MSG_TOO_MANY"};
 inline constexpr Error kBundleFailed{kExperimenterError, 2313, "OFPBFC_MSG_FAILED"};
 inline constexpr Error kBundleTimeout{kExperimenterError, 2314, "OFPBFC_TIMEOUT"};
+// OpenFlow 1.3 has no numbers for what is wrong with a flow monitor; these are the ones that ovs-ofctl knows.
+inline constexpr Error kMonitorExists{kExperimenterError, 6, "OFPMOFC_MONITOR_EXISTS", kNiciraExperimenter};
+inline constexpr Error kMonitorBadFlags{kExperimenterError, 7, "OFPMOFC_BAD_FLAGS", kNiciraExperimenter};
+inline constexpr Error kUnknownMonitor{kExperimenterError, 8, "OFPMOFC_UNKNOWN_MONITOR", kNiciraExperimenter};
 }  // namespace err
 
 // Why a request is refused: the error to answer with, the part of the request at fault and the reason in words (both literals).
