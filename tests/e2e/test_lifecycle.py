@@ -2,6 +2,7 @@
 
 import os
 import signal
+import socket
 import subprocess
 import unittest
 
@@ -26,6 +27,30 @@ class Lifecycle(e2e.Test):
         self.assertEqual(client.barrier(), [])
         self.assertNotIn(" error ", running.output())
         self.assertIn(f"ssc_kelim {versions[0][1]} starts: configuration /dev/null, database embedded:", running.output())
+
+    def test_the_journal_and_syslog_are_told_priority_and_origin(self):
+        if subprocess.run(["unshare", "--mount", "true"], capture_output=True).returncode:
+            self.skipTest("needs a mount name space of its own")
+        # /dev and /run as the daemon sees them, with this test's sockets where it looks for the two services.
+        mounts = """cd "$0" && mount --rbind /dev dev && mount -t tmpfs dev /dev && touch /dev/null /dev/urandom /dev/log
+            mount --bind dev/null /dev/null && mount --bind dev/urandom /dev/urandom && mount --bind log /dev/log
+            mount -t tmpfs run /run && mkdir -p /run/systemd/journal && touch /run/systemd/journal/socket
+            mount --bind log /run/systemd/journal/socket && exec "$@\""""
+        told = {
+            "journald": rb"MESSAGE=ssc_kelim .* starts: .*\nPRIORITY=6\nSYSLOG_IDENTIFIER=ssc_kelim\nKELIM_CATEGORY=kelim_host\n"
+                        rb"CODE_FILE=platform/host/.*cpp\nCODE_FUNC=.+\nCODE_LINE=\d+\n",
+            "syslog": rb"<30>... .. ..:..:.. ssc_kelim\[\d+\]: kelim_host: ssc_kelim .* starts: .* \(platform/.*cpp:\d+ .+\)",
+        }
+        for target, line in told.items():
+            running = daemon.Daemon(e2e.BIN, log_target=target)
+            with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as service, self.subTest(target):
+                service.bind(str(running.run_dir / "log"))
+                service.settimeout(e2e.LIMIT)
+                (running.run_dir / "dev").mkdir()
+                running.command_line = ["unshare", "--mount", "sh", "-ec", mounts, running.run_dir, *running.command_line]
+                self.run_until_the_end(running)
+                self.assertRegex(service.recv(65536), line)
+                self.assertNotIn("starts:", running.output())
 
     def test_a_second_instance_ends_at_once_and_the_first_goes_on(self):
         running = self.daemon()
