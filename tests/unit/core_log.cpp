@@ -16,7 +16,7 @@ class Log : public RuntimeTest {
  protected:
   void configure() override {
     set("log.target", "file");
-    set("log.file", dir / "test.log");
+    set("log.file", dir / "%p.log");
   }
   void SetUp() override {
     RuntimeTest::SetUp();
@@ -29,7 +29,7 @@ class Log : public RuntimeTest {
     qxdf_zlog(category, "app/a.cppXXX", 9, "runYYY", 3, line, level, "%s", text.c_str());
   }
   // What the file holds, without the time of 24 bytes that each line begins with.
-  std::vector<std::string> lines(const std::string &name = "test.log") const {
+  std::vector<std::string> lines(const std::string &name = "core_test.log") const {
     host::log::flush();
     std::vector<std::string> all;
     std::ifstream in(dir / name);
@@ -127,10 +127,10 @@ TEST_F(Log, ManyPlacesAreAllKeptAndCountsOfOldOnesComeOut) {
 TEST_F(Log, AReloadGoesOnInANewFileUnderTheSameName) {
   zlog(QX_ZLOG_ERROR, "before");
   host::log::flush();
-  std::filesystem::rename(dir / "test.log", dir / "moved.log");
+  std::filesystem::rename(dir / "core_test.log", dir / "moved.log");
   std::vector<std::string> told;
   EXPECT_EQ(host::reload(&told), 0);
-  EXPECT_EQ(told, std::vector<std::string>{"the log file " + (dir / "test.log") + " is opened anew"});
+  EXPECT_EQ(told, std::vector<std::string>{"the log file " + (dir / "core_test.log") + " is opened anew"});
   zlog(QX_ZLOG_ERROR, "after");
   EXPECT_EQ(lines().back(), "error   policy_error after  (app/a.cpp:7 run)");
   EXPECT_EQ(lines("moved.log").size(), 1u);
@@ -151,8 +151,8 @@ TEST_F(QuietLog, LevelsBelowTheThresholdAreDroppedAndTheFileRotates) {
   host::log::warn("hidden too");
   for (int i = 0; i < 200; ++i) zlog(QX_ZLOG_ERROR, "line " + std::to_string(i) + std::string(100, '.'), i);
   EXPECT_NE(lines().back().find("line 199"), std::string::npos);
-  EXPECT_TRUE(lines("test.3.log").empty()) << "two rotated files at most";
-  for (const auto &name : {"test.log", "test.1.log", "test.2.log"}) {
+  EXPECT_TRUE(lines("core_test.3.log").empty()) << "two rotated files at most";
+  for (const auto &name : {"core_test.log", "core_test.1.log", "core_test.2.log"}) {
     EXPECT_LE(std::filesystem::file_size(dir / name), 4096u);
     for (const std::string &line : lines(name)) EXPECT_EQ(line.find("hidden"), std::string::npos);
   }

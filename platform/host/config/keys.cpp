@@ -88,7 +88,8 @@ constexpr Row kRows[] = {
 
     {"log", "target", in<&C::log, &C::Log::target>, "auto", words("auto, journald, syslog, file or stderr"),
      "Where log lines go; auto is journald under systemd and standard error otherwise."},
-    {"log", "file", in<&C::log, &C::Log::file>, "/var/log/kelim/kelim.log", kPath, "The file of target \"file\"."},
+    {"log", "file", in<&C::log, &C::Log::file>, "/var/log/kelim/%p.log", kPath,
+     "The file of target \"file\"; %p stands for the program's name, since two programs do not write one file."},
     {"log", "level", in<&C::log, &C::Log::level>, "debug", words("debug, info, warning, error or off"),
      "The least severe level that is kept; verbose lines are debug."},
     {"log", "max_bytes", in<&C::log, &C::Log::max_bytes>, "10485760", between(4096, kAny64),

@@ -75,6 +75,7 @@ class Service {
   bool closing_ = false;
   bool ended_ = false;                          // the writer has left
   std::atomic<bool> stuck_{false};              // the writer did not leave in time
+  std::string ident_;                           // the program's name
   std::shared_ptr<spdlog::sinks::sink> sink_;   // a writer that is stuck keeps its own
   std::unique_ptr<spdlog::sinks::sink> fresh_;  // takes its place before the next line
   std::atomic<std::uint64_t> lines_out_{0};
@@ -108,6 +109,7 @@ const std::map<std::string_view, Level> kLevels = {
 
 std::string Service::open(const Config &config, const std::string &ident) {
   try {
+    ident_ = ident;
     sink_ = make_sink(config.log, ident);
   } catch (const spdlog::spdlog_ex &e) {
     return "log." + config.log.target + " cannot be opened: " + e.what();
@@ -168,13 +170,13 @@ Reloaded Service::reopen() {
   const Config::Log &key = config().log;
   if (key.target != "file") return {};
   try {
-    auto sink = make_sink(key, "");
+    auto sink = make_sink(key, ident_);
     std::lock_guard lock(mutex_);
     fresh_ = std::move(sink);
   } catch (const spdlog::spdlog_ex &e) {
     return {.text = std::string("log.file cannot be opened anew: ") + e.what(), .done = false};
   }
-  return {.text = "the log file " + key.file + " is opened anew"};
+  return {.text = "the log file " + file_of(key, ident_) + " is opened anew"};
 }
 
 void Service::flush() {

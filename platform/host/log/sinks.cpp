@@ -94,8 +94,8 @@ SinkPtr make_syslog(const Config::Log &, const std::string &ident) {
   return std::make_unique<spdlog::sinks::syslog_sink_mt>(ident, LOG_PID, LOG_DAEMON, true);
 }
 
-SinkPtr make_file(const Config::Log &config, const std::string &) {
-  return std::make_unique<spdlog::sinks::rotating_file_sink_mt>(config.file, config.max_bytes, config.files);
+SinkPtr make_file(const Config::Log &config, const std::string &ident) {
+  return std::make_unique<spdlog::sinks::rotating_file_sink_mt>(file_of(config, ident), config.max_bytes, config.files);
 }
 
 struct Target {
@@ -113,6 +113,12 @@ constexpr Target kTargets[] = {
 };
 
 }  // namespace
+
+std::string file_of(const Config::Log &config, const std::string &ident) {
+  std::string file = config.file;
+  for (std::size_t at = 0; (at = file.find("%p", at)) != file.npos; at += ident.size()) file.replace(at, 2, ident);
+  return file;
+}
 
 std::unique_ptr<spdlog::sinks::sink> make_sink(const Config::Log &config, const std::string &ident) {
   const Target *target = kTargets;
