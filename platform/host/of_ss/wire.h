@@ -170,95 +170,103 @@ struct Error {
   std::uint32_t experimenter = kOnfExperimenter;  // of a kExperimenterError
 };
 
+// Every error that is sent: its name here, then type, code, name in OpenFlow. Those at the end are of bundles and of flow
+// monitors; OpenFlow 1.3 has no numbers for what is wrong with a monitor, these are the ones that ovs-ofctl knows.
+#define KELIM_OPENFLOW_ERRORS(ROW)                                                          \
+  ROW(kIncompatible, 0, 0, "OFPHFC_INCOMPATIBLE")                                           \
+  ROW(kBadVersion, 1, 0, "OFPBRC_BAD_VERSION")                                              \
+  ROW(kBadType, 1, 1, "OFPBRC_BAD_TYPE")                                                    \
+  ROW(kBadMultipart, 1, 2, "OFPBRC_BAD_MULTIPART")                                          \
+  ROW(kBadExperimenter, 1, 3, "OFPBRC_BAD_EXPERIMENTER")                                    \
+  ROW(kBadExperimenterType, 1, 4, "OFPBRC_BAD_EXP_TYPE")                                    \
+  ROW(kBadLen, 1, 6, "OFPBRC_BAD_LEN")                                                      \
+  ROW(kBufferUnknown, 1, 8, "OFPBRC_BUFFER_UNKNOWN")                                        \
+  ROW(kRequestBadTable, 1, 9, "OFPBRC_BAD_TABLE_ID")                                        \
+  ROW(kRequestEperm, 1, 5, "OFPBRC_EPERM")                                                  \
+  ROW(kIsSlave, 1, 10, "OFPBRC_IS_SLAVE")                                                   \
+  ROW(kRequestBadPort, 1, 11, "OFPBRC_BAD_PORT")                                            \
+  ROW(kMultipartOverflow, 1, 13, "OFPBRC_MULTIPART_BUFFER_OVERFLOW")                        \
+  ROW(kBadAction, 2, 0, "OFPBAC_BAD_TYPE")                                                  \
+  ROW(kActionBadLen, 2, 1, "OFPBAC_BAD_LEN")                                                \
+  ROW(kActionBadExperimenter, 2, 2, "OFPBAC_BAD_EXPERIMENTER")                              \
+  ROW(kBadOutPort, 2, 4, "OFPBAC_BAD_OUT_PORT")                                             \
+  ROW(kTooMany, 2, 7, "OFPBAC_TOO_MANY")                                                    \
+  ROW(kBadQueue, 2, 8, "OFPBAC_BAD_QUEUE")                                                  \
+  ROW(kBadOutGroup, 2, 9, "OFPBAC_BAD_OUT_GROUP")                                           \
+  ROW(kMatchInconsistent, 2, 10, "OFPBAC_MATCH_INCONSISTENT")                               \
+  ROW(kUnsupportedOrder, 2, 11, "OFPBAC_UNSUPPORTED_ORDER")                                 \
+  ROW(kBadSetType, 2, 13, "OFPBAC_BAD_SET_TYPE")                                            \
+  ROW(kBadSetLen, 2, 14, "OFPBAC_BAD_SET_LEN")                                              \
+  ROW(kBadSetArgument, 2, 15, "OFPBAC_BAD_SET_ARGUMENT")                                    \
+  ROW(kUnknownInstruction, 3, 0, "OFPBIC_UNKNOWN_INST")                                     \
+  ROW(kUnsupportedInstruction, 3, 1, "OFPBIC_UNSUP_INST")                                   \
+  ROW(kInstructionBadTable, 3, 2, "OFPBIC_BAD_TABLE_ID")                                    \
+  ROW(kUnsupportedMetadata, 3, 3, "OFPBIC_UNSUP_METADATA")                                  \
+  ROW(kInstructionExperimenterUnknown, 3, 5, "OFPBIC_BAD_EXPERIMENTER")                     \
+  ROW(kInstructionBadLen, 3, 7, "OFPBIC_BAD_LEN")                                           \
+  ROW(kMatchBadType, 4, 0, "OFPBMC_BAD_TYPE")                                               \
+  ROW(kMatchBadLen, 4, 1, "OFPBMC_BAD_LEN")                                                 \
+  ROW(kBadWildcards, 4, 5, "OFPBMC_BAD_WILDCARDS")                                          \
+  ROW(kBadField, 4, 6, "OFPBMC_BAD_FIELD")                                                  \
+  ROW(kBadValue, 4, 7, "OFPBMC_BAD_VALUE")                                                  \
+  ROW(kBadMask, 4, 8, "OFPBMC_BAD_MASK")                                                    \
+  ROW(kBadPrereq, 4, 9, "OFPBMC_BAD_PREREQ")                                                \
+  ROW(kDupField, 4, 10, "OFPBMC_DUP_FIELD")                                                 \
+  ROW(kFlowModUnknown, 5, 0, "OFPFMFC_UNKNOWN")                                             \
+  ROW(kTableFull, 5, 1, "OFPFMFC_TABLE_FULL")                                               \
+  ROW(kBadTableId, 5, 2, "OFPFMFC_BAD_TABLE_ID")                                            \
+  ROW(kOverlap, 5, 3, "OFPFMFC_OVERLAP")                                                    \
+  ROW(kBadCommand, 5, 6, "OFPFMFC_BAD_COMMAND")                                             \
+  ROW(kBadFlags, 5, 7, "OFPFMFC_BAD_FLAGS")                                                 \
+  ROW(kOutOfGroups, 6, 3, "OFPGMFC_OUT_OF_GROUPS")                                          \
+  ROW(kUnknownGroup, 6, 8, "OFPGMFC_UNKNOWN_GROUP")                                         \
+  ROW(kGroupBadCommand, 6, 11, "OFPGMFC_BAD_COMMAND")                                       \
+  ROW(kPortModBadPort, 7, 0, "OFPPMFC_BAD_PORT")                                            \
+  ROW(kPortModBadHwAddr, 7, 1, "OFPPMFC_BAD_HW_ADDR")                                       \
+  ROW(kPortModBadConfig, 7, 2, "OFPPMFC_BAD_CONFIG")                                        \
+  ROW(kPortModBadAdvertise, 7, 3, "OFPPMFC_BAD_ADVERTISE")                                  \
+  ROW(kPortModEperm, 7, 4, "OFPPMFC_EPERM")                                                 \
+  ROW(kTableModBadTable, 8, 0, "OFPTMFC_BAD_TABLE")                                         \
+  ROW(kTableModBadConfig, 8, 1, "OFPTMFC_BAD_CONFIG")                                       \
+  ROW(kQueueBadPort, 9, 0, "OFPQOFC_BAD_PORT")                                              \
+  ROW(kConfigBadFlags, 10, 0, "OFPSCFC_BAD_FLAGS")                                          \
+  ROW(kRoleStale, 11, 0, "OFPRRFC_STALE")                                                   \
+  ROW(kRoleBad, 11, 2, "OFPRRFC_BAD_ROLE")                                                  \
+  ROW(kMeterUnknown, 12, 0, "OFPMMFC_UNKNOWN")                                              \
+  ROW(kMeterExists, 12, 1, "OFPMMFC_METER_EXISTS")                                          \
+  ROW(kInvalidMeter, 12, 2, "OFPMMFC_INVALID_METER")                                        \
+  ROW(kUnknownMeter, 12, 3, "OFPMMFC_UNKNOWN_METER")                                        \
+  ROW(kMeterBadCommand, 12, 4, "OFPMMFC_BAD_COMMAND")                                       \
+  ROW(kMeterBadFlags, 12, 5, "OFPMMFC_BAD_FLAGS")                                           \
+  ROW(kMeterBadRate, 12, 6, "OFPMMFC_BAD_RATE")                                             \
+  ROW(kMeterBadBand, 12, 8, "OFPMMFC_BAD_BAND")                                             \
+  ROW(kMeterBadBandValue, 12, 9, "OFPMMFC_BAD_BAND_VALUE")                                  \
+  ROW(kOutOfMeters, 12, 10, "OFPMMFC_OUT_OF_METERS")                                        \
+  ROW(kOutOfBands, 12, 11, "OFPMMFC_OUT_OF_BANDS")                                          \
+  ROW(kTableFeaturesEperm, 13, 5, "OFPTFFC_EPERM")                                          \
+  ROW(kBundleBadId, kExperimenterError, 2302, "OFPBFC_BAD_ID")                              \
+  ROW(kBundleExists, kExperimenterError, 2303, "OFPBFC_BUNDLE_EXIST")                       \
+  ROW(kBundleClosed, kExperimenterError, 2304, "OFPBFC_BUNDLE_CLOSED")                      \
+  ROW(kOutOfBundles, kExperimenterError, 2305, "OFPBFC_OUT_OF_BUNDLES")                     \
+  ROW(kBundleBadType, kExperimenterError, 2306, "OFPBFC_BAD_TYPE")                          \
+  ROW(kBundleBadFlags, kExperimenterError, 2307, "OFPBFC_BAD_FLAGS")                        \
+  ROW(kBundleBadLength, kExperimenterError, 2308, "OFPBFC_MSG_BAD_LEN")                     \
+  ROW(kBundleBadXid, kExperimenterError, 2309, "OFPBFC_MSG_BAD_XID")                        \
+  ROW(kBundleUnsupported, kExperimenterError, 2310, "OFPBFC_MSG_UNSUP")                     \
+  ROW(kBundleTooMany, kExperimenterError, 2312, "OFPBFC_MSG_TOO_MANY")                      \
+  ROW(kBundleFailed, kExperimenterError, 2313, "OFPBFC_MSG_FAILED")                         \
+  ROW(kBundleTimeout, kExperimenterError, 2314, "OFPBFC_TIMEOUT")                           \
+  ROW(kMonitorExists, kExperimenterError, 6, "OFPMOFC_MONITOR_EXISTS", kNiciraExperimenter) \
+  ROW(kMonitorBadFlags, kExperimenterError, 7, "OFPMOFC_BAD_FLAGS", kNiciraExperimenter)    \
+  ROW(kUnknownMonitor, kExperimenterError, 8, "OFPMOFC_UNKNOWN_MONITOR", kNiciraExperimenter)
+
 namespace err {
-inline constexpr Error kIncompatible{0, 0, "OFPHFC_INCOMPATIBLE"};
-inline constexpr Error kBadVersion{1, 0, "OFPBRC_BAD_VERSION"};
-inline constexpr Error kBadType{1, 1, "OFPBRC_BAD_TYPE"};
-inline constexpr Error kBadMultipart{1, 2, "OFPBRC_BAD_MULTIPART"};
-inline constexpr Error kBadExperimenter{1, 3, "OFPBRC_BAD_EXPERIMENTER"};
-inline constexpr Error kBadExperimenterType{1, 4, "OFPBRC_BAD_EXP_TYPE"};
-inline constexpr Error kBadLen{1, 6, "OFPBRC_BAD_LEN"};
-inline constexpr Error kBufferUnknown{1, 8, "OFPBRC_BUFFER_UNKNOWN"};
-inline constexpr Error kRequestBadTable{1, 9, "OFPBRC_BAD_TABLE_ID"};
-inline constexpr Error kRequestEperm{1, 5, "OFPBRC_EPERM"};
-inline constexpr Error kIsSlave{1, 10, "OFPBRC_IS_SLAVE"};
-inline constexpr Error kRequestBadPort{1, 11, "OFPBRC_BAD_PORT"};
-inline constexpr Error kMultipartOverflow{1, 13, "OFPBRC_MULTIPART_BUFFER_OVERFLOW"};
-inline constexpr Error kBadAction{2, 0, "OFPBAC_BAD_TYPE"};
-inline constexpr Error kActionBadLen{2, 1, "OFPBAC_BAD_LEN"};
-inline constexpr Error kActionBadExperimenter{2, 2, "OFPBAC_BAD_EXPERIMENTER"};
-inline constexpr Error kBadOutPort{2, 4, "OFPBAC_BAD_OUT_PORT"};
-inline constexpr Error kTooMany{2, 7, "OFPBAC_TOO_MANY"};
-inline constexpr Error kBadQueue{2, 8, "OFPBAC_BAD_QUEUE"};
-inline constexpr Error kBadOutGroup{2, 9, "OFPBAC_BAD_OUT_GROUP"};
-inline constexpr Error kMatchInconsistent{2, 10, "OFPBAC_MATCH_INCONSISTENT"};
-inline constexpr Error kUnsupportedOrder{2, 11, "OFPBAC_UNSUPPORTED_ORDER"};
-inline constexpr Error kBadSetType{2, 13, "OFPBAC_BAD_SET_TYPE"};
-inline constexpr Error kBadSetLen{2, 14, "OFPBAC_BAD_SET_LEN"};
-inline constexpr Error kBadSetArgument{2, 15, "OFPBAC_BAD_SET_ARGUMENT"};
-inline constexpr Error kUnknownInstruction{3, 0, "OFPBIC_UNKNOWN_INST"};
-inline constexpr Error kUnsupportedInstruction{3, 1, "OFPBIC_UNSUP_INST"};
-inline constexpr Error kInstructionBadTable{3, 2, "OFPBIC_BAD_TABLE_ID"};
-inline constexpr Error kUnsupportedMetadata{3, 3, "OFPBIC_UNSUP_METADATA"};
-inline constexpr Error kInstructionExperimenterUnknown{3, 5, "OFPBIC_BAD_EXPERIMENTER"};
-inline constexpr Error kInstructionBadLen{3, 7, "OFPBIC_BAD_LEN"};
-inline constexpr Error kMatchBadType{4, 0, "OFPBMC_BAD_TYPE"};
-inline constexpr Error kMatchBadLen{4, 1, "OFPBMC_BAD_LEN"};
-inline constexpr Error kBadWildcards{4, 5, "OFPBMC_BAD_WILDCARDS"};
-inline constexpr Error kBadField{4, 6, "OFPBMC_BAD_FIELD"};
-inline constexpr Error kBadValue{4, 7, "OFPBMC_BAD_VALUE"};
-inline constexpr Error kBadMask{4, 8, "OFPBMC_BAD_MASK"};
-inline constexpr Error kBadPrereq{4, 9, "OFPBMC_BAD_PREREQ"};
-inline constexpr Error kDupField{4, 10, "OFPBMC_DUP_FIELD"};
-inline constexpr Error kFlowModUnknown{5, 0, "OFPFMFC_UNKNOWN"};
-inline constexpr Error kTableFull{5, 1, "OFPFMFC_TABLE_FULL"};
-inline constexpr Error kBadTableId{5, 2, "OFPFMFC_BAD_TABLE_ID"};
-inline constexpr Error kOverlap{5, 3, "OFPFMFC_OVERLAP"};
-inline constexpr Error kBadCommand{5, 6, "OFPFMFC_BAD_COMMAND"};
-inline constexpr Error kBadFlags{5, 7, "OFPFMFC_BAD_FLAGS"};
-inline constexpr Error kOutOfGroups{6, 3, "OFPGMFC_OUT_OF_GROUPS"};
-inline constexpr Error kUnknownGroup{6, 8, "OFPGMFC_UNKNOWN_GROUP"};
-inline constexpr Error kGroupBadCommand{6, 11, "OFPGMFC_BAD_COMMAND"};
-inline constexpr Error kPortModBadPort{7, 0, "OFPPMFC_BAD_PORT"};
-inline constexpr Error kPortModBadHwAddr{7, 1, "OFPPMFC_BAD_HW_ADDR"};
-inline constexpr Error kPortModBadConfig{7, 2, "OFPPMFC_BAD_CONFIG"};
-inline constexpr Error kPortModBadAdvertise{7, 3, "OFPPMFC_BAD_ADVERTISE"};
-inline constexpr Error kPortModEperm{7, 4, "OFPPMFC_EPERM"};
-inline constexpr Error kTableModBadTable{8, 0, "OFPTMFC_BAD_TABLE"};
-inline constexpr Error kTableModBadConfig{8, 1, "OFPTMFC_BAD_CONFIG"};
-inline constexpr Error kQueueBadPort{9, 0, "OFPQOFC_BAD_PORT"};
-inline constexpr Error kConfigBadFlags{10, 0, "OFPSCFC_BAD_FLAGS"};
-inline constexpr Error kRoleStale{11, 0, "OFPRRFC_STALE"};
-inline constexpr Error kRoleBad{11, 2, "OFPRRFC_BAD_ROLE"};
-inline constexpr Error kMeterUnknown{12, 0, "OFPMMFC_UNKNOWN"};
-inline constexpr Error kMeterExists{12, 1, "OFPMMFC_METER_EXISTS"};
-inline constexpr Error kInvalidMeter{12, 2, "OFPMMFC_INVALID_METER"};
-inline constexpr Error kUnknownMeter{12, 3, "OFPMMFC_UNKNOWN_METER"};
-inline constexpr Error kMeterBadCommand{12, 4, "OFPMMFC_BAD_COMMAND"};
-inline constexpr Error kMeterBadFlags{12, 5, "OFPMMFC_BAD_FLAGS"};
-inline constexpr Error kMeterBadRate{12, 6, "OFPMMFC_BAD_RATE"};
-inline constexpr Error kMeterBadBand{12, 8, "OFPMMFC_BAD_BAND"};
-inline constexpr Error kMeterBadBandValue{12, 9, "OFPMMFC_BAD_BAND_VALUE"};
-inline constexpr Error kOutOfMeters{12, 10, "OFPMMFC_OUT_OF_METERS"};
-inline constexpr Error kOutOfBands{12, 11, "OFPMMFC_OUT_OF_BANDS"};
-inline constexpr Error kTableFeaturesEperm{13, 5, "OFPTFFC_EPERM"};
-// Of the bundle extension.
-inline constexpr Error kBundleBadId{kExperimenterError, 2302, "OFPBFC_BAD_ID"};
-inline constexpr Error kBundleExists{kExperimenterError, 2303, "OFPBFC_BUNDLE_EXIST"};
-inline constexpr Error kBundleClosed{kExperimenterError, 2304, "OFPBFC_BUNDLE_CLOSED"};
-inline constexpr Error kOutOfBundles{kExperimenterError, 2305, "OFPBFC_OUT_OF_BUNDLES"};
-inline constexpr Error kBundleBadType{kExperimenterError, 2306, "OFPBFC_BAD_TYPE"};
-inline constexpr Error kBundleBadFlags{kExperimenterError, 2307, "OFPBFC_BAD_FLAGS"};
-inline constexpr Error kBundleBadLength{kExperimenterError, 2308, "OFPBFC_MSG_BAD_LEN"};
-inline constexpr Error kBundleBadXid{kExperimenterError, 2309, "OFPBFC_MSG_BAD_XID"};
-inline constexpr Error kBundleUnsupported{kExperimenterError, 2310, "OFPBFC_MSG_UNSUP"};
-inline constexpr Error kBundleTooMany{kExperimenterError, 2312, "OFPBFC_MSG_TOO_MANY"};
-inline constexpr Error kBundleFailed{kExperimenterError, 2313, "OFPBFC_MSG_FAILED"};
-inline constexpr Error kBundleTimeout{kExperimenterError, 2314, "OFPBFC_TIMEOUT"};
-// OpenFlow 1.3 has no numbers for what is wrong with a flow monitor; these are the ones that ovs-ofctl knows.
-inline constexpr Error kMonitorExists{kExperimenterError, 6, "OFPMOFC_MONITOR_EXISTS", kNiciraExperimenter};
-inline constexpr Error kMonitorBadFlags{kExperimenterError, 7, "OFPMOFC_BAD_FLAGS", kNiciraExperimenter};
-inline constexpr Error kUnknownMonitor{kExperimenterError, 8, "OFPMOFC_UNKNOWN_MONITOR", kNiciraExperimenter};
+#define KELIM_DEFINE_ERROR(name, ...) inline constexpr Error name{__VA_ARGS__};
+KELIM_OPENFLOW_ERRORS(KELIM_DEFINE_ERROR)
+#undef KELIM_DEFINE_ERROR
+#define KELIM_ERROR_ADDRESS(name, ...) &name,
+inline constexpr const Error *kAll[] = {KELIM_OPENFLOW_ERRORS(KELIM_ERROR_ADDRESS)};
+#undef KELIM_ERROR_ADDRESS
 }  // namespace err
 
 // Why a request is refused: the error to answer with, the part of the request at fault and the reason in words (both literals).
