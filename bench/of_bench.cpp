@@ -162,7 +162,8 @@ void longest_add(benchmark::State &state) {
   FlowMod mod;
   double longest = 0;
   for (auto _ : state) {
-    Flows flows(callbacks, quiet, FlowLimits{});
+    Trace trace;
+    Flows flows(callbacks, quiet, trace, FlowLimits{});
     for (std::uint32_t n = 0; n < state.range(0); ++n) {
       const WireFlow flow(n);
       decode_flow_mod(flow.span(), kPorts, mod);
@@ -184,7 +185,8 @@ struct Scene {
   static constexpr std::uint32_t kSpecial = 1000, kFirstPort = 10;
   Callbacks callbacks = player();
   Quiet quiet;
-  Flows flows{callbacks, quiet, FlowLimits{}};
+  Trace trace;
+  Flows flows{callbacks, quiet, trace, FlowLimits{}};
   FlowMod mod;
   std::vector<std::uint32_t> ports;
 

@@ -33,7 +33,8 @@ constexpr Callbacks kDaemon{take, take, take, take, [] {}, take, take, take, tak
 struct Engine {
   Nobody nobody;
   const FlowLimits limits{};
-  Flows flows{kDaemon, nobody, limits};
+  static inline Trace trace;
+  Flows flows{kDaemon, nobody, trace, limits};
   Meters meters{flows};
 };
 

@@ -30,6 +30,12 @@ inline std::optional<std::uint64_t> number(std::string_view text, int base = 10)
   return n;
 }
 
+// The same as people write it: decimal, or hexadecimal behind "0x".
+inline std::optional<std::uint64_t> any_number(std::string_view text) {
+  const bool hex = text.starts_with("0x");
+  return number(text.substr(hex ? 2 : 0), hex ? 16 : 10);
+}
+
 // A URL as it may be shown: without its password. Text that has no scheme, by mistake, shows nothing ahead of its last "@".
 inline std::string masked(std::string_view url) {
   const auto scheme = url.find("://"), end = url.rfind('@');

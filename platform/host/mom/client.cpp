@@ -60,6 +60,12 @@ int with_packed(const Call &call, const ProtobufCMessage *record, Work work) {
   return packed ? work(*packed) : kMalformed;
 }
 
+// Gives `result`, and tells who looks on at the slot.
+int told(const Call &call, const ProtobufCMessage *record, bool deletes, int result) {
+  if (call.slot && call.slot->wrote) call.slot->wrote(*call.slot, *record, deletes, result);
+  return result;
+}
+
 }  // namespace
 
 }  // namespace mom
@@ -86,12 +92,14 @@ int qx_mom_client_set_reconnect_cb(qx_global *global, int32_t db, qx_mom_reconne
 
 int qx_mom_set(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t, uint32_t) {
   const Call call = resolve(Point::mom_set, global, db, record, Needs::key, Link::async);
-  return with_packed(call, record, [&](Bytes packed) { return hub()->store().set(*call.slot, *call.key, packed, std::nullopt); });
+  const auto write = [&](Bytes packed) { return hub()->store().set(*call.slot, *call.key, packed, std::nullopt); };
+  return told(call, record, false, with_packed(call, record, write));
 }
 
 int qx_mom_setow(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t, uint32_t, int64_t ow) {
   const Call call = resolve(Point::mom_setow, global, db, record, Needs::key, Link::async);
-  return with_packed(call, record, [&](Bytes packed) { return hub()->store().set(*call.slot, *call.key, packed, ow); });
+  const auto write = [&](Bytes packed) { return hub()->store().set(*call.slot, *call.key, packed, ow); };
+  return told(call, record, false, with_packed(call, record, write));
 }
 
 int qx_mom_setnx_sync(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t, uint32_t) {
@@ -101,7 +109,7 @@ int qx_mom_setnx_sync(qx_global *global, int32_t db, const ProtobufCMessage *rec
 
 int qx_mom_del(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t, uint32_t) {
   const Call call = resolve(Point::mom_del, global, db, record, Needs::key, Link::async);
-  return call.code ? call.code : hub()->store().del(*call.slot, *call.key);
+  return told(call, record, true, call.code ? call.code : hub()->store().del(*call.slot, *call.key));
 }
 
 int qx_mom_del_sync(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t, uint32_t) {

@@ -45,6 +45,9 @@ struct Slot {
   std::vector<std::unique_ptr<Subscription>> subscriptions;
   std::vector<std::weak_ptr<Watcher>> watchers;  // those that ended go with the next change
   cgst::Topic topic;
+  // Told of each write and deletion of a record by this process, inside the call; null: nobody is.
+  using Wrote = void (*)(const Slot &slot, const ProtobufCMessage &record, bool deletes, int result);
+  Wrote wrote = nullptr;
 
   bool heard() const { return !subscriptions.empty() || !watchers.empty(); }
 };

@@ -46,7 +46,7 @@ Agent::Agent(const Callbacks &callbacks, Inbox &inbox, Settings settings, LookUp
     : settings_(std::move(settings)),
       look_up_(std::move(look_up)),
       inbox_(inbox),
-      flows_(callbacks, *this, settings_.flows),
+      flows_(callbacks, *this, trace_, settings_.flows),
       meters_(flows_),
       pace_(settings_.prompt, [this] { inbox_.nudge(); }),
       share_(kShareMax),
@@ -139,7 +139,9 @@ void Agent::new_turn() {
 }
 
 void Agent::look_at_clock() {
-  if (!clock_is_fresh_) now_ns_ = clock::now().count();
+  if (clock_is_fresh_) return;
+  now_ns_ = clock::now().count();
+  trace_.set_time(now_ns_);
   clock_is_fresh_ = true;
 }
 
@@ -382,6 +384,7 @@ std::map<std::string, Traffic> Agent::traffic() const {
 
 void Agent::message(Connection &connection, Bytes message) {
   look_at_clock();
+  const Trace::During during(trace_, trace_.begin(Step::received, message, connection.peer().controller));
   handle_message(*this, connection, message);
 }
 
@@ -476,6 +479,7 @@ void Agent::drained(Connection &connection) {
 
 void Agent::refuse(Connection &connection, const Verdict &verdict, Bytes request) {
   connection.send_error(*verdict.error, request);
+  trace_.note(Step::refused, 0, error_number(*verdict.error));
   ++refused_;
   ++refusal_counts_[verdict.error];
   const char *name = message_name(be8(request, kOfType));
@@ -490,7 +494,10 @@ void Agent::refuse(Connection &connection, const Verdict &verdict, Bytes request
 
 void Agent::flow_failed(const Origin &origin, const Error &error, Bytes request) {
   ++failure_counts_[&error];
-  if (Connection *connection = find(origin.generation)) connection->send_error(error, origin.xid, request);
+  Connection *connection = find(origin.generation);
+  if (!connection) return;
+  trace_.note_of(origin.request, origin.xid, Step::error_sent, 0, error_number(error));
+  connection->send_error(error, origin.xid, request);
 }
 
 void Agent::barrier_answered(const Origin &origin) {
@@ -498,6 +505,7 @@ void Agent::barrier_answered(const Origin &origin) {
   Connection *connection = find(origin.generation);
   if (!connection) return;
   --connection->session().barriers;
+  trace_.note_of(origin.request, origin.xid, Step::barrier_answered);
   Reply(scratch_, kBarrierReplyMsg, origin.xid).send(*connection);
 }
 

@@ -28,6 +28,7 @@
 #include "host/of_ss/session.h"
 #include "host/of_ss/settings.h"
 #include "host/of_ss/stored.h"
+#include "host/of_ss/trace.h"
 
 namespace host::of_ss {
 
@@ -175,6 +176,8 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   void set_role(Connection &connection, Role role);
   std::vector<std::byte> &scratch() { return scratch_; }
   FlowMod &flow_mod() { return flow_mod_; }
+  Trace &trace() { return trace_; }
+  const Trace &trace() const { return trace_; }
   // Asks the daemon for the counters of all flows; Session::waits_for_counters of the connection is cleared when they are there,
   // or when they take too long.
   void refresh_counters(Connection &connection);
@@ -266,6 +269,7 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   Settings settings_;
   const LookUp look_up_;
   Inbox &inbox_;
+  Trace trace_;
   Flows flows_;
   Meters meters_;
   Bundles bundles_{*this};

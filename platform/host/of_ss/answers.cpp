@@ -14,7 +14,7 @@ namespace sb = southbound;
 
 // Loop's thread.
 std::function<void(Bytes)> g_take;
-std::function<void(std::uint64_t)> g_seen;
+Seen g_seen;
 
 // Field numbers of the schema.
 enum : std::uint32_t { kKeyIndex = 1, kStaKey = 5, kStaStatus = 6, kCounterKey = 5 };
@@ -53,8 +53,9 @@ void tell(std::uint16_t type, std::uint64_t index, std::uint32_t code = 0) {
 int answered(void *, const qx_obj *object) {
   if (object->cmd != QX_MOM_CMD_SET && object->cmd != QX_MOM_CMD_DEL) return 0;
   const Answer answer = read({object->packed, object->packed_len});
-  g_seen(answer.index);
-  if (object->cmd != QX_MOM_CMD_SET) return 0;
+  const bool is_there = object->cmd == QX_MOM_CMD_SET;
+  g_seen(answer.index, is_there ? std::optional(static_cast<std::uint32_t>(answer.status)) : std::nullopt);
+  if (!is_there) return 0;
   const bool no_room = answer.status == S_POLICY_KELIM__STATUS_E__STATUS_RESOURCE;
   if (no_room || answer.status == S_POLICY_KELIM__STATUS_E__STATUS_FAILED)
     tell(kFlowAnswer, answer.index, no_room ? sb::kResultResource : sb::kResultFailed);
@@ -78,7 +79,7 @@ void watch(mom::Hub &hub, const ProtobufCMessageDescriptor &record, qx_mom_notif
 
 }  // namespace
 
-void watch_answers(std::function<void(Bytes)> take, std::function<void(std::uint64_t)> seen) {
+void watch_answers(std::function<void(Bytes)> take, Seen seen) {
   g_take = std::move(take);
   g_seen = std::move(seen);
   mom::Hub *hub = mom::hub();

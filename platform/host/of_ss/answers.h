@@ -3,7 +3,9 @@
 // service, disappears from the database without a word, and a shortage looks like any other failure.
 #pragma once
 
+#include <cstdint>
 #include <functional>
+#include <optional>
 
 #include "host/of_ss/wire.h"
 
@@ -18,8 +20,9 @@ inline constexpr std::uint16_t kFlowMoved = 0xff01, kRoundCounted = 0xff02;
 inline constexpr std::uint32_t kUndecided = 1U << 31;
 
 // From now on gives `take` every answer that says that a flow has failed, before the daemon acts on it, and what is told of
-// counters, as messages laid out as flow results of the types above; and `seen` the index of the flow with every answer, also one
-// that is taken back. Loop's thread.
-void watch_answers(std::function<void(Bytes)> take, std::function<void(std::uint64_t index)> seen);
+// counters, as messages laid out as flow results of the types above; and `seen` the index and the status of the flow with every
+// answer; no status where it is taken back. Loop's thread.
+using Seen = std::function<void(std::uint64_t index, std::optional<std::uint32_t> status)>;
+void watch_answers(std::function<void(Bytes)> take, Seen seen);
 
 }  // namespace host::of_ss

@@ -126,8 +126,9 @@ Verdict Bundles::commit(Connection &connection, Bytes message) {
   const auto at = open_.find(key_of(connection, message));
   if (at == open_.end()) return refuse(err::kBundleBadId, "bundle", "there is none with this number");
   const bool same_flags = at->second.flags == be16(message, kFlags), spoiled = at->second.spoiled;
-  Commit begun{
-      std::move(at->second), number_of(message), {connection.generation(), be32(message, kOfXid), connection.peer().controller}};
+  Commit begun{std::move(at->second),
+               number_of(message),
+               {connection.generation(), be32(message, kOfXid), connection.peer().controller, agent_.trace().request()}};
   bytes_ -= begun.bundle.messages.size();
   open_.erase(at);
   if (!same_flags) return refuse(err::kBundleBadFlags, "flags", "not those it was opened with");
@@ -168,6 +169,8 @@ void Bundles::expire(std::int64_t now_ns) {
 // ---- the commit
 
 void Bundles::advance() {
+  if (!commit_) return;
+  const Trace::During during(agent_.trace(), commit_->origin.request);
   while (commit_ && (this->*commit_->stage)()) {
   }
 }
@@ -184,8 +187,10 @@ bool Bundles::carry_out() {
   while (commit_->next < messages.size() && commit_->keep && !agent_.flows().has_failed()) {
     if (!agent_.may_work()) return false;
     const Bytes rest = messages.subspan(commit_->next), message = rest.first(be16(rest, kOfLength));
-    const Verdict verdict =
-        carry_out_flow_mod(agent_, {commit_->origin.generation, be32(message, kOfXid), commit_->origin.controller}, message);
+    const auto &[generation, commit_xid, controller, commit_request] = commit_->origin;
+    Trace &trace = agent_.trace();
+    const Trace::During its_own(trace, trace.begin(Step::from_bundle, message, controller));
+    const Verdict verdict = carry_out_flow_mod(agent_, {generation, be32(message, kOfXid), controller, trace.request()}, message);
     commit_->next += message.size();
     commit_->keep = !verdict.refused();
     Connection *connection = agent_.find(commit_->origin.generation);

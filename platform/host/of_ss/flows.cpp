@@ -87,6 +87,7 @@ Verdict Flows::add(const FlowMod &mod, const Origin &origin, Bytes request, std:
     before->last_hit_s = static_cast<std::uint32_t>(now / kSecond);
     ++counters_.unchanged;
     if (!transaction_) report(*before, FlowEvent::added);
+    trace_.note(Step::unchanged, before->index());
   } else {
     if (before) make_room(*before);
     before = &hand_over(mod.southbound(), place, now);
@@ -136,6 +137,7 @@ FlowEntry *Flows::next_to_delete() {
 
 void Flows::delete_more() {
   const Acting acting(*this, deletion_->author);
+  const Trace::During during(trace_, deletion_->author.origin.request);
   for (std::size_t n = 0; n < kPiece; ++n) {
     FlowEntry *flow = next_to_delete();
     if (!flow) return end_deletion();
@@ -210,6 +212,7 @@ FlowEntry &Flows::hand_over(Bytes flow_mod, const FlowTable::Place &place, std::
     flow.counted().packets.before = before->packets();
     flow.counted().bytes.before = before->bytes();
   }
+  trace_.note(Step::handed_over, flow.index());
   handover_.add(flow);
   return flow;
 }
@@ -251,6 +254,7 @@ void Flows::make_room(FlowEntry &flow) {
   drop_older_forms(flow);
   tell_deletion(flow);
   flow.displaced = true;
+  trace_.note(Step::made_room, flow.index());
   ++counters_.changed_in_place;
 }
 
@@ -272,7 +276,10 @@ void Flows::withdraw(FlowEntry &flow) {
 }
 
 void Flows::drop_older_forms(FlowEntry &flow) {
-  while (FlowEntry *older = table_.at(flow.older)) withdraw(*older);
+  while (FlowEntry *older = table_.at(flow.older)) {
+    trace_.note(Step::replaced, older->index());
+    withdraw(*older);
+  }
 }
 
 void Flows::remove_flow(FlowEntry &flow, RemovedReason reason) {
@@ -287,6 +294,7 @@ void Flows::take_out(FlowEntry &flow, RemovedReason reason) {
   if (flow.flags() & fm::kSendFlowRem) events_.flow_removed(flow, reason);
   report(flow, FlowEvent::deleted, reason);
   ++counters_.removed;
+  trace_.note(Step::removed, flow.index(), reason);
   withdraw(flow);
 }
 
@@ -296,6 +304,7 @@ void Flows::clear_table() {
     if (flow->in_force && flow->flags() & fm::kSendFlowRem) events_.flow_removed(*flow, kDeleted);
     if (flow->in_force) report(*flow, FlowEvent::deleted);
     counters_.removed += flow->in_force;
+    trace_.note(Step::removed, flow->index(), kDeleted);
     // The daemon removes what is stored. A flow that the service chain has not answered yet is not, and would be installed later.
     if (flow->state == FlowState::sent && is_for_service_chain(southbound_match(flow->southbound()))) tell_deletion(*flow);
     table_.remove(*flow);
@@ -434,6 +443,7 @@ void Flows::barrier(const BarrierTag &tag, const Origin &origin, bool waits, std
     events_.barrier_answered(origin);
     return;
   }
+  trace_.note(Step::barrier_handed);
   ledger_.barrier_sent(tag, origin, now);
   handover_.barrier(tag);
 }
@@ -472,6 +482,7 @@ void Flows::decided(const Pending &pending, std::int64_t now) {
   if (!flow || flow->state != FlowState::sent) return;
   const bool failed_since = pending.failed;
   table_.mark_installed(*flow);
+  trace_.note(Step::installed, flow->index());
   install_times_.observe(std::chrono::nanoseconds(now - pending.since_ns));
   flow->latency_us = static_cast<std::uint32_t>(std::min<std::int64_t>((now - pending.since_ns) / 1000, UINT32_MAX));
   counters_.latency_max_us = std::max(counters_.latency_max_us, flow->latency_us);
@@ -490,6 +501,7 @@ void Flows::flow_result(Bytes reply, std::int64_t now) {
   const auto index = sb::get<std::uint64_t>(reply.data(), sb::kFlowIndex);
   FlowEntry *flow = table_.by_index(index);
   Pending *pending = ledger_.find(index);
+  trace_.note(Step::result, index, sb::get<std::uint32_t>(reply.data(), sb::kFlowResultCode));
   // No controller waits for it: it stays as it was asked for, and the synchronisation that follows hands it over again.
   if (is_undecided(reply) && (!pending || !pending->origin.generation)) {
     counters_.left += flow != nullptr;
@@ -526,6 +538,7 @@ void Flows::flow_answer(Bytes answer, std::int64_t now) {
 
 // The daemon has dropped the flow on its side already.
 void Flows::fail(FlowEntry &flow, const Error &error) {
+  trace_.note(Step::failed, flow.index(), error_number(error));
   if (flow.provisional) {
     flow.displaced = transaction_->failed = true;
     return;
@@ -546,6 +559,7 @@ void Flows::fail(FlowEntry &flow, const Error &error) {
 void Flows::failed_late(FlowEntry &flow, std::int64_t now) {
   if (flow.retried || flow.provisional) return fail(flow, err::kFlowModUnknown);
   ++counters_.retried;
+  trace_.note(Step::tried_again, flow.index());
   add_again(flow, now);
 }
 
@@ -631,6 +645,7 @@ void Flows::give_up_barriers(std::int64_t now) {
 
 void Flows::give_up(const Pending &pending) {
   ++counters_.timed_out;
+  trace_.note(Step::given_up, pending.index);
   FlowEntry *flow = table_.by_index(pending.index);
   if (!pending.answered)
     events_.flow_failed(pending.origin, err::kFlowModUnknown, Bytes(pending.request_head, pending.request_len));

@@ -18,6 +18,7 @@
 #include "host/of_ss/flow_table.h"
 #include "host/of_ss/handover.h"
 #include "host/of_ss/ledger.h"
+#include "host/of_ss/trace.h"
 
 namespace host::of_ss {
 
@@ -81,8 +82,8 @@ struct FlowCounters {
 
 class Flows {
  public:
-  Flows(const Callbacks &callbacks, FlowEvents &events, const FlowLimits &limits)
-      : handover_(callbacks), events_(events), limits_(limits) {}
+  Flows(const Callbacks &callbacks, FlowEvents &events, Trace &trace, const FlowLimits &limits)
+      : handover_(callbacks), events_(events), trace_(trace), limits_(limits) {}
 
   // Carries out a request that decode_flow_mod has accepted. `request` is the OpenFlow message.
   Verdict apply(const FlowMod &mod, const Origin &origin, Bytes request, std::int64_t now);
@@ -239,6 +240,7 @@ class Flows {
 
   Handover handover_;
   FlowEvents &events_;
+  Trace &trace_;
   const FlowLimits limits_;
   FlowTable table_;
   Ledger ledger_;

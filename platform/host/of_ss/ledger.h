@@ -19,6 +19,7 @@ struct Origin {
   std::uint64_t generation = 0;
   std::uint32_t xid = 0;
   std::uint16_t controller = 0;  // its address (Peer::controller)
+  std::uint32_t request = 0;     // in the trace
 };
 
 // An add that is not decided.

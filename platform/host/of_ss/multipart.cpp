@@ -359,7 +359,9 @@ Verdict experimenter(Agent &agent, Connection &connection, Bytes request) {
                 "a request for flow monitors has type 1870 and one part");
 }
 
-Verdict handle(Agent &agent, Connection &connection, Bytes request) {
+}  // namespace
+
+Verdict handle_multipart(Agent &agent, Connection &connection, Bytes request) {
   const std::uint16_t type = be16(request, 8);
   if (type == kExperimenterMultipart) return experimenter(agent, connection, request);
   if (type >= kMultiparts.size()) return refuse(err::kBadMultipart, "multipart", "unknown type of multipart request");
@@ -372,17 +374,15 @@ Verdict handle(Agent &agent, Connection &connection, Bytes request) {
   return row.handle(agent, connection, request);
 }
 
-}  // namespace
-
 bool multipart_is_for_daemon(Bytes request) {
   if (request.size() < kBody) return false;
   const std::uint16_t type = be16(request, 8);
   return type == kFlow || type == kAggregate || type == kExperimenterMultipart;
 }
 
-void handle_multipart(Agent &agent, Connection &connection, Bytes request) {
-  const Verdict verdict = handle(agent, connection, request);
-  if (verdict.refused()) agent.refuse(connection, verdict, request);
+const char *multipart_name(std::uint8_t type) {
+  if (type == (kExperimenterMultipart & 0xff)) return "EXPERIMENTER";
+  return type < kMultiparts.size() ? kMultiparts[type].name : "";
 }
 
 void continue_dump(Agent &agent, Connection &connection) {

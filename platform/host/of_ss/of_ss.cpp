@@ -22,6 +22,7 @@
 #include "host/of_ss/answers.h"
 #include "host/of_ss/audit.h"
 #include "host/of_ss/callbacks.h"
+#include "host/of_ss/loop_trace.h"
 #include "host/of_ss/metrics.h"
 #include "host/of_ss/settings.h"
 #include "host/of_ss/stored.h"
@@ -345,9 +346,11 @@ int ss_of_init(qx_global *global) {
       [](Bytes answer) {
         if (running) inbox.put(answer);
       },
-      [](std::uint64_t index) {
+      [](std::uint64_t index, std::optional<std::uint32_t> status) {
+        loop_trace::answered(index, status);
         if (agent) agent->pace().answered(index);
       });
+  loop_trace::start();
   watch_translations();
   watch_databases();
   host::ddm::on_change([] {

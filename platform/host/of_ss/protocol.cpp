@@ -13,8 +13,8 @@ constexpr std::uint32_t kFlowStats = 1, kTableStats = 2, kPortStats = 4;  // OFP
 constexpr std::uint32_t kPortDown = 1, kLinkDown = 1;                     // OFPPC_PORT_DOWN, OFPPS_LINK_DOWN
 constexpr std::size_t kHwAddrLen = 6;
 
-Origin origin_of(const Connection &connection, Bytes message) {
-  return {connection.generation(), be32(message, kOfXid), connection.peer().controller};
+Origin origin_of(Agent &agent, const Connection &connection, Bytes message) {
+  return {connection.generation(), be32(message, kOfXid), connection.peer().controller, agent.trace().request()};
 }
 
 Verdict bad_length(const char *what) {
@@ -73,7 +73,7 @@ Verdict packet_out(Agent &agent, Connection &, Bytes message) {
 }
 
 Verdict flow_mod(Agent &agent, Connection &connection, Bytes message) {
-  return carry_out_flow_mod(agent, origin_of(connection, message), message);
+  return carry_out_flow_mod(agent, origin_of(agent, connection, message), message);
 }
 
 Verdict group_mod(Agent &, Connection &, Bytes message) {
@@ -110,13 +110,8 @@ Verdict table_mod(Agent &, Connection &, Bytes message) {
   return {};
 }
 
-Verdict multipart(Agent &agent, Connection &connection, Bytes message) {
-  handle_multipart(agent, connection, message);
-  return {};
-}
-
 Verdict barrier(Agent &agent, Connection &connection, Bytes message) {
-  const Origin origin = origin_of(connection, message);
+  const Origin origin = origin_of(agent, connection, message);
   const bool waits = connection.session().barriers++ > 0;
   agent.flows().barrier({connection.number(), origin.xid, connection.peer().address}, origin, waits, agent.now());
   return {};
@@ -165,7 +160,7 @@ Verdict set_async(Agent &, Connection &connection, Bytes message) {
 }
 
 Verdict meter_mod(Agent &agent, Connection &connection, Bytes message) {
-  return agent.meters().apply(message, origin_of(connection, message), agent.now());
+  return agent.meters().apply(message, origin_of(agent, connection, message), agent.now());
 }
 
 // ---- the table
@@ -179,6 +174,19 @@ bool always(Bytes) {
   return true;
 }
 
+// Commands of the messages that have one, for people.
+const char *no_command(std::uint8_t) {
+  return "";
+}
+const char *flow_command(std::uint8_t command) {
+  constexpr const char *kNames[] = {"add", "modify", "modify strict", "delete", "delete strict"};
+  return command < std::size(kNames) ? kNames[command] : "";
+}
+const char *three_commands(std::uint8_t command) {
+  constexpr const char *kNames[] = {"add", "modify", "delete"};
+  return command < std::size(kNames) ? kNames[command] : "";
+}
+
 struct MessageRow {
   const char *name;
   std::size_t min_length = kOfHeader;
@@ -186,6 +194,7 @@ struct MessageRow {
   Writes writes = Writes::no;                                 // not for a slave
   Verdict (*handle)(Agent &, Connection &, Bytes) = nullptr;  // null: not a message of controllers
   bool (*is_for_daemon)(Bytes) = never;                       // whether it leads to work of the daemon
+  const char *(*command)(std::uint8_t) = no_command;
 };
 
 constexpr MessageRow kUnknown{"unknown"};
@@ -205,11 +214,11 @@ constexpr std::array<MessageRow, kTypeCount> kMessages{{
     {"FLOW_REMOVED"},
     {"PORT_STATUS"},
     {"PACKET_OUT", 24, false, Writes::yes, packet_out},
-    {"FLOW_MOD", fm::kMinLength, false, Writes::yes, flow_mod, always},
-    {"GROUP_MOD", 16, false, Writes::yes, group_mod},
+    {"FLOW_MOD", fm::kMinLength, false, Writes::yes, flow_mod, always, flow_command},
+    {"GROUP_MOD", 16, false, Writes::yes, group_mod, never, three_commands},
     {"PORT_MOD", 40, true, Writes::yes, port_mod},
     {"TABLE_MOD", 16, true, Writes::yes, table_mod},
-    {"MULTIPART_REQUEST", 16, false, Writes::no, multipart, multipart_is_for_daemon},
+    {"MULTIPART_REQUEST", 16, false, Writes::no, handle_multipart, multipart_is_for_daemon, multipart_name},
     {"MULTIPART_REPLY"},
     {"BARRIER_REQUEST", 8, true, Writes::no, barrier, always},
     {"BARRIER_REPLY"},
@@ -220,7 +229,7 @@ constexpr std::array<MessageRow, kTypeCount> kMessages{{
     {"GET_ASYNC_REQUEST", 8, true, Writes::no, get_async},
     {"GET_ASYNC_REPLY"},
     {"SET_ASYNC", 32, true, Writes::no, set_async},
-    {"METER_MOD", 16, false, Writes::yes, meter_mod, always},
+    {"METER_MOD", 16, false, Writes::yes, meter_mod, always, three_commands},
 }};
 
 const MessageRow &row_of(std::uint8_t type) {
@@ -238,8 +247,12 @@ Verdict handle(const MessageRow &row, Agent &agent, Connection &connection, Byte
 }  // namespace
 
 void handle_message(Agent &agent, Connection &connection, Bytes message) {
-  const Verdict verdict = handle(row_of(be8(message, kOfType)), agent, connection, message);
-  if (verdict.refused()) agent.refuse(connection, verdict, message);
+  const MessageRow &row = row_of(be8(message, kOfType));
+  const Verdict verdict = handle(row, agent, connection, message);
+  if (verdict.refused())
+    agent.refuse(connection, verdict, message);
+  else if (!row.is_for_daemon(message))
+    agent.trace().note(Step::carried_out);
   connection.session().has_asked = true;
 }
 
@@ -258,6 +271,10 @@ bool is_for_daemon(Bytes message) {
 
 const char *message_name(std::uint8_t type) {
   return row_of(type).name;
+}
+
+const char *command_name(std::uint8_t type, std::uint8_t command) {
+  return row_of(type).command(command);
 }
 
 Bytes Reply::finish() {

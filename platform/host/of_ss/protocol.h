@@ -18,13 +18,17 @@ bool is_for_daemon(Bytes message);
 
 // "FLOW_MOD"; "unknown" for a number that is no type.
 const char *message_name(std::uint8_t type);
+// The name of a command of such a message, or of the type of a multipart request; "" for others.
+const char *command_name(std::uint8_t type, std::uint8_t command);
 
 // Carries out an OFPT_FLOW_MOD.
 Verdict carry_out_flow_mod(Agent &agent, const Origin &origin, Bytes message);
 
 // OFPT_MULTIPART_REQUEST (multipart.cpp), with its own table of types.
-void handle_multipart(Agent &agent, Connection &connection, Bytes request);
+Verdict handle_multipart(Agent &agent, Connection &connection, Bytes request);
 bool multipart_is_for_daemon(Bytes request);
+// By the last byte of its type; "" for an unknown one.
+const char *multipart_name(std::uint8_t type);
 
 // Goes on with a multipart reply that waited for the peer to read, or for counters.
 void continue_dump(Agent &agent, Connection &connection);

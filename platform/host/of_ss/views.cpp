@@ -12,6 +12,7 @@
 #include "host/control/status.h"
 #include "host/metrics/health.h"
 #include "host/of_ss/agent.h"
+#include "host/of_ss/trace_view.h"
 
 namespace host::of_ss {
 namespace {
@@ -135,8 +136,7 @@ bool FlowFilter::fits(const Agent &agent, const FlowEntry &flow, std::string_vie
 // "0x17", "23" or "0x17/0xff".
 void read_cookie(const std::string &text, FlowFilter &filter) {
   const auto read = [](const std::string &part, std::uint64_t &to) {
-    const bool hex = part.starts_with("0x");
-    const auto value = host::number(std::string_view(part).substr(hex ? 2 : 0), hex ? 16 : 10);
+    const auto value = any_number(part);
     if (!value) throw control::Refusal("cookie takes a number, or a number and a mask, such as 0x17/0xff");
     to = *value;
   };
@@ -241,6 +241,17 @@ json refusals_view(Agent &agent) {
   return {{"refusals", std::move(list)}, {"total", agent.refused()}};
 }
 
+// The openflow thread gives its events away and goes on; what they say is found out here.
+json trace_answer(const json &args) {
+  const TraceQuestion question = trace_question(args);
+  TraceSnapshot snapshot;
+  collected([&snapshot](Agent &a) {
+    snapshot = trace_snapshot(a);
+    return json();
+  });
+  return trace_view(question, snapshot);
+}
+
 // The last few of a list, the latest first.
 template <typename List, typename Show>
 json latest(const List &list, Show &&show) {
@@ -276,6 +287,7 @@ void register_views(Agent *(*agent)()) {
   });
   control::register_view("controllers", [](const json &) { return collected(controllers_view); });
   control::register_view("meters", [](const json &) { return collected(meters_view); });
+  control::register_view("trace", trace_answer);
   control::register_view("refusals", [](const json &) { return collected(refusals_view); });
   control::register_status("openflow", [] { return collected(status); });
   health::add_check(health::Kind::ready, "openflow", [] { return current_agent() ? "" : kNotRunning; });

@@ -1,0 +1,19 @@
+// The loop's share of the trace: what becomes of flows' records in the database and what the programming service says of them.
+// Loop's thread.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include "host/of_ss/trace.h"
+
+namespace host::of_ss::loop_trace {
+
+// From now on notes every write and deletion of flows' records by this process.
+void start();
+// The programming service has answered for the flow with this status; nothing: it has taken its answer back.
+void answered(std::uint64_t index, std::optional<std::uint32_t> status);
+
+const EventRing &ring();
+
+}  // namespace host::of_ss::loop_trace
