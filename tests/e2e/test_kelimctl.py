@@ -29,6 +29,7 @@ class Kelimctl(e2e.Test):
             ("flws --json", 'mean "flows"'), ("mom gte flow 1:0", 'mean "get"'), ("log levle", 'mean "level"'),
             ("log level loud", "debug, info, warning, error or off"), ("flows --cookie 0xg", "0x17/0xff"),
             ("flows --state gone", "installed"), ("status -o long", "wide"), ("flows --watch --interval 0", "0.1"),
+            ("trace", "one number"), ("trace 0xg", "hexadecimal behind 0x"), ("trace 1 --xid 1", "excludes"),
             ("mom ls flaw", "s_policy_kelim.flow_sta"), ("mom get flow 1", "no key"), ("mom --url radish: ls", "radish:"),
         )
         for arguments, explained in wrong:
@@ -96,6 +97,47 @@ class Kelimctl(e2e.Test):
         self.assertEqual({key: status["openflow"][key] for key in ("flows", "refused", "failed", "undecided", "controllers")},
                          {"flows": 1, "refused": 1, "failed": 1, "undecided": 0, "controllers": {"equal": 1}})
         self.assertIn("flow 2 (", running.ask("status"))
+
+    def test_a_trace_tells_of_flows_and_requests_from_the_wire_to_the_answer(self):
+        running = self.daemon(openflow_capacity=10000, programmer_size=10000, programmer_script="fail=@3")
+        client = self.client(running)
+        client.xid = 100
+        added, barrier = client.add(1, cookie=0x66), client.send(openflow.BARRIER_REQUEST)
+        client.add(2, cookie=0x66, hard=1)
+        failing = client.add(3)
+        refused = client.send(openflow.FLOW_MOD, openflow.flow_mod(openflow.ADD, openflow.match(openflow.oxm(11, bytes(4)))))
+        client.barrier()
+        changed = client.send(openflow.FLOW_MOD, openflow.flow_mod(
+            openflow.MODIFY, openflow.tcp_flow(1)[0], openflow.apply_actions(openflow.output(3))))
+        client.barrier()
+        stories = lambda *asked: running.ask_json("trace", *asked)["stories"]
+        steps = lambda *asked: [" ".join(event["step"] for event in story["events"]) for story in stories(*asked)]
+        in_force, gone = "received handed_over written answered installed", "erased answer_erased"
+        timed = f"{in_force} removed {gone}"
+        self.await_that(lambda: steps("--index", 2) == [timed], "the end of the hard timeout, told")
+        failed = f"received handed_over written answered {gone} result error_sent failed"
+        for asked, told in (
+            (("--index", 1), [f"{in_force} replaced {gone}"]), (("--xid", added), [f"{in_force} replaced {gone}"]),
+            (("--xid", changed), [in_force]), (("--xid", barrier), ["received barrier_handed barrier_answered"]),
+            (("--index", 3), [failed]), (("--xid", failing), [failed]), (("--xid", refused), ["received refused"]),
+            (("--cookie", "0x66"), [f"{in_force} replaced {gone}", timed]), (("--xid", 2), ["received carried_out"] * 2),
+            ((2,), [timed, *["received carried_out"] * 2]),
+        ):
+            with self.subTest(asked=asked):
+                self.assertEqual(steps(*asked), told)
+        text = running.ask("trace", 2)
+        for part in ("flow 2: FLOW_MOD add of 127.0.0.1, xid", "cookie 0x66, at ", "(hard timeout)", "\nxid 2: FEATURES_REQUEST"):
+            self.assertIn(part, text)
+        shown = running.ask("trace", "--xid", refused)
+        self.assertRegex(shown, r"AT us +STEP us +EVENT\n +0 +0 +FLOW_MOD add received .*\n.*OFPBMC_BAD_PREREQ")
+        self.assertIn("OFPFMFC_UNKNOWN", running.ask("trace", "--index", 3))
+        for number in range(10, 9010):  # more than is remembered
+            client.add(number)
+        client.barrier()
+        self.assertRegex(running.ask("trace", "--index", 2000), r"It began before the trace, which goes back to [0-9:.]+; what is older")
+        for asked in (1, 99999):
+            result = running.kelimctl("trace", "--index", asked)
+            self.assertEqual((result.returncode, "older is forgotten" in result.stdout), (1, True))
 
     def test_flows_are_chosen_as_ovs_ofctl_spells_them(self):
         running = self.daemon(openflow_decide_timeout_ms=600000, programmer_script="silent=@4")

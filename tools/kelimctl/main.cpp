@@ -273,6 +273,16 @@ void add_filters(CLI::App *command, Choices &choices) {
   command->add_option("--controller", choices.view.controller, "only flows that a controller with this address asked for last");
 }
 
+void add_numbers(CLI::App *command, Choices &choices) {
+  CLI::Option *number = command->add_option("NUMBER", choices.view.number, "index, cookie or transaction id, such as 17 or 0x17");
+  CLI::Option *index = command->add_option("--index", choices.view.index, "the flow with this index (kelimctl flows)");
+  CLI::Option *cookie = command->add_option("--cookie", choices.view.cookie, "flow-mods with this cookie");
+  CLI::Option *xid = command->add_option("--xid", choices.view.xid, "requests with this transaction id");
+  for (CLI::Option *one : {number, index, cookie, xid})
+    for (CLI::Option *other : {number, index, cookie, xid})
+      if (one != other) one->excludes(other);
+}
+
 void add_views(CLI::App &app, Choices &choices, Action &action) {
   for (const ViewCommand &view : view_commands()) {
     CLI::App *command = app.add_subcommand(view.name, view.help);
@@ -284,6 +294,7 @@ void add_views(CLI::App &app, Choices &choices, Action &action) {
         ->check(CLI::Range(0.1, 86400.0))
         ->capture_default_str();
     if (view.name == std::string("flows")) add_filters(command, choices);
+    if (view.name == std::string("trace")) add_numbers(command, choices);
     command->callback([&] { action = [&](Link &link) { show_view(link, choices, view); }; });
   }
 }

@@ -354,6 +354,10 @@ const std::vector<ViewCommand> &view_commands() {
       {"controllers", "the controller connections", controllers_data, controllers_text, "  kelimctl controllers --watch\n"},
       {"refusals", "the last requests that were refused, with the reason", refusals_data, refusals_text,
        "  kelimctl refusals -o wide\n  kelimctl refusals --json | jq '.refusals[-1]'\n"},
+      {"trace", "what happened to a flow or a request, from the controller to the answer", trace_data, trace_text,
+       "  kelimctl trace 17            the flow with this index, and requests with this cookie or transaction id\n"
+       "  kelimctl trace --index 17\n  kelimctl trace --cookie 0x17\n  kelimctl trace --xid 4711 --json\n",
+       trace_status},
       {"audit", "compares what was asked for with what is stored; exit status 1 when they differ, 4 when that cannot be told",
        audit_data, audit_text, "  kelimctl audit || echo \"status $?\"\n", audit_status},
       {"timings", "how long the daemon's operations take", timings_data, timings_text, "  kelimctl timings\n"},

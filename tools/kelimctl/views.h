@@ -15,6 +15,8 @@ struct ViewOptions {
   std::size_t limit = 1000;  // rows of the long lists
   // Of the flows only these; empty for all.
   std::string cookie, match, state, controller;
+  // Of what a trace is: one of these, or the cookie.
+  std::string number, index, xid;
 
   bool filters() const { return !cookie.empty() || !match.empty() || !state.empty() || !controller.empty(); }
 };
@@ -33,6 +35,10 @@ const std::vector<ViewCommand> &view_commands();
 
 Json status_data(Link &link, const ViewOptions &options);
 std::string status_text(const Json &data, const Look &look);
+
+Json trace_data(Link &link, const ViewOptions &options);
+std::string trace_text(const Json &data, const Look &look);
+int trace_status(const Json &data);
 
 // ---- the object database
 

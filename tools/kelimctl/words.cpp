@@ -60,8 +60,7 @@ const std::vector<std::string_view> *find(const std::vector<Spelling> &spellings
 
 // As the views show it: of the type of an Ethernet frame four hexadecimal digits.
 std::string value_of(std::string_view field, std::string_view value) {
-  const bool hex = value.starts_with("0x");
-  const auto type = field == "eth_type" ? host::number(value.substr(hex ? 2 : 0), hex ? 16 : 10) : std::nullopt;
+  const auto type = field == "eth_type" ? host::any_number(value) : std::nullopt;
   return type ? fmt::format("0x{:04x}", *type) : std::string(value);
 }
 
