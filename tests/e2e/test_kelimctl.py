@@ -90,7 +90,9 @@ class Kelimctl(e2e.Test):
         self.assertEqual((flow["priority"], flow["stored"], flow["answer"], flow["state"]), (7, True, "INSTALLED", "installed"))
         self.assertEqual(flow["bytes"], 100 * flow["packets"])
         self.assertIn("ipv4_dst=10.0.0.1", flow["match"])
-        self.assertEqual(len(running.ask_json("refusals")["refusals"]), 1)
+        (refusal,) = running.ask_json("refusals")["refusals"]
+        self.assertEqual((refusal["xid"], refusal["field"], refusal["flow"]),
+                         (client.xid - 1, "ipv4_src", "add table=0,priority=100,ipv4_src=0.0.0.0 actions=drop"))
         self.assertEqual(len(running.ask_json("controllers")["controllers"]), 1)
         status = running.ask_json("status")
         self.assertTrue(status["process"]["ready"])
@@ -138,6 +140,24 @@ class Kelimctl(e2e.Test):
         for asked in (1, 99999):
             result = running.kelimctl("trace", "--index", asked)
             self.assertEqual((result.returncode, "older is forgotten" in result.stdout), (1, True))
+
+    def test_refused_flows_are_shown_whatever_they_hold(self):
+        running = self.daemon()
+        refused = (
+            ("tcp,nw_dst=10.0.0.0/24,actions=push_vlan:0x8100,set_field:4196->vlan_vid,output:2",
+             "eth_type=0x0800,ipv4_dst=10.0.0.0/24,ip_proto=6 actions=push_vlan:0x8100,set_field:100->vlan_vid,output:2"),
+            ("metadata=7/0xff,actions=goto_table:1", "metadata=7/255 actions=goto_table:1"),
+            ("vlan_tci=0/0x1fff,actions=controller", "vlan_vid=0x0000 actions=output:CONTROLLER"),
+            ("sctp,tp_dst=9,tun_id=5,actions=output:99", "eth_type=0x0800,ip_proto=132,sctp_dst=9,tunnel_id=5 actions=output:99"),
+            ("arp,arp_spa=1.1.1.1,actions=group:7,flood", "eth_type=0x0806,arp_spa=1.1.1.1 actions=group:7,output:FLOOD"),
+        )
+        for flow, _ in refused:
+            self.assertIn("OFPT_ERROR", e2e.ofctl(running.port, "add-flow", flow).stderr)
+        e2e.ofctl(running.port, "add-flow", refused[-1][0], options=("--bundle",))
+        shown = [refusal["flow"] for refusal in running.ask_json("refusals")["refusals"]]
+        head = "add table=0,priority=32768,"
+        # Of the bundle what was added to it, and then its commit.
+        self.assertEqual(shown[:6], [head + text for _, text in refused + refused[-1:]])
 
     def test_flows_are_chosen_as_ovs_ofctl_spells_them(self):
         running = self.daemon(openflow_decide_timeout_ms=600000, programmer_script="silent=@4")

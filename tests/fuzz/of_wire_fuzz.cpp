@@ -53,6 +53,7 @@ std::vector<std::byte> show(Bytes flow_mod, std::vector<std::byte> wire = {}) {
 void flow_mod(Bytes bytes) {
   Engine engine;
   FlowMod mod, again;
+  flow_mod_text(bytes);
   if (decode_flow_mod(bytes, kPorts, mod).refused()) return;
   const Bytes slots = southbound_match(mod.southbound());
   require(mod.length <= sizeof mod.message && slots.size() % 8 == 0);

@@ -242,16 +242,22 @@ Json refusals_data(Link &link, const ViewOptions &) {
   return link.view("refusals");
 }
 
+// "FLOW_MOD: OFPBMC_BAD_PREREQ, ipv4_src: what the field needs is not in the match: add table=0,..."
+std::string refusal_text(const Json &row, const char *) {
+  const std::string flow = row.value("flow", "");
+  return fmt::format("{}: {}, {}: {}{}", cell(row, "request"), cell(row, "error"), cell(row, "field"), cell(row, "reason"),
+                     flow.empty() ? "" : ": " + flow);
+}
+
 std::string refusals_text(const Json &data, const Look &look) {
-  return list_text(data.value("refusals", Json::array()),
-                   {{{"AGE s", true}, "age_s", decimals},
-                    {{"CONTROLLER"}, "peer"},
-                    {{"REQUEST"}, "request"},
-                    {{"XID", true}, "xid", cell, true},
-                    {{"ERROR", false, true}, "error"},
-                    {{"FIELD", false, true}, "field"},
-                    {{"REASON", false, true}, "reason"}},
-                   "Nothing was refused.", look);
+  std::vector<Member> members = {{{"AGE s", true}, "age_s", decimals}, {{"CONTROLLER"}, "peer"}, {{"XID", true}, "xid"}};
+  if (look.wide)
+    members.insert(
+        members.end(),
+        {{{"REQUEST"}, "request"}, {{"ERROR"}, "error"}, {{"FIELD"}, "field"}, {{"REASON"}, "reason"}, {{"FLOW"}, "flow"}});
+  else
+    members.push_back({{"REFUSED", false, true}, "", refusal_text});
+  return list_text(data.value("refusals", Json::array()), members, "Nothing was refused.", look);
 }
 
 // Looks at least twice, because a difference must be seen twice, and again while something is under way.

@@ -9,7 +9,6 @@ namespace {
 
 namespace sb = southbound;
 
-constexpr std::uint32_t kQueueMin = 1, kQueueMax = 8;
 constexpr std::size_t kOutputLen = 16, kSetQueueLen = 8, kMaxActions = 255;
 constexpr std::uint16_t kControllerNoBuffer = 0xffff;
 
@@ -44,10 +43,21 @@ bool is_port(std::span<const std::uint32_t> ports, std::uint32_t number) {
   return std::binary_search(ports.begin(), ports.end(), number);
 }
 
+constexpr ReservedPort kReservedPorts[] = {
+    {port::kInPort, "IN_PORT", true},        {port::kNormal, "NORMAL", true}, {port::kAll, "ALL", true},
+    {port::kController, "CONTROLLER", true}, {port::kTable, "TABLE", false},  {port::kFlood, "FLOOD", false},
+    {port::kLocal, "LOCAL", false},
+};
+
+const ReservedPort *find_reserved(std::uint32_t number) {
+  const auto *found = std::ranges::find(kReservedPorts, number, &ReservedPort::number);
+  return found == std::end(kReservedPorts) ? nullptr : found;
+}
+
 bool may_output(const Context &context, std::uint32_t number) {
-  if (number == port::kInPort || number == port::kAll || number == port::kController || number == port::kNormal) return true;
-  if (!context.match && (number == port::kTable || number == port::kFlood || number == port::kLocal)) return true;
-  return is_port(context.ports, number);
+  if (number <= port::kMax) return is_port(context.ports, number);
+  const ReservedPort *reserved = find_reserved(number);
+  return reserved && (reserved->for_flows || !context.match);
 }
 
 Verdict read_output(Bytes action, const Context &context, List &list) {
@@ -83,10 +93,6 @@ Verdict read_experimenter(Bytes, const Context &, List &) {
   return refuse(err::kActionBadExperimenter, "experimenter action", "the switch knows no experimenter's actions");
 }
 
-bool can_set(std::uint8_t number) {
-  return number == kOxmEthDst || number == kOxmEthSrc || number == kOxmVlanVid || number == kOxmVlanPcp || number == kOxmIpDscp;
-}
-
 // The field that a set-field sets; null where it cannot be set.
 const OxmField *settable(std::uint32_t header) {
   const std::uint8_t number = header >> 9 & 0x7f;
@@ -118,24 +124,46 @@ Verdict read_set_field(Bytes action, const Context &context, List &list) {
   return {};
 }
 
-// The actions that are read; every other type is not carried out by the switch.
+Verdict refuse_action(Bytes, const Context &, List &) {
+  return refuse(err::kBadAction, "actions", "the switch does not carry out this type of action");
+}
+
+// Every action of OpenFlow 1.3, those first that are carried out.
 struct ActionRow {
-  std::uint16_t type;
-  Verdict (*read)(Bytes action, const Context &context, List &list);
+  Capability kind;
+  std::size_t argument = 0;  // bytes of the number behind the header, for people; of 2 bytes it is a type of Ethernet frames
+  Verdict (*read)(Bytes action, const Context &context, List &list) = refuse_action;
 };
-constexpr std::array<ActionRow, 5> kActions{{
-    {kOutput, read_output},
-    {kSetQueue, read_set_queue},
-    {kGroup, read_group},
-    {kSetField, read_set_field},
-    {kActionExperimenter, read_experimenter},
-}};
+constexpr ActionRow kActions[] = {
+    {{kOutput, "output", true}, 4, read_output},
+    {{kSetQueue, "set_queue", true}, 4, read_set_queue},
+    {{kSetField, "set_field", true}, 0, read_set_field},
+    {{kGroup, "group", false}, 4, read_group},
+    {{kActionExperimenter, "experimenter", false}, 4, read_experimenter},
+    {{11, "copy_ttl_out", false}},
+    {{12, "copy_ttl_in", false}},
+    {{15, "set_mpls_ttl", false}, 1},
+    {{16, "dec_mpls_ttl", false}},
+    {{17, "push_vlan", false}, 2},
+    {{18, "pop_vlan", false}},
+    {{19, "push_mpls", false}, 2},
+    {{20, "pop_mpls", false}, 2},
+    {{23, "set_nw_ttl", false}, 1},
+    {{24, "dec_nw_ttl", false}},
+    {{26, "push_pbb", false}, 2},
+    {{27, "pop_pbb", false}},
+};
+constexpr ActionRow kUnknownAction{{0, "action", false}, 2};
+
+const ActionRow &row_of(std::uint16_t type) {
+  for (const ActionRow &row : kActions)
+    if (row.kind.type == type) return row;
+  return kUnknownAction;
+}
 
 Verdict read_action(Bytes action, const Context &context, List &list) {
   const std::uint16_t type = be16(action, 0);
-  for (const ActionRow &row : kActions)
-    if (row.type == type) return row.read(action, context, list);
-  return refuse(err::kBadAction, "actions", "the switch does not carry out this type of action");
+  return row_of(type).read(action, context, list);
 }
 
 // Which actions of a list to read: the output of an action set acts last, wherever it stands.
@@ -199,17 +227,18 @@ Verdict refuse_metadata(Bytes, Found &, Instructions &) {
   return refuse(err::kUnsupportedMetadata, "write_metadata", "the switch has no metadata");
 }
 
+// By type, which begins at 1.
 struct InstructionRow {
-  std::uint16_t type;
+  Capability kind;
   Verdict (*read)(Bytes instruction, Found &found, Instructions &out);
 };
 constexpr std::array<InstructionRow, 6> kInstructions{{
-    {kGotoTable, refuse_goto},
-    {kWriteMetadata, refuse_metadata},
-    {kWriteActions, read_write},
-    {kApplyActions, read_apply},
-    {kClearActions, read_clear},
-    {kMeterInstruction, read_meter},
+    {{kGotoTable, "goto_table", false}, refuse_goto},
+    {{kWriteMetadata, "write_metadata", false}, refuse_metadata},
+    {{kWriteActions, "write_actions", true}, read_write},
+    {{kApplyActions, "apply_actions", true}, read_apply},
+    {{kClearActions, "clear_actions", true}, read_clear},
+    {{kMeterInstruction, "meter", true}, read_meter},
 }};
 
 Verdict read_instruction(Bytes instruction, Found &found, Instructions &out) {
@@ -291,21 +320,17 @@ void put_action_instruction(InstructionType type, std::size_t count, Bytes &list
   out.patch16(start + 2, out.size() - start);
 }
 
-std::string port_text(std::uint32_t number) {
-  if (number == port::kInPort) return "IN_PORT";
-  if (number == port::kNormal) return "NORMAL";
-  if (number == port::kAll) return "ALL";
-  if (number == port::kController) return "CONTROLLER";
-  return std::to_string(number);
+std::string output_text(std::uint32_t number, std::uint16_t max_len) {
+  const ReservedPort *reserved = find_reserved(number);
+  const bool cut = number == port::kController && max_len != kControllerNoBuffer;
+  return "output:" + (reserved ? reserved->name : std::to_string(number)) + (cut ? fmt::format(":{}", max_len) : "");
 }
 
 std::string action_text(const SouthboundAction &action) {
   const auto word = action.value<std::uint32_t>(sb::kActionBody);
-  if (action.type == kOutput) {
-    const auto max_len = action.bytes.size() == kOutputLen ? action.value<std::uint16_t>(sb::kActionValue) : kControllerNoBuffer;
-    const bool cut = word == port::kController && max_len != kControllerNoBuffer;
-    return "output:" + port_text(word) + (cut ? fmt::format(":{}", max_len) : "");
-  }
+  if (action.type == kOutput)
+    return output_text(word,
+                       action.bytes.size() == kOutputLen ? action.value<std::uint16_t>(sb::kActionValue) : kControllerNoBuffer);
   if (action.type == kSetField && holds_field(action)) {
     const OxmField &field = set_field_row(action);
     return fmt::format("set_field:{}->{}", value_text(field, action.bytes.data() + sb::kActionValue), field.name);
@@ -364,6 +389,87 @@ std::string actions_text(Bytes flow_mod) {
   for (; next_action(list, action); any = true) add(action_text(action));
   if (!any) add("drop");
   return text;
+}
+
+namespace {
+
+std::uint32_t number_at(Bytes bytes, std::size_t at, std::size_t width) {
+  std::uint32_t number = 0;
+  for (std::size_t i = 0; i < width; ++i) number = number << 8 | be8(bytes, at + i);
+  return number;
+}
+
+// "value->field" of "field=value".
+std::string turned(const std::string &field) {
+  const std::size_t equals = field.find('=');
+  return equals == field.npos ? field : field.substr(equals + 1) + "->" + field.substr(0, equals);
+}
+
+std::string wire_action_text(Bytes action) {
+  const std::uint16_t type = be16(action, 0);
+  const ActionRow &row = row_of(type);
+  if (type == kOutput && action.size() == kOutputLen) return output_text(be32(action, 4), be16(action, 8));
+  if (type == kSetField) return "set_field:" + turned(wire_field_text(action.subspan(4)));
+  if (&row == &kUnknownAction) return fmt::format("action:{}", type);
+  if (row.argument == 0) return row.kind.name;
+  const std::uint32_t number = number_at(action, 4, row.argument);
+  return row.argument == 2 ? fmt::format("{}:0x{:04x}", row.kind.name, number) : fmt::format("{}:{}", row.kind.name, number);
+}
+
+// Calls `show` with each piece of a list whose pieces are {type u16, length u16, ...}; "..." is shown where the bytes end early.
+template <typename Show>
+std::string joined(Bytes from, Show &&show) {
+  std::string text;
+  const auto add = [&text](const std::string &part) { text += (text.empty() || part.empty() ? "" : ",") + part; };
+  while (!from.empty()) {
+    const std::size_t length = from.size() >= 8 ? be16(from, 2) : 0;
+    if (length < 8 || length > from.size()) {
+      add("...");
+      break;
+    }
+    add(show(from.first(length)));
+    from = from.subspan(length);
+  }
+  return text;
+}
+
+std::string wire_instruction_text(Bytes instruction) {
+  const std::uint16_t type = be16(instruction, 0);
+  if (type == kApplyActions || type == kWriteActions) return joined(instruction.subspan(8), wire_action_text);
+  if (type == 0 || type > kInstructions.size()) return fmt::format("instruction:{}", type);
+  const char *name = kInstructions[type - 1].kind.name;
+  if (type == kGotoTable) return fmt::format("{}:{}", name, be8(instruction, 4));
+  return type == kMeterInstruction ? fmt::format("{}:{}", name, be32(instruction, 4)) : name;
+}
+
+template <typename Rows>
+std::vector<Capability> kinds(const Rows &rows) {
+  std::vector<Capability> all;
+  for (const auto &row : rows) all.push_back(row.kind);
+  return all;
+}
+
+}  // namespace
+
+std::string wire_actions_text(Bytes instructions) {
+  const std::string text = joined(instructions, wire_instruction_text);
+  return text.empty() ? "drop" : text;
+}
+
+std::vector<Capability> action_kinds() {
+  return kinds(kActions);
+}
+
+std::vector<Capability> instruction_kinds() {
+  return kinds(kInstructions);
+}
+
+bool can_set(std::uint8_t number) {
+  return number == kOxmEthDst || number == kOxmEthSrc || number == kOxmVlanVid || number == kOxmVlanPcp || number == kOxmIpDscp;
+}
+
+std::span<const ReservedPort> reserved_ports() {
+  return kReservedPorts;
 }
 
 std::uint32_t output_port(Bytes flow_mod) {

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "host/of_ss/oxm.h"
 #include "host/of_ss/wire.h"
@@ -39,6 +40,29 @@ void encode_wire_instructions(Bytes flow_mod, Writer &out);
 
 // "output:2,set_queue:3", "drop"; with "meter:5," in front where the flow has one.
 std::string actions_text(Bytes flow_mod);
+
+// The instructions of a flow-mod as they came on the wire, in the same words whatever they hold; "..." where the bytes end within
+// them.
+std::string wire_actions_text(Bytes instructions);
+
+// What there is in OpenFlow and whether the switch carries it out.
+struct Capability {
+  std::uint16_t type;
+  const char *name;
+  bool supported;
+};
+std::vector<Capability> action_kinds();
+std::vector<Capability> instruction_kinds();
+// Whether set-field may set the field.
+bool can_set(std::uint8_t field);
+// The reserved ports that have a name, and whether flows may output to them; packet-outs may to all.
+struct ReservedPort {
+  std::uint32_t number;
+  const char *name;
+  bool for_flows;
+};
+std::span<const ReservedPort> reserved_ports();
+inline constexpr std::uint32_t kQueueMin = 1, kQueueMax = 8;
 
 // The port of the flow's output; 0 when it has none.
 std::uint32_t output_port(Bytes flow_mod);

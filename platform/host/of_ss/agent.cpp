@@ -32,9 +32,9 @@ constexpr std::uint32_t kLittle = 4;
 // The daemon reads the counters of all flows in one go, during which the loop stands: of more flows than this they are shown as
 // they were reported last, a few seconds ago.
 constexpr std::size_t kFlowsRefreshed = 20'000;
-constexpr std::uint32_t kReportPeriodSeconds = 5;  // the daemon's own; it does not take another
-constexpr std::size_t kRefusalsKept = 200;
-constexpr std::size_t kControllersKnown = 1024;  // addresses
+constexpr std::uint32_t kReportPeriodSeconds = 5;                    // the daemon's own; it does not take another
+constexpr std::size_t kRefusalsKept = 200, kRefusedBytesKept = 512;  // of each
+constexpr std::size_t kControllersKnown = 1024;                      // addresses
 constexpr auto kRunLimit = std::chrono::seconds(3);
 enum PortReason : std::uint8_t { kPortAdded = 0, kPortDeleted = 1, kPortModified = 2 };
 
@@ -483,7 +483,8 @@ void Agent::refuse(Connection &connection, const Verdict &verdict, Bytes request
   ++refused_;
   ++refusal_counts_[verdict.error];
   const char *name = message_name(be8(request, kOfType));
-  refusals_.push_back({now_ns_, connection.peer().name, be32(request, kOfXid), name, verdict});
+  const Bytes kept = request.first(std::min(request.size(), kRefusedBytesKept));
+  refusals_.push_back({now_ns_, connection.peer().name, be32(request, kOfXid), verdict, {kept.begin(), kept.end()}});
   if (refusals_.size() > kRefusalsKept) refusals_.pop_front();
   if (refusal_line_.due(now_ns_))
     log::warn("{} of {} refused with {}: {}: {} ({} refused since the last such line)", name, connection.peer().name,

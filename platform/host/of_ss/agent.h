@@ -79,8 +79,8 @@ struct RefusalRecord {
   std::int64_t when_ns;
   std::string peer;
   std::uint32_t xid;
-  const char *request;  // name of the message type
   Verdict verdict;
+  std::vector<std::byte> request;  // the beginning of it
 };
 
 class Agent final : private FlowEvents, private ConnectionEvents {

@@ -35,6 +35,12 @@ bool Bundles::commits(Bytes message) {
          be32(message, kExpType) == kControl && be16(message, kType) == kCommit;
 }
 
+Bytes Bundles::carried_by(Bytes message) {
+  const bool is_add = message.size() >= kAdded && be8(message, kOfType) == kExperimenter &&
+                      be32(message, kOfHeader) == kOnfExperimenter && be32(message, kExpType) == kAdd;
+  return is_add ? message.subspan(kAdded) : Bytes{};
+}
+
 bool Bundles::is_in_transaction() const {
   return commit_ && commit_->stage != &Bundles::settle;
 }

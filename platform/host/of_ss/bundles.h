@@ -30,6 +30,9 @@ class Bundles {
   // Whether handle would begin a commit.
   static bool commits(Bytes message);
 
+  // The message that an add to a bundle carries; empty where the message is no such thing. Either may be cut short.
+  static Bytes carried_by(Bytes message);
+
   // Goes on with a commit as far as the daemon keeps up.
   void advance();
   bool is_committing() const { return commit_.has_value(); }

@@ -1,5 +1,8 @@
 #include "host/of_ss/flow_mod.h"
 
+#include <fmt/format.h>
+
+#include "host/of_ss/protocol.h"
 #include "southbound.h"
 
 namespace host::of_ss {
@@ -96,6 +99,18 @@ Verdict decode_flow_filter(Bytes request, std::size_t at, std::uint8_t table_id,
   out.table_id = table_id;
   WireMatch match;
   return put_match(request.subspan(at), out, match);
+}
+
+std::string flow_mod_text(Bytes request) {
+  if (request.size() < fm::kMinLength) return "...";
+  const Bytes match = request.subspan(fm::kMatch);
+  const std::size_t match_len = (be16(match, 2) + std::size_t{7}) & ~std::size_t{7};
+  const std::uint8_t command = be8(request, fm::kCommand);
+  std::string text = fmt::format("{} table={},priority={}", command_name(kFlowModMsg, command), be8(request, fm::kTableId),
+                                 be16(request, fm::kPriority));
+  if (const std::string fields = wire_match_text(match); !fields.empty()) text += "," + fields;
+  if (command >= fm::kDelete || text.ends_with("...")) return text;
+  return text + " actions=" + (match_len <= match.size() ? wire_actions_text(match.subspan(match_len)) : "...");
 }
 
 bool is_flow_mod(Bytes message) {

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <span>
+#include <string>
 
 #include "host/of_ss/actions.h"
 #include "host/of_ss/wire.h"
@@ -38,6 +39,10 @@ Verdict decode_flow_mod(Bytes request, std::span<const std::uint32_t> ports, Flo
 // A match with a table as the flow and aggregate statistics requests carry it, into `out` in the same way; `at` is where the
 // match stands in `request`.
 Verdict decode_flow_filter(Bytes request, std::size_t at, std::uint8_t table_id, FlowMod &out);
+
+// A flow-mod as it came on the wire, whatever it holds, for people: "modify table=0,priority=100 MATCH actions=ACTIONS", with
+// match and actions as match_text and actions_text have them; "..." where the bytes end early.
+std::string flow_mod_text(Bytes request);
 
 // Whether the bytes are a whole southbound flow-mod that this library could have written, so that a stored one can be taken over.
 bool is_flow_mod(Bytes message);

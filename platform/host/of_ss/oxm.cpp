@@ -270,7 +270,13 @@ std::string ipv4_text(std::uint32_t address) {
 }
 
 bool is_ipv4(const OxmField &row) {
-  return row.number == 11 || row.number == 12;
+  return row.number == 11 || row.number == 12 || row.number == 22 || row.number == 23;
+}
+
+std::string hex_text(Bytes bytes) {
+  std::string text = "0x";
+  for (const std::byte b : bytes) text += fmt::format("{:02x}", static_cast<unsigned>(b));
+  return text;
 }
 
 std::string mask_text(const Slot &slot) {
@@ -316,9 +322,8 @@ std::string value_text(const OxmField &row, const std::byte *at) {
   if (row.width == 6) return mac_text(at);
   if (row.width == 16) return ipv6_text(at);
   if (is_ipv4(row)) return ipv4_text(sb::get<std::uint32_t>(at, 0));
-  if (row.width == 4) return std::to_string(sb::get<std::uint32_t>(at, 0));
-  if (row.width == 1) return std::to_string(sb::get<std::uint8_t>(at, 0));
-  const auto number = sb::get<std::uint16_t>(at, 0);
+  std::uint64_t number = 0;
+  std::memcpy(&number, at, row.width);
   return row.number == kOxmEthType || row.number == kOxmIpv6Exthdr ? fmt::format("0x{:04x}", number) : std::to_string(number);
 }
 
@@ -402,6 +407,34 @@ std::string match_text(Bytes slots) {
     fmt::format_to(std::back_inserter(text), "{}{}={}", text.empty() ? "" : ",", slot.row->name,
                    value_text(*slot.row, slot.value));
     if (slot.mask) text += "/" + mask_text(slot);
+  }
+  return text;
+}
+
+// Through the southbound layout where the value has one.
+std::string wire_field_text(Bytes from) {
+  if (from.size() < 4) return "...";
+  const WireField field{be32(from, 0), from.data() + 4};
+  if (from.size() - 4 < field.length()) return "...";
+  const std::byte *value;
+  const OxmField *row = row_of(field, value);
+  const std::size_t length = static_cast<std::size_t>(field.payload + field.length() - value);
+  const bool whole = row && length == std::size_t{row->width} * (field.masked() ? 2 : 1);
+  const std::byte *mask = whole && field.masked() ? value + row->width : nullptr;
+  if (!whole || (row->supported && check_value(*row, value, mask).refused()))
+    return fmt::format("{}={}", row ? row->name : fmt::format("oxm_{:08x}", field.header), hex_text({value, length}));
+  std::byte slot[sb::oxm_slot(0xff)];
+  return match_text({slot, put_slot(*row, value, mask, slot)});
+}
+
+std::string wire_match_text(Bytes from) {
+  if (from.size() < 4) return "...";
+  const std::size_t length = be16(from, 2);
+  std::string text;
+  for (std::size_t at = 4; at < length; at += 4 + be8(from, at + 3)) {
+    const std::string field = wire_field_text(from.subspan(std::min(at, from.size())));
+    text += (text.empty() ? "" : ",") + field;
+    if (field == "...") break;
   }
   return text;
 }

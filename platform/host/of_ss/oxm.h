@@ -90,6 +90,13 @@ std::size_t encode_wire_match(Bytes slots, bool service_chain, Writer &out);
 // Southbound slots as "in_port=1,eth_type=0x0800,ipv4_dst=10.0.0.0/24"; empty for a match of everything.
 std::string match_text(Bytes slots);
 
+// A match as it came on the wire, for people, whatever it holds: fields as match_text has them, and what the switch does not know
+// or take in hexadecimal; "..." where the bytes end within it.
+std::string wire_match_text(Bytes from);
+
+// The same of the one field at the start of `from`; "..." where the bytes end within it.
+std::string wire_field_text(Bytes from);
+
 // Whether the flow is one that the service chain translates: of table 1, or with that application type in its match.
 bool is_for_service_chain(Bytes slots);
 

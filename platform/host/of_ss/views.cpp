@@ -12,6 +12,7 @@
 #include "host/control/status.h"
 #include "host/metrics/health.h"
 #include "host/of_ss/agent.h"
+#include "host/of_ss/protocol.h"
 #include "host/of_ss/trace_view.h"
 
 namespace host::of_ss {
@@ -223,11 +224,18 @@ json meters_view(Agent &agent) {
   return {{"meters", std::move(list)}, {"capacity", kMaxMeters}};
 }
 
+// The flow that the request is about; "" when it is about none.
+std::string flow_in(Bytes request) {
+  const Bytes carried = Bundles::carried_by(request), message = carried.empty() ? request : carried;
+  return message.size() >= kOfHeader && be8(message, kOfType) == kFlowModMsg ? flow_mod_text(message) : "";
+}
+
 json refusal_json(const RefusalRecord &r, std::int64_t now) {
   return {{"age_s", seconds(now - r.when_ns)},
           {"peer", r.peer},
-          {"request", r.request},
+          {"request", message_name(be8(r.request, kOfType))},
           {"xid", r.xid},
+          {"flow", flow_in(r.request)},
           {"error", r.verdict.error->name},
           {"type", r.verdict.error->type},
           {"code", r.verdict.error->code},
