@@ -2,6 +2,8 @@
 
 import json
 import os
+import pathlib
+import re
 import shutil
 import signal
 import socket
@@ -159,6 +161,16 @@ class Kelimctl(e2e.Test):
         # Of the bundle what was added to it, and then its commit.
         self.assertEqual(shown[:6], [head + text for _, text in refused + refused[-1:]])
 
+    def test_the_page_for_controllers_is_what_the_agent_tells(self):
+        running = self.daemon()
+        page = (pathlib.Path(__file__).parents[2] / "docs" / "openflow.md").read_text()
+        self.assertEqual(page.partition("<!-- kelimctl capabilities --markdown -->\n\n")[2], running.ask("capabilities", "--markdown"))
+        told = running.ask_json("capabilities")
+        features = e2e.ofctl(running.port, "dump-table-features").stdout
+        for kind in ("instructions", "actions"):
+            shown = re.search(rf"^ +{kind}: (.*)$", features, re.MULTILINE)[1]
+            self.assertEqual({one["name"] for one in told[kind] if one["supported"]}, set(shown.split()))
+
     def test_flows_are_chosen_as_ovs_ofctl_spells_them(self):
         running = self.daemon(openflow_decide_timeout_ms=600000, programmer_script="silent=@4")
         client = self.client(running, "127.0.0.9")
@@ -253,7 +265,7 @@ class Kelimctl(e2e.Test):
                 self.assertEqual("the lists are cut" in text, limit == 120)
         answers = lambda: [meter["answer"] for meter in running.ask_json("meters", "--limit", 2)["meters"]]
         self.await_that(lambda: answers() == ["INSTALLED"] * 5, "every meter's answer")
-        views = ("status", "flows", "meters", "controllers", "refusals", "audit", "timings", "congestion")
+        views = ("status", "flows", "meters", "controllers", "refusals", "audit", "timings", "congestion", "capabilities", "trace 201")
         for view in (*views, "mom stats", "mom ls", "mom ls flow", "mom get flow 201:0"):
             with self.subTest(view=view):
                 lines = running.ask(*view.split()).splitlines()

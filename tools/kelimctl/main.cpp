@@ -295,6 +295,8 @@ void add_views(CLI::App &app, Choices &choices, Action &action) {
         ->capture_default_str();
     if (view.name == std::string("flows")) add_filters(command, choices);
     if (view.name == std::string("trace")) add_numbers(command, choices);
+    if (view.name == std::string("capabilities"))
+      command->add_flag("--markdown", choices.markdown, "as the tables of docs/openflow.md");
     command->callback([&] { action = [&](Link &link) { show_view(link, choices, view); }; });
   }
 }
@@ -418,7 +420,7 @@ int run(int argc, char **argv) {
     if (status != 0) suggest(app);
     return status == 0 ? kDone : kUsage;
   }
-  choices.look = {.width = terminal_width(), .wide = choices.output == "wide"};
+  choices.look = {.width = terminal_width(), .wide = choices.output == "wide", .markdown = choices.markdown};
   choices.view.json = choices.view.json || choices.output == "json";
   if (local) {
     local();

@@ -17,6 +17,22 @@ std::string decimals(const Json &row, const char *key) {
   return text;
 }
 
+namespace {
+
+std::string markdown(const Json &rows, const std::vector<const Member *> &shown) {
+  std::string titles = "|", line = "|";
+  for (const Member *member : shown) titles += " " + member->column.title + " |", line += "---|";
+  std::string text = titles + "\n" + line + "\n";
+  for (const Json &row : rows) {
+    text += "|";
+    for (const Member *member : shown) text += " " + member->text(row, member->key) + " |";
+    text += "\n";
+  }
+  return text;
+}
+
+}  // namespace
+
 std::string list_text(const Json &rows, const std::vector<Member> &members, const char *none, const Look &look) {
   if (!rows.is_array() || rows.empty()) return std::string(none) + "\n";
   std::vector<const Member *> shown;
@@ -26,6 +42,7 @@ std::string list_text(const Json &rows, const std::vector<Member> &members, cons
     shown.push_back(&member);
     columns.push_back(member.column);
   }
+  if (look.markdown) return markdown(rows, shown);
   Table table(std::move(columns), look.wide ? Table::kNoLimit : look.width);
   for (const Json &row : rows) {
     std::vector<std::string> cells;

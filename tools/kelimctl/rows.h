@@ -13,6 +13,7 @@ namespace kelimctl {
 struct Look {
   std::size_t width = Table::kWidth;  // of the terminal
   bool wide = false;                  // every column, however long the lines are
+  bool markdown = false;              // tables as in a page of documentation
 };
 
 // A value as a cell: "-" for what is not there.

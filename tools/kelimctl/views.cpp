@@ -360,6 +360,9 @@ const std::vector<ViewCommand> &view_commands() {
       {"controllers", "the controller connections", controllers_data, controllers_text, "  kelimctl controllers --watch\n"},
       {"refusals", "the last requests that were refused, with the reason", refusals_data, refusals_text,
        "  kelimctl refusals -o wide\n  kelimctl refusals --json | jq '.refusals[-1]'\n"},
+      {"capabilities", "what controllers can expect: messages, match fields, actions, meters, limits, errors", capabilities_data,
+       capabilities_text,
+       "  kelimctl capabilities\n  kelimctl capabilities --json | jq '.match_fields[] | select(.supported) | .name'\n"},
       {"trace", "what happened to a flow or a request, from the controller to the answer", trace_data, trace_text,
        "  kelimctl trace 17            the flow with this index, and requests with this cookie or transaction id\n"
        "  kelimctl trace --index 17\n  kelimctl trace --cookie 0x17\n  kelimctl trace --xid 4711 --json\n",

@@ -36,6 +36,9 @@ const std::vector<ViewCommand> &view_commands();
 Json status_data(Link &link, const ViewOptions &options);
 std::string status_text(const Json &data, const Look &look);
 
+Json capabilities_data(Link &link, const ViewOptions &options);
+std::string capabilities_text(const Json &data, const Look &look);
+
 Json trace_data(Link &link, const ViewOptions &options);
 std::string trace_text(const Json &data, const Look &look);
 int trace_status(const Json &data);

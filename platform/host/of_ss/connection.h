@@ -88,6 +88,9 @@ class Connection {
   Connection(const Connection &) = delete;
   Connection &operator=(const Connection &) = delete;
 
+  // Messages that the connection takes itself.
+  static bool takes(std::uint8_t type) { return type == kHello || type == kEchoRequest || type == kEchoReply; }
+
   // Sends our HELLO and begins to read.
   void start();
   void send(Bytes message);

@@ -25,7 +25,7 @@ bool is_meter_number(std::uint32_t id) {
 }
 
 Verdict check_flags(std::uint16_t flags) {
-  if (flags & ~kKnownMeterFlags) return refuse(err::kMeterBadFlags, "flags", "unknown flag");
+  if (flags & ~all_bits(kMeterFlags)) return refuse(err::kMeterBadFlags, "flags", "unknown flag");
   if ((flags & kMeterKbps) && (flags & kMeterPktps))
     return refuse(err::kMeterBadFlags, "flags", "rates are in kb/s or packets/s, not both");
   return {};
@@ -33,7 +33,7 @@ Verdict check_flags(std::uint16_t flags) {
 
 Verdict check_band(Bytes band) {
   const std::uint16_t type = be16(band, kBandType);
-  if (type != kBandDrop && type != kBandDscpRemark)
+  if (std::ranges::find(kMeterBands, type, &Named::number) == std::end(kMeterBands))
     return refuse(err::kMeterBadBand, "band", "allowed are drop (1) and DSCP remark (2)");
   if (be32(band, kBandRate) == 0) return refuse(err::kMeterBadRate, "band", "a rate of 0");
   if (type == kBandDscpRemark && be8(band, kBandPrecedence) > kDscpMax)

@@ -17,7 +17,10 @@ inline constexpr std::uint32_t kMaxMeters = 1024;
 inline constexpr std::uint8_t kMaxBands = 8;
 inline constexpr std::uint16_t kBandLen = 16;
 enum MeterBand : std::uint16_t { kBandDrop = 1, kBandDscpRemark = 2 };
-enum MeterFlag : std::uint16_t { kMeterKbps = 1, kMeterPktps = 2, kMeterBurst = 4, kMeterStats = 8, kKnownMeterFlags = 15 };
+inline constexpr Named kMeterBands[] = {{kBandDrop, "drop"}, {kBandDscpRemark, "dscp_remark"}};
+enum MeterFlag : std::uint16_t { kMeterKbps = 1, kMeterPktps = 2, kMeterBurst = 4, kMeterStats = 8 };
+inline constexpr Named kMeterFlags[] = {
+    {kMeterKbps, "kbps"}, {kMeterPktps, "pktps"}, {kMeterBurst, "burst"}, {kMeterStats, "stats"}};
 
 struct Meter {
   std::vector<std::byte> message;  // the southbound meter-mod that adds it

@@ -116,13 +116,14 @@ void put_match_fields(Writer &out, bool with_masks) {
 }
 
 void put_set_fields(Writer &out) {
-  for (const std::size_t number : {kOxmEthDst, kOxmEthSrc, kOxmVlanVid, kOxmVlanPcp, kOxmIpDscp})
-    out.u32(oxm_header(oxm_field(number), false));
+  for (std::uint8_t number = 0; number < kOxmAppType; ++number)
+    if (can_set(number)) out.u32(oxm_header(oxm_field(number), false));
 }
 
-void put_ids(Writer &out, std::initializer_list<std::uint16_t> types) {
-  for (const std::uint16_t type : types) {
-    out.u16(type);
+void put_ids(Writer &out, const std::vector<Capability> &kinds) {
+  for (const Capability &kind : kinds) {
+    if (!kind.supported) continue;
+    out.u16(kind.type);
     out.u16(4);
   }
 }
@@ -137,12 +138,10 @@ void put_table_features(Writer &out, std::uint8_t table, std::uint32_t capacity)
   out.u64(0);
   out.u32(0);
   out.u32(capacity);
-  put_property(out, kInstructionsProperty, [&out] {
-    put_ids(out, {kWriteActions, kApplyActions, kClearActions, kMeterInstruction});
-  });
+  put_property(out, kInstructionsProperty, [&out] { put_ids(out, instruction_kinds()); });
   put_property(out, kNextTables, [] {});
   for (const Property type : {kWriteActionsProperty, kApplyActionsProperty})
-    put_property(out, type, [&out] { put_ids(out, {kOutput, kSetQueue, kSetField}); });
+    put_property(out, type, [&out] { put_ids(out, action_kinds()); });
   for (const Property type : {kMatchProperty, kWildcards})
     put_property(out, type, [&out, type] { put_match_fields(out, type == kMatchProperty); });
   for (const Property type : {kWriteSetField, kApplySetField}) put_property(out, type, [&out] { put_set_fields(out); });
@@ -244,8 +243,10 @@ Verdict meter_features(Agent &agent, Connection &connection, Bytes request) {
   Parts parts(agent, connection, request);
   Writer &out = parts.entry();
   out.u32(kMaxMeters);
-  out.u32(1 << kBandDrop | 1 << kBandDscpRemark);
-  out.u32(kKnownMeterFlags & ~kMeterStats);  // whoever wishes for statistics is not refused, and gets none
+  std::uint32_t bands = 0;
+  for (const Named &band : kMeterBands) bands |= 1u << band.number;
+  out.u32(bands);
+  out.u32(all_bits(kMeterFlags) & ~kMeterStats);  // whoever wishes for statistics is not refused, and gets none
   out.u8(kMaxBands);
   out.u8(0);
   out.zeros(2);

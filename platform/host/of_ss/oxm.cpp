@@ -374,6 +374,20 @@ bool satisfies(const WireMatch &match, Needs needs) {
   return false;
 }
 
+const char *needs_text(Needs needs) {
+  constexpr const char *kTexts[] = {"",
+                                    "vlan_vid",
+                                    "eth_type 0x0800 or 0x86dd",
+                                    "eth_type 0x0800",
+                                    "eth_type 0x86dd",
+                                    "ip_proto 6",
+                                    "ip_proto 17",
+                                    "eth_type 0x0800, ip_proto 1",
+                                    "eth_type 0x86dd, ip_proto 58"};
+  static_assert(std::size(kTexts) == static_cast<std::size_t>(icmpv6) + 1);
+  return kTexts[static_cast<std::size_t>(needs)];
+}
+
 std::size_t encode_southbound_match(const WireMatch &match, bool service_chain, std::byte *out) {
   const std::byte *start = out;
   for (std::uint64_t left = match.present; left; left &= left - 1) {

@@ -77,6 +77,8 @@ Verdict decode_match(Bytes from, WireMatch &match);
 
 // Whether the match fixes what `needs` asks for.
 bool satisfies(const WireMatch &match, Needs needs);
+// The same for people; "" for nothing.
+const char *needs_text(Needs needs);
 
 // Writes the southbound slots of `match` to `out`, which has room for kMaxSouthboundMatch, and the application type of table 1
 // when `service_chain`. The number of bytes.

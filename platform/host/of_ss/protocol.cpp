@@ -277,6 +277,18 @@ const char *command_name(std::uint8_t type, std::uint8_t command) {
   return row_of(type).command(command);
 }
 
+std::vector<MessageKind> message_kinds() {
+  std::vector<MessageKind> kinds;
+  for (std::uint8_t type = 0; type < kTypeCount; ++type) {
+    const MessageRow &row = kMessages[type];
+    if (!row.handle && !Connection::takes(type)) continue;
+    MessageKind kind{type, row.name, row.writes == Writes::yes, {}};
+    for (std::uint8_t command = 0; row.command(command)[0]; ++command) kind.commands.push_back(row.command(command));
+    kinds.push_back(std::move(kind));
+  }
+  return kinds;
+}
+
 Bytes Reply::finish() {
   out.patch16(kOfLength, buffer_.size());
   return buffer_;

@@ -21,6 +21,15 @@ const char *message_name(std::uint8_t type);
 // The name of a command of such a message, or of the type of a multipart request; "" for others.
 const char *command_name(std::uint8_t type, std::uint8_t command);
 
+// The messages that controllers may send.
+struct MessageKind {
+  std::uint8_t type;
+  const char *name;
+  bool writes;  // a slave may not
+  std::vector<const char *> commands;
+};
+std::vector<MessageKind> message_kinds();
+
 // Carries out an OFPT_FLOW_MOD.
 Verdict carry_out_flow_mod(Agent &agent, const Origin &origin, Bytes message);
 

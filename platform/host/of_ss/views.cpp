@@ -12,6 +12,7 @@
 #include "host/control/status.h"
 #include "host/metrics/health.h"
 #include "host/of_ss/agent.h"
+#include "host/of_ss/capabilities.h"
 #include "host/of_ss/protocol.h"
 #include "host/of_ss/trace_view.h"
 
@@ -213,7 +214,7 @@ json meters_view(Agent &agent) {
   for (const auto &[id, meter] : agent.meters().all()) {
     json bands = json::array();
     for (Bytes b = meter.bands(); b.size() >= kBandLen; b = b.subspan(kBandLen))
-      bands.push_back({{"type", sb::get<std::uint16_t>(b.data(), 0) == kBandDrop ? "drop" : "dscp_remark"},
+      bands.push_back({{"type", std::ranges::find(kMeterBands, sb::get<std::uint16_t>(b.data(), 0), &Named::number)->name},
                        {"rate", sb::get<std::uint32_t>(b.data(), 4)},
                        {"burst", sb::get<std::uint32_t>(b.data(), 8)}});
     list.push_back({{"meter", id},
@@ -296,6 +297,7 @@ void register_views(Agent *(*agent)()) {
   control::register_view("controllers", [](const json &) { return collected(controllers_view); });
   control::register_view("meters", [](const json &) { return collected(meters_view); });
   control::register_view("trace", trace_answer);
+  control::register_view("capabilities", [](const json &) { return capabilities(); });
   control::register_view("refusals", [](const json &) { return collected(refusals_view); });
   control::register_status("openflow", [] { return collected(status); });
   health::add_check(health::Kind::ready, "openflow", [] { return current_agent() ? "" : kNotRunning; });

@@ -128,6 +128,18 @@ inline constexpr std::uint8_t kTableAll = 0xff;
 inline constexpr std::uint8_t kTableCount = 2;         // 0 ordinary flows, 1 service-chain flows
 inline constexpr std::uint8_t kServiceChainTable = 1;  // its flows carry the service-chain application's type southbound
 
+// A number and its name for people.
+struct Named {
+  std::uint16_t number;
+  const char *name;
+};
+template <std::size_t N>
+constexpr std::uint16_t all_bits(const Named (&flags)[N]) {
+  unsigned bits = 0;
+  for (const Named &flag : flags) bits |= flag.number;
+  return static_cast<std::uint16_t>(bits);
+}
+
 // ---- flow-mod (7.3.4.1): offsets in the message
 
 namespace fm {
@@ -135,7 +147,12 @@ inline constexpr std::size_t kCookie = 8, kCookieMask = 16, kTableId = 24, kComm
                              kBufferId = 32, kOutPort = 36, kOutGroup = 40, kFlags = 44, kMatch = 48, kMinLength = 56;
 enum Command : std::uint8_t { kAdd = 0, kModify = 1, kModifyStrict = 2, kDelete = 3, kDeleteStrict = 4 };
 enum Flag : std::uint16_t { kSendFlowRem = 1, kCheckOverlap = 2, kResetCounts = 4, kNoPacketCounts = 8, kNoByteCounts = 16 };
-inline constexpr std::uint16_t kKnownFlags = 31;
+inline constexpr Named kFlagNames[] = {{kSendFlowRem, "send_flow_rem"},
+                                   {kCheckOverlap, "check_overlap"},
+                                   {kResetCounts, "reset_counts"},
+                                   {kNoPacketCounts, "no_packet_counts"},
+                                   {kNoByteCounts, "no_byte_counts"}};
+inline constexpr std::uint16_t kKnownFlags = all_bits(kFlagNames);
 }  // namespace fm
 
 enum InstructionType : std::uint16_t {
