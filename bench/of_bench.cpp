@@ -95,6 +95,7 @@ void no_signal() {}
 struct Quiet final : FlowEvents {
   void flow_failed(const Origin &, const Error &, Bytes) override {}
   void flow_removed(const FlowEntry &, RemovedReason) override {}
+  void flow_changed(const FlowEntry &, const FlowChange &) override {}
   void barrier_answered(const Origin &) override {}
   void overdue(std::vector<std::uint64_t>) override {}
 };
