@@ -23,7 +23,7 @@ sources = $(shell git ls-files '*.cpp' '*.h')
 .PHONY: help
 help: ## this list
 	@echo "make demo is the place to begin. Targets:"
-	@sed -nE 's/^([a-z-]+):.*## (.*)/  \1\t\2/p' Makefile | expand -t 18
+	@sed -nE 's/^([a-z0-9-]+):.*## (.*)/  \1\t\2/p' Makefile | expand -t 18
 	@echo "PRESET=release|dev|asan|tsan chooses the build, ARGS=... is handed to ctest (make test ARGS=\"-R barrier\")."
 
 .PHONY: demo
@@ -76,6 +76,20 @@ check-deb: ## tries these packages in a bare Debian 12: install, run, upgrade, r
 	$(call packages,deb check-deb)
 	@tools/make/deb
 	@tools/make/check-deb
+
+.PHONY: arm64
+arm64: ## builds for 64-bit ARM into build/arm64 and runs the unit and component tests under QEMU
+	$(call packages,arm64)
+	@tools/make/arm64-sysroot
+	@echo "Building for 64-bit ARM; then its tests, under QEMU"
+	$(call build,arm64)
+	$(call ctest,arm64)
+
+.PHONY: deb-arm64
+deb-arm64: ## builds the Debian packages for 64-bit ARM into build/deb-arm64
+	$(call packages,arm64 deb)
+	@tools/make/arm64-sysroot
+	@tools/make/deb arm64
 
 .PHONY: asan
 asan: ## every test under the address and undefined-behaviour sanitizers

@@ -1,5 +1,15 @@
 // The OpenFlow service library: terminates the controller connections and calls into the daemon.
 //
+// The handshake. Both sides come up in any order, and nothing is handed over before both are there:
+//   1. When its databases are connected, the daemon calls ss_of_init and registers its sixteen callbacks, once a process.
+//   2. The library calls `connected` once it could serve controllers.
+//   3. After that, and when the database has loaded (the data-fetch signal of the subscription to meters), the daemon sends
+//      kCapacity and calls ss_of_ds_fetch; again at each later data-fetch signal.
+//   4. After a fetch the library hands over everything that is wanted, back to back: kOpen where a controller is there,
+//      kDsStart, every meter, every flow, kDsEnd. At the start all flow and meter records are put under an expiry of 100 ms; a
+//      record loses it when it is handed over again. What has lost nothing by its deadline goes; meters stay from the end on.
+//   5. From then on requests as they come. A barrier is answered when nothing before it is unanswered.
+//
 // Threads: the registered callbacks run on the library's own thread, with no lock of the library held; of_ss_send_msg may be
 // called from any thread. Everything else here is called on the loop's thread. Messages are laid out as southbound.h says. A
 // message handed to a callback is the library's and lives until the callback returns; its `len` is the number of bytes there are.
@@ -21,23 +31,26 @@ typedef void (*of_ss_signal_cb)(void);
 // Prepares the library. Controller connections are opened once every callback is registered. 0, or -1.
 int ss_of_init(qx_global *global);
 
-// Each registers one callback, replacing an earlier one. 0, or -4 for null.
-int of_ss_regiter_flow_mod(of_ss_msg_cb cb);
-int of_ss_regiter_send_openmsg(of_ss_msg_cb cb);
-int of_ss_regiter_mgmt_ifx(of_ss_msg_cb cb);
-int of_ss_regiter_send_closemsg(of_ss_msg_cb cb);
-int of_ss_regiter_del_all_flow(of_ss_signal_cb cb);
-int of_ss_regiter_start(of_ss_msg_cb cb);
-int of_ss_regiter_end(of_ss_msg_cb cb);
+// Each registers one callback, replacing an earlier one. 0, or -4 for null. Behind each: the message it takes (southbound.h) and
+// the reply that follows. A request that has an answer of its own gets it also when it is refused, with result 0; the result is
+// negative for what cannot be answered, such as a null message.
+int of_ss_regiter_flow_mod(of_ss_msg_cb cb);         // kFlowMod: kFlowResult if it fails; that it did not, a barrier tells
+int of_ss_regiter_send_openmsg(of_ss_msg_cb cb);     // kOpen
+int of_ss_regiter_mgmt_ifx(of_ss_msg_cb cb);         // kMgmtIfx
+int of_ss_regiter_send_closemsg(of_ss_msg_cb cb);    // kClose
+int of_ss_regiter_del_all_flow(of_ss_signal_cb cb);  // no message: every flow record goes, also those that nobody knows
+int of_ss_regiter_start(of_ss_msg_cb cb);            // kDsStart
+int of_ss_regiter_end(of_ss_msg_cb cb);              // kDsEnd
+// kStatRequest: kStatReply, none for a flow without counters
 int of_ss_regiter_flow_statistic_reply(of_ss_msg_cb cb);
-int of_ss_regiter_meter_mod(of_ss_msg_cb cb);
-int of_ss_socket_connected(of_ss_signal_cb cb);
-int of_ss_flowcount_config(of_ss_msg_cb cb);
-int of_ss_pkt_start(of_ss_msg_cb cb);
-int of_ss_pkt_end(of_ss_msg_cb cb);
-int of_ss_con_info(of_ss_msg_cb cb);
-int ofss_barrier_request(of_ss_msg_cb cb);
-int of_ss_regiter_del_all(of_ss_signal_cb cb);
+int of_ss_regiter_meter_mod(of_ss_msg_cb cb);    // kMeterMod: kMeterResult if it fails
+int of_ss_socket_connected(of_ss_signal_cb cb);  // no message: step 2 of the handshake
+int of_ss_flowcount_config(of_ss_msg_cb cb);     // kFlowCountConfig: cells of a kPackedReport
+int of_ss_pkt_start(of_ss_msg_cb cb);            // kPktStart
+int of_ss_pkt_end(of_ss_msg_cb cb);              // kPktEnd
+int of_ss_con_info(of_ss_msg_cb cb);             // kOncInfo
+int ofss_barrier_request(of_ss_msg_cb cb);       // kBarrierRequest: kBarrierReply
+int of_ss_regiter_del_all(of_ss_signal_cb cb);   // no message: every flow and meter record goes
 
 // The database side has (re)started and holds nothing of ours that can be trusted: the library replays its whole desired state
 // between a data-synchronisation start and end, back to back. Any thread.

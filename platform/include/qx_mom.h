@@ -4,6 +4,20 @@
 // protobuf-c messages; the client reads type names and field layout from their descriptors. A template is a record whose key has
 // only zero fields (or no key at all): it stands for every object of the type in scan, pexpire, del_expire and del_expire_ow.
 //
+// Two kinds of type. Most types are plain: a written object is told as cmd 1 with the record as value. Hash-class types, of which
+// there is one, `s_policy_kelim.meter`, tell whether the object was there before: cmd 4 for one that was not, cmd 6 for one that
+// was, and the value is a qx_mom_hash_value that holds the record; scan and get give them as cmd 6. A deletion of either kind is
+// cmd 3 with the record itself, and a packed subscription gets cmd 1 for both kinds.
+//
+// Tags. An object that qx_mom_setow wrote last has that call's overwrite tag, any other has 0. It tells whose the object is, so
+// that a finished data synchronisation cleans up after one of them only: 1 flows from a flow-mod, 2 flows from a service-chain
+// application. It is no part of the key and is never delivered.
+//
+// Expiry. An object, or every object that a type holds now, can be given a deadline. A write, tagged or not, takes the object's
+// deadline away; a later request for a deadline takes the place of an earlier one, whether of one object or of all. What is past
+// its deadline goes by itself, with a cmd 3. So a replay renews what it writes, in however many pieces, and what it leaves out
+// goes.
+//
 // Threads: every call and every callback belongs to the loop's thread of qx_runtime.h.
 // Ownership: a record handed in is serialised before the call returns and never kept; what a callback receives lives until it
 // returns. Callbacks: a notification is never delivered from inside the call that caused it, always in a later turn of the loop
@@ -93,8 +107,9 @@ int qx_mom_client_connect_sync(qx_global *global, int32_t db);
 int qx_mom_client_connect(qx_global *global, int32_t db, qx_mom_connect_cb cb, const char *label);
 
 // What `cb` is told when the connection of `db` changes. `arg` is reserved, null.
-// Types: 0 lost; 2 back, the same server process or one that took over what it held; 1 back, but another server process, whose data
-// cannot be trusted; 3 still trying.
+// Types: 0 lost; 2 back, the same server process or one that took over what it held; 1 back, but another server process, whose
+// data cannot be trusted; 3 still trying. From 0 on calls give -1. After 2 every subscription gets one more data-fetch signal,
+// whether it was asked for again in the callback or not. A store that cannot lose its connection never calls this.
 int qx_mom_client_set_reconnect_cb(qx_global *global, int32_t db, qx_mom_reconnect_cb cb, void *arg);
 
 // ---- writes (pipelined). `flags` and `reserved` are 0.
@@ -118,8 +133,9 @@ int qx_mom_pexpire(qx_global *global, int32_t db, const ProtobufCMessage *record
 int qx_mom_del_expire(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t flags, uint32_t reserved,
                       void *reserved_arg);
 
-// Of the objects of the type, removes those with the tag `ow` that have expired. Nothing goes ahead of its deadline: objects that are
-// still under expiry stay, to be rewritten or to expire by themselves. The Linux host's databases also remove expired objects unasked.
+// Of the objects of the type, removes those with the tag `ow` that have expired. Nothing goes ahead of its deadline: objects that
+// are still under expiry stay, to be rewritten or to expire by themselves. The Linux host's databases also remove expired objects
+// unasked.
 int qx_mom_del_expire_ow(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t flags, uint32_t reserved,
                          void *reserved_arg, int64_t ow);
 

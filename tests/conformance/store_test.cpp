@@ -1,9 +1,10 @@
-// The object database's contract, the same for every store: calls, notifications, scans, congestion, expiry and overwrite tags.
+// The object database's contract, the same for every platform and store: calls, notifications, scans, congestion, expiry and
+// overwrite tags.
 #include <optional>
 #include <random>
 #include <set>
 
-#include "component/mom_world.h"
+#include "conformance/store_world.h"
 #include "libcgstctrl.h"
 
 namespace mom_test {
@@ -12,17 +13,19 @@ namespace {
 class MomConformance : public testing::TestWithParam<std::string> {
  protected:
   void SetUp() override { start(); }
-  void start(const Settings &settings = {}) {
-    world.reset();
-    world.emplace(GetParam(), settings);
+  void start(unsigned topic_limit = 0) {
+    make(topic_limit);
     world->connect_all();
   }
+  void make(unsigned topic_limit = 0) {
+    world.reset();
+    world.emplace(start_process(GetParam(), topic_limit));
+  }
 
-  std::optional<World> world;
+  std::optional<StoreWorld> world;
 };
 
-INSTANTIATE_TEST_SUITE_P(Stores, MomConformance, testing::Values("Embedded", "Redis"),
-                         [](const auto &store) { return store.param; });
+INSTANTIATE_TEST_SUITE_P(Stores, MomConformance, testing::ValuesIn(stores()), [](const auto &store) { return store.param; });
 
 // ---- arguments and connections
 
@@ -73,8 +76,7 @@ TEST_P(MomConformance, CallsRefuseMalformedArgumentsAndRecords) {
 }
 
 TEST_P(MomConformance, ConnectionsServeTheirKindOfCall) {
-  world.reset();
-  world.emplace(GetParam());
+  make();
   qx_global *global = world->global();
   Flow flow(1);
   for (const auto &[name, call] : kOps) EXPECT_EQ(call(global, 8, flow, 1), -1) << name;
@@ -169,7 +171,7 @@ std::string deletions() {
 }
 
 template <typename Record>
-std::string clear(World &world) {
+std::string clear(StoreWorld &world) {
   const auto left = world.scan(Record(0));
   for (const Seen &seen : left) EXPECT_EQ(world.del(Record(seen.key)), 0);
   return list(left);
@@ -314,7 +316,7 @@ TEST_P(MomConformance, ReconnectToTheSameServerKeepsDataAndRepeatsDataFetch) {
     world->forget();
     reconnects.clear();
     world->run("set flow:1");
-    world->cut_connections(8);
+    if (!world->cut_connections(8)) GTEST_SKIP() << "this store has no connection that could be lost";
     ASSERT_TRUE(run_until([] { return !reconnects.empty() && reconnects.back() == 2; }));
     EXPECT_EQ(reconnects.front(), 0);
     for (const int32_t type : {0, 2}) EXPECT_EQ(std::count(reconnects.begin(), reconnects.end(), type), 1);
@@ -349,7 +351,7 @@ TEST_P(MomConformance, ScanVisitsTheTypeInKeyOrder) {
 }
 
 TEST_P(MomConformance, ScanBearsWritesAndDeletionsOfItsTable) {
-  static World *in_scan;
+  static StoreWorld *in_scan;
   in_scan = &*world;
   world->watch<0>(Flow::kType);
   world->fill(3000, 10);
@@ -382,7 +384,7 @@ TEST_P(MomConformance, ScanBearsWritesAndDeletionsOfItsTable) {
 // Requests for a whole type take their place among the writes, however many objects it has.
 TEST_P(MomConformance, HundredThousandObjects) {
   constexpr uint64_t kCount = 100'000;
-  start({{"mom.high_water_writes", "1000000"}, {"mom.sync_timeout_ms", "60000"}});
+  start(1'000'000);
   world->watch<0>(Flow::kType);
   for (uint64_t i = 0; i < kCount; ++i) ASSERT_EQ(world->setow(Flow((i * 7919) % kCount + 1), 1), 0);
   world->settle();
@@ -410,7 +412,7 @@ TEST_P(MomConformance, HundredThousandObjects) {
 }
 
 TEST_P(MomConformance, TopicOverItsLimitRefusesUntilItHasDrained) {
-  start({{"mom.high_water_writes", "100"}});
+  start(100);
   world->watch<0>(Flow::kType);
   world->watch<1>(FlowSta::kType);
   const auto enrol = [&](const qx_mom_type *type) { return libcgstctrl_gen_topic_reg(world->global(), 8, "test", type); };

@@ -1,0 +1,152 @@
+// The small services: log, single instance, redundancy, ports, debug commands, timing. Each in the least that its header asks
+// for.
+#include <fcntl.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <list>
+#include <map>
+#include <set>
+#include <string>
+
+#include "libddm.h"
+#include "libss_fp_com.h"
+#include "lsm_if.h"
+#include "platform.h"
+#include "qx_zlog.h"
+#include "rdnd_lib.h"
+#include "ssat.h"
+#include "ut_ss_fp_appmng.h"
+
+// ---- qx_zlog.h: errors to standard error, a line each
+
+struct qx_zlog_category {
+  std::string name;
+};
+
+qx_zlog_category *qx_zlog_init(const char *name) {
+  static auto &categories = *new std::list<qx_zlog_category>;  // threads may log until the very end
+  const auto known = std::ranges::find(categories, name, &qx_zlog_category::name);
+  return known != categories.end() ? &*known : &*categories.insert(known, {name});
+}
+
+void qxdf_zlog(qx_zlog_category *category, const char *, size_t, const char *func, size_t func_len, long line, int level,
+               const char *format, ...) {
+  if (category == nullptr || level < QX_ZLOG_ERROR) return;
+  char text[1024];
+  va_list arguments;
+  va_start(arguments, format);
+  vsnprintf(text, sizeof text, format, arguments);
+  va_end(arguments);
+  std::string whole = text;
+  whole.erase(whole.find_last_not_of("\n ") + 1);
+  char time[32];
+  fprintf(stderr, "%s %s %.*s:%ld %s\n", qx_time_2_string(time, sizeof time), category->name.c_str(), static_cast<int>(func_len),
+          func, line, whole.c_str());
+}
+
+int at_snprintf(char *buf, size_t size, const char *format, ...) {
+  if (size == 0) return 0;
+  va_list arguments;
+  va_start(arguments, format);
+  const int wanted = vsnprintf(buf, size, format, arguments);
+  va_end(arguments);
+  return std::clamp(wanted, 0, static_cast<int>(size) - 1);
+}
+
+// ---- libss_fp_com.h
+
+// The lock is held until the process ends. KELIM_RUN_DIR names another directory, for who is not root.
+int libss_fp_com_check_run(const char *pid_file) {
+  std::string path = pid_file;
+  if (const char *directory = getenv("KELIM_RUN_DIR")) path = directory + path.substr(path.rfind('/'));
+  const int file = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
+  if (file >= 0 && flock(file, LOCK_EX | LOCK_NB) == 0 && ftruncate(file, 0) == 0 && dprintf(file, "%d\n", getpid()) > 0)
+    return 0;
+  perror(path.c_str());
+  return 1;
+}
+
+// Here a switch arms the timer that feeds its watchdog; this platform has none.
+int libss_fp_com_ham_init(const char *, qx_zlog_category *) {
+  return 0;
+}
+
+// ---- rdnd_lib.h: the only supervisor, which takes up its work in the first turn of the loop
+
+int rdnd_lib_mom_reg(const rdnd_lib_reg *reg) {
+  if (reg == nullptr || reg->name == nullptr || reg->role_cb == nullptr || reg->state_cb == nullptr) return -4;
+  platform::post([take_up = reg->role_cb] {
+    if (take_up(nullptr, nullptr) == 0) return;
+    fputs("The process could not take up its work.\n", stderr);
+    exit(EXIT_FAILURE);
+  });
+  return 0;
+}
+
+// ---- libddm.h, lsm_if.h: 48 ports
+
+int libddm_init(qx_global *, const char *) {
+  return 0;
+}
+
+int libddm_get_phyid_by_ifx(uint32_t ifx, uint32_t *phyid) {
+  constexpr uint32_t kPorts = 48;
+  if (phyid == nullptr) return -4;
+  if (ifx < 1 || ifx > kPorts) return -7;
+  *phyid = ifx - 1;
+  return 0;
+}
+
+uint32_t lsm_if_get_type(uint32_t) {
+  return LSM_IF_TYPE_ETHERNET;
+}
+
+// ---- ssat.h: commands are kept; the road on which operators reach them is the switch's own
+
+static std::map<std::string, std::map<std::string, ssat_handler>> &commands() {
+  static auto &modules = *new std::map<std::string, std::map<std::string, ssat_handler>>;
+  return modules;
+}
+
+int ssat_lib_init(qx_global *, const char *name) {
+  if (name == nullptr) return -4;
+  commands()[name];
+  return 0;
+}
+
+int ssat_reg_mod_cmd(const char *module, const char *command, const char *format, ssat_handler handler) {
+  if (module == nullptr || command == nullptr || format == nullptr || handler == nullptr) return -4;
+  const auto known = commands().find(module);
+  if (known == commands().end()) return -7;
+  return known->second.emplace(command, handler).second ? 0 : -4;
+}
+
+// ---- ut_ss_fp_appmng.h
+
+static uint64_t now_ns() {
+  const timespec now = qx_monotime();
+  return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(now.tv_nsec);
+}
+
+void ut_ss_fp_appmng_time_start(ut_ss_fp_appmng_time *record) {
+  __atomic_store_n(&record->started, now_ns(), __ATOMIC_RELAXED);
+}
+
+// Whoever takes the start away counts it, so that none counts twice.
+void ut_ss_fp_appmng_time_stop(ut_ss_fp_appmng_time *record, uint32_t) {
+  const uint64_t started = __atomic_exchange_n(&record->started, 0, __ATOMIC_RELAXED);
+  if (started == 0) return;
+  const uint64_t took = now_ns() - started;
+  __atomic_fetch_add(&record->count, 1, __ATOMIC_RELAXED);
+  __atomic_fetch_add(&record->total, took, __ATOMIC_RELAXED);
+  __atomic_store_n(&record->last, took, __ATOMIC_RELAXED);
+  if (took > __atomic_load_n(&record->max, __ATOMIC_RELAXED)) __atomic_store_n(&record->max, took, __ATOMIC_RELAXED);
+}
+
+// Here a switch shows them; a debugger finds them under their names.
+void ut_ss_fp_appmng_time_publish(const ut_ss_fp_appmng_time *, const char *) {}
