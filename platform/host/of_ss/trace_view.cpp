@@ -122,7 +122,7 @@ void put_behind_hand_over(std::vector<Event> &records, const std::vector<Event> 
       withdrawn[event.subject] = event.at_ns;
   }
   for (Event &event : records) {
-    const auto &handed = event.step == Step::erased ? withdrawn : added;
+    const auto &handed = event.step == Step::erased || event.step == Step::answer_erased ? withdrawn : added;
     if (const auto at = handed.find(event.subject); at != handed.end()) event.at_ns = std::max(event.at_ns, at->second);
   }
 }
