@@ -121,6 +121,7 @@ BENCHMARK(decode);
 void decode_and_add(benchmark::State &state) {
   const Callbacks callbacks = player();
   Quiet quiet;
+  Trace trace;
   std::unique_ptr<Flows> flows;
   FlowMod mod;
   std::uint32_t n = 0;
@@ -128,7 +129,7 @@ void decode_and_add(benchmark::State &state) {
     if (n % state.range(0) == 0) {
       state.PauseTiming();
       drain();
-      flows = std::make_unique<Flows>(callbacks, quiet, FlowLimits{});
+      flows = std::make_unique<Flows>(callbacks, quiet, trace, FlowLimits{});
       state.ResumeTiming();
     }
     const WireFlow flow(++n % static_cast<std::uint32_t>(state.range(0)));
