@@ -86,7 +86,7 @@ Verdict Flows::add(const FlowMod &mod, const Origin &origin, Bytes request, std:
     before->created_ns = now;
     before->last_hit_s = static_cast<std::uint32_t>(now / kSecond);
     ++counters_.unchanged;
-    if (!transaction_) report(*before, FlowEvent::added);
+    if (!transaction_) report(*before, FlowEvent::unchanged);
     trace_.note(Step::unchanged, before->index());
   } else {
     if (before) make_room(*before);

@@ -28,7 +28,13 @@ struct Author {
   std::uint64_t request = 0;
 };
 
-enum class FlowEvent { added, deleted, modified, brought_back };  // the last: its newer form has failed
+enum class FlowEvent {
+  added,
+  deleted,
+  modified,
+  unchanged,     // added as it was
+  brought_back,  // its newer form has failed
+};
 
 struct FlowChange {
   FlowEvent event;

@@ -38,7 +38,8 @@ struct EventRow {
 };
 
 const EventRow &row_of(FlowEvent event) {
-  static constexpr EventRow kEvents[] = {{kAdded, kAdd}, {kDeletedEvent, kDelete}, {kModified, kModify}, {kModified, kModify}};
+  static constexpr EventRow kEvents[] = {
+      {kAdded, kAdd}, {kDeletedEvent, kDelete}, {kModified, kModify}, {kAdded, kAdd}, {kModified, kModify}};
   return kEvents[static_cast<std::size_t>(event)];
 }
 
@@ -66,22 +67,26 @@ struct Epoch {
   bool knows(const FlowEntry &flow) const { return flow.index() <= newest || flow.created_ns < at_ns || flow.replaces; }
 };
 
-// A walk over the table for what has come or changed since; when updates pause again meanwhile, another one follows.
+// A walk over the table for what has come or changed since; when updates pause again meanwhile, another one follows. What came
+// behind the beginning of the pause may have been told by another walk too, up to the index `newest_told`.
 struct Pause {
   Epoch since;
+  std::uint64_t newest_told;
   std::uint32_t told = 0;
   std::optional<Epoch> again = {};
 
-  bool knows(const FlowEntry &flow) const { return flow.slot >= told ? since.knows(flow) : !again || again->knows(flow); }
+  // Whether the peer may know the flow: it is told of the end of some that it does not know, and of all that it knows.
+  bool may_know(const FlowEntry &flow) const { return flow.slot < told || flow.index() <= newest_told || since.knows(flow); }
 };
 
 std::size_t padded(std::size_t length) {
   return (length + 7) & ~std::size_t{7};
 }
 
-// Whether the monitor has been told of the flow, if it asked for the first ones.
-bool is_told(const Group &group, const Monitor &monitor, const FlowEntry &flow) {
-  return !group.told || !(monitor.flags & kInitial) || flow.slot < *group.told;
+// Whether the monitor has been told of the flow, if it asked for the first ones; of its deletion also when it may have been told
+// of an older form.
+bool is_told(const Group &group, const Monitor &monitor, const FlowEntry &flow, Flag wanted) {
+  return !group.told || !(monitor.flags & kInitial) || flow.slot < *group.told || (wanted == kDelete && flow.replaces);
 }
 
 // The flags of the monitors in the group that ask for the flow and have `wanted`. A change is also told when the `older` form
@@ -89,7 +94,7 @@ bool is_told(const Group &group, const Monitor &monitor, const FlowEntry &flow) 
 std::uint16_t wanting(const Group &group, const FlowEntry &flow, Flag wanted, const FlowEntry *older, bool any_port = false) {
   std::uint16_t flags = 0;
   for (const Monitor &monitor : group.monitors)
-    if (monitor.flags & wanted && is_told(group, monitor, flow) && Flows::selected(flow, monitor.filter) &&
+    if (monitor.flags & wanted && is_told(group, monitor, flow, wanted) && Flows::selected(flow, monitor.filter) &&
         (any_port || monitor.is_for_port(flow) || (older && monitor.is_for_port(*older))))
       flags |= monitor.flags;
   return flags;
@@ -152,6 +157,10 @@ struct Watcher {
     std::size_t sum = 0;
     for (const Group &group : groups) sum += group.monitors.size();
     return sum;
+  }
+  // Whether the first flows are still being told.
+  bool is_at_first() const {
+    return std::ranges::any_of(groups, [](const Group &group) { return group.told.has_value(); });
   }
   bool has(std::uint32_t id) const {
     return std::ranges::any_of(
@@ -252,8 +261,7 @@ void Monitors::tell(Connection &connection, const FlowEntry &flow, const FlowCha
   std::uint16_t flags = 0;
   const FlowEntry *older = agent_.flows().table().at(flow.older);
   for (const Group &group : watcher.groups) flags |= wanting(group, flow, row_of(change.event).wanted_by, older);
-  const bool lasts = change.event == FlowEvent::added || change.event == FlowEvent::modified;
-  if (!flags || (lasts ? is_to_wait(connection, flow) : watcher.pause && !watcher.pause->knows(flow))) return;
+  if (!flags || is_to_wait(connection, flow, change.event)) return;
   const bool is_own = change.author.origin.generation == connection.generation();
   if (is_own && !(flags & kOwn) && !watcher.pause)
     abbreviate(connection, change.author);
@@ -261,16 +269,19 @@ void Monitors::tell(Connection &connection, const FlowEntry &flow, const FlowCha
     send_update(connection, flow, change, flags);
 }
 
-// Whether the flow is found later, in the walk over what has changed.
-bool Monitors::is_to_wait(Connection &connection, const FlowEntry &flow) {
+// Whether there is nothing to tell: of what the peer does not know, or of what the walk over what has changed finds later.
+bool Monitors::is_to_wait(Connection &connection, const FlowEntry &flow, FlowEvent event) {
   auto &pause = connection.session().watcher->pause;
+  if (event == FlowEvent::unchanged) return pause || connection.is_clogged();
+  if (event == FlowEvent::deleted || event == FlowEvent::brought_back)
+    return pause && !connection.session().watcher->is_at_first() && !pause->may_know(flow);
   if (pause && (pause->again || flow.slot >= pause->told)) return true;
   if (!connection.is_clogged()) return false;
   const Epoch before{agent_.flows().table().newest_index() - 1, agent_.now()};
   if (pause) {
     pause->again = before;
   } else {
-    pause = Pause{before};
+    pause = Pause{before, before.newest};
     connection.session().owes_updates = true;
     notify(connection, kPaused);
   }
@@ -339,6 +350,7 @@ bool Monitors::send_initial(Connection &connection, Watcher &watcher) {
     };
     if (!walk(connection, group.xid, *group.told, true, put)) return false;
     group.told.reset();
+    if (watcher.pause) watcher.pause->newest_told = agent_.flows().table().newest_index();
   }
   return true;
 }
@@ -357,7 +369,7 @@ bool Monitors::send_changed(Connection &connection, Watcher &watcher) {
   };
   while (walk(connection, 0, pause.told, false, put)) {
     if (pause.again) {
-      pause = Pause{*pause.again};
+      pause = Pause{*pause.again, agent_.flows().table().newest_index()};
       continue;
     }
     watcher.pause.reset();

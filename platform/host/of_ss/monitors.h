@@ -42,7 +42,7 @@ class Monitors {
   std::size_t count() const;
   Watcher *watcher(std::uint64_t generation) const;
   void tell(Connection &connection, const FlowEntry &flow, const FlowChange &change);
-  bool is_to_wait(Connection &connection, const FlowEntry &flow);
+  bool is_to_wait(Connection &connection, const FlowEntry &flow, FlowEvent event);
   void send_update(Connection &connection, const FlowEntry &flow, const FlowChange &change, std::uint16_t flags);
   void abbreviate(Connection &connection, const Author &author);
   void notify(Connection &connection, std::uint32_t type);
