@@ -27,6 +27,7 @@ def garbage(chance):
     yield "lengths below the header", [hello + header(openflow.ECHO_REQUEST, length) for length in (0, 4, 7)]
     yield "connections", [b""] * 5000
     yield "as many again", [b""] * 5000
+    yield "and again", [b""] * 5000
 
 
 class Garbage(e2e.Test):
@@ -55,7 +56,8 @@ class Garbage(e2e.Test):
                 self.assertEqual(good.barrier(), [])
                 self.assertEqual(len(self.stored(running, "flow")), 1)
                 resident.append(running.resident_kib())
-        self.assertLess(resident[-1] - resident[-2], 8192)
+        # What is lost with each connection is lost every time; a sanitizer's own books take longer to fill.
+        self.assertLess(min(resident[-1] - resident[-2], resident[-2] - resident[-3]), 4096, resident)
 
 
 if __name__ == "__main__":
