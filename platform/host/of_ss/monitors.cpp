@@ -37,6 +37,7 @@ struct EventRow {
   Flag wanted_by;
 };
 
+// The rows stand in the order of FlowEvent.
 const EventRow &row_of(FlowEvent event) {
   static constexpr EventRow kEvents[] = {
       {kAdded, kAdd}, {kDeletedEvent, kDelete}, {kModified, kModify}, {kAdded, kAdd}, {kModified, kModify}};

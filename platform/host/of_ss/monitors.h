@@ -29,6 +29,7 @@ class Monitors {
   Verdict cancel(Connection &connection, Bytes message);
   static bool is_cancel(Bytes message);
 
+  // Tells every connection that watches the flow, at once. A connection whose output is full may end inside the call.
   void flow_changed(const FlowEntry &flow, const FlowChange &change);
 
   // Goes on with what the connection is still to be told, as far as the peer reads; and all connections.
