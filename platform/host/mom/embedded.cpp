@@ -10,6 +10,7 @@ namespace {
 // A sweep over a large table shares the loop with everything else.
 constexpr auto kSweepTurn = std::chrono::milliseconds(10);
 constexpr unsigned kLookAtClockEvery = 64;
+constexpr size_t kWalkStep = 512;
 
 }  // namespace
 
@@ -222,6 +223,25 @@ int Embedded::scan_sync(Slot &slot, const Visitor &visit) {
     if (object->born < scan && !visit(key, object->packed())) break;
     place = version == table.index.version() ? table.index.next(place) : table.index.after(key);
   }
+  return 0;
+}
+
+int Embedded::walk_sync(Slot &slot, Walk &walk, const Visitor &visit) {
+  const SortedIndex &index = table(slot).index;
+  auto place = walk.after ? index.after(*walk.after) : index.first();
+  for (size_t visited = 0; place.found; place = index.next(place)) {
+    const Key key = index.key_at(place);
+    if (visited++ == kWalkStep) return 1;
+    if (!visit(key, index.at(place)->packed())) break;
+    walk.after = key;
+  }
+  return 0;
+}
+
+int Embedded::visit_sync(Slot &slot, std::span<const Key> keys, const Visitor &visit) {
+  const SortedIndex &index = table(slot).index;
+  for (const Key &key : keys)
+    if (const auto place = index.find(key); place.found && !visit(key, index.at(place)->packed())) break;
   return 0;
 }
 

@@ -35,6 +35,8 @@ class Embedded final : public Store {
   int del_expired(Slot &slot, int64_t tag) override;
   int get_sync(Slot &slot, const Key &key, std::vector<uint8_t> &packed) override;
   int scan_sync(Slot &slot, const Visitor &visit) override;
+  int walk_sync(Slot &slot, Walk &walk, const Visitor &visit) override;
+  int visit_sync(Slot &slot, std::span<const Key> keys, const Visitor &visit) override;
   bool subscribe(Slot &slot, std::function<void()> live) override;
   std::optional<Held> held(Slot &slot) override;
   void provoke_reconnect(Database &db, int32_t type) override;

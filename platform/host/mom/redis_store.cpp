@@ -409,22 +409,28 @@ int RedisStore::get_sync(Slot &slot, const Key &key, std::vector<uint8_t> &packe
   return 0;
 }
 
+// The index's next members, about so many, in no order; the cursor is "0" at the end.
+bool RedisStore::read_some_members(Table &table, std::string &cursor, size_t about, std::vector<Key> &keys) {
+  const Reply reply = synchronously(table.base, [&](SyncConnection &sync) {
+    return sync.call({"SSCAN", table.index, cursor, "COUNT", std::to_string(about)});
+  });
+  if (!reply || reply->type != REDIS_REPLY_ARRAY || reply->elements != 2) return false;
+  cursor = text_of(reply->element[0]);
+  for (const redisReply *member : std::span(reply->element[1]->element, reply->element[1]->elements)) {
+    if (auto key = table.slot.type.parse_member(text_of(member))) {
+      keys.push_back(std::move(*key));
+    } else {
+      hub_.skip("the index names an object that cannot be", table.prefix + std::string(text_of(member)));
+    }
+  }
+  return true;
+}
+
 // The index's members in key order. Several answers, so that the server is not held for long.
 bool RedisStore::read_members(Table &table, std::vector<Key> &keys) {
   std::string cursor = "0";
   do {
-    const Reply reply = synchronously(table.base, [&](SyncConnection &sync) {
-      return sync.call({"SSCAN", table.index, cursor, "COUNT", std::to_string(kMembersAtATime)});
-    });
-    if (!reply || reply->type != REDIS_REPLY_ARRAY || reply->elements != 2) return false;
-    cursor = text_of(reply->element[0]);
-    for (const redisReply *member : std::span(reply->element[1]->element, reply->element[1]->elements)) {
-      if (auto key = table.slot.type.parse_member(text_of(member))) {
-        keys.push_back(std::move(*key));
-      } else {
-        hub_.skip("the index names an object that cannot be", table.prefix + std::string(text_of(member)));
-      }
-    }
+    if (!read_some_members(table, cursor, kMembersAtATime, keys)) return false;
   } while (cursor != "0");
   std::sort(keys.begin(), keys.end());
   keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
@@ -465,6 +471,17 @@ int RedisStore::scan_sync(Slot &slot, const Visitor &visit) {
   }
   std::erase(table.scans, &deleted);
   return visited == Visited::failed ? -1 : 0;
+}
+
+int RedisStore::visit_sync(Slot &slot, std::span<const Key> keys, const Visitor &visit) {
+  return keys.empty() || visit_batch(table(slot), keys, {}, visit) != Visited::failed ? 0 : -1;
+}
+
+int RedisStore::walk_sync(Slot &slot, Walk &walk, const Visitor &visit) {
+  std::vector<Key> keys;
+  if (!read_some_members(table(slot), walk.cursor, scan_batch_, keys)) return -1;
+  if (const int rv = visit_sync(slot, keys, visit)) return rv;
+  return walk.cursor == "0" ? 0 : 1;
 }
 
 std::optional<size_t> RedisStore::number(Base &base, Arguments question) {

@@ -58,6 +58,8 @@ class RedisStore final : public Store {
   int del_expired(Slot &slot, int64_t tag) override;
   int get_sync(Slot &slot, const Key &key, std::vector<uint8_t> &packed) override;
   int scan_sync(Slot &slot, const Visitor &visit) override;
+  int walk_sync(Slot &slot, Walk &walk, const Visitor &visit) override;
+  int visit_sync(Slot &slot, std::span<const Key> keys, const Visitor &visit) override;
   bool subscribe(Slot &slot, std::function<void()> live) override;
   std::optional<Held> held(Slot &slot) override;
 
@@ -136,6 +138,7 @@ class RedisStore final : public Store {
   // The number that the server answers, 0 for nil.
   std::optional<size_t> number(Base &base, Arguments question);
   size_t estimated_bytes(Table &table, size_t objects);
+  bool read_some_members(Table &table, std::string &cursor, size_t about, std::vector<Key> &keys);
   bool read_members(Table &table, std::vector<Key> &keys);
   enum class Visited { all, ended, failed };
   Visited visit_batch(Table &table, std::span<const Key> keys, const std::set<Key> &deleted, const Visitor &visit);

@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <span>
+#include <string>
 
 #include "host/mom/record_type.h"
 #include "qx_mom.h"
@@ -56,6 +58,17 @@ class Store {
   virtual int get_sync(Slot &slot, const Key &key, std::vector<uint8_t> &packed) = 0;
   // In key order. Objects that the visitor adds are not visited, those that it deletes first neither.
   virtual int scan_sync(Slot &slot, const Visitor &visit) = 0;
+
+  // A place in a walk over all objects of a slot that may take many turns of the loop; the store's own.
+  struct Walk {
+    std::optional<Key> after;
+    std::string cursor = "0";
+  };
+  // Visits the next few hundred objects of a walk; 1 while there may be more, 0 at the end. What comes or goes between two calls
+  // is visited or not, and an object may be visited twice. The visitor writes nothing, and so it is for the next.
+  virtual int walk_sync(Slot &slot, Walk &walk, const Visitor &visit) = 0;
+  // Visits those of a few hundred objects that are there.
+  virtual int visit_sync(Slot &slot, std::span<const Key> keys, const Visitor &visit) = 0;
 
   // Reports the slot's changes from now on; `live` runs in a later turn, once that is so, unless the connection ends before.
   // False for a database whose changes do not reach this process, because it never connected.
