@@ -52,6 +52,25 @@ TEST_F(Audit, FindsWhateverDiffers) {
   EXPECT_TRUE(daemon.of_type(southbound::kDsStart).empty()) << "nothing is repaired that nobody has asked to be";
 }
 
+// More than fits one step of a look, on any side.
+TEST_F(Audit, FindsEveryDifferenceAmongMany) {
+  constexpr std::uint32_t kFlows = 1500, kLost = 300;
+  for (std::uint32_t i = 1; i <= kFlows; ++i) apply(flow_mod(ipv4_flow(i)));
+  flows_ = daemon.flows(true);
+  for (std::uint32_t i = 1; i <= kFlows; ++i) {
+    if (i > kLost) store_flow(i, flows_[i - 1]);
+    store_answer(i);
+  }
+  store_flow(kFlows, flows_[0]);
+  store_flow(kFlows + 1, flows_[0]);
+  EXPECT_EQ(host::of_ss::audit_now(), std::nullopt);
+  const auto found = host::of_ss::audit_now().value();
+  ASSERT_EQ(found.size(), kLost + 2);
+  EXPECT_EQ(found[kLost - 1], "flow 300 is not stored");
+  EXPECT_EQ(found[kLost], "flow 1500 is stored otherwise");
+  EXPECT_EQ(found[kLost + 1], "flow 1501 is stored but not asked for");
+}
+
 // A replay that meets a database that is away again fails in every part, and decides nothing. What a controller waits for fails.
 TEST_F(Audit, WhatFailsForWantOfTheDatabaseStaysAndIsReplayed) {
   fill();

@@ -1,5 +1,6 @@
 """kelimctl's look into the object database: through the daemon's socket, and in the Redis server itself."""
 
+import functools
 import json
 import os
 import signal
@@ -72,7 +73,7 @@ class Database(e2e.Test):
 class DatabaseInRedis(Database):
     """The same in a Redis server: kelimctl needs no daemon for it."""
 
-    start = e2e.Test.system
+    start = functools.partialmethod(e2e.Test.system, mom_scan_batch=7)
 
     def test_a_flow_that_is_only_stored_shows_as_such(self):
         key = self.add(1)
@@ -114,6 +115,10 @@ class DatabaseInRedis(Database):
         self.assertEqual(self.controller.barrier(), [])
         e2e.redis(self.running.socket, "FLUSHALL")
         self.await_that(lambda: self.left() == ([200, 200, 0, 0, 0, 0], 200), "the flows again")
+        lost = sorted(e2e.records(self.running.socket, "flow"))[::2]
+        e2e.redis(self.running.socket, "DEL", *(f"s_policy_kelim.flow:{key}" for key in lost))
+        found = json.loads(self.running.kelimctl("audit", "--json").stdout)["differences"]
+        self.assertEqual(sorted(f"{difference['number']}:0" for difference in found), lost)
         e2e.redis(self.running.socket, "FLUSHALL")
         self.controller.delete_all()
         self.controller.barrier()

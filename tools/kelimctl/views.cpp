@@ -260,18 +260,35 @@ std::string refusals_text(const Json &data, const Look &look) {
   return list_text(data.value("refusals", Json::array()), members, "Nothing was refused.", look);
 }
 
-// Looks at least twice, because a difference must be seen twice, and again while something is under way.
+// Has the process look once, and waits for it; shows on a terminal how far that has come, once it takes long.
+Json one_look(Link &link) {
+  using namespace std::chrono_literals;
+  const auto start = std::chrono::steady_clock::now();
+  Json data = link.view("audit", {{"look", true}});
+  bool shown = false;
+  for (auto pause = 5ms; data.value("looking", false); pause = std::min(2 * pause, 200ms)) {
+    std::this_thread::sleep_for(pause);
+    data = link.view("audit");
+    if (!isatty(STDERR_FILENO) || std::chrono::steady_clock::now() - start < 1s) continue;
+    std::fprintf(stderr, "\rcomparing: %3u %%", data.value("progress", 0U));
+    shown = true;
+  }
+  if (shown) std::fputs("\r               \r", stderr);
+  return data;
+}
+
+// Looks at least twice, because a difference must be seen twice, and again while a request is in flight.
 Json audit_data(Link &link, const ViewOptions &) {
-  Json data = link.view("audit");
+  Json data = one_look(link);
   for (int looks = 1; looks == 1 || (looks < 50 && !data.value("settled", false)); ++looks) {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    data = link.view("audit");
+    data = one_look(link);
   }
   return data;
 }
 
 std::string audit_text(const Json &data, const Look &look) {
-  if (!data.value("settled", false)) return "Something is under way all the time; nothing can be said.\n";
+  if (!data.value("settled", false)) return "Requests are still in flight; try again.\n";
   return list_text(data.value("differences", Json::array()),
                    {{{"WHAT"}, "kind"}, {{"NUMBER", true}, "number"}, {{"DIFFERENCE"}, "what"}},
                    "The database holds what was asked for.", look);

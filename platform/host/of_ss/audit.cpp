@@ -5,9 +5,7 @@
 
 #include <algorithm>
 #include <iterator>
-#include <map>
 #include <nlohmann/json.hpp>
-#include <unordered_map>
 #include <utility>
 
 #include "host/log/log.h"
@@ -23,6 +21,9 @@ using nlohmann::json;
 // However much there is to compare, the pause after a look is at least that many times as long as the look took this thread, but
 // not longer than so many intervals.
 constexpr int kTimesLonger = 1000, kMostIntervals = 10;
+
+// After a step of a look that nobody waits for, the loop is left to others for that many times as long as the step took.
+constexpr int kRest = 4;
 
 std::chrono::nanoseconds processor_time() {
   timespec used{};
@@ -44,97 +45,6 @@ constexpr Wording kWordings[] = {
     {"meter", "is stored but not asked for"},
     {"flow", "is in the target but neither stored nor asked for"},
 };
-
-// What the database holds, of virtual switch 0.
-struct Held {
-  struct Record {
-    std::vector<std::byte> data;
-    bool stored = false;
-    bool good = false;  // a flow that is confirmed, a meter that has not failed
-    bool asked = false;
-  };
-  std::unordered_map<std::uint64_t, Record> flows;
-  std::map<std::uint32_t, Record> meters;
-};
-
-void keep(Held::Record &record, const ProtobufCBinaryData &data) {
-  const auto *at = reinterpret_cast<const std::byte *>(data.data);
-  record.data.assign(at, at + data.len);
-  record.stored = true;
-}
-
-int take_flow(const qx_obj *object, void *held) {
-  const auto *flow = static_cast<const SPolicyKelim__Flow *>(object->value);
-  if (flow && flow->index && flow->index->vsd_id == 0)
-    keep(static_cast<Held *>(held)->flows[flow->index->flow_index], flow->flow_data);
-  return 0;
-}
-
-int take_answer(const qx_obj *object, void *held) {
-  const auto *answer = static_cast<const SPolicyKelim__FlowSta *>(object->value);
-  if (answer && answer->index && answer->index->vsd_id == 0)
-    static_cast<Held *>(held)->flows[answer->index->flow_index].good =
-        answer->status == S_POLICY_KELIM__STATUS_E__STATUS_INSTALLED;
-  return 0;
-}
-
-int take_meter(const qx_obj *object, void *held) {
-  const auto *holder = static_cast<const qx_mom_hash_value *>(object->value);
-  const auto *meter = holder ? reinterpret_cast<const SPolicyKelim__Meter *>(holder->record) : nullptr;
-  if (!meter || !meter->index || meter->index->vsd_id != 0) return 0;
-  Held::Record &record = static_cast<Held *>(held)->meters[meter->index->meter_id];
-  keep(record, meter->meter_data);
-  record.good = meter->status != S_POLICY_KELIM__STATUS_E__STATUS_FAILED;
-  return 0;
-}
-
-bool read_held(qx_global *global, Held &held) {
-  const SPolicyKelim__Flow flow = S_POLICY_KELIM__FLOW__INIT;
-  const SPolicyKelim__FlowSta answer = S_POLICY_KELIM__FLOW_STA__INIT;
-  const SPolicyKelim__Meter meter = S_POLICY_KELIM__METER__INIT;
-  const auto scan = [global, &held](const ProtobufCMessage &type, qx_mom_scan_cb take) {
-    return qx_mom_scan_sync(global, QX_MOM_UDP_DB, &type, 0, take, &held) == 0;
-  };
-  return scan(flow.base, take_flow) && scan(answer.base, take_answer) && scan(meter.base, take_meter);
-}
-
-// What is wrong with one that was asked for, in the order not stored, stored otherwise, not good; and is noted as seen.
-template <typename Records, typename Number>
-void compare_one(Records &records, Number number, Bytes asked, Difference::What first, std::vector<Difference> &found) {
-  const auto at = records.find(number);
-  const bool stored = at != records.end() && at->second.stored;
-  if (!stored)
-    found.push_back({first, number});
-  else if (!std::ranges::equal(at->second.data, asked))
-    found.push_back({static_cast<Difference::What>(first + 1), number});
-  else if (!at->second.good)
-    found.push_back({static_cast<Difference::What>(first + 2), number});
-  if (at != records.end()) at->second.asked = true;
-}
-
-template <typename Records>
-void add_rest(const Records &records, Difference::What what, std::vector<Difference> &found) {
-  for (const auto &[number, record] : records)
-    if (record.stored && !record.asked) found.push_back({what, number});
-}
-
-// The programming service confirms what its target holds, and takes that back when the flow goes.
-void add_left(const Held &held, std::vector<Difference> &found) {
-  for (const auto &[index, record] : held.flows)
-    if (record.good && !record.stored && !record.asked) found.push_back({Difference::flow_left_in_target, index});
-}
-
-void compare_all(const Agent &agent, Held &held, std::vector<Difference> &found) {
-  std::uint32_t cursor = 0;
-  while (const FlowEntry *flow = agent.flows().table().next(cursor))
-    compare_one(held.flows, flow->index(), flow->southbound(), Difference::flow_not_stored, found);
-  for (const auto &[id, meter] : agent.meters().all())
-    compare_one(held.meters, id, meter.message, Difference::meter_not_stored, found);
-  add_rest(held.flows, Difference::flow_not_asked_for, found);
-  add_rest(held.meters, Difference::meter_not_asked_for, found);
-  add_left(held, found);
-  std::ranges::sort(found);
-}
 
 // There is no record to delete. The programming service is asked to look again whether the flow is stored.
 void doubt_flow(qx_global *global, std::uint64_t index) {
@@ -166,38 +76,51 @@ std::string text(const Difference &difference) {
 }
 
 Audit::Audit(qx_global *global, Agent &agent, const Options &options)
-    : global_(global), agent_(agent), options_(options), timer_([this] { repeat(); }) {
+    : global_(global), agent_(agent), options_(options), timer_([this] { turn(); }) {
   if (options.interval.count()) timer_.arm(options.interval);
 }
 
-void Audit::repeat() {
-  const auto begun = processor_time();
-  look();
-  const auto cost = undisturbed_ ? kTimesLonger * (processor_time() - begun) : std::chrono::nanoseconds(0);
-  timer_.arm(std::clamp<clock::Time>(cost, options_.interval, kMostIntervals * options_.interval));
-}
-
-// False when something is under way, or either side cannot be looked at.
-bool Audit::compare(std::vector<Difference> &found) {
-  Held held;
-  bool quiet = false;
-  return read_held(global_, held) && agent_.run([&](Agent &agent) {
-    quiet = agent.flows().ledger().all_decided();
-    if (quiet) compare_all(agent, held, found);
-  }) && quiet;
+void Audit::ask() {
+  hurried_ = true;
+  timer_.arm({});
 }
 
 bool Audit::look() {
-  std::vector<Difference> found, confirmed;
-  const bool before = std::exchange(undisturbed_, compare(found));
-  if (!undisturbed_) return false;
+  do {
+    turn();
+  } while (look_);
+  return settled_;
+}
+
+// One step of a look, and what comes next.
+void Audit::turn() {
+  if (!look_) look_ = std::make_unique<Look>(global_, agent_);
+  const auto begun = std::chrono::steady_clock::now();
+  const auto used = processor_time();
+  const Look::Result result = look_->step();
+  cost_ += processor_time() - used;
+  if (result == Look::Result::unfinished) {
+    timer_.arm(hurried_ ? clock::Time{} : kRest * (std::chrono::steady_clock::now() - begun));
+    return;
+  }
+  end(result == Look::Result::undisturbed);
+  const auto pause = undisturbed_ ? kTimesLonger * cost_ : std::chrono::nanoseconds(0);
+  look_.reset();
+  hurried_ = false;
+  cost_ = {};
+  if (options_.interval.count())
+    timer_.arm(std::clamp<clock::Time>(pause, options_.interval, kMostIntervals * options_.interval));
+}
+
+void Audit::end(bool undisturbed) {
+  settled_ = std::exchange(undisturbed_, undisturbed) && undisturbed;
+  if (!undisturbed) return;
   ++counts_.looks;
   looked_ = clock::now();
-  std::ranges::set_intersection(found, last_, std::back_inserter(confirmed));
-  last_ = std::move(found);
-  if (!before) return false;
-  note(std::move(confirmed));
-  return true;
+  std::vector<Difference> confirmed;
+  std::ranges::set_intersection(look_->found(), last_, std::back_inserter(confirmed));
+  last_ = std::move(look_->found());
+  if (settled_) note(std::move(confirmed));
 }
 
 // A repair that has changed nothing is not tried again.
@@ -217,14 +140,15 @@ void Audit::note(std::vector<Difference> confirmed) {
   agent_.run([this](Agent &agent) { repair(agent, confirmed_); });
 }
 
-json Audit::view() {
-  const bool settled = look();
+json Audit::view() const {
   json list = json::array();
   for (const Difference &difference : confirmed_) {
     const Wording &wording = kWordings[difference.what];
     list.push_back({{"kind", wording.kind}, {"number", difference.number}, {"what", wording.what}});
   }
-  return {{"settled", settled},
+  return {{"looking", look_ != nullptr || hurried_},
+          {"progress", look_ ? look_->progress() : 0},
+          {"settled", settled_},
           {"differences", std::move(list)},
           {"looks", counts_.looks},
           {"found", counts_.found},

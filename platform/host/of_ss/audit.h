@@ -1,39 +1,22 @@
 // Compares what controllers asked for with what the database holds of it: every few seconds, and when an operator asks.
 //
-// A look at a moment when something is under way says nothing. A difference counts when two looks in a row have found it. It is
-// repaired, where that is configured, by a synchronisation: the daemon hears of everything again and forgets the rest. Stored
-// meters that nobody asked for are deleted.
-//
-// Loop's thread; the comparison itself runs on the openflow thread, for which the loop waits.
+// A look (look.h) that ends while a request is in flight says nothing. A difference counts when two looks in a row have found it.
+// It is repaired, where that is configured, by a synchronisation: the daemon hears of everything again and forgets the rest.
+// Stored meters that nobody asked for are deleted. Loop's thread.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <nlohmann/json_fwd.hpp>
 #include <vector>
 
 #include "host/of_ss/agent.h"
+#include "host/of_ss/look.h"
 #include "host/runtime/timer.h"
 #include "qx_runtime.h"
 
 namespace host::of_ss {
-
-struct Difference {
-  enum What : std::uint8_t {
-    flow_not_stored,
-    flow_stored_otherwise,
-    flow_not_confirmed,
-    flow_not_asked_for,
-    meter_not_stored,
-    meter_stored_otherwise,
-    meter_failed,
-    meter_not_asked_for,
-    flow_left_in_target,
-  };
-  What what;
-  std::uint64_t number;  // index of the flow, or number of the meter
-  auto operator<=>(const Difference &) const = default;
-};
 
 class Audit {
  public:
@@ -44,12 +27,14 @@ class Audit {
   // `agent` outlives the audit.
   Audit(qx_global *global, Agent &agent, const Options &options);
 
-  // One look. Whether it and the one before were undisturbed, so that differences() is the truth.
+  // Has a look taken now, as fast as the loop allows; one that is under way is hastened. view() tells when it is at its end.
+  void ask();
+  // The rest of the look, or a whole one, before it returns; for tests. Whether it and the one before were undisturbed, so that
+  // differences() is the truth.
   bool look();
   const std::vector<Difference> &differences() const { return confirmed_; }
-  // A look and what is known after it, for kelimctl.
-  nlohmann::json view();
-  // What is known, without another look.
+  // What is known, in full and in short.
+  nlohmann::json view() const;
   nlohmann::json summary() const;
   struct Counts {
     std::uint64_t looks = 0, found = 0, repairs = 0;  // undisturbed looks; differences, repairs so far
@@ -57,14 +42,18 @@ class Audit {
   const Counts &counts() const { return counts_; }
 
  private:
-  bool compare(std::vector<Difference> &found);
+  void turn();
+  void end(bool undisturbed);
   void note(std::vector<Difference> confirmed);
-  void repeat();
 
   qx_global *global_;
   Agent &agent_;
   const Options options_;
+  std::unique_ptr<Look> look_;                // under way
+  bool hurried_ = false;                      // somebody waits for it, or for its beginning
+  std::chrono::nanoseconds cost_{0};          // processor time of the look so far
   bool undisturbed_ = false;                  // the last look was
+  bool settled_ = false;                      // and so was the one before
   std::vector<Difference> last_, confirmed_;  // ascending
   Counts counts_;
   clock::Time looked_{};  // the last undisturbed look

@@ -360,7 +360,10 @@ int ss_of_init(qx_global *global) {
   const auto running_audit = [] {
     return audit ? audit.get() : throw std::invalid_argument("the OpenFlow service library is not running yet");
   };
-  host::control::register_view("audit", [running_audit](const nlohmann::json &) { return running_audit()->view(); });
+  host::control::register_view("audit", [running_audit](const nlohmann::json &args) {
+    if (args.value("look", false)) running_audit()->ask();
+    return running_audit()->view();
+  });
   host::control::register_status("audit", [running_audit] { return running_audit()->summary(); });
   register_metrics([] { return agent.get(); }, []() -> const Audit * { return audit.get(); });
   register_commands();
