@@ -320,7 +320,7 @@ int qx_mom_pexpire(qx_global *global, int32_t db, const ProtobufCMessage *record
                    qx_mom_done_cb cb, void *) {
   const Call call = resolve(global, db, record, Needs::key_or_all, Link::async);
   if (call.code) return call.code;
-  const auto due = Clock::now() + ms * 1ms + (call.key ? 0 : call.table->objects.size()) * 10us;
+  const auto due = Clock::now() + ms * 1ms + (call.key ? 0 : call.table->objects.size()) * 100us;
   for_each_object(call, [&](const std::string &key, Object &object) {
     forget_expiry(*call.table, key, object);
     object.due = due;

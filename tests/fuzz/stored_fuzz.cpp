@@ -182,7 +182,7 @@ const of_wire::Message kDelete[] = {of_wire::message(kMeterModMsg, 1, be(std::ui
                                     of_wire::flow_mod({.command = fm::kDelete, .table = kTableAll})};
 
 void work(Agent &agent, Controller &controller) {
-  agent.flows().replay();
+  for (agent.flows().begin_replay(); agent.flows().is_replaying();) agent.flows().replay_more();
   agent.meters().replay();
   const FlowTable &table = agent.flows().table();
   const std::uint64_t newest = table.newest_index();

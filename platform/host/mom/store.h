@@ -20,9 +20,9 @@ namespace mom {
 struct Slot;
 struct Database;
 
-// What a whole type's expiry is longer by for each object that it holds, more than it takes to write one anew: who renews a large
-// type object by object is never overtaken by its expiry.
-inline constexpr std::chrono::microseconds kExpiryPerObject(10);
+// What a whole type's expiry is longer by for each object that it holds, several times as long as it takes to write one anew: who
+// renews a large type object by object is never overtaken by its expiry.
+inline constexpr std::chrono::microseconds kExpiryPerObject(100);
 
 // What became of an object.
 enum class Change : uint8_t { created, rewritten, deleted, published };

@@ -406,7 +406,7 @@ bool Agent::may_take(Connection &connection, Bytes message) {
 }
 
 bool Agent::may_hand_over(Session &session) {
-  if (replay_asked_ || bundles_.is_committing()) return false;
+  if (is_to_replay() || bundles_.is_committing()) return false;
   if (session.granted != pace_.granted()) {
     session.granted = pace_.granted();
     session.handed_over = 0;
@@ -423,11 +423,16 @@ void Agent::batch_done(Connection &) {
   turn_done();
 }
 
-// Goes on with what takes several turns, a delete of very many flows or the commit of a bundle, as far as the daemon keeps up;
-// the requests behind it have their turn when it is through.
+// Goes on with what takes several turns, a replay, a delete of very many flows or the commit of a bundle, as far as the daemon
+// keeps up; the requests behind it have their turn when it is through.
 void Agent::work_on() {
   const bool was_busy = is_busy();
-  while (!replay_asked_ && flows_.is_deleting() && pace_.open(flows_.handover().calls(), false)) flows_.delete_more();
+  const auto may = [this] { return pace_.open(flows_.handover().calls(), false); };
+  while (flows_.is_replaying() && may()) {
+    flows_.replay_more();
+    if (!flows_.is_replaying()) end_replay();
+  }
+  while (!is_to_replay() && flows_.is_deleting() && may()) flows_.delete_more();
   bundles_.advance();
   if (!was_busy || is_busy()) return;
   share_used_up_ = true;
@@ -635,17 +640,20 @@ void Agent::synchronise() {
 }
 
 void Agent::replay_when_settled() {
-  if (replay_asked_ && flows_.all_decided() && !bundles_.is_in_transaction()) replay();
+  if (replay_asked_ && !flows_.is_replaying() && flows_.all_decided() && !bundles_.is_in_transaction()) begin_replay();
 }
 
-// One burst, so that the daemon handles it in one go: what it has not heard of again shortly after the start, it forgets. The
-// time until then grows with how many there are of each kind, so the meters, which are few, come first: behind many flows they
-// would be forgotten before they were heard of. And a flow finds the meter that it uses.
-void Agent::replay() {
+// What the daemon has not heard of again some time after the start, it forgets. That time grows with how many there are of each
+// kind, so the meters, which are few, come first: behind many flows they would be forgotten before they were heard of. And a flow
+// finds the meter that it uses. The flows follow as the daemon's loop keeps up (work_on): it has others to serve meanwhile.
+void Agent::begin_replay() {
   replay_asked_ = false;
   flows_.handover().begin_sync();
   meters_.replay();
-  flows_.replay();
+  flows_.begin_replay();
+}
+
+void Agent::end_replay() {
   flows_.handover().end_sync();
   // The daemon may have lost barriers with the database; the answer to this one stands for them.
   flows_.fence(now_ns_);
@@ -698,6 +706,7 @@ void Agent::tick() {
   const bool turned = daemon_turned_->exchange(false);
   if (turned) asked_to_turn_ = false;
   check_deadlines(turned);
+  turn_done();
   ticking_ = any_needs_ticks();
   if (!ticking_) return;
   ask_daemon_to_turn();
@@ -707,6 +716,7 @@ void Agent::tick() {
 void Agent::check_deadlines(bool daemon_turns) {
   flows_.check_deadlines(now_ns_, daemon_turns);
   replay_when_settled();
+  work_on();
   resume_waiting();
 }
 

@@ -157,8 +157,8 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   Monitors &monitors() { return monitors_; }
   // The connection, while it is up; null when it has gone.
   Connection *find(std::uint64_t generation) const;
-  // Whether everything is to be handed to the daemon again, as soon as it has answered for what it has.
-  bool is_to_replay() const { return replay_asked_; }
+  // Whether everything is being handed to the daemon again, or will be as soon as it has answered for what it has.
+  bool is_to_replay() const { return replay_asked_ || flows_.is_replaying(); }
   // Whether a change that takes several turns may hand over more now; if not, it is asked to go on later.
   bool may_work() { return flows_.room() && pace_.open(flows_.handover().calls(), false); }
   Meters &meters() { return meters_; }
@@ -230,7 +230,8 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   void turn_done();
   void take_inbox();
   void replay_when_settled();
-  void replay();
+  void begin_replay();
+  void end_replay();
   struct ReplyRow {
     std::uint16_t type;
     std::size_t min_length;
@@ -243,7 +244,7 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   void take_report(Bytes message);
   bool may_hand_over(Session &session);
   void resume_waiting();
-  bool is_busy() const { return flows_.is_deleting() || bundles_.is_committing(); }
+  bool is_busy() const { return flows_.is_replaying() || flows_.is_deleting() || bundles_.is_committing(); }
   void work_on();
   void take_turns();
   void tick();

@@ -352,10 +352,15 @@ void Flows::fail_users_of_meter(std::uint32_t meter_id) {
     }
 }
 
-void Flows::replay() {
+void Flows::begin_replay() {
   ++counters_.replays;
-  std::uint32_t cursor = 0;
-  while (FlowEntry *flow = table_.next(cursor)) {
+  replayed_ = 0;
+}
+
+void Flows::replay_more() {
+  for (std::size_t n = 0; n < kPiece; ++n) {
+    FlowEntry *flow = table_.next(*replayed_);
+    if (!flow) return replayed_.reset();
     if (flow->displaced) continue;
     handover_.add(*flow);
     ledger_.note();
@@ -659,7 +664,7 @@ void Flows::withdraw_failed(FlowEntry &flow, const Error &error) {
 }
 
 void Flows::check_timeouts(std::int64_t now) {
-  if (transaction_) return;
+  if (transaction_ || is_replaying()) return;
   const auto decided = [](const FlowEntry &flow) { return flow.state == FlowState::installed; };
   const auto timed = flows_in_force({.timed = true}, decided);
   for (FlowEntry *flow : timed) check_timeout(*flow, now);

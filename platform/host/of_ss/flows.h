@@ -120,8 +120,12 @@ class Flows {
   // It has read every counter once more, and told all changes.
   void counted_round() { ++rounds_; }
 
-  // Hands every flow to the daemon again; the caller has begun the synchronisation.
-  void replay();
+  // Hands every flow to the daemon again, a few hundred at each replay_more; the caller has begun the synchronisation, ends it
+  // when the last of them is through, and sees to it that the daemon's loop turns in between. Meanwhile nothing else is carried
+  // out.
+  void begin_replay();
+  bool is_replaying() const { return replayed_.has_value(); }
+  void replay_more();
   // From the callers' clock to Unix time, in nanoseconds: flows are stored with when they were created, so that durations and
   // hard timeouts go on in the next life. To be told again when the time of day may have been set.
   void time_of_day(std::int64_t unix_offset) { unix_offset_ns_ = unix_offset; }
@@ -160,7 +164,9 @@ class Flows {
   bool all_decided() const { return ledger_.all_decided(); }
 
   // Whether another request may be carried out now.
-  bool room() const { return !is_deleting() && ledger_.outstanding() < limits_.window && ledger_.barriers() < limits_.window; }
+  bool room() const {
+    return !is_deleting() && !is_replaying() && ledger_.outstanding() < limits_.window && ledger_.barriers() < limits_.window;
+  }
   // How many flows there is room for; 0 while that is not known.
   std::uint32_t capacity() const { return limits_.capacity ? limits_.capacity : told_capacity_; }
   const FlowTable &table() const { return table_; }
@@ -251,6 +257,7 @@ class Flows {
   FlowTable table_;
   Ledger ledger_;
   std::optional<Deletion> deletion_;
+  std::optional<std::uint32_t> replayed_;  // while replaying: how far, in the table
   std::optional<Transaction> transaction_;
   FlowCounters counters_;
   metrics::Histogram install_times_, barrier_times_;
