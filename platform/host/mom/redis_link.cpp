@@ -426,6 +426,10 @@ void RedisLink::probe() {
   });
 }
 
+bool RedisLink::passes() const {
+  return more_ || std::ranges::any_of(queue_, [](const Formatted &given) { return static_cast<bool>(given.more); });
+}
+
 bool RedisLink::settle(std::chrono::steady_clock::time_point deadline) {
   return writer_.drive([this] { return idle() || !up_; }, deadline) && up_;
 }

@@ -65,6 +65,8 @@ class RedisLink {
   };
   void send(Formatted commands);
 
+  // Whether it goes over all objects of a type, now or behind what was given before: that may take seconds.
+  bool passes() const;
   bool idle() const { return queue_.empty() && writer_.waiting() == 0; }
   // Waits until everything given so far is answered. False when that does not happen in time.
   bool settle(std::chrono::steady_clock::time_point deadline);
@@ -125,8 +127,8 @@ class RedisLink {
   bool writer_ready_ = false;
   ServerInfo server_;
   std::string run_id_;
-  History had_;          // of the last server, at the last look at it
-  MasterSearch search_;  // where there are sentinels
+  History had_;            // of the last server, at the last look at it
+  MasterSearch search_;    // where there are sentinels
   std::string client_id_;  // of the write connection, the present one or the last
   unsigned generation_ = 0;
   std::string last_failure_;

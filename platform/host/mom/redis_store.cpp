@@ -290,11 +290,12 @@ void RedisStore::watch_deletions(Table &table) {
 
 int RedisStore::del(Slot &slot, const Key &key) {
   Table &table = this->table(slot);
-  if (!table.known.contains(key)) {
+  const RedisLink *link = table.base.link.get();
+  // A deletion must not be lost for want of knowing whether the object is there, nor hold up the loop for it: where the server
+  // does not answer in time, or has a type to go over first, it follows the writes.
+  if (!table.known.contains(key) && !(link && link->is_up() && link->passes())) {
     const int rv = del_sync(slot, key);
-    if (rv != -1 || !table.base.link || !table.base.link->is_up()) return rv;
-    // The server does not answer in time. A deletion must not be lost for want of knowing whether the object is there: it follows
-    // the writes.
+    if (rv != -1 || !link || !link->is_up()) return rv;
   }
   table.known.erase(key);
   for (auto *deleted : table.scans) deleted->insert(key);
@@ -348,12 +349,12 @@ int RedisStore::del_expired(Slot &slot, int64_t) {
 
 // ---- synchronous calls
 
-Reply RedisStore::synchronously(Base &base, const std::function<Reply(SyncConnection &)> &ask) {
+Reply RedisStore::synchronously(Base &base, const std::function<Reply(SyncConnection &)> &ask, Sees sees) {
   if (base.sync.resting()) return nullptr;
   const auto deadline = steady_clock::now() + limit_;
   base.sync.set_deadline(deadline);
   RedisLink *link = base.link.get();
-  if (link && link->is_up()) {
+  if (link && link->is_up() && sees == Sees::all_writes) {
     flush(base);
     if (!link->idle() && !link->settle(deadline)) {
       base.sync.note_timeout();
@@ -410,10 +411,11 @@ int RedisStore::get_sync(Slot &slot, const Key &key, std::vector<uint8_t> &packe
 }
 
 // The index's next members, about so many, in no order; the cursor is "0" at the end.
-bool RedisStore::read_some_members(Table &table, std::string &cursor, size_t about, std::vector<Key> &keys) {
-  const Reply reply = synchronously(table.base, [&](SyncConnection &sync) {
+bool RedisStore::read_some_members(Table &table, std::string &cursor, size_t about, std::vector<Key> &keys, Sees sees) {
+  const auto ask = [&](SyncConnection &sync) {
     return sync.call({"SSCAN", table.index, cursor, "COUNT", std::to_string(about)});
-  });
+  };
+  const Reply reply = synchronously(table.base, ask, sees);
   if (!reply || reply->type != REDIS_REPLY_ARRAY || reply->elements != 2) return false;
   cursor = text_of(reply->element[0]);
   for (const redisReply *member : std::span(reply->element[1]->element, reply->element[1]->elements)) {
@@ -438,12 +440,13 @@ bool RedisStore::read_members(Table &table, std::vector<Key> &keys) {
 }
 
 RedisStore::Visited RedisStore::visit_batch(Table &table, std::span<const Key> keys, const std::set<Key> &deleted,
-                                            const Visitor &visit) {
+                                            const Visitor &visit, Sees sees) {
   std::vector<std::string> objects;
   for (const Key &key : keys) objects.push_back(table.slot.type.text(key));
   std::vector<std::string_view> arguments = {"MGET"};
   arguments.insert(arguments.end(), objects.begin(), objects.end());
-  const Reply reply = synchronously(table.base, [&](SyncConnection &sync) { return sync.call(arguments); });
+  const Reply reply = synchronously(
+      table.base, [&](SyncConnection &sync) { return sync.call(arguments); }, sees);
   if (!reply || reply->type != REDIS_REPLY_ARRAY || reply->elements != keys.size()) return Visited::failed;
   for (size_t i = 0; i < keys.size(); ++i) {
     if (reply->element[i]->type == REDIS_REPLY_NIL || deleted.contains(keys[i])) continue;  // gone, or not ours to read
@@ -478,9 +481,10 @@ int RedisStore::visit_sync(Slot &slot, std::span<const Key> keys, const Visitor 
 }
 
 int RedisStore::walk_sync(Slot &slot, Walk &walk, const Visitor &visit) {
+  Table &table = this->table(slot);
   std::vector<Key> keys;
-  if (!read_some_members(table(slot), walk.cursor, scan_batch_, keys)) return -1;
-  if (const int rv = visit_sync(slot, keys, visit)) return rv;
+  if (!read_some_members(table, walk.cursor, scan_batch_, keys, Sees::what_is_there)) return -1;
+  if (!keys.empty() && visit_batch(table, keys, {}, visit, Sees::what_is_there) == Visited::failed) return -1;
   return walk.cursor == "0" ? 0 : 1;
 }
 

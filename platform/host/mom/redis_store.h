@@ -134,14 +134,17 @@ class RedisStore final : public Store {
   void watch_deletions(Table &table);
 
   // Runs `ask` on the synchronous connection after every write given before; null when that is not possible in time.
-  Reply synchronously(Base &base, const std::function<Reply(SyncConnection &)> &ask);
+  // Whether an answer has to know of everything written so far; waiting for that takes as long as there are many writes.
+  enum class Sees { all_writes, what_is_there };
+  Reply synchronously(Base &base, const std::function<Reply(SyncConnection &)> &ask, Sees sees = Sees::all_writes);
   // The number that the server answers, 0 for nil.
   std::optional<size_t> number(Base &base, Arguments question);
   size_t estimated_bytes(Table &table, size_t objects);
-  bool read_some_members(Table &table, std::string &cursor, size_t about, std::vector<Key> &keys);
+  bool read_some_members(Table &table, std::string &cursor, size_t about, std::vector<Key> &keys, Sees sees = Sees::all_writes);
   bool read_members(Table &table, std::vector<Key> &keys);
   enum class Visited { all, ended, failed };
-  Visited visit_batch(Table &table, std::span<const Key> keys, const std::set<Key> &deleted, const Visitor &visit);
+  Visited visit_batch(Table &table, std::span<const Key> keys, const std::set<Key> &deleted, const Visitor &visit,
+                      Sees sees = Sees::all_writes);
 
   void up(Base &base);
   void unsure(Base &base);

@@ -65,7 +65,8 @@ class Store {
     std::string cursor = "0";
   };
   // Visits the next few hundred objects of a walk; 1 while there may be more, 0 at the end. What comes or goes between two calls
-  // is visited or not, and an object may be visited twice. The visitor writes nothing, and so it is for the next.
+  // is visited or not, writes that are on their way may be seen or not, and an object may be visited twice. The visitor writes
+  // nothing, and so it is for the next.
   virtual int walk_sync(Slot &slot, Walk &walk, const Visitor &visit) = 0;
   // Visits those of a few hundred objects that are there.
   virtual int visit_sync(Slot &slot, std::span<const Key> keys, const Visitor &visit) = 0;

@@ -169,7 +169,7 @@ unsigned Look::progress() const {
 bool Look::quiet_run(const std::function<void(Agent &agent)> &work) {
   bool quiet = false;
   return agent_.run([&](Agent &agent) {
-    quiet = agent.flows().ledger().all_decided();
+    quiet = agent.flows().ledger().all_decided() && !agent.is_to_replay();
     if (quiet) work(agent);
   }) && quiet;
 }
@@ -257,7 +257,8 @@ Look::Part Look::check() {
   const auto some = rest.first(std::min(rest.size(), kCheckStep));
   const bool last = some.size() == rest.size();
   Held held;
-  const bool checked = read(some, SPolicyKelim__Flow S_POLICY_KELIM__FLOW__INIT, keep_flow, held) &&
+  // Before the reading as well, which waits for all writes that are on their way.
+  const bool checked = quiet_run([](Agent &) {}) && read(some, SPolicyKelim__Flow S_POLICY_KELIM__FLOW__INIT, keep_flow, held) &&
                        read(some, SPolicyKelim__FlowSta S_POLICY_KELIM__FLOW_STA__INIT, keep_answer, held) &&
                        (!last || read_meters(global_, held)) && quiet_run([&](Agent &agent) {
                          compare_flows(agent, some, held, found_);

@@ -108,7 +108,7 @@ Timer &look_timer() {
   return timer;
 }
 
-// The controllers have been announced again; here those that went while nobody could be told are found.
+// Controllers that are there are announced again; here those that went while nobody could be told are found.
 int look_through_addresses() {
   std::vector<std::uint32_t> stored;
   const int rv = stored_addresses(global_handle, stored);
@@ -125,7 +125,7 @@ int look_through_translations() {
   return withdraw(global_handle, stored);
 }
 
-// After every synchronisation.
+// Before every synchronisation: reading behind the many writes of one would hold up the loop.
 void look_through_stored() {
   if (!agent) return;
   int rv = look_through_addresses();
@@ -140,8 +140,8 @@ void look_through_stored() {
 void fetch_now() {
   fetch_is_due = false;
   if (!agent || !mom::hub() || !mom::hub()->takes_writes()) return;
+  look_through_stored();
   agent->data_fetched();
-  post(look_through_stored);
 }
 
 // After an outage each database gives its signal: one synchronisation serves them all.
