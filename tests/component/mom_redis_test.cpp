@@ -166,6 +166,15 @@ TEST_F(MomRedis, DeletionOfWhatExpiredHasTheServerNoticeIt) {
   EXPECT_EQ(trace(world->scan(Flow(0))), "1:2");
 }
 
+// Whether the object is there, nobody waits to know while the server goes over a whole type; it is deleted all the same.
+TEST_F(MomRedis, ADeletionDoesNotWaitForTheExpiryOfAType) {
+  start();
+  world->fill(3000);
+  world->run("expire flow 60000; del flow:2; del flow:9999");
+  world->settle();
+  world->run("get flow:1; get flow:2 gives -7; del flow:9999 gives -7");
+}
+
 // ---- failures
 
 TEST_F(MomRedis, ServerRestartedEmptyIsAnotherServer) {
