@@ -1,0 +1,28 @@
+// The bands of a meter, from the meter-mod as a meter record holds it (platform/include/southbound.h).
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "programmer/wire.h"
+
+namespace programmer {
+
+enum class BandType : std::uint16_t { kDrop = 1, kRemark = 2 };  // OpenFlow 1.3.5, 7.3.4.4
+
+struct Band {
+  BandType type = BandType::kDrop;
+  std::uint32_t rate = 0;       // kilobits or packets a second
+  std::uint32_t burst = 0;      // kilobits or packets; 0: none was given
+  std::uint8_t precedence = 0;  // of a remark: by how much the drop precedence rises
+};
+
+struct Bands {
+  bool packets = false;     // rates and bursts count packets
+  std::vector<Band> bands;  // the fastest first
+};
+
+// False for bytes that are no meter-mod, or that name a band or a rate which nobody can carry out.
+bool read_bands(Bytes meter_data, Bands &out);
+
+}  // namespace programmer

@@ -1,0 +1,127 @@
+// Which flow a packet meets: a search over the distinct masks of the table. Plain C, the same source in the kernel and in user
+// space.
+//
+// Whoever includes it has defined dp_loop() (parse.h) and, for an opaque struct dp_tables, dp_mask_at(), dp_bucket_at() and
+// dp_flow_at(), which give null for a place that the map does not have.
+#pragma once
+
+#include "parse.h"
+
+typedef __u64 __attribute__((may_alias)) dp_word;  // of a key
+
+DP_INLINE void dp_mask_key(const dp_word *key, const __u64 *mask, __u64 *masked) {
+  for (int i = 0; i < DP_WORDS; ++i) masked[i] = key[i] & mask[i];
+}
+
+// Two chains of multiplications, which a processor works on side by side.
+DP_INLINE __u64 dp_hash(const __u64 *masked, __u32 mask) {
+  __u64 a = mask * 0x9e3779b97f4a7c15ULL + 1;
+  __u64 b = 0x2545f4914f6cdd1dULL;
+  for (int i = 0; i < DP_WORDS; i += 2) {
+    a = (a ^ masked[i]) * 0xff51afd7ed558ccdULL;
+    b = (b ^ masked[i + 1]) * 0xc4ceb9fe1a85ec53ULL;
+    a ^= a >> 32;
+    b ^= b >> 29;
+  }
+  a = (a + (b << 32 | b >> 32)) * 0xd6e8feb86659fd93ULL;
+  return a ^ a >> 32;
+}
+
+DP_INLINE __u32 dp_tag(__u64 hash) {
+  return (__u32)(hash >> 33);
+}
+DP_INLINE __u32 dp_first_bucket(__u64 hash, __u32 bucket_mask) {
+  return (__u32)hash & bucket_mask;
+}
+DP_INLINE __u32 dp_second_bucket(__u64 hash, __u32 bucket_mask) {
+  const __u32 other = (__u32)((hash * 0xff51afd7ed558ccdULL) >> 32) & bucket_mask;
+  return other != dp_first_bucket(hash, bucket_mask) ? other : other ^ 1;
+}
+
+// The entry of the bucket with this tag (there is at most one), or 0; *open: an entry was never used, so nobody went elsewhere.
+// Without a branch, which would double what the verifier has to follow with each entry.
+DP_INLINE __u64 dp_scan(const struct dp_bucket *bucket, __u32 tag, __u64 *open) {
+  __u64 found = 0, unused = 0;
+  for (int i = 0; i < DP_BUCKET; ++i) {
+    const __u64 entry = *(const volatile __u64 *)&bucket->entries[i];
+    found |= entry & (0 - (((entry >> 32 ^ tag) - 1) >> 63));
+    unused |= (entry - 1) >> 63;
+  }
+  *open = unused;
+  return found;
+}
+
+DP_INLINE int dp_is(const struct dp_flow *flow, const __u64 *masked, __u32 mask) {
+  __u64 differs = flow->mask ^ mask;
+  for (int i = 0; i < DP_WORDS; ++i) differs |= flow->key[i] ^ masked[i];
+  return differs == 0;
+}
+
+// The place of the flow in force with this key under the mask, + 1; 0: none.
+DP_INLINE __u32 dp_find(const struct dp_tables *tables, const __u64 *masked, __u32 mask, __u32 bucket_mask) {
+  const __u64 hash = dp_hash(masked, mask);
+  __u64 open = 0;
+  const struct dp_bucket *bucket = dp_bucket_at(tables, dp_first_bucket(hash, bucket_mask));
+  if (!bucket) return 0;
+  __u32 place = (__u32)dp_scan(bucket, dp_tag(hash), &open);
+  if (place) {
+    const struct dp_flow *flow = dp_flow_at(tables, place - 1);
+    if (flow && dp_is(flow, masked, mask)) return place;
+  }
+  if (open) return 0;
+  bucket = dp_bucket_at(tables, dp_second_bucket(hash, bucket_mask));
+  if (!bucket) return 0;
+  place = (__u32)dp_scan(bucket, dp_tag(hash), &open);
+  if (place) {
+    const struct dp_flow *flow = dp_flow_at(tables, place - 1);
+    if (flow && dp_is(flow, masked, mask)) return place;
+  }
+  return 0;
+}
+
+struct dp_search {
+  const struct dp_tables *tables;
+  const dp_word *key;
+  __u64 index;  // of the best flow so far
+  __u32 list;   // first row
+  __u32 bucket_mask;
+  __u32 type;
+  __u32 rank;
+  __u32 place;  // + 1
+};
+
+static long dp_search_step(__u32 i, void *context) {
+  struct dp_search *search = (struct dp_search *)context;
+  const struct dp_mask *mask = dp_mask_at(search->tables, search->list + i);
+  if (!mask) return 1;
+  const __u32 rank = *(const volatile __u32 *)&mask->rank;
+  if (rank == 0) return 1;
+  const __u32 only = *(const volatile __u32 *)&mask->only_type;
+  if (rank >= search->rank && (only == DP_ANY_TYPE || only == search->type)) {
+    __u64 masked[DP_WORDS];
+    dp_mask_key(search->key, mask->words, masked);
+    const __u32 place = dp_find(search->tables, masked, mask->id, search->bucket_mask);
+    const struct dp_flow *flow = place ? dp_flow_at(search->tables, place - 1) : 0;
+    if (flow && (flow->rank > search->rank || (flow->rank == search->rank && flow->index > search->index))) {
+      search->rank = flow->rank;
+      search->index = flow->index;
+      search->place = place;
+    }
+  }
+  const __u32 rest = *(const volatile __u32 *)&mask->rest;
+  return rest == 0 || rest < search->rank;
+}
+
+// The place of the flow that decides, + 1; 0: none matches.
+DP_INLINE __u32 dp_classify(const struct dp_tables *tables, const struct dp_control *control, const struct dp_key *key) {
+  const __u64 current = *(const volatile __u64 *)&control->current;
+  struct dp_search search;
+  __builtin_memset(&search, 0, sizeof search);
+  search.tables = tables;
+  search.key = (const dp_word *)key;
+  search.list = (__u32)(current & 1) * DP_MAX_MASKS;
+  search.bucket_mask = control->bucket_mask;
+  search.type = key->eth_type;
+  dp_loop(DP_MAX_MASKS, dp_search_step, &search);
+  return search.place;
+}

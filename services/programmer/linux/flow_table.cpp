@@ -1,0 +1,310 @@
+#include "programmer/linux/flow_table.h"
+
+#include <algorithm>
+#include <atomic>
+
+namespace programmer::dataplane {
+namespace {
+
+template <typename T>
+void store(T &to, T value) {
+  std::atomic_ref(to).store(value, std::memory_order_release);
+}
+
+__u64 entry_for(std::uint64_t hash, FlowTable::Place place) {
+  return __u64{dp_tag(hash)} << 32 | (place + 1);
+}
+
+}  // namespace
+
+FlowTable::FlowTable(const dp_tables &memory)
+    : memory_(memory), behind_(memory.places, kNone), before_(memory.places), elsewhere_(memory.bucket_count) {
+  memory_.control->bucket_mask = memory.bucket_count - 1;
+  memory_.control->flows = memory.places;
+  masks_.reserve(DP_MAX_MASKS);
+}
+
+FlowTable::Words FlowTable::words_of(const dp_key &key) {
+  Words words;
+  std::memcpy(words.data(), &key, sizeof key);
+  return words;
+}
+
+// Ends a change: what a reader has kept of the table before is out of date.
+void FlowTable::publish() {
+  store<__u64>(memory_.control->current, memory_.control->current + 2);
+}
+
+dp_mask *FlowTable::list(bool in_force) const {
+  const bool second = ((memory_.control->current & 1) != 0) == in_force;
+  return memory_.masks + (second ? DP_MAX_MASKS : 0);
+}
+
+// ---- masks
+
+// The identifier of the mask, which is in the list afterwards; kNone, with the lack, when there is no row for it.
+std::uint32_t FlowTable::mask_of(const Words &words, std::uint32_t type) {
+  if (const auto known = ids_.find(words); known != ids_.end()) return known->second;
+  return append_mask(words, type);
+}
+
+std::uint32_t FlowTable::append_mask(const Words &words, std::uint32_t type) {
+  if (rows_ == DP_MAX_MASKS && !rewrite_list()) {
+    return refuse(list_resting_ || list_retired_ ? Lack::kGrace : Lack::kMasks);
+  }
+  if (free_ids_.empty() && masks_.size() == DP_MAX_MASKS) return refuse(Lack::kGrace);
+  std::uint32_t id = static_cast<std::uint32_t>(masks_.size());
+  if (free_ids_.empty()) {
+    masks_.emplace_back();
+  } else {
+    id = free_ids_.back();
+    free_ids_.pop_back();
+  }
+  masks_[id] = {words, rows_, type, {}};
+  ids_.emplace(words, id);
+  dp_mask &row = list(true)[rows_];
+  std::ranges::copy(words, row.words);
+  row.rest = 0;
+  row.only_type = type;
+  row.id = id;
+  if (rows_ + 1 < DP_MAX_MASKS) store<__u32>(list(true)[rows_ + 1].rank, 0);
+  ++rows_;
+  untidy_ = true;
+  return id;
+}
+
+// A flow of that rank and type comes under the mask: searches must find it as soon as it is published.
+void FlowTable::raise(std::uint32_t id, std::uint32_t rank, std::uint32_t type) {
+  Mask &mask = masks_[id];
+  ++mask.ranks[rank];
+  dp_mask *rows = list(true);
+  dp_mask &row = rows[mask.row];
+  if (type != mask.only_type) {
+    mask.only_type = DP_ANY_TYPE;
+    store<__u32>(row.only_type, DP_ANY_TYPE);
+  }
+  if (row.rank >= rank) return;
+  for (std::uint32_t i = 0; i < mask.row; ++i) {
+    if (rows[i].rest < rank) {
+      store<__u32>(rows[i].rest, rank);
+      untidy_ = untidy_ || rows[i].rank < rank;
+    }
+  }
+  store<__u32>(row.rank, rank);
+}
+
+void FlowTable::lower(std::uint32_t id, std::uint32_t rank) {
+  auto &ranks = masks_[id].ranks;
+  const auto found = ranks.find(rank);
+  if (--found->second != 0) return;
+  ranks.erase(found);
+  untidy_ = true;
+}
+
+// Writes the other list without the masks that have no flow, the highest first, and puts it in force. False when the other list
+// may still be read, or nothing would be gained.
+bool FlowTable::rewrite_list() {
+  if (!untidy_ || list_retired_ || list_resting_) return false;
+  std::vector<std::uint32_t> order;
+  for (const auto &[words, id] : ids_)
+    if (!masks_[id].ranks.empty()) order.push_back(id);
+  const bool gained = order.size() < rows_;
+  const auto highest = [this](std::uint32_t id) { return masks_[id].ranks.rbegin()->first; };
+  std::ranges::sort(order,
+                    [&](std::uint32_t a, std::uint32_t b) { return highest(a) != highest(b) ? highest(a) > highest(b) : a < b; });
+  std::erase_if(ids_, [this](const auto &entry) {
+    if (!masks_[entry.second].ranks.empty()) return false;
+    retired_ids_.push_back(entry.second);
+    return true;
+  });
+  dp_mask *rows = list(false);
+  std::uint32_t rest = 0;
+  for (std::size_t i = order.size(); i-- > 0; rest = rows[i].rank) {
+    Mask &mask = masks_[order[i]];
+    mask.row = static_cast<std::uint32_t>(i);
+    std::ranges::copy(mask.words, rows[i].words);
+    rows[i].rank = highest(order[i]);
+    rows[i].rest = rest;
+    rows[i].only_type = mask.only_type;
+    rows[i].id = order[i];
+  }
+  rows_ = static_cast<std::uint32_t>(order.size());
+  if (rows_ < DP_MAX_MASKS) rows[rows_].rank = 0;
+  store<__u64>(memory_.control->current, (memory_.control->current + 2) ^ 1);
+  list_retired_ = true;
+  untidy_ = false;
+  return gained;
+}
+
+void FlowTable::tidy() {
+  rewrite_list();
+}
+
+// ---- places
+
+FlowTable::Place FlowTable::take_place() {
+  if (!free_.empty()) {
+    const Place place = free_.back();
+    free_.pop_back();
+    return place;
+  }
+  if (unused_ < memory_.places) return unused_++;
+  return refuse(retired_.empty() && resting_.empty() ? Lack::kPlaces : Lack::kGrace);
+}
+
+bool FlowTable::begin_grace() {
+  if (!resting_.empty() || !resting_ids_.empty() || list_resting_) return false;
+  resting_.swap(retired_);
+  resting_ids_.swap(retired_ids_);
+  list_resting_ = std::exchange(list_retired_, false);
+  return !resting_.empty() || !resting_ids_.empty() || list_resting_;
+}
+
+void FlowTable::end_grace() {
+  free_.insert(free_.end(), resting_.begin(), resting_.end());
+  resting_.clear();
+  free_ids_.insert(free_ids_.end(), resting_ids_.begin(), resting_ids_.end());
+  resting_ids_.clear();
+  list_resting_ = false;
+}
+
+Counters FlowTable::count(Place place) const {
+  Counters sum;
+  for (std::uint32_t row = 0; row < memory_.rows; ++row) {
+    dp_count &cell = memory_.counts[std::size_t{row} * memory_.places + place];
+    sum.packets += std::atomic_ref(cell.packets).load(std::memory_order_relaxed);
+    sum.bytes += std::atomic_ref(cell.bytes).load(std::memory_order_relaxed);
+  }
+  return {sum.packets - before_[place].packets, sum.bytes - before_[place].bytes};
+}
+
+// ---- buckets
+
+__u64 *FlowTable::entry_of(std::uint32_t bucket, Place place) const {
+  auto &entries = memory_.buckets[bucket].entries;
+  auto *found = std::ranges::find_if(entries, [place](__u64 e) { return static_cast<std::uint32_t>(e) == place + 1; });
+  return found == std::end(entries) ? nullptr : found;
+}
+
+// Nobody may take the bucket's unused entries for the end of a search any more.
+void FlowTable::keep_closed(std::uint32_t bucket) {
+  for (__u64 &entry : memory_.buckets[bucket].entries)
+    if (entry == 0) store<__u64>(entry, DP_TOMB);
+}
+
+// Publishes a flow whose key nobody has. A bucket holds a tag once, so that one look at a bucket finds at most one flow.
+bool FlowTable::insert(Place place, std::uint64_t hash) {
+  const std::uint32_t mask = memory_.bucket_count - 1;
+  const std::uint32_t home = dp_first_bucket(hash, mask);
+  for (const std::uint32_t bucket : {home, dp_second_bucket(hash, mask)}) {
+    auto &entries = memory_.buckets[bucket].entries;
+    if (std::ranges::any_of(entries, [hash](__u64 e) { return e >> 32 == dp_tag(hash) && e << 32 != 0; })) {
+      continue;
+    }
+    const auto room = std::ranges::find_if(entries, [](__u64 e) { return e == 0 || e == DP_TOMB; });
+    if (room == std::end(entries)) continue;
+    if (bucket != home) {
+      keep_closed(home);
+      ++elsewhere_[home];
+    }
+    store<__u64>(*room, entry_for(hash, place));
+    return true;
+  }
+  return false;
+}
+
+// Publishes the flow at `place` where the one at `old` is.
+void FlowTable::put(std::uint64_t hash, Place old, Place place) {
+  const std::uint32_t mask = memory_.bucket_count - 1;
+  __u64 *at = entry_of(dp_first_bucket(hash, mask), old);
+  if (at == nullptr) at = entry_of(dp_second_bucket(hash, mask), old);
+  store(*at, entry_for(hash, place));
+}
+
+void FlowTable::vacate(std::uint64_t hash, Place place) {
+  const std::uint32_t mask = memory_.bucket_count - 1;
+  const std::uint32_t home = dp_first_bucket(hash, mask);
+  const bool at_home = entry_of(home, place) != nullptr;
+  const std::uint32_t bucket = at_home ? home : dp_second_bucket(hash, mask);
+  store<__u64>(*entry_of(bucket, place), elsewhere_[bucket] != 0 ? DP_TOMB : 0);
+  if (at_home || --elsewhere_[home] != 0) return;
+  for (__u64 &entry : memory_.buckets[home].entries)
+    if (entry == DP_TOMB) store<__u64>(entry, 0);
+}
+
+// ---- flows
+
+bool FlowTable::outranks(Place a, Place b) const {
+  const dp_flow &left = memory_.flows[a], &right = memory_.flows[b];
+  return left.rank != right.rank ? left.rank > right.rank : left.index >= right.index;
+}
+
+// Publishes the flow, or puts it behind those with its key that outrank it.
+bool FlowTable::link(Place place, const Words &masked, std::uint32_t mask) {
+  const std::uint64_t hash = dp_hash(masked.data(), mask);
+  const Place head = dp_find(&memory_, masked.data(), mask, memory_.bucket_count - 1) - 1;
+  behind_[place] = kNone;
+  if (head == kNone) return insert(place, hash);
+  if (outranks(place, head)) {
+    behind_[place] = head;
+    put(hash, head, place);
+    return true;
+  }
+  Place before = head;
+  while (behind_[before] != kNone && !outranks(place, behind_[before])) before = behind_[before];
+  behind_[place] = std::exchange(behind_[before], place);
+  return true;
+}
+
+FlowTable::Place FlowTable::add(const dp_key &key, const dp_key &mask, dp_flow flow) {
+  const Words words = words_of(mask);
+  const std::uint32_t type = mask.eth_type == 0xffff ? key.eth_type : std::uint32_t{DP_ANY_TYPE};
+  const Place place = take_place();
+  if (place == kNone) return kNone;
+  const std::uint32_t id = mask_of(words, type);
+  if (id == kNone) {
+    free_.push_back(place);
+    return kNone;
+  }
+  Words masked;
+  dp_mask_key(words_of(key).data(), words.data(), masked.data());
+  std::ranges::copy(masked, flow.key);
+  flow.mask = id;
+  memory_.flows[place] = flow;
+  before_[place] = {};
+  before_[place] = count(place);
+  raise(id, flow.rank, type);
+  if (!link(place, masked, id)) {
+    lower(id, flow.rank);
+    free_.push_back(place);
+    return refuse(Lack::kBuckets);
+  }
+  publish();
+  ++size_;
+  return place;
+}
+
+void FlowTable::remove(Place place) {
+  const dp_flow &flow = memory_.flows[place];
+  Words masked;
+  std::ranges::copy(flow.key, masked.begin());
+  const std::uint64_t hash = dp_hash(masked.data(), flow.mask);
+  Place before = dp_find(&memory_, masked.data(), flow.mask, memory_.bucket_count - 1) - 1;
+  if (before == place) {
+    const Place next = behind_[place];
+    if (next == kNone) {
+      vacate(hash, place);
+    } else {
+      put(hash, place, next);
+    }
+  } else {
+    while (behind_[before] != place) before = behind_[before];
+    behind_[before] = behind_[place];
+  }
+  lower(flow.mask, flow.rank);
+  publish();
+  retired_.push_back(place);
+  --size_;
+}
+
+}  // namespace programmer::dataplane

@@ -1,0 +1,47 @@
+// The maps as the service sees them: arrays in memory that it shares with the program, or memory of a test's own. Brings what
+// classify.h and parse.h want in user space.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+
+#include "programmer/linux/layout.h"
+
+struct dp_tables {
+  dp_control *control;
+  dp_mask *masks;      // two lists of DP_MAX_MASKS
+  dp_bucket *buckets;  // a power of two, at least 2
+  dp_flow *flows;
+  dp_count *counts;  // `rows` rows of `places`
+  std::uint32_t bucket_count;
+  std::uint32_t places;
+  std::uint32_t rows;  // a processor each
+};
+
+struct dp_packet {
+  const std::uint8_t *bytes;
+  std::uint32_t length;
+};
+
+inline int dp_load(const dp_packet *packet, __u32 offset, void *to, __u32 length) {
+  if (offset > packet->length || length > packet->length - offset) return -1;
+  std::memcpy(to, packet->bytes + offset, length);
+  return 0;
+}
+
+inline void dp_loop(__u32 count, long (*step)(__u32, void *), void *context) {
+  for (__u32 i = 0; i < count && step(i, context) == 0; ++i) {
+  }
+}
+
+inline const dp_mask *dp_mask_at(const dp_tables *tables, __u32 at) {
+  return at < 2 * DP_MAX_MASKS ? &tables->masks[at] : nullptr;
+}
+inline const dp_bucket *dp_bucket_at(const dp_tables *tables, __u32 at) {
+  return at < tables->bucket_count ? &tables->buckets[at] : nullptr;
+}
+inline const dp_flow *dp_flow_at(const dp_tables *tables, __u32 at) {
+  return at < tables->places ? &tables->flows[at] : nullptr;
+}
+
+#include "programmer/linux/classify.h"  // wants all of the above
