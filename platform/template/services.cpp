@@ -102,6 +102,11 @@ int libddm_get_phyid_by_ifx(uint32_t ifx, uint32_t *phyid) {
   return 0;
 }
 
+// The ports of a switch are no interfaces of a machine.
+int libddm_for_each_port(void (*)(void *, uint32_t, const char *), void *) {
+  return 0;
+}
+
 uint32_t lsm_if_get_type(uint32_t) {
   return LSM_IF_TYPE_ETHERNET;
 }

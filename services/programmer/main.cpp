@@ -23,11 +23,10 @@ using programmer::kProcess;
 
 // An option that is not given takes the environment variable that sets the service within the daemon.
 void add_options(CLI::App &app, programmer::Options &options) {
-  static std::string target = "sim";
-  app.add_option("--target", target, "what is programmed")->check(CLI::IsMember({"sim"}))->capture_default_str();
   const auto add = [&app](const char *name, auto &value, const char *variable, const char *help) {
     app.add_option(name, value, help)->envname(variable)->capture_default_str();
   };
+  add("--target", options.target, "KELIM_PROGRAMMER_TARGET", "what is programmed: sim or linux");
   add("--size", options.size, "KELIM_PROGRAMMER_SIZE", "flows that fit");
   add("--delay", options.delay_ms, "KELIM_PROGRAMMER_DELAY_MS", "answers come that many milliseconds later");
   add("--script", options.script, "KELIM_PROGRAMMER_SCRIPT", "exceptions, such as fail=3,17-19;resource=5;delay=7:200;silent=9");
@@ -71,9 +70,12 @@ int serve(const programmer::Options &options) {
       .db_count = std::size(kDatabases),
   };
   rdnd_lib_mom_reg(&registration);
-  const int started = programmer::start_embedded(global, options);
+  std::string why;
+  const int started = programmer::start_embedded(global, options, &why);
   int status = 0;
-  if (started == -1) {
+  if (!why.empty()) {
+    status = fail(why.c_str());
+  } else if (started == -1) {
     status = fail("the database cannot be reached");
   } else if (started != 0) {
     status = fail("the options were refused");

@@ -3,6 +3,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <memory>
+#include <stdexcept>
 
 #include "programmer/chain.h"
 #include "programmer/context.h"
@@ -10,7 +11,7 @@
 #include "programmer/flows.h"
 #include "programmer/script.h"
 #include "programmer/settings.h"
-#include "programmer/sim_target.h"
+#include "programmer/targets.h"
 #include "s_policy_kelim.pb-c.h"
 #include "ssat.h"
 
@@ -18,22 +19,23 @@ namespace programmer {
 namespace {
 
 struct Service {
+  // Throws std::runtime_error where this machine cannot be the target.
   Service(qx_global *global, const Options &options)
       : context{global, qx_zlog_init("programmer"), {}},
         service_chain(options.service_chain),
         flows(context),
-        target(global->master, options, flows),
-        counters(context, flows.table(), target, options.counter_interval_ms),
-        meters(context, target),
-        addresses(context, target),
+        target(make_target(context, options, flows)),
+        counters(context, flows.table(), *target, options.counter_interval_ms),
+        meters(context, *target),
+        addresses(context, *target),
         chain(context) {
-    flows.set_target(target);
+    flows.set_target(*target);
   }
 
   Context context;
   bool service_chain;
   Flows flows;
-  SimTarget target;
+  std::unique_ptr<Target> target;
   CounterReport counters;
   Settings<MeterKind> meters;
   Settings<AddressKind> addresses;
@@ -112,6 +114,7 @@ int show(const std::int64_t * /*args*/, std::uint32_t /*count*/) {
   line("counter records written", now->counters);
   line("flows translated to entries", now->translated);
   for (const auto &[kind, count] : g_service->context.faults) line(("skipped: " + kind).c_str(), count);
+  g_service->target->describe(line);
   return 0;
 }
 
@@ -121,24 +124,35 @@ int list_flows(const std::int64_t * /*args*/, std::uint32_t /*count*/) {
   const FlowTable &table = g_service->flows.table();
   for (std::uint32_t slot = 0; slot < table.slots(); ++slot) {
     const FlowEntry &entry = table[slot];
-    if (entry.state != FlowState::kFree && g_service->target.holds(slot)) std::printf("%" PRIu64 ":%u\n", entry.index, entry.vsd);
+    if (entry.state != FlowState::kFree && g_service->target->holds(slot))
+      std::printf("%" PRIu64 ":%u\n", entry.index, entry.vsd);
   }
   return 0;
 }
 
 }  // namespace
 
-std::string check(const Options &options) {
+std::string check_script(const Options &options) {
   std::string error;
   Script script;
   script.parse(options.script, options.seed, error);
   return error;
 }
 
-int start_embedded(qx_global *global, const Options &options) {
+std::string check(const Options &options) {
+  const std::string error = check_script(options);
+  return error.empty() ? check_target(options) : error;
+}
+
+int start_embedded(qx_global *global, const Options &options, std::string *why) {
   if (global == nullptr || !check(options).empty()) return -4;
   if (g_service != nullptr) return -1;
-  g_service = std::make_unique<Service>(global, options);
+  try {
+    g_service = std::make_unique<Service>(global, options);
+  } catch (const std::runtime_error &missing) {
+    if (why != nullptr) *why = missing.what();
+    return -20;
+  }
   int result = connect(global, kFlowDb, connected<kFlowDb>);
   if (result == 0 && options.service_chain) result = connect(global, kChainDb, connected<kChainDb>);
   if (result == 0 && !g_service->counters.start()) result = -1;
@@ -159,7 +173,7 @@ void stop_embedded() {
 
 std::optional<Totals> totals() {
   if (g_service == nullptr) return std::nullopt;
-  const Target::Usage usage = g_service->target.usage();
+  const Target::Usage usage = g_service->target->usage();
   const Flows &flows = g_service->flows;
   Totals now{.flows = usage.flows,
              .size = usage.size,

@@ -24,8 +24,9 @@ namespace programmer {
 // The process that is nothing but the service, and its runtime.
 inline constexpr char kProcess[] = "kelim-programmer";
 
-// The simulated target and what surrounds it.
+// The target and what surrounds it. Delay, script, seed and counter_rate are the simulated target's.
 struct Options {
+  std::string target = "sim";                // "sim", or "linux": the machine's own interfaces (docs/dataplane.md)
   std::uint32_t size = 4096;                 // flows that fit; one more is refused as out of resources
   std::uint32_t delay_ms = 0;                // answers to flows come that much later; 0: at once
   std::string script;                        // exceptions, see below; empty: none
@@ -54,10 +55,13 @@ struct Options {
 
 // An empty text when a service can be started with `options`, otherwise what is wrong and what is allowed.
 std::string check(const Options &options);
+// The same of the script alone.
+std::string check_script(const Options &options);
 
 // Starts the service on `global`, whose databases this process has connected or will connect itself. 0; -4 for options that
-// check() refuses or a null handle; -1 when it runs already or the first timer cannot be armed.
-int start_embedded(qx_global *global, const Options &options);
+// check() refuses or a null handle; -1 when it runs already or the first timer cannot be armed; -20 when this machine cannot be
+// the target, `why` then says in one line what is missing.
+int start_embedded(qx_global *global, const Options &options, std::string *why = nullptr);
 
 // Ends the service: nothing is answered afterwards. Call it once the loop has ended, before the runtime is released. Repeating
 // it, or calling it without a start, is harmless.

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 
 #include "programmer/wire.h"
 
@@ -68,6 +69,10 @@ class Target {
     std::uint32_t flows = 0, size = 0, meters = 0, addresses = 0, waiting = 0;
   };
   virtual Usage usage() const = 0;
+
+  // What else an operator may want to know, one number at a time.
+  using Tell = std::function<void(const char *what, std::uint64_t number)>;
+  virtual void describe(const Tell &) const {}
 };
 
 }  // namespace programmer

@@ -71,6 +71,7 @@ struct Config {
 
   struct Programmer {
     bool embedded;
+    std::string target;
     std::uint32_t size;
     std::uint32_t delay_ms;
     std::string script;

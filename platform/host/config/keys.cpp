@@ -147,10 +147,13 @@ constexpr Row kRows[] = {
      "Whether peers have to show a certificate of these authorities; false lets anybody program flows."},
 
     {"programmer", "embedded", in<&C::programmer, &C::Programmer::embedded>, "true", kAnything,
-     "Whether the simulated programming service runs in the daemon; unless set, true for the embedded database only. Without "
+     "Whether the programming service runs in the daemon; unless set, true for the embedded database only. Without "
      "effect in "
      "kelim-programmer."},
-    {"programmer", "size", in<&C::programmer, &C::Programmer::size>, "4096", kAnything, "Flows the simulated hardware holds."},
+    {"programmer", "target", in<&C::programmer, &C::Programmer::target>, "sim", words("sim or linux"),
+     "What is programmed: simulated hardware, or the machine's own interfaces, which are then the ports of a switch."},
+    {"programmer", "size", in<&C::programmer, &C::Programmer::size>, "4096", kAnything,
+     "Flows the target holds, of linux 1 to 1000000."},
     {"programmer", "delay_ms", in<&C::programmer, &C::Programmer::delay_ms>, "0", between(0, 600'000),
      "Delay of the simulated answers."},
     {"programmer", "script", in<&C::programmer, &C::Programmer::script>, "", kAnything,

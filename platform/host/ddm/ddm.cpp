@@ -205,6 +205,12 @@ int libddm_get_phyid_by_ifx(uint32_t ifx, uint32_t *phyid) {
   return 0;
 }
 
+int libddm_for_each_port(void (*visit)(void *arg, uint32_t ifx, const char *name), void *arg) {
+  if (host::config().ports.empty()) return 0;
+  for (const auto &port : *host::ddm::ports()) visit(arg, port.ifx, port.name.c_str());
+  return 0;
+}
+
 uint32_t lsm_if_get_type(uint32_t ifx) {
   const auto ports = host::ddm::ports();
   const auto *port = host::ddm::find(*ports, ifx);

@@ -69,6 +69,7 @@ std::string start(const Config &config, qx_global *global) {
   const Config::Programmer &key = config.programmer;
   if (!key.embedded) return "";
   programmer::Options options;
+  options.target = key.target;
   options.size = key.size;
   options.delay_ms = key.delay_ms;
   options.script = key.script;
@@ -76,11 +77,15 @@ std::string start(const Config &config, qx_global *global) {
   options.counter_interval_ms = key.counter_interval_ms;
   options.counter_rate = key.counter_rate;
   options.service_chain = key.service_chain;
-  if (const std::string error = programmer::check(options); !error.empty()) {
+  if (const std::string error = programmer::check_script(options); !error.empty()) {
     return "programmer.script (KELIM_PROGRAMMER_SCRIPT): " + error;
   }
-  if (const int rv = programmer::start_embedded(global, options); rv != 0) {
-    return "the programming service does not start (" + std::to_string(rv) + ")";
+  if (const std::string error = programmer::check(options); !error.empty()) {
+    return "programmer.size (KELIM_PROGRAMMER_SIZE): " + error;
+  }
+  std::string why;
+  if (const int rv = programmer::start_embedded(global, options, &why); rv != 0) {
+    return why.empty() ? "the programming service does not start (" + std::to_string(rv) + ")" : why;
   }
   at_finish(programmer::stop_embedded);
   return "";

@@ -91,8 +91,9 @@ static long dp_ext_step(__u32 i, void *context) {
   dp_note_ext(walk, bit, dp_ext_order(type, walk->order));
   walk->next = header[0];
   walk->at += type == DP_AUTH ? (header[1] + 2u) * 4 : type == DP_FRAGMENT ? 8u : (header[1] + 1u) * 8;
-  if (type == DP_FRAGMENT && (dp_be16(header + 2) & 0xfff8) != 0) walk->cut = 1;
-  return walk->cut;
+  if (type != DP_FRAGMENT || (dp_be16(header + 2) & 0xfff8) == 0) return 0;
+  walk->cut = 1;
+  return 1;
 }
 
 // ---- the layers

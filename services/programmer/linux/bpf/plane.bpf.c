@@ -1,0 +1,235 @@
+// The program on the ingress of every port: finds the flow of a packet, counts it, and does what the flow says.
+//
+// It reads what the service has laid into the maps (layout.h) and never waits for anything.
+#include <linux/bpf.h>
+#include <linux/pkt_cls.h>
+
+#include <bpf/bpf_endian.h>
+#include <bpf/bpf_helpers.h>
+
+#include "../layout.h"
+
+// ---- what the shared sources want
+
+typedef struct __sk_buff dp_packet;
+#define dp_load(packet, offset, to, length) bpf_skb_load_bytes(packet, offset, to, length)
+#define dp_loop(count, step, context) bpf_loop(count, step, context, 0)
+
+struct dp_tables;  // the maps: there is one of each, so nobody asks which
+
+// The sizes are set when the program is loaded.
+#define PLANE_MAP(map_name, kind, entries, of) \
+  struct {                                     \
+    __uint(type, kind);                        \
+    __uint(max_entries, entries);              \
+    __uint(map_flags, BPF_F_MMAPABLE);         \
+    __type(key, __u32);                        \
+    __type(value, of);                         \
+  } map_name SEC(".maps")
+
+PLANE_MAP(control, BPF_MAP_TYPE_ARRAY, 1, struct dp_control);
+PLANE_MAP(masks, BPF_MAP_TYPE_ARRAY, 2 * DP_MAX_MASKS, struct dp_mask);
+PLANE_MAP(buckets, BPF_MAP_TYPE_ARRAY, 2, struct dp_bucket);
+PLANE_MAP(flows, BPF_MAP_TYPE_ARRAY, 1, struct dp_flow);
+PLANE_MAP(counts, BPF_MAP_TYPE_ARRAY, 1, struct dp_count);
+PLANE_MAP(meters, BPF_MAP_TYPE_ARRAY, DP_MAX_METERS, struct dp_meter);
+PLANE_MAP(ports, BPF_MAP_TYPE_ARRAY, DP_MAX_PORTS, struct dp_port);
+PLANE_MAP(tallies, BPF_MAP_TYPE_ARRAY, 1, struct dp_tally);
+
+struct {
+  __uint(type, BPF_MAP_TYPE_HASH);
+  __uint(max_entries, DP_MAX_PORTS);
+  __type(key, __u32);    // interface index
+  __type(value, __u32);  // place among the ports
+} port_of SEC(".maps");
+
+#define PLANE_AT(name, map, of)                                                            \
+  static __always_inline const struct of *name(const struct dp_tables *tables, __u32 at) { \
+    (void)tables;                                                                          \
+    return bpf_map_lookup_elem(&map, &at);                                                 \
+  }
+PLANE_AT(dp_mask_at, masks, dp_mask)
+PLANE_AT(dp_bucket_at, buckets, dp_bucket)
+PLANE_AT(dp_flow_at, flows, dp_flow)
+
+#include "../classify.h"
+#include "../meter.h"
+
+// ---- a packet on its way
+
+struct way {
+  struct __sk_buff *skb;
+  const struct dp_flow *flow;
+  struct dp_tally *tally;
+  __u32 ingress;  // interface index
+  __u32 l3;       // 0: no IP header
+  __u32 packets;  // that it counts as
+  __u32 bytes;
+  __u16 type;  // of the frame
+};
+
+// What the frame, or each segment that the kernel will make of it, counts as. A tag is part of the frame wherever the kernel
+// keeps it.
+static __always_inline void weigh(struct way *way, const struct dp_key *key, __u32 l4) {
+  struct __sk_buff *skb = way->skb;
+  __u32 header = 8;
+  __u8 offset = 0;
+  way->packets = 1;
+  way->bytes = skb->len + (skb->vlan_present ? 4 : 0);
+  if (skb->gso_segs < 2 || l4 == 0) return;
+  if (key->proto == DP_TCP && bpf_skb_load_bytes(skb, l4 + 12, &offset, 1) == 0) header = (offset >> 4) * 4;
+  way->packets = skb->gso_segs;
+  way->bytes += (skb->gso_segs - 1) * (l4 + header + (skb->vlan_present ? 4 : 0));
+}
+
+static __always_inline void count(__u32 place, const struct dp_control *table, const struct way *way) {
+  __u32 at = bpf_get_smp_processor_id() * table->flows + place;
+  struct dp_count *cell = bpf_map_lookup_elem(&counts, &at);
+  if (!cell) return;
+  cell->packets += way->packets;
+  cell->bytes += way->bytes;
+}
+
+// ---- rewrites
+
+static __always_inline int set_dscp(struct way *way, __u8 dscp) {
+  struct __sk_buff *skb = way->skb;
+  __u8 bytes[2];
+  if (way->l3 == 0 || bpf_skb_load_bytes(skb, way->l3, bytes, sizeof bytes) != 0) return -1;
+  const __u16 before = bytes[0] << 8 | bytes[1];
+  if (way->type == DP_TYPE_IPV6) {
+    const __u16 after = (before & 0xf03f) | dscp << 6;
+    bytes[0] = after >> 8;
+    bytes[1] = (__u8)after;
+    return bpf_skb_store_bytes(skb, way->l3, bytes, sizeof bytes, BPF_F_RECOMPUTE_CSUM);
+  }
+  const __u16 after = (before & 0xff03) | dscp << 2;
+  bytes[1] = (__u8)after;
+  if (bpf_l3_csum_replace(skb, way->l3 + 10, bpf_htons(before), bpf_htons(after), 2) != 0) return -1;
+  return bpf_skb_store_bytes(skb, way->l3 + 1, &bytes[1], 1, 0);
+}
+
+// The tag that the kernel keeps beside the frame; it takes a tag out of the frame before the program sees it.
+static __always_inline int set_vlan(struct way *way, __u16 value, __u16 mask) {
+  struct __sk_buff *skb = way->skb;
+  if (!skb->vlan_present) return -1;
+  const __u16 proto = skb->vlan_proto;
+  const __u16 tag = (skb->vlan_tci & ~mask) | value;
+  if (tag == (__u16)skb->vlan_tci) return 0;
+  if (bpf_skb_vlan_pop(skb) != 0) return -1;
+  return bpf_skb_vlan_push(skb, proto, tag);
+}
+
+static __always_inline int rewrite(struct way *way) {
+  const struct dp_actions *actions = &way->flow->actions;
+  const __u8 sets = actions->sets;
+  __u8 address[6];
+  int failed = 0;
+  if (sets & DP_SET_QUEUE) way->skb->priority = 1 << 16 | actions->queue;
+  if (sets & DP_SET_DSCP) failed |= set_dscp(way, actions->dscp);
+  if (sets & DP_SET_DST) {
+    __builtin_memcpy(address, actions->eth_dst, sizeof address);
+    failed |= bpf_skb_store_bytes(way->skb, 0, address, sizeof address, 0);
+  }
+  if (sets & DP_SET_SRC) {
+    __builtin_memcpy(address, actions->eth_src, sizeof address);
+    failed |= bpf_skb_store_bytes(way->skb, 6, address, sizeof address, 0);
+  }
+  if (sets & DP_SET_VLAN) failed |= set_vlan(way, actions->vlan, actions->vlan_mask);
+  return failed;
+}
+
+// ---- meters
+
+// Whether the packet goes on.
+static __always_inline int pass_meter(struct way *way) {
+  if (way->flow->actions.meter == 0) return 1;
+  __u32 at = way->flow->actions.meter - 1;
+  struct dp_meter *meter = bpf_map_lookup_elem(&meters, &at);
+  if (!meter) return 1;
+  const struct dp_verdict verdict = dp_meter_packet(meter, bpf_ktime_get_ns(), way->packets, way->bytes);
+  if (verdict.type == DP_BAND_DROP) return 0;
+  if (verdict.type == DP_BAND_REMARK && way->l3 != 0) {
+    __u8 bytes[2];
+    if (bpf_skb_load_bytes(way->skb, way->l3, bytes, sizeof bytes) != 0) return 1;
+    const __u8 dscp = way->type == DP_TYPE_IPV6 ? ((bytes[0] << 8 | bytes[1]) >> 6) & 0x3f : bytes[1] >> 2;
+    set_dscp(way, dp_remark(dscp, verdict.precedence));
+  }
+  return 1;
+}
+
+// ---- output
+
+static long clone_to(__u32 i, void *context) {
+  struct way *way = context;
+  const struct dp_port *port = bpf_map_lookup_elem(&ports, &i);
+  if (!port || port->number == 0) return 1;
+  if (port->ifindex != 0 && port->ifindex != way->ingress) bpf_clone_redirect(way->skb, port->ifindex, 0);
+  return 0;
+}
+
+static __always_inline int to_port(struct way *way) {
+  __u32 at = way->flow->actions.port;
+  const struct dp_port *port = bpf_map_lookup_elem(&ports, &at);
+  if (port && port->ifindex != 0 && port->ifindex != way->ingress) return bpf_redirect(port->ifindex, 0);
+  ++way->tally->no_port;
+  return TC_ACT_SHOT;
+}
+
+static __always_inline int output(struct way *way) {
+  switch (way->flow->actions.output) {
+    case DP_PORT:
+      return to_port(way);
+    case DP_IN_PORT:
+      return bpf_redirect(way->ingress, 0);
+    case DP_NORMAL:
+      return TC_ACT_UNSPEC;
+    case DP_ALL:
+      bpf_loop(DP_MAX_PORTS, clone_to, way, 0);
+      return TC_ACT_SHOT;
+    default:
+      return TC_ACT_SHOT;
+  }
+}
+
+// ---- the whole
+
+SEC("tc")
+int kelim_plane(struct __sk_buff *skb) {
+  __u32 zero = 0;
+  __u32 processor = bpf_get_smp_processor_id();
+  __u32 ingress = skb->ifindex;
+  const struct dp_control *table = bpf_map_lookup_elem(&control, &zero);
+  struct dp_tally *tally = bpf_map_lookup_elem(&tallies, &processor);
+  const __u32 *port_place = bpf_map_lookup_elem(&port_of, &ingress);
+  if (!table || !tally || !port_place) return TC_ACT_UNSPEC;
+  __u32 port_at = *port_place;
+  const struct dp_port *port = bpf_map_lookup_elem(&ports, &port_at);
+  if (!port) return TC_ACT_UNSPEC;
+
+  struct dp_key key;
+  struct dp_headers headers;
+  const __u16 tag = skb->vlan_present ? (skb->vlan_tci & ~DP_VLAN_PRESENT) | DP_VLAN_PRESENT : 0;
+  dp_parse(skb, port->number, tag, &key, &headers);
+  ++tally->looked_up;
+  const __u32 place = dp_classify(0, table, &key);
+  if (place == 0) return TC_ACT_SHOT;
+  ++tally->matched;
+
+  struct way way = {.skb = skb, .tally = tally, .ingress = ingress, .l3 = headers.l3, .type = key.eth_type};
+  way.flow = dp_flow_at(0, place - 1);
+  if (!way.flow) return TC_ACT_SHOT;
+  weigh(&way, &key, headers.l4);
+  count(place - 1, table, &way);
+  if (!pass_meter(&way)) {
+    ++tally->metered;
+    return TC_ACT_SHOT;
+  }
+  if (way.flow->actions.sets != 0 && rewrite(&way) != 0) {
+    ++tally->not_rewritten;
+    return TC_ACT_SHOT;
+  }
+  return output(&way);
+}
+
+char plane_license[] SEC("license") = "Dual BSD/GPL";

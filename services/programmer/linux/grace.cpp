@@ -1,0 +1,59 @@
+#include "programmer/linux/grace.h"
+
+#include <linux/membarrier.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace programmer::dataplane {
+namespace {
+
+long membarrier(int command) {
+  return syscall(__NR_membarrier, command, 0, 0);
+}
+
+}  // namespace
+
+bool Grace::possible() {
+  const long commands = membarrier(MEMBARRIER_CMD_QUERY);
+  return commands > 0 && (commands & MEMBARRIER_CMD_GLOBAL) != 0;
+}
+
+Grace::Grace() : thread_(&Grace::run, this) {}
+
+Grace::~Grace() {
+  {
+    const std::lock_guard lock(mutex_);
+    end_ = true;
+  }
+  changed_.notify_all();
+  thread_.join();
+}
+
+void Grace::begin() {
+  {
+    const std::lock_guard lock(mutex_);
+    under_way_ = true;
+  }
+  changed_.notify_all();
+}
+
+void Grace::wait() {
+  std::unique_lock lock(mutex_);
+  changed_.wait(lock, [this] { return over(); });
+}
+
+// The global command waits, in the kernel, for every reader of that moment, programs on packets among them.
+void Grace::run() {
+  std::unique_lock lock(mutex_);
+  while (true) {
+    changed_.wait(lock, [this] { return end_ || !over(); });
+    if (end_) return;
+    lock.unlock();
+    membarrier(MEMBARRIER_CMD_GLOBAL);
+    lock.lock();
+    under_way_ = false;
+    changed_.notify_all();
+  }
+}
+
+}  // namespace programmer::dataplane

@@ -1,0 +1,79 @@
+// The target that forwards: flows and meters in the tables of a program on the ingress of the machine's own interfaces.
+//
+// Threads: the loop's.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "programmer/context.h"
+#include "programmer/entry.h"
+#include "programmer/linux/flow_table.h"
+#include "programmer/linux/grace.h"
+#include "programmer/linux/meters.h"
+#include "programmer/linux/plane.h"
+#include "programmer/linux/ports.h"
+#include "programmer/target.h"
+#include "programmer/timer.h"
+
+namespace programmer::dataplane {
+
+class LinuxTarget final : public Target {
+ public:
+  // Null when this machine cannot: `why` is one line that names what is missing. `flows` is 1 to Plane::kMaxFlows; `context` and
+  // `sink` live as long as the target.
+  static std::unique_ptr<Target> open(const Context &context, std::uint32_t flows, std::vector<PortName> ports, FlowSink &sink,
+                                      std::string &why);
+
+  void install_flow(const FlowRequest &request, Bytes record) override;
+  void remove_flow(std::uint32_t slot) override;
+  bool holds(std::uint32_t slot) const override { return slot < cells_.size() && !cells_[slot].places.empty(); }
+  Outcome install_meter(std::uint32_t id, Bytes meter_data) override;
+  void remove_meter(std::uint32_t id) override { meters_.remove(id); }
+  void set_controller_address(std::uint32_t ip, bool present) override;
+  bool counts() const override { return true; }
+  void begin_reading() override {}
+  void read_counters(std::uint32_t slot, Counters &sums) override;
+  Usage usage() const override;
+  void describe(const Tell &tell) const override;
+
+ private:
+  // What a slot has in the plane: an entry of the table for each entry of the flow.
+  struct Cell {
+    std::vector<FlowTable::Place> places;
+    std::uint32_t meter = 0;
+    Counters before;       // what had been counted before these places, here and in earlier lives
+    bool resumed = false;  // whether earlier lives are in it
+  };
+
+  LinuxTarget(const Context &context, std::uint32_t flows, FlowSink &sink, std::unique_ptr<Plane> plane,
+              std::unique_ptr<Ports> ports);
+  Outcome program(const FlowRequest &request, Bytes record, Cell &cell);
+  Outcome add(const Entry &entry, dp_flow flow, Cell &cell);
+  const char *set_output(const Actions &from, dp_actions &to) const;
+  Outcome refuse(const char *why, Outcome outcome);
+  void clear(Cell &cell);
+  Counters total(const Cell &cell) const;
+  void breathe();
+  void tidy();
+
+  const Context &context_;
+  FlowSink &sink_;
+  std::uint32_t size_;
+  std::uint32_t used_ = 0;
+  std::unique_ptr<Plane> plane_;
+  std::unique_ptr<Ports> ports_;
+  FlowTable table_;
+  Meters meters_;
+  Grace grace_;
+  bool resting_ = false;  // the table waits for the grace period that is under way, or over
+  std::vector<Cell> cells_;
+  FlowProgram program_;  // kept for its memory
+  std::map<std::string, std::uint64_t> refused_;
+  std::vector<std::uint32_t> addresses_;
+  Timer timer_;
+};
+
+}  // namespace programmer::dataplane

@@ -1,0 +1,170 @@
+#include "programmer/linux/plane.h"
+
+#include <bpf/bpf.h>
+#include <bpf/libbpf.h>
+#include <errno.h>
+#include <linux/capability.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <bit>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <utility>
+
+extern "C" {
+extern const unsigned char kelim_plane_object[], kelim_plane_object_end[];  // object.c
+}
+
+namespace programmer::dataplane {
+namespace {
+
+// What libbpf said last, for the one line; it would go to standard error.
+thread_local std::string g_complaint;
+
+int note(libbpf_print_level level, const char *format, va_list arguments) {
+  if (level != LIBBPF_WARN) return 0;
+  char line[256];
+  const int length = std::vsnprintf(line, sizeof line, format, arguments);
+  g_complaint.assign(line, static_cast<std::size_t>(std::clamp<int>(length, 0, sizeof line - 1)));
+  while (g_complaint.ends_with('\n')) g_complaint.pop_back();
+  return 0;
+}
+
+// ---- what the machine has to have
+
+struct Capability {
+  unsigned number;
+  const char *name;
+};
+constexpr Capability kCapabilities[] = {{CAP_NET_ADMIN, "CAP_NET_ADMIN"}, {CAP_BPF, "CAP_BPF"}, {CAP_PERFMON, "CAP_PERFMON"}};
+
+std::uint64_t effective_capabilities() {
+  std::ifstream status("/proc/self/status");
+  for (std::string word; status >> word;) {
+    std::uint64_t set = 0;
+    if (word == "CapEff:" && status >> std::hex >> set) return set;
+  }
+  return 0;
+}
+
+std::string missing_capabilities() {
+  const std::uint64_t held = effective_capabilities();
+  const auto has = [held](unsigned number) { return (held >> number & 1) != 0; };
+  std::string missing;
+  for (const Capability &wanted : kCapabilities) {
+    const bool implied = wanted.number != CAP_NET_ADMIN && has(CAP_SYS_ADMIN);
+    if (!has(wanted.number) && !implied) missing += (missing.empty() ? "" : ", ") + std::string(wanted.name);
+  }
+  return missing;
+}
+
+bool machine_can(std::string &why) {
+  if (const std::string missing = missing_capabilities(); !missing.empty()) {
+    why = "the process lacks " + missing;
+  } else if (const int rv = libbpf_probe_bpf_prog_type(BPF_PROG_TYPE_SCHED_CLS, nullptr); rv != 1) {
+    why = "the kernel takes no tc programs (CONFIG_BPF_SYSCALL, CONFIG_NET_CLS_BPF)";
+  } else if (libbpf_probe_bpf_helper(BPF_PROG_TYPE_SCHED_CLS, BPF_FUNC_loop, nullptr) != 1) {
+    why = "the kernel has no bpf_loop (Linux 5.17 or later)";
+  }
+  return why.empty();
+}
+
+struct Size {
+  const char *map;
+  std::uint32_t entries;
+};
+
+bool fail(std::string &why, const std::string &what, int error) {
+  why = what + ": " + std::string(g_complaint.empty() ? std::strerror(error) : g_complaint);
+  return false;
+}
+
+}  // namespace
+
+void Plane::Free::operator()(bpf_object *object) const {
+  bpf_object__close(object);
+}
+
+std::unique_ptr<Plane> Plane::load(std::uint32_t flows, std::string &why) {
+  libbpf_set_print(note);
+  g_complaint.clear();
+  if (!machine_can(why)) return nullptr;
+  std::unique_ptr<Plane> plane(new Plane);
+  plane->object_.reset(
+      bpf_object__open_mem(kelim_plane_object, static_cast<std::size_t>(kelim_plane_object_end - kelim_plane_object), nullptr));
+  const int processors = libbpf_num_possible_cpus();
+  if (!plane->object_ || processors < 1) return fail(why, "the program of the data plane cannot be read", errno), nullptr;
+  dp_tables &tables = plane->tables_;
+  // What has left the table waits for a grace period, beside a table that is full.
+  tables.places = flows + flows / 8 + 1024;
+  tables.bucket_count = std::max(2U, std::bit_ceil(flows / 2));
+  tables.rows = static_cast<std::uint32_t>(processors);
+  const Size sizes[] = {{"buckets", tables.bucket_count},
+                        {"flows", tables.places},
+                        {"counts", tables.places * tables.rows},
+                        {"tallies", tables.rows}};
+  for (const Size &size : sizes)
+    bpf_map__set_max_entries(bpf_object__find_map_by_name(plane->object_.get(), size.map), size.entries);
+  if (const int rv = bpf_object__load(plane->object_.get()); rv != 0) {
+    return fail(why, "the kernel refuses the program of the data plane", -rv), nullptr;
+  }
+  return plane->map_all(why) ? std::move(plane) : nullptr;
+}
+
+template <typename T>
+bool Plane::map(const char *name, T *&memory, std::string &why) {
+  const bpf_map *map = bpf_object__find_map_by_name(object_.get(), name);
+  if (map == nullptr || bpf_map__value_size(map) != sizeof(T))
+    return fail(why, std::string("the map ") + name + " is another one", EINVAL);
+  const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  const std::size_t bytes = (bpf_map__max_entries(map) * sizeof(T) + page - 1) / page * page;
+  void *at = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, bpf_map__fd(map), 0);
+  if (at == MAP_FAILED) return fail(why, std::string("the map ") + name + " cannot be shared", errno);
+  memory = static_cast<T *>(at);
+  mappings_.push_back({at, bytes});
+  return true;
+}
+
+bool Plane::map_all(std::string &why) {
+  g_complaint.clear();
+  const bpf_program *program = bpf_object__find_program_by_name(object_.get(), "kelim_plane");
+  const bpf_map *port_of = bpf_object__find_map_by_name(object_.get(), "port_of");
+  if (program == nullptr || port_of == nullptr) return fail(why, "the program of the data plane is another one", EINVAL);
+  program_ = bpf_program__fd(program);
+  port_of_ = bpf_map__fd(port_of);
+  const bool mapped = map("control", tables_.control, why) && map("masks", tables_.masks, why) &&
+                      map("buckets", tables_.buckets, why) && map("flows", tables_.flows, why) &&
+                      map("counts", tables_.counts, why) && map("meters", meters_, why) && map("ports", ports_, why) &&
+                      map("tallies", tallies_, why);
+  if (mapped) tables_.control->version = DP_LAYOUT_VERSION;
+  return mapped;
+}
+
+Plane::~Plane() {
+  for (const auto &[at, bytes] : mappings_) munmap(at, bytes);
+}
+
+dp_tally Plane::tally() const {
+  dp_tally sum{};
+  for (const dp_tally *tally = tallies_; tally != tallies_ + tables_.rows; ++tally) {
+    sum.looked_up += tally->looked_up;
+    sum.matched += tally->matched;
+    sum.metered += tally->metered;
+    sum.no_port += tally->no_port;
+    sum.not_rewritten += tally->not_rewritten;
+  }
+  return sum;
+}
+
+bool Plane::set_port(std::uint32_t interface, std::uint32_t place) {
+  return bpf_map_update_elem(port_of_, &interface, &place, BPF_ANY) == 0;
+}
+
+void Plane::forget_port(std::uint32_t interface) {
+  bpf_map_delete_elem(port_of_, &interface);
+}
+
+}  // namespace programmer::dataplane

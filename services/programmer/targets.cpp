@@ -1,0 +1,54 @@
+#include "programmer/targets.h"
+
+#include <stdexcept>
+
+#include "programmer/sim_target.h"
+#ifdef KELIM_LINUX_TARGET
+#include "libddm.h"
+#include "programmer/linux/linux_target.h"
+#endif
+
+namespace programmer {
+namespace {
+
+constexpr std::uint32_t kLinuxFlows = 1'000'000;
+
+#ifdef KELIM_LINUX_TARGET
+static_assert(kLinuxFlows == dataplane::Plane::kMaxFlows);
+
+std::unique_ptr<Target> make_linux(const Context &context, const Options &options, FlowSink &sink, std::string &why) {
+  std::vector<dataplane::PortName> ports;
+  const auto add = [](void *list, std::uint32_t ifx, const char *name) {
+    static_cast<std::vector<dataplane::PortName> *>(list)->push_back({ifx, name});
+  };
+  libddm_for_each_port(add, &ports);
+  return dataplane::LinuxTarget::open(context, options.size, std::move(ports), sink, why);
+}
+#else
+std::unique_ptr<Target> make_linux(const Context &, const Options &, FlowSink &, std::string &why) {
+  why = "this build is without it: clang or libbpf was missing when it was configured";
+  return nullptr;
+}
+#endif
+
+}  // namespace
+
+std::string check_target(const Options &options) {
+  if (options.target != "sim" && options.target != "linux") {
+    return "\"" + options.target + "\" is no target; allowed are sim and linux";
+  }
+  if (options.target == "linux" && (options.size == 0 || options.size > kLinuxFlows)) {
+    return "the target linux holds 1 to " + std::to_string(kLinuxFlows) + " flows, not " + std::to_string(options.size);
+  }
+  return "";
+}
+
+std::unique_ptr<Target> make_target(const Context &context, const Options &options, FlowSink &sink) {
+  if (options.target != "linux") return std::make_unique<SimTarget>(context.global->master, options, sink);
+  std::string why;
+  auto target = make_linux(context, options, sink, why);
+  if (!target) throw std::runtime_error("programmer.target linux is not possible here: " + why);
+  return target;
+}
+
+}  // namespace programmer

@@ -1,0 +1,214 @@
+"""The data plane on interfaces of network namespaces: real packets, made byte by byte where it matters, between hosts."""
+
+import itertools
+import socket
+import struct
+import threading
+import time
+import unittest
+
+import e2e
+import daemon
+import network
+
+UDP = 17
+
+
+def checksum(data):
+    total = sum(struct.unpack(f"!{len(data) // 2}H", data))
+    while total >> 16:
+        total = (total & 0xFFFF) + (total >> 16)
+    return total ^ 0xFFFF
+
+
+def ipv4(payload=b"", dscp=0, proto=UDP, fragment=0, destination="10.0.0.2"):
+    head = struct.pack("!BBHHHBBH", 0x45, dscp << 2 | 1, 20 + len(payload), 7, fragment, 64, proto, 0)
+    head += socket.inet_aton("10.0.0.1") + socket.inet_aton(destination)
+    return head[:10] + struct.pack("!H", checksum(head)) + head[12:] + payload
+
+
+def ipv6(payload=b"", dscp=0, proto=UDP):
+    head = struct.pack("!IHBB", 6 << 28 | dscp << 22 | 1 << 20 | 5, len(payload), proto, 64)
+    return head + socket.inet_pton(socket.AF_INET6, "fd00::1") + socket.inet_pton(socket.AF_INET6, "fd00::2") + payload
+
+
+def udp(to, data=b"data"):
+    return struct.pack("!HHHH", 1000, to, 8 + len(data), 0) + data
+
+
+def frame(payload, eth_type=0x0800, tag=None, source=network.mac(1), destination=network.mac(2)):
+    addresses = bytes.fromhex((destination + source).replace(":", ""))
+    tagged = b"" if tag is None else struct.pack("!HH", 0x8100, tag)
+    return addresses + tagged + struct.pack("!H", eth_type) + payload
+
+
+class DataPlane(e2e.Test):
+    @classmethod
+    def setUpClass(cls):
+        if lacking := network.missing():
+            raise unittest.SkipTest(f"programs cannot be put on interfaces: this process lacks {lacking}")
+        cls.network = network.Network(3)
+        cls.addClassCleanup(cls.network.close)
+
+    def setUp(self):
+        self.one, self.two, self.three = self.network.hosts
+        self.switch = self.daemon(**self.network.settings, programmer_counter_interval_ms=50)
+
+    def add(self, *flows, command="add-flow"):
+        for flow in flows:
+            done = e2e.ofctl(self.switch.port, command, flow, options=("--strict",) if command == "del-flows" else ())
+            self.assertEqual((done.returncode, done.stderr), (0, ""), flow)
+
+    def connect(self):
+        self.add("priority=10,in_port=1,actions=output:2", "priority=10,in_port=2,actions=output:1")
+
+    def counted(self):
+        """(packets, bytes) of the flows as the controller is told, by priority."""
+        flows = e2e.ofctl(self.switch.port, "dump-flows").stdout.splitlines()
+        number = lambda line, name: int(line.split(name + "=")[1].split(",")[0].split()[0])
+        return {number(line, "priority"): (number(line, "n_packets"), number(line, "n_bytes")) for line in flows if "priority" in line}
+
+    def await_counts(self, **expected):
+        wanted = {int(name[1:]): counts for name, counts in expected.items()}
+        self.await_that(lambda: self.counted().items() >= wanted.items(), f"{wanted} in {self.counted()}")
+
+    def sockets(self):
+        frames = [host.socket() for host in (self.one, self.two, self.three)]
+        for each in frames:
+            self.addCleanup(each.close)
+        return frames
+
+    def shown(self):
+        lines = self.switch.command("show", module="programmer").splitlines()
+        return {line.rsplit(None, 1)[0].strip(): int(line.rsplit(None, 1)[1]) for line in lines if line.strip()}
+
+    def test_a_ping_passes_when_flows_let_it_and_every_packet_counts(self):
+        self.assertEqual(self.one.ping(self.two), 0)
+        self.connect()
+        self.assertEqual(self.one.ping(self.two, 20), 20)
+        self.await_counts(_10=(20, 20 * 98))
+        self.add("priority=20,icmp,in_port=1,actions=drop")
+        self.assertEqual(self.one.ping(self.two, 3), 0)
+        self.await_counts(_20=(3, 3 * 98))
+        self.add("priority=20,icmp,in_port=1", command="del-flows")
+        self.assertEqual(self.one.ping(self.two, 20), 20)
+        self.await_counts(_10=(40, 40 * 98))
+
+    def test_a_port_that_goes_and_comes_back_forwards_again(self):
+        self.connect()
+        network.run("ip", "link", "delete", "p2")
+        self.await_that(lambda: self.shown()["ports that are there"] == 2, "the port to be missed")
+        self.assertEqual(self.one.ping(self.two), 0)
+        self.two.plug((1, 2, 3))
+        self.await_that(lambda: self.one.ping(self.two) == 1, "the ping behind the port that is back")
+
+    def test_what_a_flow_matches_and_what_it_does_to_a_packet(self):
+        datagram, fragment = ipv4(udp(53)), ipv4(udp(53), fragment=8)
+        v6 = ipv6(udp(53))
+        extended = ipv6(struct.pack("!BB6x", UDP, 0) + udp(54), proto=0)
+        cases = (  # flow, sent, received by the second host; None: the flow does not match
+            ("udp,tp_dst=53", frame(datagram), frame(datagram)),
+            ("udp,tp_dst=53", frame(fragment), None),
+            ("udp,nw_dst=10.0.0.0/30", frame(fragment), frame(fragment)),
+            ("udp,nw_dst=10.0.0.0/30", frame(ipv4(udp(53), destination="10.0.0.5")), None),
+            ("udp,tp_dst=53", frame(datagram[:22]), None),
+            ("udp6,tp_dst=54", frame(extended, 0x86DD), frame(extended, 0x86DD)),
+            ("ip,nw_tos=184", frame(ipv4(udp(1), dscp=46)), frame(ipv4(udp(1), dscp=46))),
+            ("ip,nw_tos=184", frame(ipv4(udp(1), dscp=45)), None),
+            ("dl_vlan=7,dl_vlan_pcp=3", frame(datagram, tag=0x6007), frame(datagram, tag=0x6007)),
+            ("dl_vlan=7,dl_vlan_pcp=3", frame(datagram, tag=0x4007), None),
+            ("dl_vlan=7", frame(datagram), None),
+            ("dl_dst=02:00:00:00:00:00/ff:ff:ff:ff:ff:00", frame(datagram), frame(datagram)),
+            ("dl_src=02:00:00:00:00:09", frame(datagram), None),
+        )
+        changes = (  # match, actions, sent, received
+            ("ip", "set_field:46->ip_dscp", frame(ipv4(udp(1), dscp=10)), frame(ipv4(udp(1), dscp=46))),
+            ("ipv6", "set_field:46->ip_dscp", frame(v6, 0x86DD), frame(ipv6(udp(53), dscp=46), 0x86DD)),
+            ("dl_vlan=7", "set_field:4104->vlan_vid", frame(datagram, tag=0x6007), frame(datagram, tag=0x6008)),
+            ("dl_vlan=7", "set_field:5->vlan_pcp", frame(datagram, tag=0x6007), frame(datagram, tag=0xA007)),
+            ("ip", "set_field:02:00:00:00:00:77->eth_dst,set_field:02:00:00:00:00:66->eth_src,set_queue:3", frame(datagram),
+             frame(datagram, source="02:00:00:00:00:66", destination="02:00:00:00:00:77")),
+        )
+        cases = [(match, "", sent, received) for match, sent, received in cases] + list(changes)
+        here, there, _ = self.sockets()
+        end = frame(ipv4(b"end", proto=99))
+        self.add("priority=9,in_port=1,ip,nw_proto=99,actions=output:2")
+        for match, actions, sent, received in cases:
+            with self.subTest(match=match, actions=actions, sent=sent.hex()):
+                flow = f"priority=5,in_port=1,{match}"
+                self.add(f"{flow},actions={actions}{',' if actions else ''}output:2")
+                for packet in (sent, end):
+                    here.send(packet)
+                self.assertEqual([network.receive(there) for _ in range(2 if received else 1)], [received, end] if received else [end])
+                self.add(flow, command="del-flows")
+
+    def test_reserved_ports_and_what_is_refused(self):
+        here, there, third = self.sockets()
+        packet = frame(ipv4(udp(1)))
+        for output, receivers in (("in_port", [here]), ("all", [there, third])):
+            with self.subTest(output=output):
+                self.add(f"in_port=1,actions=output:{output}")
+                here.send(packet)
+                self.assertEqual([network.receive(each) for each in receivers], [packet] * len(receivers))
+        refused = e2e.ofctl(self.switch.port, "add-flow", "priority=0,actions=output:controller")
+        self.assertIn("OFPFMFC_UNKNOWN", refused.stderr)
+        self.assertEqual(self.shown()["refused: output to a reserved port that the plane does not serve"], 1)
+
+    # The flow that forwards is changed again and again while packets come: none is lost, none comes twice.
+    def test_a_change_under_traffic_loses_and_doubles_no_packet(self):
+        self.connect()
+        here, there, _ = self.sockets()
+        changed, got = threading.Event(), []
+
+        def send():
+            for number in itertools.count():
+                last = changed.is_set()
+                here.send(frame(ipv4(udp(1, struct.pack("!I?", number, last)))))
+                if last:
+                    return
+
+        def read():
+            while not got or not got[-1][1]:
+                got.append(struct.unpack("!I?", network.receive(there)[42:]))
+
+        threads = [threading.Thread(target=each) for each in (read, send)]
+        for thread in threads:
+            thread.start()
+        for queue in range(20):
+            self.add(f"in_port=1,actions=set_queue:{1 + queue % 8},output:2", command="mod-flows")
+        changed.set()
+        for thread in threads:
+            thread.join()
+        self.assertEqual([number for number, _ in got], list(range(len(got))))
+        self.assertGreater(len(got), 1000)
+
+    def test_a_meter_lets_its_rate_pass(self):
+        self.add("meter=1,pktps,burst,bands=type=drop,rate=200,burst_size=20", command="add-meter")
+        self.add("priority=9,in_port=1,ip,nw_proto=99,actions=output:2", "priority=5,in_port=1,actions=meter:1,output:2")
+        here, there, _ = self.sockets()
+        begun, number = time.monotonic(), 2000
+        for n in range(number):
+            here.send(frame(ipv4(udp(n))))
+        spent = time.monotonic() - begun
+        here.send(frame(ipv4(b"end", proto=99)))
+        passed = 0
+        while network.receive(there)[23] == UDP:
+            passed += 1
+        self.assertGreaterEqual(passed, 20 + int(200 * spent * 0.9))
+        self.assertLessEqual(passed, 22 + 200 * (spent + 0.01))
+        self.assertEqual(self.shown()["packets dropped by a meter"], number - passed)
+
+    def test_without_a_right_the_start_says_which_one_is_missing(self):
+        for settings, dropped, named in (({}, "-bpf,-sys_admin", "lacks CAP_BPF"), ({"ports": ""}, "-sys_boot", "1 to 256 ports")):
+            with self.subTest(named=named):
+                running = daemon.Daemon(e2e.BIN, **{**self.network.settings, **settings})
+                self.addCleanup(running.__exit__)
+                running.command_line = ["setpriv", f"--bounding-set={dropped}", *running.command_line]
+                process = running.spawn()
+                output, _ = process.communicate(timeout=e2e.LIMIT)
+                self.assertNotEqual(process.returncode, 0)
+                self.assertRegex(output, f"ssc_kelim: programmer.target linux is not possible here: .*{named}.*\n$")
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
