@@ -19,8 +19,8 @@ dp_band schedule_of(const Band &band, bool packets) {
   const std::uint64_t units = packets ? 1 : kBytesAKilobit;  // bytes or packets of one unit of the rate
   out.cost = ((kNs << DP_COST_SHIFT) / units + band.rate / 2) / band.rate;
   const std::uint64_t frames = kBurstFrames * (packets ? 1 : kFrameBytes);
-  out.burst =
-      band.burst != 0 ? std::uint64_t{band.burst} * kNs / band.rate : std::max<std::uint64_t>(kBurstNs, (frames * out.cost) >> DP_COST_SHIFT);
+  out.burst = band.burst != 0 ? std::uint64_t{band.burst} * kNs / band.rate
+                              : std::max<std::uint64_t>(kBurstNs, (frames * out.cost) >> DP_COST_SHIFT);
   return out;
 }
 
