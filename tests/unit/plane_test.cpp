@@ -1,0 +1,277 @@
+// The table of the data plane in plain memory: against a linear list, and with a reader beside the writer; the parsing of
+// packets.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <memory>
+#include <random>
+#include <thread>
+
+#include "programmer/linux/flow_table.h"
+#include "programmer/linux/meter.h"
+#include "programmer/linux/meters.h"
+#include "support/flow_bytes.h"
+
+namespace {
+
+using namespace programmer::dataplane;
+
+struct Memory {
+  Memory(std::uint32_t places, std::uint32_t bucket_count)
+      : masks(2 * DP_MAX_MASKS), buckets(bucket_count), flows(places), counts(places) {
+    tables = {&control, masks.data(), buckets.data(), flows.data(), counts.data(), bucket_count, places, 1};
+  }
+  // The index of the flow that decides; 0: none.
+  std::uint64_t find(const dp_key &key) const {
+    const std::uint32_t place = dp_classify(&tables, &control, &key);
+    return place == 0 ? 0 : flows[place - 1].index;
+  }
+  dp_control control{};
+  std::vector<dp_mask> masks;
+  std::vector<dp_bucket> buckets;
+  std::vector<dp_flow> flows;
+  std::vector<dp_count> counts;
+  dp_tables tables;
+};
+
+struct Model {
+  FlowTable::Place place;
+  dp_key key, mask;
+  std::uint32_t rank;
+  std::uint64_t index;
+
+  bool matches(const dp_key &packet) const {
+    const auto *p = reinterpret_cast<const unsigned char *>(&packet), *k = reinterpret_cast<const unsigned char *>(&key),
+               *m = reinterpret_cast<const unsigned char *>(&mask);
+    for (std::size_t i = 0; i < sizeof key; ++i)
+      if (((p[i] ^ k[i]) & m[i]) != 0) return false;
+    return true;
+  }
+};
+
+dp_flow flow_of(std::uint32_t rank, std::uint64_t index) {
+  dp_flow flow{};
+  flow.rank = rank;
+  flow.index = index;
+  return flow;
+}
+
+std::uint64_t find(const std::vector<Model> &flows, const dp_key &packet) {
+  const Model *best = nullptr;
+  for (const Model &flow : flows)
+    if (flow.matches(packet) && (!best || std::pair(flow.rank, flow.index) > std::pair(best->rank, best->index))) best = &flow;
+  return best ? best->index : 0;
+}
+
+class Random {
+ public:
+  explicit Random(unsigned seed) : engine_(seed) {}
+  std::uint32_t below(std::uint32_t end) { return static_cast<std::uint32_t>(engine_() % end); }
+  dp_key key() {
+    dp_key key{};
+    key.in_port = below(3);
+    key.eth_type = below(2) ? DP_TYPE_IPV4 : DP_TYPE_IPV6;
+    key.eth_dst[5] = static_cast<__u8>(below(3));
+    key.l4_dst = static_cast<__u16>(below(4));
+    key.dst[3] = static_cast<__u8>(below(8));
+    return key;
+  }
+  dp_key mask() {
+    dp_key mask{};
+    mask.in_port = below(2) ? ~0U : 0;
+    mask.eth_type = below(4) ? 0xffff : 0;
+    mask.eth_dst[5] = below(2) ? 0xff : 0;
+    mask.l4_dst = below(2) ? 0xffff : 0;
+    mask.dst[3] = static_cast<__u8>(0xff << below(9));
+    mask.src[0] = static_cast<__u8>(below(2) ? 0 : below(200));  // as many masks as there is room for, and more
+    return mask;
+  }
+
+ private:
+  std::mt19937 engine_;
+};
+
+void rest(FlowTable &table) {
+  if (table.begin_grace()) table.end_grace();
+}
+
+// Buckets are so few that they overflow, and places too; masks come and go.
+void run_steps(unsigned seed, std::uint32_t places, std::uint32_t buckets, int steps) {
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  Random random(seed);
+  Memory memory(places, buckets);
+  FlowTable table(memory.tables);
+  std::vector<Model> model;
+  std::uint64_t index = 0;
+  for (int step = 0; step < steps; ++step) {
+    const std::uint32_t choice = random.below(100);
+    if (choice < (step / 2000 % 2 != 0 ? 20U : 40U)) {
+      Model flow{FlowTable::kNone, random.key(), random.mask(), 1 + random.below(20), ++index};
+      flow.place = table.add(flow.key, flow.mask, flow_of(flow.rank, index));
+      if (flow.place != FlowTable::kNone)
+        model.push_back(flow);
+      else if (table.lack() == FlowTable::Lack::kGrace)
+        rest(table);
+    } else if (choice < 65 && !model.empty()) {
+      const std::size_t which = random.below(static_cast<std::uint32_t>(model.size()));
+      table.remove(model[which].place);
+      model.erase(model.begin() + static_cast<std::ptrdiff_t>(which));
+    } else if (choice == 65) {
+      table.tidy();
+      rest(table);
+    }
+    const dp_key packet = random.key();
+    ASSERT_EQ(memory.find(packet), find(model, packet)) << "step " << step;
+    ASSERT_EQ(table.size(), model.size());
+  }
+  for (const Model &flow : model) table.remove(flow.place);
+  EXPECT_EQ(table.size(), 0U);
+  for (const dp_bucket &bucket : memory.buckets)
+    for (const __u64 entry : bucket.entries) ASSERT_EQ(entry, 0U);
+}
+
+TEST(PlaneTable, FindsWhatALinearListFinds) {
+  const unsigned seed = std::random_device{}();
+  for (unsigned i = 0; i < 8; ++i) run_steps(seed + i, 40U << i, 4U << i, 8'000);
+}
+
+// A flow that is replaced all the time under a reader, beside others that come and go: found each time.
+TEST(PlaneTable, AReplacedFlowIsNeverMissing) {
+#ifdef __SANITIZE_THREAD__
+  GTEST_SKIP() << "the program in the kernel reads without locks on purpose";
+#endif
+  Memory memory(64, 16);
+  FlowTable table(memory.tables);
+  dp_key key{}, mask{};
+  key.in_port = 7;
+  mask.in_port = ~0U;
+  FlowTable::Place present = table.add(key, mask, flow_of(3, 1));
+  std::atomic<bool> end = false;
+  std::atomic<std::uint64_t> turns = 0, misses = 0;
+  std::thread reader([&] {
+    for (; !end; ++turns) misses += dp_classify(&memory.tables, &memory.control, &key) == 0;
+  });
+  for (std::uint64_t index = 2; index < 4'000; ++index) {
+    const FlowTable::Place next = table.add(key, mask, flow_of(3, index));
+    ASSERT_NE(next, FlowTable::kNone);
+    table.remove(present);
+    present = next;
+    dp_key other = key;
+    other.in_port = static_cast<__u32>(index << 8);
+    table.remove(table.add(other, mask, flow_of(3, index)));
+    table.tidy();
+    if (index % 16 != 0 || !table.begin_grace()) continue;
+    for (const std::uint64_t before = turns; turns < before + 2;) std::this_thread::yield();
+    table.end_grace();
+  }
+  end = true;
+  reader.join();
+  EXPECT_EQ(misses, 0U) << "of " << turns;
+}
+
+// ---- packets
+
+using flow_bytes::Bytes, flow_bytes::hex, flow_bytes::operator+;
+
+struct Parsed {
+  dp_key key;
+  dp_headers headers;
+};
+
+// From a copy of exactly that length, so that the address sanitizer sees a read behind it.
+Parsed parse(const Bytes &frame, __u16 tag = 0) {
+  const std::vector<std::uint8_t> bytes(reinterpret_cast<const std::uint8_t *>(frame.data()),
+                                        reinterpret_cast<const std::uint8_t *>(frame.data()) + frame.size());
+  dp_packet packet{bytes.data(), static_cast<std::uint32_t>(bytes.size())};
+  Parsed out;
+  dp_parse(&packet, 1, tag, &out.key, &out.headers);
+  return out;
+}
+
+const Bytes kEth = hex("020000000002 020000000001");
+const Bytes kPorts = hex("03e8 0035 0008 0000");
+
+// The header of IPv4: the first word, then what decides.
+Bytes ipv4(std::string_view length, std::string_view fragment = "0000", std::string_view first = "45") {
+  const Bytes options(first == "46" ? 4 : 0);
+  return hex(first) + hex("b8") + hex(length) + hex("0001") + hex(fragment) + hex("40 11 0000 0a000001 0a000002") + options;
+}
+// The header of IPv6, of which `length` and the type of the next header decide.
+Bytes ipv6(std::string_view length, std::string_view next) {
+  return hex("6b800000") + hex(length) + hex(next) + hex("40") +
+         hex("fd000000000000000000000000000001 fd000000000000000000000000000002");
+}
+
+TEST(PlaneParse, ReadsWhatIsThereAndNothingElse) {
+  struct Case {
+    const char *what;
+    Bytes frame;
+    unsigned eth_type, vlan, has, proto, ext_headers, l4_dst;
+  };
+  const Bytes v4 = hex("0800"), v6 = hex("86dd");
+  const unsigned ip = DP_HAS_IP, all = DP_HAS_IP | DP_HAS_L4;
+  const Case cases[] = {
+      {"IPv4", kEth + v4 + ipv4("001c") + kPorts, 0x800, 0, all, 17, 0, 53},
+      {"options", kEth + v4 + ipv4("0020", "0000", "46") + kPorts, 0x800, 0, all, 17, 0, 53},
+      {"a header that is too short", kEth + v4 + ipv4("001c", "0000", "44") + kPorts, 0x800, 0, 0, 0, 0, 0},
+      {"another version", kEth + v4 + ipv4("001c", "0000", "65") + kPorts, 0x800, 0, 0, 0, 0, 0},
+      {"ports behind the packet's end", kEth + v4 + ipv4("0014") + kPorts, 0x800, 0, ip, 17, 0, 0},
+      {"the first fragment", kEth + v4 + ipv4("001c", "2000") + kPorts, 0x800, 0, all, 17, 0, 53},
+      {"a later fragment", kEth + v4 + ipv4("001c", "0001") + kPorts, 0x800, 0, ip, 17, 0, 0},
+      {"a tag", kEth + hex("8100 a007 0800") + ipv4("001c") + kPorts, 0x800, 0xb007, all, 17, 0, 53},
+      {"two tags", kEth + hex("88a8 2005 8100 a007 0800") + ipv4("001c") + kPorts, 0x800, 0x3005, all, 17, 0, 53},
+      {"a length", kEth + hex("0026 4242"), 0x5ff, 0, 0, 0, 0, 0},
+      {"IPv6", kEth + v6 + ipv6("0008", "11") + kPorts, 0x86dd, 0, all, 17, 0, 53},
+      {"hop by hop, routing", kEth + v6 + ipv6("0018", "00") + hex("2b00000000000000 1100000000000000") + kPorts, 0x86dd, 0, all,
+       17, DP_EXT_HOP | DP_EXT_ROUTER, 53},
+      {"out of order", kEth + v6 + ipv6("0018", "2b") + hex("0000000000000000 1100000000000000") + kPorts, 0x86dd, 0, all, 17,
+       DP_EXT_HOP | DP_EXT_ROUTER | DP_EXT_DISORDER, 53},
+      {"twice", kEth + v6 + ipv6("0018", "2b") + hex("2b00000000000000 1100000000000000") + kPorts, 0x86dd, 0, all, 17,
+       DP_EXT_ROUTER | DP_EXT_REPEATED, 53},
+      {"a first fragment", kEth + v6 + ipv6("0010", "2c") + hex("1100000100000000") + kPorts, 0x86dd, 0, all, 17, DP_EXT_FRAG,
+       53},
+      {"a fragment of IPv6", kEth + v6 + ipv6("0010", "2c") + hex("1100000900000000") + kPorts, 0x86dd, 0, ip, 17, DP_EXT_FRAG,
+       0},
+      {"a header that is cut", kEth + v6 + ipv6("0010", "2b") + hex("1100"), 0x86dd, 0, ip, 43, 0, 0},
+      {"a header that lies", kEth + v6 + ipv6("0018", "2b") + hex("11ff000000000000") + kPorts, 0x86dd, 0, ip, 17, DP_EXT_ROUTER,
+       0},
+      {"no next header", kEth + v6 + ipv6("0000", "3b"), 0x86dd, 0, ip, 59, DP_EXT_NO_NEXT, 0},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.what);
+    const dp_key key = parse(c.frame).key;
+    EXPECT_EQ((std::array<unsigned, 6>{key.eth_type, key.vlan, key.has, key.proto, key.ext_headers, key.l4_dst}),
+              (std::array{c.eth_type, c.vlan, c.has, c.proto, c.ext_headers, c.l4_dst}));
+    EXPECT_EQ(key.dscp, (c.has & DP_HAS_IP) != 0 ? 46 : 0);
+    for (std::size_t length = 0; length < c.frame.size(); ++length) {
+      const Parsed cut = parse(Bytes(c.frame.begin(), c.frame.begin() + static_cast<std::ptrdiff_t>(length)));
+      EXPECT_LE(cut.headers.l4 == 0 ? 0 : cut.headers.l4 + 4, length);
+      EXPECT_EQ((cut.key.has & DP_HAS_L4) != 0, cut.headers.l4 != 0);
+    }
+  }
+  EXPECT_EQ(parse(kEth + v4, 0x7003).key.vlan, 0x7003) << "the tag that the kernel keeps beside the frame";
+}
+
+// ---- meters
+
+// Packets of 1,000 bytes, one each 100 us (80 Mbit/s) for 10 s. Of what passes the band for 8 Mbit/s, the band for 4 marks half.
+TEST(PlaneMeter, EachBandHoldsItsRate) {
+  auto table = std::make_unique<dp_meter[]>(DP_MAX_METERS);
+  programmer::dataplane::Meters meters(table.get());
+  using programmer::BandType;
+  ASSERT_TRUE(meters.set(5, {false, {{BandType::kDrop, 8000, 80, 0}, {BandType::kRemark, 4000, 40, 1}}}));
+  dp_meter &meter = table[meters.use(5) - 1U];
+  std::array<unsigned, 3> verdicts{};
+  for (__u64 us = 0; us < 10'000'000; us += 100) ++verdicts[dp_meter_packet(&meter, 1 + us * 1000, 1, 1000).type];
+  EXPECT_NEAR(verdicts[DP_BAND_NONE], 5000 + 5, 3);
+  EXPECT_NEAR(verdicts[DP_BAND_REMARK], 5000 + 5, 8);
+  EXPECT_EQ(meter.packets, 100'000U);
+  EXPECT_EQ(meter.band[0].packets, verdicts[DP_BAND_DROP]);
+  EXPECT_EQ(meter.band[1].bytes, verdicts[DP_BAND_REMARK] * 1000U);
+  const __u8 marks[][2] = {{10, 12}, {14, 14}, {38, 38},
+                           {0, 0},   {46, 46}, {8, 8}};  // AF11, AF13, AF43; not of assured forwarding
+  for (const auto &[before, after] : marks) EXPECT_EQ(dp_remark(before, 1), after);
+}
+
+}  // namespace
