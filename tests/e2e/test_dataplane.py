@@ -1,6 +1,7 @@
 """The data plane on interfaces of network namespaces: real packets, made byte by byte where it matters, between hosts."""
 
 import itertools
+import re
 import socket
 import struct
 import threading
@@ -198,8 +199,27 @@ class DataPlane(e2e.Test):
         self.assertLessEqual(passed, 22 + 200 * (spent + 0.01))
         self.assertEqual(self.shown()["packets dropped by a meter"], number - passed)
 
+    def test_a_queue_is_a_class_of_the_output_port(self):
+        self.addCleanup(network.run, "tc", "qdisc", "delete", "dev", "p2", "root")
+        network.run("tc", "qdisc", "add", "dev", "p2", "root", "handle", "1:", "htb", "default", 1)
+        for number in (1, 3):
+            network.run("tc", "class", "add", "dev", "p2", "parent", "1:", "classid", f"1:{number}", "htb", "rate", "100mbit")
+        self.add("priority=9,in_port=1,udp,actions=set_queue:3,output:2", "priority=5,in_port=1,actions=output:2")
+        here, there, _ = self.sockets()
+        for packet in [frame(ipv4(udp(1)))] * 3 + [frame(ipv4(b"end", proto=99))]:
+            here.send(packet)
+            network.receive(there)
+        shown = network.run("tc", "-s", "class", "show", "dev", "p2").stdout
+        sent = dict(re.findall(r"class htb (\S+).*?Sent \d+ bytes (\d+) pkt", shown, re.S))
+        self.assertEqual(sent, {"1:1": "1", "1:3": "3"})
+
     def test_without_a_right_the_start_says_which_one_is_missing(self):
-        for settings, dropped, named in (({}, "-bpf,-sys_admin", "lacks CAP_BPF"), ({"ports": ""}, "-sys_boot", "1 to 256 ports")):
+        cases = (
+            ({}, "-bpf,-sys_admin", "lacks CAP_BPF"),
+            ({"ports": ""}, "-sys_boot", "1 to 256 ports"),
+            ({}, "-sys_boot", "another process has it as a port"),
+        )
+        for settings, dropped, named in cases:
             with self.subTest(named=named):
                 running = daemon.Daemon(e2e.BIN, **{**self.network.settings, **settings})
                 self.addCleanup(running.__exit__)

@@ -2,21 +2,21 @@
 
 #include <bpf/libbpf.h>
 #include <errno.h>
-#include <ifaddrs.h>
-#include <linux/if_link.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/eventfd.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cstddef>
 #include <cstring>
 #include <utility>
+
+#include "programmer/linux/interface.h"
 
 namespace programmer::dataplane {
 namespace {
@@ -50,33 +50,6 @@ void detach(std::uint32_t interface) {
   bpf_tc_detach(&hook, &options);
 }
 
-// A port takes frames for everybody. The flag stays with the interface when this process ends, as the program does.
-bool make_promiscuous(const std::string &name) {
-  const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return false;
-  ifreq request{};
-  name.copy(request.ifr_name, IFNAMSIZ - 1);
-  bool done = ::ioctl(fd, SIOCGIFFLAGS, &request) == 0;
-  request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_PROMISC);
-  done = done && ::ioctl(fd, SIOCSIFFLAGS, &request) == 0;
-  ::close(fd);
-  return done;
-}
-
-// Whether the machine itself is reached by the interface; addresses that every interface has do not count.
-bool has_address(const std::string &name) {
-  ifaddrs *all = nullptr;
-  if (getifaddrs(&all) != 0) return false;
-  bool found = false;
-  for (const ifaddrs *at = all; at != nullptr && !found; at = at->ifa_next) {
-    if (at->ifa_addr == nullptr || name != at->ifa_name) continue;
-    const auto *v6 = reinterpret_cast<const sockaddr_in6 *>(at->ifa_addr);
-    found = at->ifa_addr->sa_family == AF_INET || (at->ifa_addr->sa_family == AF_INET6 && !IN6_IS_ADDR_LINKLOCAL(&v6->sin6_addr));
-  }
-  freeifaddrs(all);
-  return found;
-}
-
 }  // namespace
 
 Ports::Ports(const Context &context, Plane &plane, std::vector<PortName> names)
@@ -91,7 +64,7 @@ std::unique_ptr<Ports> Ports::open(const Context &context, Plane &plane, std::ve
     return nullptr;
   }
   std::unique_ptr<Ports> ports(new Ports(context, plane, std::move(names)));
-  if (!ports->listen(why)) return nullptr;
+  if (!ports->claim(why) || !ports->listen(why)) return nullptr;
   for (std::uint32_t place = 0; place < ports->names_.size(); ++place)
     if (!ports->follow(place, why)) return nullptr;
   ports->thread_ = std::thread(&Ports::run, ports.get());
@@ -103,7 +76,9 @@ Ports::~Ports() {
     eventfd_write(end_, 1);
     thread_.join();
   }
-  for (const int fd : {notices_, end_})
+  claims_.push_back(notices_);
+  claims_.push_back(end_);
+  for (const int fd : claims_)
     if (fd >= 0) ::close(fd);
 }
 
@@ -117,6 +92,25 @@ std::uint32_t Ports::present() const {
   for (std::uint32_t place = 0; place < names_.size(); ++place)
     count += std::atomic_ref(plane_.ports()[place].ifindex).load(std::memory_order_relaxed) != 0 ? 1 : 0;
   return count;
+}
+
+// A name of this network namespace that one process at a time can have, and has until it ends, for each interface.
+bool Ports::claim(std::string &why) {
+  for (const PortName &port : names_) {
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    claims_.push_back(fd);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const std::string name = "kelim-port-" + port.interface;
+    name.copy(address.sun_path + 1, sizeof address.sun_path - 1);
+    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+    if (fd < 0 || ::bind(fd, reinterpret_cast<const sockaddr *>(&address), length) != 0) {
+      why = "interface " + port.interface + ": " +
+            (errno == EADDRINUSE ? "another process has it as a port" : std::strerror(errno));
+      return false;
+    }
+  }
+  return true;
 }
 
 // ---- following the kernel
@@ -163,6 +157,7 @@ bool Ports::follow(std::uint32_t place, std::string &why) {
 bool Ports::take(std::uint32_t interface, std::uint32_t place, std::string &why) {
   const std::string &name = names_[place].interface;
   int error = 0;
+  keep_whole(name);
   if (!make_promiscuous(name) || !plane_.set_port(interface, place)) {
     error = errno;
   } else {
@@ -175,6 +170,7 @@ bool Ports::take(std::uint32_t interface, std::uint32_t place, std::string &why)
     return false;
   }
   std::atomic_ref(plane_.ports()[place].ifindex).store(interface, std::memory_order_release);
+  if (!silence(name)) PROGRAMMER_LOG(context_, QX_ZLOG_ERROR, "interface %s goes on speaking IPv6 of its own", name.c_str());
   PROGRAMMER_LOG(context_, QX_ZLOG_VERBOSE, "port %u is interface %s", names_[place].number, name.c_str());
   if (has_address(name)) {
     PROGRAMMER_LOG(context_, QX_ZLOG_ERROR, "interface %s has addresses, whose packets are now up to the flows", name.c_str());

@@ -37,6 +37,7 @@ class Ports {
 
  private:
   Ports(const Context &context, Plane &plane, std::vector<PortName> names);
+  bool claim(std::string &why);
   bool listen(std::string &why);
   void run();
   void follow();
@@ -47,6 +48,7 @@ class Ports {
   const Context &context_;  // its log
   Plane &plane_;
   const std::vector<PortName> names_;
+  std::vector<int> claims_;  // what keeps others from these interfaces
   int notices_ = -1;
   int end_ = -1;
   std::thread thread_;
