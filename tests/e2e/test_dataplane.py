@@ -158,6 +158,7 @@ class DataPlane(e2e.Test):
     # The flow that forwards is changed again and again while packets come: none is lost, none comes twice.
     def test_a_change_under_traffic_loses_and_doubles_no_packet(self):
         self.connect()
+        self.add(*(f"priority=1,ip,nw_src=10.0.0.0/{bits},actions=drop" for bits in range(20, 28)))  # masks enough for a cache
         here, there, _ = self.sockets()
         changed, got = threading.Event(), []
 

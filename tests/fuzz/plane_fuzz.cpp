@@ -31,7 +31,8 @@ struct Memory {
   dp_flow flows[kPlaces]{};
   dp_count counts[kPlaces]{};
   dp_meter meters[DP_MAX_METERS]{};
-  dp_tables tables{&control, masks, buckets, flows, counts, kBuckets, kPlaces, 1};
+  dp_cached cache[DP_CACHE_SETS * DP_CACHE_WAYS]{};
+  dp_tables tables{&control, masks, buckets, flows, counts, kBuckets, kPlaces, 1, cache};
 };
 
 // A packet that is just what the entry wants finds a flow.

@@ -1,8 +1,8 @@
 // Which flow a packet meets: a search over the distinct masks of the table. Plain C, the same source in the kernel and in user
 // space.
 //
-// Whoever includes it has defined dp_loop() (parse.h) and, for an opaque struct dp_tables, dp_mask_at(), dp_bucket_at() and
-// dp_flow_at(), which give null for a place that the map does not have.
+// Whoever includes it has defined dp_loop() (parse.h) and, for an opaque struct dp_tables, dp_mask_at(), dp_bucket_at(),
+// dp_flow_at() and dp_cached_at() (of this processor), which give null for a place that the map does not have.
 #pragma once
 
 #include "parse.h"
@@ -14,7 +14,7 @@ DP_INLINE void dp_mask_key(const dp_word *key, const __u64 *mask, __u64 *masked)
 }
 
 // Two chains of multiplications, which a processor works on side by side.
-DP_INLINE __u64 dp_hash(const __u64 *masked, __u32 mask) {
+DP_INLINE __u64 dp_hash(const dp_word *masked, __u32 mask) {
   __u64 a = mask * 0x9e3779b97f4a7c15ULL + 1;
   __u64 b = 0x2545f4914f6cdd1dULL;
   for (int i = 0; i < DP_WORDS; i += 2) {
@@ -112,16 +112,42 @@ static long dp_search_step(__u32 i, void *context) {
   return rest == 0 || rest < search->rank;
 }
 
-// The place of the flow that decides, + 1; 0: none matches.
-DP_INLINE __u32 dp_classify(const struct dp_tables *tables, const struct dp_control *control, const struct dp_key *key) {
-  const __u64 current = *(const volatile __u64 *)&control->current;
+DP_INLINE __u32 dp_search_all(const struct dp_tables *tables, const struct dp_control *control, __u64 current, const dp_word *key,
+                              __u32 type) {
   struct dp_search search;
   __builtin_memset(&search, 0, sizeof search);
   search.tables = tables;
-  search.key = (const dp_word *)key;
+  search.key = key;
   search.list = (__u32)(current & 1) * DP_MAX_MASKS;
   search.bucket_mask = control->bucket_mask;
-  search.type = key->eth_type;
+  search.type = type;
   dp_loop(DP_MAX_MASKS, dp_search_step, &search);
   return search.place;
+}
+
+DP_INLINE int dp_is_cached(const struct dp_cached *cached, __u64 current, const dp_word *key) {
+  const dp_word *held = (const dp_word *)&cached->key;
+  __u64 differs = cached->current ^ current;
+  for (int i = 0; i < DP_WORDS; ++i) differs |= held[i] ^ key[i];
+  return differs == 0;
+}
+
+// The place of the flow that decides, + 1; 0: none matches. What is cached was found while the table was at `current`: with the
+// first change it counts for nothing.
+DP_INLINE __u32 dp_classify(const struct dp_tables *tables, const struct dp_control *control, const struct dp_key *packet) {
+  const dp_word *key = (const dp_word *)packet;
+  const __u64 current = *(const volatile __u64 *)&control->current;
+  if (!control->cache) return dp_search_all(tables, control, current, key, packet->eth_type);
+  const __u64 hash = dp_hash(key, 0);
+  const __u32 at = ((__u32)hash & (DP_CACHE_SETS - 1)) * DP_CACHE_WAYS;
+  struct dp_cached *first = dp_cached_at(tables, at), *second = dp_cached_at(tables, at + 1);
+  if (!first || !second) return 0;
+  if (dp_is_cached(first, current, key)) return first->place;
+  if (dp_is_cached(second, current, key)) return second->place;
+  struct dp_cached *replaced = first->current != current || (hash >> 63 && second->current == current) ? first : second;
+  const __u32 place = dp_search_all(tables, control, current, key, packet->eth_type);
+  replaced->current = current;
+  replaced->key = *packet;
+  replaced->place = place;
+  return place;
 }

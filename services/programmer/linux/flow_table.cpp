@@ -33,6 +33,7 @@ FlowTable::Words FlowTable::words_of(const dp_key &key) {
 // Ends a change: what a reader has kept of the table before is out of date.
 void FlowTable::publish() {
   store<__u64>(memory_.control->current, memory_.control->current + 2);
+  store<__u32>(memory_.control->cache, rows_ >= DP_CACHE_FROM ? 1 : 0);
 }
 
 dp_mask *FlowTable::list(bool in_force) const {

@@ -127,6 +127,15 @@ struct dp_control {
   __u32 version;
   __u32 bucket_mask;
   __u32 flows;  // places, per row of counters
+  __u32 cache;  // whether a packet is looked for among those of before first
+};
+
+// What a packet that was looked up met, of one processor. Good while the table is the one of that look-up.
+enum { DP_CACHE_SETS = 4096, DP_CACHE_WAYS = 2, DP_CACHE_FROM = 4 };  // from that many masks on a look there is quicker
+struct dp_cached {
+  __u64 current;
+  struct dp_key key;
+  __u32 place;  // + 1; 0: no flow
   __u32 zero;
 };
 
@@ -146,4 +155,5 @@ DP_SIZE(dp_meter, 408);
 DP_SIZE(dp_port, 8);
 DP_SIZE(dp_tally, 64);
 DP_SIZE(dp_control, 24);
+DP_SIZE(dp_cached, 80);
 #undef DP_SIZE

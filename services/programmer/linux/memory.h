@@ -15,7 +15,8 @@ struct dp_tables {
   dp_count *counts;  // `rows` rows of `places`
   std::uint32_t bucket_count;
   std::uint32_t places;
-  std::uint32_t rows;  // a processor each
+  std::uint32_t rows;          // a processor each
+  dp_cached *cache = nullptr;  // only of readers in user space: DP_CACHE_SETS * DP_CACHE_WAYS
 };
 
 struct dp_packet {
@@ -42,6 +43,9 @@ inline const dp_bucket *dp_bucket_at(const dp_tables *tables, __u32 at) {
 }
 inline const dp_flow *dp_flow_at(const dp_tables *tables, __u32 at) {
   return at < tables->places ? &tables->flows[at] : nullptr;
+}
+inline dp_cached *dp_cached_at(const dp_tables *tables, __u32 at) {
+  return tables->cache + at;
 }
 
 #include "programmer/linux/classify.h"  // wants all of the above

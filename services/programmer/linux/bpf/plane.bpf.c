@@ -43,14 +43,22 @@ struct {
   __type(value, __u32);  // place among the ports
 } port_of SEC(".maps");
 
-#define PLANE_AT(name, map, of)                                                            \
-  static __always_inline const struct of *name(const struct dp_tables *tables, __u32 at) { \
-    (void)tables;                                                                          \
-    return bpf_map_lookup_elem(&map, &at);                                                 \
+struct {
+  __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
+  __uint(max_entries, DP_CACHE_SETS *DP_CACHE_WAYS);
+  __type(key, __u32);
+  __type(value, struct dp_cached);
+} cache SEC(".maps");
+
+#define PLANE_AT(name, map, of)                                                      \
+  static __always_inline struct of *name(const struct dp_tables *tables, __u32 at) { \
+    (void)tables;                                                                    \
+    return bpf_map_lookup_elem(&map, &at);                                           \
   }
 PLANE_AT(dp_mask_at, masks, dp_mask)
 PLANE_AT(dp_bucket_at, buckets, dp_bucket)
 PLANE_AT(dp_flow_at, flows, dp_flow)
+PLANE_AT(dp_cached_at, cache, dp_cached)
 
 #include "../classify.h"
 #include "../meter.h"
