@@ -33,6 +33,14 @@ struct Memory {
   dp_meter meters[DP_MAX_METERS]{};
   dp_cached cache[DP_CACHE_SETS * DP_CACHE_WAYS]{};
   dp_tables tables{&control, masks, buckets, flows, counts, kBuckets, kPlaces, 1, cache};
+
+  // As new for another table. What is cached stays, and is of an earlier state.
+  void clear() {
+    control.current = (control.current | 1) + 1;
+    for (dp_mask *list : {masks, masks + DP_MAX_MASKS}) std::fill_n(list, kPlaces + 1, dp_mask{});
+    std::ranges::fill(buckets, dp_bucket{});
+    meters[0] = {};
+  }
 };
 
 // A packet that is just what the entry wants finds a flow.
@@ -53,7 +61,8 @@ void add(FlowTable &table, const Memory &memory, const FlowProgram &program, con
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
   Bytes input(data, size);
   const auto record = part(input), meter_mod = part(input), frame = std::vector<std::uint8_t>(input.begin(), input.end());
-  const auto memory = std::make_unique<Memory>();
+  static const auto memory = std::make_unique<Memory>();
+  memory->clear();
   FlowTable table(memory->tables);
   FlowProgram program;
   const char *fault = read_program(record, program);
