@@ -2,6 +2,7 @@
 
 import itertools
 import re
+import signal
 import socket
 import struct
 import threading
@@ -199,6 +200,22 @@ class DataPlane(e2e.Test):
         self.assertGreaterEqual(passed, 20 + int(200 * spent * 0.9))
         self.assertLessEqual(passed, 22 + 200 * (spent + 0.01))
         self.assertEqual(self.shown()["packets dropped by a meter"], number - passed)
+
+    def test_packets_flow_while_the_service_is_killed_and_from_what_is_stored_afterwards(self):
+        self.assertEqual(self.switch.stop(), 0)
+        self.switch = self.system(**self.network.settings)
+        self.connect()
+        self.assertEqual(self.one.ping(self.two, 5), 5)
+        self.switch.process.send_signal(signal.SIGSTOP)  # who would start another service at once
+        self.switch.signal("kelim-programmer", signal.SIGKILL)
+        self.assertEqual(self.one.ping(self.two, 5), 5)
+        self.switch.process.send_signal(signal.SIGCONT)
+        self.await_that(lambda: len(self.switch.pids("kelim-programmer")) == 2, "another service")
+        self.await_that(lambda: "flows in the target                            2" in self.programmer(), "the flows in its table")
+        self.assertEqual(self.one.ping(self.two, 5), 5)
+
+    def programmer(self):
+        return self.switch.kelimctl("--process", "kelim-programmer", "cmd", "programmer", "show").stdout
 
     def test_a_queue_is_a_class_of_the_output_port(self):
         self.addCleanup(network.run, "tc", "qdisc", "delete", "dev", "p2", "root")

@@ -151,7 +151,8 @@ constexpr Row kRows[] = {
      "effect in "
      "kelim-programmer."},
     {"programmer", "target", in<&C::programmer, &C::Programmer::target>, "sim", words("sim or linux"),
-     "What is programmed: simulated hardware, or the machine's own interfaces, which are then the ports of a switch."},
+     "What is programmed: simulated hardware, or the machine's own interfaces, which are then the ports of a switch. "
+     "kelim-programmer takes its option --target instead."},
     {"programmer", "size", in<&C::programmer, &C::Programmer::size>, "4096", kAnything,
      "Flows the target holds, of linux 1 to 1000000."},
     {"programmer", "delay_ms", in<&C::programmer, &C::Programmer::delay_ms>, "0", between(0, 600'000),
