@@ -17,7 +17,7 @@
 #include "kelim/common/kelim_debug.h"
 #include "p_libpub.pb-c.h"
 #include "s_policy_kelim.pb-c.h"
-#include "ssc_kelim/sdn/ssc_kelim_flow_db.h"
+#include "ssc_kelim/sdn/flow_node.h"
 
 namespace flow_members {
 

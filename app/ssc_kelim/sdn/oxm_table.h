@@ -17,7 +17,7 @@
 #include "s_policy_kelim.pb-c.h"
 #include "southbound.h"
 #include "ssc_kelim/sdn/flow_members.h"
-#include "ssc_kelim/sdn/ssc_kelim_flow_db.h"
+#include "ssc_kelim/sdn/flow_node.h"
 
 struct oxm_row {
   std::uint32_t header;

@@ -12,7 +12,7 @@
 #include <cstdint>
 
 #include "s_policy_kelim.pb-c.h"
-#include "ssc_kelim/sdn/ssc_kelim_flow_db.h"
+#include "ssc_kelim/sdn/flow_node.h"
 
 // ---- parsing
 
