@@ -18,6 +18,7 @@
 #include "qx_mom.h"
 #include "s_policy_kelim.pb-c.h"
 #include "southbound.h"
+#include "ssc_kelim/sdn/ssc_kelim_flow_convert.h"
 #include "ssc_kelim/sdn/ssc_kelim_flow_db.h"
 #include "ssc_kelim/sdn/ssc_kelim_flow_parse.h"
 #include "ssc_kelim/sdn/ssc_kelim_flow_to_ace.h"

@@ -1,5 +1,5 @@
-// Conversion between a cached node and the members of records. Its log lines belong to ssc_kelim_flow_parse.cpp, whose second
-// half it is.
+#include "ssc_kelim/sdn/ssc_kelim_flow_convert.h"
+
 #include <array>
 #include <bit>
 #include <cstddef>
@@ -9,8 +9,8 @@
 #include "kelim/common/kelim_debug.h"
 #include "ssc_kelim/sdn/flow_members.h"
 #include "ssc_kelim/sdn/oxm_table.h"
-#include "ssc_kelim/sdn/ssc_kelim_flow_parse.h"
 
+// The log knows parsing and conversion as one source.
 #undef SDN_LOG_SOURCE
 #define SDN_LOG_SOURCE "app/ssc_kelim/sdn/ssc_kelim_flow_parse.cpp"
 

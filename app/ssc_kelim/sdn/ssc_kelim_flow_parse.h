@@ -1,23 +1,17 @@
-// Flow descriptions: from received bytes to a cached node, and from a node to the members of records and back.
+// Parsing a flow-mod: from received bytes to a cached node.
 //
 // Parsing never rejects a flow: what is not understood is logged, what was understood before it is kept. Received bytes are not
 // trusted: every walk ends where the message ends.
 //
 // Thread: main SDN thread.
-// Ownership: the address sub-messages of a record are allocated with ssc_sdn_malloc and released by the ssc_sdn_free_* calls,
-// guided by the record's own bitmap. MAC and IPv6 bytes are borrowed from the node: the record has to be written before the node
-// goes. Results: 0; -2 out of memory, with everything undone; -4 nothing to parse.
 #pragma once
 
 #include <cstdint>
 
-#include "s_policy_kelim.pb-c.h"
 #include "ssc_kelim/sdn/flow_node.h"
 
-// ---- parsing
-
-// Reads the match (OpenFlow 1.3.5, 7.2.3) of the flow-mod at `flow`, node->raw_len bytes, into `node`. -4 for a null node or a
-// flow without instruction block; `node` is untouched then.
+// Reads the match (OpenFlow 1.3.5, 7.2.3) of the flow-mod at `flow`, node->raw_len bytes, into `node`. 0, or -4 for a null
+// node or a flow without instruction block; `node` is then untouched.
 std::int32_t ssc_kelim_parse_flow_rule_para(const void *flow, flow_info_node *node);
 
 // Reads the actions (OpenFlow 1.3.5, 7.2.5) the same way.
@@ -29,59 +23,3 @@ std::uint32_t ssc_sdn_get_key_field_len(std::uint32_t oxm_header);
 // The same for the dump of flows, which knows fewer fields: -1 for the others. Prints "tlv_len: %d, " with its result. Any
 // thread.
 std::int32_t libproxy_fp_sdn_get_key_field_len(std::uint32_t oxm_header);
-
-// ---- node to the record of a service-chain flow
-
-// Hangs `field` and `action`, made from `node`, on the record.
-std::int32_t ssc_sdn_parse_flow_ace_field_act_convert(SPolicyKelim__ParseFlow *parse_flow, const flow_info_node *node);
-
-// Fill the members of one bit of flow_field_e or flow_action_e; *error becomes 1 when memory is short.
-void ssc_sdn_parse_flow_ace_field_convert(SPolicyKelim__FlowField *field, std::uint32_t bit, const flow_info_node *node,
-                                          int *error);
-void ssc_sdn_parse_flow_ace_action_convert(SPolicyKelim__FlowAction *action, std::uint32_t bit, const flow_info_node *node,
-                                           int *error);
-
-// ---- node to the record of an installed flow
-
-// Hangs flow_field, flow_action and the access-control entries (as many as flow->n_ace says; the first one carries the flow) on
-// the record and sets the length of flow_data. Borrows from `node`.
-std::int32_t ssc_sdn_ace_field_act_convert(SPolicyKelim__Flow *flow, const flow_info_node *node);
-
-// Fill the members of one bit of flow_ace_rule_e or flow_ace_action_e; *error becomes 1 when memory is short.
-void ssc_sdn_ace_field_convert(SPolicyKelim__FlowAceField *field, std::uint32_t bit, const flow_info_node *node, int *error);
-void ssc_sdn_ace_action_convert(SPolicyKelim__FlowAceAction *action, std::uint32_t bit, const flow_info_node *node, int *error);
-
-// ---- whole messages
-
-// Set the message's bitmap from the node's and fill the members of every bit of it, ascending. The bit at which memory ran out,
-// or -1.
-int ssc_sdn_fill_flow_field(SPolicyKelim__FlowField *field, const flow_info_node *node);
-int ssc_sdn_fill_flow_action(SPolicyKelim__FlowAction *action, const flow_info_node *node);
-int ssc_sdn_fill_ace_field(SPolicyKelim__FlowAceField *field, const flow_info_node *node);  // in_port_ifx as well
-int ssc_sdn_fill_ace_action(SPolicyKelim__FlowAceAction *action, const flow_info_node *node);
-
-// ---- stored access-control entry to node
-
-// Copy the members of one bit into `node`. False, with nothing copied, when the entry lacks an address that the bit stands for
-// (or carries one of the wrong length).
-bool ssc_kelim_get_flow_to_ace_field(flow_info_node *node, const SPolicyKelim__FlowAce *ace, std::uint32_t bit);
-bool ssc_kelim_get_flow_to_ace_action(flow_info_node *node, const SPolicyKelim__FlowAce *ace, std::uint32_t bit);
-
-// Do so for every bit of the entry's bitmap, which `node` takes over. The bit that failed, or -1. An entry without match or
-// actions has none of their bits.
-int ssc_sdn_read_back_ace_field(flow_info_node *node, const SPolicyKelim__FlowAce *ace);  // in_port_ifx as well
-int ssc_sdn_read_back_ace_action(flow_info_node *node, const SPolicyKelim__FlowAce *ace);
-
-// ---- releasing what a conversion allocated
-
-void ssc_sdn_free_field_ip_mac(SPolicyKelim__FlowField *field);
-void ssc_sdn_free_action_mac(SPolicyKelim__FlowAction *action);
-void ssc_sdn_free_ace_field_ip_mac(SPolicyKelim__FlowAceField *field);
-void ssc_sdn_free_ace_action_mac(SPolicyKelim__FlowAceAction *action);
-
-// Everything that a successful ssc_sdn_ace_field_act_convert, or ssc_sdn_parse_flow_ace_field_act_convert, hung on the record.
-void ssc_sdn_free_flow_members(SPolicyKelim__Flow *flow);
-void ssc_sdn_free_parse_flow_members(SPolicyKelim__ParseFlow *parse_flow);
-
-// True on a big-endian host, where the 16 bits of a VLAN id lie in the other half of its 32-bit word.
-bool ssc_sdn_check_memcpy_reverse();

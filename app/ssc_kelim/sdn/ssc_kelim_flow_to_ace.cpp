@@ -14,8 +14,8 @@
 #include "ssc_kelim/sdn/flow_members.h"
 #include "ssc_kelim/sdn/flow_walk.h"
 #include "ssc_kelim/sdn/oxm_table.h"
+#include "ssc_kelim/sdn/ssc_kelim_flow_convert.h"
 #include "ssc_kelim/sdn/ssc_kelim_flow_db.h"
-#include "ssc_kelim/sdn/ssc_kelim_flow_parse.h"
 #include "ssc_kelim/sdn/ssc_kelim_mom.h"
 #include "ssc_kelim/sdn/ssc_kelim_msg_to_ssd.h"
 
