@@ -12,30 +12,6 @@
 #include "kelim/common/kelim_debug.h"
 #include "qx_runtime.h"
 
-// Slots of libproxy_sdn_op_cnt.
-enum libproxy_sdn_op : unsigned {
-  PROXY_OP_CONNECT = 0,
-  PROXY_OP_CONFIG = 1,
-  PROXY_OP_FLOW_ADD = 2,
-  PROXY_OP_FLOW_DEL = 3,
-  PROXY_OP_METER_ADD = 4,
-  PROXY_OP_METER_DEL = 5,
-  PROXY_OP_OPEN = 6,
-  PROXY_OP_CLOSE = 7,
-  PROXY_OP_DEL_ALL_FLOW = 8,
-  PROXY_OP_DS_START = 9,
-  PROXY_OP_DS_END = 10,
-  PROXY_OP_PKT_START = 11,
-  PROXY_OP_PKT_END = 12,
-  PROXY_OP_FETCH = 13,
-  PROXY_OP_STATISTIC = 14,
-  PROXY_OP_ONC_ADD = 15,
-  PROXY_OP_ONC_DEL = 16,
-  PROXY_OP_BARRIER = 17,
-  PROXY_OP_DEL_ALL = 18,
-  PROXY_OP_CAPACITY = 19,
-};
-
 // Version and table property of the latest open message, 0 before the first; failure replies of this layer carry them (as 16
 // bits).
 extern kelim::Word<std::uint32_t> g_lib_fp_sdn_vers;

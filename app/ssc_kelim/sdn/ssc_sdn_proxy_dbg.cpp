@@ -8,7 +8,6 @@
 #include "ssc_kelim/sdn/flow_walk.h"
 #include "ssc_kelim/sdn/southbound_read.h"
 #include "ssc_kelim/sdn/ssc_kelim_flow_parse.h"
-#include "ssc_kelim/sdn/ssc_sdn_proxy.h"
 
 namespace {
 

@@ -223,7 +223,7 @@ void ssc_sdn_dbg_msg(const void *bytes, std::int64_t length);
 
 // ---- operation counters
 
-// First slot of each group of three; the group's slots are received, handled (or replied) and failed.
+// First slot of each group of three in sdn_opt_cnt; the group's slots are received, handled (or replied) and failed.
 enum sdn_opt_group : unsigned {
   SDN_OPT_FLOW_ADD = 0,
   SDN_OPT_FLOW_DEL = 3,
@@ -242,8 +242,32 @@ enum sdn_opt_group : unsigned {
 };
 inline constexpr unsigned SDN_OPT_RECEIVED = 0, SDN_OPT_HANDLED = 1, SDN_OPT_FAILED = 2;
 
+// Slots of libproxy_sdn_op_cnt.
+enum libproxy_sdn_op : unsigned {
+  PROXY_OP_CONNECT = 0,
+  PROXY_OP_CONFIG = 1,
+  PROXY_OP_FLOW_ADD = 2,
+  PROXY_OP_FLOW_DEL = 3,
+  PROXY_OP_METER_ADD = 4,
+  PROXY_OP_METER_DEL = 5,
+  PROXY_OP_OPEN = 6,
+  PROXY_OP_CLOSE = 7,
+  PROXY_OP_DEL_ALL_FLOW = 8,
+  PROXY_OP_DS_START = 9,
+  PROXY_OP_DS_END = 10,
+  PROXY_OP_PKT_START = 11,
+  PROXY_OP_PKT_END = 12,
+  PROXY_OP_FETCH = 13,
+  PROXY_OP_STATISTIC = 14,
+  PROXY_OP_ONC_ADD = 15,
+  PROXY_OP_ONC_DEL = 16,
+  PROXY_OP_BARRIER = 17,
+  PROXY_OP_DEL_ALL = 18,
+  PROXY_OP_CAPACITY = 19,
+};
+
 inline kelim::Word<std::uint64_t> sdn_opt_cnt[48];          // the daemon's
-inline kelim::Word<std::uint64_t> libproxy_sdn_op_cnt[20];  // the southbound layer's, see ssc_sdn_proxy.h
+inline kelim::Word<std::uint64_t> libproxy_sdn_op_cnt[20];  // the southbound layer's
 
 // ---- timing records
 
