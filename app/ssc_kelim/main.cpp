@@ -16,6 +16,7 @@
 #include "ssc_kelim/sdn/ssc_kelim_flow_to_ace.h"
 #include "ssc_kelim/sdn/ssc_kelim_init.h"
 #include "ssc_kelim/sdn/ssc_kelim_msg_to_ssd.h"
+#include "ssc_kelim/sdn/ssc_kelim_replies.h"
 #include "ssc_kelim/sdn/ssc_sdn_proxy.h"
 #include "ssc_kelim/sdn/ssc_sdn_proxy_dbg.h"
 

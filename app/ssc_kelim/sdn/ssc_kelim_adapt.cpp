@@ -24,8 +24,6 @@ ssc_kelim_fp_handler_fn ssc_kelim_fp_handler[17] = {
 
 namespace {
 
-kelim::Word<std::uint16_t> g_sdn_vers, g_sdn_tbl_pro;
-
 constexpr std::int32_t kDefaultCells = 100;
 constexpr std::uint32_t kSendPeriodMs = 5000;
 constexpr std::uint16_t kReportVersion = 4;
@@ -163,19 +161,6 @@ void ssc_kelim_on_acl_fail(void) {
   SDN_ERROR("g_acl_fail = %u.", failures);
 }
 
-std::uint16_t ssc_sdn_get_sdn_vers() {
-  return g_sdn_vers;
-}
-void ssc_sdn_set_sdn_vers(std::uint16_t version) {
-  g_sdn_vers = version;
-}
-std::uint16_t ssc_sdn_get_sdn_tbl_pro() {
-  return g_sdn_tbl_pro;
-}
-void ssc_sdn_set_sdn_tbl_pro(std::uint16_t table_property) {
-  g_sdn_tbl_pro = table_property;
-}
-
 void ssc_sdn_flow_to_ace_sta(const SPolicyKelim__FlowSta *sta) {
   if (!sta->index) return;
   const flow_info_key key{sta->index->flow_index, sta->index->vsd_id, 0};
@@ -246,8 +231,6 @@ std::int32_t ssc_kelim_pack_send_task_init() {
 
 void ssc_kelim_adapt_reset_for_tests() {
   g_apply_fail = g_ace_fail = g_acl_fail = 0;
-  g_sdn_vers = 0;
-  g_sdn_tbl_pro = 0;
   {
     const kelim::Lock lock(g_ssc_sdn_pack_max_cell_num_mutex);
     g_ssc_sdn_pack_max_cell_num = kDefaultCells;

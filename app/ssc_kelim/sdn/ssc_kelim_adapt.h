@@ -1,8 +1,8 @@
-// What the switch reports back: counters of failed programming, the status of service-chain flows, protocol version and table
-// property of the controller connection, and the packed report of counter changes.
+// What the switch reports back: counters of failed programming, the status of service-chain flows, and the packed report of
+// counter changes.
 //
 // Threads: cells are added on the main SDN thread; the packed reports leave on a thread of their own, "ssc_kelim_pack_task". The
-// failure callbacks and the two connection values may be used from any thread.
+// failure callbacks may be called from any thread.
 #pragma once
 
 #include <atomic>
@@ -25,13 +25,6 @@ void ssc_kelim_on_acl_fail(void);
 using ssc_kelim_fp_handler_fn = void (*)(void);
 extern ssc_kelim_fp_handler_fn ssc_kelim_fp_handler[17];
 }
-
-// ---- protocol version and table property, echoed in every reply; 0 until an open message sets them
-
-std::uint16_t ssc_sdn_get_sdn_vers();
-void ssc_sdn_set_sdn_vers(std::uint16_t version);
-std::uint16_t ssc_sdn_get_sdn_tbl_pro();
-void ssc_sdn_set_sdn_tbl_pro(std::uint16_t table_property);
 
 // ---- status of service-chain flows; main SDN thread
 
@@ -64,6 +57,6 @@ std::int32_t ssc_sdn_pack_msg(const ssc_sdn_pack_cell *cell);
 // Starts the sending thread, once. 0, or -17.
 std::int32_t ssc_kelim_pack_send_task_init();
 
-// For tests only: zeroes counters and connection values, drops unsent reports, restores the cell maximum. The sending thread goes
+// For tests only: zeroes counters, drops unsent reports, restores the cell maximum. The sending thread goes
 // on.
 void ssc_kelim_adapt_reset_for_tests();

@@ -12,8 +12,8 @@
 #include "ssc_kelim/sdn/ssc_kelim_flow_db.h"
 #include "ssc_kelim/sdn/ssc_kelim_flow_to_ace.h"
 #include "ssc_kelim/sdn/ssc_kelim_mom.h"
+#include "ssc_kelim/sdn/ssc_kelim_replies.h"
 #include "ssc_kelim/sdn/ssc_sdn_msg_queue.h"
-#include "ssc_kelim/sdn/ssc_sdn_proxy.h"
 
 namespace {
 
@@ -27,10 +27,6 @@ std::uint64_t now_us() {
 
 bool is_service_chain(const flow_info_node &node) {
   return node.exp_app_type == southbound::kServiceChainAppType;
-}
-
-bool is_out_of_resources(std::int32_t code) {
-  return code == S_POLICY_KELIM__STATUS_E__STATUS_RESOURCE || code == -S_POLICY_KELIM__STATUS_E__STATUS_RESOURCE;
 }
 
 bool matches_vlan_id(const flow_info_node &node) {
@@ -226,26 +222,4 @@ std::int32_t ssc_sdn_del_flow_to_sta(std::uint64_t flow_index, std::uint32_t vsd
 std::int32_t ssc_sdn_del_app_records(std::uint64_t flow_index, std::uint32_t vsd_id) {
   const std::int32_t rv = ssc_sdn_del_parse_flow(flow_index, vsd_id);
   return rv | ssc_sdn_del_flow_to_sta(flow_index, vsd_id, southbound::kServiceChainAppType);
-}
-
-void sdn_send_flow_ret_val_2_proxy(std::uint32_t /*vsd_id*/, std::uint64_t flow_index, std::int32_t ret_val) {
-  std::byte reply[southbound::kFlowResultLen] = {};
-  const std::uint16_t version = ssc_sdn_get_sdn_vers();
-  southbound::put_header(reply, southbound::kFlowResult, version, sizeof reply, ssc_sdn_get_sdn_tbl_pro());
-  southbound::put(reply, southbound::kFlowIndex, flow_index);
-  southbound::put(reply, southbound::kFlowResultCode,
-                  is_out_of_resources(ret_val) ? southbound::kResultResource : southbound::kResultFailed);
-  SDN_ERROR("send flow error msg to PI, dune to op flow failed,flow_index = %lu, ret_val = %d, version = %d\n", flow_index,
-            ret_val, version);
-  libproxy_fp_sdn_send_ret_val(reply, sizeof reply);
-}
-
-void sdn_send_meter_ret_val_2_proxy(std::uint32_t /*vsd_id*/, std::uint32_t meter_id, std::int32_t ret_val) {
-  std::byte reply[southbound::kMeterResultLen] = {};
-  southbound::put_header(reply, southbound::kMeterResult, ssc_sdn_get_sdn_vers(), sizeof reply, ssc_sdn_get_sdn_tbl_pro());
-  southbound::put(reply, southbound::kMeterResultId, meter_id);
-  southbound::put<std::uint32_t>(reply, southbound::kMeterResultCode, is_out_of_resources(ret_val) ? 0 : 1);
-  SDN_ERROR("send meter error msg to PI, dune to op meter failed,meter_id = %u, ret_val = %d\n", meter_id, ret_val);
-  libproxy_fp_sdn_send_ret_val(reply, sizeof reply);
-  sdn_opt_cnt[SDN_OPT_METER_ADD + SDN_OPT_FAILED]++;
 }

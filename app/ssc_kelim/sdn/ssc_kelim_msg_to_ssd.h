@@ -1,4 +1,4 @@
-// The handlers: what becomes of a request on the main SDN thread, and the replies that leave from there.
+// The handlers: what becomes of a request on the main SDN thread.
 //
 // Every handler owns the data of the node that it gets and releases it; the node itself belongs to the handler list. Flow
 // handlers get a flow job, meter handlers a meter item, the others the plain copy of the message (delete-all, data-sync start and
@@ -36,17 +36,10 @@ std::int32_t ssc_sdn_del_flow_to_sta(std::uint64_t flow_index, std::uint32_t vsd
 // Delete both records of a service-chain flow there, whatever becomes of the first. 0, or -11.
 std::int32_t ssc_sdn_del_app_records(std::uint64_t flow_index, std::uint32_t vsd_id);
 
-// Tells the controller side that a flow failed. The code itself stays here: 14 and -14 become "out of resources", everything else
-// "failed". Any thread.
-void sdn_send_flow_ret_val_2_proxy(std::uint32_t vsd_id, std::uint64_t flow_index, std::int32_t ret_val);
-
 // ---- meters
 
 void ssc_sdn_add_meter_handler(libss_pthrd_hdl *hdl);
 void ssc_sdn_del_meter_handler(libss_pthrd_hdl *hdl);
-
-// Tells the controller side that a meter failed: result 0 for 14 and -14, 1 for every other code. Any thread.
-void sdn_send_meter_ret_val_2_proxy(std::uint32_t vsd_id, std::uint32_t meter_id, std::int32_t ret_val);
 
 // ---- controller connection
 
@@ -59,9 +52,6 @@ std::int32_t ssc_sdn_proc_enable_msg(std::uint32_t vsd_id, const void *msg);
 // ---- barriers
 
 void ssc_sdn_add_barrier_handler(libss_pthrd_hdl *hdl);
-
-// Answers the 24-byte barrier request.
-void ssc_sdn_reply_barrier_request(const void *request);
 
 // The copy of the latest request that was answered without waiting; null before the first. It stays until the next one replaces
 // it, for diagnostics.

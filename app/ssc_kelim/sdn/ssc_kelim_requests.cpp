@@ -8,7 +8,6 @@
 
 #include "kelim/common/kelim_debug.h"
 #include "libss_pthrd.h"
-#include "of_ss.h"
 #include "qx_mom.h"
 #include "s_cluster.pb-c.h"
 #include "southbound.h"
@@ -19,8 +18,8 @@
 #include "ssc_kelim/sdn/ssc_kelim_init.h"
 #include "ssc_kelim/sdn/ssc_kelim_mom.h"
 #include "ssc_kelim/sdn/ssc_kelim_msg_to_ssd.h"
+#include "ssc_kelim/sdn/ssc_kelim_replies.h"
 #include "ssc_kelim/sdn/ssc_sdn_msg_queue.h"
-#include "ssc_kelim/sdn/ssc_sdn_proxy.h"
 
 #undef SDN_LOG_SOURCE
 #define SDN_LOG_SOURCE "app/ssc_kelim/sdn/ssc_kelim_msg_to_ssd.cpp"
@@ -61,32 +60,10 @@ void process_connection_msg(libss_pthrd_hdl *hdl, unsigned slot, unsigned group,
   sdn_opt_cnt[group + SDN_OPT_HANDLED]++;
 }
 
-// ---- barriers
-
-void trace_barrier(const void *request, const char *caller) {
-  SDN_BARRIER_LINE_AS(caller, "type:%d, ver:%d, len:%d, table:%d, conn_id:%d, xid:%d, conn_ip:0x%x.",
-                      get<std::uint16_t>(request, southbound::kType), get<std::uint16_t>(request, southbound::kVer),
-                      get<std::uint16_t>(request, southbound::kLen), get<std::uint16_t>(request, southbound::kTable),
-                      get<std::uint8_t>(request, southbound::kBarrierConnId),
-                      get<std::uint32_t>(request, southbound::kBarrierXid),
-                      get<std::uint32_t>(request, southbound::kBarrierConnIp));
-}
-
 // ---- statistics
 
 void count_statistic_failure() {
   sdn_opt_cnt[SDN_OPT_STATISTIC + SDN_OPT_FAILED]++;
-}
-
-// The running totals, not the last change.
-void send_statistic(const SPolicyKelim__FlowCounter &counter, std::uint64_t flow_index) {
-  std::byte reply[southbound::kStatReplyLen] = {};
-  southbound::put_header(reply, southbound::kStatReply, ssc_sdn_get_sdn_vers(), sizeof reply, ssc_sdn_get_sdn_tbl_pro());
-  southbound::put(reply, southbound::kStatIndex, flow_index);
-  southbound::put(reply, southbound::kStatPackets, counter.packet_sum);
-  southbound::put(reply, southbound::kStatBytes, counter.byte_sum);
-  libproxy_fp_sdn_send_ret_val(reply, sizeof reply);
-  sdn_opt_cnt[SDN_OPT_STATISTIC + SDN_OPT_HANDLED]++;
 }
 
 struct free_obj {
@@ -112,7 +89,7 @@ int ssc_sdn_statistic_get_all_cnt_cb(const qx_obj *reply, void *) {
     SDN_VER("msg->value == NULL\n");
     return -4;
   }
-  if (reply->cmd == QX_MOM_CMD_SET) send_statistic(*counter, counter->index->flow_index);
+  if (reply->cmd == QX_MOM_CMD_SET) ssc_sdn_reply_statistic(counter->index->flow_index, counter->packet_sum, counter->byte_sum);
   return 0;
 }
 
@@ -252,7 +229,7 @@ std::int32_t ssc_sdn_proc_enable_msg(std::uint32_t vsd_id, const void *msg) {
 
 void ssc_sdn_add_barrier_handler(libss_pthrd_hdl *hdl) {
   auto request = handler_run::take<handler_run::message>(hdl);
-  trace_barrier(request.get(), __func__);
+  ssc_sdn_trace_barrier(request.get(), __func__);
   if (ssc_sdn_msg_queue_empty()) {
     ssc_sdn_reply_barrier_request(request.get());
     // Deliberate: the latest request that was answered at once stays, for diagnostics.
@@ -261,19 +238,6 @@ void ssc_sdn_add_barrier_handler(libss_pthrd_hdl *hdl) {
   }
   ssc_sdn_msg_queue_alloc_barrier_msg_node(request.get());
   ssc_sdn_msg_queue_traverse_pop_msg_node();
-}
-
-void ssc_sdn_reply_barrier_request(const void *request) {
-  if (!request) {
-    SDN_ERROR(" barrier is null !");
-    return;
-  }
-  trace_barrier(request, __func__);
-  std::byte reply[southbound::kBarrierLen];
-  std::memcpy(reply, request, sizeof reply);
-  southbound::put<std::uint16_t>(reply, southbound::kType, southbound::kBarrierReply);
-  of_ss_send_msg(reply, sizeof reply);
-  sdn_opt_cnt[SDN_OPT_BARRIER + SDN_OPT_HANDLED]++;
 }
 
 // ---- statistics
@@ -291,7 +255,8 @@ std::int32_t ssc_sdn_statistic_get_val(const void *request) {
     return 0;
   }
   if (const obj_ptr counter = get_counter(flow_index)) {
-    send_statistic(*static_cast<const SPolicyKelim__FlowCounter *>(counter->value), flow_index);
+    const auto &record = *static_cast<const SPolicyKelim__FlowCounter *>(counter->value);
+    ssc_sdn_reply_statistic(flow_index, record.packet_sum, record.byte_sum);
     return 0;
   }
   // Deliberate: no reply. Who asked knows that a flow without counters has none.

@@ -8,7 +8,7 @@
 #include "kelim/common/kelim_debug.h"
 #include "southbound.h"
 #include "ssc_kelim/sdn/ssc_kelim_ds_stage.h"
-#include "ssc_kelim/sdn/ssc_kelim_msg_to_ssd.h"
+#include "ssc_kelim/sdn/ssc_kelim_replies.h"
 
 ssc_sdn_msg_queue_link g_ssc_sdn_msg_queue = {&g_ssc_sdn_msg_queue, &g_ssc_sdn_msg_queue};
 

@@ -2,21 +2,20 @@
 
 #include <cstring>
 
+#include "kelim/common/kelim_debug.h"
 #include "of_ss.h"
 #include "southbound.h"
 #include "ssc_kelim/sdn/southbound_read.h"
 #include "ssc_kelim/sdn/ssc_kelim_init.h"
+#include "ssc_kelim/sdn/ssc_kelim_replies.h"
 #include "ssc_kelim/sdn/ssc_sdn_proxy_dbg.h"
 
-kelim::Word<std::uint32_t> g_lib_fp_sdn_vers{0};
-kelim::Word<std::uint32_t> g_lib_fp_sdn_tbl_pro{0};
 std::atomic<std::uint32_t> is_pi_connected_flag{0};
 std::atomic<std::uint32_t> is_framework_fetched_flag{0};
 
 namespace {
 
-constexpr std::uint32_t kVsd = 0;  // there is one virtual switch
-constexpr std::uint32_t kCapacityFlows = 600;
+constexpr std::uint32_t kVsd = 0;              // there is one virtual switch
 constexpr std::uint32_t kPacketSignalLen = 8;  // told to the intake whatever the header says
 
 bool g_registered = false;
@@ -35,48 +34,13 @@ void log_failure(const char *name, std::int32_t rv) {
   if (rv != 0) SDN_LOG_AS(kelim::kProxyError, name, "libproxy_vdu_msg_to_ss fail:%d.", rv);
 }
 
-// ---- replies of this layer
-
-// A zeroed reply with its header, of the connection that was opened last.
-template <std::size_t Len>
-struct Reply {
-  explicit Reply(southbound::MsgType type) {
-    southbound::put_header(bytes, type, static_cast<std::uint16_t>(g_lib_fp_sdn_vers.load()), Len,
-                           static_cast<std::uint16_t>(g_lib_fp_sdn_tbl_pro.load()));
-  }
-  void send() const { of_ss_send_msg(bytes, Len); }
-
-  std::byte bytes[Len] = {};
-};
-
-void send_flow_failure(std::uint64_t flow_index) {
-  Reply<southbound::kFlowResultLen> reply(southbound::kFlowResult);
-  southbound::put(reply.bytes, southbound::kFlowIndex, flow_index);
-  southbound::put(reply.bytes, southbound::kFlowResultCode, southbound::kResultFailed);
-  reply.send();
-}
-
-void send_meter_failure(std::uint32_t meter_id) {
-  Reply<southbound::kMeterResultLen> reply(southbound::kMeterResult);
-  southbound::put(reply.bytes, southbound::kMeterResultId, meter_id);
-  southbound::put(reply.bytes, southbound::kMeterResultCode, southbound::kResultFailed);
-  reply.send();
-}
-
-void send_statistic_failure(std::uint64_t request_id) {
-  Reply<southbound::kStatReplyLen> reply(southbound::kStatReply);
-  southbound::put(reply.bytes, southbound::kStatIndex, request_id);
-  southbound::put(reply.bytes, southbound::kStatStatus, southbound::kResultFailed);
-  reply.send();
-}
-
 // ---- flows and meters
 
 void libproxy_fp_sdn_add_flow(const void *flow) {
   const auto flow_index = field<std::uint64_t>(flow, southbound::kFlowIndex);
   count(PROXY_OP_FLOW_ADD);
   PROXY_VER("add flow:%lu.", flow_index);
-  if (ssc_sdn_add_flow_msg(kVsd, flow, southbound::message_len(flow)) != 0) send_flow_failure(flow_index);
+  if (ssc_sdn_add_flow_msg(kVsd, flow, southbound::message_len(flow)) != 0) libproxy_fp_sdn_refuse_flow(flow_index);
 }
 
 void libproxy_fp_sdn_del_flow(const void *flow) {
@@ -88,7 +52,7 @@ void libproxy_fp_sdn_del_flow(const void *flow) {
 void libproxy_fp_sdn_add_meter(const void *meter, std::uint32_t meter_id) {
   count(PROXY_OP_METER_ADD);
   PROXY_VER("add meter:%d.", static_cast<int>(meter_id));
-  if (ssc_sdn_add_meter_msg(kVsd, meter, southbound::message_len(meter)) != 0) send_meter_failure(meter_id);
+  if (ssc_sdn_add_meter_msg(kVsd, meter, southbound::message_len(meter)) != 0) libproxy_fp_sdn_refuse_meter(meter_id);
 }
 
 void libproxy_fp_sdn_del_meter(const void *meter, std::uint32_t meter_id) {
@@ -186,7 +150,7 @@ int libproxy_fp_sdn_op_meter(void *msg) {
     libproxy_fp_sdn_del_meter(msg, meter_id);
   } else {
     PROXY_ERROR("not support meter mod");
-    send_meter_failure(meter_id);
+    libproxy_fp_sdn_refuse_meter(meter_id);
   }
   return 0;
 }
@@ -200,7 +164,7 @@ int libproxy_fp_sdn_statistic(void *msg) {
   PROXY_VER("sdn statistic.");
   const std::int32_t rv = ssc_sdn_statistic_msg(kVsd, msg, southbound::message_len(msg));
   log_failure(__func__, rv);
-  if (rv != 0) send_statistic_failure(field<std::uint64_t>(msg, southbound::kStatIndex));
+  if (rv != 0) libproxy_fp_sdn_refuse_statistic(field<std::uint64_t>(msg, southbound::kStatIndex));
   return 0;
 }
 
@@ -333,31 +297,9 @@ void libproxy_fp_sdn_ds_fetch() {
   announce_when_both_are_there();
 }
 
-// ---- towards the library
-
-// Deliberate: the notification carries neither version nor table property.
-std::int32_t libproxy_fp_sdn_flow_table_capacity_notify() {
-  constexpr std::size_t kOne = 8;
-  std::byte notice[southbound::kCapacityLen] = {};
-  count(PROXY_OP_CAPACITY);
-  southbound::put_header(notice, southbound::kCapacity, 0, sizeof notice, 0);
-  southbound::put(notice, kOne, std::uint32_t{1});
-  southbound::put(notice, southbound::kCapacityFlows, kCapacityFlows);
-  return of_ss_send_msg(notice, sizeof notice);
-}
-
-std::int32_t libproxy_fp_sdn_send_ret_val(const void *msg, std::uint32_t len) {
-  if (msg == nullptr) {
-    PROXY_ERROR("msg null.");
-    return -4;
-  }
-  return of_ss_send_msg(msg, len);
-}
-
 void libproxy_fp_sdn_reset_for_tests() {
+  ssc_kelim_replies_reset_for_tests();
   g_registered = false;
-  g_lib_fp_sdn_vers = 0;
-  g_lib_fp_sdn_tbl_pro = 0;
   is_pi_connected_flag = 0;
   is_framework_fetched_flag = 0;
 }
