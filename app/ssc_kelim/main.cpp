@@ -15,6 +15,7 @@
 #include "ssc_kelim/sdn/ssc_kelim_ds_stage.h"
 #include "ssc_kelim/sdn/ssc_kelim_flow_to_ace.h"
 #include "ssc_kelim/sdn/ssc_kelim_init.h"
+#include "ssc_kelim/sdn/ssc_kelim_mom.h"
 #include "ssc_kelim/sdn/ssc_kelim_msg_to_ssd.h"
 #include "ssc_kelim/sdn/ssc_kelim_replies.h"
 #include "ssc_kelim/sdn/ssc_sdn_proxy.h"

@@ -2,7 +2,7 @@
 #include "component/flow_world.h"
 #include "host/runtime/clock.h"
 #include "ssc_kelim/sdn/ssc_kelim_adapt.h"
-#include "ssc_kelim/sdn/ssc_kelim_init.h"
+#include "ssc_kelim/sdn/ssc_kelim_mom.h"
 #include "ssc_kelim/sdn/ssc_kelim_msg_to_ssd.h"
 #include "ssc_kelim/sdn/ssc_kelim_replies.h"
 

@@ -1,7 +1,7 @@
 // Data synchronisation and bulk removal, by the notifications that the programming service would see.
 #include "component/flow_world.h"
 #include "ssc_kelim/sdn/ssc_kelim_ds_stage.h"
-#include "ssc_kelim/sdn/ssc_kelim_init.h"
+#include "ssc_kelim/sdn/ssc_kelim_mom.h"
 
 namespace {
 

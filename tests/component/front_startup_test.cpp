@@ -13,6 +13,7 @@
 #include "host/runtime/services.h"
 #include "ssc_kelim/main.h"
 #include "ssc_kelim/sdn/ssc_kelim_init.h"
+#include "ssc_kelim/sdn/ssc_kelim_mom.h"
 
 int ssc_kelim_main();  // the daemon's main, renamed
 

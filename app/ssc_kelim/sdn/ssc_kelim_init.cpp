@@ -10,12 +10,12 @@
 #include "ssc_kelim/sdn/southbound_read.h"
 #include "ssc_kelim/sdn/ssc_kelim_adapt.h"
 #include "ssc_kelim/sdn/ssc_kelim_flow_db.h"
+#include "ssc_kelim/sdn/ssc_kelim_mom.h"
 #include "ssc_kelim/sdn/ssc_kelim_msg_to_ssd.h"
 #include "ssc_kelim/sdn/ssc_kelim_replies.h"
 #include "ssc_kelim/sdn/ssc_sdn_msg_queue.h"
 #include "ssc_kelim/sdn/ssc_sdn_proxy.h"
 
-qx_global *g_ssc_kelim_global = nullptr;
 libss_pthrd_mst *ssc_sdn_mst = nullptr;
 
 // ---- intakes

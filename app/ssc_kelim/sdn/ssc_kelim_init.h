@@ -12,9 +12,6 @@
 #include "libss_pthrd.h"
 #include "qx_runtime.h"
 
-// The process's runtime; null until start-up has created it. Main SDN thread.
-extern qx_global *g_ssc_kelim_global;
-
 // The list that the event timer drains. Created once, before the callbacks are registered.
 extern libss_pthrd_mst *ssc_sdn_mst;
 

@@ -12,6 +12,8 @@
 #undef SDN_LOG_SOURCE
 #define SDN_LOG_SOURCE "app/ssc_kelim/sdn/ssc_kelim_msg_to_ssd.cpp"
 
+qx_global *g_ssc_kelim_global = nullptr;
+
 namespace {
 
 constexpr std::uint32_t kExpireMs = 100;

@@ -11,7 +11,11 @@
 #include <cstdint>
 
 #include "qx_mom.h"
+#include "qx_runtime.h"
 #include "s_policy_kelim.pb-c.h"
+
+// The process's runtime, which is the client handle of every database too; null until start-up has created it.
+extern qx_global *g_ssc_kelim_global;
 
 // Overwrite tags: which records a finished data synchronisation removes.
 enum ssc_kelim_ow : std::int64_t {

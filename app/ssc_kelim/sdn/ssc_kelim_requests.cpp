@@ -15,7 +15,6 @@
 #include "ssc_kelim/sdn/handler_run.h"
 #include "ssc_kelim/sdn/ssc_kelim_adapt.h"
 #include "ssc_kelim/sdn/ssc_kelim_flow_to_ace.h"
-#include "ssc_kelim/sdn/ssc_kelim_init.h"
 #include "ssc_kelim/sdn/ssc_kelim_mom.h"
 #include "ssc_kelim/sdn/ssc_kelim_msg_to_ssd.h"
 #include "ssc_kelim/sdn/ssc_kelim_replies.h"
