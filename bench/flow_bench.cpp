@@ -25,6 +25,7 @@
 #include "ssc_kelim/sdn/ssc_kelim_init.h"
 #include "ssc_kelim/sdn/ssc_kelim_mom.h"
 #include "ssc_kelim/sdn/ssc_kelim_msg_to_ssd.h"
+#include "ssc_kelim/sdn/ssc_kelim_removal.h"
 #include "ssc_kelim/sdn/ssc_sdn_msg_queue.h"
 
 namespace {

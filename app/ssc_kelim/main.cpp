@@ -12,7 +12,7 @@
 #include "rdnd_lib.h"
 #include "s_policy_kelim.pb-c.h"
 #include "ssc_kelim/sdn/ssc_kelim_adapt.h"
-#include "ssc_kelim/sdn/ssc_kelim_ds_stage.h"
+#include "ssc_kelim/sdn/ssc_kelim_data_sync.h"
 #include "ssc_kelim/sdn/ssc_kelim_flow_to_ace.h"
 #include "ssc_kelim/sdn/ssc_kelim_init.h"
 #include "ssc_kelim/sdn/ssc_kelim_mom.h"

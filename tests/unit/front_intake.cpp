@@ -9,6 +9,7 @@
 #include "host/of_ss/testing.h"
 #include "kelim/common/kelim_debug.h"
 #include "southbound.h"
+#include "ssc_kelim/sdn/ssc_kelim_data_sync.h"
 #include "ssc_kelim/sdn/ssc_kelim_init.h"
 #include "ssc_kelim/sdn/ssc_kelim_msg_to_ssd.h"
 #include "ssc_kelim/sdn/ssc_sdn_proxy.h"

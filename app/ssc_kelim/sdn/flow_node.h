@@ -5,6 +5,8 @@
 
 #include <cstdint>
 
+#include "southbound.h"
+
 // The key as hashed and compared: all 16 bytes, so `filler` has to be 0 in every key that is built for a lookup.
 struct flow_info_key {
   std::uint64_t flow_index;
@@ -29,7 +31,7 @@ struct flow_description {
   std::uint16_t dport, dport_mask;
   std::uint16_t next_header, next_header_mask;  // IPv6 extension headers
   std::uint32_t in_port;
-  std::uint32_t exp_app_type;   // 3: a service-chain flow, translated into access-control entries by its application
+  std::uint32_t exp_app_type;   // see is_service_chain
   std::uint32_t vid, vid_mask;  // 16-bit values
   std::uint32_t src_ipv4, src_ipv4_mask;
   std::uint32_t dst_ipv4, dst_ipv4_mask;
@@ -61,3 +63,8 @@ struct flow_info_node : flow_info_key, flow_description {
 
 static_assert(sizeof(flow_info_key) == 16 && sizeof(flow_description) == 192 && sizeof(flow_info_node) == 264,
               "a million of them: keep the node free of avoidable padding");
+
+// Translated into access-control entries by its application.
+inline bool is_service_chain(const flow_description &flow) {
+  return flow.exp_app_type == southbound::kServiceChainAppType;
+}

@@ -170,7 +170,7 @@ void ssc_sdn_flow_to_ace_sta(const SPolicyKelim__FlowSta *sta) {
     return;
   }
   SDN_VER("exp_app_type:%d", node->exp_app_type);
-  if (node->exp_app_type != southbound::kServiceChainAppType) {
+  if (!is_service_chain(*node)) {
     SDN_VER("flow is not sc. flow index:%lu, vsd_id:%d", key.flow_index, key.vsd_id);
     return;
   }

@@ -1,8 +1,6 @@
-// Where a data synchronisation stands.
+// Where a data synchronisation stands: a record that the queue reads and ssc_kelim_data_sync moves on.
 //
-// At its start every flow and meter record is put on a short expiry. Flows that are written again survive with their tag; the
-// rest of a kind is deleted by tag once the end has been signalled and the kind's queued work has drained. Kind 0 are the flows
-// written from flow-mods (tag 1), kind 1 those written from service-chain applications' answers (tag 2).
+// Kind 0 are the flows written from flow-mods (tag 1), kind 1 those written from service-chain applications' answers (tag 2).
 //
 // Thread: main SDN thread.
 #pragma once
@@ -21,7 +19,3 @@ extern ssc_ds_stage g_ssc_ds_stage;
 
 // Non-zero `init`: back to the initial state. 0: ends the synchronisation when both kinds are finished.
 void ssc_sdn_ds_stage_init_or_check(std::uint8_t init);
-
-// A queued flow of `kind` has progressed: marks its queue node as set and, when the kind's work has drained, cleans the kind up.
-// Does nothing outside a synchronisation or for a finished kind.
-void ssc_sdn_update_ds_node_and_check(std::uint64_t msg_id, std::uint32_t kind);

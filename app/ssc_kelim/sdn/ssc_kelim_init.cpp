@@ -9,6 +9,7 @@
 #include "southbound.h"
 #include "ssc_kelim/sdn/southbound_read.h"
 #include "ssc_kelim/sdn/ssc_kelim_adapt.h"
+#include "ssc_kelim/sdn/ssc_kelim_data_sync.h"
 #include "ssc_kelim/sdn/ssc_kelim_flow_db.h"
 #include "ssc_kelim/sdn/ssc_kelim_mom.h"
 #include "ssc_kelim/sdn/ssc_kelim_msg_to_ssd.h"

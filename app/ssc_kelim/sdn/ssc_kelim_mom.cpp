@@ -1,14 +1,8 @@
-// Access to the object database. Its log lines belong to ssc_kelim_msg_to_ssd.cpp, like those of all handlers.
 #include "ssc_kelim/sdn/ssc_kelim_mom.h"
 
 #include "kelim/common/kelim_debug.h"
-#include "southbound.h"
-#include "ssc_kelim/sdn/flow_members.h"
-#include "ssc_kelim/sdn/ssc_kelim_flow_db.h"
-#include "ssc_kelim/sdn/ssc_kelim_init.h"
-#include "ssc_kelim/sdn/ssc_kelim_msg_to_ssd.h"
-#include "ssc_kelim/sdn/ssc_sdn_msg_queue.h"
 
+// The log knows the database access as part of the handlers.
 #undef SDN_LOG_SOURCE
 #define SDN_LOG_SOURCE "app/ssc_kelim/sdn/ssc_kelim_msg_to_ssd.cpp"
 
@@ -17,66 +11,6 @@ qx_global *g_ssc_kelim_global = nullptr;
 namespace {
 
 constexpr std::uint32_t kExpireMs = 100;
-
-// Deletes one flow that a scan came across, with its cache node. `arg` is the virtual switch that is being emptied.
-int flow_scan_del_cb(const qx_obj *reply, void *arg) {
-  SDN_VER("ENTER");
-  const auto *flow = static_cast<const SPolicyKelim__Flow *>(reply->value);
-  const auto *vsd_id = static_cast<const std::uint32_t *>(arg);
-  if (!vsd_id || !flow || !flow->index || flow->index->vsd_id != *vsd_id) return 0;
-  const std::uint64_t flow_index = flow->index->flow_index;
-  const flow_info_key key{flow_index, *vsd_id, 0};
-  flow_info_node *node = ssc_kelim_find_flow_node(&key);
-  if (!node) {
-    SDN_ERROR("flow node del failed.flow_index:%lu, vsd_id:%d", flow_index, *vsd_id);
-    return -7;
-  }
-  SDN_VER("mom_del flow_entry vsd:%d index:%lu", *vsd_id, flow_index);
-  std::int32_t rv = 0;
-  if (node->exp_app_type == southbound::kServiceChainAppType) {
-    // Deliberate: the flow record stays here; the application's answer to the deletion takes it away.
-    rv = ssc_sdn_del_app_records(flow_index, *vsd_id);
-  } else {
-    rv = ssc_kelim_mom_del(&flow->base);
-  }
-  rv |= ssc_kelim_del_flow_node(node);
-  if (rv != 0) SDN_ERROR("ssc sdn del flow FAIL! flow_index:%lu, vsd_id:%d", flow_index, *vsd_id);
-  SDN_VER("LEAVE");
-  return rv;
-}
-
-int meter_scan_del_cb(const qx_obj *reply, void *arg) {
-  const auto *holder = static_cast<const qx_mom_hash_value *>(reply->value);
-  if (!holder) {
-    SDN_ERROR("msg->value is NULL. msg->cmd:%d msg->flag:%d  \n", reply->cmd, reply->flag);
-    return -1;
-  }
-  if (!holder->record) {
-    SDN_ERROR("hash value is NULL. msg->cmd:%d msg->flag:%d  \n", reply->cmd, reply->flag);
-    return -1;
-  }
-  if (holder->error_code != 0) {
-    SDN_ERROR("error_code:%d msg->cmd:%d msg->flag:%d  \n", holder->error_code, reply->cmd, reply->flag);
-    return -1;
-  }
-  const auto *meter = reinterpret_cast<const SPolicyKelim__Meter *>(holder->record);
-  const auto *vsd_id = static_cast<const std::uint32_t *>(arg);
-  if (!vsd_id || !meter->index || meter->index->vsd_id != *vsd_id) return 0;
-  SDN_VER("mom_del meter_entry vsd:%d", *vsd_id);
-  return ssc_kelim_mom_del(&meter->base);
-}
-
-// What a scan is told: the virtual switch, in a block of its own that the caller frees.
-flow_members::sdn_ptr<std::uint32_t> new_scan_arg(std::uint32_t vsd_id, const char *caller) {
-  flow_members::sdn_ptr<std::uint32_t> arg(static_cast<std::uint32_t *>(ssc_sdn_malloc(sizeof vsd_id, caller, __LINE__)));
-  if (arg) *arg = vsd_id;
-  return arg;
-}
-
-std::int32_t scan(const ProtobufCMessage &record, qx_mom_scan_cb cb, std::uint32_t *vsd_id) {
-  if (!g_ssc_kelim_global) return -1;
-  return qx_mom_scan_sync(g_ssc_kelim_global, QX_MOM_UDP_DB, &record, 0, cb, vsd_id);
-}
 
 std::int32_t ssc_kelim_mom_del_expire_with_ow(const ProtobufCMessage &record, std::int64_t ow) {
   if (!g_ssc_kelim_global) return -1;
@@ -124,6 +58,11 @@ std::int32_t ssc_kelim_mom_del_expire(const ProtobufCMessage *record) {
   return rv;
 }
 
+std::int32_t ssc_kelim_mom_scan(const ProtobufCMessage *record, qx_mom_scan_cb cb, void *arg) {
+  if (!g_ssc_kelim_global) return -1;
+  return qx_mom_scan_sync(g_ssc_kelim_global, QX_MOM_UDP_DB, record, 0, cb, arg);
+}
+
 int ssc_kelim_null_cb() {
   return 0;
 }
@@ -136,45 +75,5 @@ std::int32_t ssc_sdn_db_expire_del_all_with_ow(std::uint32_t vsd_id, std::int64_
   if (rv != 0) {
     SDN_VER(" %d del expire flow_entry ow:%lld happened error.rv:%d\n", vsd_id, static_cast<long long>(ow), rv);
   }
-  return rv;
-}
-
-std::int32_t ssc_sdn_db_del_all_flow(std::uint32_t vsd_id) {
-  SDN_VER("ENTER");
-  SPolicyKelim__FlowKey key = ssc_kelim_flow_key(0, 0);
-  SPolicyKelim__Flow every_flow = S_POLICY_KELIM__FLOW__INIT;
-  every_flow.index = &key;
-  const auto arg = new_scan_arg(vsd_id, __func__);
-  if (!arg) {
-    SDN_ERROR("SSC_SDN_MALLOC FAIL!");
-    return -2;
-  }
-  const std::int32_t rv = scan(every_flow.base, flow_scan_del_cb, arg.get());
-  if (rv != 0) {
-    sdn_opt_cnt[SDN_OPT_FLOW_DEL + SDN_OPT_FAILED]++;
-    SDN_ERROR("ssc sdn del flow FAIL!");
-  }
-  ssc_sdn_msg_queue_destory_all_flow_msg_node();
-  SDN_VER("LEAVE");
-  return rv;
-}
-
-std::int32_t ssc_sdn_db_del_all_meter(std::uint32_t vsd_id) {
-  SDN_VER("ENTER");
-  SPolicyKelim__MeterKey key = ssc_kelim_meter_key(0, 0);
-  SPolicyKelim__Meter every_meter = S_POLICY_KELIM__METER__INIT;
-  every_meter.index = &key;
-  const auto arg = new_scan_arg(vsd_id, __func__);
-  if (!arg) {
-    SDN_ERROR("SSC_SDN_MALLOC FAIL!");
-    return -2;
-  }
-  const std::int32_t rv = scan(every_meter.base, meter_scan_del_cb, arg.get());
-  if (rv != 0) {
-    // Deliberate: counted with the failed flow deletions, where operators look for a bulk deletion that went wrong.
-    sdn_opt_cnt[SDN_OPT_FLOW_DEL + SDN_OPT_FAILED]++;
-    SDN_ERROR("ssc sdn del meter FAIL!");
-  }
-  SDN_VER("LEAVE");
   return rv;
 }

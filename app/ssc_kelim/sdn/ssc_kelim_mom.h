@@ -1,4 +1,4 @@
-// Access to the object database: guarded writes, deletions and expiries of policy records, and the bulk deletions.
+// Access to the object database: guarded writes, deletions, expiries and scans of policy records.
 //
 // Each wrapper adds to the client's call nothing but a test of the handle, the database number and one error line; what a failure
 // means is the caller's business. A record handed to a deletion or expiry needs only its key; a key of zeros stands for every
@@ -59,16 +59,10 @@ std::int32_t ssc_kelim_mom_del_in(const ProtobufCMessage *record, std::int32_t d
 std::int32_t ssc_kelim_mom_expire(const ProtobufCMessage *record);
 // Database 8: cancels a pending expiry; also -1 for a null record.
 std::int32_t ssc_kelim_mom_del_expire(const ProtobufCMessage *record);
+// Database 8: calls `cb` with `arg` on every object of the record's type; never logs.
+std::int32_t ssc_kelim_mom_scan(const ProtobufCMessage *record, qx_mom_scan_cb cb, void *arg);
 // Completion callback of an expiry; does nothing. 0.
 int ssc_kelim_null_cb();
 
-// ---- bulk deletions
-
 // Deletes the flow records that are still under expiry and carry the tag; `vsd_id` only shows in the log.
 std::int32_t ssc_sdn_db_expire_del_all_with_ow(std::uint32_t vsd_id, std::int64_t ow);
-
-// Deletes every flow of the virtual switch with its cache node, then empties the message queue: pending barriers are answered.
-std::int32_t ssc_sdn_db_del_all_flow(std::uint32_t vsd_id);
-
-// Deletes every meter of the virtual switch.
-std::int32_t ssc_sdn_db_del_all_meter(std::uint32_t vsd_id);

@@ -8,10 +8,12 @@
 #include "southbound.h"
 #include "ssc_kelim/sdn/handler_run.h"
 #include "ssc_kelim/sdn/ssc_kelim_adapt.h"
+#include "ssc_kelim/sdn/ssc_kelim_data_sync.h"
 #include "ssc_kelim/sdn/ssc_kelim_flow_convert.h"
 #include "ssc_kelim/sdn/ssc_kelim_flow_db.h"
 #include "ssc_kelim/sdn/ssc_kelim_flow_to_ace.h"
 #include "ssc_kelim/sdn/ssc_kelim_mom.h"
+#include "ssc_kelim/sdn/ssc_kelim_removal.h"
 #include "ssc_kelim/sdn/ssc_kelim_replies.h"
 #include "ssc_kelim/sdn/ssc_sdn_msg_queue.h"
 
@@ -23,10 +25,6 @@ constexpr std::uint32_t kMaxVlanId = 0xffe;
 
 std::uint64_t now_us() {
   return qx_timeval_to_us(qx_monotime());
-}
-
-bool is_service_chain(const flow_info_node &node) {
-  return node.exp_app_type == southbound::kServiceChainAppType;
 }
 
 bool matches_vlan_id(const flow_info_node &node) {
@@ -147,15 +145,6 @@ void del_flow(std::uint32_t vsd_id, const ssc_sdn_flow_job &job) {
   ssc_sdn_update_ds_node_and_check(flow_index, kDsFlowToAce);
 }
 
-std::int32_t ssc_sdn_del_flow(std::uint64_t flow_index, std::uint32_t vsd_id) {
-  SPolicyKelim__FlowKey key = ssc_kelim_flow_key(flow_index, vsd_id);
-  SPolicyKelim__Flow record = S_POLICY_KELIM__FLOW__INIT;
-  record.index = &key;
-  if (ssc_kelim_mom_del_in(&record.base, QX_MOM_UDP_DB) == 0) return 0;
-  SDN_ERROR("ssc sdn del flow FAIL!");
-  return -11;
-}
-
 }  // namespace
 
 void ssc_sdn_add_flow_handler(libss_pthrd_hdl *hdl) {
@@ -184,42 +173,4 @@ void ssc_sdn_msg_queue_proc_flow_install_cb(const SPolicyKelim__FlowSta *sta, st
   if (!sta->index) return;
   ssc_sdn_flow_to_ace_sta(sta);
   ssc_sdn_process_flow_install_result(sta->index->vsd_id, sta->index->flow_index, static_cast<std::int32_t>(result));
-}
-
-std::int32_t ssc_sdn_del_flow_related_data(std::uint32_t vsd_id, std::uint64_t flow_index) {
-  const flow_info_key key{flow_index, vsd_id, 0};
-  flow_info_node *node = ssc_kelim_find_flow_node(&key);
-  if (!node) {
-    // Deliberate: an unknown flow counts as removed; the controller side gets what it asked for.
-    SDN_ERROR("flow node del failed.flow_index:%lu, vsd_id:%d", flow_index, vsd_id);
-    ssc_sdn_msg_queue_destory_flow_msg_node(flow_index);
-    return 0;
-  }
-  std::int32_t rv = is_service_chain(*node) ? ssc_sdn_del_app_records(flow_index, vsd_id) : ssc_sdn_del_flow(flow_index, vsd_id);
-  rv |= ssc_kelim_del_flow_node(node);
-  ssc_sdn_msg_queue_destory_flow_msg_node(flow_index);
-  return rv;
-}
-
-std::int32_t ssc_sdn_del_parse_flow(std::uint64_t flow_index, std::uint32_t vsd_id) {
-  SPolicyKelim__ParseFlowKey key = ssc_kelim_parse_flow_key(southbound::kServiceChainAppType, flow_index, vsd_id);
-  SPolicyKelim__ParseFlow record = S_POLICY_KELIM__PARSE_FLOW__INIT;
-  record.index = &key;
-  if (ssc_kelim_mom_del_in(&record.base, QX_MOM_APP_DB) == 0) return 0;
-  SDN_ERROR("ssc sdn del flow FAIL! flow_index:%lu, vsd_id:%d", flow_index, vsd_id);
-  return -11;
-}
-
-std::int32_t ssc_sdn_del_flow_to_sta(std::uint64_t flow_index, std::uint32_t vsd_id, std::uint32_t t_flow_type) {
-  SPolicyKelim__ParseFlowKey key = ssc_kelim_parse_flow_key(t_flow_type, flow_index, vsd_id);
-  SPolicyKelim__FlowToAceSta record = S_POLICY_KELIM__FLOW_TO_ACE_STA__INIT;
-  record.index = &key;
-  if (ssc_kelim_mom_del_in(&record.base, QX_MOM_APP_DB) == 0) return 0;
-  SDN_ERROR("ssc sdn del flow sta FAIL! flow_index:%lu, vsd_id:%d", flow_index, vsd_id);
-  return -11;
-}
-
-std::int32_t ssc_sdn_del_app_records(std::uint64_t flow_index, std::uint32_t vsd_id) {
-  const std::int32_t rv = ssc_sdn_del_parse_flow(flow_index, vsd_id);
-  return rv | ssc_sdn_del_flow_to_sta(flow_index, vsd_id, southbound::kServiceChainAppType);
 }

@@ -10,7 +10,6 @@
 #include <cstdint>
 
 #include "s_policy_kelim.pb-c.h"
-#include "ssc_kelim/sdn/ssc_kelim_ds_stage.h"
 
 struct libss_pthrd_hdl;
 
@@ -26,15 +25,6 @@ void ssc_sdn_process_flow_install_result(std::uint32_t vsd_id, std::uint64_t flo
 // The same for a status record of the programming service (result 0 installed, 1 out of resources, 2 failed), which is mirrored
 // to the service-chain application first.
 void ssc_sdn_msg_queue_proc_flow_install_cb(const SPolicyKelim__FlowSta *sta, std::uint32_t result);
-
-// Removes the flow's records, cache node and queue node. 0 (also for an unknown flow), or an OR of failure codes.
-std::int32_t ssc_sdn_del_flow_related_data(std::uint32_t vsd_id, std::uint64_t flow_index);
-
-// Delete one record of database 4. 0, or -11.
-std::int32_t ssc_sdn_del_parse_flow(std::uint64_t flow_index, std::uint32_t vsd_id);
-std::int32_t ssc_sdn_del_flow_to_sta(std::uint64_t flow_index, std::uint32_t vsd_id, std::uint32_t t_flow_type);
-// Delete both records of a service-chain flow there, whatever becomes of the first. 0, or -11.
-std::int32_t ssc_sdn_del_app_records(std::uint64_t flow_index, std::uint32_t vsd_id);
 
 // ---- meters
 
@@ -57,12 +47,10 @@ void ssc_sdn_add_barrier_handler(libss_pthrd_hdl *hdl);
 // it, for diagnostics.
 extern void *g_ssc_sdn_answered_barrier;
 
-// ---- bulk removal and data synchronisation
+// ---- bulk removal
 
 void ssc_sdn_del_all_flow_handler(libss_pthrd_hdl *hdl);
 void ssc_sdn_del_all_handler(libss_pthrd_hdl *hdl);
-void ssc_sdn_ds_recv_start_handler(libss_pthrd_hdl *hdl);
-void ssc_sdn_ds_recv_end_handler(libss_pthrd_hdl *hdl);
 
 // ---- statistics
 

@@ -14,9 +14,12 @@
 #include "ssc_kelim/sdn/flow_members.h"
 #include "ssc_kelim/sdn/handler_run.h"
 #include "ssc_kelim/sdn/ssc_kelim_adapt.h"
+#include "ssc_kelim/sdn/ssc_kelim_data_sync.h"
+#include "ssc_kelim/sdn/ssc_kelim_ds_stage.h"
 #include "ssc_kelim/sdn/ssc_kelim_flow_to_ace.h"
 #include "ssc_kelim/sdn/ssc_kelim_mom.h"
 #include "ssc_kelim/sdn/ssc_kelim_msg_to_ssd.h"
+#include "ssc_kelim/sdn/ssc_kelim_removal.h"
 #include "ssc_kelim/sdn/ssc_kelim_replies.h"
 #include "ssc_kelim/sdn/ssc_sdn_msg_queue.h"
 
@@ -97,9 +100,7 @@ void send_all_statistics() {
   SPolicyKelim__FlowKey key = ssc_kelim_flow_key(0, 0);
   SPolicyKelim__FlowCounter every_counter = S_POLICY_KELIM__FLOW_COUNTER__INIT;
   every_counter.index = &key;
-  const int rv = g_ssc_kelim_global ? qx_mom_scan_sync(g_ssc_kelim_global, QX_MOM_UDP_DB, &every_counter.base, 0,
-                                                       ssc_sdn_statistic_get_all_cnt_cb, nullptr)
-                                    : -1;
+  const std::int32_t rv = ssc_kelim_mom_scan(&every_counter.base, ssc_sdn_statistic_get_all_cnt_cb, nullptr);
   if (rv != 0) SDN_ERROR_AS("ssc_sdn_statistic_get_val", "qx_mom_scan_sync  counter fail.\n");
 }
 
@@ -237,6 +238,35 @@ void ssc_sdn_add_barrier_handler(libss_pthrd_hdl *hdl) {
   }
   ssc_sdn_msg_queue_alloc_barrier_msg_node(request.get());
   ssc_sdn_msg_queue_traverse_pop_msg_node();
+}
+
+// ---- bulk removal
+
+void ssc_sdn_del_all_flow_handler(libss_pthrd_hdl *hdl) {
+  SDN_VER("ENTER");
+  {
+    const handler_run::timing timed(SDN_TIME_DEL_ALL_FLOW);
+    if (g_ssc_ds_stage.in_progress) ssc_sdn_abandon_data_sync();
+    SDN_VER("vsd_id: %d ssc_sdn_del_all_flow_handler  enter\n", hdl->value);
+    if (ssc_sdn_db_del_all_flow(hdl->value) != 0) {
+      sdn_opt_cnt[SDN_OPT_DEL_ALL_FLOW + SDN_OPT_FAILED]++;
+      SDN_VER("ssc_sdn_del_all_flow %d happened error\n", hdl->value);
+    }
+    sdn_opt_cnt[SDN_OPT_DEL_ALL_FLOW + SDN_OPT_HANDLED]++;
+  }
+  SDN_VER("LEAVE");
+}
+
+// Deliberate: it logs in the words of delete-all-flows, of which it is the wider form.
+void ssc_sdn_del_all_handler(libss_pthrd_hdl *hdl) {
+  SDN_VER("vsd_id: %d ssc_sdn_del_all_flow_handler  enter\n", hdl->value);
+  for (const auto del_all : {ssc_sdn_db_del_all_flow, ssc_sdn_db_del_all_meter}) {
+    if (del_all(hdl->value) == 0) continue;
+    sdn_opt_cnt[SDN_OPT_DEL_ALL + SDN_OPT_FAILED]++;
+    SDN_VER("ssc_sdn_del_all_flow %d happened error\n", hdl->value);
+  }
+  sdn_opt_cnt[SDN_OPT_DEL_ALL + SDN_OPT_HANDLED]++;
+  SDN_VER("LEAVE");
 }
 
 // ---- statistics
