@@ -13,6 +13,7 @@
 
 #include "kelim/common/kelim_debug.h"
 #include "southbound.h"
+#include "ssc_kelim/sdn/handler_run.h"
 #include "ssc_kelim/sdn/ssc_kelim_init.h"
 #include "ssc_kelim/sdn/ssc_sdn_msg_queue.h"
 

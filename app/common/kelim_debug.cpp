@@ -8,7 +8,7 @@
 #include "s_policy_kelim.pb-c.h"
 #include "ssc_kelim/sdn/ssc_kelim_ds_stage.h"
 #include "ssc_kelim/sdn/ssc_kelim_flow_db.h"
-#include "ssc_kelim/sdn/ssc_kelim_msg_to_ssd.h"
+#include "ssc_kelim/sdn/ssc_kelim_requests.h"
 #include "ssc_kelim/sdn/ssc_sdn_msg_queue.h"
 
 namespace {

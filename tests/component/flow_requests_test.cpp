@@ -3,8 +3,8 @@
 #include "host/runtime/clock.h"
 #include "ssc_kelim/sdn/ssc_kelim_adapt.h"
 #include "ssc_kelim/sdn/ssc_kelim_mom.h"
-#include "ssc_kelim/sdn/ssc_kelim_msg_to_ssd.h"
 #include "ssc_kelim/sdn/ssc_kelim_replies.h"
+#include "ssc_kelim/sdn/ssc_kelim_requests.h"
 
 namespace {
 

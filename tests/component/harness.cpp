@@ -12,7 +12,7 @@
 #include "ssc_kelim/sdn/ssc_kelim_flow_db.h"
 #include "ssc_kelim/sdn/ssc_kelim_init.h"
 #include "ssc_kelim/sdn/ssc_kelim_mom.h"
-#include "ssc_kelim/sdn/ssc_kelim_msg_to_ssd.h"
+#include "ssc_kelim/sdn/ssc_kelim_requests.h"
 #include "ssc_kelim/sdn/ssc_sdn_msg_queue.h"
 #include "ssc_kelim/sdn/ssc_sdn_proxy.h"
 
@@ -94,7 +94,7 @@ Daemon::~Daemon() {
   kelim_debug_reset_for_tests();
   ssc_sdn_msg_queue_reset_for_tests();
   ssc_kelim_flow_db_reset_for_tests();
-  ssc_kelim_msg_to_ssd_reset_for_tests();
+  ssc_kelim_requests_reset_for_tests();
   ssc_kelim_adapt_reset_for_tests();
   libproxy_fp_sdn_reset_for_tests();
   ssc_kelim_init_reset_for_tests();

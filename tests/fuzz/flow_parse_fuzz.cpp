@@ -7,7 +7,7 @@
 #include "kelim/common/kelim_debug.h"
 #include "ssc_kelim/sdn/ssc_kelim_flow_convert.h"
 #include "ssc_kelim/sdn/ssc_kelim_flow_parse.h"
-#include "ssc_kelim/sdn/ssc_kelim_flow_to_ace.h"
+#include "ssc_kelim/sdn/ssc_kelim_flow_store.h"
 #include "ssc_kelim/sdn/ssc_sdn_proxy_dbg.h"
 
 namespace {

@@ -1,14 +1,35 @@
-// The pattern of the handlers: they own the data of their node, time their work and release the data after it.
+// The pattern of the handlers: they own the data of their node, time their work and release the data after it. The node itself
+// belongs to the handler list.
 //
 // Thread: main SDN thread.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 
 #include "kelim/common/kelim_debug.h"
 #include "libss_pthrd.h"
 #include "ssc_kelim/sdn/flow_members.h"
-#include "ssc_kelim/sdn/ssc_kelim_init.h"
+
+// What a flow handler gets as data: both blocks are the handler's.
+struct ssc_sdn_flow_job {
+  std::uint64_t len;  // bytes of msg
+  void *msg;          // the whole flow message
+};
+
+// What a meter handler gets as data: both blocks are the handler's.
+struct ssc_sdn_meter_job {
+  std::uint32_t len;  // bytes of msg
+  void *msg;          // the whole meter message
+};
+
+// The other handlers get as data:
+//   enable, disable             the message, at least 8 bytes (zero-filled)
+//   barrier                     the request, at least 24 bytes (zero-filled)
+//   statistics, flow-count configuration, ONC address   the message, at least as long as the fields they read
+//   packet start                one byte: 1 start, 0 end
+//   data-sync start and end, delete-all-flows, delete-all   null
+// and the virtual switch as value.
 
 namespace handler_run {
 

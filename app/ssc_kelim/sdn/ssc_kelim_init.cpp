@@ -7,6 +7,7 @@
 
 #include "kelim/common/kelim_debug.h"
 #include "southbound.h"
+#include "ssc_kelim/sdn/handler_run.h"
 #include "ssc_kelim/sdn/southbound_read.h"
 #include "ssc_kelim/sdn/ssc_kelim_adapt.h"
 #include "ssc_kelim/sdn/ssc_kelim_data_sync.h"
@@ -14,6 +15,7 @@
 #include "ssc_kelim/sdn/ssc_kelim_mom.h"
 #include "ssc_kelim/sdn/ssc_kelim_msg_to_ssd.h"
 #include "ssc_kelim/sdn/ssc_kelim_replies.h"
+#include "ssc_kelim/sdn/ssc_kelim_requests.h"
 #include "ssc_kelim/sdn/ssc_sdn_msg_queue.h"
 #include "ssc_kelim/sdn/ssc_sdn_proxy.h"
 

@@ -15,26 +15,6 @@
 // The list that the event timer drains. Created once, before the callbacks are registered.
 extern libss_pthrd_mst *ssc_sdn_mst;
 
-// What a flow handler gets as data: both blocks are the handler's.
-struct ssc_sdn_flow_job {
-  std::uint64_t len;  // bytes of msg
-  void *msg;          // the whole flow message
-};
-
-// What a meter handler gets as data: both blocks are the handler's.
-struct ssc_sdn_meter_job {
-  std::uint32_t len;  // bytes of msg
-  void *msg;          // the whole meter message
-};
-
-// The other handlers get as data:
-//   enable, disable             the message, at least 8 bytes (zero-filled)
-//   barrier                     the request, at least 24 bytes (zero-filled)
-//   statistics, flow-count configuration, ONC address   the message, at least as long as the fields they read
-//   packet start                one byte: 1 start, 0 end
-//   data-sync start and end, delete-all-flows, delete-all   null
-// and the virtual switch as value.
-
 std::int32_t ssc_sdn_add_flow_msg(std::uint32_t vsd_id, const void *msg, std::uint32_t len);
 std::int32_t ssc_sdn_del_flow_msg(std::uint32_t vsd_id, const void *msg, std::uint32_t len);
 std::int32_t ssc_sdn_add_meter_msg(std::uint32_t vsd_id, const void *msg, std::uint32_t len);

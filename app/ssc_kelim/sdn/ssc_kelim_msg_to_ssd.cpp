@@ -11,7 +11,7 @@
 #include "ssc_kelim/sdn/ssc_kelim_data_sync.h"
 #include "ssc_kelim/sdn/ssc_kelim_flow_convert.h"
 #include "ssc_kelim/sdn/ssc_kelim_flow_db.h"
-#include "ssc_kelim/sdn/ssc_kelim_flow_to_ace.h"
+#include "ssc_kelim/sdn/ssc_kelim_flow_store.h"
 #include "ssc_kelim/sdn/ssc_kelim_mom.h"
 #include "ssc_kelim/sdn/ssc_kelim_removal.h"
 #include "ssc_kelim/sdn/ssc_kelim_replies.h"

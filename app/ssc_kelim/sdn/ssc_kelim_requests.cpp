@@ -1,5 +1,5 @@
-// Handlers of the requests other than flows and bulk removals. Its log lines belong to ssc_kelim_msg_to_ssd.cpp, like those of
-// all handlers.
+#include "ssc_kelim/sdn/ssc_kelim_requests.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -16,13 +16,12 @@
 #include "ssc_kelim/sdn/ssc_kelim_adapt.h"
 #include "ssc_kelim/sdn/ssc_kelim_data_sync.h"
 #include "ssc_kelim/sdn/ssc_kelim_ds_stage.h"
-#include "ssc_kelim/sdn/ssc_kelim_flow_to_ace.h"
 #include "ssc_kelim/sdn/ssc_kelim_mom.h"
-#include "ssc_kelim/sdn/ssc_kelim_msg_to_ssd.h"
 #include "ssc_kelim/sdn/ssc_kelim_removal.h"
 #include "ssc_kelim/sdn/ssc_kelim_replies.h"
 #include "ssc_kelim/sdn/ssc_sdn_msg_queue.h"
 
+// The log knows all handlers as one source.
 #undef SDN_LOG_SOURCE
 #define SDN_LOG_SOURCE "app/ssc_kelim/sdn/ssc_kelim_msg_to_ssd.cpp"
 
@@ -136,11 +135,7 @@ int with_pkt_registration(Work work) {
   return work(&record.base);
 }
 
-}  // namespace
-
 // ---- meters
-
-namespace {
 
 void add_meter(std::uint32_t vsd_id, const ssc_sdn_meter_job &job) {
   constexpr char log_name[] = "ssc_sdn_add_meter_handler";
@@ -223,6 +218,13 @@ std::int32_t ssc_sdn_proc_enable_msg(std::uint32_t vsd_id, const void *msg) {
   }
   SDN_VER("leave");
   return rv;
+}
+
+std::int32_t ssc_sdn_dump_sdn_ifx_array(const std::uint32_t *ifx, std::uint32_t count) {
+  std::printf("\n====ssc_sdn_dump_sdn_ifx_array, ifx_num: %d====\n", count);
+  for (std::uint32_t i = 0; ifx && i < count; i++) std::printf("ifx[%d]: %d,\n", i, ifx[i]);
+  std::printf("\n====end ssc_sdn_dump_sdn_ifx_array====\n");
+  return 0;
 }
 
 // ---- barriers
@@ -384,7 +386,7 @@ void ssc_sdn_pkt_start_handler(libss_pthrd_hdl *hdl) {
   qx_mom_publish(g_ssc_kelim_global, QX_MOM_UDP_DB, &signal.base, 0, 0);
 }
 
-void ssc_kelim_msg_to_ssd_reset_for_tests() {
+void ssc_kelim_requests_reset_for_tests() {
   ssc_sdn_ds_stage_init_or_check(1);
   ssc_sdn_free(std::exchange(g_ssc_sdn_answered_barrier, nullptr));
 }

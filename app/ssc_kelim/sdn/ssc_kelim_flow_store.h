@@ -1,0 +1,18 @@
+// Storing a flow record, once its ports have passed the check.
+//
+// Thread: main SDN thread.
+#pragma once
+
+#include <cstdint>
+
+#include "s_policy_kelim.pb-c.h"
+
+// Gatekeepers: may this flow be stored? They look the ports up and change nothing; the physical id is only logged.
+// In port: 0, -4 without flow data, -20 for an interface that cannot be matched on, or the lookup's code.
+std::int32_t ssc_kelim_pick_out_inport_phyid(const SPolicyKelim__Flow *flow);
+// Output ports: 0, or -4 without flow data. A port that does not resolve is logged and passes.
+std::int32_t ssc_kelim_pick_out_outport_phyid(const SPolicyKelim__Flow *flow);
+
+// Stores a flow record that passes both checks, with overwrite tag `ow`. 0, or the code of the step that failed, after a line
+// under the name of `caller`.
+std::int32_t ssc_sdn_store_flow(const SPolicyKelim__Flow *flow, std::int64_t ow, const char *caller);
