@@ -14,7 +14,8 @@
 #include "kelim/common/kelim_debug.h"
 #include "southbound.h"
 #include "ssc_kelim/sdn/handler_run.h"
-#include "ssc_kelim/sdn/ssc_kelim_init.h"
+#include "ssc_kelim/sdn/ssc_kelim_intake.h"
+#include "ssc_kelim/sdn/ssc_sdn_main_list.h"
 #include "ssc_kelim/sdn/ssc_sdn_msg_queue.h"
 
 namespace {

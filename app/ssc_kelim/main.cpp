@@ -19,6 +19,7 @@
 #include "ssc_kelim/sdn/ssc_kelim_msg_to_ssd.h"
 #include "ssc_kelim/sdn/ssc_kelim_replies.h"
 #include "ssc_kelim/sdn/ssc_kelim_requests.h"
+#include "ssc_kelim/sdn/ssc_sdn_main_list.h"
 #include "ssc_kelim/sdn/ssc_sdn_proxy.h"
 #include "ssc_kelim/sdn/ssc_sdn_proxy_dbg.h"
 

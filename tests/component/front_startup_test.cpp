@@ -12,8 +12,8 @@
 #include "host/runtime/loop.h"
 #include "host/runtime/services.h"
 #include "ssc_kelim/main.h"
-#include "ssc_kelim/sdn/ssc_kelim_init.h"
 #include "ssc_kelim/sdn/ssc_kelim_mom.h"
+#include "ssc_kelim/sdn/ssc_sdn_main_list.h"
 
 int ssc_kelim_main();  // the daemon's main, renamed
 

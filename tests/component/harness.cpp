@@ -13,6 +13,7 @@
 #include "ssc_kelim/sdn/ssc_kelim_init.h"
 #include "ssc_kelim/sdn/ssc_kelim_mom.h"
 #include "ssc_kelim/sdn/ssc_kelim_requests.h"
+#include "ssc_kelim/sdn/ssc_sdn_main_list.h"
 #include "ssc_kelim/sdn/ssc_sdn_msg_queue.h"
 #include "ssc_kelim/sdn/ssc_sdn_proxy.h"
 

@@ -11,8 +11,10 @@
 #include "southbound.h"
 #include "ssc_kelim/sdn/ssc_kelim_data_sync.h"
 #include "ssc_kelim/sdn/ssc_kelim_init.h"
+#include "ssc_kelim/sdn/ssc_kelim_intake.h"
 #include "ssc_kelim/sdn/ssc_kelim_msg_to_ssd.h"
 #include "ssc_kelim/sdn/ssc_kelim_requests.h"
+#include "ssc_kelim/sdn/ssc_sdn_main_list.h"
 #include "ssc_kelim/sdn/ssc_sdn_proxy.h"
 #include "support/record_text.h"
 

@@ -6,7 +6,7 @@
 #include "of_ss.h"
 #include "southbound.h"
 #include "ssc_kelim/sdn/southbound_read.h"
-#include "ssc_kelim/sdn/ssc_kelim_init.h"
+#include "ssc_kelim/sdn/ssc_kelim_intake.h"
 #include "ssc_kelim/sdn/ssc_kelim_replies.h"
 #include "ssc_kelim/sdn/ssc_sdn_proxy_dbg.h"
 

@@ -1,6 +1,6 @@
 // Southbound callback layer: registers the daemon's sixteen callbacks with the OpenFlow service library, counts and logs every
-// call and hands the request to its intake (ssc_kelim_init.h). It also owns the connection handshake. It keeps no queue and takes
-// no lock.
+// call and hands the request to its intake (ssc_kelim_intake.h). It also owns the connection handshake. It keeps no queue and
+// takes no lock.
 //
 // The callbacks run on the service-library thread. A message is read no further than its own length says; a field that lies
 // beyond reads as 0, and the intake then refuses the message. Layouts: southbound.h.

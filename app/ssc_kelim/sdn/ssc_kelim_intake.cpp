@@ -1,0 +1,421 @@
+#include "ssc_kelim/sdn/ssc_kelim_intake.h"
+
+#include <algorithm>
+#include <cstring>
+#include <span>
+#include <utility>
+
+#include "kelim/common/kelim_debug.h"
+#include "southbound.h"
+#include "ssc_kelim/sdn/handler_run.h"
+#include "ssc_kelim/sdn/intake_run.h"
+#include "ssc_kelim/sdn/southbound_read.h"
+#include "ssc_kelim/sdn/ssc_kelim_data_sync.h"
+#include "ssc_kelim/sdn/ssc_kelim_msg_to_ssd.h"
+#include "ssc_kelim/sdn/ssc_kelim_replies.h"
+#include "ssc_kelim/sdn/ssc_kelim_requests.h"
+#include "ssc_kelim/sdn/ssc_sdn_main_list.h"
+
+// The log knows list, intakes and initialisation as one source.
+#undef SDN_LOG_SOURCE
+#define SDN_LOG_SOURCE "app/ssc_kelim/sdn/ssc_kelim_init.cpp"
+
+namespace {
+
+using intake_run::Copy;
+using intake_run::Counters;
+using intake_run::counters_of;
+using intake_run::Intake;
+using intake_run::Request;
+using intake_run::take_in;
+
+// ---- parts of the rows
+
+std::span<const std::byte> bytes(const Request &request) {
+  return {static_cast<const std::byte *>(request.msg), request.msg != nullptr ? request.len : 0};
+}
+
+std::uint16_t own_length(const Request &request) {
+  return southbound::read<std::uint16_t>(bytes(request), southbound::kLen);
+}
+
+// Whether the fields that intake and handler read are there.
+bool has(const Request &request, std::size_t fields_end) {
+  return request.len >= fields_end;
+}
+
+// Whether, besides, the message says of itself what the library says of it.
+bool fits(const Request &request, std::size_t fields_end) {
+  return has(request, fields_end) && own_length(request) == request.len;
+}
+
+constexpr std::size_t kFlowFieldsEnd = southbound::kFlowOxm;
+constexpr std::size_t kMeterFieldsEnd = southbound::kMeterBands;
+
+// A job of two blocks: the message's length and a copy of it.
+template <typename Job>
+constexpr Copy kJobCopy = {
+    [](const Request &request) -> void * {
+      auto *job = static_cast<Job *>(ssc_sdn_malloc(sizeof(Job), request.intake.name, __LINE__));
+      if (job == nullptr) return nullptr;
+      *job = {request.len, ssc_sdn_malloc(request.len, request.intake.name, __LINE__)};
+      if (job->msg != nullptr) return job;
+      ssc_sdn_free(job);
+      return nullptr;
+    },
+    [](const Request &request, void *data) { std::memcpy(static_cast<Job *>(data)->msg, request.msg, request.len); },
+    [](void *data) {
+      ssc_sdn_free(static_cast<Job *>(data)->msg);
+      ssc_sdn_free(data);
+    },
+};
+
+// The message itself, zero-filled up to what its handler reads of every message.
+constexpr Copy kPlainCopy = {
+    [](const Request &request) {
+      return ssc_sdn_malloc(std::max<std::size_t>(request.len, request.intake.copy_at_least), request.intake.name, __LINE__);
+    },
+    [](const Request &request, void *data) {
+      std::memcpy(data, request.msg, request.len);
+      if (request.len < request.intake.copy_at_least)
+        std::memset(static_cast<std::byte *>(data) + request.len, 0, request.intake.copy_at_least - request.len);
+    },
+    ssc_sdn_free,
+};
+
+std::uint16_t type_of(const Request &request) {
+  return southbound::read<std::uint16_t>(bytes(request), southbound::kType);
+}
+
+// One byte: 1 packet start, 0 packet end.
+constexpr Copy kPacketSignalCopy = {
+    [](const Request &request) { return ssc_sdn_malloc(1, request.intake.name, __LINE__); },
+    [](const Request &request, void *data) { *static_cast<std::uint8_t *>(data) = type_of(request) == southbound::kPktStart; },
+    ssc_sdn_free,
+};
+
+void log_from_pi(const Request &request) {
+  SDN_VER_AS(request.intake.name, "FROM PI");
+}
+
+void log_enter(const Request &request) {
+  SDN_VER_AS(request.intake.name, "enter, vsd_id: %d, msg: %p, len :%d", static_cast<int>(request.vsd_id), request.msg,
+             static_cast<int>(request.len));
+}
+
+void log_request(const Request &request) {
+  SDN_VER_AS(request.intake.name, "vsd_id: %d, msg: %p, len: %d", static_cast<int>(request.vsd_id), request.msg,
+             static_cast<int>(request.len));
+}
+
+std::uint64_t flow_index(const Request &request) {
+  return southbound::read<std::uint64_t>(bytes(request), southbound::kFlowIndex);
+}
+
+void dump_match(const Request &request) {
+  if (!kelim::kVer.enabled()) return;
+  const auto match = bytes(request).subspan(southbound::kFlowMatchType);
+  const std::size_t wanted = southbound::read<std::uint16_t>(bytes(request), southbound::kFlowMatchLen) + std::size_t{4};
+  ssc_sdn_dbg_msg(match.data(), static_cast<std::int64_t>(std::min(wanted, match.size())));
+}
+
+// ---- the rows
+
+constexpr Intake kAddFlow = {
+    .name = "ssc_sdn_add_flow_msg",
+    .handler = ssc_sdn_add_flow_handler,
+    .counters = counters_of(SDN_OPT_FLOW_ADD),
+    .timing = SDN_TIME_ADD_FLOW,
+    .arrived = log_from_pi,
+    .refused = [](const Request &request) -> std::int32_t {
+      if (fits(request, kFlowFieldsEnd)) return 0;
+      SDN_ERROR_AS(request.intake.name, "invalid flow length! (para_len = %d, flow header length = %d)",
+                   static_cast<int>(request.len), own_length(request));
+      return -4;
+    },
+    .accepted =
+        [](const Request &request) {
+          SDN_DS_AS(request.intake.name, "add flow:%lu.", flow_index(request));
+          SDN_VER_AS(request.intake.name, "[sdn_flow_oprate]: add flow index: %lu).", flow_index(request));
+          SDN_VER_AS(request.intake.name, "[ADD] msg: ");
+          dump_match(request);
+          log_enter(request);
+        },
+    .copy = &kJobCopy<ssc_sdn_flow_job>,
+    .hand_over_fault = &kelim::kError,
+    .reply = [](const Request &request,
+                std::int32_t code) { sdn_send_flow_ret_val_2_proxy(request.vsd_id, flow_index(request), code); },
+    .done = "leave",
+};
+
+// Deliberate: a delete is never answered, whatever becomes of it.
+constexpr Intake kDelFlow = {
+    .name = "ssc_sdn_del_flow_msg",
+    .handler = ssc_sdn_del_flow_handler,
+    .counters = counters_of(SDN_OPT_FLOW_DEL),
+    .timing = SDN_TIME_DEL_FLOW,
+    .arrived = log_from_pi,
+    .refused = [](const Request &request) -> std::int32_t {
+      if (fits(request, kFlowFieldsEnd)) return 0;
+      SDN_ERROR_AS(request.intake.name, "invalid flow length!(para_len = %d, flow header length = %d)",
+                   static_cast<int>(request.len), own_length(request));
+      return -4;
+    },
+    .accepted =
+        [](const Request &request) {
+          SDN_VER_AS(request.intake.name, "[sdn_flow_oprate]:del flow index: %lu).", flow_index(request));
+          SDN_VER_AS(request.intake.name, "[DEL] msg: ");
+          dump_match(request);
+          log_enter(request);
+        },
+    .copy = &kJobCopy<ssc_sdn_flow_job>,
+    .done = "leave",
+};
+
+std::int32_t refuse_meter(const Request &request) {
+  if (fits(request, kMeterFieldsEnd)) return 0;
+  SDN_ERROR_AS(request.intake.name, "invalid meter length! (para_len = %d, meter header length = %d)",
+               static_cast<int>(request.len), own_length(request));
+  return -4;
+}
+
+// Deliberate: failures of an add have no counter of their own; the reply that every one of them but a missing message gets is
+// counted.
+constexpr Intake kAddMeter = {
+    .name = "ssc_sdn_add_meter_msg",
+    .handler = ssc_sdn_add_meter_handler,
+    .counters = {.received = SDN_OPT_METER_ADD + SDN_OPT_RECEIVED},
+    .timing = SDN_TIME_ADD_METER,
+    .arrived = log_from_pi,
+    .refused = refuse_meter,
+    .accepted =
+        [](const Request &request) {
+          SDN_VER_AS(request.intake.name, "[ADD] msg: ");
+          log_enter(request);
+        },
+    .copy = &kJobCopy<ssc_sdn_meter_job>,
+    .hand_over_fault = &kelim::kError,
+    .reply =
+        [](const Request &request, std::int32_t code) {
+          sdn_send_meter_ret_val_2_proxy(request.vsd_id, southbound::read<std::uint32_t>(bytes(request), southbound::kMeterId),
+                                         code);
+        },
+    .replies_to_refusal = true,
+    .done = "leave",
+};
+
+constexpr Intake kDelMeter = {
+    .name = "ssc_sdn_del_meter_msg",
+    .handler = ssc_sdn_del_meter_handler,
+    .counters = counters_of(SDN_OPT_METER_DEL),
+    .timing = SDN_TIME_DEL_METER,
+    .arrived = log_from_pi,
+    .refused = refuse_meter,
+    .accepted =
+        [](const Request &request) {
+          SDN_VER_AS(request.intake.name, "[DEL] msg: ");
+          log_enter(request);
+        },
+    .copy = &kJobCopy<ssc_sdn_meter_job>,
+    .done = "leave",
+};
+
+// Open and close messages differ in their counters only.
+constexpr Intake connection_intake(const char *name, libss_pthrd_handler handler, sdn_opt_group group, sdn_time_slot timing) {
+  return {
+      .name = name,
+      .handler = handler,
+      .counters = counters_of(group),
+      .timing = timing,
+      .arrived = log_from_pi,
+      .accepted = log_request,
+      .copy = &kPlainCopy,
+      .copy_at_least = southbound::kHeaderLen,
+      .timed_before_fill = true,
+      .done = "leave",
+  };
+}
+constexpr Intake kEnable = connection_intake("ssc_sdn_enable_msg", ssc_sdn_enable_msg_handler, SDN_OPT_ENABLE, SDN_TIME_ENABLE);
+constexpr Intake kDisable =
+    connection_intake("ssc_sdn_disable_msg", ssc_sdn_disable_msg_handler, SDN_OPT_DISABLE, SDN_TIME_DISABLE);
+
+// Refused barriers are traced under the barrier switch only.
+constexpr Intake kBarrier = {
+    .name = "ssc_sdn_barrier_msg",
+    .handler = ssc_sdn_add_barrier_handler,
+    .counters = counters_of(SDN_OPT_BARRIER),
+    .copy = &kPlainCopy,
+    .copy_at_least = southbound::kBarrierLen,
+    .fault = &kelim::kBarrier,
+    .hand_over_fault = &kelim::kBarrier,
+};
+
+constexpr Intake kDelAllFlow = {
+    .name = "ssc_sdn_del_all_flow",
+    .handler = ssc_sdn_del_all_flow_handler,
+    .counters = counters_of(SDN_OPT_DEL_ALL_FLOW),
+    .timing = SDN_TIME_DEL_ALL_FLOW,
+    .arrived = log_from_pi,
+};
+
+constexpr Intake kDelAll = {
+    .name = "ssc_sdn_del_all_msg",
+    .handler = ssc_sdn_del_all_handler,
+    .counters = {.received = SDN_OPT_DEL_ALL + SDN_OPT_RECEIVED, .failed_hand_over = SDN_OPT_DEL_ALL + SDN_OPT_FAILED},
+    .arrived =
+        [](const Request &request) {
+          log_from_pi(request);
+          SDN_DS_AS(request.intake.name, "sdn del_all_msg vsd:%d.", static_cast<int>(request.vsd_id));
+        },
+    .needs_msg = false,
+};
+
+constexpr Intake kDsStart = {
+    .name = "ssc_sdn_ds_recv_start_sig",
+    .handler = ssc_sdn_ds_recv_start_handler,
+    .counters = counters_of(SDN_OPT_DS_START),
+    .timing = SDN_TIME_DS_START,
+    .arrived =
+        [](const Request &request) { SDN_VER_AS(request.intake.name, "FROM PI, length is %d", static_cast<int>(request.len)); },
+    .accepted = [](const Request &request) { SDN_VER_AS(request.intake.name, "Data is %p", request.msg); },
+    .done = "LEAVE",
+};
+
+constexpr Intake kDsEnd = {
+    .name = "ssc_sdn_ds_recv_end_sig",
+    .handler = ssc_sdn_ds_recv_end_handler,
+    .counters = counters_of(SDN_OPT_DS_END),
+    .timing = SDN_TIME_DS_END,
+    .arrived = log_from_pi,
+    .done = "LEAVE",
+};
+
+constexpr Intake kStatistic = {
+    .name = "ssc_sdn_statistic_msg",
+    .handler = ssc_sdn_get_statistic_val_handler,
+    .counters = counters_of(SDN_OPT_STATISTIC),
+    .timing = SDN_TIME_STATISTIC,
+    .refused = [](const Request &request) -> std::int32_t {
+      if (fits(request, southbound::kStatRequestLen)) return 0;
+      SDN_ERROR_AS(request.intake.name, "invalid sdn statistic msg  length! (para_len = %d, statistic msg header length = %d)",
+                   static_cast<int>(request.len), own_length(request));
+      return -4;
+    },
+    .copy = &kPlainCopy,
+    .hand_over_fault = &kelim::kError,
+};
+
+constexpr Intake kFlowCountConfig = {
+    .name = "ssc_sdn_flowcnt_cfg_sig",
+    .handler = ssc_sdn_flowcnt_cfg_handler,
+    // What is of another type is its handler's to refuse.
+    .refused = [](const Request &request) -> std::int32_t {
+      if (type_of(request) != southbound::kFlowCountConfig || has(request, southbound::kCountLen)) return 0;
+      SDN_ERROR_AS(request.intake.name, "invalid flow count config length! (para_len = %d, shortest = %d)",
+                   static_cast<int>(request.len), static_cast<int>(southbound::kCountLen));
+      return -4;
+    },
+    .copy = &kPlainCopy,
+    .copy_at_least = southbound::kHeaderLen,
+    .hand_over_fault = &kelim::kError,
+};
+
+std::int32_t refuse_onc(const Request &request) {
+  if (has(request, southbound::kOncLen)) return 0;
+  SDN_ERROR_AS(request.intake.name, "invalid onc length! (para_len = %d, shortest = %d)", static_cast<int>(request.len),
+               static_cast<int>(southbound::kOncLen));
+  return -4;
+}
+
+constexpr Intake onc_intake(const char *name, libss_pthrd_handler handler, sdn_opt_group group) {
+  return {
+      .name = name,
+      .handler = handler,
+      .counters = counters_of(group),
+      .arrived = log_from_pi,
+      .refused = refuse_onc,
+      .accepted = log_request,
+      .copy = &kPlainCopy,
+      .done = "leave",
+  };
+}
+constexpr Intake kAddOnc = onc_intake("ssc_sdn_add_onc_msg", ssc_sdn_add_onc_handler, SDN_OPT_ONC_ADD);
+constexpr Intake kDelOnc = onc_intake("ssc_sdn_del_onc_msg", ssc_sdn_del_onc_handler, SDN_OPT_ONC_DEL);
+
+// Deliberate: a signal that cannot be queued counts as a failed delete-all; operators look for it there.
+constexpr Intake kPacketSignal = {
+    .name = "ssc_sdn_pkt_start_msg",
+    .handler = ssc_sdn_pkt_start_handler,
+    .counters = {.failed_hand_over = SDN_OPT_DEL_ALL + SDN_OPT_FAILED},
+    .needs_msg = false,
+    .refused = [](const Request &request) -> std::int32_t {
+      const std::uint16_t type = type_of(request);
+      if (type == southbound::kPktStart || type == southbound::kPktEnd) return 0;
+      SDN_ERROR_AS(request.intake.name, "ss_head type is %u then will return fail\n", type);
+      return -11;
+    },
+    .copy = &kPacketSignalCopy,
+    .no_memory = "malloc fail.",
+    .hand_over_fault = &kelim::kError,
+};
+
+}  // namespace
+
+std::int32_t ssc_sdn_add_flow_msg(std::uint32_t vsd_id, const void *msg, std::uint32_t len) {
+  return take_in(kAddFlow, vsd_id, msg, len);
+}
+std::int32_t ssc_sdn_del_flow_msg(std::uint32_t vsd_id, const void *msg, std::uint32_t len) {
+  return take_in(kDelFlow, vsd_id, msg, len);
+}
+std::int32_t ssc_sdn_add_meter_msg(std::uint32_t vsd_id, const void *msg, std::uint32_t len) {
+  return take_in(kAddMeter, vsd_id, msg, len);
+}
+std::int32_t ssc_sdn_del_meter_msg(std::uint32_t vsd_id, const void *msg, std::uint32_t len) {
+  return take_in(kDelMeter, vsd_id, msg, len);
+}
+std::int32_t ssc_sdn_enable_msg(std::int32_t vsd_id, const void *msg, std::uint32_t len) {
+  return take_in(kEnable, static_cast<std::uint32_t>(vsd_id), msg, len);
+}
+std::int32_t ssc_sdn_disable_msg(std::int32_t vsd_id, const void *msg, std::uint32_t len) {
+  return take_in(kDisable, static_cast<std::uint32_t>(vsd_id), msg, len);
+}
+std::int32_t ssc_sdn_barrier_msg(std::uint32_t vsd_id, const void *msg, std::uint32_t len) {
+  return take_in(kBarrier, vsd_id, msg, len);
+}
+std::int32_t ssc_sdn_del_all_flow(std::uint32_t vsd_id, const void *msg, std::uint32_t len) {
+  return take_in(kDelAllFlow, vsd_id, msg, len);
+}
+std::int32_t ssc_sdn_del_all_msg(std::uint32_t vsd_id, const void *msg, std::uint32_t len) {
+  return take_in(kDelAll, vsd_id, msg, len);
+}
+std::int32_t ssc_sdn_ds_recv_start_sig(std::uint32_t vsd_id, const void *msg, std::uint32_t len) {
+  return take_in(kDsStart, vsd_id, msg, len);
+}
+std::int32_t ssc_sdn_ds_recv_end_sig(std::uint32_t vsd_id, const void *msg, std::uint32_t len) {
+  return take_in(kDsEnd, vsd_id, msg, len);
+}
+std::int32_t ssc_sdn_statistic_msg(std::uint32_t vsd_id, const void *msg, std::uint32_t len) {
+  return take_in(kStatistic, vsd_id, msg, len);
+}
+std::int32_t ssc_sdn_flowcnt_cfg_sig(std::uint32_t vsd_id, const void *msg, std::uint32_t len) {
+  return take_in(kFlowCountConfig, vsd_id, msg, len);
+}
+std::int32_t ssc_sdn_add_onc_msg(std::uint32_t vsd_id, const void *msg, std::uint32_t len) {
+  return take_in(kAddOnc, vsd_id, msg, len);
+}
+std::int32_t ssc_sdn_del_onc_msg(std::uint32_t vsd_id, const void *msg, std::uint32_t len) {
+  return take_in(kDelOnc, vsd_id, msg, len);
+}
+std::int32_t ssc_sdn_pkt_start_msg(std::uint32_t vsd_id, const void *msg, std::uint32_t len) {
+  return take_in(kPacketSignal, vsd_id, msg, len);
+}
+
+void ssc_kelim_intake_reset_for_tests() {
+  // A waiting job would be freed without its message.
+  libss_pthrd_tranv_node(ssc_sdn_mst, [](libss_pthrd_hdl *hdl) {
+    for (const Intake *intake : {&kAddFlow, &kDelFlow, &kAddMeter, &kDelMeter})
+      if (hdl->handler == intake->handler) intake->copy->release(std::exchange(hdl->data, nullptr));
+  });
+  libss_pthrd_destroy_mst(ssc_sdn_mst);
+  ssc_sdn_main_pthrd_handler();
+}
