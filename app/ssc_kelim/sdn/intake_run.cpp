@@ -17,31 +17,21 @@ void stop_timing(const Intake &intake) {
   if (intake.timing != kNone) ssc_sdn_time_stop(intake.timing);
 }
 
-void reply(const Request &request, std::int32_t code) {
-  if (request.intake.reply != nullptr) request.intake.reply(request, code);
+// Counts a failure and does what else the intake does about it. Returns the code.
+std::int32_t fail(const Request &request, std::int32_t code) {
+  count(request.intake.counters.failed);
+  if (request.intake.failed != nullptr) request.intake.failed(request, code);
+  return code;
 }
 
 // The handler's data; false when memory is short.
 bool copy_request(const Request &request, void *&data) {
-  const Intake &intake = request.intake;
-  data = intake.copy != nullptr ? intake.copy->allocate(request) : nullptr;
-  if (intake.copy != nullptr && data == nullptr) return false;
-  if (intake.timed_before_fill) stop_timing(intake);
-  if (intake.copy != nullptr) intake.copy->fill(request, data);
-  if (!intake.timed_before_fill) stop_timing(intake);
+  const Copy *copy = request.intake.copy;
+  data = copy != nullptr ? copy->make(request) : nullptr;
+  if (copy != nullptr && data == nullptr) return false;
+  stop_timing(request.intake);
+  if (copy != nullptr && copy->fill != nullptr) copy->fill(request, data);
   return true;
-}
-
-// 0, or the code of a request that must not be queued.
-std::int32_t check(const Request &request) {
-  const Intake &intake = request.intake;
-  if (intake.needs_msg && request.msg == nullptr) {
-    SDN_LOG_AS(*intake.fault, intake.name, "msg = NULL");
-    return -4;
-  }
-  const std::int32_t code = intake.refused != nullptr ? intake.refused(request) : 0;
-  if (code != 0 && intake.replies_to_refusal) reply(request, code);
-  return code;
 }
 
 std::int32_t hand_over(const Request &request, void *data) {
@@ -52,12 +42,16 @@ std::int32_t hand_over(const Request &request, void *data) {
   }
   SDN_LOG_AS(*intake.hand_over_fault, intake.name, "ssc sdn add main pthread fail!\n");
   if (intake.copy != nullptr) intake.copy->release(data);
-  count(intake.counters.failed_hand_over);
-  reply(request, -11);
-  return -11;
+  return fail(request, -11);
 }
 
 }  // namespace
+
+std::int32_t needs_msg(const Request &request) {
+  if (request.msg != nullptr) return 0;
+  SDN_LOG_AS(*request.intake.fault, request.intake.name, "msg = NULL");
+  return -4;
+}
 
 std::int32_t take_in(const Intake &intake, std::uint32_t vsd_id, const void *msg, std::uint32_t len) {
   const Request request{intake, vsd_id, msg, len};
@@ -65,7 +59,7 @@ std::int32_t take_in(const Intake &intake, std::uint32_t vsd_id, const void *msg
   count(intake.counters.received);
   if (intake.timing != kNone) ssc_sdn_time_start(intake.timing);
 
-  if (const std::int32_t code = check(request); code != 0) {
+  if (const std::int32_t code = intake.check != nullptr ? intake.check(request) : 0; code != 0) {
     count(intake.counters.failed);
     return code;
   }
@@ -73,10 +67,8 @@ std::int32_t take_in(const Intake &intake, std::uint32_t vsd_id, const void *msg
 
   void *data;
   if (!copy_request(request, data)) {
-    SDN_LOG_AS(*intake.fault, intake.name, "%s", intake.no_memory);
-    count(intake.counters.failed);
-    reply(request, -2);
-    return -2;
+    SDN_LOG_AS(*intake.fault, intake.name, "%s", intake.copy->no_memory);
+    return fail(request, -2);
   }
   return hand_over(request, data);
 }

@@ -3,7 +3,6 @@
 // Thread: service-library thread.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 
 #include "kelim/common/kelim_debug.h"
@@ -24,41 +23,39 @@ struct Request {
 
 // How the handler's data is made from the request.
 struct Copy {
-  void *(*allocate)(const Request &);  // null: out of memory, with nothing left allocated
-  void (*fill)(const Request &, void *data);
-  void (*release)(void *data);
+  void *(*make)(const Request &);                       // timed; null: out of memory, with nothing left allocated
+  void (*fill)(const Request &, void *data) = nullptr;  // not timed; null: make has done it all
+  void (*release)(void *data) = ssc_sdn_free;
+  const char *no_memory = "malloc happen error!";
 };
 
 // Slots of sdn_opt_cnt.
 struct Counters {
-  unsigned received = kNone;
-  unsigned failed = kNone;            // refused or out of memory
-  unsigned failed_hand_over = kNone;  // not queued
+  unsigned received = kNone, failed = kNone;
 };
 
 constexpr Counters counters_of(sdn_opt_group group) {
-  return {group + SDN_OPT_RECEIVED, group + SDN_OPT_FAILED, group + SDN_OPT_FAILED};
+  return {group + SDN_OPT_RECEIVED, group + SDN_OPT_FAILED};
 }
 
+// The usual check: 0, or -4 after its line where there is no message.
+std::int32_t needs_msg(const Request &request);
+
 struct Intake {
-  const char *name;
+  const char *name;  // in its lines
   libss_pthrd_handler handler;
   Counters counters = {};
   unsigned timing = kNone;
 
+  // The steps, in order; null: nothing is done.
   void (*arrived)(const Request &) = nullptr;
-  bool needs_msg = true;
-  std::int32_t (*refused)(const Request &) = nullptr;  // 0, or the code to refuse with, after its line
+  std::int32_t (*check)(const Request &) = needs_msg;  // 0, or after its line the code to refuse with
   void (*accepted)(const Request &) = nullptr;
-  const Copy *copy = nullptr;  // null: the handler gets no data
-  std::size_t copy_at_least = 0;
-  bool timed_before_fill = false;  // the time ends with the allocation, not with the copy
+  const Copy *copy = nullptr;                                    // null: the handler gets no data
+  void (*failed)(const Request &, std::int32_t code) = nullptr;  // -2 out of memory, -11 not queued
 
-  const kelim::LogClass *fault = &kelim::kError;  // class of the lines about a missing message and memory
-  const char *no_memory = "malloc happen error!";
-  const kelim::LogClass *hand_over_fault = &kelim::kVer;
-  void (*reply)(const Request &, std::int32_t code) = nullptr;  // null: the controller side hears nothing
-  bool replies_to_refusal = false;
+  // Class of the lines about a missing message and memory, and of the line about a request that cannot be queued.
+  const kelim::LogClass *fault = &kelim::kError, *hand_over_fault = &kelim::kVer;
   const char *done = nullptr;  // VER line of success
 };
 

@@ -23,9 +23,9 @@
 namespace {
 
 using intake_run::Copy;
-using intake_run::Counters;
 using intake_run::counters_of;
 using intake_run::Intake;
+using intake_run::needs_msg;
 using intake_run::Request;
 using intake_run::take_in;
 
@@ -55,32 +55,36 @@ constexpr std::size_t kMeterFieldsEnd = southbound::kMeterBands;
 // A job of two blocks: the message's length and a copy of it.
 template <typename Job>
 constexpr Copy kJobCopy = {
-    [](const Request &request) -> void * {
+    .make = [](const Request &request) -> void * {
       auto *job = static_cast<Job *>(ssc_sdn_malloc(sizeof(Job), request.intake.name, __LINE__));
       if (job == nullptr) return nullptr;
       *job = {request.len, ssc_sdn_malloc(request.len, request.intake.name, __LINE__)};
-      if (job->msg != nullptr) return job;
-      ssc_sdn_free(job);
-      return nullptr;
+      if (job->msg == nullptr) {
+        ssc_sdn_free(job);
+        return nullptr;
+      }
+      std::memcpy(job->msg, request.msg, request.len);
+      return job;
     },
-    [](const Request &request, void *data) { std::memcpy(static_cast<Job *>(data)->msg, request.msg, request.len); },
-    [](void *data) {
-      ssc_sdn_free(static_cast<Job *>(data)->msg);
-      ssc_sdn_free(data);
-    },
+    .release =
+        [](void *data) {
+          ssc_sdn_free(static_cast<Job *>(data)->msg);
+          ssc_sdn_free(data);
+        },
 };
 
 // The message itself, zero-filled up to what its handler reads of every message.
+template <std::size_t AtLeast>
 constexpr Copy kPlainCopy = {
-    [](const Request &request) {
-      return ssc_sdn_malloc(std::max<std::size_t>(request.len, request.intake.copy_at_least), request.intake.name, __LINE__);
-    },
-    [](const Request &request, void *data) {
-      std::memcpy(data, request.msg, request.len);
-      if (request.len < request.intake.copy_at_least)
-        std::memset(static_cast<std::byte *>(data) + request.len, 0, request.intake.copy_at_least - request.len);
-    },
-    ssc_sdn_free,
+    .make =
+        [](const Request &request) {
+          return ssc_sdn_malloc(std::max<std::size_t>(request.len, AtLeast), request.intake.name, __LINE__);
+        },
+    .fill =
+        [](const Request &request, void *data) {
+          std::memcpy(data, request.msg, request.len);
+          if (request.len < AtLeast) std::memset(static_cast<std::byte *>(data) + request.len, 0, AtLeast - request.len);
+        },
 };
 
 std::uint16_t type_of(const Request &request) {
@@ -89,9 +93,10 @@ std::uint16_t type_of(const Request &request) {
 
 // One byte: 1 packet start, 0 packet end.
 constexpr Copy kPacketSignalCopy = {
-    [](const Request &request) { return ssc_sdn_malloc(1, request.intake.name, __LINE__); },
-    [](const Request &request, void *data) { *static_cast<std::uint8_t *>(data) = type_of(request) == southbound::kPktStart; },
-    ssc_sdn_free,
+    .make = [](const Request &request) { return ssc_sdn_malloc(1, request.intake.name, __LINE__); },
+    .fill = [](const Request &request,
+               void *data) { *static_cast<std::uint8_t *>(data) = type_of(request) == southbound::kPktStart; },
+    .no_memory = "malloc fail.",
 };
 
 void log_from_pi(const Request &request) {
@@ -127,8 +132,8 @@ constexpr Intake kAddFlow = {
     .counters = counters_of(SDN_OPT_FLOW_ADD),
     .timing = SDN_TIME_ADD_FLOW,
     .arrived = log_from_pi,
-    .refused = [](const Request &request) -> std::int32_t {
-      if (fits(request, kFlowFieldsEnd)) return 0;
+    .check = [](const Request &request) -> std::int32_t {
+      if (const std::int32_t code = needs_msg(request); code != 0 || fits(request, kFlowFieldsEnd)) return code;
       SDN_ERROR_AS(request.intake.name, "invalid flow length! (para_len = %d, flow header length = %d)",
                    static_cast<int>(request.len), own_length(request));
       return -4;
@@ -142,9 +147,9 @@ constexpr Intake kAddFlow = {
           log_enter(request);
         },
     .copy = &kJobCopy<ssc_sdn_flow_job>,
+    .failed = [](const Request &request,
+                 std::int32_t code) { sdn_send_flow_ret_val_2_proxy(request.vsd_id, flow_index(request), code); },
     .hand_over_fault = &kelim::kError,
-    .reply = [](const Request &request,
-                std::int32_t code) { sdn_send_flow_ret_val_2_proxy(request.vsd_id, flow_index(request), code); },
     .done = "leave",
 };
 
@@ -155,8 +160,8 @@ constexpr Intake kDelFlow = {
     .counters = counters_of(SDN_OPT_FLOW_DEL),
     .timing = SDN_TIME_DEL_FLOW,
     .arrived = log_from_pi,
-    .refused = [](const Request &request) -> std::int32_t {
-      if (fits(request, kFlowFieldsEnd)) return 0;
+    .check = [](const Request &request) -> std::int32_t {
+      if (const std::int32_t code = needs_msg(request); code != 0 || fits(request, kFlowFieldsEnd)) return code;
       SDN_ERROR_AS(request.intake.name, "invalid flow length!(para_len = %d, flow header length = %d)",
                    static_cast<int>(request.len), own_length(request));
       return -4;
@@ -172,11 +177,15 @@ constexpr Intake kDelFlow = {
     .done = "leave",
 };
 
-std::int32_t refuse_meter(const Request &request) {
-  if (fits(request, kMeterFieldsEnd)) return 0;
+std::int32_t check_meter(const Request &request) {
+  if (const std::int32_t code = needs_msg(request); code != 0 || fits(request, kMeterFieldsEnd)) return code;
   SDN_ERROR_AS(request.intake.name, "invalid meter length! (para_len = %d, meter header length = %d)",
                static_cast<int>(request.len), own_length(request));
   return -4;
+}
+
+void reply_meter(const Request &request, std::int32_t code) {
+  sdn_send_meter_ret_val_2_proxy(request.vsd_id, southbound::read<std::uint32_t>(bytes(request), southbound::kMeterId), code);
 }
 
 // Deliberate: failures of an add have no counter of their own; the reply that every one of them but a missing message gets is
@@ -187,20 +196,20 @@ constexpr Intake kAddMeter = {
     .counters = {.received = SDN_OPT_METER_ADD + SDN_OPT_RECEIVED},
     .timing = SDN_TIME_ADD_METER,
     .arrived = log_from_pi,
-    .refused = refuse_meter,
+    .check =
+        [](const Request &request) {
+          const std::int32_t code = check_meter(request);
+          if (code != 0 && request.msg != nullptr) reply_meter(request, code);
+          return code;
+        },
     .accepted =
         [](const Request &request) {
           SDN_VER_AS(request.intake.name, "[ADD] msg: ");
           log_enter(request);
         },
     .copy = &kJobCopy<ssc_sdn_meter_job>,
+    .failed = reply_meter,
     .hand_over_fault = &kelim::kError,
-    .reply =
-        [](const Request &request, std::int32_t code) {
-          sdn_send_meter_ret_val_2_proxy(request.vsd_id, southbound::read<std::uint32_t>(bytes(request), southbound::kMeterId),
-                                         code);
-        },
-    .replies_to_refusal = true,
     .done = "leave",
 };
 
@@ -210,7 +219,7 @@ constexpr Intake kDelMeter = {
     .counters = counters_of(SDN_OPT_METER_DEL),
     .timing = SDN_TIME_DEL_METER,
     .arrived = log_from_pi,
-    .refused = refuse_meter,
+    .check = check_meter,
     .accepted =
         [](const Request &request) {
           SDN_VER_AS(request.intake.name, "[DEL] msg: ");
@@ -229,9 +238,7 @@ constexpr Intake connection_intake(const char *name, libss_pthrd_handler handler
       .timing = timing,
       .arrived = log_from_pi,
       .accepted = log_request,
-      .copy = &kPlainCopy,
-      .copy_at_least = southbound::kHeaderLen,
-      .timed_before_fill = true,
+      .copy = &kPlainCopy<southbound::kHeaderLen>,
       .done = "leave",
   };
 }
@@ -244,8 +251,7 @@ constexpr Intake kBarrier = {
     .name = "ssc_sdn_barrier_msg",
     .handler = ssc_sdn_add_barrier_handler,
     .counters = counters_of(SDN_OPT_BARRIER),
-    .copy = &kPlainCopy,
-    .copy_at_least = southbound::kBarrierLen,
+    .copy = &kPlainCopy<southbound::kBarrierLen>,
     .fault = &kelim::kBarrier,
     .hand_over_fault = &kelim::kBarrier,
 };
@@ -261,13 +267,13 @@ constexpr Intake kDelAllFlow = {
 constexpr Intake kDelAll = {
     .name = "ssc_sdn_del_all_msg",
     .handler = ssc_sdn_del_all_handler,
-    .counters = {.received = SDN_OPT_DEL_ALL + SDN_OPT_RECEIVED, .failed_hand_over = SDN_OPT_DEL_ALL + SDN_OPT_FAILED},
+    .counters = counters_of(SDN_OPT_DEL_ALL),
     .arrived =
         [](const Request &request) {
           log_from_pi(request);
           SDN_DS_AS(request.intake.name, "sdn del_all_msg vsd:%d.", static_cast<int>(request.vsd_id));
         },
-    .needs_msg = false,
+    .check = nullptr,
 };
 
 constexpr Intake kDsStart = {
@@ -295,13 +301,13 @@ constexpr Intake kStatistic = {
     .handler = ssc_sdn_get_statistic_val_handler,
     .counters = counters_of(SDN_OPT_STATISTIC),
     .timing = SDN_TIME_STATISTIC,
-    .refused = [](const Request &request) -> std::int32_t {
-      if (fits(request, southbound::kStatRequestLen)) return 0;
+    .check = [](const Request &request) -> std::int32_t {
+      if (const std::int32_t code = needs_msg(request); code != 0 || fits(request, southbound::kStatRequestLen)) return code;
       SDN_ERROR_AS(request.intake.name, "invalid sdn statistic msg  length! (para_len = %d, statistic msg header length = %d)",
                    static_cast<int>(request.len), own_length(request));
       return -4;
     },
-    .copy = &kPlainCopy,
+    .copy = &kPlainCopy<southbound::kStatRequestLen>,
     .hand_over_fault = &kelim::kError,
 };
 
@@ -309,19 +315,19 @@ constexpr Intake kFlowCountConfig = {
     .name = "ssc_sdn_flowcnt_cfg_sig",
     .handler = ssc_sdn_flowcnt_cfg_handler,
     // What is of another type is its handler's to refuse.
-    .refused = [](const Request &request) -> std::int32_t {
+    .check = [](const Request &request) -> std::int32_t {
+      if (const std::int32_t code = needs_msg(request); code != 0) return code;
       if (type_of(request) != southbound::kFlowCountConfig || has(request, southbound::kCountLen)) return 0;
       SDN_ERROR_AS(request.intake.name, "invalid flow count config length! (para_len = %d, shortest = %d)",
                    static_cast<int>(request.len), static_cast<int>(southbound::kCountLen));
       return -4;
     },
-    .copy = &kPlainCopy,
-    .copy_at_least = southbound::kHeaderLen,
+    .copy = &kPlainCopy<southbound::kHeaderLen>,
     .hand_over_fault = &kelim::kError,
 };
 
-std::int32_t refuse_onc(const Request &request) {
-  if (has(request, southbound::kOncLen)) return 0;
+std::int32_t check_onc(const Request &request) {
+  if (const std::int32_t code = needs_msg(request); code != 0 || has(request, southbound::kOncLen)) return code;
   SDN_ERROR_AS(request.intake.name, "invalid onc length! (para_len = %d, shortest = %d)", static_cast<int>(request.len),
                static_cast<int>(southbound::kOncLen));
   return -4;
@@ -333,9 +339,9 @@ constexpr Intake onc_intake(const char *name, libss_pthrd_handler handler, sdn_o
       .handler = handler,
       .counters = counters_of(group),
       .arrived = log_from_pi,
-      .refused = refuse_onc,
+      .check = check_onc,
       .accepted = log_request,
-      .copy = &kPlainCopy,
+      .copy = &kPlainCopy<southbound::kOncLen>,
       .done = "leave",
   };
 }
@@ -346,16 +352,17 @@ constexpr Intake kDelOnc = onc_intake("ssc_sdn_del_onc_msg", ssc_sdn_del_onc_han
 constexpr Intake kPacketSignal = {
     .name = "ssc_sdn_pkt_start_msg",
     .handler = ssc_sdn_pkt_start_handler,
-    .counters = {.failed_hand_over = SDN_OPT_DEL_ALL + SDN_OPT_FAILED},
-    .needs_msg = false,
-    .refused = [](const Request &request) -> std::int32_t {
+    .check = [](const Request &request) -> std::int32_t {
       const std::uint16_t type = type_of(request);
       if (type == southbound::kPktStart || type == southbound::kPktEnd) return 0;
       SDN_ERROR_AS(request.intake.name, "ss_head type is %u then will return fail\n", type);
       return -11;
     },
     .copy = &kPacketSignalCopy,
-    .no_memory = "malloc fail.",
+    .failed =
+        [](const Request &, std::int32_t code) {
+          if (code == -11) sdn_opt_cnt[SDN_OPT_DEL_ALL + SDN_OPT_FAILED]++;
+        },
     .hand_over_fault = &kelim::kError,
 };
 
