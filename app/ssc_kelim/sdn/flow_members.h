@@ -11,23 +11,17 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <memory>
 #include <type_traits>
 
 #include "kelim/common/kelim_debug.h"
 #include "p_libpub.pb-c.h"
 #include "s_policy_kelim.pb-c.h"
 #include "ssc_kelim/sdn/flow_node.h"
+#include "ssc_kelim/sdn/sdn_ptr.h"
 
 namespace flow_members {
 
 // ---- record messages on the checked allocator
-
-struct sdn_free {
-  void operator()(void *block) const { ssc_sdn_free(block); }
-};
-template <typename T>
-using sdn_ptr = std::unique_ptr<T, sdn_free>;
 
 template <typename T>
 inline constexpr void (*init_of)(T *) = nullptr;

@@ -9,7 +9,7 @@
 
 #include "kelim/common/kelim_debug.h"
 #include "libss_pthrd.h"
-#include "ssc_kelim/sdn/flow_members.h"
+#include "ssc_kelim/sdn/sdn_ptr.h"
 
 // What a flow handler gets as data: both blocks are the handler's.
 struct ssc_sdn_flow_job {
@@ -43,7 +43,7 @@ struct free_job {
 // What a handler gets: a job with its message, or a plain copy of the message.
 using flow_job = std::unique_ptr<ssc_sdn_flow_job, free_job>;
 using meter_job = std::unique_ptr<ssc_sdn_meter_job, free_job>;
-using message = flow_members::sdn_ptr<void>;
+using message = sdn_ptr<void>;
 
 // Takes the data out of the node.
 template <typename Data>

@@ -35,7 +35,6 @@ using flow_members::kNothing;
 using flow_members::new_message;
 using flow_members::ops;
 using flow_members::pair;
-using flow_members::sdn_ptr;
 using flow_members::single;
 
 using N = flow_description;

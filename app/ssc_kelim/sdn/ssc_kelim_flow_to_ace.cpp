@@ -6,7 +6,7 @@
 
 #include "kelim/common/kelim_debug.h"
 #include "qx_runtime.h"
-#include "ssc_kelim/sdn/flow_members.h"
+#include "ssc_kelim/sdn/sdn_ptr.h"
 #include "ssc_kelim/sdn/ssc_kelim_flow_convert.h"
 #include "ssc_kelim/sdn/ssc_kelim_flow_db.h"
 #include "ssc_kelim/sdn/ssc_kelim_flow_store.h"
@@ -18,8 +18,6 @@
 #define SDN_LOG_SOURCE "app/ssc_kelim/sdn/ssc_kelim_msg_to_ssd.cpp"
 
 namespace {
-
-using flow_members::sdn_ptr;
 
 // One entry under translation. The records borrow addresses from `scratch`, so the whole lives until the flow record is written.
 struct translated_ace {

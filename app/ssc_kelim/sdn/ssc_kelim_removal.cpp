@@ -2,7 +2,7 @@
 
 #include "kelim/common/kelim_debug.h"
 #include "southbound.h"
-#include "ssc_kelim/sdn/flow_members.h"
+#include "ssc_kelim/sdn/sdn_ptr.h"
 #include "ssc_kelim/sdn/ssc_kelim_flow_db.h"
 #include "ssc_kelim/sdn/ssc_kelim_mom.h"
 #include "ssc_kelim/sdn/ssc_sdn_msg_queue.h"
@@ -71,8 +71,8 @@ int meter_scan_del_cb(const qx_obj *reply, void *arg) {
 }
 
 // What a scan is told: the virtual switch, in a block of its own that the caller frees.
-flow_members::sdn_ptr<std::uint32_t> new_scan_arg(std::uint32_t vsd_id, const char *caller) {
-  flow_members::sdn_ptr<std::uint32_t> arg(static_cast<std::uint32_t *>(ssc_sdn_malloc(sizeof vsd_id, caller, __LINE__)));
+sdn_ptr<std::uint32_t> new_scan_arg(std::uint32_t vsd_id, const char *caller) {
+  sdn_ptr<std::uint32_t> arg(static_cast<std::uint32_t *>(ssc_sdn_malloc(sizeof vsd_id, caller, __LINE__)));
   if (arg) *arg = vsd_id;
   return arg;
 }

@@ -11,8 +11,8 @@
 #include "qx_mom.h"
 #include "s_cluster.pb-c.h"
 #include "southbound.h"
-#include "ssc_kelim/sdn/flow_members.h"
 #include "ssc_kelim/sdn/handler_run.h"
+#include "ssc_kelim/sdn/sdn_ptr.h"
 #include "ssc_kelim/sdn/ssc_kelim_adapt.h"
 #include "ssc_kelim/sdn/ssc_kelim_data_sync.h"
 #include "ssc_kelim/sdn/ssc_kelim_ds_stage.h"
@@ -39,7 +39,7 @@ constexpr char kEnableLogName[] = "ssc_sdn_proc_enable_msg";
 std::int32_t trace_interfaces(const void *msg, std::uint32_t count) {
   // Whole entries only, whatever the length says.
   const std::size_t bytes = count * sizeof(std::uint32_t);
-  const flow_members::sdn_ptr<std::uint32_t> list(
+  const sdn_ptr<std::uint32_t> list(
       static_cast<std::uint32_t *>(ssc_sdn_malloc(std::max<std::size_t>(1, bytes), kEnableLogName, __LINE__)));
   if (!list) return -2;
   std::memcpy(list.get(), static_cast<const std::byte *>(msg) + southbound::kHeaderLen, bytes);
