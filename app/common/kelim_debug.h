@@ -17,7 +17,7 @@ struct ssat_command {
   ssat_handler handler;
 };
 
-// The decimal number that begins a switch file; nothing when the file is missing or empty.
+// The decimal number at the start of a switch file; nothing if the file is missing or empty.
 std::optional<std::uint32_t> ssc_sdn_read_switch_file(const char *path);
 
 // Opens a module of the command service and registers its commands in order. When the service refuses the module nothing is
@@ -27,13 +27,13 @@ std::int32_t ssc_sdn_register_commands(qx_global *global, const char *module, st
 // Reads the daemon's switch file and registers the commands below.
 void ut_ssc_sdn_dbg_init(qx_global *global);
 
-// Set ssc_sdn_debug_sw and g_sdn_count_dbg_sw, and say what is on.
+// Set ssc_sdn_debug_sw and g_sdn_count_dbg_sw, and print what is on.
 std::int32_t kelim_set_dbg(std::uint32_t value);
 std::int32_t kelim_set_count_dbg_sw(std::uint32_t value);
 
-// The queue of outstanding requests, a line a node.
+// The queue of outstanding requests, one line per node.
 std::int32_t dump_ssc_sdn_msg_queue();
-// The flow cache, a line a flow.
+// The flow cache, one line per flow.
 std::int32_t dump_ssc_all_flow_info();
 // One flow, field by field. -7 for a flow that is not in the cache.
 std::int32_t dump_ssc_primitive_flow_entry(std::uint64_t flow_index, std::uint32_t vsd_id);

@@ -1,4 +1,4 @@
-// The log facility's printing half and the start of the shared state; declared in header/kelim/common/kelim_debug.h.
+// The out-of-line half of header/kelim/common/kelim_debug.h: printing log lines, naming timing slots, resetting for tests.
 #include <array>
 #include <cstdio>
 #include <cstring>
@@ -17,7 +17,7 @@ void log_line_begin(const LogClass &log_class, const LogSite &site) {
   std::printf("[%s][SDN][%s]%s[%d]:", time, log_class.tag, site.func, site.line);
 }
 
-// At once, also where standard output is a pipe or a file: it may be the last line that somebody sees.
+// Flushes at once, even into a pipe or a file: it may be the last line that anybody sees.
 void log_line_end() {
   std::fflush(stdout);
   funlockfile(stdout);

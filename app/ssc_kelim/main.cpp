@@ -28,7 +28,7 @@ namespace {
 constexpr const char *kName = "ssc_kelim";
 constexpr const char *kAppLabel = "connect app async";
 constexpr const char *kUdpLabel = "connect de global async";
-constexpr int kExitOtherServer = 77;  // the supervisor starts the process anew
+constexpr int kExitOtherServer = 77;  // the supervisor restarts the process
 
 qx_thread g_event_thread;
 
@@ -72,7 +72,7 @@ constexpr Step kUdpConnectSteps[] = {
      [](int rv) { SDN_ERROR_AS(kUdpConnect, "qx_mom_client_set_reconnect_cb fail. rv:%d \n", rv); }},
 };
 
-// Arms the event timer. When that fails, the timers of this process are over and nothing drains the list any more.
+// Arms the event timer. If that fails, all timers of the process are stopped and the list is no longer drained.
 bool arm_event_timer(const char *caller) {
   constexpr long kPeriodMicroseconds = 50000;
   qx_thread_master *master = g_ssc_kelim_global->master;
@@ -85,7 +85,7 @@ bool arm_event_timer(const char *caller) {
 
 constexpr const char *kRole = "ssc_kelim_rdnd_unware_cb";
 constexpr Step kStartSteps[] = {
-    // The daemon works without its debug commands, so these two never stop the chain.
+    // The daemon works without its debug commands, so these two never end the chain.
     {[] {
        ut_ssc_sdn_dbg_init(g_ssc_kelim_global);
        libproxy_sdn_debug_init(g_ssc_kelim_global);
@@ -128,7 +128,7 @@ constexpr Subscription kAppSubscription = {
     flow_to_ace_install_call_back,
     "qx_mom_subscribe flow_to_ace error."};
 
-// Deliberate: operators know the meters' failure by the text of the flows.
+// Deliberate: a failed subscription to meters is logged with the text for flows, which operators search for.
 constexpr Subscription kUdpSubscriptions[] = {
     {{&s_policy_kelim__flow_sta__descriptor, &s_policy_kelim__flow_key__descriptor},
      flow_install_call_back,
@@ -182,8 +182,8 @@ int ssc_kelim_udp_topic_reg(void *conn) {
 
 // ---- reconnection
 
-// Notes a change of connection and ends the process when the data behind it is another one. True when the connect callback is to
-// be repeated.
+// Logs a change of the connection and ends the process if another server is behind it. True if the connect callback is to run
+// again.
 bool is_back(const char *callback, std::int32_t db, std::int32_t type) {
   enum { kOtherServer = 1, kSameServer = 2 };
   SDN_ERROR_AS(callback, "reconnect db:%d type:%d", db, type);
@@ -216,7 +216,7 @@ void report_flow(const char *callback, const SPolicyKelim__FlowSta &sta) {
   }
 }
 
-// Deliberate: a failed meter is reported with result 0, from which the reply makes a plain failure.
+// Deliberate: a failed meter is reported with code 0, which the reply turns into a plain failure.
 void report_meter(const char *callback, const SPolicyKelim__Meter &meter) {
   if (meter.status == S_POLICY_KELIM__STATUS_E__STATUS_FAILED) {
     sdn_send_meter_ret_val_2_proxy(meter.index->vsd_id, meter.index->meter_id, 0);
@@ -226,14 +226,14 @@ void report_meter(const char *callback, const SPolicyKelim__Meter &meter) {
   }
 }
 
-// The record of a notification, null when it carries none or one without a key.
+// The record of a notification; null if there is none or it has no key.
 template <typename Record>
 const Record *record_of(const void *value) {
   const auto *record = static_cast<const Record *>(value);
   return record != nullptr && record->index != nullptr ? record : nullptr;
 }
 
-// The record of a written meter; null, after its line, when the notification is malformed.
+// The record of a written meter; null, with an error line, if the notification is malformed.
 const SPolicyKelim__Meter *written_meter(const char *callback, const qx_obj &msg) {
   const auto *holder = static_cast<const qx_mom_hash_value *>(msg.value);
   const int cmd = static_cast<int>(msg.cmd), flag = static_cast<int>(msg.flag);
@@ -259,7 +259,7 @@ int ssc_kelim_rdnd_unware_cb(void *, void *) {
   return run_steps(kStartSteps);
 }
 
-// Deliberate: 0 even without the subscription; flows that need no translation work without it.
+// Deliberate: 0 even if the subscription fails; flows that need no translation work without it.
 int ssc_app_async_connect_cb(void *, const char *label) {
   if (label != nullptr) SDN_VER("%s", label);
   ssc_kelim_subscribe_app();
@@ -304,7 +304,7 @@ int flow_install_call_back(void *, const qx_obj *msg) {
   return 0;
 }
 
-// Deliberate: of the three subscriptions on database 8 it is this one whose data-fetch signal drives the handshake.
+// Deliberate: of the three subscriptions on database 8, this one's data-fetch signal drives the handshake.
 int meter_install_call_back(void *, const qx_obj *msg) {
   switch (msg->cmd) {
     case QX_MOM_CMD_DATA_FETCH:
@@ -346,7 +346,7 @@ int ssc_kelim_event_pthrd(qx_thread *) {
 }
 
 int main() {
-  // Which databases the redundancy manager should know of; it keeps the pointer.
+  // The databases that the redundancy manager is told about; it keeps the pointer.
   static constexpr std::int32_t kDatabases[] = {QX_MOM_UDP_DB, QX_MOM_APP_DB};
 
   g_ssc_kelim_global = nullptr;

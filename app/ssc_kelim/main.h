@@ -1,8 +1,8 @@
 // Process entry and lifecycle: start-up chain, database connections, the watchers of install results and the event timer that
 // drains the main SDN list.
 //
-// Everything here runs on the event loop's thread, which is the main SDN thread. Nothing is retried: a step that fails is logged,
-// its code goes to whoever called, and the daemon stays up with what it has.
+// Everything here runs on the event loop's thread, which is the main SDN thread. Nothing is retried: a failing step is logged,
+// its code is returned to the caller, and the daemon stays up with what it has.
 #pragma once
 
 #include <cstdint>
@@ -18,8 +18,8 @@ int ssc_kelim_rdnd_unware_cb(void *role, void *state);
 int ssc_app_async_connect_cb(void *conn, const char *label);  // 0 always
 int ssc_udp_async_connect_cb(void *conn, const char *label);  // 0, -1, or the code of ssc_kelim_init
 
-// Their connection has changed. Type 1 (another server process) ends this process with status 77, type 2 (the same one is back)
-// repeats the connect callback and gives its result, others give 0.
+// Reconnection callbacks of those databases. Type 1 (another server process) ends this process with status 77, type 2 (the same
+// server process is back) runs the connect callback again and returns its result, other types return 0.
 int ssc_kelim_app_reconnect_cb(void *conn, std::int32_t db, std::int32_t type);
 int ssc_kelim_udp_reconnect_cb(void *conn, std::int32_t db, std::int32_t type);
 

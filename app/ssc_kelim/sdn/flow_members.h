@@ -1,4 +1,4 @@
-// Where each part of a flow lies: in the cached node and in the records made from it.
+// The members of a flow: where they are in the cached node and in the records made from it.
 //
 // A pair of members (value and mask, or a value alone) is named once, by pointers to members; the type of the record's member
 // decides how it is copied: a scalar is widened, an IPv4 address gets a sub-message of its own, a MAC or IPv6 address a
@@ -46,7 +46,7 @@ inline void put(PLibpub__Ipv4 &to, const std::uint32_t &from) {
   to.data = from;
 }
 
-// Borrows. The cast only fits protobuf-c's type: nothing writes through a record that is being stored.
+// Borrows the bytes. The cast is for protobuf-c's type only: nothing writes through a record that is being stored.
 template <typename Wrapper, std::size_t N>
 void put(Wrapper &to, const std::uint8_t (&from)[N]) {
   to.data = {N, const_cast<std::uint8_t *>(from)};

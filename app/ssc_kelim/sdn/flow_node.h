@@ -64,7 +64,7 @@ struct flow_info_node : flow_info_key, flow_description {
 static_assert(sizeof(flow_info_key) == 16 && sizeof(flow_description) == 192 && sizeof(flow_info_node) == 264,
               "a million of them: keep the node free of avoidable padding");
 
-// Translated into access-control entries by its application.
+// True for a flow that its application translates into access-control entries.
 inline bool is_service_chain(const flow_description &flow) {
   return flow.exp_app_type == southbound::kServiceChainAppType;
 }

@@ -1,6 +1,6 @@
-// A flow-mod as received, read without trusting it: no read leaves its bytes.
+// Bounds-checked views of a received flow-mod: no read leaves its bytes.
 //
-// Match fields and actions are lists of entries, each measured by its own first word. One walk serves both:
+// Match fields and actions are lists of entries, whose first word gives their length. One walk serves both:
 //
 //   for (auto at = view.match(); at.more(); at.next()) {
 //     if (!at.whole()) ...   // this entry, or its end, lies outside the list or the message: nothing after it can be found
@@ -26,7 +26,7 @@ using bytes = std::span<const std::byte>;
 
 using southbound::read;
 
-// `Measure` tells an entry's own length and its step to the next one from the entry's first word.
+// `Measure` computes an entry's length and the step to the next entry from its first word.
 template <typename Measure>
 class walk {
  public:
@@ -45,7 +45,7 @@ class walk {
 
  private:
   bytes rest_;
-  std::size_t missing_;  // listed bytes behind the end of the message
+  std::size_t missing_;  // listed bytes beyond the end of the message
 };
 
 struct oxm_measure {
@@ -63,7 +63,7 @@ class flow_view {
  public:
   flow_view(const void *msg, std::size_t len) : bytes_(static_cast<const std::byte *>(msg), len) {}
 
-  // False when not even the match header is there.
+  // False if the message ends before its match fields.
   bool has_match() const { return bytes_.size() >= southbound::kFlowOxm; }
   std::uint16_t match_len() const { return read<std::uint16_t>(bytes_, southbound::kFlowMatchLen); }
   match_walk match() const { return {tail(southbound::kFlowOxm), match_len()}; }

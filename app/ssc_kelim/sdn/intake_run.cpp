@@ -2,7 +2,7 @@
 
 #include "ssc_kelim/sdn/ssc_sdn_main_list.h"
 
-// The log knows list, intakes and initialisation as one source.
+// Main list, intakes and initialisation log under one source path.
 #undef SDN_LOG_SOURCE
 #define SDN_LOG_SOURCE "app/ssc_kelim/sdn/ssc_kelim_init.cpp"
 
@@ -17,7 +17,7 @@ void stop_timing(const Intake &intake) {
   if (intake.timing != kNone) ssc_sdn_time_stop(intake.timing);
 }
 
-// Counts a failure and does what else the intake does about it. Returns the code.
+// Counts a failure, runs the intake's own reaction to it and returns the code.
 std::int32_t fail(const Request &request, std::int32_t code) {
   count(request.intake.counters.failed);
   if (request.intake.failed != nullptr) request.intake.failed(request, code);

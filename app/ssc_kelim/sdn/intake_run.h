@@ -1,4 +1,4 @@
-// The pattern of the intakes: they note the arrival, check, copy and hand over. What differs stands in one row an intake.
+// The engine of the intakes: it notes the arrival, checks, copies and hands over. What differs between them is one row each.
 //
 // Thread: service-library thread.
 #pragma once
@@ -38,28 +38,28 @@ constexpr Counters counters_of(sdn_opt_group group) {
   return {group + SDN_OPT_RECEIVED, group + SDN_OPT_FAILED};
 }
 
-// The usual check: 0, or -4 after its line where there is no message.
+// The usual check: 0, or -4 with a log line if there is no message.
 std::int32_t needs_msg(const Request &request);
 
 struct Intake {
-  const char *name;  // in its lines
+  const char *name;  // as its log lines show it
   libss_pthrd_handler handler;
   Counters counters = {};
   unsigned timing = kNone;
 
-  // The steps, in order; null: nothing is done.
+  // The steps, in order; null skips one.
   void (*arrived)(const Request &) = nullptr;
-  std::int32_t (*check)(const Request &) = needs_msg;  // 0, or after its line the code to refuse with
+  std::int32_t (*check)(const Request &) = needs_msg;  // 0, or the code to refuse with, already logged
   void (*accepted)(const Request &) = nullptr;
   const Copy *copy = nullptr;                                    // null: the handler gets no data
   void (*failed)(const Request &, std::int32_t code) = nullptr;  // -2 out of memory, -11 not queued
 
-  // Class of the lines about a missing message and memory, and of the line about a request that cannot be queued.
+  // Log classes: for a missing message or lack of memory, and for a request that cannot be queued.
   const kelim::LogClass *fault = &kelim::kError, *hand_over_fault = &kelim::kVer;
   const char *done = nullptr;  // VER line of success
 };
 
-// Takes a request in. 0 queued, or the code that it failed with.
+// Takes a request in. 0 if it is queued, else the code of the failure.
 std::int32_t take_in(const Intake &intake, std::uint32_t vsd_id, const void *msg, std::uint32_t len);
 
 }  // namespace intake_run

@@ -21,8 +21,8 @@
 
 struct oxm_row {
   std::uint32_t header;
-  bool dumped;               // the dump of flows knows it
-  bool stored;               // false: walked over
+  bool dumped;               // known to the dump of flows
+  bool stored;               // false: skipped
   std::uint64_t field_bits;  // flow_field_e bits that it sets
   std::uint64_t rule_bits;   // flow_ace_rule_e bit that it sets
   void (*store)(flow_description &, const std::byte *payload);
@@ -85,7 +85,7 @@ using N = flow_description;
 using F = SPolicyKelim__FlowField;
 using A = SPolicyKelim__FlowAceField;
 
-// Node and both records name most members alike.
+// Most members have the same name in the node and in both records.
 #define ALIKE(name) match_field<&N::name, &N::name##_mask, &F::name, &F::name##_mask, &A::name, &A::name##_mask>
 using eth_dst = ALIKE(dst_mac);
 using eth_src = ALIKE(src_mac);
@@ -103,7 +103,7 @@ using icmp_code = ALIKE(icmp_code);
 using ipv6_src = ALIKE(ipv6_src);
 using ipv6_dst = ALIKE(ipv6_dst);
 #undef ALIKE
-// The ingress port is no part of an entry's rule; who builds an entry copies it.
+// The ingress port is not part of an entry's rule; it is copied when an entry is built.
 using in_port = match_field<&N::in_port, nullptr, &F::in_port_ifx, nullptr, nullptr, nullptr>;
 // Deliberate: flow_field has members for these two, but only their bits go there; applications read them as absent.
 using exp_app_type = match_field<&N::exp_app_type, nullptr, nullptr, nullptr, nullptr, nullptr>;
@@ -114,7 +114,7 @@ consteval oxm_row row(std::uint64_t field_bits, std::uint64_t rule_bits, bool du
   return {Header, dumped, true, field_bits, rule_bits, Field::template stored_by<Header>, Field::field(), Field::rule()};
 }
 
-// A field that is walked over without being looked at.
+// A field that is skipped without being read.
 template <std::uint32_t Header>
 consteval oxm_row skipped(bool dumped) {
   return {Header,
@@ -152,7 +152,7 @@ inline constexpr oxm_row kRows[] = {
     row<0x80001804, ipv4_dst>    (FIELD(OXM_SS_OF_IPV4_DST),     RULE(IPV4_DST),      kDumped),
     row<0x80001908, ipv4_dst>    (FIELD(OXM_SS_OF_IPV4_DST),     RULE(IPV4_DST),      kDumped),
     row<0x80001a02, l4_src>      (FIELD(OXM_SS_OF_TCP_SRC),      RULE(SRC_L4PORT),    kDumped),
-    // Deliberate: a TCP destination port sets the UDP bit too; whoever reads the bitmap takes either for "destination port".
+    // Deliberate: a TCP destination port sets the UDP bit too; readers of the bitmap take either as "destination port".
     row<0x80001c02, l4_dst>      (FIELD(OXM_SS_OF_TCP_DST) |
                                   FIELD(OXM_SS_OF_UDP_DST),      RULE(DST_L4PORT),    kDumped),
     row<0x80001e02, l4_src>      (FIELD(OXM_SS_OF_UDP_SRC),      RULE(SRC_L4PORT),    kDumped),

@@ -1,4 +1,4 @@
-// The owner of a block of the checked allocator. Any thread.
+// An owning pointer to a block of the checked allocator. Any thread.
 #pragma once
 
 #include <memory>

@@ -1,4 +1,4 @@
-// Reading southbound messages that are not trusted: a field that lies beyond the message reads as 0. Any thread.
+// Bounds-checked reads of untrusted southbound messages: a field beyond the end of the message reads as 0. Any thread.
 #pragma once
 
 #include <algorithm>
@@ -11,7 +11,7 @@
 
 namespace southbound {
 
-// What the message says of its own length, which is the number of bytes there are; 0 for none.
+// The length that the message gives in its header, which is how many bytes it has; 0 for null.
 inline std::uint16_t message_len(const void *msg) {
   return msg != nullptr ? get<std::uint16_t>(msg, kLen) : std::uint16_t{0};
 }
@@ -20,7 +20,7 @@ inline std::span<const std::byte> message_bytes(const void *msg) {
   return {static_cast<const std::byte *>(msg), message_len(msg)};
 }
 
-// What lies at `offset`, zero-filled where the bytes end.
+// The value at `offset`, zero-filled beyond the end of the bytes.
 template <typename T>
 T read(std::span<const std::byte> from, std::size_t offset) {
   T value{};

@@ -35,7 +35,7 @@ struct pack_link {
   pack_link *next, *prev;
 };
 
-// A report under construction; the message lies behind it in the same block.
+// A report under construction; the message follows it in the same block.
 struct pack_buffer : pack_link {
   std::uint32_t reserved;  // 0
   std::int32_t capacity;   // cells that the block has room for; the maximum may have been raised since
@@ -93,8 +93,8 @@ std::int32_t max_cells() {
   return std::clamp(g_ssc_sdn_pack_max_cell_num, 1, kMaxCells);
 }
 
-// Takes the last report off the list when it has room: the sending thread does not see it until it is put back. Null: none has
-// room.
+// Takes the last report off the list if it has room, which hides it from the sending thread until it is put back. Null if it has
+// none.
 pack_buffer *take_last_with_room() {
   const kelim::Lock lock(g_ssc_sdn_pack_mutex);
   if (g_ssc_sdn_pack_lst_head.empty()) return nullptr;
@@ -140,7 +140,7 @@ void send_collected() {
 void *ssc_sdn_pack_send_task(void *) {
   prctl(PR_SET_NAME, "ssc_kelim_pack_task");
   for (;;) {
-    // Deliberate: the period is fixed; a controller that configures another one still gets its reports every five seconds.
+    // Deliberate: the period is fixed; a controller that configures another one gets its reports every five seconds all the same.
     qx_sleep_ms(kSendPeriodMs);
     send_collected();
   }

@@ -33,8 +33,7 @@ void ssc_sdn_flow_to_ace_sta(const SPolicyKelim__FlowSta *sta);
 
 // ---- packed report of counter changes
 
-// Cells a packed report, 100 at the start. Values outside 1 to 2730 (what the report's 16-bit length can say) count as the
-// nearest of the two.
+// Cells per packed report, initially 100. Values outside 1 to 2730 (the limit of the report's 16-bit length) are clamped.
 extern kelim::Mutex g_ssc_sdn_pack_max_cell_num_mutex;
 extern std::int32_t g_ssc_sdn_pack_max_cell_num KELIM_GUARDED_BY(g_ssc_sdn_pack_max_cell_num_mutex);
 
@@ -57,6 +56,5 @@ std::int32_t ssc_sdn_pack_msg(const ssc_sdn_pack_cell *cell);
 // Starts the sending thread, once. 0, or -17.
 std::int32_t ssc_kelim_pack_send_task_init();
 
-// For tests only: zeroes counters, drops unsent reports, restores the cell maximum. The sending thread goes
-// on.
+// For tests only: zeroes the counters, drops unsent reports, restores the cell maximum. The sending thread goes on.
 void ssc_kelim_adapt_reset_for_tests();

@@ -9,13 +9,13 @@
 #include "ssc_kelim/sdn/ssc_kelim_mom.h"
 #include "ssc_kelim/sdn/ssc_sdn_msg_queue.h"
 
-// The log knows data synchronisation as part of the handlers.
+// Logs under the handlers' source path.
 #undef SDN_LOG_SOURCE
 #define SDN_LOG_SOURCE "app/ssc_kelim/sdn/ssc_kelim_msg_to_ssd.cpp"
 
 namespace {
 
-// Clean-ups are counted in the last slot of the group of starts' ends.
+// Clean-ups are counted as the handled ones of the end signals.
 constexpr unsigned kCleanUps = SDN_OPT_DS_END + SDN_OPT_HANDLED;
 
 // A kind of flow record: its tag and where the stage notes that it has been cleaned up.
@@ -70,12 +70,12 @@ void ssc_sdn_update_ds_node_and_check(std::uint64_t msg_id, std::uint32_t kind) 
   ssc_sdn_assert_main_thread();
   if (!g_ssc_ds_stage.in_progress || kind >= std::size(kKinds) || g_ssc_ds_stage.*kKinds[kind].finished) return;
   ssc_sdn_msg_queue_update_node_set_status(msg_id);
-  // Deliberate: also before the end is signalled. Records whose replay is still to come are not past their deadline.
+  // Deliberate: also before the end is signalled. Records that are still to be replayed have not reached their deadline.
   finish_kind_if_drained(kind, __func__);
   ssc_sdn_ds_stage_init_or_check(0);
 }
 
-// Deliberate: tag 2 is tried only when tag 1 fails, it is a fallback and no second clean-up.
+// Deliberate: tag 2 is tried only if tag 1 fails, as a fallback, not as a second clean-up.
 void ssc_sdn_abandon_data_sync() {
   const std::uint32_t vsd_id = g_ssc_ds_stage.vsd_id;
   if (ssc_sdn_db_expire_del_all_with_ow(vsd_id, SSC_KELIM_OW_FLOW) == 0 ||

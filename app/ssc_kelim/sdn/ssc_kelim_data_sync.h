@@ -1,7 +1,7 @@
-// Data synchronisation: the controller side says again what it wants, and what it does not say again goes.
+// Data synchronisation: the controller side replays what it wants, and what is not replayed is removed.
 //
-// At the start every flow and meter record is put on a short expiry. Flows that are written again survive with their tag; the
-// rest of a kind is deleted by tag once the kind's queued work has drained. Where it stands: ssc_kelim_ds_stage.h.
+// At the start every flow and meter record gets a short expiry. Flows that are written again survive with their tag; the rest of
+// a kind is deleted by tag once the kind's queued work has drained. Where it stands: ssc_kelim_ds_stage.h.
 //
 // Thread: main SDN thread.
 #pragma once

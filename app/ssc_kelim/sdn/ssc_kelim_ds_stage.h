@@ -1,4 +1,4 @@
-// Where a data synchronisation stands: a record that the queue reads and ssc_kelim_data_sync moves on.
+// Where a data synchronisation stands: a record that ssc_kelim_data_sync keeps and the queue reads.
 //
 // Kind 0 are the flows written from flow-mods (tag 1), kind 1 those written from service-chain applications' answers (tag 2).
 //

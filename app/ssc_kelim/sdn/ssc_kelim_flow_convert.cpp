@@ -10,7 +10,7 @@
 #include "ssc_kelim/sdn/flow_members.h"
 #include "ssc_kelim/sdn/oxm_table.h"
 
-// The log knows parsing and conversion as one source.
+// Parsing and conversion log under one source path.
 #undef SDN_LOG_SOURCE
 #define SDN_LOG_SOURCE "app/ssc_kelim/sdn/ssc_kelim_flow_parse.cpp"
 
@@ -44,8 +44,7 @@ using N = flow_description;
 template <typename Record, std::size_t Bits>
 using members_by_bit = std::array<ops<Record>, Bits>;
 
-// The members of every bit of a bitmap, from the match fields that set it. A bit that several fields set names the same members
-// in all.
+// The members of every bit of a bitmap, from the match fields that set it. Fields that set the same bit name the same members.
 template <std::size_t Bits, typename Record>
 consteval members_by_bit<Record, Bits> from_match_fields(std::uint64_t oxm_row::*bits, ops<Record> oxm_row::*members) {
   members_by_bit<Record, Bits> table;
@@ -64,7 +63,7 @@ consteval members_by_bit<Record, Bits> from_match_fields(std::uint64_t oxm_row::
 constexpr auto kFlowFields =
     from_match_fields<S_POLICY_KELIM__FLOW_FIELD_E__OXM_SS_FIELD_MAX>(&oxm_row::field_bits, &oxm_row::field);
 
-// Two flags of an entry stand for no match field; they only come in entries of service-chain applications.
+// Two flags of an entry correspond to no match field; they occur only in entries of service-chain applications.
 constexpr auto kAceRules = [] {
   auto table = from_match_fields<S_POLICY_KELIM__FLOW_ACE_RULE_E__SS_FP_RULE_MAX>(&oxm_row::rule_bits, &oxm_row::rule);
   using A = SPolicyKelim__FlowAceField;
@@ -133,7 +132,7 @@ void release_bits(const members_by_bit<Record, Bits> &table, std::uint64_t bitma
   });
 }
 
-// ---- records under construction: they release their sub-messages with themselves
+// ---- records under construction, which release their sub-messages when they are destroyed
 
 void release(SPolicyKelim__FlowField *field) {
   ssc_sdn_free_field_ip_mac(field);
@@ -169,7 +168,7 @@ void free_and_clear(Record *&record) {
   record = nullptr;
 }
 
-// What the controller asked for, as it stands in both kinds of record.
+// What the controller asked for, as both kinds of record carry it.
 struct request {
   record_ptr<SPolicyKelim__FlowField> field = new_record<SPolicyKelim__FlowField>();
   record_ptr<SPolicyKelim__FlowAction> action = new_record<SPolicyKelim__FlowAction>();

@@ -2,8 +2,8 @@
 //
 // Thread: main SDN thread.
 // Ownership: the address sub-messages of a record are allocated with ssc_sdn_malloc and released by the ssc_sdn_free_* calls,
-// guided by the record's own bitmap. MAC and IPv6 bytes are borrowed from the node: the record has to be written before the node
-// goes. Results: 0; -2 out of memory, with everything undone.
+// according to the record's own bitmap. MAC and IPv6 bytes are borrowed from the node: the record has to be written before the
+// node is deleted. Results: 0; -2 out of memory, with everything undone.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@
 
 // ---- node to the record of a service-chain flow
 
-// Hangs `field` and `action`, made from `node`, on the record.
+// Attaches `field` and `action`, made from `node`, to the record.
 std::int32_t ssc_sdn_parse_flow_ace_field_act_convert(SPolicyKelim__ParseFlow *parse_flow, const flow_info_node *node);
 
 // Fill the members of one bit of flow_field_e or flow_action_e; *error becomes 1 when memory is short.
@@ -24,8 +24,8 @@ void ssc_sdn_parse_flow_ace_action_convert(SPolicyKelim__FlowAction *action, std
 
 // ---- node to the record of an installed flow
 
-// Hangs flow_field, flow_action and the access-control entries (as many as flow->n_ace says; the first one carries the flow) on
-// the record and sets the length of flow_data. Borrows from `node`.
+// Attaches flow_field, flow_action and the access-control entries (flow->n_ace of them; the first one carries the flow) to the
+// record and sets the length of flow_data. Borrows from `node`.
 std::int32_t ssc_sdn_ace_field_act_convert(SPolicyKelim__Flow *flow, const flow_info_node *node);
 
 // Fill the members of one bit of flow_ace_rule_e or flow_ace_action_e; *error becomes 1 when memory is short.
@@ -48,8 +48,8 @@ int ssc_sdn_fill_ace_action(SPolicyKelim__FlowAceAction *action, const flow_info
 bool ssc_kelim_get_flow_to_ace_field(flow_info_node *node, const SPolicyKelim__FlowAce *ace, std::uint32_t bit);
 bool ssc_kelim_get_flow_to_ace_action(flow_info_node *node, const SPolicyKelim__FlowAce *ace, std::uint32_t bit);
 
-// Do so for every bit of the entry's bitmap, which `node` takes over. The bit that failed, or -1. An entry without match or
-// actions has none of their bits.
+// Do the same for every bit of the entry's bitmap, which is copied to `node`. The bit that failed, or -1. An entry without match
+// or actions has none of their bits.
 int ssc_sdn_read_back_ace_field(flow_info_node *node, const SPolicyKelim__FlowAce *ace);  // in_port_ifx as well
 int ssc_sdn_read_back_ace_action(flow_info_node *node, const SPolicyKelim__FlowAce *ace);
 
@@ -60,7 +60,8 @@ void ssc_sdn_free_action_mac(SPolicyKelim__FlowAction *action);
 void ssc_sdn_free_ace_field_ip_mac(SPolicyKelim__FlowAceField *field);
 void ssc_sdn_free_ace_action_mac(SPolicyKelim__FlowAceAction *action);
 
-// Everything that a successful ssc_sdn_ace_field_act_convert, or ssc_sdn_parse_flow_ace_field_act_convert, hung on the record.
+// Everything that a successful ssc_sdn_ace_field_act_convert, or ssc_sdn_parse_flow_ace_field_act_convert, attached to the
+// record.
 void ssc_sdn_free_flow_members(SPolicyKelim__Flow *flow);
 void ssc_sdn_free_parse_flow_members(SPolicyKelim__ParseFlow *parse_flow);
 

@@ -16,8 +16,7 @@ namespace {
 // all of memory, and at a million flows reading them took most of 0.3 s, for which the loop stood still.
 std::uint32_t *g_hashes;
 
-// The latest node that could not be indexed: whoever created it may still use it, so it is released when the next one takes its
-// place.
+// The latest node that could not be indexed. Its creator may still use it, so it is released only when the next one replaces it.
 flow_info_node *g_unindexed;
 
 // ---- bucket flags
@@ -86,7 +85,7 @@ std::uint32_t hash_of(const flow_info_key &key) {
 
 // ---- probing
 
-// The buckets that a key may lie in, one after the other: steps of 1, 2, 3, ...
+// The probe sequence of a key: steps of 1, 2, 3, ...
 class probe {
  public:
   probe(const flow_info_hash &hash, const flow_info_key &key)
@@ -104,7 +103,7 @@ class probe {
 
 constexpr std::uint32_t kNowhere = UINT32_MAX;
 
-// The bucket of the key, or kNowhere; also before the index is there.
+// The bucket of the key; kNowhere if it is not there, or the index does not exist yet.
 std::uint32_t bucket_of(const flow_info_hash *hash, const flow_info_key &key) {
   if (!hash || hash->n_buckets == 0) return kNowhere;
   probe at(*hash, key);
@@ -115,7 +114,7 @@ std::uint32_t bucket_of(const flow_info_hash *hash, const flow_info_key &key) {
   return kNowhere;
 }
 
-// Where a key is put: its own bucket, else the first tombstone on the way, else the empty bucket at its end.
+// The bucket to put a key in: its own, else the first tombstone in the sequence, else the empty bucket that ends it.
 std::uint32_t bucket_for(const flow_info_hash &hash, const flow_info_key &key) {
   std::uint32_t tombstone = kNowhere;
   probe at(hash, key);
@@ -169,7 +168,7 @@ bool resize_keys(flow_info_hash &hash, std::uint32_t buckets) {
   return resize_array(hash.keys, buckets) && resize_array(g_hashes, buckets);
 }
 
-// Makes room for one more entry where the index is full. False when memory is short.
+// Makes room for one more entry if the index is full. False when memory is short.
 bool make_room(flow_info_hash &hash) {
   if (hash.n_occupied < hash.upper_bound) return true;
   const bool mostly_tombstones = hash.n_buckets > 2 * hash.size;
@@ -274,7 +273,7 @@ flow_info_node *flow_info_cache_create(flow_info_node **out, const flow_info_nod
     known->install_state = key_only->install_state;
     known->flow_field_bitmap = key_only->flow_field_bitmap;
     known->flow_action_bitmap = key_only->flow_action_bitmap;
-    // Deliberate: the copy that the node held is not released here; a record under way may still borrow from it.
+    // Deliberate: the copy that the node held is not released here; a record being written may still borrow from it.
     known->raw = key_only->raw;
     return *out = known;
   }
@@ -285,7 +284,7 @@ flow_info_node *flow_info_cache_create(flow_info_node **out, const flow_info_nod
   if (make_room(*flow_info_list)) {
     put(*flow_info_list, bucket_for(*flow_info_list, *node), node);
   } else {
-    // Deliberate: the flow goes on with a node that no lookup finds, rather than fail for want of an index.
+    // Deliberate: the flow proceeds with a node that no lookup finds, rather than failing because the index cannot grow.
     keep_unindexed(node);
   }
   return *out = node;

@@ -27,7 +27,7 @@ extern flow_info_hash *flow_info_list;
 
 using flow_info_op = std::int32_t (*)(flow_info_node *node, void *arg);
 
-// Creates the empty index and returns it; null when memory is short. A second call keeps the index with what it holds.
+// Creates the empty index and returns it; null when memory is short. A second call keeps the index and its contents.
 flow_info_hash *ssc_kelim_flow_info_init();
 // The same; 0.
 std::int32_t flow_info_hash_init();
@@ -43,7 +43,7 @@ flow_info_node *ssc_kelim_add_flow_node(const void *msg, std::int32_t size, cons
 // Takes the node out of the index and releases it with its copy. 0, or -5 for null.
 std::int32_t ssc_kelim_del_flow_node(flow_info_node *node);
 
-// Calls `op` for every node in bucket order until one returns non-zero; that result, or 0.
+// Calls `op` on every node in bucket order until a call returns non-zero. Returns that result, or 0.
 std::int32_t ssc_kelim_for_each_flow_node_op(flow_info_op op, void *arg);
 
 // ---- the set itself

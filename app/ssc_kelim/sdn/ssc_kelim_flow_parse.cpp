@@ -56,7 +56,7 @@ constexpr set_field_row kSetFields[] = {
     set_field<0x80001001, &N::mod_ipv4_dscp>                    (FLOW(SET_IP_DSCP),  ACE(IPV4_DSCP)),
 };
 
-// What an output port does. Deliberate: a port that the switch cannot output to keeps its flow, with a redirect that forwards nowhere.
+// What an output port does. Deliberate: a flow to an unsupported port is kept, with a redirect that forwards nowhere.
 enum class port_kind { kUnsupported, kToController, kNormal, kOrdinary };
 struct port_row {
   std::uint32_t port;
@@ -124,7 +124,7 @@ bool set_field_value(flow_info_node &node, bytes body, std::uint64_t &flow_bits,
 #undef FLOW
 #undef ACE
 
-// Takes one action into the node. False when what it has to say lies outside of it.
+// Stores one action in the node. False if its value is cut off.
 bool take_action(flow_info_node &node, std::uint16_t type, bytes body, std::uint64_t &flow_bits, std::uint64_t &ace_bits) {
   if (type == kSetField) return set_field_value(node, body, flow_bits, ace_bits);
   if (type != kOutput && type != kSetQueue) return true;

@@ -10,7 +10,7 @@
 #include "ssc_kelim/sdn/oxm_table.h"
 #include "ssc_kelim/sdn/ssc_kelim_mom.h"
 
-// The log knows the port check as part of the handlers.
+// Logs under the handlers' source path.
 #undef SDN_LOG_SOURCE
 #define SDN_LOG_SOURCE "app/ssc_kelim/sdn/ssc_kelim_msg_to_ssd.cpp"
 

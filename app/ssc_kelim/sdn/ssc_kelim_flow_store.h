@@ -7,7 +7,7 @@
 
 #include "s_policy_kelim.pb-c.h"
 
-// Gatekeepers: may this flow be stored? They look the ports up and change nothing; the physical id is only logged.
+// Check whether a flow may be stored. They look its ports up and change nothing; physical ids are only logged.
 // In port: 0, -4 without flow data, -20 for an interface that cannot be matched on, or the lookup's code.
 std::int32_t ssc_kelim_pick_out_inport_phyid(const SPolicyKelim__Flow *flow);
 // Output ports: 0, or -4 without flow data. A port that does not resolve is logged and passes.

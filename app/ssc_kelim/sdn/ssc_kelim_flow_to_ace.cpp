@@ -13,13 +13,13 @@
 #include "ssc_kelim/sdn/ssc_kelim_mom.h"
 #include "ssc_kelim/sdn/ssc_kelim_msg_to_ssd.h"
 
-// The log knows all handlers as one source.
+// All handlers log under one source path.
 #undef SDN_LOG_SOURCE
 #define SDN_LOG_SOURCE "app/ssc_kelim/sdn/ssc_kelim_msg_to_ssd.cpp"
 
 namespace {
 
-// One entry under translation. The records borrow addresses from `scratch`, so the whole lives until the flow record is written.
+// One entry under translation. The records borrow addresses from `scratch`, so all of it lives until the flow record is written.
 struct translated_ace {
   flow_info_node scratch;
   SPolicyKelim__FlowAceField field;
@@ -43,7 +43,7 @@ char *copy_of(const char *text) {
   return copy;
 }
 
-// The flow record that a list of entries is translated into, with everything that it points at.
+// The flow record that a list of entries is translated into, with everything that it points to.
 class translation {
  public:
   explicit translation(std::span<SPolicyKelim__FlowAce *const> source)

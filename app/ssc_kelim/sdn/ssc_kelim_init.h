@@ -5,9 +5,9 @@
 
 #include "qx_runtime.h"
 
-// Brings up the SDN layer: cache, report thread, queue, handler list, southbound callbacks. It may run again after the database
-// came back; what exists is then kept, except that the queue is made empty. 0, -4 for null, or the failing step's code. Main SDN
-// thread.
+// Brings up the SDN layer: cache, report thread, queue, handler list, southbound callbacks. It may run again after a
+// reconnection to the database: what exists is kept, only the queue is emptied. 0, -4 for null, or the failing step's code. Main
+// SDN thread.
 std::int32_t ssc_kelim_init(qx_global *global);
 
 // For tests: no runtime and no handler list (a waiting request is dropped).

@@ -16,7 +16,7 @@
 #include "ssc_kelim/sdn/ssc_kelim_requests.h"
 #include "ssc_kelim/sdn/ssc_sdn_main_list.h"
 
-// The log knows list, intakes and initialisation as one source.
+// Main list, intakes and initialisation log under one source path.
 #undef SDN_LOG_SOURCE
 #define SDN_LOG_SOURCE "app/ssc_kelim/sdn/ssc_kelim_init.cpp"
 
@@ -39,12 +39,12 @@ std::uint16_t own_length(const Request &request) {
   return southbound::read<std::uint16_t>(bytes(request), southbound::kLen);
 }
 
-// Whether the fields that intake and handler read are there.
+// True if the message is long enough for the fields that intake and handler read.
 bool has(const Request &request, std::size_t fields_end) {
   return request.len >= fields_end;
 }
 
-// Whether, besides, the message says of itself what the library says of it.
+// True if, besides, the message's own length agrees with the length given.
 bool fits(const Request &request, std::size_t fields_end) {
   return has(request, fields_end) && own_length(request) == request.len;
 }
@@ -188,8 +188,7 @@ void reply_meter(const Request &request, std::int32_t code) {
   sdn_send_meter_ret_val_2_proxy(request.vsd_id, southbound::read<std::uint32_t>(bytes(request), southbound::kMeterId), code);
 }
 
-// Deliberate: failures of an add have no counter of their own; the reply that every one of them but a missing message gets is
-// counted.
+// Deliberate: failed adds have no counter of their own; the replies to them are counted, and only a missing message gets none.
 constexpr Intake kAddMeter = {
     .name = "ssc_sdn_add_meter_msg",
     .handler = ssc_sdn_add_meter_handler,
@@ -314,7 +313,7 @@ constexpr Intake kStatistic = {
 constexpr Intake kFlowCountConfig = {
     .name = "ssc_sdn_flowcnt_cfg_sig",
     .handler = ssc_sdn_flowcnt_cfg_handler,
-    // What is of another type is its handler's to refuse.
+    // A message of another type is refused by the handler.
     .check = [](const Request &request) -> std::int32_t {
       if (const std::int32_t code = needs_msg(request); code != 0) return code;
       if (type_of(request) != southbound::kFlowCountConfig || has(request, southbound::kCountLen)) return 0;
@@ -418,7 +417,7 @@ std::int32_t ssc_sdn_pkt_start_msg(std::uint32_t vsd_id, const void *msg, std::u
 }
 
 void ssc_kelim_intake_reset_for_tests() {
-  // A waiting job would be freed without its message.
+  // The list would free a waiting job without its message.
   libss_pthrd_tranv_node(ssc_sdn_mst, [](libss_pthrd_hdl *hdl) {
     for (const Intake *intake : {&kAddFlow, &kDelFlow, &kAddMeter, &kDelMeter})
       if (hdl->handler == intake->handler) intake->copy->release(std::exchange(hdl->data, nullptr));

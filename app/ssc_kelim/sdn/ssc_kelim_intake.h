@@ -2,8 +2,8 @@
 //
 // An intake runs on the service-library thread. It checks and copies the request, counts, times, and appends a handler; it parses
 // nothing and writes nothing. 0 means queued, not done. From then on the handler owns the copy and frees it with ssc_sdn_free.
-// Results of every intake: 0 queued; -4 no message, or one that is too short or whose own length is another; -2 out of memory;
-// -11 not queued.
+// Results of every intake: 0 queued; -4 no message, or one that is too short or disagrees with `len`; -2 out of memory; -11 not
+// queued.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +16,7 @@ std::int32_t ssc_sdn_enable_msg(std::int32_t vsd_id, const void *msg, std::uint3
 std::int32_t ssc_sdn_disable_msg(std::int32_t vsd_id, const void *msg, std::uint32_t len);
 std::int32_t ssc_sdn_barrier_msg(std::uint32_t vsd_id, const void *msg, std::uint32_t len);
 std::int32_t ssc_sdn_del_all_flow(std::uint32_t vsd_id, const void *msg, std::uint32_t len);  // `msg` is only tested for presence
-std::int32_t ssc_sdn_del_all_msg(std::uint32_t vsd_id, const void *msg, std::uint32_t len);   // null is normal here
+std::int32_t ssc_sdn_del_all_msg(std::uint32_t vsd_id, const void *msg, std::uint32_t len);   // `msg` is normally null
 std::int32_t ssc_sdn_ds_recv_start_sig(std::uint32_t vsd_id, const void *msg, std::uint32_t len);
 std::int32_t ssc_sdn_ds_recv_end_sig(std::uint32_t vsd_id, const void *msg, std::uint32_t len);
 std::int32_t ssc_sdn_statistic_msg(std::uint32_t vsd_id, const void *msg, std::uint32_t len);

@@ -2,7 +2,7 @@
 
 #include "kelim/common/kelim_debug.h"
 
-// The log knows the database access as part of the handlers.
+// Logs under the handlers' source path.
 #undef SDN_LOG_SOURCE
 #define SDN_LOG_SOURCE "app/ssc_kelim/sdn/ssc_kelim_msg_to_ssd.cpp"
 

@@ -1,7 +1,7 @@
 // Access to the object database: guarded writes, deletions, expiries and scans of policy records.
 //
-// Each wrapper adds to the client's call nothing but a test of the handle, the database number and one error line; what a failure
-// means is the caller's business. A record handed to a deletion or expiry needs only its key; a key of zeros stands for every
+// Each wrapper adds to the client's call nothing but a test of the handle, the database number and one error line; callers
+// decide what a failure means. A record handed to a deletion or expiry needs only its key; a key of zeros stands for every
 // object of the type.
 //
 // Thread: main SDN thread.

@@ -19,7 +19,7 @@
 
 namespace {
 
-// Queue classes of a flow, by what writes its record in the end.
+// Data-sync classes of a queued flow, by what finally writes its record.
 constexpr std::uint32_t kDsFlow = 0, kDsFlowToAce = 1;
 constexpr std::uint32_t kMaxVlanId = 0xffe;
 
@@ -35,7 +35,7 @@ std::uint32_t vlan_id(const flow_info_node &node) {
   return ssc_sdn_check_memcpy_reverse() ? southbound::get<std::uint16_t>(&node.vid, 0) : node.vid;
 }
 
-// Queues the flow for its result. False, after a reply, when that fails.
+// Queues the flow until its result arrives. False, after a reply, if that fails.
 bool register_flow(std::uint32_t vsd_id, std::uint64_t flow_index, const void *msg, std::uint32_t ds_type) {
   const std::int32_t rv = ssc_sdn_msg_queue_alloc_flow_msg_node(msg, ds_type);
   if (rv != 0) {
@@ -45,7 +45,7 @@ bool register_flow(std::uint32_t vsd_id, std::uint64_t flow_index, const void *m
   return rv == 0;
 }
 
-// Stores the parsed form for the application that makes entries of it. 0, -2, or -20.
+// Stores the parsed form for the application that turns it into entries. 0, -2, or -20.
 std::int32_t ssc_sdn_add_flow_to_app(const flow_info_node &node) {
   SPolicyKelim__ParseFlowKey key = ssc_kelim_parse_flow_key(node.exp_app_type, node.flow_index, node.vsd_id);
   SPolicyKelim__ParseFlow record = S_POLICY_KELIM__PARSE_FLOW__INIT;
@@ -74,7 +74,7 @@ std::int32_t ssc_sdn_add_flow_to_udp(const flow_info_node &node, const ssc_sdn_f
   if (rv != 0) {
     SDN_ERROR("flow_entry malloc failed. flow_index = %lu", node.flow_index);
   } else {
-    // The description of a known flow is of its first message, which may have been longer.
+    // The description of a known flow comes from its first message, which may have been longer.
     record.flow_data.len = std::min<std::size_t>(record.flow_data.len, job.len);
     rv = ssc_sdn_store_flow(&record, SSC_KELIM_OW_FLOW, __func__);
   }
@@ -104,7 +104,7 @@ void take_udp_route(flow_info_node &node, const ssc_sdn_flow_job &job) {
   ssc_sdn_process_flow_install_result(vsd_id, flow_index, rv);
 }
 
-// The cached flow of a flow-mod, created where it is new. Null, after a reply, when it cannot be made or must not be programmed.
+// The cached flow of a flow-mod, created if it is new. Null, after a reply, if it cannot be created or must not be programmed.
 flow_info_node *accept_flow(std::uint32_t vsd_id, std::uint64_t flow_index, const ssc_sdn_flow_job &job) {
   flow_info_node key{};
   key.flow_index = flow_index;

@@ -7,7 +7,7 @@
 #include "ssc_kelim/sdn/ssc_kelim_mom.h"
 #include "ssc_kelim/sdn/ssc_sdn_msg_queue.h"
 
-// The log knows removal as part of the handlers.
+// Logs under the handlers' source path.
 #undef SDN_LOG_SOURCE
 #define SDN_LOG_SOURCE "app/ssc_kelim/sdn/ssc_kelim_msg_to_ssd.cpp"
 
@@ -22,7 +22,7 @@ std::int32_t ssc_sdn_del_flow(std::uint64_t flow_index, std::uint32_t vsd_id) {
   return -11;
 }
 
-// Deletes one flow that a scan came across, with its cache node. `arg` is the virtual switch that is being emptied.
+// Deletes one scanned flow and its cache node. `arg` is the virtual switch that is being emptied.
 int flow_scan_del_cb(const qx_obj *reply, void *arg) {
   SDN_VER("ENTER");
   const auto *flow = static_cast<const SPolicyKelim__Flow *>(reply->value);
@@ -38,7 +38,7 @@ int flow_scan_del_cb(const qx_obj *reply, void *arg) {
   SDN_VER("mom_del flow_entry vsd:%d index:%lu", *vsd_id, flow_index);
   std::int32_t rv = 0;
   if (is_service_chain(*node)) {
-    // Deliberate: the flow record stays here; the application's answer to the deletion takes it away.
+    // Deliberate: the flow record stays; the application's answer to the deletion removes it.
     rv = ssc_sdn_del_app_records(flow_index, *vsd_id);
   } else {
     rv = ssc_kelim_mom_del(&flow->base);
@@ -70,7 +70,7 @@ int meter_scan_del_cb(const qx_obj *reply, void *arg) {
   return ssc_kelim_mom_del(&meter->base);
 }
 
-// What a scan is told: the virtual switch, in a block of its own that the caller frees.
+// The argument of a scan: the virtual switch, in a block of its own that the caller frees.
 sdn_ptr<std::uint32_t> new_scan_arg(std::uint32_t vsd_id, const char *caller) {
   sdn_ptr<std::uint32_t> arg(static_cast<std::uint32_t *>(ssc_sdn_malloc(sizeof vsd_id, caller, __LINE__)));
   if (arg) *arg = vsd_id;
@@ -153,7 +153,7 @@ std::int32_t ssc_sdn_db_del_all_meter(std::uint32_t vsd_id) {
   }
   const std::int32_t rv = ssc_kelim_mom_scan(&every_meter.base, meter_scan_del_cb, arg.get());
   if (rv != 0) {
-    // Deliberate: counted with the failed flow deletions, where operators look for a bulk deletion that went wrong.
+    // Deliberate: counted with the failed flow deletions, where operators look for a failed bulk deletion.
     sdn_opt_cnt[SDN_OPT_FLOW_DEL + SDN_OPT_FAILED]++;
     SDN_ERROR("ssc sdn del meter FAIL!");
   }

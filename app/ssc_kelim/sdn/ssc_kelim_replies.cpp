@@ -7,7 +7,7 @@
 #include "s_policy_kelim.pb-c.h"
 #include "southbound.h"
 
-// The log knows the replies as part of the handlers.
+// Logs under the handlers' source path.
 #undef SDN_LOG_SOURCE
 #define SDN_LOG_SOURCE "app/ssc_kelim/sdn/ssc_kelim_msg_to_ssd.cpp"
 
@@ -22,7 +22,7 @@ kelim::Word<std::uint16_t> g_sdn_vers, g_sdn_tbl_pro;
 
 using southbound::get;
 
-// What of a connection stands in the header of every reply.
+// The part of a connection that every reply carries in its header.
 struct Connection {
   std::uint16_t version, table_property;
 };

@@ -1,5 +1,5 @@
-// What is sent to the controller side: replies, refusals and the capacity notification. (The packed report of counter changes,
-// which answers nobody, is ssc_kelim_adapt's.)
+// Messages to the controller side: replies, refusals and the capacity notification. (The packed report of counter changes is sent
+// by ssc_kelim_adapt.)
 //
 // A message is copied before the call returns. Thread: any, unless noted.
 #pragma once
@@ -10,19 +10,19 @@
 
 // ---- protocol version and table property, echoed in every reply; 0 until an open message sets them
 
-// Of the latest open or close message that its handler has taken over: what replies carry.
+// What replies carry: the values of the latest open or close message, once its handler has run.
 std::uint16_t ssc_sdn_get_sdn_vers();
 void ssc_sdn_set_sdn_vers(std::uint16_t version);
 std::uint16_t ssc_sdn_get_sdn_tbl_pro();
 void ssc_sdn_set_sdn_tbl_pro(std::uint16_t table_property);
 
-// Of the latest open message as it came in: what refusals carry (as 16 bits).
+// What refusals carry, as 16 bits: the values of the latest open message, from its arrival on.
 extern kelim::Word<std::uint32_t> g_lib_fp_sdn_vers;
 extern kelim::Word<std::uint32_t> g_lib_fp_sdn_tbl_pro;
 
 // ---- replies
 
-// A flow has failed. The code itself stays here: 14 and -14 become "out of resources", everything else "failed".
+// A flow has failed. The code itself is not sent: 14 and -14 become "out of resources", everything else "failed".
 void sdn_send_flow_ret_val_2_proxy(std::uint32_t vsd_id, std::uint64_t flow_index, std::int32_t ret_val);
 
 // A meter has failed: result 0 for 14 and -14, 1 for every other code.
@@ -44,7 +44,7 @@ void libproxy_fp_sdn_refuse_statistic(std::uint64_t flow_index);
 
 // ---- towards the library
 
-// Tells the controller side how many flows there is room for. Result of of_ss_send_msg.
+// Tells the controller side the capacity of the flow table. Result of of_ss_send_msg.
 std::int32_t libproxy_fp_sdn_flow_table_capacity_notify();
 
 // Sends a finished reply. Result of of_ss_send_msg, -4 for null.

@@ -21,7 +21,7 @@
 #include "ssc_kelim/sdn/ssc_kelim_replies.h"
 #include "ssc_kelim/sdn/ssc_sdn_msg_queue.h"
 
-// The log knows all handlers as one source.
+// All handlers log under one source path.
 #undef SDN_LOG_SOURCE
 #define SDN_LOG_SOURCE "app/ssc_kelim/sdn/ssc_kelim_msg_to_ssd.cpp"
 
@@ -49,7 +49,7 @@ std::int32_t trace_interfaces(const void *msg, std::uint32_t count) {
   return 0;
 }
 
-// The time includes the line of a failure, but not the release of the copy.
+// The time includes logging a failure, but not releasing the copy.
 template <typename LogFailure>
 void process_connection_msg(libss_pthrd_hdl *hdl, unsigned slot, unsigned group, LogFailure log_failure) {
   const auto msg = handler_run::take<handler_run::message>(hdl);
@@ -72,7 +72,7 @@ struct free_obj {
 };
 using obj_ptr = std::unique_ptr<qx_obj, free_obj>;
 
-// The counter record of a flow; null when there is none that can be used.
+// The counter record of a flow; null if there is no usable one.
 obj_ptr get_counter(std::uint64_t flow_index) {
   if (!g_ssc_kelim_global) return nullptr;
   SPolicyKelim__FlowKey key = ssc_kelim_flow_key(flow_index, 0);
@@ -94,7 +94,7 @@ int ssc_sdn_statistic_get_all_cnt_cb(const qx_obj *reply, void *) {
   return 0;
 }
 
-// One reply a counter record; the request itself gets none.
+// Sends one reply per counter record; the request itself gets none.
 void send_all_statistics() {
   SPolicyKelim__FlowKey key = ssc_kelim_flow_key(0, 0);
   SPolicyKelim__FlowCounter every_counter = S_POLICY_KELIM__FLOW_COUNTER__INIT;
@@ -108,7 +108,7 @@ void send_all_statistics() {
 struct octets {
   int byte[4];
 };
-// In the order people write them: the first one is the least significant.
+// In the order of dotted notation: the first octet is the least significant.
 octets octets_of(std::uint32_t ip) {
   return {{static_cast<int>(ip & 0xff), static_cast<int>(ip >> 8 & 0xff), static_cast<int>(ip >> 16 & 0xff),
            static_cast<int>(ip >> 24)}};
@@ -146,7 +146,7 @@ void add_meter(std::uint32_t vsd_id, const ssc_sdn_meter_job &job) {
   record.status = S_POLICY_KELIM__STATUS_E__STATUS_INSTALLING;
   record.meter_data = {job.len, static_cast<std::uint8_t *>(job.msg)};
   if (const std::int32_t rv = ssc_kelim_mom_set(&record.base, QX_MOM_UDP_DB); rv != 0) {
-    // Deliberate: the words of a flow; operators search the log for them.
+    // Deliberate: the text of a failed flow; operators search the log for it.
     SDN_ERROR_AS(log_name, "ssc sdn add flow FAIL!");
     sdn_send_meter_ret_val_2_proxy(vsd_id, key.meter_id, rv);
   }
@@ -198,7 +198,7 @@ std::int32_t ssc_sdn_proc_enable_msg(std::uint32_t vsd_id, const void *msg) {
   const auto version = get<std::uint16_t>(msg, southbound::kVer);
   const auto len = get<std::uint16_t>(msg, southbound::kLen);
   ssc_sdn_set_sdn_vers(version);
-  // Deliberate: an ERROR line on every open and close, so that the log service always tells which version a controller spoke.
+  // Deliberate: an ERROR line on every open and close, so that the log always shows which version a controller spoke.
   SDN_ERROR("recev  openflow msg version= %d!", version);
   ssc_sdn_set_sdn_tbl_pro(get<std::uint16_t>(msg, southbound::kTable));
   if (len <= southbound::kHeaderLen) {
@@ -234,7 +234,7 @@ void ssc_sdn_add_barrier_handler(libss_pthrd_hdl *hdl) {
   ssc_sdn_trace_barrier(request.get(), __func__);
   if (ssc_sdn_msg_queue_empty()) {
     ssc_sdn_reply_barrier_request(request.get());
-    // Deliberate: the latest request that was answered at once stays, for diagnostics.
+    // Deliberate: the latest request that was answered at once is kept for diagnostics.
     ssc_sdn_free(std::exchange(g_ssc_sdn_answered_barrier, request.release()));
     return;
   }
@@ -259,7 +259,7 @@ void ssc_sdn_del_all_flow_handler(libss_pthrd_hdl *hdl) {
   SDN_VER("LEAVE");
 }
 
-// Deliberate: it logs in the words of delete-all-flows, of which it is the wider form.
+// Deliberate: it logs the texts of delete-all-flows, of which it is the wider form.
 void ssc_sdn_del_all_handler(libss_pthrd_hdl *hdl) {
   SDN_VER("vsd_id: %d ssc_sdn_del_all_flow_handler  enter\n", hdl->value);
   for (const auto del_all : {ssc_sdn_db_del_all_flow, ssc_sdn_db_del_all_meter}) {
@@ -290,7 +290,7 @@ std::int32_t ssc_sdn_statistic_get_val(const void *request) {
     ssc_sdn_reply_statistic(flow_index, record.packet_sum, record.byte_sum);
     return 0;
   }
-  // Deliberate: no reply. Who asked knows that a flow without counters has none.
+  // Deliberate: no reply. To the requester, silence means that the flow has no counters.
   SDN_ERROR("get flow:%lu counter entry fail.\n", flow_index);
   count_statistic_failure();
   SDN_COUNT("ssc_sdn_get_statistic_cnt fail, it willn't send msg to pi by libproxy");
@@ -344,7 +344,7 @@ void ssc_sdn_del_onc_handler(libss_pthrd_hdl *hdl) {
   const std::int32_t rv = ssc_kelim_mom_del_in(&record.base, QX_MOM_UDP_DB);
   if (rv == 0) return;
   sdn_opt_cnt[SDN_OPT_ONC_DEL + SDN_OPT_FAILED]++;
-  // Deliberate: the words of an addition; operators search the log for them.
+  // Deliberate: the text of a failed addition; operators search the log for it.
   SDN_ERROR("ssc_sdn_add_op_onc_ace failed, rv %d", rv);
 }
 

@@ -1,4 +1,4 @@
-// The handlers of the requests other than flows and data synchronisation.
+// Handlers of all requests other than flows and data synchronisation.
 //
 // Thread: main SDN thread.
 #pragma once
@@ -27,8 +27,8 @@ std::int32_t ssc_sdn_dump_sdn_ifx_array(const std::uint32_t *ifx, std::uint32_t 
 
 void ssc_sdn_add_barrier_handler(libss_pthrd_hdl *hdl);
 
-// The copy of the latest request that was answered without waiting; null before the first. It stays until the next one replaces
-// it, for diagnostics.
+// A copy of the latest request that was answered without waiting, kept for diagnostics until the next one replaces it; null
+// before the first.
 extern void *g_ssc_sdn_answered_barrier;
 
 // ---- bulk removal
@@ -41,7 +41,7 @@ void ssc_sdn_del_all_handler(libss_pthrd_hdl *hdl);
 void ssc_sdn_get_statistic_val_handler(libss_pthrd_hdl *hdl);
 void ssc_sdn_flowcnt_cfg_handler(libss_pthrd_hdl *hdl);
 
-// Answers one flow's counters, or those of every flow that has a counter record. A flow without one gets no answer. 0.
+// Replies with the counters of one flow, or of every flow that has a counter record. A flow without one gets no reply. 0.
 std::int32_t ssc_sdn_statistic_get_val(const void *request);
 
 // ---- controller addresses

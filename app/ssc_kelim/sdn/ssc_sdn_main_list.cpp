@@ -2,7 +2,7 @@
 
 #include "kelim/common/kelim_debug.h"
 
-// The log knows list, intakes and initialisation as one source.
+// Main list, intakes and initialisation log under one source path.
 #undef SDN_LOG_SOURCE
 #define SDN_LOG_SOURCE "app/ssc_kelim/sdn/ssc_kelim_init.cpp"
 

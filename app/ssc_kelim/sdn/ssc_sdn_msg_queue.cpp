@@ -28,8 +28,8 @@ Node *front() {
 // ---- index: (type, id) to the first node that carries them
 //
 // A hash table through the nodes themselves. A bucket points at the last node of a ring in order of arrival, so appending is
-// O(1), and so is taking out the first of many equal ones. Growth that finds no memory is left out: the table is then slower,
-// never wrong.
+// O(1), and so is taking out the first of many equal ones. Without memory to grow in, the table becomes slower, never
+// wrong.
 class Index {
  public:
   Node *find(std::uint32_t type, std::uint64_t msg_id) const {
@@ -70,7 +70,7 @@ class Index {
 
   std::size_t size() const { return std::size_t{1} << bits_; }
 
-  // Consecutive ids are what there is most of; the multiplication spreads them, and any other pattern, over the high bits.
+  // Ids are mostly consecutive; the multiplication spreads them, and any other pattern, over the high bits.
   std::size_t slot(std::uint32_t type, std::uint64_t msg_id) const {
     return ((msg_id ^ (std::uint64_t{type} << 56)) * 0x9e3779b97f4a7c15u) >> (64 - bits_);
   }
@@ -110,7 +110,7 @@ struct HeadSegment {
   std::uint32_t unreturned = 0;
   std::uint32_t ready = 0;       // returned, not yet popped
   Node *latest_ready = nullptr;  // the latest of them; null when it has been popped otherwise
-  bool counted = true;           // false: the figures are to be counted anew
+  bool counted = true;           // false: the figures have to be recounted
 
   void begin(std::uint32_t segment_number) { *this = {.number = segment_number, .counted = false}; }
   bool holds(const Node &node) const { return node.segment == number; }
@@ -129,7 +129,7 @@ struct HeadSegment {
 
 // ---- cursors of the data-sync check
 //
-// Each looks for the first node of a kind. What it has passed can never become of that kind again, so it only moves on.
+// Each finds the first node of a kind. A node that it has passed never becomes of that kind again, so it only moves forward.
 struct Cursor {
   Link *passed = &g_ssc_sdn_msg_queue;
 
@@ -173,7 +173,7 @@ struct State {
     std::fill(std::begin(unset), std::end(unset), Cursor{});
   }
 
-  // No cursor may rest on a node that leaves.
+  // Moves the cursors off a node that leaves.
   void step_back(const Node *node) {
     const auto leave = [node](Cursor &cursor) {
       if (cursor.passed == node) cursor.passed = node->prev;
@@ -186,7 +186,7 @@ struct State {
 
 State g_state;
 
-// The nodes behind a barrier that leaves from the middle of the queue belong to what stands before it.
+// Nodes behind a barrier that leaves the middle of the queue join the segment before it.
 void join_segments(const Node &barrier) {
   const std::uint32_t joined = node_of(barrier.prev)->segment;
   for (Node *node = node_of(barrier.next); node != nullptr && node->type != SDN_BARRIER; node = node_of(node->next))
@@ -223,7 +223,7 @@ void free_node(Node *node) {
   ssc_sdn_free(node);
 }
 
-// Tells whoever asked.
+// Answers the requester.
 void answer(const Node &node) {
   if (node.type == SDN_BARRIER) {
     ssc_sdn_reply_barrier_request(node.payload);
@@ -239,7 +239,7 @@ void log_and_pop(Node *node) {
   ssc_sdn_msg_queue_pop_msg_node(node);
 }
 
-// The rule itself, node by node from the head.
+// The rule itself, applied node by node from the head.
 void traverse_from_head() {
   constexpr const char *kName = "ssc_sdn_msg_queue_traverse_pop_msg_node";
   std::uint32_t unreturned = 0;
@@ -358,7 +358,7 @@ void ssc_sdn_msg_queue_update_node_set_status(std::uint64_t msg_id) {
           node->is_set);
 }
 
-// What counts is the first run of data-sync flows, up to the first flow behind it that was queued outside a synchronisation.
+// Only the first run of data-sync flows counts, up to the first later flow that was queued outside a synchronisation.
 std::int32_t ssc_sdn_msg_queue_check_ds_end_by_type(std::uint32_t ds_type) {
   ssc_sdn_assert_main_thread();
   const Node *run = g_state.ds_flow.first(is_ds_flow);

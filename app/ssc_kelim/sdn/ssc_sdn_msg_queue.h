@@ -36,9 +36,9 @@ inline bool ssc_sdn_msg_queue_empty() {
   return g_ssc_sdn_msg_queue.next == &g_ssc_sdn_msg_queue;
 }
 
-// Makes the queue empty. Deliberate: what is still outstanding is dropped without an answer. Database 8 has
-// been connected, perhaps again: the data-fetch signal that follows has the service library hand over all that it still wants,
-// and it does not wait for answers from before.
+// Empties the queue. Deliberate: outstanding requests are dropped without an answer. Database 8 has just been connected, perhaps
+// again: at the data-fetch signal that follows, the service library hands over all that it still wants, and it expects no answers
+// from before.
 void ssc_sdn_msg_queue_init();
 
 // Appends a node without payload. Null when memory is short.

@@ -16,7 +16,7 @@ std::atomic<std::uint32_t> is_framework_fetched_flag{0};
 namespace {
 
 constexpr std::uint32_t kVsd = 0;              // there is one virtual switch
-constexpr std::uint32_t kPacketSignalLen = 8;  // told to the intake whatever the header says
+constexpr std::uint32_t kPacketSignalLen = 8;  // given to the intake whatever the header says
 
 bool g_registered = false;
 
@@ -124,7 +124,7 @@ std::int32_t libproxy_fp_sdn_dep_init(qx_global *global) {
 
 // ---- callbacks
 
-// Anything but command 0 deletes; a message too short to have a command goes the way of an add, which refuses and answers it.
+// Anything but command 0 deletes; a message too short to have a command is handled as an add, which refuses and answers it.
 int libproxy_fp_sdn_op_flow(void *msg) {
   PROXY_NOTICE("%d", libproxy_fp_sdn_dump_flow(msg));  // dumps only where the line is logged
   if (field<std::uint8_t>(msg, southbound::kFlowCommand) == southbound::kFlowAdd) {
@@ -194,7 +194,7 @@ int libproxy_fp_sdn_ds_end(void *msg) {
   return ssc_sdn_ds_recv_end_sig(kVsd, msg, southbound::message_len(msg));
 }
 
-// The intake wants a message; what it says does not matter.
+// The intake requires a message; its contents do not matter.
 void libproxy_fp_sdn_del_all_flow() {
   constexpr char kText[] = "DEL_ALL";
   count(PROXY_OP_DEL_ALL_FLOW);

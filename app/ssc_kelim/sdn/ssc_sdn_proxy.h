@@ -2,8 +2,8 @@
 // call and hands the request to its intake (ssc_kelim_intake.h). It also owns the connection handshake. It keeps no queue and
 // takes no lock.
 //
-// The callbacks run on the service-library thread. A message is read no further than its own length says; a field that lies
-// beyond reads as 0, and the intake then refuses the message. Layouts: southbound.h.
+// The callbacks run on the service-library thread. A message is never read beyond the length that it gives; a field beyond reads
+// as 0, and the intake then refuses the message. Layouts: southbound.h.
 #pragma once
 
 #include <atomic>
@@ -11,8 +11,7 @@
 
 #include "qx_runtime.h"
 
-// The two halves of the handshake; each goes from 0 to 1 once. Sequentially consistent: whichever half comes second sees the
-// first.
+// The two halves of the handshake; each goes from 0 to 1 once. Sequentially consistent, so that the later half sees the earlier.
 extern std::atomic<std::uint32_t> is_pi_connected_flag;
 extern std::atomic<std::uint32_t> is_framework_fetched_flag;
 
@@ -39,5 +38,5 @@ int libproxy_fp_sdn_op_onc_info(void *msg);
 int libproxy_fp_sdn_barrier(void *msg);
 void libproxy_fp_sdn_del_all();
 
-// For tests: flags and the once flag go back to their start, and the replies with them.
+// For tests: resets the flags, the once flag and the replies.
 void libproxy_fp_sdn_reset_for_tests();

@@ -90,7 +90,7 @@ void print_field(const FieldText &text, Bytes payload, bool in_match) {
   print_number(mask_label, in_match ? Show::kHex : Show::kDecimal, mask, ",\n");
 }
 
-// Prints the field of this header whose payload begins `bytes`; nothing when it is not decoded or not all there.
+// Prints the field of this header, whose payload is at the start of `bytes`; nothing if it is not decoded or is cut off.
 void print_field_of(std::uint32_t header, Bytes bytes, bool in_match) {
   const FieldText *text = find_text(header);
   const std::size_t payload = header & 0xff;

@@ -1,7 +1,7 @@
 // Diagnostics of the southbound layer: the dump of a flow-mod, and the debug commands of module "ssc_kelim_proxy".
 //
-// The dump prints every match field and action to standard output; it does not check the flow, and it is not what the daemon
-// makes of it (dump_ssc_primitive_flow_entry shows that). A message is read no further than its own length says. Any thread; the
+// The dump prints every match field and action to standard output; it neither checks the flow nor shows what the daemon
+// makes of it (dump_ssc_primitive_flow_entry does). A message is never read beyond the length that it gives. Any thread; the
 // commands run on the main SDN thread.
 #pragma once
 
@@ -18,7 +18,7 @@ int libproxy_fp_sdn_dump_flow(const void *flow);
 // Its match, from the 4-byte match header on; `key` reaches to the end of the message. 0.
 int libproxy_fp_sdn_dump_flow_key(std::span<const std::byte> key);
 
-// The value of one match field (OpenFlow 1.3.5, 7.2.3.7); nothing for a field that is not decoded or not all there. 0.
+// The value of one match field (OpenFlow 1.3.5, 7.2.3.7); nothing for a field that is not decoded or is cut off. 0.
 int libproxy_fp_sdn_dump_flow_key_field(std::span<const std::byte> value, std::uint32_t oxm_header);
 
 // Its actions. 0.
