@@ -152,8 +152,8 @@ void compare_meters(const Agent &agent, Held &held, std::vector<Difference> &fou
 }  // namespace
 
 Look::Result Look::step() {
-  static constexpr Part (Look::*kParts[])() = {&Look::begin,      &Look::walk_flows, &Look::walk_answers,
-                                               &Look::walk_asked, &Look::compare,    &Look::check};
+  static constexpr std::array kParts = {&Look::begin,      &Look::walk_flows, &Look::walk_answers,
+                                        &Look::walk_asked, &Look::compare,    &Look::check};
   const Part part = (this->*kParts[part_])();
   if (part == Part::failed) return Result::disturbed;
   if (part == Part::over && ++part_ == std::size(kParts)) return Result::undisturbed;
