@@ -10,8 +10,8 @@
 #include <utility>
 #include <vector>
 
+#include "host/base/loop.h"
 #include "host/config/config.h"
-#include "host/runtime/loop.h"
 #include "kelim/common/kelim_debug.h"
 #include "libddm.h"
 #include "libss_pthrd.h"

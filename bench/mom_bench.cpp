@@ -15,9 +15,9 @@
 #include <string_view>
 #include <thread>
 
+#include "host/base/loop.h"
+#include "host/base/timer.h"
 #include "host/config/config.h"
-#include "host/runtime/loop.h"
-#include "host/runtime/timer.h"
 #include "qx_mom.h"
 #include "s_policy_kelim.pb-c.h"
 

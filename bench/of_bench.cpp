@@ -17,11 +17,11 @@
 #include <thread>
 #include <vector>
 
+#include "host/base/loop.h"
 #include "host/config/config.h"
 #include "host/of_ss/flow_mod.h"
 #include "host/of_ss/flows.h"
 #include "host/of_ss/testing.h"
-#include "host/runtime/loop.h"
 #include "of_ss.h"
 #include "qx_mom.h"
 #include "qx_runtime.h"

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "host/base/loop.h"
 #include "host/config/config.h"
-#include "host/runtime/loop.h"
 #include "programmer/flows.h"
 #include "programmer/sim_target.h"
 #include "qx_mom.h"

@@ -4,7 +4,7 @@
 // clock reads and qx_sleep_ms, which any thread may call.
 //
 // The Linux host builds this on libevent. SIGTERM and SIGINT end the loop; the clock that timers and qx_sleep_ms run on is
-// CLOCK_MONOTONIC, which a test may warp (platform/host/runtime/clock.h).
+// CLOCK_MONOTONIC, which a test may warp (platform/host/base/clock.h).
 #pragma once
 
 #include <stddef.h>
@@ -47,9 +47,9 @@ void qx_global_finish(qx_global *global);
 // Arms `thread` to call `func` after sec + usec; `name` must outlive the timer (a literal). 0, or -1 when it cannot be armed
 // (null argument, already armed, out of memory, master finished).
 //
-// A timer armed under the name that the runtime was made with is the owner's: a platform may run it before its time once one of its
-// services has handed something over to the owner, so that what was handed over need not wait. The time given is then the longest
-// wait. Other timers never run early. The Linux host does so unless `openflow.prompt` is false.
+// A timer armed under the name that the runtime was made with is the owner's: a platform may run it before its time once one of
+// its services has handed something over to the owner, so that what was handed over need not wait. The time given is then the
+// longest wait. Other timers never run early. The Linux host does so unless `openflow.prompt` is false.
 int qx_thread_insert_timer_timeval(struct qx_thread_master *master, qx_thread *thread, int (*func)(qx_thread *), void *arg,
                                    long sec, long usec, const char *name);
 

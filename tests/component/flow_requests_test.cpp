@@ -1,6 +1,6 @@
 // The controller's other requests: meters, connections, barriers, statistics and reports, controller addresses, packet path.
 #include "component/flow_world.h"
-#include "host/runtime/clock.h"
+#include "host/base/clock.h"
 #include "ssc_kelim/sdn/ssc_kelim_adapt.h"
 #include "ssc_kelim/sdn/ssc_kelim_mom.h"
 #include "ssc_kelim/sdn/ssc_kelim_replies.h"

@@ -6,11 +6,11 @@
 #include <regex>
 
 #include "component/flow_world.h"
+#include "host/base/loop.h"
+#include "host/base/services.h"
 #include "host/log/log.h"
 #include "host/mom/testing.h"
 #include "host/of_ss/testing.h"
-#include "host/runtime/loop.h"
-#include "host/runtime/services.h"
 #include "ssc_kelim/main.h"
 #include "ssc_kelim/sdn/ssc_kelim_mom.h"
 #include "ssc_kelim/sdn/ssc_sdn_main_list.h"

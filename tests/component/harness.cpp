@@ -2,9 +2,9 @@
 
 #include <future>
 
+#include "host/base/loop.h"
 #include "host/log/log.h"
 #include "host/of_ss/testing.h"
-#include "host/runtime/loop.h"
 #include "kelim/common/kelim_debug.h"
 #include "libss_pthrd.h"
 #include "s_policy_kelim.pb-c.h"

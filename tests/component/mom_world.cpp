@@ -1,8 +1,8 @@
 #include "component/mom_world.h"
 
+#include "host/base/clock.h"
 #include "host/config/config.h"
 #include "host/fault/fault.h"
-#include "host/runtime/clock.h"
 
 namespace mom_test {
 

@@ -3,8 +3,8 @@
 #pragma once
 
 #include "conformance/store_world.h"
+#include "host/base/loop.h"
 #include "host/mom/testing.h"
-#include "host/runtime/loop.h"
 #include "support/redis_server.h"
 #include "support/runtime_fixture.h"
 

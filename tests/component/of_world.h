@@ -15,12 +15,12 @@
 #include <mutex>
 #include <nlohmann/json.hpp>
 
+#include "host/base/loop.h"
 #include "host/control/client.h"
 #include "host/control/control.h"
 #include "host/mom/hub.h"
 #include "host/mom/testing.h"
 #include "host/of_ss/testing.h"
-#include "host/runtime/loop.h"
 #include "of_ss.h"
 #include "qx_mom.h"
 #include "s_policy_kelim.pb-c.h"

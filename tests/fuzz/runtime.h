@@ -3,7 +3,7 @@
 
 #include <cstdlib>
 
-#include "host/runtime/loop.h"
+#include "host/base/loop.h"
 #include "support/runtime_fixture.h"
 
 inline void require(bool holds) {

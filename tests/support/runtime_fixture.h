@@ -8,9 +8,9 @@
 #include <filesystem>
 #include <string>
 
+#include "host/base/clock.h"
 #include "host/config/config.h"
 #include "host/fault/fault.h"
-#include "host/runtime/clock.h"
 #include "qx_runtime.h"
 
 // How long a test waits for what must come about: long enough for a sanitizer's build on a busy machine.

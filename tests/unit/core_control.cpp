@@ -5,9 +5,9 @@
 #include <future>
 #include <nlohmann/json.hpp>
 
+#include "host/base/loop.h"
 #include "host/control/client.h"
 #include "host/control/control.h"
-#include "host/runtime/loop.h"
 #include "ssat.h"
 #include "support/runtime_fixture.h"
 

@@ -3,8 +3,8 @@
 
 #include <fstream>
 
+#include "host/base/reload.h"
 #include "host/log/log.h"
-#include "host/runtime/reload.h"
 #include "qx_zlog.h"
 #include "support/runtime_fixture.h"
 

@@ -1,9 +1,9 @@
 // The runtime: timers on the host's clock, making it again in one process.
 #include <gtest/gtest.h>
 
-#include "host/runtime/loop.h"
-#include "host/runtime/owner_timer.h"
-#include "host/runtime/services.h"
+#include "host/base/loop.h"
+#include "host/base/owner_timer.h"
+#include "host/base/services.h"
 #include "support/runtime_fixture.h"
 
 namespace {

@@ -9,8 +9,8 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 
+#include "host/base/loop.h"
 #include "host/ddm/ports.h"
-#include "host/runtime/loop.h"
 #include "host/timing/timing.h"
 #include "libddm.h"
 #include "libss_fp_com.h"

@@ -5,11 +5,11 @@
 #include <csignal>
 #include <filesystem>
 
+#include "host/base/loop.h"
 #include "host/config/config.h"
 #include "host/mom/hub.h"
 #include "host/mom/redis_sync.h"
 #include "host/mom/views.h"
-#include "host/runtime/loop.h"
 #include "qx_mom.h"
 
 namespace kelimctl {

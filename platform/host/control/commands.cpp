@@ -6,11 +6,11 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "host/base/loop.h"
 #include "host/control/capture.h"
 #include "host/control/control.h"
 #include "host/control/format.h"
 #include "host/fault/fault.h"
-#include "host/runtime/loop.h"
 #include "ssat.h"
 
 namespace host::control {

@@ -8,9 +8,9 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "host/base/loop.h"
 #include "host/config/config.h"
 #include "host/log/log.h"
-#include "host/runtime/loop.h"
 
 namespace host::control {
 namespace {

@@ -13,7 +13,7 @@
 #include <string>
 #include <string_view>
 
-#include "host/runtime/timer.h"
+#include "host/base/timer.h"
 
 namespace host::control {
 

@@ -7,13 +7,13 @@
 #include <utility>
 #include <vector>
 
+#include "host/base/clock.h"
+#include "host/base/services.h"
 #include "host/config/config.h"
 #include "host/control/control.h"
 #include "host/log/log.h"
 #include "host/metrics/health.h"
 #include "host/metrics/metrics.h"
-#include "host/runtime/clock.h"
-#include "host/runtime/services.h"
 #include "kelim_version.h"
 
 namespace host::control {

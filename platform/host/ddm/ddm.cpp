@@ -12,13 +12,13 @@
 #include <optional>
 #include <utility>
 
+#include "host/base/clock.h"
+#include "host/base/loop.h"
+#include "host/base/services.h"
+#include "host/base/timer_queue.h"
 #include "host/config/config.h"
 #include "host/fault/fault.h"
 #include "host/log/log.h"
-#include "host/runtime/clock.h"
-#include "host/runtime/loop.h"
-#include "host/runtime/services.h"
-#include "host/runtime/timer_queue.h"
 #include "libddm.h"
 #include "lsm_if.h"
 

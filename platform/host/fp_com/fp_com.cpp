@@ -14,13 +14,13 @@
 #include <memory>
 #include <string>
 
+#include "host/base/loop.h"
+#include "host/base/services.h"
+#include "host/base/timer.h"
 #include "host/config/config.h"
 #include "host/fault/fault.h"
 #include "host/fp_com/stdout_guard.h"
 #include "host/log/log.h"
-#include "host/runtime/loop.h"
-#include "host/runtime/services.h"
-#include "host/runtime/timer.h"
 
 namespace host {
 namespace {

@@ -10,8 +10,8 @@
 #include <unordered_map>
 #include <utility>
 
+#include "host/base/clock.h"
 #include "host/log/log.h"
-#include "host/runtime/clock.h"
 
 namespace host::log {
 

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "host/runtime/services.h"
+#include "host/base/services.h"
 
 namespace host::health {
 namespace {

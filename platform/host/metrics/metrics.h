@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-#include "host/metrics/histogram.h"
+#include "host/base/histogram.h"
 
 namespace host {
 struct Config;

@@ -5,8 +5,8 @@
 #include <utility>
 #include <vector>
 
+#include "host/base/services.h"
 #include "host/metrics/metrics.h"
-#include "host/runtime/services.h"
 
 namespace host::metrics {
 namespace {

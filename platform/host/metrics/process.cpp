@@ -9,9 +9,9 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
+#include "host/base/owner_timer.h"
 #include "host/log/log.h"
 #include "host/metrics/metrics.h"
-#include "host/runtime/owner_timer.h"
 #include "host/timing/timing.h"
 #include "kelim_version.h"
 

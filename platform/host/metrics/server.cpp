@@ -11,10 +11,10 @@
 #include <iterator>
 #include <utility>
 
+#include "host/base/loop.h"
 #include "host/log/log.h"
 #include "host/metrics/health.h"
 #include "host/metrics/metrics.h"
-#include "host/runtime/loop.h"
 
 namespace host::metrics {
 namespace {

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "host/runtime/timer.h"
+#include "host/base/timer.h"
 
 struct evconnlistener;
 

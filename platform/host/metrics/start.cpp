@@ -1,12 +1,12 @@
 // The server in the life of the runtime.
 #include <optional>
 
+#include "host/base/reload.h"
+#include "host/base/services.h"
 #include "host/config/config.h"
 #include "host/metrics/metrics.h"
 #include "host/metrics/process.h"
 #include "host/metrics/server.h"
-#include "host/runtime/reload.h"
-#include "host/runtime/services.h"
 
 namespace host::metrics {
 namespace {

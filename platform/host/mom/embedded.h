@@ -11,10 +11,10 @@
 #include <deque>
 #include <memory>
 
+#include "host/base/timer.h"
 #include "host/mom/expiry.h"
 #include "host/mom/hub.h"
 #include "host/mom/sorted_index.h"
-#include "host/runtime/timer.h"
 
 namespace mom {
 

@@ -4,8 +4,8 @@
 #include <map>
 #include <set>
 
+#include "host/base/clock.h"
 #include "host/mom/key.h"
-#include "host/runtime/clock.h"
 
 namespace mom {
 

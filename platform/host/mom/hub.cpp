@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <cstddef>
 
+#include "host/base/services.h"
 #include "host/log/log.h"
 #include "host/mom/render.h"
-#include "host/runtime/services.h"
 
 namespace mom {
 

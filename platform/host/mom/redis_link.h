@@ -11,10 +11,10 @@
 #include <string>
 #include <vector>
 
+#include "host/base/timer.h"
 #include "host/mom/hub.h"
 #include "host/mom/redis_pipe.h"
 #include "host/mom/redis_sentinel.h"
-#include "host/runtime/timer.h"
 
 namespace mom {
 

@@ -10,8 +10,8 @@
 #include <memory>
 #include <utility>
 
+#include "host/base/loop.h"
 #include "host/mom/round_trips.h"
-#include "host/runtime/loop.h"
 
 namespace mom {
 

@@ -4,8 +4,8 @@
 #include <functional>
 #include <string>
 
+#include "host/base/timer.h"
 #include "host/mom/redis_pipe.h"
-#include "host/runtime/timer.h"
 
 namespace mom {
 

@@ -4,8 +4,8 @@
 #include <thread>
 #include <utility>
 
+#include "host/base/services.h"
 #include "host/log/log.h"
-#include "host/runtime/services.h"
 
 namespace mom {
 

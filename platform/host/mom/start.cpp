@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <memory>
 
+#include "host/base/services.h"
 #include "host/config/config.h"
 #include "host/mom/embedded.h"
 #include "host/mom/hub.h"
@@ -9,7 +10,6 @@
 #include "host/mom/redis_store.h"
 #include "host/mom/testing.h"
 #include "host/mom/views.h"
-#include "host/runtime/services.h"
 
 namespace mom {
 

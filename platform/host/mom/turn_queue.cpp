@@ -4,8 +4,8 @@
 
 #include <chrono>
 
+#include "host/base/loop.h"
 #include "host/mom/hub.h"
-#include "host/runtime/loop.h"
 
 namespace mom {
 

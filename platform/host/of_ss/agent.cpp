@@ -10,11 +10,11 @@
 #include <mutex>
 #include <utility>
 
+#include "host/base/clock.h"
+#include "host/base/loop.h"
 #include "host/log/log.h"
 #include "host/of_ss/answers.h"
 #include "host/of_ss/protocol.h"
-#include "host/runtime/clock.h"
-#include "host/runtime/loop.h"
 
 namespace host::of_ss {
 namespace {

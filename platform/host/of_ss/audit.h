@@ -11,9 +11,9 @@
 #include <nlohmann/json_fwd.hpp>
 #include <vector>
 
+#include "host/base/timer.h"
 #include "host/of_ss/agent.h"
 #include "host/of_ss/look.h"
-#include "host/runtime/timer.h"
 #include "qx_runtime.h"
 
 namespace host::of_ss {

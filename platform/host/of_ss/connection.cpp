@@ -6,9 +6,9 @@
 
 #include <algorithm>
 
+#include "host/base/clock.h"
 #include "host/of_ss/endpoints.h"
 #include "host/of_ss/session.h"
-#include "host/runtime/clock.h"
 
 namespace host::of_ss {
 namespace {

@@ -13,7 +13,7 @@
 #include <optional>
 #include <string>
 
-#include "host/metrics/histogram.h"
+#include "host/base/histogram.h"
 #include "host/of_ss/flow_mod.h"
 #include "host/of_ss/flow_table.h"
 #include "host/of_ss/handover.h"
@@ -173,8 +173,8 @@ class Flows {
   const Ledger &ledger() const { return ledger_; }
   const FlowCounters &counters() const { return counters_; }
   // From the hand-over of an add to its decision, from a controller's barrier to its answer.
-  const metrics::Histogram &install_times() const { return install_times_; }
-  const metrics::Histogram &barrier_times() const { return barrier_times_; }
+  const Histogram &install_times() const { return install_times_; }
+  const Histogram &barrier_times() const { return barrier_times_; }
   const std::deque<LateFailure> &late_failures() const { return late_failures_; }
   Handover &handover() { return handover_; }
 
@@ -260,7 +260,7 @@ class Flows {
   std::optional<std::uint32_t> replayed_;  // while replaying: how far, in the table
   std::optional<Transaction> transaction_;
   FlowCounters counters_;
-  metrics::Histogram install_times_, barrier_times_;
+  Histogram install_times_, barrier_times_;
   std::deque<LateFailure> late_failures_;
   std::vector<std::uint64_t> displaced_;  // indexes of displaced forms that are to be put back
   std::int64_t unix_offset_ns_ = 0;

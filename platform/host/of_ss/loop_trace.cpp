@@ -1,7 +1,7 @@
 #include "host/of_ss/loop_trace.h"
 
+#include "host/base/timer.h"
 #include "host/mom/hub.h"
-#include "host/runtime/timer.h"
 #include "s_policy_kelim.pb-c.h"
 
 namespace host::of_ss::loop_trace {

@@ -11,6 +11,11 @@
 #include <optional>
 #include <stdexcept>
 
+#include "host/base/loop.h"
+#include "host/base/owner_timer.h"
+#include "host/base/reload.h"
+#include "host/base/services.h"
+#include "host/base/timer.h"
 #include "host/config/config.h"
 #include "host/control/control.h"
 #include "host/control/status.h"
@@ -28,11 +33,6 @@
 #include "host/of_ss/stored.h"
 #include "host/of_ss/testing.h"
 #include "host/of_ss/views.h"
-#include "host/runtime/loop.h"
-#include "host/runtime/owner_timer.h"
-#include "host/runtime/reload.h"
-#include "host/runtime/services.h"
-#include "host/runtime/timer.h"
 #include "s_policy_kelim.pb-c.h"
 #include "southbound.h"
 #include "ssat.h"

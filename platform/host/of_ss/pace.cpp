@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "host/base/owner_timer.h"
 #include "host/cgst/cgst.h"
-#include "host/runtime/owner_timer.h"
 
 namespace host::of_ss {
 namespace {

@@ -13,8 +13,8 @@
 #include <cstdint>
 #include <functional>
 
-#include "host/runtime/clock.h"
-#include "host/runtime/timer.h"
+#include "host/base/clock.h"
+#include "host/base/timer.h"
 
 namespace host::of_ss {
 

@@ -8,13 +8,13 @@
 #include <set>
 #include <unordered_map>
 
+#include "host/base/clock.h"
 #include "host/config/text.h"
 #include "host/control/control.h"
 #include "host/of_ss/agent.h"
 #include "host/of_ss/answers.h"
 #include "host/of_ss/loop_trace.h"
 #include "host/of_ss/protocol.h"
-#include "host/runtime/clock.h"
 #include "s_policy_kelim.pb-c.h"
 
 namespace host::of_ss {

@@ -3,10 +3,10 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
+#include "host/base/services.h"
 #include "host/config/config.h"
 #include "host/control/status.h"
 #include "host/metrics/metrics.h"
-#include "host/runtime/services.h"
 #include "programmer/programmer.h"
 
 namespace host::programming {

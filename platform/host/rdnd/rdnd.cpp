@@ -1,9 +1,9 @@
 // A host is its own and only supervisor: every process takes up its work in the first turn of its loop. Another one of the same
 // name on the same databases waits until the first has ended.
+#include "host/base/loop.h"
+#include "host/base/services.h"
 #include "host/fault/fault.h"
 #include "host/mom/hub.h"
-#include "host/runtime/loop.h"
-#include "host/runtime/services.h"
 #include "rdnd_lib.h"
 
 int rdnd_lib_mom_reg(const rdnd_lib_reg *reg) {

@@ -6,7 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <vector>
 
-#include "host/runtime/clock.h"
+#include "host/base/clock.h"
 #include "ut_ss_fp_appmng.h"
 
 namespace host::timing {

@@ -9,7 +9,7 @@
 #include <memory>
 #include <unordered_map>
 
-#include "host/runtime/clock.h"
+#include "host/base/clock.h"
 
 namespace host {
 
@@ -50,9 +50,6 @@ namespace detail {
 
 // The queue of the host's own timers; null without a runtime.
 TimerQueue *host_timers();
-
-// Has every queue look at the clock again. Any thread.
-void clock_changed();
 
 }  // namespace detail
 }  // namespace host

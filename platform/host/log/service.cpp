@@ -17,11 +17,11 @@
 #include <thread>
 #include <utility>
 
+#include "host/base/reload.h"
 #include "host/config/config.h"
 #include "host/fault/fault.h"
 #include "host/log/repeats.h"
 #include "host/log/sinks.h"
-#include "host/runtime/reload.h"
 
 struct qx_zlog_category {
   std::string name;

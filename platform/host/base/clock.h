@@ -28,6 +28,9 @@ bool stopped();
 // Sleeps until the clock reaches `deadline`. Not on the loop's thread.
 void sleep_until(Time deadline);
 
+// Has every timer queue look at the clock again; the runtime's part of stop, warp and resume. Any thread.
+void changed();
+
 // Tests: how many sleeps have begun. After a warp, one more says that the sleeper woke, did its work and lay down again.
 std::uint64_t sleeps();
 

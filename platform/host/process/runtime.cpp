@@ -20,6 +20,11 @@
 #include <utility>
 #include <vector>
 
+#include "host/base/loop.h"
+#include "host/base/owner_timer.h"
+#include "host/base/reload.h"
+#include "host/base/services.h"
+#include "host/base/timer_queue.h"
 #include "host/config/config.h"
 #include "host/config/text.h"
 #include "host/control/control.h"
@@ -27,11 +32,6 @@
 #include "host/log/log.h"
 #include "host/metrics/metrics.h"
 #include "host/programming/embedded.h"
-#include "host/runtime/loop.h"
-#include "host/runtime/owner_timer.h"
-#include "host/runtime/reload.h"
-#include "host/runtime/services.h"
-#include "host/runtime/timer_queue.h"
 #include "kelim_version.h"
 
 struct qx_thread_master {
@@ -119,7 +119,7 @@ class OpenMailbox {
 std::atomic<bool> g_stop{false};
 std::atomic<bool> g_handed_over{false};  // since the owner's timer began to run
 std::atomic<std::thread::id> g_loop_thread{};
-metrics::Histogram g_owner_timer_runs;
+Histogram g_owner_timer_runs;
 
 struct Runtime {
   explicit Runtime(const char *runtime_name);
@@ -286,7 +286,7 @@ void after_owner_timer(std::function<void()> ran) {
   if (g_runtime) g_runtime->after_owner_timer = std::move(ran);
 }
 
-const metrics::Histogram &owner_timer_runs() {
+const Histogram &owner_timer_runs() {
   return g_owner_timer_runs;
 }
 
@@ -324,7 +324,7 @@ TimerQueue *detail::host_timers() {
   return g_runtime ? &g_runtime->timers : nullptr;
 }
 
-void detail::clock_changed() {
+void clock::changed() {
   post([] {
     g_runtime->timers.reschedule();
     g_runtime->master.timers.reschedule();

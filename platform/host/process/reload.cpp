@@ -1,11 +1,11 @@
-#include "host/runtime/reload.h"
+#include "host/base/reload.h"
 
 #include <algorithm>
 #include <utility>
 
+#include "host/base/services.h"
 #include "host/config/config.h"
 #include "host/log/log.h"
-#include "host/runtime/services.h"
 
 namespace host {
 namespace {

@@ -1,4 +1,4 @@
-#include "host/runtime/clock.h"
+#include "host/base/clock.h"
 
 #include <time.h>
 
@@ -6,7 +6,6 @@
 #include <condition_variable>
 #include <mutex>
 
-#include "host/runtime/timer_queue.h"
 #include "qx_runtime.h"
 
 namespace host::clock {
@@ -33,7 +32,7 @@ void change(Change apply) {
     apply();
   }
   g_changed.notify_all();
-  detail::clock_changed();
+  changed();
 }
 
 }  // namespace

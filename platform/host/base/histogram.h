@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace host::metrics {
+namespace host {
 
 class Histogram {
  public:
@@ -31,4 +31,4 @@ class Histogram {
   std::uint64_t sum_us_ = 0;
 };
 
-}  // namespace host::metrics
+}  // namespace host

@@ -7,13 +7,13 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 
+#include "host/base/loop.h"
 #include "host/config/config.h"
 #include "host/control/client.h"
 #include "host/control/commands.h"
 #include "host/control/server.h"
 #include "host/control/status.h"
 #include "host/log/log.h"
-#include "host/runtime/loop.h"
 #include "host/timing/timing.h"
 
 namespace host::control {

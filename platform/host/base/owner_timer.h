@@ -4,7 +4,7 @@
 
 #include <functional>
 
-#include "host/metrics/histogram.h"
+#include "host/base/histogram.h"
 
 namespace host {
 
@@ -18,6 +18,6 @@ void handed_to_owner(bool prompt);
 void after_owner_timer(std::function<void()> ran);
 
 // How long its runs took, since the process began. Loop's thread.
-const metrics::Histogram &owner_timer_runs();
+const Histogram &owner_timer_runs();
 
 }  // namespace host

@@ -6,7 +6,7 @@
 #include <functional>
 #include <utility>
 
-#include "host/runtime/clock.h"
+#include "host/base/clock.h"
 
 namespace host {
 

@@ -1,11 +1,11 @@
-#include "host/runtime/timer_queue.h"
+#include "host/base/timer_queue.h"
 
 #include <algorithm>
 #include <atomic>
 #include <new>
 
-#include "host/runtime/loop.h"
-#include "host/runtime/timer.h"
+#include "host/base/loop.h"
+#include "host/base/timer.h"
 
 namespace host {
 
