@@ -64,11 +64,12 @@ class Store {
     std::optional<Key> after;
     std::string cursor = "0";
   };
-  // Visits the next few hundred objects of a walk; 1 while there may be more, 0 at the end. What comes or goes between two calls
-  // is visited or not, writes that are on their way may be seen or not, and an object may be visited twice. The visitor writes
-  // nothing, and so it is for the next.
+  // Visits the next few hundred objects of a walk; 1 while there may be more, 0 at the end, -1 when the database does not answer.
+  // What comes or goes between two calls is visited or not, writes that are on their way may be seen or not, and an object may be
+  // visited twice. The visitor neither writes nor deletes.
   virtual int walk_sync(Slot &slot, Walk &walk, const Visitor &visit) = 0;
-  // Visits those of a few hundred objects that are there.
+  // Visits those of a few hundred objects that are there, behind all writes; 0, or -1 when the database does not answer. The same
+  // holds for the visitor.
   virtual int visit_sync(Slot &slot, std::span<const Key> keys, const Visitor &visit) = 0;
 
   // Reports the slot's changes from now on; `live` runs in a later turn, once that is so, unless the connection ends before.
