@@ -19,8 +19,8 @@
 
 #include "host/base/loop.h"
 #include "host/config/config.h"
-#include "host/of_ss/flow_mod.h"
-#include "host/of_ss/flows.h"
+#include "host/of_ss/desired/flow_mod.h"
+#include "host/of_ss/desired/flows.h"
 #include "host/of_ss/testing.h"
 #include "of_ss.h"
 #include "qx_mom.h"

@@ -17,7 +17,7 @@
 #include <thread>
 #include <vector>
 
-#include "host/of_ss/callbacks.h"
+#include "host/of_ss/desired/callbacks.h"
 #include "qx_mom.h"
 #include "southbound.h"
 #include "support/runtime_fixture.h"

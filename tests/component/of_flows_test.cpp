@@ -3,8 +3,8 @@
 #include <set>
 
 #include "component/of_world.h"
-#include "host/of_ss/flow_mod.h"
-#include "host/of_ss/flow_table.h"
+#include "host/of_ss/desired/flow_mod.h"
+#include "host/of_ss/desired/flow_table.h"
 
 namespace {
 

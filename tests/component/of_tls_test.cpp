@@ -5,7 +5,7 @@
 
 #include "component/of_world.h"
 #include "host/log/log.h"
-#include "host/of_ss/settings.h"
+#include "host/of_ss/agent/settings.h"
 #include "support/certificates.h"
 
 namespace {

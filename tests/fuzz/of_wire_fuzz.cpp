@@ -5,7 +5,7 @@
 #include <cstring>
 #include <vector>
 
-#include "host/of_ss/meters.h"
+#include "host/of_ss/desired/meters.h"
 
 namespace {
 

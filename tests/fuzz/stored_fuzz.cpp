@@ -5,8 +5,8 @@
 
 #include "fuzz/runtime.h"
 #include "host/mom/hub.h"
-#include "host/of_ss/agent.h"
-#include "host/of_ss/protocol.h"
+#include "host/of_ss/agent/agent.h"
+#include "host/of_ss/protocol/protocol.h"
 #include "libddm.h"
 #include "s_policy_kelim.pb-c.h"
 #include "support/of_wire.h"

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <optional>
 
-#include "host/of_ss/trace.h"
+#include "host/of_ss/desired/trace.h"
 
 namespace host::of_ss::loop_trace {
 

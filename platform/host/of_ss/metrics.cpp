@@ -4,8 +4,8 @@
 #include <string>
 
 #include "host/metrics/metrics.h"
-#include "host/of_ss/agent.h"
-#include "host/of_ss/audit.h"
+#include "host/of_ss/agent/agent.h"
+#include "host/of_ss/stored/audit.h"
 
 namespace host::of_ss {
 namespace {

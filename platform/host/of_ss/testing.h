@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "host/of_ss/callbacks.h"
+#include "host/of_ss/desired/callbacks.h"
 
 namespace host::of_ss {
 

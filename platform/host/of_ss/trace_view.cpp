@@ -11,10 +11,10 @@
 #include "host/base/clock.h"
 #include "host/config/text.h"
 #include "host/control/control.h"
-#include "host/of_ss/agent.h"
-#include "host/of_ss/answers.h"
+#include "host/of_ss/agent/agent.h"
 #include "host/of_ss/loop_trace.h"
-#include "host/of_ss/protocol.h"
+#include "host/of_ss/protocol/protocol.h"
+#include "host/of_ss/stored/answers.h"
 #include "s_policy_kelim.pb-c.h"
 
 namespace host::of_ss {

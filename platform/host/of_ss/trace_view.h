@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "host/of_ss/trace.h"
+#include "host/of_ss/desired/trace.h"
 
 namespace host::of_ss {
 

@@ -11,9 +11,9 @@
 #include "host/control/control.h"
 #include "host/control/status.h"
 #include "host/metrics/health.h"
-#include "host/of_ss/agent.h"
-#include "host/of_ss/capabilities.h"
-#include "host/of_ss/protocol.h"
+#include "host/of_ss/agent/agent.h"
+#include "host/of_ss/protocol/capabilities.h"
+#include "host/of_ss/protocol/protocol.h"
 #include "host/of_ss/trace_view.h"
 
 namespace host::of_ss {

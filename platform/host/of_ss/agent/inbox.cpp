@@ -1,0 +1,78 @@
+#include "host/of_ss/agent/inbox.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <utility>
+
+namespace host::of_ss {
+namespace {
+
+using Length = std::uint32_t;  // stands in front of each message
+
+constexpr std::size_t kBound = 64u << 20;      // bytes; about 2.4 million flow results
+constexpr std::size_t kKeptRoom = 256u << 10;  // of the buffers, after a burst
+
+}  // namespace
+
+Inbox::Inbox() : fd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
+
+Inbox::~Inbox() {
+  ::close(fd_);
+}
+
+// With the lock held.
+void Inbox::wake() {
+  if (std::exchange(woken_, true)) return;
+  const std::uint64_t one = 1;
+  [[maybe_unused]] const auto written = ::write(fd_, &one, sizeof one);
+}
+
+bool Inbox::put(Bytes message) {
+  const auto length = static_cast<Length>(message.size());
+  const Bytes frame = std::as_bytes(std::span(&length, 1));
+  const std::lock_guard lock(mutex_);
+  if (filling_.size() + frame.size() + message.size() > kBound) return false;
+  filling_.insert(filling_.end(), frame.begin(), frame.end());
+  filling_.insert(filling_.end(), message.begin(), message.end());
+  wake();
+  return true;
+}
+
+void Inbox::post(std::function<void()> work) {
+  const std::lock_guard lock(mutex_);
+  work_.push_back(std::move(work));
+  wake();
+}
+
+void Inbox::nudge() {
+  const std::lock_guard lock(mutex_);
+  wake();
+}
+
+void Inbox::clear() {
+  take();
+}
+
+Inbox::Taken Inbox::take() {
+  std::uint64_t count;
+  [[maybe_unused]] const auto read = ::read(fd_, &count, sizeof count);
+  taken_.clear();
+  if (taken_.capacity() > kKeptRoom) taken_.shrink_to_fit();
+  const std::lock_guard lock(mutex_);
+  woken_ = false;
+  std::swap(taken_, filling_);
+  return {taken_, std::exchange(work_, {})};
+}
+
+Bytes Inbox::Taken::next_message() {
+  if (framed.empty()) return {};
+  Length length;
+  std::memcpy(&length, framed.data(), sizeof length);
+  const Bytes message = framed.subspan(sizeof length, length);
+  framed = framed.subspan(sizeof length + length);
+  return message;
+}
+
+}  // namespace host::of_ss

@@ -1,0 +1,54 @@
+// The way of other threads to the openflow thread: southbound messages and work, each kept in order. Bounded.
+//
+// put and post may be called from any thread, take and fd belong to the openflow thread. One system call wakes the thread for all
+// that is put before it looks.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <vector>
+
+#include "host/of_ss/wire/wire.h"
+
+namespace host::of_ss {
+
+class Inbox {
+ public:
+  Inbox();
+  ~Inbox();
+  Inbox(const Inbox &) = delete;
+  Inbox &operator=(const Inbox &) = delete;
+
+  // Copies one southbound message, whatever length its header tells. False when the inbox is full.
+  bool put(Bytes message);
+  // Has `work` run by run(). Not bounded: callers post a few pieces of work at a time.
+  void post(std::function<void()> work);
+
+  // Makes fd readable: something outside the inbox has changed.
+  void nudge();
+  // Forgets everything put so far.
+  void clear();
+
+  // Readable when there is something to take.
+  int fd() const { return fd_; }
+  // Everything so far, good until the next take.
+  struct Taken {
+    Bytes framed;
+    std::vector<std::function<void()>> work;
+    // The next of the messages; empty after the last.
+    Bytes next_message();
+  };
+  Taken take();
+
+ private:
+  void wake();
+
+  const int fd_;
+  std::mutex mutex_;
+  bool woken_ = false;
+  std::vector<std::byte> filling_, taken_;
+  std::vector<std::function<void()>> work_;
+};
+
+}  // namespace host::of_ss

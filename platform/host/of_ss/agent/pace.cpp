@@ -1,0 +1,92 @@
+#include "host/of_ss/agent/pace.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "host/base/owner_timer.h"
+#include "host/cgst/cgst.h"
+
+namespace host::of_ss {
+namespace {
+
+// Calls ahead of the loop. Each costs the daemon some microseconds, so this bounds how long the loop stands in one drain and how
+// long a quiet controller waits behind a busy one; several hundred keep both threads at work. Without the prompt timer a drain
+// comes every 50 ms only, and must work off more for the same rate.
+constexpr std::uint64_t kCalls = 384, kCallsATick = 16384;
+// What those may hand over beyond it that have handed over little.
+constexpr std::uint64_t kSpare = 1024;
+// In flight to the database, and flows that the programming service may be behind: enough for some round trips. Several
+// times as many gain nothing and make everybody wait.
+constexpr std::uint64_t kWrites = 1024, kAnswers = 1536;
+constexpr auto kLongestWait = std::chrono::seconds(1);
+constexpr auto kLook = std::chrono::milliseconds(20);  // at what is behind, where no answer says that it moves
+
+}  // namespace
+
+Pace::Pace(bool prompt, std::function<void()> wake)
+    : prompt_(prompt), bound_(prompt ? kCalls : kCallsATick), wake_(std::move(wake)) {}
+
+// ---- openflow thread
+
+bool Pace::open(std::uint64_t calls, bool spare) {
+  const std::uint64_t bound = spare ? bound_ + kSpare : bound_;
+  if (calls - granted_.load(std::memory_order_acquire) < bound) return true;
+  waits_ = true;  // before the second look: what is granted after it sees that somebody waits
+  return calls - granted_ < bound;
+}
+
+void Pace::turn_ended(std::uint64_t calls, std::uint64_t newest) {
+  if (calls == calls_.load(std::memory_order_relaxed)) return;
+  newest_.store(newest, std::memory_order_relaxed);
+  calls_.store(calls, std::memory_order_release);
+  handed_to_owner(prompt_);
+}
+
+// ---- loop's thread
+
+void Pace::drained() {
+  if (held_ || drained_ == handed_over()) return;
+  drained_ = handed_over();
+  turn_.arm(clock::Time::zero());
+}
+
+bool Pace::writes_are_behind() const {
+  return cgst::pipeline().writes >= kWrites;
+}
+
+bool Pace::answers_are_behind() const {
+  return service_talks_ && newest_.load(std::memory_order_relaxed) > answered_ + kAnswers;
+}
+
+void Pace::turned() {
+  const bool writes_behind = writes_are_behind();
+  if (!writes_behind) writes_stand_ = false;
+  if (!answers_are_behind() && (!writes_behind || writes_stand_)) return grant();
+  const clock::Time now = clock::now();
+  const std::uint64_t written = cgst::pipeline().total - cgst::pipeline().writes;
+  if (std::exchange(written_, written) != written || !held_) heard_ = now;
+  held_ = true;
+  if (now - heard_ < kLongestWait) {
+    turn_.arm(kLook);
+    return;
+  }
+  service_talks_ = false;
+  writes_stand_ = writes_behind;
+  grant();
+}
+
+void Pace::grant() {
+  held_ = false;
+  granted_ = drained_;
+  if (waits_.exchange(false)) wake_();
+}
+
+void Pace::answered(std::uint64_t index) {
+  answered_ = std::max(answered_, index);
+  service_talks_ = true;
+  if (!held_) return;
+  heard_ = clock::now();
+  if (!answers_are_behind() && !writes_are_behind()) grant();
+}
+
+}  // namespace host::of_ss

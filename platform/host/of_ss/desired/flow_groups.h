@@ -1,0 +1,110 @@
+// Groups of flows that are alike in what requests ask for together: table, which bits they match on, output, meter, and whether
+// they have a timeout. There are few of them however many flows there are, so that a request for the flows that a match covers,
+// for a port's, a meter's or the timed ones looks at the groups instead of at every flow. Openflow thread only.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "host/of_ss/desired/slot_index.h"
+#include "host/of_ss/wire/oxm.h"
+
+namespace host::of_ss {
+
+// Values under numbers that are used again, found by what they are. `T` has a `hash`.
+template <typename T>
+class Registry {
+ public:
+  template <typename Same>
+  std::uint32_t find(std::uint32_t hash, Same &&same) const {
+    return index_.find(hash, [this, hash, &same](std::uint32_t n) { return all_[n].hash == hash && same(all_[n]); });
+  }
+  std::uint32_t add(T value) {
+    std::uint32_t number = static_cast<std::uint32_t>(all_.size());
+    if (free_.empty()) {
+      all_.push_back(std::move(value));
+    } else {
+      number = free_.back();
+      free_.pop_back();
+      all_[number] = std::move(value);
+    }
+    index_.insert(number, [this](std::uint32_t n) { return all_[n].hash; });
+    return number;
+  }
+  void drop(std::uint32_t number) {
+    index_.erase(number, [this](std::uint32_t n) { return all_[n].hash; });
+    all_[number] = {};
+    free_.push_back(number);
+  }
+  T &operator[](std::uint32_t number) { return all_[number]; }
+  const T &operator[](std::uint32_t number) const { return all_[number]; }
+  // Numbers so far; what has been dropped is as `T` begins.
+  std::uint32_t size() const { return static_cast<std::uint32_t>(all_.size()); }
+
+ private:
+  std::vector<T> all_;
+  std::vector<std::uint32_t> free_;
+  SlotIndex index_;
+};
+
+// What a request asks for; what is left out does not matter.
+struct Wanted {
+  std::optional<std::uint8_t> table_id = {};
+  std::optional<std::uint32_t> port = {}, meter_id = {};  // kMeterAll: any meter
+  std::optional<std::uint64_t> cookie = {};
+  bool timed = false;
+  Bytes match = {};  // flows that it covers, as match_covers says
+};
+
+class FlowGroups {
+ public:
+  struct Group {
+    std::uint32_t hash = 0;
+    std::uint32_t shape = 0;
+    std::uint32_t port = 0, meter_id = 0;  // 0: none
+    bool timed = false;
+    std::uint32_t first = kNoSlot;  // of its flows; the table links them
+    std::uint32_t flows = 0;
+  };
+
+  // The number of the group that the flow-mod belongs to, which has one flow more or less.
+  std::uint32_t join(Bytes flow_mod);
+  void leave(std::uint32_t number);
+  Group &operator[](std::uint32_t number) { return groups_[number]; }
+
+  // The first flows of the groups that may hold flows which are wanted. Left out are those whose flows match on exactly the bits
+  // of the wanted match: of them it covers only flows with the same match.
+  std::vector<std::uint32_t> covered(const Wanted &wanted, std::size_t &flows) const;
+  // Calls `exact` with each match that a flow overlapping `match` would have, bit for bit, where the match settles that; else
+  // `group` with the first flow of a group whose flows may overlap. Until one of them gives true.
+  template <typename Exact, typename InGroup>
+  bool overlap(std::uint8_t table_id, Bytes match, Exact &&exact, InGroup &&group) const {
+    std::byte mine[kMaxSouthboundMatch], theirs[kMaxSouthboundMatch];
+    const Bytes shape = match_shape(match, mine);
+    std::vector<bool> settled(shapes_.size());
+    for (std::uint32_t n = 0; n < shapes_.size(); ++n) {
+      if (shapes_[n].groups == 0 || shapes_[n].table_id != table_id || !match_covers(shapes_[n].bits, shape)) continue;
+      settled[n] = true;
+      if (exact(match_projection(match, shapes_[n].bits, theirs))) return true;
+    }
+    for (std::uint32_t n = 0; n < groups_.size(); ++n)
+      if (const Group &g = groups_[n]; g.flows && !settled[g.shape] && shapes_[g.shape].table_id == table_id && group(g.first))
+        return true;
+    return false;
+  }
+
+ private:
+  struct Shape {
+    std::uint32_t hash = 0;
+    std::uint8_t table_id = 0;
+    std::vector<std::byte> bits;  // as match_shape says
+    std::uint32_t groups = 0;
+  };
+  std::uint32_t shape_of(std::uint8_t table_id, Bytes match);
+
+  Registry<Shape> shapes_;
+  Registry<Group> groups_;
+};
+
+}  // namespace host::of_ss

@@ -1,0 +1,69 @@
+// What the agent says to the daemon: builds each southbound message and calls the registered callback. Openflow thread, no lock
+// held.
+#pragma once
+
+#include <cstdint>
+#include <span>
+
+#include "host/of_ss/desired/callbacks.h"
+#include "host/of_ss/desired/flow_table.h"
+#include "host/of_ss/wire/wire.h"
+
+namespace host::of_ss {
+
+// What a barrier carries through the daemon and back. Connection numbers of controllers are below kOwnBarrier.
+struct BarrierTag {
+  std::uint8_t connection;
+  std::uint32_t xid;
+  std::uint32_t address;  // IPv4, first octet in the least significant byte; 0 for another kind
+  bool operator==(const BarrierTag &) const = default;
+};
+inline constexpr std::uint8_t kOwnBarrier = 255;
+
+class Handover {
+ public:
+  explicit Handover(const Callbacks &callbacks) : callbacks_(callbacks) {}
+
+  // Calls so far.
+  std::uint64_t calls() const { return calls_; }
+
+  void add(FlowEntry &flow) { call(callbacks_.flow_mod, flow.message()); }
+  void remove(FlowEntry &flow);
+  void remove_all_flows() { call(callbacks_.del_all_flow); }
+  void remove_everything() { call(callbacks_.del_all); }
+  // `message` is a southbound meter-mod.
+  void meter(std::byte *message) { call(callbacks_.meter_mod, message); }
+  void barrier(const BarrierTag &tag);
+  void begin_sync();
+  void end_sync();
+  // A controller has come, the last one has gone; with the interfaces over which controllers are or were connected.
+  void open(std::span<const std::uint32_t> interfaces) { list_interfaces(southbound::kOpen, callbacks_.open, interfaces); }
+  void close(std::span<const std::uint32_t> interfaces) { list_interfaces(southbound::kClose, callbacks_.close, interfaces); }
+  // These interfaces have changed, while there is a controller.
+  void manage(std::span<const std::uint32_t> interfaces) {
+    list_interfaces(southbound::kMgmtIfx, callbacks_.mgmt_ifx, interfaces);
+  }
+  // Asks for the counters of the flow with this index, or of all with southbound::kAllFlows.
+  void ask_counters(std::uint64_t index);
+  void configure_reports(std::uint32_t cells, std::uint32_t period_s);
+  void packets(bool start);
+  // Announces or withdraws the address of a controller, laid out as in BarrierTag.
+  void controller(bool announce, std::uint32_t address);
+  void connected() { call(callbacks_.connected); }
+
+ private:
+  template <typename Callback, typename... Message>
+  void call(Callback callback, Message... message) {
+    ++calls_;
+    callback(message...);
+  }
+  void list_interfaces(southbound::MsgType type, of_ss_msg_cb callback, std::span<const std::uint32_t> interfaces);
+
+  const Callbacks &callbacks_;
+  std::uint64_t calls_ = 0;
+};
+
+// The tag of a barrier reply; the message is kBarrierLen long.
+BarrierTag barrier_tag(Bytes reply);
+
+}  // namespace host::of_ss

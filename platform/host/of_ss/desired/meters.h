@@ -1,0 +1,75 @@
+// The desired meters, and OFPT_METER_MOD from the wire into the southbound meter-mod. Openflow thread only.
+//
+// Wire layout: OpenFlow 1.3.5, 7.3.4.4; southbound layout: southbound.h.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <vector>
+
+#include "host/of_ss/desired/flows.h"
+#include "host/of_ss/wire/wire.h"
+
+namespace host::of_ss {
+
+inline constexpr std::uint32_t kMaxMeters = 1024;
+inline constexpr std::uint8_t kMaxBands = 8;
+inline constexpr std::uint16_t kBandLen = 16;
+enum MeterBand : std::uint16_t { kBandDrop = 1, kBandDscpRemark = 2 };
+inline constexpr Named kMeterBands[] = {{kBandDrop, "drop"}, {kBandDscpRemark, "dscp_remark"}};
+enum MeterFlag : std::uint16_t { kMeterKbps = 1, kMeterPktps = 2, kMeterBurst = 4, kMeterStats = 8 };
+inline constexpr Named kMeterFlags[] = {
+    {kMeterKbps, "kbps"}, {kMeterPktps, "pktps"}, {kMeterBurst, "burst"}, {kMeterStats, "stats"}};
+
+struct Meter {
+  std::vector<std::byte> message;  // the southbound meter-mod that adds it
+  std::vector<std::byte> before;   // the one that was in force before the latest change; empty when there was none
+  std::int64_t created_ns = 0, changed_ns = 0;
+  Origin origin;                   // of the latest request, until its failure is reported
+  std::vector<std::byte> request;  // the beginning of it, for the error
+  std::uint64_t handed = 0;        // the hand-over of that request
+
+  std::uint16_t flags() const { return southbound::get<std::uint16_t>(message.data(), southbound::kMeterFlags); }
+  Bytes bands() const { return Bytes(message).subspan(southbound::kMeterBands); }
+};
+
+class Meters {
+ public:
+  explicit Meters(Flows &flows) : flows_(flows) {}
+
+  // Carries out a meter-mod; the deletion of a meter takes the flows that use it along.
+  Verdict apply(Bytes request, const Origin &origin, std::int64_t now);
+  // A failure reply of the daemon. The request that failed and the error for it, when there is still somebody to tell. A failed
+  // change puts the meter back to what it was; any other failure takes it away with the flows that use it.
+  struct Failure {
+    Origin origin;
+    const Error *error;
+    std::vector<std::byte> request;
+  };
+  std::optional<Failure> result(Bytes reply, std::int64_t now);
+  // Hands every meter to the daemon again.
+  void replay();
+  // Deletes what is stored under this number, unless a meter of this number is desired.
+  void delete_stray(std::uint32_t id);
+  // A meter of an earlier life, as it is stored.
+  bool restore(Bytes message, std::int64_t now);
+  // Forgets every meter without a word to the daemon.
+  void forget() { meters_.clear(); }
+
+  bool knows(std::uint32_t id) const { return meters_.contains(id); }
+  const std::map<std::uint32_t, Meter> &all() const { return meters_; }
+
+ private:
+  Verdict add(std::uint32_t id, Bytes request, const Origin &origin, std::int64_t now);
+  Verdict modify(std::uint32_t id, Bytes request, const Origin &origin, std::int64_t now);
+  void remove(std::uint32_t id);
+  void hand_over(Meter &meter, Bytes request, const Origin &origin);
+  void tell(std::vector<std::byte> &message);
+  void tell_deletion(Meter &meter);
+
+  Flows &flows_;
+  std::map<std::uint32_t, Meter> meters_;
+};
+
+}  // namespace host::of_ss

@@ -1,0 +1,95 @@
+// Bundles (ONF extension 230 to OpenFlow 1.3; OpenFlow 1.4, 7.3.9): a controller collects flow-mods on the switch and commits
+// them, all or none.
+//
+// A commit waits until the daemon has answered for everything before it. Then its flow-mods are carried out as a transaction of
+// the flows, in which what is replaced or deleted stays where it is; when all new flows are installed, the old ones go, and when
+// one of them fails, the new ones. The controller gets the error of the flow-mod that failed, and OFPBFC_MSG_FAILED for the
+// commit. Meanwhile no other request changes flows or meters. Openflow thread only.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "host/of_ss/desired/ledger.h"
+#include "host/of_ss/wire/wire.h"
+
+namespace host::of_ss {
+
+class Agent;
+class Connection;
+
+class Bundles {
+ public:
+  explicit Bundles(Agent &agent) : agent_(agent) {}
+
+  // Carries out a message of the extension, which is an experimenter's and has at least 16 bytes, or says why not.
+  Verdict handle(Connection &connection, Bytes message);
+  // Whether handle would begin a commit.
+  static bool commits(Bytes message);
+
+  // The message that an add to a bundle carries; empty where the message is no such thing. Either may be cut short.
+  static Bytes carried_by(Bytes message);
+
+  // Goes on with a commit as far as the daemon keeps up.
+  void advance();
+  bool is_committing() const { return commit_.has_value(); }
+  // Whether flows have been handed over that may have to be withdrawn.
+  bool is_in_transaction() const;
+
+  // The connection has gone.
+  void forget(std::uint64_t generation);
+  // To be called about every second: discards bundles that nothing is added to any more.
+  void expire(std::int64_t now_ns);
+
+ private:
+  struct Bundle {
+    std::uint16_t flags;
+    std::uint32_t xid;  // of the request that opened it
+    std::int64_t used_ns;
+    bool closed = false;
+    bool spoiled = false;  // a message for it was refused: it cannot be committed
+    std::vector<std::byte> messages = {};
+  };
+  using Key = std::pair<std::uint64_t, std::uint32_t>;  // generation of the connection, number of the bundle
+  struct Commit {
+    Bundle bundle;
+    std::uint32_t number;
+    Origin origin;
+    bool (Bundles::*stage)() = &Bundles::settle;
+    std::size_t next = 0;  // offset in the messages
+    bool keep = true;
+  };
+  struct Control {
+    std::uint16_t type;
+    Verdict (Bundles::*handle)(Connection &, Bytes);
+  };
+
+  static Key key_of(const Connection &connection, Bytes message);
+  Verdict control(Connection &connection, Bytes message);
+  Verdict add(Connection &connection, Bytes message);
+  Verdict put(Bytes message, Bundle &bundle);
+  Verdict create(Connection &connection, Bytes message);
+  Verdict open(Connection &connection, Bytes message);
+  Verdict close(Connection &connection, Bytes message);
+  Verdict discard(Connection &connection, Bytes message);
+  Verdict commit(Connection &connection, Bytes message);
+  void reply(Connection &connection, Bytes request);
+  void erase(std::map<Key, Bundle>::iterator at);
+
+  // Stages of a commit; true when the next one may begin.
+  bool settle();
+  bool carry_out();
+  bool wait();
+  bool finish();
+  void answer();
+
+  Agent &agent_;
+  std::map<Key, Bundle> open_;
+  std::size_t bytes_ = 0;  // of all messages in them
+  std::optional<Commit> commit_;
+};
+
+}  // namespace host::of_ss

@@ -1,0 +1,383 @@
+#include "host/of_ss/protocol/monitors.h"
+
+#include <algorithm>
+#include <optional>
+
+#include "host/of_ss/agent/agent.h"
+#include "host/of_ss/protocol/parts.h"
+#include "host/of_ss/protocol/protocol.h"
+
+namespace host::of_ss {
+namespace {
+
+namespace sb = southbound;
+
+// A request's body: experimenter u32, type u32, then for each monitor {id u32, flags u16, length of the match u16, out_port u32,
+// table u8, pad[3]} and the match, padded to 8.
+constexpr std::uint32_t kFlowMonitor = 1870, kPaused = 1871, kResumed = 1872;
+constexpr std::size_t kExpType = kBody + 4, kMonitors = kBody + 8;
+namespace monitor {
+constexpr std::size_t kFlags = 4, kMatchLen = 6, kOutPort = 8, kTableId = 12, kMatch = 16;
+}
+// A message: experimenter u32, type u32, here then the id u32.
+constexpr std::size_t kCancelType = 12, kCancelId = 16, kCancelLength = 20;
+
+enum Flag : std::uint16_t { kInitial = 1, kAdd = 2, kDelete = 4, kModify = 8, kInstructions = 16, kOwn = 32, kAllFlags = 63 };
+
+// An update: {length u16, event u16, reason u16, priority u16, idle u16, hard u16, length of the match u16, table u8, pad,
+// cookie u64}, match, instructions; the abbreviated one: {length u16, event u16, xid u32}.
+enum WireEvent : std::uint16_t { kAdded = 0, kDeletedEvent = 1, kModified = 2, kAbbreviated = 3 };
+constexpr std::size_t kUpdateMatchLen = 12;
+
+// Bounds of what each change is compared with: monitors of one connection, and of all together.
+constexpr std::size_t kMonitorsMax = 32, kMonitorsTotal = 256;
+
+struct EventRow {
+  WireEvent wire;
+  Flag wanted_by;
+};
+
+// The rows stand in the order of FlowEvent.
+const EventRow &row_of(FlowEvent event) {
+  static constexpr EventRow kEvents[] = {
+      {kAdded, kAdd}, {kDeletedEvent, kDelete}, {kModified, kModify}, {kAdded, kAdd}, {kModified, kModify}};
+  return kEvents[static_cast<std::size_t>(event)];
+}
+
+struct Monitor {
+  std::uint32_t id;
+  std::uint16_t flags;
+  std::uint32_t out_port;
+  FlowMod filter;  // but for the port
+
+  bool is_for_port(const FlowEntry &flow) const { return out_port == port::kAny || output_port(flow.southbound()) == out_port; }
+};
+
+// Those of one request. While the flows that are there are being told, `told` is how far in the table, and `xid` of the request.
+struct Group {
+  std::vector<Monitor> monitors;
+  std::uint32_t xid;
+  std::optional<std::uint32_t> told;
+};
+
+// The flows that were there at some time.
+struct Epoch {
+  std::uint64_t newest;
+  std::int64_t at_ns;
+
+  bool knows(const FlowEntry &flow) const { return flow.index() <= newest || flow.created_ns < at_ns || flow.replaces; }
+};
+
+// A walk over the table for what has come or changed since; when updates pause again meanwhile, another one follows. What came
+// behind the beginning of the pause may have been told by another walk too, up to the index `newest_told`.
+struct Pause {
+  Epoch since;
+  std::uint64_t newest_told;
+  std::uint32_t told = 0;
+  std::optional<Epoch> again = {};
+
+  // Whether the peer may know the flow: it is told of the end of some that it does not know, and of all that it knows.
+  bool may_know(const FlowEntry &flow) const { return flow.slot < told || flow.index() <= newest_told || since.knows(flow); }
+};
+
+std::size_t padded(std::size_t length) {
+  return (length + 7) & ~std::size_t{7};
+}
+
+// Whether the monitor has been told of the flow, if it asked for the first ones; of its deletion also when it may have been told
+// of an older form.
+bool is_told(const Group &group, const Monitor &monitor, const FlowEntry &flow, Flag wanted) {
+  return !group.told || !(monitor.flags & kInitial) || flow.slot < *group.told || (wanted == kDelete && flow.replaces);
+}
+
+// The flags of the monitors in the group that ask for the flow and have `wanted`. A change is also told when the `older` form
+// went to the port, and any change where that form has gone.
+std::uint16_t wanting(const Group &group, const FlowEntry &flow, Flag wanted, const FlowEntry *older, bool any_port = false) {
+  std::uint16_t flags = 0;
+  for (const Monitor &monitor : group.monitors)
+    if (monitor.flags & wanted && is_told(group, monitor, flow, wanted) && Flows::selected(flow, monitor.filter) &&
+        (any_port || monitor.is_for_port(flow) || (older && monitor.is_for_port(*older))))
+      flags |= monitor.flags;
+  return flags;
+}
+
+void put_update(Writer &out, const FlowEntry &flow, WireEvent event, RemovedReason reason, bool with_instructions) {
+  const std::size_t start = out.size();
+  out.u16(0);
+  out.u16(event);
+  out.u16(event == kDeletedEvent ? reason : 0);
+  out.u16(flow.priority());
+  out.u16(flow.get<std::uint16_t>(sb::kFlowIdleTimeout));
+  out.u16(flow.get<std::uint16_t>(sb::kFlowHardTimeout));
+  out.u16(0);
+  out.u8(flow.table_id());
+  out.zeros(1);
+  out.u64(flow.cookie());
+  const std::size_t match_len =
+      encode_wire_match(southbound_match(flow.southbound()), flow.table_id() == kServiceChainTable, out);
+  out.patch16(start + kUpdateMatchLen, match_len);
+  if (with_instructions) encode_wire_instructions(flow.southbound(), out);
+  out.patch16(start, out.size() - start);
+}
+
+// Reads one monitor from the front of `entry`, whose length it leaves in `length`.
+Verdict read_monitor(Bytes entry, Monitor &out, std::size_t &length) {
+  if (entry.size() < monitor::kMatch) return refuse(err::kBadLen, "flow monitor", "the request is shorter than its monitors");
+  const std::size_t match_len = be16(entry, monitor::kMatchLen);
+  length = monitor::kMatch + padded(match_len);
+  if (match_len < 4 || length > entry.size())
+    return refuse(err::kBadLen, "flow monitor", "the request is shorter than its monitors");
+  out.id = be32(entry, 0);
+  out.flags = be16(entry, monitor::kFlags);
+  if (!(out.flags & (kAdd | kDelete | kModify)) || out.flags & ~kAllFlags)
+    return refuse(err::kMonitorBadFlags, "flags", "they name an unknown flag or none of ADD, DELETE and MODIFY");
+  const std::uint8_t table = be8(entry, monitor::kTableId);
+  if (table >= kTableCount && table != kTableAll)
+    return refuse(err::kRequestBadTable, "table", "no such table, there are 0 and 1");
+  if (be16(entry, monitor::kMatch + 2) != match_len)
+    return refuse(err::kMatchBadLen, "match", "it has another length than the monitor says");
+  if (const Verdict verdict = decode_flow_filter(entry.first(length), monitor::kMatch, table, out.filter); verdict.refused())
+    return verdict;
+  out.out_port = be32(entry, monitor::kOutPort);
+  out.filter.out_port = port::kAny;
+  out.filter.out_group = kGroupAny;
+  out.filter.cookie = out.filter.cookie_mask = 0;
+  return {};
+}
+
+}  // namespace
+
+// What one connection watches, and how far it has been told. `abbreviated` is the last request of its own that was told of
+// without the flows.
+struct Watcher {
+  std::vector<Group> groups;
+  std::optional<Pause> pause;
+  std::uint64_t abbreviated = 0;
+
+  std::size_t count() const {
+    std::size_t sum = 0;
+    for (const Group &group : groups) sum += group.monitors.size();
+    return sum;
+  }
+  // Whether the first flows are still being told.
+  bool is_at_first() const {
+    return std::ranges::any_of(groups, [](const Group &group) { return group.told.has_value(); });
+  }
+  bool has(std::uint32_t id) const {
+    return std::ranges::any_of(
+        groups, [id](const Group &group) { return std::ranges::find(group.monitors, id, &Monitor::id) != group.monitors.end(); });
+  }
+};
+
+void FreeWatcher::operator()(Watcher *watcher) const {
+  delete watcher;
+}
+
+// ---- requests
+
+bool Monitors::is_request(Bytes message) {
+  return message.size() >= kMonitors && be32(message, kBody) == kOnfExperimenter && be32(message, kExpType) == kFlowMonitor;
+}
+
+bool Monitors::is_cancel(Bytes message) {
+  return message.size() >= kCancelType + 4 && be32(message, kOfHeader) == kOnfExperimenter &&
+         be32(message, kCancelType) == kFlowMonitor;
+}
+
+Verdict Monitors::request(Connection &connection, Bytes message) {
+  if (const Verdict verdict = set_up(connection, message); verdict.refused()) return verdict;
+  if (connection.session().owes_updates)
+    go_on(connection);
+  else
+    Parts(agent_, connection, kExperimenterMultipart, be32(message, kOfXid), kFlowMonitor).end();
+  return {};
+}
+
+Verdict Monitors::set_up(Connection &connection, Bytes message) {
+  auto &watcher = connection.session().watcher;
+  Group group{{}, be32(message, kOfXid), {}};
+  bool initial = false;
+  std::size_t length = 0;
+  for (Bytes rest = message.subspan(kMonitors); !rest.empty(); rest = rest.subspan(length)) {
+    Monitor &monitor = group.monitors.emplace_back();
+    if (const Verdict verdict = read_monitor(rest, monitor, length); verdict.refused()) return verdict;
+    if ((watcher && watcher->has(monitor.id)) || std::ranges::count(group.monitors, monitor.id, &Monitor::id) > 1)
+      return refuse(err::kMonitorExists, "monitor", "the connection has one with this number");
+    if (group.monitors.size() + (watcher ? watcher->count() : 0) > kMonitorsMax ||
+        group.monitors.size() + count() > kMonitorsTotal)
+      return refuse(err::kRequestEperm, "monitor", "there are too many already, 32 of one connection or 256 of all");
+    initial |= monitor.flags & kInitial;
+  }
+  if (group.monitors.empty()) return {};
+  if (initial) group.told = 0;
+  connection.session().owes_updates = initial;
+  if (!watcher) {
+    watcher.reset(new Watcher);
+    watching_.push_back(connection.generation());
+  }
+  watcher->groups.push_back(std::move(group));
+  agent_.flows().watch(true);
+  return {};
+}
+
+Verdict Monitors::cancel(Connection &connection, Bytes message) {
+  if (message.size() != kCancelLength) return refuse(err::kBadLen, "flow monitor cancel", "the length of the message is wrong");
+  auto &watcher = connection.session().watcher;
+  const std::uint32_t id = be32(message, kCancelId);
+  if (!watcher || !watcher->has(id)) return refuse(err::kUnknownMonitor, "monitor", "the connection has none with this number");
+  for (Group &group : watcher->groups) std::erase_if(group.monitors, [id](const Monitor &monitor) { return monitor.id == id; });
+  std::erase_if(watcher->groups, [](const Group &group) { return group.monitors.empty(); });
+  if (watcher->groups.empty()) watcher.reset();
+  sweep();
+  return {};
+}
+
+std::size_t Monitors::count() const {
+  std::size_t sum = 0;
+  for (const std::uint64_t generation : watching_)
+    if (const Watcher *one = watcher(generation)) sum += one->count();
+  return sum;
+}
+
+Watcher *Monitors::watcher(std::uint64_t generation) const {
+  Connection *connection = agent_.find(generation);
+  return connection ? connection->session().watcher.get() : nullptr;
+}
+
+void Monitors::sweep() {
+  std::erase_if(watching_, [this](std::uint64_t generation) { return !watcher(generation); });
+  agent_.flows().watch(!watching_.empty());
+}
+
+// ---- updates
+
+// By number: a connection that holds too much unsent ends in the middle.
+void Monitors::flow_changed(const FlowEntry &flow, const FlowChange &change) {
+  for (std::size_t n = 0; n < watching_.size(); ++n)
+    if (watcher(watching_[n])) tell(*agent_.find(watching_[n]), flow, change);
+}
+
+void Monitors::tell(Connection &connection, const FlowEntry &flow, const FlowChange &change) {
+  Watcher &watcher = *connection.session().watcher;
+  std::uint16_t flags = 0;
+  const FlowEntry *older = agent_.flows().table().at(flow.older);
+  for (const Group &group : watcher.groups) flags |= wanting(group, flow, row_of(change.event).wanted_by, older);
+  if (!flags || is_to_wait(connection, flow, change.event)) return;
+  const bool is_own = change.author.origin.generation == connection.generation();
+  if (is_own && !(flags & kOwn) && !watcher.pause)
+    abbreviate(connection, change.author);
+  else
+    send_update(connection, flow, change, flags);
+}
+
+// Whether there is nothing to tell: of what the peer does not know, or of what the walk over what has changed finds later.
+bool Monitors::is_to_wait(Connection &connection, const FlowEntry &flow, FlowEvent event) {
+  auto &pause = connection.session().watcher->pause;
+  if (event == FlowEvent::unchanged) return pause || connection.is_clogged();
+  if (event == FlowEvent::deleted || event == FlowEvent::brought_back)
+    return pause && !connection.session().watcher->is_at_first() && !pause->may_know(flow);
+  if (pause && (pause->again || flow.slot >= pause->told)) return true;
+  if (!connection.is_clogged()) return false;
+  const Epoch before{agent_.flows().table().newest_index() - 1, agent_.now()};
+  if (pause) {
+    pause->again = before;
+  } else {
+    pause = Pause{before, before.newest};
+    connection.session().owes_updates = true;
+    notify(connection, kPaused);
+  }
+  return true;
+}
+
+void Monitors::send_update(Connection &connection, const FlowEntry &flow, const FlowChange &change, std::uint16_t flags) {
+  Parts parts(agent_, connection, kExperimenterMultipart, 0, kFlowMonitor);
+  put_update(parts.entry(), flow, row_of(change.event).wire, change.reason, flags & kInstructions);
+  parts.end();
+}
+
+// One for all that the request changes.
+void Monitors::abbreviate(Connection &connection, const Author &author) {
+  Watcher &watcher = *connection.session().watcher;
+  if (std::exchange(watcher.abbreviated, author.request) == author.request) return;
+  Parts parts(agent_, connection, kExperimenterMultipart, 0, kFlowMonitor);
+  Writer &out = parts.entry();
+  out.u16(8);
+  out.u16(kAbbreviated);
+  out.u32(author.origin.xid);
+  parts.end();
+}
+
+void Monitors::notify(Connection &connection, std::uint32_t type) {
+  Reply message(agent_.scratch(), kExperimenter, 0);
+  message.out.u32(kOnfExperimenter);
+  message.out.u32(type);
+  message.send(connection);
+}
+
+// ---- walks over the table
+
+// A transaction shows flows that may go again: it is waited for.
+void Monitors::go_on(Connection &connection) {
+  Watcher *watcher = connection.session().watcher.get();
+  if (!watcher || agent_.bundles().is_in_transaction()) return;
+  connection.session().owes_updates = !send_initial(connection, *watcher) || !send_changed(connection, *watcher);
+}
+
+void Monitors::go_on() {
+  for (std::size_t n = 0; n < watching_.size(); ++n)
+    if (Connection *connection = agent_.find(watching_[n])) go_on(*connection);
+}
+
+// Puts entries from the cursor on until all flows have been looked at, then true, or the peer has enough to read for now.
+template <typename Put>
+bool Monitors::walk(Connection &connection, std::uint32_t xid, std::uint32_t &cursor, bool is_reply, Put &&put) {
+  while (!connection.is_clogged()) {
+    Parts parts(agent_, connection, kExperimenterMultipart, xid, kFlowMonitor);
+    const FlowEntry *flow = nullptr;
+    while (!parts.full() && (flow = agent_.flows().table().next(cursor)))
+      if (flow->in_force) put(parts.entry(), *flow);
+    if (is_reply || !parts.empty()) parts.send(is_reply && flow ? kMore : 0);
+    if (!flow) return true;
+  }
+  return false;
+}
+
+bool Monitors::send_initial(Connection &connection, Watcher &watcher) {
+  for (Group &group : watcher.groups) {
+    if (!group.told) continue;
+    const auto put = [&group](Writer &out, const FlowEntry &flow) {
+      if (const std::uint16_t flags = wanting(group, flow, kInitial, nullptr))
+        put_update(out, flow, kAdded, kDeleted, flags & kInstructions);
+    };
+    if (!walk(connection, group.xid, *group.told, true, put)) return false;
+    group.told.reset();
+    if (watcher.pause) watcher.pause->newest_told = agent_.flows().table().newest_index();
+  }
+  return true;
+}
+
+bool Monitors::send_changed(Connection &connection, Watcher &watcher) {
+  if (!watcher.pause) return true;
+  Pause &pause = *watcher.pause;
+  const auto put = [&watcher, &pause](Writer &out, const FlowEntry &flow) {
+    if (flow.index() <= pause.since.newest) return;
+    const bool is_modified = flow.created_ns < pause.since.at_ns;
+    const FlowEvent event = is_modified ? FlowEvent::modified : FlowEvent::added;
+    std::uint16_t flags = 0;
+    for (const Group &group : watcher.groups)
+      flags |= wanting(group, flow, row_of(event).wanted_by, nullptr, is_modified || flow.replaces);
+    if (flags) put_update(out, flow, row_of(event).wire, kDeleted, flags & kInstructions);
+  };
+  while (walk(connection, 0, pause.told, false, put)) {
+    if (pause.again) {
+      pause = Pause{*pause.again, agent_.flows().table().newest_index()};
+      continue;
+    }
+    watcher.pause.reset();
+    notify(connection, kResumed);
+    return true;
+  }
+  return false;
+}
+
+}  // namespace host::of_ss

@@ -1,0 +1,59 @@
+// Flow monitors (ONF extension 187 to OpenFlow 1.3): a controller names flows and is told of every change among them.
+//
+// An update leaves with the change, before the answer to a barrier behind it. When a peer does not read, updates pause: only
+// deletions are told, and when it has read, what has come or changed meanwhile. That is found by index and time of creation, so
+// that a pause takes no memory. Openflow thread only.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "host/of_ss/desired/flows.h"
+#include "host/of_ss/net/session.h"
+#include "host/of_ss/wire/wire.h"
+
+namespace host::of_ss {
+
+class Agent;
+class Connection;
+
+class Monitors {
+ public:
+  explicit Monitors(Agent &agent) : agent_(agent) {}
+
+  // Sets up the monitors of an experimenter multipart request, all or none, and answers it.
+  Verdict request(Connection &connection, Bytes message);
+  // Whether it is one.
+  static bool is_request(Bytes message);
+  // Carries out a message of the extension, which is an experimenter's and has at least 16 bytes.
+  Verdict cancel(Connection &connection, Bytes message);
+  static bool is_cancel(Bytes message);
+
+  // Tells every connection that watches the flow, at once. A connection whose output is full may end inside the call.
+  void flow_changed(const FlowEntry &flow, const FlowChange &change);
+
+  // Goes on with what the connection is still to be told, as far as the peer reads; and all connections.
+  void go_on(Connection &connection);
+  void go_on();
+  // Forgets connections that have gone.
+  void sweep();
+
+ private:
+  Verdict set_up(Connection &connection, Bytes message);
+  std::size_t count() const;
+  Watcher *watcher(std::uint64_t generation) const;
+  void tell(Connection &connection, const FlowEntry &flow, const FlowChange &change);
+  bool is_to_wait(Connection &connection, const FlowEntry &flow, FlowEvent event);
+  void send_update(Connection &connection, const FlowEntry &flow, const FlowChange &change, std::uint16_t flags);
+  void abbreviate(Connection &connection, const Author &author);
+  void notify(Connection &connection, std::uint32_t type);
+  template <typename Put>
+  bool walk(Connection &connection, std::uint32_t xid, std::uint32_t &cursor, bool is_reply, Put &&put);
+  bool send_initial(Connection &connection, Watcher &watcher);
+  bool send_changed(Connection &connection, Watcher &watcher);
+
+  Agent &agent_;
+  std::vector<std::uint64_t> watching_;  // generations of the connections that have monitors
+};
+
+}  // namespace host::of_ss

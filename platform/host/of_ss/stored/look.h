@@ -1,0 +1,88 @@
+// One comparison of what controllers asked for with what the database holds, in steps of a few milliseconds: there may be
+// millions of flows, and the loop has other work.
+//
+// A look first walks over everything: of each stored flow, each answer and each flow that was asked for it keeps 16 bytes. What
+// differs by these is only a candidate, since flows come and go meanwhile. At the end both sides of every candidate are read
+// again at moments when no request is in flight; what differs then is a difference.
+//
+// Loop's thread; the agent's side is read on the openflow thread, for which the loop waits.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <vector>
+
+#include "host/mom/store.h"
+#include "host/of_ss/agent/agent.h"
+#include "qx_mom.h"
+#include "qx_runtime.h"
+
+namespace host::of_ss {
+
+struct Difference {
+  enum What : std::uint8_t {
+    flow_not_stored,
+    flow_stored_otherwise,
+    flow_not_confirmed,
+    flow_not_asked_for,
+    meter_not_stored,
+    meter_stored_otherwise,
+    meter_failed,
+    meter_not_asked_for,
+    flow_left_in_target,
+  };
+  What what;
+  std::uint64_t number;  // index of the flow, or number of the meter
+  auto operator<=>(const Difference &) const = default;
+};
+
+class Look {
+ public:
+  Look(qx_global *global, Agent &agent) : global_(global), agent_(agent) {}
+
+  enum class Result : std::uint8_t { unfinished, undisturbed, disturbed };
+  // The next step; not after a result. Disturbed: a request is in flight, or one of both sides cannot be read.
+  Result step();
+  // Behind an undisturbed look: the differences, ascending.
+  std::vector<Difference> &found() { return found_; }
+  // In percent.
+  unsigned progress() const;
+
+ private:
+  enum class Part : std::uint8_t { more, over, failed };
+  // How one side has a flow. Stored and asked-for flows are alike when their content is.
+  struct Sight {
+    enum Side : std::uint8_t { stored, confirmed, asked };
+    std::uint64_t index;
+    std::uint32_t content;  // hash of the southbound message; 0 for an answer
+    Side side;
+  };
+
+  Part begin();
+  Part walk_flows();
+  Part walk_answers();
+  Part walk_asked();
+  Part compare();
+  Part check();
+  Part walk(const ProtobufCMessageDescriptor &type, qx_mom_scan_cb take);
+  static int take_flow(const qx_obj *object, void *look);
+  static int take_answer(const qx_obj *object, void *look);
+  void note(std::uint64_t index, Bytes message, Sight::Side side);
+  void compare_bucket(std::vector<Sight> &sights);
+  bool quiet_run(const std::function<void(Agent &agent)> &work);
+
+  qx_global *global_;
+  Agent &agent_;
+  std::size_t part_ = 0;
+  std::size_t flows_ = 0, noted_ = 0;  // asked for at the beginning; of all sides so far
+  mom::Store::Walk walk_;
+  std::uint32_t cursor_ = 0;  // of the agent's table
+  // By the low bits of the index, so that what is compared at a time is small.
+  std::array<std::vector<Sight>, 256> sights_;
+  std::size_t bucket_ = 0;
+  std::vector<std::uint64_t> candidates_;  // indexes; those before `checked_` have been read again
+  std::size_t checked_ = 0;
+  std::vector<Difference> found_;
+};
+
+}  // namespace host::of_ss

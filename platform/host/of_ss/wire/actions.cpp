@@ -1,0 +1,497 @@
+#include "host/of_ss/wire/actions.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+namespace host::of_ss {
+namespace {
+
+namespace sb = southbound;
+
+constexpr std::size_t kOutputLen = 16, kSetQueueLen = 8, kMaxActions = 255;
+constexpr std::uint16_t kControllerNoBuffer = 0xffff;
+
+// What the actions are read for.
+struct Context {
+  const WireMatch *match;  // null: a packet-out
+  std::span<const std::uint32_t> ports;
+};
+
+// The southbound list being built.
+struct List {
+  Instructions &out;
+  std::size_t count = 0;
+  bool output = false;  // an output is in it; nothing may follow
+
+  std::byte *add(std::uint16_t type, std::size_t length) {
+    if (count == kMaxActions || out.length + length > kMaxSouthboundActions) return nullptr;
+    std::byte *at = out.actions + out.length;
+    std::memset(at, 0, length);
+    sb::put(at, sb::kActionType, type);
+    sb::put(at, sb::kActionLen, static_cast<std::uint16_t>(length));
+    out.length = static_cast<std::uint16_t>(out.length + length);
+    ++count;
+    return at;
+  }
+};
+
+constexpr Verdict kTooManyActions{&err::kTooMany, "actions", "more actions than a flow may have"};
+constexpr Verdict kAfterOutput{&err::kUnsupportedOrder, "actions", "the action comes after the output and would act on nothing"};
+
+bool is_port(std::span<const std::uint32_t> ports, std::uint32_t number) {
+  return std::binary_search(ports.begin(), ports.end(), number);
+}
+
+constexpr ReservedPort kReservedPorts[] = {
+    {port::kInPort, "IN_PORT", true},        {port::kNormal, "NORMAL", true}, {port::kAll, "ALL", true},
+    {port::kController, "CONTROLLER", true}, {port::kTable, "TABLE", false},  {port::kFlood, "FLOOD", false},
+    {port::kLocal, "LOCAL", false},
+};
+
+const ReservedPort *find_reserved(std::uint32_t number) {
+  const auto *found = std::ranges::find(kReservedPorts, number, &ReservedPort::number);
+  return found == std::end(kReservedPorts) ? nullptr : found;
+}
+
+bool may_output(const Context &context, std::uint32_t number) {
+  if (number <= port::kMax) return is_port(context.ports, number);
+  const ReservedPort *reserved = find_reserved(number);
+  return reserved && (reserved->for_flows || !context.match);
+}
+
+Verdict read_output(Bytes action, const Context &context, List &list) {
+  if (action.size() != kOutputLen) return refuse(err::kActionBadLen, "output", "the length of the action is not 16");
+  const std::uint32_t number = be32(action, 4);
+  if (!may_output(context, number))
+    return refuse(err::kBadOutPort, "output", "no such port, or a reserved one that flows cannot use");
+  if (list.output && context.match) return refuse(err::kTooMany, "output", "a flow has one output");
+  std::byte *at = list.add(kOutput, kOutputLen);
+  if (!at) return kTooManyActions;
+  sb::put(at, sb::kActionBody, number);
+  sb::put(at, sb::kActionValue, be16(action, 8));
+  list.output = true;
+  return {};
+}
+
+Verdict read_set_queue(Bytes action, const Context &context, List &list) {
+  if (action.size() != kSetQueueLen) return refuse(err::kActionBadLen, "set_queue", "the length of the action is not 8");
+  const std::uint32_t queue = be32(action, 4);
+  if (queue < kQueueMin || queue > kQueueMax) return refuse(err::kBadQueue, "set_queue", "no such queue, allowed are 1 to 8");
+  if (list.output && context.match) return kAfterOutput;
+  std::byte *at = list.add(kSetQueue, kSetQueueLen);
+  if (!at) return kTooManyActions;
+  sb::put(at, sb::kActionBody, queue);
+  return {};
+}
+
+Verdict read_group(Bytes, const Context &, List &) {
+  return refuse(err::kBadOutGroup, "group", "the switch has no groups");
+}
+
+Verdict read_experimenter(Bytes, const Context &, List &) {
+  return refuse(err::kActionBadExperimenter, "experimenter action", "the switch knows no experimenter's actions");
+}
+
+// The field that a set-field sets; null where it cannot be set.
+const OxmField *settable(std::uint32_t header) {
+  const std::uint8_t number = header >> 9 & 0x7f;
+  return header >> 16 == 0x8000 && !(header >> 8 & 1) && can_set(number) ? &oxm_field(number) : nullptr;
+}
+
+Verdict check_set_field(Bytes action, const OxmField &field, const Context &context) {
+  if ((be32(action, 4) & 0xff) != field.width || action.size() != sb::action_step(static_cast<std::uint16_t>(8 + field.width)))
+    return refuse(err::kBadSetLen, field.name, "the length of the value is wrong");
+  if (const Verdict verdict = check_value(field, action.data() + 8, nullptr); verdict.refused())
+    return refuse(err::kBadSetArgument, field.name, verdict.why);
+  // A VLAN id is set in a tag that is there; tags are not pushed.
+  const Needs needs = field.number == kOxmVlanVid ? Needs::vlan : field.needs;
+  if (context.match && !satisfies(*context.match, needs))
+    return refuse(err::kMatchInconsistent, field.name, "the flow also matches packets that do not have the field");
+  return {};
+}
+
+Verdict read_set_field(Bytes action, const Context &context, List &list) {
+  const OxmField *field = settable(be32(action, 4));
+  if (!field)
+    return refuse(err::kBadSetType, "set_field", "allowed are eth_dst, eth_src, vlan_vid, vlan_pcp and ip_dscp, without a mask");
+  if (const Verdict verdict = check_set_field(action, *field, context); verdict.refused()) return verdict;
+  if (list.output && context.match) return kAfterOutput;
+  std::byte *at = list.add(kSetField, action.size());
+  if (!at) return kTooManyActions;
+  sb::put(at, sb::kActionBody, oxm_header(*field, false));
+  put_southbound_value(*field, action.data() + 8, at + sb::kActionValue);
+  return {};
+}
+
+Verdict refuse_action(Bytes, const Context &, List &) {
+  return refuse(err::kBadAction, "actions", "the switch does not carry out this type of action");
+}
+
+// Every action of OpenFlow 1.3, those first that are carried out.
+struct ActionRow {
+  Capability kind;
+  std::size_t argument = 0;  // bytes of the number behind the header, for people; of 2 bytes it is a type of Ethernet frames
+  Verdict (*read)(Bytes action, const Context &context, List &list) = refuse_action;
+};
+constexpr ActionRow kActions[] = {
+    {{kOutput, "output", true}, 4, read_output},
+    {{kSetQueue, "set_queue", true}, 4, read_set_queue},
+    {{kSetField, "set_field", true}, 0, read_set_field},
+    {{kGroup, "group", false}, 4, read_group},
+    {{kActionExperimenter, "experimenter", false}, 4, read_experimenter},
+    {{11, "copy_ttl_out", false}},
+    {{12, "copy_ttl_in", false}},
+    {{15, "set_mpls_ttl", false}, 1},
+    {{16, "dec_mpls_ttl", false}},
+    {{17, "push_vlan", false}, 2},
+    {{18, "pop_vlan", false}},
+    {{19, "push_mpls", false}, 2},
+    {{20, "pop_mpls", false}, 2},
+    {{23, "set_nw_ttl", false}, 1},
+    {{24, "dec_nw_ttl", false}},
+    {{26, "push_pbb", false}, 2},
+    {{27, "pop_pbb", false}},
+};
+constexpr ActionRow kUnknownAction{{0, "action", false}, 2};
+
+const ActionRow &row_of(std::uint16_t type) {
+  for (const ActionRow &row : kActions)
+    if (row.kind.type == type) return row;
+  return kUnknownAction;
+}
+
+Verdict read_action(Bytes action, const Context &context, List &list) {
+  const std::uint16_t type = be16(action, 0);
+  return row_of(type).read(action, context, list);
+}
+
+// Which actions of a list to read: the output of an action set acts last, wherever it stands.
+enum class Pass { every, all_but_output, output };
+
+bool wanted(Pass pass, std::uint16_t type) {
+  return pass == Pass::every || (pass == Pass::output) == (type == kOutput);
+}
+
+Verdict read_actions(Bytes from, Pass pass, const Context &context, List &list) {
+  while (!from.empty()) {
+    const std::size_t length = from.size() >= 8 ? be16(from, 2) : 0;
+    if (length < 8 || length % 8 || length > from.size())
+      return refuse(err::kActionBadLen, "actions", "the length of an action is not a multiple of 8 within the list");
+    if (wanted(pass, be16(from, 0)))
+      if (const Verdict verdict = read_action(from.first(length), context, list); verdict.refused()) return verdict;
+    from = from.subspan(length);
+  }
+  return {};
+}
+
+// The instructions of a flow, sorted out.
+struct Found {
+  Bytes applied, written;
+  std::uint8_t seen = 0;  // a bit a type
+};
+
+Verdict take_actions(Bytes instruction, Bytes &list, std::uint8_t form, Instructions &out) {
+  if (instruction.size() < 8) return refuse(err::kInstructionBadLen, "instructions", "the length of an instruction is wrong");
+  list = instruction.subspan(8);
+  out.form |= form;
+  return {};
+}
+
+Verdict read_apply(Bytes instruction, Found &found, Instructions &out) {
+  return take_actions(instruction, found.applied, kFormApply, out);
+}
+
+Verdict read_write(Bytes instruction, Found &found, Instructions &out) {
+  return take_actions(instruction, found.written, kFormWrite, out);
+}
+
+Verdict read_clear(Bytes instruction, Found &, Instructions &out) {
+  if (instruction.size() != 8) return refuse(err::kInstructionBadLen, "clear_actions", "the length of the instruction is not 8");
+  out.form |= kFormClear;
+  return {};
+}
+
+Verdict read_meter(Bytes instruction, Found &, Instructions &out) {
+  if (instruction.size() != 8) return refuse(err::kInstructionBadLen, "meter", "the length of the instruction is not 8");
+  out.meter_id = be32(instruction, 4);
+  if (out.meter_id == 0 || out.meter_id > kMeterMax) return refuse(err::kInvalidMeter, "meter", "not the number of a meter");
+  return {};
+}
+
+Verdict refuse_goto(Bytes, Found &, Instructions &) {
+  return refuse(err::kInstructionBadTable, "goto_table", "the tables of the switch are not a pipeline");
+}
+
+Verdict refuse_metadata(Bytes, Found &, Instructions &) {
+  return refuse(err::kUnsupportedMetadata, "write_metadata", "the switch has no metadata");
+}
+
+// By type, which begins at 1.
+struct InstructionRow {
+  Capability kind;
+  Verdict (*read)(Bytes instruction, Found &found, Instructions &out);
+};
+constexpr std::array<InstructionRow, 6> kInstructions{{
+    {{kGotoTable, "goto_table", false}, refuse_goto},
+    {{kWriteMetadata, "write_metadata", false}, refuse_metadata},
+    {{kWriteActions, "write_actions", true}, read_write},
+    {{kApplyActions, "apply_actions", true}, read_apply},
+    {{kClearActions, "clear_actions", true}, read_clear},
+    {{kMeterInstruction, "meter", true}, read_meter},
+}};
+
+Verdict read_instruction(Bytes instruction, Found &found, Instructions &out) {
+  const std::uint16_t type = be16(instruction, 0);
+  if (type == kInstructionExperimenter)
+    return refuse(err::kInstructionExperimenterUnknown, "instructions", "the switch knows no experimenter's instructions");
+  if (type == 0 || type > kInstructions.size())
+    return refuse(err::kUnknownInstruction, "instructions", "unknown type of instruction");
+  if (found.seen >> type & 1) return refuse(err::kUnsupportedInstruction, "instructions", "an instruction is there twice");
+  found.seen = static_cast<std::uint8_t>(found.seen | 1 << type);
+  return kInstructions[type - 1].read(instruction, found, out);
+}
+
+Verdict sort_out(Bytes from, Found &found, Instructions &out) {
+  while (!from.empty()) {
+    const std::size_t length = from.size() >= 4 ? be16(from, 2) : 0;
+    if (length < 4 || length > from.size() || length % 8)
+      return refuse(err::kInstructionBadLen, "instructions",
+                    "the length of an instruction is not a multiple of 8 within the message");
+    if (const Verdict verdict = read_instruction(from.first(length), found, out); verdict.refused()) return verdict;
+    from = from.subspan(length);
+  }
+  return {};
+}
+
+// One action of a southbound list.
+struct SouthboundAction {
+  std::uint16_t type;
+  Bytes bytes;
+  template <typename T>
+  T value(std::size_t at) const {
+    return sb::get<T>(bytes.data(), at);
+  }
+};
+
+bool next_action(Bytes &list, SouthboundAction &action) {
+  if (list.size() < 8) return false;
+  const auto length = sb::get<std::uint16_t>(list.data(), sb::kActionLen);
+  const std::size_t step = sb::action_step(length);
+  if (length < 8 || step > list.size()) return false;
+  action = {sb::get<std::uint16_t>(list.data(), sb::kActionType), list.first(step)};
+  list = list.subspan(step);
+  return true;
+}
+
+const OxmField &set_field_row(const SouthboundAction &action) {
+  return oxm_field(std::min<std::size_t>(action.value<std::uint32_t>(sb::kActionBody) >> 9 & 0x7f, kOxmAppType));
+}
+
+// The action is long enough for the field that it names; false for what did not come from read_set_field.
+bool holds_field(const SouthboundAction &action) {
+  return action.bytes.size() >= sb::kActionValue + set_field_row(action).width && can_set(set_field_row(action).number);
+}
+
+void put_wire_action(const SouthboundAction &action, Writer &out) {
+  const std::size_t start = out.size();
+  out.u16(action.type);
+  out.u16(static_cast<std::uint16_t>(action.bytes.size()));
+  if (action.type == kOutput && action.bytes.size() == kOutputLen) {
+    out.u32(action.value<std::uint32_t>(sb::kActionBody));
+    out.u16(action.value<std::uint16_t>(sb::kActionValue));
+  } else if (action.type == kSetField && holds_field(action)) {
+    out.u32(action.value<std::uint32_t>(sb::kActionBody));
+    put_wire_value(set_field_row(action), action.bytes.data() + sb::kActionValue, out);
+  } else {
+    out.u32(action.value<std::uint32_t>(sb::kActionBody));
+  }
+  out.zeros(start + action.bytes.size() - out.size());
+}
+
+// One action instruction with the next `count` actions of `list`.
+void put_action_instruction(InstructionType type, std::size_t count, Bytes &list, Writer &out) {
+  const std::size_t start = out.size();
+  out.u16(type);
+  out.u16(0);
+  out.zeros(4);
+  SouthboundAction action;
+  while (count-- && next_action(list, action)) put_wire_action(action, out);
+  out.patch16(start + 2, out.size() - start);
+}
+
+std::string output_text(std::uint32_t number, std::uint16_t max_len) {
+  const ReservedPort *reserved = find_reserved(number);
+  const bool cut = number == port::kController && max_len != kControllerNoBuffer;
+  return "output:" + (reserved ? reserved->name : std::to_string(number)) + (cut ? fmt::format(":{}", max_len) : "");
+}
+
+std::string action_text(const SouthboundAction &action) {
+  const auto word = action.value<std::uint32_t>(sb::kActionBody);
+  if (action.type == kOutput)
+    return output_text(word,
+                       action.bytes.size() == kOutputLen ? action.value<std::uint16_t>(sb::kActionValue) : kControllerNoBuffer);
+  if (action.type == kSetField && holds_field(action)) {
+    const OxmField &field = set_field_row(action);
+    return fmt::format("set_field:{}->{}", value_text(field, action.bytes.data() + sb::kActionValue), field.name);
+  }
+  return fmt::format("{}:{}", action.type == kSetQueue ? "set_queue" : "action", word);
+}
+
+}  // namespace
+
+Verdict decode_instructions(Bytes from, const WireMatch &match, std::span<const std::uint32_t> ports, Instructions &out) {
+  out.meter_id = 0;
+  out.form = 0;
+  out.length = 0;
+  Found found;
+  if (const Verdict verdict = sort_out(from, found, out); verdict.refused()) return verdict;
+  const Context context{&match, ports};
+  List list{out};
+  if (const Verdict verdict = read_actions(found.applied, Pass::every, context, list); verdict.refused()) return verdict;
+  out.applied = static_cast<std::uint8_t>(list.count);
+  if (found.written.empty()) return {};
+  if (const Verdict verdict = read_actions(found.written, Pass::all_but_output, context, list); verdict.refused()) return verdict;
+  return read_actions(found.written, Pass::output, context, list);
+}
+
+Verdict check_packet_out_actions(Bytes from, std::span<const std::uint32_t> ports) {
+  Instructions scratch;
+  List list{scratch};
+  return read_actions(from, Pass::every, {nullptr, ports}, list);
+}
+
+void encode_wire_instructions(Bytes flow_mod, Writer &out) {
+  if (const auto meter = sb::get<std::uint32_t>(flow_mod.data(), sb::kFlowMeterId)) {
+    out.u16(kMeterInstruction);
+    out.u16(8);
+    out.u32(meter);
+  }
+  const auto form = sb::get<std::uint8_t>(flow_mod.data(), sb::kFlowInstructions);
+  const auto applied = sb::get<std::uint8_t>(flow_mod.data(), sb::kFlowApplied);
+  Bytes list = southbound_actions(flow_mod);
+  if (form & kFormApply) put_action_instruction(kApplyActions, applied, list, out);
+  if (form & kFormClear) {
+    out.u16(kClearActions);
+    out.u16(8);
+    out.zeros(4);
+  }
+  if (form & kFormWrite) put_action_instruction(kWriteActions, kMaxActions, list, out);
+}
+
+std::string actions_text(Bytes flow_mod) {
+  std::string text;
+  const auto add = [&text](const std::string &part) { text += (text.empty() ? "" : ",") + part; };
+  if (const auto meter = sb::get<std::uint32_t>(flow_mod.data(), sb::kFlowMeterId)) add(fmt::format("meter:{}", meter));
+  Bytes list = southbound_actions(flow_mod);
+  SouthboundAction action;
+  bool any = false;
+  for (; next_action(list, action); any = true) add(action_text(action));
+  if (!any) add("drop");
+  return text;
+}
+
+namespace {
+
+std::uint32_t number_at(Bytes bytes, std::size_t at, std::size_t width) {
+  std::uint32_t number = 0;
+  for (std::size_t i = 0; i < width; ++i) number = number << 8 | be8(bytes, at + i);
+  return number;
+}
+
+// "value->field" of "field=value".
+std::string turned(const std::string &field) {
+  const std::size_t equals = field.find('=');
+  return equals == field.npos ? field : field.substr(equals + 1) + "->" + field.substr(0, equals);
+}
+
+std::string wire_action_text(Bytes action) {
+  const std::uint16_t type = be16(action, 0);
+  const ActionRow &row = row_of(type);
+  if (type == kOutput && action.size() == kOutputLen) return output_text(be32(action, 4), be16(action, 8));
+  if (type == kSetField) return "set_field:" + turned(wire_field_text(action.subspan(4)));
+  if (&row == &kUnknownAction) return fmt::format("action:{}", type);
+  if (row.argument == 0) return row.kind.name;
+  const std::uint32_t number = number_at(action, 4, row.argument);
+  return row.argument == 2 ? fmt::format("{}:0x{:04x}", row.kind.name, number) : fmt::format("{}:{}", row.kind.name, number);
+}
+
+// Calls `show` with each piece of a list whose pieces are {type u16, length u16, ...}; "..." is shown where the bytes end early.
+template <typename Show>
+std::string joined(Bytes from, Show &&show) {
+  std::string text;
+  const auto add = [&text](const std::string &part) { text += (text.empty() || part.empty() ? "" : ",") + part; };
+  while (!from.empty()) {
+    const std::size_t length = from.size() >= 8 ? be16(from, 2) : 0;
+    if (length < 8 || length > from.size()) {
+      add("...");
+      break;
+    }
+    add(show(from.first(length)));
+    from = from.subspan(length);
+  }
+  return text;
+}
+
+std::string wire_instruction_text(Bytes instruction) {
+  const std::uint16_t type = be16(instruction, 0);
+  if (type == kApplyActions || type == kWriteActions) return joined(instruction.subspan(8), wire_action_text);
+  if (type == 0 || type > kInstructions.size()) return fmt::format("instruction:{}", type);
+  const char *name = kInstructions[type - 1].kind.name;
+  if (type == kGotoTable) return fmt::format("{}:{}", name, be8(instruction, 4));
+  return type == kMeterInstruction ? fmt::format("{}:{}", name, be32(instruction, 4)) : name;
+}
+
+template <typename Rows>
+std::vector<Capability> kinds(const Rows &rows) {
+  std::vector<Capability> all;
+  for (const auto &row : rows) all.push_back(row.kind);
+  return all;
+}
+
+}  // namespace
+
+std::string wire_actions_text(Bytes instructions) {
+  const std::string text = joined(instructions, wire_instruction_text);
+  return text.empty() ? "drop" : text;
+}
+
+std::vector<Capability> action_kinds() {
+  return kinds(kActions);
+}
+
+std::vector<Capability> instruction_kinds() {
+  return kinds(kInstructions);
+}
+
+bool can_set(std::uint8_t number) {
+  return number == kOxmEthDst || number == kOxmEthSrc || number == kOxmVlanVid || number == kOxmVlanPcp || number == kOxmIpDscp;
+}
+
+std::span<const ReservedPort> reserved_ports() {
+  return kReservedPorts;
+}
+
+std::uint32_t output_port(Bytes flow_mod) {
+  Bytes list = southbound_actions(flow_mod);
+  for (SouthboundAction action; next_action(list, action);)
+    if (action.type == kOutput) return action.value<std::uint32_t>(sb::kActionBody);
+  return 0;
+}
+
+Bytes southbound_match(Bytes flow_mod) {
+  if (flow_mod.size() < sb::kFlowOxm) return {};
+  const std::size_t length = sb::get<std::uint16_t>(flow_mod.data(), sb::kFlowMatchLen);
+  return length <= flow_mod.size() - sb::kFlowOxm ? flow_mod.subspan(sb::kFlowOxm, length) : Bytes{};
+}
+
+Bytes southbound_actions(Bytes flow_mod) {
+  if (flow_mod.size() < sb::kFlowOxm) return {};
+  const std::size_t block = sb::flow_instruction_offset(sb::get<std::uint16_t>(flow_mod.data(), sb::kFlowMatchLen));
+  if (block + sb::kInstructionLen > flow_mod.size()) return {};
+  const auto length = sb::get<std::int32_t>(flow_mod.data(), block);
+  const std::size_t room = flow_mod.size() - block - sb::kInstructionLen;
+  return length > 0 && static_cast<std::size_t>(length) <= room ? flow_mod.subspan(block + sb::kInstructionLen, length) : Bytes{};
+}
+
+}  // namespace host::of_ss

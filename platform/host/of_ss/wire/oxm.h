@@ -1,0 +1,118 @@
+// Match fields: the one table of them, and the walks over it - from the wire, to the wire, to text, and the comparisons that
+// deletes and overlap checks need. Southbound matches are canonical: fields in the order of the table, exact fields without a
+// mask, fields whose mask is all zeros left out; equal matches are therefore equal bytes. Pure functions, any thread.
+//
+// Wire layout: OpenFlow 1.3.5, 7.2.3; southbound layout: southbound.h.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "host/of_ss/wire/wire.h"
+#include "southbound.h"
+
+namespace host::of_ss {
+
+// The experimenter whose match field asks for an application type: field 1, 4 bytes, no mask.
+inline constexpr std::uint32_t kKelimExperimenter = 0x004b454c;
+
+// What has to be in the match before a field may be.
+enum class Needs : std::uint8_t { nothing, vlan, ip, ipv4, ipv6, tcp, udp, icmpv4, icmpv6 };
+
+// Which values a field takes.
+enum class Range : std::uint8_t { up_to_max, port_number, vid };
+
+struct OxmField {
+  std::uint8_t number;  // oxm_field; the row's place in the table
+  const char *name;
+  bool supported;
+  std::uint8_t width;  // of the value in bytes; 6 and 16 are strings of bytes, the others numbers
+  bool maskable;       // southbound
+  Needs needs;
+  Range range;
+  std::uint16_t max;  // of numbers that do not fill their width
+};
+
+// A row for each field of OFPXMC_OPENFLOW_BASIC, then the application type.
+inline constexpr std::size_t kOxmFields = 41, kOxmAppType = 40;
+enum OxmNumber : std::uint8_t {
+  kOxmInPort = 0,
+  kOxmEthDst = 3,
+  kOxmEthSrc = 4,
+  kOxmEthType = 5,
+  kOxmVlanVid = 6,
+  kOxmVlanPcp = 7,
+  kOxmIpDscp = 8,
+  kOxmIpProto = 10,
+  kOxmIpv6Exthdr = 39,
+};
+const OxmField &oxm_field(std::size_t number);
+
+// The three things to do with the value of one field: check a value of the wire (mask null: none), turn one into southbound
+// layout, and write a southbound one to the wire.
+Verdict check_value(const OxmField &field, const std::byte *value, const std::byte *mask);
+void put_southbound_value(const OxmField &field, const std::byte *wire, std::byte *out);
+void put_wire_value(const OxmField &field, const std::byte *southbound, Writer &out);
+std::string value_text(const OxmField &field, const std::byte *southbound);
+
+// The header that a field of OFPXMC_OPENFLOW_BASIC carries on the wire and southbound, in host order.
+constexpr std::uint32_t oxm_header(const OxmField &field, bool masked) {
+  return 0x80000000u | std::uint32_t{field.number} << 9 | (masked ? 0x100u | 2u * field.width : field.width);
+}
+
+// A match as it stands in a message: which fields there are, and where.
+struct WireMatch {
+  std::uint64_t present = 0;           // bit n: field n
+  const std::byte *value[kOxmFields];  // where present
+  const std::byte *mask[kOxmFields];   // where present; null: exact
+  std::uint16_t eth_type = 0;          // 0: not matched on
+  std::uint8_t ip_proto = 0;           // valid when present
+  std::size_t wire_len = 0;            // with header and padding
+
+  bool has(std::size_t field) const { return present >> field & 1; }
+};
+
+// Checks and reads the match (with its 4-byte header and padding) at the start of `from`.
+Verdict decode_match(Bytes from, WireMatch &match);
+
+// Whether the match fixes what `needs` asks for.
+bool satisfies(const WireMatch &match, Needs needs);
+// The same for people; "" for nothing.
+const char *needs_text(Needs needs);
+
+// Writes the southbound slots of `match` to `out`, which has room for kMaxSouthboundMatch, and the application type of table 1
+// when `service_chain`. The number of bytes.
+inline constexpr std::size_t kMaxSouthboundMatch = 512;
+std::size_t encode_southbound_match(const WireMatch &match, bool service_chain, std::byte *out);
+
+// Writes southbound slots as a wire match with header and padding; without the application type when `service_chain`. Its length
+// without the padding.
+std::size_t encode_wire_match(Bytes slots, bool service_chain, Writer &out);
+
+// Southbound slots as "in_port=1,eth_type=0x0800,ipv4_dst=10.0.0.0/24"; empty for a match of everything.
+std::string match_text(Bytes slots);
+
+// A match as it came on the wire, for people, whatever it holds: fields as match_text has them, and what the switch does not know
+// or take in hexadecimal; "..." where the bytes end within it.
+std::string wire_match_text(Bytes from);
+
+// The same of the one field at the start of `from`; "..." where the bytes end within it.
+std::string wire_field_text(Bytes from);
+
+// Whether the flow is one that the service chain translates: of table 1, or with that application type in its match.
+bool is_for_service_chain(Bytes slots);
+
+// Whether `general` matches every packet that `specific` matches.
+bool match_covers(Bytes general, Bytes specific);
+
+// Whether some packet matches both.
+bool matches_overlap(Bytes a, Bytes b);
+
+// Which bits a match fixes: the match with every value zero. Of two shapes the one that fixes fewer bits covers the other.
+// Written to `out`, which has room for kMaxSouthboundMatch.
+Bytes match_shape(Bytes slots, std::byte *out);
+
+// The match cut down to the bits of `shape`, all of which it fixes. Written to `out` in the same way.
+Bytes match_projection(Bytes slots, Bytes shape, std::byte *out);
+
+}  // namespace host::of_ss
