@@ -7,7 +7,7 @@ import re
 import sys
 
 # By directory, the lowest layer first: its name and its modules, as names or as paths below the directory; * stands for anything.
-# The modules of a directory with /* are its folders.
+# The modules of a directory with /* are its folders and what stands beside them.
 ONE = (("only", "*"),)  # no order but that nothing leads round
 LAYERS = {
     "app": (
@@ -31,6 +31,16 @@ LAYERS = {
         ("users of the database", "rdnd of_ss programming"),
         ("process", "process program"),
     ),
+    "platform/host/of_ss/*": (
+        ("wire", "wire"),
+        ("connections and desired state", "net desired"),
+        ("switch", "switch"),
+        ("protocol", "protocol"),
+        ("agent", "agent"),
+        ("stored", "stored"),
+        ("library", "of_ss views trace_view loop_trace metrics testing"),
+    ),
+    **{f"platform/host/of_ss/{room}": ONE for room in "wire net desired switch protocol agent stored".split()},
     "platform/host/base": ONE,
     "platform/host/config": ONE,
     "platform/host/log": ONE,
@@ -43,7 +53,7 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 def faults(directory, layers):
     folders = directory.endswith("/*")
     root = ROOT / directory.removesuffix("/*")
-    module_of = {path: path.relative_to(root).parts[0] if folders else path.relative_to(root).with_suffix("").as_posix()
+    module_of = {path: pathlib.Path(path.relative_to(root).parts[0]).stem if folders else path.relative_to(root).with_suffix("").as_posix()
                  for path in sorted(root.rglob("*")) if path.suffix in (".h", ".c", ".cpp")}
     layer_of = {}
     for level, (_, names) in enumerate(layers):

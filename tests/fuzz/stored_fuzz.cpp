@@ -6,7 +6,10 @@
 #include "fuzz/runtime.h"
 #include "host/mom/hub.h"
 #include "host/of_ss/agent/agent.h"
+#include "host/of_ss/net/session.h"
+#include "host/of_ss/protocol/multipart.h"
 #include "host/of_ss/protocol/protocol.h"
+#include "host/of_ss/stored/stored.h"
 #include "libddm.h"
 #include "s_policy_kelim.pb-c.h"
 #include "support/of_wire.h"
@@ -118,9 +121,9 @@ class Controller final : private ConnectionEvents {
   explicit Controller(Agent &agent) : agent_(agent) { evbuffer_unfreeze(sent_, 1); }
 
   void ask(const of_wire::Message &request) {
-    handle_message(agent_, connection_, request);
+    handle_message(agent_.of_switch(), connection_, request);
     connection_.session().waits_for_counters = false;
-    continue_dump(agent_, connection_);
+    continue_dump(agent_.of_switch(), connection_);
     std::vector<std::byte> sent(evbuffer_get_length(sent_));
     require(evbuffer_remove(sent_, sent.data(), sent.size()) == static_cast<int>(sent.size()));
     for (Bytes left = sent; !left.empty();) left = left.subspan(whole_message(left));
@@ -183,14 +186,14 @@ const of_wire::Message kDelete[] = {of_wire::message(kMeterModMsg, 1, be(std::ui
 
 void work(Agent &agent, Controller &controller) {
   for (agent.flows().begin_replay(); agent.flows().is_replaying();) agent.flows().replay_more();
-  agent.meters().replay();
+  agent.of_switch().meters.replay();
   const FlowTable &table = agent.flows().table();
   const std::uint64_t newest = table.newest_index();
   controller.ask(kAdd);
   require(table.newest_index() > newest && table.newest_index() < southbound::kAllFlows);
   for (const auto &request : kChange) controller.ask(request);
   for (const auto &request : kDelete) controller.ask(request);
-  require(table.size() == 0 && agent.meters().all().empty());
+  require(table.size() == 0 && agent.of_switch().meters.all().empty());
 }
 
 }  // namespace

@@ -48,7 +48,7 @@ void write_flows(Page &page, const Flows &flows) {
   page.histogram(flows.barrier_times());
 }
 
-void write_errors(Page &page, const metrics::Family &family, const Agent::ErrorCounts &counts) {
+void write_errors(Page &page, const metrics::Family &family, const ErrorCounts &counts) {
   page.begin(family);
   for (const auto &[error, count] : counts) page.sample(count, {{"error", error->name}});
 }
@@ -56,10 +56,10 @@ void write_errors(Page &page, const metrics::Family &family, const Agent::ErrorC
 void write_controllers(Page &page, const Agent &agent) {
   page.begin({"kelim_controllers", Kind::gauge, "Controllers that are connected, by endpoint of the configuration."});
   std::map<std::string, std::uint64_t> connected;
-  for (const std::string &endpoint : agent.endpoints()) connected[endpoint] = 0;
-  for (const Connection *connection : agent.connections()) ++connected[connection->peer().endpoint];
+  for (const std::string &endpoint : agent.endpoints().names()) connected[endpoint] = 0;
+  for (const Connection *connection : agent.of_switch().controllers.all()) ++connected[connection->peer().endpoint];
   for (const auto &[endpoint, count] : connected) page.sample(count, {{"endpoint", endpoint}});
-  const auto traffic = agent.traffic();
+  const auto traffic = agent.of_switch().controllers.traffic();
   const auto write = [&page, &traffic](const metrics::Family &family, std::uint64_t Traffic::*count) {
     page.begin(family);
     for (const auto &[endpoint, counts] : traffic) page.sample(counts.*count, {{"endpoint", endpoint}});
@@ -67,14 +67,15 @@ void write_controllers(Page &page, const Agent &agent) {
   write({"kelim_controller_received_messages_total", Kind::counter, "Messages of controllers, by endpoint."}, &Traffic::received);
   write({"kelim_controller_sent_messages_total", Kind::counter, "Messages to controllers, by endpoint."}, &Traffic::sent);
   write({"kelim_controller_sent_errors_total", Kind::counter, "Of these, the errors."}, &Traffic::errors);
-  page.single({"kelim_controllers_turned_away_total", Kind::counter, "Connections beyond the limit."}, agent.turned_away());
+  page.single({"kelim_controllers_turned_away_total", Kind::counter, "Connections beyond the limit."},
+              agent.of_switch().controllers.turned_away());
 }
 
 void write_agent(Page &page, const Agent &agent) {
   write_flows(page, agent.flows());
-  page.single({"kelim_meters", Kind::gauge, "Meters that are asked for."}, agent.meters().all().size());
+  page.single({"kelim_meters", Kind::gauge, "Meters that are asked for."}, agent.of_switch().meters.all().size());
   write_errors(page, {"kelim_refusals_total", Kind::counter, "Requests that were refused, by OpenFlow error."},
-               agent.refusal_counts());
+               agent.of_switch().refusals.counts());
   write_errors(
       page, {"kelim_failures_total", Kind::counter, "Flow requests that failed after they had been accepted, by OpenFlow error."},
       agent.failure_counts());

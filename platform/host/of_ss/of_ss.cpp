@@ -26,6 +26,7 @@
 #include "host/of_ss/agent/agent.h"
 #include "host/of_ss/agent/settings.h"
 #include "host/of_ss/desired/callbacks.h"
+#include "host/of_ss/desired/results.h"
 #include "host/of_ss/loop_trace.h"
 #include "host/of_ss/metrics.h"
 #include "host/of_ss/stored/answers.h"
@@ -220,9 +221,9 @@ int on_agent(std::function<void(Agent &)> work) {
 // What the agent takes over while it runs.
 Reloaded take_over(const Config &fresh) {
   reloaded = fresh.openflow;
-  Settings settings = settings_from(*reloaded);
+  EndpointSettings settings = settings_from(*reloaded).endpoints;
   std::string controllers;
-  for (const std::string &controller : settings.controllers) controllers += " " + controller;
+  for (const std::string &controller : settings.names) controllers += " " + controller;
   if (agent && on_agent([&settings](Agent &a) { a.reconfigure(std::move(settings)); }) != 0)
     return {.text = "the OpenFlow service library is too busy to change its controllers", .done = false};
   if (controllers.empty())
@@ -243,7 +244,7 @@ int forget_everything(const std::int64_t *, std::uint32_t) {
 
 template <int Flow>
 int packets(const std::int64_t *, std::uint32_t) {
-  return on_agent([](Agent &a) { a.force_packets(Flow < 0 ? std::nullopt : std::optional(Flow != 0)); });
+  return on_agent([](Agent &a) { a.of_switch().controllers.force_packets(Flow < 0 ? std::nullopt : std::optional(Flow != 0)); });
 }
 
 struct Command {
@@ -306,7 +307,7 @@ void set_fetch_tap(std::function<void()> tap) {
 
 std::uint16_t listening_port(std::size_t n) {
   std::uint16_t port = 0;
-  if (agent) agent->run([n, &port](Agent &a) { port = a.port(n); });
+  if (agent) agent->run([n, &port](Agent &a) { port = a.endpoints().port(n); });
   return port;
 }
 

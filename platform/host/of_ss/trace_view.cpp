@@ -12,9 +12,9 @@
 #include "host/config/text.h"
 #include "host/control/control.h"
 #include "host/of_ss/agent/agent.h"
+#include "host/of_ss/desired/results.h"
 #include "host/of_ss/loop_trace.h"
-#include "host/of_ss/protocol/protocol.h"
-#include "host/of_ss/stored/answers.h"
+#include "host/of_ss/wire/message_names.h"
 #include "s_policy_kelim.pb-c.h"
 
 namespace host::of_ss {
@@ -250,14 +250,15 @@ TraceQuestion trace_question(const json &args) {
 }
 
 TraceSnapshot trace_snapshot(const Agent &agent) {
-  const EventRing &requests = agent.trace().ring(), &records = loop_trace::ring();
+  const EventRing &requests = agent.of_switch().trace.ring(), &records = loop_trace::ring();
   TraceSnapshot snapshot{.requests = requests.events(),
                          .records = records.events(),
                          .newest_index = agent.flows().table().newest_index(),
                          .controllers = {}};
   for (const Event &event : snapshot.requests)
     if (is_begin(event) && event.detail)
-      snapshot.controllers.try_emplace(event.detail, agent.controller_address(static_cast<std::uint16_t>(event.detail)));
+      snapshot.controllers.try_emplace(event.detail,
+                                       agent.of_switch().controllers.address(static_cast<std::uint16_t>(event.detail)));
   if (requests.has_forgotten()) snapshot.since_ns = snapshot.requests.front().at_ns;
   if (records.has_forgotten()) snapshot.since_ns = std::max(snapshot.since_ns, snapshot.records.front().at_ns);
   return snapshot;

@@ -13,8 +13,8 @@
 #include "host/metrics/health.h"
 #include "host/of_ss/agent/agent.h"
 #include "host/of_ss/protocol/capabilities.h"
-#include "host/of_ss/protocol/protocol.h"
 #include "host/of_ss/trace_view.h"
+#include "host/of_ss/wire/message_names.h"
 
 namespace host::of_ss {
 namespace {
@@ -72,8 +72,8 @@ const char *state_name(FlowState state) {
 }
 
 json flow_json(const Agent &agent, const FlowEntry &flow) {
-  const std::int64_t now = agent.now();
-  const std::string &controller = agent.controller_address(flow.controller);
+  const std::int64_t now = agent.of_switch().now();
+  const std::string &controller = agent.of_switch().controllers.address(flow.controller);
   return {{"table", flow.table_id()},
           {"priority", flow.priority()},
           {"match", match_text(southbound_match(flow.southbound()))},
@@ -132,7 +132,8 @@ bool FlowFilter::fits(const Agent &agent, const FlowEntry &flow, std::string_vie
   };
   return (index == 0 || flow.index() == index) && ((flow.cookie() ^ cookie) & cookie_mask) == 0 &&
          (state.empty() || state == state_name(flow.state)) &&
-         (controller.empty() || controller == agent.controller_address(flow.controller)) && std::ranges::all_of(terms, has_one);
+         (controller.empty() || controller == agent.of_switch().controllers.address(flow.controller)) &&
+         std::ranges::all_of(terms, has_one);
 }
 
 // "0x17", "23" or "0x17/0xff".
@@ -184,7 +185,7 @@ const char *role_name(Role role) {
 
 json endpoints_json(const Agent &agent) {
   json endpoints = json::array();
-  for (const std::string &endpoint : agent.endpoints()) {
+  for (const std::string &endpoint : agent.endpoints().names()) {
     EndpointState state = agent.state_of(endpoint);
     endpoints.push_back({{"endpoint", endpoint}, {"state", std::move(state.name)}, {"error", std::move(state.error)}});
   }
@@ -193,11 +194,11 @@ json endpoints_json(const Agent &agent) {
 
 json controllers_view(Agent &agent) {
   json list = json::array();
-  for (const Connection *c : agent.connections())
+  for (const Connection *c : agent.of_switch().controllers.all())
     list.push_back({{"peer", c->peer().name},
                     {"number", c->number()},
                     {"role", role_name(c->session().role)},
-                    {"since_s", seconds(agent.now() - c->since_ns())},
+                    {"since_s", seconds(agent.of_switch().now() - c->since_ns())},
                     {"received", c->traffic().received},
                     {"sent", c->traffic().sent},
                     {"errors", c->traffic().errors},
@@ -205,13 +206,13 @@ json controllers_view(Agent &agent) {
                     {"waiting", c->is_waiting()}});
   return {{"controllers", std::move(list)},
           {"endpoints", endpoints_json(agent)},
-          {"datapath_id", fmt::format("{:016x}", agent.datapath_id())},
-          {"turned_away", agent.turned_away()}};
+          {"datapath_id", fmt::format("{:016x}", agent.of_switch().settings.datapath_id)},
+          {"turned_away", agent.of_switch().controllers.turned_away()}};
 }
 
 json meters_view(Agent &agent) {
   json list = json::array();
-  for (const auto &[id, meter] : agent.meters().all()) {
+  for (const auto &[id, meter] : agent.of_switch().meters.all()) {
     json bands = json::array();
     for (Bytes b = meter.bands(); b.size() >= kBandLen; b = b.subspan(kBandLen))
       bands.push_back({{"type", std::ranges::find(kMeterBands, sb::get<std::uint16_t>(b.data(), 0), &Named::number)->name},
@@ -220,7 +221,7 @@ json meters_view(Agent &agent) {
     list.push_back({{"meter", id},
                     {"flags", meter.flags()},
                     {"bands", std::move(bands)},
-                    {"age_s", seconds(agent.now() - meter.created_ns)}});
+                    {"age_s", seconds(agent.of_switch().now() - meter.created_ns)}});
   }
   return {{"meters", std::move(list)}, {"capacity", kMaxMeters}};
 }
@@ -246,8 +247,8 @@ json refusal_json(const RefusalRecord &r, std::int64_t now) {
 
 json refusals_view(Agent &agent) {
   json list = json::array();
-  for (const RefusalRecord &r : agent.refusals()) list.push_back(refusal_json(r, agent.now()));
-  return {{"refusals", std::move(list)}, {"total", agent.refused()}};
+  for (const RefusalRecord &r : agent.of_switch().refusals.latest()) list.push_back(refusal_json(r, agent.of_switch().now()));
+  return {{"refusals", std::move(list)}, {"total", agent.of_switch().refusals.total()}};
 }
 
 // The openflow thread gives its events away and goes on; what they say is found out here.
@@ -272,18 +273,19 @@ json latest(const List &list, Show &&show) {
 json status(Agent &agent) {
   const Flows &flows = agent.flows();
   std::map<std::string, std::size_t> roles;
-  for (const Connection *connection : agent.connections()) ++roles[role_name(connection->session().role)];
-  return {{"datapath_id", fmt::format("{:016x}", agent.datapath_id())},
+  for (const Connection *connection : agent.of_switch().controllers.all()) ++roles[role_name(connection->session().role)];
+  return {{"datapath_id", fmt::format("{:016x}", agent.of_switch().settings.datapath_id)},
           {"controllers", roles},
           {"endpoints", endpoints_json(agent)},
           {"flows", flows.table().size()},
           {"capacity", flows.capacity()},
-          {"meters", agent.meters().all().size()},
+          {"meters", agent.of_switch().meters.all().size()},
           {"meter_capacity", kMaxMeters},
           {"undecided", flows.ledger().undecided_adds()},
-          {"refused", agent.refused()},
+          {"refused", agent.of_switch().refusals.total()},
           {"failed", flows.counters().failed},
-          {"last_refusals", latest(agent.refusals(), [now = agent.now()](const auto &r) { return refusal_json(r, now); })},
+          {"last_refusals", latest(agent.of_switch().refusals.latest(),
+                                   [now = agent.of_switch().now()](const auto &r) { return refusal_json(r, now); })},
           {"last_failures", latest(flows.late_failures(), failure_json)}};
 }
 

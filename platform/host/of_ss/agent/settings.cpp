@@ -37,7 +37,7 @@ std::uint64_t datapath_id(const std::string &configured) {
 }
 
 // Why TLS cannot be used; "" when it can.
-std::string set_up_tls(const Config::OpenFlow &key, Settings &settings) {
+std::string set_up_tls(const Config::OpenFlow &key, EndpointSettings &settings) {
   if (key.tls_cert.empty()) return "TLS needs openflow.tls_cert and openflow.tls_key";
   if (key.tls_ca.empty() && key.tls_verify) return kNoAuthority;
   std::string error;
@@ -45,13 +45,13 @@ std::string set_up_tls(const Config::OpenFlow &key, Settings &settings) {
   return error;
 }
 
-void add_endpoint(const std::string &text, const std::string &no_tls, Settings &settings) {
+void add_endpoint(const std::string &text, const std::string &no_tls, EndpointSettings &settings) {
   Endpoint endpoint;
   std::string error;
   if (parse_endpoint(text, endpoint, error) && endpoint.tls) error = no_tls;
-  settings.controllers.push_back(text);
+  settings.names.push_back(text);
   if (error.empty()) {
-    settings.endpoints.push_back(endpoint);
+    settings.usable.push_back(endpoint);
   } else {
     log::error("{}: {}", text, error);
     settings.unusable[text] = error;
@@ -62,19 +62,20 @@ void add_endpoint(const std::string &text, const std::string &no_tls, Settings &
 
 Settings settings_from(const Config::OpenFlow &key) {
   Settings settings;
-  const std::string no_tls = set_up_tls(key, settings);
-  for (const std::string &text : key.listen) add_endpoint(text, no_tls, settings);
-  for (const std::string &text : key.connect) add_endpoint(text, no_tls, settings);
-  for (const Endpoint &endpoint : settings.endpoints)
+  EndpointSettings &endpoints = settings.endpoints;
+  const std::string no_tls = set_up_tls(key, endpoints);
+  for (const std::string &text : key.listen) add_endpoint(text, no_tls, endpoints);
+  for (const std::string &text : key.connect) add_endpoint(text, no_tls, endpoints);
+  for (const Endpoint &endpoint : endpoints.usable)
     if (endpoint.tls && !key.tls_verify)
       log::warn("{}: openflow.tls_verify is false, so that peers are not checked: anybody can program flows", endpoint.text);
-  settings.datapath_id = datapath_id(key.datapath_id);
   settings.report_cells = key.report_cells;
-  settings.prompt = key.prompt;
-  settings.flows.capacity = key.capacity;
-  settings.flows.decide_timeout_ns = key.decide_timeout_ms * kMillisecond;
-  settings.connections.queue_bound = key.queue_bound;
-  settings.connections.echo_interval_ns = key.echo_interval_s * kSecond;
+  settings.own.datapath_id = datapath_id(key.datapath_id);
+  settings.own.prompt = key.prompt;
+  settings.own.flows.capacity = key.capacity;
+  settings.own.flows.decide_timeout_ns = key.decide_timeout_ms * kMillisecond;
+  settings.own.connections.queue_bound = key.queue_bound;
+  settings.own.connections.echo_interval_ns = key.echo_interval_s * kSecond;
   return settings;
 }
 

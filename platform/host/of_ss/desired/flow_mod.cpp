@@ -2,7 +2,7 @@
 
 #include <fmt/format.h>
 
-#include "host/of_ss/protocol/protocol.h"
+#include "host/of_ss/wire/message_names.h"
 #include "southbound.h"
 
 namespace host::of_ss {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "host/of_ss/stored/answers.h"
+#include "host/of_ss/desired/results.h"
 
 namespace host::of_ss {
 namespace {

@@ -107,7 +107,7 @@ class Flows {
 
   // Replies of the daemon.
   void flow_result(Bytes reply, std::int64_t now);
-  // What the programming service says of a flow that failed (answers.h); comes before the daemon's result where there is one.
+  // What the programming service says of a flow that failed (results.h); comes before the daemon's result where there is one.
   void flow_answer(Bytes answer, std::int64_t now);
   void barrier_reply(Bytes reply, std::int64_t now);
   void capacity(std::uint32_t flows) { told_capacity_ = flows; }
@@ -151,6 +151,7 @@ class Flows {
   // meanwhile nobody else may change flows. Of a full target it needs room for what is new beside what is to go.
   bool can_begin() const { return all_decided() && displaced_.empty() && !is_deleting() && !transaction_; }
   void begin(std::int64_t now);
+  bool is_in_transaction() const { return transaction_.has_value(); }
   // Whether a flow of the transaction has failed.
   bool has_failed() const { return transaction_ && transaction_->failed; }
   // Ends it, a few hundred flows a call; false when it is through.

@@ -7,7 +7,6 @@
 #include <algorithm>
 
 #include "host/base/clock.h"
-#include "host/of_ss/net/endpoints.h"
 #include "host/of_ss/net/session.h"
 
 namespace host::of_ss {

@@ -15,6 +15,7 @@
 #include <optional>
 #include <string>
 
+#include "host/of_ss/net/transport.h"
 #include "host/of_ss/wire/wire.h"
 
 namespace host::of_ss {
@@ -48,16 +49,11 @@ class ConnectionEvents {
   std::size_t unsent_ = 0;  // bytes, of all connections that report here
 };
 
-struct FreeBufferevent {
-  void operator()(bufferevent *bev) const { bufferevent_free(bev); }
-};
-using BuffereventOwner = std::unique_ptr<bufferevent, FreeBufferevent>;
-
 struct Peer {
   std::string name;              // "tcp:127.0.0.1:40132"
   std::uint32_t address = 0;     // IPv4 as it lies in memory, first octet first; 0 for another kind
   std::string endpoint;          // of the configuration, that it came by: "ptcp:0.0.0.0:6653"
-  std::uint16_t controller = 0;  // number of its address among those that have been seen (Agent::controller_address); 0: none
+  std::uint16_t controller = 0;  // number of its address among those that have been seen (Controllers::address); 0: none
 };
 
 struct ConnectionLimits {

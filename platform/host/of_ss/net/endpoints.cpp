@@ -4,8 +4,6 @@
 #include <errno.h>
 #include <event2/bufferevent_ssl.h>
 #include <fmt/format.h>
-#include <ifaddrs.h>
-#include <net/if.h>
 #include <netdb.h>
 #include <netinet/tcp.h>
 #include <string.h>
@@ -56,14 +54,6 @@ Peer peer_of(const sockaddr *address, const Endpoint &endpoint) {
           v4 ? reinterpret_cast<const sockaddr_in *>(address)->sin_addr.s_addr : 0, endpoint.text};
 }
 
-bool same_host(const sockaddr &a, const sockaddr &b) {
-  if (a.sa_family != b.sa_family) return false;
-  if (a.sa_family == AF_INET)
-    return reinterpret_cast<const sockaddr_in &>(a).sin_addr.s_addr == reinterpret_cast<const sockaddr_in &>(b).sin_addr.s_addr;
-  const auto &host_of = [](const sockaddr &s) -> const in6_addr & { return reinterpret_cast<const sockaddr_in6 &>(s).sin6_addr; };
-  return a.sa_family == AF_INET6 && std::memcmp(&host_of(a), &host_of(b), sizeof(in6_addr)) == 0;
-}
-
 // Replies are small and awaited.
 void send_at_once(evutil_socket_t fd) {
   const int on = 1;
@@ -100,24 +90,6 @@ bool parse_endpoint(const std::string &text, Endpoint &endpoint, std::string &er
   const std::size_t host = strlen(method->prefix);
   error = take_host(text.substr(host, colon - host), text.substr(colon + 1), endpoint);
   return error.empty();
-}
-
-std::string failure_text(bufferevent *bev) {
-  const int system = EVUTIL_SOCKET_ERROR();
-  const unsigned long code = bufferevent_get_openssl_error(bev);
-  if (code == 0) return system ? evutil_socket_error_to_string(system) : "closed by the peer";
-  return tls::failure_text(code, bufferevent_openssl_get_ssl(bev));
-}
-
-std::uint32_t local_interface(evutil_socket_t fd) {
-  sockaddr_storage own{};
-  socklen_t length = sizeof own;
-  ifaddrs *all = nullptr;
-  if (getsockname(fd, reinterpret_cast<sockaddr *>(&own), &length) != 0 || getifaddrs(&all) != 0) return 0;
-  const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> owner(all, freeifaddrs);
-  for (const ifaddrs *at = all; at; at = at->ifa_next)
-    if (at->ifa_addr && same_host(*at->ifa_addr, reinterpret_cast<const sockaddr &>(own))) return if_nametoindex(at->ifa_name);
-  return 0;
 }
 
 // ---- listening

@@ -38,12 +38,6 @@ struct EndpointState {
 // Reads one; false and `error` when it is none. Nothing is looked up. Any thread.
 bool parse_endpoint(const std::string &text, Endpoint &endpoint, std::string &error);
 
-// Why the last operation of a connection failed, in words; of TLS with what was wrong with the certificate.
-std::string failure_text(bufferevent *bev);
-
-// The machine's interface that the connection runs over; 0 when that is not known.
-std::uint32_t local_interface(evutil_socket_t fd);
-
 class Dialer;
 
 // Gets a connection that is there or being set up, and the dialer that made it; null for one that was accepted.

@@ -6,19 +6,15 @@
 // process.
 #pragma once
 
-#include <event2/event.h>
 #include <netdb.h>
 
 #include <functional>
 #include <memory>
 #include <string>
 
-namespace host::of_ss {
+#include "host/base/event_owner.h"
 
-struct FreeEvent {
-  void operator()(event *e) const { event_free(e); }
-};
-using EventOwner = std::unique_ptr<event, FreeEvent>;
+namespace host::of_ss {
 
 struct FreeAddresses {
   void operator()(addrinfo *list) const { freeaddrinfo(list); }

@@ -2,8 +2,10 @@
 
 #include <algorithm>
 
-#include "host/of_ss/agent/agent.h"
-#include "host/of_ss/protocol/protocol.h"
+#include "host/of_ss/net/reply.h"
+#include "host/of_ss/net/session.h"
+#include "host/of_ss/protocol/flow_mods.h"
+#include "host/of_ss/switch/switch.h"
 
 namespace host::of_ss {
 namespace {
@@ -41,10 +43,6 @@ Bytes Bundles::carried_by(Bytes message) {
   return is_add ? message.subspan(kAdded) : Bytes{};
 }
 
-bool Bundles::is_in_transaction() const {
-  return commit_ && commit_->stage != &Bundles::settle;
-}
-
 // ---- messages
 
 Verdict Bundles::handle(Connection &connection, Bytes message) {
@@ -70,7 +68,7 @@ Verdict Bundles::create(Connection &connection, Bytes message) {
   const auto first = open_.lower_bound({connection.generation(), 0}), last = open_.upper_bound({connection.generation(), ~0u});
   if (std::distance(first, last) >= kBundlesMax)
     return refuse(err::kOutOfBundles, "bundle", "the connection has too many open bundles");
-  open_.emplace(key_of(connection, message), Bundle{flags, be32(message, kOfXid), agent_.now()});
+  open_.emplace(key_of(connection, message), Bundle{flags, be32(message, kOfXid), sw_.now()});
   return {};
 }
 
@@ -103,10 +101,9 @@ Verdict Bundles::put(Bytes message, Bundle &bundle) {
     return refuse(err::kBundleUnsupported, "message", "only flow-mods can be in a bundle");
   const Bytes flow_mod = added.first(be16(added, kOfLength));
   if (bytes_ + flow_mod.size() > kBytesMax) return refuse(err::kBundleTooMany, "bundle", "there is no room for more messages");
-  if (const Verdict verdict = decode_flow_mod(flow_mod, agent_.port_numbers(), agent_.flow_mod()); verdict.refused())
-    return verdict;
+  if (const Verdict verdict = decode_flow_mod(flow_mod, sw_.ports.numbers(), sw_.flow_mod); verdict.refused()) return verdict;
   bundle.messages.insert(bundle.messages.end(), flow_mod.begin(), flow_mod.end());
-  bundle.used_ns = agent_.now();
+  bundle.used_ns = sw_.now();
   bytes_ += flow_mod.size();
   return {};
 }
@@ -132,9 +129,7 @@ Verdict Bundles::commit(Connection &connection, Bytes message) {
   const auto at = open_.find(key_of(connection, message));
   if (at == open_.end()) return refuse(err::kBundleBadId, "bundle", "there is none with this number");
   const bool same_flags = at->second.flags == be16(message, kFlags), spoiled = at->second.spoiled;
-  Commit begun{std::move(at->second),
-               number_of(message),
-               {connection.generation(), be32(message, kOfXid), connection.peer().controller, agent_.trace().request()}};
+  Commit begun{std::move(at->second), number_of(message), sw_.origin(connection, message)};
   bytes_ -= begun.bundle.messages.size();
   open_.erase(at);
   if (!same_flags) return refuse(err::kBundleBadFlags, "flags", "not those it was opened with");
@@ -144,7 +139,7 @@ Verdict Bundles::commit(Connection &connection, Bytes message) {
 }
 
 void Bundles::reply(Connection &connection, Bytes request) {
-  Reply reply(agent_.scratch(), kExperimenter, be32(request, kOfXid));
+  Reply reply(sw_.scratch, kExperimenter, be32(request, kOfXid));
   reply.out.u32(kOnfExperimenter);
   reply.out.u32(kControl);
   reply.out.u32(number_of(request));
@@ -166,7 +161,7 @@ void Bundles::expire(std::int64_t now_ns) {
   for (auto at = open_.begin(); at != open_.end();) {
     const auto idle = at++;
     if (now_ns - idle->second.used_ns < kIdleLimit) continue;
-    if (Connection *connection = agent_.find(idle->first.first))
+    if (Connection *connection = sw_.controllers.find(idle->first.first))
       connection->send_error(err::kBundleTimeout, idle->second.xid, {});
     erase(idle);
   }
@@ -176,38 +171,38 @@ void Bundles::expire(std::int64_t now_ns) {
 
 void Bundles::advance() {
   if (!commit_) return;
-  const Trace::During during(agent_.trace(), commit_->origin.request);
+  const Trace::During during(sw_.trace, commit_->origin.request);
   while (commit_ && (this->*commit_->stage)()) {
   }
 }
 
 bool Bundles::settle() {
-  if (agent_.is_to_replay() || !agent_.flows().can_begin()) return false;
-  agent_.flows().begin(agent_.now());
+  if (sw_.replay.is_asked_or_running() || !sw_.flows.can_begin()) return false;
+  sw_.flows.begin(sw_.now());
   commit_->stage = &Bundles::carry_out;
   return true;
 }
 
 bool Bundles::carry_out() {
   const Bytes messages = commit_->bundle.messages;
-  while (commit_->next < messages.size() && commit_->keep && !agent_.flows().has_failed()) {
-    if (!agent_.may_work()) return false;
+  while (commit_->next < messages.size() && commit_->keep && !sw_.flows.has_failed()) {
+    if (!sw_.may_work()) return false;
     const Bytes rest = messages.subspan(commit_->next), message = rest.first(be16(rest, kOfLength));
     const auto &[generation, commit_xid, controller, commit_request] = commit_->origin;
-    Trace &trace = agent_.trace();
+    Trace &trace = sw_.trace;
     const Trace::During its_own(trace, trace.begin(Step::from_bundle, message, controller));
-    const Verdict verdict = carry_out_flow_mod(agent_, {generation, be32(message, kOfXid), controller, trace.request()}, message);
+    const Verdict verdict = carry_out_flow_mod(sw_, {generation, be32(message, kOfXid), controller, trace.request()}, message);
     commit_->next += message.size();
     commit_->keep = !verdict.refused();
-    Connection *connection = agent_.find(commit_->origin.generation);
-    if (verdict.refused() && connection) agent_.refuse(*connection, verdict, message);
+    Connection *connection = sw_.controllers.find(commit_->origin.generation);
+    if (verdict.refused() && connection) sw_.refuse(*connection, verdict, message);
   }
   commit_->stage = &Bundles::wait;
   return true;
 }
 
 bool Bundles::wait() {
-  const Flows &flows = agent_.flows();
+  const Flows &flows = sw_.flows;
   commit_->keep &= !flows.has_failed();
   if (commit_->keep && !flows.all_decided()) return false;
   commit_->stage = &Bundles::finish;
@@ -216,15 +211,15 @@ bool Bundles::wait() {
 
 bool Bundles::finish() {
   do {
-    if (!agent_.may_work()) return false;
-  } while (agent_.flows().end_more(commit_->keep, agent_.now()));
+    if (!sw_.may_work()) return false;
+  } while (sw_.flows.end_more(commit_->keep, sw_.now()));
   answer();
   commit_.reset();
   return true;
 }
 
 void Bundles::answer() {
-  Connection *connection = agent_.find(commit_->origin.generation);
+  Connection *connection = sw_.controllers.find(commit_->origin.generation);
   if (!connection) return;
   std::vector<std::byte> bytes;
   Reply request(bytes, kExperimenter, commit_->origin.xid);
@@ -236,7 +231,7 @@ void Bundles::answer() {
   if (commit_->keep)
     reply(*connection, request.finish());
   else
-    agent_.refuse(*connection, refuse(err::kBundleFailed, "bundle", "one of its messages failed"), request.finish());
+    sw_.refuse(*connection, refuse(err::kBundleFailed, "bundle", "one of its messages failed"), request.finish());
 }
 
 }  // namespace host::of_ss

@@ -18,12 +18,12 @@
 
 namespace host::of_ss {
 
-class Agent;
+class Switch;
 class Connection;
 
 class Bundles {
  public:
-  explicit Bundles(Agent &agent) : agent_(agent) {}
+  explicit Bundles(Switch &sw) : sw_(sw) {}
 
   // Carries out a message of the extension, which is an experimenter's and has at least 16 bytes, or says why not.
   Verdict handle(Connection &connection, Bytes message);
@@ -36,8 +36,6 @@ class Bundles {
   // Goes on with a commit as far as the daemon keeps up.
   void advance();
   bool is_committing() const { return commit_.has_value(); }
-  // Whether flows have been handed over that may have to be withdrawn.
-  bool is_in_transaction() const;
 
   // The connection has gone.
   void forget(std::uint64_t generation);
@@ -86,7 +84,7 @@ class Bundles {
   bool finish();
   void answer();
 
-  Agent &agent_;
+  Switch &sw_;
   std::map<Key, Bundle> open_;
   std::size_t bytes_ = 0;  // of all messages in them
   std::optional<Commit> commit_;

@@ -2,8 +2,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "host/of_ss/agent/agent.h"
 #include "host/of_ss/protocol/protocol.h"
+#include "host/of_ss/switch/controllers.h"
 #include "host/of_ss/wire/actions.h"
 
 namespace host::of_ss {

@@ -3,9 +3,8 @@
 #include <algorithm>
 #include <optional>
 
-#include "host/of_ss/agent/agent.h"
 #include "host/of_ss/protocol/parts.h"
-#include "host/of_ss/protocol/protocol.h"
+#include "host/of_ss/switch/switch.h"
 
 namespace host::of_ss {
 namespace {
@@ -189,7 +188,7 @@ Verdict Monitors::request(Connection &connection, Bytes message) {
   if (connection.session().owes_updates)
     go_on(connection);
   else
-    Parts(agent_, connection, kExperimenterMultipart, be32(message, kOfXid), kFlowMonitor).end();
+    Parts(sw_.scratch, connection, kExperimenterMultipart, be32(message, kOfXid), kFlowMonitor).end();
   return {};
 }
 
@@ -216,7 +215,7 @@ Verdict Monitors::set_up(Connection &connection, Bytes message) {
     watching_.push_back(connection.generation());
   }
   watcher->groups.push_back(std::move(group));
-  agent_.flows().watch(true);
+  sw_.flows.watch(true);
   return {};
 }
 
@@ -240,13 +239,13 @@ std::size_t Monitors::count() const {
 }
 
 Watcher *Monitors::watcher(std::uint64_t generation) const {
-  Connection *connection = agent_.find(generation);
+  Connection *connection = sw_.controllers.find(generation);
   return connection ? connection->session().watcher.get() : nullptr;
 }
 
 void Monitors::sweep() {
   std::erase_if(watching_, [this](std::uint64_t generation) { return !watcher(generation); });
-  agent_.flows().watch(!watching_.empty());
+  sw_.flows.watch(!watching_.empty());
 }
 
 // ---- updates
@@ -254,13 +253,13 @@ void Monitors::sweep() {
 // By number: a connection that holds too much unsent ends in the middle.
 void Monitors::flow_changed(const FlowEntry &flow, const FlowChange &change) {
   for (std::size_t n = 0; n < watching_.size(); ++n)
-    if (watcher(watching_[n])) tell(*agent_.find(watching_[n]), flow, change);
+    if (watcher(watching_[n])) tell(*sw_.controllers.find(watching_[n]), flow, change);
 }
 
 void Monitors::tell(Connection &connection, const FlowEntry &flow, const FlowChange &change) {
   Watcher &watcher = *connection.session().watcher;
   std::uint16_t flags = 0;
-  const FlowEntry *older = agent_.flows().table().at(flow.older);
+  const FlowEntry *older = sw_.flows.table().at(flow.older);
   for (const Group &group : watcher.groups) flags |= wanting(group, flow, row_of(change.event).wanted_by, older);
   if (!flags || is_to_wait(connection, flow, change.event)) return;
   const bool is_own = change.author.origin.generation == connection.generation();
@@ -278,7 +277,7 @@ bool Monitors::is_to_wait(Connection &connection, const FlowEntry &flow, FlowEve
     return pause && !connection.session().watcher->is_at_first() && !pause->may_know(flow);
   if (pause && (pause->again || flow.slot >= pause->told)) return true;
   if (!connection.is_clogged()) return false;
-  const Epoch before{agent_.flows().table().newest_index() - 1, agent_.now()};
+  const Epoch before{sw_.flows.table().newest_index() - 1, sw_.now()};
   if (pause) {
     pause->again = before;
   } else {
@@ -290,7 +289,7 @@ bool Monitors::is_to_wait(Connection &connection, const FlowEntry &flow, FlowEve
 }
 
 void Monitors::send_update(Connection &connection, const FlowEntry &flow, const FlowChange &change, std::uint16_t flags) {
-  Parts parts(agent_, connection, kExperimenterMultipart, 0, kFlowMonitor);
+  Parts parts(sw_.scratch, connection, kExperimenterMultipart, 0, kFlowMonitor);
   put_update(parts.entry(), flow, row_of(change.event).wire, change.reason, flags & kInstructions);
   parts.end();
 }
@@ -299,7 +298,7 @@ void Monitors::send_update(Connection &connection, const FlowEntry &flow, const 
 void Monitors::abbreviate(Connection &connection, const Author &author) {
   Watcher &watcher = *connection.session().watcher;
   if (std::exchange(watcher.abbreviated, author.request) == author.request) return;
-  Parts parts(agent_, connection, kExperimenterMultipart, 0, kFlowMonitor);
+  Parts parts(sw_.scratch, connection, kExperimenterMultipart, 0, kFlowMonitor);
   Writer &out = parts.entry();
   out.u16(8);
   out.u16(kAbbreviated);
@@ -308,7 +307,7 @@ void Monitors::abbreviate(Connection &connection, const Author &author) {
 }
 
 void Monitors::notify(Connection &connection, std::uint32_t type) {
-  Reply message(agent_.scratch(), kExperimenter, 0);
+  Reply message(sw_.scratch, kExperimenter, 0);
   message.out.u32(kOnfExperimenter);
   message.out.u32(type);
   message.send(connection);
@@ -319,22 +318,22 @@ void Monitors::notify(Connection &connection, std::uint32_t type) {
 // A transaction shows flows that may go again: it is waited for.
 void Monitors::go_on(Connection &connection) {
   Watcher *watcher = connection.session().watcher.get();
-  if (!watcher || agent_.bundles().is_in_transaction()) return;
+  if (!watcher || sw_.flows.is_in_transaction()) return;
   connection.session().owes_updates = !send_initial(connection, *watcher) || !send_changed(connection, *watcher);
 }
 
 void Monitors::go_on() {
   for (std::size_t n = 0; n < watching_.size(); ++n)
-    if (Connection *connection = agent_.find(watching_[n])) go_on(*connection);
+    if (Connection *connection = sw_.controllers.find(watching_[n])) go_on(*connection);
 }
 
 // Puts entries from the cursor on until all flows have been looked at, then true, or the peer has enough to read for now.
 template <typename Put>
 bool Monitors::walk(Connection &connection, std::uint32_t xid, std::uint32_t &cursor, bool is_reply, Put &&put) {
   while (!connection.is_clogged()) {
-    Parts parts(agent_, connection, kExperimenterMultipart, xid, kFlowMonitor);
+    Parts parts(sw_.scratch, connection, kExperimenterMultipart, xid, kFlowMonitor);
     const FlowEntry *flow = nullptr;
-    while (!parts.full() && (flow = agent_.flows().table().next(cursor)))
+    while (!parts.full() && (flow = sw_.flows.table().next(cursor)))
       if (flow->in_force) put(parts.entry(), *flow);
     if (is_reply || !parts.empty()) parts.send(is_reply && flow ? kMore : 0);
     if (!flow) return true;
@@ -351,7 +350,7 @@ bool Monitors::send_initial(Connection &connection, Watcher &watcher) {
     };
     if (!walk(connection, group.xid, *group.told, true, put)) return false;
     group.told.reset();
-    if (watcher.pause) watcher.pause->newest_told = agent_.flows().table().newest_index();
+    if (watcher.pause) watcher.pause->newest_told = sw_.flows.table().newest_index();
   }
   return true;
 }
@@ -370,7 +369,7 @@ bool Monitors::send_changed(Connection &connection, Watcher &watcher) {
   };
   while (walk(connection, 0, pause.told, false, put)) {
     if (pause.again) {
-      pause = Pause{*pause.again, agent_.flows().table().newest_index()};
+      pause = Pause{*pause.again, sw_.flows.table().newest_index()};
       continue;
     }
     watcher.pause.reset();

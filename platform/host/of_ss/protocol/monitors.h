@@ -14,12 +14,12 @@
 
 namespace host::of_ss {
 
-class Agent;
+class Switch;
 class Connection;
 
 class Monitors {
  public:
-  explicit Monitors(Agent &agent) : agent_(agent) {}
+  explicit Monitors(Switch &sw) : sw_(sw) {}
 
   // Sets up the monitors of an experimenter multipart request, all or none, and answers it.
   Verdict request(Connection &connection, Bytes message);
@@ -52,7 +52,7 @@ class Monitors {
   bool send_initial(Connection &connection, Watcher &watcher);
   bool send_changed(Connection &connection, Watcher &watcher);
 
-  Agent &agent_;
+  Switch &sw_;
   std::vector<std::uint64_t> watching_;  // generations of the connections that have monitors
 };
 

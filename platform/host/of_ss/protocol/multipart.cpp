@@ -1,11 +1,15 @@
+#include "host/of_ss/protocol/multipart.h"
+
 #include <algorithm>
 #include <array>
 #include <optional>
 #include <unordered_map>
 
-#include "host/of_ss/agent/agent.h"
+#include "host/of_ss/net/session.h"
+#include "host/of_ss/protocol/asynchronous.h"
+#include "host/of_ss/protocol/monitors.h"
 #include "host/of_ss/protocol/parts.h"
-#include "host/of_ss/protocol/protocol.h"
+#include "host/of_ss/wire/message_names.h"
 #include "kelim_version.h"
 
 namespace host::of_ss {
@@ -36,8 +40,8 @@ void put_age(Writer &out, std::int64_t since, std::int64_t now) {
 
 // ---- switch, ports, tables
 
-Verdict desc(Agent &agent, Connection &connection, Bytes request) {
-  Parts parts(agent, connection, request);
+Verdict desc(Switch &sw, Connection &connection, Bytes request) {
+  Parts parts(sw.scratch, connection, request);
   Writer &out = parts.entry();
   out.text("kelim", 256);
   out.text("Linux host", 256);
@@ -48,9 +52,9 @@ Verdict desc(Agent &agent, Connection &connection, Bytes request) {
   return {};
 }
 
-Verdict port_desc(Agent &agent, Connection &connection, Bytes request) {
-  Parts parts(agent, connection, request);
-  for (const ddm::Port &port : agent.ports()) put_port(parts.entry(), port);
+Verdict port_desc(Switch &sw, Connection &connection, Bytes request) {
+  Parts parts(sw.scratch, connection, request);
+  for (const ddm::Port &port : sw.ports.all()) put_port(parts.entry(), port);
   parts.end();
   return {};
 }
@@ -64,23 +68,23 @@ void put_port_stats(Writer &out, const ddm::Port &port) {
   out.u32(~std::uint32_t{0});
 }
 
-Verdict port_stats(Agent &agent, Connection &connection, Bytes request) {
+Verdict port_stats(Switch &sw, Connection &connection, Bytes request) {
   const std::uint32_t number = be32(request, kBody);
-  if (number != port::kAny && !agent.find_port(number)) return refuse(err::kRequestBadPort, "port", "no such port");
-  Parts parts(agent, connection, request);
-  for (const ddm::Port &port : agent.ports())
+  if (number != port::kAny && !sw.ports.find(number)) return refuse(err::kRequestBadPort, "port", "no such port");
+  Parts parts(sw.scratch, connection, request);
+  for (const ddm::Port &port : sw.ports.all())
     if (number == port::kAny || number == port.ifx) put_port_stats(parts.entry(), port);
   parts.end();
   return {};
 }
 
-Verdict table_stats(Agent &agent, Connection &connection, Bytes request) {
-  Parts parts(agent, connection, request);
+Verdict table_stats(Switch &sw, Connection &connection, Bytes request) {
+  Parts parts(sw.scratch, connection, request);
   for (std::uint8_t table = 0; table < kTableCount; ++table) {
     Writer &out = parts.entry();
     out.u8(table);
     out.zeros(3);
-    out.u32(static_cast<std::uint32_t>(agent.flows().table().flows_of(table)));
+    out.u32(static_cast<std::uint32_t>(sw.flows.table().flows_of(table)));
     out.u64(kUnknown);
     out.u64(kUnknown);
   }
@@ -148,23 +152,23 @@ void put_table_features(Writer &out, std::uint8_t table, std::uint32_t capacity)
   out.patch16(start, out.size() - start);
 }
 
-Verdict table_features(Agent &agent, Connection &connection, Bytes request) {
+Verdict table_features(Switch &sw, Connection &connection, Bytes request) {
   if (request.size() > kBody || be16(request, 10) & kMore)
     return refuse(err::kTableFeaturesEperm, "table features", "the features of the tables cannot be changed");
-  Parts parts(agent, connection, request);
-  for (std::uint8_t table = 0; table < kTableCount; ++table) put_table_features(parts.entry(), table, agent.flows().capacity());
+  Parts parts(sw.scratch, connection, request);
+  for (std::uint8_t table = 0; table < kTableCount; ++table) put_table_features(parts.entry(), table, sw.flows.capacity());
   parts.end();
   return {};
 }
 
 // What the switch does not have: an empty body.
-Verdict nothing(Agent &agent, Connection &connection, Bytes request) {
-  Parts(agent, connection, request).end();
+Verdict nothing(Switch &sw, Connection &connection, Bytes request) {
+  Parts(sw.scratch, connection, request).end();
   return {};
 }
 
-Verdict group_features(Agent &agent, Connection &connection, Bytes request) {
-  Parts parts(agent, connection, request);
+Verdict group_features(Switch &sw, Connection &connection, Bytes request) {
+  Parts parts(sw.scratch, connection, request);
   parts.entry().zeros(40);
   parts.end();
   return {};
@@ -216,31 +220,31 @@ void put_meter_config(Writer &out, std::uint32_t id, const Meter &meter) {
 }
 
 template <typename Put>
-Verdict each_meter(Agent &agent, Connection &connection, Bytes request, Put &&put) {
+Verdict each_meter(Switch &sw, Connection &connection, Bytes request, Put &&put) {
   const std::uint32_t id = be32(request, kBody);
-  const auto &meters = agent.meters().all();
+  const auto &meters = sw.meters.all();
   if (id != kMeterAll && !meters.contains(id)) return refuse(err::kUnknownMeter, "meter", "there is no meter with this number");
-  Parts parts(agent, connection, request);
+  Parts parts(sw.scratch, connection, request);
   for (const auto &[number, meter] : meters)
     if (id == kMeterAll || id == number) put(parts.entry(), number, meter);
   parts.end();
   return {};
 }
 
-Verdict meter_stats(Agent &agent, Connection &connection, Bytes request) {
-  MeterUsers users = meter_users(agent.flows().table());
-  return each_meter(agent, connection, request, [&agent, &users](Writer &out, std::uint32_t id, const Meter &meter) {
-    put_meter_stats(out, id, meter, users[id], agent.now());
+Verdict meter_stats(Switch &sw, Connection &connection, Bytes request) {
+  MeterUsers users = meter_users(sw.flows.table());
+  return each_meter(sw, connection, request, [&sw, &users](Writer &out, std::uint32_t id, const Meter &meter) {
+    put_meter_stats(out, id, meter, users[id], sw.now());
   });
 }
 
-Verdict meter_config(Agent &agent, Connection &connection, Bytes request) {
-  return each_meter(agent, connection, request,
+Verdict meter_config(Switch &sw, Connection &connection, Bytes request) {
+  return each_meter(sw, connection, request,
                     [](Writer &out, std::uint32_t id, const Meter &meter) { put_meter_config(out, id, meter); });
 }
 
-Verdict meter_features(Agent &agent, Connection &connection, Bytes request) {
-  Parts parts(agent, connection, request);
+Verdict meter_features(Switch &sw, Connection &connection, Bytes request) {
+  Parts parts(sw.scratch, connection, request);
   Writer &out = parts.entry();
   out.u32(kMaxMeters);
   std::uint32_t bands = 0;
@@ -276,28 +280,28 @@ void put_flow(Writer &out, const FlowEntry &flow, std::int64_t now) {
 }
 
 // Sends flows until all are sent or the peer has enough to read for now. True when all are sent.
-bool send_flows(Agent &agent, Connection &connection, Dump &dump) {
+bool send_flows(Switch &sw, Connection &connection, Dump &dump) {
   while (!connection.is_clogged()) {
-    Parts parts(agent, connection, kFlow, dump.xid);
+    Parts parts(sw.scratch, connection, kFlow, dump.xid);
     const FlowEntry *flow = nullptr;
-    while (!parts.full() && (flow = agent.flows().table().next(dump.cursor)))
-      if (flow->in_force && Flows::selected(*flow, dump.filter)) put_flow(parts.entry(), *flow, agent.now());
+    while (!parts.full() && (flow = sw.flows.table().next(dump.cursor)))
+      if (flow->in_force && Flows::selected(*flow, dump.filter)) put_flow(parts.entry(), *flow, sw.now());
     parts.send(flow ? kMore : 0);
     if (!flow) return true;
   }
   return false;
 }
 
-void send_aggregate(Agent &agent, Connection &connection, const Dump &dump) {
+void send_aggregate(Switch &sw, Connection &connection, const Dump &dump) {
   std::uint64_t packets = 0, bytes = 0;
   std::uint32_t cursor = 0, flows = 0;
-  while (const FlowEntry *flow = agent.flows().table().next(cursor)) {
+  while (const FlowEntry *flow = sw.flows.table().next(cursor)) {
     if (!flow->in_force || !Flows::selected(*flow, dump.filter)) continue;
     packets += flow->packets();
     bytes += flow->bytes();
     ++flows;
   }
-  Parts parts(agent, connection, kAggregate, dump.xid);
+  Parts parts(sw.scratch, connection, kAggregate, dump.xid);
   Writer &out = parts.entry();
   out.u64(packets);
   out.u64(bytes);
@@ -307,7 +311,7 @@ void send_aggregate(Agent &agent, Connection &connection, const Dump &dump) {
 }
 
 // FLOW and AGGREGATE: {table u8, out_port u32 at 4, out_group u32 at 8, cookie u64 at 16, mask u64 at 24, match at 32}.
-Verdict flow_stats(Agent &agent, Connection &connection, Bytes request) {
+Verdict flow_stats(Switch &sw, Connection &connection, Bytes request) {
   auto dump = std::unique_ptr<Dump, FreeDump>(new Dump);
   const std::uint8_t table = be8(request, kBody);
   if (table >= kTableCount && table != kTableAll)
@@ -320,39 +324,39 @@ Verdict flow_stats(Agent &agent, Connection &connection, Bytes request) {
   dump->filter.cookie = be64(request, kBody + 16);
   dump->filter.cookie_mask = be64(request, kBody + 24);
   connection.session().dump = std::move(dump);
-  agent.refresh_counters(connection);
-  continue_dump(agent, connection);
+  sw.counters.ask(connection, sw.now());
+  continue_dump(sw, connection);
   return {};
 }
 
 // ---- the table
 
 struct MultipartRow {
-  const char *name;
+  MultipartType type;
   std::size_t body;  // length of the request's body
   bool more;         // the body may be longer
-  Verdict (*handle)(Agent &, Connection &, Bytes);
+  Verdict (*handle)(Switch &, Connection &, Bytes);
 };
 
 constexpr std::array<MultipartRow, kMultipartTypes> kMultiparts{{
-    {"DESC", 0, false, desc},
-    {"FLOW", 40, true, flow_stats},
-    {"AGGREGATE", 40, true, flow_stats},
-    {"TABLE", 0, false, table_stats},
-    {"PORT_STATS", 8, false, port_stats},
-    {"QUEUE", 8, false, nothing},
-    {"GROUP", 8, false, nothing},
-    {"GROUP_DESC", 0, false, nothing},
-    {"GROUP_FEATURES", 0, false, group_features},
-    {"METER", 8, false, meter_stats},
-    {"METER_CONFIG", 8, false, meter_config},
-    {"METER_FEATURES", 0, false, meter_features},
-    {"TABLE_FEATURES", 0, true, table_features},
-    {"PORT_DESC", 0, false, port_desc},
+    {kDesc, 0, false, desc},
+    {kFlow, 40, true, flow_stats},
+    {kAggregate, 40, true, flow_stats},
+    {kTable, 0, false, table_stats},
+    {kPort, 8, false, port_stats},
+    {kQueue, 8, false, nothing},
+    {kGroupStats, 8, false, nothing},
+    {kGroupDesc, 0, false, nothing},
+    {kGroupFeatures, 0, false, group_features},
+    {kMeter, 8, false, meter_stats},
+    {kMeterConfig, 8, false, meter_config},
+    {kMeterFeatures, 0, false, meter_features},
+    {kTableFeatures, 0, true, table_features},
+    {kPortDesc, 0, false, port_desc},
 }};
 
-Verdict experimenter(Agent &agent, Connection &connection, Bytes request) {
-  if (Monitors::is_request(request) && !(be16(request, 10) & kMore)) return agent.monitors().request(connection, request);
+Verdict experimenter(Switch &sw, Connection &connection, Bytes request) {
+  if (Monitors::is_request(request) && !(be16(request, 10) & kMore)) return sw.monitors.request(connection, request);
   if (request.size() < kBody + 8) return refuse(err::kBadLen, "experimenter", "the length of the request is wrong");
   if (be32(request, kBody) != kOnfExperimenter)
     return refuse(err::kBadExperimenter, "experimenter", "of experimenters' requests the switch knows flow monitors only");
@@ -362,17 +366,17 @@ Verdict experimenter(Agent &agent, Connection &connection, Bytes request) {
 
 }  // namespace
 
-Verdict handle_multipart(Agent &agent, Connection &connection, Bytes request) {
+Verdict handle_multipart(Switch &sw, Connection &connection, Bytes request) {
   const std::uint16_t type = be16(request, 8);
-  if (type == kExperimenterMultipart) return experimenter(agent, connection, request);
+  if (type == kExperimenterMultipart) return experimenter(sw, connection, request);
   if (type >= kMultiparts.size()) return refuse(err::kBadMultipart, "multipart", "unknown type of multipart request");
   const MultipartRow &row = kMultiparts[type];
   if (be16(request, 10) & kMore && type != kTableFeatures)
-    return refuse(err::kMultipartOverflow, row.name, "the request has one part");
+    return refuse(err::kMultipartOverflow, command_name(kMultipartRequest, row.type), "the request has one part");
   const std::size_t body = request.size() - kBody;
   if (body < row.body || (body > row.body && !row.more))
-    return refuse(err::kBadLen, row.name, "the length of the request is wrong");
-  return row.handle(agent, connection, request);
+    return refuse(err::kBadLen, command_name(kMultipartRequest, row.type), "the length of the request is wrong");
+  return row.handle(sw, connection, request);
 }
 
 bool multipart_is_for_daemon(Bytes request) {
@@ -381,17 +385,12 @@ bool multipart_is_for_daemon(Bytes request) {
   return type == kFlow || type == kAggregate || type == kExperimenterMultipart;
 }
 
-const char *multipart_name(std::uint8_t type) {
-  if (type == (kExperimenterMultipart & 0xff)) return "EXPERIMENTER";
-  return type < kMultiparts.size() ? kMultiparts[type].name : "";
-}
-
-void continue_dump(Agent &agent, Connection &connection) {
+void continue_dump(Switch &sw, Connection &connection) {
   Session &session = connection.session();
   if (!session.dump || session.waits_for_counters) return;
   if (session.dump->aggregate)
-    send_aggregate(agent, connection, *session.dump);
-  else if (!send_flows(agent, connection, *session.dump))
+    send_aggregate(sw, connection, *session.dump);
+  else if (!send_flows(sw, connection, *session.dump))
     return;
   session.dump.reset();
 }

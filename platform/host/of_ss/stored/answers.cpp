@@ -1,4 +1,5 @@
 #include "host/of_ss/stored/answers.h"
+#include "host/of_ss/desired/results.h"
 
 #include <array>
 

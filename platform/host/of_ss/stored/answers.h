@@ -11,16 +11,8 @@
 
 namespace host::of_ss {
 
-inline constexpr std::uint16_t kFlowAnswer = 0xff00;  // the library's own; the daemon has no message of this type
-
-// The same for what it tells of counters: those of a flow have changed; all have been looked at once more.
-inline constexpr std::uint16_t kFlowMoved = 0xff01, kRoundCounted = 0xff02;
-
-// A bit of the result code of a flow or a meter: it failed while a database was away or refused writes.
-inline constexpr std::uint32_t kUndecided = 1U << 31;
-
 // From now on gives `take` every answer that says that a flow has failed, before the daemon acts on it, and what is told of
-// counters, as messages laid out as flow results of the types above; and `seen` the index and the status of the flow with every
+// counters, as messages (results.h); and `seen` the index and the status of the flow with every
 // answer; no status where it is taken back. Loop's thread.
 using Seen = std::function<void(std::uint64_t index, std::optional<std::uint32_t> status)>;
 void watch_answers(std::function<void(Bytes)> take, Seen seen);

@@ -61,11 +61,11 @@ void repair(Agent &agent, const std::vector<Difference> &differences) {
   bool others = false;
   for (const Difference &difference : differences) {
     if (difference.what == Difference::meter_not_asked_for)
-      agent.meters().delete_stray(static_cast<std::uint32_t>(difference.number));
+      agent.of_switch().meters.delete_stray(static_cast<std::uint32_t>(difference.number));
     else
       others |= difference.what != Difference::flow_left_in_target;
   }
-  if (others) agent.synchronise();
+  if (others) agent.of_switch().replay.ask(agent.of_switch().now());
 }
 
 }  // namespace

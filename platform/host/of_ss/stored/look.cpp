@@ -144,7 +144,7 @@ void compare_flows(const Agent &agent, std::span<const std::uint64_t> indexes, H
 }
 
 void compare_meters(const Agent &agent, Held &held, std::vector<Difference> &found) {
-  for (const auto &[id, meter] : agent.meters().all())
+  for (const auto &[id, meter] : agent.of_switch().meters.all())
     compare_one(held.meters, id, meter.message, Difference::meter_not_stored, found);
   add_rest(held.meters, Difference::meter_not_asked_for, found);
 }
@@ -169,7 +169,7 @@ unsigned Look::progress() const {
 bool Look::quiet_run(const std::function<void(Agent &agent)> &work) {
   bool quiet = false;
   return agent_.run([&](Agent &agent) {
-    quiet = agent.flows().ledger().all_decided() && !agent.is_to_replay();
+    quiet = agent.flows().ledger().all_decided() && !agent.of_switch().replay.is_asked_or_running();
     if (quiet) work(agent);
   }) && quiet;
 }

@@ -5,15 +5,10 @@
 #include <cstdint>
 #include <vector>
 
-#include "host/of_ss/wire/wire.h"
+#include "host/of_ss/agent/agent.h"
 #include "qx_runtime.h"
 
 namespace host::of_ss {
-
-struct StoredState {
-  std::vector<std::vector<std::byte>> flows, meters;
-  std::uint64_t last_index = 0;  // the greatest believed that a flow, the status of one or its translation has
-};
 
 // A service-chain flow of which database 4 holds what the application is asked for, or told.
 struct Translation {

@@ -1,4 +1,4 @@
-#include "host/of_ss/agent/pace.h"
+#include "host/of_ss/switch/pace.h"
 
 #include <algorithm>
 #include <utility>

@@ -1,0 +1,42 @@
+// Which message of which connection is carried out now: requests wait while the daemon is behind, and connections that wait take
+// turns, each with its share. Openflow thread.
+#pragma once
+
+#include <cstdint>
+#include <utility>
+
+#include "host/of_ss/net/connection.h"
+#include "host/of_ss/protocol/bundles.h"
+#include "host/of_ss/switch/switch.h"
+
+namespace host::of_ss {
+
+class Turns {
+ public:
+  Turns(Switch &sw, const Bundles &bundles) : sw_(sw), bundles_(bundles) {}
+
+  // A connection begins to hand on messages.
+  void begin(Connection &connection);
+  // Whether it may hand on this one, which is then taken from its share.
+  bool may_take(Connection &connection, Bytes message);
+  // Goes on with the connections that wait, each with its share, beginning with the one that was next when the pace was used up.
+  void resume_waiting();
+  // What held up others is over: they have their turn in the next turn of the loop.
+  void ask_for_next() { next_is_due_ = true; }
+  // Whether some connection waits for nothing but the next turn of the loop. Asked once a turn, at its end.
+  bool take_next_is_due() { return std::exchange(next_is_due_, false); }
+
+ private:
+  bool may_hand_over(Session &session);
+
+  Switch &sw_;
+  const Bundles &bundles_;
+  std::size_t next_ = 0;  // the connection whose turn comes first
+  std::uint32_t share_ = kShareMax;
+  bool next_is_due_ = false;
+
+  // What all connections that wait may have taken in one turn of the loop, each at most and at least so much of it.
+  static constexpr std::uint32_t kMessages = 1024, kShareMax = 256, kShareMin = 8;
+};
+
+}  // namespace host::of_ss

@@ -1,0 +1,63 @@
+// The configured endpoints: which of them are open, and what has become of each. Openflow thread, except where it says otherwise.
+#pragma once
+
+#include <event2/event.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/of_ss/net/endpoints.h"
+#include "host/tls/tls.h"
+
+namespace host::of_ss {
+
+// Why an endpoint is unusable where peers are to be checked and there is nothing to check them against.
+inline constexpr char kNoAuthority[] =
+    "TLS needs openflow.tls_ca, the authorities that peers are checked against (or openflow.tls_verify = false, which lets "
+    "anybody program flows)";
+
+struct EndpointSettings {
+  std::vector<std::string> names;               // every endpoint that is configured, as text
+  std::vector<Endpoint> usable;                 // those of them that can be used
+  std::map<std::string, std::string> unusable;  // the others, with the reason
+  tls::Context tls;
+};
+
+// The endpoints of `fresh` whose connections may stay. Of one that is unusable for lack of authorities none stays: peers would go
+// on unchecked.
+std::vector<std::string> endpoints_that_stay(const EndpointSettings &fresh);
+
+class EndpointSet {
+ public:
+  EndpointSet(event_base *base, EndpointSettings settings, Accept accept);
+
+  // Listens where that is configured; before the thread starts.
+  void open();
+  // The first attempts to connect to controllers.
+  void dial();
+  // To be called about every second: listens where it failed before.
+  void retry();
+  // Closes all but those that `stay` and opens those that are new. Certificates are for connections to come.
+  void reconfigure(EndpointSettings fresh, const std::vector<std::string> &stay);
+
+  const std::vector<std::string> &names() const { return settings_.names; }
+  // `connected`: a connection that came by the endpoint is up.
+  EndpointState state_of(const std::string &endpoint, bool connected) const;
+  // The port that the n-th listening endpoint is bound to, 0 when it is not.
+  std::uint16_t port(std::size_t n) const { return n < listeners_.size() ? listeners_[n]->port() : 0; }
+
+ private:
+  void open(const Endpoint &endpoint);
+  bool is_open(const std::string &endpoint) const;
+
+  event_base *base_;
+  EndpointSettings settings_;
+  const Accept accept_;
+  std::vector<std::unique_ptr<Listener>> listeners_;
+  std::vector<std::unique_ptr<Dialer>> dialers_;
+};
+
+}  // namespace host::of_ss
