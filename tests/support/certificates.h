@@ -1,9 +1,9 @@
 // Certificates for tests of TLS, made when they are needed.
 #pragma once
 
+#include <openssl/ec.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
-#include <openssl/rsa.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
 
@@ -28,7 +28,7 @@ using Owner = std::unique_ptr<T, FreeOpenSsl>;
 class Identity {
  public:
   explicit Identity(const char *name, const Identity *authority = nullptr, long lifetime = 3600)
-      : key_(EVP_RSA_gen(2048)), certificate_(X509_new()) {
+      : key_(EVP_EC_gen("P-256")), certificate_(X509_new()) {
     X509 *c = certificate_.get();
     ASN1_INTEGER_set(X509_get_serialNumber(c), 1);
     X509_gmtime_adj(X509_getm_notBefore(c), -3600);
