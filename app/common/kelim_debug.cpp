@@ -197,7 +197,7 @@ std::int32_t dump_ssc_primitive_flow_entry(std::uint64_t flow_index, std::uint32
   const flow_info_node *node = ssc_kelim_find_flow_node(&key);
   if (node == nullptr) {
     SDN_ERROR("flow info cache flow_index:%lu, vsd_id:%d get failed.", flow_index, as_int(vsd_id));
-    return -7;
+    return QX_NOT_FOUND;
   }
   print_summary(*node);
   std::printf("exp_app_type: %d\n", as_int(node->exp_app_type));

@@ -35,7 +35,7 @@ std::int32_t kelim_set_count_dbg_sw(std::uint32_t value);
 std::int32_t dump_ssc_sdn_msg_queue();
 // The flow cache, one line per flow.
 std::int32_t dump_ssc_all_flow_info();
-// One flow, field by field. -7 for a flow that is not in the cache.
+// One flow, field by field. QX_NOT_FOUND for a flow that is not in the cache.
 std::int32_t dump_ssc_primitive_flow_entry(std::uint64_t flow_index, std::uint32_t vsd_id);
 // Where a data synchronisation stands.
 std::int32_t dump_ssc_ds_status();

@@ -103,9 +103,9 @@ constexpr Step kStartSteps[] = {
     {[] { return kelim_pkt_start(); }, [](int rv) { SDN_ERROR_AS(kRole, "kelim_pkt_start failed. rv = %d\n", rv); }},
     {[] { return run_steps(kUdpConnectSteps); },
      [](int rv) { SDN_ERROR_AS(kRole, "ssc_kelim_udp_db_connect error. rv:%d\n", rv); }},
-    {[] {
+    {[]() -> int {
        g_event_thread = {};
-       return arm_event_timer(kRole) ? 0 : -1;
+       return arm_event_timer(kRole) ? QX_OK : QX_FAILED;
      },
      [](int) {}},
 };
@@ -145,12 +145,12 @@ void ssc_kelim_subscribe_app() {
   if (!subscribe(QX_MOM_APP_DB, kAppSubscription)) SDN_ERROR("%s", kAppSubscription.failure);
 }
 
-// Stops at the first subscription that fails. 0, or -1.
+// Stops at the first subscription that fails. 0, or QX_FAILED.
 int ssc_kelim_start_subscribe() {
   for (const Subscription &subscription : kUdpSubscriptions) {
     if (subscribe(QX_MOM_UDP_DB, subscription)) continue;
     SDN_ERROR("%s", subscription.failure);
-    return -1;
+    return QX_FAILED;
   }
   return 0;
 }
@@ -313,7 +313,7 @@ int meter_install_call_back(void *, const qx_obj *msg) {
     case QX_MOM_CMD_HASH_NEW:
     case QX_MOM_CMD_HASH_SET: {
       const SPolicyKelim__Meter *meter = written_meter(__func__, *msg);
-      if (meter == nullptr) return -1;
+      if (meter == nullptr) return QX_FAILED;
       report_meter(__func__, *meter);
       return 0;
     }
@@ -334,7 +334,7 @@ int flow_to_ace_install_call_back(void *, const qx_obj *msg) {
   if (msg->cmd != QX_MOM_CMD_DEL) return 0;
   if (record == nullptr) {
     SDN_ERROR("value is null.");
-    return -4;
+    return QX_INVALID;
   }
   ssc_kelim_del_flow_to_ace(record);
   return 0;
@@ -342,7 +342,7 @@ int flow_to_ace_install_call_back(void *, const qx_obj *msg) {
 
 int ssc_kelim_event_pthrd(qx_thread *) {
   ssc_sdn_main_pthrd_handler();
-  return arm_event_timer(__func__) ? 0 : -11;
+  return arm_event_timer(__func__) ? QX_OK : QX_NOT_POSTED;
 }
 
 int main() {
@@ -352,7 +352,7 @@ int main() {
   g_ssc_kelim_global = nullptr;
   if (const int rv = libss_fp_com_check_run("/var/run/ssc_kelim.pid"); rv != 0) return rv;
   g_ssc_kelim_global = qx_global_init(kName, nullptr);
-  if (g_ssc_kelim_global == nullptr) return -1;
+  if (g_ssc_kelim_global == nullptr) return QX_FAILED;
   g_policy_error_zlog_category = qx_zlog_init("policy_error");
   if (libss_fp_com_ham_init("/var/tmp/ssc_kelim_no_ham", g_policy_error_zlog_category) != 0) SDN_VER("ham init fail");
 

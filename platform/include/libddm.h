@@ -14,11 +14,12 @@ extern "C" {
 // 0, or non-zero when the manager is not there.
 int libddm_init(qx_global *global, const char *name);
 
-// The physical id of an interface index. 0 and *phyid; -7 when the index is unknown, -4 for a null result pointer.
+// The physical id of an interface index. 0 and *phyid; QX_NOT_FOUND when the index is unknown, QX_INVALID for a null result
+// pointer.
 int libddm_get_phyid_by_ifx(uint32_t ifx, uint32_t *phyid);
 
-// Calls `visit` for every port that is configured, in order of its interface index; `name` is the interface's and good during the call.
-// Ports that nobody has configured are left out: who programs interfaces must not take those that carry his own traffic. 0.
+// Calls `visit` for every port that is configured, in order of its interface index; `name` is the interface's and good during the
+// call. Ports that nobody has configured are left out: who programs interfaces must not take those that carry his own traffic. 0.
 int libddm_for_each_port(void (*visit)(void *arg, uint32_t ifx, const char *name), void *arg);
 
 #ifdef __cplusplus

@@ -13,7 +13,7 @@ extern "C" {
 // installation can run.
 int libss_fp_com_check_run(const char *pid_file);
 
-// Starts health monitoring; none while `marker_file` exists. 0, or -1. To the Linux host the marker counts when it is a
+// Starts health monitoring; none while `marker_file` exists. 0, or QX_FAILED. To the Linux host the marker counts when it is a
 // regular file of root or of the user that the process runs as.
 // The Linux host feeds the systemd watchdog from the loop when systemd asks for it.
 int libss_fp_com_ham_init(const char *marker_file, struct qx_zlog_category *category);

@@ -28,12 +28,12 @@ typedef int (*of_ss_msg_cb)(void *msg);
 // Takes nothing.
 typedef void (*of_ss_signal_cb)(void);
 
-// Prepares the library. Controller connections are opened once every callback is registered. 0, or -1.
+// Prepares the library. Controller connections are opened once every callback is registered. 0, or QX_FAILED.
 int ss_of_init(qx_global *global);
 
-// Each registers one callback, replacing an earlier one. 0, or -4 for null. Behind each: the message it takes (southbound.h) and
-// the reply that follows. A request that has an answer of its own gets it also when it is refused, with result 0; the result is
-// negative for what cannot be answered, such as a null message.
+// Each registers one callback, replacing an earlier one. 0, or QX_INVALID for null. Behind each: the message it takes
+// (southbound.h) and the reply that follows. A request that has an answer of its own gets it also when it is refused, with result
+// 0; the result is negative for what cannot be answered, such as a null message.
 int of_ss_regiter_flow_mod(of_ss_msg_cb cb);         // kFlowMod: kFlowResult if it fails; that it did not, a barrier tells
 int of_ss_regiter_send_openmsg(of_ss_msg_cb cb);     // kOpen
 int of_ss_regiter_mgmt_ifx(of_ss_msg_cb cb);         // kMgmtIfx
@@ -57,8 +57,8 @@ int of_ss_regiter_del_all(of_ss_signal_cb cb);   // no message: every flow and m
 void ss_of_ds_fetch(void);
 
 // Sends a reply of the daemon towards the controller, `len` bytes long whatever its header says. The bytes are copied before the
-// call returns; replies keep their order. 0, -4 for null or a length that no message has (8 to 65535), -1 when the library is not
-// running. Any thread.
+// call returns; replies keep their order. 0, QX_INVALID for null or a length that no message has (8 to 65535), QX_FAILED when the
+// library is not running. Any thread.
 int of_ss_send_msg(const void *msg, uint32_t len);
 
 #ifdef __cplusplus

@@ -23,13 +23,13 @@
 // returns. Callbacks: a notification is never delivered from inside the call that caused it, always in a later turn of the loop
 // and in the order of the writes and deletions of its type.
 //
-// Result codes, the same for every call:
-//     0  accepted (for *_sync calls: done)
-//     1  qx_mom_setnx_sync: the object exists already
-//    -1  not connected, or a general failure
-//    -4  null or malformed argument (no handle, no descriptor, unknown database, a value record without key)
-//    -7  no such object (get, del)
-//   -14  the pipeline or the type's topic is over its limit; nothing was written
+// Result codes (qx_result.h), the same for every call:
+//     QX_OK         accepted (for *_sync calls: done)
+//     QX_EXISTS     qx_mom_setnx_sync: the object exists already
+//     QX_FAILED     not connected, or a general failure
+//     QX_INVALID    null or malformed argument (no handle, no descriptor, unknown database, a value record without key)
+//     QX_NOT_FOUND  no such object (get, del)
+//     QX_NO_ROOM    the pipeline or the type's topic is over its limit; nothing was written
 // A result of 0 from a pipelined write means accepted and in order. A write that the database refuses afterwards is logged and
 // counted, and the connection is treated as failed: subscribers then see a resynchronisation, never a silent loss.
 #pragma once
@@ -108,8 +108,8 @@ int qx_mom_client_connect(qx_global *global, int32_t db, qx_mom_connect_cb cb, c
 
 // What `cb` is told when the connection of `db` changes. `arg` is reserved, null.
 // Types: 0 lost; 2 back, the same server process or one that took over what it held; 1 back, but another server process, whose
-// data cannot be trusted; 3 still trying. From 0 on calls give -1. After 2 every subscription gets one more data-fetch signal,
-// whether it was asked for again in the callback or not. A store that cannot lose its connection never calls this.
+// data cannot be trusted; 3 still trying. From 0 on calls give QX_FAILED. After 2 every subscription gets one more data-fetch
+// signal, whether it was asked for again in the callback or not. A store that cannot lose its connection never calls this.
 int qx_mom_client_set_reconnect_cb(qx_global *global, int32_t db, qx_mom_reconnect_cb cb, void *arg);
 
 // ---- writes (pipelined). `flags` and `reserved` are 0.
@@ -120,7 +120,7 @@ int qx_mom_set(qx_global *global, int32_t db, const ProtobufCMessage *record, ui
 // The same, and sets the object's overwrite tag.
 int qx_mom_setow(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t flags, uint32_t reserved, int64_t ow);
 
-// Deletes the object; -7 when there is none.
+// Deletes the object; QX_NOT_FOUND when there is none.
 int qx_mom_del(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t flags, uint32_t reserved);
 
 // The object, or every object of a template's type, expires `ms` milliseconds from now; a later write clears that. To a type's
@@ -147,7 +147,7 @@ int qx_mom_publish(qx_global *global, int32_t db, const ProtobufCMessage *record
 // Writes the object if it is absent; 1 when it exists.
 int qx_mom_setnx_sync(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t flags, uint32_t reserved);
 
-// Deletes the object and waits; -7 when there is none.
+// Deletes the object and waits; QX_NOT_FOUND when there is none.
 int qx_mom_del_sync(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t flags, uint32_t reserved);
 
 // Reads the object with the key of `record`. On 0 *out is an object that the caller releases with qx_mom_qx_obj_free; otherwise

@@ -11,6 +11,8 @@
 #include <stdint.h>
 #include <time.h>
 
+#include "qx_result.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -38,14 +40,14 @@ typedef struct qx_thread {
 // At most one runtime lives at a time.
 qx_global *qx_global_init(const char *name, void *parent);
 
-// Runs the event loop until the platform ends it. 0, or -1 when the loop itself failed.
+// Runs the event loop until the platform ends it. 0, or QX_FAILED when the loop itself failed.
 int qx_global_run(qx_global *global);
 
 // Releases the runtime and everything it owns; `global` is invalid afterwards. Null is allowed.
 void qx_global_finish(qx_global *global);
 
-// Arms `thread` to call `func` after sec + usec; `name` must outlive the timer (a literal). 0, or -1 when it cannot be armed
-// (null argument, already armed, out of memory, master finished).
+// Arms `thread` to call `func` after sec + usec; `name` must outlive the timer (a literal). 0, or QX_FAILED when it cannot be
+// armed (null argument, already armed, out of memory, master finished).
 //
 // A timer armed under the name that the runtime was made with is the owner's: a platform may run it before its time once one of
 // its services has handed something over to the owner, so that what was handed over need not wait. The time given is then the

@@ -28,7 +28,7 @@ typedef struct rdnd_lib_reg {
   uint32_t db_count;
 } rdnd_lib_reg;
 
-// 0, or -4 for a null record, name or callback.
+// 0, or QX_INVALID for a null record, name or callback.
 int rdnd_lib_mom_reg(const rdnd_lib_reg *reg);
 
 #ifdef __cplusplus

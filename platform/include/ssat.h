@@ -22,8 +22,8 @@ typedef int (*ssat_handler)(const int64_t *args, uint32_t count);
 int ssat_lib_init(qx_global *global, const char *name);
 
 // Registers a command. `format` names each argument and its kind, separated by commas: "index=%d, vsd_id=%d", "dbg_val=%x",
-// "sw=%d(0/1)"; "" or "nil" for none. Names are copied. 0, -4 for a null, malformed or duplicate command, -7 for an unknown
-// module.
+// "sw=%d(0/1)"; "" or "nil" for none. Names are copied. 0, QX_INVALID for a null, malformed or duplicate command, QX_NOT_FOUND
+// for an unknown module.
 int ssat_reg_mod_cmd(const char *module, const char *command, const char *format, ssat_handler handler);
 
 #ifdef __cplusplus

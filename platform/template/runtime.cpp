@@ -115,7 +115,7 @@ qx_global *qx_global_init(const char *name, void *) {
 }
 
 int qx_global_run(qx_global *global) {
-  if (g_runtime == nullptr || global != &g_runtime->global) return -1;
+  if (g_runtime == nullptr || global != &g_runtime->global) return QX_FAILED;
   while (!g_stop) turn(g_runtime->master, 1h);
   return 0;
 }
@@ -134,7 +134,7 @@ void qx_global_finish(qx_global *global) {
 
 int qx_thread_insert_timer_timeval(qx_thread_master *master, qx_thread *thread, int (*func)(qx_thread *), void *arg, long sec,
                                    long usec, const char *name) {
-  if (master == nullptr || thread == nullptr || func == nullptr || master->finished || thread->impl != nullptr) return -1;
+  if (master == nullptr || thread == nullptr || func == nullptr || master->finished || thread->impl != nullptr) return QX_FAILED;
   *thread = {.impl = master, .master = master, .func = func, .arg = arg, .name = name};
   master->timers.emplace(Clock::now() + std::max(sec, 0L) * 1s + std::max(usec, 0L) * 1us, thread);
   return 0;

@@ -79,7 +79,7 @@ int libss_fp_com_ham_init(const char *, qx_zlog_category *) {
 // ---- rdnd_lib.h: the only supervisor, which takes up its work in the first turn of the loop
 
 int rdnd_lib_mom_reg(const rdnd_lib_reg *reg) {
-  if (reg == nullptr || reg->name == nullptr || reg->role_cb == nullptr || reg->state_cb == nullptr) return -4;
+  if (reg == nullptr || reg->name == nullptr || reg->role_cb == nullptr || reg->state_cb == nullptr) return QX_INVALID;
   platform::post([take_up = reg->role_cb] {
     if (take_up(nullptr, nullptr) == 0) return;
     fputs("The process could not take up its work.\n", stderr);
@@ -96,8 +96,8 @@ int libddm_init(qx_global *, const char *) {
 
 int libddm_get_phyid_by_ifx(uint32_t ifx, uint32_t *phyid) {
   constexpr uint32_t kPorts = 48;
-  if (phyid == nullptr) return -4;
-  if (ifx < 1 || ifx > kPorts) return -7;
+  if (phyid == nullptr) return QX_INVALID;
+  if (ifx < 1 || ifx > kPorts) return QX_NOT_FOUND;
   *phyid = ifx - 1;
   return 0;
 }
@@ -119,16 +119,16 @@ static std::map<std::string, std::map<std::string, ssat_handler>> &commands() {
 }
 
 int ssat_lib_init(qx_global *, const char *name) {
-  if (name == nullptr) return -4;
+  if (name == nullptr) return QX_INVALID;
   commands()[name];
   return 0;
 }
 
 int ssat_reg_mod_cmd(const char *module, const char *command, const char *format, ssat_handler handler) {
-  if (module == nullptr || command == nullptr || format == nullptr || handler == nullptr) return -4;
+  if (module == nullptr || command == nullptr || format == nullptr || handler == nullptr) return QX_INVALID;
   const auto known = commands().find(module);
-  if (known == commands().end()) return -7;
-  return known->second.emplace(command, handler).second ? 0 : -4;
+  if (known == commands().end()) return QX_NOT_FOUND;
+  return known->second.emplace(command, handler).second ? QX_OK : QX_INVALID;
 }
 
 // ---- ut_ss_fp_appmng.h

@@ -51,9 +51,9 @@ void ss_of_ds_fetch(void) {
 }
 
 int of_ss_send_msg(const void *msg, uint32_t len) {
-  if (msg == NULL || len < southbound_kHeaderLen || len > UINT16_MAX) return -4;
+  if (msg == NULL || len < southbound_kHeaderLen || len > UINT16_MAX) return QX_INVALID;
   struct reply *reply = malloc(sizeof *reply + len);
-  if (reply == NULL) return -1;
+  if (reply == NULL) return QX_FAILED;
   reply->next = NULL;
   reply->len = len;
   memcpy(reply->bytes, msg, len);
@@ -66,7 +66,7 @@ int of_ss_send_msg(const void *msg, uint32_t len) {
   }
   pthread_mutex_unlock(&mutex);
   if (!taken) free(reply);
-  return taken ? 0 : -1;
+  return taken ? QX_OK : QX_FAILED;
 }
 
 /* ---- the southbound thread; no lock is held during a callback */
@@ -180,7 +180,7 @@ static int on_flow(void *conn, const qx_obj *msg) {
 int ss_of_init(qx_global *global) {
   static const qx_mom_spec flows = {{&s_policy_kelim__flow__descriptor, &s_policy_kelim__flow_key__descriptor}, QX_MOM_DECODED};
   process = global;
-  return qx_mom_subscribe(global, QX_MOM_UDP_DB, &flows, on_flow) == 0 ? 0 : -1;
+  return qx_mom_subscribe(global, QX_MOM_UDP_DB, &flows, on_flow) == 0 ? QX_OK : QX_FAILED;
 }
 
 void platform_southbound_finish(void) {
@@ -207,7 +207,7 @@ static int start_when_complete(void) {
 
 #define REGISTERS(call, type, callback) \
   int call(type cb) {                   \
-    if (cb == NULL) return -4;          \
+    if (cb == NULL) return QX_INVALID;  \
     callbacks.callback = cb;            \
     return start_when_complete();       \
   }

@@ -122,7 +122,7 @@ enum class Link { sync, async };
 
 // A call's arguments; `code` is not 0 when they end it. Without a key it is about every object.
 struct Call {
-  int code = -4;
+  int code = QX_INVALID;
   Table *table = nullptr;
   std::optional<std::string> key;
 };
@@ -146,7 +146,7 @@ Call resolve(qx_global *global, int32_t number, const ProtobufCMessage *record, 
     if (all && needs == Needs::key_or_all) call.key.reset();
   }
   if (!call.key && needs == Needs::key) return call;
-  call.code = (link == Link::sync ? db->sync_up : db->up) ? 0 : -1;
+  call.code = (link == Link::sync ? db->sync_up : db->up) ? QX_OK : QX_FAILED;
   if (call.code == 0) call.table = &table_of(*db, record->descriptor);
   return call;
 }
@@ -212,7 +212,7 @@ void forget_expiry(Table &table, const std::string &key, Object &object) {
 
 int write(const Call &call, const ProtobufCMessage *record, int64_t tag = 0) {
   Table &table = *call.table;
-  if (!admitted(table)) return -14;
+  if (!admitted(table)) return QX_NO_ROOM;
   const auto [place, created] = table.objects.try_emplace(*call.key);
   Object &object = place->second;
   if (created) object.born = ++g_store->born;
@@ -225,7 +225,7 @@ int write(const Call &call, const ProtobufCMessage *record, int64_t tag = 0) {
 
 int remove(Table &table, const std::string &key) {
   const auto found = table.objects.find(key);
-  if (found == table.objects.end()) return -7;
+  if (found == table.objects.end()) return QX_NOT_FOUND;
   forget_expiry(table, key, found->second);
   notify(table, QX_MOM_CMD_DEL, std::move(found->second.packed));
   table.objects.erase(found);
@@ -269,14 +269,14 @@ void platform_store_finish() {
 
 int qx_mom_client_connect_sync(qx_global *global, int32_t number) {
   Database *db = database(global, number);
-  if (!db) return -4;
+  if (!db) return QX_INVALID;
   db->sync_up = true;
   return 0;
 }
 
 int qx_mom_client_connect(qx_global *global, int32_t number, qx_mom_connect_cb cb, const char *label) {
   Database *db = database(global, number);
-  if (!db || !cb) return -4;
+  if (!db || !cb) return QX_INVALID;
   platform::post([=] {
     db->up = true;
     if (cb(global, label) == 0) return;
@@ -287,7 +287,7 @@ int qx_mom_client_connect(qx_global *global, int32_t number, qx_mom_connect_cb c
 }
 
 int qx_mom_client_set_reconnect_cb(qx_global *global, int32_t db, qx_mom_reconnect_cb cb, void *) {
-  return database(global, db) && cb ? 0 : -4;
+  return database(global, db) && cb ? QX_OK : QX_INVALID;
 }
 
 int qx_mom_set(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t, uint32_t) {
@@ -351,7 +351,7 @@ int qx_mom_del_expire_ow(qx_global *global, int32_t db, const ProtobufCMessage *
 int qx_mom_publish(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t, uint32_t) {
   const Call call = resolve(global, db, record, Needs::record, Link::async);
   if (call.code) return call.code;
-  if (!admitted(*call.table)) return -14;
+  if (!admitted(*call.table)) return QX_NO_ROOM;
   notify(*call.table, QX_MOM_CMD_PUBLISH, pack(record));
   return 0;
 }
@@ -362,9 +362,9 @@ int qx_mom_get_sync(qx_global *global, int32_t db, const ProtobufCMessage *recor
   if (out) *out = nullptr;
   const Call call = resolve(global, db, record, Needs::key, Link::sync);
   if (call.code) return call.code;
-  if (!out) return -4;
+  if (!out) return QX_INVALID;
   const auto found = call.table->objects.find(*call.key);
-  if (found == call.table->objects.end()) return -7;
+  if (found == call.table->objects.end()) return QX_NOT_FOUND;
   *out = &(new Delivery(*call.table, cmd_of(*call.table, QX_MOM_CMD_HASH_SET), found->second.packed))->object;
   return 0;
 }
@@ -377,7 +377,7 @@ void qx_mom_qx_obj_free(qx_obj *obj) {
 int qx_mom_scan_sync(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t, qx_mom_scan_cb cb, void *arg) {
   const Call call = resolve(global, db, record, Needs::record, Link::sync);
   if (call.code) return call.code;
-  if (!cb) return -4;
+  if (!cb) return QX_INVALID;
   const uint64_t begun = g_store->born;
   auto &objects = call.table->objects;
   for (auto place = objects.begin(); place != objects.end();) {
@@ -394,8 +394,8 @@ int qx_mom_scan_sync(qx_global *global, int32_t db, const ProtobufCMessage *reco
 int qx_mom_subscribe(qx_global *global, int32_t number, const qx_mom_spec *spec, qx_mom_notify_cb cb) {
   Database *db = database(global, number);
   if (!db || !cb || !spec || !spec->type.value || spec->type.key != key_type(spec->type.value) || spec->delivery > QX_MOM_PACKED)
-    return -4;
-  if (!db->up) return -1;
+    return QX_INVALID;
+  if (!db->up) return QX_FAILED;
   // Live when the loop comes to it, so that what was written before is not told to it.
   platform::post([&table = table_of(*db, spec->type.value), subscription = Subscription{cb, spec->delivery}] {
     const auto same = [&](const Subscription &other) { return other.callback == subscription.callback; };
@@ -411,15 +411,15 @@ int qx_mom_subscribe(qx_global *global, int32_t number, const qx_mom_spec *spec,
 
 int libcgstctrl_gen_init(void *conn, int32_t number, const char *name) {
   Database *db = database(static_cast<qx_global *>(conn), number);
-  if (!db || !name) return -4;
+  if (!db || !name) return QX_INVALID;
   db->congestion_control = true;
   return 0;
 }
 
 int libcgstctrl_gen_topic_reg(void *conn, int32_t number, const char *name, const qx_mom_type *topic) {
   Database *db = database(static_cast<qx_global *>(conn), number);
-  if (!db || !name || !topic || !topic->value || topic->key != key_type(topic->value)) return -4;
-  if (!db->congestion_control) return -1;
+  if (!db || !name || !topic || !topic->value || topic->key != key_type(topic->value)) return QX_INVALID;
+  if (!db->congestion_control) return QX_FAILED;
   table_of(*db, topic->value).has_topic = true;
   return 0;
 }

@@ -163,7 +163,7 @@ void Chain::deleted(const qx_obj &msg) {
   SPolicyKelim__FlowToAce entries = S_POLICY_KELIM__FLOW_TO_ACE__INIT;
   entries.index = flow->index;
   const int result = qx_mom_del(context_.global, kChainDb, &entries.base, 0, 0);
-  if (result != 0 && result != -7) catch_up_.soon();
+  if (result != 0 && result != QX_NOT_FOUND) catch_up_.soon();
 }
 
 bool Chain::answer(const SPolicyKelim__ParseFlow &flow) {
@@ -209,7 +209,7 @@ bool Chain::resynchronise() {
   for (const auto &[orphan, stamp] : answered) {
     std::tie(key.t_flow_type, key.flow_index, key.vsd_id) = orphan;
     const int result = qx_mom_del(context_.global, kChainDb, &any_entries.base, 0, 0);
-    done &= result == 0 || result == -7;
+    done &= result == 0 || result == QX_NOT_FOUND;
   }
   return done;
 }

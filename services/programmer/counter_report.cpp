@@ -71,7 +71,7 @@ bool CounterReport::report(FlowEntry &entry, std::uint32_t slot) {
   record.packet_sum = sums.packets;
   record.byte_sum = sums.bytes;
   const int result = qx_mom_set(context_.global, kFlowDb, &record.base, 0, 0);
-  if (result != 0) return result != -14 && result != -1;
+  if (result != 0) return result != QX_NO_ROOM && result != QX_FAILED;
   entry.sums = sums;
   entry.counted = true;
   ++written_;

@@ -122,7 +122,7 @@ void Flows::removed(Bytes record) {
 
 // Somebody has found the flow's answer and no flow: nobody would ever tell that it has gone.
 void Flows::doubted(Bytes record) {
-  constexpr int kNoSuchObject = -7;
+  constexpr int kNoSuchObject = QX_NOT_FOUND;
   FlowRecord flow;
   if (!read_flow(record, flow)) return report_fault(context_, "flow record in doubt", record);
   const std::uint32_t slot = table_.find(flow.key);
@@ -171,13 +171,14 @@ bool Flows::write(const Answer &answer) {
     SPolicyKelim__FlowCounter counter = S_POLICY_KELIM__FLOW_COUNTER__INIT;
     counter.index = &key;
     result = qx_mom_del(context_.global, kFlowDb, &sta.base, 0, 0);
-    if (answer.counted && result != -14 && result != -1) result = qx_mom_del(context_.global, kFlowDb, &counter.base, 0, 0);
+    if (answer.counted && result != QX_NO_ROOM && result != QX_FAILED)
+      result = qx_mom_del(context_.global, kFlowDb, &counter.base, 0, 0);
   } else {
     sta.status = answer.status;
     sta.rep_uuid = answer.uuid;
     result = qx_mom_set(context_.global, kFlowDb, &sta.base, 0, 0);
   }
-  return result != -14 && result != -1;
+  return result != QX_NO_ROOM && result != QX_FAILED;
 }
 
 // ---- resynchronisation

@@ -75,7 +75,7 @@ int serve(const programmer::Options &options) {
   int status = 0;
   if (!why.empty()) {
     status = fail(why.c_str());
-  } else if (started == -1) {
+  } else if (started == QX_FAILED) {
     status = fail("the database cannot be reached");
   } else if (started != 0) {
     status = fail("the options were refused");

@@ -99,7 +99,7 @@ int connect(qx_global *global, std::int32_t db, qx_mom_connect_cb callback) {
 
 int show(const std::int64_t * /*args*/, std::uint32_t /*count*/) {
   const std::optional<Totals> now = totals();
-  if (!now) return -1;
+  if (!now) return QX_FAILED;
   const auto line = [](const char *what, std::uint64_t number) { std::printf("%-36s%12" PRIu64 "\n", what, number); };
   line("flows in the target", now->flows);
   line("room for", now->size);
@@ -120,7 +120,7 @@ int show(const std::int64_t * /*args*/, std::uint32_t /*count*/) {
 
 // Lists the flows that are in force in the target, one key a line, as the database's tools write it.
 int list_flows(const std::int64_t * /*args*/, std::uint32_t /*count*/) {
-  if (g_service == nullptr) return -1;
+  if (g_service == nullptr) return QX_FAILED;
   const FlowTable &table = g_service->flows.table();
   for (std::uint32_t slot = 0; slot < table.slots(); ++slot) {
     const FlowEntry &entry = table[slot];
@@ -145,17 +145,17 @@ std::string check(const Options &options) {
 }
 
 int start_embedded(qx_global *global, const Options &options, std::string *why) {
-  if (global == nullptr || !check(options).empty()) return -4;
-  if (g_service != nullptr) return -1;
+  if (global == nullptr || !check(options).empty()) return QX_INVALID;
+  if (g_service != nullptr) return QX_FAILED;
   try {
     g_service = std::make_unique<Service>(global, options);
   } catch (const std::runtime_error &missing) {
     if (why != nullptr) *why = missing.what();
-    return -20;
+    return QX_UNSUPPORTED;
   }
   int result = connect(global, kFlowDb, connected<kFlowDb>);
   if (result == 0 && options.service_chain) result = connect(global, kChainDb, connected<kChainDb>);
-  if (result == 0 && !g_service->counters.start()) result = -1;
+  if (result == 0 && !g_service->counters.start()) result = QX_FAILED;
   if (result != 0) {
     g_service.reset();
     return result;

@@ -58,9 +58,9 @@ std::string check(const Options &options);
 // The same of the script alone.
 std::string check_script(const Options &options);
 
-// Starts the service on `global`, whose databases this process has connected or will connect itself. 0; -4 for options that
-// check() refuses or a null handle; -1 when it runs already or the first timer cannot be armed; -20 when this machine cannot be
-// the target, `why` then says in one line what is missing.
+// Starts the service on `global`, whose databases this process has connected or will connect itself. 0; QX_INVALID for options
+// that check() refuses or a null handle; QX_FAILED when it runs already or the first timer cannot be armed; QX_UNSUPPORTED when
+// this machine cannot be the target, `why` then says in one line what is missing.
 int start_embedded(qx_global *global, const Options &options, std::string *why = nullptr);
 
 // Ends the service: nothing is answered afterwards. Call it once the loop has ended, before the runtime is released. Repeating

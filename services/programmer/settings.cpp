@@ -78,7 +78,7 @@ template <typename Kind>
 bool Settings<Kind>::confirm(const Record &asked, SPolicyKelim__StatusE status) {
   int rv = 0;
   const Object object = stored(asked, rv);
-  if (!object) return rv == -7;
+  if (!object) return rv == QX_NOT_FOUND;
   const auto *request = record_of<Record>(*object);
   if (request == nullptr || !Kind::same_request(*request, asked) || request->status == status) return true;
   Record answer = *request;

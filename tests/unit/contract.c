@@ -5,6 +5,7 @@
 #include "lsm_if.h"
 #include "of_ss.h"
 #include "qx_mom.h"
+#include "qx_result.h"
 #include "qx_runtime.h"
 #include "qx_zlog.h"
 #include "rdnd_lib.h"

@@ -42,7 +42,7 @@ std::int32_t hand_over(const Request &request, void *data) {
   }
   SDN_LOG_AS(*intake.hand_over_fault, intake.name, "ssc sdn add main pthread fail!\n");
   if (intake.copy != nullptr) intake.copy->release(data);
-  return fail(request, -11);
+  return fail(request, QX_NOT_POSTED);
 }
 
 }  // namespace
@@ -50,7 +50,7 @@ std::int32_t hand_over(const Request &request, void *data) {
 std::int32_t needs_msg(const Request &request) {
   if (request.msg != nullptr) return 0;
   SDN_LOG_AS(*request.intake.fault, request.intake.name, "msg = NULL");
-  return -4;
+  return QX_INVALID;
 }
 
 std::int32_t take_in(const Intake &intake, std::uint32_t vsd_id, const void *msg, std::uint32_t len) {
@@ -68,7 +68,7 @@ std::int32_t take_in(const Intake &intake, std::uint32_t vsd_id, const void *msg
   void *data;
   if (!copy_request(request, data)) {
     SDN_LOG_AS(*intake.fault, intake.name, "%s", intake.copy->no_memory);
-    return fail(request, -2);
+    return fail(request, QX_NO_MEMORY);
   }
   return hand_over(request, data);
 }

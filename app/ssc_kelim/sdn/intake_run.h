@@ -38,7 +38,7 @@ constexpr Counters counters_of(sdn_opt_group group) {
   return {group + SDN_OPT_RECEIVED, group + SDN_OPT_FAILED};
 }
 
-// The usual check: 0, or -4 with a log line if there is no message.
+// The usual check: 0, or QX_INVALID with a log line if there is no message.
 std::int32_t needs_msg(const Request &request);
 
 struct Intake {
@@ -52,7 +52,7 @@ struct Intake {
   std::int32_t (*check)(const Request &) = needs_msg;  // 0, or the code to refuse with, already logged
   void (*accepted)(const Request &) = nullptr;
   const Copy *copy = nullptr;                                    // null: the handler gets no data
-  void (*failed)(const Request &, std::int32_t code) = nullptr;  // -2 out of memory, -11 not queued
+  void (*failed)(const Request &, std::int32_t code) = nullptr;  // QX_NO_MEMORY out of memory, QX_NOT_POSTED not queued
 
   // Log classes: for a missing message or lack of memory, and for a request that cannot be queued.
   const kelim::LogClass *fault = &kelim::kError, *hand_over_fault = &kelim::kVer;

@@ -197,7 +197,7 @@ std::int32_t ssc_sdn_ace_stats_chg_handler(const SPolicyKelim__FlowCounter *coun
     if (ssc_sdn_debug_sw & SDN_DBG_ASSERT) {
       std::printf("ASSERT fail! - %s: %d.\nflow_counter != NULL.", SDN_LOG_SOURCE, __LINE__);
     }
-    return -1;
+    return QX_FAILED;
   }
   const ssc_sdn_pack_cell cell{counter->index->flow_index, counter->packet_count, counter->byte_count};
   SDN_COUNT("index = %lu, byte_cnt = %lu, pkt_cnt = %lu.", cell.flow_index, cell.byte_count, cell.packet_count);
@@ -210,7 +210,7 @@ std::int32_t ssc_sdn_pack_msg(const ssc_sdn_pack_cell *cell) {
   if (!buffer) buffer = new_buffer();
   if (!buffer) {
     SDN_ERROR("Error: failed to alloc memory.");
-    return -2;
+    return QX_NO_MEMORY;
   }
   add_cell(*buffer, *cell);
   const kelim::Lock lock(g_ssc_sdn_pack_mutex);

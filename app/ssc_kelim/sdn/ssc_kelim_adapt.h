@@ -47,10 +47,10 @@ struct ssc_sdn_pack_cell {
 // Subscription callback for flow_counter records of database 8; main SDN thread.
 int flow_counter_call_back(void *conn, const qx_obj *msg);
 
-// Adds the record's change to the report. 0, or -1 for null.
+// Adds the record's change to the report. 0, or QX_FAILED for null.
 std::int32_t ssc_sdn_ace_stats_chg_handler(const SPolicyKelim__FlowCounter *counter);
 
-// Adds one cell. 0, or -2 when there is no memory for a new report (the cell is lost).
+// Adds one cell. 0, or QX_NO_MEMORY when there is no memory for a new report (the cell is lost).
 std::int32_t ssc_sdn_pack_msg(const ssc_sdn_pack_cell *cell);
 
 // Starts the sending thread, once. 0, or -17.

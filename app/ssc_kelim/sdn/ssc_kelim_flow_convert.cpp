@@ -322,7 +322,7 @@ std::int32_t ssc_sdn_parse_flow_ace_field_act_convert(SPolicyKelim__ParseFlow *p
   request asked;
   if (!asked.complete() || !asked.fill(node, __func__)) {
     SDN_ERROR("flow_entry malloc failed. flow_index = %lu", parse_flow->index->flow_index);
-    return -2;
+    return QX_NO_MEMORY;
   }
   parse_flow->field = asked.field.release();
   parse_flow->action = asked.action.release();
@@ -336,7 +336,7 @@ std::int32_t ssc_sdn_ace_field_act_convert(SPolicyKelim__Flow *flow, const flow_
   ace_list list = new_ace_list(flow->n_ace);
   if (!asked.complete() || !first.complete() || !list || !first.fill(node, __func__) || !asked.fill(node, __func__)) {
     SDN_ERROR("flow_entry malloc failed. flow_index = %lu", flow->index->flow_index);
-    return -2;
+    return QX_NO_MEMORY;
   }
   asked.field->exp_app_type = node->exp_app_type;
   if (node->flow_action_bitmap >> S_POLICY_KELIM__FLOW_ACTION_E__OUTPUT & 1) first.action->redirect_ifx = node->output_ifx;

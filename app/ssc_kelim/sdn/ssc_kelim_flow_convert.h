@@ -3,7 +3,7 @@
 // Thread: main SDN thread.
 // Ownership: the address sub-messages of a record are allocated with ssc_sdn_malloc and released by the ssc_sdn_free_* calls,
 // according to the record's own bitmap. MAC and IPv6 bytes are borrowed from the node: the record has to be written before the
-// node is deleted. Results: 0; -2 out of memory, with everything undone.
+// node is deleted. Results: 0; QX_NO_MEMORY out of memory, with everything undone.
 #pragma once
 
 #include <cstdint>

@@ -214,11 +214,11 @@ int kh_resize_flow_info_hash(flow_info_hash *hash, std::uint32_t n) {
   if (hash->size >= upper_bound_of(buckets)) return 0;
   const std::size_t flag_bytes = flag_words(buckets) * sizeof(std::uint32_t);
   auto *new_flags = static_cast<std::uint32_t *>(ssc_sdn_malloc(flag_bytes, __func__, __LINE__));
-  if (!new_flags) return -1;
+  if (!new_flags) return QX_FAILED;
   std::memset(new_flags, kAllEmpty, flag_bytes);
   if (hash->n_buckets < buckets && !resize_keys(*hash, buckets)) {
     ssc_sdn_free(new_flags);
-    return -1;
+    return QX_FAILED;
   }
   for (std::uint32_t bucket = 0; bucket != hash->n_buckets; bucket++) {
     if (is_live(hash->flags, bucket)) move_node(*hash, bucket, new_flags, buckets);
@@ -336,7 +336,7 @@ std::int32_t ssc_kelim_del_flow_node(flow_info_node *node) {
   ssc_sdn_assert_main_thread();
   if (!node) {
     SDN_ERROR("flow_info_node is NULL");
-    return -5;
+    return QX_NO_NODE;
   }
   flow_info_hash_remove(node);
   forget_unindexed(node);

@@ -40,7 +40,7 @@ flow_info_node *ssc_kelim_find_flow_node(const flow_info_key *key);
 // the index.
 flow_info_node *ssc_kelim_add_flow_node(const void *msg, std::int32_t size, const flow_info_node *key_only);
 
-// Takes the node out of the index and releases it with its copy. 0, or -5 for null.
+// Takes the node out of the index and releases it with its copy. 0, or QX_NO_NODE for null.
 std::int32_t ssc_kelim_del_flow_node(flow_info_node *node);
 
 // Calls `op` on every node in bucket order until a call returns non-zero. Returns that result, or 0.
@@ -49,7 +49,7 @@ std::int32_t ssc_kelim_for_each_flow_node_op(flow_info_op op, void *arg);
 // ---- the set itself
 
 // Rebuilds the index with at least `n` buckets (rounded up to a power of two, at least 4), without tombstones. Does nothing when
-// the live entries would not fit. 0, or -1 when memory is short (nothing changed).
+// the live entries would not fit. 0, or QX_FAILED when memory is short (nothing changed).
 int kh_resize_flow_info_hash(flow_info_hash *hash, std::uint32_t n);
 
 // Finds or creates the node of `key_only` and stores it in *out too. When the index cannot grow, the new node is returned without

@@ -140,7 +140,7 @@ std::int32_t ssc_kelim_parse_flow_rule_para(const void *msg, flow_info_node *nod
   const flow_view flow(msg, node ? node->raw_len : 0);
   if (!has_instructions(flow, node)) {
     SDN_ERROR("flow_info_node is NULL");
-    return -4;
+    return QX_INVALID;
   }
   std::uint64_t field_bits = 0, rule_bits = 0;
   for (auto at = flow.match(); at.more(); at.next()) {
@@ -163,7 +163,7 @@ std::int32_t ssc_kelim_parse_flow_action_para(const void *msg, flow_info_node *n
   const flow_view flow(msg, node ? node->raw_len : 0);
   if (!has_instructions(flow, node)) {
     SDN_ERROR("flow_info_node is NULL");
-    return -4;
+    return QX_INVALID;
   }
   std::uint64_t flow_bits = 0, ace_bits = 0;
   for (auto at = flow.actions(); at.more(); at.next()) {

@@ -10,8 +10,8 @@
 
 #include "ssc_kelim/sdn/flow_node.h"
 
-// Reads the match (OpenFlow 1.3.5, 7.2.3) of the flow-mod at `flow`, node->raw_len bytes, into `node`. 0, or -4 for a null
-// node or a flow without instruction block; `node` is then untouched.
+// Reads the match (OpenFlow 1.3.5, 7.2.3) of the flow-mod at `flow`, node->raw_len bytes, into `node`. 0, or QX_INVALID for a
+// null node or a flow without instruction block; `node` is then untouched.
 std::int32_t ssc_kelim_parse_flow_rule_para(const void *flow, flow_info_node *node);
 
 // Reads the actions (OpenFlow 1.3.5, 7.2.5) the same way.

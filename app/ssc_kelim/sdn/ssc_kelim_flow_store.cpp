@@ -54,16 +54,16 @@ std::int32_t check_in_port(std::uint32_t ifx) {
   }
   if (ifx == kAllOtherIfx) {
     SDN_ERROR_AS(kInLogName, "ifx is OF_SS_ALL_OT_IFINDEX, NOT SUPPORT.");
-    return -20;
+    return QX_UNSUPPORTED;
   }
   const std::uint32_t type = ifx < kFirstReservedPort ? lsm_if_get_type(ifx) : 0;
   if (type == LLCB_OVERLAY_TUNNEL) {
     SDN_ERROR_AS(kInLogName, "ifx_type is LLCB_OVERLAY_TUNNEL, NOT SUPPORT.");
-    return -20;
+    return QX_UNSUPPORTED;
   }
   if (type == LLCB_OVERLAY_ROUTER) {
     SDN_VER_AS(kInLogName, "ifx_type is LLCB_OVERLAY_ROUTER, NOT SUPPORT.");
-    return -20;
+    return QX_UNSUPPORTED;
   }
   std::uint32_t phyid = 0;
   const int rv = libddm_get_phyid_by_ifx(ifx, &phyid);
@@ -111,7 +111,7 @@ std::int32_t ssc_sdn_store_flow(const SPolicyKelim__Flow *flow, std::int64_t ow,
 std::int32_t ssc_kelim_pick_out_inport_phyid(const SPolicyKelim__Flow *flow) {
   if (!flow->flow_data.data) {
     SDN_ERROR(" flow_entry.flow_data.data is NULL\n");
-    return -4;
+    return QX_INVALID;
   }
   const flow_view view(flow->flow_data.data, flow->flow_data.len);
   for (auto at = view.match(); at.more(); at.next()) {
@@ -125,7 +125,7 @@ std::int32_t ssc_kelim_pick_out_inport_phyid(const SPolicyKelim__Flow *flow) {
 std::int32_t ssc_kelim_pick_out_outport_phyid(const SPolicyKelim__Flow *flow) {
   if (!flow->flow_data.data) {
     SDN_ERROR(" flow_entry.flow_data.data is NULL\n");
-    return -4;
+    return QX_INVALID;
   }
   const flow_view view(flow->flow_data.data, flow->flow_data.len);
   if (view.ends_at_match()) {

@@ -145,12 +145,12 @@ void ssc_kelim_add_flow_to_ace(const SPolicyKelim__FlowToAce *rec) {
   const flow_info_node *node = ssc_kelim_find_flow_node(&node_key);
   if (!node) {
     SDN_ERROR("flow node add failed. index:%lu, vsd_id:%d", key.flow_index, key.vsd_id);
-    ssc_sdn_process_flow_install_result(key.vsd_id, key.flow_index, -4);
+    ssc_sdn_process_flow_install_result(key.vsd_id, key.flow_index, QX_INVALID);
     return;
   }
   flow.flow_data = {node->raw_len, node->raw};
 
-  std::int32_t rv = -2;
+  std::int32_t rv = QX_NO_MEMORY;
   {
     translation made({rec->ace, rec->n_ace});
     if (made.translate(*node)) {
@@ -169,7 +169,7 @@ std::int32_t ssc_kelim_del_flow_to_ace(const SPolicyKelim__FlowToAce *rec) {
   flow.index = &key;
   if (ssc_kelim_mom_del(&flow.base) != 0) {
     SDN_ERROR("ssc sdn del flow FAIL!");
-    return -11;
+    return QX_NOT_POSTED;
   }
   return 0;
 }

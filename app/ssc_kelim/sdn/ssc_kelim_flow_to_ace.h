@@ -11,5 +11,5 @@
 // ssc_sdn_process_flow_install_result.
 void ssc_kelim_add_flow_to_ace(const SPolicyKelim__FlowToAce *rec);
 
-// Deletes that flow record. 0, or -11.
+// Deletes that flow record. 0, or QX_NOT_POSTED.
 std::int32_t ssc_kelim_del_flow_to_ace(const SPolicyKelim__FlowToAce *rec);

@@ -136,7 +136,7 @@ constexpr Intake kAddFlow = {
       if (const std::int32_t code = needs_msg(request); code != 0 || fits(request, kFlowFieldsEnd)) return code;
       SDN_ERROR_AS(request.intake.name, "invalid flow length! (para_len = %d, flow header length = %d)",
                    static_cast<int>(request.len), own_length(request));
-      return -4;
+      return QX_INVALID;
     },
     .accepted =
         [](const Request &request) {
@@ -164,7 +164,7 @@ constexpr Intake kDelFlow = {
       if (const std::int32_t code = needs_msg(request); code != 0 || fits(request, kFlowFieldsEnd)) return code;
       SDN_ERROR_AS(request.intake.name, "invalid flow length!(para_len = %d, flow header length = %d)",
                    static_cast<int>(request.len), own_length(request));
-      return -4;
+      return QX_INVALID;
     },
     .accepted =
         [](const Request &request) {
@@ -181,7 +181,7 @@ std::int32_t check_meter(const Request &request) {
   if (const std::int32_t code = needs_msg(request); code != 0 || fits(request, kMeterFieldsEnd)) return code;
   SDN_ERROR_AS(request.intake.name, "invalid meter length! (para_len = %d, meter header length = %d)",
                static_cast<int>(request.len), own_length(request));
-  return -4;
+  return QX_INVALID;
 }
 
 void reply_meter(const Request &request, std::int32_t code) {
@@ -304,7 +304,7 @@ constexpr Intake kStatistic = {
       if (const std::int32_t code = needs_msg(request); code != 0 || fits(request, southbound::kStatRequestLen)) return code;
       SDN_ERROR_AS(request.intake.name, "invalid sdn statistic msg  length! (para_len = %d, statistic msg header length = %d)",
                    static_cast<int>(request.len), own_length(request));
-      return -4;
+      return QX_INVALID;
     },
     .copy = &kPlainCopy<southbound::kStatRequestLen>,
     .hand_over_fault = &kelim::kError,
@@ -319,7 +319,7 @@ constexpr Intake kFlowCountConfig = {
       if (type_of(request) != southbound::kFlowCountConfig || has(request, southbound::kCountLen)) return 0;
       SDN_ERROR_AS(request.intake.name, "invalid flow count config length! (para_len = %d, shortest = %d)",
                    static_cast<int>(request.len), static_cast<int>(southbound::kCountLen));
-      return -4;
+      return QX_INVALID;
     },
     .copy = &kPlainCopy<southbound::kHeaderLen>,
     .hand_over_fault = &kelim::kError,
@@ -329,7 +329,7 @@ std::int32_t check_onc(const Request &request) {
   if (const std::int32_t code = needs_msg(request); code != 0 || has(request, southbound::kOncLen)) return code;
   SDN_ERROR_AS(request.intake.name, "invalid onc length! (para_len = %d, shortest = %d)", static_cast<int>(request.len),
                static_cast<int>(southbound::kOncLen));
-  return -4;
+  return QX_INVALID;
 }
 
 constexpr Intake onc_intake(const char *name, libss_pthrd_handler handler, sdn_opt_group group) {
@@ -355,12 +355,12 @@ constexpr Intake kPacketSignal = {
       const std::uint16_t type = type_of(request);
       if (type == southbound::kPktStart || type == southbound::kPktEnd) return 0;
       SDN_ERROR_AS(request.intake.name, "ss_head type is %u then will return fail\n", type);
-      return -11;
+      return QX_NOT_POSTED;
     },
     .copy = &kPacketSignalCopy,
     .failed =
         [](const Request &, std::int32_t code) {
-          if (code == -11) sdn_opt_cnt[SDN_OPT_DEL_ALL + SDN_OPT_FAILED]++;
+          if (code == QX_NOT_POSTED) sdn_opt_cnt[SDN_OPT_DEL_ALL + SDN_OPT_FAILED]++;
         },
     .hand_over_fault = &kelim::kError,
 };

@@ -2,8 +2,8 @@
 //
 // An intake runs on the service-library thread. It checks and copies the request, counts, times, and appends a handler; it parses
 // nothing and writes nothing. 0 means queued, not done. From then on the handler owns the copy and frees it with ssc_sdn_free.
-// Results of every intake: 0 queued; -4 no message, or one that is too short or disagrees with `len`; -2 out of memory; -11 not
-// queued.
+// Results of every intake: 0 queued; QX_INVALID no message, or one that is too short or disagrees with `len`; QX_NO_MEMORY out of
+// memory; QX_NOT_POSTED not queued.
 #pragma once
 
 #include <cstdint>

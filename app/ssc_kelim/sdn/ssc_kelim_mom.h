@@ -5,7 +5,7 @@
 // object of the type.
 //
 // Thread: main SDN thread.
-// Results: 0; -1 without a client handle (or record, where noted); -2 out of memory; else the client's own code.
+// Results: 0; QX_FAILED without a client handle (or record, where noted); QX_NO_MEMORY out of memory; else the client's own code.
 #pragma once
 
 #include <cstdint>
@@ -51,13 +51,13 @@ inline SPolicyKelim__MeterKey ssc_kelim_meter_key(std::uint32_t meter_id, std::u
 std::int32_t ssc_kelim_mom_set(const ProtobufCMessage *record, std::int32_t db);
 // Database 8.
 std::int32_t ssc_kelim_mom_set_with_ow(const ProtobufCMessage *record, std::int64_t ow);
-// Database 8; also -1 for a null record. Never logs.
+// Database 8; also QX_FAILED for a null record. Never logs.
 std::int32_t ssc_kelim_mom_del(const ProtobufCMessage *record);
 // The same in any database.
 std::int32_t ssc_kelim_mom_del_in(const ProtobufCMessage *record, std::int32_t db);
-// Database 8, 100 ms; also -1 for a null record.
+// Database 8, 100 ms; also QX_FAILED for a null record.
 std::int32_t ssc_kelim_mom_expire(const ProtobufCMessage *record);
-// Database 8: cancels a pending expiry; also -1 for a null record.
+// Database 8: cancels a pending expiry; also QX_FAILED for a null record.
 std::int32_t ssc_kelim_mom_del_expire(const ProtobufCMessage *record);
 // Database 8: calls `cb` with `arg` on every object of the record's type; never logs.
 std::int32_t ssc_kelim_mom_scan(const ProtobufCMessage *record, qx_mom_scan_cb cb, void *arg);

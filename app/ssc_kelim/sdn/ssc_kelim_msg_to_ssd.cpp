@@ -45,7 +45,7 @@ bool register_flow(std::uint32_t vsd_id, std::uint64_t flow_index, const void *m
   return rv == 0;
 }
 
-// Stores the parsed form for the application that turns it into entries. 0, -2, or -20.
+// Stores the parsed form for the application that turns it into entries. 0, QX_NO_MEMORY, or QX_UNSUPPORTED.
 std::int32_t ssc_sdn_add_flow_to_app(const flow_info_node &node) {
   SPolicyKelim__ParseFlowKey key = ssc_kelim_parse_flow_key(node.exp_app_type, node.flow_index, node.vsd_id);
   SPolicyKelim__ParseFlow record = S_POLICY_KELIM__PARSE_FLOW__INIT;
@@ -56,7 +56,7 @@ std::int32_t ssc_sdn_add_flow_to_app(const flow_info_node &node) {
     SDN_ERROR("parse_flow malloc failed. flow_index = %lu", node.flow_index);
   } else if (ssc_kelim_mom_set(&record.base, QX_MOM_APP_DB) != 0) {
     SDN_ERROR("ssc sdn add flow FAIL! flow_index:%lu, vsd_id:%d", node.flow_index, node.vsd_id);
-    rv = -20;
+    rv = QX_UNSUPPORTED;
   }
   ssc_sdn_free_parse_flow_members(&record);
   return rv;

@@ -19,7 +19,7 @@ std::int32_t ssc_sdn_del_flow(std::uint64_t flow_index, std::uint32_t vsd_id) {
   record.index = &key;
   if (ssc_kelim_mom_del_in(&record.base, QX_MOM_UDP_DB) == 0) return 0;
   SDN_ERROR("ssc sdn del flow FAIL!");
-  return -11;
+  return QX_NOT_POSTED;
 }
 
 // Deletes one scanned flow and its cache node. `arg` is the virtual switch that is being emptied.
@@ -33,7 +33,7 @@ int flow_scan_del_cb(const qx_obj *reply, void *arg) {
   flow_info_node *node = ssc_kelim_find_flow_node(&key);
   if (!node) {
     SDN_ERROR("flow node del failed.flow_index:%lu, vsd_id:%d", flow_index, *vsd_id);
-    return -7;
+    return QX_NOT_FOUND;
   }
   SDN_VER("mom_del flow_entry vsd:%d index:%lu", *vsd_id, flow_index);
   std::int32_t rv = 0;
@@ -53,15 +53,15 @@ int meter_scan_del_cb(const qx_obj *reply, void *arg) {
   const auto *holder = static_cast<const qx_mom_hash_value *>(reply->value);
   if (!holder) {
     SDN_ERROR("msg->value is NULL. msg->cmd:%d msg->flag:%d  \n", reply->cmd, reply->flag);
-    return -1;
+    return QX_FAILED;
   }
   if (!holder->record) {
     SDN_ERROR("hash value is NULL. msg->cmd:%d msg->flag:%d  \n", reply->cmd, reply->flag);
-    return -1;
+    return QX_FAILED;
   }
   if (holder->error_code != 0) {
     SDN_ERROR("error_code:%d msg->cmd:%d msg->flag:%d  \n", holder->error_code, reply->cmd, reply->flag);
-    return -1;
+    return QX_FAILED;
   }
   const auto *meter = reinterpret_cast<const SPolicyKelim__Meter *>(holder->record);
   const auto *vsd_id = static_cast<const std::uint32_t *>(arg);
@@ -102,7 +102,7 @@ std::int32_t ssc_sdn_del_parse_flow(std::uint64_t flow_index, std::uint32_t vsd_
   record.index = &key;
   if (ssc_kelim_mom_del_in(&record.base, QX_MOM_APP_DB) == 0) return 0;
   SDN_ERROR("ssc sdn del flow FAIL! flow_index:%lu, vsd_id:%d", flow_index, vsd_id);
-  return -11;
+  return QX_NOT_POSTED;
 }
 
 std::int32_t ssc_sdn_del_flow_to_sta(std::uint64_t flow_index, std::uint32_t vsd_id, std::uint32_t t_flow_type) {
@@ -111,7 +111,7 @@ std::int32_t ssc_sdn_del_flow_to_sta(std::uint64_t flow_index, std::uint32_t vsd
   record.index = &key;
   if (ssc_kelim_mom_del_in(&record.base, QX_MOM_APP_DB) == 0) return 0;
   SDN_ERROR("ssc sdn del flow sta FAIL! flow_index:%lu, vsd_id:%d", flow_index, vsd_id);
-  return -11;
+  return QX_NOT_POSTED;
 }
 
 std::int32_t ssc_sdn_del_app_records(std::uint64_t flow_index, std::uint32_t vsd_id) {
@@ -129,7 +129,7 @@ std::int32_t ssc_sdn_db_del_all_flow(std::uint32_t vsd_id) {
   const auto arg = new_scan_arg(vsd_id, __func__);
   if (!arg) {
     SDN_ERROR("SSC_SDN_MALLOC FAIL!");
-    return -2;
+    return QX_NO_MEMORY;
   }
   const std::int32_t rv = ssc_kelim_mom_scan(&every_flow.base, flow_scan_del_cb, arg.get());
   if (rv != 0) {
@@ -149,7 +149,7 @@ std::int32_t ssc_sdn_db_del_all_meter(std::uint32_t vsd_id) {
   const auto arg = new_scan_arg(vsd_id, __func__);
   if (!arg) {
     SDN_ERROR("SSC_SDN_MALLOC FAIL!");
-    return -2;
+    return QX_NO_MEMORY;
   }
   const std::int32_t rv = ssc_kelim_mom_scan(&every_meter.base, meter_scan_del_cb, arg.get());
   if (rv != 0) {

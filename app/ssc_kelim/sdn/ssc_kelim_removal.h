@@ -8,10 +8,10 @@
 // Removes the flow's records, cache node and queue node. 0 (also for an unknown flow), or an OR of failure codes.
 std::int32_t ssc_sdn_del_flow_related_data(std::uint32_t vsd_id, std::uint64_t flow_index);
 
-// Delete one record of database 4. 0, or -11.
+// Delete one record of database 4. 0, or QX_NOT_POSTED.
 std::int32_t ssc_sdn_del_parse_flow(std::uint64_t flow_index, std::uint32_t vsd_id);
 std::int32_t ssc_sdn_del_flow_to_sta(std::uint64_t flow_index, std::uint32_t vsd_id, std::uint32_t t_flow_type);
-// Delete both records of a service-chain flow there, whatever becomes of the first. 0, or -11.
+// Delete both records of a service-chain flow there, whatever becomes of the first. 0, or QX_NOT_POSTED.
 std::int32_t ssc_sdn_del_app_records(std::uint64_t flow_index, std::uint32_t vsd_id);
 
 // Deletes every flow of the virtual switch with its cache node, then empties the message queue: pending barriers are answered.

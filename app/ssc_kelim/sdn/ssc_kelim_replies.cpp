@@ -154,7 +154,7 @@ std::int32_t libproxy_fp_sdn_flow_table_capacity_notify() {
 std::int32_t libproxy_fp_sdn_send_ret_val(const void *msg, std::uint32_t len) {
   if (msg == nullptr) {
     PROXY_ERROR("msg null.");
-    return -4;
+    return QX_INVALID;
   }
   return of_ss_send_msg(msg, len);
 }

@@ -22,10 +22,10 @@ extern kelim::Word<std::uint32_t> g_lib_fp_sdn_tbl_pro;
 
 // ---- replies
 
-// A flow has failed. The code itself is not sent: 14 and -14 become "out of resources", everything else "failed".
+// A flow has failed. The code itself is not sent: 14 and QX_NO_ROOM become "out of resources", everything else "failed".
 void sdn_send_flow_ret_val_2_proxy(std::uint32_t vsd_id, std::uint64_t flow_index, std::int32_t ret_val);
 
-// A meter has failed: result 0 for 14 and -14, 1 for every other code.
+// A meter has failed: result 0 for 14 and QX_NO_ROOM, 1 for every other code.
 void sdn_send_meter_ret_val_2_proxy(std::uint32_t vsd_id, std::uint32_t meter_id, std::int32_t ret_val);
 
 // The counters of one flow: the running totals, not the last change.
@@ -47,7 +47,7 @@ void libproxy_fp_sdn_refuse_statistic(std::uint64_t flow_index);
 // Tells the controller side the capacity of the flow table. Result of of_ss_send_msg.
 std::int32_t libproxy_fp_sdn_flow_table_capacity_notify();
 
-// Sends a finished reply. Result of of_ss_send_msg, -4 for null.
+// Sends a finished reply. Result of of_ss_send_msg, QX_INVALID for null.
 std::int32_t libproxy_fp_sdn_send_ret_val(const void *msg, std::uint32_t len);
 
 // For tests only: versions and table properties back to 0.

@@ -35,13 +35,13 @@ using southbound::get;
 
 constexpr char kEnableLogName[] = "ssc_sdn_proc_enable_msg";
 
-// Traces the interfaces of an open or close message. 0, or -2.
+// Traces the interfaces of an open or close message. 0, or QX_NO_MEMORY.
 std::int32_t trace_interfaces(const void *msg, std::uint32_t count) {
   // Whole entries only, whatever the length says.
   const std::size_t bytes = count * sizeof(std::uint32_t);
   const sdn_ptr<std::uint32_t> list(
       static_cast<std::uint32_t *>(ssc_sdn_malloc(std::max<std::size_t>(1, bytes), kEnableLogName, __LINE__)));
-  if (!list) return -2;
+  if (!list) return QX_NO_MEMORY;
   std::memcpy(list.get(), static_cast<const std::byte *>(msg) + southbound::kHeaderLen, bytes);
   if (ssc_sdn_debug_sw & SDN_DBG_VER) {
     SDN_VER_AS(kEnableLogName, "%d", ssc_sdn_dump_sdn_ifx_array(list.get(), count));
@@ -88,7 +88,7 @@ int ssc_sdn_statistic_get_all_cnt_cb(const qx_obj *reply, void *) {
   const auto *counter = static_cast<const SPolicyKelim__FlowCounter *>(reply->value);
   if (!counter || !counter->index) {
     SDN_VER("msg->value == NULL\n");
-    return -4;
+    return QX_INVALID;
   }
   if (reply->cmd == QX_MOM_CMD_SET) ssc_sdn_reply_statistic(counter->index->flow_index, counter->packet_sum, counter->byte_sum);
   return 0;
@@ -203,7 +203,7 @@ std::int32_t ssc_sdn_proc_enable_msg(std::uint32_t vsd_id, const void *msg) {
   ssc_sdn_set_sdn_tbl_pro(get<std::uint16_t>(msg, southbound::kTable));
   if (len <= southbound::kHeaderLen) {
     SDN_NOTICE("(ifx_info.osh.length <= sizeof(struct of_ss_ifx))");
-    return -4;
+    return QX_INVALID;
   }
   const auto count = static_cast<std::uint32_t>((len - southbound::kHeaderLen) / sizeof(std::uint32_t));
   SDN_VER("enter, ifx_num: %d  ifx_info.osh.type:%d", count, type);
@@ -214,7 +214,7 @@ std::int32_t ssc_sdn_proc_enable_msg(std::uint32_t vsd_id, const void *msg) {
   }
   if (type != southbound::kOpen && type != southbound::kClose && type != southbound::kMgmtIfx) {
     SDN_ERROR("NOT SUPPORT NOW!");
-    rv = -20;
+    rv = QX_UNSUPPORTED;
   }
   SDN_VER("leave");
   return rv;

@@ -13,7 +13,7 @@ std::int32_t ssc_sdn_main_pthread_init() {
   ssc_sdn_mst = libss_pthrd_create_mst_withname("ssc_sdn_main_pthread_init");
   if (ssc_sdn_mst != nullptr) return 0;
   SDN_ERROR("ssc_sdn_mst = NULL, libss_pthrd_create_mst happen error");
-  return -11;
+  return QX_NOT_POSTED;
 }
 
 libss_pthrd_hdl *ssc_sdn_main_pthrd_add_handler(libss_pthrd_handler handler, void *data, std::uint32_t value) {

@@ -8,7 +8,7 @@
 // The list that the event timer drains. Created once, before the callbacks are registered.
 extern libss_pthrd_mst *ssc_sdn_mst;
 
-// Creates the main SDN list, once a process. 0, or -11.
+// Creates the main SDN list, once a process. 0, or QX_NOT_POSTED.
 std::int32_t ssc_sdn_main_pthread_init();
 // Appends to the main SDN list; result as libss_pthrd_add_hdl. Any thread.
 libss_pthrd_hdl *ssc_sdn_main_pthrd_add_handler(libss_pthrd_handler handler, void *data, std::uint32_t value);

@@ -266,13 +266,13 @@ std::int32_t queue_with_payload(const char *name, std::uint32_t type, std::uint6
   void *payload = ssc_sdn_malloc(size, name, __LINE__);
   if (payload == nullptr) {
     SDN_ERROR_AS(name, "%s", no_memory);
-    return -2;
+    return QX_NO_MEMORY;
   }
   Node *node = ssc_sdn_msg_queue_push_msg_node(static_cast<std::int32_t>(type), msg_id, ds_type);
   if (node == nullptr) {
     SDN_ERROR_AS(name, "insert msg_queue_node, error!");
     ssc_sdn_free(payload);
-    return -2;
+    return QX_NO_MEMORY;
   }
   std::memcpy(payload, bytes, size);
   node->payload = payload;
@@ -336,7 +336,7 @@ std::int32_t ssc_sdn_msg_queue_update_msg_node(std::uint32_t type, std::uint64_t
   Node *node = g_state.index.find(type, msg_id);
   if (node == nullptr) {
     SDN_ERROR("update msg node fail, Not find msg_node: %s, msg_id = %lu\n", sdn_oprate_text(type), msg_id);
-    return -7;
+    return QX_NOT_FOUND;
   }
   if (node->is_ret == 0 && g_state.head.holds(*node)) g_state.head.on_return(node);
   node->is_ret = 1;

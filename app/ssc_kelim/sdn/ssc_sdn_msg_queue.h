@@ -44,11 +44,12 @@ void ssc_sdn_msg_queue_init();
 // Appends a node without payload. Null when memory is short.
 ssc_sdn_msg_queue_node *ssc_sdn_msg_queue_push_msg_node(std::int32_t type, std::uint64_t msg_id, std::uint32_t ds_type);
 
-// Appends a flow add (flow index at byte 8 of the request) or a barrier (at least 24 bytes). 0, or -2 with the queue unchanged.
+// Appends a flow add (flow index at byte 8 of the request) or a barrier (at least 24 bytes). 0, or QX_NO_MEMORY with the queue
+// unchanged.
 std::int32_t ssc_sdn_msg_queue_alloc_flow_msg_node(const void *flow, std::uint32_t ds_type);
 std::int32_t ssc_sdn_msg_queue_alloc_barrier_msg_node(const void *barrier);
 
-// Marks the first node with this type and id as returned. 0, or -7 when there is none.
+// Marks the first node with this type and id as returned. 0, or QX_NOT_FOUND when there is none.
 std::int32_t ssc_sdn_msg_queue_update_msg_node(std::uint32_t type, std::uint64_t msg_id, std::uint32_t ret_val);
 
 // Marks the first flow node with this id as set.

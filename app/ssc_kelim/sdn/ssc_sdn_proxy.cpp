@@ -112,7 +112,7 @@ constexpr Registration kRegistrations[] = {
 }  // namespace
 
 std::int32_t libproxy_fp_sdn_dep_init(qx_global *global) {
-  if (global == nullptr) return -4;
+  if (global == nullptr) return QX_INVALID;
   if (g_registered) return 0;
   PROXY_VER_AS("libproxy_fp_sdn_connect", "enter");
   ss_of_init(global);
@@ -138,7 +138,7 @@ int libproxy_fp_sdn_op_flow(void *msg) {
 int libproxy_fp_sdn_op_meter(void *msg) {
   if (msg == nullptr) {
     PROXY_ERROR("meter null.");
-    return -4;
+    return QX_INVALID;
   }
   const auto command = field<std::uint16_t>(msg, southbound::kMeterCommand);
   const auto meter_id = field<std::uint32_t>(msg, southbound::kMeterId);
@@ -158,7 +158,7 @@ int libproxy_fp_sdn_op_meter(void *msg) {
 int libproxy_fp_sdn_statistic(void *msg) {
   if (msg == nullptr) {
     PROXY_ERROR("req null.");
-    return -4;
+    return QX_INVALID;
   }
   count(PROXY_OP_STATISTIC);
   PROXY_VER("sdn statistic.");
@@ -218,7 +218,7 @@ void libproxy_fp_sdn_del_all() {
 int libproxy_fp_sdn_barrier(void *msg) {
   if (msg == nullptr) {
     PROXY_ERROR("info null.");
-    return -4;
+    return QX_INVALID;
   }
   count(PROXY_OP_BARRIER);
   PROXY_BARRIER("type:%d, ver:%d, len:%d, table:%d, conn_id:%d, xid:%d, conn_ip:0x%x.",
@@ -235,7 +235,7 @@ int libproxy_fp_sdn_op_onc_info(void *msg) {
   constexpr std::uint16_t kAdd = 0, kDelete = 1;
   if (msg == nullptr) {
     PROXY_ERROR("onc_info null.");
-    return -4;
+    return QX_INVALID;
   }
   const auto command = field<std::uint16_t>(msg, southbound::kOncCommand);
   PROXY_VER("info addr:%p cmd:%d, ip:0x%x", msg, command, field<std::uint32_t>(msg, southbound::kOncAddress));
@@ -252,7 +252,7 @@ int libproxy_fp_sdn_op_onc_info(void *msg) {
 int libproxy_fp_sdn_pkt_start(void *msg) {
   if (msg == nullptr) {
     PROXY_ERROR("pkt_start null.");
-    return -4;
+    return QX_INVALID;
   }
   count(PROXY_OP_PKT_START);
   PROXY_VER("sdn pkt start.");
@@ -263,7 +263,7 @@ int libproxy_fp_sdn_pkt_start(void *msg) {
 int libproxy_fp_sdn_pkt_end(void *msg) {
   if (msg == nullptr) {
     PROXY_ERROR("ss_head null.");
-    return -4;
+    return QX_INVALID;
   }
   count(PROXY_OP_PKT_END);
   PROXY_VER("sdn pkt end.");
@@ -274,7 +274,7 @@ int libproxy_fp_sdn_pkt_end(void *msg) {
 int libproxy_fp_sdn_flowcount_config_para(void *msg) {
   if (msg == nullptr) {
     PROXY_ERROR("flowcnt_cfg null.\n");
-    return -4;
+    return QX_INVALID;
   }
   count(PROXY_OP_CONFIG);
   PROXY_VER("flow count config.\n");

@@ -15,7 +15,7 @@
 extern std::atomic<std::uint32_t> is_pi_connected_flag;
 extern std::atomic<std::uint32_t> is_framework_fetched_flag;
 
-// Registers the callbacks, once a process. 0, or -4 for null. Main SDN thread.
+// Registers the callbacks, once a process. 0, or QX_INVALID for null. Main SDN thread.
 std::int32_t libproxy_fp_sdn_dep_init(qx_global *global);
 
 // The database has loaded its data: the other half of the handshake. Main SDN thread.

@@ -107,7 +107,7 @@ void clear_commands() {
 extern "C" {
 
 int ssat_lib_init(qx_global *global, const char *name) {
-  if (global == nullptr || name == nullptr || *name == '\0') return -4;
+  if (global == nullptr || name == nullptr || *name == '\0') return QX_INVALID;
   if (const int rv = host::fault::check(host::fault::Point::ssat_init)) return rv;
   host::assert_loop_thread();
   host::control::g_modules.try_emplace(name);
@@ -116,13 +116,13 @@ int ssat_lib_init(qx_global *global, const char *name) {
 
 int ssat_reg_mod_cmd(const char *module, const char *command, const char *format, ssat_handler handler) {
   using namespace host::control;
-  if (module == nullptr || command == nullptr || *command == '\0' || format == nullptr || handler == nullptr) return -4;
+  if (module == nullptr || command == nullptr || *command == '\0' || format == nullptr || handler == nullptr) return QX_INVALID;
   if (const int rv = host::fault::check(host::fault::Point::ssat_reg)) return rv;
   host::assert_loop_thread();
   const auto it = g_modules.find(module);
-  if (it == g_modules.end()) return -7;
+  if (it == g_modules.end()) return QX_NOT_FOUND;
   auto arguments = parse_format(format);
-  if (!arguments) return -4;
-  return it->second.try_emplace(command, Command{format, std::move(*arguments), handler}).second ? 0 : -4;
+  if (!arguments) return QX_INVALID;
+  return it->second.try_emplace(command, Command{format, std::move(*arguments), handler}).second ? QX_OK : QX_INVALID;
 }
 }

@@ -187,7 +187,7 @@ extern "C" {
 
 int libddm_init(qx_global *global, const char *name) {
   using namespace host;
-  if (global == nullptr || name == nullptr) return -4;
+  if (global == nullptr || name == nullptr) return QX_INVALID;
   if (const int rv = fault::check(fault::Point::ddm_init)) return rv;
   if (ddm::g_watch) return 0;
   if (!ddm::watch_links()) log::warn("changes of interfaces go unnoticed, every question reads them anew: {}", strerror(errno));
@@ -196,11 +196,11 @@ int libddm_init(qx_global *global, const char *name) {
 }
 
 int libddm_get_phyid_by_ifx(uint32_t ifx, uint32_t *phyid) {
-  if (phyid == nullptr) return -4;
+  if (phyid == nullptr) return QX_INVALID;
   if (const int rv = host::fault::check(host::fault::Point::ddm_phyid)) return rv;
   const auto ports = host::ddm::ports();
   const auto *port = host::ddm::find(*ports, ifx);
-  if (port == nullptr) return -7;
+  if (port == nullptr) return QX_NOT_FOUND;
   *phyid = port->phyid;
   return 0;
 }

@@ -130,7 +130,7 @@ int start_watchdog(const char *marker) {
   const int asked = sd_watchdog_enabled(0, &period_us);
   if (asked < 0) {
     log::error("systemd's watchdog request cannot be read: {}", strerror(-asked));
-    return -1;
+    return QX_FAILED;
   }
   // Ready means that the loop turns.
   post([] { sd_notify(0, "READY=1"); });
@@ -161,7 +161,7 @@ int libss_fp_com_check_run(const char *pid_file) {
 }
 
 int libss_fp_com_ham_init(const char *marker_file, struct qx_zlog_category *) {
-  if (marker_file == nullptr) return -1;
+  if (marker_file == nullptr) return QX_FAILED;
   if (const int rv = host::fault::check(host::fault::Point::ham_init)) return rv;
   return host::start_watchdog(marker_file);
 }

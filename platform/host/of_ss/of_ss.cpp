@@ -122,7 +122,7 @@ int look_through_translations() {
   std::vector<Translation> stored;
   if (const int rv = stored_translations(global_handle, stored); rv != 0) return rv;
   const auto is_asked = [](Agent &a, const Translation &one) { return a.flows().table().by_index(one.index) != nullptr; };
-  if (!agent->run([&](Agent &a) { std::erase_if(stored, [&](const auto &one) { return is_asked(a, one); }); })) return -1;
+  if (!agent->run([&](Agent &a) { std::erase_if(stored, [&](const auto &one) { return is_asked(a, one); }); })) return QX_FAILED;
   return withdraw(global_handle, stored);
 }
 
@@ -205,7 +205,7 @@ void start_agent() {
 // Once every callback is there, the agent starts in a turn of its own: the daemon is still in the middle of its own start here.
 template <typename Callback>
 int put(Callback &slot, Callback cb) {
-  if (!cb) return -4;
+  if (!cb) return QX_INVALID;
   if (const int rv = fault::check(Point::of_register)) return rv;
   slot = cb;
   if (registered.complete() && !agent) post(start_agent);
@@ -215,7 +215,7 @@ int put(Callback &slot, Callback cb) {
 // ---- commands of the operator: kelimctl cmd of_ss ...
 
 int on_agent(std::function<void(Agent &)> work) {
-  return agent && agent->run(std::move(work)) ? 0 : -1;
+  return agent && agent->run(std::move(work)) ? QX_OK : QX_FAILED;
 }
 
 // What the agent takes over while it runs.
@@ -341,7 +341,7 @@ extern "C" {
 int ss_of_init(qx_global *global) {
   using namespace host::of_ss;
   if (const int rv = host::fault::check(Point::of_init)) return rv;
-  if (!global) return -1;
+  if (!global) return QX_FAILED;
   global_handle = global;
   watch_answers(
       [](Bytes answer) {
@@ -442,11 +442,11 @@ void ss_of_ds_fetch(void) {
 
 int of_ss_send_msg(const void *msg, uint32_t len) {
   using namespace host::of_ss;
-  if (!is_message(msg, len)) return -4;
+  if (!is_message(msg, len)) return QX_INVALID;
   if (const int rv = host::fault::check(Point::of_send)) return rv;
   const std::span bytes(static_cast<const std::byte *>(msg), len);
   tell(reply_tap, bytes);
-  if (!running) return held ? 0 : -1;
-  return put_in_inbox(bytes) ? 0 : -1;
+  if (!running) return held ? QX_OK : QX_FAILED;
+  return put_in_inbox(bytes) ? QX_OK : QX_FAILED;
 }
 }

@@ -46,7 +46,7 @@ int reload(std::vector<std::string> *lines) {
   Config fresh;
   if (const std::string error = config_reread(fresh); !error.empty()) {
     tell(false, error + "; nothing is changed");
-    return -4;
+    return QX_INVALID;
   }
   for (const Reloadable &service : g_services) {
     const Reloaded outcome = service.take(fresh);
@@ -54,7 +54,7 @@ int reload(std::vector<std::string> *lines) {
     if (outcome.done)
       config_taken_over(service.keys);
     else
-      rv = -1;
+      rv = QX_FAILED;
   }
   tell(true, waiting_for_a_start(fresh));
   if (!told) tell(true, runtime_name() + " has nothing to reload");

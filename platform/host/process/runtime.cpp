@@ -258,10 +258,10 @@ bool make_runtime(const char *name) {
   return start_services(*g_runtime);
 }
 
-// Runs the loop; -1 when libevent failed, 0 when it was ended or, with EVLOOP_ONCE in `flags`, after a turn.
+// Runs the loop; QX_FAILED when libevent failed, 0 when it was ended or, with EVLOOP_ONCE in `flags`, after a turn.
 int turn(int flags) {
   g_loop_thread = std::this_thread::get_id();
-  return event_base_loop(g_runtime->base.get(), flags) == -1 ? -1 : 0;
+  return event_base_loop(g_runtime->base.get(), flags) == -1 ? QX_FAILED : QX_OK;
 }
 
 }  // namespace
@@ -376,7 +376,7 @@ qx_global *qx_global_init(const char *name, void *) {
 }
 
 int qx_global_run(qx_global *global) {
-  if (global == nullptr || global != host::current_global()) return -1;
+  if (global == nullptr || global != host::current_global()) return QX_FAILED;
   host::tell_start();
   int rv = 0;
   while (!host::g_stop && rv == 0) rv = host::turn(EVLOOP_NO_EXIT_ON_EMPTY);
@@ -392,10 +392,10 @@ void qx_global_finish(qx_global *global) {
 int qx_thread_insert_timer_timeval(struct qx_thread_master *master, qx_thread *thread, int (*func)(qx_thread *), void *arg,
                                    long sec, long usec, const char *name) {
   using namespace std::chrono_literals;
-  if (master == nullptr || thread == nullptr || func == nullptr || master->finished) return -1;
+  if (master == nullptr || thread == nullptr || func == nullptr || master->finished) return QX_FAILED;
   if (const int rv = host::fault::check(host::fault::Point::timer_insert)) return rv;
   host::assert_loop_thread();
-  if (master->timers.armed(reinterpret_cast<uintptr_t>(thread->impl))) return -1;
+  if (master->timers.armed(reinterpret_cast<uintptr_t>(thread->impl))) return QX_FAILED;
   const auto id = host::TimerQueue::next_id();
   const bool is_owners = name != nullptr && host::g_runtime && host::g_runtime->name == name;
   try {
@@ -408,7 +408,7 @@ int qx_thread_insert_timer_timeval(struct qx_thread_master *master, qx_thread *t
       thread->func(thread);
     });
   } catch (const std::bad_alloc &) {
-    return -1;
+    return QX_FAILED;
   }
   if (is_owners) host::g_runtime->owner_timer = id;
   *thread = {.impl = std::bit_cast<void *>(id), .master = master, .func = func, .arg = arg, .name = name};

@@ -87,7 +87,7 @@ bool is_installed(qx_global *global, std::uint64_t index) {
 // The writing connection may still be under way here.
 template <typename Record>
 int withdraw(qx_global *global, const Translation &translation, Record record) {
-  constexpr int kNoSuchObject = -7;
+  constexpr int kNoSuchObject = QX_NOT_FOUND;
   SPolicyKelim__ParseFlowKey key = S_POLICY_KELIM__PARSE_FLOW_KEY__INIT;
   key.t_flow_type = translation.type;
   key.flow_index = translation.index;
