@@ -11,8 +11,8 @@ import sys
 ONE = (("only", "*"),)  # no order but that nothing leads round
 LAYERS = {
     "app": (
-        ("ground", "kelim_log southbound_read sdn_ptr handler_run"),
-        ("wire tables", "flow_walk flow_node flow_members oxm_table"),
+        ("ground", "kelim_log sdn_ptr handler_run"),
+        ("wire tables", "flow_node flow_members oxm_table"),
         ("records", "ssc_kelim_flow_parse ssc_kelim_flow_convert ssc_kelim_flow_db ssc_kelim_mom ssc_kelim_flow_store"),
         ("replies", "ssc_kelim_replies ssc_kelim_adapt"),
         ("queue", "ssc_kelim_ds_stage ssc_sdn_msg_queue"),

@@ -10,6 +10,7 @@
 #include "qx_zlog.h"
 #include "rdnd_lib.h"
 #include "southbound.h"
+#include "southbound_view.h"
 #include "ssat.h"
 #include "ut_ss_fp_appmng.h"
 

@@ -5,14 +5,14 @@
 #include <iterator>
 
 #include "kelim/common/kelim_debug.h"
-#include "ssc_kelim/sdn/flow_walk.h"
+#include "southbound_view.h"
 #include "ssc_kelim/sdn/oxm_table.h"
 
 namespace {
 
-using flow_walk::bytes;
-using flow_walk::flow_view;
-using flow_walk::read;
+using southbound::bytes;
+using southbound::flow_view;
+using southbound::read;
 
 constexpr std::uint32_t kUnknownSlot = 65535;
 constexpr char kActionLogName[] = "ssc_sdn_set_ace_one_action";

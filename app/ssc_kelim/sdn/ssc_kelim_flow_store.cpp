@@ -6,7 +6,7 @@
 #include "kelim/common/kelim_debug.h"
 #include "libddm.h"
 #include "lsm_if.h"
-#include "ssc_kelim/sdn/flow_walk.h"
+#include "southbound_view.h"
 #include "ssc_kelim/sdn/oxm_table.h"
 #include "ssc_kelim/sdn/ssc_kelim_mom.h"
 
@@ -16,8 +16,8 @@
 
 namespace {
 
-using flow_walk::flow_view;
-using flow_walk::read;
+using southbound::flow_view;
+using southbound::read;
 
 constexpr char kInLogName[] = "ssc_kelim_pick_out_inport_phyid";
 constexpr char kOutLogName[] = "ssc_kelim_pick_out_outport_phyid";

@@ -7,9 +7,9 @@
 
 #include "kelim/common/kelim_debug.h"
 #include "southbound.h"
+#include "southbound_view.h"
 #include "ssc_kelim/sdn/handler_run.h"
 #include "ssc_kelim/sdn/intake_run.h"
-#include "ssc_kelim/sdn/southbound_read.h"
 #include "ssc_kelim/sdn/ssc_kelim_data_sync.h"
 #include "ssc_kelim/sdn/ssc_kelim_msg_to_ssd.h"
 #include "ssc_kelim/sdn/ssc_kelim_replies.h"

@@ -5,7 +5,7 @@
 #include "kelim/common/kelim_debug.h"
 #include "of_ss.h"
 #include "southbound.h"
-#include "ssc_kelim/sdn/southbound_read.h"
+#include "southbound_view.h"
 #include "ssc_kelim/sdn/ssc_kelim_intake.h"
 #include "ssc_kelim/sdn/ssc_kelim_replies.h"
 #include "ssc_kelim/sdn/ssc_sdn_proxy_dbg.h"

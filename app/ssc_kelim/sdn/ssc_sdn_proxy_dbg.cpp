@@ -5,8 +5,7 @@
 #include "common/kelim_debug.h"
 #include "kelim/common/kelim_debug.h"
 #include "southbound.h"
-#include "ssc_kelim/sdn/flow_walk.h"
-#include "ssc_kelim/sdn/southbound_read.h"
+#include "southbound_view.h"
 #include "ssc_kelim/sdn/ssc_kelim_flow_parse.h"
 
 namespace {
@@ -140,7 +139,7 @@ void print_oxm_value(std::uint32_t word) {
   std::printf("\n oxm_value: 0x%x,", word);
 }
 
-flow_walk::flow_view view_of(const void *flow) {
+southbound::flow_view view_of(const void *flow) {
   return {flow, southbound::message_len(flow)};
 }
 
@@ -156,7 +155,7 @@ int libproxy_fp_sdn_dump_flow_key(std::span<const std::byte> key) {
   const auto length = southbound::read<std::uint16_t>(key, kLength);
   std::puts("**key start**");
   std::printf("type: 0x%x, length: %d.\n", southbound::read<std::uint16_t>(key, 0), length);
-  for (flow_walk::match_walk at(key.subspan(std::min(kFields, key.size())), length); at.more(); at.next()) {
+  for (southbound::match_walk at(key.subspan(std::min(kFields, key.size())), length); at.more(); at.next()) {
     print_oxm_value(at.word());
     if (libproxy_fp_sdn_get_key_field_len(at.word()) < 1 || !at.whole()) break;
     libproxy_fp_sdn_dump_flow_key_field(at.body(), at.word());
@@ -181,7 +180,7 @@ int libproxy_fp_sdn_dump_one_action(std::span<const std::byte> action, std::uint
 }
 
 int libproxy_fp_sdn_dump_flow_action(const void *flow) {
-  const flow_walk::flow_view view = view_of(flow);
+  const southbound::flow_view view = view_of(flow);
   if (view.ends_at_match()) {
     std::puts("has no action.");
     return 0;

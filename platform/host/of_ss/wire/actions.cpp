@@ -275,12 +275,11 @@ struct SouthboundAction {
 };
 
 bool next_action(Bytes &list, SouthboundAction &action) {
-  if (list.size() < 8) return false;
-  const auto length = sb::get<std::uint16_t>(list.data(), sb::kActionLen);
-  const std::size_t step = sb::action_step(length);
-  if (length < 8 || step > list.size()) return false;
-  action = {sb::get<std::uint16_t>(list.data(), sb::kActionType), list.first(step)};
-  list = list.subspan(step);
+  const sb::action_walk actions(list);
+  const Bytes entry = actions.entry();
+  if (!actions.whole() || entry.empty() || entry.size() % 8 != 0) return false;
+  action = {sb::get<std::uint16_t>(entry.data(), sb::kActionType), entry};
+  list = list.subspan(entry.size());
   return true;
 }
 

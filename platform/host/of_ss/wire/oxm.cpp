@@ -207,16 +207,16 @@ struct Slot {
 
 // Takes the next field off `slots`; no row at the end, or where the bytes are not a field.
 Slot next_slot(Bytes &slots) {
-  if (slots.size() < 8) return {};
-  const auto header = sb::get<std::uint32_t>(slots.data(), 0);
-  const std::size_t length = sb::oxm_slot(header);
+  const sb::match_walk fields(slots);
+  if (!fields.whole()) return {};
+  const std::uint32_t header = fields.word();
   const std::size_t number = header == sb::kOxmExpAppType ? kOxmAppType : header >> 9 & 0x7f;
-  if (length > slots.size() || number >= kOxmFields) return {};
+  if (number >= kOxmFields) return {};
   const OxmField &row = kTable[number];
   const bool masked = header >> 8 & 1 && number != kOxmAppType;
   if (southbound_header(row, masked) != header) return {};
-  const std::byte *value = slots.data() + 4;
-  slots = slots.subspan(length);
+  const std::byte *value = fields.body().data();
+  slots = slots.subspan(fields.entry().size());
   return {&row, value, masked ? value + row.width : nullptr};
 }
 

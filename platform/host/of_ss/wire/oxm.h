@@ -9,7 +9,7 @@
 #include <string>
 
 #include "host/of_ss/wire/wire.h"
-#include "southbound.h"
+#include "southbound_view.h"
 
 namespace host::of_ss {
 

@@ -1,4 +1,4 @@
-// Bounds-checked views of a received flow-mod: no read leaves its bytes.
+// Bounds-checked views of southbound messages (southbound.h): no read leaves the bytes. For C++; in C there is nothing here.
 //
 // Match fields and actions are lists of entries, whose first word gives their length. One walk serves both:
 //
@@ -12,24 +12,42 @@
 // Thread: any; views borrow the bytes.
 #pragma once
 
+#include "southbound.h"
+
+#ifdef __cplusplus
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <span>
 
-#include "southbound.h"
-#include "ssc_kelim/sdn/southbound_read.h"
-
-namespace flow_walk {
+namespace southbound {
 
 using bytes = std::span<const std::byte>;
 
-using southbound::read;
+// The length that the message gives in its header, which is how many bytes it has; 0 for null.
+inline std::uint16_t message_len(const void *msg) {
+  return msg != nullptr ? get<std::uint16_t>(msg, kLen) : std::uint16_t{0};
+}
+
+inline bytes message_bytes(const void *msg) {
+  return {static_cast<const std::byte *>(msg), message_len(msg)};
+}
+
+// The value at `offset`, zero-filled beyond the end of the bytes.
+template <typename T>
+T read(bytes from, std::size_t offset) {
+  T value{};
+  if (offset < from.size()) std::memcpy(&value, from.data() + offset, std::min(sizeof value, from.size() - offset));
+  return value;
+}
 
 // `Measure` computes an entry's length and the step to the next entry from its first word.
 template <typename Measure>
 class walk {
  public:
+  explicit walk(bytes list) : walk(list, list.size()) {}
   // `from` runs to the end of the message, `listed` is the length that the message gives for the list.
   walk(bytes from, std::size_t listed) : rest_(from.first(std::min(from.size(), listed))), missing_(listed - rest_.size()) {}
 
@@ -50,32 +68,33 @@ class walk {
 
 struct oxm_measure {
   static std::size_t length(std::uint32_t header) { return sizeof header + (header & 0xff); }
-  static std::size_t step(std::uint32_t header) { return southbound::oxm_slot(header); }
+  static std::size_t step(std::uint32_t header) { return oxm_slot(header); }
 };
 struct action_measure {
   static std::size_t length(std::uint32_t word) { return word >> 16; }
-  static std::size_t step(std::uint32_t word) { return southbound::action_step(static_cast<std::uint16_t>(word >> 16)); }
+  static std::size_t step(std::uint32_t word) { return action_step(static_cast<std::uint16_t>(word >> 16)); }
 };
 using match_walk = walk<oxm_measure>;
 using action_walk = walk<action_measure>;
 
 class flow_view {
  public:
+  explicit flow_view(bytes flow_mod) : bytes_(flow_mod) {}
   flow_view(const void *msg, std::size_t len) : bytes_(static_cast<const std::byte *>(msg), len) {}
 
   // False if the message ends before its match fields.
-  bool has_match() const { return bytes_.size() >= southbound::kFlowOxm; }
-  std::uint16_t match_len() const { return read<std::uint16_t>(bytes_, southbound::kFlowMatchLen); }
-  match_walk match() const { return {tail(southbound::kFlowOxm), match_len()}; }
+  bool has_match() const { return bytes_.size() >= kFlowOxm; }
+  std::uint16_t match_len() const { return read<std::uint16_t>(bytes_, kFlowMatchLen); }
+  match_walk match() const { return {tail(kFlowOxm), match_len()}; }
 
-  std::size_t instruction_offset() const { return southbound::flow_instruction_offset(match_len()); }
+  std::size_t instruction_offset() const { return flow_instruction_offset(match_len()); }
   // The message says that it ends where the instruction block would begin.
-  bool ends_at_match() const { return read<std::uint16_t>(bytes_, southbound::kLen) == instruction_offset(); }
+  bool ends_at_match() const { return read<std::uint16_t>(bytes_, kLen) == instruction_offset(); }
   // Length of the action list as given; 0 where the message ends before it.
   std::int32_t actions_len() const { return read<std::int32_t>(bytes_, instruction_offset()); }
   // A message that ends before its list gives a walk of one entry that is not whole.
   action_walk actions() const {
-    const std::size_t first = instruction_offset() + southbound::kInstructionLen;
+    const std::size_t first = instruction_offset() + kInstructionLen;
     if (bytes_.size() < first) return {bytes{}, 1};
     const std::int32_t listed = actions_len();
     return {tail(first), listed > 0 ? static_cast<std::size_t>(listed) : 0};
@@ -87,4 +106,6 @@ class flow_view {
   bytes bytes_;
 };
 
-}  // namespace flow_walk
+}  // namespace southbound
+
+#endif
