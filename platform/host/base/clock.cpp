@@ -4,15 +4,15 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <mutex>
 
+#include "host/base/mutex.h"
 #include "qx_runtime.h"
 
 namespace host::clock {
 namespace {
 
 // Writers and sleepers; reading the clock takes no lock. Never destroyed: threads of the daemon sleep until the process is gone.
-auto &g_mutex = *new std::mutex;
+auto &g_mutex = *new Mutex;
 auto &g_changed = *new std::condition_variable;
 std::atomic<std::int64_t> g_offset{0};      // ns that the host clock is ahead of CLOCK_MONOTONIC
 std::atomic<std::int64_t> g_stopped_at{0};  // where it stands; 0 while it goes
@@ -28,7 +28,7 @@ std::int64_t monotonic() {
 template <typename Change>
 void change(Change apply) {
   {
-    std::lock_guard lock(g_mutex);
+    const Lock lock(g_mutex);
     apply();
   }
   g_changed.notify_all();
@@ -67,9 +67,9 @@ void resume() {
 }
 
 void sleep_until(Time deadline) {
-  std::unique_lock lock(g_mutex);
+  Lock lock(g_mutex);
   g_sleeps.fetch_add(1, std::memory_order_release);
-  for (Time at = now(); at < deadline; at = now()) g_changed.wait_for(lock, deadline - at);  // in vain where the clock stands
+  for (Time at = now(); at < deadline; at = now()) lock.wait_for(g_changed, deadline - at);  // in vain where the clock stands
 }
 
 std::uint64_t sleeps() {

@@ -8,12 +8,12 @@
 #include <atomic>
 #include <cstring>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <utility>
 
 #include "host/base/clock.h"
 #include "host/base/loop.h"
+#include "host/base/mutex.h"
 #include "host/base/services.h"
 #include "host/base/timer_queue.h"
 #include "host/config/config.h"
@@ -75,13 +75,13 @@ std::optional<Ports> read_ports() {
 
 // ---- the table in force
 
-std::mutex g_mutex;  // of the two below
-std::shared_ptr<const Ports> g_ports;
-bool g_stale = true;
+Mutex g_mutex;
+std::shared_ptr<const Ports> g_ports KELIM_GUARDED_BY(g_mutex);
+bool g_stale KELIM_GUARDED_BY(g_mutex) = true;
 std::atomic<bool> g_watched{false};  // whether changes are noticed; the table is read anew for every question otherwise
 
 void look_again() {
-  std::lock_guard lock(g_mutex);
+  const Lock lock(g_mutex);
   g_stale = true;
 }
 
@@ -136,13 +136,13 @@ constexpr clock::Time kCountersKept = std::chrono::milliseconds(100);
 
 using CountersByIndex = std::map<std::uint32_t, Counters>;
 
-std::mutex g_counters_mutex;  // of the two below
-std::shared_ptr<const CountersByIndex> g_counters;
-clock::Time g_counters_read{};
+Mutex g_counters_mutex;
+std::shared_ptr<const CountersByIndex> g_counters KELIM_GUARDED_BY(g_counters_mutex);
+clock::Time g_counters_read KELIM_GUARDED_BY(g_counters_mutex){};
 
 // One question to the kernel gives the counters of all, so that whoever asks for port after port costs one.
 std::shared_ptr<const CountersByIndex> all_counters() {
-  const std::lock_guard lock(g_counters_mutex);
+  const Lock lock(g_counters_mutex);
   const clock::Time now = clock::now();
   if (g_counters && now - g_counters_read < kCountersKept) return g_counters;
   auto fresh = std::make_shared<CountersByIndex>();
@@ -156,7 +156,7 @@ std::shared_ptr<const CountersByIndex> all_counters() {
 
 // What cannot be read now has not gone: the latest that is known stands.
 std::shared_ptr<const Ports> ports() {
-  std::lock_guard lock(g_mutex);
+  const Lock lock(g_mutex);
   if (g_ports && !g_stale) return g_ports;
   if (auto fresh = read_ports()) {
     g_ports = std::make_shared<const Ports>(std::move(*fresh));

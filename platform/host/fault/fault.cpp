@@ -1,7 +1,8 @@
 #include "host/fault/fault.h"
 
 #include <array>
-#include <mutex>
+
+#include "host/base/mutex.h"
 
 namespace host::fault {
 namespace {
@@ -31,10 +32,10 @@ struct Rule {
   unsigned seen = 0;
 };
 
-std::mutex g_mutex;
-std::array<Rule, kPoints> g_rules;
+Mutex g_mutex;
+std::array<Rule, kPoints> g_rules KELIM_GUARDED_BY(g_mutex);
 
-Rule &rule(Point point) {
+Rule &rule(Point point) KELIM_REQUIRES(g_mutex) {
   return g_rules[static_cast<std::size_t>(point)];
 }
 
@@ -43,7 +44,7 @@ Rule &rule(Point point) {
 std::atomic<std::uint32_t> detail::rules_set{0};
 
 int detail::take(Point point) {
-  std::lock_guard lock(g_mutex);
+  const Lock lock(g_mutex);
   Rule &r = rule(point);
   if (!r.set) return 0;
   const unsigned n = r.seen++;
@@ -51,19 +52,19 @@ int detail::take(Point point) {
 }
 
 void fail(Point point, int rv, unsigned skip, unsigned count) {
-  std::lock_guard lock(g_mutex);
+  const Lock lock(g_mutex);
   if (!rule(point).set) detail::rules_set.fetch_add(1, std::memory_order_relaxed);
   rule(point) = {true, rv, skip, count, 0};
 }
 
 void clear() {
-  std::lock_guard lock(g_mutex);
+  const Lock lock(g_mutex);
   g_rules.fill({});
   detail::rules_set.store(0, std::memory_order_relaxed);
 }
 
 unsigned seen(Point point) {
-  std::lock_guard lock(g_mutex);
+  const Lock lock(g_mutex);
   return rule(point).seen;
 }
 

@@ -14,11 +14,11 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
 
+#include "host/base/mutex.h"
 #include "host/log/log.h"
 
 namespace host {
@@ -65,10 +65,11 @@ class Guard {
   void end() {
     if (getpid() != pid_) return;  // a child without the thread
     fflush(stdout);
-    std::unique_lock lock(mutex_);
+    Lock lock(mutex_);
     const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
     dup2(nowhere, STDOUT_FILENO);  // the thread sees the end of the pipe
-    if (ended_changed_.wait_for(lock, kLastWait, [this] { return ended_; })) dup2(before_, STDOUT_FILENO);
+    if (lock.wait_for(ended_changed_, kLastWait, [this]() KELIM_REQUIRES(mutex_) { return ended_; }))
+      dup2(before_, STDOUT_FILENO);
     close(nowhere);
   }
 
@@ -85,7 +86,7 @@ class Guard {
       if (ends[1].revents != 0) give();
       tell_dropped();
     }
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     ended_ = true;
     ended_changed_.notify_all();
   }
@@ -125,9 +126,9 @@ class Guard {
   const int before_, out_, in_;
   evbuffer *buffer_;  // the thread's, as is the count
   std::size_t dropped_ = 0;
-  std::mutex mutex_;
+  Mutex mutex_;
   std::condition_variable ended_changed_;
-  bool ended_ = false;
+  bool ended_ KELIM_GUARDED_BY(mutex_) = false;
 };
 
 // Never destroyed: threads may print until the process is gone.

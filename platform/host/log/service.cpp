@@ -13,10 +13,10 @@
 #include <cstdlib>
 #include <deque>
 #include <map>
-#include <mutex>
 #include <thread>
 #include <utility>
 
+#include "host/base/mutex.h"
 #include "host/base/reload.h"
 #include "host/config/config.h"
 #include "host/fault/fault.h"
@@ -50,34 +50,34 @@ class Service {
   void set_level(std::string_view name);
   std::string_view level() const;
   Counts counts() {
-    std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     return counts_;
   }
 
  private:
   bool keeps(Level level) const;
-  void expire(bool all);
+  void expire(bool all) KELIM_REQUIRES(mutex_);
   template <typename Done>
-  bool wait_for_writer(std::unique_lock<std::mutex> &lock, Done done);
+  bool wait_for_writer(Lock &lock, Done done) KELIM_REQUIRES(mutex_);
   void run();
   static void write_out(spdlog::sinks::sink &sink, const Line &line);
-  void push(Line &&line);
+  void push(Line &&line) KELIM_REQUIRES(mutex_);
 
-  std::mutex mutex_;
+  Mutex mutex_;
   std::condition_variable work_;     // for the writer
   std::condition_variable written_;  // for flush and close
-  std::deque<Line> queue_;
-  Repeats repeats_;
-  std::uint64_t dropped_ = 0;  // and not told of yet
-  Counts counts_;
-  bool open_ = false;
-  bool busy_ = false;  // the writer holds lines of its own
-  bool closing_ = false;
-  bool ended_ = false;                          // the writer has left
-  std::atomic<bool> stuck_{false};              // the writer did not leave in time
-  std::string ident_;                           // the program's name
-  std::shared_ptr<spdlog::sinks::sink> sink_;   // a writer that is stuck keeps its own
-  std::unique_ptr<spdlog::sinks::sink> fresh_;  // takes its place before the next line
+  std::deque<Line> queue_ KELIM_GUARDED_BY(mutex_);
+  Repeats repeats_ KELIM_GUARDED_BY(mutex_);
+  std::uint64_t dropped_ KELIM_GUARDED_BY(mutex_) = 0;  // and not told of yet
+  Counts counts_ KELIM_GUARDED_BY(mutex_);
+  bool open_ KELIM_GUARDED_BY(mutex_) = false;
+  bool busy_ KELIM_GUARDED_BY(mutex_) = false;  // the writer holds lines of its own
+  bool closing_ KELIM_GUARDED_BY(mutex_) = false;
+  bool ended_ KELIM_GUARDED_BY(mutex_) = false;                          // the writer has left
+  std::atomic<bool> stuck_{false};                                       // the writer did not leave in time
+  std::string ident_;                                                    // the program's name
+  std::shared_ptr<spdlog::sinks::sink> sink_;                            // a writer that is stuck keeps its own
+  std::unique_ptr<spdlog::sinks::sink> fresh_ KELIM_GUARDED_BY(mutex_);  // takes its place before the next line
   std::atomic<std::uint64_t> lines_out_{0};
   std::atomic<Level> threshold_{Level::debug};
   std::atomic<bool> off_{false};
@@ -115,7 +115,7 @@ std::string Service::open(const Config &config, const std::string &ident) {
     return "log." + config.log.target + " cannot be opened: " + e.what();
   }
   set_level(config.log.level);
-  std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   open_ = true;
   closing_ = false;
   ended_ = false;
@@ -145,7 +145,7 @@ Reloaded take_level(const Config &fresh) {
 
 void Service::close() {
   {
-    std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     if (!open_) return;
     expire(true);
     open_ = false;
@@ -153,8 +153,8 @@ void Service::close() {
   }
   work_.notify_one();
   // Standard error may be a pipe that nobody reads: then the writer never comes back, and is left behind with its sink.
-  std::unique_lock lock(mutex_);
-  if (wait_for_writer(lock, [this] { return ended_; })) {
+  Lock lock(mutex_);
+  if (wait_for_writer(lock, [this]() KELIM_REQUIRES(mutex_) { return ended_; })) {
     lock.unlock();
     writer_.join();
   } else {
@@ -171,7 +171,7 @@ Reloaded Service::reopen() {
   if (key.target != "file") return {};
   try {
     auto sink = make_sink(key, ident_);
-    std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     fresh_ = std::move(sink);
   } catch (const spdlog::spdlog_ex &e) {
     return {.text = std::string("log.file cannot be opened anew: ") + e.what(), .done = false};
@@ -180,17 +180,17 @@ Reloaded Service::reopen() {
 }
 
 void Service::flush() {
-  std::unique_lock lock(mutex_);
+  Lock lock(mutex_);
   if (!open_) return;
   expire(true);
   work_.notify_one();
-  wait_for_writer(lock, [this] { return queue_.empty() && !busy_; });
+  wait_for_writer(lock, [this]() KELIM_REQUIRES(mutex_) { return queue_.empty() && !busy_; });
 }
 
 // False when the target takes nothing any more.
 template <typename Done>
-bool Service::wait_for_writer(std::unique_lock<std::mutex> &lock, Done done) {
-  for (std::uint64_t before = lines_out_; !written_.wait_for(lock, kStuckTarget, done); before = lines_out_)
+bool Service::wait_for_writer(Lock &lock, Done done) {
+  for (std::uint64_t before = lines_out_; !lock.wait_for(written_, kStuckTarget, done); before = lines_out_)
     if (lines_out_ == before) return false;
   return true;
 }
@@ -203,7 +203,7 @@ bool Service::keeps(Level level) const {
 bool Service::wants(const LineView &place) {
   if (!keeps(place.level)) return false;
   if (place.level == Level::debug) return true;
-  std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   expire(false);
   return !repeats_.is_full(place);
 }
@@ -226,7 +226,7 @@ bool Service::take(const LineView &said) {
   LineView view = said;
   if (healthy) view.level = Level::debug;
   if (!keeps(view.level)) return true;
-  std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   if (!open_) return false;
   expire(false);
   if ((view.level == Level::debug && !healthy) || !repeats_.hides(view)) push(Line(view));
@@ -234,11 +234,14 @@ bool Service::take(const LineView &said) {
 }
 
 void Service::expire(bool all) {
-  repeats_.expire(all, [this](Line &&line) { push(std::move(line)); });
+  repeats_.expire(all, [this](Line &&line) {
+    mutex_.assert_held();
+    push(std::move(line));
+  });
 }
 
 bool Service::is_open() {
-  std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   return open_;
 }
 
@@ -254,13 +257,13 @@ void Service::push(Line &&line) {
 }
 
 void Service::run() {
-  std::unique_lock lock(mutex_);
-  const auto something = [this] { return !queue_.empty() || closing_; };
+  Lock lock(mutex_);
+  const auto something = [this]() KELIM_REQUIRES(mutex_) { return !queue_.empty() || closing_; };
   while (true) {
     if (repeats_.empty()) {
-      work_.wait(lock, something);
+      lock.wait(work_, something);
     } else {
-      work_.wait_for(lock, kCountsDue, something);
+      lock.wait_for(work_, kCountsDue, something);
       expire(false);
     }
     if (queue_.empty() && closing_) {
@@ -369,10 +372,10 @@ void detail::host_line(Level level, const char *file, const char *function, int 
 extern "C" {
 
 struct qx_zlog_category *qx_zlog_init(const char *name) {
-  static std::mutex mutex;
+  static host::Mutex mutex;
   static auto &categories = *new std::map<std::string, qx_zlog_category>;  // whoever holds one may log until the very end
   if (name == nullptr || host::fault::check(host::fault::Point::zlog_init) != 0 || !host::log::is_open()) return nullptr;
-  std::lock_guard lock(mutex);
+  const host::Lock lock(mutex);
   return &categories.try_emplace(name, qx_zlog_category{name}).first->second;
 }
 

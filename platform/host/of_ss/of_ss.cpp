@@ -6,12 +6,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
-#include <mutex>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <stdexcept>
 
 #include "host/base/loop.h"
+#include "host/base/mutex.h"
 #include "host/base/owner_timer.h"
 #include "host/base/reload.h"
 #include "host/base/services.h"
@@ -61,25 +61,28 @@ std::atomic<bool> running{false};
 std::atomic<bool> fetch_is_due{false};
 std::atomic<bool> held{false};
 
-// The taps; `tapped` spares untapped processes the lock.
-std::atomic<bool> tapped{false};
-std::mutex tap_mutex;
-std::function<void(std::span<const std::byte>)> reply_tap;
-std::function<void()> fetch_tap;
+// Who listens, for tests. Without anybody it takes no lock.
+template <typename... Args>
+class Tap {
+ public:
+  void set(std::function<void(Args...)> listener) {
+    const Lock lock(mutex_);
+    listener_ = std::move(listener);
+    is_set_.store(static_cast<bool>(listener_), std::memory_order_release);
+  }
+  void tell(Args... args) {
+    if (!is_set_.load(std::memory_order_acquire)) return;
+    const Lock lock(mutex_);
+    if (listener_) listener_(args...);
+  }
 
-template <typename Tap, typename... Args>
-void tell(Tap &tap, const Args &...args) {
-  if (!tapped.load(std::memory_order_acquire)) return;
-  const std::lock_guard lock(tap_mutex);
-  if (tap) tap(args...);
-}
-
-template <typename Tap>
-void set_tap(Tap &tap, Tap value) {
-  const std::lock_guard lock(tap_mutex);
-  tap = std::move(value);
-  tapped.store(reply_tap || fetch_tap, std::memory_order_release);
-}
+ private:
+  std::atomic<bool> is_set_{false};
+  Mutex mutex_;
+  std::function<void(Args...)> listener_ KELIM_GUARDED_BY(mutex_);
+};
+Tap<std::span<const std::byte>> reply_tap;
+Tap<> fetch_tap;
 
 void stop_agent() {
   running = false;
@@ -298,11 +301,11 @@ void hold_agent(bool hold) {
 }
 
 void set_reply_tap(std::function<void(std::span<const std::byte>)> tap) {
-  set_tap(reply_tap, std::move(tap));
+  reply_tap.set(std::move(tap));
 }
 
 void set_fetch_tap(std::function<void()> tap) {
-  set_tap(fetch_tap, std::move(tap));
+  fetch_tap.set(std::move(tap));
 }
 
 std::uint16_t listening_port(std::size_t n) {
@@ -436,7 +439,7 @@ int of_ss_regiter_del_all(of_ss_signal_cb cb) {
 void ss_of_ds_fetch(void) {
   using namespace host::of_ss;
   if (host::fault::check(Point::of_fetch)) return;
-  tell(fetch_tap);
+  fetch_tap.tell();
   fetch();
 }
 
@@ -445,7 +448,7 @@ int of_ss_send_msg(const void *msg, uint32_t len) {
   if (!is_message(msg, len)) return QX_INVALID;
   if (const int rv = host::fault::check(Point::of_send)) return rv;
   const std::span bytes(static_cast<const std::byte *>(msg), len);
-  tell(reply_tap, bytes);
+  reply_tap.tell(bytes);
   if (!running) return held ? QX_OK : QX_FAILED;
   return put_in_inbox(bytes) ? QX_OK : QX_FAILED;
 }

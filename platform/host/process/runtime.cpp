@@ -13,7 +13,6 @@
 #include <cassert>
 #include <cstdio>
 #include <cstdlib>
-#include <mutex>
 #include <new>
 #include <string>
 #include <thread>
@@ -21,6 +20,7 @@
 #include <vector>
 
 #include "host/base/loop.h"
+#include "host/base/mutex.h"
 #include "host/base/owner_timer.h"
 #include "host/base/reload.h"
 #include "host/base/services.h"
@@ -83,9 +83,9 @@ void end_loop(evutil_socket_t, short, void *) {
 
 // What other threads hand to the loop. It outlives the runtime, so that a late post from another thread finds a lock to take.
 struct Mailbox {
-  std::mutex mutex;
-  std::vector<std::function<void()>> work;
-  int wake_fd = -1;  // eventfd; -1 without a runtime
+  Mutex mutex;
+  std::vector<std::function<void()>> work KELIM_GUARDED_BY(mutex);
+  int wake_fd = -1;  // eventfd; -1 without a runtime. Written by the loop's thread with the mutex held, read there also without
 
   void wake() const {
     const std::uint64_t one = 1;
@@ -102,13 +102,13 @@ Mailbox &mailbox() {
 class OpenMailbox {
  public:
   OpenMailbox() {
-    std::lock_guard lock(mailbox().mutex);
+    const Lock lock(mailbox().mutex);
     mailbox().wake_fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     if (mailbox().wake_fd < 0) throw std::bad_alloc();
   }
   ~OpenMailbox() {
     std::vector<std::function<void()>> dropped;  // destroyed after the lock is given back: its destructors may post
-    std::lock_guard lock(mailbox().mutex);
+    const Lock lock(mailbox().mutex);
     dropped.swap(mailbox().work);
     ::close(std::exchange(mailbox().wake_fd, -1));
   }
@@ -160,7 +160,7 @@ std::vector<std::function<void()>> take_mail() {
   Mailbox &box = mailbox();
   [[maybe_unused]] const auto n = ::read(box.wake_fd, &count, sizeof count);
   std::vector<std::function<void()>> work;
-  std::lock_guard lock(box.mutex);
+  const Lock lock(box.mutex);
   work.swap(box.work);
   return work;
 }
@@ -272,7 +272,7 @@ event_base *loop_base() {
 
 void post(std::function<void()> work) {
   Mailbox &box = mailbox();
-  std::lock_guard lock(box.mutex);
+  const Lock lock(box.mutex);
   if (box.wake_fd < 0) return;
   box.work.push_back(std::move(work));
   if (box.work.size() == 1) box.wake();
@@ -292,7 +292,7 @@ const Histogram &owner_timer_runs() {
 
 void stop_loop() {
   Mailbox &box = mailbox();
-  std::lock_guard lock(box.mutex);
+  const Lock lock(box.mutex);
   if (box.wake_fd < 0) return;
   g_stop = true;
   box.wake();

@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <atomic>
-#include <mutex>
 #include <nlohmann/json.hpp>
 #include <vector>
 
 #include "host/base/clock.h"
+#include "host/base/mutex.h"
 #include "ut_ss_fp_appmng.h"
 
 namespace host::timing {
@@ -17,8 +17,8 @@ struct Published {
   const char *name;
 };
 
-std::mutex g_mutex;
-std::vector<Published> g_published;
+Mutex g_mutex;
+std::vector<Published> g_published KELIM_GUARDED_BY(g_mutex);
 
 // The records are plain words of the process that owns them; each is read and written whole.
 std::atomic_ref<std::uint64_t> word(const std::uint64_t &w) {
@@ -52,7 +52,7 @@ nlohmann::json row(const Published &p) {
 }  // namespace
 
 nlohmann::json view() {
-  std::lock_guard lock(g_mutex);
+  const Lock lock(g_mutex);
   nlohmann::json rows = nlohmann::json::array();
   for (const Published &p : g_published) rows.push_back(row(p));
   return rows;
@@ -82,7 +82,7 @@ void ut_ss_fp_appmng_time_stop(ut_ss_fp_appmng_time *record, uint32_t) {
 void ut_ss_fp_appmng_time_publish(const ut_ss_fp_appmng_time *record, const char *name) {
   using namespace host::timing;
   if (record == nullptr || name == nullptr) return;
-  std::lock_guard lock(g_mutex);
+  const host::Lock lock(g_mutex);
   if (std::none_of(g_published.begin(), g_published.end(), [&](const Published &p) { return p.record == record; }))
     g_published.push_back({record, name});
 }

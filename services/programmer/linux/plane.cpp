@@ -24,7 +24,7 @@ namespace {
 // What libbpf said last, for the one line; it would go to standard error.
 thread_local std::string g_complaint;
 
-int note(libbpf_print_level level, const char *format, va_list arguments) {
+[[gnu::format(printf, 2, 0)]] int note(libbpf_print_level level, const char *format, va_list arguments) {
   if (level != LIBBPF_WARN) return 0;
   char line[256];
   const int length = std::vsnprintf(line, sizeof line, format, arguments);

@@ -5,11 +5,11 @@
 
 #include <algorithm>
 #include <condition_variable>
-#include <mutex>
 #include <utility>
 
 #include "host/base/clock.h"
 #include "host/base/loop.h"
+#include "host/base/mutex.h"
 #include "host/log/log.h"
 #include "host/of_ss/desired/results.h"
 #include "host/of_ss/net/reply.h"
@@ -99,6 +99,8 @@ void Agent::start() {
 
 void Agent::main() {
   pthread_setname_np(pthread_self(), "openflow");
+  switch_.thread.bind();
+  switch_.flows.handover().bind_to_thread();
   switch_.flows.handover().connected();
   switch_.flows.handover().configure_reports(report_cells_, kReportPeriodSeconds);
   endpoints_.dial();
@@ -108,20 +110,21 @@ void Agent::main() {
 
 bool Agent::run(std::function<void(Agent &)> work) {
   struct Job {
-    std::mutex mutex;
+    Mutex mutex;
     std::condition_variable done;
-    bool ran = false, abandoned = false;
+    bool ran KELIM_GUARDED_BY(mutex) = false;
+    bool abandoned KELIM_GUARDED_BY(mutex) = false;
   };
   const auto job = std::make_shared<Job>();
   inbox_.post([this, job, work = std::move(work)] {
-    const std::lock_guard lock(job->mutex);
+    const Lock lock(job->mutex);
     if (job->abandoned) return;
     work(*this);
     job->ran = true;
     job->done.notify_one();
   });
-  std::unique_lock lock(job->mutex);
-  job->done.wait_for(lock, kRunLimit, [&job] { return job->ran; });
+  Lock lock(job->mutex);
+  lock.wait_for(job->done, kRunLimit, [&job]() KELIM_REQUIRES(job->mutex) { return job->ran; });
   job->abandoned = true;
   return job->ran;
 }

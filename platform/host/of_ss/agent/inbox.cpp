@@ -22,7 +22,6 @@ Inbox::~Inbox() {
   ::close(fd_);
 }
 
-// With the lock held.
 void Inbox::wake() {
   if (std::exchange(woken_, true)) return;
   const std::uint64_t one = 1;
@@ -32,7 +31,7 @@ void Inbox::wake() {
 bool Inbox::put(Bytes message) {
   const auto length = static_cast<Length>(message.size());
   const Bytes frame = std::as_bytes(std::span(&length, 1));
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   if (filling_.size() + frame.size() + message.size() > kBound) return false;
   filling_.insert(filling_.end(), frame.begin(), frame.end());
   filling_.insert(filling_.end(), message.begin(), message.end());
@@ -41,13 +40,13 @@ bool Inbox::put(Bytes message) {
 }
 
 void Inbox::post(std::function<void()> work) {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   work_.push_back(std::move(work));
   wake();
 }
 
 void Inbox::nudge() {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   wake();
 }
 
@@ -60,7 +59,7 @@ Inbox::Taken Inbox::take() {
   [[maybe_unused]] const auto read = ::read(fd_, &count, sizeof count);
   taken_.clear();
   if (taken_.capacity() > kKeptRoom) taken_.shrink_to_fit();
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   woken_ = false;
   std::swap(taken_, filling_);
   return {taken_, std::exchange(work_, {})};

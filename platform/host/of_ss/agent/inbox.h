@@ -6,9 +6,9 @@
 
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <vector>
 
+#include "host/base/mutex.h"
 #include "host/of_ss/wire/wire.h"
 
 namespace host::of_ss {
@@ -42,13 +42,14 @@ class Inbox {
   Taken take();
 
  private:
-  void wake();
+  void wake() KELIM_REQUIRES(mutex_);
 
   const int fd_;
-  std::mutex mutex_;
-  bool woken_ = false;
-  std::vector<std::byte> filling_, taken_;
-  std::vector<std::function<void()>> work_;
+  Mutex mutex_;
+  bool woken_ KELIM_GUARDED_BY(mutex_) = false;
+  std::vector<std::byte> filling_ KELIM_GUARDED_BY(mutex_);
+  std::vector<std::byte> taken_;  // openflow thread
+  std::vector<std::function<void()>> work_ KELIM_GUARDED_BY(mutex_);
 };
 
 }  // namespace host::of_ss

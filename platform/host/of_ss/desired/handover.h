@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <span>
 
+#include "host/base/thread_bound.h"
 #include "host/of_ss/desired/callbacks.h"
 #include "host/of_ss/desired/flow_table.h"
 #include "host/of_ss/wire/wire.h"
@@ -24,6 +25,8 @@ class Handover {
  public:
   explicit Handover(const Callbacks &callbacks) : callbacks_(callbacks) {}
 
+  // To be called once on the openflow thread: other threads may not call any more.
+  void bind_to_thread() { thread_.bind(); }
   // Calls so far.
   std::uint64_t calls() const { return calls_; }
 
@@ -54,12 +57,14 @@ class Handover {
  private:
   template <typename Callback, typename... Message>
   void call(Callback callback, Message... message) {
+    thread_.check();
     ++calls_;
     callback(message...);
   }
   void list_interfaces(southbound::MsgType type, of_ss_msg_cb callback, std::span<const std::uint32_t> interfaces);
 
   const Callbacks &callbacks_;
+  ThreadBound thread_;
   std::uint64_t calls_ = 0;
 };
 

@@ -338,6 +338,10 @@ struct MultipartRow {
   Verdict (*handle)(Switch &, Connection &, Bytes);
 };
 
+const char *name_of(MultipartType type) {
+  return command_name(kMultipartRequest, static_cast<std::uint8_t>(type));
+}
+
 constexpr std::array<MultipartRow, kMultipartTypes> kMultiparts{{
     {kDesc, 0, false, desc},
     {kFlow, 40, true, flow_stats},
@@ -372,10 +376,10 @@ Verdict handle_multipart(Switch &sw, Connection &connection, Bytes request) {
   if (type >= kMultiparts.size()) return refuse(err::kBadMultipart, "multipart", "unknown type of multipart request");
   const MultipartRow &row = kMultiparts[type];
   if (be16(request, 10) & kMore && type != kTableFeatures)
-    return refuse(err::kMultipartOverflow, command_name(kMultipartRequest, row.type), "the request has one part");
+    return refuse(err::kMultipartOverflow, name_of(row.type), "the request has one part");
   const std::size_t body = request.size() - kBody;
   if (body < row.body || (body > row.body && !row.more))
-    return refuse(err::kBadLen, command_name(kMultipartRequest, row.type), "the length of the request is wrong");
+    return refuse(err::kBadLen, name_of(row.type), "the length of the request is wrong");
   return row.handle(sw, connection, request);
 }
 

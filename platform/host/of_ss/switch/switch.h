@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "host/base/clock.h"
+#include "host/base/thread_bound.h"
 #include "host/of_ss/desired/flows.h"
 #include "host/of_ss/desired/meters.h"
 #include "host/of_ss/desired/trace.h"
@@ -55,9 +56,13 @@ class Switch {
         monitors(above.monitors) {}
 
   // Monotonic nanoseconds, of the turn of the loop.
-  std::int64_t now() const { return now_ns_; }
+  std::int64_t now() const {
+    thread.check();
+    return now_ns_;
+  }
   // At the beginning of a turn: reads the clock, unless that has been done in it.
   void look_at_clock() {
+    thread.check();
     if (clock_is_fresh_) return;
     now_ns_ = clock::now().count();
     trace.set_time(now_ns_);
@@ -78,6 +83,7 @@ class Switch {
   }
 
   const SwitchSettings settings;
+  ThreadBound thread;
   Trace trace;
   Flows flows;
   Meters meters;
