@@ -5,7 +5,7 @@ SHELL := /bin/bash
 .DEFAULT_GOAL := help
 .SUFFIXES:
 
-# Which build `make build`, `make test`, `make run` and `make demo` use: release, dev, asan or tsan.
+# Which build `make build`, `make test`, `make run` and `make demo` use: release, dev, asan, tsan or clang.
 PRESET ?= release
 # Passed on to ctest, for example: make test ARGS="-R barrier"
 ARGS ?=
@@ -24,7 +24,7 @@ sources = $(shell git ls-files '*.cpp' '*.h')
 help: ## this list
 	@echo "make demo is the place to begin. Targets:"
 	@sed -nE 's/^([a-z0-9-]+):.*## (.*)/  \1\t\2/p' Makefile | expand -t 18
-	@echo "PRESET=release|dev|asan|tsan chooses the build, ARGS=... is handed to ctest (make test ARGS=\"-R barrier\")."
+	@echo "PRESET=release|dev|asan|tsan|clang chooses the build, ARGS=... is handed to ctest (make test ARGS=\"-R barrier\")."
 
 .PHONY: demo
 demo: ## shows the daemon at work with a real OpenFlow client, and checks what it shows
@@ -133,6 +133,11 @@ bench-compare: ## holds the daemon against Open vSwitch, and the road over Redis
 format: ## formats the C++ sources in place
 	$(call packages,format)
 	@clang-format -i $(sources)
+
+.PHONY: clang
+clang: ## builds the programs with clang, for its warnings and its analysis of locks
+	$(call packages)
+	$(call build,clang,$(programs))
 
 .PHONY: tidy
 tidy: ## checks the C++ sources with clang-tidy and clang-format
