@@ -59,13 +59,6 @@ Database *Hub::database(int32_t number) {
   return found == databases_.end() ? nullptr : &*found;
 }
 
-Slot &Hub::slot(Database &db, const RecordType &type) {
-  if (db.slots.size() <= type.id()) db.slots.resize(type.id() + 1);
-  auto &slot = db.slots[type.id()];
-  if (!slot) slot.reset(new Slot{db, type, {}, {}, {}});
-  return *slot;
-}
-
 int Hub::connect(Database &db, qx_mom_connect_cb callback, const char *label) {
   db.connecting.push_back({callback, label});
   const int rv = store_->connect(db);

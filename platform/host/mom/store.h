@@ -11,21 +11,16 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <vector>
 
-#include "host/mom/record_type.h"
+#include "host/mom/database.h"
 #include "qx_mom.h"
 
 namespace mom {
 
-struct Slot;
-struct Database;
-
 // What a whole type's expiry is longer by for each object that it holds, several times as long as it takes to write one anew: who
 // renews a large type object by object is never overtaken by its expiry.
 inline constexpr std::chrono::microseconds kExpiryPerObject(100);
-
-// What became of an object.
-enum class Change : uint8_t { created, rewritten, deleted, published };
 
 // Looks at an object of a scan; the bytes live until it returns. False ends the scan.
 using Visitor = std::function<bool(const Key &key, Bytes packed)>;
