@@ -14,7 +14,7 @@ constexpr size_t kWalkStep = 512;
 
 }  // namespace
 
-Embedded::Embedded(Hub &hub) : hub_(hub), timer_([this] { sweep(); }) {}
+Embedded::Embedded(StoreEvents &events, TurnQueue &later) : events_(events), later_(later), timer_([this] { sweep(); }) {}
 
 int Embedded::connect_sync(Database &db) {
   db.sync_up = true;
@@ -22,7 +22,7 @@ int Embedded::connect_sync(Database &db) {
 }
 
 int Embedded::connect(Database &db) {
-  hub_.later().act([this, &db] { hub_.connected(db); });
+  later_.act([this, &db] { events_.connected(db); });
   return 0;
 }
 
@@ -121,7 +121,7 @@ int Embedded::pexpire(Slot &slot, const Key *key, uint32_t ms, qx_mom_done_cb do
     table.own.set(*key, due);
   }
   arm();
-  if (done) hub_.later().act([done] { done(); });
+  if (done) later_.act([done] { done(); });
   return 0;
 }
 
@@ -145,7 +145,7 @@ int Embedded::del_expired(Slot &, int64_t) {
 // ---- objects
 
 void Embedded::notify(Table &table, Change change, const ObjectRef &object) {
-  if (table.slot.heard()) hub_.later().notify(table.slot, change, object);
+  if (table.slot.heard()) later_.notify(table.slot, change, object);
 }
 
 int Embedded::write(Table &table, const SortedIndex::Place &place, const Key &key, Bytes packed) {
@@ -199,7 +199,7 @@ int Embedded::publish(Slot &slot, Bytes packed) {
   if (!slot.topic.admit(packed.size())) return -14;
   ObjectRef object = ObjectRef::make(packed, {});
   if (!object) return -1;
-  hub_.later().notify(slot, Change::published, std::move(object));
+  later_.notify(slot, Change::published, std::move(object));
   return 0;
 }
 
@@ -246,7 +246,7 @@ int Embedded::visit_sync(Slot &slot, std::span<const Key> keys, const Visitor &v
 }
 
 bool Embedded::subscribe(Slot &, std::function<void()> live) {
-  hub_.later().act(std::move(live));
+  later_.act(std::move(live));
   return true;
 }
 

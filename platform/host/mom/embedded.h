@@ -13,14 +13,15 @@
 
 #include "host/base/timer.h"
 #include "host/mom/expiry.h"
-#include "host/mom/hub.h"
 #include "host/mom/sorted_index.h"
+#include "host/mom/store.h"
+#include "host/mom/turn_queue.h"
 
 namespace mom {
 
 class Embedded final : public Store {
  public:
-  explicit Embedded(Hub &hub);
+  Embedded(StoreEvents &events, TurnQueue &later);
 
   const char *kind() const override { return "embedded"; }
   int connect_sync(Database &db) override;
@@ -67,7 +68,8 @@ class Embedded final : public Store {
   bool sweep_template(Table &table);
   void sweep_own(Table &table, Time now);
 
-  Hub &hub_;
+  StoreEvents &events_;
+  TurnQueue &later_;
   std::deque<std::unique_ptr<Table>> tables_;
   std::vector<std::vector<Table *>> by_slot_;  // by database, by RecordType::id()
   host::Timer timer_;

@@ -16,7 +16,7 @@
 
 namespace mom {
 
-class Hub {
+class Hub final : public StoreEvents {
  public:
   Hub();
   ~Hub();
@@ -45,17 +45,18 @@ class Hub {
   // The same, and none refuses writes.
   bool takes_writes() const;
 
-  // ---- what a store reports
+  // ---- what the store reports
 
-  // The connection asked for first among those waiting is up.
-  void connected(Database &db);
-  // The connection changed; types of qx_mom.h. After 1 and 2 every subscription gets its data-fetch signal again.
-  void reconnect(Database &db, int32_t type);
-  // Writes were lost, or what was there has gone, though the connection held: every subscription gets its data-fetch signal
-  // again.
-  void look_again(Database &db);
-  // `key` where the store knows it: what the log shows of bytes that are no record.
-  void deliver(Slot &slot, Change change, Bytes packed, const Key *key = nullptr);
+  // Answers the connect that has waited longest.
+  void connected(Database &db) override;
+  void disconnected(Database &db) override { db.up = false; }
+  void reconnect(Database &db, int32_t type) override;
+  void look_again(Database &db) override;
+  void deliver(Slot &slot, Change change, Bytes packed, const Key *key = nullptr) override;
+  // Counts; the first of each kind and type is logged with its key. Whatever names no record type of ours is of one type,
+  // "foreign".
+  void skip(const char *kind, const std::string &key) override;
+  void count_refused(size_t writes) override { refused_ += writes; }
 
   // ---- decoding
 
@@ -65,14 +66,11 @@ class Hub {
   // The same as an object of its own, released with free_object; null for such bytes.
   qx_obj *make_object(Slot &slot, const Key &key, Bytes packed);
 
-  // Counts what was found in the database or in a notification and cannot be used; the first of each kind and type is logged with
-  // its key. Whatever names no record type of ours is of one type, "foreign".
-  void skip(const char *kind, const std::string &key);
+  // How many of each kind and type were skipped.
   const std::unordered_map<std::string, uint64_t> &skipped() const { return skipped_; }
 
   uint64_t delivered() const { return delivered_; }
   // Writes that were accepted and that the database then refused.
-  void count_refused(size_t writes) { refused_ += writes; }
   uint64_t refused() const { return refused_; }
 
  private:

@@ -48,8 +48,10 @@ std::string_view word_in(std::string_view line, std::string_view key) {
 
 }  // namespace
 
-RedisLink::RedisLink(Hub &hub, Database &db, const Endpoint &endpoint, std::chrono::milliseconds dead_after, Events events)
-    : hub_(hub),
+RedisLink::RedisLink(StoreEvents &store_events, TurnQueue &later, Database &db, const Endpoint &endpoint,
+                     std::chrono::milliseconds dead_after, Events events)
+    : store_events_(store_events),
+      later_(later),
       db_(db),
       endpoint_(endpoint),
       dead_after_(dead_after),
@@ -223,9 +225,9 @@ void RedisLink::greet_subscriber() {
 void RedisLink::flushed() {
   if (!up_) return;
   host::log::error("database {}: {}: the server was told to forget everything (FLUSHALL, FLUSHDB)", db_.number, endpoint_.url);
-  hub_.later().act([this] {
+  later_.act([this] {
     events_.unsure();
-    hub_.look_again(db_);
+    store_events_.look_again(db_);
   });
 }
 
@@ -249,11 +251,11 @@ void RedisLink::come_up() {
                      same        ? "the same"
                      : successor ? "a following"
                                  : "another");
-  hub_.later().act([this, again, type, generation] {
+  later_.act([this, again, type, generation] {
     if (!up_ || generation != generation_) return;
     events_.up();
-    if (again) hub_.reconnect(db_, type);
-    for (size_t waiting = db_.connecting.size(); waiting > 0; --waiting) hub_.connected(db_);
+    if (again) store_events_.reconnect(db_, type);
+    for (size_t waiting = db_.connecting.size(); waiting > 0; --waiting) store_events_.connected(db_);
   });
 }
 
@@ -268,14 +270,14 @@ void RedisLink::fail(const std::string &why) {
   probe_timer_.cancel();
   db_.refusing.clear();
   const bool was_up = std::exchange(up_, false);
-  if (was_up) db_.up = false;
+  if (was_up) store_events_.disconnected(db_);
   release_all();
   if (why != last_failure_) host::log::error("database {}: {}: {}", db_.number, endpoint_.url, why);
   last_failure_ = why;
   if (generation_ > 0) {
     const int32_t type = was_up ? 0 : 3;
-    hub_.later().act([this, type] {
-      if (!up_) hub_.reconnect(db_, type);
+    later_.act([this, type] {
+      if (!up_) store_events_.reconnect(db_, type);
     });
   }
   if (was_up && std::chrono::steady_clock::now() - came_up_ >= kStable) backoff_ = kFirstBackoff;
@@ -377,13 +379,13 @@ void RedisLink::answer(const redisReply *reply) {
   release(answer.charge);
   if (!reply) return;
   const redisReply *error = error_in(reply);
-  if (error && answer.charge.slot) hub_.count_refused(answer.charge.writes);
+  if (error && answer.charge.slot) store_events_.count_refused(answer.charge.writes);
   if (error && !is_refusal(text_of(error))) {
     fail("the server refused a write: " + std::string(text_of(error)));
     return;
   }
   if (error) note_refusal(text_of(error));
-  if (answer.done && !error) hub_.later().act([done = answer.done] { done(); });
+  if (answer.done && !error) later_.act([done = answer.done] { done(); });
   if (more_ && sent_.empty()) go_on(reply);
   feed();
 }
@@ -395,7 +397,7 @@ void RedisLink::go_on(const redisReply *reply) {
     next.done = more_done_;
     queue_.push_front(std::move(next));
   } else if (more_done_) {
-    hub_.later().act([done = more_done_] { done(); });
+    later_.act([done = more_done_] { done(); });
   }
 }
 
@@ -409,7 +411,7 @@ void RedisLink::note_refusal(std::string_view why) {
   host::log::error("database {}: {}: the server refuses writes; what is stored stays: {}", db_.number, endpoint_.url, why);
   probe_wait_ = kFirstProbe;
   probe_timer_.arm(probe_wait_);
-  hub_.later().act([this] { events_.unsure(); });
+  later_.act([this] { events_.unsure(); });
 }
 
 void RedisLink::probe() {
@@ -422,7 +424,7 @@ void RedisLink::probe() {
     }
     db_.refusing.clear();
     host::log::error("database {}: {}: the server takes writes again", db_.number, endpoint_.url);
-    hub_.later().act([this] { hub_.look_again(db_); });
+    later_.act([this] { store_events_.look_again(db_); });
   });
 }
 

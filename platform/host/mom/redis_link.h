@@ -12,9 +12,10 @@
 #include <vector>
 
 #include "host/base/timer.h"
-#include "host/mom/hub.h"
 #include "host/mom/redis_pipe.h"
 #include "host/mom/redis_sentinel.h"
+#include "host/mom/store.h"
+#include "host/mom/turn_queue.h"
 
 namespace mom {
 
@@ -36,7 +37,8 @@ class RedisLink {
         unsure;  // what is stored may be other than what was written: writes are refused, or all has been deleted
   };
 
-  RedisLink(Hub &hub, Database &db, const Endpoint &endpoint, std::chrono::milliseconds dead_after, Events events);
+  RedisLink(StoreEvents &store_events, TurnQueue &later, Database &db, const Endpoint &endpoint,
+            std::chrono::milliseconds dead_after, Events events);
   ~RedisLink();
 
   void start();  // harmless when started
@@ -105,7 +107,8 @@ class RedisLink {
   void release_all();
   void look();
 
-  Hub &hub_;
+  StoreEvents &store_events_;
+  TurnQueue &later_;
   Database &db_;
   Endpoint endpoint_;
   std::chrono::milliseconds dead_after_;  // without any answer

@@ -25,8 +25,9 @@ constexpr auto kProbeEvery = 50ms;
 
 }  // namespace
 
-RedisStore::RedisStore(Hub &hub, Endpoint endpoint, const host::Config::Mom &config)
-    : hub_(hub),
+RedisStore::RedisStore(StoreEvents &events, TurnQueue &later, Endpoint endpoint, const host::Config::Mom &config)
+    : events_(events),
+      later_(later),
       endpoint_(std::move(endpoint)),
       limit_(config.sync_timeout_ms),
       dead_after_(config.dead_after_ms),
@@ -94,10 +95,10 @@ int RedisStore::connect(Database &db) {
     events.message = [this, &base](std::string_view channel, std::string_view payload) { message(base, channel, payload); };
     events.unsure = [this, &base] { unsure(base); };
     events.subscribed = [this, &base](std::string_view channel) { subscribed(base, channel); };
-    base.link = std::make_unique<RedisLink>(hub_, db, endpoint_, dead_after_, std::move(events));
+    base.link = std::make_unique<RedisLink>(events_, later_, db, endpoint_, dead_after_, std::move(events));
     base.link->start();
   } else if (base.link->is_up()) {
-    hub_.later().act([this, &db] { hub_.connected(db); });
+    later_.act([this, &db] { events_.connected(db); });
   }
   return 0;
 }
@@ -109,9 +110,9 @@ void RedisStore::up(Base &base) {
     table->known.clear();
     table->channel_live = table->channel_asked;
     table->gone_live = table->gone_asked;
-    // After an interruption the hub repeats what it is owed.
+    // After an interruption the client repeats what it is owed.
     for (auto &live : std::exchange(table->waiting, {}))
-      if (base.link->generation() == 1) hub_.later().act(std::move(live));
+      if (base.link->generation() == 1) later_.act(std::move(live));
   }
 }
 
@@ -139,7 +140,7 @@ bool RedisStore::is_stored(Table &table, const Key &key) {
 // nothing: who writes would take that for the end of it. What is stored goes on being true until everybody looks again.
 int RedisStore::write(Table &table, const Key &key, Bytes packed, int64_t tag) {
   if (!table.slot.db.refusing.empty()) {
-    hub_.count_refused(1);
+    events_.count_refused(1);
     return is_stored(table, key) ? 0 : -14;
   }
   if (!table.slot.topic.admit(packed.size())) return -14;
@@ -201,7 +202,7 @@ void RedisStore::joined(Table &table) {
 
 void RedisStore::plan_flush(Base &base) {
   if (std::exchange(base.flush_planned, true)) return;
-  hub_.later().act([this, &base] {
+  later_.act([this, &base] {
     base.flush_planned = false;
     flush(base);
   });
@@ -403,7 +404,7 @@ int RedisStore::get_sync(Slot &slot, const Key &key, std::vector<uint8_t> &packe
   if (reply->type == REDIS_REPLY_NIL) return -7;
   const auto record = reply->type == REDIS_REPLY_STRING ? record_in(text_of(reply.get())) : std::nullopt;
   if (!record) {
-    hub_.skip("the value is none of ours", object);
+    events_.skip("the value is none of ours", object);
     return kForeign;
   }
   packed.assign(record->begin(), record->end());
@@ -422,7 +423,7 @@ bool RedisStore::read_some_members(Table &table, std::string &cursor, size_t abo
     if (auto key = table.slot.type.parse_member(text_of(member))) {
       keys.push_back(std::move(*key));
     } else {
-      hub_.skip("the index names an object that cannot be", table.prefix + std::string(text_of(member)));
+      events_.skip("the index names an object that cannot be", table.prefix + std::string(text_of(member)));
     }
   }
   return true;
@@ -452,7 +453,7 @@ RedisStore::Visited RedisStore::visit_batch(Table &table, std::span<const Key> k
     if (reply->element[i]->type == REDIS_REPLY_NIL || deleted.contains(keys[i])) continue;  // gone, or not ours to read
     const auto record = record_in(text_of(reply->element[i]));
     if (!record) {
-      hub_.skip("the value is none of ours", objects[i]);
+      events_.skip("the value is none of ours", objects[i]);
     } else if (!visit(keys[i], *record)) {
       return Visited::ended;
     }
@@ -524,7 +525,7 @@ bool RedisStore::subscribe(Slot &slot, std::function<void()> live) {
   Table &table = this->table(slot);
   if (!table.base.link) return false;
   if (table.channel_live) {
-    hub_.later().act(std::move(live));
+    later_.act(std::move(live));
     return true;
   }
   table.waiting.push_back(std::move(live));
@@ -555,21 +556,21 @@ void RedisStore::notifications(Table &table, std::string_view payload, Take take
   do {
     const auto next = Notification::take(payload);
     if (!next) {
-      hub_.skip("a notification of no known layout", table.prefix + std::string(payload.substr(0, 32)));
+      events_.skip("a notification of no known layout", table.prefix + std::string(payload.substr(0, 32)));
       return;
     }
     if (next->change == Change::published) {
-      hub_.deliver(table.slot, next->change, next->packed);
+      events_.deliver(table.slot, next->change, next->packed, nullptr);
     } else if (const auto key = table.slot.type.parse_member(next->member)) {
       (this->*take)(table, *key, *next);
     } else {
-      hub_.skip("a notification of an object that cannot be", table.prefix + std::string(next->member));
+      events_.skip("a notification of an object that cannot be", table.prefix + std::string(next->member));
     }
   } while (!payload.empty());
 }
 
 void RedisStore::heard(Table &table, const Key &key, const Notification &notification) {
-  if (notification.change != Change::deleted) return hub_.deliver(table.slot, notification.change, notification.packed, &key);
+  if (notification.change != Change::deleted) return events_.deliver(table.slot, notification.change, notification.packed, &key);
   table.known.erase(key);
   deleted(table, key, notification.packed.subspan(std::min(kTagSize, notification.packed.size())));
 }
@@ -582,12 +583,12 @@ void RedisStore::expired(Base &base, std::string_view object) {
   const RecordType *type = RecordType::named(object.substr(0, object.find(':')));
   const auto key = type ? type->parse(object) : std::nullopt;
   if (!key) {
-    hub_.skip("the expiry of an object that cannot be", std::string(object));
+    events_.skip("the expiry of an object that cannot be", std::string(object));
     return;
   }
-  Table &table = this->table(hub_.slot(base.db, *type));
+  Table &table = this->table(base.db.slot(*type));
   table.known.erase(*key);
-  if (table.expired.empty()) hub_.later().act([this, &table] { forget_expired(table); });
+  if (table.expired.empty()) later_.act([this, &table] { forget_expired(table); });
   table.expired.emplace_back(object.substr(table.prefix.size()));
   deleted(table, *key, {});
 }
@@ -595,9 +596,9 @@ void RedisStore::expired(Base &base, std::string_view object) {
 // Without a last record its key has to do.
 void RedisStore::deleted(Table &table, const Key &key, Bytes packed) {
   if (!packed.empty()) {
-    hub_.deliver(table.slot, Change::deleted, packed, &key);
+    events_.deliver(table.slot, Change::deleted, packed, &key);
   } else if (table.slot.heard()) {
-    hub_.deliver(table.slot, Change::deleted, table.slot.type.key_only(key), &key);
+    events_.deliver(table.slot, Change::deleted, table.slot.type.key_only(key), &key);
   }
 }
 

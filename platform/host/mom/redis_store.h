@@ -27,19 +27,20 @@
 #include <vector>
 
 #include "host/config/config.h"
-#include "host/mom/hub.h"
 #include "host/mom/key_set.h"
 #include "host/mom/redis_endpoint.h"
 #include "host/mom/redis_layout.h"
 #include "host/mom/redis_link.h"
 #include "host/mom/redis_scripts.h"
 #include "host/mom/redis_sync.h"
+#include "host/mom/store.h"
+#include "host/mom/turn_queue.h"
 
 namespace mom {
 
 class RedisStore final : public Store {
  public:
-  RedisStore(Hub &hub, Endpoint endpoint, const host::Config::Mom &config);
+  RedisStore(StoreEvents &events, TurnQueue &later, Endpoint endpoint, const host::Config::Mom &config);
   ~RedisStore() override;
 
   // Looks whether the server can be used at all, waiting a little for it to start and longer for it to load. "" or why not.
@@ -159,7 +160,8 @@ class RedisStore final : public Store {
   void deleted(Table &table, const Key &key, Bytes packed);
   void forget_expired(Table &table);
 
-  Hub &hub_;
+  StoreEvents &events_;
+  TurnQueue &later_;
   Endpoint endpoint_;
   std::chrono::milliseconds limit_;  // of a synchronous call
   std::chrono::milliseconds dead_after_;

@@ -23,12 +23,12 @@ Hub *living = nullptr;  // from qx_global_init to qx_global_finish; a process th
 // "" or why there is no store.
 std::string choose_store(Hub &hub, const host::Config::Mom &mom) {
   if (mom.url == "embedded:") {
-    hub.adopt(std::make_unique<Embedded>(hub));
+    hub.adopt(std::make_unique<Embedded>(hub, hub.later()));
     return "";
   }
   Endpoint endpoint;
   if (std::string why = configured_endpoint(mom, &endpoint); !why.empty()) return why;
-  auto store = std::make_unique<RedisStore>(hub, std::move(endpoint), mom);
+  auto store = std::make_unique<RedisStore>(hub, hub.later(), std::move(endpoint), mom);
   std::string why = store->probe();
   hub.adopt(std::move(store));
   return why;

@@ -1,8 +1,8 @@
 // What an object store offers to the client (hub.h): objects by type and key, expiry, tags. Two stores implement it, in the
 // process's own memory (embedded.h) and in Redis (redis_store.h). Loop's thread.
 //
-// A store knows bytes and keys, not records. What happens it reports to its hub, never from inside the call that caused it.
-// Results are those of qx_mom.h.
+// A store knows bytes and keys, not records. What happens it reports as StoreEvents, in a later turn than the call that caused it
+// (turn_queue.h). Results are those of qx_mom.h.
 #pragma once
 
 #include <chrono>
@@ -25,6 +25,31 @@ inline constexpr std::chrono::microseconds kExpiryPerObject(100);
 // Looks at an object of a scan; the bytes live until it returns. False ends the scan.
 using Visitor = std::function<bool(const Key &key, Bytes packed)>;
 
+// What a store reports to the client.
+class StoreEvents {
+ public:
+  // The connection is up; once for each Store::connect().
+  virtual void connected(Database &db) = 0;
+  // The connection is lost: calls fail from here on, and a reconnect type follows in a later turn. The only event that may come
+  // from inside a call.
+  virtual void disconnected(Database &db) = 0;
+  // The connection changed; types of qx_mom.h. After 1 and 2 every subscription gets its data-fetch signal again.
+  virtual void reconnect(Database &db, int32_t type) = 0;
+  // Writes were lost, or what was there has gone, though the connection held: every subscription gets its data-fetch signal
+  // again.
+  virtual void look_again(Database &db) = 0;
+  // An object changed. `key` where the store knows it: what the log shows of bytes that are no record.
+  virtual void deliver(Slot &slot, Change change, Bytes packed, const Key *key) = 0;
+  // Something in the database, or in a notification, cannot be used. `kind` is a literal, `key` names the object or what stands
+  // in its place.
+  virtual void skip(const char *kind, const std::string &key) = 0;
+  // The database refused writes that had been accepted.
+  virtual void count_refused(size_t writes) = 0;
+
+ protected:
+  ~StoreEvents() = default;
+};
+
 class Store {
  public:
   virtual ~Store() = default;
@@ -32,7 +57,7 @@ class Store {
   virtual const char *kind() const = 0;
 
   virtual int connect_sync(Database &db) = 0;
-  // Reports Hub::connected when the connection is up, once a call.
+  // Reports StoreEvents::connected when the connection is up.
   virtual int connect(Database &db) = 0;
 
   // Written without a tag, the object has none afterwards.

@@ -5,7 +5,6 @@
 #include <chrono>
 
 #include "host/base/loop.h"
-#include "host/mom/hub.h"
 
 namespace mom {
 
@@ -53,7 +52,7 @@ void TurnQueue::perform(Item &item) {
     return;
   }
   auto &notification = std::get<Notification>(item);
-  hub_.deliver(*notification.slot, notification.change, notification.object->packed());
+  events_.deliver(*notification.slot, notification.change, notification.object->packed(), nullptr);
   notification.slot->topic.release(notification.object->size);
 }
 

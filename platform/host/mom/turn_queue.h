@@ -14,11 +14,10 @@ struct event;
 
 namespace mom {
 
-class Hub;
-
 class TurnQueue {
  public:
-  explicit TurnQueue(Hub &hub) : hub_(hub) {}
+  // Notifications go to `events`.
+  explicit TurnQueue(StoreEvents &events) : events_(events) {}
   ~TurnQueue();
 
   // Takes the notification into the slot's topic until it is delivered.
@@ -39,7 +38,7 @@ class TurnQueue {
   void run();
   void perform(Item &item);
 
-  Hub &hub_;
+  StoreEvents &events_;
   std::deque<Item> queue_;
   struct FreeEvent {
     void operator()(event *handle) const;
