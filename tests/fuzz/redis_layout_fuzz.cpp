@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "host/mom/hub.h"
-#include "host/mom/redis_layout.h"
-#include "host/mom/render.h"
+#include "host/mom/record/render.h"
+#include "host/mom/redis/layout.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include "host/base/loop.h"
 #include "host/config/config.h"
 #include "host/mom/hub.h"
-#include "host/mom/redis_sync.h"
+#include "host/mom/redis/sync.h"
 #include "host/mom/views.h"
 #include "qx_mom.h"
 

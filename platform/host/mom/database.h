@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "host/cgst/cgst.h"
-#include "host/mom/record_type.h"
+#include "host/mom/record/record_type.h"
 #include "qx_mom.h"
 
 namespace mom {

@@ -5,7 +5,7 @@
 
 #include "host/base/services.h"
 #include "host/log/log.h"
-#include "host/mom/render.h"
+#include "host/mom/record/render.h"
 
 namespace mom {
 

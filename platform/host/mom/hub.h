@@ -8,8 +8,8 @@
 #include <unordered_map>
 #include <vector>
 
-#include "host/mom/arena.h"
 #include "host/mom/database.h"
+#include "host/mom/record/arena.h"
 #include "host/mom/store.h"
 #include "host/mom/turn_queue.h"
 #include "qx_mom.h"

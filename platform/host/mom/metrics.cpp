@@ -4,7 +4,7 @@
 
 #include "host/metrics/metrics.h"
 #include "host/mom/hub.h"
-#include "host/mom/round_trips.h"
+#include "host/mom/redis/round_trips.h"
 
 namespace mom {
 namespace {

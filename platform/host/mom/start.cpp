@@ -4,10 +4,10 @@
 
 #include "host/base/services.h"
 #include "host/config/config.h"
-#include "host/mom/embedded.h"
+#include "host/mom/embedded/embedded.h"
 #include "host/mom/hub.h"
 #include "host/mom/metrics.h"
-#include "host/mom/redis_store.h"
+#include "host/mom/redis/redis_store.h"
 #include "host/mom/testing.h"
 #include "host/mom/views.h"
 

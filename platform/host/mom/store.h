@@ -1,5 +1,5 @@
 // What an object store offers to the client (hub.h): objects by type and key, expiry, tags. Two stores implement it, in the
-// process's own memory (embedded.h) and in Redis (redis_store.h). Loop's thread.
+// process's own memory (embedded/) and in Redis (redis/). Loop's thread.
 //
 // A store knows bytes and keys, not records. What happens it reports as StoreEvents, in a later turn than the call that caused it
 // (turn_queue.h). Results are those of qx_mom.h.

@@ -7,7 +7,7 @@
 #include <memory>
 #include <variant>
 
-#include "host/mom/object.h"
+#include "host/mom/record/object.h"
 #include "host/mom/store.h"
 
 struct event;

@@ -14,7 +14,7 @@
 #include "host/control/status.h"
 #include "host/metrics/health.h"
 #include "host/mom/hub.h"
-#include "host/mom/render.h"
+#include "host/mom/record/render.h"
 
 namespace mom {
 

@@ -3,7 +3,7 @@
 #include <memory>
 #include <span>
 
-#include "host/mom/record_type.h"
+#include "host/mom/record/record_type.h"
 
 namespace mom {
 

@@ -1,4 +1,4 @@
-#include "host/mom/sorted_index.h"
+#include "host/mom/record/sorted_index.h"
 
 namespace mom {
 

@@ -1,4 +1,4 @@
-#include "host/mom/embedded.h"
+#include "host/mom/embedded/embedded.h"
 
 #include <algorithm>
 #include <chrono>

@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "host/base/timer.h"
-#include "host/mom/redis_pipe.h"
-#include "host/mom/redis_sentinel.h"
+#include "host/mom/redis/pipe.h"
+#include "host/mom/redis/sentinel.h"
 #include "host/mom/store.h"
 #include "host/mom/turn_queue.h"
 

@@ -5,7 +5,7 @@
 #include <set>
 
 #include "host/base/clock.h"
-#include "host/mom/key.h"
+#include "host/mom/record/key.h"
 
 namespace mom {
 

@@ -1,4 +1,4 @@
-#include "host/mom/redis_endpoint.h"
+#include "host/mom/redis/endpoint.h"
 
 #include <netdb.h>
 #include <sys/socket.h>

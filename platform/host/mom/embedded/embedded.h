@@ -12,8 +12,8 @@
 #include <memory>
 
 #include "host/base/timer.h"
-#include "host/mom/expiry.h"
-#include "host/mom/sorted_index.h"
+#include "host/mom/embedded/expiry.h"
+#include "host/mom/record/sorted_index.h"
 #include "host/mom/store.h"
 #include "host/mom/turn_queue.h"
 

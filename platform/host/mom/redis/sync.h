@@ -7,8 +7,8 @@
 #include <span>
 #include <string>
 
-#include "host/mom/redis_endpoint.h"
-#include "host/mom/redis_stream.h"
+#include "host/mom/redis/endpoint.h"
+#include "host/mom/redis/stream.h"
 
 namespace mom {
 

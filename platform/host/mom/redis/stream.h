@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "host/mom/redis_endpoint.h"
+#include "host/mom/redis/endpoint.h"
 #include "host/tls/tls.h"
 
 namespace mom {

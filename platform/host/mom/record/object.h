@@ -10,7 +10,7 @@
 #include <string_view>
 #include <utility>
 
-#include "host/mom/record_type.h"
+#include "host/mom/record/record_type.h"
 
 namespace mom {
 

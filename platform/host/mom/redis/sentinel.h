@@ -5,7 +5,7 @@
 #include <string>
 
 #include "host/base/timer.h"
-#include "host/mom/redis_pipe.h"
+#include "host/mom/redis/pipe.h"
 
 namespace mom {
 

@@ -1,4 +1,4 @@
-#include "host/mom/redis_layout.h"
+#include "host/mom/redis/layout.h"
 
 #include <algorithm>
 #include <utility>

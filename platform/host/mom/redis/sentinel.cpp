@@ -1,4 +1,4 @@
-#include "host/mom/redis_sentinel.h"
+#include "host/mom/redis/sentinel.h"
 
 #include <utility>
 

@@ -1,4 +1,4 @@
-#include "host/mom/render.h"
+#include "host/mom/record/render.h"
 
 #include <arpa/inet.h>
 

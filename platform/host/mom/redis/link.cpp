@@ -1,10 +1,10 @@
-#include "host/mom/redis_link.h"
+#include "host/mom/redis/link.h"
 
 #include <algorithm>
 #include <utility>
 
 #include "host/log/log.h"
-#include "host/mom/redis_scripts.h"
+#include "host/mom/redis/scripts.h"
 
 namespace mom {
 

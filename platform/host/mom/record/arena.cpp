@@ -1,4 +1,4 @@
-#include "host/mom/arena.h"
+#include "host/mom/record/arena.h"
 
 #include <algorithm>
 #include <new>

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "host/mom/redis_stream.h"
+#include "host/mom/redis/stream.h"
 
 namespace mom {
 

@@ -10,7 +10,7 @@
 #include <memory>
 #include <vector>
 
-#include "host/mom/object.h"
+#include "host/mom/record/object.h"
 
 namespace mom {
 

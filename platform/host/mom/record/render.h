@@ -11,7 +11,7 @@
 #include <string_view>
 #include <vector>
 
-#include "host/mom/record_type.h"
+#include "host/mom/record/record_type.h"
 
 namespace mom {
 

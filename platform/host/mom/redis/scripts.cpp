@@ -1,4 +1,4 @@
-#include "host/mom/redis_scripts.h"
+#include "host/mom/redis/scripts.h"
 
 #include <openssl/sha.h>
 

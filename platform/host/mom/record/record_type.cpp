@@ -1,4 +1,4 @@
-#include "host/mom/record_type.h"
+#include "host/mom/record/record_type.h"
 
 #include <algorithm>
 #include <array>

@@ -7,7 +7,7 @@
 #include <set>
 #include <vector>
 
-#include "host/mom/key.h"
+#include "host/mom/record/key.h"
 
 namespace mom {
 

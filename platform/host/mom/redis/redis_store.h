@@ -27,12 +27,12 @@
 #include <vector>
 
 #include "host/config/config.h"
-#include "host/mom/key_set.h"
-#include "host/mom/redis_endpoint.h"
-#include "host/mom/redis_layout.h"
-#include "host/mom/redis_link.h"
-#include "host/mom/redis_scripts.h"
-#include "host/mom/redis_sync.h"
+#include "host/mom/record/key_set.h"
+#include "host/mom/redis/endpoint.h"
+#include "host/mom/redis/layout.h"
+#include "host/mom/redis/link.h"
+#include "host/mom/redis/scripts.h"
+#include "host/mom/redis/sync.h"
 #include "host/mom/store.h"
 #include "host/mom/turn_queue.h"
 

@@ -1,4 +1,4 @@
-#include "host/mom/redis_stream.h"
+#include "host/mom/redis/stream.h"
 
 #include <arpa/inet.h>
 #include <netdb.h>

@@ -1,4 +1,4 @@
-#include "host/mom/key_set.h"
+#include "host/mom/record/key_set.h"
 
 #include <utility>
 

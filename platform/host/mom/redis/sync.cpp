@@ -1,4 +1,4 @@
-#include "host/mom/redis_sync.h"
+#include "host/mom/redis/sync.h"
 
 #include <poll.h>
 
@@ -6,8 +6,8 @@
 #include <cerrno>
 #include <vector>
 
-#include "host/mom/redis_scripts.h"
-#include "host/mom/round_trips.h"
+#include "host/mom/redis/round_trips.h"
+#include "host/mom/redis/scripts.h"
 
 namespace mom {
 

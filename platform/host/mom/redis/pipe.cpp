@@ -1,4 +1,4 @@
-#include "host/mom/redis_pipe.h"
+#include "host/mom/redis/pipe.h"
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -11,7 +11,7 @@
 #include <utility>
 
 #include "host/base/loop.h"
-#include "host/mom/round_trips.h"
+#include "host/mom/redis/round_trips.h"
 
 namespace mom {
 

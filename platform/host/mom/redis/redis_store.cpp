@@ -1,4 +1,4 @@
-#include "host/mom/redis_store.h"
+#include "host/mom/redis/redis_store.h"
 
 #include <algorithm>
 #include <thread>

@@ -13,7 +13,7 @@
 #include <string_view>
 #include <vector>
 
-#include "host/mom/key.h"
+#include "host/mom/record/key.h"
 
 namespace mom {
 
