@@ -144,7 +144,7 @@ tidy: ## checks the C++ sources with clang-tidy and clang-format
 	$(call packages,format tidy)
 	$(call build,dev)
 	@clang-format --dry-run -Werror $(sources)
-	@run-clang-tidy -quiet -p build/dev '(app|header|lib|platform|services|tools)/.*\.cpp$$'
+	@run-clang-tidy -quiet -p build/dev '(app|header|lib|platform|proto|services|tools)/.*\.cpp$$'
 
 .PHONY: packages
 packages: ## only installs the Debian packages

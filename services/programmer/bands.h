@@ -4,9 +4,11 @@
 #include <cstdint>
 #include <vector>
 
-#include "programmer/wire.h"
+#include "record_reader.h"
 
 namespace programmer {
+
+using records::Bytes;
 
 enum class BandType : std::uint16_t { kDrop = 1, kRemark = 2 };  // OpenFlow 1.3.5, 7.3.4.4
 

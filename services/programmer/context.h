@@ -5,15 +5,17 @@
 #include <map>
 #include <string>
 
-#include "programmer/wire.h"
 #include "qx_mom.h"
 #include "qx_zlog.h"
+#include "record_reader.h"
 
 // Logs one line of the service; the format must be a literal.
 #define PROGRAMMER_LOG(context, level, ...) \
   qxdf_zlog((context).log, __FILE__, sizeof(__FILE__) - 1, __func__, sizeof(__func__) - 1, __LINE__, (level), __VA_ARGS__)
 
 namespace programmer {
+
+using records::Bytes;
 
 inline constexpr std::int32_t kFlowDb = QX_MOM_UDP_DB;
 inline constexpr std::int32_t kChainDb = QX_MOM_APP_DB;

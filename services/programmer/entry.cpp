@@ -22,11 +22,11 @@ constexpr std::uint64_t bit(unsigned number) {
 // The fields of one message, by number; the last one of each.
 struct Message {
   static constexpr std::size_t kFields = 37;
-  std::array<WireField, kFields> fields{};
+  std::array<records::Field, kFields> fields{};
 
   bool read(Bytes bytes) {
-    WireReader reader(bytes);
-    for (WireField field; reader.next(field);)
+    records::Reader reader(bytes);
+    for (records::Field field; reader.next(field);)
       if (field.number < kFields) fields[field.number] = field;
     return !reader.broken();
   }
@@ -36,28 +36,28 @@ struct Message {
 // ---- one field, into a member
 
 // The wrappers of addresses: one field in a message of its own.
-WireField unwrapped(const WireField &field) {
-  WireField found;
-  WireReader reader(field.bytes);
-  for (WireField inner; reader.next(inner);)
+records::Field unwrapped(const records::Field &field) {
+  records::Field found;
+  records::Reader reader(field.bytes);
+  for (records::Field inner; reader.next(inner);)
     if (inner.number == kWrapped) found = inner;
   return found;
 }
 
 template <typename T>
-bool take(const WireField &field, T &to) {
+bool take(const records::Field &field, T &to) {
   to = static_cast<T>(field.value);
   return true;
 }
 
-bool take(const WireField &field, std::array<std::uint8_t, 4> &to) {
+bool take(const records::Field &field, std::array<std::uint8_t, 4> &to) {
   const std::uint64_t address = unwrapped(field).value;
   for (std::size_t i = 0; i < to.size(); ++i) to[i] = static_cast<std::uint8_t>(address >> (24 - 8 * i));
   return true;
 }
 
 template <std::size_t N>
-bool take(const WireField &field, std::array<std::uint8_t, N> &to) {
+bool take(const records::Field &field, std::array<std::uint8_t, N> &to) {
   const Bytes bytes = unwrapped(field).bytes;
   if (bytes.size() != N) return false;
   std::ranges::copy(bytes, to.begin());
@@ -139,7 +139,7 @@ const char *read_match(Bytes bytes, Entry &entry) {
 // ---- the actions
 
 template <auto Member, auto... Width>
-bool rewrite(const WireField &from, Actions &to) {
+bool rewrite(const records::Field &from, Actions &to) {
   if (!take(from, to.*Member)) return false;
   (keep(to.*Member, Width), ...);
   return true;
@@ -149,7 +149,7 @@ struct RewriteRow {
   SPolicyKelim__FlowAceActionE bit;
   std::uint32_t number;
   std::uint8_t set;
-  bool (*read)(const WireField &, Actions &);
+  bool (*read)(const records::Field &, Actions &);
 };
 #define ACTION(name) S_POLICY_KELIM__FLOW_ACE_ACTION_E__SS_FP_ACTION_##name
 constexpr RewriteRow kRewrites[] = {
@@ -210,16 +210,16 @@ bool sets_priority(Bytes flow_action) {
 const char *read_program(Bytes flow_record, FlowProgram &out) {
   out.entries.clear();
   Bytes flow_mod, flow_action;
-  WireReader reader(flow_record);
-  for (WireField field; reader.next(field);) {
+  records::Reader reader(flow_record);
+  for (records::Field field; reader.next(field);) {
     if (field.number == kFlowData) flow_mod = field.bytes;
     if (field.number == kFlowAction) flow_action = field.bytes;
   }
   if (reader.broken()) return "a record that cannot be read";
   if (!read_flow_mod(flow_mod, out)) return "a record without its flow-mod";
   const bool priority = sets_priority(flow_action);
-  WireReader entries(flow_record);
-  for (WireField field; entries.next(field);) {
+  records::Reader entries(flow_record);
+  for (records::Field field; entries.next(field);) {
     if (field.number != kFlowAce) continue;
     if (const char *fault = read_entry(field.bytes, priority, out.entries.emplace_back())) return fault;
   }

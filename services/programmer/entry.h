@@ -9,9 +9,11 @@
 #include <cstdint>
 #include <vector>
 
-#include "programmer/wire.h"
+#include "record_reader.h"
 
 namespace programmer {
+
+using records::Bytes;
 
 // The fields that flows match on. Addresses are in network order, numbers in host order.
 struct Fields {

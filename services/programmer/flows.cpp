@@ -26,8 +26,8 @@ struct FlowRecord {
 enum : std::uint32_t { kKeyIndex = 1, kKeyVsd = 2, kFlowKeyField = 5, kFlowStatus = 6, kFlowUuid = 12 };
 
 bool read_key(Bytes bytes, FlowKey &key) {
-  WireReader reader(bytes);
-  WireField field;
+  records::Reader reader(bytes);
+  records::Field field;
   while (reader.next(field)) {
     if (field.number == kKeyIndex) key.index = field.value;
     if (field.number == kKeyVsd) key.vsd = static_cast<std::uint32_t>(field.value);
@@ -35,15 +35,15 @@ bool read_key(Bytes bytes, FlowKey &key) {
   return !reader.broken();
 }
 
-std::uint64_t hash(const WireField &field) {
+std::uint64_t hash(const records::Field &field) {
   const std::string_view bytes(reinterpret_cast<const char *>(field.bytes.data()), field.bytes.size());
   return std::hash<std::string_view>{}(bytes) + field.value + field.number;
 }
 
 // False for bytes that are no flow record, or one without a key.
 bool read_flow(Bytes bytes, FlowRecord &flow) {
-  WireReader reader(bytes);
-  WireField field;
+  records::Reader reader(bytes);
+  records::Field field;
   bool good = true;
   while (reader.next(field)) {
     if (field.number == kFlowKeyField) {

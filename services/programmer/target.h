@@ -7,9 +7,11 @@
 #include <cstdint>
 #include <functional>
 
-#include "programmer/wire.h"
+#include "record_reader.h"
 
 namespace programmer {
+
+using records::Bytes;
 
 struct FlowKey {
   std::uint64_t index = 0;

@@ -4,7 +4,7 @@
 #include <array>
 
 #include "host/mom/hub.h"
-#include "programmer/wire.h"
+#include "record_reader.h"
 #include "s_policy_kelim.pb-c.h"
 #include "southbound.h"
 
@@ -24,18 +24,18 @@ struct Answer {
   std::uint64_t index = 0, status = 0;
 };
 
-std::uint64_t index_in(programmer::Bytes key) {
-  programmer::WireReader reader(key);
-  programmer::WireField field;
+std::uint64_t index_in(records::Bytes key) {
+  records::Reader reader(key);
+  records::Field field;
   while (reader.next(field))
     if (field.number == kKeyIndex) return field.value;
   return 0;
 }
 
-Answer read(programmer::Bytes record) {
+Answer read(records::Bytes record) {
   Answer answer;
-  programmer::WireReader reader(record);
-  programmer::WireField field;
+  records::Reader reader(record);
+  records::Field field;
   while (reader.next(field)) {
     if (field.number == kStaKey) answer.index = index_in(field.bytes);
     if (field.number == kStaStatus) answer.status = field.value;
@@ -67,8 +67,8 @@ int answered(void *, const qx_obj *object) {
 int counted(void *, const qx_obj *counter) {
   if (counter->cmd == QX_MOM_CMD_PUBLISH) tell(kRoundCounted, 0);
   if (counter->cmd != QX_MOM_CMD_SET) return 0;
-  programmer::WireReader reader({counter->packed, counter->packed_len});
-  programmer::WireField field;
+  records::Reader reader({counter->packed, counter->packed_len});
+  records::Field field;
   while (reader.next(field))
     if (field.number == kCounterKey) tell(kFlowMoved, index_in(field.bytes));
   return 0;

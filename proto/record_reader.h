@@ -1,27 +1,27 @@
 // A bounded walk over one packed record, field by field, without unpacking it (Protocol Buffers encoding: tag = number << 3 |
-// wire type).
+// wire type). Plain value, any thread; allocates nothing.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <span>
 
-namespace programmer {
+namespace records {
 
 using Bytes = std::span<const std::uint8_t>;
 
-struct WireField {
+struct Field {
   std::uint32_t number = 0;
-  std::uint64_t value = 0;  // of a number
-  Bytes bytes;              // of a length-delimited field, inside the record
+  std::uint64_t value = 0;  // of a varint
+  Bytes bytes;              // of any other field, inside the record
 };
 
-class WireReader {
+class Reader {
  public:
-  explicit WireReader(Bytes record) : rest_(record) {}
+  explicit Reader(Bytes record) : rest_(record) {}
 
   // The next field, or false at the end or where the bytes stop being a record; broken() tells which.
-  bool next(WireField &field);
+  bool next(Field &field);
   bool broken() const { return broken_; }
 
  private:
@@ -36,4 +36,4 @@ class WireReader {
   bool broken_ = false;
 };
 
-}  // namespace programmer
+}  // namespace records

@@ -1,8 +1,8 @@
-#include "programmer/wire.h"
+#include "record_reader.h"
 
-namespace programmer {
+namespace records {
 
-bool WireReader::varint(std::uint64_t &value) {
+bool Reader::varint(std::uint64_t &value) {
   value = 0;
   for (unsigned shift = 0; shift < 64 && !rest_.empty(); shift += 7) {
     const std::uint8_t byte = rest_.front();
@@ -13,14 +13,14 @@ bool WireReader::varint(std::uint64_t &value) {
   return fail();
 }
 
-bool WireReader::take(std::uint64_t length, Bytes &bytes) {
+bool Reader::take(std::uint64_t length, Bytes &bytes) {
   if (length > rest_.size()) return fail();
   bytes = rest_.first(length);
   rest_ = rest_.subspan(length);
   return true;
 }
 
-bool WireReader::next(WireField &field) {
+bool Reader::next(Field &field) {
   if (broken_ || rest_.empty()) return false;
   std::uint64_t tag = 0;
   std::uint64_t length = 0;
@@ -41,4 +41,4 @@ bool WireReader::next(WireField &field) {
   }
 }
 
-}  // namespace programmer
+}  // namespace records
