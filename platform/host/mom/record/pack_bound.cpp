@@ -1,9 +1,9 @@
+#include "host/mom/record/pack_bound.h"
+
 #include <cstring>
 #include <map>
 #include <memory>
 #include <span>
-
-#include "host/mom/record/record_type.h"
 
 namespace mom {
 

@@ -14,36 +14,11 @@
 #include <vector>
 
 #include "host/mom/record/key.h"
+#include "host/mom/record/pack_bound.h"
 
 namespace mom {
 
 using Bytes = std::span<const uint8_t>;
-
-// An upper bound of the packed length that costs no walk over the scalars: a constant a descriptor, plus what text, bytes and
-// sub-messages really hold.
-class PackBound {
- public:
-  // One for each descriptor, for the life of the process.
-  static const PackBound *shared(const ProtobufCMessageDescriptor &descriptor);
-
-  explicit PackBound(const ProtobufCMessageDescriptor &descriptor);
-
-  // Nothing when the record is malformed: a length without data, an array without elements, a sub-message of another type.
-  std::optional<size_t> of(const ProtobufCMessage &record) const;
-
- private:
-  struct Dynamic {
-    const ProtobufCFieldDescriptor *field;
-    const PackBound *child;  // of sub-messages
-  };
-  std::optional<size_t> of_field(const ProtobufCMessage &record, const Dynamic &dynamic) const;
-  std::optional<size_t> of_element(const void *member, const Dynamic &dynamic) const;
-
-  const ProtobufCMessageDescriptor &descriptor_;
-  size_t constant_ = 0;
-  std::vector<Dynamic> dynamic_;
-  bool plain_ = true;  // false: uses a feature (oneof) that only protobuf-c's own size pass handles
-};
 
 class RecordType {
  public:

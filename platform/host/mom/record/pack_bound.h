@@ -1,0 +1,37 @@
+// An upper bound of the packed length that costs no walk over the scalars: a constant a descriptor, plus what text, bytes and
+// sub-messages really hold. Loop's thread.
+#pragma once
+
+#include <protobuf-c/protobuf-c.h>
+
+#include <cstddef>
+#include <optional>
+#include <vector>
+
+namespace mom {
+
+class PackBound {
+ public:
+  // One for each descriptor, for the life of the process.
+  static const PackBound *shared(const ProtobufCMessageDescriptor &descriptor);
+
+  explicit PackBound(const ProtobufCMessageDescriptor &descriptor);
+
+  // Nothing when the record is malformed: a length without data, an array without elements, a sub-message of another type.
+  std::optional<size_t> of(const ProtobufCMessage &record) const;
+
+ private:
+  struct Dynamic {
+    const ProtobufCFieldDescriptor *field;
+    const PackBound *child;  // of sub-messages
+  };
+  std::optional<size_t> of_field(const ProtobufCMessage &record, const Dynamic &dynamic) const;
+  std::optional<size_t> of_element(const void *member, const Dynamic &dynamic) const;
+
+  const ProtobufCMessageDescriptor &descriptor_;
+  size_t constant_ = 0;
+  std::vector<Dynamic> dynamic_;
+  bool plain_ = true;  // false: uses a feature (oneof) that only protobuf-c's own size pass handles
+};
+
+}  // namespace mom
