@@ -46,6 +46,14 @@ LAYERS = {
     "platform/host/log": ONE,
     "platform/host/metrics": ONE,
     "platform/host/control": ONE,
+    "platform/host/mom": (
+        ("records", "record/*"),
+        ("what client and store share", "database"),
+        ("what a store is", "store turn_queue"),
+        ("stores", "embedded/* redis/*"),
+        ("client", "hub"),
+        ("its uses", "client views metrics testing start"),
+    ),
 }
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 
