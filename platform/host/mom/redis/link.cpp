@@ -59,7 +59,7 @@ RedisLink::RedisLink(StoreEvents &store_events, TurnQueue &later, Database &db, 
       writer_(endpoint_, dead_after, [this](const std::string &why) { fail(why); }),
       subscriber_(endpoint_, dead_after, [this](const std::string &why) { fail(why); }),
       search_(endpoint_, [this](const std::string &why) { open(why); }),
-      retry_timer_([this] { connect(); }),
+      retry_timer_([this] { begin(); }),
       backoff_(kFirstBackoff),
       jitter_(std::random_device{}()),
       probe_timer_([this] { probe(); }),
@@ -86,14 +86,18 @@ RedisLink::~RedisLink() {
   release_all();
 }
 
-void RedisLink::start() {
-  if (std::exchange(started_, true)) return;
-  connect();
+void RedisLink::connect() {
+  ++connects_;
+  if (!std::exchange(started_, true)) {
+    begin();
+  } else if (up_) {
+    later_.act([this] { report_connected(); });
+  }
 }
 
 // ---- coming up
 
-void RedisLink::connect() {
+void RedisLink::begin() {
   endpoint_.sentinels.empty() ? open("") : search_.start();
 }
 
@@ -255,8 +259,14 @@ void RedisLink::come_up() {
     if (!up_ || generation != generation_) return;
     events_.up();
     if (again) store_events_.reconnect(db_, type);
-    for (size_t waiting = db_.connecting.size(); waiting > 0; --waiting) store_events_.connected(db_);
+    report_connected();
   });
+}
+
+// Where the link has been lost again meanwhile, they wait for the next time.
+void RedisLink::report_connected() {
+  if (!up_) return;
+  for (size_t waiting = std::exchange(connects_, 0); waiting > 0; --waiting) store_events_.connected(db_);
 }
 
 // ---- going down

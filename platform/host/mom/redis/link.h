@@ -41,7 +41,8 @@ class RedisLink {
             std::chrono::milliseconds dead_after, Events events);
   ~RedisLink();
 
-  void start();  // harmless when started
+  // Begins to connect, the first time. Each call is answered by StoreEvents::connected, in a later turn, once the link is up.
+  void connect();
   bool is_up() const { return up_; }
   // Of the server that was last seen by this link; empty before.
   const std::string &run_id() const { return run_id_; }
@@ -84,7 +85,7 @@ class RedisLink {
     Charge charge;
     qx_mom_done_cb done;
   };
-  void connect();
+  void begin();
   void open(std::string why);
   void greet_writer();
   void greet_subscriber();
@@ -95,6 +96,7 @@ class RedisLink {
   void warn_of_eviction(const redisReply *reply);
   void part_ready();
   void come_up();
+  void report_connected();
   void fail(const std::string &why);
   void retry();
   void feed();
@@ -126,6 +128,7 @@ class RedisLink {
   qx_mom_done_cb more_done_ = nullptr;
 
   bool started_ = false;
+  size_t connects_ = 0;  // not answered yet
   bool up_ = false;
   bool writer_ready_ = false;
   ServerInfo server_;

@@ -96,10 +96,8 @@ int RedisStore::connect(Database &db) {
     events.unsure = [this, &base] { unsure(base); };
     events.subscribed = [this, &base](std::string_view channel) { subscribed(base, channel); };
     base.link = std::make_unique<RedisLink>(events_, later_, db, endpoint_, dead_after_, std::move(events));
-    base.link->start();
-  } else if (base.link->is_up()) {
-    later_.act([this, &db] { events_.connected(db); });
   }
+  base.link->connect();
   return 0;
 }
 
