@@ -1,6 +1,7 @@
 #include "host/mom/redis/link.h"
 
 #include <algorithm>
+#include <cassert>
 #include <utility>
 
 #include "host/log/log.h"
@@ -38,6 +39,16 @@ bool is_refusal(std::string_view error) {
   return std::ranges::any_of(kRefusals, [error](std::string_view refusal) { return error.starts_with(refusal); });
 }
 
+// The arrows of the picture in link.h.
+[[maybe_unused]] bool can_follow(RedisLink::State from, RedisLink::State to) {
+  using enum RedisLink::State;
+  constexpr std::pair<RedisLink::State, RedisLink::State> kArrows[] = {
+      {idle, searching},    {idle, greeting}, {waiting, searching}, {waiting, greeting}, {searching, greeting},
+      {searching, waiting}, {greeting, up},   {greeting, waiting},  {up, waiting},
+  };
+  return to == closed || std::ranges::find(kArrows, std::pair(from, to)) != std::end(kArrows);
+}
+
 // "12" of "id=12" in a line of CLIENT LIST.
 std::string_view word_in(std::string_view line, std::string_view key) {
   const size_t at = (" " + std::string(line)).find(" " + std::string(key) + "=");
@@ -58,7 +69,7 @@ RedisLink::RedisLink(StoreEvents &store_events, TurnQueue &later, Database &db, 
       events_(std::move(events)),
       writer_(endpoint_, dead_after, [this](const std::string &why) { fail(why); }),
       subscriber_(endpoint_, dead_after, [this](const std::string &why) { fail(why); }),
-      search_(endpoint_, [this](const std::string &why) { open(why); }),
+      search_(endpoint_, [this](const std::string &why) { why.empty() ? open() : fail(why); }),
       retry_timer_([this] { begin(); }),
       backoff_(kFirstBackoff),
       jitter_(std::random_device{}()),
@@ -74,13 +85,13 @@ RedisLink::RedisLink(StoreEvents &store_events, TurnQueue &later, Database &db, 
       events_.message(channel, payload);
   };
   subscriber_.confirmed = [this](std::string_view channel) {
-    if (unconfirmed_ > 0 && --unconfirmed_ == 0 && !up_) part_ready();
-    if (up_) events_.subscribed(channel);
+    greeted();
+    if (is_up()) events_.subscribed(channel);
   };
 }
 
 RedisLink::~RedisLink() {
-  shutting_down_ = true;
+  enter(State::closed);
   writer_.close();
   subscriber_.close();
   release_all();
@@ -88,24 +99,30 @@ RedisLink::~RedisLink() {
 
 void RedisLink::connect() {
   ++connects_;
-  if (!std::exchange(started_, true)) {
+  if (state_ == State::idle) {
     begin();
-  } else if (up_) {
+  } else if (is_up()) {
     later_.act([this] { report_connected(); });
   }
+}
+
+void RedisLink::enter(State state) {
+  assert(can_follow(state_, state));
+  state_ = state;
 }
 
 // ---- coming up
 
 void RedisLink::begin() {
-  endpoint_.sentinels.empty() ? open("") : search_.start();
+  if (endpoint_.sentinels.empty()) return open();
+  enter(State::searching);
+  search_.start();
 }
 
-// Unless there is a reason not to.
-void RedisLink::open(std::string why) {
-  writer_ready_ = false;
+void RedisLink::open() {
+  enter(State::greeting);
   server_ = {};
-  if (why.empty()) why = writer_.open();
+  std::string why = writer_.open();
   if (why.empty()) why = subscriber_.open();
   if (!why.empty()) {
     fail(why);
@@ -140,9 +157,7 @@ void RedisLink::greet_writer() {
   writer_.send({"PING"}, [this](const redisReply *first) {
     if (!first) return;
     writer_.send({"PING"}, [this](const redisReply *second) {
-      if (!second || is_error(second)) return;
-      writer_ready_ = true;
-      part_ready();
+      if (second && !is_error(second)) greeted();
     });
   });
 }
@@ -217,7 +232,7 @@ void RedisLink::warn_of_eviction(const redisReply *reply) {
 }
 
 void RedisLink::greet_subscriber() {
-  unconfirmed_ = channels_.size();
+  unconfirmed_ = channels_.size() + 1;
   subscriber_.send({"CLIENT", "SETNAME", endpoint_.connection_name(db_.number, "listen")}, nullptr);
   subscriber_.send({"CLIENT", "ID"}, [this](const redisReply *id) {
     if (!id || id->type != REDIS_REPLY_INTEGER) return;
@@ -227,7 +242,7 @@ void RedisLink::greet_subscriber() {
 }
 
 void RedisLink::flushed() {
-  if (!up_) return;
+  if (!is_up()) return;
   host::log::error("database {}: {}: the server was told to forget everything (FLUSHALL, FLUSHDB)", db_.number, endpoint_.url);
   later_.act([this] {
     events_.unsure();
@@ -235,12 +250,13 @@ void RedisLink::flushed() {
   });
 }
 
-void RedisLink::part_ready() {
-  if (writer_ready_ && unconfirmed_ == 0 && !up_) come_up();
+// One confirmation more; the last one of a greeting ends it.
+void RedisLink::greeted() {
+  if (unconfirmed_ > 0 && --unconfirmed_ == 0 && state_ == State::greeting) come_up();
 }
 
 void RedisLink::come_up() {
-  up_ = true;
+  enter(State::up);
   came_up_ = std::chrono::steady_clock::now();
   last_failure_.clear();
   const bool again = ++generation_ > 1;
@@ -256,7 +272,7 @@ void RedisLink::come_up() {
                      : successor ? "a following"
                                  : "another");
   later_.act([this, again, type, generation] {
-    if (!up_ || generation != generation_) return;
+    if (!is_up() || generation != generation_) return;
     events_.up();
     if (again) store_events_.reconnect(db_, type);
     report_connected();
@@ -265,21 +281,22 @@ void RedisLink::come_up() {
 
 // Where the link has been lost again meanwhile, they wait for the next time.
 void RedisLink::report_connected() {
-  if (!up_) return;
+  if (!is_up()) return;
   for (size_t waiting = std::exchange(connects_, 0); waiting > 0; --waiting) store_events_.connected(db_);
 }
 
 // ---- going down
 
 void RedisLink::fail(const std::string &why) {
-  if (shutting_down_ || retry_timer_.armed()) return;
+  if (state_ == State::closed || state_ == State::waiting) return;
+  const bool was_up = is_up();
+  enter(State::waiting);
   writer_.close();
   subscriber_.close();
   search_.cancel();
   watch_timer_.cancel();
   probe_timer_.cancel();
   db_.refusing.clear();
-  const bool was_up = std::exchange(up_, false);
   if (was_up) store_events_.disconnected(db_);
   release_all();
   if (why != last_failure_) host::log::error("database {}: {}: {}", db_.number, endpoint_.url, why);
@@ -287,7 +304,7 @@ void RedisLink::fail(const std::string &why) {
   if (generation_ > 0) {
     const int32_t type = was_up ? 0 : 3;
     later_.act([this, type] {
-      if (!up_) store_events_.reconnect(db_, type);
+      if (!is_up()) store_events_.reconnect(db_, type);
     });
   }
   if (was_up && std::chrono::steady_clock::now() - came_up_ >= kStable) backoff_ = kFirstBackoff;
@@ -322,10 +339,10 @@ void RedisLink::look() {
     fail("no answer for " + std::to_string(dead_after_.count()) + " ms");
     return;
   }
-  if (db_.exclusive && up_) look_for_others();
+  if (db_.exclusive && is_up()) look_for_others();
   if (!endpoint_.sentinels.empty()) {
     writer_.send({"INFO", "replication"}, [this](const redisReply *reply) {
-      if (reply && up_) had_ = parse_info(text_of(reply)).history;
+      if (reply && is_up()) had_ = parse_info(text_of(reply)).history;
     });
   } else if (writer_.waiting() == 0) {
     writer_.send({"PING"}, nullptr);
@@ -349,7 +366,7 @@ void RedisLink::Formatted::add(Arguments first, std::string_view formatted, size
 
 void RedisLink::send(Formatted commands) {
   if (commands.ends.empty()) return;
-  if (!up_) {
+  if (!is_up()) {
     release(commands.charge);
     return;
   }
@@ -443,7 +460,7 @@ bool RedisLink::passes() const {
 }
 
 bool RedisLink::settle(std::chrono::steady_clock::time_point deadline) {
-  return writer_.drive([this] { return idle() || !up_; }, deadline) && up_;
+  return writer_.drive([this] { return idle() || !is_up(); }, deadline) && is_up();
 }
 
 void RedisLink::subscribe(const std::string &channel) {

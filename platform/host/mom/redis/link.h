@@ -28,6 +28,24 @@ struct Charge {
 
 class RedisLink {
  public:
+  // How the link lives. Only the transitions of this picture happen (RedisLink::enter):
+  //
+  //    idle --> searching --> greeting --> up
+  //               ^  |           |          |
+  //        timer  |  +-----------+----------+  failure
+  //               |              v
+  //               +----------- waiting           from any of them: closed
+  //
+  // Where the URL names the server itself, `searching` is left out.
+  enum class State : uint8_t {
+    idle,       // connect() has not been called
+    searching,  // asks the sentinels for the master
+    greeting,   // opens both connections; settings, scripts and subscriptions wait for their answers
+    up,         // commands are taken
+    waiting,    // for the next attempt; nothing is open
+    closed,     // the destructor runs
+  };
+
   // What the owner does with what happens. None is called from inside a call of the link.
   struct Events {
     std::function<void()> up;  // for the first time, or again
@@ -43,7 +61,7 @@ class RedisLink {
 
   // Begins to connect, the first time. Each call is answered by StoreEvents::connected, in a later turn, once the link is up.
   void connect();
-  bool is_up() const { return up_; }
+  bool is_up() const { return state_ == State::up; }
   // Of the server that was last seen by this link; empty before.
   const std::string &run_id() const { return run_id_; }
   // Counts the times the link came up.
@@ -85,8 +103,9 @@ class RedisLink {
     Charge charge;
     qx_mom_done_cb done;
   };
+  void enter(State state);
   void begin();
-  void open(std::string why);
+  void open();
   void greet_writer();
   void greet_subscriber();
   void look_for_others();
@@ -94,7 +113,7 @@ class RedisLink {
   void use_keyspace_events(const redisReply *reply);
   void widen_subscriber_buffers(const redisReply *reply);
   void warn_of_eviction(const redisReply *reply);
-  void part_ready();
+  void greeted();
   void come_up();
   void report_connected();
   void fail(const std::string &why);
@@ -118,7 +137,8 @@ class RedisLink {
   Pipe writer_;
   Pipe subscriber_;
   std::vector<std::string> channels_;
-  size_t unconfirmed_ = 0;  // channels that the present connection has not confirmed
+  // What the present connections have not confirmed: channels, and while greeting the settings on the write connection.
+  size_t unconfirmed_ = 0;
 
   std::deque<Formatted> queue_;
   size_t next_command_ = 0;  // of the first batch
@@ -127,10 +147,8 @@ class RedisLink {
   std::function<Formatted(const redisReply *)> more_;
   qx_mom_done_cb more_done_ = nullptr;
 
-  bool started_ = false;
+  State state_ = State::idle;
   size_t connects_ = 0;  // not answered yet
-  bool up_ = false;
-  bool writer_ready_ = false;
   ServerInfo server_;
   std::string run_id_;
   History had_;            // of the last server, at the last look at it
@@ -150,7 +168,6 @@ class RedisLink {
   host::Timer watch_timer_;
   uint64_t answered_before_ = 0;
   unsigned silent_looks_ = 0;  // in a row, with answers owed and none come
-  bool shutting_down_ = false;
 };
 
 }  // namespace mom
