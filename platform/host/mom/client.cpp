@@ -15,11 +15,11 @@ using host::fault::Point;
 constexpr int kNotConnected = -1;
 constexpr int kMalformed = -4;
 
-// Which of a call's conditions its arguments must meet.
+// What a call requires of its record.
 enum class Needs { key, key_or_template, record };
 enum class Link { sync, async };
 
-// A call's arguments, resolved; `code` is not 0 when the call ends with it.
+// A call's arguments, resolved. When `code` is not 0 it is the call's result.
 struct Call {
   int code = kMalformed;
   Database *db = nullptr;
@@ -52,7 +52,7 @@ Call resolve(Point point, qx_global *global, int32_t number, const ProtobufCMess
   return call;
 }
 
-// A call that takes the record's bytes.
+// Runs `work` on the packed record.
 template <typename Work>
 int with_packed(const Call &call, const ProtobufCMessage *record, Work work) {
   if (call.code) return call.code;
@@ -60,7 +60,7 @@ int with_packed(const Call &call, const ProtobufCMessage *record, Work work) {
   return packed ? work(*packed) : kMalformed;
 }
 
-// Gives `result`, and tells who looks on at the slot.
+// Reports a write or deletion to the slot's `wrote`; returns `result`.
 int told(const Call &call, const ProtobufCMessage *record, bool deletes, int result) {
   if (call.slot && call.slot->wrote) call.slot->wrote(*call.slot, *record, deletes, result);
   return result;

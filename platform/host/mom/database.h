@@ -1,5 +1,5 @@
-// The databases of a process, the record types in them and who listens to those: what the client (hub.h) and its store (store.h)
-// both know. Plain state; loop's thread.
+// The databases of a process, their record types and who listens to them: the state that the client (hub.h) and its store
+// (store.h) share. Plain data; loop's thread.
 #pragma once
 
 #include <memory>
@@ -18,23 +18,22 @@ struct Slot;
 // What became of an object.
 enum class Change : uint8_t { created, rewritten, deleted, published };
 
+// One callback for the changes of one record type.
 struct Subscription {
   qx_mom_notify_cb callback;
   bool packed;
-  bool live = false;
-  bool asked = false;   // the store has taken it; before its database was connected it could not
-  bool asking = false;  // and has not confirmed it yet
-  // A repeated data-fetch signal that a reconnect owes; asking again for the subscription takes it over.
-  bool owed = false;
-  // The signal is due and waits until every database is up and heard.
-  bool held = false;
+  bool live = false;    // gets notifications
+  bool asked = false;   // the store has taken it; it cannot before the database is connected
+  bool asking = false;  // the store has taken it and not confirmed it yet
+  bool owed = false;    // a reconnect owes it another data-fetch signal; subscribing again settles that
+  bool held = false;    // its data-fetch signal is due and waits until all databases are up and all subscriptions confirmed
 };
 
-// Looks on at the changes of a slot for an operator: gets their bytes as they are, broken ones too.
+// Shows an operator the changes of a slot: gets their bytes as they are, broken records included.
 class Watcher {
  public:
   virtual ~Watcher() = default;
-  // From here on changes are seen.
+  // Changes are seen from now on.
   virtual void live(Slot &slot) = 0;
   virtual void changed(Slot &slot, Change change, Bytes packed, const Key *key) = 0;
 };
@@ -44,16 +43,16 @@ struct Slot {
   Database &db;
   const RecordType &type;
   std::vector<std::unique_ptr<Subscription>> subscriptions;
-  std::vector<std::weak_ptr<Watcher>> watchers;  // those that ended go with the next change
+  std::vector<std::weak_ptr<Watcher>> watchers;  // removed at the next change once they have ended
   cgst::Topic topic;
-  // Told of each write and deletion of a record by this process, inside the call; null: nobody is.
+  // Called for each write and deletion of a record by this process, from inside that call. May be null.
   using Wrote = void (*)(const Slot &slot, const ProtobufCMessage &record, bool deletes, int result);
   Wrote wrote = nullptr;
 
   bool heard() const { return !subscriptions.empty() || !watchers.empty(); }
 };
 
-// Its address is the connection handle that callbacks get.
+// One database. Its address is the connection handle that callbacks get.
 struct Database {
   struct Connect {
     qx_mom_connect_cb callback;
@@ -62,16 +61,16 @@ struct Database {
   int32_t number;
   bool sync_up = false;
   bool up = false;
-  uint64_t reconnects = 0;  // times it came back
-  bool wanted = false;      // connected asynchronously, or on the way to it
-  std::string refusing;     // why the server refuses writes though it answers; empty while it takes them
-  bool exclusive = false;   // only one process of this name may work on it
+  uint64_t reconnects = 0;  // times that the lost connection came back
+  bool wanted = false;      // an asynchronous connect was asked for
+  std::string refusing;     // why the server refuses writes although it answers; empty while it accepts them
+  bool exclusive = false;   // only one process of this name may use it at a time
   bool congestion_control = false;
-  std::vector<Connect> connecting;  // asked for, not yet called
+  std::vector<Connect> connecting;  // waiting for their callback, the oldest first
   std::vector<qx_mom_reconnect_cb> reconnect;
   std::vector<std::unique_ptr<Slot>> slots;  // by RecordType::id()
 
-  // The slot of a record type, made when it is first asked for.
+  // The slot of a record type; made at the first use.
   Slot &slot(const RecordType &type);
 };
 

@@ -11,9 +11,9 @@ namespace mom {
 
 namespace {
 
-constexpr size_t kKeyShown = 200;  // of a key in the log: foreign ones may be anything
+constexpr size_t kKeyShown = 200;  // bytes of a key in a log line; foreign keys may be anything
 
-// What QX_MOM_DECODED subscribers and scans get for a change: plain types, hash-class types.
+// The command that QX_MOM_DECODED subscribers and scans get for a change, of a plain type and of a hash-class type.
 struct Command {
   uint32_t plain;
   uint32_t hash_class;
@@ -34,7 +34,7 @@ bool needs_holder(uint32_t cmd) {
   return cmd == QX_MOM_CMD_HASH_NEW || cmd == QX_MOM_CMD_HASH_SET;
 }
 
-// A decoded object, laid out for its command.
+// A decoded object in the layout of its command.
 struct Decoded {
   qx_obj object{};
   qx_mom_hash_value holder{};
@@ -112,7 +112,7 @@ void Hub::listen(Slot &slot, Subscription &subscription) {
   subscription.asking = subscription.asked;
 }
 
-// Those of the host's own services may have come before their database was asked for.
+// The host's own services may have subscribed before the process connected to the database.
 void Hub::listen_at_last(Database &db) {
   for (size_t i = 0; i < db.slots.size(); ++i)
     for (size_t n = 0; db.slots[i] && n < db.slots[i]->subscriptions.size(); ++n)
@@ -162,7 +162,7 @@ void Hub::look_again(Database &db) {
       listen(*db.slots[i], *db.slots[i]->subscriptions[n]);
 }
 
-// By number: a callback may add slots and subscriptions.
+// By index: a callback may add slots and subscriptions.
 void Hub::give_held_signals() {
   for (Database &db : databases_)
     for (size_t i = 0; i < db.slots.size(); ++i)
@@ -202,7 +202,7 @@ void Hub::deliver(Slot &slot, Change change, Bytes packed, const Key *key) {
   bytes.packed_len = static_cast<uint32_t>(packed.size());
 
   enum { untried, good, bad } state = untried;
-  const size_t count = slot.subscriptions.size();  // those that a callback adds come later
+  const size_t count = slot.subscriptions.size();  // a callback's additions start with the next change
   for (size_t i = 0; i < count; ++i) {
     const Subscription &subscription = *slot.subscriptions[i];
     if (!subscription.live) continue;

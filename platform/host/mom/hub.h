@@ -1,5 +1,5 @@
-// The client's state: databases and who is connected to them, subscriptions, decoding of what subscribers and scans get. One hub
-// lives as long as the runtime. Loop's thread.
+// The client: connects, subscriptions and the data-fetch signals that they get, decoding for subscribers and scans. One hub lives
+// as long as the runtime. Loop's thread.
 #pragma once
 
 #include <deque>
@@ -25,7 +25,7 @@ class Hub final : public StoreEvents {
   Store &store() { return *store_; }
   TurnQueue &later() { return later_; }
 
-  // Null for a number that is none of QX_MOM_*_DB.
+  // Null for any number but QX_MOM_*_DB.
   Database *database(int32_t number);
   std::deque<Database> &databases() { return databases_; }
   const std::deque<Database> &databases() const { return databases_; }
@@ -33,16 +33,16 @@ class Hub final : public StoreEvents {
 
   int connect(Database &db, qx_mom_connect_cb callback, const char *label);
   int set_reconnect(Database &db, qx_mom_reconnect_cb callback);
-  // `first`: called before the subscriptions that are there already.
+  // With `first`, called before the existing subscriptions.
   int subscribe(Slot &slot, bool packed, qx_mom_notify_cb callback, bool first = false);
-  // As long as the watcher lives. False when the slot's changes do not reach this process.
+  // Lasts as long as the watcher lives. False when the slot's changes do not reach this process.
   bool watch(Slot &slot, const std::shared_ptr<Watcher> &watcher);
 
-  // Whether every database is up that the process has connected asynchronously. A subscriber that replays or reads what is there
-  // needs them all: until then, and until every subscription is confirmed, no data-fetch signal is given. After an outage the
-  // signals of all databases then come together.
+  // True when every database that the process connects to asynchronously is up. A subscriber that replays or reads everything
+  // needs them all: until then, and until every subscription is confirmed, data-fetch signals are held back. After an outage the
+  // signals of all databases therefore come together.
   bool all_up() const;
-  // The same, and none refuses writes.
+  // True when, in addition, none refuses writes.
   bool takes_writes() const;
 
   // ---- what the store reports
@@ -53,20 +53,20 @@ class Hub final : public StoreEvents {
   void reconnect(Database &db, int32_t type) override;
   void look_again(Database &db) override;
   void deliver(Slot &slot, Change change, Bytes packed, const Key *key = nullptr) override;
-  // Counts; the first of each kind and type is logged with its key. Whatever names no record type of ours is of one type,
-  // "foreign".
+  // Counts by kind and record type and logs the first of each with its key. Keys that name no record type of the schema count as
+  // type "foreign".
   void skip(const char *kind, const std::string &key) override;
   void count_refused(size_t writes) override { refused_ += writes; }
 
   // ---- decoding
 
-  // Calls `cb` with the record laid out as a written notification; bytes that are no record of the type with that key are
-  // skipped.
+  // Calls `cb` with the record, laid out like the notification of a write. Skips bytes that are no record of the type with that
+  // key.
   void present(Slot &slot, const Key &key, Bytes packed, qx_mom_scan_cb cb, void *arg);
-  // The same as an object of its own, released with free_object; null for such bytes.
+  // The same as an object that the caller owns and releases with free_object(); null for bytes that are skipped.
   qx_obj *make_object(Slot &slot, const Key &key, Bytes packed);
 
-  // How many of each kind and type were skipped.
+  // Numbers skipped, by "type: kind".
   const std::unordered_map<std::string, uint64_t> &skipped() const { return skipped_; }
 
   uint64_t delivered() const { return delivered_; }
@@ -82,7 +82,7 @@ class Hub final : public StoreEvents {
   void give_held_signals();
   bool all_heard() const;
   void tell_watchers(Slot &slot, Change change, Bytes packed, const Key *key);
-  // Null for bytes that are no record of the type, or one with another key than `key` where that is given.
+  // Null, and counted as skipped, for bytes that are no record of the type or, where `key` is given, a record with another key.
   ProtobufCMessage *unpack(const Slot &slot, Bytes packed, const Key *key, bool stored, ProtobufCAllocator *allocator);
   void skip_broken(const Slot &slot, const Key *key);
 

@@ -1,4 +1,4 @@
-// What monitoring is told of the database. Loop's thread.
+// The database's metrics: connections, writes, notifications, round trips. Loop's thread.
 #pragma once
 
 namespace mom {

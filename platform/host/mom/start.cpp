@@ -1,4 +1,4 @@
-// The client's place in the life of the runtime.
+// Chooses the store and makes the hub when the runtime starts, and implements testing.h.
 #include <algorithm>
 #include <memory>
 
@@ -15,12 +15,12 @@ namespace mom {
 
 namespace {
 
-// The pipeline holds as many full topics before it refuses writes of any type.
+// The number of full topics at which the pipeline refuses writes of any type.
 constexpr uint64_t kPipelineFactor = 2;
 
-Hub *living = nullptr;  // from qx_global_init to qx_global_finish; a process that exits inside a callback keeps it
+Hub *living = nullptr;  // from qx_global_init to qx_global_finish; deliberately leaked by a process that exits inside a callback
 
-// "" or why there is no store.
+// Returns "" or why there is no store.
 std::string choose_store(Hub &hub, const host::Config::Mom &mom) {
   if (mom.url == "embedded:") {
     hub.adopt(std::make_unique<Embedded>(hub, hub.later()));
@@ -34,7 +34,7 @@ std::string choose_store(Hub &hub, const host::Config::Mom &mom) {
   return why;
 }
 
-// Runs at qx_global_init, or before that when another service of the host connects in its own start.
+// Runs at qx_global_init, or earlier when another service of the host connects in its own start.
 int start(qx_global *) {
   if (living) return 0;
   const auto &mom = host::config().mom;

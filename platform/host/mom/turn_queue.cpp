@@ -10,7 +10,7 @@ namespace mom {
 
 namespace {
 
-// Long enough that the loop's own turn costs nothing beside it, short enough for the 50 ms tick and for watchdogs.
+// Long enough to make the cost of the loop's own turn negligible, short enough for the 50 ms tick and for watchdogs.
 constexpr auto kTurn = std::chrono::milliseconds(10);
 constexpr unsigned kLookAtClockEvery = 16;
 
@@ -33,7 +33,8 @@ void TurnQueue::act(std::function<void()> action) {
   wake();
 }
 
-// A timer of length 0, not event_active: an event activated from a callback runs in the same turn and would keep sockets waiting.
+// A timer of length 0 instead of event_active(): an event activated from a callback runs in the same turn and would starve
+// sockets.
 void TurnQueue::wake() {
   if (awake_) return;
   if (!turn_) {
@@ -58,7 +59,7 @@ void TurnQueue::perform(Item &item) {
 
 void TurnQueue::run() {
   awake_ = false;
-  // What callbacks add waits for the next turn.
+  // Items that callbacks add wait for the next turn.
   size_t due = queue_.size();
   const auto end = std::chrono::steady_clock::now() + kTurn;
   for (unsigned n = 1; due > 0; --due, ++n) {

@@ -1,5 +1,5 @@
-// What must happen in a later turn of the loop, in order: notifications and small actions. A turn works for a bounded time, then
-// the loop sees to its sockets and timers before the next. Loop's thread.
+// Notifications and small actions that must wait for a later turn of the loop, in order. A turn works for a bounded time; the
+// loop serves its sockets and timers before the next. Loop's thread.
 #pragma once
 
 #include <deque>
@@ -16,11 +16,11 @@ namespace mom {
 
 class TurnQueue {
  public:
-  // Notifications go to `events`.
+  // Notifications are delivered to `events`.
   explicit TurnQueue(StoreEvents &events) : events_(events) {}
   ~TurnQueue();
 
-  // Takes the notification into the slot's topic until it is delivered.
+  // The notification counts as in flight in the slot's topic until it is delivered.
   void notify(Slot &slot, Change change, ObjectRef object);
   void act(std::function<void()> action);
 

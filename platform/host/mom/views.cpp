@@ -22,8 +22,8 @@ namespace {
 
 using host::control::Refusal;
 
-constexpr size_t kListMax = 1000;  // keys or records in one answer unless the caller asks for another number
-constexpr size_t kGetMax = 100;    // keys in one request: the loop waits for the server once for each
+constexpr size_t kListMax = 1000;  // keys or records in one answer, unless the request names another limit
+constexpr size_t kGetMax = 100;    // keys in one request; each costs the loop one round trip
 
 nlohmann::json load_json(const cgst::Load &load) {
   return {{"writes", load.writes},
@@ -83,7 +83,7 @@ Json client(Hub &hub) {
           {"queued", hub.later().size()},      {"refused_writes", hub.refused()}, {"skipped", hub.skipped()}};
 }
 
-// Why the database does not take what the process writes; "" when it does.
+// Why the process cannot write to its databases; "" when it can.
 std::string why_away(const Hub &hub) {
   for (const Database &db : hub.databases()) {
     if (db.wanted && !db.up) return fmt::format("database {} is not there", db.number);
@@ -92,7 +92,7 @@ std::string why_away(const Hub &hub) {
   return "";
 }
 
-// A process that works alone on its databases stands by until it has them.
+// A process that needs its databases for itself is on standby until it has them.
 Json status(Hub &hub) {
   const bool stands_by = std::ranges::any_of(hub.databases(), [](const Database &db) { return db.exclusive && !db.up; });
   return {{"store", hub.store().kind()},
@@ -110,14 +110,14 @@ const RecordType &type_argument(std::string_view name) {
   throw Refusal("no record type '" + std::string(name) + "'; there are " + known);
 }
 
-// A number from 0 on that a request names.
+// The non-negative integer under `name` in a request.
 size_t number_argument(const nlohmann::json &args, const char *name) {
   const nlohmann::json &value = args.at(name);
   if (!value.is_number_integer() || value < 0) throw Refusal(std::string(name) + " takes a whole number from 0 on");
   return value.get<size_t>();
 }
 
-// The databases that a request names, or all.
+// Runs `work` on the database that a request names, or on all.
 template <typename Work>
 void each_database(Hub &hub, const nlohmann::json &args, Work work) {
   if (!args.contains("db")) {
@@ -178,7 +178,7 @@ Json list(Hub &hub, const nlohmann::json &args, bool with_records) {
   return {{"objects", std::move(objects)}, {"total", total}};
 }
 
-// Puts what is stored under the key into `objects`; what is no value of ours is only counted.
+// Appends the objects stored under the key to `objects`; foreign values are only counted.
 void get_one(Hub &hub, const nlohmann::json &args, const std::string &text, Json &objects, size_t &skipped) {
   const RecordType &type = type_argument(text.substr(0, text.find(':')));
   const auto key = type.parse(text);
@@ -225,7 +225,7 @@ class Changes final : public Watcher {
  public:
   explicit Changes(host::control::Push push) : push_(std::move(push)) {}
 
-  // How many slots are watched; known before the first can be live.
+  // Sets the number of slots watched; called before the first can be live.
   void expect(size_t slots) { slots_ = slots; }
 
   void live(Slot &) override {

@@ -7,7 +7,7 @@ namespace mom {
 
 namespace {
 
-// A sweep over a large table shares the loop with everything else.
+// The longest that one turn of a sweep holds the loop.
 constexpr auto kSweepTurn = std::chrono::milliseconds(10);
 constexpr unsigned kLookAtClockEvery = 64;
 constexpr size_t kWalkStep = 512;
@@ -90,7 +90,7 @@ void Embedded::sweep_own(Table &table, Time now) {
   }
 }
 
-// True when the whole table has been seen; else a later turn goes on where this one stopped.
+// True when the whole table has been swept; otherwise a later turn continues where this one stopped.
 bool Embedded::sweep_template(Table &table) {
   const auto end = std::chrono::steady_clock::now() + kSweepTurn;
   unsigned looked_at = 0;
@@ -137,7 +137,7 @@ int Embedded::del_expire(Slot &slot, const Key *key) {
   return 0;
 }
 
-// The loop's timer notices a deadline when it comes; the sweep is at work on what is past one.
+// Nothing to do: the timer notices each deadline when it passes, and the sweep deletes.
 int Embedded::del_expired(Slot &, int64_t) {
   return 0;
 }
@@ -214,7 +214,7 @@ int Embedded::get_sync(Slot &slot, const Key &key, std::vector<uint8_t> &packed)
 
 int Embedded::scan_sync(Slot &slot, const Visitor &visit) {
   Table &table = this->table(slot);
-  // Objects born from here on are younger than this scan.
+  // Objects written for the first time from here on are newer than this scan.
   const uint32_t scan = ++table.scans;
   for (auto place = table.index.first(); place.found;) {
     const Key key = table.index.key_at(place);
@@ -255,7 +255,7 @@ std::optional<Store::Held> Embedded::held(Slot &slot) {
   return Held{table.index.size(), table.object_bytes + table.index.bytes(), slot.subscriptions.size()};
 }
 
-// There is no server that could be lost; what can be shown is what the process would see. Type 1 is another server, empty.
+// There is no server to lose; this only shows what the process would find. Type 1 means another server, which is empty.
 void Embedded::provoke_reconnect(Database &db, int32_t type) {
   if (type != 1) return;
   for (const auto &table : tables_) {

@@ -1,11 +1,11 @@
-// The object store in the process's own memory: a sorted index a type, one exact allocation an object.
+// The object store in the process's own memory: one sorted index a type, one exact allocation an object. Loop's thread.
 //
-// An expiry of a whole type costs nothing an object: the table keeps one deadline and a generation number, and an object that
-// carries an older generation than its table is under the deadline. A rewrite puts the present generation in, which is how it
-// escapes. Objects go when the loop gets to its timers, not while a callback works: what a long callback rewrites was never
-// deleted in between.
+// The expiry of a whole type costs nothing an object: the table keeps one deadline and a generation number, and the deadline
+// holds for objects of an older generation than the table's. A rewrite sets the current generation, which takes the object out of
+// the expiry. Objects expire when the loop runs its timers, not while a callback works: an object that a long callback rewrites
+// is not deleted in between.
 //
-// Overwrite tags are not kept: nothing here is told apart by them, because what has expired goes by itself.
+// Overwrite tags are not kept: expired objects go by themselves, so nothing here depends on a tag.
 #pragma once
 
 #include <deque>
@@ -50,8 +50,8 @@ class Embedded final : public Store {
     size_t object_bytes = 0;
     uint32_t generation = 1;
     uint32_t scans = 0;
-    std::optional<Time> deadline;  // of the objects that carry an older generation
-    std::optional<Key> swept;      // the last object that the sweep of that deadline has seen
+    std::optional<Time> deadline;  // of the objects of an older generation
+    std::optional<Key> swept;      // the last object that the sweep for that deadline has seen
     Expiry own;
   };
 

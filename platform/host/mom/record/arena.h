@@ -1,5 +1,5 @@
 // Memory for unpacked records that live for one callback: a stack of blocks, released as a whole. An unpack makes a dozen small
-// allocations; from here they cost a few instructions each. Nested use (a callback that scans) releases in reverse order. Loop's
+// allocations; here they cost a few instructions each. Nested uses (a callback that scans) release in reverse order. Loop's
 // thread.
 #pragma once
 
@@ -13,7 +13,7 @@ namespace mom {
 
 class Arena {
  public:
-  // What was allocated during a scope's life is gone at its end.
+  // Releases at its end what was allocated during its life.
   class Scope {
    public:
     explicit Scope(Arena &arena) : arena_(arena), block_(arena.block_), used_(arena.used_) {}
@@ -42,8 +42,8 @@ class Arena {
   void rewind(size_t block, size_t used);
 
   std::vector<Block> blocks_;
-  size_t block_ = 0;  // the one in use; may be one past the last
-  size_t used_ = 0;   // of it
+  size_t block_ = 0;  // index of the block in use; may be one past the last
+  size_t used_ = 0;   // bytes of it
   ProtobufCAllocator allocator_{[](void *arena, size_t size) { return static_cast<Arena *>(arena)->allocate(size); },
                                 [](void *, void *) {}, this};
 };

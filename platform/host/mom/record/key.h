@@ -2,7 +2,7 @@
 // (integers big-endian with the sign flipped, text with a closing zero).
 //
 // The first 16 bytes live in two words, so that every key made of integers is compared in two instructions and needs no memory of
-// its own; what is longer (text) follows in `tail`. Plain value, any thread.
+// its own; the rest of a longer key (text) follows in `tail`. Plain value, any thread.
 #pragma once
 
 #include <compare>

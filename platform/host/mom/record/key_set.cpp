@@ -6,14 +6,14 @@ namespace mom {
 namespace {
 
 constexpr size_t kSmallest = 32;
-constexpr uint64_t kNeighbours = 15;  // keys that differ in no other bits of their first word stand side by side
+constexpr uint64_t kNeighbours = 15;  // keys that differ only in these bits of their first word are neighbours
 
 uint64_t mixed(uint64_t word) {
   word = (word ^ (word >> 32)) * 0xd6e8feb86659fd93U;
   return word ^ (word >> 32);
 }
 
-// The same but for the low bits in all keys of a neighbourhood.
+// The same for all neighbours, except for the low bits.
 uint64_t group(const KeyHead &head) {
   return mixed((head.high & ~kNeighbours) * 0x9e3779b97f4a7c15U ^ head.low);
 }
@@ -26,7 +26,7 @@ size_t KeySet::Flat::home(const KeyHead &head) const {
   return ((group(head) & ~kNeighbours) | (head.high & kNeighbours)) & (slots_.size() - 1);
 }
 
-// Where the key stands, or the free slot where it belongs.
+// The slot that holds the key, or the free slot where it belongs.
 size_t KeySet::Flat::place(const KeyHead &head) const {
   size_t at = home(head);
   while (slots_[at] != head && slots_[at] != KeyHead{}) at = (at + 1) & (slots_.size() - 1);
@@ -47,7 +47,7 @@ void KeySet::Flat::grow() {
   }
 }
 
-// Closes the gap by moving back every later key of the run that may stand in it, so that searches need no marks of the dead.
+// Closes the gap by moving back each later key of the run that may fill it, so that searches need no tombstones.
 void KeySet::Flat::erase(const KeyHead &head) {
   if (!contains(head)) return;
   const size_t mask = slots_.size() - 1;
@@ -63,7 +63,7 @@ void KeySet::Flat::erase(const KeyHead &head) {
 
 // ---- the set
 
-// By other bits of the neighbourhood than those that find the place in the table.
+// Chosen by the top bits of the hash; the low bits choose the slot within the table.
 size_t KeySet::table(const Key &key) {
   return group(key.head) >> (64 - kTableBits);
 }

@@ -1,6 +1,6 @@
-// A set of keys. Keys that are made of integers alone stand in flat tables; neighbours stand near each other there, so that a
-// burst of ascending keys touches each cache line once. 32 to 64 bytes a key. The keys are spread over several tables that grow
-// each for itself, so that no insertion moves more than a small part of them. Plain value, one thread.
+// A set of keys. Keys made of integers alone are kept in open-addressing tables, where neighbouring keys share cache lines, so
+// that a burst of ascending keys touches each line once. 32 to 64 bytes a key. The keys are spread over several tables that grow
+// independently, so that no insertion moves more than a small part of them. Plain value, one thread.
 #pragma once
 
 #include <array>
@@ -30,7 +30,7 @@ class KeySet {
     size_t place(const KeyHead &head) const;
     void grow();
 
-    std::vector<KeyHead> slots_;  // a power of two of them, at most half taken; all zeros is free
+    std::vector<KeyHead> slots_;  // a power of two of them, at most half taken; a free one is all zeros
     size_t taken_ = 0;
   };
   static constexpr size_t kTableBits = 6;

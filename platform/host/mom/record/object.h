@@ -1,6 +1,6 @@
-// One stored value: header, packed record and the rest of a long key in a single allocation of exact size. Counted references
-// without atomics: loop's thread only. A value never changes; a rewrite makes a new one, so that queued notifications keep what
-// was written.
+// One stored value: header, packed record and the rest of a long key in a single allocation of exact size. References are
+// counted without atomics: loop's thread only. A value never changes; a rewrite makes a new one, so that queued notifications
+// keep what was written.
 #pragma once
 
 #include <cstdint>
@@ -16,9 +16,9 @@ namespace mom {
 
 struct Object {
   uint32_t size : 31;       // of the packed record
-  uint32_t own_expiry : 1;  // has an entry in its table's list of single expiries
-  uint32_t generation;      // the table's when this was written; an older one is under the template's expiry
-  uint32_t born;            // the table's scan number when the object was first written
+  uint32_t own_expiry : 1;  // has an expiry of its own, in its table's list
+  uint32_t generation;      // of the table when this was written; an older one is under the whole type's expiry
+  uint32_t born;            // scan number of the table when the object was first written
   uint16_t refs;            // index, queued notifications, callers on the stack
   uint16_t tail_size;
 
@@ -55,7 +55,7 @@ class ObjectRef {
     return ObjectRef(object);
   }
 
-  // Hands the reference to an owner that keeps plain pointers, and takes it back.
+  // Pass the reference to an owner that keeps plain pointers, and take it back.
   Object *release() { return std::exchange(object_, nullptr); }
   static ObjectRef adopt(Object *object) {
     ObjectRef ref;

@@ -52,7 +52,7 @@ size_t element_size(ProtobufCType type) {
     case PROTOBUF_C_TYPE_BYTES:
       return sizeof(ProtobufCBinaryData);
     default:
-      return 0;  // scalars of an array are never looked at one by one
+      return 0;  // scalars of an array are not visited one by one
   }
 }
 
@@ -81,7 +81,7 @@ PackBound::PackBound(const ProtobufCMessageDescriptor &descriptor) : descriptor_
     const bool message = field.type == PROTOBUF_C_TYPE_MESSAGE;
     const auto *child_descriptor = static_cast<const ProtobufCMessageDescriptor *>(field.descriptor);
     const PackBound *child = message ? shared(*child_descriptor) : nullptr;
-    // A type that contains itself meets its own empty place: left to protobuf-c as well.
+    // A type that contains itself finds its own entry still empty: left to protobuf-c as well.
     if (message && (!child || !child->plain_)) plain_ = false;
     constant_ += kTagMax + kLengthMax;
     dynamic_.push_back({&field, child});
@@ -131,7 +131,7 @@ std::optional<size_t> PackBound::of(const ProtobufCMessage &record) const {
   if (!plain_) return protobuf_c_message_get_packed_size(&record);
   size_t total = constant_;
   for (const auto &unknown : std::span(record.unknown_fields, record.n_unknown_fields)) {
-    // protobuf-c reads a field numbered 0 where its tag is longer than it need be, and could not read what it would write.
+    // protobuf-c reads a field numbered 0 when its tag is overlong, but could not read what it would write for it.
     if (unknown.tag == 0) return std::nullopt;
     total += kTagMax + unknown.len;
   }

@@ -1,5 +1,5 @@
-// An upper bound of the packed length that costs no walk over the scalars: a constant a descriptor, plus what text, bytes and
-// sub-messages really hold. Loop's thread.
+// An upper bound of a record's packed length that needs no walk over its scalars: a constant for each descriptor, plus the actual
+// length of text, bytes and sub-messages. Loop's thread.
 #pragma once
 
 #include <protobuf-c/protobuf-c.h>
@@ -12,7 +12,7 @@ namespace mom {
 
 class PackBound {
  public:
-  // One for each descriptor, for the life of the process.
+  // The one of this descriptor; lives as long as the process.
   static const PackBound *shared(const ProtobufCMessageDescriptor &descriptor);
 
   explicit PackBound(const ProtobufCMessageDescriptor &descriptor);

@@ -28,7 +28,7 @@ constexpr std::array kSchema = {
 
 constexpr std::array<std::string_view, 1> kHashClass = {"s_policy_kelim.meter"};
 
-// How a key field of each form is turned into bytes. `width` 0 is text.
+// How the bytes of a key field follow from its type. `width` is in bytes, 0 for text.
 struct KeyForm {
   ProtobufCType type;
   unsigned width;
@@ -62,7 +62,7 @@ constexpr uint64_t sign_bit(const KeyForm &form) {
   return form.is_signed ? uint64_t{1} << (form.width * 8 - 1) : 0;
 }
 
-// Appends to the two words while there is room, then to the tail.
+// Appends bytes to the two words while there is room, then to the tail.
 class KeyWriter {
  public:
   void put(uint8_t byte) {
@@ -356,7 +356,7 @@ std::vector<uint8_t> RecordType::key_only(const Key &key) const {
   if (!index || !record) return {};
   protobuf_c_message_init(key_, index.get());
   protobuf_c_message_init(descriptor_, record.get());
-  std::vector<std::string> texts(key_->n_fields);  // outlive the pack below
+  std::vector<std::string> texts(key_->n_fields);  // must outlive the packing below
   KeyReader reader(key);
   for (unsigned i = 0; i < key_->n_fields; ++i) {
     const ProtobufCFieldDescriptor &field = key_->fields[i];

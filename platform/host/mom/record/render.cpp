@@ -61,7 +61,7 @@ std::string ipv6_text(const ProtobufCMessage &record) {
   return bytes_address(span_of(reinterpret_cast<const PLibpub__Ipv6 &>(record).data), AF_INET6, sizeof(in6_addr));
 }
 
-// Sub-messages that are shown as one text.
+// Sub-messages that are shown as one string.
 struct Wrapper {
   const ProtobufCMessageDescriptor *type;
   std::string (*text)(const ProtobufCMessage &);
@@ -184,7 +184,7 @@ Json message_json(const ProtobufCMessage &record, bool whole) {
   Json out = Json::object();
   for (const auto &field : std::span(record.descriptor->fields, record.descriptor->n_fields)) {
     Json value = field_json(record, field);
-    // A controller address: its first byte is the least significant one.
+    // A controller's address, whose first byte is the least significant one.
     if (record.descriptor == &s_policy_kelim__onc_ip_key__descriptor && std::string_view(field.name) == "ip") {
       value = dotted(__builtin_bswap32(value.get<uint32_t>()));
     }

@@ -1,4 +1,4 @@
-// Records as people read them: JSON by a walk over the descriptor, addresses written the usual way, enumerations and bitmaps by
+// Records in readable form: JSON by a walk over the descriptor, addresses in their usual notation, enumerations and bitmaps by
 // name. Any thread.
 #pragma once
 
@@ -17,13 +17,13 @@ namespace mom {
 
 using Json = nlohmann::ordered_json;
 
-// Top-level and key fields always show; zero fields and absent parts inside other sub-messages are left out.
+// Top-level and key fields are always shown; zero fields and absent parts of other sub-messages are left out.
 Json to_json(const ProtobufCMessage &record);
 
-// Any bytes as text that neither a terminal nor a log line trips over; at most `most` of them, then "...".
+// Any bytes as text that is safe for a terminal and a log line: at most `most` of them, then "...".
 std::string printable(std::string_view bytes, size_t most = SIZE_MAX);
 
-// Bytes as hexadecimal digits, and back; nothing for a text that is none.
+// Bytes as hexadecimal digits, and back; nothing for text that is not hexadecimal.
 std::string hex(Bytes bytes, std::string_view between = "");
 std::optional<std::vector<uint8_t>> unhex(std::string_view text);
 

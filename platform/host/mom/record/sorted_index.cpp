@@ -4,7 +4,7 @@ namespace mom {
 
 namespace {
 
-// Equal heads are the rule only among long keys that share their first 16 bytes.
+// Short keys with equal heads are equal; long ones may differ after their first 16 bytes.
 bool tails_can_differ(const Key &key, const Object &object) {
   return !key.tail.empty() || object.tail_size != 0;
 }
@@ -19,8 +19,8 @@ std::strong_ordering SortedIndex::compare(const Block &block, size_t slot, const
 
 SortedIndex::Place SortedIndex::find(const Key &key) const {
   if (directory_.empty()) return {};
-  // The last block that does not begin after the key. Blocks may begin with the same head, so long keys step back over equal
-  // heads.
+  // The last block that does not begin after the key. Several blocks may begin with the same head, so the search for a long key
+  // steps back over equal heads.
   auto entry = std::upper_bound(directory_.begin(), directory_.end(), key.head,
                                 [](const KeyHead &head, const Entry &candidate) { return head < candidate.first; });
   while (entry != directory_.begin() && entry != directory_.begin() + 1) {
@@ -79,8 +79,8 @@ void SortedIndex::add_block(size_t position, std::unique_ptr<Block> block) {
   directory_.insert(directory_.begin() + position, Entry{first, std::move(block)});
 }
 
-// Makes room in a full block: a new block behind it takes the upper half, or nothing when the key goes to the very end of all
-// keys, so that ascending keys leave full blocks behind.
+// Makes room in a full block: a new block after it takes the upper half, or nothing when the key comes after all others, so that
+// ascending keys leave full blocks behind.
 SortedIndex::Place SortedIndex::split(const Place &place) {
   Block &left = *directory_[place.block].block;
   auto right = std::make_unique<Block>();

@@ -1,8 +1,8 @@
 // Objects of one type in key order: a directory of sorted blocks of at most 128 objects.
 //
 // Two levels are enough for millions of objects (10^6: 8,000 blocks whose directory fits the second-level cache), and a block
-// keeps 24 bytes an object, against 64 and more of a node-based tree. Keys stand apart from the pointers, so that a lookup
-// touches the keys only. Objects that arrive in key order fill their blocks completely. Loop's thread.
+// takes 24 bytes an object, against 64 and more of a node-based tree. Keys are kept apart from the pointers, so that a lookup
+// touches only keys. Objects that arrive in key order fill their blocks completely. Loop's thread.
 #pragma once
 
 #include <algorithm>
@@ -16,7 +16,7 @@ namespace mom {
 
 class SortedIndex {
  public:
-  // Where a key stands or would stand. Valid until the next insert or erase.
+  // Where a key is or would be. Valid until the next insert or erase.
   struct Place {
     size_t block = 0;
     size_t slot = 0;
@@ -33,23 +33,23 @@ class SortedIndex {
   Object *at(const Place &place) const { return directory_[place.block].block->objects[place.slot]; }
   Key key_at(const Place &place) const;
 
-  // Puts the reference in; `place` is find()'s answer for `key`, not found.
+  // Inserts at `place`, which find() gave for `key` as not found.
   void insert(const Place &place, const Key &key, ObjectRef object);
-  // Exchanges the object at a found place.
+  // Replaces the object at a found place; returns the old one.
   ObjectRef replace(const Place &place, ObjectRef object);
   ObjectRef erase(const Place &place);
   void clear();
 
-  // The walk in key order: first place, next place; `found` is false at the end.
+  // The walk in key order; `found` is false at the end.
   Place first() const { return settle({0, 0, true}); }
   Place next(const Place &place) const { return settle({place.block, place.slot + 1, true}); }
   // The first object after `key`.
   Place after(const Key &key) const;
 
   size_t size() const { return size_; }
-  // Changes with every insert and erase: tells a walk that its place is void.
+  // Changes with every insert and erase: tells a walk that its place is no longer valid.
   uint64_t version() const { return version_; }
-  // Bytes held by the index itself, without the objects.
+  // Bytes of the index itself, without the objects.
   size_t bytes() const { return directory_.capacity() * sizeof(Entry) + directory_.size() * sizeof(Block); }
 
  private:

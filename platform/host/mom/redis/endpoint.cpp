@@ -34,7 +34,7 @@ std::string bad_url(const std::string &url, const std::string &why) {
   return "mom.url '" + host::masked(url) + "': " + why;
 }
 
-// "HOST[:PORT]", the host in brackets where it has colons itself.
+// "HOST[:PORT]", with the host in brackets if it contains colons.
 bool parse_address(std::string_view text, std::string *host, int *port) {
   const size_t bracket = text.starts_with('[') ? text.find(']') : 0;
   if (bracket == std::string_view::npos) return false;
@@ -63,7 +63,7 @@ bool parse_sentinels(std::string_view text, Endpoint *endpoint) {
   return !endpoint->sentinels.empty() && !endpoint->master.empty();
 }
 
-// A name without a slash is that of a credential that systemd hands over.
+// A name without a slash is that of a systemd credential.
 std::string read_password(const std::string &file, std::string *password) {
   const char *credentials = std::getenv("CREDENTIALS_DIRECTORY");
   if (file.find('/') == std::string::npos && !credentials)

@@ -16,23 +16,24 @@ using namespace std::chrono_literals;
 
 constexpr auto kFirstBackoff = 20ms;
 constexpr auto kLongestBackoff = 2000ms;
-constexpr auto kFirstProbe = 100ms;  // of a server that refuses writes; the next ones wait twice as long each
-constexpr unsigned kLooks = 4;       // at the server in the time that it may be silent: it is given up a quarter later at most
-constexpr auto kStable = 5s;         // a link that held this long begins its backoff anew
+constexpr auto kFirstProbe = 100ms;  // of a server that refuses writes; the wait doubles each time
+constexpr unsigned kLooks = 4;       // at the server within dead_after_; so it is given up a quarter of that late at most
+constexpr auto kStable = 5s;         // a link that was up this long starts over with the first backoff
 
-// What hiredis may hold for the socket; more waits in the queue.
+// Bytes in the output buffer of the socket; further commands wait in the queue.
 constexpr size_t kUnsentMax = 256U << 10;
-constexpr size_t kPushAbove = 64U << 10;  // a burst does not wait for the loop's next turn
+constexpr size_t kPushAbove = 64U << 10;  // bytes; a burst does not wait for the loop's next turn
 
-// Redis ends subscribers that fall behind by 32 MB by default, less than one large burst of flows.
+// By default Redis disconnects subscribers that lag by 32 MB, less than one large burst of flows.
 constexpr std::string_view kSubscriberBuffers = "pubsub 536870912 268435456 60";
 constexpr long kSubscriberBufferMin = 268435456;
 
-// Where the server tells a client that tracks keys that all of them have gone; keys with this prefix there are none of.
+// The channel on which the server tells a client that tracks keys that all keys were deleted. No key has the tracked prefix, so
+// that nothing else is told.
 constexpr const char *kFlushed = "__redis__:invalidate", *kNoKeys = "s_policy_kelim.none:";
 
-// What a server answers to writes that it does not take for now, though all is well with the connection: no memory, a replica,
-// nothing saved for too long. The last one comes at the end of a transaction in which another one came.
+// The errors of a server that accepts no writes for now, on a connection that is sound: out of memory, a replica, too long
+// without a save. EXECABORT ends a transaction in which one of the others came.
 constexpr std::string_view kRefusals[] = {"OOM ", "READONLY ", "MISCONF ", "NOREPLICAS ", "EXECABORT "};
 
 bool is_refusal(std::string_view error) {
@@ -153,7 +154,7 @@ void RedisLink::greet_writer() {
   writer_.send(kHarmlessWrite, [this](const redisReply *reply) {
     if (reply && is_error(reply)) note_refusal(text_of(reply));
   });
-  // Behind the answers above, and behind the settings that they may have sent.
+  // The first PING comes after the replies above, the second after the settings that those may have sent.
   writer_.send({"PING"}, [this](const redisReply *first) {
     if (!first) return;
     writer_.send({"PING"}, [this](const redisReply *second) {
@@ -162,9 +163,9 @@ void RedisLink::greet_writer() {
   });
 }
 
-// Of several processes of one name the first works, the others wait for its end. One that has not even asked whether the server
-// is alive, as they all do, for longer than that may take is frozen or lies behind a lost link. What is left of our own link
-// before does not count.
+// Of several processes with one name the first works and the others wait for it to end. All of them ping the server regularly:
+// one that has been idle for longer than dead_after_ is frozen or cut off and does not count, nor does the remnant of our own
+// previous connection.
 void RedisLink::look_for_others() {
   const auto number = [](std::string_view text) { return std::strtoull(std::string(text).c_str(), nullptr, 10); };
   writer_.send({"CLIENT", "ID"}, [this, number, before = number(client_id_)](const redisReply *id) {
@@ -223,7 +224,7 @@ void RedisLink::widen_subscriber_buffers(const redisReply *reply) {
   });
 }
 
-// Objects that went that way would be missed by nobody.
+// Nobody would notice that evicted objects are missing.
 void RedisLink::warn_of_eviction(const redisReply *reply) {
   if (!reply || reply->type != REDIS_REPLY_ARRAY || reply->elements != 2 || text_of(reply->element[1]) == "noeviction") return;
   host::log::error(
@@ -250,7 +251,7 @@ void RedisLink::flushed() {
   });
 }
 
-// One confirmation more; the last one of a greeting ends it.
+// Counts one confirmation; the last one that a greeting waits for ends it.
 void RedisLink::greeted() {
   if (unconfirmed_ > 0 && --unconfirmed_ == 0 && state_ == State::greeting) come_up();
 }
@@ -279,7 +280,7 @@ void RedisLink::come_up() {
   });
 }
 
-// Where the link has been lost again meanwhile, they wait for the next time.
+// If the link was lost again meanwhile, the calls are answered when it is up the next time.
 void RedisLink::report_connected() {
   if (!is_up()) return;
   for (size_t waiting = std::exchange(connects_, 0); waiting > 0; --waiting) store_events_.connected(db_);
@@ -331,7 +332,8 @@ void RedisLink::release(const Charge &charge) {
   if (charge.slot) charge.slot->topic.release(charge.bytes, charge.writes);
 }
 
-// A server that hangs, or a peer that is gone without a word. Silence counts from the first look that finds it begun.
+// Detects a server that hangs, or a peer that is gone without closing the connection: several looks in a row that find replies
+// due and none received.
 void RedisLink::look() {
   const bool answered = writer_.answered() != std::exchange(answered_before_, writer_.answered());
   silent_looks_ = answered || writer_.waiting() == 0 ? 0 : silent_looks_ + 1;
@@ -375,7 +377,8 @@ void RedisLink::send(Formatted commands) {
   if (writer_.unsent() >= kPushAbove) writer_.push();
 }
 
-// Hands commands to hiredis while it has room. Does not push them to the socket: inside an answer that could free the connection.
+// Moves commands into the output buffer while it has room. Does not push them to the socket: inside a reply's callback that could
+// end the connection.
 void RedisLink::feed() {
   while (!more_ && !queue_.empty() && writer_.unsent() < kUnsentMax) {
     Formatted &batch = queue_.front();
@@ -400,7 +403,7 @@ void RedisLink::feed() {
 }
 
 void RedisLink::answer(const redisReply *reply) {
-  if (sent_.empty()) return;  // the connection has failed and its charges are released
+  if (sent_.empty()) return;  // the link has failed and its charges are released
   const Answer answer = sent_.front();
   sent_.pop_front();
   release(answer.charge);
@@ -430,7 +433,8 @@ void RedisLink::go_on(const redisReply *reply) {
 
 // ---- a server that refuses writes
 //
-// The connection stays: what is there can be read and deleted, and answers arrive. Everybody looks again once writes are taken.
+// The link stays up: objects can be read and deleted, and notifications arrive. Once writes are accepted again, every
+// subscription gets its data-fetch signal.
 
 void RedisLink::note_refusal(std::string_view why) {
   if (!db_.refusing.empty()) return;

@@ -1,8 +1,8 @@
-// One database's life line to Redis: a connection for writes and one for subscriptions that are up together or not at all,
-// reconnected with backoff. Loop's thread.
+// One database's link to Redis: a connection for writes and one for subscriptions that are up together or not at all, reconnected
+// with backoff. Loop's thread.
 //
-// Commands leave in the order they were given. They are kept here, not in hiredis, while the socket is behind: a burst of writes
-// then costs no copying of what is still to be sent.
+// Commands leave in the order in which they were given. Under backpressure from the socket they are queued here, not in its
+// output buffer, so that a burst of writes costs no copying of unsent bytes.
 #pragma once
 
 #include <deque>
@@ -19,7 +19,8 @@
 
 namespace mom {
 
-// What commands have in flight: released in `slot`'s topic with the last answer, or when the connection ends.
+// The share of a batch in the writes in flight of `slot`'s topic: released with the batch's last reply, or when the connection
+// ends.
 struct Charge {
   Slot *slot = nullptr;
   size_t bytes = 0;
@@ -28,7 +29,7 @@ struct Charge {
 
 class RedisLink {
  public:
-  // How the link lives. Only the transitions of this picture happen (RedisLink::enter):
+  // The states of the link. enter() asserts that only these transitions happen:
   //
   //    idle --> searching --> greeting --> up
   //               ^  |           |          |
@@ -40,19 +41,18 @@ class RedisLink {
   enum class State : uint8_t {
     idle,       // connect() has not been called
     searching,  // asks the sentinels for the master
-    greeting,   // opens both connections; settings, scripts and subscriptions wait for their answers
+    greeting,   // both connections are open; settings, scripts and subscriptions wait for their replies
     up,         // commands are taken
-    waiting,    // for the next attempt; nothing is open
+    waiting,    // for the next attempt; both connections are closed
     closed,     // the destructor runs
   };
 
-  // What the owner does with what happens. None is called from inside a call of the link.
+  // Callbacks to the owner. None is called from inside a call of the link.
   struct Events {
-    std::function<void()> up;  // for the first time, or again
+    std::function<void()> up;  // the first time and after each reconnect
     std::function<void(std::string_view channel, std::string_view payload)> message;
     std::function<void(std::string_view channel)> subscribed;
-    std::function<void()>
-        unsure;  // what is stored may be other than what was written: writes are refused, or all has been deleted
+    std::function<void()> unsure;  // the database may not hold what was written: writes are refused, or all was deleted
   };
 
   RedisLink(StoreEvents &store_events, TurnQueue &later, Database &db, const Endpoint &endpoint,
@@ -62,40 +62,40 @@ class RedisLink {
   // Begins to connect, the first time. Each call is answered by StoreEvents::connected, in a later turn, once the link is up.
   void connect();
   bool is_up() const { return state_ == State::up; }
-  // Of the server that was last seen by this link; empty before.
+  // The run_id of the server that the link was last up with; empty before the first time.
   const std::string &run_id() const { return run_id_; }
-  // Counts the times the link came up.
+  // The number of times that the link came up.
   unsigned generation() const { return generation_; }
 
   // ---- commands for the write connection; dropped while the link is down
 
-  // A run of commands, ready for the wire.
+  // A batch of commands in wire format.
   struct Formatted {
     std::string bytes;
     std::vector<size_t> ends;  // of each command in `bytes`
     Charge charge;
-    qx_mom_done_cb done = nullptr;  // called, later, when the last command is answered
-    // Gives what the answer to the last command calls for: it goes out next, and everything behind waits until nothing more
-    // comes.
+    qx_mom_done_cb done = nullptr;  // called in a later turn once the last command has its reply
+    // Makes the next part of a pass from the reply to the last command. The part is sent next; all batches behind it wait until
+    // an empty part ends the pass.
     std::function<Formatted(const redisReply *)> more{};
 
     void add(std::span<const std::string_view> arguments);
     void add(Arguments arguments) { add(std::span(arguments.begin(), arguments.size())); }
-    // A command whose last `count` arguments are on the wire's form already.
+    // A command whose last `count` arguments are already in wire format.
     void add(Arguments first, std::string_view formatted, size_t count);
   };
   void send(Formatted commands);
 
-  // Whether it goes over all objects of a type, now or behind what was given before: that may take seconds.
+  // True while a pass over all objects of a type is running or queued, which may take seconds.
   bool passes() const;
   bool idle() const { return queue_.empty() && writer_.waiting() == 0; }
-  // Waits until everything given so far is answered. False when that does not happen in time.
+  // Waits until all commands given so far have their replies. False when the deadline passes or the link fails first.
   bool settle(std::chrono::steady_clock::time_point deadline);
 
-  // A write that changes nothing, refused where others are.
+  // A write that changes nothing and is refused whenever others are.
   static inline const Arguments kHarmlessWrite = {"SETRANGE", "s_policy_kelim", "0", ""};
 
-  // Subscribes now, and again after every reconnect. Confirmed by Events::subscribed each time.
+  // Subscribes now and after every reconnect. Events::subscribed confirms it while the link is up.
   void subscribe(const std::string &channel);
 
  private:
@@ -132,28 +132,28 @@ class RedisLink {
   TurnQueue &later_;
   Database &db_;
   Endpoint endpoint_;
-  std::chrono::milliseconds dead_after_;  // without any answer
+  std::chrono::milliseconds dead_after_;  // the longest silence of the server before the link fails
   Events events_;
   Pipe writer_;
   Pipe subscriber_;
   std::vector<std::string> channels_;
-  // What the present connections have not confirmed: channels, and while greeting the settings on the write connection.
+  // Confirmations that are due: one for each channel and, while greeting, one for the settings of the write connection.
   size_t unconfirmed_ = 0;
 
   std::deque<Formatted> queue_;
-  size_t next_command_ = 0;  // of the first batch
+  size_t next_command_ = 0;  // of the first batch in queue_
   std::deque<Answer> sent_;
-  // The batch that the others wait for: sent, and its answer may call for more.
+  // Of the pass that all other batches wait for; null while there is none.
   std::function<Formatted(const redisReply *)> more_;
   qx_mom_done_cb more_done_ = nullptr;
 
   State state_ = State::idle;
-  size_t connects_ = 0;  // not answered yet
+  size_t connects_ = 0;  // calls of connect() that are not answered yet
   ServerInfo server_;
   std::string run_id_;
-  History had_;            // of the last server, at the last look at it
-  MasterSearch search_;    // where there are sentinels
-  std::string client_id_;  // of the write connection, the present one or the last
+  History had_;            // of the last server, when it was last asked
+  MasterSearch search_;    // used where there are sentinels
+  std::string client_id_;  // of the write connection, the current or the last one
   unsigned generation_ = 0;
   std::string last_failure_;
 
@@ -167,7 +167,7 @@ class RedisLink {
 
   host::Timer watch_timer_;
   uint64_t answered_before_ = 0;
-  unsigned silent_looks_ = 0;  // in a row, with answers owed and none come
+  unsigned silent_looks_ = 0;  // in a row that found replies due and none received
 };
 
 }  // namespace mom

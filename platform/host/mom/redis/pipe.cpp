@@ -17,8 +17,8 @@ namespace mom {
 
 namespace {
 
-// Has the kernel probe the peer of an idle TCP connection, at first after half of the time, and give up what stays without
-// acknowledgement for the whole of it. An option that the kernel does not know only makes it notice later.
+// Has the kernel probe the peer of an idle TCP connection, for the first time after half of `dead_after`, and end the connection
+// when nothing is acknowledged for all of it. Without an option that the kernel does not know, the loss is noticed later.
 void notice_loss(int fd, std::chrono::milliseconds dead_after) {
   using std::chrono::seconds;
   const auto whole_seconds = [](std::chrono::milliseconds time) {
@@ -70,7 +70,7 @@ void Pipe::finish(const std::string &why) {
 // ---- commands
 
 void Pipe::send(std::span<const std::string_view> arguments, Answer answer) {
-  if (!stream_.is_open()) return;  // who asked learns it from `ended`
+  if (!stream_.is_open()) return;  // the caller learns of it from `ended`
   std::string command;
   append_command(command, arguments);
   stream_.write(command);
@@ -87,7 +87,7 @@ void Pipe::send_plain(std::string_view formatted) {
   watch_output();
 }
 
-// The command given last, unless one is timed already.
+// Begins to measure the round trip of the last command, unless one is being measured.
 void Pipe::time_last() {
   if (timed_ != 0) return;
   timed_ = answered_ + pending_.size();
@@ -117,7 +117,7 @@ void Pipe::ready(short what) {
   go_on(what & EV_READ || endpoint_.tls ? stream_.step() : stream_.send());
 }
 
-// Hands on what has come. Callbacks may end this connection, and begin another.
+// Dispatches the replies received. A callback may end this connection and begin another.
 void Pipe::go_on(bool good) {
   const unsigned generation = generation_;
   while (const Reply reply = stream_.next()) {

@@ -1,5 +1,5 @@
-// An asynchronous connection to Redis on the process's loop: commands go out in order without waiting, each answer is seen once.
-// The base of the connection for writes and of the one for subscriptions. Loop's thread.
+// An asynchronous connection to Redis on the process's loop: pipelined commands, one callback for each reply, subscriptions. The
+// link uses one for writes and one for subscriptions. Loop's thread.
 #pragma once
 
 #include <event2/event.h>
@@ -16,41 +16,42 @@ namespace mom {
 
 class Pipe {
  public:
-  // Called with the answer; with null when the connection ended first. Never from inside send().
+  // Called with the reply, or with null when the connection ended first. Never from inside send().
   using Answer = std::function<void(const redisReply *)>;
 
-  // `ended` is called once when the connection is gone, with the reason, unless close() was called. Over TCP a peer that is gone
-  // without a word, whose machine went down for one, counts as gone after `dead_after` also where nothing is sent.
+  // `ended` is called once when the connection ends, with the reason, unless close() was called. Over TCP a peer that vanishes
+  // without closing the connection, because its machine went down for example, is given up after `dead_after` even on an idle
+  // connection.
   Pipe(const Endpoint &endpoint, std::chrono::milliseconds dead_after, std::function<void(const std::string &)> ended)
       : endpoint_(endpoint), dead_after_(dead_after), ended_(std::move(ended)) {}
   ~Pipe() { close(); }
   Pipe(const Pipe &) = delete;
   Pipe &operator=(const Pipe &) = delete;
 
-  // Begins to connect, with the password where there is one. "" or why not.
+  // Begins to connect, and logs in where there is a password. Returns "" or why it cannot.
   std::string open();
-  // Ends the connection at once; what waits for an answer gets null.
+  // Ends the connection at once; callbacks that wait for a reply get null.
   void close();
   bool is_open() const { return stream_.is_open(); }
 
   void send(std::span<const std::string_view> arguments, Answer answer);
   void send(Arguments arguments, Answer answer) { send(std::span(arguments.begin(), arguments.size()), std::move(answer)); }
-  // One formatted command. `plain` commands have no function of their own: their answers go to on_plain in order.
+  // One command in wire format, without a callback of its own: its reply goes to on_plain, in order.
   void send_plain(std::string_view formatted);
   std::function<void(const redisReply *)> on_plain;
 
-  // Answers not yet seen.
+  // Replies that are due.
   size_t waiting() const { return pending_.size(); }
   uint64_t answered() const { return answered_; }
-  // Bytes that the socket has not taken.
+  // Bytes that the socket has not accepted yet.
   size_t unsent() const { return stream_.unsent(); }
-  void push();  // tries to hand them to the socket now
+  void push();  // tries to send them now
 
-  // Works on this connection alone until `done` or the deadline; false when it passed or the connection ended.
+  // Serves this connection alone, blocking, until `done` is true. False when the deadline passes or the connection ends first.
   bool drive(const std::function<bool()> &done, std::chrono::steady_clock::time_point deadline);
 
-  // Subscribes to channels, when every command is answered; `message` gets each message (channel, payload), `confirmed` each
-  // channel's confirmation.
+  // Subscribes to a channel. Replies count as messages once every command has its reply: `message` gets each message, `confirmed`
+  // the confirmation of each channel.
   void subscribe(const std::string &channel);
   std::function<void(std::string_view channel, std::string_view payload)> message;
   std::function<void(std::string_view channel)> confirmed;
@@ -75,12 +76,12 @@ class Pipe {
   EventOwner readable_, writable_;
   void time_last();
 
-  std::deque<Answer> pending_;  // in the order of their commands; empty for a plain one
+  std::deque<Answer> pending_;  // in the order of the commands; empty for a plain one
   uint64_t answered_ = 0;
-  // The command that is timed, by its number among those answered; 0 while none is.
+  // The command whose round trip is being measured, by its number among all replies; 0 while there is none.
   uint64_t timed_ = 0;
   std::chrono::steady_clock::time_point timed_since_{};
-  unsigned generation_ = 0;  // of the connection
+  unsigned generation_ = 0;  // changes when the connection is opened or closed
 };
 
 }  // namespace mom

@@ -14,13 +14,13 @@ namespace {
 using namespace std::chrono_literals;
 using std::chrono::steady_clock;
 
-constexpr size_t kBatch = 64;          // writes and deletions that leave together; more gains nothing
-constexpr size_t kCommandHeads = 256;  // bytes of a transaction beside its arguments, or a little more
+constexpr size_t kBatch = 64;          // writes and deletions in a batch; more gains nothing
+constexpr size_t kCommandHeads = 256;  // upper estimate of a transaction's bytes beside its arguments
 constexpr size_t kForgetBatch = 256;
 constexpr size_t kMembersAtATime = 5000;
-constexpr size_t kSampled = 16;      // objects asked for their size
-constexpr auto kStartPatience = 3s;  // for a server that is being started beside us
-constexpr auto kLoadPatience = 60s;  // for a server that loads its data
+constexpr size_t kSampled = 16;      // objects whose size is asked for
+constexpr auto kStartPatience = 3s;  // with a server that is starting at the same time
+constexpr auto kLoadPatience = 60s;  // with a server that is loading its data
 constexpr auto kProbeEvery = 50ms;
 
 }  // namespace
@@ -101,20 +101,20 @@ int RedisStore::connect(Database &db) {
   return 0;
 }
 
-// Every channel asked for is confirmed. What was known of the objects is not, after an interruption.
+// Every channel is confirmed when the link comes up. What was known of the objects is void after an interruption.
 void RedisStore::up(Base &base) {
   for (const auto &table : base.tables) {
     if (!table) continue;
     table->known.clear();
     table->channel_live = table->channel_asked;
     table->gone_live = table->gone_asked;
-    // After an interruption the client repeats what it is owed.
+    // After a reconnect the client asks again for each subscription.
     for (auto &live : std::exchange(table->waiting, {}))
       if (base.link->generation() == 1) later_.act(std::move(live));
   }
 }
 
-// Where a replay has begun and writes are refused, what it could not renew must not go for that.
+// A replay that is under way while writes are refused cannot renew its objects: they must not expire for that.
 void RedisStore::unsure(Base &base) {
   for (const auto &table : base.tables) {
     if (!table) continue;
@@ -134,8 +134,9 @@ bool RedisStore::is_stored(Table &table, const Key &key) {
   return table.known.contains(key) || number(table.base, {"EXISTS", table.slot.type.text(key)}).value_or(1) != 0;
 }
 
-// While the server refuses writes a new object is refused at once. The rewrite of one that is stored is not, though it leaves
-// nothing: who writes would take that for the end of it. What is stored goes on being true until everybody looks again.
+// While the server refuses writes, a new object is refused at once. Deliberate: the rewrite of a stored object reports success
+// although nothing is sent, because the writer would take a failure for the object's end. The stored value stays valid until
+// every subscription gets its data-fetch signal.
 int RedisStore::write(Table &table, const Key &key, Bytes packed, int64_t tag) {
   if (!table.slot.db.refusing.empty()) {
     events_.count_refused(1);
@@ -160,7 +161,7 @@ int RedisStore::write(Table &table, const Key &key, Bytes packed, int64_t tag) {
 
 void RedisStore::add_write(Table &table, const Key &key, std::string_view member, std::string_view tag, Bytes packed) {
   Batch &batch = table.batch;
-  // Within a batch everything is written first and deleted then.
+  // A batch writes first and deletes afterwards.
   if (std::ranges::find(batch.deleted, key) != batch.deleted.end()) flush(table.base);
   ++batch.writes;
   batch.bytes += packed.size();
@@ -174,8 +175,8 @@ void RedisStore::add_write(Table &table, const Key &key, std::string_view member
 
 void RedisStore::add_deletion(Table &table, const Key &key) {
   Batch &batch = table.batch;
-  if (std::ranges::find(batch.deleted, key) != batch.deleted.end()) return;  // the first one has taken it already
-  // Like their writes, deletions of these keep their place among everything.
+  if (std::ranges::find(batch.deleted, key) != batch.deleted.end()) return;  // deleted by this batch already
+  // Hash-class objects are not batched, so that they keep their place among the writes of all types.
   const bool alone = table.slot.type.hash_class();
   if (alone) flush(table.base);
   table.slot.topic.take(0);
@@ -187,7 +188,7 @@ void RedisStore::add_deletion(Table &table, const Key &key) {
   if (alone) flush(table.base);
 }
 
-// Reckons with what has joined the table's batch.
+// Counts an addition to the table's batch, and sends or schedules it.
 void RedisStore::joined(Table &table) {
   Base &base = table.base;
   if (table.batch.size++ == 0) base.open.push_back(&table);
@@ -226,7 +227,7 @@ void RedisStore::send_batch(Table &table) {
     commands.add({"PUBLISH", table.channel, batch.notifications});
   } else {
     append_argument(batch.told, {batch.notifications});
-    // The whole script, not its name: a server that has lost it would carry out the rest of the transaction.
+    // The script's text, not its hash: a server that has lost the script would carry out the rest of the transaction.
     commands.add({"EVAL", scripts::del().text, "1", table.index, table.prefix, table.channel, table.gone}, batch.told,
                  2 * batch.deleted.size() + 1);
   }
@@ -241,7 +242,7 @@ void RedisStore::Batch::clear() {
   deleted.clear();
 }
 
-// Everything but what is batched: behind that.
+// Sends one command, after flushing the batches.
 void RedisStore::send(Table &table, Arguments arguments, Charge charge, qx_mom_done_cb done) {
   flush(table.base);
   RedisLink::Formatted command;
@@ -251,8 +252,8 @@ void RedisStore::send(Table &table, Arguments arguments, Charge charge, qx_mom_d
   link(table).send(std::move(command));
 }
 
-// Part after part of the index, behind the writes before and ahead of those after. A replay takes away what it does not renew:
-// where writes are refused, those before or any, it must not begin and must not end.
+// Runs a script over the index, part by part, after the writes before it and ahead of those after it. `where_writes_are_taken` is
+// for the expiry of a whole type: it deletes what a replay does not renew, so it must not begin while writes are refused.
 void RedisStore::pass(Table &table, const Script &script, Where where, std::vector<std::string> arguments, qx_mom_done_cb done) {
   flush(table.base);
   RedisLink::Formatted first;
@@ -290,8 +291,8 @@ void RedisStore::watch_deletions(Table &table) {
 int RedisStore::del(Slot &slot, const Key &key) {
   Table &table = this->table(slot);
   const RedisLink *link = table.base.link.get();
-  // A deletion must not be lost for want of knowing whether the object is there, nor hold up the loop for it: where the server
-  // does not answer in time, or has a type to go over first, it follows the writes.
+  // An object that is not known to exist is deleted synchronously, for the result. If the server does not answer in time, or a
+  // pass over a type would make it wait, the deletion is batched instead: it must neither be lost nor hold up the loop.
   if (!table.known.contains(key) && !(link && link->is_up() && link->passes())) {
     const int rv = del_sync(slot, key);
     if (rv != -1 || !link || !link->is_up()) return rv;
@@ -312,7 +313,7 @@ int RedisStore::publish(Slot &slot, Bytes packed) {
 
 int RedisStore::pexpire(Slot &slot, const Key *key, uint32_t ms, qx_mom_done_cb done) {
   Table &table = this->table(slot);
-  // 0 would delete at once, and not as an expiry.
+  // 0 would be a deletion, which is not announced as an expiry.
   const std::string delay = std::to_string(std::max(ms, 1U));
   const auto deadline = steady_clock::now() + std::chrono::milliseconds(ms);
   if (key) {
@@ -339,7 +340,7 @@ int RedisStore::del_expire(Slot &slot, const Key *key) {
   return 0;
 }
 
-// The server shows nobody what is past its deadline, whatever its tag, but may be slow to notice it.
+// The server hides objects that are past their deadline, whatever their tag, but may be slow to delete and announce them.
 int RedisStore::del_expired(Slot &slot, int64_t) {
   Table &table = this->table(slot);
   if (steady_clock::now() >= table.deadline) pass(table, scripts::notice_part(), Where::anywhere, {table.prefix});
@@ -360,8 +361,8 @@ Reply RedisStore::synchronously(Base &base, const std::function<Reply(SyncConnec
       return nullptr;
     }
   }
-  // Another server than the one the client is told to be connected to: its data say nothing until that is known. Or this
-  // connection is what is left of the server before.
+  // True when this connection and the link have different servers: the data of a new server say nothing until the link has
+  // reported it, and a connection to the old one is void.
   const auto other_server = [&] { return link && !link->run_id().empty() && base.sync.server().run_id != link->run_id(); };
   if (base.sync.open().empty() && other_server()) base.sync.close();
   if (!base.sync.open().empty() || other_server()) return nullptr;
@@ -409,7 +410,7 @@ int RedisStore::get_sync(Slot &slot, const Key &key, std::vector<uint8_t> &packe
   return 0;
 }
 
-// The index's next members, about so many, in no order; the cursor is "0" at the end.
+// Appends about that many further members of the index, in no order; the cursor is "0" at the end.
 bool RedisStore::read_some_members(Table &table, std::string &cursor, size_t about, std::vector<Key> &keys, Sees sees) {
   const auto ask = [&](SyncConnection &sync) {
     return sync.call({"SSCAN", table.index, cursor, "COUNT", std::to_string(about)});
@@ -427,7 +428,7 @@ bool RedisStore::read_some_members(Table &table, std::string &cursor, size_t abo
   return true;
 }
 
-// The index's members in key order. Several answers, so that the server is not held for long.
+// Reads the index in key order. Asks in several steps, so that no step holds the server for long.
 bool RedisStore::read_members(Table &table, std::vector<Key> &keys) {
   std::string cursor = "0";
   do {
@@ -448,7 +449,8 @@ RedisStore::Visited RedisStore::visit_batch(Table &table, std::span<const Key> k
       table.base, [&](SyncConnection &sync) { return sync.call(arguments); }, sees);
   if (!reply || reply->type != REDIS_REPLY_ARRAY || reply->elements != keys.size()) return Visited::failed;
   for (size_t i = 0; i < keys.size(); ++i) {
-    if (reply->element[i]->type == REDIS_REPLY_NIL || deleted.contains(keys[i])) continue;  // gone, or not ours to read
+    if (reply->element[i]->type == REDIS_REPLY_NIL || deleted.contains(keys[i]))
+      continue;  // expired, of another kind, or deleted by the visitor
     const auto record = record_in(text_of(reply->element[i]));
     if (!record) {
       events_.skip("the value is none of ours", objects[i]);
@@ -461,7 +463,7 @@ RedisStore::Visited RedisStore::visit_batch(Table &table, std::span<const Key> k
 
 int RedisStore::scan_sync(Slot &slot, const Visitor &visit) {
   Table &table = this->table(slot);
-  // Who writes anew what it has read knows its objects then, and deletes without asking for each whether it is there.
+  // A process that scans and then rewrites the objects knows of them from then on and deletes without asking whether each exists.
   if (table.base.link) watch_deletions(table);
   std::vector<Key> keys;
   if (!read_members(table, keys)) return -1;
@@ -494,7 +496,7 @@ std::optional<size_t> RedisStore::number(Base &base, Arguments question) {
   return static_cast<size_t>(reply->integer);
 }
 
-// Bytes by what the server says of the index and of a few objects.
+// Estimated from the server's figures for the index and a few objects.
 size_t RedisStore::estimated_bytes(Table &table, size_t objects) {
   const Reply sample = synchronously(table.base, [&](SyncConnection &sync) {
     return sync.call({"SRANDMEMBER", table.index, std::to_string(kSampled)});
@@ -591,7 +593,7 @@ void RedisStore::expired(Base &base, std::string_view object) {
   deleted(table, *key, {});
 }
 
-// Without a last record its key has to do.
+// Where the last record is not known, subscribers get a record with its key only.
 void RedisStore::deleted(Table &table, const Key &key, Bytes packed) {
   if (!packed.empty()) {
     events_.deliver(table.slot, Change::deleted, packed, &key);

@@ -5,17 +5,18 @@
 //   key      "s_policy_kelim.flow:17:0"  string: tag (8 bytes, little-endian), packed record
 //   index    "s_policy_kelim.flow"       set of the variable parts ("17:0") of the type's keys; for scans and whole types
 //   channel  "n:s_policy_kelim.flow"     writes and deletions: one notification after another
-//   channel  "n:s_policy_kelim.flow-"    deletions once more, without the last records: for who writes the type and does not
-//   listen
+//   channel  "n:s_policy_kelim.flow-"    deletions again, without the last records: for processes that write the type but do not
+//                                        subscribe to it
 //
-// A notification is its kind, the variable part, a zero byte, the length of what follows (4 bytes, little-endian), the packed
-// record. Kinds: W written, C / R written for the first time / again (hash-class types), D deleted (the value as it was stored,
-// nothing when there was none of ours), P published. Expiries come as Redis's own key-event notifications.
+// A notification is its kind, the variable part, a zero byte, the length of the rest (4 bytes, little-endian), the packed record.
+// Kinds: W written, C / R written for the first time / again (hash-class types), D deleted (with the value as it was stored, or
+// nothing when the value was not ours), P published. Expiries come as Redis's own key-event notifications.
 //
-// Writes and deletions of one type that are given within a turn of the loop leave together, as one transaction: index, objects
-// and notifications change at once, and a server that is out of memory refuses all of it. An object therefore never stands
-// without its member in the index; a member may stand without its object, which has expired. The batches of several types leave
-// in the order in which they were begun. Whatever is not batched (meters, publishing, expiry, synchronous calls) keeps its place.
+// Writes and deletions of one type within a turn of the loop form a batch, sent as one transaction: index, objects and
+// notifications change together, and a server that is out of memory refuses all of it. So there is never an object without its
+// member in the index; there may be a member without its object, which has expired. Batches leave in the order in which they were
+// begun. Commands that are not batched (meters, publishing, expiry, synchronous calls) keep their place: open batches are sent
+// first.
 #pragma once
 
 #include <deque>
@@ -43,7 +44,8 @@ class RedisStore final : public Store {
   RedisStore(StoreEvents &events, TurnQueue &later, Endpoint endpoint, const host::Config::Mom &config);
   ~RedisStore() override;
 
-  // Looks whether the server can be used at all, waiting a little for it to start and longer for it to load. "" or why not.
+  // Checks that the server can be used, waiting a little for it to start and longer for it to load its data. Returns "" or why it
+  // cannot.
   std::string probe();
 
   const char *kind() const override { return "redis"; }
@@ -67,19 +69,19 @@ class RedisStore final : public Store {
  private:
   struct Base;
 
-  // Writes and deletions of one type that leave together: arguments of their commands, on the wire's form but for
+  // Writes and deletions of one type that are sent together: the arguments of their commands, in wire format except for
   // `notifications`.
   struct Batch {
     size_t size = 0;
-    size_t bytes = 0;  // of records
+    size_t bytes = 0;  // of the records written
     size_t writes = 0;
-    std::string members;  // of what is written
-    std::string objects;  // each a key and a value
+    std::string members;  // of the index, for the objects written
+    std::string objects;  // pairs of key and value
     std::vector<Key> deleted;
-    std::string told;           // in turn, notifications of writes and the member deleted behind them
-    std::string notifications;  // of the writes behind the last deletion
+    std::string told;           // alternately notifications of writes and the member deleted after them
+    std::string notifications;  // of the writes after the last deletion
 
-    void clear();  // keeps the memory
+    void clear();  // keeps the capacity
   };
 
   // One record type in one database.
@@ -87,21 +89,21 @@ class RedisStore final : public Store {
     Slot &slot;
     Base &base;
     std::string index;
-    std::string prefix;  // of object keys
+    std::string prefix;  // of the objects' keys
     std::string channel;
-    std::string gone;  // channel of the keys of what was deleted
+    std::string gone;  // the channel with the keys of deleted objects
     bool channel_asked = false;
     bool channel_live = false;
     bool gone_asked = false;
     bool gone_live = false;
-    bool expires = false;  // the whole type has been put under expiry
-    // Objects that this process wrote and that nobody can have taken away without a word: their deletion need not ask.
+    bool expires = false;  // the whole type was put under expiry
+    // Objects that this process wrote and that cannot have been deleted without its notice: deleting them needs no question.
     KeySet known{};
     Batch batch{};
     std::vector<std::function<void()>> waiting{};  // for the channel's confirmation
-    std::vector<std::set<Key> *> scans{};          // of running scans: what was deleted meanwhile
-    std::vector<std::string> expired{};            // members to take out of the index
-    // Before this, nothing that the process put under expiry is past its deadline.
+    std::vector<std::set<Key> *> scans{};          // the keys deleted during each running scan
+    std::vector<std::string> expired{};            // members to be removed from the index
+    // No object that this process put under expiry is due earlier.
     std::chrono::steady_clock::time_point deadline{};
   };
 
@@ -112,7 +114,7 @@ class RedisStore final : public Store {
     std::unique_ptr<RedisLink> link;
     std::vector<std::unique_ptr<Table>> tables;  // by RecordType::id()
     std::map<std::string, Table *, std::less<>> channels;
-    std::vector<Table *> open;  // those with a batch, in the order in which they were begun
+    std::vector<Table *> open;  // tables with a batch, in the order in which the batches were begun
     bool flush_planned = false;
   };
 
@@ -134,11 +136,11 @@ class RedisStore final : public Store {
                                    std::vector<std::string> arguments);
   void watch_deletions(Table &table);
 
-  // Runs `ask` on the synchronous connection after every write given before; null when that is not possible in time.
-  // Whether an answer has to know of everything written so far; waiting for that takes as long as there are many writes.
+  // Whether a reply must reflect everything written so far; waiting for that takes the longer, the more writes are in flight.
   enum class Sees { all_writes, what_is_there };
+  // Runs `ask` on the synchronous connection; null when that is not possible in time.
   Reply synchronously(Base &base, const std::function<Reply(SyncConnection &)> &ask, Sees sees = Sees::all_writes);
-  // The number that the server answers, 0 for nil.
+  // The integer that the server replies, 0 for nil.
   std::optional<size_t> number(Base &base, Arguments question);
   size_t estimated_bytes(Table &table, size_t objects);
   bool read_some_members(Table &table, std::string &cursor, size_t about, std::vector<Key> &keys, Sees sees = Sees::all_writes);

@@ -1,4 +1,4 @@
-// How long a Redis server takes to answer. Loop's thread.
+// How long the Redis server takes to answer. Loop's thread.
 #pragma once
 
 #include "host/base/histogram.h"
@@ -6,8 +6,8 @@
 namespace mom {
 
 struct RoundTrips {
-  host::Histogram piped;     // of commands that nobody waits for; one at a time is measured on each connection
-  host::Histogram blocking;  // of those that the loop waits for
+  host::Histogram piped;     // of pipelined commands; each connection measures one at a time
+  host::Histogram blocking;  // of commands that the loop waits for
 };
 inline RoundTrips round_trips;
 

@@ -8,8 +8,9 @@ namespace mom {
 
 namespace {
 
-// Somebody else's value of another kind under one of our keys goes too, without a last record. What the index names and is not
-// there any more, because somebody took it away past us, is announced as well: who has acted on it must hear of its end.
+// A foreign value of another Redis type under one of our keys is deleted too, without a last record. An object that the index
+// names but that does not exist any more, because somebody deleted it by hand, is announced as well: those that acted on it must
+// learn of its end.
 constexpr std::string_view kDel = R"(
 local members, objects, told, gone, found = {}, {}, {}, {}, 0
 for i = 5, #ARGV, 2 do
@@ -53,12 +54,12 @@ redis.call('SADD', KEYS[1], ARGV[1])
 redis.call('PUBLISH', ARGV[2], ARGV[5] .. ARGV[4])
 return 0)";
 
-// The deadline is the same for all and is found with the first part. What every object adds to it is more than it takes a server
-// that is not idle: nothing is past its deadline before the writes behind the last part are looked at. What is past it when its
-// part comes gets 50 ms.
+// All objects share one deadline, which the first part computes. Each object adds more to it than a busy server needs for one, so
+// that nothing expires before the server has seen the writes after the last part. A part that comes after the deadline gives its
+// objects 50 ms.
 //
-// The server announces no expiry of an object whose time is over in the very command that sets it. That happens to one that is
-// stopped there for longer than it gave: what is missing after a part that took so long is announced here.
+// The server does not announce an object that expires within the very script that sets its expiry, which happens when it is
+// stopped there for longer than that: objects that are missing after so long a part are announced here.
 constexpr std::string_view kExpirePart = R"(
 local function now()
   local time = redis.call('TIME')
@@ -84,7 +85,7 @@ local part = redis.call('SSCAN', KEYS[1], ARGV[1], 'COUNT', 1000)
 for _, member in ipairs(part[2]) do redis.call('PERSIST', ARGV[3] .. member) end
 return {part[1], ''})";
 
-// An object whose time is over goes when somebody asks for it.
+// The server deletes an object that is past its deadline when it is asked for it.
 constexpr std::string_view kNoticePart = R"(
 local part = redis.call('SSCAN', KEYS[1], ARGV[1], 'COUNT', 1000)
 for _, member in ipairs(part[2]) do redis.call('EXISTS', ARGV[3] .. member) end

@@ -1,6 +1,5 @@
-// What the server must decide itself. Each script works on one type in one database; KEYS[1] is the type's index, a set of the
-// keys' variable parts ("17:0"); stored values are the tag (8 bytes, little-endian) and the packed record. A deletion is
-// published as a notification of kind "D"; redis_store.h has the layout.
+// The scripts for what only the server can decide. Each works on one type in one database; KEYS[1] is the type's index. A
+// deletion is published as a notification of kind "D". The layout of index, values and notifications is in redis_store.h.
 #pragma once
 
 #include <string>
@@ -10,35 +9,37 @@ namespace mom {
 
 struct Script {
   std::string_view text;
-  std::string sha;  // of the text, in hexadecimal; how the server names it
+  std::string sha;  // SHA-1 of the text in hexadecimal, the script's name on the server
 };
 
 namespace scripts {
 
-// KEYS: index. ARGV: prefix of object keys, channel, channel of deletions, then in turn notifications to pass on as they are and
-// the member to delete behind them, and notifications at the end. One message on each channel; how many objects there were.
+// Deletes objects. KEYS: index. ARGV: prefix of object keys, channel, channel of deletions, then alternately notifications to
+// pass on as they are and the member to delete after them, and notifications at the end. Publishes one message on each channel;
+// returns how many objects existed.
 const Script &del();
-// KEYS: index, object. ARGV: member, channel, stored value, notification's end. For hash-class types: "C" or "R" begins the
-// notification.
+// Writes an object of a hash-class type; "C" or "R" begins its notification. KEYS: index, object. ARGV: member, channel, stored
+// value, end of the notification.
 const Script &put();
-// The same and ARGV[5], what begins the notification. 0, or 1 when the object exists: nothing is written then.
+// Writes an object of any type unless it exists: returns 0, or 1 when it exists. The same arguments, and ARGV[5], which begins
+// the notification.
 const Script &put_if_absent();
-// The next three go over the index in parts, so that the server is free for others in between. KEYS: index. ARGV: cursor ("0" at
-// first), state of the pass ("" at first), prefix of object keys, and more. They give cursor and state for the next part; the
+// The next three go over the index in parts, so that the server can serve others in between. KEYS: index. ARGV: cursor ("0" at
+// first), state of the pass ("" at first), prefix of object keys, and more. They return cursor and state for the next part; the
 // cursor "0" ends the pass.
 //
-// More: milliseconds, channel, channel of deletions, microseconds added for each object. Puts every object under expiry.
+// Puts every object under expiry. More: milliseconds, channel, channel of deletions, microseconds added for each object.
 const Script &expire_part();
 // Takes every object out of expiry.
 const Script &persist_part();
-// Has the server notice, and tell, what is past its deadline.
+// Has the server delete and announce the objects that are past their deadline.
 const Script &notice_part();
-// KEYS: index. ARGV: prefix, members. Takes out of the index what has no object any more.
+// Removes members without an object from the index. KEYS: index. ARGV: prefix, members.
 const Script &forget();
 
 }  // namespace scripts
 
-// Every script, for loading.
+// The text of each script, for loading.
 std::string_view script_text(size_t number);  // empty after the last
 
 }  // namespace mom

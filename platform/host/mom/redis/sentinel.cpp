@@ -6,7 +6,7 @@ namespace mom {
 
 namespace {
 
-constexpr std::chrono::seconds kPatience{1};  // with one sentinel
+constexpr std::chrono::seconds kPatience{1};  // the longest wait for one sentinel
 
 }  // namespace
 

@@ -1,4 +1,4 @@
-// Finds the master that the sentinels name, without waiting: asks them one after the other until one knows. Loop's thread.
+// Finds the master through the sentinels, asynchronously: asks them one after the other until one knows. Loop's thread.
 #pragma once
 
 #include <functional>
@@ -11,7 +11,7 @@ namespace mom {
 
 class MasterSearch {
  public:
-  // `done` gets "" once `endpoint` is the master's, or why none of its sentinels names one.
+  // `done` is called with "" once `endpoint` has the master's address, or with the reason why no sentinel names one.
   MasterSearch(Endpoint &endpoint, std::function<void(const std::string &)> done);
 
   void start();
@@ -24,10 +24,10 @@ class MasterSearch {
 
   Endpoint &endpoint_;
   std::function<void(const std::string &)> done_;
-  Endpoint asked_;  // the sentinel
+  Endpoint asked_;  // the sentinel that is being asked
   Pipe pipe_;
   host::Timer patience_;
-  size_t at_ = 0;  // among the sentinels: the one that knew last is asked first
+  size_t at_ = 0;  // index among the sentinels; the one that knew last is asked first
   size_t failed_ = 0;
 };
 

@@ -18,15 +18,15 @@ namespace mom {
 
 namespace {
 
-constexpr size_t kReceived = 64U << 10;    // at a time
-constexpr size_t kForgotten = 256U << 10;  // of sent bytes that are kept in front of unsent ones
+constexpr size_t kReceived = 64U << 10;    // bytes received at a time
+constexpr size_t kForgotten = 256U << 10;  // sent bytes kept in front of unsent ones before they are erased
 
 struct Address {
   sockaddr_storage bytes{};
   socklen_t length = 0;
 };
 
-// "" or why there is none. Nothing is looked up: resolve() has been called.
+// Returns "" or why there is no address. Nothing is looked up: resolve() has been called.
 std::string address_of(const Endpoint &endpoint, Address *address) {
   if (!endpoint.path.empty()) {
     auto *unix_socket = reinterpret_cast<sockaddr_un *>(&address->bytes);
@@ -71,7 +71,7 @@ std::string Stream::open(const Endpoint &endpoint) {
   return why;
 }
 
-// The server's certificate has to be for the name that is configured, or for the address.
+// The server's certificate must be for the configured name, or for the address.
 std::string Stream::start_tls(const Endpoint &endpoint) {
   tls_.reset(SSL_new(endpoint.tls.get()));
   const std::string &name = endpoint.server_name.empty() ? endpoint.host : endpoint.server_name;
@@ -102,7 +102,7 @@ short Stream::wants() const {
   return static_cast<short>(output ? POLLIN | POLLOUT : POLLIN);
 }
 
-// As from send() and recv(): the bytes, 0 for not now, -1 for the end.
+// Like send() and recv(): the number of bytes, 0 for "not now", -1 for the end of the connection.
 ssize_t Stream::outcome(int rv) {
   if (rv > 0) return rv;
   const int what = SSL_get_error(tls_.get(), rv);
@@ -154,8 +154,8 @@ bool Stream::send() {
   return true;
 }
 
-// One piece, so that a server that sends without end does not hold the loop; of TLS the whole record, of which the socket knows
-// nothing any more.
+// Receives one piece, so that a server that sends without end does not hold the loop; with TLS a whole record, since the socket
+// does not become readable for the rest of it.
 bool Stream::receive() {
   char bytes[kReceived];
   do {

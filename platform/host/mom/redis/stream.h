@@ -1,5 +1,5 @@
-// A socket to a Redis server that never blocks, with TLS where the endpoint asks for it: commands out, whole answers in. Who
-// waits, and how, is its owner's business. Loop's thread.
+// A non-blocking socket to a Redis server, with TLS where the endpoint asks for it: commands out, whole replies in. The owner
+// waits for it to become ready, in its own way. Loop's thread.
 #pragma once
 
 #include <hiredis/hiredis.h>
@@ -20,24 +20,24 @@ class Stream {
   Stream(const Stream &) = delete;
   Stream &operator=(const Stream &) = delete;
 
-  // Begins to connect. "" or why not; later failures come from step().
+  // Begins to connect. Returns "" or why it cannot; later failures show in step().
   std::string open(const Endpoint &endpoint);
   void close();
   bool is_open() const { return fd_ >= 0; }
   int fd() const { return fd_; }
 
-  // Takes commands on the wire's form; they leave with step() or send().
+  // Appends commands in wire format to the output; step() or send() send it.
   void write(std::string_view commands) { output_.append(commands); }
   size_t unsent() const { return output_.size() - sent_; }
 
-  // What to wait for: POLLIN, and POLLOUT where that would get something on.
+  // What to wait for: POLLIN, and POLLOUT where there is output that the socket could take.
   short wants() const;
-  // Sends what the socket takes now, and receives what is there. False when the connection is over, and error() says why.
+  // Sends what the socket takes now and receives what has arrived. False when the connection is over; error() says why.
   bool step() { return send() && receive(); }
   bool send();
   const std::string &error() const { return error_; }
 
-  // The next whole answer that has been received; null when there is none.
+  // The next complete reply received; null when there is none.
   Reply next();
 
  private:
@@ -55,7 +55,7 @@ class Stream {
   host::tls::Session tls_;
   std::unique_ptr<redisReader, FreeReader> reader_;
   std::string output_;
-  size_t sent_ = 0;               // of output_
+  size_t sent_ = 0;               // bytes of output_
   bool waits_for_input_ = false;  // TLS cannot send before it has received
   bool waits_for_output_ = false;
   std::string error_;
