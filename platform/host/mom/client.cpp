@@ -1,6 +1,7 @@
 // qx_mom_* and libcgstctrl_*: argument checks and fault switches in front of the hub and its store.
 #include <optional>
 
+#include "host/base/loop.h"
 #include "host/fault/fault.h"
 #include "host/mom/hub.h"
 #include "libcgstctrl.h"
@@ -150,6 +151,7 @@ int qx_mom_get_sync(qx_global *global, int32_t db, const ProtobufCMessage *recor
 }
 
 void qx_mom_qx_obj_free(qx_obj *obj) {
+  host::assert_loop_thread();
   free_object(obj);
 }
 

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <memory>
 
+#include "host/base/loop.h"
 #include "host/base/services.h"
 #include "host/config/config.h"
 #include "host/mom/embedded/embedded.h"
@@ -63,6 +64,7 @@ int start(qx_global *) {
 }  // namespace
 
 Hub *hub() {
+  host::assert_loop_thread();
   if (!living && host::current_global()) start(host::current_global());
   return living;
 }

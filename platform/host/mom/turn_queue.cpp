@@ -36,6 +36,7 @@ void TurnQueue::act(std::function<void()> action) {
 // A timer of length 0 instead of event_active(): an event activated from a callback runs in the same turn and would starve
 // sockets.
 void TurnQueue::wake() {
+  host::assert_loop_thread();
   if (awake_) return;
   if (!turn_) {
     event_base *base = host::loop_base();
