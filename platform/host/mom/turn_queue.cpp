@@ -16,12 +16,6 @@ constexpr unsigned kLookAtClockEvery = 16;
 
 }  // namespace
 
-void TurnQueue::FreeEvent::operator()(event *handle) const {
-  event_free(handle);
-}
-
-TurnQueue::~TurnQueue() = default;
-
 void TurnQueue::notify(Slot &slot, Change change, ObjectRef object) {
   slot.topic.take(object->size);
   queue_.emplace_back(Notification{&slot, std::move(object), change});
@@ -41,8 +35,7 @@ void TurnQueue::wake() {
   if (!turn_) {
     event_base *base = host::loop_base();
     if (!base) return;
-    turn_.reset(evtimer_new(
-        base, [](evutil_socket_t, short, void *queue) { static_cast<TurnQueue *>(queue)->run(); }, this));
+    turn_ = host::make_event<&TurnQueue::run>(base, *this);
   }
   const timeval now{};
   awake_ = turn_ && evtimer_add(turn_.get(), &now) == 0;

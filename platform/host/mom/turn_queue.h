@@ -4,13 +4,11 @@
 
 #include <deque>
 #include <functional>
-#include <memory>
 #include <variant>
 
+#include "host/base/event_owner.h"
 #include "host/mom/record/object.h"
 #include "host/mom/store.h"
-
-struct event;
 
 namespace mom {
 
@@ -18,7 +16,6 @@ class TurnQueue {
  public:
   // Notifications are delivered to `events`.
   explicit TurnQueue(StoreEvents &events) : events_(events) {}
-  ~TurnQueue();
 
   // The notification counts as in flight in the slot's topic until it is delivered.
   void notify(Slot &slot, Change change, ObjectRef object);
@@ -40,10 +37,7 @@ class TurnQueue {
 
   StoreEvents &events_;
   std::deque<Item> queue_;
-  struct FreeEvent {
-    void operator()(event *handle) const;
-  };
-  std::unique_ptr<event, FreeEvent> turn_;
+  host::EventOwner turn_;
   bool awake_ = false;
 };
 

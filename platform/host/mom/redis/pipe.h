@@ -2,14 +2,13 @@
 // link uses one for writes and one for subscriptions. Loop's thread.
 #pragma once
 
-#include <event2/event.h>
-
 #include <chrono>
 #include <deque>
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "host/base/event_owner.h"
 #include "host/mom/redis/stream.h"
 
 namespace mom {
@@ -57,11 +56,6 @@ class Pipe {
   std::function<void(std::string_view channel)> confirmed;
 
  private:
-  struct FreeEvent {
-    void operator()(event *e) const { event_free(e); }
-  };
-  using EventOwner = std::unique_ptr<event, FreeEvent>;
-
   void ready(short what);
   void go_on(bool good);
   void take(const redisReply *reply);
@@ -73,7 +67,7 @@ class Pipe {
   std::chrono::milliseconds dead_after_;
   std::function<void(const std::string &)> ended_;
   Stream stream_;
-  EventOwner readable_, writable_;
+  host::EventOwner readable_, writable_;
   void time_last();
 
   std::deque<Answer> pending_;  // in the order of the commands; empty for a plain one
