@@ -27,7 +27,7 @@ LAYERS = {
         ("ground", "base config fault cgst tls allocator"),
         ("log", "log"),
         ("telling", "timing metrics control"),
-        ("services", "ddm fp_com mom"),
+        ("services", "ddm fp_com mom packet"),
         ("users of the database", "rdnd of_ss programming"),
         ("process", "process program"),
     ),

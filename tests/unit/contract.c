@@ -2,6 +2,7 @@
 #include "libcgstctrl.h"
 #include "libddm.h"
 #include "libss_fp_com.h"
+#include "libss_pkt.h"
 #include "lsm_if.h"
 #include "of_ss.h"
 #include "qx_mom.h"
