@@ -34,6 +34,9 @@ void add_options(CLI::App &app, programmer::Options &options) {
   add("--counter-interval", options.counter_interval_ms, "KELIM_PROGRAMMER_COUNTER_INTERVAL_MS",
       "milliseconds between counter reports, 0 for none");
   add("--counter-rate", options.counter_rate, "KELIM_PROGRAMMER_COUNTER_RATE", "packets a second that every flow counts");
+  add("--packet-in-rate", options.packet_in_rate, "KELIM_PROGRAMMER_PACKET_IN_RATE",
+      "packets a second that a port of linux sends to controllers");
+  add("--packet-in-burst", options.packet_in_burst, "KELIM_PROGRAMMER_PACKET_IN_BURST", "of these, at once");
   app.add_flag("--service-chain,!--no-service-chain", options.service_chain, "translate service-chain flows")
       ->envname("KELIM_PROGRAMMER_SERVICE_CHAIN")
       ->capture_default_str();

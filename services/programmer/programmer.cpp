@@ -18,6 +18,15 @@
 namespace programmer {
 namespace {
 
+// What the daemon says of packets to the controllers: published, never stored.
+struct PacketSignal {
+  Target &target;
+  void notified(const qx_obj &msg) const {
+    if (msg.cmd == QX_MOM_CMD_PUBLISH && msg.value != nullptr)
+      target.want_packets(static_cast<const SPolicyKelim__PktSig *>(msg.value)->is_pkt_start != 0);
+  }
+};
+
 struct Service {
   // Throws std::runtime_error where this machine cannot be the target.
   Service(qx_global *global, const Options &options)
@@ -28,6 +37,7 @@ struct Service {
         counters(context, flows.table(), *target, options.counter_interval_ms),
         meters(context, *target),
         addresses(context, *target),
+        packets{*target},
         chain(context) {
     flows.set_target(*target);
   }
@@ -39,6 +49,7 @@ struct Service {
   CounterReport counters;
   Settings<MeterKind> meters;
   Settings<AddressKind> addresses;
+  PacketSignal packets;
   Chain chain;
 };
 
@@ -69,6 +80,7 @@ constexpr Subscription kSubscriptions[] = {
     {kFlowDb,
      {{&s_policy_kelim__onc_ip__descriptor, &s_policy_kelim__onc_ip_key__descriptor}, QX_MOM_DECODED},
      deliver<&Service::addresses>},
+    {kFlowDb, {{&s_policy_kelim__pkt_sig__descriptor, nullptr}, QX_MOM_DECODED}, deliver<&Service::packets>},
     {kChainDb,
      {{&s_policy_kelim__parse_flow__descriptor, &s_policy_kelim__parse_flow_key__descriptor}, QX_MOM_DECODED},
      deliver<&Service::chain>},

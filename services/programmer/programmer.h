@@ -33,7 +33,10 @@ struct Options {
   std::uint64_t seed = 1;                    // of the script's random choices
   std::uint32_t counter_interval_ms = 1000;  // how often counters are read and written; 0: never, no flow is idle then
   std::uint32_t counter_rate = 0;  // packets a second by which every installed flow's counters grow; 0: they stand still
-  bool service_chain = true;       // translate parse_flow records into access-control entries
+  std::uint32_t packet_in_rate =
+      1000;  // packets a second that each port of the target linux sends to controllers; 1 to a million
+  std::uint32_t packet_in_burst = 100;  // that many at once
+  bool service_chain = true;            // translate parse_flow records into access-control entries
 };
 
 // A script is a list of clauses, separated by semicolons: VERB=ITEM[,ITEM...], for example "fail=3,17-19;resource=5;delay=7:200".

@@ -58,6 +58,8 @@ class Target {
 
   virtual Outcome install_meter(std::uint32_t id, Bytes meter_data) = 0;
   virtual void remove_meter(std::uint32_t id) = 0;
+  // Whether controllers want packets, as the daemon says; a target without packets of its own has nothing to do.
+  virtual void want_packets(bool) {}
   virtual void set_controller_address(std::uint32_t ip, bool present) = 0;
 
   // Whether counters can move at all; without that they are never read.

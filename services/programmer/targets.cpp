@@ -11,7 +11,7 @@
 namespace programmer {
 namespace {
 
-constexpr std::uint32_t kLinuxFlows = 1'000'000;
+constexpr std::uint32_t kLinuxFlows = 1'000'000, kMostPackets = 1'000'000;
 
 #ifdef KELIM_LINUX_TARGET
 static_assert(kLinuxFlows == dataplane::Plane::kMaxFlows);
@@ -22,7 +22,8 @@ std::unique_ptr<Target> make_linux(const Context &context, const Options &option
     static_cast<std::vector<dataplane::PortName> *>(list)->push_back({ifx, name});
   };
   libddm_for_each_port(add, &ports);
-  return dataplane::LinuxTarget::open(context, options.size, std::move(ports), sink, why);
+  return dataplane::LinuxTarget::open(context, options.size, std::move(ports), {options.packet_in_rate, options.packet_in_burst},
+                                      sink, why);
 }
 #else
 std::unique_ptr<Target> make_linux(const Context &, const Options &, FlowSink &, std::string &why) {
@@ -39,6 +40,10 @@ std::string check_target(const Options &options) {
   }
   if (options.target == "linux" && (options.size == 0 || options.size > kLinuxFlows)) {
     return "the target linux holds 1 to " + std::to_string(kLinuxFlows) + " flows, not " + std::to_string(options.size);
+  }
+  const auto allowed = [](std::uint32_t value) { return value >= 1 && value <= kMostPackets; };
+  if (!allowed(options.packet_in_rate) || !allowed(options.packet_in_burst)) {
+    return "of packets to controllers the rate and the burst are 1 to " + std::to_string(kMostPackets);
   }
   return "";
 }

@@ -84,7 +84,8 @@ void filter(Bytes bytes) {
 }
 
 void packet_out(Bytes bytes) {
-  check_packet_out_actions(bytes, kPorts);
+  Instructions list;
+  decode_packet_out_actions(bytes, kPorts, list);
 }
 
 constexpr void (*kReaders[])(Bytes) = {flow_mod, meter_mod, filter, packet_out};

@@ -6,13 +6,16 @@ import struct
 
 VERSION = 4
 HELLO, ERROR, ECHO_REQUEST, ECHO_REPLY = 0, 1, 2, 3
-FEATURES_REQUEST, FEATURES_REPLY, FLOW_REMOVED = 5, 6, 11
+FEATURES_REQUEST, FEATURES_REPLY, PACKET_IN, FLOW_REMOVED, PACKET_OUT = 5, 6, 10, 11, 13
 FLOW_MOD, MULTIPART_REQUEST, MULTIPART_REPLY, BARRIER_REQUEST, BARRIER_REPLY, METER_MOD = 14, 18, 19, 20, 21, 29
 ADD, MODIFY, DELETE, DELETE_STRICT = 0, 1, 3, 4
 NO_BUFFER = ANY = 0xFFFFFFFF
+IN_PORT, TABLE, NORMAL, FLOOD, ALL, CONTROLLER, LOCAL = (0xFFFFFFF0 + n for n in (8, 9, 10, 11, 12, 13, 14))
+NO_MATCH, ACTION = 0, 1  # why a packet comes
 HEADER = struct.Struct("!BBHI")
 
 Message = collections.namedtuple("Message", "type xid raw")
+PacketIn = collections.namedtuple("PacketIn", "total reason table cookie in_port frame")
 
 
 def oxm(field, value, mask=b""):
@@ -30,6 +33,23 @@ def match(*fields):
 
 def output(port):
     return struct.pack("!HHIH6x", 0, 16, port, 0xFFFF)
+
+
+def set_field(field, value):
+    return struct.pack("!HH", 25, len(pad8(bytes(4) + oxm(field, value)))) + pad8(bytes(4) + oxm(field, value))[4:]
+
+
+def packet_out(frame, *actions, in_port=CONTROLLER):
+    body = b"".join(actions)
+    return struct.pack("!IIH6x", NO_BUFFER, in_port, len(body)) + body + frame
+
+
+def packet_in_of(message):
+    _, total, reason, table, cookie = struct.unpack_from("!IHBBQ", message.raw, HEADER.size)
+    at = HEADER.size + 16
+    match_length = struct.unpack_from("!H", message.raw, at + 2)[0]
+    in_port = struct.unpack_from("!I", message.raw, at + 8)[0]
+    return PacketIn(total, reason, table, cookie, in_port, message.raw[at + len(pad8(bytes(match_length))) + 2 :])
 
 
 def apply_actions(*actions):

@@ -238,6 +238,47 @@ std::string controllers_text(const Json &data, const Look &look) {
                    "No controller is connected.", look);
 }
 
+Json packets_data(Link &link, const ViewOptions &) {
+  return link.view("packets");
+}
+
+std::string port_text(const Json &row, const char *member) {
+  return row.at(member).is_null() ? "none" : cell(row, member);
+}
+
+std::string packets_text(const Json &data, const Look &look) {
+  const std::string head =
+      fmt::format("Data plane {}, packets to controllers {}\n", data.value("data_plane", false) ? "connected" : "none",
+                  data.value("wanted", false) ? "wanted" : "not wanted");
+  const std::string sums = fmt::format(
+      "To controllers: {} packets, {} messages sent, {} not sent to controllers that do not read, {} packets that none wanted\n"
+      "From controllers: {} handed to the data plane, {} refused without one, {} dropped because it was behind\n\n",
+      cell(data, "in"), cell(data, "in_sent"), cell(data, "in_clogged"), cell(data, "in_unwanted"), cell(data, "out"),
+      cell(data, "out_refused"), cell(data, "out_full"));
+  return head + sums +
+         list_text(data.value("controllers", Json::array()),
+                   {{{"CONTROLLER", false, true}, "peer"},
+                    {{"IN", true}, "in"},
+                    {{"IN CLOGGED", true}, "in_clogged"},
+                    {{"OUT", true}, "out"},
+                    {{"UNSENT BYTES", true}, "unsent_bytes"}},
+                   "No controller is connected.", look) +
+         "\n" +
+         list_text(data.value("ports", Json::array()),
+                   {{{"PORT", true}, "port", port_text},
+                    {{"IN", true}, "in"},
+                    {{"LIMITED", true}, "in_limited"},
+                    {{"FULL", true}, "in_full"},
+                    {{"UNWANTED", true}, "in_unwanted"},
+                    {{"TOO LONG", true}, "in_too_long"},
+                    {{"OUT", true}, "out"},
+                    {{"FULL", true}, "out_full"},
+                    {{"DOWN", true}, "out_down"},
+                    {{"REFUSED", true}, "out_refused"},
+                    {{"NOWHERE", true}, "out_nowhere"}},
+                   "The data plane has told of no port.", look);
+}
+
 Json refusals_data(Link &link, const ViewOptions &) {
   return link.view("refusals");
 }
@@ -375,6 +416,8 @@ const std::vector<ViewCommand> &view_commands() {
        "  kelimctl flows --state sent\n  kelimctl flows --json | jq '.flows[] | select(.answer != \"INSTALLED\")'\n"},
       {"meters", "the meters", meters_data, meters_text, "  kelimctl meters\n  kelimctl meters --json\n"},
       {"controllers", "the controller connections", controllers_data, controllers_text, "  kelimctl controllers --watch\n"},
+      {"packets", "packets to the controllers and from them, with what was dropped and why", packets_data, packets_text,
+       "  kelimctl packets --watch\n  kelimctl packets --json | jq '.ports[] | select(.port == 1)'\n"},
       {"refusals", "the last requests that were refused, with the reason", refusals_data, refusals_text,
        "  kelimctl refusals -o wide\n  kelimctl refusals --json | jq '.refusals[-1]'\n"},
       {"capabilities", "what controllers can expect: messages, match fields, actions, meters, limits, errors", capabilities_data,

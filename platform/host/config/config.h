@@ -78,6 +78,8 @@ struct Config {
     std::uint64_t seed;
     std::uint32_t counter_interval_ms;
     std::uint32_t counter_rate;
+    std::uint32_t packet_in_rate;
+    std::uint32_t packet_in_burst;
     bool service_chain;
   } programmer;
 

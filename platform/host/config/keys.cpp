@@ -165,6 +165,10 @@ constexpr Row kRows[] = {
      "Period of the counter records; 0 for none."},
     {"programmer", "counter_rate", in<&C::programmer, &C::Programmer::counter_rate>, "0", kAnything,
      "Simulated packets a second of each installed flow."},
+    {"programmer", "packet_in_rate", in<&C::programmer, &C::Programmer::packet_in_rate>, "1000", between(1, 1'000'000),
+     "Packets a second that each port of the target linux may send to the controllers; more are dropped."},
+    {"programmer", "packet_in_burst", in<&C::programmer, &C::Programmer::packet_in_burst>, "100", between(1, 1'000'000),
+     "How many of these may come at once."},
     {"programmer", "service_chain", in<&C::programmer, &C::Programmer::service_chain>, "true", kAnything,
      "Whether the service-chain application runs with it."},
 

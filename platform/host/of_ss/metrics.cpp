@@ -71,6 +71,20 @@ void write_controllers(Page &page, const Agent &agent) {
               agent.of_switch().controllers.turned_away());
 }
 
+constexpr metrics::Row<PacketCounters> kPacketRows[] = {
+    {{"kelim_packets_in_total", Kind::counter, "Packets that the data plane had for controllers."}, &PacketCounters::in},
+    {{"kelim_packets_in_unwanted_total", Kind::counter, "Of these, the ones that no controller wanted."},
+     &PacketCounters::in_unwanted},
+    {{"kelim_packets_in_sent_total", Kind::counter, "PACKET_IN messages to controllers."}, &PacketCounters::in_sent},
+    {{"kelim_packets_in_dropped_total", Kind::counter, "PACKET_IN messages not sent to a controller that does not read."},
+     &PacketCounters::in_clogged},
+    {{"kelim_packets_out_total", Kind::counter, "Packets of controllers that the data plane was given."}, &PacketCounters::out},
+    {{"kelim_packets_out_refused_total", Kind::counter, "Packets of controllers for which there was no data plane."},
+     &PacketCounters::out_refused},
+    {{"kelim_packets_out_dropped_total", Kind::counter, "Packets of controllers that the data plane was too far behind for."},
+     &PacketCounters::out_full},
+};
+
 void write_agent(Page &page, const Agent &agent) {
   write_flows(page, agent.flows());
   page.single({"kelim_meters", Kind::gauge, "Meters that are asked for."}, agent.of_switch().meters.all().size());
@@ -80,6 +94,7 @@ void write_agent(Page &page, const Agent &agent) {
       page, {"kelim_failures_total", Kind::counter, "Flow requests that failed after they had been accepted, by OpenFlow error."},
       agent.failure_counts());
   write_controllers(page, agent);
+  metrics::write_rows(page, kPacketRows, agent.of_switch().packets.counters());
 }
 
 void write_audit(Page &page, const Audit &audit) {

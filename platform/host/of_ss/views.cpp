@@ -270,6 +270,45 @@ json latest(const List &list, Show &&show) {
   return shown;
 }
 
+json port_packets_json(const ss_pkt_counts &c) {
+  return {{"port", c.port == 0 ? json() : json(c.port)},
+          {"in", c.in},
+          {"in_limited", c.in_limited},
+          {"in_full", c.in_full},
+          {"in_unwanted", c.in_unwanted},
+          {"in_too_long", c.in_too_long},
+          {"out", c.out},
+          {"out_full", c.out_full},
+          {"out_down", c.out_down},
+          {"out_refused", c.out_refused},
+          {"out_nowhere", c.out_nowhere}};
+}
+
+// What the ports say is the data plane's, which tells it about once a second.
+json packets_view(Agent &agent) {
+  const Packets &packets = agent.of_switch().packets;
+  const PacketCounters &c = packets.counters();
+  json ports = json::array(), controllers = json::array();
+  for (const auto &[number, counts] : packets.ports()) ports.push_back(port_packets_json(counts));
+  for (const Connection *one : agent.of_switch().controllers.all())
+    controllers.push_back({{"peer", one->peer().name},
+                           {"in", one->session().packets_in},
+                           {"in_clogged", one->session().packets_lost},
+                           {"out", one->session().packets_out},
+                           {"unsent_bytes", one->unsent()}});
+  return {{"data_plane", packets.has_data_plane()},
+          {"wanted", packets.wanted()},
+          {"in", c.in},
+          {"in_unwanted", c.in_unwanted},
+          {"in_sent", c.in_sent},
+          {"in_clogged", c.in_clogged},
+          {"out", c.out},
+          {"out_refused", c.out_refused},
+          {"out_full", c.out_full},
+          {"ports", std::move(ports)},
+          {"controllers", std::move(controllers)}};
+}
+
 json status(Agent &agent) {
   const Flows &flows = agent.flows();
   std::map<std::string, std::size_t> roles;
@@ -298,6 +337,7 @@ void register_views(Agent *(*agent)()) {
   });
   control::register_view("controllers", [](const json &) { return collected(controllers_view); });
   control::register_view("meters", [](const json &) { return collected(meters_view); });
+  control::register_view("packets", [](const json &) { return collected(packets_view); });
   control::register_view("trace", trace_answer);
   control::register_view("capabilities", [](const json &) { return capabilities(); });
   control::register_view("refusals", [](const json &) { return collected(refusals_view); });

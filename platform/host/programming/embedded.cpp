@@ -76,6 +76,8 @@ std::string start(const Config &config, qx_global *global) {
   options.seed = key.seed;
   options.counter_interval_ms = key.counter_interval_ms;
   options.counter_rate = key.counter_rate;
+  options.packet_in_rate = key.packet_in_rate;
+  options.packet_in_burst = key.packet_in_burst;
   options.service_chain = key.service_chain;
   if (const std::string error = programmer::check_script(options); !error.empty()) {
     return "programmer.script (KELIM_PROGRAMMER_SCRIPT): " + error;

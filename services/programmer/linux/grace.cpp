@@ -42,6 +42,12 @@ void Grace::wait() {
   changed_.wait(lock, [this] { return over(); });
 }
 
+// The barrier of before is one for the reader, too: what it reads after it, it finds as it has become.
+void Grace::wait_for_reading() {
+  const std::uint32_t seen = readings_.load();
+  while (seen % 2 != 0 && readings_.load() == seen) std::this_thread::yield();
+}
+
 // The global command waits, in the kernel, for every reader of that moment, programs on packets among them.
 void Grace::run() {
   std::unique_lock lock(mutex_);
@@ -50,6 +56,7 @@ void Grace::run() {
     if (end_) return;
     lock.unlock();
     membarrier(MEMBARRIER_CMD_GLOBAL);
+    wait_for_reading();
     lock.lock();
     under_way_ = false;
     changed_.notify_all();

@@ -8,7 +8,7 @@
 #include <linux/types.h>
 
 enum {
-  DP_LAYOUT_VERSION = 1,
+  DP_LAYOUT_VERSION = 2,
   DP_MAX_MASKS = 1024,
   DP_MAX_METERS = 1024,
   DP_MAX_BANDS = 8,
@@ -56,7 +56,7 @@ struct dp_bucket {
 #define DP_TOMB (1ULL << 63)
 
 // What a flow does. Rewrites come before the output.
-enum { DP_DROP, DP_PORT, DP_IN_PORT, DP_ALL, DP_NORMAL };
+enum { DP_DROP, DP_PORT, DP_IN_PORT, DP_ALL, DP_NORMAL, DP_CONTROLLER };
 enum { DP_SET_DST = 1, DP_SET_SRC = 2, DP_SET_VLAN = 4, DP_SET_DSCP = 8, DP_SET_QUEUE = 16 };
 struct dp_actions {
   __u8 output;
@@ -69,7 +69,8 @@ struct dp_actions {
   __u8 eth_src[6];
   __u16 queue;
   __u16 meter;  // its place + 1; 0: none
-  __u32 zero[2];
+  __u8 miss;    // the flow is the one for what no other flow matches
+  __u8 zero[7];
 };
 
 struct dp_flow {
@@ -112,6 +113,31 @@ struct dp_port {
   __u32 number;   // OpenFlow's
 };
 
+// A packet for the controller, on its way to user space; the frame follows, without the tag that the kernel keeps beside it and
+// as the kernel has it: uncut, and with half a checksum where cutting and checksums were left to the network card.
+struct dp_punted {
+  __u64 cookie;
+  __u32 in_port;   // OpenFlow's number
+  __u32 length;    // of the frame
+  __u16 segment;   // bytes of payload of the segments it is to be cut into; 0: it is a frame
+  __u16 tag;       // the tag beside it
+  __u16 tag_type;  // 0: none
+  __u8 table;
+  __u8 miss;
+  __u8 verified;  // its checksum has been found right
+  __u8 zero[7];
+};
+enum { DP_PUNT_RING = 2 << 20, DP_PUNT_MAX = 1 << 16 };  // bytes: of the ring, of a frame
+
+// The packets of one port for the controller: their rate, and what became of them, in frames as they are on the wire.
+struct dp_punt {
+  struct dp_band rate;
+  __u64 limited;   // dropped: beyond the rate
+  __u64 full;      // dropped: no room in the ring
+  __u64 too_long;  // dropped
+  __u64 unwanted;  // dropped: nobody wants them
+};
+
 // Of one processor. Packets that were looked up either matched or missed; the rest says why a matched one went nowhere.
 struct dp_tally {
   __u64 looked_up;
@@ -126,8 +152,10 @@ struct dp_control {
   __u64 current;  // generation << 1 | list of masks
   __u32 version;
   __u32 bucket_mask;
-  __u32 flows;  // places, per row of counters
-  __u32 cache;  // whether a packet is looked for among those of before first
+  __u32 flows;    // places, per row of counters
+  __u32 cache;    // whether a packet is looked for among those of before first
+  __u32 punting;  // whether packets go to the controller
+  __u32 zero;
 };
 
 // What a packet that was looked up met, of one processor. Good while the table is the one of that look-up.
@@ -154,6 +182,8 @@ DP_SIZE(dp_band, 48);
 DP_SIZE(dp_meter, 408);
 DP_SIZE(dp_port, 8);
 DP_SIZE(dp_tally, 64);
-DP_SIZE(dp_control, 24);
+DP_SIZE(dp_punted, 32);
+DP_SIZE(dp_punt, 80);
+DP_SIZE(dp_control, 32);
 DP_SIZE(dp_cached, 80);
 #undef DP_SIZE

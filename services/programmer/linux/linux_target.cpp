@@ -14,8 +14,10 @@ struct Reserved {
   std::uint32_t port;  // OpenFlow 1.3.5, 7.2.1
   __u8 output;
 };
+constexpr std::uint32_t kLowestRank = 2;  // of priority 0, in either table
 constexpr std::uint32_t kFirstReserved = 0xffffff00;
-constexpr Reserved kReserved[] = {{0, DP_DROP}, {0xfffffff8, DP_IN_PORT}, {0xfffffffa, DP_NORMAL}, {0xfffffffc, DP_ALL}};
+constexpr Reserved kReserved[] = {
+    {0, DP_DROP}, {0xfffffff8, DP_IN_PORT}, {0xfffffffa, DP_NORMAL}, {0xfffffffc, DP_ALL}, {0xfffffffd, DP_CONTROLLER}};
 
 constexpr const char *kLacks[] = {
     "",
@@ -27,7 +29,7 @@ constexpr const char *kLacks[] = {
 }  // namespace
 
 std::unique_ptr<Target> LinuxTarget::open(const Context &context, std::uint32_t flows, std::vector<PortName> names,
-                                          FlowSink &sink, std::string &why) {
+                                          PacketRate rate, FlowSink &sink, std::string &why) {
   if (!Grace::possible()) {
     why = "the kernel has no membarrier (CONFIG_MEMBARRIER, and no nohz_full)";
     return nullptr;
@@ -36,7 +38,9 @@ std::unique_ptr<Target> LinuxTarget::open(const Context &context, std::uint32_t 
   if (!plane) return nullptr;
   auto ports = Ports::open(context, *plane, std::move(names), why);
   if (!ports) return nullptr;
-  return std::unique_ptr<Target>(new LinuxTarget(context, flows, sink, std::move(plane), std::move(ports)));
+  std::unique_ptr<LinuxTarget> target(new LinuxTarget(context, flows, sink, std::move(plane), std::move(ports)));
+  target->packets_ = Packets::open(context, *target->plane_, target->grace_, rate, why);
+  return target->packets_ ? std::move(target) : nullptr;
 }
 
 LinuxTarget::LinuxTarget(const Context &context, std::uint32_t flows, FlowSink &sink, std::unique_ptr<Plane> plane,
@@ -96,6 +100,7 @@ Outcome LinuxTarget::add(const Entry &entry, dp_flow flow, Cell &cell) {
   flow.actions.meter = meter;
   if (const char *fault = set_output(entry.actions, flow.actions)) return refuse(fault, Outcome::kFailed);
   const KeyAndMask match = key_of(entry);
+  flow.actions.miss = flow.rank <= kLowestRank && entry.mask == Fields{} ? 1 : 0;
   FlowTable::Place place = table_.add(match.key, match.mask, flow);
   for (int n = 0; n < kGracePeriods && place == FlowTable::kNone && table_.lack() == FlowTable::Lack::kGrace; ++n) {
     grace_.wait();

@@ -13,6 +13,7 @@
 #include "programmer/linux/flow_table.h"
 #include "programmer/linux/grace.h"
 #include "programmer/linux/meters.h"
+#include "programmer/linux/packets.h"
 #include "programmer/linux/plane.h"
 #include "programmer/linux/ports.h"
 #include "programmer/target.h"
@@ -24,14 +25,15 @@ class LinuxTarget final : public Target {
  public:
   // Null when this machine cannot: `why` is one line that names what is missing. `flows` is 1 to Plane::kMaxFlows; `context` and
   // `sink` live as long as the target.
-  static std::unique_ptr<Target> open(const Context &context, std::uint32_t flows, std::vector<PortName> ports, FlowSink &sink,
-                                      std::string &why);
+  static std::unique_ptr<Target> open(const Context &context, std::uint32_t flows, std::vector<PortName> ports, PacketRate rate,
+                                      FlowSink &sink, std::string &why);
 
   void install_flow(const FlowRequest &request, Bytes record) override;
   void remove_flow(std::uint32_t slot) override;
   bool holds(std::uint32_t slot) const override { return slot < cells_.size() && !cells_[slot].places.empty(); }
   Outcome install_meter(std::uint32_t id, Bytes meter_data) override;
   void remove_meter(std::uint32_t id) override { meters_.remove(id); }
+  void want_packets(bool wanted) override { packets_->want(wanted); }
   void set_controller_address(std::uint32_t ip, bool present) override;
   bool counts() const override { return true; }
   void begin_reading() override {}
@@ -68,6 +70,7 @@ class LinuxTarget final : public Target {
   FlowTable table_;
   Meters meters_;
   Grace grace_;
+  std::unique_ptr<Packets> packets_;
   bool resting_ = false;  // the table waits for the grace period that is under way, or over
   std::vector<Cell> cells_;
   FlowProgram program_;  // kept for its memory

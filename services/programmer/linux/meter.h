@@ -34,6 +34,17 @@ DP_INLINE void dp_add(__u64 *to, __u64 number) {
   __sync_fetch_and_add(to, number);
 }
 
+// Whether as much conforms to the band, which then has had it. `units` are bytes or packets.
+DP_INLINE int dp_conforms(struct dp_band *band, __u64 now, __u64 units) {
+  struct dp_charge charge;
+  charge.band = band;
+  charge.now = now;
+  charge.cost = (units * band->cost) >> DP_COST_SHIFT;
+  charge.exceeded = 0;
+  dp_loop(DP_METER_TRIES, dp_charge_step, &charge);
+  return !charge.exceeded;
+}
+
 struct dp_metering {
   struct dp_meter *meter;
   __u64 now;
@@ -45,18 +56,14 @@ struct dp_metering {
 static long dp_meter_step(__u32 i, void *context) {
   struct dp_metering *metering = (struct dp_metering *)context;
   struct dp_meter *meter = metering->meter;
-  struct dp_charge charge;
   if (i >= DP_MAX_BANDS || i >= meter->bands) return 1;
-  charge.band = &meter->band[i];
-  charge.now = metering->now;
-  charge.cost = ((meter->counts_packets ? metering->packets : metering->bytes) * charge.band->cost) >> DP_COST_SHIFT;
-  charge.exceeded = 0;
-  dp_loop(DP_METER_TRIES, dp_charge_step, &charge);
-  if (!charge.exceeded || metering->verdict.type != DP_BAND_NONE) return 0;
-  metering->verdict.type = charge.band->type;
-  metering->verdict.precedence = charge.band->precedence;
-  dp_add(&charge.band->packets, metering->packets);
-  dp_add(&charge.band->bytes, metering->bytes);
+  struct dp_band *band = &meter->band[i];
+  const int conforms = dp_conforms(band, metering->now, meter->counts_packets ? metering->packets : metering->bytes);
+  if (conforms || metering->verdict.type != DP_BAND_NONE) return 0;
+  metering->verdict.type = band->type;
+  metering->verdict.precedence = band->precedence;
+  dp_add(&band->packets, metering->packets);
+  dp_add(&band->bytes, metering->bytes);
   return 0;
 }
 

@@ -38,8 +38,12 @@ thread_local std::string g_complaint;
 struct Capability {
   unsigned number;
   const char *name;
+  bool is_part_of_admin;  // of CAP_SYS_ADMIN
 };
-constexpr Capability kCapabilities[] = {{CAP_NET_ADMIN, "CAP_NET_ADMIN"}, {CAP_BPF, "CAP_BPF"}, {CAP_PERFMON, "CAP_PERFMON"}};
+constexpr Capability kCapabilities[] = {{CAP_NET_ADMIN, "CAP_NET_ADMIN", false},
+                                        {CAP_NET_RAW, "CAP_NET_RAW", false},
+                                        {CAP_BPF, "CAP_BPF", true},
+                                        {CAP_PERFMON, "CAP_PERFMON", true}};
 
 std::uint64_t effective_capabilities() {
   std::ifstream status("/proc/self/status");
@@ -55,7 +59,7 @@ std::string missing_capabilities() {
   const auto has = [held](unsigned number) { return (held >> number & 1) != 0; };
   std::string missing;
   for (const Capability &wanted : kCapabilities) {
-    const bool implied = wanted.number != CAP_NET_ADMIN && has(CAP_SYS_ADMIN);
+    const bool implied = wanted.is_part_of_admin && has(CAP_SYS_ADMIN);
     if (!has(wanted.number) && !implied) missing += (missing.empty() ? "" : ", ") + std::string(wanted.name);
   }
   return missing;
@@ -101,7 +105,7 @@ std::unique_ptr<Plane> Plane::load(std::uint32_t flows, std::string &why) {
   // What has left the table waits for a grace period, beside a table that is full.
   tables.places = flows + flows / 8 + 1024;
   tables.bucket_count = std::max(2U, std::bit_ceil(flows / 2));
-  tables.rows = static_cast<std::uint32_t>(processors);
+  tables.rows = static_cast<std::uint32_t>(processors) + 1;  // the last one is the service's own
   const Size sizes[] = {{"buckets", tables.bucket_count},
                         {"flows", tables.places},
                         {"counts", tables.places * tables.rows},
@@ -132,13 +136,16 @@ bool Plane::map_all(std::string &why) {
   g_complaint.clear();
   const bpf_program *program = bpf_object__find_program_by_name(object_.get(), "kelim_plane");
   const bpf_map *port_of = bpf_object__find_map_by_name(object_.get(), "port_of");
-  if (program == nullptr || port_of == nullptr) return fail(why, "the program of the data plane is another one", EINVAL);
+  const bpf_map *punted = bpf_object__find_map_by_name(object_.get(), "punted");
+  if (program == nullptr || port_of == nullptr || punted == nullptr)
+    return fail(why, "the program of the data plane is another one", EINVAL);
   program_ = bpf_program__fd(program);
   port_of_ = bpf_map__fd(port_of);
+  punted_ = bpf_map__fd(punted);
   const bool mapped = map("control", tables_.control, why) && map("masks", tables_.masks, why) &&
                       map("buckets", tables_.buckets, why) && map("flows", tables_.flows, why) &&
                       map("counts", tables_.counts, why) && map("meters", meters_, why) && map("ports", ports_, why) &&
-                      map("tallies", tallies_, why);
+                      map("tallies", tallies_, why) && map("punts", punts_, why);
   if (mapped) tables_.control->version = DP_LAYOUT_VERSION;
   return mapped;
 }

@@ -29,8 +29,11 @@ class Plane {
   const dp_tables &tables() const { return tables_; }
   dp_meter *meters() const { return meters_; }  // DP_MAX_METERS
   dp_port *ports() const { return ports_; }     // DP_MAX_PORTS
-  dp_tally tally() const;                       // of all processors
-  int program() const { return program_; }      // its descriptor
+  dp_punt *punts() const { return punts_; }     // DP_MAX_PORTS
+  dp_tally tally() const;                       // of all processors, and the service's own
+  dp_tally &own_tally() const { return tallies_[tables_.rows - 1]; }
+  int punted() const { return punted_; }    // descriptor of the ring
+  int program() const { return program_; }  // its descriptor
 
   // Which place among the ports an interface has; packets of any other one are left alone. False with errno.
   bool set_port(std::uint32_t interface, std::uint32_t place);
@@ -52,8 +55,10 @@ class Plane {
   dp_meter *meters_ = nullptr;
   dp_port *ports_ = nullptr;
   dp_tally *tallies_ = nullptr;
+  dp_punt *punts_ = nullptr;
   int program_ = -1;
   int port_of_ = -1;
+  int punted_ = -1;
 };
 
 }  // namespace programmer::dataplane

@@ -86,6 +86,7 @@ void Agent::restore(const StoredState &stored) {
 }
 
 void Agent::start() {
+  switch_.packets.open(config().run_dir);
   endpoints_.open();
   event_add(inbox_event_.get(), nullptr);
   event_add(second_event_.get(), &kSecond);
@@ -350,6 +351,7 @@ void Agent::second() {
   bundles_.expire(switch_.now());
   update_ports(switch_);
   endpoints_.retry();
+  switch_.packets.look_after_socket();
   turn_done();
 }
 

@@ -43,6 +43,7 @@ struct Session {
   bool waits_for_counters = false;  // its statistics request waits for fresh counters, and later messages for it
   std::unique_ptr<Dump, FreeDump> dump;
   std::unique_ptr<Watcher, FreeWatcher> watcher;
+  std::uint64_t packets_in = 0, packets_lost = 0, packets_out = 0;  // sent to it, not sent because it does not read, of its own
   bool owes_updates = false;  // to its monitors: the first flows, or what a pause has left; later messages wait
 };
 

@@ -41,7 +41,7 @@ json of_kinds(const std::vector<Capability> &kinds) {
 json ports() {
   json list = json::array();
   for (const ReservedPort &port : reserved_ports())
-    list.push_back({{"number", port.number}, {"name", port.name}, {"flows", port.for_flows}});
+    list.push_back({{"number", port.number}, {"name", port.name}, {"flows", port.for_flows}, {"packet_outs", port.for_packets}});
   return list;
 }
 

@@ -20,7 +20,7 @@ namespace {
 
 constexpr std::uint32_t kFlowStats = 1, kTableStats = 2, kPortStats = 4;  // OFPC_*
 constexpr std::uint32_t kPortDown = 1;                                    // OFPPC_PORT_DOWN
-constexpr std::size_t kHwAddrLen = 6;
+constexpr std::size_t kHwAddrLen = 6, kEthHeader = 14;
 
 Verdict bad_length(const char *what) {
   return refuse(err::kBadLen, what, "the length of the message is wrong");
@@ -67,14 +67,19 @@ Verdict set_config(Switch &, Connection &connection, Bytes message) {
   return {};
 }
 
-Verdict packet_out(Switch &sw, Connection &, Bytes message) {
+Verdict packet_out(Switch &sw, Connection &connection, Bytes message) {
   const std::uint32_t in_port = be32(message, 12);
   const std::size_t length = be16(message, 16);
   if (be32(message, 8) != kNoBuffer) return refuse(err::kBufferUnknown, "buffer_id", "the switch buffers no packets");
   if (in_port != port::kController && in_port != port::kLocal && in_port != port::kAny && !sw.ports.find(in_port))
     return refuse(err::kRequestBadPort, "in_port", "no such port");
   if (length > message.size() - 24) return bad_length("actions");
-  return check_packet_out_actions(message.subspan(24, length), sw.ports.numbers());
+  Instructions list;
+  if (const Verdict verdict = decode_packet_out_actions(message.subspan(24, length), sw.ports.numbers(), list); verdict.refused())
+    return verdict;
+  const Bytes frame = message.subspan(24 + length);
+  if (frame.size() < kEthHeader) return bad_length("data");
+  return sw.packets.send(connection, in_port, Bytes(list.actions).first(list.length), frame);
 }
 
 Verdict flow_mod(Switch &sw, Connection &connection, Bytes message) {

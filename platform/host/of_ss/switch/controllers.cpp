@@ -186,8 +186,9 @@ void Controllers::update_packets() {
     return connection && connection->is_up() && connection->session().role != Role::slave;
   };
   const bool wanted = packets_forced_.value_or(std::ranges::any_of(connections_, takes));
-  if (wanted != packets_) handover_.packets(wanted);
-  packets_ = wanted;
+  if (std::exchange(packets_, wanted) == wanted) return;
+  handover_.packets(wanted);
+  packets_wanted_(wanted);
 }
 
 void Controllers::force_packets(std::optional<bool> flow) {

@@ -49,8 +49,10 @@ class ReferenceCounts {
 class Controllers {
  public:
   // Connections report to `events`, whose owner passes up, gone and overfull on to here. `handover` outlives this.
-  Controllers(ConnectionEvents &events, Handover &handover, const ConnectionLimits &limits)
-      : events_(events), handover_(handover), limits_(limits) {}
+  // `packets_wanted` hears whether packets may flow to the controllers.
+  Controllers(ConnectionEvents &events, Handover &handover, const ConnectionLimits &limits,
+              std::function<void(bool wanted)> packets_wanted)
+      : events_(events), handover_(handover), limits_(limits), packets_wanted_(std::move(packets_wanted)) {}
 
   // ---- connections
 
@@ -123,6 +125,7 @@ class Controllers {
   ConnectionEvents &events_;
   Handover &handover_;
   const ConnectionLimits limits_;
+  const std::function<void(bool wanted)> packets_wanted_;
   std::array<std::unique_ptr<Connection>, kMaxConnections> connections_;
   std::array<Dialer *, kMaxConnections> dialer_of_{};
   std::uint64_t generations_ = 0;

@@ -16,6 +16,7 @@
 #include "host/of_ss/switch/controllers.h"
 #include "host/of_ss/switch/counter_refresh.h"
 #include "host/of_ss/switch/pace.h"
+#include "host/of_ss/switch/packets.h"
 #include "host/of_ss/switch/port_table.h"
 #include "host/of_ss/switch/refusals.h"
 #include "host/of_ss/switch/replay.h"
@@ -48,7 +49,9 @@ class Switch {
       : settings(own),
         flows(above.callbacks, above.flow_events, trace, settings.flows),
         meters(flows),
-        controllers(above.connection_events, flows.handover(), settings.connections),
+        controllers(above.connection_events, flows.handover(), settings.connections,
+                    [this](bool wanted) { packets.want(wanted); }),
+        packets(base, controllers, scratch),
         pace(settings.prompt, std::move(above.wake)),
         replay(flows, meters, controllers),
         counters(base, flows, std::move(above.counters_are_there)),
@@ -89,6 +92,7 @@ class Switch {
   Meters meters;
   PortTable ports;
   Controllers controllers;
+  Packets packets;
   Refusals refusals;
   Pace pace;
   Replay replay;

@@ -44,9 +44,9 @@ bool is_port(std::span<const std::uint32_t> ports, std::uint32_t number) {
 }
 
 constexpr ReservedPort kReservedPorts[] = {
-    {port::kInPort, "IN_PORT", true},        {port::kNormal, "NORMAL", true}, {port::kAll, "ALL", true},
-    {port::kController, "CONTROLLER", true}, {port::kTable, "TABLE", false},  {port::kFlood, "FLOOD", false},
-    {port::kLocal, "LOCAL", false},
+    {port::kInPort, "IN_PORT", true, true},        {port::kNormal, "NORMAL", true, false}, {port::kAll, "ALL", true, true},
+    {port::kController, "CONTROLLER", true, true}, {port::kTable, "TABLE", false, true},   {port::kFlood, "FLOOD", false, true},
+    {port::kLocal, "LOCAL", false, false},
 };
 
 const ReservedPort *find_reserved(std::uint32_t number) {
@@ -57,14 +57,14 @@ const ReservedPort *find_reserved(std::uint32_t number) {
 bool may_output(const Context &context, std::uint32_t number) {
   if (number <= port::kMax) return is_port(context.ports, number);
   const ReservedPort *reserved = find_reserved(number);
-  return reserved && (reserved->for_flows || !context.match);
+  return reserved && (context.match ? reserved->for_flows : reserved->for_packets);
 }
 
 Verdict read_output(Bytes action, const Context &context, List &list) {
   if (action.size() != kOutputLen) return refuse(err::kActionBadLen, "output", "the length of the action is not 16");
   const std::uint32_t number = be32(action, 4);
   if (!may_output(context, number))
-    return refuse(err::kBadOutPort, "output", "no such port, or a reserved one that flows cannot use");
+    return refuse(err::kBadOutPort, "output", "no such port, or a reserved one that cannot be used here");
   if (list.output && context.match) return refuse(err::kTooMany, "output", "a flow has one output");
   std::byte *at = list.add(kOutput, kOutputLen);
   if (!at) return kTooManyActions;
@@ -354,9 +354,9 @@ Verdict decode_instructions(Bytes from, const WireMatch &match, std::span<const 
   return read_actions(found.written, Pass::output, context, list);
 }
 
-Verdict check_packet_out_actions(Bytes from, std::span<const std::uint32_t> ports) {
-  Instructions scratch;
-  List list{scratch};
+Verdict decode_packet_out_actions(Bytes from, std::span<const std::uint32_t> ports, Instructions &out) {
+  out.length = 0;
+  List list{out};
   return read_actions(from, Pass::every, {nullptr, ports}, list);
 }
 

@@ -32,8 +32,8 @@ struct Instructions {
 // last.
 Verdict decode_instructions(Bytes from, const WireMatch &match, std::span<const std::uint32_t> ports, Instructions &out);
 
-// Checks the actions of a packet-out, which may output more than once and to the reserved ports that a flow may not.
-Verdict check_packet_out_actions(Bytes from, std::span<const std::uint32_t> ports);
+// Checks and reads the actions of a packet-out, which may output more than once. The southbound actions come in their order.
+Verdict decode_packet_out_actions(Bytes from, std::span<const std::uint32_t> ports, Instructions &out);
 
 // Writes the instructions of a southbound flow-mod for the wire.
 void encode_wire_instructions(Bytes flow_mod, Writer &out);
@@ -55,11 +55,11 @@ std::vector<Capability> action_kinds();
 std::vector<Capability> instruction_kinds();
 // Whether set-field may set the field.
 bool can_set(std::uint8_t field);
-// The reserved ports that have a name, and whether flows may output to them; packet-outs may to all.
+// The reserved ports that have a name, and whether flows and packet-outs may output to them.
 struct ReservedPort {
   std::uint32_t number;
   const char *name;
-  bool for_flows;
+  bool for_flows, for_packets;
 };
 std::span<const ReservedPort> reserved_ports();
 inline constexpr std::uint32_t kQueueMin = 1, kQueueMax = 8;

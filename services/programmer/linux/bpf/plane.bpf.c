@@ -34,6 +34,7 @@ PLANE_MAP(flows, BPF_MAP_TYPE_ARRAY, 1, struct dp_flow);
 PLANE_MAP(counts, BPF_MAP_TYPE_ARRAY, 1, struct dp_count);
 PLANE_MAP(meters, BPF_MAP_TYPE_ARRAY, DP_MAX_METERS, struct dp_meter);
 PLANE_MAP(ports, BPF_MAP_TYPE_ARRAY, DP_MAX_PORTS, struct dp_port);
+PLANE_MAP(punts, BPF_MAP_TYPE_ARRAY, DP_MAX_PORTS, struct dp_punt);
 PLANE_MAP(tallies, BPF_MAP_TYPE_ARRAY, 1, struct dp_tally);
 
 struct {
@@ -49,6 +50,11 @@ struct {
   __type(key, __u32);
   __type(value, struct dp_cached);
 } cache SEC(".maps");
+
+struct {
+  __uint(type, BPF_MAP_TYPE_RINGBUF);
+  __uint(max_entries, DP_PUNT_RING);
+} punted SEC(".maps");
 
 #define PLANE_AT(name, map, of)                                                      \
   static __always_inline struct of *name(const struct dp_tables *tables, __u32 at) { \
@@ -68,8 +74,10 @@ PLANE_AT(dp_cached_at, cache, dp_cached)
 struct way {
   struct __sk_buff *skb;
   const struct dp_flow *flow;
+  const struct dp_control *table;
   struct dp_tally *tally;
   __u32 ingress;  // interface index
+  __u32 port;     // its place
   __u32 l3;       // 0: no IP header
   __u32 packets;  // that it counts as
   __u32 bytes;
@@ -184,6 +192,71 @@ static __always_inline int to_port(struct way *way) {
   return TC_ACT_SHOT;
 }
 
+// ---- to the controller
+
+static __always_inline void describe(const struct way *way, const struct dp_port *port, struct dp_punted *to) {
+  struct __sk_buff *skb = way->skb;
+  to->cookie = way->flow->cookie;
+  to->in_port = port->number;
+  to->length = skb->len;
+  to->segment = skb->gso_size;
+  to->tag = skb->vlan_tci;
+  to->tag_type = skb->vlan_present ? bpf_ntohs(skb->vlan_proto) : 0;
+  to->table = (way->flow->rank - 1) & 1;
+  to->miss = way->flow->actions.miss;
+  to->verified = bpf_csum_level(skb, BPF_CSUM_LEVEL_QUERY) >= 0;
+}
+
+// Copies the frame into a place of the ring for frames of up to `room` bytes, a power of two: what is taken of the ring has to be
+// known when the program is loaded. The frame's last byte is masked where the verifier sees it.
+#define PUNT_WITHIN(name, room)                                                        \
+  static __always_inline int name(const struct way *way, const struct dp_port *port) { \
+    struct {                                                                           \
+      struct dp_punted about;                                                          \
+      __u8 frame[room];                                                                \
+    } *to = bpf_ringbuf_reserve(&punted, sizeof *to, 0);                               \
+    __u32 last = way->skb->len - 1;                                                    \
+    if (!to) return -1;                                                                \
+    describe(way, port, &to->about);                                                   \
+    asm volatile("" : "+r"(last));                                                     \
+    last &= (room)-1;                                                                  \
+    if (bpf_skb_load_bytes(way->skb, 0, to->frame, last + 1) != 0) {                   \
+      bpf_ringbuf_discard(to, 0);                                                      \
+      return -1;                                                                       \
+    }                                                                                  \
+    bpf_ringbuf_submit(to, 0);                                                         \
+    return 0;                                                                          \
+  }
+PUNT_WITHIN(punt_short, 256)
+PUNT_WITHIN(punt_frame, 2048)
+PUNT_WITHIN(punt_long, 16384)
+PUNT_WITHIN(punt_uncut, DP_PUNT_MAX)
+
+static __always_inline int punt_sized(const struct way *way, const struct dp_port *port) {
+  const __u32 length = way->skb->len;
+  if (length <= 256) return punt_short(way, port);
+  if (length <= 2048) return punt_frame(way, port);
+  if (length <= 16384) return punt_long(way, port);
+  return punt_uncut(way, port);
+}
+
+// A function of its own for the room on the stack.
+static __noinline int punt(struct way *way) {
+  __u32 at = way->port;
+  const struct dp_port *port = bpf_map_lookup_elem(&ports, &at);
+  struct dp_punt *punt = bpf_map_lookup_elem(&punts, &at);
+  if (!port || !punt) return TC_ACT_SHOT;
+  if (!way->table->punting)
+    dp_add(&punt->unwanted, way->packets);
+  else if (way->skb->len > DP_PUNT_MAX)
+    dp_add(&punt->too_long, way->packets);
+  else if (!dp_conforms(&punt->rate, bpf_ktime_get_ns(), way->packets))
+    dp_add(&punt->limited, way->packets);
+  else if (punt_sized(way, port) != 0)
+    dp_add(&punt->full, way->packets);
+  return TC_ACT_SHOT;
+}
+
 static __always_inline int output(struct way *way) {
   switch (way->flow->actions.output) {
     case DP_PORT:
@@ -192,6 +265,8 @@ static __always_inline int output(struct way *way) {
       return bpf_redirect(way->ingress, 0);
     case DP_NORMAL:
       return TC_ACT_UNSPEC;
+    case DP_CONTROLLER:
+      return punt(way);
     case DP_ALL:
       bpf_loop(DP_MAX_PORTS, clone_to, way, 0);
       return TC_ACT_SHOT;
@@ -224,7 +299,8 @@ int kelim_plane(struct __sk_buff *skb) {
   if (place == 0) return TC_ACT_SHOT;
   ++tally->matched;
 
-  struct way way = {.skb = skb, .tally = tally, .ingress = ingress, .l3 = headers.l3, .type = key.eth_type};
+  struct way way = {
+      .skb = skb, .table = table, .tally = tally, .ingress = ingress, .port = port_at, .l3 = headers.l3, .type = key.eth_type};
   way.flow = dp_flow_at(0, place - 1);
   if (!way.flow) return TC_ACT_SHOT;
   weigh(&way, &key, headers.l4);

@@ -1,0 +1,223 @@
+#include "programmer/linux/executor.h"
+
+#include <time.h>
+
+#include <algorithm>
+#include <atomic>
+#include <iterator>
+
+#include "programmer/linux/meter.h"
+#include "southbound.h"
+
+namespace programmer::dataplane {
+namespace {
+
+namespace sb = southbound;
+
+enum : std::uint16_t { kOutput = 0, kSetQueue = 21, kSetField = 25 };  // OpenFlow 1.3.5, 7.2.4
+enum : std::uint32_t {                                                 // 7.2.1
+  kFirstReserved = 0xffffff00,
+  kInPort = 0xfffffff8,
+  kTable = 0xfffffff9,
+  kFlood = 0xfffffffb,
+  kAll = 0xfffffffc,
+  kController = 0xfffffffd
+};
+
+std::uint64_t now_ns() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(now.tv_nsec);
+}
+
+// The fields that set-field sets (7.2.3.7), with their values in host order.
+struct FieldRow {
+  std::uint32_t number;
+  std::size_t width;
+  void (*read)(const std::uint8_t *value, dp_actions &to);
+};
+constexpr FieldRow kFields[] = {
+    {3, 6, [](const std::uint8_t *v, dp_actions &to) { to.sets = DP_SET_DST, std::copy_n(v, 6, to.eth_dst); }},
+    {4, 6, [](const std::uint8_t *v, dp_actions &to) { to.sets = DP_SET_SRC, std::copy_n(v, 6, to.eth_src); }},
+    {6, 2,
+     [](const std::uint8_t *v, dp_actions &to) {
+       to.sets = DP_SET_VLAN, to.vlan_mask = DP_VLAN_ID, to.vlan = sb::get<std::uint16_t>(v, 0) & DP_VLAN_ID;
+     }},
+    {7, 1,
+     [](const std::uint8_t *v, dp_actions &to) {
+       to.sets = DP_SET_VLAN, to.vlan_mask = 7 << DP_VLAN_PCP_SHIFT;
+       to.vlan = static_cast<__u16>((*v & 7) << DP_VLAN_PCP_SHIFT);
+     }},
+    {8, 1, [](const std::uint8_t *v, dp_actions &to) { to.sets = DP_SET_DSCP, to.dscp = *v & 0x3f; }},
+};
+
+}  // namespace
+
+struct Executor::Action {
+  std::uint16_t type = 0;
+  Bytes bytes;
+  std::uint32_t word() const { return sb::get<std::uint32_t>(bytes.data(), sb::kActionBody); }
+};
+
+const Executor::Row *Executor::row_of(std::uint16_t type) {
+  static constexpr Row kRows[] = {
+      {kOutput, &Executor::output}, {kSetQueue, &Executor::set_queue}, {kSetField, &Executor::set_field}};
+  const auto *row = std::ranges::find(kRows, type, &Row::type);
+  return row == std::end(kRows) ? nullptr : row;
+}
+
+// False at the end, or where the bytes are no action.
+bool Executor::next(Bytes &list, Action &action) const {
+  if (list.size() < sb::kActionValue) return false;
+  const auto length = sb::get<std::uint16_t>(list.data(), sb::kActionLen);
+  const std::size_t step = sb::action_step(length);
+  if (length < sb::kActionValue || step > list.size()) return false;
+  action = {sb::get<std::uint16_t>(list.data(), sb::kActionType), list.first(step)};
+  list = list.subspan(step);
+  return true;
+}
+
+// An action that cannot be carried out ends the packet.
+void Executor::run(const ss_pkt_out &packet) {
+  const auto *frame = static_cast<const std::uint8_t *>(packet.frame);
+  packet_.frame.assign(frame, frame + packet.frame_len);
+  packet_.in_port = packet.in_port;
+  packet_.queue = 0;
+  Bytes list(static_cast<const std::uint8_t *>(packet.actions), packet.actions_len);
+  if (list.empty()) ++nowhere_;
+  for (Action action; next(list, action);) {
+    const Row *row = row_of(action.type);
+    if (row != nullptr && (this->*row->carry)(action)) continue;
+    ++refused_;
+    return;
+  }
+}
+
+// ---- actions
+
+bool Executor::set_queue(const Action &action) {
+  packet_.queue = action.word();
+  return true;
+}
+
+bool Executor::set_field(const Action &action) {
+  const auto *row = std::ranges::find(kFields, action.word() >> 9 & 0x7f, &FieldRow::number);
+  if (row == std::end(kFields) || action.bytes.size() < sb::kActionValue + row->width) return false;
+  dp_actions set{};
+  row->read(&action.bytes[sb::kActionValue], set);
+  return rewrite(packet_.frame, set);
+}
+
+bool Executor::output(const Action &action) {
+  return output(action.word());
+}
+
+bool Executor::output(std::uint32_t number) {
+  if (number < kFirstReserved) return to_port(number, false);
+  if (number == kInPort) return to_port(packet_.in_port, true);
+  if (number == kAll || number == kFlood) return to_all();
+  if (number == kTable) return through_table();
+  if (number != kController) return false;
+  to_controller(~std::uint64_t{0}, 0, SS_PKT_ACTION);
+  return true;
+}
+
+// ---- outputs
+
+// Out of the port it came from a packet goes only where that is asked for by IN_PORT.
+bool Executor::to_port(std::uint32_t number, bool also_back) {
+  const dp_port *begin = plane_.ports(), *end = begin + DP_MAX_PORTS;
+  const dp_port *port = std::find_if(begin, end, [number](const dp_port &p) { return p.number == number; });
+  if (number == 0 || port == end || (!also_back && number == packet_.in_port)) return false;
+  sender_.send(static_cast<std::uint32_t>(port - begin), packet_.frame, packet_.queue);
+  return true;
+}
+
+bool Executor::to_all() {
+  const dp_port *ports = plane_.ports();
+  for (std::uint32_t place = 0; place < DP_MAX_PORTS && ports[place].number != 0; ++place)
+    if (ports[place].number != packet_.in_port) sender_.send(place, packet_.frame, packet_.queue);
+  return true;
+}
+
+void Executor::to_controller(std::uint64_t cookie, std::uint8_t table, std::uint8_t reason) {
+  to_controller_({.cookie = cookie, .in_port = packet_.in_port, .table = table, .reason = reason}, packet_.frame);
+}
+
+// ---- the table
+
+// What the program does with a packet that comes in. The flow is a copy: behind the grace period it may be another one.
+bool Executor::through_table() {
+  dp_headers headers;
+  const dp_key key = key_of(packet_.frame, packet_.in_port, headers);
+  const dp_tables &tables = plane_.tables();
+  dp_tally &tally = plane_.own_tally();
+  dp_flow flow{};
+  {
+    const Grace::Reading reading(grace_);
+    const __u64 current = std::atomic_ref(tables.control->current).load(std::memory_order_acquire);
+    const std::uint32_t place =
+        dp_search_all(&tables, tables.control, current, reinterpret_cast<const dp_word *>(&key), key.eth_type);
+    ++tally.looked_up;
+    if (place == 0) return ++nowhere_, true;
+    ++tally.matched;
+    flow = *dp_flow_at(&tables, place - 1);
+    count(place - 1);
+  }
+  return follow(flow);
+}
+
+// In the counters' last row, which is no processor's.
+void Executor::count(std::uint32_t place) {
+  const dp_tables &tables = plane_.tables();
+  dp_count &cell = tables.counts[std::size_t{tables.rows - 1} * tables.places + place];
+  ++cell.packets;
+  cell.bytes += packet_.frame.size();
+}
+
+bool Executor::follow(const dp_flow &flow) {
+  if (!pass_meter(flow)) {
+    ++plane_.own_tally().metered;
+    return ++nowhere_, true;
+  }
+  if (!rewrite(packet_.frame, flow.actions)) return false;
+  if ((flow.actions.sets & DP_SET_QUEUE) != 0) packet_.queue = flow.actions.queue;
+  return finish(flow);
+}
+
+bool Executor::pass_meter(const dp_flow &flow) {
+  if (flow.actions.meter == 0 || flow.actions.meter > DP_MAX_METERS) return true;
+  dp_meter &meter = plane_.meters()[flow.actions.meter - 1];
+  const dp_verdict verdict = dp_meter_packet(&meter, now_ns(), 1, static_cast<__u32>(packet_.frame.size()));
+  dp_headers headers;
+  const dp_key key = key_of(packet_.frame, 0, headers);
+  if (verdict.type == DP_BAND_REMARK && headers.l3 != 0) {
+    dp_actions remark{};
+    remark.sets = DP_SET_DSCP, remark.dscp = dp_remark(key.dscp, verdict.precedence);
+    rewrite(packet_.frame, remark);
+  }
+  return verdict.type != DP_BAND_DROP;
+}
+
+// NORMAL has no meaning here: nobody can put a packet into the machine's own network from outside.
+bool Executor::finish(const dp_flow &flow) {
+  const dp_actions &actions = flow.actions;
+  switch (actions.output) {
+    case DP_PORT:
+      return to_port(plane_.ports()[actions.port].number, false);
+    case DP_IN_PORT:
+      return to_port(packet_.in_port, true);
+    case DP_ALL:
+      return to_all();
+    case DP_CONTROLLER:
+      to_controller(flow.cookie, static_cast<std::uint8_t>((flow.rank - 1) & 1),
+                    actions.miss != 0 ? SS_PKT_NO_MATCH : SS_PKT_ACTION);
+      return true;
+    case DP_NORMAL:
+      return false;
+    default:
+      return ++nowhere_, true;
+  }
+}
+
+}  // namespace programmer::dataplane

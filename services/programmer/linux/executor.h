@@ -1,0 +1,66 @@
+// What becomes of a controller's packet: its actions in their order, in user space, and for TABLE the flow that it meets. One
+// thread's; the tables are read beside their writer.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+
+#include "libss_pkt.h"
+#include "programmer/linux/frame.h"
+#include "programmer/linux/grace.h"
+#include "programmer/linux/plane.h"
+#include "programmer/linux/sender.h"
+
+namespace programmer::dataplane {
+
+class Executor {
+ public:
+  using ToController = std::function<void(const ss_pkt_in &about, Bytes frame)>;
+
+  Executor(Plane &plane, Grace &grace, Sender &sender, ToController to_controller)
+      : plane_(plane), grace_(grace), sender_(sender), to_controller_(std::move(to_controller)) {}
+
+  void run(const ss_pkt_out &packet);
+
+  // Packets that went nowhere as was asked for, and those for which something was asked that cannot be done.
+  std::uint64_t nowhere() const { return nowhere_; }
+  std::uint64_t refused() const { return refused_; }
+
+ private:
+  struct Packet {
+    Frame frame;
+    std::uint32_t in_port = 0;
+    std::uint32_t queue = 0;
+  };
+  struct Action;
+  using Carry = bool (Executor::*)(const Action &action);
+  struct Row {
+    std::uint16_t type;
+    Carry carry;
+  };
+  static const Row *row_of(std::uint16_t type);
+  bool next(Bytes &list, Action &action) const;
+
+  bool output(const Action &action);
+  bool set_queue(const Action &action);
+  bool set_field(const Action &action);
+
+  bool output(std::uint32_t number);
+  bool to_port(std::uint32_t number, bool also_back);
+  bool to_all();
+  bool through_table();
+  bool follow(const dp_flow &flow);
+  bool pass_meter(const dp_flow &flow);
+  bool finish(const dp_flow &flow);
+  void count(std::uint32_t place);
+  void to_controller(std::uint64_t cookie, std::uint8_t table, std::uint8_t reason);
+
+  Plane &plane_;
+  Grace &grace_;
+  Sender &sender_;
+  ToController to_controller_;
+  Packet packet_;  // kept for its memory
+  std::uint64_t nowhere_ = 0, refused_ = 0;
+};
+
+}  // namespace programmer::dataplane

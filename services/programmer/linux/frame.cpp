@@ -1,0 +1,187 @@
+#include "programmer/linux/frame.h"
+
+#include <algorithm>
+#include <optional>
+
+namespace programmer::dataplane {
+namespace {
+
+enum : std::uint32_t { kTagAt = 12, kTagLen = 4 };
+enum : std::uint32_t { kIpv4Total = 2, kIpv4Id = 4, kIpv4Flags = 6, kIpv4Checksum = 10, kIpv6Payload = 4 };
+enum : std::uint32_t { kTcpSequence = 4, kTcpOffset = 12, kTcpFlags = 13, kUdpLength = 4 };
+struct HeaderLayout {
+  std::uint32_t least;     // bytes
+  std::uint32_t checksum;  // where it is
+};
+constexpr HeaderLayout kTcp{20, 16}, kUdp{8, 6};
+constexpr std::uint8_t kMoreFragments = 0x20;
+constexpr std::uint8_t kTcpFin = 0x01, kTcpPush = 0x08, kTcpWindowReduced = 0x80;
+
+std::uint16_t get16(const std::uint8_t *at) {
+  return dp_be16(at);
+}
+void put16(std::uint8_t *at, std::uint32_t value) {
+  at[0] = static_cast<std::uint8_t>(value >> 8);
+  at[1] = static_cast<std::uint8_t>(value);
+}
+
+// ---- the checksum of the Internet protocols (RFC 1071)
+
+std::uint32_t fold(std::uint64_t total) {
+  while (total >> 16 != 0) total = (total & 0xffff) + (total >> 16);
+  return static_cast<std::uint32_t>(total);
+}
+
+std::uint32_t sum(Bytes bytes, std::uint32_t before = 0) {
+  std::uint64_t total = before;
+  for (std::size_t i = 0; i + 1 < bytes.size(); i += 2) total += get16(&bytes[i]);
+  if (bytes.size() % 2 != 0) total += std::uint32_t{bytes.back()} << 8;
+  return fold(total);
+}
+
+// A TCP segment or UDP datagram, whole and no fragment.
+struct Transport {
+  std::uint32_t l3 = 0, l4 = 0;
+  std::uint32_t length = 0;    // of header and payload
+  std::uint32_t header = 0;    // of it
+  std::uint32_t checksum = 0;  // where its checksum is, in the frame
+  std::uint8_t proto = 0;
+  bool v4 = false;
+};
+
+std::uint32_t pseudo_header(const Transport &t, Bytes frame) {
+  const Bytes addresses = t.v4 ? frame.subspan(t.l3 + 12, 8) : frame.subspan(t.l3 + 8, 32);
+  return sum(addresses, t.proto + t.length);
+}
+
+std::optional<Transport> transport_of(Bytes frame) {
+  dp_headers headers;
+  const dp_key key = key_of(frame, 0, headers);
+  const bool tcp = key.proto == DP_TCP;
+  const HeaderLayout &layout = tcp ? kTcp : kUdp;
+  if (headers.l4 == 0 || (!tcp && key.proto != DP_UDP) || (key.ext_headers & (DP_EXT_FRAG | DP_EXT_ROUTER)) != 0) return {};
+  Transport t{.l3 = headers.l3, .l4 = headers.l4, .proto = key.proto, .v4 = key.eth_type == DP_TYPE_IPV4};
+  if (t.v4 && (frame[t.l3 + kIpv4Flags] & kMoreFragments) != 0) return {};
+  const std::uint32_t end = t.l3 + (t.v4 ? get16(&frame[t.l3 + kIpv4Total]) : DP_IPV6_LEN + get16(&frame[t.l3 + kIpv6Payload]));
+  if (end > frame.size() || end < t.l4 + layout.least) return {};
+  t.length = end - t.l4;
+  t.header = tcp ? (frame[t.l4 + kTcpOffset] >> 4) * 4U : layout.least;
+  t.checksum = t.l4 + layout.checksum;
+  return t.header <= t.length && t.header >= layout.least ? std::optional(t) : std::nullopt;
+}
+
+void write_checksum(const Transport &t, Frame &frame) {
+  put16(&frame[t.checksum], 0);
+  const std::uint32_t total = sum(Bytes(frame).subspan(t.l4, t.length), pseudo_header(t, frame));
+  const std::uint32_t checksum = ~total & 0xffff;
+  put16(&frame[t.checksum], checksum == 0 && t.proto == DP_UDP ? 0xffff : checksum);
+}
+
+// What the kernel leaves for the card to complete is the sum of the pseudo-header alone.
+void complete(const Transport &t, Frame &frame) {
+  if (get16(&frame[t.checksum]) == pseudo_header(t, frame)) write_checksum(t, frame);
+}
+
+void insert_tag(const dp_punted &about, Frame &frame) {
+  if (about.tag_type == 0 || frame.size() < kTagAt) return;
+  std::uint8_t tag[kTagLen];
+  put16(tag, about.tag_type);
+  put16(tag + 2, about.tag);
+  frame.insert(frame.begin() + kTagAt, tag, tag + kTagLen);
+}
+
+// ---- segments
+
+void write_ip(const Transport &t, std::uint32_t number, Frame &frame) {
+  std::uint8_t *ip = &frame[t.l3];
+  const auto length = static_cast<std::uint32_t>(frame.size()) - t.l3;
+  if (!t.v4) return put16(ip + kIpv6Payload, length - DP_IPV6_LEN);
+  put16(ip + kIpv4Total, length);
+  put16(ip + kIpv4Id, get16(ip + kIpv4Id) + number);
+  put16(ip + kIpv4Checksum, 0);
+  put16(ip + kIpv4Checksum, ~sum(Bytes(ip, (ip[0] & 15U) * 4)) & 0xffff);
+}
+
+void write_tcp(const Transport &t, std::uint32_t offset, bool last, Frame &frame) {
+  std::uint8_t *tcp = &frame[t.l4];
+  const std::uint32_t sequence = (std::uint32_t{get16(tcp + kTcpSequence)} << 16 | get16(tcp + kTcpSequence + 2)) + offset;
+  put16(tcp + kTcpSequence, sequence >> 16);
+  put16(tcp + kTcpSequence + 2, sequence);
+  const unsigned not_here = (last ? 0U : kTcpFin | kTcpPush) | (offset == 0 ? 0U : kTcpWindowReduced);
+  tcp[kTcpFlags] = static_cast<std::uint8_t>(tcp[kTcpFlags] & ~not_here);
+}
+
+// The segment of `whole` that begins `offset` bytes into the payload, in `frame`.
+void write_segment(const Transport &whole, Bytes from, std::uint32_t offset, std::uint32_t size, Frame &frame) {
+  const std::uint32_t begin = whole.l4 + whole.header, left = whole.length - whole.header - offset;
+  const Bytes payload = from.subspan(begin + offset, std::min(size, left));
+  frame.assign(from.begin(), from.begin() + begin);
+  frame.insert(frame.end(), payload.begin(), payload.end());
+  Transport t = whole;
+  t.length = static_cast<std::uint32_t>(frame.size()) - t.l4;
+  write_ip(t, offset / size, frame);
+  if (t.proto == DP_TCP) write_tcp(t, offset, size >= left, frame);
+  if (t.proto == DP_UDP) put16(&frame[t.l4 + kUdpLength], t.length);
+  if (t.proto == DP_TCP || get16(&frame[t.checksum]) != 0) write_checksum(t, frame);
+}
+
+// ---- rewrites
+
+bool set_tag(Frame &frame, std::uint16_t value, std::uint16_t mask) {
+  const std::uint16_t type = get16(&frame[kTagAt]);
+  if ((type != DP_TYPE_VLAN && type != DP_TYPE_QINQ) || frame.size() < kEthLen + kTagLen) return false;
+  std::uint8_t *tag = &frame[kTagAt + 2];
+  put16(tag, (get16(tag) & ~std::uint32_t{mask}) | value);
+  return true;
+}
+
+bool set_dscp(Frame &frame, std::uint8_t dscp) {
+  dp_headers headers;
+  const dp_key key = key_of(frame, 0, headers);
+  if (headers.l3 == 0) return false;
+  std::uint8_t *ip = &frame[headers.l3];
+  const std::uint32_t before = get16(ip);
+  if (key.eth_type == DP_TYPE_IPV6) return put16(ip, (before & 0xf03f) | std::uint32_t{dscp} << 6), true;
+  const std::uint32_t after = (before & 0xff03) | std::uint32_t{dscp} << 2;
+  put16(ip, after);
+  const std::uint32_t total = (~get16(ip + kIpv4Checksum) & 0xffff) + (~before & 0xffff) + after;  // RFC 1624
+  put16(ip + kIpv4Checksum, ~fold(total));
+  return true;
+}
+
+}  // namespace
+
+void unfold(const dp_punted &about, Bytes bytes, Frame &room, const std::function<void(Bytes)> &give) {
+  const auto transport = transport_of(bytes);
+  const std::uint32_t payload = transport ? transport->length - transport->header : 0;
+  if (about.segment != 0 && payload > about.segment) {
+    for (std::uint32_t offset = 0; offset < payload; offset += about.segment) {
+      write_segment(*transport, bytes, offset, about.segment, room);
+      insert_tag(about, room);
+      give(room);
+    }
+    return;
+  }
+  room.assign(bytes.begin(), bytes.end());
+  if (transport && about.verified == 0) complete(*transport, room);
+  insert_tag(about, room);
+  give(room);
+}
+
+bool rewrite(Frame &frame, const dp_actions &actions) {
+  bool done = frame.size() >= kEthLen;
+  if (done && (actions.sets & DP_SET_DST) != 0) std::ranges::copy(actions.eth_dst, frame.begin());
+  if (done && (actions.sets & DP_SET_SRC) != 0) std::ranges::copy(actions.eth_src, frame.begin() + 6);
+  if (done && (actions.sets & DP_SET_DSCP) != 0) done = set_dscp(frame, actions.dscp);
+  if (done && (actions.sets & DP_SET_VLAN) != 0) done = set_tag(frame, actions.vlan, actions.vlan_mask);
+  return done;
+}
+
+dp_key key_of(Bytes frame, std::uint32_t in_port, dp_headers &headers) {
+  dp_packet packet{frame.data(), static_cast<std::uint32_t>(frame.size())};
+  dp_key key;
+  dp_parse(&packet, in_port, 0, &key, &headers);
+  return key;
+}
+
+}  // namespace programmer::dataplane

@@ -1,0 +1,163 @@
+#include "programmer/linux/packets.h"
+
+#include <bpf/libbpf.h>
+#include <errno.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <chrono>
+
+namespace programmer::dataplane {
+namespace {
+
+constexpr int kTakenAtATime = 64;  // of the ring, before the other way has its turn
+constexpr auto kBetweenReports = std::chrono::seconds(1);
+constexpr std::uint64_t kNs = 1'000'000'000;
+
+int millis(std::chrono::steady_clock::duration time) {
+  return static_cast<int>(std::max<std::int64_t>(0, std::chrono::ceil<std::chrono::milliseconds>(time).count()));
+}
+
+}  // namespace
+
+void Packets::FreeRing::operator()(ring_buffer *ring) const {
+  ring_buffer__free(ring);
+}
+
+Packets::Packets(Plane &plane, Grace &grace)
+    : plane_(plane),
+      sender_(plane.ports()),
+      executor_(plane, grace, sender_, [this](const ss_pkt_in &about, Bytes frame) { hand_on(about, frame); }) {}
+
+std::unique_ptr<Packets> Packets::open(const Context &context, Plane &plane, Grace &grace, PacketRate rate, std::string &why) {
+  std::unique_ptr<Packets> packets(new Packets(plane, grace));
+  return packets->start(context, rate, why) ? std::move(packets) : nullptr;
+}
+
+bool Packets::start(const Context &context, PacketRate rate, std::string &why) {
+  if (!sender_.open(why)) return false;
+  set_rate(rate);
+  const ss_pkt_user user{.arg = this,
+                         .wanted =
+                             [](void *self, int wanted) {
+                               static_cast<Packets *>(self)->reported_.clear();
+                               static_cast<Packets *>(self)->want(wanted != 0);
+                             },
+                         .out = [](void *self, const ss_pkt_out *out) { static_cast<Packets *>(self)->executor_.run(*out); }};
+  const auto sample = [](void *self, void *data, std::size_t size) {
+    return static_cast<Packets *>(self)->take({static_cast<const std::uint8_t *>(data), size});
+  };
+  end_ = ::eventfd(0, EFD_CLOEXEC);
+  path_.reset(ss_pkt_path_open(context.global, &user));
+  ring_.reset(ring_buffer__new(plane_.punted(), sample, this, nullptr));
+  if (end_ < 0 || !path_ || !ring_) {
+    why = std::string("packets cannot be handed on: ") + std::strerror(errno);
+    return false;
+  }
+  thread_ = std::thread(&Packets::run, this);
+  return true;
+}
+
+Packets::~Packets() {
+  want(false);
+  if (thread_.joinable()) {
+    eventfd_write(end_, 1);
+    thread_.join();
+  }
+  if (end_ >= 0) ::close(end_);
+}
+
+void Packets::want(bool wanted) {
+  std::atomic_ref(plane_.tables().control->punting).store(wanted ? 1 : 0, std::memory_order_relaxed);
+}
+
+void Packets::set_rate(PacketRate rate) {
+  dp_band band{};
+  band.cost = (kNs << DP_COST_SHIFT) / rate.rate;
+  band.burst = kNs * rate.burst / rate.rate;
+  for (dp_punt *punt = plane_.punts(); punt != plane_.punts() + DP_MAX_PORTS; ++punt) punt->rate = band;
+}
+
+void Packets::run() {
+  pthread_setname_np(pthread_self(), "packets");
+  auto report_at = std::chrono::steady_clock::now() + kBetweenReports;
+  while (true) {
+    pollfd waits[] = {{end_, POLLIN, 0},
+                      {ring_buffer__epoll_fd(ring_.get()), POLLIN, 0},
+                      {ss_pkt_path_fd(path_.get()), POLLIN, 0},
+                      {sender_.has_waiting() ? sender_.fd() : -1, POLLOUT, 0}};
+    const auto now = std::chrono::steady_clock::now();
+    if (now >= report_at) {
+      report();
+      report_at = now + kBetweenReports;
+    }
+    if (::poll(waits, std::size(waits), millis(report_at - now)) < 0 && errno != EINTR) return;
+    if (waits[0].revents != 0) return;
+    taken_ = 0;
+    if (waits[1].revents != 0) ring_buffer__consume(ring_.get());
+    if (waits[2].revents != 0) ss_pkt_path_work(path_.get());
+    if (waits[3].revents != 0) sender_.send_waiting();
+  }
+}
+
+// ---- to the controllers
+
+// One packet of the program. Not 0 when that was enough for now.
+int Packets::take(Bytes sample) {
+  dp_punted about;
+  if (sample.size() < sizeof about) return 0;
+  std::memcpy(&about, sample.data(), sizeof about);
+  if (about.length > sample.size() - sizeof about) return 0;
+  const ss_pkt_in meta{.cookie = about.cookie,
+                       .in_port = about.in_port,
+                       .table = about.table,
+                       .reason = static_cast<std::uint8_t>(about.miss != 0 ? SS_PKT_NO_MATCH : SS_PKT_ACTION)};
+  unfold(about, sample.subspan(sizeof about, about.length), room_, [this, &meta](Bytes frame) { hand_on(meta, frame); });
+  return ++taken_ < kTakenAtATime ? 0 : -EAGAIN;
+}
+
+void Packets::hand_on(const ss_pkt_in &about, Bytes frame) {
+  Handed &handed = handed_[place_of(about.in_port)];
+  const int rv = ss_pkt_path_in(path_.get(), &about, frame.data(), static_cast<std::uint32_t>(frame.size()));
+  ++(rv == 0 ? handed.in : rv == -1 ? handed.unwanted : handed.full);
+}
+
+// DP_MAX_PORTS for what is no port.
+std::uint32_t Packets::place_of(std::uint32_t number) const {
+  std::uint32_t place = 0;
+  while (place < DP_MAX_PORTS && plane_.ports()[place].number != number) ++place;
+  return place;
+}
+
+// ---- counts
+
+ss_pkt_counts Packets::counts_of(std::uint32_t place) const {
+  ss_pkt_counts counts{};
+  const Handed &handed = handed_[place];
+  counts.in = handed.in, counts.in_full = handed.full, counts.in_unwanted = handed.unwanted;
+  if (place == DP_MAX_PORTS) {
+    counts.out_refused = executor_.refused(), counts.out_nowhere = executor_.nowhere();
+    return counts;
+  }
+  const dp_punt &punt = plane_.punts()[place];
+  counts.port = plane_.ports()[place].number;
+  counts.in_limited = punt.limited, counts.in_too_long = punt.too_long;
+  counts.in_full += punt.full, counts.in_unwanted += punt.unwanted;
+  const Sender::Counts &sent = sender_.counts(place);
+  counts.out = sent.sent, counts.out_full = sent.full, counts.out_down = sent.down, counts.out_refused = sent.refused;
+  return counts;
+}
+
+// Where nothing has changed there is nothing to tell.
+void Packets::report() {
+  std::vector<ss_pkt_counts> now = {counts_of(DP_MAX_PORTS)};
+  for (std::uint32_t place = 0; place < DP_MAX_PORTS && plane_.ports()[place].number != 0; ++place)
+    now.push_back(counts_of(place));
+  const std::size_t bytes = now.size() * sizeof now[0];
+  if (now.size() == reported_.size() && std::memcmp(now.data(), reported_.data(), bytes) == 0) return;
+  if (ss_pkt_path_report(path_.get(), now.data(), static_cast<std::uint32_t>(now.size())) == 0) reported_ = std::move(now);
+}
+
+}  // namespace programmer::dataplane

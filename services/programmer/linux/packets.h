@@ -1,0 +1,75 @@
+// Packets between the plane and the controllers, on a thread of its own: from the program's ring to the packet path, and from
+// there out of the ports.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "programmer/context.h"
+#include "programmer/linux/executor.h"
+#include "programmer/linux/frame.h"
+#include "programmer/linux/grace.h"
+#include "programmer/linux/plane.h"
+#include "programmer/linux/sender.h"
+
+struct ring_buffer;
+
+namespace programmer::dataplane {
+
+// What a port may send to the controllers, in packets a second, and how many at once.
+struct PacketRate {
+  std::uint32_t rate;
+  std::uint32_t burst;
+};
+
+class Packets {
+ public:
+  // Null with one line when that is not possible here. The plane has its ports.
+  static std::unique_ptr<Packets> open(const Context &context, Plane &plane, Grace &grace, PacketRate rate, std::string &why);
+  ~Packets();
+  Packets(const Packets &) = delete;
+  Packets &operator=(const Packets &) = delete;
+
+  // Whether controllers want packets, as the daemon has said; the packet path says the same when it is there. Any thread.
+  void want(bool wanted);
+
+ private:
+  struct FreePath {
+    void operator()(ss_pkt_path *path) const { ss_pkt_path_close(path); }
+  };
+  struct FreeRing {
+    void operator()(ring_buffer *ring) const;
+  };
+  struct Handed {
+    std::uint64_t in = 0, full = 0, unwanted = 0;
+  };
+
+  Packets(Plane &plane, Grace &grace);
+  bool start(const Context &context, PacketRate rate, std::string &why);
+  void set_rate(PacketRate rate);
+  void run();
+  int take(Bytes sample);
+  void hand_on(const ss_pkt_in &about, Bytes frame);
+  std::uint32_t place_of(std::uint32_t number) const;
+  ss_pkt_counts counts_of(std::uint32_t place) const;
+  void report();
+
+  Plane &plane_;
+  Sender sender_;
+  Executor executor_;
+  std::unique_ptr<ss_pkt_path, FreePath> path_;
+  std::unique_ptr<ring_buffer, FreeRing> ring_;
+  int end_ = -1;
+  Frame room_;
+  int taken_ = 0;                                  // of the ring, in this turn
+  std::array<Handed, DP_MAX_PORTS + 1> handed_{};  // by place; the last one: of no port
+  std::vector<ss_pkt_counts> reported_;
+  std::thread thread_;
+};
+
+}  // namespace programmer::dataplane

@@ -1,0 +1,333 @@
+"""Packets between the data plane and its controllers, with real traffic of hosts in network namespaces."""
+
+import signal
+import socket
+import struct
+import subprocess
+import time
+import unittest
+
+import e2e
+import learning
+import network
+import openflow
+from test_dataplane import checksum, frame, ipv4, udp
+
+TCP, UDP = 6, 17
+PAIRS = [(a, b) for a in range(3) for b in range(3) if a != b]
+
+ECHO_SERVER = """
+import socket, sys
+kind = {"tcp": socket.SOCK_STREAM, "udp": socket.SOCK_DGRAM}[sys.argv[1]]
+server = socket.socket(socket.AF_INET, kind)
+server.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+server.bind(("", 7))
+if kind == socket.SOCK_STREAM:
+    server.listen()
+print(flush=True)
+while True:
+    if kind == socket.SOCK_STREAM:
+        peer, _ = server.accept()
+        while data := peer.recv(1 << 16):
+            peer.sendall(data)
+        peer.close()
+    else:
+        server.sendto(*server.recvfrom(1 << 16))
+"""
+ASK = """
+import socket, sys
+kind = {"tcp": socket.SOCK_STREAM, "udp": socket.SOCK_DGRAM}[sys.argv[1]]
+client = socket.socket(socket.AF_INET, kind)
+client.settimeout(30)
+client.connect((sys.argv[2], 7))
+client.send(b"hello")
+print(client.recv(99).decode())
+"""
+PUSH = """
+import socket, sys
+client = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+client.connect((sys.argv[1], 7))
+client.sendall(bytes(range(250)) * 400)
+client.shutdown(socket.SHUT_WR)
+while client.recv(1 << 16):
+    pass
+"""
+
+
+def is_right(packet):
+    """Whether the checksum of a TCP or UDP packet over IPv4 is."""
+    header = (packet[14] & 15) * 4
+    segment = packet[14 + header : 14 + struct.unpack_from("!H", packet, 16)[0]]
+    pseudo = packet[26:34] + struct.pack("!HH", packet[23], len(segment))
+    return checksum(packet[14 : 14 + header]) == 0 and checksum(pseudo + segment + bytes(len(segment) % 2)) == 0
+
+
+def transport(packets, proto):
+    return [p.frame for p in packets if p.frame[12:14] == b"\x08\x00" and p.frame[23] == proto]
+
+
+class Packets(e2e.Test):
+    @classmethod
+    def setUpClass(cls):
+        if lacking := network.missing():
+            raise unittest.SkipTest(f"programs cannot be put on interfaces: this process lacks {lacking}")
+        cls.network = network.Network(3)
+        cls.addClassCleanup(cls.network.close)
+
+    def setUp(self):
+        self.hosts = self.network.hosts
+        self.switch = self.daemon(**self.settings())
+        self.await_that(lambda: self.packets()["data_plane"], "the data plane at the agent's socket")
+
+    def settings(self):
+        return self.network.settings
+
+    def packets(self):
+        return self.switch.ask_json("packets")
+
+    def port(self, number):
+        return next((port for port in self.packets()["ports"] if port["port"] == number), {})
+
+    def add(self, *flows):
+        for flow in flows:
+            done = e2e.ofctl(self.switch.port, "add-flow", flow)
+            self.assertEqual((done.returncode, done.stderr), (0, ""), flow)
+
+    def sockets(self):
+        frames = [host.socket() for host in self.hosts]
+        for each in frames:
+            self.addCleanup(each.close)
+        return frames
+
+    def serve(self, host, kind):
+        server = subprocess.Popen([str(w) for w in host.words("python3", "-c", ECHO_SERVER, kind)], stdout=subprocess.PIPE)
+        self.addCleanup(server.stdout.close)
+        self.addCleanup(server.wait)
+        self.addCleanup(server.kill)
+        server.stdout.readline()
+
+    def next_packet(self, client):
+        while (message := client.receive()).type != openflow.PACKET_IN:
+            pass
+        return openflow.packet_in_of(message)
+
+    # The kernel leaves the checksums of what a host sends over a virtual cable to a network card that is not there.
+    def test_hosts_reach_each_other_by_a_learning_switch_from_the_first_packet_on(self):
+        for kind, proto in (("udp", UDP), ("tcp", TCP)):
+            for host in self.hosts:
+                self.serve(host, kind)
+        for kind, proto in (("udp", UDP), ("tcp", TCP)):
+            for a, b in PAIRS:
+                with self.subTest(kind=kind, from_host=a, to_host=b):
+                    e2e.ofctl(self.switch.port, "del-flows")
+                    learner = learning.LearningSwitch(self.switch.port)
+                    learner.start()
+                    try:
+                        answer = self.hosts[a].run("python3", "-c", ASK, kind, self.hosts[b].address).stdout
+                    finally:
+                        learner.close()
+                    self.assertEqual(answer, "hello\n")
+                    came = transport(learner.seen, proto)
+                    self.assertEqual(came[0][26:34], b"".join(socket.inet_aton(self.hosts[n].address) for n in (a, b)))
+                    self.assertEqual([is_right(packet) for packet in came], [True] * len(came))
+
+    def test_a_packet_in_says_what_the_packet_was_and_why_it_comes(self):
+        packet, long, short = frame(ipv4(udp(53))), frame(ipv4(udp(54, bytes(1458)))), frame(bytes(46), 0x88B5)
+        tagged = frame(ipv4(udp(55)), tag=0x6007)
+        cases = (  # flow, sent, reason, table, cookie, received
+            ("priority=0,actions=controller", short, openflow.NO_MATCH, 0, short),
+            ("cookie=0x17,priority=0,in_port=1,actions=controller", packet, openflow.ACTION, 0x17, packet),
+            ("cookie=0x18,priority=3,udp,actions=controller:20", long, openflow.ACTION, 0x18, long),
+            ("cookie=0xfedcba9876543210,priority=9,dl_vlan=7,actions=set_field:4104->vlan_vid,controller", tagged, openflow.ACTION,
+             0xFEDCBA9876543210, frame(ipv4(udp(55)), tag=0x6008)),
+        )
+        here = self.sockets()[0]
+        client = self.client(self.switch)
+        for flow, sent, reason, cookie, received in cases:
+            with self.subTest(flow=flow):
+                self.add(flow)
+                here.send(sent)
+                self.assertEqual(self.next_packet(client), openflow.PacketIn(len(received), reason, 0, cookie, 1, received))
+
+    # What the kernel hands over uncut comes as the segments that are on a wire.
+    def test_a_long_stream_comes_in_whole_segments(self):
+        self.serve(self.hosts[1], "tcp")
+        self.add("priority=9,in_port=2,actions=output:1", "priority=5,in_port=1,actions=controller")
+        client = self.client(self.switch)
+        push = subprocess.Popen([str(w) for w in self.hosts[0].words("python3", "-c", PUSH, self.hosts[1].address)])
+        self.addCleanup(push.wait)
+        self.addCleanup(push.kill)
+        data, first = {}, None
+        while len(data) < 30:
+            packet = self.next_packet(client)
+            if transport([packet], TCP):
+                self.assertTrue(is_right(packet.frame))
+                self.assertLessEqual(len(packet.frame), 1514)
+                sequence, header = struct.unpack_from("!I", packet.frame, 38)[0], (packet.frame[46] >> 4) * 4
+                first = sequence if first is None else first
+                if payload := packet.frame[34 + header : 14 + struct.unpack_from("!H", packet.frame, 16)[0]]:
+                    data[(sequence - first - 1) % (1 << 32)] = payload
+            client.send(openflow.PACKET_OUT, openflow.packet_out(packet.frame, openflow.output(2), in_port=1))
+        wanted = bytes(range(250)) * 400
+        for at, payload in data.items():
+            self.assertEqual(payload, wanted[at : at + len(payload)])
+        self.assertGreater(max(len(payload) for payload in data.values()), 1400)
+
+    def test_a_packet_out_goes_where_its_actions_say(self):
+        nobody = "10.0.0.99"  # so that no host answers
+        payload = ipv4(udp(53), destination=nobody)
+        packet, tagged, retagged = frame(payload), frame(payload, tag=0x6007), frame(payload, tag=0xA008)
+        redirected = frame(payload, destination="02:00:00:00:00:77")
+        changed = frame(ipv4(udp(53), dscp=46, destination=nobody), source="02:00:00:00:00:66", destination="02:00:00:00:00:77")
+        out, field = openflow.output, openflow.set_field
+        addresses = field(3, bytes.fromhex("020000000077")), field(4, bytes.fromhex("020000000066"))
+        self.add("priority=5,in_port=2,udp,actions=set_field:02:00:00:00:00:77->eth_dst,output:3",
+                 "priority=5,in_port=3,udp,actions=drop", "cookie=0x5,priority=0,actions=controller")
+        cases = (  # in_port, sent, actions, received by host 1, 2, 3 and the controller
+            (openflow.CONTROLLER, packet, (out(2),), ([], [packet], [], [])),
+            (1, packet, (out(openflow.IN_PORT),), ([packet], [], [], [])),
+            (1, packet, (out(openflow.ALL),), ([], [packet], [packet], [])),
+            (openflow.ANY, packet, (out(openflow.FLOOD),), ([packet], [packet], [packet], [])),
+            (openflow.CONTROLLER, packet, (out(1), *addresses, field(8, b"\x2e"), out(2)), ([packet], [changed], [], [])),
+            (openflow.CONTROLLER, tagged, (field(6, b"\x10\x08"), field(7, b"\x05"), out(3)),
+             ([], [], [retagged], [])),
+            (2, packet, (out(openflow.TABLE),), ([], [], [redirected], [])),
+            (3, packet, (out(openflow.TABLE),), ([], [], [], [])),
+            (1, packet, (out(openflow.TABLE),), ([], [], [], [(openflow.NO_MATCH, 5, 1, packet)])),
+            (1, packet, (out(openflow.CONTROLLER),), ([], [], [], [(openflow.ACTION, 2**64 - 1, 1, packet)])),
+            (1, packet, (out(1),), ([], [], [], [])),
+            (1, packet, (field(6, b"\x10\x08"), out(2)), ([], [], [], [])),
+            (1, packet, (), ([], [], [], [])),
+        )
+        frames, client = self.sockets(), self.client(self.switch)
+        end = frame(bytes(46), 0x88B5)
+        for in_port, sent, actions, received in cases:
+            with self.subTest(in_port=in_port, actions=[a.hex() for a in actions]):
+                client.send(openflow.PACKET_OUT, openflow.packet_out(sent, *actions, in_port=in_port))
+                client.send(openflow.PACKET_OUT, openflow.packet_out(end, out(openflow.ALL), out(openflow.CONTROLLER)))
+                for host, expected in zip(frames, received):
+                    self.assertEqual([network.receive(host) for _ in range(len(expected) + 1)], [*expected, end])
+                came = [self.next_packet(client) for _ in range(len(received[3]) + 1)]
+                self.assertEqual([(p.reason, p.cookie, p.in_port, p.frame) for p in came[:-1]], received[3])
+                self.assertEqual(came[-1].frame, end)
+        self.await_that(lambda: self.port(1).get("in") == 2 and self.port(None)["out_nowhere"] == 2, "the counts of the ports")
+        self.assertEqual(self.port(None)["out_refused"], 2)
+
+    def test_what_cannot_be_done_with_a_packet_is_refused(self):
+        client = self.client(self.switch)
+        packet = frame(ipv4(udp(53)))
+        cases = (  # request, error
+            (openflow.packet_out(packet, openflow.output(openflow.NORMAL)), (2, 4)),
+            (openflow.packet_out(packet, openflow.output(openflow.LOCAL)), (2, 4)),
+            (openflow.packet_out(packet, openflow.output(9)), (2, 4)),
+            (openflow.packet_out(packet[:13], openflow.output(1)), (1, 6)),
+        )
+        for request, error in cases:
+            client.send(openflow.PACKET_OUT, request)
+            self.assertEqual(openflow.error_of(client.receive())[:2], error)
+
+    def test_a_client_that_nobody_here_wrote_sends_and_sees_packets(self):
+        here, there, _ = self.sockets()
+        packet = frame(ipv4(udp(53)))
+        monitor = subprocess.Popen(["ovs-ofctl", "-O", "OpenFlow13", "monitor", f"tcp:127.0.0.1:{self.switch.port}", "128"],
+                                   stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
+        self.addCleanup(monitor.stderr.close)
+        self.addCleanup(monitor.wait)
+        self.addCleanup(monitor.kill)
+        self.await_that(lambda: self.packets()["controllers"], "the monitor")
+        self.add("cookie=0x9,priority=0,actions=controller")
+        here.send(packet)
+        told = ""
+        while "udp" not in told:
+            told += monitor.stderr.readline()
+        self.assertRegex(told, r"OFPT_PACKET_IN.*cookie=0x9 total_len=46 in_port=1 \(via no_match\)")
+        self.assertNotIn("bad csum", told)
+        sent = e2e.ofctl(self.switch.port, "packet-out", f"in_port=controller packet={packet.hex()} actions=output:2")
+        self.assertEqual((sent.returncode, sent.stderr), (0, ""))
+        self.assertEqual(network.receive(there), packet)
+
+    # A controller that does not read loses packets, and nobody else anything.
+    def test_a_flood_of_packets_is_limited_and_a_deaf_controller_is_not_in_the_way(self):
+        deaf, client = self.client(self.switch), self.client(self.switch)
+        self.add("priority=0,actions=controller")
+        here = self.sockets()[0]
+        begun, sent, packet = time.monotonic(), 0, frame(ipv4(udp(1, bytes(1400))))
+        while (deaf_now := self.of(deaf)["in_clogged"]) == 0 or sent < 20_000:
+            for _ in range(1000):
+                here.send(packet)
+            sent += 1000
+            client.barrier()
+        spent = time.monotonic() - begun
+        self.await_that(lambda: sum(self.port(1).get(name, 0) for name in ("in", "in_limited", "in_full")) == sent, "every packet's fate")
+        port = self.port(1)
+        self.assertLessEqual(port["in"] + port["in_full"], 101 + 1000 * (spent + 1))
+        self.assertGreater(port["in"], 100)
+        self.assertLess(self.of(deaf)["unsent_bytes"], 256 << 10)
+        self.assertEqual(self.of(client)["in_clogged"], 0)
+        self.assertGreater(deaf_now, 0)
+
+    def of(self, client):
+        peer = "tcp:%s:%d" % client.socket.getsockname()
+        return next(one for one in self.packets()["controllers"] if one["peer"] == peer)
+
+    def test_a_flood_of_packet_outs_is_bounded_and_accounted_for(self):
+        client = self.client(self.switch)
+        request = openflow.packet_out(frame(ipv4(udp(1, bytes(1400)))), openflow.output(openflow.ALL))
+        for _ in range(20):
+            client.socket.sendall(b"".join(client.frame(openflow.PACKET_OUT, request) for _ in range(500)))
+            client.barrier()
+        told = self.packets()
+        self.assertEqual(told["out"] + told["out_full"], 10_000)
+        self.assertGreater(told["out"], 0)
+        fates = lambda: [sum(self.port(n).get(name, 0) for name in ("out", "out_full")) for n in (1, 2, 3)]
+        self.await_that(lambda: fates() == [told["out"]] * 3, f"{told['out']} packets out of each port, {fates()}")
+
+    def test_packets_stop_where_nobody_wants_them_and_flow_again(self):
+        here = self.sockets()[0]
+        client = self.client(self.switch)
+        self.add("priority=0,actions=controller")
+        packet = frame(ipv4(udp(1)))
+        here.send(packet)
+        self.assertEqual(self.next_packet(client).frame, packet)
+        self.switch.command("pkt_end", module="of_ss")
+        self.await_that(lambda: here.send(packet) and self.port(1).get("in_unwanted", 0) > 0, "packets that nobody wants")
+        self.switch.command("pkt_by_role", module="of_ss")
+        client.socket.settimeout(0.05)
+        self.await_that(lambda: here.send(packet) and self.comes(client), "packets again")
+
+    def comes(self, client):
+        try:
+            return client.receive().type == openflow.PACKET_IN
+        except TimeoutError:
+            return False
+
+
+class ServiceOfItsOwn(Packets):
+    """The same with the programming service as a process of its own, and what becomes of packets without it."""
+
+    def setUp(self):
+        self.hosts = self.network.hosts
+        self.switch = self.system(**self.settings())
+        self.await_that(lambda: self.packets()["data_plane"], "the data plane at the agent's socket")
+
+    def test_packets_go_on_when_the_service_has_come_back(self):
+        client = self.client(self.switch)
+        packet = frame(ipv4(udp(53)))
+        here, there, _ = self.sockets()
+        self.add("priority=0,actions=controller")
+        self.switch.process.send_signal(signal.SIGSTOP)  # who would start another service at once
+        self.switch.signal("kelim-programmer", signal.SIGKILL)
+        request = openflow.packet_out(packet, openflow.output(2))
+        self.await_that(lambda: not self.packets()["data_plane"], "the end of the service")
+        client.send(openflow.PACKET_OUT, request)
+        self.assertEqual(openflow.error_of(client.receive())[:2], (1, 5))
+        self.switch.process.send_signal(signal.SIGCONT)
+        self.await_that(lambda: self.packets()["data_plane"], "another service")
+        client.send(openflow.PACKET_OUT, request)
+        self.assertEqual(network.receive(there), packet)
+        client.socket.settimeout(0.05)
+        self.await_that(lambda: here.send(packet) and self.comes(client), "a packet from the new service")
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
