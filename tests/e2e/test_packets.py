@@ -1,5 +1,6 @@
 """Packets between the data plane and its controllers, with real traffic of hosts in network namespaces."""
 
+import os
 import signal
 import socket
 import struct
@@ -230,7 +231,8 @@ class Packets(e2e.Test):
         here, there, _ = self.sockets()
         packet = frame(ipv4(udp(53)))
         monitor = subprocess.Popen(["ovs-ofctl", "-O", "OpenFlow13", "monitor", f"tcp:127.0.0.1:{self.switch.port}", "128"],
-                                   stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
+                                   env={**os.environ, "OVS_RUNDIR": str(self.switch.run_dir)}, stdout=subprocess.DEVNULL,
+                                   stderr=subprocess.PIPE, text=True)
         self.addCleanup(monitor.stderr.close)
         self.addCleanup(monitor.wait)
         self.addCleanup(monitor.kill)
