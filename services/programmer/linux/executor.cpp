@@ -126,7 +126,7 @@ bool Executor::output(std::uint32_t number) {
 
 // Out of the port it came from a packet goes only where that is asked for by IN_PORT.
 bool Executor::to_port(std::uint32_t number, bool also_back) {
-  const dp_port *begin = plane_.ports(), *end = begin + DP_MAX_PORTS;
+  const dp_port *begin = plane_.ports, *end = begin + DP_MAX_PORTS;
   const dp_port *port = std::find_if(begin, end, [number](const dp_port &p) { return p.number == number; });
   if (number == 0 || port == end || (!also_back && number == packet_.in_port)) return false;
   sender_.send(static_cast<std::uint32_t>(port - begin), packet_.frame, packet_.queue);
@@ -134,7 +134,7 @@ bool Executor::to_port(std::uint32_t number, bool also_back) {
 }
 
 bool Executor::to_all() {
-  const dp_port *ports = plane_.ports();
+  const dp_port *ports = plane_.ports;
   for (std::uint32_t place = 0; place < DP_MAX_PORTS && ports[place].number != 0; ++place)
     if (ports[place].number != packet_.in_port) sender_.send(place, packet_.frame, packet_.queue);
   return true;
@@ -150,8 +150,8 @@ void Executor::to_controller(std::uint64_t cookie, std::uint8_t table, std::uint
 bool Executor::through_table() {
   dp_headers headers;
   const dp_key key = key_of(packet_.frame, packet_.in_port, headers);
-  const dp_tables &tables = plane_.tables();
-  dp_tally &tally = plane_.own_tally();
+  const dp_tables &tables = plane_.tables;
+  dp_tally &tally = *plane_.tally;
   dp_flow flow{};
   {
     const Grace::Reading reading(grace_);
@@ -169,7 +169,7 @@ bool Executor::through_table() {
 
 // In the counters' last row, which is no processor's.
 void Executor::count(std::uint32_t place) {
-  const dp_tables &tables = plane_.tables();
+  const dp_tables &tables = plane_.tables;
   dp_count &cell = tables.counts[std::size_t{tables.rows - 1} * tables.places + place];
   ++cell.packets;
   cell.bytes += packet_.frame.size();
@@ -177,7 +177,7 @@ void Executor::count(std::uint32_t place) {
 
 bool Executor::follow(const dp_flow &flow) {
   if (!pass_meter(flow)) {
-    ++plane_.own_tally().metered;
+    ++plane_.tally->metered;
     return ++nowhere_, true;
   }
   if (!rewrite(packet_.frame, flow.actions)) return false;
@@ -187,7 +187,7 @@ bool Executor::follow(const dp_flow &flow) {
 
 bool Executor::pass_meter(const dp_flow &flow) {
   if (flow.actions.meter == 0 || flow.actions.meter > DP_MAX_METERS) return true;
-  dp_meter &meter = plane_.meters()[flow.actions.meter - 1];
+  dp_meter &meter = plane_.meters[flow.actions.meter - 1];
   const dp_verdict verdict = dp_meter_packet(&meter, now_ns(), 1, static_cast<__u32>(packet_.frame.size()));
   dp_headers headers;
   const dp_key key = key_of(packet_.frame, 0, headers);
@@ -204,7 +204,7 @@ bool Executor::finish(const dp_flow &flow) {
   const dp_actions &actions = flow.actions;
   switch (actions.output) {
     case DP_PORT:
-      return to_port(plane_.ports()[actions.port].number, false);
+      return to_port(plane_.ports[actions.port].number, false);
     case DP_IN_PORT:
       return to_port(packet_.in_port, true);
     case DP_ALL:

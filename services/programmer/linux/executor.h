@@ -8,16 +8,23 @@
 #include "libss_pkt.h"
 #include "programmer/linux/frame.h"
 #include "programmer/linux/grace.h"
-#include "programmer/linux/plane.h"
 #include "programmer/linux/sender.h"
 
 namespace programmer::dataplane {
+
+// What it sees of the plane.
+struct PlaneMemory {
+  dp_tables tables;  // the last row of counters is the service's own
+  dp_port *ports;    // DP_MAX_PORTS
+  dp_meter *meters;  // DP_MAX_METERS
+  dp_tally *tally;   // the service's own
+};
 
 class Executor {
  public:
   using ToController = std::function<void(const ss_pkt_in &about, Bytes frame)>;
 
-  Executor(Plane &plane, Grace &grace, Sender &sender, ToController to_controller)
+  Executor(const PlaneMemory &plane, Grace &grace, Sender &sender, ToController to_controller)
       : plane_(plane), grace_(grace), sender_(sender), to_controller_(std::move(to_controller)) {}
 
   void run(const ss_pkt_out &packet);
@@ -55,7 +62,7 @@ class Executor {
   void count(std::uint32_t place);
   void to_controller(std::uint64_t cookie, std::uint8_t table, std::uint8_t reason);
 
-  Plane &plane_;
+  const PlaneMemory plane_;
   Grace &grace_;
   Sender &sender_;
   ToController to_controller_;

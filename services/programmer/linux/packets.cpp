@@ -29,7 +29,8 @@ void Packets::FreeRing::operator()(ring_buffer *ring) const {
 Packets::Packets(Plane &plane, Grace &grace)
     : plane_(plane),
       sender_(plane.ports()),
-      executor_(plane, grace, sender_, [this](const ss_pkt_in &about, Bytes frame) { hand_on(about, frame); }) {}
+      executor_({plane.tables(), plane.ports(), plane.meters(), &plane.own_tally()}, grace, sender_,
+                [this](const ss_pkt_in &about, Bytes frame) { hand_on(about, frame); }) {}
 
 std::unique_ptr<Packets> Packets::open(const Context &context, Plane &plane, Grace &grace, PacketRate rate, std::string &why) {
   std::unique_ptr<Packets> packets(new Packets(plane, grace));
