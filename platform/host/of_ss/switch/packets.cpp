@@ -107,10 +107,10 @@ bool Packets::handle(const packet::Head &head, Bytes frame) {
       log::error("a programming service speaks version {} of the packet path, this process {}", head.number, packet::kVersion);
     return greeted_;
   }
-  if (head.kind == Kind::in && head.reason <= SS_PKT_ACTION)
-    deliver(head, frame.first(std::min<std::size_t>(frame.size(), SS_PKT_FRAME_MAX)));
+  const bool is_packet = head.kind == Kind::in && head.reason <= SS_PKT_ACTION;
+  if (is_packet) deliver(head, frame.first(std::min<std::size_t>(frame.size(), SS_PKT_FRAME_MAX)));
   if (head.kind == Kind::counts) keep(frame);
-  return head.kind == Kind::in || head.kind == Kind::counts;
+  return is_packet || head.kind == Kind::counts;
 }
 
 void Packets::keep(Bytes counts) {
