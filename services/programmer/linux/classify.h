@@ -39,12 +39,15 @@ DP_INLINE __u32 dp_second_bucket(__u64 hash, __u32 bucket_mask) {
 }
 
 // The entry of the bucket with this tag (there is at most one), or 0; *open: an entry was never used, so nobody went elsewhere.
-// Without a branch, which would double what the verifier has to follow with each entry.
+// Without a branch, which would double what the verifier has to follow with each entry: Linux 6.1 would give up. The compiler
+// would make one of a comparison that it recognises, so it is not told how large the difference can be.
 DP_INLINE __u64 dp_scan(const struct dp_bucket *bucket, __u32 tag, __u64 *open) {
   __u64 found = 0, unused = 0;
   for (int i = 0; i < DP_BUCKET; ++i) {
     const __u64 entry = *(const volatile __u64 *)&bucket->entries[i];
-    found |= entry & (0 - (((entry >> 32 ^ tag) - 1) >> 63));
+    __u64 differs = entry >> 32 ^ tag;
+    asm volatile("" : "+r"(differs));
+    found |= entry & (0 - ((differs - 1) >> 63));
     unused |= (entry - 1) >> 63;
   }
   *open = unused;
