@@ -117,7 +117,7 @@ void decode(benchmark::State &state) {
 }
 BENCHMARK(decode);
 
-// Reading, table, ledger, hand-over; the table grows to range(0) flows and begins again.
+// Reading, table, in-flight log, hand-over; the table grows to range(0) flows and begins again.
 void decode_and_add(benchmark::State &state) {
   const Callbacks callbacks = player();
   Quiet quiet;

@@ -133,11 +133,11 @@ TEST_F(PacketPath, WhoDoesNotReadLosesPacketsAndNothingElse) {
   ASSERT_TRUE(plane.until([&] { return plane.wanted == 1; }));
   const Message frame = kFrame + Message(1400);
   std::uint64_t sent = 0;
-  const auto clogged = [&] {
+  const auto backed_up = [&] {
     for (int n = 0; n < 20; ++n) sent += plane.send(SS_PKT_ACTION, frame) == 0;
-    return c.read(), packets().at("in_clogged") > 100;
+    return c.read(), packets().at("in_dropped") > 100;
   };
-  ASSERT_TRUE(plane.until(clogged));
+  ASSERT_TRUE(plane.until(backed_up));
   EXPECT_TRUE(plane.until([&] { return c.of_type(kPacketIn).size() == sent; })) << "who reads gets all";
   for (const auto &one : packets().at("controllers")) EXPECT_LE(one.at("unsent_bytes"), 256 << 10);
   deaf.read();

@@ -253,13 +253,13 @@ std::string packets_text(const Json &data, const Look &look) {
   const std::string sums = fmt::format(
       "To controllers: {} packets, {} messages sent, {} not sent to controllers that do not read, {} packets that none wanted\n"
       "From controllers: {} handed to the data plane, {} refused without one, {} dropped because it was behind\n\n",
-      cell(data, "in"), cell(data, "in_sent"), cell(data, "in_clogged"), cell(data, "in_unwanted"), cell(data, "out"),
+      cell(data, "in"), cell(data, "in_sent"), cell(data, "in_dropped"), cell(data, "in_unwanted"), cell(data, "out"),
       cell(data, "out_refused"), cell(data, "out_full"));
   return head + sums +
          list_text(data.value("controllers", Json::array()),
                    {{{"CONTROLLER", false, true}, "peer"},
                     {{"IN", true}, "in"},
-                    {{"IN CLOGGED", true}, "in_clogged"},
+                    {{"IN DROPPED", true}, "in_dropped"},
                     {{"OUT", true}, "out"},
                     {{"UNSENT BYTES", true}, "unsent_bytes"}},
                    "No controller is connected.", look) +

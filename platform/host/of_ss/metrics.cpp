@@ -40,7 +40,7 @@ void write_flows(Page &page, const Flows &flows) {
   page.sample(table.sent(), {{"state", "sent"}});
   page.sample(table.size() - table.sent(), {{"state", "installed"}});
   page.single({"kelim_flow_capacity", Kind::gauge, "Flows there is room for; 0 while that is not known."}, flows.capacity());
-  page.single({"kelim_undecided", Kind::gauge, "Calls handed over that are not answered for."}, flows.ledger().outstanding());
+  page.single({"kelim_undecided", Kind::gauge, "Calls handed over that are not answered for."}, flows.in_flight().outstanding());
   metrics::write_rows(page, kFlowRows, flows.counters());
   page.begin({"kelim_flow_install_seconds", Kind::histogram, "From the hand-over of an add until it was decided as installed."});
   page.histogram(flows.install_times());
@@ -77,7 +77,7 @@ constexpr metrics::Row<PacketCounters> kPacketRows[] = {
      &PacketCounters::in_unwanted},
     {{"kelim_packets_in_sent_total", Kind::counter, "PACKET_IN messages to controllers."}, &PacketCounters::in_sent},
     {{"kelim_packets_in_dropped_total", Kind::counter, "PACKET_IN messages not sent to a controller that does not read."},
-     &PacketCounters::in_clogged},
+     &PacketCounters::in_dropped},
     {{"kelim_packets_out_total", Kind::counter, "Packets of controllers that the data plane was given."}, &PacketCounters::out},
     {{"kelim_packets_out_refused_total", Kind::counter, "Packets of controllers for which there was no data plane."},
      &PacketCounters::out_refused},

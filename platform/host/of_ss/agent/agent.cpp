@@ -101,9 +101,9 @@ void Agent::start() {
 void Agent::main() {
   pthread_setname_np(pthread_self(), "openflow");
   switch_.thread.bind();
-  switch_.flows.handover().bind_to_thread();
-  switch_.flows.handover().connected();
-  switch_.flows.handover().configure_reports(report_cells_, kReportPeriodSeconds);
+  switch_.flows.client().bind_to_thread();
+  switch_.flows.client().connected();
+  switch_.flows.client().configure_reports(report_cells_, kReportPeriodSeconds);
   endpoints_.dial();
   turn_done();
   event_base_dispatch(base_.get());
@@ -155,7 +155,7 @@ void Agent::new_turn() {
 void Agent::turn_done() {
   Flows &flows = switch_.flows;
   flows.batch_done(switch_.now());
-  switch_.pace.turn_ended(flows.handover().calls(), flows.table().newest_index());
+  switch_.pace.turn_ended(flows.client().calls(), flows.table().newest_index());
   if (turns_.take_next_is_due()) event_add(turns_event_.get(), &kNextTurn);
   switch_.end_turn();
   if (ticking_ || !flows.needs_deadlines()) return;

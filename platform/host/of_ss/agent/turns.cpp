@@ -22,7 +22,7 @@ void Turns::begin(Connection &connection) {
 
 bool Turns::may_take(Connection &connection, Bytes message) {
   Session &session = connection.session();
-  if (session.dump || session.owes_updates || session.waits_for_counters || connection.is_clogged()) return false;
+  if (session.dump || session.owes_updates || session.waits_for_counters || connection.is_backed_up()) return false;
   if (is_for_daemon(message) && !may_hand_over(session)) return false;
   if (session.share == 0 || connection.unsent() > session.unsent_before + kShareBytes) {
     next_is_due_ = true;
@@ -39,7 +39,7 @@ bool Turns::may_hand_over(Session &session) {
     session.handed_over = 0;
   }
   const bool may = session.barriers < sw_.settings.connections.queue_bound && sw_.flows.room() &&
-                   sw_.pace.open(sw_.flows.handover().calls(), session.handed_over < kLittle);
+                   sw_.pace.open(sw_.flows.client().calls(), session.handed_over < kLittle);
   session.handed_over += may;
   return may;
 }

@@ -91,7 +91,7 @@ Verdict Flows::add(const FlowMod &mod, const Origin &origin, Bytes request, std:
   } else {
     if (before) make_room(*before);
     before = &hand_over(mod.southbound(), place, now);
-    ledger_.expect(before->index(), origin, request, false, now);
+    in_flight_.expect(before->index(), origin, request, false, now);
     note_added(*before, FlowEvent::added);
     ++counters_.added;
   }
@@ -213,7 +213,7 @@ FlowEntry &Flows::hand_over(Bytes flow_mod, const FlowTable::Place &place, std::
     flow.counted().bytes.before = before->bytes();
   }
   trace_.note(Step::handed_over, flow.index());
-  handover_.add(flow);
+  client_.add(flow);
   return flow;
 }
 
@@ -240,7 +240,7 @@ bool Flows::change(FlowEntry &flow, const FlowMod &mod, const Origin &origin, By
     form = &hand_over(changed, {flow.hash, &flow}, flow.created_ns);
     form->last_hit_s = flow.last_hit_s;
     form->controller = origin.controller;
-    ledger_.expect(form->index(), origin, request, same_request, now);
+    in_flight_.expect(form->index(), origin, request, same_request, now);
     note_added(*form, FlowEvent::modified);
   }
   if (mod.flags & fm::kResetCounts) form->reset_counts();
@@ -266,8 +266,8 @@ void Flows::put_back(std::int64_t now) {
 
 void Flows::tell_deletion(FlowEntry &flow) {
   if (flow.displaced) return;
-  handover_.remove(flow);
-  ledger_.note();
+  client_.remove(flow);
+  in_flight_.note();
 }
 
 void Flows::withdraw(FlowEntry &flow) {
@@ -313,16 +313,16 @@ void Flows::clear_table() {
 
 void Flows::remove_all() {
   clear_table();
-  handover_.remove_all_flows();
-  ledger_.note();
+  client_.remove_all_flows();
+  in_flight_.note();
 }
 
 void Flows::remove_everything() {
   deletion_.reset();
   transaction_.reset();
   clear_table();
-  handover_.remove_everything();
-  ledger_.note();
+  client_.remove_everything();
+  in_flight_.note();
 }
 
 std::vector<FlowEntry *> Flows::users_of_meter(std::uint32_t meter_id) const {
@@ -340,14 +340,14 @@ void Flows::remove_users_of_meter(std::uint32_t meter_id) {
 void Flows::fail_users_of_meter(std::uint32_t meter_id) {
   for (auto users = users_of_meter(meter_id); !users.empty(); users = users_of_meter(meter_id))
     for (FlowEntry *flow : users) {
-      Pending *pending = ledger_.find(flow->index());
+      Pending *pending = in_flight_.find(flow->index());
       if (!pending) {
         remove_flow(*flow, kDeleted);
         continue;
       }
       if (!pending->answered)
         events_.flow_failed(pending->origin, err::kUnknownMeter, Bytes(pending->request_head, pending->request_len));
-      ledger_.answer(*pending);
+      in_flight_.answer(*pending);
       withdraw_failed(*flow, err::kUnknownMeter);
     }
 }
@@ -362,8 +362,8 @@ void Flows::replay_more() {
     FlowEntry *flow = table_.next(*replayed_);
     if (!flow) return replayed_.reset();
     if (flow->displaced) continue;
-    handover_.add(*flow);
-    ledger_.note();
+    client_.add(*flow);
+    in_flight_.note();
   }
 }
 
@@ -443,28 +443,28 @@ void Flows::undo(const Transaction::Step &step) {
 // ---- barriers
 
 void Flows::barrier(const BarrierTag &tag, const Origin &origin, bool waits, std::int64_t now) {
-  if (!waits && ledger_.all_decided()) {
+  if (!waits && in_flight_.all_decided()) {
     barrier_times_.observe({});
     events_.barrier_answered(origin);
     return;
   }
   trace_.note(Step::barrier_handed);
-  ledger_.barrier_sent(tag, origin, now);
-  handover_.barrier(tag);
+  in_flight_.barrier_sent(tag, origin, now);
+  client_.barrier(tag);
 }
 
 std::uint32_t Flows::fence(std::int64_t now) {
   ++counters_.own_barriers;
   const BarrierTag tag{kOwnBarrier, ++own_xid_, 0};
-  ledger_.barrier_sent(tag, {0, own_xid_}, now);
-  handover_.barrier(tag);
+  in_flight_.barrier_sent(tag, {0, own_xid_}, now);
+  client_.barrier(tag);
   return own_xid_;
 }
 
 void Flows::batch_done(std::int64_t now) {
   put_back(now);
-  const std::uint64_t uncovered = ledger_.uncovered();
-  if (uncovered >= kBarrierEvery || (uncovered > 0 && !ledger_.barrier_under_way())) fence(now);
+  const std::uint64_t uncovered = in_flight_.uncovered();
+  if (uncovered >= kBarrierEvery || (uncovered > 0 && !in_flight_.barrier_under_way())) fence(now);
 }
 
 void Flows::barrier_done(const SentBarrier &sent, std::int64_t now) {
@@ -474,7 +474,7 @@ void Flows::barrier_done(const SentBarrier &sent, std::int64_t now) {
 
 void Flows::barrier_reply(Bytes reply, std::int64_t now) {
   const bool known =
-      reply.size() >= sb::kBarrierLen && ledger_.barrier_replied(
+      reply.size() >= sb::kBarrierLen && in_flight_.barrier_replied(
                                              barrier_tag(reply), [this, now](const Pending &pending) { decided(pending, now); },
                                              [this, now](const SentBarrier &sent) { barrier_done(sent, now); });
   if (!known) ++counters_.duplicate_results;
@@ -505,7 +505,7 @@ void Flows::flow_result(Bytes reply, std::int64_t now) {
   if (reply.size() < sb::kFlowResultLen) return;
   const auto index = sb::get<std::uint64_t>(reply.data(), sb::kFlowIndex);
   FlowEntry *flow = table_.by_index(index);
-  Pending *pending = ledger_.find(index);
+  Pending *pending = in_flight_.find(index);
   trace_.note(Step::result, index, sb::get<std::uint32_t>(reply.data(), sb::kFlowResultCode));
   // No controller waits for it: it stays as it was asked for, and the synchronisation that follows hands it over again.
   if (is_undecided(reply) && (!pending || !pending->origin.generation)) {
@@ -516,7 +516,7 @@ void Flows::flow_result(Bytes reply, std::int64_t now) {
   const Error &error = full ? err::kTableFull : err::kFlowModUnknown;
   if (pending && !pending->answered) {
     events_.flow_failed(pending->origin, error, Bytes(pending->request_head, pending->request_len));
-    ledger_.answer(*pending);
+    in_flight_.answer(*pending);
     if (flow) fail(*flow, error);
   } else if (flow && flow->state == FlowState::sent) {
     fail(*flow, error);
@@ -530,7 +530,7 @@ void Flows::flow_result(Bytes reply, std::int64_t now) {
 void Flows::flow_answer(Bytes answer, std::int64_t now) {
   const auto index = sb::get<std::uint64_t>(answer.data(), sb::kFlowIndex);
   FlowEntry *flow = table_.by_index(index);
-  if (Pending *pending = ledger_.find(index)) {
+  if (Pending *pending = in_flight_.find(index)) {
     // The daemon tells when it is its turn, or not at all where the flow had succeeded before.
     pending->failed = true;
     pending->no_room = is_shortage(answer);
@@ -572,7 +572,7 @@ void Flows::add_again(FlowEntry &flow, std::int64_t now) {
   FlowEntry &again = hand_over(flow.southbound(), {flow.hash, &flow}, flow.created_ns);
   again.retried = true;
   again.controller = flow.controller;
-  ledger_.expect(again.index(), {}, {}, false, now);
+  in_flight_.expect(again.index(), {}, {}, false, now);
   table_.remove(flow);
 }
 
@@ -602,8 +602,8 @@ void Flows::moved(std::uint64_t index, std::int64_t now) {
 void Flows::check_deadlines(std::int64_t now, bool daemon_turns) {
   if (daemon_turns) patience_ns_ += now - checked_ns_;
   checked_ns_ = now;
-  if (ledger_.all_decided() || progress_ != ledger_.decided()) {
-    progress_ = ledger_.decided();
+  if (in_flight_.all_decided() || progress_ != in_flight_.decided()) {
+    progress_ = in_flight_.decided();
     progress_ns_ = patience_ns_;
     return;
   }
@@ -618,9 +618,9 @@ void Flows::check_deadlines(std::int64_t now, bool daemon_turns) {
 
 // The adds before the first barrier that is not answered: one of them holds it back, and only a look elsewhere can tell which.
 std::vector<std::uint64_t> Flows::overdue_adds(std::int64_t now) {
-  const std::uint64_t last = ledger_.front_barrier() ? ledger_.front_barrier()->number : ~std::uint64_t{0};
+  const std::uint64_t last = in_flight_.front_barrier() ? in_flight_.front_barrier()->number : ~std::uint64_t{0};
   std::vector<std::uint64_t> indexes;
-  ledger_.for_each([this, now, last, &indexes](const Pending &pending) {
+  in_flight_.for_each([this, now, last, &indexes](const Pending &pending) {
     if (pending.number > last || !is_overdue(&pending, now)) return false;
     indexes.push_back(pending.index);
     asked_up_to_ = pending.number;
@@ -631,8 +631,8 @@ std::vector<std::uint64_t> Flows::overdue_adds(std::int64_t now) {
 
 void Flows::overdue_checked(const std::vector<std::uint64_t> &installed, std::int64_t now) {
   const std::uint64_t last = std::exchange(asked_up_to_, 0);
-  while (ledger_.front() && ledger_.front()->number <= last)
-    ledger_.release_front([this, now, &installed](const Pending &pending) {
+  while (in_flight_.front() && in_flight_.front()->number <= last)
+    in_flight_.release_front([this, now, &installed](const Pending &pending) {
       if (std::binary_search(installed.begin(), installed.end(), pending.index))
         decided(pending, now);
       else
@@ -643,9 +643,10 @@ void Flows::overdue_checked(const std::vector<std::uint64_t> &installed, std::in
 
 // Nothing but deletes is before these barriers, and still there is no answer: they are lost, and nobody waits for ever.
 void Flows::give_up_barriers(std::int64_t now) {
-  for (; is_overdue(ledger_.front_barrier(), now); ++counters_.lost_barriers)
-    ledger_.barrier_replied(
-        ledger_.front_barrier()->tag, [](const Pending &) {}, [this, now](const SentBarrier &sent) { barrier_done(sent, now); });
+  for (; is_overdue(in_flight_.front_barrier(), now); ++counters_.lost_barriers)
+    in_flight_.barrier_replied(
+        in_flight_.front_barrier()->tag, [](const Pending &) {},
+        [this, now](const SentBarrier &sent) { barrier_done(sent, now); });
 }
 
 void Flows::give_up(const Pending &pending) {

@@ -16,8 +16,8 @@
 #include "host/base/histogram.h"
 #include "host/of_ss/desired/flow_mod.h"
 #include "host/of_ss/desired/flow_table.h"
-#include "host/of_ss/desired/handover.h"
-#include "host/of_ss/desired/ledger.h"
+#include "host/of_ss/desired/in_flight_log.h"
+#include "host/of_ss/desired/southbound_client.h"
 #include "host/of_ss/desired/trace.h"
 
 namespace host::of_ss {
@@ -89,7 +89,7 @@ struct FlowCounters {
 class Flows {
  public:
   Flows(const Callbacks &callbacks, FlowEvents &events, Trace &trace, const FlowLimits &limits)
-      : handover_(callbacks), events_(events), trace_(trace), limits_(limits) {}
+      : client_(callbacks), events_(events), trace_(trace), limits_(limits) {}
 
   // Carries out a request that decode_flow_mod has accepted. `request` is the OpenFlow message.
   Verdict apply(const FlowMod &mod, const Origin &origin, Bytes request, std::int64_t now);
@@ -97,7 +97,7 @@ class Flows {
   // answered at once.
   void barrier(const BarrierTag &tag, const Origin &origin, bool waits, std::int64_t now);
   // A hand-over that is none of the flows', so that barriers wait for it.
-  void note_handover() { ledger_.note(); }
+  void note_handover() { in_flight_.note(); }
   // Deletes the flows that use the meter; kMeterAll: any meter.
   void remove_users_of_meter(std::uint32_t meter_id);
   // The same for a meter that has failed: who asked for a flow that is not decided yet is told that the meter is unknown.
@@ -160,24 +160,25 @@ class Flows {
   void overdue_checked(const std::vector<std::uint64_t> &installed, std::int64_t now);
   // To be called about every second: idle and hard timeouts.
   void check_timeouts(std::int64_t now);
-  bool needs_deadlines() const { return ledger_.outstanding() > 0; }
+  bool needs_deadlines() const { return in_flight_.outstanding() > 0; }
   // Whether the daemon has answered for everything that was handed over.
-  bool all_decided() const { return ledger_.all_decided(); }
+  bool all_decided() const { return in_flight_.all_decided(); }
 
   // Whether another request may be carried out now.
   bool room() const {
-    return !is_deleting() && !is_replaying() && ledger_.outstanding() < limits_.window && ledger_.barriers() < limits_.window;
+    return !is_deleting() && !is_replaying() && in_flight_.outstanding() < limits_.window &&
+           in_flight_.barriers() < limits_.window;
   }
   // How many flows there is room for; 0 while that is not known.
   std::uint32_t capacity() const { return limits_.capacity ? limits_.capacity : told_capacity_; }
   const FlowTable &table() const { return table_; }
-  const Ledger &ledger() const { return ledger_; }
+  const InFlightLog &in_flight() const { return in_flight_; }
   const FlowCounters &counters() const { return counters_; }
   // From the hand-over of an add to its decision, from a controller's barrier to its answer.
   const Histogram &install_times() const { return install_times_; }
   const Histogram &barrier_times() const { return barrier_times_; }
   const std::deque<LateFailure> &late_failures() const { return late_failures_; }
-  Handover &handover() { return handover_; }
+  SouthboundClient &client() { return client_; }
 
   // Whether the flow fits the table, match, port, group and cookie filter of a delete or of a statistics request.
   static bool selected(const FlowEntry &flow, const FlowMod &filter);
@@ -251,12 +252,12 @@ class Flows {
     std::uint32_t next = 0;                 // among them, or of the whole table
   };
 
-  Handover handover_;
+  SouthboundClient client_;
   FlowEvents &events_;
   Trace &trace_;
   const FlowLimits limits_;
   FlowTable table_;
-  Ledger ledger_;
+  InFlightLog in_flight_;
   std::optional<Deletion> deletion_;
   std::optional<std::uint32_t> replayed_;  // while replaying: how far, in the table
   std::optional<Transaction> transaction_;

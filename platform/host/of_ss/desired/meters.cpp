@@ -110,11 +110,11 @@ void Meters::hand_over(Meter &meter, Bytes request, const Origin &origin) {
   const Bytes kept = request.first(std::min(request.size(), kRequestKept));
   meter.request.assign(kept.begin(), kept.end());
   tell(meter.message);
-  meter.handed = flows_.ledger().handed();
+  meter.handed = flows_.in_flight().handed();
 }
 
 void Meters::tell(std::vector<std::byte> &message) {
-  flows_.handover().meter(message.data());
+  flows_.client().meter(message.data());
   flows_.note_handover();
 }
 
@@ -140,7 +140,7 @@ std::optional<Meters::Failure> Meters::result(Bytes reply, std::int64_t now) {
   auto &[id, meter] = *found;
   const auto code = sb::get<std::uint32_t>(reply.data(), sb::kMeterResultCode);
   // A replayed meter, which nobody waits for: it stays, and the synchronisation that follows hands it over again.
-  if (code & kUndecided && flows_.ledger().decided() >= meter.handed) return std::nullopt;
+  if (code & kUndecided && flows_.in_flight().decided() >= meter.handed) return std::nullopt;
   const bool no_room = (code & ~kUndecided) == kResultNoRoom;
   Failure failure{meter.origin, no_room ? &err::kOutOfMeters : &err::kMeterUnknown, std::move(meter.request)};
   meter.origin = {};

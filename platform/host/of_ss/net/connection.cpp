@@ -13,7 +13,7 @@ namespace host::of_ss {
 namespace {
 
 constexpr std::size_t kInputBound = 1 << 20;     // bytes that wait before reading stops
-constexpr std::size_t kClogged = 1 << 20;        // bytes unread by the peer above which it is not served
+constexpr std::size_t kBackedUp = 1 << 20;       // bytes unread by the peer above which it is not served
 constexpr std::size_t kDrained = 256 << 10;      // below this it is served again
 constexpr std::size_t kOutputBound = 32u << 20;  // above this it is closed
 constexpr std::size_t kAllOutputBound = 128u << 20;
@@ -75,8 +75,8 @@ std::size_t Connection::unsent() const {
   return bev_ ? evbuffer_get_length(bufferevent_get_output(bev_.get())) : 0;
 }
 
-bool Connection::is_clogged() const {
-  return unsent() > kClogged;
+bool Connection::is_backed_up() const {
+  return unsent() > kBackedUp;
 }
 
 void Connection::send(Bytes message) {

@@ -114,7 +114,7 @@ class Connection {
   std::int64_t since_ns() const { return since_ns_; }
   const Traffic &traffic() const { return traffic_; }
   // Whether so much is unread by the peer that it should not be served more.
-  bool is_clogged() const;
+  bool is_backed_up() const;
   std::size_t unsent() const;
   evutil_socket_t fd() const { return bufferevent_getfd(bev_.get()); }
   Session &session() { return *session_; }

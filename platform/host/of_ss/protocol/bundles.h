@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "host/of_ss/desired/ledger.h"
+#include "host/of_ss/desired/in_flight_log.h"
 #include "host/of_ss/wire/wire.h"
 
 namespace host::of_ss {

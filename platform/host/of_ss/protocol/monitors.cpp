@@ -272,11 +272,11 @@ void Monitors::tell(Connection &connection, const FlowEntry &flow, const FlowCha
 // Whether there is nothing to tell: of what the peer does not know, or of what the walk over what has changed finds later.
 bool Monitors::is_to_wait(Connection &connection, const FlowEntry &flow, FlowEvent event) {
   auto &pause = connection.session().watcher->pause;
-  if (event == FlowEvent::unchanged) return pause || connection.is_clogged();
+  if (event == FlowEvent::unchanged) return pause || connection.is_backed_up();
   if (event == FlowEvent::deleted || event == FlowEvent::brought_back)
     return pause && !connection.session().watcher->is_at_first() && !pause->may_know(flow);
   if (pause && (pause->again || flow.slot >= pause->told)) return true;
-  if (!connection.is_clogged()) return false;
+  if (!connection.is_backed_up()) return false;
   const Epoch before{sw_.flows.table().newest_index() - 1, sw_.now()};
   if (pause) {
     pause->again = before;
@@ -330,7 +330,7 @@ void Monitors::go_on() {
 // Puts entries from the cursor on until all flows have been looked at, then true, or the peer has enough to read for now.
 template <typename Put>
 bool Monitors::walk(Connection &connection, std::uint32_t xid, std::uint32_t &cursor, bool is_reply, Put &&put) {
-  while (!connection.is_clogged()) {
+  while (!connection.is_backed_up()) {
     Parts parts(sw_.scratch, connection, kExperimenterMultipart, xid, kFlowMonitor);
     const FlowEntry *flow = nullptr;
     while (!parts.full() && (flow = sw_.flows.table().next(cursor)))

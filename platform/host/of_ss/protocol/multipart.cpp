@@ -281,7 +281,7 @@ void put_flow(Writer &out, const FlowEntry &flow, std::int64_t now) {
 
 // Sends flows until all are sent or the peer has enough to read for now. True when all are sent.
 bool send_flows(Switch &sw, Connection &connection, Dump &dump) {
-  while (!connection.is_clogged()) {
+  while (!connection.is_backed_up()) {
     Parts parts(sw.scratch, connection, kFlow, dump.xid);
     const FlowEntry *flow = nullptr;
     while (!parts.full() && (flow = sw.flows.table().next(dump.cursor)))

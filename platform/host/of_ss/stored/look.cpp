@@ -169,7 +169,7 @@ unsigned Look::progress() const {
 bool Look::quiet_run(const std::function<void(Agent &agent)> &work) {
   bool quiet = false;
   return agent_.run([&](Agent &agent) {
-    quiet = agent.flows().ledger().all_decided() && !agent.of_switch().replay.is_asked_or_running();
+    quiet = agent.flows().in_flight().all_decided() && !agent.of_switch().replay.is_asked_or_running();
     if (quiet) work(agent);
   }) && quiet;
 }

@@ -154,30 +154,30 @@ void Controllers::arrived(const Connection &connection) {
   const std::uint32_t address = connection.peer().address;
   const bool new_interface = interfaces_.add(connection.session().interface);
   if (up_++ == 0)
-    handover_.open(interfaces_.numbers());
+    client_.open(interfaces_.numbers());
   else if (new_interface)
-    handover_.manage(interfaces_.numbers());
-  if (address && addresses_.add(address)) handover_.controller(true, address);
+    client_.manage(interfaces_.numbers());
+  if (address && addresses_.add(address)) client_.controller(true, address);
 }
 
 void Controllers::left(const Connection &connection) {
   const std::uint32_t address = connection.peer().address;
-  if (address && addresses_.remove(address)) handover_.controller(false, address);
+  if (address && addresses_.remove(address)) client_.controller(false, address);
   const std::vector<std::uint32_t> before = interfaces_.numbers();
   const bool less = interfaces_.remove(connection.session().interface);
   if (--up_ == 0)
-    handover_.close(before);
+    client_.close(before);
   else if (less)
-    handover_.manage(interfaces_.numbers());
+    client_.manage(interfaces_.numbers());
 }
 
 void Controllers::announce() const {
-  for (const std::uint32_t address : addresses_.numbers()) handover_.controller(true, address);
+  for (const std::uint32_t address : addresses_.numbers()) client_.controller(true, address);
 }
 
 void Controllers::withdraw_strangers(const std::vector<std::uint32_t> &stored) const {
   for (const std::uint32_t address : stored)
-    if (!addresses_.contains(address)) handover_.controller(false, address);
+    if (!addresses_.contains(address)) client_.controller(false, address);
 }
 
 // Packets may flow to the controllers while there is one that takes them.
@@ -187,7 +187,7 @@ void Controllers::update_packets() {
   };
   const bool wanted = packets_forced_.value_or(std::ranges::any_of(connections_, takes));
   if (std::exchange(packets_, wanted) == wanted) return;
-  handover_.packets(wanted);
+  client_.packets(wanted);
   packets_wanted_(wanted);
 }
 

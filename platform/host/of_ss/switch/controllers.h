@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "host/log/rate_limit.h"
-#include "host/of_ss/desired/handover.h"
+#include "host/of_ss/desired/southbound_client.h"
 #include "host/of_ss/net/connection.h"
 #include "host/of_ss/net/endpoints.h"
 #include "host/of_ss/net/session.h"
@@ -48,11 +48,11 @@ class ReferenceCounts {
 
 class Controllers {
  public:
-  // Connections report to `events`, whose owner passes up, gone and overfull on to here. `handover` outlives this.
+  // Connections report to `events`, whose owner passes up, gone and overfull on to here. `client` outlives this.
   // `packets_wanted` hears whether packets may flow to the controllers.
-  Controllers(ConnectionEvents &events, Handover &handover, const ConnectionLimits &limits,
+  Controllers(ConnectionEvents &events, SouthboundClient &client, const ConnectionLimits &limits,
               std::function<void(bool wanted)> packets_wanted)
-      : events_(events), handover_(handover), limits_(limits), packets_wanted_(std::move(packets_wanted)) {}
+      : events_(events), client_(client), limits_(limits), packets_wanted_(std::move(packets_wanted)) {}
 
   // ---- connections
 
@@ -123,7 +123,7 @@ class Controllers {
   void update_packets();
 
   ConnectionEvents &events_;
-  Handover &handover_;
+  SouthboundClient &client_;
   const ConnectionLimits limits_;
   const std::function<void(bool wanted)> packets_wanted_;
   std::array<std::unique_ptr<Connection>, kMaxConnections> connections_;

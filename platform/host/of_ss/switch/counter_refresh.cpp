@@ -21,7 +21,7 @@ void CounterRefresh::ask(Connection &connection, std::int64_t now_ns) {
   if (flows_.table().size() == 0 || flows_.table().size() > kFlowsRefreshed) return;
   connection.session().waits_for_counters = true;
   if (xid_) return;
-  flows_.handover().ask_counters(southbound::kAllFlows);
+  flows_.client().ask_counters(southbound::kAllFlows);
   event_add(late_.get(), &kPatience);
   xid_ = flows_.fence(now_ns);
 }

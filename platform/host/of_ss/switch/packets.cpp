@@ -147,7 +147,7 @@ void Packets::deliver(const packet::Head &head, Bytes frame) {
   controllers_.for_each_listener(Async::packet_in, head.reason, [&, bytes = reply.finish()](Connection &connection) {
     anybody = true;
     const bool reads = connection.unsent() + bytes.size() <= kUnsentBound;
-    ++(reads ? counters_.in_sent : counters_.in_clogged);
+    ++(reads ? counters_.in_sent : counters_.in_dropped);
     ++(reads ? connection.session().packets_in : connection.session().packets_lost);
     if (reads) connection.send(bytes);
   });

@@ -23,7 +23,7 @@ struct PacketCounters {
   std::uint64_t in = 0;           // came from the data plane
   std::uint64_t in_unwanted = 0;  // of these, dropped because no connection wanted them
   std::uint64_t in_sent = 0;      // messages to controllers
-  std::uint64_t in_clogged = 0;   // not sent to one that does not read
+  std::uint64_t in_dropped = 0;   // not sent to one that does not read
   std::uint64_t out = 0;          // handed to the data plane
   std::uint64_t out_refused = 0;  // answered with an error, because there is no data plane that sends
   std::uint64_t out_full = 0;     // dropped because the data plane is behind

@@ -15,7 +15,7 @@ void Replay::ask(std::int64_t now_ns) {
 void Replay::begin_when_settled() {
   if (!asked_ || flows_.is_replaying() || !flows_.all_decided() || flows_.is_in_transaction()) return;
   asked_ = false;
-  flows_.handover().begin_sync();
+  flows_.client().begin_sync();
   meters_.replay();
   flows_.begin_replay();
 }
@@ -26,7 +26,7 @@ void Replay::go_on(std::int64_t now_ns) {
 }
 
 void Replay::end(std::int64_t now_ns) {
-  flows_.handover().end_sync();
+  flows_.client().end_sync();
   // The daemon may have lost barriers with the database; the answer to this one stands for them.
   flows_.fence(now_ns);
   controllers_.announce();

@@ -49,8 +49,7 @@ class Switch {
       : settings(own),
         flows(above.callbacks, above.flow_events, trace, settings.flows),
         meters(flows),
-        controllers(above.connection_events, flows.handover(), settings.connections,
-                    [this](bool wanted) { packets.want(wanted); }),
+        controllers(above.connection_events, flows.client(), settings.connections, [this](bool wanted) { packets.want(wanted); }),
         packets(base, controllers, scratch),
         pace(settings.prompt, std::move(above.wake)),
         replay(flows, meters, controllers),
@@ -75,7 +74,7 @@ class Switch {
 
   // Whether a change that takes several turns may hand over more now; if not, it is asked to go on later.
   bool may_work() { return flows.room() && is_in_pace(); }
-  bool is_in_pace() { return pace.open(flows.handover().calls(), false); }
+  bool is_in_pace() { return pace.open(flows.client().calls(), false); }
   // Who asks for what the message says.
   Origin origin(const Connection &connection, Bytes message) const {
     return {connection.generation(), be32(message, kOfXid), connection.peer().controller, trace.request()};

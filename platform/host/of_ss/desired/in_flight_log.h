@@ -1,7 +1,7 @@
 // What has been handed to the daemon and is not decided yet, in the order of the hand-over.
 //
 // The daemon reports failures only; that everything else succeeded follows from a barrier reply, which says that all that was
-// handed over before the barrier is decided. The ledger keeps the requests behind undecided adds (for a late error) and the
+// handed over before the barrier is decided. This log keeps the requests behind undecided adds (for a late error) and the
 // barriers that are under way. It calls nobody and knows neither flows nor connections. Openflow thread only.
 #pragma once
 
@@ -9,7 +9,7 @@
 #include <deque>
 #include <vector>
 
-#include "host/of_ss/desired/handover.h"
+#include "host/of_ss/desired/southbound_client.h"
 #include "host/of_ss/wire/wire.h"
 
 namespace host::of_ss {
@@ -44,7 +44,7 @@ struct SentBarrier {
   std::int64_t since_ns;
 };
 
-class Ledger {
+class InFlightLog {
  public:
   // A hand-over that only a barrier answers: a delete, a meter.
   void note() { ++handed_; }

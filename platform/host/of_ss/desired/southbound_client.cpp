@@ -1,4 +1,4 @@
-#include "host/of_ss/desired/handover.h"
+#include "host/of_ss/desired/southbound_client.h"
 
 #include <algorithm>
 #include <array>
@@ -27,13 +27,13 @@ struct Message {
 }  // namespace
 
 // The same bytes as the add, so that a trace of the delete shows the flow; the daemon looks at the index only.
-void Handover::remove(FlowEntry &flow) {
+void SouthboundClient::remove(FlowEntry &flow) {
   sb::put(flow.message(), sb::kFlowCommand, sb::kFlowDelete);
   call(callbacks_.flow_mod, flow.message());
   sb::put(flow.message(), sb::kFlowCommand, sb::kFlowAdd);
 }
 
-void Handover::barrier(const BarrierTag &tag) {
+void SouthboundClient::barrier(const BarrierTag &tag) {
   call(callbacks_.barrier, Message<sb::kBarrierLen>(sb::kBarrierRequest)
                                .with(sb::kBarrierConnId, tag.connection)
                                .with(sb::kBarrierXid, tag.xid)
@@ -41,34 +41,34 @@ void Handover::barrier(const BarrierTag &tag) {
                                .data());
 }
 
-void Handover::begin_sync() {
+void SouthboundClient::begin_sync() {
   call(callbacks_.ds_start, Message<sb::kHeaderLen>(sb::kDsStart).data());
 }
-void Handover::end_sync() {
+void SouthboundClient::end_sync() {
   call(callbacks_.ds_end, Message<sb::kHeaderLen>(sb::kDsEnd).data());
 }
 
-void Handover::list_interfaces(sb::MsgType type, of_ss_msg_cb callback, std::span<const std::uint32_t> interfaces) {
+void SouthboundClient::list_interfaces(sb::MsgType type, of_ss_msg_cb callback, std::span<const std::uint32_t> interfaces) {
   std::vector<std::byte> message(sb::kHeaderLen + interfaces.size_bytes());
   sb::put_header(message.data(), type, kVersion, static_cast<std::uint16_t>(message.size()), kTableProperty);
   std::ranges::copy(std::as_bytes(interfaces), message.begin() + sb::kHeaderLen);
   call(callback, message.data());
 }
 
-void Handover::ask_counters(std::uint64_t index) {
+void SouthboundClient::ask_counters(std::uint64_t index) {
   call(callbacks_.statistic, Message<sb::kStatRequestLen>(sb::kStatRequest).with(sb::kStatIndex, index).data());
 }
 
-void Handover::configure_reports(std::uint32_t cells, std::uint32_t period_s) {
+void SouthboundClient::configure_reports(std::uint32_t cells, std::uint32_t period_s) {
   call(callbacks_.flow_count,
        Message<sb::kCountLen>(sb::kFlowCountConfig).with(sb::kCountCells, cells).with(sb::kCountPeriod, period_s).data());
 }
 
-void Handover::packets(bool start) {
+void SouthboundClient::packets(bool start) {
   call(start ? callbacks_.pkt_start : callbacks_.pkt_end, Message<sb::kHeaderLen>(start ? sb::kPktStart : sb::kPktEnd).data());
 }
 
-void Handover::controller(bool announce, std::uint32_t address) {
+void SouthboundClient::controller(bool announce, std::uint32_t address) {
   call(callbacks_.onc_info, Message<sb::kOncLen>(sb::kOncInfo)
                                 .with(sb::kOncCommand, static_cast<std::uint16_t>(announce ? 0 : 1))
                                 .with(sb::kOncAddress, address)

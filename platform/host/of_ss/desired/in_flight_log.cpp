@@ -1,4 +1,4 @@
-#include "host/of_ss/desired/ledger.h"
+#include "host/of_ss/desired/in_flight_log.h"
 
 #include <algorithm>
 
@@ -10,7 +10,7 @@ constexpr std::size_t kKeptRoom = 4096;
 
 }  // namespace
 
-void Ledger::expect(std::uint64_t index, const Origin &origin, Bytes request, bool same_request, std::int64_t now_ns) {
+void InFlightLog::expect(std::uint64_t index, const Origin &origin, Bytes request, bool same_request, std::int64_t now_ns) {
   if (!same_request) ++request_;
   const std::size_t kept = std::min(request.size(), sizeof Pending::request_head);
   Pending &pending = pending_.emplace_back();
@@ -23,17 +23,17 @@ void Ledger::expect(std::uint64_t index, const Origin &origin, Bytes request, bo
   if (kept) std::memcpy(pending.request_head, request.data(), kept);
 }
 
-void Ledger::barrier_sent(const BarrierTag &tag, const Origin &origin, std::int64_t now_ns) {
+void InFlightLog::barrier_sent(const BarrierTag &tag, const Origin &origin, std::int64_t now_ns) {
   barriers_.push_back({handed_, tag, origin, now_ns});
 }
 
-Pending *Ledger::find(std::uint64_t index) {
+Pending *InFlightLog::find(std::uint64_t index) {
   const auto at = std::lower_bound(pending_.begin() + static_cast<std::ptrdiff_t>(head_), pending_.end(), index,
                                    [](const Pending &pending, std::uint64_t i) { return pending.index < i; });
   return at != pending_.end() && at->index == index ? &*at : nullptr;
 }
 
-void Ledger::answer(Pending &pending) {
+void InFlightLog::answer(Pending &pending) {
   const auto mark = [&](auto at, auto end) {
     for (; at != end && at->request == pending.request; ++at) at->answered = true;
   };
@@ -42,7 +42,7 @@ void Ledger::answer(Pending &pending) {
   mark(std::make_reverse_iterator(here), std::make_reverse_iterator(pending_.begin() + static_cast<std::ptrdiff_t>(head_)));
 }
 
-void Ledger::shrink() {
+void InFlightLog::shrink() {
   if (head_ == pending_.size()) {
     pending_.clear();
     head_ = 0;

@@ -21,9 +21,9 @@ struct BarrierTag {
 };
 inline constexpr std::uint8_t kOwnBarrier = 255;
 
-class Handover {
+class SouthboundClient {
  public:
-  explicit Handover(const Callbacks &callbacks) : callbacks_(callbacks) {}
+  explicit SouthboundClient(const Callbacks &callbacks) : callbacks_(callbacks) {}
 
   // To be called once on the openflow thread: other threads may not call any more.
   void bind_to_thread() { thread_.bind(); }
