@@ -231,6 +231,7 @@ class DataPlane(e2e.Test):
     def test_without_a_right_the_start_says_which_one_is_missing(self):
         cases = (
             ({}, "-bpf,-sys_admin", "lacks CAP_BPF"),
+            ({}, "-net_raw", "lacks CAP_NET_RAW"),
             ({"ports": ""}, "-sys_boot", "1 to 256 ports"),
             ({}, "-sys_boot", "another process has it as a port"),
         )
