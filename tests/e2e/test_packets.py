@@ -17,8 +17,9 @@ from test_dataplane import checksum, frame, ipv4, udp
 TCP, UDP = 6, 17
 PAIRS = [(a, b) for a in range(3) for b in range(3) if a != b]
 
-ECHO_SERVER = """
-import socket, sys
+# Connections end at once, so that nothing of them comes again while the next test looks.
+END_AT_ONCE = "import socket, struct, sys; at_once = (socket.SOL_SOCKET, socket.SO_LINGER, struct.pack('ii', 1, 0))"
+ECHO_SERVER = END_AT_ONCE + """
 kind = {"tcp": socket.SOCK_STREAM, "udp": socket.SOCK_DGRAM}[sys.argv[1]]
 server = socket.socket(socket.AF_INET, kind)
 server.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
@@ -29,24 +30,28 @@ print(flush=True)
 while True:
     if kind == socket.SOCK_STREAM:
         peer, _ = server.accept()
-        while data := peer.recv(1 << 16):
-            peer.sendall(data)
+        peer.setsockopt(*at_once)
+        try:
+            while data := peer.recv(1 << 16):
+                peer.sendall(data)
+        except ConnectionResetError:
+            pass
         peer.close()
     else:
         server.sendto(*server.recvfrom(1 << 16))
 """
-ASK = """
-import socket, sys
+ASK = END_AT_ONCE + """
 kind = {"tcp": socket.SOCK_STREAM, "udp": socket.SOCK_DGRAM}[sys.argv[1]]
 client = socket.socket(socket.AF_INET, kind)
+client.setsockopt(*at_once)
 client.settimeout(30)
 client.connect((sys.argv[2], 7))
 client.send(b"hello")
 print(client.recv(99).decode())
 """
-PUSH = """
-import socket, sys
+PUSH = END_AT_ONCE + """
 client = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+client.setsockopt(*at_once)
 client.connect((sys.argv[1], 7))
 client.sendall(bytes(range(250)) * 400)
 client.shutdown(socket.SHUT_WR)
