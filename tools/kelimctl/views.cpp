@@ -267,15 +267,15 @@ std::string packets_text(const Json &data, const Look &look) {
          list_text(data.value("ports", Json::array()),
                    {{{"PORT", true}, "port", port_text},
                     {{"IN", true}, "in"},
-                    {{"LIMITED", true}, "in_limited"},
-                    {{"FULL", true}, "in_full"},
-                    {{"UNWANTED", true}, "in_unwanted"},
-                    {{"TOO LONG", true}, "in_too_long"},
+                    {{"IN LIMITED", true}, "in_limited"},
+                    {{"IN FULL", true}, "in_full"},
+                    {{"IN UNWANTED", true}, "in_unwanted"},
+                    {{"IN TOO LONG", true}, "in_too_long"},
                     {{"OUT", true}, "out"},
-                    {{"FULL", true}, "out_full"},
-                    {{"DOWN", true}, "out_down"},
-                    {{"REFUSED", true}, "out_refused"},
-                    {{"NOWHERE", true}, "out_nowhere"}},
+                    {{"OUT FULL", true}, "out_full"},
+                    {{"OUT DOWN", true}, "out_down"},
+                    {{"OUT REFUSED", true}, "out_refused"},
+                    {{"OUT NOWHERE", true}, "out_nowhere"}},
                    "The data plane has told of no port.", look);
 }
 
