@@ -7,10 +7,11 @@
 #include <vector>
 
 #include "programmer/linux/memory.h"
-#include "programmer/wire.h"
+#include "record_reader.h"
 
 namespace programmer::dataplane {
 
+using records::Bytes;
 using Frame = std::vector<std::uint8_t>;
 inline constexpr std::uint32_t kEthLen = DP_ETH_LEN;
 
