@@ -46,6 +46,10 @@ EventOwner Packets::watch(int fd) {
   return made;
 }
 
+Packets::~Packets() {
+  if (listener_.is_open()) ::unlink(path_.c_str());
+}
+
 // ---- the connection to the data plane
 
 void Packets::open(const std::string &run_dir) {

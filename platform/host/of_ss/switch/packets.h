@@ -34,6 +34,10 @@ class Packets {
   // `controllers` outlive it; `scratch` is in use during a call.
   Packets(event_base *base, Controllers &controllers, std::vector<std::byte> &scratch)
       : base_(base), controllers_(controllers), scratch_(scratch) {}
+  // Takes the socket away.
+  ~Packets();
+  Packets(const Packets &) = delete;
+  Packets &operator=(const Packets &) = delete;
 
   // Begins to listen. Before the openflow thread runs.
   void open(const std::string &run_dir);
