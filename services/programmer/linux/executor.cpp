@@ -158,9 +158,9 @@ bool Executor::through_table() {
     const __u64 current = std::atomic_ref(tables.control->current).load(std::memory_order_acquire);
     const std::uint32_t place =
         dp_search_all(&tables, tables.control, current, reinterpret_cast<const dp_word *>(&key), key.eth_type);
-    ++tally.looked_up;
+    dp_count_more(tally.looked_up, 1);
     if (place == 0) return ++nowhere_, true;
-    ++tally.matched;
+    dp_count_more(tally.matched, 1);
     flow = *dp_flow_at(&tables, place - 1);
     count(place - 1);
   }
@@ -171,13 +171,13 @@ bool Executor::through_table() {
 void Executor::count(std::uint32_t place) {
   const dp_tables &tables = plane_.tables;
   dp_count &cell = tables.counts[std::size_t{tables.rows - 1} * tables.places + place];
-  ++cell.packets;
-  cell.bytes += packet_.frame.size();
+  dp_count_more(cell.packets, 1);
+  dp_count_more(cell.bytes, packet_.frame.size());
 }
 
 bool Executor::follow(const dp_flow &flow) {
   if (!pass_meter(flow)) {
-    ++plane_.tally->metered;
+    dp_count_more(plane_.tally->metered, 1);
     return ++nowhere_, true;
   }
   if (!rewrite(packet_.frame, flow.actions)) return false;

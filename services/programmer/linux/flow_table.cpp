@@ -172,9 +172,9 @@ void FlowTable::end_grace() {
 Counters FlowTable::count(Place place) const {
   Counters sum;
   for (std::uint32_t row = 0; row < memory_.rows; ++row) {
-    dp_count &cell = memory_.counts[std::size_t{row} * memory_.places + place];
-    sum.packets += std::atomic_ref(cell.packets).load(std::memory_order_relaxed);
-    sum.bytes += std::atomic_ref(cell.bytes).load(std::memory_order_relaxed);
+    const dp_count &cell = memory_.counts[std::size_t{row} * memory_.places + place];
+    sum.packets += dp_counted(cell.packets);
+    sum.bytes += dp_counted(cell.bytes);
   }
   return {sum.packets - before_[place].packets, sum.bytes - before_[place].bytes};
 }

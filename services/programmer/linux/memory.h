@@ -2,6 +2,7 @@
 // classify.h and parse.h want in user space.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 
@@ -18,6 +19,14 @@ struct dp_tables {
   std::uint32_t rows;          // a processor each
   dp_cached *cache = nullptr;  // only of readers in user space: DP_CACHE_SETS * DP_CACHE_WAYS
 };
+
+// A counter that one thread, or one processor, writes while others read it.
+inline __u64 dp_counted(const __u64 &counter) {
+  return std::atomic_ref(const_cast<__u64 &>(counter)).load(std::memory_order_relaxed);
+}
+inline void dp_count_more(__u64 &counter, __u64 by) {
+  std::atomic_ref(counter).store(counter + by, std::memory_order_relaxed);
+}
 
 struct dp_packet {
   const std::uint8_t *bytes;

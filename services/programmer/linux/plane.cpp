@@ -157,11 +157,9 @@ Plane::~Plane() {
 dp_tally Plane::tally() const {
   dp_tally sum{};
   for (const dp_tally *tally = tallies_; tally != tallies_ + tables_.rows; ++tally) {
-    sum.looked_up += tally->looked_up;
-    sum.matched += tally->matched;
-    sum.metered += tally->metered;
-    sum.no_port += tally->no_port;
-    sum.not_rewritten += tally->not_rewritten;
+    for (__u64 dp_tally::*one :
+         {&dp_tally::looked_up, &dp_tally::matched, &dp_tally::metered, &dp_tally::no_port, &dp_tally::not_rewritten})
+      sum.*one += dp_counted(tally->*one);
   }
   return sum;
 }
