@@ -12,9 +12,9 @@ import e2e
 import learning
 import network
 import openflow
-from test_dataplane import checksum, frame, ipv4, udp
+from interfaces import UDP, OnInterfaces, checksum, frame, ipv4, udp
 
-TCP, UDP = 6, 17
+TCP = 6
 PAIRS = [(a, b) for a in range(3) for b in range(3) if a != b]
 
 # Connections end at once, so that nothing of them comes again while the next test looks.
@@ -72,14 +72,7 @@ def transport(packets, proto):
     return [p.frame for p in packets if p.frame[12:14] == b"\x08\x00" and p.frame[23] == proto]
 
 
-class Packets(e2e.Test):
-    @classmethod
-    def setUpClass(cls):
-        if lacking := network.missing():
-            raise unittest.SkipTest(f"programs cannot be put on interfaces: this process lacks {lacking}")
-        cls.network = network.Network(3)
-        cls.addClassCleanup(cls.network.close)
-
+class Packets(OnInterfaces):
     def setUp(self):
         self.hosts = self.network.hosts
         self.switch = self.daemon(**self.settings())
@@ -93,11 +86,6 @@ class Packets(e2e.Test):
 
     def port(self, number):
         return next((port for port in self.packets()["ports"] if port["port"] == number), {})
-
-    def add(self, *flows):
-        for flow in flows:
-            done = e2e.ofctl(self.switch.port, "add-flow", flow)
-            self.assertEqual((done.returncode, done.stderr), (0, ""), flow)
 
     def sockets(self):
         frames = [host.socket() for host in self.hosts]
