@@ -1,6 +1,7 @@
 """The data plane on interfaces of network namespaces: real packets, made byte by byte where it matters, between hosts."""
 
 import itertools
+import os
 import re
 import signal
 import struct
@@ -12,6 +13,8 @@ import e2e
 import daemon
 import network
 from interfaces import UDP, OnInterfaces, frame, ipv4, ipv6, udp
+
+NOBODY = 65534
 
 
 class DataPlane(OnInterfaces):
@@ -202,6 +205,18 @@ class DataPlane(OnInterfaces):
                 output, _ = process.communicate(timeout=e2e.LIMIT)
                 self.assertNotEqual(process.returncode, 0)
                 self.assertRegex(output, f"ssc_kelim: programmer.target linux is not possible here: .*{named}.*\n$")
+
+    def test_an_ordinary_user_needs_four_capabilities_and_no_more(self):
+        self.assertEqual(self.switch.stop(), 0)
+        four = "-all,+bpf,+net_admin,+net_raw,+perfmon"
+        self.switch = daemon.Daemon(e2e.BIN, **self.network.settings)
+        self.addCleanup(self.switch.__exit__)
+        os.chown(self.switch.run_dir, NOBODY, NOBODY)
+        self.switch.command_line = ["setpriv", f"--reuid={NOBODY}", f"--regid={NOBODY}", "--clear-groups", f"--inh-caps={four}",
+                                    f"--ambient-caps={four}", f"--bounding-set={four}", "--no-new-privs", *self.switch.command_line]
+        self.switch.__enter__()
+        self.connect()
+        self.assertEqual(self.one.ping(self.two, 3), 3)
 
 
 if __name__ == "__main__":

@@ -3,6 +3,7 @@
 import os
 import pathlib
 import re
+import shutil
 import subprocess
 import tempfile
 import unittest
@@ -44,6 +45,9 @@ class Installed(unittest.TestCase):
             self.assertEqual("@" in unit.stem, "Environment=KELIM_RUN_DIR=/run/kelim-%i KELIM_CONF=/etc/kelim/%i.toml\n" in text)
             unit.write_text(text.replace("=/opt/kelim/bin/", f"={self.prefix}/bin/"))
         self.assertEqual(len(self.units), 4)
+        for unit in self.units:
+            (drop_in := unit.with_name(unit.name + ".d")).mkdir()
+            shutil.copy(self.prefix / "share/doc/ssc-kelim/examples/linux-target.conf", drop_in)
         result = run("systemd-analyze", "verify", "--man=no", *self.units)
         complaints = [line for line in result.stderr.splitlines() if "kelim" in line]
         self.assertEqual((result.returncode, complaints), (0, []), result.stderr)
