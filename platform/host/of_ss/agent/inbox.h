@@ -1,7 +1,7 @@
-// The way of other threads to the openflow thread: southbound messages and work, each kept in order. Bounded.
+// Queue from other threads to the openflow thread: southbound messages and work, each in order. Bounded.
 //
-// put and post may be called from any thread, take and fd belong to the openflow thread. One system call wakes the thread for all
-// that is put before it looks.
+// put and post may be called from any thread; take and fd belong to the openflow thread. One system call wakes the thread for
+// everything that is put before it looks.
 #pragma once
 
 #include <cstdint>
@@ -20,7 +20,7 @@ class Inbox {
   Inbox(const Inbox &) = delete;
   Inbox &operator=(const Inbox &) = delete;
 
-  // Copies one southbound message, whatever length its header tells. False when the inbox is full.
+  // Copies one southbound message; the length in its header does not matter. False when the inbox is full.
   bool put(Bytes message);
   // Has `work` run by run(). Not bounded: callers post a few pieces of work at a time.
   void post(std::function<void()> work);
@@ -32,7 +32,7 @@ class Inbox {
 
   // Readable when there is something to take.
   int fd() const { return fd_; }
-  // Everything so far, good until the next take.
+  // Everything put so far; valid until the next take.
   struct Taken {
     Bytes framed;
     std::vector<std::function<void()>> work;

@@ -21,9 +21,9 @@ class Turns {
   bool may_take(Connection &connection, Bytes message);
   // Goes on with the connections that wait, each with its share, beginning with the one that was next when the pace was used up.
   void resume_waiting();
-  // What held up others is over: they have their turn in the next turn of the loop.
+  // To be called when what held up the others is over: they continue in the next turn of the loop.
   void ask_for_next() { next_is_due_ = true; }
-  // Whether some connection waits for nothing but the next turn of the loop. Asked once a turn, at its end.
+  // True when a connection waits for nothing but the next turn of the loop; resets it. Called once, at the end of each turn.
   bool take_next_is_due() { return std::exchange(next_is_due_, false); }
 
  private:
@@ -35,7 +35,7 @@ class Turns {
   std::uint32_t share_ = kShareMax;
   bool next_is_due_ = false;
 
-  // What all connections that wait may have taken in one turn of the loop, each at most and at least so much of it.
+  // Messages per turn of the loop: of all waiting connections together, and the most and the least of one of them.
   static constexpr std::uint32_t kMessages = 1024, kShareMax = 256, kShareMin = 8;
 };
 

@@ -1,6 +1,5 @@
-// Groups of flows that are alike in what requests ask for together: table, which bits they match on, output, meter, and whether
-// they have a timeout. There are few of them however many flows there are, so that a request for the flows that a match covers,
-// for a port's, a meter's or the timed ones looks at the groups instead of at every flow. Openflow thread only.
+// Groups of flows with the same table, match bits, output, meter and presence of a timeout. The groups stay few when the flows
+// are many, so a request by match, port, meter or timeout looks at groups instead of at every flow. Openflow thread only.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +11,7 @@
 
 namespace host::of_ss {
 
-// Values under numbers that are used again, found by what they are. `T` has a `hash`.
+// Numbers distinct values and finds the number of a value. Numbers of removed values are reused. `T` has a `hash`.
 template <typename T>
 class Registry {
  public:

@@ -130,7 +130,7 @@ class FlowTable {
   FlowEntry *at(std::uint32_t slot) const { return slot == kNoSlot ? nullptr : slots_[slot].get(); }
   // Walks all entries: begins at cursor 0, null at the end. Entries may come and go meanwhile; each that stays is visited once.
   FlowEntry *next(std::uint32_t &cursor) const;
-  // Calls `visit` with entries in force, among them all that are wanted; it looks at each itself, and does not change the table.
+  // Calls `visit` with entries in force, among them all that are wanted; it filters them itself, and must not change the table.
   template <typename Visit>
   void each_candidate(const Wanted &wanted, Visit &&visit) const {
     for (const Chain &chain : candidates(wanted))
@@ -140,12 +140,12 @@ class FlowTable {
   bool overlaps(Bytes flow_mod) const;
 
   std::size_t size() const { return by_index_.size(); }
-  // Of these, the ones that are not decided.
+  // Those of them that are not decided.
   std::size_t sent() const { return sent_; }
-  // Flows, each counted once whatever forms of it there are.
+  // Number of flows; several forms of one flow count once.
   std::size_t flows() const { return by_key_.size(); }
   std::size_t flows_of(std::uint8_t table_id) const { return flows_of_[table_id]; }
-  // The greatest index given so far; 0 for none.
+  // The highest index assigned so far; 0 when there is none.
   std::uint64_t newest_index() const { return next_index_ - 1; }
   void reserve_index_above(std::uint64_t index) { next_index_ = index < next_index_ ? next_index_ : index + 1; }
 
@@ -169,7 +169,7 @@ class FlowTable {
   };
   static Key key_of(Bytes flow_mod);
 
-  // Whether `visit` has given true for an entry of the list, at which it ends.
+  // Visits the list until `visit` returns true; whether it did.
   template <typename Visit>
   bool any_in(const Chain &chain, Visit &&visit) const {
     for (FlowEntry *entry = at(chain.first); entry; entry = at((entry->*chain.list).next))

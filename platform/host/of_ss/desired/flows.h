@@ -53,8 +53,8 @@ class FlowEvents {
   virtual void flow_changed(const FlowEntry &flow, const FlowChange &change) = 0;
   // Generation 0: a barrier of the flows' own, with the number that fence gave.
   virtual void barrier_answered(const Origin &origin) = 0;
-  // No barrier has told of these adds within the time there is. Flows::overdue_checked is to be told which of them are installed
-  // for all that is known elsewhere; the others are then given up.
+  // These adds have passed their deadline without a barrier reply. Flows::overdue_checked is to be called with those that the
+  // database shows as installed; the others are then given up.
   virtual void overdue(std::vector<std::uint64_t> indexes) = 0;
 
  protected:

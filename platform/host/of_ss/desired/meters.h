@@ -40,8 +40,8 @@ class Meters {
 
   // Carries out a meter-mod; the deletion of a meter takes the flows that use it along.
   Verdict apply(Bytes request, const Origin &origin, std::int64_t now);
-  // A failure reply of the daemon. The request that failed and the error for it, when there is still somebody to tell. A failed
-  // change puts the meter back to what it was; any other failure takes it away with the flows that use it.
+  // Takes a failure reply of the daemon; returns the failed request and its error when its controller can still be told. A failed
+  // change restores the meter; any other failure removes it with the flows that use it.
   struct Failure {
     Origin origin;
     const Error *error;
@@ -54,7 +54,7 @@ class Meters {
   void delete_stray(std::uint32_t id);
   // A meter of an earlier life, as it is stored.
   bool restore(Bytes message, std::int64_t now);
-  // Forgets every meter without a word to the daemon.
+  // Forgets every meter without telling the daemon.
   void forget() { meters_.clear(); }
 
   bool knows(std::uint32_t id) const { return meters_.contains(id); }

@@ -1,5 +1,5 @@
-// Slot numbers in a hash table: open addressing with linear probing, no tombstones. It grows step by step, so that no insert
-// takes long however many there are. Not thread-safe.
+// A hash table of slot numbers: open addressing with linear probing, no tombstones. It grows incrementally, so no insert takes
+// long, whatever the size. Not thread-safe.
 #pragma once
 
 #include <algorithm>
@@ -14,7 +14,7 @@ namespace host::of_ss {
 
 inline constexpr std::uint32_t kNoSlot = ~std::uint32_t{0};
 
-// `Hash` in the following gives the hash of what is in a slot.
+// In what follows, `Hash` computes the hash of the entry in a slot.
 class SlotIndex {
  public:
   // The slot with this hash for which `match` holds; kNoSlot when there is none.
@@ -96,7 +96,7 @@ class SlotIndex {
     std::size_t size_ = 0;
   };
 
-  // Of the two tables the one that the slot stands in.
+  // The one of the two tables that holds the slot.
   Cells &holder(std::uint32_t slot, std::uint32_t hash) {
     const auto same = [slot](std::uint32_t other) { return other == slot; };
     return before_.size() == 0 || now_.find(hash, same) == slot ? now_ : before_;
@@ -117,7 +117,7 @@ class SlotIndex {
     }
   }
 
-  static constexpr int kMovedAtOnce = 4;  // places that are looked at for each insert
+  static constexpr int kMovedAtOnce = 4;  // places examined per insert
   Cells now_, before_;
   std::size_t count_ = 0;
 };

@@ -25,9 +25,9 @@ class SouthboundClient {
  public:
   explicit SouthboundClient(const Callbacks &callbacks) : callbacks_(callbacks) {}
 
-  // To be called once on the openflow thread: other threads may not call any more.
+  // Called once on the openflow thread; from then on no other thread may use this object.
   void bind_to_thread() { thread_.bind(); }
-  // Calls so far.
+  // Number of calls so far.
   std::uint64_t calls() const { return calls_; }
 
   void add(FlowEntry &flow) { call(callbacks_.flow_mod, flow.message()); }

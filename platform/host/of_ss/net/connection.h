@@ -30,15 +30,15 @@ class ConnectionEvents {
   virtual void message(Connection &connection, Bytes message) = 0;
   // Messages may follow, until batch_done.
   virtual void batch_begins(Connection &connection) = 0;
-  // Whether this message would be taken now. After a no, Connection::resume says when to ask again.
+  // Whether this message would be taken now. After false, Connection::resume makes it ask again.
   virtual bool may_take(Connection &connection, Bytes message) = 0;
   // All messages that are there, or may be taken, have been handed on.
   virtual void batch_done(Connection &connection) = 0;
-  // What was sent has mostly been read by the peer; more may be sent.
+  // The peer has read most of the output; more may be sent.
   virtual void drained(Connection &connection) = 0;
   // The connection has ended. It calls nobody any more and is the owner's to destroy, later: it may be on the stack.
   virtual void gone(Connection &connection) = 0;
-  // The connections together hold so much unsent that one has to end. Called from inside of send.
+  // All connections together hold too much unsent output; one has to end. Called from inside send.
   virtual void overfull() = 0;
 
  protected:
@@ -108,12 +108,12 @@ class Connection {
   bool is_up() const { return phase_ == Phase::up; }
   bool is_waiting() const { return waiting_; }
   bool is_gone() const { return phase_ == Phase::gone; }
-  // Not up yet or not any more, or nobody who has said anything but HELLO and ECHO: may be ended to make room for another.
+  // True while the peer is not connected, or has sent nothing but HELLO and ECHO: it may be ended to make room for another.
   bool is_expendable() const { return phase_ != Phase::up || !has_spoken_; }
   const std::string &why_closed() const { return why_; }
   std::int64_t since_ns() const { return since_ns_; }
   const Traffic &traffic() const { return traffic_; }
-  // Whether so much is unread by the peer that it should not be served more.
+  // True while the peer has so much unread output that it should not be served more.
   bool is_backed_up() const;
   std::size_t unsent() const;
   evutil_socket_t fd() const { return bufferevent_getfd(bev_.get()); }
@@ -153,7 +153,7 @@ class Connection {
   std::size_t scanned_ = 0;  // bytes at the front of the input whose echo requests are answered
   std::size_t scanned_messages_ = 0;
   std::int64_t since_ns_, heard_ns_, closing_ns_ = 0;
-  std::optional<std::int64_t> probed_ns_;  // when the echo request went out that nothing has been heard after
+  std::optional<std::int64_t> probed_ns_;  // when the echo request was sent that nothing has answered yet
   Traffic traffic_;
   std::string why_;
   std::unique_ptr<Session> session_;

@@ -26,8 +26,8 @@ struct EndpointSettings {
   tls::Context tls;
 };
 
-// The endpoints of `fresh` whose connections may stay. Of one that is unusable for lack of authorities none stays: peers would go
-// on unchecked.
+// The endpoints of `fresh` whose connections may stay. Those of an endpoint that is unusable for lack of authorities may not:
+// their peers would stay unchecked.
 std::vector<std::string> endpoints_that_stay(const EndpointSettings &fresh);
 
 class EndpointSet {

@@ -250,7 +250,7 @@ Verdict meter_features(Switch &sw, Connection &connection, Bytes request) {
   std::uint32_t bands = 0;
   for (const Named &band : kMeterBands) bands |= 1u << band.number;
   out.u32(bands);
-  out.u32(all_bits(kMeterFlags) & ~kMeterStats);  // whoever wishes for statistics is not refused, and gets none
+  out.u32(all_bits(kMeterFlags) & ~kMeterStats);  // a request for statistics is accepted, but none are kept
   out.u8(kMaxBands);
   out.u8(0);
   out.zeros(2);

@@ -27,13 +27,13 @@ class Audit {
   // `agent` outlives the audit.
   Audit(qx_global *global, Agent &agent, const Options &options);
 
-  // Has a look taken now, as fast as the loop allows; one that is under way is hastened. view() tells when it is at its end.
+  // Starts a comparison now and runs it as fast as the loop allows; speeds up one that is running. view() shows when it ends.
   void ask();
-  // The rest of the look, or a whole one, before it returns; for tests. Whether it and the one before were undisturbed, so that
-  // differences() is the truth.
+  // For tests: finishes the running comparison, or runs a whole one, before it returns. True when it and the one before were
+  // undisturbed, so that differences() can be relied on.
   bool look();
   const std::vector<Difference> &differences() const { return confirmed_; }
-  // What is known, in full and in short.
+  // The latest findings, in full and as a summary.
   nlohmann::json view() const;
   nlohmann::json summary() const;
   struct Counts {
@@ -51,7 +51,7 @@ class Audit {
   const Options options_;
   std::unique_ptr<Look> look_;                // under way
   bool hurried_ = false;                      // somebody waits for it, or for its beginning
-  std::chrono::nanoseconds cost_{0};          // processor time of the look so far
+  std::chrono::nanoseconds cost_{0};          // processor time spent on it so far
   bool undisturbed_ = false;                  // the last look was
   bool settled_ = false;                      // and so was the one before
   std::vector<Difference> last_, confirmed_;  // ascending

@@ -45,7 +45,7 @@ class Look {
   Result step();
   // Behind an undisturbed look: the differences, ascending.
   std::vector<Difference> &found() { return found_; }
-  // In percent.
+  // Progress in percent.
   unsigned progress() const;
 
  private:
@@ -77,7 +77,7 @@ class Look {
   std::size_t flows_ = 0, noted_ = 0;  // asked for at the beginning; of all sides so far
   mom::Store::Walk walk_;
   std::uint32_t cursor_ = 0;  // of the agent's table
-  // By the low bits of the index, so that what is compared at a time is small.
+  // Bucketed by the low bits of the index, so that each comparison step is small.
   std::array<std::vector<Sight>, 256> sights_;
   std::size_t bucket_ = 0;
   std::vector<std::uint64_t> candidates_;  // indexes; those before `checked_` have been read again

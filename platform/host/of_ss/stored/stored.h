@@ -1,5 +1,5 @@
-// What the object database holds of the agent's: the southbound messages in the flow and meter records, which an earlier life of
-// the daemon left, answers to flows, and addresses of controllers. Loop's thread.
+// Reads what the agent has in the object database: the southbound messages in flow and meter records, which outlive the daemon,
+// the answers to flows, and the addresses of controllers. Loop's thread.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,7 @@
 
 namespace host::of_ss {
 
-// A service-chain flow of which database 4 holds what the application is asked for, or told.
+// A service-chain flow for which database 4 holds the request to the application or its answer.
 struct Translation {
   std::uint32_t type;
   std::uint64_t index;
@@ -19,7 +19,7 @@ struct Translation {
 // Also withdraws the translations that were never answered: their flows have gone. 0, or the code of the call that failed.
 int read_stored(qx_global *global, StoredState &out);
 
-// Of these flows those whose stored status says that they are installed, in the same order.
+// Those of the given flows whose stored status is "installed", in the same order.
 std::vector<std::uint64_t> installed_flows(qx_global *global, const std::vector<std::uint64_t> &indexes);
 
 // 0, or the code of the call that failed.

@@ -31,10 +31,10 @@ class Pace {
 
   // ---- openflow thread
 
-  // Whether another call may be handed over after `calls` in all. After a no, `wake` follows. `spare` is for who has handed over
-  // little lately: a few more calls than the bound, so that a busy neighbour does not hold it up.
+  // Whether another call may be handed over after `calls` so far. After false, `wake` is called later. `spare` allows a few calls
+  // beyond the bound, for a connection that has handed over little lately: a busy neighbour must not hold it up.
   bool open(std::uint64_t calls, bool spare);
-  // Changes with each permission to go on.
+  // Changes whenever the agent may continue.
   std::uint64_t granted() const { return granted_.load(std::memory_order_relaxed); }
   // The end of a turn of the agent's loop: so many calls in all were handed over, up to this index of a flow.
   void turn_ended(std::uint64_t calls, std::uint64_t newest);

@@ -45,7 +45,7 @@ std::string actions_text(Bytes flow_mod);
 // them.
 std::string wire_actions_text(Bytes instructions);
 
-// What there is in OpenFlow and whether the switch carries it out.
+// All kinds that OpenFlow has, and whether the switch supports each.
 struct Capability {
   std::uint16_t type;
   const char *name;

@@ -16,7 +16,7 @@ namespace host::of_ss {
 // The experimenter whose match field asks for an application type: field 1, 4 bytes, no mask.
 inline constexpr std::uint32_t kKelimExperimenter = 0x004b454c;
 
-// What has to be in the match before a field may be.
+// What a match must contain before the field may appear (7.2.3.6).
 enum class Needs : std::uint8_t { nothing, vlan, ip, ipv4, ipv6, tcp, udp, icmpv4, icmpv6 };
 
 // Which values a field takes.
@@ -77,7 +77,7 @@ Verdict decode_match(Bytes from, WireMatch &match);
 
 // Whether the match fixes what `needs` asks for.
 bool satisfies(const WireMatch &match, Needs needs);
-// The same for people; "" for nothing.
+// The same as text; "" when nothing is needed.
 const char *needs_text(Needs needs);
 
 // Writes the southbound slots of `match` to `out`, which has room for kMaxSouthboundMatch, and the application type of table 1
@@ -105,7 +105,7 @@ bool is_for_service_chain(Bytes slots);
 // Whether `general` matches every packet that `specific` matches.
 bool match_covers(Bytes general, Bytes specific);
 
-// Whether some packet matches both.
+// Whether a packet can match both.
 bool matches_overlap(Bytes a, Bytes b);
 
 // Which bits a match fixes: the match with every value zero. Of two shapes the one that fixes fewer bits covers the other.
