@@ -112,8 +112,8 @@ TEST_F(PacketPath, APacketOfAControllerIsHandedToTheDataPlaneOrRefused) {
   DataPlane plane(global);
   ASSERT_TRUE(plane.until([&] { return plane.wanted == 1; }));
   EXPECT_TRUE(plane.until([&] { return packets().at("data_plane") == true; }));
-  for (const char *refused : {"0000 0010 fffffffa ffff 000000000000", "0000 0010 fffffffe ffff 000000000000"})
-    EXPECT_EQ(error_of(c.ask(packet_out(refused))), "2/4");
+  for (const std::string number : {"fffffffa", "fffffffe", "00000009"})  // NORMAL, LOCAL, and none of ours
+    EXPECT_EQ(error_of(c.ask(packet_out("0000 0010 " + number + " ffff 000000000000"))), "2/4");
   EXPECT_EQ(error_of(c.ask(packet_out(output, Message(13)))), "1/6");
   c.send(packet_out(field + output));
   ASSERT_TRUE(plane.until([&] { return !plane.out.empty(); }));

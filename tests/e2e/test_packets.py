@@ -207,19 +207,6 @@ class Packets(OnInterfaces):
         self.await_that(lambda: self.port(1).get("in") == 2 and self.port(None)["out_nowhere"] == 2, "the counts of the ports")
         self.assertEqual(self.port(None)["out_refused"], 2)
 
-    def test_what_cannot_be_done_with_a_packet_is_refused(self):
-        client = self.client(self.switch)
-        packet = frame(ipv4(udp(53)))
-        cases = (  # request, error
-            (openflow.packet_out(packet, openflow.output(openflow.NORMAL)), (2, 4)),
-            (openflow.packet_out(packet, openflow.output(openflow.LOCAL)), (2, 4)),
-            (openflow.packet_out(packet, openflow.output(9)), (2, 4)),
-            (openflow.packet_out(packet[:13], openflow.output(1)), (1, 6)),
-        )
-        for request, error in cases:
-            client.send(openflow.PACKET_OUT, request)
-            self.assertEqual(openflow.error_of(client.receive())[:2], error)
-
     def test_a_client_that_nobody_here_wrote_sends_and_sees_packets(self):
         here, there, _ = self.sockets()
         packet = frame(ipv4(udp(53)))

@@ -7,7 +7,7 @@
 #include <iterator>
 
 #include "programmer/linux/meter.h"
-#include "southbound.h"
+#include "southbound_view.h"
 
 namespace programmer::dataplane {
 namespace {
@@ -51,13 +51,11 @@ constexpr FieldRow kFields[] = {
     {8, 1, [](const std::uint8_t *v, dp_actions &to) { to.sets = DP_SET_DSCP, to.dscp = *v & 0x3f; }},
 };
 
-}  // namespace
+std::uint32_t word_of(sb::bytes action) {
+  return sb::read<std::uint32_t>(action, sb::kActionBody);
+}
 
-struct Executor::Action {
-  std::uint16_t type = 0;
-  Bytes bytes;
-  std::uint32_t word() const { return sb::get<std::uint32_t>(bytes.data(), sb::kActionBody); }
-};
+}  // namespace
 
 const Executor::Row *Executor::row_of(std::uint16_t type) {
   static constexpr Row kRows[] = {
@@ -66,50 +64,44 @@ const Executor::Row *Executor::row_of(std::uint16_t type) {
   return row == std::end(kRows) ? nullptr : row;
 }
 
-// False at the end, or where the bytes are no action.
-bool Executor::next(Bytes &list, Action &action) const {
-  if (list.size() < sb::kActionValue) return false;
-  const auto length = sb::get<std::uint16_t>(list.data(), sb::kActionLen);
-  const std::size_t step = sb::action_step(length);
-  if (length < sb::kActionValue || step > list.size()) return false;
-  action = {sb::get<std::uint16_t>(list.data(), sb::kActionType), list.first(step)};
-  list = list.subspan(step);
-  return true;
-}
-
 // An action that cannot be carried out ends the packet.
 void Executor::run(const ss_pkt_out &packet) {
   const auto *frame = static_cast<const std::uint8_t *>(packet.frame);
   packet_.frame.assign(frame, frame + packet.frame_len);
   packet_.in_port = packet.in_port;
   packet_.queue = 0;
-  Bytes list(static_cast<const std::uint8_t *>(packet.actions), packet.actions_len);
+  const sb::bytes list(static_cast<const std::byte *>(packet.actions), packet.actions_len);
   if (list.empty()) ++nowhere_;
-  for (Action action; next(list, action);) {
-    const Row *row = row_of(action.type);
-    if (row != nullptr && (this->*row->carry)(action)) continue;
+  for (sb::action_walk actions(list); actions.more(); actions.next()) {
+    if (carry_out(actions)) continue;
     ++refused_;
     return;
   }
 }
 
+bool Executor::carry_out(const southbound::action_walk &actions) {
+  if (!actions.whole() || actions.word() >> 16 < sb::kActionValue) return false;
+  const Row *row = row_of(static_cast<std::uint16_t>(actions.word()));
+  return row != nullptr && (this->*row->carry)(actions.entry());
+}
+
 // ---- actions
 
-bool Executor::set_queue(const Action &action) {
-  packet_.queue = action.word();
+bool Executor::set_queue(southbound::bytes action) {
+  packet_.queue = word_of(action);
   return true;
 }
 
-bool Executor::set_field(const Action &action) {
-  const auto *row = std::ranges::find(kFields, action.word() >> 9 & 0x7f, &FieldRow::number);
-  if (row == std::end(kFields) || action.bytes.size() < sb::kActionValue + row->width) return false;
+bool Executor::set_field(southbound::bytes action) {
+  const auto *row = std::ranges::find(kFields, word_of(action) >> 9 & 0x7f, &FieldRow::number);
+  if (row == std::end(kFields) || action.size() < sb::kActionValue + row->width) return false;
   dp_actions set{};
-  row->read(&action.bytes[sb::kActionValue], set);
+  row->read(reinterpret_cast<const std::uint8_t *>(action.data() + sb::kActionValue), set);
   return rewrite(packet_.frame, set);
 }
 
-bool Executor::output(const Action &action) {
-  return output(action.word());
+bool Executor::output(southbound::bytes action) {
+  return output(word_of(action));
 }
 
 bool Executor::output(std::uint32_t number) {

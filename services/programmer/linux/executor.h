@@ -9,6 +9,7 @@
 #include "programmer/linux/frame.h"
 #include "programmer/linux/grace.h"
 #include "programmer/linux/sender.h"
+#include "southbound_view.h"
 
 namespace programmer::dataplane {
 
@@ -39,18 +40,17 @@ class Executor {
     std::uint32_t in_port = 0;
     std::uint32_t queue = 0;
   };
-  struct Action;
-  using Carry = bool (Executor::*)(const Action &action);
+  using Carry = bool (Executor::*)(southbound::bytes action);
   struct Row {
     std::uint16_t type;
     Carry carry;
   };
   static const Row *row_of(std::uint16_t type);
-  bool next(Bytes &list, Action &action) const;
+  bool carry_out(const southbound::action_walk &actions);
 
-  bool output(const Action &action);
-  bool set_queue(const Action &action);
-  bool set_field(const Action &action);
+  bool output(southbound::bytes action);
+  bool set_queue(southbound::bytes action);
+  bool set_field(southbound::bytes action);
 
   bool output(std::uint32_t number);
   bool to_port(std::uint32_t number, bool also_back);
