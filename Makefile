@@ -84,7 +84,7 @@ check-deb: ## tries these packages in a bare Debian 12: install, run, upgrade, r
 	@tools/make/check-deb
 
 .PHONY: arm64
-arm64: ## builds for 64-bit ARM into build/arm64 and runs the unit and component tests under QEMU
+arm64: ## builds for 64-bit ARM into build/arm64 and runs all tests but e2e under QEMU
 	$(call packages,arm64)
 	@tools/make/arm64-sysroot
 	@echo "Building for 64-bit ARM; then its tests, under QEMU"

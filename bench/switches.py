@@ -9,7 +9,7 @@ import sys
 import tempfile
 from pathlib import Path
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "tools" / "demo"))
+sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "tests" / "support"))
 import daemon  # noqa: E402
 
 ROOM = 4_000_000  # flows that every part of ours takes

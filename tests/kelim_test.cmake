@@ -22,6 +22,6 @@ endfunction()
 # tests/conformance/process.h declares.
 function(kelim_store_conformance name)
   cmake_parse_arguments(arg "" "" "SOURCES;LIBS" ${ARGN})
-  kelim_test(${name} SOURCES ${CMAKE_SOURCE_DIR}/tests/conformance/store_test.cpp ${arg_SOURCES} LIBS ${arg_LIBS} LABELS component)
+  kelim_test(${name} SOURCES ${CMAKE_SOURCE_DIR}/tests/conformance/store_test.cpp ${arg_SOURCES} LIBS ${arg_LIBS} LABELS conformance)
   target_link_libraries(${name} PRIVATE kelim_contract kelim_records)
 endfunction()

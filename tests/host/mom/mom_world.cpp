@@ -1,0 +1,66 @@
+#include "host/mom/mom_world.h"
+
+#include "host/base/clock.h"
+#include "host/config/config.h"
+#include "host/fault/fault.h"
+
+namespace mom_test {
+
+HostProcess::HostProcess(const std::string &store, const Settings &settings) {
+  if (store == "Redis") server_.emplace();
+  host::config_reset();
+  Settings all = {{"run_dir", dir_.path()},     {"log.target", "file"},           {"log.file", dir_ / "log"},
+                  {"control.enabled", "false"}, {"programmer.embedded", "false"}, {"mom.url", store}};
+  if (server_) all.back().second = server_->url();
+  if (store == "Embedded") all.back().second = "embedded:";
+  all.insert(all.end(), settings.begin(), settings.end());
+  for (const auto &[key, value] : all) EXPECT_EQ(host::config_set(key, value), "");
+  global_ = qx_global_init("mom_test", nullptr);
+}
+
+HostProcess::~HostProcess() {
+  host::fault::clear();
+  host::clock::resume();
+  qx_global_finish(global_);
+  host::config_reset();
+}
+
+// Of the embedded store; elsewhere time passes by itself.
+void HostProcess::pass(std::chrono::milliseconds ms) {
+  if (!server_) host::clock::warp(ms);
+}
+
+void HostProcess::put_raw(int32_t db, const std::string &key, const std::string &bytes) {
+  if (!server_) {
+    ASSERT_TRUE(mom::testing::put_raw(db, key, {reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size()}));
+    return;
+  }
+  const std::string type = key.substr(0, key.find(':')), member = key.substr(type.size() + 1);
+  server_->command({"PUBLISH", std::to_string(db) + ":" + type, notification('W', member, bytes)});
+}
+
+bool HostProcess::cut_connections(int32_t db) {
+  for (int32_t type : {0, 3, 2}) {
+    if (!server_) mom::testing::provoke_reconnect(db, type);
+  }
+  for (const char *type : {"normal", "pubsub"}) {
+    if (server_) server_->command({"CLIENT", "KILL", "TYPE", type});
+  }
+  return true;
+}
+
+std::vector<std::string> stores() {
+  return {"Embedded", "Redis"};
+}
+
+std::unique_ptr<Process> start_process(const std::string &store, unsigned topic_limit) {
+  Settings settings;
+  if (topic_limit != 0) settings = {{"mom.high_water_writes", std::to_string(topic_limit)}, {"mom.sync_timeout_ms", "60000"}};
+  return std::make_unique<HostProcess>(store, settings);
+}
+
+bool run_until(const std::function<bool()> &condition) {
+  return host::run_until(condition, kPatience);
+}
+
+}  // namespace mom_test

@@ -1,0 +1,176 @@
+// What an operator sees of the database: the views over the control socket.
+#include <future>
+#include <nlohmann/json.hpp>
+
+#include "host/control/client.h"
+#include "host/mom/hub.h"
+#include "host/mom/mom_world.h"
+#include "host/mom/views.h"
+#include "libcgstctrl.h"
+
+namespace mom_test {
+namespace {
+
+using Json = nlohmann::json;
+
+class MomViews : public testing::Test {
+ protected:
+  void SetUp() override { world.connect_all(); }
+
+  // Asks as kelimctl does, from another thread; gives "data", or the error's text.
+  Json view(const std::string &name, const Json &args) {
+    auto answer = std::async(std::launch::async, [&] {
+      std::string line;
+      host::control::Client client;
+      EXPECT_EQ(client.connect(host::control::socket_path(world.run_dir(), "mom_test")), "");
+      EXPECT_EQ(client.request(Json{{"call", "view"}, {"name", name}, {"args", args}}.dump(), &line), "");
+      return line;
+    });
+    EXPECT_TRUE(run_until([&] { return answer.wait_for(0s) == std::future_status::ready; }));
+    const Json reply = Json::parse(answer.get());
+    return reply.at("status") == 0 ? reply.at("data") : reply.at("error");
+  }
+
+  World world{"Embedded", {{"control.enabled", "true"}}};
+};
+
+TEST_F(MomViews, RecordsAreShownAsPeopleWriteThem) {
+  uint8_t mac[] = {0x00, 0x1b, 0x21, 0x0a, 0x0b, 0xff};
+  uint8_t ipv6[16] = {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+  uint8_t data[] = {0xde, 0xad};
+  PLibpub__Mac dst_mac = P_LIBPUB__MAC__INIT;
+  PLibpub__Ipv4 ip = P_LIBPUB__IPV4__INIT;
+  PLibpub__Ipv6 source = P_LIBPUB__IPV6__INIT;
+  dst_mac.data = {sizeof mac, mac};
+  ip.data = 0xc0a80107;
+  source.data = {sizeof ipv6, ipv6};
+  SPolicyKelim__FlowField field = S_POLICY_KELIM__FLOW_FIELD__INIT;
+  field.flow_field_bitmap = 1u << 3 | 1u << 11 | uint64_t{1} << 40;
+  field.dst_mac = &dst_mac;
+  field.dst_ipv4 = &ip;
+  field.ipv6_src = &source;
+  field.cos = -1;
+  char app_type[] = "sdn_app";
+  SPolicyKelim__FlowAce ace = S_POLICY_KELIM__FLOW_ACE__INIT, *aces[] = {&ace};
+  ace.sn = UINT64_MAX;
+  ace.acl_app_type = app_type;
+  Flow flow(17);
+  flow.record.status = S_POLICY_KELIM__STATUS_E__STATUS_RESOURCE;
+  flow.record.flow_field = &field;
+  flow.record.flow_data = {sizeof data, data};
+  flow.record.n_ace = 1;
+  flow.record.ace = aces;
+  ASSERT_EQ(world.set(flow), 0);
+  ASSERT_EQ(world.set(OncIp(0x0100000a)), 0);
+
+  EXPECT_EQ(view("mom", {{"op", "get"}, {"key", "s_policy_kelim.flow:17:0"}}),
+            Json::parse(R"({"total": 1, "skipped": 0, "objects": [
+    {"db": 8, "key": "s_policy_kelim.flow:17:0", "record": {
+      "index": {"flow_index": 17, "vsd_id": 0},
+      "status": "STATUS_RESOURCE",
+      "mac_loopback_phyid": 0,
+      "flow_data": "dead",
+      "flow_field": {"flow_field_bitmap": ["OXM_SS_OF_ETH_DST", "OXM_SS_OF_IPV4_DST", "bit 40"], "dst_mac": "00:1b:21:0a:0b:ff",
+                     "dst_ipv4": "192.168.1.7", "ipv6_src": "2001:db8::1", "cos": -1},
+      "flow_action": null,
+      "ace": [{"sn": 18446744073709551615, "acl_app_type": "sdn_app"}],
+      "req_uuid": 0}}]})"));
+  const Json scan = view("mom", {{"op", "scan"}, {"type", "s_policy_kelim.onc_ip"}});
+  EXPECT_EQ(scan.at("objects")[0].at("key"), "s_policy_kelim.onc_ip:0:16777226");
+  EXPECT_EQ(scan.at("objects")[0].at("record").at("index").at("ip"), "10.0.0.1");
+}
+
+TEST_F(MomViews, CountsAndRefusesClearly) {
+  world.watch<0>(Flow::kType);
+  ASSERT_EQ(libcgstctrl_gen_init(world.global(), 8, "test"), 0);
+  ASSERT_EQ(libcgstctrl_gen_topic_reg(world.global(), 8, "test", &Flow::kType), 0);
+  world.fill(3);
+  world.settle();
+  Json topic = view("congestion", Json::object()).at("topics");
+  topic[0].erase("bytes");
+  topic[0].erase("high_water_bytes");
+  EXPECT_EQ(topic, Json::parse(R"([{"type": "s_policy_kelim.flow", "db": 8, "writes": 0, "high_water_writes": 3, "total": 3,
+                                    "refused": 0}])"));
+  for (const char *bytes : {"\xff", "", "\x2a\x05\x08"}) world.put_raw(8, "s_policy_kelim.flow:9:0", bytes);
+  EXPECT_EQ(trace(world.scan(Flow(0))), "1:1 1:2 1:3");
+  world.run("get flow:9 gives -1");
+  world.settle();
+  EXPECT_EQ(trace(recorders[0].seen), "1:1 1:2 1:3") << "nobody is told of a value that is none";
+  const Json listed = view("mom", {{"op", "ls"}, {"type", "s_policy_kelim.flow"}, {"limit", 2}});
+  EXPECT_EQ(listed, Json::parse(R"({"total": 4, "objects": [{"db": 8, "key": "s_policy_kelim.flow:1:0"},
+                                                            {"db": 8, "key": "s_policy_kelim.flow:2:0"}]})"));
+  const Json broken = view("mom", {{"op", "get"}, {"key", "s_policy_kelim.flow:9:0"}});
+  EXPECT_EQ(broken.at("objects")[0].at("record").at("broken"), true);
+  const Json stats = view("mom", Json::object());
+  EXPECT_EQ(stats.at("store"), "embedded");
+  const auto flows = std::ranges::find_if(stats.at("types"), [](const Json &row) {
+    return row.at("type") == "s_policy_kelim.flow" && row.at("db") == 8 && row.at("objects") == 4 && row.at("subscribers") == 1;
+  });
+  EXPECT_NE(flows, stats.at("types").end()) << stats;
+  const Json client = view("mom", {{"op", "client"}});
+  EXPECT_EQ(client.at("skipped"), Json::parse(R"({"s_policy_kelim.flow: the value is no record of its type": 5})"));
+
+  std::vector<std::string> keys = {"s_policy_kelim.flow:3:0", "s_policy_kelim.flow:4:0", "s_policy_kelim.flow:1:0"};
+  const Json several = view("mom", {{"op", "get"}, {"key", keys}});
+  ASSERT_EQ(several.at("total"), 2);
+  EXPECT_EQ(several.at("objects")[0].at("key"), keys[0]);
+  EXPECT_EQ(several.at("objects")[1].at("key"), keys[2]);
+  keys.resize(101, keys[0]);
+  for (const auto &[request, refusal] : std::initializer_list<std::pair<Json, const char *>>{
+           {{{"op", "get"}, {"key", keys}}, "more than 100 keys"},
+           {{{"op", "dance"}}, "no op 'dance'; there are stats, client, ls, scan and get"},
+           {{{"op", "ls"}, {"type", "s_policy_kelim.flow"}, {"db", 3}}, "no database 3; there are 0, 4 and 8"},
+           {{{"op", "ls"}, {"type", "s_policy_kelim.flow"}, {"db", (1LL << 32) + 8}},
+            "no database 4294967304; there are 0, 4 and 8"},
+           {{{"op", "ls"}, {"type", "s_policy_kelim.flow"}, {"limit", -1}}, "limit takes a whole number from 0 on"}}) {
+    EXPECT_EQ(view("mom", request).get<std::string>().find(refusal), 0u) << request;
+  }
+}
+
+class MomWatch : public testing::TestWithParam<std::string> {};
+
+INSTANTIATE_TEST_SUITE_P(Stores, MomWatch, testing::Values("Embedded", "Redis"), [](const auto &store) { return store.param; });
+
+TEST_P(MomWatch, ShowsEveryChangeWhateverItIsUntilItIsLetGo) {
+  World world(GetParam());
+  world.connect_all();
+  ASSERT_EQ(qx_mom_client_set_reconnect_cb(world.global(), 8, note_reconnect, nullptr), 0);
+  std::vector<Json> lines;
+  auto watching = mom::watch(*mom::hub(), {{"db", 8}}, [&](const auto &line) { lines.push_back(Json(line())); });
+  ASSERT_TRUE(run_until([&] { return !lines.empty(); }));
+  EXPECT_EQ(lines[0], (Json{{"live", 11}}));  // the types of the schema
+
+  FlowSta sta(1);
+  SPolicyKelim__PktSig signal = S_POLICY_KELIM__PKT_SIG__INIT;
+  signal.is_pkt_start = 1;
+  ASSERT_EQ(world.set(sta), 0);
+  ASSERT_EQ(world.publish(&signal.base), 0);
+  world.settle();
+  world.put_raw(8, "s_policy_kelim.flow:2:0", "\xff\xff");
+  ASSERT_EQ(world.pexpire(sta, 1), 0);
+  world.pass(10ms);
+  ASSERT_TRUE(run_until([&] { return lines.size() == 6; }));
+  world.cut_connections(8);
+  ASSERT_TRUE(run_until([] { return !reconnects.empty() && reconnects.back() == 2; }));
+  ASSERT_EQ(world.set(sta), 0);
+  ASSERT_TRUE(run_until([&] { return lines.size() == 7; }));
+  watching.reset();
+  ASSERT_EQ(world.set(sta), 0);
+  world.settle();
+  std::string shown;
+  for (size_t i = 1; i < lines.size(); ++i) {
+    const Json change = mom::decode_change(lines[i]);
+    const bool broken = change.at("record").contains("broken");
+    shown += change.at("db").dump() + " " + change.value("change", "") + " " + (broken ? "" : change.value("key", "")) + " " +
+             change.at("record").dump() + "\n";
+  }
+  const std::string object =
+      R"(s_policy_kelim.flow_sta:1:0 {"index":{"flow_index":1,"vsd_id":0},"rep_uuid":0,"status":"STATUS_NONE"})";
+  EXPECT_EQ(shown,
+            "8 written " + object + "\n8 published s_policy_kelim.pkt_sig {\"is_pkt_start\":1}\n" +
+                "8 published s_policy_kelim.pkt_sig {\"is_pkt_start\":0}\n8 written  {\"broken\":true,\"length\":2}\n8 deleted " +
+                object + "\n8 written " + object + "\n");
+}
+
+}  // namespace
+}  // namespace mom_test
