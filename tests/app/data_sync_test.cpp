@@ -8,7 +8,7 @@ namespace {
 using namespace flow_world;
 using namespace std::chrono_literals;
 
-class FlowSync : public FlowWorld {
+class DataSync : public FlowWorld {
  protected:
   void start() { handle(d.pi().ds_start, message(33, {})); }
   void end() { handle(d.pi().ds_end, message(34, {})); }
@@ -32,7 +32,7 @@ class FlowSync : public FlowWorld {
   }
 };
 
-TEST_F(FlowSync, what_is_replayed_stays_and_what_is_left_over_goes) {
+TEST_F(DataSync, WhatIsReplayedStaysAndWhatIsLeftOverGoes) {
   end();
   expect_counters({{25, 0}});
   for (std::uint64_t index : {1, 2, 3}) left_over(index, 1);
@@ -62,7 +62,7 @@ TEST_F(FlowSync, what_is_replayed_stays_and_what_is_left_over_goes) {
   EXPECT_EQ(meters(), 1u) << "meters survive";
 }
 
-TEST_F(FlowSync, without_an_end_what_is_left_over_expires) {
+TEST_F(DataSync, WithoutAnEndWhatIsLeftOverExpires) {
   for (std::uint64_t index : {1, 2}) left_over(index, 1);
   meter();
   d.tick();
@@ -78,7 +78,7 @@ TEST_F(FlowSync, without_an_end_what_is_left_over_expires) {
 
 // A replay that is begun anew in the middle, one in pieces, several in a row: what they renew is never deleted in between, and
 // what has gone does not come back.
-TEST_F(FlowSync, replays_in_pieces_and_in_a_row_delete_once_what_is_left_over_and_nothing_else) {
+TEST_F(DataSync, ReplaysInPiecesAndInARowDeleteOnceWhatIsLeftOverAndNothingElse) {
   for (std::uint64_t index : {1, 2, 3, 4}) left_over(index, 1);
   d.tick();
   d.watch(kUdpDb, {&s_policy_kelim__flow__descriptor, &s_policy_kelim__flow_key__descriptor});
@@ -97,7 +97,7 @@ TEST_F(FlowSync, replays_in_pieces_and_in_a_row_delete_once_what_is_left_over_an
 }
 
 // The kind of service-chain flows ends with the application's answer, once; a second start begins anew.
-TEST_F(FlowSync, a_kind_with_work_left_at_the_end_is_cleaned_up_later) {
+TEST_F(DataSync, AKindWithWorkLeftAtTheEndIsCleanedUpLater) {
   left_over(4, 2);
   start();
   flow(service_chain_flow(7));
@@ -125,7 +125,7 @@ TEST_F(FlowSync, a_kind_with_work_left_at_the_end_is_cleaned_up_later) {
   EXPECT_EQ(sdn_opt_cnt[25], 3u) << "tag 1 was cleaned up";
 }
 
-TEST_F(FlowSync, delete_all_flows_ends_a_synchronisation) {
+TEST_F(DataSync, DeleteAllFlowsEndsASynchronisation) {
   for (std::uint64_t index : {1, 2, 3}) flow(typical_flow(index));
   meter();
   send(d.pi().barrier, barrier(0x33));
@@ -146,7 +146,7 @@ TEST_F(FlowSync, delete_all_flows_ends_a_synchronisation) {
   expect_counters({{19, 1}, {20, 0}, {25, 1}});  // no clean-up any more
 }
 
-TEST_F(FlowSync, delete_all_flows_with_600_outstanding) {
+TEST_F(DataSync, DeleteAllFlowsWith600Outstanding) {
   for (std::uint32_t index = 1; index <= 600; index++) {
     flow(index % 100 ? typical_flow(index) : service_chain_flow(index));
     if (index % 50 == 0) send(d.pi().barrier, barrier(index));
@@ -169,7 +169,7 @@ TEST_F(FlowSync, delete_all_flows_with_600_outstanding) {
   EXPECT_EQ(barriers_answered(), (std::vector<std::uint32_t>{50, 100, 150, 200, 250, 300, 350, 400, 450, 500, 550, 600}));
 }
 
-TEST_F(FlowSync, delete_all_takes_flows_and_meters_even_when_the_flow_scan_fails) {
+TEST_F(DataSync, DeleteAllTakesFlowsAndMetersEvenWhenTheFlowScanFails) {
   d.expect_error("ssc sdn del flow FAIL!");
   meter();
   handle(service_chain_flow(7));

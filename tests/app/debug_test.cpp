@@ -13,7 +13,7 @@ namespace {
 
 using namespace flow_world;
 
-class FrontDump : public FlowWorld {
+class Debug : public FlowWorld {
  protected:
   // What a debug command prints and, where it fails, gives, or why it is refused.
   static std::string run(const std::string &module, const std::string &command,
@@ -173,7 +173,7 @@ dmac_mask: 0x ff  ff  ff  0  0  0
  oxm_value: 0x9,type: 9(ERROR: Can't  analyze OFSSAT_ACTION_TYPE), len: 8, **action end, aciton_num: 26**
 )";
 
-TEST_F(FrontDump, ShowsEveryFieldAndActionBeforeTheFlowIsTakenIn) {
+TEST_F(Debug, ShowsEveryFieldAndActionBeforeTheFlowIsTakenIn) {
   testing::internal::CaptureStdout();
   flow(full_flow_mod());
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "") << "switched off";
@@ -239,7 +239,7 @@ constexpr const char *kFullEntry =
     "mod_cos:  6\n"
     "mod_ipv4_dscp:  10\n";
 
-TEST_F(FrontDump, CommandsShowTheFlowsTheQueueAndTheSynchronisationAndMoveThePacketPath) {
+TEST_F(Debug, CommandsShowTheFlowsTheQueueAndTheSynchronisationAndMoveThePacketPath) {
   EXPECT_EQ(run("ssc_kelim", "dump_ssc_all_flow_info"), "");
   EXPECT_EQ(run("ssc_kelim", "dump_ssc_sdn_msg_queue"), "msg queue is empty\n");
   d.expect_error("queue_id: 121 from SFC UI is ERROR");
@@ -268,7 +268,7 @@ TEST_F(FrontDump, CommandsShowTheFlowsTheQueueAndTheSynchronisationAndMoveThePac
   }
 }
 
-TEST_F(FrontDump, CommandsSetTheSwitchesAndShowTheCounters) {
+TEST_F(Debug, CommandsSetTheSwitchesAndShowTheCounters) {
   for (const auto &[value, shown] :
        {std::pair{"55", "VER: On, ERROR: Off, DS: On, barrier: Off, count: On, packet: Off, assert: On"},
         {"66", "VER: Off, ERROR: On, DS: On, barrier: Off, count: Off, packet: On, assert: On"},

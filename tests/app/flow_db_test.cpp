@@ -14,7 +14,7 @@ using namespace flow_bytes;
 
 namespace {
 
-class FlowCache : public testing::Test {
+class FlowDb : public testing::Test {
  protected:
   void SetUp() override { ASSERT_EQ(flow_info_hash_init(), 0); }
   void TearDown() override { ssc_kelim_flow_db_reset_for_tests(); }
@@ -50,7 +50,7 @@ using Indexes = std::vector<std::uint64_t>;
 
 // The buckets follow from lookup2 of the key and steps of 1, 2, 3, ...: flow 5 hashes like flow 3 in 8 buckets, and flow 6 tries
 // 5, 6, 0, 3 and 7 before it comes to 4.
-TEST_F(FlowCache, buckets) {
+TEST_F(FlowDb, Buckets) {
   for (std::uint64_t flow : {1, 2, 3, 4, 5, 6}) add(flow);
   EXPECT_EQ(in_buckets(0, 100), (Indexes{5, 1, 6, 2, 4, 3}));
   EXPECT_EQ(in_buckets(4, 2), (Indexes{6, 2}));
@@ -76,7 +76,7 @@ TEST_F(FlowCache, buckets) {
   EXPECT_EQ(flow_info_list->n_buckets, 8u) << "deletions do not make it grow";
 }
 
-TEST_F(FlowCache, agrees_with_a_map_under_random_churn) {
+TEST_F(FlowDb, AgreesWithAMapUnderRandomChurn) {
   std::map<std::pair<std::uint64_t, std::uint32_t>, flow_info_node *> model;
   std::mt19937 random(1);
   for (int i = 0; i < 20000; i++) {
@@ -101,7 +101,7 @@ TEST_F(FlowCache, agrees_with_a_map_under_random_churn) {
   EXPECT_TRUE(model.empty());
 }
 
-TEST_F(FlowCache, the_set_itself) {
+TEST_F(FlowDb, TheSetItself) {
   flow_info_node a = key_of(1), same = key_of(1);
   for (flow_info_node *node : {&a, &same}) EXPECT_EQ(flow_info_hash_insert(node), 0);
   EXPECT_EQ(flow_info_hash_find(&same), &a);

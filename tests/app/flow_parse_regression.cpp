@@ -6,7 +6,7 @@ namespace {
 
 using namespace flow_bytes;
 
-TEST(FlowFuzz, fixed_inputs) {
+TEST(FlowParseFuzz, FixedInputs) {
   testing::internal::CaptureStdout();
   const Bytes whole =
       flow_mod({.match = field(0x80000004, le(3u)) + field(0x8000070c, Bytes(12)) + field(0x80003520, Bytes(32)) +

@@ -86,7 +86,7 @@ const MatchField kMatchFields[] = {
 };
 
 // Each is followed by an in_port, which is found only behind a slot of the right size.
-TEST_F(FlowRecords, match_fields) {
+TEST_F(FlowRecords, MatchFields) {
   EXPECT_EQ(ssc_sdn_get_key_field_len(0x80000204), 65535u) << "a field that nobody knows";
   store(
       kMatchFields,
@@ -102,7 +102,7 @@ TEST_F(FlowRecords, match_fields) {
 
 // `members` stands in the controller's actions and in the entry's alike unless `entry_members` is given. A port that cannot be
 // output to keeps its flow, which then forwards nowhere.
-TEST_F(FlowRecords, actions) {
+TEST_F(FlowRecords, Actions) {
   const struct {
     const char *label;
     Bytes actions;
@@ -144,7 +144,7 @@ TEST_F(FlowRecords, actions) {
       });
 }
 
-TEST_F(FlowRecords, a_list_ends_where_it_cannot_be_followed) {
+TEST_F(FlowRecords, AListEndsWhereItCannotBeFollowed) {
   const struct {
     const char *label;
     Bytes match;  // behind the ingress port
@@ -174,7 +174,7 @@ TEST_F(FlowRecords, a_list_ends_where_it_cannot_be_followed) {
 
 // Every prefix of a flow, with a length that tells the truth: nothing is read beyond it (the sanitizer watches), and what lies
 // whole in front of the cut is kept. One that ends before its instructions says nothing.
-TEST_F(FlowRecords, every_truncation_keeps_what_lies_before_it) {
+TEST_F(FlowRecords, EveryTruncationKeepsWhatLiesBeforeIt) {
   d.expect_error("");
   const Bytes match = kInPort + field(0x8000070c, hex("020304050607ffffffffffff")) + kEtype;  // from 44, 52 and 68 to 74
   const Bytes whole = flow_mod({.match = match, .actions = set_queue(3) + output(2)});        // from 88 and 96 to 112

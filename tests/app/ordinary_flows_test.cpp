@@ -5,9 +5,9 @@ namespace {
 
 using namespace flow_world;
 
-class FlowRoad : public FlowWorld {};
+using OrdinaryFlows = FlowWorld;
 
-TEST_F(FlowRoad, a_typical_flow_becomes_this_record) {
+TEST_F(OrdinaryFlows, ATypicalFlowBecomesThisRecord) {
   const Bytes message = typical_flow(0x11);
   flow(message);
   d.tick();
@@ -35,7 +35,7 @@ TEST_F(FlowRoad, a_typical_flow_becomes_this_record) {
   }
 }
 
-TEST_F(FlowRoad, deletion_is_silent_and_an_unknown_flow_counts_as_deleted) {
+TEST_F(OrdinaryFlows, DeletionIsSilentAndAnUnknownFlowCountsAsDeleted) {
   announce({"flow node del failed.flow_index:9, vsd_id:0", "ssc sdn del flow FAIL!"});
   for (std::uint64_t index : {1, 2}) handle(typical_flow(index));
   for (std::uint64_t index : {1, 9}) handle(deletion(typical_flow(index)));
@@ -49,7 +49,7 @@ TEST_F(FlowRoad, deletion_is_silent_and_an_unknown_flow_counts_as_deleted) {
 }
 
 // Ports 1 to 3 are ordinary, 45 is an overlay tunnel, 46 an overlay router; 99 is unknown.
-TEST_F(FlowRoad, ports_and_vlan_are_checked_before_a_flow_is_stored) {
+TEST_F(OrdinaryFlows, PortsAndVlanAreCheckedBeforeAFlowIsStored) {
   announce({"get phyid by ifx failed, rv = -7(ifx = 99", "ifx_type is LLCB_OVERLAY_TUNNEL, NOT SUPPORT.",
             "ifx is OF_SS_ALL_OT_IFINDEX, NOT SUPPORT.", "OXM_VALUE = 0x80000a02 isn't support",
             "OXM_VALUE = 0x80000c02 isn't support", "ssc_sdn_add_flow_to_udp: ssc kelim pick out in port phyid FAIL!",
@@ -96,7 +96,7 @@ TEST_F(FlowRoad, ports_and_vlan_are_checked_before_a_flow_is_stored) {
 // Fails the first, second, ... allocation of the handler until a flow goes through. Whatever failed, the flow is answered once,
 // and neither a record nor a queue node is left. Three failures leave the cache node: that of its copy, and those of the queue's
 // two blocks.
-TEST_F(FlowRoad, out_of_memory_at_any_point) {
+TEST_F(OrdinaryFlows, OutOfMemoryAtAnyPoint) {
   d.expect_error("");
   for (std::uint64_t index : {1, 2, 3}) handle(typical_flow(index));
   flow(typical_flow(4));

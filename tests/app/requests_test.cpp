@@ -37,7 +37,7 @@ class FlowRequests : public FlowWorld {
   }
 };
 
-TEST_F(FlowRequests, meters) {
+TEST_F(FlowRequests, Meters) {
   const auto meter_mod = [](std::uint16_t command, std::uint32_t id) {
     return message(17, le(command) + le(std::uint16_t{1}) + le(id) + hex("0100 1000 e8030000 64000000 00000000"));
   };
@@ -61,7 +61,7 @@ TEST_F(FlowRequests, meters) {
   expect_counters({{7, 3}, {8, 2}, {10, 2}, {11, 1}});
 }
 
-TEST_F(FlowRequests, open_and_close) {
+TEST_F(FlowRequests, OpenAndClose) {
   announce({"recev  openflow msg version= 4!", "recev  openflow msg version= 5!", "enable msg fail,rv :-4", "NOT SUPPORT NOW!",
             "disable msg fail,rv :-20", "mem malloc failed", "MALLOC ERR![", "enable msg fail,rv :-2"});
   ssc_sdn_debug_sw = SDN_DBG_VER;
@@ -87,7 +87,7 @@ TEST_F(FlowRequests, open_and_close) {
   EXPECT_EQ(on_loop(ssc_sdn_get_sdn_vers), 5u);
 }
 
-TEST_F(FlowRequests, statistics_are_the_totals_of_the_counters) {
+TEST_F(FlowRequests, StatisticsAreTheTotalsOfTheCounters) {
   const auto statistics = [&](std::uint64_t index) {
     d.forget_replies();
     handle(d.pi().statistic, message(13, le(index)));
@@ -109,7 +109,7 @@ TEST_F(FlowRequests, statistics_are_the_totals_of_the_counters) {
   expect_counters({{31, 3}, {32, 2}});
 }
 
-TEST_F(FlowRequests, counter_changes_leave_in_packed_reports) {
+TEST_F(FlowRequests, CounterChangesLeaveInPackedReports) {
   using Cells = std::vector<std::size_t>;
   EXPECT_EQ(reports(0), Cells{}) << "no change, no report";
   for (std::uint64_t i = 1; i <= 101; i++) counter(i, i * 2, i * 3);
@@ -143,7 +143,7 @@ TEST_F(FlowRequests, counter_changes_leave_in_packed_reports) {
   EXPECT_EQ(reports(2), Cells{1}) << "one cell is lost";
 }
 
-TEST_F(FlowRequests, controller_addresses) {
+TEST_F(FlowRequests, ControllerAddresses) {
   announce({"ssc_sdn_add_op_onc_ace failed, rv -7", "ssc_kelim_mom_set failed, rv -1", "qx_mom_set FAIL! rv:-1"});
   // 10.0.0.1: the first octet is the least significant byte.
   const auto set = [&](std::uint16_t command) { handle(d.pi().onc_info, message(30, le(command) + Bytes(2) + hex("0a000001"))); };
@@ -157,7 +157,7 @@ TEST_F(FlowRequests, controller_addresses) {
   expect_counters({{38, 1}, {41, 1}});
 }
 
-TEST_F(FlowRequests, packet_signals_are_published_in_order) {
+TEST_F(FlowRequests, PacketSignalsArePublishedInOrder) {
   d.watch(kUdpDb, {&s_policy_kelim__pkt_sig__descriptor, nullptr});
   send(d.pi().pkt_start, message(28, {}));
   send(d.pi().pkt_start, message(28, {}));
@@ -167,7 +167,7 @@ TEST_F(FlowRequests, packet_signals_are_published_in_order) {
   EXPECT_EQ(seen, (std::vector<std::uint32_t>{1, 1, 0}));
 }
 
-TEST_F(FlowRequests, failures_of_the_access_control_layer_are_counted) {
+TEST_F(FlowRequests, FailuresOfTheAccessControlLayerAreCounted) {
   announce({"g_acl_fail = 1.", "g_ace_fail = 1.", "g_apply_fail = 1.", "g_apply_fail = 2."});
   d.on_loop([] {
     for (const int slot : {1, 3, 5, 5}) ssc_kelim_fp_handler[slot]();

@@ -41,7 +41,7 @@ class ServiceChain : public FlowWorld {
   }
 };
 
-TEST_F(ServiceChain, two_entries_with_different_addresses_reach_the_switch_and_their_status_the_application) {
+TEST_F(ServiceChain, TwoEntriesWithDifferentAddressesReachTheSwitchAndTheirStatusTheApplication) {
   harness::Record one, two;
   SPolicyKelim__FlowAce *const first = full_entry(1, one), *const second = full_entry(2, two);
   const std::string entries = "[{" + text(&first->base) + "}{" + text(&second->base) + "}]";
@@ -76,7 +76,7 @@ TEST_F(ServiceChain, two_entries_with_different_addresses_reach_the_switch_and_t
   expect_nothing_left();
 }
 
-TEST_F(ServiceChain, an_answer_may_leave_out_entries_and_their_parts) {
+TEST_F(ServiceChain, AnAnswerMayLeaveOutEntriesAndTheirParts) {
   const std::string head = "index={flow_index=0x7} status=0x1 flow_data=" + digits(service_chain_flow(7));
   handle(service_chain_flow(7));
   decide(7, {});
@@ -91,7 +91,7 @@ TEST_F(ServiceChain, an_answer_may_leave_out_entries_and_their_parts) {
       << flows().at(0);
 }
 
-TEST_F(ServiceChain, an_entry_that_lacks_an_address_fails_the_flow) {
+TEST_F(ServiceChain, AnEntryThatLacksAnAddressFailsTheFlow) {
   announce({"ssc_sdn_ace_field_convert fail: field is 14", "ssc_sdn_ace_field_convert fail: field is",
             "ssc_sdn_ace_action_convert fail: action is 12", "ssc_sdn_ace_action_convert fail: action is 13",
             "flow_entry malloc failed. flow_index = 7",
@@ -114,7 +114,7 @@ TEST_F(ServiceChain, an_entry_that_lacks_an_address_fails_the_flow) {
   }
 }
 
-TEST_F(ServiceChain, an_answer_is_checked_for_its_flow_and_port) {
+TEST_F(ServiceChain, AnAnswerIsCheckedForItsFlowAndPort) {
   Bytes unknown_in_port = service_chain_flow(7);
   put16(unknown_in_port, 48, 99);
   announce({"get phyid by ifx failed, rv = -7(ifx = 99", "ssc_kelim_add_flow_to_ace: ssc kelim pick out in port phyid FAIL!",
@@ -130,7 +130,7 @@ TEST_F(ServiceChain, an_answer_is_checked_for_its_flow_and_port) {
   expect_nothing_left();
 }
 
-TEST_F(ServiceChain, a_flow_that_the_switch_or_the_database_refuses_is_reported_and_its_status_goes_with_it) {
+TEST_F(ServiceChain, AFlowThatTheSwitchOrTheDatabaseRefusesIsReportedAndItsStatusGoesWithIt) {
   announce(
       {"flow index:7 install failed. status:3", "send flow error msg to PI, dune to op flow failed,flow_index = 7, ret_val = 2"});
   handle(service_chain_flow(7));
@@ -152,7 +152,7 @@ TEST_F(ServiceChain, a_flow_that_the_switch_or_the_database_refuses_is_reported_
 }
 
 // The translation's allocations, one after the other; a flow of its own for each.
-TEST_F(ServiceChain, out_of_memory_at_any_point_of_the_translation) {
+TEST_F(ServiceChain, OutOfMemoryAtAnyPointOfTheTranslation) {
   d.expect_error("");
   harness::Record record;
   SPolicyKelim__FlowAce *const entry = full_entry(1, record);

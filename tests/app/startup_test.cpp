@@ -23,7 +23,7 @@ using namespace flow_world;
 using namespace std::chrono_literals;
 using host::fault::Point;
 
-class Front : public FlowWorld {
+class RunningDaemon : public FlowWorld {
  protected:
   void flow_and_barrier(std::uint64_t index, std::uint32_t xid) {
     flow(typical_flow(index));
@@ -46,7 +46,7 @@ TEST(StartUp, GoesOnWithoutHealthMonitoringCommandsOrTopics) {
 }
 
 // Each step in turn: its lines, its code, and nothing of what comes behind it.
-TEST_F(Front, EveryStepReportsItsFailureAndEndsTheChain) {
+TEST_F(RunningDaemon, EveryStepReportsItsFailureAndEndsTheChain) {
   std::function<int()> run = [] { return ssc_kelim_rdnd_unware_cb(nullptr, nullptr); };
   std::string callback = "ssc_kelim_rdnd_unware_cb: ";
   int result = -1;
@@ -149,7 +149,7 @@ TEST(ExitDeathTest, AProcessThatCannotWorkOrFindsAnotherServerEndsToBeStartedAga
 
 // ---- reconnection
 
-TEST_F(Front, TheSameServerRepeatsTheConnectCallback) {
+TEST_F(RunningDaemon, TheSameServerRepeatsTheConnectCallback) {
   for (const char *line : {"reconnect db:8 type:0", "reconnect db:8 type:2"}) d.expect_error(line);
   flow_and_barrier(1, 100);
   const libss_pthrd_mst *list = ssc_sdn_mst;
@@ -168,7 +168,7 @@ TEST_F(Front, TheSameServerRepeatsTheConnectCallback) {
 
 // ---- watchers
 
-TEST_F(Front, BarriersWaitForTheOutcomeOfEveryFlowBeforeThem) {
+TEST_F(RunningDaemon, BarriersWaitForTheOutcomeOfEveryFlowBeforeThem) {
   announce({"flow index:3 install failed. status:3", "flow index:4 install failed. status:14",
             "send flow error msg to PI, dune to op flow failed", "flow node del failed.flow_index:3, vsd_id:0"});
   Bytes first = barrier(100);
@@ -203,7 +203,7 @@ TEST_F(Front, BarriersWaitForTheOutcomeOfEveryFlowBeforeThem) {
 }
 
 // Of the handshake the fetch half came at start-up, from the meters' subscription; the other half is the connection.
-TEST_F(Front, TheMetersSubscriptionReportsFailuresAndDrivesTheHandshake) {
+TEST_F(RunningDaemon, TheMetersSubscriptionReportsFailuresAndDrivesTheHandshake) {
   std::atomic<int> fetches = 0;
   host::of_ss::set_fetch_tap([&] { ++fetches; });
   const auto notify = [&](qx_mom_notify_cb callback, std::uint32_t cmd, void *value, int result) {
@@ -243,7 +243,7 @@ TEST_F(Front, TheMetersSubscriptionReportsFailuresAndDrivesTheHandshake) {
 
 // ---- log facility
 
-TEST_F(Front, SwitchesAndLevelDecideWhereALineGoes) {
+TEST_F(RunningDaemon, SwitchesAndLevelDecideWhereALineGoes) {
   Texts logged;
   host::log::set_tap([&](const host::log::LineView &line) { logged.emplace_back(line.text); });
   // What standard output shows, without times and lines.

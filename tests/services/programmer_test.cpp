@@ -19,7 +19,7 @@ using ParseFlow = Keyed<SPolicyKelim__ParseFlow, s_policy_kelim__parse_flow__des
 using FlowToAce = Keyed<SPolicyKelim__FlowToAce, s_policy_kelim__flow_to_ace__descriptor,
                         s_policy_kelim__parse_flow_key__descriptor, &SPolicyKelim__ParseFlowKey::flow_index>;
 
-class ProgrammerTest : public testing::Test {
+class Programmer : public testing::Test {
  protected:
   void SetUp() override {
     world.connect_all();
@@ -87,7 +87,7 @@ class ProgrammerTest : public testing::Test {
   std::string told;
 };
 
-TEST_F(ProgrammerTest, AnswersEachRequestAndKeepsToItsSize) {
+TEST_F(Programmer, AnswersEachRequestAndKeepsToItsSize) {
   start({.size = 2, .script = ""});
   for (uint64_t index = 1; index <= 3; ++index) put_flow(index, 10 + index);
   EXPECT_EQ(answers(), "1/11 STATUS_INSTALLED\n2/12 STATUS_INSTALLED\n3/13 STATUS_RESOURCE\n");
@@ -97,7 +97,7 @@ TEST_F(ProgrammerTest, AnswersEachRequestAndKeepsToItsSize) {
   EXPECT_EQ(answers(), "3/14 STATUS_INSTALLED\n");
 }
 
-TEST_F(ProgrammerTest, AnswersAnUnchangedRewriteWithoutTouchingTheTarget) {
+TEST_F(Programmer, AnswersAnUnchangedRewriteWithoutTouchingTheTarget) {
   start({.script = "fail=2,3"});
   for (const uint64_t uuid : {11, 12, 12}) put_flow(1, uuid);
   EXPECT_EQ(answers(), "1/11 STATUS_INSTALLED\n1/12 STATUS_INSTALLED\n1/12 STATUS_INSTALLED\n");
@@ -105,7 +105,7 @@ TEST_F(ProgrammerTest, AnswersAnUnchangedRewriteWithoutTouchingTheTarget) {
   EXPECT_EQ(answers(), "1/13 STATUS_FAILED\n1/14 STATUS_FAILED\n1/15 STATUS_INSTALLED\n");
 }
 
-TEST_F(ProgrammerTest, DelaysOvertakeEachOtherAndADeletedFlowIsForgotten) {
+TEST_F(Programmer, DelaysOvertakeEachOtherAndADeletedFlowIsForgotten) {
   start({.delay_ms = 50, .script = "delay=1:200,@2:0;silent=@9"});
   for (const uint64_t index : {1, 2, 3, 4, 9}) put_flow(index, 10 + index);
   put_flow(1, 21);  // would be answered after 50 ms if it were not for the request before
@@ -116,7 +116,7 @@ TEST_F(ProgrammerTest, DelaysOvertakeEachOtherAndADeletedFlowIsForgotten) {
   EXPECT_EQ(stored<FlowSta>(4) + stored<FlowSta>(9), "");
 }
 
-TEST_F(ProgrammerTest, OwesAnswersWhileTheDatabaseIsFull) {
+TEST_F(Programmer, OwesAnswersWhileTheDatabaseIsFull) {
   start();
   host::fault::fail(host::fault::Point::mom_set, -14, 0, 2);
   for (const uint64_t index : {1, 2, 3}) put_flow(index, 10 + index);
@@ -126,7 +126,7 @@ TEST_F(ProgrammerTest, OwesAnswersWhileTheDatabaseIsFull) {
   EXPECT_EQ(answers_after(20ms), "1/11 STATUS_INSTALLED\n2/12 STATUS_INSTALLED\n3/13 STATUS_INSTALLED\n");
 }
 
-TEST_F(ProgrammerTest, CountersGrowAndAreWrittenOnlyWhenTheyChanged) {
+TEST_F(Programmer, CountersGrowAndAreWrittenOnlyWhenTheyChanged) {
   start({.script = "fail=2", .counter_interval_ms = 100, .counter_rate = 3});
   for (const uint64_t index : {1, 2}) put_flow(index, 10 + index);
   rest();
@@ -143,7 +143,7 @@ TEST_F(ProgrammerTest, CountersGrowAndAreWrittenOnlyWhenTheyChanged) {
 }
 
 // Which of the scans at the start fails; there are seven, one a record type, and the eighth does not come.
-class ProgrammerStart : public ProgrammerTest, public testing::WithParamInterface<unsigned> {};
+class ProgrammerStart : public Programmer, public testing::WithParamInterface<unsigned> {};
 
 TEST_P(ProgrammerStart, GoesOnFromWhatIsThereOnceAllOfItCouldBeRead) {
   put_flow(1, 11);
@@ -177,7 +177,7 @@ TEST_P(ProgrammerStart, GoesOnFromWhatIsThereOnceAllOfItCouldBeRead) {
 
 INSTANTIATE_TEST_SUITE_P(EachScan, ProgrammerStart, testing::Range(0U, 8U));
 
-TEST_F(ProgrammerTest, NothingLeavesTheTargetWhileTheDatabaseCannotBeRead) {
+TEST_F(Programmer, NothingLeavesTheTargetWhileTheDatabaseCannotBeRead) {
   put_flow(1, 11);
   host::fault::fail(host::fault::Point::mom_scan, -1, 0, 1000);
   start();
@@ -191,7 +191,7 @@ TEST_F(ProgrammerTest, NothingLeavesTheTargetWhileTheDatabaseCannotBeRead) {
   EXPECT_EQ(answers_after(200ms), "1/11 STATUS_INSTALLED\n");
 }
 
-TEST_F(ProgrammerTest, MetersAndControllerAddressesCarryTheirStatus) {
+TEST_F(Programmer, MetersAndControllerAddressesCarryTheirStatus) {
   start({.script = "meter-fail=2"});
   OncIp address(0x0100000a);
   address.record.status = S_POLICY_KELIM__STATUS_E__STATUS_INSTALLING;
@@ -207,7 +207,7 @@ TEST_F(ProgrammerTest, MetersAndControllerAddressesCarryTheirStatus) {
   EXPECT_TRUE(pass(200ms, [&] { return stored<Meter>(1) == "index={meter_id=0x1} status=0x2"; }));
 }
 
-TEST_F(ProgrammerTest, TranslatesServiceChainFlows) {
+TEST_F(Programmer, TranslatesServiceChainFlows) {
   start();
   PLibpub__Ipv4 address = P_LIBPUB__IPV4__INIT, mask = P_LIBPUB__IPV4__INIT;
   address.data = 0x0a000001;
@@ -245,7 +245,7 @@ TEST_F(ProgrammerTest, TranslatesServiceChainFlows) {
   EXPECT_EQ(world.get(entries, 4).cmd, 0u);
 }
 
-TEST_F(ProgrammerTest, KnowsEveryFlowHoweverTheyComeAndGo) {
+TEST_F(Programmer, KnowsEveryFlowHoweverTheyComeAndGo) {
   start();
   std::mt19937 random(3);
   std::set<uint64_t> there;
@@ -265,7 +265,7 @@ TEST_F(ProgrammerTest, KnowsEveryFlowHoweverTheyComeAndGo) {
   EXPECT_EQ(answered, there);
 }
 
-TEST_F(ProgrammerTest, SkipsWhatIsNoFlowRecord) {
+TEST_F(Programmer, SkipsWhatIsNoFlowRecord) {
   start();
   Flow flow(1);
   std::string data(300, 'x');
@@ -284,7 +284,7 @@ TEST_F(ProgrammerTest, SkipsWhatIsNoFlowRecord) {
   EXPECT_EQ(answers(), "");
 }
 
-TEST_F(ProgrammerTest, ScriptSaysWhatHappensToWhichRequest) {
+TEST_F(Programmer, ScriptSaysWhatHappensToWhichRequest) {
   for (const char *bad :
        {"explode=1", "fail", "fail=", "fail=x", "fail=5-3", "fail=1-", "fail=@", "fail=101%", "delay=7", "delay=7:", "delay=:5",
         "fail=1;;resource=2", "fail=99999999999999999999", "meter-fail=5%", "fail=1,,2", "fail=-1"}) {
@@ -297,7 +297,7 @@ TEST_F(ProgrammerTest, ScriptSaysWhatHappensToWhichRequest) {
             "6/7 STATUS_RESOURCE\n32/7 STATUS_INSTALLED\n");
 }
 
-TEST_F(ProgrammerTest, ChanceFollowsTheSeed) {
+TEST_F(Programmer, ChanceFollowsTheSeed) {
   std::map<uint64_t, std::string> chosen;
   for (const uint64_t seed : {7, 8, 7}) {
     start({.script = "fail=25%", .seed = seed});

@@ -56,7 +56,7 @@ TEST_F(Log, ALineCarriesTimeLevelCategoryTextAndPlace) {
   EXPECT_EQ(all[0], "error   policy_error flow index:5 install failed. status:3  (app/a.cpp:7 run)");
   EXPECT_EQ(all[1], "debug   policy_error a verbose one  (app/a.cpp:7 run)");
   EXPECT_EQ(all[2].find("warning kelim_host   disk sda is 93 % full  ("), 0u) << all[2];
-  EXPECT_NE(all[2].find("core_log.cpp:" + std::to_string(warned_at) + " TestBody)"), std::string::npos) << all[2];
+  EXPECT_NE(all[2].find("log_test.cpp:" + std::to_string(warned_at) + " TestBody)"), std::string::npos) << all[2];
   EXPECT_LT(all[3].size(), 3000u);
 }
 

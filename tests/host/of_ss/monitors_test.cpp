@@ -56,7 +56,7 @@ std::vector<std::string> differences(const Known &a, const Known &b) {
   return found;
 }
 
-class MonitorTest : public AgentTest {
+class FlowMonitors : public AgentTest {
  protected:
   Known shown() {
     Known switchs;
@@ -81,7 +81,7 @@ class MonitorTest : public AgentTest {
   Controller watching;
 };
 
-TEST_F(MonitorTest, TellsEachChangeAndWhatMadeIt) {
+TEST_F(FlowMonitors, TellsEachChangeAndWhatMadeIt) {
   apply(flow_mod(ipv4_flow(1)));
   come_up(watching);
   watching.send(monitor_request(1, kNotOwn));
@@ -116,7 +116,7 @@ TEST_F(MonitorTest, TellsEachChangeAndWhatMadeIt) {
 }
 
 // The peer reads slowly while it asks for the first flows, not at all during most of a burst, and slowly at its end.
-TEST_F(MonitorTest, WhoKeepsATableByTheUpdatesHasTheSwitchs) {
+TEST_F(FlowMonitors, WhoKeepsATableByTheUpdatesHasTheSwitchs) {
   std::mt19937 random(7);
   const auto churn = [this, &random](int requests, int read_every) {
     for (int n = 0; n < requests; n += 500) {

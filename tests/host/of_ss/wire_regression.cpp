@@ -6,7 +6,7 @@ namespace {
 
 using namespace of_wire;
 
-TEST(OfWireFuzz, FixedInputs) {
+TEST(WireFuzz, FixedInputs) {
   FlowMod everything;
   everything.fields = hex(
       "80000004 00000001 8000070c 010203000000 ffffff000000 80000d04 1060 1ff0 80000a0286dd 800014013a 80003a0187"

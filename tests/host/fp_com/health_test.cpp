@@ -1,27 +1,19 @@
-// Health monitoring, ports and timing.
+// Health monitoring and the single instance.
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <fstream>
-#include <nlohmann/json.hpp>
 
 #include "host/base/loop.h"
-#include "host/ddm/ports.h"
-#include "host/timing/timing.h"
-#include "libddm.h"
 #include "libss_fp_com.h"
 #include "support/runtime_fixture.h"
-#include "ut_ss_fp_appmng.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-
-// ---- health monitoring
 
 class Health : public RuntimeTest {
  protected:
@@ -77,8 +69,6 @@ TEST_F(Health, AMarkerThatSomebodyElseHasPutThereDoesNotCount) {
   EXPECT_EQ(goes_on(), "WATCHDOG_USEC=0");
 }
 
-// ---- single instance
-
 TEST_F(Health, AFileThatThePidFileLinksToIsNotTouched) {
   const std::string target = dir / "precious", link = dir / "x.pid";
   std::ofstream(target) << "precious";
@@ -114,53 +104,6 @@ TEST_F(Health, TheLoopFeedsTheWatchdogExceptWhileTheMarkerExists) {
   qx_global_finish(global);
   global = qx_global_init("core_test", nullptr);
   EXPECT_EQ(told(), "STOPPING=1");
-}
-
-// ---- ports
-
-using MachinePorts = RuntimeTest;
-
-TEST_F(MachinePorts, AreReadAgainWhenTheMachinesInterfacesChange) {
-  if (unshare(CLONE_NEWNET) != 0) GTEST_SKIP() << "needs a network name space of its own: " << strerror(errno);
-  EXPECT_TRUE(host::ddm::ports()->empty()) << "the loopback is none";
-  set("ports", "9:lo:109");
-  ASSERT_EQ(libddm_init(global, "core_test"), 0);
-  const auto before = host::ddm::ports();
-  EXPECT_EQ(std::tuple((*before)[0].ifx, (*before)[0].phyid, (*before)[0].enabled), std::tuple(9u, 109u, false));
-  set("ports", "8:lo:108");
-  EXPECT_EQ(host::ddm::ports(), before) << "not while nothing changes";
-  unsigned changes = 0;
-  host::ddm::on_change([&changes] { ++changes; });
-  EXPECT_EQ(host::ddm::enable((*before)[0], true), 0);
-  EXPECT_TRUE(host::run_until([&] { return changes > 0; }, kPatience));
-  host::ddm::on_change(nullptr);
-  const auto after = host::ddm::ports();
-  EXPECT_EQ(std::tuple((*after)[0].ifx, (*after)[0].phyid, (*after)[0].enabled), std::tuple(8u, 108u, true));
-}
-
-// ---- timing
-
-using Timing = RuntimeTest;
-
-TEST_F(Timing, CountsTimeBetweenStartAndStop) {
-  static ut_ss_fp_appmng_time record;
-  record = {};
-  host::clock::stop();
-  ut_ss_fp_appmng_time_stop(&record, 0);
-  EXPECT_EQ(record.count, 0u) << "a stop without a start";
-  ut_ss_fp_appmng_time_start(&record);
-  host::clock::warp(100ms);
-  for (const auto spent : {5ms, 1ms}) {
-    ut_ss_fp_appmng_time_start(&record);  // the first time in place of the one that is under way
-    host::clock::warp(spent);
-    ut_ss_fp_appmng_time_stop(&record, 0);
-    ut_ss_fp_appmng_time_stop(&record, 0);
-  }
-  ut_ss_fp_appmng_time_publish(&record, "SDN_ADD_FLOW");
-  ut_ss_fp_appmng_time_publish(&record, "SDN_ADD_FLOW");
-  EXPECT_EQ(host::timing::view(),
-            nlohmann::json::parse(
-                R"([{"name":"SDN_ADD_FLOW","count":2,"avg_us":3000.0,"max_us":5000.0,"last_us":1000.0,"total_us":6000.0}])"));
 }
 
 }  // namespace
