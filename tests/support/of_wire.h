@@ -2,6 +2,7 @@
 #pragma once
 
 #include <span>
+#include <sstream>
 #include <string>
 
 #include "support/flow_bytes.h"
@@ -90,6 +91,46 @@ inline FlowMod ipv4_flow(std::uint32_t destination, std::uint32_t xid = 1) {
   f.fields = hex("80000004 00000001 80000a02 0800 80001804") + pack({{destination, 4}});
   f.instructions = apply(output(2));
   return f;
+}
+
+// The name of an error, "" of another message. Beside each type's prefix its codes, from 0.
+inline std::string error_of(const Message &m) {
+  static constexpr const char *kNames[][2] = {
+      {"OFPHFC_", "INCOMPATIBLE EPERM"},
+      {"OFPBRC_",
+       "BAD_VERSION BAD_TYPE BAD_MULTIPART BAD_EXPERIMENTER BAD_EXP_TYPE EPERM BAD_LEN BUFFER_EMPTY BUFFER_UNKNOWN BAD_TABLE_ID "
+       "IS_SLAVE BAD_PORT BAD_PACKET MULTIPART_BUFFER_OVERFLOW"},
+      {"OFPBAC_",
+       "BAD_TYPE BAD_LEN BAD_EXPERIMENTER BAD_EXP_TYPE BAD_OUT_PORT BAD_ARGUMENT EPERM TOO_MANY BAD_QUEUE BAD_OUT_GROUP "
+       "MATCH_INCONSISTENT UNSUPPORTED_ORDER BAD_TAG BAD_SET_TYPE BAD_SET_LEN BAD_SET_ARGUMENT"},
+      {"OFPBIC_",
+       "UNKNOWN_INST UNSUP_INST BAD_TABLE_ID UNSUP_METADATA UNSUP_METADATA_MASK BAD_EXPERIMENTER BAD_EXP_TYPE BAD_LEN EPERM"},
+      {"OFPBMC_",
+       "BAD_TYPE BAD_LEN BAD_TAG BAD_DL_ADDR_MASK BAD_NW_ADDR_MASK BAD_WILDCARDS BAD_FIELD BAD_VALUE BAD_MASK BAD_PREREQ "
+       "DUP_FIELD EPERM"},
+      {"OFPFMFC_", "UNKNOWN TABLE_FULL BAD_TABLE_ID OVERLAP EPERM BAD_TIMEOUT BAD_COMMAND BAD_FLAGS"},
+      {"OFPGMFC_",
+       "GROUP_EXISTS INVALID_GROUP WEIGHT_UNSUPPORTED OUT_OF_GROUPS OUT_OF_BUCKETS CHAINING_UNSUPPORTED WATCH_UNSUPPORTED LOOP "
+       "UNKNOWN_GROUP CHAINED_GROUP BAD_TYPE BAD_COMMAND BAD_BUCKET BAD_WATCH EPERM"},
+      {"OFPPMFC_", "BAD_PORT BAD_HW_ADDR BAD_CONFIG BAD_ADVERTISE EPERM"},
+      {"OFPTMFC_", "BAD_TABLE BAD_CONFIG EPERM"},
+      {"OFPQOFC_", "BAD_PORT BAD_QUEUE EPERM"},
+      {"OFPSCFC_", "BAD_FLAGS BAD_LEN EPERM"},
+      {"OFPRRFC_", "STALE UNSUP BAD_ROLE"},
+      {"OFPMMFC_",
+       "UNKNOWN METER_EXISTS INVALID_METER UNKNOWN_METER BAD_COMMAND BAD_FLAGS BAD_RATE BAD_BURST BAD_BAND BAD_BAND_VALUE "
+       "OUT_OF_METERS OUT_OF_BANDS"},
+      {"OFPTFFC_", "BAD_TABLE BAD_METADATA BAD_TYPE BAD_LEN BAD_ARGUMENT EPERM"},
+  };
+  if (m.size() < 12 || get(m, 1, 1) != 1) return "";
+  const std::uint64_t type = get(m, 8, 2), code = get(m, 10, 2);
+  std::istringstream names(type < std::size(kNames) ? kNames[type][1] : "");
+  std::string name;
+  for (std::uint64_t i = 0; i <= code && names; ++i) names >> name;
+  return names ? kNames[type][0] + name : std::to_string(type) + "/" + std::to_string(code);
+}
+inline Message data_of(const Message &error) {
+  return Message(error.begin() + 12, error.end());
 }
 
 inline Message hello() {

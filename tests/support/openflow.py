@@ -179,7 +179,10 @@ class Client:
             self.socket.settimeout(self.PATIENCE)
 
 
+ERRORS = {(1, 5): "OFPBRC_EPERM", (5, 0): "OFPFMFC_UNKNOWN"}  # those that come to somebody here
+
+
 def error_of(message):
-    """(type, code, data) of an error message."""
-    kind, code = struct.unpack_from("!HH", message.raw, HEADER.size)
-    return kind, code, message.raw[HEADER.size + 4 :]
+    """(name, data) of an error message; of one that has no name here (type, code)."""
+    numbers = struct.unpack_from("!HH", message.raw, HEADER.size)
+    return ERRORS.get(numbers, numbers), message.raw[HEADER.size + 4 :]

@@ -8,6 +8,7 @@
 namespace {
 
 using namespace of_world;
+using Agent = AgentTest;
 
 // "What it is: bytes".
 using Cases = std::vector<std::string>;
@@ -19,18 +20,18 @@ Message bytes_of(const std::string &input) {
 // ---- handshake
 
 // What is served, and what is refused with an error.
-TEST_F(AgentTest, AgreesOnVersion4OrSaysWhyNot) {
+TEST_F(Agent, AgreesOnVersion4OrSaysWhyNot) {
   const Cases cases = {
       "served a bitmap with version 4: 04000010 00000001 00010008 00000010",
       "served no bitmap, a newer header version: 06000008 00000001",
       "served an older header version with a bitmap with 4: 01000010 00000001 00010008 00000012",
       "served an unknown element before a bitmap of two words: 0400001c 00000001 00ff0005 01000000 0001000c 00000010 00000001",
       "served a body that is no element: 0400000c 00000001 00000000",
-      "0/0 only version 1: 01000008 00000001",
-      "0/0 a bitmap without 4: 06000010 00000001 00010008 00000060",
-      "0/0 not HELLO: 04050008 00000001",
-      "0/0 a length below the header: 04000004 00000001",
-      "0/0 text: 47455420 2f204854 54502f31 2e310d0a"};
+      "OFPHFC_INCOMPATIBLE only version 1: 01000008 00000001",
+      "OFPHFC_INCOMPATIBLE a bitmap without 4: 06000010 00000001 00010008 00000060",
+      "OFPHFC_INCOMPATIBLE not HELLO: 04050008 00000001",
+      "OFPHFC_INCOMPATIBLE a length below the header: 04000004 00000001",
+      "OFPHFC_INCOMPATIBLE text: 47455420 2f204854 54502f31 2e310d0a"};
   for (const std::string &input : cases) {
     SCOPED_TRACE(input);
     Controller peer(port);
@@ -42,7 +43,7 @@ TEST_F(AgentTest, AgreesOnVersion4OrSaysWhyNot) {
       EXPECT_EQ(get(peer.ask(message(5, 77)), 1, 1), 6u);
       continue;
     }
-    EXPECT_EQ(error_of(peer.await(1)), "0/0");
+    EXPECT_EQ(error_of(peer.await(1)), "OFPHFC_INCOMPATIBLE");
     EXPECT_GT(peer.await(1).size(), 12u) << "a text says why";
     EXPECT_TRUE(until([&] { return peer.ended(); }));
   }
@@ -58,7 +59,7 @@ Message request_of(const std::string &input) {
 }
 
 // Requests and what their answers begin with: type, body.
-TEST_F(AgentTest, RequestsAreAnswered) {
+TEST_F(Agent, RequestsAreAnswered) {
   const Cases cases = {
       "FEATURES: 05 -> 06 00000000000000ab 00000000 02 00 0000 00000007 00000000",
       "GET_CONFIG: 07 -> 08 0000 0080",
@@ -161,149 +162,153 @@ class Refused : public AgentTest {
 
 TEST_F(Refused, Requests) {
   const Cases cases = {
-      "1/1 a reply: 06 0000000000000000 00000000 00000000 00000000 00000000",
-      "1/1 type 255: ff",
-      "1/2 multipart type 14: 12 000e 0000 00000000",
-      "1/3 EXPERIMENTER: 04 00002320 00000001",
-      "1/6 FEATURES with a body: 05 00000000",
-      "1/6 FLOW_MOD shorter than a flow-mod: 0e 0000000000000000",
-      "1/6 PACKET_OUT whose actions end outside: 0d ffffffff fffffffd 0018 000000000000 0000 0010 00000002 ffff 000000000000",
-      "1/5 PACKET_OUT without a data plane: 0d ffffffff fffffffd 0000 000000000000 0000000000000000000000000000",
-      "1/6 PACKET_OUT of half a frame: 0d ffffffff fffffffd 0000 000000000000 00000000000000000000000000",
-      "1/6 DESC with a body: 12 0000 0000 00000000 0000000000000000",
-      "1/6 FLOW without its body: 12 0001 0000 00000000",
-      "1/8 PACKET_OUT of a buffered packet: 0d 00000001 fffffffd 0000 000000000000",
-      "1/9 FLOW of table 2: 12 0001 0000 00000000 02000000 ffffffff ffffffff 00000000 0000000000000000 "
+      "OFPBRC_BAD_TYPE a reply: 06 0000000000000000 00000000 00000000 00000000 00000000",
+      "OFPBRC_BAD_TYPE type 255: ff",
+      "OFPBRC_BAD_MULTIPART multipart type 14: 12 000e 0000 00000000",
+      "OFPBRC_BAD_EXPERIMENTER EXPERIMENTER: 04 00002320 00000001",
+      "OFPBRC_BAD_LEN FEATURES with a body: 05 00000000",
+      "OFPBRC_BAD_LEN FLOW_MOD shorter than a flow-mod: 0e 0000000000000000",
+      "OFPBRC_BAD_LEN PACKET_OUT whose actions end outside: 0d ffffffff fffffffd 0018 000000000000 0000 0010 00000002 ffff "
+      "000000000000",
+      "OFPBRC_EPERM PACKET_OUT without a data plane: 0d ffffffff fffffffd 0000 000000000000 0000000000000000000000000000",
+      "OFPBRC_BAD_LEN PACKET_OUT of half a frame: 0d ffffffff fffffffd 0000 000000000000 00000000000000000000000000",
+      "OFPBRC_BAD_LEN DESC with a body: 12 0000 0000 00000000 0000000000000000",
+      "OFPBRC_BAD_LEN FLOW without its body: 12 0001 0000 00000000",
+      "OFPBRC_BUFFER_UNKNOWN PACKET_OUT of a buffered packet: 0d 00000001 fffffffd 0000 000000000000",
+      "OFPBRC_BAD_TABLE_ID FLOW of table 2: 12 0001 0000 00000000 02000000 ffffffff ffffffff 00000000 0000000000000000 "
       "00000000000000000001000400000000",
-      "1/11 PACKET_OUT from a port that is not there: 0d ffffffff 00000009 0000 000000000000",
-      "1/11 PORT_STATS of a port that is not there: 12 0004 0000 00000000 00000009 00000000",
-      "1/13 multipart in more parts: 12 0000 0001 00000000",
-      "2/4 PACKET_OUT to a port that is not there: 0d ffffffff fffffffd 0010 000000000000 0000 0010 00000009 ffff 000000000000",
-      "6/3 GROUP_MOD add: 0f 0000 00 00 00000001",
-      "6/8 GROUP_MOD modify: 0f 0001 00 00 00000001",
-      "6/11 GROUP_MOD command 9: 0f 0009 00 00 00000001",
-      "7/0 PORT_MOD, no port: 10 00000009 00000000 020000000009 0000 00000000 00000000 00000000 00000000",
-      "7/1 PORT_MOD, no such address: 10 00000001 00000000 0a0b0c0d0e0f 0000 00000001 00000001 00000000 00000000",
-      "7/4 PORT_MOD: 10 00000001 00000000 020000000001 0000 00000001 00000001 00000000 00000000",
-      "8/0 TABLE_MOD of table 2: 11 02 000000 00000000",
-      "8/1 TABLE_MOD that configures: 11 00 000000 00000001",
-      "9/0 QUEUE_GET_CONFIG of a port that is not there: 16 00000009 00000000",
-      "10/0 SET_CONFIG that drops fragments: 09 0001 0080",
-      "11/2 ROLE 4: 18 00000004 00000000 0000000000000000",
-      "12/2 meter 0: 1d 0000 0001 00000000",
-      "12/2 all in an add: 1d 0000 0001 ffffffff",
-      "12/3 METER of none: 12 0009 0000 00000000 00000001 00000000",
-      "12/3 a change of no meter: 1d 0001 0001 00000006",
-      "12/4 METER_MOD command 3: 1d 0003 0001 00000006",
-      "12/5 METER_MOD with an unknown flag: 1d 0000 0010 00000006",
-      "12/5 both units: 1d 0000 0003 00000006",
-      "12/6 rate 0: 1d 0000 0001 00000006 0001 0010 00000000 00000000 00000000",
-      "12/8 band type 3: 1d 0000 0001 00000006 0003 0010 00000001 00000000 00000000",
-      "12/9 precedence 64: 1d 0000 0001 00000006 0002 0010 00000001 00000000 40 000000",
-      "1/6 band of another length: 1d 0000 0001 00000006 0001 0008 00000001 00000000 00000000",
-      "13/5 TABLE_FEATURES that sets: 12 000c 0000 00000000 0040 00 0000000000 "
+      "OFPBRC_BAD_PORT PACKET_OUT from a port that is not there: 0d ffffffff 00000009 0000 000000000000",
+      "OFPBRC_BAD_PORT PORT_STATS of a port that is not there: 12 0004 0000 00000000 00000009 00000000",
+      "OFPBRC_MULTIPART_BUFFER_OVERFLOW multipart in more parts: 12 0000 0001 00000000",
+      "OFPBAC_BAD_OUT_PORT PACKET_OUT to a port that is not there: 0d ffffffff fffffffd 0010 000000000000 0000 0010 00000009 "
+      "ffff 000000000000",
+      "OFPGMFC_OUT_OF_GROUPS GROUP_MOD add: 0f 0000 00 00 00000001",
+      "OFPGMFC_UNKNOWN_GROUP GROUP_MOD modify: 0f 0001 00 00 00000001",
+      "OFPGMFC_BAD_COMMAND GROUP_MOD command 9: 0f 0009 00 00 00000001",
+      "OFPPMFC_BAD_PORT PORT_MOD, no port: 10 00000009 00000000 020000000009 0000 00000000 00000000 00000000 00000000",
+      "OFPPMFC_BAD_HW_ADDR PORT_MOD, no such address: 10 00000001 00000000 0a0b0c0d0e0f 0000 00000001 00000001 00000000 00000000",
+      "OFPPMFC_EPERM PORT_MOD: 10 00000001 00000000 020000000001 0000 00000001 00000001 00000000 00000000",
+      "OFPTMFC_BAD_TABLE TABLE_MOD of table 2: 11 02 000000 00000000",
+      "OFPTMFC_BAD_CONFIG TABLE_MOD that configures: 11 00 000000 00000001",
+      "OFPQOFC_BAD_PORT QUEUE_GET_CONFIG of a port that is not there: 16 00000009 00000000",
+      "OFPSCFC_BAD_FLAGS SET_CONFIG that drops fragments: 09 0001 0080",
+      "OFPRRFC_BAD_ROLE ROLE 4: 18 00000004 00000000 0000000000000000",
+      "OFPMMFC_INVALID_METER meter 0: 1d 0000 0001 00000000",
+      "OFPMMFC_INVALID_METER all in an add: 1d 0000 0001 ffffffff",
+      "OFPMMFC_UNKNOWN_METER METER of none: 12 0009 0000 00000000 00000001 00000000",
+      "OFPMMFC_UNKNOWN_METER a change of no meter: 1d 0001 0001 00000006",
+      "OFPMMFC_BAD_COMMAND METER_MOD command 3: 1d 0003 0001 00000006",
+      "OFPMMFC_BAD_FLAGS METER_MOD with an unknown flag: 1d 0000 0010 00000006",
+      "OFPMMFC_BAD_FLAGS both units: 1d 0000 0003 00000006",
+      "OFPMMFC_BAD_RATE rate 0: 1d 0000 0001 00000006 0001 0010 00000000 00000000 00000000",
+      "OFPMMFC_BAD_BAND band type 3: 1d 0000 0001 00000006 0003 0010 00000001 00000000 00000000",
+      "OFPMMFC_BAD_BAND_VALUE precedence 64: 1d 0000 0001 00000006 0002 0010 00000001 00000000 40 000000",
+      "OFPBRC_BAD_LEN band of another length: 1d 0000 0001 00000006 0001 0008 00000001 00000000 00000000",
+      "OFPTFFC_EPERM TABLE_FEATURES that sets: 12 000c 0000 00000000 0040 00 0000000000 "
       "0000000000000000000000000000000000000000000000000000000000000000 0000000000000000 0000000000000000 00000000 00000000"};
   expect_refused(cases, request_of);
 }
 
 TEST_F(Refused, FlowsForTheirMatch) {
   const Cases cases = {
-      "4/1 unmasked length of a masked field: 80000a020800 80001904 0a000001",
-      "4/1 longer than the field: 80000a04 08000000",
-      "4/1 longer than the match: 80000004 0000",
-      "4/1 ends within a header: 80000004 00000001 8000",
-      "4/1 wrong length of the experimenter's field: ffff0206 004b454c 0003",
-      "4/5 value bit where the mask is 0: 80000a020800 80001908 0a000001 ffffff00",
-      "4/6 ip_ecn: 80000a020800 8000120101",
-      "4/6 no such field: 80007e02 0001",
-      "4/6 no such class: 00010004 00000001",
-      "4/6 another experimenter: ffff0208 00002320 00000003",
-      "4/6 another field of the experimenter: ffff0408 004b454c 00000003",
-      "4/7 in_port 0: 80000004 00000000",
-      "4/7 in_port CONTROLLER: 80000004 fffffffd",
-      "4/7 vlan_vid present only: 80000d04 1000 1000",
-      "4/7 vlan_vid without OFPVID_PRESENT: 80000c02 0064",
-      "4/7 its mask without it: 80000d04 0064 0fff",
-      "4/7 vlan_vid 4095: 80000c02 1fff",
-      "4/7 vlan_vid above its bits: 80000c02 3064",
-      "4/7 vlan_pcp 8: 80000c021064 80000e0108",
-      "4/7 ipv6_exthdr above its bits: 80000a0286dd 80004e02 0200",
-      "4/8 mask on in_port: 80000108 00000001 ffffffff",
-      "4/9 of IPv6: 80000a0286dd 80001804 0a000001",
-      "4/9 ipv6_exthdr of IPv4: 80000a020800 80004e02 0041",
-      "4/9 tcp_dst without ip_proto: 80000a020800 80001c02 0050",
-      "4/9 of UDP: 80000a020800 8000140111 80001c02 0050",
-      "4/9 udp_dst of TCP: 80000a020800 8000140106 80002002 0050",
-      "4/9 icmpv4_type of IPv6: 80000a0286dd 8000140101 8000260108",
-      "4/9 icmpv6_type of ICMP: 80000a0286dd 8000140101 80003a0187",
-      "4/9 vlan_pcp without vlan_vid: 80000e0101",
-      "4/9 ip_dscp without eth_type: 8000100101",
-      "4/10 a field twice, once with a mask of nothing: 80000a020800 80001908 00000000 00000000 80001804 0a000001"};
+      "OFPBMC_BAD_LEN unmasked length of a masked field: 80000a020800 80001904 0a000001",
+      "OFPBMC_BAD_LEN longer than the field: 80000a04 08000000",
+      "OFPBMC_BAD_LEN longer than the match: 80000004 0000",
+      "OFPBMC_BAD_LEN ends within a header: 80000004 00000001 8000",
+      "OFPBMC_BAD_LEN wrong length of the experimenter's field: ffff0206 004b454c 0003",
+      "OFPBMC_BAD_WILDCARDS value bit where the mask is 0: 80000a020800 80001908 0a000001 ffffff00",
+      "OFPBMC_BAD_FIELD ip_ecn: 80000a020800 8000120101",
+      "OFPBMC_BAD_FIELD no such field: 80007e02 0001",
+      "OFPBMC_BAD_FIELD no such class: 00010004 00000001",
+      "OFPBMC_BAD_FIELD another experimenter: ffff0208 00002320 00000003",
+      "OFPBMC_BAD_FIELD another field of the experimenter: ffff0408 004b454c 00000003",
+      "OFPBMC_BAD_VALUE in_port 0: 80000004 00000000",
+      "OFPBMC_BAD_VALUE in_port CONTROLLER: 80000004 fffffffd",
+      "OFPBMC_BAD_VALUE vlan_vid present only: 80000d04 1000 1000",
+      "OFPBMC_BAD_VALUE vlan_vid without OFPVID_PRESENT: 80000c02 0064",
+      "OFPBMC_BAD_VALUE its mask without it: 80000d04 0064 0fff",
+      "OFPBMC_BAD_VALUE vlan_vid 4095: 80000c02 1fff",
+      "OFPBMC_BAD_VALUE vlan_vid above its bits: 80000c02 3064",
+      "OFPBMC_BAD_VALUE vlan_pcp 8: 80000c021064 80000e0108",
+      "OFPBMC_BAD_VALUE ipv6_exthdr above its bits: 80000a0286dd 80004e02 0200",
+      "OFPBMC_BAD_MASK mask on in_port: 80000108 00000001 ffffffff",
+      "OFPBMC_BAD_PREREQ of IPv6: 80000a0286dd 80001804 0a000001",
+      "OFPBMC_BAD_PREREQ ipv6_exthdr of IPv4: 80000a020800 80004e02 0041",
+      "OFPBMC_BAD_PREREQ tcp_dst without ip_proto: 80000a020800 80001c02 0050",
+      "OFPBMC_BAD_PREREQ of UDP: 80000a020800 8000140111 80001c02 0050",
+      "OFPBMC_BAD_PREREQ udp_dst of TCP: 80000a020800 8000140106 80002002 0050",
+      "OFPBMC_BAD_PREREQ icmpv4_type of IPv6: 80000a0286dd 8000140101 8000260108",
+      "OFPBMC_BAD_PREREQ icmpv6_type of ICMP: 80000a0286dd 8000140101 80003a0187",
+      "OFPBMC_BAD_PREREQ vlan_pcp without vlan_vid: 80000e0101",
+      "OFPBMC_BAD_PREREQ ip_dscp without eth_type: 8000100101",
+      "OFPBMC_DUP_FIELD a field twice, once with a mask of nothing: 80000a020800 80001908 00000000 00000000 80001804 0a000001"};
   expect_flows_refused(cases, [](const Message &fields) { return FlowMod{.fields = fields}; });
 }
 
 constexpr char kTaggedIp[] = "80000a020800 80000c021064";
 
 TEST_F(Refused, FlowsForTheirInstructions) {
-  const Cases cases = {"3/0 type 0: 0000 0008 00000000",
-                       "3/0 type 7: 0007 0008 00000000",
-                       "3/1 APPLY_ACTIONS twice: 0004 0008 00000000 0004 0008 00000000",
-                       "3/2 GOTO_TABLE: 0001 0008 01 000000",
-                       "3/3 WRITE_METADATA: 0002 0018 00000000 0000000000000001 ffffffffffffffff",
-                       "3/5 an experimenter's: ffff 0008 00002320",
-                       "3/7 longer than the message: 0004 0010 00000000",
-                       "3/7 length 4: 0004 0004 00000000",
-                       "3/7 CLEAR_ACTIONS with something in it: 0005 0010 00000000 0000000000000000",
-                       "12/2 meter 0: 0006 0008 00000000"};
+  const Cases cases = {"OFPBIC_UNKNOWN_INST type 0: 0000 0008 00000000",
+                       "OFPBIC_UNKNOWN_INST type 7: 0007 0008 00000000",
+                       "OFPBIC_UNSUP_INST APPLY_ACTIONS twice: 0004 0008 00000000 0004 0008 00000000",
+                       "OFPBIC_BAD_TABLE_ID GOTO_TABLE: 0001 0008 01 000000",
+                       "OFPBIC_UNSUP_METADATA WRITE_METADATA: 0002 0018 00000000 0000000000000001 ffffffffffffffff",
+                       "OFPBIC_BAD_EXPERIMENTER an experimenter's: ffff 0008 00002320",
+                       "OFPBIC_BAD_LEN longer than the message: 0004 0010 00000000",
+                       "OFPBIC_BAD_LEN length 4: 0004 0004 00000000",
+                       "OFPBIC_BAD_LEN CLEAR_ACTIONS with something in it: 0005 0010 00000000 0000000000000000",
+                       "OFPMMFC_INVALID_METER meter 0: 0006 0008 00000000"};
   expect_flows_refused(cases, [](const Message &list) { return FlowMod{.fields = hex(kTaggedIp), .instructions = list}; });
 }
 
 TEST_F(Refused, FlowsForTheirActions) {
   const Cases cases = {
-      "2/0 pop_vlan: 0012 0008 00000000",
-      "2/1 output of length 8: 0000 0008 00000001",
-      "2/1 length 0: 0000 0000 00000001",
-      "2/1 longer than the list: 0000 0018 00000001 0000 000000000000",
-      "2/2 an experimenter's: ffff 0008 00002320",
-      "2/4 no such port: 0000 0010 00000003 0000 000000000000",
-      "2/4 TABLE: 0000 0010 fffffff9 0000 000000000000",
-      "2/4 LOCAL: 0000 0010 fffffffe 0000 000000000000",
-      "2/7 two outputs: 0000 0010 00000001 0000 000000000000 0000 0010 00000002 0000 000000000000",
-      "2/8 queue 0: 0015 0008 00000000",
-      "2/8 queue 9: 0015 0008 00000009",
-      "2/9 group: 0016 0008 00000001",
-      "2/11 set-field after the output: 0000 0010 00000001 0000 000000000000 0019 0010 80000606 010203040506 0000",
-      "2/11 set_queue after the output: 0000 0010 00000001 0000 000000000000 0015 0008 00000001",
-      "2/13 ipv4_dst: 0019 0010 80001804 0a000001 00000000",
-      "2/13 a mask: 0019 0018 8000070c 010203040506 ffffffffffff 00000000",
-      "2/14 vlan_vid with 4 bytes: 0019 0010 80000c04 00001005 00000000",
-      "2/14 too short an action: 0019 0008 80000606",
-      "2/15 vlan_vid 4095: 0019 0010 80000c02 1fff 000000000000",
-      "2/15 without OFPVID_PRESENT: 0019 0010 80000c02 0005 000000000000"};
+      "OFPBAC_BAD_TYPE pop_vlan: 0012 0008 00000000",
+      "OFPBAC_BAD_LEN output of length 8: 0000 0008 00000001",
+      "OFPBAC_BAD_LEN length 0: 0000 0000 00000001",
+      "OFPBAC_BAD_LEN longer than the list: 0000 0018 00000001 0000 000000000000",
+      "OFPBAC_BAD_EXPERIMENTER an experimenter's: ffff 0008 00002320",
+      "OFPBAC_BAD_OUT_PORT no such port: 0000 0010 00000003 0000 000000000000",
+      "OFPBAC_BAD_OUT_PORT TABLE: 0000 0010 fffffff9 0000 000000000000",
+      "OFPBAC_BAD_OUT_PORT LOCAL: 0000 0010 fffffffe 0000 000000000000",
+      "OFPBAC_TOO_MANY two outputs: 0000 0010 00000001 0000 000000000000 0000 0010 00000002 0000 000000000000",
+      "OFPBAC_BAD_QUEUE queue 0: 0015 0008 00000000",
+      "OFPBAC_BAD_QUEUE queue 9: 0015 0008 00000009",
+      "OFPBAC_BAD_OUT_GROUP group: 0016 0008 00000001",
+      "OFPBAC_UNSUPPORTED_ORDER set-field after the output: 0000 0010 00000001 0000 000000000000 0019 0010 80000606 010203040506 "
+      "0000",
+      "OFPBAC_UNSUPPORTED_ORDER set_queue after the output: 0000 0010 00000001 0000 000000000000 0015 0008 00000001",
+      "OFPBAC_BAD_SET_TYPE ipv4_dst: 0019 0010 80001804 0a000001 00000000",
+      "OFPBAC_BAD_SET_TYPE a mask: 0019 0018 8000070c 010203040506 ffffffffffff 00000000",
+      "OFPBAC_BAD_SET_LEN vlan_vid with 4 bytes: 0019 0010 80000c04 00001005 00000000",
+      "OFPBAC_BAD_SET_LEN too short an action: 0019 0008 80000606",
+      "OFPBAC_BAD_SET_ARGUMENT vlan_vid 4095: 0019 0010 80000c02 1fff 000000000000",
+      "OFPBAC_BAD_SET_ARGUMENT without OFPVID_PRESENT: 0019 0010 80000c02 0005 000000000000"};
   expect_flows_refused(
       cases, [](const Message &list) { return FlowMod{.fields = hex(kTaggedIp), .instructions = of_wire::apply(list)}; });
-  const Cases untagged = {"2/10 vlan_pcp: 0019 0010 80000e01 01 00000000000000",
-                          "2/10 vlan_vid: 0019 0010 80000c02 1005 000000000000",
-                          "2/10 ip_dscp: 0019 0010 80001001 01 00000000000000"};
+  const Cases untagged = {"OFPBAC_MATCH_INCONSISTENT vlan_pcp: 0019 0010 80000e01 01 00000000000000",
+                          "OFPBAC_MATCH_INCONSISTENT vlan_vid: 0019 0010 80000c02 1005 000000000000",
+                          "OFPBAC_MATCH_INCONSISTENT ip_dscp: 0019 0010 80001001 01 00000000000000"};
   expect_flows_refused(untagged, [](const Message &list) { return FlowMod{.instructions = of_wire::apply(list)}; });
   Message many;
   for (int i = 0; i < 200; ++i) append(many, hex("0019 0010 80000606 010203040506 0000"));
-  EXPECT_EQ(error_of(c.ask(flow_mod({.instructions = of_wire::apply(many)}))), "2/7") << "more than fit";
+  EXPECT_EQ(error_of(c.ask(flow_mod({.instructions = of_wire::apply(many)}))), "OFPBAC_TOO_MANY") << "more than fit";
 }
 
 TEST_F(Refused, FlowsForTheirHead) {
-  EXPECT_EQ(error_of(c.ask(flow_mod({.table = 2}))), "5/2");
-  EXPECT_EQ(error_of(c.ask(flow_mod({.table = 255}))), "5/2") << "all tables in an add";
-  EXPECT_EQ(error_of(c.ask(flow_mod({.command = 5}))), "5/6");
-  EXPECT_EQ(error_of(c.ask(flow_mod({.flags = 32}))), "5/7");
-  EXPECT_EQ(error_of(c.ask(flow_mod({.buffer = 1}))), "1/8");
-  EXPECT_EQ(error_of(c.ask(flow_mod({.table = 1, .fields = hex("ffff0208 004b454c 00000005")}))), "4/7") << "not the chain's";
+  EXPECT_EQ(error_of(c.ask(flow_mod({.table = 2}))), "OFPFMFC_BAD_TABLE_ID");
+  EXPECT_EQ(error_of(c.ask(flow_mod({.table = 255}))), "OFPFMFC_BAD_TABLE_ID") << "all tables in an add";
+  EXPECT_EQ(error_of(c.ask(flow_mod({.command = 5}))), "OFPFMFC_BAD_COMMAND");
+  EXPECT_EQ(error_of(c.ask(flow_mod({.flags = 32}))), "OFPFMFC_BAD_FLAGS");
+  EXPECT_EQ(error_of(c.ask(flow_mod({.buffer = 1}))), "OFPBRC_BUFFER_UNKNOWN");
+  EXPECT_EQ(error_of(c.ask(flow_mod({.table = 1, .fields = hex("ffff0208 004b454c 00000005")}))), "OFPBMC_BAD_VALUE")
+      << "not the chain's";
   Message other_match = flow_mod({});
   other_match[49] = std::byte{0};
-  EXPECT_EQ(error_of(c.ask(other_match)), "4/0");
+  EXPECT_EQ(error_of(c.ask(other_match)), "OFPBMC_BAD_TYPE");
 }
 
-TEST_F(AgentTest, TableFeaturesAreWholeAndPadded) {
+TEST_F(Agent, TableFeaturesAreWholeAndPadded) {
   const Message reply = c.ask(message(18, 5, hex("000c 0000 00000000")));
   std::size_t tables = 0;
   for (std::size_t at = 16; at < reply.size(); ++tables) {
@@ -322,11 +327,11 @@ TEST_F(AgentTest, TableFeaturesAreWholeAndPadded) {
 }
 
 // A message of another version is refused and the connection goes on; transaction number 0 is as good as any.
-TEST_F(AgentTest, UnusualHeadersAreAnswered) {
+TEST_F(Agent, UnusualHeadersAreAnswered) {
   daemon.hold_barriers(true);
-  EXPECT_EQ(error_of(c.ask(hex("01050008 00000009"))), "1/0");
+  EXPECT_EQ(error_of(c.ask(hex("01050008 00000009"))), "OFPBRC_BAD_VERSION");
   EXPECT_EQ(to_hex(c.ask(barrier(0))), "0415000800000000") << "with nothing to wait for at once";
-  EXPECT_EQ(error_of(c.ask(hex("04050004 00000009"))), "1/6") << "a length below the header";
+  EXPECT_EQ(error_of(c.ask(hex("04050004 00000009"))), "OFPBRC_BAD_LEN") << "a length below the header";
   EXPECT_TRUE(until([&] { return c.ended(); }));
 }
 
@@ -336,7 +341,7 @@ Message role_request(std::uint32_t role, std::uint64_t generation) {
   return message(24, 0x401e, pack({{role, 4}, {0, 4}, {generation, 8}}));
 }
 
-TEST_F(AgentTest, RolesFollowTheGenerationAndLeaveOneMaster) {
+TEST_F(Agent, RolesFollowTheGenerationAndLeaveOneMaster) {
   Controller other;
   come_up(other);
   const auto role = [](Controller &of, std::uint32_t wanted, std::uint64_t generation) {
@@ -345,7 +350,7 @@ TEST_F(AgentTest, RolesFollowTheGenerationAndLeaveOneMaster) {
   };
   EXPECT_EQ(role(c, 0, 0), "1:ffffffffffffffff") << "equal, no generation yet";
   EXPECT_EQ(role(c, 2, 5), "2:0000000000000005");
-  EXPECT_EQ(role(other, 2, 4), "11/0") << "older";
+  EXPECT_EQ(role(other, 2, 4), "OFPRRFC_STALE") << "older";
   EXPECT_EQ(role(other, 2, 6), "2:0000000000000006");
   EXPECT_EQ(role(c, 0, 0), "3:0000000000000006") << "the other master is slave now";
   const Message writes[] = {
@@ -356,20 +361,20 @@ TEST_F(AgentTest, RolesFollowTheGenerationAndLeaveOneMaster) {
       message(17, 6, hex("00 000000 00000000")),
       message(29, 6, hex("0000 0001 00000005 0001 0010 00000064 00000000 00000000")),
   };
-  for (const Message &write : writes) EXPECT_EQ(error_of(c.ask(write)), "1/10") << get(write, 1, 1);
+  for (const Message &write : writes) EXPECT_EQ(error_of(c.ask(write)), "OFPBRC_IS_SLAVE") << get(write, 1, 1);
   EXPECT_TRUE(daemon.flows(true).empty() && daemon.of_type(southbound::kMeterMod).empty());
   EXPECT_EQ(role(other, 2, 6), "2:0000000000000006") << "the same again";
   EXPECT_EQ(role(c, 1, 0), "1:0000000000000006") << "equal needs no generation";
   apply(flow_mod(ipv4_flow(1, 8)));
   EXPECT_EQ(daemon.flows(true).size(), 1u);
   EXPECT_EQ(role(c, 2, 0x8000000000000005), "2:8000000000000005");
-  EXPECT_EQ(role(c, 2, 6), "11/0") << "numbers compare as on a circle";
+  EXPECT_EQ(role(c, 2, 6), "OFPRRFC_STALE") << "numbers compare as on a circle";
   EXPECT_EQ(role(c, 2, 4), "2:0000000000000004");
 }
 
 // ---- what the daemon is told of controllers
 
-TEST_F(AgentTest, TheDaemonHearsOfTheFirstAndTheLastController) {
+TEST_F(Agent, TheDaemonHearsOfTheFirstAndTheLastController) {
   const auto told = [this](std::uint16_t type) { return daemon.told(type); };
   const std::string lo = to_hex(le(if_nametoindex("lo")));
   {
@@ -396,7 +401,7 @@ TEST_F(AgentTest, TheDaemonHearsOfTheFirstAndTheLastController) {
   EXPECT_EQ(told(southbound::kDsStart), "") << "controllers that come and go start no synchronisation";
 }
 
-TEST_F(AgentTest, TheDaemonIsToldWhenTheInterfacesOfTheControllersChange) {
+TEST_F(Agent, TheDaemonIsToldWhenTheInterfacesOfTheControllersChange) {
   ifaddrs *all = nullptr;
   ASSERT_EQ(getifaddrs(&all), 0);
   const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> owner(all, freeifaddrs);
@@ -417,7 +422,7 @@ TEST_F(AgentTest, TheDaemonIsToldWhenTheInterfacesOfTheControllersChange) {
 }
 
 // What was announced or withdrawn while the database was away, or before a restart, is lost.
-TEST_F(AgentTest, ASynchronisationAnnouncesTheControllersThatAreThereAndWithdrawsTheOthers) {
+TEST_F(Agent, ASynchronisationAnnouncesTheControllersThatAreThereAndWithdrawsTheOthers) {
   SPolicyKelim__OncIpKey key = S_POLICY_KELIM__ONC_IP_KEY__INIT;
   key.ip = inet_addr("10.9.8.7");
   store(SPolicyKelim__OncIp S_POLICY_KELIM__ONC_IP__INIT, key);
@@ -434,7 +439,7 @@ TEST_F(AgentTest, ASynchronisationAnnouncesTheControllersThatAreThereAndWithdraw
 
 // ---- hostile and broken peers; another controller is served as before
 
-TEST_F(AgentTest, TheLimitOfConnectionsHolds) {
+TEST_F(Agent, TheLimitOfConnectionsHolds) {
   // More at a time than there are numbers, and none says anything, or more than HELLO and ECHO: the oldest make room.
   std::vector<std::unique_ptr<Controller>> silent, all;
   for (int i = 0; i < 600; ++i) silent.push_back(std::make_unique<Controller>(port));
@@ -457,13 +462,13 @@ TEST_F(AgentTest, TheLimitOfConnectionsHolds) {
   EXPECT_TRUE(c.settle());
 }
 
-TEST_F(AgentTest, AMessageInPiecesIsPutTogether) {
+TEST_F(Agent, AMessageInPiecesIsPutTogether) {
   for (const std::byte b : flow_mod(ipv4_flow(0x0a000001, 5))) ASSERT_TRUE(c.send({b}));
   EXPECT_TRUE(c.settle());
   EXPECT_EQ(daemon.flows(true).size(), 1u);
 }
 
-TEST_F(AgentTest, APeerThatDoesNotReadIsNotServedWithoutEnd) {
+TEST_F(Agent, APeerThatDoesNotReadIsNotServedWithoutEnd) {
   Message flows, many;
   for (std::uint32_t i = 0; i < 2000; ++i) append(flows, flow_mod(ipv4_flow(i, i)));
   apply(flows);
@@ -475,7 +480,7 @@ TEST_F(AgentTest, APeerThatDoesNotReadIsNotServedWithoutEnd) {
 }
 
 // None of them holds as much as one may.
-TEST_F(AgentTest, PeersThatDoNotReadDoNotTakeTheMemoryTogether) {
+TEST_F(Agent, PeersThatDoNotReadDoNotTakeTheMemoryTogether) {
   std::vector<std::unique_ptr<Controller>> deaf(200);
   for (auto &peer : deaf) {
     peer = std::make_unique<Controller>();

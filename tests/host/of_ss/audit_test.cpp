@@ -82,7 +82,7 @@ TEST_F(Audit, WhatFailsForWantOfTheDatabaseStaysAndIsReplayed) {
   PlayedDaemon::fail(5, 2);
   PlayedDaemon::fail_meter(5, 1);
   c.await(1, 2);
-  EXPECT_EQ(errors(), (Strings{"5/0 75", "12/0 76"}));
+  EXPECT_EQ(errors(), (Strings{"OFPFMFC_UNKNOWN 75", "OFPMMFC_UNKNOWN 76"}));
   daemon.answer_barriers();
   connect_again(true);
   daemon.forget();

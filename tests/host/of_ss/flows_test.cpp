@@ -9,6 +9,7 @@
 namespace {
 
 using namespace of_world;
+using AgentFlows = AgentTest;
 
 FlowMod with_output(FlowMod f, std::uint32_t port) {
   f.instructions = of_wire::apply(output(port));
@@ -142,7 +143,7 @@ TEST_F(Readings, OfAFlow) {
 
 // ---- hand-over, barriers, late errors
 
-TEST_F(AgentTest, ABarrierWaitsForWhatWasHandedOverBeforeIt) {
+TEST_F(AgentFlows, ABarrierWaitsForWhatWasHandedOverBeforeIt) {
   apply(flow_mod(ipv4_flow(3)));
   daemon.forget();
   const auto barriers = [this] { return c.of_type(21).size(); };
@@ -172,7 +173,7 @@ TEST_F(AgentTest, ABarrierWaitsForWhatWasHandedOverBeforeIt) {
 }
 
 // What a reply says of its own length does not matter, neither to it nor to those behind it.
-TEST_F(AgentTest, ABarrierReplyIsAsLongAsTheDaemonHandsItOver) {
+TEST_F(AgentFlows, ABarrierReplyIsAsLongAsTheDaemonHandsItOver) {
   for (const std::uint16_t length : {0, 20, 23, 25, 65535}) {
     daemon.claim_barrier_length(length);
     apply(flow_mod(ipv4_flow(length)) + flow_mod(ipv4_flow(length, 1)));
@@ -181,7 +182,7 @@ TEST_F(AgentTest, ABarrierReplyIsAsLongAsTheDaemonHandsItOver) {
 }
 
 // Some controllers number a batch and its barrier alike.
-TEST_F(AgentTest, AFlowThatFailsLaterIsAnsweredOnceWithTheRequestAndBeforeTheBarrier) {
+TEST_F(AgentFlows, AFlowThatFailsLaterIsAnsweredOnceWithTheRequestAndBeforeTheBarrier) {
   FlowMod f = ipv4_flow(1, 10);
   f.cookie = 0x1122334455667788;
   const Message request = flow_mod(f);
@@ -191,13 +192,13 @@ TEST_F(AgentTest, AFlowThatFailsLaterIsAnsweredOnceWithTheRequestAndBeforeTheBar
   EXPECT_EQ(get(c.await(21), 4, 4), 11u);
   ASSERT_EQ(c.received().size(), 3u);
   EXPECT_EQ(get(c.received()[2], 1, 1), 21u);
-  EXPECT_EQ(errors(), (Strings{"5/1 10", "5/0 11"}));
+  EXPECT_EQ(errors(), (Strings{"OFPFMFC_TABLE_FULL 10", "OFPFMFC_UNKNOWN 11"}));
   EXPECT_EQ(to_hex(data_of(c.received()[0])), to_hex(std::span(request).first(64)));
   EXPECT_TRUE(dump().empty()) << "a failed flow is no longer desired";
   EXPECT_TRUE(daemon.flows(false).empty()) << "the daemon has dropped it itself";
 }
 
-TEST_F(AgentTest, AReplyGoesToTheConnectionThatAskedNotToItsNumber) {
+TEST_F(AgentFlows, AReplyGoesToTheConnectionThatAskedNotToItsNumber) {
   daemon.hold_barriers(true);
   {
     Controller gone(port);
@@ -215,7 +216,7 @@ TEST_F(AgentTest, AReplyGoesToTheConnectionThatAskedNotToItsNumber) {
 }
 
 // What a change leaves as it is asks for no answer, and takes none from the request before.
-TEST_F(AgentTest, AChangeOfManyFlowsFailsOnceAndByItself) {
+TEST_F(AgentFlows, AChangeOfManyFlowsFailsOnceAndByItself) {
   Message three;
   for (const std::uint32_t number : {1, 2, 3}) {
     FlowMod f = with_output(ipv4_flow(number), number == 3 ? 7 : 2);
@@ -229,7 +230,7 @@ TEST_F(AgentTest, AChangeOfManyFlowsFailsOnceAndByItself) {
   for (const std::uint64_t index : {6, 5, 4}) PlayedDaemon::fail(index, 2);
   daemon.answer_barriers();
   c.await(21);
-  EXPECT_EQ(errors(), (Strings{"5/0 71", "5/0 70"}));
+  EXPECT_EQ(errors(), (Strings{"OFPFMFC_UNKNOWN 71", "OFPFMFC_UNKNOWN 70"}));
   const auto left = dump();
   ASSERT_EQ(left.size(), 3u) << "the old forms stay in force";
   EXPECT_EQ(std::count_if(left.begin(), left.end(), [](const Message &m) { return output_of(m) == 2; }), 2);
@@ -292,7 +293,7 @@ TEST_F(InPieces, ADeleteOfVeryManyFlowsIsHandedOver) {
   }
 }
 
-TEST_F(AgentTest, MoreThanTheWindowWaitsAndIsNotLost) {
+TEST_F(AgentFlows, MoreThanTheWindowWaitsAndIsNotLost) {
   constexpr std::uint32_t kFlows = 80'000;
   host::clock::stop();  // however long it takes, nothing is given up
   Message burst;
@@ -309,7 +310,7 @@ TEST_F(AgentTest, MoreThanTheWindowWaitsAndIsNotLost) {
 }
 
 // What a controller has under way is bounded, and what is left of controllers that came and went as well.
-TEST_F(AgentTest, BarriersWithoutEndAreNotTakenWithoutEnd) {
+TEST_F(AgentFlows, BarriersWithoutEndAreNotTakenWithoutEnd) {
   const auto under_way = [this](std::size_t most) {
     const auto count = [this] { return daemon.seen(southbound::kBarrierRequest); };
     until([&] { return count() >= most; });
@@ -341,7 +342,7 @@ TEST_F(AgentTest, BarriersWithoutEndAreNotTakenWithoutEnd) {
 // ---- changes
 
 // A changed flow gets a new index first, and the old one goes when the new one is in.
-TEST_F(AgentTest, AChangeThatFailsLeavesTheOldFlowAndOneThatSucceedsReplacesIt) {
+TEST_F(AgentFlows, AChangeThatFailsLeavesTheOldFlowAndOneThatSucceedsReplacesIt) {
   apply(flow_mod(ipv4_flow(1)));
   PlayedDaemon::report(1, 10, 1000);
   const Message change = flow_mod(with_output(ipv4_flow(1, 30), 7));
@@ -349,7 +350,7 @@ TEST_F(AgentTest, AChangeThatFailsLeavesTheOldFlowAndOneThatSucceedsReplacesIt) 
   PlayedDaemon::fail(2, 1);
   daemon.answer_barriers();
   ASSERT_TRUE(c.settle());
-  EXPECT_EQ(errors(), Strings{"5/1 30"});
+  EXPECT_EQ(errors(), Strings{"OFPFMFC_TABLE_FULL 30"});
   EXPECT_EQ(std::pair(output_of(dump().at(0)), packets_of(dump().at(0))), std::pair(2ul, 10ul));
   hand_over(change, 3);
   EXPECT_TRUE(deleted().empty());
@@ -372,7 +373,7 @@ TEST_F(AgentTest, AChangeThatFailsLeavesTheOldFlowAndOneThatSucceedsReplacesIt) 
 }
 
 // A full table has no room for two forms of a flow: the old one goes first, and is put back, once, when the new one fails.
-TEST_F(AgentTest, AChangeInAFullTableIsMadeInPlace) {
+TEST_F(AgentFlows, AChangeInAFullTableIsMadeInPlace) {
   PlayedDaemon::capacity(2);
   FlowMod kept = ipv4_flow(1), m = with_output(ipv4_flow(1, 30), 7);
   kept.flags = 1, m.command = 2;
@@ -389,7 +390,7 @@ TEST_F(AgentTest, AChangeInAFullTableIsMadeInPlace) {
     ASSERT_TRUE(until([this] { return daemon.flows(true).size() == 2; }));
     daemon.answer_barriers();
     ASSERT_TRUE(c.settle());
-    EXPECT_EQ(errors(), Strings{"5/1 30"});
+    EXPECT_EQ(errors(), Strings{"OFPFMFC_TABLE_FULL 30"});
     EXPECT_TRUE(c.of_type(11).empty());
     EXPECT_EQ(std::pair(output_of(daemon.flows(true)[1]), index_of(daemon.flows(true)[1])), std::pair(0x02000000ul, index + 1));
     EXPECT_EQ(dump().size(), 2u);
@@ -407,7 +408,7 @@ TEST_F(AgentTest, AChangeInAFullTableIsMadeInPlace) {
 }
 
 // An add does not look at the filters of a delete.
-TEST_F(AgentTest, TheSameFlowAgainIsNotHandedOverAgain) {
+TEST_F(AgentFlows, TheSameFlowAgainIsNotHandedOverAgain) {
   FlowMod f = ipv4_flow(1);
   f.out_port = 0, f.out_group = 0, f.cookie_mask = 0xff;
   apply(flow_mod(f));
@@ -424,7 +425,7 @@ TEST_F(AgentTest, TheSameFlowAgainIsNotHandedOverAgain) {
   EXPECT_EQ(dump().size(), 1u);
 }
 
-TEST_F(AgentTest, AModifyChangesTheActionsAndNothingElse) {
+TEST_F(AgentFlows, AModifyChangesTheActionsAndNothingElse) {
   FlowMod f = ipv4_flow(1);
   f.cookie = 9, f.idle = 30, f.hard = 40, f.priority = 7;
   apply(flow_mod(f));
@@ -448,7 +449,7 @@ TEST_F(AgentTest, AModifyChangesTheActionsAndNothingElse) {
   EXPECT_TRUE(errors().empty());
 }
 
-TEST_F(AgentTest, DeletingEverythingWhileFlowsAreOutstandingAnswersEveryBarrier) {
+TEST_F(AgentFlows, DeletingEverythingWhileFlowsAreOutstandingAnswersEveryBarrier) {
   hand_over(flow_mod(ipv4_flow(1)) + barrier(1) + flow_mod(ipv4_flow(2)) + flow_mod(everything()) + barrier(2), 2);
   ASSERT_TRUE(until([this] { return !daemon.told(PlayedDaemon::kDelAllFlows).empty(); }));
   EXPECT_TRUE(c.of_type(21).empty());
@@ -458,23 +459,23 @@ TEST_F(AgentTest, DeletingEverythingWhileFlowsAreOutstandingAnswersEveryBarrier)
   EXPECT_TRUE(dump().empty());
 }
 
-TEST_F(AgentTest, ARefusedFlowTellsTheMeterTheOverlapAndTheRoom) {
+TEST_F(AgentFlows, ARefusedFlowTellsTheMeterTheOverlapAndTheRoom) {
   PlayedDaemon::capacity(2);
   FlowMod metered = ipv4_flow(1, 40);
   metered.instructions = hex("00060008 00000005") + metered.instructions;
-  EXPECT_EQ(error_of(c.ask(flow_mod(metered))), "12/3");
+  EXPECT_EQ(error_of(c.ask(flow_mod(metered))), "OFPMMFC_UNKNOWN_METER");
   apply(flow_mod(ipv4_flow(1)));
   FlowMod other = with_output({}, 7);
   other.flags = 2;
   for (const char *overlaps : {"80000a020800", "80000606 010203040506", "80000a020800 80001908 00000000 ff000000"}) {
     other.fields = hex(overlaps);
-    EXPECT_EQ(error_of(c.ask(flow_mod(other))), "5/3") << overlaps;
+    EXPECT_EQ(error_of(c.ask(flow_mod(other))), "OFPFMFC_OVERLAP") << overlaps;
   }
   c.forget();
   other.fields = hex("80000a020800 80001908 01000000 ff000000");
   apply(flow_mod(other));
   EXPECT_TRUE(errors().empty());
-  EXPECT_EQ(error_of(c.ask(flow_mod(ipv4_flow(3)))), "5/1") << "the table is as large as the daemon says";
+  EXPECT_EQ(error_of(c.ask(flow_mod(ipv4_flow(3)))), "OFPFMFC_TABLE_FULL") << "the table is as large as the daemon says";
   c.forget();
   apply(flow_mod(with_output(ipv4_flow(1), 7)));
   EXPECT_TRUE(errors().empty()) << "a change needs no further room";
@@ -483,7 +484,7 @@ TEST_F(AgentTest, ARefusedFlowTellsTheMeterTheOverlapAndTheRoom) {
 
 // ---- deletes
 
-TEST_F(AgentTest, DeletesTakeWhatTheySayAndStatisticsShowIt) {
+TEST_F(AgentFlows, DeletesTakeWhatTheySayAndStatisticsShowIt) {
   FlowMod one = with_output(ipv4_flow(0x0a000001), 1), two = with_output(ipv4_flow(0x0a000002), 7), net = ipv4_flow(0),
           four = one;
   one.cookie = 0x11, two.cookie = 0x12, net.cookie = 0x21, four.cookie = 0x31, four.table = 1;
@@ -529,7 +530,7 @@ TEST_F(AgentTest, DeletesTakeWhatTheySayAndStatisticsShowIt) {
 
 // Many flows of many kinds: what a delete takes is what a dump of the same, which looks at every flow, shows; and an add that
 // looks for overlaps finds what a look at every flow finds.
-TEST_F(AgentTest, WhatIsLookedUpIsWhatAWalkFinds) {
+TEST_F(AgentFlows, WhatIsLookedUpIsWhatAWalkFinds) {
   std::minstd_rand dice(1);
   const auto one_of = [&dice](const auto &list) { return std::data(list)[dice() % std::size(list)]; };
   constexpr std::uint64_t kMasks[] = {0, 0, 1, ~0ull};
@@ -588,7 +589,7 @@ TEST_F(AgentTest, WhatIsLookedUpIsWhatAWalkFinds) {
 }
 
 // Asynchronous messages go to whom the masks say, and to nobody before the answer to its first request, whichever.
-TEST_F(AgentTest, AFlowsEndIsReportedToThoseWhoWantToHearOfIt) {
+TEST_F(AgentFlows, AFlowsEndIsReportedToThoseWhoWantToHearOfIt) {
   Controller slave, shy(port);
   come_up(slave);
   slave.ask(message(24, 1, hex("00000003 00000000 0000000000000001")));
@@ -621,7 +622,7 @@ TEST_F(AgentTest, AFlowsEndIsReportedToThoseWhoWantToHearOfIt) {
 // ---- time
 
 // Of the adds that no barrier has told of, those that the database knows to be installed are not given up.
-TEST_F(AgentTest, AnUndecidedAddIsGivenUpAndNothingWaitsForEver) {
+TEST_F(AgentFlows, AnUndecidedAddIsGivenUpAndNothingWaitsForEver) {
   store_answer(2);
   hand_over(flow_mod(ipv4_flow(1, 70)) + flow_mod(ipv4_flow(2, 71)) + flow_mod(ipv4_flow(3, 72)) + barrier(73), 3);
   warp(1900ms);
@@ -638,11 +639,11 @@ TEST_F(AgentTest, AnUndecidedAddIsGivenUpAndNothingWaitsForEver) {
   EXPECT_EQ(get(c.await(21), 4, 4), 73u);
   PlayedDaemon::fail(1, 2);
   EXPECT_TRUE(c.settle());
-  EXPECT_EQ(errors(), (Strings{"5/0 70", "5/0 72"})) << "a late result is not reported again";
+  EXPECT_EQ(errors(), (Strings{"OFPFMFC_UNKNOWN 70", "OFPFMFC_UNKNOWN 72"})) << "a late result is not reported again";
   EXPECT_EQ(dump().size(), 1u);
 }
 
-TEST_F(AgentTest, ALostBarrierIsAnsweredInTheEnd) {
+TEST_F(AgentFlows, ALostBarrierIsAnsweredInTheEnd) {
   apply(flow_mod(ipv4_flow(1)));
   daemon.hold_barriers(true);
   c.send(flow_mod(strict_delete(1)) + barrier(72));
@@ -653,7 +654,7 @@ TEST_F(AgentTest, ALostBarrierIsAnsweredInTheEnd) {
 }
 
 // Changes are reported late: before a flow counts as idle, all counters have to be looked at once more, from begin to end.
-TEST_F(AgentTest, HardAndIdleTimeoutsEndAFlow) {
+TEST_F(AgentFlows, HardAndIdleTimeoutsEndAFlow) {
   FlowMod hard = ipv4_flow(1), idle = ipv4_flow(2);
   hard.hard = 30, hard.flags = 1;
   idle.idle = 20, idle.flags = 1;
@@ -685,7 +686,7 @@ TEST_F(AgentTest, HardAndIdleTimeoutsEndAFlow) {
 // ---- synchronisation and restart
 
 // After a restart of what programs them, flows that do not fit any more get one more chance, and are then reported as removed.
-TEST_F(AgentTest, AnInstalledFlowThatFailsIsAddedOnceMoreAndThenReported) {
+TEST_F(AgentFlows, AnInstalledFlowThatFailsIsAddedOnceMoreAndThenReported) {
   apply(flow_mod(ipv4_flow(1)));
   PlayedDaemon::fail(1, 2);
   ASSERT_TRUE(until([this] { return daemon.flows(true).size() == 2; }));
@@ -699,7 +700,7 @@ TEST_F(AgentTest, AnInstalledFlowThatFailsIsAddedOnceMoreAndThenReported) {
 // A life that ended in the middle of a change has left both forms of a flow; one that ended while a service-chain flow was being
 // deleted has left its record. A synchronisation hands everything over again unchanged, meters before all flows, which may be
 // many.
-TEST_F(AgentTest, TakesOverTheNewestFormOfWhatIsStoredAndReplaysIt) {
+TEST_F(AgentFlows, TakesOverTheNewestFormOfWhatIsStoredAndReplaysIt) {
   // Index 41, cookie 0x77, priority 100, idle 60, table 1: in_port 1 and application type 3; output to 2, by WRITE_ACTIONS.
   const Message stored =
       hex("0a00 0400 5800 0000 2900000000000000 7700000000000000 6400 0000 00 01 02 00 00000000 3c00 0000"
@@ -738,7 +739,7 @@ TEST_F(AgentTest, TakesOverTheNewestFormOfWhatIsStoredAndReplaysIt) {
 }
 
 // A time that has not come yet, and one from before the clock was set, say nothing.
-TEST_F(AgentTest, DurationAndHardTimeoutGoOnInTheNextLife) {
+TEST_F(AgentFlows, DurationAndHardTimeoutGoOnInTheNextLife) {
   FlowMod f = ipv4_flow(1);
   f.hard = 130, f.flags = 1;
   apply(flow_mod(f));
@@ -761,7 +762,7 @@ TEST_F(AgentTest, DurationAndHardTimeoutGoOnInTheNextLife) {
 }
 
 // Of two hand-overs of a flow a service that was away answers one, and every barrier behind the other would wait.
-TEST_F(AgentTest, NothingIsReplayedThatIsStillToBeAnswered) {
+TEST_F(AgentFlows, NothingIsReplayedThatIsStillToBeAnswered) {
   daemon.hold_barriers(true);
   c.send(flow_mod(ipv4_flow(1)));
   ASSERT_TRUE(until([this] { return daemon.adds() == 1; }));
@@ -780,7 +781,7 @@ TEST_F(AgentTest, NothingIsReplayedThatIsStillToBeAnswered) {
 // ---- statistics
 
 // What the daemon says of a flow's total wins over the sum of its changes, which comes later, and no counter goes back.
-TEST_F(AgentTest, CountersNeverGoBackAndCountNothingTwice) {
+TEST_F(AgentFlows, CountersNeverGoBackAndCountNothingTwice) {
   apply(flow_mod(ipv4_flow(1)));
   PlayedDaemon::report(1, 5, 500);
   daemon.count(1, 8, 800);

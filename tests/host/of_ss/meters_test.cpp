@@ -65,12 +65,12 @@ TEST_F(Meters, CountTheFlowsThatUseThem) {
 TEST_F(Meters, AreBounded) {
   std::string nine;
   for (int i = 0; i < 9; ++i) nine += kBand;
-  EXPECT_EQ(error_of(c.ask(meter_mod(2, 0, 6, nine))), "12/11");
+  EXPECT_EQ(error_of(c.ask(meter_mod(2, 0, 6, nine))), "OFPMMFC_OUT_OF_BANDS");
   Message many;
   for (std::uint32_t id = 1; id <= 1024; ++id) append(many, meter_mod(3, 0, id));
   apply(many);
-  EXPECT_EQ(error_of(c.ask(meter_mod(4, 0, 5))), "12/1") << "there is one";
-  EXPECT_EQ(error_of(c.ask(meter_mod(5, 0, 1025))), "12/10");
+  EXPECT_EQ(error_of(c.ask(meter_mod(4, 0, 5))), "OFPMMFC_METER_EXISTS") << "there is one";
+  EXPECT_EQ(error_of(c.ask(meter_mod(5, 0, 1025))), "OFPMMFC_OUT_OF_METERS");
   EXPECT_EQ(told().size(), 1024u);
 }
 
@@ -80,7 +80,7 @@ TEST_F(Meters, ThatFailLaterAreAnsweredWithTheirRequest) {
   for (const auto &[id, result] : {std::pair{5, 0}, {6, 1}, {6, 1}}) PlayedDaemon::fail_meter(id, result);
   c.await(1, 2);
   EXPECT_TRUE(c.settle());
-  EXPECT_EQ(errors(), (Strings{"12/10 80", "12/0 81"}));
+  EXPECT_EQ(errors(), (Strings{"OFPMMFC_OUT_OF_METERS 80", "OFPMMFC_UNKNOWN 81"}));
   EXPECT_EQ(to_hex(data_of(c.received()[0])), to_hex(meter_mod(80, 0, 5)));
   EXPECT_TRUE(ask(9, 0xffffffff).empty());
   // Of the first nothing was stored. The record of the other one, which says that it failed, is deleted.
@@ -98,7 +98,7 @@ TEST_F(Meters, AreAsTheyWereAfterAChangeThatFailed) {
     c.forget();
     daemon.forget();
     PlayedDaemon::fail_meter(5, result);
-    EXPECT_EQ(error_of(c.await(1)), result ? "12/0" : "12/10");
+    EXPECT_EQ(error_of(c.await(1)), result ? "OFPMMFC_UNKNOWN" : "OFPMMFC_OUT_OF_METERS");
     EXPECT_TRUE(c.settle());
     EXPECT_EQ(ask(10, 5), before);
     // The database has refused the change, or holds it as failed.
@@ -120,7 +120,8 @@ TEST_F(Meters, ThatFailTakeTheirFlowsAlong) {
   PlayedDaemon::fail_meter(5, 1);
   daemon.answer_barriers();
   c.await(21);
-  EXPECT_EQ(errors(), (Strings{"12/3 82", "12/3 83", "12/3 84", "12/0 80"}));
+  EXPECT_EQ(errors(), (Strings{"OFPMMFC_UNKNOWN_METER 82", "OFPMMFC_UNKNOWN_METER 83", "OFPMMFC_UNKNOWN_METER 84",
+                               "OFPMMFC_UNKNOWN 80"}));
   EXPECT_EQ(c.of_type(11).size(), 1u) << "the flow that was installed is reported as removed";
   EXPECT_EQ(deleted(), (std::vector<std::uint64_t>{1, 4, 5, 6}));
   EXPECT_EQ(dump().size(), 2u) << "the third flow is what it was before its change";

@@ -108,13 +108,13 @@ TEST_F(PacketPath, TheDataPlaneHearsWhetherAnybodyWantsPackets) {
 
 TEST_F(PacketPath, APacketOfAControllerIsHandedToTheDataPlaneOrRefused) {
   const std::string output = "0000 0010 00000002 ffff 000000000000", field = "0019 0010 80000606 020000000077 0000";
-  EXPECT_EQ(error_of(c.ask(packet_out(output))), "1/5") << "there is none";
+  EXPECT_EQ(error_of(c.ask(packet_out(output))), "OFPBRC_EPERM") << "there is none";
   DataPlane plane(global);
   ASSERT_TRUE(plane.until([&] { return plane.wanted == 1; }));
   EXPECT_TRUE(plane.until([&] { return packets().at("data_plane") == true; }));
   for (const std::string number : {"fffffffa", "fffffffe", "00000009"})  // NORMAL, LOCAL, and none of ours
-    EXPECT_EQ(error_of(c.ask(packet_out("0000 0010 " + number + " ffff 000000000000"))), "2/4");
-  EXPECT_EQ(error_of(c.ask(packet_out(output, Message(13)))), "1/6");
+    EXPECT_EQ(error_of(c.ask(packet_out("0000 0010 " + number + " ffff 000000000000"))), "OFPBAC_BAD_OUT_PORT");
+  EXPECT_EQ(error_of(c.ask(packet_out(output, Message(13)))), "OFPBRC_BAD_LEN");
   c.send(packet_out(field + output));
   ASSERT_TRUE(plane.until([&] { return !plane.out.empty(); }));
   EXPECT_EQ(plane.out.at(0),

@@ -22,7 +22,7 @@ bool ip(const std::string &words) {
   return system(("ip " + words).c_str()) == 0;
 }
 
-class PortsTest : public AgentTest {
+class Ports : public AgentTest {
  protected:
   void configure() override {
     AgentTest::configure();
@@ -98,7 +98,7 @@ const std::string kFull = [] {
   return unknown ? "0 0" : "2112 10000000";
 }();
 
-TEST_F(PortsTest, ThePulledCableTheNewNameAndTheEndOfAPortAreReported) {
+TEST_F(Ports, ThePulledCableTheNewNameAndTheEndOfAPortAreReported) {
   EXPECT_EQ(described(), (Strings{"a0 1 1 " + kFull, "b0 1 1 " + kFull})) << "the loopback is no port";
   ASSERT_TRUE(ip("link set a0 up && ip link set b0 up"));
   EXPECT_TRUE(is_told("2 a0 0 0 " + kFull) && is_told("2 b0 0 0 " + kFull));
@@ -113,11 +113,11 @@ TEST_F(PortsTest, ThePulledCableTheNewNameAndTheEndOfAPortAreReported) {
   EXPECT_EQ(described(), Strings{});
 }
 
-TEST_F(PortsTest, AControllerEnablesAndDisablesAPortAndReadsItsCounters) {
+TEST_F(Ports, AControllerEnablesAndDisablesAPortAndReadsItsCounters) {
   for (const auto &[name, config] : {std::pair{"a0", 0u}, {"b0", 0u}, {"b0", 1u}}) apply(port_mod(name, config, 1));
   EXPECT_EQ(described(), (Strings{"a0 0 1 " + kFull, "b0 1 1 " + kFull}));
-  EXPECT_EQ(error_of(c.ask(port_mod("a0", 4, 4))), "7/2") << "NO_RECV";
-  EXPECT_EQ(error_of(c.ask(port_mod("a0", 0, 0, 1))), "7/3");
+  EXPECT_EQ(error_of(c.ask(port_mod("a0", 4, 4))), "OFPPMFC_BAD_CONFIG") << "NO_RECV";
+  EXPECT_EQ(error_of(c.ask(port_mod("a0", 0, 0, 1))), "OFPPMFC_BAD_ADVERTISE");
   apply(port_mod("b0", 0, 1));
   const auto before = sent();
   sockaddr_ll to{};
@@ -132,7 +132,7 @@ TEST_F(PortsTest, AControllerEnablesAndDisablesAPortAndReadsItsCounters) {
   EXPECT_GE(after.second, before.second + 1000);
 }
 
-class WithoutTheRight : public PortsTest {
+class WithoutTheRight : public Ports {
  protected:
   // For this thread and those that it makes.
   void restrict_rights() override {
@@ -146,7 +146,7 @@ class WithoutTheRight : public PortsTest {
   void TearDown() override {
     __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
     if (global) syscall(SYS_capset, &header, all_);
-    PortsTest::TearDown();
+    Ports::TearDown();
   }
 
  private:
@@ -154,7 +154,7 @@ class WithoutTheRight : public PortsTest {
 };
 
 TEST_F(WithoutTheRight, APortIsNotConfigured) {
-  EXPECT_EQ(error_of(c.ask(port_mod("a0", 0, 1))), "7/4");
+  EXPECT_EQ(error_of(c.ask(port_mod("a0", 0, 1))), "OFPPMFC_EPERM");
   EXPECT_EQ(described(), (Strings{"a0 1 1 " + kFull, "b0 1 1 " + kFull}));
 }
 
