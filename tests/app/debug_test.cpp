@@ -1,13 +1,12 @@
 // What operators see: the dump of a flow-mod as it comes in, and every debug command, over the command service's socket.
 #include <fstream>
-#include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "app/flow_world.h"
 #include "common/kelim_debug.h"
-#include "host/control/client.h"
 #include "s_cluster.pb-c.h"
 #include "ssc_kelim/sdn/ssc_sdn_proxy_dbg.h"
+#include "support/ask.h"
 
 namespace {
 
@@ -18,12 +17,8 @@ class Debug : public FlowWorld {
   // What a debug command prints and, where it fails, gives, or why it is refused.
   static std::string run(const std::string &module, const std::string &command,
                          const nlohmann::json &args = nlohmann::json::object()) {
-    host::control::Client client;
-    EXPECT_EQ(client.connect(host::control::socket_path(getenv("KELIM_RUN_DIR"), "ssc_kelim")), "");
-    std::string line;
     const nlohmann::json request = {{"call", "cmd"}, {"module", module}, {"command", command}, {"args", args}};
-    EXPECT_EQ(client.request(request.dump(), &line), "");
-    const auto answer = nlohmann::json::parse(line);
+    const auto answer = ask(getenv("KELIM_RUN_DIR"), "ssc_kelim", request);
     const int result = answer.value("result", 0);
     return answer.value("output", "") + answer.value("error", "") + (result == 0 ? "" : "returned " + std::to_string(result));
   }

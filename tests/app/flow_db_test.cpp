@@ -9,6 +9,7 @@
 #include "kelim/common/kelim_debug.h"
 #include "ssc_kelim/sdn/ssc_kelim_flow_db.h"
 #include "support/flow_bytes.h"
+#include "support/reset.h"
 
 using namespace flow_bytes;
 
@@ -17,7 +18,7 @@ namespace {
 class FlowDb : public testing::Test {
  protected:
   void SetUp() override { ASSERT_EQ(flow_info_hash_init(), 0); }
-  void TearDown() override { ssc_kelim_flow_db_reset_for_tests(); }
+  void TearDown() override { reset_process(); }
 
   static flow_info_node key_of(std::uint64_t flow_index, std::uint32_t vsd_id = 0) {
     flow_info_node key{};

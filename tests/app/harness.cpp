@@ -5,17 +5,11 @@
 #include "host/base/loop.h"
 #include "host/log/log.h"
 #include "host/of_ss/testing.h"
-#include "kelim/common/kelim_debug.h"
 #include "libss_pthrd.h"
 #include "s_policy_kelim.pb-c.h"
-#include "ssc_kelim/sdn/ssc_kelim_adapt.h"
-#include "ssc_kelim/sdn/ssc_kelim_flow_db.h"
-#include "ssc_kelim/sdn/ssc_kelim_init.h"
 #include "ssc_kelim/sdn/ssc_kelim_mom.h"
-#include "ssc_kelim/sdn/ssc_kelim_requests.h"
 #include "ssc_kelim/sdn/ssc_sdn_main_list.h"
-#include "ssc_kelim/sdn/ssc_sdn_msg_queue.h"
-#include "ssc_kelim/sdn/ssc_sdn_proxy.h"
+#include "support/reset.h"
 
 int ssc_kelim_main();  // the daemon's main, renamed
 
@@ -91,18 +85,7 @@ Daemon::~Daemon() {
   host::stop_loop();
   main_.join();
   EXPECT_EQ(status_, 0);
-  // The daemon's modules as a new process finds them. Switches go first: they also hold which thread is the main SDN thread.
-  kelim_debug_reset_for_tests();
-  ssc_sdn_msg_queue_reset_for_tests();
-  ssc_kelim_flow_db_reset_for_tests();
-  ssc_kelim_requests_reset_for_tests();
-  ssc_kelim_adapt_reset_for_tests();
-  libproxy_fp_sdn_reset_for_tests();
-  ssc_kelim_init_reset_for_tests();
-  kelim_debug_reset_for_tests();
-  host::fault::clear();
-  host::of_ss::of_ss_reset_for_tests();
-  host::log::set_tap(nullptr);
+  reset_process();
   for (const std::string &line : errors_) {
     bool announced = false;
     for (auto &[text, seen] : expected_)

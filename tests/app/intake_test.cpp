@@ -17,6 +17,7 @@
 #include "ssc_kelim/sdn/ssc_sdn_main_list.h"
 #include "ssc_kelim/sdn/ssc_sdn_proxy.h"
 #include "support/record_text.h"
+#include "support/reset.h"
 
 namespace {
 
@@ -48,10 +49,8 @@ Handlers take_waiting() {
 class Intake : public testing::Test {
  protected:
   void SetUp() override {
-    kelim_debug_reset_for_tests();
+    reset_process();
     libproxy_sdn_debug_sw = 0;
-    libproxy_fp_sdn_reset_for_tests();
-    host::of_ss::of_ss_reset_for_tests();
     host::of_ss::hold_agent(true);
     host::of_ss::set_reply_tap([](std::span<const std::byte> reply) {
       g_replies.push_back(record_text::digits(reinterpret_cast<const std::uint8_t *>(reply.data()), reply.size()));
@@ -59,7 +58,7 @@ class Intake : public testing::Test {
     g_replies.clear();
     take_waiting();
   }
-  void TearDown() override { ssc_kelim_init_reset_for_tests(); }
+  void TearDown() override { reset_process(); }
 };
 
 constexpr unsigned kNone = 48;  // no counter
@@ -181,7 +180,6 @@ class Lines : public Intake {
     });
   }
   void TearDown() override {
-    host::log::set_tap(nullptr);
     g_policy_error_zlog_category = nullptr;
     host::log::close();
     Intake::TearDown();

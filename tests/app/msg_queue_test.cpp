@@ -12,6 +12,7 @@
 #include "southbound.h"
 #include "ssc_kelim/sdn/ssc_kelim_ds_stage.h"
 #include "ssc_kelim/sdn/ssc_sdn_msg_queue.h"
+#include "support/reset.h"
 
 namespace {
 
@@ -42,10 +43,8 @@ struct Node {
 };
 
 void start_anew() {
-  kelim_debug_reset_for_tests();
+  reset_process();
   g_ssc_ds_stage = {0, 1, 1, 0, 0};
-  ssc_sdn_msg_queue_reset_for_tests();
-  host::of_ss::of_ss_reset_for_tests();
   host::of_ss::hold_agent(true);
   host::of_ss::set_reply_tap(note_reply);
   g_answers.clear();

@@ -5,6 +5,7 @@
 #include <random>
 #include <set>
 
+#include "host/fault/fault.h"
 #include "host/mom/mom_world.h"
 
 namespace mom_test {

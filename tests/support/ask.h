@@ -22,6 +22,7 @@ inline nlohmann::json ask(const std::string &run_dir, const std::string &process
 template <typename Talk>
 auto beside_the_loop(Talk talk) {
   auto result = std::async(std::launch::async, std::move(talk));
-  EXPECT_TRUE(host::run_until([&] { return result.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }, 2 * kPatience));
+  EXPECT_TRUE(
+      host::run_until([&] { return result.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }, 2 * kPatience));
   return result.get();
 }

@@ -10,8 +10,8 @@
 
 #include "host/base/clock.h"
 #include "host/config/config.h"
-#include "host/fault/fault.h"
 #include "qx_runtime.h"
+#include "support/reset.h"
 
 // How long a test waits for what must come about: long enough for a sanitizer's build on a busy machine.
 inline constexpr std::chrono::seconds kPatience{60};
@@ -34,7 +34,7 @@ class TempDir {
   std::string path_;
 };
 
-// Configures the host through configure() and makes the runtime `core_test`; takes back clock, faults and settings afterwards.
+// Configures the host through configure() and makes the runtime `core_test`; takes back all of it afterwards.
 class RuntimeTest : public testing::Test {
  protected:
   void SetUp() override {
@@ -44,12 +44,7 @@ class RuntimeTest : public testing::Test {
     global = qx_global_init("core_test", nullptr);
     ASSERT_NE(global, nullptr);
   }
-  void TearDown() override {
-    host::fault::clear();
-    host::clock::resume();
-    qx_global_finish(global);
-    host::config_reset();
-  }
+  void TearDown() override { reset_process(std::exchange(global, nullptr)); }
   virtual void configure() {}
 
   static void set(const char *key, const std::string &value) { ASSERT_EQ(host::config_set(key, value), ""); }

@@ -12,10 +12,9 @@ namespace {
 
 class Config : public testing::Test {
  protected:
-  void SetUp() override { host::config_reset(); }
   void TearDown() override {
     for (const std::string &name : variables_) unsetenv(name.c_str());
-    host::config_reset();
+    reset_process();
   }
 
   void env(const std::string &name, const std::string &value) {

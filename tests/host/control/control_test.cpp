@@ -2,14 +2,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <future>
-#include <nlohmann/json.hpp>
-
-#include "host/base/loop.h"
-#include "host/control/client.h"
-#include "host/control/control.h"
 #include "ssat.h"
-#include "support/runtime_fixture.h"
+#include "support/ask.h"
 
 namespace {
 
@@ -34,16 +28,9 @@ class Control : public RuntimeTest {
 
   std::string path() const { return host::control::socket_path(dir.path(), "core_test"); }
 
-  // Runs `talk` on a thread of its own while the loop turns.
-  template <typename Talk>
-  static auto serve(Talk talk) {
-    auto result = std::async(std::launch::async, std::move(talk));
-    EXPECT_TRUE(host::run_until([&] { return result.wait_for(0s) == std::future_status::ready; }, 2 * kPatience));
-    return result.get();
-  }
   // The next line that the client is sent.
   static json next(Client &client) {
-    return serve([&client] {
+    return beside_the_loop([&client] {
       std::string line;
       EXPECT_EQ(client.receive(&line, kPatience), "");
       return json::parse(line);
@@ -154,7 +141,7 @@ TEST_F(Control, RequestsMayComeInPiecesAndInARowButNotWithoutEnd) {
   EXPECT_EQ(client.receive(&answer, 0ms), "no answer in time") << "it may still end";
   client.send(std::string(1'000, 'x'));
   EXPECT_EQ(next(client)["error"], "a request of more than 65536 bytes");
-  EXPECT_NE(serve([&] { return client.receive(&answer, kPatience); }), "") << "the client is dropped";
+  EXPECT_NE(beside_the_loop([&] { return client.receive(&answer, kPatience); }), "") << "the client is dropped";
 }
 
 // Clients that send requests for ever and never read: each costs one answer, and the others are served.
@@ -193,7 +180,7 @@ TEST_F(Control, AFeedTellsAReaderThatIsTooSlowHowManyLinesItMissed) {
     if (number % 1000 == 0) host::run_until([] { return true; }, 1s);
   }
   EXPECT_LT(made, 20'000) << "what nobody has room for is not even made";
-  serve([&] {
+  beside_the_loop([&] {
     std::string line;
     for (int number = 0; number < made && client.receive(&line, kPatience) == ""; ++number) {
       EXPECT_EQ(json::parse(line)["tick"], number);

@@ -2,13 +2,12 @@
 
 #include "host/base/clock.h"
 #include "host/config/config.h"
-#include "host/fault/fault.h"
+#include "support/reset.h"
 
 namespace mom_test {
 
 HostProcess::HostProcess(const std::string &store, const Settings &settings) {
   if (store == "Redis") server_.emplace();
-  host::config_reset();
   Settings all = {{"run_dir", dir_.path()},     {"log.target", "file"},           {"log.file", dir_ / "log"},
                   {"control.enabled", "false"}, {"programmer.embedded", "false"}, {"mom.url", store}};
   if (server_) all.back().second = server_->url();
@@ -19,10 +18,7 @@ HostProcess::HostProcess(const std::string &store, const Settings &settings) {
 }
 
 HostProcess::~HostProcess() {
-  host::fault::clear();
-  host::clock::resume();
-  qx_global_finish(global_);
-  host::config_reset();
+  reset_process(global_);
 }
 
 // Of the embedded store; elsewhere time passes by itself.

@@ -1,12 +1,9 @@
 // What an operator sees of the database: the views over the control socket.
-#include <future>
-#include <nlohmann/json.hpp>
-
-#include "host/control/client.h"
+#include "host/mom/views.h"
 #include "host/mom/hub.h"
 #include "host/mom/mom_world.h"
-#include "host/mom/views.h"
 #include "libcgstctrl.h"
+#include "support/ask.h"
 
 namespace mom_test {
 namespace {
@@ -19,15 +16,8 @@ class MomViews : public testing::Test {
 
   // Asks as kelimctl does, from another thread; gives "data", or the error's text.
   Json view(const std::string &name, const Json &args) {
-    auto answer = std::async(std::launch::async, [&] {
-      std::string line;
-      host::control::Client client;
-      EXPECT_EQ(client.connect(host::control::socket_path(world.run_dir(), "mom_test")), "");
-      EXPECT_EQ(client.request(Json{{"call", "view"}, {"name", name}, {"args", args}}.dump(), &line), "");
-      return line;
-    });
-    EXPECT_TRUE(run_until([&] { return answer.wait_for(0s) == std::future_status::ready; }));
-    const Json reply = Json::parse(answer.get());
+    const Json request = {{"call", "view"}, {"name", name}, {"args", args}};
+    const Json reply = beside_the_loop([&] { return ask(world.run_dir(), "mom_test", request); });
     return reply.at("status") == 0 ? reply.at("data") : reply.at("error");
   }
 

@@ -3,6 +3,7 @@
 #include <ifaddrs.h>
 #include <net/if.h>
 
+#include "host/fault/fault.h"
 #include "host/of_ss/agent_world.h"
 
 namespace {

@@ -36,10 +36,6 @@ class AgentTest : public RuntimeTest {
     }
     start();
   }
-  void TearDown() override {
-    RuntimeTest::TearDown();
-    host::of_ss::of_ss_reset_for_tests();
-  }
   virtual bool is_listened_to() { return true; }
 
   void start() {
