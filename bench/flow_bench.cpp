@@ -35,7 +35,7 @@ std::uint64_t g_mallocs;
 // Counts what the program allocates; the allocator is the C library's own.
 extern "C" void *__libc_malloc(std::size_t size);
 extern "C" void *malloc(std::size_t size) {
-  g_mallocs++;
+  ++g_mallocs;
   return __libc_malloc(size);
 }
 
@@ -146,7 +146,7 @@ void add_handler(benchmark::State &state, bool in_port) {
     ssc_sdn_add_flow_handler(&hdl);
   };
   while (index < resident) add(++index);
-  for (std::uint64_t flow = 1; flow <= index; flow++) ssc_sdn_msg_queue_update_msg_node(SDN_ADD_FLOW_MSG, flow, 0);
+  for (std::uint64_t flow = 1; flow <= index; ++flow) ssc_sdn_msg_queue_update_msg_node(SDN_ADD_FLOW_MSG, flow, 0);
   ssc_sdn_msg_queue_traverse_pop_msg_node();
   std::vector<libss_pthrd_hdl> batch(kBatch);
   std::uint64_t mallocs = 0;
@@ -159,7 +159,7 @@ void add_handler(benchmark::State &state, bool in_port) {
     for (auto &hdl : batch) ssc_sdn_add_flow_handler(&hdl);
     state.PauseTiming();
     mallocs += g_mallocs - before;
-    for (std::uint64_t flow = first; flow <= index; flow++) {
+    for (std::uint64_t flow = first; flow <= index; ++flow) {
       ssc_sdn_process_flow_install_result(0, flow, 0);
       ssc_sdn_del_flow_related_data(0, flow);
     }
@@ -234,7 +234,7 @@ void store_record(benchmark::State &state) {
   BuiltRecord built(*node);
   const bool check = state.range(0) != 0;
   while (state.KeepRunningBatch(kBatch)) {
-    for (std::uint64_t i = 0; i < kBatch; i++) {
+    for (std::uint64_t i = 0; i < kBatch; ++i) {
       built.key.flow_index = i + 1;
       if (check) {
         ssc_sdn_store_flow(&built.record, SSC_KELIM_OW_FLOW, "store_record");
@@ -268,7 +268,7 @@ BENCHMARK(build_and_pack);
 void lookup(benchmark::State &state) {
   ssc_kelim_flow_info_init();
   const auto flows = static_cast<std::uint64_t>(state.range(0));
-  for (std::uint64_t index = 1; index <= flows; index++) cached(index);
+  for (std::uint64_t index = 1; index <= flows; ++index) cached(index);
   std::mt19937_64 random(1);
   std::vector<flow_info_key> keys(1 << 16);
   for (auto &key : keys) key = {random() % flows + 1, 0, 0};
@@ -290,18 +290,18 @@ void bytes_a_flow(benchmark::State &state) {
   for (auto _ : state) {
     World world;
     std::size_t before = held();
-    for (std::uint64_t index = 1; index <= flows; index++) cached(index);
+    for (std::uint64_t index = 1; index <= flows; ++index) cached(index);
     state.counters["cache"] = static_cast<double>(held() - before) / static_cast<double>(flows);
     ssc_kelim_flow_db_reset_for_tests();
     ssc_kelim_flow_info_init();
 
     before = held();
-    for (std::uint64_t index = 1; index <= flows; index++) {
+    for (std::uint64_t index = 1; index <= flows; ++index) {
       libss_pthrd_hdl hdl = World::job_of(index);
       ssc_sdn_add_flow_handler(&hdl);
     }
     state.counters["outstanding"] = static_cast<double>(held() - before) / static_cast<double>(flows);
-    for (std::uint64_t index = 1; index <= flows; index++) ssc_sdn_msg_queue_update_msg_node(SDN_ADD_FLOW_MSG, index, 0);
+    for (std::uint64_t index = 1; index <= flows; ++index) ssc_sdn_msg_queue_update_msg_node(SDN_ADD_FLOW_MSG, index, 0);
     ssc_sdn_msg_queue_traverse_pop_msg_node();
     host::run_until([] { return false; }, 10ms);
     state.counters["installed"] = static_cast<double>(held() - before) / static_cast<double>(flows);

@@ -27,7 +27,7 @@ using namespace std::chrono_literals;
 
 constexpr qx_mom_type kFlow = {&s_policy_kelim__flow__descriptor, &s_policy_kelim__flow_key__descriptor};
 
-uint64_t notified;
+std::uint64_t notified;
 bool connected;
 
 int count_notification(void *, const qx_obj *object) {
@@ -71,7 +71,7 @@ class World {
     [[maybe_unused]] const int rv = std::system(("rm -rf " + dir_).c_str());
   }
 
-  void subscribe(uint32_t delivery) {
+  void subscribe(std::uint32_t delivery) {
     const qx_mom_spec spec = {kFlow, delivery};
     qx_mom_subscribe(global, QX_MOM_UDP_DB, &spec, count_notification);
     host::run_until([] { return false; }, 5ms);
@@ -85,7 +85,7 @@ class World {
 
 // A typical flow: in_port, eth_type, ip_dst with mask, tcp_dst, one output, one access-control entry; about 290 bytes packed.
 struct FlowRecord {
-  std::array<uint8_t, 120> data{};
+  std::array<std::uint8_t, 120> data{};
   PLibpub__Ipv4 ip = P_LIBPUB__IPV4__INIT, mask = P_LIBPUB__IPV4__INIT;
   SPolicyKelim__FlowKey key = S_POLICY_KELIM__FLOW_KEY__INIT;
   SPolicyKelim__FlowField field = S_POLICY_KELIM__FLOW_FIELD__INIT;
@@ -99,7 +99,7 @@ struct FlowRecord {
   FlowRecord() {
     ip.data = 0x0a010203;
     mask.data = 0xffffff00;
-    for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i);
+    for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<std::uint8_t>(i);
     field.flow_field_bitmap = 0x4821;
     field.in_port_ifx = 1001;
     field.etype = 0x800;
@@ -133,7 +133,7 @@ struct FlowRecord {
     record.ace = aces;
     record.req_uuid = 123'456'789'012;
   }
-  const ProtobufCMessage *message(uint64_t index) {
+  const ProtobufCMessage *message(std::uint64_t index) {
     key.flow_index = index;
     return reinterpret_cast<const ProtobufCMessage *>(&record);
   }
@@ -142,8 +142,8 @@ struct FlowRecord {
 // What protobuf-c alone needs, to hold the others against.
 void BM_PackOnly(benchmark::State &state) {
   FlowRecord flow;
-  uint8_t buffer[4096];
-  size_t size = 0;
+  std::uint8_t buffer[4096];
+  std::size_t size = 0;
   for (auto _ : state) benchmark::DoNotOptimize(size = protobuf_c_message_pack(flow.message(1), buffer));
   state.counters["bytes"] = static_cast<double>(size);
 }
@@ -160,21 +160,21 @@ bool of_embedded_store(benchmark::State &state) {
 void BM_SetNew(benchmark::State &state) {
   if (!of_embedded_store(state)) return;
   FlowRecord flow;
-  const auto n = static_cast<uint64_t>(state.range(0));
+  const auto n = static_cast<std::uint64_t>(state.range(0));
   double held = 0;
   for (auto _ : state) {
     state.PauseTiming();
     auto world = std::make_unique<World>();
     const auto before = mallinfo2();
     state.ResumeTiming();
-    for (uint64_t i = 1; i <= n; ++i) qx_mom_setow(world->global, QX_MOM_UDP_DB, flow.message(i), 0, 0, 1);
+    for (std::uint64_t i = 1; i <= n; ++i) qx_mom_setow(world->global, QX_MOM_UDP_DB, flow.message(i), 0, 0, 1);
     state.PauseTiming();
     const auto after = mallinfo2();
     held = static_cast<double>(after.uordblks + after.hblkhd - before.uordblks - before.hblkhd) / static_cast<double>(n);
     world.reset();
     state.ResumeTiming();
   }
-  state.SetItemsProcessed(static_cast<int64_t>(n) * static_cast<int64_t>(state.iterations()));
+  state.SetItemsProcessed(static_cast<std::int64_t>(n) * static_cast<std::int64_t>(state.iterations()));
   state.counters["bytes_per_object"] = held;
   state.counters["packed_bytes"] = static_cast<double>(protobuf_c_message_get_packed_size(flow.message(n)));
 }
@@ -185,9 +185,9 @@ void BM_Rewrite(benchmark::State &state) {
   if (!of_embedded_store(state)) return;
   World world;
   FlowRecord flow;
-  constexpr uint64_t kCount = 100'000;
-  for (uint64_t i = 1; i <= kCount; ++i) qx_mom_set(world.global, QX_MOM_UDP_DB, flow.message(i), 0, 0);
-  uint64_t at = 0;
+  constexpr std::uint64_t kCount = 100'000;
+  for (std::uint64_t i = 1; i <= kCount; ++i) qx_mom_set(world.global, QX_MOM_UDP_DB, flow.message(i), 0, 0);
+  std::uint64_t at = 0;
   for (auto _ : state) qx_mom_setow(world.global, QX_MOM_UDP_DB, flow.message((at += 7919) % kCount + 1), 0, 0, 1);
 }
 BENCHMARK(BM_Rewrite);
@@ -195,15 +195,15 @@ BENCHMARK(BM_Rewrite);
 // Bursts of 10,000 writes until a subscriber has seen them all.
 void BM_SetAndNotify(benchmark::State &state) {
   World world;
-  world.subscribe(static_cast<uint32_t>(state.range(0)));
+  world.subscribe(static_cast<std::uint32_t>(state.range(0)));
   FlowRecord flow;
-  constexpr uint64_t kBurst = 10'000;
+  constexpr std::uint64_t kBurst = 10'000;
   for (auto _ : state) {
     notified = 0;
-    for (uint64_t i = 1; i <= kBurst; ++i) qx_mom_setow(world.global, QX_MOM_UDP_DB, flow.message(i), 0, 0, 1);
+    for (std::uint64_t i = 1; i <= kBurst; ++i) qx_mom_setow(world.global, QX_MOM_UDP_DB, flow.message(i), 0, 0, 1);
     host::run_until([] { return notified == kBurst; }, 60s);
   }
-  state.SetItemsProcessed(kBurst * static_cast<int64_t>(state.iterations()));
+  state.SetItemsProcessed(kBurst * static_cast<std::int64_t>(state.iterations()));
   state.SetLabel(state.range(0) == QX_MOM_PACKED ? "packed" : "decoded");
 }
 BENCHMARK(BM_SetAndNotify)->Arg(QX_MOM_DECODED)->Arg(QX_MOM_PACKED)->Unit(benchmark::kMillisecond)->UseRealTime();
@@ -226,14 +226,14 @@ void BM_BareSetAndPublish(benchmark::State &state) {
   redisAppendCommand(reader.get(), "SUBSCRIBE bare");
   take(reader);
   FlowRecord flow;
-  uint8_t value[4096];
+  std::uint8_t value[4096];
   constexpr int kBurst = 10'000;
   for (auto _ : state) {
     std::thread subscriber([&] {
       for (int i = 0; i < kBurst; ++i) take(reader);
     });
     for (int i = 0; i < kBurst; ++i) {
-      const size_t size = protobuf_c_message_pack(flow.message(static_cast<uint64_t>(i)), value);
+      const std::size_t size = protobuf_c_message_pack(flow.message(static_cast<std::uint64_t>(i)), value);
       redisAppendCommand(writer.get(), "SET bare:%d:0 %b", i, value, size);
       redisAppendCommand(writer.get(), "PUBLISH bare %b", value, size);
       int done = 0;
@@ -243,7 +243,7 @@ void BM_BareSetAndPublish(benchmark::State &state) {
     for (int i = 0; i < 512; ++i) take(writer);
     subscriber.join();
   }
-  state.SetItemsProcessed(kBurst * static_cast<int64_t>(state.iterations()));
+  state.SetItemsProcessed(kBurst * static_cast<std::int64_t>(state.iterations()));
 }
 BENCHMARK(BM_BareSetAndPublish)->Unit(benchmark::kMillisecond)->UseRealTime();
 
@@ -322,11 +322,11 @@ double server_cpu_s() {
 }
 
 // The flows that one pass over them finds.
-uint64_t scanned(World &world) {
+std::uint64_t scanned(World &world) {
   FlowRecord flow;
-  uint64_t seen = 0;
+  std::uint64_t seen = 0;
   const auto count = [](const qx_obj *, void *number) {
-    ++*static_cast<uint64_t *>(number);
+    ++*static_cast<std::uint64_t *>(number);
     return 0;
   };
   qx_mom_scan_sync(world.global, QX_MOM_UDP_DB, flow.message(0), 0, count, &seen);
@@ -339,9 +339,9 @@ void BM_HundredThousand(benchmark::State &state) {
   World world;
   world.subscribe(QX_MOM_DECODED);
   FlowRecord flow;
-  constexpr uint64_t kCount = 100'000;
+  constexpr std::uint64_t kCount = 100'000;
   const double empty = server_memory();
-  uint64_t written = 0;
+  std::uint64_t written = 0;
   const auto phase = [&](const char *name, const std::function<void()> &beat, const std::function<bool()> &done) {
     Bystander bystander;
     const auto begin = Clock::now();
@@ -366,7 +366,7 @@ void BM_HundredThousand(benchmark::State &state) {
   const auto flush = [&] { qx_mom_pexpire(world.global, QX_MOM_UDP_DB, flow.message(kCount + 1), 0, 1, 0, confirm, nullptr); };
   for (auto _ : state) {
     phase("write", write_some, [] { return notified == kCount; });
-    uint64_t seen = 0;
+    std::uint64_t seen = 0;
     phase(
         "scan",
         [&] {
@@ -397,9 +397,9 @@ void BM_Churn(benchmark::State &state) {
   SPolicyKelim__FlowSta sta = S_POLICY_KELIM__FLOW_STA__INIT;
   SPolicyKelim__FlowCounter counter = S_POLICY_KELIM__FLOW_COUNTER__INIT;
   sta.index = counter.index = &key;
-  constexpr uint64_t kTable = 600, kMods = 40'000, kTurn = 200;
+  constexpr std::uint64_t kTable = 600, kMods = 40'000, kTurn = 200;
   const bool answers = state.range(0) == 2;
-  uint64_t next = 0;
+  std::uint64_t next = 0;
   const auto add = [&] {
     qx_mom_setow(world.global, QX_MOM_UDP_DB, flow.message(++next), 0, 0, 1);
     key.flow_index = next;
@@ -417,16 +417,16 @@ void BM_Churn(benchmark::State &state) {
   double cpu = 0;
   for (auto _ : state) {
     notified = 0;
-    uint64_t given = 0;
+    std::uint64_t given = 0;
     const double before = server_cpu_s();
     Heart heart([&] {
-      for (uint64_t n = 0; n < kTurn && given < kMods && given < notified + 8 * kTurn; n += 2, given += 2) add(), del();
+      for (std::uint64_t n = 0; n < kTurn && given < kMods && given < notified + 8 * kTurn; n += 2, given += 2) add(), del();
     });
     if (!host::run_until([&] { return notified == kMods; }, 60s)) state.SkipWithError("notifications are missing");
     cpu += server_cpu_s() - before;
   }
   const auto mods = static_cast<double>(kMods * state.iterations());
-  state.SetItemsProcessed(static_cast<int64_t>(mods));
+  state.SetItemsProcessed(static_cast<std::int64_t>(mods));
   state.counters["server_us_per_mod"] = cpu * 1e6 / mods;
 }
 BENCHMARK(BM_Churn)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
@@ -436,15 +436,15 @@ void BM_DeleteEach(benchmark::State &state) {
   World world;
   world.subscribe(QX_MOM_PACKED);
   FlowRecord flow;
-  constexpr uint64_t kCount = 100'000;
+  constexpr std::uint64_t kCount = 100'000;
   for (auto _ : state) {
     state.PauseTiming();
     notified = 0;
-    for (uint64_t i = 1; i <= kCount; ++i) qx_mom_setow(world.global, QX_MOM_UDP_DB, flow.message(i), 0, 0, 1);
+    for (std::uint64_t i = 1; i <= kCount; ++i) qx_mom_setow(world.global, QX_MOM_UDP_DB, flow.message(i), 0, 0, 1);
     host::run_until([] { return notified == kCount; }, 60s);
     notified = 0;
     state.ResumeTiming();
-    for (uint64_t i = 1; i <= kCount; ++i) qx_mom_del(world.global, QX_MOM_UDP_DB, flow.message(i), 0, 0);
+    for (std::uint64_t i = 1; i <= kCount; ++i) qx_mom_del(world.global, QX_MOM_UDP_DB, flow.message(i), 0, 0);
     if (!host::run_until([] { return notified == kCount; }, 60s)) state.SkipWithError("notifications are missing");
   }
 }
@@ -462,9 +462,9 @@ void BM_Million(benchmark::State &state) {
   World world;
   world.subscribe(QX_MOM_PACKED);
   FlowRecord flow;
-  constexpr uint64_t kCount = 1'000'000;
-  uint64_t at = 0;
-  const auto phase = [&](const char *name, uint64_t calls, const auto &call, const std::function<bool()> &done) {
+  constexpr std::uint64_t kCount = 1'000'000;
+  std::uint64_t at = 0;
+  const auto phase = [&](const char *name, std::uint64_t calls, const auto &call, const std::function<bool()> &done) {
     double longest = 0;
     at = 0;
     const auto some = [&] {
@@ -480,15 +480,15 @@ void BM_Million(benchmark::State &state) {
     state.counters[std::string(name) + "_pause_ms"] = heart.longest_ms();
     notified = 0;
   };
-  const auto write = [&](uint64_t i) { qx_mom_setow(world.global, QX_MOM_UDP_DB, flow.message(i), 0, 0, 1); };
-  const auto remove = [&](uint64_t i) { qx_mom_del(world.global, QX_MOM_UDP_DB, flow.message(i), 0, 0); };
-  const auto expire_in = [&](uint32_t ms) {
-    return [&world, &flow, ms](uint64_t) {
+  const auto write = [&](std::uint64_t i) { qx_mom_setow(world.global, QX_MOM_UDP_DB, flow.message(i), 0, 0, 1); };
+  const auto remove = [&](std::uint64_t i) { qx_mom_del(world.global, QX_MOM_UDP_DB, flow.message(i), 0, 0); };
+  const auto expire_in = [&](std::uint32_t ms) {
+    return [&world, &flow, ms](std::uint64_t) {
       qx_mom_pexpire(world.global, QX_MOM_UDP_DB, flow.message(0), 0, ms, 0, nullptr, nullptr);
     };
   };
-  const auto keep = [&](uint64_t) { qx_mom_del_expire(world.global, QX_MOM_UDP_DB, flow.message(0), 0, 0, nullptr); };
-  const auto drop = [&](uint64_t) { qx_mom_del_expire_ow(world.global, QX_MOM_UDP_DB, flow.message(0), 0, 0, nullptr, 1); };
+  const auto keep = [&](std::uint64_t) { qx_mom_del_expire(world.global, QX_MOM_UDP_DB, flow.message(0), 0, 0, nullptr); };
+  const auto drop = [&](std::uint64_t) { qx_mom_del_expire_ow(world.global, QX_MOM_UDP_DB, flow.message(0), 0, 0, nullptr, 1); };
   const auto at_once = [] { return true; };
   const auto all = [] { return notified == kCount; };
   for (auto _ : state) {
@@ -507,12 +507,12 @@ BENCHMARK(BM_Million)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime
 void BM_Scan(benchmark::State &state) {
   World world;
   FlowRecord flow;
-  const auto n = static_cast<uint64_t>(state.range(0));
-  for (uint64_t i = 1; i <= n; ++i) qx_mom_set(world.global, QX_MOM_UDP_DB, flow.message(i), 0, 0);
+  const auto n = static_cast<std::uint64_t>(state.range(0));
+  for (std::uint64_t i = 1; i <= n; ++i) qx_mom_set(world.global, QX_MOM_UDP_DB, flow.message(i), 0, 0);
   for (auto _ : state) {
     if (scanned(world) != n) state.SkipWithError("objects are missing");
   }
-  state.SetItemsProcessed(static_cast<int64_t>(n) * static_cast<int64_t>(state.iterations()));
+  state.SetItemsProcessed(static_cast<std::int64_t>(n) * static_cast<std::int64_t>(state.iterations()));
 }
 BENCHMARK(BM_Scan)->Arg(100'000)->Unit(benchmark::kMillisecond)->UseRealTime();
 
@@ -521,7 +521,7 @@ void BM_ExpireType(benchmark::State &state) {
   if (!of_embedded_store(state)) return;
   World world;
   FlowRecord flow;
-  for (uint64_t i = 1; i <= 100'000; ++i) qx_mom_set(world.global, QX_MOM_UDP_DB, flow.message(i), 0, 0);
+  for (std::uint64_t i = 1; i <= 100'000; ++i) qx_mom_set(world.global, QX_MOM_UDP_DB, flow.message(i), 0, 0);
   for (auto _ : state) {
     qx_mom_pexpire(world.global, QX_MOM_UDP_DB, flow.message(0), 0, 60'000, 0, nullptr, nullptr);
     qx_mom_del_expire(world.global, QX_MOM_UDP_DB, flow.message(0), 0, 0, nullptr);

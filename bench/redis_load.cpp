@@ -43,7 +43,7 @@ class Client {
  public:
   Client(const char *socket, const char *channel) : writes_(connect(socket)), notices_(connect(socket)) {
     redisReply *reply = static_cast<redisReply *>(redisCommand(notices_.get(), "SUBSCRIBE %s", channel));
-    if (reply == nullptr) die("cannot subscribe");
+    if (!reply) die("cannot subscribe");
     freeReplyObject(reply);
     for (const Context *context : {&writes_, &notices_}) (*context)->flags &= ~REDIS_BLOCK;
   }
@@ -79,7 +79,7 @@ class Client {
   template <typename Use>
   static void take(redisContext *context, Use use) {
     if (redisBufferRead(context) != REDIS_OK) die("reading", context->errstr);
-    for (void *reply = nullptr; redisGetReplyFromReader(context, &reply) == REDIS_OK && reply != nullptr; reply = nullptr) {
+    for (void *reply = nullptr; redisGetReplyFromReader(context, &reply) == REDIS_OK && reply; reply = nullptr) {
       use(*static_cast<redisReply *>(reply));
       freeReplyObject(reply);
     }

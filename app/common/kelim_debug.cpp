@@ -121,7 +121,7 @@ constexpr Group kActionGroups[S_POLICY_KELIM__FLOW_ACTION_E__FLOW_ACTION_MAX] = 
 
 void print_groups(std::span<const Group> groups, std::uint64_t bitmap, const flow_info_node &node) {
   for (std::size_t bit = 0; bit < groups.size(); ++bit)
-    if ((bitmap >> bit & 1) != 0 && groups[bit] != nullptr) groups[bit](node);
+    if ((bitmap >> bit & 1) != 0 && groups[bit]) groups[bit](node);
 }
 
 void print_summary(const flow_info_node &node) {
@@ -195,7 +195,7 @@ std::int32_t dump_ssc_all_flow_info() {
 std::int32_t dump_ssc_primitive_flow_entry(std::uint64_t flow_index, std::uint32_t vsd_id) {
   const flow_info_key key{flow_index, vsd_id, 0};
   const flow_info_node *node = ssc_kelim_find_flow_node(&key);
-  if (node == nullptr) {
+  if (!node) {
     SDN_ERROR("flow info cache flow_index:%lu, vsd_id:%d get failed.", flow_index, as_int(vsd_id));
     return QX_NOT_FOUND;
   }

@@ -25,7 +25,7 @@ void log_line_end() {
 
 void log_to_service(const LogClass &log_class, const LogSite &site, const char *text) {
   qx_zlog_category *category = g_policy_error_zlog_category;
-  if (category == nullptr) return;
+  if (!category) return;
   qxdf_zlog(category, site.file, std::strlen(site.file), site.func, std::strlen(site.func), site.line, log_class.service_level,
             "%s", text);
 }
@@ -77,7 +77,7 @@ constexpr std::array<const char *, SDN_TIME_SLOTS> kTimeNames = {
 void ssc_sdn_stat_time_init() {
   ut_ss_fp_appmng_time_publish(&g_ssc_sdn_stat_total_time.time, g_ssc_sdn_stat_total_time.name);
   for (unsigned slot = 0; slot < SDN_TIME_SLOTS; ++slot) {
-    if (kTimeNames[slot] == nullptr) continue;
+    if (!kTimeNames[slot]) continue;
     ssc_sdn_stat_time &record = g_ssc_sdn_stat_func_time[slot];
     std::snprintf(record.name, sizeof record.name, "%s", kTimeNames[slot]);
     ut_ss_fp_appmng_time_publish(&record.time, record.name);

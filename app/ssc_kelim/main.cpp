@@ -230,19 +230,19 @@ void report_meter(const char *callback, const SPolicyKelim__Meter &meter) {
 template <typename Record>
 const Record *record_of(const void *value) {
   const auto *record = static_cast<const Record *>(value);
-  return record != nullptr && record->index != nullptr ? record : nullptr;
+  return record && record->index ? record : nullptr;
 }
 
 // The record of a written meter; null, with an error line, if the notification is malformed.
 const SPolicyKelim__Meter *written_meter(const char *callback, const qx_obj &msg) {
   const auto *holder = static_cast<const qx_mom_hash_value *>(msg.value);
   const int cmd = static_cast<int>(msg.cmd), flag = static_cast<int>(msg.flag);
-  if (holder == nullptr) {
+  if (!holder) {
     SDN_ERROR_AS(callback, "msg->value is NULL. msg->cmd:%d msg->flag:%d  \n", cmd, flag);
     return nullptr;
   }
   const auto *meter = record_of<SPolicyKelim__Meter>(holder->record);
-  if (meter == nullptr) {
+  if (!meter) {
     SDN_ERROR_AS(callback, "hash value is NULL. msg->cmd:%d msg->flag:%d  \n", cmd, flag);
     return nullptr;
   }
@@ -261,13 +261,13 @@ int ssc_kelim_rdnd_unware_cb(void *, void *) {
 
 // Deliberate: 0 even if the subscription fails; flows that need no translation work without it.
 int ssc_app_async_connect_cb(void *, const char *label) {
-  if (label != nullptr) SDN_VER("%s", label);
+  if (label) SDN_VER("%s", label);
   ssc_kelim_subscribe_app();
   return 0;
 }
 
 int ssc_udp_async_connect_cb(void *conn, const char *label) {
-  if (label != nullptr) SDN_VER("%s", label);
+  if (label) SDN_VER("%s", label);
   if (const int rv = libcgstctrl_gen_init(conn, QX_MOM_UDP_DB, kName); rv != 0) {
     SDN_ERROR("libcgstctrl_gen_init failed, rv:%d", rv);
   } else if (const int topic_rv = ssc_kelim_udp_topic_reg(conn); topic_rv != 0) {
@@ -298,7 +298,7 @@ int ssc_kelim_udp_reconnect_cb(void *conn, std::int32_t db, std::int32_t type) {
 
 int flow_install_call_back(void *, const qx_obj *msg) {
   const auto *sta = record_of<SPolicyKelim__FlowSta>(msg->value);
-  if (sta == nullptr) return 0;
+  if (!sta) return 0;
   if (msg->cmd == QX_MOM_CMD_SET) report_flow(__func__, *sta);
   if (msg->cmd == QX_MOM_CMD_DEL) SDN_VER("del flow index:%lu\n", sta->index->flow_index);
   return 0;
@@ -313,7 +313,7 @@ int meter_install_call_back(void *, const qx_obj *msg) {
     case QX_MOM_CMD_HASH_NEW:
     case QX_MOM_CMD_HASH_SET: {
       const SPolicyKelim__Meter *meter = written_meter(__func__, *msg);
-      if (meter == nullptr) return QX_FAILED;
+      if (!meter) return QX_FAILED;
       report_meter(__func__, *meter);
       return 0;
     }
@@ -327,12 +327,12 @@ int meter_install_call_back(void *, const qx_obj *msg) {
 
 int flow_to_ace_install_call_back(void *, const qx_obj *msg) {
   const auto *record = record_of<SPolicyKelim__FlowToAce>(msg->value);
-  if (msg->cmd == QX_MOM_CMD_SET && record != nullptr) {
+  if (msg->cmd == QX_MOM_CMD_SET && record) {
     ssc_kelim_add_flow_to_ace(record);
     ssc_sdn_update_ds_node_and_check(record->index->flow_index, 1);
   }
   if (msg->cmd != QX_MOM_CMD_DEL) return 0;
-  if (record == nullptr) {
+  if (!record) {
     SDN_ERROR("value is null.");
     return QX_INVALID;
   }
@@ -352,7 +352,7 @@ int main() {
   g_ssc_kelim_global = nullptr;
   if (const int rv = libss_fp_com_check_run("/var/run/ssc_kelim.pid"); rv != 0) return rv;
   g_ssc_kelim_global = qx_global_init(kName, nullptr);
-  if (g_ssc_kelim_global == nullptr) return QX_FAILED;
+  if (!g_ssc_kelim_global) return QX_FAILED;
   g_policy_error_zlog_category = qx_zlog_init("policy_error");
   if (libss_fp_com_ham_init("/var/tmp/ssc_kelim_no_ham", g_policy_error_zlog_category) != 0) SDN_VER("ham init fail");
 

@@ -59,7 +59,7 @@ void free_locked(libss_pthrd_mst *mst) {
 bool run(libss_pthrd_hdl *node, std::uint64_t arg) {
   const bool final_node = node->flag == LIBSS_PTHRD_FINAL;
   if (final_node) node->arg = arg;
-  if (node->handler != nullptr) node->handler(node);
+  if (node->handler) node->handler(node);
   const bool ends = final_node && node->flag == LIBSS_PTHRD_FINAL;
   delete node;
   return ends;
@@ -122,26 +122,26 @@ bool init_sync(libss_pthrd_mst &mst) {
 
 libss_pthrd_mst *libss_pthrd_create_mst_withname(const char *name) {
   auto *mst = new (std::nothrow) libss_pthrd_mst{};
-  if (mst == nullptr) return nullptr;
+  if (!mst) return nullptr;
   if (!init_sync(*mst)) {
     delete mst;
     return nullptr;
   }
   mst->head.next = mst->head.prev = &mst->head;
-  std::snprintf(mst->name, sizeof mst->name, "%s", name != nullptr ? name : "default");
+  std::snprintf(mst->name, sizeof mst->name, "%s", name ? name : "default");
   mst->alive.store(1, std::memory_order_release);
   return mst;
 }
 
 void libss_pthrd_destroy_mst(libss_pthrd_mst *mst) {
-  if (mst != nullptr) mst->alive.store(0, std::memory_order_release);
+  if (mst) mst->alive.store(0, std::memory_order_release);
 }
 
 libss_pthrd_hdl *libss_pthrd_add_hdl(libss_pthrd_mst *mst, libss_pthrd_handler handler, void *data, std::uint32_t value,
                                      std::uint32_t flag) {
-  if (mst == nullptr || !is_alive(*mst)) return nullptr;
+  if (!mst || !is_alive(*mst)) return nullptr;
   auto *node = new (std::nothrow) libss_pthrd_hdl{{nullptr, nullptr}, flag, handler, data, value, 0};
-  if (node == nullptr) return nullptr;
+  if (!node) return nullptr;
   pthread_mutex_lock(&mst->mutex);
   link_at_tail(*mst, *node);
   pthread_cond_signal(&mst->cond);
@@ -150,14 +150,14 @@ libss_pthrd_hdl *libss_pthrd_add_hdl(libss_pthrd_mst *mst, libss_pthrd_handler h
 }
 
 void libss_pthrd_clear_hdl(libss_pthrd_mst *mst) {
-  if (mst == nullptr) return;
+  if (!mst) return;
   pthread_mutex_lock(&mst->mutex);
   free_all(*mst);
   pthread_mutex_unlock(&mst->mutex);
 }
 
 libss_pthrd_drain_result libss_pthrd_drain(libss_pthrd_mst *mst, std::uint64_t arg) {
-  if (mst == nullptr) return LIBSS_PTHRD_NO_MASTER;
+  if (!mst) return LIBSS_PTHRD_NO_MASTER;
   pthread_mutex_lock(&mst->mutex);
   if (!is_alive(*mst)) {
     free_locked(mst);
@@ -169,7 +169,7 @@ libss_pthrd_drain_result libss_pthrd_drain(libss_pthrd_mst *mst, std::uint64_t a
 }
 
 libss_pthrd_drain_result libss_pthrd_block_ot(libss_pthrd_mst *mst, std::uint64_t arg, std::uint32_t timeout_ms) {
-  if (mst == nullptr || !is_alive(*mst)) return LIBSS_PTHRD_NO_MASTER;
+  if (!mst || !is_alive(*mst)) return LIBSS_PTHRD_NO_MASTER;
   pthread_mutex_lock(&mst->mutex);
   for (;;) {
     const libss_pthrd_drain_result result = drain_locked(mst, arg);
@@ -183,15 +183,15 @@ libss_pthrd_drain_result libss_pthrd_block_ot(libss_pthrd_mst *mst, std::uint64_
 }
 
 void libss_pthrd_tranv_node(libss_pthrd_mst *mst, void (*visit)(libss_pthrd_hdl *)) {
-  if (mst == nullptr || !is_alive(*mst)) return;
+  if (!mst || !is_alive(*mst)) return;
   pthread_mutex_lock(&mst->mutex);
-  for (libss_pthrd_link *link = mst->head.next; visit != nullptr && link != &mst->head; link = link->next)
+  for (libss_pthrd_link *link = mst->head.next; visit && link != &mst->head; link = link->next)
     visit(static_cast<libss_pthrd_hdl *>(link));
   pthread_mutex_unlock(&mst->mutex);
 }
 
 std::uint32_t libss_pthrd_get_hdl_num(libss_pthrd_mst *mst) {
-  if (mst == nullptr || !is_alive(*mst)) return 0;
+  if (!mst || !is_alive(*mst)) return 0;
   pthread_mutex_lock(&mst->mutex);
   const std::uint32_t count = mst->count;
   pthread_mutex_unlock(&mst->mutex);

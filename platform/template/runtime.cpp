@@ -39,7 +39,7 @@ std::mutex g_mutex;
 std::vector<std::function<void()>> g_posted;  // under g_mutex
 
 void wake() {
-  const uint64_t one = 1;
+  const std::uint64_t one = 1;
   [[maybe_unused]] const auto n = write(g_wake_fd, &one, sizeof one);  // full means that it is awake already
 }
 
@@ -73,7 +73,7 @@ void turn(qx_thread_master &master, std::chrono::milliseconds longest) {
     wait = std::clamp(std::chrono::ceil<std::chrono::milliseconds>(master.timers.begin()->first - Clock::now()), 0ms, longest);
   pollfd mail = {.fd = g_wake_fd, .events = POLLIN, .revents = 0};
   if (poll(&mail, 1, static_cast<int>(wait.count())) > 0) {
-    uint64_t count;
+    std::uint64_t count;
     [[maybe_unused]] const auto n = read(mail.fd, &count, sizeof count);
   }
   run_posted();
@@ -103,7 +103,7 @@ void platform_post(void (*work)(void *arg), void *arg) {
 }
 
 qx_global *qx_global_init(const char *name, void *) {
-  if (name == nullptr || g_runtime != nullptr) return nullptr;
+  if (!name || g_runtime) return nullptr;
   g_wake_fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
   if (g_wake_fd < 0) return nullptr;
   g_stop = false;
@@ -115,13 +115,13 @@ qx_global *qx_global_init(const char *name, void *) {
 }
 
 int qx_global_run(qx_global *global) {
-  if (g_runtime == nullptr || global != &g_runtime->global) return QX_FAILED;
+  if (!g_runtime || global != &g_runtime->global) return QX_FAILED;
   while (!g_stop) turn(g_runtime->master, 1h);
   return 0;
 }
 
 void qx_global_finish(qx_global *global) {
-  if (g_runtime == nullptr || global != &g_runtime->global) return;
+  if (!g_runtime || global != &g_runtime->global) return;
   platform_southbound_finish();
   platform_store_finish();
   std::vector<std::function<void()>> dropped;  // destroyed when the lock has been given back
@@ -134,14 +134,14 @@ void qx_global_finish(qx_global *global) {
 
 int qx_thread_insert_timer_timeval(qx_thread_master *master, qx_thread *thread, int (*func)(qx_thread *), void *arg, long sec,
                                    long usec, const char *name) {
-  if (master == nullptr || thread == nullptr || func == nullptr || master->finished || thread->impl != nullptr) return QX_FAILED;
+  if (!master || !thread || !func || master->finished || thread->impl) return QX_FAILED;
   *thread = {.impl = master, .master = master, .func = func, .arg = arg, .name = name};
   master->timers.emplace(Clock::now() + std::max(sec, 0L) * 1s + std::max(usec, 0L) * 1us, thread);
   return 0;
 }
 
 void qx_thread_master_finish(qx_thread_master *master) {
-  if (master == nullptr) return;
+  if (!master) return;
   master->finished = true;
   master->timers.clear();
 }
@@ -152,11 +152,11 @@ timespec qx_monotime() {
   return now;
 }
 
-uint64_t qx_timeval_to_us(timespec t) {
-  return static_cast<uint64_t>(t.tv_sec) * 1'000'000 + static_cast<uint64_t>(t.tv_nsec) / 1000;
+std::uint64_t qx_timeval_to_us(timespec t) {
+  return static_cast<std::uint64_t>(t.tv_sec) * 1'000'000 + static_cast<std::uint64_t>(t.tv_nsec) / 1000;
 }
 
-char *qx_time_2_string(char *buf, size_t len) {
+char *qx_time_2_string(char *buf, std::size_t len) {
   timespec now;
   clock_gettime(CLOCK_REALTIME, &now);
   tm parts;
@@ -166,6 +166,6 @@ char *qx_time_2_string(char *buf, size_t len) {
   return buf;
 }
 
-void qx_sleep_ms(uint32_t ms) {
+void qx_sleep_ms(std::uint32_t ms) {
   std::this_thread::sleep_for(std::chrono::milliseconds(ms));
 }

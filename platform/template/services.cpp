@@ -34,9 +34,9 @@ qx_zlog_category *qx_zlog_init(const char *name) {
   return known != categories.end() ? &*known : &*categories.insert(known, {name});
 }
 
-void qxdf_zlog(qx_zlog_category *category, const char *, size_t, const char *func, size_t func_len, long line, int level,
-               const char *format, ...) {
-  if (category == nullptr || level < QX_ZLOG_ERROR) return;
+void qxdf_zlog(qx_zlog_category *category, const char *, std::size_t, const char *func, std::size_t func_len, long line,
+               int level, const char *format, ...) {
+  if (!category || level < QX_ZLOG_ERROR) return;
   char text[1024];
   va_list arguments;
   va_start(arguments, format);
@@ -49,7 +49,7 @@ void qxdf_zlog(qx_zlog_category *category, const char *, size_t, const char *fun
           func, line, whole.c_str());
 }
 
-int at_snprintf(char *buf, size_t size, const char *format, ...) {
+int at_snprintf(char *buf, std::size_t size, const char *format, ...) {
   if (size == 0) return 0;
   va_list arguments;
   va_start(arguments, format);
@@ -79,7 +79,7 @@ int libss_fp_com_ham_init(const char *, qx_zlog_category *) {
 // ---- rdnd_lib.h: the only supervisor, which takes up its work in the first turn of the loop
 
 int rdnd_lib_mom_reg(const rdnd_lib_reg *reg) {
-  if (reg == nullptr || reg->name == nullptr || reg->role_cb == nullptr || reg->state_cb == nullptr) return QX_INVALID;
+  if (!reg || !reg->name || !reg->role_cb || !reg->state_cb) return QX_INVALID;
   platform::post([take_up = reg->role_cb] {
     if (take_up(nullptr, nullptr) == 0) return;
     fputs("The process could not take up its work.\n", stderr);
@@ -94,20 +94,20 @@ int libddm_init(qx_global *, const char *) {
   return 0;
 }
 
-int libddm_get_phyid_by_ifx(uint32_t ifx, uint32_t *phyid) {
-  constexpr uint32_t kPorts = 48;
-  if (phyid == nullptr) return QX_INVALID;
+int libddm_get_phyid_by_ifx(std::uint32_t ifx, std::uint32_t *phyid) {
+  constexpr std::uint32_t kPorts = 48;
+  if (!phyid) return QX_INVALID;
   if (ifx < 1 || ifx > kPorts) return QX_NOT_FOUND;
   *phyid = ifx - 1;
   return 0;
 }
 
 // The ports of a switch are no interfaces of a machine.
-int libddm_for_each_port(void (*)(void *, uint32_t, const char *), void *) {
+int libddm_for_each_port(void (*)(void *, std::uint32_t, const char *), void *) {
   return 0;
 }
 
-uint32_t lsm_if_get_type(uint32_t) {
+std::uint32_t lsm_if_get_type(std::uint32_t) {
   return LSM_IF_TYPE_ETHERNET;
 }
 
@@ -119,13 +119,13 @@ static std::map<std::string, std::map<std::string, ssat_handler>> &commands() {
 }
 
 int ssat_lib_init(qx_global *, const char *name) {
-  if (name == nullptr) return QX_INVALID;
+  if (!name) return QX_INVALID;
   commands()[name];
   return 0;
 }
 
 int ssat_reg_mod_cmd(const char *module, const char *command, const char *format, ssat_handler handler) {
-  if (module == nullptr || command == nullptr || format == nullptr || handler == nullptr) return QX_INVALID;
+  if (!module || !command || !format || !handler) return QX_INVALID;
   const auto known = commands().find(module);
   if (known == commands().end()) return QX_NOT_FOUND;
   return known->second.emplace(command, handler).second ? QX_OK : QX_INVALID;
@@ -133,9 +133,9 @@ int ssat_reg_mod_cmd(const char *module, const char *command, const char *format
 
 // ---- ut_ss_fp_appmng.h
 
-static uint64_t now_ns() {
+static std::uint64_t now_ns() {
   const timespec now = qx_monotime();
-  return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(now.tv_nsec);
+  return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(now.tv_nsec);
 }
 
 void ut_ss_fp_appmng_time_start(ut_ss_fp_appmng_time *record) {
@@ -143,10 +143,10 @@ void ut_ss_fp_appmng_time_start(ut_ss_fp_appmng_time *record) {
 }
 
 // Whoever takes the start away counts it, so that none counts twice.
-void ut_ss_fp_appmng_time_stop(ut_ss_fp_appmng_time *record, uint32_t) {
-  const uint64_t started = __atomic_exchange_n(&record->started, 0, __ATOMIC_RELAXED);
+void ut_ss_fp_appmng_time_stop(ut_ss_fp_appmng_time *record, std::uint32_t) {
+  const std::uint64_t started = __atomic_exchange_n(&record->started, 0, __ATOMIC_RELAXED);
   if (started == 0) return;
-  const uint64_t took = now_ns() - started;
+  const std::uint64_t took = now_ns() - started;
   __atomic_fetch_add(&record->count, 1, __ATOMIC_RELAXED);
   __atomic_fetch_add(&record->total, took, __ATOMIC_RELAXED);
   __atomic_store_n(&record->last, took, __ATOMIC_RELAXED);

@@ -20,18 +20,18 @@ namespace {
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
-using Packed = std::shared_ptr<const std::vector<uint8_t>>;
+using Packed = std::shared_ptr<const std::vector<std::uint8_t>>;
 
 struct Object {
   Packed packed;
-  int64_t tag = 0;
-  uint64_t born = 0;  // when it was made, in the order of all objects
+  std::int64_t tag = 0;
+  std::uint64_t born = 0;  // when it was made, in the order of all objects
   std::optional<Clock::time_point> due;
 };
 
 struct Subscription {
   qx_mom_notify_cb callback;
-  uint32_t delivery;
+  std::uint32_t delivery;
 };
 
 struct Table {
@@ -48,9 +48,9 @@ struct Database {
 };
 
 struct Store {
-  std::map<int32_t, Database> databases{{QX_MOM_ASIC_DB, {}}, {QX_MOM_APP_DB, {}}, {QX_MOM_UDP_DB, {}}};
+  std::map<std::int32_t, Database> databases{{QX_MOM_ASIC_DB, {}}, {QX_MOM_APP_DB, {}}, {QX_MOM_UDP_DB, {}}};
   std::set<std::tuple<Clock::time_point, Table *, std::string>> expiries;
-  uint64_t born = 0;
+  std::uint64_t born = 0;
   qx_thread sweep_timer{};
 };
 
@@ -75,7 +75,7 @@ std::string key_of(const ProtobufCMessage *key) {
       bytes.append(text, strlen(text) + 1);
     } else {
       const bool wide = field.type == PROTOBUF_C_TYPE_UINT64;
-      const uint64_t number = wide ? member<uint64_t>(key, field) : member<uint32_t>(key, field);
+      const std::uint64_t number = wide ? member<std::uint64_t>(key, field) : member<std::uint32_t>(key, field);
       for (int shift = wide ? 56 : 24; shift >= 0; shift -= 8) bytes.push_back(static_cast<char>(number >> shift));
     }
   }
@@ -110,7 +110,7 @@ bool well_formed(const ProtobufCMessage *record) {
 }
 
 // What a written object comes as: `hash_cmd` where its type is of the hash class.
-uint32_t cmd_of(const Table &table, uint32_t hash_cmd) {
+std::uint32_t cmd_of(const Table &table, std::uint32_t hash_cmd) {
   if (strcmp(table.type->name, "s_policy_kelim.meter") == 0) return hash_cmd;
   return QX_MOM_CMD_SET;
 }
@@ -127,7 +127,7 @@ struct Call {
   std::optional<std::string> key;
 };
 
-Database *database(qx_global *global, int32_t number) {
+Database *database(qx_global *global, std::int32_t number) {
   const auto found = g_store->databases.find(number);
   return global && found != g_store->databases.end() ? &found->second : nullptr;
 }
@@ -136,7 +136,7 @@ Table &table_of(Database &db, const ProtobufCMessageDescriptor *type) {
   return db.tables.try_emplace(type, Table{type, {}, {}}).first->second;
 }
 
-Call resolve(qx_global *global, int32_t number, const ProtobufCMessage *record, Needs needs, Link link) {
+Call resolve(qx_global *global, std::int32_t number, const ProtobufCMessage *record, Needs needs, Link link) {
   Call call;
   Database *db = database(global, number);
   if (!db || !record || !record->descriptor || !qx_mom_short_name_len(record->descriptor) || !well_formed(record)) return call;
@@ -153,13 +153,13 @@ Call resolve(qx_global *global, int32_t number, const ProtobufCMessage *record, 
 
 // ---- notifications
 
-bool in_holder(uint32_t cmd) {
+bool in_holder(std::uint32_t cmd) {
   return cmd == QX_MOM_CMD_HASH_NEW || cmd == QX_MOM_CMD_HASH_SET;
 }
 
 // An object as it is delivered, with what it points at.
 struct Delivery {
-  Delivery(const Table &table, uint32_t cmd, const Packed &packed) {
+  Delivery(const Table &table, std::uint32_t cmd, const Packed &packed) {
     holder.record = protobuf_c_message_unpack(table.type, nullptr, packed->size(), packed->data());
     object.cmd = cmd;
     object.value = in_holder(cmd) ? static_cast<void *>(&holder) : holder.record;
@@ -171,20 +171,20 @@ struct Delivery {
   qx_mom_hash_value holder{};
 };
 
-void deliver(Table &table, uint32_t cmd, const Packed &packed) {
+void deliver(Table &table, std::uint32_t cmd, const Packed &packed) {
   if (table.subscriptions.empty()) return;
   const Delivery decoded(table, cmd, packed);
   qx_obj bytes{};
   bytes.cmd = cmd;
   if (in_holder(cmd)) bytes.cmd = QX_MOM_CMD_SET;
   bytes.packed = packed->data();
-  bytes.packed_len = static_cast<uint32_t>(packed->size());
+  bytes.packed_len = static_cast<std::uint32_t>(packed->size());
   const auto subscriptions = table.subscriptions;  // a callback may subscribe
   for (const auto &[callback, delivery] : subscriptions) callback(nullptr, delivery == QX_MOM_PACKED ? &bytes : &decoded.object);
 }
 
 // The loop takes notifications in the order in which they were posted, which is that of the writes.
-void notify(Table &table, uint32_t cmd, Packed packed) {
+void notify(Table &table, std::uint32_t cmd, Packed packed) {
   const bool counts = cmd != QX_MOM_CMD_DEL;
   if (counts) ++table.waiting;
   platform::post([&table, cmd, packed = std::move(packed), counts] {
@@ -198,7 +198,7 @@ bool admitted(const Table &table) {
 }
 
 Packed pack(const ProtobufCMessage *record) {
-  auto bytes = std::make_shared<std::vector<uint8_t>>(protobuf_c_message_get_packed_size(record));
+  auto bytes = std::make_shared<std::vector<std::uint8_t>>(protobuf_c_message_get_packed_size(record));
   protobuf_c_message_pack(record, bytes->data());
   return bytes;
 }
@@ -210,7 +210,7 @@ void forget_expiry(Table &table, const std::string &key, Object &object) {
   object.due.reset();
 }
 
-int write(const Call &call, const ProtobufCMessage *record, int64_t tag = 0) {
+int write(const Call &call, const ProtobufCMessage *record, std::int64_t tag = 0) {
   Table &table = *call.table;
   if (!admitted(table)) return QX_NO_ROOM;
   const auto [place, created] = table.objects.try_emplace(*call.key);
@@ -267,14 +267,14 @@ void platform_store_finish() {
   g_store = new Store;
 }
 
-int qx_mom_client_connect_sync(qx_global *global, int32_t number) {
+int qx_mom_client_connect_sync(qx_global *global, std::int32_t number) {
   Database *db = database(global, number);
   if (!db) return QX_INVALID;
   db->sync_up = true;
   return 0;
 }
 
-int qx_mom_client_connect(qx_global *global, int32_t number, qx_mom_connect_cb cb, const char *label) {
+int qx_mom_client_connect(qx_global *global, std::int32_t number, qx_mom_connect_cb cb, const char *label) {
   Database *db = database(global, number);
   if (!db || !cb) return QX_INVALID;
   platform::post([=] {
@@ -286,38 +286,39 @@ int qx_mom_client_connect(qx_global *global, int32_t number, qx_mom_connect_cb c
   return 0;
 }
 
-int qx_mom_client_set_reconnect_cb(qx_global *global, int32_t db, qx_mom_reconnect_cb cb, void *) {
+int qx_mom_client_set_reconnect_cb(qx_global *global, std::int32_t db, qx_mom_reconnect_cb cb, void *) {
   return database(global, db) && cb ? QX_OK : QX_INVALID;
 }
 
-int qx_mom_set(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t, uint32_t) {
+int qx_mom_set(qx_global *global, std::int32_t db, const ProtobufCMessage *record, std::uint32_t, std::uint32_t) {
   const Call call = resolve(global, db, record, Needs::key, Link::async);
   return call.code ? call.code : write(call, record);
 }
 
-int qx_mom_setow(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t, uint32_t, int64_t ow) {
+int qx_mom_setow(qx_global *global, std::int32_t db, const ProtobufCMessage *record, std::uint32_t, std::uint32_t,
+                 std::int64_t ow) {
   const Call call = resolve(global, db, record, Needs::key, Link::async);
   return call.code ? call.code : write(call, record, ow);
 }
 
-int qx_mom_setnx_sync(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t, uint32_t) {
+int qx_mom_setnx_sync(qx_global *global, std::int32_t db, const ProtobufCMessage *record, std::uint32_t, std::uint32_t) {
   const Call call = resolve(global, db, record, Needs::key, Link::sync);
   if (call.code) return call.code;
   return call.table->objects.contains(*call.key) ? 1 : write(call, record);
 }
 
-int qx_mom_del(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t, uint32_t) {
+int qx_mom_del(qx_global *global, std::int32_t db, const ProtobufCMessage *record, std::uint32_t, std::uint32_t) {
   const Call call = resolve(global, db, record, Needs::key, Link::async);
   return call.code ? call.code : remove(*call.table, *call.key);
 }
 
-int qx_mom_del_sync(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t, uint32_t) {
+int qx_mom_del_sync(qx_global *global, std::int32_t db, const ProtobufCMessage *record, std::uint32_t, std::uint32_t) {
   const Call call = resolve(global, db, record, Needs::key, Link::sync);
   return call.code ? call.code : remove(*call.table, *call.key);
 }
 
-int qx_mom_pexpire(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t, uint32_t ms, uint32_t,
-                   qx_mom_done_cb cb, void *) {
+int qx_mom_pexpire(qx_global *global, std::int32_t db, const ProtobufCMessage *record, std::uint32_t, std::uint32_t ms,
+                   std::uint32_t, qx_mom_done_cb cb, void *) {
   const Call call = resolve(global, db, record, Needs::key_or_all, Link::async);
   if (call.code) return call.code;
   const auto due = Clock::now() + ms * 1ms + (call.key ? 0 : call.table->objects.size()) * 100us;
@@ -331,14 +332,15 @@ int qx_mom_pexpire(qx_global *global, int32_t db, const ProtobufCMessage *record
   return 0;
 }
 
-int qx_mom_del_expire(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t, uint32_t, void *) {
+int qx_mom_del_expire(qx_global *global, std::int32_t db, const ProtobufCMessage *record, std::uint32_t, std::uint32_t, void *) {
   const Call call = resolve(global, db, record, Needs::key_or_all, Link::async);
   if (call.code) return call.code;
   for_each_object(call, [&](const std::string &key, Object &object) { forget_expiry(*call.table, key, object); });
   return 0;
 }
 
-int qx_mom_del_expire_ow(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t, uint32_t, void *, int64_t ow) {
+int qx_mom_del_expire_ow(qx_global *global, std::int32_t db, const ProtobufCMessage *record, std::uint32_t, std::uint32_t, void *,
+                         std::int64_t ow) {
   const Call call = resolve(global, db, record, Needs::record, Link::async);
   if (call.code) return call.code;
   std::vector<std::string> gone;
@@ -348,7 +350,7 @@ int qx_mom_del_expire_ow(qx_global *global, int32_t db, const ProtobufCMessage *
   return 0;
 }
 
-int qx_mom_publish(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t, uint32_t) {
+int qx_mom_publish(qx_global *global, std::int32_t db, const ProtobufCMessage *record, std::uint32_t, std::uint32_t) {
   const Call call = resolve(global, db, record, Needs::record, Link::async);
   if (call.code) return call.code;
   if (!admitted(*call.table)) return QX_NO_ROOM;
@@ -358,7 +360,7 @@ int qx_mom_publish(qx_global *global, int32_t db, const ProtobufCMessage *record
 
 // ---- reading
 
-int qx_mom_get_sync(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t, qx_obj **out) {
+int qx_mom_get_sync(qx_global *global, std::int32_t db, const ProtobufCMessage *record, std::uint32_t, qx_obj **out) {
   if (out) *out = nullptr;
   const Call call = resolve(global, db, record, Needs::key, Link::sync);
   if (call.code) return call.code;
@@ -374,11 +376,12 @@ void qx_mom_qx_obj_free(qx_obj *obj) {
   delete reinterpret_cast<Delivery *>(obj);
 }
 
-int qx_mom_scan_sync(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t, qx_mom_scan_cb cb, void *arg) {
+int qx_mom_scan_sync(qx_global *global, std::int32_t db, const ProtobufCMessage *record, std::uint32_t, qx_mom_scan_cb cb,
+                     void *arg) {
   const Call call = resolve(global, db, record, Needs::record, Link::sync);
   if (call.code) return call.code;
   if (!cb) return QX_INVALID;
-  const uint64_t begun = g_store->born;
+  const std::uint64_t begun = g_store->born;
   auto &objects = call.table->objects;
   for (auto place = objects.begin(); place != objects.end();) {
     const std::string key = place->first;
@@ -391,7 +394,7 @@ int qx_mom_scan_sync(qx_global *global, int32_t db, const ProtobufCMessage *reco
   return 0;
 }
 
-int qx_mom_subscribe(qx_global *global, int32_t number, const qx_mom_spec *spec, qx_mom_notify_cb cb) {
+int qx_mom_subscribe(qx_global *global, std::int32_t number, const qx_mom_spec *spec, qx_mom_notify_cb cb) {
   Database *db = database(global, number);
   if (!db || !cb || !spec || !spec->type.value || spec->type.key != key_type(spec->type.value) || spec->delivery > QX_MOM_PACKED)
     return QX_INVALID;
@@ -409,14 +412,14 @@ int qx_mom_subscribe(qx_global *global, int32_t number, const qx_mom_spec *spec,
 
 // ---- libcgstctrl.h
 
-int libcgstctrl_gen_init(void *conn, int32_t number, const char *name) {
+int libcgstctrl_gen_init(void *conn, std::int32_t number, const char *name) {
   Database *db = database(static_cast<qx_global *>(conn), number);
   if (!db || !name) return QX_INVALID;
   db->congestion_control = true;
   return 0;
 }
 
-int libcgstctrl_gen_topic_reg(void *conn, int32_t number, const char *name, const qx_mom_type *topic) {
+int libcgstctrl_gen_topic_reg(void *conn, std::int32_t number, const char *name, const qx_mom_type *topic) {
   Database *db = database(static_cast<qx_global *>(conn), number);
   if (!db || !name || !topic || !topic->value || topic->key != key_type(topic->value)) return QX_INVALID;
   if (!db->congestion_control) return QX_FAILED;

@@ -100,12 +100,11 @@ struct Entry {
     ace.acl_app_type = const_cast<char *>(kAppType);
     ace.ace_field = &match;
     ace.ace_action = &actions;
-    if (flow.field != nullptr) {
+    if (flow.field) {
       match.rule_bitmap = translate(kMatchRows, *flow.field, flow.field->flow_field_bitmap, match);
       match.in_port_ifx = flow.field->in_port_ifx;
     }
-    if (flow.action != nullptr)
-      actions.action_bitmap = translate(kActionRows, *flow.action, flow.action->flow_action_bitmap, actions);
+    if (flow.action) actions.action_bitmap = translate(kActionRows, *flow.action, flow.action->flow_action_bitmap, actions);
     actions.action_bitmap |=
         bit(S_POLICY_KELIM__FLOW_ACE_ACTION_E__SS_FP_ACTION_FWD) | bit(S_POLICY_KELIM__FLOW_ACE_ACTION_E__SS_FP_ACTION_SET_DMAC);
     actions.fwd = 1;
@@ -127,8 +126,8 @@ struct Entry {
 
 template <typename Record>
 const Record *record_of(const qx_obj *object) {
-  const auto *record = object == nullptr ? nullptr : static_cast<const Record *>(object->value);
-  return record == nullptr || record->index == nullptr ? nullptr : record;
+  const auto *record = object ? static_cast<const Record *>(object->value) : nullptr;
+  return record && record->index ? record : nullptr;
 }
 
 using Key = std::tuple<std::uint32_t, std::uint64_t, std::uint32_t>;
@@ -153,13 +152,13 @@ void Chain::notified(const qx_obj &msg) {
 
 void Chain::written(const qx_obj &msg) {
   const auto *flow = record_of<SPolicyKelim__ParseFlow>(&msg);
-  if (flow == nullptr) return report_fault(context_, "parse_flow record", {});
+  if (!flow) return report_fault(context_, "parse_flow record", {});
   if (!answer(*flow)) catch_up_.soon();
 }
 
 void Chain::deleted(const qx_obj &msg) {
   const auto *flow = record_of<SPolicyKelim__ParseFlow>(&msg);
-  if (flow == nullptr) return report_fault(context_, "parse_flow record", {});
+  if (!flow) return report_fault(context_, "parse_flow record", {});
   SPolicyKelim__FlowToAce entries = S_POLICY_KELIM__FLOW_TO_ACE__INIT;
   entries.index = flow->index;
   const int result = qx_mom_del(context_.global, kChainDb, &entries.base, 0, 0);
@@ -201,7 +200,7 @@ bool Chain::resynchronise() {
   bool done = true;
   complete = complete && scan(context_, kChainDb, any_flow, [&](const qx_obj &object) {
                const auto *flow = record_of<SPolicyKelim__ParseFlow>(&object);
-               if (flow == nullptr) return;
+               if (!flow) return;
                const auto found = answered.extract(key_of(*flow->index));
                if (found.empty() || found.mapped() != flow->req_uuid) done &= answer(*flow);
              });

@@ -211,7 +211,7 @@ bool Flows::read_answers() {
   any.index = &key;
   return scan(context_, kFlowDb, any, [this](const qx_obj &object) {
     const auto *sta = static_cast<const SPolicyKelim__FlowSta *>(object.value);
-    if (sta == nullptr || sta->index == nullptr) return;
+    if (!sta || !sta->index) return;
     FlowEntry &entry = table_[table_.insert({sta->index->flow_index, sta->index->vsd_id})];
     entry.uuid = sta->rep_uuid;
     entry.status = static_cast<std::uint8_t>(sta->status);
@@ -226,7 +226,7 @@ bool Flows::read_counters() {
   any.index = &key;
   return scan(context_, kFlowDb, any, [this](const qx_obj &object) {
     const auto *counter = static_cast<const SPolicyKelim__FlowCounter *>(object.value);
-    if (counter == nullptr || counter->index == nullptr) return;
+    if (!counter || !counter->index) return;
     FlowEntry &entry = table_[table_.insert({counter->index->flow_index, counter->index->vsd_id})];
     entry.counted = true;
     if (entry.state == FlowState::kStored) entry.sums = {counter->packet_sum, counter->byte_sum};
@@ -239,7 +239,7 @@ bool Flows::read_flows() {
   any.index = &key;
   std::vector<std::uint8_t> bytes;
   return scan(context_, kFlowDb, any, [&](const qx_obj &object) {
-    if (object.value == nullptr) return;
+    if (!object.value) return;
     const auto *flow = static_cast<const ProtobufCMessage *>(object.value);
     bytes.resize(protobuf_c_message_get_packed_size(flow));
     protobuf_c_message_pack(flow, bytes.data());

@@ -59,7 +59,7 @@ constexpr int kBadConfiguration = 78;  // exit status, EX_CONFIG of sysexits.h: 
 int serve(const programmer::Options &options) {
   if (const int taken = libss_fp_com_check_run("/var/run/kelim-programmer.pid"); taken != 0) return taken;
   qx_global *global = qx_global_init(kProcess, nullptr);
-  if (global == nullptr) return errno == EINVAL ? kBadConfiguration : 1;
+  if (!global) return errno == EINVAL ? kBadConfiguration : 1;
   libss_fp_com_ham_init("/var/tmp/kelim-programmer_no_ham", qx_zlog_init(kProcess));
   const rdnd_lib_reg registration = {
       .master = global->master,

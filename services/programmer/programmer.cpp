@@ -22,7 +22,7 @@ namespace {
 struct PacketSignal {
   Target &target;
   void notified(const qx_obj &msg) const {
-    if (msg.cmd == QX_MOM_CMD_PUBLISH && msg.value != nullptr)
+    if (msg.cmd == QX_MOM_CMD_PUBLISH && msg.value)
       target.want_packets(static_cast<const SPolicyKelim__PktSig *>(msg.value)->is_pkt_start != 0);
   }
 };
@@ -60,7 +60,7 @@ std::unique_ptr<Service> g_service;
 
 template <auto Part>
 int deliver(void * /*conn*/, const qx_obj *msg) {
-  if (g_service != nullptr) ((*g_service).*Part).notified(*msg);
+  if (g_service) ((*g_service).*Part).notified(*msg);
   return 0;
 }
 
@@ -99,7 +99,7 @@ int subscribe(std::int32_t db) {
 
 template <std::int32_t Db>
 int connected(void * /*conn*/, const char * /*label*/) {
-  return g_service == nullptr ? 0 : subscribe(Db);
+  return g_service ? subscribe(Db) : 0;
 }
 
 int connect(qx_global *global, std::int32_t db, qx_mom_connect_cb callback) {
@@ -132,7 +132,7 @@ int show(const std::int64_t * /*args*/, std::uint32_t /*count*/) {
 
 // Lists the flows that are in force in the target, one key a line, as the database's tools write it.
 int list_flows(const std::int64_t * /*args*/, std::uint32_t /*count*/) {
-  if (g_service == nullptr) return QX_FAILED;
+  if (!g_service) return QX_FAILED;
   const FlowTable &table = g_service->flows.table();
   for (std::uint32_t slot = 0; slot < table.slots(); ++slot) {
     const FlowEntry &entry = table[slot];
@@ -157,12 +157,12 @@ std::string check(const Options &options) {
 }
 
 int start_embedded(qx_global *global, const Options &options, std::string *why) {
-  if (global == nullptr || !check(options).empty()) return QX_INVALID;
-  if (g_service != nullptr) return QX_FAILED;
+  if (!global || !check(options).empty()) return QX_INVALID;
+  if (g_service) return QX_FAILED;
   try {
     g_service = std::make_unique<Service>(global, options);
   } catch (const std::runtime_error &missing) {
-    if (why != nullptr) *why = missing.what();
+    if (why) *why = missing.what();
     return QX_UNSUPPORTED;
   }
   int result = connect(global, kFlowDb, connected<kFlowDb>);
@@ -184,7 +184,7 @@ void stop_embedded() {
 }
 
 std::optional<Totals> totals() {
-  if (g_service == nullptr) return std::nullopt;
+  if (!g_service) return std::nullopt;
   const Target::Usage usage = g_service->target->usage();
   const Flows &flows = g_service->flows;
   Totals now{.flows = usage.flows,

@@ -114,14 +114,14 @@ const Script::Rule *Script::find(Verb verb, std::uint64_t arrival, std::uint64_t
 
 Script::Answer Script::answer(std::uint64_t arrival, std::uint64_t index) const {
   if (rules_.empty()) return Answer::kNormal;
-  if (find(Verb::kSilent, arrival, index) != nullptr) return Answer::kSilent;
-  if (find(Verb::kResource, arrival, index) != nullptr) return Answer::kResource;
-  return find(Verb::kFail, arrival, index) != nullptr ? Answer::kFail : Answer::kNormal;
+  if (find(Verb::kSilent, arrival, index)) return Answer::kSilent;
+  if (find(Verb::kResource, arrival, index)) return Answer::kResource;
+  return find(Verb::kFail, arrival, index) ? Answer::kFail : Answer::kNormal;
 }
 
 std::uint32_t Script::delay_ms(std::uint64_t arrival, std::uint64_t index, std::uint32_t otherwise) const {
   const Rule *rule = delays_differ_ ? find(Verb::kDelay, arrival, index) : nullptr;
-  return rule == nullptr ? otherwise : rule->delay_ms;
+  return rule ? rule->delay_ms : otherwise;
 }
 
 bool Script::meter_fails(std::uint32_t id) const {

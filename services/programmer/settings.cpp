@@ -13,11 +13,11 @@ constexpr auto kFailed = S_POLICY_KELIM__STATUS_E__STATUS_FAILED;
 template <typename Record>
 const Record *record_of(const qx_obj &msg) {
   const void *value = msg.value;
-  if (value != nullptr && (msg.cmd == QX_MOM_CMD_HASH_NEW || msg.cmd == QX_MOM_CMD_HASH_SET)) {
+  if (value && (msg.cmd == QX_MOM_CMD_HASH_NEW || msg.cmd == QX_MOM_CMD_HASH_SET)) {
     value = static_cast<const qx_mom_hash_value *>(value)->record;
   }
   const auto *record = static_cast<const Record *>(value);
-  return record == nullptr || record->index == nullptr ? nullptr : record;
+  return record && record->index ? record : nullptr;
 }
 
 }  // namespace
@@ -57,7 +57,7 @@ void Settings<Kind>::notified(const qx_obj &msg) {
 template <typename Kind>
 void Settings<Kind>::written(const qx_obj &msg) {
   const auto *record = record_of<Record>(msg);
-  if (record == nullptr) return report_fault(context_, Kind::kName, {});
+  if (!record) return report_fault(context_, Kind::kName, {});
   const bool known = known_.contains(Kind::key(*record));
   const bool asks = record->status == kInstalling || (reading_ && !known);
   if (known || asks) known_[Kind::key(*record)] = true;
@@ -68,7 +68,7 @@ void Settings<Kind>::written(const qx_obj &msg) {
 template <typename Kind>
 void Settings<Kind>::deleted(const qx_obj &msg) {
   const auto *record = record_of<Record>(msg);
-  if (record == nullptr) return report_fault(context_, Kind::kName, {});
+  if (!record) return report_fault(context_, Kind::kName, {});
   if (known_.erase(Kind::key(*record)) != 0) Kind::remove(target_, Kind::key(*record));
 }
 
@@ -80,7 +80,7 @@ bool Settings<Kind>::confirm(const Record &asked, SPolicyKelim__StatusE status) 
   const Object object = stored(asked, rv);
   if (!object) return rv == QX_NOT_FOUND;
   const auto *request = record_of<Record>(*object);
-  if (request == nullptr || !Kind::same_request(*request, asked) || request->status == status) return true;
+  if (!request || !Kind::same_request(*request, asked) || request->status == status) return true;
   Record answer = *request;
   answer.status = status;
   if (qx_mom_set(context_.global, kFlowDb, &answer.base, 0, 0) != 0) return false;
@@ -94,7 +94,7 @@ void Settings<Kind>::take_back(const Record &answer) {
   int rv = 0;
   const Object object = stored(answer, rv);
   const auto *record = object ? record_of<Record>(*object) : nullptr;
-  if (record != nullptr && record->status != kInstalling) qx_mom_del(context_.global, kFlowDb, &answer.base, 0, 0);
+  if (record && record->status != kInstalling) qx_mom_del(context_.global, kFlowDb, &answer.base, 0, 0);
 }
 
 template <typename Kind>

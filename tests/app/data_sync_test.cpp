@@ -104,7 +104,7 @@ TEST_F(DataSync, AKindWithWorkLeftAtTheEndIsCleanedUpLater) {
   end();
   EXPECT_EQ(flows().size(), 1u);
   EXPECT_EQ(sdn_opt_cnt[25], 1u);
-  for (int again = 0; again < 2; again++) {
+  for (int again = 0; again < 2; ++again) {
     decide(7, {});
     EXPECT_EQ(flows().size(), 2u);
     EXPECT_EQ(sdn_opt_cnt[25], 2u);
@@ -147,7 +147,7 @@ TEST_F(DataSync, DeleteAllFlowsEndsASynchronisation) {
 }
 
 TEST_F(DataSync, DeleteAllFlowsWith600Outstanding) {
-  for (std::uint32_t index = 1; index <= 600; index++) {
+  for (std::uint32_t index = 1; index <= 600; ++index) {
     flow(index % 100 ? typical_flow(index) : service_chain_flow(index));
     if (index % 50 == 0) send(d.pi().barrier, barrier(index));
   }

@@ -73,14 +73,14 @@ TEST_F(FlowDb, Buckets) {
   EXPECT_EQ(in_buckets(7, 1), Indexes{0x1122334455667788});
   add(0x1122334455667788, 9);
   EXPECT_EQ(in_buckets(1, 1), Indexes{0x1122334455667788});
-  for (std::uint64_t flow = 100; flow < 1100; flow++) ssc_kelim_del_flow_node(add(flow));
+  for (std::uint64_t flow = 100; flow < 1100; ++flow) ssc_kelim_del_flow_node(add(flow));
   EXPECT_EQ(flow_info_list->n_buckets, 8u) << "deletions do not make it grow";
 }
 
 TEST_F(FlowDb, AgreesWithAMapUnderRandomChurn) {
   std::map<std::pair<std::uint64_t, std::uint32_t>, flow_info_node *> model;
   std::mt19937 random(1);
-  for (int i = 0; i < 20000; i++) {
+  for (int i = 0; i < 20000; ++i) {
     // Grows to about 4,000 flows, then shrinks to few.
     const std::pair key{std::uint64_t{random() % 3000}, static_cast<std::uint32_t>(random() % 2)};
     const bool deleting = random() % 10 < (i < 10000 ? 3 : 8);

@@ -19,7 +19,7 @@ class FlowRecords : public FlowWorld {
   void store(const Cases &cases, Make make, Look look) {
     d.expect_error("");
     Texts expected, errors;
-    for (std::uint64_t i = 0; i < std::size(cases); i++) {
+    for (std::uint64_t i = 0; i < std::size(cases); ++i) {
       Bytes message = make(cases[i]);
       put16(message, 8, i + 1);
       flow(message);
@@ -178,7 +178,7 @@ TEST_F(FlowRecords, EveryTruncationKeepsWhatLiesBeforeIt) {
   d.expect_error("");
   const Bytes match = kInPort + field(0x8000070c, hex("020304050607ffffffffffff")) + kEtype;  // from 44, 52 and 68 to 74
   const Bytes whole = flow_mod({.match = match, .actions = set_queue(3) + output(2)});        // from 88 and 96 to 112
-  for (std::size_t len = 44; len <= 112; len++) {
+  for (std::size_t len = 44; len <= 112; ++len) {
     Bytes cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(len));
     put16(cut, 4, len);
     put16(cut, 8, len);

@@ -112,7 +112,7 @@ TEST_F(OrdinaryFlows, OutOfMemoryAtAnyPoint) {
   for (const auto &[app_type, allocations] : {std::pair{3u, 4u + 2 + 2 * 8}, std::pair{5u, 4u + 2 * (2 + 2 * 8) + 2}}) {
     SCOPED_TRACE(app_type);
     unsigned nodes_left = 0;
-    for (std::uint32_t nth = 1; nth <= allocations + 1; nth++) {
+    for (std::uint32_t nth = 1; nth <= allocations + 1; ++nth) {
       SCOPED_TRACE(nth);
       const bool fails = nth <= allocations;
       d.forget_replies();

@@ -25,7 +25,7 @@ class FlowRequests : public FlowWorld {
   // `count` changes of counters arrive, and the sending thread's five seconds pass; the cells of each report that it sends, and
   // of those before until they are forgotten.
   std::vector<std::size_t> reports(int count) {
-    for (int i = 0; i < count; i++) counter(1, 1, static_cast<std::uint64_t>(i));
+    for (int i = 0; i < count; ++i) counter(1, 1, static_cast<std::uint64_t>(i));
     d.tick();
     EXPECT_TRUE(d.until([] { return host::clock::sleeps() > 0; }));
     const std::uint64_t before = host::clock::sleeps();
@@ -112,7 +112,7 @@ TEST_F(FlowRequests, StatisticsAreTheTotalsOfTheCounters) {
 TEST_F(FlowRequests, CounterChangesLeaveInPackedReports) {
   using Cells = std::vector<std::size_t>;
   EXPECT_EQ(reports(0), Cells{}) << "no change, no report";
-  for (std::uint64_t i = 1; i <= 101; i++) counter(i, i * 2, i * 3);
+  for (std::uint64_t i = 1; i <= 101; ++i) counter(i, i * 2, i * 3);
   EXPECT_EQ(reports(0), (Cells{100, 1}));
   // Type 27, version 4 whatever the connection's, 2408 bytes; the changes of flow 1.
   EXPECT_EQ(replies(27).at(0).substr(0, 64), "1b00040068090000010000000000000002000000000000000300000000000000");
@@ -133,7 +133,7 @@ TEST_F(FlowRequests, CounterChangesLeaveInPackedReports) {
   for (const auto &c : cases) {
     SCOPED_TRACE(c.cells);
     d.forget_replies();
-    for (int i = 0; i < c.before; i++) counter(1, 1, static_cast<std::uint64_t>(i));
+    for (int i = 0; i < c.before; ++i) counter(1, 1, static_cast<std::uint64_t>(i));
     handle(d.pi().flow_count, message(c.type, le(c.cells) + le(9u)));
     EXPECT_EQ(reports(c.after), c.reported);
   }

@@ -158,7 +158,7 @@ TEST_F(ServiceChain, OutOfMemoryAtAnyPointOfTheTranslation) {
   SPolicyKelim__FlowAce *const entry = full_entry(1, record);
   // Two arrays; a name and eight address pairs an entry; one pair of the controller's match.
   const std::uint32_t allocations = 2 + 2 * (1 + 2 * 8) + 2;
-  for (std::uint32_t nth = 1; nth <= allocations + 1; nth++) {
+  for (std::uint32_t nth = 1; nth <= allocations + 1; ++nth) {
     SCOPED_TRACE(nth);
     handle(service_chain_flow(7));
     fail_allocation(nth);

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -21,7 +22,7 @@ class Process {
   // Lets so much time pass for the store, where it does not pass by itself.
   virtual void pass(std::chrono::milliseconds) {}
   // Cuts every connection of `db` and lets it come back to the same data. False where there is none that could be cut.
-  virtual bool cut_connections(int32_t) { return false; }
+  virtual bool cut_connections(std::int32_t) { return false; }
 };
 
 // The platform's stores, by names in letters and digits: every test runs on each.

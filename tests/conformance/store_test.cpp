@@ -106,7 +106,7 @@ TEST_P(MomConformance, ConnectionsServeTheirKindOfCall) {
 // What is told and what is left, as "type cmd:key=status" of each.
 struct Journey {
   const char *name;
-  uint64_t flows;  // that are there, with tag 1
+  std::uint64_t flows;  // that are there, with tag 1
   std::string steps;
   std::string left;
   std::string gone;  // everything deleted in the end, by key
@@ -199,18 +199,18 @@ TEST_P(MomConformance, Journeys) {
     ASSERT_TRUE(run_until([] { return count(3, 1) == 1; }));
     EXPECT_TRUE(run_until([&expected = gone] { return deletions() == expected; })) << deletions();
     EXPECT_EQ(clear<Flow>(*world) + clear<FlowSta>(*world) + clear<Meter>(*world), left);
-    size_t requests = 1;
-    for (size_t at = 0; (at = steps.find("expire", at)) != std::string::npos; ++at) ++requests;
+    std::size_t requests = 1;
+    for (std::size_t at = 0; (at = steps.find("expire", at)) != std::string::npos; ++at) ++requests;
     EXPECT_EQ(confirmed, requests);
   }
 }
 
 TEST_P(MomConformance, CallsSeeWhatWasDoneBeforeThem) {
   std::mt19937 random(7);
-  std::set<uint64_t> there, scanned;
+  std::set<std::uint64_t> there, scanned;
   for (int step = 0; step < 6000; ++step) {
     Flow any(random() % 40 + (random() % 8 << 20));
-    const uint64_t index = any.key.flow_index;
+    const std::uint64_t index = any.key.flow_index;
     if (random() % 2 == 0) {
       ASSERT_EQ(world->set(any), 0);
       there.insert(index);
@@ -232,7 +232,7 @@ TEST_P(MomConformance, BinaryValuesAndKeysPassUnchanged) {
   world->watch<0>(Flow::kType, 8, QX_MOM_PACKED);
   Flow flow(UINT64_MAX);
   flow.key.vsd_id = UINT32_MAX;
-  flow.record.flow_data = {data.size(), reinterpret_cast<uint8_t *>(data.data())};
+  flow.record.flow_data = {data.size(), reinterpret_cast<std::uint8_t *>(data.data())};
   EXPECT_EQ(world->set(flow), 0);
   world->settle();
   ASSERT_EQ(recorders[0].seen.size(), 1u);
@@ -244,7 +244,7 @@ TEST_P(MomConformance, BinaryValuesAndKeysPassUnchanged) {
   std::vector<std::string> names = {"",      "\x01\xff:%*?[\\]\r\n", "a",           "a:1",         "a:2",
                                     inlined, std::string(300, 'b'),  inlined + "c", inlined + "d", "\xf0\x28"};
   std::string in_order, scanned;
-  for (size_t i = 0; i < names.size(); ++i) {
+  for (std::size_t i = 0; i < names.size(); ++i) {
     Registration registration(names[i * 7 % names.size()].data());
     EXPECT_EQ(world->set(registration, 0), 0);
     in_order += (names[i].empty() ? "index={}" : "index={name='" + names[i] + "'}") + " ";
@@ -307,7 +307,7 @@ TEST_P(MomConformance, ReconnectToTheSameServerKeepsDataAndRepeatsDataFetch) {
   world->watch<1>(Meter::kType);
   world->run("set flow:1");
   // Like the daemon's callback: subscribes again when the connection is back. Meters are left to the client.
-  on_reconnect = [&](int32_t type) {
+  on_reconnect = [&](std::int32_t type) {
     EXPECT_EQ(world->subscribe<0>(Flow::kType), type == 2 ? 0 : -1);
     EXPECT_EQ(world->set(Flow(1)), type == 2 ? 0 : -1);
   };
@@ -319,7 +319,7 @@ TEST_P(MomConformance, ReconnectToTheSameServerKeepsDataAndRepeatsDataFetch) {
     if (!world->cut_connections(8)) GTEST_SKIP() << "this store has no connection that could be lost";
     ASSERT_TRUE(run_until([] { return !reconnects.empty() && reconnects.back() == 2; }));
     EXPECT_EQ(reconnects.front(), 0);
-    for (const int32_t type : {0, 2}) EXPECT_EQ(std::count(reconnects.begin(), reconnects.end(), type), 1);
+    for (const std::int32_t type : {0, 2}) EXPECT_EQ(std::count(reconnects.begin(), reconnects.end(), type), 1);
     EXPECT_EQ(std::count(reconnects.begin(), reconnects.end(), 1), 0);
     ASSERT_TRUE(arrive(1) && arrive(1, 1));
     world->settle();
@@ -335,7 +335,7 @@ TEST_P(MomConformance, ReconnectToTheSameServerKeepsDataAndRepeatsDataFetch) {
 // ---- scans
 
 TEST_P(MomConformance, ScanVisitsTheTypeInKeyOrder) {
-  for (const auto &[index, vsd] : std::initializer_list<std::pair<uint64_t, uint32_t>>{
+  for (const auto &[index, vsd] : std::initializer_list<std::pair<std::uint64_t, std::uint32_t>>{
            {1ull << 40, 0}, {2, 0}, {1, 256}, {0, 5}, {256, 0}, {1, 1}, {10, 0}, {1ull << 63, 0}, {0, 0}, {9, 0}, {1, 255}}) {
     Flow flow(index);
     FlowSta other(index);
@@ -356,8 +356,8 @@ TEST_P(MomConformance, ScanBearsWritesAndDeletionsOfItsTable) {
   world->watch<0>(Flow::kType);
   world->fill(3000, 10);
   const auto visit = [](const qx_obj *object, void *visited) {
-    const uint64_t index = static_cast<const SPolicyKelim__Flow *>(object->value)->index->flow_index;
-    static_cast<std::vector<uint64_t> *>(visited)->push_back(index);
+    const std::uint64_t index = static_cast<const SPolicyKelim__Flow *>(object->value)->index->flow_index;
+    static_cast<std::vector<std::uint64_t> *>(visited)->push_back(index);
     Flow self(index), before(index - 1), after(index + 1), next(index + 10);
     for (Flow *flow : {&before, &after, &self}) EXPECT_EQ(in_scan->set(*flow), 0);
     EXPECT_EQ(in_scan->del(self), 0);
@@ -368,9 +368,9 @@ TEST_P(MomConformance, ScanBearsWritesAndDeletionsOfItsTable) {
     }
     return -5;  // not looked at
   };
-  std::vector<uint64_t> visited, expected;
+  std::vector<std::uint64_t> visited, expected;
   // None of those that were deleted before their turn, none of those that the visits added.
-  for (uint64_t index = 10; index <= 3000; index += 10) {
+  for (std::uint64_t index = 10; index <= 3000; index += 10) {
     if (index % 100 != 10 || index == 10) expected.push_back(index);
   }
   Flow all(0);
@@ -383,15 +383,15 @@ TEST_P(MomConformance, ScanBearsWritesAndDeletionsOfItsTable) {
 
 // Requests for a whole type take their place among the writes, however many objects it has.
 TEST_P(MomConformance, HundredThousandObjects) {
-  constexpr uint64_t kCount = 100'000;
+  constexpr std::uint64_t kCount = 100'000;
   start(1'000'000);
   world->watch<0>(Flow::kType);
-  for (uint64_t i = 0; i < kCount; ++i) ASSERT_EQ(world->setow(Flow((i * 7919) % kCount + 1), 1), 0);
+  for (std::uint64_t i = 0; i < kCount; ++i) ASSERT_EQ(world->setow(Flow((i * 7919) % kCount + 1), 1), 0);
   world->settle();
   EXPECT_EQ(count(1), kCount);
   const auto scanned = world->scan(Flow(0));
   ASSERT_EQ(scanned.size(), kCount);
-  for (uint64_t i = 0; i < kCount; i += 999) EXPECT_EQ(scanned[i].key, i + 1);
+  for (std::uint64_t i = 0; i < kCount; i += 999) EXPECT_EQ(scanned[i].key, i + 1);
 
   // Taken out of expiry; and expired or rewritten behind that.
   world->run("expire flow 3600000; keep flow; drop flow 1");
@@ -407,7 +407,7 @@ TEST_P(MomConformance, HundredThousandObjects) {
   EXPECT_TRUE(run_until([&] { return gone() == kCount - kCount / 7; })) << gone();
   const auto kept = world->scan(Flow(0));
   ASSERT_EQ(kept.size(), kCount / 7);
-  for (size_t i = kept.size(); i-- > 100;) ASSERT_EQ(world->del(Flow(kept[i].key)), 0);
+  for (std::size_t i = kept.size(); i-- > 100;) ASSERT_EQ(world->del(Flow(kept[i].key)), 0);
   EXPECT_EQ(trace(world->scan(Flow(0))), trace({kept.begin(), kept.begin() + 100}));
 }
 

@@ -29,7 +29,7 @@ using namespace std::chrono_literals;
 
 inline std::string pack(const ProtobufCMessage *record) {
   std::string out(protobuf_c_message_get_packed_size(record), '\0');
-  protobuf_c_message_pack(record, reinterpret_cast<uint8_t *>(out.data()));
+  protobuf_c_message_pack(record, reinterpret_cast<std::uint8_t *>(out.data()));
   return out;
 }
 
@@ -66,19 +66,19 @@ inline constexpr qx_mom_type kPktSig = {&s_policy_kelim__pkt_sig__descriptor, nu
 
 // One delivered object, copied.
 struct Seen {
-  uint32_t cmd = 0;
-  uint64_t key = 0;  // first number of its key
-  uint64_t status = 0;
+  std::uint32_t cmd = 0;
+  std::uint64_t key = 0;  // first number of its key
+  std::uint64_t status = 0;
   std::string type;  // of the decoded record; empty without one
   std::string text;  // the record as record_text writes it
   std::string packed;
 };
 
 // The member of that name or, without a name, the first one, as a number; 0 without such a member.
-inline uint64_t number(const ProtobufCMessage *record, const char *name = nullptr) {
+inline std::uint64_t number(const ProtobufCMessage *record, const char *name = nullptr) {
   const auto *field = record->descriptor->fields;
   if (name) field = protobuf_c_message_descriptor_get_field_by_name(record->descriptor, name);
-  uint64_t value = 0;
+  std::uint64_t value = 0;
   const bool wide = field && (field->type == PROTOBUF_C_TYPE_UINT64 || field->type == PROTOBUF_C_TYPE_MESSAGE);
   if (field) std::memcpy(&value, reinterpret_cast<const char *>(record) + field->offset, wide ? 8 : 4);
   return value;
@@ -113,14 +113,14 @@ inline std::string trace(const std::vector<Seen> &seen) {
 }
 
 // Subscription callbacks carry no argument, so each recorder is a numbered place of its own.
-inline constexpr size_t kRecorders = 3;
+inline constexpr std::size_t kRecorders = 3;
 struct Recorder {
   std::vector<Seen> seen;
   std::function<void(const qx_obj *)> hook;  // runs inside the callback
 };
 inline Recorder recorders[kRecorders];
 
-template <size_t N>
+template <std::size_t N>
 int record_into(void *, const qx_obj *object) {
   recorders[N].seen.push_back(describe(object));
   if (recorders[N].hook) recorders[N].hook(object);
@@ -128,13 +128,13 @@ int record_into(void *, const qx_obj *object) {
 }
 
 // Whether that many notifications come.
-inline bool arrive(size_t count, size_t recorder = 0) {
+inline bool arrive(std::size_t count, std::size_t recorder = 0) {
   return run_until([&] { return recorders[recorder].seen.size() >= count; });
 }
 
-inline size_t count(uint32_t cmd, size_t recorder = 0) {
+inline std::size_t count(std::uint32_t cmd, std::size_t recorder = 0) {
   const auto &seen = recorders[recorder].seen;
-  return static_cast<size_t>(std::count_if(seen.begin(), seen.end(), [&](const Seen &one) { return one.cmd == cmd; }));
+  return static_cast<std::size_t>(std::count_if(seen.begin(), seen.end(), [&](const Seen &one) { return one.cmd == cmd; }));
 }
 
 inline unsigned connects;
@@ -143,9 +143,9 @@ inline int count_connect(void *, const char *) {
   return 0;
 }
 
-inline std::vector<int32_t> reconnects;
-inline std::function<void(int32_t)> on_reconnect;
-inline int note_reconnect(void *, int32_t, int32_t type) {
+inline std::vector<std::int32_t> reconnects;
+inline std::function<void(std::int32_t)> on_reconnect;
+inline int note_reconnect(void *, std::int32_t, std::int32_t type) {
   reconnects.push_back(type);
   if (on_reconnect) on_reconnect(type);
   return 0;
@@ -159,7 +159,7 @@ inline int confirm() {
 
 // ---- calls
 
-inline int get(qx_global *global, int32_t db, ProtobufCMessage *record, Seen *seen = nullptr) {
+inline int get(qx_global *global, std::int32_t db, ProtobufCMessage *record, Seen *seen = nullptr) {
   auto *object = reinterpret_cast<qx_obj *>(1);
   const int rv = qx_mom_get_sync(global, db, record, 0, &object);
   EXPECT_EQ(object != nullptr, rv == 0);
@@ -168,7 +168,7 @@ inline int get(qx_global *global, int32_t db, ProtobufCMessage *record, Seen *se
   return rv;
 }
 
-inline int scan(qx_global *global, int32_t db, ProtobufCMessage *record, std::vector<Seen> *all = nullptr) {
+inline int scan(qx_global *global, std::int32_t db, ProtobufCMessage *record, std::vector<Seen> *all = nullptr) {
   const auto collect = [](const qx_obj *object, void *into) {
     if (into) static_cast<std::vector<Seen> *>(into)->push_back(describe(object));
     return 0;
@@ -177,7 +177,7 @@ inline int scan(qx_global *global, int32_t db, ProtobufCMessage *record, std::ve
 }
 
 // Every call, with a tag or milliseconds where it takes some.
-using Op = int (*)(qx_global *, int32_t, ProtobufCMessage *, int64_t);
+using Op = int (*)(qx_global *, std::int32_t, ProtobufCMessage *, std::int64_t);
 inline const std::map<std::string, Op> kOps = {
     {"set", [](auto g, auto db, auto r, auto) { return qx_mom_set(g, db, r, 0, 0); }},
     {"tag", [](auto g, auto db, auto r, auto tag) { return qx_mom_setow(g, db, r, 0, 0, tag); }},
@@ -187,13 +187,14 @@ inline const std::map<std::string, Op> kOps = {
     {"get", [](auto g, auto db, auto r, auto) { return get(g, db, r); }},
     {"scan", [](auto g, auto db, auto r, auto) { return scan(g, db, r); }},
     {"publish", [](auto g, auto db, auto r, auto) { return qx_mom_publish(g, db, r, 0, 0); }},
-    {"expire", [](auto g, auto db, auto r, auto ms) { return qx_mom_pexpire(g, db, r, 0, uint32_t(ms), 0, confirm, nullptr); }},
+    {"expire",
+     [](auto g, auto db, auto r, auto ms) { return qx_mom_pexpire(g, db, r, 0, std::uint32_t(ms), 0, confirm, nullptr); }},
     {"keep", [](auto g, auto db, auto r, auto) { return qx_mom_del_expire(g, db, r, 0, 0, nullptr); }},
     {"drop", [](auto g, auto db, auto r, auto tag) { return qx_mom_del_expire_ow(g, db, r, 0, 0, nullptr, tag); }},
 };
 
 template <typename Record>
-int on(qx_global *global, Op op, uint64_t key, int64_t number) {
+int on(qx_global *global, Op op, std::uint64_t key, std::int64_t number) {
   Record record(key);
   record.record.status = static_cast<SPolicyKelim__StatusE>(number & 15);
   return op(global, 8, record, number);
@@ -213,25 +214,25 @@ class StoreWorld {
 
   qx_global *global() { return global_; }
   void pass(std::chrono::milliseconds ms) { process_->pass(ms); }
-  bool cut_connections(int32_t db) { return process_->cut_connections(db); }
+  bool cut_connections(std::int32_t db) { return process_->cut_connections(db); }
 
   void connect_all() {
     ASSERT_NE(global_, nullptr);
-    for (int32_t db : {0, 4, 8}) {
+    for (std::int32_t db : {0, 4, 8}) {
       ASSERT_EQ(qx_mom_client_connect_sync(global_, db), 0);
       ASSERT_EQ(qx_mom_client_connect(global_, db, count_connect, "test"), 0);
     }
     ASSERT_TRUE(run_until([&] { return connects == 3; }));
   }
 
-  template <size_t N>
-  int subscribe(const qx_mom_type &type, int32_t db = 8, uint32_t delivery = QX_MOM_DECODED) {
+  template <std::size_t N>
+  int subscribe(const qx_mom_type &type, std::int32_t db = 8, std::uint32_t delivery = QX_MOM_DECODED) {
     const qx_mom_spec spec = {type, delivery};
     return qx_mom_subscribe(global_, db, &spec, record_into<N>);
   }
 
-  template <size_t N>
-  void watch(const qx_mom_type &type, int32_t db = 8, uint32_t delivery = QX_MOM_DECODED) {
+  template <std::size_t N>
+  void watch(const qx_mom_type &type, std::int32_t db = 8, std::uint32_t delivery = QX_MOM_DECODED) {
     ASSERT_EQ(subscribe<N>(type, db, delivery), 0);
     ASSERT_TRUE(run_until([&] { return !recorders[N].seen.empty() && recorders[N].seen.back().cmd == 29; }));
     recorders[N].seen.clear();
@@ -239,8 +240,8 @@ class StoreWorld {
 
   // Runs the loop until everything written so far to `db` has been delivered: a published record comes last. Takes the last
   // recorder.
-  void settle(int32_t db = 8) {
-    constexpr size_t kLast = kRecorders - 1;
+  void settle(std::int32_t db = 8) {
+    constexpr std::size_t kLast = kRecorders - 1;
     if (!watching_[db]) watch<kLast>(kPktSig, db);
     watching_[db] = true;
     recorders[kLast].seen.clear();
@@ -255,13 +256,15 @@ class StoreWorld {
     for (auto &recorder : recorders) recorder.seen.clear();
   }
 
-  int set(ProtobufCMessage *record, int32_t db = 8) { return qx_mom_set(global_, db, record, 0, 0); }
-  int setow(ProtobufCMessage *record, int64_t tag) { return qx_mom_setow(global_, 8, record, 0, 0, tag); }
-  int setnx(ProtobufCMessage *record, int32_t db = 8) { return qx_mom_setnx_sync(global_, db, record, 0, 0); }
-  int del(ProtobufCMessage *record, int32_t db = 8) { return qx_mom_del(global_, db, record, 0, 0); }
-  int del_sync(ProtobufCMessage *record, int32_t db = 8) { return qx_mom_del_sync(global_, db, record, 0, 0); }
-  int publish(ProtobufCMessage *record, int32_t db = 8) { return qx_mom_publish(global_, db, record, 0, 0); }
-  int pexpire(ProtobufCMessage *record, uint32_t ms) { return qx_mom_pexpire(global_, 8, record, 0, ms, 0, confirm, nullptr); }
+  int set(ProtobufCMessage *record, std::int32_t db = 8) { return qx_mom_set(global_, db, record, 0, 0); }
+  int setow(ProtobufCMessage *record, std::int64_t tag) { return qx_mom_setow(global_, 8, record, 0, 0, tag); }
+  int setnx(ProtobufCMessage *record, std::int32_t db = 8) { return qx_mom_setnx_sync(global_, db, record, 0, 0); }
+  int del(ProtobufCMessage *record, std::int32_t db = 8) { return qx_mom_del(global_, db, record, 0, 0); }
+  int del_sync(ProtobufCMessage *record, std::int32_t db = 8) { return qx_mom_del_sync(global_, db, record, 0, 0); }
+  int publish(ProtobufCMessage *record, std::int32_t db = 8) { return qx_mom_publish(global_, db, record, 0, 0); }
+  int pexpire(ProtobufCMessage *record, std::uint32_t ms) {
+    return qx_mom_pexpire(global_, 8, record, 0, ms, 0, confirm, nullptr);
+  }
 
   // Does "OP TYPE[:KEY] [NUMBER] [gives CODE]" for each step between semicolons; without a key, with every object. The number is
   // a tag or milliseconds, and the record's status.
@@ -270,34 +273,34 @@ class StoreWorld {
     for (std::string step; std::getline(rest, step, ';');) {
       std::istringstream words(step);
       std::string op, type, gives;
-      int64_t number = 0, code = 0;
+      std::int64_t number = 0, code = 0;
       words >> op >> type >> number;
       words.clear();
       words >> gives >> code;
-      const size_t colon = type.find(':');
-      const uint64_t key = colon == std::string::npos ? 0 : std::stoull(type.substr(colon + 1));
+      const std::size_t colon = type.find(':');
+      const std::uint64_t key = colon == std::string::npos ? 0 : std::stoull(type.substr(colon + 1));
       const auto perform = type.starts_with("flow_sta") ? on<FlowSta> : type.starts_with("flow") ? on<Flow> : on<Meter>;
       EXPECT_EQ(perform(global_, kOps.at(op), key, number), code) << step;
     }
   }
 
   // Writes every `step`th flow up to `last`, with tag 1.
-  void fill(uint64_t last, uint64_t step = 1) {
-    for (uint64_t index = step; index <= last; index += step) {
+  void fill(std::uint64_t last, std::uint64_t step = 1) {
+    for (std::uint64_t index = step; index <= last; index += step) {
       Flow flow(index);
       ASSERT_EQ(setow(flow, 1), 0);
     }
   }
 
   // The object as qx_mom_get_sync gives it; cmd 0 when there is none.
-  Seen get(ProtobufCMessage *record, int32_t db = 8) {
+  Seen get(ProtobufCMessage *record, std::int32_t db = 8) {
     Seen seen;
     const int rv = mom_test::get(global_, db, record, &seen);
     EXPECT_EQ(rv, seen.cmd ? 0 : -7);
     return seen;
   }
 
-  std::vector<Seen> scan(ProtobufCMessage *record, int32_t db = 8) {
+  std::vector<Seen> scan(ProtobufCMessage *record, std::int32_t db = 8) {
     std::vector<Seen> all;
     EXPECT_EQ(mom_test::scan(global_, db, record, &all), 0);
     return all;

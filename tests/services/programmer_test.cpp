@@ -46,7 +46,7 @@ class Programmer : public testing::Test {
   // What is written and what is written in answer to that is delivered.
   void rest() {
     for (int round = 0; round < 3; ++round) {
-      for (const int32_t db : {4, 8}) world.settle(db);
+      for (const std::int32_t db : {4, 8}) world.settle(db);
     }
   }
   // Lets time pass until `condition` holds.
@@ -66,20 +66,20 @@ class Programmer : public testing::Test {
     return answers();
   }
 
-  void put_flow(uint64_t index, uint64_t uuid, std::string data = "flow") {
+  void put_flow(std::uint64_t index, std::uint64_t uuid, std::string data = "flow") {
     Flow flow(index);
     flow.record.req_uuid = uuid;
-    flow.record.flow_data = {data.size(), reinterpret_cast<uint8_t *>(data.data())};
+    flow.record.flow_data = {data.size(), reinterpret_cast<std::uint8_t *>(data.data())};
     ASSERT_EQ(world.setow(flow, 1), 0);
   }
-  void put_answer(uint64_t index, uint64_t uuid) {
+  void put_answer(std::uint64_t index, std::uint64_t uuid) {
     FlowSta sta(index);
     sta.record.rep_uuid = uuid;
     sta.record.status = S_POLICY_KELIM__STATUS_E__STATUS_INSTALLED;
     ASSERT_EQ(world.set(sta), 0);
   }
   template <typename Record>
-  std::string stored(uint64_t key, int32_t db = 8) {
+  std::string stored(std::uint64_t key, std::int32_t db = 8) {
     Record record(key);
     return world.get(record, db).text;
   }
@@ -90,7 +90,7 @@ class Programmer : public testing::Test {
 
 TEST_F(Programmer, AnswersEachRequestAndKeepsToItsSize) {
   start({.size = 2, .script = ""});
-  for (uint64_t index = 1; index <= 3; ++index) put_flow(index, 10 + index);
+  for (std::uint64_t index = 1; index <= 3; ++index) put_flow(index, 10 + index);
   EXPECT_EQ(answers(), "1/11 STATUS_INSTALLED\n2/12 STATUS_INSTALLED\n3/13 STATUS_RESOURCE\n");
   run("del flow:1");
   EXPECT_EQ(stored<FlowSta>(1), "");
@@ -100,15 +100,15 @@ TEST_F(Programmer, AnswersEachRequestAndKeepsToItsSize) {
 
 TEST_F(Programmer, AnswersAnUnchangedRewriteWithoutTouchingTheTarget) {
   start({.script = "fail=2,3"});
-  for (const uint64_t uuid : {11, 12, 12}) put_flow(1, uuid);
+  for (const std::uint64_t uuid : {11, 12, 12}) put_flow(1, uuid);
   EXPECT_EQ(answers(), "1/11 STATUS_INSTALLED\n1/12 STATUS_INSTALLED\n1/12 STATUS_INSTALLED\n");
-  for (const uint64_t uuid : {13, 14, 15}) put_flow(1, uuid, "changed");  // what failed is tried again
+  for (const std::uint64_t uuid : {13, 14, 15}) put_flow(1, uuid, "changed");  // what failed is tried again
   EXPECT_EQ(answers(), "1/13 STATUS_FAILED\n1/14 STATUS_FAILED\n1/15 STATUS_INSTALLED\n");
 }
 
 TEST_F(Programmer, DelaysOvertakeEachOtherAndADeletedFlowIsForgotten) {
   start({.delay_ms = 50, .script = "delay=1:200,@2:0;silent=@9"});
-  for (const uint64_t index : {1, 2, 3, 4, 9}) put_flow(index, 10 + index);
+  for (const std::uint64_t index : {1, 2, 3, 4, 9}) put_flow(index, 10 + index);
   put_flow(1, 21);  // would be answered after 50 ms if it were not for the request before
   EXPECT_EQ(answers(), "2/12 STATUS_INSTALLED\n");
   run("del flow:4");
@@ -120,7 +120,7 @@ TEST_F(Programmer, DelaysOvertakeEachOtherAndADeletedFlowIsForgotten) {
 TEST_F(Programmer, OwesAnswersWhileTheDatabaseIsFull) {
   start();
   host::fault::fail(host::fault::Point::mom_set, -14, 0, 2);
-  for (const uint64_t index : {1, 2, 3}) put_flow(index, 10 + index);
+  for (const std::uint64_t index : {1, 2, 3}) put_flow(index, 10 + index);
   EXPECT_EQ(answers(), "");
   host::clock::warp(20ms);
   run_until([] { return host::fault::seen(host::fault::Point::mom_set) == 2; });
@@ -129,7 +129,7 @@ TEST_F(Programmer, OwesAnswersWhileTheDatabaseIsFull) {
 
 TEST_F(Programmer, CountersGrowAndAreWrittenOnlyWhenTheyChanged) {
   start({.script = "fail=2", .counter_interval_ms = 100, .counter_rate = 3});
-  for (const uint64_t index : {1, 2}) put_flow(index, 10 + index);
+  for (const std::uint64_t index : {1, 2}) put_flow(index, 10 + index);
   rest();
   host::clock::warp(300ms);  // less than a packet
   rest();
@@ -249,11 +249,11 @@ TEST_F(Programmer, TranslatesServiceChainFlows) {
 TEST_F(Programmer, KnowsEveryFlowHoweverTheyComeAndGo) {
   start();
   std::mt19937 random(3);
-  std::set<uint64_t> there;
+  std::set<std::uint64_t> there;
   for (int step = 0; step < 30'000; ++step) {
-    const uint64_t index = random() % 3000 + 1;
+    const std::uint64_t index = random() % 3000 + 1;
     if (random() % 3 != 0) {
-      put_flow(index, static_cast<uint64_t>(step));
+      put_flow(index, static_cast<std::uint64_t>(step));
       there.insert(index);
     } else if (there.erase(index) != 0) {
       ASSERT_EQ(world.del(Flow(index)), 0);
@@ -261,7 +261,7 @@ TEST_F(Programmer, KnowsEveryFlowHoweverTheyComeAndGo) {
     if (step % 1000 == 0) rest();
   }
   rest();
-  std::set<uint64_t> answered;
+  std::set<std::uint64_t> answered;
   for (const Seen &sta : world.scan(FlowSta(0))) answered.insert(sta.key);
   EXPECT_EQ(answered, there);
 }
@@ -271,9 +271,9 @@ TEST_F(Programmer, SkipsWhatIsNoFlowRecord) {
   Flow flow(1);
   std::string data(300, 'x');
   flow.record.req_uuid = 1ull << 50;
-  flow.record.flow_data = {data.size(), reinterpret_cast<uint8_t *>(data.data())};
+  flow.record.flow_data = {data.size(), reinterpret_cast<std::uint8_t *>(data.data())};
   const std::string whole = pack(flow);
-  for (size_t length = 0; length <= whole.size(); ++length) {
+  for (std::size_t length = 0; length <= whole.size(); ++length) {
     world.put_raw(8, "s_policy_kelim.flow:1:0", whole.substr(0, length));
   }
   // Good are the ends behind each of the three fields.
@@ -292,21 +292,21 @@ TEST_F(Programmer, ScriptSaysWhatHappensToWhichRequest) {
     EXPECT_EQ(programmer::start_embedded(world.global(), {.script = bad}), -4) << bad;
   }
   start({.script = "fail=2,4-5;resource=6,2;silent=@30-31;delay=*:0"});
-  for (const uint64_t index : {1, 2, 3, 4, 5, 6, 30, 31, 32}) put_flow(index, 7);
+  for (const std::uint64_t index : {1, 2, 3, 4, 5, 6, 30, 31, 32}) put_flow(index, 7);
   EXPECT_EQ(answers(),
             "1/7 STATUS_INSTALLED\n2/7 STATUS_RESOURCE\n3/7 STATUS_INSTALLED\n4/7 STATUS_FAILED\n5/7 STATUS_FAILED\n"
             "6/7 STATUS_RESOURCE\n32/7 STATUS_INSTALLED\n");
 }
 
 TEST_F(Programmer, ChanceFollowsTheSeed) {
-  std::map<uint64_t, std::string> chosen;
-  for (const uint64_t seed : {7, 8, 7}) {
+  std::map<std::uint64_t, std::string> chosen;
+  for (const std::uint64_t seed : {7, 8, 7}) {
     start({.script = "fail=25%", .seed = seed});
-    for (uint64_t index = 1; index <= 1000; ++index) put_flow(index, 1);
+    for (std::uint64_t index = 1; index <= 1000; ++index) put_flow(index, 1);
     const std::string answered = answers();
     EXPECT_NEAR(std::ranges::count(answered, 'F'), 250, 60);
     EXPECT_EQ(chosen.try_emplace(seed, answered).first->second, answered);
-    for (uint64_t index = 1; index <= 1000; ++index) ASSERT_EQ(world.del(Flow(index)), 0);
+    for (std::uint64_t index = 1; index <= 1000; ++index) ASSERT_EQ(world.del(Flow(index)), 0);
     programmer::stop_embedded();
   }
   EXPECT_NE(chosen[7], chosen[8]);

@@ -20,7 +20,7 @@ inline std::string hex(std::uint64_t number) {
 
 inline std::string digits(const void *bytes, std::size_t len) {
   std::string out;
-  for (std::size_t i = 0; i < len; i++) out += hex(0x100u + static_cast<const std::uint8_t *>(bytes)[i]).substr(3);
+  for (std::size_t i = 0; i < len; ++i) out += hex(0x100u + static_cast<const std::uint8_t *>(bytes)[i]).substr(3);
   return out;
 }
 
@@ -54,7 +54,7 @@ inline std::string value_text(const ProtobufCFieldDescriptor &field, const void 
 
 inline std::string text(const ProtobufCMessage *message) {
   std::string out;
-  for (unsigned i = 0; i < message->descriptor->n_fields; i++) {
+  for (unsigned i = 0; i < message->descriptor->n_fields; ++i) {
     const ProtobufCFieldDescriptor &field = message->descriptor->fields[i];
     const char *at = reinterpret_cast<const char *>(message) + field.offset;
     std::string value;
@@ -62,7 +62,7 @@ inline std::string text(const ProtobufCMessage *message) {
       std::size_t count;
       std::memcpy(&count, reinterpret_cast<const char *>(message) + field.quantifier_offset, sizeof count);
       const auto *items = *reinterpret_cast<ProtobufCMessage *const *const *>(at);
-      for (std::size_t n = 0; n < count; n++) value += value_text(field, items + n);
+      for (std::size_t n = 0; n < count; ++n) value += value_text(field, items + n);
       if (count) value = "[" + value + "]";
     } else {
       value = value_text(field, at);

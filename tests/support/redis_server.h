@@ -64,7 +64,7 @@ class RedisServer {
   std::string command(const std::vector<std::string> &arguments) {
     if (!admin_) admin_.reset(redisConnectUnix(socket().c_str()));
     std::vector<const char *> argv;
-    std::vector<size_t> lengths;
+    std::vector<std::size_t> lengths;
     for (const std::string &argument : arguments) {
       argv.push_back(argument.data());
       lengths.push_back(argument.size());
@@ -87,7 +87,7 @@ class RedisServer {
     if (reply->type == REDIS_REPLY_INTEGER) return std::to_string(reply->integer);
     std::string out = reply->type == REDIS_REPLY_ERROR ? "(error) " : "";
     if (reply->type != REDIS_REPLY_ARRAY) return out.append(reply->str, reply->len);
-    for (size_t i = 0; i < reply->elements; ++i) out += (i ? "\n" : "") + text(reply->element[i]);
+    for (std::size_t i = 0; i < reply->elements; ++i) out += (i ? "\n" : "") + text(reply->element[i]);
     return out;
   }
 

@@ -77,7 +77,7 @@ class InServer final : public Database {
       return 0;
     };
     constexpr std::array kDatabases = {QX_MOM_ASIC_DB, QX_MOM_APP_DB, QX_MOM_UDP_DB};
-    for (const int32_t db : kDatabases) qx_mom_client_connect(global_, db, count, nullptr);
+    for (const std::int32_t db : kDatabases) qx_mom_client_connect(global_, db, count, nullptr);
     if (!host::run_until([&] { return connected == kDatabases.size(); }, kConnectLimit))
       throw Problem(kNoProcess, "the server lets nobody listen");
     const auto push = [&each](const auto &line) {

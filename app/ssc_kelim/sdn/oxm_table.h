@@ -180,7 +180,7 @@ inline constexpr oxm_row kRows[] = {
 // Rows by the header's second byte (field and has-mask), which is different in every row; 0 means none, else row number plus 1.
 inline constexpr auto kIndex = [] {
   std::array<std::uint8_t, 256> index{};
-  for (std::size_t i = 0; i < std::size(kRows); i++) index[kRows[i].header >> 8 & 0xff] = static_cast<std::uint8_t>(i + 1);
+  for (std::size_t i = 0; i < std::size(kRows); ++i) index[kRows[i].header >> 8 & 0xff] = static_cast<std::uint8_t>(i + 1);
   return index;
 }();
 

@@ -33,7 +33,7 @@ void finish_kind_if_drained(std::uint32_t kind, const char *caller) {
   const kind_row &row = kKinds[kind];
   if (!ssc_sdn_msg_queue_check_ds_end_by_type(kind)) return;
   if (ssc_sdn_db_expire_del_all_with_ow(g_ssc_ds_stage.vsd_id, row.ow) == 0) {
-    sdn_opt_cnt[kCleanUps]++;
+    ++sdn_opt_cnt[kCleanUps];
   } else {
     SDN_VER_AS(caller, " %d ssc_sdn_db_expire_del_all_with_ow %d happened error\n", g_ssc_ds_stage.vsd_id,
                static_cast<int>(row.ow));
@@ -80,7 +80,7 @@ void ssc_sdn_abandon_data_sync() {
   const std::uint32_t vsd_id = g_ssc_ds_stage.vsd_id;
   if (ssc_sdn_db_expire_del_all_with_ow(vsd_id, SSC_KELIM_OW_FLOW) == 0 ||
       ssc_sdn_db_expire_del_all_with_ow(vsd_id, SSC_KELIM_OW_FLOW_TO_ACE) == 0) {
-    sdn_opt_cnt[kCleanUps]++;
+    ++sdn_opt_cnt[kCleanUps];
   } else {
     SDN_VER_AS("ssc_sdn_del_all_flow_handler", " %d ssc_sdn_db_expire_del_all_with_ow happened error\n", vsd_id);
   }
@@ -94,8 +94,8 @@ void ssc_sdn_ds_recv_start_handler(libss_pthrd_hdl *) {
     ssc_sdn_db_expire_all_flow();
     ssc_sdn_db_expire_all_meter();
     // Deliberate: a start signal counts as received at the intake and again here.
-    sdn_opt_cnt[SDN_OPT_DS_START + SDN_OPT_RECEIVED]++;
-    sdn_opt_cnt[SDN_OPT_DS_START + SDN_OPT_HANDLED]++;
+    ++sdn_opt_cnt[SDN_OPT_DS_START + SDN_OPT_RECEIVED];
+    ++sdn_opt_cnt[SDN_OPT_DS_START + SDN_OPT_HANDLED];
   }
   g_ssc_ds_stage = {
       .in_progress = 1, .kind1_finished = 0, .kind0_finished = 0, .end_received = 0, .vsd_id = g_ssc_ds_stage.vsd_id};

@@ -49,7 +49,7 @@ template <std::size_t Bits, typename Record>
 consteval members_by_bit<Record, Bits> from_match_fields(std::uint64_t oxm_row::*bits, ops<Record> oxm_row::*members) {
   members_by_bit<Record, Bits> table;
   table.fill(kNothing<Record>);
-  for (std::size_t bit = 0; bit < Bits; bit++) {
+  for (std::size_t bit = 0; bit < Bits; ++bit) {
     for (const oxm_row &row : oxm::kRows) {
       if (row.*bits >> bit & 1) {
         table[bit] = row.*members;
@@ -215,7 +215,7 @@ char g_acl_app_type[] = "sdn_app";
 struct free_ace_list {
   std::size_t count = 0;
   void operator()(SPolicyKelim__FlowAce **list) const {
-    for (std::size_t i = 0; i < count && list[i]; i++) {
+    for (std::size_t i = 0; i < count && list[i]; ++i) {
       free_and_clear(list[i]->ace_field);
       free_and_clear(list[i]->ace_action);
       ssc_sdn_free(list[i]);
@@ -231,7 +231,7 @@ ace_list new_ace_list(std::size_t count) {
   ace_list list(static_cast<SPolicyKelim__FlowAce **>(ssc_sdn_malloc(bytes, __func__, __LINE__)), {count});
   if (!list) return list;
   std::memset(list.get(), 0, bytes);
-  for (std::size_t i = 0; i < count; i++) {
+  for (std::size_t i = 0; i < count; ++i) {
     list[i] = new_message<SPolicyKelim__FlowAce>().release();
     if (!list[i]) return {nullptr, {}};
     list[i]->acl_app_type = g_acl_app_type;

@@ -132,7 +132,7 @@ std::uint32_t bucket_for(const flow_info_hash &hash, const flow_info_key &key) {
 // ---- resizing
 
 constexpr std::uint32_t round_up_to_power_of_two(std::uint32_t n) {
-  n--;
+  --n;
   for (const unsigned shift : {1, 2, 4, 8, 16}) n |= n >> shift;
   return n + 1;
 }
@@ -176,11 +176,11 @@ bool make_room(flow_info_hash &hash) {
 }
 
 void put(flow_info_hash &hash, std::uint32_t bucket, flow_info_node *node) {
-  if (is_empty(hash.flags, bucket)) hash.n_occupied++;
+  if (is_empty(hash.flags, bucket)) ++hash.n_occupied;
   hash.keys[bucket] = node;
   g_hashes[bucket] = hash_of(*node);
   mark_live(hash.flags, bucket);
-  hash.size++;
+  ++hash.size;
 }
 
 void free_node(flow_info_node *node) {
@@ -200,7 +200,7 @@ std::uint32_t bucket_count() {
 }
 
 std::int32_t traverse(flow_info_op op, std::uint32_t start, std::uint32_t end, void *arg) {
-  for (std::uint32_t bucket = start; bucket < end; bucket++) {
+  for (std::uint32_t bucket = start; bucket < end; ++bucket) {
     if (!is_live(flow_info_list->flags, bucket)) continue;
     if (const std::int32_t rv = op(flow_info_list->keys[bucket], arg); rv != 0) return rv;
   }
@@ -220,7 +220,7 @@ int kh_resize_flow_info_hash(flow_info_hash *hash, std::uint32_t n) {
     ssc_sdn_free(new_flags);
     return QX_FAILED;
   }
-  for (std::uint32_t bucket = 0; bucket != hash->n_buckets; bucket++) {
+  for (std::uint32_t bucket = 0; bucket != hash->n_buckets; ++bucket) {
     if (is_live(hash->flags, bucket)) move_node(*hash, bucket, new_flags, buckets);
   }
   if (hash->n_buckets > buckets) resize_keys(*hash, buckets);
@@ -251,7 +251,7 @@ void flow_info_hash_remove(const flow_info_node *node) {
   const std::uint32_t bucket = bucket_of(flow_info_list, *node);
   if (bucket == kNowhere) return;
   mark_deleted(flow_info_list->flags, bucket);
-  flow_info_list->size--;
+  --flow_info_list->size;
 }
 
 std::int32_t flow_info_hash_insert(flow_info_node *node) {

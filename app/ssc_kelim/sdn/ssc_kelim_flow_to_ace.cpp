@@ -55,7 +55,7 @@ class translation {
   ~translation() {
     ssc_sdn_free_field_ip_mac(&flow_field_);
     ssc_sdn_free_action_mac(&flow_action_);
-    for (std::size_t i = 0; aces_ && i < source_.size(); i++) {
+    for (std::size_t i = 0; aces_ && i < source_.size(); ++i) {
       ssc_sdn_free_ace_field_ip_mac(&aces_[i].field);
       ssc_sdn_free_ace_action_mac(&aces_[i].action);
       ssc_sdn_free(aces_[i].ace.acl_app_type);
@@ -65,7 +65,7 @@ class translation {
   // False when memory is short or an entry lacks an address. `node` is the cached flow.
   bool translate(const flow_info_node &node) {
     if (!aces_ || !list_) return false;
-    for (std::size_t i = 0; i < source_.size(); i++) {
+    for (std::size_t i = 0; i < source_.size(); ++i) {
       if (!translate_ace(*source_[i], aces_[i])) return false;
       list_[i] = &aces_[i].ace;
       if (i == 0 && !take_request(node)) return false;

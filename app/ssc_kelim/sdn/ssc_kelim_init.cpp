@@ -10,7 +10,7 @@
 #include "ssc_kelim/sdn/ssc_sdn_proxy.h"
 
 std::int32_t ssc_kelim_init(qx_global *global) {
-  if (global == nullptr) return QX_INVALID;
+  if (!global) return QX_INVALID;
   [[maybe_unused]] static const bool timing_named = (ssc_sdn_stat_time_init(), true);
   ssc_kelim_flow_info_init();
   if (const std::int32_t rv = ssc_kelim_pack_send_task_init(); rv != 0) {

@@ -32,7 +32,7 @@ using intake_run::take_in;
 // ---- parts of the rows
 
 std::span<const std::byte> bytes(const Request &request) {
-  return {static_cast<const std::byte *>(request.msg), request.msg != nullptr ? request.len : 0};
+  return {static_cast<const std::byte *>(request.msg), request.msg ? request.len : 0};
 }
 
 std::uint16_t own_length(const Request &request) {
@@ -57,9 +57,9 @@ template <typename Job>
 constexpr Copy kJobCopy = {
     .make = [](const Request &request) -> void * {
       auto *job = static_cast<Job *>(ssc_sdn_malloc(sizeof(Job), request.intake.name, __LINE__));
-      if (job == nullptr) return nullptr;
+      if (!job) return nullptr;
       *job = {request.len, ssc_sdn_malloc(request.len, request.intake.name, __LINE__)};
-      if (job->msg == nullptr) {
+      if (!job->msg) {
         ssc_sdn_free(job);
         return nullptr;
       }
@@ -198,7 +198,7 @@ constexpr Intake kAddMeter = {
     .check =
         [](const Request &request) {
           const std::int32_t code = check_meter(request);
-          if (code != 0 && request.msg != nullptr) reply_meter(request, code);
+          if (code != 0 && request.msg) reply_meter(request, code);
           return code;
         },
     .accepted =
@@ -360,7 +360,7 @@ constexpr Intake kPacketSignal = {
     .copy = &kPacketSignalCopy,
     .failed =
         [](const Request &, std::int32_t code) {
-          if (code == QX_NOT_POSTED) sdn_opt_cnt[SDN_OPT_DEL_ALL + SDN_OPT_FAILED]++;
+          if (code == QX_NOT_POSTED) ++sdn_opt_cnt[SDN_OPT_DEL_ALL + SDN_OPT_FAILED];
         },
     .hand_over_fault = &kelim::kError,
 };

@@ -140,7 +140,7 @@ void add_flow(std::uint32_t vsd_id, const ssc_sdn_flow_job &job) {
 void del_flow(std::uint32_t vsd_id, const ssc_sdn_flow_job &job) {
   const auto flow_index = southbound::get<std::uint64_t>(job.msg, southbound::kFlowIndex);
   const bool deleted = ssc_sdn_del_flow_related_data(vsd_id, flow_index) == 0;
-  sdn_opt_cnt[SDN_OPT_FLOW_DEL + (deleted ? SDN_OPT_HANDLED : SDN_OPT_FAILED)]++;
+  ++sdn_opt_cnt[SDN_OPT_FLOW_DEL + (deleted ? SDN_OPT_HANDLED : SDN_OPT_FAILED)];
   ssc_sdn_update_ds_node_and_check(flow_index, kDsFlow);
   ssc_sdn_update_ds_node_and_check(flow_index, kDsFlowToAce);
 }

@@ -133,7 +133,7 @@ std::int32_t ssc_sdn_db_del_all_flow(std::uint32_t vsd_id) {
   }
   const std::int32_t rv = ssc_kelim_mom_scan(&every_flow.base, flow_scan_del_cb, arg.get());
   if (rv != 0) {
-    sdn_opt_cnt[SDN_OPT_FLOW_DEL + SDN_OPT_FAILED]++;
+    ++sdn_opt_cnt[SDN_OPT_FLOW_DEL + SDN_OPT_FAILED];
     SDN_ERROR("ssc sdn del flow FAIL!");
   }
   ssc_sdn_msg_queue_destory_all_flow_msg_node();
@@ -154,7 +154,7 @@ std::int32_t ssc_sdn_db_del_all_meter(std::uint32_t vsd_id) {
   const std::int32_t rv = ssc_kelim_mom_scan(&every_meter.base, meter_scan_del_cb, arg.get());
   if (rv != 0) {
     // Deliberate: counted with the failed flow deletions, where operators look for a failed bulk deletion.
-    sdn_opt_cnt[SDN_OPT_FLOW_DEL + SDN_OPT_FAILED]++;
+    ++sdn_opt_cnt[SDN_OPT_FLOW_DEL + SDN_OPT_FAILED];
     SDN_ERROR("ssc sdn del meter FAIL!");
   }
   SDN_VER("LEAVE");

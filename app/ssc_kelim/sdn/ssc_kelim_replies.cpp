@@ -82,7 +82,7 @@ void sdn_send_meter_ret_val_2_proxy(std::uint32_t /*vsd_id*/, std::uint32_t mete
   southbound::put<std::uint32_t>(reply.bytes, southbound::kMeterResultCode, is_out_of_resources(ret_val) ? 0 : 1);
   SDN_ERROR("send meter error msg to PI, dune to op meter failed,meter_id = %u, ret_val = %d\n", meter_id, ret_val);
   reply.send();
-  sdn_opt_cnt[SDN_OPT_METER_ADD + SDN_OPT_FAILED]++;
+  ++sdn_opt_cnt[SDN_OPT_METER_ADD + SDN_OPT_FAILED];
 }
 
 void ssc_sdn_reply_statistic(std::uint64_t flow_index, std::uint64_t packets, std::uint64_t bytes) {
@@ -91,7 +91,7 @@ void ssc_sdn_reply_statistic(std::uint64_t flow_index, std::uint64_t packets, st
   southbound::put(reply.bytes, southbound::kStatPackets, packets);
   southbound::put(reply.bytes, southbound::kStatBytes, bytes);
   reply.send();
-  sdn_opt_cnt[SDN_OPT_STATISTIC + SDN_OPT_HANDLED]++;
+  ++sdn_opt_cnt[SDN_OPT_STATISTIC + SDN_OPT_HANDLED];
 }
 
 void ssc_sdn_trace_barrier(const void *request, const char *caller) {
@@ -113,7 +113,7 @@ void ssc_sdn_reply_barrier_request(const void *request) {
   std::memcpy(reply, request, sizeof reply);
   southbound::put<std::uint16_t>(reply, southbound::kType, southbound::kBarrierReply);
   of_ss_send_msg(reply, sizeof reply);
-  sdn_opt_cnt[SDN_OPT_BARRIER + SDN_OPT_HANDLED]++;
+  ++sdn_opt_cnt[SDN_OPT_BARRIER + SDN_OPT_HANDLED];
 }
 
 // ---- refusals
@@ -145,14 +145,14 @@ void libproxy_fp_sdn_refuse_statistic(std::uint64_t flow_index) {
 std::int32_t libproxy_fp_sdn_flow_table_capacity_notify() {
   constexpr std::size_t kOne = 8;
   Reply<southbound::kCapacityLen> notice(southbound::kCapacity, {});
-  libproxy_sdn_op_cnt[PROXY_OP_CAPACITY]++;
+  ++libproxy_sdn_op_cnt[PROXY_OP_CAPACITY];
   southbound::put(notice.bytes, kOne, std::uint32_t{1});
   southbound::put(notice.bytes, southbound::kCapacityFlows, kCapacityFlows);
   return of_ss_send_msg(notice.bytes, sizeof notice.bytes);
 }
 
 std::int32_t libproxy_fp_sdn_send_ret_val(const void *msg, std::uint32_t len) {
-  if (msg == nullptr) {
+  if (!msg) {
     PROXY_ERROR("msg null.");
     return QX_INVALID;
   }

@@ -55,16 +55,16 @@ void process_connection_msg(libss_pthrd_hdl *hdl, unsigned slot, unsigned group,
   const auto msg = handler_run::take<handler_run::message>(hdl);
   const handler_run::timing timed(slot);
   if (const std::int32_t rv = ssc_sdn_proc_enable_msg(hdl->value, msg.get()); rv != 0) {
-    sdn_opt_cnt[group + SDN_OPT_FAILED]++;
+    ++sdn_opt_cnt[group + SDN_OPT_FAILED];
     log_failure(rv);
   }
-  sdn_opt_cnt[group + SDN_OPT_HANDLED]++;
+  ++sdn_opt_cnt[group + SDN_OPT_HANDLED];
 }
 
 // ---- statistics
 
 void count_statistic_failure() {
-  sdn_opt_cnt[SDN_OPT_STATISTIC + SDN_OPT_FAILED]++;
+  ++sdn_opt_cnt[SDN_OPT_STATISTIC + SDN_OPT_FAILED];
 }
 
 struct free_obj {
@@ -150,7 +150,7 @@ void add_meter(std::uint32_t vsd_id, const ssc_sdn_meter_job &job) {
     SDN_ERROR_AS(log_name, "ssc sdn add flow FAIL!");
     sdn_send_meter_ret_val_2_proxy(vsd_id, key.meter_id, rv);
   }
-  sdn_opt_cnt[SDN_OPT_METER_ADD + SDN_OPT_HANDLED]++;
+  ++sdn_opt_cnt[SDN_OPT_METER_ADD + SDN_OPT_HANDLED];
 }
 
 void del_meter(std::uint32_t vsd_id, const ssc_sdn_meter_job &job) {
@@ -161,9 +161,9 @@ void del_meter(std::uint32_t vsd_id, const ssc_sdn_meter_job &job) {
   record.index = &key;
   if (ssc_kelim_mom_del_in(&record.base, QX_MOM_UDP_DB) != 0) {
     SDN_ERROR_AS(log_name, "ssc sdn del meter FAIL!");
-    sdn_opt_cnt[SDN_OPT_METER_DEL + SDN_OPT_FAILED]++;
+    ++sdn_opt_cnt[SDN_OPT_METER_DEL + SDN_OPT_FAILED];
   }
-  sdn_opt_cnt[SDN_OPT_METER_DEL + SDN_OPT_HANDLED]++;
+  ++sdn_opt_cnt[SDN_OPT_METER_DEL + SDN_OPT_HANDLED];
 }
 
 }  // namespace
@@ -222,7 +222,7 @@ std::int32_t ssc_sdn_proc_enable_msg(std::uint32_t vsd_id, const void *msg) {
 
 std::int32_t ssc_sdn_dump_sdn_ifx_array(const std::uint32_t *ifx, std::uint32_t count) {
   std::printf("\n====ssc_sdn_dump_sdn_ifx_array, ifx_num: %d====\n", count);
-  for (std::uint32_t i = 0; ifx && i < count; i++) std::printf("ifx[%d]: %d,\n", i, ifx[i]);
+  for (std::uint32_t i = 0; ifx && i < count; ++i) std::printf("ifx[%d]: %d,\n", i, ifx[i]);
   std::printf("\n====end ssc_sdn_dump_sdn_ifx_array====\n");
   return 0;
 }
@@ -251,10 +251,10 @@ void ssc_sdn_del_all_flow_handler(libss_pthrd_hdl *hdl) {
     if (g_ssc_ds_stage.in_progress) ssc_sdn_abandon_data_sync();
     SDN_VER("vsd_id: %d ssc_sdn_del_all_flow_handler  enter\n", hdl->value);
     if (ssc_sdn_db_del_all_flow(hdl->value) != 0) {
-      sdn_opt_cnt[SDN_OPT_DEL_ALL_FLOW + SDN_OPT_FAILED]++;
+      ++sdn_opt_cnt[SDN_OPT_DEL_ALL_FLOW + SDN_OPT_FAILED];
       SDN_VER("ssc_sdn_del_all_flow %d happened error\n", hdl->value);
     }
-    sdn_opt_cnt[SDN_OPT_DEL_ALL_FLOW + SDN_OPT_HANDLED]++;
+    ++sdn_opt_cnt[SDN_OPT_DEL_ALL_FLOW + SDN_OPT_HANDLED];
   }
   SDN_VER("LEAVE");
 }
@@ -264,10 +264,10 @@ void ssc_sdn_del_all_handler(libss_pthrd_hdl *hdl) {
   SDN_VER("vsd_id: %d ssc_sdn_del_all_flow_handler  enter\n", hdl->value);
   for (const auto del_all : {ssc_sdn_db_del_all_flow, ssc_sdn_db_del_all_meter}) {
     if (del_all(hdl->value) == 0) continue;
-    sdn_opt_cnt[SDN_OPT_DEL_ALL + SDN_OPT_FAILED]++;
+    ++sdn_opt_cnt[SDN_OPT_DEL_ALL + SDN_OPT_FAILED];
     SDN_VER("ssc_sdn_del_all_flow %d happened error\n", hdl->value);
   }
-  sdn_opt_cnt[SDN_OPT_DEL_ALL + SDN_OPT_HANDLED]++;
+  ++sdn_opt_cnt[SDN_OPT_DEL_ALL + SDN_OPT_HANDLED];
   SDN_VER("LEAVE");
 }
 
@@ -327,7 +327,7 @@ void ssc_sdn_add_onc_handler(libss_pthrd_hdl *hdl) {
   SDN_VER("add onc ip is %d.%d.%d.%d", ip[0], ip[1], ip[2], ip[3]);
   const std::int32_t rv = ssc_kelim_mom_set(&record.base, QX_MOM_UDP_DB);
   if (rv != 0) {
-    sdn_opt_cnt[SDN_OPT_ONC_ADD + SDN_OPT_FAILED]++;
+    ++sdn_opt_cnt[SDN_OPT_ONC_ADD + SDN_OPT_FAILED];
     SDN_ERROR("ssc_kelim_mom_set failed, rv %d", rv);
     return;
   }
@@ -343,7 +343,7 @@ void ssc_sdn_del_onc_handler(libss_pthrd_hdl *hdl) {
   SDN_VER("del onc ip is %d.%d.%d.%d", ip[0], ip[1], ip[2], ip[3]);
   const std::int32_t rv = ssc_kelim_mom_del_in(&record.base, QX_MOM_UDP_DB);
   if (rv == 0) return;
-  sdn_opt_cnt[SDN_OPT_ONC_DEL + SDN_OPT_FAILED]++;
+  ++sdn_opt_cnt[SDN_OPT_ONC_DEL + SDN_OPT_FAILED];
   // Deliberate: the text of a failed addition; operators search the log for it.
   SDN_ERROR("ssc_sdn_add_op_onc_ace failed, rv %d", rv);
 }

@@ -9,9 +9,9 @@
 libss_pthrd_mst *ssc_sdn_mst = nullptr;
 
 std::int32_t ssc_sdn_main_pthread_init() {
-  if (ssc_sdn_mst != nullptr) return 0;
+  if (ssc_sdn_mst) return 0;
   ssc_sdn_mst = libss_pthrd_create_mst_withname("ssc_sdn_main_pthread_init");
-  if (ssc_sdn_mst != nullptr) return 0;
+  if (ssc_sdn_mst) return 0;
   SDN_ERROR("ssc_sdn_mst = NULL, libss_pthrd_create_mst happen error");
   return QX_NOT_POSTED;
 }

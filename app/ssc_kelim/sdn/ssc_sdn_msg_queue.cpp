@@ -34,7 +34,7 @@ class Index {
  public:
   Node *find(std::uint32_t type, std::uint64_t msg_id) const {
     Node *last = bucket(type, msg_id);
-    if (last == nullptr) return nullptr;
+    if (!last) return nullptr;
     Node *node = last;
     do {
       node = node->bucket_next;
@@ -79,15 +79,15 @@ class Index {
 
   void insert(Node *node) {
     Node *&last = bucket(node->type, node->msg_id);
-    node->bucket_next = last != nullptr ? last->bucket_next : node;
-    if (last != nullptr) last->bucket_next = node;
+    node->bucket_next = last ? last->bucket_next : node;
+    if (last) last->bucket_next = node;
     last = node;
   }
 
   // Puts the queue's nodes into another table, in order.
   void rebuild(unsigned bits) {
     Node **buckets = bits == kFewBits ? few_ : new (std::nothrow) Node *[std::size_t{1} << bits];
-    if (buckets == nullptr) return;
+    if (!buckets) return;
     if (buckets_ != few_) delete[] buckets_;
     buckets_ = buckets;
     bits_ = bits;
@@ -135,7 +135,7 @@ struct Cursor {
 
   template <typename Match>
   Node *first(Match match) {
-    for (Node *node = node_of(passed->next); node != nullptr; node = node_of(node->next)) {
+    for (Node *node = node_of(passed->next); node; node = node_of(node->next)) {
       if (match(*node)) return node;
       passed = node;
     }
@@ -189,8 +189,7 @@ State g_state;
 // Nodes behind a barrier that leaves the middle of the queue join the segment before it.
 void join_segments(const Node &barrier) {
   const std::uint32_t joined = node_of(barrier.prev)->segment;
-  for (Node *node = node_of(barrier.next); node != nullptr && node->type != SDN_BARRIER; node = node_of(node->next))
-    node->segment = joined;
+  for (Node *node = node_of(barrier.next); node && node->type != SDN_BARRIER; node = node_of(node->next)) node->segment = joined;
   if (g_state.tail_segment == barrier.segment) g_state.tail_segment = joined;
   if (g_state.head.number == joined) g_state.head.counted = false;
 }
@@ -228,7 +227,7 @@ void answer(const Node &node) {
   if (node.type == SDN_BARRIER) {
     ssc_sdn_reply_barrier_request(node.payload);
   } else if (node.type == SDN_ADD_FLOW_MSG && node.ret_val != 0) {
-    const std::uint64_t flow_index = node.payload != nullptr ? southbound::get<std::uint64_t>(node.payload, 0) : node.msg_id;
+    const std::uint64_t flow_index = node.payload ? southbound::get<std::uint64_t>(node.payload, 0) : node.msg_id;
     sdn_send_flow_ret_val_2_proxy(0, flow_index, static_cast<std::int32_t>(node.ret_val));
   }
 }
@@ -244,7 +243,7 @@ void traverse_from_head() {
   constexpr const char *kName = "ssc_sdn_msg_queue_traverse_pop_msg_node";
   std::uint32_t unreturned = 0;
   Node *next;
-  for (Node *node = front(); node != nullptr; node = next) {
+  for (Node *node = front(); node; node = next) {
     next = node_of(node->next);
     if (node->type == SDN_BARRIER && unreturned != 0) {
       SDN_VER_AS(kName, "node before the barrier not all return, exit \n");
@@ -264,12 +263,12 @@ void traverse_from_head() {
 std::int32_t queue_with_payload(const char *name, std::uint32_t type, std::uint64_t msg_id, std::uint32_t ds_type,
                                 const void *bytes, std::size_t size, const char *no_memory) {
   void *payload = ssc_sdn_malloc(size, name, __LINE__);
-  if (payload == nullptr) {
+  if (!payload) {
     SDN_ERROR_AS(name, "%s", no_memory);
     return QX_NO_MEMORY;
   }
   Node *node = ssc_sdn_msg_queue_push_msg_node(static_cast<std::int32_t>(type), msg_id, ds_type);
-  if (node == nullptr) {
+  if (!node) {
     SDN_ERROR_AS(name, "insert msg_queue_node, error!");
     ssc_sdn_free(payload);
     return QX_NO_MEMORY;
@@ -281,7 +280,7 @@ std::int32_t queue_with_payload(const char *name, std::uint32_t type, std::uint6
 
 void drop_all() {
   Node *next;
-  for (Node *node = front(); node != nullptr; node = next) {
+  for (Node *node = front(); node; node = next) {
     next = node_of(node->next);
     free_node(node);
   }
@@ -301,7 +300,7 @@ ssc_sdn_msg_queue_node *ssc_sdn_msg_queue_push_msg_node(std::int32_t type, std::
   const auto node_type = static_cast<std::uint32_t>(type);
   SDN_VER("insert msg node:%s, msg_id = %lu\n", sdn_oprate_text(node_type), msg_id);
   void *block = ssc_sdn_malloc(sizeof(Node), __func__, __LINE__);
-  if (block == nullptr) {
+  if (!block) {
     SDN_ERROR("malloc happen error!");
     return nullptr;
   }
@@ -334,7 +333,7 @@ std::int32_t ssc_sdn_msg_queue_alloc_barrier_msg_node(const void *barrier) {
 std::int32_t ssc_sdn_msg_queue_update_msg_node(std::uint32_t type, std::uint64_t msg_id, std::uint32_t ret_val) {
   ssc_sdn_assert_main_thread();
   Node *node = g_state.index.find(type, msg_id);
-  if (node == nullptr) {
+  if (!node) {
     SDN_ERROR("update msg node fail, Not find msg_node: %s, msg_id = %lu\n", sdn_oprate_text(type), msg_id);
     return QX_NOT_FOUND;
   }
@@ -349,7 +348,7 @@ std::int32_t ssc_sdn_msg_queue_update_msg_node(std::uint32_t type, std::uint64_t
 void ssc_sdn_msg_queue_update_node_set_status(std::uint64_t msg_id) {
   ssc_sdn_assert_main_thread();
   Node *node = g_state.index.find(SDN_ADD_FLOW_MSG, msg_id);
-  if (node == nullptr) {
+  if (!node) {
     SDN_ERROR("update msg node is_set fail, Not find msg_node: %s, msg_id = %lu\n", sdn_oprate_text(SDN_ADD_FLOW_MSG), msg_id);
     return;
   }
@@ -362,21 +361,21 @@ void ssc_sdn_msg_queue_update_node_set_status(std::uint64_t msg_id) {
 std::int32_t ssc_sdn_msg_queue_check_ds_end_by_type(std::uint32_t ds_type) {
   ssc_sdn_assert_main_thread();
   const Node *run = g_state.ds_flow.first(is_ds_flow);
-  if (run == nullptr) return 1;
+  if (!run) return 1;
   Cursor from_head;
   Cursor &cursor = ds_type < kDsClasses ? g_state.unset[ds_type] : from_head;
   const Node *unset =
       cursor.first([ds_type](const Node &node) { return is_ds_flow(node) && node.ds_type == ds_type && node.is_set == 0; });
-  if (unset == nullptr) return 1;
+  if (!unset) return 1;
   const Node *run_end = g_state.plain_flow.first([run](const Node &node) { return is_plain_flow(node) && precedes(*run, node); });
-  return run_end != nullptr && precedes(*run_end, *unset) ? 1 : 0;
+  return run_end && precedes(*run_end, *unset) ? 1 : 0;
 }
 
 void ssc_sdn_msg_queue_traverse_pop_msg_node() {
   ssc_sdn_assert_main_thread();
   HeadSegment &head = g_state.head;
   if (!kelim::kVer.enabled() && head.counted) {
-    if (head.ready == 1 && head.latest_ready != nullptr) ssc_sdn_msg_queue_pop_msg_node(head.latest_ready);
+    if (head.ready == 1 && head.latest_ready) ssc_sdn_msg_queue_pop_msg_node(head.latest_ready);
     if (head.ready == 0 && head.unreturned != 0) return;
   }
   traverse_from_head();
@@ -398,7 +397,7 @@ void ssc_sdn_msg_queue_destory_flow_msg_node(std::uint64_t msg_id) {
 void ssc_sdn_msg_queue_destory_all_flow_msg_node() {
   ssc_sdn_assert_main_thread();
   Node *next;
-  for (Node *node = front(); node != nullptr; node = next) {
+  for (Node *node = front(); node; node = next) {
     next = node_of(node->next);
     ssc_sdn_msg_queue_pop_msg_node(node);
   }

@@ -26,7 +26,7 @@ T field(const void *msg, std::size_t offset) {
 }
 
 void count(libproxy_sdn_op op) {
-  libproxy_sdn_op_cnt[op]++;
+  ++libproxy_sdn_op_cnt[op];
 }
 
 // Logs an intake's failure.
@@ -76,7 +76,7 @@ struct Registration {
   constexpr Registration(int (*call)(of_ss_msg_cb), of_ss_msg_cb callback) : register_msg(call), msg(callback) {}
   constexpr Registration(int (*call)(of_ss_signal_cb), of_ss_signal_cb callback) : register_signal(call), signal(callback) {}
   void operator()() const {
-    if (register_msg != nullptr) {
+    if (register_msg) {
       register_msg(msg);
     } else {
       register_signal(signal);
@@ -112,7 +112,7 @@ constexpr Registration kRegistrations[] = {
 }  // namespace
 
 std::int32_t libproxy_fp_sdn_dep_init(qx_global *global) {
-  if (global == nullptr) return QX_INVALID;
+  if (!global) return QX_INVALID;
   if (g_registered) return 0;
   PROXY_VER_AS("libproxy_fp_sdn_connect", "enter");
   ss_of_init(global);
@@ -136,7 +136,7 @@ int libproxy_fp_sdn_op_flow(void *msg) {
 }
 
 int libproxy_fp_sdn_op_meter(void *msg) {
-  if (msg == nullptr) {
+  if (!msg) {
     PROXY_ERROR("meter null.");
     return QX_INVALID;
   }
@@ -156,7 +156,7 @@ int libproxy_fp_sdn_op_meter(void *msg) {
 }
 
 int libproxy_fp_sdn_statistic(void *msg) {
-  if (msg == nullptr) {
+  if (!msg) {
     PROXY_ERROR("req null.");
     return QX_INVALID;
   }
@@ -200,7 +200,7 @@ void libproxy_fp_sdn_del_all_flow() {
   count(PROXY_OP_DEL_ALL_FLOW);
   PROXY_VER("del all flow.");
   void *msg = ssc_sdn_malloc(sizeof kText, __func__, __LINE__);
-  if (msg == nullptr) {
+  if (!msg) {
     PROXY_ERROR("malloc fail.");
     return;
   }
@@ -216,7 +216,7 @@ void libproxy_fp_sdn_del_all() {
 }
 
 int libproxy_fp_sdn_barrier(void *msg) {
-  if (msg == nullptr) {
+  if (!msg) {
     PROXY_ERROR("info null.");
     return QX_INVALID;
   }
@@ -233,7 +233,7 @@ int libproxy_fp_sdn_barrier(void *msg) {
 // Deliberate: an add passes its command word, which is 0, as the virtual switch.
 int libproxy_fp_sdn_op_onc_info(void *msg) {
   constexpr std::uint16_t kAdd = 0, kDelete = 1;
-  if (msg == nullptr) {
+  if (!msg) {
     PROXY_ERROR("onc_info null.");
     return QX_INVALID;
   }
@@ -250,7 +250,7 @@ int libproxy_fp_sdn_op_onc_info(void *msg) {
 }
 
 int libproxy_fp_sdn_pkt_start(void *msg) {
-  if (msg == nullptr) {
+  if (!msg) {
     PROXY_ERROR("pkt_start null.");
     return QX_INVALID;
   }
@@ -261,7 +261,7 @@ int libproxy_fp_sdn_pkt_start(void *msg) {
 }
 
 int libproxy_fp_sdn_pkt_end(void *msg) {
-  if (msg == nullptr) {
+  if (!msg) {
     PROXY_ERROR("ss_head null.");
     return QX_INVALID;
   }
@@ -272,7 +272,7 @@ int libproxy_fp_sdn_pkt_end(void *msg) {
 }
 
 int libproxy_fp_sdn_flowcount_config_para(void *msg) {
-  if (msg == nullptr) {
+  if (!msg) {
     PROXY_ERROR("flowcnt_cfg null.\n");
     return QX_INVALID;
   }

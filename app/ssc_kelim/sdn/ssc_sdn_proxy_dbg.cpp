@@ -93,7 +93,7 @@ void print_field(const FieldText &text, Bytes payload, bool in_match) {
 void print_field_of(std::uint32_t header, Bytes bytes, bool in_match) {
   const FieldText *text = find_text(header);
   const std::size_t payload = header & 0xff;
-  if (text == nullptr || bytes.size() < payload || (!in_match && !text->in_set_field)) return;
+  if (!text || bytes.size() < payload || (!in_match && !text->in_set_field)) return;
   print_field(*text, bytes.first(payload), in_match);
 }
 
@@ -165,7 +165,7 @@ int libproxy_fp_sdn_dump_flow_key(std::span<const std::byte> key) {
 }
 
 int libproxy_fp_sdn_dump_one_action(std::span<const std::byte> action, std::uint16_t len) {
-  if (action.data() == nullptr) {
+  if (!action.data()) {
     std::puts("p_action null.");
     return 0;
   }
@@ -173,7 +173,7 @@ int libproxy_fp_sdn_dump_one_action(std::span<const std::byte> action, std::uint
   const auto word = southbound::read<std::uint32_t>(action, southbound::kActionBody);
   const ActionText &text = action_text(type);
   std::printf("type: %d(%s), len: %d, ", type, text.name, len);
-  if (text.value_label != nullptr) std::printf("%s: %d\n", text.value_label, static_cast<int>(word));
+  if (text.value_label) std::printf("%s: %d\n", text.value_label, static_cast<int>(word));
   if (type == kSetField && action.size() >= southbound::kActionValue)
     print_field_of(word, action.subspan(southbound::kActionValue), false);
   return 0;
@@ -202,7 +202,7 @@ int libproxy_fp_sdn_dump_flow_action(const void *flow) {
 }
 
 int libproxy_fp_sdn_dump_flow(const void *flow) {
-  if (flow == nullptr) {
+  if (!flow) {
     std::puts("Error: invalid para -- flow is NULL.");
     return 0;
   }

@@ -35,7 +35,7 @@ class Word {
     value_.store(value, std::memory_order_relaxed);
     return value;
   }
-  void operator++(int) { *this = load() + 1; }
+  void operator++() { *this = load() + 1; }
 
  private:
   std::atomic<T> value_{};

@@ -85,23 +85,23 @@ struct timespec qx_monotime(void) {
   return {.tv_sec = t / 1'000'000'000, .tv_nsec = t % 1'000'000'000};
 }
 
-uint64_t qx_timeval_to_us(struct timespec t) {
-  return static_cast<uint64_t>(t.tv_sec) * 1'000'000 + static_cast<uint64_t>(t.tv_nsec) / 1'000;
+std::uint64_t qx_timeval_to_us(struct timespec t) {
+  return static_cast<std::uint64_t>(t.tv_sec) * 1'000'000 + static_cast<std::uint64_t>(t.tv_nsec) / 1'000;
 }
 
-char *qx_time_2_string(char *buf, size_t len) {
+char *qx_time_2_string(char *buf, std::size_t len) {
   timespec now;
   clock_gettime(CLOCK_REALTIME, &now);
   tm local;
   localtime_r(&now.tv_sec, &local);
   char text[40];
-  const size_t n = strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
+  const std::size_t n = strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
   snprintf(text + n, sizeof text - n, ".%03d", static_cast<int>(now.tv_nsec / 1'000'000));
-  if (buf != nullptr && len > 0) snprintf(buf, len, "%s", text);
+  if (buf && len > 0) snprintf(buf, len, "%s", text);
   return buf;
 }
 
-void qx_sleep_ms(uint32_t ms) {
+void qx_sleep_ms(std::uint32_t ms) {
   host::clock::sleep_until(host::clock::now() + std::chrono::milliseconds(ms));
 }
 }

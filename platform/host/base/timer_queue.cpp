@@ -85,7 +85,7 @@ bool Timer::arm(clock::Time delay) {
   assert_loop_thread();
   cancel();
   TimerQueue *timers = detail::host_timers();
-  if (timers == nullptr) return false;
+  if (!timers) return false;
   id_ = TimerQueue::next_id();
   timers->arm(id_, clock::now() + delay, [this] {
     const auto fire = fire_;  // outlives a timer that its own callback destroys
@@ -95,12 +95,12 @@ bool Timer::arm(clock::Time delay) {
 }
 
 void Timer::cancel() {
-  if (TimerQueue *timers = detail::host_timers(); timers != nullptr && id_ != 0) timers->cancel(id_);
+  if (TimerQueue *timers = detail::host_timers(); timers && id_ != 0) timers->cancel(id_);
 }
 
 bool Timer::armed() const {
   const TimerQueue *timers = detail::host_timers();
-  return timers != nullptr && timers->armed(id_);
+  return timers && timers->armed(id_);
 }
 
 }  // namespace host

@@ -12,32 +12,32 @@ namespace cgst {
 
 // 0 is "no limit".
 struct Limits {
-  uint64_t writes = 0;
-  uint64_t bytes = 0;
+  std::uint64_t writes = 0;
+  std::uint64_t bytes = 0;
 };
 
 struct Load {
-  uint64_t writes = 0;
-  uint64_t bytes = 0;
-  uint64_t high_writes = 0;
-  uint64_t high_bytes = 0;
-  uint64_t refused = 0;  // over the limit
-  uint64_t total = 0;    // taken since the start
+  std::uint64_t writes = 0;
+  std::uint64_t bytes = 0;
+  std::uint64_t high_writes = 0;
+  std::uint64_t high_bytes = 0;
+  std::uint64_t refused = 0;  // over the limit
+  std::uint64_t total = 0;    // taken since the start
 
-  bool admits(size_t size, const Limits &limits) const {
+  bool admits(std::size_t size, const Limits &limits) const {
     return (!limits.writes || writes < limits.writes) && (!limits.bytes || bytes + size <= limits.bytes);
   }
-  void add(size_t size);
-  void remove(size_t size, size_t count);
+  void add(std::size_t size);
+  void remove(std::size_t size, std::size_t count);
 };
 
 class Topic {
  public:
   // True when the write may go on; false counts it as refused. Nothing is in flight before take().
-  bool admit(size_t size);
-  void take(size_t size);
+  bool admit(std::size_t size);
+  void take(std::size_t size);
   // `count` writes of `size` bytes together.
-  void release(size_t size, size_t count = 1);
+  void release(std::size_t size, std::size_t count = 1);
 
   // A registered topic has a limit of its own beside the pipeline's.
   void enrol() { enrolled_ = true; }

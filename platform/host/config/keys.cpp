@@ -220,8 +220,8 @@ std::string variable(const Row &row) {
 }
 
 bool fits(const Row &row, const std::string &text) {
-  if (row.allowed.fits != nullptr) return row.allowed.fits(text);
-  return row.allowed.words == nullptr || is_word_of(row.allowed.words, text);
+  if (row.allowed.fits) return row.allowed.fits(text);
+  return !row.allowed.words || is_word_of(row.allowed.words, text);
 }
 
 }  // namespace host::keys

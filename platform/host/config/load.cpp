@@ -61,7 +61,7 @@ std::string apply_node(const std::string &file, std::string_view section, std::s
                        Draft &draft) {
   const std::string where = file + ":" + std::to_string(node.source().begin.line);
   const Row *row = keys::find(section, key);
-  if (row == nullptr)
+  if (!row)
     return unknown_key(where, section, section.empty() ? std::string(key) : std::string(section) + "." + std::string(key));
   if (!keys::set_node(*row, node, draft.config)) {
     std::ostringstream given;
@@ -74,8 +74,8 @@ std::string apply_node(const std::string &file, std::string_view section, std::s
 
 std::string apply_file(Draft &draft) {
   const char *named = getenv("KELIM_CONF");
-  const std::string file = named != nullptr ? named : kDefaultFile;
-  if (named == nullptr && access(kDefaultFile, F_OK) != 0) return "";
+  const std::string file = named ? named : kDefaultFile;
+  if (!named && access(kDefaultFile, F_OK) != 0) return "";
   if (access(file.c_str(), R_OK) != 0)
     return file + ": cannot be read: " + strerror(errno) + (named ? " (named by KELIM_CONF)" : "");
   draft.config.file = file;
@@ -90,7 +90,7 @@ std::string apply_file(Draft &draft) {
   }
   for (const auto &[name, node] : parsed.table()) {
     std::string error;
-    if (const auto *section = node.as_table(); section != nullptr && keys::is_section(name.str())) {
+    if (const auto *section = node.as_table(); section && keys::is_section(name.str())) {
       for (const auto &[key, value] : *section) {
         if (error = apply_node(file, name.str(), key.str(), value, draft); !error.empty()) return error;
       }
@@ -105,7 +105,7 @@ std::string apply_file(Draft &draft) {
 std::string misspelt_variable() {
   std::set<std::string> known;
   for (const Row &row : keys::all()) known.insert(keys::variable(row));
-  for (char **entry = environ; *entry != nullptr; ++entry) {
+  for (char **entry = environ; *entry; ++entry) {
     const std::string name(*entry, strcspn(*entry, "="));
     for (const Row &row : keys::all()) {
       const std::string prefix = keys::variable(row).substr(0, strlen("KELIM_") + strlen(row.section) + 1);
@@ -126,7 +126,7 @@ std::string apply_environment(Draft &draft) {
   for (const Row &row : keys::all()) {
     const std::string variable = keys::variable(row);
     const char *text = getenv(variable.c_str());
-    if (text == nullptr) continue;
+    if (!text) continue;
     if (std::string error = apply_text("environment variable " + variable, row, text, draft); !error.empty()) return error;
   }
   return misspelt_variable();
@@ -221,7 +221,7 @@ std::string config_set(std::string_view key, std::string_view value) {
   const auto dot = key.find('.');
   const std::string_view section = dot == std::string_view::npos ? "" : key.substr(0, dot);
   const Row *row = keys::find(section, dot == std::string_view::npos ? key : key.substr(dot + 1));
-  if (row == nullptr) return unknown_key("set by the program", keys::is_section(section) ? section : "", std::string(key));
+  if (!row) return unknown_key("set by the program", keys::is_section(section) ? section : "", std::string(key));
   Draft trial;
   if (std::string error = apply_text("set by the program", *row, std::string(value), trial); !error.empty()) return error;
   g_set[row] = value;
@@ -252,7 +252,7 @@ void config_noted(std::string_view key, const std::string &value, const std::str
 std::string config_check(std::string_view key, const std::string &value) {
   Draft trial;
   const Row *row = find_row(key);
-  return row == nullptr ? "there is no key " + std::string(key) : apply_text("asked for", *row, value, trial);
+  return row ? apply_text("asked for", *row, value, trial) : "there is no key " + std::string(key);
 }
 
 std::vector<std::string> config_changes(Config a, Config b) {
@@ -280,7 +280,7 @@ std::string config_help() {
 
 std::string users_run_dir() {
   const char *session = getenv("XDG_RUNTIME_DIR");
-  return geteuid() == 0 || session == nullptr || *session != '/' ? "" : std::string(session) + "/kelim";
+  return geteuid() == 0 || !session || *session != '/' ? "" : std::string(session) + "/kelim";
 }
 
 std::string make_run_dir() {

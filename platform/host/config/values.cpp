@@ -103,7 +103,7 @@ std::optional<List> strings(const toml::node &node) {
   List list;
   if (const auto *text = node.as_string()) return List{text->get()};
   const auto *array = node.as_array();
-  if (array == nullptr) return std::nullopt;
+  if (!array) return std::nullopt;
   for (const toml::node &one : *array) {
     if (!one.is_string()) return std::nullopt;
     list.push_back(one.as_string()->get());
@@ -114,7 +114,7 @@ std::optional<List> strings(const toml::node &node) {
 // A field of a [[ports]] table as text; nothing for what is neither text nor number.
 std::optional<std::string> field(const toml::table &table, const char *key) {
   const toml::node *node = table.get(key);
-  if (node == nullptr) return "";
+  if (!node) return "";
   if (const auto *text = node->as_string()) return text->get();
   if (const auto *n = node->as_integer()) return std::to_string(n->get());
   return std::nullopt;
@@ -123,10 +123,10 @@ std::optional<std::string> field(const toml::table &table, const char *key) {
 bool set_port_tables(const toml::node &node, Ports &to) {
   Ports ports;
   const auto *array = node.as_array();
-  if (array == nullptr) return false;
+  if (!array) return false;
   for (const toml::node &one : *array) {
     const auto *table = one.as_table();
-    if (table == nullptr) return false;
+    if (!table) return false;
     const auto known = [](std::string_view key) { return key == "ifx" || key == "name" || key == "phyid" || key == "type"; };
     if (!std::all_of(table->begin(), table->end(), [&](const auto &item) { return known(item.first.str()); })) return false;
     const auto ifx = field(*table, "ifx"), name = field(*table, "name"), phyid = field(*table, "phyid"),
@@ -142,7 +142,7 @@ bool set_port_tables(const toml::node &node, Ports &to) {
 bool set_node(const Row &row, const toml::node &node, Config &c) {
   const auto set_any_number = [&](auto *to) {
     const auto *n = node.as_integer();
-    return n != nullptr && n->get() >= 0 && set_number(row, static_cast<std::uint64_t>(n->get()), *to);
+    return n && n->get() >= 0 && set_number(row, static_cast<std::uint64_t>(n->get()), *to);
   };
   const auto set_bool = [&](bool *to) { return node.is_boolean() && (*to = node.as_boolean()->get(), true); };
   const auto set_string = [&](Text *) { return node.is_string() && set_text(row, node.as_string()->get(), c); };
@@ -191,7 +191,7 @@ bool same(const Row &row, Config &a, Config &b) {
 std::string allowed(const Row &row) {
   static Config scratch;
   const Allowed &a = row.allowed;
-  std::string words = a.words != nullptr ? a.words : "any text";
+  std::string words = a.words ? a.words : "any text";
   const auto numbers = [&](auto *) { return std::to_string(a.min) + " to " + std::to_string(a.max); };
   return std::visit(
       Overloaded{[&](Text *) { return words; }, [&](List *) { return "a list of " + words; },

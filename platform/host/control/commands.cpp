@@ -107,7 +107,7 @@ void clear_commands() {
 extern "C" {
 
 int ssat_lib_init(qx_global *global, const char *name) {
-  if (global == nullptr || name == nullptr || *name == '\0') return QX_INVALID;
+  if (!global || !name || *name == '\0') return QX_INVALID;
   if (const int rv = host::fault::check(host::fault::Point::ssat_init)) return rv;
   host::assert_loop_thread();
   host::control::g_modules.try_emplace(name);
@@ -116,7 +116,7 @@ int ssat_lib_init(qx_global *global, const char *name) {
 
 int ssat_reg_mod_cmd(const char *module, const char *command, const char *format, ssat_handler handler) {
   using namespace host::control;
-  if (module == nullptr || command == nullptr || *command == '\0' || format == nullptr || handler == nullptr) return QX_INVALID;
+  if (!module || !command || *command == '\0' || !format || !handler) return QX_INVALID;
   if (const int rv = host::fault::check(host::fault::Point::ssat_reg)) return rv;
   host::assert_loop_thread();
   const auto it = g_modules.find(module);

@@ -130,7 +130,7 @@ void LineServer::look_after_socket() {
 
 void LineServer::accept(int fd) {
   bufferevent *socket = bufferevent_socket_new(loop_base(), fd, BEV_OPT_CLOSE_ON_FREE);
-  if (socket == nullptr) {
+  if (!socket) {
     ::close(fd);
     return;
   }

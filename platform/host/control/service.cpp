@@ -150,11 +150,11 @@ std::string missed(std::size_t lines) {
 }  // namespace
 
 void register_view(const std::string &name, View view) {
-  if (loop_base() != nullptr) g_views[name] = std::move(view);
+  if (loop_base()) g_views[name] = std::move(view);
 }
 
 void register_feed(const std::string &name, Feed feed) {
-  if (loop_base() != nullptr) g_feeds[name] = std::move(feed);
+  if (loop_base()) g_feeds[name] = std::move(feed);
 }
 
 void register_setting(const std::string &key, std::function<void(const std::string &value)> set_it) {

@@ -187,7 +187,7 @@ extern "C" {
 
 int libddm_init(qx_global *global, const char *name) {
   using namespace host;
-  if (global == nullptr || name == nullptr) return QX_INVALID;
+  if (!global || !name) return QX_INVALID;
   if (const int rv = fault::check(fault::Point::ddm_init)) return rv;
   if (ddm::g_watch) return 0;
   if (!ddm::watch_links()) log::warn("changes of interfaces go unnoticed, every question reads them anew: {}", strerror(errno));
@@ -195,25 +195,25 @@ int libddm_init(qx_global *global, const char *name) {
   return 0;
 }
 
-int libddm_get_phyid_by_ifx(uint32_t ifx, uint32_t *phyid) {
-  if (phyid == nullptr) return QX_INVALID;
+int libddm_get_phyid_by_ifx(std::uint32_t ifx, std::uint32_t *phyid) {
+  if (!phyid) return QX_INVALID;
   if (const int rv = host::fault::check(host::fault::Point::ddm_phyid)) return rv;
   const auto ports = host::ddm::ports();
   const auto *port = host::ddm::find(*ports, ifx);
-  if (port == nullptr) return QX_NOT_FOUND;
+  if (!port) return QX_NOT_FOUND;
   *phyid = port->phyid;
   return 0;
 }
 
-int libddm_for_each_port(void (*visit)(void *arg, uint32_t ifx, const char *name), void *arg) {
+int libddm_for_each_port(void (*visit)(void *arg, std::uint32_t ifx, const char *name), void *arg) {
   if (host::config().ports.empty()) return 0;
   for (const auto &port : *host::ddm::ports()) visit(arg, port.ifx, port.name.c_str());
   return 0;
 }
 
-uint32_t lsm_if_get_type(uint32_t ifx) {
+std::uint32_t lsm_if_get_type(std::uint32_t ifx) {
   const auto ports = host::ddm::ports();
   const auto *port = host::ddm::find(*ports, ifx);
-  return port == nullptr ? static_cast<uint32_t>(LSM_IF_TYPE_ETHERNET) : port->type;
+  return port ? port->type : static_cast<std::uint32_t>(LSM_IF_TYPE_ETHERNET);
 }
 }

@@ -150,7 +150,7 @@ int start_watchdog(const char *marker) {
 extern "C" {
 
 int libss_fp_com_check_run(const char *pid_file) {
-  if (pid_file == nullptr || host::fault::check(host::fault::Point::fp_com_check_run) != 0) return host::kCannotRun;
+  if (!pid_file || host::fault::check(host::fault::Point::fp_com_check_run) != 0) return host::kCannotRun;
   const std::string error = host::take_pid_file(pid_file);
   if (error.empty()) {
     host::guard_stdout();
@@ -161,7 +161,7 @@ int libss_fp_com_check_run(const char *pid_file) {
 }
 
 int libss_fp_com_ham_init(const char *marker_file, struct qx_zlog_category *) {
-  if (marker_file == nullptr) return QX_FAILED;
+  if (!marker_file) return QX_FAILED;
   if (const int rv = host::fault::check(host::fault::Point::ham_init)) return rv;
   return host::start_watchdog(marker_file);
 }

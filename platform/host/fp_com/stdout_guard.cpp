@@ -138,7 +138,7 @@ Guard *g_guard = nullptr;
 
 void guard_stdout() {
   int pipe[2];
-  if (g_guard != nullptr || !can_block(STDOUT_FILENO) || pipe2(pipe, O_CLOEXEC) != 0) return;
+  if (g_guard || !can_block(STDOUT_FILENO) || pipe2(pipe, O_CLOEXEC) != 0) return;
   fcntl(pipe[1], F_SETPIPE_SZ, kPipeSize);
   g_guard = new Guard(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1), own_way_out(), pipe);
   std::atexit([] { g_guard->end(); });

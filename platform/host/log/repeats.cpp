@@ -31,7 +31,7 @@ Repeats::Place *Repeats::find(const LineView &view) {
 
 bool Repeats::is_full(const LineView &view) {
   Place *place = find(view);
-  if (place == nullptr || place->written < kShare) return false;
+  if (!place || place->written < kShare) return false;
   ++place->hidden;
   return true;
 }

@@ -374,18 +374,18 @@ extern "C" {
 struct qx_zlog_category *qx_zlog_init(const char *name) {
   static host::Mutex mutex;
   static auto &categories = *new std::map<std::string, qx_zlog_category>;  // whoever holds one may log until the very end
-  if (name == nullptr || host::fault::check(host::fault::Point::zlog_init) != 0 || !host::log::is_open()) return nullptr;
+  if (!name || host::fault::check(host::fault::Point::zlog_init) != 0 || !host::log::is_open()) return nullptr;
   const host::Lock lock(mutex);
   return &categories.try_emplace(name, qx_zlog_category{name}).first->second;
 }
 
-void qxdf_zlog(struct qx_zlog_category *category, const char *file, size_t file_len, const char *func, size_t func_len, long line,
-               int level, const char *format, ...) {
-  if (category == nullptr || format == nullptr) return;
+void qxdf_zlog(struct qx_zlog_category *category, const char *file, std::size_t file_len, const char *func, std::size_t func_len,
+               long line, int level, const char *format, ...) {
+  if (!category || !format) return;
   host::log::LineView view{level >= QX_ZLOG_ERROR ? host::log::Level::error : host::log::Level::debug,
                            category->name,
-                           file != nullptr ? std::string_view(file, file_len) : std::string_view(),
-                           func != nullptr ? std::string_view(func, func_len) : std::string_view(),
+                           file ? std::string_view(file, file_len) : std::string_view(),
+                           func ? std::string_view(func, func_len) : std::string_view(),
                            line,
                            {}};
   if (!host::log::wants(view)) return;
@@ -394,18 +394,18 @@ void qxdf_zlog(struct qx_zlog_category *category, const char *file, size_t file_
   va_start(args, format);
   const int n = vsnprintf(text, sizeof text, format, args);
   va_end(args);
-  view.text = {text, n < 0 ? 0 : std::min(static_cast<size_t>(n), sizeof text - 1)};
+  view.text = {text, n < 0 ? 0 : std::min(static_cast<std::size_t>(n), sizeof text - 1)};
   while (view.text.ends_with('\n')) view.text.remove_suffix(1);
   host::log::write(view);
 }
 
-int at_snprintf(char *buf, size_t size, const char *format, ...) {
-  if (buf == nullptr || size == 0 || format == nullptr) return 0;
+int at_snprintf(char *buf, std::size_t size, const char *format, ...) {
+  if (!buf || size == 0 || !format) return 0;
   va_list args;
   va_start(args, format);
   const int n = vsnprintf(buf, size, format, args);
   va_end(args);
   if (n < 0) return 0;
-  return static_cast<int>(std::min(static_cast<size_t>(n), size - 1));
+  return static_cast<int>(std::min(static_cast<std::size_t>(n), size - 1));
 }
 }

@@ -72,7 +72,7 @@ class StderrSink : public spdlog::sinks::base_sink<spdlog::details::null_mutex> 
 bool stderr_is_journal() {
   const char *stream = std::getenv("JOURNAL_STREAM");
   struct stat s;
-  if (stream == nullptr || fstat(2, &s) != 0) return false;
+  if (!stream || fstat(2, &s) != 0) return false;
   return std::to_string(s.st_dev) + ":" + std::to_string(s.st_ino) == stream;
 }
 

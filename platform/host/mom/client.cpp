@@ -30,11 +30,11 @@ struct Call {
   const Key *key_or_all() const { return key ? &*key : nullptr; }
 };
 
-Database *database_of(qx_global *global, int32_t number) {
+Database *database_of(qx_global *global, std::int32_t number) {
   return global && hub() ? hub()->database(number) : nullptr;
 }
 
-Call resolve(Point point, qx_global *global, int32_t number, const ProtobufCMessage *record, Needs needs, Link link) {
+Call resolve(Point point, qx_global *global, std::int32_t number, const ProtobufCMessage *record, Needs needs, Link link) {
   Call call;
   if ((call.code = host::fault::check(point)) != 0) return call;
   call.code = kMalformed;
@@ -73,78 +73,80 @@ int told(const Call &call, const ProtobufCMessage *record, bool deletes, int res
 
 using namespace mom;
 
-int qx_mom_client_connect_sync(qx_global *global, int32_t db) {
+int qx_mom_client_connect_sync(qx_global *global, std::int32_t db) {
   if (const int rv = host::fault::check(Point::mom_connect_sync)) return rv;
   Database *database = database_of(global, db);
   return database ? hub()->store().connect_sync(*database) : kMalformed;
 }
 
-int qx_mom_client_connect(qx_global *global, int32_t db, qx_mom_connect_cb cb, const char *label) {
+int qx_mom_client_connect(qx_global *global, std::int32_t db, qx_mom_connect_cb cb, const char *label) {
   if (const int rv = host::fault::check(Point::mom_connect)) return rv;
   Database *database = database_of(global, db);
   return database && cb ? hub()->connect(*database, cb, label) : kMalformed;
 }
 
-int qx_mom_client_set_reconnect_cb(qx_global *global, int32_t db, qx_mom_reconnect_cb cb, void *) {
+int qx_mom_client_set_reconnect_cb(qx_global *global, std::int32_t db, qx_mom_reconnect_cb cb, void *) {
   if (const int rv = host::fault::check(Point::mom_set_reconnect_cb)) return rv;
   Database *database = database_of(global, db);
   return database && cb ? hub()->set_reconnect(*database, cb) : kMalformed;
 }
 
-int qx_mom_set(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t, uint32_t) {
+int qx_mom_set(qx_global *global, std::int32_t db, const ProtobufCMessage *record, std::uint32_t, std::uint32_t) {
   const Call call = resolve(Point::mom_set, global, db, record, Needs::key, Link::async);
   const auto write = [&](Bytes packed) { return hub()->store().set(*call.slot, *call.key, packed, std::nullopt); };
   return told(call, record, false, with_packed(call, record, write));
 }
 
-int qx_mom_setow(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t, uint32_t, int64_t ow) {
+int qx_mom_setow(qx_global *global, std::int32_t db, const ProtobufCMessage *record, std::uint32_t, std::uint32_t,
+                 std::int64_t ow) {
   const Call call = resolve(Point::mom_setow, global, db, record, Needs::key, Link::async);
   const auto write = [&](Bytes packed) { return hub()->store().set(*call.slot, *call.key, packed, ow); };
   return told(call, record, false, with_packed(call, record, write));
 }
 
-int qx_mom_setnx_sync(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t, uint32_t) {
+int qx_mom_setnx_sync(qx_global *global, std::int32_t db, const ProtobufCMessage *record, std::uint32_t, std::uint32_t) {
   const Call call = resolve(Point::mom_setnx, global, db, record, Needs::key, Link::sync);
   return with_packed(call, record, [&](Bytes packed) { return hub()->store().setnx_sync(*call.slot, *call.key, packed); });
 }
 
-int qx_mom_del(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t, uint32_t) {
+int qx_mom_del(qx_global *global, std::int32_t db, const ProtobufCMessage *record, std::uint32_t, std::uint32_t) {
   const Call call = resolve(Point::mom_del, global, db, record, Needs::key, Link::async);
   return told(call, record, true, call.code ? call.code : hub()->store().del(*call.slot, *call.key));
 }
 
-int qx_mom_del_sync(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t, uint32_t) {
+int qx_mom_del_sync(qx_global *global, std::int32_t db, const ProtobufCMessage *record, std::uint32_t, std::uint32_t) {
   const Call call = resolve(Point::mom_del_sync, global, db, record, Needs::key, Link::sync);
   return call.code ? call.code : hub()->store().del_sync(*call.slot, *call.key);
 }
 
-int qx_mom_pexpire(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t, uint32_t ms, uint32_t,
-                   qx_mom_done_cb cb, void *) {
+int qx_mom_pexpire(qx_global *global, std::int32_t db, const ProtobufCMessage *record, std::uint32_t, std::uint32_t ms,
+                   std::uint32_t, qx_mom_done_cb cb, void *) {
   const Call call = resolve(Point::mom_pexpire, global, db, record, Needs::key_or_template, Link::async);
   return call.code ? call.code : hub()->store().pexpire(*call.slot, call.key_or_all(), ms, cb);
 }
 
-int qx_mom_del_expire(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t, uint32_t, void *) {
+int qx_mom_del_expire(qx_global *global, std::int32_t db, const ProtobufCMessage *record, std::uint32_t, std::uint32_t, void *) {
   const Call call = resolve(Point::mom_del_expire, global, db, record, Needs::key_or_template, Link::async);
   return call.code ? call.code : hub()->store().del_expire(*call.slot, call.key_or_all());
 }
 
-int qx_mom_del_expire_ow(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t, uint32_t, void *, int64_t ow) {
+int qx_mom_del_expire_ow(qx_global *global, std::int32_t db, const ProtobufCMessage *record, std::uint32_t, std::uint32_t, void *,
+                         std::int64_t ow) {
   const Call call = resolve(Point::mom_del_expire_ow, global, db, record, Needs::record, Link::async);
   return call.code ? call.code : hub()->store().del_expired(*call.slot, ow);
 }
 
-int qx_mom_publish(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t, uint32_t) {
+int qx_mom_publish(qx_global *global, std::int32_t db, const ProtobufCMessage *record, std::uint32_t, std::uint32_t) {
   const Call call = resolve(Point::mom_publish, global, db, record, Needs::record, Link::async);
   return with_packed(call, record, [&](Bytes packed) { return hub()->store().publish(*call.slot, packed); });
 }
 
-int qx_mom_get_sync(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t, qx_obj **out) {
+int qx_mom_get_sync(qx_global *global, std::int32_t db, const ProtobufCMessage *record, std::uint32_t, qx_obj **out) {
   if (out) *out = nullptr;
   const Call call = resolve(Point::mom_get, global, db, record, Needs::key, Link::sync);
   if (call.code) return call.code;
   if (!out) return kMalformed;
-  std::vector<uint8_t> packed;
+  std::vector<std::uint8_t> packed;
   if (const int rv = hub()->store().get_sync(*call.slot, *call.key, packed)) return rv == Store::kForeign ? -1 : rv;
   *out = hub()->make_object(*call.slot, *call.key, packed);
   return *out ? 0 : -1;
@@ -155,7 +157,8 @@ void qx_mom_qx_obj_free(qx_obj *obj) {
   free_object(obj);
 }
 
-int qx_mom_scan_sync(qx_global *global, int32_t db, const ProtobufCMessage *record, uint32_t, qx_mom_scan_cb cb, void *arg) {
+int qx_mom_scan_sync(qx_global *global, std::int32_t db, const ProtobufCMessage *record, std::uint32_t, qx_mom_scan_cb cb,
+                     void *arg) {
   const Call call = resolve(Point::mom_scan, global, db, record, Needs::record, Link::sync);
   if (call.code) return call.code;
   if (!cb) return kMalformed;
@@ -165,7 +168,7 @@ int qx_mom_scan_sync(qx_global *global, int32_t db, const ProtobufCMessage *reco
   });
 }
 
-int qx_mom_subscribe(qx_global *global, int32_t db, const qx_mom_spec *spec, qx_mom_notify_cb cb) {
+int qx_mom_subscribe(qx_global *global, std::int32_t db, const qx_mom_spec *spec, qx_mom_notify_cb cb) {
   if (const int rv = host::fault::check(Point::mom_subscribe)) return rv;
   Database *database = database_of(global, db);
   if (!database || !spec || !cb || spec->delivery > QX_MOM_PACKED) return kMalformed;
@@ -175,7 +178,7 @@ int qx_mom_subscribe(qx_global *global, int32_t db, const qx_mom_spec *spec, qx_
   return hub()->subscribe(hub()->slot(*database, *type), spec->delivery == QX_MOM_PACKED, cb);
 }
 
-int libcgstctrl_gen_init(void *conn, int32_t db, const char *name) {
+int libcgstctrl_gen_init(void *conn, std::int32_t db, const char *name) {
   if (const int rv = host::fault::check(Point::cgst_init)) return rv;
   Database *database = hub() ? hub()->database(db) : nullptr;
   if (!conn || !database || !name) return kMalformed;
@@ -183,7 +186,7 @@ int libcgstctrl_gen_init(void *conn, int32_t db, const char *name) {
   return 0;
 }
 
-int libcgstctrl_gen_topic_reg(void *conn, int32_t db, const char *name, const qx_mom_type *topic) {
+int libcgstctrl_gen_topic_reg(void *conn, std::int32_t db, const char *name, const qx_mom_type *topic) {
   if (const int rv = host::fault::check(Point::cgst_topic)) return rv;
   Database *database = hub() ? hub()->database(db) : nullptr;
   if (!conn || !database || !name || !topic) return kMalformed;

@@ -16,7 +16,7 @@ struct Database;
 struct Slot;
 
 // What became of an object.
-enum class Change : uint8_t { created, rewritten, deleted, published };
+enum class Change : std::uint8_t { created, rewritten, deleted, published };
 
 // One callback for the changes of one record type.
 struct Subscription {
@@ -58,13 +58,13 @@ struct Database {
     qx_mom_connect_cb callback;
     const char *label;
   };
-  int32_t number;
+  std::int32_t number;
   bool sync_up = false;
   bool up = false;
-  uint64_t reconnects = 0;  // times that the lost connection came back
-  bool wanted = false;      // an asynchronous connect was asked for
-  std::string refusing;     // why the server refuses writes although it answers; empty while it accepts them
-  bool exclusive = false;   // only one process of this name may use it at a time
+  std::uint64_t reconnects = 0;  // times that the lost connection came back
+  bool wanted = false;           // an asynchronous connect was asked for
+  std::string refusing;          // why the server refuses writes although it answers; empty while it accepts them
+  bool exclusive = false;        // only one process of this name may use it at a time
   bool congestion_control = false;
   std::vector<Connect> connecting;  // waiting for their callback, the oldest first
   std::vector<qx_mom_reconnect_cb> reconnect;

@@ -11,12 +11,12 @@ namespace mom {
 
 namespace {
 
-constexpr size_t kKeyShown = 200;  // bytes of a key in a log line; foreign keys may be anything
+constexpr std::size_t kKeyShown = 200;  // bytes of a key in a log line; foreign keys may be anything
 
 // The command that QX_MOM_DECODED subscribers and scans get for a change, of a plain type and of a hash-class type.
 struct Command {
-  uint32_t plain;
-  uint32_t hash_class;
+  std::uint32_t plain;
+  std::uint32_t hash_class;
 };
 constexpr Command kCommands[] = {
     {QX_MOM_CMD_SET, QX_MOM_CMD_HASH_NEW},     // Change::created
@@ -25,12 +25,12 @@ constexpr Command kCommands[] = {
     {QX_MOM_CMD_PUBLISH, QX_MOM_CMD_PUBLISH},  // Change::published
 };
 
-uint32_t command_of(Change change, bool hash_class) {
-  const Command &command = kCommands[static_cast<size_t>(change)];
+std::uint32_t command_of(Change change, bool hash_class) {
+  const Command &command = kCommands[static_cast<std::size_t>(change)];
   return hash_class ? command.hash_class : command.plain;
 }
 
-bool needs_holder(uint32_t cmd) {
+bool needs_holder(std::uint32_t cmd) {
   return cmd == QX_MOM_CMD_HASH_NEW || cmd == QX_MOM_CMD_HASH_SET;
 }
 
@@ -39,7 +39,7 @@ struct Decoded {
   qx_obj object{};
   qx_mom_hash_value holder{};
 
-  void fill(uint32_t cmd, ProtobufCMessage *record) {
+  void fill(std::uint32_t cmd, ProtobufCMessage *record) {
     object.cmd = cmd;
     holder.record = record;
     object.value = needs_holder(cmd) ? static_cast<void *>(&holder) : record;
@@ -49,12 +49,12 @@ struct Decoded {
 }  // namespace
 
 Hub::Hub() : later_(*this) {
-  for (int32_t number : {QX_MOM_ASIC_DB, QX_MOM_APP_DB, QX_MOM_UDP_DB}) databases_.emplace_back().number = number;
+  for (std::int32_t number : {QX_MOM_ASIC_DB, QX_MOM_APP_DB, QX_MOM_UDP_DB}) databases_.emplace_back().number = number;
 }
 
 Hub::~Hub() = default;
 
-Database *Hub::database(int32_t number) {
+Database *Hub::database(std::int32_t number) {
   const auto found = std::find_if(databases_.begin(), databases_.end(), [&](const Database &db) { return db.number == number; });
   return found == databases_.end() ? nullptr : &*found;
 }
@@ -114,8 +114,8 @@ void Hub::listen(Slot &slot, Subscription &subscription) {
 
 // The host's own services may have subscribed before the process connected to the database.
 void Hub::listen_at_last(Database &db) {
-  for (size_t i = 0; i < db.slots.size(); ++i)
-    for (size_t n = 0; db.slots[i] && n < db.slots[i]->subscriptions.size(); ++n)
+  for (std::size_t i = 0; i < db.slots.size(); ++i)
+    for (std::size_t n = 0; db.slots[i] && n < db.slots[i]->subscriptions.size(); ++n)
       if (Subscription &subscription = *db.slots[i]->subscriptions[n]; !subscription.asked) listen(*db.slots[i], subscription);
 }
 
@@ -125,7 +125,7 @@ bool Hub::listen(Slot &slot, const std::weak_ptr<Watcher> &watcher) {
   });
 }
 
-void Hub::reconnect(Database &db, int32_t type) {
+void Hub::reconnect(Database &db, std::int32_t type) {
   const bool up = type == 1 || type == 2;
   db.up = up;
   db.reconnects += up;
@@ -135,12 +135,12 @@ void Hub::reconnect(Database &db, int32_t type) {
       for (auto &subscription : slot->subscriptions) subscription->owed = true;
     }
   }
-  for (size_t i = 0; i < db.reconnect.size(); ++i) {
+  for (std::size_t i = 0; i < db.reconnect.size(); ++i) {
     const int rv = db.reconnect[i](&db, db.number, type);
     if (rv != 0) host::log::error("the reconnect callback of database {} gave {}", db.number, rv);
   }
   if (!up) return;
-  for (size_t i = 0; i < db.slots.size(); ++i) {
+  for (std::size_t i = 0; i < db.slots.size(); ++i) {
     if (!db.slots[i]) continue;
     Slot &slot = *db.slots[i];
     for (auto &subscription : slot.subscriptions) {
@@ -157,16 +157,16 @@ bool Hub::takes_writes() const {
 
 void Hub::look_again(Database &db) {
   if (!db.up) return;
-  for (size_t i = 0; i < db.slots.size(); ++i)
-    for (size_t n = 0; db.slots[i] && n < db.slots[i]->subscriptions.size(); ++n)
+  for (std::size_t i = 0; i < db.slots.size(); ++i)
+    for (std::size_t n = 0; db.slots[i] && n < db.slots[i]->subscriptions.size(); ++n)
       listen(*db.slots[i], *db.slots[i]->subscriptions[n]);
 }
 
 // By index: a callback may add slots and subscriptions.
 void Hub::give_held_signals() {
   for (Database &db : databases_)
-    for (size_t i = 0; i < db.slots.size(); ++i)
-      for (size_t n = 0; db.slots[i] && n < db.slots[i]->subscriptions.size(); ++n)
+    for (std::size_t i = 0; i < db.slots.size(); ++i)
+      for (std::size_t n = 0; db.slots[i] && n < db.slots[i]->subscriptions.size(); ++n)
         if (Subscription &subscription = *db.slots[i]->subscriptions[n]; subscription.held && all_up() && all_heard())
           data_fetch(*db.slots[i], subscription);
 }
@@ -199,11 +199,11 @@ void Hub::deliver(Slot &slot, Change change, Bytes packed, const Key *key) {
   qx_obj bytes{};
   bytes.cmd = command_of(change, false);
   bytes.packed = packed.data();
-  bytes.packed_len = static_cast<uint32_t>(packed.size());
+  bytes.packed_len = static_cast<std::uint32_t>(packed.size());
 
   enum { untried, good, bad } state = untried;
-  const size_t count = slot.subscriptions.size();  // a callback's additions start with the next change
-  for (size_t i = 0; i < count; ++i) {
+  const std::size_t count = slot.subscriptions.size();  // a callback's additions start with the next change
+  for (std::size_t i = 0; i < count; ++i) {
     const Subscription &subscription = *slot.subscriptions[i];
     if (!subscription.live) continue;
     if (subscription.packed) {

@@ -26,7 +26,7 @@ class Hub final : public StoreEvents {
   TurnQueue &later() { return later_; }
 
   // Null for any number but QX_MOM_*_DB.
-  Database *database(int32_t number);
+  Database *database(std::int32_t number);
   std::deque<Database> &databases() { return databases_; }
   const std::deque<Database> &databases() const { return databases_; }
   Slot &slot(Database &db, const RecordType &type) { return db.slot(type); }
@@ -50,13 +50,13 @@ class Hub final : public StoreEvents {
   // Answers the connect that has waited longest.
   void connected(Database &db) override;
   void disconnected(Database &db) override { db.up = false; }
-  void reconnect(Database &db, int32_t type) override;
+  void reconnect(Database &db, std::int32_t type) override;
   void look_again(Database &db) override;
   void deliver(Slot &slot, Change change, Bytes packed, const Key *key = nullptr) override;
   // Counts by kind and record type and logs the first of each with its key. Keys that name no record type of the schema count as
   // type "foreign".
   void skip(const char *kind, const std::string &key) override;
-  void count_refused(size_t writes) override { refused_ += writes; }
+  void count_refused(std::size_t writes) override { refused_ += writes; }
 
   // ---- decoding
 
@@ -67,11 +67,11 @@ class Hub final : public StoreEvents {
   qx_obj *make_object(Slot &slot, const Key &key, Bytes packed);
 
   // Numbers skipped, by "type: kind".
-  const std::unordered_map<std::string, uint64_t> &skipped() const { return skipped_; }
+  const std::unordered_map<std::string, std::uint64_t> &skipped() const { return skipped_; }
 
-  uint64_t delivered() const { return delivered_; }
+  std::uint64_t delivered() const { return delivered_; }
   // Writes that were accepted and that the database then refused.
-  uint64_t refused() const { return refused_; }
+  std::uint64_t refused() const { return refused_; }
 
  private:
   void listen(Slot &slot, Subscription &subscription);
@@ -88,9 +88,9 @@ class Hub final : public StoreEvents {
 
   std::deque<Database> databases_;
   Arena arena_;
-  std::unordered_map<std::string, uint64_t> skipped_;
-  uint64_t delivered_ = 0;
-  uint64_t refused_ = 0;
+  std::unordered_map<std::string, std::uint64_t> skipped_;
+  std::uint64_t delivered_ = 0;
+  std::uint64_t refused_ = 0;
   TurnQueue later_;
   std::unique_ptr<Store> store_;
 };

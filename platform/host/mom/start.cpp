@@ -17,7 +17,7 @@ namespace mom {
 namespace {
 
 // The number of full topics at which the pipeline refuses writes of any type.
-constexpr uint64_t kPipelineFactor = 2;
+constexpr std::uint64_t kPipelineFactor = 2;
 
 Hub *living = nullptr;  // from qx_global_init to qx_global_finish; deliberately leaked by a process that exits inside a callback
 
@@ -39,7 +39,9 @@ std::string choose_store(Hub &hub, const host::Config::Mom &mom) {
 int start(qx_global *) {
   if (living) return 0;
   const auto &mom = host::config().mom;
-  const auto whole = [](uint64_t topic) { return topic > UINT64_MAX / kPipelineFactor ? UINT64_MAX : kPipelineFactor * topic; };
+  const auto whole = [](std::uint64_t topic) {
+    return topic > UINT64_MAX / kPipelineFactor ? UINT64_MAX : kPipelineFactor * topic;
+  };
   cgst::set_limits({mom.high_water_writes, mom.high_water_bytes}, {whole(mom.high_water_writes), whole(mom.high_water_bytes)});
   auto hub = std::make_unique<Hub>();
   if (const std::string why = choose_store(*hub, mom); !why.empty()) {
@@ -71,7 +73,7 @@ Hub *hub() {
 
 namespace testing {
 
-void provoke_reconnect(int32_t number, int32_t type) {
+void provoke_reconnect(std::int32_t number, std::int32_t type) {
   Database *db = hub()->database(number);
   hub()->later().act([db, type] {
     hub()->store().provoke_reconnect(*db, type);
@@ -79,14 +81,14 @@ void provoke_reconnect(int32_t number, int32_t type) {
   });
 }
 
-bool put_raw(int32_t number, std::string_view text, std::span<const uint8_t> bytes) {
+bool put_raw(std::int32_t number, std::string_view text, std::span<const std::uint8_t> bytes) {
   const RecordType *type = RecordType::named(text.substr(0, text.find(':')));
   const auto key = type ? type->parse(text) : std::nullopt;
   return key && hub()->store().set(hub()->slot(*hub()->database(number), *type), *key, bytes, std::nullopt) == 0;
 }
 
-uint64_t skipped() {
-  uint64_t total = 0;
+std::uint64_t skipped() {
+  std::uint64_t total = 0;
   for (const auto &[kind, count] : hub()->skipped()) total += count;
   return total;
 }

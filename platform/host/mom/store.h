@@ -34,7 +34,7 @@ class StoreEvents {
   // from inside a call.
   virtual void disconnected(Database &db) = 0;
   // The connection changed; types of qx_mom.h. After 1 and 2 every subscription gets its data-fetch signal again.
-  virtual void reconnect(Database &db, int32_t type) = 0;
+  virtual void reconnect(Database &db, std::int32_t type) = 0;
   // The connection held, but writes were refused or everything was deleted: every subscription gets its data-fetch signal again.
   virtual void look_again(Database &db) = 0;
   // An object changed. `key` is null where the store does not know it; the log shows it when the bytes are no record.
@@ -43,7 +43,7 @@ class StoreEvents {
   // it was found.
   virtual void skip(const char *kind, const std::string &key) = 0;
   // The server refused writes that the store had accepted.
-  virtual void count_refused(size_t writes) = 0;
+  virtual void count_refused(std::size_t writes) = 0;
 
  protected:
   ~StoreEvents() = default;
@@ -60,22 +60,22 @@ class Store {
   virtual int connect(Database &db) = 0;
 
   // Without a tag the object has none afterwards.
-  virtual int set(Slot &slot, const Key &key, Bytes packed, std::optional<int64_t> tag) = 0;
+  virtual int set(Slot &slot, const Key &key, Bytes packed, std::optional<std::int64_t> tag) = 0;
   virtual int setnx_sync(Slot &slot, const Key &key, Bytes packed) = 0;
   virtual int del(Slot &slot, const Key &key) = 0;
   virtual int del_sync(Slot &slot, const Key &key) = 0;
   virtual int publish(Slot &slot, Bytes packed) = 0;
 
   // A null key means every object of the type, with `kExpiryPerObject` added for each. `done` may be null.
-  virtual int pexpire(Slot &slot, const Key *key, uint32_t ms, qx_mom_done_cb done) = 0;
+  virtual int pexpire(Slot &slot, const Key *key, std::uint32_t ms, qx_mom_done_cb done) = 0;
   virtual int del_expire(Slot &slot, const Key *key) = 0;
   // Deletes the objects that are past their deadline and that the store has not noticed yet. It deletes those that it notices by
   // itself, whatever their tag.
-  virtual int del_expired(Slot &slot, int64_t tag) = 0;
+  virtual int del_expired(Slot &slot, std::int64_t tag) = 0;
 
   // -7 when there is no such object, kForeign when the stored value was not written by this system.
   static constexpr int kForeign = -8;
-  virtual int get_sync(Slot &slot, const Key &key, std::vector<uint8_t> &packed) = 0;
+  virtual int get_sync(Slot &slot, const Key &key, std::vector<std::uint8_t> &packed) = 0;
   // In key order. Objects that the visitor adds are not visited, nor those that it deletes before their turn.
   virtual int scan_sync(Slot &slot, const Visitor &visit) = 0;
 
@@ -99,14 +99,14 @@ class Store {
   // What the views show of a slot: objects, their approximate size in bytes, subscribers. Nothing when the database does not
   // answer.
   struct Held {
-    size_t objects;
-    size_t bytes;
-    size_t subscribers;
+    std::size_t objects;
+    std::size_t bytes;
+    std::size_t subscribers;
   };
   virtual std::optional<Held> held(Slot &slot) = 0;
 
   // For tests: does to the store itself what a reconnect of `type` would.
-  virtual void provoke_reconnect(Database &, int32_t) {}
+  virtual void provoke_reconnect(Database &, std::int32_t) {}
 };
 
 }  // namespace mom

@@ -54,7 +54,7 @@ void TurnQueue::perform(Item &item) {
 void TurnQueue::run() {
   awake_ = false;
   // Items that callbacks add wait for the next turn.
-  size_t due = queue_.size();
+  std::size_t due = queue_.size();
   const auto end = std::chrono::steady_clock::now() + kTurn;
   for (unsigned n = 1; due > 0; --due, ++n) {
     Item item = std::move(queue_.front());

@@ -21,7 +21,7 @@ class TurnQueue {
   void notify(Slot &slot, Change change, ObjectRef object);
   void act(std::function<void()> action);
 
-  size_t size() const { return queue_.size(); }
+  std::size_t size() const { return queue_.size(); }
 
  private:
   struct Notification {

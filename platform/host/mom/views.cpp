@@ -22,8 +22,8 @@ namespace {
 
 using host::control::Refusal;
 
-constexpr size_t kListMax = 1000;  // keys or records in one answer, unless the request names another limit
-constexpr size_t kGetMax = 100;    // keys in one request; each costs the loop one round trip
+constexpr std::size_t kListMax = 1000;  // keys or records in one answer, unless the request names another limit
+constexpr std::size_t kGetMax = 100;    // keys in one request; each costs the loop one round trip
 
 nlohmann::json load_json(const cgst::Load &load) {
   return {{"writes", load.writes},
@@ -111,10 +111,10 @@ const RecordType &type_argument(std::string_view name) {
 }
 
 // The non-negative integer under `name` in a request.
-size_t number_argument(const nlohmann::json &args, const char *name) {
+std::size_t number_argument(const nlohmann::json &args, const char *name) {
   const nlohmann::json &value = args.at(name);
   if (!value.is_number_integer() || value < 0) throw Refusal(std::string(name) + " takes a whole number from 0 on");
-  return value.get<size_t>();
+  return value.get<std::size_t>();
 }
 
 // Runs `work` on the database that a request names, or on all.
@@ -124,8 +124,8 @@ void each_database(Hub &hub, const nlohmann::json &args, Work work) {
     for (Database &db : hub.databases()) work(db);
     return;
   }
-  const size_t number = number_argument(args, "db");
-  Database *db = number <= INT32_MAX ? hub.database(static_cast<int32_t>(number)) : nullptr;
+  const std::size_t number = number_argument(args, "db");
+  Database *db = number <= INT32_MAX ? hub.database(static_cast<std::int32_t>(number)) : nullptr;
   if (!db) throw Refusal("no database " + std::to_string(number) + "; there are 0, 4 and 8");
   work(*db);
 }
@@ -159,11 +159,11 @@ void must_have_answered(const Database &db, int rv) {
 
 Json list(Hub &hub, const nlohmann::json &args, bool with_records) {
   const RecordType &type = type_argument(args.at("type").get<std::string>());
-  const size_t limit = args.contains("limit") ? number_argument(args, "limit") : kListMax;
+  const std::size_t limit = args.contains("limit") ? number_argument(args, "limit") : kListMax;
   Json objects = Json::array();
-  size_t total = 0;
+  std::size_t total = 0;
   each_database(hub, args, [&](Database &db) {
-    size_t seen = 0;
+    std::size_t seen = 0;
     must_have_answered(db, hub.store().scan_sync(hub.slot(db, type), [&](const Key &key, Bytes packed) {
       if (objects.size() == limit) return false;  // the rest is only counted
       ++seen;
@@ -179,12 +179,12 @@ Json list(Hub &hub, const nlohmann::json &args, bool with_records) {
 }
 
 // Appends the objects stored under the key to `objects`; foreign values are only counted.
-void get_one(Hub &hub, const nlohmann::json &args, const std::string &text, Json &objects, size_t &skipped) {
+void get_one(Hub &hub, const nlohmann::json &args, const std::string &text, Json &objects, std::size_t &skipped) {
   const RecordType &type = type_argument(text.substr(0, text.find(':')));
   const auto key = type.parse(text);
   if (!key) throw Refusal("'" + text + "' is no key of " + std::string(type.name()));
   each_database(hub, args, [&](Database &db) {
-    std::vector<uint8_t> packed;
+    std::vector<std::uint8_t> packed;
     const int rv = hub.store().get_sync(hub.slot(db, type), *key, packed);
     must_have_answered(db, rv);
     skipped += rv == Store::kForeign;
@@ -199,13 +199,13 @@ Json get(Hub &hub, const nlohmann::json &args) {
   const nlohmann::json &key = args.at("key");
   if (key.is_array() && key.size() > kGetMax) throw Refusal("more than " + std::to_string(kGetMax) + " keys");
   Json objects = Json::array();
-  size_t skipped = 0;
+  std::size_t skipped = 0;
   if (key.is_array()) {
     for (const nlohmann::json &one : key) get_one(hub, args, one.get<std::string>(), objects, skipped);
   } else {
     get_one(hub, args, key.get<std::string>(), objects, skipped);
   }
-  const size_t total = objects.size();
+  const std::size_t total = objects.size();
   return {{"objects", std::move(objects)}, {"total", total}, {"skipped", skipped}};
 }
 
@@ -213,11 +213,11 @@ Json get(Hub &hub, const nlohmann::json &args) {
 
 constexpr std::string_view change_name(Change change) {
   constexpr std::string_view kNames[] = {"written", "written", "deleted", "published"};  // as enum Change
-  return kNames[static_cast<size_t>(change)];
+  return kNames[static_cast<std::size_t>(change)];
 }
 
-uint64_t wall_clock_us() {
-  return static_cast<uint64_t>(
+std::uint64_t wall_clock_us() {
+  return static_cast<std::uint64_t>(
       std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::system_clock::now().time_since_epoch()).count());
 }
 
@@ -226,7 +226,7 @@ class Changes final : public Watcher {
   explicit Changes(host::control::Push push) : push_(std::move(push)) {}
 
   // Sets the number of slots watched; called before the first can be live.
-  void expect(size_t slots) { slots_ = slots; }
+  void expect(std::size_t slots) { slots_ = slots; }
 
   void live(Slot &) override {
     if (++live_ == slots_) push_([&] { return Json{{"live", slots_}}; });
@@ -246,12 +246,12 @@ class Changes final : public Watcher {
 
  private:
   host::control::Push push_;
-  size_t slots_ = 0;
-  size_t live_ = 0;
+  std::size_t slots_ = 0;
+  std::size_t live_ = 0;
 };
 
 // The local time as "12:34:56.789".
-std::string clock_text(uint64_t at_us) {
+std::string clock_text(std::uint64_t at_us) {
   const auto seconds = static_cast<time_t>(at_us / 1'000'000);
   tm local{};
   localtime_r(&seconds, &local);
@@ -277,7 +277,7 @@ std::shared_ptr<void> watch(Hub &hub, const nlohmann::json &args, host::control:
   std::vector<const RecordType *> types = RecordType::all();
   if (args.contains("type")) types = {&type_argument(args.at("type").get<std::string>())};
   auto changes = std::make_shared<Changes>(std::move(push));
-  size_t slots = 0;
+  std::size_t slots = 0;
   each_database(hub, args, [&](Database &db) {
     for (const RecordType *type : types) slots += hub.watch(hub.slot(db, *type), changes);
   });
@@ -288,10 +288,10 @@ std::shared_ptr<void> watch(Hub &hub, const nlohmann::json &args, host::control:
 
 nlohmann::ordered_json decode_change(const nlohmann::json &change) {
   const RecordType &type = type_argument(change.at("type").get<std::string>());
-  const auto packed = unhex(change.at("packed").get<std::string>()).value_or(std::vector<uint8_t>());
+  const auto packed = unhex(change.at("packed").get<std::string>()).value_or(std::vector<std::uint8_t>());
   const Record record = unpack(type, packed);
   const auto key = record ? type.key_of(*record) : std::nullopt;
-  Json shown = {{"at", clock_text(change.at("at_us").get<uint64_t>())},
+  Json shown = {{"at", clock_text(change.at("at_us").get<std::uint64_t>())},
                 {"db", change.at("db")},
                 {"change", change.at("change")},
                 {"key", change.contains("key") ? change["key"].get<std::string>()

@@ -443,7 +443,7 @@ void ss_of_ds_fetch(void) {
   fetch();
 }
 
-int of_ss_send_msg(const void *msg, uint32_t len) {
+int of_ss_send_msg(const void *msg, std::uint32_t len) {
   using namespace host::of_ss;
   if (!is_message(msg, len)) return QX_INVALID;
   if (const int rv = host::fault::check(Point::of_send)) return rv;

@@ -146,8 +146,8 @@ void ss_pkt_path_work(ss_pkt_path *path) {
   path->work();
 }
 
-int ss_pkt_path_in(ss_pkt_path *path, const ss_pkt_in *about, const void *frame, uint32_t len) {
-  if (path == nullptr || about == nullptr || frame == nullptr || len > SS_PKT_FRAME_MAX) return kBad;
+int ss_pkt_path_in(ss_pkt_path *path, const ss_pkt_in *about, const void *frame, std::uint32_t len) {
+  if (!path || !about || !frame || len > SS_PKT_FRAME_MAX) return kBad;
   const Head head{.kind = Kind::in,
                   .table = about->table,
                   .reason = about->reason,
@@ -157,8 +157,8 @@ int ss_pkt_path_in(ss_pkt_path *path, const ss_pkt_in *about, const void *frame,
   return path->send(head, bytes_of(frame, len));
 }
 
-int ss_pkt_path_report(ss_pkt_path *path, const ss_pkt_counts *counts, uint32_t ports) {
-  if (path == nullptr || counts == nullptr || ports > packet::kMaxReported) return kBad;
+int ss_pkt_path_report(ss_pkt_path *path, const ss_pkt_counts *counts, std::uint32_t ports) {
+  if (!path || !counts || ports > packet::kMaxReported) return kBad;
   const std::size_t length = ports * sizeof *counts;
   return path->send({.kind = Kind::counts, .frame = static_cast<std::uint32_t>(length)}, bytes_of(counts, length));
 }

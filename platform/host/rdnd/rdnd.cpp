@@ -7,7 +7,7 @@
 #include "rdnd_lib.h"
 
 int rdnd_lib_mom_reg(const rdnd_lib_reg *reg) {
-  if (reg == nullptr || reg->name == nullptr || reg->role_cb == nullptr || reg->state_cb == nullptr) return QX_INVALID;
+  if (!reg || !reg->name || !reg->role_cb || !reg->state_cb) return QX_INVALID;
   if (const int rv = host::fault::check(host::fault::Point::rdnd_reg)) return rv;
   for (std::size_t n = 0; n < reg->db_count; ++n)
     if (mom::Database *db = mom::hub() ? mom::hub()->database(reg->dbs[n]) : nullptr) db->exclusive = true;

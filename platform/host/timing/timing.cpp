@@ -63,15 +63,15 @@ nlohmann::json view() {
 extern "C" {
 
 void ut_ss_fp_appmng_time_start(ut_ss_fp_appmng_time *record) {
-  if (record == nullptr) return;
-  host::timing::word(record->started).store(static_cast<uint64_t>(host::clock::now().count()), std::memory_order_relaxed);
+  if (!record) return;
+  host::timing::word(record->started).store(static_cast<std::uint64_t>(host::clock::now().count()), std::memory_order_relaxed);
 }
 
-void ut_ss_fp_appmng_time_stop(ut_ss_fp_appmng_time *record, uint32_t) {
+void ut_ss_fp_appmng_time_stop(ut_ss_fp_appmng_time *record, std::uint32_t) {
   using namespace host::timing;
-  if (record == nullptr) return;
-  const uint64_t started = word(record->started).exchange(0, std::memory_order_relaxed);
-  const auto now = static_cast<uint64_t>(host::clock::now().count());
+  if (!record) return;
+  const std::uint64_t started = word(record->started).exchange(0, std::memory_order_relaxed);
+  const auto now = static_cast<std::uint64_t>(host::clock::now().count());
   if (started == 0 || now < started) return;
   word(record->count).fetch_add(1, std::memory_order_relaxed);
   word(record->total).fetch_add(now - started, std::memory_order_relaxed);
@@ -81,7 +81,7 @@ void ut_ss_fp_appmng_time_stop(ut_ss_fp_appmng_time *record, uint32_t) {
 
 void ut_ss_fp_appmng_time_publish(const ut_ss_fp_appmng_time *record, const char *name) {
   using namespace host::timing;
-  if (record == nullptr || name == nullptr) return;
+  if (!record || !name) return;
   const host::Lock lock(g_mutex);
   if (std::none_of(g_published.begin(), g_published.end(), [&](const Published &p) { return p.record == record; }))
     g_published.push_back({record, name});

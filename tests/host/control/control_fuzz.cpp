@@ -13,7 +13,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-int handle(const int64_t *, uint32_t) {
+int handle(const std::int64_t *, std::uint32_t) {
   return 0;
 }
 

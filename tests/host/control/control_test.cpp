@@ -11,8 +11,9 @@ using namespace std::chrono_literals;
 using host::control::Client;
 using nlohmann::json;
 
-int dump(const int64_t *args, uint32_t) {
-  for (int64_t i = 0; i < args[0]; ++i) printf("flow_index:%ld, vsd_id:0, rule_bitmap:1234567890 \xff\n", static_cast<long>(i));
+int dump(const std::int64_t *args, std::uint32_t) {
+  for (std::int64_t i = 0; i < args[0]; ++i)
+    printf("flow_index:%ld, vsd_id:0, rule_bitmap:1234567890 \xff\n", static_cast<long>(i));
   return 0;
 }
 

@@ -27,11 +27,11 @@ class HostProcess final : public Process {
 
   qx_global *global() override { return global_; }
   void pass(std::chrono::milliseconds ms) override;
-  bool cut_connections(int32_t db) override;
+  bool cut_connections(std::int32_t db) override;
 
   const std::string &run_dir() const { return dir_.path(); }
   // Puts bytes under a canonical key of the embedded store, past the client; in Redis tells only that somebody did.
-  void put_raw(int32_t db, const std::string &key, const std::string &bytes);
+  void put_raw(std::int32_t db, const std::string &key, const std::string &bytes);
 
  private:
   TempDir dir_;
@@ -44,7 +44,7 @@ class World : public StoreWorld {
   explicit World(const std::string &store, const Settings &settings = {}) : World(new HostProcess(store, settings)) {}
 
   const std::string &run_dir() const { return host_->run_dir(); }
-  void put_raw(int32_t db, const std::string &key, const std::string &bytes) { host_->put_raw(db, key, bytes); }
+  void put_raw(std::int32_t db, const std::string &key, const std::string &bytes) { host_->put_raw(db, key, bytes); }
 
  private:
   explicit World(HostProcess *host) : StoreWorld(std::unique_ptr<Process>(host)), host_(host) {}

@@ -40,7 +40,7 @@ int hear_decoded(void *, const qx_obj *object) {
 }
 
 int hear_packed(void *, const qx_obj *object) {
-  hex({static_cast<const uint8_t *>(object->packed), object->packed_len});
+  hex({static_cast<const std::uint8_t *>(object->packed), object->packed_len});
   return 0;
 }
 

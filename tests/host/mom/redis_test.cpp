@@ -61,8 +61,8 @@ class MomRedis : public testing::Test {
   }
   std::string admin(const std::vector<std::string> &command) { return server->command(command); }
 
-  static long reconnected(int32_t type) { return std::count(reconnects.begin(), reconnects.end(), type); }
-  static bool wait_for(int32_t type) {
+  static long reconnected(std::int32_t type) { return std::count(reconnects.begin(), reconnects.end(), type); }
+  static bool wait_for(std::int32_t type) {
     return run_until([&] { return reconnected(type) > 0; });
   }
   // The log's only line that holds the text, or how many there are.
@@ -115,7 +115,7 @@ TEST_F(MomRedis, WritesOfOneTurnAreOneTransaction) {
   const auto expect_in_order = [&](const std::vector<const char *> &commands) {
     world->settle();
     const std::string newest_first = admin({"SLOWLOG", "GET", "100"});
-    size_t at = newest_first.size();
+    std::size_t at = newest_first.size();
     for (const char *command : commands) {
       at = newest_first.rfind(command, at);
       ASSERT_NE(at, std::string::npos) << command << " in its place in\n" << newest_first;
@@ -201,7 +201,7 @@ TEST_F(MomRedis, FrozenServerHoldsTheLoopNoLongerThanTheBound) {
   const auto bound = time([&] { world->run("get flow:1 gives -1"); });
   EXPECT_LT(bound, 5000ms);
   EXPECT_LT(time([&] { world->run("get flow:1 gives -1"); }), bound / 2) << "waited again";
-  uint64_t accepted = 1;
+  std::uint64_t accepted = 1;
   while (accepted < 100'000 && world->set(Flow(accepted + 1)) == 0) ++accepted;
   EXPECT_EQ(accepted, 2000u);  // the pipeline holds twice what a topic may
   world->run("set flow:1 gives -14");
@@ -240,7 +240,7 @@ TEST_F(MomRedis, ServerThatLoadsItsDataIsWaitedFor) {
   world->fill(300);
   world->forget();
   ASSERT_EQ(admin({"SAVE"}), "OK");
-  size_t found = 0;
+  std::size_t found = 0;
   Flow all(0);
   recorders[0].hook = [&](const qx_obj *) { found = world->scan(all).size(); };
   server->kill(SIGKILL);
@@ -327,7 +327,7 @@ TEST(MomHub, NoDataFetchSignalComesBeforeEveryDatabaseIsBack) {
   world.watch<0>(Flow::kType);
   world.forget();
   mom::testing::provoke_reconnect(4, 0);
-  for (int32_t type : {0, 2}) mom::testing::provoke_reconnect(8, type);
+  for (std::int32_t type : {0, 2}) mom::testing::provoke_reconnect(8, type);
   world.settle();
   EXPECT_EQ(count(29), 0u);
   mom::testing::provoke_reconnect(4, 2);
@@ -384,7 +384,7 @@ TEST_F(MomRedis, ForeignAndBrokenContentsAreSkippedAndCounted) {
   Flow flow(1);
   ASSERT_EQ(world->set(flow), 0);
   world->forget();
-  const uint64_t before = mom::testing::skipped();
+  const std::uint64_t before = mom::testing::skipped();
   ASSERT_EQ(admin({"SADD", "s_policy_kelim.flow", "2:0", "3:0", "4:0", "x", "1:0:0", "%", "", std::string("\0\xff", 2)}), "8");
   ASSERT_EQ(admin({"RPUSH", "s_policy_kelim.flow:2:0", "a list"}), "1");
   ASSERT_EQ(admin({"SET", "s_policy_kelim.flow:3:0", "short"}), "OK");
@@ -437,7 +437,7 @@ TEST_F(MomRedis, ValuesOfAnotherKindNeitherStopADeletionNorSurviveIt) {
 
 // The other one answers every flow, and takes its answer back when the flow goes.
 TEST(MomRedisProcesses, TwoProcessesWorkOnTheSameObjects) {
-  constexpr uint64_t kFlows = 3000;
+  constexpr std::uint64_t kFlows = 3000;
   support::RedisServer server;
   const pid_t child = ::fork();
   if (child == 0) {
@@ -452,13 +452,13 @@ TEST(MomRedisProcesses, TwoProcessesWorkOnTheSameObjects) {
   World world(server.url());
   world.connect_all();
   world.watch<0>(FlowSta::kType);
-  for (uint64_t index = 1; index <= kFlows; ++index) {
+  for (std::uint64_t index = 1; index <= kFlows; ++index) {
     ASSERT_EQ(world.set(Flow(index)), 0);
     if (index % 100 == 0) host::run_until([] { return false; }, 1ms);  // the other one works meanwhile
   }
   EXPECT_TRUE(run_until([] { return count(1) == kFlows; })) << count(1);
   world.run("set flow_sta:3 2");
-  for (uint64_t index = 3; index <= kFlows; index += 3) ASSERT_EQ(world.del(Flow(index)), 0);
+  for (std::uint64_t index = 3; index <= kFlows; index += 3) ASSERT_EQ(world.del(Flow(index)), 0);
   EXPECT_TRUE(run_until([] { return count(3) == kFlows / 3; })) << count(3);
   EXPECT_EQ(world.scan(FlowSta(0)).size(), kFlows - kFlows / 3);
   world.run("del flow_sta:3 gives -7; del flow_sta:1");  // deleted there, and not

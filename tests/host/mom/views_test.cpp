@@ -25,9 +25,9 @@ class MomViews : public testing::Test {
 };
 
 TEST_F(MomViews, RecordsAreShownAsPeopleWriteThem) {
-  uint8_t mac[] = {0x00, 0x1b, 0x21, 0x0a, 0x0b, 0xff};
-  uint8_t ipv6[16] = {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
-  uint8_t data[] = {0xde, 0xad};
+  std::uint8_t mac[] = {0x00, 0x1b, 0x21, 0x0a, 0x0b, 0xff};
+  std::uint8_t ipv6[16] = {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+  std::uint8_t data[] = {0xde, 0xad};
   PLibpub__Mac dst_mac = P_LIBPUB__MAC__INIT;
   PLibpub__Ipv4 ip = P_LIBPUB__IPV4__INIT;
   PLibpub__Ipv6 source = P_LIBPUB__IPV6__INIT;
@@ -35,7 +35,7 @@ TEST_F(MomViews, RecordsAreShownAsPeopleWriteThem) {
   ip.data = 0xc0a80107;
   source.data = {sizeof ipv6, ipv6};
   SPolicyKelim__FlowField field = S_POLICY_KELIM__FLOW_FIELD__INIT;
-  field.flow_field_bitmap = 1u << 3 | 1u << 11 | uint64_t{1} << 40;
+  field.flow_field_bitmap = 1u << 3 | 1u << 11 | std::uint64_t{1} << 40;
   field.dst_mac = &dst_mac;
   field.dst_ipv4 = &ip;
   field.ipv6_src = &source;
@@ -148,7 +148,7 @@ TEST_P(MomWatch, ShowsEveryChangeWhateverItIsUntilItIsLetGo) {
   ASSERT_EQ(world.set(sta), 0);
   world.settle();
   std::string shown;
-  for (size_t i = 1; i < lines.size(); ++i) {
+  for (std::size_t i = 1; i < lines.size(); ++i) {
     const Json change = mom::decode_change(lines[i]);
     const bool broken = change.at("record").contains("broken");
     shown += change.at("db").dump() + " " + change.value("change", "") + " " + (broken ? "" : change.value("key", "")) + " " +

@@ -120,8 +120,8 @@ TEST_F(Meters, ThatFailTakeTheirFlowsAlong) {
   PlayedDaemon::fail_meter(5, 1);
   daemon.answer_barriers();
   c.await(21);
-  EXPECT_EQ(errors(), (Strings{"OFPMMFC_UNKNOWN_METER 82", "OFPMMFC_UNKNOWN_METER 83", "OFPMMFC_UNKNOWN_METER 84",
-                               "OFPMMFC_UNKNOWN 80"}));
+  EXPECT_EQ(errors(),
+            (Strings{"OFPMMFC_UNKNOWN_METER 82", "OFPMMFC_UNKNOWN_METER 83", "OFPMMFC_UNKNOWN_METER 84", "OFPMMFC_UNKNOWN 80"}));
   EXPECT_EQ(c.of_type(11).size(), 1u) << "the flow that was installed is reported as removed";
   EXPECT_EQ(deleted(), (std::vector<std::uint64_t>{1, 4, 5, 6}));
   EXPECT_EQ(dump().size(), 2u) << "the third flow is what it was before its change";

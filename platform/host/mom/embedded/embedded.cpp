@@ -10,7 +10,7 @@ namespace {
 // The longest that one turn of a sweep holds the loop.
 constexpr auto kSweepTurn = std::chrono::milliseconds(10);
 constexpr unsigned kLookAtClockEvery = 64;
-constexpr size_t kWalkStep = 512;
+constexpr std::size_t kWalkStep = 512;
 
 }  // namespace
 
@@ -27,8 +27,8 @@ int Embedded::connect(Database &db) {
 }
 
 Embedded::Table &Embedded::table(Slot &slot) {
-  const auto db = static_cast<size_t>(slot.db.number);
-  const size_t type = slot.type.id();
+  const auto db = static_cast<std::size_t>(slot.db.number);
+  const std::size_t type = slot.type.id();
   if (db >= by_slot_.size()) by_slot_.resize(db + 1);
   auto &tables = by_slot_[db];
   if (type >= tables.size()) tables.resize(type + 1);
@@ -108,7 +108,7 @@ bool Embedded::sweep_template(Table &table) {
   return true;
 }
 
-int Embedded::pexpire(Slot &slot, const Key *key, uint32_t ms, qx_mom_done_cb done) {
+int Embedded::pexpire(Slot &slot, const Key *key, std::uint32_t ms, qx_mom_done_cb done) {
   Table &table = this->table(slot);
   const Time due = host::clock::now() + std::chrono::milliseconds(ms);
   if (!key) {
@@ -138,7 +138,7 @@ int Embedded::del_expire(Slot &slot, const Key *key) {
 }
 
 // Nothing to do: the timer notices each deadline when it passes, and the sweep deletes.
-int Embedded::del_expired(Slot &, int64_t) {
+int Embedded::del_expired(Slot &, std::int64_t) {
   return 0;
 }
 
@@ -175,7 +175,7 @@ void Embedded::remove(Table &table, const SortedIndex::Place &place, const Key &
   notify(table, Change::deleted, object);
 }
 
-int Embedded::set(Slot &slot, const Key &key, Bytes packed, std::optional<int64_t>) {
+int Embedded::set(Slot &slot, const Key &key, Bytes packed, std::optional<std::int64_t>) {
   Table &table = this->table(slot);
   return write(table, table.index.find(key), key, packed);
 }
@@ -203,7 +203,7 @@ int Embedded::publish(Slot &slot, Bytes packed) {
   return 0;
 }
 
-int Embedded::get_sync(Slot &slot, const Key &key, std::vector<uint8_t> &packed) {
+int Embedded::get_sync(Slot &slot, const Key &key, std::vector<std::uint8_t> &packed) {
   Table &table = this->table(slot);
   const auto place = table.index.find(key);
   if (!place.found) return -7;
@@ -215,11 +215,11 @@ int Embedded::get_sync(Slot &slot, const Key &key, std::vector<uint8_t> &packed)
 int Embedded::scan_sync(Slot &slot, const Visitor &visit) {
   Table &table = this->table(slot);
   // Objects written for the first time from here on are newer than this scan.
-  const uint32_t scan = ++table.scans;
+  const std::uint32_t scan = ++table.scans;
   for (auto place = table.index.first(); place.found;) {
     const Key key = table.index.key_at(place);
     const ObjectRef object(table.index.at(place));
-    const uint64_t version = table.index.version();
+    const std::uint64_t version = table.index.version();
     if (object->born < scan && !visit(key, object->packed())) break;
     place = version == table.index.version() ? table.index.next(place) : table.index.after(key);
   }
@@ -229,7 +229,7 @@ int Embedded::scan_sync(Slot &slot, const Visitor &visit) {
 int Embedded::walk_sync(Slot &slot, Walk &walk, const Visitor &visit) {
   const SortedIndex &index = table(slot).index;
   auto place = walk.after ? index.after(*walk.after) : index.first();
-  for (size_t visited = 0; place.found; place = index.next(place)) {
+  for (std::size_t visited = 0; place.found; place = index.next(place)) {
     const Key key = index.key_at(place);
     if (visited++ == kWalkStep) return 1;
     if (!visit(key, index.at(place)->packed())) break;
@@ -256,7 +256,7 @@ std::optional<Store::Held> Embedded::held(Slot &slot) {
 }
 
 // There is no server to lose; this only shows what the process would find. Type 1 means another server, which is empty.
-void Embedded::provoke_reconnect(Database &db, int32_t type) {
+void Embedded::provoke_reconnect(Database &db, std::int32_t type) {
   if (type != 1) return;
   for (const auto &table : tables_) {
     if (&table->slot.db != &db) continue;

@@ -26,30 +26,30 @@ class Embedded final : public Store {
   const char *kind() const override { return "embedded"; }
   int connect_sync(Database &db) override;
   int connect(Database &db) override;
-  int set(Slot &slot, const Key &key, Bytes packed, std::optional<int64_t> tag) override;
+  int set(Slot &slot, const Key &key, Bytes packed, std::optional<std::int64_t> tag) override;
   int setnx_sync(Slot &slot, const Key &key, Bytes packed) override;
   int del(Slot &slot, const Key &key) override;
   int del_sync(Slot &slot, const Key &key) override { return del(slot, key); }
   int publish(Slot &slot, Bytes packed) override;
-  int pexpire(Slot &slot, const Key *key, uint32_t ms, qx_mom_done_cb done) override;
+  int pexpire(Slot &slot, const Key *key, std::uint32_t ms, qx_mom_done_cb done) override;
   int del_expire(Slot &slot, const Key *key) override;
-  int del_expired(Slot &slot, int64_t tag) override;
-  int get_sync(Slot &slot, const Key &key, std::vector<uint8_t> &packed) override;
+  int del_expired(Slot &slot, std::int64_t tag) override;
+  int get_sync(Slot &slot, const Key &key, std::vector<std::uint8_t> &packed) override;
   int scan_sync(Slot &slot, const Visitor &visit) override;
   int walk_sync(Slot &slot, Walk &walk, const Visitor &visit) override;
   int visit_sync(Slot &slot, std::span<const Key> keys, const Visitor &visit) override;
   bool subscribe(Slot &slot, std::function<void()> live) override;
   std::optional<Held> held(Slot &slot) override;
-  void provoke_reconnect(Database &db, int32_t type) override;
+  void provoke_reconnect(Database &db, std::int32_t type) override;
 
  private:
   using Time = host::clock::Time;
   struct Table {
     Slot &slot;
     SortedIndex index;
-    size_t object_bytes = 0;
-    uint32_t generation = 1;
-    uint32_t scans = 0;
+    std::size_t object_bytes = 0;
+    std::uint32_t generation = 1;
+    std::uint32_t scans = 0;
     std::optional<Time> deadline;  // of the objects of an older generation
     std::optional<Key> swept;      // the last object that the sweep for that deadline has seen
     Expiry own;

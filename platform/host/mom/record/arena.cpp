@@ -5,14 +5,14 @@
 
 namespace mom {
 
-void *Arena::allocate(size_t size) {
+void *Arena::allocate(std::size_t size) {
   size = (size + alignof(std::max_align_t) - 1) & ~(alignof(std::max_align_t) - 1);
   while (block_ < blocks_.size() && used_ + size > blocks_[block_].size) {
     ++block_;
     used_ = 0;
   }
   if (block_ == blocks_.size()) {
-    const size_t room = std::max(size, kBlockSize);
+    const std::size_t room = std::max(size, kBlockSize);
     auto *memory = new (std::nothrow) std::byte[room];
     if (!memory) return nullptr;
     blocks_.push_back({std::unique_ptr<std::byte[]>(memory), room});
@@ -23,10 +23,10 @@ void *Arena::allocate(size_t size) {
   return place;
 }
 
-void Arena::rewind(size_t block, size_t used) {
+void Arena::rewind(std::size_t block, std::size_t used) {
   block_ = block;
   used_ = used;
-  const size_t needed = std::max(block + 1, kBlocksKept);
+  const std::size_t needed = std::max(block + 1, kBlocksKept);
   if (blocks_.size() > needed) blocks_.resize(needed);
   // A block that was made for one huge record is not kept.
   while (blocks_.size() > block + 1 && blocks_.back().size > kBlockSize) blocks_.pop_back();

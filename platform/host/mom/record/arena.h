@@ -23,8 +23,8 @@ class Arena {
 
    private:
     Arena &arena_;
-    size_t block_;
-    size_t used_;
+    std::size_t block_;
+    std::size_t used_;
   };
 
   // For protobuf_c_message_unpack; its frees do nothing.
@@ -33,18 +33,18 @@ class Arena {
  private:
   struct Block {
     std::unique_ptr<std::byte[]> memory;
-    size_t size;
+    std::size_t size;
   };
-  static constexpr size_t kBlockSize = 64U << 10;
-  static constexpr size_t kBlocksKept = 4;
+  static constexpr std::size_t kBlockSize = 64U << 10;
+  static constexpr std::size_t kBlocksKept = 4;
 
-  void *allocate(size_t size);
-  void rewind(size_t block, size_t used);
+  void *allocate(std::size_t size);
+  void rewind(std::size_t block, std::size_t used);
 
   std::vector<Block> blocks_;
-  size_t block_ = 0;  // index of the block in use; may be one past the last
-  size_t used_ = 0;   // bytes of it
-  ProtobufCAllocator allocator_{[](void *arena, size_t size) { return static_cast<Arena *>(arena)->allocate(size); },
+  std::size_t block_ = 0;  // index of the block in use; may be one past the last
+  std::size_t used_ = 0;   // bytes of it
+  ProtobufCAllocator allocator_{[](void *arena, std::size_t size) { return static_cast<Arena *>(arena)->allocate(size); },
                                 [](void *, void *) {}, this};
 };
 

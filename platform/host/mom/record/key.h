@@ -12,8 +12,8 @@
 namespace mom {
 
 struct KeyHead {
-  uint64_t high = 0;
-  uint64_t low = 0;
+  std::uint64_t high = 0;
+  std::uint64_t low = 0;
   auto operator<=>(const KeyHead &) const = default;
 };
 
@@ -23,7 +23,7 @@ struct Key {
   auto operator<=>(const Key &) const = default;
 };
 
-inline constexpr size_t kKeyHeadSize = 16;
-inline constexpr size_t kKeyTailMax = 4096;  // a longer key is a malformed argument
+inline constexpr std::size_t kKeyHeadSize = 16;
+inline constexpr std::size_t kKeyTailMax = 4096;  // a longer key is a malformed argument
 
 }  // namespace mom

@@ -5,16 +5,16 @@
 namespace mom {
 namespace {
 
-constexpr size_t kSmallest = 32;
-constexpr uint64_t kNeighbours = 15;  // keys that differ only in these bits of their first word are neighbours
+constexpr std::size_t kSmallest = 32;
+constexpr std::uint64_t kNeighbours = 15;  // keys that differ only in these bits of their first word are neighbours
 
-uint64_t mixed(uint64_t word) {
+std::uint64_t mixed(std::uint64_t word) {
   word = (word ^ (word >> 32)) * 0xd6e8feb86659fd93U;
   return word ^ (word >> 32);
 }
 
 // The same for all neighbours, except for the low bits.
-uint64_t group(const KeyHead &head) {
+std::uint64_t group(const KeyHead &head) {
   return mixed((head.high & ~kNeighbours) * 0x9e3779b97f4a7c15U ^ head.low);
 }
 
@@ -22,13 +22,13 @@ uint64_t group(const KeyHead &head) {
 
 // ---- one table
 
-size_t KeySet::Flat::home(const KeyHead &head) const {
+std::size_t KeySet::Flat::home(const KeyHead &head) const {
   return ((group(head) & ~kNeighbours) | (head.high & kNeighbours)) & (slots_.size() - 1);
 }
 
 // The slot that holds the key, or the free slot where it belongs.
-size_t KeySet::Flat::place(const KeyHead &head) const {
-  size_t at = home(head);
+std::size_t KeySet::Flat::place(const KeyHead &head) const {
+  std::size_t at = home(head);
   while (slots_[at] != head && slots_[at] != KeyHead{}) at = (at + 1) & (slots_.size() - 1);
   return at;
 }
@@ -50,9 +50,9 @@ void KeySet::Flat::grow() {
 // Closes the gap by moving back each later key of the run that may fill it, so that searches need no tombstones.
 void KeySet::Flat::erase(const KeyHead &head) {
   if (!contains(head)) return;
-  const size_t mask = slots_.size() - 1;
-  size_t gap = place(head);
-  for (size_t at = (gap + 1) & mask; slots_[at] != KeyHead{}; at = (at + 1) & mask) {
+  const std::size_t mask = slots_.size() - 1;
+  std::size_t gap = place(head);
+  for (std::size_t at = (gap + 1) & mask; slots_[at] != KeyHead{}; at = (at + 1) & mask) {
     if (((at - home(slots_[at])) & mask) < ((at - gap) & mask)) continue;
     slots_[gap] = slots_[at];
     gap = at;
@@ -64,7 +64,7 @@ void KeySet::Flat::erase(const KeyHead &head) {
 // ---- the set
 
 // Chosen by the top bits of the hash; the low bits choose the slot within the table.
-size_t KeySet::table(const Key &key) {
+std::size_t KeySet::table(const Key &key) {
   return group(key.head) >> (64 - kTableBits);
 }
 

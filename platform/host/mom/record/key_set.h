@@ -26,19 +26,19 @@ class KeySet {
     void erase(const KeyHead &head);
 
    private:
-    size_t home(const KeyHead &head) const;
-    size_t place(const KeyHead &head) const;
+    std::size_t home(const KeyHead &head) const;
+    std::size_t place(const KeyHead &head) const;
     void grow();
 
     std::vector<KeyHead> slots_;  // a power of two of them, at most half taken; a free one is all zeros
-    size_t taken_ = 0;
+    std::size_t taken_ = 0;
   };
-  static constexpr size_t kTableBits = 6;
+  static constexpr std::size_t kTableBits = 6;
 
   static bool is_flat(const Key &key) { return key.tail.empty() && key.head != KeyHead{}; }
-  static size_t table(const Key &key);
+  static std::size_t table(const Key &key);
 
-  std::array<Flat, size_t{1} << kTableBits> tables_;
+  std::array<Flat, std::size_t{1} << kTableBits> tables_;
   std::set<Key> others_;
 };
 

@@ -15,14 +15,14 @@
 namespace mom {
 
 struct Object {
-  uint32_t size : 31;       // of the packed record
-  uint32_t own_expiry : 1;  // has an expiry of its own, in its table's list
-  uint32_t generation;      // of the table when this was written; an older one is under the whole type's expiry
-  uint32_t born;            // scan number of the table when the object was first written
-  uint16_t refs;            // index, queued notifications, callers on the stack
-  uint16_t tail_size;
+  std::uint32_t size : 31;       // of the packed record
+  std::uint32_t own_expiry : 1;  // has an expiry of its own, in its table's list
+  std::uint32_t generation;      // of the table when this was written; an older one is under the whole type's expiry
+  std::uint32_t born;            // scan number of the table when the object was first written
+  std::uint16_t refs;            // index, queued notifications, callers on the stack
+  std::uint16_t tail_size;
 
-  const uint8_t *data() const { return reinterpret_cast<const uint8_t *>(this + 1); }
+  const std::uint8_t *data() const { return reinterpret_cast<const std::uint8_t *>(this + 1); }
   Bytes packed() const { return {data(), size}; }
   std::string_view tail() const { return {reinterpret_cast<const char *>(data() + size), tail_size}; }
 };
@@ -47,9 +47,9 @@ class ObjectRef {
     void *memory = std::malloc(sizeof(Object) + packed.size() + tail.size());
     if (!memory) return {};
     auto *object = new (memory) Object{};
-    object->size = static_cast<uint32_t>(packed.size()) & 0x7fffffffU;
-    object->tail_size = static_cast<uint16_t>(tail.size());
-    auto *data = const_cast<uint8_t *>(object->data());
+    object->size = static_cast<std::uint32_t>(packed.size()) & 0x7fffffffU;
+    object->tail_size = static_cast<std::uint16_t>(tail.size());
+    auto *data = const_cast<std::uint8_t *>(object->data());
     if (!packed.empty()) std::memcpy(data, packed.data(), packed.size());
     if (!tail.empty()) std::memcpy(data + packed.size(), tail.data(), tail.size());
     return ObjectRef(object);

@@ -9,17 +9,17 @@ namespace mom {
 
 namespace {
 
-constexpr size_t kTagMax = 5;
-constexpr size_t kLengthMax = 5;
-constexpr size_t kRecordMax = 16U << 20;  // a larger record is a malformed argument
+constexpr std::size_t kTagMax = 5;
+constexpr std::size_t kLengthMax = 5;
+constexpr std::size_t kRecordMax = 16U << 20;  // a larger record is a malformed argument
 
-size_t tag_size(uint32_t id) {
-  size_t size = 1;
-  for (uint32_t wire = id << 3; wire >= 0x80; wire >>= 7) ++size;
+std::size_t tag_size(std::uint32_t id) {
+  std::size_t size = 1;
+  for (std::uint32_t wire = id << 3; wire >= 0x80; wire >>= 7) ++size;
   return size;
 }
 
-size_t scalar_size(ProtobufCType type) {
+std::size_t scalar_size(ProtobufCType type) {
   switch (type) {
     case PROTOBUF_C_TYPE_UINT32:
     case PROTOBUF_C_TYPE_SINT32:
@@ -44,7 +44,7 @@ bool is_dynamic(const ProtobufCFieldDescriptor &field) {
          field.type == PROTOBUF_C_TYPE_BYTES || field.type == PROTOBUF_C_TYPE_MESSAGE;
 }
 
-size_t element_size(ProtobufCType type) {
+std::size_t element_size(ProtobufCType type) {
   switch (type) {
     case PROTOBUF_C_TYPE_STRING:
     case PROTOBUF_C_TYPE_MESSAGE:
@@ -88,7 +88,7 @@ PackBound::PackBound(const ProtobufCMessageDescriptor &descriptor) : descriptor_
   }
 }
 
-std::optional<size_t> PackBound::of_element(const void *element, const Dynamic &dynamic) const {
+std::optional<std::size_t> PackBound::of_element(const void *element, const Dynamic &dynamic) const {
   switch (dynamic.field->type) {
     case PROTOBUF_C_TYPE_STRING: {
       const char *text = *static_cast<const char *const *>(element);
@@ -108,17 +108,17 @@ std::optional<size_t> PackBound::of_element(const void *element, const Dynamic &
   }
 }
 
-std::optional<size_t> PackBound::of_field(const ProtobufCMessage &record, const Dynamic &dynamic) const {
+std::optional<std::size_t> PackBound::of_field(const ProtobufCMessage &record, const Dynamic &dynamic) const {
   const ProtobufCFieldDescriptor &field = *dynamic.field;
   if (field.label != PROTOBUF_C_LABEL_REPEATED) return of_element(&member<char>(record, field.offset), dynamic);
-  const size_t count = member<size_t>(record, field.quantifier_offset);
+  const std::size_t count = member<std::size_t>(record, field.quantifier_offset);
   const auto *array = member<const char *>(record, field.offset);
   if (count == 0) return 0;
   if (!array || count > kRecordMax) return std::nullopt;
-  size_t total = count * (kTagMax + kLengthMax);
-  const size_t step = element_size(field.type);
+  std::size_t total = count * (kTagMax + kLengthMax);
+  const std::size_t step = element_size(field.type);
   if (step == 0) return total + count * scalar_size(field.type);
-  for (size_t i = 0; i < count && total <= kRecordMax; ++i) {
+  for (std::size_t i = 0; i < count && total <= kRecordMax; ++i) {
     const auto one = of_element(array + i * step, dynamic);
     if (!one) return std::nullopt;
     total += *one;
@@ -126,10 +126,10 @@ std::optional<size_t> PackBound::of_field(const ProtobufCMessage &record, const 
   return total;
 }
 
-std::optional<size_t> PackBound::of(const ProtobufCMessage &record) const {
+std::optional<std::size_t> PackBound::of(const ProtobufCMessage &record) const {
   if (record.descriptor != &descriptor_) return std::nullopt;
   if (!plain_) return protobuf_c_message_get_packed_size(&record);
-  size_t total = constant_;
+  std::size_t total = constant_;
   for (const auto &unknown : std::span(record.unknown_fields, record.n_unknown_fields)) {
     // protobuf-c reads a field numbered 0 when its tag is overlong, but could not read what it would write for it.
     if (unknown.tag == 0) return std::nullopt;

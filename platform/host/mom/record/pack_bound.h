@@ -18,18 +18,18 @@ class PackBound {
   explicit PackBound(const ProtobufCMessageDescriptor &descriptor);
 
   // Nothing when the record is malformed: a length without data, an array without elements, a sub-message of another type.
-  std::optional<size_t> of(const ProtobufCMessage &record) const;
+  std::optional<std::size_t> of(const ProtobufCMessage &record) const;
 
  private:
   struct Dynamic {
     const ProtobufCFieldDescriptor *field;
     const PackBound *child;  // of sub-messages
   };
-  std::optional<size_t> of_field(const ProtobufCMessage &record, const Dynamic &dynamic) const;
-  std::optional<size_t> of_element(const void *member, const Dynamic &dynamic) const;
+  std::optional<std::size_t> of_field(const ProtobufCMessage &record, const Dynamic &dynamic) const;
+  std::optional<std::size_t> of_element(const void *member, const Dynamic &dynamic) const;
 
   const ProtobufCMessageDescriptor &descriptor_;
-  size_t constant_ = 0;
+  std::size_t constant_ = 0;
   std::vector<Dynamic> dynamic_;
   bool plain_ = true;  // false: uses a feature (oneof) that only protobuf-c's own size pass handles
 };

@@ -15,8 +15,8 @@ namespace mom {
 
 namespace {
 
-constexpr uint32_t kIndexField = 5;
-constexpr size_t kScratchKept = 1U << 20;  // a scratch buffer that grew beyond this is released after use
+constexpr std::uint32_t kIndexField = 5;
+constexpr std::size_t kScratchKept = 1U << 20;  // a scratch buffer that grew beyond this is released after use
 
 // The record types of the schema, in name order.
 constexpr std::array kSchema = {
@@ -58,28 +58,28 @@ const T &member(const ProtobufCMessage &record, unsigned offset) {
   return *reinterpret_cast<const T *>(reinterpret_cast<const char *>(&record) + offset);
 }
 
-constexpr uint64_t sign_bit(const KeyForm &form) {
-  return form.is_signed ? uint64_t{1} << (form.width * 8 - 1) : 0;
+constexpr std::uint64_t sign_bit(const KeyForm &form) {
+  return form.is_signed ? std::uint64_t{1} << (form.width * 8 - 1) : 0;
 }
 
 // Appends bytes to the two words while there is room, then to the tail.
 class KeyWriter {
  public:
-  void put(uint8_t byte) {
+  void put(std::uint8_t byte) {
     if (size_ < 8) {
-      key_.head.high |= uint64_t{byte} << (56 - 8 * size_);
+      key_.head.high |= std::uint64_t{byte} << (56 - 8 * size_);
     } else if (size_ < kKeyHeadSize) {
-      key_.head.low |= uint64_t{byte} << (56 - 8 * (size_ - 8));
+      key_.head.low |= std::uint64_t{byte} << (56 - 8 * (size_ - 8));
     } else {
       key_.tail.push_back(static_cast<char>(byte));
     }
     ++size_;
   }
-  void put_integer(uint64_t value, unsigned width) {
-    for (unsigned shift = width * 8; shift > 0; shift -= 8) put(static_cast<uint8_t>(value >> (shift - 8)));
+  void put_integer(std::uint64_t value, unsigned width) {
+    for (unsigned shift = width * 8; shift > 0; shift -= 8) put(static_cast<std::uint8_t>(value >> (shift - 8)));
   }
   void put_text(std::string_view text) {
-    for (char c : text) put(static_cast<uint8_t>(c));
+    for (char c : text) put(static_cast<std::uint8_t>(c));
     put(0);
   }
   std::optional<Key> take() {
@@ -89,36 +89,36 @@ class KeyWriter {
 
  private:
   Key key_;
-  size_t size_ = 0;
+  std::size_t size_ = 0;
 };
 
 class KeyReader {
  public:
   explicit KeyReader(const Key &key) : key_(key) {}
-  uint8_t get() {
-    const size_t at = at_++;
-    if (at < 8) return static_cast<uint8_t>(key_.head.high >> (56 - 8 * at));
-    if (at < kKeyHeadSize) return static_cast<uint8_t>(key_.head.low >> (56 - 8 * (at - 8)));
-    return at - kKeyHeadSize < key_.tail.size() ? static_cast<uint8_t>(key_.tail[at - kKeyHeadSize]) : 0;
+  std::uint8_t get() {
+    const std::size_t at = at_++;
+    if (at < 8) return static_cast<std::uint8_t>(key_.head.high >> (56 - 8 * at));
+    if (at < kKeyHeadSize) return static_cast<std::uint8_t>(key_.head.low >> (56 - 8 * (at - 8)));
+    return at - kKeyHeadSize < key_.tail.size() ? static_cast<std::uint8_t>(key_.tail[at - kKeyHeadSize]) : 0;
   }
-  uint64_t get_integer(unsigned width) {
-    uint64_t value = 0;
+  std::uint64_t get_integer(unsigned width) {
+    std::uint64_t value = 0;
     for (unsigned i = 0; i < width; ++i) value = value << 8 | get();
     return value;
   }
   std::string get_text() {
     std::string text;
-    while (const uint8_t byte = get()) text.push_back(static_cast<char>(byte));
+    while (const std::uint8_t byte = get()) text.push_back(static_cast<char>(byte));
     return text;
   }
 
  private:
   const Key &key_;
-  size_t at_ = 0;
+  std::size_t at_ = 0;
 };
 
-uint64_t integer_field(const ProtobufCMessage &record, const ProtobufCFieldDescriptor &field, const KeyForm &form) {
-  return form.width == 4 ? member<uint32_t>(record, field.offset) : member<uint64_t>(record, field.offset);
+std::uint64_t integer_field(const ProtobufCMessage &record, const ProtobufCFieldDescriptor &field, const KeyForm &form) {
+  return form.width == 4 ? member<std::uint32_t>(record, field.offset) : member<std::uint64_t>(record, field.offset);
 }
 
 std::string_view text_field(const ProtobufCMessage &record, const ProtobufCFieldDescriptor &field) {
@@ -142,7 +142,7 @@ void append_escaped(std::string &out, std::string_view text) {
 
 std::optional<std::string> unescaped(std::string_view text) {
   std::string out;
-  for (size_t i = 0; i < text.size(); ++i) {
+  for (std::size_t i = 0; i < text.size(); ++i) {
     if (text[i] == '\0') return std::nullopt;
     if (text[i] != '%') {
       out.push_back(text[i]);
@@ -157,25 +157,25 @@ std::optional<std::string> unescaped(std::string_view text) {
   return out;
 }
 
-std::optional<uint64_t> parse_integer(std::string_view text, const KeyForm &form) {
+std::optional<std::uint64_t> parse_integer(std::string_view text, const KeyForm &form) {
   const char *end = text.data() + text.size();
   if (form.is_signed) {
-    int64_t value = 0;
+    std::int64_t value = 0;
     const auto [stop, error] = std::from_chars(text.data(), end, value);
-    const bool fits = form.width == 8 || value == static_cast<int32_t>(value);
+    const bool fits = form.width == 8 || value == static_cast<std::int32_t>(value);
     if (error != std::errc{} || stop != end || !fits) return std::nullopt;
-    return form.width == 8 ? static_cast<uint64_t>(value) : static_cast<uint32_t>(value);
+    return form.width == 8 ? static_cast<std::uint64_t>(value) : static_cast<std::uint32_t>(value);
   }
-  uint64_t value = 0;
+  std::uint64_t value = 0;
   const auto [stop, error] = std::from_chars(text.data(), end, value);
   const bool fits = form.width == 8 || value <= UINT32_MAX;
   if (error != std::errc{} || stop != end || !fits) return std::nullopt;
   return value;
 }
 
-std::string integer_text(uint64_t value, const KeyForm &form) {
+std::string integer_text(std::uint64_t value, const KeyForm &form) {
   if (!form.is_signed) return std::to_string(value);
-  return form.width == 8 ? std::to_string(static_cast<int64_t>(value)) : std::to_string(static_cast<int32_t>(value));
+  return form.width == 8 ? std::to_string(static_cast<std::int64_t>(value)) : std::to_string(static_cast<std::int32_t>(value));
 }
 
 struct Registry {
@@ -197,15 +197,15 @@ Registry &registry() {
 }
 
 bool names_can_be_cut(const ProtobufCMessageDescriptor &descriptor) {
-  const size_t package = qx_mom_package_name_len(&descriptor);
-  const size_t name = qx_mom_short_name_len(&descriptor);
+  const std::size_t package = qx_mom_package_name_len(&descriptor);
+  const std::size_t name = qx_mom_short_name_len(&descriptor);
   const std::string_view full = descriptor.name ? descriptor.name : "";
   return package > 0 && name > 0 && full.size() == package + 1 + name && full[package] == '.';
 }
 
 }  // namespace
 
-RecordType::RecordType(const ProtobufCMessageDescriptor &descriptor, size_t id)
+RecordType::RecordType(const ProtobufCMessageDescriptor &descriptor, std::size_t id)
     : descriptor_(&descriptor), name_(descriptor.name), package_len_(qx_mom_package_name_len(&descriptor)), id_(id) {
   hash_class_ = std::find(kHashClass.begin(), kHashClass.end(), name_) != kHashClass.end();
   bound_ = PackBound::shared(descriptor);
@@ -218,7 +218,7 @@ bool RecordType::read_key_fields() {
   if (index->label == PROTOBUF_C_LABEL_REPEATED) return false;
   index_ = index;
   key_ = static_cast<const ProtobufCMessageDescriptor *>(index->descriptor);
-  size_t width = 0;
+  std::size_t width = 0;
   for (const auto &field : std::span(key_->fields, key_->n_fields)) {
     const KeyForm *form = form_of(field.type);
     if (!form || field.label == PROTOBUF_C_LABEL_REPEATED) return false;
@@ -346,7 +346,7 @@ std::optional<Key> RecordType::parse_member(std::string_view text) const {
   return writer.take();
 }
 
-std::vector<uint8_t> RecordType::key_only(const Key &key) const {
+std::vector<std::uint8_t> RecordType::key_only(const Key &key) const {
   if (!key_) return {};
   auto free_message = [](ProtobufCMessage *message) { std::free(message); };
   std::unique_ptr<ProtobufCMessage, decltype(free_message)> index(
@@ -364,20 +364,20 @@ std::vector<uint8_t> RecordType::key_only(const Key &key) const {
     if (form.width == 0) {
       texts[i] = reader.get_text();
       member<char *>(*index, field.offset) = texts[i].data();
-    } else if (const uint64_t value = reader.get_integer(form.width) ^ sign_bit(form); form.width == 4) {
-      member<uint32_t>(*index, field.offset) = static_cast<uint32_t>(value);
+    } else if (const std::uint64_t value = reader.get_integer(form.width) ^ sign_bit(form); form.width == 4) {
+      member<std::uint32_t>(*index, field.offset) = static_cast<std::uint32_t>(value);
     } else {
-      member<uint64_t>(*index, field.offset) = value;
+      member<std::uint64_t>(*index, field.offset) = value;
     }
   }
   member<ProtobufCMessage *>(*record, index_->offset) = index.get();
-  std::vector<uint8_t> packed(protobuf_c_message_get_packed_size(record.get()));
+  std::vector<std::uint8_t> packed(protobuf_c_message_get_packed_size(record.get()));
   protobuf_c_message_pack(record.get(), packed.data());
   return packed;
 }
 
 std::optional<Bytes> RecordType::pack(const ProtobufCMessage &record) const {
-  static std::vector<uint8_t> scratch(4096);
+  static std::vector<std::uint8_t> scratch(4096);
   const auto bound = bound_->of(record);
   if (!bound) return std::nullopt;
   if (*bound > scratch.size()) {

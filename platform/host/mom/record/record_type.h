@@ -18,7 +18,7 @@
 
 namespace mom {
 
-using Bytes = std::span<const uint8_t>;
+using Bytes = std::span<const std::uint8_t>;
 
 class RecordType {
  public:
@@ -36,7 +36,7 @@ class RecordType {
   std::string_view name() const { return name_; }
   std::string_view package() const { return name_.substr(0, package_len_); }
   std::string_view short_name() const { return name_.substr(package_len_ + 1); }
-  size_t id() const { return id_; }  // dense, from 0
+  std::size_t id() const { return id_; }  // dense, from 0
   bool has_key() const { return index_ != nullptr; }
   bool has_long_keys() const { return long_keys_; }
 
@@ -63,20 +63,20 @@ class RecordType {
   std::optional<Key> parse_member(std::string_view text) const;
 
   // A packed record with this key and nothing else.
-  std::vector<uint8_t> key_only(const Key &key) const;
+  std::vector<std::uint8_t> key_only(const Key &key) const;
 
   // Packs into a scratch buffer that the next call of any type overwrites; nothing when the record is malformed.
   std::optional<Bytes> pack(const ProtobufCMessage &record) const;
 
  private:
-  RecordType(const ProtobufCMessageDescriptor &descriptor, size_t id);
+  RecordType(const ProtobufCMessageDescriptor &descriptor, std::size_t id);
   bool read_key_fields();
   const ProtobufCMessage *index_of(const ProtobufCMessage &record) const;
 
   const ProtobufCMessageDescriptor *descriptor_;
   std::string_view name_;
-  size_t package_len_;
-  size_t id_;
+  std::size_t package_len_;
+  std::size_t id_;
   const ProtobufCFieldDescriptor *index_ = nullptr;
   const ProtobufCMessageDescriptor *key_ = nullptr;
   bool long_keys_ = false;

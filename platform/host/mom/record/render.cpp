@@ -27,7 +27,7 @@ constexpr std::array kBitmaps = {
     Bitmap{"action_bitmap", &s_policy_kelim__flow_ace_action_e__descriptor},
 };
 
-std::span<const uint8_t> span_of(const ProtobufCBinaryData &data) {
+std::span<const std::uint8_t> span_of(const ProtobufCBinaryData &data) {
   return {data.data, data.data ? data.len : 0};
 }
 
@@ -35,7 +35,7 @@ std::string mac_text(const ProtobufCMessage &record) {
   return hex(span_of(reinterpret_cast<const PLibpub__Mac &>(record).data), ":");
 }
 
-std::string dotted(uint32_t host_order) {
+std::string dotted(std::uint32_t host_order) {
   char text[INET_ADDRSTRLEN] = "";
   const in_addr address{htonl(host_order)};
   inet_ntop(AF_INET, &address, text, sizeof text);
@@ -46,7 +46,7 @@ std::string ipv4_text(const ProtobufCMessage &record) {
   return dotted(reinterpret_cast<const PLibpub__Ipv4 &>(record).data);
 }
 
-std::string bytes_address(std::span<const uint8_t> bytes, int family, size_t size) {
+std::string bytes_address(std::span<const std::uint8_t> bytes, int family, std::size_t size) {
   if (bytes.size() != size) return hex(bytes);
   char text[INET6_ADDRSTRLEN] = "";
   inet_ntop(family, bytes.data(), text, sizeof text);
@@ -73,7 +73,7 @@ constexpr std::array kWrappers = {
     Wrapper{&p_libpub__ipv6__descriptor, ipv6_text},
 };
 
-Json bitmap_json(uint64_t value, const ProtobufCEnumDescriptor &bits) {
+Json bitmap_json(std::uint64_t value, const ProtobufCEnumDescriptor &bits) {
   Json names = Json::array();
   for (int bit = 0; bit < 64; ++bit) {
     if (!(value >> bit & 1)) continue;
@@ -83,7 +83,7 @@ Json bitmap_json(uint64_t value, const ProtobufCEnumDescriptor &bits) {
   return names;
 }
 
-Json number_json(const ProtobufCFieldDescriptor &field, uint64_t value) {
+Json number_json(const ProtobufCFieldDescriptor &field, std::uint64_t value) {
   for (const Bitmap &bitmap : kBitmaps) {
     if (bitmap.field == field.name) return bitmap_json(value, *bitmap.bits);
   }
@@ -112,17 +112,17 @@ Json element_json(const ProtobufCFieldDescriptor &field, const void *element) {
     case PROTOBUF_C_TYPE_INT32:
     case PROTOBUF_C_TYPE_SINT32:
     case PROTOBUF_C_TYPE_SFIXED32:
-      return read<int32_t>(element);
+      return read<std::int32_t>(element);
     case PROTOBUF_C_TYPE_INT64:
     case PROTOBUF_C_TYPE_SINT64:
     case PROTOBUF_C_TYPE_SFIXED64:
-      return read<int64_t>(element);
+      return read<std::int64_t>(element);
     case PROTOBUF_C_TYPE_UINT32:
     case PROTOBUF_C_TYPE_FIXED32:
-      return number_json(field, read<uint32_t>(element));
+      return number_json(field, read<std::uint32_t>(element));
     case PROTOBUF_C_TYPE_UINT64:
     case PROTOBUF_C_TYPE_FIXED64:
-      return number_json(field, read<uint64_t>(element));
+      return number_json(field, read<std::uint64_t>(element));
     case PROTOBUF_C_TYPE_FLOAT:
       return read<float>(element);
     case PROTOBUF_C_TYPE_DOUBLE:
@@ -142,7 +142,7 @@ Json element_json(const ProtobufCFieldDescriptor &field, const void *element) {
   return child ? message_json(*child, std::string_view(field.name) == "index") : Json();
 }
 
-size_t element_size(ProtobufCType type) {
+std::size_t element_size(ProtobufCType type) {
   switch (type) {
     case PROTOBUF_C_TYPE_STRING:
     case PROTOBUF_C_TYPE_MESSAGE:
@@ -166,7 +166,7 @@ Json field_json(const ProtobufCMessage &record, const ProtobufCFieldDescriptor &
   if (field.label != PROTOBUF_C_LABEL_REPEATED) return element_json(field, base + field.offset);
   Json list = Json::array();
   const auto *array = read<const char *>(base + field.offset);
-  for (size_t i = 0; i < read<size_t>(base + field.quantifier_offset); ++i) {
+  for (std::size_t i = 0; i < read<std::size_t>(base + field.quantifier_offset); ++i) {
     list.push_back(element_json(field, array + i * element_size(field.type)));
   }
   return list;
@@ -186,7 +186,7 @@ Json message_json(const ProtobufCMessage &record, bool whole) {
     Json value = field_json(record, field);
     // A controller's address, whose first byte is the least significant one.
     if (record.descriptor == &s_policy_kelim__onc_ip_key__descriptor && std::string_view(field.name) == "ip") {
-      value = dotted(__builtin_bswap32(value.get<uint32_t>()));
+      value = dotted(__builtin_bswap32(value.get<std::uint32_t>()));
     }
     if (whole || !is_nothing(value)) out[field.name] = std::move(value);
   }
@@ -199,7 +199,7 @@ Json to_json(const ProtobufCMessage &record) {
   return message_json(record, true);
 }
 
-std::string printable(std::string_view bytes, size_t most) {
+std::string printable(std::string_view bytes, std::size_t most) {
   std::string out(bytes.substr(0, most));
   for (char &c : out) {
     if (c < 0x20 || c >= 0x7f) c = '?';
@@ -211,16 +211,16 @@ std::string hex(Bytes bytes, std::string_view between) {
   static constexpr std::string_view kDigits = "0123456789abcdef";
   std::string out;
   out.reserve(bytes.size() * (2 + between.size()));
-  for (const uint8_t byte : bytes) {
+  for (const std::uint8_t byte : bytes) {
     if (!out.empty()) out += between;
     out += {kDigits[byte >> 4], kDigits[byte & 15]};
   }
   return out;
 }
 
-std::optional<std::vector<uint8_t>> unhex(std::string_view text) {
-  std::vector<uint8_t> bytes(text.size() / 2);
-  for (size_t i = 0; i < bytes.size(); ++i) {
+std::optional<std::vector<std::uint8_t>> unhex(std::string_view text) {
+  std::vector<std::uint8_t> bytes(text.size() / 2);
+  for (std::size_t i = 0; i < bytes.size(); ++i) {
     const char *digits = text.data() + 2 * i;
     if (const auto [end, error] = std::from_chars(digits, digits + 2, bytes[i], 16); error != std::errc{} || end != digits + 2)
       return std::nullopt;

@@ -21,10 +21,10 @@ using Json = nlohmann::ordered_json;
 Json to_json(const ProtobufCMessage &record);
 
 // Any bytes as text that is safe for a terminal and a log line: at most `most` of them, then "...".
-std::string printable(std::string_view bytes, size_t most = SIZE_MAX);
+std::string printable(std::string_view bytes, std::size_t most = SIZE_MAX);
 
 // Bytes as hexadecimal digits, and back; nothing for text that is not hexadecimal.
 std::string hex(Bytes bytes, std::string_view between = "");
-std::optional<std::vector<uint8_t>> unhex(std::string_view text);
+std::optional<std::vector<std::uint8_t>> unhex(std::string_view text);
 
 }  // namespace mom

@@ -11,7 +11,7 @@ bool tails_can_differ(const Key &key, const Object &object) {
 
 }  // namespace
 
-std::strong_ordering SortedIndex::compare(const Block &block, size_t slot, const Key &key) {
+std::strong_ordering SortedIndex::compare(const Block &block, std::size_t slot, const Key &key) {
   const auto by_head = block.heads[slot] <=> key.head;
   if (by_head != 0 || !tails_can_differ(key, *block.objects[slot])) return by_head;
   return block.objects[slot]->tail() <=> std::string_view(key.tail);
@@ -27,13 +27,13 @@ SortedIndex::Place SortedIndex::find(const Key &key) const {
     if (compare(*std::prev(entry)->block, 0, key) <= 0) break;
     --entry;
   }
-  const size_t index = entry == directory_.begin() ? 0 : static_cast<size_t>(entry - directory_.begin()) - 1;
+  const std::size_t index = entry == directory_.begin() ? 0 : static_cast<std::size_t>(entry - directory_.begin()) - 1;
   const Block &block = *directory_[index].block;
 
-  size_t low = 0;
-  size_t high = block.count;
+  std::size_t low = 0;
+  std::size_t high = block.count;
   while (low < high) {
-    const size_t middle = (low + high) / 2;
+    const std::size_t middle = (low + high) / 2;
     if (compare(block, middle, key) < 0) {
       low = middle + 1;
     } else {
@@ -62,19 +62,19 @@ SortedIndex::Place SortedIndex::after(const Key &key) const {
   return settle({place.block, place.slot + (place.found ? 1 : 0), true});
 }
 
-void SortedIndex::open_gap(Block &block, size_t slot) {
+void SortedIndex::open_gap(Block &block, std::size_t slot) {
   std::move_backward(block.heads.begin() + slot, block.heads.begin() + block.count, block.heads.begin() + block.count + 1);
   std::move_backward(block.objects.begin() + slot, block.objects.begin() + block.count, block.objects.begin() + block.count + 1);
   ++block.count;
 }
 
-void SortedIndex::close_gap(Block &block, size_t slot) {
+void SortedIndex::close_gap(Block &block, std::size_t slot) {
   std::move(block.heads.begin() + slot + 1, block.heads.begin() + block.count, block.heads.begin() + slot);
   std::move(block.objects.begin() + slot + 1, block.objects.begin() + block.count, block.objects.begin() + slot);
   --block.count;
 }
 
-void SortedIndex::add_block(size_t position, std::unique_ptr<Block> block) {
+void SortedIndex::add_block(std::size_t position, std::unique_ptr<Block> block) {
   const KeyHead first = block->heads[0];
   directory_.insert(directory_.begin() + position, Entry{first, std::move(block)});
 }
@@ -88,7 +88,7 @@ SortedIndex::Place SortedIndex::split(const Place &place) {
     directory_.push_back(Entry{KeyHead{}, std::move(right)});
     return {place.block + 1, 0, false};
   }
-  const size_t half = left.count / 2;
+  const std::size_t half = left.count / 2;
   std::copy(left.heads.begin() + half, left.heads.begin() + left.count, right->heads.begin());
   std::copy(left.objects.begin() + half, left.objects.begin() + left.count, right->objects.begin());
   right->count = left.count - half;
@@ -118,7 +118,7 @@ ObjectRef SortedIndex::replace(const Place &place, ObjectRef object) {
   return ObjectRef::adopt(std::exchange(stored, object.release()));
 }
 
-void SortedIndex::merge_into_left(size_t right) {
+void SortedIndex::merge_into_left(std::size_t right) {
   Block &from = *directory_[right].block;
   Block &to = *directory_[right - 1].block;
   std::copy(from.heads.begin(), from.heads.begin() + from.count, to.heads.begin() + to.count);
@@ -127,7 +127,7 @@ void SortedIndex::merge_into_left(size_t right) {
   directory_.erase(directory_.begin() + right);
 }
 
-void SortedIndex::shrink(size_t block) {
+void SortedIndex::shrink(std::size_t block) {
   Entry &entry = directory_[block];
   if (entry.block->count == 0) {
     directory_.erase(directory_.begin() + block);
@@ -135,7 +135,7 @@ void SortedIndex::shrink(size_t block) {
   }
   entry.first = entry.block->heads[0];
   if (entry.block->count >= kMergeBelow) return;
-  const auto fits = [&](size_t right) {
+  const auto fits = [&](std::size_t right) {
     return right > 0 && right < directory_.size() &&
            directory_[right - 1].block->count + directory_[right].block->count <= kBlockMax / 2;
   };
@@ -158,7 +158,7 @@ ObjectRef SortedIndex::erase(const Place &place) {
 
 void SortedIndex::clear() {
   for (Entry &entry : directory_) {
-    for (size_t slot = 0; slot < entry.block->count; ++slot) ObjectRef::adopt(entry.block->objects[slot]);
+    for (std::size_t slot = 0; slot < entry.block->count; ++slot) ObjectRef::adopt(entry.block->objects[slot]);
   }
   directory_.clear();
   size_ = 0;

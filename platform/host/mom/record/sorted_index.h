@@ -18,8 +18,8 @@ class SortedIndex {
  public:
   // Where a key is or would be. Valid until the next insert or erase.
   struct Place {
-    size_t block = 0;
-    size_t slot = 0;
+    std::size_t block = 0;
+    std::size_t slot = 0;
     bool found = false;
   };
 
@@ -46,17 +46,17 @@ class SortedIndex {
   // The first object after `key`.
   Place after(const Key &key) const;
 
-  size_t size() const { return size_; }
+  std::size_t size() const { return size_; }
   // Changes with every insert and erase: tells a walk that its place is no longer valid.
-  uint64_t version() const { return version_; }
+  std::uint64_t version() const { return version_; }
   // Bytes of the index itself, without the objects.
-  size_t bytes() const { return directory_.capacity() * sizeof(Entry) + directory_.size() * sizeof(Block); }
+  std::size_t bytes() const { return directory_.capacity() * sizeof(Entry) + directory_.size() * sizeof(Block); }
 
  private:
-  static constexpr size_t kBlockMax = 128;
-  static constexpr size_t kMergeBelow = 32;
+  static constexpr std::size_t kBlockMax = 128;
+  static constexpr std::size_t kMergeBelow = 32;
   struct Block {
-    size_t count = 0;
+    std::size_t count = 0;
     std::array<KeyHead, kBlockMax> heads;
     std::array<Object *, kBlockMax> objects;
   };
@@ -66,17 +66,17 @@ class SortedIndex {
   };
 
   Place settle(Place place) const;
-  static std::strong_ordering compare(const Block &block, size_t slot, const Key &key);
-  static void open_gap(Block &block, size_t slot);
-  static void close_gap(Block &block, size_t slot);
-  void add_block(size_t position, std::unique_ptr<Block> block);
+  static std::strong_ordering compare(const Block &block, std::size_t slot, const Key &key);
+  static void open_gap(Block &block, std::size_t slot);
+  static void close_gap(Block &block, std::size_t slot);
+  void add_block(std::size_t position, std::unique_ptr<Block> block);
   Place split(const Place &place);
-  void merge_into_left(size_t right);
-  void shrink(size_t block);
+  void merge_into_left(std::size_t right);
+  void shrink(std::size_t block);
 
   std::vector<Entry> directory_;
-  size_t size_ = 0;
-  uint64_t version_ = 0;
+  std::size_t size_ = 0;
+  std::uint64_t version_ = 0;
 };
 
 }  // namespace mom

@@ -36,9 +36,9 @@ std::string bad_url(const std::string &url, const std::string &why) {
 
 // "HOST[:PORT]", with the host in brackets if it contains colons.
 bool parse_address(std::string_view text, std::string *host, int *port) {
-  const size_t bracket = text.starts_with('[') ? text.find(']') : 0;
+  const std::size_t bracket = text.starts_with('[') ? text.find(']') : 0;
   if (bracket == std::string_view::npos) return false;
-  const size_t colon = text.find(':', bracket);
+  const std::size_t colon = text.find(':', bracket);
   if (colon != std::string_view::npos) {
     const auto number = host::number(text.substr(colon + 1));
     if (!number || *number == 0 || *number > 65535) return false;
@@ -51,7 +51,7 @@ bool parse_address(std::string_view text, std::string *host, int *port) {
 
 // "HOST[:PORT],.../NAME"
 bool parse_sentinels(std::string_view text, Endpoint *endpoint) {
-  const size_t slash = text.find('/');
+  const std::size_t slash = text.find('/');
   if (slash == std::string_view::npos) return false;
   endpoint->master = text.substr(slash + 1);
   for (const std::string &address : host::split(text.substr(0, slash), ",")) {
@@ -89,7 +89,7 @@ std::string parse_endpoint(const std::string &url, Endpoint *endpoint) {
     endpoint->path = rest;
     return rest.starts_with('/') ? "" : bad_url(url, "the socket's path must begin with /");
   }
-  if (const size_t at = rest.rfind('@'); at != std::string_view::npos) {
+  if (const std::size_t at = rest.rfind('@'); at != std::string_view::npos) {
     endpoint->user = rest.substr(0, at);
     rest.remove_prefix(at + 1);
   }
@@ -170,7 +170,7 @@ ServerInfo parse_info(std::string_view text) {
   while (!text.empty()) {
     const std::string_view line = text.substr(0, text.find("\r\n"));
     text.remove_prefix(std::min(text.size(), line.size() + 2));
-    const size_t colon = line.find(':');
+    const std::size_t colon = line.find(':');
     if (colon == std::string_view::npos) continue;
     const std::string_view name = line.substr(0, colon);
     const std::string_view value = line.substr(colon + 1);
@@ -196,7 +196,7 @@ std::string server_unfit(const ServerInfo &info) {
 namespace {
 
 // '*' and the number of arguments, '$' and the number of bytes.
-void append_head(std::string &out, char kind, size_t count) {
+void append_head(std::string &out, char kind, std::size_t count) {
   char head[24];
   head[0] = kind;
   char *end = std::to_chars(head + 1, head + sizeof head - 2, count).ptr;
@@ -208,14 +208,14 @@ void append_head(std::string &out, char kind, size_t count) {
 }  // namespace
 
 void append_argument(std::string &out, std::initializer_list<std::string_view> pieces) {
-  size_t size = 0;
+  std::size_t size = 0;
   for (const std::string_view piece : pieces) size += piece.size();
   append_head(out, '$', size);
   for (const std::string_view piece : pieces) out.append(piece);
   out.append("\r\n");
 }
 
-void append_command_head(std::string &out, size_t arguments) {
+void append_command_head(std::string &out, std::size_t arguments) {
   append_head(out, '*', arguments);
 }
 

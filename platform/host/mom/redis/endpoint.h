@@ -29,7 +29,7 @@ struct Endpoint {
   std::string master;
   std::string client;  // prefix of our connections' names on the server, "client/8/sync"; empty: unnamed
 
-  std::string connection_name(int32_t db, std::string_view what) const {
+  std::string connection_name(std::int32_t db, std::string_view what) const {
     return client + "/" + std::to_string(db) + "/" + std::string(what);
   }
 };
@@ -86,13 +86,13 @@ inline bool is_error(const redisReply *reply) {
 // The reply itself if it is an error, or the first error in the replies of a transaction; null when there is none.
 inline const redisReply *error_in(const redisReply *reply) {
   if (is_error(reply)) return reply;
-  for (size_t i = 0; reply->type == REDIS_REPLY_ARRAY && i < reply->elements; ++i) {
+  for (std::size_t i = 0; reply->type == REDIS_REPLY_ARRAY && i < reply->elements; ++i) {
     if (is_error(reply->element[i])) return reply->element[i];
   }
   return nullptr;
 }
 inline std::string_view text_of(const redisReply *reply) {
-  return {reply->str ? reply->str : "", reply->str ? static_cast<size_t>(reply->len) : 0};
+  return {reply->str ? reply->str : "", reply->str ? static_cast<std::size_t>(reply->len) : 0};
 }
 
 // The question to a sentinel. take_master() puts the master's address from the reply into the endpoint; returns "" or why there
@@ -106,7 +106,7 @@ void append_command(std::string &out, std::span<const std::string_view> argument
 // Appends one argument, which is the pieces joined.
 void append_argument(std::string &out, std::initializer_list<std::string_view> pieces);
 // Appends the head of a command with that many arguments.
-void append_command_head(std::string &out, size_t arguments);
+void append_command_head(std::string &out, std::size_t arguments);
 inline void append_command(std::string &out, Arguments arguments) {
   append_command(out, std::span(arguments.begin(), arguments.size()));
 }

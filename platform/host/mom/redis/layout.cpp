@@ -7,7 +7,7 @@ namespace mom {
 
 namespace {
 
-constexpr size_t kLengthSize = 4;  // of a record's length in a notification
+constexpr std::size_t kLengthSize = 4;  // of a record's length in a notification
 
 struct Kind {
   char letter;
@@ -28,10 +28,10 @@ std::string_view as_text(Bytes bytes) {
 }
 
 Bytes as_bytes(std::string_view text) {
-  return {reinterpret_cast<const uint8_t *>(text.data()), text.size()};
+  return {reinterpret_cast<const std::uint8_t *>(text.data()), text.size()};
 }
 
-std::string tag_bytes(int64_t tag) {
+std::string tag_bytes(std::int64_t tag) {
   std::string bytes(kTagSize, '\0');
   for (char &byte : bytes) byte = static_cast<char>(std::exchange(tag, tag >> 8));
   return bytes;
@@ -44,7 +44,7 @@ std::optional<Bytes> record_in(std::string_view value) {
 
 void append_notification_end(std::string &out, std::string_view member, Bytes packed) {
   out.append(member).push_back('\0');
-  for (size_t byte = 0; byte < kLengthSize; ++byte) out.push_back(static_cast<char>(packed.size() >> 8 * byte));
+  for (std::size_t byte = 0; byte < kLengthSize; ++byte) out.push_back(static_cast<char>(packed.size() >> 8 * byte));
   out.append(as_text(packed));
 }
 
@@ -56,11 +56,11 @@ std::string notification_end(std::string_view member, Bytes packed) {
 
 std::optional<Notification> Notification::take(std::string_view &payload) {
   const Kind *kind = payload.empty() ? nullptr : kind_of(payload.front());
-  const size_t end = payload.find('\0');
+  const std::size_t end = payload.find('\0');
   if (!kind || end == std::string_view::npos || payload.size() - end - 1 < kLengthSize) return std::nullopt;
   const Bytes rest = as_bytes(payload.substr(end + 1));
-  size_t length = 0;
-  for (size_t byte = 0; byte < kLengthSize; ++byte) length |= size_t{rest[byte]} << 8 * byte;
+  std::size_t length = 0;
+  for (std::size_t byte = 0; byte < kLengthSize; ++byte) length |= std::size_t{rest[byte]} << 8 * byte;
   if (rest.size() - kLengthSize < length) return std::nullopt;
   const Notification notification = {kind->change, payload.substr(1, end - 1), rest.subspan(kLengthSize, length)};
   payload.remove_prefix(end + 1 + kLengthSize + length);

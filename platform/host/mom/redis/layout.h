@@ -15,8 +15,8 @@ std::string_view as_text(Bytes bytes);
 Bytes as_bytes(std::string_view text);
 
 // A value begins with its tag; the packed record follows.
-inline constexpr size_t kTagSize = 8;
-std::string tag_bytes(int64_t tag);
+inline constexpr std::size_t kTagSize = 8;
+std::string tag_bytes(std::int64_t tag);
 // The packed record in a value; nothing when the value is too short to be ours.
 std::optional<Bytes> record_in(std::string_view value);
 

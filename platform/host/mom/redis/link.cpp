@@ -21,8 +21,8 @@ constexpr unsigned kLooks = 4;       // at the server within dead_after_; so it 
 constexpr auto kStable = 5s;         // a link that was up this long starts over with the first backoff
 
 // Bytes in the output buffer of the socket; further commands wait in the queue.
-constexpr size_t kUnsentMax = 256U << 10;
-constexpr size_t kPushAbove = 64U << 10;  // bytes; a burst does not wait for the loop's next turn
+constexpr std::size_t kUnsentMax = 256U << 10;
+constexpr std::size_t kPushAbove = 64U << 10;  // bytes; a burst does not wait for the loop's next turn
 
 // By default Redis disconnects subscribers that lag by 32 MB, less than one large burst of flows.
 constexpr std::string_view kSubscriberBuffers = "pubsub 536870912 268435456 60";
@@ -52,7 +52,7 @@ bool is_refusal(std::string_view error) {
 
 // "12" of "id=12" in a line of CLIENT LIST.
 std::string_view word_in(std::string_view line, std::string_view key) {
-  const size_t at = (" " + std::string(line)).find(" " + std::string(key) + "=");
+  const std::size_t at = (" " + std::string(line)).find(" " + std::string(key) + "=");
   if (at == std::string_view::npos) return {};
   const std::string_view rest = line.substr(at + key.size() + 1);
   return rest.substr(0, rest.find(' '));
@@ -150,7 +150,7 @@ void RedisLink::greet_writer() {
   writer_.send({"CONFIG", "GET", "client-output-buffer-limit"},
                [this](const redisReply *reply) { widen_subscriber_buffers(reply); });
   writer_.send({"CONFIG", "GET", "maxmemory-policy"}, [this](const redisReply *reply) { warn_of_eviction(reply); });
-  for (size_t i = 0; !script_text(i).empty(); ++i) writer_.send({"SCRIPT", "LOAD", script_text(i)}, need("SCRIPT LOAD"));
+  for (std::size_t i = 0; !script_text(i).empty(); ++i) writer_.send({"SCRIPT", "LOAD", script_text(i)}, need("SCRIPT LOAD"));
   writer_.send(kHarmlessWrite, [this](const redisReply *reply) {
     if (reply && is_error(reply)) note_refusal(text_of(reply));
   });
@@ -216,7 +216,7 @@ void RedisLink::use_keyspace_events(const redisReply *reply) {
 void RedisLink::widen_subscriber_buffers(const redisReply *reply) {
   if (!reply || reply->type != REDIS_REPLY_ARRAY || reply->elements != 2) return;
   const std::string limits(text_of(reply->element[1]));
-  const size_t at = limits.find("pubsub ");
+  const std::size_t at = limits.find("pubsub ");
   const long hard = at == std::string::npos ? 0 : std::strtol(limits.c_str() + at + 7, nullptr, 10);
   if (at != std::string::npos && (hard == 0 || hard >= kSubscriberBufferMin)) return;
   writer_.send({"CONFIG", "SET", "client-output-buffer-limit", kSubscriberBuffers}, [](const redisReply *set) {
@@ -263,7 +263,7 @@ void RedisLink::come_up() {
   const bool again = ++generation_ > 1;
   const bool same = run_id_ == server_.run_id;
   const bool successor = !endpoint_.sentinels.empty() && server_.history.continues(had_);
-  const int32_t type = again && (same || successor) ? 2 : 1;
+  const std::int32_t type = again && (same || successor) ? 2 : 1;
   run_id_ = server_.run_id;
   had_ = server_.history;
   const unsigned generation = generation_;
@@ -283,7 +283,7 @@ void RedisLink::come_up() {
 // If the link was lost again meanwhile, the calls are answered when it is up the next time.
 void RedisLink::report_connected() {
   if (!is_up()) return;
-  for (size_t waiting = std::exchange(connects_, 0); waiting > 0; --waiting) store_events_.connected(db_);
+  for (std::size_t waiting = std::exchange(connects_, 0); waiting > 0; --waiting) store_events_.connected(db_);
 }
 
 // ---- going down
@@ -303,7 +303,7 @@ void RedisLink::fail(const std::string &why) {
   if (why != last_failure_) host::log::error("database {}: {}: {}", db_.number, endpoint_.url, why);
   last_failure_ = why;
   if (generation_ > 0) {
-    const int32_t type = was_up ? 0 : 3;
+    const std::int32_t type = was_up ? 0 : 3;
     later_.act([this, type] {
       if (!is_up()) store_events_.reconnect(db_, type);
     });
@@ -359,7 +359,7 @@ void RedisLink::Formatted::add(std::span<const std::string_view> arguments) {
   ends.push_back(bytes.size());
 }
 
-void RedisLink::Formatted::add(Arguments first, std::string_view formatted, size_t count) {
+void RedisLink::Formatted::add(Arguments first, std::string_view formatted, std::size_t count) {
   append_command_head(bytes, first.size() + count);
   for (const std::string_view argument : first) append_argument(bytes, {argument});
   bytes.append(formatted);
@@ -382,7 +382,7 @@ void RedisLink::send(Formatted commands) {
 void RedisLink::feed() {
   while (!more_ && !queue_.empty() && writer_.unsent() < kUnsentMax) {
     Formatted &batch = queue_.front();
-    const size_t begin = next_command_ == 0 ? 0 : batch.ends[next_command_ - 1];
+    const std::size_t begin = next_command_ == 0 ? 0 : batch.ends[next_command_ - 1];
     Answer answer{{}, nullptr};
     const bool last = next_command_ + 1 == batch.ends.size();
     if (last) answer.charge = batch.charge;

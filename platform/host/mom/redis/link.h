@@ -23,8 +23,8 @@ namespace mom {
 // ends.
 struct Charge {
   Slot *slot = nullptr;
-  size_t bytes = 0;
-  size_t writes = 1;
+  std::size_t bytes = 0;
+  std::size_t writes = 1;
 };
 
 class RedisLink {
@@ -38,7 +38,7 @@ class RedisLink {
   //               +----------- waiting           from any of them: closed
   //
   // Where the URL names the server itself, `searching` is left out.
-  enum class State : uint8_t {
+  enum class State : std::uint8_t {
     idle,       // connect() has not been called
     searching,  // asks the sentinels for the master
     greeting,   // both connections are open; settings, scripts and subscriptions wait for their replies
@@ -72,7 +72,7 @@ class RedisLink {
   // A batch of commands in wire format.
   struct Formatted {
     std::string bytes;
-    std::vector<size_t> ends;  // of each command in `bytes`
+    std::vector<std::size_t> ends;  // of each command in `bytes`
     Charge charge;
     qx_mom_done_cb done = nullptr;  // called in a later turn once the last command has its reply
     // Makes the next part of a pass from the reply to the last command. The part is sent next; all batches behind it wait until
@@ -82,7 +82,7 @@ class RedisLink {
     void add(std::span<const std::string_view> arguments);
     void add(Arguments arguments) { add(std::span(arguments.begin(), arguments.size())); }
     // A command whose last `count` arguments are already in wire format.
-    void add(Arguments first, std::string_view formatted, size_t count);
+    void add(Arguments first, std::string_view formatted, std::size_t count);
   };
   void send(Formatted commands);
 
@@ -138,17 +138,17 @@ class RedisLink {
   Pipe subscriber_;
   std::vector<std::string> channels_;
   // Confirmations that are due: one for each channel and, while greeting, one for the settings of the write connection.
-  size_t unconfirmed_ = 0;
+  std::size_t unconfirmed_ = 0;
 
   std::deque<Formatted> queue_;
-  size_t next_command_ = 0;  // of the first batch in queue_
+  std::size_t next_command_ = 0;  // of the first batch in queue_
   std::deque<Answer> sent_;
   // Of the pass that all other batches wait for; null while there is none.
   std::function<Formatted(const redisReply *)> more_;
   qx_mom_done_cb more_done_ = nullptr;
 
   State state_ = State::idle;
-  size_t connects_ = 0;  // calls of connect() that are not answered yet
+  std::size_t connects_ = 0;  // calls of connect() that are not answered yet
   ServerInfo server_;
   std::string run_id_;
   History had_;            // of the last server, when it was last asked
@@ -166,7 +166,7 @@ class RedisLink {
   std::chrono::milliseconds probe_wait_{};
 
   host::Timer watch_timer_;
-  uint64_t answered_before_ = 0;
+  std::uint64_t answered_before_ = 0;
   unsigned silent_looks_ = 0;  // in a row that found replies due and none received
 };
 

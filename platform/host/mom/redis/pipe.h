@@ -40,10 +40,10 @@ class Pipe {
   std::function<void(const redisReply *)> on_plain;
 
   // Replies that are due.
-  size_t waiting() const { return pending_.size(); }
-  uint64_t answered() const { return answered_; }
+  std::size_t waiting() const { return pending_.size(); }
+  std::uint64_t answered() const { return answered_; }
   // Bytes that the socket has not accepted yet.
-  size_t unsent() const { return stream_.unsent(); }
+  std::size_t unsent() const { return stream_.unsent(); }
   void push();  // tries to send them now
 
   // Serves this connection alone, blocking, until `done` is true. False when the deadline passes or the connection ends first.
@@ -71,9 +71,9 @@ class Pipe {
   void time_last();
 
   std::deque<Answer> pending_;  // in the order of the commands; empty for a plain one
-  uint64_t answered_ = 0;
+  std::uint64_t answered_ = 0;
   // The command whose round trip is being measured, by its number among all replies; 0 while there is none.
-  uint64_t timed_ = 0;
+  std::uint64_t timed_ = 0;
   std::chrono::steady_clock::time_point timed_since_{};
   unsigned generation_ = 0;  // changes when the connection is opened or closed
 };

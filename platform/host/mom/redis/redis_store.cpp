@@ -14,13 +14,13 @@ namespace {
 using namespace std::chrono_literals;
 using std::chrono::steady_clock;
 
-constexpr size_t kBatch = 64;          // writes and deletions in a batch; more gains nothing
-constexpr size_t kCommandHeads = 256;  // upper estimate of a transaction's bytes beside its arguments
-constexpr size_t kForgetBatch = 256;
-constexpr size_t kMembersAtATime = 5000;
-constexpr size_t kSampled = 16;      // objects whose size is asked for
-constexpr auto kStartPatience = 3s;  // with a server that is starting at the same time
-constexpr auto kLoadPatience = 60s;  // with a server that is loading its data
+constexpr std::size_t kBatch = 64;          // writes and deletions in a batch; more gains nothing
+constexpr std::size_t kCommandHeads = 256;  // upper estimate of a transaction's bytes beside its arguments
+constexpr std::size_t kForgetBatch = 256;
+constexpr std::size_t kMembersAtATime = 5000;
+constexpr std::size_t kSampled = 16;  // objects whose size is asked for
+constexpr auto kStartPatience = 3s;   // with a server that is starting at the same time
+constexpr auto kLoadPatience = 60s;   // with a server that is loading its data
 constexpr auto kProbeEvery = 50ms;
 
 }  // namespace
@@ -65,7 +65,7 @@ RedisStore::Base &RedisStore::base(Database &db) {
 
 RedisStore::Table &RedisStore::table(Slot &slot) {
   Base &base = this->base(slot.db);
-  const size_t type = slot.type.id();
+  const std::size_t type = slot.type.id();
   if (base.tables.size() <= type) base.tables.resize(type + 1);
   if (!base.tables[type]) {
     const std::string name(slot.type.name());
@@ -126,7 +126,7 @@ void RedisStore::unsure(Base &base) {
 
 // ---- writes
 
-int RedisStore::set(Slot &slot, const Key &key, Bytes packed, std::optional<int64_t> tag) {
+int RedisStore::set(Slot &slot, const Key &key, Bytes packed, std::optional<std::int64_t> tag) {
   return write(table(slot), key, packed, tag.value_or(0));
 }
 
@@ -137,7 +137,7 @@ bool RedisStore::is_stored(Table &table, const Key &key) {
 // While the server refuses writes, a new object is refused at once. Deliberate: the rewrite of a stored object reports success
 // although nothing is sent, because the writer would take a failure for the object's end. The stored value stays valid until
 // every subscription gets its data-fetch signal.
-int RedisStore::write(Table &table, const Key &key, Bytes packed, int64_t tag) {
+int RedisStore::write(Table &table, const Key &key, Bytes packed, std::int64_t tag) {
   if (!table.slot.db.refusing.empty()) {
     events_.count_refused(1);
     return is_stored(table, key) ? 0 : -14;
@@ -311,7 +311,7 @@ int RedisStore::publish(Slot &slot, Bytes packed) {
   return 0;
 }
 
-int RedisStore::pexpire(Slot &slot, const Key *key, uint32_t ms, qx_mom_done_cb done) {
+int RedisStore::pexpire(Slot &slot, const Key *key, std::uint32_t ms, qx_mom_done_cb done) {
   Table &table = this->table(slot);
   // 0 would be a deletion, which is not announced as an expiry.
   const std::string delay = std::to_string(std::max(ms, 1U));
@@ -341,7 +341,7 @@ int RedisStore::del_expire(Slot &slot, const Key *key) {
 }
 
 // The server hides objects that are past their deadline, whatever their tag, but may be slow to delete and announce them.
-int RedisStore::del_expired(Slot &slot, int64_t) {
+int RedisStore::del_expired(Slot &slot, std::int64_t) {
   Table &table = this->table(slot);
   if (steady_clock::now() >= table.deadline) pass(table, scripts::notice_part(), Where::anywhere, {table.prefix});
   return 0;
@@ -395,7 +395,7 @@ int RedisStore::del_sync(Slot &slot, const Key &key) {
   return reply->integer == 1 ? 0 : -7;
 }
 
-int RedisStore::get_sync(Slot &slot, const Key &key, std::vector<uint8_t> &packed) {
+int RedisStore::get_sync(Slot &slot, const Key &key, std::vector<std::uint8_t> &packed) {
   Table &table = this->table(slot);
   const std::string object = slot.type.text(key);
   const Reply reply = synchronously(table.base, [&](SyncConnection &sync) { return sync.call({"GET", object}); });
@@ -411,7 +411,7 @@ int RedisStore::get_sync(Slot &slot, const Key &key, std::vector<uint8_t> &packe
 }
 
 // Appends about that many further members of the index, in no order; the cursor is "0" at the end.
-bool RedisStore::read_some_members(Table &table, std::string &cursor, size_t about, std::vector<Key> &keys, Sees sees) {
+bool RedisStore::read_some_members(Table &table, std::string &cursor, std::size_t about, std::vector<Key> &keys, Sees sees) {
   const auto ask = [&](SyncConnection &sync) {
     return sync.call({"SSCAN", table.index, cursor, "COUNT", std::to_string(about)});
   };
@@ -448,7 +448,7 @@ RedisStore::Visited RedisStore::visit_batch(Table &table, std::span<const Key> k
   const Reply reply = synchronously(
       table.base, [&](SyncConnection &sync) { return sync.call(arguments); }, sees);
   if (!reply || reply->type != REDIS_REPLY_ARRAY || reply->elements != keys.size()) return Visited::failed;
-  for (size_t i = 0; i < keys.size(); ++i) {
+  for (std::size_t i = 0; i < keys.size(); ++i) {
     if (reply->element[i]->type == REDIS_REPLY_NIL || deleted.contains(keys[i]))
       continue;  // expired, of another kind, or deleted by the visitor
     const auto record = record_in(text_of(reply->element[i]));
@@ -470,7 +470,7 @@ int RedisStore::scan_sync(Slot &slot, const Visitor &visit) {
   std::set<Key> deleted;
   table.scans.push_back(&deleted);
   auto visited = Visited::all;
-  for (size_t at = 0; at < keys.size() && visited == Visited::all; at += scan_batch_) {
+  for (std::size_t at = 0; at < keys.size() && visited == Visited::all; at += scan_batch_) {
     visited = visit_batch(table, std::span(keys).subspan(at, std::min(scan_batch_, keys.size() - at)), deleted, visit);
   }
   std::erase(table.scans, &deleted);
@@ -489,20 +489,20 @@ int RedisStore::walk_sync(Slot &slot, Walk &walk, const Visitor &visit) {
   return walk.cursor == "0" ? 0 : 1;
 }
 
-std::optional<size_t> RedisStore::number(Base &base, Arguments question) {
+std::optional<std::size_t> RedisStore::number(Base &base, Arguments question) {
   const Reply reply = synchronously(base, [&](SyncConnection &sync) { return sync.call(question); });
   if (reply && reply->type == REDIS_REPLY_NIL) return 0;
   if (!reply || reply->type != REDIS_REPLY_INTEGER) return std::nullopt;
-  return static_cast<size_t>(reply->integer);
+  return static_cast<std::size_t>(reply->integer);
 }
 
 // Estimated from the server's figures for the index and a few objects.
-size_t RedisStore::estimated_bytes(Table &table, size_t objects) {
+std::size_t RedisStore::estimated_bytes(Table &table, std::size_t objects) {
   const Reply sample = synchronously(table.base, [&](SyncConnection &sync) {
     return sync.call({"SRANDMEMBER", table.index, std::to_string(kSampled)});
   });
   if (!sample || sample->type != REDIS_REPLY_ARRAY || sample->elements == 0) return 0;
-  size_t bytes = 0;
+  std::size_t bytes = 0;
   for (const redisReply *member : std::span(sample->element, sample->elements)) {
     bytes += number(table.base, {"MEMORY", "USAGE", table.prefix + std::string(text_of(member))}).value_or(0);
   }
@@ -516,7 +516,8 @@ std::optional<Store::Held> RedisStore::held(Slot &slot) {
     return sync.call({"PUBSUB", "NUMSUB", table.channel});
   });
   if (!objects || !listeners || listeners->type != REDIS_REPLY_ARRAY || listeners->elements != 2) return std::nullopt;
-  return Held{*objects, *objects ? estimated_bytes(table, *objects) : 0, static_cast<size_t>(listeners->element[1]->integer)};
+  return Held{*objects, *objects ? estimated_bytes(table, *objects) : 0,
+              static_cast<std::size_t>(listeners->element[1]->integer)};
 }
 
 // ---- notifications
@@ -605,7 +606,7 @@ void RedisStore::deleted(Table &table, const Key &key, Bytes packed) {
 void RedisStore::forget_expired(Table &table) {
   const std::vector<std::string> members = std::exchange(table.expired, {});
   if (!link(table).is_up()) return;
-  for (size_t at = 0; at < members.size(); at += kForgetBatch) {
+  for (std::size_t at = 0; at < members.size(); at += kForgetBatch) {
     std::vector<std::string_view> arguments = {"EVALSHA", scripts::forget().sha, "1", table.index, table.prefix};
     const auto part = std::span(members).subspan(at, std::min(kForgetBatch, members.size() - at));
     arguments.insert(arguments.end(), part.begin(), part.end());

@@ -51,15 +51,15 @@ class RedisStore final : public Store {
   const char *kind() const override { return "redis"; }
   int connect_sync(Database &db) override;
   int connect(Database &db) override;
-  int set(Slot &slot, const Key &key, Bytes packed, std::optional<int64_t> tag) override;
+  int set(Slot &slot, const Key &key, Bytes packed, std::optional<std::int64_t> tag) override;
   int setnx_sync(Slot &slot, const Key &key, Bytes packed) override;
   int del(Slot &slot, const Key &key) override;
   int del_sync(Slot &slot, const Key &key) override;
   int publish(Slot &slot, Bytes packed) override;
-  int pexpire(Slot &slot, const Key *key, uint32_t ms, qx_mom_done_cb done) override;
+  int pexpire(Slot &slot, const Key *key, std::uint32_t ms, qx_mom_done_cb done) override;
   int del_expire(Slot &slot, const Key *key) override;
-  int del_expired(Slot &slot, int64_t tag) override;
-  int get_sync(Slot &slot, const Key &key, std::vector<uint8_t> &packed) override;
+  int del_expired(Slot &slot, std::int64_t tag) override;
+  int get_sync(Slot &slot, const Key &key, std::vector<std::uint8_t> &packed) override;
   int scan_sync(Slot &slot, const Visitor &visit) override;
   int walk_sync(Slot &slot, Walk &walk, const Visitor &visit) override;
   int visit_sync(Slot &slot, std::span<const Key> keys, const Visitor &visit) override;
@@ -72,9 +72,9 @@ class RedisStore final : public Store {
   // Writes and deletions of one type that are sent together: the arguments of their commands, in wire format except for
   // `notifications`.
   struct Batch {
-    size_t size = 0;
-    size_t bytes = 0;  // of the records written
-    size_t writes = 0;
+    std::size_t size = 0;
+    std::size_t bytes = 0;  // of the records written
+    std::size_t writes = 0;
     std::string members;  // of the index, for the objects written
     std::string objects;  // pairs of key and value
     std::vector<Key> deleted;
@@ -122,7 +122,7 @@ class RedisStore final : public Store {
   Table &table(Slot &slot);
   RedisLink &link(Table &table) { return *table.base.link; }
 
-  int write(Table &table, const Key &key, Bytes packed, int64_t tag);
+  int write(Table &table, const Key &key, Bytes packed, std::int64_t tag);
   void add_write(Table &table, const Key &key, std::string_view member, std::string_view tag, Bytes packed);
   void add_deletion(Table &table, const Key &key);
   void joined(Table &table);
@@ -141,9 +141,10 @@ class RedisStore final : public Store {
   // Runs `ask` on the synchronous connection; null when that is not possible in time.
   Reply synchronously(Base &base, const std::function<Reply(SyncConnection &)> &ask, Sees sees = Sees::all_writes);
   // The integer that the server replies, 0 for nil.
-  std::optional<size_t> number(Base &base, Arguments question);
-  size_t estimated_bytes(Table &table, size_t objects);
-  bool read_some_members(Table &table, std::string &cursor, size_t about, std::vector<Key> &keys, Sees sees = Sees::all_writes);
+  std::optional<std::size_t> number(Base &base, Arguments question);
+  std::size_t estimated_bytes(Table &table, std::size_t objects);
+  bool read_some_members(Table &table, std::string &cursor, std::size_t about, std::vector<Key> &keys,
+                         Sees sees = Sees::all_writes);
   bool read_members(Table &table, std::vector<Key> &keys);
   enum class Visited { all, ended, failed };
   Visited visit_batch(Table &table, std::span<const Key> keys, const std::set<Key> &deleted, const Visitor &visit,
@@ -167,7 +168,7 @@ class RedisStore final : public Store {
   Endpoint endpoint_;
   std::chrono::milliseconds limit_;  // of a synchronous call
   std::chrono::milliseconds dead_after_;
-  size_t scan_batch_;
+  std::size_t scan_batch_;
   std::deque<Base> bases_;
 };
 

@@ -145,7 +145,7 @@ const Script &forget() {
 
 }  // namespace scripts
 
-std::string_view script_text(size_t number) {
+std::string_view script_text(std::size_t number) {
   return number < kAll.size() ? kAll[number] : std::string_view();
 }
 

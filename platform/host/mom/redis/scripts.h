@@ -40,6 +40,6 @@ const Script &forget();
 }  // namespace scripts
 
 // The text of each script, for loading.
-std::string_view script_text(size_t number);  // empty after the last
+std::string_view script_text(std::size_t number);  // empty after the last
 
 }  // namespace mom

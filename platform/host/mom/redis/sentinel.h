@@ -27,8 +27,8 @@ class MasterSearch {
   Endpoint asked_;  // the sentinel that is being asked
   Pipe pipe_;
   host::Timer patience_;
-  size_t at_ = 0;  // index among the sentinels; the one that knew last is asked first
-  size_t failed_ = 0;
+  std::size_t at_ = 0;  // index among the sentinels; the one that knew last is asked first
+  std::size_t failed_ = 0;
 };
 
 }  // namespace mom

@@ -18,8 +18,8 @@ namespace mom {
 
 namespace {
 
-constexpr size_t kReceived = 64U << 10;    // bytes received at a time
-constexpr size_t kForgotten = 256U << 10;  // sent bytes kept in front of unsent ones before they are erased
+constexpr std::size_t kReceived = 64U << 10;    // bytes received at a time
+constexpr std::size_t kForgotten = 256U << 10;  // sent bytes kept in front of unsent ones before they are erased
 
 struct Address {
   sockaddr_storage bytes{};
@@ -130,7 +130,7 @@ ssize_t Stream::put(std::string_view bytes) {
   return -1;
 }
 
-ssize_t Stream::get(char *into, size_t size) {
+ssize_t Stream::get(char *into, std::size_t size) {
   if (tls_) {
     ERR_clear_error();
     return outcome(SSL_read(tls_.get(), into, static_cast<int>(size)));
@@ -147,7 +147,7 @@ bool Stream::send() {
     const ssize_t n = put(std::string_view(output_).substr(sent_));
     if (n < 0) return false;
     if (n == 0) break;
-    sent_ += static_cast<size_t>(n);
+    sent_ += static_cast<std::size_t>(n);
   }
   if (unsent() > 0 && sent_ < kForgotten) return true;
   output_.erase(0, std::exchange(sent_, 0));
@@ -163,7 +163,7 @@ bool Stream::receive() {
     if (n < 0) return false;
     if (n == 0) return true;
     waits_for_input_ = false;
-    if (redisReaderFeed(reader_.get(), bytes, static_cast<size_t>(n)) != REDIS_OK) return failed(reader_->errstr);
+    if (redisReaderFeed(reader_.get(), bytes, static_cast<std::size_t>(n)) != REDIS_OK) return failed(reader_->errstr);
   } while (tls_ && SSL_pending(tls_.get()) > 0);
   return true;
 }

@@ -28,7 +28,7 @@ class Stream {
 
   // Appends commands in wire format to the output; step() or send() send it.
   void write(std::string_view commands) { output_.append(commands); }
-  size_t unsent() const { return output_.size() - sent_; }
+  std::size_t unsent() const { return output_.size() - sent_; }
 
   // What to wait for: POLLIN, and POLLOUT where there is output that the socket could take.
   short wants() const;
@@ -47,7 +47,7 @@ class Stream {
   std::string start_tls(const Endpoint &endpoint);
   bool receive();
   ssize_t put(std::string_view bytes);
-  ssize_t get(char *into, size_t size);
+  ssize_t get(char *into, std::size_t size);
   ssize_t outcome(int rv);
   bool failed(std::string why);
 
@@ -55,7 +55,7 @@ class Stream {
   host::tls::Session tls_;
   std::unique_ptr<redisReader, FreeReader> reader_;
   std::string output_;
-  size_t sent_ = 0;               // bytes of output_
+  std::size_t sent_ = 0;          // bytes of output_
   bool waits_for_input_ = false;  // TLS cannot send before it has received
   bool waits_for_output_ = false;
   std::string error_;

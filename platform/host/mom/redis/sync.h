@@ -16,7 +16,7 @@ namespace mom {
 // duration of `limit`, so that a frozen server does not hold the loop again and again.
 class SyncConnection {
  public:
-  SyncConnection(const Endpoint &endpoint, int32_t db, std::chrono::milliseconds limit)
+  SyncConnection(const Endpoint &endpoint, std::int32_t db, std::chrono::milliseconds limit)
       : endpoint_(endpoint), db_(db), limit_(limit) {}
 
   // The deadline of the next call; to be set before each.
@@ -45,7 +45,7 @@ class SyncConnection {
   std::string find_master(Endpoint *server);
 
   const Endpoint &endpoint_;
-  int32_t db_;
+  std::int32_t db_;
   std::chrono::milliseconds limit_;
   std::unique_ptr<Stream> stream_ = std::make_unique<Stream>();
   ServerInfo server_;
