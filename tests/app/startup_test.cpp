@@ -154,9 +154,9 @@ TEST_F(RunningDaemon, TheSameServerRepeatsTheConnectCallback) {
   flow_and_barrier(1, 100);
   const libss_pthrd_mst *list = ssc_sdn_mst;
   d.on_loop([] {
-    mom::testing::provoke_reconnect(kUdpDb, 0);
+    host::mom::testing::provoke_reconnect(kUdpDb, 0);
     EXPECT_FALSE(ssc_sdn_msg_queue_empty()) << "a lost connection changes nothing";
-    mom::testing::provoke_reconnect(kUdpDb, 2);
+    host::mom::testing::provoke_reconnect(kUdpDb, 2);
   });
   EXPECT_TRUE(d.until([] { return ssc_sdn_msg_queue_empty(); })) << "the queue is made empty";
   EXPECT_EQ(ssc_sdn_mst, list) << "the list is not made a second time";

@@ -55,7 +55,7 @@ class InServer final : public Database {
 
   Json query(const Json &args) override {
     try {
-      return mom::query(*mom::hub(), args);
+      return host::mom::query(*host::mom::hub(), args);
     } catch (const host::control::Refusal &error) {
       throw Problem(kUsage, error.what());
     }
@@ -94,20 +94,20 @@ class InServer final : public Database {
 
   // At once, where a process that starts beside the server would wait for it.
   static void must_answer(const std::string &url) {
-    mom::Endpoint endpoint;
-    check(mom::configured_endpoint(host::config().mom, &endpoint));
+    host::mom::Endpoint endpoint;
+    check(host::mom::configured_endpoint(host::config().mom, &endpoint));
     endpoint.client = "kelimctl";
     const std::chrono::milliseconds limit(host::config().mom.sync_timeout_ms);
-    mom::SyncConnection connection(endpoint, QX_MOM_UDP_DB, limit);
+    host::mom::SyncConnection connection(endpoint, QX_MOM_UDP_DB, limit);
     connection.set_deadline(std::chrono::steady_clock::now() + limit);
-    std::string why = mom::resolve(&endpoint);
+    std::string why = host::mom::resolve(&endpoint);
     if (why.empty()) why = connection.open();
     if (!why.empty()) throw Problem(kNoProcess, "mom.url " + url + ": " + why);
   }
 
   static std::shared_ptr<void> begin(const Json &args, host::control::Push push) {
     try {
-      return mom::watch(*mom::hub(), args, std::move(push));
+      return host::mom::watch(*host::mom::hub(), args, std::move(push));
     } catch (const host::control::Refusal &error) {
       throw Problem(kUsage, error.what());
     }

@@ -164,7 +164,7 @@ bool show_change(const Choices &choices, const Json &line) {
   } else if (line.contains("missed")) {
     std::fprintf(stderr, "%s changes are missing: they came faster than they were read.\n", line["missed"].dump().c_str());
   } else {
-    const Json change = mom::decode_change(line);
+    const Json change = host::mom::decode_change(line);
     print(choices.view.json ? change.dump() + "\n" : change_text(change, choices.keys, choices.look));
   }
   return std::fflush(stdout) == 0;

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-namespace cgst {
+namespace host::cgst {
 
 namespace {
 
@@ -55,4 +55,4 @@ void reset() {
   pipeline_limits = {};
 }
 
-}  // namespace cgst
+}  // namespace host::cgst

@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <string_view>
 
-namespace cgst {
+namespace host::cgst {
 
 // 0 is "no limit".
 struct Limits {
@@ -56,4 +56,4 @@ void set_limits(const Limits &topic, const Limits &pipeline);
 // Forgets loads and limits; the runtime's end.
 void reset();
 
-}  // namespace cgst
+}  // namespace host::cgst

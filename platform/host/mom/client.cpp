@@ -7,11 +7,11 @@
 #include "libcgstctrl.h"
 #include "qx_mom.h"
 
-namespace mom {
+namespace host::mom {
 
 namespace {
 
-using host::fault::Point;
+using fault::Point;
 
 constexpr int kNotConnected = -1;
 constexpr int kMalformed = -4;
@@ -36,7 +36,7 @@ Database *database_of(qx_global *global, std::int32_t number) {
 
 Call resolve(Point point, qx_global *global, std::int32_t number, const ProtobufCMessage *record, Needs needs, Link link) {
   Call call;
-  if ((call.code = host::fault::check(point)) != 0) return call;
+  if ((call.code = fault::check(point)) != 0) return call;
   call.code = kMalformed;
   call.db = database_of(global, number);
   if (!call.db || !record) return call;
@@ -69,9 +69,9 @@ int told(const Call &call, const ProtobufCMessage *record, bool deletes, int res
 
 }  // namespace
 
-}  // namespace mom
+}  // namespace host::mom
 
-using namespace mom;
+using namespace host::mom;
 
 int qx_mom_client_connect_sync(qx_global *global, std::int32_t db) {
   if (const int rv = host::fault::check(Point::mom_connect_sync)) return rv;

@@ -1,6 +1,6 @@
 #include "host/mom/database.h"
 
-namespace mom {
+namespace host::mom {
 
 Slot &Database::slot(const RecordType &type) {
   if (slots.size() <= type.id()) slots.resize(type.id() + 1);
@@ -9,4 +9,4 @@ Slot &Database::slot(const RecordType &type) {
   return *slot;
 }
 
-}  // namespace mom
+}  // namespace host::mom

@@ -10,7 +10,7 @@
 #include "host/mom/record/record_type.h"
 #include "qx_mom.h"
 
-namespace mom {
+namespace host::mom {
 
 struct Database;
 struct Slot;
@@ -74,4 +74,4 @@ struct Database {
   Slot &slot(const RecordType &type);
 };
 
-}  // namespace mom
+}  // namespace host::mom

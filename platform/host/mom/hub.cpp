@@ -7,7 +7,7 @@
 #include "host/log/log.h"
 #include "host/mom/record/render.h"
 
-namespace mom {
+namespace host::mom {
 
 namespace {
 
@@ -76,7 +76,7 @@ void Hub::connected(Database &db) {
   const Database::Connect connect = db.connecting.front();
   db.connecting.erase(db.connecting.begin());
   const int rv = connect.callback(&db, connect.label);
-  if (rv != 0) host::give_up("the connect callback of database " + std::to_string(db.number) + " gave " + std::to_string(rv));
+  if (rv != 0) give_up("the connect callback of database " + std::to_string(db.number) + " gave " + std::to_string(rv));
   give_held_signals();
 }
 
@@ -137,7 +137,7 @@ void Hub::reconnect(Database &db, std::int32_t type) {
   }
   for (std::size_t i = 0; i < db.reconnect.size(); ++i) {
     const int rv = db.reconnect[i](&db, db.number, type);
-    if (rv != 0) host::log::error("the reconnect callback of database {} gave {}", db.number, rv);
+    if (rv != 0) log::error("the reconnect callback of database {} gave {}", db.number, rv);
   }
   if (!up) return;
   for (std::size_t i = 0; i < db.slots.size(); ++i) {
@@ -260,11 +260,11 @@ void free_object(qx_obj *object) {
 void Hub::skip(const char *kind, const std::string &key) {
   const RecordType *type = RecordType::named(std::string_view(key).substr(0, key.find(':')));
   if (skipped_[std::string(type ? type->name() : "foreign") + ": " + kind]++ == 0)
-    host::log::error("database: skipped {}: {} (further ones are only counted)", printable(key, kKeyShown), kind);
+    log::error("database: skipped {}: {} (further ones are only counted)", printable(key, kKeyShown), kind);
 }
 
 void Hub::skip_broken(const Slot &slot, const Key *key) {
   skip("the value is no record of its type", key ? slot.type.text(*key) : std::string(slot.type.name()));
 }
 
-}  // namespace mom
+}  // namespace host::mom

@@ -14,7 +14,7 @@
 #include "host/mom/turn_queue.h"
 #include "qx_mom.h"
 
-namespace mom {
+namespace host::mom {
 
 class Hub final : public StoreEvents {
  public:
@@ -100,4 +100,4 @@ void free_object(qx_obj *object);
 // The process's hub; null while there is no runtime.
 Hub *hub();
 
-}  // namespace mom
+}  // namespace host::mom

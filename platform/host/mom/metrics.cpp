@@ -6,14 +6,14 @@
 #include "host/mom/hub.h"
 #include "host/mom/redis/round_trips.h"
 
-namespace mom {
+namespace host::mom {
 namespace {
 
-using host::metrics::Kind;
-using host::metrics::Page;
+using metrics::Kind;
+using metrics::Page;
 
 template <typename Value>
-void each_wanted(Page &page, const Hub &hub, const host::metrics::Family &family, Value value) {
+void each_wanted(Page &page, const Hub &hub, const metrics::Family &family, Value value) {
   page.begin(family);
   for (const Database &db : hub.databases())
     if (db.wanted) page.sample(value(db), {{"database", std::to_string(db.number)}});
@@ -60,7 +60,7 @@ void write_round_trips(Page &page) {
 }  // namespace
 
 void register_metrics(Hub &hub) {
-  host::metrics::add_source([&hub](Page &page) {
+  metrics::add_source([&hub](Page &page) {
     write_databases(page, hub);
     write_writes(page, hub);
     write_reading(page, hub);
@@ -68,4 +68,4 @@ void register_metrics(Hub &hub) {
   });
 }
 
-}  // namespace mom
+}  // namespace host::mom

@@ -1,10 +1,10 @@
 // The database's metrics: connections, writes, notifications, round trips. Loop's thread.
 #pragma once
 
-namespace mom {
+namespace host::mom {
 
 class Hub;
 
 void register_metrics(Hub &hub);
 
-}  // namespace mom
+}  // namespace host::mom

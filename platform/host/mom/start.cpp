@@ -12,7 +12,7 @@
 #include "host/mom/testing.h"
 #include "host/mom/views.h"
 
-namespace mom {
+namespace host::mom {
 
 namespace {
 
@@ -22,7 +22,7 @@ constexpr std::uint64_t kPipelineFactor = 2;
 Hub *living = nullptr;  // from qx_global_init to qx_global_finish; deliberately leaked by a process that exits inside a callback
 
 // Returns "" or why there is no store.
-std::string choose_store(Hub &hub, const host::Config::Mom &mom) {
+std::string choose_store(Hub &hub, const Config::Mom &mom) {
   if (mom.url == "embedded:") {
     hub.adopt(std::make_unique<Embedded>(hub, hub.later()));
     return "";
@@ -38,20 +38,20 @@ std::string choose_store(Hub &hub, const host::Config::Mom &mom) {
 // Runs at qx_global_init, or earlier when another service of the host connects in its own start.
 int start(qx_global *) {
   if (living) return 0;
-  const auto &mom = host::config().mom;
+  const auto &mom = config().mom;
   const auto whole = [](std::uint64_t topic) {
     return topic > UINT64_MAX / kPipelineFactor ? UINT64_MAX : kPipelineFactor * topic;
   };
   cgst::set_limits({mom.high_water_writes, mom.high_water_bytes}, {whole(mom.high_water_writes), whole(mom.high_water_bytes)});
   auto hub = std::make_unique<Hub>();
   if (const std::string why = choose_store(*hub, mom); !why.empty()) {
-    host::start_error(why);
+    start_error(why);
     return -1;
   }
   living = hub.release();
   register_views(*living);
   register_metrics(*living);
-  host::at_finish([] {
+  at_finish([] {
     delete std::exchange(living, nullptr);
     cgst::reset();
   });
@@ -59,15 +59,15 @@ int start(qx_global *) {
 }
 
 [[maybe_unused]] const bool registered = [] {
-  host::at_start("object database", start);
+  at_start("object database", start);
   return true;
 }();
 
 }  // namespace
 
 Hub *hub() {
-  host::assert_loop_thread();
-  if (!living && host::current_global()) start(host::current_global());
+  assert_loop_thread();
+  if (!living && current_global()) start(current_global());
   return living;
 }
 
@@ -95,4 +95,4 @@ std::uint64_t skipped() {
 
 }  // namespace testing
 
-}  // namespace mom
+}  // namespace host::mom

@@ -16,7 +16,7 @@
 #include "host/mom/database.h"
 #include "qx_mom.h"
 
-namespace mom {
+namespace host::mom {
 
 // Added to the expiry of a whole type for each of its objects: several times what a rewrite takes, so that the expiry never
 // overtakes a client that renews a large type object by object.
@@ -109,4 +109,4 @@ class Store {
   virtual void provoke_reconnect(Database &, std::int32_t) {}
 };
 
-}  // namespace mom
+}  // namespace host::mom

@@ -5,7 +5,7 @@
 #include <span>
 #include <string_view>
 
-namespace mom::testing {
+namespace host::mom::testing {
 
 // Has the connection of `db` report a reconnect of `type` (qx_mom.h) in a later turn of the loop. 0 and 3 leave the database
 // disconnected, 1 and 2 connected; 1 empties the store.
@@ -17,4 +17,4 @@ bool put_raw(std::int32_t db, std::string_view key, std::span<const std::uint8_t
 // The number of values and notifications skipped as unusable so far.
 std::uint64_t skipped();
 
-}  // namespace mom::testing
+}  // namespace host::mom::testing

@@ -6,7 +6,7 @@
 
 #include "host/base/loop.h"
 
-namespace mom {
+namespace host::mom {
 
 namespace {
 
@@ -30,12 +30,12 @@ void TurnQueue::act(std::function<void()> action) {
 // A timer of length 0 instead of event_active(): an event activated from a callback runs in the same turn and would starve
 // sockets.
 void TurnQueue::wake() {
-  host::assert_loop_thread();
+  assert_loop_thread();
   if (awake_) return;
   if (!turn_) {
-    event_base *base = host::loop_base();
+    event_base *base = loop_base();
     if (!base) return;
-    turn_ = host::make_event<&TurnQueue::run>(base, *this);
+    turn_ = make_event<&TurnQueue::run>(base, *this);
   }
   const timeval now{};
   awake_ = turn_ && evtimer_add(turn_.get(), &now) == 0;
@@ -65,4 +65,4 @@ void TurnQueue::run() {
   if (!queue_.empty()) wake();
 }
 
-}  // namespace mom
+}  // namespace host::mom

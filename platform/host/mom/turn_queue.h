@@ -10,7 +10,7 @@
 #include "host/mom/record/object.h"
 #include "host/mom/store.h"
 
-namespace mom {
+namespace host::mom {
 
 class TurnQueue {
  public:
@@ -37,8 +37,8 @@ class TurnQueue {
 
   StoreEvents &events_;
   std::deque<Item> queue_;
-  host::EventOwner turn_;
+  EventOwner turn_;
   bool awake_ = false;
 };
 
-}  // namespace mom
+}  // namespace host::mom

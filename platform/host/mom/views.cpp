@@ -16,11 +16,11 @@
 #include "host/mom/hub.h"
 #include "host/mom/record/render.h"
 
-namespace mom {
+namespace host::mom {
 
 namespace {
 
-using host::control::Refusal;
+using control::Refusal;
 
 constexpr std::size_t kListMax = 1000;  // keys or records in one answer, unless the request names another limit
 constexpr std::size_t kGetMax = 100;    // keys in one request; each costs the loop one round trip
@@ -68,7 +68,7 @@ Json stats(Hub &hub) {
                        {"subscribers", held->subscribers}});
     }
   }
-  return {{"store", hub.store().kind()}, {"url", host::config().mom.url}, {"types", std::move(types)}};
+  return {{"store", hub.store().kind()}, {"url", config().mom.url}, {"types", std::move(types)}};
 }
 
 Json client(Hub &hub) {
@@ -95,12 +95,8 @@ std::string why_away(const Hub &hub) {
 // A process that needs its databases for itself is on standby until it has them.
 Json status(Hub &hub) {
   const bool stands_by = std::ranges::any_of(hub.databases(), [](const Database &db) { return db.exclusive && !db.up; });
-  return {{"store", hub.store().kind()},
-          {"url", host::masked(host::config().mom.url)},
-          {"role", stands_by ? "standby" : "active"},
-          {"error", why_away(hub)},
-          {"client", client(hub)},
-          {"in_flight", cgst::pipeline().writes}};
+  return {{"store", hub.store().kind()}, {"url", masked(config().mom.url)}, {"role", stands_by ? "standby" : "active"},
+          {"error", why_away(hub)},      {"client", client(hub)},           {"in_flight", cgst::pipeline().writes}};
 }
 
 const RecordType &type_argument(std::string_view name) {
@@ -223,7 +219,7 @@ std::uint64_t wall_clock_us() {
 
 class Changes final : public Watcher {
  public:
-  explicit Changes(host::control::Push push) : push_(std::move(push)) {}
+  explicit Changes(control::Push push) : push_(std::move(push)) {}
 
   // Sets the number of slots watched; called before the first can be live.
   void expect(std::size_t slots) { slots_ = slots; }
@@ -245,7 +241,7 @@ class Changes final : public Watcher {
   }
 
  private:
-  host::control::Push push_;
+  control::Push push_;
   std::size_t slots_ = 0;
   std::size_t live_ = 0;
 };
@@ -273,7 +269,7 @@ nlohmann::ordered_json query(Hub &hub, const nlohmann::json &args) {
   throw Refusal("no op '" + op + "'; there are stats, client, ls, scan and get");
 }
 
-std::shared_ptr<void> watch(Hub &hub, const nlohmann::json &args, host::control::Push push) {
+std::shared_ptr<void> watch(Hub &hub, const nlohmann::json &args, control::Push push) {
   std::vector<const RecordType *> types = RecordType::all();
   if (args.contains("type")) types = {&type_argument(args.at("type").get<std::string>())};
   auto changes = std::make_shared<Changes>(std::move(push));
@@ -302,12 +298,12 @@ nlohmann::ordered_json decode_change(const nlohmann::json &change) {
 }
 
 void register_views(Hub &hub) {
-  host::control::register_status("database", [&hub] { return status(hub); });
-  host::health::add_check(host::health::Kind::ready, "database", [&hub] { return why_away(hub); });
-  host::control::register_view("congestion", [&hub](const nlohmann::json &) { return congestion(hub); });
-  host::control::register_view("mom", [&hub](const nlohmann::json &args) { return query(hub, args); });
-  host::control::register_feed(
-      "mom", [&hub](const nlohmann::json &args, host::control::Push push) { return watch(hub, args, std::move(push)); });
+  control::register_status("database", [&hub] { return status(hub); });
+  health::add_check(health::Kind::ready, "database", [&hub] { return why_away(hub); });
+  control::register_view("congestion", [&hub](const nlohmann::json &) { return congestion(hub); });
+  control::register_view("mom", [&hub](const nlohmann::json &args) { return query(hub, args); });
+  control::register_feed("mom",
+                         [&hub](const nlohmann::json &args, control::Push push) { return watch(hub, args, std::move(push)); });
 }
 
-}  // namespace mom
+}  // namespace host::mom

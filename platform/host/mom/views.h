@@ -17,7 +17,7 @@
 
 #include "host/control/control.h"
 
-namespace mom {
+namespace host::mom {
 
 class Hub;
 
@@ -30,9 +30,9 @@ nlohmann::ordered_json query(Hub &hub, const nlohmann::json &args);
 // Feeds `push` with changes until the result is released: first {"live": N} once N types are watched, then
 // {"at_us", "db", "type", "change", "packed"} for each, with "key" where the store knows it. The record stays packed because its
 // reader has more time to decode it than the loop.
-std::shared_ptr<void> watch(Hub &hub, const nlohmann::json &args, host::control::Push push);
+std::shared_ptr<void> watch(Hub &hub, const nlohmann::json &args, control::Push push);
 
 // A change of the feed in readable form: {"at", "db", "change", "key", "record"}; "record" says so where the bytes are none.
 nlohmann::ordered_json decode_change(const nlohmann::json &change);
 
-}  // namespace mom
+}  // namespace host::mom

@@ -10,7 +10,7 @@ int rdnd_lib_mom_reg(const rdnd_lib_reg *reg) {
   if (!reg || !reg->name || !reg->role_cb || !reg->state_cb) return QX_INVALID;
   if (const int rv = host::fault::check(host::fault::Point::rdnd_reg)) return rv;
   for (std::size_t n = 0; n < reg->db_count; ++n)
-    if (mom::Database *db = mom::hub() ? mom::hub()->database(reg->dbs[n]) : nullptr) db->exclusive = true;
+    if (host::mom::Database *db = host::mom::hub() ? host::mom::hub()->database(reg->dbs[n]) : nullptr) db->exclusive = true;
   host::post([name = std::string(reg->name), take_up = reg->role_cb] {
     if (const int rv = take_up(nullptr, nullptr); rv != 0)
       host::give_up(name + " did not take up its work (" + std::to_string(rv) + ")");

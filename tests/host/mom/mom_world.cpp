@@ -28,7 +28,7 @@ void HostProcess::pass(std::chrono::milliseconds ms) {
 
 void HostProcess::put_raw(std::int32_t db, const std::string &key, const std::string &bytes) {
   if (!server_) {
-    ASSERT_TRUE(mom::testing::put_raw(db, key, {reinterpret_cast<const std::uint8_t *>(bytes.data()), bytes.size()}));
+    ASSERT_TRUE(host::mom::testing::put_raw(db, key, {reinterpret_cast<const std::uint8_t *>(bytes.data()), bytes.size()}));
     return;
   }
   const std::string type = key.substr(0, key.find(':')), member = key.substr(type.size() + 1);
@@ -37,7 +37,7 @@ void HostProcess::put_raw(std::int32_t db, const std::string &key, const std::st
 
 bool HostProcess::cut_connections(std::int32_t db) {
   for (std::int32_t type : {0, 3, 2}) {
-    if (!server_) mom::testing::provoke_reconnect(db, type);
+    if (!server_) host::mom::testing::provoke_reconnect(db, type);
   }
   for (const char *type : {"normal", "pubsub"}) {
     if (server_) server_->command({"CLIENT", "KILL", "TYPE", type});

@@ -10,7 +10,7 @@
 
 namespace {
 
-using namespace mom;
+using namespace host::mom;
 
 void require(bool holds) {
   if (!holds) std::abort();

@@ -326,11 +326,11 @@ TEST(MomHub, NoDataFetchSignalComesBeforeEveryDatabaseIsBack) {
   world.connect_all();
   world.watch<0>(Flow::kType);
   world.forget();
-  mom::testing::provoke_reconnect(4, 0);
-  for (std::int32_t type : {0, 2}) mom::testing::provoke_reconnect(8, type);
+  host::mom::testing::provoke_reconnect(4, 0);
+  for (std::int32_t type : {0, 2}) host::mom::testing::provoke_reconnect(8, type);
   world.settle();
   EXPECT_EQ(count(29), 0u);
-  mom::testing::provoke_reconnect(4, 2);
+  host::mom::testing::provoke_reconnect(4, 2);
   EXPECT_TRUE(run_until([] { return count(29) == 1; }));
 }
 
@@ -384,7 +384,7 @@ TEST_F(MomRedis, ForeignAndBrokenContentsAreSkippedAndCounted) {
   Flow flow(1);
   ASSERT_EQ(world->set(flow), 0);
   world->forget();
-  const std::uint64_t before = mom::testing::skipped();
+  const std::uint64_t before = host::mom::testing::skipped();
   ASSERT_EQ(admin({"SADD", "s_policy_kelim.flow", "2:0", "3:0", "4:0", "x", "1:0:0", "%", "", std::string("\0\xff", 2)}), "8");
   ASSERT_EQ(admin({"RPUSH", "s_policy_kelim.flow:2:0", "a list"}), "1");
   ASSERT_EQ(admin({"SET", "s_policy_kelim.flow:3:0", "short"}), "OK");
@@ -402,14 +402,14 @@ TEST_F(MomRedis, ForeignAndBrokenContentsAreSkippedAndCounted) {
   world->settle();
   EXPECT_EQ(trace(recorders[0].seen), "1:1 1:2");  // the good ones, nothing of the others
   // 13 notifications, five members and a value in the scan, two values asked for.
-  EXPECT_EQ(mom::testing::skipped(), before + 21);
+  EXPECT_EQ(host::mom::testing::skipped(), before + 21);
 
   // Others' keys cost a line however many there are.
   for (int i = 1; i <= 300; ++i) {
     ASSERT_EQ(admin({"SET", "session\r\n" + std::to_string(i), "x", "PX", "1"}), "OK");
     ASSERT_EQ(admin({"SET", "session\r\n:" + std::to_string(i), "x", "PX", "1"}), "OK");
   }
-  ASSERT_TRUE(run_until([&] { return mom::testing::skipped() == before + 621; }));
+  ASSERT_TRUE(run_until([&] { return host::mom::testing::skipped() == before + 621; }));
   EXPECT_TRUE(reconnects.empty());
   // Each kind once, with the key that it was met at first.
   for (const auto &[key, kind] : std::initializer_list<std::pair<const char *, const char *>>{

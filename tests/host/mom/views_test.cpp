@@ -126,7 +126,7 @@ TEST_P(MomWatch, ShowsEveryChangeWhateverItIsUntilItIsLetGo) {
   world.connect_all();
   ASSERT_EQ(qx_mom_client_set_reconnect_cb(world.global(), 8, note_reconnect, nullptr), 0);
   std::vector<Json> lines;
-  auto watching = mom::watch(*mom::hub(), {{"db", 8}}, [&](const auto &line) { lines.push_back(Json(line())); });
+  auto watching = host::mom::watch(*host::mom::hub(), {{"db", 8}}, [&](const auto &line) { lines.push_back(Json(line())); });
   ASSERT_TRUE(run_until([&] { return !lines.empty(); }));
   EXPECT_EQ(lines[0], (Json{{"live", 11}}));  // the types of the schema
 
@@ -149,7 +149,7 @@ TEST_P(MomWatch, ShowsEveryChangeWhateverItIsUntilItIsLetGo) {
   world.settle();
   std::string shown;
   for (std::size_t i = 1; i < lines.size(); ++i) {
-    const Json change = mom::decode_change(lines[i]);
+    const Json change = host::mom::decode_change(lines[i]);
     const bool broken = change.at("record").contains("broken");
     shown += change.at("db").dump() + " " + change.value("change", "") + " " + (broken ? "" : change.value("key", "")) + " " +
              change.at("record").dump() + "\n";

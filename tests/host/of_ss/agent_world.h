@@ -133,12 +133,12 @@ class AgentTest : public RuntimeTest {
     }
     key.flow_index = 0;
     ASSERT_EQ(qx_mom_publish(global, QX_MOM_UDP_DB, &counter.base, 0, 0), 0);
-    ASSERT_TRUE(until([] { return mom::hub()->later().size() == 0; }));
+    ASSERT_TRUE(until([] { return host::mom::hub()->later().size() == 0; }));
   }
   // Whether the database is there, before the next call.
   void connect_again(bool up) {
-    mom::testing::provoke_reconnect(QX_MOM_UDP_DB, up ? 2 : 0);
-    ASSERT_TRUE(until([up] { return mom::hub()->all_up() == up; }));
+    host::mom::testing::provoke_reconnect(QX_MOM_UDP_DB, up ? 2 : 0);
+    ASSERT_TRUE(until([up] { return host::mom::hub()->all_up() == up; }));
   }
   void store_answer(std::uint64_t index, SPolicyKelim__StatusE status = S_POLICY_KELIM__STATUS_E__STATUS_INSTALLED) {
     SPolicyKelim__FlowSta answer = S_POLICY_KELIM__FLOW_STA__INIT;

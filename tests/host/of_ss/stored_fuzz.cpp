@@ -103,8 +103,8 @@ void store_all(Bytes input) {
 
 void clear() {
   for (const std::int32_t db : {QX_MOM_APP_DB, QX_MOM_UDP_DB})
-    mom::hub()->store().provoke_reconnect(*mom::hub()->database(db), 1);
-  host::run_until([] { return mom::hub()->later().size() == 0; }, kPatience);
+    host::mom::hub()->store().provoke_reconnect(*host::mom::hub()->database(db), 1);
+  host::run_until([] { return host::mom::hub()->later().size() == 0; }, kPatience);
 }
 
 // ---- the agent

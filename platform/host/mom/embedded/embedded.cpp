@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <chrono>
 
-namespace mom {
+namespace host::mom {
 
 namespace {
 
@@ -68,14 +68,14 @@ void Embedded::arm() {
     if (!table->own.empty()) earlier(table->own.first().first);
   }
   if (next) {
-    timer_.arm(std::max(*next - host::clock::now(), Time::zero()));
+    timer_.arm(std::max(*next - clock::now(), Time::zero()));
   } else {
     timer_.cancel();
   }
 }
 
 void Embedded::sweep() {
-  const Time now = host::clock::now();
+  const Time now = clock::now();
   for (const auto &table : tables_) {
     sweep_own(*table, now);
     if (table->deadline && now >= *table->deadline && sweep_template(*table)) set_deadline(*table, std::nullopt);
@@ -110,7 +110,7 @@ bool Embedded::sweep_template(Table &table) {
 
 int Embedded::pexpire(Slot &slot, const Key *key, std::uint32_t ms, qx_mom_done_cb done) {
   Table &table = this->table(slot);
-  const Time due = host::clock::now() + std::chrono::milliseconds(ms);
+  const Time due = clock::now() + std::chrono::milliseconds(ms);
   if (!key) {
     drop_own(table);
     ++table.generation;
@@ -267,4 +267,4 @@ void Embedded::provoke_reconnect(Database &db, std::int32_t type) {
   }
 }
 
-}  // namespace mom
+}  // namespace host::mom

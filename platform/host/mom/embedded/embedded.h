@@ -17,7 +17,7 @@
 #include "host/mom/store.h"
 #include "host/mom/turn_queue.h"
 
-namespace mom {
+namespace host::mom {
 
 class Embedded final : public Store {
  public:
@@ -43,7 +43,7 @@ class Embedded final : public Store {
   void provoke_reconnect(Database &db, std::int32_t type) override;
 
  private:
-  using Time = host::clock::Time;
+  using Time = clock::Time;
   struct Table {
     Slot &slot;
     SortedIndex index;
@@ -72,7 +72,7 @@ class Embedded final : public Store {
   TurnQueue &later_;
   std::deque<std::unique_ptr<Table>> tables_;
   std::vector<std::vector<Table *>> by_slot_;  // by database, by RecordType::id()
-  host::Timer timer_;
+  Timer timer_;
 };
 
-}  // namespace mom
+}  // namespace host::mom

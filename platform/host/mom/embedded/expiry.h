@@ -7,11 +7,11 @@
 #include "host/base/clock.h"
 #include "host/mom/record/key.h"
 
-namespace mom {
+namespace host::mom {
 
 class Expiry {
  public:
-  using Time = host::clock::Time;
+  using Time = clock::Time;
 
   void set(const Key &key, Time due) {
     clear(key);
@@ -38,4 +38,4 @@ class Expiry {
   std::set<std::pair<Time, Key>> by_time_;
 };
 
-}  // namespace mom
+}  // namespace host::mom

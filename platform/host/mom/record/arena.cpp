@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <new>
 
-namespace mom {
+namespace host::mom {
 
 void *Arena::allocate(std::size_t size) {
   size = (size + alignof(std::max_align_t) - 1) & ~(alignof(std::max_align_t) - 1);
@@ -32,4 +32,4 @@ void Arena::rewind(std::size_t block, std::size_t used) {
   while (blocks_.size() > block + 1 && blocks_.back().size > kBlockSize) blocks_.pop_back();
 }
 
-}  // namespace mom
+}  // namespace host::mom

@@ -9,7 +9,7 @@
 #include <memory>
 #include <vector>
 
-namespace mom {
+namespace host::mom {
 
 class Arena {
  public:
@@ -48,4 +48,4 @@ class Arena {
                                 [](void *, void *) {}, this};
 };
 
-}  // namespace mom
+}  // namespace host::mom

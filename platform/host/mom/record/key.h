@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <string>
 
-namespace mom {
+namespace host::mom {
 
 struct KeyHead {
   std::uint64_t high = 0;
@@ -26,4 +26,4 @@ struct Key {
 inline constexpr std::size_t kKeyHeadSize = 16;
 inline constexpr std::size_t kKeyTailMax = 4096;  // a longer key is a malformed argument
 
-}  // namespace mom
+}  // namespace host::mom

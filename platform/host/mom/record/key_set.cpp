@@ -2,7 +2,7 @@
 
 #include <utility>
 
-namespace mom {
+namespace host::mom {
 namespace {
 
 constexpr std::size_t kSmallest = 32;
@@ -88,4 +88,4 @@ void KeySet::erase(const Key &key) {
   }
 }
 
-}  // namespace mom
+}  // namespace host::mom

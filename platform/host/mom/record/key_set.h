@@ -9,7 +9,7 @@
 
 #include "host/mom/record/key.h"
 
-namespace mom {
+namespace host::mom {
 
 class KeySet {
  public:
@@ -42,4 +42,4 @@ class KeySet {
   std::set<Key> others_;
 };
 
-}  // namespace mom
+}  // namespace host::mom

@@ -12,7 +12,7 @@
 
 #include "host/mom/record/record_type.h"
 
-namespace mom {
+namespace host::mom {
 
 struct Object {
   std::uint32_t size : 31;       // of the packed record
@@ -75,4 +75,4 @@ class ObjectRef {
   Object *object_ = nullptr;
 };
 
-}  // namespace mom
+}  // namespace host::mom

@@ -5,7 +5,7 @@
 #include <memory>
 #include <span>
 
-namespace mom {
+namespace host::mom {
 
 namespace {
 
@@ -142,4 +142,4 @@ std::optional<std::size_t> PackBound::of(const ProtobufCMessage &record) const {
   return total;
 }
 
-}  // namespace mom
+}  // namespace host::mom

@@ -8,7 +8,7 @@
 #include <optional>
 #include <vector>
 
-namespace mom {
+namespace host::mom {
 
 class PackBound {
  public:
@@ -34,4 +34,4 @@ class PackBound {
   bool plain_ = true;  // false: uses a feature (oneof) that only protobuf-c's own size pass handles
 };
 
-}  // namespace mom
+}  // namespace host::mom

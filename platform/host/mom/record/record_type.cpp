@@ -11,7 +11,7 @@
 #include "s_cluster.pb-c.h"
 #include "s_policy_kelim.pb-c.h"
 
-namespace mom {
+namespace host::mom {
 
 namespace {
 
@@ -389,4 +389,4 @@ std::optional<Bytes> RecordType::pack(const ProtobufCMessage &record) const {
   return Bytes(scratch.data(), protobuf_c_message_pack(&record, scratch.data()));
 }
 
-}  // namespace mom
+}  // namespace host::mom

@@ -16,7 +16,7 @@
 #include "host/mom/record/key.h"
 #include "host/mom/record/pack_bound.h"
 
-namespace mom {
+namespace host::mom {
 
 using Bytes = std::span<const std::uint8_t>;
 
@@ -84,4 +84,4 @@ class RecordType {
   const PackBound *bound_ = nullptr;
 };
 
-}  // namespace mom
+}  // namespace host::mom

@@ -12,7 +12,7 @@
 #include "p_libpub.pb-c.h"
 #include "s_policy_kelim.pb-c.h"
 
-namespace mom {
+namespace host::mom {
 
 namespace {
 
@@ -228,4 +228,4 @@ std::optional<std::vector<std::uint8_t>> unhex(std::string_view text) {
   return text.size() % 2 == 0 ? std::optional(std::move(bytes)) : std::nullopt;
 }
 
-}  // namespace mom
+}  // namespace host::mom

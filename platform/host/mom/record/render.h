@@ -13,7 +13,7 @@
 
 #include "host/mom/record/record_type.h"
 
-namespace mom {
+namespace host::mom {
 
 using Json = nlohmann::ordered_json;
 
@@ -27,4 +27,4 @@ std::string printable(std::string_view bytes, std::size_t most = SIZE_MAX);
 std::string hex(Bytes bytes, std::string_view between = "");
 std::optional<std::vector<std::uint8_t>> unhex(std::string_view text);
 
-}  // namespace mom
+}  // namespace host::mom

@@ -1,6 +1,6 @@
 #include "host/mom/record/sorted_index.h"
 
-namespace mom {
+namespace host::mom {
 
 namespace {
 
@@ -165,4 +165,4 @@ void SortedIndex::clear() {
   ++version_;
 }
 
-}  // namespace mom
+}  // namespace host::mom

@@ -12,7 +12,7 @@
 
 #include "host/mom/record/object.h"
 
-namespace mom {
+namespace host::mom {
 
 class SortedIndex {
  public:
@@ -79,4 +79,4 @@ class SortedIndex {
   std::uint64_t version_ = 0;
 };
 
-}  // namespace mom
+}  // namespace host::mom

@@ -11,7 +11,7 @@
 #include "host/config/text.h"
 #include "host/tls/tls.h"
 
-namespace mom {
+namespace host::mom {
 
 namespace {
 
@@ -31,7 +31,7 @@ constexpr Scheme kSchemes[] = {{"redis+unix:", Form::path, false},
                                {"rediss+sentinel://", Form::sentinels, true}};
 
 std::string bad_url(const std::string &url, const std::string &why) {
-  return "mom.url '" + host::masked(url) + "': " + why;
+  return "mom.url '" + masked(url) + "': " + why;
 }
 
 // "HOST[:PORT]", with the host in brackets if it contains colons.
@@ -40,9 +40,9 @@ bool parse_address(std::string_view text, std::string *host, int *port) {
   if (bracket == std::string_view::npos) return false;
   const std::size_t colon = text.find(':', bracket);
   if (colon != std::string_view::npos) {
-    const auto number = host::number(text.substr(colon + 1));
-    if (!number || *number == 0 || *number > 65535) return false;
-    *port = static_cast<int>(*number);
+    const auto parsed = number(text.substr(colon + 1));
+    if (!parsed || *parsed == 0 || *parsed > 65535) return false;
+    *port = static_cast<int>(*parsed);
   }
   *host = text.substr(0, colon);
   if (host->starts_with('[') && host->ends_with(']')) *host = host->substr(1, host->size() - 2);
@@ -54,7 +54,7 @@ bool parse_sentinels(std::string_view text, Endpoint *endpoint) {
   const std::size_t slash = text.find('/');
   if (slash == std::string_view::npos) return false;
   endpoint->master = text.substr(slash + 1);
-  for (const std::string &address : host::split(text.substr(0, slash), ",")) {
+  for (const std::string &address : split(text.substr(0, slash), ",")) {
     Endpoint &sentinel = endpoint->sentinels.emplace_back();
     sentinel.port = kSentinelPort;
     if (!parse_address(address, &sentinel.host, &sentinel.port)) return false;
@@ -107,14 +107,14 @@ std::string parse_endpoint(const std::string &url, Endpoint *endpoint) {
   return "";
 }
 
-std::string configured_endpoint(const host::Config::Mom &config, Endpoint *endpoint) {
+std::string configured_endpoint(const Config::Mom &config, Endpoint *endpoint) {
   std::string why = parse_endpoint(config.url, endpoint);
   endpoint->password = config.password;
   if (why.empty() && !config.password_file.empty()) why = read_password(config.password_file, &endpoint->password);
   if (!why.empty() || !endpoint->secure) return why;
   if (!config.tls_server_name.empty()) endpoint->server_name = config.tls_server_name;
   if (config.tls_ca.empty()) return bad_url(config.url, "needs mom.tls_ca, the authorities that the server is checked against");
-  endpoint->tls = host::tls::load(config.tls_cert, config.tls_key, config.tls_ca, why);
+  endpoint->tls = tls::load(config.tls_cert, config.tls_key, config.tls_ca, why);
   for (Endpoint &sentinel : endpoint->sentinels) {
     sentinel.tls = endpoint->tls;
     if (!config.tls_server_name.empty()) sentinel.server_name = config.tls_server_name;
@@ -158,7 +158,7 @@ std::vector<std::string_view> master_question(const Endpoint &endpoint) {
 std::string take_master(const redisReply *reply, Endpoint *endpoint) {
   if (is_error(reply)) return std::string(text_of(reply));
   const bool known = reply->type == REDIS_REPLY_ARRAY && reply->elements == 2;
-  const auto port = known ? host::number(text_of(reply->element[1])) : std::nullopt;
+  const auto port = known ? number(text_of(reply->element[1])) : std::nullopt;
   if (!port || *port == 0 || *port > 65535) return "the sentinel does not know it";
   endpoint->host = text_of(reply->element[0]);
   endpoint->port = static_cast<int>(*port);
@@ -224,4 +224,4 @@ void append_command(std::string &out, std::span<const std::string_view> argument
   for (const std::string_view argument : arguments) append_argument(out, {argument});
 }
 
-}  // namespace mom
+}  // namespace host::mom

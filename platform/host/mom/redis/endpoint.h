@@ -12,7 +12,7 @@
 
 #include "host/config/config.h"
 
-namespace mom {
+namespace host::mom {
 
 struct Endpoint {
   std::string url;   // as configured, for messages
@@ -39,7 +39,7 @@ struct Endpoint {
 std::string parse_endpoint(const std::string &url, Endpoint *endpoint);
 
 // The configured endpoint, with password and certificates read from their files. Returns "" or what is wrong.
-std::string configured_endpoint(const host::Config::Mom &config, Endpoint *endpoint);
+std::string configured_endpoint(const Config::Mom &config, Endpoint *endpoint);
 
 // The command that logs in; empty when there is no password.
 std::vector<std::string_view> login(const Endpoint &endpoint);
@@ -111,4 +111,4 @@ inline void append_command(std::string &out, Arguments arguments) {
   append_command(out, std::span(arguments.begin(), arguments.size()));
 }
 
-}  // namespace mom
+}  // namespace host::mom

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-namespace mom {
+namespace host::mom {
 
 namespace {
 
@@ -67,4 +67,4 @@ std::optional<Notification> Notification::take(std::string_view &payload) {
   return notification;
 }
 
-}  // namespace mom
+}  // namespace host::mom

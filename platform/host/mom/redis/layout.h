@@ -9,7 +9,7 @@
 
 #include "host/mom/store.h"
 
-namespace mom {
+namespace host::mom {
 
 std::string_view as_text(Bytes bytes);
 Bytes as_bytes(std::string_view text);
@@ -34,4 +34,4 @@ struct Notification {
   static std::optional<Notification> take(std::string_view &payload);
 };
 
-}  // namespace mom
+}  // namespace host::mom

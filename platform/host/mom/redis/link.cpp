@@ -7,7 +7,7 @@
 #include "host/log/log.h"
 #include "host/mom/redis/scripts.h"
 
-namespace mom {
+namespace host::mom {
 
 namespace {
 
@@ -220,16 +220,15 @@ void RedisLink::widen_subscriber_buffers(const redisReply *reply) {
   const long hard = at == std::string::npos ? 0 : std::strtol(limits.c_str() + at + 7, nullptr, 10);
   if (at != std::string::npos && (hard == 0 || hard >= kSubscriberBufferMin)) return;
   writer_.send({"CONFIG", "SET", "client-output-buffer-limit", kSubscriberBuffers}, [](const redisReply *set) {
-    if (set && is_error(set)) host::log::warn("database: the server keeps its small buffers for subscribers: {}", text_of(set));
+    if (set && is_error(set)) log::warn("database: the server keeps its small buffers for subscribers: {}", text_of(set));
   });
 }
 
 // Nobody would notice that evicted objects are missing.
 void RedisLink::warn_of_eviction(const redisReply *reply) {
   if (!reply || reply->type != REDIS_REPLY_ARRAY || reply->elements != 2 || text_of(reply->element[1]) == "noeviction") return;
-  host::log::error(
-      "database {}: {}: the server may drop objects when its memory is full: maxmemory-policy is {}, noeviction is needed",
-      db_.number, endpoint_.url, text_of(reply->element[1]));
+  log::error("database {}: {}: the server may drop objects when its memory is full: maxmemory-policy is {}, noeviction is needed",
+             db_.number, endpoint_.url, text_of(reply->element[1]));
 }
 
 void RedisLink::greet_subscriber() {
@@ -244,7 +243,7 @@ void RedisLink::greet_subscriber() {
 
 void RedisLink::flushed() {
   if (!is_up()) return;
-  host::log::error("database {}: {}: the server was told to forget everything (FLUSHALL, FLUSHDB)", db_.number, endpoint_.url);
+  log::error("database {}: {}: the server was told to forget everything (FLUSHALL, FLUSHDB)", db_.number, endpoint_.url);
   later_.act([this] {
     events_.unsure();
     store_events_.look_again(db_);
@@ -268,10 +267,10 @@ void RedisLink::come_up() {
   had_ = server_.history;
   const unsigned generation = generation_;
   if (again)
-    host::log::error("database {}: connected again, to {} server process", db_.number,
-                     same        ? "the same"
-                     : successor ? "a following"
-                                 : "another");
+    log::error("database {}: connected again, to {} server process", db_.number,
+               same        ? "the same"
+               : successor ? "a following"
+                           : "another");
   later_.act([this, again, type, generation] {
     if (!is_up() || generation != generation_) return;
     events_.up();
@@ -300,7 +299,7 @@ void RedisLink::fail(const std::string &why) {
   db_.refusing.clear();
   if (was_up) store_events_.disconnected(db_);
   release_all();
-  if (why != last_failure_) host::log::error("database {}: {}: {}", db_.number, endpoint_.url, why);
+  if (why != last_failure_) log::error("database {}: {}: {}", db_.number, endpoint_.url, why);
   last_failure_ = why;
   if (generation_ > 0) {
     const std::int32_t type = was_up ? 0 : 3;
@@ -439,7 +438,7 @@ void RedisLink::go_on(const redisReply *reply) {
 void RedisLink::note_refusal(std::string_view why) {
   if (!db_.refusing.empty()) return;
   db_.refusing = why;
-  host::log::error("database {}: {}: the server refuses writes; what is stored stays: {}", db_.number, endpoint_.url, why);
+  log::error("database {}: {}: the server refuses writes; what is stored stays: {}", db_.number, endpoint_.url, why);
   probe_wait_ = kFirstProbe;
   probe_timer_.arm(probe_wait_);
   later_.act([this] { events_.unsure(); });
@@ -454,7 +453,7 @@ void RedisLink::probe() {
       return;
     }
     db_.refusing.clear();
-    host::log::error("database {}: {}: the server takes writes again", db_.number, endpoint_.url);
+    log::error("database {}: {}: the server takes writes again", db_.number, endpoint_.url);
     later_.act([this] { store_events_.look_again(db_); });
   });
 }
@@ -473,4 +472,4 @@ void RedisLink::subscribe(const std::string &channel) {
   subscriber_.subscribe(channel);
 }
 
-}  // namespace mom
+}  // namespace host::mom

@@ -17,7 +17,7 @@
 #include "host/mom/store.h"
 #include "host/mom/turn_queue.h"
 
-namespace mom {
+namespace host::mom {
 
 // The share of a batch in the writes in flight of `slot`'s topic: released with the batch's last reply, or when the connection
 // ends.
@@ -157,17 +157,17 @@ class RedisLink {
   unsigned generation_ = 0;
   std::string last_failure_;
 
-  host::Timer retry_timer_;
+  Timer retry_timer_;
   std::chrono::milliseconds backoff_;
   std::chrono::steady_clock::time_point came_up_{};
   std::minstd_rand jitter_;
 
-  host::Timer probe_timer_;
+  Timer probe_timer_;
   std::chrono::milliseconds probe_wait_{};
 
-  host::Timer watch_timer_;
+  Timer watch_timer_;
   std::uint64_t answered_before_ = 0;
   unsigned silent_looks_ = 0;  // in a row that found replies due and none received
 };
 
-}  // namespace mom
+}  // namespace host::mom

@@ -13,7 +13,7 @@
 #include "host/base/loop.h"
 #include "host/mom/redis/round_trips.h"
 
-namespace mom {
+namespace host::mom {
 
 namespace {
 
@@ -41,8 +41,8 @@ std::string Pipe::open() {
   ++generation_;
   if (endpoint_.path.empty()) notice_loss(stream_.fd(), dead_after_);
   const auto ready = [](evutil_socket_t, short what, void *self) { static_cast<Pipe *>(self)->ready(what); };
-  readable_.reset(event_new(host::loop_base(), stream_.fd(), EV_READ | EV_PERSIST, ready, this));
-  writable_.reset(event_new(host::loop_base(), stream_.fd(), EV_WRITE, ready, this));
+  readable_.reset(event_new(loop_base(), stream_.fd(), EV_READ | EV_PERSIST, ready, this));
+  writable_.reset(event_new(loop_base(), stream_.fd(), EV_WRITE, ready, this));
   event_add(readable_.get(), nullptr);
   if (const auto arguments = login(endpoint_); !arguments.empty()) {
     send(arguments, [this](const redisReply *reply) {
@@ -160,4 +160,4 @@ bool Pipe::drive(const std::function<bool()> &done, std::chrono::steady_clock::t
   return true;
 }
 
-}  // namespace mom
+}  // namespace host::mom

@@ -11,7 +11,7 @@
 #include "host/base/event_owner.h"
 #include "host/mom/redis/stream.h"
 
-namespace mom {
+namespace host::mom {
 
 class Pipe {
  public:
@@ -67,7 +67,7 @@ class Pipe {
   std::chrono::milliseconds dead_after_;
   std::function<void(const std::string &)> ended_;
   Stream stream_;
-  host::EventOwner readable_, writable_;
+  EventOwner readable_, writable_;
   void time_last();
 
   std::deque<Answer> pending_;  // in the order of the commands; empty for a plain one
@@ -78,4 +78,4 @@ class Pipe {
   unsigned generation_ = 0;  // changes when the connection is opened or closed
 };
 
-}  // namespace mom
+}  // namespace host::mom

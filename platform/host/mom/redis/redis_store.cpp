@@ -7,7 +7,7 @@
 #include "host/base/services.h"
 #include "host/log/log.h"
 
-namespace mom {
+namespace host::mom {
 
 namespace {
 
@@ -25,14 +25,14 @@ constexpr auto kProbeEvery = 50ms;
 
 }  // namespace
 
-RedisStore::RedisStore(StoreEvents &events, TurnQueue &later, Endpoint endpoint, const host::Config::Mom &config)
+RedisStore::RedisStore(StoreEvents &events, TurnQueue &later, Endpoint endpoint, const Config::Mom &config)
     : events_(events),
       later_(later),
       endpoint_(std::move(endpoint)),
       limit_(config.sync_timeout_ms),
       dead_after_(config.dead_after_ms),
       scan_batch_(config.scan_batch) {
-  endpoint_.client = host::runtime_name();
+  endpoint_.client = runtime_name();
 }
 
 RedisStore::~RedisStore() = default;
@@ -80,7 +80,7 @@ int RedisStore::connect_sync(Database &db) {
   SyncConnection &sync = base(db).sync;
   sync.set_deadline(steady_clock::now() + limit_);
   if (const std::string why = sync.open(); !why.empty()) {
-    host::log::error("database {}: {}: {}", db.number, endpoint_.url, why);
+    log::error("database {}: {}: {}", db.number, endpoint_.url, why);
     return -1;
   }
   db.sync_up = true;
@@ -367,7 +367,7 @@ Reply RedisStore::synchronously(Base &base, const std::function<Reply(SyncConnec
   if (base.sync.open().empty() && other_server()) base.sync.close();
   if (!base.sync.open().empty() || other_server()) return nullptr;
   Reply reply = ask(base.sync);
-  if (reply && is_error(reply.get())) host::log::error("database {}: {}", base.db.number, text_of(reply.get()));
+  if (reply && is_error(reply.get())) log::error("database {}: {}", base.db.number, text_of(reply.get()));
   return reply;
 }
 
@@ -617,4 +617,4 @@ void RedisStore::forget_expired(Table &table) {
   }
 }
 
-}  // namespace mom
+}  // namespace host::mom

@@ -37,11 +37,11 @@
 #include "host/mom/store.h"
 #include "host/mom/turn_queue.h"
 
-namespace mom {
+namespace host::mom {
 
 class RedisStore final : public Store {
  public:
-  RedisStore(StoreEvents &events, TurnQueue &later, Endpoint endpoint, const host::Config::Mom &config);
+  RedisStore(StoreEvents &events, TurnQueue &later, Endpoint endpoint, const Config::Mom &config);
   ~RedisStore() override;
 
   // Checks that the server can be used, waiting a little for it to start and longer for it to load its data. Returns "" or why it
@@ -172,4 +172,4 @@ class RedisStore final : public Store {
   std::deque<Base> bases_;
 };
 
-}  // namespace mom
+}  // namespace host::mom

@@ -3,12 +3,12 @@
 
 #include "host/base/histogram.h"
 
-namespace mom {
+namespace host::mom {
 
 struct RoundTrips {
-  host::Histogram piped;     // of pipelined commands; each connection measures one at a time
-  host::Histogram blocking;  // of commands that the loop waits for
+  Histogram piped;     // of pipelined commands; each connection measures one at a time
+  Histogram blocking;  // of commands that the loop waits for
 };
 inline RoundTrips round_trips;
 
-}  // namespace mom
+}  // namespace host::mom

@@ -4,7 +4,7 @@
 
 #include <array>
 
-namespace mom {
+namespace host::mom {
 
 namespace {
 
@@ -149,4 +149,4 @@ std::string_view script_text(std::size_t number) {
   return number < kAll.size() ? kAll[number] : std::string_view();
 }
 
-}  // namespace mom
+}  // namespace host::mom

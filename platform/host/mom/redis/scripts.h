@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-namespace mom {
+namespace host::mom {
 
 struct Script {
   std::string_view text;
@@ -42,4 +42,4 @@ const Script &forget();
 // The text of each script, for loading.
 std::string_view script_text(std::size_t number);  // empty after the last
 
-}  // namespace mom
+}  // namespace host::mom

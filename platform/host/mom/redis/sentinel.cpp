@@ -2,7 +2,7 @@
 
 #include <utility>
 
-namespace mom {
+namespace host::mom {
 
 namespace {
 
@@ -49,4 +49,4 @@ void MasterSearch::finish(const std::string &why) {
   done_(why);
 }
 
-}  // namespace mom
+}  // namespace host::mom

@@ -7,7 +7,7 @@
 #include "host/base/timer.h"
 #include "host/mom/redis/pipe.h"
 
-namespace mom {
+namespace host::mom {
 
 class MasterSearch {
  public:
@@ -26,9 +26,9 @@ class MasterSearch {
   std::function<void(const std::string &)> done_;
   Endpoint asked_;  // the sentinel that is being asked
   Pipe pipe_;
-  host::Timer patience_;
+  Timer patience_;
   std::size_t at_ = 0;  // index among the sentinels; the one that knew last is asked first
   std::size_t failed_ = 0;
 };
 
-}  // namespace mom
+}  // namespace host::mom

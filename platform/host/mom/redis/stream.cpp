@@ -14,7 +14,7 @@
 #include <cstring>
 #include <utility>
 
-namespace mom {
+namespace host::mom {
 
 namespace {
 
@@ -110,7 +110,7 @@ ssize_t Stream::outcome(int rv) {
   if (what == SSL_ERROR_WANT_READ || what == SSL_ERROR_WANT_WRITE) return 0;
   const unsigned long code = ERR_peek_error();
   if (code != 0)
-    error_ = host::tls::failure_text(code, tls_.get());
+    error_ = tls::failure_text(code, tls_.get());
   else
     error_ = what == SSL_ERROR_SYSCALL && errno != 0 ? std::strerror(errno) : "closed by the server";
   return -1;
@@ -179,4 +179,4 @@ Reply Stream::next() {
   return Reply(static_cast<redisReply *>(reply));
 }
 
-}  // namespace mom
+}  // namespace host::mom

@@ -11,7 +11,7 @@
 #include "host/mom/redis/endpoint.h"
 #include "host/tls/tls.h"
 
-namespace mom {
+namespace host::mom {
 
 class Stream {
  public:
@@ -52,7 +52,7 @@ class Stream {
   bool failed(std::string why);
 
   int fd_ = -1;
-  host::tls::Session tls_;
+  tls::Session tls_;
   std::unique_ptr<redisReader, FreeReader> reader_;
   std::string output_;
   std::size_t sent_ = 0;          // bytes of output_
@@ -61,4 +61,4 @@ class Stream {
   std::string error_;
 };
 
-}  // namespace mom
+}  // namespace host::mom

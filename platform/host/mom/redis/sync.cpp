@@ -9,7 +9,7 @@
 #include "host/mom/redis/round_trips.h"
 #include "host/mom/redis/scripts.h"
 
-namespace mom {
+namespace host::mom {
 
 namespace {
 
@@ -129,4 +129,4 @@ Reply SyncConnection::run(const Script &script, Arguments arguments) {
   return call(all);
 }
 
-}  // namespace mom
+}  // namespace host::mom

@@ -10,7 +10,7 @@
 #include "host/mom/redis/endpoint.h"
 #include "host/mom/redis/stream.h"
 
-namespace mom {
+namespace host::mom {
 
 // A blocking connection to one database. No call waits beyond the deadline set last. After a timeout, calls fail at once for the
 // duration of `limit`, so that a frozen server does not hold the loop again and again.
@@ -54,4 +54,4 @@ class SyncConnection {
   std::chrono::steady_clock::time_point resting_until_{};
 };
 
-}  // namespace mom
+}  // namespace host::mom
