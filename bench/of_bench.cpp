@@ -182,7 +182,7 @@ BENCHMARK(longest_add)->Arg(1'000'000)->Iterations(1)->Unit(benchmark::kMillisec
 
 // A table of range(0) flows with cookies of their own, of which the first thousand have outputs and meters of their own; a
 // thousand requests, each about one of these. "us" is the time of one request.
-enum About : int { by_match, by_wider_match, by_cookie, by_port, by_meter, overlap };
+enum About : int { kByMatch, kByWiderMatch, kByCookie, kByPort, kByMeter, kOverlap };
 struct Scene {
   static constexpr std::uint32_t kSpecial = 1000, kFirstPort = 10;
   Callbacks callbacks = player();
@@ -212,13 +212,13 @@ struct Scene {
   void remove(std::uint32_t n, About about) {
     WireFlow wire(n);
     wire.bytes[25] = 3, wire.bytes[3] = 96;
-    if (about != by_match) wire.bytes[48 + 3] = 4;
-    if (about == by_wider_match) wire.bytes[48 + 3] = 35;  // without tcp_dst
-    if (about == by_cookie) wire.put32(12, n), memset(wire.bytes + 16, 0xff, 8);
-    if (about == by_port) wire.put32(36, kFirstPort + n);
-    if (about == by_meter) return flows.remove_users_of_meter(n + 1);
-    if (about == by_cookie || about == by_port) wire.bytes[3] = 56;
-    if (about == by_wider_match) wire.bytes[3] = 88, memset(wire.bytes + 48 + 35, 0, 5);
+    if (about != kByMatch) wire.bytes[48 + 3] = 4;
+    if (about == kByWiderMatch) wire.bytes[48 + 3] = 35;  // without tcp_dst
+    if (about == kByCookie) wire.put32(12, n), memset(wire.bytes + 16, 0xff, 8);
+    if (about == kByPort) wire.put32(36, kFirstPort + n);
+    if (about == kByMeter) return flows.remove_users_of_meter(n + 1);
+    if (about == kByCookie || about == kByPort) wire.bytes[3] = 56;
+    if (about == kByWiderMatch) wire.bytes[3] = 88, memset(wire.bytes + 48 + 35, 0, 5);
     read(wire);
     flows.apply(mod, {1, n}, wire.span(), n);
   }
@@ -231,14 +231,14 @@ void one_of_many(benchmark::State &state) {
   for (auto _ : state) {
     const double start = cpu_now_s();
     for (std::uint32_t n = 0; n < Scene::kSpecial; ++n)
-      about == overlap       ? scene.flows.apply((scene.read(strict_delete(n)), scene.mod), {}, {}, n),
+      about == kOverlap      ? scene.flows.apply((scene.read(strict_delete(n)), scene.mod), {}, {}, n),
           scene.add(n, true) : scene.remove(n, about);
     state.SetIterationTime(cpu_now_s() - start);
     spent += cpu_now_s() - start;
     drain();
-    if (scene.flows.table().flows() != static_cast<std::size_t>(state.range(1)) - (about == overlap ? 0 : Scene::kSpecial))
+    if (scene.flows.table().flows() != static_cast<std::size_t>(state.range(1)) - (about == kOverlap ? 0 : Scene::kSpecial))
       state.SkipWithError("not one flow for each request");
-    if (about != overlap)
+    if (about != kOverlap)
       for (std::uint32_t n = 0; n < Scene::kSpecial; ++n) scene.add(n);
   }
   constexpr const char *kNames[] = {"by match", "by wider match", "by cookie", "by output", "by meter", "check overlap"};
@@ -247,7 +247,7 @@ void one_of_many(benchmark::State &state) {
   drain();
 }
 BENCHMARK(one_of_many)
-    ->ArgsProduct({{by_match, by_wider_match, by_cookie, by_port, by_meter, overlap}, {1'000, 100'000}})
+    ->ArgsProduct({{kByMatch, kByWiderMatch, kByCookie, kByPort, kByMeter, kOverlap}, {1'000, 100'000}})
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond);
 

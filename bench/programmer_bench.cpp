@@ -34,7 +34,7 @@ class World {
     context_.global = global_;
     options_.size = UINT32_MAX;
     options_.script = script;
-    flows = std::make_unique<programmer::Flows>(context_);
+    flows = std::make_unique<programmer::FlowRecords>(context_);
     target_ = std::make_unique<programmer::SimTarget>(global_->master, options_, *flows);
     flows->set_target(*target_);
   }
@@ -44,7 +44,7 @@ class World {
     [[maybe_unused]] const int rv = std::system(("rm -rf " + dir_).c_str());
   }
 
-  std::unique_ptr<programmer::Flows> flows;
+  std::unique_ptr<programmer::FlowRecords> flows;
 
  private:
   std::string dir_;

@@ -9,7 +9,7 @@ namespace {
 
 using Match = SPolicyKelim__FlowField;
 using AceMatch = SPolicyKelim__FlowAceField;
-using Actions = SPolicyKelim__FlowAction;
+using FlowActions = SPolicyKelim__FlowAction;
 using AceActions = SPolicyKelim__FlowAceAction;
 using Mac = std::array<std::uint8_t, 6>;
 
@@ -37,7 +37,7 @@ struct Row {
    [](const Match &from, AceMatch &to) { to.member = from.member, to.member##_mask = from.member##_mask; }}
 #define ACTION_ROW(flow_bit, action_bit, from_member, to_member)                                            \
   {S_POLICY_KELIM__FLOW_ACTION_E__##flow_bit, S_POLICY_KELIM__FLOW_ACE_ACTION_E__SS_FP_ACTION_##action_bit, \
-   [](const Actions &from, AceActions &to) { to.to_member = from.from_member; }}
+   [](const FlowActions &from, AceActions &to) { to.to_member = from.from_member; }}
 // clang-format on
 
 constexpr Row<Match, AceMatch> kMatchRows[] = {
@@ -61,7 +61,7 @@ constexpr Row<Match, AceMatch> kMatchRows[] = {
     MATCH_ROW(IPV6_EXTHDR, IPV6_NEXT_HDR, next_header),
 };
 // SET_ETH_DST is missing: on its way through the chain the destination is the node's.
-constexpr Row<Actions, AceActions> kActionRows[] = {
+constexpr Row<FlowActions, AceActions> kActionRows[] = {
     ACTION_ROW(OUTPUT, REDIRECT, output_ifx, redirect_ifx),
     ACTION_ROW(SET_QUEUE, PRIO_IN, mod_queue_pri, mod_prio_in),
     ACTION_ROW(SET_VLAN_VID, VID, mod_vid, mod_vid),
@@ -89,13 +89,13 @@ PLibpub__Mac mac_of(const Mac &address) {
 }
 
 // One entry with everything it points to.
-struct Entry {
+struct NodeEntry {
   SPolicyKelim__FlowAce ace = S_POLICY_KELIM__FLOW_ACE__INIT;
   AceMatch match = S_POLICY_KELIM__FLOW_ACE_FIELD__INIT;
   AceActions actions = S_POLICY_KELIM__FLOW_ACE_ACTION__INIT;
   PLibpub__Mac node, previous_node, exact = mac_of(kExact);
 
-  Entry(const SPolicyKelim__ParseFlow &flow, std::size_t position) : node(mac_of(kNodeMac[position])) {
+  NodeEntry(const SPolicyKelim__ParseFlow &flow, std::size_t position) : node(mac_of(kNodeMac[position])) {
     ace.sn = position + 1;
     ace.acl_app_type = const_cast<char *>(kAppType);
     ace.ace_field = &match;
@@ -112,8 +112,8 @@ struct Entry {
     actions.mod_dst_mac_mask = &exact;
     if (position > 0) come_from(kNodeMac[position - 1]);
   }
-  Entry(const Entry &) = delete;
-  Entry &operator=(const Entry &) = delete;
+  NodeEntry(const NodeEntry &) = delete;
+  NodeEntry &operator=(const NodeEntry &) = delete;
 
  private:
   void come_from(const Mac &address) {
@@ -166,8 +166,8 @@ void Chain::deleted(const qx_obj &msg) {
 }
 
 bool Chain::answer(const SPolicyKelim__ParseFlow &flow) {
-  Entry first(flow, 0);
-  Entry second(flow, 1);
+  NodeEntry first(flow, 0);
+  NodeEntry second(flow, 1);
   SPolicyKelim__FlowAce *aces[kNodes] = {&first.ace, &second.ace};
   SPolicyKelim__FlowToAce entries = S_POLICY_KELIM__FLOW_TO_ACE__INIT;
   entries.index = flow.index;

@@ -10,7 +10,7 @@ constexpr std::uint64_t kTryAgainUs = 10'000;  // how long to wait for a databas
 
 }  // namespace
 
-CounterReport::CounterReport(Context &context, FlowTable &table, Target &target, std::uint32_t interval_ms)
+CounterReport::CounterReport(Context &context, KnownFlows &table, Target &target, std::uint32_t interval_ms)
     : context_(context),
       table_(table),
       target_(target),
@@ -31,8 +31,8 @@ void CounterReport::turn() {
     if (!target_.counts()) next_slot_ = table_.slots();
   }
   for (std::uint32_t n = 0; n < kSlotsPerTurn && next_slot_ < table_.slots(); ++n, ++next_slot_) {
-    FlowEntry &entry = table_[next_slot_];
-    if (entry.state == FlowState::kInstalled && !report(entry, next_slot_)) {
+    KnownFlow &entry = table_[next_slot_];
+    if (entry.state == KnownFlowState::installed && !report(entry, next_slot_)) {
       timer_.arm(kTryAgainUs);
       return;
     }
@@ -57,7 +57,7 @@ void CounterReport::tell_end() {
 }
 
 // False when the database takes nothing now; the change is then reported later.
-bool CounterReport::report(FlowEntry &entry, std::uint32_t slot) {
+bool CounterReport::report(KnownFlow &entry, std::uint32_t slot) {
   Counters sums = entry.sums;
   target_.read_counters(slot, sums);
   if (sums == entry.sums) return true;

@@ -5,7 +5,7 @@
 #include <cstdint>
 
 #include "programmer/context.h"
-#include "programmer/flow_table.h"
+#include "programmer/known_flows.h"
 #include "programmer/target.h"
 #include "programmer/timer.h"
 
@@ -14,7 +14,7 @@ namespace programmer {
 class CounterReport {
  public:
   // Everything handed in must outlive the notifications. 0 milliseconds: never reports.
-  CounterReport(Context &context, FlowTable &table, Target &target, std::uint32_t interval_ms);
+  CounterReport(Context &context, KnownFlows &table, Target &target, std::uint32_t interval_ms);
 
   // False when the first timer cannot be armed.
   bool start();
@@ -23,10 +23,10 @@ class CounterReport {
  private:
   void turn();
   void tell_end();
-  bool report(FlowEntry &entry, std::uint32_t slot);
+  bool report(KnownFlow &entry, std::uint32_t slot);
 
   Context &context_;
-  FlowTable &table_;
+  KnownFlows &table_;
   Target &target_;
   std::uint64_t interval_us_;
   std::uint64_t begun_us_ = 0;

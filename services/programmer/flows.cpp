@@ -59,15 +59,15 @@ bool read_flow(Bytes bytes, FlowRecord &flow) {
 
 }  // namespace
 
-Flows::Flows(Context &context)
+FlowRecords::FlowRecords(Context &context)
     : context_(context),
       pay_timer_(
-          context.global->master, [](void *self) { static_cast<Flows *>(self)->pay(); }, this, "programmer owed answers"),
+          context.global->master, [](void *self) { static_cast<FlowRecords *>(self)->pay(); }, this, "programmer owed answers"),
       catch_up_(
-          context.global->master, [](void *self) { return static_cast<Flows *>(self)->resynchronise(); }, this,
+          context.global->master, [](void *self) { return static_cast<FlowRecords *>(self)->resynchronise(); }, this,
           "programmer flows again") {}
 
-void Flows::notified(const qx_obj &msg) {
+void FlowRecords::notified(const qx_obj &msg) {
   if (msg.cmd == QX_MOM_CMD_SET) requested(packed(msg));
   if (msg.cmd == QX_MOM_CMD_DEL) removed(packed(msg));
   if (msg.cmd == QX_MOM_CMD_PUBLISH) doubted(packed(msg));
@@ -76,35 +76,35 @@ void Flows::notified(const qx_obj &msg) {
 
 // ---- requests
 
-void Flows::requested(Bytes record) {
+void FlowRecords::requested(Bytes record) {
   FlowRecord flow;
   if (!read_flow(record, flow)) return report_fault(context_, "flow record", record);
   const std::uint32_t slot = table_.insert(flow.key);
-  FlowEntry &entry = table_[slot];
+  KnownFlow &entry = table_[slot];
   entry.seen = true;
-  const bool unchanged = entry.content == flow.content && entry.state >= FlowState::kInstalled;
+  const bool unchanged = entry.content == flow.content && entry.state >= KnownFlowState::installed;
   if (unchanged && entry.settled && entry.uuid == flow.uuid) {
     entry.settled = reading_;
     return;
   }
-  if (unchanged && entry.state == FlowState::kInstalled) {
+  if (unchanged && entry.state == KnownFlowState::installed) {
     ++untouched_;
     return settle(entry, flow.uuid, S_POLICY_KELIM__STATUS_E__STATUS_INSTALLED);
   }
-  entry.state = FlowState::kAsked;
+  entry.state = KnownFlowState::asked;
   entry.content = flow.content;
   target_->install_flow({flow.key, slot, flow.uuid}, record);
 }
 
-void Flows::flow_answered(const FlowRequest &request, Outcome outcome) {
-  FlowEntry &entry = table_[request.slot];
-  entry.state = outcome == Outcome::kInstalled ? FlowState::kInstalled : FlowState::kRefused;
+void FlowRecords::flow_answered(const FlowRequest &request, Outcome outcome) {
+  KnownFlow &entry = table_[request.slot];
+  entry.state = outcome == Outcome::kInstalled ? KnownFlowState::installed : KnownFlowState::refused;
   ++answered_[static_cast<std::size_t>(outcome)];
   settle(entry, request.uuid, kStatusOf[static_cast<std::size_t>(outcome)]);
 }
 
 // Tells the database, unless it holds this very answer from before.
-void Flows::settle(FlowEntry &entry, std::uint64_t uuid, SPolicyKelim__StatusE status) {
+void FlowRecords::settle(KnownFlow &entry, std::uint64_t uuid, SPolicyKelim__StatusE status) {
   if (entry.settled && entry.uuid == uuid && entry.status == status) return;
   entry.uuid = uuid;
   entry.status = static_cast<std::uint8_t>(status);
@@ -113,20 +113,20 @@ void Flows::settle(FlowEntry &entry, std::uint64_t uuid, SPolicyKelim__StatusE s
   tell({entry.key(), uuid, status});
 }
 
-void Flows::removed(Bytes record) {
+void FlowRecords::removed(Bytes record) {
   FlowRecord flow;
   if (!read_flow(record, flow)) return report_fault(context_, "deleted flow record", record);
   const std::uint32_t slot = table_.find(flow.key);
-  if (slot != FlowTable::kNone) remove(slot);
+  if (slot != KnownFlows::kNone) remove(slot);
 }
 
 // Somebody has found the flow's answer and no flow: nobody would ever tell that it has gone.
-void Flows::doubted(Bytes record) {
+void FlowRecords::doubted(Bytes record) {
   constexpr int kNoSuchObject = QX_NOT_FOUND;
   FlowRecord flow;
   if (!read_flow(record, flow)) return report_fault(context_, "flow record in doubt", record);
   const std::uint32_t slot = table_.find(flow.key);
-  if (slot == FlowTable::kNone) return;
+  if (slot == KnownFlows::kNone) return;
   SPolicyKelim__FlowKey key = S_POLICY_KELIM__FLOW_KEY__INIT;
   key.flow_index = flow.key.index;
   key.vsd_id = flow.key.vsd;
@@ -137,7 +137,7 @@ void Flows::doubted(Bytes record) {
   qx_mom_qx_obj_free(stored);
 }
 
-void Flows::remove(std::uint32_t slot) {
+void FlowRecords::remove(std::uint32_t slot) {
   const Answer gone{table_[slot].key(), 0, S_POLICY_KELIM__STATUS_E__STATUS_NONE, table_[slot].counted};
   target_->remove_flow(slot);
   table_.erase(slot);
@@ -148,19 +148,19 @@ void Flows::remove(std::uint32_t slot) {
 // ---- answers
 
 // Answers leave in order: behind one that the database did not take, the others wait.
-void Flows::tell(const Answer &answer) {
+void FlowRecords::tell(const Answer &answer) {
   if (owed_.empty() && write(answer)) return;
   owed_.push_back(answer);
   pay_timer_.arm(kPayAgainUs);
 }
 
-void Flows::pay() {
+void FlowRecords::pay() {
   while (!owed_.empty() && write(owed_.front())) owed_.pop_front();
   if (!owed_.empty()) pay_timer_.arm(kPayAgainUs);
 }
 
 // False when the database takes nothing now, so that trying again makes sense.
-bool Flows::write(const Answer &answer) {
+bool FlowRecords::write(const Answer &answer) {
   SPolicyKelim__FlowKey key = S_POLICY_KELIM__FLOW_KEY__INIT;
   key.flow_index = answer.key.index;
   key.vsd_id = answer.key.vsd;
@@ -185,7 +185,7 @@ bool Flows::write(const Answer &answer) {
 
 // Brings target and database together: what the database holds is asked of the target again where it is not there, and what the
 // database no longer holds leaves the target. Nothing leaves unless everything could be read.
-bool Flows::resynchronise() {
+bool FlowRecords::resynchronise() {
   owed_.clear();
   for (std::uint32_t slot = 0; slot < table_.slots(); ++slot) {
     table_[slot].seen = false;
@@ -199,20 +199,20 @@ bool Flows::resynchronise() {
     return false;
   }
   for (std::uint32_t slot = 0; slot < table_.slots(); ++slot) {
-    if (table_[slot].state != FlowState::kFree && !table_[slot].seen) remove(slot);
+    if (table_[slot].state != KnownFlowState::free && !table_[slot].seen) remove(slot);
   }
   PROGRAMMER_LOG(context_, QX_ZLOG_VERBOSE, "in step with the database: %u flows", table_.size());
   return true;
 }
 
-bool Flows::read_answers() {
+bool FlowRecords::read_answers() {
   SPolicyKelim__FlowSta any = S_POLICY_KELIM__FLOW_STA__INIT;
   SPolicyKelim__FlowKey key = S_POLICY_KELIM__FLOW_KEY__INIT;
   any.index = &key;
   return scan(context_, kFlowDb, any, [this](const qx_obj &object) {
     const auto *sta = static_cast<const SPolicyKelim__FlowSta *>(object.value);
     if (!sta || !sta->index) return;
-    FlowEntry &entry = table_[table_.insert({sta->index->flow_index, sta->index->vsd_id})];
+    KnownFlow &entry = table_[table_.insert({sta->index->flow_index, sta->index->vsd_id})];
     entry.uuid = sta->rep_uuid;
     entry.status = static_cast<std::uint8_t>(sta->status);
     entry.settled = true;
@@ -220,20 +220,20 @@ bool Flows::read_answers() {
 }
 
 // Counters go on from the stored sums, except those of flows that have counted here all the time.
-bool Flows::read_counters() {
+bool FlowRecords::read_counters() {
   SPolicyKelim__FlowCounter any = S_POLICY_KELIM__FLOW_COUNTER__INIT;
   SPolicyKelim__FlowKey key = S_POLICY_KELIM__FLOW_KEY__INIT;
   any.index = &key;
   return scan(context_, kFlowDb, any, [this](const qx_obj &object) {
     const auto *counter = static_cast<const SPolicyKelim__FlowCounter *>(object.value);
     if (!counter || !counter->index) return;
-    FlowEntry &entry = table_[table_.insert({counter->index->flow_index, counter->index->vsd_id})];
+    KnownFlow &entry = table_[table_.insert({counter->index->flow_index, counter->index->vsd_id})];
     entry.counted = true;
-    if (entry.state == FlowState::kStored) entry.sums = {counter->packet_sum, counter->byte_sum};
+    if (entry.state == KnownFlowState::stored) entry.sums = {counter->packet_sum, counter->byte_sum};
   });
 }
 
-bool Flows::read_flows() {
+bool FlowRecords::read_flows() {
   SPolicyKelim__Flow any = S_POLICY_KELIM__FLOW__INIT;
   SPolicyKelim__FlowKey key = S_POLICY_KELIM__FLOW_KEY__INIT;
   any.index = &key;

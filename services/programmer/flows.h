@@ -7,16 +7,16 @@
 
 #include "programmer/catch_up.h"
 #include "programmer/context.h"
-#include "programmer/flow_table.h"
+#include "programmer/known_flows.h"
 #include "programmer/target.h"
 #include "programmer/timer.h"
 #include "s_policy_kelim.pb-c.h"
 
 namespace programmer {
 
-class Flows final : public FlowSink {
+class FlowRecords final : public FlowSink {
  public:
-  explicit Flows(Context &context);
+  explicit FlowRecords(Context &context);
 
   // The target is made after this object, which receives its answers; it must outlive the notifications.
   void set_target(Target &target) { target_ = &target; }
@@ -25,7 +25,7 @@ class Flows final : public FlowSink {
   void notified(const qx_obj &msg);
   void flow_answered(const FlowRequest &request, Outcome outcome) override;
 
-  FlowTable &table() { return table_; }
+  KnownFlows &table() { return table_; }
   std::uint64_t answered(Outcome outcome) const { return answered_[static_cast<std::size_t>(outcome)]; }
   std::uint64_t untouched() const { return untouched_; }
   std::uint64_t removed() const { return removed_; }
@@ -44,7 +44,7 @@ class Flows final : public FlowSink {
   void removed(Bytes record);
   void doubted(Bytes record);
   void remove(std::uint32_t slot);
-  void settle(FlowEntry &entry, std::uint64_t uuid, SPolicyKelim__StatusE status);
+  void settle(KnownFlow &entry, std::uint64_t uuid, SPolicyKelim__StatusE status);
   void tell(const Answer &answer);
   bool write(const Answer &answer);
   void pay();
@@ -56,7 +56,7 @@ class Flows final : public FlowSink {
 
   Context &context_;
   Target *target_ = nullptr;
-  FlowTable table_;
+  KnownFlows table_;
   std::deque<Answer> owed_;
   Timer pay_timer_;
   CatchUp catch_up_;

@@ -44,11 +44,11 @@ struct Service {
 
   Context context;
   bool service_chain;
-  Flows flows;
+  FlowRecords flows;
   std::unique_ptr<Target> target;
   CounterReport counters;
-  Settings<MeterKind> meters;
-  Settings<AddressKind> addresses;
+  SettingRecords<MeterKind> meters;
+  SettingRecords<AddressKind> addresses;
   PacketSignal packets;
   Chain chain;
 };
@@ -133,10 +133,10 @@ int show(const std::int64_t * /*args*/, std::uint32_t /*count*/) {
 // Lists the flows that are in force in the target, one key a line, as the database's tools write it.
 int list_flows(const std::int64_t * /*args*/, std::uint32_t /*count*/) {
   if (!g_service) return QX_FAILED;
-  const FlowTable &table = g_service->flows.table();
+  const KnownFlows &table = g_service->flows.table();
   for (std::uint32_t slot = 0; slot < table.slots(); ++slot) {
-    const FlowEntry &entry = table[slot];
-    if (entry.state != FlowState::kFree && g_service->target->holds(slot))
+    const KnownFlow &entry = table[slot];
+    if (entry.state != KnownFlowState::free && g_service->target->holds(slot))
       std::printf("%" PRIu64 ":%u\n", entry.index, entry.vsd);
   }
   return 0;
@@ -186,7 +186,7 @@ void stop_embedded() {
 std::optional<Totals> totals() {
   if (!g_service) return std::nullopt;
   const Target::Usage usage = g_service->target->usage();
-  const Flows &flows = g_service->flows;
+  const FlowRecords &flows = g_service->flows;
   Totals now{.flows = usage.flows,
              .size = usage.size,
              .meters = usage.meters,

@@ -10,8 +10,8 @@ namespace {
 constexpr std::uint64_t kEvery = std::numeric_limits<std::uint64_t>::max();
 
 constexpr std::pair<std::string_view, Script::Verb> kVerbs[] = {
-    {"silent", Script::Verb::kSilent}, {"resource", Script::Verb::kResource},    {"fail", Script::Verb::kFail},
-    {"delay", Script::Verb::kDelay},   {"meter-fail", Script::Verb::kMeterFail},
+    {"silent", Script::Verb::silent}, {"resource", Script::Verb::resource},     {"fail", Script::Verb::fail},
+    {"delay", Script::Verb::delay},   {"meter-fail", Script::Verb::meter_fail},
 };
 
 // The text before the first separator; `rest` keeps what follows it.
@@ -47,22 +47,22 @@ std::uint64_t mix(std::uint64_t x) {
 }  // namespace
 
 bool Script::parse_item(std::string_view item, Rule &rule) {
-  if (rule.verb == Verb::kDelay) {
+  if (rule.verb == Verb::delay) {
     const std::string_view range = cut(item, ':');
     if (!number(item, rule.delay_ms)) return false;
     item = range;
   }
   if (item == "*") {
-    rule.by = By::kArrival, rule.first = 0, rule.last = kEvery;
+    rule.by = By::arrival, rule.first = 0, rule.last = kEvery;
     return true;
   }
   if (item.ends_with('%')) {
-    rule.by = By::kPercent;
+    rule.by = By::percent;
     item.remove_suffix(1);
-    return rule.verb != Verb::kMeterFail && number(item, rule.first) && rule.first <= 100;
+    return rule.verb != Verb::meter_fail && number(item, rule.first) && rule.first <= 100;
   }
-  rule.by = item.starts_with('@') ? By::kIndex : By::kArrival;
-  if (rule.by == By::kIndex) item.remove_prefix(1);
+  rule.by = item.starts_with('@') ? By::index : By::arrival;
+  if (rule.by == By::index) item.remove_prefix(1);
   const bool range = item.find('-') != std::string_view::npos;
   const std::string_view first = cut(item, '-');
   if (!number(first, rule.first)) return false;
@@ -88,8 +88,8 @@ bool Script::parse(std::string_view text, std::uint64_t seed, std::string &error
                 "\": allowed are N, N-M, @N, @N-M (flow index), P%, *; each followed by :MILLISECONDS in delay=";
         return false;
       }
-      if (rule.by == By::kPercent) rule.last = rules.size() + 1;
-      delays |= rule.verb == Verb::kDelay;
+      if (rule.by == By::percent) rule.last = rules.size() + 1;
+      delays |= rule.verb == Verb::delay;
       rules.push_back(rule);
     } while (!clause.empty());
   }
@@ -100,8 +100,8 @@ bool Script::parse(std::string_view text, std::uint64_t seed, std::string &error
 }
 
 bool Script::fits(const Rule &rule, std::uint64_t arrival, std::uint64_t index) const {
-  if (rule.by == By::kPercent) return mix(mix(seed_ ^ rule.last) + arrival) % 100 < rule.first;
-  const std::uint64_t number = rule.by == By::kIndex ? index : arrival;
+  if (rule.by == By::percent) return mix(mix(seed_ ^ rule.last) + arrival) % 100 < rule.first;
+  const std::uint64_t number = rule.by == By::index ? index : arrival;
   return number >= rule.first && number <= rule.last;
 }
 
@@ -113,19 +113,19 @@ const Script::Rule *Script::find(Verb verb, std::uint64_t arrival, std::uint64_t
 }
 
 Script::Answer Script::answer(std::uint64_t arrival, std::uint64_t index) const {
-  if (rules_.empty()) return Answer::kNormal;
-  if (find(Verb::kSilent, arrival, index)) return Answer::kSilent;
-  if (find(Verb::kResource, arrival, index)) return Answer::kResource;
-  return find(Verb::kFail, arrival, index) ? Answer::kFail : Answer::kNormal;
+  if (rules_.empty()) return Answer::normal;
+  if (find(Verb::silent, arrival, index)) return Answer::silent;
+  if (find(Verb::resource, arrival, index)) return Answer::resource;
+  return find(Verb::fail, arrival, index) ? Answer::fail : Answer::normal;
 }
 
 std::uint32_t Script::delay_ms(std::uint64_t arrival, std::uint64_t index, std::uint32_t otherwise) const {
-  const Rule *rule = delays_differ_ ? find(Verb::kDelay, arrival, index) : nullptr;
+  const Rule *rule = delays_differ_ ? find(Verb::delay, arrival, index) : nullptr;
   return rule ? rule->delay_ms : otherwise;
 }
 
 bool Script::meter_fails(std::uint32_t id) const {
-  return find(Verb::kMeterFail, id, id) != nullptr;
+  return find(Verb::meter_fail, id, id) != nullptr;
 }
 
 }  // namespace programmer

@@ -10,8 +10,8 @@ namespace programmer {
 
 class Script {
  public:
-  enum class Verb : std::uint8_t { kSilent, kResource, kFail, kDelay, kMeterFail };
-  enum class Answer : std::uint8_t { kNormal, kSilent, kResource, kFail };
+  enum class Verb : std::uint8_t { silent, resource, fail, delay, meter_fail };
+  enum class Answer : std::uint8_t { normal, silent, resource, fail };
 
   // Reads `text`. False when it is malformed: `error` then says where and what is allowed, and the script is unchanged.
   bool parse(std::string_view text, std::uint64_t seed, std::string &error);
@@ -26,11 +26,11 @@ class Script {
   bool delays_differ() const { return delays_differ_; }
 
  private:
-  enum class By : std::uint8_t { kArrival, kIndex, kPercent };
+  enum class By : std::uint8_t { arrival, index, percent };
   struct Rule {
     Verb verb;
     By by;
-    std::uint64_t first, last;  // of kPercent: `first` is the share, `last` the rule's place, which sets its choices apart
+    std::uint64_t first, last;  // of percent: `first` is the share, `last` the rule's place, which sets its choices apart
     std::uint32_t delay_ms;
   };
 

@@ -37,7 +37,7 @@ Outcome AddressKind::install(Target &target, const Record &record) {
 }
 
 template <typename Kind>
-void Settings<Kind>::notified(const qx_obj &msg) {
+void SettingRecords<Kind>::notified(const qx_obj &msg) {
   switch (msg.cmd) {
     case QX_MOM_CMD_SET:
     case QX_MOM_CMD_HASH_NEW:
@@ -55,7 +55,7 @@ void Settings<Kind>::notified(const qx_obj &msg) {
 // Only INSTALLING asks for something; any other status is an answer of our own. In a scan it may be the answer of an earlier
 // life, whose target has gone with it.
 template <typename Kind>
-void Settings<Kind>::written(const qx_obj &msg) {
+void SettingRecords<Kind>::written(const qx_obj &msg) {
   const auto *record = record_of<Record>(msg);
   if (!record) return report_fault(context_, Kind::kName, {});
   const bool known = known_.contains(Kind::key(*record));
@@ -66,7 +66,7 @@ void Settings<Kind>::written(const qx_obj &msg) {
 }
 
 template <typename Kind>
-void Settings<Kind>::deleted(const qx_obj &msg) {
+void SettingRecords<Kind>::deleted(const qx_obj &msg) {
   const auto *record = record_of<Record>(msg);
   if (!record) return report_fault(context_, Kind::kName, {});
   if (known_.erase(Kind::key(*record)) != 0) Kind::remove(target_, Kind::key(*record));
@@ -75,7 +75,7 @@ void Settings<Kind>::deleted(const qx_obj &msg) {
 // Puts the status into the stored record, unless that has gone or become another request in the meantime: writing would then
 // bring back what was deleted, or answer a request that nobody looked at.
 template <typename Kind>
-bool Settings<Kind>::confirm(const Record &asked, SPolicyKelim__StatusE status) {
+bool SettingRecords<Kind>::confirm(const Record &asked, SPolicyKelim__StatusE status) {
   int rv = 0;
   const Object object = stored(asked, rv);
   if (!object) return rv == QX_NOT_FOUND;
@@ -90,7 +90,7 @@ bool Settings<Kind>::confirm(const Record &asked, SPolicyKelim__StatusE status) 
 
 // The record was deleted between our look at it and our answer, which has brought it back. Asked for anew, it stays.
 template <typename Kind>
-void Settings<Kind>::take_back(const Record &answer) {
+void SettingRecords<Kind>::take_back(const Record &answer) {
   int rv = 0;
   const Object object = stored(answer, rv);
   const auto *record = object ? record_of<Record>(*object) : nullptr;
@@ -98,14 +98,14 @@ void Settings<Kind>::take_back(const Record &answer) {
 }
 
 template <typename Kind>
-typename Settings<Kind>::Object Settings<Kind>::stored(const Record &record, int &rv) {
+typename SettingRecords<Kind>::Object SettingRecords<Kind>::stored(const Record &record, int &rv) {
   qx_obj *found = nullptr;
   rv = qx_mom_get_sync(context_.global, kFlowDb, &record.base, 0, &found);
   return Object(found);
 }
 
 template <typename Kind>
-bool Settings<Kind>::resynchronise() {
+bool SettingRecords<Kind>::resynchronise() {
   for (auto &[key, seen] : known_) seen = false;
   answers_.clear();
   auto key = Kind::kBlankKey;
@@ -122,7 +122,7 @@ bool Settings<Kind>::resynchronise() {
   return true;
 }
 
-template class Settings<MeterKind>;
-template class Settings<AddressKind>;
+template class SettingRecords<MeterKind>;
+template class SettingRecords<AddressKind>;
 
 }  // namespace programmer

@@ -42,15 +42,15 @@ struct AddressKind {
 };
 
 template <typename Kind>
-class Settings {
+class SettingRecords {
  public:
   using Record = typename Kind::Record;
 
-  Settings(Context &context, Target &target)
+  SettingRecords(Context &context, Target &target)
       : context_(context),
         target_(target),
         catch_up_(
-            context.global->master, [](void *self) { return static_cast<Settings *>(self)->resynchronise(); }, this,
+            context.global->master, [](void *self) { return static_cast<SettingRecords *>(self)->resynchronise(); }, this,
             "programmer settings again") {}
 
   // A notification of the type, decoded, in a holder or not.
@@ -78,7 +78,7 @@ class Settings {
   CatchUp catch_up_;
 };
 
-extern template class Settings<MeterKind>;
-extern template class Settings<AddressKind>;
+extern template class SettingRecords<MeterKind>;
+extern template class SettingRecords<AddressKind>;
 
 }  // namespace programmer

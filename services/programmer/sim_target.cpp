@@ -32,9 +32,9 @@ bool SimTarget::decide(const FlowRequest &request, Outcome &outcome) {
   Cell &cell = cells_[request.slot];
   const Script::Answer scripted = script_.answer(arrivals_, request.key.index);
   const bool room = cell.occupied != 0 || used_ < size_;
-  set_occupied(cell, scripted == Script::Answer::kNormal && room);
-  outcome = cell.occupied ? Outcome::kInstalled : scripted == Script::Answer::kFail ? Outcome::kFailed : Outcome::kResource;
-  return scripted != Script::Answer::kSilent;
+  set_occupied(cell, scripted == Script::Answer::normal && room);
+  outcome = cell.occupied ? Outcome::kInstalled : scripted == Script::Answer::fail ? Outcome::kFailed : Outcome::kResource;
+  return scripted != Script::Answer::silent;
 }
 
 void SimTarget::install_flow(const FlowRequest &request, Bytes /*record*/) {

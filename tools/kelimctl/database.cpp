@@ -94,7 +94,7 @@ class InServer final : public Database {
 
   // At once, where a process that starts beside the server would wait for it.
   static void must_answer(const std::string &url) {
-    host::mom::Endpoint endpoint;
+    host::mom::RedisEndpoint endpoint;
     check(host::mom::configured_endpoint(host::config().mom, &endpoint));
     endpoint.client = "kelimctl";
     const std::chrono::milliseconds limit(host::config().mom.sync_timeout_ms);

@@ -57,27 +57,27 @@ constexpr set_field_row kSetFields[] = {
 };
 
 // What an output port does. Deliberate: a flow to an unsupported port is kept, with a redirect that forwards nowhere.
-enum class port_kind { kUnsupported, kToController, kNormal, kOrdinary };
+enum class PortKind { unsupported, to_controller, normal, ordinary };
 struct port_row {
   std::uint32_t port;
-  port_kind kind;
+  PortKind kind;
 };
 constexpr port_row kReservedPorts[] = {
-    {0xffffff00, port_kind::kUnsupported},   // MAX
-    {0xfffffff8, port_kind::kToController},  // IN_PORT
-    {0xfffffff9, port_kind::kUnsupported},   // TABLE
-    {0xfffffffa, port_kind::kNormal},        // NORMAL
-    {0xfffffffb, port_kind::kUnsupported},   // FLOOD
-    {0xfffffffc, port_kind::kToController},  // ALL
-    {0xfffffffd, port_kind::kToController},  // CONTROLLER
-    {0xfffffffe, port_kind::kUnsupported},   // LOCAL
-    {0xffffffff, port_kind::kUnsupported},   // ANY
+    {0xffffff00, PortKind::unsupported},   // MAX
+    {0xfffffff8, PortKind::to_controller},  // IN_PORT
+    {0xfffffff9, PortKind::unsupported},   // TABLE
+    {0xfffffffa, PortKind::normal},        // NORMAL
+    {0xfffffffb, PortKind::unsupported},   // FLOOD
+    {0xfffffffc, PortKind::to_controller},  // ALL
+    {0xfffffffd, PortKind::to_controller},  // CONTROLLER
+    {0xfffffffe, PortKind::unsupported},   // LOCAL
+    {0xffffffff, PortKind::unsupported},   // ANY
 };
 // clang-format on
 
-port_kind kind_of(std::uint32_t port) {
+PortKind kind_of(std::uint32_t port) {
   const auto *row = std::ranges::find(kReservedPorts, port, &port_row::port);
-  return row == std::end(kReservedPorts) ? port_kind::kOrdinary : row->kind;
+  return row == std::end(kReservedPorts) ? PortKind::ordinary : row->kind;
 }
 
 void output(flow_info_node &node, std::uint32_t port, std::uint64_t &flow_bits, std::uint64_t &ace_bits) {
@@ -86,17 +86,17 @@ void output(flow_info_node &node, std::uint32_t port, std::uint64_t &flow_bits, 
   SDN_VER_AS(kActionLogName, "out_port_ifx: %d(0x%x)\n", port, port);
   ace_bits |= ACE(REDIRECT);
   switch (kind_of(port)) {
-    case port_kind::kUnsupported:
+    case PortKind::unsupported:
       SDN_ERROR_AS(kActionLogName, "do not support port type(0x%x).", port);
       return;
-    case port_kind::kToController:
+    case PortKind::to_controller:
       node.ctrl_flag = 1;
       ace_bits |= ACE(CTRL) | ACE(CPU_CODE) | ACE(COS);
       return;
-    case port_kind::kNormal:
+    case PortKind::normal:
       SDN_VER_AS(kActionLogName, "out_port is normal.");
       break;
-    case port_kind::kOrdinary:
+    case PortKind::ordinary:
       SDN_VER_AS(kActionLogName, "out_port_ifx = %d(0x%x).", port, port);
       break;
   }

@@ -14,7 +14,7 @@ using Bytes = std::span<const std::byte>;
 
 // ---- match fields and set-fields
 
-enum class Show { kDecimal, kHex, kMac };
+enum class Show { decimal, hex, mac };
 
 // How a field is printed, value first and then, where the header has one, the mask.
 struct FieldText {
@@ -25,29 +25,29 @@ struct FieldText {
 };
 
 constexpr FieldText kFieldTexts[] = {
-    {0x80000004, "in_port_ifx", Show::kDecimal, false},
-    {0x80000606, "dmac", Show::kMac, true},
-    {0x8000070c, "dmac", Show::kMac, true},
-    {0x80000806, "smac", Show::kMac, true},
-    {0x8000090c, "smac", Show::kMac, true},
-    {0x80000a02, "etype", Show::kHex, false},
-    {0x80000c02, "vid", Show::kDecimal, true},
-    {0x80000d04, "vid", Show::kDecimal, true},
-    {0x80000e01, "cos", Show::kDecimal, true},
-    {0x80001001, "dscp", Show::kDecimal, true},
-    {0x80001401, "protocol", Show::kDecimal, false},
-    {0x80001604, "ipv4_src", Show::kHex, false},
-    {0x80001708, "ipv4_src", Show::kHex, false},
-    {0x80001804, "ipv4_dst", Show::kHex, false},
-    {0x80001908, "ipv4_dst", Show::kHex, false},
-    {0x80001a02, "l4_src_port", Show::kDecimal, false},
-    {0x80001c02, "l4_dst_port", Show::kDecimal, false},
-    {0x80001e02, "l4_src_port", Show::kDecimal, false},  // UDP, the same text as TCP
-    {0x80002002, "l4_dst_port", Show::kDecimal, false},
-    {0x80002601, "icmp_type", Show::kDecimal, false},
-    {0x80002801, "icmp_code", Show::kDecimal, false},
-    {0x80002a02, "ARP_OP_CODE", Show::kDecimal, false},
-    {0xffff0204, "app_type", Show::kDecimal, false},
+    {0x80000004, "in_port_ifx", Show::decimal, false},
+    {0x80000606, "dmac", Show::mac, true},
+    {0x8000070c, "dmac", Show::mac, true},
+    {0x80000806, "smac", Show::mac, true},
+    {0x8000090c, "smac", Show::mac, true},
+    {0x80000a02, "etype", Show::hex, false},
+    {0x80000c02, "vid", Show::decimal, true},
+    {0x80000d04, "vid", Show::decimal, true},
+    {0x80000e01, "cos", Show::decimal, true},
+    {0x80001001, "dscp", Show::decimal, true},
+    {0x80001401, "protocol", Show::decimal, false},
+    {0x80001604, "ipv4_src", Show::hex, false},
+    {0x80001708, "ipv4_src", Show::hex, false},
+    {0x80001804, "ipv4_dst", Show::hex, false},
+    {0x80001908, "ipv4_dst", Show::hex, false},
+    {0x80001a02, "l4_src_port", Show::decimal, false},
+    {0x80001c02, "l4_dst_port", Show::decimal, false},
+    {0x80001e02, "l4_src_port", Show::decimal, false},  // UDP, the same text as TCP
+    {0x80002002, "l4_dst_port", Show::decimal, false},
+    {0x80002601, "icmp_type", Show::decimal, false},
+    {0x80002801, "icmp_code", Show::decimal, false},
+    {0x80002a02, "ARP_OP_CODE", Show::decimal, false},
+    {0xffff0204, "app_type", Show::decimal, false},
 };
 
 const FieldText *find_text(std::uint32_t header) {
@@ -59,7 +59,7 @@ const FieldText *find_text(std::uint32_t header) {
 // A number of 1, 2 or 4 bytes in host order.
 void print_number(const char *label, Show show, Bytes number, const char *end) {
   const auto value = southbound::read<std::uint32_t>(number, 0);
-  if (show == Show::kHex) {
+  if (show == Show::hex) {
     std::printf("%s: 0x%x%s", label, value, end);
   } else {
     std::printf("%s: %d%s", label, static_cast<int>(value), end);
@@ -77,7 +77,7 @@ void print_field(const FieldText &text, Bytes payload, bool in_match) {
   const bool masked = (text.header >> 8 & 1) != 0;
   const std::size_t width = payload.size() / (masked ? 2 : 1);
   const Bytes value = payload.first(width), mask = payload.subspan(width);
-  if (text.show == Show::kMac) {
+  if (text.show == Show::mac) {
     print_mac(text.label, "", value);
     if (masked) print_mac(text.label, "_mask", mask);
     return;
@@ -86,7 +86,7 @@ void print_field(const FieldText &text, Bytes payload, bool in_match) {
   if (!masked) return;
   char mask_label[32];
   std::snprintf(mask_label, sizeof mask_label, "%s_mask", text.label);
-  print_number(mask_label, in_match ? Show::kHex : Show::kDecimal, mask, ",\n");
+  print_number(mask_label, in_match ? Show::hex : Show::decimal, mask, ",\n");
 }
 
 // Prints the field of this header, whose payload is at the start of `bytes`; nothing if it is not decoded or is cut off.

@@ -93,20 +93,20 @@ int qx_mom_client_set_reconnect_cb(qx_global *global, std::int32_t db, qx_mom_re
 
 int qx_mom_set(qx_global *global, std::int32_t db, const ProtobufCMessage *record, std::uint32_t, std::uint32_t) {
   const Call call = resolve(Point::mom_set, global, db, record, Needs::key, Link::async);
-  const auto write = [&](Bytes packed) { return hub()->store().set(*call.slot, *call.key, packed, std::nullopt); };
+  const auto write = [&](PackedBytes packed) { return hub()->store().set(*call.slot, *call.key, packed, std::nullopt); };
   return told(call, record, false, with_packed(call, record, write));
 }
 
 int qx_mom_setow(qx_global *global, std::int32_t db, const ProtobufCMessage *record, std::uint32_t, std::uint32_t,
                  std::int64_t ow) {
   const Call call = resolve(Point::mom_setow, global, db, record, Needs::key, Link::async);
-  const auto write = [&](Bytes packed) { return hub()->store().set(*call.slot, *call.key, packed, ow); };
+  const auto write = [&](PackedBytes packed) { return hub()->store().set(*call.slot, *call.key, packed, ow); };
   return told(call, record, false, with_packed(call, record, write));
 }
 
 int qx_mom_setnx_sync(qx_global *global, std::int32_t db, const ProtobufCMessage *record, std::uint32_t, std::uint32_t) {
   const Call call = resolve(Point::mom_setnx, global, db, record, Needs::key, Link::sync);
-  return with_packed(call, record, [&](Bytes packed) { return hub()->store().setnx_sync(*call.slot, *call.key, packed); });
+  return with_packed(call, record, [&](PackedBytes packed) { return hub()->store().setnx_sync(*call.slot, *call.key, packed); });
 }
 
 int qx_mom_del(qx_global *global, std::int32_t db, const ProtobufCMessage *record, std::uint32_t, std::uint32_t) {
@@ -138,7 +138,7 @@ int qx_mom_del_expire_ow(qx_global *global, std::int32_t db, const ProtobufCMess
 
 int qx_mom_publish(qx_global *global, std::int32_t db, const ProtobufCMessage *record, std::uint32_t, std::uint32_t) {
   const Call call = resolve(Point::mom_publish, global, db, record, Needs::record, Link::async);
-  return with_packed(call, record, [&](Bytes packed) { return hub()->store().publish(*call.slot, packed); });
+  return with_packed(call, record, [&](PackedBytes packed) { return hub()->store().publish(*call.slot, packed); });
 }
 
 int qx_mom_get_sync(qx_global *global, std::int32_t db, const ProtobufCMessage *record, std::uint32_t, qx_obj **out) {
@@ -162,7 +162,7 @@ int qx_mom_scan_sync(qx_global *global, std::int32_t db, const ProtobufCMessage 
   const Call call = resolve(Point::mom_scan, global, db, record, Needs::record, Link::sync);
   if (call.code) return call.code;
   if (!cb) return kMalformed;
-  return hub()->store().scan_sync(*call.slot, [&](const Key &key, Bytes packed) {
+  return hub()->store().scan_sync(*call.slot, [&](const Key &key, PackedBytes packed) {
     hub()->present(*call.slot, key, packed, cb, arg);
     return true;
   });

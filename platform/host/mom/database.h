@@ -35,7 +35,7 @@ class Watcher {
   virtual ~Watcher() = default;
   // Changes are seen from now on.
   virtual void live(Slot &slot) = 0;
-  virtual void changed(Slot &slot, Change change, Bytes packed, const Key *key) = 0;
+  virtual void changed(Slot &slot, Change change, PackedBytes packed, const Key *key) = 0;
 };
 
 // One record type in one database.

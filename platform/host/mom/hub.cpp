@@ -191,7 +191,7 @@ void Hub::data_fetch(Slot &slot, Subscription &subscription) {
   subscription.callback(&slot.db, &object);
 }
 
-void Hub::deliver(Slot &slot, Change change, Bytes packed, const Key *key) {
+void Hub::deliver(Slot &slot, Change change, PackedBytes packed, const Key *key) {
   ++delivered_;
   if (!slot.watchers.empty()) tell_watchers(slot, change, packed, key);
   const Arena::Scope scope(arena_);
@@ -201,7 +201,7 @@ void Hub::deliver(Slot &slot, Change change, Bytes packed, const Key *key) {
   bytes.packed = packed.data();
   bytes.packed_len = static_cast<std::uint32_t>(packed.size());
 
-  enum { untried, good, bad } state = untried;
+  enum { kUntried, kGood, kBad } state = kUntried;
   const std::size_t count = slot.subscriptions.size();  // a callback's additions start with the next change
   for (std::size_t i = 0; i < count; ++i) {
     const Subscription &subscription = *slot.subscriptions[i];
@@ -210,21 +210,21 @@ void Hub::deliver(Slot &slot, Change change, Bytes packed, const Key *key) {
       subscription.callback(&slot.db, &bytes);
       continue;
     }
-    if (state == untried) {
+    if (state == kUntried) {
       ProtobufCMessage *record = unpack(slot, packed, key, change != Change::published, arena_.allocator());
-      state = record ? good : bad;
+      state = record ? kGood : kBad;
       decoded.fill(command_of(change, slot.type.hash_class()), record);
     }
-    if (state == good) subscription.callback(&slot.db, &decoded.object);
+    if (state == kGood) subscription.callback(&slot.db, &decoded.object);
   }
 }
 
-void Hub::tell_watchers(Slot &slot, Change change, Bytes packed, const Key *key) {
+void Hub::tell_watchers(Slot &slot, Change change, PackedBytes packed, const Key *key) {
   std::erase_if(slot.watchers, [](const auto &watcher) { return watcher.expired(); });
   for (const auto &watcher : slot.watchers) watcher.lock()->changed(slot, change, packed, key);
 }
 
-ProtobufCMessage *Hub::unpack(const Slot &slot, Bytes packed, const Key *key, bool stored, ProtobufCAllocator *allocator) {
+ProtobufCMessage *Hub::unpack(const Slot &slot, PackedBytes packed, const Key *key, bool stored, ProtobufCAllocator *allocator) {
   ProtobufCMessage *record = protobuf_c_message_unpack(&slot.type.descriptor(), allocator, packed.size(), packed.data());
   if (record && (!stored || slot.type.belongs(*record, key))) return record;
   protobuf_c_message_free_unpacked(record, allocator);
@@ -232,7 +232,7 @@ ProtobufCMessage *Hub::unpack(const Slot &slot, Bytes packed, const Key *key, bo
   return nullptr;
 }
 
-void Hub::present(Slot &slot, const Key &key, Bytes packed, qx_mom_scan_cb cb, void *arg) {
+void Hub::present(Slot &slot, const Key &key, PackedBytes packed, qx_mom_scan_cb cb, void *arg) {
   const Arena::Scope scope(arena_);
   ProtobufCMessage *record = unpack(slot, packed, &key, true, arena_.allocator());
   if (!record) return;
@@ -241,7 +241,7 @@ void Hub::present(Slot &slot, const Key &key, Bytes packed, qx_mom_scan_cb cb, v
   cb(&decoded.object, arg);
 }
 
-qx_obj *Hub::make_object(Slot &slot, const Key &key, Bytes packed) {
+qx_obj *Hub::make_object(Slot &slot, const Key &key, PackedBytes packed) {
   ProtobufCMessage *record = unpack(slot, packed, &key, true, nullptr);
   if (!record) return nullptr;
   auto *decoded = new Decoded;

@@ -52,7 +52,7 @@ class Hub final : public StoreEvents {
   void disconnected(Database &db) override { db.up = false; }
   void reconnect(Database &db, std::int32_t type) override;
   void look_again(Database &db) override;
-  void deliver(Slot &slot, Change change, Bytes packed, const Key *key = nullptr) override;
+  void deliver(Slot &slot, Change change, PackedBytes packed, const Key *key = nullptr) override;
   // Counts by kind and record type and logs the first of each with its key. Keys that name no record type of the schema count as
   // type "foreign".
   void skip(const char *kind, const std::string &key) override;
@@ -62,9 +62,9 @@ class Hub final : public StoreEvents {
 
   // Calls `cb` with the record, laid out like the notification of a write. Skips bytes that are no record of the type with that
   // key.
-  void present(Slot &slot, const Key &key, Bytes packed, qx_mom_scan_cb cb, void *arg);
+  void present(Slot &slot, const Key &key, PackedBytes packed, qx_mom_scan_cb cb, void *arg);
   // The same as an object that the caller owns and releases with free_object(); null for bytes that are skipped.
-  qx_obj *make_object(Slot &slot, const Key &key, Bytes packed);
+  qx_obj *make_object(Slot &slot, const Key &key, PackedBytes packed);
 
   // Numbers skipped, by "type: kind".
   const std::unordered_map<std::string, std::uint64_t> &skipped() const { return skipped_; }
@@ -81,9 +81,9 @@ class Hub final : public StoreEvents {
   void data_fetch(Slot &slot, Subscription &subscription);
   void give_held_signals();
   bool all_heard() const;
-  void tell_watchers(Slot &slot, Change change, Bytes packed, const Key *key);
+  void tell_watchers(Slot &slot, Change change, PackedBytes packed, const Key *key);
   // Null, and counted as skipped, for bytes that are no record of the type or, where `key` is given, a record with another key.
-  ProtobufCMessage *unpack(const Slot &slot, Bytes packed, const Key *key, bool stored, ProtobufCAllocator *allocator);
+  ProtobufCMessage *unpack(const Slot &slot, PackedBytes packed, const Key *key, bool stored, ProtobufCAllocator *allocator);
   void skip_broken(const Slot &slot, const Key *key);
 
   std::deque<Database> databases_;

@@ -27,7 +27,7 @@ std::string choose_store(Hub &hub, const Config::Mom &mom) {
     hub.adopt(std::make_unique<Embedded>(hub, hub.later()));
     return "";
   }
-  Endpoint endpoint;
+  RedisEndpoint endpoint;
   if (std::string why = configured_endpoint(mom, &endpoint); !why.empty()) return why;
   auto store = std::make_unique<RedisStore>(hub, hub.later(), std::move(endpoint), mom);
   std::string why = store->probe();

@@ -23,7 +23,7 @@ namespace host::mom {
 inline constexpr std::chrono::microseconds kExpiryPerObject(100);
 
 // Sees one object of a scan; the bytes are valid until it returns. False ends the scan.
-using Visitor = std::function<bool(const Key &key, Bytes packed)>;
+using Visitor = std::function<bool(const Key &key, PackedBytes packed)>;
 
 // What a store reports to the client.
 class StoreEvents {
@@ -38,7 +38,7 @@ class StoreEvents {
   // The connection held, but writes were refused or everything was deleted: every subscription gets its data-fetch signal again.
   virtual void look_again(Database &db) = 0;
   // An object changed. `key` is null where the store does not know it; the log shows it when the bytes are no record.
-  virtual void deliver(Slot &slot, Change change, Bytes packed, const Key *key) = 0;
+  virtual void deliver(Slot &slot, Change change, PackedBytes packed, const Key *key) = 0;
   // Something in the database or in a notification cannot be used. `kind` is a literal that says what, `key` the object's name as
   // it was found.
   virtual void skip(const char *kind, const std::string &key) = 0;
@@ -60,11 +60,11 @@ class Store {
   virtual int connect(Database &db) = 0;
 
   // Without a tag the object has none afterwards.
-  virtual int set(Slot &slot, const Key &key, Bytes packed, std::optional<std::int64_t> tag) = 0;
-  virtual int setnx_sync(Slot &slot, const Key &key, Bytes packed) = 0;
+  virtual int set(Slot &slot, const Key &key, PackedBytes packed, std::optional<std::int64_t> tag) = 0;
+  virtual int setnx_sync(Slot &slot, const Key &key, PackedBytes packed) = 0;
   virtual int del(Slot &slot, const Key &key) = 0;
   virtual int del_sync(Slot &slot, const Key &key) = 0;
-  virtual int publish(Slot &slot, Bytes packed) = 0;
+  virtual int publish(Slot &slot, PackedBytes packed) = 0;
 
   // A null key means every object of the type, with `kExpiryPerObject` added for each. `done` may be null.
   virtual int pexpire(Slot &slot, const Key *key, std::uint32_t ms, qx_mom_done_cb done) = 0;

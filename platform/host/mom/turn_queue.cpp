@@ -18,7 +18,7 @@ constexpr unsigned kLookAtClockEvery = 16;
 
 void TurnQueue::notify(Slot &slot, Change change, ObjectRef object) {
   slot.topic.take(object->size);
-  queue_.emplace_back(Notification{&slot, std::move(object), change});
+  queue_.emplace_back(Delivery{&slot, std::move(object), change});
   wake();
 }
 
@@ -46,7 +46,7 @@ void TurnQueue::perform(Item &item) {
     (*action)();
     return;
   }
-  auto &notification = std::get<Notification>(item);
+  auto &notification = std::get<Delivery>(item);
   events_.deliver(*notification.slot, notification.change, notification.object->packed(), nullptr);
   notification.slot->topic.release(notification.object->size);
 }

@@ -24,12 +24,12 @@ class TurnQueue {
   std::size_t size() const { return queue_.size(); }
 
  private:
-  struct Notification {
+  struct Delivery {
     Slot *slot;
     ObjectRef object;
     Change change;
   };
-  using Item = std::variant<Notification, std::function<void()>>;
+  using Item = std::variant<Delivery, std::function<void()>>;
 
   void wake();
   void run();

@@ -132,15 +132,15 @@ struct Release {
 using Record = std::unique_ptr<ProtobufCMessage, Release>;
 
 // Null for bytes that are no record of the type.
-Record unpack(const RecordType &type, Bytes packed) {
+Record unpack(const RecordType &type, PackedBytes packed) {
   return Record(protobuf_c_message_unpack(&type.descriptor(), nullptr, packed.size(), packed.data()));
 }
 
-Json broken(Bytes packed) {
+Json broken(PackedBytes packed) {
   return {{"broken", true}, {"length", packed.size()}};
 }
 
-Json record_json(const RecordType &type, const Key &key, Bytes packed) {
+Json record_json(const RecordType &type, const Key &key, PackedBytes packed) {
   const Record record = unpack(type, packed);
   return record && type.belongs(*record, &key) ? to_json(*record) : broken(packed);
 }
@@ -160,7 +160,7 @@ Json list(Hub &hub, const nlohmann::json &args, bool with_records) {
   std::size_t total = 0;
   each_database(hub, args, [&](Database &db) {
     std::size_t seen = 0;
-    must_have_answered(db, hub.store().scan_sync(hub.slot(db, type), [&](const Key &key, Bytes packed) {
+    must_have_answered(db, hub.store().scan_sync(hub.slot(db, type), [&](const Key &key, PackedBytes packed) {
       if (objects.size() == limit) return false;  // the rest is only counted
       ++seen;
       Json object = object_json(db, type, key);
@@ -228,7 +228,7 @@ class Changes final : public Watcher {
     if (++live_ == slots_) push_([&] { return Json{{"live", slots_}}; });
   }
 
-  void changed(Slot &slot, Change change, Bytes packed, const Key *key) override {
+  void changed(Slot &slot, Change change, PackedBytes packed, const Key *key) override {
     push_([&] {
       Json line = {{"at_us", wall_clock_us()},
                    {"db", slot.db.number},

@@ -148,7 +148,7 @@ void Embedded::notify(Table &table, Change change, const ObjectRef &object) {
   if (table.slot.heard()) later_.notify(table.slot, change, object);
 }
 
-int Embedded::write(Table &table, const SortedIndex::Place &place, const Key &key, Bytes packed) {
+int Embedded::write(Table &table, const SortedIndex::Place &place, const Key &key, PackedBytes packed) {
   if (table.slot.heard() && !table.slot.topic.admit(packed.size())) return -14;
   const ObjectRef object = ObjectRef::make(packed, key.tail);
   if (!object) return -1;
@@ -175,12 +175,12 @@ void Embedded::remove(Table &table, const SortedIndex::Place &place, const Key &
   notify(table, Change::deleted, object);
 }
 
-int Embedded::set(Slot &slot, const Key &key, Bytes packed, std::optional<std::int64_t>) {
+int Embedded::set(Slot &slot, const Key &key, PackedBytes packed, std::optional<std::int64_t>) {
   Table &table = this->table(slot);
   return write(table, table.index.find(key), key, packed);
 }
 
-int Embedded::setnx_sync(Slot &slot, const Key &key, Bytes packed) {
+int Embedded::setnx_sync(Slot &slot, const Key &key, PackedBytes packed) {
   Table &table = this->table(slot);
   const auto place = table.index.find(key);
   return place.found ? 1 : write(table, place, key, packed);
@@ -194,7 +194,7 @@ int Embedded::del(Slot &slot, const Key &key) {
   return 0;
 }
 
-int Embedded::publish(Slot &slot, Bytes packed) {
+int Embedded::publish(Slot &slot, PackedBytes packed) {
   if (!slot.heard()) return 0;
   if (!slot.topic.admit(packed.size())) return -14;
   ObjectRef object = ObjectRef::make(packed, {});
@@ -207,7 +207,7 @@ int Embedded::get_sync(Slot &slot, const Key &key, std::vector<std::uint8_t> &pa
   Table &table = this->table(slot);
   const auto place = table.index.find(key);
   if (!place.found) return -7;
-  const Bytes bytes = table.index.at(place)->packed();
+  const PackedBytes bytes = table.index.at(place)->packed();
   packed.assign(bytes.begin(), bytes.end());
   return 0;
 }

@@ -26,11 +26,11 @@ class Embedded final : public Store {
   const char *kind() const override { return "embedded"; }
   int connect_sync(Database &db) override;
   int connect(Database &db) override;
-  int set(Slot &slot, const Key &key, Bytes packed, std::optional<std::int64_t> tag) override;
-  int setnx_sync(Slot &slot, const Key &key, Bytes packed) override;
+  int set(Slot &slot, const Key &key, PackedBytes packed, std::optional<std::int64_t> tag) override;
+  int setnx_sync(Slot &slot, const Key &key, PackedBytes packed) override;
   int del(Slot &slot, const Key &key) override;
   int del_sync(Slot &slot, const Key &key) override { return del(slot, key); }
-  int publish(Slot &slot, Bytes packed) override;
+  int publish(Slot &slot, PackedBytes packed) override;
   int pexpire(Slot &slot, const Key *key, std::uint32_t ms, qx_mom_done_cb done) override;
   int del_expire(Slot &slot, const Key *key) override;
   int del_expired(Slot &slot, std::int64_t tag) override;
@@ -57,7 +57,7 @@ class Embedded final : public Store {
 
   Table &table(Slot &slot);
   void notify(Table &table, Change change, const ObjectRef &object);
-  int write(Table &table, const SortedIndex::Place &place, const Key &key, Bytes packed);
+  int write(Table &table, const SortedIndex::Place &place, const Key &key, PackedBytes packed);
   void remove(Table &table, const SortedIndex::Place &place, const Key &key);
   void drop_own(Table &table);
   void set_deadline(Table &table, std::optional<Time> deadline);

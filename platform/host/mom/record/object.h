@@ -23,7 +23,7 @@ struct Object {
   std::uint16_t tail_size;
 
   const std::uint8_t *data() const { return reinterpret_cast<const std::uint8_t *>(this + 1); }
-  Bytes packed() const { return {data(), size}; }
+  PackedBytes packed() const { return {data(), size}; }
   std::string_view tail() const { return {reinterpret_cast<const char *>(data() + size), tail_size}; }
 };
 static_assert(sizeof(Object) == 16);
@@ -43,7 +43,7 @@ class ObjectRef {
   }
 
   // Null when memory is exhausted.
-  static ObjectRef make(Bytes packed, std::string_view tail) {
+  static ObjectRef make(PackedBytes packed, std::string_view tail) {
     void *memory = std::malloc(sizeof(Object) + packed.size() + tail.size());
     if (!memory) return {};
     auto *object = new (memory) Object{};

@@ -376,7 +376,7 @@ std::vector<std::uint8_t> RecordType::key_only(const Key &key) const {
   return packed;
 }
 
-std::optional<Bytes> RecordType::pack(const ProtobufCMessage &record) const {
+std::optional<PackedBytes> RecordType::pack(const ProtobufCMessage &record) const {
   static std::vector<std::uint8_t> scratch(4096);
   const auto bound = bound_->of(record);
   if (!bound) return std::nullopt;
@@ -386,7 +386,7 @@ std::optional<Bytes> RecordType::pack(const ProtobufCMessage &record) const {
     scratch.resize(kScratchKept);
     scratch.shrink_to_fit();
   }
-  return Bytes(scratch.data(), protobuf_c_message_pack(&record, scratch.data()));
+  return PackedBytes(scratch.data(), protobuf_c_message_pack(&record, scratch.data()));
 }
 
 }  // namespace host::mom

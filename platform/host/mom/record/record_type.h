@@ -18,7 +18,7 @@
 
 namespace host::mom {
 
-using Bytes = std::span<const std::uint8_t>;
+using PackedBytes = std::span<const std::uint8_t>;
 
 class RecordType {
  public:
@@ -66,7 +66,7 @@ class RecordType {
   std::vector<std::uint8_t> key_only(const Key &key) const;
 
   // Packs into a scratch buffer that the next call of any type overwrites; nothing when the record is malformed.
-  std::optional<Bytes> pack(const ProtobufCMessage &record) const;
+  std::optional<PackedBytes> pack(const ProtobufCMessage &record) const;
 
  private:
   RecordType(const ProtobufCMessageDescriptor &descriptor, std::size_t id);

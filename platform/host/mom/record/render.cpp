@@ -207,7 +207,7 @@ std::string printable(std::string_view bytes, std::size_t most) {
   return bytes.size() > most ? out + "..." : out;
 }
 
-std::string hex(Bytes bytes, std::string_view between) {
+std::string hex(PackedBytes bytes, std::string_view between) {
   static constexpr std::string_view kDigits = "0123456789abcdef";
   std::string out;
   out.reserve(bytes.size() * (2 + between.size()));

@@ -24,7 +24,7 @@ Json to_json(const ProtobufCMessage &record);
 std::string printable(std::string_view bytes, std::size_t most = SIZE_MAX);
 
 // Bytes as hexadecimal digits, and back; nothing for text that is not hexadecimal.
-std::string hex(Bytes bytes, std::string_view between = "");
+std::string hex(PackedBytes bytes, std::string_view between = "");
 std::optional<std::vector<std::uint8_t>> unhex(std::string_view text);
 
 }  // namespace host::mom

@@ -50,12 +50,12 @@ bool parse_address(std::string_view text, std::string *host, int *port) {
 }
 
 // "HOST[:PORT],.../NAME"
-bool parse_sentinels(std::string_view text, Endpoint *endpoint) {
+bool parse_sentinels(std::string_view text, RedisEndpoint *endpoint) {
   const std::size_t slash = text.find('/');
   if (slash == std::string_view::npos) return false;
   endpoint->master = text.substr(slash + 1);
   for (const std::string &address : split(text.substr(0, slash), ",")) {
-    Endpoint &sentinel = endpoint->sentinels.emplace_back();
+    RedisEndpoint &sentinel = endpoint->sentinels.emplace_back();
     sentinel.port = kSentinelPort;
     if (!parse_address(address, &sentinel.host, &sentinel.port)) return false;
     sentinel.server_name = sentinel.host;
@@ -75,7 +75,7 @@ std::string read_password(const std::string &file, std::string *password) {
 
 }  // namespace
 
-std::string parse_endpoint(const std::string &url, Endpoint *endpoint) {
+std::string parse_endpoint(const std::string &url, RedisEndpoint *endpoint) {
   endpoint->url = url;
   std::string_view rest = url;
   const auto scheme = std::ranges::find_if(kSchemes, [&](const Scheme &one) { return rest.starts_with(one.prefix); });
@@ -107,7 +107,7 @@ std::string parse_endpoint(const std::string &url, Endpoint *endpoint) {
   return "";
 }
 
-std::string configured_endpoint(const Config::Mom &config, Endpoint *endpoint) {
+std::string configured_endpoint(const Config::Mom &config, RedisEndpoint *endpoint) {
   std::string why = parse_endpoint(config.url, endpoint);
   endpoint->password = config.password;
   if (why.empty() && !config.password_file.empty()) why = read_password(config.password_file, &endpoint->password);
@@ -115,21 +115,21 @@ std::string configured_endpoint(const Config::Mom &config, Endpoint *endpoint) {
   if (!config.tls_server_name.empty()) endpoint->server_name = config.tls_server_name;
   if (config.tls_ca.empty()) return bad_url(config.url, "needs mom.tls_ca, the authorities that the server is checked against");
   endpoint->tls = tls::load(config.tls_cert, config.tls_key, config.tls_ca, why);
-  for (Endpoint &sentinel : endpoint->sentinels) {
+  for (RedisEndpoint &sentinel : endpoint->sentinels) {
     sentinel.tls = endpoint->tls;
     if (!config.tls_server_name.empty()) sentinel.server_name = config.tls_server_name;
   }
   return why;
 }
 
-std::vector<std::string_view> login(const Endpoint &endpoint) {
+std::vector<std::string_view> login(const RedisEndpoint &endpoint) {
   if (endpoint.password.empty()) return {};
   if (endpoint.user.empty()) return {"AUTH", endpoint.password};
   return {"AUTH", endpoint.user, endpoint.password};
 }
 
-std::string resolve(Endpoint *endpoint) {
-  for (Endpoint &sentinel : endpoint->sentinels)
+std::string resolve(RedisEndpoint *endpoint) {
+  for (RedisEndpoint &sentinel : endpoint->sentinels)
     if (std::string why = resolve(&sentinel); !why.empty()) return sentinel.host + ": " + why;
   if (endpoint->host.empty()) return "";
   std::string why;
@@ -151,11 +151,11 @@ std::string resolve(Endpoint *endpoint) {
   return "the host has no address: " + why;
 }
 
-std::vector<std::string_view> master_question(const Endpoint &endpoint) {
+std::vector<std::string_view> master_question(const RedisEndpoint &endpoint) {
   return {"SENTINEL", "GET-MASTER-ADDR-BY-NAME", endpoint.master};
 }
 
-std::string take_master(const redisReply *reply, Endpoint *endpoint) {
+std::string take_master(const redisReply *reply, RedisEndpoint *endpoint) {
   if (is_error(reply)) return std::string(text_of(reply));
   const bool known = reply->type == REDIS_REPLY_ARRAY && reply->elements == 2;
   const auto port = known ? number(text_of(reply->element[1])) : std::nullopt;

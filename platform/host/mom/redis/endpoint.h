@@ -14,7 +14,7 @@
 
 namespace host::mom {
 
-struct Endpoint {
+struct RedisEndpoint {
   std::string url;   // as configured, for messages
   std::string path;  // of the unix socket; empty: TCP
   std::string host;
@@ -25,7 +25,7 @@ struct Endpoint {
   std::shared_ptr<SSL_CTX> tls;  // certificates and keys for it
   std::string server_name;       // the name that the server's certificate must be for; empty: its address
   // The sentinels that know host and port of the master of that name; empty: the URL names the server itself.
-  std::vector<Endpoint> sentinels;
+  std::vector<RedisEndpoint> sentinels;
   std::string master;
   std::string client;  // prefix of our connections' names on the server, "client/8/sync"; empty: unnamed
 
@@ -36,17 +36,17 @@ struct Endpoint {
 
 // "redis+unix:/PATH", "redis://[USER@]HOST[:PORT]", the same with "rediss" for TLS, HOST also "[IPV6]";
 // "redis+sentinel://[USER@]HOST[:PORT],.../NAME". Returns "" or what is wrong with the URL, without showing a password in it.
-std::string parse_endpoint(const std::string &url, Endpoint *endpoint);
+std::string parse_endpoint(const std::string &url, RedisEndpoint *endpoint);
 
 // The configured endpoint, with password and certificates read from their files. Returns "" or what is wrong.
-std::string configured_endpoint(const Config::Mom &config, Endpoint *endpoint);
+std::string configured_endpoint(const Config::Mom &config, RedisEndpoint *endpoint);
 
 // The command that logs in; empty when there is no password.
-std::vector<std::string_view> login(const Endpoint &endpoint);
+std::vector<std::string_view> login(const RedisEndpoint &endpoint);
 
 // Replaces the names of host or sentinels by numeric addresses. Called once, at the start: a look-up blocks, which the loop must
 // not. Returns "" or why there is no address.
-std::string resolve(Endpoint *endpoint);
+std::string resolve(RedisEndpoint *endpoint);
 
 // A server's position in a replication history. A replica that becomes master begins a history of its own and reports up to which
 // offset it shares the previous one.
@@ -78,7 +78,7 @@ std::string server_unfit(const ServerInfo &info);
 struct FreeReply {
   void operator()(redisReply *reply) const { freeReplyObject(reply); }
 };
-using Reply = std::unique_ptr<redisReply, FreeReply>;
+using RedisReply = std::unique_ptr<redisReply, FreeReply>;
 
 inline bool is_error(const redisReply *reply) {
   return reply->type == REDIS_REPLY_ERROR;
@@ -97,8 +97,8 @@ inline std::string_view text_of(const redisReply *reply) {
 
 // The question to a sentinel. take_master() puts the master's address from the reply into the endpoint; returns "" or why there
 // is none.
-std::vector<std::string_view> master_question(const Endpoint &endpoint);
-std::string take_master(const redisReply *reply, Endpoint *endpoint);
+std::vector<std::string_view> master_question(const RedisEndpoint &endpoint);
+std::string take_master(const redisReply *reply, RedisEndpoint *endpoint);
 
 // Appends one command in wire format.
 using Arguments = std::initializer_list<std::string_view>;

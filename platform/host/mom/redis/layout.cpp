@@ -23,11 +23,11 @@ const Kind *kind_of(char letter) {
 
 }  // namespace
 
-std::string_view as_text(Bytes bytes) {
+std::string_view as_text(PackedBytes bytes) {
   return {reinterpret_cast<const char *>(bytes.data()), bytes.size()};
 }
 
-Bytes as_bytes(std::string_view text) {
+PackedBytes as_bytes(std::string_view text) {
   return {reinterpret_cast<const std::uint8_t *>(text.data()), text.size()};
 }
 
@@ -37,18 +37,18 @@ std::string tag_bytes(std::int64_t tag) {
   return bytes;
 }
 
-std::optional<Bytes> record_in(std::string_view value) {
+std::optional<PackedBytes> record_in(std::string_view value) {
   if (value.size() < kTagSize) return std::nullopt;
   return as_bytes(value.substr(kTagSize));
 }
 
-void append_notification_end(std::string &out, std::string_view member, Bytes packed) {
+void append_notification_end(std::string &out, std::string_view member, PackedBytes packed) {
   out.append(member).push_back('\0');
   for (std::size_t byte = 0; byte < kLengthSize; ++byte) out.push_back(static_cast<char>(packed.size() >> 8 * byte));
   out.append(as_text(packed));
 }
 
-std::string notification_end(std::string_view member, Bytes packed) {
+std::string notification_end(std::string_view member, PackedBytes packed) {
   std::string end;
   append_notification_end(end, member, packed);
   return end;
@@ -58,7 +58,7 @@ std::optional<Notification> Notification::take(std::string_view &payload) {
   const Kind *kind = payload.empty() ? nullptr : kind_of(payload.front());
   const std::size_t end = payload.find('\0');
   if (!kind || end == std::string_view::npos || payload.size() - end - 1 < kLengthSize) return std::nullopt;
-  const Bytes rest = as_bytes(payload.substr(end + 1));
+  const PackedBytes rest = as_bytes(payload.substr(end + 1));
   std::size_t length = 0;
   for (std::size_t byte = 0; byte < kLengthSize; ++byte) length |= std::size_t{rest[byte]} << 8 * byte;
   if (rest.size() - kLengthSize < length) return std::nullopt;

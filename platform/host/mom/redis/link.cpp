@@ -60,7 +60,7 @@ std::string_view word_in(std::string_view line, std::string_view key) {
 
 }  // namespace
 
-RedisLink::RedisLink(StoreEvents &store_events, TurnQueue &later, Database &db, const Endpoint &endpoint,
+RedisLink::RedisLink(StoreEvents &store_events, TurnQueue &later, Database &db, const RedisEndpoint &endpoint,
                      std::chrono::milliseconds dead_after, Events events)
     : store_events_(store_events),
       later_(later),

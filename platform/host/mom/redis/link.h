@@ -55,7 +55,7 @@ class RedisLink {
     std::function<void()> unsure;  // the database may not hold what was written: writes are refused, or all was deleted
   };
 
-  RedisLink(StoreEvents &store_events, TurnQueue &later, Database &db, const Endpoint &endpoint,
+  RedisLink(StoreEvents &store_events, TurnQueue &later, Database &db, const RedisEndpoint &endpoint,
             std::chrono::milliseconds dead_after, Events events);
   ~RedisLink();
 
@@ -131,7 +131,7 @@ class RedisLink {
   StoreEvents &store_events_;
   TurnQueue &later_;
   Database &db_;
-  Endpoint endpoint_;
+  RedisEndpoint endpoint_;
   std::chrono::milliseconds dead_after_;  // the longest silence of the server before the link fails
   Events events_;
   Pipe writer_;

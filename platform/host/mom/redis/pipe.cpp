@@ -120,7 +120,7 @@ void Pipe::ready(short what) {
 // Dispatches the replies received. A callback may end this connection and begin another.
 void Pipe::go_on(bool good) {
   const unsigned generation = generation_;
-  while (const Reply reply = stream_.next()) {
+  while (const RedisReply reply = stream_.next()) {
     take(reply.get());
     if (generation != generation_) return;
   }

@@ -21,7 +21,7 @@ class Pipe {
   // `ended` is called once when the connection ends, with the reason, unless close() was called. Over TCP a peer that vanishes
   // without closing the connection, because its machine went down for example, is given up after `dead_after` even on an idle
   // connection.
-  Pipe(const Endpoint &endpoint, std::chrono::milliseconds dead_after, std::function<void(const std::string &)> ended)
+  Pipe(const RedisEndpoint &endpoint, std::chrono::milliseconds dead_after, std::function<void(const std::string &)> ended)
       : endpoint_(endpoint), dead_after_(dead_after), ended_(std::move(ended)) {}
   ~Pipe() { close(); }
   Pipe(const Pipe &) = delete;
@@ -63,7 +63,7 @@ class Pipe {
   void watch_output();
   void finish(const std::string &why);
 
-  const Endpoint &endpoint_;
+  const RedisEndpoint &endpoint_;
   std::chrono::milliseconds dead_after_;
   std::function<void(const std::string &)> ended_;
   Stream stream_;

@@ -25,7 +25,7 @@ constexpr auto kProbeEvery = 50ms;
 
 }  // namespace
 
-RedisStore::RedisStore(StoreEvents &events, TurnQueue &later, Endpoint endpoint, const Config::Mom &config)
+RedisStore::RedisStore(StoreEvents &events, TurnQueue &later, RedisEndpoint endpoint, const Config::Mom &config)
     : events_(events),
       later_(later),
       endpoint_(std::move(endpoint)),
@@ -126,7 +126,7 @@ void RedisStore::unsure(Base &base) {
 
 // ---- writes
 
-int RedisStore::set(Slot &slot, const Key &key, Bytes packed, std::optional<std::int64_t> tag) {
+int RedisStore::set(Slot &slot, const Key &key, PackedBytes packed, std::optional<std::int64_t> tag) {
   return write(table(slot), key, packed, tag.value_or(0));
 }
 
@@ -137,7 +137,7 @@ bool RedisStore::is_stored(Table &table, const Key &key) {
 // While the server refuses writes, a new object is refused at once. Deliberate: the rewrite of a stored object reports success
 // although nothing is sent, because the writer would take a failure for the object's end. The stored value stays valid until
 // every subscription gets its data-fetch signal.
-int RedisStore::write(Table &table, const Key &key, Bytes packed, std::int64_t tag) {
+int RedisStore::write(Table &table, const Key &key, PackedBytes packed, std::int64_t tag) {
   if (!table.slot.db.refusing.empty()) {
     events_.count_refused(1);
     return is_stored(table, key) ? 0 : -14;
@@ -159,7 +159,7 @@ int RedisStore::write(Table &table, const Key &key, Bytes packed, std::int64_t t
   return 0;
 }
 
-void RedisStore::add_write(Table &table, const Key &key, std::string_view member, std::string_view tag, Bytes packed) {
+void RedisStore::add_write(Table &table, const Key &key, std::string_view member, std::string_view tag, PackedBytes packed) {
   Batch &batch = table.batch;
   // A batch writes first and deletes afterwards.
   if (std::ranges::find(batch.deleted, key) != batch.deleted.end()) flush(table.base);
@@ -254,7 +254,8 @@ void RedisStore::send(Table &table, Arguments arguments, Charge charge, qx_mom_d
 
 // Runs a script over the index, part by part, after the writes before it and ahead of those after it. `where_writes_are_taken` is
 // for the expiry of a whole type: it deletes what a replay does not renew, so it must not begin while writes are refused.
-void RedisStore::pass(Table &table, const Script &script, Where where, std::vector<std::string> arguments, qx_mom_done_cb done) {
+void RedisStore::pass(Table &table, const RedisScript &script, Where where, std::vector<std::string> arguments,
+                      qx_mom_done_cb done) {
   flush(table.base);
   RedisLink::Formatted first;
   if (where == Where::anywhere) {
@@ -269,8 +270,8 @@ void RedisStore::pass(Table &table, const Script &script, Where where, std::vect
   link(table).send(std::move(first));
 }
 
-RedisLink::Formatted RedisStore::part(const Table &table, const Script &script, std::string_view cursor, std::string_view state,
-                                      std::vector<std::string> arguments) {
+RedisLink::Formatted RedisStore::part(const Table &table, const RedisScript &script, std::string_view cursor,
+                                      std::string_view state, std::vector<std::string> arguments) {
   std::vector<std::string_view> words = {"EVALSHA", script.sha, "1", table.index, cursor, state};
   words.insert(words.end(), arguments.begin(), arguments.end());
   RedisLink::Formatted command;
@@ -303,7 +304,7 @@ int RedisStore::del(Slot &slot, const Key &key) {
   return 0;
 }
 
-int RedisStore::publish(Slot &slot, Bytes packed) {
+int RedisStore::publish(Slot &slot, PackedBytes packed) {
   Table &table = this->table(slot);
   if (!slot.topic.admit(packed.size())) return -14;
   slot.topic.take(packed.size());
@@ -349,7 +350,7 @@ int RedisStore::del_expired(Slot &slot, std::int64_t) {
 
 // ---- synchronous calls
 
-Reply RedisStore::synchronously(Base &base, const std::function<Reply(SyncConnection &)> &ask, Sees sees) {
+RedisReply RedisStore::synchronously(Base &base, const std::function<RedisReply(SyncConnection &)> &ask, Sees sees) {
   if (base.sync.resting()) return nullptr;
   const auto deadline = steady_clock::now() + limit_;
   base.sync.set_deadline(deadline);
@@ -366,17 +367,17 @@ Reply RedisStore::synchronously(Base &base, const std::function<Reply(SyncConnec
   const auto other_server = [&] { return link && !link->run_id().empty() && base.sync.server().run_id != link->run_id(); };
   if (base.sync.open().empty() && other_server()) base.sync.close();
   if (!base.sync.open().empty() || other_server()) return nullptr;
-  Reply reply = ask(base.sync);
+  RedisReply reply = ask(base.sync);
   if (reply && is_error(reply.get())) log::error("database {}: {}", base.db.number, text_of(reply.get()));
   return reply;
 }
 
-int RedisStore::setnx_sync(Slot &slot, const Key &key, Bytes packed) {
+int RedisStore::setnx_sync(Slot &slot, const Key &key, PackedBytes packed) {
   Table &table = this->table(slot);
   const std::string object = slot.type.text(key);
   const std::string member = object.substr(table.prefix.size());
   const std::string value = tag_bytes(0).append(as_text(packed));
-  const Reply reply = synchronously(table.base, [&](SyncConnection &sync) {
+  const RedisReply reply = synchronously(table.base, [&](SyncConnection &sync) {
     return sync.run(scripts::put_if_absent(), {"2", table.index, object, member, table.channel, value,
                                                notification_end(member, packed), slot.type.hash_class() ? "C" : "W"});
   });
@@ -388,7 +389,7 @@ int RedisStore::del_sync(Slot &slot, const Key &key) {
   const std::string member = slot.type.member_text(key);
   table.known.erase(key);
   for (auto *deleted : table.scans) deleted->insert(key);
-  const Reply reply = synchronously(table.base, [&](SyncConnection &sync) {
+  const RedisReply reply = synchronously(table.base, [&](SyncConnection &sync) {
     return sync.run(scripts::del(), {"1", table.index, table.prefix, table.channel, table.gone, "", member, ""});
   });
   if (!reply || reply->type != REDIS_REPLY_INTEGER) return -1;
@@ -398,7 +399,7 @@ int RedisStore::del_sync(Slot &slot, const Key &key) {
 int RedisStore::get_sync(Slot &slot, const Key &key, std::vector<std::uint8_t> &packed) {
   Table &table = this->table(slot);
   const std::string object = slot.type.text(key);
-  const Reply reply = synchronously(table.base, [&](SyncConnection &sync) { return sync.call({"GET", object}); });
+  const RedisReply reply = synchronously(table.base, [&](SyncConnection &sync) { return sync.call({"GET", object}); });
   if (!reply) return -1;
   if (reply->type == REDIS_REPLY_NIL) return -7;
   const auto record = reply->type == REDIS_REPLY_STRING ? record_in(text_of(reply.get())) : std::nullopt;
@@ -415,7 +416,7 @@ bool RedisStore::read_some_members(Table &table, std::string &cursor, std::size_
   const auto ask = [&](SyncConnection &sync) {
     return sync.call({"SSCAN", table.index, cursor, "COUNT", std::to_string(about)});
   };
-  const Reply reply = synchronously(table.base, ask, sees);
+  const RedisReply reply = synchronously(table.base, ask, sees);
   if (!reply || reply->type != REDIS_REPLY_ARRAY || reply->elements != 2) return false;
   cursor = text_of(reply->element[0]);
   for (const redisReply *member : std::span(reply->element[1]->element, reply->element[1]->elements)) {
@@ -445,7 +446,7 @@ RedisStore::Visited RedisStore::visit_batch(Table &table, std::span<const Key> k
   for (const Key &key : keys) objects.push_back(table.slot.type.text(key));
   std::vector<std::string_view> arguments = {"MGET"};
   arguments.insert(arguments.end(), objects.begin(), objects.end());
-  const Reply reply = synchronously(
+  const RedisReply reply = synchronously(
       table.base, [&](SyncConnection &sync) { return sync.call(arguments); }, sees);
   if (!reply || reply->type != REDIS_REPLY_ARRAY || reply->elements != keys.size()) return Visited::failed;
   for (std::size_t i = 0; i < keys.size(); ++i) {
@@ -490,7 +491,7 @@ int RedisStore::walk_sync(Slot &slot, Walk &walk, const Visitor &visit) {
 }
 
 std::optional<std::size_t> RedisStore::number(Base &base, Arguments question) {
-  const Reply reply = synchronously(base, [&](SyncConnection &sync) { return sync.call(question); });
+  const RedisReply reply = synchronously(base, [&](SyncConnection &sync) { return sync.call(question); });
   if (reply && reply->type == REDIS_REPLY_NIL) return 0;
   if (!reply || reply->type != REDIS_REPLY_INTEGER) return std::nullopt;
   return static_cast<std::size_t>(reply->integer);
@@ -498,7 +499,7 @@ std::optional<std::size_t> RedisStore::number(Base &base, Arguments question) {
 
 // Estimated from the server's figures for the index and a few objects.
 std::size_t RedisStore::estimated_bytes(Table &table, std::size_t objects) {
-  const Reply sample = synchronously(table.base, [&](SyncConnection &sync) {
+  const RedisReply sample = synchronously(table.base, [&](SyncConnection &sync) {
     return sync.call({"SRANDMEMBER", table.index, std::to_string(kSampled)});
   });
   if (!sample || sample->type != REDIS_REPLY_ARRAY || sample->elements == 0) return 0;
@@ -512,7 +513,7 @@ std::size_t RedisStore::estimated_bytes(Table &table, std::size_t objects) {
 std::optional<Store::Held> RedisStore::held(Slot &slot) {
   Table &table = this->table(slot);
   const auto objects = number(table.base, {"SCARD", table.index});
-  const Reply listeners = synchronously(table.base, [&](SyncConnection &sync) {
+  const RedisReply listeners = synchronously(table.base, [&](SyncConnection &sync) {
     return sync.call({"PUBSUB", "NUMSUB", table.channel});
   });
   if (!objects || !listeners || listeners->type != REDIS_REPLY_ARRAY || listeners->elements != 2) return std::nullopt;
@@ -595,7 +596,7 @@ void RedisStore::expired(Base &base, std::string_view object) {
 }
 
 // Where the last record is not known, subscribers get a record with its key only.
-void RedisStore::deleted(Table &table, const Key &key, Bytes packed) {
+void RedisStore::deleted(Table &table, const Key &key, PackedBytes packed) {
   if (!packed.empty()) {
     events_.deliver(table.slot, Change::deleted, packed, &key);
   } else if (table.slot.heard()) {

@@ -41,7 +41,7 @@ namespace host::mom {
 
 class RedisStore final : public Store {
  public:
-  RedisStore(StoreEvents &events, TurnQueue &later, Endpoint endpoint, const Config::Mom &config);
+  RedisStore(StoreEvents &events, TurnQueue &later, RedisEndpoint endpoint, const Config::Mom &config);
   ~RedisStore() override;
 
   // Checks that the server can be used, waiting a little for it to start and longer for it to load its data. Returns "" or why it
@@ -51,11 +51,11 @@ class RedisStore final : public Store {
   const char *kind() const override { return "redis"; }
   int connect_sync(Database &db) override;
   int connect(Database &db) override;
-  int set(Slot &slot, const Key &key, Bytes packed, std::optional<std::int64_t> tag) override;
-  int setnx_sync(Slot &slot, const Key &key, Bytes packed) override;
+  int set(Slot &slot, const Key &key, PackedBytes packed, std::optional<std::int64_t> tag) override;
+  int setnx_sync(Slot &slot, const Key &key, PackedBytes packed) override;
   int del(Slot &slot, const Key &key) override;
   int del_sync(Slot &slot, const Key &key) override;
-  int publish(Slot &slot, Bytes packed) override;
+  int publish(Slot &slot, PackedBytes packed) override;
   int pexpire(Slot &slot, const Key *key, std::uint32_t ms, qx_mom_done_cb done) override;
   int del_expire(Slot &slot, const Key *key) override;
   int del_expired(Slot &slot, std::int64_t tag) override;
@@ -122,8 +122,8 @@ class RedisStore final : public Store {
   Table &table(Slot &slot);
   RedisLink &link(Table &table) { return *table.base.link; }
 
-  int write(Table &table, const Key &key, Bytes packed, std::int64_t tag);
-  void add_write(Table &table, const Key &key, std::string_view member, std::string_view tag, Bytes packed);
+  int write(Table &table, const Key &key, PackedBytes packed, std::int64_t tag);
+  void add_write(Table &table, const Key &key, std::string_view member, std::string_view tag, PackedBytes packed);
   void add_deletion(Table &table, const Key &key);
   void joined(Table &table);
   void flush(Base &base);
@@ -131,15 +131,16 @@ class RedisStore final : public Store {
   void plan_flush(Base &base);
   void send(Table &table, Arguments arguments, Charge charge = {}, qx_mom_done_cb done = nullptr);
   enum class Where : bool { anywhere, where_writes_are_taken };
-  void pass(Table &table, const Script &script, Where where, std::vector<std::string> arguments, qx_mom_done_cb done = nullptr);
-  static RedisLink::Formatted part(const Table &table, const Script &script, std::string_view cursor, std::string_view state,
+  void pass(Table &table, const RedisScript &script, Where where, std::vector<std::string> arguments,
+            qx_mom_done_cb done = nullptr);
+  static RedisLink::Formatted part(const Table &table, const RedisScript &script, std::string_view cursor, std::string_view state,
                                    std::vector<std::string> arguments);
   void watch_deletions(Table &table);
 
   // Whether a reply must reflect everything written so far; waiting for that takes the longer, the more writes are in flight.
   enum class Sees { all_writes, what_is_there };
   // Runs `ask` on the synchronous connection; null when that is not possible in time.
-  Reply synchronously(Base &base, const std::function<Reply(SyncConnection &)> &ask, Sees sees = Sees::all_writes);
+  RedisReply synchronously(Base &base, const std::function<RedisReply(SyncConnection &)> &ask, Sees sees = Sees::all_writes);
   // The integer that the server replies, 0 for nil.
   std::optional<std::size_t> number(Base &base, Arguments question);
   std::size_t estimated_bytes(Table &table, std::size_t objects);
@@ -160,12 +161,12 @@ class RedisStore final : public Store {
   void heard(Table &table, const Key &key, const Notification &notification);
   void gone(Table &table, const Key &key, const Notification &notification);
   void expired(Base &base, std::string_view object);
-  void deleted(Table &table, const Key &key, Bytes packed);
+  void deleted(Table &table, const Key &key, PackedBytes packed);
   void forget_expired(Table &table);
 
   StoreEvents &events_;
   TurnQueue &later_;
-  Endpoint endpoint_;
+  RedisEndpoint endpoint_;
   std::chrono::milliseconds limit_;  // of a synchronous call
   std::chrono::milliseconds dead_after_;
   std::size_t scan_batch_;

@@ -99,7 +99,7 @@ return 0)";
 
 constexpr std::array kAll = {kDel, kPut, kPutIfAbsent, kExpirePart, kPersistPart, kNoticePart, kForget};
 
-Script make(std::string_view text) {
+RedisScript make(std::string_view text) {
   std::array<unsigned char, SHA_DIGEST_LENGTH> digest;
   SHA1(reinterpret_cast<const unsigned char *>(text.data()), text.size(), digest.data());
   std::string sha;
@@ -114,32 +114,32 @@ Script make(std::string_view text) {
 
 namespace scripts {
 
-const Script &del() {
-  static const Script script = make(kDel);
+const RedisScript &del() {
+  static const RedisScript script = make(kDel);
   return script;
 }
-const Script &put() {
-  static const Script script = make(kPut);
+const RedisScript &put() {
+  static const RedisScript script = make(kPut);
   return script;
 }
-const Script &put_if_absent() {
-  static const Script script = make(kPutIfAbsent);
+const RedisScript &put_if_absent() {
+  static const RedisScript script = make(kPutIfAbsent);
   return script;
 }
-const Script &expire_part() {
-  static const Script script = make(kExpirePart);
+const RedisScript &expire_part() {
+  static const RedisScript script = make(kExpirePart);
   return script;
 }
-const Script &persist_part() {
-  static const Script script = make(kPersistPart);
+const RedisScript &persist_part() {
+  static const RedisScript script = make(kPersistPart);
   return script;
 }
-const Script &notice_part() {
-  static const Script script = make(kNoticePart);
+const RedisScript &notice_part() {
+  static const RedisScript script = make(kNoticePart);
   return script;
 }
-const Script &forget() {
-  static const Script script = make(kForget);
+const RedisScript &forget() {
+  static const RedisScript script = make(kForget);
   return script;
 }
 

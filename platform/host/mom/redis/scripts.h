@@ -7,7 +7,7 @@
 
 namespace host::mom {
 
-struct Script {
+struct RedisScript {
   std::string_view text;
   std::string sha;  // SHA-1 of the text in hexadecimal, the script's name on the server
 };
@@ -17,25 +17,25 @@ namespace scripts {
 // Deletes objects. KEYS: index. ARGV: prefix of object keys, channel, channel of deletions, then alternately notifications to
 // pass on as they are and the member to delete after them, and notifications at the end. Publishes one message on each channel;
 // returns how many objects existed.
-const Script &del();
+const RedisScript &del();
 // Writes an object of a hash-class type; "C" or "R" begins its notification. KEYS: index, object. ARGV: member, channel, stored
 // value, end of the notification.
-const Script &put();
+const RedisScript &put();
 // Writes an object of any type unless it exists: returns 0, or 1 when it exists. The same arguments, and ARGV[5], which begins
 // the notification.
-const Script &put_if_absent();
+const RedisScript &put_if_absent();
 // The next three go over the index in parts, so that the server can serve others in between. KEYS: index. ARGV: cursor ("0" at
 // first), state of the pass ("" at first), prefix of object keys, and more. They return cursor and state for the next part; the
 // cursor "0" ends the pass.
 //
 // Puts every object under expiry. More: milliseconds, channel, channel of deletions, microseconds added for each object.
-const Script &expire_part();
+const RedisScript &expire_part();
 // Takes every object out of expiry.
-const Script &persist_part();
+const RedisScript &persist_part();
 // Has the server delete and announce the objects that are past their deadline.
-const Script &notice_part();
+const RedisScript &notice_part();
 // Removes members without an object from the index. KEYS: index. ARGV: prefix, members.
-const Script &forget();
+const RedisScript &forget();
 
 }  // namespace scripts
 

@@ -10,7 +10,7 @@ constexpr std::chrono::seconds kPatience{1};  // the longest wait for one sentin
 
 }  // namespace
 
-MasterSearch::MasterSearch(Endpoint &endpoint, std::function<void(const std::string &)> done)
+MasterSearch::MasterSearch(RedisEndpoint &endpoint, std::function<void(const std::string &)> done)
     : endpoint_(endpoint),
       done_(std::move(done)),
       pipe_(asked_, kPatience, [this](const std::string &why) { next(why); }),

@@ -12,7 +12,7 @@ namespace host::mom {
 class MasterSearch {
  public:
   // `done` is called with "" once `endpoint` has the master's address, or with the reason why no sentinel names one.
-  MasterSearch(Endpoint &endpoint, std::function<void(const std::string &)> done);
+  MasterSearch(RedisEndpoint &endpoint, std::function<void(const std::string &)> done);
 
   void start();
   void cancel();
@@ -22,9 +22,9 @@ class MasterSearch {
   void next(const std::string &why);
   void finish(const std::string &why);
 
-  Endpoint &endpoint_;
+  RedisEndpoint &endpoint_;
   std::function<void(const std::string &)> done_;
-  Endpoint asked_;  // the sentinel that is being asked
+  RedisEndpoint asked_;  // the sentinel that is being asked
   Pipe pipe_;
   Timer patience_;
   std::size_t at_ = 0;  // index among the sentinels; the one that knew last is asked first

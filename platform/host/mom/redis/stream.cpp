@@ -27,7 +27,7 @@ struct Address {
 };
 
 // Returns "" or why there is no address. Nothing is looked up: resolve() has been called.
-std::string address_of(const Endpoint &endpoint, Address *address) {
+std::string address_of(const RedisEndpoint &endpoint, Address *address) {
   if (!endpoint.path.empty()) {
     auto *unix_socket = reinterpret_cast<sockaddr_un *>(&address->bytes);
     if (endpoint.path.size() >= sizeof unix_socket->sun_path) return "the socket's path is too long";
@@ -55,7 +55,7 @@ bool is_numeric(const std::string &host) {
 
 }  // namespace
 
-std::string Stream::open(const Endpoint &endpoint) {
+std::string Stream::open(const RedisEndpoint &endpoint) {
   close();
   Address address;
   if (std::string why = address_of(endpoint, &address); !why.empty()) return why;
@@ -72,7 +72,7 @@ std::string Stream::open(const Endpoint &endpoint) {
 }
 
 // The server's certificate must be for the configured name, or for the address.
-std::string Stream::start_tls(const Endpoint &endpoint) {
+std::string Stream::start_tls(const RedisEndpoint &endpoint) {
   tls_.reset(SSL_new(endpoint.tls.get()));
   const std::string &name = endpoint.server_name.empty() ? endpoint.host : endpoint.server_name;
   X509_VERIFY_PARAM *check = tls_ ? SSL_get0_param(tls_.get()) : nullptr;
@@ -173,10 +173,10 @@ bool Stream::failed(std::string why) {
   return false;
 }
 
-Reply Stream::next() {
+RedisReply Stream::next() {
   void *reply = nullptr;
   if (reader_ && redisReaderGetReply(reader_.get(), &reply) != REDIS_OK) failed(reader_->errstr);
-  return Reply(static_cast<redisReply *>(reply));
+  return RedisReply(static_cast<redisReply *>(reply));
 }
 
 }  // namespace host::mom

@@ -21,7 +21,7 @@ class Stream {
   Stream &operator=(const Stream &) = delete;
 
   // Begins to connect. Returns "" or why it cannot; later failures show in step().
-  std::string open(const Endpoint &endpoint);
+  std::string open(const RedisEndpoint &endpoint);
   void close();
   bool is_open() const { return fd_ >= 0; }
   int fd() const { return fd_; }
@@ -38,13 +38,13 @@ class Stream {
   const std::string &error() const { return error_; }
 
   // The next complete reply received; null when there is none.
-  Reply next();
+  RedisReply next();
 
  private:
   struct FreeReader {
     void operator()(redisReader *reader) const { redisReaderFree(reader); }
   };
-  std::string start_tls(const Endpoint &endpoint);
+  std::string start_tls(const RedisEndpoint &endpoint);
   bool receive();
   ssize_t put(std::string_view bytes);
   ssize_t get(char *into, std::size_t size);

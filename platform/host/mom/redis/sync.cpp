@@ -23,7 +23,7 @@ std::string SyncConnection::open() {
   if (stream_->is_open()) return "";
   refused_ = false;
   if (resting()) return "the server did not answer in time";
-  Endpoint server = endpoint_;
+  RedisEndpoint server = endpoint_;
   std::string why = endpoint_.sentinels.empty() ? "" : find_master(&server);
   if (why.empty()) why = stream_->open(server);
   if (why.empty()) why = greet();
@@ -35,16 +35,16 @@ std::string SyncConnection::open() {
   return "";
 }
 
-std::string SyncConnection::find_master(Endpoint *server) {
+std::string SyncConnection::find_master(RedisEndpoint *server) {
   const auto deadline = deadline_;
   std::string why;
   auto shares = static_cast<int>(endpoint_.sentinels.size()) + 1;
-  for (const Endpoint &sentinel : endpoint_.sentinels) {
+  for (const RedisEndpoint &sentinel : endpoint_.sentinels) {
     // Each gets its share of the time, so that a silent one leaves some for the others and for the master.
     const auto now = std::chrono::steady_clock::now();
     deadline_ = now + (deadline - now) / shares--;
     why = stream_->open(sentinel);
-    const Reply reply = why.empty() ? exchange(master_question(endpoint_)) : nullptr;
+    const RedisReply reply = why.empty() ? exchange(master_question(endpoint_)) : nullptr;
     if (reply) why = take_master(reply.get(), server);
     if (!reply && why.empty()) why = stream_->error().empty() ? "no answer in time" : stream_->error();
     close();
@@ -56,12 +56,12 @@ std::string SyncConnection::find_master(Endpoint *server) {
 
 // Logs in, selects the database, asks who the server is.
 std::string SyncConnection::greet() {
-  const auto ask = [&](const std::vector<std::string_view> &arguments, Reply *reply) -> std::string {
+  const auto ask = [&](const std::vector<std::string_view> &arguments, RedisReply *reply) -> std::string {
     *reply = exchange(arguments);
     if (!*reply) return stream_->error().empty() ? "the server did not answer in time" : stream_->error();
     return is_error(reply->get()) ? std::string(text_of(reply->get())) : "";
   };
-  Reply reply;
+  RedisReply reply;
   if (const auto arguments = login(endpoint_); !arguments.empty()) {
     if (const std::string why = ask(arguments, &reply); !why.empty()) {
       refused_ = reply != nullptr;
@@ -80,13 +80,13 @@ std::string SyncConnection::greet() {
   return refused_ ? why : ask({"CLIENT", "SETNAME", endpoint_.connection_name(db_, "sync")}, &reply);
 }
 
-Reply SyncConnection::exchange(std::span<const std::string_view> arguments) {
+RedisReply SyncConnection::exchange(std::span<const std::string_view> arguments) {
   std::string command;
   append_command(command, arguments);
   stream_->write(command);
   const auto begun = std::chrono::steady_clock::now();
   while (true) {
-    if (Reply reply = stream_->next()) {
+    if (RedisReply reply = stream_->next()) {
       round_trips.blocking.observe(std::chrono::steady_clock::now() - begun);
       return reply;
     }
@@ -107,22 +107,22 @@ bool SyncConnection::wait() {
   }
 }
 
-Reply SyncConnection::call(std::span<const std::string_view> arguments) {
+RedisReply SyncConnection::call(std::span<const std::string_view> arguments) {
   // A connection that the server has closed shows only when it is used: worth one more attempt.
   for (int attempt = 0; attempt < 2; ++attempt) {
     const bool fresh = !stream_->is_open();
     if (!open().empty()) return nullptr;
-    if (Reply reply = exchange(arguments)) return reply;
+    if (RedisReply reply = exchange(arguments)) return reply;
     close();
     if (fresh || resting()) return nullptr;
   }
   return nullptr;
 }
 
-Reply SyncConnection::run(const Script &script, Arguments arguments) {
+RedisReply SyncConnection::run(const RedisScript &script, Arguments arguments) {
   std::vector<std::string_view> all = {"EVALSHA", script.sha};
   all.insert(all.end(), arguments.begin(), arguments.end());
-  Reply reply = call(all);
+  RedisReply reply = call(all);
   if (!reply || !is_error(reply.get()) || !text_of(reply.get()).starts_with("NOSCRIPT")) return reply;
   all[0] = "EVAL";
   all[1] = script.text;

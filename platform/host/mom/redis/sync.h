@@ -16,7 +16,7 @@ namespace host::mom {
 // duration of `limit`, so that a frozen server does not hold the loop again and again.
 class SyncConnection {
  public:
-  SyncConnection(const Endpoint &endpoint, std::int32_t db, std::chrono::milliseconds limit)
+  SyncConnection(const RedisEndpoint &endpoint, std::int32_t db, std::chrono::milliseconds limit)
       : endpoint_(endpoint), db_(db), limit_(limit) {}
 
   // The deadline of the next call; to be set before each.
@@ -27,10 +27,10 @@ class SyncConnection {
   void close() { stream_->close(); }
 
   // The reply, which may be an error reply; null when the connection failed and was closed. Opens the connection when needed.
-  Reply call(std::span<const std::string_view> arguments);
-  Reply call(Arguments arguments) { return call(std::span(arguments.begin(), arguments.size())); }
+  RedisReply call(std::span<const std::string_view> arguments);
+  RedisReply call(Arguments arguments) { return call(std::span(arguments.begin(), arguments.size())); }
   // Runs a script by its hash, or by its text where the server does not know it. `arguments`: number of keys, keys, arguments.
-  Reply run(const struct Script &script, Arguments arguments);
+  RedisReply run(const struct RedisScript &script, Arguments arguments);
 
   const ServerInfo &server() const { return server_; }
   // True when the last open() failed for a reason that will not pass: the server's version, the password, its certificate.
@@ -39,12 +39,12 @@ class SyncConnection {
   bool resting() const { return std::chrono::steady_clock::now() < resting_until_; }
 
  private:
-  Reply exchange(std::span<const std::string_view> arguments);
+  RedisReply exchange(std::span<const std::string_view> arguments);
   bool wait();
   std::string greet();
-  std::string find_master(Endpoint *server);
+  std::string find_master(RedisEndpoint *server);
 
-  const Endpoint &endpoint_;
+  const RedisEndpoint &endpoint_;
   std::int32_t db_;
   std::chrono::milliseconds limit_;
   std::unique_ptr<Stream> stream_ = std::make_unique<Stream>();

@@ -84,7 +84,7 @@ mom::Slot &slot_of(const ProtobufCMessageDescriptor &type) {
 
 // Has `take` called with objects of the slot, as qx_mom_scan_sync would call it.
 mom::Visitor presenting(mom::Slot &slot, qx_mom_scan_cb take, void *arg) {
-  return [&slot, take, arg](const mom::Key &key, mom::Bytes packed) {
+  return [&slot, take, arg](const mom::Key &key, mom::PackedBytes packed) {
     mom::hub()->present(slot, key, packed, take, arg);
     return true;
   };

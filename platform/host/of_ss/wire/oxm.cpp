@@ -197,7 +197,7 @@ std::byte *put_slot(const OxmField &row, const std::byte *value, const std::byte
 }
 
 // One field of a southbound match.
-struct Slot {
+struct FieldSlot {
   const OxmField *row = nullptr;
   const std::byte *value = nullptr;
   const std::byte *mask = nullptr;  // null: exact
@@ -206,7 +206,7 @@ struct Slot {
 };
 
 // Takes the next field off `slots`; no row at the end, or where the bytes are not a field.
-Slot next_slot(Bytes &slots) {
+FieldSlot next_slot(Bytes &slots) {
   const sb::match_walk fields(slots);
   if (!fields.whole()) return {};
   const std::uint32_t header = fields.word();
@@ -221,17 +221,17 @@ Slot next_slot(Bytes &slots) {
 }
 
 // The slot of the field that `like` is of, with everything before it taken off `slots`; none when the field is not there.
-Slot find_slot(Bytes &slots, const Slot &like) {
+FieldSlot find_slot(Bytes &slots, const FieldSlot &like) {
   for (;;) {
     Bytes rest = slots;
-    const Slot slot = next_slot(rest);
+    const FieldSlot slot = next_slot(rest);
     if (!slot.row || slot.row->number > like.row->number) return {};
     slots = rest;
     if (slot.row == like.row) return slot;
   }
 }
 
-bool slot_covers(const Slot &general, const Slot &specific) {
+bool slot_covers(const FieldSlot &general, const FieldSlot &specific) {
   for (std::size_t i = 0; i < general.row->width; ++i) {
     const std::byte mask = general.mask_byte(i);
     if ((mask & ~specific.mask_byte(i)) != std::byte{0}) return false;
@@ -240,13 +240,13 @@ bool slot_covers(const Slot &general, const Slot &specific) {
   return true;
 }
 
-bool slots_overlap(const Slot &a, const Slot &b) {
+bool slots_overlap(const FieldSlot &a, const FieldSlot &b) {
   for (std::size_t i = 0; i < a.row->width; ++i)
     if (((a.value[i] ^ b.value[i]) & a.mask_byte(i) & b.mask_byte(i)) != std::byte{0}) return false;
   return true;
 }
 
-void put_wire_field(const Slot &slot, Writer &out) {
+void put_wire_field(const FieldSlot &slot, Writer &out) {
   const std::uint32_t header = southbound_header(*slot.row, slot.mask);
   const bool ours = slot.row->number == kOxmAppType;
   out.u32(ours ? header + 4 : header);
@@ -279,7 +279,7 @@ std::string hex_text(Bytes bytes) {
   return text;
 }
 
-std::string mask_text(const Slot &slot) {
+std::string mask_text(const FieldSlot &slot) {
   if (is_ipv4(*slot.row)) {
     const auto mask = sb::get<std::uint32_t>(slot.mask, 0);
     if (std::countl_one(mask) + std::countr_zero(mask) == 32) return std::to_string(std::countl_one(mask));
@@ -407,7 +407,7 @@ std::size_t encode_wire_match(Bytes slots, bool service_chain, Writer &out) {
   const std::size_t start = out.size();
   out.u16(1);
   out.u16(0);
-  for (Slot slot = next_slot(slots); slot.row; slot = next_slot(slots))
+  for (FieldSlot slot = next_slot(slots); slot.row; slot = next_slot(slots))
     if (!service_chain || slot.row->number != kOxmAppType) put_wire_field(slot, out);
   const std::size_t length = out.size() - start;
   out.patch16(start + 2, length);
@@ -417,7 +417,7 @@ std::size_t encode_wire_match(Bytes slots, bool service_chain, Writer &out) {
 
 std::string match_text(Bytes slots) {
   std::string text;
-  for (Slot slot = next_slot(slots); slot.row; slot = next_slot(slots)) {
+  for (FieldSlot slot = next_slot(slots); slot.row; slot = next_slot(slots)) {
     fmt::format_to(std::back_inserter(text), "{}{}={}", text.empty() ? "" : ",", slot.row->name,
                    value_text(*slot.row, slot.value));
     if (slot.mask) text += "/" + mask_text(slot);
@@ -454,22 +454,22 @@ std::string wire_match_text(Bytes from) {
 }
 
 bool is_for_service_chain(Bytes slots) {
-  for (Slot slot = next_slot(slots); slot.row; slot = next_slot(slots))
+  for (FieldSlot slot = next_slot(slots); slot.row; slot = next_slot(slots))
     if (slot.row->number == kOxmAppType) return sb::get<std::uint32_t>(slot.value, 0) == sb::kServiceChainAppType;
   return false;
 }
 
 bool match_covers(Bytes general, Bytes specific) {
-  for (Slot slot = next_slot(general); slot.row; slot = next_slot(general)) {
-    const Slot other = find_slot(specific, slot);
+  for (FieldSlot slot = next_slot(general); slot.row; slot = next_slot(general)) {
+    const FieldSlot other = find_slot(specific, slot);
     if (!other.row || !slot_covers(slot, other)) return false;
   }
   return true;
 }
 
 bool matches_overlap(Bytes a, Bytes b) {
-  for (Slot slot = next_slot(a); slot.row; slot = next_slot(a)) {
-    const Slot other = find_slot(b, slot);
+  for (FieldSlot slot = next_slot(a); slot.row; slot = next_slot(a)) {
+    const FieldSlot other = find_slot(b, slot);
     if (other.row && !slots_overlap(slot, other)) return false;
   }
   return true;
@@ -479,7 +479,7 @@ Bytes match_shape(Bytes slots, std::byte *out) {
   const Bytes shape(out, slots.size());
   std::ranges::copy(slots, out);
   const std::byte *start = slots.data();
-  for (Slot slot = next_slot(slots); slot.row; slot = next_slot(slots))
+  for (FieldSlot slot = next_slot(slots); slot.row; slot = next_slot(slots))
     std::memset(out + (slot.value - start), 0, slot.row->width);
   return shape;
 }
@@ -488,8 +488,8 @@ Bytes match_projection(Bytes slots, Bytes shape, std::byte *out) {
   const Bytes projection(out, shape.size());
   std::ranges::copy(shape, out);
   const std::byte *start = shape.data();
-  for (Slot slot = next_slot(shape); slot.row; slot = next_slot(shape)) {
-    const Slot value = find_slot(slots, slot);
+  for (FieldSlot slot = next_slot(shape); slot.row; slot = next_slot(shape)) {
+    const FieldSlot value = find_slot(slots, slot);
     for (std::size_t i = 0; value.row && i < slot.row->width; ++i)
       out[slot.value - start + i] = value.value[i] & slot.mask_byte(i);
   }

@@ -1,15 +1,15 @@
-#include "programmer/flow_table.h"
+#include "programmer/known_flows.h"
 
 namespace programmer {
 
-std::uint32_t FlowTable::tag_of(const FlowKey &key) {
+std::uint32_t KnownFlows::tag_of(const FlowKey &key) {
   std::uint64_t x = (key.index ^ (std::uint64_t{key.vsd} << 40)) * 0x9e3779b97f4a7c15u;
   x = (x ^ (x >> 32)) * 0xd6e8feb86659fd93u;
   return static_cast<std::uint32_t>(x >> 32);
 }
 
 // Where the key is, or the empty bucket where it belongs.
-std::size_t FlowTable::bucket_of(const FlowKey &key, std::uint32_t tag) const {
+std::size_t KnownFlows::bucket_of(const FlowKey &key, std::uint32_t tag) const {
   const std::size_t mask = buckets_.size() - 1;
   for (std::size_t i = tag & mask;; i = (i + 1) & mask) {
     const Bucket &bucket = buckets_[i];
@@ -17,21 +17,21 @@ std::size_t FlowTable::bucket_of(const FlowKey &key, std::uint32_t tag) const {
   }
 }
 
-std::uint32_t FlowTable::find(const FlowKey &key) const {
+std::uint32_t KnownFlows::find(const FlowKey &key) const {
   return buckets_[bucket_of(key, tag_of(key))].slot;
 }
 
-std::uint32_t FlowTable::new_slot() {
+std::uint32_t KnownFlows::new_slot() {
   if (first_free_ != kNone) {
     const std::uint32_t slot = first_free_;
     first_free_ = static_cast<std::uint32_t>((*this)[slot].index);
     return slot;
   }
-  if (slots_ % kChunk == 0) chunks_.push_back(std::make_unique<std::array<FlowEntry, kChunk>>());
+  if (slots_ % kChunk == 0) chunks_.push_back(std::make_unique<std::array<KnownFlow, kChunk>>());
   return slots_++;
 }
 
-void FlowTable::grow() {
+void KnownFlows::grow() {
   std::vector<Bucket> old(buckets_.size() * 2);
   old.swap(buckets_);
   const std::size_t mask = buckets_.size() - 1;
@@ -43,7 +43,7 @@ void FlowTable::grow() {
   }
 }
 
-std::uint32_t FlowTable::insert(const FlowKey &key) {
+std::uint32_t KnownFlows::insert(const FlowKey &key) {
   const std::uint32_t tag = tag_of(key);
   std::size_t i = bucket_of(key, tag);
   if (buckets_[i].slot != kNone) return buckets_[i].slot;
@@ -54,16 +54,16 @@ std::uint32_t FlowTable::insert(const FlowKey &key) {
   const std::uint32_t slot = new_slot();
   buckets_[i] = {tag, slot};
   ++size_;
-  FlowEntry &entry = (*this)[slot];
+  KnownFlow &entry = (*this)[slot];
   entry = {};
   entry.index = key.index;
   entry.vsd = key.vsd;
-  entry.state = FlowState::kStored;
+  entry.state = KnownFlowState::stored;
   return slot;
 }
 
 // Closes the gap by moving back every later bucket of the run that may stand in it, so that searches need no marks of the dead.
-void FlowTable::erase(std::uint32_t slot) {
+void KnownFlows::erase(std::uint32_t slot) {
   const FlowKey key = (*this)[slot].key();
   const std::size_t mask = buckets_.size() - 1;
   std::size_t gap = bucket_of(key, tag_of(key));

@@ -12,18 +12,18 @@
 
 namespace programmer {
 
-enum class FlowState : std::uint8_t {
-  kFree,       // the slot is empty
-  kStored,     // read from the database: an answer or counters without their flow so far
-  kAsked,      // the target has not answered
-  kInstalled,  // in the target
-  kRefused,    // not in the target
+enum class KnownFlowState : std::uint8_t {
+  free,       // the slot is empty
+  stored,     // read from the database: an answer or counters without their flow so far
+  asked,      // the target has not answered
+  installed,  // in the target
+  refused,    // not in the target
 };
 
-struct FlowEntry {
+struct KnownFlow {
   std::uint64_t index = 0;
   std::uint32_t vsd = 0;
-  FlowState state = FlowState::kFree;
+  KnownFlowState state = KnownFlowState::free;
   std::uint8_t status = 0;    // of the last answer, a status_e
   bool settled : 1 = false;   // flow_sta holds exactly this answer to `uuid`; the same request needs none again
   bool seen : 1 = false;      // by the resynchronisation that is going on
@@ -35,17 +35,17 @@ struct FlowEntry {
   FlowKey key() const { return {index, vsd}; }
 };
 
-class FlowTable {
+class KnownFlows {
  public:
   static constexpr std::uint32_t kNone = ~std::uint32_t{0};
 
   std::uint32_t find(const FlowKey &key) const;
-  // The key's slot; a new entry is in state kStored.
+  // The key's slot; a new entry is in state stored.
   std::uint32_t insert(const FlowKey &key);
   void erase(std::uint32_t slot);
 
-  FlowEntry &operator[](std::uint32_t slot) { return (*chunks_[slot / kChunk])[slot % kChunk]; }
-  const FlowEntry &operator[](std::uint32_t slot) const { return (*chunks_[slot / kChunk])[slot % kChunk]; }
+  KnownFlow &operator[](std::uint32_t slot) { return (*chunks_[slot / kChunk])[slot % kChunk]; }
+  const KnownFlow &operator[](std::uint32_t slot) const { return (*chunks_[slot / kChunk])[slot % kChunk]; }
   std::uint32_t slots() const { return slots_; }  // every slot is below; free ones are among them
   std::uint32_t size() const { return size_; }
 
@@ -61,7 +61,7 @@ class FlowTable {
   std::uint32_t new_slot();
   void grow();
 
-  std::vector<std::unique_ptr<std::array<FlowEntry, kChunk>>> chunks_;
+  std::vector<std::unique_ptr<std::array<KnownFlow, kChunk>>> chunks_;
   std::vector<Bucket> buckets_ = std::vector<Bucket>(64);
   std::uint32_t slots_ = 0;
   std::uint32_t size_ = 0;
