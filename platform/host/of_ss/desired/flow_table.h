@@ -48,6 +48,8 @@ struct Links {
   std::uint32_t previous = kNoSlot, next = kNoSlot;
 };
 
+inline constexpr std::int64_t kSecondNs = 1'000'000'000;
+
 // There may be millions: 72 bytes and the message, so that most flows fit 192.
 struct FlowEntry {
   std::int64_t created_ns;             // monotonic; of the flow, not of its latest form
@@ -71,6 +73,7 @@ struct FlowEntry {
   bool replaces : 1 = false;     // came while there was a flow with its match and priority
   std::uint16_t controller = 0;  // who asked for it last (Peer::controller); 0 for one of an earlier life
 
+  void hit_at(std::int64_t now) { last_hit_s = static_cast<std::uint32_t>(now / kSecondNs); }
   std::byte *message() { return reinterpret_cast<std::byte *>(this + 1); }
   const std::byte *message() const { return reinterpret_cast<const std::byte *>(this + 1); }
   Bytes southbound() const { return {message(), get<std::uint16_t>(::southbound::kLen)}; }

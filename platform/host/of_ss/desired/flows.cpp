@@ -15,7 +15,6 @@ constexpr std::uint64_t kBarrierEvery = 1024;
 constexpr std::size_t kLateFailuresKept = 100;
 // A delete of more flows than this goes on in pieces, so that neither this thread nor the daemon's loop is held up.
 constexpr std::size_t kAtOnce = 2048, kPiece = 256;
-constexpr std::int64_t kSecond = 1'000'000'000;
 constexpr std::int64_t kClockSet = 1'700'000'000;  // Unix seconds; a clock that is behind has not been set
 
 bool is_shortage(Bytes result) {
@@ -84,7 +83,7 @@ Verdict Flows::add(const FlowMod &mod, const Origin &origin, Bytes request, std:
     return refuse(err::kTableFull, "table", "the table has no room for another flow");
   if (before && is_unchanged(*before, mod)) {
     before->created_ns = now;
-    before->last_hit_s = static_cast<std::uint32_t>(now / kSecond);
+    before->hit_at(now);
     ++counters_.unchanged;
     if (!transaction_) report(*before, FlowEvent::unchanged);
     trace_.note(Step::unchanged, before->index());
@@ -191,7 +190,7 @@ FlowEntry *Flows::find_in_table(const FlowMod &mod, std::uint8_t table_id) {
 // ---- hand-over
 
 void Flows::stamp(FlowEntry &flow) const {
-  const std::int64_t unix_s = (flow.created_ns + unix_offset_ns_) / kSecond;
+  const std::int64_t unix_s = (flow.created_ns + unix_offset_ns_) / kSecondNs;
   sb::put(flow.message(), created_offset(flow.southbound()), static_cast<std::uint32_t>(unix_s));
 }
 
@@ -199,13 +198,13 @@ void Flows::stamp(FlowEntry &flow) const {
 // yet, or that has not come yet is taken for now.
 std::int64_t Flows::stamped(Bytes flow_mod, std::int64_t now) const {
   const std::int64_t unix_s = sb::get<std::uint32_t>(flow_mod.data(), created_offset(flow_mod));
-  return unix_s < kClockSet ? now : std::min(unix_s * kSecond - unix_offset_ns_, now);
+  return unix_s < kClockSet ? now : std::min(unix_s * kSecondNs - unix_offset_ns_, now);
 }
 
 // A new entry, or a new form of the one at `place`, goes to the daemon. Its pending answer is the caller's to note.
 FlowEntry &Flows::hand_over(Bytes flow_mod, const FlowTable::Place &place, std::int64_t created) {
   FlowEntry &flow = table_.insert(flow_mod, place, created);
-  flow.last_hit_s = static_cast<std::uint32_t>(created / kSecond);
+  flow.hit_at(created);
   stamp(flow);
   flow.replaces = place.entry;
   if (const FlowEntry *before = place.entry; before && before->counts) {
@@ -372,7 +371,7 @@ bool Flows::restore(Bytes flow_mod, std::int64_t now) {
   FlowEntry *flow = table_.restore(flow_mod, stamped(flow_mod, now));
   if (!flow) return false;
   table_.mark_installed(*flow);
-  flow->last_hit_s = static_cast<std::uint32_t>(now / kSecond);
+  flow->hit_at(now);
   // Two forms of one flow: the life before ended in the middle of a change. The older one is not replayed, so its record goes.
   while (FlowEntry *older = table_.at(flow->older)) table_.remove(*older);
   return true;
@@ -580,7 +579,7 @@ void Flows::counted(std::uint64_t index, std::uint64_t packets, std::uint64_t by
   FlowEntry *flow = table_.by_index(index);
   if (!flow || (!packets && !bytes)) return;
   FlowCounts &counts = flow->counted();
-  if (packets > counts.packets.total) flow->last_hit_s = static_cast<std::uint32_t>(now / kSecond);
+  if (packets > counts.packets.total) flow->hit_at(now);
   counts.packets.is(packets);
   counts.bytes.is(bytes);
 }
@@ -588,13 +587,13 @@ void Flows::counted(std::uint64_t index, std::uint64_t packets, std::uint64_t by
 void Flows::count_more(std::uint64_t index, std::uint64_t packets, std::uint64_t bytes, std::int64_t now) {
   FlowEntry *flow = table_.by_index(index);
   if (!flow || (!packets && !bytes)) return;
-  if (packets) flow->last_hit_s = static_cast<std::uint32_t>(now / kSecond);
+  if (packets) flow->hit_at(now);
   flow->counted().packets.grew(packets);
   flow->counted().bytes.grew(bytes);
 }
 
 void Flows::moved(std::uint64_t index, std::int64_t now) {
-  if (FlowEntry *flow = table_.by_index(index)) flow->last_hit_s = static_cast<std::uint32_t>(now / kSecond);
+  if (FlowEntry *flow = table_.by_index(index)) flow->hit_at(now);
 }
 
 // ---- time
@@ -676,8 +675,8 @@ void Flows::check_timeouts(std::int64_t now) {
 // rounds that end from now on the second is the first to have begun since. While nobody counts, no flow is idle.
 void Flows::check_timeout(FlowEntry &flow, std::int64_t now) {
   const std::int64_t hard = flow.get<std::uint16_t>(sb::kFlowHardTimeout), idle = flow.get<std::uint16_t>(sb::kFlowIdleTimeout);
-  if (hard && now - flow.created_ns >= hard * kSecond) return remove_flow(flow, kHardTimeout);
-  if (!idle || now / kSecond - flow.last_hit_s < idle)
+  if (hard && now - flow.created_ns >= hard * kSecondNs) return remove_flow(flow, kHardTimeout);
+  if (!idle || now / kSecondNs - flow.last_hit_s < idle)
     flow.idle_round = 0;
   else if (!flow.idle_round)
     flow.idle_round = rounds_;
