@@ -1,37 +1,19 @@
+// What requests make of the flows: adds, changes, deletes, replay and transactions. Their outcomes are in flow_outcomes.cpp.
 #include "host/of_ss/desired/flows.h"
 
 #include <algorithm>
 #include <utility>
 
-#include "host/of_ss/desired/results.h"
+#include "host/of_ss/desired/flow_selection.h"
 
 namespace host::of_ss {
 namespace {
 
 namespace sb = southbound;
 
-// At most this many hand-overs stand between two barriers of our own, so that a long burst is seen to be decided piece by piece.
-constexpr std::uint64_t kBarrierEvery = 1024;
-constexpr std::size_t kLateFailuresKept = 100;
 // A delete of more flows than this goes on in pieces, so that neither this thread nor the daemon's loop is held up.
 constexpr std::size_t kAtOnce = 2048, kPiece = 256;
 constexpr std::int64_t kClockSet = 1'700'000'000;  // Unix seconds; a clock that is behind has not been set
-
-bool is_shortage(Bytes result) {
-  return (sb::get<std::uint32_t>(result.data(), sb::kFlowResultCode) & ~kUndecided) == sb::kResultResource;
-}
-
-bool is_undecided(Bytes result) {
-  return sb::get<std::uint32_t>(result.data(), sb::kFlowResultCode) & kUndecided;
-}
-
-Wanted wanted_by(const FlowMod &mod) {
-  Wanted wanted{.match = southbound_match(mod.southbound())};
-  if (mod.table_id != kTableAll) wanted.table_id = mod.table_id;
-  if (mod.deletes() && mod.out_port != port::kAny) wanted.port = mod.out_port;
-  if (~mod.cookie_mask == 0) wanted.cookie = mod.cookie;
-  return wanted;
-}
 
 // Whether an add leaves the flow as it is. One with a hard timeout is stored again: the time begins anew.
 bool is_unchanged(const FlowEntry &flow, const FlowMod &mod) {
@@ -57,14 +39,6 @@ class Flows::Acting {
  private:
   Flows &flows_;
 };
-
-bool Flows::selected(const FlowEntry &flow, const FlowMod &filter) {
-  if (filter.table_id != kTableAll && filter.table_id != flow.table_id()) return false;
-  if ((flow.cookie() ^ filter.cookie) & filter.cookie_mask) return false;
-  if (filter.deletes() && filter.out_group != kGroupAny) return false;
-  if (filter.deletes() && filter.out_port != port::kAny && filter.out_port != output_port(flow.southbound())) return false;
-  return match_covers(southbound_match(filter.southbound()), southbound_match(flow.southbound()));
-}
 
 // ---- requests
 
@@ -101,7 +75,7 @@ Verdict Flows::add(const FlowMod &mod, const Origin &origin, Bytes request, std:
 
 Verdict Flows::modify(const FlowMod &mod, const Origin &origin, Bytes request, std::int64_t now) {
   bool expected = false;
-  for (FlowEntry *flow : targets(mod, mod.command == fm::kModifyStrict))
+  for (FlowEntry *flow : targets(table_, mod, mod.command == fm::kModifyStrict, scratch_))
     expected |= change(*flow, mod, origin, request, expected, now);
   return {};
 }
@@ -114,7 +88,7 @@ Verdict Flows::remove(const FlowMod &mod) {
       deletion_ = Deletion{author_};
     return {};
   }
-  const auto found = targets(mod, mod.command == fm::kDeleteStrict);
+  const auto found = targets(table_, mod, mod.command == fm::kDeleteStrict, scratch_);
   if (found.size() <= kAtOnce || transaction_) {
     for (FlowEntry *flow : found) remove_flow(*flow, kDeleted);
   } else {
@@ -148,43 +122,7 @@ void Flows::delete_more() {
 void Flows::end_deletion() {
   const auto filter = std::move(std::exchange(deletion_, std::nullopt)->filter);
   if (!filter) return remove_all();
-  for (FlowEntry *flow : targets(*filter, false)) remove_flow(*flow, kDeleted);
-}
-
-// The flows that a modify or a delete is about.
-std::vector<FlowEntry *> Flows::targets(const FlowMod &mod, bool strict) {
-  if (!strict) return flows_in_force(wanted_by(mod), [&mod](const FlowEntry &flow) { return selected(flow, mod); });
-  std::vector<FlowEntry *> found;
-  for (std::uint8_t table_id = 0; table_id < kTableCount; ++table_id) {
-    if (mod.table_id != kTableAll && mod.table_id != table_id) continue;
-    if (FlowEntry *flow = find_in_table(mod, table_id); flow && selected(*flow, mod)) found.push_back(flow);
-  }
-  return found;
-}
-
-template <typename Fits>
-std::vector<FlowEntry *> Flows::flows_in_force(const Wanted &wanted, Fits &&fits) const {
-  std::vector<FlowEntry *> found;
-  table_.each_candidate(wanted, [&found, &fits](FlowEntry &flow) {
-    if (fits(flow)) found.push_back(&flow);
-  });
-  std::ranges::sort(found, {}, [](const FlowEntry *flow) { return flow->index(); });
-  return found;
-}
-
-// A request for all tables names its flow as table 0 does; in table 1 the application type comes on top.
-FlowEntry *Flows::find_in_table(const FlowMod &mod, std::uint8_t table_id) {
-  if (mod.table_id == table_id) return table_.find(mod.southbound()).entry;
-  const Bytes match = southbound_match(mod.southbound());
-  scratch_.assign(mod.message, mod.message + sb::kFlowOxm + match.size());
-  if (table_id == kServiceChainTable) {
-    scratch_.resize(scratch_.size() + 8);
-    sb::put(scratch_.data(), sb::kFlowOxm + match.size(), sb::kOxmExpAppType);
-    sb::put(scratch_.data(), sb::kFlowOxm + match.size() + 4, sb::kServiceChainAppType);
-  }
-  sb::put(scratch_.data(), sb::kFlowTableId, table_id);
-  sb::put(scratch_.data(), sb::kFlowMatchLen, static_cast<std::uint16_t>(scratch_.size() - sb::kFlowOxm));
-  return table_.find(scratch_).entry;
+  for (FlowEntry *flow : targets(table_, *filter, false, scratch_)) remove_flow(*flow, kDeleted);
 }
 
 // ---- hand-over
@@ -324,20 +262,13 @@ void Flows::remove_everything() {
   in_flight_.note();
 }
 
-std::vector<FlowEntry *> Flows::users_of_meter(std::uint32_t meter_id) const {
-  return flows_in_force({.meter_id = meter_id}, [meter_id](const FlowEntry &flow) {
-    const auto used = flow.get<std::uint32_t>(sb::kFlowMeterId);
-    return meter_id == kMeterAll ? used != 0 : used == meter_id;
-  });
-}
-
 void Flows::remove_users_of_meter(std::uint32_t meter_id) {
-  for (FlowEntry *flow : users_of_meter(meter_id)) remove_flow(*flow, kDeleted);
+  for (FlowEntry *flow : users_of_meter(table_, meter_id)) remove_flow(*flow, kDeleted);
 }
 
 // Where an undecided form goes, an older one that uses the meter too comes into force again: hence the rounds.
 void Flows::fail_users_of_meter(std::uint32_t meter_id) {
-  for (auto users = users_of_meter(meter_id); !users.empty(); users = users_of_meter(meter_id))
+  for (auto users = users_of_meter(table_, meter_id); !users.empty(); users = users_of_meter(table_, meter_id))
     for (FlowEntry *flow : users) {
       Pending *pending = in_flight_.find(flow->index());
       if (!pending) {
@@ -437,251 +368,6 @@ void Flows::undo(const Transaction::Step &step) {
     withdraw(*flow);
   else
     table_.bring_back(*flow);
-}
-
-// ---- barriers
-
-void Flows::barrier(const BarrierTag &tag, const Origin &origin, bool waits, std::int64_t now) {
-  if (!waits && in_flight_.all_decided()) {
-    barrier_times_.observe({});
-    events_.barrier_answered(origin);
-    return;
-  }
-  trace_.note(Step::barrier_handed);
-  in_flight_.barrier_sent(tag, origin, now);
-  client_.barrier(tag);
-}
-
-std::uint32_t Flows::fence(std::int64_t now) {
-  ++counters_.own_barriers;
-  const BarrierTag tag{kOwnBarrier, ++own_xid_, 0};
-  in_flight_.barrier_sent(tag, {0, own_xid_}, now);
-  client_.barrier(tag);
-  return own_xid_;
-}
-
-void Flows::batch_done(std::int64_t now) {
-  put_back(now);
-  const std::uint64_t uncovered = in_flight_.uncovered();
-  if (uncovered >= kBarrierEvery || (uncovered > 0 && !in_flight_.barrier_under_way())) fence(now);
-}
-
-void Flows::barrier_done(const SentBarrier &sent, std::int64_t now) {
-  if (sent.origin.generation) barrier_times_.observe(std::chrono::nanoseconds(now - sent.since_ns));
-  events_.barrier_answered(sent.origin);
-}
-
-void Flows::barrier_reply(Bytes reply, std::int64_t now) {
-  const bool known =
-      reply.size() >= sb::kBarrierLen && in_flight_.barrier_replied(
-                                             barrier_tag(reply), [this, now](const Pending &pending) { decided(pending, now); },
-                                             [this, now](const SentBarrier &sent) { barrier_done(sent, now); });
-  if (!known) ++counters_.duplicate_results;
-}
-
-// ---- results
-
-void Flows::decided(const Pending &pending, std::int64_t now) {
-  FlowEntry *flow = table_.by_index(pending.index);
-  if (!flow || flow->state != FlowState::sent) return;
-  const bool failed_since = pending.failed;
-  table_.mark_installed(*flow);
-  trace_.note(Step::installed, flow->index());
-  install_times_.observe(std::chrono::nanoseconds(now - pending.since_ns));
-  flow->latency_us = static_cast<std::uint32_t>(std::min<std::int64_t>((now - pending.since_ns) / 1000, UINT32_MAX));
-  counters_.latency_max_us = std::max(counters_.latency_max_us, flow->latency_us);
-  counters_.latency_sum_us += flow->latency_us;
-  ++counters_.decided;
-  if (!flow->provisional) drop_older_forms(*flow);
-  if (!failed_since) return;
-  if (flow->in_force)
-    failed_late(*flow, now);
-  else
-    table_.remove(*flow);
-}
-
-void Flows::flow_result(Bytes reply, std::int64_t now) {
-  if (reply.size() < sb::kFlowResultLen) return;
-  const auto index = sb::get<std::uint64_t>(reply.data(), sb::kFlowIndex);
-  FlowEntry *flow = table_.by_index(index);
-  Pending *pending = in_flight_.find(index);
-  trace_.note(Step::result, index, sb::get<std::uint32_t>(reply.data(), sb::kFlowResultCode));
-  // No controller waits for it: it stays as it was asked for, and the synchronisation that follows hands it over again.
-  if (is_undecided(reply) && (!pending || !pending->origin.generation)) {
-    counters_.left += flow != nullptr;
-    return;
-  }
-  const bool full = is_shortage(reply) || (pending && pending->no_room);
-  const Error &error = full ? err::kTableFull : err::kFlowModUnknown;
-  if (pending && !pending->answered) {
-    events_.flow_failed(pending->origin, error, Bytes(pending->request_head, pending->request_len));
-    in_flight_.answer(*pending);
-    if (flow) fail(*flow, error);
-  } else if (flow && flow->state == FlowState::sent) {
-    fail(*flow, error);
-  } else if (flow && flow->in_force && !pending) {
-    failed_late(*flow, now);
-  } else {
-    ++counters_.duplicate_results;
-  }
-}
-
-void Flows::flow_answer(Bytes answer, std::int64_t now) {
-  const auto index = sb::get<std::uint64_t>(answer.data(), sb::kFlowIndex);
-  FlowEntry *flow = table_.by_index(index);
-  if (Pending *pending = in_flight_.find(index)) {
-    // The daemon tells when it is its turn, or not at all where the flow had succeeded before.
-    pending->failed = true;
-    pending->no_room = is_shortage(answer);
-  } else if (flow && flow->in_force) {
-    failed_late(*flow, now);
-  } else if (flow && !transaction_) {
-    table_.remove(*flow);
-  }
-}
-
-// The daemon has dropped the flow on its side already.
-void Flows::fail(FlowEntry &flow, const Error &error) {
-  trace_.note(Step::failed, flow.index(), error_number(error));
-  if (flow.provisional) {
-    flow.displaced = transaction_->failed = true;
-    return;
-  }
-  ++counters_.failed;
-  late_failures_.push_back(
-      {flow.index(), flow.table_id(), flow.priority(), match_text(southbound_match(flow.southbound())), &error});
-  if (late_failures_.size() > kLateFailuresKept) late_failures_.pop_front();
-  if (flow.retried) events_.flow_removed(flow, kDeleted);
-  const FlowEntry *before = flow.in_force ? table_.at(flow.older) : nullptr;
-  if (before && before->displaced) displaced_.push_back(before->index());
-  if (flow.in_force && !before) report(flow, FlowEvent::deleted);
-  table_.remove(flow);
-  if (before) report(*before, FlowEvent::brought_back);
-}
-
-// An installed flow has failed, as after a restart of what programs it: it gets one more chance under a new index.
-void Flows::failed_late(FlowEntry &flow, std::int64_t now) {
-  if (flow.retried || flow.provisional) return fail(flow, err::kFlowModUnknown);
-  ++counters_.retried;
-  trace_.note(Step::tried_again, flow.index());
-  add_again(flow, now);
-}
-
-void Flows::add_again(FlowEntry &flow, std::int64_t now) {
-  FlowEntry &again = hand_over(flow.southbound(), {flow.hash, &flow}, flow.created_ns);
-  again.retried = true;
-  again.controller = flow.controller;
-  in_flight_.expect(again.index(), {}, {}, false, now);
-  table_.remove(flow);
-}
-
-void Flows::counted(std::uint64_t index, std::uint64_t packets, std::uint64_t bytes, std::int64_t now) {
-  FlowEntry *flow = table_.by_index(index);
-  if (!flow || (!packets && !bytes)) return;
-  FlowCounts &counts = flow->counted();
-  if (packets > counts.packets.total) flow->hit_at(now);
-  counts.packets.is(packets);
-  counts.bytes.is(bytes);
-}
-
-void Flows::count_more(std::uint64_t index, std::uint64_t packets, std::uint64_t bytes, std::int64_t now) {
-  FlowEntry *flow = table_.by_index(index);
-  if (!flow || (!packets && !bytes)) return;
-  if (packets) flow->hit_at(now);
-  flow->counted().packets.grew(packets);
-  flow->counted().bytes.grew(bytes);
-}
-
-void Flows::moved(std::uint64_t index, std::int64_t now) {
-  if (FlowEntry *flow = table_.by_index(index)) flow->hit_at(now);
-}
-
-// ---- time
-
-void Flows::check_deadlines(std::int64_t now, bool daemon_turns) {
-  if (daemon_turns) patience_ns_ += now - checked_ns_;
-  checked_ns_ = now;
-  if (in_flight_.all_decided() || progress_ != in_flight_.decided()) {
-    progress_ = in_flight_.decided();
-    progress_ns_ = patience_ns_;
-    return;
-  }
-  if (patience_ns_ - progress_ns_ < limits_.decide_timeout_ns) return;
-  progress_ns_ = patience_ns_;
-  // A question that has not been answered in all this time is not waited for any longer.
-  if (asked_up_to_) return overdue_checked({}, now);
-  if (auto indexes = overdue_adds(now); !indexes.empty()) return events_.overdue(std::move(indexes));
-  give_up_barriers(now);
-  fence(now);
-}
-
-// The adds before the first barrier that is not answered: one of them holds it back, and only a look elsewhere can tell which.
-std::vector<std::uint64_t> Flows::overdue_adds(std::int64_t now) {
-  const std::uint64_t last = in_flight_.front_barrier() ? in_flight_.front_barrier()->number : ~std::uint64_t{0};
-  std::vector<std::uint64_t> indexes;
-  in_flight_.for_each([this, now, last, &indexes](const Pending &pending) {
-    if (pending.number > last || !is_overdue(&pending, now)) return false;
-    indexes.push_back(pending.index);
-    asked_up_to_ = pending.number;
-    return true;
-  });
-  return indexes;
-}
-
-void Flows::overdue_checked(const std::vector<std::uint64_t> &installed, std::int64_t now) {
-  const std::uint64_t last = std::exchange(asked_up_to_, 0);
-  while (in_flight_.front() && in_flight_.front()->number <= last)
-    in_flight_.release_front([this, now, &installed](const Pending &pending) {
-      if (std::binary_search(installed.begin(), installed.end(), pending.index))
-        decided(pending, now);
-      else
-        give_up(pending);
-    });
-  if (last) fence(now);
-}
-
-// Nothing but deletes is before these barriers, and still there is no answer: they are lost, and nobody waits for ever.
-void Flows::give_up_barriers(std::int64_t now) {
-  for (; is_overdue(in_flight_.front_barrier(), now); ++counters_.lost_barriers)
-    in_flight_.barrier_replied(
-        in_flight_.front_barrier()->tag, [](const Pending &) {},
-        [this, now](const SentBarrier &sent) { barrier_done(sent, now); });
-}
-
-void Flows::give_up(const Pending &pending) {
-  ++counters_.timed_out;
-  trace_.note(Step::given_up, pending.index);
-  FlowEntry *flow = table_.by_index(pending.index);
-  if (!pending.answered)
-    events_.flow_failed(pending.origin, err::kFlowModUnknown, Bytes(pending.request_head, pending.request_len));
-  if (flow && flow->state == FlowState::sent) withdraw_failed(*flow, err::kFlowModUnknown);
-}
-
-// The daemon still has it, or may have it.
-void Flows::withdraw_failed(FlowEntry &flow, const Error &error) {
-  tell_deletion(flow);
-  fail(flow, error);
-}
-
-void Flows::check_timeouts(std::int64_t now) {
-  if (transaction_ || is_replaying()) return;
-  const auto decided = [](const FlowEntry &flow) { return flow.state == FlowState::installed; };
-  const auto timed = flows_in_force({.timed = true}, decided);
-  for (FlowEntry *flow : timed) check_timeout(*flow, now);
-  if (!timed.empty()) batch_done(now);
-}
-
-// A flow that looks idle goes when the programming service has read all counters once more and has not found it used: of the
-// rounds that end from now on the second is the first to have begun since. While nobody counts, no flow is idle.
-void Flows::check_timeout(FlowEntry &flow, std::int64_t now) {
-  const std::int64_t hard = flow.get<std::uint16_t>(sb::kFlowHardTimeout), idle = flow.get<std::uint16_t>(sb::kFlowIdleTimeout);
-  if (hard && now - flow.created_ns >= hard * kSecondNs) return remove_flow(flow, kHardTimeout);
-  if (!idle || now / kSecondNs - flow.last_hit_s < idle)
-    flow.idle_round = 0;
-  else if (!flow.idle_round)
-    flow.idle_round = rounds_;
-  else if (rounds_ - flow.idle_round >= 2)
-    remove_flow(flow, kIdleTimeout);
 }
 
 }  // namespace host::of_ss

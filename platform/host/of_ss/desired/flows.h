@@ -180,9 +180,6 @@ class Flows {
   const std::deque<LateFailure> &late_failures() const { return late_failures_; }
   SouthboundClient &client() { return client_; }
 
-  // Whether the flow fits the table, match, port, group and cookie filter of a delete or of a statistics request.
-  static bool selected(const FlowEntry &flow, const FlowMod &filter);
-
  private:
   class Acting;
   struct Transaction {
@@ -203,11 +200,6 @@ class Flows {
   void stamp(FlowEntry &flow) const;
   std::int64_t stamped(Bytes flow_mod, std::int64_t now) const;
   FlowEntry &hand_over(Bytes flow_mod, const FlowTable::Place &place, std::int64_t created);
-  // The oldest first, as they are answered.
-  template <typename Fits>
-  std::vector<FlowEntry *> flows_in_force(const Wanted &wanted, Fits &&fits) const;
-  std::vector<FlowEntry *> targets(const FlowMod &mod, bool strict);
-  FlowEntry *find_in_table(const FlowMod &mod, std::uint8_t table_id);
   Bytes with_instructions_of(const FlowEntry &flow, const FlowMod &mod);
   bool change(FlowEntry &flow, const FlowMod &mod, const Origin &origin, Bytes request, bool same_request, std::int64_t now);
   void remove_flow(FlowEntry &flow, RemovedReason reason);
@@ -239,7 +231,6 @@ class Flows {
   std::vector<std::uint64_t> overdue_adds(std::int64_t now);
   void give_up(const Pending &pending);
   void withdraw_failed(FlowEntry &flow, const Error &error);
-  std::vector<FlowEntry *> users_of_meter(std::uint32_t meter_id) const;
   void barrier_done(const SentBarrier &sent, std::int64_t now);
   void give_up_barriers(std::int64_t now);
   void check_timeout(FlowEntry &flow, std::int64_t now);

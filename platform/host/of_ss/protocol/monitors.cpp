@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <optional>
 
+#include "host/of_ss/desired/flow_selection.h"
 #include "host/of_ss/protocol/parts.h"
 #include "host/of_ss/switch/switch.h"
 
@@ -94,7 +95,7 @@ bool is_told(const Group &group, const Monitor &monitor, const FlowEntry &flow, 
 std::uint16_t wanting(const Group &group, const FlowEntry &flow, Flag wanted, const FlowEntry *older, bool any_port = false) {
   std::uint16_t flags = 0;
   for (const Monitor &monitor : group.monitors)
-    if (monitor.flags & wanted && is_told(group, monitor, flow, wanted) && Flows::selected(flow, monitor.filter) &&
+    if (monitor.flags & wanted && is_told(group, monitor, flow, wanted) && selected(flow, monitor.filter) &&
         (any_port || monitor.is_for_port(flow) || (older && monitor.is_for_port(*older))))
       flags |= monitor.flags;
   return flags;

@@ -5,6 +5,7 @@
 #include <optional>
 #include <unordered_map>
 
+#include "host/of_ss/desired/flow_selection.h"
 #include "host/of_ss/net/session.h"
 #include "host/of_ss/protocol/asynchronous.h"
 #include "host/of_ss/protocol/monitors.h"
@@ -285,7 +286,7 @@ bool send_flows(Switch &sw, Connection &connection, Dump &dump) {
     Parts parts(sw.scratch, connection, kFlow, dump.xid);
     const FlowEntry *flow = nullptr;
     while (!parts.full() && (flow = sw.flows.table().next(dump.cursor)))
-      if (flow->in_force && Flows::selected(*flow, dump.filter)) put_flow(parts.entry(), *flow, sw.now());
+      if (flow->in_force && selected(*flow, dump.filter)) put_flow(parts.entry(), *flow, sw.now());
     parts.send(flow ? kMore : 0);
     if (!flow) return true;
   }
@@ -296,7 +297,7 @@ void send_aggregate(Switch &sw, Connection &connection, const Dump &dump) {
   std::uint64_t packets = 0, bytes = 0;
   std::uint32_t cursor = 0, flows = 0;
   while (const FlowEntry *flow = sw.flows.table().next(cursor)) {
-    if (!flow->in_force || !Flows::selected(*flow, dump.filter)) continue;
+    if (!flow->in_force || !selected(*flow, dump.filter)) continue;
     packets += flow->packets();
     bytes += flow->bytes();
     ++flows;

@@ -1,0 +1,32 @@
+// Finds the flows that a request, a meter or a timeout is about. Openflow thread only.
+#pragma once
+
+#include <algorithm>
+#include <vector>
+
+#include "host/of_ss/desired/flow_mod.h"
+#include "host/of_ss/desired/flow_table.h"
+
+namespace host::of_ss {
+
+// Whether the flow fits the table, match, port, group and cookie filter of a delete or of a statistics request.
+bool selected(const FlowEntry &flow, const FlowMod &filter);
+
+// The flows that a modify or a delete is about, the oldest first. `scratch` is overwritten.
+std::vector<FlowEntry *> targets(const FlowTable &table, const FlowMod &mod, bool strict, std::vector<std::byte> &scratch);
+
+// The flows that use the meter; kMeterAll: any meter.
+std::vector<FlowEntry *> users_of_meter(const FlowTable &table, std::uint32_t meter_id);
+
+// The flows in force among the wanted that fit. The oldest first, as they are answered.
+template <typename Fits>
+std::vector<FlowEntry *> flows_in_force(const FlowTable &table, const Wanted &wanted, Fits &&fits) {
+  std::vector<FlowEntry *> found;
+  table.each_candidate(wanted, [&found, &fits](FlowEntry &flow) {
+    if (fits(flow)) found.push_back(&flow);
+  });
+  std::ranges::sort(found, {}, [](const FlowEntry *flow) { return flow->index(); });
+  return found;
+}
+
+}  // namespace host::of_ss
