@@ -109,7 +109,6 @@ class Lifecycle(e2e.Test):
         cases = (
             ("ssc_kelim", "programmer_script", "explode=1", "KELIM_PROGRAMMER_SCRIPT"),
             ("kelim-programmer", "programmer_script", "explode=1", "explode=1"),
-            ("kelim-programmer", "mom_url", "embedded:", "KELIM_MOM_URL"),
         )
         for program, key, value, named in cases:
             with self.subTest(program=program, key=key):

@@ -61,6 +61,7 @@ Message request_of(const std::string &input) {
 
 // Requests and what their answers begin with: type, body.
 TEST_F(Agent, RequestsAreAnswered) {
+  const std::string kMonitor = "12 ffff 0000 00000000 4f4e4600 0000074e 00000001 ";
   const Cases cases = {
       "FEATURES: 05 -> 06 00000000000000ab 00000000 02 00 0000 00000007 00000000",
       "GET_CONFIG: 07 -> 08 0000 0080",
@@ -75,10 +76,10 @@ TEST_F(Agent, RequestsAreAnswered) {
       "TABLE_MOD: 11 00 000000 00000000 ->",
       "QUEUE_GET_CONFIG: 16 00000001 00000000 -> 17 00000001 00000000",
       "DESC: 12 0000 0000 00000000 -> 13 0000 0000 00000000 6b656c696d00",
-      "TABLE: 12 0003 0000 00000000 -> 13 0003 0000 00000000 00000000 00000000 ffffffffffffffff "
-      "ffffffffffffffff 01000000 00000000 ffffffffffffffffffffffffffffffff",
-      "PORT_STATS of a port that the machine does not have: 12 0004 0000 00000000 00000002 00000000 -> 13 0004 "
-      "0000 00000000 00000002 00000000 ffffffffffffffff ffffffffffffffff",
+      "TABLE: 12 0003 0000 00000000 -> 13 0003 0000 00000000 00000000 00000000 ffffffffffffffff ffffffffffffffff 01000000 "
+      "00000000 ffffffffffffffffffffffffffffffff",
+      "PORT_STATS of a port that the machine does not have: 12 0004 0000 00000000 00000002 00000000 -> 13 0004 0000 00000000 "
+      "00000002 00000000 ffffffffffffffff ffffffffffffffff",
       "QUEUE: 12 0005 0000 00000000 ffffffff ffffffff -> 13 0005 0000 00000000",
       "GROUP: 12 0006 0000 00000000 fffffffc 00000000 -> 13 0006 0000 00000000",
       "GROUP_DESC: 12 0007 0000 00000000 -> 13 0007 0000 00000000",
@@ -103,21 +104,14 @@ TEST_F(Agent, RequestsAreAnswered) {
       "discarded: 04 4f4e4600 000008fc 00000007 0006 0000 -> 04 4f4e4600 000008fc 00000007 0007 0000",
       "too short: 04 4f4e4600 000008fc 00000007 -> 01 0001 0006",
       "no message of bundles: 04 4f4e4600 000008fe 00000007 0000 0000 -> 01 0001 0004",
-      "a monitor: 12 ffff 0000 00000000 4f4e4600 0000074e 00000001 003f 0004 ffffffff ff000000 0001 0004 00000000 -> 13 ffff "
-      "0000 00000000 4f4e4600 0000074e",
-      "the same again: 12 ffff 0000 00000000 4f4e4600 0000074e 00000001 003f 0004 ffffffff ff000000 0001 0004 00000000 -> 01 "
-      "ffff 0006 00002320",
-      "of no change: 12 ffff 0000 00000000 4f4e4600 0000074e 00000001 0031 0004 ffffffff ff000000 0001 0004 00000000 -> 01 ffff "
-      "0007 00002320",
-      "with an unknown flag: 12 ffff 0000 00000000 4f4e4600 0000074e 00000001 007f 0004 ffffffff ff000000 0001 0004 00000000 -> "
-      "01 ffff 0007 00002320",
-      "of table 2: 12 ffff 0000 00000000 4f4e4600 0000074e 00000001 003f 0004 ffffffff 02000000 0001 0004 00000000 -> 01 0001 "
-      "0009",
-      "longer than the request: 12 ffff 0000 00000000 4f4e4600 0000074e 00000001 003f 000c ffffffff ff000000 0001 0004 00000000 "
-      "-> 01 0001 0006",
-      "of two lengths: 12 ffff 0000 00000000 4f4e4600 0000074e 00000001 003f 0008 ffffffff ff000000 0001 0004 00000000 -> 01 "
-      "0004 0001",
-      "cut short: 12 ffff 0000 00000000 4f4e4600 0000074e 00000001 003f 0004 ffffffff ff000000 0001 -> 01 0001 0006",
+      "a monitor: " + kMonitor + "003f 0004 ffffffff ff000000 0001 0004 00000000 -> 13 ffff 0000 00000000 4f4e4600 0000074e",
+      "the same again: " + kMonitor + "003f 0004 ffffffff ff000000 0001 0004 00000000 -> 01 ffff 0006 00002320",
+      "of no change: " + kMonitor + "0031 0004 ffffffff ff000000 0001 0004 00000000 -> 01 ffff 0007 00002320",
+      "with an unknown flag: " + kMonitor + "007f 0004 ffffffff ff000000 0001 0004 00000000 -> 01 ffff 0007 00002320",
+      "of table 2: " + kMonitor + "003f 0004 ffffffff 02000000 0001 0004 00000000 -> 01 0001 0009",
+      "longer than the request: " + kMonitor + "003f 000c ffffffff ff000000 0001 0004 00000000 -> 01 0001 0006",
+      "of two lengths: " + kMonitor + "003f 0008 ffffffff ff000000 0001 0004 00000000 -> 01 0004 0001",
+      "cut short: " + kMonitor + "003f 0004 ffffffff ff000000 0001 -> 01 0001 0006",
       "in two parts: 12 ffff 0001 00000000 4f4e4600 0000074e 00000001 003f 0004 ffffffff ff000000 0001 0004 00000000 -> 01 0001 "
       "000d",
       "another type: 12 ffff 0000 00000000 4f4e4600 0000074f 00000001 003f 0004 ffffffff ff000000 0001 0004 00000000 -> 01 0001 "
@@ -181,8 +175,8 @@ TEST_F(Refused, Requests) {
       "OFPBRC_BAD_PORT PACKET_OUT from a port that is not there: 0d ffffffff 00000009 0000 000000000000",
       "OFPBRC_BAD_PORT PORT_STATS of a port that is not there: 12 0004 0000 00000000 00000009 00000000",
       "OFPBRC_MULTIPART_BUFFER_OVERFLOW multipart in more parts: 12 0000 0001 00000000",
-      "OFPBAC_BAD_OUT_PORT PACKET_OUT to a port that is not there: 0d ffffffff fffffffd 0010 000000000000 0000 0010 00000009 "
-      "ffff 000000000000",
+      "OFPBAC_BAD_OUT_PORT PACKET_OUT to a missing port: 0d ffffffff fffffffd 0010 000000000000 0000 0010 00000009 ffff "
+      "000000000000",
       "OFPGMFC_OUT_OF_GROUPS GROUP_MOD add: 0f 0000 00 00 00000001",
       "OFPGMFC_UNKNOWN_GROUP GROUP_MOD modify: 0f 0001 00 00 00000001",
       "OFPGMFC_BAD_COMMAND GROUP_MOD command 9: 0f 0009 00 00 00000001",
