@@ -1,7 +1,7 @@
-// What the switch reports back: counters of failed programming, the status of service-chain flows, and the packed report of
-// counter changes.
+// Reports from the switch: counters of failed programming, the status of service-chain flows, and the packed report of counter
+// changes.
 //
-// Threads: cells are added on the main SDN thread; the packed reports leave on a thread of their own, "ssc_kelim_pack_task". The
+// Threads: cells are added on the main SDN thread; a separate thread, "ssc_kelim_pack_task", sends the packed reports. The
 // failure callbacks may be called from any thread.
 #pragma once
 
