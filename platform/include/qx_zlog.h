@@ -1,7 +1,7 @@
 // The log service. Any thread; lines of one thread keep their order.
 //
 // The Linux host writes to journald, syslog or a rotating file (spdlog) with category, source path, function and line as fields,
-// and lets a source line write up to five different texts a second, with one line that counts the suppressed ones; verbose lines
+// and lets a source line write up to ten different texts a second, with one line that counts the suppressed ones; verbose lines
 // are all written, because their order shows what happened.
 #pragma once
 
