@@ -10,13 +10,13 @@ namespace {
 
 namespace sb = southbound;
 
-// At most this many hand-overs stand between two barriers of our own, so that a long burst is seen to be decided piece by piece.
+// The most hand-overs between two of the flows' own barriers, so that a long burst is decided piece by piece.
 constexpr std::uint64_t kBarrierEvery = 1024;
 constexpr std::size_t kLateFailuresKept = 100;
-// A delete of more flows than this goes on in pieces, so that neither this thread nor the daemon's loop is held up.
+// A delete of more flows than this is split into pieces, so that it blocks neither this thread nor the daemon's loop.
 constexpr std::size_t kAtOnce = 2048, kPiece = 256;
 constexpr std::int64_t kSecond = 1'000'000'000;
-constexpr std::int64_t kClockSet = 1'700'000'000;  // Unix seconds; a clock that is behind has not been set
+constexpr std::int64_t kClockSet = 1'700'000'000;  // Unix seconds; an earlier clock has not been set
 
 bool is_shortage(Bytes result) {
   return (sb::get<std::uint32_t>(result.data(), sb::kFlowResultCode) & ~kUndecided) == sb::kResultResource;
@@ -34,7 +34,7 @@ Wanted wanted_by(const FlowMod &mod) {
   return wanted;
 }
 
-// Whether an add leaves the flow as it is. One with a hard timeout is stored again: the time begins anew.
+// True if an add leaves the flow as it is. A flow with a hard timeout is stored again, because the time restarts.
 bool is_unchanged(const FlowEntry &flow, const FlowMod &mod) {
   return flow.state == FlowState::installed && !flow.get<std::uint16_t>(sb::kFlowHardTimeout) &&
          same_flow_mod(flow.southbound(), mod.southbound());
@@ -47,7 +47,7 @@ bool matches_everything(const FlowMod &mod) {
 
 }  // namespace
 
-// The author of all that changes while it lives.
+// Sets the author of all changes during its life.
 class Flows::Acting {
  public:
   Acting(Flows &flows, const Author &author) : flows_(flows) { flows_.author_ = author; }
@@ -125,7 +125,7 @@ Verdict Flows::remove(const FlowMod &mod) {
   return {};
 }
 
-// The next flow that the deletion takes; null when there is none left. What has come into a slot since may be another flow.
+// The deletion's next flow; null when none is left. A slot may hold another flow by now.
 FlowEntry *Flows::next_to_delete() {
   auto &[author, filter, slots, next] = *deletion_;
   while (FlowEntry *flow = filter ? nullptr : table_.next(next))
@@ -145,14 +145,15 @@ void Flows::delete_more() {
   }
 }
 
-// What failed meanwhile may have brought an older form back into force, and of everything the daemon may know more than is here.
+// Failures meanwhile may have brought older forms back into force, which must go too; after a delete of everything the daemon may
+// know flows that are not in this table.
 void Flows::end_deletion() {
   const auto filter = std::move(std::exchange(deletion_, std::nullopt)->filter);
   if (!filter) return remove_all();
   for (FlowEntry *flow : targets(*filter, false)) remove_flow(*flow, kDeleted);
 }
 
-// The flows that a modify or a delete is about.
+// The flows affected by a modify or a delete.
 std::vector<FlowEntry *> Flows::targets(const FlowMod &mod, bool strict) {
   if (!strict) return flows_in_force(wanted_by(mod), [&mod](const FlowEntry &flow) { return selected(flow, mod); });
   std::vector<FlowEntry *> found;
@@ -173,7 +174,7 @@ std::vector<FlowEntry *> Flows::flows_in_force(const Wanted &wanted, Fits &&fits
   return found;
 }
 
-// A request for all tables names its flow as table 0 does; in table 1 the application type comes on top.
+// A request for all tables names its flow as in table 0; in table 1 the application type is added.
 FlowEntry *Flows::find_in_table(const FlowMod &mod, std::uint8_t table_id) {
   if (mod.table_id == table_id) return table_.find(mod.southbound()).entry;
   const Bytes match = southbound_match(mod.southbound());
@@ -195,14 +196,14 @@ void Flows::stamp(FlowEntry &flow) const {
   sb::put(flow.message(), created_offset(flow.southbound()), static_cast<std::uint32_t>(unix_s));
 }
 
-// When the stored flow was created, by the callers' clock. A time that is not known, as that of a machine whose clock was not set
-// yet, or that has not come yet is taken for now.
+// The stored flow's time of creation, by the callers' clock. A time that is unknown, because the machine's clock was not set yet,
+// or in the future counts as now.
 std::int64_t Flows::stamped(Bytes flow_mod, std::int64_t now) const {
   const std::int64_t unix_s = sb::get<std::uint32_t>(flow_mod.data(), created_offset(flow_mod));
   return unix_s < kClockSet ? now : std::min(unix_s * kSecond - unix_offset_ns_, now);
 }
 
-// A new entry, or a new form of the one at `place`, goes to the daemon. Its pending answer is the caller's to note.
+// Hands a new entry, or a new form of the one at `place`, to the daemon. The caller must note the pending answer.
 FlowEntry &Flows::hand_over(Bytes flow_mod, const FlowTable::Place &place, std::int64_t created) {
   FlowEntry &flow = table_.insert(flow_mod, place, created);
   flow.last_hit_s = static_cast<std::uint32_t>(created / kSecond);
@@ -217,7 +218,7 @@ FlowEntry &Flows::hand_over(Bytes flow_mod, const FlowTable::Place &place, std::
   return flow;
 }
 
-// The flow's own head and match with the instructions of `mod`; good until scratch_ is used again.
+// The flow's own head and match with the instructions of `mod`; valid until scratch_ is used again.
 Bytes Flows::with_instructions_of(const FlowEntry &flow, const FlowMod &mod) {
   const std::size_t block = sb::flow_instruction_offset(flow.get<std::uint16_t>(sb::kFlowMatchLen));
   const std::size_t from = sb::flow_instruction_offset(sb::get<std::uint16_t>(mod.message, sb::kFlowMatchLen));
@@ -229,7 +230,7 @@ Bytes Flows::with_instructions_of(const FlowEntry &flow, const FlowMod &mod) {
   return scratch_;
 }
 
-// Whether an answer is expected for it: a flow that is so already stays as it is.
+// True if an answer is expected: a flow that already is as requested is not handed over.
 bool Flows::change(FlowEntry &flow, const FlowMod &mod, const Origin &origin, Bytes request, bool same_request,
                    std::int64_t now) {
   const Bytes changed = with_instructions_of(flow, mod);
@@ -247,8 +248,8 @@ bool Flows::change(FlowEntry &flow, const FlowMod &mod, const Origin &origin, By
   return differs;
 }
 
-// A changed flow takes another cell of the target until the form before it has gone. Where there is none, the one in force goes
-// first; here it stays, and is put back when the new one fails.
+// A changed flow occupies another cell of the target until its former form is removed. If there is no free cell, the form in
+// force is deleted first; it stays in this table, and is put back if the new one fails.
 void Flows::make_room(FlowEntry &flow) {
   if (transaction_ || !capacity() || table_.size() < capacity()) return;
   drop_older_forms(flow);
@@ -258,7 +259,7 @@ void Flows::make_room(FlowEntry &flow) {
   ++counters_.changed_in_place;
 }
 
-// Displaced forms whose successor has failed are in force again.
+// Hands over displaced forms that are in force again because their successor has failed.
 void Flows::put_back(std::int64_t now) {
   for (const std::uint64_t index : std::exchange(displaced_, {}))
     if (FlowEntry *flow = table_.by_index(index); flow && flow->in_force && flow->displaced) add_again(*flow, now);
@@ -305,7 +306,8 @@ void Flows::clear_table() {
     if (flow->in_force) report(*flow, FlowEvent::deleted);
     counters_.removed += flow->in_force;
     trace_.note(Step::removed, flow->index(), kDeleted);
-    // The daemon removes what is stored. A flow that the service chain has not answered yet is not, and would be installed later.
+    // The daemon removes stored flows. A flow that the service chain has not answered yet is not stored, and would be installed
+    // later.
     if (flow->state == FlowState::sent && is_for_service_chain(southbound_match(flow->southbound()))) tell_deletion(*flow);
     table_.remove(*flow);
   }
@@ -336,7 +338,7 @@ void Flows::remove_users_of_meter(std::uint32_t meter_id) {
   for (FlowEntry *flow : users_of_meter(meter_id)) remove_flow(*flow, kDeleted);
 }
 
-// Where an undecided form goes, an older one that uses the meter too comes into force again: hence the rounds.
+// It works in rounds, because removing an undecided form may bring an older one that also uses the meter back into force.
 void Flows::fail_users_of_meter(std::uint32_t meter_id) {
   for (auto users = users_of_meter(meter_id); !users.empty(); users = users_of_meter(meter_id))
     for (FlowEntry *flow : users) {
@@ -373,7 +375,8 @@ bool Flows::restore(Bytes flow_mod, std::int64_t now) {
   if (!flow) return false;
   table_.mark_installed(*flow);
   flow->last_hit_s = static_cast<std::uint32_t>(now / kSecond);
-  // Two forms of one flow: the life before ended in the middle of a change. The older one is not replayed, so its record goes.
+  // Two forms of one flow: the previous run ended in the middle of a change. The older one is not replayed, so its record is
+  // removed.
   while (FlowEntry *older = table_.at(flow->older)) table_.remove(*older);
   return true;
 }
@@ -390,7 +393,7 @@ void Flows::note_added(FlowEntry &flow, FlowEvent event) {
   transaction_->steps.push_back({flow.index(), true, author_});
 }
 
-// What came in the transaction itself goes at once, and the form that it replaced is the flow that is deleted.
+// A form added in the transaction itself is withdrawn at once, and the form that it replaced is the flow to delete.
 void Flows::set_aside(FlowEntry *flow) {
   while (flow && flow->provisional) {
     FlowEntry *before = table_.at(flow->older);
@@ -430,7 +433,7 @@ void Flows::keep(const Transaction::Step &step, std::int64_t now) {
   failed_late(*flow, now);
 }
 
-// The latest step first, so that each finds the table as it left it.
+// To be called with the latest step first, so that each finds the table as it left it.
 void Flows::undo(const Transaction::Step &step) {
   FlowEntry *flow = table_.by_index(step.index);
   if (!flow) return;
@@ -507,7 +510,7 @@ void Flows::flow_result(Bytes reply, std::int64_t now) {
   FlowEntry *flow = table_.by_index(index);
   Pending *pending = in_flight_.find(index);
   trace_.note(Step::result, index, sb::get<std::uint32_t>(reply.data(), sb::kFlowResultCode));
-  // No controller waits for it: it stays as it was asked for, and the synchronisation that follows hands it over again.
+  // No controller waits for it: the flow stays desired, and the synchronisation that follows hands it over again.
   if (is_undecided(reply) && (!pending || !pending->origin.generation)) {
     counters_.left += flow != nullptr;
     return;
@@ -531,7 +534,7 @@ void Flows::flow_answer(Bytes answer, std::int64_t now) {
   const auto index = sb::get<std::uint64_t>(answer.data(), sb::kFlowIndex);
   FlowEntry *flow = table_.by_index(index);
   if (Pending *pending = in_flight_.find(index)) {
-    // The daemon tells when it is its turn, or not at all where the flow had succeeded before.
+    // The daemon reports it later, or not at all if the flow had succeeded before.
     pending->failed = true;
     pending->no_room = is_shortage(answer);
   } else if (flow && flow->in_force) {
@@ -541,7 +544,7 @@ void Flows::flow_answer(Bytes answer, std::int64_t now) {
   }
 }
 
-// The daemon has dropped the flow on its side already.
+// Removes a failed flow, which the daemon has already dropped on its side.
 void Flows::fail(FlowEntry &flow, const Error &error) {
   trace_.note(Step::failed, flow.index(), error_number(error));
   if (flow.provisional) {
@@ -560,7 +563,8 @@ void Flows::fail(FlowEntry &flow, const Error &error) {
   if (before) report(*before, FlowEvent::brought_back);
 }
 
-// An installed flow has failed, as after a restart of what programs it: it gets one more chance under a new index.
+// Handles the failure of an installed flow, as after a restart of the programming service: it gets one more chance under a new
+// index.
 void Flows::failed_late(FlowEntry &flow, std::int64_t now) {
   if (flow.retried || flow.provisional) return fail(flow, err::kFlowModUnknown);
   ++counters_.retried;
@@ -609,14 +613,14 @@ void Flows::check_deadlines(std::int64_t now, bool daemon_turns) {
   }
   if (patience_ns_ - progress_ns_ < limits_.decide_timeout_ns) return;
   progress_ns_ = patience_ns_;
-  // A question that has not been answered in all this time is not waited for any longer.
+  // A query without an answer for that long is given up.
   if (asked_up_to_) return overdue_checked({}, now);
   if (auto indexes = overdue_adds(now); !indexes.empty()) return events_.overdue(std::move(indexes));
   give_up_barriers(now);
   fence(now);
 }
 
-// The adds before the first barrier that is not answered: one of them holds it back, and only a look elsewhere can tell which.
+// The adds before the first unanswered barrier: one of them holds it back, and only the database can tell which.
 std::vector<std::uint64_t> Flows::overdue_adds(std::int64_t now) {
   const std::uint64_t last = in_flight_.front_barrier() ? in_flight_.front_barrier()->number : ~std::uint64_t{0};
   std::vector<std::uint64_t> indexes;
@@ -641,7 +645,7 @@ void Flows::overdue_checked(const std::vector<std::uint64_t> &installed, std::in
   if (last) fence(now);
 }
 
-// Nothing but deletes is before these barriers, and still there is no answer: they are lost, and nobody waits for ever.
+// Only deletes precede these barriers, and still no answer has arrived: they are lost, so that waiting must end.
 void Flows::give_up_barriers(std::int64_t now) {
   for (; is_overdue(in_flight_.front_barrier(), now); ++counters_.lost_barriers)
     in_flight_.barrier_replied(
@@ -658,7 +662,7 @@ void Flows::give_up(const Pending &pending) {
   if (flow && flow->state == FlowState::sent) withdraw_failed(*flow, err::kFlowModUnknown);
 }
 
-// The daemon still has it, or may have it.
+// For a flow that the daemon has, or may have.
 void Flows::withdraw_failed(FlowEntry &flow, const Error &error) {
   tell_deletion(flow);
   fail(flow, error);
@@ -672,8 +676,8 @@ void Flows::check_timeouts(std::int64_t now) {
   if (!timed.empty()) batch_done(now);
 }
 
-// A flow that looks idle goes when the programming service has read all counters once more and has not found it used: of the
-// rounds that end from now on the second is the first to have begun since. While nobody counts, no flow is idle.
+// A flow that looks idle is removed after the programming service has read all counters once more without finding it used: of the
+// rounds that end from now on, only the second has begun since. Without counting, no flow is idle.
 void Flows::check_timeout(FlowEntry &flow, std::int64_t now) {
   const std::int64_t hard = flow.get<std::uint16_t>(sb::kFlowHardTimeout), idle = flow.get<std::uint16_t>(sb::kFlowIdleTimeout);
   if (hard && now - flow.created_ns >= hard * kSecond) return remove_flow(flow, kHardTimeout);
