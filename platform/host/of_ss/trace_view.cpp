@@ -24,7 +24,7 @@ using nlohmann::json;
 using Event = TraceEvent;
 using Names = std::map<std::uint32_t, std::string>;
 
-constexpr std::size_t kStoriesShown = 20;  // of each kind, the newest
+constexpr std::size_t kStoriesShown = 20;  // the newest of each kind
 
 // ---- words
 
@@ -113,7 +113,7 @@ std::string text_of(const Event &event, const Names &controllers) {
 
 // ---- order
 
-// The loop reads its clock less often than there are events: what follows from a hand-over is never shown ahead of it.
+// The loop reads its clock less often than events occur, so consequences of a hand-over are moved behind it.
 void put_behind_hand_over(std::vector<Event> &records, const std::vector<Event> &requests) {
   std::unordered_map<std::uint64_t, std::int64_t> added, withdrawn;
   for (const Event &event : requests) {
@@ -135,11 +135,11 @@ std::vector<Event> in_order(TraceSnapshot &snapshot) {
   return all;
 }
 
-// What the words and times of a story need.
+// The context for the words and times of a story.
 struct Telling {
   const Names &controllers;
   std::size_t limit;
-  // When the host clock was 0, since 1970.
+  // The time since 1970 at which the host clock was 0.
   std::chrono::nanoseconds clock_began = std::chrono::system_clock::now().time_since_epoch() - clock::now();
 
   std::int64_t wall_us(std::int64_t at_ns) const { return (clock_began.count() + at_ns) / 1000; }
@@ -147,7 +147,7 @@ struct Telling {
 
 // ---- stories
 
-// What is told: of one flow, or of one request with the flows that it touched, from then on.
+// The history of one flow, or of one request and the flows that it touched, from then on.
 struct Story {
   std::optional<std::uint64_t> flow;
   std::set<std::uint32_t> requests = {};
@@ -179,7 +179,7 @@ std::vector<Story> stories_of_flow(const std::vector<Event> &all, std::uint64_t 
   return story.events.empty() ? std::vector<Story>{} : std::vector<Story>{std::move(story)};
 }
 
-// The requests that fit, the newest ones.
+// The newest requests that match.
 template <typename Fits>
 std::vector<Story> stories_of_requests(const std::vector<Event> &all, Fits &&fits, std::size_t &total) {
   std::set<std::uint32_t> seen;
