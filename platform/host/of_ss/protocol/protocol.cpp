@@ -187,7 +187,7 @@ bool always(Bytes) {
 struct MessageRow {
   std::uint8_t type;
   std::size_t min_length = kOfHeader;
-  bool fixed = false;                                          // `length` is also the maximum
+  bool fixed = false;                                          // `min_length` is also the maximum
   Writes writes = Writes::no;                                  // changes the switch, so not allowed for a slave
   Verdict (*handle)(Switch &, Connection &, Bytes) = nullptr;  // null: not a message of controllers
   bool (*is_for_daemon)(Bytes) = never;                        // true if it leads to work of the daemon
