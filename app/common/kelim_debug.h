@@ -27,7 +27,7 @@ std::int32_t ssc_sdn_register_commands(qx_global *global, const char *module, st
 // Reads the daemon's switch file and registers the commands below.
 void ut_ssc_sdn_dbg_init(qx_global *global);
 
-// Set ssc_sdn_debug_sw and g_sdn_count_dbg_sw, and print what is on.
+// Set ssc_sdn_debug_sw and g_sdn_count_dbg_sw, and print the active classes.
 std::int32_t kelim_set_dbg(std::uint32_t value);
 std::int32_t kelim_set_count_dbg_sw(std::uint32_t value);
 

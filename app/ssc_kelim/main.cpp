@@ -346,7 +346,7 @@ int ssc_kelim_event_pthrd(qx_thread *) {
 }
 
 int main() {
-  // The databases that the redundancy manager is told about; it keeps the pointer.
+  // The databases to register with the redundancy manager, which keeps the pointer.
   static constexpr std::int32_t kDatabases[] = {QX_MOM_UDP_DB, QX_MOM_APP_DB};
 
   g_ssc_kelim_global = nullptr;

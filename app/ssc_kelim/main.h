@@ -2,7 +2,7 @@
 // drains the main SDN list.
 //
 // Everything here runs on the event loop's thread, which is the main SDN thread. Nothing is retried: a failing step is logged,
-// its code is returned to the caller, and the daemon stays up with what it has.
+// its code is returned to the caller, and the daemon keeps running without it.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// Handler list: deferred calls, appended from any thread to one FIFO and run one at a time by whoever drains it.
+// Handler list: deferred calls, appended from any thread to one FIFO and run one at a time by the thread that drains it.
 //
 // The list does not look at the data it carries: the data of a node belongs to its handler. The mutex guards list, count and
 // alive flag and is never held while a handler runs, so a handler may append further calls; they run in the same drain.
@@ -51,7 +51,8 @@ enum libss_pthrd_drain_result : int {
 // A new master that owns itself until a drain finds it dead; `name` is copied, "default" for null. Null when it cannot be made.
 libss_pthrd_mst *libss_pthrd_create_mst_withname(const char *name);
 
-// Marks the master dead: appends fail from now on and the next drain frees it. It wakes nobody. Null is ignored. Any thread.
+// Marks the master dead: appends fail from now on and the next drain frees it. It wakes no waiting thread. Null is ignored. Any
+// thread.
 void libss_pthrd_destroy_mst(libss_pthrd_mst *mst);
 
 // Appends a call. The new node, or null when the master is null or dead or memory is short; then the caller still owns `data`.

@@ -18,10 +18,10 @@
 // is removed without further calls, with a cmd 3. So a replay, in however many pieces, keeps the objects that it writes, and the
 // others expire.
 //
-// Threads: every call and every callback belongs to the loop's thread of qx_runtime.h.
-// Ownership: a record handed in is serialised before the call returns and never kept; what a callback receives lives until it
-// returns. Callbacks: a notification is never delivered from inside the call that caused it, always in a later turn of the loop
-// and in the order of the writes and deletions of its type.
+// Threads: every call and every callback belongs to the loop's thread of qx_runtime.h. Ownership: a record handed in is
+// serialised before the call returns and never kept; a callback's arguments live until it returns. Callbacks: a notification is
+// never delivered from inside the call that caused it, always in a later turn of the loop and in the order of the writes and
+// deletions of its type.
 //
 // Result codes (qx_result.h), the same for every call:
 //     QX_OK         accepted (for *_sync calls: done)

@@ -35,9 +35,9 @@ typedef struct qx_thread {
   const char *name;
 } qx_thread;
 
-// Creates the runtime of this process under `name` (copied); `parent` is null for a process of its own. Null on failure, after
-// one line on standard error that says why (configuration, loop, log); errno is EINVAL where the configuration was refused.
-// At most one runtime lives at a time.
+// Creates the runtime of this process under `name` (copied); `parent` is null for a separate process. Null on failure, after one
+// line on standard error that says why (configuration, loop, log); errno is EINVAL where the configuration was refused. At most
+// one runtime lives at a time.
 qx_global *qx_global_init(const char *name, void *parent);
 
 // Runs the event loop until the platform ends it. 0, or QX_FAILED when the loop itself failed.
@@ -55,7 +55,7 @@ void qx_global_finish(qx_global *global);
 int qx_thread_insert_timer_timeval(struct qx_thread_master *master, qx_thread *thread, int (*func)(qx_thread *), void *arg,
                                    long sec, long usec, const char *name);
 
-// Ends timer service on this master: armed timers are dropped and further inserts fail. The loop itself goes on.
+// Ends timer service on this master: armed timers are dropped and further inserts fail. The loop itself keeps running.
 void qx_thread_master_finish(struct qx_thread_master *master);
 
 // The monotonic clock; any thread.

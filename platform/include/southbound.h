@@ -40,7 +40,7 @@ namespace southbound {
 // Message types.
 SOUTHBOUND_ENUM(MsgType, uint16_t){
     SOUTHBOUND_NAME(kOpen) = 6,              // {header, ifx[]}: a controller is connected; ver and table are echoed in replies
-    SOUTHBOUND_NAME(kClose) = 7,             // {header, ifx[]}: the last controller has gone
+    SOUTHBOUND_NAME(kClose) = 7,             // {header, ifx[]}: the last controller has disconnected
     SOUTHBOUND_NAME(kFlowMod) = 10,          // see below
     SOUTHBOUND_NAME(kFlowResult) = 11,       // reply: a flow failed
     SOUTHBOUND_NAME(kStatRequest) = 13,      // {header, flow index}; all ones asks for every flow

@@ -396,7 +396,7 @@ int qx_mom_subscribe(qx_global *global, int32_t number, const qx_mom_spec *spec,
   if (!db || !cb || !spec || !spec->type.value || spec->type.key != key_type(spec->type.value) || spec->delivery > QX_MOM_PACKED)
     return QX_INVALID;
   if (!db->up) return QX_FAILED;
-  // Live when the loop comes to it, so that what was written before is not told to it.
+  // Goes live in a later turn of the loop, so that earlier writes are not notified to it.
   platform::post([&table = table_of(*db, spec->type.value), subscription = Subscription{cb, spec->delivery}] {
     const auto same = [&](const Subscription &other) { return other.callback == subscription.callback; };
     if (std::ranges::none_of(table.subscriptions, same)) table.subscriptions.push_back(subscription);

@@ -88,7 +88,7 @@ bool Settings<Kind>::confirm(const Record &asked, SPolicyKelim__StatusE status) 
   return true;
 }
 
-// The record was deleted between our read and our answer, which has restored it. If it has been requested anew, it stays.
+// The record was deleted between our read and our answer, which has restored it. If it has been requested again, it stays.
 template <typename Kind>
 void Settings<Kind>::take_back(const Record &answer) {
   int rv = 0;

@@ -14,8 +14,8 @@ struct flow_info_key {
   std::uint32_t filler;
 };
 
-// What the match and the actions of a flow say, field by field. Values and masks as received, in host byte order; a field that
-// came without a mask is given an all-ones mask of the field's width.
+// The match and the actions of a flow, field by field. Values and masks as received, in host byte order; a field that came
+// without a mask is given an all-ones mask of the field's width.
 struct flow_description {
   std::uint8_t dst_mac[6], dst_mac_mask[6];
   std::uint8_t src_mac[6], src_mac_mask[6];

@@ -56,5 +56,5 @@ std::int32_t ssc_sdn_pack_msg(const ssc_sdn_pack_cell *cell);
 // Starts the sending thread, once. 0, or -17.
 std::int32_t ssc_kelim_pack_send_task_init();
 
-// For tests only: zeroes the counters, drops unsent reports, restores the cell maximum. The sending thread goes on.
+// For tests only: zeroes the counters, drops unsent reports, restores the cell maximum. The sending thread keeps running.
 void ssc_kelim_adapt_reset_for_tests();

@@ -59,7 +59,7 @@ flow_info_node *flow_info_cache_create(flow_info_node **out, const flow_info_nod
 void flow_info_cache_destroy(flow_info_node *node);
 
 flow_info_node *flow_info_hash_find(const flow_info_key *key);
-// Puts `node` in, unless an entry with an equal key is there. 0.
+// Inserts `node`, unless an entry with an equal key exists. 0.
 std::int32_t flow_info_hash_insert(flow_info_node *node);
 void flow_info_hash_remove(const flow_info_node *node);
 std::int32_t flow_info_hash_traverse(flow_info_op op, void *arg);

@@ -1,7 +1,7 @@
 // Diagnostics of the southbound layer: the dump of a flow-mod, and the debug commands of module "ssc_kelim_proxy".
 //
-// The dump prints every match field and action to standard output; it neither checks the flow nor shows what the daemon makes of
-// it (dump_ssc_primitive_flow_entry does). A message is never read beyond its stated length. Any thread; the commands run on the
+// The dump prints every match field and action to standard output; it neither checks the flow nor shows the daemon's parsed form
+// (dump_ssc_primitive_flow_entry does). A message is never read beyond its stated length. Any thread; the commands run on the
 // main SDN thread.
 #pragma once
 

@@ -4,13 +4,13 @@
 // A request is one JSON object on a line, its answer likewise:
 //   {"call":"cmd","module":"ssc_kelim","command":"kelim_set_dbg","args":{"dbg_val":"0x83"}}
 //       -> {"status":0,"result":0,"output":"what the handler printed"}
-//   {"call":"view","name":"timings","args":{}}  -> {"status":0,"data":...} {"call":"watch","name":"mom","args":{}}     ->
-//   {"status":0}, then one line per event until the client disconnects;
+//   {"call":"view","name":"timings","args":{}}  -> {"status":0,"data":...}
+//   {"call":"watch","name":"mom","args":{}}     -> {"status":0}, then one line per event until the client disconnects;
 //                                                  {"missed":3} stands for as many lines that a slow reader did not get
-//   {"call":"set","name":"log.level","value":"info"}  -> {"status":0}; for keys that can be set at run time {"call":"list"}
-//   -> {"status":0,"modules":[...],"views":[...],"feeds":[...]} a request that is wrong                     ->
-//   {"status":2,"error":"what was wrong and what is allowed"} one that cannot be carried out now          ->
-//   {"status":1,"error":"why"}
+//   {"call":"set","name":"log.level","value":"info"}  -> {"status":0}; for keys that can be set at run time
+//   {"call":"list"}                             -> {"status":0,"modules":[...],"views":[...],"feeds":[...]}
+//   an invalid request                          -> {"status":2,"error":"what was wrong and what is allowed"}
+//   one that cannot be carried out now          -> {"status":1,"error":"why"}
 // "result" is what the handler returned. All of it is served on the loop's thread, one request per client at a time; the next one
 // is read once the answer is sent. Lines of more than 64 KiB, a 33rd client and clients that read nothing for a minute are
 // rejected.

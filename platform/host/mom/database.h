@@ -62,7 +62,7 @@ struct Database {
   bool sync_up = false;
   bool up = false;
   uint64_t reconnects = 0;  // number of reconnections after a loss
-  bool wanted = false;      // an asynchronous connect was asked for
+  bool wanted = false;      // an asynchronous connect was requested
   std::string refusing;     // why the server refuses writes although it answers; empty while it accepts them
   bool exclusive = false;   // only one process of this name may use it at a time
   bool congestion_control = false;

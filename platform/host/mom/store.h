@@ -104,7 +104,7 @@ class Store {
   };
   virtual std::optional<Held> held(Slot &slot) = 0;
 
-  // For tests: does to the store itself what a reconnect of `type` would.
+  // For tests: has the same effect on the store itself as a reconnect of `type`.
   virtual void provoke_reconnect(Database &, int32_t) {}
 };
 

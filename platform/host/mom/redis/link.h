@@ -142,7 +142,7 @@ class RedisLink {
   std::deque<Formatted> queue_;
   size_t next_command_ = 0;  // of the first batch in queue_
   std::deque<Answer> sent_;
-  // Of the pass that all other batches wait for; null while there is none.
+  // The rest of the pass that all other batches wait for; null without a pass.
   std::function<Formatted(const redisReply *)> more_;
   qx_mom_done_cb more_done_ = nullptr;
 
