@@ -182,7 +182,7 @@ Json list(Hub &hub, const nlohmann::json &args, bool with_records) {
 void get_one(Hub &hub, const nlohmann::json &args, const std::string &text, Json &objects, size_t &skipped) {
   const RecordType &type = type_argument(text.substr(0, text.find(':')));
   const auto key = type.parse(text);
-  if (!key) throw Refusal("'" + text + "' is not a key of " + std::string(type.name()));
+  if (!key) throw Refusal("'" + text + "' is no key of " + std::string(type.name()));
   each_database(hub, args, [&](Database &db) {
     std::vector<uint8_t> packed;
     const int rv = hub.store().get_sync(hub.slot(db, type), *key, packed);
