@@ -251,7 +251,7 @@ void release() {
 
 bool make_runtime(const char *name) {
   if (g_runtime) return complain(name, "a runtime named " + g_runtime->name + " exists already");
-  if (const int rv = fault::check(fault::Point::global_init)) return complain(name, "fault " + std::to_string(rv) + " asked for");
+  if (const int rv = fault::check(fault::Point::global_init)) return complain(name, "injected fault " + std::to_string(rv));
   if (const std::string error = config_load(); !error.empty()) return complain(name, error, EINVAL);
   if (const std::string error = make_run_dir(); !error.empty()) return complain(name, error);
   g_runtime = std::make_unique<Runtime>(name);

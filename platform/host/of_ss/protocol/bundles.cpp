@@ -110,7 +110,7 @@ Verdict Bundles::put(Bytes message, Bundle &bundle) {
 
 Verdict Bundles::close(Connection &connection, Bytes message) {
   const auto at = open_.find(key_of(connection, message));
-  if (at == open_.end()) return refuse(err::kBundleBadId, "bundle", "there is none with this number");
+  if (at == open_.end()) return refuse(err::kBundleBadId, "bundle", "no bundle has this number");
   if (at->second.closed) return refuse(err::kBundleClosed, "bundle", "it is closed already");
   at->second.closed = true;
   reply(connection, message);
@@ -119,7 +119,7 @@ Verdict Bundles::close(Connection &connection, Bytes message) {
 
 Verdict Bundles::discard(Connection &connection, Bytes message) {
   const auto at = open_.find(key_of(connection, message));
-  if (at == open_.end()) return refuse(err::kBundleBadId, "bundle", "there is none with this number");
+  if (at == open_.end()) return refuse(err::kBundleBadId, "bundle", "no bundle has this number");
   erase(at);
   reply(connection, message);
   return {};
@@ -127,7 +127,7 @@ Verdict Bundles::discard(Connection &connection, Bytes message) {
 
 Verdict Bundles::commit(Connection &connection, Bytes message) {
   const auto at = open_.find(key_of(connection, message));
-  if (at == open_.end()) return refuse(err::kBundleBadId, "bundle", "there is none with this number");
+  if (at == open_.end()) return refuse(err::kBundleBadId, "bundle", "no bundle has this number");
   const bool same_flags = at->second.flags == be16(message, kFlags), spoiled = at->second.spoiled;
   Commit begun{std::move(at->second), number_of(message), sw_.origin(connection, message)};
   bytes_ -= begun.bundle.messages.size();

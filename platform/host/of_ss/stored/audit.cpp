@@ -126,9 +126,9 @@ void Audit::end(bool undisturbed) {
 void Audit::note(std::vector<Difference> confirmed) {
   if (confirmed == confirmed_) return;
   confirmed_ = std::move(confirmed);
-  if (confirmed_.empty()) return log::info("audit: the database holds what was asked for again");
+  if (confirmed_.empty()) return log::info("audit: the database matches the requested state again");
   counts_.found += confirmed_.size();
-  log::warn("audit: {} ({} differences between what was asked for and what is stored)", text(confirmed_.front()),
+  log::warn("audit: {} ({} differences between the requested state and the database)", text(confirmed_.front()),
             confirmed_.size());
   if (!options_.repair) return;
   // Without writes nothing can be repaired; once they are accepted again, everything is handed over anyway.

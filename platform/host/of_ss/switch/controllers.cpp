@@ -87,7 +87,7 @@ void Controllers::gone(Connection &connection) {
   else if (!was_up)
     log_failed(connection);
   if (!was_up) return;
-  log::info("controller {} has gone: {}", connection.peer().name, connection.why_closed());
+  log::info("controller {} disconnected: {}", connection.peer().name, connection.why_closed());
   update_packets();
   left(connection);
 }

@@ -247,7 +247,7 @@ Verdict read_instruction(Bytes instruction, Found &found, Instructions &out) {
     return refuse(err::kInstructionExperimenterUnknown, "instructions", "the switch knows no experimenter's instructions");
   if (type == 0 || type > kInstructions.size())
     return refuse(err::kUnknownInstruction, "instructions", "unknown type of instruction");
-  if (found.seen >> type & 1) return refuse(err::kUnsupportedInstruction, "instructions", "an instruction is there twice");
+  if (found.seen >> type & 1) return refuse(err::kUnsupportedInstruction, "instructions", "an instruction appears twice");
   found.seen = static_cast<std::uint8_t>(found.seen | 1 << type);
   return kInstructions[type - 1].read(instruction, found, out);
 }

@@ -107,8 +107,8 @@ Verdict check_vlan(const OxmField &row, const std::byte *value, const std::byte 
   const std::uint16_t bits = mask ? load_be<std::uint16_t>(mask) : kVidAll;
   if ((vid | bits) > kVidAll) return refuse(err::kBadValue, row.name, "bits above OFPVID_PRESENT are set");
   if (!(vid & kVidPresent) || !(bits & kVidPresent))
-    return refuse(err::kBadValue, row.name, "untagged packets cannot be asked for, only a VLAN id with OFPVID_PRESENT");
-  if (!(bits & kVidBits)) return refuse(err::kBadValue, row.name, "any VLAN id cannot be asked for, only a given one");
+    return refuse(err::kBadValue, row.name, "untagged packets cannot be matched, only a VLAN id with OFPVID_PRESENT");
+  if (!(bits & kVidBits)) return refuse(err::kBadValue, row.name, "any VLAN id cannot be matched, only a given one");
   if ((bits & kVidBits) == kVidBits && (vid & kVidBits) == kVidReserved)
     return refuse(err::kBadValue, row.name, "VLAN id 4095 is reserved, allowed are 0 to 4094");
   return {};
@@ -151,7 +151,7 @@ Verdict decode_field(const WireField &field, std::uint64_t &seen, WireMatch &mat
   const std::size_t payload = static_cast<std::size_t>(field.payload + field.length() - value);
   if (payload != std::size_t{row->width} * (field.masked() ? 2 : 1))
     return refuse(err::kMatchBadLen, row->name, "the length of the field is wrong");
-  if (seen >> row->number & 1) return refuse(err::kDupField, row->name, "the field is there twice");
+  if (seen >> row->number & 1) return refuse(err::kDupField, row->name, "the field appears twice");
   seen |= std::uint64_t{1} << row->number;
 
   const std::byte *mask = field.masked() ? value + row->width : nullptr;
