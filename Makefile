@@ -1,5 +1,5 @@
-# The front door. Every target installs the Debian packages it needs, builds what it needs and then does its work; on a fresh Debian 12,
-# as root or with sudo, nothing has to be typed before it.
+# The entry point. Every target installs the Debian packages it needs, builds what it needs and then does its work; on a fresh Debian 12,
+# as root or with sudo, nothing else has to be set up first.
 
 SHELL := /bin/bash
 .DEFAULT_GOAL := help
@@ -13,7 +13,7 @@ JOBS := $(shell nproc)
 
 bin = build/$(1)/bin
 packages = @tools/make/install-packages $(1)
-# Configures where that was never done, then builds the targets of $(2), or everything.
+# Configures the preset if that was never done, then builds the targets of $(2), or everything.
 build = $(if $(wildcard build/$(1)/build.ninja),,cmake --preset $(1) &&) cmake --build --preset $(1) $(if $(2),--target $(2))
 ctest = ctest --preset $(1) -j$(JOBS) $(ARGS)
 
@@ -22,7 +22,7 @@ sources = $(shell git ls-files '*.cpp' '*.h')
 
 .PHONY: help
 help: ## this list
-	@echo "make demo is the place to begin. Targets:"
+	@echo "Start with make demo. Targets:"
 	@sed -nE 's/^([a-z0-9-]+):.*## (.*)/  \1\t\2/p' Makefile | expand -t 18
 	@echo "PRESET=release|dev|asan|tsan|clang chooses the build, ARGS=... is handed to ctest (make test ARGS=\"-R barrier\")."
 
@@ -51,7 +51,7 @@ run: ## runs the daemon in the foreground on 127.0.0.1:6653
 	@tools/demo/run $(call bin,$(PRESET))
 
 .PHONY: run-redis
-run-redis: ## the same with Redis as the object database and the programming service as a process of its own
+run-redis: ## the same with Redis as the object database and the programming service as a separate process
 	$(call packages)
 	$(call build,$(PRESET),$(programs))
 	@tools/demo/run $(call bin,$(PRESET)) --redis
@@ -61,7 +61,7 @@ build: ## builds everything
 	$(call packages)
 	$(call build,$(PRESET))
 
-# Where `make install` puts things. DESTDIR goes in front of all of it and CONF_DIR holds kelim/host.toml, whatever the prefix.
+# Where `make install` puts things. DESTDIR is put in front of every path, and CONF_DIR holds kelim/host.toml whatever the prefix.
 PREFIX ?= /usr/local
 CONF_DIR ?= /etc
 
@@ -112,7 +112,7 @@ fuzz: ## builds the fuzz targets with clang and runs each for a minute
 	@for target in $(call bin,fuzz)/*_fuzz; do echo "== $$target"; $$target -max_total_time=60 || exit 1; done
 
 .PHONY: soak
-soak: ## an hour under load that changes all the time: nothing lost, no memory leaked (ARGS="--redis --minutes 20")
+soak: ## an hour under changing load: nothing may be lost, no memory leaked (ARGS="--redis --minutes 20")
 	$(call packages)
 	$(call build,$(PRESET),$(programs))
 	@tools/soak/soak $(call bin,$(PRESET)) $(ARGS)
@@ -124,7 +124,7 @@ bench: ## the benchmarks
 	@for program in $(call bin,release)/*_bench; do echo "== $$program"; $$program || exit 1; done
 
 .PHONY: bench-compare
-bench-compare: ## holds the daemon against Open vSwitch, and the road over Redis against Redis itself (ARGS=--quick: some minutes)
+bench-compare: ## compares the daemon with Open vSwitch, and the path over Redis with Redis itself (ARGS=--quick: some minutes)
 	$(call packages,bench-compare)
 	$(call build,release,$(programs) of_load loop_probe redis_load)
 	@bench/compare.py $(call bin,release) $(ARGS)

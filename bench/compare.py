@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """Programs the same flows with the same client into this daemon, with its embedded database and with Redis, and into Open vSwitch's
-user-space switch, one after the other in turn; and asks the same Redis server, without any of us, for as many requests and answers of
-that size. A ratio is the median of the ratios of neighbouring runs, so that a change of the machine's speed meets both sides; p25 to p75
-show how much the runs differ. What is aimed at stands beside each figure. A run that meets an error, an answer that is late or missing, or
-a table that does not hold what it should ends the comparison with status 1; what was found before is shown.
+user-space switch, in turn; and has the same Redis server, without this system, process as many requests and answers of
+that size. A ratio is the median of the ratios of neighbouring runs, so that a change of the machine's speed affects both sides; p25 to p75
+show how much the runs differ. The target stands beside each figure. A run that meets an error, a late or missing answer, or
+a table with the wrong flows ends the comparison with status 1; earlier results are shown.
 
 usage: compare.py BIN_DIR [--only SECTION,...] [--quick] [--json]     BIN_DIR is build/release/bin
 """
@@ -23,13 +23,13 @@ from switches import OFCTL, OURS, OVS, REDIS, Switches, daemon, start_ours
 BARE = "bare Redis"
 SIDES = (OURS, REDIS)
 FLOW_CHANNEL = "8:s_policy_kelim.flow"
-TABLE = 600  # flows that churn goes over
+TABLE = 600  # flows in the table of churn
 OPENS = (800, 20000)
 FLOODS = ("nothing", "churn", "barriers", "bytes", "crowd")
 PROBE_LIMIT = 3600  # seconds
-SETTLE = 0.2  # seconds; what is still to be done behind the last answer belongs to the load
+SETTLE = 0.2  # seconds; work left after the last answer belongs to the load
 
-# What is aimed at, embedded and with Redis.
+# Targets, embedded and with Redis.
 RATIO_AIMS = {
     "burst of 600, flows/s": (">= 1.3", ">= 0.9"),
     "burst of 10,000, flows/s": (">= 1.2", ">= 0.85"),
@@ -82,7 +82,7 @@ class Comparison:
         print(f"  {time.strftime('%H:%M:%S')} {self.section}: {text} ...", file=sys.stderr, flush=True)
 
     def command(self, name, command, limit=600):
-        """Runs it and returns what it prints; what fails is named."""
+        """Runs a command and returns its output; an error names the command."""
         command = [*map(str, command)]
         try:
             run = subprocess.run(command, capture_output=True, text=True, timeout=limit)
@@ -99,7 +99,7 @@ class Comparison:
         return json.loads(self.command(BARE, [self.bin / "redis_load", self.switches[REDIS].running.socket, *args]))
 
     def in_turn(self, what, rounds, run, names=(OURS, REDIS, OVS)):
-        """What `run` makes of every switch, `rounds` (or, when quick, the second of them) times round: a list by name."""
+        """The results of `run` for every switch in turn, by name; `rounds` are the number of rounds, normally and with --quick."""
         rounds = rounds[self.quick]
         found = {name: [] for name in names}
         for round_ in range(rounds):
@@ -111,7 +111,7 @@ class Comparison:
 
     @contextlib.contextmanager
     def probed(self, switch):
-        """Yields a dictionary that holds the loop's pauses behind the block."""
+        """Yields a dictionary that holds the loop's pauses after the block."""
         pauses = {}
         command = [self.bin / "loop_probe", switch.control, PROBE_LIMIT]
         probe = subprocess.Popen([*map(str, command)], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
@@ -128,29 +128,29 @@ class Comparison:
         for switch in self.switches.all:
             switch.empty()
 
-    # ---- what was found
+    # ---- results
 
     def row(self, what, found, unit, better, digits=0):
-        """Medians and quartiles of the values found, by name."""
+        """Adds a row with medians and quartiles of the values found, by name."""
         spread = {name: [round(v, digits or None) for v in quartiles(values)] for name, values in found.items()}
         self.rows.append({"what": what, "unit": unit, "better": better, "runs": len(next(iter(found.values()))), **spread})
 
     def judge(self, what, side, values, unit, aim, worst=False):
-        """Holds the median, or the worst, against the aim."""
+        """Compares the median, or the worst value, with the target."""
         low, median, high = quartiles(values)
         value = max(values) if worst else median
         shown = {"value": round(value, 3), "p25": round(low, 3), "p75": round(high, 3), "runs": len(values), "unit": unit}
         self.judged.append({"what": what, "side": side, **shown, "aim": aim, "met": is_met(aim, value) if aim else None})
 
     def ratio(self, what, found):
-        """Of both sides to Open vSwitch."""
+        """Adds the ratios of both sides to Open vSwitch."""
         for side, aim in zip(SIDES, RATIO_AIMS.get(what, ("", ""))):
             self.judge(what, side, [ours / theirs for ours, theirs in zip(found[side], found[OVS])], "x", aim)
 
     # ---- sections
 
     def refusals(self):
-        """The yardstick itself: on a table that takes 50 flows, every load has to fail, and to say why."""
+        """Checks the yardstick itself: on a table with room for 50 flows, every load must fail and say why."""
         loads = (("burst", 600), ("fill", 600, 100), ("churn", 600, 800, 1), ("latency", 60, 0), ("dump", 600, 1), ("delete-all", 600),
                  *(("quiet", flood, 4) for flood in FLOODS))
         switch = start_ours(self.bin, openflow_capacity=50)
@@ -160,7 +160,7 @@ class Comparison:
                 switch.empty()
                 run = subprocess.run([*map(str, (self.bin / "of_load", switch.port, *load))], capture_output=True, text=True)
                 if run.returncode != 1 or not any(why in run.stderr for why in ("TABLE_FULL", "flows instead of")):
-                    raise daemon.Failed(f"of_load {load} does not fail as it has to on a table that is too small: {run}")
+                    raise daemon.Failed(f"of_load {load} does not fail as it should on a table that is too small: {run}")
         finally:
             switch.stop()
 
@@ -250,8 +250,8 @@ class Comparison:
                 self.ratio(f"ovs-ofctl {what} of {n:,}", times)
 
     def probe(self, switch, run):
-        """The longest pause of the loop meanwhile, in ms; and of how busy the machine was: the longest lateness of the probe itself, in ms,
-        and the share of the time, in percent, that the loop's thread waited for a processor."""
+        """The longest pause of the loop during `run`, in ms; and, as signs of a busy machine, the longest lateness of the probe, in ms,
+        and the percentage of time that the loop's thread waited for a processor."""
         waited, start = switch.loop_waited(), time.monotonic()
         with self.probed(switch) as pauses:
             run()
@@ -377,8 +377,8 @@ class Comparison:
         note("delete-all behind the restart", "s", 2, run("delete-all behind the restart", "delete-all", n)["seconds"])
 
     def restart(self, switch, n):
-        """Kills the daemon; the seconds until a controller sees all flows again, and until an add and its barrier are answered behind the
-        replay of them. What starts it again waits for half a second, as systemd would."""
+        """Kills the daemon; returns the seconds until a controller sees all flows again and until an add and its barrier are answered
+        after the replay. The supervisor restarts it after half a second, as systemd would."""
         before = switch.running.pids("ssc_kelim")[-1]
         switch.running.signal("ssc_kelim", signal.SIGKILL)
         start = time.monotonic()
@@ -392,7 +392,7 @@ class Comparison:
     SECTIONS = ("refusals", "memory", "burst", "churn", "latency", "dump", "ofctl", "pause", "quiet", "bare_redis", "idle", "million")
 
     def run(self, sections):
-        """Why it ended early, if it did."""
+        """Runs the sections; returns why it ended early, or None."""
         try:
             with Switches(self.bin) as self.switches:
                 for self.section in sections:

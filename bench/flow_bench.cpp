@@ -1,4 +1,4 @@
-// The daemon's own work for a flow: parsing, cache, record, write, and what a flow holds.
+// Measures the daemon's own work for a flow (parsing, cache, record, write) and the memory that a flow holds.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
@@ -32,7 +32,7 @@ namespace {
 std::uint64_t g_mallocs;
 }
 
-// Counts what the program allocates; the allocator is the C library's own.
+// Counts the program's allocations; the allocator is the C library's own.
 extern "C" void *__libc_malloc(std::size_t size);
 extern "C" void *malloc(std::size_t size) {
   ++g_mallocs;
@@ -116,7 +116,7 @@ class World {
     [[maybe_unused]] const int rv = std::system(("rm -rf " + dir_).c_str());
   }
 
-  // What an intake leaves for the handler.
+  // The job that an intake hands to the handler.
   static libss_pthrd_hdl job_of(std::uint64_t index, bool in_port = true) {
     const TypicalFlow flow(index, in_port);
     auto *job = static_cast<ssc_sdn_flow_job *>(std::malloc(sizeof(ssc_sdn_flow_job)));
@@ -136,7 +136,7 @@ class World {
 
 constexpr std::uint64_t kBatch = 1000;
 
-// Handler start to accepted write (data release included), with so many flows there already.
+// From the handler's start to the accepted write (data release included), with that many flows present.
 void add_handler(benchmark::State &state, bool in_port) {
   World world;
   std::uint64_t index = 0;
@@ -215,7 +215,7 @@ struct BuiltRecord {
   SPolicyKelim__Flow record = S_POLICY_KELIM__FLOW__INIT;
 };
 
-// Record from node, and its release.
+// Building the record from the node, and its release.
 void build_record(benchmark::State &state) {
   ssc_kelim_flow_info_init();
   const flow_info_node *node = cached(1);
@@ -227,7 +227,7 @@ void build_record(benchmark::State &state) {
 }
 BENCHMARK(build_record);
 
-// Port check and accepted write of a built record; of them, the write alone.
+// Port check and accepted write of a built record, and the write alone.
 void store_record(benchmark::State &state) {
   World world;
   flow_info_node *node = cached(1);

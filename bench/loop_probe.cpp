@@ -1,6 +1,6 @@
-// How long a process's main loop stands still, seen from outside: asks its control socket every 2 ms for something that costs the
-// loop next to nothing, and takes the longest round trip for its longest pause. A pause is seen up to 2 ms shorter than it was;
-// what the machine's scheduler adds is told by how late the probe itself was waked, and by a probe of the idle process.
+// Measures from outside how long a process's main loop stalls: sends its control socket a cheap request every 2 ms and takes the
+// longest round trip as the longest pause. A pause may appear up to 2 ms too short. The share of the machine's scheduler shows in
+// how late the probe itself wakes up, and in a probe of the idle process.
 //
 //   loop_probe SOCKET SECONDS    SOCKET is RUN_DIR/ssc_kelim.ctl; SIGTERM ends it early
 //
@@ -43,7 +43,7 @@ double round_trip(host::control::Client &client) {
   return seconds_since(start);
 }
 
-// How late this process comes back from its sleep until the next request.
+// Sleeps until the next request; returns how late this process woke up.
 double sleep() {
   const auto start = Clock::now();
   std::this_thread::sleep_for(kEvery);
@@ -56,7 +56,7 @@ int main(int argc, char **argv) {
   ::signal(SIGTERM, [](int) { g_over = 1; });
   if (argc != 3) die("usage: loop_probe SOCKET SECONDS");
   const double limit = std::atof(argv[2]);
-  if (limit <= 0) die("SECONDS is a number above 0");
+  if (limit <= 0) die("SECONDS must be a number above 0");
   host::control::Client client;
   if (const std::string why = client.connect(argv[1]); !why.empty()) die(why);
   std::vector<double> values;

@@ -1,4 +1,4 @@
-// The object database's client: what a write, a notification, a scan cost, and what an object holds.
+// Measures the object database's client: the cost of a write, a notification and a scan, and the memory that an object holds.
 #include <benchmark/benchmark.h>
 #include <hiredis/hiredis.h>
 #include <malloc.h>
@@ -139,7 +139,7 @@ struct FlowRecord {
   }
 };
 
-// What protobuf-c alone needs, to hold the others against.
+// The cost of protobuf-c alone, as a baseline for the others.
 void BM_PackOnly(benchmark::State &state) {
   FlowRecord flow;
   std::uint8_t buffer[4096];
@@ -149,14 +149,14 @@ void BM_PackOnly(benchmark::State &state) {
 }
 BENCHMARK(BM_PackOnly);
 
-// Skips, with the reason, what says nothing of a Redis server: accepting a write is not carrying it out.
+// Skips, with the reason, measurements without meaning for a Redis server, where accepting a write is not executing it.
 bool of_embedded_store(benchmark::State &state) {
   if (!std::getenv("KELIM_MOM_URL")) return true;
   state.SkipWithError("measures the embedded store");
   return false;
 }
 
-// Writing `n` new objects, ascending as the daemon's indexes are; nobody listens.
+// Writing `n` new objects, ascending like the daemon's indexes, without subscribers.
 void BM_SetNew(benchmark::State &state) {
   if (!of_embedded_store(state)) return;
   FlowRecord flow;
@@ -180,7 +180,7 @@ void BM_SetNew(benchmark::State &state) {
 }
 BENCHMARK(BM_SetNew)->Arg(100'000)->Arg(1'000'000)->Unit(benchmark::kMillisecond);
 
-// Rewriting objects among 100,000 in no order.
+// Rewriting objects among 100,000 in scattered order.
 void BM_Rewrite(benchmark::State &state) {
   if (!of_embedded_store(state)) return;
   World world;
@@ -208,8 +208,8 @@ void BM_SetAndNotify(benchmark::State &state) {
 }
 BENCHMARK(BM_SetAndNotify)->Arg(QX_MOM_DECODED)->Arg(QX_MOM_PACKED)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-// What the server itself can do, to hold BM_SetAndNotify against: the same SET and PUBLISH from a bare pipelining client, 256
-// outstanding, with one subscriber that takes the bytes. Only with KELIM_MOM_URL=redis+unix:...
+// The server's own limit, as a baseline for BM_SetAndNotify: the same SET and PUBLISH from a bare pipelining client, 256
+// outstanding, with one subscriber that reads the bytes. Only with KELIM_MOM_URL=redis+unix:...
 void BM_BareSetAndPublish(benchmark::State &state) {
   const char *url = std::getenv("KELIM_MOM_URL");
   if (!url || std::string_view(url).substr(0, 11) != "redis+unix:") {
@@ -247,7 +247,7 @@ void BM_BareSetAndPublish(benchmark::State &state) {
 }
 BENCHMARK(BM_BareSetAndPublish)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-// ---- 100,000 objects of a type, and what else goes on meanwhile
+// ---- 100,000 objects of a type, and their effect on others
 
 using Clock = std::chrono::steady_clock;
 
@@ -255,7 +255,7 @@ double ms_since(Clock::time_point begin) {
   return std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
 }
 
-// Beats every millisecond on the loop and notes the longest time between two beats, without what the beat's own work took.
+// Beats every millisecond on the loop and notes the longest time between two beats, less the beat's own work.
 class Heart {
  public:
   explicit Heart(std::function<void()> work) : work_(std::move(work)) { timer_.arm(1ms); }
@@ -274,8 +274,8 @@ class Heart {
   host::Timer timer_{[this] { beat(); }};
 };
 
-// Another client of the same Redis server, which asks it for nothing over and over: the longest answer is how long the server was
-// busy with one thing.
+// Another client of the same Redis server, which pings it continuously: the longest answer shows how long the server was busy
+// with one request.
 class Bystander {
  public:
   Bystander() {
@@ -302,7 +302,7 @@ class Bystander {
   std::thread thread_;
 };
 
-// A number of what INFO says of the Redis server; 0 without one.
+// A number from the Redis server's INFO; 0 without a server.
 double server_says(const char *name) {
   const char *url = std::getenv("KELIM_MOM_URL");
   if (!url) return 0;
@@ -321,7 +321,7 @@ double server_cpu_s() {
   return server_says("used_cpu_user") + server_says("used_cpu_sys");
 }
 
-// The flows that one pass over them finds.
+// The number of flows found by one scan.
 std::uint64_t scanned(World &world) {
   FlowRecord flow;
   std::uint64_t seen = 0;
@@ -333,8 +333,8 @@ std::uint64_t scanned(World &world) {
   return seen;
 }
 
-// Written and announced, scanned in one pass, put under expiry, taken out, expired: of each the time,
-// the longest pause of the loop outside the call, and the longest wait of another client of the server.
+// Writes and notifies, scans in one pass, sets the expiry, cancels it and lets all expire; for each step the time, the longest
+// pause of the loop outside the call, and the longest wait of another client of the server.
 void BM_HundredThousand(benchmark::State &state) {
   World world;
   world.subscribe(QX_MOM_DECODED);
@@ -362,7 +362,7 @@ void BM_HundredThousand(benchmark::State &state) {
   const auto write_some = [&] {
     for (int i = 0; i < 500 && written < kCount; ++i) qx_mom_setow(world.global, QX_MOM_UDP_DB, flow.message(++written), 0, 0, 1);
   };
-  // Behind a pipelined request: confirmed when the requests before have been carried out.
+  // A pipelined request, confirmed when the requests before it have been executed.
   const auto flush = [&] { qx_mom_pexpire(world.global, QX_MOM_UDP_DB, flow.message(kCount + 1), 0, 1, 0, confirm, nullptr); };
   for (auto _ : state) {
     phase("write", write_some, [] { return notified == kCount; });
@@ -387,8 +387,8 @@ void BM_HundredThousand(benchmark::State &state) {
 }
 BENCHMARK(BM_HundredThousand)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-// Adds and deletions in turn over a table of 600 objects, 200 of each in a turn of the loop, until a subscriber has seen all.
-// With a second type, each deletion is one of a flow's answer and of its counters, as the programming service does it.
+// Adds and deletions in turn over a table of 600 objects, 200 of each per turn of the loop, until a subscriber has seen all. With
+// a second type, each deletion removes a flow's answer and its counters, as the programming service does.
 void BM_Churn(benchmark::State &state) {
   World world;
   world.subscribe(QX_MOM_PACKED);
@@ -431,7 +431,7 @@ void BM_Churn(benchmark::State &state) {
 }
 BENCHMARK(BM_Churn)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-// 100,000 objects deleted one by one in one call of the loop, as delete-all does it.
+// 100,000 objects deleted one by one in one call of the loop, as delete-all does.
 void BM_DeleteEach(benchmark::State &state) {
   World world;
   world.subscribe(QX_MOM_PACKED);
@@ -450,7 +450,7 @@ void BM_DeleteEach(benchmark::State &state) {
 }
 BENCHMARK(BM_DeleteEach)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-// Of this thread: others on the same machine do not count.
+// Processor time of this thread, so that other load on the machine does not count.
 double cpu_ms() {
   timespec time{};
   ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
@@ -516,7 +516,7 @@ void BM_Scan(benchmark::State &state) {
 }
 BENCHMARK(BM_Scan)->Arg(100'000)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-// A whole type put under expiry and taken out again.
+// Setting and cancelling the expiry of a whole type.
 void BM_ExpireType(benchmark::State &state) {
   if (!of_embedded_store(state)) return;
   World world;

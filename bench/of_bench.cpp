@@ -1,6 +1,6 @@
-// Cost of a flow-mod in the OpenFlow agent: reading it from the wire, desired state, southbound message and hand-over, and the
-// same over a TCP connection. The daemon's part is played by callbacks that do what its intakes do: two allocations, a copy and a
-// list append.
+// Measures the cost of a flow-mod in the OpenFlow agent (reading it from the wire, desired state, southbound message and
+// hand-over), also over a TCP connection. Callbacks stand in for the daemon and do the work of its intakes: two allocations, a
+// copy and a list append.
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
 #include <netinet/in.h>
@@ -62,7 +62,7 @@ WireFlow strict_delete(std::uint32_t n) {
 
 constexpr std::uint32_t kPorts[] = {1, 2, 3};
 
-// What the daemon's intake does with a message.
+// The work of the daemon's intake for a message.
 std::mutex g_list_mutex;
 std::vector<void *> g_list;
 int take(void *message) {
@@ -117,7 +117,7 @@ void decode(benchmark::State &state) {
 }
 BENCHMARK(decode);
 
-// Reading, table, in-flight log, hand-over; the table grows to range(0) flows and begins again.
+// Reading, table, in-flight log, hand-over; the table grows to range(0) flows and starts over.
 void decode_and_add(benchmark::State &state) {
   const Callbacks callbacks = player();
   Quiet quiet;
@@ -140,14 +140,14 @@ void decode_and_add(benchmark::State &state) {
 }
 BENCHMARK(decode_and_add)->Arg(600)->Arg(10'000)->Arg(100'000);
 
-// Of this thread on a processor, so that a busy machine is not measured.
+// Processor time of this thread, so that other load on the machine does not count.
 double cpu_now_s() {
   timespec now;
   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
   return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
-// The daemon has decided everything.
+// Answers the agent's own barrier as the daemon would, so that every flow counts as decided.
 void settle(Flows &flows) {
   std::byte reply[southbound::kBarrierLen] = {};
   southbound::put_header(reply, southbound::kBarrierReply, 4, sizeof reply, 0);
@@ -180,8 +180,8 @@ void longest_add(benchmark::State &state) {
 }
 BENCHMARK(longest_add)->Arg(1'000'000)->Iterations(1)->Unit(benchmark::kMillisecond);
 
-// A table of range(0) flows with cookies of their own, of which the first thousand have outputs and meters of their own; a
-// thousand requests, each about one of these. "us" is the time of one request.
+// A table of range(0) flows with distinct cookies, of which the first thousand have distinct outputs and meters; a thousand
+// requests, each about one of these. "us" is the time of one request.
 enum About : int { kByMatch, kByWiderMatch, kByCookie, kByPort, kByMeter, kOverlap };
 struct Scene {
   static constexpr std::uint32_t kSpecial = 1000, kFirstPort = 10;
@@ -237,7 +237,7 @@ void one_of_many(benchmark::State &state) {
     spent += cpu_now_s() - start;
     drain();
     if (scene.flows.table().flows() != static_cast<std::size_t>(state.range(1)) - (about == kOverlap ? 0 : Scene::kSpecial))
-      state.SkipWithError("not one flow for each request");
+      state.SkipWithError("a request did not match exactly one flow");
     if (about != kOverlap)
       for (std::uint32_t n = 0; n < Scene::kSpecial; ++n) scene.add(n);
   }
@@ -289,7 +289,7 @@ double thread_cpu_s(const char *name) {
   return 0;
 }
 
-// A burst of range(0) adds and a barrier over TCP, then a delete of everything. "cpu_us" is the openflow thread's time a
+// A burst of range(0) adds and a barrier over TCP, then a delete of everything. "cpu_us" is the openflow thread's time per
 // flow-mod.
 void socket_burst(benchmark::State &state) {
   char dir[] = "/tmp/kelim-bench-XXXXXX";

@@ -44,10 +44,10 @@ constexpr std::uint8_t kVersion = 4;
 constexpr std::size_t kHeader = 8, kPartHeader = 16;
 constexpr std::size_t kAddressAt = 75;        // of ipv4_dst in a flow-mod
 constexpr std::uint32_t kNet = 0x0a000000;    // its value for flow 0
-constexpr auto kLimit = 60s;                  // without anything going on
-constexpr auto kLimitRefused = 2s;            // the same once an error has come in
-constexpr std::size_t kSentBehind = 1 << 20;  // bytes already sent that a buffer keeps
-constexpr int kSends = 64;                    // system calls a turn
+constexpr auto kLimit = 60s;                  // without any progress
+constexpr auto kLimitRefused = 2s;            // the same once an error has arrived
+constexpr std::size_t kSentBehind = 1 << 20;  // sent bytes that a buffer may keep
+constexpr int kSends = 64;                    // system calls per turn
 
 void put8(Bytes &b, unsigned v) {
   b.push_back(static_cast<std::uint8_t>(v));
@@ -123,7 +123,7 @@ int connected_to(std::uint16_t port) {
   return fd;
 }
 
-// What a flow-mod is refused for is told by name (OpenFlow 1.3.5, 7.4.4.6).
+// Names the common errors of flow-mods (OpenFlow 1.3.5, 7.4.4.6).
 std::string name_of_error(std::uint16_t type, std::uint16_t code) {
   static constexpr const char *kFlowModFailed[] = {"UNKNOWN", "TABLE_FULL",  "BAD_TABLE_ID", "OVERLAP",
                                                    "EPERM",   "BAD_TIMEOUT", "BAD_COMMAND",  "BAD_FLAGS"};
@@ -141,7 +141,7 @@ void die(const char *format, ...) {
   std::vsnprintf(text, sizeof text, format, args);
   va_end(args);
   std::fprintf(stderr, "of_load: %s%s%s\n", g_mode, *g_mode ? ": " : "", text);
-  std::_Exit(1);  // whatever the other threads are at
+  std::_Exit(1);  // without waiting for other threads
 }
 
 Client::Client(std::uint16_t port) : fd_(connected_to(port)), add_(flow_0(kAdd)), remove_(flow_0(kDeleteStrict)) {
@@ -243,7 +243,7 @@ void Client::wait() {
 void Client::send_all() {
   progress_ = Clock::now();
   send_some();
-  if (!out_.empty()) die("the switch does not take a few messages at once");
+  if (!out_.empty()) die("the switch does not accept a few messages at once");
 }
 
 void Client::send_some() {
@@ -271,7 +271,7 @@ void Client::receive() {
   std::size_t at = 0;
   while (in_.size() - at >= kHeader) {
     const std::size_t len = be16(in_, at + 2);
-    if (len < kHeader) die("a message of %zu bytes came in", len);
+    if (len < kHeader) die("received a message of %zu bytes", len);
     if (in_.size() - at < len) break;
     handle(std::span(in_).subspan(at, len));
     at += len;
@@ -289,10 +289,10 @@ void Client::handle(std::span<std::uint8_t> message) {
       out_.insert(out_.end(), message.begin(), message.end());
       return;
     case kFlowRemoved:
-      die("a flow was removed that nobody deleted");
+      die("a flow was removed without having been deleted");
     case kMultipartReply:
       take_part(message);
-      if ((be16(message, 10) & 1) != 0) return;  // more parts come
+      if ((be16(message, 10) & 1) != 0) return;  // more parts follow
       return answered(kMultipartReply, xid);
     case kFeaturesReply:
     case kBarrierReply:
@@ -304,13 +304,13 @@ void Client::handle(std::span<std::uint8_t> message) {
 }
 
 void Client::refused(std::span<const std::uint8_t> error) {
-  if (error.size() < kHeader + 4) die("an error of %zu bytes came in", error.size());
+  if (error.size() < kHeader + 4) die("received an error of %zu bytes", error.size());
   if (refusals_.count++ == 0) refusals_ = {1, be16(error, 8), be16(error, 10), be32(error, 4)};
 }
 
 void Client::take_part(std::span<const std::uint8_t> reply) {
   progress_ = Clock::now();
-  if (reply.size() < kPartHeader) die("a multipart reply of %zu bytes came in", reply.size());
+  if (reply.size() < kPartHeader) die("received a multipart reply of %zu bytes", reply.size());
   if (be16(reply, 8) == kAggregate && reply.size() >= kPartHeader + 20) counted_ = be32(reply, kPartHeader + 16);
   if (be16(reply, 8) != kFlow) return;
   for (std::size_t at = kPartHeader; at < reply.size(); ++counted_) {
@@ -323,7 +323,7 @@ void Client::take_part(std::span<const std::uint8_t> reply) {
 // Answers of a type come in the order of their requests.
 void Client::answered(std::uint8_t type, std::uint32_t xid) {
   const auto due = std::find_if(awaited_.begin(), awaited_.end(), [&](const Awaited &a) { return a.type == type; });
-  if (due == awaited_.end()) die("nobody asked for the answer of type %u, xid %u", type, xid);
+  if (due == awaited_.end()) die("unrequested answer of type %u, xid %u", type, xid);
   if (due->xid != xid) die("the answer of type %u has xid %u where %u was due", type, xid, due->xid);
   check_refusals();
   progress_ = Clock::now();
@@ -340,7 +340,7 @@ void Client::check_refusals() const {
 
 void Client::die_late() const {
   check_refusals();
-  if (awaited_.empty()) die("the switch takes no bytes for %lld s", static_cast<long long>(kLimit.count()));
+  if (awaited_.empty()) die("the switch accepts no bytes for %lld s", static_cast<long long>(kLimit.count()));
   const Awaited &due = awaited_.front();
   die("no answer of type %u to xid %u after %.0f s, %zu answers are missing", due.type, due.xid, seconds_since(due.since),
       awaited_.size());

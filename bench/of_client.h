@@ -1,6 +1,6 @@
-// A raw pipelining OpenFlow 1.3 client for one connection to any switch on this machine. Every request that has an answer must
-// get it, in order and in time, and no message of the switch may be an error: else the program ends with status 1 and one line
-// that says what was wrong. One thread a client.
+// A raw pipelining OpenFlow 1.3 client for one connection to any switch on this machine. Every request with an answer must get
+// it, in order and in time, and the switch must send no error: otherwise the program ends with status 1 and one line that says
+// what was wrong. One thread per client.
 #pragma once
 
 #include <chrono>
@@ -15,7 +15,7 @@ namespace of_load {
 using Clock = std::chrono::steady_clock;
 using Bytes = std::vector<std::uint8_t>;
 
-// The mode that is measured, for what die() says.
+// The measured mode, for the message of die().
 extern const char *g_mode;
 [[noreturn]] void die(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
@@ -39,22 +39,22 @@ class Client {
   void barrier();
   void echo();
 
-  // Sends and receives what is possible, and waits for one of the two.
+  // Sends and receives as much as possible, and waits until either makes progress.
   void turn();
-  // Until everything is sent and answered.
+  // Runs turns until everything is sent and answered.
   void wait();
   // For a few messages: sends them and leaves the answers to a later turn.
   void send_all();
 
-  // The whole FLOW statistics of every table; how many entries they have.
+  // Reads the FLOW statistics of all tables; returns the number of entries.
   std::uint64_t dump();
   // The number of flows by the AGGREGATE statistics.
   std::uint64_t count();
 
   std::size_t unanswered() const { return awaited_.size(); }
-  // From a request to its answer, the longest so far.
+  // The longest time so far from a request to its answer, in seconds.
   double longest_wait() const { return longest_; }
-  // Every byte becomes a segment of its own from now on.
+  // Sends each byte as a separate segment from now on.
   void send_single_bytes() { most_ = 1; }
   std::uint64_t bytes_sent() const { return bytes_sent_; }
 
@@ -66,7 +66,7 @@ class Client {
   };
   struct Refusals {
     std::uint64_t count = 0;
-    std::uint16_t type = 0, code = 0;  // of the first
+    std::uint16_t type = 0, code = 0;  // of the first error
     std::uint32_t xid = 0;
   };
 
@@ -86,17 +86,17 @@ class Client {
   [[noreturn]] void die_late() const;
 
   int fd_ = -1;
-  std::size_t most_ = SIZE_MAX;  // bytes a system call
+  std::size_t most_ = SIZE_MAX;  // bytes per system call
   std::uint32_t xid_ = 0;        // of the latest message
   Bytes add_, remove_;           // the messages for flow 0
   Bytes out_, in_;
   std::size_t sent_ = 0;  // bytes of out_
   std::uint64_t bytes_sent_ = 0;
   std::deque<Awaited> awaited_;
-  Clock::time_point progress_;  // when something went on that had to
+  Clock::time_point progress_;  // time of the last progress
   Refusals refusals_;
   double longest_ = 0;
-  std::uint64_t counted_ = 0;  // flows that the statistics asked for last have told of
+  std::uint64_t counted_ = 0;  // flows in the latest statistics
 };
 
 }  // namespace of_load

@@ -3,8 +3,8 @@
 //
 //   of_load PORT MODE ARGUMENTS...         the modes are in the table below; without arguments it prints them
 //
-// Prints one JSON object. Exit status 1, with one line about the cause, when the switch answers with an error, answers late,
-// wrongly or not at all, or does not hold the flows that it should.
+// Prints one JSON object. Exit status 1, with one line about the cause, when the switch answers with an error, late, wrongly or
+// not at all, or does not hold the expected flows.
 #include <hiredis/hiredis.h>
 
 #include <algorithm>
@@ -28,15 +28,15 @@ namespace {
 
 using std::chrono::microseconds, std::chrono::milliseconds;
 
-constexpr std::uint32_t kParts = 8;  // that the open mods are sent in, each with a barrier behind
-constexpr std::uint32_t kFloodFirst = 4'000'000, kQuietFirst = 8'000'000, kSingleFirst = 12'000'000;  // flows no other load uses
+constexpr std::uint32_t kParts = 8;  // parts in which the open mods are sent, each followed by a barrier
+constexpr std::uint32_t kFloodFirst = 4'000'000, kQuietFirst = 8'000'000, kSingleFirst = 12'000'000;  // used by no other load
 constexpr int kCrowd = 254;  // connections; the quiet one is the 255th
 constexpr std::size_t kOpenBarriers = 1000;
 
 std::uint16_t g_port;
 std::mt19937 g_random{std::random_device{}()};
 
-// What stands behind the mode on the command line.
+// The arguments behind the mode on the command line.
 class Arguments {
  public:
   explicit Arguments(std::span<char *> given) : given_(given) {}
@@ -65,7 +65,7 @@ void print(const Values &values) {
   std::printf("}\n");
 }
 
-// How many there are and how they are spread, in seconds.
+// The number of values and their distribution, in seconds.
 Values spread(const std::string &what, std::vector<double> values) {
   std::sort(values.begin(), values.end());
   const auto at = [&](double q) {
@@ -77,7 +77,7 @@ Values spread(const std::string &what, std::vector<double> values) {
           {what + "_max_s", values.back()}};
 }
 
-// Waits up to `most`, so that a measurement does not keep step with a period of the switch.
+// Waits for a random time up to `most`, so that a measurement does not fall into step with a period of the switch.
 void pause(microseconds most) {
   if (most.count() > 0) std::this_thread::sleep_for(microseconds(g_random() % static_cast<std::uint64_t>(most.count())));
 }
@@ -95,7 +95,7 @@ double seconds_until_answered(Client &client) {
   return seconds_since(start);
 }
 
-// Keeps up to `open` mods open, in parts that each end with a barrier. `mod` appends one and says whether there was one more.
+// Keeps up to `open` mods open, in parts that each end with a barrier. `mod` appends one; false when none is left.
 template <typename Mod>
 void keep_open(Client &client, std::uint32_t open, Mod mod) {
   const std::uint32_t part = std::max<std::uint32_t>(1, open / kParts);
@@ -117,8 +117,8 @@ void remove(Client &client, std::uint32_t first, std::uint32_t n) {
   });
 }
 
-// Over a table of n flows: passes of `pass` adds and of as many strict deletes of the same flows take turns, and go on with the
-// next flows. With short passes most adds are deleted before the switch can have answered for them.
+// Over a table of n flows, alternates passes of `pass` adds and of as many strict deletes of the same flows, and continues with
+// the next flows. With short passes most adds are deleted before the switch can have answered for them.
 struct Churn {
   std::uint32_t first, n, pass, open;
 
@@ -126,7 +126,7 @@ struct Churn {
     return first + static_cast<std::uint32_t>((mod / pass / 2 * pass + mod % pass) % n);
   }
 
-  // Ends behind a pass when `over` says so; where the flows are to be left in place, behind one of adds. The number of mods.
+  // Ends after a pass once `over` is true; after a pass of adds if the flows are to stay. Returns the number of mods.
   template <typename Over>
   std::uint64_t run(Client &client, bool leave, Over over) const {
     std::uint64_t mods = 0;
@@ -225,7 +225,7 @@ void dump(Client &client, const Arguments &given) {
     const auto start = Clock::now();
     const std::uint64_t found = client.dump();
     values.push_back(seconds_since(start));
-    if (found != n) die("the statistics tell of %llu flows instead of %u", static_cast<unsigned long long>(found), n);
+    if (found != n) die("the statistics show %llu flows instead of %u", static_cast<unsigned long long>(found), n);
   }
   print(spread("dump", values));
 }
@@ -239,8 +239,8 @@ void delete_all(Client &client, const Arguments &given) {
   print({{"n", n}, {"seconds", seconds}});
 }
 
-// What the loud side does until `over`, on connections of its own; the number of mods, barriers, bytes or requests that it got
-// through.
+// Work of the flooding side until `over`, on its own connections; returns the number of mods, barriers, bytes or requests that
+// were processed.
 using Over = std::function<bool()>;
 
 std::uint64_t flood_nothing(const Over &over) {
@@ -294,7 +294,7 @@ constexpr std::array kFloods = {Flood{"nothing", flood_nothing}, Flood{"churn", 
 
 void quiet(Client &client, const Arguments &given) {
   const auto flood = std::find_if(kFloods.begin(), kFloods.end(), [&](const Flood &f) { return f.name == given.text(0); });
-  if (flood == kFloods.end()) die("there is no flood of \"%s\"", given.text(0));
+  if (flood == kFloods.end()) die("unknown flood \"%s\"", given.text(0));
   const std::uint32_t seconds = given.above_zero(1);
   const std::uint64_t before = client.count();
   std::atomic<bool> over = false;
@@ -314,7 +314,7 @@ void quiet(Client &client, const Arguments &given) {
   expect(client, before + adds.size());
   remove(client, kQuietFirst, static_cast<std::uint32_t>(adds.size()));
   expect(client, before);
-  if (done == 0) die("the flood of %s got nothing through", given.text(0));
+  if (done == 0) die("nothing of the flood of %s was processed", given.text(0));
   Values values = spread("add", adds), echo = spread("echo", echos);
   values.insert(values.end(), echo.begin(), echo.end());
   values.push_back({"flood", static_cast<double>(done)});
@@ -323,19 +323,19 @@ void quiet(Client &client, const Arguments &given) {
 
 struct Mode {
   const char *name, *arguments;
-  std::size_t least;  // arguments
+  std::size_t least;  // least number of arguments
   void (*run)(Client &, const Arguments &);
   const char *does;
 };
 constexpr Mode kModes[] = {
-    {"burst", "N", 1, burst, "N adds and a barrier, sent as fast as the switch takes them; the flows stay"},
+    {"burst", "N", 1, burst, "N adds and a barrier, sent as fast as the switch accepts them; the flows stay"},
     {"fill", "N OPEN", 2, fill, "N adds, at most OPEN of them open; the flows stay"},
     {"churn", "N OPEN SECONDS [PASS]", 3, churn,
      "passes of PASS adds and of as many strict deletes in turn, over a table of N flows, at most OPEN mods open"},
     {"latency", "SAMPLES GAP [SOCKET CHANNEL]", 2, latency,
      "one add and a barrier, with random gaps of up to GAP ms; with a channel of a Redis server, the time since the first "
      "message\n"
-     "          there: since the switch began to work on the flow, however long it waited before"},
+     "          there: since the switch began to work on the flow, without the wait before"},
     {"dump", "N SAMPLES", 2, dump, "the statistics of all flows, N of them, until the last part"},
     {"delete-all", "N", 1, delete_all, "one delete of all flows, N of them, and a barrier"},
     {"quiet", "FLOOD SECONDS", 2, quiet,

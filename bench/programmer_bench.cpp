@@ -1,4 +1,5 @@
-// The programming service: its own work for one flow and the bytes that a flow takes, and the same with the answer's write.
+// Measures the programming service: its own work for one flow and the bytes that a flow takes, and the same with the answer's
+// write.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
@@ -115,7 +116,7 @@ void requests(benchmark::State &state, const char *script) {
 void OwnWork(benchmark::State &state) {
   requests(state, "silent=*");
 }
-// With it; the bytes include the stored answer and its notification.
+// With the answer's write; the bytes include the stored answer and its notification.
 void WithAnswer(benchmark::State &state) {
   requests(state, "");
 }

@@ -1,4 +1,4 @@
-// What a request costs on its way through the daemon, apart from the flow itself: intake, handler list, queue of outstanding
+// Measures the cost of a request within the daemon, apart from the flow itself: intake, handler list, queue of outstanding
 // requests.
 #include <benchmark/benchmark.h>
 
@@ -47,7 +47,7 @@ double seconds(Work work) {
   return std::chrono::duration<double>(Clock::now() - begin).count();
 }
 
-// One result: mark its node, let finished ones leave.
+// One result: marking its node and popping finished ones.
 void BM_Result(benchmark::State &state) {
   const auto n = static_cast<std::size_t>(state.range(0));
   const auto ids = ids_in(n, static_cast<Order>(state.range(1)));
@@ -79,7 +79,7 @@ void BM_Push(benchmark::State &state) {
 }
 BENCHMARK(BM_Push)->Arg(600)->Arg(10'000)->Arg(100'000)->UseManualTime();
 
-// A removal that finds nothing, as every delete of an installed flow makes it.
+// A removal that finds nothing, as for every delete of an installed flow.
 void BM_RemovalOfNothing(benchmark::State &state) {
   ssc_sdn_msg_queue_reset_for_tests();
   queue_flows(static_cast<std::size_t>(state.range(0)));
@@ -129,7 +129,7 @@ void BM_AppendAndDrain(benchmark::State &state) {
 }
 BENCHMARK(BM_AppendAndDrain)->Arg(600)->Arg(100'000);
 
-// The same with a thread that appends while this one drains, over and over.
+// The same with a thread that appends while this one drains continuously.
 void BM_AppendAndDrainTwoThreads(benchmark::State &state) {
   ssc_sdn_main_pthread_init();
   const auto n = static_cast<std::size_t>(state.range(0));
@@ -155,7 +155,7 @@ BENCHMARK(BM_AppendAndDrainTwoThreads)->Arg(100'000)->UseRealTime();
 
 // ---- intake
 
-// What the library's thread pays for a flow-mod: check, copy, count, time, append.
+// The library thread's cost of a flow-mod: check, copy, count, time, append.
 void BM_Intake(benchmark::State &state) {
   ssc_sdn_main_pthread_init();
   std::byte flow[120] = {};

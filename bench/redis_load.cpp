@@ -1,6 +1,6 @@
-// What a Redis server can do for a request and its answer: a writer and an answerer with bare hiredis, each a process of its own,
-// do what the daemon and the programming service do for every flow: SET and PUBLISH of a record, and the same back. It knows
-// nothing of this project, so that the whole road can be held against it.
+// Measures a Redis server's limit for a request and its answer: a writer and an answerer on bare hiredis, in separate processes,
+// do what the daemon and the programming service do for every flow: SET and PUBLISH of a record, and the same back. It uses
+// nothing of this project, so that the whole path can be compared with it.
 //
 //   redis_load SOCKET burst N [ROUNDS]     N round trips, 256 of them outstanding
 //   redis_load SOCKET latency SAMPLES      one round trip at a time
@@ -48,19 +48,19 @@ class Client {
     for (const Context *context : {&writes_, &notices_}) (*context)->flags &= ~REDIS_BLOCK;
   }
 
-  // Stores the value under the key and tells the channel; leaves with the next wait().
+  // Stores the value under the key and publishes it on the channel; sent with the next wait().
   void put(const char *channel, const char *key, std::size_t key_size, const char *value, std::size_t size) {
     redisAppendCommand(writes_.get(), "SET %b %b", key, key_size, value, size);
     redisAppendCommand(writes_.get(), "PUBLISH %s %b", channel, value, size);
   }
 
-  // Sends what is there, waits for something to come in and calls `notified` with every notification's value.
+  // Sends pending requests, waits for input and calls `notified` with every notification's value.
   template <typename Notified>
   void wait(Notified notified) {
     int sent = 1;
     if (redisBufferWrite(writes_.get(), &sent) != REDIS_OK) die("writing", writes_->errstr);
     pollfd fds[2] = {{writes_->fd, static_cast<short>(POLLIN | (sent ? 0 : POLLOUT)), 0}, {notices_->fd, POLLIN, 0}};
-    if (::poll(fds, 2, 30'000) <= 0) die("nothing came in for 30 s");
+    if (::poll(fds, 2, 30'000) <= 0) die("no input for 30 s");
     if ((fds[0].revents & POLLIN) != 0) take(writes_.get(), [](const redisReply &) {});
     if ((fds[1].revents & POLLIN) != 0) {
       take(notices_.get(), [&](const redisReply &reply) {
@@ -92,7 +92,7 @@ std::size_t name(char (&key)[40], const char *kind, std::uint32_t number) {
   return static_cast<std::size_t>(std::snprintf(key, sizeof key, "%s:%u:0", kind, number));
 }
 
-// The number stands in the first bytes of every value.
+// The first bytes of every value hold its number.
 std::uint32_t number_of(std::string_view value) {
   std::uint32_t number = 0;
   std::memcpy(&number, value.data(), sizeof number);
@@ -138,14 +138,14 @@ int main(int argc, char **argv) {
   const bool burst = std::string_view(argv[2]) == "burst";
   const auto n = static_cast<std::uint32_t>(std::atoi(argv[3]));
   const int rounds = !burst ? static_cast<int>(n) : argc > 4 ? std::atoi(argv[4]) : 5;
-  if (n == 0 || rounds <= 0) die("N and ROUNDS are numbers above 0");
+  if (n == 0 || rounds <= 0) die("N and ROUNDS must be numbers above 0");
   const pid_t answerer = ::fork();
   if (answerer == 0) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     answer_for_ever(argv[1]);
   }
   Client client(argv[1], "bare_answer");
-  // The answerer is there once it answers; until then requests are lost.
+  // Requests are lost until the answerer is ready, so ask until it answers.
   bool there = false;
   while (!there) {
     client.put("bare_request", "bare_request", 12, "\xff\xff\xff\xff", 4);

@@ -12,7 +12,7 @@ from pathlib import Path
 sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "tests" / "support"))
 import daemon  # noqa: E402
 
-ROOM = 4_000_000  # flows that every part of ours takes
+ROOM = 4_000_000  # flows that every part of this system accepts
 OURS, REDIS, OVS = "embedded", "with Redis", "Open vSwitch"
 OFCTL = ["ovs-ofctl", "-O", "OpenFlow13"]
 
@@ -29,11 +29,11 @@ class Switch:
 
     @property
     def control(self):
-        """The daemon's control socket; Open vSwitch has none that can be asked often."""
+        """The daemon's control socket; Open vSwitch has none that can be queried often."""
         return self.running and self.running.run_dir / "ssc_kelim.ctl"
 
     def memory(self):
-        """Resident bytes."""
+        """Resident memory in bytes."""
         statuses = [Path(f"/proc/{pid}/status").read_text() for pid in self.pids()]
         return sum(int(line.split()[1]) * 1024 for text in statuses for line in text.splitlines() if line.startswith("VmRSS:"))
 
@@ -41,7 +41,7 @@ class Switch:
         return [thread for pid in self.pids() for thread in Path(f"/proc/{pid}/task").iterdir()]
 
     def cpu(self):
-        """Seconds on a processor, by thread; in nanoseconds' steps, because the 10 ms of /proc/PID/stat are a whole percent of a second."""
+        """Processor time in seconds by thread, from a source in nanoseconds: the 10 ms of /proc/PID/stat are too coarse."""
         return {thread: int((thread / "schedstat").read_text().split()[0]) / 1e9 for thread in self.threads()}
 
     def cpu_since(self, before):
@@ -55,7 +55,7 @@ class Switch:
         return int(Path(f"/proc/{self.pids()[-1]}/schedstat").read_text().split()[1]) / 1e9
 
     def flows(self):
-        """How many it holds, by the words of a client that has nothing in common with the one that measures."""
+        """The number of its flows, according to a client that shares no code with the one that measures."""
         told = subprocess.run([*OFCTL, "dump-aggregate", self.address], capture_output=True, text=True, timeout=60)
         found = re.search(r"flow_count=(\d+)", told.stdout)
         return int(found[1]) if found else None
@@ -70,7 +70,7 @@ class Switch:
 
 
 def check_alike(switches):
-    """All processes have the same scheduling policy, priority and processors."""
+    """Checks that all processes have the same scheduling policy, priority and processors."""
 
     def rules(thread):
         tid = int(thread.name)
@@ -140,7 +140,7 @@ def start_ovs(_):
 
 
 class Switches:
-    """All of them, started together and stopped at the end of a with block."""
+    """All switches, started together and stopped at the end of a with block."""
 
     def __init__(self, bin_dir):
         self.bin_dir, self.all = bin_dir, []

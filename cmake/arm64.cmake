@@ -6,7 +6,7 @@ set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc)
 set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
 get_filename_component(CMAKE_SYSROOT ${CMAKE_CURRENT_LIST_DIR}/../build/arm64-sysroot ABSOLUTE)
 if(NOT EXISTS ${CMAKE_SYSROOT})
-  message(FATAL_ERROR "There is no ${CMAKE_SYSROOT}: `make arm64` or tools/make/arm64-sysroot makes it")
+  message(FATAL_ERROR "${CMAKE_SYSROOT} does not exist: `make arm64` or tools/make/arm64-sysroot creates it")
 endif()
 
 # Libraries come from the sysroot, programs (the record compiler, Python) from this machine.

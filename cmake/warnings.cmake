@@ -3,7 +3,7 @@
 file(RELATIVE_PATH kelim_source_from_build ${CMAKE_BINARY_DIR} ${CMAKE_SOURCE_DIR})
 add_compile_options(-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/= -fmacro-prefix-map=${kelim_source_from_build}=)
 
-# Warnings of every C++ target of ours, as errors.
+# Warnings of the project's own C++ targets, as errors.
 add_library(kelim_warnings INTERFACE)
 target_compile_options(kelim_warnings INTERFACE
   $<$<COMPILE_LANGUAGE:CXX>:-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wno-sign-conversion -Wformat=2 -Werror>

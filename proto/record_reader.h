@@ -20,7 +20,7 @@ class Reader {
  public:
   explicit Reader(Bytes record) : rest_(record) {}
 
-  // The next field, or false at the end or where the bytes stop being a record; broken() tells which.
+  // Reads the next field. False at the end, or where the bytes are not a valid record; broken() tells which.
   bool next(Field &field);
   bool broken() const { return broken_; }
 

@@ -17,17 +17,17 @@ struct ssat_command {
   ssat_handler handler;
 };
 
-// The decimal number at the start of a switch file; nothing if the file is missing or empty.
+// The decimal number at the start of a switch file; std::nullopt if the file is missing or empty.
 std::optional<std::uint32_t> ssc_sdn_read_switch_file(const char *path);
 
-// Opens a module of the command service and registers its commands in order. When the service refuses the module nothing is
+// Opens a module of the command service and registers its commands in order. If the service refuses the module, nothing is
 // registered. 0, or the service's code for the module.
 std::int32_t ssc_sdn_register_commands(qx_global *global, const char *module, std::span<const ssat_command> commands);
 
 // Reads the daemon's switch file and registers the commands below.
 void ut_ssc_sdn_dbg_init(qx_global *global);
 
-// Set ssc_sdn_debug_sw and g_sdn_count_dbg_sw, and print what is on.
+// Set ssc_sdn_debug_sw and g_sdn_count_dbg_sw, and print the active classes.
 std::int32_t kelim_set_dbg(std::uint32_t value);
 std::int32_t kelim_set_count_dbg_sw(std::uint32_t value);
 

@@ -17,7 +17,7 @@ void log_line_begin(const LogClass &log_class, const LogSite &site) {
   std::printf("[%s][SDN][%s]%s[%d]:", time, log_class.tag, site.func, site.line);
 }
 
-// Flushes at once, even into a pipe or a file: it may be the last line that anybody sees.
+// Flushes at once, even into a pipe or a file: it may be the last line before a crash.
 void log_line_end() {
   std::fflush(stdout);
   funlockfile(stdout);

@@ -182,7 +182,7 @@ int ssc_kelim_udp_topic_reg(void *conn) {
 
 // ---- reconnection
 
-// Logs a change of the connection and ends the process if another server is behind it. True if the connect callback is to run
+// Logs a change of the connection and ends the process if it now leads to another server. True if the connect callback must run
 // again.
 bool is_back(const char *callback, std::int32_t db, std::int32_t type) {
   enum { kOtherServer = 1, kSameServer = 2 };
@@ -193,7 +193,7 @@ bool is_back(const char *callback, std::int32_t db, std::int32_t type) {
 
 // ---- results
 
-// What a flow's status means to the controller side.
+// Meaning of a flow's status to the controller side.
 enum FlowResult : std::uint32_t { kInstalled = 0, kOutOfResources = 1, kFailed = 2 };
 
 void report_flow(const char *callback, const SPolicyKelim__FlowSta &sta) {
@@ -226,7 +226,7 @@ void report_meter(const char *callback, const SPolicyKelim__Meter &meter) {
   }
 }
 
-// The record of a notification; null if there is none or it has no key.
+// The record of a notification; null if it is missing or has no key.
 template <typename Record>
 const Record *record_of(const void *value) {
   const auto *record = static_cast<const Record *>(value);
@@ -346,7 +346,7 @@ int ssc_kelim_event_pthrd(qx_thread *) {
 }
 
 int main() {
-  // The databases that the redundancy manager is told about; it keeps the pointer.
+  // The databases to register with the redundancy manager, which keeps the pointer.
   static constexpr std::int32_t kDatabases[] = {QX_MOM_UDP_DB, QX_MOM_APP_DB};
 
   g_ssc_kelim_global = nullptr;

@@ -2,7 +2,7 @@
 // drains the main SDN list.
 //
 // Everything here runs on the event loop's thread, which is the main SDN thread. Nothing is retried: a failing step is logged,
-// its code is returned to the caller, and the daemon stays up with what it has.
+// its code is returned to the caller, and the daemon keeps running without it.
 #pragma once
 
 #include <cstdint>
@@ -10,8 +10,8 @@
 #include "qx_mom.h"
 #include "qx_runtime.h"
 
-// The redundancy manager's callback, for both of its slots: the daemon does the same in every role. Connects the databases and
-// starts the event timer. 0, or the first failing step's code.
+// The redundancy manager's callback, for both of its slots: every role is handled alike. Connects the databases and starts the
+// event timer. 0, or the first failing step's code.
 int ssc_kelim_rdnd_unware_cb(void *role, void *state);
 
 // Asynchronous connections of databases 4 and 8 have come up; the label (may be null) is the one given when connecting.
@@ -23,7 +23,7 @@ int ssc_udp_async_connect_cb(void *conn, const char *label);  // 0, QX_FAILED, o
 int ssc_kelim_app_reconnect_cb(void *conn, std::int32_t db, std::int32_t type);
 int ssc_kelim_udp_reconnect_cb(void *conn, std::int32_t db, std::int32_t type);
 
-// Watchers of what the programming services write back.
+// Watchers of the records that the programming services write back.
 int flow_install_call_back(void *conn, const qx_obj *msg);   // flow_sta, database 8; 0 always
 int meter_install_call_back(void *conn, const qx_obj *msg);  // meter, database 8; QX_FAILED for a malformed notification
 int flow_to_ace_install_call_back(void *conn,

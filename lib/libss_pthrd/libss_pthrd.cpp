@@ -55,7 +55,7 @@ void free_locked(libss_pthrd_mst *mst) {
   delete mst;
 }
 
-// Runs one node and frees it. True when it was a final one, unless its handler has taken the mark away.
+// Runs one node and frees it. True for a final node, unless its handler has cleared the mark.
 bool run(libss_pthrd_hdl *node, std::uint64_t arg) {
   const bool final_node = node->flag == LIBSS_PTHRD_FINAL;
   if (final_node) node->arg = arg;
@@ -65,8 +65,8 @@ bool run(libss_pthrd_hdl *node, std::uint64_t arg) {
   return ends;
 }
 
-// Runs nodes until the list is empty; then, or after a final node, says why it stopped. The caller holds the mutex; unless the
-// master is gone or a final node ran, it still does afterwards.
+// Runs nodes until the list is empty or a final node has run, and returns why it stopped. The caller holds the mutex and still
+// holds it afterwards, unless the master is gone or a final node ran.
 libss_pthrd_drain_result drain_locked(libss_pthrd_mst *mst, std::uint64_t arg) {
   while (!is_empty(*mst)) {
     libss_pthrd_hdl *node = take_head(*mst);
@@ -91,7 +91,7 @@ timespec deadline_after(std::uint32_t timeout_ms) {
   return deadline;
 }
 
-// Waits, holding the mutex, until a node is there; with a time-out at most until the deadline.
+// Waits for a node, with the mutex held at entry and return; with a time-out, at most until the deadline.
 void wait_for_node(libss_pthrd_mst &mst, std::uint32_t timeout_ms) {
   if (timeout_ms == 0) {
     while (is_empty(mst) && is_alive(mst)) pthread_cond_wait(&mst.cond, &mst.mutex);

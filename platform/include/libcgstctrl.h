@@ -15,8 +15,8 @@ extern "C" {
 // Prepares congestion control of `db` for the process `name`. Repeating it is harmless. 0, or QX_INVALID.
 int libcgstctrl_gen_init(void *conn, int32_t db, const char *name);
 
-// Registers a record type. `topic` is looked at during the call only. Repeating it is harmless. 0, QX_INVALID for a null or
-// malformed topic, QX_FAILED before libcgstctrl_gen_init.
+// Registers a record type. `topic` is read during the call only. Repeating it is harmless. 0, QX_INVALID for a null or malformed
+// topic, QX_FAILED before libcgstctrl_gen_init.
 int libcgstctrl_gen_topic_reg(void *conn, int32_t db, const char *name, const qx_mom_type *topic);
 
 #ifdef __cplusplus

@@ -1,12 +1,13 @@
-// The packet path: packets of the data plane to the controllers (OFPT_PACKET_IN) and of the controllers into it (OFPT_PACKET_OUT;
-// OpenFlow 1.3.5, 7.4.1 and 7.3.7).
+// The packet path: carries packets from the data plane to the controllers (OFPT_PACKET_IN) and from the controllers to the data
+// plane (OFPT_PACKET_OUT; OpenFlow 1.3.5, 7.4.1 and 7.3.7).
 //
 // A programming service whose target forwards real packets opens one; the OpenFlow service library is at its other end, in the
-// same process or another one. Either end may come, go and come back: the path looks for the other end about once a second. What
-// cannot be handed on at once is dropped, and the caller is told, so that he can count it: nobody ever waits for the other end.
+// same process or another one. Either end may disappear and return: the path looks for the other end about once a second. A
+// packet that cannot be handed on at once is dropped, and the caller is told so that it can count the loss: neither end ever
+// waits for the other.
 //
-// Threads: a path belongs to one thread at a time, which need not be the loop's: it waits for the descriptor together with its
-// own and calls ss_pkt_path_work, which calls back.
+// Threads: a path belongs to one thread at a time, which need not be the loop's: that thread polls the path's descriptor with its
+// own and calls ss_pkt_path_work, which runs the callbacks.
 //
 // The Linux host's path is a socket in the run directory (SOCK_SEQPACKET).
 #pragma once
@@ -22,70 +23,71 @@ extern "C" {
 // Why a packet goes to the controller (OFPR_*).
 enum { SS_PKT_NO_MATCH = 0, SS_PKT_ACTION = 1 };
 
-// The longest frame that a path takes, in bytes: what an OFPT_PACKET_IN has room for.
+// The longest frame that a path accepts, in bytes: the most that fits into an OFPT_PACKET_IN.
 enum { SS_PKT_FRAME_MAX = 65493 };
 
-// What is known of a packet for the controllers.
+// The metadata of a packet for the controllers.
 typedef struct ss_pkt_in {
-  uint64_t cookie;   // of the flow; all ones when it was no flow that sent the packet
-  uint32_t in_port;  // OpenFlow's number
+  uint64_t cookie;   // of the flow; all ones when no flow sent the packet
+  uint32_t in_port;  // OpenFlow port number
   uint8_t table;
   uint8_t reason;  // SS_PKT_*
 } ss_pkt_in;
 
-// A packet of a controller. The actions are laid out as those of a flow (southbound.h); they have been checked.
+// A packet from a controller. The actions are laid out like those of a flow (southbound.h) and have been checked.
 typedef struct ss_pkt_out {
-  uint32_t in_port;  // a port, or OFPP_CONTROLLER and its like
+  uint32_t in_port;  // a port number, or a reserved one such as OFPP_CONTROLLER
   uint32_t actions_len;
   const void *actions;
   const void *frame;
   uint32_t frame_len;  // at least 14
 } ss_pkt_out;
 
-// What has become of packets, since the service's start; of one port, or of port 0: those that have none.
+// Counts of packets by outcome since the service's start, for one port; port 0 stands for packets without a port.
 typedef struct ss_pkt_counts {
   uint32_t port;
   uint32_t zero;
   uint64_t in;           // handed on to the controllers
   uint64_t in_limited;   // dropped: more than the port's share
-  uint64_t in_full;      // dropped: no room on the way
+  uint64_t in_full;      // dropped: the path is full
   uint64_t in_unwanted;  // dropped: no controller wants packets
   uint64_t in_too_long;  // dropped: longer than any frame
   uint64_t out;          // sent
   uint64_t out_full;     // dropped: the interface takes no more
   uint64_t out_down;     // dropped: the interface is down or not there
-  uint64_t out_refused;  // dropped: what the actions ask for cannot be done, or the interface cannot send such a frame
-  uint64_t out_nowhere;  // dropped as asked for: no output, or no flow of the table matches
+  uint64_t out_refused;  // dropped: the actions cannot be carried out, or the interface cannot send the frame
+  uint64_t out_nowhere;  // dropped as requested: no output action, or no matching flow in the table
 } ss_pkt_counts;
 
 typedef struct ss_pkt_user {
   void *arg;
-  // Whether a controller wants packets; 0 as well when the other end goes. After a connection it is told once in any case.
+  // Reports whether a controller wants packets; also 0 when the other end disappears. It is called at least once after each
+  // connection.
   void (*wanted)(void *arg, int wanted);
-  // To be sent. The memory is good during the call.
+  // Sends a packet. The memory is valid during the call.
   void (*out)(void *arg, const ss_pkt_out *out);
 } ss_pkt_user;
 
 typedef struct ss_pkt_path ss_pkt_path;
 
-// `user` is copied. Null when there is no memory or no descriptor left; that nobody is at the other end is no failure.
+// `user` is copied. Null when memory or descriptors run out; a missing other end is not a failure.
 ss_pkt_path *ss_pkt_path_open(qx_global *global, const ss_pkt_user *user);
 
 // Null is allowed.
 void ss_pkt_path_close(ss_pkt_path *path);
 
-// Is readable when there is work to do. It stays the same for the life of the path.
+// The descriptor to poll, readable when there is work to do. It stays the same for the life of the path.
 int ss_pkt_path_fd(const ss_pkt_path *path);
 
-// Takes what has come, a bounded part of it at a time, and looks for the other end.
+// Processes what has arrived, a bounded amount per call, and looks for the other end.
 void ss_pkt_path_work(ss_pkt_path *path);
 
-// Hands a packet on, whole. 0; -1 when nobody is at the other end, -14 when there is no room, -4 for null or a frame longer than
+// Hands on a whole packet. 0; -1 when the other end is missing, -14 when there is no room, -4 for null or a frame longer than
 // SS_PKT_FRAME_MAX.
 int ss_pkt_path_in(ss_pkt_path *path, const ss_pkt_in *about, const void *frame, uint32_t len);
 
-// Tells the other end, for its operator, what has become of packets; it keeps the latest of each port. Results as above; at most
-// 300 ports at a time, else -4.
+// Reports packet counts to the other end for its operators; it keeps the latest of each port. Results as above; -4 also for more
+// than 300 ports in one call.
 int ss_pkt_path_report(ss_pkt_path *path, const ss_pkt_counts *counts, uint32_t ports);
 
 #ifdef __cplusplus

@@ -13,7 +13,7 @@ enum {
   LLCB_OVERLAY_ROUTER = 46,
 };
 
-// The type of an interface index; LSM_IF_TYPE_ETHERNET for an index without a type of its own, known or not.
+// The type of an interface index; LSM_IF_TYPE_ETHERNET for an index without a special type, known or not.
 uint32_t lsm_if_get_type(uint32_t ifx);
 
 #ifdef __cplusplus

@@ -19,7 +19,7 @@ extern "C" {
 
 struct qx_thread_master;
 
-// The process's handle. The first two words are fixed; what `priv` points at is the platform's own.
+// The process's handle. The first two words are fixed; what `priv` points at belongs to the platform.
 typedef struct qx_global {
   void *priv;
   struct qx_thread_master *master;
@@ -35,9 +35,9 @@ typedef struct qx_thread {
   const char *name;
 } qx_thread;
 
-// Creates the runtime of this process under `name` (copied); `parent` is null for a process of its own. Null on failure, after
-// one line on standard error that says why (configuration, loop, log); errno is EINVAL where the configuration was refused.
-// At most one runtime lives at a time.
+// Creates the runtime of this process under `name` (copied); `parent` is null for a separate process. Null on failure, after one
+// line on standard error that says why (configuration, loop, log); errno is EINVAL where the configuration was refused. At most
+// one runtime lives at a time.
 qx_global *qx_global_init(const char *name, void *parent);
 
 // Runs the event loop until the platform ends it. 0, or QX_FAILED when the loop itself failed.
@@ -49,13 +49,13 @@ void qx_global_finish(qx_global *global);
 // Arms `thread` to call `func` after sec + usec; `name` must outlive the timer (a literal). 0, or QX_FAILED when it cannot be
 // armed (null argument, already armed, out of memory, master finished).
 //
-// A timer armed under the name that the runtime was made with is the owner's: a platform may run it before its time once one of
-// its services has handed something over to the owner, so that what was handed over need not wait. The time given is then the
-// longest wait. Other timers never run early. The Linux host does so unless `openflow.prompt` is false.
+// A timer armed under the runtime's own name is the owner's timer: a platform may run it early once one of its services has
+// handed something over to the owner, so that the work need not wait. The time given is then the longest wait. Other timers never
+// run early. The Linux host runs the owner's timer early unless `openflow.prompt` is false.
 int qx_thread_insert_timer_timeval(struct qx_thread_master *master, qx_thread *thread, int (*func)(qx_thread *), void *arg,
                                    long sec, long usec, const char *name);
 
-// Ends timer service on this master: armed timers are dropped and further inserts fail. The loop itself goes on.
+// Ends timer service on this master: armed timers are dropped and further inserts fail. The loop itself keeps running.
 void qx_thread_master_finish(struct qx_thread_master *master);
 
 // The monotonic clock; any thread.

@@ -1,4 +1,4 @@
-// The redundancy manager: tells a process that it may take up its work.
+// The redundancy manager: tells a process when to begin its work.
 //
 // The Linux host is a single supervisor: the callback runs once, in the first turn of the loop.
 #pragma once
@@ -11,8 +11,8 @@
 extern "C" {
 #endif
 
-// Called on the loop's thread with the role and state taken up. A result that is not 0 says that the work was not taken up: the
-// host logs it and ends the process with status 1, so that what supervises it starts it again.
+// Called on the loop's thread with the new role and state. A non-zero result says that the process could not begin its work: the
+// host logs it and ends the process with status 1, so that its supervisor restarts it.
 typedef int (*rdnd_lib_cb)(void *role, void *state);
 
 // Filled by the process; copied by the call, except the list of databases, which must live as long as the process.
@@ -21,7 +21,7 @@ typedef struct rdnd_lib_reg {
   const char *name;
   qx_global *global;
   rdnd_lib_cb role_cb;
-  rdnd_lib_cb state_cb;  // called instead of role_cb where the platform tells states apart; the host calls role_cb only
+  rdnd_lib_cb state_cb;  // called instead of role_cb on platforms that distinguish states; the Linux host calls role_cb only
   void *reserved_ptr;    // null
   uint32_t reserved;     // 0
   const int32_t *dbs;    // the databases the process works with

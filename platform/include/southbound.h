@@ -1,10 +1,10 @@
 // Layout of the messages between the OpenFlow service library and the daemon.
 //
-// Little-endian, as laid in memory. Offsets are in bytes from the start of the message. Every message begins with the 8-byte
-// header {type, ver, len, table}, four 16-bit words; `len` is the whole message. The accessors copy, so a message needs no
-// alignment; who reads one that came from elsewhere checks its length first.
+// Messages are little-endian, as in memory. Offsets are in bytes from the start of the message. Every message begins with the
+// 8-byte header {type, ver, len, table}, four 16-bit words; `len` is the whole message. The accessors copy, so a message needs no
+// alignment; readers of a message from elsewhere must check its length first.
 //
-// In C++ everything is in the namespace southbound (southbound::kFlowIndex), in C it has that name in front
+// In C++ everything is in the namespace southbound (southbound::kFlowIndex); in C the names carry it as a prefix
 // (southbound_kFlowIndex).
 #pragma once
 
@@ -39,8 +39,8 @@ namespace southbound {
 
 // Message types.
 SOUTHBOUND_ENUM(MsgType, uint16_t){
-    SOUTHBOUND_NAME(kOpen) = 6,              // {header, ifx[]}: a controller is there; ver and table are echoed in replies
-    SOUTHBOUND_NAME(kClose) = 7,             // {header, ifx[]}: the last controller has gone
+    SOUTHBOUND_NAME(kOpen) = 6,              // {header, ifx[]}: a controller is connected; ver and table are echoed in replies
+    SOUTHBOUND_NAME(kClose) = 7,             // {header, ifx[]}: the last controller has disconnected
     SOUTHBOUND_NAME(kFlowMod) = 10,          // see below
     SOUTHBOUND_NAME(kFlowResult) = 11,       // reply: a flow failed
     SOUTHBOUND_NAME(kStatRequest) = 13,      // {header, flow index}; all ones asks for every flow
@@ -57,7 +57,7 @@ SOUTHBOUND_ENUM(MsgType, uint16_t){
     SOUTHBOUND_NAME(kBarrierReply) = 32,     // reply: the request with this type
     SOUTHBOUND_NAME(kDsStart) = 33,          // {header}: a data synchronisation begins
     SOUTHBOUND_NAME(kDsEnd) = 34,            // {header}
-    SOUTHBOUND_NAME(kCapacity) = 36,         // reply: how many flows there is room for
+    SOUTHBOUND_NAME(kCapacity) = 36,         // reply: the number of flows that fit
 };
 
 // Header of every message.
@@ -73,8 +73,8 @@ SOUTHBOUND_NUMBER(size_t, kBarrierXid, 16);
 SOUTHBOUND_NUMBER(size_t, kBarrierConnIp, 20);
 SOUTHBOUND_NUMBER(size_t, kBarrierLen, 24);
 
-// Flow-mod. The daemon reads index, priority, command, meter id and all from byte 40 on; the rest is the library's own, kept so
-// that a stored flow can be turned back into the entry it came from.
+// Flow-mod. The daemon reads index, priority, command, meter id and everything from byte 40 on; the rest belongs to the library,
+// which can so rebuild its flow entry from a stored record.
 SOUTHBOUND_NUMBER(size_t, kFlowIndex, 8);          // u64, never 0 or all ones, never reused
 SOUTHBOUND_NUMBER(size_t, kFlowCookie, 16);        // u64, library
 SOUTHBOUND_NUMBER(size_t, kFlowPriority, 24);      // u16
@@ -98,9 +98,9 @@ SOUTHBOUND_FUNCTION size_t SOUTHBOUND_NAME(oxm_slot)(uint32_t header) {
   return ((size_t)4 + (header & 0xff) + 7) & ~(size_t)7;
 }
 
-// The instruction block {i32 length of the actions, u32 created} that follows a match of `match_len` bytes; the actions follow
-// it. A flow that ends where the block would begin has none, and would match without doing anything: the library always writes
-// one. When the flow was created, in Unix seconds, is the library's own; 0 when that is not known.
+// Offset of the instruction block {i32 length of the actions, u32 created} behind a match of `match_len` bytes; the actions
+// follow the block. A flow that ends where the block would begin has none, and would match without doing anything: the library
+// always writes one. `created`, in Unix seconds and 0 if unknown, belongs to the library.
 SOUTHBOUND_FUNCTION size_t SOUTHBOUND_NAME(flow_instruction_offset)(uint16_t match_len) {
   return SOUTHBOUND_NAME(kFlowMatchType) + (((size_t)match_len + 11) & ~(size_t)7);
 }

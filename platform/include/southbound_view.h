@@ -1,6 +1,6 @@
-// Bounds-checked views of southbound messages (southbound.h): no read leaves the bytes. For C++; in C there is nothing here.
+// Bounds-checked views of southbound messages (southbound.h): no read leaves the bytes. C++ only; in C this header is empty.
 //
-// Match fields and actions are lists of entries, whose first word gives their length. One walk serves both:
+// Match fields and actions are lists of entries whose first word gives their length. One walk serves both:
 //
 //   for (auto at = view.match(); at.more(); at.next()) {
 //     if (!at.whole()) ...   // this entry, or its end, lies outside the list or the message: nothing after it can be found
@@ -26,7 +26,7 @@ namespace southbound {
 
 using bytes = std::span<const std::byte>;
 
-// The length that the message gives in its header, which is how many bytes it has; 0 for null.
+// The length from the message's header, which is its size in bytes; 0 for null.
 inline std::uint16_t message_len(const void *msg) {
   return msg != nullptr ? get<std::uint16_t>(msg, kLen) : std::uint16_t{0};
 }
@@ -48,7 +48,7 @@ template <typename Measure>
 class walk {
  public:
   explicit walk(bytes list) : walk(list, list.size()) {}
-  // `from` runs to the end of the message, `listed` is the length that the message gives for the list.
+  // `from` runs to the end of the message; `listed` is the list's length as the message states it.
   walk(bytes from, std::size_t listed) : rest_(from.first(std::min(from.size(), listed))), missing_(listed - rest_.size()) {}
 
   bool more() const { return !rest_.empty() || missing_ > 0; }
@@ -88,11 +88,11 @@ class flow_view {
   match_walk match() const { return {tail(kFlowOxm), match_len()}; }
 
   std::size_t instruction_offset() const { return flow_instruction_offset(match_len()); }
-  // The message says that it ends where the instruction block would begin.
+  // True if, by its stated length, the message ends where the instruction block would begin.
   bool ends_at_match() const { return read<std::uint16_t>(bytes_, kLen) == instruction_offset(); }
-  // Length of the action list as given; 0 where the message ends before it.
+  // The stated length of the action list; 0 if the message ends before it.
   std::int32_t actions_len() const { return read<std::int32_t>(bytes_, instruction_offset()); }
-  // A message that ends before its list gives a walk of one entry that is not whole.
+  // For a message that ends before its list, a walk over one entry that is not whole.
   action_walk actions() const {
     const std::size_t first = instruction_offset() + kInstructionLen;
     if (bytes_.size() < first) return {bytes{}, 1};

@@ -1,7 +1,7 @@
-// Application timing: one record an operation. Any thread.
+// Application timing: one record per operation. Any thread.
 //
-// Start and stop of one record may meet on two threads, and a start may go without its stop; neither ever gives a nonsense total:
-// a stop without a start counts nothing, a second start replaces the first.
+// Start and stop of one record may run on different threads, and a start may lack its stop; the total stays meaningful: a stop
+// without a start counts nothing, a second start replaces the first.
 #pragma once
 
 #include <stdint.h>
@@ -25,7 +25,7 @@ void ut_ss_fp_appmng_time_start(ut_ss_fp_appmng_time *record);
 // `reserved` is 0.
 void ut_ss_fp_appmng_time_stop(ut_ss_fp_appmng_time *record, uint32_t reserved);
 
-// Announces a record under its name (both live as long as the process) so that the platform can show it. Repeating it is
+// Announces a record under its name (both live as long as the process) so that the platform can show it. Repeated calls are
 // harmless.
 void ut_ss_fp_appmng_time_publish(const ut_ss_fp_appmng_time *record, const char *name);
 

@@ -1,4 +1,4 @@
-// The store under the conformance tests.
+// Runs the conformance tests on this platform's store.
 #include "conformance/process.h"
 #include "platform.h"
 

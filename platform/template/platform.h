@@ -1,4 +1,4 @@
-/* What the parts of this platform share; plain C, so that each may be written in C or C++. */
+/* Shared by the parts of this platform; plain C, so that each may be written in C or C++. */
 #pragma once
 
 #ifdef __cplusplus
@@ -9,7 +9,7 @@ extern "C" {
  */
 void platform_post(void (*work)(void *arg), void *arg);
 
-/* The parts end with the runtime: the southbound side's thread first, then what the store holds. Loop's thread. */
+/* The parts end with the runtime: the southbound side's thread first, then the store's contents. Loop's thread. */
 void platform_southbound_finish(void);
 void platform_store_finish(void);
 
@@ -24,10 +24,10 @@ namespace platform {
 /* The same for C++. */
 void post(std::function<void()> work);
 
-/* For tests: runs the loop until `condition` holds, or `limit` has passed; whether it holds. */
+/* For tests: runs the loop until `condition` holds or `limit` has passed; returns whether it holds. */
 bool run_until(const std::function<bool()> &condition, std::chrono::milliseconds limit);
 
-/* How many writes of a type with a topic may wait to be told to its subscribers; further ones are refused. */
+/* The number of writes of a type with a topic that may await notification of its subscribers; further ones are refused. */
 inline unsigned topic_limit = 65536;
 
 }  // namespace platform

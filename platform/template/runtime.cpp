@@ -1,4 +1,4 @@
-// qx_runtime.h: one thread and one poll(2); timers in order of their time; other threads and signals wake it through an eventfd.
+// qx_runtime.h: one thread and one poll(2); timers in order of deadline; other threads and signals wake it through an eventfd.
 #include "qx_runtime.h"
 
 #include <poll.h>
@@ -40,7 +40,7 @@ std::vector<std::function<void()>> g_posted;  // under g_mutex
 
 void wake() {
   const std::uint64_t one = 1;
-  [[maybe_unused]] const auto n = write(g_wake_fd, &one, sizeof one);  // full means that it is awake already
+  [[maybe_unused]] const auto n = write(g_wake_fd, &one, sizeof one);  // if full, the loop is already awake
 }
 
 void end_loop(int) {
@@ -57,7 +57,7 @@ void run_posted() {
   for (const auto &one : work) one();
 }
 
-// Those that are due now; what they arm waits for the next turn. A timer may end the others.
+// Runs the timers due now; timers that they arm wait for the next turn. A timer may end the others.
 void run_timers(qx_thread_master &master) {
   const auto now = Clock::now();
   while (!master.timers.empty() && master.timers.begin()->first <= now) {
@@ -124,7 +124,7 @@ void qx_global_finish(qx_global *global) {
   if (!g_runtime || global != &g_runtime->global) return;
   platform_southbound_finish();
   platform_store_finish();
-  std::vector<std::function<void()>> dropped;  // destroyed when the lock has been given back
+  std::vector<std::function<void()>> dropped;  // destroyed after the lock is released
   const std::lock_guard lock(g_mutex);
   dropped.swap(g_posted);
   close(g_wake_fd.exchange(-1));

@@ -1,5 +1,5 @@
-// The small services: log, single instance, redundancy, ports, debug commands, timing. Each in the least that its header asks
-// for.
+// The small services: log, single instance, redundancy, ports, debug commands, timing. Each does the minimum that its header
+// requires.
 #include <fcntl.h>
 #include <stdarg.h>
 #include <stdio.h>
@@ -22,14 +22,14 @@
 #include "ssat.h"
 #include "ut_ss_fp_appmng.h"
 
-// ---- qx_zlog.h: errors to standard error, a line each
+// ---- qx_zlog.h: errors to standard error, one line each
 
 struct qx_zlog_category {
   std::string name;
 };
 
 qx_zlog_category *qx_zlog_init(const char *name) {
-  static auto &categories = *new std::list<qx_zlog_category>;  // threads may log until the very end
+  static auto &categories = *new std::list<qx_zlog_category>;  // threads may log until the end
   const auto known = std::ranges::find(categories, name, &qx_zlog_category::name);
   return known != categories.end() ? &*known : &*categories.insert(known, {name});
 }
@@ -60,7 +60,7 @@ int at_snprintf(char *buf, std::size_t size, const char *format, ...) {
 
 // ---- libss_fp_com.h
 
-// The lock is held until the process ends. KELIM_RUN_DIR names another directory, for who is not root.
+// The lock is held until the process ends. KELIM_RUN_DIR names another directory, for users other than root.
 int libss_fp_com_check_run(const char *pid_file) {
   std::string path = pid_file;
   if (const char *directory = getenv("KELIM_RUN_DIR")) path = directory + path.substr(path.rfind('/'));
@@ -71,12 +71,12 @@ int libss_fp_com_check_run(const char *pid_file) {
   return 1;
 }
 
-// Here a switch arms the timer that feeds its watchdog; this platform has none.
+// A switch would arm the timer that feeds its watchdog here; this platform has no watchdog.
 int libss_fp_com_ham_init(const char *, qx_zlog_category *) {
   return 0;
 }
 
-// ---- rdnd_lib.h: the only supervisor, which takes up its work in the first turn of the loop
+// ---- rdnd_lib.h: the only supervisor, which begins its work in the first turn of the loop
 
 int rdnd_lib_mom_reg(const rdnd_lib_reg *reg) {
   if (!reg || !reg->name || !reg->role_cb || !reg->state_cb) return QX_INVALID;
@@ -102,7 +102,7 @@ int libddm_get_phyid_by_ifx(std::uint32_t ifx, std::uint32_t *phyid) {
   return 0;
 }
 
-// The ports of a switch are no interfaces of a machine.
+// The ports of a switch are not interfaces of a machine.
 int libddm_for_each_port(void (*)(void *, std::uint32_t, const char *), void *) {
   return 0;
 }
@@ -111,7 +111,7 @@ std::uint32_t lsm_if_get_type(std::uint32_t) {
   return LSM_IF_TYPE_ETHERNET;
 }
 
-// ---- ssat.h: commands are kept; the road on which operators reach them is the switch's own
+// ---- ssat.h: commands are only kept; a switch adds its own way for operators to call them
 
 static std::map<std::string, std::map<std::string, ssat_handler>> &commands() {
   static auto &modules = *new std::map<std::string, std::map<std::string, ssat_handler>>;
@@ -142,7 +142,7 @@ void ut_ss_fp_appmng_time_start(ut_ss_fp_appmng_time *record) {
   __atomic_store_n(&record->started, now_ns(), __ATOMIC_RELAXED);
 }
 
-// Whoever takes the start away counts it, so that none counts twice.
+// The thread that clears the start counts it, so that none is counted twice.
 void ut_ss_fp_appmng_time_stop(ut_ss_fp_appmng_time *record, std::uint32_t) {
   const std::uint64_t started = __atomic_exchange_n(&record->started, 0, __ATOMIC_RELAXED);
   if (started == 0) return;
@@ -153,5 +153,5 @@ void ut_ss_fp_appmng_time_stop(ut_ss_fp_appmng_time *record, std::uint32_t) {
   if (took > __atomic_load_n(&record->max, __ATOMIC_RELAXED)) __atomic_store_n(&record->max, took, __ATOMIC_RELAXED);
 }
 
-// Here a switch shows them; a debugger finds them under their names.
+// A switch would make them visible here; a debugger finds them by name.
 void ut_ss_fp_appmng_time_publish(const ut_ss_fp_appmng_time *, const char *) {}

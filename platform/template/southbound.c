@@ -1,6 +1,6 @@
 /*
- * of_ss.h: where a switch puts its OpenFlow agent, and its programming service. This one plays a controller that wants one flow,
- * and a programming service that installs whatever it sees, and says on standard output how far they came:
+ * of_ss.h: the place of a switch's OpenFlow agent, and its programming service. This one plays a controller that wants one flow,
+ * and a programming service that installs everything, and reports its progress on standard output:
  *
  *   every callback registered   -> connected()
  *   fetch (ss_of_ds_fetch)      -> open, start, the flow, end, barrier
@@ -17,9 +17,9 @@
 #include "s_policy_kelim.pb-c.h"
 #include "southbound.h"
 
-enum { VERSION = 4, TABLE = 0, FLOW = 1, BARRIER = 7 }; /* VERSION and TABLE come back in replies */
+enum { VERSION = 4, TABLE = 0, FLOW = 1, BARRIER = 7 }; /* VERSION and TABLE are echoed in replies */
 
-/* ---- what the daemon registers; loop's thread, before the southbound thread starts */
+/* ---- the daemon's callbacks; loop's thread, before the southbound thread starts */
 
 static struct {
   of_ss_msg_cb flow_mod, open, mgmt_ifx, close, start, end, statistic, meter_mod, count_config, pkt_start, pkt_end, con_info,
@@ -30,7 +30,7 @@ enum { CALLBACKS = 16 };
 static unsigned registered;
 static pthread_t thread;
 
-/* ---- what other threads hand to the southbound thread; under the mutex */
+/* ---- input of the southbound thread from other threads; under the mutex */
 
 struct reply {
   struct reply *next;
@@ -71,7 +71,7 @@ int of_ss_send_msg(const void *msg, uint32_t len) {
 
 /* ---- the southbound thread; no lock is held during a callback */
 
-/* A flow for IPv4 packets, without actions: they are dropped. */
+/* A flow for IPv4 packets without actions, which drops them. */
 static void ask_for_flow(void) {
   const uint32_t eth_type = UINT32_C(0x80000a02); /* OXM class, field 5, two bytes */
   const uint16_t match_len = (uint16_t)southbound_oxm_slot(eth_type);
@@ -101,7 +101,7 @@ static void signal_to(of_ss_msg_cb callback, uint16_t type) {
   callback(msg);
 }
 
-/* The controller is reached through one interface. */
+/* The controller is connected through one interface. */
 static void open_controller(void) {
   unsigned char msg[southbound_kHeaderLen + 4];
   southbound_put_header(msg, southbound_kOpen, VERSION, sizeof msg, TABLE);
@@ -109,7 +109,7 @@ static void open_controller(void) {
   callbacks.open(msg);
 }
 
-/* The database holds nothing that can be trusted: everything that is wanted goes out again. */
+/* The database holds no data that can be trusted: hands over the whole desired state again. */
 static void synchronise(void) {
   puts("southbound: fetch, so the flow is handed over between start and end");
   open_controller();

@@ -1,4 +1,4 @@
-// qx_mom.h and libcgstctrl.h in memory: one ordered map a database and record type, notifications through the loop. It never
+// qx_mom.h and libcgstctrl.h in memory: one ordered map per database and record type, notifications through the loop. It never
 // loses its connection, so the reconnect callbacks are never called.
 #include <string.h>
 
@@ -25,7 +25,7 @@ using Packed = std::shared_ptr<const std::vector<std::uint8_t>>;
 struct Object {
   Packed packed;
   std::int64_t tag = 0;
-  std::uint64_t born = 0;  // when it was made, in the order of all objects
+  std::uint64_t born = 0;  // order of creation among all objects
   std::optional<Clock::time_point> due;
 };
 
@@ -39,7 +39,7 @@ struct Table {
   std::map<std::string, Object> objects;  // by the bytes of key_of
   std::vector<Subscription> subscriptions;
   bool has_topic = false;
-  unsigned waiting = 0;  // writes of which the subscribers have not been told
+  unsigned waiting = 0;  // writes not yet notified to the subscribers
 };
 
 struct Database {
@@ -65,7 +65,7 @@ const T &member(const ProtobufCMessage *record, const ProtobufCFieldDescriptor &
   return *reinterpret_cast<const T *>(reinterpret_cast<const char *>(record) + field.offset);
 }
 
-// The key's fields in their order, such that bytes compare as the fields do. Numbers only, and texts, which their end closes.
+// The key's fields in order, encoded so that bytes compare as the fields do: numbers, and texts with a terminating zero.
 std::string key_of(const ProtobufCMessage *key) {
   std::string bytes;
   for (unsigned i = 0; i < key->descriptor->n_fields; ++i) {
@@ -93,7 +93,7 @@ const ProtobufCMessage *key_record(const ProtobufCMessage *record) {
   return field ? member<ProtobufCMessage *>(record, *field) : nullptr;
 }
 
-// Whether the record can be packed: what it points at is there, and every message in it is one of the type that its field says.
+// True if the record can be packed: its pointers are valid, and every message in it has its field's type.
 bool well_formed(const ProtobufCMessage *record) {
   if (!protobuf_c_message_check(record)) return false;
   const std::span fields(record->descriptor->fields, record->descriptor->n_fields);
@@ -109,7 +109,7 @@ bool well_formed(const ProtobufCMessage *record) {
   });
 }
 
-// What a written object comes as: `hash_cmd` where its type is of the hash class.
+// The command of a written object: `hash_cmd` if its type is of the hash class.
 std::uint32_t cmd_of(const Table &table, std::uint32_t hash_cmd) {
   if (strcmp(table.type->name, "s_policy_kelim.meter") == 0) return hash_cmd;
   return QX_MOM_CMD_SET;
@@ -120,7 +120,7 @@ std::uint32_t cmd_of(const Table &table, std::uint32_t hash_cmd) {
 enum class Needs { key, key_or_all, record };
 enum class Link { sync, async };
 
-// A call's arguments; `code` is not 0 when they end it. Without a key it is about every object.
+// A call's arguments; a non-zero `code` ends it. Without a key it concerns every object.
 struct Call {
   int code = QX_INVALID;
   Table *table = nullptr;
@@ -157,7 +157,7 @@ bool in_holder(std::uint32_t cmd) {
   return cmd == QX_MOM_CMD_HASH_NEW || cmd == QX_MOM_CMD_HASH_SET;
 }
 
-// An object as it is delivered, with what it points at.
+// An object to deliver, with everything it points to.
 struct Delivery {
   Delivery(const Table &table, std::uint32_t cmd, const Packed &packed) {
     holder.record = protobuf_c_message_unpack(table.type, nullptr, packed->size(), packed->data());
@@ -167,7 +167,7 @@ struct Delivery {
   ~Delivery() { protobuf_c_message_free_unpacked(holder.record, nullptr); }
   Delivery(const Delivery &) = delete;
 
-  qx_obj object{};  // first: qx_mom_qx_obj_free is given its address
+  qx_obj object{};  // first member, because qx_mom_qx_obj_free gets its address
   qx_mom_hash_value holder{};
 };
 
@@ -399,7 +399,7 @@ int qx_mom_subscribe(qx_global *global, std::int32_t number, const qx_mom_spec *
   if (!db || !cb || !spec || !spec->type.value || spec->type.key != key_type(spec->type.value) || spec->delivery > QX_MOM_PACKED)
     return QX_INVALID;
   if (!db->up) return QX_FAILED;
-  // Live when the loop comes to it, so that what was written before is not told to it.
+  // Goes live in a later turn of the loop, so that earlier writes are not notified to it.
   platform::post([&table = table_of(*db, spec->type.value), subscription = Subscription{cb, spec->delivery}] {
     const auto same = [&](const Subscription &other) { return other.callback == subscription.callback; };
     if (std::ranges::none_of(table.subscriptions, same)) table.subscriptions.push_back(subscription);

@@ -15,16 +15,16 @@ enum class BandType : std::uint16_t { kDrop = 1, kRemark = 2 };  // OpenFlow 1.3
 struct Band {
   BandType type = BandType::kDrop;
   std::uint32_t rate = 0;       // kilobits or packets a second
-  std::uint32_t burst = 0;      // kilobits or packets; 0: none was given
-  std::uint8_t precedence = 0;  // of a remark: by how much the drop precedence rises
+  std::uint32_t burst = 0;      // kilobits or packets; 0: not given
+  std::uint8_t precedence = 0;  // of a remark: the increase of the drop precedence
 };
 
 struct Bands {
   bool packets = false;     // rates and bursts count packets
-  std::vector<Band> bands;  // the fastest first
+  std::vector<Band> bands;  // in descending order of rate
 };
 
-// False for bytes that are no meter-mod, or that name a band or a rate which nobody can carry out.
+// False for bytes that are not a meter-mod, or that contain a band or a rate that no target supports.
 bool read_bands(Bytes meter_data, Bands &out);
 
 }  // namespace programmer

@@ -1,4 +1,4 @@
-// Brings one part of the service into step with the database, and tries again for as long as that fails.
+// Synchronises one part of the service with the database, and retries until that succeeds.
 #pragma once
 
 #include "programmer/timer.h"
@@ -7,7 +7,7 @@ namespace programmer {
 
 class CatchUp {
  public:
-  // False when the database could not be read, or did not take an answer.
+  // False when the database could not be read, or did not accept an answer.
   using Work = bool (*)(void *owner);
 
   CatchUp(qx_thread_master *master, Work work, void *owner, const char *name)
@@ -17,7 +17,7 @@ class CatchUp {
     behind_ = !work_(owner_);
     if (behind_) timer_.arm(kAgainUs);
   }
-  // For whoever sees that an answer has been lost.
+  // To be called when an answer has been lost.
   void soon() {
     behind_ = true;
     timer_.arm(kAgainUs);

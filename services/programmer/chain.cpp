@@ -23,7 +23,7 @@ constexpr std::uint64_t bit(unsigned number) {
   return std::uint64_t{1} << number;
 }
 
-// Which bit of the flow becomes which bit of the entry, and the members that go with it; sub-messages are shared, not copied.
+// Maps a bit of the flow to a bit of the entry, with the members that go with it; sub-messages are shared, not copied.
 template <typename From, typename To>
 struct Row {
   unsigned from_bit;
@@ -60,7 +60,7 @@ constexpr Row<Match, AceMatch> kMatchRows[] = {
     MATCH_ROW(IPV6_DST, IPV6_DST, ipv6_dst),
     MATCH_ROW(IPV6_EXTHDR, IPV6_NEXT_HDR, next_header),
 };
-// SET_ETH_DST is missing: on its way through the chain the destination is the node's.
+// SET_ETH_DST is missing: within the chain the destination is the node's.
 constexpr Row<FlowActions, AceActions> kActionRows[] = {
     ACTION_ROW(OUTPUT, REDIRECT, output_ifx, redirect_ifx),
     ACTION_ROW(SET_QUEUE, PRIO_IN, mod_queue_pri, mod_prio_in),
@@ -88,7 +88,7 @@ PLibpub__Mac mac_of(const Mac &address) {
   return mac;
 }
 
-// One entry with everything it points to.
+// One entry with everything that it points to.
 struct NodeEntry {
   SPolicyKelim__FlowAce ace = S_POLICY_KELIM__FLOW_ACE__INIT;
   AceMatch match = S_POLICY_KELIM__FLOW_ACE_FIELD__INIT;
@@ -186,14 +186,14 @@ bool Chain::answer(const SPolicyKelim__ParseFlow &flow) {
 
 // ---- resynchronisation
 
-// Answers the flows whose answer is missing or an earlier one, and deletes answers to nothing.
+// Answers flows whose answer is missing or outdated, and deletes answers without a flow.
 bool Chain::resynchronise() {
   SPolicyKelim__ParseFlowKey key = S_POLICY_KELIM__PARSE_FLOW_KEY__INIT;
   SPolicyKelim__ParseFlow any_flow = S_POLICY_KELIM__PARSE_FLOW__INIT;
   SPolicyKelim__FlowToAce any_entries = S_POLICY_KELIM__FLOW_TO_ACE__INIT;
   any_flow.index = &key;
   any_entries.index = &key;
-  std::map<Key, std::uint64_t> answered;  // the stamp of the request
+  std::map<Key, std::uint64_t> answered;  // the request's stamp
   bool complete = scan(context_, kChainDb, any_entries, [&](const qx_obj &object) {
     if (const auto *entries = record_of<SPolicyKelim__FlowToAce>(&object)) answered[key_of(*entries->index)] = entries->rep_uuid;
   });

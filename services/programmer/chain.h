@@ -1,6 +1,7 @@
 // The service-chain application: answers a parse_flow record with the access-control entries that lead the flow through a chain
-// of service nodes, one entry a node. An entry sends the flow to its node by the destination MAC address; the entries behind the
-// first match what comes back from the node before by its source MAC address. Keeps no state: what it wrote is in the database.
+// of service nodes, one entry a node. An entry sends the flow to its node by the destination MAC address; each later entry
+// matches the packets that return from the previous node by their source MAC address. It keeps no state: everything it wrote is
+// in the database.
 #pragma once
 
 #include "programmer/catch_up.h"
@@ -20,7 +21,7 @@ class Chain {
  private:
   void written(const qx_obj &msg);
   void deleted(const qx_obj &msg);
-  // False when the database did not take the answer.
+  // False when the database did not accept the answer.
   bool answer(const SPolicyKelim__ParseFlow &flow);
   bool resynchronise();
 

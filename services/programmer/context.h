@@ -1,4 +1,4 @@
-// What the parts of the service share: the platform handle, the log category, and the account of records that cannot be read.
+// Shared by all parts of the service: the platform handle, the log category, and the counts of unreadable records.
 #pragma once
 
 #include <cstdint>
@@ -23,11 +23,10 @@ inline constexpr std::int32_t kChainDb = QX_MOM_APP_DB;
 struct Context {
   qx_global *global = nullptr;
   qx_zlog_category *log = nullptr;
-  std::map<std::string, std::uint64_t> faults;  // of each kind, how many
+  std::map<std::string, std::uint64_t> faults;  // count by kind
 };
 
-// A record, or a notification, that makes no sense: counted; the first of its kind is logged with its first bytes, which hold the
-// key.
+// Counts a malformed record or notification; the first of its kind is logged with its first bytes, which hold the key.
 void report_fault(Context &context, const char *kind, Bytes record);
 
 // The bytes of a notification of a packed subscription.

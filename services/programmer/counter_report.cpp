@@ -5,8 +5,8 @@
 namespace programmer {
 namespace {
 
-constexpr std::uint32_t kSlotsPerTurn = 256;   // then the loop sees to the others
-constexpr std::uint64_t kTryAgainUs = 10'000;  // how long to wait for a database that takes nothing
+constexpr std::uint32_t kSlotsPerTurn = 256;   // then the loop runs other work
+constexpr std::uint64_t kTryAgainUs = 10'000;  // wait before retrying when the database accepts no writes
 
 }  // namespace
 
@@ -47,8 +47,8 @@ void CounterReport::turn() {
   timer_.arm(interval_us_ > spent ? interval_us_ - spent : 0);
 }
 
-// Who asks whether a flow is idle has to know that its counters have been looked at, though they stood still: a record of no
-// flow, published behind the changes. One that is lost is made up for by the next.
+// Publishes a record without a flow behind the changes: to tell that a flow is idle, the daemon must know that its counters have
+// been read, even if they did not change. The next report makes up for a lost one.
 void CounterReport::tell_end() {
   SPolicyKelim__FlowKey nothing = S_POLICY_KELIM__FLOW_KEY__INIT;
   SPolicyKelim__FlowCounter record = S_POLICY_KELIM__FLOW_COUNTER__INIT;
@@ -56,7 +56,7 @@ void CounterReport::tell_end() {
   qx_mom_publish(context_.global, kFlowDb, &record.base, 0, 0);
 }
 
-// False when the database takes nothing now; the change is then reported later.
+// False when the database accepts no writes now; the change is then reported later.
 bool CounterReport::report(KnownFlow &entry, std::uint32_t slot) {
   Counters sums = entry.sums;
   target_.read_counters(slot, sums);

@@ -1,5 +1,5 @@
 // The periodic report of flow counters: reads them from the target and writes a flow_counter record for each that changed, then
-// publishes one without a flow: all have been looked at.
+// publishes a record without a flow, which says that all have been read.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@ namespace programmer {
 
 class CounterReport {
  public:
-  // Everything handed in must outlive the notifications. 0 milliseconds: never reports.
+  // All arguments must outlive the notifications. With an interval of 0 ms it never reports.
   CounterReport(Context &context, KnownFlows &table, Target &target, std::uint32_t interval_ms);
 
   // False when the first timer cannot be armed.

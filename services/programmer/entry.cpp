@@ -13,13 +13,13 @@ namespace sb = southbound;
 // Field numbers of the schema.
 enum : std::uint32_t { kFlowData = 8, kFlowAction = 10, kFlowAce = 11 };
 enum : std::uint32_t { kAceSn = 1, kAceMatch = 3, kAceActions = 4, kBitmap = 1, kInPort = 2, kWrapped = 1 };
-constexpr std::uint64_t kNoSequenceNumber = ~std::uint64_t{0};  // of the one entry of an ordinary flow
+constexpr std::uint64_t kNoSequenceNumber = ~std::uint64_t{0};  // of an ordinary flow's only entry
 
 constexpr std::uint64_t bit(unsigned number) {
   return std::uint64_t{1} << number;
 }
 
-// The fields of one message, by number; the last one of each.
+// The fields of one message by number; of repeated ones the last.
 struct Message {
   static constexpr std::size_t kFields = 37;
   std::array<records::Field, kFields> fields{};
@@ -35,7 +35,7 @@ struct Message {
 
 // ---- one field, into a member
 
-// The wrappers of addresses: one field in a message of its own.
+// Unwraps an address, which is a message with a single field.
 records::Field unwrapped(const records::Field &field) {
   records::Field found;
   records::Reader reader(field.bytes);
@@ -77,7 +77,7 @@ void keep(std::array<std::uint8_t, N> &value, const std::array<std::uint8_t, N> 
 
 using Rule = bool (*)(const Message &from, std::uint32_t number, Fields &value, Fields &mask);
 
-// The member from field `number`, its mask from the next one. What lies outside of `Width` is not part of the field.
+// Reads the member from field `number` and its mask from the next one. Bits outside `Width` are not part of the field.
 template <auto Member, auto... Width>
 bool rule(const Message &from, std::uint32_t number, Fields &value, Fields &mask) {
   if (!take(from.fields[number], value.*Member) || !take(from.fields[number + 1], mask.*Member)) return false;
@@ -95,7 +95,7 @@ bool tag_rule(const Message &from, std::uint32_t number, Fields &value, Fields &
 
 struct RuleRow {
   SPolicyKelim__FlowAceRuleE bit;
-  std::uint32_t number;  // of the value in the schema
+  std::uint32_t number;  // of the value's field in the schema
   Rule read;
 };
 #define RULE(name) S_POLICY_KELIM__FLOW_ACE_RULE_E__SS_FP_RULE_##name
@@ -180,8 +180,8 @@ const char *read_actions(Bytes bytes, bool sets_priority, Actions &out) {
 
 // ---- the record
 
-// Deliberate: the bit of the VLAN priority comes with every output to IN_PORT, ALL or CONTROLLER; of an ordinary flow only the
-// flow's own actions tell whether it is set.
+// Deliberate: the bit of the VLAN priority is present with every output to IN_PORT, ALL or CONTROLLER; for an ordinary flow only
+// the flow's own actions tell whether the priority is set.
 const char *read_entry(Bytes bytes, bool flow_sets_priority, Entry &entry) {
   Message ace;
   if (!ace.read(bytes)) return "an entry that cannot be read";

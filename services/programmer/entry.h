@@ -1,5 +1,5 @@
-// What a real target programs for a flow: value and mask of each field, what to do, in which order. Read from a packed flow
-// record, whatever the target is.
+// Reads from a packed flow record what a real target has to program, whichever target it is: value and mask of each field, the
+// actions and the priority.
 //
 // Match and rewrites come from the record's access-control entries, of which an ordinary flow has one and a flow of the service
 // chain several; priority, table, cookie and meter from the flow-mod in it.
@@ -21,12 +21,12 @@ struct Fields {
   std::uint16_t eth_type = 0;
   std::uint16_t vlan_id = 0;
   std::uint8_t vlan_pcp = 0;
-  bool tagged = false;  // of a mask: whether the flow wants a VLAN tag
+  bool tagged = false;  // in a mask: the flow requires a VLAN tag
   std::array<std::uint8_t, 6> eth_dst{}, eth_src{};
   std::uint8_t proto = 0;
   std::uint8_t dscp = 0;
   std::uint16_t ext_headers = 0;
-  std::uint16_t l4_src = 0, l4_dst = 0;  // ports, or type and code of ICMP
+  std::uint16_t l4_src = 0, l4_dst = 0;  // ports, or ICMP type and code
   std::array<std::uint8_t, 4> ipv4_src{}, ipv4_dst{};
   std::array<std::uint8_t, 16> ipv6_src{}, ipv6_dst{};
 
@@ -50,13 +50,13 @@ struct Entry {
 };
 
 struct FlowProgram {
-  std::uint32_t rank = 0;  // the greater one decides: priority << 1 | (the table is 1), + 1
+  std::uint32_t rank = 0;  // the highest wins: priority << 1 | (the table is 1), + 1
   std::uint64_t cookie = 0;
   std::uint32_t meter = 0;  // 0: none
   std::vector<Entry> entries;
 };
 
-// Null, or what stands against programming the flow: bytes that are no such record, a field or an action that no packet shows.
+// Null, or the reason why the flow cannot be programmed: malformed bytes, or an unsupported field or action.
 const char *read_program(Bytes flow_record, FlowProgram &out);
 
 }  // namespace programmer

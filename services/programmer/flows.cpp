@@ -6,7 +6,7 @@
 namespace programmer {
 namespace {
 
-constexpr std::uint64_t kPayAgainUs = 10'000;  // how long to wait for a database that takes nothing
+constexpr std::uint64_t kPayAgainUs = 10'000;  // wait before retrying when the database accepts no writes
 
 constexpr SPolicyKelim__StatusE kStatusOf[] = {
     S_POLICY_KELIM__STATUS_E__STATUS_INSTALLED,  // Outcome::kInstalled
@@ -14,8 +14,8 @@ constexpr SPolicyKelim__StatusE kStatusOf[] = {
     S_POLICY_KELIM__STATUS_E__STATUS_RESOURCE,   // Outcome::kResource
 };
 
-// The parts of a packed flow record that are read here. Everything but key, status and stamp is content: when it is the same, the
-// hardware need not be touched.
+// The parts of a packed flow record that the service reads. Everything but key, status and stamp is content: while it is
+// unchanged, the hardware need not be touched.
 struct FlowRecord {
   FlowKey key;
   std::uint64_t uuid = 0;
@@ -40,7 +40,7 @@ std::uint64_t hash(const records::Field &field) {
   return std::hash<std::string_view>{}(bytes) + field.value + field.number;
 }
 
-// False for bytes that are no flow record, or one without a key.
+// False for bytes that are not a flow record, or for a record without a key.
 bool read_flow(Bytes bytes, FlowRecord &flow) {
   records::Reader reader(bytes);
   records::Field field;
@@ -103,12 +103,12 @@ void FlowRecords::flow_answered(const FlowRequest &request, Outcome outcome) {
   settle(entry, request.uuid, kStatusOf[static_cast<std::size_t>(outcome)]);
 }
 
-// Tells the database, unless it holds this very answer from before.
+// Writes the answer, unless the database already holds the same one.
 void FlowRecords::settle(KnownFlow &entry, std::uint64_t uuid, SPolicyKelim__StatusE status) {
   if (entry.settled && entry.uuid == uuid && entry.status == status) return;
   entry.uuid = uuid;
   entry.status = static_cast<std::uint8_t>(status);
-  // A request read by a scan may be notified once more: its notification was on the way already.
+  // A request read by a scan may be notified once more, because its notification was already in flight.
   entry.settled = reading_;
   tell({entry.key(), uuid, status});
 }
@@ -120,7 +120,7 @@ void FlowRecords::removed(Bytes record) {
   if (slot != KnownFlows::kNone) remove(slot);
 }
 
-// Somebody has found the flow's answer and no flow: nobody would ever tell that it has gone.
+// Handles a publication by a process that has found the flow's answer but no flow: its deletion would never be notified.
 void FlowRecords::doubted(Bytes record) {
   constexpr int kNoSuchObject = QX_NOT_FOUND;
   FlowRecord flow;
@@ -147,7 +147,7 @@ void FlowRecords::remove(std::uint32_t slot) {
 
 // ---- answers
 
-// Answers leave in order: behind one that the database did not take, the others wait.
+// Answers leave in order: once the database has rejected one, the others wait behind it.
 void FlowRecords::tell(const Answer &answer) {
   if (owed_.empty() && write(answer)) return;
   owed_.push_back(answer);
@@ -159,7 +159,7 @@ void FlowRecords::pay() {
   if (!owed_.empty()) pay_timer_.arm(kPayAgainUs);
 }
 
-// False when the database takes nothing now, so that trying again makes sense.
+// False when the database accepts no writes now, so that retrying makes sense.
 bool FlowRecords::write(const Answer &answer) {
   SPolicyKelim__FlowKey key = S_POLICY_KELIM__FLOW_KEY__INIT;
   key.flow_index = answer.key.index;
@@ -183,8 +183,8 @@ bool FlowRecords::write(const Answer &answer) {
 
 // ---- resynchronisation
 
-// Brings target and database together: what the database holds is asked of the target again where it is not there, and what the
-// database no longer holds leaves the target. Nothing leaves unless everything could be read.
+// Reconciles target and database: flows in the database that the target lacks are installed again, and flows that are no longer
+// in the database are removed from the target. Nothing is removed unless everything could be read.
 bool FlowRecords::resynchronise() {
   owed_.clear();
   for (std::uint32_t slot = 0; slot < table_.slots(); ++slot) {
@@ -219,7 +219,7 @@ bool FlowRecords::read_answers() {
   });
 }
 
-// Counters go on from the stored sums, except those of flows that have counted here all the time.
+// Counters continue from the stored sums, except those of flows that have been counting here all the time.
 bool FlowRecords::read_counters() {
   SPolicyKelim__FlowCounter any = S_POLICY_KELIM__FLOW_COUNTER__INIT;
   SPolicyKelim__FlowKey key = S_POLICY_KELIM__FLOW_KEY__INIT;

@@ -1,4 +1,4 @@
-// Flow records: what is asked of the target, what it answered, what the database has been told.
+// Handles flow records: passes requests to the target and writes its answers to the database.
 #pragma once
 
 #include <cstdint>
@@ -18,7 +18,7 @@ class FlowRecords final : public FlowSink {
  public:
   explicit FlowRecords(Context &context);
 
-  // The target is made after this object, which receives its answers; it must outlive the notifications.
+  // The target is created after this object, which receives its answers; it must outlive the notifications.
   void set_target(Target &target) { target_ = &target; }
 
   // A notification of `flow`, packed.
@@ -32,12 +32,13 @@ class FlowRecords final : public FlowSink {
   std::size_t owed() const { return owed_.size(); }
 
  private:
-  // An answer that the database has still to take. Status none stands for "the flow has gone": its records are deleted.
+  // An answer that the database has yet to accept. No status means that the flow has been removed and its records are to be
+  // deleted.
   struct Answer {
     FlowKey key;
     std::uint64_t uuid;
     SPolicyKelim__StatusE status;
-    bool counted = false;  // whether counters go with the flow
+    bool counted = false;  // the flow has a counter record to delete
   };
 
   void requested(Bytes record);

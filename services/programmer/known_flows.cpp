@@ -8,7 +8,7 @@ std::uint32_t KnownFlows::tag_of(const FlowKey &key) {
   return static_cast<std::uint32_t>(x >> 32);
 }
 
-// Where the key is, or the empty bucket where it belongs.
+// The bucket of the key, or the empty bucket where it belongs.
 std::size_t KnownFlows::bucket_of(const FlowKey &key, std::uint32_t tag) const {
   const std::size_t mask = buckets_.size() - 1;
   for (std::size_t i = tag & mask;; i = (i + 1) & mask) {
@@ -62,7 +62,7 @@ std::uint32_t KnownFlows::insert(const FlowKey &key) {
   return slot;
 }
 
-// Closes the gap by moving back every later bucket of the run that may stand in it, so that searches need no marks of the dead.
+// Closes the gap by moving back every later bucket of the run that may stand in it, so that searches need no tombstones.
 void KnownFlows::erase(std::uint32_t slot) {
   const FlowKey key = (*this)[slot].key();
   const std::size_t mask = buckets_.size() - 1;

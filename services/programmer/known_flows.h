@@ -1,5 +1,5 @@
 // The flows that the service knows: a slab of entries addressed by slot, and an open-addressing index by key over it. An entry
-// costs 48 bytes and 11 to 21 of the index. Entries never move; a slot is used again after its flow has gone.
+// costs 48 bytes plus 11 to 21 bytes of index. Entries never move; a slot is reused after its flow has been removed.
 #pragma once
 
 #include <array>
@@ -14,7 +14,7 @@ namespace programmer {
 
 enum class KnownFlowState : std::uint8_t {
   free,       // the slot is empty
-  stored,     // read from the database: an answer or counters without their flow so far
+  stored,     // read from the database: an answer or counters, not yet with their flow
   asked,      // the target has not answered
   installed,  // in the target
   refused,    // not in the target
@@ -26,11 +26,11 @@ struct KnownFlow {
   KnownFlowState state = KnownFlowState::free;
   std::uint8_t status = 0;    // of the last answer, a status_e
   bool settled : 1 = false;   // flow_sta holds exactly this answer to `uuid`; the same request needs none again
-  bool seen : 1 = false;      // by the resynchronisation that is going on
-  bool counted : 1 = false;   // there is a flow_counter record
+  bool seen : 1 = false;      // by the resynchronisation in progress
+  bool counted : 1 = false;   // a flow_counter record exists
   std::uint64_t content = 0;  // hash of what the target was asked to install
   std::uint64_t uuid = 0;     // of the last request answered
-  Counters sums;              // as written last
+  Counters sums;              // as last written
 
   FlowKey key() const { return {index, vsd}; }
 };
@@ -46,7 +46,7 @@ class KnownFlows {
 
   KnownFlow &operator[](std::uint32_t slot) { return (*chunks_[slot / kChunk])[slot % kChunk]; }
   const KnownFlow &operator[](std::uint32_t slot) const { return (*chunks_[slot / kChunk])[slot % kChunk]; }
-  std::uint32_t slots() const { return slots_; }  // every slot is below; free ones are among them
+  std::uint32_t slots() const { return slots_; }  // upper bound of slots, including free ones
   std::uint32_t size() const { return size_; }
 
  private:

@@ -1,7 +1,7 @@
-// kelim-programmer: the programming service as a process of its own, for an object database that several processes share.
+// kelim-programmer: the programming service as a separate process, for an object database that several processes share.
 //
-// It may be started, ended and killed at any time: at every start it brings target and database together. Which database that is,
-// logging and the run directory are the platform's configuration.
+// It may be started, ended and killed at any time: at every start it reconciles target and database. The database, logging and
+// the run directory come from the platform's configuration.
 #include <errno.h>
 
 #include <CLI/CLI.hpp>
@@ -21,22 +21,22 @@ namespace {
 
 using programmer::kProcess;
 
-// An option that is not given takes the environment variable that sets the service within the daemon.
+// A missing option is taken from the environment variable that configures the service within the daemon.
 void add_options(CLI::App &app, programmer::Options &options) {
   const auto add = [&app](const char *name, auto &value, const char *variable, const char *help) {
     app.add_option(name, value, help)->envname(variable)->capture_default_str();
   };
-  add("--target", options.target, "KELIM_PROGRAMMER_TARGET", "what is programmed: sim or linux");
+  add("--target", options.target, "KELIM_PROGRAMMER_TARGET", "the target to program: sim or linux");
   add("--size", options.size, "KELIM_PROGRAMMER_SIZE", "flows that fit");
-  add("--delay", options.delay_ms, "KELIM_PROGRAMMER_DELAY_MS", "answers come that many milliseconds later");
+  add("--delay", options.delay_ms, "KELIM_PROGRAMMER_DELAY_MS", "delay of answers in milliseconds");
   add("--script", options.script, "KELIM_PROGRAMMER_SCRIPT", "exceptions, such as fail=3,17-19;resource=5;delay=7:200;silent=9");
-  add("--seed", options.seed, "KELIM_PROGRAMMER_SEED", "of the script's random choices");
+  add("--seed", options.seed, "KELIM_PROGRAMMER_SEED", "seed of the script's random choices");
   add("--counter-interval", options.counter_interval_ms, "KELIM_PROGRAMMER_COUNTER_INTERVAL_MS",
       "milliseconds between counter reports, 0 for none");
-  add("--counter-rate", options.counter_rate, "KELIM_PROGRAMMER_COUNTER_RATE", "packets a second that every flow counts");
+  add("--counter-rate", options.counter_rate, "KELIM_PROGRAMMER_COUNTER_RATE", "packets per second that every flow counts");
   add("--packet-in-rate", options.packet_in_rate, "KELIM_PROGRAMMER_PACKET_IN_RATE",
-      "packets a second that a port of linux sends to controllers");
-  add("--packet-in-burst", options.packet_in_burst, "KELIM_PROGRAMMER_PACKET_IN_BURST", "of these, at once");
+      "packets per second that a port of the target linux sends to controllers");
+  add("--packet-in-burst", options.packet_in_burst, "KELIM_PROGRAMMER_PACKET_IN_BURST", "how many of these it may send at once");
   app.add_flag("--service-chain,!--no-service-chain", options.service_chain, "translate service-chain flows")
       ->envname("KELIM_PROGRAMMER_SERVICE_CHAIN")
       ->capture_default_str();
@@ -47,15 +47,15 @@ int fail(const char *why) {
   return 1;
 }
 
-// The service works in every role; the platform has to know that no other one may on the same databases.
+// The service works in every role; the platform must know its databases, because no other service may work on them.
 constexpr std::int32_t kDatabases[] = {QX_MOM_UDP_DB, QX_MOM_APP_DB};
 int any_role(void *, void *) {
   return 0;
 }
 
-constexpr int kBadConfiguration = 78;  // exit status, EX_CONFIG of sysexits.h: starting it again does not help
+constexpr int kBadConfiguration = 78;  // exit status, EX_CONFIG of sysexits.h: a restart does not help
 
-// The whole life of the process once its options are known; the exit status.
+// Runs the process once its options are known; returns the exit status.
 int serve(const programmer::Options &options) {
   if (const int taken = libss_fp_com_check_run("/var/run/kelim-programmer.pid"); taken != 0) return taken;
   qx_global *global = qx_global_init(kProcess, nullptr);
@@ -93,8 +93,8 @@ int serve(const programmer::Options &options) {
 int run(int argc, char **argv) {
   programmer::Options options;
   CLI::App app(
-      "Installs the flows, meters and controller addresses of the object database in a target and writes back what became of "
-      "them.");
+      "Installs the flows, meters and controller addresses of the object database in a target and writes the results "
+      "back.");
   app.set_version_flag("--version", "kelim-programmer " KELIM_VERSION);
   add_options(app, options);
   try {
@@ -114,6 +114,6 @@ int main(int argc, char **argv) {
   } catch (const std::exception &error) {
     return fail(error.what());
   } catch (...) {
-    return fail("ended by something that is no std::exception");
+    return fail("ended by an exception that is not a std::exception");
   }
 }

@@ -18,7 +18,7 @@
 namespace programmer {
 namespace {
 
-// What the daemon says of packets to the controllers: published, never stored.
+// The daemon's signals about packets to the controllers, which are published and never stored.
 struct PacketSignal {
   Target &target;
   void notified(const qx_obj &msg) const {
@@ -28,7 +28,7 @@ struct PacketSignal {
 };
 
 struct Service {
-  // Throws std::runtime_error where this machine cannot be the target.
+  // Throws std::runtime_error if this machine cannot be the target.
   Service(qx_global *global, const Options &options)
       : context{global, qx_zlog_init("programmer"), {}},
         service_chain(options.service_chain),
@@ -53,7 +53,7 @@ struct Service {
   Chain chain;
 };
 
-// The service of this process: the platform's callbacks carry no argument of their own.
+// The service of this process; a global, because the platform's callbacks carry no argument.
 std::unique_ptr<Service> g_service;
 
 // ---- subscriptions
@@ -114,11 +114,11 @@ int show(const std::int64_t * /*args*/, std::uint32_t /*count*/) {
   if (!now) return QX_FAILED;
   const auto line = [](const char *what, std::uint64_t number) { std::printf("%-36s%12" PRIu64 "\n", what, number); };
   line("flows in the target", now->flows);
-  line("room for", now->size);
+  line("capacity", now->size);
   line("meters in the target", now->meters);
   line("controller addresses", now->addresses);
-  line("answers that wait for their time", now->waiting);
-  line("answers the database did not take yet", now->owed);
+  line("answers waiting for their delay", now->waiting);
+  line("answers not yet accepted", now->owed);
   line("answered installed", now->installed);
   line("answered failed", now->failed);
   line("answered out of resources", now->resource);
@@ -130,7 +130,7 @@ int show(const std::int64_t * /*args*/, std::uint32_t /*count*/) {
   return 0;
 }
 
-// Lists the flows that are in force in the target, one key a line, as the database's tools write it.
+// Lists the flows that are in force in the target, one key per line, as the database's tools write it.
 int list_flows(const std::int64_t * /*args*/, std::uint32_t /*count*/) {
   if (!g_service) return QX_FAILED;
   const KnownFlows &table = g_service->flows.table();

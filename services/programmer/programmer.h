@@ -1,14 +1,14 @@
-// The programming service: applies flow, meter and controller-address records to a target and writes back what became of them.
+// The programming service: applies flow, meter and controller-address records to a target and writes the results back.
 //
 // It reads `flow`, `meter` and `onc_ip` of database 8, and with service_chain also `parse_flow` of database 4; it writes
 // `flow_sta` (rep_uuid = the request's req_uuid), the status of meters and controller addresses, `flow_counter`, and with
 // service_chain `flow_to_ace`. A rewrite of an unchanged installed flow is answered without touching the target. A deleted flow
 // leaves the target together with its flow_sta and flow_counter records. Records that cannot be read are logged once per kind,
-// counted and skipped. When a subscription goes live, at start and after every reconnect, the service reads what is there: it
-// installs it, answers what was never answered and removes what has gone; counters go on from the stored sums.
+// counted and skipped. When a subscription goes live, at start and after every reconnect, the service reads all records: it
+// installs them, answers unanswered requests and removes flows whose records are gone; counters continue from the stored sums.
 //
 // It is not part of the daemon: with the embedded store it runs in the daemon's process, started by the host platform; with a
-// store of its own it is the program kelim-programmer. Both use only the platform contract.
+// shared store it is the program kelim-programmer. Both use only the platform contract.
 //
 // Threads: every call and everything it does belongs to the loop's thread of qx_runtime.h.
 #pragma once
@@ -21,21 +21,21 @@
 
 namespace programmer {
 
-// The process that is nothing but the service, and its runtime.
+// Name of the stand-alone service's process and runtime.
 inline constexpr char kProcess[] = "kelim-programmer";
 
-// The target and what surrounds it. Delay, script, seed and counter_rate are the simulated target's.
+// Options of the target and the service. Delay, script, seed and counter_rate belong to the simulated target.
 struct Options {
   std::string target = "sim";                // "sim", or "linux": the machine's own interfaces (docs/dataplane.md)
   std::uint32_t size = 4096;                 // flows that fit; one more is refused as out of resources
-  std::uint32_t delay_ms = 0;                // answers to flows come that much later; 0: at once
+  std::uint32_t delay_ms = 0;                // delay of answers to flows; 0: none
   std::string script;                        // exceptions, see below; empty: none
-  std::uint64_t seed = 1;                    // of the script's random choices
-  std::uint32_t counter_interval_ms = 1000;  // how often counters are read and written; 0: never, no flow is idle then
-  std::uint32_t counter_rate = 0;  // packets a second by which every installed flow's counters grow; 0: they stand still
+  std::uint64_t seed = 1;                    // seed of the script's random choices
+  std::uint32_t counter_interval_ms = 1000;  // interval of reading and writing counters; 0: never, and no flow becomes idle
+  std::uint32_t counter_rate = 0;            // packets per second by which every installed flow's counters grow; 0: not at all
   std::uint32_t packet_in_rate =
       1000;  // packets a second that each port of the target linux sends to controllers; 1 to a million
-  std::uint32_t packet_in_burst = 100;  // that many at once
+  std::uint32_t packet_in_burst = 100;  // how many of these at once
   bool service_chain = true;            // translate parse_flow records into access-control entries
 };
 
@@ -54,32 +54,32 @@ struct Options {
 //   P%          P of a hundred, chosen at random from the seed
 //   *           every one
 //
-// Of several verbs that fit one request, silent wins over resource, resource over fail; of several delays the first.
+// If several verbs fit one request, silent wins over resource and resource over fail; of several delays the first one counts.
 
-// An empty text when a service can be started with `options`, otherwise what is wrong and what is allowed.
+// Empty if a service can be started with `options`, otherwise a text that says what is wrong and what is allowed.
 std::string check(const Options &options);
-// The same of the script alone.
+// As check(), for the script alone.
 std::string check_script(const Options &options);
 
 // Starts the service on `global`, whose databases this process has connected or will connect itself. 0; QX_INVALID for options
 // that check() refuses or a null handle; QX_FAILED when it runs already or the first timer cannot be armed; QX_UNSUPPORTED when
-// this machine cannot be the target, `why` then says in one line what is missing.
+// this machine cannot be the target: `why` then says in one line what is missing.
 int start_embedded(qx_global *global, const Options &options, std::string *why = nullptr);
 
-// Ends the service: nothing is answered afterwards. Call it once the loop has ended, before the runtime is released. Repeating
-// it, or calling it without a start, is harmless.
+// Ends the service: nothing is answered afterwards. To be called once the loop has ended, before the runtime is released.
+// Repeating it, or calling it without a start, is harmless.
 void stop_embedded();
 
-// What the service holds, and what it has done since its start.
+// The service's contents, and its work since the start.
 struct Totals {
-  std::uint64_t flows, size, meters, addresses;                   // in the target, and the flows it has room for
-  std::uint64_t waiting, owed;                                    // answers that wait for their time, for the database
-  std::uint64_t installed, failed, resource, untouched, removed;  // flows; untouched: unchanged, the target was not asked
+  std::uint64_t flows, size, meters, addresses;                   // in the target; size: the flows that fit
+  std::uint64_t waiting, owed;                                    // answers waiting for their delay; for the database
+  std::uint64_t installed, failed, resource, untouched, removed;  // flows; untouched: answered without asking the target
   std::uint64_t counters, translated;                             // counter records written, service-chain flows translated
   std::uint64_t skipped;                                          // records that cannot be read
 };
 
-// Nothing while no service runs.
+// std::nullopt while no service runs.
 std::optional<Totals> totals();
 
 }  // namespace programmer

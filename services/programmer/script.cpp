@@ -37,7 +37,7 @@ bool parse_verb(std::string_view text, Script::Verb &verb) {
   return false;
 }
 
-// A well-mixed number of a request, the same for the same seed (splitmix64's finaliser).
+// A well-mixed number for a request, reproducible for a given seed (splitmix64's finaliser).
 std::uint64_t mix(std::uint64_t x) {
   x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9u;
   x = (x ^ (x >> 27)) * 0x94d049bb133111ebu;

@@ -16,13 +16,13 @@ class Script {
   // Reads `text`. False when it is malformed: `error` then says where and what is allowed, and the script is unchanged.
   bool parse(std::string_view text, std::uint64_t seed, std::string &error);
 
-  // What becomes of the request for flow `index` that reached the target as number `arrival`.
+  // The answer to the request for flow `index` that reached the target as number `arrival`.
   Answer answer(std::uint64_t arrival, std::uint64_t index) const;
-  // How much later it is answered, in milliseconds.
+  // The delay of that answer in milliseconds.
   std::uint32_t delay_ms(std::uint64_t arrival, std::uint64_t index, std::uint32_t otherwise) const;
   bool meter_fails(std::uint32_t id) const;
 
-  // Whether requests differ in their delay, so that answers may overtake each other.
+  // True if delays differ between requests, so that answers may overtake each other.
   bool delays_differ() const { return delays_differ_; }
 
  private:
@@ -30,7 +30,7 @@ class Script {
   struct Rule {
     Verb verb;
     By by;
-    std::uint64_t first, last;  // of percent: `first` is the share, `last` the rule's place, which sets its choices apart
+    std::uint64_t first, last;  // of kPercent: `first` is the share, `last` the rule's position, which varies its choices
     std::uint32_t delay_ms;
   };
 

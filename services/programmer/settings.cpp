@@ -9,7 +9,7 @@ constexpr auto kInstalling = S_POLICY_KELIM__STATUS_E__STATUS_INSTALLING;
 constexpr auto kInstalled = S_POLICY_KELIM__STATUS_E__STATUS_INSTALLED;
 constexpr auto kFailed = S_POLICY_KELIM__STATUS_E__STATUS_FAILED;
 
-// The record of a notification or a scanned object; null when there is none or it has no key.
+// The record of a notification or a scanned object; null when it is missing or has no key.
 template <typename Record>
 const Record *record_of(const qx_obj &msg) {
   const void *value = msg.value;
@@ -52,8 +52,8 @@ void SettingRecords<Kind>::notified(const qx_obj &msg) {
   }
 }
 
-// Only INSTALLING asks for something; any other status is an answer of our own. In a scan it may be the answer of an earlier
-// life, whose target has gone with it.
+// Only INSTALLING is a request; any other status is this service's answer. In a scan it may be the answer of an earlier process,
+// whose target is gone.
 template <typename Kind>
 void SettingRecords<Kind>::written(const qx_obj &msg) {
   const auto *record = record_of<Record>(msg);
@@ -72,8 +72,8 @@ void SettingRecords<Kind>::deleted(const qx_obj &msg) {
   if (known_.erase(Kind::key(*record)) != 0) Kind::remove(target_, Kind::key(*record));
 }
 
-// Puts the status into the stored record, unless that has gone or become another request in the meantime: writing would then
-// bring back what was deleted, or answer a request that nobody looked at.
+// Puts the status into the stored record, unless the record has been deleted or become another request in the meantime: writing
+// would then restore a deleted record, or answer a request that was never handled.
 template <typename Kind>
 bool SettingRecords<Kind>::confirm(const Record &asked, SPolicyKelim__StatusE status) {
   int rv = 0;
@@ -88,7 +88,7 @@ bool SettingRecords<Kind>::confirm(const Record &asked, SPolicyKelim__StatusE st
   return true;
 }
 
-// The record was deleted between our look at it and our answer, which has brought it back. Asked for anew, it stays.
+// The record was deleted between our read and our answer, which has restored it. If it has been requested again, it stays.
 template <typename Kind>
 void SettingRecords<Kind>::take_back(const Record &answer) {
   int rv = 0;

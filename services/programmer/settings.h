@@ -18,7 +18,7 @@ namespace programmer {
 
 using SettingKey = std::pair<std::uint32_t, std::uint32_t>;  // the two fields of the record's key, in their order
 
-// How one record type meets the target.
+// Connects one record type to the target.
 struct MeterKind {
   using Record = SPolicyKelim__Meter;
   static constexpr const char *kName = "meter record";
@@ -53,13 +53,13 @@ class SettingRecords {
             context.global->master, [](void *self) { return static_cast<SettingRecords *>(self)->resynchronise(); }, this,
             "programmer settings again") {}
 
-  // A notification of the type, decoded, in a holder or not.
+  // A notification of the type, decoded, with or without a holder (qx_mom_hash_value).
   void notified(const qx_obj &msg);
 
  private:
   void written(const qx_obj &msg);
   void deleted(const qx_obj &msg);
-  // False when the database did not take the answer.
+  // False when the database did not accept the answer.
   bool confirm(const Record &asked, SPolicyKelim__StatusE status);
   void take_back(const Record &answer);
   struct Free {
@@ -72,8 +72,8 @@ class SettingRecords {
 
   Context &context_;
   Target &target_;
-  std::map<SettingKey, bool> known_;  // whether the resynchronisation that is going on has seen it
-  std::set<SettingKey> answers_;      // that were written and not told to us yet
+  std::map<SettingKey, bool> known_;  // value: seen by the resynchronisation in progress
+  std::set<SettingKey> answers_;      // written, but not yet notified back
   bool reading_ = false;              // the records handled now come from a scan
   CatchUp catch_up_;
 };

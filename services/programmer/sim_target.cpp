@@ -5,8 +5,8 @@
 namespace programmer {
 namespace {
 
-constexpr std::size_t kAnswersPerTurn = 1024;  // then the loop sees to the others
-constexpr std::uint64_t kOvertakingUs = 2000;  // how late an answer may be that overtakes another
+constexpr std::size_t kAnswersPerTurn = 1024;  // then the loop runs other work
+constexpr std::uint64_t kOvertakingUs = 2000;  // how late an overtaking answer may be
 
 }  // namespace
 
@@ -53,7 +53,7 @@ void SimTarget::install_flow(const FlowRequest &request, Bytes /*record*/) {
   wait_for_next();
 }
 
-// When the request is answered: after its delay, but not before an earlier one for the same flow.
+// The time of the answer: after its delay, but not before the answer to an earlier request for the same flow.
 std::uint64_t SimTarget::due_us(const FlowRequest &request, std::uint64_t now) {
   const std::uint64_t due = now + script_.delay_ms(arrivals_, request.key.index, delay_ms_) * std::uint64_t{1000};
   if (!script_.delays_differ()) return due;
@@ -111,7 +111,7 @@ void SimTarget::set_controller_address(std::uint32_t ip, bool present) {
   }
 }
 
-// Grows by whole packets of the time since the start, so that no fraction is lost between readings.
+// Computes whole packets from the time since the start, so that no fraction is lost between readings.
 void SimTarget::begin_reading() {
   const std::uint64_t packets = (now_us() - started_us_) / 1000 * rate_ / 1000;
   growth_ = {packets - grown_.packets, (packets - grown_.packets) * kBytesPerPacket};

@@ -18,7 +18,7 @@ class SimTarget final : public Target {
  public:
   static constexpr std::uint64_t kBytesPerPacket = 100;
 
-  // `options` are good (check()); `sink` lives as long as the target.
+  // `options` have passed check(); `sink` must outlive the target.
   SimTarget(qx_thread_master *master, const Options &options, FlowSink &sink);
 
   void install_flow(const FlowRequest &request, Bytes record) override;
@@ -34,7 +34,7 @@ class SimTarget final : public Target {
 
  private:
   struct Cell {
-    std::uint32_t life : 31 = 0;  // counts removals, so that an answer that waits knows whether its flow has gone
+    std::uint32_t life : 31 = 0;  // counts removals, so that a waiting answer can tell whether its flow has been removed
     std::uint32_t occupied : 1 = 0;
   };
   struct Waiting {
@@ -57,13 +57,13 @@ class SimTarget final : public Target {
   std::uint32_t used_ = 0;
   std::uint64_t arrivals_ = 0;
   std::vector<Cell> cells_;
-  std::vector<Waiting> waiting_;                                  // a heap, the next one due at its front
-  std::unordered_map<std::uint32_t, std::uint64_t> last_due_us_;  // by slot; only where delays differ
+  std::vector<Waiting> waiting_;                                  // a heap with the next due answer in front
+  std::unordered_map<std::uint32_t, std::uint64_t> last_due_us_;  // by slot; used only if delays differ
   Timer timer_;
   std::unordered_set<std::uint32_t> meters_, addresses_;
   std::uint64_t started_us_;
-  Counters grown_;   // by how much a flow that is there since the start has grown
-  Counters growth_;  // since the reading before
+  Counters grown_;   // growth of a flow that has been installed since the start
+  Counters growth_;  // since the previous reading
 };
 
 }  // namespace programmer

@@ -1,5 +1,5 @@
-// What the programming service applies records to. Narrow on purpose: a target knows neither the database nor the records'
-// history.
+// The interface of a target, to which the programming service applies records. It is narrow on purpose: a target knows neither
+// the database nor the records' history.
 //
 // Threads: the loop's thread.
 #pragma once
@@ -19,8 +19,8 @@ struct FlowKey {
   bool operator==(const FlowKey &) const = default;
 };
 
-// A request to install a flow. The slot is a small number that stands for the flow until it is removed, so that a target can keep
-// its own state of a flow in an array.
+// A request to install a flow. The slot is a small number that identifies the flow until it is removed, so that a target can keep
+// its own flow state in an array.
 struct FlowRequest {
   FlowKey key;
   std::uint32_t slot = 0;
@@ -35,7 +35,7 @@ struct Counters {
   bool operator==(const Counters &) const = default;
 };
 
-// Where a target's answers go; may be called from inside install_flow.
+// Receives a target's answers; may be called from inside install_flow.
 class FlowSink {
  public:
   virtual void flow_answered(const FlowRequest &request, Outcome outcome) = 0;
@@ -48,25 +48,25 @@ class Target {
  public:
   virtual ~Target() = default;
 
-  // Installs the flow, or replaces what the slot holds; a failed replacement leaves nothing. `record` is the packed flow record,
-  // valid during the call. Every request is answered once, unless its slot is removed before.
+  // Installs the flow, or replaces the slot's flow; after a failed replacement the slot is empty. `record` is the packed flow
+  // record, valid during the call. Every request is answered once, unless its slot is removed first.
   virtual void install_flow(const FlowRequest &request, Bytes record) = 0;
-  // Empties the slot and forgets requests for it. Harmless for a slot that holds nothing.
+  // Empties the slot and drops requests for it. Harmless for an empty slot.
   virtual void remove_flow(std::uint32_t slot) = 0;
-  // Whether the slot's flow is in force.
+  // True if the slot's flow is in force.
   virtual bool holds(std::uint32_t slot) const = 0;
 
   virtual Outcome install_meter(std::uint32_t id, Bytes meter_data) = 0;
   virtual void remove_meter(std::uint32_t id) = 0;
-  // Whether controllers want packets, as the daemon says; a target without packets of its own has nothing to do.
+  // Tells whether controllers want packets, according to the daemon; a target without real packets ignores it.
   virtual void want_packets(bool) {}
   virtual void set_controller_address(std::uint32_t ip, bool present) = 0;
 
-  // Whether counters can move at all; without that they are never read.
+  // False if counters can never change; they are then never read.
   virtual bool counts() const = 0;
-  // A round of read_counters calls begins.
+  // Begins a round of read_counters calls.
   virtual void begin_reading() = 0;
-  // `sums` holds what the slot's flow had counted when it was read last and receives its present totals.
+  // `sums` holds the totals of the slot's flow at the previous reading and receives the present ones.
   virtual void read_counters(std::uint32_t slot, Counters &sums) = 0;
 
   struct Usage {
@@ -74,7 +74,7 @@ class Target {
   };
   virtual Usage usage() const = 0;
 
-  // What else an operator may want to know, one number at a time.
+  // Passes further numbers for the operator to `tell`, one at a time.
   using Tell = std::function<void(const char *what, std::uint64_t number)>;
   virtual void describe(const Tell &) const {}
 };

@@ -27,7 +27,7 @@ std::unique_ptr<Target> make_linux(const Context &context, const Options &option
 }
 #else
 std::unique_ptr<Target> make_linux(const Context &, const Options &, FlowSink &, std::string &why) {
-  why = "this build is without it: clang or libbpf was missing when it was configured";
+  why = "this build lacks it, because clang or libbpf was missing when it was configured";
   return nullptr;
 }
 #endif
@@ -36,14 +36,14 @@ std::unique_ptr<Target> make_linux(const Context &, const Options &, FlowSink &,
 
 std::string check_target(const Options &options) {
   if (options.target != "sim" && options.target != "linux") {
-    return "\"" + options.target + "\" is no target; allowed are sim and linux";
+    return "\"" + options.target + "\" is not a target; allowed are sim and linux";
   }
   if (options.target == "linux" && (options.size == 0 || options.size > kLinuxFlows)) {
     return "the target linux holds 1 to " + std::to_string(kLinuxFlows) + " flows, not " + std::to_string(options.size);
   }
   const auto allowed = [](std::uint32_t value) { return value >= 1 && value <= kMostPackets; };
   if (!allowed(options.packet_in_rate) || !allowed(options.packet_in_burst)) {
-    return "of packets to controllers the rate and the burst are 1 to " + std::to_string(kMostPackets);
+    return "rate and burst of packets to controllers must be 1 to " + std::to_string(kMostPackets);
   }
   return "";
 }

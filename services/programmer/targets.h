@@ -1,4 +1,4 @@
-// The targets there are, by name.
+// The available targets, by name.
 #pragma once
 
 #include <memory>
@@ -10,11 +10,11 @@
 
 namespace programmer {
 
-// An empty text when there is a target of that name that can be as large, otherwise what is allowed.
+// Empty if the named target exists and supports the options, otherwise a text that says what is allowed.
 std::string check_target(const Options &options);
 
-// Throws std::runtime_error, with one line that names what is missing, where this machine cannot be the target. `context` and
-// `sink` live as long as the target.
+// Throws std::runtime_error, with one line that names what is missing, if this machine cannot be the target. `context` and `sink`
+// must outlive the target.
 std::unique_ptr<Target> make_target(const Context &context, const Options &options, FlowSink &sink);
 
 }  // namespace programmer

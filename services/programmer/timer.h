@@ -18,7 +18,7 @@ class Timer {
 
   bool armed() const { return armed_; }
 
-  // Runs the action in that many microseconds; nothing happens while it is armed already.
+  // Runs the action after that many microseconds; does nothing if the timer is already armed.
   bool arm(std::uint64_t us) {
     if (armed_) return true;
     constexpr std::uint64_t kSecond = 1'000'000;

@@ -18,13 +18,13 @@ START_LIMIT = 60  # seconds; sanitizer builds on a busy machine are slow
 
 
 class Failed(Exception):
-    """Something did not come out as it has to; the text is for the user."""
+    """An expectation was not met; the text is for the user."""
 
 
 class Port:
-    """A TCP port of 127.0.0.1 that the system gives to nobody else while this object lives.
+    """A TCP port of 127.0.0.1 that the system assigns to nobody else while this object lives.
 
-    It is bound and does not listen: a server that sets SO_REUSEADDR, as they all do, can take it, any number of times.
+    It is bound but does not listen: a server that sets SO_REUSEADDR, as they all do, can use it any number of times.
     """
 
     def __init__(self):
@@ -38,7 +38,7 @@ class Port:
 
 
 def wait_until(condition, limit, what):
-    """Waits for the condition to give something true, which is the result."""
+    """Waits until the condition returns something true, and returns that."""
     end = time.monotonic() + limit
     while True:
         result = condition()
@@ -106,7 +106,7 @@ class Daemon:
         return self
 
     def ready(self):
-        """Whether the daemon serves its port and has gone through the first synchronisation, which the first connection starts."""
+        """True once the daemon serves its port and has finished the first synchronisation, which the first connection starts."""
         if self.process.poll() is not None:
             raise Failed(f"the daemon ended with status {self.process.returncode}:\n{self.output()[-2000:]}")
         try:
@@ -118,7 +118,7 @@ class Daemon:
         return re.search(r"DS +[1-9]\d* +[1-9]", counted)
 
     def stop(self, how=signal.SIGTERM, limit=20):
-        """Ends the daemon; its exit status."""
+        """Ends the daemon and returns its exit status."""
         self.process.send_signal(how)
         return self.process.wait(limit)
 
@@ -135,7 +135,7 @@ class Daemon:
         )
 
     def ask(self, *arguments):
-        """What kelimctl prints; a failure of it is one of ours."""
+        """Returns kelimctl's output; raises Failed if it fails."""
         result = self.kelimctl(*arguments)
         if result.returncode != 0:
             raise Failed(f"kelimctl {' '.join(map(str, arguments))} ended with {result.returncode}: {result.stderr.strip()}")
@@ -155,7 +155,7 @@ class Daemon:
 
 
 class System(Daemon):
-    """Redis, kelim-programmer and the daemon as processes of their own, kept running by tools/demo/supervise, which is `process`."""
+    """Redis, kelim-programmer and the daemon as separate processes, kept running by tools/demo/supervise, which is `process`."""
 
     NAMES = ("redis-server", "kelim-programmer", "ssc_kelim")
 
@@ -168,11 +168,11 @@ class System(Daemon):
         self.command_line = [pathlib.Path(__file__).parents[2] / "tools" / "demo" / "supervise", bin_dir]
 
     def ready(self):
-        """The daemon, and the programming service, which may take longer to find its database."""
+        """True once the daemon is ready and the programming service too, which may take longer to find its database."""
         return super().ready() and self.kelimctl("--process", "kelim-programmer", "cmd", "programmer", "flows").returncode == 0
 
     def pids(self, name):
-        """Of that process since the start, the present one last."""
+        """Process ids that the named service has had since the start, the present one last."""
         return [int(pid) for pid in re.findall(rf"{name} is started \(pid (\d+)\)", self.output())]
 
     def signal(self, name, how):

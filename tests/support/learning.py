@@ -1,24 +1,24 @@
-"""A learning switch: a controller that knows of a network only what its packets tell.
+"""A learning switch: a controller that learns a network from its packets alone.
 
-What no flow matches comes to it. It notes where the sender is, sends the packet where the receiver is, or everywhere while that is not
-known, and adds a flow for the packets that follow.
+Packets that match no flow come to it. It notes the sender's port, sends the packet to the receiver's port, or to all ports while that is
+unknown, and adds a flow for the packets that follow.
 """
 
 import threading
 
 import openflow
 
-PRIORITY = 1  # of what it has learnt
+PRIORITY = 1  # of the learnt flows
 
 
 class LearningSwitch(threading.Thread):
-    """Has shaken hands, and its flow for everything unknown is in force, when it has been made; start() sets it to work."""
+    """The constructor completes the handshake and installs the flow for unknown packets; start() begins the learning."""
 
     def __init__(self, port):
         super().__init__(daemon=True)
         self.client = openflow.Client(port).handshake()
         self.known = {}  # address -> port
-        self.seen = []  # packets that came
+        self.seen = []  # packets received
         miss = openflow.flow_mod(openflow.ADD, openflow.match(), openflow.apply_actions(openflow.output(openflow.CONTROLLER)), priority=0)
         self.client.send(openflow.FLOW_MOD, miss)
         self.client.barrier()

@@ -1,7 +1,7 @@
-"""A switch and its hosts in network namespaces of this process's own; nothing of the machine's network is touched.
+"""A switch and its hosts in private network namespaces; the machine's own network stays untouched.
 
-The process itself, with what it starts from then on, moves into the switch's namespace. Host N is 10.0.0.N behind the interface port
-"pN" of the switch; hosts know each other's addresses, so that no packet crosses the switch that nobody has asked for.
+The process itself, with everything it starts later, moves into the switch's namespace. Host N is 10.0.0.N behind the interface
+"pN" of the switch; hosts know each other's addresses, so that no unrequested packet crosses the switch.
 """
 
 import ctypes
@@ -28,7 +28,7 @@ BPF_MAP_CREATE, BPF_MAP_TYPE_ARRAY = 0, 2
 
 
 def may_have_maps():
-    """Whether the kernel lets this process have a map for programs; a container may forbid it whatever the capabilities are."""
+    """True if the kernel lets this process create a BPF map, which a container may forbid whatever the capabilities are."""
     wanted = struct.pack("=IIII112x", BPF_MAP_TYPE_ARRAY, 4, 8, 1)
     descriptor = libc.syscall(BPF_CALL.get(platform.machine(), -1), BPF_MAP_CREATE, wanted, len(wanted))
     if descriptor >= 0:
@@ -37,7 +37,7 @@ def may_have_maps():
 
 
 def missing():
-    """What this process lacks, in words; empty when it can have a network of its own and programs in it."""
+    """The missing privileges, in words; empty if this process can create private networks and load programs there."""
     status = pathlib.Path("/proc/self/status").read_text()
     held = int(re.search(r"^CapEff:\s*(\w+)", status, re.M)[1], 16)
     lacking = [name for name, bit in NEEDED.items() if not held >> bit & 1]
@@ -71,7 +71,7 @@ class Host:
         return run(*self.words(*words))
 
     def plug(self, peers):
-        """Connects the host, once more after its cable has been pulled."""
+        """Connects the host to the switch, again if its cable was pulled."""
         port = f"p{self.number}"
         run("ip", "link", "add", port, "type", "veth", "peer", "name", "eth0", "address", self.mac, "netns", self.process.pid)
         run("ip", "link", "set", port, "up")
@@ -82,13 +82,13 @@ class Host:
                 self.run("ip", "neighbour", "replace", f"10.0.0.{peer}", "lladdr", mac(peer), "dev", "eth0", "nud", "permanent")
 
     def ping(self, other, count=1, wait=1):
-        """How many of the pings were answered."""
+        """Returns the number of answered pings."""
         command = self.words("ping", "-n", "-q", "-i", 0.01, "-c", count, "-W", wait, other.address)
         result = subprocess.run([str(word) for word in command], capture_output=True, text=True)
         return int(result.stdout.split(" received")[0].split()[-1])
 
     def socket(self):
-        """A socket for whole frames at the host's interface."""
+        """Opens a socket for whole frames on the host's interface."""
         own = os.open("/proc/thread-self/ns/net", os.O_RDONLY)
         there = os.open(f"/proc/{self.process.pid}/ns/net", os.O_RDONLY)
         try:
@@ -112,7 +112,7 @@ class Host:
 
 
 def receive(frames):
-    """The next frame, with its VLAN tag in its place though the kernel keeps it beside the frame."""
+    """The next frame with its VLAN tag, which the kernel delivers beside the frame, back in place."""
     frame, beside, _, _ = frames.recvmsg(1 << 16, 256)
     for level, kind, data in beside:
         status, _, _, _, _, tag, protocol = struct.unpack("=IIIHHHH", data[:20])
@@ -131,7 +131,7 @@ class Network:
         self.hosts = [Host(number) for number in numbers]
         for host in self.hosts:
             host.plug(numbers)
-        # What a daemon on this switch has to be told.
+        # Settings of a daemon on this switch.
         self.settings = {"programmer_target": "linux", "ports": ",".join(f"{n}:p{n}" for n in numbers)}
 
     def close(self):

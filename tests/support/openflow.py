@@ -11,7 +11,7 @@ FLOW_MOD, MULTIPART_REQUEST, MULTIPART_REPLY, BARRIER_REQUEST, BARRIER_REPLY, ME
 ADD, MODIFY, DELETE, DELETE_STRICT = 0, 1, 3, 4
 NO_BUFFER = ANY = 0xFFFFFFFF
 IN_PORT, TABLE, NORMAL, FLOOD, ALL, CONTROLLER, LOCAL = (0xFFFFFFF0 + n for n in (8, 9, 10, 11, 12, 13, 14))
-NO_MATCH, ACTION = 0, 1  # why a packet comes
+NO_MATCH, ACTION = 0, 1  # reasons of packet-ins
 HEADER = struct.Struct("!BBHI")
 
 Message = collections.namedtuple("Message", "type xid raw")
@@ -72,12 +72,12 @@ def flow_mod(command, flow_match, instructions=b"", priority=100, table=0, cooki
 
 
 def meter_mod(number, rate, command=ADD):
-    """A meter that drops what is above the rate, in kilobits a second."""
+    """A meter that drops packets above the rate, in kilobits per second."""
     return struct.pack("!HHI", command, 1, number) + struct.pack("!HHII4x", 1, 16, rate, 0)
 
 
 class Client:
-    PATIENCE = 60  # seconds for an answer, which a sanitizer's build on a busy machine may take
+    PATIENCE = 60  # seconds for an answer, because sanitizer builds on a busy machine are slow
 
     def __init__(self, port, host="127.0.0.1", source=""):
         self.socket = socket.create_connection((host, port), timeout=self.PATIENCE, source_address=(source, 0))
@@ -102,7 +102,7 @@ class Client:
         return self
 
     def frame(self, kind, body=b"", xid=None):
-        """The bytes of one message; its transaction id is the client's next one unless given. Remembers it as self.xid."""
+        """The bytes of one message; its transaction id, kept as self.xid, is the client's next one unless given."""
         self.xid = self.xid + 1 if xid is None else xid
         return HEADER.pack(VERSION, kind, HEADER.size + len(body), self.xid) + body
 
@@ -121,7 +121,7 @@ class Client:
         return self.send(FLOW_MOD, flow_mod(DELETE, match(), table=0xFF))
 
     def receive(self):
-        """The next message; echo requests are answered on the way. EOFError when the other side has closed."""
+        """The next message; echo requests are answered meanwhile. EOFError when the other side has closed."""
         while True:
             while len(self.received) < HEADER.size or len(self.received) < self._length():
                 data = self.socket.recv(1 << 16)
@@ -142,7 +142,7 @@ class Client:
         return length
 
     def barrier(self):
-        """Sends a barrier and waits for its reply; what came before it, in order."""
+        """Sends a barrier, waits for its reply and returns the messages that came before it, in order."""
         xid = self.send(BARRIER_REQUEST)
         before = []
         while True:
@@ -167,7 +167,7 @@ class Client:
         return entries
 
     def quiet(self, seconds):
-        """What arrives within that time, which may be nothing."""
+        """The messages that arrive within that time, possibly none."""
         messages = []
         self.socket.settimeout(seconds)
         try:

@@ -1,4 +1,4 @@
-"""How the demonstrations show what they do, and check it."""
+"""The framework of the demonstrations: shows commands with their output and checks expectations."""
 
 import re
 import subprocess
@@ -9,7 +9,7 @@ from daemon import Failed
 
 
 class Steps:
-    """The steps of a demonstration: run() of a class that is one of these goes through them."""
+    """A demonstration in steps, which run() of a derived class goes through."""
 
     def __init__(self, daemon):
         self.daemon = daemon
@@ -24,7 +24,7 @@ class Steps:
             self.failed.append(f"step {self.step}: {problem}")
 
     def result(self, hint):
-        """Says how it went; the exit status."""
+        """Prints the outcome and returns the exit status."""
         print()
         if self.failed:
             print("NOT as expected:")
@@ -52,12 +52,12 @@ class Steps:
             self.failed.append(f"step {self.step}: {expectation}")
 
     def ofctl(self, command, *arguments):
-        """Runs ovs-ofctl and shows it; what it printed, errors included."""
+        """Runs and shows ovs-ofctl; returns its exit status and its output, errors included."""
         words = ["ovs-ofctl", "-O", "OpenFlow13", command, f"tcp:127.0.0.1:{self.daemon.port}", *arguments]
         print("      $ " + " ".join(f"'{word}'" if re.search(r"[^\w:.-]", word) else word for word in words))
         result = subprocess.run(words, capture_output=True, text=True, timeout=30)
         output = result.stdout + result.stderr
-        # The client shows the bytes of a refused request below the error; the first line says it all.
+        # The client shows the bytes of a refused request below the error; the first line is enough.
         shown = output.splitlines()[:1] if result.returncode else output.splitlines()
         for line in shown:
             print(f"        {line.strip()}")

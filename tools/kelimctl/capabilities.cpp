@@ -1,4 +1,4 @@
-// What controllers can expect of the agent.
+// kelimctl capabilities: what controllers can expect of the agent.
 #include "kelimctl/views.h"
 
 namespace kelimctl {
@@ -19,7 +19,7 @@ struct Section {
   std::vector<Member> members;
 };
 
-// What is not supported comes in one line below the table.
+// Unsupported entries are listed in one line below the table.
 std::string section_text(const Section &section, const Json &data, const Look &look) {
   Json supported = Json::array();
   std::string others;
@@ -39,7 +39,7 @@ std::string section_text(const Section &section, const Json &data, const Look &l
   return text;
 }
 
-// The errors, a row for each type.
+// The errors, one row per type.
 Json errors_by_type(const Json &errors) {
   Json rows = Json::array();
   for (const Json &error : errors) {
@@ -60,7 +60,7 @@ Json capabilities_data(Link &link, const ViewOptions &) {
 std::string capabilities_text(const Json &data, const Look &look) {
   const Member number{{"NUMBER", true}, "number"}, type{{"TYPE", true}, "type"}, name{{"NAME"}, "name"};
   const Section sections[] = {
-      {"Messages of controllers",
+      {"Messages from controllers",
        "messages",
        {type,
         name,
@@ -68,7 +68,7 @@ std::string capabilities_text(const Json &data, const Look &look) {
         {{"FROM A SLAVE"},
          "writes",
          [](const Json &row, const char *key) { return std::string(row.value(key, false) ? "no" : "yes"); }}}},
-      {"Flags of flow-mods", "flow_flags", {number, name}},
+      {"Flow-mod flags", "flow_flags", {number, name}},
       {"Match fields",
        "match_fields",
        {number, name, {{"MASK"}, "mask", yes_no}, {{"SET-FIELD"}, "set", yes_no}, {{"NEEDS", false, true}, "needs"}}},
@@ -77,8 +77,8 @@ std::string capabilities_text(const Json &data, const Look &look) {
       {"Reserved ports for output",
        "reserved_ports",
        {number, name, {{"OF FLOWS"}, "flows", yes_no}, {{"OF PACKET-OUTS"}, "packet_outs", yes_no}}},
-      {"Bands of meters", "meter_bands", {number, name}},
-      {"Flags of meters", "meter_flags", {number, name}},
+      {"Meter bands", "meter_bands", {number, name}},
+      {"Meter flags", "meter_flags", {number, name}},
       {"Limits", "limits", {{{"WHAT"}, "name"}, {{"LIMIT", true}, "limit"}}},
       {"Errors", "errors_by_type", {type, {{"CODES", false, true}, "codes"}}},
   };

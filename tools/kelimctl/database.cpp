@@ -30,14 +30,14 @@ class InDaemon final : public Database {
   Link &link_;
 };
 
-// The host's own client of the database, in a runtime of its own: what the daemon's views show is made by the same code here.
+// Runs the host's own database client in a private runtime, so that the same code makes the views as in the daemon.
 class InServer final : public Database {
  public:
   explicit InServer(Link &link) : daemon_(link) {
     const std::string &url = host::config().mom.url;
     must_answer(url);
     const std::pair<const char *, std::string> settings[] = {
-        {"run_dir", std::filesystem::temp_directory_path()},  // nothing is put there
+        {"run_dir", std::filesystem::temp_directory_path()},  // nothing is written there
         {"control.enabled", "false"},
         {"metrics.listen", ""},
         {"programmer.embedded", "false"},
@@ -79,7 +79,7 @@ class InServer final : public Database {
     constexpr std::array kDatabases = {QX_MOM_ASIC_DB, QX_MOM_APP_DB, QX_MOM_UDP_DB};
     for (const std::int32_t db : kDatabases) qx_mom_client_connect(global_, db, count, nullptr);
     if (!host::run_until([&] { return connected == kDatabases.size(); }, kConnectLimit))
-      throw Problem(kNoProcess, "the server lets nobody listen");
+      throw Problem(kNoProcess, "cannot listen for changes on the server");
     const auto push = [&each](const auto &line) {
       if (!each(line())) host::stop_loop();
     };
@@ -92,7 +92,7 @@ class InServer final : public Database {
     if (!why.empty()) throw Problem(kUsage, why);
   }
 
-  // At once, where a process that starts beside the server would wait for it.
+  // Fails at once, whereas a process that starts beside the server would wait for it.
   static void must_answer(const std::string &url) {
     host::mom::RedisEndpoint endpoint;
     check(host::mom::configured_endpoint(host::config().mom, &endpoint));

@@ -7,11 +7,10 @@ namespace kelimctl {
 namespace {
 
 constexpr char kHead[] =
-    "# Configuration of ssc_kelim and kelim-programmer. A key that is commented out has the value that stands here. Every key "
-    "can\n"
-    "# also be set by its environment variable, KELIM_<SECTION>_<KEY>, which wins. `systemctl reload ssc_kelim` takes over "
-    "changed\n"
-    "# controllers and certificates, and tells which other changes need a restart.\n";
+    "# Configuration of ssc_kelim and kelim-programmer. A commented-out key has the value shown. Every key can also be set by\n"
+    "# its environment variable, KELIM_<SECTION>_<KEY>, which wins. `systemctl reload ssc_kelim` applies changed controllers "
+    "and\n"
+    "# certificates, and says which other changes need a restart.\n";
 
 constexpr char kPorts[] = "#[[ports]]\n#ifx = 1\n#name = \"eth1\"\n#phyid = 101\n#type = \"ethernet\"\n";
 

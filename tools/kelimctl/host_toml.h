@@ -1,12 +1,11 @@
-// The configuration file as it is delivered.
+// The default configuration file.
 #pragma once
 
 #include <string>
 
 namespace kelimctl {
 
-// A host.toml that says what the programs do without one: every key with its meaning, what is allowed and its default, commented
-// out.
+// A host.toml with every key commented out, with its meaning, the allowed values and the default.
 std::string host_toml();
 
 }  // namespace kelimctl

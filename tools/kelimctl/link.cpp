@@ -19,7 +19,7 @@ std::string group_name(gid_t id) {
   return found ? found->gr_name : std::to_string(id);
 }
 
-// Who may ask at the socket, or in a run directory that is closed to the caller.
+// Names those who may use the socket, or a run directory that is closed to the caller.
 std::string who_may(const std::string &path, const std::string &run_dir) {
   struct stat file {};
   const bool seen = stat(path.c_str(), &file) == 0;
@@ -41,9 +41,9 @@ void Link::connect() {
   throw Problem(
       kNoProcess,
       "No " + process_ + " answers (" + why +
-          ").\nStart it with `make run`, or with `systemctl start ssc_kelim` where it is installed; a run directory other "
+          ").\nStart it with `make run`, or with `systemctl start ssc_kelim` if it is installed. For a run directory other "
           "than " +
-          run_dir_ + " is given by --run-dir or KELIM_RUN_DIR.");
+          run_dir_ + " use --run-dir or KELIM_RUN_DIR.");
 }
 
 Json Link::request(const Json &call) {

@@ -1,4 +1,4 @@
-// The line to a running process: its control socket (host/control/control.h). Failures are told by exceptions that carry
+// The connection to a running process over its control socket (host/control/control.h). Failures are exceptions that carry
 // kelimctl's exit status.
 #pragma once
 
@@ -22,14 +22,15 @@ struct Problem : std::runtime_error {
 
 class Link {
  public:
-  // Nothing is connected before the first request.
+  // Connects at the first request.
   Link(std::string run_dir, std::string process) : run_dir_(std::move(run_dir)), process_(std::move(process)) {}
 
-  // The answer to {"call": ...}. What the process refuses as wrong is a Problem with status 2, what it cannot do now one with 1.
+  // The answer to {"call": ...}. Throws a Problem with status 2 for a call that the process rejects as wrong, with status 1 for
+  // one that it cannot carry out now.
   Json request(const Json &call);
-  // The data of a view.
+  // The data of one view.
   Json view(const std::string &name, const Json &args = Json::object());
-  // Every line of a feed to `each`, until that returns false or the process ends.
+  // Passes every line of a feed to `each`, until that returns false or the process ends.
   void watch(const std::string &name, const Json &args, const std::function<bool(const Json &line)> &each);
 
  private:

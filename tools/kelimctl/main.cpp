@@ -55,9 +55,9 @@ struct Choices {
   std::string output = "table";
   std::string level;  // of the log
   std::string type, key;
-  int status = kDone;  // of the exit
+  int status = kDone;  // exit status
   std::string url;     // of the database; the configured one when empty
-  bool keys = false;   // of a watch: no records
+  bool keys = false;   // a watch shows keys without records
 };
 
 void print(const std::string &text) {
@@ -81,7 +81,7 @@ std::string clock_text() {
   return text;
 }
 
-// On a terminal each picture takes the place of the one before; JSON comes a line each.
+// On a terminal each output replaces the one before; JSON output is one line each.
 void watch_view(Link &link, Choices &choices, const ViewCommand &view) {
   std::signal(SIGINT, [](int) { _exit(kDone); });
   const bool terminal = isatty(STDOUT_FILENO);
@@ -120,7 +120,7 @@ Json parse_arguments(const std::vector<std::string> &arguments) {
   for (const std::string &argument : arguments) {
     const std::size_t equals = argument.find('=');
     if (equals == std::string::npos || equals == 0)
-      throw Problem(kUsage, "\"" + argument + "\": arguments are given as ARG=VALUE");
+      throw Problem(kUsage, "\"" + argument + "\": an argument must have the form ARG=VALUE");
     const std::string name = argument.substr(0, equals);
     if (parsed.contains(name)) throw Problem(kUsage, "argument " + name + " is given twice");
     parsed[name] = argument.substr(equals + 1);
@@ -131,7 +131,7 @@ Json parse_arguments(const std::vector<std::string> &arguments) {
 void run_command(Link &link, const Choices &choices) {
   if (choices.list) return show(choices, link.request({{"call", "list"}}), modules_text);
   if (choices.command.empty())
-    throw Problem(kUsage, "cmd wants MODULE COMMAND [ARG=VALUE...]; kelimctl cmd --list shows what there is");
+    throw Problem(kUsage, "cmd needs MODULE COMMAND [ARG=VALUE...]; kelimctl cmd --list shows all commands");
   const Json answer = link.request(
       {{"call", "cmd"}, {"module", choices.module}, {"command", choices.command}, {"args", parse_arguments(choices.arguments)}});
   show(choices, answer, [](const Json &data, const Look &) { return data.value("output", ""); });
@@ -157,7 +157,7 @@ void show_stats(Database &database, const Choices &choices) {
   show(choices, database_stats(database), database_stats_text);
 }
 
-// One line of a watch; what is no change goes to standard error. False when nobody reads any more.
+// Prints one line of a watch; everything but changes goes to standard error. False once the output is closed.
 bool show_change(const Choices &choices, const Json &line) {
   if (line.contains("live")) {
     std::fputs("Watching; Ctrl-C ends.\n", stderr);
@@ -171,7 +171,7 @@ bool show_change(const Choices &choices, const Json &line) {
 }
 
 void watch_records(Database &database, const Choices &choices) {
-  std::signal(SIGINT, [](int) { _exit(kDone); });  // every line is out when the next is waited for
+  std::signal(SIGINT, [](int) { _exit(kDone); });  // loses nothing: each line is flushed before the next is awaited
   database.watch(watch_arguments(choices.type), [&](const Json &line) { return show_change(choices, line); });
 }
 
@@ -187,12 +187,11 @@ Json config_data() {
 
 std::string config_markdown() {
   std::string text =
-      "# Configuration\n\nThe host platform reads one TOML file: `/etc/kelim/host.toml`, or what `KELIM_CONF` names. A key "
-      "`section.key` stands in\n"
+      "# Configuration\n\nThe host platform reads one TOML file: `/etc/kelim/host.toml`, or what `KELIM_CONF` names. The key "
+      "`section.key` belongs in\n"
       "the table `[section]`; every key can also be set by its environment variable, which wins. An unknown key or a bad value "
       "stops the\n"
-      "start with the file (or variable), the key and what is allowed.\n\nThis page is what `kelimctl config --markdown` "
-      "prints.\n\n"
+      "start with the file (or variable), the key and the allowed values.\n\n`kelimctl config --markdown` prints this page.\n\n"
       "| key | variable | default | allowed | meaning |\n|---|---|---|---|---|\n";
   for (const host::ConfigKey &key : host::config_keys()) {
     const std::string fallback = key.fallback.empty() ? "" : "`" + key.fallback + "`";
@@ -201,14 +200,14 @@ std::string config_markdown() {
   return text;
 }
 
-// ---- what is in force in the process
+// ---- the process's effective configuration
 
 std::string effective_text(const Json &data, const Look &look) {
   return list_text(data.value("keys", Json::array()),
                    {{{"KEY"}, "key"}, {{"VALUE", false, true}, "value"}, {{"FROM", false, true}, "from"}}, "", look);
 }
 
-// Without a process: what one that is started from here would have.
+// Without a running process: the values of one started here.
 Json effective_here() {
   if (const std::string error = host::config_load(); !error.empty()) throw Problem(kUsage, error);
   Json keys = Json::array();
@@ -223,7 +222,7 @@ void show_effective(Link &link, const Choices &choices) {
     data = link.view("config");
   } catch (const Problem &problem) {
     if (problem.status != kNoProcess) throw;
-    std::fputs("No process answers; one that is started from here would have:\n", stderr);
+    std::fputs("No process answers; one started here would have:\n", stderr);
     data = effective_here();
   }
   show(choices, data, effective_text);
@@ -242,7 +241,7 @@ void show_config(const Choices &choices) {
 
 // ---- the command line
 
-// A user's own process comes before that of the machine.
+// A user's own process takes precedence over the system's.
 std::string run_dir_of(const std::string &process) {
   const std::string configured = host::config().run_dir;
   const auto is_there = [&](const std::string &dir) {
@@ -259,7 +258,7 @@ void explain(CLI::App *command, const std::string &examples) {
 }
 
 void add_look(CLI::App *command, Choices &choices) {
-  command->add_flag("--json", choices.view.json, "the data instead of a table");
+  command->add_flag("--json", choices.view.json, "JSON data instead of a table");
   command->add_option("-o,--output", choices.output, "table, wide (every column, long lines) or json")
       ->check(CLI::IsMember({"table", "wide", "json"}))
       ->capture_default_str();
@@ -267,10 +266,11 @@ void add_look(CLI::App *command, Choices &choices) {
 
 void add_filters(CLI::App *command, Choices &choices) {
   command->add_option("--cookie", choices.view.cookie, "only flows with this cookie, or COOKIE/MASK");
-  command->add_option("--match", choices.view.match, "only flows whose match has all of these, such as tcp,nw_dst=10.0.0.0/24");
+  command->add_option("--match", choices.view.match,
+                      "only flows whose match has all of these terms, such as tcp,nw_dst=10.0.0.0/24");
   command->add_option("--state", choices.view.state, "only flows in this state: sent or installed")
       ->check(CLI::IsMember({"sent", "installed"}));
-  command->add_option("--controller", choices.view.controller, "only flows that a controller with this address asked for last");
+  command->add_option("--controller", choices.view.controller, "only flows last requested by a controller with this address");
 }
 
 void add_numbers(CLI::App *command, Choices &choices) {
@@ -288,9 +288,9 @@ void add_views(CLI::App &app, Choices &choices, Action &action) {
     CLI::App *command = app.add_subcommand(view.name, view.help);
     explain(command, view.examples);
     add_look(command, choices);
-    command->add_option("--limit", choices.view.limit, "rows at most")->capture_default_str();
-    command->add_flag("-w,--watch", choices.watch, "again and again, until Ctrl-C");
-    command->add_option("--interval", choices.interval, "seconds between them")
+    command->add_option("--limit", choices.view.limit, "maximum number of rows")->capture_default_str();
+    command->add_flag("-w,--watch", choices.watch, "repeat until Ctrl-C");
+    command->add_option("--interval", choices.interval, "seconds between repetitions")
         ->check(CLI::Range(0.1, 86400.0))
         ->capture_default_str();
     if (view.name == std::string("flows")) add_filters(command, choices);
@@ -305,7 +305,7 @@ void add_log(CLI::App &app, Choices &choices, Action &action) {
   CLI::App *log = app.add_subcommand("log", "the log of the process");
   log->require_subcommand(1);
   CLI::App *level =
-      log->add_subcommand("level", "shows the least severe level that is kept, or sets it until the next reload or start");
+      log->add_subcommand("level", "shows the least severe level that is logged, or sets it until the next reload or start");
   level->add_option("LEVEL", choices.level, "debug, info, warning, error or off");
   explain(level, "  kelimctl log level\n  kelimctl log level debug\n  kelimctl --process kelim-programmer log level info\n");
   level->callback([&] { action = [&](Link &link) { log_level(link, choices); }; });
@@ -316,9 +316,9 @@ void add_cmd(CLI::App &app, Choices &choices, Action &action) {
   explain(command, "  kelimctl cmd --list\n  kelimctl cmd of_ss reload\n  kelimctl cmd ssc_kelim kelim_set_dbg dbg_val=0x3\n");
   command->add_option("MODULE", choices.module, "such as ssc_kelim");
   command->add_option("COMMAND", choices.command, "such as dump_ssc_ds_status");
-  command->add_option("ARGUMENTS", choices.arguments, "ARG=VALUE, each that the command has");
+  command->add_option("ARGUMENTS", choices.arguments, "ARG=VALUE for each argument of the command");
   command->add_flag("--list", choices.list, "shows every module and command");
-  command->add_flag("--json", choices.view.json, "the whole answer");
+  command->add_flag("--json", choices.view.json, "the whole answer as JSON");
   command->callback([&] { action = [&](Link &link) { run_command(link, choices); }; });
 }
 
@@ -329,15 +329,15 @@ void configure_database(const Choices &choices) {
 }
 
 void add_mom(CLI::App &app, Choices &choices, Action &action) {
-  CLI::App *mom = app.add_subcommand("mom", "looks into the object database: the Redis server itself where one is configured");
+  CLI::App *mom = app.add_subcommand("mom", "looks into the object database, directly in the Redis server if one is configured");
   explain(mom,
           "  kelimctl mom ls flow\n  kelimctl mom get flow 17:0\n  kelimctl mom watch flow_sta\n"
           "  kelimctl mom --url redis+unix:/run/redis.sock stats\n");
   mom->require_subcommand(1);
   mom->fallthrough();
-  mom->add_flag("--json", choices.view.json, "the data instead of text");
+  mom->add_flag("--json", choices.view.json, "JSON data instead of text");
   mom->add_option("--url", choices.url,
-                  "the database, otherwise as configured (KELIM_MOM_URL, host.toml); embedded: asks the process");
+                  "the database, by default as configured (KELIM_MOM_URL, host.toml); embedded: asks the process");
   const auto add = [&](const char *name, const char *help, void (*work)(Database &, const Choices &)) {
     CLI::App *command = mom->add_subcommand(name, help);
     command->callback([&choices, &action, work] {
@@ -350,20 +350,20 @@ void add_mom(CLI::App &app, Choices &choices, Action &action) {
   };
   CLI::App *ls = add("ls", "the record types, or the keys of one", list_records);
   ls->add_option("TYPE", choices.type, "such as flow");
-  ls->add_option("--limit", choices.view.limit, "keys at most")->capture_default_str();
+  ls->add_option("--limit", choices.view.limit, "maximum number of keys")->capture_default_str();
   CLI::App *get = add("get", "one record", get_record);
   get->add_option("TYPE", choices.type, "such as flow")->required();
   get->add_option("KEY", choices.key, "the fields of its key, such as 17:0")->required();
   CLI::App *watch = add("watch", "every change as it happens", watch_records);
-  watch->add_option("TYPE", choices.type, "such as flow; otherwise every type");
+  watch->add_option("TYPE", choices.type, "such as flow; every type if omitted");
   watch->add_flag("--keys", choices.keys, "without the records");
   add("stats", "objects, bytes and subscribers of each record type", show_stats);
 }
 
-// The one command that needs no running process, except for what is in force in one.
+// The only command that needs no running process; --effective asks one if it answers.
 void add_config(CLI::App &app, Choices &choices, Action &action, std::function<void()> &local) {
-  CLI::App *command = app.add_subcommand("config", "every configuration key: variable, default, what is allowed");
-  command->add_flag("--json", choices.view.json, "the data instead of text");
+  CLI::App *command = app.add_subcommand("config", "every configuration key: variable, default, allowed values");
+  command->add_flag("--json", choices.view.json, "JSON data instead of text");
   command->add_flag("--markdown", choices.markdown, "as docs/configuration.md");
   command->add_flag("--toml", choices.toml, "as a host.toml in which every key is commented out");
   command->add_flag("--effective", choices.effective, "the values in force in the process, and where they come from");
@@ -383,7 +383,7 @@ std::size_t terminal_width() {
   return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col >= 40 ? size.ws_col : Table::kWidth;
 }
 
-// Where a command was mistyped: the one that was probably meant.
+// Suggests the command that was probably meant.
 void suggest(const CLI::App &app) {
   const CLI::App *deepest = &app;
   while (!deepest->get_subcommands().empty()) deepest = deepest->get_subcommands().front();
@@ -406,8 +406,8 @@ int run(int argc, char **argv) {
   app.require_subcommand(0, 1);
   app.fallthrough();
   app.add_option("--run-dir", choices.run_dir,
-                 "run directory of the process, otherwise as the daemon finds it (KELIM_RUN_DIR, host.toml)");
-  app.add_option("--process", choices.process, "which process")->capture_default_str();
+                 "run directory of the process, by default as the daemon finds it (KELIM_RUN_DIR, host.toml)");
+  app.add_option("--process", choices.process, "the process to ask")->capture_default_str();
   add_views(app, choices, action);
   add_cmd(app, choices, action);
   add_mom(app, choices, action);

@@ -9,16 +9,16 @@
 
 namespace kelimctl {
 
-// How the text has to look.
+// Layout of the text.
 struct Look {
   std::size_t width = Table::kWidth;  // of the terminal
-  bool wide = false;                  // every column, however long the lines are
+  bool wide = false;                  // every column, whatever the line length
   bool markdown = false;              // tables as in a page of documentation
 };
 
-// A value as a cell: "-" for what is not there.
+// A value as a cell; "-" if it is missing.
 std::string cell(const Json &row, const char *key);
-// With one decimal.
+// As cell, with one decimal.
 std::string decimals(const Json &row, const char *key);
 
 // A column of a list of objects: its title, the member that it shows and how.

@@ -1,4 +1,4 @@
-// One screen of what an operator asks first.
+// kelimctl status: answers an operator's first questions on one screen.
 #include <fmt/format.h>
 
 #include "kelimctl/views.h"
@@ -6,7 +6,7 @@
 namespace kelimctl {
 namespace {
 
-constexpr std::size_t kIndent = 16;  // of what follows a label
+constexpr std::size_t kIndent = 16;  // of the text behind a label
 
 std::string duration(double seconds) {
   const auto s = static_cast<std::uint64_t>(seconds);
@@ -14,7 +14,7 @@ std::string duration(double seconds) {
   return s < 86400 ? clock : fmt::format("{} d {}", s / 86400, clock);
 }
 
-// A label and what is to be said, wrapped behind it.
+// Lines of a label with a text wrapped behind it.
 class Screen {
  public:
   explicit Screen(const Look &look) : width_(look.wide ? Table::kNoLimit : std::max<std::size_t>(look.width, 40) - kIndent) {}
@@ -59,7 +59,7 @@ void database(Screen &screen, const Json &part) {
   const std::string error = part.value("error", "");
   screen.line("database", fmt::format("{}, databases {} connected{}", cell(part, "url"),
                                       client.value("connected", Json::array()).dump(), error.empty() ? "" : "; " + error));
-  screen.line("", fmt::format("{} writes under way, {} refused, {} values skipped", cell(part, "in_flight"),
+  screen.line("", fmt::format("{} writes in flight, {} refused, {} values skipped", cell(part, "in_flight"),
                               cell(client, "refused_writes"), client.value("skipped", Json::object()).size()));
 }
 
@@ -92,7 +92,7 @@ void openflow(Screen &screen, const Json &part) {
 }
 
 void audit(Screen &screen, const Json &part) {
-  if (part.value("looks", 0) == 0) return screen.line("audit", "has not looked so far");
+  if (part.value("looks", 0) == 0) return screen.line("audit", "has not looked yet");
   const auto differences = part.value("differences", std::uint64_t{0});
   screen.line("audit", fmt::format("{}, looked {} s ago",
                                    differences == 0 ? "the database holds what was asked for"
@@ -102,7 +102,7 @@ void audit(Screen &screen, const Json &part) {
 
 void programmer(Screen &screen, const Json &part) {
   screen.line("programmer",
-              fmt::format("{} flows and {} meters in the target, {} answers wait", of_capacity(part, "flows", "size"),
+              fmt::format("{} flows and {} meters in the target, {} answers pending", of_capacity(part, "flows", "size"),
                           cell(part, "meters"), part.value("waiting", std::uint64_t{0}) + part.value("owed", std::uint64_t{0})));
   screen.line("", fmt::format("{} answered installed, {} failed, {} out of resources", cell(part, "installed"),
                               cell(part, "failed"), cell(part, "resource")));

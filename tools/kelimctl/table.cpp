@@ -7,7 +7,7 @@ namespace {
 
 constexpr std::size_t kGap = 2;
 constexpr std::size_t kNarrowest = 12;  // of a column that wraps
-constexpr char kBreaks[] = ", ";        // behind these a text may go on in the next line
+constexpr char kBreaks[] = ", ";        // a text may be broken behind these
 
 void put(std::string &line, const std::string &cell, std::size_t width, bool right) {
   const std::string fill(width - std::min(width, cell.size()), ' ');
@@ -41,8 +41,8 @@ std::vector<std::string> wrap(const std::string &text, std::size_t width) {
   return pieces;
 }
 
-// What every column needs; where that is too much, those that wrap give way, the widest first: down to their longest piece, and
-// when that does not do, below it.
+// The width that every column needs. If the sum is too wide, wrapping columns shrink, the widest first: down to their longest
+// piece and, if that is not enough, below it.
 std::vector<std::size_t> Table::widths() const {
   std::vector<std::size_t> widths, least;
   std::size_t total = kGap * (columns_.size() - 1);

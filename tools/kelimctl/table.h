@@ -10,20 +10,20 @@ namespace kelimctl {
 struct Column {
   std::string title;
   bool right = false;  // aligned to the right: numbers
-  bool wraps = false;  // takes what width is left; a longer text goes on in the next line, broken behind a comma where it can be
+  bool wraps = false;  // takes the remaining width; a longer text continues on the next line, broken behind a comma if possible
 };
 
 class Table {
  public:
-  static constexpr std::size_t kWidth = 100;  // where there is no terminal
+  static constexpr std::size_t kWidth = 100;  // without a terminal
   static constexpr std::size_t kNoLimit = ~std::size_t{0} >> 1;
 
   Table(std::vector<Column> columns, std::size_t width) : columns_(std::move(columns)), width_(width) {}
 
-  // One cell a column.
+  // One cell per column.
   void add(std::vector<std::string> cells) { rows_.push_back(std::move(cells)); }
   bool empty() const { return rows_.empty(); }
-  // With a line of titles; every line ends in a line end and has no blanks before it.
+  // The table with a title line; every line ends in a line feed, without trailing blanks.
   std::string text() const;
 
  private:

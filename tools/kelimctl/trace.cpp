@@ -77,7 +77,7 @@ Json trace_data(Link &link, const ViewOptions &options) {
 std::string trace_text(const Json &data, const Look &look) {
   const Json stories = data.value("stories", Json::array());
   if (stories.empty())
-    return fmt::format("Nothing of {} is in {}. The newest flow has index {}.\n", data.value("asked", ""), reach_text(data),
+    return fmt::format("Nothing about {} is in {}. The newest flow has index {}.\n", data.value("asked", ""), reach_text(data),
                        cell(data, "newest_index"));
   std::string text;
   for (const Json &story : stories) text += (text.empty() ? "" : "\n") + story_text(story, data, look);

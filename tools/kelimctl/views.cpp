@@ -15,7 +15,7 @@
 namespace kelimctl {
 namespace {
 
-// "3 of 5000 shown; ..." where a list was cut short.
+// "3 of 5000 shown; ..." if a list was cut short.
 std::string cut_note(std::size_t shown, const Json &data) {
   const std::size_t total = data.value("total", shown);
   if (total <= shown) return "";
@@ -28,19 +28,19 @@ std::string skipped_note(const Json &data) {
                       : std::to_string(skipped) + " stored values are none of ours and were skipped; the log names the first.\n";
 }
 
-// "flow" -> "s_policy_kelim.flow": the package of nearly every type may be left out.
+// "flow" -> "s_policy_kelim.flow": the package of nearly every type may be omitted.
 std::string full_type(const std::string &name) {
   return name.find('.') == std::string::npos ? "s_policy_kelim." + name : name;
 }
 
-// ---- joining with what is stored
+// ---- joining with stored records
 
-constexpr int kFlowDb = 8;  // flows, meters and what is said of them
+constexpr int kFlowDb = 8;  // flows, meters and their answers
 
 using Records = std::map<std::string, Json>;
 
-// Of the records of a type those that are stored under `keys`, by key. In parts, between which the daemon does its work. Adds to
-// `skipped` how many values are of some other type.
+// The records of a type that are stored under `keys`, by key. Asks in parts, so that the daemon can work in between. Adds the
+// number of values of another type to `skipped`.
 Records stored(Link &link, const std::string &type, const std::vector<std::string> &keys, std::size_t &skipped) {
   constexpr std::size_t kPart = 100;
   const std::string prefix = full_type(type) + ":";
@@ -61,7 +61,7 @@ Json member_of(const Records &records, const std::string &key, const char *membe
   return found == records.end() ? otherwise : found->second.value(member, otherwise);
 }
 
-// What the programming service said; null without its word.
+// The programming service's answer; null if there is none.
 Json answer_in(const Records &records, const std::string &key) {
   if (!records.contains(key)) return nullptr;
   const std::string status = member_of(records, key, "status", "");
@@ -72,7 +72,7 @@ Json answer_in(const Records &records, const std::string &key) {
 
 using Rows = std::vector<std::pair<std::string, Json>>;  // by the key in the database
 
-// Adds those of the stored flows that are not among the rows.
+// Adds the stored flows that are not among the rows.
 void add_not_asked(Rows &rows, const Json &kept) {
   std::set<std::string> asked;
   for (const auto &[key, row] : rows) asked.insert(key);
@@ -88,7 +88,7 @@ bool is_whole(const Json &list, const char *member) {
   return list.value("total", std::size_t{0}) <= list.value(member, Json::array()).size();
 }
 
-// The rows, joined with what is stored, what the programming service said and what was counted.
+// The rows, joined with stored records, answers and counters.
 Json joined(Link &link, const Rows &rows, std::size_t &skipped) {
   std::vector<std::string> keys;
   for (const auto &[key, row] : rows) keys.push_back(key);
@@ -126,15 +126,15 @@ Json chosen_flows(Link &link, const ViewOptions &options) {
   return link.view("flows", args);
 }
 
-// What the controllers asked for and what became of it. A flow that only one side knows shows as such; one that is only stored,
-// where both lists are whole: of a cut one nobody knows whether it was asked for. The stored ones are listed first, because what
-// is asked for between the two questions must not show as if nobody had.
-// Of a choice these are left out: nothing is known of them but their index.
+// The requested flows and their outcome. A flow that only one side knows shows as such, but a flow that is only stored shows only
+// if both lists are whole: a cut list does not tell whether the flow was requested. The stored flows are listed first, so that a
+// flow requested between the two queries does not show as unrequested. With filters, flows that are only stored are left out:
+// only their index is known.
 Json flows_data(Link &link, const ViewOptions &options) {
   if (options.filters()) {
     Json data = chosen_flows(link, options);
     join(link, rows_of(data), data);
-    data.erase("failures");  // they are no flows any more
+    data.erase("failures");  // these flows are gone
     data["total"] = data["flows"].size() < options.limit ? Json(data["flows"].size()) : data["total"];
     return data;
   }
@@ -169,15 +169,15 @@ std::string flows_text(const Json &data, const Look &look) {
   const Json rows = data.value("flows", Json::array());
   const Json failures = data.value("failures", Json::array());
   std::string text = list_text(rows, members, "No flows.", look) + cut_note(rows.size(), data) + skipped_note(data);
-  if (!data.value("whole", true)) text += "Flows that are stored and nobody asked for are not among them: the lists are cut.\n";
+  if (!data.value("whole", true)) text += "Stored flows that nobody requested are not shown, because the lists are cut.\n";
   if (!failures.empty()) {
-    text += "\nFailed after they had been accepted, the last ones:\n" + list_text(failures,
-                                                                                  {{{"INDEX", true}, "index"},
-                                                                                   {{"TABLE", true}, "table"},
-                                                                                   {{"PRIO", true}, "priority"},
-                                                                                   {{"MATCH", false, true}, "match"},
-                                                                                   {{"ERROR"}, "error"}},
-                                                                                  "", look);
+    text += "\nThe last flows that failed after they had been accepted:\n" + list_text(failures,
+                                                                                       {{{"INDEX", true}, "index"},
+                                                                                        {{"TABLE", true}, "table"},
+                                                                                        {{"PRIO", true}, "priority"},
+                                                                                        {{"MATCH", false, true}, "match"},
+                                                                                        {{"ERROR"}, "error"}},
+                                                                                       "", look);
   }
   return text;
 }
@@ -251,8 +251,9 @@ std::string packets_text(const Json &data, const Look &look) {
       fmt::format("Data plane {}, packets to controllers {}\n", data.value("data_plane", false) ? "connected" : "none",
                   data.value("wanted", false) ? "wanted" : "not wanted");
   const std::string sums = fmt::format(
-      "To controllers: {} packets, {} messages sent, {} not sent to controllers that do not read, {} packets that none wanted\n"
-      "From controllers: {} handed to the data plane, {} refused without one, {} dropped because it was behind\n\n",
+      "To controllers: {} packets, {} messages sent, {} not sent to controllers that do not read, {} packets that no controller "
+      "wanted\n"
+      "From controllers: {} handed to the data plane, {} refused without one, {} dropped because it was backed up\n\n",
       cell(data, "in"), cell(data, "in_sent"), cell(data, "in_dropped"), cell(data, "in_unwanted"), cell(data, "out"),
       cell(data, "out_refused"), cell(data, "out_full"));
   return head + sums +
@@ -276,7 +277,7 @@ std::string packets_text(const Json &data, const Look &look) {
                     {{"OUT DOWN", true}, "out_down"},
                     {{"OUT REFUSED", true}, "out_refused"},
                     {{"OUT NOWHERE", true}, "out_nowhere"}},
-                   "The data plane has told of no port.", look);
+                   "The data plane has reported no ports.", look);
 }
 
 Json refusals_data(Link &link, const ViewOptions &) {
@@ -301,7 +302,7 @@ std::string refusals_text(const Json &data, const Look &look) {
   return list_text(data.value("refusals", Json::array()), members, "Nothing was refused.", look);
 }
 
-// Has the process look once, and waits for it; shows on a terminal how far that has come, once it takes long.
+// Has the process compare once and waits for the result; on a terminal, shows the progress of a long comparison.
 Json one_look(Link &link) {
   using namespace std::chrono_literals;
   const auto start = std::chrono::steady_clock::now();
@@ -318,7 +319,7 @@ Json one_look(Link &link) {
   return data;
 }
 
-// Looks at least twice, because a difference must be seen twice, and again while a request is in flight.
+// Compares at least twice, because only a difference seen twice counts, and again while requests are in flight.
 Json audit_data(Link &link, const ViewOptions &) {
   Json data = one_look(link);
   for (int looks = 1; looks == 1 || (looks < 50 && !data.value("settled", false)); ++looks) {
@@ -355,7 +356,7 @@ std::string timings_text(const Json &data, const Look &look) {
                     {{"MAX us", true}, "max_us", decimals},
                     {{"LAST us", true}, "last_us", decimals},
                     {{"TOTAL us", true}, "total_us", decimals}},
-                   "Nothing was timed so far.", look);
+                   "Nothing has been timed yet.", look);
 }
 
 Json congestion_data(Link &link, const ViewOptions &) {
@@ -365,7 +366,7 @@ std::string congestion_text(const Json &data, const Look &look) {
   Json rows = Json::array();
   if (data.contains("pipeline")) {
     rows.push_back(data["pipeline"]);
-    rows.back()["type"] = "all together";
+    rows.back()["type"] = "total";
   }
   for (const Json &topic : data.value("topics", Json::array())) rows.push_back(topic);
   return list_text(rows,
@@ -411,14 +412,14 @@ const std::vector<ViewCommand> &view_commands() {
       {"status", "one screen: version, database, controllers, flows, last errors, audit", status_data, status_text,
        "  kelimctl status\n  kelimctl status --watch\n  kelimctl status --json | jq .openflow.undecided\n"
        "  kelimctl --process kelim-programmer status\n"},
-      {"flows", "what was asked, what is stored, what the programming service said, the counters", flows_data, flows_text,
+      {"flows", "requested flows with their records, answers and counters", flows_data, flows_text,
        "  kelimctl flows -o wide\n  kelimctl flows --match tcp,nw_dst=10.0.0.0/24\n  kelimctl flows --cookie 0x17/0xff --watch\n"
        "  kelimctl flows --state sent\n  kelimctl flows --json | jq '.flows[] | select(.answer != \"INSTALLED\")'\n"},
       {"meters", "the meters", meters_data, meters_text, "  kelimctl meters\n  kelimctl meters --json\n"},
       {"controllers", "the controller connections", controllers_data, controllers_text, "  kelimctl controllers --watch\n"},
-      {"packets", "packets to the controllers and from them, with what was dropped and why", packets_data, packets_text,
+      {"packets", "packets to and from the controllers, and those dropped with the reason", packets_data, packets_text,
        "  kelimctl packets --watch\n  kelimctl packets --json | jq '.ports[] | select(.port == 1)'\n"},
-      {"refusals", "the last requests that were refused, with the reason", refusals_data, refusals_text,
+      {"refusals", "the last refused requests, with the reason", refusals_data, refusals_text,
        "  kelimctl refusals -o wide\n  kelimctl refusals --json | jq '.refusals[-1]'\n"},
       {"capabilities", "what controllers can expect: messages, match fields, actions, meters, limits, errors", capabilities_data,
        capabilities_text,
@@ -427,10 +428,10 @@ const std::vector<ViewCommand> &view_commands() {
        "  kelimctl trace 17            the flow with this index, and requests with this cookie or transaction id\n"
        "  kelimctl trace --index 17\n  kelimctl trace --cookie 0x17\n  kelimctl trace --xid 4711 --json\n",
        trace_status},
-      {"audit", "compares what was asked for with what is stored; exit status 1 when they differ, 4 when that cannot be told",
-       audit_data, audit_text, "  kelimctl audit || echo \"status $?\"\n", audit_status},
+      {"audit", "compares requests with stored records; exit status 1 if they differ, 4 if that cannot be told yet", audit_data,
+       audit_text, "  kelimctl audit || echo \"status $?\"\n", audit_status},
       {"timings", "how long the daemon's operations take", timings_data, timings_text, "  kelimctl timings\n"},
-      {"congestion", "writes on their way to the database, by topic", congestion_data, congestion_text,
+      {"congestion", "writes in flight to the database, by topic", congestion_data, congestion_text,
        "  kelimctl congestion --watch --interval 0.5\n"},
   };
   return commands;
@@ -489,11 +490,11 @@ std::string database_stats_text(const Json &data, const Look &look) {
                                 {{"OBJECTS", true}, "objects"},
                                 {{"BYTES", true}, "bytes"},
                                 {{"SUBSCRIBERS", true}, "subscribers"}},
-                               "No record type was used so far.", look);
+                               "No record type has been used yet.", look);
   const Json client = data.value("client", Json());
   if (client.is_null()) return text;
   text += "\nThe daemon: connected to databases " + client.value("connected", Json::array()).dump() + ", " +
-          cell(client, "delivered") + " notifications delivered, " + cell(client, "queued") + " under way, " +
+          cell(client, "delivered") + " notifications delivered, " + cell(client, "queued") + " queued, " +
           cell(client, "refused_writes") + " writes refused\n";
   const Json refusing = client.value("refusing", Json::object());
   for (const auto &[db, why] : refusing.items()) text += "database " + db + " refuses writes: " + why.get<std::string>() + "\n";

@@ -1,4 +1,4 @@
-// What kelimctl shows: each command asks the process for data and makes a text of it, or hands the data on as JSON.
+// The views of kelimctl: each command asks the process for data and renders it as text or prints it as JSON.
 #pragma once
 
 #include <string>
@@ -12,23 +12,23 @@ namespace kelimctl {
 
 struct ViewOptions {
   bool json = false;
-  std::size_t limit = 1000;  // rows of the long lists
-  // Of the flows only these; empty for all.
+  std::size_t limit = 1000;  // maximum number of rows in long lists
+  // Filters of the flows; empty means all.
   std::string cookie, match, state, controller;
-  // Of what a trace is: one of these, or the cookie.
+  // The subject of a trace: one of these, or the cookie.
   std::string number, index, xid;
 
   bool filters() const { return !cookie.empty() || !match.empty() || !state.empty() || !controller.empty(); }
 };
 
-// One view: how its data are got, and how they look.
+// One view: how to get its data and how to render them.
 struct ViewCommand {
   const char *name;
   const char *help;
   Json (*data)(Link &link, const ViewOptions &options);
   std::string (*text)(const Json &data, const Look &look);
   const char *examples;
-  int (*status)(const Json &data) = nullptr;  // of the exit; null: always kDone
+  int (*status)(const Json &data) = nullptr;  // exit status; null: always kDone
 };
 
 const std::vector<ViewCommand> &view_commands();
@@ -52,7 +52,7 @@ std::string records_text(const Json &data, const Look &look);
 Json database_stats(Database &database);
 std::string database_stats_text(const Json &data, const Look &look);
 
-// What a watch is asked for; every type when `type` is empty.
+// The arguments of a watch; every type if `type` is empty.
 Json watch_arguments(const std::string &type);
 // A decoded change: its line, and the record below it unless only `keys` are wanted.
 std::string change_text(const Json &change, bool keys, const Look &look);

@@ -11,7 +11,7 @@
 namespace kelimctl {
 namespace {
 
-// Letters to add, take away or exchange, or neighbours to swap, to make one of the other.
+// Edit distance: the number of letters to add, remove or replace, or neighbours to swap, that turns one into the other.
 std::size_t distance(const std::string &a, const std::string &b) {
   std::vector<std::size_t> before(b.size() + 1), above(b.size() + 1), row(b.size() + 1);
   std::iota(row.begin(), row.end(), std::size_t{0});
@@ -58,7 +58,7 @@ const std::vector<std::string_view> *find(const std::vector<Spelling> &spellings
   return found == spellings.end() ? nullptr : &found->shown;
 }
 
-// As the views show it: of the type of an Ethernet frame four hexadecimal digits.
+// The value as the views show it: an EtherType has four hexadecimal digits.
 std::string value_of(std::string_view field, std::string_view value) {
   const auto type = field == "eth_type" ? host::any_number(value) : std::nullopt;
   return type ? fmt::format("0x{:04x}", *type) : std::string(value);

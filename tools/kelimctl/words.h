@@ -1,4 +1,4 @@
-// What a user types: the nearest known word, and matches as ovs-ofctl spells them.
+// Interprets a user's words: finds the nearest known word and reads matches as ovs-ofctl spells them.
 #pragma once
 
 #include <string>

@@ -1,7 +1,7 @@
-// The members of a flow: where they are in the cached node and in the records made from it.
+// The members of a flow: their places in the cached node and in the records made from it.
 //
 // A pair of members (value and mask, or a value alone) is named once, by pointers to members; the type of the record's member
-// decides how it is copied: a scalar is widened, an IPv4 address gets a sub-message of its own, a MAC or IPv6 address a
+// decides how it is copied: a scalar is widened, an IPv4 address is copied into its own sub-message, a MAC or IPv6 address gets a
 // sub-message that borrows the node's bytes. Sub-messages are allocated with ssc_sdn_malloc.
 //
 // Thread: main SDN thread.
@@ -64,7 +64,7 @@ bool get(std::uint8_t (&to)[N], const Wrapper *from) {
   return true;
 }
 
-// ---- what is done with the members of one bit
+// ---- operations on the members of one bit
 
 template <typename Record>
 struct ops {
@@ -136,7 +136,7 @@ struct scalar_pair {
   static void release(record &) {}
 };
 
-// A flag: 1 in the node whatever non-zero value the record holds.
+// A flag: any non-zero value in the record becomes 1 in the node.
 template <auto Value, auto NodeValue>
 struct flag {
   using record = typename pointed_at<decltype(Value)>::record;

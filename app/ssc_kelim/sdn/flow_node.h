@@ -14,8 +14,8 @@ struct flow_info_key {
   std::uint32_t filler;
 };
 
-// What the match and the actions of a flow say, field by field. Values and masks as received, in host byte order; a field without
-// a mask in the message has a mask of all ones of the field's width.
+// The match and the actions of a flow, field by field. Values and masks as received, in host byte order; a field that came
+// without a mask is given an all-ones mask of the field's width.
 struct flow_description {
   std::uint8_t dst_mac[6], dst_mac_mask[6];
   std::uint8_t src_mac[6], src_mac_mask[6];
@@ -53,7 +53,7 @@ struct flow_description {
 struct flow_info_node : flow_info_key, flow_description {
   std::uint64_t rule_bitmap;    // bits of flow_ace_rule_e
   std::uint64_t action_bitmap;  // bits of flow_ace_action_e
-  // The install-state words: what a refreshed node takes over from its template.
+  // The install-state words, which a refreshed node takes over from its template.
   std::uint32_t install_state;       // 0
   std::uint64_t flow_field_bitmap;   // which match fields are present: bits of flow_field_e (bit 6: a VLAN id)
   std::uint64_t flow_action_bitmap;  // which actions are present: bits of flow_action_e

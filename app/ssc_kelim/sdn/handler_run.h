@@ -1,4 +1,4 @@
-// The pattern of the handlers: they own the data of their node, time their work and release the data after it. The node itself
+// The pattern shared by all handlers: each owns its node's data, times its work and then releases the data. The node itself
 // belongs to the handler list.
 //
 // Thread: main SDN thread.
@@ -11,25 +11,25 @@
 #include "libss_pthrd.h"
 #include "ssc_kelim/sdn/sdn_ptr.h"
 
-// What a flow handler gets as data: both blocks are the handler's.
+// Data of a flow handler, which owns both blocks.
 struct ssc_sdn_flow_job {
   std::uint64_t len;  // bytes of msg
   void *msg;          // the whole flow message
 };
 
-// What a meter handler gets as data: both blocks are the handler's.
+// Data of a meter handler, which owns both blocks.
 struct ssc_sdn_meter_job {
   std::uint32_t len;  // bytes of msg
   void *msg;          // the whole meter message
 };
 
-// The other handlers get as data:
+// Data of the other handlers:
 //   enable, disable             the message, at least 8 bytes (zero-filled)
 //   barrier                     the request, at least 24 bytes (zero-filled)
 //   statistics, flow-count configuration, ONC address   the message, at least as long as the fields they read
 //   packet start                one byte: 1 start, 0 end
 //   data-sync start and end, delete-all-flows, delete-all   null
-// and the virtual switch as value.
+// Their value is the virtual switch.
 
 namespace handler_run {
 
@@ -40,7 +40,7 @@ struct free_job {
     ssc_sdn_free(job);
   }
 };
-// What a handler gets: a job with its message, or a plain copy of the message.
+// Handler data: a job with its message, or a plain copy of the message.
 using flow_job = std::unique_ptr<ssc_sdn_flow_job, free_job>;
 using meter_job = std::unique_ptr<ssc_sdn_meter_job, free_job>;
 using message = sdn_ptr<void>;

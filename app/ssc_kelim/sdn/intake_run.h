@@ -1,4 +1,4 @@
-// The engine of the intakes: it notes the arrival, checks, copies and hands over. What differs between them is one row each.
+// The engine of the intakes: it records a request's arrival, checks it, copies it and hands it over. Each intake is one row.
 //
 // Thread: service-library thread.
 #pragma once
@@ -24,7 +24,7 @@ struct Request {
 // How the handler's data is made from the request.
 struct Copy {
   void *(*make)(const Request &);                       // timed; null: out of memory, with nothing left allocated
-  void (*fill)(const Request &, void *data) = nullptr;  // not timed; null: make has done it all
+  void (*fill)(const Request &, void *data) = nullptr;  // not timed; null if `make` does everything
   void (*release)(void *data) = ssc_sdn_free;
   const char *no_memory = "malloc happen error!";
 };
@@ -59,7 +59,7 @@ struct Intake {
   const char *done = nullptr;  // VER line of success
 };
 
-// Takes a request in. 0 if it is queued, else the code of the failure.
+// Accepts a request. 0 if it is queued, else the code of the failure.
 std::int32_t take_in(const Intake &intake, std::uint32_t vsd_id, const void *msg, std::uint32_t len);
 
 }  // namespace intake_run

@@ -59,7 +59,7 @@ void store(flow_description &node, const std::byte *bytes) {
   }
 }
 
-// A match field: its members in the node, in flow_field and in flow_ace_field. A null pointer: there is no such member.
+// A match field: its members in the node, in flow_field and in flow_ace_field. A null pointer means that there is no such member.
 template <auto NodeValue, auto NodeMask, auto FieldValue, auto FieldMask, auto RuleValue, auto RuleMask>
 struct match_field {
   template <std::uint32_t Header>
@@ -105,7 +105,7 @@ using ipv6_dst = ALIKE(ipv6_dst);
 #undef ALIKE
 // The ingress port is not part of an entry's rule; it is copied when an entry is built.
 using in_port = match_field<&N::in_port, nullptr, &F::in_port_ifx, nullptr, nullptr, nullptr>;
-// Deliberate: flow_field has members for these two, but only their bits go there; applications read them as absent.
+// Deliberate: flow_field has members for these two, but only their bits go there; applications take the values as absent.
 using exp_app_type = match_field<&N::exp_app_type, nullptr, nullptr, nullptr, nullptr, nullptr>;
 using ipv6_exthdr = match_field<&N::next_header, &N::next_header_mask, nullptr, nullptr, &A::next_header, &A::next_header_mask>;
 

@@ -84,7 +84,7 @@ namespace {
 // Taken before g_ssc_sdn_pack_max_cell_num_mutex where both are held.
 kelim::Mutex g_ssc_sdn_pack_mutex KELIM_ACQUIRED_BEFORE(g_ssc_sdn_pack_max_cell_num_mutex);
 pack_list g_ssc_sdn_pack_lst_head KELIM_GUARDED_BY(g_ssc_sdn_pack_mutex);
-pack_list g_ssc_sdn_pack_lst_head_tmp;  // the sending thread's own
+pack_list g_ssc_sdn_pack_lst_head_tmp;  // used by the sending thread only
 pthread_t g_ssc_sdn_pack_send_thread;
 bool g_pack_send_started;
 
@@ -93,8 +93,8 @@ std::int32_t max_cells() {
   return std::clamp(g_ssc_sdn_pack_max_cell_num, 1, kMaxCells);
 }
 
-// Takes the last report off the list if it has room, which hides it from the sending thread until it is put back. Null if it has
-// none.
+// Takes the last report off the list if it has room, which hides it from the sending thread until it is put back. Null if no
+// report has room.
 pack_buffer *take_last_with_room() {
   const kelim::Lock lock(g_ssc_sdn_pack_mutex);
   if (g_ssc_sdn_pack_lst_head.empty()) return nullptr;
@@ -140,7 +140,7 @@ void send_collected() {
 void *ssc_sdn_pack_send_task(void *) {
   prctl(PR_SET_NAME, "ssc_kelim_pack_task");
   for (;;) {
-    // Deliberate: the period is fixed; a controller that configures another one gets its reports every five seconds all the same.
+    // Deliberate: the period is fixed; a controller that configures another one still gets its reports every five seconds.
     qx_sleep_ms(kSendPeriodMs);
     send_collected();
   }

@@ -1,7 +1,7 @@
-// What the switch reports back: counters of failed programming, the status of service-chain flows, and the packed report of
-// counter changes.
+// Reports from the switch: counters of failed programming, the status of service-chain flows, and the packed report of counter
+// changes.
 //
-// Threads: cells are added on the main SDN thread; the packed reports leave on a thread of their own, "ssc_kelim_pack_task". The
+// Threads: cells are added on the main SDN thread; a separate thread, "ssc_kelim_pack_task", sends the packed reports. The
 // failure callbacks may be called from any thread.
 #pragma once
 
@@ -56,5 +56,5 @@ std::int32_t ssc_sdn_pack_msg(const ssc_sdn_pack_cell *cell);
 // Starts the sending thread, once. 0, or -17.
 std::int32_t ssc_kelim_pack_send_task_init();
 
-// For tests only: zeroes the counters, drops unsent reports, restores the cell maximum. The sending thread goes on.
+// For tests only: zeroes the counters, drops unsent reports, restores the cell maximum. The sending thread keeps running.
 void ssc_kelim_adapt_reset_for_tests();

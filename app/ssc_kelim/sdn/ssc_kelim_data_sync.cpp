@@ -15,7 +15,7 @@
 
 namespace {
 
-// Clean-ups are counted as the handled ones of the end signals.
+// Clean-ups are counted as handled end signals.
 constexpr unsigned kCleanUps = SDN_OPT_DS_END + SDN_OPT_HANDLED;
 
 // A kind of flow record: its tag and where the stage notes that it has been cleaned up.
@@ -28,7 +28,8 @@ constexpr kind_row kKinds[] = {
     {SSC_KELIM_OW_FLOW_TO_ACE, &ssc_ds_stage::kind1_finished},
 };
 
-// Cleans up a kind whose queued work has drained. A clean-up that fails is not repeated: what is left expires by itself.
+// Cleans up a kind whose queued work has drained. A clean-up that fails is not repeated: the remaining records expire by
+// themselves.
 void finish_kind_if_drained(std::uint32_t kind, const char *caller) {
   const kind_row &row = kKinds[kind];
   if (!ssc_sdn_msg_queue_check_ds_end_by_type(kind)) return;

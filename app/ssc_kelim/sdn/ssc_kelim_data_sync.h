@@ -1,7 +1,7 @@
-// Data synchronisation: the controller side replays what it wants, and what is not replayed is removed.
+// Data synchronisation: the controller side replays its flows and meters, and flows that are not replayed are removed.
 //
 // At the start every flow and meter record gets a short expiry. Flows that are written again survive with their tag; the rest of
-// a kind is deleted by tag once the kind's queued work has drained. Where it stands: ssc_kelim_ds_stage.h.
+// a kind is deleted by tag once the kind's queued work has drained. Its state is in ssc_kelim_ds_stage.h.
 //
 // Thread: main SDN thread.
 #pragma once
@@ -18,5 +18,5 @@ void ssc_sdn_ds_recv_end_handler(libss_pthrd_hdl *hdl);
 // Does nothing outside a synchronisation or for a finished kind.
 void ssc_sdn_update_ds_node_and_check(std::uint64_t msg_id, std::uint32_t kind);
 
-// Drops a synchronisation in progress, because everything is deleted.
+// Abandons a synchronisation in progress because everything is being deleted.
 void ssc_sdn_abandon_data_sync();

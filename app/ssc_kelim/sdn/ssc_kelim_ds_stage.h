@@ -1,6 +1,6 @@
-// Where a data synchronisation stands: a record that ssc_kelim_data_sync keeps and the queue reads.
+// The state of a data synchronisation, which ssc_kelim_data_sync keeps and the queue reads.
 //
-// Kind 0 are the flows written from flow-mods (tag 1), kind 1 those written from service-chain applications' answers (tag 2).
+// Kind 0 is the flows written from flow-mods (tag 1), kind 1 those written from service-chain applications' answers (tag 2).
 //
 // Thread: main SDN thread.
 #pragma once

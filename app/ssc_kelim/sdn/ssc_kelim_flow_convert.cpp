@@ -168,7 +168,7 @@ void free_and_clear(Record *&record) {
   record = nullptr;
 }
 
-// What the controller asked for, as both kinds of record carry it.
+// The controller's request, as both kinds of record carry it.
 struct request {
   record_ptr<SPolicyKelim__FlowField> field = new_record<SPolicyKelim__FlowField>();
   record_ptr<SPolicyKelim__FlowAction> action = new_record<SPolicyKelim__FlowAction>();

@@ -53,15 +53,15 @@ bool ssc_kelim_get_flow_to_ace_action(flow_info_node *node, const SPolicyKelim__
 int ssc_sdn_read_back_ace_field(flow_info_node *node, const SPolicyKelim__FlowAce *ace);  // in_port_ifx as well
 int ssc_sdn_read_back_ace_action(flow_info_node *node, const SPolicyKelim__FlowAce *ace);
 
-// ---- releasing what a conversion allocated
+// ---- releasing the memory of a conversion
 
 void ssc_sdn_free_field_ip_mac(SPolicyKelim__FlowField *field);
 void ssc_sdn_free_action_mac(SPolicyKelim__FlowAction *action);
 void ssc_sdn_free_ace_field_ip_mac(SPolicyKelim__FlowAceField *field);
 void ssc_sdn_free_ace_action_mac(SPolicyKelim__FlowAceAction *action);
 
-// Everything that a successful ssc_sdn_ace_field_act_convert, or ssc_sdn_parse_flow_ace_field_act_convert, attached to the
-// record.
+// Releases everything that a successful ssc_sdn_ace_field_act_convert, or ssc_sdn_parse_flow_ace_field_act_convert, attached to
+// the record.
 void ssc_sdn_free_flow_members(SPolicyKelim__Flow *flow);
 void ssc_sdn_free_parse_flow_members(SPolicyKelim__ParseFlow *parse_flow);
 

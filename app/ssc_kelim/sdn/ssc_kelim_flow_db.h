@@ -1,8 +1,8 @@
 // The flow information cache: one node for every accepted flow, found by (flow_index, vsd_id).
 //
 // The index is a hash set of node pointers: 2-bit bucket flags, power-of-two bucket counts, triangular probing, tombstones, at
-// most 0.77 full. Growing it never moves a node, so a node pointer is good until the node is deleted. This is not a database:
-// what the programming services see are the records built from a node.
+// most 0.77 full. Growing it never moves a node, so a node pointer stays valid until the node is deleted. This is not a database:
+// the programming services see only the records built from a node.
 //
 // Thread: main SDN thread, lookups included. There is no lock.
 #pragma once
@@ -29,7 +29,7 @@ using flow_info_op = std::int32_t (*)(flow_info_node *node, void *arg);
 
 // Creates the empty index and returns it; null when memory is short. A second call keeps the index and its contents.
 flow_info_hash *ssc_kelim_flow_info_init();
-// The same; 0.
+// As above; returns 0.
 std::int32_t flow_info_hash_init();
 
 // The flow's node, or null. `key` is a zeroed key, or a node.
@@ -59,7 +59,7 @@ flow_info_node *flow_info_cache_create(flow_info_node **out, const flow_info_nod
 void flow_info_cache_destroy(flow_info_node *node);
 
 flow_info_node *flow_info_hash_find(const flow_info_key *key);
-// Puts `node` in, unless an entry with an equal key is there. 0.
+// Inserts `node`, unless an entry with an equal key exists. 0.
 std::int32_t flow_info_hash_insert(flow_info_node *node);
 void flow_info_hash_remove(const flow_info_node *node);
 std::int32_t flow_info_hash_traverse(flow_info_op op, void *arg);

@@ -1,6 +1,6 @@
 // Parsing a flow-mod: from received bytes to a cached node.
 //
-// Parsing never rejects a flow: what is not understood is logged, what was understood before it is kept. Received bytes are not
+// Parsing never rejects a flow: anything unknown is logged, and the part parsed before it is kept. Received bytes are not
 // trusted: every walk ends where the message ends.
 //
 // Thread: main SDN thread.

@@ -28,7 +28,7 @@ constexpr std::uint16_t kActionOutput = 0;
 constexpr std::uint32_t kAllOtherIfx = 0x10001, kAllOrIfx = 0x10002;
 constexpr std::uint32_t kFirstReservedPort = 0xffffff00;
 
-// Reserved output ports (OpenFlow 1.3.5, 7.2.1) that need no lookup, with what is logged.
+// Reserved output ports (OpenFlow 1.3.5, 7.2.1) that need no lookup, and the text logged for each.
 struct known_port {
   std::uint32_t port;
   const char *line;

@@ -29,7 +29,7 @@ struct translated_ace {
 
 template <typename T>
 sdn_ptr<T[]> new_zeroed_array(std::size_t count) {
-  // NOLINTNEXTLINE(bugprone-sizeof-expression): an array of pointers is wanted as well
+  // NOLINTNEXTLINE(bugprone-sizeof-expression): T may also be a pointer
   const std::size_t bytes = std::max<std::size_t>(1, count * sizeof(T));
   void *block = ssc_sdn_malloc(bytes, __func__, __LINE__);
   if (block) std::memset(block, 0, bytes);
@@ -109,7 +109,7 @@ class translation {
     return failed < 0;
   }
 
-  // What the controller asked for, from the cached flow.
+  // The controller's request, from the cached flow.
   bool take_request(const flow_info_node &node) {
     flow_field_.exp_app_type = node.exp_app_type;
     if (const int failed = ssc_sdn_fill_flow_field(&flow_field_, &node); failed >= 0) {

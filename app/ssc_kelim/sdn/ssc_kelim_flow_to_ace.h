@@ -1,4 +1,4 @@
-// Service-chain flows: from the access-control entries that the application answered to the flow record.
+// Service-chain flows: translates the access-control entries of the application's answer into the flow record.
 //
 // Thread: main SDN thread.
 #pragma once

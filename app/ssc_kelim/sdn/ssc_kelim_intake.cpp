@@ -44,7 +44,7 @@ bool has(const Request &request, std::size_t fields_end) {
   return request.len >= fields_end;
 }
 
-// True if, besides, the message's own length agrees with the length given.
+// True if, in addition, the message's own length agrees with the length given.
 bool fits(const Request &request, std::size_t fields_end) {
   return has(request, fields_end) && own_length(request) == request.len;
 }
@@ -73,7 +73,7 @@ constexpr Copy kJobCopy = {
         },
 };
 
-// The message itself, zero-filled up to what its handler reads of every message.
+// The message itself, zero-filled up to the length that its handler always reads.
 template <std::size_t AtLeast>
 constexpr Copy kPlainCopy = {
     .make =
@@ -153,7 +153,7 @@ constexpr Intake kAddFlow = {
     .done = "leave",
 };
 
-// Deliberate: a delete is never answered, whatever becomes of it.
+// Deliberate: a delete is never answered, whatever its outcome.
 constexpr Intake kDelFlow = {
     .name = "ssc_sdn_del_flow_msg",
     .handler = ssc_sdn_del_flow_handler,
@@ -188,7 +188,7 @@ void reply_meter(const Request &request, std::int32_t code) {
   sdn_send_meter_ret_val_2_proxy(request.vsd_id, southbound::read<std::uint32_t>(bytes(request), southbound::kMeterId), code);
 }
 
-// Deliberate: failed adds have no counter of their own; the replies to them are counted, and only a missing message gets none.
+// Deliberate: failed adds have no separate counter; the replies to them are counted, and only a missing message gets none.
 constexpr Intake kAddMeter = {
     .name = "ssc_sdn_add_meter_msg",
     .handler = ssc_sdn_add_meter_handler,
@@ -417,7 +417,7 @@ std::int32_t ssc_sdn_pkt_start_msg(std::uint32_t vsd_id, const void *msg, std::u
 }
 
 void ssc_kelim_intake_reset_for_tests() {
-  // The list would free a waiting job without its message.
+  // The list would free a waiting job but not the job's message.
   libss_pthrd_tranv_node(ssc_sdn_mst, [](libss_pthrd_hdl *hdl) {
     for (const Intake *intake : {&kAddFlow, &kDelFlow, &kAddMeter, &kDelMeter})
       if (hdl->handler == intake->handler) intake->copy->release(std::exchange(hdl->data, nullptr));

@@ -1,8 +1,7 @@
 // Access to the object database: guarded writes, deletions, expiries and scans of policy records.
 //
-// Each wrapper adds to the client's call nothing but a test of the handle, the database number and one error line; callers
-// decide what a failure means. A record handed to a deletion or expiry needs only its key; a key of zeros stands for every
-// object of the type.
+// Each wrapper adds to the client's call only a test of the handle, the database number and one error line; callers decide what a
+// failure means. A record handed to a deletion or expiry needs only its key; a key of zeros stands for every object of the type.
 //
 // Thread: main SDN thread.
 // Results: 0; QX_FAILED without a client handle (or record, where noted); QX_NO_MEMORY out of memory; else the client's own code.

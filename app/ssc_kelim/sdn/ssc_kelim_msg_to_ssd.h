@@ -1,4 +1,4 @@
-// Handlers that add and delete flows, and what follows the install result of a flow.
+// Handlers that add and delete flows, and the processing of a flow's install result.
 //
 // Thread: main SDN thread.
 #pragma once
@@ -12,8 +12,8 @@ struct libss_pthrd_hdl;
 void ssc_sdn_add_flow_handler(libss_pthrd_hdl *hdl);
 void ssc_sdn_del_flow_handler(libss_pthrd_hdl *hdl);
 
-// Applies the outcome of one flow (0 installed): marks its queue node, pops finished nodes in order, and removes what a failed
-// flow has left behind.
+// Applies the outcome of one flow (0 installed): marks its queue node, pops finished nodes in order, and removes all traces of a
+// failed flow.
 void ssc_sdn_process_flow_install_result(std::uint32_t vsd_id, std::uint64_t flow_index, std::int32_t result);
 
 // The same for a status record of the programming service (result 0 installed, 1 out of resources, 2 failed), which is mirrored

@@ -70,7 +70,7 @@ int meter_scan_del_cb(const qx_obj *reply, void *arg) {
   return ssc_kelim_mom_del(&meter->base);
 }
 
-// The argument of a scan: the virtual switch, in a block of its own that the caller frees.
+// The argument of a scan: the virtual switch, in a separate block that the caller frees.
 sdn_ptr<std::uint32_t> new_scan_arg(std::uint32_t vsd_id, const char *caller) {
   sdn_ptr<std::uint32_t> arg(static_cast<std::uint32_t *>(ssc_sdn_malloc(sizeof vsd_id, caller, __LINE__)));
   if (arg) *arg = vsd_id;
@@ -85,7 +85,7 @@ std::int32_t ssc_sdn_del_flow_related_data(std::uint32_t vsd_id, std::uint64_t f
   const flow_info_key key{flow_index, vsd_id, 0};
   flow_info_node *node = ssc_kelim_find_flow_node(&key);
   if (!node) {
-    // Deliberate: an unknown flow counts as removed; the controller side gets what it asked for.
+    // Deliberate: an unknown flow counts as removed; for the controller side the result is the same.
     SDN_ERROR("flow node del failed.flow_index:%lu, vsd_id:%d", flow_index, vsd_id);
     ssc_sdn_msg_queue_destory_flow_msg_node(flow_index);
     return 0;

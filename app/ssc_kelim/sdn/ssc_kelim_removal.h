@@ -1,4 +1,4 @@
-// Removal: of one flow with all that belongs to it, of every flow and of every meter of a virtual switch.
+// Removal of one flow with everything that belongs to it, of every flow or of every meter of a virtual switch.
 //
 // Thread: main SDN thread.
 #pragma once
@@ -11,7 +11,8 @@ std::int32_t ssc_sdn_del_flow_related_data(std::uint32_t vsd_id, std::uint64_t f
 // Delete one record of database 4. 0, or QX_NOT_POSTED.
 std::int32_t ssc_sdn_del_parse_flow(std::uint64_t flow_index, std::uint32_t vsd_id);
 std::int32_t ssc_sdn_del_flow_to_sta(std::uint64_t flow_index, std::uint32_t vsd_id, std::uint32_t t_flow_type);
-// Delete both records of a service-chain flow there, whatever becomes of the first. 0, or QX_NOT_POSTED.
+// Deletes both records of a service-chain flow in database 4, the second even if the first cannot be deleted. 0, or
+// QX_NOT_POSTED.
 std::int32_t ssc_sdn_del_app_records(std::uint64_t flow_index, std::uint32_t vsd_id);
 
 // Deletes every flow of the virtual switch with its cache node, then empties the message queue: pending barriers are answered.

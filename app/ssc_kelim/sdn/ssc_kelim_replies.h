@@ -10,13 +10,13 @@
 
 // ---- protocol version and table property, echoed in every reply; 0 until an open message sets them
 
-// What replies carry: the values of the latest open or close message, once its handler has run.
+// Values in replies: those of the latest open or close message, once its handler has run.
 std::uint16_t ssc_sdn_get_sdn_vers();
 void ssc_sdn_set_sdn_vers(std::uint16_t version);
 std::uint16_t ssc_sdn_get_sdn_tbl_pro();
 void ssc_sdn_set_sdn_tbl_pro(std::uint16_t table_property);
 
-// What refusals carry, as 16 bits: the values of the latest open message, from its arrival on.
+// Values in refusals, cut to 16 bits: those of the latest open message, from its arrival on.
 extern kelim::Word<std::uint32_t> g_lib_fp_sdn_vers;
 extern kelim::Word<std::uint32_t> g_lib_fp_sdn_tbl_pro;
 
@@ -33,7 +33,7 @@ void ssc_sdn_reply_statistic(std::uint64_t flow_index, std::uint64_t packets, st
 
 // Answers the 24-byte barrier request. Main SDN thread.
 void ssc_sdn_reply_barrier_request(const void *request);
-// The BARRIER line of such a request, under the name of `caller`.
+// Prints the request's BARRIER line under the name of `caller`.
 void ssc_sdn_trace_barrier(const void *request, const char *caller);
 
 // ---- refusals: the request got no further than the southbound layer

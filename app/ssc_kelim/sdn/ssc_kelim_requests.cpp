@@ -49,7 +49,7 @@ std::int32_t trace_interfaces(const void *msg, std::uint32_t count) {
   return 0;
 }
 
-// The time includes logging a failure, but not releasing the copy.
+// The measured time includes logging a failure, but not releasing the copy.
 template <typename LogFailure>
 void process_connection_msg(libss_pthrd_hdl *hdl, unsigned slot, unsigned group, LogFailure log_failure) {
   const auto msg = handler_run::take<handler_run::message>(hdl);

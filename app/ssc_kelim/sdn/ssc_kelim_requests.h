@@ -17,7 +17,7 @@ void ssc_sdn_del_meter_handler(libss_pthrd_hdl *hdl);
 void ssc_sdn_enable_msg_handler(libss_pthrd_hdl *hdl);
 void ssc_sdn_disable_msg_handler(libss_pthrd_hdl *hdl);
 
-// Takes over version and table property of an open or close message. 0; QX_INVALID without interfaces; QX_NO_MEMORY;
+// Adopts the version and table property of an open or close message. 0; QX_INVALID without interfaces; QX_NO_MEMORY;
 // QX_UNSUPPORTED for an unknown type.
 std::int32_t ssc_sdn_proc_enable_msg(std::uint32_t vsd_id, const void *msg);
 

@@ -5,7 +5,7 @@
 
 #include "libss_pthrd.h"
 
-// The list that the event timer drains. Created once, before the callbacks are registered.
+// The list that the event timer drains. It is created once, before the callbacks are registered.
 extern libss_pthrd_mst *ssc_sdn_mst;
 
 // Creates the main SDN list, once a process. 0, or QX_NOT_POSTED.

@@ -28,8 +28,7 @@ Node *front() {
 // ---- index: (type, id) to the first node that carries them
 //
 // A hash table through the nodes themselves. A bucket points at the last node of a ring in order of arrival, so appending is
-// O(1), and so is taking out the first of many equal ones. Without memory to grow in, the table becomes slower, never
-// wrong.
+// O(1), and so is removing the first of many equal ones. If memory for growing is short, the table becomes slower, never wrong.
 class Index {
  public:
   Node *find(std::uint32_t type, std::uint64_t msg_id) const {
@@ -43,13 +42,13 @@ class Index {
     return nullptr;
   }
 
-  // The node is not yet in the queue's list.
+  // Called before the node joins the queue's list.
   void append(Node *node) {
     if (++count_ > size()) rebuild(bits_ + 1);
     insert(node);
   }
 
-  // The node is no longer in the queue's list.
+  // Called after the node has left the queue's list.
   void remove(Node *node) {
     Node *&last = bucket(node->type, node->msg_id);
     Node *before = last;
@@ -84,7 +83,7 @@ class Index {
     last = node;
   }
 
-  // Puts the queue's nodes into another table, in order.
+  // Re-enters the queue's nodes, in order, in a table of another size.
   void rebuild(unsigned bits) {
     Node **buckets = bits == kFewBits ? few_ : new (std::nothrow) Node *[std::size_t{1} << bits];
     if (!buckets) return;
@@ -101,16 +100,16 @@ class Index {
   std::size_t count_ = 0;
 };
 
-// ---- the segment at the head: what stands before the first barrier
+// ---- the segment at the head: the nodes before the first barrier
 //
-// Only there can nodes leave the queue. As long as some of its nodes are unreturned, a traversal takes out those that have
-// returned since the last one and does not look any further.
+// Nodes leave the queue only from it. While some of its nodes are unreturned, a traversal pops those that have returned since the
+// previous traversal and looks no further.
 struct HeadSegment {
   std::uint32_t number = 0;
   std::uint32_t unreturned = 0;
   std::uint32_t ready = 0;       // returned, not yet popped
-  Node *latest_ready = nullptr;  // the latest of them; null when it has been popped otherwise
-  bool counted = true;           // false: the figures have to be recounted
+  Node *latest_ready = nullptr;  // the latest of them; null once it has been popped by other means
+  bool counted = true;           // false: the figures must be recounted
 
   void begin(std::uint32_t segment_number) { *this = {.number = segment_number, .counted = false}; }
   bool holds(const Node &node) const { return node.segment == number; }
@@ -173,7 +172,7 @@ struct State {
     std::fill(std::begin(unset), std::end(unset), Cursor{});
   }
 
-  // Moves the cursors off a node that leaves.
+  // Moves the cursors off a node that is about to leave.
   void step_back(const Node *node) {
     const auto leave = [node](Cursor &cursor) {
       if (cursor.passed == node) cursor.passed = node->prev;
@@ -186,7 +185,7 @@ struct State {
 
 State g_state;
 
-// Nodes behind a barrier that leaves the middle of the queue join the segment before it.
+// When a barrier leaves the middle of the queue, the nodes behind it join the segment before it.
 void join_segments(const Node &barrier) {
   const std::uint32_t joined = node_of(barrier.prev)->segment;
   for (Node *node = node_of(barrier.next); node && node->type != SDN_BARRIER; node = node_of(node->next)) node->segment = joined;
@@ -202,7 +201,7 @@ void link_at_tail(Node *node) {
   head.prev = node;
 }
 
-// Takes the node out of every structure.
+// Removes the node from the list, the index, the head segment and the cursors.
 void detach(Node *node) {
   if (node->type != SDN_BARRIER) {
     if (g_state.head.holds(*node)) g_state.head.on_pop(node);
@@ -222,7 +221,7 @@ void free_node(Node *node) {
   ssc_sdn_free(node);
 }
 
-// Answers the requester.
+// Barriers are answered; flows only when they failed.
 void answer(const Node &node) {
   if (node.type == SDN_BARRIER) {
     ssc_sdn_reply_barrier_request(node.payload);
@@ -238,7 +237,7 @@ void log_and_pop(Node *node) {
   ssc_sdn_msg_queue_pop_msg_node(node);
 }
 
-// The rule itself, applied node by node from the head.
+// Applies the rule itself, node by node from the head.
 void traverse_from_head() {
   constexpr const char *kName = "ssc_sdn_msg_queue_traverse_pop_msg_node";
   std::uint32_t unreturned = 0;

@@ -25,7 +25,7 @@ struct ssc_sdn_msg_queue_node : ssc_sdn_msg_queue_link {
 
   // The queue's own bookkeeping.
   std::uint32_t sequence;               // order of arrival, modulo 2^32
-  std::uint32_t segment;                // stretch between two barriers that it stands in; a barrier begins one
+  std::uint32_t segment;                // number of its stretch between two barriers; a barrier begins a new one
   ssc_sdn_msg_queue_node *bucket_next;  // ring of the nodes in one hash bucket, in order of arrival
 };
 
@@ -37,8 +37,8 @@ inline bool ssc_sdn_msg_queue_empty() {
 }
 
 // Empties the queue. Deliberate: outstanding requests are dropped without an answer. Database 8 has just been connected, perhaps
-// again: at the data-fetch signal that follows, the service library hands over all that it still wants, and it expects no answers
-// from before.
+// again: at the data-fetch signal that follows, the service library hands over everything again that it still wants, and it
+// expects no answers to earlier requests.
 void ssc_sdn_msg_queue_init();
 
 // Appends a node without payload. Null when memory is short.
@@ -61,7 +61,7 @@ std::int32_t ssc_sdn_msg_queue_check_ds_end_by_type(std::uint32_t ds_type);
 // Pops every returned node up to the first barrier that still has to wait, and every barrier before it.
 void ssc_sdn_msg_queue_traverse_pop_msg_node();
 
-// Takes a node out and frees it with its payload: a barrier is answered, a failed flow is reported to the controller side.
+// Removes a node and frees it with its payload: a barrier is answered, a failed flow is reported to the controller side.
 void ssc_sdn_msg_queue_pop_msg_node(ssc_sdn_msg_queue_node *node);
 
 // Pops the first flow node with this id, if any.

@@ -15,8 +15,8 @@ std::atomic<std::uint32_t> is_framework_fetched_flag{0};
 
 namespace {
 
-constexpr std::uint32_t kVsd = 0;              // there is one virtual switch
-constexpr std::uint32_t kPacketSignalLen = 8;  // given to the intake whatever the header says
+constexpr std::uint32_t kVsd = 0;              // the only virtual switch
+constexpr std::uint32_t kPacketSignalLen = 8;  // passed to the intake whatever the header says
 
 bool g_registered = false;
 

@@ -2,7 +2,7 @@
 // call and hands the request to its intake (ssc_kelim_intake.h). It also owns the connection handshake. It keeps no queue and
 // takes no lock.
 //
-// The callbacks run on the service-library thread. A message is never read beyond the length that it gives; a field beyond reads
+// The callbacks run on the service-library thread. A message is never read beyond its stated length; a field past the end reads
 // as 0, and the intake then refuses the message. Layouts: southbound.h.
 #pragma once
 

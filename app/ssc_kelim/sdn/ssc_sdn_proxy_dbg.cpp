@@ -72,7 +72,7 @@ void print_mac(const char *label, const char *suffix, Bytes mac) {
   std::printf("\n");
 }
 
-// Deliberate: a VLAN mask is hexadecimal and on the value's line in a match, decimal and on a line of its own in a set-field.
+// Deliberate: a VLAN mask is hexadecimal and on the value's line in a match, decimal and on a separate line in a set-field.
 void print_field(const FieldText &text, Bytes payload, bool in_match) {
   const bool masked = (text.header >> 8 & 1) != 0;
   const std::size_t width = payload.size() / (masked ? 2 : 1);

@@ -1,8 +1,8 @@
 // Diagnostics of the southbound layer: the dump of a flow-mod, and the debug commands of module "ssc_kelim_proxy".
 //
-// The dump prints every match field and action to standard output; it neither checks the flow nor shows what the daemon
-// makes of it (dump_ssc_primitive_flow_entry does). A message is never read beyond the length that it gives. Any thread; the
-// commands run on the main SDN thread.
+// The dump prints every match field and action to standard output; it neither checks the flow nor shows the daemon's parsed form
+// (dump_ssc_primitive_flow_entry does). A message is never read beyond its stated length. Any thread; the commands run on the
+// main SDN thread.
 #pragma once
 
 #include <cstddef>
@@ -30,7 +30,7 @@ int libproxy_fp_sdn_dump_one_action(std::span<const std::byte> action, std::uint
 // Reads the switch file of this layer and registers its debug commands. 0, or the command service's code.
 std::int32_t libproxy_sdn_debug_init(qx_global *global);
 
-// Registers one further command of module "ssc_kelim_proxy". 0 always.
+// Registers one more command of module "ssc_kelim_proxy". 0 always.
 std::int32_t ut_ssc_sdn_proxy_regcmd(const char *name, const char *format, ssat_handler handler);
 
 // The commands: each argument switches its class on (non-zero) or off; the counters of the layer. 0.

@@ -1,4 +1,4 @@
-// A mutex whose rules clang checks (-Wthread-safety): what it guards, and in which order mutexes are taken.
+// A mutex with annotations that clang checks (-Wthread-safety): which data it guards, and in which order mutexes are taken.
 #pragma once
 
 #include <mutex>
@@ -24,7 +24,7 @@ class KELIM_THREAD_RULE(capability("mutex")) Mutex {
   std::mutex mutex_;
 };
 
-// Holds the mutex to the end of the scope.
+// Holds the mutex until the end of the scope.
 class KELIM_THREAD_RULE(scoped_lockable) Lock {
  public:
   explicit Lock(Mutex &mutex) KELIM_THREAD_RULE(acquire_capability(mutex)) : mutex_(mutex) { mutex_.lock(); }

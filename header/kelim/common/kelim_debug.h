@@ -19,8 +19,8 @@
 
 namespace kelim {
 
-// A word that several threads read and write without a lock: relaxed loads and stores, a plain increment. Two threads that
-// increment at the same instant may lose one, which is accepted everywhere this is used.
+// A word that several threads read and write without a lock: relaxed loads and stores, a plain increment. When two threads
+// increment at the same instant, one increment may be lost, which every user accepts.
 template <typename T>
 class Word {
  public:
@@ -126,10 +126,10 @@ inline constexpr std::uint32_t kNever = UINT32_MAX;
 
 struct LogClass {
   const char *tag;
-  const Word<std::uint32_t> *sw;  // what turns printing on
+  const Word<std::uint32_t> *sw;  // the switch word that turns printing on
   std::uint32_t print_bits;
   std::uint32_t service_bits;   // of ssc_sdn_debug_sw; 0: the log service needs no switch
-  std::uint32_t service_above;  // the log service needs a level above this; kNever: it never gets the class
+  std::uint32_t service_above;  // the log service's level must be above this; kNever: the class never goes there
   int service_level;
 
   bool to_stdout() const { return (*sw & print_bits) != 0; }
@@ -154,7 +154,7 @@ inline constexpr LogClass kCount{"COUNT", &g_sdn_count_dbg_sw, ~std::uint32_t{0}
 inline constexpr LogClass kProxyError{"ERROR", &libproxy_sdn_debug_sw, PROXY_DBG_ERROR, 0, kNever, 0};
 inline constexpr LogClass kProxyVer{"VER", &libproxy_sdn_debug_sw, PROXY_DBG_VER, 0, kNever, 0};
 inline constexpr LogClass kProxyBarrier{"BARRIER", &libproxy_sdn_debug_sw, PROXY_DBG_BARRIER, 0, kNever, 0};
-// Errors of the southbound layer's diagnostics, which the log service gets as well.
+// Errors of the southbound layer's diagnostics, which go to the log service as well.
 inline constexpr LogClass kProxyServiceError{"ERROR", &libproxy_sdn_debug_sw, PROXY_DBG_ERROR, 0, 0, QX_ZLOG_ERROR};
 
 // Prints "[time][SDN][tag]func[line]:" and holds standard output until log_line_end, so that lines of two threads do not mix.
@@ -186,7 +186,7 @@ template <typename... Args>
 
 }  // namespace kelim
 
-// The source path that lines carry. A module of several files redefines it after its includes, so that its lines carry one path.
+// The source path in log lines. A module of several files redefines it after its includes, so that its lines carry one path.
 #define SDN_LOG_SOURCE __FILE__
 
 #define SDN_LOG_AS(log_class, name, ...)                                                        \
@@ -349,5 +349,5 @@ inline void ssc_sdn_assert_main_thread() {
 }
 #endif
 
-// For tests: switches, counters, the allocation seam and the remembered main thread go back to their start.
+// For tests: resets the switches, the counters, the allocation seam and the remembered main thread.
 void kelim_debug_reset_for_tests();

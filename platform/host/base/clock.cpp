@@ -15,7 +15,7 @@ namespace {
 auto &g_mutex = *new Mutex;
 auto &g_changed = *new std::condition_variable;
 std::atomic<std::int64_t> g_offset{0};      // ns that the host clock is ahead of CLOCK_MONOTONIC
-std::atomic<std::int64_t> g_stopped_at{0};  // where it stands; 0 while it goes
+std::atomic<std::int64_t> g_stopped_at{0};  // the time at which it stands; 0 while it runs
 
 std::atomic<std::uint64_t> g_sleeps{0};
 
@@ -69,7 +69,7 @@ void resume() {
 void sleep_until(Time deadline) {
   Lock lock(g_mutex);
   g_sleeps.fetch_add(1, std::memory_order_release);
-  for (Time at = now(); at < deadline; at = now()) lock.wait_for(g_changed, deadline - at);  // in vain where the clock stands
+  for (Time at = now(); at < deadline; at = now()) lock.wait_for(g_changed, deadline - at);  // repeats while the clock stands
 }
 
 std::uint64_t sleeps() {

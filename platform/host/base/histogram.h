@@ -1,4 +1,4 @@
-// How long something took, counted into fixed buckets. A value costs a short search and two additions: no lock, no memory. It
+// A histogram of durations with fixed buckets. Adding a value costs a short search and two additions: no lock, no memory. It
 // belongs to one thread.
 #pragma once
 
@@ -11,7 +11,7 @@ namespace host {
 
 class Histogram {
  public:
-  // Upper bounds in microseconds; what takes longer than the last one is counted behind it.
+  // Upper bounds in microseconds; longer values go into a last bucket without a bound.
   static constexpr std::array<std::int64_t, 15> kBoundsUs = {
       100, 250, 500, 1'000, 2'500, 5'000, 10'000, 25'000, 50'000, 100'000, 250'000, 1'000'000, 2'500'000, 5'000'000, 10'000'000};
 

@@ -1,5 +1,5 @@
-// Locks that clang's thread-safety analysis follows (-Wthread-safety): a member or variable that is KELIM_GUARDED_BY a mutex is
-// touched while it is held, or the build fails. Other compilers see std::mutex and no more.
+// Locks that clang's thread-safety analysis follows (-Wthread-safety): a member or variable that is KELIM_GUARDED_BY a mutex may
+// be accessed only while that mutex is held, or the build fails. Other compilers see a plain std::mutex.
 #pragma once
 
 #include <condition_variable>
@@ -11,7 +11,7 @@
 #define KELIM_THREAD_ATTRIBUTE(attribute)
 #endif
 #define KELIM_GUARDED_BY(mutex) KELIM_THREAD_ATTRIBUTE(guarded_by(mutex))
-// Of a function, or behind the parameters of a lambda: the caller holds it.
+// On a function, or behind the parameters of a lambda: the caller holds the mutex.
 #define KELIM_REQUIRES(mutex) KELIM_THREAD_ATTRIBUTE(requires_capability(mutex))
 
 namespace host {
@@ -20,7 +20,7 @@ class KELIM_THREAD_ATTRIBUTE(capability("mutex")) Mutex {
  public:
   void lock() KELIM_THREAD_ATTRIBUTE(acquire_capability()) { mutex_.lock(); }
   void unlock() KELIM_THREAD_ATTRIBUTE(release_capability()) { mutex_.unlock(); }
-  // For the analysis: the caller holds it, in a place where that cannot be seen.
+  // Tells the analysis that the caller holds the mutex, where it cannot see that.
   void assert_held() KELIM_THREAD_ATTRIBUTE(assert_capability(this)) {}
 
  private:
@@ -28,7 +28,7 @@ class KELIM_THREAD_ATTRIBUTE(capability("mutex")) Mutex {
   std::mutex mutex_;
 };
 
-// Holds the mutex for as long as it lives, but for the waits.
+// Holds the mutex for its lifetime, except during waits.
 class KELIM_THREAD_ATTRIBUTE(scoped_lockable) Lock {
  public:
   explicit Lock(Mutex &mutex) KELIM_THREAD_ATTRIBUTE(acquire_capability(mutex)) : held_(mutex.mutex_) {}
@@ -36,11 +36,11 @@ class KELIM_THREAD_ATTRIBUTE(scoped_lockable) Lock {
   Lock(const Lock &) = delete;
   Lock &operator=(const Lock &) = delete;
 
-  // Gives the mutex back for a while.
+  // Releases the mutex for a while.
   void unlock() KELIM_THREAD_ATTRIBUTE(release_capability()) { held_.unlock(); }
   void lock() KELIM_THREAD_ATTRIBUTE(acquire_capability()) { held_.lock(); }
 
-  // As those of std::condition_variable.
+  // Like the waits of std::condition_variable.
   template <typename Done>
   void wait(std::condition_variable &changed, Done done) {
     changed.wait(held_, done);

@@ -20,7 +20,7 @@ namespace host {
 
 class ThreadBound {
  public:
-  // From now on the calling thread's. Before, any thread may use it.
+  // Binds the object to the calling thread. Before that, any thread may use it.
   void bind() { owner_ = std::this_thread::get_id(); }
   // Ends the process when called from another thread.
   void check() const {

@@ -36,7 +36,7 @@ bool TimerQueue::cancel(Id id) {
   if (it == deadlines_.end()) return false;
   due_.erase({it->second, id});
   deadlines_.erase(it);
-  return true;  // a wake-up for nothing is cheaper than moving the libevent timer
+  return true;  // a needless wake-up is cheaper than moving the libevent timer
 }
 
 void TimerQueue::hasten(Id id) {
@@ -67,7 +67,8 @@ void TimerQueue::reschedule() {
   evtimer_add(wakeup_.get(), &wait);
 }
 
-// What a callback arms anew waits for the next turn, however short its delay: its deadline is not before `at`, its id is newer.
+// A timer that a callback re-arms waits for the next turn, however short its delay: its deadline is not before `at`, and its id
+// is newer.
 void TimerQueue::run_due() {
   const clock::Time at = clock::now();
   const Id newer = next_id();

@@ -30,12 +30,12 @@ class TimerQueue {
   // Calls `fire` once, not before `deadline` and in a later turn of the loop. May throw std::bad_alloc; nothing is armed then.
   void arm(Id id, clock::Time deadline, std::function<void()> fire);
   bool cancel(Id id);
-  // Makes an armed timer due now. On a clock that a test has stopped it keeps its time.
+  // Makes an armed timer due now. While a test has stopped the clock, the timer keeps its deadline.
   void hasten(Id id);
   bool armed(Id id) const { return deadlines_.contains(id); }
   void clear();
 
-  // Looks at the clock again after it was stopped, warped or resumed.
+  // Reads the clock again after it was stopped, warped or resumed.
   void reschedule();
 
  private:

@@ -24,7 +24,7 @@ struct ConfigPort {
   bool operator==(const ConfigPort &) const = default;
 };
 
-// What each key means stands in the table of config.cpp and is printed by config_help().
+// The table in keys.cpp says what each key means; config_help() prints it.
 struct Config {
   std::string run_dir;
 
@@ -95,8 +95,8 @@ struct Config {
 
   std::vector<ConfigPort> ports;
 
-  std::string file;          // that was read; empty when there was none
-  bool run_dir_set = false;  // by file, environment or program, or as the user's own; not by default
+  std::string file;          // the file read; empty if there was none
+  bool run_dir_set = false;  // set by file, environment or program, or the user's own directory; false for the system's default
 };
 
 // One key as the operator sees it.
@@ -104,65 +104,66 @@ struct ConfigKey {
   std::string name;      // "openflow.listen", "run_dir"
   std::string variable;  // "KELIM_OPENFLOW_LISTEN"
   std::string fallback;  // the default as text
-  std::string toml;      // the default as it stands in the file, behind "listen = "; empty for a table
+  std::string toml;      // the default as written in the file after "listen = "; empty for a table
   std::string allowed;   // "0 to 4294967295", "auto, journald, syslog, file or stderr"
   std::string help;
 };
 
-// The configuration in force: the loaded one, the defaults before.
+// The effective configuration: the loaded one, or the defaults before the load.
 const Config &config();
 
-// Reads file and environment unless that was done already. "" or one line that names file or variable, key, what was given and
-// what is allowed.
+// Reads file and environment unless that was done already. Returns "" or one line that names file or variable, key, the given
+// value and the allowed ones.
 std::string config_load();
 
-// Reads everything anew into `fresh`; the configuration in force stays as it is. "" or the line as of config_load. Loop's thread.
+// Rereads everything into `fresh`; the effective configuration does not change. Returns "" or a line like config_load's. Loop's
+// thread.
 std::string config_reread(Config &fresh);
 
 // The names of the keys, such as "mom.url", whose values differ.
 std::vector<std::string> config_changes(Config a, Config b);
 
-// A key's value in force, as the environment variable would have it (passwords masked), and where it comes from: "default", the
-// file and line, the variable, or what else has set it.
+// A key's effective value in the form of the environment variable (passwords masked), and its source: "default", the file and
+// line, the variable, or the call that set it.
 struct ConfigValue {
   std::string key;
   std::string value;
   std::string source;
 };
 
-// Every key of the table, in its order. Loop's thread, as are the next two.
+// The effective values of all keys in the order of the table. Loop's thread, as for the next two.
 const std::vector<ConfigValue> &config_values();
 
-// These keys are in force from now on as they were read anew last.
+// Makes the latest reread values of these keys effective.
 void config_taken_over(std::span<const std::string_view> keys);
 
-// Somebody has changed what the key stands for while the process runs.
+// Records that the key's setting was changed by other means while the process runs.
 void config_noted(std::string_view key, const std::string &value, const std::string &source);
 
-// "" or why the key cannot have the value; nothing is changed.
+// Returns "" or why the key cannot have the value; changes nothing.
 std::string config_check(std::string_view key, const std::string &value);
 
-// Forgets what was loaded, so that the next load reads again. What config_set gave stays.
+// Discards the loaded values, so that the next load reads again. Values from config_set stay.
 void config_unload();
 
-// Sets a key from the program, over file and environment, now and at every later load; `value` as the environment variable would
-// have it. "" or the error.
+// Sets a key from the program, over file and environment, now and at every later load; `value` has the form of the environment
+// variable. Returns "" or the error.
 std::string config_set(std::string_view key, std::string_view value);
 
-// Tests: forgets what was loaded and set.
+// Tests: discards everything loaded and set.
 void config_reset();
 
 // Every key of the table, in its order.
 std::vector<ConfigKey> config_keys();
 
-// All of them as text for people, one key a paragraph.
+// All keys as readable text, one paragraph per key.
 std::string config_help();
 
-// The run directory of the whole machine, and the default one of a user who is not root: "" outside of a login session.
+// The system's run directory, and the default one of a user other than root, which is "" outside a login session.
 constexpr const char *kSystemRunDir = "/run/kelim";
 std::string users_run_dir();
 
-// Creates the run directory (mode 0755) if it is missing. "" or the error.
+// Creates the run directory (mode 0755) if it is missing. Returns "" or the error.
 std::string make_run_dir();
 
 }  // namespace host

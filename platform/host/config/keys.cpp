@@ -20,7 +20,7 @@ Value top(Config &c) {
   return &(c.*Member);
 }
 
-// HOST:PORT, the host in brackets where it has colons itself.
+// HOST:PORT, with the host in brackets if it contains colons.
 bool is_host_port(std::string_view text) {
   const auto colon = text.rfind(':');
   if (colon == std::string_view::npos || colon == 0) return false;
@@ -34,7 +34,7 @@ bool has_method(const std::string &text, const char *method) {
   return text.starts_with(method) && is_host_port(std::string_view(text).substr(strlen(method)));
 }
 
-// ---- what is allowed
+// ---- allowed values
 
 constexpr Allowed words(const char *list) {
   return {.words = list};
@@ -79,38 +79,38 @@ constexpr Allowed kMetrics = {"PORT (of 127.0.0.1) or ADDRESS:PORT, or nothing",
                               [](const std::string &t) { return t.empty() || is_numeric_endpoint(t); }};
 constexpr Allowed kPath = {"a path that begins with /", [](const std::string &t) { return t.starts_with('/'); }};
 
-// Every key, once: what reads, checks, prints and documents the configuration walks this table.
+// Every key once: reading, checking, printing and documenting the configuration all walk this table.
 using C = Config;
 constexpr Row kRows[] = {
     {"", "run_dir", top<&C::run_dir>, kSystemRunDir, kPath,
-     "Directory of the control sockets, for others than root $XDG_RUNTIME_DIR/kelim unless set; set or theirs, it has the pid "
-     "file too."},
+     "Directory of the control sockets; the default for users other than root is $XDG_RUNTIME_DIR/kelim. A directory that is "
+     "set, or a user's own, also holds the pid file."},
 
     {"log", "target", in<&C::log, &C::Log::target>, "auto", words("auto, journald, syslog, file or stderr"),
      "Where log lines go; auto is journald under systemd and standard error otherwise."},
     {"log", "file", in<&C::log, &C::Log::file>, "/var/log/kelim/%p.log", kPath,
-     "The file of target \"file\"; %p stands for the program's name, since two programs do not write one file."},
+     "The file of target \"file\"; %p stands for the program's name, because two programs must not write to one file."},
     {"log", "level", in<&C::log, &C::Log::level>, "debug", words("debug, info, warning, error or off"),
-     "The least severe level that is kept; verbose lines are debug."},
+     "The least severe level that is logged; verbose lines are debug."},
     {"log", "max_bytes", in<&C::log, &C::Log::max_bytes>, "10485760", between(4096, kAny64),
      "Size at which the file is rotated."},
-    {"log", "files", in<&C::log, &C::Log::files>, "5", between(1, 1000), "Rotated files that are kept."},
+    {"log", "files", in<&C::log, &C::Log::files>, "5", between(1, 1000), "Number of rotated files to keep."},
 
     {"mom", "url", in<&C::mom, &C::Mom::url>, "embedded:", kUrl, "The object database."},
     {"mom", "password", in<&C::mom, &C::Mom::password>, "", kAnything, "Password of a Redis server; none when empty."},
     {"mom", "password_file", in<&C::mom, &C::Mom::password_file>, "", kAnything,
      "File whose first line is the password; a name without / is that of a systemd credential."},
     {"mom", "tls_ca", in<&C::mom, &C::Mom::tls_ca>, "", kAnything,
-     "File of the authorities that the server of a rediss: URL is checked against."},
+     "File of the certificate authorities that the server of a rediss: URL is checked against."},
     {"mom", "tls_cert", in<&C::mom, &C::Mom::tls_cert>, "", kAnything,
-     "Certificate file to show to the server, where it wants one."},
+     "Certificate file to present to the server, if it requires one."},
     {"mom", "tls_key", in<&C::mom, &C::Mom::tls_key>, "", kAnything, "Private key file of mom.tls_cert."},
     {"mom", "tls_server_name", in<&C::mom, &C::Mom::tls_server_name>, "", kAnything,
-     "Name that the server's certificate has to be for; when empty, the host of the URL."},
+     "Name that the server's certificate must contain; when empty, the host of the URL."},
     {"mom", "sync_timeout_ms", in<&C::mom, &C::Mom::sync_timeout_ms>, "1000", between(1, 600'000),
      "Longest wait of a synchronous call."},
     {"mom", "dead_after_ms", in<&C::mom, &C::Mom::dead_after_ms>, "10000", between(100, 3'600'000),
-     "A connection to a server that owes answers and gives none for this long is given up, a quarter of it later at most."},
+     "Silence after which a connection to a server that owes answers is closed, at most a quarter of this time later."},
     {"mom", "high_water_writes", in<&C::mom, &C::Mom::high_water_writes>, "1048576", between(1, kAny64),
      "Writes of one record type in flight before further ones are refused."},
     {"mom", "high_water_bytes", in<&C::mom, &C::Mom::high_water_bytes>, "536870912", between(1, kAny64),
@@ -118,76 +118,76 @@ constexpr Row kRows[] = {
     {"mom", "scan_batch", in<&C::mom, &C::Mom::scan_batch>, "512", between(1, 65'536), "Objects read at a time while scanning."},
 
     {"openflow", "listen", in<&C::openflow, &C::OpenFlow::listen>, "ptcp:127.0.0.1:6653", kListen,
-     "Where controllers connect to, as numeric addresses; empty for nowhere."},
+     "Numeric addresses on which to listen for controllers; empty for none."},
     {"openflow", "connect", in<&C::openflow, &C::OpenFlow::connect>, "", kConnect,
      "Controllers to connect to; a name is looked up at each attempt."},
     {"openflow", "datapath_id", in<&C::openflow, &C::OpenFlow::datapath_id>, "", kDatapath,
-     "The datapath id; when empty, one derived from the machine that stays the same."},
+     "The datapath id; when empty, a stable one derived from the machine."},
     {"openflow", "capacity", in<&C::openflow, &C::OpenFlow::capacity>, "0", kAnything,
-     "Flows the table holds; 0 for what the daemon notifies."},
+     "Number of flows that the table holds; 0 for the capacity that the daemon notifies."},
     {"openflow", "echo_interval_s", in<&C::openflow, &C::OpenFlow::echo_interval_s>, "15", between(0, 86'400),
-     "Silence after which a controller is probed, in seconds; 0 for never."},
+     "Silence in seconds after which a controller is probed; 0 for never."},
     {"openflow", "decide_timeout_ms", in<&C::openflow, &C::OpenFlow::decide_timeout_ms>, "2000", between(100, 600'000),
      "Time after which an undecided flow counts as failed."},
     {"openflow", "prompt", in<&C::openflow, &C::OpenFlow::prompt>, "true", kAnything,
-     "Whether the daemon works as soon as something is handed over to it; otherwise only at its own period of 50 ms."},
+     "Whether the daemon processes requests as soon as they are handed over; otherwise only at its own period of 50 ms."},
     {"openflow", "queue_bound", in<&C::openflow, &C::OpenFlow::queue_bound>, "4096", between(1, 1'000'000),
-     "Messages queued a connection, and its barriers under way, before reading from it stops."},
+     "Messages queued per connection, and barriers in flight, at which reading from it stops."},
     {"openflow", "report_cells", in<&C::openflow, &C::OpenFlow::report_cells>, "100", between(1, 2730),
      "Counter changes in one packed report of the daemon."},
     {"openflow", "audit_interval_s", in<&C::openflow, &C::OpenFlow::audit_interval_s>, "10", between(0, 86'400),
-     "How often what was asked for is compared with what is stored, in seconds; 0 for only by kelimctl audit."},
+     "Seconds between comparisons of the requested state with the database; 0 for only by kelimctl audit."},
     {"openflow", "audit_repair", in<&C::openflow, &C::OpenFlow::audit_repair>, "false", kAnything,
-     "Whether differences that the comparison finds are repaired."},
+     "Whether the differences that a comparison finds are repaired."},
     {"openflow", "tls_cert", in<&C::openflow, &C::OpenFlow::tls_cert>, "", kAnything, "Certificate file for pssl: and ssl:."},
     {"openflow", "tls_key", in<&C::openflow, &C::OpenFlow::tls_key>, "", kAnything, "Private key file for pssl: and ssl:."},
     {"openflow", "tls_ca", in<&C::openflow, &C::OpenFlow::tls_ca>, "", kAnything,
-     "File of the authorities that peers are checked against; without it TLS is not used."},
+     "File of the certificate authorities that peers are checked against; without it TLS is not used."},
     {"openflow", "tls_verify", in<&C::openflow, &C::OpenFlow::tls_verify>, "true", kAnything,
-     "Whether peers have to show a certificate of these authorities; false lets anybody program flows."},
+     "Whether peers must present a certificate of these authorities; false lets anybody program flows."},
 
     {"programmer", "embedded", in<&C::programmer, &C::Programmer::embedded>, "true", kAnything,
      "Whether the programming service runs in the daemon; unless set, true for the embedded database only. Without "
      "effect in "
      "kelim-programmer."},
     {"programmer", "target", in<&C::programmer, &C::Programmer::target>, "sim", words("sim or linux"),
-     "What is programmed: simulated hardware, or the machine's own interfaces, which are then the ports of a switch. "
+     "The target to program: simulated hardware, or the machine's own interfaces, which become the ports of a switch. "
      "kelim-programmer takes its option --target instead."},
     {"programmer", "size", in<&C::programmer, &C::Programmer::size>, "4096", kAnything,
-     "Flows the target holds, of linux 1 to 1000000."},
+     "Number of flows that the target holds; 1 to 1000000 for linux."},
     {"programmer", "delay_ms", in<&C::programmer, &C::Programmer::delay_ms>, "0", between(0, 600'000),
      "Delay of the simulated answers."},
     {"programmer", "script", in<&C::programmer, &C::Programmer::script>, "", kAnything,
      "Scripted answers of the simulated hardware, such as fail=3;resource=5-7."},
     {"programmer", "seed", in<&C::programmer, &C::Programmer::seed>, "1", between(0, kAny64),
-     "Seed of what is random in the simulation."},
+     "Seed of the random choices in the simulation."},
     {"programmer", "counter_interval_ms", in<&C::programmer, &C::Programmer::counter_interval_ms>, "1000", between(0, 86'400'000),
      "Period of the counter records; 0 for none."},
     {"programmer", "counter_rate", in<&C::programmer, &C::Programmer::counter_rate>, "0", kAnything,
-     "Simulated packets a second of each installed flow."},
+     "Simulated packets per second of each installed flow."},
     {"programmer", "packet_in_rate", in<&C::programmer, &C::Programmer::packet_in_rate>, "1000", between(1, 1'000'000),
-     "Packets a second that each port of the target linux may send to the controllers; more are dropped."},
+     "Packets per second that each port of the target linux may send to the controllers; more are dropped."},
     {"programmer", "packet_in_burst", in<&C::programmer, &C::Programmer::packet_in_burst>, "100", between(1, 1'000'000),
-     "How many of these may come at once."},
+     "How many of these may be sent at once."},
     {"programmer", "service_chain", in<&C::programmer, &C::Programmer::service_chain>, "true", kAnything,
-     "Whether the service-chain application runs with it."},
+     "Whether the programming service also runs the service-chain application."},
 
     {"control", "enabled", in<&C::control, &C::Control::enabled>, "true", kAnything,
      "Whether debug commands and views are served on a unix socket in the run directory."},
     {"control", "group", in<&C::control, &C::Control::group>, "", kAnything,
-     "Group whose members may ask for views there; commands are for root and the user of the process, who has to be a member."},
+     "Group whose members may ask for views there; commands are for root and the process's user, who must be a member."},
 
     {"metrics", "listen", in<&C::metrics, &C::Metrics::listen>, "", kMetrics,
-     "Where the daemon serves /metrics (Prometheus), /healthz and /readyz over HTTP; empty for nowhere."},
+     "Address at which the daemon serves /metrics (Prometheus), /healthz and /readyz over HTTP; empty for none."},
     {"metrics", "programmer_listen", in<&C::metrics, &C::Metrics::programmer_listen>, "", kMetrics,
-     "The same for kelim-programmer, where it is a process of its own."},
+     "The same for kelim-programmer, if it runs as a separate process."},
 
     {"", "ports", top<&C::ports>, "", kAnything,
      "The port table: [[ports]] with ifx, name, phyid, type; as text IFX:NAME[:PHYID[:TYPE]], .... Without it, the machine's "
      "interfaces."},
 };
 
-// "a, b or c" holds the words that a text may be.
+// True if `text` is one of the words in a list such as "a, b or c".
 bool is_word_of(const char *list, const std::string &text) {
   const List all_words = split(list, " ,");
   return text != "or" && std::find(all_words.begin(), all_words.end(), text) != all_words.end();

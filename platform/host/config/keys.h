@@ -1,4 +1,4 @@
-// The table of configuration keys and how one of them is set. Used by config.cpp only.
+// The table of configuration keys, and the functions that read and set one of them. Used by this folder only.
 #pragma once
 
 #include <cstdint>
@@ -22,13 +22,13 @@ using Text = std::string;
 using List = std::vector<std::string>;
 using Ports = std::vector<ConfigPort>;
 
-// Where a key's value lies, which is also its type.
+// The place of a key's value, which also gives its type.
 using Value = std::variant<Text *, bool *, std::uint32_t *, std::uint64_t *, List *, Ports *>;
 
-// What is allowed beyond the type.
+// Restrictions beyond the type.
 struct Allowed {
-  const char *words = nullptr;  // for people; alone "a, b or c" names the words that a text may be; null: anything
-  bool (*fits)(const std::string &) = nullptr;  // whether a text, or each text of a list, is one that `words` describes
+  const char *words = nullptr;  // for operators; without `fits`, "a, b or c" lists the allowed words; null: any text
+  bool (*fits)(const std::string &) = nullptr;  // true for a text, or one text of a list, that `words` describes
   std::uint64_t min = 0;
   std::uint64_t max = UINT32_MAX;
 };
@@ -37,7 +37,7 @@ struct Row {
   const char *section;  // "" for keys outside any section
   const char *key;
   Value (*at)(Config &);
-  const char *fallback;  // the default, as the environment variable would have it
+  const char *fallback;  // the default, in the form of the environment variable
   Allowed allowed;
   const char *help;
 };
@@ -48,16 +48,16 @@ bool is_section(std::string_view name);
 
 std::string name(const Row &row);      // "openflow.listen"
 std::string variable(const Row &row);  // "KELIM_OPENFLOW_LISTEN"
-std::string allowed(const Row &row);   // for people
+std::string allowed(const Row &row);   // for operators
 std::string toml(const Row &row);      // the default as a TOML value; "" for tables
 
-// The key's value, as the environment variable would have it.
+// The key's value in the form of the environment variable.
 std::string text(const Row &row, Config &config);
 
-// Whether the key has the same value in both.
+// True if the key has the same value in both.
 bool same(const Row &row, Config &a, Config &b);
 
-// Whether a text, or one text of a list, is allowed.
+// True if a text, or one text of a list, is allowed.
 bool fits(const Row &row, const std::string &text);
 
 // Sets the key in `config`; false, and nothing is changed, when the value is not allowed.

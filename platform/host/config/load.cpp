@@ -27,13 +27,13 @@ constexpr const char *kDefaultFile = "/etc/kelim/host.toml";
 
 // ---- layers
 
-// One load in the making: the values and which of them somebody gave.
+// A load in progress: the values, and which of them were given.
 struct Draft {
   Config config;
-  std::map<const Row *, std::string> given;  // with where it was given
+  std::map<const Row *, std::string> given;  // value: where it was given
 };
 
-// A value as people may see it.
+// A value as it may be shown.
 std::string shown(const Row &row, const std::string &value) {
   return keys::name(row) == "mom.password" && !value.empty() ? "***" : masked(value);
 }
@@ -101,7 +101,7 @@ std::string apply_file(Draft &draft) {
   return "";
 }
 
-// A variable in the name space of a section that is no key of it; others that begin with KELIM_ are somebody else's.
+// A variable with the prefix of a section but no such key; other variables that begin with KELIM_ are not ours.
 std::string misspelt_variable() {
   std::set<std::string> known;
   for (const Row &row : keys::all()) known.insert(keys::variable(row));
@@ -136,7 +136,7 @@ std::string apply_environment(Draft &draft) {
 
 std::map<const Row *, std::string> g_set;  // by config_set
 bool g_loaded = false;
-std::vector<ConfigValue> g_values, g_read;  // in force, as read last
+std::vector<ConfigValue> g_values, g_read;  // effective; as last read
 
 Draft defaults() {
   Draft draft;
@@ -169,7 +169,7 @@ const Row *find_row(std::string_view key) {
   return keys::find(dot == std::string_view::npos ? "" : key.substr(0, dot), key.substr(dot + 1));
 }
 
-// What a file or a variable holds may be quoted, line ends and all.
+// Makes an error one line, because it may quote contents of a file or a variable with line ends.
 std::string one_line(std::string error) {
   std::ranges::replace_if(
       error, [](unsigned char c) { return c < 0x20 || c == 0x7f; }, ' ');
@@ -252,7 +252,7 @@ void config_noted(std::string_view key, const std::string &value, const std::str
 std::string config_check(std::string_view key, const std::string &value) {
   Draft trial;
   const Row *row = find_row(key);
-  return row ? apply_text("asked for", *row, value, trial) : "there is no key " + std::string(key);
+  return row ? apply_text("asked for", *row, value, trial) : "unknown key " + std::string(key);
 }
 
 std::vector<std::string> config_changes(Config a, Config b) {

@@ -11,7 +11,7 @@
 
 namespace host {
 
-// The parts between any of `separators`; empty parts are left out.
+// The parts between any of `separators`, without empty parts.
 inline std::vector<std::string> split(std::string_view text, std::string_view separators) {
   std::vector<std::string> parts;
   for (auto begin = text.find_first_not_of(separators); begin != std::string_view::npos;) {
@@ -30,13 +30,14 @@ inline std::optional<std::uint64_t> number(std::string_view text, int base = 10)
   return n;
 }
 
-// The same as people write it: decimal, or hexadecimal behind "0x".
+// As number(), for decimal and, after "0x", hexadecimal digits.
 inline std::optional<std::uint64_t> any_number(std::string_view text) {
   const bool hex = text.starts_with("0x");
   return number(text.substr(hex ? 2 : 0), hex ? 16 : 10);
 }
 
-// A URL as it may be shown: without its password. Text that has no scheme, by mistake, shows nothing ahead of its last "@".
+// A URL as it may be shown, without its password. Of a text without a scheme, a mistake, everything before the last "@" is
+// hidden.
 inline std::string masked(std::string_view url) {
   const auto scheme = url.find("://"), end = url.rfind('@');
   if (end == std::string_view::npos || url.find("redis+unix:/") != std::string_view::npos) return std::string(url);
@@ -45,7 +46,7 @@ inline std::string masked(std::string_view url) {
   return std::string(url.substr(0, begin)).append("***").append(url.substr(end));
 }
 
-// Where `text` ceases to be UTF-8 (RFC 3629: shortest form, no surrogates, up to U+10FFFF); npos where it is all of it.
+// Where `text` ceases to be UTF-8 (RFC 3629: shortest form, no surrogates, up to U+10FFFF); npos if it is valid throughout.
 inline std::size_t not_utf8(std::string_view text) {
   const auto byte = [text](std::size_t at) { return at < text.size() ? static_cast<unsigned char>(text[at]) : 0u; };
   for (std::size_t at = 0; at < text.size();) {

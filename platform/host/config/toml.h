@@ -1,5 +1,5 @@
-// The TOML parser, without what it does wrong (toml++ 3.3): its assertions on wrong files, and its undefined behaviour on letters that
-// its tables of blank characters come close to, such as "ä" behind a line that ends with a backslash.
+// The TOML parser with workarounds for two faults of toml++ 3.3: assertions on invalid files, and undefined behaviour on letters
+// that resemble its tables of blank characters, such as "ä" after a line that ends with a backslash.
 #pragma once
 
 #define TOML_EXCEPTIONS 0

@@ -1,4 +1,4 @@
-// How one key is set, from text and from TOML.
+// Reads and sets one key, from text and from TOML.
 #include <algorithm>
 #include <map>
 #include <optional>
@@ -17,7 +17,7 @@ struct Overloaded : F... {
   using F::operator()...;
 };
 template <typename... F>
-Overloaded(F...) -> Overloaded<F...>;  // clang 14 cannot do without
+Overloaded(F...) -> Overloaded<F...>;  // required by clang 14
 
 constexpr const char *kPortForm =
     "ports of ifx 1 to 4294967295, each once, name, phyid and type ethernet, tunnel, router (or 1, 45, 46)";
@@ -32,7 +32,7 @@ std::optional<std::uint32_t> port_type(const std::string &text) {
   return it == types.end() ? std::nullopt : std::optional(it->second);
 }
 
-// The fields as texts, an empty one where it was not given.
+// The fields as texts, empty if not given.
 bool add_port(Ports &ports, const std::string &ifx, const std::string &name, const std::string &phyid, const std::string &type) {
   const auto index = number(ifx);
   const auto physical = phyid.empty() ? index : number(phyid);
@@ -111,7 +111,7 @@ std::optional<List> strings(const toml::node &node) {
   return list;
 }
 
-// A field of a [[ports]] table as text; nothing for what is neither text nor number.
+// A field of a [[ports]] table as text; std::nullopt if it is neither text nor number.
 std::optional<std::string> field(const toml::table &table, const char *key) {
   const toml::node *node = table.get(key);
   if (!node) return "";
@@ -186,7 +186,7 @@ bool same(const Row &row, Config &a, Config &b) {
   return std::visit([&in_b](auto *value) { return *value == **std::get_if<decltype(value)>(&in_b); }, row.at(a));
 }
 
-// ---- for people
+// ---- for operators
 
 std::string allowed(const Row &row) {
   static Config scratch;

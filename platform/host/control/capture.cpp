@@ -47,7 +47,7 @@ void write_all(int fd, const std::string &text) {
 
 }  // namespace
 
-// A file in memory takes the place of descriptor 1 meanwhile: unlike a pipe it holds any dump without a reader.
+// A file in memory replaces descriptor 1 meanwhile: unlike a pipe it holds a dump of any size without a reader.
 Captured capture_stdout(const std::function<void()> &print) {
   const Fd file(memfd_create("kelim_output", MFD_CLOEXEC));
   fflush(stdout);

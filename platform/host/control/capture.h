@@ -1,4 +1,4 @@
-// What a function prints on standard output, for a caller that wants to read it.
+// Captures what a function prints on standard output.
 #pragma once
 
 #include <functional>
@@ -8,11 +8,11 @@ namespace host::control {
 
 struct Captured {
   std::string text;
-  bool cut = false;  // it was longer than the limit of 64 MiB
+  bool cut = false;  // the output exceeded the limit of 64 MiB
 };
 
-// Runs `print` and gives what reached standard output meanwhile, which goes to standard output as well. What other threads print
-// at that time is part of it. Loop's thread.
+// Runs `print` and returns the standard output of that time, output of other threads included, which is still printed as well.
+// Loop's thread.
 Captured capture_stdout(const std::function<void()> &print);
 
 }  // namespace host::control

@@ -1,5 +1,5 @@
-// The other end of the control service: connect, send a request line, receive the answer. For kelimctl and tests; needs nothing
-// else of the host. Blocking calls with a limit; one thread a client.
+// A client of the control service: connects, sends a request line, receives the answer. For kelimctl and tests; independent of
+// the rest of the host. Blocking calls with a time limit; one thread per client.
 #pragma once
 
 #include <errno.h>
@@ -17,7 +17,7 @@
 
 namespace host::control {
 
-// Where the process `name` serves control requests.
+// The path at which the process `name` serves control requests.
 inline std::string socket_path(const std::string &run_dir, const std::string &name) {
   return run_dir + "/" + name + ".ctl";
 }
@@ -29,7 +29,7 @@ class Client {
   Client(const Client &) = delete;
   Client &operator=(const Client &) = delete;
 
-  // "" or why nobody can be reached at `path`.
+  // Returns "" or why no process can be reached at `path`.
   std::string connect(const std::string &path) {
     disconnect();
     sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
@@ -49,11 +49,11 @@ class Client {
 
   int fd() const { return fd_; }
 
-  // Sends `line` (without line end) and waits for the answer line. "" and *answer, or why there is none.
+  // Sends `line` (without line end) and waits for the answer line. Returns "" and sets *answer, or returns why there is none.
   std::string request(std::string_view line, std::string *answer, std::chrono::milliseconds limit = std::chrono::seconds(30)) {
     std::string unsent = send(std::string(line) + "\n");
     if (fd_ < 0) return unsent;
-    // A process that turns the client away says why before it hangs up.
+    // A process that rejects the client says why before it closes the connection.
     const std::string why = receive(answer, limit);
     return unsent.empty() || why.empty() ? why : unsent;
   }
@@ -68,7 +68,7 @@ class Client {
     return "";
   }
 
-  // The next line. Without a limit it waits as long as the connection lasts.
+  // Receives the next line. Without a limit it waits as long as the connection lasts.
   std::string receive(std::string *answer, std::optional<std::chrono::milliseconds> limit = {}) {
     std::optional<std::chrono::steady_clock::time_point> deadline;
     if (limit) deadline = std::chrono::steady_clock::now() + *limit;

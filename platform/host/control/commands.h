@@ -5,14 +5,14 @@
 
 namespace host::control {
 
-// Calls the command that `request` names and gives the answer's members; throws Refusal, and the handler is not called, when
-// module, command or arguments do not fit.
+// Calls the command that `request` names and returns the answer's members; throws Refusal, without calling the handler, when
+// module, command or arguments do not match.
 nlohmann::json call_command(const nlohmann::json &request);
 
 // Every module with its commands and their formats.
 nlohmann::json list_commands();
 
-// Forgets every module.
+// Removes every module.
 void clear_commands();
 
 }  // namespace host::control

@@ -13,7 +13,7 @@ std::string_view trimmed(std::string_view text) {
   return begin == std::string_view::npos ? "" : text.substr(begin, text.find_last_not_of(' ') - begin + 1);
 }
 
-// Cuts `text` at the next `separator` and gives what stood before it.
+// Cuts `text` at the next `separator` and returns the part before it.
 std::string_view next_part(std::string_view &text, char separator) {
   const auto at = text.find(separator);
   const std::string_view part = text.substr(0, at);

@@ -15,13 +15,13 @@ struct Argument {
   std::vector<std::int64_t> allowed;  // the values in parentheses; any when empty
 };
 
-// The arguments that a format names; nothing for a malformed one (at most SSAT_MAX_ARGS, each name once).
+// The arguments that a format names; std::nullopt for a malformed one (at most SSAT_MAX_ARGS, each name once).
 std::optional<std::vector<Argument>> parse_format(std::string_view format);
 
-// The value of `text` as the argument asks for it; nothing when it is none. Hexadecimal values may use all 64 bits.
+// The value of `text` for the argument; std::nullopt if it is not a valid one. Hexadecimal values may use all 64 bits.
 std::optional<std::int64_t> parse_value(const Argument &argument, std::string_view text);
 
-// What the argument takes, for people: "a decimal number", "0 or 1".
+// The allowed values in words: "a decimal number", "0 or 1".
 std::string describe(const Argument &argument);
 
 }  // namespace host::control

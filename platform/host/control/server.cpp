@@ -17,15 +17,15 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kLook = 1s;                             // between looks at the socket's file
+constexpr auto kLook = 1s;                             // between checks of the socket's file
 constexpr timeval kIdle{.tv_sec = 300, .tv_usec = 0};  // between requests
-constexpr timeval kStuck{.tv_sec = 60, .tv_usec = 0};  // without taking a byte of the answer
+constexpr timeval kStuck{.tv_sec = 60, .tv_usec = 0};  // without reading a byte of the answer
 
 struct BuffereventDeleter {
   void operator()(bufferevent *b) const { bufferevent_free(b); }
 };
 
-// Whether somebody still serves the socket `address`.
+// True if a process still serves the socket `address`.
 bool is_served(const sockaddr_un &address) {
   const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   const bool served = connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 || errno == EAGAIN;
@@ -33,7 +33,7 @@ bool is_served(const sockaddr_un &address) {
   return served;
 }
 
-// A listening socket whose file nobody but its owner may open, from its first moment. Negative on failure, with errno.
+// A bound socket whose file only its owner may open, from its first moment. Negative on failure, with errno.
 int bound_socket(const sockaddr_un &address) {
   const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (fd < 0) return -1;
@@ -44,14 +44,13 @@ int bound_socket(const sockaddr_un &address) {
   return -1;
 }
 
-// Hands the file of the socket to the group as well. "" or the error.
+// Opens the socket's file to the group as well. Returns "" or the error.
 std::string share(const std::string &path, gid_t group) {
   if (chown(path.c_str(), static_cast<uid_t>(-1), group) == 0 && chmod(path.c_str(), 0660) == 0) return "";
-  return path + ": cannot be given to control.group: " + strerror(errno) +
-         "; the user of the process has to be one of its members";
+  return path + ": cannot be given to control.group: " + strerror(errno) + "; the process's user must be one of its members";
 }
 
-// Without credentials a peer is taken for one of the group.
+// A peer without credentials counts as a member of the group.
 LineServer::Asker asker_of(int fd) {
   ucred peer{};
   socklen_t length = sizeof peer;
@@ -65,7 +64,7 @@ struct LineServer::Client {
   LineServer *server;
   Asker asker;
   std::unique_ptr<bufferevent, BuffereventDeleter> socket;
-  bool closing = false;  // goes when its answer is out
+  bool closing = false;  // removed once its answer is sent
   std::shared_ptr<void> stream{};
   std::size_t missed = 0;  // lines of the stream
 
@@ -107,7 +106,7 @@ std::string LineServer::listen(const std::string &path) {
   }
   path_ = path;
   look_.arm(kLook);
-  // Out of descriptors: the waiting client would wake the loop over and over.
+  // Without free descriptors, the waiting client would wake the loop again and again.
   evconnlistener_set_error_cb(listener_.get(), [](evconnlistener *l, void *self) {
     evconnlistener_disable(l);
     static_cast<LineServer *>(self)->listen_again_.arm(100ms);
@@ -115,16 +114,16 @@ std::string LineServer::listen(const std::string &path) {
   return "";
 }
 
-// Somebody may have removed the run directory, or what is in it.
+// The run directory, or its contents, may have been removed.
 void LineServer::look_after_socket() {
   look_.arm(kLook);
   if (access(path_.c_str(), F_OK) == 0 || errno != ENOENT) return;
   std::string why = make_run_dir();
   if (why.empty()) why = listen(path_);
   if (why.empty())
-    log::warn("the control socket {} had gone and is there again", path_);
+    log::warn("the control socket {} was missing and has been created again", path_);
   else if (!lost_)
-    log::error("the control socket {} has gone and cannot be made again: {}", path_, why);
+    log::error("the control socket {} is missing and cannot be created again: {}", path_, why);
   lost_ = !why.empty();
 }
 
@@ -148,7 +147,7 @@ void LineServer::accept(int fd) {
   bufferevent_enable(socket, EV_READ | EV_WRITE);
 }
 
-// Takes the next request only once the last answer is out: a client that reads nothing costs one answer and, by the watermark,
+// Reads the next request only once the last answer is sent: a client that reads nothing costs one answer and, by the watermark,
 // one line of input.
 void LineServer::serve(Client &client) {
   while (!client.closing && !client.stream && evbuffer_get_length(client.output()) == 0) {
@@ -172,7 +171,7 @@ void LineServer::answer(Client &client, const std::string &line) {
   Reply reply = words_.answer(line, client.asker, [this, &client](const auto &further) { push(client, further); });
   client.send(reply.line);
   client.stream = std::move(reply.stream);
-  if (client.stream) bufferevent_set_timeouts(client.socket.get(), nullptr, &kStuck);  // it only listens from now on
+  if (client.stream) bufferevent_set_timeouts(client.socket.get(), nullptr, &kStuck);  // from now on it only reads
 }
 
 void LineServer::push(Client &client, const std::function<std::string()> &line) {

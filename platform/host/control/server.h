@@ -1,5 +1,5 @@
-// Lines over a unix socket: one request a line, one answer a line, or one answer and then a stream of lines. Knows nothing of
-// what they say. Loop's thread.
+// A server of lines over a unix socket: each request line gets one answer line, or one answer and then a stream of lines. It does
+// not interpret them. Loop's thread.
 #pragma once
 
 #include <event2/bufferevent.h>
@@ -21,37 +21,37 @@ class LineServer {
  public:
   static constexpr std::size_t kLongestLine = 64 << 10;
   static constexpr std::size_t kMostClients = 32;
-  static constexpr std::size_t kMostUnread = 1 << 20;  // bytes of a stream that its reader may leave behind
+  static constexpr std::size_t kMostUnread = 1 << 20;  // bytes of a stream that its reader may leave unread
 
-  // Sends a further line to a client whose stream lives. `line` makes it and is not called while the client leaves too much
-  // unread: then the line is lost and counted.
+  // Sends another line to a client with a live stream. `line` makes it, but is not called while the client leaves too much
+  // unread: the line is then lost and counted.
   using Push = std::function<void(const std::function<std::string()> &line)>;
   struct Reply {
     std::string line;
-    std::shared_ptr<void> stream;  // kept until the client goes, null without a stream; further requests are not read then
+    // Kept until the client disconnects; null without a stream. With one, further requests are not read.
+    std::shared_ptr<void> stream;
   };
-  // By the credentials of its socket: the user of the process or root, or else somebody of the socket's group.
+  // By the credentials of its socket: the process's user or root, otherwise a member of the socket's group.
   enum class Asker { owner, group };
-  // What the lines say, without line ends.
+  // The contents of the lines, without line ends.
   struct Words {
-    // The answer to a line. `push` must not be called from inside.
+    // The answer to a line. It must not call `push` itself.
     std::function<Reply(const std::string &line, Asker asker, const Push &push)> answer;
     // The answer to a line that is too long.
     std::function<std::string(const std::string &why)> refuse;
-    // What a client is told that comes when there are too many.
+    // The line to a client beyond the limit.
     std::function<std::string(const std::string &why)> turn_away;
-    // Tells a stream's reader, once it reads again, how many lines it missed.
+    // The line that tells a stream's reader, once it reads again, how many lines it missed.
     std::function<std::string(std::size_t lines)> missed;
   };
 
-  // With a group the socket is for its members too (mode 0660), otherwise for its owner alone (mode 0600).
+  // With a group the socket is open to its members too (mode 0660), otherwise to its owner alone (mode 0600).
   LineServer(Words words, std::optional<gid_t> group);
   ~LineServer();
   LineServer(const LineServer &) = delete;
   LineServer &operator=(const LineServer &) = delete;
 
-  // Listens on `path`, in place of a socket that nobody serves any more, and again when the file has gone. "" or the
-  // error.
+  // Listens on `path`, replacing a socket that is no longer served, and again when the file disappears. Returns "" or the error.
   std::string listen(const std::string &path);
 
  private:
@@ -73,7 +73,7 @@ class LineServer {
   std::list<Client> clients_;
   std::unique_ptr<evconnlistener, ListenerDeleter> listener_;
   Timer look_{[this] { look_after_socket(); }};
-  bool lost_ = false;  // the socket's file has gone, and that has been said
+  bool lost_ = false;  // the socket's file is missing, and that has been logged
   Timer listen_again_{[this] { evconnlistener_enable(listener_.get()); }};
 };
 

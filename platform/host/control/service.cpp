@@ -20,9 +20,9 @@ namespace host::control {
 namespace {
 
 using nlohmann::json;
-using Answer = nlohmann::ordered_json;  // people read records in the order of their fields
+using Answer = nlohmann::ordered_json;  // keeps the order of fields, for readers
 
-constexpr int kDeepest = 16;  // levels of a request
+constexpr int kDeepest = 16;  // nesting levels of a request
 
 std::map<std::string, View, std::less<>> g_views;
 std::map<std::string, Feed, std::less<>> g_feeds;
@@ -36,7 +36,7 @@ std::string names(const Map &map) {
   return text;
 }
 
-// What a request names, among `registered`.
+// The one of `registered` that a request names.
 template <typename Map>
 const auto &named(const Map &registered, const char *kind, const std::string &name) {
   const auto found = registered.find(name);
@@ -45,7 +45,7 @@ const auto &named(const Map &registered, const char *kind, const std::string &na
   return found->second;
 }
 
-// Output of handlers may hold any bytes: what is no UTF-8 is shown as U+FFFD.
+// Output of handlers may hold any bytes: invalid UTF-8 is shown as U+FFFD.
 std::string text_of(const Answer &value) {
   return value.dump(-1, ' ', false, Answer::error_handler_t::replace);
 }
@@ -96,7 +96,7 @@ Reply list(const json &, const LineServer::Push &) {
 
 struct Call {
   Reply (*answer)(const json &request, const LineServer::Push &push);
-  bool changes_things = false;  // or may
+  bool changes_things = false;  // or may change them
 };
 const std::map<std::string, Call, std::less<>> kCalls = {
     {"cmd", {call_command_line, true}}, {"list", {list}}, {"set", {set, true}}, {"view", {call_view}}, {"watch", {call_feed}}};
@@ -105,7 +105,7 @@ Reply answer(const json &request, LineServer::Asker asker, const LineServer::Pus
   if (!request.is_object()) throw Refusal("a request is one JSON object on a line, such as {\"call\":\"list\"}");
   const Call &call = named(kCalls, "call", request.value("call", ""));
   if (call.changes_things && asker != LineServer::Asker::owner)
-    throw std::runtime_error("commands are for the user of the process and root; members of control.group may ask for views");
+    throw std::runtime_error("commands are for the process's user and root; members of control.group may ask for views");
   return call.answer(request, push);
 }
 
@@ -117,7 +117,7 @@ std::string fail(const std::string &why) {
   return text_of({{"status", 1}, {"error", why}});
 }
 
-// Copying or showing a value takes stack by its depth.
+// Copying or showing a value uses stack in proportion to its depth.
 json parse(const std::string &line) {
   const auto check = [](int depth, json::parse_event_t, const json &) {
     if (depth > kDeepest) throw Refusal("the request is nested deeper than " + std::to_string(kDeepest) + " levels");
@@ -167,7 +167,7 @@ std::string start(const Config &config, const std::string &runtime_name) {
   start_status();
   register_setting("log.level", [](const std::string &value) {
     log::set_level(value);
-    log::info("the log level is {}, as an operator asked", value);
+    log::info("the log level is {}, set by an operator", value);
   });
   if (!config.control.enabled) return "";
   const std::string &name = config.control.group;

@@ -1,5 +1,4 @@
-// The view "status": one screen of what an operator asks first, put together from what each service says of itself. Loop's
-// thread.
+// The view "status": answers an operator's first questions on one screen, from parts that the services contribute. Loop's thread.
 #pragma once
 
 #include <functional>
@@ -10,7 +9,7 @@ namespace host::control {
 
 using StatusPart = std::function<nlohmann::ordered_json()>;
 
-// Registers a part until the runtime is released. One that throws is shown as {"error": "why"}.
+// Registers a part until the runtime is released. A part that throws is shown as {"error": "why"}.
 void register_status(const std::string &name, StatusPart part);
 
 // Registers the view, with the part "process".

@@ -47,7 +47,7 @@ Port from_machine(const Interface &real) {
   return port;
 }
 
-// ---- what is configured
+// ---- the configured ports
 
 Port from_config(const ConfigPort &configured, const Interfaces &machine) {
   const auto ifx = configured.ifx;
@@ -73,12 +73,12 @@ std::optional<Ports> read_ports() {
   return ports;
 }
 
-// ---- the table in force
+// ---- the current table
 
 Mutex g_mutex;
 std::shared_ptr<const Ports> g_ports KELIM_GUARDED_BY(g_mutex);
 bool g_stale KELIM_GUARDED_BY(g_mutex) = true;
-std::atomic<bool> g_watched{false};  // whether changes are noticed; the table is read anew for every question otherwise
+std::atomic<bool> g_watched{false};  // the kernel notifies changes; otherwise the table is reread for every query
 
 void look_again() {
   const Lock lock(g_mutex);
@@ -140,7 +140,7 @@ Mutex g_counters_mutex;
 std::shared_ptr<const CountersByIndex> g_counters KELIM_GUARDED_BY(g_counters_mutex);
 clock::Time g_counters_read KELIM_GUARDED_BY(g_counters_mutex){};
 
-// One question to the kernel gives the counters of all, so that whoever asks for port after port costs one.
+// One query to the kernel returns the counters of all interfaces, so that reading port after port costs only one.
 std::shared_ptr<const CountersByIndex> all_counters() {
   const Lock lock(g_counters_mutex);
   const clock::Time now = clock::now();
@@ -154,7 +154,7 @@ std::shared_ptr<const CountersByIndex> all_counters() {
 
 }  // namespace
 
-// What cannot be read now has not gone: the latest that is known stands.
+// A failed read does not mean that interfaces are gone, so the latest known table stays.
 std::shared_ptr<const Ports> ports() {
   const Lock lock(g_mutex);
   if (g_ports && !g_stale) return g_ports;
@@ -190,7 +190,8 @@ int libddm_init(qx_global *global, const char *name) {
   if (!global || !name) return QX_INVALID;
   if (const int rv = fault::check(fault::Point::ddm_init)) return rv;
   if (ddm::g_watch) return 0;
-  if (!ddm::watch_links()) log::warn("changes of interfaces go unnoticed, every question reads them anew: {}", strerror(errno));
+  if (!ddm::watch_links())
+    log::warn("interface changes cannot be watched, every query rereads the interfaces: {}", strerror(errno));
   at_finish([] { ddm::g_watch.reset(); });
   return 0;
 }

@@ -41,7 +41,7 @@ constexpr Speed kSpeeds[] = {{10, k10Half, k10Full},         {100, k100Half, k10
                              {10000, kOther, k10000Full},    {40000, kOther, k40000Full}, {100000, kOther, k100000Full},
                              {1000000, kOther, k1000000Full}};
 
-// What each of ethtool's link modes is; bits that are not here are speeds that OpenFlow has no name for.
+// The meaning of ethtool's link modes; missing bits are speeds without a name in OpenFlow.
 struct Mode {
   std::uint32_t feature;
   std::initializer_list<unsigned> bits;
@@ -85,7 +85,7 @@ std::uint32_t features_of(std::span<const std::uint32_t> words) {
   return features;
 }
 
-// The answer, with its three masks of link modes behind its fixed part: supported, advertised, of the peer.
+// The kernel's answer: a fixed part and three masks of link modes: supported, advertised, the peer's.
 class Settings {
  public:
   ethtool_link_settings fixed() const {
@@ -99,7 +99,7 @@ class Settings {
     std::memcpy(all, bytes_ + sizeof(ethtool_link_settings) + mask * words * sizeof *all, words * sizeof *all);
     return features_of(std::span(all).first(words));
   }
-  // Asked with no number of words the kernel gives its own, negative.
+  // A request with 0 words makes the kernel return the number it needs, negated.
   bool read(int fd, const std::string &interface) {
     if (!call(fd, interface, 0)) return false;
     const int words = -fixed().link_mode_masks_nwords;

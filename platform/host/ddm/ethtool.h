@@ -1,4 +1,4 @@
-// What a network interface says of its medium, in OpenFlow's vocabulary (1.3.5, 7.2.1: OFPPF_*). Any thread.
+// Reads the medium of a network interface, in OpenFlow's vocabulary (1.3.5, 7.2.1: OFPPF_*). Any thread.
 #pragma once
 
 #include <cstdint>
@@ -6,7 +6,7 @@
 
 namespace host::ddm {
 
-// Zero where the interface does not tell.
+// Zero for values that the interface does not report.
 struct Medium {
   std::uint32_t current = 0, advertised = 0, supported = 0, peer = 0;  // OFPPF_*
   std::uint32_t speed_kbps = 0, max_speed_kbps = 0;

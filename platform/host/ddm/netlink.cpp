@@ -49,7 +49,7 @@ T read(Bytes from) {
   return value;
 }
 
-// Calls visit(type, value) for what follows the `Header` of each element: messages, attributes.
+// Calls visit(type, value) with the contents behind the `Header` of each element: messages, attributes.
 template <typename Header, typename Visit>
 void for_each(Bytes all, std::size_t (*length_of)(const Header &), Visit visit) {
   while (all.size() >= sizeof(Header)) {
@@ -78,7 +78,7 @@ struct Request {
   ifinfomsg link;
 };
 
-// Sends the request and gives visit(type, body) every message of the answer. 0, or an errno.
+// Sends the request and calls visit(type, body) for every message of the answer. 0, or an errno.
 template <typename Visit>
 int ask(std::uint16_t type, std::uint16_t flags, const ifinfomsg &link, Visit visit) {
   const Socket socket;

@@ -1,5 +1,5 @@
-// The network interfaces of this network name space, asked of the kernel over rtnetlink. Every call has a socket of its own: any
-// thread, whose name space counts.
+// Reads the network interfaces of the caller's network namespace from the kernel over rtnetlink. Every call opens its own socket.
+// Any thread; its namespace counts.
 #pragma once
 
 #include <array>
@@ -20,17 +20,17 @@ struct Interface {
   std::array<std::uint8_t, 6> mac{};
   bool loopback = false;
   bool enabled = false;  // by its administrator
-  bool carrier = false;  // a peer is there, and what lies below is ready
+  bool carrier = false;  // a peer is connected, and lower layers are ready
   Counters counters{};
 };
 
-// Nothing, with errno, when the kernel does not tell.
+// std::nullopt, with errno, when the kernel does not answer.
 std::optional<std::vector<Interface>> read_interfaces();
 
-// Enables or disables an interface. 0, or an errno: EPERM without CAP_NET_ADMIN, ENODEV when it has gone.
+// Enables or disables an interface. 0, or an errno: EPERM without CAP_NET_ADMIN, ENODEV when it no longer exists.
 int enable_interface(std::uint32_t index, bool enable);
 
-// A socket that becomes readable when an interface comes, goes or changes. Negative, with errno, on failure.
+// A socket that becomes readable when an interface appears, disappears or changes. Negative, with errno, on failure.
 int open_link_notices();
 
 }  // namespace host::ddm

@@ -1,7 +1,7 @@
-// Fault switches: tests make a platform call fail the n-th time it is made, with the result they choose.
+// Fault switches: with them, tests make a platform call fail the n-th time, with a result of their choice.
 //
-// Not a mock: the call's own code runs up to its first side effect and then takes its ordinary failure path. Nothing is ever set
-// in production, where a check costs one relaxed load.
+// They are not mocks: the call's own code runs up to its first side effect and then takes its ordinary failure path. Nothing is
+// ever set in production, where a check costs one relaxed load.
 //
 // Threads: any thread. Use in a service:
 //
@@ -61,17 +61,17 @@ int take(Point point);
 // point's earlier rule.
 void fail(Point point, int rv, unsigned skip = 0, unsigned count = 1);
 
-// Takes back every rule.
+// Removes every rule.
 void clear();
 
-// How many times `point` was checked under its present rule, and 0 without one: lets a loop that fails the n-th call know when n
-// went past the last one.
+// The number of checks of `point` under its present rule, 0 without one: lets a loop that fails the n-th call detect that n has
+// passed the last one.
 unsigned seen(Point point);
 
 std::string_view name(Point point);
 std::optional<Point> from_name(std::string_view name);
 
-// The result that `point` must give now; 0 to go on.
+// The result that `point` must return now; 0 to continue.
 inline int check(Point point) {
   return detail::rules_set.load(std::memory_order_relaxed) == 0 ? 0 : detail::take(point);
 }

@@ -29,7 +29,7 @@ namespace {
 
 constexpr int kCannotRun = 1;  // exit status
 
-// The locked file with this process's number; it goes with its owner.
+// The locked file with this process's number, removed with this object.
 class PidFile {
  public:
   PidFile(std::string path, int fd) : path_(std::move(path)), fd_(fd) {}
@@ -56,7 +56,7 @@ class PidFile {
   int fd_;
 };
 
-// Released with the runtime, or by exit() where the process ends without releasing it.
+// Released with the runtime, or by exit() if the process ends without releasing it.
 std::unique_ptr<PidFile> g_pid_file;
 
 std::string place_of(const std::string &pid_file) {
@@ -70,18 +70,18 @@ std::string holder(const std::string &path) {
   return file >> pid && pid > 0 ? "with pid " + std::to_string(pid) : std::string("that has not written its pid yet");
 }
 
-// "" or why this process must not run.
+// Returns "" or why this process must not run.
 std::string take_pid_file(const std::string &pid_file) {
   if (std::string error = config_load(); !error.empty()) return error;
   if (std::string error = config().run_dir_set ? make_run_dir() : ""; !error.empty()) return error;
   const std::string path = place_of(pid_file);
-  // A link would have some other file emptied.
+  // Following a link would truncate another file.
   const int fd = flopen(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644);
   if (fd < 0 && errno == EWOULDBLOCK) return path + " is held by a running instance " + holder(path);
   if (fd < 0 && errno == ELOOP) return path + " is a symbolic link; a pid file must be a regular file";
-  if (fd < 0) return path + " cannot be taken: " + strerror(errno) + "; KELIM_RUN_DIR names another directory for it";
+  if (fd < 0) return path + " cannot be opened: " + strerror(errno) + "; KELIM_RUN_DIR can name another directory for it";
   auto file = std::make_unique<PidFile>(path, fd);
-  if (!file->is_regular()) return path + " is no regular file, which a pid file must be";
+  if (!file->is_regular()) return path + " is not a regular file; a pid file must be one";
   if (!file->write()) return path + " cannot be written: " + strerror(errno);
   g_pid_file = std::move(file);
   at_finish([] { g_pid_file.reset(); });
@@ -90,14 +90,14 @@ std::string take_pid_file(const std::string &pid_file) {
 
 // ---- health monitoring
 
-// Whether a marker is a file that root or this service's user has put there: in a directory for everybody, what others put there
-// must not count. Neither must a link to a file of theirs.
+// True if the marker is a file of root or of this process's user: in a directory that everybody can write to, files of others
+// must not count, nor links to such files.
 bool is_ours(const struct stat &s) {
   return S_ISREG(s.st_mode) && s.st_nlink == 1 && (s.st_uid == 0 || s.st_uid == geteuid());
 }
 
-// Feeds systemd's watchdog from the loop, so that a stuck loop is seen. While the marker file exists monitoring is off: systemd
-// is told to expect nothing, which lets somebody stop the process in a debugger.
+// Feeds systemd's watchdog from the loop, so that a stuck loop is detected. While the marker file exists, monitoring is off:
+// systemd is told to expect nothing, so that the process can be stopped in a debugger.
 class Watchdog {
  public:
   Watchdog(std::string marker, std::uint64_t period_us) : marker_(std::move(marker)), period_us_(period_us) {}
@@ -106,10 +106,10 @@ class Watchdog {
     struct stat s;
     const bool there = lstat(marker_.c_str(), &s) == 0, off = there && is_ours(s), foreign = there && !off;
     if (foreign && !foreign_)
-      log::warn("health monitoring stays on: {} is no regular file of root or of the user of this process", marker_);
+      log::warn("health monitoring stays on: {} is not a regular file of root or of this process's user", marker_);
     foreign_ = foreign;
     if (off != off_) sd_notifyf(0, "WATCHDOG_USEC=%llu", static_cast<unsigned long long>(off ? 0 : period_us_));
-    if (off != off_) log::info("health monitoring is {}: {} {}", off ? "off" : "on", marker_, off ? "exists" : "has gone");
+    if (off != off_) log::info("health monitoring is {}: {} {}", off ? "off" : "on", marker_, off ? "exists" : "is gone");
     off_ = off;
     if (!off) sd_notify(0, "WATCHDOG=1");
     timer_.arm(std::chrono::microseconds(period_us_ / 3));
@@ -119,7 +119,7 @@ class Watchdog {
   std::string marker_;
   std::uint64_t period_us_;
   bool off_ = false;
-  bool foreign_ = false;  // the marker is somebody else's
+  bool foreign_ = false;  // the marker belongs to another user
   Timer timer_{[this] { beat(); }};
 };
 

@@ -27,7 +27,7 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr std::size_t kMostUnread = 4 << 20;  // bytes; a dump of 30,000 flows
-constexpr int kPipeSize = 1 << 20;            // what is printed before the thread has its turn
+constexpr int kPipeSize = 1 << 20;            // bytes that can be printed before the thread runs
 constexpr auto kLastWait = 1s;
 
 bool can_block(int fd) {
@@ -36,8 +36,8 @@ bool can_block(int fd) {
   return stat("/dev/null", &null) != 0 || !S_ISCHR(s.st_mode) || s.st_rdev != null.st_rdev;
 }
 
-// A way to where descriptor 1 leads that does not wait. The flag is a matter of the open file, which other processes may share,
-// so it is opened anew; a socket cannot be, and has a flag of the call.
+// A non-blocking descriptor for the target of descriptor 1. The flag belongs to the open file, which other processes may share,
+// so the file is opened again; a socket cannot be, but has a flag per call.
 int own_way_out() {
   const int fd = open("/proc/self/fd/1", O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
   return fd >= 0 ? fd : fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
@@ -61,7 +61,7 @@ class Guard {
   Guard(const Guard &) = delete;
   Guard &operator=(const Guard &) = delete;
 
-  // Descriptor 1 leads where it led before, or nowhere when nobody reads there: the process is about to end.
+  // Restores descriptor 1, or points it to /dev/null if nobody reads there: the process is about to end.
   void end() {
     if (getpid() != pid_) return;  // a child without the thread
     fflush(stdout);
@@ -79,7 +79,7 @@ class Guard {
   void run() {
     bool open = true;
     while (open || unread() > 0) {
-      // What has nothing to do is left out: a pipe without readers reports that for ever.
+      // Idle ends are left out, because a pipe without readers would report that continuously.
       pollfd ends[] = {{open ? in_ : -1, POLLIN, 0}, {unread() > 0 ? out_ : -1, POLLOUT, 0}};
       if (poll(ends, 2, -1) < 0 && errno != EINTR) break;
       if (ends[0].revents != 0) open = take();
@@ -101,7 +101,7 @@ class Guard {
       evbuffer_add(buffer_, bytes, got);
       return true;
     }
-    if (dropped_ == 0) log::warn("standard output is not read: what is printed is dropped until it is");
+    if (dropped_ == 0) log::warn("standard output is not read: output is dropped until it is");
     dropped_ += got;
     return true;
   }
@@ -112,7 +112,7 @@ class Guard {
     ssize_t n = send(out_, part.iov_base, part.iov_len, MSG_DONTWAIT | MSG_NOSIGNAL);
     if (n < 0 && errno == ENOTSOCK) n = write(out_, part.iov_base, part.iov_len);
     if (n < 0 && (errno == EAGAIN || errno == EINTR)) return;
-    // Nobody can read any more: it is as if all had been read.
+    // Without a reader, everything counts as read.
     evbuffer_drain(buffer_, n < 0 ? unread() : static_cast<std::size_t>(n));
   }
 
@@ -124,7 +124,7 @@ class Guard {
 
   const pid_t pid_ = getpid();
   const int before_, out_, in_;
-  evbuffer *buffer_;  // the thread's, as is the count
+  evbuffer *buffer_;  // used by the thread only, like the count
   std::size_t dropped_ = 0;
   Mutex mutex_;
   std::condition_variable ended_changed_;

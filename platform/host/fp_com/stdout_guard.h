@@ -1,11 +1,11 @@
-// Keeps those who print from waiting for those who read.
+// Keeps printing on standard output from blocking on slow readers.
 #pragma once
 
 namespace host {
 
-// From now on descriptor 1 leads into a bounded buffer that a thread writes to where it led before, unless that is a file or
-// /dev/null. What does not fit, because nobody reads, is dropped; the number of bytes is told in their place once somebody does,
-// and the log tells that it began. exit() waits a second at most for what is left. Without effect the second time. Loop's thread.
+// Redirects descriptor 1 into a bounded buffer, which a thread writes to the former target, unless that is a file or /dev/null.
+// Output that does not fit, because nobody reads, is dropped; its place shows the number of bytes once somebody reads, and the
+// log records the first drop. exit() waits at most a second for the rest. A second call has no effect. Loop's thread.
 void guard_stdout();
 
 }  // namespace host

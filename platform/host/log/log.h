@@ -1,9 +1,9 @@
 // The log service behind qx_zlog.h, and the host's own lines in category "kelim_host".
 //
 // A line is formatted and queued on the caller's thread and written by a thread of the service, so that a slow journal or
-// terminal does not stall the loop. The queue is bounded; what does not fit is counted and the count logged. A source line writes
-// up to ten different texts within a second of the host's clock; what it says more in that second is counted, and one line gives
-// the count. Lines for debugging are all written. Threads: any thread, except open and close.
+// terminal does not stall the loop. The queue is bounded; lines that do not fit are counted and the count is logged. A source
+// line writes up to ten different texts within a second of the host's clock; further lines in that second are counted, and one
+// line reports the count. Debug lines are all written. Threads: any thread, except open and close.
 #pragma once
 
 #include <fmt/format.h>
@@ -25,7 +25,7 @@ namespace host::log {
 
 enum class Level : std::uint8_t { debug, info, warning, error };
 
-// A line on its way; valid during the call that receives it.
+// A line to be logged; valid during the call that receives it.
 struct LineView {
   Level level;
   std::string_view category;
@@ -35,40 +35,40 @@ struct LineView {
   std::string_view text;
 };
 
-// Opens the service as configured, under the process name `ident`. "" or the error. Loop's thread.
+// Opens the service as configured, under the process name `ident`. Returns "" or the error. Loop's thread.
 std::string open(const Config &config, const std::string &ident);
 
-// Writes what is queued and the counts of repeated lines, and ends the service. A target that takes nothing for two seconds costs
-// the lines that are left. Loop's thread.
+// Writes the queued lines and the counts of repeated ones, and ends the service. If the target accepts nothing for two seconds,
+// the remaining lines are lost. Loop's thread.
 void close();
 
 bool is_open();
 
-// Returns once everything logged before is written, counts of repeated lines included, or the target takes nothing for two
+// Returns once everything logged so far is written, counts of repeated lines included, or the target has accepted nothing for two
 // seconds.
 void flush();
 
-// Whether a line of that place, category and level will be written as far as its text does not matter; it is counted where its
-// source line has said enough. Asked before a text is formatted.
+// True unless a line of that place, category and level is dropped whatever its text; a line of a source line that has used up its
+// share is counted. Called before a text is formatted.
 bool wants(const LineView &place);
 
 // Logs a line; without an open service it goes to standard error.
 void write(const LineView &line);
 
-// The least severe level that is kept: "debug", "info", "warning", "error", or "off" for none. Any of these may be set, by any
-// thread; other names count as "off".
+// Sets the least severe level that is logged: "debug", "info", "warning", "error", or "off" for none. Other names count as "off".
+// Any thread.
 void set_level(std::string_view name);
 std::string_view level();
 
 struct Counts {
-  std::array<std::uint64_t, 4> lines{};  // kept, by level
+  std::array<std::uint64_t, 4> lines{};  // logged, by level
   std::uint64_t dropped = 0;             // the target was too slow
 };
 
-// Since the process began.
+// Since the start of the process.
 Counts counts();
 
-// Tests: what is told of every line, before levels and collapsing, on the thread that logs it; null for nothing. Not to be
+// Tests: has `tap` called with every line, before levels and collapsing, on the thread that logs it; null removes it. Must not be
 // changed while other threads log.
 void set_tap(std::function<void(const LineView &)> tap);
 

@@ -23,7 +23,7 @@ bool same_place(const Line &a, const LineView &b) {
 
 }  // namespace
 
-// Null for a place that is not watched, which includes the later one of two with the same hash.
+// Null for a place that is not watched, such as the later one of two with the same hash.
 Repeats::Place *Repeats::find(const LineView &view) {
   const auto it = by_key_.find(hash_of_place(view));
   return it != by_key_.end() && same_place(it->second->first, view) ? &*it->second : nullptr;
@@ -54,7 +54,7 @@ bool Repeats::hides(const LineView &view) {
   return false;
 }
 
-// The only text of a place with its number; for several texts where they came from, also for targets that show no place.
+// A place's only text with its count; for several texts, the count with the place, also for targets that do not show places.
 Line Repeats::count_line(Place &&place) {
   Line line = std::move(place.first);
   line.time = std::chrono::system_clock::now();

@@ -1,4 +1,4 @@
-// What source lines that log much have already said. Guarded by the log service's lock.
+// Collapses the lines of source lines that log too much. Guarded by the log service's lock.
 #pragma once
 
 #include <array>
@@ -15,7 +15,7 @@
 
 namespace host::log {
 
-// A line that waits for the writer.
+// A line waiting for the writer.
 struct Line {
   explicit Line(const LineView &v)
       : level(v.level), category(v.category), file(v.file), function(v.function), line(v.line), text(v.text) {}
@@ -30,18 +30,20 @@ struct Line {
 };
 
 // The places (source line, function, category and level) that logged within the last second, the oldest first. A place writes
-// kShare different texts in that second; what it says more is counted. Places never count for each other.
+// kShare different texts in that second; further lines are counted. Places are counted separately.
 class Repeats {
  public:
   static constexpr std::size_t kShare = 10;
 
-  // Whether the place of `view` has written its share, so that the line is counted whatever its text is.
+  // True if the place of `view` has written its share; the line is then counted whatever its text is.
   bool is_full(const LineView &view);
 
-  // Whether the line is counted and not written: its place is full or has said just that. The place is watched from now on.
+  // True if the line is counted instead of written, because its place is full or has already written this text. Begins to watch
+  // the place.
   bool hides(const LineView &view);
 
-  // Gives `emit` the counts of the places whose second is over, of the oldest beyond the limit, or of all, and forgets them.
+  // Passes to `emit` the counts of the places whose second is over, of the oldest beyond the limit, or of all, and removes those
+  // places.
   template <typename Emit>
   void expire(bool all, Emit emit) {
     const clock::Time now = places_.empty() ? clock::Time{} : clock::now();
@@ -61,7 +63,7 @@ class Repeats {
     Line first;
     clock::Time until;
     std::size_t key;
-    std::array<std::size_t, kShare> texts{};  // hashes of what it has written
+    std::array<std::size_t, kShare> texts{};  // hashes of the texts written
     std::size_t written = 0;
     std::uint64_t hidden = 0;
   };

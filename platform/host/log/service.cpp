@@ -33,8 +33,8 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr std::size_t kQueueLines = 8192;   // waiting for the writer
-constexpr auto kStuckTarget = 2s;           // without taking a line: nobody waits longer for it
-constexpr auto kCountsDue = 1s;             // the longest that counts wait for the next line
+constexpr auto kStuckTarget = 2s;           // without accepting a line; longest wait for a target
+constexpr auto kCountsDue = 1s;             // longest wait of counts for another line
 constexpr std::size_t kLongestText = 2048;  // bytes of a printf-style line
 
 class Service {
@@ -68,23 +68,23 @@ class Service {
   std::condition_variable written_;  // for flush and close
   std::deque<Line> queue_ KELIM_GUARDED_BY(mutex_);
   Repeats repeats_ KELIM_GUARDED_BY(mutex_);
-  std::uint64_t dropped_ KELIM_GUARDED_BY(mutex_) = 0;  // and not told of yet
+  std::uint64_t dropped_ KELIM_GUARDED_BY(mutex_) = 0;  // not yet reported
   Counts counts_ KELIM_GUARDED_BY(mutex_);
   bool open_ KELIM_GUARDED_BY(mutex_) = false;
-  bool busy_ KELIM_GUARDED_BY(mutex_) = false;  // the writer holds lines of its own
+  bool busy_ KELIM_GUARDED_BY(mutex_) = false;  // the writer is writing lines taken from the queue
   bool closing_ KELIM_GUARDED_BY(mutex_) = false;
-  bool ended_ KELIM_GUARDED_BY(mutex_) = false;                          // the writer has left
-  std::atomic<bool> stuck_{false};                                       // the writer did not leave in time
+  bool ended_ KELIM_GUARDED_BY(mutex_) = false;                          // the writer has finished
+  std::atomic<bool> stuck_{false};                                       // the writer did not finish in time
   std::string ident_;                                                    // the program's name
-  std::shared_ptr<spdlog::sinks::sink> sink_;                            // a writer that is stuck keeps its own
-  std::unique_ptr<spdlog::sinks::sink> fresh_ KELIM_GUARDED_BY(mutex_);  // takes its place before the next line
+  std::shared_ptr<spdlog::sinks::sink> sink_;                            // shared, so that a stuck writer keeps it
+  std::unique_ptr<spdlog::sinks::sink> fresh_ KELIM_GUARDED_BY(mutex_);  // replaces it before the next line
   std::atomic<std::uint64_t> lines_out_{0};
   std::atomic<Level> threshold_{Level::debug};
   std::atomic<bool> off_{false};
   std::thread writer_;
 };
 
-// Not destroyed by exit(): other threads may log until the very end.
+// Not destroyed by exit(): other threads may log until the end.
 Service &service() {
   static auto *one = new Service;
   return *one;
@@ -93,7 +93,7 @@ Service &service() {
 std::function<void(const LineView &)> g_tap;
 std::atomic<bool> g_tapped{false};
 
-// The writer takes no signals: they are the loop's.
+// The writer blocks all signals: they belong to the loop.
 std::thread start_quietly(std::function<void()> run) {
   sigset_t all, before;
   sigfillset(&all);
@@ -136,7 +136,7 @@ std::string_view Service::level() const {
   return off_ ? "off" : std::ranges::find_if(kLevels, is_it)->first;
 }
 
-// The level is taken over while the process runs.
+// Applies a changed level at run time.
 Reloaded take_level(const Config &fresh) {
   if (level() == fresh.log.level) return {};
   set_level(fresh.log.level);
@@ -152,7 +152,7 @@ void Service::close() {
     closing_ = true;
   }
   work_.notify_one();
-  // Standard error may be a pipe that nobody reads: then the writer never comes back, and is left behind with its sink.
+  // Standard error may be a pipe without a reader: the writer then never returns, and is abandoned with its sink.
   Lock lock(mutex_);
   if (wait_for_writer(lock, [this]() KELIM_REQUIRES(mutex_) { return ended_; })) {
     lock.unlock();
@@ -165,7 +165,7 @@ void Service::close() {
   sink_.reset();
 }
 
-// A file that was moved away goes on under its name.
+// After the file was moved away, logging continues in a new file of that name.
 Reloaded Service::reopen() {
   const Config::Log &key = config().log;
   if (key.target != "file") return {};
@@ -187,7 +187,7 @@ void Service::flush() {
   wait_for_writer(lock, [this]() KELIM_REQUIRES(mutex_) { return queue_.empty() && !busy_; });
 }
 
-// False when the target takes nothing any more.
+// False if the target has stopped accepting lines.
 template <typename Done>
 bool Service::wait_for_writer(Lock &lock, Done done) {
   for (std::uint64_t before = lines_out_; !lock.wait_for(written_, kStuckTarget, done); before = lines_out_)
@@ -199,7 +199,7 @@ bool Service::keeps(Level level) const {
   return !off_.load(std::memory_order_relaxed) && level >= threshold_.load(std::memory_order_relaxed);
 }
 
-// Lines for debugging are never counted: they tell by their order, byte after byte of a message for example.
+// Debug lines are never collapsed: their order matters, as in a message logged byte by byte.
 bool Service::wants(const LineView &place) {
   if (!keeps(place.level)) return false;
   if (place.level == Level::debug) return true;
@@ -208,8 +208,8 @@ bool Service::wants(const LineView &place) {
   return !repeats_.is_full(place);
 }
 
-// Reported as errors although every healthy connection, or flow that does not begin with its in_port, brings them: an operator
-// who is alerted by errors sees them as debug lines only, counted like errors where there are many.
+// Texts logged as errors although every healthy connection, or flow that does not begin with its in_port, causes them: to spare
+// operators false alerts they become debug lines, but are collapsed like errors.
 struct Healthy {
   std::string_view function, text;  // the text's beginning
 };
@@ -304,7 +304,7 @@ void Service::write_out(spdlog::sinks::sink &sink, const Line &line) {
   try {
     sink.log({line.time, where, line.category, levels[static_cast<std::size_t>(line.level)], line.text});
     sink.flush();
-  } catch (const spdlog::spdlog_ex &) {  // the disk is full, for one
+  } catch (const spdlog::spdlog_ex &) {  // for example, the disk is full
     to_stderr({line.level, line.category, line.file, line.function, line.line, line.text});
   }
 }
@@ -373,7 +373,7 @@ extern "C" {
 
 struct qx_zlog_category *qx_zlog_init(const char *name) {
   static host::Mutex mutex;
-  static auto &categories = *new std::map<std::string, qx_zlog_category>;  // whoever holds one may log until the very end
+  static auto &categories = *new std::map<std::string, qx_zlog_category>;  // holders may log until the end
   if (!name || host::fault::check(host::fault::Point::zlog_init) != 0 || !host::log::is_open()) return nullptr;
   const host::Lock lock(mutex);
   return &categories.try_emplace(name, qx_zlog_category{name}).first->second;

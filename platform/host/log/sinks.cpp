@@ -52,8 +52,8 @@ class JournalSink : public spdlog::sinks::base_sink<spdlog::details::null_mutex>
   std::string ident_;
 };
 
-// Past the C library's stream: its lock would be held for as long as nobody reads the pipe that standard error may be, and the
-// end of the process may want it.
+// Bypasses the C library's stream: if standard error is a pipe without a reader, the stream's lock would stay held, and the end
+// of the process may need it.
 class StderrSink : public spdlog::sinks::base_sink<spdlog::details::null_mutex> {
  protected:
   void sink_it_(const spdlog::details::log_msg &msg) override {
@@ -68,7 +68,7 @@ class StderrSink : public spdlog::sinks::base_sink<spdlog::details::null_mutex> 
   void flush_() override {}
 };
 
-// systemd names the device and inode of the stream that it connected; a child of a service may have standard error elsewhere.
+// systemd names the device and inode of the stream that it connected; the standard error of a service's child may lead elsewhere.
 bool stderr_is_journal() {
   const char *stream = std::getenv("JOURNAL_STREAM");
   struct stat s;
@@ -104,7 +104,7 @@ struct Target {
   const char *pattern;
 };
 
-// Time, level and category aligned, then the text, then where it comes from.
+// Time, level and category aligned, then the text, then its place in the source.
 constexpr const char *kWholeLine = "%Y-%m-%d %H:%M:%S.%e %-7l %-12n %v  (%@ %!)";
 
 constexpr Target kTargets[] = {

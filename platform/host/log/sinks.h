@@ -1,4 +1,4 @@
-// Where log lines are written to. Used by the log service's own thread only.
+// The targets of log lines. Used by the log service's own thread only.
 #pragma once
 
 #include <spdlog/sinks/sink.h>

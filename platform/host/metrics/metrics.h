@@ -1,8 +1,8 @@
-// What the process counts, for monitoring: served over HTTP as /metrics in Prometheus' text format (0.0.4), with /healthz and
-// /readyz beside it (health.h). Off unless metrics.listen says where.
+// The process's metrics, served over HTTP as /metrics in Prometheus' text format (0.0.4), with /healthz and /readyz (health.h)
+// beside it. Off unless metrics.listen is set.
 //
-// Who has something to count keeps plain counters on the thread that does the work, and a source that writes them out when they
-// are asked for. Loop's thread, except where a source looks elsewhere.
+// A service keeps plain counters on the thread that does the work, and registers a source that writes them out on request. Loop's
+// thread, except for sources that read counters of other threads.
 #pragma once
 
 #include <cstdint>
@@ -21,7 +21,7 @@ namespace host::metrics {
 
 enum class Kind : std::uint8_t { counter, gauge, histogram, summary };
 
-// What a family of samples is called: in base units, and with _total behind a counter, as is the custom.
+// The name, kind and help of a family of samples. By convention names use base units, and those of counters end in _total.
 struct Family {
   const char *name;
   Kind kind;
@@ -33,15 +33,15 @@ struct Label {
 };
 using Labels = std::initializer_list<Label>;
 
-// The text in the making. Samples belong to the family that was begun last.
+// The page under construction. Samples belong to the family begun last.
 class Page {
  public:
   void begin(const Family &family);
   void sample(std::uint64_t value, Labels labels = {}) { put("", labels, std::to_string(value)); }
   void seconds(double value, Labels labels = {});
-  // The buckets, the sum and the number of a histogram.
+  // The buckets, the sum and the count of a histogram.
   void histogram(const Histogram &values, Labels labels = {});
-  // The sum and the number of a summary.
+  // The sum and the count of a summary.
   void summary(double sum_seconds, std::uint64_t count, Labels labels = {});
   // A family of a single sample.
   void single(const Family &family, std::uint64_t value) {
@@ -58,7 +58,7 @@ class Page {
   std::string_view name_;
 };
 
-// A family of which each sample is a member of `Counts`.
+// A family whose samples are members of `Counts`.
 template <typename Counts>
 struct Row {
   Family family;
@@ -75,13 +75,13 @@ using Source = std::function<void(Page &page)>;
 // Registers one until the runtime is released.
 void add_source(Source source);
 
-// All that the sources have to say now.
+// The present output of all sources.
 std::string page();
 
-// The runtime's own call: serves them where the configuration says so. A port that is taken is tried again every second.
+// The runtime's own call: serves the metrics as configured. A port in use is tried again every second.
 void start(const Config &config);
 
-// Where they are served, for the status: "127.0.0.1:9469", followed by why it fails where it does; "" for nowhere.
+// The address at which they are served, for the status: "127.0.0.1:9469", followed by the reason if that fails; "" for none.
 std::string where();
 
 }  // namespace host::metrics

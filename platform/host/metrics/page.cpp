@@ -1,4 +1,4 @@
-// The text format: https://prometheus.io/docs/instrumenting/exposition_formats/
+// Writes the text format: https://prometheus.io/docs/instrumenting/exposition_formats/
 #include <fmt/format.h>
 
 #include <iterator>

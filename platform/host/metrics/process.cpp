@@ -29,7 +29,7 @@ std::uint64_t resident_bytes() {
   return pages * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
 }
 
-// Less the one that looks.
+// Without the one used for counting.
 std::uint64_t open_descriptors() {
   std::uint64_t entries = 0;
   const std::unique_ptr<DIR, int (*)(DIR *)> directory(opendir("/proc/self/fd"), closedir);
@@ -46,24 +46,24 @@ void write_process(Page &page, double started) {
   page.seconds(seconds_of(used.ru_utime) + seconds_of(used.ru_stime));
   page.begin({"process_start_time_seconds", Kind::gauge, "Start of the process, in seconds since 1970."});
   page.seconds(started);
-  page.single({"process_resident_memory_bytes", Kind::gauge, "Memory of the process that is not paged out."}, resident_bytes());
+  page.single({"process_resident_memory_bytes", Kind::gauge, "Resident memory of the process."}, resident_bytes());
   page.single({"process_open_fds", Kind::gauge, "Open file descriptors."}, open_descriptors());
-  page.single({"process_max_fds", Kind::gauge, "File descriptors that the process may have open."}, descriptors.rlim_cur);
+  page.single({"process_max_fds", Kind::gauge, "Limit of open file descriptors."}, descriptors.rlim_cur);
 }
 
 void write_log(Page &page) {
   const log::Counts counts = log::counts();
-  page.begin({"kelim_log_lines_total", Kind::counter, "Log lines that were kept, by level."});
+  page.begin({"kelim_log_lines_total", Kind::counter, "Log lines written, by level."});
   constexpr const char *kLevels[] = {"debug", "info", "warning", "error"};  // as log::Level
   for (std::size_t level = 0; level < counts.lines.size(); ++level) page.sample(counts.lines[level], {{"level", kLevels[level]}});
-  page.single({"kelim_log_lines_dropped_total", Kind::counter, "Log lines dropped because the target of the log was too slow."},
+  page.single({"kelim_log_lines_dropped_total", Kind::counter, "Log lines dropped because the log target was too slow."},
               counts.dropped);
 }
 
 void write_operations(Page &page) {
   const nlohmann::json rows = timing::view();
   if (rows.empty()) return;
-  page.begin({"kelim_operation_seconds", Kind::summary, "Time that the daemon's operations took."});
+  page.begin({"kelim_operation_seconds", Kind::summary, "Duration of the daemon's operations."});
   for (const nlohmann::json &row : rows)
     page.summary(row.at("total_us").get<double>() / 1e6, row.at("count").get<std::uint64_t>(),
                  {{"operation", row.at("name").get_ref<const std::string &>()}});
@@ -78,7 +78,7 @@ void add_process_source() {
     page.sample(1, {{"version", KELIM_VERSION}});
     write_process(page, started);
     write_log(page);
-    page.begin({"kelim_drain_seconds", Kind::histogram, "Duration of the daemon's runs through what was handed over to it."});
+    page.begin({"kelim_drain_seconds", Kind::histogram, "Duration of the daemon's drains of its handler list."});
     page.histogram(owner_timer_runs());
     write_operations(page);
   });

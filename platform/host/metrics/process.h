@@ -1,4 +1,4 @@
-// What the system knows of the process, and what belongs to no single service: log lines, drains, timings. Loop's thread.
+// Metrics of the process as a whole: resources, log lines, drains, timings. Loop's thread.
 #pragma once
 
 namespace host::metrics {

@@ -21,10 +21,10 @@ namespace {
 
 constexpr auto kRetry = std::chrono::seconds(1), kLook = std::chrono::seconds(1);
 constexpr auto kLookWhenFull = std::chrono::milliseconds(50);
-constexpr int kIdleSeconds = 30;  // without a request, or with one that does not go on
+constexpr int kIdleSeconds = 30;  // without a request, or in the middle of one
 constexpr ev_ssize_t kLongestHeaders = 8192;
 constexpr int kBacklog = 64;
-// Those that libevent knows, so that each gets an answer that says what is allowed.
+// All methods that libevent knows, so that each gets an answer that says what is allowed.
 constexpr auto kMethods =
     static_cast<ev_uint16_t>(EVHTTP_REQ_GET | EVHTTP_REQ_HEAD | EVHTTP_REQ_POST | EVHTTP_REQ_PUT | EVHTTP_REQ_DELETE |
                              EVHTTP_REQ_OPTIONS | EVHTTP_REQ_TRACE | EVHTTP_REQ_CONNECT | EVHTTP_REQ_PATCH);
@@ -92,7 +92,7 @@ void Server::listen() {
     log::error("metrics cannot be served on {}: {}; trying again every second", address_, why);
 }
 
-// libevent does not tell of the end of a connection: it is seen at the bufferevent, which is kept beyond that.
+// libevent does not report the end of a connection, so its bufferevent is kept and watched instead.
 bufferevent *Server::admit() {
   bufferevent *connection = bufferevent_socket_new(loop_base(), -1, BEV_OPT_CLOSE_ON_FREE);
   if (!connection) return nullptr;
@@ -103,7 +103,7 @@ bufferevent *Server::admit() {
   return connection;
 }
 
-// Who comes when there are enough connections stays in the backlog.
+// Clients beyond the limit stay in the backlog.
 void Server::look_after_connections() {
   std::erase_if(connections_, [](const Connection &connection) {
     bufferevent_event_cb ended = nullptr;
@@ -120,11 +120,11 @@ void Server::answer(evhttp_request *request, void *) {
   const evhttp_cmd_type method = evhttp_request_get_command(request);
   if (method != EVHTTP_REQ_GET && method != EVHTTP_REQ_HEAD) {
     evhttp_add_header(evhttp_request_get_output_headers(request), "Allow", "GET, HEAD");
-    return send(request, kPlain, {HTTP_BADMETHOD, "only GET and HEAD are answered\n"});
+    return send(request, kPlain, {HTTP_BADMETHOD, "only GET and HEAD are allowed\n"});
   }
   const char *asked = evhttp_uri_get_path(evhttp_request_get_evhttp_uri(request));
   const auto *path = std::ranges::find_if(kPaths, [asked](const Path &p) { return asked && strcmp(p.name, asked) == 0; });
-  if (path == std::end(kPaths)) return send(request, kPlain, {HTTP_NOTFOUND, "there are /metrics, /healthz and /readyz\n"});
+  if (path == std::end(kPaths)) return send(request, kPlain, {HTTP_NOTFOUND, "the paths are /metrics, /healthz and /readyz\n"});
   send(request, path->type, path->answer());
 }
 

@@ -1,4 +1,4 @@
-// The HTTP side of monitoring: /metrics, /healthz and /readyz, for GET and HEAD alone. Loop's thread.
+// The HTTP server of monitoring: /metrics, /healthz and /readyz, for GET and HEAD only. Loop's thread.
 #pragma once
 
 #include <event2/bufferevent.h>
@@ -19,13 +19,13 @@ class Server {
  public:
   static constexpr std::size_t kMostConnections = 16;  // at a time; further ones wait until one has ended
 
-  // `address` is numeric, with a port. Where it is taken, it is tried again every second.
+  // `address` is numeric, with a port. If it is in use, it is tried again every second.
   explicit Server(std::string address);
   Server(const Server &) = delete;
   Server &operator=(const Server &) = delete;
 
   const std::string &address() const { return address_; }
-  // Why nobody is served; "" otherwise.
+  // Why the server cannot listen; "" if it does.
   const std::string &failure() const { return failure_; }
 
  private:
@@ -43,7 +43,7 @@ class Server {
   const std::string address_;
   std::string failure_;
   std::unique_ptr<evhttp, Free> http_;
-  evconnlistener *listener_ = nullptr;  // http_'s
+  evconnlistener *listener_ = nullptr;  // owned by http_
   std::vector<Connection> connections_;
   Timer again_{[this] { listen(); }};
   Timer look_{[this] { look_after_connections(); }};

@@ -1,4 +1,4 @@
-// The server in the life of the runtime.
+// Starts, reloads and ends the metrics server with the runtime.
 #include <optional>
 
 #include "host/base/reload.h"
@@ -16,7 +16,7 @@ std::optional<Server> g_server;
 // Daemon and programming service may share a configuration, but not a port.
 constexpr const char *kProgrammer = "kelim-programmer";
 
-// A port alone is one of the loopback interface.
+// A port alone means the loopback address.
 std::string wanted(const Config &config) {
   const std::string &key = runtime_name() == kProgrammer ? config.metrics.programmer_listen : config.metrics.listen;
   return key.empty() || key.find(':') != key.npos ? key : "127.0.0.1:" + key;
@@ -27,7 +27,7 @@ Reloaded serve(const Config &config) {
   if (address == (g_server ? g_server->address() : "")) return {};
   g_server.reset();
   if (!address.empty()) g_server.emplace(address);
-  return {.text = address.empty() ? "metrics are not served any more" : "metrics: " + where()};
+  return {.text = address.empty() ? "metrics are no longer served" : "metrics: " + where()};
 }
 
 }  // namespace

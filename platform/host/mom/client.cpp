@@ -16,7 +16,7 @@ using fault::Point;
 constexpr int kNotConnected = -1;
 constexpr int kMalformed = -4;
 
-// What a call requires of its record.
+// The part of its record that a call requires.
 enum class Needs { key, key_or_template, record };
 enum class Link { sync, async };
 
@@ -61,7 +61,7 @@ int with_packed(const Call &call, const ProtobufCMessage *record, Work work) {
   return packed ? work(*packed) : kMalformed;
 }
 
-// Reports a write or deletion to the slot's `wrote`; returns `result`.
+// Passes a write or deletion to the slot's `wrote`; returns `result`.
 int told(const Call &call, const ProtobufCMessage *record, bool deletes, int result) {
   if (call.slot && call.slot->wrote) call.slot->wrote(*call.slot, *record, deletes, result);
   return result;

@@ -1,5 +1,5 @@
-// The databases of a process, their record types and who listens to them: the state that the client (hub.h) and its store
-// (store.h) share. Plain data; loop's thread.
+// The databases of a process, their record types and subscribers: the state that the client (hub.h) and its store (store.h)
+// share. Plain data; loop's thread.
 #pragma once
 
 #include <memory>
@@ -15,25 +15,25 @@ namespace host::mom {
 struct Database;
 struct Slot;
 
-// What became of an object.
+// Kinds of change of an object.
 enum class Change : std::uint8_t { created, rewritten, deleted, published };
 
 // One callback for the changes of one record type.
 struct Subscription {
   qx_mom_notify_cb callback;
   bool packed;
-  bool live = false;    // gets notifications
-  bool asked = false;   // the store has taken it; it cannot before the database is connected
-  bool asking = false;  // the store has taken it and not confirmed it yet
-  bool owed = false;    // a reconnect owes it another data-fetch signal; subscribing again settles that
+  bool live = false;    // receives notifications
+  bool asked = false;   // the store has accepted it, which it cannot before the database is connected
+  bool asking = false;  // accepted by the store, but not confirmed yet
+  bool owed = false;    // due another data-fetch signal after a reconnect; subscribing again settles that
   bool held = false;    // its data-fetch signal is due and waits until all databases are up and all subscriptions confirmed
 };
 
-// Shows an operator the changes of a slot: gets their bytes as they are, broken records included.
+// Shows an operator the changes of a slot: receives the raw bytes, broken records included.
 class Watcher {
  public:
   virtual ~Watcher() = default;
-  // Changes are seen from now on.
+  // From now on changes are delivered.
   virtual void live(Slot &slot) = 0;
   virtual void changed(Slot &slot, Change change, PackedBytes packed, const Key *key) = 0;
 };
@@ -43,7 +43,7 @@ struct Slot {
   Database &db;
   const RecordType &type;
   std::vector<std::unique_ptr<Subscription>> subscriptions;
-  std::vector<std::weak_ptr<Watcher>> watchers;  // removed at the next change once they have ended
+  std::vector<std::weak_ptr<Watcher>> watchers;  // expired ones are removed at the next change
   cgst::Topic topic;
   // Called for each write and deletion of a record by this process, from inside that call. May be null.
   using Wrote = void (*)(const Slot &slot, const ProtobufCMessage &record, bool deletes, int result);
@@ -61,16 +61,16 @@ struct Database {
   std::int32_t number;
   bool sync_up = false;
   bool up = false;
-  std::uint64_t reconnects = 0;  // times that the lost connection came back
-  bool wanted = false;           // an asynchronous connect was asked for
+  std::uint64_t reconnects = 0;  // number of reconnections after a loss
+  bool wanted = false;           // an asynchronous connect was requested
   std::string refusing;          // why the server refuses writes although it answers; empty while it accepts them
   bool exclusive = false;        // only one process of this name may use it at a time
   bool congestion_control = false;
-  std::vector<Connect> connecting;  // waiting for their callback, the oldest first
+  std::vector<Connect> connecting;  // awaiting their callback, the oldest first
   std::vector<qx_mom_reconnect_cb> reconnect;
   std::vector<std::unique_ptr<Slot>> slots;  // by RecordType::id()
 
-  // The slot of a record type; made at the first use.
+  // The slot of a record type, created at the first use.
   Slot &slot(const RecordType &type);
 };
 

@@ -1,5 +1,5 @@
-// The client: connects, subscriptions and the data-fetch signals that they get, decoding for subscribers and scans. One hub lives
-// as long as the runtime. Loop's thread.
+// The client: connections, subscriptions with their data-fetch signals, and decoding for subscribers and scans. One hub lives as
+// long as the runtime. Loop's thread.
 #pragma once
 
 #include <deque>
@@ -53,24 +53,24 @@ class Hub final : public StoreEvents {
   void reconnect(Database &db, std::int32_t type) override;
   void look_again(Database &db) override;
   void deliver(Slot &slot, Change change, PackedBytes packed, const Key *key = nullptr) override;
-  // Counts by kind and record type and logs the first of each with its key. Keys that name no record type of the schema count as
+  // Counts by kind and record type and logs the first of each with its key. Keys without a record type of the schema count as
   // type "foreign".
   void skip(const char *kind, const std::string &key) override;
   void count_refused(std::size_t writes) override { refused_ += writes; }
 
   // ---- decoding
 
-  // Calls `cb` with the record, laid out like the notification of a write. Skips bytes that are no record of the type with that
-  // key.
+  // Calls `cb` with the record, laid out like the notification of a write. Skips bytes that are not a record of the type with
+  // that key.
   void present(Slot &slot, const Key &key, PackedBytes packed, qx_mom_scan_cb cb, void *arg);
-  // The same as an object that the caller owns and releases with free_object(); null for bytes that are skipped.
+  // As present(), but returns an object that the caller owns and releases with free_object(); null for skipped bytes.
   qx_obj *make_object(Slot &slot, const Key &key, PackedBytes packed);
 
   // Numbers skipped, by "type: kind".
   const std::unordered_map<std::string, std::uint64_t> &skipped() const { return skipped_; }
 
   std::uint64_t delivered() const { return delivered_; }
-  // Writes that were accepted and that the database then refused.
+  // Writes that were accepted but then refused by the database.
   std::uint64_t refused() const { return refused_; }
 
  private:
@@ -82,7 +82,8 @@ class Hub final : public StoreEvents {
   void give_held_signals();
   bool all_heard() const;
   void tell_watchers(Slot &slot, Change change, PackedBytes packed, const Key *key);
-  // Null, and counted as skipped, for bytes that are no record of the type or, where `key` is given, a record with another key.
+  // Null, and counted as skipped, for bytes that are not a record of the type or, if `key` is given, for a record with another
+  // key.
   ProtobufCMessage *unpack(const Slot &slot, PackedBytes packed, const Key *key, bool stored, ProtobufCAllocator *allocator);
   void skip_broken(const Slot &slot, const Key *key);
 

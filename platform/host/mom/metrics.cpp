@@ -20,16 +20,16 @@ void each_wanted(Page &page, const Hub &hub, const metrics::Family &family, Valu
 }
 
 void write_databases(Page &page, const Hub &hub) {
-  each_wanted(page, hub, {"kelim_database_up", Kind::gauge, "Whether the database is connected."},
+  each_wanted(page, hub, {"kelim_database_up", Kind::gauge, "1 if the database is connected."},
               [](const Database &db) { return std::uint64_t{db.up}; });
-  each_wanted(page, hub, {"kelim_database_takes_writes", Kind::gauge, "Whether the database is connected and refuses no writes."},
+  each_wanted(page, hub, {"kelim_database_takes_writes", Kind::gauge, "1 if the database is connected and accepts writes."},
               [](const Database &db) { return std::uint64_t{db.up && db.refusing.empty()}; });
-  each_wanted(page, hub, {"kelim_database_reconnects_total", Kind::counter, "Times that a lost database came back."},
+  each_wanted(page, hub, {"kelim_database_reconnects_total", Kind::counter, "Reconnections to a lost database."},
               [](const Database &db) { return db.reconnects; });
 }
 
 void write_writes(Page &page, const Hub &hub) {
-  page.begin({"kelim_database_writes_total", Kind::counter, "Writes and deletions that were taken, by record type."});
+  page.begin({"kelim_database_writes_total", Kind::counter, "Accepted writes and deletions, by record type."});
   for (const Database &db : hub.databases())
     for (const auto &slot : db.slots)
       if (slot && slot->topic.load().total)
@@ -39,20 +39,20 @@ void write_writes(Page &page, const Hub &hub) {
   page.single({"kelim_database_in_flight_bytes", Kind::gauge, "Size of the writes that the database has not confirmed."},
               load.bytes);
   page.begin({"kelim_database_writes_refused_total", Kind::counter,
-              "Writes that were not taken: too many in flight (congestion), or refused by the server."});
+              "Rejected writes: too many in flight (congestion), or refused by the server."});
   page.sample(load.refused, {{"reason", "congestion"}});
   page.sample(hub.refused(), {{"reason", "server"}});
 }
 
 void write_reading(Page &page, const Hub &hub) {
   page.single({"kelim_database_notifications_total", Kind::counter, "Notifications handed to subscribers."}, hub.delivered());
-  page.begin({"kelim_database_skipped_total", Kind::counter, "Values found in the database that cannot be used, by kind."});
+  page.begin({"kelim_database_skipped_total", Kind::counter, "Unusable values found in the database, by kind."});
   for (const auto &[kind, count] : hub.skipped()) page.sample(count, {{"kind", kind}});
 }
 
 void write_round_trips(Page &page) {
   page.begin({"kelim_database_round_trip_seconds", Kind::histogram,
-              "Time until the server answered: a sample of the piped commands, every blocking one."});
+              "Round trips to the server: a sample of the pipelined commands, every blocking one."});
   page.histogram(round_trips.piped, {{"mode", "piped"}});
   page.histogram(round_trips.blocking, {{"mode", "blocking"}});
 }

@@ -21,7 +21,7 @@ constexpr std::uint64_t kPipelineFactor = 2;
 
 Hub *living = nullptr;  // from qx_global_init to qx_global_finish; deliberately leaked by a process that exits inside a callback
 
-// Returns "" or why there is no store.
+// Returns "" or why no store could be opened.
 std::string choose_store(Hub &hub, const Config::Mom &mom) {
   if (mom.url == "embedded:") {
     hub.adopt(std::make_unique<Embedded>(hub, hub.later()));

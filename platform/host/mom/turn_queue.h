@@ -17,7 +17,7 @@ class TurnQueue {
   // Notifications are delivered to `events`.
   explicit TurnQueue(StoreEvents &events) : events_(events) {}
 
-  // The notification counts as in flight in the slot's topic until it is delivered.
+  // Until it is delivered, the notification counts as in flight in the slot's topic.
   void notify(Slot &slot, Change change, ObjectRef object);
   void act(std::function<void()> action);
 

@@ -86,13 +86,13 @@ Json client(Hub &hub) {
 // Why the process cannot write to its databases; "" when it can.
 std::string why_away(const Hub &hub) {
   for (const Database &db : hub.databases()) {
-    if (db.wanted && !db.up) return fmt::format("database {} is not there", db.number);
+    if (db.wanted && !db.up) return fmt::format("database {} is not connected", db.number);
     if (!db.refusing.empty()) return fmt::format("database {} refuses writes: {}", db.number, db.refusing);
   }
   return "";
 }
 
-// A process that needs its databases for itself is on standby until it has them.
+// A process that needs exclusive use of its databases is on standby until it has it.
 Json status(Hub &hub) {
   const bool stands_by = std::ranges::any_of(hub.databases(), [](const Database &db) { return db.exclusive && !db.up; });
   return {{"store", hub.store().kind()}, {"url", masked(config().mom.url)}, {"role", stands_by ? "standby" : "active"},
@@ -131,7 +131,7 @@ struct Release {
 };
 using Record = std::unique_ptr<ProtobufCMessage, Release>;
 
-// Null for bytes that are no record of the type.
+// Null for bytes that are not a record of the type.
 Record unpack(const RecordType &type, PackedBytes packed) {
   return Record(protobuf_c_message_unpack(&type.descriptor(), nullptr, packed.size(), packed.data()));
 }
@@ -161,7 +161,7 @@ Json list(Hub &hub, const nlohmann::json &args, bool with_records) {
   each_database(hub, args, [&](Database &db) {
     std::size_t seen = 0;
     must_have_answered(db, hub.store().scan_sync(hub.slot(db, type), [&](const Key &key, PackedBytes packed) {
-      if (objects.size() == limit) return false;  // the rest is only counted
+      if (objects.size() == limit) return false;  // the others are only counted
       ++seen;
       Json object = object_json(db, type, key);
       if (with_records) object["record"] = record_json(type, key, packed);

@@ -1,4 +1,4 @@
-// What an operator sees of the database: through the control socket of a process (views "mom" and "congestion", feed "mom"), or
+// The operator's views of the database: through the control socket of a process (views "mom" and "congestion", feed "mom"), or
 // through kelimctl's own connection to the server. Loop's thread.
 //
 // A query by its argument "op":
@@ -7,7 +7,7 @@
 //   ls {type, db?, limit?}    canonical keys
 //   scan {type, db?, limit?}  keys with decoded records
 //   get {key, db?}            one decoded record; for a list of up to 100 keys, the records that exist
-// The feed gives a line for each change {type?, db?}. Without "db" all databases are meant, without "type" all types of the
+// The feed sends a line for each change {type?, db?}. Without "db" it covers all databases, without "type" all types of the
 // schema.
 #pragma once
 
@@ -24,15 +24,15 @@ class Hub;
 // The views last until the runtime is released.
 void register_views(Hub &hub);
 
-// Throws host::control::Refusal for a request that makes no sense, std::runtime_error when the database does not answer.
+// Throws host::control::Refusal for an invalid request, std::runtime_error when the database does not answer.
 nlohmann::ordered_json query(Hub &hub, const nlohmann::json &args);
 
-// Feeds `push` with changes until the result is released: first {"live": N} once N types are watched, then
-// {"at_us", "db", "type", "change", "packed"} for each, with "key" where the store knows it. The record stays packed because its
-// reader has more time to decode it than the loop.
+// Feeds `push` with changes until the result is released: first {"live": N} once N types are watched, then {"at_us", "db",
+// "type", "change", "packed"} for each, with "key" if the store knows it. The record stays packed because its reader has more
+// time to decode it than the loop.
 std::shared_ptr<void> watch(Hub &hub, const nlohmann::json &args, control::Push push);
 
-// A change of the feed in readable form: {"at", "db", "change", "key", "record"}; "record" says so where the bytes are none.
+// A change of the feed in readable form: {"at", "db", "change", "key", "record"}; "record" says so if the bytes are not a record.
 nlohmann::ordered_json decode_change(const nlohmann::json &change);
 
 }  // namespace host::mom

@@ -7,13 +7,13 @@
 namespace host::of_ss::loop_trace {
 namespace {
 
-// One reading of the clock serves so many events of a turn of the loop.
+// The number of events in a turn of the loop that share one reading of the clock.
 constexpr unsigned kEventsAReading = 16;
 
 std::int64_t g_now_ns = 0;
-unsigned g_left = 0;  // events for which the reading is good
+unsigned g_left = 0;  // events for which the reading is still valid
 
-// Not destroyed by exit(), with which the daemon may leave.
+// Not destroyed by exit(), with which the daemon may end.
 EventRing &events() {
   static auto &ring = *new EventRing;
   return ring;

@@ -1,5 +1,4 @@
-// The loop's share of the trace: what becomes of flows' records in the database and what the programming service says of them.
-// Loop's thread.
+// The loop's share of the trace: the fate of flows' records in the database and the programming service's answers. Loop's thread.
 #pragma once
 
 #include <cstdint>
@@ -11,7 +10,7 @@ namespace host::of_ss::loop_trace {
 
 // From now on notes every write and deletion of flows' records by this process.
 void start();
-// The programming service has answered for the flow with this status; nothing: it has taken its answer back.
+// The programming service has answered for the flow with this status; std::nullopt: it has withdrawn its answer.
 void answered(std::uint64_t index, std::optional<std::uint32_t> status);
 
 const EventRing &ring();

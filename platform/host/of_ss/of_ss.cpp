@@ -44,24 +44,24 @@ namespace {
 using fault::Point;
 
 constexpr auto kRetry = std::chrono::seconds(1);
-constexpr std::int32_t kLost = 0;  // of the types of a change of connection
+constexpr std::int32_t kLost = 0;  // one of the reconnect types of qx_mom.h
 
 // Loop's thread.
 qx_global *global_handle = nullptr;
 Callbacks registered;
-// Neither this nor the inbox is destroyed by exit(), with which the daemon may leave: other threads use them until the end.
+// Neither this nor the inbox is destroyed by exit(), with which the daemon may end: other threads use them until the end.
 auto &agent = *new std::unique_ptr<Agent>;
 std::unique_ptr<Audit> audit;
-bool translations_known = false;           // database 4 has been there
-std::optional<Config::OpenFlow> reloaded;  // the configuration, where it has been read again
+bool translations_known = false;           // database 4 has been connected
+std::optional<Config::OpenFlow> reloaded;  // the configuration, if it has been reread
 
-// Any thread. The inbox outlives the agent, so that a late sender finds something to send to.
+// Any thread. The inbox outlives the agent, so that late senders still find it.
 auto &inbox = *new Inbox;
 std::atomic<bool> running{false};
 std::atomic<bool> fetch_is_due{false};
 std::atomic<bool> held{false};
 
-// Who listens, for tests. Without anybody it takes no lock.
+// A listener for tests. Without one it takes no lock.
 template <typename... Args>
 class Tap {
  public:
@@ -86,7 +86,7 @@ Tap<> fetch_tap;
 
 void stop_agent() {
   running = false;
-  fetch_is_due = false;  // the loop that was to see to it may have gone
+  fetch_is_due = false;  // the loop that was to serve it may have ended
   audit.reset();
   agent.reset();
 }
@@ -98,7 +98,7 @@ Timer &retry_timer() {
   return timer;
 }
 
-// Which of the flows are installed for all that the database knows. The answer goes to the agent of that time, if there is one.
+// Finds which of the flows are installed according to the database, and passes the answer to the then current agent, if any.
 void look_up(std::vector<std::uint64_t> indexes) {
   post([indexes = std::move(indexes)] {
     if (agent) agent->overdue_checked(installed_flows(global_handle, indexes));
@@ -112,7 +112,7 @@ Timer &look_timer() {
   return timer;
 }
 
-// Controllers that are there are announced again; here those that went while nobody could be told are found.
+// Finds controllers that disconnected while the daemon could not be told; connected ones are announced again anyway.
 int look_through_addresses() {
   std::vector<std::uint32_t> stored;
   const int rv = stored_addresses(global_handle, stored);
@@ -120,7 +120,7 @@ int look_through_addresses() {
   return rv;
 }
 
-// In the same way service-chain flows that nobody asks for any more. An index that was handed out is not handed out again.
+// Likewise finds service-chain flows that are no longer requested. Assigned indexes are never reused.
 int look_through_translations() {
   std::vector<Translation> stored;
   if (const int rv = stored_translations(global_handle, stored); rv != 0) return rv;
@@ -129,7 +129,7 @@ int look_through_translations() {
   return withdraw(global_handle, stored);
 }
 
-// Before every synchronisation: reading behind the many writes of one would hold up the loop.
+// Runs before every synchronisation, because reading behind its many writes would block the loop.
 void look_through_stored() {
   if (!agent) return;
   int rv = look_through_addresses();
@@ -139,8 +139,8 @@ void look_through_stored() {
   look_timer().arm(kRetry);
 }
 
-// While the server refuses writes the synchronisation waits: it would lose what cannot be written again. When writes are taken,
-// every subscriber is asked to look again.
+// While the server refuses writes the synchronisation waits: records that cannot be rewritten would be lost. Once writes are
+// accepted, every subscriber gets another signal.
 void fetch_now() {
   fetch_is_due = false;
   if (!agent || !mom::hub() || !mom::hub()->takes_writes()) return;
@@ -148,12 +148,12 @@ void fetch_now() {
   agent->data_fetched();
 }
 
-// After an outage each database gives its signal: one synchronisation serves them all.
+// After an outage each database signals; one synchronisation serves them all.
 void fetch() {
   if (!fetch_is_due.exchange(true)) post(fetch_now);
 }
 
-// Database 4 is there again, or for the first time, when what is handed over anyway goes through it.
+// Database 4 has come up: again, or for the first time, when the hand-over that follows anyway uses it.
 int translations_told(void *, const qx_obj *told) {
   if (told->cmd == QX_MOM_CMD_DATA_FETCH && std::exchange(translations_known, true)) fetch();
   return 0;
@@ -179,7 +179,8 @@ void watch_translations() {
   if (db && type) hub->subscribe(hub->slot(*db, *type), true, translations_told);
 }
 
-// Stored flows that are not taken over would be dropped by the synchronisation that follows: so without a look at them, no start.
+// The synchronisation that follows would drop stored flows that were not adopted, so the agent does not start before they have
+// been read.
 void start_agent() {
   if (agent || held || !registered.complete() || !global_handle) return;
   StoredState stored;
@@ -196,7 +197,7 @@ void start_agent() {
   after_owner_timer([] {
     if (agent) agent->pace().drained();
   });
-  // exit() destroys what this thread reads, such as the configuration.
+  // exit() destroys objects that this thread reads, such as the configuration.
   [[maybe_unused]] static const int registered_once = std::atexit([] {
     if (agent) agent->stop();
   });
@@ -205,7 +206,8 @@ void start_agent() {
                                   Audit::Options{std::chrono::seconds(openflow.audit_interval_s), openflow.audit_repair});
 }
 
-// Once every callback is there, the agent starts in a turn of its own: the daemon is still in the middle of its own start here.
+// Once every callback is registered, the agent starts in a separate turn, because the daemon is still in the middle of its own
+// start here.
 template <typename Callback>
 int put(Callback &slot, Callback cb) {
   if (!cb) return QX_INVALID;
@@ -221,7 +223,7 @@ int on_agent(std::function<void(Agent &)> work) {
   return agent && agent->run(std::move(work)) ? QX_OK : QX_FAILED;
 }
 
-// What the agent takes over while it runs.
+// Applies settings that the agent can change at run time.
 Reloaded take_over(const Config &fresh) {
   reloaded = fresh.openflow;
   EndpointSettings settings = settings_from(*reloaded).endpoints;
@@ -260,13 +262,13 @@ constexpr Command kCommands[] = {{"reload", reload_all},
                                  {"pkt_end", packets<0>},
                                  {"pkt_by_role", packets<-1>}};
 
-// The library works without them.
+// Failures are ignored: the library works without commands.
 void register_commands() {
   if (ssat_lib_init(global_handle, "of_ss") != 0) return;
   for (const Command &command : kCommands) ssat_reg_mod_cmd("of_ss", command.name, "nil", command.handler);
 }
 
-// Where the result code of a reply stands; nothing for a reply that is no result.
+// The offset of the result code in a reply; std::nullopt for replies that are not results.
 std::optional<std::size_t> result_code_at(std::span<const std::byte> reply) {
   const auto type = southbound::get<std::uint16_t>(reply.data(), southbound::kType);
   if (type == southbound::kFlowResult && reply.size() == southbound::kFlowResultLen) return southbound::kFlowResultCode;
@@ -274,8 +276,8 @@ std::optional<std::size_t> result_code_at(std::span<const std::byte> reply) {
   return std::nullopt;
 }
 
-// What fails while the database takes nothing says nothing of the hardware, however soon the database is back: the result is
-// marked on its way. Results come from the loop's thread.
+// A failure while the database accepts no writes says nothing about the hardware, however soon the database is back: so such a
+// result is marked here. Results come from the loop's thread.
 bool put_in_inbox(std::span<const std::byte> reply) {
   const auto code_at = result_code_at(reply);
   if (!code_at || mom::hub()->takes_writes()) return inbox.put(reply);
@@ -285,7 +287,7 @@ bool put_in_inbox(std::span<const std::byte> reply) {
   return inbox.put(std::span(marked).first(reply.size()));
 }
 
-// The length in the header is the sender's affair: the daemon's barrier reply echoes the one of the request.
+// The length in the header is not checked: the daemon's barrier reply echoes the request's.
 bool is_message(const void *msg, std::uint32_t len) {
   return msg && len >= southbound::kHeaderLen && len <= UINT16_MAX;
 }

@@ -24,7 +24,7 @@ using nlohmann::json;
 using Event = TraceEvent;
 using Names = std::map<std::uint32_t, std::string>;
 
-constexpr std::size_t kStoriesShown = 20;  // of each kind, the newest
+constexpr std::size_t kStoriesShown = 20;  // the newest of each kind
 
 // ---- words
 
@@ -68,9 +68,9 @@ constexpr StepRow kSteps[] = {
     {"refused", "refused: {detail}", error_text},
     {"carried_out", "carried out at once"},
     {"error_sent", "error sent to the controller: {detail}", error_text},
-    {"barrier_handed", "handed to the daemon, behind what is not decided"},
+    {"barrier_handed", "handed to the daemon, behind undecided requests"},
     {"barrier_answered", "BARRIER_REPLY sent to the controller"},
-    {"unchanged", "flow {flow} is there already and stays"},
+    {"unchanged", "flow {flow} exists already and stays"},
     {"handed_over", "flow {flow} handed to the daemon"},
     {"made_room", "flow {flow} withdrawn from the full table to make room for its new form"},
     {"replaced", "flow {flow} withdrawn: its new form is installed"},
@@ -78,7 +78,7 @@ constexpr StepRow kSteps[] = {
     {"result", "the daemon reports flow {flow}: {detail}", result_text},
     {"installed", "flow {flow} is decided: installed"},
     {"failed", "flow {flow} is decided: {detail}", error_text},
-    {"given_up", "flow {flow} given up: nobody has answered for it in time"},
+    {"given_up", "flow {flow} given up: no answer in time"},
     {"tried_again", "flow {flow} failed after it had been installed: tried again under a new index"},
     {"written", "record of flow {flow} written to database {detail}"},
     {"not_written", "record of flow {flow} refused by the database ({detail})"},
@@ -113,7 +113,7 @@ std::string text_of(const Event &event, const Names &controllers) {
 
 // ---- order
 
-// The loop reads its clock less often than there are events: what follows from a hand-over is never shown ahead of it.
+// The loop reads its clock less often than events occur, so consequences of a hand-over are moved behind it.
 void put_behind_hand_over(std::vector<Event> &records, const std::vector<Event> &requests) {
   std::unordered_map<std::uint64_t, std::int64_t> added, withdrawn;
   for (const Event &event : requests) {
@@ -135,11 +135,11 @@ std::vector<Event> in_order(TraceSnapshot &snapshot) {
   return all;
 }
 
-// What the words and times of a story need.
+// The context for the words and times of a story.
 struct Telling {
   const Names &controllers;
   std::size_t limit;
-  // When the host clock was 0, since 1970.
+  // The time since 1970 at which the host clock was 0.
   std::chrono::nanoseconds clock_began = std::chrono::system_clock::now().time_since_epoch() - clock::now();
 
   std::int64_t wall_us(std::int64_t at_ns) const { return (clock_began.count() + at_ns) / 1000; }
@@ -147,7 +147,7 @@ struct Telling {
 
 // ---- stories
 
-// What is told: of one flow, or of one request with the flows that it touched, from then on.
+// The history of one flow, or of one request and the flows that it touched, from then on.
 struct Story {
   std::optional<std::uint64_t> flow;
   std::set<std::uint32_t> requests = {};
@@ -179,7 +179,7 @@ std::vector<Story> stories_of_flow(const std::vector<Event> &all, std::uint64_t 
   return story.events.empty() ? std::vector<Story>{} : std::vector<Story>{std::move(story)};
 }
 
-// The requests that fit, the newest ones.
+// The newest requests that match.
 template <typename Fits>
 std::vector<Story> stories_of_requests(const std::vector<Event> &all, Fits &&fits, std::size_t &total) {
   std::set<std::uint32_t> seen;

@@ -40,13 +40,13 @@ json collected(Collect &&collect) {
   return data;
 }
 
-// What a request wants to see of the flows.
+// The flows selected by a request.
 struct FlowFilter {
   std::size_t limit = kFlowsShown;
   std::uint64_t index = 0;  // 0: any
   std::uint64_t cookie = 0, cookie_mask = 0;
   std::string state = {}, controller = {};  // empty: any
-  // Of each list one has to stand in the match, whole or as the name of a field.
+  // One term of each list must be in the match, as a whole field or as a field's name.
   std::vector<std::vector<std::string>> terms = {};
 
   bool fits(const Agent &agent, const FlowEntry &flow, std::string_view match) const;
@@ -115,7 +115,7 @@ json failure_json(const LateFailure &f) {
   return {{"index", f.index}, {"table", f.table_id}, {"priority", f.priority}, {"match", f.match}, {"error", f.error->name}};
 }
 
-// Whether `term` is one of the fields in the text of a match, or the name of one.
+// True if `term` is one of the fields in the text of a match, or the name of one.
 bool has_term(std::string_view match, std::string_view term) {
   for (std::size_t begin = 0; begin <= match.size();) {
     const std::size_t end = std::min(match.find(',', begin), match.size());
@@ -226,7 +226,7 @@ json meters_view(Agent &agent) {
   return {{"meters", std::move(list)}, {"capacity", kMaxMeters}};
 }
 
-// The flow that the request is about; "" when it is about none.
+// The flow that the request concerns; "" if none.
 std::string flow_in(Bytes request) {
   const Bytes carried = Bundles::carried_by(request), message = carried.empty() ? request : carried;
   return message.size() >= kOfHeader && be8(message, kOfType) == kFlowModMsg ? flow_mod_text(message) : "";
@@ -251,7 +251,7 @@ json refusals_view(Agent &agent) {
   return {{"refusals", std::move(list)}, {"total", agent.of_switch().refusals.total()}};
 }
 
-// The openflow thread gives its events away and goes on; what they say is found out here.
+// The openflow thread only copies its events; they are interpreted here.
 json trace_answer(const json &args) {
   const TraceQuestion question = trace_question(args);
   TraceSnapshot snapshot;
@@ -262,7 +262,7 @@ json trace_answer(const json &args) {
   return trace_view(question, snapshot);
 }
 
-// The last few of a list, the latest first.
+// The last few elements of a list, latest first.
 template <typename List, typename Show>
 json latest(const List &list, Show &&show) {
   json shown = json::array();
@@ -284,7 +284,7 @@ json port_packets_json(const ss_pkt_counts &c) {
           {"out_nowhere", c.out_nowhere}};
 }
 
-// What the ports say is the data plane's, which tells it about once a second.
+// The data plane reports the counts of the ports about once a second.
 json packets_view(Agent &agent) {
   const Packets &packets = agent.of_switch().packets;
   const PacketCounters &c = packets.counters();

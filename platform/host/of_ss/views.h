@@ -1,12 +1,12 @@
-// What kelimctl shows of the agent: "flows", "controllers", "meters", "refusals" and its part of "status"; and whether it works.
-// Loop's thread; the data is collected on the openflow thread.
+// The agent's views for kelimctl, such as "flows", "controllers", "meters", "refusals" and its part of "status", and its health
+// checks. Loop's thread; the data are collected on the openflow thread.
 #pragma once
 
 namespace host::of_ss {
 
 class Agent;
 
-// Registers the views; `agent` is asked at each use and may be null.
+// Registers the views; `agent` is called at each use and may return null.
 void register_views(Agent *(*agent)());
 
 }  // namespace host::of_ss

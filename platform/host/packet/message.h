@@ -1,5 +1,5 @@
-// What goes over the packet path (libss_pkt.h): the socket in the run directory at which the OpenFlow agent listens and a
-// programming service calls. One message is one datagram, in the byte order of the machine: head, actions, frame. Any thread.
+// The messages of the packet path (libss_pkt.h), which is a socket in the run directory: the OpenFlow agent listens, a
+// programming service connects. One message is one datagram in the machine's byte order: head, actions, frame. Any thread.
 #pragma once
 
 #include <unistd.h>
@@ -15,15 +15,15 @@
 namespace host::packet {
 
 inline constexpr std::uint32_t kVersion = 1;
-inline constexpr std::size_t kMaxActions = 1024;  // bytes; the agent makes no longer list
+inline constexpr std::size_t kMaxActions = 1024;  // bytes; the agent's longest list
 inline constexpr std::size_t kMaxReported = 300;  // ports
 
 enum class Kind : std::uint8_t {
-  hello = 1,  // both ways, first: `number` is the version; the agent's `flag`: packets are wanted
-  wanted,     // of the agent: `flag`
-  in,         // of the service: `number` is the port the packet came from; frame
-  out,        // of the agent: `number` is the in_port; actions, frame
-  counts      // of the service: as the frame, ss_pkt_counts one after the other
+  hello = 1,  // both ways, first: `number` is the version; in the agent's, `flag` means that packets are wanted
+  wanted,     // from the agent: `flag`
+  in,         // from the service: `number` is the packet's port; frame
+  out,        // from the agent: `number` is the in_port; actions, frame
+  counts      // from the service: the frame is an array of ss_pkt_counts
 };
 
 struct Head {
@@ -42,15 +42,14 @@ static_assert(kMaxReported * sizeof(ss_pkt_counts) <= SS_PKT_FRAME_MAX);
 
 using Bytes = std::span<const std::byte>;
 
-// One datagram without waiting: 0; -14 when there is no room, -1 when the other end has gone.
+// Sends one datagram without waiting: 0; -14 when there is no room, -1 when the other end is gone.
 int put(int socket, const Head &head, Bytes actions = {}, Bytes frame = {});
 
-// Takes the next datagram into `buffer`, of kMaxMessage bytes. Nothing has come, or there is one, or the other end has gone or
-// sends what is no message.
+// Receives the next datagram into `buffer`, of kMaxMessage bytes. `gone` also means that the other end sent an invalid message.
 enum class Taken : std::uint8_t { nothing, message, gone };
 Taken take(int socket, std::span<std::byte> buffer, Head &head, Bytes &actions, Bytes &frame);
 
-// Whether at the other end is a process of this user, or of root.
+// True if the other end is a process of this user or of root.
 bool is_trusted(int socket);
 
 std::string socket_path(const std::string &run_dir);

@@ -1,4 +1,4 @@
-// A programming service's end of the packet path: calls at the agent's socket again and again, and hands messages over without
+// A programming service's end of the packet path: retries to connect to the agent's socket, and hands messages over without
 // waiting.
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -57,12 +57,12 @@ struct ss_pkt_path {
 
   const ss_pkt_user user_;
   packet::Descriptor epoll_, timer_, socket_;
-  bool greeted_ = false;       // by the other end
-  bool told_version_ = false;  // that the other end has another one
+  bool greeted_ = false;       // the other end has sent its hello
+  bool told_version_ = false;  // a different version at the other end has been logged
   std::vector<std::byte> buffer_;
 };
 
-// A socket that is not there, or that nobody serves, is tried again.
+// A missing or unserved socket is tried again.
 void ss_pkt_path::call() {
   const std::string path = packet::socket_path(host::config().run_dir);
   sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
@@ -93,7 +93,7 @@ bool ss_pkt_path::greeted_by(const Head &head) {
   return greeted_;
 }
 
-// False for what the other end never sends.
+// False for messages that the other end must not send.
 bool ss_pkt_path::handle(const Head &head, Bytes actions, Bytes frame) {
   if (!greeted_) return greeted_by(head);
   if (head.kind == Kind::wanted) user_.wanted(user_.arg, head.flag);

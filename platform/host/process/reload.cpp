@@ -16,7 +16,7 @@ bool is_taken_over(std::string_view key) {
   return std::ranges::any_of(g_services, [key](const Reloadable &s) { return std::ranges::find(s.keys, key) != s.keys.end(); });
 }
 
-// The changed keys that nobody takes over, for people; "" for none.
+// The changed keys that no service applies, in words; "" for none.
 std::string waiting_for_a_start(const Config &fresh) {
   std::string names;
   for (const std::string &key : config_changes(config(), fresh))

@@ -1,4 +1,4 @@
-// The life of the runtime: made from the configuration, run, released with everything it owns.
+// The runtime: created from the configuration, run, and released with everything it owns.
 #include "qx_runtime.h"
 
 #include <errno.h>
@@ -50,7 +50,7 @@ struct EventBaseDeleter {
 };
 using EventBasePtr = std::unique_ptr<event_base, EventBaseDeleter>;
 
-// Ticks are the daemon's only wait that a controller sees, so the loop asks for timers finer than the kernel's coarse clock.
+// Ticks are the daemon's only delay that a controller sees, so the loop uses timers finer than the kernel's coarse clock.
 EventBasePtr make_base() {
   evthread_use_pthreads();
   const std::unique_ptr<event_config, void (*)(event_config *)> config(event_config_new(), event_config_free);
@@ -61,7 +61,7 @@ EventBasePtr make_base() {
   return base;
 }
 
-// SIGPIPE is ignored while the runtime lives: a peer that went away is an error code of the write.
+// SIGPIPE is ignored while the runtime lives: a lost peer shows as an error code of the write.
 class IgnorePipe {
  public:
   IgnorePipe() {
@@ -81,7 +81,7 @@ void end_loop(evutil_socket_t, short, void *) {
   stop_loop();
 }
 
-// What other threads hand to the loop. It outlives the runtime, so that a late post from another thread finds a lock to take.
+// Work that other threads post to the loop. It outlives the runtime, so that a late post from another thread finds a valid lock.
 struct Mailbox {
   Mutex mutex;
   std::vector<std::function<void()>> work KELIM_GUARDED_BY(mutex);
@@ -89,16 +89,16 @@ struct Mailbox {
 
   void wake() const {
     const std::uint64_t one = 1;
-    [[maybe_unused]] const auto n = ::write(wake_fd, &one, sizeof one);  // full means that it is awake already
+    [[maybe_unused]] const auto n = ::write(wake_fd, &one, sizeof one);  // if full, the loop is already awake
   }
 };
 
 Mailbox &mailbox() {
-  static auto *box = new Mailbox;  // never destroyed: threads may post until the very end
+  static auto *box = new Mailbox;  // never destroyed: threads may post until the end
   return *box;
 }
 
-// The mailbox takes work only while one of these lives.
+// The mailbox accepts work only while one of these lives.
 class OpenMailbox {
  public:
   OpenMailbox() {
@@ -107,7 +107,7 @@ class OpenMailbox {
     if (mailbox().wake_fd < 0) throw std::bad_alloc();
   }
   ~OpenMailbox() {
-    std::vector<std::function<void()>> dropped;  // destroyed after the lock is given back: its destructors may post
+    std::vector<std::function<void()>> dropped;  // destroyed after the lock is released, because destructors may post
     const Lock lock(mailbox().mutex);
     dropped.swap(mailbox().work);
     ::close(std::exchange(mailbox().wake_fd, -1));
@@ -191,7 +191,7 @@ void tell_after_owner_timer() {
   if (g_runtime->after_owner_timer) g_runtime->after_owner_timer();
 }
 
-// What is handed over from here on asks for a run of its own; all that was before is found by this one.
+// Work handed over from here on requests another run; this run finds everything handed over before.
 void run_owner_timer(qx_thread &timer) {
   g_handed_over = false;
   const auto begun = std::chrono::steady_clock::now();
@@ -208,14 +208,14 @@ void look_for_owner_timer(bool prompt) {
   tell_after_owner_timer();
 }
 
-// errno tells the caller whether another configuration is needed.
+// Prints one line and sets errno, which tells the caller whether the configuration must change.
 bool complain(const std::string &who, const std::string &why, int error = 0) {
   std::fprintf(stderr, "%s: %s\n", who.c_str(), why.c_str());
   errno = error;
   return false;
 }
 
-// Starts what the runtime's owner does not see. False after one line that says why.
+// Starts the host's services. False after one line that says why.
 bool start_services(Runtime &runtime) {
   if (const std::string error = log::open(config(), runtime.name); !error.empty()) return complain(runtime.name, error);
   if (const std::string error = control::start(config(), runtime.name); !error.empty()) return complain(runtime.name, error);
@@ -250,8 +250,8 @@ void release() {
 }
 
 bool make_runtime(const char *name) {
-  if (g_runtime) return complain(name, "a runtime named " + g_runtime->name + " lives already");
-  if (const int rv = fault::check(fault::Point::global_init)) return complain(name, "fault " + std::to_string(rv) + " asked for");
+  if (g_runtime) return complain(name, "a runtime named " + g_runtime->name + " exists already");
+  if (const int rv = fault::check(fault::Point::global_init)) return complain(name, "injected fault " + std::to_string(rv));
   if (const std::string error = config_load(); !error.empty()) return complain(name, error, EINVAL);
   if (const std::string error = make_run_dir(); !error.empty()) return complain(name, error);
   g_runtime = std::make_unique<Runtime>(name);
@@ -299,7 +299,7 @@ void stop_loop() {
 }
 
 bool run_until(const std::function<bool()> &condition, std::chrono::milliseconds limit) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;  // real time: the host's clock may stand
+  const auto deadline = std::chrono::steady_clock::now() + limit;  // real time, because a test may have stopped the host's clock
   const EventPtr poll(event_new(
       loop_base(), -1, EV_PERSIST, [](evutil_socket_t, short, void *) {}, nullptr));
   const timeval millisecond{.tv_sec = 0, .tv_usec = 1'000};
@@ -402,7 +402,7 @@ int qx_thread_insert_timer_timeval(struct qx_thread_master *master, qx_thread *t
     const auto delay =
         std::clamp(sec, 0L, host::kLongestTimer) * 1s + std::clamp(usec, 0L, 1'000'000 * host::kLongestTimer) * 1us;
     master->timers.arm(id, host::clock::now() + delay, [thread, id, is_owners] {
-      if (reinterpret_cast<uintptr_t>(thread->impl) != id) return;  // zeroed and armed anew meanwhile
+      if (reinterpret_cast<uintptr_t>(thread->impl) != id) return;  // zeroed and re-armed meanwhile
       thread->impl = nullptr;
       if (is_owners) return host::run_owner_timer(*thread);
       thread->func(thread);

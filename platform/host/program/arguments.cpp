@@ -1,4 +1,4 @@
-// The daemon's command line, read before main, which takes none: everything else is configuration.
+// The daemon's command line, read before main, which takes no arguments: everything else is configuration.
 #include <unistd.h>
 
 #include <cstdio>
@@ -16,7 +16,7 @@ constexpr const char *kHelp =
 usage: ssc_kelim [--help | --version]
 
 Settings come from /etc/kelim/host.toml, or the file that KELIM_CONF names, and from the environment, which wins:
-"kelimctl config" shows every key with its variable, default and what is allowed.
+"kelimctl config" shows every key with its variable, default and allowed values.
 
 examples:
   KELIM_RUN_DIR=/tmp/kelim ssc_kelim
@@ -35,7 +35,7 @@ one (start again), 2 wrong usage, others failed.
   _exit(status);
 }
 
-// glibc hands constructors what main would get.
+// glibc passes main's arguments to constructors.
 [[gnu::constructor]] void read_arguments(int argc, char **argv, char **) {
   if (argc < 2) return;
   const std::string_view argument = argv[1];

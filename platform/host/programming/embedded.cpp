@@ -26,17 +26,17 @@ nlohmann::ordered_json status() {
 
 constexpr metrics::Row<programmer::Totals> kRows[] = {
     {{"kelim_programmer_flows", metrics::Kind::gauge, "Flows in the target."}, &programmer::Totals::flows},
-    {{"kelim_programmer_flow_capacity", metrics::Kind::gauge, "Flows that the target has room for."}, &programmer::Totals::size},
+    {{"kelim_programmer_flow_capacity", metrics::Kind::gauge, "Flows that fit into the target."}, &programmer::Totals::size},
     {{"kelim_programmer_meters", metrics::Kind::gauge, "Meters in the target."}, &programmer::Totals::meters},
     {{"kelim_programmer_addresses", metrics::Kind::gauge, "Controller addresses in the target."}, &programmer::Totals::addresses},
-    {{"kelim_programmer_answers_waiting", metrics::Kind::gauge, "Answers that wait for their time."},
+    {{"kelim_programmer_answers_waiting", metrics::Kind::gauge, "Answers waiting for their delay."},
      &programmer::Totals::waiting},
-    {{"kelim_programmer_answers_owed", metrics::Kind::gauge, "Answers that the database has not taken yet."},
+    {{"kelim_programmer_answers_owed", metrics::Kind::gauge, "Answers that the database has not accepted yet."},
      &programmer::Totals::owed},
     {{"kelim_programmer_flows_untouched_total", metrics::Kind::counter,
-      "Flows written anew without a change: the target was not asked."},
+      "Rewritten flows without a change, answered without asking the target."},
      &programmer::Totals::untouched},
-    {{"kelim_programmer_flows_removed_total", metrics::Kind::counter, "Flows that have left the target."},
+    {{"kelim_programmer_flows_removed_total", metrics::Kind::counter, "Flows removed from the target."},
      &programmer::Totals::removed},
     {{"kelim_programmer_counter_records_total", metrics::Kind::counter, "Counter records written."},
      &programmer::Totals::counters},
@@ -64,7 +64,7 @@ std::string start(const Config &config, qx_global *global) {
     control::register_status("programmer", status);
     metrics::add_source(write_metrics);
   }
-  // That process starts the service itself, whatever a configuration shared with the daemon says of the daemon's own.
+  // That process starts the service itself, whatever a shared configuration says about the daemon's embedded one.
   if (is_its_own) return config.mom.url == "embedded:" ? kOwnDatabase : "";
   const Config::Programmer &key = config.programmer;
   if (!key.embedded) return "";

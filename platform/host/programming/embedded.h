@@ -1,4 +1,4 @@
-// The programming service inside this process: started with the runtime where the configuration says so. Loop's thread.
+// The programming service inside this process: started with the runtime if configured. Loop's thread.
 #pragma once
 
 #include <string>
@@ -11,7 +11,7 @@ struct Config;
 
 namespace host::programming {
 
-// Starts the service as configured and has it stopped when the runtime is released. "" or the error, which names the key.
+// Starts the service as configured and has it stopped when the runtime is released. Returns "" or the error, which names the key.
 std::string start(const Config &config, qx_global *global);
 
 }  // namespace host::programming

@@ -1,4 +1,4 @@
-// A host is its own and only supervisor: every process takes up its work in the first turn of its loop. Another one of the same
+// A host is its own and only supervisor: every process begins its work in the first turn of its loop. Another process of the same
 // name on the same databases waits until the first has ended.
 #include "host/base/loop.h"
 #include "host/base/services.h"

@@ -20,7 +20,7 @@ struct Published {
 Mutex g_mutex;
 std::vector<Published> g_published KELIM_GUARDED_BY(g_mutex);
 
-// The records are plain words of the process that owns them; each is read and written whole.
+// The records are plain words owned by the process; each word is read and written atomically.
 std::atomic_ref<std::uint64_t> word(const std::uint64_t &w) {
   return std::atomic_ref<std::uint64_t>(const_cast<std::uint64_t &>(w));
 }

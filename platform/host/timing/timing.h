@@ -1,4 +1,4 @@
-// The published timing records (ut_ss_fp_appmng.h) as the control service shows them.
+// Shows the published timing records (ut_ss_fp_appmng.h) through the control service.
 #pragma once
 
 #include <nlohmann/json_fwd.hpp>

@@ -1,4 +1,4 @@
-// TLS for the host's services: certificates from files, failures in words. Any thread.
+// TLS for the host's services: loads certificates from files and describes failures. Any thread.
 #pragma once
 
 #include <openssl/ssl.h>
@@ -15,11 +15,11 @@ struct Free {
 using Context = std::unique_ptr<SSL_CTX, Free>;
 using Session = std::unique_ptr<SSL, Free>;
 
-// Loads certificate and key (none to show when empty) and the authorities that peers are checked against (no check when empty).
-// Null and `error` on failure.
+// Loads certificate and key (none to present when empty) and the authorities that peers are checked against (no check when
+// empty). Null and `error` on failure.
 Context load(const std::string &cert, const std::string &key, const std::string &ca, std::string &error);
 
-// What failed, in words, by OpenSSL's code of it; with what was wrong with the peer's certificate. `session` may be null.
+// Describes a failure by its OpenSSL code, including any fault of the peer's certificate. `session` may be null.
 std::string failure_text(unsigned long code, const SSL *session);
 
 }  // namespace host::tls

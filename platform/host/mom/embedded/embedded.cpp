@@ -41,7 +41,7 @@ Embedded::Table &Embedded::table(Slot &slot) {
 
 // ---- expiry
 
-// Takes the object out of any expiry.
+// Cancels any expiry of the object.
 void Embedded::forget_expiry(Table &table, const Key &key, Object &object) {
   if (object.own_expiry) table.own.clear(key);
   object.own_expiry = 0;
@@ -137,7 +137,7 @@ int Embedded::del_expire(Slot &slot, const Key *key) {
   return 0;
 }
 
-// Nothing to do: the timer notices each deadline when it passes, and the sweep deletes.
+// Nothing to do: the timer fires at each deadline, and the sweep deletes.
 int Embedded::del_expired(Slot &, std::int64_t) {
   return 0;
 }
@@ -214,7 +214,7 @@ int Embedded::get_sync(Slot &slot, const Key &key, std::vector<std::uint8_t> &pa
 
 int Embedded::scan_sync(Slot &slot, const Visitor &visit) {
   Table &table = this->table(slot);
-  // Objects written for the first time from here on are newer than this scan.
+  // Objects first written from here on are newer than this scan.
   const std::uint32_t scan = ++table.scans;
   for (auto place = table.index.first(); place.found;) {
     const Key key = table.index.key_at(place);
@@ -255,7 +255,7 @@ std::optional<Store::Held> Embedded::held(Slot &slot) {
   return Held{table.index.size(), table.object_bytes + table.index.bytes(), slot.subscriptions.size()};
 }
 
-// There is no server to lose; this only shows what the process would find. Type 1 means another server, which is empty.
+// There is no server to lose; this only mimics the effect on the process. Type 1 means another server, which is empty.
 void Embedded::provoke_reconnect(Database &db, std::int32_t type) {
   if (type != 1) return;
   for (const auto &table : tables_) {

@@ -1,11 +1,11 @@
-// The object store in the process's own memory: one sorted index a type, one exact allocation an object. Loop's thread.
+// The object store in the process's own memory: one sorted index per type, one exact allocation per object. Loop's thread.
 //
-// The expiry of a whole type costs nothing an object: the table keeps one deadline and a generation number, and the deadline
-// holds for objects of an older generation than the table's. A rewrite sets the current generation, which takes the object out of
-// the expiry. Objects expire when the loop runs its timers, not while a callback works: an object that a long callback rewrites
-// is not deleted in between.
+// The expiry of a whole type has no cost per object: the table keeps one deadline and a generation number, and the deadline holds
+// for objects of an older generation than the table's. A rewrite sets the current generation, which takes the object out of the
+// expiry. Objects expire when the loop runs its timers, not while a callback works: an object that a long callback rewrites is
+// not deleted in between.
 //
-// Overwrite tags are not kept: expired objects go by themselves, so nothing here depends on a tag.
+// Overwrite tags are not kept: expired objects are deleted anyway, so nothing here depends on a tag.
 #pragma once
 
 #include <deque>
@@ -50,7 +50,7 @@ class Embedded final : public Store {
     std::size_t object_bytes = 0;
     std::uint32_t generation = 1;
     std::uint32_t scans = 0;
-    std::optional<Time> deadline;  // of the objects of an older generation
+    std::optional<Time> deadline;  // for objects of an older generation
     std::optional<Key> swept;      // the last object that the sweep for that deadline has seen
     Expiry own;
   };

@@ -1,4 +1,4 @@
-// The expiries of single objects of one type: which key is due when. Plain value, one thread.
+// The expiries of single objects of one type: keys by deadline. Plain value, one thread.
 #pragma once
 
 #include <map>
@@ -29,7 +29,7 @@ class Expiry {
     by_time_.clear();
   }
   bool empty() const { return by_key_.empty(); }
-  // The earliest. Requires !empty().
+  // The earliest expiry. Requires !empty().
   const std::pair<Time, Key> &first() const { return *by_time_.begin(); }
   const std::map<Key, Time> &keys() const { return by_key_; }
 

@@ -28,7 +28,7 @@ void Arena::rewind(std::size_t block, std::size_t used) {
   used_ = used;
   const std::size_t needed = std::max(block + 1, kBlocksKept);
   if (blocks_.size() > needed) blocks_.resize(needed);
-  // A block that was made for one huge record is not kept.
+  // A block allocated for one huge record is not kept.
   while (blocks_.size() > block + 1 && blocks_.back().size > kBlockSize) blocks_.pop_back();
 }
 

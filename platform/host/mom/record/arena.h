@@ -13,7 +13,7 @@ namespace host::mom {
 
 class Arena {
  public:
-  // Releases at its end what was allocated during its life.
+  // At its end releases everything allocated during its life.
   class Scope {
    public:
     explicit Scope(Arena &arena) : arena_(arena), block_(arena.block_), used_(arena.used_) {}

@@ -1,8 +1,8 @@
 // The key of an object: the fields of its `index` record, in order, as bytes whose memcmp order is the order of the fields
 // (integers big-endian with the sign flipped, text with a closing zero).
 //
-// The first 16 bytes live in two words, so that every key made of integers is compared in two instructions and needs no memory of
-// its own; the rest of a longer key (text) follows in `tail`. Plain value, any thread.
+// The first 16 bytes live in two words, so that every key made of integers is compared in two instructions and needs no separate
+// memory; the rest of a longer key (text) follows in `tail`. Plain value, any thread.
 #pragma once
 
 #include <compare>

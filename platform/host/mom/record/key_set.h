@@ -1,6 +1,6 @@
 // A set of keys. Keys made of integers alone are kept in open-addressing tables, where neighbouring keys share cache lines, so
-// that a burst of ascending keys touches each line once. 32 to 64 bytes a key. The keys are spread over several tables that grow
-// independently, so that no insertion moves more than a small part of them. Plain value, one thread.
+// that a burst of ascending keys touches each line once. 32 to 64 bytes per key. The keys are spread over several tables that
+// grow independently, so that no insertion moves more than a small part of them. Plain value, one thread.
 #pragma once
 
 #include <array>

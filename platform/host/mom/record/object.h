@@ -1,6 +1,6 @@
-// One stored value: header, packed record and the rest of a long key in a single allocation of exact size. References are
-// counted without atomics: loop's thread only. A value never changes; a rewrite makes a new one, so that queued notifications
-// keep what was written.
+// One stored value: header, packed record and the rest of a long key in a single allocation of exact size. References are counted
+// without atomics: loop's thread only. A value never changes; a rewrite creates a new one, so that queued notifications keep the
+// value written.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +16,7 @@ namespace host::mom {
 
 struct Object {
   std::uint32_t size : 31;       // of the packed record
-  std::uint32_t own_expiry : 1;  // has an expiry of its own, in its table's list
+  std::uint32_t own_expiry : 1;  // has an individual expiry, in its table's list
   std::uint32_t generation;      // of the table when this was written; an older one is under the whole type's expiry
   std::uint32_t born;            // scan number of the table when the object was first written
   std::uint16_t refs;            // index, queued notifications, callers on the stack

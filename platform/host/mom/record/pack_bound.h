@@ -12,12 +12,12 @@ namespace host::mom {
 
 class PackBound {
  public:
-  // The one of this descriptor; lives as long as the process.
+  // The bound for this descriptor; lives as long as the process.
   static const PackBound *shared(const ProtobufCMessageDescriptor &descriptor);
 
   explicit PackBound(const ProtobufCMessageDescriptor &descriptor);
 
-  // Nothing when the record is malformed: a length without data, an array without elements, a sub-message of another type.
+  // std::nullopt when the record is malformed: a length without data, an array without elements, a sub-message of another type.
   std::optional<std::size_t> of(const ProtobufCMessage &record) const;
 
  private:

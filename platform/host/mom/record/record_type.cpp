@@ -28,7 +28,7 @@ constexpr std::array kSchema = {
 
 constexpr std::array<std::string_view, 1> kHashClass = {"s_policy_kelim.meter"};
 
-// How the bytes of a key field follow from its type. `width` is in bytes, 0 for text.
+// The encoding of a key field, by its type. `width` is in bytes, 0 for text.
 struct KeyForm {
   ProtobufCType type;
   unsigned width;

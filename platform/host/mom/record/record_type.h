@@ -1,4 +1,4 @@
-// A record type: its names, its key, how to pack it. Read from the descriptor once and kept for the life of the process. Loop's
+// A record type: its names, its key and its packing. Read from the descriptor once and kept for the life of the process. Loop's
 // thread.
 //
 // The canonical text of an object is "package.name:field:field", integers in decimal, text with everything but letters, digits
@@ -22,11 +22,11 @@ using PackedBytes = std::span<const std::uint8_t>;
 
 class RecordType {
  public:
-  // Null when the descriptor is no record type: no message descriptor, a name without package, a key with a field that has no
-  // order.
+  // Null when the descriptor is not a record type: not a message descriptor, a name without package, or a key with a field of
+  // unordered type.
   static const RecordType *of(const ProtobufCMessageDescriptor *descriptor);
 
-  // By full name, among the types of the schema and those used so far; null when there is none.
+  // The type with this full name, among those of the schema and those used so far; null if there is none.
   static const RecordType *named(std::string_view name);
 
   // Every type of the schema that can be stored or published, in name order.
@@ -46,10 +46,10 @@ class RecordType {
   // True when the subscription's key type is this type's (or neither has one).
   bool key_matches(const ProtobufCMessageDescriptor *key) const;
 
-  // The key of a record; nothing when it has none or its key is too long.
+  // The key of a record; std::nullopt when it has none or its key is too long.
   std::optional<Key> key_of(const ProtobufCMessage &record) const;
 
-  // True when a stored record has the key under which it is stored: `expected`, or any where that is null. Always true for types
+  // True when a stored record has the key under which it is stored, `expected`, or any key if that is null. Always true for types
   // without key.
   bool belongs(const ProtobufCMessage &record, const Key *expected) const;
 
@@ -58,14 +58,14 @@ class RecordType {
 
   std::string text(const Key &key) const;
   std::string member_text(const Key &key) const;  // without the type's name
-  // The reverse of the two; nothing when the text is no key of this type.
+  // The reverse of the two; std::nullopt when the text is not a key of this type.
   std::optional<Key> parse(std::string_view text) const;
   std::optional<Key> parse_member(std::string_view text) const;
 
   // A packed record with this key and nothing else.
   std::vector<std::uint8_t> key_only(const Key &key) const;
 
-  // Packs into a scratch buffer that the next call of any type overwrites; nothing when the record is malformed.
+  // Packs into a scratch buffer that the next call of any type overwrites; std::nullopt when the record is malformed.
   std::optional<PackedBytes> pack(const ProtobufCMessage &record) const;
 
  private:

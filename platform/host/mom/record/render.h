@@ -20,10 +20,10 @@ using Json = nlohmann::ordered_json;
 // Top-level and key fields are always shown; zero fields and absent parts of other sub-messages are left out.
 Json to_json(const ProtobufCMessage &record);
 
-// Any bytes as text that is safe for a terminal and a log line: at most `most` of them, then "...".
+// Any bytes as text that is safe for terminals and log lines: at most `most` of them, then "...".
 std::string printable(std::string_view bytes, std::size_t most = SIZE_MAX);
 
-// Bytes as hexadecimal digits, and back; nothing for text that is not hexadecimal.
+// Bytes as hexadecimal digits, and back; std::nullopt for text that is not hexadecimal.
 std::string hex(PackedBytes bytes, std::string_view between = "");
 std::optional<std::vector<std::uint8_t>> unhex(std::string_view text);
 

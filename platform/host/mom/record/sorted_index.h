@@ -1,7 +1,7 @@
 // Objects of one type in key order: a directory of sorted blocks of at most 128 objects.
 //
 // Two levels are enough for millions of objects (10^6: 8,000 blocks whose directory fits the second-level cache), and a block
-// takes 24 bytes an object, against 64 and more of a node-based tree. Keys are kept apart from the pointers, so that a lookup
+// takes 24 bytes per object, against 64 and more in a node-based tree. Keys are kept apart from the pointers, so that a lookup
 // touches only keys. Objects that arrive in key order fill their blocks completely. Loop's thread.
 #pragma once
 
@@ -16,7 +16,7 @@ namespace host::mom {
 
 class SortedIndex {
  public:
-  // Where a key is or would be. Valid until the next insert or erase.
+  // The position of a key, or the one where it would be. Valid until the next insert or erase.
   struct Place {
     std::size_t block = 0;
     std::size_t slot = 0;
@@ -33,7 +33,7 @@ class SortedIndex {
   Object *at(const Place &place) const { return directory_[place.block].block->objects[place.slot]; }
   Key key_at(const Place &place) const;
 
-  // Inserts at `place`, which find() gave for `key` as not found.
+  // Inserts at `place`, which find() returned for the missing `key`.
   void insert(const Place &place, const Key &key, ObjectRef object);
   // Replaces the object at a found place; returns the old one.
   ObjectRef replace(const Place &place, ObjectRef object);
@@ -47,7 +47,7 @@ class SortedIndex {
   Place after(const Key &key) const;
 
   std::size_t size() const { return size_; }
-  // Changes with every insert and erase: tells a walk that its place is no longer valid.
+  // Changes with every insert and erase, so that a walk can tell that its place is no longer valid.
   std::uint64_t version() const { return version_; }
   // Bytes of the index itself, without the objects.
   std::size_t bytes() const { return directory_.capacity() * sizeof(Entry) + directory_.size() * sizeof(Block); }

@@ -63,7 +63,7 @@ bool parse_sentinels(std::string_view text, RedisEndpoint *endpoint) {
   return !endpoint->sentinels.empty() && !endpoint->master.empty();
 }
 
-// A name without a slash is that of a systemd credential.
+// A name without a slash is the name of a systemd credential.
 std::string read_password(const std::string &file, std::string *password) {
   const char *credentials = std::getenv("CREDENTIALS_DIRECTORY");
   if (file.find('/') == std::string::npos && !credentials)
@@ -94,7 +94,7 @@ std::string parse_endpoint(const std::string &url, RedisEndpoint *endpoint) {
     rest.remove_prefix(at + 1);
   }
   if (endpoint->user.find(':') != std::string::npos)
-    return bad_url(url, "the password has keys of its own, mom.password and mom.password_file");
+    return bad_url(url, "the password belongs in mom.password or mom.password_file");
   if (scheme->form == Form::sentinels) {
     if (parse_sentinels(rest, endpoint)) return "";
     return bad_url(url, "must be " + std::string(scheme->prefix) + "[USER@]HOST:PORT,.../NAME with ports from 1 to 65535");

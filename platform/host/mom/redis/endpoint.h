@@ -1,4 +1,4 @@
-// Where the Redis server is and what it reports of itself; commands and replies on the wire. Loop's thread.
+// The Redis server's address and its reports about itself; commands and replies on the wire. Loop's thread.
 #pragma once
 
 #include <hiredis/hiredis.h>
@@ -24,10 +24,10 @@ struct RedisEndpoint {
   bool secure = false;           // connect with TLS
   std::shared_ptr<SSL_CTX> tls;  // certificates and keys for it
   std::string server_name;       // the name that the server's certificate must be for; empty: its address
-  // The sentinels that know host and port of the master of that name; empty: the URL names the server itself.
+  // The sentinels that know host and port of the named master; empty: the URL names the server itself.
   std::vector<RedisEndpoint> sentinels;
   std::string master;
-  std::string client;  // prefix of our connections' names on the server, "client/8/sync"; empty: unnamed
+  std::string client;  // prefix of this process's connection names on the server, "client/8/sync"; empty: unnamed
 
   std::string connection_name(std::int32_t db, std::string_view what) const {
     return client + "/" + std::to_string(db) + "/" + std::string(what);
@@ -44,26 +44,26 @@ std::string configured_endpoint(const Config::Mom &config, RedisEndpoint *endpoi
 // The command that logs in; empty when there is no password.
 std::vector<std::string_view> login(const RedisEndpoint &endpoint);
 
-// Replaces the names of host or sentinels by numeric addresses. Called once, at the start: a look-up blocks, which the loop must
-// not. Returns "" or why there is no address.
+// Replaces the names of host or sentinels by numeric addresses. Called once, at the start, because look-ups block, which the loop
+// must not. Returns "" or why no address was found.
 std::string resolve(RedisEndpoint *endpoint);
 
-// A server's position in a replication history. A replica that becomes master begins a history of its own and reports up to which
-// offset it shares the previous one.
+// A server's position in a replication history. A replica that becomes master begins a new history and reports the offset up to
+// which it shares the previous one.
 struct History {
   std::string id;
   std::string previous_id;
   long long offset = 0;
   long long previous_end = 0;
 
-  // True when the server holds everything that was written up to `had`.
+  // True when the server holds everything written up to `had`.
   bool continues(const History &had) const {
     if (had.id.empty()) return false;
     return id == had.id ? offset >= had.offset : previous_id == had.id && previous_end > had.offset;
   }
 };
 
-// What the server reports in INFO.
+// The server's INFO.
 struct ServerInfo {
   std::string run_id;  // of this server process
   std::string version;
@@ -83,7 +83,7 @@ using RedisReply = std::unique_ptr<redisReply, FreeReply>;
 inline bool is_error(const redisReply *reply) {
   return reply->type == REDIS_REPLY_ERROR;
 }
-// The reply itself if it is an error, or the first error in the replies of a transaction; null when there is none.
+// The reply itself if it is an error, or the first error in the replies of a transaction; null if there is none.
 inline const redisReply *error_in(const redisReply *reply) {
   if (is_error(reply)) return reply;
   for (std::size_t i = 0; reply->type == REDIS_REPLY_ARRAY && i < reply->elements; ++i) {
@@ -95,8 +95,8 @@ inline std::string_view text_of(const redisReply *reply) {
   return {reply->str ? reply->str : "", reply->str ? static_cast<std::size_t>(reply->len) : 0};
 }
 
-// The question to a sentinel. take_master() puts the master's address from the reply into the endpoint; returns "" or why there
-// is none.
+// The query to a sentinel. take_master() copies the master's address from the reply to the endpoint; returns "" or why there is
+// none.
 std::vector<std::string_view> master_question(const RedisEndpoint &endpoint);
 std::string take_master(const redisReply *reply, RedisEndpoint *endpoint);
 

@@ -1,5 +1,5 @@
-// The layout of what the Redis store keeps and publishes: values of objects and notifications on the channels (redis_store.h).
-// Pure functions, any thread.
+// The layout of the Redis store's data: values of objects and notifications on the channels (redis_store.h). Pure functions, any
+// thread.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +17,7 @@ PackedBytes as_bytes(std::string_view text);
 // A value begins with its tag; the packed record follows.
 inline constexpr std::size_t kTagSize = 8;
 std::string tag_bytes(std::int64_t tag);
-// The packed record in a value; nothing when the value is too short to be ours.
+// The packed record in a value; std::nullopt when the value is too short to be valid.
 std::optional<PackedBytes> record_in(std::string_view value);
 
 // A notification without its leading kind.
@@ -30,7 +30,7 @@ struct Notification {
   std::string_view member;
   PackedBytes packed;
 
-  // Takes the first notification off the payload; nothing when its layout is unknown.
+  // Takes the first notification off the payload; std::nullopt when its layout is unknown.
   static std::optional<Notification> take(std::string_view &payload);
 };
 

@@ -17,30 +17,30 @@ using namespace std::chrono_literals;
 constexpr auto kFirstBackoff = 20ms;
 constexpr auto kLongestBackoff = 2000ms;
 constexpr auto kFirstProbe = 100ms;  // of a server that refuses writes; the wait doubles each time
-constexpr unsigned kLooks = 4;       // at the server within dead_after_; so it is given up a quarter of that late at most
+constexpr unsigned kLooks = 4;       // checks of the server within dead_after_: a dead one is noticed a quarter late at most
 constexpr auto kStable = 5s;         // a link that was up this long starts over with the first backoff
 
 // Bytes in the output buffer of the socket; further commands wait in the queue.
 constexpr std::size_t kUnsentMax = 256U << 10;
-constexpr std::size_t kPushAbove = 64U << 10;  // bytes; a burst does not wait for the loop's next turn
+constexpr std::size_t kPushAbove = 64U << 10;  // bytes; a burst above it is sent without waiting for the loop's next turn
 
 // By default Redis disconnects subscribers that lag by 32 MB, less than one large burst of flows.
 constexpr std::string_view kSubscriberBuffers = "pubsub 536870912 268435456 60";
 constexpr long kSubscriberBufferMin = 268435456;
 
 // The channel on which the server tells a client that tracks keys that all keys were deleted. No key has the tracked prefix, so
-// that nothing else is told.
+// that nothing else is reported.
 constexpr const char *kFlushed = "__redis__:invalidate", *kNoKeys = "s_policy_kelim.none:";
 
-// The errors of a server that accepts no writes for now, on a connection that is sound: out of memory, a replica, too long
-// without a save. EXECABORT ends a transaction in which one of the others came.
+// The errors of a server that temporarily refuses writes, on a healthy connection: out of memory, a replica, too long without a
+// save. EXECABORT ends a transaction in which one of the others occurred.
 constexpr std::string_view kRefusals[] = {"OOM ", "READONLY ", "MISCONF ", "NOREPLICAS ", "EXECABORT "};
 
 bool is_refusal(std::string_view error) {
   return std::ranges::any_of(kRefusals, [error](std::string_view refusal) { return error.starts_with(refusal); });
 }
 
-// The arrows of the picture in link.h.
+// The arrows in the diagram of link.h.
 [[maybe_unused]] bool can_follow(RedisLink::State from, RedisLink::State to) {
   using enum RedisLink::State;
   constexpr std::pair<RedisLink::State, RedisLink::State> kArrows[] = {
@@ -112,7 +112,7 @@ void RedisLink::enter(State state) {
   state_ = state;
 }
 
-// ---- coming up
+// ---- connecting
 
 void RedisLink::begin() {
   if (endpoint_.sentinels.empty()) return open();
@@ -154,7 +154,7 @@ void RedisLink::greet_writer() {
   writer_.send(kHarmlessWrite, [this](const redisReply *reply) {
     if (reply && is_error(reply)) note_refusal(text_of(reply));
   });
-  // The first PING comes after the replies above, the second after the settings that those may have sent.
+  // The reply to the first PING follows the replies above, that to the second the settings that those may have sent.
   writer_.send({"PING"}, [this](const redisReply *first) {
     if (!first) return;
     writer_.send({"PING"}, [this](const redisReply *second) {
@@ -163,9 +163,9 @@ void RedisLink::greet_writer() {
   });
 }
 
-// Of several processes with one name the first works and the others wait for it to end. All of them ping the server regularly:
-// one that has been idle for longer than dead_after_ is frozen or cut off and does not count, nor does the remnant of our own
-// previous connection.
+// Of several processes with the same name the first works, and the others wait for it to end. All of them ping the server
+// regularly: a client that has been idle for longer than dead_after_ is frozen or cut off and does not count, nor does a remnant
+// of our own previous connection.
 void RedisLink::look_for_others() {
   const auto number = [](std::string_view text) { return std::strtoull(std::string(text).c_str(), nullptr, 10); };
   writer_.send({"CLIENT", "ID"}, [this, number, before = number(client_id_)](const redisReply *id) {
@@ -209,7 +209,8 @@ void RedisLink::use_keyspace_events(const redisReply *reply) {
   if (!has('x') && !has('A')) flags += 'x';
   writer_.send({"CONFIG", "SET", "notify-keyspace-events", flags}, [this](const redisReply *set) {
     if (set && is_error(set))
-      fail("the server does not let itself be told to notify expiries (notify-keyspace-events Ex): " + std::string(text_of(set)));
+      fail("the server rejects the setting for notifications of expiries (notify-keyspace-events Ex): " +
+           std::string(text_of(set)));
   });
 }
 
@@ -224,7 +225,7 @@ void RedisLink::widen_subscriber_buffers(const redisReply *reply) {
   });
 }
 
-// Nobody would notice that evicted objects are missing.
+// Evicted objects would go missing unnoticed.
 void RedisLink::warn_of_eviction(const redisReply *reply) {
   if (!reply || reply->type != REDIS_REPLY_ARRAY || reply->elements != 2 || text_of(reply->element[1]) == "noeviction") return;
   log::error("database {}: {}: the server may drop objects when its memory is full: maxmemory-policy is {}, noeviction is needed",
@@ -243,14 +244,14 @@ void RedisLink::greet_subscriber() {
 
 void RedisLink::flushed() {
   if (!is_up()) return;
-  log::error("database {}: {}: the server was told to forget everything (FLUSHALL, FLUSHDB)", db_.number, endpoint_.url);
+  log::error("database {}: {}: all data on the server were deleted (FLUSHALL, FLUSHDB)", db_.number, endpoint_.url);
   later_.act([this] {
     events_.unsure();
     store_events_.look_again(db_);
   });
 }
 
-// Counts one confirmation; the last one that a greeting waits for ends it.
+// Counts one confirmation; the last one ends the greeting.
 void RedisLink::greeted() {
   if (unconfirmed_ > 0 && --unconfirmed_ == 0 && state_ == State::greeting) come_up();
 }
@@ -279,13 +280,13 @@ void RedisLink::come_up() {
   });
 }
 
-// If the link was lost again meanwhile, the calls are answered when it is up the next time.
+// If the link was lost again meanwhile, the calls are answered when it is up again.
 void RedisLink::report_connected() {
   if (!is_up()) return;
   for (std::size_t waiting = std::exchange(connects_, 0); waiting > 0; --waiting) store_events_.connected(db_);
 }
 
-// ---- going down
+// ---- disconnecting
 
 void RedisLink::fail(const std::string &why) {
   if (state_ == State::closed || state_ == State::waiting) return;
@@ -331,8 +332,8 @@ void RedisLink::release(const Charge &charge) {
   if (charge.slot) charge.slot->topic.release(charge.bytes, charge.writes);
 }
 
-// Detects a server that hangs, or a peer that is gone without closing the connection: several looks in a row that find replies
-// due and none received.
+// Detects a server that hangs, or a peer that vanished without closing the connection: several checks in a row find replies due
+// and none received.
 void RedisLink::look() {
   const bool answered = writer_.answered() != std::exchange(answered_before_, writer_.answered());
   silent_looks_ = answered || writer_.waiting() == 0 ? 0 : silent_looks_ + 1;
@@ -376,8 +377,8 @@ void RedisLink::send(Formatted commands) {
   if (writer_.unsent() >= kPushAbove) writer_.push();
 }
 
-// Moves commands into the output buffer while it has room. Does not push them to the socket: inside a reply's callback that could
-// end the connection.
+// Moves commands into the output buffer while it has room. Does not write them to the socket, which inside a reply's callback
+// could end the connection.
 void RedisLink::feed() {
   while (!more_ && !queue_.empty() && writer_.unsent() < kUnsentMax) {
     Formatted &batch = queue_.front();

@@ -1,7 +1,7 @@
 // One database's link to Redis: a connection for writes and one for subscriptions that are up together or not at all, reconnected
 // with backoff. Loop's thread.
 //
-// Commands leave in the order in which they were given. Under backpressure from the socket they are queued here, not in its
+// Commands are sent in the order in which they were given. Under backpressure from the socket they are queued here, not in its
 // output buffer, so that a burst of writes costs no copying of unsent bytes.
 #pragma once
 
@@ -19,8 +19,7 @@
 
 namespace host::mom {
 
-// The share of a batch in the writes in flight of `slot`'s topic: released with the batch's last reply, or when the connection
-// ends.
+// A batch's share of the writes in flight of `slot`'s topic: released with the batch's last reply, or when the connection ends.
 struct Charge {
   Slot *slot = nullptr;
   std::size_t bytes = 0;
@@ -37,32 +36,32 @@ class RedisLink {
   //               |              v
   //               +----------- waiting           from any of them: closed
   //
-  // Where the URL names the server itself, `searching` is left out.
+  // `searching` is skipped if the URL names the server itself.
   enum class State : std::uint8_t {
     idle,       // connect() has not been called
     searching,  // asks the sentinels for the master
     greeting,   // both connections are open; settings, scripts and subscriptions wait for their replies
-    up,         // commands are taken
+    up,         // commands are accepted
     waiting,    // for the next attempt; both connections are closed
     closed,     // the destructor runs
   };
 
   // Callbacks to the owner. None is called from inside a call of the link.
   struct Events {
-    std::function<void()> up;  // the first time and after each reconnect
+    std::function<void()> up;  // after the first connect and each reconnect
     std::function<void(std::string_view channel, std::string_view payload)> message;
     std::function<void(std::string_view channel)> subscribed;
-    std::function<void()> unsure;  // the database may not hold what was written: writes are refused, or all was deleted
+    std::function<void()> unsure;  // the database may lack what was written: writes are refused, or everything was deleted
   };
 
   RedisLink(StoreEvents &store_events, TurnQueue &later, Database &db, const RedisEndpoint &endpoint,
             std::chrono::milliseconds dead_after, Events events);
   ~RedisLink();
 
-  // Begins to connect, the first time. Each call is answered by StoreEvents::connected, in a later turn, once the link is up.
+  // The first call begins to connect. Each call is answered by StoreEvents::connected, in a later turn, once the link is up.
   void connect();
   bool is_up() const { return state_ == State::up; }
-  // The run_id of the server that the link was last up with; empty before the first time.
+  // The run_id of the last server that the link was up with; empty before the first.
   const std::string &run_id() const { return run_id_; }
   // The number of times that the link came up.
   unsigned generation() const { return generation_; }
@@ -75,7 +74,7 @@ class RedisLink {
     std::vector<std::size_t> ends;  // of each command in `bytes`
     Charge charge;
     qx_mom_done_cb done = nullptr;  // called in a later turn once the last command has its reply
-    // Makes the next part of a pass from the reply to the last command. The part is sent next; all batches behind it wait until
+    // Creates the next part of a pass from the reply to the last command. The part is sent next; all batches behind it wait until
     // an empty part ends the pass.
     std::function<Formatted(const redisReply *)> more{};
 
@@ -92,7 +91,7 @@ class RedisLink {
   // Waits until all commands given so far have their replies. False when the deadline passes or the link fails first.
   bool settle(std::chrono::steady_clock::time_point deadline);
 
-  // A write that changes nothing and is refused whenever others are.
+  // A write that changes nothing and is refused whenever other writes are.
   static inline const Arguments kHarmlessWrite = {"SETRANGE", "s_policy_kelim", "0", ""};
 
   // Subscribes now and after every reconnect. Events::subscribed confirms it while the link is up.
@@ -143,16 +142,16 @@ class RedisLink {
   std::deque<Formatted> queue_;
   std::size_t next_command_ = 0;  // of the first batch in queue_
   std::deque<Answer> sent_;
-  // Of the pass that all other batches wait for; null while there is none.
+  // The rest of the pass that all other batches wait for; null without a pass.
   std::function<Formatted(const redisReply *)> more_;
   qx_mom_done_cb more_done_ = nullptr;
 
   State state_ = State::idle;
-  std::size_t connects_ = 0;  // calls of connect() that are not answered yet
+  std::size_t connects_ = 0;  // unanswered calls of connect()
   ServerInfo server_;
   std::string run_id_;
-  History had_;            // of the last server, when it was last asked
-  MasterSearch search_;    // used where there are sentinels
+  History had_;            // of the last server, at the last query
+  MasterSearch search_;    // used with sentinels
   std::string client_id_;  // of the write connection, the current or the last one
   unsigned generation_ = 0;
   std::string last_failure_;
@@ -167,7 +166,7 @@ class RedisLink {
 
   Timer watch_timer_;
   std::uint64_t answered_before_ = 0;
-  unsigned silent_looks_ = 0;  // in a row that found replies due and none received
+  unsigned silent_looks_ = 0;  // consecutive checks that found replies due and none received
 };
 
 }  // namespace host::mom

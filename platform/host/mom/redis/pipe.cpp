@@ -17,8 +17,8 @@ namespace host::mom {
 
 namespace {
 
-// Has the kernel probe the peer of an idle TCP connection, for the first time after half of `dead_after`, and end the connection
-// when nothing is acknowledged for all of it. Without an option that the kernel does not know, the loss is noticed later.
+// Has the kernel probe the peer of an idle TCP connection, first after half of `dead_after`, and end the connection when nothing
+// is acknowledged for all of it. If the kernel lacks an option, the loss is noticed later.
 void notice_loss(int fd, std::chrono::milliseconds dead_after) {
   using std::chrono::seconds;
   const auto whole_seconds = [](std::chrono::milliseconds time) {
@@ -70,7 +70,7 @@ void Pipe::finish(const std::string &why) {
 // ---- commands
 
 void Pipe::send(std::span<const std::string_view> arguments, Answer answer) {
-  if (!stream_.is_open()) return;  // the caller learns of it from `ended`
+  if (!stream_.is_open()) return;  // `ended` tells the caller
   std::string command;
   append_command(command, arguments);
   stream_.write(command);

@@ -19,7 +19,7 @@ class Pipe {
   using Answer = std::function<void(const redisReply *)>;
 
   // `ended` is called once when the connection ends, with the reason, unless close() was called. Over TCP a peer that vanishes
-  // without closing the connection, because its machine went down for example, is given up after `dead_after` even on an idle
+  // without closing the connection, for example because its machine crashed, is given up after `dead_after` even on an idle
   // connection.
   Pipe(const RedisEndpoint &endpoint, std::chrono::milliseconds dead_after, std::function<void(const std::string &)> ended)
       : endpoint_(endpoint), dead_after_(dead_after), ended_(std::move(ended)) {}
@@ -27,19 +27,19 @@ class Pipe {
   Pipe(const Pipe &) = delete;
   Pipe &operator=(const Pipe &) = delete;
 
-  // Begins to connect, and logs in where there is a password. Returns "" or why it cannot.
+  // Begins to connect, and logs in if there is a password. Returns "" or why it cannot.
   std::string open();
-  // Ends the connection at once; callbacks that wait for a reply get null.
+  // Ends the connection at once; callbacks awaiting a reply get null.
   void close();
   bool is_open() const { return stream_.is_open(); }
 
   void send(std::span<const std::string_view> arguments, Answer answer);
   void send(Arguments arguments, Answer answer) { send(std::span(arguments.begin(), arguments.size()), std::move(answer)); }
-  // One command in wire format, without a callback of its own: its reply goes to on_plain, in order.
+  // Sends one command in wire format without a separate callback: its reply goes to on_plain, in order.
   void send_plain(std::string_view formatted);
   std::function<void(const redisReply *)> on_plain;
 
-  // Replies that are due.
+  // Number of replies due.
   std::size_t waiting() const { return pending_.size(); }
   std::uint64_t answered() const { return answered_; }
   // Bytes that the socket has not accepted yet.

@@ -14,11 +14,11 @@ namespace {
 using namespace std::chrono_literals;
 using std::chrono::steady_clock;
 
-constexpr std::size_t kBatch = 64;          // writes and deletions in a batch; more gains nothing
+constexpr std::size_t kBatch = 64;          // writes and deletions in a batch; a larger one gains nothing
 constexpr std::size_t kCommandHeads = 256;  // upper estimate of a transaction's bytes beside its arguments
 constexpr std::size_t kForgetBatch = 256;
 constexpr std::size_t kMembersAtATime = 5000;
-constexpr std::size_t kSampled = 16;  // objects whose size is asked for
+constexpr std::size_t kSampled = 16;  // objects whose size is queried
 constexpr auto kStartPatience = 3s;   // with a server that is starting at the same time
 constexpr auto kLoadPatience = 60s;   // with a server that is loading its data
 constexpr auto kProbeEvery = 50ms;
@@ -101,20 +101,20 @@ int RedisStore::connect(Database &db) {
   return 0;
 }
 
-// Every channel is confirmed when the link comes up. What was known of the objects is void after an interruption.
+// Every channel is confirmed when the link comes up. After an interruption, earlier knowledge of the objects is void.
 void RedisStore::up(Base &base) {
   for (const auto &table : base.tables) {
     if (!table) continue;
     table->known.clear();
     table->channel_live = table->channel_asked;
     table->gone_live = table->gone_asked;
-    // After a reconnect the client asks again for each subscription.
+    // After a reconnect the client subscribes to everything again.
     for (auto &live : std::exchange(table->waiting, {}))
       if (base.link->generation() == 1) later_.act(std::move(live));
   }
 }
 
-// A replay that is under way while writes are refused cannot renew its objects: they must not expire for that.
+// A replay in progress while writes are refused cannot renew its objects, which must not expire because of that.
 void RedisStore::unsure(Base &base) {
   for (const auto &table : base.tables) {
     if (!table) continue;
@@ -135,7 +135,7 @@ bool RedisStore::is_stored(Table &table, const Key &key) {
 }
 
 // While the server refuses writes, a new object is refused at once. Deliberate: the rewrite of a stored object reports success
-// although nothing is sent, because the writer would take a failure for the object's end. The stored value stays valid until
+// although nothing is sent, because the writer would take a failure as the end of the object. The stored value stays valid until
 // every subscription gets its data-fetch signal.
 int RedisStore::write(Table &table, const Key &key, PackedBytes packed, std::int64_t tag) {
   if (!table.slot.db.refusing.empty()) {
@@ -161,7 +161,7 @@ int RedisStore::write(Table &table, const Key &key, PackedBytes packed, std::int
 
 void RedisStore::add_write(Table &table, const Key &key, std::string_view member, std::string_view tag, PackedBytes packed) {
   Batch &batch = table.batch;
-  // A batch writes first and deletes afterwards.
+  // Within a batch, writes come before deletions.
   if (std::ranges::find(batch.deleted, key) != batch.deleted.end()) flush(table.base);
   ++batch.writes;
   batch.bytes += packed.size();
@@ -175,7 +175,7 @@ void RedisStore::add_write(Table &table, const Key &key, std::string_view member
 
 void RedisStore::add_deletion(Table &table, const Key &key) {
   Batch &batch = table.batch;
-  if (std::ranges::find(batch.deleted, key) != batch.deleted.end()) return;  // deleted by this batch already
+  if (std::ranges::find(batch.deleted, key) != batch.deleted.end()) return;  // already deleted by this batch
   // Hash-class objects are not batched, so that they keep their place among the writes of all types.
   const bool alone = table.slot.type.hash_class();
   if (alone) flush(table.base);
@@ -227,7 +227,7 @@ void RedisStore::send_batch(Table &table) {
     commands.add({"PUBLISH", table.channel, batch.notifications});
   } else {
     append_argument(batch.told, {batch.notifications});
-    // The script's text, not its hash: a server that has lost the script would carry out the rest of the transaction.
+    // Sends the script's text, not its hash: a server that has lost the script would execute the rest of the transaction.
     commands.add({"EVAL", scripts::del().text, "1", table.index, table.prefix, table.channel, table.gone}, batch.told,
                  2 * batch.deleted.size() + 1);
   }
@@ -252,8 +252,8 @@ void RedisStore::send(Table &table, Arguments arguments, Charge charge, qx_mom_d
   link(table).send(std::move(command));
 }
 
-// Runs a script over the index, part by part, after the writes before it and ahead of those after it. `where_writes_are_taken` is
-// for the expiry of a whole type: it deletes what a replay does not renew, so it must not begin while writes are refused.
+// Runs a script over the index, part by part, after earlier writes and before later ones. `where_writes_are_taken` is for the
+// expiry of a whole type: it deletes objects that a replay does not renew, so it must not begin while writes are refused.
 void RedisStore::pass(Table &table, const RedisScript &script, Where where, std::vector<std::string> arguments,
                       qx_mom_done_cb done) {
   flush(table.base);
@@ -293,7 +293,7 @@ int RedisStore::del(Slot &slot, const Key &key) {
   Table &table = this->table(slot);
   const RedisLink *link = table.base.link.get();
   // An object that is not known to exist is deleted synchronously, for the result. If the server does not answer in time, or a
-  // pass over a type would make it wait, the deletion is batched instead: it must neither be lost nor hold up the loop.
+  // pass over a type would make it wait, the deletion is batched instead: it must neither be lost nor block the loop.
   if (!table.known.contains(key) && !(link && link->is_up() && link->passes())) {
     const int rv = del_sync(slot, key);
     if (rv != -1 || !link || !link->is_up()) return rv;
@@ -341,7 +341,7 @@ int RedisStore::del_expire(Slot &slot, const Key *key) {
   return 0;
 }
 
-// The server hides objects that are past their deadline, whatever their tag, but may be slow to delete and announce them.
+// The server hides objects past their deadline, whatever their tag, but may be slow to delete and announce them.
 int RedisStore::del_expired(Slot &slot, std::int64_t) {
   Table &table = this->table(slot);
   if (steady_clock::now() >= table.deadline) pass(table, scripts::notice_part(), Where::anywhere, {table.prefix});
@@ -362,8 +362,8 @@ RedisReply RedisStore::synchronously(Base &base, const std::function<RedisReply(
       return nullptr;
     }
   }
-  // True when this connection and the link have different servers: the data of a new server say nothing until the link has
-  // reported it, and a connection to the old one is void.
+  // True when this connection and the link have different servers: the data of a new server are meaningless until the link has
+  // reported it, and a connection to the old one is useless.
   const auto other_server = [&] { return link && !link->run_id().empty() && base.sync.server().run_id != link->run_id(); };
   if (base.sync.open().empty() && other_server()) base.sync.close();
   if (!base.sync.open().empty() || other_server()) return nullptr;
@@ -411,7 +411,7 @@ int RedisStore::get_sync(Slot &slot, const Key &key, std::vector<std::uint8_t> &
   return 0;
 }
 
-// Appends about that many further members of the index, in no order; the cursor is "0" at the end.
+// Appends about that many more members of the index, unordered; the cursor is "0" at the end.
 bool RedisStore::read_some_members(Table &table, std::string &cursor, std::size_t about, std::vector<Key> &keys, Sees sees) {
   const auto ask = [&](SyncConnection &sync) {
     return sync.call({"SSCAN", table.index, cursor, "COUNT", std::to_string(about)});
@@ -429,7 +429,7 @@ bool RedisStore::read_some_members(Table &table, std::string &cursor, std::size_
   return true;
 }
 
-// Reads the index in key order. Asks in several steps, so that no step holds the server for long.
+// Reads the index in key order, in several steps, so that no step occupies the server for long.
 bool RedisStore::read_members(Table &table, std::vector<Key> &keys) {
   std::string cursor = "0";
   do {
@@ -451,7 +451,7 @@ RedisStore::Visited RedisStore::visit_batch(Table &table, std::span<const Key> k
   if (!reply || reply->type != REDIS_REPLY_ARRAY || reply->elements != keys.size()) return Visited::failed;
   for (std::size_t i = 0; i < keys.size(); ++i) {
     if (reply->element[i]->type == REDIS_REPLY_NIL || deleted.contains(keys[i]))
-      continue;  // expired, of another kind, or deleted by the visitor
+      continue;  // expired, of another type, or deleted by the visitor
     const auto record = record_in(text_of(reply->element[i]));
     if (!record) {
       events_.skip("the value is none of ours", objects[i]);
@@ -464,7 +464,8 @@ RedisStore::Visited RedisStore::visit_batch(Table &table, std::span<const Key> k
 
 int RedisStore::scan_sync(Slot &slot, const Visitor &visit) {
   Table &table = this->table(slot);
-  // A process that scans and then rewrites the objects knows of them from then on and deletes without asking whether each exists.
+  // From now on a process that scans and then rewrites the objects knows them, and deletes them without asking whether they
+  // exist.
   if (table.base.link) watch_deletions(table);
   std::vector<Key> keys;
   if (!read_members(table, keys)) return -1;
@@ -595,7 +596,7 @@ void RedisStore::expired(Base &base, std::string_view object) {
   deleted(table, *key, {});
 }
 
-// Where the last record is not known, subscribers get a record with its key only.
+// If the last record is not known, subscribers get a record with only its key.
 void RedisStore::deleted(Table &table, const Key &key, PackedBytes packed) {
   if (!packed.empty()) {
     events_.deliver(table.slot, Change::deleted, packed, &key);

@@ -9,14 +9,13 @@
 //                                        subscribe to it
 //
 // A notification is its kind, the variable part, a zero byte, the length of the rest (4 bytes, little-endian), the packed record.
-// Kinds: W written, C / R written for the first time / again (hash-class types), D deleted (with the value as it was stored, or
-// nothing when the value was not ours), P published. Expiries come as Redis's own key-event notifications.
+// Kinds: W written, C / R written for the first time / again (hash-class types), D deleted (with the stored value, or nothing if
+// the value was foreign), P published. Expiries come as Redis's own key-event notifications.
 //
 // Writes and deletions of one type within a turn of the loop form a batch, sent as one transaction: index, objects and
-// notifications change together, and a server that is out of memory refuses all of it. So there is never an object without its
-// member in the index; there may be a member without its object, which has expired. Batches leave in the order in which they were
-// begun. Commands that are not batched (meters, publishing, expiry, synchronous calls) keep their place: open batches are sent
-// first.
+// notifications change together, and a server that is out of memory refuses all of it. So an object never lacks its member in the
+// index, but a member may lack its object, which has expired. Batches are sent in the order in which they were begun. Commands
+// that are not batched (meters, publishing, expiry, synchronous calls) keep their place: open batches are sent first.
 #pragma once
 
 #include <deque>
@@ -44,8 +43,8 @@ class RedisStore final : public Store {
   RedisStore(StoreEvents &events, TurnQueue &later, RedisEndpoint endpoint, const Config::Mom &config);
   ~RedisStore() override;
 
-  // Checks that the server can be used, waiting a little for it to start and longer for it to load its data. Returns "" or why it
-  // cannot.
+  // Checks that the server is usable, waiting briefly for it to start and longer for it to load its data. Returns "" or why it is
+  // not.
   std::string probe();
 
   const char *kind() const override { return "redis"; }
@@ -96,14 +95,14 @@ class RedisStore final : public Store {
     bool channel_live = false;
     bool gone_asked = false;
     bool gone_live = false;
-    bool expires = false;  // the whole type was put under expiry
-    // Objects that this process wrote and that cannot have been deleted without its notice: deleting them needs no question.
+    bool expires = false;  // the whole type is under expiry
+    // Objects that this process wrote and that cannot have been deleted unnoticed: they are deleted without a query.
     KeySet known{};
     Batch batch{};
     std::vector<std::function<void()>> waiting{};  // for the channel's confirmation
     std::vector<std::set<Key> *> scans{};          // the keys deleted during each running scan
     std::vector<std::string> expired{};            // members to be removed from the index
-    // No object that this process put under expiry is due earlier.
+    // No object put under expiry by this process is due earlier.
     std::chrono::steady_clock::time_point deadline{};
   };
 
@@ -137,7 +136,7 @@ class RedisStore final : public Store {
                                    std::vector<std::string> arguments);
   void watch_deletions(Table &table);
 
-  // Whether a reply must reflect everything written so far; waiting for that takes the longer, the more writes are in flight.
+  // Whether a reply must reflect all earlier writes; the more writes are in flight, the longer that takes.
   enum class Sees { all_writes, what_is_there };
   // Runs `ask` on the synchronous connection; null when that is not possible in time.
   RedisReply synchronously(Base &base, const std::function<RedisReply(SyncConnection &)> &ask, Sees sees = Sees::all_writes);

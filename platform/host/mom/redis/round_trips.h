@@ -1,4 +1,4 @@
-// How long the Redis server takes to answer. Loop's thread.
+// Histograms of the Redis server's response times. Loop's thread.
 #pragma once
 
 #include "host/base/histogram.h"

@@ -8,9 +8,8 @@ namespace host::mom {
 
 namespace {
 
-// A foreign value of another Redis type under one of our keys is deleted too, without a last record. An object that the index
-// names but that does not exist any more, because somebody deleted it by hand, is announced as well: those that acted on it must
-// learn of its end.
+// A foreign value of another Redis type under one of our keys is deleted too, without a last record. An object in the index that
+// no longer exists, because it was deleted by hand, is announced as well: processes that acted on it must learn of its end.
 constexpr std::string_view kDel = R"(
 local members, objects, told, gone, found = {}, {}, {}, {}, 0
 for i = 5, #ARGV, 2 do
@@ -55,11 +54,11 @@ redis.call('PUBLISH', ARGV[2], ARGV[5] .. ARGV[4])
 return 0)";
 
 // All objects share one deadline, which the first part computes. Each object adds more to it than a busy server needs for one, so
-// that nothing expires before the server has seen the writes after the last part. A part that comes after the deadline gives its
+// that nothing expires before the server has seen the writes after the last part. A part that runs after the deadline gives its
 // objects 50 ms.
 //
-// The server does not announce an object that expires within the very script that sets its expiry, which happens when it is
-// stopped there for longer than that: objects that are missing after so long a part are announced here.
+// The server does not announce an object that expires within the very script that sets its expiry, which happens when the server
+// is paused there for longer than that: objects missing after such a long part are announced here.
 constexpr std::string_view kExpirePart = R"(
 local function now()
   local time = redis.call('TIME')
@@ -85,7 +84,7 @@ local part = redis.call('SSCAN', KEYS[1], ARGV[1], 'COUNT', 1000)
 for _, member in ipairs(part[2]) do redis.call('PERSIST', ARGV[3] .. member) end
 return {part[1], ''})";
 
-// The server deletes an object that is past its deadline when it is asked for it.
+// The server deletes an object past its deadline when the object is accessed.
 constexpr std::string_view kNoticePart = R"(
 local part = redis.call('SSCAN', KEYS[1], ARGV[1], 'COUNT', 1000)
 for _, member in ipairs(part[2]) do redis.call('EXISTS', ARGV[3] .. member) end

@@ -1,4 +1,4 @@
-// The scripts for what only the server can decide. Each works on one type in one database; KEYS[1] is the type's index. A
+// The scripts for decisions that only the server can make. Each works on one type in one database; KEYS[1] is the type's index. A
 // deletion is published as a notification of kind "D". The layout of index, values and notifications is in redis_store.h.
 #pragma once
 
@@ -15,8 +15,8 @@ struct RedisScript {
 namespace scripts {
 
 // Deletes objects. KEYS: index. ARGV: prefix of object keys, channel, channel of deletions, then alternately notifications to
-// pass on as they are and the member to delete after them, and notifications at the end. Publishes one message on each channel;
-// returns how many objects existed.
+// pass on unchanged and the member to delete after them, and finally notifications. Publishes one message on each channel;
+// returns the number of objects that existed.
 const RedisScript &del();
 // Writes an object of a hash-class type; "C" or "R" begins its notification. KEYS: index, object. ARGV: member, channel, stored
 // value, end of the notification.
@@ -24,13 +24,13 @@ const RedisScript &put();
 // Writes an object of any type unless it exists: returns 0, or 1 when it exists. The same arguments, and ARGV[5], which begins
 // the notification.
 const RedisScript &put_if_absent();
-// The next three go over the index in parts, so that the server can serve others in between. KEYS: index. ARGV: cursor ("0" at
-// first), state of the pass ("" at first), prefix of object keys, and more. They return cursor and state for the next part; the
-// cursor "0" ends the pass.
+// The next three walk the index in parts, so that the server can serve other clients in between. KEYS: index. ARGV: cursor ("0"
+// at first), state of the pass ("" at first), prefix of object keys, and more. They return cursor and state for the next part;
+// the cursor "0" ends the pass.
 //
 // Puts every object under expiry. More: milliseconds, channel, channel of deletions, microseconds added for each object.
 const RedisScript &expire_part();
-// Takes every object out of expiry.
+// Cancels the expiry of every object.
 const RedisScript &persist_part();
 // Has the server delete and announce the objects that are past their deadline.
 const RedisScript &notice_part();

@@ -1,4 +1,4 @@
-// Finds the master through the sentinels, asynchronously: asks them one after the other until one knows. Loop's thread.
+// Finds the master through the sentinels, asynchronously, asking one after the other until one knows. Loop's thread.
 #pragma once
 
 #include <functional>
@@ -27,7 +27,7 @@ class MasterSearch {
   RedisEndpoint asked_;  // the sentinel that is being asked
   Pipe pipe_;
   Timer patience_;
-  std::size_t at_ = 0;  // index among the sentinels; the one that knew last is asked first
+  std::size_t at_ = 0;  // index among the sentinels; the last that knew is asked first
   std::size_t failed_ = 0;
 };
 

@@ -26,7 +26,7 @@ struct Address {
   socklen_t length = 0;
 };
 
-// Returns "" or why there is no address. Nothing is looked up: resolve() has been called.
+// Returns "" or why the address is invalid. Looks up nothing: resolve() has been called.
 std::string address_of(const RedisEndpoint &endpoint, Address *address) {
   if (!endpoint.path.empty()) {
     auto *unix_socket = reinterpret_cast<sockaddr_un *>(&address->bytes);
@@ -154,7 +154,7 @@ bool Stream::send() {
   return true;
 }
 
-// Receives one piece, so that a server that sends without end does not hold the loop; with TLS a whole record, since the socket
+// Receives one piece, so that a server that sends endlessly does not block the loop; with TLS a whole record, because the socket
 // does not become readable for the rest of it.
 bool Stream::receive() {
   char bytes[kReceived];

@@ -1,5 +1,5 @@
-// A non-blocking socket to a Redis server, with TLS where the endpoint asks for it: commands out, whole replies in. The owner
-// waits for it to become ready, in its own way. Loop's thread.
+// A non-blocking socket to a Redis server, with TLS if the endpoint requires it: commands out, whole replies in. The owner
+// decides how to wait for readiness. Loop's thread.
 #pragma once
 
 #include <hiredis/hiredis.h>
@@ -30,9 +30,9 @@ class Stream {
   void write(std::string_view commands) { output_.append(commands); }
   std::size_t unsent() const { return output_.size() - sent_; }
 
-  // What to wait for: POLLIN, and POLLOUT where there is output that the socket could take.
+  // The events to wait for: POLLIN, and POLLOUT if there is output that the socket could accept.
   short wants() const;
-  // Sends what the socket takes now and receives what has arrived. False when the connection is over; error() says why.
+  // Sends as much as the socket accepts now and receives what has arrived. False when the connection is over; error() says why.
   bool step() { return send() && receive(); }
   bool send();
   const std::string &error() const { return error_; }

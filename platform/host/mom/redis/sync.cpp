@@ -40,7 +40,7 @@ std::string SyncConnection::find_master(RedisEndpoint *server) {
   std::string why;
   auto shares = static_cast<int>(endpoint_.sentinels.size()) + 1;
   for (const RedisEndpoint &sentinel : endpoint_.sentinels) {
-    // Each gets its share of the time, so that a silent one leaves some for the others and for the master.
+    // Each gets a share of the time, so that a silent one leaves some for the others and for the master.
     const auto now = std::chrono::steady_clock::now();
     deadline_ = now + (deadline - now) / shares--;
     why = stream_->open(sentinel);
@@ -108,7 +108,7 @@ bool SyncConnection::wait() {
 }
 
 RedisReply SyncConnection::call(std::span<const std::string_view> arguments) {
-  // A connection that the server has closed shows only when it is used: worth one more attempt.
+  // A connection that the server has closed fails only when used, so one more attempt is worthwhile.
   for (int attempt = 0; attempt < 2; ++attempt) {
     const bool fresh = !stream_->is_open();
     if (!open().empty()) return nullptr;

@@ -23,10 +23,10 @@ namespace {
 namespace sb = southbound;
 
 constexpr timeval kTick{0, 100'000}, kSecond{1, 0}, kNextTurn{0, 0};
-constexpr std::uint32_t kReportPeriodSeconds = 5;  // the daemon's own; it does not take another
+constexpr std::uint32_t kReportPeriodSeconds = 5;  // the daemon's fixed period
 constexpr auto kRunLimit = std::chrono::seconds(3);
 
-// One thread uses this base; only the inbox is shared, and that has a lock of its own.
+// One thread uses this base; only the inbox is shared, and it has its own lock.
 event_base *new_base() {
   const std::unique_ptr<event_config, decltype(&event_config_free)> config(event_config_new(), event_config_free);
   event_config_set_flag(config.get(), EVENT_BASE_FLAG_NOLOCK);
@@ -35,7 +35,7 @@ event_base *new_base() {
 
 }  // namespace
 
-// ---- life
+// ---- start and end
 
 Agent::Agent(const Callbacks &callbacks, Inbox &inbox, Settings settings, LookUp look_up)
     : look_up_(std::move(look_up)),
@@ -90,7 +90,7 @@ void Agent::start() {
   endpoints_.open();
   event_add(inbox_event_.get(), nullptr);
   event_add(second_event_.get(), &kSecond);
-  // Signals are for the loop's thread.
+  // Signals belong to the loop's thread.
   sigset_t all, before;
   sigfillset(&all);
   pthread_sigmask(SIG_BLOCK, &all, &before);
@@ -138,7 +138,7 @@ void Agent::reconfigure(EndpointSettings fresh) {
 }
 
 void Agent::forget_everything() {
-  log::info("asked to forget everything: {} flows and {} meters are given up", switch_.flows.table().size(),
+  log::info("asked to forget everything: {} flows and {} meters are deleted", switch_.flows.table().size(),
             switch_.meters.all().size());
   switch_.meters.forget();
   switch_.flows.remove_everything();
@@ -151,7 +151,7 @@ void Agent::new_turn() {
   switch_.look_at_clock();
 }
 
-// After everything that may have handed something over.
+// To be called at the end of each turn that may have handed something over.
 void Agent::turn_done() {
   Flows &flows = switch_.flows;
   flows.batch_done(switch_.now());
@@ -165,8 +165,8 @@ void Agent::turn_done() {
   event_add(tick_event_.get(), &kTick);
 }
 
-// Goes on with what takes several turns, a replay, a delete of very many flows or the commit of a bundle, as far as the daemon
-// keeps up; the requests behind it have their turn when it is through.
+// Continues work of several turns (a replay, a large delete or the commit of a bundle) as far as the daemon keeps up; requests
+// behind it continue once it is finished.
 void Agent::work_on() {
   const bool was_busy = is_busy();
   Flows &flows = switch_.flows;
@@ -311,7 +311,7 @@ void Agent::take_report(Bytes message) {
 
 // ---- time
 
-// Deadlines count only while the loop of the daemon turns: what it has not come to is not its failure. A loop that stands is
+// Deadlines count only while the daemon's loop turns, because undecided requests are not late while it is busy. A stalled loop is
 // asked once.
 void Agent::ask_daemon_to_turn() {
   if (std::exchange(asked_to_turn_, true)) return;

@@ -1,7 +1,7 @@
-// The OpenFlow agent: its thread, and what happens in each turn of the thread's loop.
+// The OpenFlow agent: its thread, and the work of each turn of the thread's loop.
 //
-// What comes from controllers goes to the protocol (protocol.h), what comes from the daemon (inbox.h) to the flows and meters of
-// the switch (switch.h); and their answers go back. Everything runs on the openflow thread, except where it says otherwise.
+// It passes messages from controllers to the protocol (protocol.h), replies of the daemon (inbox.h) to the flows and meters of
+// the switch (switch.h), and answers back. Everything runs on the openflow thread, unless noted otherwise.
 #pragma once
 
 #include <event2/event.h>
@@ -28,17 +28,16 @@
 
 namespace host::of_ss {
 
-// What an earlier life of the daemon has left in the database: southbound flow-mods and meter-mods.
+// Contents of the database from an earlier run of the daemon: southbound flow-mods and meter-mods.
 struct StoredState {
   std::vector<std::vector<std::byte>> flows, meters;
-  std::uint64_t last_index = 0;  // the greatest believed that a flow, the status of one or its translation has
+  std::uint64_t last_index = 0;  // the greatest credible index of a flow, a flow's status or a translation
 };
 
 class Agent final : private FlowEvents, private ConnectionEvents {
  public:
-  // `callbacks` and `inbox`, through which the daemon answers, outlive the agent.
-  // `look_up` is called on the openflow thread with indexes of flows and has overdue_checked called later with those that are
-  // installed.
+  // `callbacks` and `inbox`, through which the daemon answers, must outlive the agent. `look_up` is called on the openflow thread
+  // with indexes of flows, and later calls overdue_checked with the installed ones.
   using LookUp = std::function<void(std::vector<std::uint64_t> indexes)>;
   Agent(const Callbacks &callbacks, Inbox &inbox, Settings settings, LookUp look_up);
   ~Agent();
@@ -47,13 +46,13 @@ class Agent final : private FlowEvents, private ConnectionEvents {
 
   // ---- loop's thread
 
-  // Takes over what is stored; before start.
+  // Adopts the stored state; before start.
   void restore(const StoredState &stored);
   // Opens the endpoints and starts the thread.
   void start();
-  // How far the agent may be ahead of the loop; to be told of drains and answers.
+  // Limits how far the agent may be ahead of the loop; must be notified of drains and answers.
   Pace &pace() { return switch_.pace; }
-  // Ends the thread, after the turn that it is in; the rest stays as it is.
+  // Ends the thread after its current turn; everything else stays as it is.
   void stop();
 
   // ---- any thread
@@ -61,7 +60,7 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   void overdue_checked(std::vector<std::uint64_t> installed) {
     inbox_.post([this, found = std::move(installed)] { switch_.flows.overdue_checked(found, switch_.now()); });
   }
-  // The addresses of controllers that are stored, to be withdrawn where no controller has them.
+  // Passes in the stored controller addresses; those that no controller has are withdrawn.
   void addresses_stored(std::vector<std::uint32_t> stored) {
     inbox_.post([this, stored = std::move(stored)] { switch_.controllers.withdraw_strangers(stored); });
   }
@@ -69,24 +68,24 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   void ports_changed() {
     inbox_.post([this] { update_ports(switch_); });
   }
-  // The databases are there, perhaps again, and want to hear of everything.
+  // The databases have come up, perhaps again, and need a replay of everything.
   void data_fetched() {
     inbox_.post([this] { switch_.replay.ask(switch_.now()); });
   }
   void database_lost() {
     inbox_.post([this] { switch_.replay.database_lost(); });
   }
-  // Runs `work` on the openflow thread and waits for it, not longer than a few seconds. False when it has not run.
+  // Runs `work` on the openflow thread and waits for it, at most a few seconds. False when it has not run.
   bool run(std::function<void(Agent &)> work);
 
   // ---- on the openflow thread
 
-  // The configuration has changed: takes over its endpoints and certificates, leaves the rest as it was. Endpoints that are no
-  // longer configured end with their connections; what controllers asked for stays, also without any endpoint.
+  // Applies the endpoints and certificates of a changed configuration. Endpoints that are no longer configured are closed with
+  // their connections; flows and meters stay, even without any endpoint.
   void reconfigure(EndpointSettings fresh);
   // Deletes every flow and meter.
   void forget_everything();
-  // The periodic work, with the daemon's loop taken as turning; for tests.
+  // For tests: the periodic work, assuming that the daemon's loop turns.
   void run_timers();
 
   Switch &of_switch() { return switch_; }

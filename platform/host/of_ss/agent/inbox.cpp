@@ -9,10 +9,10 @@
 namespace host::of_ss {
 namespace {
 
-using Length = std::uint32_t;  // stands in front of each message
+using Length = std::uint32_t;  // precedes each message
 
 constexpr std::size_t kBound = 64u << 20;      // bytes; about 2.4 million flow results
-constexpr std::size_t kKeptRoom = 256u << 10;  // of the buffers, after a burst
+constexpr std::size_t kKeptRoom = 256u << 10;  // bytes of the buffers kept after a burst
 
 }  // namespace
 

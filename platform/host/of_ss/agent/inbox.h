@@ -1,7 +1,7 @@
 // Queue from other threads to the openflow thread: southbound messages and work, each in order. Bounded.
 //
 // put and post may be called from any thread; take and fd belong to the openflow thread. One system call wakes the thread for
-// everything that is put before it looks.
+// everything put before its next look.
 #pragma once
 
 #include <cstdint>
@@ -20,14 +20,14 @@ class Inbox {
   Inbox(const Inbox &) = delete;
   Inbox &operator=(const Inbox &) = delete;
 
-  // Copies one southbound message; the length in its header does not matter. False when the inbox is full.
+  // Copies one southbound message; the length in its header is ignored. False when the inbox is full.
   bool put(Bytes message);
-  // Has `work` run by run(). Not bounded: callers post a few pieces of work at a time.
+  // Queues `work` for the openflow thread. Not bounded: callers post a few pieces of work at a time.
   void post(std::function<void()> work);
 
-  // Makes fd readable: something outside the inbox has changed.
+  // Makes fd readable, because something outside the inbox has changed.
   void nudge();
-  // Forgets everything put so far.
+  // Drops everything put so far.
   void clear();
 
   // Readable when there is something to take.
@@ -36,7 +36,7 @@ class Inbox {
   struct Taken {
     Bytes framed;
     std::vector<std::function<void()>> work;
-    // The next of the messages; empty after the last.
+    // The next message; empty after the last.
     Bytes next_message();
   };
   Taken take();

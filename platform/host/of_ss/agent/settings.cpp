@@ -13,14 +13,14 @@ namespace {
 
 constexpr std::int64_t kMillisecond = 1'000'000, kSecond = 1'000'000'000;
 
-// FNV-1a, cut to the 48 bits that usually hold a MAC address, with the bit of locally administered ones.
+// FNV-1a, cut to the 48 bits that usually hold a MAC address, with the bit for locally administered addresses.
 std::uint64_t id_from(const std::string &text) {
   std::uint64_t hash = 0xcbf29ce484222325u;
   for (const char c : text) hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001b3u;
   return (hash & 0xfcff'ffff'ffff) | 0x0200'0000'0000;
 }
 
-// Stays the same as long as the machine is installed.
+// A name that stays the same for the life of the machine's installation.
 std::string machine_name() {
   std::ifstream file("/etc/machine-id");
   std::string id;

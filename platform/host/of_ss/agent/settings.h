@@ -15,7 +15,7 @@ struct Settings {
   std::uint32_t report_cells = 0;  // counter changes in a packed report
 };
 
-// Endpoints that cannot be used (one that listens on a name, TLS without certificate or authorities) are logged and left out.
+// Endpoints that cannot be used (listening on a name, TLS without certificate or authorities) are logged and left out.
 Settings settings_from(const Config::OpenFlow &key);
 
 }  // namespace host::of_ss

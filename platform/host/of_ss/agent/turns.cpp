@@ -8,9 +8,9 @@
 namespace host::of_ss {
 namespace {
 
-// A message that was answered at greater length uses up the share of its connection.
+// A message with a longer answer uses up the share of its connection.
 constexpr std::size_t kShareBytes = 32 << 10;
-// Who has had less than this handed over since the loop turned may go a little beyond the bound.
+// A connection that has handed over less than this since the loop turned may exceed the bound a little.
 constexpr std::uint32_t kLittle = 4;
 
 }  // namespace
@@ -58,7 +58,7 @@ void Turns::resume_waiting() {
   for (std::size_t n = 0; n < kMaxConnections; ++n) {
     const std::size_t number = (first + n) % kMaxConnections;
     if (!waits(number)) continue;
-    // Who comes when the pace is up is first when it may go on.
+    // The connection at which the pace is used up comes first when the agent may continue.
     if (sw_.is_in_pace()) next_ = (number + 1) % kMaxConnections;
     sw_.controllers.at(number)->resume();
   }

@@ -1,4 +1,4 @@
-// Which message of which connection is carried out now: requests wait while the daemon is behind, and connections that wait take
+// Decides which connection's message is carried out next: requests wait while the daemon is behind, and waiting connections take
 // turns, each with its share. Openflow thread.
 #pragma once
 
@@ -15,13 +15,13 @@ class Turns {
  public:
   Turns(Switch &sw, const Bundles &bundles) : sw_(sw), bundles_(bundles) {}
 
-  // A connection begins to hand on messages.
+  // A connection begins a batch of messages.
   void begin(Connection &connection);
-  // Whether it may hand on this one, which is then taken from its share.
+  // True if it may hand on this message, which is then charged to its share.
   bool may_take(Connection &connection, Bytes message);
-  // Goes on with the connections that wait, each with its share, beginning with the one that was next when the pace was used up.
+  // Resumes the waiting connections, each with its share, beginning with the one that was next when the pace was used up.
   void resume_waiting();
-  // To be called when what held up the others is over: they continue in the next turn of the loop.
+  // To be called when waiting connections may continue: they do so in the next turn of the loop.
   void ask_for_next() { next_is_due_ = true; }
   // True when a connection waits for nothing but the next turn of the loop; resets it. Called once, at the end of each turn.
   bool take_next_is_due() { return std::exchange(next_is_due_, false); }

@@ -38,7 +38,7 @@ class Registry {
   }
   T &operator[](std::uint32_t number) { return all_[number]; }
   const T &operator[](std::uint32_t number) const { return all_[number]; }
-  // Numbers so far; what has been dropped is as `T` begins.
+  // Numbers so far; a dropped one holds a default `T`.
   std::uint32_t size() const { return static_cast<std::uint32_t>(all_.size()); }
 
  private:
@@ -47,13 +47,13 @@ class Registry {
   SlotIndex index_;
 };
 
-// What a request asks for; what is left out does not matter.
+// The criteria of a request; missing ones match everything.
 struct Wanted {
   std::optional<std::uint8_t> table_id = {};
   std::optional<std::uint32_t> port = {}, meter_id = {};  // kMeterAll: any meter
   std::optional<std::uint64_t> cookie = {};
   bool timed = false;
-  Bytes match = {};  // flows that it covers, as match_covers says
+  Bytes match = {};  // matches flows that it covers (match_covers)
 };
 
 class FlowGroups {
@@ -67,16 +67,16 @@ class FlowGroups {
     std::uint32_t flows = 0;
   };
 
-  // The number of the group that the flow-mod belongs to, which has one flow more or less.
+  // Adds a flow to, or removes one from, the group of the flow-mod; returns the group's number.
   std::uint32_t join(Bytes flow_mod);
   void leave(std::uint32_t number);
   Group &operator[](std::uint32_t number) { return groups_[number]; }
 
-  // The first flows of the groups that may hold flows which are wanted. Left out are those whose flows match on exactly the bits
-  // of the wanted match: of them it covers only flows with the same match.
+  // The first flows of the groups that may hold wanted flows. Groups whose flows match on exactly the bits of the wanted match
+  // are left out: of them it covers only flows with the same match.
   std::vector<std::uint32_t> covered(const Wanted &wanted, std::size_t &flows) const;
-  // Calls `exact` with each match that a flow overlapping `match` would have, bit for bit, where the match settles that; else
-  // `group` with the first flow of a group whose flows may overlap. Until one of them gives true.
+  // Calls `exact` with each match that an overlapping flow must have, bit for bit, if `match` determines it, otherwise `group`
+  // with the first flow of a group whose flows may overlap; stops when one of them returns true.
   template <typename Exact, typename InGroup>
   bool overlap(std::uint8_t table_id, Bytes match, Exact &&exact, InGroup &&group) const {
     std::byte mine[kMaxSouthboundMatch], theirs[kMaxSouthboundMatch];
@@ -97,7 +97,7 @@ class FlowGroups {
   struct Shape {
     std::uint32_t hash = 0;
     std::uint8_t table_id = 0;
-    std::vector<std::byte> bits;  // as match_shape says
+    std::vector<std::byte> bits;  // as given by match_shape
     std::uint32_t groups = 0;
   };
   std::uint32_t shape_of(std::uint8_t table_id, Bytes match);

@@ -1,4 +1,4 @@
-// The hashes that the flow table finds its entries by.
+// The hashes under which the flow table finds its entries.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +17,7 @@ inline std::uint64_t mix(std::uint64_t h, std::uint64_t word) {
   return h ^ h >> 29;
 }
 
-// Of a table and a southbound match, whose slots are whole 8-byte words.
+// The hash of a table and a southbound match, whose slots are whole 8-byte words.
 inline std::uint32_t match_hash(std::uint8_t table_id, Bytes match) {
   std::uint64_t h = mix(table_id, match.size());
   for (std::size_t at = 0; at + 8 <= match.size(); at += 8) h = mix(h, southbound::get<std::uint64_t>(match.data(), at));

@@ -11,7 +11,7 @@ namespace {
 namespace sb = southbound;
 
 constexpr std::uint16_t kMatchTypeOxm = 1;
-// The flags that stay with a flow; the others concern the request alone.
+// The flags that stay with a flow; the others concern only the request.
 constexpr std::uint16_t kLastingFlags = fm::kSendFlowRem | fm::kNoPacketCounts | fm::kNoByteCounts;
 
 Verdict check_head(const FlowMod &mod, std::uint32_t buffer_id) {
@@ -34,7 +34,7 @@ void read_head(Bytes request, FlowMod &out) {
   out.out_group = be32(request, fm::kOutGroup);
 }
 
-// The application type is the table's to give: in table 1 another one would be lost.
+// The table determines the application type: in table 1 another one would be lost.
 Verdict check_app_type(const WireMatch &match, bool service_chain) {
   if (!service_chain || !match.has(kOxmAppType)) return {};
   if (load_be<std::uint32_t>(match.value[kOxmAppType]) == sb::kServiceChainAppType) return {};

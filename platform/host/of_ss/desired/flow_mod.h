@@ -1,5 +1,5 @@
-// OFPT_FLOW_MOD from the wire into the southbound flow-mod, with every refusal that has to be given before the daemon sees it.
-// Pure functions, any thread.
+// Turns an OFPT_FLOW_MOD into the southbound flow-mod, and refuses whatever must be refused before the daemon sees it. Pure
+// functions, any thread.
 //
 // Wire layout: OpenFlow 1.3.5, 7.3.4.1; southbound layout: southbound.h.
 #pragma once
@@ -16,15 +16,14 @@ namespace host::of_ss {
 inline constexpr std::size_t kMaxFlowMod =
     southbound::kFlowOxm + kMaxSouthboundMatch + 8 + southbound::kInstructionLen + kMaxSouthboundActions;
 
-// A request as read. The object is large and is meant to be used again for the next request.
+// A decoded request. The object is large and is meant to be reused for the next request.
 struct FlowMod {
   fm::Command command;
   std::uint8_t table_id;
   std::uint16_t flags;
   std::uint64_t cookie, cookie_mask;
   std::uint32_t out_port, out_group;  // filters of the deletes
-  // The southbound message: an add without index, in whose place stands 0. Of a delete only table, priority and match mean
-  // anything.
+  // The southbound message: an add with index 0. For a delete only table, priority and match are valid.
   std::size_t length;
   alignas(8) std::byte message[kMaxFlowMod];
 
@@ -36,15 +35,15 @@ struct FlowMod {
 // Reads the whole OpenFlow message `request`; `ports` are the numbers of the switch's ports, ascending.
 Verdict decode_flow_mod(Bytes request, std::span<const std::uint32_t> ports, FlowMod &out);
 
-// A match with a table as the flow and aggregate statistics requests carry it, into `out` in the same way; `at` is where the
-// match stands in `request`.
+// Decodes a match with a table, as in flow and aggregate statistics requests, into `out` in the same way; `at` is the match's
+// offset in `request`.
 Verdict decode_flow_filter(Bytes request, std::size_t at, std::uint8_t table_id, FlowMod &out);
 
-// A flow-mod as it came on the wire, whatever it holds, for people: "modify table=0,priority=100 MATCH actions=ACTIONS", with
-// match and actions as match_text and actions_text have them; "..." where the bytes end early.
+// A flow-mod from the wire, valid or not, as text: "modify table=0,priority=100 MATCH actions=ACTIONS", with match and actions as
+// in match_text and actions_text; "..." where the bytes end early.
 std::string flow_mod_text(Bytes request);
 
-// Whether the bytes are a whole southbound flow-mod that this library could have written, so that a stored one can be taken over.
+// True if the bytes are a whole southbound flow-mod that this library could have written, so that a stored one can be adopted.
 bool is_flow_mod(Bytes message);
 
 }  // namespace host::of_ss

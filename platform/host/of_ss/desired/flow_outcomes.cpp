@@ -11,7 +11,7 @@ namespace {
 
 namespace sb = southbound;
 
-// At most this many hand-overs stand between two barriers of our own, so that a long burst is seen to be decided piece by piece.
+// The most hand-overs between two of the flows' own barriers, so that a long burst is decided piece by piece.
 constexpr std::uint64_t kBarrierEvery = 1024;
 constexpr std::size_t kLateFailuresKept = 100;
 
@@ -92,7 +92,7 @@ void Flows::flow_result(Bytes reply, std::int64_t now) {
   FlowEntry *flow = table_.by_index(index);
   Pending *pending = in_flight_.find(index);
   trace_.note(Step::result, index, sb::get<std::uint32_t>(reply.data(), sb::kFlowResultCode));
-  // No controller waits for it: it stays as it was asked for, and the synchronisation that follows hands it over again.
+  // No controller waits for it: the flow stays desired, and the synchronisation that follows hands it over again.
   if (is_undecided(reply) && (!pending || !pending->origin.generation)) {
     counters_.left += flow != nullptr;
     return;
@@ -116,7 +116,7 @@ void Flows::flow_answer(Bytes answer, std::int64_t now) {
   const auto index = sb::get<std::uint64_t>(answer.data(), sb::kFlowIndex);
   FlowEntry *flow = table_.by_index(index);
   if (Pending *pending = in_flight_.find(index)) {
-    // The daemon tells when it is its turn, or not at all where the flow had succeeded before.
+    // The daemon reports it later, or not at all if the flow had succeeded before.
     pending->failed = true;
     pending->no_room = is_shortage(answer);
   } else if (flow && flow->in_force) {
@@ -126,7 +126,7 @@ void Flows::flow_answer(Bytes answer, std::int64_t now) {
   }
 }
 
-// The daemon has dropped the flow on its side already.
+// Removes a failed flow, which the daemon has already dropped on its side.
 void Flows::fail(FlowEntry &flow, const Error &error) {
   trace_.note(Step::failed, flow.index(), error_number(error));
   if (flow.provisional) {
@@ -145,7 +145,8 @@ void Flows::fail(FlowEntry &flow, const Error &error) {
   if (before) report(*before, FlowEvent::brought_back);
 }
 
-// An installed flow has failed, as after a restart of what programs it: it gets one more chance under a new index.
+// Handles the failure of an installed flow, as after a restart of the programming service: it gets one more chance under a new
+// index.
 void Flows::failed_late(FlowEntry &flow, std::int64_t now) {
   if (flow.retried || flow.provisional) return fail(flow, err::kFlowModUnknown);
   ++counters_.retried;
@@ -194,14 +195,14 @@ void Flows::check_deadlines(std::int64_t now, bool daemon_turns) {
   }
   if (patience_ns_ - progress_ns_ < limits_.decide_timeout_ns) return;
   progress_ns_ = patience_ns_;
-  // A question that has not been answered in all this time is not waited for any longer.
+  // A query without an answer for that long is given up.
   if (asked_up_to_) return overdue_checked({}, now);
   if (auto indexes = overdue_adds(now); !indexes.empty()) return events_.overdue(std::move(indexes));
   give_up_barriers(now);
   fence(now);
 }
 
-// The adds before the first barrier that is not answered: one of them holds it back, and only a look elsewhere can tell which.
+// The adds before the first unanswered barrier: one of them holds it back, and only the database can tell which.
 std::vector<std::uint64_t> Flows::overdue_adds(std::int64_t now) {
   const std::uint64_t last = in_flight_.front_barrier() ? in_flight_.front_barrier()->number : ~std::uint64_t{0};
   std::vector<std::uint64_t> indexes;
@@ -226,7 +227,7 @@ void Flows::overdue_checked(const std::vector<std::uint64_t> &installed, std::in
   if (last) fence(now);
 }
 
-// Nothing but deletes is before these barriers, and still there is no answer: they are lost, and nobody waits for ever.
+// Only deletes precede these barriers, and still no answer has arrived: they are lost, so that waiting must end.
 void Flows::give_up_barriers(std::int64_t now) {
   for (; is_overdue(in_flight_.front_barrier(), now); ++counters_.lost_barriers)
     in_flight_.barrier_replied(
@@ -243,7 +244,7 @@ void Flows::give_up(const Pending &pending) {
   if (flow && flow->state == FlowState::sent) withdraw_failed(*flow, err::kFlowModUnknown);
 }
 
-// The daemon still has it, or may have it.
+// For a flow that the daemon has, or may have.
 void Flows::withdraw_failed(FlowEntry &flow, const Error &error) {
   tell_deletion(flow);
   fail(flow, error);
@@ -257,8 +258,8 @@ void Flows::check_timeouts(std::int64_t now) {
   if (!timed.empty()) batch_done(now);
 }
 
-// A flow that looks idle goes when the programming service has read all counters once more and has not found it used: of the
-// rounds that end from now on the second is the first to have begun since. While nobody counts, no flow is idle.
+// A flow that looks idle is removed after the programming service has read all counters once more without finding it used: of the
+// rounds that end from now on, only the second has begun since. Without counting, no flow is idle.
 void Flows::check_timeout(FlowEntry &flow, std::int64_t now) {
   const std::int64_t hard = flow.get<std::uint16_t>(sb::kFlowHardTimeout), idle = flow.get<std::uint16_t>(sb::kFlowIdleTimeout);
   if (hard && now - flow.created_ns >= hard * kSecondNs) return remove_flow(flow, kHardTimeout);

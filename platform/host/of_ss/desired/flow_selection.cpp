@@ -13,7 +13,7 @@ Wanted wanted_by(const FlowMod &mod) {
   return wanted;
 }
 
-// A request for all tables names its flow as table 0 does; in table 1 the application type comes on top.
+// A request for all tables names its flow as in table 0; in table 1 the application type is added.
 FlowEntry *find_in_table(const FlowTable &table, const FlowMod &mod, std::uint8_t table_id, std::vector<std::byte> &scratch) {
   if (mod.table_id == table_id) return table.find(mod.southbound()).entry;
   const Bytes match = southbound_match(mod.southbound());

@@ -8,7 +8,7 @@ namespace {
 
 namespace sb = southbound;
 
-// A list that is not longer is walked without a look at what else there is.
+// A list up to this length is walked without looking for a shorter one.
 constexpr std::size_t kFew = 16;
 
 static_assert(sizeof(FlowEntry) == 72);
@@ -30,7 +30,7 @@ bool is_alike(const FlowEntry &entry, std::uint8_t table_id, Bytes match) {
 
 }  // namespace
 
-// ---- finding
+// ---- lookups
 
 FlowTable::Key FlowTable::key_of(Bytes flow_mod) {
   return {sb::get<std::uint8_t>(flow_mod.data(), sb::kFlowTableId), sb::get<std::uint16_t>(flow_mod.data(), sb::kFlowPriority),
@@ -74,7 +74,7 @@ bool FlowTable::is_longer(const Chain &chain, std::size_t than) const {
   return any_in(chain, [&length, than](const FlowEntry &) { return ++length > than; });
 }
 
-// The shorter of two ways: those with the cookie, or those with the very match and the groups that it may cover.
+// The shorter of two sets of lists: the flows with the cookie, or those with exactly the match and the groups that it may cover.
 std::vector<FlowTable::Chain> FlowTable::candidates(const Wanted &wanted) const {
   const Chain with_cookie{wanted.cookie ? first_with_cookie(*wanted.cookie) : kNoSlot, &FlowEntry::with_cookie};
   if (wanted.cookie && !is_longer(with_cookie, kFew)) return {with_cookie};
@@ -101,7 +101,7 @@ bool FlowTable::overlaps(Bytes flow_mod) const {
   });
 }
 
-// ---- coming and going
+// ---- insertion and removal
 
 FlowEntry &FlowTable::insert(Bytes flow_mod, const Place &place, std::int64_t now_ns) {
   return put(flow_mod, place, next_index_, now_ns);
@@ -140,7 +140,7 @@ void FlowTable::remove(FlowEntry &entry) {
   delist(entry);
   by_index_.erase(entry.slot, [this](std::uint32_t s) { return index_hash_at(s); });
   if (entry.set_aside) {
-    // Has no place in the table.
+    // It is not in the index.
   } else if (!entry.in_force) {
     take_form_out(entry);
   } else if (FlowEntry *older = at(entry.older)) {
@@ -175,7 +175,7 @@ void FlowTable::bring_back(FlowEntry &entry) {
   entry.set_aside = false;
 }
 
-// The form after this one becomes the one after the form before it.
+// Links the form after this one to the form before it.
 void FlowTable::take_form_out(const FlowEntry &entry) {
   FlowEntry *newer = find(key_of(entry.southbound()), entry.hash);
   while (newer->older != entry.slot) newer = at(newer->older);
@@ -213,7 +213,7 @@ void FlowTable::unlink(FlowEntry &entry, List list) {
   if (FlowEntry *next = at(links.next)) (next->*list).previous = links.previous;
 }
 
-// Puts the entry before `first`, in whose place it stands in the index from now on.
+// Puts the entry before `first`, whose place in the index it takes.
 template <typename Hash>
 void FlowTable::lead(SlotIndex &index, FlowEntry &entry, std::uint32_t first, List list, Hash &&hash_of) {
   link(entry, first, list);

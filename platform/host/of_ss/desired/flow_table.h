@@ -1,12 +1,12 @@
-// The desired flows: what the controllers asked for and the switch is to have.
+// The desired flows, as requested by the controllers.
 //
-// An entry is one southbound flow-mod, kept as the bytes that were handed to the daemon, so that a replay is byte-identical; what
-// the controller sees of it is derived from them. Entries are found by index, and by what makes them the same flow: table,
-// priority and match. Of several entries for the same flow the newest is in force and the others are on their way out: a changed
-// flow is added under a new index before the old one goes, and comes back into force when the new one fails. Requests for many
-// flows find them by match, by cookie, and by their group (flow_groups.h).
+// An entry is one southbound flow-mod, kept as the bytes that were handed to the daemon, so that a replay is byte-identical; the
+// controller's view of it is derived from them. Entries are found by index, and by the identity of a flow: table, priority and
+// match. Of several entries for the same flow the newest is in force and the others await removal: a changed flow is added under
+// a new index before the old one is removed, and the old one comes back into force if the new one fails. Requests for many flows
+// find them by match, by cookie, and by their group (flow_groups.h).
 //
-// Openflow thread only. An entry stays where it is until it is removed.
+// Openflow thread only. An entry does not move until it is removed.
 #pragma once
 
 #include <cstdint>
@@ -23,15 +23,15 @@ namespace host::of_ss {
 
 enum class FlowState : std::uint8_t {
   sent,       // handed to the daemon, not decided yet
-  installed,  // decided: a barrier that came after it has been answered and no failure came
+  installed,  // decided: a later barrier has been answered without a failure
 };
 
-// A counter of a flow. The daemon gives its total on request, and reports changes on its own; changes are a few seconds late, so
-// the larger of both is right, and the value never goes back.
+// A counter of a flow. The daemon returns its total on request, and reports changes unasked; changes are a few seconds late, so
+// the larger of the two is right, and the value never decreases.
 struct Counter {
-  std::uint64_t total = 0;    // of this form of the flow, as far as is known
+  std::uint64_t total = 0;    // latest known total of this form of the flow
   std::uint64_t changes = 0;  // sum of the reported changes
-  std::uint64_t before = 0;   // counted before, by earlier forms; modulo 2^64, so that a reset may take away
+  std::uint64_t before = 0;   // counted by earlier forms; modulo 2^64, so that a reset may subtract
 
   std::uint64_t value() const { return before + total; }
   void is(std::uint64_t now) { total = total < now ? now : total; }
@@ -50,7 +50,7 @@ struct Links {
 
 inline constexpr std::int64_t kSecondNs = 1'000'000'000;
 
-// There may be millions: 72 bytes and the message, so that most flows fit 192.
+// There may be millions of these: 72 bytes and the message, so that most flows fit into 192.
 struct FlowEntry {
   std::int64_t created_ns;             // monotonic; of the flow, not of its latest form
   std::unique_ptr<FlowCounts> counts;  // null while nothing has been counted
@@ -58,20 +58,20 @@ struct FlowEntry {
   std::uint32_t hash;             // of table and match
   std::uint32_t group = kNoSlot;  // number among the FlowGroups
   std::uint32_t older = kNoSlot;  // the form of the same flow before this one
-  Links alike = {};               // those with the same table and match, newest first; so are the others
+  Links alike = {};               // flows with the same table and match, newest first, as in the other lists
   Links in_group = {};
-  Links with_cookie = {};        // those with the same cookie
+  Links with_cookie = {};        // flows with the same cookie
   std::uint32_t last_hit_s = 0;  // monotonic seconds of the latest change of a counter
   std::uint32_t latency_us = 0;  // from hand-over to decision, 0 while undecided
-  std::uint32_t idle_round = 0;  // of the counters, when it was first seen idle; 0 while it is not
+  std::uint32_t idle_round = 0;  // counter round in which it was first seen idle; 0 while it is not
   FlowState state = FlowState::sent;
   bool in_force : 1 = true;
   bool retried : 1 = false;      // it has failed once after it was installed
-  bool displaced : 1 = false;    // the daemon does not have it, or has been told to delete it, to make room for its newer form
-  bool provisional : 1 = false;  // came in a transaction that is not at its end
-  bool set_aside : 1 = false;    // was deleted in one, which may bring it back
-  bool replaces : 1 = false;     // came while there was a flow with its match and priority
-  std::uint16_t controller = 0;  // who asked for it last (Peer::controller); 0 for one of an earlier life
+  bool displaced : 1 = false;    // the daemon lacks it, or was told to delete it, to make room for its newer form
+  bool provisional : 1 = false;  // added in an open transaction
+  bool set_aside : 1 = false;    // deleted in an open transaction, which may bring it back
+  bool replaces : 1 = false;     // added while a flow with its match and priority existed
+  std::uint16_t controller = 0;  // that last requested it (Peer::controller); 0 for a flow of an earlier run
 
   void hit_at(std::int64_t now) { last_hit_s = static_cast<std::uint32_t>(now / kSecondNs); }
   std::byte *message() { return reinterpret_cast<std::byte *>(this + 1); }
@@ -99,13 +99,13 @@ struct FlowEntry {
   }
 };
 
-// The greatest index that is believed of what is stored. No life of the daemon gets that far; counting on from an index near the
-// end, the next one would come to the indexes that mean no flow and every flow, and to those in use.
+// The greatest credible index of a stored flow. No run of the daemon gets that far; counting on from an index near the end would
+// reach the indexes that mean no flow and every flow, and those in use.
 inline constexpr std::uint64_t kGreatestStoredIndex = ~std::uint64_t{0} >> 1;
 
 class FlowTable {
  public:
-  // A place in the table: the entry in force with table, priority and match of a southbound flow-mod, or null. Good until the
+  // A place in the table: the entry in force with table, priority and match of a southbound flow-mod, or null. Valid until the
   // table changes.
   struct Place {
     std::uint32_t hash;
@@ -114,36 +114,36 @@ class FlowTable {
   Place find(Bytes flow_mod) const;
   FlowEntry *by_index(std::uint64_t index) const;
 
-  // Adds a copy of the southbound flow-mod under the next index and puts it in force; `place` is what find said, and the entry
-  // that was in force there becomes the `older` of the new one.
+  // Adds a copy of the southbound flow-mod under the next index and puts it in force; `place` is find's result, and the entry in
+  // force there becomes the `older` of the new one.
   FlowEntry &insert(Bytes flow_mod, const Place &place, std::int64_t now_ns);
-  // The same under the index that the message carries; later indexes will be greater. Null when the index is there or not
-  // allowed.
+  // As insert, under the message's own index; later indexes will be greater. Null when the index is in use or not allowed.
   FlowEntry *restore(Bytes flow_mod, std::int64_t now_ns);
   void mark_installed(FlowEntry &entry) {
     entry.state = FlowState::installed;
     --sent_;
   }
-  // Takes the entry out; when it was in force, its older form is in force again.
+  // Removes the entry; if it was in force, its older form comes back into force.
   void remove(FlowEntry &entry);
-  // Takes the flow, which has no older form, out of force, and puts it back; its place must be free then.
+  // Takes the flow, which has no older form, out of force, or puts it back, for which its place must be free.
   void set_aside(FlowEntry &entry);
   void bring_back(FlowEntry &entry);
 
   FlowEntry *at(std::uint32_t slot) const { return slot == kNoSlot ? nullptr : slots_[slot].get(); }
-  // Walks all entries: begins at cursor 0, null at the end. Entries may come and go meanwhile; each that stays is visited once.
+  // Walks all entries: begins at cursor 0, null at the end. Entries may be added and removed meanwhile; each one that stays is
+  // visited once.
   FlowEntry *next(std::uint32_t &cursor) const;
-  // Calls `visit` with entries in force, among them all that are wanted; it filters them itself, and must not change the table.
+  // Calls `visit` with entries in force that include all wanted ones; it must filter them itself, and must not change the table.
   template <typename Visit>
   void each_candidate(const Wanted &wanted, Visit &&visit) const {
     for (const Chain &chain : candidates(wanted))
       any_in(chain, [&visit](FlowEntry &entry) { return entry.in_force && (visit(entry), false); });
   }
-  // Whether an entry in force with the table and the priority of the flow-mod overlaps it.
+  // True if an entry in force with the flow-mod's table and priority overlaps it.
   bool overlaps(Bytes flow_mod) const;
 
   std::size_t size() const { return by_index_.size(); }
-  // Those of them that are not decided.
+  // Number of undecided entries.
   std::size_t sent() const { return sent_; }
   // Number of flows; several forms of one flow count once.
   std::size_t flows() const { return by_key_.size(); }
@@ -172,7 +172,7 @@ class FlowTable {
   };
   static Key key_of(Bytes flow_mod);
 
-  // Visits the list until `visit` returns true; whether it did.
+  // Visits the list until `visit` returns true; returns whether it did.
   template <typename Visit>
   bool any_in(const Chain &chain, Visit &&visit) const {
     for (FlowEntry *entry = at(chain.first); entry; entry = at((entry->*chain.list).next))
@@ -210,9 +210,9 @@ class FlowTable {
   std::uint64_t next_index_ = 1;
 };
 
-// Where a southbound flow-mod says when its flow was created.
+// The offset of the creation time in a southbound flow-mod.
 std::size_t created_offset(Bytes flow_mod);
-// Whether two southbound flow-mods ask for the same in every byte but the index and the time of creation.
+// True if two southbound flow-mods are equal except for index and creation time.
 bool same_flow_mod(Bytes a, Bytes b);
 
 }  // namespace host::of_ss

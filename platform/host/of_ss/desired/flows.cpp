@@ -11,11 +11,11 @@ namespace {
 
 namespace sb = southbound;
 
-// A delete of more flows than this goes on in pieces, so that neither this thread nor the daemon's loop is held up.
+// A delete of more flows than this is split into pieces, so that it blocks neither this thread nor the daemon's loop.
 constexpr std::size_t kAtOnce = 2048, kPiece = 256;
-constexpr std::int64_t kClockSet = 1'700'000'000;  // Unix seconds; a clock that is behind has not been set
+constexpr std::int64_t kClockSet = 1'700'000'000;  // Unix seconds; an earlier clock has not been set
 
-// Whether an add leaves the flow as it is. One with a hard timeout is stored again: the time begins anew.
+// True if an add leaves the flow as it is. A flow with a hard timeout is stored again, because the time restarts.
 bool is_unchanged(const FlowEntry &flow, const FlowMod &mod) {
   return flow.state == FlowState::installed && !flow.get<std::uint16_t>(sb::kFlowHardTimeout) &&
          same_flow_mod(flow.southbound(), mod.southbound());
@@ -28,7 +28,7 @@ bool matches_everything(const FlowMod &mod) {
 
 }  // namespace
 
-// The author of all that changes while it lives.
+// Sets the author of all changes during its life.
 class Flows::Acting {
  public:
   Acting(Flows &flows, const Author &author) : flows_(flows) { flows_.author_ = author; }
@@ -98,7 +98,7 @@ Verdict Flows::remove(const FlowMod &mod) {
   return {};
 }
 
-// The next flow that the deletion takes; null when there is none left. What has come into a slot since may be another flow.
+// The deletion's next flow; null when none is left. A slot may hold another flow by now.
 FlowEntry *Flows::next_to_delete() {
   auto &[author, filter, slots, next] = *deletion_;
   while (FlowEntry *flow = filter ? nullptr : table_.next(next))
@@ -118,7 +118,8 @@ void Flows::delete_more() {
   }
 }
 
-// What failed meanwhile may have brought an older form back into force, and of everything the daemon may know more than is here.
+// Failures meanwhile may have brought older forms back into force, which must go too; after a delete of everything the daemon may
+// know flows that are not in this table.
 void Flows::end_deletion() {
   const auto filter = std::move(std::exchange(deletion_, std::nullopt)->filter);
   if (!filter) return remove_all();
@@ -132,14 +133,14 @@ void Flows::stamp(FlowEntry &flow) const {
   sb::put(flow.message(), created_offset(flow.southbound()), static_cast<std::uint32_t>(unix_s));
 }
 
-// When the stored flow was created, by the callers' clock. A time that is not known, as that of a machine whose clock was not set
-// yet, or that has not come yet is taken for now.
+// The stored flow's time of creation, by the callers' clock. A time that is unknown, because the machine's clock was not set yet,
+// or in the future counts as now.
 std::int64_t Flows::stamped(Bytes flow_mod, std::int64_t now) const {
   const std::int64_t unix_s = sb::get<std::uint32_t>(flow_mod.data(), created_offset(flow_mod));
   return unix_s < kClockSet ? now : std::min(unix_s * kSecondNs - unix_offset_ns_, now);
 }
 
-// A new entry, or a new form of the one at `place`, goes to the daemon. Its pending answer is the caller's to note.
+// Hands a new entry, or a new form of the one at `place`, to the daemon. The caller must note the pending answer.
 FlowEntry &Flows::hand_over(Bytes flow_mod, const FlowTable::Place &place, std::int64_t created) {
   FlowEntry &flow = table_.insert(flow_mod, place, created);
   flow.hit_at(created);
@@ -154,7 +155,7 @@ FlowEntry &Flows::hand_over(Bytes flow_mod, const FlowTable::Place &place, std::
   return flow;
 }
 
-// The flow's own head and match with the instructions of `mod`; good until scratch_ is used again.
+// The flow's own head and match with the instructions of `mod`; valid until scratch_ is used again.
 Bytes Flows::with_instructions_of(const FlowEntry &flow, const FlowMod &mod) {
   const std::size_t block = sb::flow_instruction_offset(flow.get<std::uint16_t>(sb::kFlowMatchLen));
   const std::size_t from = sb::flow_instruction_offset(sb::get<std::uint16_t>(mod.message, sb::kFlowMatchLen));
@@ -166,7 +167,7 @@ Bytes Flows::with_instructions_of(const FlowEntry &flow, const FlowMod &mod) {
   return scratch_;
 }
 
-// Whether an answer is expected for it: a flow that is so already stays as it is.
+// True if an answer is expected: a flow that already is as requested is not handed over.
 bool Flows::change(FlowEntry &flow, const FlowMod &mod, const Origin &origin, Bytes request, bool same_request,
                    std::int64_t now) {
   const Bytes changed = with_instructions_of(flow, mod);
@@ -184,8 +185,8 @@ bool Flows::change(FlowEntry &flow, const FlowMod &mod, const Origin &origin, By
   return differs;
 }
 
-// A changed flow takes another cell of the target until the form before it has gone. Where there is none, the one in force goes
-// first; here it stays, and is put back when the new one fails.
+// A changed flow occupies another cell of the target until its former form is removed. If there is no free cell, the form in
+// force is deleted first; it stays in this table, and is put back if the new one fails.
 void Flows::make_room(FlowEntry &flow) {
   if (transaction_ || !capacity() || table_.size() < capacity()) return;
   drop_older_forms(flow);
@@ -195,7 +196,7 @@ void Flows::make_room(FlowEntry &flow) {
   ++counters_.changed_in_place;
 }
 
-// Displaced forms whose successor has failed are in force again.
+// Hands over displaced forms that are in force again because their successor has failed.
 void Flows::put_back(std::int64_t now) {
   for (const std::uint64_t index : std::exchange(displaced_, {}))
     if (FlowEntry *flow = table_.by_index(index); flow && flow->in_force && flow->displaced) add_again(*flow, now);
@@ -242,7 +243,8 @@ void Flows::clear_table() {
     if (flow->in_force) report(*flow, FlowEvent::deleted);
     counters_.removed += flow->in_force;
     trace_.note(Step::removed, flow->index(), kDeleted);
-    // The daemon removes what is stored. A flow that the service chain has not answered yet is not, and would be installed later.
+    // The daemon removes stored flows. A flow that the service chain has not answered yet is not stored, and would be installed
+    // later.
     if (flow->state == FlowState::sent && is_for_service_chain(southbound_match(flow->southbound()))) tell_deletion(*flow);
     table_.remove(*flow);
   }
@@ -266,7 +268,7 @@ void Flows::remove_users_of_meter(std::uint32_t meter_id) {
   for (FlowEntry *flow : users_of_meter(table_, meter_id)) remove_flow(*flow, kDeleted);
 }
 
-// Where an undecided form goes, an older one that uses the meter too comes into force again: hence the rounds.
+// It works in rounds, because removing an undecided form may bring an older one that also uses the meter back into force.
 void Flows::fail_users_of_meter(std::uint32_t meter_id) {
   for (auto users = users_of_meter(table_, meter_id); !users.empty(); users = users_of_meter(table_, meter_id))
     for (FlowEntry *flow : users) {
@@ -303,7 +305,8 @@ bool Flows::restore(Bytes flow_mod, std::int64_t now) {
   if (!flow) return false;
   table_.mark_installed(*flow);
   flow->hit_at(now);
-  // Two forms of one flow: the life before ended in the middle of a change. The older one is not replayed, so its record goes.
+  // Two forms of one flow: the previous run ended in the middle of a change. The older one is not replayed, so its record is
+  // removed.
   while (FlowEntry *older = table_.at(flow->older)) table_.remove(*older);
   return true;
 }
@@ -320,7 +323,7 @@ void Flows::note_added(FlowEntry &flow, FlowEvent event) {
   transaction_->steps.push_back({flow.index(), true, author_});
 }
 
-// What came in the transaction itself goes at once, and the form that it replaced is the flow that is deleted.
+// A form added in the transaction itself is withdrawn at once, and the form that it replaced is the flow to delete.
 void Flows::set_aside(FlowEntry *flow) {
   while (flow && flow->provisional) {
     FlowEntry *before = table_.at(flow->older);
@@ -360,7 +363,7 @@ void Flows::keep(const Transaction::Step &step, std::int64_t now) {
   failed_late(*flow, now);
 }
 
-// The latest step first, so that each finds the table as it left it.
+// To be called with the latest step first, so that each finds the table as it left it.
 void Flows::undo(const Transaction::Step &step) {
   FlowEntry *flow = table_.by_index(step.index);
   if (!flow) return;

@@ -1,9 +1,9 @@
-// Acts on flow requests: keeps the desired flows, hands changes to the daemon and follows what becomes of them.
+// Acts on flow requests: keeps the desired flows, hands changes to the daemon and tracks their outcome.
 //
 // A flow is sent, then installed or failed. The daemon reports failures; success follows from an answered barrier, so the flows
-// put barriers of their own behind what they hand over. A changed flow goes out under a new index and the old one is deleted only
-// when the new one is installed; in a full table, where there is no room for both, the old one goes first and is put back when
-// the new one fails. Openflow thread only. Times are monotonic nanoseconds and are given by the caller.
+// add their own barriers behind their hand-overs. A changed flow is handed over under a new index and the old one is deleted only
+// when the new one is installed; in a full table, without room for both, the old one is deleted first and put back if the new one
+// fails. Openflow thread only. Times are monotonic nanoseconds, passed in by the caller.
 #pragma once
 
 #include <cstdint>
@@ -22,7 +22,7 @@
 
 namespace host::of_ss {
 
-// Who asked for a change. Each request has a number of its own; generation 0: no controller did.
+// The requester of a change. Each request has its own number; generation 0 means no controller.
 struct Author {
   Origin origin = {};
   std::uint64_t request = 0;
@@ -32,7 +32,7 @@ enum class FlowEvent {
   added,
   deleted,
   modified,
-  unchanged,     // added as it was
+  unchanged,     // an add of the same flow
   brought_back,  // its newer form has failed
 };
 
@@ -42,16 +42,16 @@ struct FlowChange {
   Author author;
 };
 
-// What the flows tell the controllers' side.
+// Events for the controllers' side.
 class FlowEvents {
  public:
-  // A request failed after it had been accepted; `request` is the first 64 bytes of it.
+  // A request failed after it had been accepted; `request` holds its first 64 bytes.
   virtual void flow_failed(const Origin &origin, const Error &error, Bytes request) = 0;
-  // A flow has gone: by a delete, by a timeout, or because it failed after it had been installed.
+  // A flow was removed: by a delete, by a timeout, or because it failed after it had been installed.
   virtual void flow_removed(const FlowEntry &flow, RemovedReason reason) = 0;
-  // While the flows are watched: what a request or a failure has changed. A transaction tells its changes when they are kept.
+  // While the flows are watched: a request or a failure has changed a flow. A transaction reports its changes when they are kept.
   virtual void flow_changed(const FlowEntry &flow, const FlowChange &change) = 0;
-  // Generation 0: a barrier of the flows' own, with the number that fence gave.
+  // Generation 0 means one of the flows' own barriers, with the number returned by fence.
   virtual void barrier_answered(const Origin &origin) = 0;
   // These adds have passed their deadline without a barrier reply. Flows::overdue_checked is to be called with those that the
   // database shows as installed; the others are then given up.
@@ -63,11 +63,11 @@ class FlowEvents {
 
 struct FlowLimits {
   std::uint32_t capacity = 0;
-  std::uint32_t window = 65536;                    // hand-overs, and barriers, that may be undecided before requests wait
+  std::uint32_t window = 65536;                    // undecided hand-overs, and barriers, beyond which requests wait
   std::int64_t decide_timeout_ns = 2'000'000'000;  // an undecided add is given up after this time
 };
 
-// A failure that came after the request had been accepted, for the operator.
+// A failure after the request had been accepted, for the operator.
 struct LateFailure {
   std::uint64_t index;
   std::uint8_t table_id;
@@ -78,8 +78,8 @@ struct LateFailure {
 
 struct FlowCounters {
   std::uint64_t added = 0, removed = 0, failed = 0, timed_out = 0, unchanged = 0;
-  std::uint64_t left = 0;               // failures that say nothing, while a database was away
-  std::uint64_t duplicate_results = 0;  // results of flows that had been answered before or are not known
+  std::uint64_t left = 0;               // failures without meaning, while a database was away
+  std::uint64_t duplicate_results = 0;  // results of flows already answered or unknown
   std::uint64_t changed_in_place = 0;   // in a full table
   std::uint64_t own_barriers = 0, lost_barriers = 0, retried = 0, replays = 0;
   std::uint32_t latency_max_us = 0;
@@ -93,88 +93,87 @@ class Flows {
 
   // Carries out a request that decode_flow_mod has accepted. `request` is the OpenFlow message.
   Verdict apply(const FlowMod &mod, const Origin &origin, Bytes request, std::int64_t now);
-  // A controller's barrier: through the daemon when something is undecided or an earlier one of the same connection `waits`, else
-  // answered at once.
+  // A controller's barrier: goes through the daemon if something is undecided or an earlier one of the same connection `waits`,
+  // otherwise it is answered at once.
   void barrier(const BarrierTag &tag, const Origin &origin, bool waits, std::int64_t now);
-  // A hand-over that is none of the flows', so that barriers wait for it.
+  // Notes a hand-over that is not a flow's, so that barriers wait for it.
   void note_handover() { in_flight_.note(); }
   // Deletes the flows that use the meter; kMeterAll: any meter.
   void remove_users_of_meter(std::uint32_t meter_id);
-  // The same for a meter that has failed: who asked for a flow that is not decided yet is told that the meter is unknown.
+  // The same for a meter that has failed: requesters of undecided flows are told that the meter is unknown.
   void fail_users_of_meter(std::uint32_t meter_id);
-  // Deletes every flow and every meter on the daemon's side; the meters are the caller's.
+  // Deletes every flow, and on the daemon's side every meter too; the caller removes its own meters.
   void remove_everything();
 
   // Replies of the daemon.
   void flow_result(Bytes reply, std::int64_t now);
-  // What the programming service says of a flow that failed (results.h); comes before the daemon's result where there is one.
+  // The programming service's answer for a failed flow (results.h); precedes the daemon's result, if any.
   void flow_answer(Bytes answer, std::int64_t now);
   void barrier_reply(Bytes reply, std::int64_t now);
   void capacity(std::uint32_t flows) { told_capacity_ = flows; }
-  // Counters: the totals of one index, and changes of it.
+  // Counters of one index: totals, and changes.
   void counted(std::uint64_t index, std::uint64_t packets, std::uint64_t bytes, std::int64_t now);
   void count_more(std::uint64_t index, std::uint64_t packets, std::uint64_t bytes, std::int64_t now);
 
-  // The programming service has found a counter of the flow changed; by how much is told later.
+  // The programming service has found a counter of the flow changed; the amount follows later.
   void moved(std::uint64_t index, std::int64_t now);
-  // It has read every counter once more, and told all changes.
+  // The programming service has read every counter once more, and reported all changes.
   void counted_round() { ++rounds_; }
 
-  // Hands every flow to the daemon again, a few hundred at each replay_more; the caller has begun the synchronisation, ends it
-  // when the last of them is through, and sees to it that the daemon's loop turns in between. Meanwhile nothing else is carried
-  // out.
+  // Hands every flow to the daemon again, a few hundred per replay_more; the caller begins the synchronisation before, ends it
+  // after the last flow, and lets the daemon's loop turn in between. Meanwhile nothing else is carried out.
   void begin_replay();
   bool is_replaying() const { return replayed_.has_value(); }
   void replay_more();
-  // From the callers' clock to Unix time, in nanoseconds: flows are stored with when they were created, so that durations and
-  // hard timeouts go on in the next life. To be told again when the time of day may have been set.
+  // Sets the offset from the callers' clock to Unix time, in nanoseconds: flows are stored with their creation time, so that
+  // durations and hard timeouts continue in the next run. To be called again when the time of day may have been set.
   void time_of_day(std::int64_t unix_offset) { unix_offset_ns_ = unix_offset; }
-  // A flow of an earlier life, as it is stored.
+  // Adopts a stored flow of an earlier run.
   bool restore(Bytes flow_mod, std::int64_t now);
   void reserve_index_above(std::uint64_t index) { table_.reserve_index_above(index); }
 
-  // Whether FlowEvents::flow_changed is to be called.
+  // Enables FlowEvents::flow_changed.
   void watch(bool watched) { watched_ = watched; }
 
-  // Puts a barrier of the flows' own behind everything so far, whatever is decided; its number.
+  // Adds one of the flows' own barriers behind everything so far, even if all is decided; returns its number.
   std::uint32_t fence(std::int64_t now);
-  // To be called after each batch of requests: puts a barrier behind them where none is on its way.
+  // To be called after each batch of requests: adds a barrier behind them if none is in flight.
   void batch_done(std::int64_t now);
-  // To be called about every 100 ms: deadlines. `daemon_turns` says that the daemon's loop has turned since the call before;
-  // while it has not, no time is held against it.
+  // To be called about every 100 ms: deadlines. `daemon_turns` says that the daemon's loop has turned since the previous call;
+  // otherwise the time in between does not count.
   void check_deadlines(std::int64_t now, bool daemon_turns);
-  // A delete of very many flows is under way: nothing else may be carried out before delete_more has taken the last of them, a
-  // few hundred at a time. The caller sees to it that the daemon's loop turns in between.
+  // True while a large delete is in progress: nothing else may be carried out before delete_more has handled its last flow, a few
+  // hundred at a time. The caller lets the daemon's loop turn in between.
   bool is_deleting() const { return deletion_.has_value(); }
   void delete_more();
-  // A transaction: what apply does from begin on is undone or kept as a whole. It may begin when nothing is undecided, and
-  // meanwhile nobody else may change flows. Of a full target it needs room for what is new beside what is to go.
+  // A transaction: everything that apply does from begin on is undone or kept as a whole. It may begin when nothing is undecided,
+  // and no other change may be made meanwhile. The target needs room for the new flows beside those to be removed.
   bool can_begin() const { return all_decided() && displaced_.empty() && !is_deleting() && !transaction_; }
   void begin(std::int64_t now);
   bool is_in_transaction() const { return transaction_.has_value(); }
-  // Whether a flow of the transaction has failed.
+  // True if a flow of the transaction has failed.
   bool has_failed() const { return transaction_ && transaction_->failed; }
-  // Ends it, a few hundred flows a call; false when it is through.
+  // Ends the transaction, a few hundred flows per call; false when it is finished.
   bool end_more(bool keep, std::int64_t now);
-  // The answer to FlowEvents::overdue: the indexes, ascending, of those that are installed.
+  // The answer to FlowEvents::overdue: the indexes of the installed flows, ascending.
   void overdue_checked(const std::vector<std::uint64_t> &installed, std::int64_t now);
   // To be called about every second: idle and hard timeouts.
   void check_timeouts(std::int64_t now);
   bool needs_deadlines() const { return in_flight_.outstanding() > 0; }
-  // Whether the daemon has answered for everything that was handed over.
+  // True if the daemon has answered for everything handed over.
   bool all_decided() const { return in_flight_.all_decided(); }
 
-  // Whether another request may be carried out now.
+  // True if another request may be carried out now.
   bool room() const {
     return !is_deleting() && !is_replaying() && in_flight_.outstanding() < limits_.window &&
            in_flight_.barriers() < limits_.window;
   }
-  // How many flows there is room for; 0 while that is not known.
+  // The number of flows that fit; 0 while that is not known.
   std::uint32_t capacity() const { return limits_.capacity ? limits_.capacity : told_capacity_; }
   const FlowTable &table() const { return table_; }
   const InFlightLog &in_flight() const { return in_flight_; }
   const FlowCounters &counters() const { return counters_; }
-  // From the hand-over of an add to its decision, from a controller's barrier to its answer.
+  // Times from the hand-over of an add to its decision, and from a controller's barrier to its answer.
   const Histogram &install_times() const { return install_times_; }
   const Histogram &barrier_times() const { return barrier_times_; }
   const std::deque<LateFailure> &late_failures() const { return late_failures_; }
@@ -185,12 +184,12 @@ class Flows {
   struct Transaction {
     struct Step {
       std::uint64_t index;
-      bool added;  // or set aside
+      bool added;  // otherwise set aside
       Author author;
     };
     std::int64_t since_ns;
     std::vector<Step> steps = {};
-    std::size_t kept = 0;  // steps that are for good
+    std::size_t kept = 0;  // steps made permanent
     bool failed = false;
   };
 
@@ -235,12 +234,12 @@ class Flows {
   void give_up_barriers(std::int64_t now);
   void check_timeout(FlowEntry &flow, std::int64_t now);
 
-  // A delete that is under way. Without a filter it is of everything.
+  // A delete in progress; without a filter, of everything.
   struct Deletion {
     Author author;
     std::unique_ptr<FlowMod> filter = {};
-    std::vector<std::uint32_t> slots = {};  // of the flows that it found
-    std::uint32_t next = 0;                 // among them, or of the whole table
+    std::vector<std::uint32_t> slots = {};  // of the flows found
+    std::uint32_t next = 0;                 // position among them, or in the whole table
   };
 
   SouthboundClient client_;
@@ -250,23 +249,23 @@ class Flows {
   FlowTable table_;
   InFlightLog in_flight_;
   std::optional<Deletion> deletion_;
-  std::optional<std::uint32_t> replayed_;  // while replaying: how far, in the table
+  std::optional<std::uint32_t> replayed_;  // cursor in the table during a replay
   std::optional<Transaction> transaction_;
   FlowCounters counters_;
   Histogram install_times_, barrier_times_;
   std::deque<LateFailure> late_failures_;
-  std::vector<std::uint64_t> displaced_;  // indexes of displaced forms that are to be put back
+  std::vector<std::uint64_t> displaced_;  // indexes of displaced forms to put back
   std::int64_t unix_offset_ns_ = 0;
   std::uint32_t told_capacity_ = 0;
   std::uint32_t own_xid_ = 0;
-  std::uint32_t rounds_ = 1;  // of counters
+  std::uint32_t rounds_ = 1;  // counter rounds
   bool watched_ = false;
-  Author author_;  // of the request that is being carried out
+  Author author_;  // of the current request
   std::uint64_t requests_ = 0;
-  // The clock that deadlines run on: it stands while the daemon's loop does not turn.
+  // The clock of deadlines, which stands while the daemon's loop does not turn.
   std::int64_t patience_ns_ = 0, checked_ns_ = 0, progress_ns_ = 0;
   std::uint64_t progress_ = 0;
-  std::uint64_t asked_up_to_ = 0;  // the last hand-over that FlowEvents::overdue has been asked about, 0 while nothing is asked
+  std::uint64_t asked_up_to_ = 0;  // last hand-over covered by a pending FlowEvents::overdue; 0 without one
   std::vector<std::byte> scratch_;
 };
 

@@ -5,7 +5,7 @@
 namespace host::of_ss {
 namespace {
 
-// Room kept for the next burst, in entries of about 130 bytes; what is above it is given back once all is decided.
+// Capacity kept for the next burst, in entries of about 130 bytes; the rest is released once everything is decided.
 constexpr std::size_t kKeptRoom = 4096;
 
 }  // namespace

@@ -1,8 +1,8 @@
-// What has been handed to the daemon and is not decided yet, in the order of the hand-over.
+// The in-flight log: undecided hand-overs to the daemon, in order.
 //
-// The daemon reports failures only; that everything else succeeded follows from a barrier reply, which says that all that was
-// handed over before the barrier is decided. This log keeps the requests behind undecided adds (for a late error) and the
-// barriers that are under way. It calls nobody and knows neither flows nor connections. Openflow thread only.
+// The daemon reports only failures; success follows from a barrier reply, which says that everything handed over before the
+// barrier is decided. This log keeps the requests of undecided adds (for a late error) and the barriers in flight. It knows
+// neither flows nor connections. Openflow thread only.
 #pragma once
 
 #include <cstdint>
@@ -14,7 +14,7 @@
 
 namespace host::of_ss {
 
-// Who asked: the connection's generation, which is never used again, and the transaction. Generation 0 is the agent itself.
+// The requester: the connection's generation, which is never reused, and the transaction id. Generation 0 is the agent itself.
 struct Origin {
   std::uint64_t generation = 0;
   std::uint32_t xid = 0;
@@ -22,21 +22,21 @@ struct Origin {
   std::uint32_t request = 0;     // in the trace
 };
 
-// An add that is not decided.
+// An undecided add.
 struct Pending {
   std::uint64_t index;
   std::uint64_t number;   // of the hand-over
-  std::uint64_t request;  // the same for all adds that one request led to
+  std::uint64_t request;  // the same for all adds of one request
   std::int64_t since_ns;
   Origin origin;
   bool answered = false;  // its failure has been reported
-  bool failed = false;    // the programming service says so; the daemon may not
-  bool no_room = false;   // why
+  bool failed = false;    // the programming service has reported a failure; the daemon may not
+  bool no_room = false;   // its reason was a shortage
   std::uint8_t request_len;
   std::byte request_head[64];
 };
 
-// A barrier under way.
+// A barrier in flight.
 struct SentBarrier {
   std::uint64_t number;  // hand-overs up to this one are decided once it is answered
   BarrierTag tag;
@@ -46,20 +46,19 @@ struct SentBarrier {
 
 class InFlightLog {
  public:
-  // A hand-over that only a barrier answers: a delete, a meter.
+  // Notes a hand-over that only a barrier answers: a delete or a meter.
   void note() { ++handed_; }
-  // An add. `request` says whether it belongs to a request of its own or to the latest one.
+  // Notes an add. `same_request`: it belongs to the latest request, not to a new one.
   void expect(std::uint64_t index, const Origin &origin, Bytes request, bool same_request, std::int64_t now_ns);
   void barrier_sent(const BarrierTag &tag, const Origin &origin, std::int64_t now_ns);
 
-  // The undecided add with this index; null when there is none.
+  // The undecided add with this index; null if there is none.
   Pending *find(std::uint64_t index);
   // Marks the add, and all others of the same request, as answered.
   void answer(Pending &pending);
 
-  // Takes a barrier reply. In the order of the hand-overs `decided` gets each Pending that is decided thereby and `answered` each
-  // SentBarrier: the one that is answered, and earlier ones, whose own replies are lost for good. False for a tag that nobody
-  // waits for.
+  // Processes a barrier reply. In hand-over order it calls `decided` with each Pending that is thereby decided and `answered`
+  // with each SentBarrier: the answered one, and earlier ones, whose own replies are lost. False for an unknown tag.
   template <typename Decided, typename Answered>
   bool barrier_replied(const BarrierTag &tag, Decided &&decided, Answered &&answered) {
     std::size_t n = 0;
@@ -72,13 +71,13 @@ class InFlightLog {
     }
     return true;
   }
-  // The oldest undecided add is given up or has been decided in another way: takes it off.
+  // Removes the oldest undecided add, which is given up or has been decided by other means.
   template <typename Decided>
   void release_front(Decided &&decided) {
     release(pending_[head_].number, decided);
   }
 
-  // The undecided adds, oldest first, until `visit` gives false.
+  // Visits the undecided adds, oldest first, until `visit` returns false.
   template <typename Visit>
   void for_each(Visit &&visit) const {
     for (std::size_t n = head_; n < pending_.size() && visit(pending_[n]);) ++n;
@@ -90,11 +89,11 @@ class InFlightLog {
   std::uint64_t outstanding() const { return handed_ - decided_; }
   std::uint64_t handed() const { return handed_; }  // hand-overs so far
   std::size_t undecided_adds() const { return pending_.size() - head_; }
-  // Hand-overs that no barrier has been sent behind.
+  // Hand-overs without a barrier behind them.
   std::uint64_t uncovered() const { return handed_ - (barriers_.empty() ? decided_ : barriers_.back().number); }
   bool barrier_under_way() const { return !barriers_.empty(); }
   std::size_t barriers() const { return barriers_.size(); }
-  // How often the front has moved; who waits for progress compares.
+  // The number of decided hand-overs; compare to detect progress.
   std::uint64_t decided() const { return decided_; }
 
  private:
@@ -106,7 +105,7 @@ class InFlightLog {
   }
   void shrink();
 
-  std::vector<Pending> pending_;  // ascending in number and index; before head_ they are done with
+  std::vector<Pending> pending_;  // ascending in number and index; entries before head_ are finished
   std::size_t head_ = 0;
   std::deque<SentBarrier> barriers_;
   std::uint64_t handed_ = 0, decided_ = 0, request_ = 0;

@@ -16,7 +16,7 @@ constexpr std::size_t kBandType = 0, kBandLength = 2, kBandRate = 4, kBandBurst 
 enum Command : std::uint16_t { kAdd = 0, kModify = 1, kDelete = 2 };
 constexpr std::uint8_t kDscpMax = 63;
 constexpr std::size_t kRequestKept = 64;
-constexpr std::int64_t kChangeLimit = 10'000'000'000;  // a failure that comes later is not the change's
+constexpr std::int64_t kChangeLimit = 10'000'000'000;  // a later failure does not concern the change
 // The daemon's result codes of a meter.
 constexpr std::uint32_t kResultNoRoom = 0;
 
@@ -103,7 +103,7 @@ Verdict Meters::modify(std::uint32_t id, Bytes request, const Origin &origin, st
   return {};
 }
 
-// An add under a number that is there rewrites the meter.
+// An add under an existing number rewrites the meter.
 void Meters::hand_over(Meter &meter, Bytes request, const Origin &origin) {
   meter.message = southbound_meter(sb::kMeterAdd, request);
   meter.origin = origin;
@@ -123,7 +123,7 @@ void Meters::tell_deletion(Meter &meter) {
   tell(meter.message);
 }
 
-// Deliberate: deleting a meter that is not there is no error.
+// Deliberate: deleting a missing meter is not an error.
 void Meters::remove(std::uint32_t id) {
   const auto first = id == kMeterAll ? meters_.begin() : meters_.find(id);
   const auto last = id == kMeterAll || first == meters_.end() ? meters_.end() : std::next(first);
@@ -132,14 +132,14 @@ void Meters::remove(std::uint32_t id) {
   for (auto at = first; at != last; at = meters_.erase(at)) tell_deletion(at->second);
 }
 
-// No room is what the database says instead of taking the record. After any other failure the record may be there, with the
-// failure as its status: it is written over or deleted, so that neither a restart nor the next request finds it.
+// "No room" means that the database did not accept the record. After any other failure the record may exist, with the failure as
+// its status: it is overwritten or deleted, so that neither a restart nor the next request finds it.
 std::optional<Meters::Failure> Meters::result(Bytes reply, std::int64_t now) {
   const auto found = meters_.find(sb::get<std::uint32_t>(reply.data(), sb::kMeterResultId));
   if (found == meters_.end()) return std::nullopt;
   auto &[id, meter] = *found;
   const auto code = sb::get<std::uint32_t>(reply.data(), sb::kMeterResultCode);
-  // A replayed meter, which nobody waits for: it stays, and the synchronisation that follows hands it over again.
+  // A replayed meter without a requester: it stays, and the synchronisation that follows hands it over again.
   if (code & kUndecided && flows_.in_flight().decided() >= meter.handed) return std::nullopt;
   const bool no_room = (code & ~kUndecided) == kResultNoRoom;
   Failure failure{meter.origin, no_room ? &err::kOutOfMeters : &err::kMeterUnknown, std::move(meter.request)};

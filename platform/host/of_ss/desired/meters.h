@@ -1,4 +1,4 @@
-// The desired meters, and OFPT_METER_MOD from the wire into the southbound meter-mod. Openflow thread only.
+// The desired meters, and the decoding of OFPT_METER_MOD into the southbound meter-mod. Openflow thread only.
 //
 // Wire layout: OpenFlow 1.3.5, 7.3.4.4; southbound layout: southbound.h.
 #pragma once
@@ -24,11 +24,11 @@ inline constexpr Named kMeterFlags[] = {
 
 struct Meter {
   std::vector<std::byte> message;  // the southbound meter-mod that adds it
-  std::vector<std::byte> before;   // the one that was in force before the latest change; empty when there was none
+  std::vector<std::byte> before;   // the one in force before the latest change; empty if there was none
   std::int64_t created_ns = 0, changed_ns = 0;
   Origin origin;                   // of the latest request, until its failure is reported
-  std::vector<std::byte> request;  // the beginning of it, for the error
-  std::uint64_t handed = 0;        // the hand-over of that request
+  std::vector<std::byte> request;  // its first bytes, for the error
+  std::uint64_t handed = 0;        // number of that request's hand-over
 
   std::uint16_t flags() const { return southbound::get<std::uint16_t>(message.data(), southbound::kMeterFlags); }
   Bytes bands() const { return Bytes(message).subspan(southbound::kMeterBands); }
@@ -38,10 +38,10 @@ class Meters {
  public:
   explicit Meters(Flows &flows) : flows_(flows) {}
 
-  // Carries out a meter-mod; the deletion of a meter takes the flows that use it along.
+  // Carries out a meter-mod; deleting a meter also deletes the flows that use it.
   Verdict apply(Bytes request, const Origin &origin, std::int64_t now);
-  // Takes a failure reply of the daemon; returns the failed request and its error when its controller can still be told. A failed
-  // change restores the meter; any other failure removes it with the flows that use it.
+  // Processes a failure reply of the daemon; returns the failed request and its error if its controller can still be told. A
+  // failed change restores the meter; any other failure removes it with the flows that use it.
   struct Failure {
     Origin origin;
     const Error *error;
@@ -52,9 +52,9 @@ class Meters {
   void replay();
   // Deletes what is stored under this number, unless a meter of this number is desired.
   void delete_stray(std::uint32_t id);
-  // A meter of an earlier life, as it is stored.
+  // Adopts a stored meter of an earlier run.
   bool restore(Bytes message, std::int64_t now);
-  // Forgets every meter without telling the daemon.
+  // Drops every meter without telling the daemon.
   void forget() { meters_.clear(); }
 
   bool knows(std::uint32_t id) const { return meters_.contains(id); }

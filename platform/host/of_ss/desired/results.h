@@ -1,14 +1,14 @@
-// What comes back of flows and meters beside the daemon's own replies, laid out like these.
+// Results of flows and meters beside the daemon's own replies, in the same layout.
 #pragma once
 
 #include <cstdint>
 
 namespace host::of_ss {
 
-// What the programming service says of a flow that failed (answers.h): a flow result of a type that the daemon does not have.
+// The programming service's answer for a failed flow (answers.h): a flow result with a type that the daemon does not use.
 inline constexpr std::uint16_t kFlowAnswer = 0xff00;
 
-// The same for what it tells of counters: those of a flow have changed; all have been looked at once more.
+// Likewise for its reports on counters: those of a flow have changed; all have been read once more.
 inline constexpr std::uint16_t kFlowMoved = 0xff01, kRoundCounted = 0xff02;
 
 // A bit of the result code of a flow or a meter: it failed while a database was away or refused writes.

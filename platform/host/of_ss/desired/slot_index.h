@@ -1,5 +1,5 @@
-// A hash table of slot numbers: open addressing with linear probing, no tombstones. It grows incrementally, so no insert takes
-// long, whatever the size. Not thread-safe.
+// A hash table of slot numbers: open addressing with linear probing, no tombstones. It grows incrementally, so that no insert
+// takes long, whatever the size. Not thread-safe.
 #pragma once
 
 #include <algorithm>
@@ -14,7 +14,7 @@ namespace host::of_ss {
 
 inline constexpr std::uint32_t kNoSlot = ~std::uint32_t{0};
 
-// In what follows, `Hash` computes the hash of the entry in a slot.
+// `Hash` computes the hash of the entry in a slot.
 class SlotIndex {
  public:
   // The slot with this hash for which `match` holds; kNoSlot when there is none.
@@ -43,9 +43,9 @@ class SlotIndex {
   std::size_t size() const { return count_; }
 
  private:
-  // Places are counted from `start`, and those before `moved` are empty: what belongs there has moved to the larger table, or
-  // stands at `moved` or later. A cell holds the complement of a slot, so that zeros are empty and a large table begins as pages
-  // that nobody has touched.
+  // Places are counted from `start`, and those before `moved` are empty: their contents have moved to the larger table, or stand
+  // at `moved` or later. A cell holds the complement of a slot, so that zero means empty and a large table begins as untouched
+  // pages.
   class Cells {
    public:
     Cells() = default;
@@ -96,13 +96,13 @@ class SlotIndex {
     std::size_t size_ = 0;
   };
 
-  // The one of the two tables that holds the slot.
+  // The table that holds the slot.
   Cells &holder(std::uint32_t slot, std::uint32_t hash) {
     const auto same = [slot](std::uint32_t other) { return other == slot; };
     return before_.size() == 0 || now_.find(hash, same) == slot ? now_ : before_;
   }
-  // The slots stay in the smaller table and are moved piece by piece by the inserts that follow. They are through long before the
-  // larger one is full: it takes as many inserts again as there are slots.
+  // The slots stay in the smaller table and are moved piece by piece by later inserts. The move ends long before the larger table
+  // is full, which takes as many inserts as there are slots.
   void grow() {
     before_ = std::exchange(now_, Cells(now_.size() ? now_.size() * 2 : 64));
     while (before_.size() > 0 && before_.at(0) != kNoSlot) ++before_.start;

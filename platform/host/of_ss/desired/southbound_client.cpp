@@ -9,7 +9,7 @@ namespace {
 
 namespace sb = southbound;
 
-// The table property that open and close carry and that the daemon echoes in its replies.
+// The table property in open and close messages, which the daemon echoes in its replies.
 constexpr std::uint16_t kTableProperty = 1;
 
 template <std::size_t N>
@@ -26,7 +26,7 @@ struct Message {
 
 }  // namespace
 
-// The same bytes as the add, so that a trace of the delete shows the flow; the daemon looks at the index only.
+// The same bytes as the add, so that a trace of the delete shows the flow; the daemon reads only the index.
 void SouthboundClient::remove(FlowEntry &flow) {
   sb::put(flow.message(), sb::kFlowCommand, sb::kFlowDelete);
   call(callbacks_.flow_mod, flow.message());

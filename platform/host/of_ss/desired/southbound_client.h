@@ -1,4 +1,4 @@
-// What the agent says to the daemon: builds each southbound message and calls the registered callback. Openflow thread, no lock
+// The southbound client: builds the agent's messages to the daemon and calls the registered callbacks. Openflow thread, no lock
 // held.
 #pragma once
 
@@ -12,11 +12,11 @@
 
 namespace host::of_ss {
 
-// What a barrier carries through the daemon and back. Connection numbers of controllers are below kOwnBarrier.
+// The tag that a barrier carries through the daemon and back. Connection numbers of controllers are below kOwnBarrier.
 struct BarrierTag {
   std::uint8_t connection;
   std::uint32_t xid;
-  std::uint32_t address;  // IPv4, first octet in the least significant byte; 0 for another kind
+  std::uint32_t address;  // IPv4, first octet in the least significant byte; 0 for other kinds of address
   bool operator==(const BarrierTag &) const = default;
 };
 inline constexpr std::uint8_t kOwnBarrier = 255;
@@ -39,10 +39,11 @@ class SouthboundClient {
   void barrier(const BarrierTag &tag);
   void begin_sync();
   void end_sync();
-  // A controller has come, the last one has gone; with the interfaces over which controllers are or were connected.
+  // The first controller has connected, or the last one has disconnected; with the interfaces over which controllers are or were
+  // connected.
   void open(std::span<const std::uint32_t> interfaces) { list_interfaces(southbound::kOpen, callbacks_.open, interfaces); }
   void close(std::span<const std::uint32_t> interfaces) { list_interfaces(southbound::kClose, callbacks_.close, interfaces); }
-  // These interfaces have changed, while there is a controller.
+  // The interfaces have changed while a controller is connected.
   void manage(std::span<const std::uint32_t> interfaces) {
     list_interfaces(southbound::kMgmtIfx, callbacks_.mgmt_ifx, interfaces);
   }

@@ -5,7 +5,7 @@
 namespace host::of_ss {
 namespace {
 
-// The command of a message that has one; other bytes of others.
+// The command of a message with one; arbitrary bytes of others.
 std::uint8_t command_of(std::uint8_t type, Bytes message) {
   const std::size_t at = type == kFlowModMsg ? fm::kCommand : kOfHeader + 1;
   return message.size() > at ? be8(message, at) : 0;

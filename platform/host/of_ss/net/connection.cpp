@@ -12,7 +12,7 @@
 namespace host::of_ss {
 namespace {
 
-constexpr std::size_t kInputBound = 1 << 20;     // bytes that wait before reading stops
+constexpr std::size_t kInputBound = 1 << 20;     // unprocessed bytes at which reading stops
 constexpr std::size_t kBackedUp = 1 << 20;       // bytes unread by the peer above which it is not served
 constexpr std::size_t kDrained = 256 << 10;      // below this it is served again
 constexpr std::size_t kOutputBound = 32u << 20;  // above this it is closed
@@ -20,7 +20,7 @@ constexpr std::size_t kAllOutputBound = 128u << 20;
 constexpr std::int64_t kHelloLimit = 10'000'000'000, kClosingLimit = 2'000'000'000;
 constexpr std::uint16_t kVersionBitmap = 1;
 
-// Header version 4 and a bitmap with version 4 alone.
+// HELLO with header version 4 and a bitmap with version 4 alone.
 constexpr std::uint8_t kHelloMessage[] = {kVersion, kHello, 0, 16, 0, 0, 0, 1, 0, kVersionBitmap, 0, 8, 0, 0, 0, 1 << kVersion};
 constexpr std::uint8_t kProbe[] = {kVersion, kEchoRequest, 0, 8, 0, 0, 0, 2};
 
@@ -28,7 +28,7 @@ std::size_t length_of(Bytes message) {
   return be16(message, kOfLength);
 }
 
-// Whether the versions that a HELLO offers contain ours: by its bitmap, else by the version of its header, which is the highest.
+// True if a HELLO offers our version: by its bitmap, otherwise by its header's version, which is the highest.
 bool offers_our_version(Bytes hello) {
   for (std::size_t at = kOfHeader; at + 4 <= hello.size();) {
     const std::size_t length = be16(hello, at + 2);
@@ -117,8 +117,8 @@ void Connection::written() {
   if (phase_ == Phase::up) events_.drained(*this);
 }
 
-// Everything is sent. A socket that is closed with unread input resets the connection, and the peer would lose our last words: so
-// only our direction is shut, and input is thrown away until the peer closes, or the time is up.
+// Ends the connection after everything is sent. Closing a socket with unread input resets the connection, and the peer would lose
+// our last message: so only our direction is shut, and input is discarded until the peer closes or the time is up.
 void Connection::hang_up() {
   ::shutdown(bufferevent_getfd(bev_.get()), SHUT_WR);
   bufferevent_enable(bev_.get(), EV_READ);
@@ -134,7 +134,7 @@ void Connection::read() {
   }
   heard_ns_ = clock::now().count();
   probed_ns_.reset();
-  // Who waits has its turn later, however much it sends.
+  // A waiting connection continues later, however much it sends.
   if (waiting_) return wait_with_input();
   take_messages();
 }
@@ -153,7 +153,7 @@ void Connection::take_messages() {
     if (evbuffer_peek(input, -1, nullptr, &first, 1) < 1) break;
     std::size_t taken = take_chunk(Bytes(static_cast<const std::byte *>(first.iov_base), first.iov_len));
     if (taken == 0 && !waiting_ && phase_ < Phase::closing) {
-      // A message across the border of two buffers is moved together.
+      // A message across two buffers is joined.
       const std::size_t there = evbuffer_get_length(input);
       if (there < kOfHeader) break;
       const auto *header = reinterpret_cast<const std::byte *>(evbuffer_pullup(input, kOfHeader));
@@ -182,7 +182,7 @@ void Connection::stop_reading(bool stop) {
   (stop ? bufferevent_disable : bufferevent_enable)(bev_.get(), EV_READ);
 }
 
-// Takes whole messages from the front of `chunk`; the number of bytes taken.
+// Takes whole messages from the front of `chunk`; returns the number of bytes taken.
 std::size_t Connection::take_chunk(Bytes chunk) {
   std::size_t at = 0;
   while (chunk.size() - at >= kOfHeader) {
@@ -207,7 +207,7 @@ bool Connection::take_one(Bytes message, bool scanned) {
   if (phase_ == Phase::hello) {
     take_hello(message);
   } else if (type == kHello) {
-    // A second one changes nothing.
+    // A second HELLO changes nothing.
   } else if (be8(message, 0) != kVersion) {
     send_error(err::kBadVersion, message);
   } else if (type == kEchoRequest || type == kEchoReply) {
@@ -219,9 +219,8 @@ bool Connection::take_one(Bytes message, bool scanned) {
   return phase_ < Phase::closing;
 }
 
-// Whether the header cannot be one: its length is none that a message has, or the first message is not HELLO. The connection ends
-// then, because the next header cannot be found, or because the peer speaks something else and its "length" is not to be waited
-// for.
+// True, after ending the connection, for an invalid header: its length is impossible, so that the next header cannot be found, or
+// the first message is not HELLO, so that the peer speaks another protocol and its "length" must not be trusted.
 bool Connection::bad_header(Bytes header) {
   const bool too_short = length_of(header) < kOfHeader;
   if (phase_ == Phase::hello && (too_short || be8(header, kOfType) != kHello)) {
@@ -254,7 +253,7 @@ void Connection::take_echo(Bytes message, bool scanned) {
   send(message.subspan(kOfHeader));
 }
 
-// Looks through the messages that wait and answers the echo requests among them that have not been answered.
+// Answers the unanswered echo requests among the waiting messages.
 void Connection::answer_waiting_echoes() {
   evbuffer *input = bufferevent_get_input(bev_.get());
   const std::size_t there = evbuffer_get_length(input);
@@ -303,7 +302,7 @@ void Connection::abort(const std::string &why) {
   events_.gone(*this);
 }
 
-// At once and not with the object, which lives until the end of the turn: one turn can send gigabytes.
+// Frees the output at once, not with the object, which lives until the end of the turn: one turn can send gigabytes.
 void Connection::drop_output() {
   evbuffer *output = bufferevent_get_output(bev_.get());
   evbuffer_unfreeze(output, 1);
@@ -316,8 +315,8 @@ void Connection::check(std::int64_t now_ns) {
   if (phase_ == Phase::up && !waiting_) probe(now_ns);
 }
 
-// Silence alone is no sign of a dead peer: while its messages wait, none of it is heard. So it has two intervals to answer,
-// however long it was silent before.
+// Silence alone does not prove a dead peer, because its waiting messages are not read. So it has two intervals to answer, however
+// long it was silent before.
 void Connection::probe(std::int64_t now_ns) {
   const std::int64_t interval = limits_.echo_interval_ns;
   if (interval == 0 || now_ns - heard_ns_ < interval) return;

@@ -64,7 +64,7 @@ EndpointState EndpointSet::state_of(const std::string &endpoint, bool connected)
 }
 
 void EndpointSet::reconfigure(EndpointSettings fresh, const std::vector<std::string> &stay) {
-  // Without new certificates the old ones stay.
+  // Without new certificates the old ones stay in use.
   if (!fresh.tls) std::swap(settings_.tls, fresh.tls);
   settings_ = std::move(fresh);
   for (const auto &listener : listeners_) listener->use_tls(settings_.tls.get());

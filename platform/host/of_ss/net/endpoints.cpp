@@ -26,8 +26,8 @@ struct Method {
 };
 constexpr Method kMethods[] = {{"ptcp:", true, false}, {"pssl:", true, true}, {"tcp:", false, false}, {"ssl:", false, true}};
 
-// "" or why the host cannot be used. A name is for the dialer; of a listener it would be the address of an interface that may
-// come or change later.
+// Returns "" or why the host cannot be used. Names are for dialers only; a listener's name would stand for the address of an
+// interface that may appear or change later.
 std::string take_host(std::string host, const std::string &port, Endpoint &endpoint) {
   if (host.size() > 1 && host.front() == '[') host = host.substr(1, host.size() - 2);
   Addresses found;
@@ -54,7 +54,7 @@ Peer peer_of(const sockaddr *address, const Endpoint &endpoint) {
           v4 ? reinterpret_cast<const sockaddr_in *>(address)->sin_addr.s_addr : 0, endpoint.text};
 }
 
-// Replies are small and awaited.
+// Disables Nagle's algorithm, because replies are small and awaited.
 void send_at_once(evutil_socket_t fd) {
   const int on = 1;
   setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
@@ -143,7 +143,8 @@ void Listener::accepted(evutil_socket_t fd, const sockaddr *address) {
   accept_(std::move(bev), peer_of(address, endpoint_), nullptr);
 }
 
-// Out of file descriptors or memory: the connection stays in the backlog and is tried again a little later, not at full speed.
+// Without file descriptors or memory the connection stays in the backlog, and is accepted after a pause instead of in a busy
+// loop.
 void Listener::failed() {
   log::warn("cannot accept a connection on {}: {}", endpoint_.text, strerror(errno));
   evconnlistener_disable(listener_.get());

@@ -1,5 +1,5 @@
-// Where connections come from: sockets that listen ("ptcp:HOST:PORT", "pssl:HOST:PORT") and controllers that are connected to
-// ("tcp:HOST:PORT", "ssl:HOST:PORT"). Openflow thread, except where it says otherwise.
+// The sources of connections: listening sockets ("ptcp:HOST:PORT", "pssl:HOST:PORT") and controllers to connect to
+// ("tcp:HOST:PORT", "ssl:HOST:PORT"). Openflow thread, unless noted otherwise.
 #pragma once
 
 #include <event2/event.h>
@@ -18,29 +18,29 @@
 
 namespace host::of_ss {
 
-// An address of the configuration, as text and taken apart.
+// An address from the configuration, as text and parsed.
 struct Endpoint {
   std::string text;
   bool listens = false;
   bool tls = false;
-  // Where a name stands for the address, it is looked up at each attempt to connect.
+  // A name instead of an address is looked up at each attempt to connect.
   std::string host, port;
   sockaddr_storage address{};
-  socklen_t address_len = 0;  // 0: there is a name
+  socklen_t address_len = 0;  // 0: `host` is a name
 };
 
-// What has become of an endpoint; the names are `listening`, `connected`, `connecting`, `failing` and `unusable`.
+// The state of an endpoint; its names are `listening`, `connected`, `connecting`, `failing` and `unusable`.
 struct EndpointState {
   std::string name;
-  std::string error;  // why it fails or cannot be used; otherwise empty
+  std::string error;  // why it fails or is unusable; otherwise empty
 };
 
-// Reads one; false and `error` when it is none. Nothing is looked up. Any thread.
+// Parses an endpoint; false and `error` if it is invalid. Looks up nothing. Any thread.
 bool parse_endpoint(const std::string &text, Endpoint &endpoint, std::string &error);
 
 class Dialer;
 
-// Gets a connection that is there or being set up, and the dialer that made it; null for one that was accepted.
+// Receives a connection that is established or in progress, and the dialer that made it; null for an accepted one.
 using Accept = std::function<void(BuffereventOwner bev, Peer peer, Dialer *dialer)>;
 
 struct FreeListener {
@@ -51,12 +51,12 @@ using ListenerOwner = std::unique_ptr<evconnlistener, FreeListener>;
 class Listener {
  public:
   Listener(event_base *base, const Endpoint &endpoint, SSL_CTX *tls, Accept accept);
-  // Begins to listen, unless it does already; the first failure is logged. To be called again later after a failure.
+  // Begins to listen unless it already does; the first failure is logged. After a failure it must be called again later.
   void open();
   const std::string &target() const { return endpoint_.text; }
-  // For connections to come; without effect where there is no TLS.
+  // Sets the certificates of future connections; without effect on endpoints without TLS.
   void use_tls(SSL_CTX *tls) { tls_ = endpoint_.tls ? tls : nullptr; }
-  // The port that is bound; 0 when none is.
+  // The bound port; 0 if none is.
   std::uint16_t port() const;
   EndpointState state() const;
 
@@ -70,11 +70,11 @@ class Listener {
   Accept accept_;
   ListenerOwner listener_;
   EventOwner pause_;
-  std::string failure_;  // the last one that was logged; empty while it listens
+  std::string failure_;  // last failure logged; empty while it listens
 };
 
-// Keeps one connection to a controller: looks up its name, where it has one, connects, and after each failure or end waits a
-// little longer, with jitter, up to a bound. Of several addresses of a name each attempt takes the next.
+// Maintains one connection to a controller: looks up its name, if any, connects, and after each failure or end waits a little
+// longer, with jitter, up to a bound. Successive attempts use successive addresses of a name.
 class Dialer {
  public:
   Dialer(event_base *base, const Endpoint &endpoint, SSL_CTX *tls, Accept accept);
@@ -82,11 +82,11 @@ class Dialer {
   Dialer &operator=(const Dialer &) = delete;
 
   void dial();
-  // The connection that it made has ended; `was_up` when it had got through. A reason is logged when it is a new one.
+  // The dialer's connection has ended; `was_up` if it had been established. A new reason is logged.
   void ended(bool was_up, const std::string &why);
   const std::string &target() const { return endpoint_.text; }
   void use_tls(SSL_CTX *tls) { tls_ = endpoint_.tls ? tls : nullptr; }
-  // Of one whose connection is not up.
+  // The state while its connection is not up.
   EndpointState state() const;
 
  private:
@@ -98,10 +98,10 @@ class Dialer {
   SSL_CTX *tls_;
   Accept accept_;
   EventOwner timer_;
-  std::unique_ptr<Lookup> lookup_;  // while it is under way
-  std::size_t looked_up_ = 0;       // how often addresses have been found
+  std::unique_ptr<Lookup> lookup_;  // while it runs
+  std::size_t looked_up_ = 0;       // number of successful look-ups
   std::int64_t delay_ms_;
-  std::string failure_;  // the last one that was logged; empty after a connection that got through
+  std::string failure_;  // last failure logged; empty after a successful connection
 };
 
 }  // namespace host::of_ss

@@ -25,8 +25,8 @@ std::string find_addresses(const std::string &host, const std::string &port, int
   return fmt::format("the host has no address: {}", rv == EAI_SYSTEM ? strerror(errno) : gai_strerror(rv));
 }
 
-// Of the look-up and its thread; the last of them releases it. The thread writes until `there` is set; then `fd` becomes
-// readable.
+// Shared by the look-up and its thread; the last of the two releases it. The thread writes until `there` is set; then `fd`
+// becomes readable.
 struct Lookup::Shared {
   Shared(std::string h, std::string p) : host(std::move(h)), port(std::move(p)) {}
   ~Shared() { close(fd); }
@@ -64,7 +64,7 @@ void Lookup::start() {
   }
 }
 
-// The look-up may be destroyed in the call.
+// The look-up may be destroyed inside the call.
 void Lookup::answered() {
   if (shared_->there.load(std::memory_order_acquire)) std::exchange(done_, nullptr)();
 }

@@ -1,9 +1,8 @@
-// The addresses of a host's name, from wherever the machine's other programs have them (/etc/hosts, name servers, ...). Openflow
-// thread.
+// Looks up the addresses of a host's name in the same sources as the machine's other programs (/etc/hosts, name servers, ...).
+// Openflow thread.
 //
-// The C library's look-up does all of that, but blocks for as long as a name server is silent. So it runs on a thread of its own,
-// which is left alone when the answer is no longer wanted: it ends by itself within the limits of /etc/resolv.conf, or with the
-// process.
+// The C library's look-up does that, but blocks for as long as a name server is silent. So it runs on a separate thread, which is
+// abandoned when the answer is no longer wanted: it ends within the limits of /etc/resolv.conf, or with the process.
 #pragma once
 
 #include <netdb.h>
@@ -21,21 +20,21 @@ struct FreeAddresses {
 };
 using Addresses = std::unique_ptr<addrinfo, FreeAddresses>;
 
-// Asks the C library for addresses to connect or listen to; `flags` are its own (AI_...). "" or why there is none.
+// Asks the C library for addresses to connect or listen to; `flags` are AI_*. Returns "" or why there is none.
 std::string find_addresses(const std::string &host, const std::string &port, int flags, Addresses &found);
 
 class Lookup {
  public:
-  // Calls `done` in a later turn of the loop of `base`, unless it is destroyed before; `done` may destroy it.
+  // Calls `done` in a later turn of `base`'s loop, unless the look-up is destroyed first; `done` may destroy it.
   Lookup(event_base *base, const std::string &host, const std::string &port, std::function<void()> done);
   ~Lookup();
   Lookup(const Lookup &) = delete;
   Lookup &operator=(const Lookup &) = delete;
 
-  // ---- when it is done
+  // ---- after `done`
 
-  const std::string &error() const;   // why there is no address; otherwise empty
-  const addrinfo *addresses() const;  // at least one without an error; they live as long as the look-up
+  const std::string &error() const;   // why no address was found; otherwise empty
+  const addrinfo *addresses() const;  // at least one if there was no error; valid as long as the look-up
 
  private:
   struct Shared;

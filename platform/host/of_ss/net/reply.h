@@ -1,4 +1,4 @@
-// A message to a controller, as it is being written. Openflow thread.
+// A message to a controller under construction. Openflow thread.
 #pragma once
 
 #include <cstdint>
@@ -20,7 +20,7 @@ class Reply {
     out.u32(xid);
   }
   void send(Connection &connection) { connection.send(finish()); }
-  // The finished bytes, to be sent more than once.
+  // The finished bytes, which may be sent more than once.
   Bytes finish() {
     out.patch16(kOfLength, buffer_.size());
     return buffer_;

@@ -1,4 +1,4 @@
-// What connections and endpoints ask of a socket and its TLS. Openflow thread.
+// Helpers for sockets and TLS, used by connections and endpoints. Openflow thread.
 #pragma once
 
 #include <event2/bufferevent.h>
@@ -14,10 +14,10 @@ struct FreeBufferevent {
 };
 using BuffereventOwner = std::unique_ptr<bufferevent, FreeBufferevent>;
 
-// Why the last operation of a connection failed, in words; of TLS with what was wrong with the certificate.
+// Describes why the last operation of a connection failed; for TLS including any fault of the certificate.
 std::string failure_text(bufferevent *bev);
 
-// The machine's interface that the connection runs over; 0 when that is not known.
+// The index of the machine's interface that the connection uses; 0 if unknown.
 std::uint32_t local_interface(evutil_socket_t fd);
 
 }  // namespace host::of_ss

@@ -1,4 +1,4 @@
-// Messages that nobody asked for (OpenFlow 1.3.5, 7.4), to the controllers that want them. Openflow thread.
+// Sends asynchronous messages (OpenFlow 1.3.5, 7.4) to the controllers that want them. Openflow thread.
 #pragma once
 
 #include "host/ddm/ports.h"
@@ -6,13 +6,13 @@
 
 namespace host::of_ss {
 
-// OFPT_FLOW_REMOVED.
+// Sends OFPT_FLOW_REMOVED.
 void send_flow_removed(Switch &sw, const FlowEntry &flow, RemovedReason reason);
 
-// Looks at the ports again and sends an OFPT_PORT_STATUS for each change.
+// Updates the ports and sends an OFPT_PORT_STATUS for each change.
 void update_ports(Switch &sw);
 
-// An ofp_port (7.2.1).
+// Writes an ofp_port (7.2.1).
 void put_port(Writer &out, const ddm::Port &port);
 
 }  // namespace host::of_ss

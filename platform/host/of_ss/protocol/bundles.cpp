@@ -10,14 +10,14 @@
 namespace host::of_ss {
 namespace {
 
-// An experimenter's message: the header, experimenter u32, type u32; here then bundle u32 and, in a control message, type u16 and
-// flags u16, in an add two bytes of padding, flags u16 and the message.
+// An experimenter message is header, experimenter u32, type u32; here bundle u32 follows and then, in a control message, type u16
+// and flags u16, in an add two bytes of padding, flags u16 and the message.
 constexpr std::size_t kExpType = 12, kBundle = 16, kType = 20, kFlags = 22, kControlLength = 24, kAdded = 24;
 constexpr std::uint32_t kControl = 2300, kAdd = 2301;
-enum ControlType : std::uint16_t { kOpen = 0, kClose = 2, kCommit = 4, kDiscard = 6 };  // a reply has the number behind
+enum ControlType : std::uint16_t { kOpen = 0, kClose = 2, kCommit = 4, kDiscard = 6 };  // the reply to each has the next number
 constexpr std::uint16_t kAtomic = 1, kOrdered = 2;
 
-// Bounds of what is collected: of one connection, and of all together.
+// Bounds of collected bundles: per connection, and of all connections together.
 constexpr std::ptrdiff_t kBundlesMax = 32;
 constexpr std::size_t kBytesMax = 64u << 20;
 constexpr std::int64_t kIdleLimit = 60'000'000'000;
@@ -89,7 +89,7 @@ Verdict Bundles::add(Connection &connection, Bytes message) {
   return verdict;
 }
 
-// A flow-mod that could not be carried out in any state of the table is refused at once.
+// A flow-mod that no state of the table could accept is refused at once.
 Verdict Bundles::put(Bytes message, Bundle &bundle) {
   const Bytes added = message.subspan(kAdded);
   if (bundle.closed) return refuse(err::kBundleClosed, "bundle", "it is closed");
@@ -110,7 +110,7 @@ Verdict Bundles::put(Bytes message, Bundle &bundle) {
 
 Verdict Bundles::close(Connection &connection, Bytes message) {
   const auto at = open_.find(key_of(connection, message));
-  if (at == open_.end()) return refuse(err::kBundleBadId, "bundle", "there is none with this number");
+  if (at == open_.end()) return refuse(err::kBundleBadId, "bundle", "no bundle has this number");
   if (at->second.closed) return refuse(err::kBundleClosed, "bundle", "it is closed already");
   at->second.closed = true;
   reply(connection, message);
@@ -119,7 +119,7 @@ Verdict Bundles::close(Connection &connection, Bytes message) {
 
 Verdict Bundles::discard(Connection &connection, Bytes message) {
   const auto at = open_.find(key_of(connection, message));
-  if (at == open_.end()) return refuse(err::kBundleBadId, "bundle", "there is none with this number");
+  if (at == open_.end()) return refuse(err::kBundleBadId, "bundle", "no bundle has this number");
   erase(at);
   reply(connection, message);
   return {};
@@ -127,7 +127,7 @@ Verdict Bundles::discard(Connection &connection, Bytes message) {
 
 Verdict Bundles::commit(Connection &connection, Bytes message) {
   const auto at = open_.find(key_of(connection, message));
-  if (at == open_.end()) return refuse(err::kBundleBadId, "bundle", "there is none with this number");
+  if (at == open_.end()) return refuse(err::kBundleBadId, "bundle", "no bundle has this number");
   const bool same_flags = at->second.flags == be16(message, kFlags), spoiled = at->second.spoiled;
   Commit begun{std::move(at->second), number_of(message), sw_.origin(connection, message)};
   bytes_ -= begun.bundle.messages.size();

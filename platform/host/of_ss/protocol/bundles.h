@@ -2,9 +2,9 @@
 // them, all or none.
 //
 // A commit waits until the daemon has answered for everything before it. Then its flow-mods are carried out as a transaction of
-// the flows, in which what is replaced or deleted stays where it is; when all new flows are installed, the old ones go, and when
-// one of them fails, the new ones. The controller gets the error of the flow-mod that failed, and OFPBFC_MSG_FAILED for the
-// commit. Meanwhile no other request changes flows or meters. Openflow thread only.
+// the flows, in which replaced and deleted flows stay installed; once all new flows are installed, the old ones are deleted, and
+// if one fails, the new ones. The controller gets the error of the failed flow-mod, and OFPBFC_MSG_FAILED for the commit.
+// Meanwhile no other request changes flows or meters. Openflow thread only.
 #pragma once
 
 #include <cstdint>
@@ -25,33 +25,33 @@ class Bundles {
  public:
   explicit Bundles(Switch &sw) : sw_(sw) {}
 
-  // Carries out a message of the extension, which is an experimenter's and has at least 16 bytes, or says why not.
+  // Carries out a message of the extension, an experimenter message of at least 16 bytes, or returns why not.
   Verdict handle(Connection &connection, Bytes message);
-  // Whether handle would begin a commit.
+  // True if handle would begin a commit.
   static bool commits(Bytes message);
 
-  // The message that an add to a bundle carries; empty where the message is no such thing. Either may be cut short.
+  // The message carried by an add to a bundle; empty for other messages. Either may be cut short.
   static Bytes carried_by(Bytes message);
 
-  // Goes on with a commit as far as the daemon keeps up.
+  // Continues a commit as far as the daemon keeps up.
   void advance();
   bool is_committing() const { return commit_.has_value(); }
 
-  // The connection has gone.
+  // Drops the bundles of a connection that has ended.
   void forget(std::uint64_t generation);
-  // To be called about every second: discards bundles that nothing is added to any more.
+  // To be called about every second: discards bundles that have not been used for too long.
   void expire(std::int64_t now_ns);
 
  private:
   struct Bundle {
     std::uint16_t flags;
-    std::uint32_t xid;  // of the request that opened it
+    std::uint32_t xid;  // of the opening request
     std::int64_t used_ns;
     bool closed = false;
-    bool spoiled = false;  // a message for it was refused: it cannot be committed
+    bool spoiled = false;  // a message for it was refused, so that it cannot be committed
     std::vector<std::byte> messages = {};
   };
-  using Key = std::pair<std::uint64_t, std::uint32_t>;  // generation of the connection, number of the bundle
+  using Key = std::pair<std::uint64_t, std::uint32_t>;  // the connection's generation, the bundle's number
   struct Commit {
     Bundle bundle;
     std::uint32_t number;
@@ -86,7 +86,7 @@ class Bundles {
 
   Switch &sw_;
   std::map<Key, Bundle> open_;
-  std::size_t bytes_ = 0;  // of all messages in them
+  std::size_t bytes_ = 0;  // of all messages in open bundles
   std::optional<Commit> commit_;
 };
 

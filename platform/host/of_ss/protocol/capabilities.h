@@ -1,4 +1,4 @@
-// What controllers can expect of the agent, made of the tables that it decides by. Any thread.
+// What controllers can expect of the agent, built from the tables that drive its decisions. Any thread.
 #pragma once
 
 #include <nlohmann/json_fwd.hpp>

@@ -1,4 +1,4 @@
-// Carries out an OFPT_FLOW_MOD (OpenFlow 1.3.5, 7.3.4.1), of a controller or from a bundle. Openflow thread.
+// Carries out an OFPT_FLOW_MOD (OpenFlow 1.3.5, 7.3.4.1) from a controller or a bundle. Openflow thread.
 #pragma once
 
 #include "host/of_ss/switch/switch.h"

@@ -19,7 +19,7 @@ constexpr std::size_t kExpType = kBody + 4, kMonitors = kBody + 8;
 namespace monitor {
 constexpr std::size_t kFlags = 4, kMatchLen = 6, kOutPort = 8, kTableId = 12, kMatch = 16;
 }
-// A message: experimenter u32, type u32, here then the id u32.
+// The cancel message: experimenter u32, type u32, id u32.
 constexpr std::size_t kCancelType = 12, kCancelId = 16, kCancelLength = 20;
 
 enum Flag : std::uint16_t { kInitial = 1, kAdd = 2, kDelete = 4, kModify = 8, kInstructions = 16, kOwn = 32, kAllFlags = 63 };
@@ -29,7 +29,7 @@ enum Flag : std::uint16_t { kInitial = 1, kAdd = 2, kDelete = 4, kModify = 8, kI
 enum WireEvent : std::uint16_t { kAdded = 0, kDeletedEvent = 1, kModified = 2, kAbbreviated = 3 };
 constexpr std::size_t kUpdateMatchLen = 12;
 
-// Bounds of what each change is compared with: monitors of one connection, and of all together.
+// Bounds of the monitors that each change is compared with: per connection, and of all connections.
 constexpr std::size_t kMonitorsMax = 32, kMonitorsTotal = 256;
 
 struct EventRow {
@@ -37,7 +37,7 @@ struct EventRow {
   Flag wanted_by;
 };
 
-// The rows stand in the order of FlowEvent.
+// The rows are in the order of FlowEvent.
 const EventRow &row_of(FlowEvent event) {
   static constexpr EventRow kEvents[] = {
       {kAdded, kAdd}, {kDeletedEvent, kDelete}, {kModified, kModify}, {kAdded, kAdd}, {kModified, kModify}};
@@ -48,19 +48,20 @@ struct Monitor {
   std::uint32_t id;
   std::uint16_t flags;
   std::uint32_t out_port;
-  FlowMod filter;  // but for the port
+  FlowMod filter;  // without the port
 
   bool is_for_port(const FlowEntry &flow) const { return out_port == port::kAny || output_port(flow.southbound()) == out_port; }
 };
 
-// Those of one request. While the flows that are there are being told, `told` is how far in the table, and `xid` of the request.
+// The monitors of one request. While the existing flows are being reported, `told` is the position in the table, and `xid` the
+// request's.
 struct Group {
   std::vector<Monitor> monitors;
   std::uint32_t xid;
   std::optional<std::uint32_t> told;
 };
 
-// The flows that were there at some time.
+// The flows that existed at a given time.
 struct Epoch {
   std::uint64_t newest;
   std::int64_t at_ns;
@@ -68,15 +69,15 @@ struct Epoch {
   bool knows(const FlowEntry &flow) const { return flow.index() <= newest || flow.created_ns < at_ns || flow.replaces; }
 };
 
-// A walk over the table for what has come or changed since; when updates pause again meanwhile, another one follows. What came
-// behind the beginning of the pause may have been told by another walk too, up to the index `newest_told`.
+// A walk over the table for flows added or changed since a pause; if updates pause again meanwhile, another walk follows. Flows
+// added after the beginning of the pause may also have been reported by another walk, up to index `newest_told`.
 struct Pause {
   Epoch since;
   std::uint64_t newest_told;
   std::uint32_t told = 0;
   std::optional<Epoch> again = {};
 
-  // Whether the peer may know the flow: it is told of the end of some that it does not know, and of all that it knows.
+  // True if the peer may know the flow: deletions are reported for all flows that it knows, and for some that it does not.
   bool may_know(const FlowEntry &flow) const { return flow.slot < told || flow.index() <= newest_told || since.knows(flow); }
 };
 
@@ -84,14 +85,14 @@ std::size_t padded(std::size_t length) {
   return (length + 7) & ~std::size_t{7};
 }
 
-// Whether the monitor has been told of the flow, if it asked for the first ones; of its deletion also when it may have been told
+// True if the monitor, having requested the first flows, has been told of the flow; for a deletion also if it may have been told
 // of an older form.
 bool is_told(const Group &group, const Monitor &monitor, const FlowEntry &flow, Flag wanted) {
   return !group.told || !(monitor.flags & kInitial) || flow.slot < *group.told || (wanted == kDelete && flow.replaces);
 }
 
-// The flags of the monitors in the group that ask for the flow and have `wanted`. A change is also told when the `older` form
-// went to the port, and any change where that form has gone.
+// The flags of the group's monitors that cover the flow and have `wanted`. A change is also reported if the `older` form went to
+// the port, or, with `any_port`, whatever the port, because that form is gone.
 std::uint16_t wanting(const Group &group, const FlowEntry &flow, Flag wanted, const FlowEntry *older, bool any_port = false) {
   std::uint16_t flags = 0;
   for (const Monitor &monitor : group.monitors)
@@ -120,7 +121,7 @@ void put_update(Writer &out, const FlowEntry &flow, WireEvent event, RemovedReas
   out.patch16(start, out.size() - start);
 }
 
-// Reads one monitor from the front of `entry`, whose length it leaves in `length`.
+// Reads one monitor from the front of `entry` and stores its length in `length`.
 Verdict read_monitor(Bytes entry, Monitor &out, std::size_t &length) {
   if (entry.size() < monitor::kMatch) return refuse(err::kBadLen, "flow monitor", "the request is shorter than its monitors");
   const std::size_t match_len = be16(entry, monitor::kMatchLen);
@@ -147,8 +148,8 @@ Verdict read_monitor(Bytes entry, Monitor &out, std::size_t &length) {
 
 }  // namespace
 
-// What one connection watches, and how far it has been told. `abbreviated` is the last request of its own that was told of
-// without the flows.
+// The monitors of one connection and the progress of its updates. `abbreviated` is its own last request that was reported in
+// abbreviated form.
 struct Watcher {
   std::vector<Group> groups;
   std::optional<Pause> pause;
@@ -159,7 +160,7 @@ struct Watcher {
     for (const Group &group : groups) sum += group.monitors.size();
     return sum;
   }
-  // Whether the first flows are still being told.
+  // True while the first flows are still being reported.
   bool is_at_first() const {
     return std::ranges::any_of(groups, [](const Group &group) { return group.told.has_value(); });
   }
@@ -251,7 +252,7 @@ void Monitors::sweep() {
 
 // ---- updates
 
-// By number: a connection that holds too much unsent ends in the middle.
+// Walks by number, because a connection with too much unsent output may end in between.
 void Monitors::flow_changed(const FlowEntry &flow, const FlowChange &change) {
   for (std::size_t n = 0; n < watching_.size(); ++n)
     if (watcher(watching_[n])) tell(*sw_.controllers.find(watching_[n]), flow, change);
@@ -270,7 +271,7 @@ void Monitors::tell(Connection &connection, const FlowEntry &flow, const FlowCha
     send_update(connection, flow, change, flags);
 }
 
-// Whether there is nothing to tell: of what the peer does not know, or of what the walk over what has changed finds later.
+// True if nothing is to be reported now: the peer does not know the flow, or a later walk over the changes will find it.
 bool Monitors::is_to_wait(Connection &connection, const FlowEntry &flow, FlowEvent event) {
   auto &pause = connection.session().watcher->pause;
   if (event == FlowEvent::unchanged) return pause || connection.is_backed_up();
@@ -295,7 +296,7 @@ void Monitors::send_update(Connection &connection, const FlowEntry &flow, const 
   parts.end();
 }
 
-// One for all that the request changes.
+// Sends one abbreviated update for all changes of the request.
 void Monitors::abbreviate(Connection &connection, const Author &author) {
   Watcher &watcher = *connection.session().watcher;
   if (std::exchange(watcher.abbreviated, author.request) == author.request) return;
@@ -316,7 +317,7 @@ void Monitors::notify(Connection &connection, std::uint32_t type) {
 
 // ---- walks over the table
 
-// A transaction shows flows that may go again: it is waited for.
+// Waits for the end of a transaction, whose flows may be undone.
 void Monitors::go_on(Connection &connection) {
   Watcher *watcher = connection.session().watcher.get();
   if (!watcher || sw_.flows.is_in_transaction()) return;
@@ -328,7 +329,7 @@ void Monitors::go_on() {
     if (Connection *connection = sw_.controllers.find(watching_[n])) go_on(*connection);
 }
 
-// Puts entries from the cursor on until all flows have been looked at, then true, or the peer has enough to read for now.
+// Writes entries from the cursor on until all flows have been visited (true) or the peer has enough to read for now (false).
 template <typename Put>
 bool Monitors::walk(Connection &connection, std::uint32_t xid, std::uint32_t &cursor, bool is_reply, Put &&put) {
   while (!connection.is_backed_up()) {

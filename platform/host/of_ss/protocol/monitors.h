@@ -1,7 +1,7 @@
-// Flow monitors (ONF extension 187 to OpenFlow 1.3): a controller names flows and is told of every change among them.
+// Flow monitors (ONF extension 187 to OpenFlow 1.3): a controller selects flows and is told of every change to them.
 //
-// An update leaves with the change, before the answer to a barrier behind it. When a peer does not read, updates pause: only
-// deletions are told, and when it has read, what has come or changed meanwhile. That is found by index and time of creation, so
+// An update is sent with the change, before the answer to a later barrier. When a peer does not read, updates pause: only
+// deletions are sent, and once it has read, the flows added or changed meanwhile. These are found by index and creation time, so
 // that a pause takes no memory. Openflow thread only.
 #pragma once
 
@@ -23,19 +23,19 @@ class Monitors {
 
   // Sets up the monitors of an experimenter multipart request, all or none, and answers it.
   Verdict request(Connection &connection, Bytes message);
-  // Whether it is one.
+  // True if the message is such a request.
   static bool is_request(Bytes message);
-  // Carries out a message of the extension, which is an experimenter's and has at least 16 bytes.
+  // Carries out a message of the extension, an experimenter message of at least 16 bytes.
   Verdict cancel(Connection &connection, Bytes message);
   static bool is_cancel(Bytes message);
 
-  // Tells every connection that watches the flow, at once. A connection whose output is full may end inside the call.
+  // Tells every connection that monitors the flow, at once. A connection whose output is full may end inside the call.
   void flow_changed(const FlowEntry &flow, const FlowChange &change);
 
-  // Goes on with what the connection is still to be told, as far as the peer reads; and all connections.
+  // Continue the outstanding updates of one connection, as far as its peer reads, or of all connections.
   void go_on(Connection &connection);
   void go_on();
-  // Forgets connections that have gone.
+  // Drops the monitors of connections that have ended.
   void sweep();
 
  private:

@@ -15,7 +15,7 @@
 
 namespace host::of_ss {
 
-// A FLOW reply on its way: which flows, and how far it is.
+// A FLOW reply in progress: its filter and its position.
 struct Dump {
   std::uint32_t xid;
   bool aggregate;
@@ -65,7 +65,7 @@ void put_port_stats(Writer &out, const ddm::Port &port) {
   out.u32(port.ifx);
   out.zeros(4);
   for (std::size_t n = 0; n < std::tuple_size_v<ddm::Counters>; ++n) out.u64(counters ? (*counters)[n] : kUnknown);
-  out.u32(~std::uint32_t{0});  // how long the port has been there is not known
+  out.u32(~std::uint32_t{0});  // the port's age is unknown
   out.u32(~std::uint32_t{0});
 }
 
@@ -162,7 +162,7 @@ Verdict table_features(Switch &sw, Connection &connection, Bytes request) {
   return {};
 }
 
-// What the switch does not have: an empty body.
+// Answers with an empty body for features that the switch lacks.
 Verdict nothing(Switch &sw, Connection &connection, Bytes request) {
   Parts(sw.scratch, connection, request).end();
   return {};
@@ -177,8 +177,8 @@ Verdict group_features(Switch &sw, Connection &connection, Bytes request) {
 
 // ---- meters
 
-// How many flows use each meter. One walk over the table, however many meters are asked for: there may be a thousand of them, and
-// a hundred times as many flows.
+// The number of flows that use each meter, from a single walk over the table: there may be a thousand meters, and a hundred times
+// as many flows.
 using MeterUsers = std::unordered_map<std::uint32_t, std::uint32_t>;
 MeterUsers meter_users(const FlowTable &table) {
   MeterUsers users;
@@ -251,7 +251,7 @@ Verdict meter_features(Switch &sw, Connection &connection, Bytes request) {
   std::uint32_t bands = 0;
   for (const Named &band : kMeterBands) bands |= 1u << band.number;
   out.u32(bands);
-  out.u32(all_bits(kMeterFlags) & ~kMeterStats);  // a request for statistics is accepted, but none are kept
+  out.u32(all_bits(kMeterFlags) & ~kMeterStats);  // the flag for statistics is accepted, but none are kept
   out.u8(kMaxBands);
   out.u8(0);
   out.zeros(2);

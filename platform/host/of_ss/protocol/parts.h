@@ -8,10 +8,10 @@
 
 namespace host::of_ss {
 
-// A part is closed when it is longer than this; no entry is longer than the rest.
+// A part is closed once it is longer than this many bytes; no entry is longer than the rest of 64 KB.
 inline constexpr std::size_t kFullPart = 60'000;
 
-// A reply of any length, sent in parts below 64 KB that end between entries. `buffer` is in use for as long as it lives.
+// A reply of any length, sent in parts below 64 KB that end between entries. It uses `buffer` for its whole life.
 class Parts {
  public:
   Parts(std::vector<std::byte> &buffer, Connection &connection, Bytes request)

@@ -26,7 +26,7 @@ Verdict bad_length(const char *what) {
   return refuse(err::kBadLen, what, "the length of the message is wrong");
 }
 
-// ---- handlers; a verdict that refuses becomes the error
+// ---- handlers; a refusing verdict becomes the error
 
 Verdict ignore(Switch &, Connection &, Bytes) {
   return {};
@@ -42,7 +42,7 @@ Verdict experimenter(Switch &sw, Connection &connection, Bytes message) {
 Verdict features(Switch &sw, Connection &connection, Bytes message) {
   Reply reply(sw.scratch, kFeaturesReply, be32(message, kOfXid));
   reply.out.u64(sw.settings.datapath_id);
-  reply.out.u32(0);  // packets that are buffered
+  reply.out.u32(0);  // number of buffered packets
   reply.out.u8(kTableCount);
   reply.out.u8(0);  // the main connection
   reply.out.zeros(2);
@@ -54,7 +54,7 @@ Verdict features(Switch &sw, Connection &connection, Bytes message) {
 
 Verdict get_config(Switch &sw, Connection &connection, Bytes message) {
   Reply reply(sw.scratch, kGetConfigReply, be32(message, kOfXid));
-  reply.out.u16(0);  // no special handling of fragments
+  reply.out.u16(0);  // fragments are handled normally
   reply.out.u16(connection.session().miss_send_len);
   reply.send(connection);
   return {};
@@ -127,7 +127,7 @@ Verdict barrier(Switch &sw, Connection &connection, Bytes message) {
   return {};
 }
 
-// Queues are those of the hardware and are not described; every port answers with none.
+// The hardware's queues are not described; the answer lists none for any port.
 Verdict queue_config(Switch &sw, Connection &connection, Bytes message) {
   const std::uint32_t number = be32(message, 8);
   if (number != port::kAny && !sw.ports.find(number)) return refuse(err::kQueueBadPort, "port", "no such port");
@@ -187,16 +187,16 @@ bool always(Bytes) {
 struct MessageRow {
   std::uint8_t type;
   std::size_t min_length = kOfHeader;
-  bool fixed = false;                                          // no longer than that either
-  Writes writes = Writes::no;                                  // not for a slave
+  bool fixed = false;                                          // `min_length` is also the maximum
+  Writes writes = Writes::no;                                  // changes the switch, so not allowed for a slave
   Verdict (*handle)(Switch &, Connection &, Bytes) = nullptr;  // null: not a message of controllers
-  bool (*is_for_daemon)(Bytes) = never;                        // whether it leads to work of the daemon
+  bool (*is_for_daemon)(Bytes) = never;                        // true if it leads to work of the daemon
 };
 
 constexpr MessageRow kUnknown{kTypeCount};
 
 constexpr std::array<MessageRow, kTypeCount> kMessages{{
-    {kHello},  // HELLO and ECHO do not come this far
+    {kHello},  // HELLO and ECHO do not get here
     {kError, 12, false, Writes::no, ignore},
     {kEchoRequest},
     {kEchoReply},

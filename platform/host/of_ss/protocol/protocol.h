@@ -1,4 +1,4 @@
-// What the switch does with each OpenFlow message: one table of message types. Openflow thread.
+// Handles the OpenFlow messages of controllers by a table of message types. Openflow thread.
 #pragma once
 
 #include <cstdint>
@@ -8,17 +8,17 @@
 
 namespace host::of_ss {
 
-// Carries out a message of a controller, or answers it with the exact error.
+// Carries out a controller's message, or answers it with the exact error.
 void handle_message(Switch &sw, Connection &connection, Bytes message);
 
-// Whether it leads to work of the daemon, so that it waits while the daemon is behind.
+// True if the message leads to work of the daemon, so that it must wait while the daemon is behind.
 bool is_for_daemon(Bytes message);
 
 // The messages that controllers may send.
 struct MessageKind {
   std::uint8_t type;
   const char *name;
-  bool writes;  // a slave may not
+  bool writes;  // changes the switch, so not allowed for a slave
   std::vector<const char *> commands;
 };
 std::vector<MessageKind> message_kinds();

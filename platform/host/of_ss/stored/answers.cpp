@@ -63,7 +63,7 @@ int answered(void *, const qx_obj *object) {
   return 0;
 }
 
-// A round of the counters ends with a published record, of no flow.
+// A round of counters ends with a published record without a flow.
 int counted(void *, const qx_obj *counter) {
   if (counter->cmd == QX_MOM_CMD_PUBLISH) tell(kRoundCounted, 0);
   if (counter->cmd != QX_MOM_CMD_SET) return 0;

@@ -18,11 +18,10 @@ namespace {
 
 using nlohmann::json;
 
-// However much there is to compare, the pause after a look is at least that many times as long as the look took this thread, but
-// not longer than so many intervals.
+// The pause after a look is at least kTimesLonger times this thread's time for the look, but at most kMostIntervals intervals.
 constexpr int kTimesLonger = 1000, kMostIntervals = 10;
 
-// After a step of a look that nobody waits for, the loop is left to others for that many times as long as the step took.
+// After a step of a look in the background, the loop serves others for this many times the step's duration.
 constexpr int kRest = 4;
 
 std::chrono::nanoseconds processor_time() {
@@ -46,7 +45,7 @@ constexpr Wording kWordings[] = {
     {"flow", "is in the target but neither stored nor asked for"},
 };
 
-// There is no record to delete. The programming service is asked to look again whether the flow is stored.
+// Without a record to delete, asks the programming service to check again whether the flow is stored.
 void doubt_flow(qx_global *global, std::uint64_t index) {
   SPolicyKelim__FlowKey key = S_POLICY_KELIM__FLOW_KEY__INIT;
   key.flow_index = index;
@@ -55,8 +54,8 @@ void doubt_flow(qx_global *global, std::uint64_t index) {
   qx_mom_publish(global, QX_MOM_UDP_DB, &flow.base, 0, 0);
 }
 
-// What a synchronisation does not repair is a meter that nobody asked for: the record of a meter outlives it. Such a meter is
-// left where the database was away when the meter was deleted.
+// A synchronisation repairs everything but unrequested meters, whose records outlive it. Such a meter is left over if the
+// database was away when the meter was deleted.
 void repair(Agent &agent, const std::vector<Difference> &differences) {
   bool others = false;
   for (const Difference &difference : differences) {
@@ -92,7 +91,7 @@ bool Audit::look() {
   return settled_;
 }
 
-// One step of a look, and what comes next.
+// Runs one step of a look and schedules the next.
 void Audit::turn() {
   if (!look_) look_ = std::make_unique<Look>(global_, agent_);
   const auto begun = std::chrono::steady_clock::now();
@@ -123,16 +122,16 @@ void Audit::end(bool undisturbed) {
   if (settled_) note(std::move(confirmed));
 }
 
-// A repair that has changed nothing is not tried again.
+// A repair without effect is not tried again.
 void Audit::note(std::vector<Difference> confirmed) {
   if (confirmed == confirmed_) return;
   confirmed_ = std::move(confirmed);
-  if (confirmed_.empty()) return log::info("audit: the database holds what was asked for again");
+  if (confirmed_.empty()) return log::info("audit: the database matches the requested state again");
   counts_.found += confirmed_.size();
-  log::warn("audit: {} ({} differences between what was asked for and what is stored)", text(confirmed_.front()),
+  log::warn("audit: {} ({} differences between the requested state and the database)", text(confirmed_.front()),
             confirmed_.size());
   if (!options_.repair) return;
-  // What the database does not take cannot be repaired: when it is back, everything is handed over again.
+  // Without writes nothing can be repaired; once they are accepted again, everything is handed over anyway.
   if (!mom::hub()->takes_writes()) return;
   ++counts_.repairs;
   for (const Difference &difference : confirmed_)

@@ -1,8 +1,8 @@
-// Compares what controllers asked for with what the database holds of it: every few seconds, and when an operator asks.
+// The audit: compares the requested state with the database, every few seconds and when an operator asks.
 //
-// A look (look.h) that ends while a request is in flight says nothing. A difference counts when two looks in a row have found it.
-// It is repaired, where that is configured, by a synchronisation: the daemon hears of everything again and forgets the rest.
-// Stored meters that nobody asked for are deleted. Loop's thread.
+// A look (look.h) that ends while a request is in flight is inconclusive. A difference counts when two consecutive looks have
+// found it. If configured, it is repaired by a synchronisation, which hands everything to the daemon again and drops the rest.
+// Unrequested stored meters are deleted. Loop's thread.
 #pragma once
 
 #include <chrono>
@@ -24,20 +24,20 @@ class Audit {
     std::chrono::seconds interval;  // 0: only when asked
     bool repair;
   };
-  // `agent` outlives the audit.
+  // `agent` must outlive the audit.
   Audit(qx_global *global, Agent &agent, const Options &options);
 
-  // Starts a comparison now and runs it as fast as the loop allows; speeds up one that is running. view() shows when it ends.
+  // Starts a comparison now and runs it as fast as the loop allows; speeds up a running one. view() shows when it has ended.
   void ask();
-  // For tests: finishes the running comparison, or runs a whole one, before it returns. True when it and the one before were
-  // undisturbed, so that differences() can be relied on.
+  // For tests: finishes the running comparison, or runs a whole one, before it returns. True if it and the previous one were
+  // undisturbed, so that differences() is reliable.
   bool look();
   const std::vector<Difference> &differences() const { return confirmed_; }
   // The latest findings, in full and as a summary.
   nlohmann::json view() const;
   nlohmann::json summary() const;
   struct Counts {
-    std::uint64_t looks = 0, found = 0, repairs = 0;  // undisturbed looks; differences, repairs so far
+    std::uint64_t looks = 0, found = 0, repairs = 0;  // undisturbed looks, differences and repairs so far
   };
   const Counts &counts() const { return counts_; }
 
@@ -49,11 +49,11 @@ class Audit {
   qx_global *global_;
   Agent &agent_;
   const Options options_;
-  std::unique_ptr<Look> look_;                // under way
-  bool hurried_ = false;                      // somebody waits for it, or for its beginning
+  std::unique_ptr<Look> look_;                // in progress
+  bool hurried_ = false;                      // a caller waits for it, or for its beginning
   std::chrono::nanoseconds cost_{0};          // processor time spent on it so far
-  bool undisturbed_ = false;                  // the last look was
-  bool settled_ = false;                      // and so was the one before
+  bool undisturbed_ = false;                  // of the last look
+  bool settled_ = false;                      // the look before was undisturbed too
   std::vector<Difference> last_, confirmed_;  // ascending
   Counts counts_;
   clock::Time looked_{};  // the last undisturbed look

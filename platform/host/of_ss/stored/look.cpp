@@ -13,16 +13,16 @@
 namespace host::of_ss {
 namespace {
 
-constexpr std::size_t kAskedStep = 1024;    // flows of the agent's in one step
-constexpr std::size_t kCompareStep = 8192;  // sights, at most a bucket more
+constexpr std::size_t kAskedStep = 1024;    // the agent's flows in one step
+constexpr std::size_t kCompareStep = 8192;  // sights; exceeded by at most a bucket
 constexpr std::size_t kCheckStep = 256;     // candidates
 
-// What the database holds of some flows and of the meters, of virtual switch 0.
+// The database's contents for some flows and for the meters, of virtual switch 0.
 struct Held {
   struct Record {
     std::vector<std::byte> data;
     bool stored = false;
-    bool good = false;  // a flow that is confirmed, a meter that has not failed
+    bool good = false;  // a confirmed flow, a meter without failure
     bool asked = false;
   };
   std::unordered_map<std::uint64_t, Record> flows;
@@ -82,7 +82,7 @@ mom::Slot &slot_of(const ProtobufCMessageDescriptor &type) {
   return mom::hub()->slot(database(), *mom::RecordType::of(&type));
 }
 
-// Has `take` called with objects of the slot, as qx_mom_scan_sync would call it.
+// A visitor that calls `take` with objects of the slot, as qx_mom_scan_sync would.
 mom::Visitor presenting(mom::Slot &slot, qx_mom_scan_cb take, void *arg) {
   return [&slot, take, arg](const mom::Key &key, mom::PackedBytes packed) {
     mom::hub()->present(slot, key, packed, take, arg);
@@ -90,7 +90,7 @@ mom::Visitor presenting(mom::Slot &slot, qx_mom_scan_cb take, void *arg) {
   };
 }
 
-// The records of these flows, of the type of `record`, which has such a key as its index.
+// Reads the records of these flows, of the type of `record`, whose index is such a key.
 template <typename Record>
 bool read(std::span<const std::uint64_t> indexes, Record record, qx_mom_scan_cb take, Held &held) {
   mom::Slot &slot = slot_of(*record.base.descriptor);
@@ -109,7 +109,7 @@ bool read_meters(qx_global *global, Held &held) {
   return qx_mom_scan_sync(global, QX_MOM_UDP_DB, &meter.base, 0, keep_meter, &held) == 0;
 }
 
-// What is wrong with one that was asked for, in the order not stored, stored otherwise, not good; and is noted as seen.
+// Checks a requested object, in the order not stored, stored otherwise, not good; and marks it as seen.
 template <typename Records, typename Number>
 void compare_one(Records &records, Number number, Bytes asked, Difference::What first, std::vector<Difference> &found) {
   const auto at = records.find(number);
@@ -129,7 +129,8 @@ void add_rest(const Records &records, Difference::What what, std::vector<Differe
     if (record.stored && !record.asked) found.push_back({what, number});
 }
 
-// The programming service confirms what its target holds, and takes that back when the flow goes.
+// Adds answers without a record: the programming service confirms flows in its target, and withdraws the answer when the flow is
+// removed.
 void add_left(const Held &held, std::vector<Difference> &found) {
   for (const auto &[index, record] : held.flows)
     if (record.good && !record.stored && !record.asked) found.push_back({Difference::flow_left_in_target, index});
@@ -165,7 +166,7 @@ unsigned Look::progress() const {
   return static_cast<unsigned>(std::min<std::size_t>(99, noted_ * 100 / (kSides * flows_ + 1)));
 }
 
-// False when a request is in flight, whose outcome is no difference, or when the openflow thread does not get to it.
+// False when a request is in flight, whose outcome is not a difference, or when the openflow thread is too busy.
 bool Look::quiet_run(const std::function<void(Agent &agent)> &work) {
   bool quiet = false;
   return agent_.run([&](Agent &agent) {
@@ -223,7 +224,7 @@ Look::Part Look::walk_asked() {
   return !ran ? Part::failed : flow ? Part::more : Part::over;
 }
 
-// A flow is as it should be when each side has it, with one content.
+// A flow is correct when every side has it with the same content.
 void Look::compare_bucket(std::vector<Sight> &sights) {
   std::ranges::sort(sights, {}, &Sight::index);
   for (auto at = sights.begin(); at != sights.end();) {
@@ -257,7 +258,7 @@ Look::Part Look::check() {
   const auto some = rest.first(std::min(rest.size(), kCheckStep));
   const bool last = some.size() == rest.size();
   Held held;
-  // Before the reading as well, which waits for all writes that are on their way.
+  // Also checks before reading, which waits for all writes in flight.
   const bool checked = quiet_run([](Agent &) {}) && read(some, SPolicyKelim__Flow S_POLICY_KELIM__FLOW__INIT, keep_flow, held) &&
                        read(some, SPolicyKelim__FlowSta S_POLICY_KELIM__FLOW_STA__INIT, keep_answer, held) &&
                        (!last || read_meters(global_, held)) && quiet_run([&](Agent &agent) {

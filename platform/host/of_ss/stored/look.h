@@ -1,9 +1,9 @@
-// One comparison of what controllers asked for with what the database holds, in steps of a few milliseconds: there may be
-// millions of flows, and the loop has other work.
+// One comparison of the requested state with the database, in steps of a few milliseconds: there may be millions of flows, and
+// the loop has other work.
 //
-// A look first walks over everything: of each stored flow, each answer and each flow that was asked for it keeps 16 bytes. What
-// differs by these is only a candidate, since flows come and go meanwhile. At the end both sides of every candidate are read
-// again at moments when no request is in flight; what differs then is a difference.
+// A look first walks over everything and keeps 16 bytes for each stored flow, each answer and each requested flow. Those that
+// differ are only candidates, because flows are added and removed meanwhile. At the end both sides of every candidate are read
+// again at moments without requests in flight; the ones that still differ are the differences.
 //
 // Loop's thread; the agent's side is read on the openflow thread, for which the loop waits.
 #pragma once
@@ -32,7 +32,7 @@ struct Difference {
     flow_left_in_target,
   };
   What what;
-  std::uint64_t number;  // index of the flow, or number of the meter
+  std::uint64_t number;  // flow index, or meter number
   auto operator<=>(const Difference &) const = default;
 };
 
@@ -41,16 +41,16 @@ class Look {
   Look(qx_global *global, Agent &agent) : global_(global), agent_(agent) {}
 
   enum class Result : std::uint8_t { unfinished, undisturbed, disturbed };
-  // The next step; not after a result. Disturbed: a request is in flight, or one of both sides cannot be read.
+  // Runs the next step; not to be called after a result. Disturbed: a request is in flight, or one side cannot be read.
   Result step();
-  // Behind an undisturbed look: the differences, ascending.
+  // After an undisturbed look: the differences, ascending.
   std::vector<Difference> &found() { return found_; }
   // Progress in percent.
   unsigned progress() const;
 
  private:
   enum class Part : std::uint8_t { more, over, failed };
-  // How one side has a flow. Stored and asked-for flows are alike when their content is.
+  // A flow as seen on one side. Stored and requested flows agree if their contents do.
   struct Sight {
     enum Side : std::uint8_t { stored, confirmed, asked };
     std::uint64_t index;
@@ -74,13 +74,13 @@ class Look {
   qx_global *global_;
   Agent &agent_;
   std::size_t part_ = 0;
-  std::size_t flows_ = 0, noted_ = 0;  // asked for at the beginning; of all sides so far
+  std::size_t flows_ = 0, noted_ = 0;  // requested at the beginning; noted so far on all sides
   mom::Store::Walk walk_;
-  std::uint32_t cursor_ = 0;  // of the agent's table
-  // Bucketed by the low bits of the index, so that each comparison step is small.
+  std::uint32_t cursor_ = 0;  // in the agent's table
+  // In buckets by the low bits of the index, so that each comparison step is small.
   std::array<std::vector<Sight>, 256> sights_;
   std::size_t bucket_ = 0;
-  std::vector<std::uint64_t> candidates_;  // indexes; those before `checked_` have been read again
+  std::vector<std::uint64_t> candidates_;  // indexes; those before `checked_` have been reread
   std::size_t checked_ = 0;
   std::vector<Difference> found_;
 };

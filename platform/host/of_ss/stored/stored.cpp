@@ -21,7 +21,7 @@ std::vector<std::byte> copy_of(const ProtobufCBinaryData &data) {
 
 struct Reading {
   StoredState &out;
-  std::map<std::uint64_t, std::vector<std::byte>> flows = {};  // by index: the newer form of a flow comes later
+  std::map<std::uint64_t, std::vector<std::byte>> flows = {};  // by index, so that the newer form of a flow comes later
 
   void note(std::uint64_t index) {
     if (index <= kGreatestStoredIndex) out.last_index = std::max(out.last_index, index);
@@ -54,7 +54,7 @@ int take_translation(const qx_obj *object, void *out) {
   return 0;
 }
 
-// A meter that has failed was reported to its controller and is not desired any more.
+// A failed meter was reported to its controller and is no longer desired.
 int take_meter(const qx_obj *object, void *arg) {
   const auto *holder = static_cast<const qx_mom_hash_value *>(object->value);
   if (!holder || !holder->record) return 0;
@@ -84,7 +84,7 @@ bool is_installed(qx_global *global, std::uint64_t index) {
   return installed;
 }
 
-// The writing connection may still be under way here.
+// The writing connection may not be up yet here.
 template <typename Record>
 int withdraw(qx_global *global, const Translation &translation, Record record) {
   constexpr int kNoSuchObject = QX_NOT_FOUND;
@@ -114,8 +114,8 @@ bool is_service_chain_flow(Bytes message) {
   return is_flow_mod(message) && is_for_service_chain(southbound_match(message));
 }
 
-// A service-chain flow is asked of the application before it is stored and goes after the application has heard that it is not
-// wanted any more. One that is stored and not asked for was deleted when the life before ended.
+// A service-chain flow is requested from the application before it is stored, and removed after that request is withdrawn. So one
+// that is stored but not requested was being deleted when the previous run ended.
 void leave_out_deleted(std::map<std::uint64_t, std::vector<std::byte>> &flows, const std::vector<Translation> &asked) {
   std::unordered_set<std::uint64_t> wanted;
   for (const Translation &translation : asked) wanted.insert(translation.index);
@@ -139,8 +139,8 @@ int read_stored(qx_global *global, StoredState &out) {
   leave_out_deleted(reading.flows, translations);
   if (const int rv = scan_told(global, translations)) return rv;
   for (const Translation &translation : translations) reading.note(translation.index);
-  // Without a stored flow it never was translated, and what its controller had sent went with the daemon of that time: nobody
-  // waits for the answer any more.
+  // Without a stored flow it was never translated, and its controller's message was lost with that daemon: the answer is no
+  // longer awaited.
   std::erase_if(translations, [&](const Translation &translation) { return reading.flows.contains(translation.index); });
   if (const int rv = withdraw(global, translations)) return rv;
   for (auto &[index, message] : reading.flows) out.flows.push_back(std::move(message));

@@ -1,4 +1,4 @@
-// Reads what the agent has in the object database: the southbound messages in flow and meter records, which outlive the daemon,
+// Reads the agent's state from the object database: the southbound messages in flow and meter records, which outlive the daemon,
 // the answers to flows, and the addresses of controllers. Loop's thread.
 #pragma once
 
@@ -16,17 +16,17 @@ struct Translation {
   std::uint64_t index;
 };
 
-// Also withdraws the translations that were never answered: their flows have gone. 0, or the code of the call that failed.
+// Reads flows and meters, and withdraws unanswered translations, whose flows are lost. 0, or the code of the failed call.
 int read_stored(qx_global *global, StoredState &out);
 
-// Those of the given flows whose stored status is "installed", in the same order.
+// The given flows whose stored status is "installed", in the same order.
 std::vector<std::uint64_t> installed_flows(qx_global *global, const std::vector<std::uint64_t> &indexes);
 
-// 0, or the code of the call that failed.
+// Reads all translations. 0, or the code of the failed call.
 int stored_translations(qx_global *global, std::vector<Translation> &out);
 int withdraw(qx_global *global, const std::vector<Translation> &translations);
 
-// The addresses of controllers, laid out as in Peer. 0, or the code of the scan that failed.
+// The addresses of controllers, laid out as in Peer. 0, or the code of the failed scan.
 int stored_addresses(qx_global *global, std::vector<std::uint32_t> &out);
 
 }  // namespace host::of_ss

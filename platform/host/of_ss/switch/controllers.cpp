@@ -37,7 +37,7 @@ void Controllers::accept(BuffereventOwner bev, Peer peer, Dialer *dialer) {
   connections_[number]->start();
 }
 
-// The number of the address in "tcp:192.0.2.1:40132"; 0 when there have been too many.
+// The number of the address in "tcp:192.0.2.1:40132"; 0 after too many addresses.
 std::uint16_t Controllers::number_of_address(const std::string &peer) {
   const std::size_t begin = peer.find(':') + 1, end = peer.rfind(':');
   const std::string address = peer.substr(begin, end - begin);
@@ -48,8 +48,8 @@ std::uint16_t Controllers::number_of_address(const std::string &peer) {
   return static_cast<std::uint16_t>(addresses_by_number_.size() - 1);
 }
 
-// A free connection number; kMaxConnections when every number is taken by a controller. Of the others the oldest makes room, so
-// that connections that say nothing beyond HELLO and ECHO keep nobody out.
+// A free connection number; kMaxConnections when every number belongs to an active controller. Otherwise the oldest expendable
+// connection is ended, so that connections that send only HELLO and ECHO keep no controller out.
 std::size_t Controllers::free_number() {
   std::size_t oldest = kMaxConnections;
   for (std::size_t n = 0; n < kMaxConnections; ++n) {
@@ -87,7 +87,7 @@ void Controllers::gone(Connection &connection) {
   else if (!was_up)
     log_failed(connection);
   if (!was_up) return;
-  log::info("controller {} has gone: {}", connection.peer().name, connection.why_closed());
+  log::info("controller {} disconnected: {}", connection.peer().name, connection.why_closed());
   update_packets();
   left(connection);
 }
@@ -148,7 +148,7 @@ std::map<std::string, Traffic> Controllers::traffic() const {
   return all;
 }
 
-// ---- what the daemon is told
+// ---- reports to the daemon
 
 void Controllers::arrived(const Connection &connection) {
   const std::uint32_t address = connection.peer().address;
@@ -180,7 +180,7 @@ void Controllers::withdraw_strangers(const std::vector<std::uint32_t> &stored) c
     if (!addresses_.contains(address)) client_.controller(false, address);
 }
 
-// Packets may flow to the controllers while there is one that takes them.
+// Packets may flow to the controllers while one of them accepts packets.
 void Controllers::update_packets() {
   const auto takes = [](const auto &connection) {
     return connection && connection->is_up() && connection->session().role != Role::slave;

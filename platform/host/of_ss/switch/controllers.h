@@ -1,7 +1,7 @@
-// The controllers: their connections and roles, and what the daemon is told of them. Openflow thread.
+// The controllers: their connections and roles, and the reports on them to the daemon. Openflow thread.
 //
-// The daemon knows each address and each interface of the machine once, however many connections have it, and whether packets
-// may flow to a controller.
+// The daemon is told each address and each interface once, however many connections use it, and whether packets may flow to a
+// controller.
 #pragma once
 
 #include <array>
@@ -48,37 +48,37 @@ class ReferenceCounts {
 
 class Controllers {
  public:
-  // Connections report to `events`, whose owner passes up, gone and overfull on to here. `client` outlives this.
-  // `packets_wanted` hears whether packets may flow to the controllers.
+  // Connections report to `events`, whose owner passes up, gone and overfull on to this object. `client` must outlive this.
+  // `packets_wanted` is told whether packets may flow to the controllers.
   Controllers(ConnectionEvents &events, SouthboundClient &client, const ConnectionLimits &limits,
               std::function<void(bool wanted)> packets_wanted)
       : events_(events), client_(client), limits_(limits), packets_wanted_(std::move(packets_wanted)) {}
 
   // ---- connections
 
-  // Takes a new one, or turns it away when there are too many. `dialer` is told of its end; null for one that was accepted.
+  // Adds a connection, or rejects it when there are too many. `dialer` is told of its end; null for an accepted one.
   void accept(BuffereventOwner bev, Peer peer, Dialer *dialer);
   void up(Connection &connection);
   void gone(Connection &connection);
-  // Ends the connection with most unsent.
+  // Ends the connection with the most unsent output.
   void overfull();
-  // Destroys those that have gone; none of them may be on the stack.
+  // Destroys ended connections, none of which may be on the stack.
   void reap();
-  // Ends all that came by other endpoints than these.
+  // Ends all connections of other endpoints than these.
   void close_but(const std::vector<std::string> &endpoints);
-  // Forgets what was counted for other endpoints than these.
+  // Drops the counts of other endpoints than these.
   void forget_traffic_but(const std::vector<std::string> &endpoints);
   // To be called about every second.
   void check(std::int64_t now_ns);
 
-  // The connection, while it is up; null when it has gone.
+  // The connection with this generation while it is up, otherwise null.
   Connection *find(std::uint64_t generation) const;
-  // By number, null where there is none. A connection may have gone and not be reaped yet.
+  // The connection with this number, or null. It may have ended and not been reaped yet.
   Connection *at(std::size_t number) const { return connections_[number].get(); }
-  // Those that are up.
+  // The connections that are up.
   std::vector<const Connection *> all() const;
   bool is_connected(const std::string &endpoint) const;
-  // Messages by endpoint, also of connections that have gone.
+  // Messages by endpoint, ended connections included.
   std::map<std::string, Traffic> traffic() const;
   std::uint64_t turned_away() const { return turned_away_; }
   // The address that Peer::controller stands for; "" for 0.
@@ -86,18 +86,18 @@ class Controllers {
 
   // ---- roles
 
-  // The connection's role becomes `role`; when that is master, another master becomes slave.
+  // Sets the connection's role; for master, another master becomes slave.
   void set_role(Connection &connection, Role role);
-  // The latest generation_id that a master or a slave came with (6.3.5).
+  // The latest generation_id of a master or slave request (6.3.5).
   struct Generation {
     bool defined = false;
     std::uint64_t id = ~std::uint64_t{0};
   };
   Generation &master_generation() { return master_generation_; }
-  // Whether packets may flow to the controllers, whatever roles they have; nothing: by their roles again.
+  // Overrides whether packets may flow to the controllers; std::nullopt: their roles decide again.
   void force_packets(std::optional<bool> flow);
 
-  // Calls `send` for each that wants the asynchronous message, by its mask for its role.
+  // Calls `send` for each connection that wants the asynchronous message, by the mask of its role.
   template <typename Send>
   void for_each_listener(Async kind, std::uint8_t reason, Send &&send) {
     for (const auto &connection : connections_) {
@@ -109,9 +109,10 @@ class Controllers {
 
   // ---- addresses, laid out as in Peer
 
-  // Announces those of all controllers to the daemon once more.
+  // Announces the addresses of all controllers to the daemon again.
   void announce() const;
-  // Withdraws those of `stored` that no controller has: an outage of the database or an earlier life of the daemon has left them.
+  // Withdraws the addresses in `stored` that no controller has, left by an outage of the database or an earlier run of the
+  // daemon.
   void withdraw_strangers(const std::vector<std::uint32_t> &stored) const;
 
  private:
@@ -130,13 +131,13 @@ class Controllers {
   std::array<Dialer *, kMaxConnections> dialer_of_{};
   std::uint64_t generations_ = 0;
   std::size_t up_ = 0;
-  ReferenceCounts addresses_, interfaces_;  // of the connections that are up
+  ReferenceCounts addresses_, interfaces_;  // of connections that are up
   Generation master_generation_;
-  bool packets_ = false;  // the daemon has been told that packets to the controllers may flow
+  bool packets_ = false;  // the daemon has been told that packets may flow to the controllers
   std::optional<bool> packets_forced_;
   std::uint64_t turned_away_ = 0;
   std::vector<std::string> addresses_by_number_{""};
-  std::map<std::string, Traffic> past_traffic_;  // of connections that have gone
+  std::map<std::string, Traffic> past_traffic_;  // of ended connections
   log::RateLimit failed_line_;
 };
 

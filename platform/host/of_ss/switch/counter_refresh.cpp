@@ -8,8 +8,8 @@ namespace host::of_ss {
 namespace {
 
 constexpr timeval kPatience{0, 100'000};  // two ticks of the daemon
-// The daemon reads the counters of all flows in one go, during which the loop stands: of more flows than this they are shown as
-// they were reported last, a few seconds ago.
+// The daemon reads the counters of all flows in one go, which stalls the loop: with more flows than this the latest reported
+// values are shown, a few seconds old.
 constexpr std::size_t kFlowsRefreshed = 20'000;
 
 }  // namespace

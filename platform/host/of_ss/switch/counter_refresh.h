@@ -1,5 +1,5 @@
-// Fresh counters for statistics requests: asks the daemon for those of all flows, once for all connections that wait. Openflow
-// thread.
+// Fetches fresh counters for statistics requests: asks the daemon for those of all flows, once for all waiting connections.
+// Openflow thread.
 #pragma once
 
 #include <event2/event.h>
@@ -15,14 +15,14 @@ namespace host::of_ss {
 
 class CounterRefresh {
  public:
-  // `over` is called when the counters are there, or, in a turn of the loop of its own, when they are `late`; it serves the
-  // connections whose Session::waits_for_counters is set.
+  // `over` is called when the counters have arrived, or, in a separate turn of the loop, when they are `late`; it must serve the
+  // connections with Session::waits_for_counters set.
   using Over = std::function<void(bool late)>;
   CounterRefresh(event_base *base, Flows &flows, Over over);
 
-  // Has the connection wait for fresh counters, unless there are too many flows to ask for.
+  // Makes the connection wait for fresh counters, unless there are too many flows.
   void ask(Connection &connection, std::int64_t now_ns);
-  // A barrier of the flows' own is answered; whether it was the one behind the refresh.
+  // One of the flows' own barriers was answered; true if it was the one behind the refresh.
   bool barrier_answered(std::uint32_t xid);
 
  private:
@@ -32,7 +32,7 @@ class CounterRefresh {
   Flows &flows_;
   const Over over_;
   EventOwner late_;
-  std::uint32_t xid_ = 0;  // of the barrier behind the refresh under way; 0 when there is none
+  std::uint32_t xid_ = 0;  // of the barrier behind the current refresh; 0 if there is none
 };
 
 }  // namespace host::of_ss

@@ -9,17 +9,17 @@
 namespace host::of_ss {
 namespace {
 
-// Calls ahead of the loop. Each costs the daemon some microseconds, so this bounds how long the loop stands in one drain and how
-// long a quiet controller waits behind a busy one; several hundred keep both threads at work. Without the prompt timer a drain
-// comes every 50 ms only, and must work off more for the same rate.
+// The most calls ahead of the loop. Each costs the daemon some microseconds, so this bounds the length of one drain and the wait
+// of a quiet controller behind a busy one; several hundred keep both threads busy. Without the prompt timer there is a drain only
+// every 50 ms, which must process more for the same rate.
 constexpr std::uint64_t kCalls = 384, kCallsATick = 16384;
-// What those may hand over beyond it that have handed over little.
+// Calls beyond the bound for connections that have handed over little.
 constexpr std::uint64_t kSpare = 1024;
-// In flight to the database, and flows that the programming service may be behind: enough for some round trips. Several
-// times as many gain nothing and make everybody wait.
+// The most writes in flight to the database, and unanswered flows: enough for several round trips. Higher bounds gain nothing and
+// make everybody wait longer.
 constexpr std::uint64_t kWrites = 1024, kAnswers = 1536;
 constexpr auto kLongestWait = std::chrono::seconds(1);
-constexpr auto kLook = std::chrono::milliseconds(20);  // at what is behind, where no answer says that it moves
+constexpr auto kLook = std::chrono::milliseconds(20);  // interval of checks for progress without answers
 
 }  // namespace
 
@@ -31,7 +31,7 @@ Pace::Pace(bool prompt, std::function<void()> wake)
 bool Pace::open(std::uint64_t calls, bool spare) {
   const std::uint64_t bound = spare ? bound_ + kSpare : bound_;
   if (calls - granted_.load(std::memory_order_acquire) < bound) return true;
-  waits_ = true;  // before the second look: what is granted after it sees that somebody waits
+  waits_ = true;  // before the second check, so that a later grant sees the waiter
   return calls - granted_ < bound;
 }
 

@@ -19,12 +19,11 @@ namespace {
 using packet::Kind, packet::Taken;
 
 constexpr int kNobody = -1;
-constexpr int kMessagesAtATime = 32;             // of the data plane, before others have their turn
+constexpr int kMessagesAtATime = 32;             // from the data plane, before other work continues
 constexpr std::size_t kUnsentBound = 256 << 10;  // bytes unread by a controller above which it gets no packets
 constexpr std::uint16_t kOxmMatch = 1, kMatchLen = 12;
 
-// A listening socket of which only this user can become a peer, in place of what an earlier process has left. Negative with
-// errno.
+// A listening socket that only this user can connect to, replacing one left by an earlier process. Negative with errno.
 int listening_socket(const std::string &path) {
   sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
   if (path.size() >= sizeof address.sun_path) return errno = ENAMETOOLONG, -1;
@@ -75,7 +74,7 @@ void Packets::look_after_socket() {
 
 void Packets::accept() {
   packet::Descriptor fd(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-  if (!fd.is_open() && errno != EAGAIN && errno != ECONNABORTED) {  // out of descriptors: later again
+  if (!fd.is_open() && errno != EAGAIN && errno != ECONNABORTED) {  // out of descriptors: retried later
     listener_watch_.reset();
     listener_.reset();
   }
@@ -103,7 +102,7 @@ void Packets::take() {
   }
 }
 
-// False for what a data plane never sends.
+// False for messages that a data plane must not send.
 bool Packets::handle(const packet::Head &head, Bytes frame) {
   if (!greeted_) {
     greeted_ = head.kind == Kind::hello && head.number == packet::kVersion;
@@ -126,7 +125,7 @@ void Packets::keep(Bytes counts) {
 
 void Packets::want(bool wanted) {
   if (std::exchange(wanted_, wanted) == wanted || !plane_.is_open()) return;
-  // Where there is no room for this word, the plane would not hear of it; it calls again and is greeted with it.
+  // Without room for this message the plane would miss it; after a reconnect the greeting repeats it.
   if (packet::put(plane_.get(), {.kind = Kind::wanted, .flag = wanted}) != 0) hang_up();
 }
 

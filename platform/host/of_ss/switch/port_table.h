@@ -1,4 +1,4 @@
-// The switch's ports as controllers know them: those of the machine when it was last asked. Openflow thread.
+// The switch's ports as known to controllers: the machine's ports at the last update. Openflow thread.
 #pragma once
 
 #include <cstdint>
@@ -18,7 +18,7 @@ class PortTable {
   PortTable() { update(); }
 
   const ddm::Ports &all() const { return *ports_; }
-  // Null when there is none with this number.
+  // The port with this number, or null.
   const ddm::Port *find(std::uint32_t number) const { return find(*ports_, number); }
   std::span<const std::uint32_t> numbers() const { return numbers_; }
 
@@ -26,7 +26,7 @@ class PortTable {
     ddm::Port port;
     PortReason reason;
   };
-  // Asks the machine again; what has changed since.
+  // Rereads the machine's ports and returns the changes.
   std::vector<Change> update();
 
  private:

@@ -8,7 +8,7 @@
 namespace host::of_ss {
 namespace {
 
-constexpr std::size_t kKept = 200, kBytesKept = 512;  // of each
+constexpr std::size_t kKept = 200, kBytesKept = 512;  // bytes of each request
 
 }  // namespace
 

@@ -1,4 +1,4 @@
-// Requests that were refused: answers them, keeps the latest for the operator, counts them by error. Openflow thread.
+// Refuses requests: answers them, keeps the latest for the operator, counts them by error. Openflow thread.
 #pragma once
 
 #include <cstdint>
@@ -18,18 +18,18 @@ struct RefusalRecord {
   std::string peer;
   std::uint32_t xid;
   Verdict verdict;
-  std::vector<std::byte> request;  // the beginning of it
+  std::vector<std::byte> request;  // its first bytes
 };
 
-// How often each error was sent.
+// The number of times each error was sent.
 using ErrorCounts = std::map<const Error *, std::uint64_t>;
 
 class Refusals {
  public:
-  // Sends the error and notes it.
+  // Sends the error and records the refusal.
   void refuse(Connection &connection, const Verdict &verdict, Bytes request, std::int64_t now_ns);
 
-  // The oldest first.
+  // Oldest first.
   const std::deque<RefusalRecord> &latest() const { return latest_; }
   std::uint64_t total() const { return total_; }
   const ErrorCounts &counts() const { return counts_; }

@@ -9,9 +9,9 @@ void Replay::ask(std::int64_t now_ns) {
   if (!flows_.all_decided()) flows_.fence(now_ns);
 }
 
-// What the daemon has not heard of again some time after the start, it forgets. That time grows with how many there are of each
-// kind, so the meters, which are few, come first: behind many flows they would be forgotten before they were heard of. And a flow
-// finds the meter that it uses. The flows follow as the daemon's loop keeps up: it has others to serve meanwhile.
+// Some time after the start the daemon drops objects that have not been handed over again. That time grows with the number of
+// objects of each kind, so the few meters come first: behind many flows they would expire before their turn. Also, flows then
+// find the meters that they use. The flows follow as fast as the daemon's loop keeps up, which has other work meanwhile.
 void Replay::begin_when_settled() {
   if (!asked_ || flows_.is_replaying() || !flows_.all_decided() || flows_.is_in_transaction()) return;
   asked_ = false;
@@ -27,7 +27,7 @@ void Replay::go_on(std::int64_t now_ns) {
 
 void Replay::end(std::int64_t now_ns) {
   flows_.client().end_sync();
-  // The daemon may have lost barriers with the database; the answer to this one stands for them.
+  // The daemon may have lost barriers with the database; the answer to this one covers them.
   flows_.fence(now_ns);
   controllers_.announce();
   log::info("handed {} flows and {} meters to the daemon again", flows_.table().size(), meters_.all().size());

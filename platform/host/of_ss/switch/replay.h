@@ -1,8 +1,9 @@
-// Hands everything to the daemon again when its databases have been away: it forgets what is not among it. Openflow thread.
+// The replay: hands everything to the daemon again after its databases were away; the daemon drops everything else. Openflow
+// thread.
 //
-// The daemon waits for one answer of the programming service for each time that a flow was handed over; a service that was away
-// itself answers once for what it finds. So nothing is handed over again while its answer may be outstanding: a barrier tells
-// that none is, whatever barriers the daemon has lost with the database. Until then the controllers wait.
+// The daemon waits for one answer of the programming service for each hand-over of a flow; a service that was away too answers
+// only once for each flow it finds. So nothing is handed over again while its answer may be outstanding: a barrier shows that
+// none is, even if the daemon has lost other barriers with the database. Until then the controllers wait.
 #pragma once
 
 #include <cstdint>
@@ -18,13 +19,13 @@ class Replay {
   Replay(Flows &flows, Meters &meters, const Controllers &controllers)
       : flows_(flows), meters_(meters), controllers_(controllers) {}
 
-  // As soon as the daemon has answered for what it has, and before anything that the controllers send meanwhile.
+  // Requests a replay, to begin once the daemon has answered for all hand-overs, and ahead of later messages from controllers.
   void ask(std::int64_t now_ns);
-  // A database has gone: a replay that has not begun is not waited for. It is asked for again when the database is back.
+  // A database is lost: cancels a replay that has not begun. It is requested again when the database is back.
   void database_lost() { asked_ = false; }
   bool is_asked_or_running() const { return asked_ || flows_.is_replaying(); }
 
-  // Begins one that has been asked for, when nothing is under way.
+  // Begins a requested replay when nothing is in flight.
   void begin_when_settled();
   // Hands over the next piece; while Flows::is_replaying.
   void go_on(std::int64_t now_ns);

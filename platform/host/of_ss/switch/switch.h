@@ -1,5 +1,5 @@
-// The switch as controllers see it: what the handlers of their messages (protocol/) work on. One a process; the agent owns it,
-// tells it the time and runs it. Openflow thread.
+// The switch as seen by controllers, on which the handlers of their messages (protocol/) work. One per process; the agent owns
+// it, sets its time and runs it. Openflow thread.
 #pragma once
 
 #include <event2/event.h>
@@ -28,14 +28,14 @@ class Monitors;
 
 struct SwitchSettings {
   std::uint64_t datapath_id = 0;
-  bool prompt = true;  // the daemon is woken when something was handed over
+  bool prompt = true;  // wake the daemon after a hand-over
   FlowLimits flows;
   ConnectionLimits connections;
 };
 
 class Switch {
  public:
-  // What it tells, and what is above it. All outlive it.
+  // The receivers of its events, which must outlive it.
   struct Above {
     const Callbacks &callbacks;
     FlowEvents &flow_events;
@@ -43,7 +43,7 @@ class Switch {
     Bundles &bundles;
     Monitors &monitors;
     CounterRefresh::Over counters_are_there;
-    std::function<void()> wake;  // has the openflow thread look at the pace again; called on the loop's thread
+    std::function<void()> wake;  // makes the openflow thread check the pace again; called on the loop's thread
   };
   Switch(event_base *base, const SwitchSettings &own, Above above)
       : settings(own),
@@ -57,12 +57,12 @@ class Switch {
         bundles(above.bundles),
         monitors(above.monitors) {}
 
-  // Monotonic nanoseconds, of the turn of the loop.
+  // Monotonic nanoseconds at the current turn of the loop.
   std::int64_t now() const {
     thread.check();
     return now_ns_;
   }
-  // At the beginning of a turn: reads the clock, unless that has been done in it.
+  // At the beginning of a turn: reads the clock, unless the turn has already done so.
   void look_at_clock() {
     thread.check();
     if (clock_is_fresh_) return;
@@ -72,10 +72,10 @@ class Switch {
   }
   void end_turn() { clock_is_fresh_ = false; }
 
-  // Whether a change that takes several turns may hand over more now; if not, it is asked to go on later.
+  // True if a change of several turns may hand over more now; otherwise it is resumed later.
   bool may_work() { return flows.room() && is_in_pace(); }
   bool is_in_pace() { return pace.open(flows.client().calls(), false); }
-  // Who asks for what the message says.
+  // The origin of a request: its connection and transaction id.
   Origin origin(const Connection &connection, Bytes message) const {
     return {connection.generation(), be32(message, kOfXid), connection.peer().controller, trace.request()};
   }
@@ -99,7 +99,7 @@ class Switch {
   Bundles &bundles;
   Monitors &monitors;
 
-  // Of one call at a time: a reply being written, a flow-mod being read.
+  // Used by one call at a time, for a reply being written or a flow-mod being read.
   std::vector<std::byte> scratch;
   FlowMod flow_mod;
 

@@ -12,7 +12,7 @@ namespace sb = southbound;
 constexpr std::size_t kOutputLen = 16, kSetQueueLen = 8, kMaxActions = 255;
 constexpr std::uint16_t kControllerNoBuffer = 0xffff;
 
-// What the actions are read for.
+// The context in which actions are read.
 struct Context {
   const WireMatch *match;  // null: a packet-out
   std::span<const std::uint32_t> ports;
@@ -22,7 +22,7 @@ struct Context {
 struct List {
   Instructions &out;
   std::size_t count = 0;
-  bool output = false;  // an output is in it; nothing may follow
+  bool output = false;  // it contains an output; nothing may follow
 
   std::byte *add(std::uint16_t type, std::size_t length) {
     if (count == kMaxActions || out.length + length > kMaxSouthboundActions) return nullptr;
@@ -93,7 +93,7 @@ Verdict read_experimenter(Bytes, const Context &, List &) {
   return refuse(err::kActionBadExperimenter, "experimenter action", "the switch knows no experimenter's actions");
 }
 
-// The field that a set-field sets; null where it cannot be set.
+// The field that a set-field sets; null if it cannot be set.
 const OxmField *settable(std::uint32_t header) {
   const std::uint8_t number = header >> 9 & 0x7f;
   return header >> 16 == 0x8000 && !(header >> 8 & 1) && can_set(number) ? &oxm_field(number) : nullptr;
@@ -104,7 +104,7 @@ Verdict check_set_field(Bytes action, const OxmField &field, const Context &cont
     return refuse(err::kBadSetLen, field.name, "the length of the value is wrong");
   if (const Verdict verdict = check_value(field, action.data() + 8, nullptr); verdict.refused())
     return refuse(err::kBadSetArgument, field.name, verdict.why);
-  // A VLAN id is set in a tag that is there; tags are not pushed.
+  // A VLAN id is set in an existing tag; tags are not pushed.
   const Needs needs = field.number == kOxmVlanVid ? Needs::vlan : field.needs;
   if (context.match && !satisfies(*context.match, needs))
     return refuse(err::kMatchInconsistent, field.name, "the flow also matches packets that do not have the field");
@@ -128,10 +128,10 @@ Verdict refuse_action(Bytes, const Context &, List &) {
   return refuse(err::kBadAction, "actions", "the switch does not carry out this type of action");
 }
 
-// Every action of OpenFlow 1.3, those first that are carried out.
+// Every action of OpenFlow 1.3, supported ones first.
 struct ActionRow {
   Capability kind;
-  std::size_t argument = 0;  // bytes of the number behind the header, for people; of 2 bytes it is a type of Ethernet frames
+  std::size_t argument = 0;  // bytes of the number behind the header, for texts; 2 bytes are an EtherType
   Verdict (*read)(Bytes action, const Context &context, List &list) = refuse_action;
 };
 constexpr ActionRow kActions[] = {
@@ -166,7 +166,7 @@ Verdict read_action(Bytes action, const Context &context, List &list) {
   return row_of(type).read(action, context, list);
 }
 
-// Which actions of a list to read: the output of an action set acts last, wherever it stands.
+// The actions of a list to read: the output of an action set acts last, wherever it stands.
 enum class Pass { every, all_but_output, output };
 
 bool wanted(Pass pass, std::uint16_t type) {
@@ -185,10 +185,10 @@ Verdict read_actions(Bytes from, Pass pass, const Context &context, List &list) 
   return {};
 }
 
-// The instructions of a flow, sorted out.
+// The instructions of a flow, by kind.
 struct Found {
   Bytes applied, written;
-  std::uint8_t seen = 0;  // a bit a type
+  std::uint8_t seen = 0;  // one bit per type
 };
 
 Verdict take_actions(Bytes instruction, Bytes &list, std::uint8_t form, Instructions &out) {
@@ -227,7 +227,7 @@ Verdict refuse_metadata(Bytes, Found &, Instructions &) {
   return refuse(err::kUnsupportedMetadata, "write_metadata", "the switch has no metadata");
 }
 
-// By type, which begins at 1.
+// By type, starting at 1.
 struct InstructionRow {
   Capability kind;
   Verdict (*read)(Bytes instruction, Found &found, Instructions &out);
@@ -247,7 +247,7 @@ Verdict read_instruction(Bytes instruction, Found &found, Instructions &out) {
     return refuse(err::kInstructionExperimenterUnknown, "instructions", "the switch knows no experimenter's instructions");
   if (type == 0 || type > kInstructions.size())
     return refuse(err::kUnknownInstruction, "instructions", "unknown type of instruction");
-  if (found.seen >> type & 1) return refuse(err::kUnsupportedInstruction, "instructions", "an instruction is there twice");
+  if (found.seen >> type & 1) return refuse(err::kUnsupportedInstruction, "instructions", "an instruction appears twice");
   found.seen = static_cast<std::uint8_t>(found.seen | 1 << type);
   return kInstructions[type - 1].read(instruction, found, out);
 }
@@ -287,7 +287,7 @@ const OxmField &set_field_row(const SouthboundAction &action) {
   return oxm_field(std::min<std::size_t>(action.value<std::uint32_t>(sb::kActionBody) >> 9 & 0x7f, kOxmAppType));
 }
 
-// The action is long enough for the field that it names; false for what did not come from read_set_field.
+// True if the action is long enough for the field that it names; false only for actions not written by read_set_field.
 bool holds_field(const SouthboundAction &action) {
   return action.bytes.size() >= sb::kActionValue + set_field_row(action).width && can_set(set_field_row(action).number);
 }
@@ -308,7 +308,7 @@ void put_wire_action(const SouthboundAction &action, Writer &out) {
   out.zeros(start + action.bytes.size() - out.size());
 }
 
-// One action instruction with the next `count` actions of `list`.
+// Writes one action instruction with the next `count` actions of `list`.
 void put_action_instruction(InstructionType type, std::size_t count, Bytes &list, Writer &out) {
   const std::size_t start = out.size();
   out.u16(type);
@@ -398,7 +398,7 @@ std::uint32_t number_at(Bytes bytes, std::size_t at, std::size_t width) {
   return number;
 }
 
-// "value->field" of "field=value".
+// "value->field" from "field=value".
 std::string turned(const std::string &field) {
   const std::size_t equals = field.find('=');
   return equals == field.npos ? field : field.substr(equals + 1) + "->" + field.substr(0, equals);

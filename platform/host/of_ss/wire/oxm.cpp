@@ -18,7 +18,7 @@ constexpr std::uint16_t kVidPresent = 0x1000, kVidBits = 0x0fff, kVidAll = 0x1ff
 using enum Needs;
 using enum Range;
 
-// OpenFlow 1.3.5, table 12. Fields that the switch does not match on stand here for their names only.
+// OpenFlow 1.3.5, table 12. Fields that the switch does not match on are listed for their names only.
 constexpr std::array<OxmField, kOxmFields> kTable{{
     // number, name, supported, width, maskable, needs, range, max
     {0, "in_port", true, 4, false, nothing, port_number, 0},
@@ -71,7 +71,7 @@ constexpr bool rows_stand_at_their_number() {
 }
 static_assert(rows_stand_at_their_number());
 
-// One field as it stands in a wire match.
+// One field of a wire match.
 struct WireField {
   std::uint32_t header;
   const std::byte *payload;
@@ -91,7 +91,7 @@ bool outside_mask(const std::byte *value, const std::byte *mask, std::size_t n) 
   return false;
 }
 
-// The row of the field and the start of its value; no row where the switch does not know the field.
+// The row of the field and the start of its value; no row for an unknown field.
 const OxmField *row_of(const WireField &field, const std::byte *&value) {
   value = field.payload;
   if (field.oxm_class() == kClassBasic && field.number() < kOxmAppType) return &kTable[field.number()];
@@ -107,8 +107,8 @@ Verdict check_vlan(const OxmField &row, const std::byte *value, const std::byte 
   const std::uint16_t bits = mask ? load_be<std::uint16_t>(mask) : kVidAll;
   if ((vid | bits) > kVidAll) return refuse(err::kBadValue, row.name, "bits above OFPVID_PRESENT are set");
   if (!(vid & kVidPresent) || !(bits & kVidPresent))
-    return refuse(err::kBadValue, row.name, "untagged packets cannot be asked for, only a VLAN id with OFPVID_PRESENT");
-  if (!(bits & kVidBits)) return refuse(err::kBadValue, row.name, "any VLAN id cannot be asked for, only a given one");
+    return refuse(err::kBadValue, row.name, "untagged packets cannot be matched, only a VLAN id with OFPVID_PRESENT");
+  if (!(bits & kVidBits)) return refuse(err::kBadValue, row.name, "any VLAN id cannot be matched, only a given one");
   if ((bits & kVidBits) == kVidBits && (vid & kVidBits) == kVidReserved)
     return refuse(err::kBadValue, row.name, "VLAN id 4095 is reserved, allowed are 0 to 4094");
   return {};
@@ -127,7 +127,7 @@ Verdict check_max(const OxmField &row, const std::byte *value, const std::byte *
   return refuse(err::kBadValue, row.name, "the value is larger than the field");
 }
 
-// Whether the mask leaves nothing open; of a VLAN id 13 bits count.
+// True if the mask fixes every bit; of a VLAN id 13 bits count.
 bool exact(const OxmField &row, const std::byte *mask) {
   if (row.range == Range::vid) return load_be<std::uint16_t>(mask) == kVidAll;
   if (row.number == kOxmIpv6Exthdr) return load_be<std::uint16_t>(mask) == row.max;
@@ -151,7 +151,7 @@ Verdict decode_field(const WireField &field, std::uint64_t &seen, WireMatch &mat
   const std::size_t payload = static_cast<std::size_t>(field.payload + field.length() - value);
   if (payload != std::size_t{row->width} * (field.masked() ? 2 : 1))
     return refuse(err::kMatchBadLen, row->name, "the length of the field is wrong");
-  if (seen >> row->number & 1) return refuse(err::kDupField, row->name, "the field is there twice");
+  if (seen >> row->number & 1) return refuse(err::kDupField, row->name, "the field appears twice");
   seen |= std::uint64_t{1} << row->number;
 
   const std::byte *mask = field.masked() ? value + row->width : nullptr;
@@ -163,8 +163,8 @@ Verdict decode_field(const WireField &field, std::uint64_t &seen, WireMatch &mat
   return {};
 }
 
-// Deliberate: the order of the fields is free as long as what a field needs is in the match somewhere; there is one meaning only,
-// and controllers that sort their fields differently are served alike.
+// Deliberate: the order of the fields is free as long as the fields that each one needs are somewhere in the match; the meaning
+// stays unambiguous, and controllers that order their fields differently are all served.
 Verdict check_needs(const WireMatch &match) {
   for (std::uint64_t left = match.present; left; left &= left - 1) {
     const OxmField &row = kTable[static_cast<std::size_t>(std::countr_zero(left))];
@@ -174,7 +174,7 @@ Verdict check_needs(const WireMatch &match) {
   return {};
 }
 
-// Numbers change their byte order between wire and southbound layout, both ways; byte strings stay.
+// Swaps the byte order of numbers between wire and southbound layout, both ways; byte strings stay as they are.
 void swap_value(std::byte *to, const std::byte *from, std::size_t width) {
   if (width == 6 || width == 16)
     std::memcpy(to, from, width);
@@ -220,7 +220,7 @@ FieldSlot next_slot(Bytes &slots) {
   return {&row, value, masked ? value + row.width : nullptr};
 }
 
-// The slot of the field that `like` is of, with everything before it taken off `slots`; none when the field is not there.
+// The slot with the same field as `like`, with everything before it taken off `slots`; no row if the field is missing.
 FieldSlot find_slot(Bytes &slots, const FieldSlot &like) {
   for (;;) {
     Bytes rest = slots;
@@ -425,7 +425,7 @@ std::string match_text(Bytes slots) {
   return text;
 }
 
-// Through the southbound layout where the value has one.
+// Goes through the southbound layout if the value has one.
 std::string wire_field_text(Bytes from) {
   if (from.size() < 4) return "...";
   const WireField field{be32(from, 0), from.data() + 4};

@@ -14,7 +14,7 @@ namespace host::of_ss {
 
 using Bytes = std::span<const std::byte>;
 
-// ---- reading; the caller has checked that the bytes are there
+// ---- reading; the caller has checked that the bytes exist
 
 template <typename T>
 T load_be(const std::byte *at) {
@@ -128,7 +128,7 @@ inline constexpr std::uint8_t kTableAll = 0xff;
 inline constexpr std::uint8_t kTableCount = 2;         // 0 ordinary flows, 1 service-chain flows
 inline constexpr std::uint8_t kServiceChainTable = 1;  // its flows carry the service-chain application's type southbound
 
-// A number and its name for people.
+// A number and its name.
 struct Named {
   std::uint16_t number;
   const char *name;
@@ -175,7 +175,7 @@ enum ActionType : std::uint16_t {
 
 enum RemovedReason : std::uint8_t { kIdleTimeout = 0, kHardTimeout = 1, kDeleted = 2 };
 
-// ---- errors (7.4.1): one row holds type, code and the name that the text uses
+// ---- errors (7.4.1): each row holds type, code and the name used in texts
 
 // OFPET_EXPERIMENTER.
 inline constexpr std::uint16_t kExperimenterError = 0xffff;
@@ -187,8 +187,8 @@ struct Error {
   std::uint32_t experimenter = kOnfExperimenter;  // of a kExperimenterError
 };
 
-// Every error that is sent: its name here, then type, code, name in OpenFlow. Those at the end are of bundles and of flow
-// monitors; OpenFlow 1.3 has no numbers for what is wrong with a monitor, these are the ones that ovs-ofctl knows.
+// Every error that is sent: its name here, then type, code, name in OpenFlow. Those at the end belong to bundles and flow
+// monitors; OpenFlow 1.3 has no numbers for errors of monitors, so these are the ones that ovs-ofctl knows.
 #define KELIM_OPENFLOW_ERRORS(ROW)                                                          \
   ROW(kIncompatible, 0, 0, "OFPHFC_INCOMPATIBLE")                                           \
   ROW(kBadVersion, 1, 0, "OFPBRC_BAD_VERSION")                                              \
@@ -286,8 +286,8 @@ inline constexpr const Error *kAll[] = {KELIM_OPENFLOW_ERRORS(KELIM_ERROR_ADDRES
 #undef KELIM_ERROR_ADDRESS
 }  // namespace err
 
-// Why a request is refused: the error to answer with, the part of the request at fault and the reason in words (both literals).
-// No error means accepted.
+// The outcome of a check: the error to answer with, the part of the request at fault and the reason in words (both literals).
+// Without an error the request is accepted.
 struct Verdict {
   const Error *error = nullptr;
   const char *what = "";
