@@ -93,7 +93,7 @@ void Flows::requested(Bytes record) {
   }
   entry.state = FlowState::kAsked;
   entry.content = flow.content;
-  target_->install_flow({flow.key, slot, flow.uuid}, record);
+  target_->install_flow({flow.key, slot, flow.uuid, entry.sums}, record);
 }
 
 void Flows::flow_answered(const FlowRequest &request, Outcome outcome) {

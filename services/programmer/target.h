@@ -19,21 +19,22 @@ struct FlowKey {
   bool operator==(const FlowKey &) const = default;
 };
 
+struct Counters {
+  std::uint64_t packets = 0;
+  std::uint64_t bytes = 0;
+  bool operator==(const Counters &) const = default;
+};
+
 // A request to install a flow. The slot is a small number that stands for the flow until it is removed, so that a target can keep
 // its own state of a flow in an array.
 struct FlowRequest {
   FlowKey key;
   std::uint32_t slot = 0;
   std::uint64_t uuid = 0;
+  Counters counted;  // what the flow has counted so far, as the database knows it
 };
 
 enum class Outcome : std::uint8_t { kInstalled, kFailed, kResource };
-
-struct Counters {
-  std::uint64_t packets = 0;
-  std::uint64_t bytes = 0;
-  bool operator==(const Counters &) const = default;
-};
 
 // Where a target's answers go; may be called from inside install_flow.
 class FlowSink {

@@ -19,8 +19,14 @@ using namespace programmer::dataplane;
 
 struct Memory {
   Memory(std::uint32_t places, std::uint32_t bucket_count)
-      : masks(2 * DP_MAX_MASKS), buckets(bucket_count), flows(places), counts(places), cache(DP_CACHE_SETS * DP_CACHE_WAYS) {
-    tables = {&control, masks.data(), buckets.data(), flows.data(), counts.data(), bucket_count, places, 1, cache.data()};
+      : masks(2 * DP_MAX_MASKS),
+        buckets(bucket_count),
+        flows(places),
+        counts(places),
+        before(places),
+        cache(DP_CACHE_SETS * DP_CACHE_WAYS) {
+    tables = {&control,      masks.data(), buckets.data(), flows.data(), counts.data(),
+              before.data(), bucket_count, places,         1,            cache.data()};
   }
   // The index of the flow that decides; 0: none.
   std::uint64_t find(const dp_key &key) const {
@@ -31,7 +37,7 @@ struct Memory {
   std::vector<dp_mask> masks;
   std::vector<dp_bucket> buckets;
   std::vector<dp_flow> flows;
-  std::vector<dp_count> counts;
+  std::vector<dp_count> counts, before;
   std::vector<dp_cached> cache;
   dp_tables tables;
 };

@@ -18,7 +18,7 @@ __u64 entry_for(std::uint64_t hash, FlowTable::Place place) {
 }  // namespace
 
 FlowTable::FlowTable(const dp_tables &memory)
-    : memory_(memory), behind_(memory.places, kNone), before_(memory.places), elsewhere_(memory.bucket_count) {
+    : memory_(memory), behind_(memory.places, kNone), elsewhere_(memory.bucket_count) {
   memory_.control->bucket_mask = memory.bucket_count - 1;
   memory_.control->flows = memory.places;
   masks_.reserve(DP_MAX_MASKS);
@@ -169,14 +169,29 @@ void FlowTable::end_grace() {
   list_resting_ = false;
 }
 
+// Nobody counts there any more.
+void FlowTable::reset_counts(Place place) {
+  memory_.before[place] = {};
+  for (std::uint32_t row = 0; row < memory_.rows; ++row) {
+    dp_count &cell = memory_.counts[std::size_t{row} * memory_.places + place];
+    store<__u64>(cell.packets, 0);
+    store<__u64>(cell.bytes, 0);
+  }
+}
+
+void FlowTable::go_on_from(Place place, const Counters &counted) {
+  memory_.before[place].packets += counted.packets;
+  memory_.before[place].bytes += counted.bytes;
+}
+
 Counters FlowTable::count(Place place) const {
-  Counters sum;
+  Counters sum{memory_.before[place].packets, memory_.before[place].bytes};
   for (std::uint32_t row = 0; row < memory_.rows; ++row) {
     const dp_count &cell = memory_.counts[std::size_t{row} * memory_.places + place];
     sum.packets += dp_counted(cell.packets);
     sum.bytes += dp_counted(cell.bytes);
   }
-  return {sum.packets - before_[place].packets, sum.bytes - before_[place].bytes};
+  return sum;
 }
 
 // ---- buckets
@@ -272,8 +287,7 @@ FlowTable::Place FlowTable::add(const dp_key &key, const dp_key &mask, dp_flow f
   std::ranges::copy(masked, flow.key);
   flow.mask = id;
   memory_.flows[place] = flow;
-  before_[place] = {};
-  before_[place] = count(place);
+  reset_counts(place);
   raise(id, flow.rank, type);
   if (!link(place, masked, id)) {
     lower(id, flow.rank);

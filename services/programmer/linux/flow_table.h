@@ -35,8 +35,9 @@ class FlowTable {
   // same rank, mask and key the one with the greater index decides, of one index the newest.
   Place add(const dp_key &key, const dp_key &mask, dp_flow flow);
   void remove(Place place);
-  // What a flow has counted since it was added.
+  // What a flow has counted: since it was added, and what it has been given to go on from.
   Counters count(Place place) const;
+  void go_on_from(Place place, const Counters &counted);
 
   // Sorts the masks anew where that makes searches shorter. Does nothing while the list that it writes may be in use.
   void tidy();
@@ -72,6 +73,7 @@ class FlowTable {
   bool rewrite_list();
 
   Place take_place();
+  void reset_counts(Place place);
   bool outranks(Place a, Place b) const;
   bool link(Place place, const Words &masked, std::uint32_t mask);
   bool insert(Place place, std::uint64_t hash);
@@ -92,7 +94,6 @@ class FlowTable {
   std::vector<Place> free_, retired_, resting_;  // places: to be used, left since the grace period began, before it
   Place unused_ = 0;                             // from here on never used
   std::vector<Place> behind_;                    // by place: the next one with the same mask and key
-  std::vector<Counters> before_;                 // by place: what had been counted there before its flow
   std::vector<std::uint16_t> elsewhere_;         // by bucket: how many that belong in it are in their second one
 
   std::unordered_map<Words, std::uint32_t, Hash> ids_;

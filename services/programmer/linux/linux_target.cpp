@@ -141,8 +141,7 @@ void LinuxTarget::install_flow(const FlowRequest &request, Bytes record) {
   } else {
     refuse("no room for another flow", outcome);
   }
-  next.before = total(cell);
-  next.resumed = cell.resumed;
+  if (!next.places.empty()) table_.go_on_from(next.places.front(), cell.places.empty() ? request.counted : total(cell));
   used_ -= cell.places.empty() ? 0 : 1;
   clear(cell);
   cell = std::move(next);
@@ -163,7 +162,7 @@ void LinuxTarget::remove_flow(std::uint32_t slot) {
 }
 
 Counters LinuxTarget::total(const Cell &cell) const {
-  Counters sum = cell.before;
+  Counters sum;
   for (const FlowTable::Place place : cell.places) {
     const Counters one = table_.count(place);
     sum = {sum.packets + one.packets, sum.bytes + one.bytes};
@@ -172,13 +171,7 @@ Counters LinuxTarget::total(const Cell &cell) const {
 }
 
 void LinuxTarget::read_counters(std::uint32_t slot, Counters &sums) {
-  if (!holds(slot)) return;
-  Cell &cell = cells_[slot];
-  if (!std::exchange(cell.resumed, true)) {
-    cell.before.packets += sums.packets;
-    cell.before.bytes += sums.bytes;
-  }
-  sums = total(cell);
+  if (holds(slot)) sums = total(cells_[slot]);
 }
 
 // ---- the rest

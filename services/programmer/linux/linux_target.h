@@ -46,8 +46,6 @@ class LinuxTarget final : public Target {
   struct Cell {
     std::vector<FlowTable::Place> places;
     std::uint32_t meter = 0;
-    Counters before;       // what had been counted before these places, here and in earlier lives
-    bool resumed = false;  // whether earlier lives are in it
   };
 
   LinuxTarget(const Context &context, std::uint32_t flows, FlowSink &sink, std::unique_ptr<Plane> plane,

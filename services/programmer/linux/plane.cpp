@@ -108,7 +108,7 @@ std::unique_ptr<Plane> Plane::load(std::uint32_t flows, std::string &why) {
   tables.rows = static_cast<std::uint32_t>(processors) + 1;  // the last one is the service's own
   const Size sizes[] = {{"buckets", tables.bucket_count},
                         {"flows", tables.places},
-                        {"counts", tables.places * tables.rows},
+                        {"counts", tables.places * (tables.rows + 1)},
                         {"tallies", tables.rows}};
   for (const Size &size : sizes)
     bpf_map__set_max_entries(bpf_object__find_map_by_name(plane->object_.get(), size.map), size.entries);
@@ -146,8 +146,10 @@ bool Plane::map_all(std::string &why) {
                       map("buckets", tables_.buckets, why) && map("flows", tables_.flows, why) &&
                       map("counts", tables_.counts, why) && map("meters", meters_, why) && map("ports", ports_, why) &&
                       map("tallies", tallies_, why) && map("punts", punts_, why);
-  if (mapped) tables_.control->version = DP_LAYOUT_VERSION;
-  return mapped;
+  if (!mapped) return false;
+  tables_.before = tables_.counts + std::size_t{tables_.rows} * tables_.places;
+  tables_.control->version = DP_LAYOUT_VERSION;
+  return true;
 }
 
 Plane::~Plane() {
