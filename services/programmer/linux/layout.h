@@ -8,7 +8,7 @@
 #include <linux/types.h>
 
 enum {
-  DP_LAYOUT_VERSION = 2,
+  DP_LAYOUT_VERSION = 3,
   DP_MAX_MASKS = 1024,
   DP_MAX_METERS = 1024,
   DP_MAX_BANDS = 8,
@@ -79,7 +79,8 @@ struct dp_flow {
   __u32 rank;           // priority << 1 | (the table is 1), + 1
   __u64 cookie;
   __u64 index;    // of flows of one rank the greatest decides
-  __u64 content;  // hash of what was asked for
+  __u32 vsd;      // with the index, the flow's key in the database
+  __u32 zero;
   struct dp_actions actions;
 };
 
@@ -101,6 +102,8 @@ struct dp_band {
   __u32 precedence;  // by how much a remark raises the drop precedence
 };
 struct dp_meter {
+  __u32 id;  // OpenFlow's; 0: the place is free
+  __u32 zero;
   __u32 bands;  // the fastest first
   __u32 counts_packets;
   __u64 packets;
@@ -179,7 +182,7 @@ DP_SIZE(dp_actions, 32);
 DP_SIZE(dp_flow, 128);
 DP_SIZE(dp_count, 16);
 DP_SIZE(dp_band, 48);
-DP_SIZE(dp_meter, 408);
+DP_SIZE(dp_meter, 416);
 DP_SIZE(dp_port, 8);
 DP_SIZE(dp_tally, 64);
 DP_SIZE(dp_punted, 32);
