@@ -201,6 +201,7 @@ bool Flows::resynchronise() {
   for (std::uint32_t slot = 0; slot < table_.slots(); ++slot) {
     if (table_[slot].state != FlowState::kFree && !table_[slot].seen) remove(slot);
   }
+  target_->all_flows_known();
   PROGRAMMER_LOG(context_, QX_ZLOG_VERBOSE, "in step with the database: %u flows", table_.size());
   return true;
 }

@@ -6,7 +6,9 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 
+#include "programmer/programmer.h"
 #include "record_reader.h"
 
 namespace programmer {
@@ -49,8 +51,9 @@ class Target {
  public:
   virtual ~Target() = default;
 
-  // Installs the flow, or replaces what the slot holds; a failed replacement leaves nothing. `record` is the packed flow record,
-  // valid during the call. Every request is answered once, unless its slot is removed before.
+  // Installs the flow, or replaces what the slot holds; a failed replacement leaves nothing. A target that goes on from an
+  // earlier life leaves what it has already as it is. `record` is the packed flow record, valid during the call. Every request is
+  // answered once, unless its slot is removed before.
   virtual void install_flow(const FlowRequest &request, Bytes record) = 0;
   // Empties the slot and forgets requests for it. Harmless for a slot that holds nothing.
   virtual void remove_flow(std::uint32_t slot) = 0;
@@ -59,6 +62,11 @@ class Target {
 
   virtual Outcome install_meter(std::uint32_t id, Bytes meter_data) = 0;
   virtual void remove_meter(std::uint32_t id) = 0;
+  // All that is stored has been asked for since the start, once or again: what an earlier life has left in the hardware and
+  // nobody has asked for goes.
+  virtual void all_flows_known() {}
+  virtual void all_meters_known() {}
+
   // Whether controllers want packets, as the daemon says; a target without packets of its own has nothing to do.
   virtual void want_packets(bool) {}
   virtual void set_controller_address(std::uint32_t ip, bool present) = 0;
@@ -78,6 +86,7 @@ class Target {
   // What else an operator may want to know, one number at a time.
   using Tell = std::function<void(const char *what, std::uint64_t number)>;
   virtual void describe(const Tell &) const {}
+  virtual std::optional<PlaneState> plane() const { return std::nullopt; }
 };
 
 }  // namespace programmer

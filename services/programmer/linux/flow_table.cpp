@@ -319,8 +319,9 @@ void FlowTable::find_free_places() {
 
 // The place of just this flow among what was left; kNone when it was not. Fills in key and mask where the mask is known.
 FlowTable::Place FlowTable::claim(const dp_key &mask, dp_flow &flow) {
+  if (inherited_count_ == 0) return kNone;
   const auto known = ids_.find(words_of(mask));
-  if (inherited_count_ == 0 || known == ids_.end()) return kNone;
+  if (known == ids_.end()) return kNone;
   flow.mask = known->second;
   for (Place at = dp_find(&memory_, flow.key, flow.mask, memory_.bucket_count - 1) - 1; at != kNone; at = behind_[at]) {
     if (!inherited_[at] || std::memcmp(&memory_.flows[at], &flow, sizeof flow) != 0) continue;

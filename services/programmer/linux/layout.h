@@ -78,8 +78,8 @@ struct dp_flow {
   __u32 mask;           // id
   __u32 rank;           // priority << 1 | (the table is 1), + 1
   __u64 cookie;
-  __u64 index;    // of flows of one rank the greatest decides
-  __u32 vsd;      // with the index, the flow's key in the database
+  __u64 index;  // of flows of one rank the greatest decides
+  __u32 vsd;    // with the index, the flow's key in the database
   __u32 zero;
   struct dp_actions actions;
 };
