@@ -211,7 +211,8 @@ class DataPlane(OnInterfaces):
         four = "-all,+bpf,+net_admin,+net_raw,+perfmon"
         self.switch = daemon.Daemon(e2e.BIN, **self.network.settings)
         self.addCleanup(self.switch.__exit__)
-        os.chown(self.switch.run_dir, NOBODY, NOBODY)
+        for directory in (self.switch.run_dir, self.network.pins):
+            os.chown(directory, NOBODY, NOBODY)
         self.switch.command_line = ["setpriv", f"--reuid={NOBODY}", f"--regid={NOBODY}", "--clear-groups", f"--inh-caps={four}",
                                     f"--ambient-caps={four}", f"--bounding-set={four}", "--no-new-privs", *self.switch.command_line]
         self.switch.__enter__()
