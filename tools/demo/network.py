@@ -134,7 +134,7 @@ class Network:
             host.plug(numbers)
         # A BPF file system of its own; without one nothing is pinned.
         self.pins = tempfile.mkdtemp(prefix="kelim-")
-        self.pinned = subprocess.run(["mount", "-t", "bpf", "bpf", self.pins], capture_output=True).returncode == 0
+        self.pinned = subprocess.run(["mount", "-t", "bpf", "-o", "mode=0700", "bpf", self.pins], capture_output=True).returncode == 0
         # What a daemon on this switch has to be told.
         self.settings = {
             "programmer_target": "linux",
