@@ -13,6 +13,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstring>
+#include <ranges>
 #include <span>
 #include <utility>
 
@@ -187,9 +188,9 @@ bool Ports::release(std::uint32_t interface) {
 
 bool Ports::release(const std::vector<PortName> &names, std::vector<std::uint32_t> interfaces, std::string &said) {
   std::vector<Descriptor> claims;
-  for (const PortName &port : names) {
+  for (const PortName &port : std::views::reverse(names)) {
     if (!claim(port, claims, said)) return false;
-    interfaces.push_back(if_nametoindex(port.interface.c_str()));
+    interfaces.insert(interfaces.begin(), if_nametoindex(port.interface.c_str()));
   }
   for (const std::uint32_t interface : interfaces) {
     char name[IF_NAMESIZE];
