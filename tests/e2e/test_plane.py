@@ -14,6 +14,7 @@ import unittest
 import daemon
 import e2e
 import network
+import openflow
 from interfaces import OnInterfaces, frame, ipv4, udp
 
 TICK, AT_ONCE = 0.002, 20  # seconds, and packets each time: about 10,000 a second
@@ -76,6 +77,14 @@ class Traffic:
         for thread in self.threads:
             thread.join()
         self.rate = len(self.got) / (time.monotonic() - self.begun)
+
+
+def between(source, destination, in_port):
+    """A match on prefixes of these lengths, and on a port."""
+    prefix = lambda length: struct.pack("!I", ((1 << length) - 1) << (32 - length))
+    port = [openflow.oxm(0, struct.pack("!I", in_port))] if in_port else []
+    addresses = [openflow.oxm(field, prefix(length), prefix(length)) for field, length in ((11, source), (12, destination))]
+    return openflow.match(*port, openflow.oxm(5, b"\x08\x00"), *addresses)
 
 
 class Life(OnInterfaces):
@@ -177,6 +186,28 @@ class Life(OnInterfaces):
         self.assertEqual((told["taken_over"], told["written"], told["dropped"]), (3, 1, 1))
         self.await_that(lambda: here.send(packet) and self.next_is(there, packet), "datagrams, whose flow has gone")
 
+    # There are 1,024 masks, so what is new has no room beside what is old; nobody is refused for that.
+    def test_what_has_room_only_when_the_old_has_gone_waits_for_that(self):
+        self.begin(openflow_capacity=4000)
+        lengths = list(itertools.product(range(1, 33), range(1, 32)))
+        add = lambda client, in_port: [
+            client.send(openflow.FLOW_MOD, openflow.flow_mod(openflow.ADD, between(source, destination, in_port)))
+            for source, destination in lengths]
+        client = self.client(self.switch)
+        client.delete_all()
+        add(client, 0)
+        self.assertEqual(client.barrier(), [])
+        self.switch.process.send_signal(signal.SIGSTOP)  # who would start another service at once
+        self.switch.signal("kelim-programmer", signal.SIGKILL)
+        client.delete_all()
+        before = set(self.stored(self.switch, "flow_sta"))
+        add(client, 3)
+        self.await_that(lambda: len(set(self.stored(self.switch, "flow")) - before) == len(lengths), "the records of the new flows")
+        self.switch.process.send_signal(signal.SIGCONT)
+        self.assertEqual(client.barrier(), [])
+        told = self.await_that(self.in_step, "the service that comes back")
+        self.assertEqual((told["taken_over"], told["written"], told["dropped"]), (0, len(lengths), len(lengths)))
+
     def ask(self, *words):
         """Has a controller ask for something, and does not wait for the answer."""
         words = [f"tcp:127.0.0.1:{self.switch.port}" if word is None else word for word in (*words[:-1], None, words[-1])]
@@ -217,6 +248,8 @@ class Life(OnInterfaces):
         self.assertEqual(self.switch.output().count(named), 1)
         ports = {port["interface"]: port["others"] for port in self.plane()["ports"]}
         self.assertEqual(ports, {"p1": [{"direction": "ingress", "pref": FOREIGN, "name": "u32"}], "p2": [], "p3": []})
+        shown = self.switch.kelimctl("--process", "kelim-programmer", "plane").stdout
+        self.assertRegex(shown, f"pinned in {self.pins()}, in step(.*\\n)*.* 1  p1 +forwards +ingress pref {FOREIGN} u32")
         self.assertEqual(self.switch.stop(), 0)
         self.assertEqual(self.one.ping(self.two), 1)
         self.assertTrue(os.path.isdir(self.pins()))
