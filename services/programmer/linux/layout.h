@@ -102,13 +102,13 @@ struct dp_band {
   __u32 precedence;  // by how much a remark raises the drop precedence
 };
 struct dp_meter {
-  __u32 id;  // OpenFlow's; 0: the place is free
-  __u32 zero;
   __u32 bands;  // the fastest first
   __u32 counts_packets;
   __u64 packets;
   __u64 bytes;
   struct dp_band band[DP_MAX_BANDS];
+  __u32 id;  // OpenFlow's; 0: the place is free
+  __u32 zero;
 };
 
 struct dp_port {
