@@ -162,7 +162,7 @@ class Life(OnInterfaces):
                     self.assertEqual((told["taken_over"], told["written"], told["pinned"]), (0, 2, "programmer_pin_dir" not in then))
                 self.assert_none_lost_or_doubled(traffic, 1000)
                 if "programmer_pin_dir" in then:
-                    self.assertRegex(self.switch.output(), "not pinned: it is not to be")
+                    self.assertRegex(self.switch.output(), "not pinned: programmer.pin_dir is none")
                 self.assertEqual(e2e.ofctl(self.switch.port, "del-flows").returncode, 0)
                 self.assertEqual(self.switch.stop(), 0)
 

@@ -18,7 +18,6 @@ namespace {
 
 // Where the program stands among the filters of an interface; those of other people keep their places.
 constexpr std::uint32_t kHandle = 1, kPriority = 0x4b45;
-constexpr char kProgram[] = "kelim_plane";
 
 struct Side {
   bool ingress;

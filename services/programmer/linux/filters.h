@@ -7,6 +7,8 @@
 
 namespace programmer::dataplane::filters {
 
+inline constexpr char kProgram[] = "kelim_plane";  // a plane's, as the kernel names it
+
 struct Filter {
   bool ingress = true;
   std::uint32_t preference = 0;

@@ -34,7 +34,7 @@ bool LinuxTarget::open_pins(const Context &context, const std::string &root, Par
   if (!root.empty()) parts.pins = Pins::open(root, qx_installation(context.global), refusal);
   if (refusal.taken) return why = refusal.why, false;
   if (parts.pins) return true;
-  parts.unpinned = root.empty() ? "it is not to be" : refusal.why;
+  parts.unpinned = root.empty() ? "programmer.pin_dir is none" : refusal.why;
   PROGRAMMER_LOG(context, QX_ZLOG_ERROR,
                  "the plane is not pinned: %s; a service that is started again fills a new one, and what flows and meters had "
                  "counted since the last report is lost",

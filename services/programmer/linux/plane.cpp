@@ -15,6 +15,8 @@
 #include <iterator>
 #include <utility>
 
+#include "programmer/linux/filters.h"
+
 extern "C" {
 extern const unsigned char kelim_plane_object[], kelim_plane_object_end[];  // object.c
 }
@@ -125,8 +127,6 @@ void Plane::set_sizes(std::uint32_t flows) {
 
 namespace {
 
-constexpr char kProgram[] = "kelim_plane";
-
 bool is(const bpf_map *wanted, int map) {
   bpf_map_info info{};
   __u32 size = sizeof info;
@@ -179,9 +179,9 @@ bool Plane::inherit(const std::vector<std::uint32_t> &ports) {
 
 // The pinned program when it is the same one, so that ports which have it are left alone.
 bool Plane::choose_program(std::string &why) {
-  const bpf_program *loaded = bpf_object__find_program_by_name(object_.get(), kProgram);
+  const bpf_program *loaded = bpf_object__find_program_by_name(object_.get(), filters::kProgram);
   if (loaded == nullptr) return fail(why, "the program of the data plane is another one", EINVAL);
-  if (inherited_) program_ = pins_->get(Pins::kInForce, kProgram);
+  if (inherited_) program_ = pins_->get(Pins::kInForce, filters::kProgram);
   const bpf_prog_info now = about_program(bpf_program__fd(loaded)), before = about_program(program_.get());
   if (!program_ || std::memcmp(now.tag, before.tag, sizeof now.tag) != 0)
     program_ = Descriptor(::fcntl(bpf_program__fd(loaded), F_DUPFD_CLOEXEC, 0));
@@ -199,7 +199,7 @@ bool Plane::pin(std::string &why) {
     bpf_map *map = nullptr;
     bpf_object__for_each_map(map, object_.get()) pinned = pinned && pins_->put(plane, bpf_map__name(map), bpf_map__fd(map));
   }
-  if (pinned && pins_->put(plane, kProgram, program_.get())) return true;
+  if (pinned && pins_->put(plane, filters::kProgram, program_.get())) return true;
   return fail(why, "the plane cannot be pinned in " + pins_->directory(), errno);
 }
 
