@@ -149,9 +149,9 @@ class Life(OnInterfaces):
         print(f"{len(traffic.got)} packets at {traffic.rate:.0f} a second ", end="", flush=True)
         self.await_that(lambda: self.counted() == [len(traffic.got)], f"{len(traffic.got)} packets in {self.counted()}")
 
-    # Another size is another layout; without pins the maps are always new.
+    # Another size, and another port, is another layout; without pins the maps are always new.
     def test_a_plane_that_cannot_be_taken_over_forwards_until_the_next_one_is_filled(self):
-        for first, then in (({}, {"programmer_size": 5000}), ({"programmer_pin_dir": "none"},) * 2):
+        for first, then in (({}, {"programmer_size": 5000}), ({}, {"ports": "1:p1,2:p2"}), ({"programmer_pin_dir": "none"},) * 2):
             with self.subTest(first=first, then=then):
                 self.begin(**first)
                 with Traffic(*self.sockets()) as traffic:
@@ -161,6 +161,8 @@ class Life(OnInterfaces):
                     told = self.await_that(self.in_step, "the next plane")
                     self.assertEqual((told["taken_over"], told["written"], told["pinned"]), (0, 2, "programmer_pin_dir" not in then))
                 self.assert_none_lost_or_doubled(traffic, 1000)
+                left = "kelim_plane" in network.run("tc", "filter", "show", "dev", "p3", "ingress").stdout
+                self.assertEqual(left, "ports" not in then, "p3 is a port no more")
                 if "programmer_pin_dir" in then:
                     self.assertRegex(self.switch.output(), "not pinned: programmer.pin_dir is none")
                 self.assertEqual(e2e.ofctl(self.switch.port, "del-flows").returncode, 0)
@@ -255,6 +257,9 @@ class Life(OnInterfaces):
         self.assertTrue(os.path.isdir(self.pins()))
         release = lambda: subprocess.run([self.switch.bin / "kelim-programmer", "--release"], env=self.switch.environment,
                                          capture_output=True, text=True, timeout=e2e.LIMIT)
+        powerless = subprocess.run(["setpriv", "--bounding-set=-net_admin", self.switch.bin / "kelim-programmer", "--release"],
+                                   env=self.switch.environment, capture_output=True, text=True, timeout=e2e.LIMIT)
+        self.assertEqual((powerless.returncode, powerless.stderr), (1, "kelim-programmer: the process lacks CAP_NET_ADMIN\n"))
         done = release()
         self.assertEqual((done.returncode, done.stderr), (0, ""))
         self.assertEqual(done.stdout.splitlines(), [*(f"interface p{n} is no port any more" for n in (1, 2, 3)), f"{self.pins()} removed"])

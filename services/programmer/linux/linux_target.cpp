@@ -287,6 +287,7 @@ std::optional<PlaneState> LinuxTarget::plane() const {
 
 // Where nothing is pinned any more, the configured ports may still have a program.
 bool LinuxTarget::release(const Context &context, const Settings &settings, std::string &said) {
+  if (!Plane::possible(said)) return false;
   Pins::Refusal refusal;
   const auto pins = settings.pin_dir.empty() ? nullptr : Pins::open(settings.pin_dir, qx_installation(context.global), refusal);
   if (refusal.taken) return said = refusal.why, false;
