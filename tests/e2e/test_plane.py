@@ -190,7 +190,7 @@ class Life(OnInterfaces):
 
     # There are 1,024 masks, so what is new has no room beside what is old; nobody is refused for that.
     def test_what_has_room_only_when_the_old_has_gone_waits_for_that(self):
-        self.begin(openflow_capacity=4000)
+        self.begin(openflow_capacity=4000, openflow_decide_timeout_ms=e2e.LIMIT * 1000)
         lengths = list(itertools.product(range(1, 33), range(1, 32)))
         add = lambda client, in_port: [
             client.send(openflow.FLOW_MOD, openflow.flow_mod(openflow.ADD, between(source, destination, in_port)))
