@@ -40,6 +40,10 @@ typedef struct qx_thread {
 // one runtime lives at a time.
 qx_global *qx_global_init(const char *name, void *parent);
 
+// A text that tells this installation from others on the same machine: processes that belong together have the same one. Good
+// while the runtime lives; empty for null. The Linux host's is the run directory.
+const char *qx_installation(const qx_global *global);
+
 // Runs the event loop until the platform ends it. 0, or QX_FAILED when the loop itself failed.
 int qx_global_run(qx_global *global);
 

@@ -93,7 +93,7 @@ void FlowRecords::requested(Bytes record) {
   }
   entry.state = KnownFlowState::asked;
   entry.content = flow.content;
-  target_->install_flow({flow.key, slot, flow.uuid}, record);
+  target_->install_flow({flow.key, slot, flow.uuid, entry.sums}, record);
 }
 
 void FlowRecords::flow_answered(const FlowRequest &request, Outcome outcome) {
@@ -201,6 +201,7 @@ bool FlowRecords::resynchronise() {
   for (std::uint32_t slot = 0; slot < table_.slots(); ++slot) {
     if (table_[slot].state != KnownFlowState::free && !table_[slot].seen) remove(slot);
   }
+  target_->all_flows_known();
   PROGRAMMER_LOG(context_, QX_ZLOG_VERBOSE, "in step with the database: %u flows", table_.size());
   return true;
 }

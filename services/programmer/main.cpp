@@ -37,6 +37,8 @@ void add_options(CLI::App &app, programmer::Options &options) {
   add("--packet-in-rate", options.packet_in_rate, "KELIM_PROGRAMMER_PACKET_IN_RATE",
       "packets per second that a port of the target linux sends to controllers");
   add("--packet-in-burst", options.packet_in_burst, "KELIM_PROGRAMMER_PACKET_IN_BURST", "how many of these it may send at once");
+  add("--pin-dir", options.pin_dir, "KELIM_PROGRAMMER_PIN_DIR",
+      "where linux keeps its plane while no service runs, in a BPF file system, or none");
   app.add_flag("--service-chain,!--no-service-chain", options.service_chain, "translate service-chain flows")
       ->envname("KELIM_PROGRAMMER_SERVICE_CHAIN")
       ->capture_default_str();
@@ -90,20 +92,34 @@ int serve(const programmer::Options &options) {
   return status;
 }
 
+// Takes out what the target linux has left.
+int release(const programmer::Options &options) {
+  qx_global *global = qx_global_init(programmer::kReleasing, nullptr);
+  if (global == nullptr) return errno == EINVAL ? kBadConfiguration : 1;
+  std::string said;
+  const int rv = programmer::release(global, options, said);
+  qx_global_finish(global);
+  if (rv != 0) return fail(said.c_str());
+  std::fputs(said.empty() ? "there is nothing to take out\n" : said.c_str(), stdout);
+  return 0;
+}
+
 int run(int argc, char **argv) {
   programmer::Options options;
+  bool releases = false;
   CLI::App app(
       "Installs the flows, meters and controller addresses of the object database in a target and writes the results "
       "back.");
   app.set_version_flag("--version", "kelim-programmer " KELIM_VERSION);
   add_options(app, options);
+  app.add_flag("--release", releases, "take out what the target linux has left in the kernel, and end");
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError &error) {
     return app.exit(error) == 0 ? 0 : 2;
   }
   if (const std::string error = programmer::check(options); !error.empty()) return fail(error.c_str());
-  return serve(options);
+  return releases ? release(options) : serve(options);
 }
 
 }  // namespace

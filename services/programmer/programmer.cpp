@@ -205,4 +205,13 @@ std::optional<Totals> totals() {
   return now;
 }
 
+int release(qx_global *global, const Options &options, std::string &said) {
+  const Context context{global, qx_zlog_init("programmer"), {}};
+  return release_targets(context, options, said) ? 0 : QX_FAILED;
+}
+
+std::optional<PlaneState> plane() {
+  return g_service == nullptr ? std::nullopt : g_service->target->plane();
+}
+
 }  // namespace programmer

@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "qx_runtime.h"
 
@@ -23,6 +24,8 @@ namespace programmer {
 
 // Name of the stand-alone service's process and runtime.
 inline constexpr char kProcess[] = "kelim-programmer";
+// One that runs no service and only takes out what one has left.
+inline constexpr char kReleasing[] = "kelim-programmer-release";
 
 // Options of the target and the service. Delay, script, seed and counter_rate belong to the simulated target.
 struct Options {
@@ -35,8 +38,9 @@ struct Options {
   std::uint32_t counter_rate = 0;            // packets per second by which every installed flow's counters grow; 0: not at all
   std::uint32_t packet_in_rate =
       1000;  // packets a second that each port of the target linux sends to controllers; 1 to a million
-  std::uint32_t packet_in_burst = 100;  // how many of these at once
-  bool service_chain = true;            // translate parse_flow records into access-control entries
+  std::uint32_t packet_in_burst = 100;        // how many of these at once
+  std::string pin_dir = "/sys/fs/bpf/kelim";  // where linux keeps its plane while no service runs; "none": nowhere
+  bool service_chain = true;                  // translate parse_flow records into access-control entries
 };
 
 // A script is a list of clauses, separated by semicolons: VERB=ITEM[,ITEM...], for example "fail=3,17-19;resource=5;delay=7:200".
@@ -81,5 +85,35 @@ struct Totals {
 
 // std::nullopt while no service runs.
 std::optional<Totals> totals();
+
+// What the target linux has in the kernel.
+struct PlaneState {
+  struct Filter {
+    bool ingress;
+    std::uint32_t preference;
+    std::string name;
+  };
+  struct Port {
+    std::uint32_t number;
+    std::string interface;
+    bool present;
+    bool forwards;               // the program there is this plane's, not one of before
+    std::vector<Filter> others;  // other people's, which see packets too
+  };
+  std::string pins;                   // directory; empty: not pinned
+  std::string unpinned;               // why not
+  bool in_step;                       // all that is stored has been seen
+  std::uint64_t taken_over, dropped;  // of the flows that were found there: asked for as they were, and not
+  std::uint64_t written;              // flows since the start
+  std::vector<Port> ports;
+};
+
+// Nothing while no service runs, or one with another target.
+std::optional<PlaneState> plane();
+
+// Takes out what a service with the target linux has left in the kernel: programs, qdiscs that nobody else uses, pins. For a
+// process that runs no service, with its runtime. QX_FAILED, and why, while a service runs there; else 0, and what was done, a
+// line each.
+int release(qx_global *global, const Options &options, std::string &said);
 
 }  // namespace programmer

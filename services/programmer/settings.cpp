@@ -119,6 +119,7 @@ bool SettingRecords<Kind>::resynchronise() {
     if (!entry.second) Kind::remove(target_, entry.first);
     return !entry.second;
   });
+  Kind::all_known(target_);
   return true;
 }
 

@@ -28,6 +28,7 @@ struct MeterKind {
   static bool same_request(const Record &a, const Record &b);
   static Outcome install(Target &target, const Record &record);
   static void remove(Target &target, const SettingKey &key) { target.remove_meter(key.first); }
+  static void all_known(Target &target) { target.all_meters_known(); }
 };
 
 struct AddressKind {
@@ -39,6 +40,7 @@ struct AddressKind {
   static bool same_request(const Record &, const Record &) { return true; }
   static Outcome install(Target &target, const Record &record);
   static void remove(Target &target, const SettingKey &key) { target.set_controller_address(key.second, false); }
+  static void all_known(Target &) {}
 };
 
 template <typename Kind>

@@ -6,7 +6,9 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 
+#include "programmer/programmer.h"
 #include "record_reader.h"
 
 namespace programmer {
@@ -19,21 +21,22 @@ struct FlowKey {
   bool operator==(const FlowKey &) const = default;
 };
 
+struct Counters {
+  std::uint64_t packets = 0;
+  std::uint64_t bytes = 0;
+  bool operator==(const Counters &) const = default;
+};
+
 // A request to install a flow. The slot is a small number that identifies the flow until it is removed, so that a target can keep
 // its own flow state in an array.
 struct FlowRequest {
   FlowKey key;
   std::uint32_t slot = 0;
   std::uint64_t uuid = 0;
+  Counters counted;  // what the flow has counted so far, as the database knows it
 };
 
 enum class Outcome : std::uint8_t { kInstalled, kFailed, kResource };
-
-struct Counters {
-  std::uint64_t packets = 0;
-  std::uint64_t bytes = 0;
-  bool operator==(const Counters &) const = default;
-};
 
 // Receives a target's answers; may be called from inside install_flow.
 class FlowSink {
@@ -48,8 +51,9 @@ class Target {
  public:
   virtual ~Target() = default;
 
-  // Installs the flow, or replaces the slot's flow; after a failed replacement the slot is empty. `record` is the packed flow
-  // record, valid during the call. Every request is answered once, unless its slot is removed first.
+  // Installs the flow, or replaces the slot's flow; after a failed replacement the slot is empty. A target that has taken over
+  // an earlier life's flows leaves those that are equal untouched. `record` is the packed flow record, valid during the call.
+  // Every request is answered once, unless its slot is removed first.
   virtual void install_flow(const FlowRequest &request, Bytes record) = 0;
   // Empties the slot and drops requests for it. Harmless for an empty slot.
   virtual void remove_flow(std::uint32_t slot) = 0;
@@ -58,6 +62,11 @@ class Target {
 
   virtual Outcome install_meter(std::uint32_t id, Bytes meter_data) = 0;
   virtual void remove_meter(std::uint32_t id) = 0;
+  // Everything stored has been requested since the start: what an earlier life has left in the hardware and nobody has requested
+  // goes.
+  virtual void all_flows_known() {}
+  virtual void all_meters_known() {}
+
   // Tells whether controllers want packets, according to the daemon; a target without real packets ignores it.
   virtual void want_packets(bool) {}
   virtual void set_controller_address(std::uint32_t ip, bool present) = 0;
@@ -77,6 +86,7 @@ class Target {
   // Passes further numbers for the operator to `tell`, one at a time.
   using Tell = std::function<void(const char *what, std::uint64_t number)>;
   virtual void describe(const Tell &) const {}
+  virtual std::optional<PlaneState> plane() const { return std::nullopt; }
 };
 
 }  // namespace programmer

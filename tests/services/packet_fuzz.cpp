@@ -15,7 +15,7 @@ struct Memory {
   dp_mask masks[2 * DP_MAX_MASKS]{};
   dp_bucket buckets[2]{};
   dp_flow flows[1]{};
-  dp_count counts[1]{};
+  dp_count counts[1]{}, before[1]{};
   dp_port ports[DP_MAX_PORTS]{};
   dp_meter meters[DP_MAX_METERS]{};
   dp_tally tally{};
@@ -54,7 +54,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
   static const auto memory = std::make_unique<Memory>();
   static Grace grace;
   Sender sender(memory->ports);
-  const dp_tables tables{&memory->control, memory->masks, memory->buckets, memory->flows, memory->counts, 2, 1, 1};
+  const dp_tables tables{
+      &memory->control, memory->masks, memory->buckets, memory->flows, memory->counts, memory->before, 2, 1, 1};
   Executor executor({tables, memory->ports, memory->meters, &memory->tally}, grace, sender,
                     [&](const ss_pkt_in &, Bytes out) { require(out.size() == frame.size()); });
   executor.run({.in_port = about.in_port,

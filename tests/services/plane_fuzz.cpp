@@ -29,10 +29,10 @@ struct Memory {
   dp_mask masks[2 * DP_MAX_MASKS]{};
   dp_bucket buckets[kBuckets]{};
   dp_flow flows[kPlaces]{};
-  dp_count counts[kPlaces]{};
+  dp_count counts[kPlaces]{}, before[kPlaces]{};
   dp_meter meters[DP_MAX_METERS]{};
   dp_cached cache[DP_CACHE_SETS * DP_CACHE_WAYS]{};
-  dp_tables tables{&control, masks, buckets, flows, counts, kBuckets, kPlaces, 1, cache};
+  dp_tables tables{&control, masks, buckets, flows, counts, before, kBuckets, kPlaces, 1, cache};
 
   // As new for another table. What is cached stays, and is of an earlier state.
   void clear() {

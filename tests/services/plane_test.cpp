@@ -1,11 +1,16 @@
 // The table of the data plane in plain memory: against a linear list, and with a reader beside the writer; the parsing of
 // packets.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <array>
 #include <atomic>
 #include <memory>
 #include <random>
+#include <set>
 #include <thread>
 
 #include "programmer/linux/flow_table.h"
@@ -19,8 +24,14 @@ using namespace programmer::dataplane;
 
 struct Memory {
   Memory(std::uint32_t places, std::uint32_t bucket_count)
-      : masks(2 * DP_MAX_MASKS), buckets(bucket_count), flows(places), counts(places), cache(DP_CACHE_SETS * DP_CACHE_WAYS) {
-    tables = {&control, masks.data(), buckets.data(), flows.data(), counts.data(), bucket_count, places, 1, cache.data()};
+      : masks(2 * DP_MAX_MASKS),
+        buckets(bucket_count),
+        flows(places),
+        counts(places),
+        before(places),
+        cache(DP_CACHE_SETS * DP_CACHE_WAYS) {
+    tables = {&control, masks.data(), buckets.data(), flows.data(), counts.data(), before.data(), bucket_count, places,
+              1,        cache.data()};
   }
   // The index of the flow that decides; 0: none.
   std::uint64_t find(const dp_key &key) const {
@@ -31,7 +42,7 @@ struct Memory {
   std::vector<dp_mask> masks;
   std::vector<dp_bucket> buckets;
   std::vector<dp_flow> flows;
-  std::vector<dp_count> counts;
+  std::vector<dp_count> counts, before;
   std::vector<dp_cached> cache;
   dp_tables tables;
 };
@@ -97,15 +108,53 @@ void rest(FlowTable &table) {
   if (table.begin_grace()) table.end_grace();
 }
 
+std::set<FlowTable::Place> published(const Memory &memory) {
+  std::set<FlowTable::Place> places;
+  for (const dp_bucket &bucket : memory.buckets)
+    for (const __u64 entry : bucket.entries)
+      if (entry != 0 && entry != DP_TOMB) places.insert(static_cast<FlowTable::Place>(entry) - 1);
+  return places;
+}
+
+// Another table takes the memory over and is asked for some of the flows, in any order: what is in force is not touched, and
+// what nobody asks for decides to the end.
+void take_over(std::unique_ptr<FlowTable> &table, const Memory &memory, std::vector<Model> &model, Random &random) {
+  const std::set<FlowTable::Place> in_force = published(memory);
+  table = std::make_unique<FlowTable>(memory.tables);
+  ASSERT_EQ(table->inherited(), in_force.size());
+  std::vector<Model> asked;
+  while (!model.empty()) {
+    std::swap(model[random.below(static_cast<std::uint32_t>(model.size()))], model.back());
+    asked.push_back(model.back());
+    model.pop_back();
+  }
+  const std::vector<Model> all = asked;
+  const std::size_t wanted = asked.size() - asked.size() / 4;
+  asked.resize(wanted);
+  for (Model &flow : asked) {
+    const FlowTable::Place before = flow.place;
+    flow.place = table->add(flow.key, flow.mask, flow_of(flow.rank, flow.index));
+    ASSERT_NE(flow.place, FlowTable::kNone);
+    ASSERT_TRUE(flow.place == before || !in_force.contains(before));
+    const dp_key packet = random.key();
+    ASSERT_EQ(memory.find(packet), find(all, packet));
+  }
+  table->drop_inherited();
+  ASSERT_EQ(table->inherited(), 0U);
+  model = asked;
+}
+
 // Buckets are so few that they overflow, and places too; masks come and go.
 void run_steps(unsigned seed, std::uint32_t places, std::uint32_t buckets, int steps) {
   SCOPED_TRACE("seed " + std::to_string(seed));
   Random random(seed);
   Memory memory(places, buckets);
-  FlowTable table(memory.tables);
+  auto owner = std::make_unique<FlowTable>(memory.tables);
   std::vector<Model> model;
   std::uint64_t index = 0;
   for (int step = 0; step < steps; ++step) {
+    if (step % 500 == 499) take_over(owner, memory, model, random);
+    FlowTable &table = *owner;
     const std::uint32_t choice = random.below(100);
     if (choice < (step / 2000 % 2 != 0 ? 20U : 40U)) {
       Model flow{FlowTable::kNone, random.key(), random.mask(), 1 + random.below(20), ++index};
@@ -126,8 +175,8 @@ void run_steps(unsigned seed, std::uint32_t places, std::uint32_t buckets, int s
     ASSERT_EQ(memory.find(packet), find(model, packet)) << "step " << step;
     ASSERT_EQ(table.size(), model.size());
   }
-  for (const Model &flow : model) table.remove(flow.place);
-  EXPECT_EQ(table.size(), 0U);
+  for (const Model &flow : model) owner->remove(flow.place);
+  EXPECT_EQ(owner->size(), 0U);
   for (const dp_bucket &bucket : memory.buckets)
     for (const __u64 entry : bucket.entries) ASSERT_EQ(entry, 0U);
 }
@@ -135,6 +184,65 @@ void run_steps(unsigned seed, std::uint32_t places, std::uint32_t buckets, int s
 TEST(PlaneTable, FindsWhatALinearListFinds) {
   const unsigned seed = std::random_device{}();
   for (unsigned i = 0; i < 8; ++i) run_steps(seed + i, 40U << i, 4U << i, 8'000);
+}
+
+// ---- a writer that is killed in the middle of a change
+
+struct Shared {
+  dp_control control;
+  dp_mask masks[2 * DP_MAX_MASKS];
+  dp_bucket buckets[4];
+  dp_flow flows[96];
+  dp_count counts[96], before[96];
+  dp_cached cache[DP_CACHE_SETS * DP_CACHE_WAYS];
+};
+
+[[noreturn]] void change_for_ever(const dp_tables &tables, const std::vector<Model> &flows) {
+  FlowTable table(tables);
+  std::vector<FlowTable::Place> places(flows.size(), FlowTable::kNone);
+  for (std::mt19937 random(1);;) {
+    const std::size_t i = random() % flows.size();
+    if (places[i] == FlowTable::kNone)
+      places[i] = table.add(flows[i].key, flows[i].mask, flow_of(flows[i].rank, flows[i].index));
+    else
+      table.remove(std::exchange(places[i], FlowTable::kNone));
+    if (random() % 16 == 0) table.tidy(), rest(table);
+  }
+}
+
+TEST(PlaneTable, IsTakenOverFromAWriterThatWasKilled) {
+  Random random(std::random_device{}());
+  std::vector<Model> flows;
+  for (std::uint64_t index = 1; index <= 30; ++index)
+    flows.push_back({FlowTable::kNone, random.key(), random.mask(), 1 + random.below(20), index});
+  for (unsigned round = 0; round < 40; ++round) {
+    void *const memory = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(memory, MAP_FAILED);
+    auto &shared = *static_cast<Shared *>(memory);
+    const dp_tables tables{&shared.control, shared.masks, shared.buckets, shared.flows, shared.counts, shared.before, 4, 96, 1,
+                           shared.cache};
+    const pid_t writer = fork();
+    if (writer == 0) change_for_ever(tables, flows);
+    const __u64 from = 100 + random.below(2'000);
+    while (std::atomic_ref(shared.control.current).load() < from) std::this_thread::yield();
+    kill(writer, SIGKILL);
+    waitpid(writer, nullptr, 0);
+    FlowTable table(tables);
+    std::vector<Model> asked(flows.begin() + random.below(10), flows.end() - random.below(10));
+    std::erase_if(asked, [&table](const Model &flow) {
+      const bool refused = table.add(flow.key, flow.mask, flow_of(flow.rank, flow.index)) == FlowTable::kNone;
+      EXPECT_TRUE(!refused || table.lack() == FlowTable::Lack::kBuckets);
+      return refused;
+    });
+    table.drop_inherited();
+    for (unsigned i = 0; i < 500; ++i) {
+      const dp_key packet = random.key();
+      const std::uint32_t place = dp_classify(&tables, &shared.control, &packet);
+      ASSERT_EQ(place == 0 ? 0 : shared.flows[place - 1].index, find(asked, packet));
+    }
+    ASSERT_EQ(table.size(), asked.size());
+    munmap(memory, sizeof(Shared));
+  }
 }
 
 // A flow that is replaced all the time under a reader, beside others that come and go: found each time.
@@ -270,6 +378,17 @@ TEST(PlaneMeter, EachBandHoldsItsRate) {
   EXPECT_EQ(meter.packets, 100'000U);
   EXPECT_EQ(meter.band[0].packets, verdicts[DP_BAND_DROP]);
   EXPECT_EQ(meter.band[1].bytes, verdicts[DP_BAND_REMARK] * 1000U);
+  // Another one that takes them over goes on with what is the same, and with what flows use until every record has been seen.
+  programmer::dataplane::Meters next(table.get());
+  const __u64 tat = meter.band[0].tat;
+  EXPECT_EQ(&table[next.use(5) - 1U], &meter);
+  ASSERT_TRUE(next.set(5, {false, {{BandType::kDrop, 8000, 80, 0}, {BandType::kRemark, 4000, 40, 1}}}));
+  next.drop_inherited();
+  EXPECT_EQ(meter.band[0].tat, tat);
+  EXPECT_EQ(meter.packets, 100'000U);
+  programmer::dataplane::Meters last(table.get());
+  last.drop_inherited();
+  EXPECT_EQ(std::pair(meter.id, meter.bands), std::pair(0U, 0U));
   const __u8 marks[][2] = {{10, 12}, {14, 14}, {38, 38},
                            {0, 0},   {46, 46}, {8, 8}};  // AF11, AF13, AF43; not of assured forwarding
   for (const auto &[before, after] : marks) EXPECT_EQ(dp_remark(before, 1), after);

@@ -12,6 +12,7 @@ import re
 import socket
 import struct
 import subprocess
+import tempfile
 
 CLONE_NEWNET = 0x40000000
 SO_RCVBUFFORCE = 33
@@ -131,9 +132,19 @@ class Network:
         self.hosts = [Host(number) for number in numbers]
         for host in self.hosts:
             host.plug(numbers)
+        # A BPF file system of its own; without one nothing is pinned.
+        self.pins = tempfile.mkdtemp(prefix="kelim-")
+        self.pinned = subprocess.run(["mount", "-t", "bpf", "-o", "mode=0700", "bpf", self.pins], capture_output=True).returncode == 0
         # Settings of a daemon on this switch.
-        self.settings = {"programmer_target": "linux", "ports": ",".join(f"{n}:p{n}" for n in numbers)}
+        self.settings = {
+            "programmer_target": "linux",
+            "ports": ",".join(f"{n}:p{n}" for n in numbers),
+            "programmer_pin_dir": f"{self.pins}/kelim" if self.pinned else "none",
+        }
 
     def close(self):
+        if self.pinned:
+            run("umount", "--lazy", self.pins)
+        os.rmdir(self.pins)
         for host in self.hosts:
             host.close()

@@ -280,6 +280,36 @@ std::string packets_text(const Json &data, const Look &look) {
                    "The data plane has reported no ports.", look);
 }
 
+Json plane_data(Link &link, const ViewOptions &) {
+  return link.view("plane");
+}
+
+std::string filters_text(const Json &row, const char *key) {
+  std::string text;
+  for (const Json &filter : row.value(key, Json::array()))
+    text += fmt::format("{}{} pref {} {}", text.empty() ? "" : ", ", cell(filter, "direction"), cell(filter, "pref"),
+                        cell(filter, "name"));
+  return text.empty() ? "-" : text;
+}
+
+std::string port_state(const Json &row, const char *) {
+  return !row.value("present", false) ? "not there" : row.value("forwards", false) ? "forwards" : "forwards as before the start";
+}
+
+std::string plane_text(const Json &data, const Look &look) {
+  const std::string pins =
+      data.value("pinned", false) ? "pinned in " + cell(data, "pins") : "not pinned: " + cell(data, "unpinned");
+  return fmt::format("The plane is {}, {} step with the database\nFlows: {} taken over as they were, {} written, {} dropped\n\n",
+                     pins, data.value("in_step", false) ? "in" : "not yet in", cell(data, "taken_over"), cell(data, "written"),
+                     cell(data, "dropped")) +
+         list_text(data.value("ports", Json::array()),
+                   {{{"PORT", true}, "port"},
+                    {{"INTERFACE"}, "interface"},
+                    {{"STATE"}, "present", port_state},
+                    {{"OTHER FILTERS", false, true}, "others", filters_text}},
+                   "No port is configured.", look);
+}
+
 Json refusals_data(Link &link, const ViewOptions &) {
   return link.view("refusals");
 }
@@ -419,6 +449,8 @@ const std::vector<ViewCommand> &view_commands() {
       {"controllers", "the controller connections", controllers_data, controllers_text, "  kelimctl controllers --watch\n"},
       {"packets", "packets to and from the controllers, and those dropped with the reason", packets_data, packets_text,
        "  kelimctl packets --watch\n  kelimctl packets --json | jq '.ports[] | select(.port == 1)'\n"},
+      {"plane", "what the target linux has in the kernel: pins, ports, flows found at the start, filters of others", plane_data,
+       plane_text, "  kelimctl plane\n  kelimctl --process kelim-programmer plane\n"},
       {"refusals", "the last refused requests, with the reason", refusals_data, refusals_text,
        "  kelimctl refusals -o wide\n  kelimctl refusals --json | jq '.refusals[-1]'\n"},
       {"capabilities", "what controllers can expect: messages, match fields, actions, meters, limits, errors", capabilities_data,

@@ -80,6 +80,7 @@ struct Config {
     std::uint32_t counter_rate;
     std::uint32_t packet_in_rate;
     std::uint32_t packet_in_burst;
+    std::string pin_dir;
     bool service_chain;
   } programmer;
 

@@ -79,6 +79,9 @@ constexpr Allowed kMetrics = {"PORT (of 127.0.0.1) or ADDRESS:PORT, or nothing",
                               [](const std::string &t) { return t.empty() || is_numeric_endpoint(t); }};
 constexpr Allowed kPath = {"a path that begins with /", [](const std::string &t) { return t.starts_with('/'); }};
 
+constexpr Allowed kPathOrNone = {"a path that begins with /, or none",
+                                 [](const std::string &t) { return t == "none" || t.starts_with('/'); }};
+
 // Every key once: reading, checking, printing and documenting the configuration all walk this table.
 using C = Config;
 constexpr Row kRows[] = {
@@ -169,6 +172,8 @@ constexpr Row kRows[] = {
      "Packets per second that each port of the target linux may send to the controllers; more are dropped."},
     {"programmer", "packet_in_burst", in<&C::programmer, &C::Programmer::packet_in_burst>, "100", between(1, 1'000'000),
      "How many of these may be sent at once."},
+    {"programmer", "pin_dir", in<&C::programmer, &C::Programmer::pin_dir>, "/sys/fs/bpf/kelim", kPathOrNone,
+     "Where the target linux keeps its tables while no service runs, in a BPF file system, or none."},
     {"programmer", "service_chain", in<&C::programmer, &C::Programmer::service_chain>, "true", kAnything,
      "Whether the programming service also runs the service-chain application."},
 

@@ -385,6 +385,10 @@ int qx_global_run(qx_global *global) {
   return rv;
 }
 
+const char *qx_installation(const qx_global *global) {
+  return global != nullptr && global == host::current_global() ? host::config().run_dir.c_str() : "";
+}
+
 void qx_global_finish(qx_global *global) {
   if (global != nullptr && global == host::current_global()) host::release();
 }

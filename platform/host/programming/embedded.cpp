@@ -5,6 +5,7 @@
 
 #include "host/base/services.h"
 #include "host/config/config.h"
+#include "host/control/control.h"
 #include "host/control/status.h"
 #include "host/metrics/metrics.h"
 #include "programmer/programmer.h"
@@ -22,6 +23,29 @@ nlohmann::ordered_json status() {
   return {{"flows", now->flows},     {"size", now->size},         {"meters", now->meters},
           {"waiting", now->waiting}, {"owed", now->owed},         {"installed", now->installed},
           {"failed", now->failed},   {"resource", now->resource}, {"skipped", now->skipped}};
+}
+
+nlohmann::ordered_json port(const programmer::PlaneState::Port &port) {
+  auto others = nlohmann::ordered_json::array();
+  for (const auto &filter : port.others)
+    others.push_back({{"direction", filter.ingress ? "ingress" : "egress"}, {"pref", filter.preference}, {"name", filter.name}});
+  return {{"port", port.number},
+          {"interface", port.interface},
+          {"present", port.present},
+          {"forwards", port.forwards},
+          {"others", std::move(others)}};
+}
+
+nlohmann::ordered_json plane() {
+  if (!programmer::totals())
+    throw std::runtime_error(
+        "no programming service runs in this process; kelimctl --process kelim-programmer asks the other one");
+  const auto now = programmer::plane();
+  if (!now) throw std::runtime_error("the programming service has another target than linux");
+  auto ports = nlohmann::ordered_json::array();
+  for (const auto &one : now->ports) ports.push_back(port(one));
+  return {{"pinned", !now->pins.empty()},  {"pins", now->pins},       {"unpinned", now->unpinned}, {"in_step", now->in_step},
+          {"taken_over", now->taken_over}, {"written", now->written}, {"dropped", now->dropped},   {"ports", std::move(ports)}};
 }
 
 constexpr metrics::Row<programmer::Totals> kRows[] = {
@@ -59,7 +83,9 @@ void write_metrics(metrics::Page &page) {
 }  // namespace
 
 std::string start(const Config &config, qx_global *global) {
+  if (runtime_name() == programmer::kReleasing) return "";
   const bool is_its_own = runtime_name() == programmer::kProcess;
+  control::register_view("plane", [](const nlohmann::json &) { return plane(); });
   if (is_its_own || config.programmer.embedded) {
     control::register_status("programmer", status);
     metrics::add_source(write_metrics);
@@ -78,6 +104,7 @@ std::string start(const Config &config, qx_global *global) {
   options.counter_rate = key.counter_rate;
   options.packet_in_rate = key.packet_in_rate;
   options.packet_in_burst = key.packet_in_burst;
+  options.pin_dir = key.pin_dir;
   options.service_chain = key.service_chain;
   if (const std::string error = programmer::check_script(options); !error.empty()) {
     return "programmer.script (KELIM_PROGRAMMER_SCRIPT): " + error;

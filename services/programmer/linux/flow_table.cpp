@@ -18,10 +18,14 @@ __u64 entry_for(std::uint64_t hash, FlowTable::Place place) {
 }  // namespace
 
 FlowTable::FlowTable(const dp_tables &memory)
-    : memory_(memory), behind_(memory.places, kNone), before_(memory.places), elsewhere_(memory.bucket_count) {
+    : memory_(memory), behind_(memory.places, kNone), elsewhere_(memory.bucket_count), inherited_(memory.places) {
   memory_.control->bucket_mask = memory.bucket_count - 1;
   memory_.control->flows = memory.places;
   masks_.reserve(DP_MAX_MASKS);
+  inherit_masks();
+  inherit_flows();
+  find_free_places();
+  publish();
 }
 
 FlowTable::Words FlowTable::words_of(const dp_key &key) {
@@ -169,14 +173,29 @@ void FlowTable::end_grace() {
   list_resting_ = false;
 }
 
+// Nobody counts there any more.
+void FlowTable::reset_counts(Place place) {
+  memory_.before[place] = {};
+  for (std::uint32_t row = 0; row < memory_.rows; ++row) {
+    dp_count &cell = memory_.counts[std::size_t{row} * memory_.places + place];
+    store<__u64>(cell.packets, 0);
+    store<__u64>(cell.bytes, 0);
+  }
+}
+
+void FlowTable::go_on_from(Place place, const Counters &counted) {
+  memory_.before[place].packets += counted.packets;
+  memory_.before[place].bytes += counted.bytes;
+}
+
 Counters FlowTable::count(Place place) const {
-  Counters sum;
+  Counters sum{memory_.before[place].packets, memory_.before[place].bytes};
   for (std::uint32_t row = 0; row < memory_.rows; ++row) {
     const dp_count &cell = memory_.counts[std::size_t{row} * memory_.places + place];
     sum.packets += dp_counted(cell.packets);
     sum.bytes += dp_counted(cell.bytes);
   }
-  return {sum.packets - before_[place].packets, sum.bytes - before_[place].bytes};
+  return sum;
 }
 
 // ---- buckets
@@ -228,9 +247,94 @@ void FlowTable::vacate(std::uint64_t hash, Place place) {
   const bool at_home = entry_of(home, place) != nullptr;
   const std::uint32_t bucket = at_home ? home : dp_second_bucket(hash, mask);
   store<__u64>(*entry_of(bucket, place), elsewhere_[bucket] != 0 ? DP_TOMB : 0);
-  if (at_home || --elsewhere_[home] != 0) return;
-  for (__u64 &entry : memory_.buckets[home].entries)
+  if (!at_home && --elsewhere_[home] == 0) open_again(home);
+}
+
+// What another table has left needs no second bucket to be looked at.
+void FlowTable::open_again(std::uint32_t bucket) {
+  for (__u64 &entry : memory_.buckets[bucket].entries)
     if (entry == DP_TOMB) store<__u64>(entry, 0);
+}
+
+// ---- what another table has left
+
+bool FlowTable::knows(std::uint32_t mask) const {
+  if (mask >= masks_.size()) return false;
+  const auto known = ids_.find(masks_[mask].words);
+  return known != ids_.end() && known->second == mask;
+}
+
+// A row is in the list when its rank is; the table may have ended before a flow came under it.
+void FlowTable::inherit_masks() {
+  const dp_mask *rows = list(true);
+  for (; rows_ < DP_MAX_MASKS && rows[rows_].rank != 0; ++rows_) {
+    const dp_mask &row = rows[rows_];
+    if (row.id >= DP_MAX_MASKS) continue;
+    if (row.id >= masks_.size()) masks_.resize(row.id + 1);
+    Mask &mask = masks_[row.id];
+    std::ranges::copy(row.words, mask.words.begin());
+    mask.row = rows_;
+    mask.only_type = row.only_type;
+    ids_.emplace(mask.words, row.id);
+  }
+  for (std::uint32_t id = 0; id < masks_.size(); ++id)
+    if (!knows(id)) free_ids_.push_back(id);
+  untidy_ = rows_ != 0;
+}
+
+void FlowTable::inherit_flows() {
+  for (std::uint32_t bucket = 0; bucket < memory_.bucket_count; ++bucket) {
+    for (__u64 &entry : memory_.buckets[bucket].entries)
+      if (entry != 0 && entry != DP_TOMB && !inherit_flow(bucket, entry)) store(entry, DP_TOMB);
+  }
+  for (std::uint32_t bucket = 0; bucket < memory_.bucket_count; ++bucket)
+    elsewhere_[bucket] != 0 ? keep_closed(bucket) : open_again(bucket);
+}
+
+// Whether the entry stands for a flow that belongs here.
+bool FlowTable::inherit_flow(std::uint32_t bucket, __u64 entry) {
+  const Place place = static_cast<Place>(entry) - 1;
+  if (place >= memory_.places || inherited_[place]) return false;
+  const dp_flow &flow = memory_.flows[place];
+  if (!knows(flow.mask)) return false;
+  Words masked;
+  std::ranges::copy(flow.key, masked.begin());
+  const std::uint64_t hash = dp_hash(masked.data(), flow.mask);
+  const std::uint32_t mask = memory_.bucket_count - 1, home = dp_first_bucket(hash, mask);
+  if (entry != entry_for(hash, place) || (bucket != home && bucket != dp_second_bucket(hash, mask))) return false;
+  if (bucket != home) ++elsewhere_[home];
+  ++masks_[flow.mask].ranks[flow.rank];
+  inherited_[place] = true;
+  ++inherited_count_;
+  ++size_;
+  return true;
+}
+
+void FlowTable::find_free_places() {
+  unused_ = memory_.places;
+  while (unused_ != 0 && !inherited_[unused_ - 1]) --unused_;
+  for (Place place = 0; place < unused_; ++place)
+    if (!inherited_[place]) free_.push_back(place);
+}
+
+// The place of just this flow among what was left; kNone when it was not. Fills in key and mask where the mask is known.
+FlowTable::Place FlowTable::claim(const dp_key &mask, dp_flow &flow) {
+  if (inherited_count_ == 0) return kNone;
+  const auto known = ids_.find(words_of(mask));
+  if (known == ids_.end()) return kNone;
+  flow.mask = known->second;
+  for (Place at = dp_find(&memory_, flow.key, flow.mask, memory_.bucket_count - 1) - 1; at != kNone; at = behind_[at]) {
+    if (!inherited_[at] || std::memcmp(&memory_.flows[at], &flow, sizeof flow) != 0) continue;
+    inherited_[at] = false;
+    --inherited_count_;
+    return at;
+  }
+  return kNone;
+}
+
+void FlowTable::drop_inherited() {
+  for (Place place = 0; inherited_count_ != 0; ++place)
+    if (inherited_[place]) remove(place);
 }
 
 // ---- flows
@@ -259,6 +363,8 @@ bool FlowTable::link(Place place, const Words &masked, std::uint32_t mask) {
 
 FlowTable::Place FlowTable::add(const dp_key &key, const dp_key &mask, dp_flow flow) {
   const Words words = words_of(mask);
+  dp_mask_key(words_of(key).data(), words.data(), flow.key);
+  if (const Place held = claim(mask, flow); held != kNone) return held;
   const std::uint32_t type = mask.eth_type == 0xffff ? key.eth_type : std::uint32_t{DP_ANY_TYPE};
   const Place place = take_place();
   if (place == kNone) return kNone;
@@ -268,12 +374,10 @@ FlowTable::Place FlowTable::add(const dp_key &key, const dp_key &mask, dp_flow f
     return kNone;
   }
   Words masked;
-  dp_mask_key(words_of(key).data(), words.data(), masked.data());
-  std::ranges::copy(masked, flow.key);
+  std::ranges::copy(flow.key, masked.begin());
   flow.mask = id;
   memory_.flows[place] = flow;
-  before_[place] = {};
-  before_[place] = count(place);
+  reset_counts(place);
   raise(id, flow.rank, type);
   if (!link(place, masked, id)) {
     lower(id, flow.rank);
@@ -303,6 +407,8 @@ void FlowTable::remove(Place place) {
     behind_[before] = behind_[place];
   }
   lower(flow.mask, flow.rank);
+  if (inherited_[place]) --inherited_count_;
+  inherited_[place] = false;
   publish();
   retired_.push_back(place);
   --size_;

@@ -6,6 +6,9 @@
 // tells with begin_grace() and end_grace().
 //
 // Of flows with the same mask and key only the one that decides is published; the others wait behind it.
+//
+// A table begins with what another one has left in the memory, however suddenly that one ended: the published flows stay in force
+// untouched, each until it is asked for again, or until drop_inherited(). Those behind them come back when they are asked for.
 #pragma once
 
 #include <array>
@@ -25,18 +28,24 @@ class FlowTable {
   using Place = std::uint32_t;
   static constexpr Place kNone = ~Place{0};
 
-  // The memory is zeroed and outlives the table; `processors` is how many rows of its counters count packets.
+  // The memory is zeroed, or another table's whose readers of the time of its end have gone. It outlives this one.
   explicit FlowTable(const dp_tables &memory);
 
   // How the latest add() that gave kNone ended: what it needs is there after a grace period, or is not there at all.
   enum class Lack : std::uint8_t { kGrace, kPlaces, kMasks, kBuckets };
 
-  // Puts a flow in force: rank, cookie, index, content and actions of `flow`, whose key and mask are filled in. Of flows of the
-  // same rank, mask and key the one with the greater index decides, of one index the newest.
+  // Puts a flow in force: rank, cookie, index, vsd and actions of `flow`, whose key and mask are filled in. Of flows of the same
+  // rank, mask and key the one with the greater index decides, of one index the newest. Where just this flow has been inherited
+  // that one is meant, with what it has counted.
   Place add(const dp_key &key, const dp_key &mask, dp_flow flow);
   void remove(Place place);
-  // What a flow has counted since it was added.
+  // What a flow has counted: since it was added, and what it has been given to go on from.
   Counters count(Place place) const;
+  void go_on_from(Place place, const Counters &counted);
+
+  // Flows that the memory held at the start and nobody has asked for since.
+  std::uint32_t inherited() const { return inherited_count_; }
+  void drop_inherited();
 
   // Sorts the masks anew where that makes searches shorter. Does nothing while the list that it writes may be in use.
   void tidy();
@@ -72,12 +81,21 @@ class FlowTable {
   bool rewrite_list();
 
   Place take_place();
+  void reset_counts(Place place);
   bool outranks(Place a, Place b) const;
   bool link(Place place, const Words &masked, std::uint32_t mask);
   bool insert(Place place, std::uint64_t hash);
   void put(std::uint64_t hash, Place old, Place place);
   void vacate(std::uint64_t hash, Place place);
   void keep_closed(std::uint32_t bucket);
+  void open_again(std::uint32_t bucket);
+
+  void inherit_masks();
+  void inherit_flows();
+  bool inherit_flow(std::uint32_t bucket, __u64 entry);
+  void find_free_places();
+  bool knows(std::uint32_t mask) const;
+  Place claim(const dp_key &mask, dp_flow &flow);
   __u64 *entry_of(std::uint32_t bucket, Place place) const;
 
   Place refuse(Lack lack) {
@@ -92,8 +110,9 @@ class FlowTable {
   std::vector<Place> free_, retired_, resting_;  // places: to be used, left since the grace period began, before it
   Place unused_ = 0;                             // from here on never used
   std::vector<Place> behind_;                    // by place: the next one with the same mask and key
-  std::vector<Counters> before_;                 // by place: what had been counted there before its flow
   std::vector<std::uint16_t> elsewhere_;         // by bucket: how many that belong in it are in their second one
+  std::vector<bool> inherited_;                  // by place
+  std::uint32_t inherited_count_ = 0;
 
   std::unordered_map<Words, std::uint32_t, Hash> ids_;
   std::vector<Mask> masks_;  // by identifier

@@ -18,6 +18,10 @@ bool Grace::possible() {
   return commands > 0 && (commands & MEMBARRIER_CMD_GLOBAL) != 0;
 }
 
+void Grace::pass() {
+  membarrier(MEMBARRIER_CMD_GLOBAL);
+}
+
 Grace::Grace() : thread_(&Grace::run, this) {}
 
 Grace::~Grace() {
@@ -55,7 +59,7 @@ void Grace::run() {
     changed_.wait(lock, [this] { return end_ || !over(); });
     if (end_) return;
     lock.unlock();
-    membarrier(MEMBARRIER_CMD_GLOBAL);
+    pass();
     wait_for_reading();
     lock.lock();
     under_way_ = false;

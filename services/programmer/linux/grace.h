@@ -13,6 +13,8 @@ class Grace {
  public:
   // Whether the kernel can tell; without it nobody may make one of these.
   static bool possible();
+  // Lets one pass, some 10 ms.
+  static void pass();
 
   Grace();
   ~Grace();

@@ -32,12 +32,17 @@ bool ask(unsigned long what, ifreq &request) {
   return done;
 }
 
+std::string speech_of(const std::string &name) {
+  return "/proc/sys/net/ipv6/conf/" + name + "/disable_ipv6";
+}
+
 }  // namespace
 
-bool make_promiscuous(const std::string &name) {
+bool make_promiscuous(const std::string &name, bool promiscuous) {
   ifreq request = request_for(name);
   if (!ask(SIOCGIFFLAGS, request)) return false;
-  request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_PROMISC);
+  const int others = request.ifr_flags & ~IFF_PROMISC;
+  request.ifr_flags = static_cast<short>(promiscuous ? others | IFF_PROMISC : others);
   return ask(SIOCSIFFLAGS, request);
 }
 
@@ -51,11 +56,16 @@ void keep_whole(const std::string &name) {
 }
 
 bool silence(const std::string &name) {
-  const std::string path = "/proc/sys/net/ipv6/conf/" + name + "/disable_ipv6";
   if (::access("/proc/sys/net/ipv6", F_OK) != 0) return true;  // a kernel without IPv6
-  std::ofstream setting(path);
+  std::ofstream setting(speech_of(name));
   setting << 1 << std::flush;
   return setting.good();
+}
+
+void give_back(const std::string &name) {
+  make_promiscuous(name, false);
+  std::string usual;
+  if (std::ifstream(speech_of("default")) >> usual) std::ofstream(speech_of(name)) << usual;
 }
 
 bool has_address(const std::string &name) {

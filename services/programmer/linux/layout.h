@@ -8,7 +8,7 @@
 #include <linux/types.h>
 
 enum {
-  DP_LAYOUT_VERSION = 2,
+  DP_LAYOUT_VERSION = 3,
   DP_MAX_MASKS = 1024,
   DP_MAX_METERS = 1024,
   DP_MAX_BANDS = 8,
@@ -78,8 +78,9 @@ struct dp_flow {
   __u32 mask;           // id
   __u32 rank;           // priority << 1 | (the table is 1), + 1
   __u64 cookie;
-  __u64 index;    // of flows of one rank the greatest decides
-  __u64 content;  // hash of what was asked for
+  __u64 index;  // of flows of one rank the greatest decides
+  __u32 vsd;    // with the index, the flow's key in the database
+  __u32 zero;
   struct dp_actions actions;
 };
 
@@ -106,6 +107,8 @@ struct dp_meter {
   __u64 packets;
   __u64 bytes;
   struct dp_band band[DP_MAX_BANDS];
+  __u32 id;  // OpenFlow's; 0: the place is free
+  __u32 zero;
 };
 
 struct dp_port {
@@ -179,7 +182,7 @@ DP_SIZE(dp_actions, 32);
 DP_SIZE(dp_flow, 128);
 DP_SIZE(dp_count, 16);
 DP_SIZE(dp_band, 48);
-DP_SIZE(dp_meter, 408);
+DP_SIZE(dp_meter, 416);
 DP_SIZE(dp_port, 8);
 DP_SIZE(dp_tally, 64);
 DP_SIZE(dp_punted, 32);

@@ -28,28 +28,48 @@ constexpr const char *kLacks[] = {
 
 }  // namespace
 
-std::unique_ptr<Target> LinuxTarget::open(const Context &context, std::uint32_t flows, std::vector<PortName> names,
-                                          PacketRate rate, FlowSink &sink, std::string &why) {
+// False when another process has the plane. Where there can be no pins, or there are to be none, it is told what that means.
+bool LinuxTarget::open_pins(const Context &context, const std::string &root, Parts &parts, std::string &why) {
+  Pins::Refusal refusal;
+  if (!root.empty()) parts.pins = Pins::open(root, qx_installation(context.global), refusal);
+  if (refusal.taken) return why = refusal.why, false;
+  if (parts.pins) return true;
+  parts.unpinned = root.empty() ? "programmer.pin_dir is none" : refusal.why;
+  PROGRAMMER_LOG(context, QX_ZLOG_ERROR,
+                 "the plane is not pinned: %s; a service that is started again fills a new one, and what flows and meters had "
+                 "counted since the last report is lost",
+                 parts.unpinned.c_str());
+  return true;
+}
+
+std::unique_ptr<Target> LinuxTarget::open(const Context &context, Settings settings, FlowSink &sink, std::string &why) {
   if (!Grace::possible()) {
     why = "the kernel has no membarrier (CONFIG_MEMBARRIER, and no nohz_full)";
     return nullptr;
   }
-  auto plane = Plane::load(flows, why);
-  if (!plane) return nullptr;
-  auto ports = Ports::open(context, *plane, std::move(names), why);
-  if (!ports) return nullptr;
-  std::unique_ptr<LinuxTarget> target(new LinuxTarget(context, flows, sink, std::move(plane), std::move(ports)));
-  target->packets_ = Packets::open(context, *target->plane_, target->grace_, rate, why);
+  if (!Plane::possible(why) || !Ports::possible(settings.ports, why)) return nullptr;
+  Parts parts;
+  if (!open_pins(context, settings.pin_dir, parts, why)) return nullptr;
+  Plane::Wanted wanted{settings.flows, {}};
+  for (const PortName &port : settings.ports) wanted.ports.push_back(port.number);
+  parts.plane = Plane::load(wanted, parts.pins.get(), why);
+  if (!parts.plane) return nullptr;
+  parts.ports = Ports::open(context, *parts.plane, std::move(settings.ports), why);
+  if (!parts.ports) return nullptr;
+  Grace::pass();  // what an earlier service has taken out of its tables
+  std::unique_ptr<LinuxTarget> target(new LinuxTarget(context, settings.flows, sink, std::move(parts)));
+  target->packets_ = Packets::open(context, *target->plane_, target->grace_, settings.rate, why);
   return target->packets_ ? std::move(target) : nullptr;
 }
 
-LinuxTarget::LinuxTarget(const Context &context, std::uint32_t flows, FlowSink &sink, std::unique_ptr<Plane> plane,
-                         std::unique_ptr<Ports> ports)
+LinuxTarget::LinuxTarget(const Context &context, std::uint32_t flows, FlowSink &sink, Parts parts)
     : context_(context),
       sink_(sink),
       size_(flows),
-      plane_(std::move(plane)),
-      ports_(std::move(ports)),
+      pins_(std::move(parts.pins)),
+      unpinned_(std::move(parts.unpinned)),
+      plane_(std::move(parts.plane)),
+      ports_(std::move(parts.ports)),
       table_(plane_->tables()),
       meters_(plane_->meters()),
       timer_(
@@ -119,6 +139,7 @@ Outcome LinuxTarget::program(const FlowRequest &request, Bytes record, Cell &cel
   flow.rank = program_.rank;
   flow.cookie = program_.cookie;
   flow.index = request.key.index;
+  flow.vsd = request.key.vsd;
   if (program_.meter != 0) {
     flow.actions.meter = meters_.use(program_.meter);
     if (flow.actions.meter == 0) return refuse("no room for another meter", Outcome::kResource);
@@ -135,20 +156,66 @@ void LinuxTarget::install_flow(const FlowRequest &request, Bytes record) {
   Cell &cell = cells_[request.slot];
   Cell next;
   Outcome outcome = Outcome::kResource;
+  const std::uint32_t inherited = table_.inherited();
   if (!cell.places.empty() || used_ < size_) {
     outcome = program(request, record, next);
     if (outcome != Outcome::kInstalled) clear(next);
   } else {
     refuse("no room for another flow", outcome);
   }
-  next.before = total(cell);
-  next.resumed = cell.resumed;
+  const bool taken_over = table_.inherited() != inherited;
+  if (!next.places.empty()) go_on_counting(next, cell.places.empty() ? request.counted : total(cell), taken_over);
   used_ -= cell.places.empty() ? 0 : 1;
   clear(cell);
   cell = std::move(next);
   used_ += cell.places.empty() ? 0 : 1;
+  if (outcome == Outcome::kResource && postpone(request, record)) return;
   sink_.flow_answered(request, outcome);
 }
+
+// From what the flow had counted elsewhere; what was taken over has counted on.
+void LinuxTarget::go_on_counting(const Cell &cell, const Counters &earlier, bool taken_over) {
+  ++(taken_over ? taken_over_ : written_);
+  const Counters now = taken_over ? total(cell) : Counters{};
+  if (earlier.packets > now.packets)
+    table_.go_on_from(cell.places.front(), {earlier.packets - now.packets, earlier.bytes - std::min(now.bytes, earlier.bytes)});
+}
+
+// ---- after the start
+
+// There may be room when what an earlier life has left has gone.
+bool LinuxTarget::postpone(const FlowRequest &request, Bytes record) {
+  if (table_.inherited() == 0) return false;
+  postponed_[request.slot] = {request, {record.begin(), record.end()}};
+  return true;
+}
+
+void LinuxTarget::all_flows_known() {
+  flows_known_ = true;
+  dropped_ += table_.inherited();
+  table_.drop_inherited();
+  for (const auto &[slot, postponed] : std::exchange(postponed_, {})) install_flow(postponed.request, postponed.record);
+  finish_start();
+}
+
+void LinuxTarget::all_meters_known() {
+  meters_known_ = true;
+  meters_.drop_inherited();
+  finish_start();
+}
+
+// The plane is what the database asks for: an earlier one is not needed any more.
+void LinuxTarget::finish_start() {
+  if (!flows_known_ || !meters_known_ || std::exchange(in_step_, true)) return;
+  ports_->take_over();
+  plane_->settle();
+  PROGRAMMER_LOG(context_, QX_ZLOG_VERBOSE,
+                 "the plane is in step: %llu flows were there as they are, %llu were written, %llu dropped",
+                 static_cast<unsigned long long>(taken_over_), static_cast<unsigned long long>(written_),
+                 static_cast<unsigned long long>(dropped_));
+}
+
+// ---- the end of a flow
 
 void LinuxTarget::clear(Cell &cell) {
   for (const FlowTable::Place place : cell.places) table_.remove(place);
@@ -157,13 +224,14 @@ void LinuxTarget::clear(Cell &cell) {
 }
 
 void LinuxTarget::remove_flow(std::uint32_t slot) {
+  postponed_.erase(slot);
   if (slot >= cells_.size()) return;
   used_ -= cells_[slot].places.empty() ? 0 : 1;
   clear(cells_[slot]);
 }
 
 Counters LinuxTarget::total(const Cell &cell) const {
-  Counters sum = cell.before;
+  Counters sum;
   for (const FlowTable::Place place : cell.places) {
     const Counters one = table_.count(place);
     sum = {sum.packets + one.packets, sum.bytes + one.bytes};
@@ -172,13 +240,7 @@ Counters LinuxTarget::total(const Cell &cell) const {
 }
 
 void LinuxTarget::read_counters(std::uint32_t slot, Counters &sums) {
-  if (!holds(slot)) return;
-  Cell &cell = cells_[slot];
-  if (!std::exchange(cell.resumed, true)) {
-    cell.before.packets += sums.packets;
-    cell.before.bytes += sums.bytes;
-  }
-  sums = total(cell);
+  if (holds(slot)) sums = total(cells_[slot]);
 }
 
 // ---- the rest
@@ -197,7 +259,8 @@ void LinuxTarget::set_controller_address(std::uint32_t ip, bool present) {
 }
 
 Target::Usage LinuxTarget::usage() const {
-  return {used_, size_, meters_.size(), static_cast<std::uint32_t>(addresses_.size()), 0};
+  return {used_, size_, meters_.size(), static_cast<std::uint32_t>(addresses_.size()),
+          static_cast<std::uint32_t>(postponed_.size())};
 }
 
 void LinuxTarget::describe(const Tell &tell) const {
@@ -210,6 +273,28 @@ void LinuxTarget::describe(const Tell &tell) const {
   tell("packets without a port to go to", tally.no_port);
   tell("packets that could not be rewritten", tally.not_rewritten);
   for (const auto &[why, count] : refused_) tell(("refused: " + why).c_str(), count);
+}
+
+std::optional<PlaneState> LinuxTarget::plane() const {
+  return PlaneState{.pins = pins_ ? pins_->directory() : "",
+                    .unpinned = unpinned_,
+                    .in_step = in_step_,
+                    .taken_over = taken_over_,
+                    .dropped = dropped_,
+                    .written = written_,
+                    .ports = ports_->state()};
+}
+
+// Where nothing is pinned any more, the configured ports may still have a program.
+bool LinuxTarget::release(const Context &context, const Settings &settings, std::string &said) {
+  if (!Plane::possible(said)) return false;
+  Pins::Refusal refusal;
+  const auto pins = settings.pin_dir.empty() ? nullptr : Pins::open(settings.pin_dir, qx_installation(context.global), refusal);
+  if (refusal.taken) return said = refusal.why, false;
+  std::vector<std::uint32_t> interfaces = pins ? Plane::ports_in(*pins) : std::vector<std::uint32_t>();
+  if (!Ports::release(settings.ports, std::move(interfaces), said)) return false;
+  if (pins && pins->remove()) said += pins->directory() + " removed\n";
+  return true;
 }
 
 }  // namespace programmer::dataplane

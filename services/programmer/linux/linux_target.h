@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "programmer/context.h"
@@ -14,6 +15,7 @@
 #include "programmer/linux/grace.h"
 #include "programmer/linux/meters.h"
 #include "programmer/linux/packets.h"
+#include "programmer/linux/pins.h"
 #include "programmer/linux/plane.h"
 #include "programmer/linux/ports.h"
 #include "programmer/target.h"
@@ -23,16 +25,26 @@ namespace programmer::dataplane {
 
 class LinuxTarget final : public Target {
  public:
-  // Null when this machine cannot: `why` is one line that names what is missing. `flows` is 1 to Plane::kMaxFlows; `context` and
-  // `sink` live as long as the target.
-  static std::unique_ptr<Target> open(const Context &context, std::uint32_t flows, std::vector<PortName> ports, PacketRate rate,
-                                      FlowSink &sink, std::string &why);
+  struct Settings {
+    std::uint32_t flows;  // 1 to Plane::kMaxFlows
+    std::vector<PortName> ports;
+    PacketRate rate;
+    std::string pin_dir;  // empty: no pins
+  };
+
+  // Null when this machine cannot: `why` is one line that names what is missing. `context` and `sink` live as long as the target.
+  static std::unique_ptr<Target> open(const Context &context, Settings settings, FlowSink &sink, std::string &why);
+
+  // Takes everything out that such a target has left, and says what, a line each; false when one runs.
+  static bool release(const Context &context, const Settings &settings, std::string &said);
 
   void install_flow(const FlowRequest &request, Bytes record) override;
   void remove_flow(std::uint32_t slot) override;
   bool holds(std::uint32_t slot) const override { return slot < cells_.size() && !cells_[slot].places.empty(); }
   Outcome install_meter(std::uint32_t id, Bytes meter_data) override;
   void remove_meter(std::uint32_t id) override { meters_.remove(id); }
+  void all_flows_known() override;
+  void all_meters_known() override;
   void want_packets(bool wanted) override { packets_->want(wanted); }
   void set_controller_address(std::uint32_t ip, bool present) override;
   bool counts() const override { return true; }
@@ -40,23 +52,37 @@ class LinuxTarget final : public Target {
   void read_counters(std::uint32_t slot, Counters &sums) override;
   Usage usage() const override;
   void describe(const Tell &tell) const override;
+  std::optional<PlaneState> plane() const override;
 
  private:
   // What a slot has in the plane: an entry of the table for each entry of the flow.
   struct Cell {
     std::vector<FlowTable::Place> places;
     std::uint32_t meter = 0;
-    Counters before;       // what had been counted before these places, here and in earlier lives
-    bool resumed = false;  // whether earlier lives are in it
   };
 
-  LinuxTarget(const Context &context, std::uint32_t flows, FlowSink &sink, std::unique_ptr<Plane> plane,
-              std::unique_ptr<Ports> ports);
+  // What could not be done before everything that is stored has been seen.
+  struct Postponed {
+    FlowRequest request;
+    std::vector<std::uint8_t> record;
+  };
+  struct Parts {
+    std::unique_ptr<Pins> pins;
+    std::string unpinned;  // why there are none
+    std::unique_ptr<Plane> plane;
+    std::unique_ptr<Ports> ports;
+  };
+
+  LinuxTarget(const Context &context, std::uint32_t flows, FlowSink &sink, Parts parts);
+  static bool open_pins(const Context &context, const std::string &root, Parts &parts, std::string &why);
   Outcome program(const FlowRequest &request, Bytes record, Cell &cell);
   Outcome add(const Entry &entry, dp_flow flow, Cell &cell);
   const char *set_output(const Actions &from, dp_actions &to) const;
   Outcome refuse(const char *why, Outcome outcome);
   void clear(Cell &cell);
+  void go_on_counting(const Cell &cell, const Counters &earlier, bool taken_over);
+  bool postpone(const FlowRequest &request, Bytes record);
+  void finish_start();
   Counters total(const Cell &cell) const;
   void breathe();
   void tidy();
@@ -65,6 +91,8 @@ class LinuxTarget final : public Target {
   FlowSink &sink_;
   std::uint32_t size_;
   std::uint32_t used_ = 0;
+  const std::unique_ptr<Pins> pins_;
+  const std::string unpinned_;
   std::unique_ptr<Plane> plane_;
   std::unique_ptr<Ports> ports_;
   FlowTable table_;
@@ -74,6 +102,9 @@ class LinuxTarget final : public Target {
   bool resting_ = false;  // the table waits for the grace period that is under way, or over
   std::vector<Cell> cells_;
   FlowProgram program_;  // kept for its memory
+  bool flows_known_ = false, meters_known_ = false, in_step_ = false;
+  std::uint64_t taken_over_ = 0, dropped_ = 0, written_ = 0;
+  std::unordered_map<std::uint32_t, Postponed> postponed_;  // by slot
   std::map<std::string, std::uint64_t> refused_;
   std::vector<std::uint32_t> addresses_;
   Timer timer_;

@@ -14,6 +14,7 @@ struct dp_tables {
   dp_bucket *buckets;  // a power of two, at least 2
   dp_flow *flows;
   dp_count *counts;  // `rows` rows of `places`
+  dp_count *before;  // one row more: what a flow had counted elsewhere
   std::uint32_t bucket_count;
   std::uint32_t places;
   std::uint32_t rows;          // a processor each

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <span>
 
 namespace programmer::dataplane {
 namespace {
@@ -24,10 +25,24 @@ dp_band schedule_of(const Band &band, bool packets) {
   return out;
 }
 
+// Whether the meter does already what is asked for.
+bool is(const dp_meter &meter, const Bands &bands) {
+  const auto same = [&](const dp_band &now, const Band &wanted) {
+    const dp_band other = schedule_of(wanted, bands.packets);
+    return now.type == other.type && now.precedence == other.precedence && now.cost == other.cost && now.burst == other.burst;
+  };
+  return meter.counts_packets == (bands.packets ? 1 : 0) &&
+         std::ranges::equal(std::span(meter.band, meter.bands), bands.bands, same);
+}
+
 }  // namespace
 
 Meters::Meters(dp_meter *meters) : meters_(meters) {
-  for (std::uint16_t place = DP_MAX_METERS; place-- > 0;) free_.push_back(place);
+  for (std::uint16_t place = DP_MAX_METERS; place-- > 0;) {
+    const std::uint32_t id = meters[place].id;
+    const bool inherited = id != 0 && known_.try_emplace(id, Known{place, false, 0, true}).second;
+    if (!inherited) free_.push_back(place);
+  }
 }
 
 Meters::Known *Meters::know(std::uint32_t id) {
@@ -37,12 +52,14 @@ Meters::Known *Meters::know(std::uint32_t id) {
   known.place = free_.back();
   free_.pop_back();
   meters_[known.place] = {};
+  meters_[known.place].id = id;
   return &known;
 }
 
 void Meters::forget_unused(std::uint32_t id) {
   const auto found = known_.find(id);
-  if (found->second.set || found->second.flows != 0) return;
+  if (found->second.set || found->second.inherited || found->second.flows != 0) return;
+  meters_[found->second.place].id = 0;
   free_.push_back(found->second.place);
   known_.erase(found);
 }
@@ -54,7 +71,9 @@ bool Meters::set(std::uint32_t id, const Bands &bands) {
   if (known == nullptr) return false;
   if (!known->set) ++set_;
   known->set = true;
+  known->inherited = false;
   dp_meter &meter = meters_[known->place];
+  if (is(meter, bands)) return true;
   std::atomic_ref(meter.bands).store(0, std::memory_order_release);
   meter.counts_packets = bands.packets ? 1 : 0;
   std::ranges::transform(bands.bands, meter.band, [&](const Band &band) { return schedule_of(band, bands.packets); });
@@ -67,8 +86,23 @@ void Meters::remove(std::uint32_t id) {
   if (found == known_.end() || !found->second.set) return;
   found->second.set = false;
   --set_;
-  std::atomic_ref(meters_[found->second.place].bands).store(0, std::memory_order_release);
+  silence(found->second.place);
   forget_unused(id);
+}
+
+void Meters::silence(std::uint16_t place) {
+  std::atomic_ref(meters_[place].bands).store(0, std::memory_order_release);
+}
+
+void Meters::drop_inherited() {
+  std::vector<std::uint32_t> ids;
+  for (const auto &[id, known] : known_)
+    if (known.inherited) ids.push_back(id);
+  for (const std::uint32_t id : ids) {
+    known_[id].inherited = false;
+    silence(known_[id].place);
+    forget_unused(id);
+  }
 }
 
 std::uint16_t Meters::use(std::uint32_t id) {

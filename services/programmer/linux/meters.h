@@ -1,6 +1,7 @@
 // The meters of the plane: which place has which number, and the schedules of their bands. Loop's thread.
 //
-// A place is taken by the first who names the meter, its record or a flow; a meter without a record lets everything pass.
+// A place is taken by the first who names the meter, its record or a flow; a meter without a record lets everything pass. What
+// another one of these has left in the memory goes on with its schedules, until drop_inherited() for what no record has named.
 #pragma once
 
 #include <cstdint>
@@ -14,12 +15,13 @@ namespace programmer::dataplane {
 
 class Meters {
  public:
-  // `meters` has DP_MAX_METERS, zeroed, and outlives this.
+  // `meters` has DP_MAX_METERS, zeroed or left by another one, and outlives this.
   explicit Meters(dp_meter *meters);
 
   // False when there is no room for another meter, or for that many bands.
   bool set(std::uint32_t id, const Bands &bands);
   void remove(std::uint32_t id);
+  void drop_inherited();
   std::uint32_t size() const { return set_; }
 
   // The place of a meter for one more flow, + 1; 0: no room. Each is given back once.
@@ -31,7 +33,9 @@ class Meters {
     std::uint16_t place = 0;
     bool set = false;
     std::uint32_t flows = 0;
+    bool inherited = false;  // and no record has named it
   };
+  void silence(std::uint16_t place);
   Known *know(std::uint32_t id);
   void forget_unused(std::uint32_t id);
 

@@ -39,7 +39,9 @@ std::unique_ptr<Packets> Packets::open(const Context &context, Plane &plane, Gra
 
 bool Packets::start(const Context &context, PacketRate rate, std::string &why) {
   if (!sender_.open(why)) return false;
+  want(false);
   set_rate(rate);
+  forget_earlier();
   const ss_pkt_user user{.arg = this,
                          .wanted =
                              [](void *self, int wanted) {
@@ -61,6 +63,13 @@ bool Packets::start(const Context &context, PacketRate rate, std::string &why) {
   return true;
 }
 
+// What an earlier service has not taken of the ring is too old for any controller.
+void Packets::forget_earlier() {
+  const auto drop = [](void *, void *, std::size_t) { return 0; };
+  const std::unique_ptr<ring_buffer, FreeRing> ring(ring_buffer__new(plane_.punted(), drop, nullptr, nullptr));
+  if (ring) ring_buffer__consume(ring.get());
+}
+
 Packets::~Packets() {
   want(false);
   if (thread_.joinable()) {
@@ -75,10 +84,10 @@ void Packets::want(bool wanted) {
 }
 
 void Packets::set_rate(PacketRate rate) {
-  dp_band band{};
-  band.cost = (kNs << DP_COST_SHIFT) / rate.rate;
-  band.burst = kNs * rate.burst / rate.rate;
-  for (dp_punt *punt = plane_.punts(); punt != plane_.punts() + DP_MAX_PORTS; ++punt) punt->rate = band;
+  dp_punt fresh{};
+  fresh.rate.cost = (kNs << DP_COST_SHIFT) / rate.rate;
+  fresh.rate.burst = kNs * rate.burst / rate.rate;
+  for (dp_punt *punt = plane_.punts(); punt != plane_.punts() + DP_MAX_PORTS; ++punt) *punt = fresh;
 }
 
 void Packets::run() {

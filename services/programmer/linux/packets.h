@@ -50,6 +50,7 @@ class Packets {
   };
 
   Packets(Plane &plane, Grace &grace);
+  void forget_earlier();
   bool start(const Context &context, PacketRate rate, std::string &why);
   void set_rate(PacketRate rate);
   void run();

@@ -3,6 +3,7 @@
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <linux/capability.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -13,6 +14,8 @@
 #include <fstream>
 #include <iterator>
 #include <utility>
+
+#include "programmer/linux/filters.h"
 
 extern "C" {
 extern const unsigned char kelim_plane_object[], kelim_plane_object_end[];  // object.c
@@ -65,17 +68,6 @@ std::string missing_capabilities() {
   return missing;
 }
 
-bool machine_can(std::string &why) {
-  if (const std::string missing = missing_capabilities(); !missing.empty()) {
-    why = "the process lacks " + missing;
-  } else if (const int rv = libbpf_probe_bpf_prog_type(BPF_PROG_TYPE_SCHED_CLS, nullptr); rv != 1) {
-    why = "the kernel takes no tc programs (CONFIG_BPF_SYSCALL, CONFIG_NET_CLS_BPF)";
-  } else if (libbpf_probe_bpf_helper(BPF_PROG_TYPE_SCHED_CLS, BPF_FUNC_loop, nullptr) != 1) {
-    why = "the kernel has no bpf_loop (Linux 5.17 or later)";
-  }
-  return why.empty();
-}
-
 struct Size {
   const char *map;
   std::uint32_t entries;
@@ -92,30 +84,133 @@ void Plane::Free::operator()(bpf_object *object) const {
   bpf_object__close(object);
 }
 
-std::unique_ptr<Plane> Plane::load(std::uint32_t flows, std::string &why) {
+bool Plane::possible(std::string &why) {
   libbpf_set_print(note);
+  if (const std::string missing = missing_capabilities(); !missing.empty()) {
+    why = "the process lacks " + missing;
+  } else if (const int rv = libbpf_probe_bpf_prog_type(BPF_PROG_TYPE_SCHED_CLS, nullptr); rv != 1) {
+    why = "the kernel takes no tc programs (CONFIG_BPF_SYSCALL, CONFIG_NET_CLS_BPF)";
+  } else if (libbpf_probe_bpf_helper(BPF_PROG_TYPE_SCHED_CLS, BPF_FUNC_loop, nullptr) != 1) {
+    why = "the kernel has no bpf_loop (Linux 5.17 or later)";
+  }
+  return why.empty();
+}
+
+std::unique_ptr<Plane> Plane::load(const Wanted &wanted, Pins *pins, std::string &why) {
   g_complaint.clear();
-  if (!machine_can(why)) return nullptr;
   std::unique_ptr<Plane> plane(new Plane);
+  plane->pins_ = pins;
   plane->object_.reset(
       bpf_object__open_mem(kelim_plane_object, static_cast<std::size_t>(kelim_plane_object_end - kelim_plane_object), nullptr));
-  const int processors = libbpf_num_possible_cpus();
-  if (!plane->object_ || processors < 1) return fail(why, "the program of the data plane cannot be read", errno), nullptr;
-  dp_tables &tables = plane->tables_;
-  // What has left the table waits for a grace period, beside a table that is full.
-  tables.places = flows + flows / 8 + 1024;
-  tables.bucket_count = std::max(2U, std::bit_ceil(flows / 2));
-  tables.rows = static_cast<std::uint32_t>(processors) + 1;  // the last one is the service's own
-  const Size sizes[] = {{"buckets", tables.bucket_count},
-                        {"flows", tables.places},
-                        {"counts", tables.places * tables.rows},
-                        {"tallies", tables.rows}};
-  for (const Size &size : sizes)
-    bpf_map__set_max_entries(bpf_object__find_map_by_name(plane->object_.get(), size.map), size.entries);
+  if (!plane->object_) return fail(why, "the program of the data plane cannot be read", errno), nullptr;
+  plane->set_sizes(wanted.flows);
+  plane->inherited_ = plane->inherit(wanted.ports);
   if (const int rv = bpf_object__load(plane->object_.get()); rv != 0) {
     return fail(why, "the kernel refuses the program of the data plane", -rv), nullptr;
   }
-  return plane->map_all(why) ? std::move(plane) : nullptr;
+  return plane->map_all(why) && plane->choose_program(why) && plane->pin(why) ? std::move(plane) : nullptr;
+}
+
+void Plane::set_sizes(std::uint32_t flows) {
+  // What has left the table waits for a grace period, beside a table that is full.
+  tables_.places = flows + flows / 8 + 1024;
+  tables_.bucket_count = std::max(2U, std::bit_ceil(flows / 2));
+  tables_.rows = static_cast<std::uint32_t>(std::max(libbpf_num_possible_cpus(), 1)) + 1;  // the last one is the service's own
+  const Size sizes[] = {{"buckets", tables_.bucket_count},
+                        {"flows", tables_.places},
+                        {"counts", tables_.places * (tables_.rows + 1)},
+                        {"tallies", tables_.rows}};
+  for (const Size &size : sizes) bpf_map__set_max_entries(bpf_object__find_map_by_name(object_.get(), size.map), size.entries);
+}
+
+// ---- an earlier life
+
+namespace {
+
+bool is(const bpf_map *wanted, int map) {
+  bpf_map_info info{};
+  __u32 size = sizeof info;
+  return bpf_obj_get_info_by_fd(map, &info, &size) == 0 && info.type == bpf_map__type(wanted) &&
+         info.key_size == bpf_map__key_size(wanted) && info.value_size == bpf_map__value_size(wanted) &&
+         info.max_entries == bpf_map__max_entries(wanted);
+}
+
+template <typename T>
+T entry_of(int map, std::uint32_t at) {
+  T value{};
+  bpf_map_lookup_elem(map, &at, &value);
+  return value;
+}
+
+std::vector<std::uint32_t> keys_of(int map) {
+  std::vector<std::uint32_t> keys;
+  std::uint32_t key = 0;
+  for (const std::uint32_t *before = nullptr; bpf_map_get_next_key(map, before, &key) == 0; before = &keys.back())
+    keys.push_back(key);
+  return keys;
+}
+
+bpf_prog_info about_program(int program) {
+  bpf_prog_info info{};
+  __u32 size = sizeof info;
+  bpf_obj_get_info_by_fd(program, &info, &size);
+  return info;
+}
+
+}  // namespace
+
+// Whether every map is now the pinned one.
+bool Plane::inherit(const std::vector<std::uint32_t> &ports) {
+  if (pins_ == nullptr) return false;
+  std::vector<std::pair<bpf_map *, Descriptor>> found;
+  bpf_map *map = nullptr;
+  bpf_object__for_each_map(map, object_.get()) {
+    found.emplace_back(map, pins_->get(Pins::kInForce, bpf_map__name(map)));
+    if (!found.back().second || !is(map, found.back().second.get())) return false;
+  }
+  const auto pinned = [&found](const std::string &name) {
+    return std::ranges::find(found, name, [](const auto &one) { return bpf_map__name(one.first); })->second.get();
+  };
+  if (entry_of<dp_control>(pinned("control"), 0).version != DP_LAYOUT_VERSION) return false;
+  for (std::uint32_t place = 0; place < DP_MAX_PORTS; ++place)
+    if (entry_of<dp_port>(pinned("ports"), place).number != (place < ports.size() ? ports[place] : 0)) return false;
+  return std::ranges::all_of(found, [](const auto &one) { return bpf_map__reuse_fd(one.first, one.second.get()) == 0; });
+}
+
+// The pinned program when it is the same one, so that ports which have it are left alone.
+bool Plane::choose_program(std::string &why) {
+  const bpf_program *loaded = bpf_object__find_program_by_name(object_.get(), filters::kProgram);
+  if (loaded == nullptr) return fail(why, "the program of the data plane is another one", EINVAL);
+  if (inherited_) program_ = pins_->get(Pins::kInForce, filters::kProgram);
+  const bpf_prog_info now = about_program(bpf_program__fd(loaded)), before = about_program(program_.get());
+  if (!program_ || std::memcmp(now.tag, before.tag, sizeof now.tag) != 0)
+    program_ = Descriptor(::fcntl(bpf_program__fd(loaded), F_DUPFD_CLOEXEC, 0));
+  program_id_ = about_program(program_.get()).id;
+  return true;
+}
+
+bool Plane::pin(std::string &why) {
+  if (pins_ == nullptr) return true;
+  const char *plane = inherited_ ? Pins::kInForce : Pins::kNext;
+  bool pinned = true;
+  if (!inherited_) {
+    earlier_ports_ = ports_in(*pins_);
+    pins_->clear(plane);
+    bpf_map *map = nullptr;
+    bpf_object__for_each_map(map, object_.get()) pinned = pinned && pins_->put(plane, bpf_map__name(map), bpf_map__fd(map));
+  }
+  if (pinned && pins_->put(plane, filters::kProgram, program_.get())) return true;
+  return fail(why, "the plane cannot be pinned in " + pins_->directory(), errno);
+}
+
+std::vector<std::uint32_t> Plane::ports_in(const Pins &pins) {
+  std::vector<std::uint32_t> ports = keys_of(pins.get(Pins::kInForce, "port_of").get());
+  for (const std::uint32_t port : keys_of(pins.get(Pins::kNext, "port_of").get())) ports.push_back(port);
+  return ports;
+}
+
+void Plane::settle() {
+  if (pins_ != nullptr && !std::exchange(inherited_, true)) pins_->settle();
 }
 
 template <typename T>
@@ -134,23 +229,24 @@ bool Plane::map(const char *name, T *&memory, std::string &why) {
 
 bool Plane::map_all(std::string &why) {
   g_complaint.clear();
-  const bpf_program *program = bpf_object__find_program_by_name(object_.get(), "kelim_plane");
   const bpf_map *port_of = bpf_object__find_map_by_name(object_.get(), "port_of");
   const bpf_map *punted = bpf_object__find_map_by_name(object_.get(), "punted");
-  if (program == nullptr || port_of == nullptr || punted == nullptr)
-    return fail(why, "the program of the data plane is another one", EINVAL);
-  program_ = bpf_program__fd(program);
+  if (port_of == nullptr || punted == nullptr) return fail(why, "the program of the data plane is another one", EINVAL);
   port_of_ = bpf_map__fd(port_of);
   punted_ = bpf_map__fd(punted);
   const bool mapped = map("control", tables_.control, why) && map("masks", tables_.masks, why) &&
                       map("buckets", tables_.buckets, why) && map("flows", tables_.flows, why) &&
                       map("counts", tables_.counts, why) && map("meters", meters_, why) && map("ports", ports_, why) &&
                       map("tallies", tallies_, why) && map("punts", punts_, why);
-  if (mapped) tables_.control->version = DP_LAYOUT_VERSION;
-  return mapped;
+  if (!mapped) return false;
+  tables_.before = tables_.counts + std::size_t{tables_.rows} * tables_.places;
+  tables_.control->version = DP_LAYOUT_VERSION;
+  return true;
 }
 
+// A plane that was never filled is of no use to anybody.
 Plane::~Plane() {
+  if (pins_ != nullptr && !inherited_) pins_->clear(Pins::kNext);
   for (const auto &[at, bytes] : mappings_) munmap(at, bytes);
 }
 

@@ -1,6 +1,5 @@
 #include "programmer/linux/ports.h"
 
-#include <bpf/libbpf.h>
 #include <errno.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
@@ -14,59 +13,32 @@
 #include <atomic>
 #include <cstddef>
 #include <cstring>
+#include <ranges>
+#include <span>
 #include <utility>
 
+#include "programmer/linux/filters.h"
 #include "programmer/linux/interface.h"
 
 namespace programmer::dataplane {
-namespace {
-
-// Where the program stands among the filters of an interface; those of other people keep their places.
-constexpr std::uint32_t kHandle = 1, kPriority = 0x4b45;
-
-bpf_tc_hook ingress_of(std::uint32_t interface) {
-  return {.sz = sizeof(bpf_tc_hook), .ifindex = static_cast<int>(interface), .attach_point = BPF_TC_INGRESS, .parent = 0};
-}
-
-// 0, or a negative errno.
-int attach(std::uint32_t interface, int program) {
-  bpf_tc_hook hook = ingress_of(interface);
-  if (const int rv = bpf_tc_hook_create(&hook); rv != 0 && rv != -EEXIST) return rv;
-  bpf_tc_opts options{};
-  options.sz = sizeof options;
-  options.prog_fd = program;
-  options.flags = BPF_TC_F_REPLACE;
-  options.handle = kHandle;
-  options.priority = kPriority;
-  return bpf_tc_attach(&hook, &options);
-}
-
-void detach(std::uint32_t interface) {
-  const bpf_tc_hook hook = ingress_of(interface);
-  bpf_tc_opts options{};
-  options.sz = sizeof options;
-  options.handle = kHandle;
-  options.priority = kPriority;
-  bpf_tc_detach(&hook, &options);
-}
-
-}  // namespace
-
 Ports::Ports(const Context &context, Plane &plane, std::vector<PortName> names)
-    : context_(context), plane_(plane), names_(std::move(names)) {
+    : context_(context), plane_(plane), names_(std::move(names)), replaces_(plane.inherited()) {
   for (std::uint32_t place = 0; place < names_.size(); ++place) plane_.ports()[place].number = names_[place].number;
 }
 
+bool Ports::possible(const std::vector<PortName> &names, std::string &why) {
+  if (!names.empty() && names.size() <= DP_MAX_PORTS) return true;
+  why = "it needs 1 to " + std::to_string(int{DP_MAX_PORTS}) + " ports, the configuration names " + std::to_string(names.size());
+  return false;
+}
+
 std::unique_ptr<Ports> Ports::open(const Context &context, Plane &plane, std::vector<PortName> names, std::string &why) {
-  if (names.empty() || names.size() > DP_MAX_PORTS) {
-    why =
-        "it needs 1 to " + std::to_string(int{DP_MAX_PORTS}) + " ports, the configuration names " + std::to_string(names.size());
-    return nullptr;
-  }
   std::unique_ptr<Ports> ports(new Ports(context, plane, std::move(names)));
-  if (!ports->claim(why) || !ports->listen(why)) return nullptr;
+  for (const PortName &port : ports->names_)
+    if (!claim(port, ports->claims_, why)) return nullptr;
+  if (!ports->listen(why)) return nullptr;
   for (std::uint32_t place = 0; place < ports->names_.size(); ++place)
-    if (!ports->follow(place, why)) return nullptr;
+    if (!ports->begin(place, why)) return nullptr;
   ports->thread_ = std::thread(&Ports::run, ports.get());
   return ports;
 }
@@ -76,9 +48,7 @@ Ports::~Ports() {
     eventfd_write(end_, 1);
     thread_.join();
   }
-  claims_.push_back(notices_);
-  claims_.push_back(end_);
-  for (const int fd : claims_)
+  for (const int fd : {notices_, end_})
     if (fd >= 0) ::close(fd);
 }
 
@@ -95,22 +65,16 @@ std::uint32_t Ports::present() const {
 }
 
 // A name of this network namespace that one process at a time can have, and has until it ends, for each interface.
-bool Ports::claim(std::string &why) {
-  for (const PortName &port : names_) {
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    claims_.push_back(fd);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    const std::string name = "kelim-port-" + port.interface;
-    name.copy(address.sun_path + 1, sizeof address.sun_path - 1);
-    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
-    if (fd < 0 || ::bind(fd, reinterpret_cast<const sockaddr *>(&address), length) != 0) {
-      why = "interface " + port.interface + ": " +
-            (errno == EADDRINUSE ? "another process has it as a port" : std::strerror(errno));
-      return false;
-    }
-  }
-  return true;
+bool Ports::claim(const PortName &port, std::vector<Descriptor> &claims, std::string &why) {
+  const Descriptor &claim = claims.emplace_back(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  const std::string name = "kelim-port-" + port.interface;
+  name.copy(address.sun_path + 1, sizeof address.sun_path - 1);
+  const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+  if (claim && ::bind(claim.get(), reinterpret_cast<const sockaddr *>(&address), length) == 0) return true;
+  why = "interface " + port.interface + ": " + (errno == EADDRINUSE ? "another process has it as a port" : std::strerror(errno));
+  return false;
 }
 
 // ---- following the kernel
@@ -138,7 +102,15 @@ void Ports::run() {
   }
 }
 
+// What an earlier life has left is looked at as if it were new.
+bool Ports::begin(std::uint32_t place, std::string &why) {
+  const std::uint32_t now = if_nametoindex(names_[place].interface.c_str());
+  if (now == 0 || now != plane_.ports()[place].ifindex) return follow(place, why);
+  return take(now, place, why);
+}
+
 void Ports::follow() {
+  const std::lock_guard lock(following_);
   for (std::uint32_t place = 0; place < names_.size(); ++place) {
     std::string why;
     if (!follow(place, why)) PROGRAMMER_LOG(context_, QX_ZLOG_ERROR, "%s", why.c_str());
@@ -161,7 +133,7 @@ bool Ports::take(std::uint32_t interface, std::uint32_t place, std::string &why)
   if (!make_promiscuous(name) || !plane_.set_port(interface, place)) {
     error = errno;
   } else {
-    error = -attach(interface, plane_.program());
+    error = put_program(interface);
   }
   if (error == ENODEV) return true;  // gone meanwhile
   if (error != 0) {
@@ -175,15 +147,85 @@ bool Ports::take(std::uint32_t interface, std::uint32_t place, std::string &why)
   if (has_address(name)) {
     PROGRAMMER_LOG(context_, QX_ZLOG_ERROR, "interface %s has addresses, whose packets are now up to the flows", name.c_str());
   }
+  name_others(name, interface);
   return true;
+}
+
+// 0, or what went wrong.
+int Ports::put_program(std::uint32_t interface) const {
+  const std::uint32_t there = filters::program_of(interface);
+  if (there == plane_.program_id() || (there != 0 && !replaces_)) return 0;
+  return -filters::attach(interface, plane_.program());
+}
+
+void Ports::name_others(const std::string &name, std::uint32_t interface) const {
+  for (const filters::Filter &filter : filters::list(interface)) {
+    if (filter.ours()) continue;
+    PROGRAMMER_LOG(context_, QX_ZLOG_ERROR,
+                   "interface %s has a tc filter of somebody else on its %s, pref %u, %s: it is left alone", name.c_str(),
+                   filter.ingress ? "ingress" : "egress", filter.preference, filter.name.c_str());
+  }
 }
 
 void Ports::leave(std::uint32_t interface, std::uint32_t place) {
   std::atomic_ref(plane_.ports()[place].ifindex).store(0, std::memory_order_release);
   plane_.forget_port(interface);
-  detach(interface);
+  release(interface);
   PROGRAMMER_LOG(context_, QX_ZLOG_ERROR, "port %u has lost its interface %s", names_[place].number,
                  names_[place].interface.c_str());
+}
+
+// ---- the end of an earlier plane
+
+// False when the program of no plane is there.
+bool Ports::release(std::uint32_t interface) {
+  char name[IF_NAMESIZE];
+  if (if_indextoname(interface, name) == nullptr || filters::program_of(interface) == 0) return false;
+  filters::detach(interface);
+  give_back(name);
+  return true;
+}
+
+bool Ports::release(const std::vector<PortName> &names, std::vector<std::uint32_t> interfaces, std::string &said) {
+  std::vector<Descriptor> claims;
+  for (const PortName &port : std::views::reverse(names)) {
+    if (!claim(port, claims, said)) return false;
+    interfaces.insert(interfaces.begin(), if_nametoindex(port.interface.c_str()));
+  }
+  for (const std::uint32_t interface : interfaces) {
+    char name[IF_NAMESIZE];
+    if (release(interface) && if_indextoname(interface, name) != nullptr)
+      said += "interface " + std::string(name) + " is no port any more\n";
+  }
+  return true;
+}
+
+std::vector<PlaneState::Port> Ports::state() const {
+  std::vector<PlaneState::Port> state;
+  for (std::uint32_t place = 0; place < names_.size(); ++place) {
+    const std::uint32_t interface = std::atomic_ref(plane_.ports()[place].ifindex).load(std::memory_order_relaxed);
+    PlaneState::Port &port = state.emplace_back(names_[place].number, names_[place].interface, interface != 0, false);
+    for (const filters::Filter &filter : interface != 0 ? filters::list(interface) : std::vector<filters::Filter>()) {
+      if (filter.ours())
+        port.forwards = filter.program == plane_.program_id();
+      else
+        port.others.push_back({filter.ingress, filter.preference, filter.name});
+    }
+  }
+  return state;
+}
+
+void Ports::take_over() {
+  const std::lock_guard lock(following_);
+  replaces_ = true;
+  const std::span<const dp_port> ports(plane_.ports(), names_.size());
+  for (const dp_port &port : ports) {
+    const int error = port.ifindex == 0 ? 0 : put_program(port.ifindex);
+    if (error != 0 && error != ENODEV)
+      PROGRAMMER_LOG(context_, QX_ZLOG_ERROR, "port %u keeps an earlier program: %s", port.number, std::strerror(error));
+  }
+  for (const std::uint32_t interface : plane_.earlier_ports())
+    if (std::ranges::find(ports, interface, &dp_port::ifindex) == ports.end()) release(interface);
 }
 
 }  // namespace programmer::dataplane
