@@ -40,7 +40,7 @@ typedef struct qx_thread {
 // one runtime lives at a time.
 qx_global *qx_global_init(const char *name, void *parent);
 
-// A text that tells this installation from others on the same machine: processes that belong together have the same one. Good
+// A text that distinguishes this installation from others on the same machine: processes that belong together share it. Valid
 // while the runtime lives; empty for null. The Linux host's is the run directory.
 const char *qx_installation(const qx_global *global);
 

@@ -362,7 +362,7 @@ const std::string &runtime_name() {
 extern "C" {
 
 qx_global *qx_global_init(const char *name, void *) {
-  if (name == nullptr) return nullptr;
+  if (!name) return nullptr;
   const bool first = !host::g_runtime;
   try {
     if (host::make_runtime(name)) return host::current_global();
@@ -376,7 +376,7 @@ qx_global *qx_global_init(const char *name, void *) {
 }
 
 int qx_global_run(qx_global *global) {
-  if (global == nullptr || global != host::current_global()) return QX_FAILED;
+  if (!global || global != host::current_global()) return QX_FAILED;
   host::tell_start();
   int rv = 0;
   while (!host::g_stop && rv == 0) rv = host::turn(EVLOOP_NO_EXIT_ON_EMPTY);
@@ -386,27 +386,27 @@ int qx_global_run(qx_global *global) {
 }
 
 const char *qx_installation(const qx_global *global) {
-  return global != nullptr && global == host::current_global() ? host::config().run_dir.c_str() : "";
+  return global && global == host::current_global() ? host::config().run_dir.c_str() : "";
 }
 
 void qx_global_finish(qx_global *global) {
-  if (global != nullptr && global == host::current_global()) host::release();
+  if (global && global == host::current_global()) host::release();
 }
 
 int qx_thread_insert_timer_timeval(struct qx_thread_master *master, qx_thread *thread, int (*func)(qx_thread *), void *arg,
                                    long sec, long usec, const char *name) {
   using namespace std::chrono_literals;
-  if (master == nullptr || thread == nullptr || func == nullptr || master->finished) return QX_FAILED;
+  if (!master || !thread || !func || master->finished) return QX_FAILED;
   if (const int rv = host::fault::check(host::fault::Point::timer_insert)) return rv;
   host::assert_loop_thread();
-  if (master->timers.armed(reinterpret_cast<uintptr_t>(thread->impl))) return QX_FAILED;
+  if (master->timers.armed(reinterpret_cast<std::uintptr_t>(thread->impl))) return QX_FAILED;
   const auto id = host::TimerQueue::next_id();
   const bool is_owners = name != nullptr && host::g_runtime && host::g_runtime->name == name;
   try {
     const auto delay =
         std::clamp(sec, 0L, host::kLongestTimer) * 1s + std::clamp(usec, 0L, 1'000'000 * host::kLongestTimer) * 1us;
     master->timers.arm(id, host::clock::now() + delay, [thread, id, is_owners] {
-      if (reinterpret_cast<uintptr_t>(thread->impl) != id) return;  // zeroed and re-armed meanwhile
+      if (reinterpret_cast<std::uintptr_t>(thread->impl) != id) return;  // zeroed and re-armed meanwhile
       thread->impl = nullptr;
       if (is_owners) return host::run_owner_timer(*thread);
       thread->func(thread);
@@ -420,7 +420,7 @@ int qx_thread_insert_timer_timeval(struct qx_thread_master *master, qx_thread *t
 }
 
 void qx_thread_master_finish(struct qx_thread_master *master) {
-  if (master == nullptr) return;
+  if (!master) return;
   master->finished = true;
   master->timers.clear();
 }

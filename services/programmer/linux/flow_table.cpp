@@ -237,7 +237,7 @@ bool FlowTable::insert(Place place, std::uint64_t hash) {
 void FlowTable::put(std::uint64_t hash, Place old, Place place) {
   const std::uint32_t mask = memory_.bucket_count - 1;
   __u64 *at = entry_of(dp_first_bucket(hash, mask), old);
-  if (at == nullptr) at = entry_of(dp_second_bucket(hash, mask), old);
+  if (!at) at = entry_of(dp_second_bucket(hash, mask), old);
   store(*at, entry_for(hash, place));
 }
 

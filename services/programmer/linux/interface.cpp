@@ -72,8 +72,8 @@ bool has_address(const std::string &name) {
   ifaddrs *all = nullptr;
   if (getifaddrs(&all) != 0) return false;
   bool found = false;
-  for (const ifaddrs *at = all; at != nullptr && !found; at = at->ifa_next) {
-    if (at->ifa_addr == nullptr || name != at->ifa_name) continue;
+  for (const ifaddrs *at = all; at && !found; at = at->ifa_next) {
+    if (!at->ifa_addr || name != at->ifa_name) continue;
     const auto *v6 = reinterpret_cast<const sockaddr_in6 *>(at->ifa_addr);
     found = at->ifa_addr->sa_family == AF_INET || (at->ifa_addr->sa_family == AF_INET6 && !IN6_IS_ADDR_LINKLOCAL(&v6->sin6_addr));
   }

@@ -68,7 +68,7 @@ void Meters::forget_unused(std::uint32_t id) {
 bool Meters::set(std::uint32_t id, const Bands &bands) {
   if (bands.bands.size() > DP_MAX_BANDS) return false;
   Known *known = know(id);
-  if (known == nullptr) return false;
+  if (!known) return false;
   if (!known->set) ++set_;
   known->set = true;
   known->inherited = false;
@@ -107,7 +107,7 @@ void Meters::drop_inherited() {
 
 std::uint16_t Meters::use(std::uint32_t id) {
   Known *known = know(id);
-  if (known == nullptr) return 0;
+  if (!known) return 0;
   ++known->flows;
   return static_cast<std::uint16_t>(known->place + 1);
 }

@@ -161,7 +161,7 @@ bpf_prog_info about_program(int program) {
 
 // Whether every map is now the pinned one.
 bool Plane::inherit(const std::vector<std::uint32_t> &ports) {
-  if (pins_ == nullptr) return false;
+  if (!pins_) return false;
   std::vector<std::pair<bpf_map *, Descriptor>> found;
   bpf_map *map = nullptr;
   bpf_object__for_each_map(map, object_.get()) {
@@ -180,7 +180,7 @@ bool Plane::inherit(const std::vector<std::uint32_t> &ports) {
 // The pinned program when it is the same one, so that ports which have it are left alone.
 bool Plane::choose_program(std::string &why) {
   const bpf_program *loaded = bpf_object__find_program_by_name(object_.get(), filters::kProgram);
-  if (loaded == nullptr) return fail(why, "the program of the data plane is another one", EINVAL);
+  if (!loaded) return fail(why, "the program of the data plane is another one", EINVAL);
   if (inherited_) program_ = pins_->get(Pins::kInForce, filters::kProgram);
   const bpf_prog_info now = about_program(bpf_program__fd(loaded)), before = about_program(program_.get());
   if (!program_ || std::memcmp(now.tag, before.tag, sizeof now.tag) != 0)
@@ -190,7 +190,7 @@ bool Plane::choose_program(std::string &why) {
 }
 
 bool Plane::pin(std::string &why) {
-  if (pins_ == nullptr) return true;
+  if (!pins_) return true;
   const char *plane = inherited_ ? Pins::kInForce : Pins::kNext;
   bool pinned = true;
   if (!inherited_) {
@@ -210,14 +210,13 @@ std::vector<std::uint32_t> Plane::ports_in(const Pins &pins) {
 }
 
 void Plane::settle() {
-  if (pins_ != nullptr && !std::exchange(inherited_, true)) pins_->settle();
+  if (pins_ && !std::exchange(inherited_, true)) pins_->settle();
 }
 
 template <typename T>
 bool Plane::map(const char *name, T *&memory, std::string &why) {
   const bpf_map *map = bpf_object__find_map_by_name(object_.get(), name);
-  if (map == nullptr || bpf_map__value_size(map) != sizeof(T))
-    return fail(why, std::string("the map ") + name + " is another one", EINVAL);
+  if (!map || bpf_map__value_size(map) != sizeof(T)) return fail(why, std::string("the map ") + name + " is another one", EINVAL);
   const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
   const std::size_t bytes = (bpf_map__max_entries(map) * sizeof(T) + page - 1) / page * page;
   void *at = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, bpf_map__fd(map), 0);
@@ -231,7 +230,7 @@ bool Plane::map_all(std::string &why) {
   g_complaint.clear();
   const bpf_map *port_of = bpf_object__find_map_by_name(object_.get(), "port_of");
   const bpf_map *punted = bpf_object__find_map_by_name(object_.get(), "punted");
-  if (port_of == nullptr || punted == nullptr) return fail(why, "the program of the data plane is another one", EINVAL);
+  if (!port_of || !punted) return fail(why, "the program of the data plane is another one", EINVAL);
   port_of_ = bpf_map__fd(port_of);
   punted_ = bpf_map__fd(punted);
   const bool mapped = map("control", tables_.control, why) && map("masks", tables_.masks, why) &&
@@ -246,7 +245,7 @@ bool Plane::map_all(std::string &why) {
 
 // A plane that was never filled is of no use to anybody.
 Plane::~Plane() {
-  if (pins_ != nullptr && !inherited_) pins_->clear(Pins::kNext);
+  if (pins_ && !inherited_) pins_->clear(Pins::kNext);
   for (const auto &[at, bytes] : mappings_) munmap(at, bytes);
 }
 

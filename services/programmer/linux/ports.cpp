@@ -180,7 +180,7 @@ void Ports::leave(std::uint32_t interface, std::uint32_t place) {
 // False when the program of no plane is there.
 bool Ports::release(std::uint32_t interface) {
   char name[IF_NAMESIZE];
-  if (if_indextoname(interface, name) == nullptr || filters::program_of(interface) == 0) return false;
+  if (!if_indextoname(interface, name) || filters::program_of(interface) == 0) return false;
   filters::detach(interface);
   give_back(name);
   return true;
@@ -194,7 +194,7 @@ bool Ports::release(const std::vector<PortName> &names, std::vector<std::uint32_
   }
   for (const std::uint32_t interface : interfaces) {
     char name[IF_NAMESIZE];
-    if (release(interface) && if_indextoname(interface, name) != nullptr)
+    if (release(interface) && if_indextoname(interface, name))
       said += "interface " + std::string(name) + " is no port any more\n";
   }
   return true;
