@@ -13,7 +13,6 @@
 #include <atomic>
 #include <cstddef>
 #include <cstring>
-#include <ranges>
 #include <span>
 #include <utility>
 
@@ -188,10 +187,12 @@ bool Ports::release(std::uint32_t interface) {
 
 bool Ports::release(const std::vector<PortName> &names, std::vector<std::uint32_t> interfaces, std::string &said) {
   std::vector<Descriptor> claims;
-  for (const PortName &port : std::views::reverse(names)) {
+  std::vector<std::uint32_t> configured;
+  for (const PortName &port : names) {
     if (!claim(port, claims, said)) return false;
-    interfaces.insert(interfaces.begin(), if_nametoindex(port.interface.c_str()));
+    configured.push_back(if_nametoindex(port.interface.c_str()));
   }
+  interfaces.insert(interfaces.begin(), configured.begin(), configured.end());
   for (const std::uint32_t interface : interfaces) {
     char name[IF_NAMESIZE];
     if (release(interface) && if_indextoname(interface, name))
@@ -204,13 +205,14 @@ std::vector<PlaneState::Port> Ports::state() const {
   std::vector<PlaneState::Port> state;
   for (std::uint32_t place = 0; place < names_.size(); ++place) {
     const std::uint32_t interface = std::atomic_ref(plane_.ports()[place].ifindex).load(std::memory_order_relaxed);
-    PlaneState::Port &port = state.emplace_back(names_[place].number, names_[place].interface, interface != 0, false);
+    PlaneState::Port port{names_[place].number, names_[place].interface, interface != 0, false, {}};
     for (const filters::Filter &filter : interface != 0 ? filters::list(interface) : std::vector<filters::Filter>()) {
       if (filter.ours())
         port.forwards = filter.program == plane_.program_id();
       else
         port.others.push_back({filter.ingress, filter.preference, filter.name});
     }
+    state.push_back(std::move(port));
   }
   return state;
 }
