@@ -64,7 +64,7 @@ const Executor::Row *Executor::row_of(std::uint16_t type) {
   return row == std::end(kRows) ? nullptr : row;
 }
 
-// The first action that cannot be carried out drops the packet.
+// Processing ends at the first action that cannot be carried out; earlier outputs have been sent.
 void Executor::run(const ss_pkt_out &packet) {
   const auto *frame = static_cast<const std::uint8_t *>(packet.frame);
   packet_.frame.assign(frame, frame + packet.frame_len);

@@ -250,7 +250,7 @@ void FlowTable::vacate(std::uint64_t hash, Place place) {
   if (!at_home && --elsewhere_[home] == 0) open_again(home);
 }
 
-// Turns the bucket's tombstones back into unused entries: all flows that belong in it are in it.
+// Turns the bucket's tombstones back into unused entries, once all flows that belong in the bucket are in it.
 void FlowTable::open_again(std::uint32_t bucket) {
   for (__u64 &entry : memory_.buckets[bucket].entries)
     if (entry == DP_TOMB) store<__u64>(entry, 0);

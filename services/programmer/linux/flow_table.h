@@ -34,7 +34,7 @@ class FlowTable {
   // table.
   explicit FlowTable(const dp_tables &memory);
 
-  // The reason why the latest add() returned kNone: room will be available after a grace period, or there is none of that kind.
+  // The reason why the latest add() returned kNone: kGrace if there will be room after a grace period, otherwise what is lacking.
   enum class Lack : std::uint8_t { kGrace, kPlaces, kMasks, kBuckets };
 
   // Puts a flow in force. The caller sets rank, cookie, index, vsd and actions of `flow`; key and mask are filled in here. Among

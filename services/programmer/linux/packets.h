@@ -29,8 +29,8 @@ struct PacketRate {
 
 class Packets {
  public:
-  // Null, with one line in `why`, if this machine does not allow it. The plane must already have its ports; all references must
-  // outlive the object.
+  // Null, with one line in `why`, if this machine does not allow it. The plane must already have its ports; `plane` and `grace`
+  // must outlive the object.
   static std::unique_ptr<Packets> open(const Context &context, Plane &plane, Grace &grace, PacketRate rate, std::string &why);
   ~Packets();
   Packets(const Packets &) = delete;

@@ -54,10 +54,10 @@ struct dp_walk {
   __u32 headers;  // OFPIEH_*
   __u32 order;    // position of the latest header in the recommended order
   __u8 next;      // type of the header at `at`
-  __u8 cut;       // the rest is missing, or belongs to a later fragment
+  __u8 cut;       // no header follows: the rest is missing, or the packet is a later fragment
 };
 
-// The OFPIEH_* bit of an extension header that the walk skips; 0 for any other header.
+// The OFPIEH_* bit of an extension header that the walk passes over; 0 for any other header.
 DP_INLINE __u32 dp_ext_bit(__u8 type) {
   return type == DP_HOP        ? DP_EXT_HOP
          : type == DP_DEST     ? DP_EXT_DEST

@@ -243,7 +243,7 @@ bool Plane::map_all(std::string &why) {
   return true;
 }
 
-// Removes the pins of a plane that was never filled, which nobody can use.
+// Removes the pins of a plane that was never filled, because nobody can use it.
 Plane::~Plane() {
   if (pins_ && !inherited_) pins_->clear(Pins::kNext);
   for (const auto &[at, bytes] : mappings_) munmap(at, bytes);

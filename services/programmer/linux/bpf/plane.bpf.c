@@ -79,7 +79,7 @@ struct way {
   __u32 ingress;  // interface index
   __u32 port;     // the ingress port's place
   __u32 l3;       // offset; 0: no IP header
-  __u32 packets;  // counted for it
+  __u32 packets;  // to be counted
   __u32 bytes;
   __u16 type;  // Ethernet type
 };
