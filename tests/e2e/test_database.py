@@ -89,7 +89,7 @@ class DatabaseInRedis(Database):
         self.assertEqual((audit.returncode, json.loads(audit.stdout)["differences"]), (1, [difference]))
 
     def left(self):
-        """Returns the numbers of stored records of each kind that belongs to flows, in both databases, and of flows in the target."""
+        """Returns the numbers of flow-related records by kind, in both databases, and of flows in the target."""
         kinds = [(kind, 8) for kind in ("flow", "flow_sta", "flow_counter")]
         kinds += [(kind, 4) for kind in ("parse_flow", "flow_to_ace", "flow_to_ace_sta")]
         stored = [len(e2e.records(self.running.socket, kind, database)) for kind, database in kinds]

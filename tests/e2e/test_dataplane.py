@@ -119,7 +119,7 @@ class DataPlane(OnInterfaces):
     # The forwarding flow is changed repeatedly while packets arrive.
     def test_a_change_under_traffic_loses_and_doubles_no_packet(self):
         self.connect()
-        self.add(*(f"priority=1,ip,nw_src=10.0.0.0/{bits},actions=drop" for bits in range(20, 28)))  # enough masks for the cache to be used
+        self.add(*(f"priority=1,ip,nw_src=10.0.0.0/{bits},actions=drop" for bits in range(20, 28)))  # enough masks for a cache
         here, there, _ = self.sockets()
         changed, got = threading.Event(), []
 

@@ -138,7 +138,7 @@ class Life(OnInterfaces):
 
     def test_whoever_is_killed_no_packet_is_lost_or_doubled_and_every_one_counts(self):
         self.begin()
-        self.add(*(f"priority=1,ip,nw_src=10.0.0.0/{bits},actions=drop" for bits in range(20, 28)))  # enough masks for the cache to be used
+        self.add(*(f"priority=1,ip,nw_src=10.0.0.0/{bits},actions=drop" for bits in range(20, 28)))  # enough masks for a cache
         with Traffic(*self.sockets()) as traffic:
             for victim in ("kelim-programmer", "ssc_kelim", "redis-server"):
                 with self.subTest(victim=victim):

@@ -171,7 +171,7 @@ class Processes(e2e.Test):
                 finally:
                     barriers.stop()
                 self.assertEqual(barriers.problems, [])
-                self.assertTrue(clients.refused or clients.refused_before)  # a fast daemon may have met all refusals before it is killed
+                self.assertTrue(clients.refused or clients.refused_before)  # a fast daemon may meet them all before the kill
                 self.assertLess(len(clients.refused), FLOWS // 4)
                 self.assert_of_one_mind(system, clients.accepted)
                 self.assertEqual(e2e.ofctl(system.port, "del-flows").returncode, 0)
