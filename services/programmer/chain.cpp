@@ -23,7 +23,7 @@ constexpr std::uint64_t bit(unsigned number) {
   return std::uint64_t{1} << number;
 }
 
-// Maps a bit of the flow to a bit of the entry, with the members that go with it; sub-messages are shared, not copied.
+// Maps a bit of the flow to a bit of the entry, with the members that belong to it; sub-messages are shared, not copied.
 template <typename From, typename To>
 struct Row {
   unsigned from_bit;
@@ -88,7 +88,7 @@ PLibpub__Mac mac_of(const Mac &address) {
   return mac;
 }
 
-// One entry with everything that it points to.
+// An entry and everything that it points to.
 struct NodeEntry {
   SPolicyKelim__FlowAce ace = S_POLICY_KELIM__FLOW_ACE__INIT;
   AceMatch match = S_POLICY_KELIM__FLOW_ACE_FIELD__INIT;

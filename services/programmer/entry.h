@@ -1,8 +1,8 @@
-// Reads from a packed flow record what a real target has to program, whichever target it is: value and mask of each field, the
-// actions and the priority.
+// Reads from a packed flow record what any real target has to program: value and mask of each field, the actions and the
+// priority.
 //
 // Match and rewrites come from the record's access-control entries, of which an ordinary flow has one and a flow of the service
-// chain several; priority, table, cookie and meter from the flow-mod in it.
+// chain several; priority, table, cookie and meter come from the flow-mod in the record.
 #pragma once
 
 #include <array>

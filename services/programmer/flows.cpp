@@ -220,7 +220,7 @@ bool FlowRecords::read_answers() {
   });
 }
 
-// Counters continue from the stored sums, except those of flows that have been counting here all the time.
+// Counters continue from the stored sums, except those of flows that this service has been counting all the time.
 bool FlowRecords::read_counters() {
   SPolicyKelim__FlowCounter any = S_POLICY_KELIM__FLOW_COUNTER__INIT;
   SPolicyKelim__FlowKey key = S_POLICY_KELIM__FLOW_KEY__INIT;

@@ -65,7 +65,7 @@ class KnownFlows {
   std::vector<Bucket> buckets_ = std::vector<Bucket>(64);
   std::uint32_t slots_ = 0;
   std::uint32_t size_ = 0;
-  std::uint32_t first_free_ = kNone;  // linked through FlowEntry::index
+  std::uint32_t first_free_ = kNone;  // linked through KnownFlow::index
 };
 
 }  // namespace programmer

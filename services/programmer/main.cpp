@@ -92,7 +92,7 @@ int serve(const programmer::Options &options) {
   return status;
 }
 
-// Takes out what the target linux has left.
+// Removes what the target linux has left in the kernel.
 int release(const programmer::Options &options) {
   qx_global *global = qx_global_init(programmer::kReleasing, nullptr);
   if (global == nullptr) return errno == EINVAL ? kBadConfiguration : 1;

@@ -24,7 +24,7 @@ namespace programmer {
 
 // Name of the stand-alone service's process and runtime.
 inline constexpr char kProcess[] = "kelim-programmer";
-// One that runs no service and only takes out what one has left.
+// Name of a process that runs no service and only removes what an earlier one has left in the kernel.
 inline constexpr char kReleasing[] = "kelim-programmer-release";
 
 // Options of the target and the service. Delay, script, seed and counter_rate belong to the simulated target.
@@ -38,8 +38,8 @@ struct Options {
   std::uint32_t counter_rate = 0;            // packets per second by which every installed flow's counters grow; 0: not at all
   std::uint32_t packet_in_rate =
       1000;  // packets a second that each port of the target linux sends to controllers; 1 to a million
-  std::uint32_t packet_in_burst = 100;        // how many of these at once
-  std::string pin_dir = "/sys/fs/bpf/kelim";  // where linux keeps its plane while no service runs; "none": nowhere
+  std::uint32_t packet_in_burst = 100;        // packets that it may send at once
+  std::string pin_dir = "/sys/fs/bpf/kelim";  // keeps the plane of linux while no service runs; "none": it is not kept
   bool service_chain = true;                  // translate parse_flow records into access-control entries
 };
 
@@ -62,7 +62,7 @@ struct Options {
 
 // Empty if a service can be started with `options`, otherwise a text that says what is wrong and what is allowed.
 std::string check(const Options &options);
-// As check(), for the script alone.
+// Like check(), for the script alone.
 std::string check_script(const Options &options);
 
 // Starts the service on `global`, whose databases this process has connected or will connect itself. 0; QX_INVALID for options
@@ -86,7 +86,7 @@ struct Totals {
 // std::nullopt while no service runs.
 std::optional<Totals> totals();
 
-// What the target linux has in the kernel.
+// The state of the target linux in the kernel.
 struct PlaneState {
   struct Filter {
     bool ingress;
@@ -97,23 +97,23 @@ struct PlaneState {
     std::uint32_t number;
     std::string interface;
     bool present;
-    bool forwards;               // the program there is this plane's, not one of before
-    std::vector<Filter> others;  // other people's, which see packets too
+    bool forwards;               // its program is this plane's, not an earlier one's
+    std::vector<Filter> others;  // filters of other software, which see packets too
   };
   std::string pins;                   // directory; empty: not pinned
-  std::string unpinned;               // why not
-  bool in_step;                       // all that is stored has been seen
-  std::uint64_t taken_over, dropped;  // of the flows that were found there: asked for as they were, and not
-  std::uint64_t written;              // flows since the start
+  std::string unpinned;               // why it is not pinned
+  bool in_step;                       // everything stored has been requested since the start
+  std::uint64_t taken_over, dropped;  // flows found at the start: requested unchanged, and dropped
+  std::uint64_t written;              // flows written since the start
   std::vector<Port> ports;
 };
 
-// Nothing while no service runs, or one with another target.
+// std::nullopt while no service runs, or if it has another target.
 std::optional<PlaneState> plane();
 
-// Takes out what a service with the target linux has left in the kernel: programs, qdiscs that nobody else uses, pins. For a
-// process that runs no service, with its runtime. QX_FAILED, and why, while a service runs there; else 0, and what was done, a
-// line each.
+// Removes what a service with the target linux has left in the kernel: programs, qdiscs that nobody else uses, pins. For a
+// process that runs no service; `global` is its runtime. 0, and `said` lists what was done, one line each; QX_FAILED, with the
+// reason in `said`, while a service runs on these interfaces.
 int release(qx_global *global, const Options &options, std::string &said);
 
 }  // namespace programmer

@@ -33,7 +33,7 @@ struct FlowRequest {
   FlowKey key;
   std::uint32_t slot = 0;
   std::uint64_t uuid = 0;
-  Counters counted;  // what the flow has counted so far, as the database knows it
+  Counters counted;  // the flow's counters so far, according to the database
 };
 
 enum class Outcome : std::uint8_t { kInstalled, kFailed, kResource };
@@ -51,8 +51,8 @@ class Target {
  public:
   virtual ~Target() = default;
 
-  // Installs the flow, or replaces the slot's flow; after a failed replacement the slot is empty. A target that has taken over
-  // an earlier life's flows leaves those that are equal untouched. `record` is the packed flow record, valid during the call.
+  // Installs the flow, or replaces the slot's flow; after a failed replacement the slot is empty. A target that has inherited the
+  // flows of an earlier service leaves identical ones untouched. `record` is the packed flow record, valid during the call.
   // Every request is answered once, unless its slot is removed first.
   virtual void install_flow(const FlowRequest &request, Bytes record) = 0;
   // Empties the slot and drops requests for it. Harmless for an empty slot.
@@ -62,8 +62,8 @@ class Target {
 
   virtual Outcome install_meter(std::uint32_t id, Bytes meter_data) = 0;
   virtual void remove_meter(std::uint32_t id) = 0;
-  // Everything stored has been requested since the start: what an earlier life has left in the hardware and nobody has requested
-  // goes.
+  // Called once everything stored has been requested since the start: what an earlier service has left in the hardware, and
+  // nobody has requested, is to be removed.
   virtual void all_flows_known() {}
   virtual void all_meters_known() {}
 

@@ -1,4 +1,4 @@
-// What the tests of the flow path share: the daemon, hand-written messages, records as text.
+// Shared by the tests of the flow path: the daemon, hand-written messages, records as text.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -59,7 +59,8 @@ inline Bytes message(std::uint16_t type, const Bytes &body) {
 inline Bytes barrier(std::uint32_t xid) {
   return message(31, Bytes(8) + le(xid) + le(0x0100007fu));
 }
-// The reply to a flow that failed: type 11, 24 bytes, flow index; 1: out of resources, 2: otherwise. As digits.
+// The flow result reply of a failed flow, as hexadecimal digits: type 11, 24 bytes, flow index; 1: out of resources, 2:
+// otherwise.
 inline std::string failure(std::uint64_t index, std::uint64_t result = 2) {
   const std::uint64_t reply[] = {0x18'0000'000b, index, result};
   return record_text::digits(reply, sizeof reply);
@@ -75,18 +76,18 @@ class FlowWorld : public testing::Test {
  protected:
   static void send(int (*callback)(void *), Bytes bytes) { ASSERT_EQ(callback(bytes.data()), 0); }
   void flow(const Bytes &bytes) { send(d.pi().flow_mod, bytes); }
-  // Sends a message and lets the daemon handle all that was sent.
+  // Sends a message and lets the daemon handle everything sent so far.
   void handle(int (*callback)(void *), const Bytes &bytes) {
     send(callback, bytes);
     d.tick();
   }
   void handle(const Bytes &flow) { handle(d.pi().flow_mod, flow); }
-  // ERROR lines that contain these must come, and no others.
+  // Expects ERROR lines that contain these texts, and no others.
   void announce(std::initializer_list<const char *> texts) {
     for (const char *line : texts) d.expect_error(line);
   }
 
-  // Answers a flow as the programming service does: 2 installed, 3 failed, 14 out of resources.
+  // Answers for a flow as the programming service does: 2 installed, 3 failed, 14 out of resources.
   void answer(std::uint64_t index, int status) {
     SPolicyKelim__FlowKey key = key_of(index);
     SPolicyKelim__FlowSta sta = S_POLICY_KELIM__FLOW_STA__INIT;
@@ -120,7 +121,7 @@ class FlowWorld : public testing::Test {
   static std::uint64_t index_of(const harness::Record &flow) { return flow.as<SPolicyKelim__Flow>()->index->flow_index; }
   std::size_t meters() const { return d.count(kUdpDb, &s_policy_kelim__meter__descriptor); }
 
-  // What `ask` says on the main SDN thread.
+  // The result of `ask`, called on the main SDN thread.
   template <typename Ask>
   auto on_loop(Ask ask) const {
     decltype(ask()) answer{};
@@ -140,7 +141,7 @@ class FlowWorld : public testing::Test {
   }
 
   static std::string digits(const Bytes &bytes) { return record_text::digits(bytes.data(), bytes.size()); }
-  // Replies so far, as hexadecimal digits.
+  // The replies of the type so far, as hexadecimal digits.
   Texts replies(std::uint16_t type) const {
     Texts out;
     for (const Bytes &reply : d.replies(type)) out.push_back(digits(reply));
@@ -151,7 +152,7 @@ class FlowWorld : public testing::Test {
     for (const Bytes &reply : d.replies(32)) xids.push_back(southbound::get<std::uint32_t>(reply.data(), 16));
     return xids;
   }
-  // Of the daemon's allocations from now on, the n-th one fails; 0: none.
+  // Lets the n-th of the daemon's next allocations fail; 0: none.
   void fail_allocation(std::uint32_t nth) {
     d.on_loop([=] { ssc_sdn_malloc_fail_nth(nth); });
   }

@@ -2,7 +2,7 @@
 // library: it calls the registered callbacks and sees every reply that the daemon sends.
 //
 // The host clock stands still; tick() moves it by one timer period. Nothing sleeps: until() waits for a condition, with a limit.
-// Every ERROR line that a test has not announced with expect_error fails the test, and so does an exit status other than 0.
+// An ERROR line that the test has not announced with expect_error fails it, and so does an exit status other than 0.
 #pragma once
 
 #include <protobuf-c/protobuf-c.h>
@@ -26,7 +26,7 @@ namespace harness {
 
 using Bytes = std::vector<std::byte>;
 
-// One object of the store, decoded; `record` is of the type that was asked for.
+// One object of the store, decoded as a message of the requested type.
 struct Record {
   std::shared_ptr<ProtobufCMessage> message;
   template <typename T>
@@ -35,7 +35,7 @@ struct Record {
   }
 };
 
-// One notification, with a copy of its record where there was one.
+// One notification, with a copy of its record, if it has one.
 struct Change {
   std::uint32_t cmd;
   Record record;
@@ -49,14 +49,14 @@ class Daemon {
   // The daemon's sixteen callbacks, to be called from the test's thread.
   const host::of_ss::Callbacks &pi() const { return callbacks_; }
 
-  // Moves the clock by one timer period and waits until the daemon has drained its handler list and the store has delivered what
-  // that wrote.
+  // Moves the clock by one timer period and waits until the daemon has drained its handler list and the store has delivered the
+  // resulting writes.
   void tick();
-  // Moves the clock and lets the loop take what is due.
+  // Moves the clock and lets the loop run what is due.
   void warp(std::chrono::milliseconds by);
   // Runs `work` on the main SDN thread and waits for it.
   void on_loop(const std::function<void()> &work) const;
-  // Whether `condition`, asked on the main SDN thread, becomes true in time.
+  // True if `condition`, called on the main SDN thread, becomes true in time.
   bool until(const std::function<bool()> &condition) const;
 
   // Replies sent so far, in order: all, or those of one type.
@@ -73,7 +73,7 @@ class Daemon {
   void watch(std::int32_t db, const qx_mom_type &type);
   std::vector<Change> changes() const;
 
-  // The next ERROR lines that contain `text` are expected, any number of them; at least one must come.
+  // Expects one or more ERROR lines that contain `text`.
   void expect_error(const std::string &text);
   // Log lines of class ERROR so far, each as "function: text".
   std::vector<std::string> errors() const;

@@ -1,6 +1,6 @@
-// What a platform provides so that the conformance tests run on its store: one source file that defines the three functions,
-// linked with the tests and the platform (kelim_store_conformance in tests/kelim_test.cmake). Everything here runs on the loop's
-// thread.
+// The interface through which the conformance tests run on a platform's store. The platform provides one source file that defines
+// the three functions and is linked with the tests and the platform (kelim_store_conformance in tests/kelim_test.cmake).
+// Everything here runs on the loop's thread.
 #pragma once
 
 #include <chrono>
@@ -14,25 +14,25 @@
 
 namespace mom_test {
 
-// A process with a runtime and one empty store; both go with it.
+// A process with a runtime and one store, initially empty; it owns both.
 class Process {
  public:
   virtual ~Process() = default;
   virtual qx_global *global() = 0;
-  // Lets so much time pass for the store, where it does not pass by itself.
+  // Lets that much time pass for the store, if its time does not pass by itself.
   virtual void pass(std::chrono::milliseconds) {}
-  // Cuts every connection of `db` and lets it come back to the same data. False where there is none that could be cut.
+  // Cuts every connection of `db`, which then reconnects to the same data. False if the store has no connections to cut.
   virtual bool cut_connections(std::int32_t) { return false; }
 };
 
-// The platform's stores, by names in letters and digits: every test runs on each.
+// The names of the platform's stores, in letters and digits; every test runs on each.
 std::vector<std::string> stores();
 
-// One lives at a time. A type that has a topic refuses further writes while so many have not been told to its subscribers; 0
-// leaves that to the platform.
+// At most one process lives at a time. A type with a topic refuses further writes while `topic_limit` writes have not been
+// delivered to its subscribers; 0 leaves the limit to the platform.
 std::unique_ptr<Process> start_process(const std::string &store, unsigned topic_limit);
 
-// Runs the loop until `condition` holds. False when that takes longer than anybody would wait.
+// Runs the loop until `condition` holds. False after a generous time limit.
 bool run_until(const std::function<bool()> &condition);
 
 }  // namespace mom_test

@@ -1,4 +1,5 @@
-// A process with the object database under test, and recorders of notifications; knows the contract and nothing of any platform.
+// A process with the object database under test, and recorders of notifications. It uses only the contract, so that it runs on
+// any platform.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -105,14 +106,14 @@ inline Seen describe(const qx_obj *object) {
   return seen;
 }
 
-// "cmd:key" of each, as one text: easy to compare by eye.
+// "cmd:key" of each, as one text that is easy to compare by eye.
 inline std::string trace(const std::vector<Seen> &seen) {
   std::string out;
   for (const Seen &one : seen) out += (out.empty() ? "" : " ") + std::to_string(one.cmd) + ":" + std::to_string(one.key);
   return out;
 }
 
-// Subscription callbacks carry no argument, so each recorder is a numbered place of its own.
+// Numbered, because subscription callbacks carry no argument: each recorder has its own callback.
 inline constexpr std::size_t kRecorders = 3;
 struct Recorder {
   std::vector<Seen> seen;
@@ -127,7 +128,7 @@ int record_into(void *, const qx_obj *object) {
   return 0;
 }
 
-// Whether that many notifications come.
+// Waits for that many notifications; false if they do not arrive in time.
 inline bool arrive(std::size_t count, std::size_t recorder = 0) {
   return run_until([&] { return recorders[recorder].seen.size() >= count; });
 }
@@ -151,7 +152,7 @@ inline int note_reconnect(void *, std::int32_t, std::int32_t type) {
   return 0;
 }
 
-inline unsigned confirmed;  // requests of expiry
+inline unsigned confirmed;  // expiry requests
 inline int confirm() {
   ++confirmed;
   return 0;
@@ -176,7 +177,7 @@ inline int scan(qx_global *global, std::int32_t db, ProtobufCMessage *record, st
   return qx_mom_scan_sync(global, db, record, 0, collect, all);
 }
 
-// Every call, with a tag or milliseconds where it takes some.
+// The signature shared by all operations; the number is a tag or milliseconds, for those that take one.
 using Op = int (*)(qx_global *, std::int32_t, ProtobufCMessage *, std::int64_t);
 inline const std::map<std::string, Op> kOps = {
     {"set", [](auto g, auto db, auto r, auto) { return qx_mom_set(g, db, r, 0, 0); }},
@@ -238,7 +239,7 @@ class StoreWorld {
     recorders[N].seen.clear();
   }
 
-  // Runs the loop until everything written so far to `db` has been delivered: a published record comes last. Takes the last
+  // Runs the loop until everything written so far to `db` has been delivered: a record published now arrives last. Uses the last
   // recorder.
   void settle(std::int32_t db = 8) {
     constexpr std::size_t kLast = kRecorders - 1;
@@ -250,7 +251,7 @@ class StoreWorld {
     ASSERT_TRUE(arrive(1, kLast));
   }
 
-  // Settles and forgets what has been delivered.
+  // Settles and clears the recorders.
   void forget() {
     settle();
     for (auto &recorder : recorders) recorder.seen.clear();
@@ -266,8 +267,8 @@ class StoreWorld {
     return qx_mom_pexpire(global_, 8, record, 0, ms, 0, confirm, nullptr);
   }
 
-  // Does "OP TYPE[:KEY] [NUMBER] [gives CODE]" for each step between semicolons; without a key, with every object. The number is
-  // a tag or milliseconds, and the record's status.
+  // Carries out steps of the form "OP TYPE[:KEY] [NUMBER] [gives CODE]", separated by semicolons; without a key a step applies to
+  // every object. The number is a tag or milliseconds, and the record's status.
   void run(const std::string &steps) {
     std::istringstream rest(steps);
     for (std::string step; std::getline(rest, step, ';');) {
@@ -292,7 +293,7 @@ class StoreWorld {
     }
   }
 
-  // The object as qx_mom_get_sync gives it; cmd 0 when there is none.
+  // The object as qx_mom_get_sync returns it; cmd 0 if it does not exist.
   Seen get(ProtobufCMessage *record, std::int32_t db = 8) {
     Seen seen;
     const int rv = mom_test::get(global_, db, record, &seen);

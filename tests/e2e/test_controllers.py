@@ -1,4 +1,4 @@
-"""What the daemon hears of its controllers: their configuration changed while it runs, the packet path, who is there."""
+"""The daemon and its controllers: endpoints reconfigured while it runs, look-ups of names, the packet path, stored addresses."""
 
 import os
 import re
@@ -16,12 +16,12 @@ import openflow
 
 class Controllers(e2e.Test):
     def listen(self, running, *ports):
-        """Changes the file that names the ports for controllers, and has it read; what the daemon says."""
+        """Changes the ports for controllers in the configuration file and has it reloaded; returns the daemon's answer."""
         (running.run_dir / "host.toml").write_text(f"[openflow]\nlisten = {[f'ptcp:127.0.0.1:{port}' for port in ports]}\n")
         return running.kelimctl("cmd", "of_ss", "reload")
 
     def counted(self, running, label):
-        """The daemon's counters of that kind of southbound call."""
+        """Returns the daemon's counters of that kind of southbound call."""
         shown = running.command("show-cnt", module="ssc_kelim_proxy")
         return tuple(map(int, re.search(rf"\b{label} +([\d ]+)", shown).group(1).split()))
 
@@ -81,7 +81,7 @@ class Controllers(e2e.Test):
         ])
 
     def name_server(self, running):
-        """Has the daemon see a /etc/hosts and a name server of the test's own; the server's socket, which answers nothing by itself."""
+        """Gives the daemon the test's own /etc/hosts and name server; returns the server's socket, which the test must serve."""
         server = socket.socket(type=socket.SOCK_DGRAM)
         self.addCleanup(server.close)
         address = f"127.{os.getpid() >> 8 & 255}.{os.getpid() & 255}.53"
@@ -98,7 +98,7 @@ class Controllers(e2e.Test):
         return server
 
     def resolve(self, server, address=b""):
-        """Answers one question, if there is one: with that IPv4 address, or that there is no such name."""
+        """Answers one waiting query, if any: with the IPv4 address, or that the name does not exist."""
         try:
             question, asker = server.recvfrom(512)
         except TimeoutError:
@@ -140,7 +140,7 @@ class Controllers(e2e.Test):
             return select.select([controller], [], [], 0)[0]
         self.await_that(found, "a connection by the name that there is now")
 
-        connect("third.example")  # and the daemon ends while it looks that up
+        connect("third.example")  # the daemon is to end during this look-up
         self.assertEqual(running.kelimctl("cmd", "of_ss", "reload").returncode, 0)
         self.await_that(lambda: select.select([server], [], [], 0)[0], "the question for the last name")
 
@@ -158,7 +158,7 @@ class Controllers(e2e.Test):
         self.await_that(lambda: self.counted(running, "PKT") == (starts + 2, ends + 2), "the end with the last controller")
 
     def await_addresses(self, running, *addresses):
-        """Keys name an address by its number, whose first octet is the least significant."""
+        """Waits for the stored addresses; keys hold an address as a number with the first octet as the least significant."""
         wanted = {f"s_policy_kelim.onc_ip:0:{struct.unpack('<I', socket.inet_aton(address))[0]}" for address in addresses}
         self.await_that(lambda: set(self.stored(running, "onc_ip")) == wanted, f"the addresses {addresses}")
 

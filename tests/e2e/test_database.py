@@ -1,4 +1,4 @@
-"""kelimctl's look into the object database: through the daemon's socket, and in the Redis server itself."""
+"""kelimctl's view of the object database, through the daemon's socket and in the Redis server itself."""
 
 import functools
 import json
@@ -21,7 +21,7 @@ class Database(e2e.Test):
         self.controller = self.client(self.running)
 
     def add(self, number):
-        """Adds a flow; its key."""
+        """Adds a flow and returns its key."""
         before = self.stored(self.running, "flow")
         self.controller.add(number)
         self.assertEqual(self.controller.barrier(), [])
@@ -29,7 +29,7 @@ class Database(e2e.Test):
         return name.removeprefix("s_policy_kelim.flow:")
 
     def watch(self, *arguments):
-        """A running `kelimctl mom watch`."""
+        """Starts `kelimctl mom watch`."""
         watch = subprocess.Popen(
             [self.running.bin / "kelimctl", "--run-dir", self.running.run_dir, "mom", "watch", *arguments],
             env=self.running.environment, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
@@ -71,7 +71,7 @@ class Database(e2e.Test):
 
 
 class DatabaseInRedis(Database):
-    """The same in a Redis server: kelimctl needs no daemon for it."""
+    """The same with a Redis server, which kelimctl also reads without the daemon."""
 
     start = functools.partialmethod(e2e.Test.system, mom_scan_batch=7)
 
@@ -89,7 +89,7 @@ class DatabaseInRedis(Database):
         self.assertEqual((audit.returncode, json.loads(audit.stdout)["differences"]), (1, [difference]))
 
     def left(self):
-        """What is stored of flows, in both databases, and in the target."""
+        """Returns the numbers of flow-related records by kind, in both databases, and of flows in the target."""
         kinds = [(kind, 8) for kind in ("flow", "flow_sta", "flow_counter")]
         kinds += [(kind, 4) for kind in ("parse_flow", "flow_to_ace", "flow_to_ace_sta")]
         stored = [len(e2e.records(self.running.socket, kind, database)) for kind, database in kinds]

@@ -1,4 +1,4 @@
-"""The data plane on interfaces of network namespaces: real packets, made byte by byte where it matters, between hosts."""
+"""The data plane on interfaces of network namespaces, with real packets between hosts, built byte by byte where that matters."""
 
 import itertools
 import os
@@ -28,7 +28,7 @@ class DataPlane(OnInterfaces):
         self.add("priority=10,in_port=1,actions=output:2", "priority=10,in_port=2,actions=output:1")
 
     def counted(self):
-        """(packets, bytes) of the flows as the controller is told, by priority."""
+        """Returns the flows' (packets, bytes) by priority, as reported to the controller."""
         flows = e2e.ofctl(self.switch.port, "dump-flows").stdout.splitlines()
         number = lambda line, name: int(line.split(name + "=")[1].split(",")[0].split()[0])
         return {number(line, "priority"): (number(line, "n_packets"), number(line, "n_bytes")) for line in flows if "priority" in line}
@@ -116,10 +116,10 @@ class DataPlane(OnInterfaces):
                 here.send(packet)
                 self.assertEqual([network.receive(each) for each in receivers], [packet] * len(receivers))
 
-    # The flow that forwards is changed again and again while packets come: none is lost, none comes twice.
+    # The forwarding flow is changed repeatedly while packets arrive.
     def test_a_change_under_traffic_loses_and_doubles_no_packet(self):
         self.connect()
-        self.add(*(f"priority=1,ip,nw_src=10.0.0.0/{bits},actions=drop" for bits in range(20, 28)))  # masks enough for a cache
+        self.add(*(f"priority=1,ip,nw_src=10.0.0.0/{bits},actions=drop" for bits in range(20, 28)))  # enough masks for a cache
         here, there, _ = self.sockets()
         changed, got = threading.Event(), []
 
@@ -166,7 +166,7 @@ class DataPlane(OnInterfaces):
         self.switch = self.system(**self.network.settings)
         self.connect()
         self.assertEqual(self.one.ping(self.two, 5), 5)
-        self.switch.process.send_signal(signal.SIGSTOP)  # who would start another service at once
+        self.switch.process.send_signal(signal.SIGSTOP)  # the supervisor, which would restart the service at once
         self.switch.signal("kelim-programmer", signal.SIGKILL)
         self.assertEqual(self.one.ping(self.two, 5), 5)
         self.switch.process.send_signal(signal.SIGCONT)
@@ -223,11 +223,11 @@ class DataPlane(OnInterfaces):
         if not self.network.pinned:
             return
         self.assertEqual(self.switch.stop(), 0)
-        self.switch.start()  # with an embedded database, in which the flows are no more
+        self.switch.start()  # the embedded database has lost the flows
         self.assertEqual([self.switch.ask_json("plane")[name] for name in ("pinned", "taken_over", "dropped")], [True, 0, 2])
 
     def let_in(self):
-        """As the drop-in for the units makes the directory for pins in a file system of root's."""
+        """Creates the directory for pins in a file system that belongs to root, with the command of the units' drop-in."""
         unit = pathlib.Path(__file__).parents[2].joinpath("packaging/systemd/linux-target.conf").read_text()
         command = re.search(r'^ExecStartPre=\+/bin/sh -c "(.*)"$', unit, re.M)[1]
         for ours, theirs in (("/sys/fs/bpf", self.network.pins), ("-o kelim -g kelim", f"-o {NOBODY} -g {NOBODY}")):

@@ -1,5 +1,5 @@
-"""The link to the database is lost, or one of the processes is in trouble, again and again while flows come and go: afterwards what
-was asked for, what is stored and what the target holds are the same. KELIM_FLAPS says how often, 8 times otherwise:
+"""The link to the database is lost, or one of the processes is in trouble, again and again while flows come and go: afterwards
+requested, stored and installed flows are the same. KELIM_FLAPS is the number of disturbances, 8 by default:
 
     KELIM_FLAPS=500 KELIM_SEED=1 ctest --preset release -R e2e.flaps -V --timeout 7200
 """
@@ -22,14 +22,14 @@ CHAIN_FLOWS = range(FLOWS - 40, FLOWS)  # in table 1
 
 
 class Load(threading.Thread):
-    """Adds and deletes flows in batches with a barrier behind each; `asked` is what is there for all that the switch said."""
+    """Adds and deletes flows in batches, each followed by a barrier; `asked` holds the flows that exist according to the switch."""
 
     def __init__(self, system, chance, asked):
         super().__init__()
         self.system, self.chance = system, chance
         self.asked, self.doubtful = set(asked), set()
         self.problem = None
-        self.forgetful = False  # with the next daemon everything begins anew
+        self.forgetful = False  # True: the next daemon starts without flows
         self.enough = threading.Event()
         self.start()
 
@@ -41,11 +41,11 @@ class Load(threading.Thread):
                         self._work(client)
                 except TimeoutError:  # a barrier without an answer
                     raise
-                except (OSError, EOFError):  # the daemon has gone in the middle of it
+                except (OSError, EOFError):  # the daemon ended in the middle of a batch
                     if self.forgetful:
                         self.asked.clear()
                     self.enough.wait(0.05)
-        except Exception as problem:  # shown by the test
+        except Exception as problem:  # reported by the test
             self.problem = problem
 
     def _work(self, client):
@@ -70,7 +70,7 @@ class Load(threading.Thread):
 
 class Flaps(e2e.Test):
     def cut(self):
-        """Every connection, or those of one process and database."""
+        """Cuts every connection to the server, or those of one process to one database."""
         if self.chance.random() < 0.5:
             for kind in ("normal", "pubsub"):
                 e2e.redis(self.system.socket, "CLIENT", "KILL", "TYPE", kind, "SKIPME", "yes")
@@ -79,7 +79,7 @@ class Flaps(e2e.Test):
         e2e.kill_clients(self.system.socket, name)
 
     def outage(self):
-        """Nobody comes in for a while, or again and again only for a moment."""
+        """Makes the server unreachable for a while, with brief returns in between."""
         away = self.system.socket + "-away"
         for _ in range(self.chance.randrange(1, 4)):
             os.rename(self.system.socket, away)
@@ -98,7 +98,7 @@ class Flaps(e2e.Test):
         self.system.signal(name, signal.SIGCONT)
 
     def refuse_writes(self):
-        """The server has no memory left, or misses its replicas."""
+        """Lets the server refuse writes, for lack of memory or of replicas."""
         key, value = self.chance.choice((("maxmemory", "1"), ("min-replicas-to-write", "1")))
         e2e.redis(self.system.socket, "CONFIG", "SET", key, value)
         time.sleep(self.chance.uniform(0, 1.5))
@@ -111,7 +111,7 @@ class Flaps(e2e.Test):
         e2e.redis(self.system.socket, "SCRIPT", "FLUSH")
 
     def starve(self):
-        """One of both has no descriptor for a new connection when it loses the ones that it has."""
+        """Cuts connections while the daemon or the programming service has no free descriptor for new ones."""
         pid = self.system.pids(self.chance.choice(self.system.NAMES[1:]))[-1]
         limits = resource.prlimit(pid, resource.RLIMIT_NOFILE)
         resource.prlimit(pid, resource.RLIMIT_NOFILE, (len(os.listdir(f"/proc/{pid}/fd")), limits[1]))
@@ -126,7 +126,7 @@ class Flaps(e2e.Test):
         self.kill("ssc_kelim")
 
     def kill_server(self):
-        """The next one is empty, and the daemon ends when it sees that."""
+        """Kills the server; the next one is empty, so the daemon ends."""
         self.load.forgetful = True
         self.kill("redis-server", "ssc_kelim")
 

@@ -13,14 +13,14 @@ def header(kind, length):
 
 
 def garbage(chance):
-    """What strangers send, each on a connection of its own, by kind."""
+    """Yields the garbage by kind; each item is sent on a new connection."""
     hello = header(openflow.HELLO, 8)
     yield "random bytes", [chance.randbytes(chance.randrange(1, 4000)) for _ in range(200)]
     bodies = [(kind, chance.randbytes(chance.randrange(300))) for kind in range(31) for _ in range(20)]
     yield "random bodies", [hello + header(kind, 8 + len(body)) + body for kind, body in bodies]
     match, instructions = openflow.tcp_flow(9)
     flow = openflow.flow_mod(openflow.ADD, match, instructions)
-    cuts = [flow[:length] for length in range(len(flow)) if length != len(flow) - len(instructions)]  # that one drops packets
+    cuts = [flow[:length] for length in range(len(flow)) if length != len(flow) - len(instructions)]  # a valid drop flow
     yield "truncations", [
         hello + header(openflow.FLOW_MOD, 8 + len(cut)) + cut + header(openflow.FLOW_MOD, 8 + len(flow)) + cut for cut in cuts
     ]
@@ -32,7 +32,7 @@ def garbage(chance):
 
 class Garbage(e2e.Test):
     def send_and_drop(self, running, data):
-        """What a stranger sends before it goes away; that the daemon closes first is fine."""
+        """Sends the data on a new connection and closes it; the daemon may close it first."""
         with socket.create_connection(("127.0.0.1", running.port), timeout=e2e.LIMIT) as stranger:
             try:
                 stranger.sendall(data)
@@ -56,7 +56,7 @@ class Garbage(e2e.Test):
                 self.assertEqual(good.barrier(), [])
                 self.assertEqual(len(self.stored(running, "flow")), 1)
                 resident.append(running.resident_kib())
-        # What is lost with each connection is lost every time; a sanitizer's own books take longer to fill.
+        # A leak would show in every round of connections; a sanitizer's own bookkeeping may still grow for a while.
         self.assertLess(min(resident[-1] - resident[-2], resident[-2] - resident[-3]), 4096, resident)
 
 

@@ -1,4 +1,4 @@
-"""Start, second instance, end."""
+"""The daemon's start and end, a second instance, and its log."""
 
 import os
 import signal
@@ -31,7 +31,7 @@ class Lifecycle(e2e.Test):
     def test_the_journal_and_syslog_are_told_priority_and_origin(self):
         if subprocess.run(["unshare", "--mount", "true"], capture_output=True).returncode:
             self.skipTest("needs a mount name space of its own")
-        # /dev and /run as the daemon sees them, with this test's sockets where it looks for the two services.
+        # Gives the daemon a /dev and a /run with this test's sockets in place of those of journald and syslog.
         mounts = """cd "$0" && mount --rbind /dev dev && mount -t tmpfs dev /dev && touch /dev/null /dev/urandom /dev/log
             mount --bind dev/null /dev/null && mount --bind dev/urandom /dev/urandom && mount --bind log /dev/log
             mount -t tmpfs run /run && mkdir -p /run/systemd/journal && touch /run/systemd/journal/socket

@@ -1,4 +1,4 @@
-"""Monitoring over HTTP: what /metrics says agrees with what was done, and whoever asks otherwise gets an answer."""
+"""Monitoring over HTTP: /metrics agrees with what was done, and bad requests and idle clients are dealt with."""
 
 import http.client
 import shutil
@@ -8,7 +8,7 @@ import subprocess
 import sys
 import unittest
 
-sys.path.append("/usr/lib/python3/dist-packages")  # where Debian's package lies, for another python3 than Debian's
+sys.path.append("/usr/lib/python3/dist-packages")  # of Debian's package, for other Python installations
 from prometheus_client.parser import text_string_to_metric_families
 
 import daemon
@@ -30,7 +30,7 @@ class Metrics(e2e.Test):
         return answer.status, answer.headers, answer.read().decode()
 
     def scrape(self, port):
-        """The samples by name and label values; the text has to keep the rules of the format."""
+        """Returns the samples by name and label values; the text must follow the rules of the format."""
         status, headers, text = self.ask(port, "/metrics")
         self.assertEqual((status, headers["Content-Type"]), (200, "text/plain; version=0.0.4; charset=utf-8"))
         if shutil.which("promtool"):
@@ -94,7 +94,7 @@ class Metrics(e2e.Test):
         late = socket.create_connection(("127.0.0.1", port))
         late.sendall(b"GET /healthz HTTP/1.0\r\n\r\n")
         late.settimeout(0.3)
-        self.assertRaises(TimeoutError, late.recv, 1)  # behind 16 that say nothing
+        self.assertRaises(TimeoutError, late.recv, 1)  # waits behind 16 idle connections
         for connection in idle:
             connection.close()
         late.settimeout(e2e.LIMIT)

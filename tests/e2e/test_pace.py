@@ -1,4 +1,4 @@
-"""A controller that asks for more than the daemon can do makes neither the daemon's loop nor another controller wait for its end."""
+"""A controller that requests more than the daemon can do delays neither the daemon's loop nor other controllers until it ends."""
 
 import threading
 import unittest
@@ -7,11 +7,11 @@ import daemon
 import e2e
 import openflow
 
-PASS = 500  # flows that a pass of churn adds and deletes again; the table holds 600
+PASS = 500  # flows that each pass of churn adds and then deletes; the table holds 600
 
 
 class Flood(threading.Thread):
-    """Sends the same bytes over and over on a connection of its own until it is told to stop, and reads what comes back."""
+    """Sends the same bytes over and over on its own connection until it is told to stop, and reads the answers."""
 
     def __init__(self, client, unit):
         super().__init__(daemon=True)
@@ -44,7 +44,7 @@ class Flood(threading.Thread):
 
 class Pace(e2e.Test):
     def churn(self, running):
-        """Adds and deletes of the same flows, a barrier behind each pass, as fast as the daemon takes them."""
+        """Starts adding and deleting the same flows as fast as the daemon accepts them, with a barrier after each pass."""
         client = self.client(running)
         client.socket.settimeout(60)
         made = [
@@ -63,7 +63,7 @@ class Pace(e2e.Test):
         quiet = self.client(running)
         for number in range(5):
             before = flood.answers
-            self.assertIn("controllers", running.ask_json("controllers"))  # answered between the churner's messages, by the loop
+            self.assertIn("controllers", running.ask_json("controllers"))  # answered by the loop, between the churn's messages
             quiet.add(100_000 + number)
             self.assertEqual(quiet.barrier(), [])
             self.await_that(lambda: flood.answers > before, "the churn going on")
@@ -83,7 +83,7 @@ class Pace(e2e.Test):
         running = self.daemon(programmer_embedded="false", openflow_capacity=10_000, openflow_decide_timeout_ms=300)
         client = self.client(running)
         added = [client.add(number) for number in range(5000)]
-        newcomer = self.client(running)  # shakes hands while flows wait
+        newcomer = self.client(running)  # completes its handshake while flows wait
         before = client.barrier()
         self.assertEqual(sorted(m.xid for m in before), added)
         self.assertEqual({openflow.error_of(m)[0] for m in before}, {"OFPFMFC_UNKNOWN"})

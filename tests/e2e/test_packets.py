@@ -1,4 +1,4 @@
-"""Packets between the data plane and its controllers, with real traffic of hosts in network namespaces."""
+"""Packets between the data plane and controllers, with real traffic of hosts in network namespaces."""
 
 import os
 import signal
@@ -17,7 +17,7 @@ from interfaces import UDP, OnInterfaces, checksum, frame, ipv4, udp
 TCP = 6
 PAIRS = [(a, b) for a in range(3) for b in range(3) if a != b]
 
-# Connections end at once, so that nothing of them comes again while the next test looks.
+# Connections are reset at once, so that none of their packets arrives during the next test.
 END_AT_ONCE = "import socket, struct, sys; at_once = (socket.SOL_SOCKET, socket.SO_LINGER, struct.pack('ii', 1, 0))"
 ECHO_SERVER = END_AT_ONCE + """
 kind = {"tcp": socket.SOCK_STREAM, "udp": socket.SOCK_DGRAM}[sys.argv[1]]
@@ -61,7 +61,7 @@ while client.recv(1 << 16):
 
 
 def is_right(packet):
-    """Whether the checksum of a TCP or UDP packet over IPv4 is."""
+    """True if the IPv4 header's and the TCP or UDP checksum are correct."""
     header = (packet[14] & 15) * 4
     segment = packet[14 + header : 14 + struct.unpack_from("!H", packet, 16)[0]]
     pseudo = packet[26:34] + struct.pack("!HH", packet[23], len(segment))
@@ -105,7 +105,7 @@ class Packets(OnInterfaces):
             pass
         return openflow.packet_in_of(message)
 
-    # The kernel leaves the checksums of what a host sends over a virtual cable to a network card that is not there.
+    # On a virtual cable the kernel leaves the checksums of sent packets to a network card that does not exist.
     def test_hosts_reach_each_other_by_a_learning_switch_from_the_first_packet_on(self):
         for kind, proto in (("udp", UDP), ("tcp", TCP)):
             for host in self.hosts:
@@ -128,7 +128,7 @@ class Packets(OnInterfaces):
     def test_a_packet_in_says_what_the_packet_was_and_why_it_comes(self):
         packet, long, short = frame(ipv4(udp(53))), frame(ipv4(udp(54, bytes(1458)))), frame(bytes(46), 0x88B5)
         tagged = frame(ipv4(udp(55)), tag=0x6007)
-        cases = (  # flow, sent, reason, table, cookie, received
+        cases = (  # flow, sent, reason, cookie, received
             ("priority=0,actions=controller", short, openflow.NO_MATCH, 0, short),
             ("cookie=0x17,priority=0,in_port=1,actions=controller", packet, openflow.ACTION, 0x17, packet),
             ("cookie=0x18,priority=3,udp,actions=controller:20", long, openflow.ACTION, 0x18, long),
@@ -143,7 +143,7 @@ class Packets(OnInterfaces):
                 here.send(sent)
                 self.assertEqual(self.next_packet(client), openflow.PacketIn(len(received), reason, 0, cookie, 1, received))
 
-    # What the kernel hands over uncut comes as the segments that are on a wire.
+    # The kernel hands over unsegmented packets; the controller gets the segments that a wire would carry.
     def test_a_long_stream_comes_in_whole_segments(self):
         self.serve(self.hosts[1], "tcp")
         self.add("priority=9,in_port=2,actions=output:1", "priority=5,in_port=1,actions=controller")
@@ -168,7 +168,7 @@ class Packets(OnInterfaces):
         self.assertGreater(max(len(payload) for payload in data.values()), 1400)
 
     def test_a_packet_out_goes_where_its_actions_say(self):
-        nobody = "10.0.0.99"  # so that no host answers
+        nobody = "10.0.0.99"  # no host has this address, so none answers
         payload = ipv4(udp(53), destination=nobody)
         packet, tagged, retagged = frame(payload), frame(payload, tag=0x6007), frame(payload, tag=0xA008)
         redirected = frame(payload, destination="02:00:00:00:00:77")
@@ -228,7 +228,7 @@ class Packets(OnInterfaces):
         self.assertEqual((sent.returncode, sent.stderr), (0, ""))
         self.assertEqual(network.receive(there), packet)
 
-    # A controller that does not read loses packets, and nobody else anything.
+    # A controller that does not read loses packets itself; nobody else loses anything.
     def test_a_flood_of_packets_is_limited_and_a_deaf_controller_is_not_in_the_way(self):
         deaf, client = self.client(self.switch), self.client(self.switch)
         self.add("priority=0,actions=controller")
@@ -285,7 +285,7 @@ class Packets(OnInterfaces):
 
 
 class ServiceOfItsOwn(Packets):
-    """The same with the programming service as a process of its own, and what becomes of packets without it."""
+    """The same with the programming service as a separate process, and packets while it is away."""
 
     def setUp(self):
         self.hosts = self.network.hosts
@@ -297,7 +297,7 @@ class ServiceOfItsOwn(Packets):
         packet = frame(ipv4(udp(53)))
         here, there, _ = self.sockets()
         self.add("priority=0,actions=controller")
-        self.switch.process.send_signal(signal.SIGSTOP)  # who would start another service at once
+        self.switch.process.send_signal(signal.SIGSTOP)  # the supervisor, which would restart the service at once
         self.switch.signal("kelim-programmer", signal.SIGKILL)
         request = openflow.packet_out(packet, openflow.output(2))
         self.await_that(lambda: not self.packets()["data_plane"], "the end of the service")

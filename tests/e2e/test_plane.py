@@ -1,4 +1,4 @@
-"""The life of the data plane: whoever dies, is started again or leaves, packets go on."""
+"""The life of the data plane: packets keep flowing whichever process is killed, restarted or replaced."""
 
 import itertools
 import json
@@ -17,12 +17,12 @@ import network
 import openflow
 from interfaces import OnInterfaces, frame, ipv4, udp
 
-TICK, AT_ONCE = 0.002, 20  # seconds, and packets each time: about 10,000 a second
-FOREIGN = 30000  # pref of a filter that is somebody else's
+TICK, AT_ONCE = 0.002, 20  # seconds between bursts and packets in each: about 10,000 a second
+FOREIGN = 30000  # preference of a foreign filter
 
 
 class Redis:
-    """A server that has every write on disk before it answers."""
+    """A server that has each write on disk before it answers, so that it can be killed without loss."""
 
     def __init__(self):
         self.port = daemon.Port()
@@ -46,7 +46,7 @@ class Redis:
 
 
 class Traffic:
-    """Numbered packets from one host to the other, until the end of the block."""
+    """Sends numbered packets from one host to the other until the end of the `with` block."""
 
     def __init__(self, here, there):
         self.here, self.there, self.got = here, there, []
@@ -80,7 +80,7 @@ class Traffic:
 
 
 def between(source, destination, in_port):
-    """A match on prefixes of these lengths, and on a port."""
+    """A match on address prefixes of these lengths, and on a port unless it is 0."""
     prefix = lambda length: struct.pack("!I", ((1 << length) - 1) << (32 - length))
     port = [openflow.oxm(0, struct.pack("!I", in_port))] if in_port else []
     addresses = [openflow.oxm(field, prefix(length), prefix(length)) for field, length in ((11, source), (12, destination))]
@@ -108,7 +108,7 @@ class Life(OnInterfaces):
         return frames
 
     def plane(self):
-        """What the service tells; while there is none, nothing."""
+        """Returns the service's view of the plane; empty while no service runs."""
         told = self.switch.kelimctl("--process", "kelim-programmer", "plane", "--json")
         return json.loads(told.stdout) if told.returncode == 0 else {}
 
@@ -132,13 +132,13 @@ class Life(OnInterfaces):
             self.redis.start()
         else:
             self.switch.signal(victim, signal.SIGKILL)
-        awaited = "ssc_kelim" if victim == "redis-server" else victim  # the daemon goes with its database
+        awaited = "ssc_kelim" if victim == "redis-server" else victim  # the daemon ends with its database
         self.await_that(lambda: len(self.switch.pids(awaited)) > before[awaited], f"another {awaited}")
         self.await_that(lambda: self.switch.ready() and self.in_step(), f"everything in step after the end of {victim}")
 
     def test_whoever_is_killed_no_packet_is_lost_or_doubled_and_every_one_counts(self):
         self.begin()
-        self.add(*(f"priority=1,ip,nw_src=10.0.0.0/{bits},actions=drop" for bits in range(20, 28)))  # masks enough for a cache
+        self.add(*(f"priority=1,ip,nw_src=10.0.0.0/{bits},actions=drop" for bits in range(20, 28)))  # enough masks for a cache
         with Traffic(*self.sockets()) as traffic:
             for victim in ("kelim-programmer", "ssc_kelim", "redis-server"):
                 with self.subTest(victim=victim):
@@ -149,7 +149,7 @@ class Life(OnInterfaces):
         print(f"{len(traffic.got)} packets at {traffic.rate:.0f} a second ", end="", flush=True)
         self.await_that(lambda: self.counted() == [len(traffic.got)], f"{len(traffic.got)} packets in {self.counted()}")
 
-    # Another size, and another port, is another layout; without pins the maps are always new.
+    # A plane of another size or with other ports cannot be taken over; without pins the maps are always new.
     def test_a_plane_that_cannot_be_taken_over_forwards_until_the_next_one_is_filled(self):
         for first, then in (({}, {"programmer_size": 5000}), ({}, {"ports": "1:p1,2:p2"}), ({"programmer_pin_dir": "none"},) * 2):
             with self.subTest(first=first, then=then):
@@ -173,7 +173,7 @@ class Life(OnInterfaces):
         self.add("meter=1,pktps,bands=type=drop,rate=5", command="add-meter")
         self.add("priority=20,in_port=3,actions=meter:1,output:1", "priority=30,udp,in_port=1,actions=drop")
         here, there = self.sockets()
-        self.switch.process.send_signal(signal.SIGSTOP)  # who would start another service at once
+        self.switch.process.send_signal(signal.SIGSTOP)  # the supervisor, which would restart the service at once
         self.switch.signal("kelim-programmer", signal.SIGKILL)
         before = set(self.stored(self.switch, "flow"))
         self.ask("--strict", "del-flows", "priority=30,udp,in_port=1")
@@ -182,13 +182,13 @@ class Life(OnInterfaces):
         packet = frame(ipv4(udp(1)))
         here.send(packet)
         self.assertEqual(self.one.ping(self.two, 3), 3)
-        self.assertEqual(network.receive(there)[23], 1)  # the ping; no datagram before it
+        self.assertEqual(network.receive(there)[23], 1)  # ICMP: the ping, with no datagram before it
         self.switch.process.send_signal(signal.SIGCONT)
         told = self.await_that(self.in_step, "the service that comes back")
         self.assertEqual((told["taken_over"], told["written"], told["dropped"]), (3, 1, 1))
         self.await_that(lambda: here.send(packet) and self.next_is(there, packet), "datagrams, whose flow has gone")
 
-    # There are 1,024 masks, so what is new has no room beside what is old; nobody is refused for that.
+    # There are only 1,024 masks, so that the new flows have no room beside the old ones; still none is refused.
     def test_what_has_room_only_when_the_old_has_gone_waits_for_that(self):
         self.begin(openflow_capacity=4000, openflow_decide_timeout_ms=e2e.LIMIT * 1000)
         lengths = list(itertools.product(range(1, 33), range(1, 32)))
@@ -199,7 +199,7 @@ class Life(OnInterfaces):
         client.delete_all()
         add(client, 0)
         self.assertEqual(client.barrier(), [])
-        self.switch.process.send_signal(signal.SIGSTOP)  # who would start another service at once
+        self.switch.process.send_signal(signal.SIGSTOP)  # the supervisor, which would restart the service at once
         self.switch.signal("kelim-programmer", signal.SIGKILL)
         client.delete_all()
         before = set(self.stored(self.switch, "flow_sta"))
@@ -211,7 +211,7 @@ class Life(OnInterfaces):
         self.assertEqual((told["taken_over"], told["written"], told["dropped"]), (0, len(lengths), len(lengths)))
 
     def ask(self, *words):
-        """Has a controller ask for something, and does not wait for the answer."""
+        """Starts ovs-ofctl with a request and does not wait for its answer."""
         words = [f"tcp:127.0.0.1:{self.switch.port}" if word is None else word for word in (*words[:-1], None, words[-1])]
         asking = subprocess.Popen(["ovs-ofctl", "-O", "OpenFlow13", *words])
         self.addCleanup(asking.wait)
@@ -237,7 +237,7 @@ class Life(OnInterfaces):
         self.switch.signal("ssc_kelim", signal.SIGCONT)
 
     def pins(self):
-        """Where the plane of the switch is pinned."""
+        """Returns the directory in which the switch's plane is pinned."""
         name = "".join(c if c.isalnum() else "-" if c == "/" else f"_{ord(c):02x}" for c in str(self.switch.run_dir).lstrip("/"))
         return f"{self.network.settings['programmer_pin_dir']}/{name}"
 

@@ -1,4 +1,4 @@
-"""The daemon on another platform than the Linux host: one flow from a callback to a barrier reply, and nothing of the host in it."""
+"""The daemon on a platform other than the Linux host, of which it uses nothing: one flow, from a callback to a barrier reply."""
 
 import json
 import os
@@ -10,7 +10,7 @@ import tempfile
 import threading
 import unittest
 
-LIMIT = 60  # seconds for anything to come about
+LIMIT = 60  # seconds to wait for any condition
 BIN = pathlib.Path(os.environ["KELIM_BIN"])
 SOURCE = pathlib.Path(__file__).parents[2]
 SAID = [
@@ -55,7 +55,7 @@ class Platform(unittest.TestCase):
                    "-DCMAKE_C_COMPILER_LAUNCHER=ccache", "-DCMAKE_CXX_COMPILER_LAUNCHER=ccache")
 
     def test_a_platform_may_lie_anywhere_and_a_missing_one_is_named(self):
-        # In one place of the build directory, so that later runs build little.
+        # Always the same place in the build directory, so that later runs rebuild little.
         place = BIN.parent / "own_platform"
         shutil.rmtree(place / "platform", ignore_errors=True)
         shutil.copytree(SOURCE / "platform/template", place / "platform")
@@ -73,7 +73,7 @@ class Platform(unittest.TestCase):
             failed = self.configure(platform, place / "refused")
             self.assertEqual(failed.returncode, 1)
             for part in (complaint, "platform/host, platform/template or one of your own"):
-                self.assertIn(part, " ".join(failed.stderr.split()))  # CMake breaks the line where it likes
+                self.assertIn(part, " ".join(failed.stderr.split()))  # CMake wraps the message
 
 
 if __name__ == "__main__":

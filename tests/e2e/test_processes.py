@@ -1,4 +1,4 @@
-"""Redis, the daemon and the programming service as three processes: killed, frozen, restarted, and still of one mind."""
+"""Redis, the daemon and the programming service as three processes: killed, frozen and restarted, they still agree afterwards."""
 
 import os
 import re
@@ -13,30 +13,30 @@ import e2e
 import openflow
 
 FLOWS = 600
-CLIENTS = 20  # ovs-ofctl waits for a barrier behind every flow, so it takes several to keep the daemon busy
-# By flow index, so that the answer is the same after a restart; some at every start.
+CLIENTS = 20  # several, because ovs-ofctl waits for a barrier after each flow, and one would not keep the daemon busy
+# The flows that the target refuses, by index: the answer stays the same after a restart, and every start meets some of them.
 REFUSED = "fail=" + ",".join(f"@{index}-{index + 9}" for index in range(40, 4000, 200))
 
 
 def number_of(flow):
-    """The number of a stored flow, by its IPv4 destination: in flow_data an OXM header and 10.0.x.y, both little-endian."""
+    """The number of a stored flow, from its IPv4 destination: in flow_data an OXM header and 10.0.x.y, both little-endian."""
     return int.from_bytes(re.search(rb"\x04\x18\x00\x80(..)\x00\x0a", flow, re.DOTALL)[1], "little")
 
 
 def is_installed(flow, answer):
-    """Whether the flow_sta says so (field 6 is 2) and means this form of the flow (its field 7 is the flow's field 12)."""
+    """True if the flow_sta says installed (field 6 is 2) and answers this form of the flow (field 7 is the flow's field 12)."""
     found = re.search(rb"\x30\x02\x38([\x80-\xff]+[\x00-\x7f])", answer)
     return bool(found) and b"\x60" + found[1] in flow
 
 
 class Clients:
-    """Several ovs-ofctl that program flows; what was asked and what came of it, by the flows' numbers."""
+    """Several ovs-ofctl that program flows; keeps the numbers of the accepted and the refused ones."""
 
     def __init__(self, port, refused_before=frozenset()):
         self.port = port
         self.accepted, self.refused = set(), set()
-        self.refused_before = refused_before  # by an earlier life of the daemon
-        self.cut_off = False  # whether the daemon went away in the middle
+        self.refused_before = refused_before  # refused during an earlier run of the daemon
+        self.cut_off = False  # True if the daemon ended in the middle
         self.threads = [threading.Thread(target=self._add, args=(range(FLOWS)[first::CLIENTS],)) for first in range(CLIENTS)]
         for thread in self.threads:
             thread.start()
@@ -53,7 +53,7 @@ class Clients:
             if result.returncode == 0:
                 self.accepted.update(numbers)
                 return
-            # It ends at the first error, whose data begin with the request: eight bytes of header, then the cookie.
+            # ovs-ofctl ends at the first error, whose data begin with the request: eight bytes of header, then the cookie.
             refused = re.search(r"^00000000 (?:[ -][0-9a-f]{2}){8}-((?:[0-9a-f]{2} ){8})", result.stderr, re.MULTILINE)
             if not refused:
                 self.cut_off = True
@@ -65,9 +65,9 @@ class Clients:
 
 
 class BarrierClient(threading.Thread):
-    """Adds a flow and a barrier at once, again and again; looks into the database at every reply. Outlives the daemon."""
+    """Repeatedly sends a flow and a barrier together, and checks the database at each reply. Reconnects to a restarted daemon."""
 
-    NUMBER = 1000  # of its flow, above those of others
+    NUMBER = 1000  # of its flow, above those of other clients
 
     def __init__(self, system):
         super().__init__()
@@ -96,17 +96,17 @@ class BarrierClient(threading.Thread):
             client.delete(self.NUMBER)
 
     def _is_decided(self):
-        """Whether the database has the answer to the flow; true when the database has just gone."""
+        """True if the database holds the answer for the flow, or has just gone away."""
         try:
             flows, answers = (e2e.records(self.system.socket, kind) for kind in ("flow", "flow_sta"))
         except subprocess.CalledProcessError:
             return True
         ours = [key for key, flow in flows.items() if number_of(flow) == self.NUMBER]
-        # A synchronisation may just have written the flow again: the answer to its form before counts.
+        # A synchronisation may just have rewritten the flow, so the answer to its previous form counts too.
         return not flows or any(b"\x30\x02\x38" in answers.get(key, b"") for key in ours)
 
     def stop(self):
-        """Leaves no flow behind."""
+        """Ends the thread and deletes its flow."""
         self.enough.set()
         self.join()
         with self.system.client() as client:
@@ -116,7 +116,7 @@ class BarrierClient(threading.Thread):
 
 class Processes(e2e.Test):
     def differences(self, system, accepted):
-        """What keeps the three views from being equal: the client's, the database's, the target's. Nothing when they are."""
+        """Returns the differences between the views of clients, database and target; empty if they agree."""
         try:
             flows, answers, counters = (e2e.records(system.socket, kind) for kind in ("flow", "flow_sta", "flow_counter"))
             target = set(system.programmer("flows").split())
@@ -141,7 +141,7 @@ class Processes(e2e.Test):
             self.assertLess(time.monotonic(), end, found)
 
     def kill_while_programming(self, system, victim):
-        """Kills that process when a third of the flows are stored, and waits until it runs again."""
+        """Kills the process when a third of the flows are stored, and waits until it runs again."""
         clients = Clients(system.port)
         stored = lambda: len(e2e.redis(system.socket, "KEYS", "s_policy_kelim.flow:*"))
         self.await_that(lambda: stored() >= FLOWS // 3, "a third of the flows")
@@ -149,7 +149,7 @@ class Processes(e2e.Test):
         system.signal(victim, signal.SIGKILL)
         self.await_that(lambda: len(system.pids(victim)) > len(others), f"another {victim}")
         clients.wait()
-        if victim != "kelim-programmer":  # the daemon goes with its database
+        if victim != "kelim-programmer":  # the daemon ends with its database
             self.await_that(lambda: len(system.pids("ssc_kelim")) > len(daemons), "another daemon")
             self.await_that(system.ready, "a daemon that serves its port")
             clients = Clients(system.port, clients.refused).wait()
@@ -171,7 +171,7 @@ class Processes(e2e.Test):
                 finally:
                     barriers.stop()
                 self.assertEqual(barriers.problems, [])
-                self.assertTrue(clients.refused or clients.refused_before)  # a fast daemon has met them all when it is killed
+                self.assertTrue(clients.refused or clients.refused_before)  # a fast daemon may meet them all before the kill
                 self.assertLess(len(clients.refused), FLOWS // 4)
                 self.assert_of_one_mind(system, clients.accepted)
                 self.assertEqual(e2e.ofctl(system.port, "del-flows").returncode, 0)
@@ -183,7 +183,7 @@ class Processes(e2e.Test):
         system = self.system(
             mom_url=servers.url, mom_dead_after_ms=1000, openflow_capacity=2 * FLOWS, openflow_decide_timeout_ms=e2e.LIMIT * 1000,
         )
-        system.socket = servers.sockets[1]  # of the replica, which becomes the master
+        system.socket = servers.sockets[1]  # the replica's, which becomes the master
         clients = Clients(system.port)
         stored = lambda: len(e2e.redis(system.socket, "KEYS", "s_policy_kelim.flow:*"))
         self.await_that(lambda: stored() >= FLOWS // 3, "a third of the flows")
@@ -194,7 +194,7 @@ class Processes(e2e.Test):
         self.await_that(lambda: "role:master" in servers.ask(1, "INFO", "replication"), "the replica as master")
         self.assert_of_one_mind(system, clients.accepted)
         client = self.client(system)
-        taken = lambda: client.add(2000) and not client.barrier()  # refused while the daemon has not found the new master
+        taken = lambda: client.add(2000) and not client.barrier()  # refused until the daemon has found the new master
         self.await_that(taken, "a flow that is taken")
         self.assert_of_one_mind(system, clients.accepted | {2000})
 
@@ -222,7 +222,7 @@ class Processes(e2e.Test):
         system = self.system()
         flow = "table=1,dl_dst=02:00:00:00:00:01,tcp,nw_dst=10.0.0.1,tp_dst=80,actions=output:2"
         self.assertEqual(e2e.ofctl(system.port, "add-flow", flow).stderr, "")
-        # The programming service is asked for the application's entries, not for one of the daemon's own.
+        # The record requests the application's entries from the programming service, not the daemon's own entry.
         stored = system.ask_json("mom", "get", "flow", "1:0")["objects"][0]["record"]
         self.assertEqual([entry["acl_app_type"] for entry in stored["ace"]], ["service_chain"] * 2)
         self.assert_of_one_mind(system, [1])
@@ -265,7 +265,7 @@ class Processes(e2e.Test):
         client = self.client(system)
         system.signal("redis-server", signal.SIGSTOP)
         self.addCleanup(system.signal, "redis-server", signal.SIGCONT)
-        # It stays frozen until all this is answered: who waited for it would not answer at all.
+        # The server stays frozen until everything here is answered: anything that waited for it would never answer.
         adds = {client.add(number) for number in range(20)}
         system.command("dump_ssc_sdn_msg_queue")
         self.assertEqual(system.kelimctl("mom", "--url", "embedded:", "get", "flow", "1:0").returncode, 1)
@@ -273,7 +273,7 @@ class Processes(e2e.Test):
         self.assertEqual({error.xid for error in errors}, adds, "nobody decided")
         system.signal("redis-server", signal.SIGCONT)
         self.assert_of_one_mind(system, ())
-        # On a slow machine a flow may still be given up at first.
+        # On a slow machine the first flows may still be given up.
         self.await_that(lambda: client.add(7) and client.barrier() == [], "a flow that is decided in time")
         self.assert_of_one_mind(system, (7,))
         self.assertEqual(len(system.pids("ssc_kelim")), 1)

@@ -1,4 +1,4 @@
-"""What becomes of a flow reaches the controller that asked for it."""
+"""The outcome of a flow is reported to the controller that requested it."""
 
 import re
 import signal
@@ -63,7 +63,7 @@ class Results(e2e.Test):
             self.assertEqual(result.returncode, 1)
             self.assertIn(f"{error} for: OFPT_FLOW_MOD", result.stderr)
             self.await_that(lambda: views() == before, f"the flows as they were before {error}")
-        # What comes and goes within the bundle, a change, and the deletion of all that was before.
+        # A flow added and deleted within the bundle, a changed one, and the deletion of all earlier flows.
         more = ["delete_strict priority=32768,tcp,nw_dst=10.0.0.1,tp_dst=80", "modify tcp,nw_dst=10.0.0.2,actions=output:4"]
         flows = ["delete", *(f"add tcp,nw_dst=10.0.0.{n},tp_dst=80,actions=output:3" for n in range(50)), *more]
         self.assertEqual(e2e.ofctl(running.port, "add-flows", "-", options=["--bundle"], stdin="\n".join(flows)).returncode, 0)

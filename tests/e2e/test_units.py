@@ -1,4 +1,4 @@
-"""What `cmake --install` puts on a machine: programs that run, units that systemd accepts, a configuration that changes nothing."""
+"""The result of `cmake --install`: programs that run, units that systemd accepts, a configuration that changes no default."""
 
 import os
 import pathlib
@@ -25,7 +25,7 @@ class Installed(unittest.TestCase):
         cls.root = pathlib.Path(place.name)
         cls.prefix = cls.root / "opt/kelim"
         cls.conf = cls.root / "etc/kelim/host.toml"
-        # Twice, the second time over a configuration that somebody has changed.
+        # Installs twice, the second time over a changed configuration.
         for text in (b"# changed\n", b""):
             done = run("cmake", "--install", BUILD, "--prefix", "/opt/kelim", DESTDIR=place.name)
             assert done.returncode == 0, done.stderr

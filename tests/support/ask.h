@@ -1,4 +1,4 @@
-// What operators ask over the control socket, as kelimctl does.
+// Asks over the control socket, as kelimctl does for operators.
 #pragma once
 
 #include <future>
@@ -9,7 +9,7 @@
 #include "host/control/control.h"
 #include "support/runtime_fixture.h"
 
-// The answer of the process of that name; the loop must turn on another thread.
+// The answer of the process with that name; the loop must turn on another thread.
 inline nlohmann::json ask(const std::string &run_dir, const std::string &process, const nlohmann::json &request) {
   std::string line;
   host::control::Client client;
@@ -18,7 +18,7 @@ inline nlohmann::json ask(const std::string &run_dir, const std::string &process
   return nlohmann::json::parse(line);
 }
 
-// Runs `talk` on a thread of its own while the loop turns on this one.
+// Runs `talk` on a separate thread while the loop turns on this one.
 template <typename Talk>
 auto beside_the_loop(Talk talk) {
   auto result = std::async(std::launch::async, std::move(talk));

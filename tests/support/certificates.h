@@ -1,4 +1,4 @@
-// Certificates for tests of TLS, made when they are needed.
+// Certificates for tests of TLS, created on demand.
 #pragma once
 
 #include <openssl/ec.h>
@@ -23,8 +23,8 @@ struct FreeOpenSsl {
 template <typename T>
 using Owner = std::unique_ptr<T, FreeOpenSsl>;
 
-// A key and its certificate (of version 1, where one that is signed by itself is an authority), signed by `authority`, or by
-// itself, which makes it an authority. Valid from an hour ago until so many seconds from now.
+// A key and its certificate, signed by `authority` or, as an authority, by itself (the certificate is of version 1, in which a
+// self-signed one counts as an authority). Valid from an hour ago until the given number of seconds from now.
 class Identity {
  public:
   explicit Identity(const char *name, const Identity *authority = nullptr, long lifetime = 3600)

@@ -18,11 +18,11 @@ START_LIMIT = 60  # seconds; sanitizer builds on a busy machine are slow
 
 
 class Failed(Exception):
-    """An expectation was not met; the text is for the user."""
+    """Raised when an expectation is not met; the text is for the user."""
 
 
 class Port:
-    """A TCP port of 127.0.0.1 that the system assigns to nobody else while this object lives.
+    """A TCP port of 127.0.0.1 that the system assigns to no other process while this object lives.
 
     It is bound but does not listen: a server that sets SO_REUSEADDR, as they all do, can use it any number of times.
     """
@@ -91,7 +91,7 @@ class Daemon:
             shutil.rmtree(self.run_dir, ignore_errors=True)
 
     def spawn(self):
-        """Another process of the daemon with the same settings; its output goes to a pipe."""
+        """Starts another process of the daemon with the same settings; its output goes to a pipe."""
         return subprocess.Popen(
             self.command_line, env=self.environment, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True
         )
@@ -168,11 +168,11 @@ class System(Daemon):
         self.command_line = [pathlib.Path(__file__).parents[2] / "tools" / "demo" / "supervise", bin_dir]
 
     def ready(self):
-        """True once the daemon is ready and the programming service too, which may take longer to find its database."""
+        """True once both the daemon and the programming service are ready; the service may take longer to find its database."""
         return super().ready() and self.kelimctl("--process", "kelim-programmer", "cmd", "programmer", "flows").returncode == 0
 
     def pids(self, name):
-        """Process ids that the named service has had since the start, the present one last."""
+        """Returns the process ids that the named service has had since the start, the current one last."""
         return [int(pid) for pid in re.findall(rf"{name} is started \(pid (\d+)\)", self.output())]
 
     def signal(self, name, how):

@@ -1,4 +1,4 @@
-"""What the end-to-end tests share."""
+"""Common ground of the end-to-end tests: programs started for a test, other clients, and a look into the database."""
 
 import ast
 import os
@@ -11,11 +11,11 @@ import daemon
 import openflow
 
 BIN = os.environ["KELIM_BIN"]
-LIMIT = 60  # seconds for anything to come about; sanitizer builds on a busy machine are slow
+LIMIT = 60  # seconds to wait for any condition; sanitizer builds on a busy machine are slow
 
 
 def ofctl(port, command, *arguments, options=(), stdin=None):
-    """Runs ovs-ofctl, a client that nobody here wrote."""
+    """Runs ovs-ofctl, a client independent of this project."""
     return subprocess.run(
         ["ovs-ofctl", "-O", "OpenFlow13", *options, command, f"tcp:127.0.0.1:{port}", *arguments],
         input=stdin, capture_output=True, text=True, timeout=2 * LIMIT,
@@ -23,14 +23,14 @@ def ofctl(port, command, *arguments, options=(), stdin=None):
 
 
 def redis(socket, *words, database=8):
-    """The list that the Redis server on that unix socket answers with; None for what is no text."""
+    """Runs a command in the Redis server on that unix socket and returns the list that it answers; None for items without text."""
     command = ["redis-cli", "-s", socket, "-n", str(database), "--no-raw", *words]
     lines = subprocess.run(command, capture_output=True, check=True, text=True, timeout=2 * LIMIT).stdout.splitlines()
     return [ast.literal_eval("b" + line.partition(") ")[2]) if line.endswith('"') else None for line in lines]
 
 
 def kill_clients(socket, name):
-    """Ends the connections of those clients of the server in whose name that stands."""
+    """Ends the connections of the server's clients whose entry in CLIENT LIST contains `name`."""
     command = ["redis-cli", "-s", socket, "CLIENT", "LIST"]
     for client in subprocess.run(command, capture_output=True, check=True, text=True, timeout=60).stdout.splitlines():
         if name in client:
@@ -38,7 +38,7 @@ def kill_clients(socket, name):
 
 
 def records(socket, kind, database=8):
-    """The packed records of that kind by their key, such as "17:0", read without any code of the programs under test."""
+    """Returns the packed records of that kind by key, such as "17:0", without using any code of the programs under test."""
     prefix = f"s_policy_kelim.{kind}:"
     names = [name.decode() for name in redis(socket, "KEYS", prefix + "*", database=database) if name]
     values = redis(socket, "MGET", *names, database=database) if names else []
@@ -46,7 +46,7 @@ def records(socket, kind, database=8):
 
 
 class Sentinels:
-    """A Redis master, its replica and three sentinels that watch over both."""
+    """A Redis master, its replica and three sentinels that monitor both."""
 
     def __init__(self):
         self.dir = tempfile.TemporaryDirectory(prefix="kelim-")
@@ -95,11 +95,11 @@ class Sentinels:
 
 class Test(unittest.TestCase):
     def daemon(self, **settings):
-        """A daemon of this test's own, ended with the test. Its end must be clean: sanitizers report leaks by the exit status."""
+        """Starts a daemon that ends with the test. Its end must be clean: sanitizers report leaks by the exit status."""
         return self.run_until_the_end(daemon.Daemon(BIN, **settings))
 
     def system(self, **settings):
-        """The same as three processes: Redis, the programming service and the daemon."""
+        """Starts Redis, the programming service and the daemon as three processes, which end with the test."""
         return self.run_until_the_end(daemon.System(BIN, **settings))
 
     def run_until_the_end(self, running):
@@ -113,7 +113,7 @@ class Test(unittest.TestCase):
             self.assertEqual(running.stop(), 0, running.output()[-3000:])
 
     def client(self, running, address=""):
-        """A controller on this machine, which may come from another address of it."""
+        """Connects a controller on this machine, from another local address if one is given."""
         client = openflow.Client(running.port, source=address)
         self.addCleanup(client.close)
         return client.handshake()
@@ -122,6 +122,6 @@ class Test(unittest.TestCase):
         return daemon.wait_until(condition, LIMIT, what)
 
     def stored(self, running, kind):
-        """The keys of the stored records of that kind."""
+        """Returns the keys of the stored records of that kind."""
         listed = running.ask_json("mom", "ls", kind, "--limit", 100000)
         return [found["key"] for found in listed["objects"]]

@@ -48,12 +48,12 @@ inline Bytes padded(Bytes bytes) {
   return bytes;
 }
 
-// A match field with its payload (value, then mask) as it lies in memory.
+// A match field with its payload (value, then mask) as laid out in memory.
 inline Bytes field(std::uint32_t header, const Bytes &payload) {
   return padded(le(header) + payload);
 }
 
-// An action of `len` bytes (0: as long as it is), padded to a multiple of 8.
+// An action whose header says `len` bytes (0: its true length), padded to a multiple of 8.
 inline Bytes action(std::uint16_t type, const Bytes &body, std::uint16_t len = 0) {
   return padded(le(type) + le(static_cast<std::uint16_t>(len ? len : 4 + body.size())) + body);
 }
@@ -72,7 +72,7 @@ struct Flow {
   std::uint64_t index = 7;
   Bytes match;
   Bytes actions;
-  std::int64_t actions_len = -1;  // -1: as long as they are; any other value: what the message says
+  std::int64_t actions_len = -1;  // length in the message; -1: the true one
   bool instructions = true;
 };
 

@@ -1,4 +1,4 @@
-"""What tests on real interfaces share: a switch and three hosts in network namespaces, and packets made byte by byte."""
+"""Common ground of tests on real interfaces: a switch and three hosts in network namespaces, and packets built byte by byte."""
 
 import socket
 import struct

@@ -1,4 +1,4 @@
-"""A learning switch: a controller that learns a network from its packets alone.
+"""A learning switch: a controller that learns the hosts' ports from their packets alone.
 
 Packets that match no flow come to it. It notes the sender's port, sends the packet to the receiver's port, or to all ports while that is
 unknown, and adds a flow for the packets that follow.

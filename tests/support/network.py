@@ -72,7 +72,7 @@ class Host:
         return run(*self.words(*words))
 
     def plug(self, peers):
-        """Connects the host to the switch, again if its cable was pulled."""
+        """Connects the host to the switch, or reconnects it after its cable was pulled."""
         port = f"p{self.number}"
         run("ip", "link", "add", port, "type", "veth", "peer", "name", "eth0", "address", self.mac, "netns", self.process.pid)
         run("ip", "link", "set", port, "up")
@@ -113,7 +113,7 @@ class Host:
 
 
 def receive(frames):
-    """The next frame with its VLAN tag, which the kernel delivers beside the frame, back in place."""
+    """Returns the next frame, with its VLAN tag put back in place, because the kernel delivers it beside the frame."""
     frame, beside, _, _ = frames.recvmsg(1 << 16, 256)
     for level, kind, data in beside:
         status, _, _, _, _, tag, protocol = struct.unpack("=IIIHHHH", data[:20])
@@ -132,10 +132,10 @@ class Network:
         self.hosts = [Host(number) for number in numbers]
         for host in self.hosts:
             host.plug(numbers)
-        # A BPF file system of its own; without one nothing is pinned.
+        # A private BPF file system; if it cannot be mounted, nothing is pinned.
         self.pins = tempfile.mkdtemp(prefix="kelim-")
         self.pinned = subprocess.run(["mount", "-t", "bpf", "-o", "mode=0700", "bpf", self.pins], capture_output=True).returncode == 0
-        # Settings of a daemon on this switch.
+        # Settings for a daemon that uses this switch.
         self.settings = {
             "programmer_target": "linux",
             "ports": ",".join(f"{n}:p{n}" for n in numbers),

@@ -1,4 +1,4 @@
-// OpenFlow 1.3 messages for tests, written by hand from the standard: what stands here knows nothing of the code under test.
+// OpenFlow 1.3 messages for tests, written by hand from the standard and independent of the code under test.
 #pragma once
 
 #include <span>
@@ -27,7 +27,7 @@ inline Message pack(std::initializer_list<std::pair<std::uint64_t, int>> numbers
   return out;
 }
 
-// The number there; what is missing of it counts as 0.
+// The number at `at`; missing bytes count as 0.
 inline std::uint64_t get(std::span<const std::byte> from, std::size_t at, int width) {
   std::uint64_t value = 0;
   for (std::size_t i = at; i < at + width; ++i)
@@ -35,7 +35,7 @@ inline std::uint64_t get(std::span<const std::byte> from, std::size_t at, int wi
   return value;
 }
 
-// Numbers in their own widths.
+// Numbers, each in the width of its type.
 template <typename... Number>
 Message be(Number... numbers) {
   return (pack({{numbers, sizeof numbers}}) + ...);
@@ -49,7 +49,7 @@ inline Message message(std::uint8_t type, std::uint32_t xid, const Message &body
   return pack({{4, 1}, {type, 1}, {8 + body.size(), 2}, {xid, 4}}) + body;
 }
 
-// ofp_match of type OXM with the fields as they stand.
+// An ofp_match of type OXM with the given fields, unchecked.
 inline Message match(const Message &fields) {
   Message out = pack({{1, 2}, {4 + fields.size(), 2}}) + fields;
   out.resize((out.size() + 7) / 8 * 8);
@@ -93,7 +93,7 @@ inline FlowMod ipv4_flow(std::uint32_t destination, std::uint32_t xid = 1) {
   return f;
 }
 
-// The name of an error, "" of another message. Beside each type's prefix its codes, from 0.
+// The name of an error message; "" for any other message. The table lists each type's prefix with its codes, from 0.
 inline std::string error_of(const Message &m) {
   static constexpr const char *kNames[][2] = {
       {"OFPHFC_", "INCOMPATIBLE EPERM"},

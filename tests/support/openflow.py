@@ -58,7 +58,7 @@ def apply_actions(*actions):
 
 
 def tcp_flow(number, out_port=2):
-    """The match and instructions of one flow of a family: in_port 1, TCP, an address and a port that depend on the number."""
+    """Returns match and instructions of flow `number`: in_port 1, TCP, an address and a port that depend on the number."""
     address = struct.pack("!I", 0x0A000000 | number & 0xFFFFFF)
     port = struct.pack("!H", 1 + number % 60000)
     fields = (oxm(0, struct.pack("!I", 1)), oxm(5, b"\x08\x00"), oxm(10, b"\x06"), oxm(12, address), oxm(14, port))
@@ -102,7 +102,7 @@ class Client:
         return self
 
     def frame(self, kind, body=b"", xid=None):
-        """The bytes of one message; its transaction id, kept as self.xid, is the client's next one unless given."""
+        """Returns the bytes of one message; its transaction id, kept as self.xid, is the client's next one unless given."""
         self.xid = self.xid + 1 if xid is None else xid
         return HEADER.pack(VERSION, kind, HEADER.size + len(body), self.xid) + body
 
@@ -121,7 +121,7 @@ class Client:
         return self.send(FLOW_MOD, flow_mod(DELETE, match(), table=0xFF))
 
     def receive(self):
-        """The next message; echo requests are answered meanwhile. EOFError when the other side has closed."""
+        """Returns the next message, answering echo requests before it; EOFError if the other side has closed the connection."""
         while True:
             while len(self.received) < HEADER.size or len(self.received) < self._length():
                 data = self.socket.recv(1 << 16)
@@ -152,7 +152,7 @@ class Client:
             before.append(message)
 
     def flow_statistics(self):
-        """(packets, bytes) of every flow, from one multipart sequence in which nothing else arrives."""
+        """Returns (packets, bytes) of every flow, from one multipart sequence in which nothing else arrives."""
         every = struct.pack("!B3xII4xQQ", 0xFF, ANY, ANY, 0, 0) + match()
         xid = self.send(MULTIPART_REQUEST, struct.pack("!HH4x", 1, 0) + every)
         entries, more = [], True
@@ -167,7 +167,7 @@ class Client:
         return entries
 
     def quiet(self, seconds):
-        """The messages that arrive within that time, possibly none."""
+        """Returns the messages that arrive before a pause of that length, possibly none."""
         messages = []
         self.socket.settimeout(seconds)
         try:
@@ -179,10 +179,10 @@ class Client:
             self.socket.settimeout(self.PATIENCE)
 
 
-ERRORS = {(1, 5): "OFPBRC_EPERM", (5, 0): "OFPFMFC_UNKNOWN"}  # those that come to somebody here
+ERRORS = {(1, 5): "OFPBRC_EPERM", (5, 0): "OFPFMFC_UNKNOWN"}  # those that occur in the tests
 
 
 def error_of(message):
-    """(name, data) of an error message; of one that has no name here (type, code)."""
+    """Returns (name, data) of an error message; (type, code) instead of the name if ERRORS lacks it."""
     numbers = struct.unpack_from("!HH", message.raw, HEADER.size)
     return ERRORS.get(numbers, numbers), message.raw[HEADER.size + 4 :]

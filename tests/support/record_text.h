@@ -1,6 +1,6 @@
-// Records as text, so that a test can state a whole record as it is read: every member that is not at its default, in schema
-// order. Numbers in hexadecimal, bytes as hexadecimal digits, messages in braces, lists in brackets; an address wrapper as its
-// bare value.
+// Records as readable text, so that a test can state a whole record: every member that is not at its default, in schema order.
+// Numbers in hexadecimal, bytes as hexadecimal digits, messages in braces, lists in brackets; an address wrapper as its bare
+// value.
 #pragma once
 
 #include <protobuf-c/protobuf-c.h>

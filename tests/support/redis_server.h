@@ -1,4 +1,4 @@
-// A private redis-server on a unix socket in a directory of its own, for one test.
+// A private redis-server for one test, on a unix socket in a temporary directory.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -27,7 +27,7 @@ class RedisServer {
   std::string socket() const { return dir_ / "redis.sock"; }
   std::string url() const { return "redis+unix:" + socket(); }
 
-  // Starts the server, again after kill(); a failure of the test when it does not come up. Waits for the answer to a PING.
+  // Starts the server, also after kill(), and waits for the answer to a PING; the test fails if there is none.
   void start() {
     std::vector<std::string> arguments = {"redis-server", "--port", "0",    "--unixsocket", socket(),    "--dir",     dir_.path(),
                                           "--save",       "",       "--hz", "100",          "--logfile", dir_ / "log"};
@@ -49,7 +49,7 @@ class RedisServer {
     }
   }
 
-  // SIGSTOP and SIGCONT leave it alive; others wait for its end.
+  // Waits for the server's end, unless the signal is SIGSTOP or SIGCONT.
   void kill(int signal) {
     if (pid_ <= 0) return;
     ::kill(pid_, signal);
@@ -59,8 +59,8 @@ class RedisServer {
     admin_.reset();
   }
 
-  // One command past the client under test. The answer as text: strings and numbers as they are, "(nil)", "(error) ...", lists in
-  // lines.
+  // Runs one command, bypassing the client under test. The answer as text: strings and numbers as they are, "(nil)",
+  // "(error) ...", lists in lines.
   std::string command(const std::vector<std::string> &arguments) {
     if (!admin_) admin_.reset(redisConnectUnix(socket().c_str()));
     std::vector<const char *> argv;

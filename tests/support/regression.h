@@ -17,7 +17,7 @@ inline void run(const std::vector<std::byte> &input) {
   EXPECT_EQ(LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t *>(input.data()), input.size()), 0);
 }
 
-// The whole, cut at every length, and with every byte changed to a few values.
+// Runs the input whole, cut at every length, and with every byte changed to a few values.
 inline void run_around(const std::vector<std::byte> &whole) {
   for (auto end = whole.begin(); end <= whole.end(); ++end) run({whole.begin(), end});
   for (std::size_t at = 0; at < whole.size(); ++at)

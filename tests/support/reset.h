@@ -1,8 +1,8 @@
-// What a process keeps outside of its objects, as a new process finds it.
+// Resets the global state of the process to that of a new one.
 #pragma once
 
 #include "qx_runtime.h"
 
-// Ends the runtime, unless that has been done, and takes back faults, clock, taps, settings, registrations and the state of the
-// daemon's modules. Loop's thread, or any when there is no loop.
+// Ends the runtime, if that has not been done, and resets faults, clock, taps, settings, registrations and the state of the
+// daemon's modules. Loop's thread, or any thread without a loop.
 void reset_process(qx_global *global = nullptr);

@@ -1,4 +1,4 @@
-// A real runtime in a directory of its own, for tests of what lives on it.
+// A real runtime in a temporary directory, for tests of modules that need one.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -13,10 +13,10 @@
 #include "qx_runtime.h"
 #include "support/reset.h"
 
-// How long a test waits for what must come about: long enough for a sanitizer's build on a busy machine.
+// The time limit for conditions that a test waits for: long enough for a sanitizer build on a busy machine.
 inline constexpr std::chrono::seconds kPatience{60};
 
-// A directory under /tmp that goes with its owner.
+// A directory under /tmp, removed with its owner.
 class TempDir {
  public:
   TempDir() {
@@ -34,7 +34,7 @@ class TempDir {
   std::string path_;
 };
 
-// Configures the host through configure() and makes the runtime `core_test`; takes back all of it afterwards.
+// Configures the host through configure() and creates the runtime `core_test`; resets everything afterwards.
 class RuntimeTest : public testing::Test {
  protected:
   void SetUp() override {

@@ -1,19 +1,19 @@
-// Which flow a packet meets: a search over the distinct masks of the table. Plain C, the same source in the kernel and in user
-// space.
+// Finds the flow that a packet matches, by a search over the distinct masks of the table. Plain C, the same source in the kernel
+// and in user space.
 //
-// Whoever includes it has defined dp_loop() (parse.h) and, for an opaque struct dp_tables, dp_mask_at(), dp_bucket_at(),
-// dp_flow_at() and dp_cached_at() (of this processor), which give null for a place that the map does not have.
+// The including file must have defined dp_loop() (parse.h) and, for an opaque struct dp_tables, dp_mask_at(), dp_bucket_at(),
+// dp_flow_at() and dp_cached_at() (of this processor), which return null for a place outside the map.
 #pragma once
 
 #include "parse.h"
 
-typedef __u64 __attribute__((may_alias)) dp_word;  // of a key
+typedef __u64 __attribute__((may_alias)) dp_word;  // one of the DP_WORDS words of a key
 
 DP_INLINE void dp_mask_key(const dp_word *key, const __u64 *mask, __u64 *masked) {
   for (int i = 0; i < DP_WORDS; ++i) masked[i] = key[i] & mask[i];
 }
 
-// Two chains of multiplications, which a processor works on side by side.
+// Two independent chains of multiplications, which a processor executes in parallel.
 DP_INLINE __u64 dp_hash(const dp_word *masked, __u32 mask) {
   __u64 a = mask * 0x9e3779b97f4a7c15ULL + 1;
   __u64 b = 0x2545f4914f6cdd1dULL;
@@ -38,9 +38,10 @@ DP_INLINE __u32 dp_second_bucket(__u64 hash, __u32 bucket_mask) {
   return other != dp_first_bucket(hash, bucket_mask) ? other : other ^ 1;
 }
 
-// The entry of the bucket with this tag (there is at most one), or 0; *open: an entry was never used, so nobody went elsewhere.
-// Without a branch, which would double what the verifier has to follow with each entry: Linux 6.1 would give up. The compiler
-// would make one of a comparison that it recognises, so it is not told how large the difference can be.
+// The bucket's entry with this tag (there is at most one), or 0. *open becomes non-zero if an entry has never been used, so that
+// no flow had to move to its second bucket. Branch-free: each entry's branch would double the paths that the verifier follows,
+// and Linux 6.1 would give up. The compiler would turn a comparison that it recognises into a branch; the asm hides the range of
+// the difference from it.
 DP_INLINE __u64 dp_scan(const struct dp_bucket *bucket, __u32 tag, __u64 *open) {
   __u64 found = 0, unused = 0;
   for (int i = 0; i < DP_BUCKET; ++i) {
@@ -60,7 +61,7 @@ DP_INLINE int dp_is(const struct dp_flow *flow, const __u64 *masked, __u32 mask)
   return differs == 0;
 }
 
-// The place of the flow in force with this key under the mask, + 1; 0: none.
+// The place + 1 of the flow in force with this key under the mask; 0: none.
 DP_INLINE __u32 dp_find(const struct dp_tables *tables, const __u64 *masked, __u32 mask, __u32 bucket_mask) {
   const __u64 hash = dp_hash(masked, mask);
   __u64 open = 0;
@@ -135,8 +136,8 @@ DP_INLINE int dp_is_cached(const struct dp_cached *cached, __u64 current, const 
   return differs == 0;
 }
 
-// The place of the flow that decides, + 1; 0: none matches. What is cached was found while the table was at `current`: with the
-// first change it counts for nothing.
+// The place + 1 of the matching flow with the highest rank; 0: none matches. A cached result is valid only while the table's
+// `current` is the one under which it was found.
 DP_INLINE __u32 dp_classify(const struct dp_tables *tables, const struct dp_control *control, const struct dp_key *packet) {
   const dp_word *key = (const dp_word *)packet;
   const __u64 current = *(const volatile __u64 *)&control->current;

@@ -30,7 +30,7 @@ std::uint64_t now_ns() {
   return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(now.tv_nsec);
 }
 
-// The fields that set-field sets (7.2.3.7), with their values in host order.
+// The fields that set-field can set (7.2.3.7), with their values in host order.
 struct FieldRow {
   std::uint32_t number;
   std::size_t width;
@@ -64,7 +64,7 @@ const Executor::Row *Executor::row_of(std::uint16_t type) {
   return row == std::end(kRows) ? nullptr : row;
 }
 
-// An action that cannot be carried out ends the packet.
+// Processing ends at the first action that cannot be carried out; earlier outputs have been sent.
 void Executor::run(const ss_pkt_out &packet) {
   const auto *frame = static_cast<const std::uint8_t *>(packet.frame);
   packet_.frame.assign(frame, frame + packet.frame_len);
@@ -116,7 +116,7 @@ bool Executor::output(std::uint32_t number) {
 
 // ---- outputs
 
-// Out of the port it came from a packet goes only where that is asked for by IN_PORT.
+// A packet leaves by its ingress port only if the action is IN_PORT.
 bool Executor::to_port(std::uint32_t number, bool also_back) {
   const dp_port *begin = plane_.ports, *end = begin + DP_MAX_PORTS;
   const dp_port *port = std::find_if(begin, end, [number](const dp_port &p) { return p.number == number; });
@@ -138,7 +138,8 @@ void Executor::to_controller(std::uint64_t cookie, std::uint8_t table, std::uint
 
 // ---- the table
 
-// What the program does with a packet that comes in. The flow is a copy: behind the grace period it may be another one.
+// Does in user space what the program does with a received packet. The flow is copied, because after the grace period its place
+// may hold another one.
 bool Executor::through_table() {
   dp_headers headers;
   const dp_key key = key_of(packet_.frame, packet_.in_port, headers);
@@ -159,7 +160,7 @@ bool Executor::through_table() {
   return follow(flow);
 }
 
-// In the counters' last row, which is no processor's.
+// Counts in the last row of the counters, which belongs to no processor.
 void Executor::count(std::uint32_t place) {
   const dp_tables &tables = plane_.tables;
   dp_count &cell = tables.counts[std::size_t{tables.rows - 1} * tables.places + place];
@@ -191,7 +192,7 @@ bool Executor::pass_meter(const dp_flow &flow) {
   return verdict.type != DP_BAND_DROP;
 }
 
-// NORMAL has no meaning here: nobody can put a packet into the machine's own network from outside.
+// NORMAL is refused: a packet from user space cannot be handed to the machine's own network stack as if it had been received.
 bool Executor::finish(const dp_flow &flow) {
   const dp_actions &actions = flow.actions;
   switch (actions.output) {

@@ -1,5 +1,6 @@
-// What becomes of a controller's packet: its actions in their order, in user space, and for TABLE the flow that it meets. One
-// thread's; the tables are read beside their writer.
+// Carries out a controller's packet-out in user space: the actions in order and, for TABLE, those of the flow that matches.
+//
+// Thread: one at a time. The tables are read while another thread writes them.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +14,7 @@
 
 namespace programmer::dataplane {
 
-// What it sees of the plane.
+// The parts of the plane that the executor uses.
 struct PlaneMemory {
   dp_tables tables;  // the last row of counters is the service's own
   dp_port *ports;    // DP_MAX_PORTS
@@ -30,7 +31,8 @@ class Executor {
 
   void run(const ss_pkt_out &packet);
 
-  // Packets that went nowhere as was asked for, and those for which something was asked that cannot be done.
+  // Packets that were dropped because their actions or flow say so or no flow matches, and packets with an action that cannot be
+  // carried out.
   std::uint64_t nowhere() const { return nowhere_; }
   std::uint64_t refused() const { return refused_; }
 
@@ -66,7 +68,7 @@ class Executor {
   Grace &grace_;
   Sender &sender_;
   ToController to_controller_;
-  Packet packet_;  // kept for its memory
+  Packet packet_;  // a member so that its memory is reused
   std::uint64_t nowhere_ = 0, refused_ = 0;
 };
 

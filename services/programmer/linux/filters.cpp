@@ -16,7 +16,7 @@
 namespace programmer::dataplane::filters {
 namespace {
 
-// Where the program stands among the filters of an interface; those of other people keep their places.
+// Handle and preference of the program's filter; the filters of other software keep theirs.
 constexpr std::uint32_t kHandle = 1, kPriority = 0x4b45;
 
 struct Side {
@@ -55,12 +55,12 @@ Filter read(const nlmsghdr &message, bool ingress) {
   return filter;
 }
 
-// Takes what one answer of the kernel holds; false when that was the last.
+// Adds the filters in one answer of the kernel to `filters`; false if it was the last answer.
 bool take(std::span<const char> answer, bool ingress, std::vector<Filter> &filters) {
   auto length = static_cast<unsigned>(answer.size());
   for (const auto *at = reinterpret_cast<const nlmsghdr *>(answer.data()); NLMSG_OK(at, length); at = NLMSG_NEXT(at, length)) {
     if (at->nlmsg_type != RTM_NEWTFILTER) return false;
-    // A preference is told once without its filters.
+    // The kernel also lists each preference once by itself, without a filter.
     Filter filter = read(*at, ingress);
     if (!filters.empty() && filters.back().ingress == ingress && filters.back().preference == filter.preference &&
         filters.back().program == 0)

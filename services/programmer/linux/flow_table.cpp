@@ -34,7 +34,7 @@ FlowTable::Words FlowTable::words_of(const dp_key &key) {
   return words;
 }
 
-// Ends a change: what a reader has kept of the table before is out of date.
+// Ends a change by invalidating the results that readers have cached.
 void FlowTable::publish() {
   store<__u64>(memory_.control->current, memory_.control->current + 2);
   store<__u32>(memory_.control->cache, rows_ >= DP_CACHE_FROM ? 1 : 0);
@@ -47,7 +47,7 @@ dp_mask *FlowTable::list(bool in_force) const {
 
 // ---- masks
 
-// The identifier of the mask, which is in the list afterwards; kNone, with the lack, when there is no row for it.
+// The identifier of the mask, which is added to the list if necessary; kNone, with the lack set, if there is no free row.
 std::uint32_t FlowTable::mask_of(const Words &words, std::uint32_t type) {
   if (const auto known = ids_.find(words); known != ids_.end()) return known->second;
   return append_mask(words, type);
@@ -78,7 +78,7 @@ std::uint32_t FlowTable::append_mask(const Words &words, std::uint32_t type) {
   return id;
 }
 
-// A flow of that rank and type comes under the mask: searches must find it as soon as it is published.
+// Prepares the mask for a flow of that rank and type, so that searches find the flow as soon as it is published.
 void FlowTable::raise(std::uint32_t id, std::uint32_t rank, std::uint32_t type) {
   Mask &mask = masks_[id];
   ++mask.ranks[rank];
@@ -106,8 +106,8 @@ void FlowTable::lower(std::uint32_t id, std::uint32_t rank) {
   untidy_ = true;
 }
 
-// Writes the other list without the masks that have no flow, the highest first, and puts it in force. False when the other list
-// may still be read, or nothing would be gained.
+// Writes the masks that have flows into the other list, the highest rank first, and puts that list in force. Does nothing if
+// nothing has changed, or while the other list may still be read. True if unused masks were dropped.
 bool FlowTable::rewrite_list() {
   if (!untidy_ || list_retired_ || list_resting_) return false;
   std::vector<std::uint32_t> order;
@@ -173,7 +173,7 @@ void FlowTable::end_grace() {
   list_resting_ = false;
 }
 
-// Nobody counts there any more.
+// To be called when no reader counts there any more.
 void FlowTable::reset_counts(Place place) {
   memory_.before[place] = {};
   for (std::uint32_t row = 0; row < memory_.rows; ++row) {
@@ -206,13 +206,13 @@ __u64 *FlowTable::entry_of(std::uint32_t bucket, Place place) const {
   return found == std::end(entries) ? nullptr : found;
 }
 
-// Nobody may take the bucket's unused entries for the end of a search any more.
+// Turns the bucket's unused entries into tombstones, so that searches no longer end at them but continue in the second bucket.
 void FlowTable::keep_closed(std::uint32_t bucket) {
   for (__u64 &entry : memory_.buckets[bucket].entries)
     if (entry == 0) store<__u64>(entry, DP_TOMB);
 }
 
-// Publishes a flow whose key nobody has. A bucket holds a tag once, so that one look at a bucket finds at most one flow.
+// Publishes a flow whose key is new under its mask. A bucket holds each tag only once, so that a scan finds at most one flow.
 bool FlowTable::insert(Place place, std::uint64_t hash) {
   const std::uint32_t mask = memory_.bucket_count - 1;
   const std::uint32_t home = dp_first_bucket(hash, mask);
@@ -233,7 +233,7 @@ bool FlowTable::insert(Place place, std::uint64_t hash) {
   return false;
 }
 
-// Publishes the flow at `place` where the one at `old` is.
+// Publishes the flow at `place` instead of the one at `old`, in the same entry.
 void FlowTable::put(std::uint64_t hash, Place old, Place place) {
   const std::uint32_t mask = memory_.bucket_count - 1;
   __u64 *at = entry_of(dp_first_bucket(hash, mask), old);
@@ -250,13 +250,13 @@ void FlowTable::vacate(std::uint64_t hash, Place place) {
   if (!at_home && --elsewhere_[home] == 0) open_again(home);
 }
 
-// What another table has left needs no second bucket to be looked at.
+// Turns the bucket's tombstones back into unused entries, once all flows that belong in the bucket are in it.
 void FlowTable::open_again(std::uint32_t bucket) {
   for (__u64 &entry : memory_.buckets[bucket].entries)
     if (entry == DP_TOMB) store<__u64>(entry, 0);
 }
 
-// ---- what another table has left
+// ---- contents left by an earlier table
 
 bool FlowTable::knows(std::uint32_t mask) const {
   if (mask >= masks_.size()) return false;
@@ -264,7 +264,7 @@ bool FlowTable::knows(std::uint32_t mask) const {
   return known != ids_.end() && known->second == mask;
 }
 
-// A row is in the list when its rank is; the table may have ended before a flow came under it.
+// A row with a rank is in the list, even if the earlier table ended before a flow came under its mask.
 void FlowTable::inherit_masks() {
   const dp_mask *rows = list(true);
   for (; rows_ < DP_MAX_MASKS && rows[rows_].rank != 0; ++rows_) {
@@ -291,7 +291,7 @@ void FlowTable::inherit_flows() {
     elsewhere_[bucket] != 0 ? keep_closed(bucket) : open_again(bucket);
 }
 
-// Whether the entry stands for a flow that belongs here.
+// True if the entry refers to a valid flow that belongs in this bucket; the flow is then inherited.
 bool FlowTable::inherit_flow(std::uint32_t bucket, __u64 entry) {
   const Place place = static_cast<Place>(entry) - 1;
   if (place >= memory_.places || inherited_[place]) return false;
@@ -317,7 +317,7 @@ void FlowTable::find_free_places() {
     if (!inherited_[place]) free_.push_back(place);
 }
 
-// The place of just this flow among what was left; kNone when it was not. Fills in key and mask where the mask is known.
+// The place of the identical inherited flow; kNone if there is none. Fills in the flow's mask if the mask is known.
 FlowTable::Place FlowTable::claim(const dp_key &mask, dp_flow &flow) {
   if (inherited_count_ == 0) return kNone;
   const auto known = ids_.find(words_of(mask));
@@ -344,7 +344,7 @@ bool FlowTable::outranks(Place a, Place b) const {
   return left.rank != right.rank ? left.rank > right.rank : left.index >= right.index;
 }
 
-// Publishes the flow, or puts it behind those with its key that outrank it.
+// Publishes the flow, or queues it behind the flows with its key that outrank it.
 bool FlowTable::link(Place place, const Words &masked, std::uint32_t mask) {
   const std::uint64_t hash = dp_hash(masked.data(), mask);
   const Place head = dp_find(&memory_, masked.data(), mask, memory_.bucket_count - 1) - 1;

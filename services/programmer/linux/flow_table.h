@@ -1,14 +1,16 @@
-// The only writer of masks, buckets and flows: memory alone, no kernel, no thread.
+// The flow table, as the only writer of masks, buckets and flows. It works on memory alone and makes no system calls.
 //
-// A flow is written whole into a place that nobody reads, then one 64-bit store publishes it or puts it where another one was, so
-// a packet meets the table before a change or after it. What leaves the table may still be in a reader's hands: a place, an
-// identifier of a mask and the list of masks that is not in force are used again only after a grace period, of which the caller
-// tells with begin_grace() and end_grace().
+// A flow is written completely into a place that nobody reads; then one 64-bit store publishes it or replaces another one, so
+// that a packet sees the table either before or after the change. Readers may still use what has left the table: a place, a
+// mask's identifier and the list of masks that is not in force are reused only after a grace period, whose begin and end the
+// caller reports with begin_grace() and end_grace().
 //
-// Of flows with the same mask and key only the one that decides is published; the others wait behind it.
+// Of several flows with the same mask and key only the highest-ranking one is published; the others wait behind it.
 //
-// A table begins with what another one has left in the memory, however suddenly that one ended: the published flows stay in force
-// untouched, each until it is asked for again, or until drop_inherited(). Those behind them come back when they are asked for.
+// A table starts with whatever an earlier one left in the memory, even if that one was killed: its published flows stay in force
+// unchanged until they are added again or drop_inherited() removes them. Flows that waited behind them return only when added.
+//
+// Thread: one at a time; readers need no lock.
 #pragma once
 
 #include <array>
@@ -28,29 +30,30 @@ class FlowTable {
   using Place = std::uint32_t;
   static constexpr Place kNone = ~Place{0};
 
-  // The memory is zeroed, or another table's whose readers of the time of its end have gone. It outlives this one.
+  // The memory is zeroed or was left by another table, and a grace period has passed since that one ended. It must outlive this
+  // table.
   explicit FlowTable(const dp_tables &memory);
 
-  // How the latest add() that gave kNone ended: what it needs is there after a grace period, or is not there at all.
+  // The reason why the latest add() returned kNone: kGrace if there will be room after a grace period, otherwise what is lacking.
   enum class Lack : std::uint8_t { kGrace, kPlaces, kMasks, kBuckets };
 
-  // Puts a flow in force: rank, cookie, index, vsd and actions of `flow`, whose key and mask are filled in. Of flows of the same
-  // rank, mask and key the one with the greater index decides, of one index the newest. Where just this flow has been inherited
-  // that one is meant, with what it has counted.
+  // Puts a flow in force. The caller sets rank, cookie, index, vsd and actions of `flow`; key and mask are filled in here. Among
+  // flows of the same rank, mask and key the one with the greatest index wins, and for equal indexes the newest. An identical
+  // inherited flow is taken over with its counters.
   Place add(const dp_key &key, const dp_key &mask, dp_flow flow);
   void remove(Place place);
-  // What a flow has counted: since it was added, and what it has been given to go on from.
+  // The flow's counters since it was added, plus the counters given to go_on_from().
   Counters count(Place place) const;
   void go_on_from(Place place, const Counters &counted);
 
-  // Flows that the memory held at the start and nobody has asked for since.
+  // The number of flows that the memory held at the start and that have not been added again.
   std::uint32_t inherited() const { return inherited_count_; }
   void drop_inherited();
 
-  // Sorts the masks anew where that makes searches shorter. Does nothing while the list that it writes may be in use.
+  // Sorts the masks again if that makes searches shorter. Does nothing while the list to be written may be in use.
   void tidy();
-  // True when something waits for a grace period, which the caller lets pass, every reader of before having gone, before
-  // end_grace(). While one is under way no other one begins.
+  // True if something waits for a grace period; the caller must let one pass, so that no earlier reader is left, and then call
+  // end_grace(). Only one is in progress at a time.
   bool begin_grace();
   void end_grace();
 
@@ -67,7 +70,7 @@ class FlowTable {
     Words words{};
     std::uint32_t row = 0;  // in the list in force
     std::uint32_t only_type = DP_ANY_TYPE;
-    std::map<std::uint32_t, std::uint32_t> ranks;  // how many flows have each; empty: the mask only waits to leave the list
+    std::map<std::uint32_t, std::uint32_t> ranks;  // number of flows by rank; empty: the mask waits to leave the list
   };
 
   static Words words_of(const dp_key &key);
@@ -107,10 +110,10 @@ class FlowTable {
   std::uint32_t size_ = 0;
   Lack lack_ = Lack::kPlaces;
 
-  std::vector<Place> free_, retired_, resting_;  // places: to be used, left since the grace period began, before it
-  Place unused_ = 0;                             // from here on never used
-  std::vector<Place> behind_;                    // by place: the next one with the same mask and key
-  std::vector<std::uint16_t> elsewhere_;         // by bucket: how many that belong in it are in their second one
+  std::vector<Place> free_, retired_, resting_;  // places: reusable, vacated since the grace period began, vacated before it
+  Place unused_ = 0;                             // places from here on have never been used
+  std::vector<Place> behind_;                    // by place: the next flow with the same mask and key
+  std::vector<std::uint16_t> elsewhere_;         // by bucket: number of its flows that are in their second bucket
   std::vector<bool> inherited_;                  // by place
   std::uint32_t inherited_count_ = 0;
 
@@ -119,7 +122,7 @@ class FlowTable {
   std::vector<std::uint32_t> free_ids_, retired_ids_, resting_ids_;
   std::uint32_t rows_ = 0;
   bool untidy_ = false;
-  bool list_retired_ = false, list_resting_ = false;  // whether somebody may read the list that is not in force
+  bool list_retired_ = false, list_resting_ = false;  // true while readers may still use the list that is not in force
 };
 
 }  // namespace programmer::dataplane

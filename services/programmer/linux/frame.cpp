@@ -11,7 +11,7 @@ enum : std::uint32_t { kIpv4Total = 2, kIpv4Id = 4, kIpv4Flags = 6, kIpv4Checksu
 enum : std::uint32_t { kTcpSequence = 4, kTcpOffset = 12, kTcpFlags = 13, kUdpLength = 4 };
 struct HeaderLayout {
   std::uint32_t least;     // bytes
-  std::uint32_t checksum;  // where it is
+  std::uint32_t checksum;  // offset
 };
 constexpr HeaderLayout kTcp{20, 16}, kUdp{8, 6};
 constexpr std::uint8_t kMoreFragments = 0x20;
@@ -39,12 +39,12 @@ std::uint32_t sum(Bytes bytes, std::uint32_t before = 0) {
   return fold(total);
 }
 
-// A TCP segment or UDP datagram, whole and no fragment.
+// A whole TCP segment or UDP datagram, not a fragment.
 struct Transport {
   std::uint32_t l3 = 0, l4 = 0;
-  std::uint32_t length = 0;    // of header and payload
-  std::uint32_t header = 0;    // of it
-  std::uint32_t checksum = 0;  // where its checksum is, in the frame
+  std::uint32_t length = 0;    // bytes of header and payload
+  std::uint32_t header = 0;    // bytes of the header
+  std::uint32_t checksum = 0;  // offset in the frame
   std::uint8_t proto = 0;
   bool v4 = false;
 };
@@ -77,7 +77,7 @@ void write_checksum(const Transport &t, Frame &frame) {
   put16(&frame[t.checksum], checksum == 0 && t.proto == DP_UDP ? 0xffff : checksum);
 }
 
-// What the kernel leaves for the card to complete is the sum of the pseudo-header alone.
+// Completes the checksum if the kernel has left it to a network card: it is then the sum of the pseudo-header alone.
 void complete(const Transport &t, Frame &frame) {
   if (get16(&frame[t.checksum]) == pseudo_header(t, frame)) write_checksum(t, frame);
 }
@@ -111,7 +111,7 @@ void write_tcp(const Transport &t, std::uint32_t offset, bool last, Frame &frame
   tcp[kTcpFlags] = static_cast<std::uint8_t>(tcp[kTcpFlags] & ~not_here);
 }
 
-// The segment of `whole` that begins `offset` bytes into the payload, in `frame`.
+// Writes to `frame` the segment of `whole` that begins `offset` bytes into the payload.
 void write_segment(const Transport &whole, Bytes from, std::uint32_t offset, std::uint32_t size, Frame &frame) {
   const std::uint32_t begin = whole.l4 + whole.header, left = whole.length - whole.header - offset;
   const Bytes payload = from.subspan(begin + offset, std::min(size, left));

@@ -1,4 +1,4 @@
-// Frames in user space: what makes whole frames of a packet that the program has handed over, and the plane's rewrites. Pure
+// Frames in user space: turns a packet that the program has handed over into whole frames, and applies the plane's rewrites. Pure
 // functions over bytes, any thread.
 #pragma once
 
@@ -15,15 +15,15 @@ using records::Bytes;
 using Frame = std::vector<std::uint8_t>;
 inline constexpr std::uint32_t kEthLen = DP_ETH_LEN;
 
-// Calls `give` with each frame that the packet is on the wire: cut into its segments, its tag in its place, and with its checksum
-// whole where the kernel left that to a network card. `bytes` are those that the program has copied. What contradicts itself
-// comes as it is. `room` is the memory of one frame, used again and again.
+// Calls `give` with each frame that the packet would be on the wire: cut into its segments, with its VLAN tag in place, and with
+// the checksum completed if the kernel had left that to a network card. `bytes` are those that the program has copied; a packet
+// whose headers contradict each other is passed on as it is. `room` is reused as the memory of each frame.
 void unfold(const dp_punted &about, Bytes bytes, Frame &room, const std::function<void(Bytes)> &give);
 
-// The rewrites of `actions`. False when the frame lacks what is to be set; it is then half rewritten.
+// Applies the rewrites of `actions`. False if the frame lacks a header to be set; the frame may then be partly rewritten.
 bool rewrite(Frame &frame, const dp_actions &actions);
 
-// What is known of the frame, as the program knows it. `in_port` is OpenFlow's number.
+// The frame's key, as the program would extract it. `in_port` is OpenFlow's number.
 dp_key key_of(Bytes frame, std::uint32_t in_port, dp_headers &headers);
 
 }  // namespace programmer::dataplane

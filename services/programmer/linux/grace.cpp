@@ -46,13 +46,14 @@ void Grace::wait() {
   changed_.wait(lock, [this] { return over(); });
 }
 
-// The barrier of before is one for the reader, too: what it reads after it, it finds as it has become.
+// pass() has been a memory barrier for the reader's thread too, so a reading that begins later sees the changed table.
 void Grace::wait_for_reading() {
   const std::uint32_t seen = readings_.load();
   while (seen % 2 != 0 && readings_.load() == seen) std::this_thread::yield();
 }
 
-// The global command waits, in the kernel, for every reader of that moment, programs on packets among them.
+// pass() uses the global membarrier command, which waits in the kernel for all current RCU readers, and so for programs that are
+// handling a packet.
 void Grace::run() {
   std::unique_lock lock(mutex_);
   while (true) {

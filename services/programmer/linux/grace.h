@@ -1,4 +1,4 @@
-// Grace periods: lets one pass on a thread of its own, after which every packet that was being looked up before has gone.
+// Grace periods: once one has passed, no packet is left whose look-up had begun before it. A separate thread waits for it.
 #pragma once
 
 #include <atomic>
@@ -11,9 +11,9 @@ namespace programmer::dataplane {
 
 class Grace {
  public:
-  // Whether the kernel can tell; without it nobody may make one of these.
+  // True if the kernel supports grace periods; required for everything else here.
   static bool possible();
-  // Lets one pass, some 10 ms.
+  // Blocks for one grace period, some 10 ms.
   static void pass();
 
   Grace();
@@ -21,13 +21,13 @@ class Grace {
   Grace(const Grace &) = delete;
   Grace &operator=(const Grace &) = delete;
 
-  // Begins one; the one before is over.
+  // Begins a grace period on the thread; the previous one must be over.
   void begin();
   bool over() const { return !under_way_.load(std::memory_order_acquire); }
-  // Waits for the one that is under way, some 10 ms.
+  // Blocks until the current grace period is over, some 10 ms.
   void wait();
 
-  // While one of these lives, no grace period ends that begins: for the one thread that reads the tables beside the programs.
+  // Protects a reader in user space: no grace period that begins during its life ends before it. For one thread only.
   class Reading {
    public:
     explicit Reading(Grace &grace) : grace_(grace) { grace_.readings_.fetch_add(1); }
@@ -44,7 +44,7 @@ class Grace {
   void wait_for_reading();
 
   std::atomic<bool> under_way_ = false;
-  std::atomic<std::uint32_t> readings_ = 0;  // begun and ended; odd while one is under way
+  std::atomic<std::uint32_t> readings_ = 0;  // counts begins and ends, so it is odd during a reading
   bool end_ = false;
   std::mutex mutex_;
   std::condition_variable changed_;

@@ -1,19 +1,19 @@
-// What makes a port of an interface. All of it stays with the interface when this process ends, as the program does. Any thread.
+// The interface settings that turn an interface into a port, and back. Like the program, they outlive this process. Any thread.
 #pragma once
 
 #include <string>
 
 namespace programmer::dataplane {
 
-// Whether the interface takes frames for everybody. False with errno.
+// Sets whether the interface accepts frames for any address. False with errno.
 bool make_promiscuous(const std::string &name, bool promiscuous = true);
-// It gives received frames on as they were on the wire, not several as one that cannot be sent (large receive offload).
+// Turns off large receive offload, which merges received frames into packets that cannot be sent on.
 void keep_whole(const std::string &name);
-// The machine does not speak IPv6 there by itself.
+// Disables the machine's own IPv6 on the interface. False on failure.
 bool silence(const std::string &name);
-// No port any more: not promiscuous, and with IPv6 as the machine's new interfaces have it.
+// Turns the port back into an ordinary interface: not promiscuous, and IPv6 as the default for new interfaces.
 void give_back(const std::string &name);
-// Whether the machine itself is reached by the interface; addresses that every interface has do not count.
+// True if the interface has an address of the machine; addresses that every interface has do not count.
 bool has_address(const std::string &name);
 
 }  // namespace programmer::dataplane

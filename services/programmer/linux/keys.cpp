@@ -9,7 +9,8 @@ std::uint16_t tag_of(std::uint8_t pcp, std::uint16_t id) {
   return static_cast<std::uint16_t>(pcp << DP_VLAN_PCP_SHIFT | id);
 }
 
-// Value and mask alike: an address of a version that the flow does not match on is all zeros.
+// Used for values and for masks. IPv4 and IPv6 share the address bytes, because the version that a flow does not match on is
+// zero.
 dp_key key_of(const Fields &fields) {
   dp_key key{};
   key.in_port = fields.in_port;
@@ -31,7 +32,7 @@ dp_key key_of(const Fields &fields) {
   return key;
 }
 
-// Which headers a packet must have for the fields of the mask to be there.
+// The headers that a packet must have for the mask's fields to be present.
 __u8 headers_for(const Fields &mask) {
   Fields ip;
   ip.proto = mask.proto, ip.dscp = mask.dscp, ip.ext_headers = mask.ext_headers;

@@ -1,4 +1,4 @@
-// What a flow's entry becomes in the plane's layout.
+// Translates a flow's entry into the plane's layout. Any thread.
 #pragma once
 
 #include "programmer/entry.h"
@@ -11,7 +11,7 @@ struct KeyAndMask {
 };
 KeyAndMask key_of(const Entry &entry);
 
-// The rewrites; output and meter are the caller's, who knows their places.
+// The rewrites only; the caller fills in output and meter, whose places it knows.
 dp_actions rewrites_of(const Actions &actions);
 
 }  // namespace programmer::dataplane

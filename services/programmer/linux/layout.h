@@ -1,8 +1,8 @@
-// What the program in the kernel and the service share: the maps' values, laid out alike on both sides. Plain C.
+// The memory layout of the maps that the program in the kernel and the service share. Plain C.
 //
 // The service writes masks, buckets, flows, ports and the parameters of meters with plain stores into memory that is mapped on
-// both sides; the program writes counters and the states of meters. Numbers of packets are in network order where they are bytes
-// of a header (addresses) and in host order everywhere else.
+// both sides; the program writes counters and the states of meters. Packet fields kept as bytes (addresses) are in network order,
+// numbers in host order.
 #pragma once
 
 #include <linux/types.h>
@@ -16,16 +16,16 @@ enum {
   DP_BUCKET = 8,  // entries of a bucket: one cache line
 };
 
-// What is known of a packet. A field that the packet does not have is 0; `has` tells such a 0 from a real one.
+// The fields of a packet that flows match on. A field that the packet lacks is 0; `has` tells it from a real 0.
 enum { DP_HAS_IP = 1, DP_HAS_L4 = 2 };
 enum { DP_VLAN_PRESENT = 0x1000, DP_VLAN_ID = 0x0fff, DP_VLAN_PCP_SHIFT = 13 };
 struct dp_key {
   __u32 in_port;   // OpenFlow's number
-  __u16 eth_type;  // behind the tags
+  __u16 eth_type;  // after the tags
   __u16 vlan;      // of the outer tag: priority, DP_VLAN_PRESENT, id
   __u8 eth_dst[6];
   __u8 eth_src[6];
-  __u8 proto;  // behind the extension headers of IPv6
+  __u8 proto;  // after the IPv6 extension headers
   __u8 dscp;
   __u16 ext_headers;  // OFPIEH_*
   __u16 l4_src;       // or the type of ICMP
@@ -37,48 +37,48 @@ struct dp_key {
 } __attribute__((aligned(8)));
 enum { DP_WORDS = sizeof(struct dp_key) / 8 };
 
-// One mask of the table. Rows are searched in order; the first one of rank 0 ends them. What is in force may be changed in place
-// where that errs on the side of searching too much: `rest` is raised before `rank` of a later row.
+// One mask of the table. Rows are searched in order, up to the first row of rank 0. The list in force may be changed in place as
+// long as searches look at too many rows rather than too few: `rest` is raised before the `rank` of a later row.
 struct dp_mask {
   __u64 words[DP_WORDS];
   __u32 rank;       // no flow under the mask ranks higher
   __u32 rest;       // no flow under a later mask ranks higher
-  __u32 only_type;  // the Ethernet type that every flow under it wants, or DP_ANY_TYPE
+  __u32 only_type;  // the Ethernet type that all its flows match on, or DP_ANY_TYPE
   __u32 id;
 };
 enum { DP_ANY_TYPE = 0xffffffff };
 
-// tag << 32 | flow + 1; 0 was never used, DP_TOMB was, or another flow that belongs here found no room: the search goes on in the
-// second bucket.
+// An entry is tag << 32 | place of the flow + 1, or 0 if it has never been used. DP_TOMB means that it has been used, or that a
+// flow that belongs in this bucket had to move: the search continues in the second bucket.
 struct dp_bucket {
   __u64 entries[DP_BUCKET];
 };
 #define DP_TOMB (1ULL << 63)
 
-// What a flow does. Rewrites come before the output.
+// The actions of a flow. Rewrites are applied before the output.
 enum { DP_DROP, DP_PORT, DP_IN_PORT, DP_ALL, DP_NORMAL, DP_CONTROLLER };
 enum { DP_SET_DST = 1, DP_SET_SRC = 2, DP_SET_VLAN = 4, DP_SET_DSCP = 8, DP_SET_QUEUE = 16 };
 struct dp_actions {
   __u8 output;
   __u8 sets;
-  __u8 port;  // its place among the ports
+  __u8 port;  // place of the output port
   __u8 dscp;
-  __u16 vlan;  // id and priority, at their places in a tag
+  __u16 vlan;  // id and priority, at their positions in a tag
   __u16 vlan_mask;
   __u8 eth_dst[6];
   __u8 eth_src[6];
   __u16 queue;
-  __u16 meter;  // its place + 1; 0: none
-  __u8 miss;    // the flow is the one for what no other flow matches
+  __u16 meter;  // place of the meter + 1; 0: none
+  __u8 miss;    // the flow is the table-miss flow
   __u8 zero[7];
 };
 
 struct dp_flow {
   __u64 key[DP_WORDS];  // masked
-  __u32 mask;           // id
+  __u32 mask;           // the mask's id
   __u32 rank;           // priority << 1 | (the table is 1), + 1
   __u64 cookie;
-  __u64 index;  // of flows of one rank the greatest decides
+  __u64 index;  // the greatest wins among flows of one rank
   __u32 vsd;    // with the index, the flow's key in the database
   __u32 zero;
   struct dp_actions actions;
@@ -89,7 +89,8 @@ struct dp_count {
   __u64 bytes;
 };
 
-// One band: a virtual schedule. `tat` is the time (ns, monotonic) to which the traffic so far has used up the rate.
+// One band: a virtual schedule. `tat` (theoretical arrival time, monotonic ns) is the time until which past traffic has used up
+// the rate.
 enum { DP_BAND_NONE, DP_BAND_DROP, DP_BAND_REMARK };
 enum { DP_COST_SHIFT = 20 };
 struct dp_band {
@@ -99,7 +100,7 @@ struct dp_band {
   __u64 packets;
   __u64 bytes;
   __u32 type;
-  __u32 precedence;  // by how much a remark raises the drop precedence
+  __u32 precedence;  // amount by which a remark raises the drop precedence
 };
 struct dp_meter {
   __u32 bands;  // the fastest first
@@ -112,41 +113,42 @@ struct dp_meter {
 };
 
 struct dp_port {
-  __u32 ifindex;  // 0: not there now
+  __u32 ifindex;  // 0: the interface is missing
   __u32 number;   // OpenFlow's
 };
 
-// A packet for the controller, on its way to user space; the frame follows, without the tag that the kernel keeps beside it and
-// as the kernel has it: uncut, and with half a checksum where cutting and checksums were left to the network card.
+// A packet for the controller in the ring. The frame follows as the kernel holds it: without the tag that is kept beside it and,
+// if segmentation and checksums are left to the network card, unsegmented and with an incomplete checksum.
 struct dp_punted {
   __u64 cookie;
   __u32 in_port;   // OpenFlow's number
-  __u32 length;    // of the frame
-  __u16 segment;   // bytes of payload of the segments it is to be cut into; 0: it is a frame
-  __u16 tag;       // the tag beside it
-  __u16 tag_type;  // 0: none
+  __u32 length;    // bytes of the frame
+  __u16 segment;   // payload bytes of each segment to be cut; 0: not to be cut
+  __u16 tag;       // the VLAN tag
+  __u16 tag_type;  // 0: no tag
   __u8 table;
   __u8 miss;
-  __u8 verified;  // its checksum has been found right
+  __u8 verified;  // the kernel has verified the checksum
   __u8 zero[7];
 };
 enum { DP_PUNT_RING = 2 << 20, DP_PUNT_MAX = 1 << 16 };  // bytes: of the ring, of a frame
 
-// The packets of one port for the controller: their rate, and what became of them, in frames as they are on the wire.
+// The packets of one port for the controller: their rate limit, and counts of drops, in frames as on the wire.
 struct dp_punt {
   struct dp_band rate;
-  __u64 limited;   // dropped: beyond the rate
-  __u64 full;      // dropped: no room in the ring
-  __u64 too_long;  // dropped
-  __u64 unwanted;  // dropped: nobody wants them
+  __u64 limited;   // above the rate
+  __u64 full;      // no room in the ring
+  __u64 too_long;  // longer than DP_PUNT_MAX
+  __u64 unwanted;  // no controller wants packets
 };
 
-// Of one processor. Packets that were looked up either matched or missed; the rest says why a matched one went nowhere.
+// Packet counts of one processor. A packet that was looked up has matched or missed; the last three give the reasons for which
+// matched ones were dropped.
 struct dp_tally {
   __u64 looked_up;
   __u64 matched;
   __u64 metered;        // dropped by a meter
-  __u64 no_port;        // the port is the one it came from, or not there
+  __u64 no_port;        // the output port is the ingress port, or missing
   __u64 not_rewritten;  // a rewrite failed
   __u64 zero[3];
 };
@@ -155,18 +157,19 @@ struct dp_control {
   __u64 current;  // generation << 1 | list of masks
   __u32 version;
   __u32 bucket_mask;
-  __u32 flows;    // places, per row of counters
-  __u32 cache;    // whether a packet is looked for among those of before first
-  __u32 punting;  // whether packets go to the controller
+  __u32 flows;    // places, which is also the length of a row of counters
+  __u32 cache;    // 1: a packet is looked up in the cache first
+  __u32 punting;  // 1: controllers want packets
   __u32 zero;
 };
 
-// What a packet that was looked up met, of one processor. Good while the table is the one of that look-up.
-enum { DP_CACHE_SETS = 4096, DP_CACHE_WAYS = 2, DP_CACHE_FROM = 4 };  // from that many masks on a look there is quicker
+// A cached look-up of one processor. Valid while the table's `current` is the same. The cache is used from DP_CACHE_FROM masks
+// on, because with fewer a search is faster.
+enum { DP_CACHE_SETS = 4096, DP_CACHE_WAYS = 2, DP_CACHE_FROM = 4 };
 struct dp_cached {
   __u64 current;
   struct dp_key key;
-  __u32 place;  // + 1; 0: no flow
+  __u32 place;  // of the flow, + 1; 0: no flow
   __u32 zero;
 };
 

@@ -8,7 +8,7 @@ namespace programmer::dataplane {
 namespace {
 
 constexpr std::uint64_t kTidyUs = 1'000'000;
-constexpr int kGracePeriods = 3;  // that a flow waits for at most, when the table is full of what has just left it
+constexpr int kGracePeriods = 3;  // most that a flow waits for, if the table is full of places that were just vacated
 
 struct Reserved {
   std::uint32_t port;  // OpenFlow 1.3.5, 7.2.1
@@ -28,7 +28,7 @@ constexpr const char *kLacks[] = {
 
 }  // namespace
 
-// False when another process has the plane. Where there can be no pins, or there are to be none, it is told what that means.
+// False if another process has the plane. Without pins, because none are possible or wanted, the consequences are logged.
 bool LinuxTarget::open_pins(const Context &context, const std::string &root, Parts &parts, std::string &why) {
   Pins::Refusal refusal;
   if (!root.empty()) parts.pins = Pins::open(root, qx_installation(context.global), refusal);
@@ -56,7 +56,7 @@ std::unique_ptr<Target> LinuxTarget::open(const Context &context, Settings setti
   if (!parts.plane) return nullptr;
   parts.ports = Ports::open(context, *parts.plane, std::move(settings.ports), why);
   if (!parts.ports) return nullptr;
-  Grace::pass();  // what an earlier service has taken out of its tables
+  Grace::pass();  // readers may still use what an earlier service has removed from its tables
   std::unique_ptr<LinuxTarget> target(new LinuxTarget(context, settings.flows, sink, std::move(parts)));
   target->packets_ = Packets::open(context, *target->plane_, target->grace_, settings.rate, why);
   return target->packets_ ? std::move(target) : nullptr;
@@ -79,7 +79,7 @@ LinuxTarget::LinuxTarget(const Context &context, std::uint32_t flows, FlowSink &
 
 // ---- grace periods
 
-// Takes back what a grace period that is over has set free, and begins the next one where something waits for it.
+// Reclaims what a finished grace period has freed, and begins the next one if something waits for it.
 void LinuxTarget::breathe() {
   if (!grace_.over()) return;
   if (resting_) table_.end_grace();
@@ -100,7 +100,7 @@ Outcome LinuxTarget::refuse(const char *why, Outcome outcome) {
   return outcome;
 }
 
-// Null, or what stands against it.
+// Null, or the reason why the output is impossible.
 const char *LinuxTarget::set_output(const Actions &from, dp_actions &to) const {
   if (const auto *row = std::ranges::find(kReserved, from.output, &Reserved::port); row != std::end(kReserved)) {
     to.output = row->output;
@@ -132,7 +132,7 @@ Outcome LinuxTarget::add(const Entry &entry, dp_flow flow, Cell &cell) {
   return Outcome::kInstalled;
 }
 
-// Puts the flow's entries in force; on a failure some may be.
+// Puts the flow's entries in force; after a failure some of them may be in force.
 Outcome LinuxTarget::program(const FlowRequest &request, Bytes record, Cell &cell) {
   if (const char *fault = read_program(record, program_)) return refuse(fault, Outcome::kFailed);
   dp_flow flow{};
@@ -150,7 +150,7 @@ Outcome LinuxTarget::program(const FlowRequest &request, Bytes record, Cell &cel
   return Outcome::kInstalled;
 }
 
-// The new form is in force before the old one goes.
+// The new form is in force before the old one is removed.
 void LinuxTarget::install_flow(const FlowRequest &request, Bytes record) {
   if (request.slot >= cells_.size()) cells_.resize(request.slot + 1);
   Cell &cell = cells_[request.slot];
@@ -173,7 +173,8 @@ void LinuxTarget::install_flow(const FlowRequest &request, Bytes record) {
   sink_.flow_answered(request, outcome);
 }
 
-// From what the flow had counted elsewhere; what was taken over has counted on.
+// Lets the flow's counters continue from earlier ones. A flow that was taken over has continued by itself, so that only the
+// difference is added.
 void LinuxTarget::go_on_counting(const Cell &cell, const Counters &earlier, bool taken_over) {
   ++(taken_over ? taken_over_ : written_);
   const Counters now = taken_over ? total(cell) : Counters{};
@@ -183,7 +184,7 @@ void LinuxTarget::go_on_counting(const Cell &cell, const Counters &earlier, bool
 
 // ---- after the start
 
-// There may be room when what an earlier life has left has gone.
+// Keeps the request for later if there may be room once the remaining inherited flows are dropped.
 bool LinuxTarget::postpone(const FlowRequest &request, Bytes record) {
   if (table_.inherited() == 0) return false;
   postponed_[request.slot] = {request, {record.begin(), record.end()}};
@@ -204,7 +205,7 @@ void LinuxTarget::all_meters_known() {
   finish_start();
 }
 
-// The plane is what the database asks for: an earlier one is not needed any more.
+// The plane now agrees with the database, so that an earlier plane is no longer needed.
 void LinuxTarget::finish_start() {
   if (!flows_known_ || !meters_known_ || std::exchange(in_step_, true)) return;
   ports_->take_over();
@@ -252,7 +253,7 @@ Outcome LinuxTarget::install_meter(std::uint32_t id, Bytes meter_data) {
                                 : refuse("no room for another meter, or for that many bands", Outcome::kFailed);
 }
 
-// Only kept: controllers are not reached through the ports.
+// Only remembered, because controllers are not reached through the ports.
 void LinuxTarget::set_controller_address(std::uint32_t ip, bool present) {
   std::erase(addresses_, ip);
   if (present) addresses_.push_back(ip);
@@ -285,7 +286,7 @@ std::optional<PlaneState> LinuxTarget::plane() const {
                     .ports = ports_->state()};
 }
 
-// Where nothing is pinned any more, the configured ports may still have a program.
+// The configured ports are included, because they may have a program even if nothing is pinned.
 bool LinuxTarget::release(const Context &context, const Settings &settings, std::string &said) {
   if (!Plane::possible(said)) return false;
   Pins::Refusal refusal;

@@ -1,6 +1,6 @@
-// The target that forwards: flows and meters in the tables of a program on the ingress of the machine's own interfaces.
+// The forwarding target: puts flows and meters into the tables of a program on the ingress of the machine's own interfaces.
 //
-// Threads: the loop's.
+// Threads: the loop's thread.
 #pragma once
 
 #include <map>
@@ -29,13 +29,15 @@ class LinuxTarget final : public Target {
     std::uint32_t flows;  // 1 to Plane::kMaxFlows
     std::vector<PortName> ports;
     PacketRate rate;
-    std::string pin_dir;  // empty: no pins
+    std::string pin_dir;  // empty: nothing is pinned
   };
 
-  // Null when this machine cannot: `why` is one line that names what is missing. `context` and `sink` live as long as the target.
+  // Null if this machine cannot be the target; `why` is then one line that names what is missing. `context` and `sink` must
+  // outlive the target.
   static std::unique_ptr<Target> open(const Context &context, Settings settings, FlowSink &sink, std::string &why);
 
-  // Takes everything out that such a target has left, and says what, a line each; false when one runs.
+  // Removes everything that an earlier target has left; `said` lists it, one line each. False, with the reason in `said`, while a
+  // target is running.
   static bool release(const Context &context, const Settings &settings, std::string &said);
 
   void install_flow(const FlowRequest &request, Bytes record) override;
@@ -55,20 +57,20 @@ class LinuxTarget final : public Target {
   std::optional<PlaneState> plane() const override;
 
  private:
-  // What a slot has in the plane: an entry of the table for each entry of the flow.
+  // A slot's share of the plane: a place in the table for each entry of the flow.
   struct Cell {
     std::vector<FlowTable::Place> places;
     std::uint32_t meter = 0;
   };
 
-  // What could not be done before everything that is stored has been seen.
+  // A request without room while inherited flows occupy the table; it is repeated once all stored flows are known.
   struct Postponed {
     FlowRequest request;
     std::vector<std::uint8_t> record;
   };
   struct Parts {
     std::unique_ptr<Pins> pins;
-    std::string unpinned;  // why there are none
+    std::string unpinned;  // why there are no pins
     std::unique_ptr<Plane> plane;
     std::unique_ptr<Ports> ports;
   };
@@ -99,9 +101,9 @@ class LinuxTarget final : public Target {
   Meters meters_;
   Grace grace_;
   std::unique_ptr<Packets> packets_;
-  bool resting_ = false;  // the table waits for the grace period that is under way, or over
+  bool resting_ = false;  // the table waits for the current grace period, which may be over
   std::vector<Cell> cells_;
-  FlowProgram program_;  // kept for its memory
+  FlowProgram program_;  // a member so that its memory is reused
   bool flows_known_ = false, meters_known_ = false, in_step_ = false;
   std::uint64_t taken_over_ = 0, dropped_ = 0, written_ = 0;
   std::unordered_map<std::uint32_t, Postponed> postponed_;  // by slot

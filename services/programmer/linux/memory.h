@@ -1,5 +1,5 @@
-// The maps as the service sees them: arrays in memory that it shares with the program, or memory of a test's own. Brings what
-// classify.h and parse.h want in user space.
+// The maps as the service sees them: arrays in memory that it shares with the program, or a test's memory. Includes classify.h
+// and parse.h, with the definitions that they require in user space.
 #pragma once
 
 #include <atomic>
@@ -11,17 +11,17 @@
 struct dp_tables {
   dp_control *control;
   dp_mask *masks;      // two lists of DP_MAX_MASKS
-  dp_bucket *buckets;  // a power of two, at least 2
+  dp_bucket *buckets;  // bucket_count of them, a power of two, at least 2
   dp_flow *flows;
   dp_count *counts;  // `rows` rows of `places`
-  dp_count *before;  // one row more: what a flow had counted elsewhere
+  dp_count *before;  // one more row: counts from before the flow was added
   std::uint32_t bucket_count;
   std::uint32_t places;
-  std::uint32_t rows;          // a processor each
-  dp_cached *cache = nullptr;  // only of readers in user space: DP_CACHE_SETS * DP_CACHE_WAYS
+  std::uint32_t rows;          // one for each processor, and the service's own as the last one
+  dp_cached *cache = nullptr;  // of a reader in user space: DP_CACHE_SETS * DP_CACHE_WAYS
 };
 
-// A counter that one thread, or one processor, writes while others read it.
+// Reading and increasing a counter that one thread, or one processor, writes while others read it.
 inline __u64 dp_counted(const __u64 &counter) {
   return std::atomic_ref(const_cast<__u64 &>(counter)).load(std::memory_order_relaxed);
 }
@@ -58,4 +58,4 @@ inline dp_cached *dp_cached_at(const dp_tables *tables, __u32 at) {
   return tables->cache + at;
 }
 
-#include "programmer/linux/classify.h"  // wants all of the above
+#include "programmer/linux/classify.h"  // requires all of the above

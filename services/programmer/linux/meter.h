@@ -1,7 +1,8 @@
-// What a meter decides of a packet. Plain C, the same source in the kernel and in user space.
+// Applies a meter to a packet. Plain C, the same source in the kernel and in user space.
 //
-// Each band is a virtual schedule (generic cell rate algorithm): one word says up to which time the traffic has used up the rate,
-// and a packet that comes more than the burst before that time exceeds it. No lock: processors that collide try again.
+// Each band is a virtual schedule (generic cell rate algorithm): one word holds the time until which the traffic has used up the
+// rate, and a packet that arrives earlier than that by more than the burst exceeds it. No locks: processors that collide try
+// again.
 #pragma once
 
 #include "parse.h"
@@ -9,7 +10,7 @@
 enum { DP_METER_TRIES = 8 };
 
 struct dp_verdict {
-  __u32 type;  // DP_BAND_*; of the bands that the packet exceeds the fastest decides
+  __u32 type;  // DP_BAND_*, of the fastest band that the packet exceeds
   __u32 precedence;
 };
 
@@ -34,7 +35,7 @@ DP_INLINE void dp_add(__u64 *to, __u64 number) {
   __sync_fetch_and_add(to, number);
 }
 
-// Whether as much conforms to the band, which then has had it. `units` are bytes or packets.
+// True if `units` (bytes or packets) conform to the band, which is then charged for them.
 DP_INLINE int dp_conforms(struct dp_band *band, __u64 now, __u64 units) {
   struct dp_charge charge;
   charge.band = band;
@@ -80,7 +81,7 @@ DP_INLINE struct dp_verdict dp_meter_packet(struct dp_meter *meter, __u64 now, _
   return metering.verdict;
 }
 
-// Raises the drop precedence of a class of assured forwarding (RFC 2597: 8 * class + 2 * precedence); every other value stays.
+// Raises the drop precedence of an assured-forwarding DSCP (RFC 2597: 8 * class + 2 * precedence); other values stay as they are.
 DP_INLINE __u8 dp_remark(__u8 dscp, __u32 by) {
   const __u8 class_of = dscp >> 3, precedence = (dscp >> 1) & 3;
   if (class_of < 1 || class_of > 4 || precedence == 0 || (dscp & 1) != 0) return dscp;

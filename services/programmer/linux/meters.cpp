@@ -9,7 +9,8 @@ namespace {
 
 constexpr std::uint64_t kNs = 1'000'000'000;
 constexpr std::uint64_t kBytesAKilobit = 125;
-// What passes at once where no burst was given: enough for a sender that waits 200 ms for what was lost, and for some frames.
+// The burst of a band that gives none: a quarter second, because a sender may wait 200 ms before it retransmits, but no less than
+// a few frames.
 constexpr std::uint64_t kBurstNs = kNs / 4;
 constexpr std::uint64_t kBurstFrames = 4, kFrameBytes = 1518;
 
@@ -17,7 +18,7 @@ dp_band schedule_of(const Band &band, bool packets) {
   dp_band out{};
   out.type = band.type == BandType::kDrop ? DP_BAND_DROP : DP_BAND_REMARK;
   out.precedence = band.precedence;
-  const std::uint64_t units = packets ? 1 : kBytesAKilobit;  // bytes or packets of one unit of the rate
+  const std::uint64_t units = packets ? 1 : kBytesAKilobit;  // packets or bytes in one unit of the rate
   out.cost = ((kNs << DP_COST_SHIFT) / units + band.rate / 2) / band.rate;
   const std::uint64_t frames = kBurstFrames * (packets ? 1 : kFrameBytes);
   out.burst = band.burst != 0 ? std::uint64_t{band.burst} * kNs / band.rate
@@ -25,7 +26,7 @@ dp_band schedule_of(const Band &band, bool packets) {
   return out;
 }
 
-// Whether the meter does already what is asked for.
+// True if the meter already has these bands.
 bool is(const dp_meter &meter, const Bands &bands) {
   const auto same = [&](const dp_band &now, const Band &wanted) {
     const dp_band other = schedule_of(wanted, bands.packets);
@@ -64,7 +65,7 @@ void Meters::forget_unused(std::uint32_t id) {
   known_.erase(found);
 }
 
-// While the bands are written the meter has none, so everything passes for some hundred nanoseconds.
+// The meter has no bands while they are written, so that everything passes for some hundred nanoseconds.
 bool Meters::set(std::uint32_t id, const Bands &bands) {
   if (bands.bands.size() > DP_MAX_BANDS) return false;
   Known *known = know(id);

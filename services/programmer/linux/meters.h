@@ -1,7 +1,7 @@
-// The meters of the plane: which place has which number, and the schedules of their bands. Loop's thread.
+// The meters of the plane: the place of each meter, and the schedules of its bands. Loop's thread.
 //
-// A place is taken by the first who names the meter, its record or a flow; a meter without a record lets everything pass. What
-// another one of these has left in the memory goes on with its schedules, until drop_inherited() for what no record has named.
+// A meter gets its place when its record or a flow first names it; until there is a record it lets everything pass. Meters that
+// an earlier service has left in the memory keep running; drop_inherited() drops those that no record has named since.
 #pragma once
 
 #include <cstdint>
@@ -15,16 +15,16 @@ namespace programmer::dataplane {
 
 class Meters {
  public:
-  // `meters` has DP_MAX_METERS, zeroed or left by another one, and outlives this.
+  // `meters` holds DP_MAX_METERS, zeroed or left by an earlier service, and must outlive this object.
   explicit Meters(dp_meter *meters);
 
-  // False when there is no room for another meter, or for that many bands.
+  // False if there is no room for another meter, or for that many bands.
   bool set(std::uint32_t id, const Bands &bands);
   void remove(std::uint32_t id);
   void drop_inherited();
   std::uint32_t size() const { return set_; }
 
-  // The place of a meter for one more flow, + 1; 0: no room. Each is given back once.
+  // The place + 1 of a meter that one more flow uses; 0: no room. Each use is paired with one release.
   std::uint16_t use(std::uint32_t id);
   void release(std::uint32_t id);
 
@@ -33,7 +33,7 @@ class Meters {
     std::uint16_t place = 0;
     bool set = false;
     std::uint32_t flows = 0;
-    bool inherited = false;  // and no record has named it
+    bool inherited = false;  // and not yet named by a record
   };
   void silence(std::uint16_t place);
   Known *know(std::uint32_t id);

@@ -1,4 +1,4 @@
-/* The program of the data plane, compiled for the kernel, as bytes of this one. KELIM_PLANE_OBJECT is its file. */
+/* Embeds the data plane's program, compiled for the kernel, in this executable. KELIM_PLANE_OBJECT is its object file. */
 __asm__(
     ".section .rodata\n"
     ".balign 8\n"

@@ -12,7 +12,7 @@
 namespace programmer::dataplane {
 namespace {
 
-constexpr int kTakenAtATime = 64;  // of the ring, before the other way has its turn
+constexpr int kTakenAtATime = 64;  // packets from the ring, before the other direction has its turn
 constexpr auto kBetweenReports = std::chrono::seconds(1);
 constexpr std::uint64_t kNs = 1'000'000'000;
 
@@ -63,7 +63,7 @@ bool Packets::start(const Context &context, PacketRate rate, std::string &why) {
   return true;
 }
 
-// What an earlier service has not taken of the ring is too old for any controller.
+// Discards the packets that an earlier service has left in the ring, which are too old for any controller.
 void Packets::forget_earlier() {
   const auto drop = [](void *, void *, std::size_t) { return 0; };
   const std::unique_ptr<ring_buffer, FreeRing> ring(ring_buffer__new(plane_.punted(), drop, nullptr, nullptr));
@@ -114,7 +114,7 @@ void Packets::run() {
 
 // ---- to the controllers
 
-// One packet of the program. Not 0 when that was enough for now.
+// Handles one packet of the program. Non-zero when this turn's share is used up.
 int Packets::take(Bytes sample) {
   dp_punted about;
   if (sample.size() < sizeof about) return 0;
@@ -134,7 +134,7 @@ void Packets::hand_on(const ss_pkt_in &about, Bytes frame) {
   ++(rv == 0 ? handed.in : rv == -1 ? handed.unwanted : handed.full);
 }
 
-// DP_MAX_PORTS for what is no port.
+// The place of the port; DP_MAX_PORTS if there is no such port.
 std::uint32_t Packets::place_of(std::uint32_t number) const {
   std::uint32_t place = 0;
   while (place < DP_MAX_PORTS && plane_.ports()[place].number != number) ++place;
@@ -160,7 +160,7 @@ ss_pkt_counts Packets::counts_of(std::uint32_t place) const {
   return counts;
 }
 
-// Where nothing has changed there is nothing to tell.
+// Reports the counts of all ports to the packet path, unless none has changed.
 void Packets::report() {
   std::vector<ss_pkt_counts> now = {counts_of(DP_MAX_PORTS)};
   for (std::uint32_t place = 0; place < DP_MAX_PORTS && plane_.ports()[place].number != 0; ++place)

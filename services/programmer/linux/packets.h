@@ -1,5 +1,5 @@
-// Packets between the plane and the controllers, on a thread of its own: from the program's ring to the packet path, and from
-// there out of the ports.
+// Carries packets between the plane and the controllers, on its own thread: from the program's ring to the packet path, and from
+// the packet path to the ports.
 #pragma once
 
 #include <array>
@@ -21,21 +21,22 @@ struct ring_buffer;
 
 namespace programmer::dataplane {
 
-// What a port may send to the controllers, in packets a second, and how many at once.
+// Limit of the packets that a port may send to the controllers.
 struct PacketRate {
-  std::uint32_t rate;
-  std::uint32_t burst;
+  std::uint32_t rate;   // packets per second
+  std::uint32_t burst;  // packets at once
 };
 
 class Packets {
  public:
-  // Null with one line when that is not possible here. The plane has its ports.
+  // Null, with one line in `why`, if this machine does not allow it. The plane must already have its ports; `plane` and `grace`
+  // must outlive the object.
   static std::unique_ptr<Packets> open(const Context &context, Plane &plane, Grace &grace, PacketRate rate, std::string &why);
   ~Packets();
   Packets(const Packets &) = delete;
   Packets &operator=(const Packets &) = delete;
 
-  // Whether controllers want packets, as the daemon has said; the packet path says the same when it is there. Any thread.
+  // Sets whether controllers want packets, as the daemon has signalled; the packet path repeats it when it connects. Any thread.
   void want(bool wanted);
 
  private:
@@ -67,8 +68,8 @@ class Packets {
   std::unique_ptr<ring_buffer, FreeRing> ring_;
   int end_ = -1;
   Frame room_;
-  int taken_ = 0;                                  // of the ring, in this turn
-  std::array<Handed, DP_MAX_PORTS + 1> handed_{};  // by place; the last one: of no port
+  int taken_ = 0;                                  // packets taken from the ring in this turn
+  std::array<Handed, DP_MAX_PORTS + 1> handed_{};  // by place; the last one is for packets of unknown ports
   std::vector<ss_pkt_counts> reported_;
   std::thread thread_;
 };

@@ -1,9 +1,9 @@
-// From a packet's bytes to what is known of it. Plain C, the same source in the kernel and in user space; written so that the
-// kernel's verifier follows it. Nothing is read that the packet does not have, whatever its headers say: a header that is cut or
-// contradicts itself ends the walk, and the fields behind it count as absent.
+// Extracts the fields that flows match on from a packet's bytes. Plain C, the same source in the kernel and in user space, in a
+// form that the kernel's verifier can follow. Nothing beyond the packet's end is read, whatever its headers say: a truncated or
+// contradictory header ends the parsing, and the fields after it count as absent.
 //
-// Whoever includes it has defined dp_packet, dp_load() (copies `length` bytes from `offset`; 0, or not when they are not all
-// there) and dp_loop() (calls step(i, context) for i from 0, at most `count` times, until one returns non-zero).
+// The including file must have defined dp_packet, dp_load() (copies `length` bytes from `offset`; non-zero if they are not all
+// there) and dp_loop() (calls step(i, context) for i from 0, at most `count` times, until it returns non-zero).
 #pragma once
 
 #include "layout.h"
@@ -18,8 +18,8 @@ enum {
   DP_TYPE_IPV6 = 0x86dd,
   DP_TYPE_VLAN = 0x8100,
   DP_TYPE_QINQ = 0x88a8,
-  DP_TYPE_LEAST = 0x0600,   // below it is the length of an 802.3 frame
-  DP_TYPE_NO_TYPE = 0x05ff  // what stands for the type of such a frame
+  DP_TYPE_LEAST = 0x0600,   // smaller values are the length of an 802.3 frame
+  DP_TYPE_NO_TYPE = 0x05ff  // used as the type of such a frame
 };
 enum { DP_ICMP = 1, DP_TCP = 6, DP_UDP = 17, DP_ICMPV6 = 58 };
 enum { DP_HOP = 0, DP_ROUTING = 43, DP_FRAGMENT = 44, DP_ESP = 50, DP_AUTH = 51, DP_NO_NEXT = 59, DP_DEST = 60 };
@@ -36,7 +36,7 @@ enum {  // OFPIEH_* of OpenFlow 1.3.5, 7.2.3.8
   DP_EXT_DISORDER = 256
 };
 
-// Where the headers begin; 0: there is none.
+// Offsets of the headers; 0: absent.
 struct dp_headers {
   __u32 l3;
   __u32 l4;
@@ -52,12 +52,12 @@ struct dp_walk {
   dp_packet *packet;
   __u32 at;
   __u32 headers;  // OFPIEH_*
-  __u32 order;    // place of the latest one in the recommended order
+  __u32 order;    // position of the latest header in the recommended order
   __u8 next;      // type of the header at `at`
-  __u8 cut;       // what follows is not there, or the rest of a fragment
+  __u8 cut;       // no header follows: the rest is missing, or the packet is a later fragment
 };
 
-// Bit and place in the recommended order; 0 for what is no extension header to walk over.
+// The OFPIEH_* bit of an extension header that the walk passes over; 0 for any other header.
 DP_INLINE __u32 dp_ext_bit(__u8 type) {
   return type == DP_HOP        ? DP_EXT_HOP
          : type == DP_DEST     ? DP_EXT_DEST
@@ -98,7 +98,7 @@ static long dp_ext_step(__u32 i, void *context) {
 
 // ---- the layers
 
-// Ports or ICMP's type and code, when `at` and what is needed of them lie before `end`.
+// Reads the ports, or ICMP's type and code, if they lie before `end`.
 DP_INLINE void dp_parse_l4(dp_packet *packet, __u32 at, __u32 end, struct dp_key *key, struct dp_headers *headers) {
   __u8 bytes[4];
   const int ports = key->proto == DP_TCP || key->proto == DP_UDP;
@@ -143,7 +143,7 @@ DP_INLINE void dp_parse_ipv6(dp_packet *packet, __u32 at, struct dp_key *key, st
   if (!walk.cut) dp_parse_l4(packet, walk.at, at + DP_IPV6_LEN + dp_be16(ip + 4), key, headers);
 }
 
-// A tag that stands in the frame. The first one of a packet counts, wherever it was.
+// Skips a tag in the frame and returns the type after it. The packet's outermost tag counts, in the frame or beside it.
 DP_INLINE __u16 dp_parse_tag(dp_packet *packet, __u32 *at, __u16 type, struct dp_key *key) {
   __u8 tag[4];
   if ((type != DP_TYPE_VLAN && type != DP_TYPE_QINQ) || dp_load(packet, *at, tag, sizeof tag) != 0) return type;
@@ -152,7 +152,7 @@ DP_INLINE __u16 dp_parse_tag(dp_packet *packet, __u32 *at, __u16 type, struct dp
   return dp_be16(tag + 2);
 }
 
-// `tag` is the tag that the kernel keeps beside the frame, with DP_VLAN_PRESENT; 0: none.
+// Fills in `key` and `headers`. `tag` is the tag that the kernel keeps beside the frame, with DP_VLAN_PRESENT; 0: none.
 DP_INLINE void dp_parse(dp_packet *packet, __u32 in_port, __u16 tag, struct dp_key *key, struct dp_headers *headers) {
   __u8 eth[DP_ETH_LEN];
   __u32 at = DP_ETH_LEN;

@@ -17,7 +17,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// One name of a file for a path: a BPF file system takes no dots.
+// A file name for an installation, which may be a path; a BPF file system does not allow dots in names.
 std::string name_of(const std::string &installation) {
   std::string name;
   for (const char c : installation.substr(std::min(installation.size(), installation.find_first_not_of('/')))) {

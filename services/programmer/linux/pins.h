@@ -1,6 +1,6 @@
-// Where a plane is kept while no service runs: a directory of a BPF file system, which one process at a time has.
+// The directory of a BPF file system that keeps a plane while no service runs; one process at a time owns it.
 //
-// Below it are two planes: the one in force, and the next one until it is filled. Threads: one at a time.
+// It holds up to two planes: the one in force, and the next one until that is filled. Threads: one at a time.
 #pragma once
 
 #include <memory>
@@ -19,20 +19,20 @@ class Pins {
     std::string why;
   };
 
-  // The directory for `installation`, which is any text that tells planes apart, below `root`; both are made where they are not
-  // there. Null, with the reason: another process has it, or there can be none here.
+  // Opens the directory of `installation`, any text that distinguishes planes, below `root`; both are created if missing. Null,
+  // with the reason, if another process owns it or no such directory is possible here.
   static std::unique_ptr<Pins> open(const std::string &root, const std::string &installation, Refusal &refusal);
 
   const std::string &directory() const { return directory_; }
 
-  // A descriptor of the map or program of that name; none when it is not there.
+  // A descriptor of the map or program of that name; empty if it does not exist.
   Descriptor get(const char *plane, const char *name) const;
-  // Pins it, in the place of one that has the name. False with errno.
+  // Pins the object, replacing one of the same name. False with errno.
   bool put(const char *plane, const char *name, int object);
   void clear(const char *plane);
-  // The next plane is the one in force.
+  // Makes the next plane the one in force.
   void settle();
-  // Takes everything out, the directory as well, and the root that nobody else uses. Whether there was anything.
+  // Removes everything with the directory, and the root if nobody else uses it. True if there was anything.
   bool remove();
 
  private:

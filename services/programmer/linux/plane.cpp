@@ -24,7 +24,7 @@ extern const unsigned char kelim_plane_object[], kelim_plane_object_end[];  // o
 namespace programmer::dataplane {
 namespace {
 
-// What libbpf said last, for the one line; it would go to standard error.
+// The latest message of libbpf, kept for `why` instead of being printed to standard error.
 thread_local std::string g_complaint;
 
 [[gnu::format(printf, 2, 0)]] int note(libbpf_print_level level, const char *format, va_list arguments) {
@@ -36,12 +36,12 @@ thread_local std::string g_complaint;
   return 0;
 }
 
-// ---- what the machine has to have
+// ---- requirements on the machine
 
 struct Capability {
   unsigned number;
   const char *name;
-  bool is_part_of_admin;  // of CAP_SYS_ADMIN
+  bool is_part_of_admin;  // CAP_SYS_ADMIN includes it
 };
 constexpr Capability kCapabilities[] = {{CAP_NET_ADMIN, "CAP_NET_ADMIN", false},
                                         {CAP_NET_RAW, "CAP_NET_RAW", false},
@@ -112,7 +112,7 @@ std::unique_ptr<Plane> Plane::load(const Wanted &wanted, Pins *pins, std::string
 }
 
 void Plane::set_sizes(std::uint32_t flows) {
-  // What has left the table waits for a grace period, beside a table that is full.
+  // More places than flows, because vacated places wait for a grace period even if the table is full.
   tables_.places = flows + flows / 8 + 1024;
   tables_.bucket_count = std::max(2U, std::bit_ceil(flows / 2));
   tables_.rows = static_cast<std::uint32_t>(std::max(libbpf_num_possible_cpus(), 1)) + 1;  // the last one is the service's own
@@ -123,7 +123,7 @@ void Plane::set_sizes(std::uint32_t flows) {
   for (const Size &size : sizes) bpf_map__set_max_entries(bpf_object__find_map_by_name(object_.get(), size.map), size.entries);
 }
 
-// ---- an earlier life
+// ---- an earlier service's plane
 
 namespace {
 
@@ -159,7 +159,7 @@ bpf_prog_info about_program(int program) {
 
 }  // namespace
 
-// Whether every map is now the pinned one.
+// Takes over the pinned maps; true if every map is now the pinned one.
 bool Plane::inherit(const std::vector<std::uint32_t> &ports) {
   if (!pins_) return false;
   std::vector<std::pair<bpf_map *, Descriptor>> found;
@@ -177,7 +177,7 @@ bool Plane::inherit(const std::vector<std::uint32_t> &ports) {
   return std::ranges::all_of(found, [](const auto &one) { return bpf_map__reuse_fd(one.first, one.second.get()) == 0; });
 }
 
-// The pinned program when it is the same one, so that ports which have it are left alone.
+// Uses the pinned program if it is identical, so that ports with that program need no change.
 bool Plane::choose_program(std::string &why) {
   const bpf_program *loaded = bpf_object__find_program_by_name(object_.get(), filters::kProgram);
   if (!loaded) return fail(why, "the program of the data plane is another one", EINVAL);
@@ -243,7 +243,7 @@ bool Plane::map_all(std::string &why) {
   return true;
 }
 
-// A plane that was never filled is of no use to anybody.
+// Removes the pins of a plane that was never filled, because nobody can use it.
 Plane::~Plane() {
   if (pins_ && !inherited_) pins_->clear(Pins::kNext);
   for (const auto &[at, bytes] : mappings_) munmap(at, bytes);

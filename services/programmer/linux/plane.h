@@ -1,7 +1,7 @@
-// The program and its maps: loads them, or takes over those that are pinned, and maps what they share with it into memory. What
-// is loaded lives as long as this object, as a port that the program is attached to, or as its pins.
+// The program and its maps: loads them or takes over pinned ones, and maps their shared contents into memory. The kernel keeps
+// them as long as this object, a port with the program attached, or a pin exists.
 //
-// Threads: any; the port index is one thread's at a time.
+// Threads: any; the port index may be changed by one thread at a time.
 #pragma once
 
 #include <cstdint>
@@ -28,11 +28,11 @@ class Plane {
     std::vector<std::uint32_t> ports;  // OpenFlow's numbers, by place
   };
 
-  // Whether this machine can have one; if not, `why` is one line that names what is missing.
+  // True if this machine can have a plane; otherwise `why` is one line that names what is missing.
   static bool possible(std::string &why);
 
-  // Pinned maps are taken over when they are of this layout, of the same size and for the same ports. Null with one line when
-  // that fails. `pins` is null where there are none, otherwise it outlives the plane.
+  // Pinned maps are taken over if they have this layout, the same size and the same ports; otherwise new ones are created. Null,
+  // with one line in `why`, if loading fails. `pins` is null without pins, otherwise it must outlive the plane.
   static std::unique_ptr<Plane> load(const Wanted &wanted, Pins *pins, std::string &why);
   ~Plane();
   Plane(const Plane &) = delete;
@@ -42,22 +42,22 @@ class Plane {
   dp_meter *meters() const { return meters_; }  // DP_MAX_METERS
   dp_port *ports() const { return ports_; }     // DP_MAX_PORTS
   dp_punt *punts() const { return punts_; }     // DP_MAX_PORTS
-  dp_tally tally() const;                       // of all processors, and the service's own
+  dp_tally tally() const;                       // the sum of all processors and the service
   dp_tally &own_tally() const { return tallies_[tables_.rows - 1]; }
   int punted() const { return punted_; }          // descriptor of the ring
-  int program() const { return program_.get(); }  // its descriptor
+  int program() const { return program_.get(); }  // descriptor of the program
   std::uint32_t program_id() const { return program_id_; }
 
-  // Whether the maps are those of an earlier life. When they are not and there is an earlier plane, that one forwards until this
-  // one is filled, which settle() says.
+  // True if the maps were taken over from an earlier service. If there is an earlier plane whose maps were not, it keeps
+  // forwarding until this one is filled and settle() is called.
   bool inherited() const { return inherited_; }
   void settle();
-  // The interfaces (their indexes) that an earlier plane had, where its maps were not taken over.
+  // The interfaces (indexes) of an earlier plane whose maps were not taken over.
   const std::vector<std::uint32_t> &earlier_ports() const { return earlier_ports_; }
-  // Those of all planes that are pinned.
+  // The interfaces (indexes) of all pinned planes.
   static std::vector<std::uint32_t> ports_in(const Pins &pins);
 
-  // Which place among the ports an interface has; packets of any other one are left alone. False with errno.
+  // Assigns a place to an interface; packets of interfaces without a place are left alone. False with errno.
   bool set_port(std::uint32_t interface, std::uint32_t place);
   void forget_port(std::uint32_t interface);
 

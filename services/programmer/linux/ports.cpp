@@ -63,7 +63,7 @@ std::uint32_t Ports::present() const {
   return count;
 }
 
-// A name of this network namespace that one process at a time can have, and has until it ends, for each interface.
+// Claims the interface by an abstract socket name: one process per network namespace can hold it, and loses it when it ends.
 bool Ports::claim(const PortName &port, std::vector<Descriptor> &claims, std::string &why) {
   const Descriptor &claim = claims.emplace_back(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   sockaddr_un address{};
@@ -101,7 +101,7 @@ void Ports::run() {
   }
 }
 
-// What an earlier life has left is looked at as if it were new.
+// Takes the port's interface even if an earlier service has already recorded it in the map.
 bool Ports::begin(std::uint32_t place, std::string &why) {
   const std::uint32_t now = if_nametoindex(names_[place].interface.c_str());
   if (now == 0 || now != plane_.ports()[place].ifindex) return follow(place, why);
@@ -116,7 +116,7 @@ void Ports::follow() {
   }
 }
 
-// Brings one port to what the kernel has under its name now.
+// Adapts one port to the interface that now has its name, if any.
 bool Ports::follow(std::uint32_t place, std::string &why) {
   const std::uint32_t now = if_nametoindex(names_[place].interface.c_str());
   const std::uint32_t before = plane_.ports()[place].ifindex;
@@ -134,7 +134,7 @@ bool Ports::take(std::uint32_t interface, std::uint32_t place, std::string &why)
   } else {
     error = put_program(interface);
   }
-  if (error == ENODEV) return true;  // gone meanwhile
+  if (error == ENODEV) return true;  // the interface has disappeared meanwhile
   if (error != 0) {
     plane_.forget_port(interface);
     why = "interface " + name + " cannot be taken as a port: " + std::strerror(error);
@@ -150,7 +150,7 @@ bool Ports::take(std::uint32_t interface, std::uint32_t place, std::string &why)
   return true;
 }
 
-// 0, or what went wrong.
+// 0, or an errno.
 int Ports::put_program(std::uint32_t interface) const {
   const std::uint32_t there = filters::program_of(interface);
   if (there == plane_.program_id() || (there != 0 && !replaces_)) return 0;
@@ -176,7 +176,7 @@ void Ports::leave(std::uint32_t interface, std::uint32_t place) {
 
 // ---- the end of an earlier plane
 
-// False when the program of no plane is there.
+// False if the interface has no plane's program.
 bool Ports::release(std::uint32_t interface) {
   char name[IF_NAMESIZE];
   if (!if_indextoname(interface, name) || filters::program_of(interface) == 0) return false;

@@ -1,12 +1,11 @@
-// The ports: has the program on the ingress of each, in promiscuous mode, and follows them while interfaces come, go and are
-// renamed.
+// The ports: keeps the program attached to the ingress of each port's interface, in promiscuous mode, while interfaces appear,
+// disappear and are renamed.
 //
-// A port keeps its place for as long as this object lives, so flows that name it need no change when its interface comes back.
-// A thread of its own listens to the kernel; what other threads ask for never changes. When this object goes, programs and
-// interfaces stay as they are.
+// A port keeps its place for the life of this object, so flows that name it need no change when its interface comes back.
+// Programs and interfaces stay as they are when this object is destroyed. A program of another plane stays on its interface,
+// forwarding, until take_over(); another program of the same maps is replaced at once, and the same program is left alone.
 //
-// Where another plane's program is on an interface, it stays there, forwarding, until take_over(); a program of the same maps
-// gives way at once, and the very same one stays.
+// Threads: a separate thread follows the kernel's notices. Numbers and places never change, so any thread may ask for them.
 #pragma once
 
 #include <cstdint>
@@ -31,24 +30,24 @@ class Ports {
  public:
   static constexpr std::uint32_t kNone = ~std::uint32_t{0};
 
-  // Whether there can be that many; if not, `why` says so in one line.
+  // True if there may be that many ports; otherwise `why` is one line that says how many are allowed.
   static bool possible(const std::vector<PortName> &names, std::string &why);
-  // Null with one line when a port that is there cannot be taken; those that are not there are waited for.
+  // Null, with one line in `why`, if an existing interface cannot become a port; missing interfaces are waited for.
   static std::unique_ptr<Ports> open(const Context &context, Plane &plane, std::vector<PortName> names, std::string &why);
   ~Ports();
   Ports(const Ports &) = delete;
   Ports &operator=(const Ports &) = delete;
 
-  // The place of the port with that number.
+  // The place of the port with that number; kNone if it is not configured.
   std::uint32_t place_of(std::uint32_t number) const;
   std::uint32_t present() const;
 
-  // The programs of an earlier plane give way, each in one step, and interfaces that were its ports alone are given back.
+  // Replaces the programs of an earlier plane, each atomically, and turns interfaces that are no longer ports into ordinary ones.
   void take_over();
   std::vector<PlaneState::Port> state() const;
 
-  // For a process without ports: takes the program off these interfaces, named and by index, and makes them ordinary ones again.
-  // Says which, a line each; false, and why, when another process has one as a port.
+  // For a process without ports: detaches the program from these interfaces, given by name and by index, and turns them into
+  // ordinary ones again. `said` lists them, one line each. False, with the reason in `said`, if one is another process's port.
   static bool release(const std::vector<PortName> &names, std::vector<std::uint32_t> interfaces, std::string &said);
 
  private:
@@ -65,12 +64,12 @@ class Ports {
   static bool release(std::uint32_t interface);
   void leave(std::uint32_t interface, std::uint32_t place);
 
-  const Context &context_;  // its log
+  const Context &context_;  // used for its log only
   Plane &plane_;
   const std::vector<PortName> names_;
   std::mutex following_;
-  bool replaces_;                   // earlier programs, with other maps
-  std::vector<Descriptor> claims_;  // what keeps others from these interfaces
+  bool replaces_;                   // whether earlier programs are replaced at once
+  std::vector<Descriptor> claims_;  // keep other processes from using these interfaces as ports
   int notices_ = -1;
   int end_ = -1;
   std::thread thread_;

@@ -34,14 +34,14 @@ Sender::~Sender() {
   if (fd_ >= 0) ::close(fd_);
 }
 
-// Of no protocol: it receives nothing.
+// The socket has no protocol, so that it receives nothing.
 bool Sender::open(std::string &why) {
   fd_ = ::socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0);
   if (fd_ < 0) why = std::string("packets cannot be sent: ") + std::strerror(errno);
   return fd_ >= 0;
 }
 
-// The priority that set_queue gives a packet of a flow.
+// Sets the same priority that the program gives a packet for set_queue.
 void Sender::choose_queue(std::uint32_t queue) {
   if (queue == queue_) return;
   const std::uint32_t priority = queue == 0 ? 0 : 1U << 16 | queue;
@@ -49,7 +49,7 @@ void Sender::choose_queue(std::uint32_t queue) {
   queue_ = queue;
 }
 
-// False when it has to wait.
+// False if the frame must wait.
 bool Sender::try_to_send(std::uint32_t place, Bytes frame, std::uint32_t queue) {
   const std::uint32_t interface = std::atomic_ref(const_cast<__u32 &>(ports_[place].ifindex)).load(std::memory_order_acquire);
   choose_queue(queue);

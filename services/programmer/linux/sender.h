@@ -1,4 +1,4 @@
-// Puts frames on the wire, out of the ports. One thread's.
+// Sends frames out of the ports. One thread only.
 #pragma once
 
 #include <array>
@@ -12,27 +12,27 @@ namespace programmer::dataplane {
 
 class Sender {
  public:
-  static constexpr std::size_t kWaiting = 256;  // frames that wait for an interface
+  static constexpr std::size_t kWaiting = 256;  // most frames that wait for interfaces
 
-  // What has become of the frames of one port.
+  // The outcomes of one port's frames.
   struct Counts {
     std::uint64_t sent = 0, full = 0, down = 0, refused = 0;
   };
 
-  // `ports` are those of the plane, DP_MAX_PORTS; what changes in them is seen.
+  // `ports` are the plane's DP_MAX_PORTS, read at each frame, and must outlive the sender.
   explicit Sender(const dp_port *ports) : ports_(ports) {}
   ~Sender();
   Sender(const Sender &) = delete;
   Sender &operator=(const Sender &) = delete;
 
-  // False with one line when this process may not.
+  // False, with one line in `why`, if this process may not send raw frames.
   bool open(std::string &why);
 
-  // Out of the port at that place, in queue `queue`, 0 for none. What the kernel does not take now waits, and with more waiting
-  // it is dropped.
+  // Sends out of the port at `place`, in queue `queue`; 0: none. A frame that the kernel does not accept now waits, or is dropped
+  // if kWaiting frames wait already.
   void send(std::uint32_t place, Bytes frame, std::uint32_t queue);
 
-  // While frames wait, whoever sees that fd() can be written to calls send_waiting().
+  // To be called when fd() is writable while frames wait.
   bool has_waiting() const { return !waiting_.empty(); }
   int fd() const { return fd_; }
   void send_waiting();
@@ -49,7 +49,7 @@ class Sender {
 
   const dp_port *ports_;
   int fd_ = -1;
-  std::uint32_t queue_ = 0;  // that the socket sends to
+  std::uint32_t queue_ = 0;  // the socket's current queue
   std::deque<Waiting> waiting_;
   std::array<Counts, DP_MAX_PORTS> counts_{};
 };

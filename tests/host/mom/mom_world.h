@@ -1,5 +1,5 @@
-// The object database on the Linux host: a process with the embedded store, with Redis in a server of its own, or with one that
-// is there.
+// The object database on the Linux host: a process with the embedded store, with a private Redis server, or with an existing
+// Redis server.
 #pragma once
 
 #include "conformance/store_world.h"
@@ -12,7 +12,7 @@ namespace mom_test {
 
 using Settings = std::vector<std::pair<std::string, std::string>>;  // configuration keys and values
 
-// What the channels of a type carry in Redis.
+// A message on the channels of a type in Redis.
 inline std::string notification(char kind, const std::string &member, const std::string &record) {
   std::string text = kind + member + '\0';
   for (int shift = 0; shift < 32; shift += 8) text.push_back(static_cast<char>(record.size() >> shift));
@@ -30,7 +30,7 @@ class HostProcess final : public Process {
   bool cut_connections(std::int32_t db) override;
 
   const std::string &run_dir() const { return dir_.path(); }
-  // Puts bytes under a canonical key of the embedded store, past the client; in Redis tells only that somebody did.
+  // Puts bytes under a canonical key of the embedded store, bypassing the client; in Redis it only publishes the notification.
   void put_raw(std::int32_t db, const std::string &key, const std::string &bytes);
 
  private:

@@ -1,4 +1,4 @@
-// The OpenFlow service library over real sockets, with the test in the daemon's place and in its controllers'.
+// The OpenFlow service library over real sockets; the test plays both the daemon and its controllers.
 #pragma once
 
 #include "host/mom/hub.h"
@@ -46,7 +46,7 @@ class AgentTest : public RuntimeTest {
     port = host::of_ss::listening_port();
     if (is_listened_to()) come_up(c);
   }
-  // A controller that shakes hands.
+  // Connects the controller and completes its handshake.
   void come_up(Controller &controller, in_addr_t to = htonl(INADDR_LOOPBACK)) {
     controller.connect(port, to);
     controller.send(hello());
@@ -54,19 +54,19 @@ class AgentTest : public RuntimeTest {
     controller.forget();
   }
   static bool until(const std::function<bool()> &condition) { return host::run_until(condition, kPatience); }
-  // What the process answers to kelimctl, which is another one.
+  // The process's answer to kelimctl, asked over the control socket.
   nlohmann::json ask(const nlohmann::json &request) {
     return beside_the_loop([&] { return ::ask(dir.path(), "core_test", request); });
   }
   nlohmann::json view(const char *name) {
     return ask({{"call", "view"}, {"name", name}, {"args", nlohmann::json::object()}}).value("data", nlohmann::json());
   }
-  // Moves the clock, and has the agent look at it.
+  // Moves the clock, and has the agent check its deadlines.
   static void warp(std::chrono::milliseconds by) {
     host::clock::warp(by);
     host::of_ss::run_timers();
   }
-  // Every entry of a FLOW reply, however many parts it has.
+  // The entries of all parts of a FLOW reply.
   std::vector<Message> dump(const Message &request = dump_request(0xd0)) {
     c.forget();
     c.send(request);
@@ -78,18 +78,18 @@ class AgentTest : public RuntimeTest {
         entries.emplace_back(at, at + static_cast<std::ptrdiff_t>(get({at, part.end()}, 0, 2)));
     return entries;
   }
-  // Sends and waits until all is taken and answered.
+  // Sends the request and waits until everything has been handled and answered.
   void apply(const Message &request) {
     ASSERT_TRUE(c.send(request));
     ASSERT_TRUE(c.settle());
   }
-  // Sends while the daemon answers no barrier, and waits until the agent has handed over so many adds in all.
+  // Sends the request while the daemon answers no barrier, and waits until the agent has handed over that many adds in total.
   void hand_over(const Message &request, std::size_t adds) {
     daemon.hold_barriers(true);
     ASSERT_TRUE(c.send(request));
     ASSERT_TRUE(until([&] { return daemon.adds() == adds; }));
   }
-  // The errors that have come, "type/code xid" each.
+  // The errors received, "type/code xid" each.
   Strings errors() {
     Strings found;
     for (const Message &m : c.of_type(1)) found.push_back(error_of(m) + " " + std::to_string(get(m, 4, 4)));
@@ -102,7 +102,7 @@ class AgentTest : public RuntimeTest {
     return found;
   }
 
-  // A record as the daemon or the programming service writes it.
+  // Writes a record as the daemon or the programming service does.
   template <typename Record, typename Key>
   void store(Record record, Key key, std::int32_t db = QX_MOM_UDP_DB) {
     record.index = &key;
@@ -117,13 +117,13 @@ class AgentTest : public RuntimeTest {
     flow.flow_data = data(bytes);
     store(flow, flow_key(index));
   }
-  // The service-chain application has been asked to translate the flow.
+  // Stores the request that asks the service-chain application to translate the flow.
   void store_request(std::uint64_t index) {
     SPolicyKelim__ParseFlowKey key = S_POLICY_KELIM__PARSE_FLOW_KEY__INIT;
     key.t_flow_type = 3, key.flow_index = index;
     store(SPolicyKelim__ParseFlow(S_POLICY_KELIM__PARSE_FLOW__INIT), key, QX_MOM_APP_DB);
   }
-  // The programming service has looked at all counters once more; those of the flow, where one is given, had changed.
+  // Reports that the programming service has read all counters once more; if a flow is given, its counters had changed.
   void count_round(std::uint64_t index = 0) {
     SPolicyKelim__FlowKey key = flow_key(index);
     SPolicyKelim__FlowCounter counter = S_POLICY_KELIM__FLOW_COUNTER__INIT;
@@ -135,7 +135,7 @@ class AgentTest : public RuntimeTest {
     ASSERT_EQ(qx_mom_publish(global, QX_MOM_UDP_DB, &counter.base, 0, 0), 0);
     ASSERT_TRUE(until([] { return host::mom::hub()->later().size() == 0; }));
   }
-  // Whether the database is there, before the next call.
+  // Disconnects the database, or connects it again.
   void connect_again(bool up) {
     host::mom::testing::provoke_reconnect(QX_MOM_UDP_DB, up ? 2 : 0);
     ASSERT_TRUE(until([up] { return host::mom::hub()->all_up() == up; }));

@@ -1,4 +1,4 @@
-// An OpenFlow controller on a socket, what it asks and what it understands.
+// An OpenFlow controller on a socket, with the messages that it sends and reads.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -17,7 +17,7 @@ namespace of_world {
 
 using namespace of_wire;
 
-// A controller: a socket and what came from it.
+// A controller: a socket and the messages received on it.
 class Controller {
  public:
   Controller() = default;
@@ -26,7 +26,7 @@ class Controller {
   Controller(const Controller &) = delete;
   Controller &operator=(const Controller &) = delete;
 
-  // With a small `segment` or `buffer` the kernel keeps little of what is on its way.
+  // A small `segment` or `buffer` limits how much data in transit the kernel buffers.
   void connect(std::uint16_t port, in_addr_t to = htonl(INADDR_LOOPBACK), int segment = 0, int buffer = 0) {
     const sockaddr_in address{.sin_family = AF_INET, .sin_port = htons(port), .sin_addr = {to}, .sin_zero = {}};
     adopt(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -45,19 +45,18 @@ class Controller {
     if (fd_ >= 0) ::close(std::exchange(fd_, -1));
   }
 
-  // Sends all of it and what was left before, letting the loop turn where the peer does not take it at once; false when it does
-  // not.
+  // Sends the bytes behind those still unsent, turning the loop while the peer does not accept them; false if it never does.
   bool send(const Message &bytes, std::chrono::milliseconds limit = kPatience) {
     append(output_, bytes);
     return host::run_until([&] { return !send_more(); }, limit) && output_.empty();
   }
-  // Sends what the peer takes without waiting. Whether there is more to send.
+  // Sends as much as the peer accepts without waiting. True if there is more to send.
   bool send_more() {
     const ssize_t n = put_some(output_);
     if (n > 0) output_.erase(output_.begin(), output_.begin() + n);
     return !output_.empty() && (n >= 0 || errno == EAGAIN);
   }
-  // Takes what has arrived, or about as much of it.
+  // Reads what has arrived, or about that many bytes of it.
   void read(std::ptrdiff_t bytes = PTRDIFF_MAX) {
     std::byte chunk[65536];
     for (ssize_t n; fd_ >= 0 && bytes > 0 && (n = get_some(chunk)) >= 0; bytes -= n) {
@@ -72,7 +71,7 @@ class Controller {
     read();
     return ended_;
   }
-  // Everything received so far, whole messages.
+  // The whole messages received so far.
   const std::vector<Message> &received() {
     read();
     return received_;
@@ -85,7 +84,7 @@ class Controller {
   }
   void forget() { received_.clear(); }
 
-  // Waits for the n-th message of a type; an empty message when it does not come.
+  // Waits for the n-th message of a type; an empty message if it does not arrive.
   Message await(std::uint8_t type, std::size_t n = 1) {
     host::run_until([&] { return of_type(type).size() >= n || ended_; }, kPatience);
     const auto found = of_type(type);
@@ -100,7 +99,7 @@ class Controller {
     host::run_until([&] { return read(), answer() != received_.end() || ended_; }, kPatience);
     return answer() != received_.end() ? *answer() : Message{};
   }
-  // Everything sent so far has been taken and answered; the answer to the barrier that tells so is not kept.
+  // Waits until everything sent so far has been handled and answered, as the reply to a barrier shows; that reply is not kept.
   bool settle() {
     const Message answer = message(21, ++settled_);
     const auto settled = [&] { return read(), std::erase(received_, answer) == 1 || ended_; };
@@ -108,7 +107,7 @@ class Controller {
   }
 
  protected:
-  // As send and recv without waiting.
+  // Like send and recv, without waiting.
   virtual ssize_t put_some(std::span<const std::byte> bytes) {
     return ::send(fd_, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
   }
@@ -132,7 +131,7 @@ class Controller {
   std::vector<Message> received_;
 };
 
-// Where a controller waits for the agent to come.
+// A controller's socket that waits for the agent to connect.
 class Listener {
  public:
   Listener() : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) { ::listen(fd_, 5); }
@@ -153,20 +152,20 @@ class Listener {
   int fd_;
 };
 
-// What takes every flow of every table.
+// A filter for every flow of every table.
 inline FlowMod everything(std::uint8_t command = 3) {
   FlowMod f;
   f.command = command, f.table = 0xff;
   return f;
 }
-// A request for the flows, or their sum, that a non-strict delete would take.
+// A request for the flows, or their sums, that a non-strict delete with the same filter would remove.
 inline Message dump_request(std::uint32_t xid, const FlowMod &filter = everything(), std::uint16_t type = 1) {
   const Message body = be(type) + Message(6) + be(filter.table) + Message(3) + be(filter.out_port, filter.out_group) +
                        Message(4) + be(filter.cookie, filter.cookie_mask);
   return message(18, xid, body + match(filter.fields));
 }
 
-// Of an entry of a FLOW reply: its packets, and the port of its last action.
+// The packets in an entry of a FLOW reply, and the port of its last action.
 inline std::uint64_t packets_of(const Message &entry) {
   return get(entry, 32, 8);
 }

@@ -1,4 +1,5 @@
-// The daemon behind the OpenFlow service library: records what its callbacks are given, and answers as the test decides.
+// Plays the daemon behind the OpenFlow service library: records the messages that its callbacks get, and answers as the test
+// says.
 #pragma once
 
 #include <algorithm>
@@ -18,7 +19,7 @@ using flow_bytes::le;
 // The daemon as the library sees it.
 class PlayedDaemon {
  public:
-  // What calls without a message are recorded as.
+  // Types under which calls without a message are recorded.
   static constexpr std::uint16_t kConnected = 0xff01, kDelAllFlows = 0xff02;
 
   PlayedDaemon() { self = this; }
@@ -35,7 +36,7 @@ class PlayedDaemon {
     of_ss_regiter_del_all([] {});
   }
 
-  // Whether barriers are answered at once, from inside the callback, or kept for answer_barriers.
+  // Sets whether barriers are kept for answer_barriers or answered at once, from inside the callback.
   void hold_barriers(bool hold) {
     const std::lock_guard lock(mutex_);
     hold_ = hold;
@@ -45,12 +46,12 @@ class PlayedDaemon {
     hold_ = false;
     for (const Message &barrier : std::exchange(held_, {})) answer(barrier);
   }
-  // What the headers of the answers to barriers say of their length; the daemon echoes the request's.
+  // Sets the length in the header of barrier replies; the daemon echoes the request's.
   void claim_barrier_length(std::uint16_t length) {
     const std::lock_guard lock(mutex_);
     barrier_length_ = length;
   }
-  // Counters that are given for every statistics request.
+  // Adds counters to the answer to every statistics request.
   void count(std::uint64_t index, std::uint64_t packets, std::uint64_t bytes) {
     const std::lock_guard lock(mutex_);
     counters_.push_back(reply(southbound::kStatReply, le(index) + le(packets) + le(bytes) + Message(8)));
@@ -65,13 +66,13 @@ class PlayedDaemon {
     std::erase_if(found, [type](const Message &m) { return type_of(m) != type; });
     return found;
   }
-  // Flow-mods that add, or delete.
+  // The flow-mods that add, or those that delete.
   std::vector<Message> flows(bool adds) const {
     auto found = of_type(southbound::kFlowMod);
     std::erase_if(found, [adds](const Message &m) { return (m[southbound::kFlowCommand] == std::byte{}) != adds; });
     return found;
   }
-  // How many there have been of a type, and of the flow-mods that add. Costs nothing to ask again and again.
+  // Numbers of messages of a type, and of flow-mods that add; cheap enough to poll.
   std::size_t seen(std::uint16_t type) const {
     const std::lock_guard lock(mutex_);
     const auto found = seen_.find(type);
@@ -81,7 +82,7 @@ class PlayedDaemon {
     const std::lock_guard lock(mutex_);
     return adds_;
   }
-  // "How many: the last of them" of a type.
+  // The messages of a type as "NUMBER: LAST MESSAGE", in hexadecimal digits.
   std::string told(std::uint16_t type) const {
     const auto all = of_type(type);
     return all.empty() ? "" : std::to_string(all.size()) + ": " + to_hex(all.back());
@@ -92,11 +93,11 @@ class PlayedDaemon {
     seen_.clear();
     adds_ = 0;
   }
-  // Holds the openflow thread at its next call, for as long as the result lives.
+  // Blocks the openflow thread at its next call until the result is destroyed.
   std::unique_lock<std::mutex> stop() { return std::unique_lock(mutex_); }
   unsigned calls() const { return calls_; }
 
-  // Replies, as the daemon sends them.
+  // Send replies as the daemon does.
   static void fail(std::uint64_t index, std::uint64_t result) { send(reply(southbound::kFlowResult, le(index) + le(result))); }
   static void capacity(std::uint32_t flows) { send(reply(southbound::kCapacity, Message(12) + le(flows))); }
   static void fail_meter(std::uint32_t id, std::uint32_t result) { send(reply(southbound::kMeterResult, le(id) + le(result))); }

@@ -64,18 +64,18 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   void addresses_stored(std::vector<std::uint32_t> stored) {
     inbox_.post([this, stored = std::move(stored)] { switch_.controllers.withdraw_strangers(stored); });
   }
-  // The machine's interfaces have changed.
+  // To be called when the machine's interfaces have changed.
   void ports_changed() {
     inbox_.post([this] { update_ports(switch_); });
   }
-  // The databases have come up, perhaps again, and need a replay of everything.
+  // To be called when the databases have come up, also after a restart: replays everything.
   void data_fetched() {
     inbox_.post([this] { switch_.replay.ask(switch_.now()); });
   }
   void database_lost() {
     inbox_.post([this] { switch_.replay.database_lost(); });
   }
-  // Runs `work` on the openflow thread and waits for it, at most a few seconds. False when it has not run.
+  // Runs `work` on the openflow thread and waits for it, at most a few seconds. False if it has not run.
   bool run(std::function<void(Agent &)> work);
 
   // ---- on the openflow thread

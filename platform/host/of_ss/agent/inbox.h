@@ -1,4 +1,4 @@
-// Queue from other threads to the openflow thread: southbound messages and work, each in order. Bounded.
+// Queue from other threads to the openflow thread: southbound messages, which are bounded, and work, each in order.
 //
 // put and post may be called from any thread; take and fd belong to the openflow thread. One system call wakes the thread for
 // everything put before its next look.
@@ -30,7 +30,7 @@ class Inbox {
   // Drops everything put so far.
   void clear();
 
-  // Readable when there is something to take.
+  // Readable while anything waits to be taken.
   int fd() const { return fd_; }
   // Everything put so far; valid until the next take.
   struct Taken {

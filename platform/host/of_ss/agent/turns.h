@@ -15,7 +15,7 @@ class Turns {
  public:
   Turns(Switch &sw, const Bundles &bundles) : sw_(sw), bundles_(bundles) {}
 
-  // A connection begins a batch of messages.
+  // To be called when a connection begins a batch of messages.
   void begin(Connection &connection);
   // True if it may hand on this message, which is then charged to its share.
   bool may_take(Connection &connection, Bytes message);

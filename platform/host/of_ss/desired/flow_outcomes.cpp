@@ -1,4 +1,4 @@
-// What becomes of what the flows have handed over: barriers, results, deadlines and timeouts.
+// The outcomes of the flows' hand-overs: barriers, results, deadlines and timeouts.
 #include <algorithm>
 #include <utility>
 
@@ -244,7 +244,7 @@ void Flows::give_up(const Pending &pending) {
   if (flow && flow->state == FlowState::sent) withdraw_failed(*flow, err::kFlowModUnknown);
 }
 
-// For a flow that the daemon has, or may have.
+// Removes a failed flow that the daemon has, or may have.
 void Flows::withdraw_failed(FlowEntry &flow, const Error &error) {
   tell_deletion(flow);
   fail(flow, error);

@@ -9,7 +9,7 @@
 
 namespace host::of_ss {
 
-// Whether the flow fits the table, match, port, group and cookie filter of a delete or of a statistics request.
+// True if the flow fits the table, match, port, group and cookie filter of a delete or of a statistics request.
 bool selected(const FlowEntry &flow, const FlowMod &filter);
 
 // The flows that a modify or a delete is about, the oldest first. `scratch` is overwritten.
@@ -18,7 +18,7 @@ std::vector<FlowEntry *> targets(const FlowTable &table, const FlowMod &mod, boo
 // The flows that use the meter; kMeterAll: any meter.
 std::vector<FlowEntry *> users_of_meter(const FlowTable &table, std::uint32_t meter_id);
 
-// The flows in force among the wanted that fit. The oldest first, as they are answered.
+// The flows in force among the wanted ones that fit, the oldest first, which is the order of the answer.
 template <typename Fits>
 std::vector<FlowEntry *> flows_in_force(const FlowTable &table, const Wanted &wanted, Fits &&fits) {
   std::vector<FlowEntry *> found;

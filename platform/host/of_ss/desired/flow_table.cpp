@@ -17,7 +17,7 @@ std::uint32_t number_hash(std::uint64_t number) {
   return fold(mix(0, number));
 }
 
-// `hash` is of table and match.
+// `hash` covers table and match.
 std::uint32_t key_hash(std::uint32_t hash, std::uint16_t priority) {
   return number_hash(std::uint64_t{priority} << 32 | hash);
 }
@@ -140,7 +140,7 @@ void FlowTable::remove(FlowEntry &entry) {
   delist(entry);
   by_index_.erase(entry.slot, [this](std::uint32_t s) { return index_hash_at(s); });
   if (entry.set_aside) {
-    // It is not in the index.
+    // A flow that is set aside is not in by_key_.
   } else if (!entry.in_force) {
     take_form_out(entry);
   } else if (FlowEntry *older = at(entry.older)) {

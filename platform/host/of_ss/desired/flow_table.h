@@ -71,7 +71,7 @@ struct FlowEntry {
   bool provisional : 1 = false;  // added in an open transaction
   bool set_aside : 1 = false;    // deleted in an open transaction, which may bring it back
   bool replaces : 1 = false;     // added while a flow with its match and priority existed
-  std::uint16_t controller = 0;  // that last requested it (Peer::controller); 0 for a flow of an earlier run
+  std::uint16_t controller = 0;  // the latest requester (Peer::controller); 0 for a flow of an earlier run
 
   void hit_at(std::int64_t now) { last_hit_s = static_cast<std::uint32_t>(now / kSecondNs); }
   std::byte *message() { return reinterpret_cast<std::byte *>(this + 1); }
@@ -117,7 +117,7 @@ class FlowTable {
   // Adds a copy of the southbound flow-mod under the next index and puts it in force; `place` is find's result, and the entry in
   // force there becomes the `older` of the new one.
   FlowEntry &insert(Bytes flow_mod, const Place &place, std::int64_t now_ns);
-  // As insert, under the message's own index; later indexes will be greater. Null when the index is in use or not allowed.
+  // Like insert, under the message's own index; later indexes will be greater. Null if the index is in use or not allowed.
   FlowEntry *restore(Bytes flow_mod, std::int64_t now_ns);
   void mark_installed(FlowEntry &entry) {
     entry.state = FlowState::installed;

@@ -262,7 +262,7 @@ class Flows {
   bool watched_ = false;
   Author author_;  // of the current request
   std::uint64_t requests_ = 0;
-  // The clock of deadlines, which stands while the daemon's loop does not turn.
+  // The clock of deadlines, which stops while the daemon's loop does not turn.
   std::int64_t patience_ns_ = 0, checked_ns_ = 0, progress_ns_ = 0;
   std::uint64_t progress_ = 0;
   std::uint64_t asked_up_to_ = 0;  // last hand-over covered by a pending FlowEvents::overdue; 0 without one

@@ -1,6 +1,6 @@
-// The program on the ingress of every port: finds the flow of a packet, counts it, and does what the flow says.
+// The program on the ingress of every port: finds a packet's flow, counts the packet and carries out the flow's actions.
 //
-// It reads what the service has laid into the maps (layout.h) and never waits for anything.
+// It reads the maps that the service fills (layout.h) and never waits.
 #include <linux/bpf.h>
 #include <linux/pkt_cls.h>
 
@@ -9,15 +9,15 @@
 
 #include "../layout.h"
 
-// ---- what the shared sources want
+// ---- definitions that the shared sources require
 
 typedef struct __sk_buff dp_packet;
 #define dp_load(packet, offset, to, length) bpf_skb_load_bytes(packet, offset, to, length)
 #define dp_loop(count, step, context) bpf_loop(count, step, context, 0)
 
-struct dp_tables;  // the maps: there is one of each, so nobody asks which
+struct dp_tables;  // stands for the maps; never used, because each map exists only once
 
-// The sizes are set when the program is loaded.
+// The service sets the final sizes when it loads the program.
 #define PLANE_MAP(map_name, kind, entries, of) \
   struct {                                     \
     __uint(type, kind);                        \
@@ -41,7 +41,7 @@ struct {
   __uint(type, BPF_MAP_TYPE_HASH);
   __uint(max_entries, DP_MAX_PORTS);
   __type(key, __u32);    // interface index
-  __type(value, __u32);  // place among the ports
+  __type(value, __u32);  // place in `ports`
 } port_of SEC(".maps");
 
 struct {
@@ -69,7 +69,7 @@ PLANE_AT(dp_cached_at, cache, dp_cached)
 #include "../classify.h"
 #include "../meter.h"
 
-// ---- a packet on its way
+// ---- a packet being processed
 
 struct way {
   struct __sk_buff *skb;
@@ -77,15 +77,15 @@ struct way {
   const struct dp_control *table;
   struct dp_tally *tally;
   __u32 ingress;  // interface index
-  __u32 port;     // its place
-  __u32 l3;       // 0: no IP header
-  __u32 packets;  // that it counts as
+  __u32 port;     // the ingress port's place
+  __u32 l3;       // offset; 0: no IP header
+  __u32 packets;  // to be counted
   __u32 bytes;
-  __u16 type;  // of the frame
+  __u16 type;  // Ethernet type
 };
 
-// What the frame, or each segment that the kernel will make of it, counts as. A tag is part of the frame wherever the kernel
-// keeps it.
+// Determines the packets and bytes to count: those of the frame, or of all segments that the kernel will cut it into. A VLAN tag
+// counts even if the kernel keeps it beside the frame.
 static __always_inline void weigh(struct way *way, const struct dp_key *key, __u32 l4) {
   struct __sk_buff *skb = way->skb;
   __u32 header = 8;
@@ -125,7 +125,7 @@ static __always_inline int set_dscp(struct way *way, __u8 dscp) {
   return bpf_skb_store_bytes(skb, way->l3 + 1, &bytes[1], 1, 0);
 }
 
-// The tag that the kernel keeps beside the frame; it takes a tag out of the frame before the program sees it.
+// Changes the outer tag, which the kernel has moved out of the frame before the program sees it.
 static __always_inline int set_vlan(struct way *way, __u16 value, __u16 mask) {
   struct __sk_buff *skb = way->skb;
   if (!skb->vlan_present) return -1;
@@ -157,7 +157,7 @@ static __always_inline int rewrite(struct way *way) {
 
 // ---- meters
 
-// Whether the packet goes on.
+// True if the packet passes.
 static __always_inline int pass_meter(struct way *way) {
   if (way->flow->actions.meter == 0) return 1;
   __u32 at = way->flow->actions.meter - 1;
@@ -207,8 +207,8 @@ static __always_inline void describe(const struct way *way, const struct dp_port
   to->verified = bpf_csum_level(skb, BPF_CSUM_LEVEL_QUERY) >= 0;
 }
 
-// Copies the frame into a place of the ring for frames of up to `room` bytes, a power of two: what is taken of the ring has to be
-// known when the program is loaded. The frame's last byte is masked where the verifier sees it.
+// Copies the frame into a ring entry for frames of up to `room` bytes, a power of two, because the verifier requires a constant
+// entry size. The mask on `last` changes nothing, but proves the bound to the verifier.
 #define PUNT_WITHIN(name, room)                                                        \
   static __always_inline int name(const struct way *way, const struct dp_port *port) { \
     struct {                                                                           \
@@ -240,7 +240,7 @@ static __always_inline int punt_sized(const struct way *way, const struct dp_por
   return punt_uncut(way, port);
 }
 
-// A function of its own for the room on the stack.
+// Not inlined, so that it has its own stack frame.
 static __noinline int punt(struct way *way) {
   __u32 at = way->port;
   const struct dp_port *port = bpf_map_lookup_elem(&ports, &at);
@@ -275,7 +275,7 @@ static __always_inline int output(struct way *way) {
   }
 }
 
-// ---- the whole
+// ---- entry point
 
 SEC("tc")
 int kelim_plane(struct __sk_buff *skb) {
