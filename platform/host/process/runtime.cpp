@@ -20,7 +20,6 @@
 #include <vector>
 
 #include "host/base/loop.h"
-#include "host/base/loop_runner.h"
 #include "host/base/mutex.h"
 #include "host/base/owner_timer.h"
 #include "host/base/reload.h"
@@ -128,7 +127,6 @@ struct Runtime {
   std::string name;
   IgnorePipe ignore_pipe;
   EventBasePtr base = make_base();
-  LoopRunner runner;
   OpenMailbox open_mailbox;
   EventPtr mail;
   EventPtr terminate;
@@ -168,7 +166,6 @@ std::vector<std::function<void()>> take_mail() {
 }
 
 void read_mail(evutil_socket_t, short, void *) {
-  g_runtime->runner.heard();
   for (const auto &work : take_mail()) work();
   if (g_stop.load()) event_base_loopbreak(g_runtime->base.get());
 }
@@ -261,15 +258,10 @@ bool make_runtime(const char *name) {
   return start_services(*g_runtime);
 }
 
-// Both are false when libevent failed.
-bool run_loop() {
+// Runs the loop; QX_FAILED when libevent failed, 0 when it was ended or, with EVLOOP_ONCE in `flags`, after a turn.
+int turn(int flags) {
   g_loop_thread = std::this_thread::get_id();
-  return g_runtime->runner.run(g_runtime->base.get());
-}
-
-bool run_turn() {
-  g_loop_thread = std::this_thread::get_id();
-  return event_base_loop(g_runtime->base.get(), EVLOOP_ONCE) != -1;
+  return event_base_loop(g_runtime->base.get(), flags) == -1 ? QX_FAILED : QX_OK;
 }
 
 }  // namespace
@@ -313,7 +305,7 @@ bool run_until(const std::function<bool()> &condition, std::chrono::milliseconds
   const timeval millisecond{.tv_sec = 0, .tv_usec = 1'000};
   event_add(poll.get(), &millisecond);
   bool held = condition();
-  while (!held && std::chrono::steady_clock::now() < deadline && !g_stop && run_turn()) held = condition();
+  while (!held && std::chrono::steady_clock::now() < deadline && !g_stop && turn(EVLOOP_ONCE) == 0) held = condition();
   g_stop = false;
   return held;
 }
@@ -386,7 +378,8 @@ qx_global *qx_global_init(const char *name, void *) {
 int qx_global_run(qx_global *global) {
   if (!global || global != host::current_global()) return QX_FAILED;
   host::tell_start();
-  const int rv = host::g_stop || host::run_loop() ? QX_OK : QX_FAILED;
+  int rv = 0;
+  while (!host::g_stop && rv == 0) rv = host::turn(EVLOOP_NO_EXIT_ON_EMPTY);
   host::g_stop = false;
   host::log::info("{} ends", host::runtime_name());
   return rv;

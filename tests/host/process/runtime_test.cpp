@@ -1,9 +1,5 @@
 // The runtime: timers on the host's clock, making it again in one process.
 #include <gtest/gtest.h>
-#include <time.h>
-
-#include <future>
-#include <thread>
 
 #include "host/base/loop.h"
 #include "host/base/owner_timer.h"
@@ -98,31 +94,6 @@ TEST_F(Runtime, WhatIsHandedToTheOwnerMakesItsTimerRunAtOnceAndNoOther) {
   EXPECT_FALSE(host::run_until([&] { return told == 6; }, 20ms)) << "a clock that stands is not hastened";
   host::clock::warp(2h);
   EXPECT_TRUE(host::run_until([&] { return told == 6; }, kPatience));
-}
-
-// Processor time of the loop's thread, as the loop itself tells another thread.
-std::chrono::nanoseconds ask_loop() {
-  std::promise<std::chrono::nanoseconds> told;
-  host::post([&told] {
-    timespec used{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
-    told.set_value(std::chrono::seconds(used.tv_sec) + std::chrono::nanoseconds(used.tv_nsec));
-  });
-  return told.get_future().get();
-}
-
-TEST_F(Runtime, TheLoopSleepsAgainOnceQuestionsNoLongerComeInQuickSuccession) {
-  std::chrono::nanoseconds used{};
-  std::thread asks([&used] {
-    for (int n = 0; n < 1'000; ++n) ask_loop();
-    const auto before = ask_loop();
-    std::this_thread::sleep_for(300ms);
-    used = ask_loop() - before;
-    host::stop_loop();
-  });
-  EXPECT_EQ(qx_global_run(global), 0);
-  asks.join();
-  EXPECT_LT(used, 30ms);
 }
 
 TEST_F(Runtime, ItIsReleasedWholeAndCanBeMadeAgain) {

@@ -106,7 +106,7 @@ void Agent::main() {
   switch_.flows.client().configure_reports(report_cells_, kReportPeriodSeconds);
   endpoints_.dial();
   turn_done();
-  runner_.run(base_.get());
+  event_base_dispatch(base_.get());
 }
 
 bool Agent::run(std::function<void(Agent &)> work) {
@@ -249,7 +249,6 @@ void Agent::counters_are_there(bool late) {
 // ---- from the daemon
 
 void Agent::take_inbox() {
-  runner_.heard();
   new_turn();
   Inbox::Taken taken = inbox_.take();
   for (Bytes message; !(message = taken.next_message()).empty();) take_reply(message);

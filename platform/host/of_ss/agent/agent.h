@@ -16,7 +16,6 @@
 #include <vector>
 
 #include "host/base/event_owner.h"
-#include "host/base/loop_runner.h"
 #include "host/of_ss/agent/inbox.h"
 #include "host/of_ss/agent/settings.h"
 #include "host/of_ss/agent/turns.h"
@@ -156,7 +155,6 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   bool ticking_ = false;
   std::shared_ptr<std::atomic<bool>> daemon_turned_;
   bool asked_to_turn_ = false;  // the daemon's loop has not answered yet
-  LoopRunner runner_;
   std::thread thread_;
 };
 
