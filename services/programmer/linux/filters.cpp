@@ -60,7 +60,7 @@ bool take(std::span<const char> answer, bool ingress, std::vector<Filter> &filte
   auto length = static_cast<unsigned>(answer.size());
   for (const auto *at = reinterpret_cast<const nlmsghdr *>(answer.data()); NLMSG_OK(at, length); at = NLMSG_NEXT(at, length)) {
     if (at->nlmsg_type != RTM_NEWTFILTER) return false;
-    // The kernel also lists each preference once by itself, without a filter.
+    // One entry a preference, and one for each program there. The kernel also lists each preference once without a filter.
     Filter filter = read(*at, ingress);
     if (!filters.empty() && filters.back().ingress == ingress && filters.back().preference == filter.preference &&
         filters.back().program == 0)

@@ -18,6 +18,7 @@ struct Filter {
   bool ours() const;
 };
 
+// Of both directions; one entry for each program, and one for each preference of other kinds. Empty also if the kernel refuses.
 std::vector<Filter> list(std::uint32_t interface);
 
 // The id of the plane's program on the interface; 0: none.

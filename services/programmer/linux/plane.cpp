@@ -104,7 +104,7 @@ std::unique_ptr<Plane> Plane::load(const Wanted &wanted, Pins *pins, std::string
       bpf_object__open_mem(kelim_plane_object, static_cast<std::size_t>(kelim_plane_object_end - kelim_plane_object), nullptr));
   if (!plane->object_) return fail(why, "the program of the data plane cannot be read", errno), nullptr;
   plane->set_sizes(wanted.flows);
-  plane->inherited_ = plane->inherit(wanted.ports);
+  plane->inherited_ = plane->settled_ = plane->inherit(wanted.ports);
   if (const int rv = bpf_object__load(plane->object_.get()); rv != 0) {
     return fail(why, "the kernel refuses the program of the data plane", -rv), nullptr;
   }
@@ -210,7 +210,7 @@ std::vector<std::uint32_t> Plane::ports_in(const Pins &pins) {
 }
 
 void Plane::settle() {
-  if (pins_ && !std::exchange(inherited_, true)) pins_->settle();
+  if (!std::exchange(settled_, true) && pins_) pins_->settle();
 }
 
 template <typename T>
@@ -245,7 +245,7 @@ bool Plane::map_all(std::string &why) {
 
 // Removes the pins of a plane that was never filled, because nobody can use it.
 Plane::~Plane() {
-  if (pins_ && !inherited_) pins_->clear(Pins::kNext);
+  if (pins_ && !settled_) pins_->clear(Pins::kNext);
   for (const auto &[at, bytes] : mappings_) munmap(at, bytes);
 }
 

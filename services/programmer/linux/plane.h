@@ -77,6 +77,7 @@ class Plane {
 
   Pins *pins_ = nullptr;
   bool inherited_ = false;
+  bool settled_ = false;  // this is the plane in force
   std::vector<std::uint32_t> earlier_ports_;
   std::unique_ptr<bpf_object, Free> object_;
   std::vector<std::pair<void *, std::size_t>> mappings_;
