@@ -107,6 +107,8 @@ void Audit::turn() {
   look_.reset();
   hurried_ = false;
   cost_ = {};
+  // Cancelled because a caller that finishes a look itself leaves the timer of its next step.
+  timer_.cancel();
   if (options_.interval.count())
     timer_.arm(std::clamp<clock::Time>(pause, options_.interval, kMostIntervals * options_.interval));
 }
