@@ -123,6 +123,11 @@ class AgentTest : public RuntimeTest {
     key.t_flow_type = 3, key.flow_index = index;
     store(SPolicyKelim__ParseFlow(S_POLICY_KELIM__PARSE_FLOW__INIT), key, QX_MOM_APP_DB);
   }
+  // Reports what a flow has counted, and waits until the agent knows: its next request may come in before the report.
+  void report(std::uint64_t index, std::uint64_t packets, std::uint64_t bytes) {
+    PlayedDaemon::report(index, packets, bytes);
+    ASSERT_TRUE(c.settle());
+  }
   // Reports that the programming service has read all counters once more; if a flow is given, its counters had changed.
   void count_round(std::uint64_t index = 0) {
     SPolicyKelim__FlowKey key = flow_key(index);

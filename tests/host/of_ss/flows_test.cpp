@@ -344,7 +344,7 @@ TEST_F(AgentFlows, BarriersWithoutEndAreNotTakenWithoutEnd) {
 // A changed flow gets a new index first, and the old one goes when the new one is in.
 TEST_F(AgentFlows, AChangeThatFailsLeavesTheOldFlowAndOneThatSucceedsReplacesIt) {
   apply(flow_mod(ipv4_flow(1)));
-  PlayedDaemon::report(1, 10, 1000);
+  report(1, 10, 1000);
   const Message change = flow_mod(with_output(ipv4_flow(1, 30), 7));
   hand_over(change, 2);
   PlayedDaemon::fail(2, 1);
@@ -412,7 +412,7 @@ TEST_F(AgentFlows, TheSameFlowAgainIsNotHandedOverAgain) {
   FlowMod f = ipv4_flow(1);
   f.out_port = 0, f.out_group = 0, f.cookie_mask = 0xff;
   apply(flow_mod(f));
-  PlayedDaemon::report(1, 10, 1000);
+  report(1, 10, 1000);
   apply(flow_mod(f));
   EXPECT_EQ(packets_of(dump()[0]), 10u);
   f.flags = 4;
@@ -429,7 +429,7 @@ TEST_F(AgentFlows, AModifyChangesTheActionsAndNothingElse) {
   FlowMod f = ipv4_flow(1);
   f.cookie = 9, f.idle = 30, f.hard = 40, f.priority = 7;
   apply(flow_mod(f));
-  PlayedDaemon::report(1, 10, 1000);
+  report(1, 10, 1000);
   FlowMod m = with_output({}, 7);
   m.command = 1, m.cookie = 77, m.idle = 1, m.hard = 1, m.priority = 8;
   apply(flow_mod(m));
@@ -598,7 +598,7 @@ TEST_F(AgentFlows, AFlowsEndIsReportedToThoseWhoWantToHearOfIt) {
   f.flags = 1, f.cookie = 0xc0, f.idle = 5, f.hard = 6, f.priority = 9;
   const auto reports = [&] {
     apply(flow_mod(f) + flow_mod(ipv4_flow(2)));
-    PlayedDaemon::report(index_of(daemon.flows(true).back()) - 1, 3, 300);
+    report(index_of(daemon.flows(true).back()) - 1, 3, 300);
     apply(flow_mod(everything()));
     EXPECT_TRUE(slave.settle());
     shy.ask(message(2, 2));  // an echo is no request
