@@ -60,6 +60,7 @@ TEST_F(FlowDb, BucketsOfWhatIsDeletedAreUsedAgain) {
   EXPECT_EQ(ssc_kelim_del_flow_node(nullptr), -5);
   add(6);
   EXPECT_EQ(in_buckets(5, 1), Indexes{6});
+  for (std::uint64_t flow : {1, 3, 5, 6}) ssc_kelim_del_flow_node(find(flow));
   for (std::uint64_t flow = 100; flow < 1100; ++flow) ssc_kelim_del_flow_node(add(flow));
   EXPECT_EQ(flow_info_list->n_buckets, 8u) << "deletions do not make it grow";
 }
