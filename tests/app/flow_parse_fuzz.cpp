@@ -1,6 +1,5 @@
 // Any bytes as a flow-mod: both parsers, the port checks, the dump, and the road into a record and back.
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 
@@ -9,12 +8,9 @@
 #include "ssc_kelim/sdn/ssc_kelim_flow_parse.h"
 #include "ssc_kelim/sdn/ssc_kelim_flow_store.h"
 #include "ssc_kelim/sdn/ssc_sdn_proxy_dbg.h"
+#include "support/require.h"
 
 namespace {
-
-void require(bool holds) {
-  if (!holds) std::abort();
-}
 
 // What a parsed flow is stored as reads back as the same rules and actions.
 void convert_and_read_back(const flow_info_node &node) {

@@ -126,14 +126,10 @@ TEST_F(FlowRecords, Actions) {
       {"above MAX", output(0xffffff01), 0x1, 0x11, " output_ifx=0xffffff01", " fwd=0x1 redirect_ifx=0xffffff01"},
       {"NORMAL", output(0xfffffffa), 0x1, 0x11, " output_ifx=0xfffffffa", " fwd=0x1 redirect_ifx=0xfffffffa"},
       {"IN_PORT", output(0xfffffff8), 0x1, 0x216, " output_ifx=0xfffffff8", " ctrl=0x1 redirect_ifx=0xfffffff8"},
-      {"ALL", output(0xfffffffc), 0x1, 0x216, " output_ifx=0xfffffffc", " ctrl=0x1 redirect_ifx=0xfffffffc"},
       {"the controller and a priority", set_field(0x80000e01, hex("04")) + output(0xfffffffd), 0x21, 0x216,
        " output_ifx=0xfffffffd mod_cos=0x4", " mod_cos=0x4 ctrl=0x1 redirect_ifx=0xfffffffd"},
       {"MAX", output(0xffffff00), 0x1, 0x10, " output_ifx=0xffffff00", " redirect_ifx=0xffffff00", kNoPort + "(0xffffff00)."},
-      {"TABLE", output(0xfffffff9), 0x1, 0x10, " output_ifx=0xfffffff9", " redirect_ifx=0xfffffff9", kNoPort + "(0xfffffff9)."},
-      {"FLOOD", output(0xfffffffb), 0x1, 0x10, " output_ifx=0xfffffffb", " redirect_ifx=0xfffffffb", kNoPort + "(0xfffffffb)."},
       {"LOCAL", output(0xfffffffe), 0x1, 0x10, " output_ifx=0xfffffffe", " redirect_ifx=0xfffffffe", kNoPort + "(0xfffffffe)."},
-      {"ANY", output(0xffffffff), 0x1, 0x10, " output_ifx=0xffffffff", " redirect_ifx=0xffffffff", kNoPort + "(0xffffffff)."},
   };
   store(
       cases, [](const auto &c) { return flow_mod({.match = {}, .actions = c.actions}); },

@@ -8,67 +8,18 @@ import os
 import random
 import resource
 import signal
-import threading
 import time
 import unittest
 
 import e2e
-import test_processes
+import load
 
 FLAPS = int(os.environ.get("KELIM_FLAPS", 8))
 SEED = int(os.environ.get("KELIM_SEED", time.time_ns() % 100_000))
-FLOWS = 300
-CHAIN_FLOWS = range(FLOWS - 40, FLOWS)  # in table 1
+CHAIN = range(load.FLOWS - 40, load.FLOWS)  # flows of the service chain, in table 1
 
 
-class Load(threading.Thread):
-    """Adds and deletes flows in batches, each followed by a barrier; `asked` holds the flows that exist according to the switch."""
-
-    def __init__(self, system, chance, asked):
-        super().__init__()
-        self.system, self.chance = system, chance
-        self.asked, self.doubtful = set(asked), set()
-        self.problem = None
-        self.forgetful = False  # True: the next daemon starts without flows
-        self.enough = threading.Event()
-        self.start()
-
-    def run(self):
-        try:
-            while not self.enough.is_set() or self.doubtful:
-                try:
-                    with self.system.client() as client:
-                        self._work(client)
-                except TimeoutError:  # a barrier without an answer
-                    raise
-                except (OSError, EOFError):  # the daemon ended in the middle of a batch
-                    if self.forgetful:
-                        self.asked.clear()
-                    self.enough.wait(0.05)
-        except Exception as problem:  # reported by the test
-            self.problem = problem
-
-    def _work(self, client):
-        self._batch(client, self.doubtful, adds=False)
-        while not self.enough.is_set():
-            numbers = {self.chance.randrange(FLOWS) for _ in range(20)}
-            self._batch(client, numbers, adds=self.chance.random() < 0.6)
-
-    def _batch(self, client, numbers, adds):
-        self.doubtful = set(numbers)
-        act = client.add if adds else client.delete
-        sent = {act(number, table=int(number in CHAIN_FLOWS)): number for number in sorted(numbers)}
-        failed = {sent.get(message.xid) for message in client.barrier()}
-        self.asked = (self.asked - self.doubtful) | ((self.doubtful - failed) if adds else set())
-        self.doubtful = set()
-
-    def stop(self):
-        self.enough.set()
-        self.join()
-        return self.asked
-
-
-class Flaps(e2e.Test):
+class Flaps(load.Test):
     def cut(self):
         """Cuts every connection to the server, or those of one process to one database."""
         if self.chance.random() < 0.5:
@@ -120,30 +71,23 @@ class Flaps(e2e.Test):
         resource.prlimit(pid, resource.RLIMIT_NOFILE, limits)
 
     def kill_service(self):
-        self.kill("kelim-programmer")
+        self.kill(self.system, "kelim-programmer")
 
     def kill_daemon(self):
-        self.kill("ssc_kelim")
+        self.kill(self.system, "ssc_kelim")
 
     def kill_server(self):
         """Kills the server; the next one is empty, so the daemon ends."""
-        self.load.forgetful = True
-        self.kill("redis-server", "ssc_kelim")
+        self.flows.forgetful = True
+        self.kill(self.system, "redis-server", "ssc_kelim")
 
-    def kill(self, *names):
-        before = [len(self.system.pids(name)) for name in names]
-        self.system.signal(names[0], signal.SIGKILL)
-        again = lambda: all(len(self.system.pids(name)) > count for name, count in zip(names, before))
-        self.await_that(lambda: again() and self.system.ready(), f"another {names}")
-
-    def differences(self, asked):
-        found = test_processes.Processes.differences(self, self.system, asked)
+    def differences(self, system, asked):
+        found = super().differences(system, asked)
         if found:
             return found
-        chains = {kind: {key.split(":")[1] for key in e2e.records(self.system.socket, kind, database=4)}
+        chains = {kind: {key.split(":")[1] for key in e2e.records(system.socket, kind, database=4)}
                   for kind in ("parse_flow", "flow_to_ace", "flow_to_ace_sta")}
-        wanted = {key.split(":")[0] for key, flow in e2e.records(self.system.socket, "flow").items()
-                  if test_processes.number_of(flow) in CHAIN_FLOWS}
+        wanted = {key.split(":")[0] for key, flow in e2e.records(system.socket, "flow").items() if load.number_of(flow) in CHAIN}
         return {kind: sorted(keys ^ wanted)[:5] for kind, keys in chains.items() if keys != wanted}
 
     def test_nothing_is_lost_and_nothing_comes_back(self):
@@ -152,18 +96,14 @@ class Flaps(e2e.Test):
         self.system = self.system(programmer_counter_rate=100, programmer_counter_interval_ms=200, mom_dead_after_ms=1000)
         blows = (self.cut, self.outage, self.freeze, self.refuse_writes, self.empty_database, self.forget_scripts, self.starve,
                  self.kill_service, self.kill_daemon, self.kill_server)
-        asked = set()
+        asked = ()
         for flap in range(FLAPS):
-            self.load = load = Load(self.system, self.chance, asked)
+            self.flows = load.Load(self.system, self.chance, asked, CHAIN)
             time.sleep(self.chance.uniform(0, 0.3))
             blow = self.chance.choice(blows)
             blow()
-            asked = load.stop()
-            self.assertIsNone(load.problem)
-            end = time.monotonic() + e2e.LIMIT
-            while found := self.differences(asked):
-                self.assertLess(time.monotonic(), end, (flap, blow.__name__, found))
-                time.sleep(0.1)
+            asked = self.flows.stop()
+            self.assert_of_one_mind(self.system, asked, after=(flap, blow.__name__))
 
 
 if __name__ == "__main__":

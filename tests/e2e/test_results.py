@@ -108,17 +108,6 @@ class Results(e2e.Test):
         self.await_that(lambda: not self.stored(running, "parse_flow"), "its end")
         self.assertNotIn("flow_index", running.command("dump_ssc_all_flow_info"))
 
-    def test_statistics_of_six_hundred_flows_come_whole_in_one_sequence(self):
-        running = self.daemon(programmer_counter_interval_ms=100, programmer_counter_rate=1000)
-        client = self.client(running)
-        for number in range(600):
-            client.add(number)
-        self.assertEqual(client.barrier(), [])
-        self.await_that(lambda: len(self.stored(running, "flow_counter")) == 600, "600 counter records")
-        entries = client.flow_statistics()
-        self.assertEqual(len(entries), 600)
-        self.assertTrue(all(packets > 0 and octets == 100 * packets for packets, octets in entries))
-
     def test_flows_of_another_client_come_back_as_they_were_sent(self):
         flows = [
             "priority=30,tcp6,ipv6_dst=2001:db8::/32,tp_dst=443 actions=CONTROLLER:65535",

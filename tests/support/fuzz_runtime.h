@@ -1,14 +1,9 @@
 // One runtime for all inputs of a fuzzer.
 #pragma once
 
-#include <cstdlib>
-
 #include "host/base/loop.h"
+#include "support/require.h"
 #include "support/runtime_fixture.h"
-
-inline void require(bool holds) {
-  if (!holds) std::abort();
-}
 
 inline const std::string &run_dir() {
   static const TempDir dir;

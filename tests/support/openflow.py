@@ -151,33 +151,6 @@ class Client:
                 return before
             before.append(message)
 
-    def flow_statistics(self):
-        """Returns (packets, bytes) of every flow, from one multipart sequence in which nothing else arrives."""
-        every = struct.pack("!B3xII4xQQ", 0xFF, ANY, ANY, 0, 0) + match()
-        xid = self.send(MULTIPART_REQUEST, struct.pack("!HH4x", 1, 0) + every)
-        entries, more = [], True
-        while more:
-            message = self.receive()
-            assert (message.type, message.xid) == (MULTIPART_REPLY, xid), message
-            more = struct.unpack_from("!HH", message.raw, HEADER.size)[1] & 1
-            at = HEADER.size + 8
-            while at < len(message.raw):
-                entries.append(struct.unpack_from("!QQ", message.raw, at + 32))
-                at += struct.unpack_from("!H", message.raw, at)[0]
-        return entries
-
-    def quiet(self, seconds):
-        """Returns the messages that arrive before a pause of that length, possibly none."""
-        messages = []
-        self.socket.settimeout(seconds)
-        try:
-            while True:
-                messages.append(self.receive())
-        except (TimeoutError, socket.timeout):
-            return messages
-        finally:
-            self.socket.settimeout(self.PATIENCE)
-
 
 ERRORS = {(1, 5): "OFPBRC_EPERM", (5, 0): "OFPFMFC_UNKNOWN"}  # those that occur in the tests
 

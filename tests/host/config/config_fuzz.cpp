@@ -8,12 +8,9 @@
 #include <string>
 
 #include "host/config/config.h"
+#include "support/require.h"
 
 namespace {
-
-void require(bool holds) {
-  if (!holds) std::abort();
-}
 
 // The file, in memory only; the host reads it by its name.
 int file() {

@@ -1,20 +1,16 @@
 // Any bytes where others write to the Redis server: payloads of the channels, values of objects and names of what has expired,
 // for every record type. A record that is delivered is whole: it is shown, and packed again within its bound as the same record.
 // A key that is taken is written as a name that reads as the same key.
-#include <cstdlib>
 #include <vector>
 
 #include "host/mom/hub.h"
 #include "host/mom/record/render.h"
 #include "host/mom/redis/layout.h"
+#include "support/require.h"
 
 namespace {
 
 using namespace host::mom;
-
-void require(bool holds) {
-  if (!holds) std::abort();
-}
 
 std::size_t decoded;
 

@@ -24,52 +24,6 @@ class MomViews : public testing::Test {
   World world{"Embedded", {{"control.enabled", "true"}}};
 };
 
-TEST_F(MomViews, RecordsAreShownAsPeopleWriteThem) {
-  std::uint8_t mac[] = {0x00, 0x1b, 0x21, 0x0a, 0x0b, 0xff};
-  std::uint8_t ipv6[16] = {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
-  std::uint8_t data[] = {0xde, 0xad};
-  PLibpub__Mac dst_mac = P_LIBPUB__MAC__INIT;
-  PLibpub__Ipv4 ip = P_LIBPUB__IPV4__INIT;
-  PLibpub__Ipv6 source = P_LIBPUB__IPV6__INIT;
-  dst_mac.data = {sizeof mac, mac};
-  ip.data = 0xc0a80107;
-  source.data = {sizeof ipv6, ipv6};
-  SPolicyKelim__FlowField field = S_POLICY_KELIM__FLOW_FIELD__INIT;
-  field.flow_field_bitmap = 1u << 3 | 1u << 11 | std::uint64_t{1} << 40;
-  field.dst_mac = &dst_mac;
-  field.dst_ipv4 = &ip;
-  field.ipv6_src = &source;
-  field.cos = -1;
-  char app_type[] = "sdn_app";
-  SPolicyKelim__FlowAce ace = S_POLICY_KELIM__FLOW_ACE__INIT, *aces[] = {&ace};
-  ace.sn = UINT64_MAX;
-  ace.acl_app_type = app_type;
-  Flow flow(17);
-  flow.record.status = S_POLICY_KELIM__STATUS_E__STATUS_RESOURCE;
-  flow.record.flow_field = &field;
-  flow.record.flow_data = {sizeof data, data};
-  flow.record.n_ace = 1;
-  flow.record.ace = aces;
-  ASSERT_EQ(world.set(flow), 0);
-  ASSERT_EQ(world.set(OncIp(0x0100000a)), 0);
-
-  EXPECT_EQ(view("mom", {{"op", "get"}, {"key", "s_policy_kelim.flow:17:0"}}),
-            Json::parse(R"({"total": 1, "skipped": 0, "objects": [
-    {"db": 8, "key": "s_policy_kelim.flow:17:0", "record": {
-      "index": {"flow_index": 17, "vsd_id": 0},
-      "status": "STATUS_RESOURCE",
-      "mac_loopback_phyid": 0,
-      "flow_data": "dead",
-      "flow_field": {"flow_field_bitmap": ["OXM_SS_OF_ETH_DST", "OXM_SS_OF_IPV4_DST", "bit 40"], "dst_mac": "00:1b:21:0a:0b:ff",
-                     "dst_ipv4": "192.168.1.7", "ipv6_src": "2001:db8::1", "cos": -1},
-      "flow_action": null,
-      "ace": [{"sn": 18446744073709551615, "acl_app_type": "sdn_app"}],
-      "req_uuid": 0}}]})"));
-  const Json scan = view("mom", {{"op", "scan"}, {"type", "s_policy_kelim.onc_ip"}});
-  EXPECT_EQ(scan.at("objects")[0].at("key"), "s_policy_kelim.onc_ip:0:16777226");
-  EXPECT_EQ(scan.at("objects")[0].at("record").at("index").at("ip"), "10.0.0.1");
-}
-
 TEST_F(MomViews, CountsAndRefusesClearly) {
   world.watch<0>(Flow::kType);
   ASSERT_EQ(libcgstctrl_gen_init(world.global(), 8, "test"), 0);

@@ -1,9 +1,7 @@
 // The OpenFlow agent towards its controllers: handshake, every message, hostile peers, roles.
-#include <arpa/inet.h>
 #include <ifaddrs.h>
 #include <net/if.h>
 
-#include "host/fault/fault.h"
 #include "host/of_ss/agent_world.h"
 
 namespace {
@@ -177,6 +175,7 @@ TEST_F(Refused, Requests) {
       "OFPBRC_MULTIPART_BUFFER_OVERFLOW multipart in more parts: 12 0000 0001 00000000",
       "OFPBAC_BAD_OUT_PORT PACKET_OUT to a missing port: 0d ffffffff fffffffd 0010 000000000000 0000 0010 00000009 ffff "
       "000000000000",
+      "OFPBAC_BAD_OUT_PORT to NORMAL: 0d ffffffff fffffffd 0010 000000000000 0000 0010 fffffffa ffff 000000000000",
       "OFPGMFC_OUT_OF_GROUPS GROUP_MOD add: 0f 0000 00 00 00000001",
       "OFPGMFC_UNKNOWN_GROUP GROUP_MOD modify: 0f 0001 00 00 00000001",
       "OFPGMFC_BAD_COMMAND GROUP_MOD command 9: 0f 0009 00 00 00000001",
@@ -303,24 +302,6 @@ TEST_F(Refused, FlowsForTheirHead) {
   EXPECT_EQ(error_of(c.ask(other_match)), "OFPBMC_BAD_TYPE");
 }
 
-TEST_F(Agent, TableFeaturesAreWholeAndPadded) {
-  const Message reply = c.ask(message(18, 5, hex("000c 0000 00000000")));
-  std::size_t tables = 0;
-  for (std::size_t at = 16; at < reply.size(); ++tables) {
-    const std::size_t end = at + get(reply, at, 2);
-    ASSERT_LE(end, reply.size());
-    EXPECT_EQ(get(reply, at + 2, 1), tables);
-    EXPECT_EQ(get(reply, at + 60, 4), 100'000u) << "max_entries";
-    for (at += 64; at < end;) {
-      const std::size_t length = get(reply, at + 2, 2);
-      ASSERT_GE(length, 4u);
-      at += (length + 7) / 8 * 8;
-    }
-    ASSERT_EQ(at, end) << "the properties fill the table's features";
-  }
-  EXPECT_EQ(tables, 2u);
-}
-
 // A message of another version is refused and the connection goes on; transaction number 0 is as good as any.
 TEST_F(Agent, UnusualHeadersAreAnswered) {
   daemon.hold_barriers(true);
@@ -414,22 +395,6 @@ TEST_F(Agent, TheDaemonIsToldWhenTheInterfacesOfTheControllersChange) {
   EXPECT_TRUE(until([&] { return daemon.told(southbound::kMgmtIfx) == "2: 180004000c000100" + outer; }));
   far.close();
   EXPECT_TRUE(until([&] { return daemon.told(southbound::kClose) == "1: 070004000c000100" + outer; }));
-}
-
-// What was announced or withdrawn while the database was away, or before a restart, is lost.
-TEST_F(Agent, ASynchronisationAnnouncesTheControllersThatAreThereAndWithdrawsTheOthers) {
-  SPolicyKelim__OncIpKey key = S_POLICY_KELIM__ONC_IP_KEY__INIT;
-  key.ip = inet_addr("10.9.8.7");
-  store(SPolicyKelim__OncIp S_POLICY_KELIM__ONC_IP__INIT, key);
-  const auto told = [this] { return daemon.of_type(southbound::kOncInfo); };
-  daemon.forget();
-  host::fault::fail(host::fault::Point::mom_scan, -1);
-  ss_of_ds_fetch();
-  ASSERT_TRUE(until([&] { return told().size() == 1; }));
-  EXPECT_EQ(to_hex(told()[0]).substr(16), "000000007f000001");
-  warp(1s);
-  ASSERT_TRUE(until([&] { return told().size() == 2; })) << "the database is asked again";
-  EXPECT_EQ(to_hex(told()[1]).substr(16), "010000000a090807");
 }
 
 // ---- hostile and broken peers; another controller is served as before

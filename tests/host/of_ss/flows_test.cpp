@@ -172,32 +172,6 @@ TEST_F(AgentFlows, ABarrierWaitsForWhatWasHandedOverBeforeIt) {
   EXPECT_EQ(get(c.await(21), 4, 4), 14u);
 }
 
-// What a reply says of its own length does not matter, neither to it nor to those behind it.
-TEST_F(AgentFlows, ABarrierReplyIsAsLongAsTheDaemonHandsItOver) {
-  for (const std::uint16_t length : {0, 20, 23, 25, 65535}) {
-    daemon.claim_barrier_length(length);
-    apply(flow_mod(ipv4_flow(length)) + flow_mod(ipv4_flow(length, 1)));
-    EXPECT_TRUE(errors().empty()) << length;
-  }
-}
-
-// Some controllers number a batch and its barrier alike.
-TEST_F(AgentFlows, AFlowThatFailsLaterIsAnsweredOnceWithTheRequestAndBeforeTheBarrier) {
-  FlowMod f = ipv4_flow(1, 10);
-  f.cookie = 0x1122334455667788;
-  const Message request = flow_mod(f);
-  hand_over(request + flow_mod(ipv4_flow(2, 11)) + barrier(11), 2);
-  for (const auto &[index, result] : {std::pair{1, 1}, {1, 2}, {2, 2}, {99, 2}}) PlayedDaemon::fail(index, result);
-  daemon.answer_barriers();
-  EXPECT_EQ(get(c.await(21), 4, 4), 11u);
-  ASSERT_EQ(c.received().size(), 3u);
-  EXPECT_EQ(get(c.received()[2], 1, 1), 21u);
-  EXPECT_EQ(errors(), (Strings{"OFPFMFC_TABLE_FULL 10", "OFPFMFC_UNKNOWN 11"}));
-  EXPECT_EQ(to_hex(data_of(c.received()[0])), to_hex(std::span(request).first(64)));
-  EXPECT_TRUE(dump().empty()) << "a failed flow is no longer desired";
-  EXPECT_TRUE(daemon.flows(false).empty()) << "the daemon has dropped it itself";
-}
-
 TEST_F(AgentFlows, AReplyGoesToTheConnectionThatAskedNotToItsNumber) {
   daemon.hold_barriers(true);
   {
@@ -684,18 +658,6 @@ TEST_F(AgentFlows, HardAndIdleTimeoutsEndAFlow) {
 }
 
 // ---- synchronisation and restart
-
-// After a restart of what programs them, flows that do not fit any more get one more chance, and are then reported as removed.
-TEST_F(AgentFlows, AnInstalledFlowThatFailsIsAddedOnceMoreAndThenReported) {
-  apply(flow_mod(ipv4_flow(1)));
-  PlayedDaemon::fail(1, 2);
-  ASSERT_TRUE(until([this] { return daemon.flows(true).size() == 2; }));
-  EXPECT_EQ(dump().size(), 1u);
-  PlayedDaemon::fail(2, 2);
-  EXPECT_FALSE(c.await(11).empty());
-  EXPECT_TRUE(dump().empty());
-  EXPECT_TRUE(errors().empty());
-}
 
 // A life that ended in the middle of a change has left both forms of a flow; one that ended while a service-chain flow was being
 // deleted has left its record. A synchronisation hands everything over again unchanged, meters before all flows, which may be

@@ -46,11 +46,6 @@ class PlayedDaemon {
     hold_ = false;
     for (const Message &barrier : std::exchange(held_, {})) answer(barrier);
   }
-  // Sets the length in the header of barrier replies; the daemon echoes the request's.
-  void claim_barrier_length(std::uint16_t length) {
-    const std::lock_guard lock(mutex_);
-    barrier_length_ = length;
-  }
   // Adds counters to the answer to every statistics request.
   void count(std::uint64_t index, std::uint64_t packets, std::uint64_t bytes) {
     const std::lock_guard lock(mutex_);
@@ -118,7 +113,6 @@ class PlayedDaemon {
   }
   void answer(Message barrier) {
     southbound::put(barrier.data(), southbound::kType, std::uint16_t{southbound::kBarrierReply});
-    southbound::put(barrier.data(), southbound::kLen, barrier_length_);
     send(barrier);
   }
   void record(const Message &m) {
@@ -136,7 +130,6 @@ class PlayedDaemon {
   mutable std::mutex mutex_;
   std::atomic<unsigned> calls_{0};
   bool hold_ = false;
-  std::uint16_t barrier_length_ = southbound::kBarrierLen;
   std::vector<Message> messages_, held_, counters_;
   std::map<std::uint16_t, std::size_t> seen_;
   std::size_t adds_ = 0;

@@ -1,21 +1,17 @@
 // Any bytes where the OpenFlow agent reads: a flow-mod, a statistics filter, a packet-out or a meter-mod of a controller. What is
 // accepted must hold together: it is a message that could be stored and taken over, it is given back to the controller as a
 // message that reads as the same flow, and it matches itself.
-#include <cstdlib>
 #include <cstring>
 #include <vector>
 
 #include "host/of_ss/desired/meters.h"
+#include "support/require.h"
 
 namespace {
 
 using namespace host::of_ss;
 
 constexpr std::uint32_t kPorts[] = {1, 2, 7};
-
-void require(bool holds) {
-  if (!holds) std::abort();
-}
 
 struct Nobody final : FlowEvents {
   void flow_failed(const Origin &, const Error &, Bytes) override {}
