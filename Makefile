@@ -9,6 +9,8 @@ SHELL := /bin/bash
 PRESET ?= release
 # Passed on to ctest, for example: make test ARGS="-R barrier"
 ARGS ?=
+# Which end-to-end tests `make kernels` runs
+export TESTS ?= dataplane packets
 JOBS := $(shell nproc)
 
 bin = build/$(1)/bin
@@ -90,6 +92,14 @@ arm64: ## builds for 64-bit ARM into build/arm64 and runs all tests but e2e unde
 	@echo "Building for 64-bit ARM; then its tests, under QEMU"
 	$(call build,arm64)
 	$(call ctest,arm64)
+
+.PHONY: kernels
+kernels: ## the data plane's tests on Debian 12's own kernel, amd64 and arm64, under QEMU (TESTS=dataplane)
+	$(call packages,arm64 kernels)
+	@tools/make/arm64-sysroot
+	$(call build,release,$(programs))
+	$(call build,arm64,$(programs))
+	@tools/kernels/kernels amd64=$(call bin,release) arm64=$(call bin,arm64)
 
 .PHONY: deb-arm64
 deb-arm64: ## builds the Debian packages for 64-bit ARM into build/deb-arm64
