@@ -139,6 +139,12 @@ bench-compare: ## compares the daemon with Open vSwitch, and the path over Redis
 	$(call build,release,$(programs) of_load loop_probe redis_load)
 	@bench/compare.py $(call bin,release) $(ARGS)
 
+.PHONY: bench-planes
+bench-planes: ## compares the data plane with Open vSwitch's user-space data path and a Linux bridge (needs root; ARGS=--quick)
+	$(call packages,bench-compare)
+	$(call build,release,$(programs) of_load packet_load)
+	@bench/planes.py $(call bin,release) $(ARGS)
+
 .PHONY: format
 format: ## formats the C++ sources in place
 	$(call packages,format)

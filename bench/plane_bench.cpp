@@ -13,7 +13,7 @@ using namespace programmer::dataplane;
 
 struct Memory {
   explicit Memory(std::uint32_t room)
-      : masks(2 * DP_MAX_MASKS), buckets(std::bit_ceil(room / 2)), flows(room + room / 8 + 1024), counts(flows.size()), before(flows.size()) {
+      : masks(2 * DP_MAX_MASKS), buckets(std::bit_ceil(room / 2)), flows(room + room / 32 + 1024), counts(flows.size()), before(flows.size()) {
     tables = {&control,
               masks.data(),
               buckets.data(),
