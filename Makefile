@@ -9,6 +9,8 @@ SHELL := /bin/bash
 PRESET ?= release
 # Passed on to ctest, for example: make test ARGS="-R barrier"
 ARGS ?=
+# Which end-to-end tests `make kernels` runs
+export TESTS ?= dataplane packets
 JOBS := $(shell nproc)
 
 bin = build/$(1)/bin
@@ -91,6 +93,14 @@ arm64: ## builds for 64-bit ARM into build/arm64 and runs all tests but e2e unde
 	$(call build,arm64)
 	$(call ctest,arm64)
 
+.PHONY: kernels
+kernels: ## the data plane's tests on Debian 12's own kernel, amd64 and arm64, under QEMU (TESTS=dataplane)
+	$(call packages,arm64 kernels)
+	@tools/make/arm64-sysroot
+	$(call build,release,$(programs))
+	$(call build,arm64,$(programs))
+	@tools/kernels/kernels amd64=$(call bin,release) arm64=$(call bin,arm64)
+
 .PHONY: deb-arm64
 deb-arm64: ## builds the Debian packages for 64-bit ARM into build/deb-arm64
 	$(call packages,arm64 deb)
@@ -128,6 +138,12 @@ bench-compare: ## compares the daemon with Open vSwitch, and the path over Redis
 	$(call packages,bench-compare)
 	$(call build,release,$(programs) of_load loop_probe redis_load)
 	@bench/compare.py $(call bin,release) $(ARGS)
+
+.PHONY: bench-planes
+bench-planes: ## compares the data plane with Open vSwitch's user-space data path and a Linux bridge (needs root; ARGS=--quick)
+	$(call packages,bench-compare)
+	$(call build,release,$(programs) of_load packet_load)
+	@bench/planes.py $(call bin,release) $(ARGS)
 
 .PHONY: format
 format: ## formats the C++ sources in place

@@ -99,7 +99,8 @@ def start_with_redis(bin_dir):
     return Switch(REDIS, running.port, lambda: [running.pids(name)[-1] for name in running.NAMES], stop, running)
 
 
-def start_ovs(_):
+def start_ovs(_, datapath="dummy", interfaces=()):
+    """With the data path "netdev" it forwards packets; port N is the N-th interface."""
     tmp = Path(tempfile.mkdtemp(prefix="kelim-compare-"))
     reserved = daemon.Port()
     port = reserved.number
@@ -128,10 +129,12 @@ def start_ovs(_):
         start("ovsdb-server", db, f"--remote=punix:{sock}", f"--unixctl={tmp}/ovsdb.ctl")
         vsctl = ["ovs-vsctl", f"--db=unix:{sock}", "--no-wait", "--retry", "--timeout=15"]
         subprocess.run([*vsctl, "init"], env=env, check=True)
-        subprocess.run([*vsctl, "add-br", "br0", "--", "set", "bridge", "br0", "datapath_type=dummy", "protocols=OpenFlow13",
+        subprocess.run([*vsctl, "add-br", "br0", "--", "set", "bridge", "br0", f"datapath_type={datapath}", "protocols=OpenFlow13",
                         "fail_mode=secure", "--", "set-controller", "br0", f"ptcp:{port}:127.0.0.1"], env=env, check=True)
-        switch = start("ovs-vswitchd", f"unix:{sock}", "--enable-dummy=override", "--disable-system", "-vconsole:off",
-                       f"--unixctl={tmp}/vswitchd.ctl")
+        for number, name in enumerate(interfaces, 1):
+            subprocess.run([*vsctl, "add-port", "br0", name, "--", "set", "interface", name, f"ofport_request={number}"], env=env, check=True)
+        dummy = ["--enable-dummy=override"] if datapath == "dummy" else []
+        switch = start("ovs-vswitchd", f"unix:{sock}", *dummy, "--disable-system", "-vconsole:off", f"--unixctl={tmp}/vswitchd.ctl")
         daemon.wait_until(ready, 15, "Open vSwitch answering")
     except BaseException:
         stop()

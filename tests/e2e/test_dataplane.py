@@ -14,7 +14,10 @@ import unittest
 import e2e
 import daemon
 import network
-from interfaces import UDP, OnInterfaces, frame, ipv4, ipv6, udp
+import openflow
+import packet_table
+from interfaces import UDP, OnInterfaces, frame, ipv4, udp
+from packet_table import ACTIONS, EXT_HEADERS, EXT_MATCHES, MATCHES, PACKETS, needed
 
 NOBODY = 65534
 
@@ -67,54 +70,62 @@ class DataPlane(OnInterfaces):
         self.two.plug((1, 2, 3))
         self.await_that(lambda: self.one.ping(self.two) == 1, "the ping behind the port that is back")
 
-    def test_what_a_flow_matches_and_what_it_does_to_a_packet(self):
-        datagram, fragment = ipv4(udp(53)), ipv4(udp(53), fragment=8)
-        v6 = ipv6(udp(53))
-        extended = ipv6(struct.pack("!BB6x", UDP, 0) + udp(54), proto=0)
-        cases = (  # flow, sent, received by the second host; None: the flow does not match
-            ("udp,tp_dst=53", frame(datagram), frame(datagram)),
-            ("udp,tp_dst=53", frame(fragment), None),
-            ("udp,nw_dst=10.0.0.0/30", frame(fragment), frame(fragment)),
-            ("udp,nw_dst=10.0.0.0/30", frame(ipv4(udp(53), destination="10.0.0.5")), None),
-            ("udp,tp_dst=53", frame(datagram[:22]), None),
-            ("udp6,tp_dst=54", frame(extended, 0x86DD), frame(extended, 0x86DD)),
-            ("ip,nw_tos=184", frame(ipv4(udp(1), dscp=46)), frame(ipv4(udp(1), dscp=46))),
-            ("ip,nw_tos=184", frame(ipv4(udp(1), dscp=45)), None),
-            ("dl_vlan=7,dl_vlan_pcp=3", frame(datagram, tag=0x6007), frame(datagram, tag=0x6007)),
-            ("dl_vlan=7,dl_vlan_pcp=3", frame(datagram, tag=0x4007), None),
-            ("dl_vlan=7", frame(datagram), None),
-            ("dl_dst=02:00:00:00:00:00/ff:ff:ff:ff:ff:00", frame(datagram), frame(datagram)),
-            ("dl_src=02:00:00:00:00:09", frame(datagram), None),
-        )
-        changes = (  # match, actions, sent, received
-            ("ip", "set_field:46->ip_dscp", frame(ipv4(udp(1), dscp=10)), frame(ipv4(udp(1), dscp=46))),
-            ("ipv6", "set_field:46->ip_dscp", frame(v6, 0x86DD), frame(ipv6(udp(53), dscp=46), 0x86DD)),
-            ("dl_vlan=7", "set_field:4104->vlan_vid", frame(datagram, tag=0x6007), frame(datagram, tag=0x6008)),
-            ("dl_vlan=7", "set_field:5->vlan_pcp", frame(datagram, tag=0x6007), frame(datagram, tag=0xA007)),
-            ("ip", "set_field:02:00:00:00:00:77->eth_dst,set_field:02:00:00:00:00:66->eth_src,set_queue:3", frame(datagram),
-             frame(datagram, source="02:00:00:00:00:66", destination="02:00:00:00:00:77")),
-        )
-        cases = [(match, "", sent, received) for match, sent, received in cases] + list(changes)
-        here, there, _ = self.sockets()
+    def arrived(self, frames, hosts):
+        """What each of these hosts has received ahead of the frame that is sent last, which goes to all but the first."""
         end = frame(ipv4(b"end", proto=99))
-        self.add("priority=9,in_port=1,ip,nw_proto=99,actions=output:2")
-        for match, actions, sent, received in cases:
-            with self.subTest(match=match, actions=actions, sent=sent.hex()):
-                flow = f"priority=5,in_port=1,{match}"
-                self.add(f"{flow},actions={actions}{',' if actions else ''}output:2")
-                for packet in (sent, end):
-                    here.send(packet)
-                self.assertEqual([network.receive(there) for _ in range(2 if received else 1)], [received, end] if received else [end])
-                self.add(flow, command="del-flows")
+        frames[0].send(end)
+        found = {}
+        for number in hosts:
+            found[number] = list(iter(lambda: network.receive(frames[number - 1]), end))
+        return found
 
-    def test_reserved_ports(self):
-        here, there, third = self.sockets()
-        packet = frame(ipv4(udp(1)))
-        for output, receivers in (("in_port", [here]), ("all", [there, third])):
-            with self.subTest(output=output):
-                self.add(f"in_port=1,actions=output:{output}")
-                here.send(packet)
-                self.assertEqual([network.receive(each) for each in receivers], [packet] * len(receivers))
+    def expect(self, frames, received, **case):
+        with self.subTest(**case):
+            wanted = {number: [PACKETS[received[f"port {number}"]]] if f"port {number}" in received else [] for number in (2, 3)}
+            self.assertEqual(self.arrived(frames, (2, 3)), wanted)
+            if "port 1" in received:
+                self.assertEqual(network.receive(frames[0]), PACKETS[received["port 1"]])
+
+    def test_every_field_matches_and_every_action_does_what_the_table_says(self):
+        network.run("ip", "link", "add", "br0", "type", "bridge", "mcast_snooping", 0)  # where NORMAL leads to
+        self.addCleanup(network.run, "ip", "link", "delete", "br0")
+        for interface in ("p1", "p2", "p3", "br0"):
+            network.run("ip", "link", "set", interface, "up", *(("master", "br0") if interface != "br0" else ()))
+        frames, client = self.sockets(), self.client(self.switch)
+        self.add("priority=9,in_port=1,ip,nw_proto=99,actions=all")
+        for field, flow, yes, no in MATCHES:
+            self.add(f"priority=5,{flow},actions=output:2")
+            self.match_all(frames, yes, no, field=field, flow=flow)
+            self.add(f"priority=5,{flow}", command="del-flows")
+        for bits, mask, yes, no in EXT_MATCHES:
+            headers = openflow.oxm(EXT_HEADERS, struct.pack("!H", bits), struct.pack("!H", mask))
+            match = openflow.match(openflow.oxm(5, b"\x86\xdd"), headers)
+            client.send(openflow.FLOW_MOD, openflow.flow_mod(openflow.ADD, match, openflow.apply_actions(openflow.output(2)), priority=5))
+            self.assertEqual(client.barrier(), [])
+            self.match_all(frames, yes, no, field="ipv6_exthdr", flow=(bits, mask))
+            client.send(openflow.FLOW_MOD, openflow.flow_mod(openflow.DELETE_STRICT, match, priority=5))
+            client.barrier()
+        for action, actions, sent, received, also in ACTIONS:
+            flow = f"priority=5,in_port=1,{needed(action, sent)}"
+            self.add(f"{flow},actions={actions}")
+            frames[0].send(PACKETS[sent])
+            self.expect(frames, received, action=action, sent=sent)
+            self.add(flow, command="del-flows")
+            done = e2e.ofctl(self.switch.port, "packet-out", f"in_port=1 packet={PACKETS[sent].hex()} actions={actions}")
+            self.assertEqual(done.returncode == 0 and not done.stderr, also, (action, done))
+            if also:
+                client.barrier()
+                self.expect(frames, received, packet_out=action, sent=sent)
+
+    def match_all(self, frames, yes, no, **case):
+        for packets, received in ((yes, True), (no, False)):
+            for name in packets:
+                frames[0].send(PACKETS[name])
+                self.expect(frames, {"port 2": name} if received else {}, packet=name, **case)
+
+    def test_the_document_shows_the_table_that_was_run(self):
+        shown = pathlib.Path(__file__).parents[2].joinpath("docs/dataplane.md").read_text()
+        self.assertTrue(packet_table.markdown() in shown, "the output of tests/support/packet_table.py belongs there")
 
     # The forwarding flow is changed repeatedly while packets arrive.
     def test_a_change_under_traffic_loses_and_doubles_no_packet(self):

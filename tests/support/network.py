@@ -122,12 +122,17 @@ def receive(frames):
     return frame
 
 
+def private():
+    """Moves this process into a network namespace of its own."""
+    check(libc.unshare(CLONE_NEWNET))
+    with open("/proc/sys/net/ipv6/conf/default/disable_ipv6", "w") as setting:
+        setting.write("1")
+    run("ip", "link", "set", "lo", "up")
+
+
 class Network:
     def __init__(self, hosts=2):
-        check(libc.unshare(CLONE_NEWNET))
-        with open("/proc/sys/net/ipv6/conf/default/disable_ipv6", "w") as setting:
-            setting.write("1")
-        run("ip", "link", "set", "lo", "up")
+        private()
         numbers = range(1, hosts + 1)
         self.hosts = [Host(number) for number in numbers]
         for host in self.hosts:

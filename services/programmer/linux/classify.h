@@ -141,9 +141,10 @@ DP_INLINE int dp_is_cached(const struct dp_cached *cached, __u64 current, const 
 DP_INLINE __u32 dp_classify(const struct dp_tables *tables, const struct dp_control *control, const struct dp_key *packet) {
   const dp_word *key = (const dp_word *)packet;
   const __u64 current = *(const volatile __u64 *)&control->current;
-  if (!control->cache) return dp_search_all(tables, control, current, key, packet->eth_type);
+  const __u32 sets = *(const volatile __u32 *)&control->cache;
+  if (sets == 0) return dp_search_all(tables, control, current, key, packet->eth_type);
   const __u64 hash = dp_hash(key, 0);
-  const __u32 at = ((__u32)hash & (DP_CACHE_SETS - 1)) * DP_CACHE_WAYS;
+  const __u32 at = ((__u32)hash & (sets - 1)) * DP_CACHE_WAYS;
   struct dp_cached *first = dp_cached_at(tables, at), *second = dp_cached_at(tables, at + 1);
   if (!first || !second) return 0;
   if (dp_is_cached(first, current, key)) return first->place;

@@ -37,7 +37,7 @@ FlowTable::Words FlowTable::words_of(const dp_key &key) {
 // Ends a change by invalidating the results that readers have cached.
 void FlowTable::publish() {
   store<__u64>(memory_.control->current, memory_.control->current + 2);
-  store<__u32>(memory_.control->cache, rows_ >= DP_CACHE_FROM ? 1 : 0);
+  store<__u32>(memory_.control->cache, rows_ >= DP_CACHE_FROM ? memory_.cache_sets : 0);
 }
 
 dp_mask *FlowTable::list(bool in_force) const {

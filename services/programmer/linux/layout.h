@@ -158,14 +158,14 @@ struct dp_control {
   __u32 version;
   __u32 bucket_mask;
   __u32 flows;    // places, which is also the length of a row of counters
-  __u32 cache;    // 1: a packet is looked up in the cache first
+  __u32 cache;    // sets of the cache, in which a packet is looked up first; 0: it is not
   __u32 punting;  // 1: controllers want packets
   __u32 zero;
 };
 
 // A cached look-up of one processor. Valid while the table's `current` is the same. The cache is used from DP_CACHE_FROM masks
 // on, because with fewer a search is faster.
-enum { DP_CACHE_SETS = 4096, DP_CACHE_WAYS = 2, DP_CACHE_FROM = 4 };
+enum { DP_CACHE_SETS = 4096, DP_CACHE_MAX_SETS = 32768, DP_CACHE_WAYS = 2, DP_CACHE_FROM = 4 };  // sets: at least, at most
 struct dp_cached {
   __u64 current;
   struct dp_key key;

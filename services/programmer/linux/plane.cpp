@@ -68,6 +68,8 @@ std::string missing_capabilities() {
   return missing;
 }
 
+constexpr std::uint32_t kCaches = 12 << 20;  // bytes of all processors' caches, unless the least possible size is more
+
 struct Size {
   const char *map;
   std::uint32_t entries;
@@ -113,13 +115,18 @@ std::unique_ptr<Plane> Plane::load(const Wanted &wanted, Pins *pins, std::string
 
 void Plane::set_sizes(std::uint32_t flows) {
   // More places than flows, because vacated places wait for a grace period even if the table is full.
-  tables_.places = flows + flows / 8 + 1024;
+  tables_.places = flows + flows / 32 + 1024;
   tables_.bucket_count = std::max(2U, std::bit_ceil(flows / 2));
-  tables_.rows = static_cast<std::uint32_t>(std::max(libbpf_num_possible_cpus(), 1)) + 1;  // the last one is the service's own
+  const auto processors = static_cast<std::uint32_t>(std::max(libbpf_num_possible_cpus(), 1));
+  tables_.rows = processors + 1;  // the last one is the service's own
+  constexpr std::uint32_t kSet = DP_CACHE_WAYS * sizeof(dp_cached);
+  tables_.cache_sets =
+      std::clamp<std::uint32_t>(std::bit_floor(kCaches / (processors * kSet)), DP_CACHE_SETS, DP_CACHE_MAX_SETS);
   const Size sizes[] = {{"buckets", tables_.bucket_count},
                         {"flows", tables_.places},
                         {"counts", tables_.places * (tables_.rows + 1)},
-                        {"tallies", tables_.rows}};
+                        {"tallies", tables_.rows},
+                        {"cache", tables_.cache_sets * DP_CACHE_WAYS}};
   for (const Size &size : sizes) bpf_map__set_max_entries(bpf_object__find_map_by_name(object_.get(), size.map), size.entries);
 }
 
