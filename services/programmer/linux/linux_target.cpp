@@ -276,6 +276,11 @@ void LinuxTarget::describe(const Tell &tell) const {
   for (const auto &[why, count] : refused_) tell(("refused: " + why).c_str(), count);
 }
 
+// The match fields are all that an entry can hold.
+std::optional<Capabilities> LinuxTarget::capabilities() const {
+  return Capabilities{.name = "linux", .flows = size_, .meters = DP_MAX_METERS, .bands = DP_MAX_BANDS, .forwards_packets = true};
+}
+
 std::optional<PlaneState> LinuxTarget::plane() const {
   return PlaneState{.pins = pins_ ? pins_->directory() : "",
                     .unpinned = unpinned_,

@@ -55,6 +55,7 @@ class LinuxTarget final : public Target {
   Usage usage() const override;
   void describe(const Tell &tell) const override;
   std::optional<PlaneState> plane() const override;
+  std::optional<Capabilities> capabilities() const override;
 
  private:
   // A slot's share of the plane: a place in the table for each entry of the flow.
