@@ -15,7 +15,7 @@ constexpr std::uint16_t kControllerNoBuffer = 0xffff;
 // The context in which actions are read.
 struct Context {
   const WireMatch *match;  // null: a packet-out
-  std::span<const std::uint32_t> ports;
+  const Terms &terms;
 };
 
 // The southbound list being built.
@@ -55,7 +55,7 @@ const ReservedPort *find_reserved(std::uint32_t number) {
 }
 
 bool may_output(const Context &context, std::uint32_t number) {
-  if (number <= port::kMax) return is_port(context.ports, number);
+  if (number <= port::kMax) return is_port(context.terms.ports, number);
   const ReservedPort *reserved = find_reserved(number);
   return reserved && (context.match ? reserved->for_flows : reserved->for_packets);
 }
@@ -77,7 +77,8 @@ Verdict read_output(Bytes action, const Context &context, List &list) {
 Verdict read_set_queue(Bytes action, const Context &context, List &list) {
   if (action.size() != kSetQueueLen) return refuse(err::kActionBadLen, "set_queue", "the length of the action is not 8");
   const std::uint32_t queue = be32(action, 4);
-  if (queue < kQueueMin || queue > kQueueMax) return refuse(err::kBadQueue, "set_queue", "no such queue, allowed are 1 to 8");
+  if (queue < kQueueMin || queue > context.terms.target.queues)
+    return refuse(err::kBadQueue, "set_queue", "no such queue; kelimctl capabilities lists those that exist");
   if (list.output && context.match) return kAfterOutput;
   std::byte *at = list.add(kSetQueue, kSetQueueLen);
   if (!at) return kTooManyActions;
@@ -85,18 +86,18 @@ Verdict read_set_queue(Bytes action, const Context &context, List &list) {
   return {};
 }
 
-Verdict read_group(Bytes, const Context &, List &) {
+Verdict refuse_group(Bytes, const Context &, List &) {
   return refuse(err::kBadOutGroup, "group", "the switch has no groups");
 }
 
-Verdict read_experimenter(Bytes, const Context &, List &) {
+Verdict refuse_experimenter(Bytes, const Context &, List &) {
   return refuse(err::kActionBadExperimenter, "experimenter action", "the switch knows no experimenter's actions");
 }
 
 // The field that a set-field sets; null if it cannot be set.
-const OxmField *settable(std::uint32_t header) {
+const OxmField *settable(std::uint32_t header, const Abilities &target) {
   const std::uint8_t number = header >> 9 & 0x7f;
-  return header >> 16 == 0x8000 && !(header >> 8 & 1) && can_set(number) ? &oxm_field(number) : nullptr;
+  return header >> 16 == 0x8000 && !(header >> 8 & 1) && target.sets(number) ? &oxm_field(number) : nullptr;
 }
 
 Verdict check_set_field(Bytes action, const OxmField &field, const Context &context) {
@@ -112,9 +113,10 @@ Verdict check_set_field(Bytes action, const OxmField &field, const Context &cont
 }
 
 Verdict read_set_field(Bytes action, const Context &context, List &list) {
-  const OxmField *field = settable(be32(action, 4));
+  const OxmField *field = settable(be32(action, 4), context.terms.target);
   if (!field)
-    return refuse(err::kBadSetType, "set_field", "allowed are eth_dst, eth_src, vlan_vid, vlan_pcp and ip_dscp, without a mask");
+    return refuse(err::kBadSetType, "set_field",
+                  "a mask, or a field that is not set; kelimctl capabilities lists those that are");
   if (const Verdict verdict = check_set_field(action, *field, context); verdict.refused()) return verdict;
   if (list.output && context.match) return kAfterOutput;
   std::byte *at = list.add(kSetField, action.size());
@@ -128,42 +130,50 @@ Verdict refuse_action(Bytes, const Context &, List &) {
   return refuse(err::kBadAction, "actions", "the switch does not carry out this type of action");
 }
 
-// Every action of OpenFlow 1.3, supported ones first.
+// Every action of OpenFlow 1.3, those that can be supported first.
+using Read = Verdict (*)(Bytes action, const Context &context, List &list);
 struct ActionRow {
-  Capability kind;
-  std::size_t argument = 0;  // bytes of the number behind the header, for texts; 2 bytes are an EtherType
-  Verdict (*read)(Bytes action, const Context &context, List &list) = refuse_action;
+  std::uint16_t type;
+  const char *name;
+  std::size_t argument = 0;     // bytes of the number behind the header; 2 bytes are an EtherType
+  Read read = nullptr;          // null: never supported
+  Read refuse = refuse_action;  // if it is not supported
 };
 constexpr ActionRow kActions[] = {
-    {{kOutput, "output", true}, 4, read_output},
-    {{kSetQueue, "set_queue", true}, 4, read_set_queue},
-    {{kSetField, "set_field", true}, 0, read_set_field},
-    {{kGroup, "group", false}, 4, read_group},
-    {{kActionExperimenter, "experimenter", false}, 4, read_experimenter},
-    {{11, "copy_ttl_out", false}},
-    {{12, "copy_ttl_in", false}},
-    {{15, "set_mpls_ttl", false}, 1},
-    {{16, "dec_mpls_ttl", false}},
-    {{17, "push_vlan", false}, 2},
-    {{18, "pop_vlan", false}},
-    {{19, "push_mpls", false}, 2},
-    {{20, "pop_mpls", false}, 2},
-    {{23, "set_nw_ttl", false}, 1},
-    {{24, "dec_nw_ttl", false}},
-    {{26, "push_pbb", false}, 2},
-    {{27, "pop_pbb", false}},
+    {kOutput, "output", 4, read_output},
+    {kSetQueue, "set_queue", 4, read_set_queue},
+    {kSetField, "set_field", 0, read_set_field},
+    {kGroup, "group", 4, nullptr, refuse_group},
+    {kActionExperimenter, "experimenter", 4, nullptr, refuse_experimenter},
+    {11, "copy_ttl_out"},
+    {12, "copy_ttl_in"},
+    {15, "set_mpls_ttl", 1},
+    {16, "dec_mpls_ttl"},
+    {17, "push_vlan", 2},
+    {18, "pop_vlan"},
+    {19, "push_mpls", 2},
+    {20, "pop_mpls", 2},
+    {23, "set_nw_ttl", 1},
+    {24, "dec_nw_ttl"},
+    {26, "push_pbb", 2},
+    {27, "pop_pbb"},
 };
-constexpr ActionRow kUnknownAction{{0, "action", false}, 2};
+constexpr ActionRow kUnknownAction{0, "action", 2};
+
+bool does(const ActionRow &row, const Abilities &target) {
+  return row.read && target.does(row.type);
+}
 
 const ActionRow &row_of(std::uint16_t type) {
   for (const ActionRow &row : kActions)
-    if (row.kind.type == type) return row;
+    if (row.type == type) return row;
   return kUnknownAction;
 }
 
 Verdict read_action(Bytes action, const Context &context, List &list) {
   const std::uint16_t type = be16(action, 0);
-  return row_of(type).read(action, context, list);
+  const ActionRow &row = row_of(type);
+  return (does(row, context.terms.target) ? row.read : row.refuse)(action, context, list);
 }
 
 // The actions of a list to read: the output of an action set acts last, wherever it stands.
@@ -289,7 +299,7 @@ const OxmField &set_field_row(const SouthboundAction &action) {
 
 // True if the action is long enough for the field that it names; false only for actions not written by read_set_field.
 bool holds_field(const SouthboundAction &action) {
-  return action.bytes.size() >= sb::kActionValue + set_field_row(action).width && can_set(set_field_row(action).number);
+  return action.bytes.size() >= sb::kActionValue + set_field_row(action).width && kKnownSets >> set_field_row(action).number & 1;
 }
 
 void put_wire_action(const SouthboundAction &action, Writer &out) {
@@ -339,13 +349,13 @@ std::string action_text(const SouthboundAction &action) {
 
 }  // namespace
 
-Verdict decode_instructions(Bytes from, const WireMatch &match, std::span<const std::uint32_t> ports, Instructions &out) {
+Verdict decode_instructions(Bytes from, const WireMatch &match, const Terms &terms, Instructions &out) {
   out.meter_id = 0;
   out.form = 0;
   out.length = 0;
   Found found;
   if (const Verdict verdict = sort_out(from, found, out); verdict.refused()) return verdict;
-  const Context context{&match, ports};
+  const Context context{&match, terms};
   List list{out};
   if (const Verdict verdict = read_actions(found.applied, Pass::every, context, list); verdict.refused()) return verdict;
   out.applied = static_cast<std::uint8_t>(list.count);
@@ -354,10 +364,10 @@ Verdict decode_instructions(Bytes from, const WireMatch &match, std::span<const 
   return read_actions(found.written, Pass::output, context, list);
 }
 
-Verdict decode_packet_out_actions(Bytes from, std::span<const std::uint32_t> ports, Instructions &out) {
+Verdict decode_packet_out_actions(Bytes from, const Terms &terms, Instructions &out) {
   out.length = 0;
   List list{out};
-  return read_actions(from, Pass::every, {nullptr, ports}, list);
+  return read_actions(from, Pass::every, {nullptr, terms}, list);
 }
 
 void encode_wire_instructions(Bytes flow_mod, Writer &out) {
@@ -410,9 +420,9 @@ std::string wire_action_text(Bytes action) {
   if (type == kOutput && action.size() == kOutputLen) return output_text(be32(action, 4), be16(action, 8));
   if (type == kSetField) return "set_field:" + turned(wire_field_text(action.subspan(4)));
   if (&row == &kUnknownAction) return fmt::format("action:{}", type);
-  if (row.argument == 0) return row.kind.name;
+  if (row.argument == 0) return row.name;
   const std::uint32_t number = number_at(action, 4, row.argument);
-  return row.argument == 2 ? fmt::format("{}:0x{:04x}", row.kind.name, number) : fmt::format("{}:{}", row.kind.name, number);
+  return row.argument == 2 ? fmt::format("{}:0x{:04x}", row.name, number) : fmt::format("{}:{}", row.name, number);
 }
 
 // Calls `show` with each piece of a list whose pieces are {type u16, length u16, ...}; "..." is shown where the bytes end early.
@@ -441,13 +451,6 @@ std::string wire_instruction_text(Bytes instruction) {
   return type == kMeterInstruction ? fmt::format("{}:{}", name, be32(instruction, 4)) : name;
 }
 
-template <typename Rows>
-std::vector<Capability> kinds(const Rows &rows) {
-  std::vector<Capability> all;
-  for (const auto &row : rows) all.push_back(row.kind);
-  return all;
-}
-
 }  // namespace
 
 std::string wire_actions_text(Bytes instructions) {
@@ -455,16 +458,23 @@ std::string wire_actions_text(Bytes instructions) {
   return text.empty() ? "drop" : text;
 }
 
-std::vector<Capability> action_kinds() {
-  return kinds(kActions);
+std::vector<Capability> action_kinds(const Abilities &target) {
+  std::vector<Capability> all;
+  for (const ActionRow &row : kActions) all.push_back({row.type, row.name, does(row, target)});
+  return all;
+}
+
+std::uint64_t known_actions() {
+  std::uint64_t known = 0;
+  for (const ActionRow &row : kActions)
+    if (row.read) known |= bits(row.type);
+  return known;
 }
 
 std::vector<Capability> instruction_kinds() {
-  return kinds(kInstructions);
-}
-
-bool can_set(std::uint8_t number) {
-  return number == kOxmEthDst || number == kOxmEthSrc || number == kOxmVlanVid || number == kOxmVlanPcp || number == kOxmIpDscp;
+  std::vector<Capability> all;
+  for (const InstructionRow &row : kInstructions) all.push_back(row.kind);
+  return all;
 }
 
 std::span<const ReservedPort> reserved_ports() {
