@@ -41,6 +41,38 @@ class Target : public AgentTest {
   }
 };
 
+// An action list of a target that carries lists out, and what is wrong with it.
+TEST_F(Target, GetsOnlyListsThatActOnEveryPacketOfTheFlow) {
+  STarget__Capabilities record = plain();
+  record.actions = ~std::uint64_t{0}, record.set_fields = ~std::uint64_t{0}, record.several_outputs = true;
+  ASSERT_NO_FATAL_FAILURE(announce(record));
+  const Message pop = hex("0012 0008 00000000"), push = hex("0011 0008 81000000"), dec_ttl = hex("0018 0008 00000000"),
+                vid = hex("0019 0010 80000c02 1007 0000 00000000"), tcp_dst = hex("0019 0010 80001c02 0050 0000 00000000"),
+                normal = output(0xfffffffa), any;
+  const struct {
+    Message fields, instructions;
+    const char *error;
+  } cases[] = {
+      {hex("80000a02 0800"), of_wire::apply(dec_ttl + output(1) + push + vid + output(2) + pop + dec_ttl + output(7)), ""},
+      {any, of_wire::apply(dec_ttl + output(2)), "OFPBAC_MATCH_INCONSISTENT"},
+      {any, of_wire::apply(pop + output(2)), "OFPBAC_MATCH_INCONSISTENT"},
+      {hex("80000c02 1007"), of_wire::apply(pop + output(2)), ""},
+      {hex("80000c02 1007"), of_wire::apply(pop + vid + output(2)), "OFPBAC_MATCH_INCONSISTENT"},
+      {hex("80000a02 0800"), of_wire::apply(tcp_dst + output(2)), "OFPBAC_MATCH_INCONSISTENT"},
+      {any, of_wire::apply(hex("0011 0008 91000000") + output(2)), "OFPBAC_BAD_ARGUMENT"},
+      {any, of_wire::apply(normal + output(2)), "OFPBAC_UNSUPPORTED_ORDER"},
+      {any, instruction(3, output(1) + output(2)), "OFPBAC_TOO_MANY"},
+      {any, of_wire::apply(output(1)) + instruction(3, output(2) + vid + push), ""},
+  };
+  FlowMod f;
+  for (std::uint32_t xid = 1; const auto &one : cases) {
+    f.fields = one.fields, f.instructions = one.instructions;
+    EXPECT_EQ(answer(f, ++xid), one.error) << xid;
+  }
+  f.table = 1, f.fields = any, f.instructions = of_wire::apply(output(1) + output(2));
+  EXPECT_EQ(answer(f, 100), "OFPBAC_TOO_MANY") << "entries of the service chain";
+}
+
 constexpr char kSetEthDst[] = "0019 0010 80000606 020000000001 0000", kQueue8[] = "0015 0008 00000008";
 
 TEST_F(Target, DecidesWhatIsAcceptedAndWhatIsToldOfIt) {

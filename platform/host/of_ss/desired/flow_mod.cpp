@@ -88,9 +88,9 @@ Verdict decode_flow_mod(Bytes request, const Terms &terms, FlowMod &out) {
     Instructions instructions;
     const Bytes from = request.subspan(fm::kMatch + match.wire_len);
     const bool translated = is_for_service_chain(southbound_match(out.southbound()));
-    const Abilities target = translated ? by_entries(terms.target) : terms.target;
-    if (const Verdict verdict = decode_instructions(from, match, {terms.ports, target}, instructions); verdict.refused())
-      return verdict;
+    const Verdict verdict =
+        decode_instructions(from, match, translated ? Terms{terms.ports, by_entries(terms.target)} : terms, instructions);
+    if (verdict.refused()) return verdict;
     put_instructions(instructions, out);
   }
   put_head(request, out);

@@ -37,7 +37,7 @@ struct Abilities {
 inline constexpr Abilities kUnannounced{};
 
 // The fields whose values the library can set, if the target can.
-inline constexpr std::uint64_t kKnownSets = kUnannounced.set_fields;
+inline constexpr std::uint64_t kKnownSets = kUnannounced.set_fields | bits(11, 12, 13, 14, 15, 16, 26, 27);
 
 // What remains for flows that the service chain translates into entries.
 constexpr Abilities by_entries(Abilities target) {

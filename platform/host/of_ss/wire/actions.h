@@ -62,8 +62,10 @@ struct ReservedPort {
 };
 std::span<const ReservedPort> reserved_ports();
 
-// The port of the flow's output; 0 if it has none.
+// The port of the flow's output; 0 if it has none, kSeveralPorts if it outputs to different ones.
+inline constexpr std::uint32_t kSeveralPorts = 0xfffffff0;
 std::uint32_t output_port(Bytes flow_mod);
+bool outputs_to(Bytes flow_mod, std::uint32_t port);
 
 // The parts of a southbound flow-mod, bounded by its length; empty if the bytes are missing.
 Bytes southbound_match(Bytes flow_mod);
