@@ -110,7 +110,7 @@ void decode(benchmark::State &state) {
   std::uint32_t n = 0;
   for (auto _ : state) {
     const WireFlow flow(++n);
-    const Verdict verdict = decode_flow_mod(flow.span(), kPorts, mod);
+    const Verdict verdict = decode_flow_mod(flow.span(), {kPorts}, mod);
     if (verdict.refused()) state.SkipWithError(verdict.why);
     benchmark::DoNotOptimize(mod);
   }
@@ -133,7 +133,7 @@ void decode_and_add(benchmark::State &state) {
       state.ResumeTiming();
     }
     const WireFlow flow(++n % static_cast<std::uint32_t>(state.range(0)));
-    if (decode_flow_mod(flow.span(), kPorts, mod).refused()) state.SkipWithError("refused");
+    if (decode_flow_mod(flow.span(), {kPorts}, mod).refused()) state.SkipWithError("refused");
     flows->apply(mod, {1, n}, flow.span(), n);
   }
   drain();
@@ -168,7 +168,7 @@ void longest_add(benchmark::State &state) {
     Flows flows(callbacks, quiet, trace, FlowLimits{});
     for (std::uint32_t n = 0; n < state.range(0); ++n) {
       const WireFlow flow(n);
-      decode_flow_mod(flow.span(), kPorts, mod);
+      decode_flow_mod(flow.span(), {kPorts}, mod);
       const double start = cpu_now_s();
       flows.apply(mod, {1, n}, flow.span(), n);
       longest = std::max(longest, cpu_now_s() - start);
@@ -197,7 +197,7 @@ struct Scene {
     for (std::uint32_t n = 0; n < size; ++n) add(n);
   }
   void read(const WireFlow &wire) {
-    if (decode_flow_mod(wire.span(), ports, mod).refused()) abort();
+    if (decode_flow_mod(wire.span(), {ports}, mod).refused()) abort();
   }
   void add(std::uint32_t n, bool check_overlap = false) {
     WireFlow wire(n);

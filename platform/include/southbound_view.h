@@ -92,6 +92,11 @@ class flow_view {
   bool ends_at_match() const { return read<std::uint16_t>(bytes_, kLen) == instruction_offset(); }
   // The stated length of the action list; 0 if the message ends before it.
   std::int32_t actions_len() const { return read<std::int32_t>(bytes_, instruction_offset()); }
+  // The list's bytes as far as the message goes; none if it ends before the list.
+  bytes action_bytes() const {
+    const bytes from = tail(instruction_offset() + kInstructionLen);
+    return from.first(std::min(from.size(), static_cast<std::size_t>(std::max(actions_len(), std::int32_t{0}))));
+  }
   // For a message that ends before its list, a walk over one entry that is not whole.
   action_walk actions() const {
     const std::size_t first = instruction_offset() + kInstructionLen;

@@ -182,10 +182,10 @@ const char *read_actions(Bytes bytes, bool sets_priority, Actions &out) {
 
 // Deliberate: the bit of the VLAN priority is present with every output to IN_PORT, ALL or CONTROLLER; for an ordinary flow only
 // the flow's own actions tell whether the priority is set.
-const char *read_entry(Bytes bytes, bool flow_sets_priority, Entry &entry) {
+const char *read_entry(Bytes bytes, bool flow_sets_priority, Entry &entry, bool &ordinary) {
   Message ace;
   if (!ace.read(bytes)) return "an entry that cannot be read";
-  const bool ordinary = ace.number(kAceSn) == kNoSequenceNumber;
+  ordinary = ace.number(kAceSn) == kNoSequenceNumber;
   if (const char *fault = read_match(ace.fields[kAceMatch].bytes, entry)) return fault;
   return read_actions(ace.fields[kAceActions].bytes, !ordinary || flow_sets_priority, entry.actions);
 }
@@ -200,6 +200,12 @@ bool read_flow_mod(Bytes flow_mod, FlowProgram &out) {
   return true;
 }
 
+const char *read_list(Bytes flow_mod, FlowProgram &out) {
+  if (const char *fault = read_actions(sb::flow_view(flow_mod.data(), flow_mod.size()).action_bytes(), out.list)) return fault;
+  if (!says_more(out.list)) out.list.clear();
+  return nullptr;
+}
+
 bool sets_priority(Bytes flow_action) {
   Message action;
   return action.read(flow_action) && (action.number(kBitmap) & bit(S_POLICY_KELIM__FLOW_ACTION_E__SET_VLAN_PCP)) != 0;
@@ -209,6 +215,7 @@ bool sets_priority(Bytes flow_action) {
 
 const char *read_program(Bytes flow_record, FlowProgram &out) {
   out.entries.clear();
+  out.list.clear();
   Bytes flow_mod, flow_action;
   records::Reader reader(flow_record);
   for (records::Field field; reader.next(field);) {
@@ -218,12 +225,14 @@ const char *read_program(Bytes flow_record, FlowProgram &out) {
   if (reader.broken()) return "a record that cannot be read";
   if (!read_flow_mod(flow_mod, out)) return "a record without its flow-mod";
   const bool priority = sets_priority(flow_action);
+  bool ordinary = false;
   records::Reader entries(flow_record);
   for (records::Field field; entries.next(field);) {
     if (field.number != kFlowAce) continue;
-    if (const char *fault = read_entry(field.bytes, priority, out.entries.emplace_back())) return fault;
+    if (const char *fault = read_entry(field.bytes, priority, out.entries.emplace_back(), ordinary)) return fault;
   }
-  return out.entries.empty() ? "a record without an entry" : nullptr;
+  if (out.entries.empty()) return "a record without an entry";
+  return ordinary && out.entries.size() == 1 ? read_list(flow_mod, out) : nullptr;
 }
 
 }  // namespace programmer

@@ -2,13 +2,15 @@
 // priority.
 //
 // Match and rewrites come from the record's access-control entries, of which an ordinary flow has one and a flow of the service
-// chain several; priority, table, cookie and meter come from the flow-mod in the record.
+// chain several; priority, table, cookie and meter come from the flow-mod in the record, and so does the action list of an
+// ordinary flow where it says more than an entry can.
 #pragma once
 
 #include <array>
 #include <cstdint>
 #include <vector>
 
+#include "programmer/actions.h"
 #include "record_reader.h"
 
 namespace programmer {
@@ -54,6 +56,7 @@ struct FlowProgram {
   std::uint64_t cookie = 0;
   std::uint32_t meter = 0;  // 0: none
   std::vector<Entry> entries;
+  std::vector<Action> list;  // the whole list, if it says more than the entry's actions, which then do not count; else empty
 };
 
 // Null, or the reason why the flow cannot be programmed: malformed bytes, or an unsupported field or action.

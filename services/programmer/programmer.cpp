@@ -5,6 +5,7 @@
 #include <memory>
 #include <stdexcept>
 
+#include "programmer/announcement.h"
 #include "programmer/chain.h"
 #include "programmer/context.h"
 #include "programmer/counter_report.h"
@@ -13,6 +14,7 @@
 #include "programmer/settings.h"
 #include "programmer/targets.h"
 #include "s_policy_kelim.pb-c.h"
+#include "s_target.pb-c.h"
 #include "ssat.h"
 
 namespace programmer {
@@ -34,6 +36,7 @@ struct Service {
         service_chain(options.service_chain),
         flows(context),
         target(make_target(context, options, flows)),
+        announcement(context, *target),
         counters(context, flows.table(), *target, options.counter_interval_ms),
         meters(context, *target),
         addresses(context, *target),
@@ -46,6 +49,7 @@ struct Service {
   bool service_chain;
   FlowRecords flows;
   std::unique_ptr<Target> target;
+  Announcement announcement;
   CounterReport counters;
   SettingRecords<MeterKind> meters;
   SettingRecords<AddressKind> addresses;
@@ -80,6 +84,9 @@ constexpr Subscription kSubscriptions[] = {
     {kFlowDb,
      {{&s_policy_kelim__onc_ip__descriptor, &s_policy_kelim__onc_ip_key__descriptor}, QX_MOM_DECODED},
      deliver<&Service::addresses>},
+    {kFlowDb,
+     {{&s_target__capabilities__descriptor, &s_target__capabilities_key__descriptor}, QX_MOM_DECODED},
+     deliver<&Service::announcement>},
     {kFlowDb, {{&s_policy_kelim__pkt_sig__descriptor, nullptr}, QX_MOM_DECODED}, deliver<&Service::packets>},
     {kChainDb,
      {{&s_policy_kelim__parse_flow__descriptor, &s_policy_kelim__parse_flow_key__descriptor}, QX_MOM_DECODED},
@@ -99,7 +106,9 @@ int subscribe(std::int32_t db) {
 
 template <std::int32_t Db>
 int connected(void * /*conn*/, const char * /*label*/) {
-  return g_service ? subscribe(Db) : 0;
+  if (!g_service) return 0;
+  if (Db == kFlowDb) g_service->announcement.announce();
+  return subscribe(Db);
 }
 
 int connect(qx_global *global, std::int32_t db, qx_mom_connect_cb callback) {

@@ -2,10 +2,11 @@
 //
 // It reads `flow`, `meter` and `onc_ip` of database 8, and with service_chain also `parse_flow` of database 4; it writes
 // `flow_sta` (rep_uuid = the request's req_uuid), the status of meters and controller addresses, `flow_counter`, and with
-// service_chain `flow_to_ace`. A rewrite of an unchanged installed flow is answered without touching the target. A deleted flow
-// leaves the target together with its flow_sta and flow_counter records. Records that cannot be read are logged once per kind,
-// counted and skipped. When a subscription goes live, at start and after every reconnect, the service reads all records: it
-// installs them, answers unanswered requests and removes flows whose records are gone; counters continue from the stored sums.
+// service_chain `flow_to_ace`; and `s_target.capabilities`, what the target can do. A rewrite of an unchanged installed flow is
+// answered without touching the target. A deleted flow leaves the target together with its flow_sta and flow_counter records.
+// Records that cannot be read are logged once per kind, counted and skipped. When a subscription goes live, at start and after
+// every reconnect, the service reads all records: it installs them, answers unanswered requests and removes flows whose records
+// are gone; counters continue from the stored sums.
 //
 // It is not part of the daemon: with the embedded store it runs in the daemon's process, started by the host platform; with a
 // shared store it is the program kelim-programmer. Both use only the platform contract.

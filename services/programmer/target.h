@@ -47,6 +47,15 @@ class FlowSink {
   ~FlowSink() = default;
 };
 
+// What a target can do; numbers and bits are OpenFlow's, as in the record (proto/s_target.proto). A member that is 0 says
+// nothing.
+struct Capabilities {
+  const char *name = "";
+  std::uint32_t flows = 0, meters = 0, bands = 0, queues = 0;
+  std::uint64_t match_fields = 0, set_fields = 0, actions = 0;
+  bool several_outputs = false, forwards_packets = false;
+};
+
 class Target {
  public:
   virtual ~Target() = default;
@@ -82,6 +91,10 @@ class Target {
     std::uint32_t flows = 0, size = 0, meters = 0, addresses = 0, waiting = 0;
   };
   virtual Usage usage() const = 0;
+
+  // Announced to the OpenFlow library, which accepts accordingly. Without an answer it accepts what every target can read from a
+  // record's entries.
+  virtual std::optional<Capabilities> capabilities() const { return std::nullopt; }
 
   // Passes further numbers for the operator to `tell`, one at a time.
   using Tell = std::function<void(const char *what, std::uint64_t number)>;

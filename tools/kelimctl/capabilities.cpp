@@ -83,8 +83,9 @@ std::string capabilities_text(const Json &data, const Look &look) {
       {"Errors", "errors_by_type", {type, {{"CODES", false, true}, "codes"}}},
   };
   Json shown = data;
+  const std::string target = cell(data, "target");
   shown["errors_by_type"] = errors_by_type(data.value("errors", Json::array()));
-  std::string text;
+  std::string text = target.empty() ? "" : "With the target " + target + ".\n";
   for (const Section &section : sections) text += (text.empty() ? "" : "\n") + section_text(section, shown, look);
   return text;
 }

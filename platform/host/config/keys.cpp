@@ -127,7 +127,7 @@ constexpr Row kRows[] = {
     {"openflow", "datapath_id", in<&C::openflow, &C::OpenFlow::datapath_id>, "", kDatapath,
      "The datapath id; when empty, a stable one derived from the machine."},
     {"openflow", "capacity", in<&C::openflow, &C::OpenFlow::capacity>, "0", kAnything,
-     "Number of flows that the table holds; 0 for the capacity that the daemon notifies."},
+     "Number of flows that the table holds; 0 for what the target announces or, if it does not, the daemon notifies."},
     {"openflow", "echo_interval_s", in<&C::openflow, &C::OpenFlow::echo_interval_s>, "15", between(0, 86'400),
      "Silence in seconds after which a controller is probed; 0 for never."},
     {"openflow", "decide_timeout_ms", in<&C::openflow, &C::OpenFlow::decide_timeout_ms>, "2000", between(100, 600'000),

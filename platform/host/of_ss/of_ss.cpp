@@ -32,6 +32,7 @@
 #include "host/of_ss/stored/answers.h"
 #include "host/of_ss/stored/audit.h"
 #include "host/of_ss/stored/stored.h"
+#include "host/of_ss/stored/target.h"
 #include "host/of_ss/testing.h"
 #include "host/of_ss/views.h"
 #include "s_policy_kelim.pb-c.h"
@@ -184,6 +185,7 @@ void watch_translations() {
 void start_agent() {
   if (agent || held || !registered.complete() || !global_handle) return;
   StoredState stored;
+  stored.target = announced_target();
   if (const int rv = read_stored(global_handle, stored); rv != 0) {
     log::error("the stored flows cannot be read ({}), trying again", rv);
     retry_timer().arm(kRetry);
@@ -356,6 +358,9 @@ int ss_of_init(qx_global *global) {
         loop_trace::answered(index, status);
         if (agent) agent->pace().answered(index);
       });
+  watch_target(global, [](const Abilities &target) {
+    if (agent) agent->target_announced(target);
+  });
   loop_trace::start();
   watch_translations();
   watch_databases();

@@ -223,7 +223,7 @@ json meters_view(Agent &agent) {
                     {"bands", std::move(bands)},
                     {"age_s", seconds(agent.of_switch().now() - meter.created_ns)}});
   }
-  return {{"meters", std::move(list)}, {"capacity", kMaxMeters}};
+  return {{"meters", std::move(list)}, {"capacity", agent.of_switch().target().meters}};
 }
 
 // The flow that the request concerns; "" if none.
@@ -319,7 +319,7 @@ json status(Agent &agent) {
           {"flows", flows.table().size()},
           {"capacity", flows.capacity()},
           {"meters", agent.of_switch().meters.all().size()},
-          {"meter_capacity", kMaxMeters},
+          {"meter_capacity", agent.of_switch().target().meters},
           {"undecided", flows.in_flight().undecided_adds()},
           {"refused", agent.of_switch().refusals.total()},
           {"failed", flows.counters().failed},
@@ -339,7 +339,8 @@ void register_views(Agent *(*agent)()) {
   control::register_view("meters", [](const json &) { return collected(meters_view); });
   control::register_view("packets", [](const json &) { return collected(packets_view); });
   control::register_view("trace", trace_answer);
-  control::register_view("capabilities", [](const json &) { return capabilities(); });
+  control::register_view("capabilities",
+                         [](const json &) { return collected([](Agent &a) { return capabilities(a.of_switch().target()); }); });
   control::register_view("refusals", [](const json &) { return collected(refusals_view); });
   control::register_status("openflow", [] { return collected(status); });
   health::add_check(health::Kind::ready, "openflow", [] { return current_agent() ? "" : kNotRunning; });

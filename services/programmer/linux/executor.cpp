@@ -6,16 +6,13 @@
 #include <atomic>
 #include <iterator>
 
+#include "programmer/linux/keys.h"
 #include "programmer/linux/meter.h"
-#include "southbound_view.h"
 
 namespace programmer::dataplane {
 namespace {
 
-namespace sb = southbound;
-
-enum : std::uint16_t { kOutput = 0, kSetQueue = 21, kSetField = 25 };  // OpenFlow 1.3.5, 7.2.4
-enum : std::uint32_t {                                                 // 7.2.1
+enum : std::uint32_t {  // 7.2.1
   kFirstReserved = 0xffffff00,
   kInPort = 0xfffffff8,
   kTable = 0xfffffff9,
@@ -30,39 +27,7 @@ std::uint64_t now_ns() {
   return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(now.tv_nsec);
 }
 
-// The fields that set-field can set (7.2.3.7), with their values in host order.
-struct FieldRow {
-  std::uint32_t number;
-  std::size_t width;
-  void (*read)(const std::uint8_t *value, dp_actions &to);
-};
-constexpr FieldRow kFields[] = {
-    {3, 6, [](const std::uint8_t *v, dp_actions &to) { to.sets = DP_SET_DST, std::copy_n(v, 6, to.eth_dst); }},
-    {4, 6, [](const std::uint8_t *v, dp_actions &to) { to.sets = DP_SET_SRC, std::copy_n(v, 6, to.eth_src); }},
-    {6, 2,
-     [](const std::uint8_t *v, dp_actions &to) {
-       to.sets = DP_SET_VLAN, to.vlan_mask = DP_VLAN_ID, to.vlan = sb::get<std::uint16_t>(v, 0) & DP_VLAN_ID;
-     }},
-    {7, 1,
-     [](const std::uint8_t *v, dp_actions &to) {
-       to.sets = DP_SET_VLAN, to.vlan_mask = 7 << DP_VLAN_PCP_SHIFT;
-       to.vlan = static_cast<__u16>((*v & 7) << DP_VLAN_PCP_SHIFT);
-     }},
-    {8, 1, [](const std::uint8_t *v, dp_actions &to) { to.sets = DP_SET_DSCP, to.dscp = *v & 0x3f; }},
-};
-
-std::uint32_t word_of(sb::bytes action) {
-  return sb::read<std::uint32_t>(action, sb::kActionBody);
-}
-
 }  // namespace
-
-const Executor::Row *Executor::row_of(std::uint16_t type) {
-  static constexpr Row kRows[] = {
-      {kOutput, &Executor::output}, {kSetQueue, &Executor::set_queue}, {kSetField, &Executor::set_field}};
-  const auto *row = std::ranges::find(kRows, type, &Row::type);
-  return row == std::end(kRows) ? nullptr : row;
-}
 
 // Processing ends at the first action that cannot be carried out; earlier outputs have been sent.
 void Executor::run(const ss_pkt_out &packet) {
@@ -70,38 +35,20 @@ void Executor::run(const ss_pkt_out &packet) {
   packet_.frame.assign(frame, frame + packet.frame_len);
   packet_.in_port = packet.in_port;
   packet_.queue = 0;
-  const sb::bytes list(static_cast<const std::byte *>(packet.actions), packet.actions_len);
-  if (list.empty()) ++nowhere_;
-  for (sb::action_walk actions(list); actions.more(); actions.next()) {
-    if (carry_out(actions)) continue;
-    ++refused_;
-    return;
-  }
+  const bool readable = !read_actions({static_cast<const std::byte *>(packet.actions), packet.actions_len}, actions_);
+  if (packet.actions_len == 0) ++nowhere_;
+  const bool done = std::ranges::all_of(actions_, [this](const Action &action) { return carry_out(action); });
+  if (!done || !readable) ++refused_;
 }
 
-bool Executor::carry_out(const southbound::action_walk &actions) {
-  if (!actions.whole() || actions.word() >> 16 < sb::kActionValue) return false;
-  const Row *row = row_of(static_cast<std::uint16_t>(actions.word()));
-  return row != nullptr && (this->*row->carry)(actions.entry());
+bool Executor::carry_out(const Action &action) {
+  return action.type == Action::kOutput ? output(action.number) : take_step(step_of(action));
 }
 
-// ---- actions
-
-bool Executor::set_queue(southbound::bytes action) {
-  packet_.queue = word_of(action);
+bool Executor::take_step(const dp_step &step) {
+  if (step.kind != DP_STEP_QUEUE) return rewrite(packet_.frame, step);
+  packet_.queue = step.value;
   return true;
-}
-
-bool Executor::set_field(southbound::bytes action) {
-  const auto *row = std::ranges::find(kFields, word_of(action) >> 9 & 0x7f, &FieldRow::number);
-  if (row == std::end(kFields) || action.size() < sb::kActionValue + row->width) return false;
-  dp_actions set{};
-  row->read(reinterpret_cast<const std::uint8_t *>(action.data() + sb::kActionValue), set);
-  return rewrite(packet_.frame, set);
-}
-
-bool Executor::output(southbound::bytes action) {
-  return output(word_of(action));
 }
 
 bool Executor::output(std::uint32_t number) {
@@ -155,6 +102,7 @@ bool Executor::through_table() {
     if (place == 0) return ++nowhere_, true;
     dp_count_more(tally.matched, 1);
     flow = *dp_flow_at(&tables, place - 1);
+    copy_list(flow.actions.list);
     count(place - 1);
   }
   return follow(flow);
@@ -173,9 +121,22 @@ bool Executor::follow(const dp_flow &flow) {
     dp_count_more(plane_.tally->metered, 1);
     return ++nowhere_, true;
   }
+  if (flow.actions.list != 0) return follow_list(flow);
   if (!rewrite(packet_.frame, flow.actions)) return false;
   if ((flow.actions.sets & DP_SET_QUEUE) != 0) packet_.queue = flow.actions.queue;
-  return finish(flow);
+  return finish(flow, flow.actions.output, flow.actions.port);
+}
+
+void Executor::copy_list(std::uint32_t first) {
+  list_.clear();
+  for (std::uint32_t at = first; at != 0 && at <= DP_MAX_STEPS && list_.size() < DP_LIST_STEPS; at = list_.back().next)
+    list_.push_back(plane_.tables.steps[at - 1]);
+}
+
+bool Executor::follow_list(const dp_flow &flow) {
+  return std::ranges::all_of(list_, [&](const dp_step &step) {
+    return step.kind == DP_STEP_OUTPUT ? finish(flow, step.output, step.port) : take_step(step);
+  });
 }
 
 bool Executor::pass_meter(const dp_flow &flow) {
@@ -193,18 +154,17 @@ bool Executor::pass_meter(const dp_flow &flow) {
 }
 
 // NORMAL is refused: a packet from user space cannot be handed to the machine's own network stack as if it had been received.
-bool Executor::finish(const dp_flow &flow) {
-  const dp_actions &actions = flow.actions;
-  switch (actions.output) {
+bool Executor::finish(const dp_flow &flow, std::uint8_t output, std::uint8_t port) {
+  switch (output) {
     case DP_PORT:
-      return to_port(plane_.ports[actions.port].number, false);
+      return to_port(plane_.ports[port].number, false);
     case DP_IN_PORT:
       return to_port(packet_.in_port, true);
     case DP_ALL:
       return to_all();
     case DP_CONTROLLER:
       to_controller(flow.cookie, static_cast<std::uint8_t>((flow.rank - 1) & 1),
-                    actions.miss != 0 ? SS_PKT_NO_MATCH : SS_PKT_ACTION);
+                    flow.actions.miss != 0 ? SS_PKT_NO_MATCH : SS_PKT_ACTION);
       return true;
     case DP_NORMAL:
       return false;

@@ -7,10 +7,10 @@
 #include <functional>
 
 #include "libss_pkt.h"
+#include "programmer/actions.h"
 #include "programmer/linux/frame.h"
 #include "programmer/linux/grace.h"
 #include "programmer/linux/sender.h"
-#include "southbound_view.h"
 
 namespace programmer::dataplane {
 
@@ -42,17 +42,8 @@ class Executor {
     std::uint32_t in_port = 0;
     std::uint32_t queue = 0;
   };
-  using Carry = bool (Executor::*)(southbound::bytes action);
-  struct Row {
-    std::uint16_t type;
-    Carry carry;
-  };
-  static const Row *row_of(std::uint16_t type);
-  bool carry_out(const southbound::action_walk &actions);
-
-  bool output(southbound::bytes action);
-  bool set_queue(southbound::bytes action);
-  bool set_field(southbound::bytes action);
+  bool carry_out(const Action &action);
+  bool take_step(const dp_step &step);
 
   bool output(std::uint32_t number);
   bool to_port(std::uint32_t number, bool also_back);
@@ -60,7 +51,9 @@ class Executor {
   bool through_table();
   bool follow(const dp_flow &flow);
   bool pass_meter(const dp_flow &flow);
-  bool finish(const dp_flow &flow);
+  void copy_list(std::uint32_t first);
+  bool follow_list(const dp_flow &flow);
+  bool finish(const dp_flow &flow, std::uint8_t output, std::uint8_t port);
   void count(std::uint32_t place);
   void to_controller(std::uint64_t cookie, std::uint8_t table, std::uint8_t reason);
 
@@ -68,7 +61,10 @@ class Executor {
   Grace &grace_;
   Sender &sender_;
   ToController to_controller_;
-  Packet packet_;  // a member so that its memory is reused
+  // Members so that their memory is reused.
+  Packet packet_;
+  std::vector<Action> actions_;
+  std::vector<dp_step> list_;
   std::uint64_t nowhere_ = 0, refused_ = 0;
 };
 

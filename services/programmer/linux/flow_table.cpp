@@ -332,6 +332,13 @@ FlowTable::Place FlowTable::claim(const dp_key &mask, dp_flow &flow) {
   return kNone;
 }
 
+std::vector<std::uint32_t> FlowTable::inherited_lists() const {
+  std::vector<std::uint32_t> lists;
+  for (Place place = 0; place < unused_; ++place)
+    if (const __u32 list = memory_.flows[place].actions.list; inherited_[place] && list != 0) lists.push_back(list);
+  return lists;
+}
+
 void FlowTable::drop_inherited() {
   for (Place place = 0; inherited_count_ != 0; ++place)
     if (inherited_[place]) remove(place);

@@ -48,6 +48,8 @@ class FlowTable {
 
   // The number of flows that the memory held at the start and that have not been added again.
   std::uint32_t inherited() const { return inherited_count_; }
+  // The lists that these flows refer to, with repetitions.
+  std::vector<std::uint32_t> inherited_lists() const;
   void drop_inherited();
 
   // Sorts the masks again if that makes searches shorter. Does nothing while the list to be written may be in use.

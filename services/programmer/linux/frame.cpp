@@ -151,6 +151,125 @@ bool set_dscp(Frame &frame, std::uint8_t dscp) {
 
 }  // namespace
 
+// ---- steps
+
+namespace {
+
+// Corrects a checksum for bytes that change, at an even offset in what it covers (RFC 1624).
+void correct(std::uint8_t *checksum, Bytes before, Bytes after) {
+  std::uint64_t total = ~get16(checksum) & 0xffffU;
+  for (std::size_t i = 0; i + 1 < before.size(); i += 2) total += (~get16(&before[i]) & 0xffffU) + get16(&after[i]);
+  put16(checksum, ~fold(total));
+}
+
+struct Headers {
+  dp_key key;
+  dp_headers at;
+  explicit Headers(Bytes frame) : key(key_of(frame, 0, at)) {}
+};
+
+// The transport checksum that covers the addresses; null if there is none, also for a datagram that was sent without one.
+std::uint8_t *checksum_of(const Headers &headers, Frame &frame) {
+  const std::uint32_t at = dp_checksum_at(headers.at.l4, headers.key.proto);
+  if (at == 0 || at + 2 > frame.size()) return nullptr;
+  return headers.key.proto == DP_UDP && get16(&frame[at]) == 0 ? nullptr : &frame[at];
+}
+
+// Replaces bytes that the transport checksum covers.
+void replace(const Headers &headers, bool covered, std::uint8_t *at, Bytes after, Frame &frame) {
+  std::uint8_t *checksum = covered ? checksum_of(headers, frame) : nullptr;
+  if (checksum) correct(checksum, Bytes(at, after.size()), after);
+  if (checksum && headers.key.proto == DP_UDP && get16(checksum) == 0) put16(checksum, 0xffff);
+  std::ranges::copy(after, at);
+}
+
+bool set_address(Frame &frame, const dp_step &step) {
+  const Headers headers{frame};
+  const bool v4 = step.kind == DP_STEP_IPV4;
+  if (headers.at.l3 == 0 || headers.key.eth_type != (v4 ? DP_TYPE_IPV4 : DP_TYPE_IPV6)) return false;
+  std::uint8_t *ip = &frame[headers.at.l3];
+  const Bytes after(step.bytes, v4 ? 4 : 16);
+  const bool routed = (headers.key.ext_headers & DP_EXT_ROUTER) != 0 && step.at == DP_IPV6_DST;
+  if (v4) correct(ip + DP_IPV4_CHECKSUM, Bytes(ip + step.at, after.size()), after);
+  replace(headers, v4 || !routed, ip + step.at, after, frame);
+  return true;
+}
+
+// Fragments other than the first have no ports to set.
+bool set_l4(Frame &frame, const dp_step &step) {
+  const Headers headers{frame};
+  if (headers.key.proto != step.proto) return false;
+  std::uint8_t after[2];
+  put16(after, step.value);
+  if (headers.at.l4 != 0) replace(headers, true, &frame[headers.at.l4 + step.at], after, frame);
+  return true;
+}
+
+bool set_ttl(Frame &frame, const dp_step &step) {
+  const Headers headers{frame};
+  if (headers.at.l3 == 0) return false;
+  std::uint8_t *ip = &frame[headers.at.l3];
+  const bool v4 = headers.key.eth_type == DP_TYPE_IPV4;
+  std::uint8_t *ttl = ip + (v4 ? DP_IPV4_TTL : DP_IPV6_NEXT + 1);
+  if (step.kind == DP_STEP_DEC_TTL && *ttl <= 1) return false;
+  const std::uint8_t before[] = {*ttl, 0};
+  const std::uint8_t after[] = {static_cast<std::uint8_t>(step.kind == DP_STEP_DEC_TTL ? *ttl - 1 : step.value), 0};
+  if (v4) correct(ip + DP_IPV4_CHECKSUM, before, after);
+  *ttl = after[0];
+  return true;
+}
+
+bool is_tagged(Bytes frame) {
+  if (frame.size() < kEthLen + kTagLen) return false;
+  const std::uint16_t type = get16(&frame[kTagAt]);
+  return type == DP_TYPE_VLAN || type == DP_TYPE_QINQ;
+}
+
+bool push_tag(Frame &frame, const dp_step &step) {
+  std::uint8_t tag[kTagLen] = {};
+  if (is_tagged(frame)) std::copy_n(&frame[kTagAt], sizeof tag, tag);
+  put16(tag, step.value);
+  frame.insert(frame.begin() + kTagAt, tag, tag + kTagLen);
+  return true;
+}
+
+bool pop_tag(Frame &frame, const dp_step &) {
+  if (!is_tagged(frame)) return false;
+  frame.erase(frame.begin() + kTagAt, frame.begin() + kTagAt + kTagLen);
+  return true;
+}
+
+bool set_eth(Frame &frame, const dp_step &step) {
+  std::copy_n(step.bytes, 6, frame.begin() + step.at);
+  return true;
+}
+
+struct StepRow {
+  __u8 kind;
+  bool (*carry_out)(Frame &, const dp_step &);
+};
+constexpr StepRow kSteps[] = {
+    {DP_STEP_ETH, set_eth},
+    {DP_STEP_VLAN, [](Frame &frame, const dp_step &step) { return set_tag(frame, step.value, step.mask); }},
+    {DP_STEP_PUSH, push_tag},
+    {DP_STEP_POP, pop_tag},
+    {DP_STEP_DSCP, [](Frame &frame, const dp_step &step) { return set_dscp(frame, static_cast<std::uint8_t>(step.value)); }},
+    {DP_STEP_TTL, set_ttl},
+    {DP_STEP_DEC_TTL, set_ttl},
+    {DP_STEP_IPV4, set_address},
+    {DP_STEP_IPV6, set_address},
+    {DP_STEP_L4, set_l4},
+};
+
+}  // namespace
+
+bool rewrite(Frame &frame, const dp_step &step) {
+  const auto *row = std::ranges::find(kSteps, step.kind, &StepRow::kind);
+  return row != std::end(kSteps) && frame.size() >= kEthLen && row->carry_out(frame, step);
+}
+
+// ---- a packet from the program
+
 void unfold(const dp_punted &about, Bytes bytes, Frame &room, const std::function<void(Bytes)> &give) {
   const auto transport = transport_of(bytes);
   const std::uint32_t payload = transport ? transport->length - transport->header : 0;

@@ -23,6 +23,9 @@ void unfold(const dp_punted &about, Bytes bytes, Frame &room, const std::functio
 // Applies the rewrites of `actions`. False if the frame lacks a header to be set; the frame may then be partly rewritten.
 bool rewrite(Frame &frame, const dp_actions &actions);
 
+// Carries out one step other than an output or a queue. False likewise.
+bool rewrite(Frame &frame, const dp_step &step);
+
 // The frame's key, as the program would extract it. `in_port` is OpenFlow's number.
 dp_key key_of(Bytes frame, std::uint32_t in_port, dp_headers &headers);
 

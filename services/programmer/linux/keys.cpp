@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "programmer/linux/memory.h"
+
 namespace programmer::dataplane {
 namespace {
 
@@ -67,6 +69,70 @@ dp_actions rewrites_of(const Actions &actions) {
   std::ranges::copy(actions.eth_dst, out.eth_dst);
   std::ranges::copy(actions.eth_src, out.eth_src);
   return out;
+}
+
+// ---- lists
+
+namespace {
+
+struct TypeRow {
+  Action::Type type;
+  __u8 kind;
+};
+constexpr TypeRow kTypes[] = {
+    {Action::kOutput, DP_STEP_OUTPUT},  {Action::kPushVlan, DP_STEP_PUSH}, {Action::kPopVlan, DP_STEP_POP},
+    {Action::kSetQueue, DP_STEP_QUEUE}, {Action::kSetTtl, DP_STEP_TTL},    {Action::kDecTtl, DP_STEP_DEC_TTL},
+};
+
+// By OpenFlow's number (1.3.5, 7.2.3.7).
+struct FieldRow {
+  std::uint8_t number;
+  __u8 kind;
+  __u16 at = 0;
+  __u16 mask = 0;
+  __u8 proto = 0;
+};
+constexpr FieldRow kFields[] = {
+    {3, DP_STEP_ETH, 0},
+    {4, DP_STEP_ETH, 6},
+    {6, DP_STEP_VLAN, 0, DP_VLAN_ID},
+    {7, DP_STEP_VLAN, 0, 7 << DP_VLAN_PCP_SHIFT},
+    {8, DP_STEP_DSCP},
+    {11, DP_STEP_IPV4, DP_IPV4_SRC},
+    {12, DP_STEP_IPV4, DP_IPV4_DST},
+    {13, DP_STEP_L4, 0, 0, DP_TCP},
+    {14, DP_STEP_L4, 2, 0, DP_TCP},
+    {15, DP_STEP_L4, 0, 0, DP_UDP},
+    {16, DP_STEP_L4, 2, 0, DP_UDP},
+    {26, DP_STEP_IPV6, DP_IPV6_SRC},
+    {27, DP_STEP_IPV6, DP_IPV6_DST},
+};
+
+void put_value(const Action &action, dp_step &step) {
+  if (step.kind == DP_STEP_IPV4) {
+    for (unsigned i = 0; i < 4; ++i) step.bytes[i] = static_cast<__u8>(action.number >> (24 - 8 * i));
+  } else if (step.kind == DP_STEP_ETH || step.kind == DP_STEP_IPV6) {
+    std::ranges::copy(action.bytes, step.bytes);
+  } else {
+    step.value = static_cast<__u16>(step.kind == DP_STEP_VLAN && step.mask != DP_VLAN_ID ? action.number << DP_VLAN_PCP_SHIFT
+                                                                                         : action.number);
+  }
+}
+
+}  // namespace
+
+dp_step step_of(const Action &action) {
+  dp_step step{};
+  if (action.type != Action::kSetField) {
+    step.kind = std::ranges::find(kTypes, action.type, &TypeRow::type)->kind;
+    if (step.kind != DP_STEP_OUTPUT) step.value = static_cast<__u16>(action.number);
+    return step;
+  }
+  const FieldRow &row = *std::ranges::find(kFields, action.field, &FieldRow::number);
+  step.kind = row.kind, step.at = row.at, step.mask = row.mask, step.proto = row.proto;
+  put_value(action, step);
+  if (step.mask != 0) step.value &= step.mask;
+  return step;
 }
 
 }  // namespace programmer::dataplane

@@ -11,6 +11,9 @@ struct KeyAndMask {
 };
 KeyAndMask key_of(const Entry &entry);
 
+// The step that carries out the action; of an output, the caller fills in where to.
+dp_step step_of(const Action &action);
+
 // The rewrites only; the caller fills in output and meter, whose places it knows.
 dp_actions rewrites_of(const Actions &actions);
 

@@ -8,12 +8,14 @@
 #include <linux/types.h>
 
 enum {
-  DP_LAYOUT_VERSION = 3,
+  DP_LAYOUT_VERSION = 4,
   DP_MAX_MASKS = 1024,
   DP_MAX_METERS = 1024,
   DP_MAX_BANDS = 8,
   DP_MAX_PORTS = 256,
-  DP_BUCKET = 8,  // entries of a bucket: one cache line
+  DP_MAX_STEPS = 1 << 16,
+  DP_LIST_STEPS = 128,  // of one list
+  DP_BUCKET = 8,        // entries of a bucket: one cache line
 };
 
 // The fields of a packet that flows match on. A field that the packet lacks is 0; `has` tells it from a real 0.
@@ -55,7 +57,7 @@ struct dp_bucket {
 };
 #define DP_TOMB (1ULL << 63)
 
-// The actions of a flow. Rewrites are applied before the output.
+// The actions of a flow. Rewrites are applied before the output. A flow with a list has no other actions.
 enum { DP_DROP, DP_PORT, DP_IN_PORT, DP_ALL, DP_NORMAL, DP_CONTROLLER };
 enum { DP_SET_DST = 1, DP_SET_SRC = 2, DP_SET_VLAN = 4, DP_SET_DSCP = 8, DP_SET_QUEUE = 16 };
 struct dp_actions {
@@ -70,7 +72,37 @@ struct dp_actions {
   __u16 queue;
   __u16 meter;  // place of the meter + 1; 0: none
   __u8 miss;    // the flow is the table-miss flow
-  __u8 zero[7];
+  __u8 zero[3];
+  __u32 list;  // place of the first step, + 1; 0: no list
+};
+
+// One action of a list, which acts on what the earlier ones have made of the packet. Copies that have been output are not
+// affected.
+enum {
+  DP_STEP_OUTPUT,
+  DP_STEP_QUEUE,
+  DP_STEP_ETH,
+  DP_STEP_VLAN,
+  DP_STEP_PUSH,
+  DP_STEP_POP,
+  DP_STEP_DSCP,
+  DP_STEP_TTL,
+  DP_STEP_DEC_TTL,
+  DP_STEP_IPV4,
+  DP_STEP_IPV6,
+  DP_STEP_L4
+};
+struct dp_step {
+  __u32 next;  // place of the next one, + 1; 0: the last
+  __u8 kind;
+  __u8 output;     // DP_PORT and so on
+  __u8 port;       // place of the output port
+  __u8 proto;      // of DP_STEP_L4: the packet must have this protocol
+  __u16 at;        // offset of an address or a port in its header
+  __u16 value;     // any number, such as a port or the type of a tag
+  __u16 mask;      // of DP_STEP_VLAN: bits of the tag that are set
+  __u8 bytes[16];  // an address
+  __u8 zero[2];
 };
 
 struct dp_flow {
@@ -182,6 +214,7 @@ DP_SIZE(dp_key, 64);
 DP_SIZE(dp_mask, 80);
 DP_SIZE(dp_bucket, 64);
 DP_SIZE(dp_actions, 32);
+DP_SIZE(dp_step, 32);
 DP_SIZE(dp_flow, 128);
 DP_SIZE(dp_count, 16);
 DP_SIZE(dp_band, 48);

@@ -19,6 +19,11 @@ constexpr std::uint32_t kFirstReserved = 0xffffff00;
 constexpr Reserved kReserved[] = {
     {0, DP_DROP}, {0xfffffff8, DP_IN_PORT}, {0xfffffffa, DP_NORMAL}, {0xfffffffc, DP_ALL}, {0xfffffffd, DP_CONTROLLER}};
 
+template <typename... Number>
+constexpr std::uint64_t bits(Number... number) {
+  return ((std::uint64_t{1} << number) | ...);
+}
+
 constexpr const char *kLacks[] = {
     "",
     "no room for another flow in the plane",
@@ -71,6 +76,7 @@ LinuxTarget::LinuxTarget(const Context &context, std::uint32_t flows, FlowSink &
       plane_(std::move(parts.plane)),
       ports_(std::move(parts.ports)),
       table_(plane_->tables()),
+      lists_(plane_->tables().steps, table_.inherited_lists()),
       meters_(plane_->meters()),
       timer_(
           context.global->master, [](void *self) { static_cast<LinuxTarget *>(self)->tidy(); }, this, "programmer plane") {
@@ -82,8 +88,9 @@ LinuxTarget::LinuxTarget(const Context &context, std::uint32_t flows, FlowSink &
 // Reclaims what a finished grace period has freed, and begins the next one if something waits for it.
 void LinuxTarget::breathe() {
   if (!grace_.over()) return;
-  if (resting_) table_.end_grace();
-  resting_ = table_.begin_grace();
+  if (resting_) table_.end_grace(), lists_.end_grace();
+  const bool flows_rest = table_.begin_grace();
+  resting_ = lists_.begin_grace() || flows_rest;
   if (resting_) grace_.begin();
 }
 
@@ -101,24 +108,41 @@ Outcome LinuxTarget::refuse(const char *why, Outcome outcome) {
 }
 
 // Null, or the reason why the output is impossible.
-const char *LinuxTarget::set_output(const Actions &from, dp_actions &to) const {
-  if (const auto *row = std::ranges::find(kReserved, from.output, &Reserved::port); row != std::end(kReserved)) {
-    to.output = row->output;
+const char *LinuxTarget::find_output(std::uint32_t number, __u8 &output, __u8 &port) const {
+  if (const auto *row = std::ranges::find(kReserved, number, &Reserved::port); row != std::end(kReserved)) {
+    output = row->output;
     return nullptr;
   }
-  if (from.output >= kFirstReserved) return "output to a reserved port that the plane does not serve";
-  const std::uint32_t place = ports_->place_of(from.output);
+  if (number >= kFirstReserved) return "output to a reserved port that the plane does not serve";
+  const std::uint32_t place = ports_->place_of(number);
   if (place == Ports::kNone) return "output to a port that is not configured";
-  to.output = DP_PORT;
-  to.port = static_cast<__u8>(place);
+  output = DP_PORT;
+  port = static_cast<__u8>(place);
   return nullptr;
 }
 
+// The kernel's own stack takes the packet itself, so nothing can follow.
+Outcome LinuxTarget::use_list(Cell &cell, dp_actions &to) {
+  steps_.clear();
+  for (const Action &action : program_.list) {
+    dp_step &step = steps_.emplace_back(step_of(action));
+    if (step.kind != DP_STEP_OUTPUT) continue;
+    if (const char *fault = find_output(action.number, step.output, step.port)) return refuse(fault, Outcome::kFailed);
+    if (step.output == DP_NORMAL && &action != &program_.list.back())
+      return refuse("an action behind output NORMAL", Outcome::kFailed);
+  }
+  to.list = cell.list = lists_.use(steps_);
+  return to.list != 0 ? Outcome::kInstalled : refuse("no room for another action list", Outcome::kResource);
+}
+
 Outcome LinuxTarget::add(const Entry &entry, dp_flow flow, Cell &cell) {
-  const __u16 meter = flow.actions.meter;
-  flow.actions = rewrites_of(entry.actions);
-  flow.actions.meter = meter;
-  if (const char *fault = set_output(entry.actions, flow.actions)) return refuse(fault, Outcome::kFailed);
+  if (flow.actions.list == 0) {
+    const __u16 meter = flow.actions.meter;
+    flow.actions = rewrites_of(entry.actions);
+    flow.actions.meter = meter;
+    if (const char *fault = find_output(entry.actions.output, flow.actions.output, flow.actions.port))
+      return refuse(fault, Outcome::kFailed);
+  }
   const KeyAndMask match = key_of(entry);
   flow.actions.miss = flow.rank <= kLowestRank && entry.mask == Fields{} ? 1 : 0;
   FlowTable::Place place = table_.add(match.key, match.mask, flow);
@@ -145,6 +169,8 @@ Outcome LinuxTarget::program(const FlowRequest &request, Bytes record, Cell &cel
     if (flow.actions.meter == 0) return refuse("no room for another meter", Outcome::kResource);
     cell.meter = program_.meter;
   }
+  if (!program_.list.empty())
+    if (const Outcome outcome = use_list(cell, flow.actions); outcome != Outcome::kInstalled) return outcome;
   for (const Entry &entry : program_.entries)
     if (const Outcome outcome = add(entry, flow, cell); outcome != Outcome::kInstalled) return outcome;
   return Outcome::kInstalled;
@@ -195,6 +221,7 @@ void LinuxTarget::all_flows_known() {
   flows_known_ = true;
   dropped_ += table_.inherited();
   table_.drop_inherited();
+  lists_.drop_inherited();
   for (const auto &[slot, postponed] : std::exchange(postponed_, {})) install_flow(postponed.request, postponed.record);
   finish_start();
 }
@@ -221,6 +248,7 @@ void LinuxTarget::finish_start() {
 void LinuxTarget::clear(Cell &cell) {
   for (const FlowTable::Place place : cell.places) table_.remove(place);
   if (cell.meter != 0) meters_.release(cell.meter);
+  if (cell.list != 0) lists_.release(cell.list);
   cell = {};
 }
 
@@ -274,6 +302,19 @@ void LinuxTarget::describe(const Tell &tell) const {
   tell("packets without a port to go to", tally.no_port);
   tell("packets that could not be rewritten", tally.not_rewritten);
   for (const auto &[why, count] : refused_) tell(("refused: " + why).c_str(), count);
+}
+
+// The match fields are all that an entry can hold.
+std::optional<Capabilities> LinuxTarget::capabilities() const {
+  return Capabilities{.name = "linux",
+                      .flows = size_,
+                      .meters = DP_MAX_METERS,
+                      .bands = DP_MAX_BANDS,
+                      .set_fields = bits(3, 4, 6, 7, 8, 11, 12, 13, 14, 15, 16, 26, 27),
+                      .actions = bits(Action::kOutput, Action::kPushVlan, Action::kPopVlan, Action::kSetQueue, Action::kSetTtl,
+                                      Action::kDecTtl, Action::kSetField),
+                      .several_outputs = true,
+                      .forwards_packets = true};
 }
 
 std::optional<PlaneState> LinuxTarget::plane() const {

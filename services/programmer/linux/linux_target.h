@@ -13,6 +13,7 @@
 #include "programmer/entry.h"
 #include "programmer/linux/flow_table.h"
 #include "programmer/linux/grace.h"
+#include "programmer/linux/lists.h"
 #include "programmer/linux/meters.h"
 #include "programmer/linux/packets.h"
 #include "programmer/linux/pins.h"
@@ -55,12 +56,14 @@ class LinuxTarget final : public Target {
   Usage usage() const override;
   void describe(const Tell &tell) const override;
   std::optional<PlaneState> plane() const override;
+  std::optional<Capabilities> capabilities() const override;
 
  private:
   // A slot's share of the plane: a place in the table for each entry of the flow.
   struct Cell {
     std::vector<FlowTable::Place> places;
     std::uint32_t meter = 0;
+    std::uint32_t list = 0;  // place + 1
   };
 
   // A request without room while inherited flows occupy the table; it is repeated once all stored flows are known.
@@ -79,7 +82,8 @@ class LinuxTarget final : public Target {
   static bool open_pins(const Context &context, const std::string &root, Parts &parts, std::string &why);
   Outcome program(const FlowRequest &request, Bytes record, Cell &cell);
   Outcome add(const Entry &entry, dp_flow flow, Cell &cell);
-  const char *set_output(const Actions &from, dp_actions &to) const;
+  const char *find_output(std::uint32_t number, __u8 &output, __u8 &port) const;
+  Outcome use_list(Cell &cell, dp_actions &to);
   Outcome refuse(const char *why, Outcome outcome);
   void clear(Cell &cell);
   void go_on_counting(const Cell &cell, const Counters &earlier, bool taken_over);
@@ -98,12 +102,15 @@ class LinuxTarget final : public Target {
   std::unique_ptr<Plane> plane_;
   std::unique_ptr<Ports> ports_;
   FlowTable table_;
+  ActionLists lists_;
   Meters meters_;
   Grace grace_;
   std::unique_ptr<Packets> packets_;
   bool resting_ = false;  // the table waits for the current grace period, which may be over
   std::vector<Cell> cells_;
-  FlowProgram program_;  // a member so that its memory is reused
+  // Members so that their memory is reused.
+  FlowProgram program_;
+  std::vector<dp_step> steps_;
   bool flows_known_ = false, meters_known_ = false, in_step_ = false;
   std::uint64_t taken_over_ = 0, dropped_ = 0, written_ = 0;
   std::unordered_map<std::uint32_t, Postponed> postponed_;  // by slot

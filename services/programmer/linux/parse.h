@@ -36,6 +36,18 @@ enum {  // OFPIEH_* of OpenFlow 1.3.5, 7.2.3.8
   DP_EXT_DISORDER = 256
 };
 
+// Offsets within headers of what actions rewrite.
+enum {
+  DP_IPV4_TTL = 8,
+  DP_IPV4_CHECKSUM = 10,
+  DP_IPV4_SRC = 12,
+  DP_IPV4_DST = 16,
+  DP_IPV6_NEXT = 6,
+  DP_IPV6_SRC = 8,
+  DP_IPV6_DST = 24
+};
+enum { DP_TCP_CHECKSUM = 16, DP_UDP_CHECKSUM = 6, DP_ICMPV6_CHECKSUM = 2 };
+
 // Offsets of the headers; 0: absent.
 struct dp_headers {
   __u32 l3;
@@ -44,6 +56,15 @@ struct dp_headers {
 
 DP_INLINE __u16 dp_be16(const __u8 *at) {
   return (__u16)(at[0] << 8 | at[1]);
+}
+
+// The offset of the transport checksum that covers the IP addresses too; 0: there is none.
+DP_INLINE __u32 dp_checksum_at(__u32 l4, __u8 proto) {
+  if (l4 == 0) return 0;
+  return proto == DP_TCP      ? l4 + DP_TCP_CHECKSUM
+         : proto == DP_UDP    ? l4 + DP_UDP_CHECKSUM
+         : proto == DP_ICMPV6 ? l4 + DP_ICMPV6_CHECKSUM
+                              : 0;
 }
 
 // ---- the extension headers of IPv6

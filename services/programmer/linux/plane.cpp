@@ -242,8 +242,8 @@ bool Plane::map_all(std::string &why) {
   punted_ = bpf_map__fd(punted);
   const bool mapped = map("control", tables_.control, why) && map("masks", tables_.masks, why) &&
                       map("buckets", tables_.buckets, why) && map("flows", tables_.flows, why) &&
-                      map("counts", tables_.counts, why) && map("meters", meters_, why) && map("ports", ports_, why) &&
-                      map("tallies", tallies_, why) && map("punts", punts_, why);
+                      map("steps", tables_.steps, why) && map("counts", tables_.counts, why) && map("meters", meters_, why) &&
+                      map("ports", ports_, why) && map("tallies", tallies_, why) && map("punts", punts_, why);
   if (!mapped) return false;
   tables_.before = tables_.counts + std::size_t{tables_.rows} * tables_.places;
   tables_.control->version = DP_LAYOUT_VERSION;

@@ -525,7 +525,7 @@ TEST_F(AgentFlows, WhatIsLookedUpIsWhatAWalkFinds) {
     f.flags = 0;
     host::of_ss::FlowMod read;
     const std::uint32_t ports[] = {1, 2, 7};
-    decode_flow_mod(flow_mod(f), ports, read);
+    decode_flow_mod(flow_mod(f), {ports}, read);
     const bool overlaps = std::ranges::any_of(accepted, [&read](const Message &other) {
       return other[southbound::kFlowTableId] == read.message[southbound::kFlowTableId] &&
              !memcmp(&other[southbound::kFlowPriority], read.message + southbound::kFlowPriority, 2) &&

@@ -32,7 +32,7 @@ struct Engine {
   const FlowLimits limits{};
   static inline Trace trace;
   Flows flows{kDaemon, nobody, trace, limits};
-  Meters meters{flows};
+  Meters meters{flows, kUnannounced};
 };
 
 // Shows the flow in every way there is: for people, and behind `wire` for its controller.
@@ -51,14 +51,14 @@ void flow_mod(Bytes bytes) {
   Engine engine;
   FlowMod mod, again;
   flow_mod_text(bytes);
-  if (decode_flow_mod(bytes, kPorts, mod).refused()) return;
+  if (decode_flow_mod(bytes, {kPorts}, mod).refused()) return;
   const Bytes slots = southbound_match(mod.southbound());
   require(mod.length <= sizeof mod.message && slots.size() % 8 == 0);
   require(match_covers(slots, slots) && matches_overlap(slots, slots));
   if (mod.command == fm::kAdd) {
     require(is_flow_mod(mod.southbound()));
     const auto wire = show(mod.southbound(), {bytes.begin(), bytes.begin() + fm::kMatch});
-    require(!decode_flow_mod(wire, kPorts, again).refused());
+    require(!decode_flow_mod(wire, {kPorts}, again).refused());
     require(again.length == mod.length && std::memcmp(again.message, mod.message, mod.length) == 0);
   }
   for (std::uint32_t xid : {1, 2}) engine.flows.apply(mod, {1, xid}, bytes, xid);
@@ -81,7 +81,7 @@ void filter(Bytes bytes) {
 
 void packet_out(Bytes bytes) {
   Instructions list;
-  decode_packet_out_actions(bytes, kPorts, list);
+  decode_packet_out_actions(bytes, {kPorts}, list);
 }
 
 constexpr void (*kReaders[])(Bytes) = {flow_mod, meter_mod, filter, packet_out};

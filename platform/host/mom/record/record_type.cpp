@@ -10,6 +10,7 @@
 #include "qx_mom.h"
 #include "s_cluster.pb-c.h"
 #include "s_policy_kelim.pb-c.h"
+#include "s_target.pb-c.h"
 
 namespace host::mom {
 
@@ -23,7 +24,7 @@ constexpr std::array kSchema = {
     &s_cluster__reg_pkt_info__descriptor,  &s_policy_kelim__flow__descriptor,        &s_policy_kelim__flow_counter__descriptor,
     &s_policy_kelim__flow_sta__descriptor, &s_policy_kelim__flow_to_ace__descriptor, &s_policy_kelim__flow_to_ace_sta__descriptor,
     &s_policy_kelim__meter__descriptor,    &s_policy_kelim__onc_ip__descriptor,      &s_policy_kelim__parse_flow__descriptor,
-    &s_policy_kelim__pkt_sig__descriptor,  &s_policy_kelim__port_phyid__descriptor,
+    &s_policy_kelim__pkt_sig__descriptor,  &s_policy_kelim__port_phyid__descriptor,  &s_target__capabilities__descriptor,
 };
 
 constexpr std::array<std::string_view, 1> kHashClass = {"s_policy_kelim.meter"};

@@ -75,6 +75,7 @@ void Agent::stop() {
 
 void Agent::restore(const StoredState &stored) {
   new_turn();
+  switch_.set_target(stored.target);
   Flows &flows = switch_.flows;
   flows.time_of_day(clock::unix_offset().count());
   flows.reserve_index_above(stored.last_index);

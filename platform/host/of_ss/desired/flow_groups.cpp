@@ -17,7 +17,7 @@ bool is_timed(Bytes flow_mod) {
 
 bool fits(const FlowGroups::Group &group, const Wanted &wanted) {
   if (wanted.timed && !group.timed) return false;
-  if (wanted.port && *wanted.port != group.port) return false;
+  if (wanted.port && *wanted.port != group.port && group.port != kSeveralPorts) return false;
   return !wanted.meter_id || (*wanted.meter_id == kMeterAll ? group.meter_id != 0 : group.meter_id == *wanted.meter_id);
 }
 

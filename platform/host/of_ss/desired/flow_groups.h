@@ -61,7 +61,8 @@ class FlowGroups {
   struct Group {
     std::uint32_t hash = 0;
     std::uint32_t shape = 0;
-    std::uint32_t port = 0, meter_id = 0;  // 0: none
+    std::uint32_t port = 0;      // as output_port() gives it
+    std::uint32_t meter_id = 0;  // 0: none
     bool timed = false;
     std::uint32_t first = kNoSlot;  // of its flows; the table links them
     std::uint32_t flows = 0;

@@ -42,9 +42,9 @@ Verdict check_app_type(const WireMatch &match, bool service_chain) {
 }
 
 // Match and head of the southbound message; the instructions follow at the returned offset.
-Verdict put_match(Bytes from, FlowMod &out, WireMatch &match) {
+Verdict put_match(Bytes from, const Abilities &target, FlowMod &out, WireMatch &match) {
   const bool service_chain = out.table_id == kServiceChainTable;
-  if (const Verdict verdict = decode_match(from, match); verdict.refused()) return verdict;
+  if (const Verdict verdict = decode_match(from, target, match); verdict.refused()) return verdict;
   if (const Verdict verdict = check_app_type(match, service_chain); verdict.refused()) return verdict;
   std::memset(out.message, 0, sb::kFlowOxm);
   const std::size_t slots = encode_southbound_match(match, service_chain, out.message + sb::kFlowOxm);
@@ -78,16 +78,19 @@ void put_head(Bytes request, FlowMod &out) {
 
 }  // namespace
 
-Verdict decode_flow_mod(Bytes request, std::span<const std::uint32_t> ports, FlowMod &out) {
+Verdict decode_flow_mod(Bytes request, const Terms &terms, FlowMod &out) {
   if (request.size() < fm::kMinLength) return refuse(err::kBadLen, "length", "shorter than a flow-mod");
   read_head(request, out);
   if (const Verdict verdict = check_head(out, be32(request, fm::kBufferId)); verdict.refused()) return verdict;
   WireMatch match;
-  if (const Verdict verdict = put_match(request.subspan(fm::kMatch), out, match); verdict.refused()) return verdict;
+  if (const Verdict verdict = put_match(request.subspan(fm::kMatch), terms.target, out, match); verdict.refused()) return verdict;
   if (!out.deletes()) {
     Instructions instructions;
     const Bytes from = request.subspan(fm::kMatch + match.wire_len);
-    if (const Verdict verdict = decode_instructions(from, match, ports, instructions); verdict.refused()) return verdict;
+    const bool translated = is_for_service_chain(southbound_match(out.southbound()));
+    const Verdict verdict =
+        decode_instructions(from, match, translated ? Terms{terms.ports, by_entries(terms.target)} : terms, instructions);
+    if (verdict.refused()) return verdict;
     put_instructions(instructions, out);
   }
   put_head(request, out);
@@ -98,7 +101,7 @@ Verdict decode_flow_filter(Bytes request, std::size_t at, std::uint8_t table_id,
   out.command = fm::kDelete;
   out.table_id = table_id;
   WireMatch match;
-  return put_match(request.subspan(at), out, match);
+  return put_match(request.subspan(at), kUnannounced, out, match);
 }
 
 std::string flow_mod_text(Bytes request) {

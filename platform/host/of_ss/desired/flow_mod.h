@@ -5,7 +5,6 @@
 #pragma once
 
 #include <cstdint>
-#include <span>
 #include <string>
 
 #include "host/of_ss/wire/actions.h"
@@ -32,8 +31,8 @@ struct FlowMod {
   Bytes southbound() const { return Bytes(message, length); }
 };
 
-// Reads the whole OpenFlow message `request`; `ports` are the numbers of the switch's ports, ascending.
-Verdict decode_flow_mod(Bytes request, std::span<const std::uint32_t> ports, FlowMod &out);
+// Reads the whole OpenFlow message `request`.
+Verdict decode_flow_mod(Bytes request, const Terms &terms, FlowMod &out);
 
 // Decodes a match with a table, as in flow and aggregate statistics requests, into `out` in the same way; `at` is the match's
 // offset in `request`.

@@ -34,7 +34,7 @@ bool selected(const FlowEntry &flow, const FlowMod &filter) {
   if (filter.table_id != kTableAll && filter.table_id != flow.table_id()) return false;
   if ((flow.cookie() ^ filter.cookie) & filter.cookie_mask) return false;
   if (filter.deletes() && filter.out_group != kGroupAny) return false;
-  if (filter.deletes() && filter.out_port != port::kAny && filter.out_port != output_port(flow.southbound())) return false;
+  if (filter.deletes() && filter.out_port != port::kAny && !outputs_to(flow.southbound(), filter.out_port)) return false;
   return match_covers(southbound_match(filter.southbound()), southbound_match(flow.southbound()));
 }
 

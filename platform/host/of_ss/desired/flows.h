@@ -169,7 +169,12 @@ class Flows {
            in_flight_.barriers() < limits_.window;
   }
   // The number of flows that fit; 0 while that is not known.
-  std::uint32_t capacity() const { return limits_.capacity ? limits_.capacity : told_capacity_; }
+  std::uint32_t capacity() const {
+    if (limits_.capacity) return limits_.capacity;
+    return target_capacity_ ? target_capacity_ : told_capacity_;
+  }
+  // What the target has announced; 0: nothing, so that the daemon's notification counts.
+  void target_holds(std::uint32_t flows) { target_capacity_ = flows; }
   const FlowTable &table() const { return table_; }
   const InFlightLog &in_flight() const { return in_flight_; }
   const FlowCounters &counters() const { return counters_; }
@@ -256,7 +261,7 @@ class Flows {
   std::deque<LateFailure> late_failures_;
   std::vector<std::uint64_t> displaced_;  // indexes of displaced forms to put back
   std::int64_t unix_offset_ns_ = 0;
-  std::uint32_t told_capacity_ = 0;
+  std::uint32_t told_capacity_ = 0, target_capacity_ = 0;
   std::uint32_t own_xid_ = 0;
   std::uint32_t rounds_ = 1;  // counter rounds
   bool watched_ = false;

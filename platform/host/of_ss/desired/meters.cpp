@@ -41,8 +41,9 @@ Verdict check_band(Bytes band) {
   return {};
 }
 
-Verdict check_bands(Bytes bands) {
-  if (bands.size() / kBandLen > kMaxBands) return refuse(err::kOutOfBands, "band", "a meter has at most 8 bands");
+Verdict check_bands(Bytes bands, std::size_t most) {
+  if (bands.size() / kBandLen > most)
+    return refuse(err::kOutOfBands, "band", "more bands than a meter may have; kelimctl capabilities says how many");
   for (; !bands.empty(); bands = bands.subspan(kBandLen)) {
     if (bands.size() < kBandLen || be16(bands, kBandLength) != kBandLen)
       return refuse(err::kBadLen, "band", "the length of a band is not 16");
@@ -81,13 +82,13 @@ Verdict Meters::apply(Bytes request, const Origin &origin, std::int64_t now) {
     return {};
   }
   if (const Verdict verdict = check_flags(be16(request, kFlags)); verdict.refused()) return verdict;
-  if (const Verdict verdict = check_bands(request.subspan(kBands)); verdict.refused()) return verdict;
+  if (const Verdict verdict = check_bands(request.subspan(kBands), target_.bands); verdict.refused()) return verdict;
   return command == kAdd ? add(id, request, origin, now) : modify(id, request, origin, now);
 }
 
 Verdict Meters::add(std::uint32_t id, Bytes request, const Origin &origin, std::int64_t now) {
   if (knows(id)) return refuse(err::kMeterExists, "meter", "there is a meter with this number");
-  if (meters_.size() >= kMaxMeters) return refuse(err::kOutOfMeters, "meter", "there is no room for another meter");
+  if (meters_.size() >= target_.meters) return refuse(err::kOutOfMeters, "meter", "there is no room for another meter");
   Meter &meter = meters_[id];
   meter.created_ns = now;
   hand_over(meter, request, origin);

@@ -13,8 +13,6 @@
 
 namespace host::of_ss {
 
-inline constexpr std::uint32_t kMaxMeters = 1024;
-inline constexpr std::uint8_t kMaxBands = 8;
 inline constexpr std::uint16_t kBandLen = 16;
 enum MeterBand : std::uint16_t { kBandDrop = 1, kBandDscpRemark = 2 };
 inline constexpr Named kMeterBands[] = {{kBandDrop, "drop"}, {kBandDscpRemark, "dscp_remark"}};
@@ -36,7 +34,8 @@ struct Meter {
 
 class Meters {
  public:
-  explicit Meters(Flows &flows) : flows_(flows) {}
+  // `target` bounds the meters and their bands.
+  Meters(Flows &flows, const Abilities &target) : flows_(flows), target_(target) {}
 
   // Carries out a meter-mod; deleting a meter also deletes the flows that use it.
   Verdict apply(Bytes request, const Origin &origin, std::int64_t now);
@@ -69,6 +68,7 @@ class Meters {
   void tell_deletion(Meter &meter);
 
   Flows &flows_;
+  const Abilities &target_;
   std::map<std::uint32_t, Meter> meters_;
 };
 

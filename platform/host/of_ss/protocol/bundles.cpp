@@ -101,7 +101,7 @@ Verdict Bundles::put(Bytes message, Bundle &bundle) {
     return refuse(err::kBundleUnsupported, "message", "only flow-mods can be in a bundle");
   const Bytes flow_mod = added.first(be16(added, kOfLength));
   if (bytes_ + flow_mod.size() > kBytesMax) return refuse(err::kBundleTooMany, "bundle", "there is no room for more messages");
-  if (const Verdict verdict = decode_flow_mod(flow_mod, sw_.ports.numbers(), sw_.flow_mod); verdict.refused()) return verdict;
+  if (const Verdict verdict = decode_flow_mod(flow_mod, sw_.terms(), sw_.flow_mod); verdict.refused()) return verdict;
   bundle.messages.insert(bundle.messages.end(), flow_mod.begin(), flow_mod.end());
   bundle.used_ns = sw_.now();
   bytes_ += flow_mod.size();

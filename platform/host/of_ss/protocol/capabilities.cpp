@@ -18,16 +18,16 @@ json messages() {
   return list;
 }
 
-json match_fields() {
+json match_fields(const Abilities &target) {
   json list = json::array();
   for (std::size_t number = 0; number < kOxmFields; ++number) {
     const OxmField &field = oxm_field(number);
     list.push_back({{"number", number},
                     {"name", field.name},
-                    {"supported", field.supported},
+                    {"supported", field.supported && target.matches(number)},
                     {"mask", field.maskable},
                     {"needs", needs_text(field.needs)},
-                    {"set", can_set(field.number)}});
+                    {"set", target.sets(number)}});
   }
   return list;
 }
@@ -58,24 +58,25 @@ json errors() {
   return list;
 }
 
-json limits() {
+json limits(const Abilities &target) {
   const auto limit = [](const char *name, auto value) { return json{{"name", name}, {"limit", value}}; };
-  return {limit("connections", kMaxConnections), limit("tables", kTableCount),       limit("meters", kMaxMeters),
-          limit("bands of a meter", kMaxBands),  limit("smallest queue", kQueueMin), limit("greatest queue", kQueueMax)};
+  return {limit("connections", kMaxConnections),   limit("tables", kTableCount),       limit("meters", target.meters),
+          limit("bands of a meter", target.bands), limit("smallest queue", kQueueMin), limit("greatest queue", target.queues)};
 }
 
 }  // namespace
 
-json capabilities() {
-  return {{"messages", messages()},
+json capabilities(const Abilities &target) {
+  return {{"target", target.name},
+          {"messages", messages()},
           {"flow_flags", names(fm::kFlagNames)},
-          {"match_fields", match_fields()},
+          {"match_fields", match_fields(target)},
           {"instructions", of_kinds(instruction_kinds())},
-          {"actions", of_kinds(action_kinds())},
+          {"actions", of_kinds(action_kinds(target))},
           {"reserved_ports", ports()},
           {"meter_bands", names(kMeterBands)},
           {"meter_flags", names(kMeterFlags)},
-          {"limits", limits()},
+          {"limits", limits(target)},
           {"errors", errors()}};
 }
 

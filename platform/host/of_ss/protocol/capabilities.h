@@ -1,10 +1,12 @@
-// What controllers can expect of the agent, built from the tables that drive its decisions. Any thread.
+// What controllers can expect of the agent with a target, built from the tables that drive its decisions. Any thread.
 #pragma once
 
 #include <nlohmann/json_fwd.hpp>
 
+#include "host/of_ss/wire/abilities.h"
+
 namespace host::of_ss {
 
-nlohmann::json capabilities();
+nlohmann::json capabilities(const Abilities &target);
 
 }  // namespace host::of_ss

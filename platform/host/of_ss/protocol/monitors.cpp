@@ -50,7 +50,7 @@ struct Monitor {
   std::uint32_t out_port;
   FlowMod filter;  // without the port
 
-  bool is_for_port(const FlowEntry &flow) const { return out_port == port::kAny || output_port(flow.southbound()) == out_port; }
+  bool is_for_port(const FlowEntry &flow) const { return out_port == port::kAny || outputs_to(flow.southbound(), out_port); }
 };
 
 // The monitors of one request. While the existing flows are being reported, `told` is the position in the table, and `xid` the

@@ -115,14 +115,15 @@ void put_property(Writer &out, Property type, Fill &&fill) {
   out.pad8(start);
 }
 
-void put_match_fields(Writer &out, bool with_masks) {
+void put_match_fields(Writer &out, const Abilities &target, bool with_masks) {
   for (std::size_t number = 0; number < kOxmAppType; ++number)
-    if (const OxmField &field = oxm_field(number); field.supported) out.u32(oxm_header(field, with_masks && field.maskable));
+    if (const OxmField &field = oxm_field(number); field.supported && target.matches(number))
+      out.u32(oxm_header(field, with_masks && field.maskable));
 }
 
-void put_set_fields(Writer &out) {
+void put_set_fields(Writer &out, const Abilities &target) {
   for (std::uint8_t number = 0; number < kOxmAppType; ++number)
-    if (can_set(number)) out.u32(oxm_header(oxm_field(number), false));
+    if (target.sets(number)) out.u32(oxm_header(oxm_field(number), false));
 }
 
 void put_ids(Writer &out, const std::vector<Capability> &kinds) {
@@ -133,7 +134,7 @@ void put_ids(Writer &out, const std::vector<Capability> &kinds) {
   }
 }
 
-void put_table_features(Writer &out, std::uint8_t table, std::uint32_t capacity) {
+void put_table_features(Writer &out, std::uint8_t table, const Abilities &target, std::uint32_t capacity) {
   const std::size_t start = out.size();
   out.u16(0);
   out.u8(table);
@@ -146,10 +147,10 @@ void put_table_features(Writer &out, std::uint8_t table, std::uint32_t capacity)
   put_property(out, kInstructionsProperty, [&out] { put_ids(out, instruction_kinds()); });
   put_property(out, kNextTables, [] {});
   for (const Property type : {kWriteActionsProperty, kApplyActionsProperty})
-    put_property(out, type, [&out] { put_ids(out, action_kinds()); });
+    put_property(out, type, [&] { put_ids(out, action_kinds(target)); });
   for (const Property type : {kMatchProperty, kWildcards})
-    put_property(out, type, [&out, type] { put_match_fields(out, type == kMatchProperty); });
-  for (const Property type : {kWriteSetField, kApplySetField}) put_property(out, type, [&out] { put_set_fields(out); });
+    put_property(out, type, [&] { put_match_fields(out, target, type == kMatchProperty); });
+  for (const Property type : {kWriteSetField, kApplySetField}) put_property(out, type, [&] { put_set_fields(out, target); });
   out.patch16(start, out.size() - start);
 }
 
@@ -157,7 +158,9 @@ Verdict table_features(Switch &sw, Connection &connection, Bytes request) {
   if (request.size() > kBody || be16(request, 10) & kMore)
     return refuse(err::kTableFeaturesEperm, "table features", "the features of the tables cannot be changed");
   Parts parts(sw.scratch, connection, request);
-  for (std::uint8_t table = 0; table < kTableCount; ++table) put_table_features(parts.entry(), table, sw.flows.capacity());
+  const Abilities translated = by_entries(sw.target());
+  for (std::uint8_t table = 0; table < kTableCount; ++table)
+    put_table_features(parts.entry(), table, table == kServiceChainTable ? translated : sw.target(), sw.flows.capacity());
   parts.end();
   return {};
 }
@@ -247,12 +250,12 @@ Verdict meter_config(Switch &sw, Connection &connection, Bytes request) {
 Verdict meter_features(Switch &sw, Connection &connection, Bytes request) {
   Parts parts(sw.scratch, connection, request);
   Writer &out = parts.entry();
-  out.u32(kMaxMeters);
+  out.u32(sw.target().meters);
   std::uint32_t bands = 0;
   for (const Named &band : kMeterBands) bands |= 1u << band.number;
   out.u32(bands);
   out.u32(all_bits(kMeterFlags) & ~kMeterStats);  // the flag for statistics is accepted, but none are kept
-  out.u8(kMaxBands);
+  out.u8(static_cast<std::uint8_t>(sw.target().bands));
   out.u8(0);
   out.zeros(2);
   parts.end();

@@ -75,7 +75,7 @@ Verdict packet_out(Switch &sw, Connection &connection, Bytes message) {
     return refuse(err::kRequestBadPort, "in_port", "no such port");
   if (length > message.size() - 24) return bad_length("actions");
   Instructions list;
-  if (const Verdict verdict = decode_packet_out_actions(message.subspan(24, length), sw.ports.numbers(), list); verdict.refused())
+  if (const Verdict verdict = decode_packet_out_actions(message.subspan(24, length), sw.terms(), list); verdict.refused())
     return verdict;
   const Bytes frame = message.subspan(24 + length);
   if (frame.size() < kEthHeader) return bad_length("data");

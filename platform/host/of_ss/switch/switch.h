@@ -48,7 +48,7 @@ class Switch {
   Switch(event_base *base, const SwitchSettings &own, Above above)
       : settings(own),
         flows(above.callbacks, above.flow_events, trace, settings.flows),
-        meters(flows),
+        meters(flows, target_),
         controllers(above.connection_events, flows.client(), settings.connections, [this](bool wanted) { packets.want(wanted); }),
         packets(base, controllers, scratch),
         pace(settings.prompt, std::move(above.wake)),
@@ -56,6 +56,14 @@ class Switch {
         counters(base, flows, std::move(above.counters_are_there)),
         bundles(above.bundles),
         monitors(above.monitors) {}
+
+  // What the target can do, which counts for all later requests.
+  const Abilities &target() const { return target_; }
+  void set_target(const Abilities &target) {
+    target_ = target;
+    flows.target_holds(target.flows);
+  }
+  Terms terms() const { return {ports.numbers(), target_}; }
 
   // Monotonic nanoseconds at the current turn of the loop.
   std::int64_t now() const {
@@ -104,6 +112,7 @@ class Switch {
   FlowMod flow_mod;
 
  private:
+  Abilities target_;
   std::int64_t now_ns_ = 0;
   bool clock_is_fresh_ = false;
 };

@@ -9,20 +9,23 @@ namespace {
 
 namespace sb = southbound;
 
-constexpr std::size_t kOutputLen = 16, kSetQueueLen = 8, kMaxActions = 255;
+constexpr std::size_t kOutputLen = 16, kShortLen = 8, kMaxActions = 255;
 constexpr std::uint16_t kControllerNoBuffer = 0xffff;
 
 // The context in which actions are read.
 struct Context {
   const WireMatch *match;  // null: a packet-out
-  std::span<const std::uint32_t> ports;
+  const Terms &terms;
 };
 
 // The southbound list being built.
 struct List {
   Instructions &out;
   std::size_t count = 0;
-  bool output = false;  // it contains an output; nothing may follow
+  bool output = false;  // it contains an output
+  bool normal = false;  // and that is to NORMAL
+  int tags = 0;         // VLAN tags that every packet surely has here
+  int of_pass = 0;      // actions read in this pass
 
   std::byte *add(std::uint16_t type, std::size_t length) {
     if (count == kMaxActions || out.length + length > kMaxSouthboundActions) return nullptr;
@@ -38,6 +41,14 @@ struct List {
 
 constexpr Verdict kTooManyActions{&err::kTooMany, "actions", "more actions than a flow may have"};
 constexpr Verdict kAfterOutput{&err::kUnsupportedOrder, "actions", "the action comes after the output and would act on nothing"};
+constexpr Verdict kAfterNormal{&err::kUnsupportedOrder, "actions", "nothing can follow output NORMAL"};
+constexpr Verdict kAnotherPacket{&err::kMatchInconsistent, "actions", "the flow also matches packets that it cannot act on"};
+
+// An action of a flow other than an output: the target may have to act where the output stands.
+Verdict check_place(const Context &context, const List &list) {
+  if (!context.match || !list.output) return {};
+  return list.normal ? kAfterNormal : context.terms.target.several_outputs ? Verdict{} : kAfterOutput;
+}
 
 bool is_port(std::span<const std::uint32_t> ports, std::uint32_t number) {
   return std::binary_search(ports.begin(), ports.end(), number);
@@ -55,7 +66,7 @@ const ReservedPort *find_reserved(std::uint32_t number) {
 }
 
 bool may_output(const Context &context, std::uint32_t number) {
-  if (number <= port::kMax) return is_port(context.ports, number);
+  if (number <= port::kMax) return is_port(context.terms.ports, number);
   const ReservedPort *reserved = find_reserved(number);
   return reserved && (context.match ? reserved->for_flows : reserved->for_packets);
 }
@@ -65,58 +76,97 @@ Verdict read_output(Bytes action, const Context &context, List &list) {
   const std::uint32_t number = be32(action, 4);
   if (!may_output(context, number))
     return refuse(err::kBadOutPort, "output", "no such port, or a reserved one that cannot be used here");
-  if (list.output && context.match) return refuse(err::kTooMany, "output", "a flow has one output");
+  if (list.normal && context.match) return kAfterNormal;
+  if (list.output && context.match && !context.terms.target.several_outputs)
+    return refuse(err::kTooMany, "output", "a flow has one output");
   std::byte *at = list.add(kOutput, kOutputLen);
   if (!at) return kTooManyActions;
   sb::put(at, sb::kActionBody, number);
   sb::put(at, sb::kActionValue, be16(action, 8));
   list.output = true;
+  list.normal = number == port::kNormal;
+  return {};
+}
+
+// An action of 8 bytes.
+Verdict add_short(std::uint16_t type, std::uint32_t number, const Context &context, List &list) {
+  if (const Verdict verdict = check_place(context, list); verdict.refused()) return verdict;
+  std::byte *at = list.add(type, kShortLen);
+  if (!at) return kTooManyActions;
+  sb::put(at, sb::kActionBody, number);
   return {};
 }
 
 Verdict read_set_queue(Bytes action, const Context &context, List &list) {
-  if (action.size() != kSetQueueLen) return refuse(err::kActionBadLen, "set_queue", "the length of the action is not 8");
+  if (action.size() != kShortLen) return refuse(err::kActionBadLen, "set_queue", "the length of the action is not 8");
   const std::uint32_t queue = be32(action, 4);
-  if (queue < kQueueMin || queue > kQueueMax) return refuse(err::kBadQueue, "set_queue", "no such queue, allowed are 1 to 8");
-  if (list.output && context.match) return kAfterOutput;
-  std::byte *at = list.add(kSetQueue, kSetQueueLen);
-  if (!at) return kTooManyActions;
-  sb::put(at, sb::kActionBody, queue);
-  return {};
+  if (queue < kQueueMin || queue > context.terms.target.queues)
+    return refuse(err::kBadQueue, "set_queue", "no such queue; kelimctl capabilities lists those that exist");
+  return add_short(kSetQueue, queue, context, list);
 }
 
-Verdict read_group(Bytes, const Context &, List &) {
+// ---- tags
+
+Verdict read_push_vlan(Bytes action, const Context &context, List &list) {
+  if (action.size() != kShortLen) return refuse(err::kActionBadLen, "push_vlan", "the length of the action is not 8");
+  const std::uint16_t type = be16(action, 4);
+  if (type != 0x8100 && type != 0x88a8) return refuse(err::kBadArgument, "push_vlan", "a tag has type 0x8100 or 0x88a8");
+  ++list.tags;
+  return add_short(kPushVlan, type, context, list);
+}
+
+Verdict read_pop_vlan(Bytes action, const Context &context, List &list) {
+  if (action.size() != kShortLen) return refuse(err::kActionBadLen, "pop_vlan", "the length of the action is not 8");
+  if (context.match && list.tags-- == 0) return kAnotherPacket;
+  return add_short(kPopVlan, 0, context, list);
+}
+
+// ---- time to live
+
+Verdict read_set_ttl(Bytes action, const Context &context, List &list) {
+  if (action.size() != kShortLen) return refuse(err::kActionBadLen, "set_nw_ttl", "the length of the action is not 8");
+  if (context.match && !satisfies(*context.match, Needs::ip)) return kAnotherPacket;
+  return add_short(kSetNwTtl, be8(action, 4), context, list);
+}
+
+Verdict read_dec_ttl(Bytes action, const Context &context, List &list) {
+  if (action.size() != kShortLen) return refuse(err::kActionBadLen, "dec_nw_ttl", "the length of the action is not 8");
+  if (context.match && !satisfies(*context.match, Needs::ip)) return kAnotherPacket;
+  return add_short(kDecNwTtl, 0, context, list);
+}
+
+Verdict refuse_group(Bytes, const Context &, List &) {
   return refuse(err::kBadOutGroup, "group", "the switch has no groups");
 }
 
-Verdict read_experimenter(Bytes, const Context &, List &) {
+Verdict refuse_experimenter(Bytes, const Context &, List &) {
   return refuse(err::kActionBadExperimenter, "experimenter action", "the switch knows no experimenter's actions");
 }
 
 // The field that a set-field sets; null if it cannot be set.
-const OxmField *settable(std::uint32_t header) {
+const OxmField *settable(std::uint32_t header, const Abilities &target) {
   const std::uint8_t number = header >> 9 & 0x7f;
-  return header >> 16 == 0x8000 && !(header >> 8 & 1) && can_set(number) ? &oxm_field(number) : nullptr;
+  return header >> 16 == 0x8000 && !(header >> 8 & 1) && target.sets(number) ? &oxm_field(number) : nullptr;
 }
 
-Verdict check_set_field(Bytes action, const OxmField &field, const Context &context) {
+Verdict check_set_field(Bytes action, const OxmField &field, const Context &context, const List &list) {
   if ((be32(action, 4) & 0xff) != field.width || action.size() != sb::action_step(static_cast<std::uint16_t>(8 + field.width)))
     return refuse(err::kBadSetLen, field.name, "the length of the value is wrong");
   if (const Verdict verdict = check_value(field, action.data() + 8, nullptr); verdict.refused())
     return refuse(err::kBadSetArgument, field.name, verdict.why);
-  // A VLAN id is set in an existing tag; tags are not pushed.
-  const Needs needs = field.number == kOxmVlanVid ? Needs::vlan : field.needs;
-  if (context.match && !satisfies(*context.match, needs))
+  const bool of_tag = field.number == kOxmVlanVid || field.number == kOxmVlanPcp;
+  if (context.match && (of_tag ? list.tags == 0 : !satisfies(*context.match, field.needs)))
     return refuse(err::kMatchInconsistent, field.name, "the flow also matches packets that do not have the field");
   return {};
 }
 
 Verdict read_set_field(Bytes action, const Context &context, List &list) {
-  const OxmField *field = settable(be32(action, 4));
+  const OxmField *field = settable(be32(action, 4), context.terms.target);
   if (!field)
-    return refuse(err::kBadSetType, "set_field", "allowed are eth_dst, eth_src, vlan_vid, vlan_pcp and ip_dscp, without a mask");
-  if (const Verdict verdict = check_set_field(action, *field, context); verdict.refused()) return verdict;
-  if (list.output && context.match) return kAfterOutput;
+    return refuse(err::kBadSetType, "set_field",
+                  "a mask, or a field that is not set; kelimctl capabilities lists those that are");
+  if (const Verdict verdict = check_set_field(action, *field, context, list); verdict.refused()) return verdict;
+  if (const Verdict verdict = check_place(context, list); verdict.refused()) return verdict;
   std::byte *at = list.add(kSetField, action.size());
   if (!at) return kTooManyActions;
   sb::put(at, sb::kActionBody, oxm_header(*field, false));
@@ -128,58 +178,86 @@ Verdict refuse_action(Bytes, const Context &, List &) {
   return refuse(err::kBadAction, "actions", "the switch does not carry out this type of action");
 }
 
-// Every action of OpenFlow 1.3, supported ones first.
+// Every action of OpenFlow 1.3, those that can be supported first.
+using Read = Verdict (*)(Bytes action, const Context &context, List &list);
 struct ActionRow {
-  Capability kind;
-  std::size_t argument = 0;  // bytes of the number behind the header, for texts; 2 bytes are an EtherType
-  Verdict (*read)(Bytes action, const Context &context, List &list) = refuse_action;
+  std::uint16_t type;
+  const char *name;
+  std::size_t argument = 0;     // bytes of the number behind the header; 2 bytes are an EtherType
+  Read read = nullptr;          // null: never supported
+  Read refuse = refuse_action;  // if it is not supported
 };
 constexpr ActionRow kActions[] = {
-    {{kOutput, "output", true}, 4, read_output},
-    {{kSetQueue, "set_queue", true}, 4, read_set_queue},
-    {{kSetField, "set_field", true}, 0, read_set_field},
-    {{kGroup, "group", false}, 4, read_group},
-    {{kActionExperimenter, "experimenter", false}, 4, read_experimenter},
-    {{11, "copy_ttl_out", false}},
-    {{12, "copy_ttl_in", false}},
-    {{15, "set_mpls_ttl", false}, 1},
-    {{16, "dec_mpls_ttl", false}},
-    {{17, "push_vlan", false}, 2},
-    {{18, "pop_vlan", false}},
-    {{19, "push_mpls", false}, 2},
-    {{20, "pop_mpls", false}, 2},
-    {{23, "set_nw_ttl", false}, 1},
-    {{24, "dec_nw_ttl", false}},
-    {{26, "push_pbb", false}, 2},
-    {{27, "pop_pbb", false}},
+    {kOutput, "output", 4, read_output},
+    {kSetQueue, "set_queue", 4, read_set_queue},
+    {kSetField, "set_field", 0, read_set_field},
+    {kPushVlan, "push_vlan", 2, read_push_vlan},
+    {kPopVlan, "pop_vlan", 0, read_pop_vlan},
+    {kSetNwTtl, "set_nw_ttl", 1, read_set_ttl},
+    {kDecNwTtl, "dec_nw_ttl", 0, read_dec_ttl},
+    {kGroup, "group", 4, nullptr, refuse_group},
+    {kActionExperimenter, "experimenter", 4, nullptr, refuse_experimenter},
+    {11, "copy_ttl_out"},
+    {12, "copy_ttl_in"},
+    {15, "set_mpls_ttl", 1},
+    {16, "dec_mpls_ttl"},
+    {19, "push_mpls", 2},
+    {20, "pop_mpls", 2},
+    {26, "push_pbb", 2},
+    {27, "pop_pbb"},
 };
-constexpr ActionRow kUnknownAction{{0, "action", false}, 2};
+constexpr ActionRow kUnknownAction{0, "action", 2};
+
+bool does(const ActionRow &row, const Abilities &target) {
+  return row.read && target.does(row.type);
+}
 
 const ActionRow &row_of(std::uint16_t type) {
   for (const ActionRow &row : kActions)
-    if (row.kind.type == type) return row;
+    if (row.type == type) return row;
   return kUnknownAction;
 }
 
 Verdict read_action(Bytes action, const Context &context, List &list) {
   const std::uint16_t type = be16(action, 0);
-  return row_of(type).read(action, context, list);
+  const ActionRow &row = row_of(type);
+  return (does(row, context.terms.target) ? row.read : row.refuse)(action, context, list);
 }
 
-// The actions of a list to read: the output of an action set acts last, wherever it stands.
-enum class Pass { every, all_but_output, output };
+// The actions of a list to read. Those of an action set act in this order, wherever they stand (5.10).
+enum class Pass { every, pop, push, dec_ttl, set, output };
+constexpr Pass kActionSet[] = {Pass::pop, Pass::push, Pass::dec_ttl, Pass::set, Pass::output};
+
+Pass pass_of(std::uint16_t type) {
+  switch (type) {
+    case kPopVlan:
+      return Pass::pop;
+    case kPushVlan:
+      return Pass::push;
+    case kDecNwTtl:
+      return Pass::dec_ttl;
+    case kOutput:
+      return Pass::output;
+    default:
+      return Pass::set;
+  }
+}
 
 bool wanted(Pass pass, std::uint16_t type) {
-  return pass == Pass::every || (pass == Pass::output) == (type == kOutput);
+  return pass == Pass::every || pass == pass_of(type);
 }
 
 Verdict read_actions(Bytes from, Pass pass, const Context &context, List &list) {
+  list.of_pass = 0;
   while (!from.empty()) {
     const std::size_t length = from.size() >= 8 ? be16(from, 2) : 0;
     if (length < 8 || length % 8 || length > from.size())
       return refuse(err::kActionBadLen, "actions", "the length of an action is not a multiple of 8 within the list");
-    if (wanted(pass, be16(from, 0)))
+    if (wanted(pass, be16(from, 0))) {
+      if (pass != Pass::every && pass != Pass::set && ++list.of_pass > 1)
+        return refuse(err::kTooMany, "write_actions", "an action set has one action of a type");
       if (const Verdict verdict = read_action(from.first(length), context, list); verdict.refused()) return verdict;
+    }
     from = from.subspan(length);
   }
   return {};
@@ -283,13 +361,26 @@ bool next_action(Bytes &list, SouthboundAction &action) {
   return true;
 }
 
+template <typename Take>
+void each_output(Bytes flow_mod, Take &&take) {
+  Bytes list = southbound_actions(flow_mod);
+  for (SouthboundAction action; next_action(list, action);)
+    if (action.type == kOutput) take(action.value<std::uint32_t>(sb::kActionBody));
+}
+
 const OxmField &set_field_row(const SouthboundAction &action) {
   return oxm_field(std::min<std::size_t>(action.value<std::uint32_t>(sb::kActionBody) >> 9 & 0x7f, kOxmAppType));
 }
 
 // True if the action is long enough for the field that it names; false only for actions not written by read_set_field.
 bool holds_field(const SouthboundAction &action) {
-  return action.bytes.size() >= sb::kActionValue + set_field_row(action).width && can_set(set_field_row(action).number);
+  return action.bytes.size() >= sb::kActionValue + set_field_row(action).width && kKnownSets >> set_field_row(action).number & 1;
+}
+
+void put_number(std::uint32_t number, std::size_t width, Writer &out) {
+  if (width == 1) out.u8(static_cast<std::uint8_t>(number));
+  if (width == 2) out.u16(static_cast<std::uint16_t>(number));
+  if (width == 4) out.u32(number);
 }
 
 void put_wire_action(const SouthboundAction &action, Writer &out) {
@@ -303,7 +394,7 @@ void put_wire_action(const SouthboundAction &action, Writer &out) {
     out.u32(action.value<std::uint32_t>(sb::kActionBody));
     put_wire_value(set_field_row(action), action.bytes.data() + sb::kActionValue, out);
   } else {
-    out.u32(action.value<std::uint32_t>(sb::kActionBody));
+    put_number(action.value<std::uint32_t>(sb::kActionBody), row_of(action.type).argument, out);
   }
   out.zeros(start + action.bytes.size() - out.size());
 }
@@ -325,6 +416,11 @@ std::string output_text(std::uint32_t number, std::uint16_t max_len) {
   return "output:" + (reserved ? reserved->name : std::to_string(number)) + (cut ? fmt::format(":{}", max_len) : "");
 }
 
+std::string number_text(const ActionRow &row, std::uint32_t number) {
+  if (row.argument == 0) return row.name;
+  return row.argument == 2 ? fmt::format("{}:0x{:04x}", row.name, number) : fmt::format("{}:{}", row.name, number);
+}
+
 std::string action_text(const SouthboundAction &action) {
   const auto word = action.value<std::uint32_t>(sb::kActionBody);
   if (action.type == kOutput)
@@ -334,30 +430,31 @@ std::string action_text(const SouthboundAction &action) {
     const OxmField &field = set_field_row(action);
     return fmt::format("set_field:{}->{}", value_text(field, action.bytes.data() + sb::kActionValue), field.name);
   }
-  return fmt::format("{}:{}", action.type == kSetQueue ? "set_queue" : "action", word);
+  return number_text(row_of(action.type), word);
 }
 
 }  // namespace
 
-Verdict decode_instructions(Bytes from, const WireMatch &match, std::span<const std::uint32_t> ports, Instructions &out) {
+Verdict decode_instructions(Bytes from, const WireMatch &match, const Terms &terms, Instructions &out) {
   out.meter_id = 0;
   out.form = 0;
   out.length = 0;
   Found found;
   if (const Verdict verdict = sort_out(from, found, out); verdict.refused()) return verdict;
-  const Context context{&match, ports};
+  const Context context{&match, terms};
   List list{out};
+  list.tags = satisfies(match, Needs::vlan) ? 1 : 0;
   if (const Verdict verdict = read_actions(found.applied, Pass::every, context, list); verdict.refused()) return verdict;
   out.applied = static_cast<std::uint8_t>(list.count);
-  if (found.written.empty()) return {};
-  if (const Verdict verdict = read_actions(found.written, Pass::all_but_output, context, list); verdict.refused()) return verdict;
-  return read_actions(found.written, Pass::output, context, list);
+  for (const Pass pass : kActionSet)
+    if (const Verdict verdict = read_actions(found.written, pass, context, list); verdict.refused()) return verdict;
+  return {};
 }
 
-Verdict decode_packet_out_actions(Bytes from, std::span<const std::uint32_t> ports, Instructions &out) {
+Verdict decode_packet_out_actions(Bytes from, const Terms &terms, Instructions &out) {
   out.length = 0;
   List list{out};
-  return read_actions(from, Pass::every, {nullptr, ports}, list);
+  return read_actions(from, Pass::every, {nullptr, terms}, list);
 }
 
 void encode_wire_instructions(Bytes flow_mod, Writer &out) {
@@ -410,9 +507,7 @@ std::string wire_action_text(Bytes action) {
   if (type == kOutput && action.size() == kOutputLen) return output_text(be32(action, 4), be16(action, 8));
   if (type == kSetField) return "set_field:" + turned(wire_field_text(action.subspan(4)));
   if (&row == &kUnknownAction) return fmt::format("action:{}", type);
-  if (row.argument == 0) return row.kind.name;
-  const std::uint32_t number = number_at(action, 4, row.argument);
-  return row.argument == 2 ? fmt::format("{}:0x{:04x}", row.kind.name, number) : fmt::format("{}:{}", row.kind.name, number);
+  return number_text(row, number_at(action, 4, row.argument));
 }
 
 // Calls `show` with each piece of a list whose pieces are {type u16, length u16, ...}; "..." is shown where the bytes end early.
@@ -441,13 +536,6 @@ std::string wire_instruction_text(Bytes instruction) {
   return type == kMeterInstruction ? fmt::format("{}:{}", name, be32(instruction, 4)) : name;
 }
 
-template <typename Rows>
-std::vector<Capability> kinds(const Rows &rows) {
-  std::vector<Capability> all;
-  for (const auto &row : rows) all.push_back(row.kind);
-  return all;
-}
-
 }  // namespace
 
 std::string wire_actions_text(Bytes instructions) {
@@ -455,16 +543,23 @@ std::string wire_actions_text(Bytes instructions) {
   return text.empty() ? "drop" : text;
 }
 
-std::vector<Capability> action_kinds() {
-  return kinds(kActions);
+std::vector<Capability> action_kinds(const Abilities &target) {
+  std::vector<Capability> all;
+  for (const ActionRow &row : kActions) all.push_back({row.type, row.name, does(row, target)});
+  return all;
+}
+
+std::uint64_t known_actions() {
+  std::uint64_t known = 0;
+  for (const ActionRow &row : kActions)
+    if (row.read) known |= bits(row.type);
+  return known;
 }
 
 std::vector<Capability> instruction_kinds() {
-  return kinds(kInstructions);
-}
-
-bool can_set(std::uint8_t number) {
-  return number == kOxmEthDst || number == kOxmEthSrc || number == kOxmVlanVid || number == kOxmVlanPcp || number == kOxmIpDscp;
+  std::vector<Capability> all;
+  for (const InstructionRow &row : kInstructions) all.push_back(row.kind);
+  return all;
 }
 
 std::span<const ReservedPort> reserved_ports() {
@@ -472,10 +567,15 @@ std::span<const ReservedPort> reserved_ports() {
 }
 
 std::uint32_t output_port(Bytes flow_mod) {
-  Bytes list = southbound_actions(flow_mod);
-  for (SouthboundAction action; next_action(list, action);)
-    if (action.type == kOutput) return action.value<std::uint32_t>(sb::kActionBody);
-  return 0;
+  std::uint32_t found = 0;
+  each_output(flow_mod, [&found](std::uint32_t number) { found = found == 0 || found == number ? number : kSeveralPorts; });
+  return found;
+}
+
+bool outputs_to(Bytes flow_mod, std::uint32_t number) {
+  bool does = false;
+  each_output(flow_mod, [&does, number](std::uint32_t port) { does = does || port == number; });
+  return does;
 }
 
 Bytes southbound_match(Bytes flow_mod) {

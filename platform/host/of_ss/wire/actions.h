@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "host/of_ss/wire/abilities.h"
 #include "host/of_ss/wire/oxm.h"
 #include "host/of_ss/wire/wire.h"
 
@@ -27,13 +28,12 @@ struct Instructions {
   std::byte actions[kMaxSouthboundActions];
 };
 
-// Checks and reads the instructions of a flow that matches on `match`; `ports` are the numbers of the switch's ports, ascending.
-// The southbound actions are in the order in which they act: those of APPLY_ACTIONS, then those of WRITE_ACTIONS with the output
-// last.
-Verdict decode_instructions(Bytes from, const WireMatch &match, std::span<const std::uint32_t> ports, Instructions &out);
+// Checks and reads the instructions of a flow that matches on `match`. The southbound actions are in the order in which they act:
+// those of APPLY_ACTIONS, then those of WRITE_ACTIONS with the output last.
+Verdict decode_instructions(Bytes from, const WireMatch &match, const Terms &terms, Instructions &out);
 
 // Checks and reads the actions of a packet-out, which may output more than once. The southbound actions keep their order.
-Verdict decode_packet_out_actions(Bytes from, std::span<const std::uint32_t> ports, Instructions &out);
+Verdict decode_packet_out_actions(Bytes from, const Terms &terms, Instructions &out);
 
 // Writes the instructions of a southbound flow-mod for the wire.
 void encode_wire_instructions(Bytes flow_mod, Writer &out);
@@ -44,16 +44,16 @@ std::string actions_text(Bytes flow_mod);
 // The instructions of a flow-mod from the wire, valid or not, in the same form; "..." where the bytes end early.
 std::string wire_actions_text(Bytes instructions);
 
-// A kind in OpenFlow, and whether the switch supports it.
+// A kind in OpenFlow, and whether the switch supports it with that target.
 struct Capability {
   std::uint16_t type;
   const char *name;
   bool supported;
 };
-std::vector<Capability> action_kinds();
+std::vector<Capability> action_kinds(const Abilities &target);
 std::vector<Capability> instruction_kinds();
-// True if set-field may set the field.
-bool can_set(std::uint8_t field);
+// The actions that the library can ask a target for, as bits.
+std::uint64_t known_actions();
 // A named reserved port, and whether flows and packet-outs may output to it.
 struct ReservedPort {
   std::uint32_t number;
@@ -61,10 +61,11 @@ struct ReservedPort {
   bool for_flows, for_packets;
 };
 std::span<const ReservedPort> reserved_ports();
-inline constexpr std::uint32_t kQueueMin = 1, kQueueMax = 8;
 
-// The port of the flow's output; 0 if it has none.
+// The port of the flow's output; 0 if it has none, kSeveralPorts if it outputs to different ones.
+inline constexpr std::uint32_t kSeveralPorts = 0xfffffff0;
 std::uint32_t output_port(Bytes flow_mod);
+bool outputs_to(Bytes flow_mod, std::uint32_t port);
 
 // The parts of a southbound flow-mod, bounded by its length; empty if the bytes are missing.
 Bytes southbound_match(Bytes flow_mod);

@@ -142,11 +142,12 @@ void keep(const OxmField &row, const std::byte *value, const std::byte *mask, Wi
   if (row.number == kOxmIpProto) match.ip_proto = static_cast<std::uint8_t>(*value);
 }
 
-Verdict decode_field(const WireField &field, std::uint64_t &seen, WireMatch &match) {
+Verdict decode_field(const WireField &field, const Abilities &target, std::uint64_t &seen, WireMatch &match) {
   const std::byte *value;
   const OxmField *row = row_of(field, value);
   if (!row) return refuse(err::kBadField, "unknown field", "the switch does not know this match field");
-  if (!row->supported) return refuse(err::kBadField, row->name, "the switch does not match on this field");
+  if (!row->supported || !target.matches(row->number))
+    return refuse(err::kBadField, row->name, "the switch does not match on this field");
   if (field.masked() && !row->maskable) return refuse(err::kBadMask, row->name, "the field takes no mask");
   const std::size_t payload = static_cast<std::size_t>(field.payload + field.length() - value);
   if (payload != std::size_t{row->width} * (field.masked() ? 2 : 1))
@@ -290,6 +291,13 @@ std::string mask_text(const FieldSlot &slot) {
 
 }  // namespace
 
+std::uint64_t known_match_fields() {
+  std::uint64_t known = 0;
+  for (const OxmField &row : kTable)
+    if (row.supported) known |= bits(row.number);
+  return known;
+}
+
 const OxmField &oxm_field(std::size_t number) {
   return kTable[number];
 }
@@ -327,7 +335,7 @@ std::string value_text(const OxmField &row, const std::byte *at) {
   return row.number == kOxmEthType || row.number == kOxmIpv6Exthdr ? fmt::format("0x{:04x}", number) : std::to_string(number);
 }
 
-Verdict decode_match(Bytes from, WireMatch &match) {
+Verdict decode_match(Bytes from, const Abilities &target, WireMatch &match) {
   match.present = 0;
   match.eth_type = 0;
   if (from.size() < 4) return refuse(err::kMatchBadLen, "match", "the message ends within the match");
@@ -342,7 +350,7 @@ Verdict decode_match(Bytes from, WireMatch &match) {
     const WireField field{be32(from, at), from.data() + at + 4};
     assert(field.payload);
     if (length - at - 4 < field.length()) return refuse(err::kMatchBadLen, "match", "a field is longer than the match");
-    if (const Verdict verdict = decode_field(field, seen, match); verdict.refused()) return verdict;
+    if (const Verdict verdict = decode_field(field, target, seen, match); verdict.refused()) return verdict;
     at += 4 + field.length();
   }
   return check_needs(match);

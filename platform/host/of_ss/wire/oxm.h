@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <string>
 
+#include "host/of_ss/wire/abilities.h"
 #include "host/of_ss/wire/wire.h"
 #include "southbound_view.h"
 
@@ -47,6 +48,8 @@ enum OxmNumber : std::uint8_t {
   kOxmIpv6Exthdr = 39,
 };
 const OxmField &oxm_field(std::size_t number);
+// The fields that the library can match on, as bits.
+std::uint64_t known_match_fields();
 
 // The three operations on the value of one field: check a wire value (null: no mask), convert it to southbound layout, and write
 // a southbound value to the wire.
@@ -72,8 +75,8 @@ struct WireMatch {
   bool has(std::size_t field) const { return present >> field & 1; }
 };
 
-// Checks and reads the match (with its 4-byte header and padding) at the start of `from`.
-Verdict decode_match(Bytes from, WireMatch &match);
+// Checks and reads the match (with its 4-byte header and padding) at the start of `from`, for that target.
+Verdict decode_match(Bytes from, const Abilities &target, WireMatch &match);
 
 // True if the match meets the prerequisite `needs`.
 bool satisfies(const WireMatch &match, Needs needs);

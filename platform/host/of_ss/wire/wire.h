@@ -167,8 +167,12 @@ enum InstructionType : std::uint16_t {
 
 enum ActionType : std::uint16_t {
   kOutput = 0,
+  kPushVlan = 17,
+  kPopVlan = 18,
   kSetQueue = 21,
   kGroup = 22,
+  kSetNwTtl = 23,
+  kDecNwTtl = 24,
   kSetField = 25,
   kActionExperimenter = 0xffff,
 };
@@ -207,6 +211,7 @@ struct Error {
   ROW(kActionBadLen, 2, 1, "OFPBAC_BAD_LEN")                                                \
   ROW(kActionBadExperimenter, 2, 2, "OFPBAC_BAD_EXPERIMENTER")                              \
   ROW(kBadOutPort, 2, 4, "OFPBAC_BAD_OUT_PORT")                                             \
+  ROW(kBadArgument, 2, 5, "OFPBAC_BAD_ARGUMENT")                                            \
   ROW(kTooMany, 2, 7, "OFPBAC_TOO_MANY")                                                    \
   ROW(kBadQueue, 2, 8, "OFPBAC_BAD_QUEUE")                                                  \
   ROW(kBadOutGroup, 2, 9, "OFPBAC_BAD_OUT_GROUP")                                           \

@@ -32,6 +32,7 @@ PLANE_MAP(masks, BPF_MAP_TYPE_ARRAY, 2 * DP_MAX_MASKS, struct dp_mask);
 PLANE_MAP(buckets, BPF_MAP_TYPE_ARRAY, 2, struct dp_bucket);
 PLANE_MAP(flows, BPF_MAP_TYPE_ARRAY, 1, struct dp_flow);
 PLANE_MAP(counts, BPF_MAP_TYPE_ARRAY, 1, struct dp_count);
+PLANE_MAP(steps, BPF_MAP_TYPE_ARRAY, DP_MAX_STEPS, struct dp_step);
 PLANE_MAP(meters, BPF_MAP_TYPE_ARRAY, DP_MAX_METERS, struct dp_meter);
 PLANE_MAP(ports, BPF_MAP_TYPE_ARRAY, DP_MAX_PORTS, struct dp_port);
 PLANE_MAP(punts, BPF_MAP_TYPE_ARRAY, DP_MAX_PORTS, struct dp_punt);
@@ -79,9 +80,16 @@ struct way {
   __u32 ingress;  // interface index
   __u32 port;     // the ingress port's place
   __u32 l3;       // offset; 0: no IP header
+  __u32 l4;       // likewise
   __u32 packets;  // to be counted
   __u32 bytes;
-  __u16 type;  // Ethernet type
+  __u32 next;   // step of the list, + 1
+  __u16 type;   // Ethernet type
+  __u8 proto;   // after extension headers
+  __u8 routed;  // by an IPv6 routing header, so that the checksum covers another destination
+  __u8 output;  // DP_PORT and so on
+  __u8 to;      // place of the output port
+  __u8 failed;  // a rewrite was impossible
 };
 
 // Determines the packets and bytes to count: those of the frame, or of all segments that the kernel will cut it into. A VLAN tag
@@ -136,12 +144,141 @@ static __always_inline int set_vlan(struct way *way, __u16 value, __u16 mask) {
   return bpf_skb_vlan_push(skb, proto, tag);
 }
 
+static __always_inline void shift_headers(struct way *way, int by) {
+  if (way->l3 != 0) way->l3 += by;
+  if (way->l4 != 0) way->l4 += by;
+}
+
+// The kernel keeps the outer tag beside the frame and moves the next one into the frame, or out of it. A new tag has the id and
+// the priority of the one that was the outermost.
+static __always_inline int push_vlan(struct way *way, __u16 type) {
+  struct __sk_buff *skb = way->skb;
+  const __u32 tagged = skb->vlan_present;
+  if (bpf_skb_vlan_push(skb, bpf_htons(type), tagged ? skb->vlan_tci : 0) != 0) return -1;
+  if (tagged) shift_headers(way, 4);
+  return 0;
+}
+
+static __always_inline int pop_vlan(struct way *way) {
+  struct __sk_buff *skb = way->skb;
+  if (!skb->vlan_present || bpf_skb_vlan_pop(skb) != 0) return -1;
+  if (skb->vlan_present) shift_headers(way, -4);
+  return 0;
+}
+
+// Sets the time to live, or decrements it if `ttl` is negative; a packet whose time is over cannot be decremented.
+static __always_inline int set_ttl(struct way *way, int ttl) {
+  struct __sk_buff *skb = way->skb;
+  const int v6 = way->type == DP_TYPE_IPV6;
+  const __u32 at = way->l3 + (v6 ? DP_IPV6_NEXT : DP_IPV4_TTL);
+  __u8 bytes[2];
+  if (way->l3 == 0 || bpf_skb_load_bytes(skb, at, bytes, sizeof bytes) != 0) return -1;
+  const __u8 before = v6 ? bytes[1] : bytes[0];
+  if (ttl < 0 && before <= 1) return -1;
+  const __u8 after = ttl < 0 ? before - 1 : ttl;
+  if (v6) {
+    bytes[1] = after;
+    return bpf_skb_store_bytes(skb, at, bytes, sizeof bytes, BPF_F_RECOMPUTE_CSUM);
+  }
+  if (bpf_l3_csum_replace(skb, way->l3 + DP_IPV4_CHECKSUM, bpf_htons(before << 8), bpf_htons(after << 8), 2) != 0) return -1;
+  return bpf_skb_store_bytes(skb, at, &after, 1, 0);
+}
+
+// A datagram without a checksum stays without one.
+static __always_inline __u64 checksum_flags(const struct way *way) {
+  return way->proto == DP_UDP ? BPF_F_MARK_MANGLED_0 : 0;
+}
+
+static __always_inline int set_ipv4(struct way *way, const struct dp_step *step) {
+  struct __sk_buff *skb = way->skb;
+  const __u32 checksum = dp_checksum_at(way->l4, way->proto);
+  __u32 before, after;
+  __builtin_memcpy(&after, step->bytes, sizeof after);
+  if (way->type != DP_TYPE_IPV4 || way->l3 == 0) return -1;
+  const __u32 at = way->l3 + step->at;
+  if (bpf_skb_load_bytes(skb, at, &before, sizeof before) != 0) return -1;
+  if (checksum != 0 && bpf_l4_csum_replace(skb, checksum, before, after, checksum_flags(way) | BPF_F_PSEUDO_HDR | 4) != 0)
+    return -1;
+  if (bpf_l3_csum_replace(skb, way->l3 + DP_IPV4_CHECKSUM, before, after, 4) != 0) return -1;
+  return bpf_skb_store_bytes(skb, at, &after, sizeof after, 0);
+}
+
+// The flag of the store makes up for what bpf_l4_csum_replace does to the kernel's own sum over the packet as if an IPv4 header's
+// checksum balanced the address.
+static __always_inline int set_ipv6(struct way *way, const struct dp_step *step) {
+  struct __sk_buff *skb = way->skb;
+  const int covered = !(way->routed && step->at == DP_IPV6_DST);
+  const __u32 checksum = covered ? dp_checksum_at(way->l4, way->proto) : 0;
+  __u32 before[4], after[4];
+  __builtin_memcpy(after, step->bytes, sizeof after);
+  if (way->type != DP_TYPE_IPV6 || way->l3 == 0) return -1;
+  const __u32 at = way->l3 + step->at;
+  if (bpf_skb_load_bytes(skb, at, before, sizeof before) != 0) return -1;
+  const __s64 difference = bpf_csum_diff(before, sizeof before, after, sizeof after, 0);
+  if (checksum != 0 && bpf_l4_csum_replace(skb, checksum, 0, difference, checksum_flags(way) | BPF_F_PSEUDO_HDR) != 0) return -1;
+  return bpf_skb_store_bytes(skb, at, after, sizeof after, BPF_F_RECOMPUTE_CSUM);
+}
+
+// Fragments other than the first have no ports to set.
+static __always_inline int set_l4(struct way *way, const struct dp_step *step) {
+  struct __sk_buff *skb = way->skb;
+  const __u16 after = bpf_htons(step->value);
+  __u16 before;
+  if (way->proto != step->proto) return -1;
+  if (way->l4 == 0) return 0;
+  const __u32 at = way->l4 + step->at;
+  if (bpf_skb_load_bytes(skb, at, &before, sizeof before) != 0) return -1;
+  if (bpf_l4_csum_replace(skb, dp_checksum_at(way->l4, way->proto), before, after, checksum_flags(way) | 2) != 0) return -1;
+  return bpf_skb_store_bytes(skb, at, &after, sizeof after, 0);
+}
+
+static __always_inline int set_eth(struct way *way, const struct dp_step *step) {
+  __u8 address[6];
+  __builtin_memcpy(address, step->bytes, sizeof address);
+  return bpf_skb_store_bytes(way->skb, step->at, address, sizeof address, 0);
+}
+
+static __always_inline int set_queue(struct way *way, __u16 queue) {
+  way->skb->priority = 1 << 16 | queue;
+  return 0;
+}
+
+// Non-zero if the packet lacks what is to be rewritten.
+static __always_inline int carry_out(struct way *way, const struct dp_step *step) {
+  switch (step->kind) {
+    case DP_STEP_QUEUE:
+      return set_queue(way, step->value);
+    case DP_STEP_ETH:
+      return set_eth(way, step);
+    case DP_STEP_VLAN:
+      return set_vlan(way, step->value, step->mask);
+    case DP_STEP_PUSH:
+      return push_vlan(way, step->value);
+    case DP_STEP_POP:
+      return pop_vlan(way);
+    case DP_STEP_DSCP:
+      return set_dscp(way, (__u8)step->value);
+    case DP_STEP_TTL:
+      return set_ttl(way, step->value);
+    case DP_STEP_DEC_TTL:
+      return set_ttl(way, -1);
+    case DP_STEP_IPV4:
+      return set_ipv4(way, step);
+    case DP_STEP_IPV6:
+      return set_ipv6(way, step);
+    case DP_STEP_L4:
+      return set_l4(way, step);
+    default:
+      return -1;
+  }
+}
+
 static __always_inline int rewrite(struct way *way) {
   const struct dp_actions *actions = &way->flow->actions;
   const __u8 sets = actions->sets;
   __u8 address[6];
   int failed = 0;
-  if (sets & DP_SET_QUEUE) way->skb->priority = 1 << 16 | actions->queue;
+  if (sets & DP_SET_QUEUE) set_queue(way, actions->queue);
   if (sets & DP_SET_DSCP) failed |= set_dscp(way, actions->dscp);
   if (sets & DP_SET_DST) {
     __builtin_memcpy(address, actions->eth_dst, sizeof address);
@@ -185,7 +322,7 @@ static long clone_to(__u32 i, void *context) {
 }
 
 static __always_inline int to_port(struct way *way) {
-  __u32 at = way->flow->actions.port;
+  __u32 at = way->to;
   const struct dp_port *port = bpf_map_lookup_elem(&ports, &at);
   if (port && port->ifindex != 0 && port->ifindex != way->ingress) return bpf_redirect(port->ifindex, 0);
   ++way->tally->no_port;
@@ -258,7 +395,7 @@ static __noinline int punt(struct way *way) {
 }
 
 static __always_inline int output(struct way *way) {
-  switch (way->flow->actions.output) {
+  switch (way->output) {
     case DP_PORT:
       return to_port(way);
     case DP_IN_PORT:
@@ -273,6 +410,66 @@ static __always_inline int output(struct way *way) {
     default:
       return TC_ACT_SHOT;
   }
+}
+
+// ---- lists of actions
+
+// Outputs a copy of the packet as it is now, because other actions follow.
+static __always_inline void output_copy(struct way *way, const struct dp_step *step) {
+  __u32 at = step->port;
+  const struct dp_port *port = bpf_map_lookup_elem(&ports, &at);
+  switch (step->output) {
+    case DP_PORT:
+      if (port && port->ifindex != 0 && port->ifindex != way->ingress)
+        bpf_clone_redirect(way->skb, port->ifindex, 0);
+      else
+        ++way->tally->no_port;
+      break;
+    case DP_IN_PORT:
+      bpf_clone_redirect(way->skb, way->ingress, 0);
+      break;
+    case DP_ALL:
+      bpf_loop(DP_MAX_PORTS, clone_to, way, 0);
+      break;
+    case DP_CONTROLLER:
+      punt(way);
+      break;
+    default:
+      break;
+  }
+}
+
+// An output at the end of the list is left to output(), which need not copy the packet.
+static long take_step(__u32 i, void *context) {
+  struct way *way = context;
+  __u32 at = way->next - 1;
+  const struct dp_step *step = bpf_map_lookup_elem(&steps, &at);
+  (void)i;
+  if (!step) return 1;
+  way->next = step->next;
+  if (step->kind == DP_STEP_OUTPUT && step->next == 0) {
+    way->output = step->output;
+    way->to = step->port;
+  } else if (step->kind == DP_STEP_OUTPUT) {
+    output_copy(way, step);
+  } else if (carry_out(way, step) != 0) {
+    way->failed = 1;
+    return 1;
+  }
+  return step->next == 0;
+}
+
+// Applies the flow's rewrites, or all of its list but the last output.
+static __always_inline void act(struct way *way) {
+  const struct dp_actions *actions = &way->flow->actions;
+  if (actions->list != 0) {
+    way->next = actions->list;
+    bpf_loop(DP_LIST_STEPS, take_step, way, 0);
+    return;
+  }
+  way->output = actions->output;
+  way->to = actions->port;
+  if (actions->sets != 0 && rewrite(way) != 0) way->failed = 1;
 }
 
 // ---- entry point
@@ -300,7 +497,10 @@ int kelim_plane(struct __sk_buff *skb) {
   ++tally->matched;
 
   struct way way = {
-      .skb = skb, .table = table, .tally = tally, .ingress = ingress, .port = port_at, .l3 = headers.l3, .type = key.eth_type};
+      .skb = skb, .table = table, .tally = tally, .ingress = ingress, .port = port_at, .l3 = headers.l3, .l4 = headers.l4};
+  way.type = key.eth_type;
+  way.proto = key.proto;
+  way.routed = (key.ext_headers & DP_EXT_ROUTER) != 0;
   way.flow = dp_flow_at(0, place - 1);
   if (!way.flow) return TC_ACT_SHOT;
   weigh(&way, &key, headers.l4);
@@ -309,7 +509,8 @@ int kelim_plane(struct __sk_buff *skb) {
     ++tally->metered;
     return TC_ACT_SHOT;
   }
-  if (way.flow->actions.sets != 0 && rewrite(&way) != 0) {
+  act(&way);
+  if (way.failed) {
     ++tally->not_rewritten;
     return TC_ACT_SHOT;
   }

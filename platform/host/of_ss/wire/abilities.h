@@ -1,0 +1,56 @@
+// What the target behind the programming service can do, as far as the library can ask for it, and what is assumed of a target
+// that has announced nothing. Requests are checked against it. Plain values, any thread.
+#pragma once
+
+#include <cstdint>
+#include <span>
+
+namespace host::of_ss {
+
+inline constexpr std::uint32_t kMaxMeters = 1024;
+inline constexpr std::uint8_t kMaxBands = 8;
+inline constexpr std::uint32_t kQueueMin = 1, kQueueMax = 8;
+
+// The set of numbers below 64 that are listed.
+template <typename... Number>
+constexpr std::uint64_t bits(Number... number) {
+  return ((std::uint64_t{1} << number) | ...);
+}
+
+// Numbers and bits are OpenFlow's (1.3.5): match fields as in 7.2.3.7, actions as in 7.2.4. As it stands it is what a target does
+// that reads nothing but a flow's entries.
+struct Abilities {
+  char name[33] = "";       // of the target; empty: nothing has been announced
+  std::uint32_t flows = 0;  // 0: not known
+  std::uint32_t meters = kMaxMeters, bands = kMaxBands, queues = kQueueMax;
+  std::uint64_t match_fields = ~std::uint64_t{0};  // every field that the library knows
+  std::uint64_t set_fields = bits(3, 4, 6, 7, 8);
+  std::uint64_t actions = bits(0, 21, 25);
+  bool several_outputs = false;  // outputs at any place of a list
+  bool forwards_packets = false;
+
+  bool matches(std::size_t field) const { return match_fields >> field & 1; }
+  bool sets(std::size_t field) const { return field < 64 && (set_fields >> field & 1) != 0; }
+  bool does(std::uint16_t action) const { return action < 64 && (actions >> action & 1) != 0; }
+  bool operator==(const Abilities &) const = default;
+};
+inline constexpr Abilities kUnannounced{};
+
+// The fields whose values the library can set, if the target can.
+inline constexpr std::uint64_t kKnownSets = kUnannounced.set_fields | bits(11, 12, 13, 14, 15, 16, 26, 27);
+
+// What remains for flows that the service chain translates into entries.
+constexpr Abilities by_entries(Abilities target) {
+  target.set_fields &= kUnannounced.set_fields;
+  target.actions &= kUnannounced.actions;
+  target.several_outputs = false;
+  return target;
+}
+
+// What a request is checked against.
+struct Terms {
+  std::span<const std::uint32_t> ports;  // the numbers of the switch's ports, ascending
+  const Abilities &target = kUnannounced;
+};
+
+}  // namespace host::of_ss

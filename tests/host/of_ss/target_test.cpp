@@ -1,0 +1,134 @@
+// What the agent takes from the record in which the programming service announces its target.
+#include "host/of_ss/agent_world.h"
+#include "s_target.pb-c.h"
+
+namespace {
+
+using namespace of_world;
+
+class Target : public AgentTest {
+ protected:
+  using Change = void (*)(STarget__Capabilities &);
+  static STarget__Capabilities plain() {
+    STarget__Capabilities record = S_TARGET__CAPABILITIES__INIT;
+    record.name = const_cast<char *>("test");
+    return record;
+  }
+  void announce(STarget__Capabilities record) {
+    STarget__CapabilitiesKey key = S_TARGET__CAPABILITIES_KEY__INIT;
+    key.unit = 1;
+    record.index = &key;
+    ASSERT_EQ(qx_mom_set(global, QX_MOM_UDP_DB, &record.base, 0, 0), 0);
+    ASSERT_TRUE(until([&] { return told("target") != ""; }));
+  }
+  void withdraw() {
+    STarget__CapabilitiesKey key = S_TARGET__CAPABILITIES_KEY__INIT;
+    key.unit = 1;
+    STarget__Capabilities record = S_TARGET__CAPABILITIES__INIT;
+    record.index = &key;
+    ASSERT_EQ(qx_mom_del_sync(global, QX_MOM_UDP_DB, &record.base, 0, 0), 0);
+    ASSERT_TRUE(until([&] { return told("target") == ""; }));
+  }
+  nlohmann::json told(const char *what) { return view("capabilities").value(what, nlohmann::json()); }
+  std::uint64_t limit(const char *name) {
+    for (const auto &row : told("limits"))
+      if (row["name"] == name) return row["limit"];
+    return ~std::uint64_t{0};
+  }
+  std::string answer(FlowMod f, std::uint32_t xid) {
+    f.xid = xid;
+    return error_of(c.ask(flow_mod(f) + barrier(xid)));
+  }
+};
+
+// An action list of a target that carries lists out, and what is wrong with it.
+TEST_F(Target, GetsOnlyListsThatActOnEveryPacketOfTheFlow) {
+  STarget__Capabilities record = plain();
+  record.actions = ~std::uint64_t{0}, record.set_fields = ~std::uint64_t{0}, record.several_outputs = true;
+  ASSERT_NO_FATAL_FAILURE(announce(record));
+  const Message pop = hex("0012 0008 00000000"), push = hex("0011 0008 81000000"), dec_ttl = hex("0018 0008 00000000"),
+                vid = hex("0019 0010 80000c02 1007 0000 00000000"), tcp_dst = hex("0019 0010 80001c02 0050 0000 00000000"),
+                normal = output(0xfffffffa), any;
+  const struct {
+    Message fields, instructions;
+    const char *error;
+  } cases[] = {
+      {hex("80000a02 0800"), of_wire::apply(dec_ttl + output(1) + push + vid + output(2) + pop + dec_ttl + output(7)), ""},
+      {any, of_wire::apply(dec_ttl + output(2)), "OFPBAC_MATCH_INCONSISTENT"},
+      {any, of_wire::apply(pop + output(2)), "OFPBAC_MATCH_INCONSISTENT"},
+      {hex("80000c02 1007"), of_wire::apply(pop + output(2)), ""},
+      {hex("80000c02 1007"), of_wire::apply(pop + vid + output(2)), "OFPBAC_MATCH_INCONSISTENT"},
+      {hex("80000a02 0800"), of_wire::apply(tcp_dst + output(2)), "OFPBAC_MATCH_INCONSISTENT"},
+      {any, of_wire::apply(hex("0011 0008 91000000") + output(2)), "OFPBAC_BAD_ARGUMENT"},
+      {any, of_wire::apply(normal + output(2)), "OFPBAC_UNSUPPORTED_ORDER"},
+      {any, instruction(3, output(1) + output(2)), "OFPBAC_TOO_MANY"},
+      {any, of_wire::apply(output(1)) + instruction(3, output(2) + vid + push), ""},
+  };
+  FlowMod f;
+  for (std::uint32_t xid = 1; const auto &one : cases) {
+    f.fields = one.fields, f.instructions = one.instructions;
+    EXPECT_EQ(answer(f, ++xid), one.error) << xid;
+  }
+  f.table = 1, f.fields = any, f.instructions = of_wire::apply(output(1) + output(2));
+  EXPECT_EQ(answer(f, 100), "OFPBAC_TOO_MANY") << "entries of the service chain";
+}
+
+constexpr char kSetEthDst[] = "0019 0010 80000606 020000000001 0000", kQueue8[] = "0015 0008 00000008";
+
+TEST_F(Target, DecidesWhatIsAcceptedAndWhatIsToldOfIt) {
+  FlowMod rewriting = ipv4_flow(1), queued = ipv4_flow(2);
+  rewriting.instructions = of_wire::apply(hex(kSetEthDst) + output(2));
+  queued.instructions = of_wire::apply(hex(kQueue8) + output(2));
+  const struct {
+    Change change;
+    FlowMod flow;
+    const char *error;
+  } cases[] = {
+      {[](STarget__Capabilities &t) { t.set_fields = 1 << 4; }, rewriting, "OFPBAC_BAD_SET_TYPE"},
+      {[](STarget__Capabilities &t) { t.actions = 1 | 1 << 21; }, rewriting, "OFPBAC_BAD_TYPE"},
+      {[](STarget__Capabilities &t) { t.queues = 7; }, queued, "OFPBAC_BAD_QUEUE"},
+      {[](STarget__Capabilities &t) { t.match_fields = 1 | 1 << 5; }, queued, "OFPBMC_BAD_FIELD"},
+  };
+  std::uint32_t xid = 1;
+  for (const auto &one : cases) {
+    SCOPED_TRACE(one.error);
+    STarget__Capabilities record = plain();
+    one.change(record);
+    ASSERT_NO_FATAL_FAILURE(announce(record));
+    EXPECT_EQ(answer(one.flow, xid++), one.error);
+    ASSERT_NO_FATAL_FAILURE(withdraw());
+    EXPECT_EQ(answer(one.flow, xid++), "");
+  }
+}
+
+TEST_F(Target, GivesTheLimits) {
+  STarget__Capabilities record = plain();
+  record.flows = 2, record.meters = 3, record.bands = 1;
+  announce(record);
+  const Message meters = c.ask(message(18, 1, be(std::uint16_t{11}) + Message(6)));
+  EXPECT_EQ(get(meters, 16, 4), 3u);
+  EXPECT_EQ(get(meters, 28, 1), 1u);
+  const Message tables = c.ask(message(18, 2, be(std::uint16_t{12}) + Message(6)));
+  EXPECT_EQ(get(tables, 16 + 60, 4), 2u) << "max_entries";
+  EXPECT_EQ(answer(ipv4_flow(1), 3) + answer(ipv4_flow(2), 4), "");
+  EXPECT_EQ(answer(ipv4_flow(3), 5), "OFPFMFC_TABLE_FULL");
+}
+
+TEST_F(Target, IsBelievedOnlyAsFarAsTheLibraryGoes) {
+  std::string name(300, 'x');
+  name[0] = '\xff', name[1] = '\n';
+  STarget__Capabilities record = plain();
+  record.name = name.data();
+  record.meters = record.bands = record.queues = 0xffffffff;
+  record.match_fields = record.set_fields = record.actions = ~std::uint64_t{0};
+  announce(record);
+  EXPECT_EQ(told("target"), std::string(30, 'x'));
+  EXPECT_EQ(limit("meters"), 1024u);
+  EXPECT_EQ(limit("bands of a meter"), 8u);
+  EXPECT_EQ(limit("greatest queue"), 8u);
+  FlowMod strange = ipv4_flow(1);
+  strange.instructions = of_wire::apply(hex("0013 0008 88470000") + output(2));
+  EXPECT_EQ(answer(strange, 1), "OFPBAC_BAD_TYPE");
+}
+
+}  // namespace
