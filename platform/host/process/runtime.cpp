@@ -50,13 +50,9 @@ struct EventBaseDeleter {
 };
 using EventBasePtr = std::unique_ptr<event_base, EventBaseDeleter>;
 
-// Ticks are the daemon's only delay that a controller sees, so the loop uses timers finer than the kernel's coarse clock.
 EventBasePtr make_base() {
   evthread_use_pthreads();
-  const std::unique_ptr<event_config, void (*)(event_config *)> config(event_config_new(), event_config_free);
-  if (!config) throw std::bad_alloc();
-  event_config_set_flag(config.get(), EVENT_BASE_FLAG_PRECISE_TIMER);
-  EventBasePtr base(event_base_new_with_config(config.get()));
+  EventBasePtr base(event_base_new());
   if (!base) throw std::bad_alloc();
   return base;
 }
