@@ -1,18 +1,34 @@
 #include "host/base/timer_queue.h"
 
+#include <sys/timerfd.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
 #include <new>
+#include <utility>
 
 #include "host/base/loop.h"
 #include "host/base/timer.h"
 
 namespace host {
 
+// Edge-triggered: an expiry need not be read, because the timer is set again before the next one.
 TimerQueue::TimerQueue(event_base *base)
-    : wakeup_(evtimer_new(
+    : fd_(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC)),
+      wakeup_(event_new(
+          base, fd_, EV_READ | EV_PERSIST | EV_ET,
+          [](evutil_socket_t, short, void *self) { static_cast<TimerQueue *>(self)->woken(); }, this)),
+      next_turn_(evtimer_new(
           base, [](evutil_socket_t, short, void *self) { static_cast<TimerQueue *>(self)->run_due(); }, this)) {
-  if (!wakeup_) throw std::bad_alloc();
+  if (fd_ >= 0 && wakeup_ && next_turn_ && event_add(wakeup_.get(), nullptr) == 0) return;
+  if (fd_ >= 0) ::close(fd_);
+  throw std::bad_alloc();
+}
+
+TimerQueue::~TimerQueue() {
+  wakeup_.reset();
+  ::close(fd_);
 }
 
 TimerQueue::Id TimerQueue::next_id() {
@@ -36,7 +52,7 @@ bool TimerQueue::cancel(Id id) {
   if (it == deadlines_.end()) return false;
   due_.erase({it->second, id});
   deadlines_.erase(it);
-  return true;  // a needless wake-up is cheaper than moving the libevent timer
+  return true;  // a needless wake-up is cheaper than setting the kernel's timer
 }
 
 void TimerQueue::hasten(Id id) {
@@ -58,13 +74,26 @@ void TimerQueue::clear() {
 void TimerQueue::reschedule() {
   const clock::Time at = clock::now();
   if (due_.empty() || (clock::stopped() && due_.begin()->first.first > at)) {
-    evtimer_del(wakeup_.get());
+    evtimer_del(next_turn_.get());
     return;
   }
-  const auto left = std::max(due_.begin()->first.first - at, clock::Time::zero());
-  const auto us = std::chrono::ceil<std::chrono::microseconds>(left).count();
-  const timeval wait{.tv_sec = us / 1'000'000, .tv_usec = us % 1'000'000};
-  evtimer_add(wakeup_.get(), &wait);
+  const clock::Time left = due_.begin()->first.first - at;
+  if (left > clock::Time::zero()) return wake_at(std::chrono::steady_clock::now().time_since_epoch() + left);
+  const timeval now{};
+  evtimer_add(next_turn_.get(), &now);
+}
+
+void TimerQueue::wake_at(clock::Time at) {
+  if (set_for_ <= at) return;
+  set_for_ = at;
+  const auto whole = std::chrono::floor<std::chrono::seconds>(at);
+  const itimerspec expiry{.it_interval = {}, .it_value = {.tv_sec = whole.count(), .tv_nsec = (at - whole).count()}};
+  timerfd_settime(fd_, TFD_TIMER_ABSTIME, &expiry, nullptr);
+}
+
+void TimerQueue::woken() {
+  set_for_ = clock::Time::max();
+  run_due();
 }
 
 // A timer that a callback re-arms waits for the next turn, however short its delay: its deadline is not before `at`, and its id

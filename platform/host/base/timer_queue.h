@@ -1,4 +1,7 @@
-// The timers of one owner, ordered by deadline on the host's clock, behind one libevent timer. Loop's thread.
+// The timers of one owner, ordered by deadline on the host's clock, behind one timer of the kernel. Loop's thread.
+//
+// The kernel's timer is finer than those of libevent, and is set only when a deadline comes before the one that it is set for: a
+// timer that is moved on and on costs a needless wake-up now and then instead of a system call each time.
 #pragma once
 
 #include <event2/event.h>
@@ -22,7 +25,11 @@ class TimerQueue {
  public:
   using Id = std::uint64_t;  // never 0, never reused in the process
 
+  // Throws std::bad_alloc, also without a descriptor left.
   explicit TimerQueue(event_base *base);
+  ~TimerQueue();
+  TimerQueue(const TimerQueue &) = delete;
+  TimerQueue &operator=(const TimerQueue &) = delete;
 
   // An id for the next arm(), so that the callback can know its own.
   static Id next_id();
@@ -39,11 +46,15 @@ class TimerQueue {
   void reschedule();
 
  private:
+  void wake_at(clock::Time at);
+  void woken();
   void run_due();
 
   std::map<std::pair<clock::Time, Id>, std::function<void()>> due_;
   std::unordered_map<Id, clock::Time> deadlines_;
-  EventPtr wakeup_;
+  const int fd_;                              // timerfd
+  clock::Time set_for_ = clock::Time::max();  // CLOCK_MONOTONIC; max: not set
+  EventPtr wakeup_, next_turn_;
 };
 
 namespace detail {

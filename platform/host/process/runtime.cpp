@@ -50,13 +50,9 @@ struct EventBaseDeleter {
 };
 using EventBasePtr = std::unique_ptr<event_base, EventBaseDeleter>;
 
-// Ticks are the daemon's only delay that a controller sees, so the loop uses timers finer than the kernel's coarse clock.
 EventBasePtr make_base() {
   evthread_use_pthreads();
-  const std::unique_ptr<event_config, void (*)(event_config *)> config(event_config_new(), event_config_free);
-  if (!config) throw std::bad_alloc();
-  event_config_set_flag(config.get(), EVENT_BASE_FLAG_PRECISE_TIMER);
-  EventBasePtr base(event_base_new_with_config(config.get()));
+  EventBasePtr base(event_base_new());
   if (!base) throw std::bad_alloc();
   return base;
 }
@@ -85,8 +81,10 @@ void end_loop(evutil_socket_t, short, void *) {
 struct Mailbox {
   Mutex mutex;
   std::vector<std::function<void()>> work KELIM_GUARDED_BY(mutex);
-  int wake_fd = -1;  // eventfd; -1 without a runtime. Written by the loop's thread with the mutex held, read there also without
+  bool open KELIM_GUARDED_BY(mutex) = false;
+  int wake_fd = -1;  // eventfd, made for the first runtime and never closed: threads write to it without the mutex
 
+  // Not to be called with the mutex held: the loop, which wakes at once, would wait for it.
   void wake() const {
     const std::uint64_t one = 1;
     [[maybe_unused]] const auto n = ::write(wake_fd, &one, sizeof one);  // if full, the loop is already awake
@@ -102,15 +100,18 @@ Mailbox &mailbox() {
 class OpenMailbox {
  public:
   OpenMailbox() {
-    const Lock lock(mailbox().mutex);
-    mailbox().wake_fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    if (mailbox().wake_fd < 0) throw std::bad_alloc();
+    Mailbox &box = mailbox();
+    const Lock lock(box.mutex);
+    if (box.wake_fd < 0) box.wake_fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (box.wake_fd < 0) throw std::bad_alloc();
+    box.open = true;
   }
   ~OpenMailbox() {
     std::vector<std::function<void()>> dropped;  // destroyed after the lock is released, because destructors may post
-    const Lock lock(mailbox().mutex);
-    dropped.swap(mailbox().work);
-    ::close(std::exchange(mailbox().wake_fd, -1));
+    Mailbox &box = mailbox();
+    const Lock lock(box.mutex);
+    dropped.swap(box.work);
+    box.open = false;
   }
   OpenMailbox(const OpenMailbox &) = delete;
   OpenMailbox &operator=(const OpenMailbox &) = delete;
@@ -272,10 +273,12 @@ event_base *loop_base() {
 
 void post(std::function<void()> work) {
   Mailbox &box = mailbox();
-  const Lock lock(box.mutex);
-  if (box.wake_fd < 0) return;
+  Lock lock(box.mutex);
+  if (!box.open) return;
   box.work.push_back(std::move(work));
-  if (box.work.size() == 1) box.wake();
+  const bool first = box.work.size() == 1;
+  lock.unlock();
+  if (first) box.wake();
 }
 
 void handed_to_owner(bool prompt) {
@@ -292,9 +295,10 @@ const Histogram &owner_timer_runs() {
 
 void stop_loop() {
   Mailbox &box = mailbox();
-  const Lock lock(box.mutex);
-  if (box.wake_fd < 0) return;
+  Lock lock(box.mutex);
+  if (!box.open) return;
   g_stop = true;
+  lock.unlock();
   box.wake();
 }
 

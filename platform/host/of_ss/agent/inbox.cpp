@@ -22,8 +22,8 @@ Inbox::~Inbox() {
   ::close(fd_);
 }
 
+// Not to be called with the mutex held: the openflow thread, which wakes at once, would wait for it.
 void Inbox::wake() {
-  if (std::exchange(woken_, true)) return;
   const std::uint64_t one = 1;
   [[maybe_unused]] const auto written = ::write(fd_, &one, sizeof one);
 }
@@ -31,23 +31,29 @@ void Inbox::wake() {
 bool Inbox::put(Bytes message) {
   const auto length = static_cast<Length>(message.size());
   const Bytes frame = std::as_bytes(std::span(&length, 1));
-  const Lock lock(mutex_);
+  Lock lock(mutex_);
   if (filling_.size() + frame.size() + message.size() > kBound) return false;
   filling_.insert(filling_.end(), frame.begin(), frame.end());
   filling_.insert(filling_.end(), message.begin(), message.end());
-  wake();
+  const bool asleep = !std::exchange(woken_, true);
+  lock.unlock();
+  if (asleep) wake();
   return true;
 }
 
 void Inbox::post(std::function<void()> work) {
-  const Lock lock(mutex_);
-  work_.push_back(std::move(work));
-  wake();
+  {
+    const Lock lock(mutex_);
+    work_.push_back(std::move(work));
+  }
+  nudge();
 }
 
 void Inbox::nudge() {
-  const Lock lock(mutex_);
-  wake();
+  Lock lock(mutex_);
+  const bool asleep = !std::exchange(woken_, true);
+  lock.unlock();
+  if (asleep) wake();
 }
 
 void Inbox::clear() {

@@ -42,7 +42,7 @@ class Inbox {
   Taken take();
 
  private:
-  void wake() KELIM_REQUIRES(mutex_);
+  void wake();
 
   const int fd_;
   Mutex mutex_;

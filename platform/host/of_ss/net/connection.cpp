@@ -1,6 +1,7 @@
 #include "host/of_ss/net/connection.h"
 
 #include <event2/buffer.h>
+#include <event2/bufferevent_ssl.h>
 #include <string.h>
 #include <sys/socket.h>
 
@@ -12,10 +13,11 @@
 namespace host::of_ss {
 namespace {
 
-constexpr std::size_t kInputBound = 1 << 20;     // unprocessed bytes at which reading stops
-constexpr std::size_t kBackedUp = 1 << 20;       // bytes unread by the peer above which it is not served
-constexpr std::size_t kDrained = 256 << 10;      // below this it is served again
-constexpr std::size_t kOutputBound = 32u << 20;  // above this it is closed
+constexpr std::size_t kInputBound = 1 << 20;      // unprocessed bytes at which reading stops
+constexpr std::size_t kBackedUp = 1 << 20;        // bytes unread by the peer above which it is not served
+constexpr std::size_t kDrained = 256 << 10;       // below this it is served again
+constexpr std::size_t kWrittenAtOnce = 16 << 10;  // more leaves room for other connections first
+constexpr std::size_t kOutputBound = 32u << 20;   // above this it is closed
 constexpr std::size_t kAllOutputBound = 128u << 20;
 constexpr std::int64_t kHelloLimit = 10'000'000'000, kClosingLimit = 2'000'000'000;
 constexpr std::uint16_t kVersionBitmap = 1;
@@ -50,6 +52,7 @@ Connection::Connection(ConnectionEvents &events, BuffereventOwner bev, Peer peer
       limits_(limits),
       since_ns_(now_ns),
       heard_ns_(now_ns),
+      flush_(make_event<&Connection::flush>(bufferevent_get_base(bev_.get()), *this)),
       session_(std::make_unique<Session>()) {}
 
 Connection::~Connection() = default;
@@ -65,8 +68,9 @@ void Connection::start() {
     *static_cast<std::size_t *>(all) += change->n_added - change->n_deleted;
   };
   evbuffer_add_cb(bufferevent_get_output(bev_.get()), count, &events_.unsent_);
+  poll_writes(is_encrypted());
   send(std::as_bytes(std::span(kHelloMessage)));
-  bufferevent_enable(bev_.get(), EV_READ | EV_WRITE);
+  bufferevent_enable(bev_.get(), EV_READ);
 }
 
 // ---- sending
@@ -83,6 +87,7 @@ void Connection::send(Bytes message) {
   if (phase_ == Phase::gone) return;
   ++traffic_.sent;
   bufferevent_write(bev_.get(), message.data(), message.size());
+  if (!polled_) event_active(flush_.get(), 0, 0);  // after the callbacks of this turn that are already due
   if (unsent() > kOutputBound)
     abort("the peer does not read what it asks for");
   else if (events_.unsent_ > kAllOutputBound)
@@ -112,7 +117,30 @@ void Connection::send_error(const Error &error, std::uint32_t xid, Bytes request
   send(request.first(data));
 }
 
+// Writes short output without asking first whether the socket takes it: three system calls fewer for most answers.
+void Connection::flush() {
+  if (phase_ == Phase::gone || polled_) return;
+  evbuffer *output = bufferevent_get_output(bev_.get());
+  if (unsent() <= kWrittenAtOnce) {
+    evbuffer_unfreeze(output, 1);
+    evbuffer_write(output, fd());  // an error is left to libevent, which meets it again
+    evbuffer_freeze(output, 1);
+  }
+  if (unsent() == 0) return written();
+  poll_writes(true);
+}
+
+void Connection::poll_writes(bool poll) {
+  polled_ = poll;
+  (poll ? bufferevent_enable : bufferevent_disable)(bev_.get(), EV_WRITE);
+}
+
+bool Connection::is_encrypted() const {
+  return bufferevent_openssl_get_ssl(bev_.get()) != nullptr;
+}
+
 void Connection::written() {
+  if (polled_ && unsent() == 0 && !is_encrypted()) poll_writes(false);
   if (phase_ == Phase::closing && unsent() == 0) hang_up();
   if (phase_ == Phase::up) events_.drained(*this);
 }
@@ -298,6 +326,7 @@ void Connection::abort(const std::string &why) {
   why_ = why;
   bufferevent_disable(bev_.get(), EV_READ | EV_WRITE);
   bufferevent_setcb(bev_.get(), nullptr, nullptr, nullptr, nullptr);
+  event_del(flush_.get());
   drop_output();
   events_.gone(*this);
 }

@@ -14,6 +14,7 @@
 #include <optional>
 #include <string>
 
+#include "host/base/event_owner.h"
 #include "host/of_ss/net/transport.h"
 #include "host/of_ss/wire/wire.h"
 
@@ -134,6 +135,9 @@ class Connection {
   bool bad_header(Bytes header);
   void refuse_version(const char *why);
   void event(short what);
+  void flush();
+  void poll_writes(bool poll);
+  bool is_encrypted() const;
   void written();
   void hang_up();
   void drop_output();
@@ -150,12 +154,14 @@ class Connection {
   bool waiting_ = false;  // messages wait for may_take
   bool taking_ = false;   // take_messages is on the stack
   bool read_stopped_ = false;
+  bool polled_ = false;  // libevent writes the output when the socket takes more; otherwise flush_ does, within the turn
   std::size_t scanned_ = 0;  // bytes at the front of the input whose echo requests have been answered
   std::size_t scanned_messages_ = 0;
   std::int64_t since_ns_, heard_ns_, closing_ns_ = 0;
   std::optional<std::int64_t> probed_ns_;  // time of the unanswered echo request
   Traffic traffic_;
   std::string why_;
+  EventOwner flush_;  // active while there is output for it
   std::unique_ptr<Session> session_;
 };
 
