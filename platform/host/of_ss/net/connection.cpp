@@ -68,9 +68,8 @@ void Connection::start() {
     *static_cast<std::size_t *>(all) += change->n_added - change->n_deleted;
   };
   evbuffer_add_cb(bufferevent_get_output(bev_.get()), count, &events_.unsent_);
-  poll_writes(is_encrypted());
   send(std::as_bytes(std::span(kHelloMessage)));
-  bufferevent_enable(bev_.get(), EV_READ);
+  bufferevent_enable(bev_.get(), EV_READ | EV_WRITE);
 }
 
 // ---- sending

@@ -154,7 +154,9 @@ class Connection {
   bool waiting_ = false;  // messages wait for may_take
   bool taking_ = false;   // take_messages is on the stack
   bool read_stopped_ = false;
-  bool polled_ = false;  // libevent writes the output when the socket takes more; otherwise flush_ does, within the turn
+  // Libevent writes the output when the socket takes it: at first, because the socket may be connecting, behind long output, and
+  // if it is encrypted. Otherwise flush_ does, within the turn.
+  bool polled_ = true;
   std::size_t scanned_ = 0;  // bytes at the front of the input whose echo requests have been answered
   std::size_t scanned_messages_ = 0;
   std::int64_t since_ns_, heard_ns_, closing_ns_ = 0;
