@@ -6,6 +6,7 @@ import socket
 import struct
 import subprocess
 import sys
+import threading
 import unittest
 
 import e2e
@@ -168,6 +169,63 @@ class Actions(OnInterfaces):
         for frame in (packet(UDP), END):
             here.send(frame)
         self.assertEqual([self.received_before_the_end(each) for each in (there, third)], [[packet(UDP, ttl=63)]] * 2)
+
+    def group(self, command, text):
+        done = e2e.ofctl(self.switch.port, command, text)
+        self.assertEqual((done.returncode, done.stderr), (0, ""), text)
+
+    def test_a_group_sends_every_bucket_its_own_packet(self):
+        here, there, third = self.sockets()
+        self.add("priority=9,in_port=1,udp,tp_src=9,actions=output:2,output:3")
+        tagged = packet(UDP, tags=[(Q, 7)])
+        cases = (  # match, group, sent, received by the second host and by the third
+            ("udp", "type=all,bucket=output:2,bucket=output:3", packet(UDP), [packet(UDP)], [packet(UDP)]),
+            ("udp", "type=indirect,bucket=dec_ttl,output:3", packet(UDP), [], [packet(UDP, ttl=63)]),
+            ("udp", "type=all,bucket=dec_ttl,output:2,bucket=output:3", packet(UDP), [packet(UDP, ttl=63)], [packet(UDP)]),
+            ("udp", "type=all,bucket=push_vlan:0x8100,set_field:4103->vlan_vid,output:2,bucket=dec_ttl,output:3", packet(UDP), [tagged],
+             [packet(UDP, ttl=63)]),
+            ("dl_vlan=7", "type=all,bucket=pop_vlan,output:2,bucket=output:3", tagged, [packet(UDP)], [tagged]),
+            ("udp", "type=all,bucket=set_field:10.9.8.7->ip_dst,output:2,bucket=set_field:10.9.8.6->ip_dst,output:3", packet(UDP),
+             [packet(UDP, destination="10.9.8.7")], [packet(UDP, destination="10.9.8.6")]),
+        )
+        for match, group, sent, *expected in cases:
+            with self.subTest(group=group):
+                flow = f"priority=5,in_port=1,{match}"
+                self.group("add-group", f"group_id=1,{group}")
+                self.add(f"{flow},actions=group:1")
+                here.send(sent)
+                here.send(END)
+                self.assertEqual([self.received_before_the_end(each) for each in (there, third)], expected)
+                self.group("del-groups", "group_id=1")
+                self.assertNotIn("group:1", e2e.ofctl(self.switch.port, "dump-flows").stdout)
+
+    def test_a_group_that_changes_under_traffic_loses_and_doubles_no_packet(self):
+        here, there, third = self.sockets()
+        self.group("add-group", "group_id=1,type=indirect,bucket=output:2")
+        self.add("in_port=1,udp,actions=group:1")
+        done, got = threading.Event(), []
+
+        def send():
+            for number in itertools.count():
+                last = done.is_set()
+                here.send(packet(UDP, data=struct.pack("!I?", number, last)))
+                if last:
+                    return
+
+        def read():
+            while not got or not got[-1][1]:
+                got.append(struct.unpack("!I?", network.receive(there)[42:]))
+
+        threads = [threading.Thread(target=each) for each in (read, send)]
+        for thread in threads:
+            thread.start()
+        for n in range(20):
+            self.group("mod-group", "group_id=1,type=all,bucket=output:2" + (",bucket=dec_ttl,output:3" if n % 2 else ""))
+        done.set()
+        for thread in threads:
+            thread.join()
+        self.assertEqual([number for number, _ in got], list(range(len(got))))
+        self.assertGreater(len(got), 1000)
 
     def test_what_cannot_be_carried_out_is_refused(self):
         cases = (
