@@ -117,6 +117,11 @@ SOUTHBOUND_FUNCTION size_t SOUTHBOUND_NAME(action_step)(uint16_t len) {
   return ((size_t)len + 7) & 0x1fff8;
 }
 
+// A group that the flow refers to: {type 22, length 16, group u32, bytes u32, 0}. The actions that it stands for follow, as many
+// bytes of them; the entry itself asks for nothing.
+SOUTHBOUND_NUMBER(size_t, kActionGroupBytes, 8);
+SOUTHBOUND_NUMBER(size_t, kActionGroupLen, 16);
+
 // The service-chain application's type and the match field that carries it (experimenter class, without the experimenter id).
 SOUTHBOUND_WIDE_NUMBER(uint32_t, kOxmExpAppType, 0xffff0204);
 SOUTHBOUND_NUMBER(uint32_t, kServiceChainAppType, 3);

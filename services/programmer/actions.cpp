@@ -34,6 +34,7 @@ const FieldRow *row_of(std::uint32_t field) {
   return row == std::end(kFields) ? nullptr : row;
 }
 
+constexpr std::uint16_t kGroup = 22;
 constexpr Action::Type kTypes[] = {Action::kOutput, Action::kPushVlan, Action::kPopVlan, Action::kSetQueue,
                                    Action::kSetTtl, Action::kDecTtl,   Action::kSetField};
 
@@ -69,6 +70,7 @@ bool is_in_entries(const Action &action) {
 const char *read_actions(sb::bytes list, std::vector<Action> &out) {
   out.clear();
   for (sb::action_walk at(list); at.more(); at.next()) {
+    if (at.whole() && static_cast<std::uint16_t>(at.word()) == kGroup) continue;  // what it stands for follows
     Action action;
     if (const char *fault = read_action(at, action)) return fault;
     out.push_back(action);

@@ -1,11 +1,14 @@
 """Action lists of the data plane: several outputs, tags pushed and popped, time to live, addresses and ports, with real packets."""
 
+import ctypes
+import fcntl
 import itertools
 import signal
 import socket
 import struct
 import subprocess
 import sys
+import threading
 import unittest
 
 import e2e
@@ -94,6 +97,16 @@ socket.create_connection(("10.0.0.9", 80), 10).sendall(bytes(range(250)) * 4000)
 """
 
 
+SIOCETHTOOL, ETHTOOL_STXCSUM = 0x8946, 0x17
+
+
+def leave_no_checksums_to(port):
+    """Has the kernel complete the checksums of what leaves by that interface, so that the receiver verifies them."""
+    off = ctypes.create_string_buffer(struct.pack("=II", ETHTOOL_STXCSUM, 0))
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as asking:
+        fcntl.ioctl(asking, SIOCETHTOOL, struct.pack("16sP16x", port.encode(), ctypes.addressof(off)))
+
+
 class Actions(OnInterfaces):
     def setUp(self):
         self.one, self.two, self.three = self.network.hosts
@@ -142,6 +155,8 @@ class Actions(OnInterfaces):
 
     # The kernel's own packets come unsplit and with half a checksum.
     def test_a_connection_to_another_address_and_port_is_translated(self):
+        for port in ("p1", "p2"):
+            leave_no_checksums_to(port)
         self.one.run("ip", "neighbour", "replace", "10.0.0.9", "lladdr", self.two.mac, "dev", "eth0", "nud", "permanent")
         self.add("tcp,in_port=1,nw_dst=10.0.0.9,tp_dst=80,actions=set_field:10.0.0.2->ip_dst,set_field:8080->tcp_dst,dec_ttl,output:2",
                  "tcp,in_port=2,tp_src=8080,actions=set_field:10.0.0.9->ip_src,set_field:80->tcp_src,output:1")
@@ -168,6 +183,63 @@ class Actions(OnInterfaces):
         for frame in (packet(UDP), END):
             here.send(frame)
         self.assertEqual([self.received_before_the_end(each) for each in (there, third)], [[packet(UDP, ttl=63)]] * 2)
+
+    def group(self, command, text):
+        done = e2e.ofctl(self.switch.port, command, text)
+        self.assertEqual((done.returncode, done.stderr), (0, ""), text)
+
+    def test_a_group_sends_every_bucket_its_own_packet(self):
+        here, there, third = self.sockets()
+        self.add("priority=9,in_port=1,udp,tp_src=9,actions=output:2,output:3")
+        tagged = packet(UDP, tags=[(Q, 7)])
+        cases = (  # match, group, sent, received by the second host and by the third
+            ("udp", "type=all,bucket=output:2,bucket=output:3", packet(UDP), [packet(UDP)], [packet(UDP)]),
+            ("udp", "type=indirect,bucket=dec_ttl,output:3", packet(UDP), [], [packet(UDP, ttl=63)]),
+            ("udp", "type=all,bucket=dec_ttl,output:2,bucket=output:3", packet(UDP), [packet(UDP, ttl=63)], [packet(UDP)]),
+            ("udp", "type=all,bucket=push_vlan:0x8100,set_field:4103->vlan_vid,output:2,bucket=dec_ttl,output:3", packet(UDP), [tagged],
+             [packet(UDP, ttl=63)]),
+            ("dl_vlan=7", "type=all,bucket=pop_vlan,output:2,bucket=output:3", tagged, [packet(UDP)], [tagged]),
+            ("udp", "type=all,bucket=set_field:10.9.8.7->ip_dst,output:2,bucket=set_field:10.9.8.6->ip_dst,output:3", packet(UDP),
+             [packet(UDP, destination="10.9.8.7")], [packet(UDP, destination="10.9.8.6")]),
+        )
+        for match, group, sent, *expected in cases:
+            with self.subTest(group=group):
+                flow = f"priority=5,in_port=1,{match}"
+                self.group("add-group", f"group_id=1,{group}")
+                self.add(f"{flow},actions=group:1")
+                here.send(sent)
+                here.send(END)
+                self.assertEqual([self.received_before_the_end(each) for each in (there, third)], expected)
+                self.group("del-groups", "group_id=1")
+                self.assertNotIn("group:1", e2e.ofctl(self.switch.port, "dump-flows").stdout)
+
+    def test_a_group_that_changes_under_traffic_loses_and_doubles_no_packet(self):
+        here, there, third = self.sockets()
+        self.group("add-group", "group_id=1,type=indirect,bucket=output:2")
+        self.add("in_port=1,udp,actions=group:1")
+        done, got = threading.Event(), []
+
+        def send():
+            for number in itertools.count():
+                last = done.is_set()
+                here.send(packet(UDP, data=struct.pack("!I?", number, last)))
+                if last:
+                    return
+
+        def read():
+            while not got or not got[-1][1]:
+                got.append(struct.unpack("!I?", network.receive(there)[42:]))
+
+        threads = [threading.Thread(target=each) for each in (read, send)]
+        for thread in threads:
+            thread.start()
+        for n in range(20):
+            self.group("mod-group", "group_id=1,type=all,bucket=output:2" + (",bucket=dec_ttl,output:3" if n % 2 else ""))
+        done.set()
+        for thread in threads:
+            thread.join()
+        self.assertEqual([number for number, _ in got], list(range(len(got))))
+        self.assertGreater(len(got), 1000)
 
     def test_what_cannot_be_carried_out_is_refused(self):
         cases = (

@@ -14,7 +14,7 @@ enum {
   DP_MAX_BANDS = 8,
   DP_MAX_PORTS = 256,
   DP_MAX_STEPS = 1 << 16,
-  DP_LIST_STEPS = 128,  // of one list
+  DP_LIST_STEPS = 256,  // of one list
   DP_BUCKET = 8,        // entries of a bucket: one cache line
 };
 

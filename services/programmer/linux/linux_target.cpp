@@ -24,6 +24,8 @@ constexpr std::uint64_t bits(Number... number) {
   return ((std::uint64_t{1} << number) | ...);
 }
 
+constexpr unsigned kGroup = 22;  // of whose buckets the actions are in the list
+
 constexpr const char *kLacks[] = {
     "",
     "no room for another flow in the plane",
@@ -311,8 +313,8 @@ std::optional<Capabilities> LinuxTarget::capabilities() const {
                       .meters = DP_MAX_METERS,
                       .bands = DP_MAX_BANDS,
                       .set_fields = bits(3, 4, 6, 7, 8, 11, 12, 13, 14, 15, 16, 26, 27),
-                      .actions = bits(Action::kOutput, Action::kPushVlan, Action::kPopVlan, Action::kSetQueue, Action::kSetTtl,
-                                      Action::kDecTtl, Action::kSetField),
+                      .actions = bits(Action::kOutput, Action::kPushVlan, Action::kPopVlan, Action::kSetQueue, kGroup,
+                                      Action::kSetTtl, Action::kDecTtl, Action::kSetField),
                       .several_outputs = true,
                       .forwards_packets = true};
 }

@@ -20,6 +20,13 @@ TEST(WireFuzz, FixedInputs) {
           "0002 0010 00000064 00000000 01 000000"));
   run_around(hex("02 01") + match(hex("80000004 00000001 80000a020800 80001908 0a000000 ff000000")));
   run_around(hex("03") + output(2) + hex("0019 0010 80000606 010203040506 0000"));
+  FlowMod listed = ipv4_flow(1);
+  listed.instructions =
+      apply(output(2) + hex("0018 0008 00000000 0016 0008 00000001 0011 0008 88a80000 0016 0008 00000001") + output(1)) +
+      instruction(3, output(7) + hex("0012 0008 00000000 0016 0008 00000001 0017 0008 09000000"));
+  run_around(hex("80") + flow_mod(listed));
+  run_around(hex("84") +
+             message(15, 1, hex("0000 00 00 00000001 0028 0000 ffffffff ffffffff 00000000 0018 0008 00000000") + output(1)));
   for (const int fill : {0, 0xff}) run(hex("00") + Message(65534, std::byte(fill)));
 }
 

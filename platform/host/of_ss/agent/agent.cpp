@@ -142,6 +142,7 @@ void Agent::forget_everything() {
   log::info("asked to forget everything: {} flows and {} meters are deleted", switch_.flows.table().size(),
             switch_.meters.all().size());
   switch_.meters.forget();
+  switch_.groups.forget();
   switch_.flows.remove_everything();
 }
 

@@ -1,5 +1,6 @@
-// Groups of flows with the same table, match bits, output, meter and presence of a timeout. The groups stay few when the flows
-// are many, so a request by match, port, meter or timeout looks at groups instead of at every flow. Openflow thread only.
+// Groups of flows with the same table, match bits, output, meter, group of OpenFlow and presence of a timeout. The groups stay
+// few when the flows are many, so a request by match, port, meter or timeout looks at groups instead of at every flow. Openflow
+// thread only.
 #pragma once
 
 #include <cstdint>
@@ -51,6 +52,7 @@ class Registry {
 struct Wanted {
   std::optional<std::uint8_t> table_id = {};
   std::optional<std::uint32_t> port = {}, meter_id = {};  // kMeterAll: any meter
+  std::optional<std::uint32_t> group_id = {};             // kGroupAll: any group
   std::optional<std::uint64_t> cookie = {};
   bool timed = false;
   Bytes match = {};  // matches flows that it covers (match_covers)
@@ -61,8 +63,9 @@ class FlowGroups {
   struct Group {
     std::uint32_t hash = 0;
     std::uint32_t shape = 0;
-    std::uint32_t port = 0;      // as output_port() gives it
-    std::uint32_t meter_id = 0;  // 0: none
+    std::uint32_t port = 0;              // as output_port() gives it
+    std::uint32_t meter_id = 0;          // 0: none
+    std::uint32_t group_id = kGroupAny;  // as output_group() gives it
     bool timed = false;
     std::uint32_t first = kNoSlot;  // of its flows; the table links them
     std::uint32_t flows = 0;

@@ -9,6 +9,7 @@ Wanted wanted_by(const FlowMod &mod) {
   Wanted wanted{.match = southbound_match(mod.southbound())};
   if (mod.table_id != kTableAll) wanted.table_id = mod.table_id;
   if (mod.deletes() && mod.out_port != port::kAny) wanted.port = mod.out_port;
+  if (mod.deletes() && mod.out_group != kGroupAny) wanted.group_id = mod.out_group;
   if (~mod.cookie_mask == 0) wanted.cookie = mod.cookie;
   return wanted;
 }
@@ -33,7 +34,7 @@ FlowEntry *find_in_table(const FlowTable &table, const FlowMod &mod, std::uint8_
 bool selected(const FlowEntry &flow, const FlowMod &filter) {
   if (filter.table_id != kTableAll && filter.table_id != flow.table_id()) return false;
   if ((flow.cookie() ^ filter.cookie) & filter.cookie_mask) return false;
-  if (filter.deletes() && filter.out_group != kGroupAny) return false;
+  if (filter.deletes() && filter.out_group != kGroupAny && !uses_group(flow.southbound(), filter.out_group)) return false;
   if (filter.deletes() && filter.out_port != port::kAny && !outputs_to(flow.southbound(), filter.out_port)) return false;
   return match_covers(southbound_match(filter.southbound()), southbound_match(flow.southbound()));
 }
@@ -52,6 +53,12 @@ std::vector<FlowEntry *> users_of_meter(const FlowTable &table, std::uint32_t me
   return flows_in_force(table, {.meter_id = meter_id}, [meter_id](const FlowEntry &flow) {
     const auto used = flow.get<std::uint32_t>(sb::kFlowMeterId);
     return meter_id == kMeterAll ? used != 0 : used == meter_id;
+  });
+}
+
+std::vector<FlowEntry *> users_of_group(const FlowTable &table, std::uint32_t group) {
+  return flows_in_force(table, {.group_id = group}, [group](const FlowEntry &flow) {
+    return group == kGroupAll ? output_group(flow.southbound()) != kGroupAny : uses_group(flow.southbound(), group);
   });
 }
 

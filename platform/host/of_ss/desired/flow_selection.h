@@ -18,6 +18,9 @@ std::vector<FlowEntry *> targets(const FlowTable &table, const FlowMod &mod, boo
 // The flows that use the meter; kMeterAll: any meter.
 std::vector<FlowEntry *> users_of_meter(const FlowTable &table, std::uint32_t meter_id);
 
+// The flows that use the group; kGroupAll: any group.
+std::vector<FlowEntry *> users_of_group(const FlowTable &table, std::uint32_t group);
+
 // The flows in force among the wanted ones that fit, the oldest first, which is the order of the answer.
 template <typename Fits>
 std::vector<FlowEntry *> flows_in_force(const FlowTable &table, const Wanted &wanted, Fits &&fits) {

@@ -268,6 +268,10 @@ void Flows::remove_users_of_meter(std::uint32_t meter_id) {
   for (FlowEntry *flow : users_of_meter(table_, meter_id)) remove_flow(*flow, kDeleted);
 }
 
+void Flows::remove_users_of_group(std::uint32_t group) {
+  for (FlowEntry *flow : users_of_group(table_, group)) remove_flow(*flow, kGroupDelete);
+}
+
 // It works in rounds, because removing an undecided form may bring an older one that also uses the meter back into force.
 void Flows::fail_users_of_meter(std::uint32_t meter_id) {
   for (auto users = users_of_meter(table_, meter_id); !users.empty(); users = users_of_meter(table_, meter_id))

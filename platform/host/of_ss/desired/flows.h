@@ -100,6 +100,8 @@ class Flows {
   void note_handover() { in_flight_.note(); }
   // Deletes the flows that use the meter; kMeterAll: any meter.
   void remove_users_of_meter(std::uint32_t meter_id);
+  // Likewise for a group of OpenFlow; kGroupAll: any group. The reason told is that deletion.
+  void remove_users_of_group(std::uint32_t group);
   // The same for a meter that has failed: requesters of undecided flows are told that the meter is unknown.
   void fail_users_of_meter(std::uint32_t meter_id);
   // Deletes every flow, and on the daemon's side every meter too; the caller removes its own meters.

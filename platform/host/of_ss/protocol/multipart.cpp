@@ -8,6 +8,7 @@
 #include "host/of_ss/desired/flow_selection.h"
 #include "host/of_ss/net/session.h"
 #include "host/of_ss/protocol/asynchronous.h"
+#include "host/of_ss/protocol/groups.h"
 #include "host/of_ss/protocol/monitors.h"
 #include "host/of_ss/protocol/parts.h"
 #include "host/of_ss/wire/message_names.h"
@@ -168,13 +169,6 @@ Verdict table_features(Switch &sw, Connection &connection, Bytes request) {
 // Answers with an empty body for features that the switch lacks.
 Verdict nothing(Switch &sw, Connection &connection, Bytes request) {
   Parts(sw.scratch, connection, request).end();
-  return {};
-}
-
-Verdict group_features(Switch &sw, Connection &connection, Bytes request) {
-  Parts parts(sw.scratch, connection, request);
-  parts.entry().zeros(40);
-  parts.end();
   return {};
 }
 
@@ -353,8 +347,8 @@ constexpr std::array<MultipartRow, kMultipartTypes> kMultiparts{{
     {kTable, 0, false, table_stats},
     {kPort, 8, false, port_stats},
     {kQueue, 8, false, nothing},
-    {kGroupStats, 8, false, nothing},
-    {kGroupDesc, 0, false, nothing},
+    {kGroupStats, 8, false, group_stats},
+    {kGroupDesc, 0, false, group_desc},
     {kGroupFeatures, 0, false, group_features},
     {kMeter, 8, false, meter_stats},
     {kMeterConfig, 8, false, meter_config},

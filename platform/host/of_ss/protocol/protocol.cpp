@@ -10,6 +10,7 @@
 #include "host/of_ss/protocol/asynchronous.h"
 #include "host/of_ss/protocol/bundles.h"
 #include "host/of_ss/protocol/flow_mods.h"
+#include "host/of_ss/protocol/groups.h"
 #include "host/of_ss/protocol/monitors.h"
 #include "host/of_ss/protocol/multipart.h"
 #include "host/of_ss/wire/actions.h"
@@ -84,15 +85,6 @@ Verdict packet_out(Switch &sw, Connection &connection, Bytes message) {
 
 Verdict flow_mod(Switch &sw, Connection &connection, Bytes message) {
   return carry_out_flow_mod(sw, sw.origin(connection, message), message);
-}
-
-Verdict group_mod(Switch &, Connection &, Bytes message) {
-  constexpr std::uint16_t kAdd = 0, kModify = 1, kDelete = 2;
-  const std::uint16_t command = be16(message, 8);
-  if (command == kAdd) return refuse(err::kOutOfGroups, "group", "the switch has no groups");
-  if (command == kModify) return refuse(err::kUnknownGroup, "group", "the switch has no groups");
-  if (command != kDelete) return refuse(err::kGroupBadCommand, "command", "unknown command");
-  return {};
 }
 
 Verdict port_mod(Switch &sw, Connection &, Bytes message) {
@@ -211,7 +203,7 @@ constexpr std::array<MessageRow, kTypeCount> kMessages{{
     {kPortStatus},
     {kPacketOut, 24, false, Writes::yes, packet_out},
     {kFlowModMsg, fm::kMinLength, false, Writes::yes, flow_mod, always},
-    {kGroupMod, 16, false, Writes::yes, group_mod},
+    {kGroupMod, 16, false, Writes::yes, change_groups, always},
     {kPortMod, 40, true, Writes::yes, port_mod},
     {kTableMod, 16, true, Writes::yes, table_mod},
     {kMultipartRequest, 16, false, Writes::no, handle_multipart, multipart_is_for_daemon},

@@ -10,6 +10,7 @@
 #include "host/base/clock.h"
 #include "host/base/thread_bound.h"
 #include "host/of_ss/desired/flows.h"
+#include "host/of_ss/desired/groups.h"
 #include "host/of_ss/desired/meters.h"
 #include "host/of_ss/desired/trace.h"
 #include "host/of_ss/net/connection.h"
@@ -63,7 +64,7 @@ class Switch {
     target_ = target;
     flows.target_holds(target.flows);
   }
-  Terms terms() const { return {ports.numbers(), target_}; }
+  Terms terms() const { return {ports.numbers(), target_, &groups}; }
 
   // Monotonic nanoseconds at the current turn of the loop.
   std::int64_t now() const {
@@ -97,6 +98,7 @@ class Switch {
   Trace trace;
   Flows flows;
   Meters meters;
+  Groups groups;
   PortTable ports;
   Controllers controllers;
   Packets packets;

@@ -2,8 +2,10 @@
 // that has announced nothing. Requests are checked against it. Plain values, any thread.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
+#include <vector>
 
 namespace host::of_ss {
 
@@ -47,10 +49,29 @@ constexpr Abilities by_entries(Abilities target) {
   return target;
 }
 
+// How flows carry out a group: its buckets in an order in which no rewrite of one reaches the packet of another.
+struct GroupPlan {
+  struct Bucket {
+    std::span<const std::byte> actions;  // as on the wire
+    bool pops_back = false;              // a tag that it pushes is popped behind it
+  };
+  std::vector<Bucket> buckets;
+  bool leaves_as_is = true;  // the packet behind the group is what it was before
+};
+class GroupSource {
+ public:
+  // Null if there is no such group.
+  virtual const GroupPlan *plan_of(std::uint32_t group) const = 0;
+
+ protected:
+  ~GroupSource() = default;
+};
+
 // What a request is checked against.
 struct Terms {
   std::span<const std::uint32_t> ports;  // the numbers of the switch's ports, ascending
   const Abilities &target = kUnannounced;
+  const GroupSource *groups = nullptr;  // null: none
 };
 
 }  // namespace host::of_ss

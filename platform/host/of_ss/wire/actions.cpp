@@ -13,19 +13,22 @@ constexpr std::size_t kOutputLen = 16, kShortLen = 8, kMaxActions = 255;
 constexpr std::uint16_t kControllerNoBuffer = 0xffff;
 
 // The context in which actions are read.
+enum class Of { flow, packet_out, bucket };
 struct Context {
-  const WireMatch *match;  // null: a packet-out
+  const WireMatch *match;  // null if it is not a flow's
   const Terms &terms;
+  Of of;
 };
 
 // The southbound list being built.
 struct List {
   Instructions &out;
-  std::size_t count = 0;
-  bool output = false;  // it contains an output
-  bool normal = false;  // and that is to NORMAL
-  int tags = 0;         // VLAN tags that every packet surely has here
-  int of_pass = 0;      // actions read in this pass
+  std::size_t count = 0, groups = 0;
+  bool output = false;    // it contains an output
+  bool normal = false;    // and that is to NORMAL
+  bool in_group = false;  // the buckets of a group are being read
+  bool changed = false;   // by a group whose rewrites reach what follows
+  int tags = 0;           // VLAN tags that every packet surely has here
 
   std::byte *add(std::uint16_t type, std::size_t length) {
     if (count == kMaxActions || out.length + length > kMaxSouthboundActions) return nullptr;
@@ -42,11 +45,13 @@ struct List {
 constexpr Verdict kTooManyActions{&err::kTooMany, "actions", "more actions than a flow may have"};
 constexpr Verdict kAfterOutput{&err::kUnsupportedOrder, "actions", "the action comes after the output and would act on nothing"};
 constexpr Verdict kAfterNormal{&err::kUnsupportedOrder, "actions", "nothing can follow output NORMAL"};
+constexpr Verdict kAfterGroup{&err::kUnsupportedOrder, "actions", "the rewrites of the group before it would reach the packet"};
 constexpr Verdict kAnotherPacket{&err::kMatchInconsistent, "actions", "the flow also matches packets that it cannot act on"};
 
 // An action of a flow other than an output: the target may have to act where the output stands.
 Verdict check_place(const Context &context, const List &list) {
-  if (!context.match || !list.output) return {};
+  if (list.changed) return kAfterGroup;
+  if (!context.match || !list.output || list.in_group) return {};
   return list.normal ? kAfterNormal : context.terms.target.several_outputs ? Verdict{} : kAfterOutput;
 }
 
@@ -68,7 +73,8 @@ const ReservedPort *find_reserved(std::uint32_t number) {
 bool may_output(const Context &context, std::uint32_t number) {
   if (number <= port::kMax) return is_port(context.terms.ports, number);
   const ReservedPort *reserved = find_reserved(number);
-  return reserved && (context.match ? reserved->for_flows : reserved->for_packets);
+  if (!reserved || context.of == Of::packet_out) return reserved && reserved->for_packets;
+  return reserved->for_flows && (context.of != Of::bucket || number != port::kNormal);
 }
 
 Verdict read_output(Bytes action, const Context &context, List &list) {
@@ -76,6 +82,7 @@ Verdict read_output(Bytes action, const Context &context, List &list) {
   const std::uint32_t number = be32(action, 4);
   if (!may_output(context, number))
     return refuse(err::kBadOutPort, "output", "no such port, or a reserved one that cannot be used here");
+  if (list.changed) return kAfterGroup;
   if (list.normal && context.match) return kAfterNormal;
   if (list.output && context.match && !context.terms.target.several_outputs)
     return refuse(err::kTooMany, "output", "a flow has one output");
@@ -139,6 +146,8 @@ Verdict refuse_group(Bytes, const Context &, List &) {
   return refuse(err::kBadOutGroup, "group", "the switch has no groups");
 }
 
+Verdict read_group(Bytes action, const Context &context, List &list);
+
 Verdict refuse_experimenter(Bytes, const Context &, List &) {
   return refuse(err::kActionBadExperimenter, "experimenter action", "the switch knows no experimenter's actions");
 }
@@ -195,7 +204,7 @@ constexpr ActionRow kActions[] = {
     {kPopVlan, "pop_vlan", 0, read_pop_vlan},
     {kSetNwTtl, "set_nw_ttl", 1, read_set_ttl},
     {kDecNwTtl, "dec_nw_ttl", 0, read_dec_ttl},
-    {kGroup, "group", 4, nullptr, refuse_group},
+    {kGroup, "group", 4, read_group, refuse_group},
     {kActionExperimenter, "experimenter", 4, nullptr, refuse_experimenter},
     {11, "copy_ttl_out"},
     {12, "copy_ttl_in"},
@@ -225,8 +234,8 @@ Verdict read_action(Bytes action, const Context &context, List &list) {
 }
 
 // The actions of a list to read. Those of an action set act in this order, wherever they stand (5.10).
-enum class Pass { every, pop, push, dec_ttl, set, output };
-constexpr Pass kActionSet[] = {Pass::pop, Pass::push, Pass::dec_ttl, Pass::set, Pass::output};
+enum class Pass { every, pop, push, dec_ttl, set, group, output };
+constexpr Pass kActionSet[] = {Pass::pop, Pass::push, Pass::dec_ttl, Pass::set, Pass::group, Pass::output};
 
 Pass pass_of(std::uint16_t type) {
   switch (type) {
@@ -236,6 +245,8 @@ Pass pass_of(std::uint16_t type) {
       return Pass::push;
     case kDecNwTtl:
       return Pass::dec_ttl;
+    case kGroup:
+      return Pass::group;
     case kOutput:
       return Pass::output;
     default:
@@ -248,18 +259,61 @@ bool wanted(Pass pass, std::uint16_t type) {
 }
 
 Verdict read_actions(Bytes from, Pass pass, const Context &context, List &list) {
-  list.of_pass = 0;
+  int of_pass = 0;
   while (!from.empty()) {
     const std::size_t length = from.size() >= 8 ? be16(from, 2) : 0;
     if (length < 8 || length % 8 || length > from.size())
       return refuse(err::kActionBadLen, "actions", "the length of an action is not a multiple of 8 within the list");
     if (wanted(pass, be16(from, 0))) {
-      if (pass != Pass::every && pass != Pass::set && ++list.of_pass > 1)
+      if (pass != Pass::every && pass != Pass::set && ++of_pass > 1)
         return refuse(err::kTooMany, "write_actions", "an action set has one action of a type");
       if (const Verdict verdict = read_action(from.first(length), context, list); verdict.refused()) return verdict;
     }
     from = from.subspan(length);
   }
+  return {};
+}
+
+// Without its output if there is a group (5.10).
+Verdict read_action_set(Bytes from, const Context &context, List &list) {
+  const std::size_t before = list.groups;
+  for (const Pass pass : kActionSet) {
+    if (pass == Pass::output && list.groups != before) return {};
+    if (const Verdict verdict = read_actions(from, pass, context, list); verdict.refused()) return verdict;
+  }
+  return {};
+}
+
+Verdict read_buckets(const GroupPlan &plan, const Context &context, List &list) {
+  for (const GroupPlan::Bucket &bucket : plan.buckets) {
+    const int tags = list.tags;
+    if (const Verdict verdict = read_action_set(bucket.actions, context, list); verdict.refused()) return verdict;
+    if (bucket.pops_back && !list.add(kPopVlan, kShortLen)) return kTooManyActions;
+    list.tags = tags;
+  }
+  return {};
+}
+
+// The actions of the buckets follow the group's own entry.
+Verdict read_group(Bytes action, const Context &context, List &list) {
+  if (action.size() != kShortLen) return refuse(err::kActionBadLen, "group", "the length of the action is not 8");
+  if (list.in_group || context.of == Of::bucket)
+    return refuse(err::kChaining, "group", "a bucket of a group cannot refer to another group");
+  const std::uint32_t number = be32(action, 4);
+  const GroupPlan *plan = context.terms.groups ? context.terms.groups->plan_of(number) : nullptr;
+  if (!plan) return refuse(err::kBadOutGroup, "group", "there is no group with this number");
+  if (const Verdict verdict = check_place(context, list); verdict.refused()) return verdict;
+  std::byte *at = list.add(kGroup, sb::kActionGroupLen);
+  if (!at) return kTooManyActions;
+  const std::size_t begin = list.out.length;
+  list.in_group = true;
+  if (const Verdict verdict = read_buckets(*plan, context, list); verdict.refused()) return verdict;
+  list.in_group = false;
+  sb::put(at, sb::kActionBody, number);
+  sb::put(at, sb::kActionGroupBytes, static_cast<std::uint32_t>(list.out.length - begin));
+  list.output = true;
+  list.changed = !plan->leaves_as_is;
+  ++list.groups;
   return {};
 }
 
@@ -361,11 +415,22 @@ bool next_action(Bytes &list, SouthboundAction &action) {
   return true;
 }
 
+// The next action as the controller wrote it, behind which what a group stands for is passed over. The number of actions
+// consumed; 0 at the end.
+std::size_t next_written(Bytes &list, SouthboundAction &action) {
+  if (!next_action(list, action)) return 0;
+  if (action.type != kGroup || action.bytes.size() != sb::kActionGroupLen) return 1;
+  const std::size_t left = list.size() - std::min<std::size_t>(list.size(), action.value<std::uint32_t>(sb::kActionGroupBytes));
+  std::size_t consumed = 1;
+  for (SouthboundAction of_group; list.size() > left && next_action(list, of_group);) ++consumed;
+  return consumed;
+}
+
 template <typename Take>
-void each_output(Bytes flow_mod, Take &&take) {
+void each_number(Bytes flow_mod, ActionType type, Take &&take) {
   Bytes list = southbound_actions(flow_mod);
-  for (SouthboundAction action; next_action(list, action);)
-    if (action.type == kOutput) take(action.value<std::uint32_t>(sb::kActionBody));
+  for (SouthboundAction action; next_written(list, action) != 0;)
+    if (action.type == type) take(action.value<std::uint32_t>(sb::kActionBody));
 }
 
 const OxmField &set_field_row(const SouthboundAction &action) {
@@ -386,7 +451,8 @@ void put_number(std::uint32_t number, std::size_t width, Writer &out) {
 void put_wire_action(const SouthboundAction &action, Writer &out) {
   const std::size_t start = out.size();
   out.u16(action.type);
-  out.u16(static_cast<std::uint16_t>(action.bytes.size()));
+  const std::size_t length = action.type == kGroup ? kShortLen : action.bytes.size();
+  out.u16(static_cast<std::uint16_t>(length));
   if (action.type == kOutput && action.bytes.size() == kOutputLen) {
     out.u32(action.value<std::uint32_t>(sb::kActionBody));
     out.u16(action.value<std::uint16_t>(sb::kActionValue));
@@ -396,7 +462,7 @@ void put_wire_action(const SouthboundAction &action, Writer &out) {
   } else {
     put_number(action.value<std::uint32_t>(sb::kActionBody), row_of(action.type).argument, out);
   }
-  out.zeros(start + action.bytes.size() - out.size());
+  out.zeros(start + length - out.size());
 }
 
 // Writes one action instruction with the next `count` actions of `list`.
@@ -406,7 +472,8 @@ void put_action_instruction(InstructionType type, std::size_t count, Bytes &list
   out.u16(0);
   out.zeros(4);
   SouthboundAction action;
-  while (count-- && next_action(list, action)) put_wire_action(action, out);
+  for (std::size_t n = 0; count > 0 && (n = next_written(list, action)) != 0; count -= std::min(count, n))
+    put_wire_action(action, out);
   out.patch16(start + 2, out.size() - start);
 }
 
@@ -441,20 +508,35 @@ Verdict decode_instructions(Bytes from, const WireMatch &match, const Terms &ter
   out.length = 0;
   Found found;
   if (const Verdict verdict = sort_out(from, found, out); verdict.refused()) return verdict;
-  const Context context{&match, terms};
+  const Context context{&match, terms, Of::flow};
   List list{out};
   list.tags = satisfies(match, Needs::vlan) ? 1 : 0;
   if (const Verdict verdict = read_actions(found.applied, Pass::every, context, list); verdict.refused()) return verdict;
   out.applied = static_cast<std::uint8_t>(list.count);
-  for (const Pass pass : kActionSet)
-    if (const Verdict verdict = read_actions(found.written, pass, context, list); verdict.refused()) return verdict;
-  return {};
+  return read_action_set(found.written, context, list);
 }
 
 Verdict decode_packet_out_actions(Bytes from, const Terms &terms, Instructions &out) {
   out.length = 0;
   List list{out};
-  return read_actions(from, Pass::every, {nullptr, terms}, list);
+  return read_actions(from, Pass::every, {nullptr, terms, Of::packet_out}, list);
+}
+
+Verdict decode_bucket(Bytes from, const Terms &terms, BucketEffect &out) {
+  Instructions read;
+  List list{read};
+  const Verdict verdict = read_action_set(from, {nullptr, terms, Of::bucket}, list);
+  Bytes actions = Bytes(read.actions).first(read.length);
+  out = {.outputs = list.output};
+  for (SouthboundAction action; !verdict.refused() && next_action(actions, action);) {
+    out.pushes |= action.type == kPushVlan;
+    out.pops |= action.type == kPopVlan;
+    out.decrements |= action.type == kDecNwTtl;
+    out.sets_ttl |= action.type == kSetNwTtl;
+    out.sets_queue |= action.type == kSetQueue;
+    if (action.type == kSetField) out.sets |= bits(set_field_row(action).number);
+  }
+  return verdict;
 }
 
 void encode_wire_instructions(Bytes flow_mod, Writer &out) {
@@ -482,7 +564,7 @@ std::string actions_text(Bytes flow_mod) {
   Bytes list = southbound_actions(flow_mod);
   SouthboundAction action;
   bool any = false;
-  for (; next_action(list, action); any = true) add(action_text(action));
+  for (; next_written(list, action) != 0; any = true) add(action_text(action));
   if (!any) add("drop");
   return text;
 }
@@ -568,13 +650,27 @@ std::span<const ReservedPort> reserved_ports() {
 
 std::uint32_t output_port(Bytes flow_mod) {
   std::uint32_t found = 0;
-  each_output(flow_mod, [&found](std::uint32_t number) { found = found == 0 || found == number ? number : kSeveralPorts; });
+  each_number(flow_mod, kOutput,
+              [&found](std::uint32_t number) { found = found == 0 || found == number ? number : kSeveralPorts; });
   return found;
+}
+
+std::uint32_t output_group(Bytes flow_mod) {
+  std::uint32_t found = kGroupAny;
+  each_number(flow_mod, kGroup,
+              [&found](std::uint32_t group) { found = found == kGroupAny || found == group ? group : kGroupAll; });
+  return found;
+}
+
+bool uses_group(Bytes flow_mod, std::uint32_t number) {
+  bool does = false;
+  each_number(flow_mod, kGroup, [&does, number](std::uint32_t group) { does = does || group == number; });
+  return does;
 }
 
 bool outputs_to(Bytes flow_mod, std::uint32_t number) {
   bool does = false;
-  each_output(flow_mod, [&does, number](std::uint32_t port) { does = does || port == number; });
+  each_number(flow_mod, kOutput, [&does, number](std::uint32_t port) { does = does || port == number; });
   return does;
 }
 

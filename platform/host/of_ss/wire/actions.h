@@ -19,7 +19,7 @@ namespace host::of_ss {
 enum InstructionForm : std::uint8_t { kFormApply = 1, kFormWrite = 2, kFormClear = 4 };
 
 // The southbound outcome of a flow's instructions.
-inline constexpr std::size_t kMaxSouthboundActions = 1024;
+inline constexpr std::size_t kMaxSouthboundActions = 2048;
 struct Instructions {
   std::uint32_t meter_id = 0;  // 0: none
   std::uint8_t form = 0;       // InstructionForm
@@ -34,6 +34,14 @@ Verdict decode_instructions(Bytes from, const WireMatch &match, const Terms &ter
 
 // Checks and reads the actions of a packet-out, which may output more than once. The southbound actions keep their order.
 Verdict decode_packet_out_actions(Bytes from, const Terms &terms, Instructions &out);
+
+// Checks the actions of a group's bucket, which are an action set, and says what they do to a packet.
+struct BucketEffect {
+  bool outputs = false, pushes = false, pops = false;
+  bool decrements = false, sets_ttl = false, sets_queue = false;
+  std::uint64_t sets = 0;  // bit n: field n
+};
+Verdict decode_bucket(Bytes actions, const Terms &terms, BucketEffect &out);
 
 // Writes the instructions of a southbound flow-mod for the wire.
 void encode_wire_instructions(Bytes flow_mod, Writer &out);
@@ -62,10 +70,14 @@ struct ReservedPort {
 };
 std::span<const ReservedPort> reserved_ports();
 
-// The port of the flow's output; 0 if it has none, kSeveralPorts if it outputs to different ones.
+// The port of the flow's own output, not of its groups'; 0 if it has none, kSeveralPorts if it outputs to different ones.
 inline constexpr std::uint32_t kSeveralPorts = 0xfffffff0;
 std::uint32_t output_port(Bytes flow_mod);
 bool outputs_to(Bytes flow_mod, std::uint32_t port);
+
+// The group of the flow; kGroupAny if it has none, kGroupAll if it has different ones.
+std::uint32_t output_group(Bytes flow_mod);
+bool uses_group(Bytes flow_mod, std::uint32_t group);
 
 // The parts of a southbound flow-mod, bounded by its length; empty if the bytes are missing.
 Bytes southbound_match(Bytes flow_mod);

@@ -120,7 +120,7 @@ inline constexpr std::uint32_t kMax = 0xffffff00, kInPort = 0xfffffff8, kTable =
                                kFlood = 0xfffffffb, kAll = 0xfffffffc, kController = 0xfffffffd, kLocal = 0xfffffffe,
                                kAny = 0xffffffff;
 }
-inline constexpr std::uint32_t kGroupAll = 0xfffffffc, kGroupAny = 0xffffffff;
+inline constexpr std::uint32_t kGroupMax = 0xffffff00, kGroupAll = 0xfffffffc, kGroupAny = 0xffffffff;
 inline constexpr std::uint32_t kMeterMax = 0xffff0000, kMeterController = 0xfffffffe, kMeterAll = 0xffffffff;
 inline constexpr std::uint32_t kOnfExperimenter = 0x4f4e4600, kNiciraExperimenter = 0x00002320;
 inline constexpr std::uint32_t kNoBuffer = 0xffffffff;
@@ -177,7 +177,7 @@ enum ActionType : std::uint16_t {
   kActionExperimenter = 0xffff,
 };
 
-enum RemovedReason : std::uint8_t { kIdleTimeout = 0, kHardTimeout = 1, kDeleted = 2 };
+enum RemovedReason : std::uint8_t { kIdleTimeout = 0, kHardTimeout = 1, kDeleted = 2, kGroupDelete = 3 };
 
 // ---- errors (7.4.1): each row holds type, code and the name used in texts
 
@@ -240,9 +240,15 @@ struct Error {
   ROW(kOverlap, 5, 3, "OFPFMFC_OVERLAP")                                                    \
   ROW(kBadCommand, 5, 6, "OFPFMFC_BAD_COMMAND")                                             \
   ROW(kBadFlags, 5, 7, "OFPFMFC_BAD_FLAGS")                                                 \
+  ROW(kGroupExists, 6, 0, "OFPGMFC_GROUP_EXISTS")                                           \
+  ROW(kInvalidGroup, 6, 1, "OFPGMFC_INVALID_GROUP")                                         \
   ROW(kOutOfGroups, 6, 3, "OFPGMFC_OUT_OF_GROUPS")                                          \
+  ROW(kOutOfBuckets, 6, 4, "OFPGMFC_OUT_OF_BUCKETS")                                        \
+  ROW(kChaining, 6, 5, "OFPGMFC_CHAINING_UNSUPPORTED")                                      \
   ROW(kUnknownGroup, 6, 8, "OFPGMFC_UNKNOWN_GROUP")                                         \
+  ROW(kGroupBadType, 6, 10, "OFPGMFC_BAD_TYPE")                                             \
   ROW(kGroupBadCommand, 6, 11, "OFPGMFC_BAD_COMMAND")                                       \
+  ROW(kBadBucket, 6, 12, "OFPGMFC_BAD_BUCKET")                                              \
   ROW(kPortModBadPort, 7, 0, "OFPPMFC_BAD_PORT")                                            \
   ROW(kPortModBadHwAddr, 7, 1, "OFPPMFC_BAD_HW_ADDR")                                       \
   ROW(kPortModBadConfig, 7, 2, "OFPPMFC_BAD_CONFIG")                                        \
