@@ -9,6 +9,7 @@
 #include "programmer/context.h"
 #include "programmer/counter_report.h"
 #include "programmer/flows.h"
+#include "programmer/idle_watch.h"
 #include "programmer/script.h"
 #include "programmer/settings.h"
 #include "programmer/targets.h"
@@ -35,11 +36,12 @@ struct Service {
         flows(context),
         target(make_target(context, options, flows)),
         counters(context, flows.table(), *target, options.counter_interval_ms),
+        idle(context, flows.table(), *target, options.counter_interval_ms != 0),
         meters(context, *target),
         addresses(context, *target),
         packets{*target},
         chain(context) {
-    flows.set_target(*target);
+    flows.set_target(*target, idle);
   }
 
   Context context;
@@ -47,6 +49,7 @@ struct Service {
   FlowRecords flows;
   std::unique_ptr<Target> target;
   CounterReport counters;
+  IdleWatch idle;
   SettingRecords<MeterKind> meters;
   SettingRecords<AddressKind> addresses;
   PacketSignal packets;

@@ -10,13 +10,7 @@ namespace {
 
 namespace sb = southbound;
 
-bool is_timed(Bytes flow_mod) {
-  return sb::get<std::uint16_t>(flow_mod.data(), sb::kFlowIdleTimeout) ||
-         sb::get<std::uint16_t>(flow_mod.data(), sb::kFlowHardTimeout);
-}
-
 bool fits(const FlowGroups::Group &group, const Wanted &wanted) {
-  if (wanted.timed && !group.timed) return false;
   if (wanted.port && *wanted.port != group.port) return false;
   return !wanted.meter_id || (*wanted.meter_id == kMeterAll ? group.meter_id != 0 : group.meter_id == *wanted.meter_id);
 }
@@ -35,12 +29,10 @@ std::uint32_t FlowGroups::shape_of(std::uint8_t table_id, Bytes match) {
 std::uint32_t FlowGroups::join(Bytes flow_mod) {
   Group group{.shape = shape_of(sb::get<std::uint8_t>(flow_mod.data(), sb::kFlowTableId), southbound_match(flow_mod)),
               .port = output_port(flow_mod),
-              .meter_id = sb::get<std::uint32_t>(flow_mod.data(), sb::kFlowMeterId),
-              .timed = is_timed(flow_mod)};
-  group.hash = fold(mix(mix(group.shape, group.port), std::uint64_t{group.meter_id} << 1 | group.timed));
+              .meter_id = sb::get<std::uint32_t>(flow_mod.data(), sb::kFlowMeterId)};
+  group.hash = fold(mix(mix(group.shape, group.port), group.meter_id));
   std::uint32_t number = groups_.find(group.hash, [&group](const Group &other) {
-    return other.shape == group.shape && other.port == group.port && other.meter_id == group.meter_id &&
-           other.timed == group.timed;
+    return other.shape == group.shape && other.port == group.port && other.meter_id == group.meter_id;
   });
   if (number == kNoSlot) {
     ++shapes_[group.shape].groups;

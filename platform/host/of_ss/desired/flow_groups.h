@@ -1,5 +1,5 @@
-// Groups of flows with the same table, match bits, output, meter and presence of a timeout. The groups stay few when the flows
-// are many, so a request by match, port, meter or timeout looks at groups instead of at every flow. Openflow thread only.
+// Groups of flows with the same table, match bits, output and meter. The groups stay few when the flows are many, so a request
+// by match, port or meter looks at groups instead of at every flow. Openflow thread only.
 #pragma once
 
 #include <cstdint>
@@ -52,7 +52,6 @@ struct Wanted {
   std::optional<std::uint8_t> table_id = {};
   std::optional<std::uint32_t> port = {}, meter_id = {};  // kMeterAll: any meter
   std::optional<std::uint64_t> cookie = {};
-  bool timed = false;
   Bytes match = {};  // matches flows that it covers (match_covers)
 };
 
@@ -62,8 +61,7 @@ class FlowGroups {
     std::uint32_t hash = 0;
     std::uint32_t shape = 0;
     std::uint32_t port = 0, meter_id = 0;  // 0: none
-    bool timed = false;
-    std::uint32_t first = kNoSlot;  // of its flows; the table links them
+    std::uint32_t first = kNoSlot;         // of its flows; the table links them
     std::uint32_t flows = 0;
   };
 
