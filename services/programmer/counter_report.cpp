@@ -7,6 +7,8 @@ namespace {
 
 constexpr std::uint32_t kSlotsPerTurn = 256;   // then the loop runs other work
 constexpr std::uint64_t kTryAgainUs = 10'000;  // wait before retrying when the database accepts no writes
+// At most 4,000 records a second: every one is a write to the database and a notification to each of its readers.
+constexpr std::uint64_t kSliceUs = 50'000, kWritesPerSlice = 200;
 
 }  // namespace
 
@@ -42,25 +44,26 @@ void CounterReport::turn() {
     return;
   }
   in_round_ = false;
-  tell_end();
   const std::uint64_t spent = now_us() - begun_us_;
   timer_.arm(interval_us_ > spent ? interval_us_ - spent : 0);
 }
 
-// Publishes a record without a flow behind the changes: to tell that a flow is idle, the daemon must know that its counters have
-// been read, even if they did not change. The next report makes up for a lost one.
-void CounterReport::tell_end() {
-  SPolicyKelim__FlowKey nothing = S_POLICY_KELIM__FLOW_KEY__INIT;
-  SPolicyKelim__FlowCounter record = S_POLICY_KELIM__FLOW_COUNTER__INIT;
-  record.index = &nothing;
-  qx_mom_publish(context_.global, kFlowDb, &record.base, 0, 0);
+// Limits the records written in each slice of time.
+bool CounterReport::may_write() {
+  const std::uint64_t now = now_us();
+  if (now - slice_began_us_ >= kSliceUs) {
+    slice_began_us_ = now;
+    slice_writes_ = 0;
+  }
+  return slice_writes_ < kWritesPerSlice;
 }
 
-// False when the database accepts no writes now; the change is then reported later.
+// False when the record may not be written now; the change is then reported later.
 bool CounterReport::report(KnownFlow &entry, std::uint32_t slot) {
   Counters sums = entry.sums;
   target_.read_counters(slot, sums);
   if (sums == entry.sums) return true;
+  if (!may_write()) return false;
   SPolicyKelim__FlowKey key = S_POLICY_KELIM__FLOW_KEY__INIT;
   key.flow_index = entry.index;
   key.vsd_id = entry.vsd;
@@ -75,6 +78,7 @@ bool CounterReport::report(KnownFlow &entry, std::uint32_t slot) {
   entry.sums = sums;
   entry.counted = true;
   ++written_;
+  ++slice_writes_;
   return true;
 }
 

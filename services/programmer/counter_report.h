@@ -1,5 +1,5 @@
-// The periodic report of flow counters: reads them from the target and writes a flow_counter record for each that changed, then
-// publishes a record without a flow, which says that all have been read.
+// The periodic report of flow counters: reads them from the target and writes a flow_counter record for each that changed. The
+// more have changed, the longer a round takes, because the records that are written in a second are limited.
 #pragma once
 
 #include <cstdint>
@@ -22,7 +22,7 @@ class CounterReport {
 
  private:
   void turn();
-  void tell_end();
+  bool may_write();
   bool report(KnownFlow &entry, std::uint32_t slot);
 
   Context &context_;
@@ -33,6 +33,7 @@ class CounterReport {
   std::uint32_t next_slot_ = 0;
   bool in_round_ = false;
   std::uint64_t written_ = 0;
+  std::uint64_t slice_began_us_ = 0, slice_writes_ = 0;
   Timer timer_;
 };
 

@@ -3,6 +3,8 @@
 #include <functional>
 #include <string_view>
 
+#include "southbound.h"
+
 namespace programmer {
 namespace {
 
@@ -20,10 +22,11 @@ struct FlowRecord {
   FlowKey key;
   std::uint64_t uuid = 0;
   std::uint64_t content = 0;
+  std::uint16_t idle_timeout_s = 0;  // 0: none
 };
 
 // Field numbers of the schema.
-enum : std::uint32_t { kKeyIndex = 1, kKeyVsd = 2, kFlowKeyField = 5, kFlowStatus = 6, kFlowUuid = 12 };
+enum : std::uint32_t { kKeyIndex = 1, kKeyVsd = 2, kFlowKeyField = 5, kFlowStatus = 6, kFlowData = 8, kFlowUuid = 12 };
 
 bool read_key(Bytes bytes, FlowKey &key) {
   records::Reader reader(bytes);
@@ -40,6 +43,11 @@ std::uint64_t hash(const records::Field &field) {
   return std::hash<std::string_view>{}(bytes) + field.value + field.number;
 }
 
+std::uint16_t idle_timeout_in(Bytes flow_mod) {
+  constexpr std::size_t at = southbound::kFlowIdleTimeout;
+  return flow_mod.size() < at + sizeof(std::uint16_t) ? 0 : southbound::get<std::uint16_t>(flow_mod.data(), at);
+}
+
 // False for bytes that are not a flow record, or for a record without a key.
 bool read_flow(Bytes bytes, FlowRecord &flow) {
   records::Reader reader(bytes);
@@ -52,6 +60,7 @@ bool read_flow(Bytes bytes, FlowRecord &flow) {
       flow.uuid = field.value;
     } else if (field.number != kFlowStatus) {
       flow.content = flow.content * 0x9e3779b97f4a7c15u + hash(field);
+      if (field.number == kFlowData) flow.idle_timeout_s = idle_timeout_in(field.bytes);
     }
   }
   return good && !reader.broken() && flow.key != FlowKey{};
@@ -93,6 +102,7 @@ void FlowRecords::requested(Bytes record) {
   }
   entry.state = KnownFlowState::asked;
   entry.content = flow.content;
+  idle_->watch(slot, flow.idle_timeout_s);
   target_->install_flow({flow.key, slot, flow.uuid, entry.sums}, record);
 }
 

@@ -7,6 +7,7 @@
 
 #include "programmer/catch_up.h"
 #include "programmer/context.h"
+#include "programmer/idle_watch.h"
 #include "programmer/known_flows.h"
 #include "programmer/target.h"
 #include "programmer/timer.h"
@@ -18,8 +19,12 @@ class FlowRecords final : public FlowSink {
  public:
   explicit FlowRecords(Context &context);
 
-  // The target is created after this object, which receives its answers; it must outlive the notifications.
-  void set_target(Target &target) { target_ = &target; }
+  // Both are created after this object: the target gives its answers to it, the watch looks into its table. They must outlive
+  // the notifications.
+  void set_target(Target &target, IdleWatch &idle) {
+    target_ = &target;
+    idle_ = &idle;
+  }
 
   // A notification of `flow`, packed.
   void notified(const qx_obj &msg);
@@ -57,6 +62,7 @@ class FlowRecords final : public FlowSink {
 
   Context &context_;
   Target *target_ = nullptr;
+  IdleWatch *idle_ = nullptr;
   KnownFlows table_;
   std::deque<Answer> owed_;
   Timer pay_timer_;

@@ -10,6 +10,7 @@
 #include "programmer/context.h"
 #include "programmer/counter_report.h"
 #include "programmer/flows.h"
+#include "programmer/idle_watch.h"
 #include "programmer/script.h"
 #include "programmer/settings.h"
 #include "programmer/targets.h"
@@ -38,11 +39,12 @@ struct Service {
         target(make_target(context, options, flows)),
         announcement(context, *target),
         counters(context, flows.table(), *target, options.counter_interval_ms),
+        idle(context, flows.table(), *target, options.counter_interval_ms != 0),
         meters(context, *target),
         addresses(context, *target),
         packets{*target},
         chain(context) {
-    flows.set_target(*target);
+    flows.set_target(*target, idle);
   }
 
   Context context;
@@ -51,6 +53,7 @@ struct Service {
   std::unique_ptr<Target> target;
   Announcement announcement;
   CounterReport counters;
+  IdleWatch idle;
   SettingRecords<MeterKind> meters;
   SettingRecords<AddressKind> addresses;
   PacketSignal packets;

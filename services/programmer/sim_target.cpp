@@ -111,9 +111,13 @@ void SimTarget::set_controller_address(std::uint32_t ip, bool present) {
   }
 }
 
-// Computes whole packets from the time since the start, so that no fraction is lost between readings.
+// The whole packets of a flow that has been installed since the start, so that no fraction is lost between readings.
+std::uint64_t SimTarget::packets_by_now() const {
+  return (now_us() - started_us_) / 1000 * rate_ / 1000;
+}
+
 void SimTarget::begin_reading() {
-  const std::uint64_t packets = (now_us() - started_us_) / 1000 * rate_ / 1000;
+  const std::uint64_t packets = packets_by_now();
   growth_ = {packets - grown_.packets, (packets - grown_.packets) * kBytesPerPacket};
   grown_.packets = packets;
 }

@@ -27,6 +27,7 @@ class SimTarget final : public Target {
   Outcome install_meter(std::uint32_t id, Bytes meter_data) override;
   void remove_meter(std::uint32_t id) override;
   void set_controller_address(std::uint32_t ip, bool present) override;
+  std::uint64_t matched(std::uint32_t) const override { return packets_by_now(); }
   bool counts() const override { return rate_ != 0; }
   void begin_reading() override;
   void read_counters(std::uint32_t slot, Counters &sums) override;
@@ -48,6 +49,7 @@ class SimTarget final : public Target {
   std::uint64_t due_us(const FlowRequest &request, std::uint64_t now);
   bool decide(const FlowRequest &request, Outcome &outcome);
   void set_occupied(Cell &cell, bool occupied);
+  std::uint64_t packets_by_now() const;
   void answer_due();
   void wait_for_next();
 

@@ -80,6 +80,8 @@ class Target {
   virtual void want_packets(bool) {}
   virtual void set_controller_address(std::uint32_t ip, bool present) = 0;
 
+  // The packets that the slot's flow has matched; only changes are meaningful. May be called at any time.
+  virtual std::uint64_t matched(std::uint32_t slot) const = 0;
   // False if counters can never change; they are then never read.
   virtual bool counts() const = 0;
   // Begins a round of read_counters calls.

@@ -143,6 +143,51 @@ TEST_F(Programmer, CountersGrowAndAreWrittenOnlyWhenTheyChanged) {
   EXPECT_EQ(stored<FlowCounter>(1), "");
 }
 
+// A southbound flow-mod of which only the idle timeout matters.
+std::string idle_after(std::uint8_t seconds) {
+  std::string bytes(40, '\0');
+  bytes[36] = static_cast<char>(seconds);
+  return bytes;
+}
+
+TEST_F(Programmer, AFlowThatMatchesNothingForItsIdleTimeoutIsPublishedUntilItIsRemoved) {
+  start({.delay_ms = 1000, .script = "fail=3"});
+  world.watch<1>(FlowCounter::kType);
+  for (const std::uint64_t index : {1, 2, 3}) put_flow(index, 10 + index, index == 2 ? "without" : idle_after(3));
+  const auto published_after = [this](std::chrono::milliseconds time) {
+    for (auto spent = 0ms; spent < time; spent += 300ms) {  // at the pace of the watch
+      host::clock::warp(300ms);
+      for (int turn = 0; turn < 3; ++turn) rest();
+    }
+    std::string all;
+    for (const Seen &one : std::exchange(recorders[1].seen, {})) all += one.text + "\n";
+    return all;
+  };
+  const std::string idle = "index={flow_index=0x1}\n";
+  EXPECT_EQ(published_after(3900ms), "") << "the time begins with the installation";
+  EXPECT_EQ(published_after(600ms), idle);
+  EXPECT_EQ(published_after(600ms), "");
+  EXPECT_EQ(published_after(600ms), idle) << "once more after a second";
+  run("del flow:1");
+  recorders[1].seen.clear();
+  EXPECT_EQ(published_after(9000ms), "");
+}
+
+TEST_F(Programmer, TheMoreCountersChangeTheLongerARoundTakes) {
+  start({.script = "", .counter_interval_ms = 100, .counter_rate = 100});
+  for (std::uint64_t index = 1; index <= 1000; ++index) put_flow(index, index);
+  rest();
+  std::uint64_t written = 0;
+  for (int n = 0; n < 20; ++n) {
+    const auto before = programmer::totals()->counters;
+    host::clock::warp(50ms);
+    for (int turn = 0; turn < 8; ++turn) rest();
+    written += programmer::totals()->counters - before;
+    EXPECT_LE(programmer::totals()->counters - before, 200u);
+  }
+  EXPECT_GE(written, 2000u) << "and still every counter comes again";
+}
+
 // Which of the scans at the start fails; there are seven, one a record type, and the eighth does not come.
 class ProgrammerStart : public Programmer, public testing::WithParamInterface<unsigned> {};
 

@@ -65,9 +65,9 @@ def tcp_flow(number, out_port=2):
     return match(*fields), apply_actions(output(out_port))
 
 
-def flow_mod(command, flow_match, instructions=b"", priority=100, table=0, cookie=0, idle=0, hard=0):
+def flow_mod(command, flow_match, instructions=b"", priority=100, table=0, cookie=0, idle=0, hard=0, flags=0):
     """`idle` and `hard` are timeouts in seconds."""
-    fixed = struct.pack("!QQBBHHHIIIH2x", cookie, 0, table, command, idle, hard, priority, NO_BUFFER, ANY, ANY, 0)
+    fixed = struct.pack("!QQBBHHHIIIH2x", cookie, 0, table, command, idle, hard, priority, NO_BUFFER, ANY, ANY, flags)
     return fixed + flow_match + instructions
 
 

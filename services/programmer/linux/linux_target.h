@@ -50,6 +50,7 @@ class LinuxTarget final : public Target {
   void all_meters_known() override;
   void want_packets(bool wanted) override { packets_->want(wanted); }
   void set_controller_address(std::uint32_t ip, bool present) override;
+  std::uint64_t matched(std::uint32_t slot) const override { return holds(slot) ? total(cells_[slot]).packets : 0; }
   bool counts() const override { return true; }
   void begin_reading() override {}
   void read_counters(std::uint32_t slot, Counters &sums) override;

@@ -128,16 +128,13 @@ class AgentTest : public RuntimeTest {
     PlayedDaemon::report(index, packets, bytes);
     ASSERT_TRUE(c.settle());
   }
-  // Reports that the programming service has read all counters once more; if a flow is given, its counters had changed.
-  void count_round(std::uint64_t index = 0) {
+  // Reports the flow's counters as the programming service does: by a record, or, if the flow is `idle`, by publishing one.
+  void count(std::uint64_t index, std::uint64_t packets, bool idle = false) {
     SPolicyKelim__FlowKey key = flow_key(index);
     SPolicyKelim__FlowCounter counter = S_POLICY_KELIM__FLOW_COUNTER__INIT;
     counter.index = &key;
-    if (index) {
-      ASSERT_EQ(qx_mom_set(global, QX_MOM_UDP_DB, &counter.base, 0, 0), 0);
-    }
-    key.flow_index = 0;
-    ASSERT_EQ(qx_mom_publish(global, QX_MOM_UDP_DB, &counter.base, 0, 0), 0);
+    counter.packet_sum = packets, counter.byte_sum = 100 * packets;
+    ASSERT_EQ((idle ? qx_mom_publish : qx_mom_set)(global, QX_MOM_UDP_DB, &counter.base, 0, 0), 0);
     ASSERT_TRUE(until([] { return host::mom::hub()->later().size() == 0; }));
   }
   // Disconnects the database, or connects it again.

@@ -271,10 +271,8 @@ const Agent::ReplyRow *Agent::reply_row(std::uint16_t type) {
   static constexpr ReplyRow kReplies[] = {
       {sb::kFlowResult, sb::kFlowResultLen, [](Agent &a, Bytes m) { a.flows().flow_result(m, a.switch_.now()); }},
       {kFlowAnswer, sb::kFlowResultLen, [](Agent &a, Bytes m) { a.flows().flow_answer(m, a.switch_.now()); }},
-      {kFlowMoved, sb::kFlowResultLen,
-       [](Agent &a, Bytes m) { a.flows().moved(sb::get<std::uint64_t>(m.data(), sb::kFlowIndex), a.switch_.now()); }},
-      {kRoundCounted, sb::kFlowResultLen, [](Agent &a, Bytes) { a.flows().counted_round(); }},
       {sb::kStatReply, sb::kStatReplyLen, [](Agent &a, Bytes m) { a.take_counters(m); }},
+      {kFlowIdle, sb::kStatReplyLen, [](Agent &a, Bytes m) { a.take_idle(m); }},
       {sb::kMeterResult, sb::kMeterResultLen, [](Agent &a, Bytes m) { a.take_meter_result(m); }},
       {sb::kPackedReport, sb::kHeaderLen, [](Agent &a, Bytes m) { a.take_report(m); }},
       {sb::kBarrierReply, sb::kBarrierLen, [](Agent &a, Bytes m) { a.flows().barrier_reply(m, a.switch_.now()); }},
@@ -301,14 +299,19 @@ void Agent::take_counters(Bytes message) {
   const std::byte *at = message.data();
   if (sb::get<std::uint32_t>(at, sb::kStatStatus) != 0) return;
   flows().counted(sb::get<std::uint64_t>(at, sb::kStatIndex), sb::get<std::uint64_t>(at, sb::kStatPackets),
-                  sb::get<std::uint64_t>(at, sb::kStatBytes), switch_.now());
+                  sb::get<std::uint64_t>(at, sb::kStatBytes));
+}
+
+void Agent::take_idle(Bytes message) {
+  take_counters(message);
+  flows().idle(sb::get<std::uint64_t>(message.data(), sb::kStatIndex));
 }
 
 void Agent::take_report(Bytes message) {
   const std::byte *at = message.data();
   for (std::size_t cell = sb::kCells; cell + sb::kCellLen <= message.size(); cell += sb::kCellLen)
     flows().count_more(sb::get<std::uint64_t>(at, cell), sb::get<std::uint64_t>(at, cell + 8),
-                       sb::get<std::uint64_t>(at, cell + 16), switch_.now());
+                       sb::get<std::uint64_t>(at, cell + 16));
 }
 
 // ---- time

@@ -130,6 +130,7 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   void take_reply(Bytes message);
   void take_meter_result(Bytes message);
   void take_counters(Bytes message);
+  void take_idle(Bytes message);
   void take_report(Bytes message);
   bool is_busy() const { return switch_.flows.is_replaying() || switch_.flows.is_deleting() || bundles_.is_committing(); }
   void work_on();

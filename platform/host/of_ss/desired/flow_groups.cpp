@@ -10,13 +10,7 @@ namespace {
 
 namespace sb = southbound;
 
-bool is_timed(Bytes flow_mod) {
-  return sb::get<std::uint16_t>(flow_mod.data(), sb::kFlowIdleTimeout) ||
-         sb::get<std::uint16_t>(flow_mod.data(), sb::kFlowHardTimeout);
-}
-
 bool fits(const FlowGroups::Group &group, const Wanted &wanted) {
-  if (wanted.timed && !group.timed) return false;
   if (wanted.port && *wanted.port != group.port && group.port != kSeveralPorts) return false;
   if (wanted.group_id && (group.group_id == kGroupAny ||
                           (*wanted.group_id != kGroupAll && group.group_id != kGroupAll && group.group_id != *wanted.group_id)))
@@ -39,12 +33,11 @@ std::uint32_t FlowGroups::join(Bytes flow_mod) {
   Group group{.shape = shape_of(sb::get<std::uint8_t>(flow_mod.data(), sb::kFlowTableId), southbound_match(flow_mod)),
               .port = output_port(flow_mod),
               .meter_id = sb::get<std::uint32_t>(flow_mod.data(), sb::kFlowMeterId),
-              .group_id = output_group(flow_mod),
-              .timed = is_timed(flow_mod)};
-  group.hash = fold(mix(mix(mix(group.shape, group.port), group.group_id), std::uint64_t{group.meter_id} << 1 | group.timed));
+              .group_id = output_group(flow_mod)};
+  group.hash = fold(mix(mix(mix(group.shape, group.port), group.group_id), group.meter_id));
   std::uint32_t number = groups_.find(group.hash, [&group](const Group &other) {
     return other.shape == group.shape && other.port == group.port && other.meter_id == group.meter_id &&
-           other.group_id == group.group_id && other.timed == group.timed;
+           other.group_id == group.group_id;
   });
   if (number == kNoSlot) {
     ++shapes_[group.shape].groups;

@@ -1,6 +1,5 @@
-// Groups of flows with the same table, match bits, output, meter, group of OpenFlow and presence of a timeout. The groups stay
-// few when the flows are many, so a request by match, port, meter or timeout looks at groups instead of at every flow. Openflow
-// thread only.
+// Groups of flows with the same table, match bits, output, meter and group of OpenFlow. The groups stay few when the flows are
+// many, so a request by match, port or meter looks at groups instead of at every flow. Openflow thread only.
 #pragma once
 
 #include <cstdint>
@@ -54,7 +53,6 @@ struct Wanted {
   std::optional<std::uint32_t> port = {}, meter_id = {};  // kMeterAll: any meter
   std::optional<std::uint32_t> group_id = {};             // kGroupAll: any group
   std::optional<std::uint64_t> cookie = {};
-  bool timed = false;
   Bytes match = {};  // matches flows that it covers (match_covers)
 };
 
@@ -66,8 +64,7 @@ class FlowGroups {
     std::uint32_t port = 0;              // as output_port() gives it
     std::uint32_t meter_id = 0;          // 0: none
     std::uint32_t group_id = kGroupAny;  // as output_group() gives it
-    bool timed = false;
-    std::uint32_t first = kNoSlot;  // of its flows; the table links them
+    std::uint32_t first = kNoSlot;       // of its flows; the table links them
     std::uint32_t flows = 0;
   };
 

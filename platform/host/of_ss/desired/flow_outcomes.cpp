@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <utility>
 
-#include "host/of_ss/desired/flow_selection.h"
 #include "host/of_ss/desired/flows.h"
 #include "host/of_ss/desired/results.h"
 
@@ -21,6 +20,11 @@ bool is_shortage(Bytes result) {
 
 bool is_undecided(Bytes result) {
   return sb::get<std::uint32_t>(result.data(), sb::kFlowResultCode) & kUndecided;
+}
+
+// Before its own answer, and while a newer form may yet fail, a flow stays.
+bool can_time_out(const FlowEntry &flow) {
+  return flow.in_force && flow.state == FlowState::installed;
 }
 
 }  // namespace
@@ -162,25 +166,18 @@ void Flows::add_again(FlowEntry &flow, std::int64_t now) {
   table_.remove(flow);
 }
 
-void Flows::counted(std::uint64_t index, std::uint64_t packets, std::uint64_t bytes, std::int64_t now) {
+void Flows::counted(std::uint64_t index, std::uint64_t packets, std::uint64_t bytes) {
   FlowEntry *flow = table_.by_index(index);
   if (!flow || (!packets && !bytes)) return;
-  FlowCounts &counts = flow->counted();
-  if (packets > counts.packets.total) flow->hit_at(now);
-  counts.packets.is(packets);
-  counts.bytes.is(bytes);
+  flow->counted().packets.is(packets);
+  flow->counted().bytes.is(bytes);
 }
 
-void Flows::count_more(std::uint64_t index, std::uint64_t packets, std::uint64_t bytes, std::int64_t now) {
+void Flows::count_more(std::uint64_t index, std::uint64_t packets, std::uint64_t bytes) {
   FlowEntry *flow = table_.by_index(index);
   if (!flow || (!packets && !bytes)) return;
-  if (packets) flow->hit_at(now);
   flow->counted().packets.grew(packets);
   flow->counted().bytes.grew(bytes);
-}
-
-void Flows::moved(std::uint64_t index, std::int64_t now) {
-  if (FlowEntry *flow = table_.by_index(index)) flow->hit_at(now);
 }
 
 // ---- time
@@ -250,25 +247,24 @@ void Flows::withdraw_failed(FlowEntry &flow, const Error &error) {
   fail(flow, error);
 }
 
+// The deadline of a flow that cannot be removed now comes again.
 void Flows::check_timeouts(std::int64_t now) {
   if (transaction_ || is_replaying()) return;
-  const auto decided = [](const FlowEntry &flow) { return flow.state == FlowState::installed; };
-  const auto timed = flows_in_force(table_, {.timed = true}, decided);
-  for (FlowEntry *flow : timed) check_timeout(*flow, now);
-  if (!timed.empty()) batch_done(now);
+  const auto due = deadlines_.take_due(now);
+  for (const std::uint64_t index : due) {
+    FlowEntry *flow = table_.by_index(index);
+    if (flow && can_time_out(*flow))
+      remove_flow(*flow, kHardTimeout);
+    else if (flow)
+      deadlines_.add(index, now + kSecondNs);
+  }
+  if (!due.empty()) batch_done(now);
 }
 
-// A flow that looks idle is removed after the programming service has read all counters once more without finding it used: of the
-// rounds that end from now on, only the second has begun since. Without counting, no flow is idle.
-void Flows::check_timeout(FlowEntry &flow, std::int64_t now) {
-  const std::int64_t hard = flow.get<std::uint16_t>(sb::kFlowHardTimeout), idle = flow.get<std::uint16_t>(sb::kFlowIdleTimeout);
-  if (hard && now - flow.created_ns >= hard * kSecondNs) return remove_flow(flow, kHardTimeout);
-  if (!idle || now / kSecondNs - flow.last_hit_s < idle)
-    flow.idle_round = 0;
-  else if (!flow.idle_round)
-    flow.idle_round = rounds_;
-  else if (rounds_ - flow.idle_round >= 2)
-    remove_flow(flow, kIdleTimeout);
+void Flows::idle(std::uint64_t index) {
+  FlowEntry *flow = table_.by_index(index);
+  const bool may_go = flow && !transaction_ && !is_replaying() && can_time_out(*flow);
+  if (may_go && flow->get<std::uint16_t>(sb::kFlowIdleTimeout)) remove_flow(*flow, kIdleTimeout);
 }
 
 }  // namespace host::of_ss

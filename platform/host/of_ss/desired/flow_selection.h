@@ -1,4 +1,4 @@
-// Finds the flows that a request, a meter or a timeout is about. Openflow thread only.
+// Finds the flows that a request or a meter is about. Openflow thread only.
 #pragma once
 
 #include <algorithm>

@@ -11,7 +11,7 @@ namespace sb = southbound;
 // A list up to this length is walked without looking for a shorter one.
 constexpr std::size_t kFew = 16;
 
-static_assert(sizeof(FlowEntry) == 72);
+static_assert(sizeof(FlowEntry) == 64);
 
 std::uint32_t number_hash(std::uint64_t number) {
   return fold(mix(0, number));

@@ -50,7 +50,7 @@ struct Links {
 
 inline constexpr std::int64_t kSecondNs = 1'000'000'000;
 
-// There may be millions of these: 72 bytes and the message, so that most flows fit into 192.
+// There may be millions of these: 64 bytes and the message, so that most flows fit into 192.
 struct FlowEntry {
   std::int64_t created_ns;             // monotonic; of the flow, not of its latest form
   std::unique_ptr<FlowCounts> counts;  // null while nothing has been counted
@@ -61,9 +61,7 @@ struct FlowEntry {
   Links alike = {};               // flows with the same table and match, newest first, as in the other lists
   Links in_group = {};
   Links with_cookie = {};        // flows with the same cookie
-  std::uint32_t last_hit_s = 0;  // monotonic seconds of the latest change of a counter
   std::uint32_t latency_us = 0;  // from hand-over to decision, 0 while undecided
-  std::uint32_t idle_round = 0;  // counter round in which it was first seen idle; 0 while it is not
   FlowState state = FlowState::sent;
   bool in_force : 1 = true;
   bool retried : 1 = false;      // it has failed once after it was installed
@@ -73,7 +71,6 @@ struct FlowEntry {
   bool replaces : 1 = false;     // added while a flow with its match and priority existed
   std::uint16_t controller = 0;  // the latest requester (Peer::controller); 0 for a flow of an earlier run
 
-  void hit_at(std::int64_t now) { last_hit_s = static_cast<std::uint32_t>(now / kSecondNs); }
   std::byte *message() { return reinterpret_cast<std::byte *>(this + 1); }
   const std::byte *message() const { return reinterpret_cast<const std::byte *>(this + 1); }
   Bytes southbound() const { return {message(), get<std::uint16_t>(::southbound::kLen)}; }

@@ -15,10 +15,13 @@ namespace sb = southbound;
 constexpr std::size_t kAtOnce = 2048, kPiece = 256;
 constexpr std::int64_t kClockSet = 1'700'000'000;  // Unix seconds; an earlier clock has not been set
 
-// True if an add leaves the flow as it is. A flow with a hard timeout is stored again, because the time restarts.
+bool is_timed(const FlowEntry &flow) {
+  return flow.get<std::uint16_t>(sb::kFlowIdleTimeout) || flow.get<std::uint16_t>(sb::kFlowHardTimeout);
+}
+
+// True if an add leaves the flow as it is. A flow with a timeout is stored again, because the time restarts.
 bool is_unchanged(const FlowEntry &flow, const FlowMod &mod) {
-  return flow.state == FlowState::installed && !flow.get<std::uint16_t>(sb::kFlowHardTimeout) &&
-         same_flow_mod(flow.southbound(), mod.southbound());
+  return flow.state == FlowState::installed && !is_timed(flow) && same_flow_mod(flow.southbound(), mod.southbound());
 }
 
 bool matches_everything(const FlowMod &mod) {
@@ -57,7 +60,6 @@ Verdict Flows::add(const FlowMod &mod, const Origin &origin, Bytes request, std:
     return refuse(err::kTableFull, "table", "the table has no room for another flow");
   if (before && is_unchanged(*before, mod)) {
     before->created_ns = now;
-    before->hit_at(now);
     ++counters_.unchanged;
     if (!transaction_) report(*before, FlowEvent::unchanged);
     trace_.note(Step::unchanged, before->index());
@@ -140,11 +142,16 @@ std::int64_t Flows::stamped(Bytes flow_mod, std::int64_t now) const {
   return unix_s < kClockSet ? now : std::min(unix_s * kSecondNs - unix_offset_ns_, now);
 }
 
+void Flows::end_in_time(const FlowEntry &flow) {
+  if (const std::int64_t hard = flow.get<std::uint16_t>(sb::kFlowHardTimeout))
+    deadlines_.add(flow.index(), flow.created_ns + hard * kSecondNs);
+}
+
 // Hands a new entry, or a new form of the one at `place`, to the daemon. The caller must note the pending answer.
 FlowEntry &Flows::hand_over(Bytes flow_mod, const FlowTable::Place &place, std::int64_t created) {
   FlowEntry &flow = table_.insert(flow_mod, place, created);
-  flow.hit_at(created);
   stamp(flow);
+  end_in_time(flow);
   flow.replaces = place.entry;
   if (const FlowEntry *before = place.entry; before && before->counts) {
     flow.counted().packets.before = before->packets();
@@ -176,7 +183,6 @@ bool Flows::change(FlowEntry &flow, const FlowMod &mod, const Origin &origin, By
   if (differs) {
     make_room(flow);
     form = &hand_over(changed, {flow.hash, &flow}, flow.created_ns);
-    form->last_hit_s = flow.last_hit_s;
     form->controller = origin.controller;
     in_flight_.expect(form->index(), origin, request, same_request, now);
     note_added(*form, FlowEvent::modified);
@@ -308,7 +314,7 @@ bool Flows::restore(Bytes flow_mod, std::int64_t now) {
   FlowEntry *flow = table_.restore(flow_mod, stamped(flow_mod, now));
   if (!flow) return false;
   table_.mark_installed(*flow);
-  flow->hit_at(now);
+  end_in_time(*flow);
   // Two forms of one flow: the previous run ended in the middle of a change. The older one is not replayed, so its record is
   // removed.
   while (FlowEntry *older = table_.at(flow->older)) table_.remove(*older);

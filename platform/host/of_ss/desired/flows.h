@@ -14,6 +14,7 @@
 #include <string>
 
 #include "host/base/histogram.h"
+#include "host/of_ss/desired/deadlines.h"
 #include "host/of_ss/desired/flow_mod.h"
 #include "host/of_ss/desired/flow_table.h"
 #include "host/of_ss/desired/in_flight_log.h"
@@ -114,13 +115,11 @@ class Flows {
   void barrier_reply(Bytes reply, std::int64_t now);
   void capacity(std::uint32_t flows) { told_capacity_ = flows; }
   // Counters of one index: totals, and changes.
-  void counted(std::uint64_t index, std::uint64_t packets, std::uint64_t bytes, std::int64_t now);
-  void count_more(std::uint64_t index, std::uint64_t packets, std::uint64_t bytes, std::int64_t now);
-
-  // The programming service has found a counter of the flow changed; the amount follows later.
-  void moved(std::uint64_t index, std::int64_t now);
-  // The programming service has read every counter once more, and reported all changes.
-  void counted_round() { ++rounds_; }
+  void counted(std::uint64_t index, std::uint64_t packets, std::uint64_t bytes);
+  void count_more(std::uint64_t index, std::uint64_t packets, std::uint64_t bytes);
+  // According to the programming service, the flow has matched nothing for its idle timeout. The service repeats this, so that
+  // it may be ignored.
+  void idle(std::uint64_t index);
 
   // Hands every flow to the daemon again, a few hundred per replay_more; the caller begins the synchronisation before, ends it
   // after the last flow, and lets the daemon's loop turn in between. Meanwhile nothing else is carried out.
@@ -159,7 +158,7 @@ class Flows {
   bool end_more(bool keep, std::int64_t now);
   // The answer to FlowEvents::overdue: the indexes of the installed flows, ascending.
   void overdue_checked(const std::vector<std::uint64_t> &installed, std::int64_t now);
-  // To be called about every second: idle and hard timeouts.
+  // To be called about every second: hard timeouts.
   void check_timeouts(std::int64_t now);
   bool needs_deadlines() const { return in_flight_.outstanding() > 0; }
   // True if the daemon has answered for everything handed over.
@@ -239,7 +238,7 @@ class Flows {
   void withdraw_failed(FlowEntry &flow, const Error &error);
   void barrier_done(const SentBarrier &sent, std::int64_t now);
   void give_up_barriers(std::int64_t now);
-  void check_timeout(FlowEntry &flow, std::int64_t now);
+  void end_in_time(const FlowEntry &flow);
 
   // A delete in progress; without a filter, of everything.
   struct Deletion {
@@ -254,6 +253,7 @@ class Flows {
   Trace &trace_;
   const FlowLimits limits_;
   FlowTable table_;
+  Deadlines deadlines_{table_};
   InFlightLog in_flight_;
   std::optional<Deletion> deletion_;
   std::optional<std::uint32_t> replayed_;  // cursor in the table during a replay
@@ -265,7 +265,6 @@ class Flows {
   std::int64_t unix_offset_ns_ = 0;
   std::uint32_t told_capacity_ = 0, target_capacity_ = 0;
   std::uint32_t own_xid_ = 0;
-  std::uint32_t rounds_ = 1;  // counter rounds
   bool watched_ = false;
   Author author_;  // of the current request
   std::uint64_t requests_ = 0;

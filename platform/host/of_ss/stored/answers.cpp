@@ -18,7 +18,7 @@ std::function<void(Bytes)> g_take;
 Seen g_seen;
 
 // Field numbers of the schema.
-enum : std::uint32_t { kKeyIndex = 1, kStaKey = 5, kStaStatus = 6, kCounterKey = 5 };
+enum : std::uint32_t { kKeyIndex = 1, kStaKey = 5, kStaStatus = 6, kCounterKey = 5, kPacketSum = 9, kByteSum = 10 };
 
 struct Answer {
   std::uint64_t index = 0, status = 0;
@@ -63,14 +63,20 @@ int answered(void *, const qx_obj *object) {
   return 0;
 }
 
-// A round of counters ends with a published record without a flow.
+// A published record means that the flow is idle.
 int counted(void *, const qx_obj *counter) {
-  if (counter->cmd == QX_MOM_CMD_PUBLISH) tell(kRoundCounted, 0);
-  if (counter->cmd != QX_MOM_CMD_SET) return 0;
+  if (counter->cmd != QX_MOM_CMD_SET && counter->cmd != QX_MOM_CMD_PUBLISH) return 0;
+  std::array<std::byte, sb::kStatReplyLen> message{};
+  const std::uint16_t type = counter->cmd == QX_MOM_CMD_SET ? std::uint16_t{sb::kStatReply} : kFlowIdle;
+  sb::put_header(message.data(), type, 0, message.size(), 0);
   records::Reader reader({counter->packed, counter->packed_len});
   records::Field field;
-  while (reader.next(field))
-    if (field.number == kCounterKey) tell(kFlowMoved, index_in(field.bytes));
+  while (reader.next(field)) {
+    if (field.number == kCounterKey) sb::put(message.data(), sb::kStatIndex, index_in(field.bytes));
+    if (field.number == kPacketSum) sb::put(message.data(), sb::kStatPackets, field.value);
+    if (field.number == kByteSum) sb::put(message.data(), sb::kStatBytes, field.value);
+  }
+  g_take(message);
   return 0;
 }
 
