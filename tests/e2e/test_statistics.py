@@ -1,10 +1,13 @@
 """Statistics and timeouts on real packets: what the controller reads equals what was sent."""
 
+import pathlib
+import re
 import struct
 import time
 import unittest
 
 import e2e
+import network
 import openflow
 from interfaces import OnInterfaces, frame, ipv4, udp
 
@@ -38,6 +41,62 @@ class Statistics(OnInterfaces):
         self.assertEqual((removed.type, reason, packets, octets), (openflow.FLOW_REMOVED, IDLE_TIMEOUT, 33, 33 * len(packet)))
         self.assertGreaterEqual(spent, 3)
         self.assertLess(spent, 4)
+
+    def values(self, command, *arguments):
+        """Returns the numbers that ovs-ofctl shows, by name."""
+        shown = e2e.ofctl(self.switch.port, command, *arguments)
+        self.assertEqual(shown.returncode, 0, shown.stderr)
+        return re.findall(r"(\w+)[=:](\d+)", shown.stdout)
+
+    def test_a_meter_and_its_bands_count_what_they_see_and_drop(self):
+        self.add("meter=7,pktps,stats,burst,bands=type=drop,rate=1,burst_size=5", command="add-meter")
+        self.add("priority=5,in_port=1,ip,nw_proto=17,actions=meter:7,output:2", "priority=9,in_port=1,ip,nw_proto=99,actions=output:2")
+        packet, end = frame(ipv4(udp(1))), frame(ipv4(b"end", proto=99))
+        for sent in [packet] * 50 + [end]:
+            self.here.send(sent)
+        passed = 0
+        while network.receive(self.there) == packet:
+            passed += 1
+        self.assertLess(passed, 50)
+        wanted = {("packet_in_count", "50"), ("byte_in_count", str(50 * len(packet))), ("flow_count", "1")}
+        dropped = {("packet_count", str(50 - passed)), ("byte_count", str((50 - passed) * len(packet)))}
+        self.await_that(lambda: set(self.values("meter-stats", "meter=7")) >= wanted | dropped, f"{wanted} and {dropped}")
+        self.add("meter=7", command="del-meters")
+        self.add("meter=7,pktps,stats,bands=type=drop,rate=9", command="add-meter")
+        self.await_that(lambda: ("packet_in_count", "0") in self.values("meter-stats", "meter=7"), "a new meter to begin with nothing")
+
+    def test_tables_count_what_is_looked_up_and_matches_and_ports_as_the_kernel_does(self):
+        self.add("priority=5,in_port=1,udp,actions=output:2")
+        packet = frame(ipv4(udp(1)))
+        for sent in [packet] * 7 + [frame(ipv4(b"", proto=99))] * 4:
+            self.here.send(sent)
+        for _ in range(7):
+            self.assertEqual(network.receive(self.there), packet)
+        self.await_that(lambda: ("lookup", "11") in self.values("dump-tables") and ("matched", "7") in self.values("dump-tables"), "11 and 7")
+        for port, counter, name in ((1, "rx_packets", 0), (2, "tx_packets", 1)):
+            kernel = int(pathlib.Path(f"/sys/class/net/p{port}/statistics/{counter}").read_text())
+            self.assertGreaterEqual(kernel, 7)
+            self.await_that(lambda: self.values_of_port(port)[name] == kernel, f"{kernel} {counter} of port {port}")
+
+    def values_of_port(self, port):
+        shown = e2e.ofctl(self.switch.port, "dump-ports", port).stdout
+        return [int(number) for number in re.findall(r"pkts=(\d+)", shown)]
+
+    def test_a_queue_counts_what_it_sends(self):
+        self.addCleanup(network.run, "tc", "qdisc", "delete", "dev", "p2", "root")
+        network.run("tc", "qdisc", "add", "dev", "p2", "root", "handle", "1:", "htb", "default", 1)
+        for number in (1, 3):
+            network.run("tc", "class", "add", "dev", "p2", "parent", "1:", "classid", f"1:{number}", "htb", "rate", "100mbit")
+        self.add("priority=5,in_port=1,udp,actions=set_queue:3,output:2")
+        packet = frame(ipv4(udp(1)))
+        for _ in range(6):
+            self.here.send(packet)
+            network.receive(self.there)
+        queue = lambda *words: self.values("queue-stats", *words)
+        self.await_that(lambda: {("bytes", str(6 * len(packet))), ("pkts", "6")} <= set(queue(2, 3)), "6 packets of queue 3")
+        self.assertEqual([number for name, number in queue(2) if name == "queue"], ["1", "3"])
+        self.assertEqual([number for name, number in queue(1) if name == "queue"], [])
+        self.assertIn("OFPQOFC_BAD_QUEUE", e2e.ofctl(self.switch.port, "queue-stats", 2, 9).stdout)
 
 
 if __name__ == "__main__":
