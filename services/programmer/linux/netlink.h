@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include <cstddef>
+#include <cstdint>
 
 #include "programmer/linux/descriptor.h"
 
