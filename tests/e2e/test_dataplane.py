@@ -207,7 +207,7 @@ class DataPlane(OnInterfaces):
             ({}, "-bpf,-sys_admin", "lacks CAP_BPF"),
             ({}, "-net_raw", "lacks CAP_NET_RAW"),
             ({"ports": ""}, "-sys_boot", "1 to 256 ports"),
-            ({}, "-sys_boot", "another process has it as a port"),
+            ({}, "-sys_boot", "another process uses it as a port"),
         )
         for settings, dropped, named in cases:
             with self.subTest(named=named):

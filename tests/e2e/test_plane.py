@@ -209,6 +209,7 @@ class Life(OnInterfaces):
         self.assertEqual(client.barrier(), [])
         told = self.await_that(self.in_step, "the service that comes back")
         self.assertEqual((told["taken_over"], told["written"], told["dropped"]), (0, len(lengths), len(lengths)))
+        self.assertNotIn("refused: ", self.switch.kelimctl("--process", "kelim-programmer", "cmd", "programmer", "show").stdout)
 
     def ask(self, *words):
         """Starts ovs-ofctl with a request and does not wait for its answer."""
@@ -246,7 +247,7 @@ class Life(OnInterfaces):
         network.run("tc", "filter", "add", "dev", "p1", "ingress", "pref", FOREIGN, "protocol", "ip", "u32", "match", "u32", 0, 0)
         self.addCleanup(network.run, "tc", "qdisc", "delete", "dev", "p1", "clsact")
         self.begin()
-        named = f"interface p1 has a tc filter of somebody else on its ingress, pref {FOREIGN}, u32"
+        named = f"interface p1 has a tc filter of another program on its ingress (pref {FOREIGN}, u32)"
         self.assertEqual(self.switch.output().count(named), 1)
         ports = {port["interface"]: port["others"] for port in self.plane()["ports"]}
         self.assertEqual(ports, {"p1": [{"direction": "ingress", "pref": FOREIGN, "name": "u32"}], "p2": [], "p3": []})
@@ -262,7 +263,7 @@ class Life(OnInterfaces):
         self.assertEqual((powerless.returncode, powerless.stderr), (1, "kelim-programmer: the process lacks CAP_NET_ADMIN\n"))
         done = release()
         self.assertEqual((done.returncode, done.stderr), (0, ""))
-        self.assertEqual(done.stdout.splitlines(), [*(f"interface p{n} is no port any more" for n in (1, 2, 3)), f"{self.pins()} removed"])
+        self.assertEqual(done.stdout.splitlines(), [*(f"interface p{n} is no longer a port" for n in (1, 2, 3)), f"{self.pins()} removed"])
         self.assertFalse(os.path.exists(self.pins()))
         for port, filters in (("p1", 1), ("p2", 0), ("p3", 0)):
             shown = network.run("tc", "filter", "show", "dev", port, "ingress").stdout

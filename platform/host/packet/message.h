@@ -14,7 +14,7 @@
 
 namespace host::packet {
 
-inline constexpr std::uint32_t kVersion = 1;
+inline constexpr std::uint32_t kVersion = 2;
 inline constexpr std::size_t kMaxActions = 1024;  // bytes; the agent's longest list
 inline constexpr std::size_t kMaxReported = 300;  // ports
 
@@ -23,7 +23,8 @@ enum class Kind : std::uint8_t {
   wanted,     // from the agent: `flag`
   in,         // from the service: `number` is the packet's port; frame
   out,        // from the agent: `number` is the in_port; actions, frame
-  counts      // from the service: the frame is an array of ss_pkt_counts
+  counts,     // from the service: the frame is an array of ss_pkt_counts
+  statistics  // from the service: the frame is an array of ss_pkt_statistic
 };
 
 struct Head {
@@ -39,6 +40,7 @@ struct Head {
 static_assert(sizeof(Head) == 24);
 inline constexpr std::size_t kMaxMessage = sizeof(Head) + kMaxActions + SS_PKT_FRAME_MAX;
 static_assert(kMaxReported * sizeof(ss_pkt_counts) <= SS_PKT_FRAME_MAX);
+static_assert(SS_PKT_STATISTICS_MAX * sizeof(ss_pkt_statistic) <= SS_PKT_FRAME_MAX);
 
 using Bytes = std::span<const std::byte>;
 

@@ -40,6 +40,10 @@ struct ss_pkt_path {
   int fd() const { return epoll_.get(); }
   void work();
   int send(const Head &head, Bytes body);
+  template <typename Row>
+  int report(Kind kind, std::span<const Row> rows) {
+    return send({.kind = kind, .frame = static_cast<std::uint32_t>(rows.size_bytes())}, std::as_bytes(rows));
+  }
 
  private:
   bool watch(int fd) {
@@ -159,7 +163,11 @@ int ss_pkt_path_in(ss_pkt_path *path, const ss_pkt_in *about, const void *frame,
 
 int ss_pkt_path_report(ss_pkt_path *path, const ss_pkt_counts *counts, std::uint32_t ports) {
   if (!path || !counts || ports > packet::kMaxReported) return kBad;
-  const std::size_t length = ports * sizeof *counts;
-  return path->send({.kind = Kind::counts, .frame = static_cast<std::uint32_t>(length)}, bytes_of(counts, length));
+  return path->report(Kind::counts, std::span(counts, ports));
+}
+
+int ss_pkt_path_statistics(ss_pkt_path *path, const ss_pkt_statistic *statistics, std::uint32_t number) {
+  if (!path || !statistics || number > SS_PKT_STATISTICS_MAX) return kBad;
+  return path->report(Kind::statistics, std::span(statistics, number));
 }
 }

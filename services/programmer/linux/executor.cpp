@@ -102,6 +102,7 @@ bool Executor::through_table() {
     if (place == 0) return ++nowhere_, true;
     dp_count_more(tally.matched, 1);
     flow = *dp_flow_at(&tables, place - 1);
+    dp_count_more(tally.matched_in_1, dp_table_of(&flow));
     copy_list(flow.actions.list);
     count(place - 1);
   }
@@ -163,8 +164,7 @@ bool Executor::finish(const dp_flow &flow, std::uint8_t output, std::uint8_t por
     case DP_ALL:
       return to_all();
     case DP_CONTROLLER:
-      to_controller(flow.cookie, static_cast<std::uint8_t>((flow.rank - 1) & 1),
-                    flow.actions.miss != 0 ? SS_PKT_NO_MATCH : SS_PKT_ACTION);
+      to_controller(flow.cookie, dp_table_of(&flow), flow.actions.miss != 0 ? SS_PKT_NO_MATCH : SS_PKT_ACTION);
       return true;
     case DP_NORMAL:
       return false;

@@ -3,15 +3,12 @@
 #include <bpf/libbpf.h>
 #include <linux/pkt_cls.h>
 #include <linux/pkt_sched.h>
-#include <linux/rtnetlink.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <span>
 
-#include "programmer/linux/descriptor.h"
+#include "programmer/linux/netlink.h"
 
 namespace programmer::dataplane::filters {
 namespace {
@@ -29,13 +26,6 @@ bpf_tc_hook hook_of(std::uint32_t interface, bpf_tc_attach_point at) {
   return {.sz = sizeof(bpf_tc_hook), .ifindex = static_cast<int>(interface), .attach_point = at, .parent = 0};
 }
 
-// Calls `visit` with each attribute.
-template <typename Visit>
-void for_each(const rtattr *first, std::size_t bytes, Visit visit) {
-  auto length = static_cast<int>(bytes);
-  for (const rtattr *at = first; RTA_OK(at, length); at = RTA_NEXT(at, length)) visit(*at);
-}
-
 std::string text_of(const rtattr &attribute) {
   const auto *text = static_cast<const char *>(RTA_DATA(&attribute));
   return {text, strnlen(text, RTA_PAYLOAD(&attribute))};
@@ -44,10 +34,10 @@ std::string text_of(const rtattr &attribute) {
 Filter read(const nlmsghdr &message, bool ingress) {
   const auto *about = static_cast<const tcmsg *>(NLMSG_DATA(&message));
   Filter filter{ingress, TC_H_MAJ(about->tcm_info) >> 16, "", 0};
-  for_each(TCA_RTA(about), TCA_PAYLOAD(&message), [&filter](const rtattr &one) {
+  netlink::for_each(TCA_RTA(about), TCA_PAYLOAD(&message), [&filter](const rtattr &one) {
     if (one.rta_type == TCA_KIND && filter.name.empty()) filter.name = text_of(one);
     if (one.rta_type != TCA_OPTIONS) return;
-    for_each(static_cast<const rtattr *>(RTA_DATA(&one)), RTA_PAYLOAD(&one), [&filter](const rtattr &option) {
+    netlink::for_each_nested(one, [&filter](const rtattr &option) {
       if (option.rta_type == TCA_BPF_NAME) filter.name = text_of(option);
       if (option.rta_type == TCA_BPF_ID) std::memcpy(&filter.program, RTA_DATA(&option), sizeof filter.program);
     });
@@ -55,39 +45,12 @@ Filter read(const nlmsghdr &message, bool ingress) {
   return filter;
 }
 
-// Adds the filters in one answer of the kernel to `filters`; false if it was the last answer.
-bool take(std::span<const char> answer, bool ingress, std::vector<Filter> &filters) {
-  auto length = static_cast<unsigned>(answer.size());
-  for (const auto *at = reinterpret_cast<const nlmsghdr *>(answer.data()); NLMSG_OK(at, length); at = NLMSG_NEXT(at, length)) {
-    if (at->nlmsg_type != RTM_NEWTFILTER) return false;
-    // One entry a preference, and one for each program there. The kernel also lists each preference once without a filter.
-    Filter filter = read(*at, ingress);
-    if (!filters.empty() && filters.back().ingress == ingress && filters.back().preference == filter.preference &&
-        filters.back().program == 0)
-      filters.pop_back();
-    filters.push_back(std::move(filter));
-  }
-  return true;
-}
-
-void list(int kernel, std::uint32_t interface, const Side &side, std::vector<Filter> &filters) {
-  struct {
-    nlmsghdr header;
-    tcmsg about;
-  } question{};
-  question.header = {.nlmsg_len = sizeof question,
-                     .nlmsg_type = RTM_GETTFILTER,
-                     .nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP,
-                     .nlmsg_seq = 0,
-                     .nlmsg_pid = 0};
-  question.about.tcm_ifindex = static_cast<int>(interface);
-  question.about.tcm_parent = side.parent;
-  if (::send(kernel, &question, sizeof question, 0) < 0) return;
-  alignas(nlmsghdr) char answer[32768];
-  for (ssize_t got = 1; got > 0;) {
-    got = ::recv(kernel, answer, sizeof answer, 0);
-    if (got > 0 && !take({answer, static_cast<std::size_t>(got)}, side.ingress, filters)) return;
-  }
+// One entry a preference, and one for each program there. The kernel also lists each preference once without a filter.
+void add(Filter filter, std::vector<Filter> &filters) {
+  if (!filters.empty() && filters.back().ingress == filter.ingress && filters.back().preference == filter.preference &&
+      filters.back().program == 0)
+    filters.pop_back();
+  filters.push_back(std::move(filter));
 }
 
 }  // namespace
@@ -98,8 +61,14 @@ bool Filter::ours() const {
 
 std::vector<Filter> list(std::uint32_t interface) {
   std::vector<Filter> filters;
-  const Descriptor kernel(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
-  for (const Side &side : kSides) list(kernel.get(), interface, side, filters);
+  const Descriptor kernel = netlink::open();
+  for (const Side &side : kSides) {
+    tcmsg about{};
+    about.tcm_ifindex = static_cast<int>(interface);
+    about.tcm_parent = side.parent;
+    netlink::dump(kernel, RTM_GETTFILTER, RTM_NEWTFILTER, about,
+                  [&](const nlmsghdr &message) { add(read(message, side.ingress), filters); });
+  }
   return filters;
 }
 

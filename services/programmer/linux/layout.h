@@ -116,6 +116,10 @@ struct dp_flow {
   struct dp_actions actions;
 };
 
+static inline __u8 dp_table_of(const struct dp_flow *flow) {
+  return (flow->rank - 1) & 1;
+}
+
 struct dp_count {
   __u64 packets;
   __u64 bytes;
@@ -174,7 +178,7 @@ struct dp_punt {
   __u64 unwanted;  // no controller wants packets
 };
 
-// Packet counts of one processor. A packet that was looked up has matched or missed; the last three give the reasons for which
+// Packet counts of one processor. A packet that was looked up has matched or missed; three counts give the reasons for which
 // matched ones were dropped.
 struct dp_tally {
   __u64 looked_up;
@@ -182,7 +186,8 @@ struct dp_tally {
   __u64 metered;        // dropped by a meter
   __u64 no_port;        // the output port is the ingress port, or missing
   __u64 not_rewritten;  // a rewrite failed
-  __u64 zero[3];
+  __u64 matched_in_1;   // matched by flows of table 1
+  __u64 zero[2];
 };
 
 struct dp_control {

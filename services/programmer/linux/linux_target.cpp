@@ -99,13 +99,32 @@ void LinuxTarget::breathe() {
 void LinuxTarget::tidy() {
   table_.tidy();
   breathe();
+  packets_->tell(statistics());
   timer_.arm(kTidyUs);
+}
+
+// A packet is looked up in both tables at once.
+std::vector<ss_pkt_statistic> LinuxTarget::statistics() const {
+  const dp_tally tally = plane_->tally();
+  std::vector<ss_pkt_statistic> all = {{SS_PKT_TABLE, 0, 0, 0, tally.looked_up, 0, tally.matched - tally.matched_in_1},
+                                       {SS_PKT_TABLE, 1, 0, 0, tally.looked_up, 0, tally.matched_in_1}};
+  meters_.tell(all);
+  const std::vector<ss_pkt_statistic> queues = ports_->queues();
+  all.insert(all.end(), queues.begin(), queues.end());
+  return all;
 }
 
 // ---- flows
 
+// Notes the reason, which counts once the refusal is final: the request may yet be postponed.
 Outcome LinuxTarget::refuse(const char *why, Outcome outcome) {
-  if (++refused_[why] == 1) PROGRAMMER_LOG(context_, QX_ZLOG_ERROR, "flow refused: %s; more of this kind are only counted", why);
+  why_ = why;
+  return outcome;
+}
+
+Outcome LinuxTarget::finally(Outcome outcome) {
+  if (outcome != Outcome::kInstalled && ++refused_[why_] == 1)
+    PROGRAMMER_LOG(context_, QX_ZLOG_ERROR, "refused: %s; more of this kind are only counted", why_);
   return outcome;
 }
 
@@ -115,7 +134,7 @@ const char *LinuxTarget::find_output(std::uint32_t number, __u8 &output, __u8 &p
     output = row->output;
     return nullptr;
   }
-  if (number >= kFirstReserved) return "output to a reserved port that the plane does not serve";
+  if (number >= kFirstReserved) return "output to an unsupported reserved port";
   const std::uint32_t place = ports_->place_of(number);
   if (place == Ports::kNone) return "output to a port that is not configured";
   output = DP_PORT;
@@ -198,7 +217,7 @@ void LinuxTarget::install_flow(const FlowRequest &request, Bytes record) {
   cell = std::move(next);
   used_ += cell.places.empty() ? 0 : 1;
   if (outcome == Outcome::kResource && postpone(request, record)) return;
-  sink_.flow_answered(request, outcome);
+  sink_.flow_answered(request, finally(outcome));
 }
 
 // Lets the flow's counters continue from earlier ones. A flow that was taken over has continued by itself, so that only the
@@ -240,7 +259,7 @@ void LinuxTarget::finish_start() {
   ports_->take_over();
   plane_->settle();
   PROGRAMMER_LOG(context_, QX_ZLOG_VERBOSE,
-                 "the plane is in step: %llu flows were there as they are, %llu were written, %llu dropped",
+                 "the plane agrees with the database: %llu flows taken over unchanged, %llu written, %llu dropped",
                  static_cast<unsigned long long>(taken_over_), static_cast<unsigned long long>(written_),
                  static_cast<unsigned long long>(dropped_));
 }
@@ -278,9 +297,9 @@ void LinuxTarget::read_counters(std::uint32_t slot, Counters &sums) {
 
 Outcome LinuxTarget::install_meter(std::uint32_t id, Bytes meter_data) {
   Bands bands;
-  if (!read_bands(meter_data, bands)) return refuse("a meter with a band or a rate that nobody can carry out", Outcome::kFailed);
-  return meters_.set(id, bands) ? Outcome::kInstalled
-                                : refuse("no room for another meter, or for that many bands", Outcome::kFailed);
+  if (!read_bands(meter_data, bands)) return finally(refuse("a meter with an unsupported band or rate", Outcome::kFailed));
+  if (meters_.set(id, bands)) return Outcome::kInstalled;
+  return finally(refuse("no room for another meter, or for that many bands", Outcome::kFailed));
 }
 
 // Only remembered, because controllers are not reached through the ports.

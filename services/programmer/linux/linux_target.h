@@ -86,12 +86,14 @@ class LinuxTarget final : public Target {
   const char *find_output(std::uint32_t number, __u8 &output, __u8 &port) const;
   Outcome use_list(Cell &cell, dp_actions &to);
   Outcome refuse(const char *why, Outcome outcome);
+  Outcome finally(Outcome outcome);
   void clear(Cell &cell);
   void go_on_counting(const Cell &cell, const Counters &earlier, bool taken_over);
   bool postpone(const FlowRequest &request, Bytes record);
   void finish_start();
   Counters total(const Cell &cell) const;
   void breathe();
+  std::vector<ss_pkt_statistic> statistics() const;
   void tidy();
 
   const Context &context_;
@@ -115,6 +117,7 @@ class LinuxTarget final : public Target {
   bool flows_known_ = false, meters_known_ = false, in_step_ = false;
   std::uint64_t taken_over_ = 0, dropped_ = 0, written_ = 0;
   std::unordered_map<std::uint32_t, Postponed> postponed_;  // by slot
+  const char *why_ = "";                                    // of the latest refusal
   std::map<std::string, std::uint64_t> refused_;
   std::vector<std::uint32_t> addresses_;
   Timer timer_;

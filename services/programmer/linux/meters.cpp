@@ -4,6 +4,8 @@
 #include <atomic>
 #include <span>
 
+#include "programmer/linux/memory.h"
+
 namespace programmer::dataplane {
 namespace {
 
@@ -103,6 +105,18 @@ void Meters::drop_inherited() {
     known_[id].inherited = false;
     silence(known_[id].place);
     forget_unused(id);
+  }
+}
+
+void Meters::tell(std::vector<ss_pkt_statistic> &statistics) const {
+  for (const auto &[id, known] : known_) {
+    if (!known.set) continue;
+    dp_meter &meter = meters_[known.place];
+    const auto add = [&, number = id](std::uint32_t kind, std::uint32_t part, auto &counted) {
+      statistics.push_back({kind, number, part, 0, dp_counted(counted.packets), dp_counted(counted.bytes), 0});
+    };
+    add(SS_PKT_METER, 0, meter);
+    for (std::uint32_t band = 0; band < meter.bands; ++band) add(SS_PKT_BAND, band, meter.band[band]);
   }
 }
 

@@ -8,6 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "libss_pkt.h"
 #include "programmer/bands.h"
 #include "programmer/linux/layout.h"
 
@@ -23,6 +24,8 @@ class Meters {
   void remove(std::uint32_t id);
   void drop_inherited();
   std::uint32_t size() const { return set_; }
+  // Appends the counts of every meter and of its bands.
+  void tell(std::vector<ss_pkt_statistic> &statistics) const;
 
   // The place + 1 of a meter that one more flow uses; 0: no room. Each use is paired with one release.
   std::uint16_t use(std::uint32_t id);

@@ -46,17 +46,18 @@ bool Packets::start(const Context &context, PacketRate rate, std::string &why) {
                          .wanted =
                              [](void *self, int wanted) {
                                static_cast<Packets *>(self)->reported_.clear();
+                               static_cast<Packets *>(self)->statistics_.forget();
                                static_cast<Packets *>(self)->want(wanted != 0);
                              },
                          .out = [](void *self, const ss_pkt_out *out) { static_cast<Packets *>(self)->executor_.run(*out); }};
   const auto sample = [](void *self, void *data, std::size_t size) {
     return static_cast<Packets *>(self)->take({static_cast<const std::uint8_t *>(data), size});
   };
-  end_ = ::eventfd(0, EFD_CLOEXEC);
+  wake_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   path_.reset(ss_pkt_path_open(context.global, &user));
   ring_.reset(ring_buffer__new(plane_.punted(), sample, this, nullptr));
-  if (end_ < 0 || !path_ || !ring_) {
-    why = std::string("packets cannot be handed on: ") + std::strerror(errno);
+  if (wake_ < 0 || !path_ || !ring_) {
+    why = std::string("packets to controllers are not possible: ") + std::strerror(errno);
     return false;
   }
   thread_ = std::thread(&Packets::run, this);
@@ -73,10 +74,11 @@ void Packets::forget_earlier() {
 Packets::~Packets() {
   want(false);
   if (thread_.joinable()) {
-    eventfd_write(end_, 1);
+    ending_ = true;
+    eventfd_write(wake_, 1);
     thread_.join();
   }
-  if (end_ >= 0) ::close(end_);
+  if (wake_ >= 0) ::close(wake_);
 }
 
 void Packets::want(bool wanted) {
@@ -94,22 +96,31 @@ void Packets::run() {
   pthread_setname_np(pthread_self(), "packets");
   auto report_at = std::chrono::steady_clock::now() + kBetweenReports;
   while (true) {
-    pollfd waits[] = {{end_, POLLIN, 0},
+    pollfd waits[] = {{wake_, POLLIN, 0},
                       {ring_buffer__epoll_fd(ring_.get()), POLLIN, 0},
                       {ss_pkt_path_fd(path_.get()), POLLIN, 0},
                       {sender_.has_waiting() ? sender_.fd() : -1, POLLOUT, 0}};
     const auto now = std::chrono::steady_clock::now();
     if (now >= report_at) {
       report();
+      report_statistics();
       report_at = now + kBetweenReports;
     }
     if (::poll(waits, std::size(waits), millis(report_at - now)) < 0 && errno != EINTR) return;
-    if (waits[0].revents != 0) return;
+    if (waits[0].revents != 0 && !woken()) return;
     taken_ = 0;
     if (waits[1].revents != 0) ring_buffer__consume(ring_.get());
     if (waits[2].revents != 0) ss_pkt_path_work(path_.get());
     if (waits[3].revents != 0) sender_.send_waiting();
   }
+}
+
+// False if the thread is to end.
+bool Packets::woken() {
+  eventfd_t times;
+  eventfd_read(wake_, &times);
+  report_statistics();
+  return !ending_;
 }
 
 // ---- to the controllers
@@ -168,6 +179,23 @@ void Packets::report() {
   const std::size_t bytes = now.size() * sizeof now[0];
   if (now.size() == reported_.size() && std::memcmp(now.data(), reported_.data(), bytes) == 0) return;
   if (ss_pkt_path_report(path_.get(), now.data(), static_cast<std::uint32_t>(now.size())) == 0) reported_ = std::move(now);
+}
+
+void Packets::tell(std::vector<ss_pkt_statistic> statistics) {
+  {
+    const std::lock_guard lock(telling_);
+    told_ = std::move(statistics);
+  }
+  eventfd_write(wake_, 1);
+}
+
+void Packets::report_statistics() {
+  std::vector<ss_pkt_statistic> now;
+  {
+    const std::lock_guard lock(telling_);
+    now = told_;
+  }
+  if (!now.empty()) statistics_.send(path_.get(), now);
 }
 
 }  // namespace programmer::dataplane

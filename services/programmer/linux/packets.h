@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -15,6 +16,7 @@
 #include "programmer/linux/frame.h"
 #include "programmer/linux/grace.h"
 #include "programmer/linux/plane.h"
+#include "programmer/linux/reported_statistics.h"
 #include "programmer/linux/sender.h"
 
 struct ring_buffer;
@@ -38,6 +40,8 @@ class Packets {
 
   // Sets whether controllers want packets, as the daemon has signalled; the packet path repeats it when it connects. Any thread.
   void want(bool wanted);
+  // Takes the statistics that the agent is to have: those that have changed are sent at once. Any thread.
+  void tell(std::vector<ss_pkt_statistic> statistics);
 
  private:
   struct FreePath {
@@ -55,22 +59,28 @@ class Packets {
   bool start(const Context &context, PacketRate rate, std::string &why);
   void set_rate(PacketRate rate);
   void run();
+  bool woken();
   int take(Bytes sample);
   void hand_on(const ss_pkt_in &about, Bytes frame);
   std::uint32_t place_of(std::uint32_t number) const;
   ss_pkt_counts counts_of(std::uint32_t place) const;
   void report();
+  void report_statistics();
 
   Plane &plane_;
   Sender sender_;
   Executor executor_;
   std::unique_ptr<ss_pkt_path, FreePath> path_;
   std::unique_ptr<ring_buffer, FreeRing> ring_;
-  int end_ = -1;
+  int wake_ = -1;
   Frame room_;
   int taken_ = 0;                                  // packets taken from the ring in this turn
   std::array<Handed, DP_MAX_PORTS + 1> handed_{};  // by place; the last one is for packets of unknown ports
   std::vector<ss_pkt_counts> reported_;
+  std::atomic<bool> ending_ = false;
+  std::mutex telling_;
+  std::vector<ss_pkt_statistic> told_;  // guarded by telling_
+  ReportedStatistics statistics_;
   std::thread thread_;
 };
 

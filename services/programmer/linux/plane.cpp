@@ -91,7 +91,7 @@ bool Plane::possible(std::string &why) {
   if (const std::string missing = missing_capabilities(); !missing.empty()) {
     why = "the process lacks " + missing;
   } else if (const int rv = libbpf_probe_bpf_prog_type(BPF_PROG_TYPE_SCHED_CLS, nullptr); rv != 1) {
-    why = "the kernel takes no tc programs (CONFIG_BPF_SYSCALL, CONFIG_NET_CLS_BPF)";
+    why = "the kernel does not support tc programs (CONFIG_BPF_SYSCALL, CONFIG_NET_CLS_BPF)";
   } else if (libbpf_probe_bpf_helper(BPF_PROG_TYPE_SCHED_CLS, BPF_FUNC_loop, nullptr) != 1) {
     why = "the kernel has no bpf_loop (Linux 5.17 or later)";
   }
@@ -187,7 +187,7 @@ bool Plane::inherit(const std::vector<std::uint32_t> &ports) {
 // Uses the pinned program if it is identical, so that ports with that program need no change.
 bool Plane::choose_program(std::string &why) {
   const bpf_program *loaded = bpf_object__find_program_by_name(object_.get(), filters::kProgram);
-  if (!loaded) return fail(why, "the program of the data plane is another one", EINVAL);
+  if (!loaded) return fail(why, "the program of the data plane is not the expected one", EINVAL);
   if (inherited_) program_ = pins_->get(Pins::kInForce, filters::kProgram);
   const bpf_prog_info now = about_program(bpf_program__fd(loaded)), before = about_program(program_.get());
   if (!program_ || std::memcmp(now.tag, before.tag, sizeof now.tag) != 0)
@@ -223,7 +223,8 @@ void Plane::settle() {
 template <typename T>
 bool Plane::map(const char *name, T *&memory, std::string &why) {
   const bpf_map *map = bpf_object__find_map_by_name(object_.get(), name);
-  if (!map || bpf_map__value_size(map) != sizeof(T)) return fail(why, std::string("the map ") + name + " is another one", EINVAL);
+  if (!map || bpf_map__value_size(map) != sizeof(T))
+    return fail(why, std::string("the map ") + name + " is not the expected one", EINVAL);
   const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
   const std::size_t bytes = (bpf_map__max_entries(map) * sizeof(T) + page - 1) / page * page;
   void *at = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, bpf_map__fd(map), 0);
@@ -237,7 +238,7 @@ bool Plane::map_all(std::string &why) {
   g_complaint.clear();
   const bpf_map *port_of = bpf_object__find_map_by_name(object_.get(), "port_of");
   const bpf_map *punted = bpf_object__find_map_by_name(object_.get(), "punted");
-  if (!port_of || !punted) return fail(why, "the program of the data plane is another one", EINVAL);
+  if (!port_of || !punted) return fail(why, "the program of the data plane is not the expected one", EINVAL);
   port_of_ = bpf_map__fd(port_of);
   punted_ = bpf_map__fd(punted);
   const bool mapped = map("control", tables_.control, why) && map("masks", tables_.masks, why) &&
@@ -260,7 +261,8 @@ dp_tally Plane::tally() const {
   dp_tally sum{};
   for (const dp_tally *tally = tallies_; tally != tallies_ + tables_.rows; ++tally) {
     for (__u64 dp_tally::*one :
-         {&dp_tally::looked_up, &dp_tally::matched, &dp_tally::metered, &dp_tally::no_port, &dp_tally::not_rewritten})
+         {&dp_tally::matched_in_1, &dp_tally::matched, &dp_tally::looked_up, &dp_tally::metered, &dp_tally::no_port,
+          &dp_tally::not_rewritten})  // a part before the whole, because packets go on being counted
       sum.*one += dp_counted(tally->*one);
   }
   return sum;

@@ -18,8 +18,15 @@
 
 #include "programmer/linux/filters.h"
 #include "programmer/linux/interface.h"
+#include "programmer/linux/queues.h"
 
 namespace programmer::dataplane {
+namespace {
+
+constexpr int kBetweenLooksMs = 1000;  // at the queues
+
+}  // namespace
+
 Ports::Ports(const Context &context, Plane &plane, std::vector<PortName> names)
     : context_(context), plane_(plane), names_(std::move(names)), replaces_(plane.inherited()) {
   for (std::uint32_t place = 0; place < names_.size(); ++place) plane_.ports()[place].number = names_[place].number;
@@ -72,7 +79,7 @@ bool Ports::claim(const PortName &port, std::vector<Descriptor> &claims, std::st
   name.copy(address.sun_path + 1, sizeof address.sun_path - 1);
   const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
   if (claim && ::bind(claim.get(), reinterpret_cast<const sockaddr *>(&address), length) == 0) return true;
-  why = "interface " + port.interface + ": " + (errno == EADDRINUSE ? "another process has it as a port" : std::strerror(errno));
+  why = "interface " + port.interface + ": " + (errno == EADDRINUSE ? "another process uses it as a port" : std::strerror(errno));
   return false;
 }
 
@@ -86,7 +93,7 @@ bool Ports::listen(std::string &why) {
   end_ = ::eventfd(0, EFD_CLOEXEC);
   const bool bound =
       notices_ >= 0 && end_ >= 0 && ::bind(notices_, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
-  if (!bound) why = std::string("changes of interfaces cannot be listened to: ") + std::strerror(errno);
+  if (!bound) why = std::string("changes of interfaces cannot be observed: ") + std::strerror(errno);
   return bound;
 }
 
@@ -94,11 +101,29 @@ void Ports::run() {
   pollfd waits[] = {{notices_, POLLIN, 0}, {end_, POLLIN, 0}};
   char bytes[8192];
   while (true) {
-    if (::poll(waits, std::size(waits), -1) < 0 && errno != EINTR) return;
-    if (waits[1].revents != 0) return;
+    look_at_queues();
+    const int ready = ::poll(waits, std::size(waits), kBetweenLooksMs);
+    if ((ready < 0 && errno != EINTR) || waits[1].revents != 0) return;
+    if (ready <= 0) continue;
     while (::recv(notices_, bytes, sizeof bytes, 0) > 0 || errno == ENOBUFS) errno = 0;
     follow();
   }
+}
+
+// The kernel may make the caller wait for whoever is changing interfaces, which only this thread can afford.
+void Ports::look_at_queues() {
+  std::vector<ss_pkt_statistic> now;
+  for (std::uint32_t place = 0; place < names_.size(); ++place) {
+    const std::uint32_t interface = std::atomic_ref(plane_.ports()[place].ifindex).load(std::memory_order_relaxed);
+    if (interface != 0) tell_queues(interface, names_[place].number, now);
+  }
+  const std::lock_guard lock(looking_);
+  queues_ = std::move(now);
+}
+
+std::vector<ss_pkt_statistic> Ports::queues() const {
+  const std::lock_guard lock(looking_);
+  return queues_;
 }
 
 // Takes the port's interface even if an earlier service has already recorded it in the map.
@@ -137,14 +162,17 @@ bool Ports::take(std::uint32_t interface, std::uint32_t place, std::string &why)
   if (error == ENODEV) return true;  // the interface has disappeared meanwhile
   if (error != 0) {
     plane_.forget_port(interface);
-    why = "interface " + name + " cannot be taken as a port: " + std::strerror(error);
+    why = "interface " + name + " cannot become a port: " + std::strerror(error);
     return false;
   }
   std::atomic_ref(plane_.ports()[place].ifindex).store(interface, std::memory_order_release);
-  if (!silence(name)) PROGRAMMER_LOG(context_, QX_ZLOG_ERROR, "interface %s goes on speaking IPv6 of its own", name.c_str());
+  if (!silence(name))
+    PROGRAMMER_LOG(context_, QX_ZLOG_ERROR, "IPv6 cannot be disabled on interface %s, which keeps sending packets of its own",
+                   name.c_str());
   PROGRAMMER_LOG(context_, QX_ZLOG_VERBOSE, "port %u is interface %s", names_[place].number, name.c_str());
   if (has_address(name)) {
-    PROGRAMMER_LOG(context_, QX_ZLOG_ERROR, "interface %s has addresses, whose packets are now up to the flows", name.c_str());
+    PROGRAMMER_LOG(context_, QX_ZLOG_ERROR, "interface %s has addresses; from now on the flows decide about its packets",
+                   name.c_str());
   }
   name_others(name, interface);
   return true;
@@ -161,7 +189,7 @@ void Ports::name_others(const std::string &name, std::uint32_t interface) const 
   for (const filters::Filter &filter : filters::list(interface)) {
     if (filter.ours()) continue;
     PROGRAMMER_LOG(context_, QX_ZLOG_ERROR,
-                   "interface %s has a tc filter of somebody else on its %s, pref %u, %s: it is left alone", name.c_str(),
+                   "interface %s has a tc filter of another program on its %s (pref %u, %s), which is left alone", name.c_str(),
                    filter.ingress ? "ingress" : "egress", filter.preference, filter.name.c_str());
   }
 }
@@ -196,7 +224,7 @@ bool Ports::release(const std::vector<PortName> &names, std::vector<std::uint32_
   for (const std::uint32_t interface : interfaces) {
     char name[IF_NAMESIZE];
     if (release(interface) && if_indextoname(interface, name))
-      said += "interface " + std::string(name) + " is no port any more\n";
+      said += "interface " + std::string(name) + " is no longer a port\n";
   }
   return true;
 }

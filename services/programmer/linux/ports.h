@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "libss_pkt.h"
 #include "programmer/context.h"
 #include "programmer/linux/plane.h"
 #include "programmer/programmer.h"
@@ -45,6 +46,8 @@ class Ports {
   // Replaces the programs of an earlier plane, each atomically, and turns interfaces that are no longer ports into ordinary ones.
   void take_over();
   std::vector<PlaneState::Port> state() const;
+  // The counts of the ports' queues, at most a second old.
+  std::vector<ss_pkt_statistic> queues() const;
 
   // For a process without ports: detaches the program from these interfaces, given by name and by index, and turns them into
   // ordinary ones again. `said` lists them, one line each. False, with the reason in `said`, if one is another process's port.
@@ -56,6 +59,7 @@ class Ports {
   bool listen(std::string &why);
   void run();
   void follow();
+  void look_at_queues();
   bool follow(std::uint32_t place, std::string &why);
   bool begin(std::uint32_t place, std::string &why);
   int put_program(std::uint32_t interface) const;
@@ -70,6 +74,8 @@ class Ports {
   std::mutex following_;
   bool replaces_;                   // whether earlier programs are replaced at once
   std::vector<Descriptor> claims_;  // keep other processes from using these interfaces as ports
+  mutable std::mutex looking_;
+  std::vector<ss_pkt_statistic> queues_;  // guarded by looking_
   int notices_ = -1;
   int end_ = -1;
   std::thread thread_;

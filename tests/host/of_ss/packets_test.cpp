@@ -80,10 +80,10 @@ TEST_F(PacketPath, APacketGoesToThoseWhoWantIt) {
 
 // Whoever calls may be another version, or no service at all.
 TEST_F(PacketPath, WhatIsNoMessageEndsTheConnectionAndNothingElse) {
-  const std::string hello_of_2 = "01000000 02000000 0000000000000000 00000000 00000000";
-  const std::string good = "01000000 01000000 0000000000000000 00000000 00000000";
+  const std::string hello_of_1 = "01000000 01000000 0000000000000000 00000000 00000000";
+  const std::string good = "01000000 02000000 0000000000000000 00000000 00000000";
   const std::vector<std::vector<std::string>> cases = {{"01"},
-                                                       {hello_of_2},
+                                                       {hello_of_1},
                                                        {"03000000 01000000 0000000000000000 00000000 00000000"},
                                                        {good, "03000000 01000000 0000000000000000 00000000 ffffffff"},
                                                        {good, "0300ff20 01000000 0000000000000000 00000000 00000000"},

@@ -2,6 +2,7 @@
 // thread only.
 #pragma once
 
+#include <compare>
 #include <cstdint>
 #include <vector>
 

@@ -32,7 +32,7 @@ namespace {
 
 namespace sb = southbound;
 
-constexpr std::uint64_t kUnknown = ~std::uint64_t{0};  // a counter that the switch does not have
+constexpr std::uint32_t kAllQueues = 0xffffffff;  // OFPQ_ALL
 
 void put_age(Writer &out, std::int64_t since, std::int64_t now) {
   const std::int64_t age = std::max<std::int64_t>(now - since, 0);
@@ -87,8 +87,9 @@ Verdict table_stats(Switch &sw, Connection &connection, Bytes request) {
     out.u8(table);
     out.zeros(3);
     out.u32(static_cast<std::uint32_t>(sw.flows.table().flows_of(table)));
-    out.u64(kUnknown);
-    out.u64(kUnknown);
+    const ss_pkt_statistic counts = sw.packets.statistics().of(SS_PKT_TABLE, table);
+    out.u64(counts.packets);
+    out.u64(counts.other);
   }
   parts.end();
   return {};
@@ -166,9 +167,27 @@ Verdict table_features(Switch &sw, Connection &connection, Bytes request) {
   return {};
 }
 
-// Answers with an empty body for features that the switch lacks.
-Verdict nothing(Switch &sw, Connection &connection, Bytes request) {
-  Parts(sw.scratch, connection, request).end();
+// QUEUE: {port u32, queue u32}. The queues are those that the data plane reports.
+Verdict queue_stats(Switch &sw, Connection &connection, Bytes request) {
+  const std::uint32_t number = be32(request, kBody), queue = be32(request, kBody + 4);
+  if (number != port::kAny && !sw.ports.find(number)) return refuse(err::kQueueBadPort, "port", "no such port");
+  std::vector<ss_pkt_statistic> found;
+  sw.packets.statistics().each(SS_PKT_QUEUE, [&](const ss_pkt_statistic &row) {
+    if ((number == port::kAny || number == row.id) && (queue == kAllQueues || queue == row.part)) found.push_back(row);
+  });
+  if (found.empty() && queue != kAllQueues) return refuse(err::kQueueBadQueue, "queue", "no such queue");
+  Parts parts(sw.scratch, connection, request);
+  for (const ss_pkt_statistic &row : found) {
+    Writer &out = parts.entry();
+    out.u32(row.id);
+    out.u32(row.part);
+    out.u64(row.bytes);
+    out.u64(row.packets);
+    out.u64(row.other);
+    out.u32(~std::uint32_t{0});  // the queue's age is unknown
+    out.u32(~std::uint32_t{0});
+  }
+  parts.end();
   return {};
 }
 
@@ -185,20 +204,21 @@ MeterUsers meter_users(const FlowTable &table) {
   return users;
 }
 
-// Packets of a meter are not counted.
-void put_meter_stats(Writer &out, std::uint32_t id, const Meter &meter, std::uint32_t users, std::int64_t now) {
+void put_counts(Writer &out, const ss_pkt_statistic &counts) {
+  out.u64(counts.packets);
+  out.u64(counts.bytes);
+}
+
+void put_meter_stats(Writer &out, std::uint32_t id, const Meter &meter, std::uint32_t users, const Switch &sw) {
   const std::size_t start = out.size();
   out.u32(id);
   out.u16(0);
   out.zeros(6);
   out.u32(users);
-  out.u64(kUnknown);
-  out.u64(kUnknown);
-  put_age(out, meter.created_ns, now);
-  for (std::size_t band = 0; band < meter.bands().size() / kBandLen; ++band) {
-    out.u64(kUnknown);
-    out.u64(kUnknown);
-  }
+  put_counts(out, sw.packets.statistics().of(SS_PKT_METER, id));
+  put_age(out, meter.created_ns, sw.now());
+  for (std::uint32_t band = 0; band < meter.bands().size() / kBandLen; ++band)
+    put_counts(out, sw.packets.statistics().of(SS_PKT_BAND, id, band));
   out.patch16(start + 4, out.size() - start);
 }
 
@@ -232,7 +252,7 @@ Verdict each_meter(Switch &sw, Connection &connection, Bytes request, Put &&put)
 Verdict meter_stats(Switch &sw, Connection &connection, Bytes request) {
   MeterUsers users = meter_users(sw.flows.table());
   return each_meter(sw, connection, request, [&sw, &users](Writer &out, std::uint32_t id, const Meter &meter) {
-    put_meter_stats(out, id, meter, users[id], sw.now());
+    put_meter_stats(out, id, meter, users[id], sw);
   });
 }
 
@@ -248,7 +268,8 @@ Verdict meter_features(Switch &sw, Connection &connection, Bytes request) {
   std::uint32_t bands = 0;
   for (const Named &band : kMeterBands) bands |= 1u << band.number;
   out.u32(bands);
-  out.u32(all_bits(kMeterFlags) & ~kMeterStats);  // the flag for statistics is accepted, but none are kept
+  // The flag for statistics is accepted even if nothing counts them.
+  out.u32(all_bits(kMeterFlags) & ~(sw.packets.has_data_plane() ? 0U : std::uint32_t{kMeterStats}));
   out.u8(static_cast<std::uint8_t>(sw.target().bands));
   out.u8(0);
   out.zeros(2);
@@ -346,7 +367,7 @@ constexpr std::array<MultipartRow, kMultipartTypes> kMultiparts{{
     {kAggregate, 40, true, flow_stats},
     {kTable, 0, false, table_stats},
     {kPort, 8, false, port_stats},
-    {kQueue, 8, false, nothing},
+    {kQueue, 8, false, queue_stats},
     {kGroupStats, 8, false, group_stats},
     {kGroupDesc, 0, false, group_desc},
     {kGroupFeatures, 0, false, group_features},

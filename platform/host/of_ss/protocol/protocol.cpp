@@ -19,8 +19,8 @@
 namespace host::of_ss {
 namespace {
 
-constexpr std::uint32_t kFlowStats = 1, kTableStats = 2, kPortStats = 4;  // OFPC_*
-constexpr std::uint32_t kPortDown = 1;                                    // OFPPC_PORT_DOWN
+constexpr std::uint32_t kFlowStats = 1, kTableStats = 2, kPortStats = 4, kQueueStats = 64;  // OFPC_*
+constexpr std::uint32_t kPortDown = 1;                                                      // OFPPC_PORT_DOWN
 constexpr std::size_t kHwAddrLen = 6, kEthHeader = 14;
 
 Verdict bad_length(const char *what) {
@@ -47,7 +47,7 @@ Verdict features(Switch &sw, Connection &connection, Bytes message) {
   reply.out.u8(kTableCount);
   reply.out.u8(0);  // the main connection
   reply.out.zeros(2);
-  reply.out.u32(kFlowStats | kTableStats | kPortStats);
+  reply.out.u32(kFlowStats | kTableStats | kPortStats | (sw.packets.has_data_plane() ? kQueueStats : 0));
   reply.out.u32(0);
   reply.send(connection);
   return {};

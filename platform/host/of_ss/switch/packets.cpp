@@ -90,6 +90,7 @@ void Packets::hang_up() {
   plane_.reset();
   greeted_ = false;
   ports_.clear();
+  statistics_ = {};
 }
 
 void Packets::take() {
@@ -113,7 +114,8 @@ bool Packets::handle(const packet::Head &head, Bytes frame) {
   const bool is_packet = head.kind == Kind::in && head.reason <= SS_PKT_ACTION;
   if (is_packet) deliver(head, frame.first(std::min<std::size_t>(frame.size(), SS_PKT_FRAME_MAX)));
   if (head.kind == Kind::counts) keep(frame);
-  return is_packet || head.kind == Kind::counts;
+  if (head.kind == Kind::statistics) statistics_.take(frame);
+  return is_packet || head.kind == Kind::counts || head.kind == Kind::statistics;
 }
 
 void Packets::keep(Bytes counts) {

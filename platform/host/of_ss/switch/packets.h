@@ -14,6 +14,7 @@
 
 #include "host/base/event_owner.h"
 #include "host/of_ss/switch/controllers.h"
+#include "host/of_ss/switch/statistics.h"
 #include "host/of_ss/wire/wire.h"
 #include "host/packet/message.h"
 
@@ -49,6 +50,9 @@ class Packets {
   // Hands over a packet-out; its actions are laid out as in southbound.h.
   Verdict send(Connection &from, std::uint32_t in_port, Bytes actions, Bytes frame);
 
+  // What the data plane has counted; empty without one.
+  const Statistics &statistics() const { return statistics_; }
+
   // ---- for the views
 
   bool has_data_plane() const { return greeted_; }
@@ -80,6 +84,7 @@ class Packets {
   bool wanted_ = false;
   PacketCounters counters_;
   std::map<std::uint32_t, ss_pkt_counts> ports_;
+  Statistics statistics_;
   std::vector<std::byte> buffer_;
 };
 

@@ -257,6 +257,7 @@ struct Error {
   ROW(kTableModBadTable, 8, 0, "OFPTMFC_BAD_TABLE")                                         \
   ROW(kTableModBadConfig, 8, 1, "OFPTMFC_BAD_CONFIG")                                       \
   ROW(kQueueBadPort, 9, 0, "OFPQOFC_BAD_PORT")                                              \
+  ROW(kQueueBadQueue, 9, 1, "OFPQOFC_BAD_QUEUE")                                            \
   ROW(kConfigBadFlags, 10, 0, "OFPSCFC_BAD_FLAGS")                                          \
   ROW(kRoleStale, 11, 0, "OFPRRFC_STALE")                                                   \
   ROW(kRoleBad, 11, 2, "OFPRRFC_BAD_ROLE")                                                  \

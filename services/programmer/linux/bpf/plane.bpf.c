@@ -339,7 +339,7 @@ static __always_inline void describe(const struct way *way, const struct dp_port
   to->segment = skb->gso_size;
   to->tag = skb->vlan_tci;
   to->tag_type = skb->vlan_present ? bpf_ntohs(skb->vlan_proto) : 0;
-  to->table = (way->flow->rank - 1) & 1;
+  to->table = dp_table_of(way->flow);
   to->miss = way->flow->actions.miss;
   to->verified = bpf_csum_level(skb, BPF_CSUM_LEVEL_QUERY) >= 0;
 }
@@ -503,6 +503,7 @@ int kelim_plane(struct __sk_buff *skb) {
   way.routed = (key.ext_headers & DP_EXT_ROUTER) != 0;
   way.flow = dp_flow_at(0, place - 1);
   if (!way.flow) return TC_ACT_SHOT;
+  tally->matched_in_1 += dp_table_of(way.flow);
   weigh(&way, &key, headers.l4);
   count(place - 1, table, &way);
   if (!pass_meter(&way)) {
