@@ -1,10 +1,11 @@
-// Sends frames of 64 bytes into a network interface as fast as it takes them, or measures how long one takes to another interface and
-// back. It knows nothing of the switch in between.
+// Sends frames of 64 bytes into a network interface as fast as it takes them, or measures how long one takes to another interface
+// and back. It knows nothing of the switch in between.
 //
 //   packet_load send INTERFACE SECONDS MICROFLOWS FLOWS    microflow N: nw_dst is flow N * 7919 % FLOWS, tp_src is N
 //   packet_load rtt INTERFACE OTHER SAMPLES                back by the flow for 30.0.0.0/8
 //
-// Prints one JSON object. Needs CAP_NET_RAW. Exit status 1, with one line about the cause, when a frame cannot be sent or does not arrive.
+// Prints one JSON object. Needs CAP_NET_RAW. Exit status 1, with one line about the cause, when a frame cannot be sent or does
+// not arrive.
 #include <arpa/inet.h>
 #include <linux/if_packet.h>
 #include <net/if.h>
@@ -70,7 +71,8 @@ class Interface {
     for (Frame found{}; found != expected;) {
       pollfd readable{socket_, POLLIN, 0};
       errno = ETIMEDOUT;
-      if (::poll(&readable, 1, kPatience) != 1 || ::recv(socket_, found.data(), found.size(), 0) < 0) die("a frame did not arrive");
+      if (::poll(&readable, 1, kPatience) != 1 || ::recv(socket_, found.data(), found.size(), 0) < 0)
+        die("a frame did not arrive");
     }
   }
 
@@ -94,10 +96,12 @@ Frame frame_to(std::uint32_t destination, std::uint16_t port) {
 int send_all(char **given) {
   const Interface to(given[0], 0);
   const double seconds = std::atof(given[1]);
-  const auto microflows = static_cast<std::uint32_t>(std::atol(given[2])), flows = static_cast<std::uint32_t>(std::atol(given[3]));
+  const auto microflows = static_cast<std::uint32_t>(std::atol(given[2])),
+             flows = static_cast<std::uint32_t>(std::atol(given[3]));
   std::vector<Frame> frames;
   for (std::uint32_t n = 0; n < microflows; ++n)
-    frames.push_back(frame_to(20U << 24 | static_cast<std::uint32_t>(std::uint64_t{n} * 7919 % flows), static_cast<std::uint16_t>(n)));
+    frames.push_back(
+        frame_to(20U << 24 | static_cast<std::uint32_t>(std::uint64_t{n} * 7919 % flows), static_cast<std::uint16_t>(n)));
   while (frames.size() % kBatch != 0) frames.push_back(frames[frames.size() % microflows]);
   std::vector<iovec> places;
   for (Frame &frame : frames) places.push_back({frame.data(), frame.size()});

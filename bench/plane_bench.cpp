@@ -13,7 +13,11 @@ using namespace programmer::dataplane;
 
 struct Memory {
   explicit Memory(std::uint32_t room)
-      : masks(2 * DP_MAX_MASKS), buckets(std::bit_ceil(room / 2)), flows(room + room / 32 + 1024), counts(flows.size()), before(flows.size()) {
+      : masks(2 * DP_MAX_MASKS),
+        buckets(std::bit_ceil(room / 2)),
+        flows(room + room / 32 + 1024),
+        counts(flows.size()),
+        before(flows.size()) {
     tables = {&control,
               masks.data(),
               buckets.data(),
@@ -58,7 +62,12 @@ void put_in_force(benchmark::State &state) {
   }
   state.SetItemsProcessed(state.iterations() * flows);
 }
-BENCHMARK(put_in_force)->Args({1000, 10})->Args({100'000, 1})->Args({100'000, 100})->Args({1'000'000, 10})->Unit(benchmark::kMillisecond);
+BENCHMARK(put_in_force)
+    ->Args({1000, 10})
+    ->Args({100'000, 1})
+    ->Args({100'000, 100})
+    ->Args({1'000'000, 10})
+    ->Unit(benchmark::kMillisecond);
 
 void replace(benchmark::State &state) {
   constexpr std::uint32_t kFlows = 100'000;

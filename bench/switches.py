@@ -132,7 +132,8 @@ def start_ovs(_, datapath="dummy", interfaces=()):
         subprocess.run([*vsctl, "add-br", "br0", "--", "set", "bridge", "br0", f"datapath_type={datapath}", "protocols=OpenFlow13",
                         "fail_mode=secure", "--", "set-controller", "br0", f"ptcp:{port}:127.0.0.1"], env=env, check=True)
         for number, name in enumerate(interfaces, 1):
-            subprocess.run([*vsctl, "add-port", "br0", name, "--", "set", "interface", name, f"ofport_request={number}"], env=env, check=True)
+            added = [*vsctl, "add-port", "br0", name, "--", "set", "interface", name, f"ofport_request={number}"]
+            subprocess.run(added, env=env, check=True)
         dummy = ["--enable-dummy=override"] if datapath == "dummy" else []
         switch = start("ovs-vswitchd", f"unix:{sock}", *dummy, "--disable-system", "-vconsole:off", f"--unixctl={tmp}/vswitchd.ctl")
         daemon.wait_until(ready, 15, "Open vSwitch answering")

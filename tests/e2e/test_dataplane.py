@@ -70,19 +70,17 @@ class DataPlane(OnInterfaces):
         self.two.plug((1, 2, 3))
         self.await_that(lambda: self.one.ping(self.two) == 1, "the ping behind the port that is back")
 
-    def arrived(self, frames, hosts):
-        """What each of these hosts has received ahead of the frame that is sent last, which goes to all but the first."""
-        end = frame(ipv4(b"end", proto=99))
-        frames[0].send(end)
-        found = {}
-        for number in hosts:
-            found[number] = list(iter(lambda: network.receive(frames[number - 1]), end))
-        return found
+    def packet_out(self, packet, actions):
+        return e2e.ofctl(self.switch.port, "packet-out", f"in_port=1 packet={packet.hex()} actions={actions}")
 
-    def expect(self, frames, received, **case):
-        with self.subTest(**case):
-            wanted = {number: [PACKETS[received[f"port {number}"]]] if f"port {number}" in received else [] for number in (2, 3)}
-            self.assertEqual(self.arrived(frames, (2, 3)), wanted)
+    def expect(self, frames, received, by_packet_out=False, **case):
+        """What was sent arrives ahead of a last frame, sent the same way, which all hosts but the first get."""
+        end = frame(ipv4(b"end", proto=99))
+        self.packet_out(end, "all") if by_packet_out else frames[0].send(end)
+        with self.subTest(by_packet_out=by_packet_out, **case):
+            for number, there in enumerate(frames[1:], 2):
+                wanted = [PACKETS[received[f"port {number}"]]] if f"port {number}" in received else []
+                self.assertEqual(list(iter(lambda: network.receive(there), end)), wanted)
             if "port 1" in received:
                 self.assertEqual(network.receive(frames[0]), PACKETS[received["port 1"]])
 
@@ -111,11 +109,10 @@ class DataPlane(OnInterfaces):
             frames[0].send(PACKETS[sent])
             self.expect(frames, received, action=action, sent=sent)
             self.add(flow, command="del-flows")
-            done = e2e.ofctl(self.switch.port, "packet-out", f"in_port=1 packet={PACKETS[sent].hex()} actions={actions}")
+            done = self.packet_out(PACKETS[sent], actions)
             self.assertEqual(done.returncode == 0 and not done.stderr, also, (action, done))
             if also:
-                client.barrier()
-                self.expect(frames, received, packet_out=action, sent=sent)
+                self.expect(frames, received, by_packet_out=True, action=action, sent=sent)
 
     def match_all(self, frames, yes, no, **case):
         for packets, received in ((yes, True), (no, False)):

@@ -17,10 +17,10 @@ struct dp_tables {
   dp_count *before;  // one more row: counts from before the flow was added
   std::uint32_t bucket_count;
   std::uint32_t places;
-  std::uint32_t rows;          // one for each processor, and the service's own as the last one
+  std::uint32_t rows;                        // one for each processor, and the service's own as the last one
   dp_cached *cache = nullptr;                // of a reader in user space: cache_sets * DP_CACHE_WAYS
-  std::uint32_t cache_sets = DP_CACHE_SETS;  // of each reader; a power of two
   dp_step *steps = nullptr;                  // DP_MAX_STEPS
+  std::uint32_t cache_sets = DP_CACHE_SETS;  // of each reader; a power of two
 };
 
 // Reading and increasing a counter that one thread, or one processor, writes while others read it.

@@ -120,8 +120,7 @@ void Plane::set_sizes(std::uint32_t flows) {
   const auto processors = static_cast<std::uint32_t>(std::max(libbpf_num_possible_cpus(), 1));
   tables_.rows = processors + 1;  // the last one is the service's own
   constexpr std::uint32_t kSet = DP_CACHE_WAYS * sizeof(dp_cached);
-  tables_.cache_sets =
-      std::clamp<std::uint32_t>(std::bit_floor(kCaches / (processors * kSet)), DP_CACHE_SETS, DP_CACHE_MAX_SETS);
+  tables_.cache_sets = std::clamp<std::uint32_t>(std::bit_floor(kCaches / (processors * kSet)), DP_CACHE_SETS, DP_CACHE_MAX_SETS);
   const Size sizes[] = {{"buckets", tables_.bucket_count},
                         {"flows", tables_.places},
                         {"counts", tables_.places * (tables_.rows + 1)},
