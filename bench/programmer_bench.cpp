@@ -37,7 +37,8 @@ class World {
     options_.script = script;
     flows = std::make_unique<programmer::FlowRecords>(context_);
     target_ = std::make_unique<programmer::SimTarget>(global_->master, options_, *flows);
-    flows->set_target(*target_);
+    idle_ = std::make_unique<programmer::IdleWatch>(context_, flows->table(), *target_, false);
+    flows->set_target(*target_, *idle_);
   }
   ~World() {
     qx_global_finish(global_);
@@ -53,6 +54,7 @@ class World {
   programmer::Context context_;
   programmer::Options options_;
   std::unique_ptr<programmer::SimTarget> target_;
+  std::unique_ptr<programmer::IdleWatch> idle_;
 };
 
 // A packed flow record of about 290 bytes, as the daemon writes it; the index is always 8 bytes long on the wire.

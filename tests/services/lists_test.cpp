@@ -9,7 +9,11 @@ using namespace programmer::dataplane;
 
 std::vector<dp_step> list(std::initializer_list<__u16> values) {
   std::vector<dp_step> steps;
-  for (const __u16 value : values) steps.push_back({.kind = DP_STEP_QUEUE, .value = value});
+  for (const __u16 value : values) {
+    steps.emplace_back();
+    steps.back().kind = DP_STEP_QUEUE;
+    steps.back().value = value;
+  }
   return steps;
 }
 
