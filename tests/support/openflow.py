@@ -120,6 +120,18 @@ class Client:
     def delete_all(self):
         return self.send(FLOW_MOD, flow_mod(DELETE, match(), table=0xFF))
 
+    def quiet(self, seconds):
+        """Returns the messages that arrive before a pause of that length, possibly none."""
+        messages = []
+        self.socket.settimeout(seconds)
+        try:
+            while True:
+                messages.append(self.receive())
+        except TimeoutError:
+            return messages
+        finally:
+            self.socket.settimeout(self.PATIENCE)
+
     def receive(self):
         """Returns the next message, answering echo requests before it; EOFError if the other side has closed the connection."""
         while True:
