@@ -19,7 +19,17 @@ PAIRS = [(a, b) for a in range(3) for b in range(3) if a != b]
 
 # Connections are reset at once, so that none of their packets arrives during the next test.
 END_AT_ONCE = "import socket, struct, sys; at_once = (socket.SOL_SOCKET, socket.SO_LINGER, struct.pack('ii', 1, 0))"
+# A thread per connection: the reset of an earlier one may have been lost with the flows of its test.
 ECHO_SERVER = END_AT_ONCE + """
+import threading
+def echo(peer):
+    peer.setsockopt(*at_once)
+    with peer:
+        try:
+            while data := peer.recv(1 << 16):
+                peer.sendall(data)
+        except ConnectionResetError:
+            pass
 kind = {"tcp": socket.SOCK_STREAM, "udp": socket.SOCK_DGRAM}[sys.argv[1]]
 server = socket.socket(socket.AF_INET, kind)
 server.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
@@ -29,14 +39,7 @@ if kind == socket.SOCK_STREAM:
 print(flush=True)
 while True:
     if kind == socket.SOCK_STREAM:
-        peer, _ = server.accept()
-        peer.setsockopt(*at_once)
-        try:
-            while data := peer.recv(1 << 16):
-                peer.sendall(data)
-        except ConnectionResetError:
-            pass
-        peer.close()
+        threading.Thread(target=echo, args=[server.accept()[0]], daemon=True).start()
     else:
         server.sendto(*server.recvfrom(1 << 16))
 """
