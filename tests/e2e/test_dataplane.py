@@ -1,13 +1,11 @@
 """The data plane on interfaces of network namespaces, with real packets between hosts, built byte by byte where that matters."""
 
-import itertools
 import os
 import pathlib
 import re
 import signal
 import struct
 import subprocess
-import threading
 import time
 import unittest
 
@@ -39,12 +37,6 @@ class DataPlane(OnInterfaces):
     def await_counts(self, **expected):
         wanted = {int(name[1:]): counts for name, counts in expected.items()}
         self.await_that(lambda: self.counted().items() >= wanted.items(), f"{wanted} in {self.counted()}")
-
-    def sockets(self):
-        frames = [host.socket() for host in (self.one, self.two, self.three)]
-        for each in frames:
-            self.addCleanup(each.close)
-        return frames
 
     def shown(self):
         lines = self.switch.command("show", module="programmer").splitlines()
@@ -129,29 +121,11 @@ class DataPlane(OnInterfaces):
         self.connect()
         self.add(*(f"priority=1,ip,nw_src=10.0.0.0/{bits},actions=drop" for bits in range(20, 28)))  # enough masks for a cache
         here, there, _ = self.sockets()
-        changed, got = threading.Event(), []
 
-        def send():
-            for number in itertools.count():
-                last = changed.is_set()
-                here.send(frame(ipv4(udp(1, struct.pack("!I?", number, last)))))
-                if last:
-                    return
+        def change(n):
+            self.add(f"in_port=1,actions=set_queue:{1 + n % 8},output:2", command="mod-flows")
 
-        def read():
-            while not got or not got[-1][1]:
-                got.append(struct.unpack("!I?", network.receive(there)[42:]))
-
-        threads = [threading.Thread(target=each) for each in (read, send)]
-        for thread in threads:
-            thread.start()
-        for queue in range(20):
-            self.add(f"in_port=1,actions=set_queue:{1 + queue % 8},output:2", command="mod-flows")
-        changed.set()
-        for thread in threads:
-            thread.join()
-        self.assertEqual([number for number, _ in got], list(range(len(got))))
-        self.assertGreater(len(got), 1000)
+        self.expect_every_packet(here, there, lambda data: frame(ipv4(udp(1, data))), change)
 
     def test_a_meter_lets_its_rate_pass(self):
         self.add("meter=1,pktps,burst,bands=type=drop,rate=200,burst_size=20", command="add-meter")

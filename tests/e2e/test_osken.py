@@ -10,7 +10,7 @@ import daemon
 import e2e
 import network
 from interfaces import OnInterfaces
-from test_packets import ASK, ECHO_SERVER
+from traffic import ASK
 
 APP = pathlib.Path(__file__).parents[1] / "support" / "osken_app.py"
 LINK = [[1, 3], [2, 2]]  # switch and port
@@ -46,13 +46,6 @@ class OsKen(OnInterfaces):
 
     def latest(self, name, switch):
         return ([line["packets"] for line in self.saw(name) if line[name] == switch] or [{}])[-1]
-
-    def serve(self, host, kind):
-        server = subprocess.Popen([str(w) for w in host.words("python3", "-c", ECHO_SERVER, kind)], stdout=subprocess.PIPE)
-        self.addCleanup(server.stdout.close)
-        self.addCleanup(server.wait)
-        self.addCleanup(server.kill)
-        server.stdout.readline()
 
     def counters_agree(self):
         """The controller's latest port counters, [received, sent] by the switch, are the kernel's."""

@@ -13,45 +13,11 @@ import learning
 import network
 import openflow
 from interfaces import UDP, OnInterfaces, checksum, frame, ipv4, udp
+from traffic import ASK, END_AT_ONCE
 
 TCP = 6
 PAIRS = [(a, b) for a in range(3) for b in range(3) if a != b]
 
-# Connections are reset at once, so that none of their packets arrives during the next test.
-END_AT_ONCE = "import socket, struct, sys; at_once = (socket.SOL_SOCKET, socket.SO_LINGER, struct.pack('ii', 1, 0))"
-# A thread per connection: the reset of an earlier one may have been lost with the flows of its test.
-ECHO_SERVER = END_AT_ONCE + """
-import threading
-def echo(peer):
-    peer.setsockopt(*at_once)
-    with peer:
-        try:
-            while data := peer.recv(1 << 16):
-                peer.sendall(data)
-        except ConnectionResetError:
-            pass
-kind = {"tcp": socket.SOCK_STREAM, "udp": socket.SOCK_DGRAM}[sys.argv[1]]
-server = socket.socket(socket.AF_INET, kind)
-server.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-server.bind(("", 7))
-if kind == socket.SOCK_STREAM:
-    server.listen()
-print(flush=True)
-while True:
-    if kind == socket.SOCK_STREAM:
-        threading.Thread(target=echo, args=[server.accept()[0]], daemon=True).start()
-    else:
-        server.sendto(*server.recvfrom(1 << 16))
-"""
-ASK = END_AT_ONCE + """
-kind = {"tcp": socket.SOCK_STREAM, "udp": socket.SOCK_DGRAM}[sys.argv[1]]
-client = socket.socket(socket.AF_INET, kind)
-client.setsockopt(*at_once)
-client.settimeout(30)
-client.connect((sys.argv[2], 7))
-client.send(b"hello")
-print(client.recv(99).decode())
-"""
 PUSH = END_AT_ONCE + """
 client = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
 client.setsockopt(*at_once)
@@ -89,19 +55,6 @@ class Packets(OnInterfaces):
 
     def port(self, number):
         return next((port for port in self.packets()["ports"] if port["port"] == number), {})
-
-    def sockets(self):
-        frames = [host.socket() for host in self.hosts]
-        for each in frames:
-            self.addCleanup(each.close)
-        return frames
-
-    def serve(self, host, kind):
-        server = subprocess.Popen([str(w) for w in host.words("python3", "-c", ECHO_SERVER, kind)], stdout=subprocess.PIPE)
-        self.addCleanup(server.stdout.close)
-        self.addCleanup(server.wait)
-        self.addCleanup(server.kill)
-        server.stdout.readline()
 
     def next_packet(self, client):
         while (message := client.receive()).type != openflow.PACKET_IN:
