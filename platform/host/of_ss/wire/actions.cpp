@@ -187,6 +187,10 @@ Verdict refuse_action(Bytes, const Context &, List &) {
   return refuse(err::kBadAction, "actions", "the switch does not carry out this type of action");
 }
 
+// The actions of a list to read. Those of an action set act in this order, wherever they stand (5.10).
+enum class Pass { every, pop, push, dec_ttl, set, group, output };
+constexpr Pass kActionSet[] = {Pass::pop, Pass::push, Pass::dec_ttl, Pass::set, Pass::group, Pass::output};
+
 // Every action of OpenFlow 1.3, those that can be supported first.
 using Read = Verdict (*)(Bytes action, const Context &context, List &list);
 struct ActionRow {
@@ -195,16 +199,17 @@ struct ActionRow {
   std::size_t argument = 0;     // bytes of the number behind the header; 2 bytes are an EtherType
   Read read = nullptr;          // null: never supported
   Read refuse = refuse_action;  // if it is not supported
+  Pass pass = Pass::set;        // its place in an action set
 };
 constexpr ActionRow kActions[] = {
-    {kOutput, "output", 4, read_output},
+    {kOutput, "output", 4, read_output, refuse_action, Pass::output},
     {kSetQueue, "set_queue", 4, read_set_queue},
     {kSetField, "set_field", 0, read_set_field},
-    {kPushVlan, "push_vlan", 2, read_push_vlan},
-    {kPopVlan, "pop_vlan", 0, read_pop_vlan},
+    {kPushVlan, "push_vlan", 2, read_push_vlan, refuse_action, Pass::push},
+    {kPopVlan, "pop_vlan", 0, read_pop_vlan, refuse_action, Pass::pop},
     {kSetNwTtl, "set_nw_ttl", 1, read_set_ttl},
-    {kDecNwTtl, "dec_nw_ttl", 0, read_dec_ttl},
-    {kGroup, "group", 4, read_group, refuse_group},
+    {kDecNwTtl, "dec_nw_ttl", 0, read_dec_ttl, refuse_action, Pass::dec_ttl},
+    {kGroup, "group", 4, read_group, refuse_group, Pass::group},
     {kActionExperimenter, "experimenter", 4, nullptr, refuse_experimenter},
     {11, "copy_ttl_out"},
     {12, "copy_ttl_in"},
@@ -233,29 +238,8 @@ Verdict read_action(Bytes action, const Context &context, List &list) {
   return (does(row, context.terms.target) ? row.read : row.refuse)(action, context, list);
 }
 
-// The actions of a list to read. Those of an action set act in this order, wherever they stand (5.10).
-enum class Pass { every, pop, push, dec_ttl, set, group, output };
-constexpr Pass kActionSet[] = {Pass::pop, Pass::push, Pass::dec_ttl, Pass::set, Pass::group, Pass::output};
-
-Pass pass_of(std::uint16_t type) {
-  switch (type) {
-    case kPopVlan:
-      return Pass::pop;
-    case kPushVlan:
-      return Pass::push;
-    case kDecNwTtl:
-      return Pass::dec_ttl;
-    case kGroup:
-      return Pass::group;
-    case kOutput:
-      return Pass::output;
-    default:
-      return Pass::set;
-  }
-}
-
 bool wanted(Pass pass, std::uint16_t type) {
-  return pass == Pass::every || pass == pass_of(type);
+  return pass == Pass::every || pass == row_of(type).pass;
 }
 
 Verdict read_actions(Bytes from, Pass pass, const Context &context, List &list) {
