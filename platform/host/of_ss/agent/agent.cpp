@@ -3,15 +3,11 @@
 #include <pthread.h>
 #include <signal.h>
 
-#include <algorithm>
-#include <condition_variable>
 #include <utility>
 
 #include "host/base/clock.h"
 #include "host/base/loop.h"
-#include "host/base/mutex.h"
 #include "host/log/log.h"
-#include "host/of_ss/desired/results.h"
 #include "host/of_ss/net/reply.h"
 #include "host/of_ss/net/session.h"
 #include "host/of_ss/protocol/multipart.h"
@@ -20,11 +16,8 @@
 namespace host::of_ss {
 namespace {
 
-namespace sb = southbound;
-
 constexpr timeval kTick{0, 100'000}, kSecond{1, 0}, kNextTurn{0, 0};
 constexpr std::uint32_t kReportPeriodSeconds = 5;  // the daemon's fixed period
-constexpr auto kRunLimit = std::chrono::seconds(3);
 
 // One thread uses this base; only the inbox is shared, and it has its own lock.
 event_base *new_base() {
@@ -108,27 +101,6 @@ void Agent::main() {
   endpoints_.dial();
   turn_done();
   event_base_dispatch(base_.get());
-}
-
-bool Agent::run(std::function<void(Agent &)> work) {
-  struct Job {
-    Mutex mutex;
-    std::condition_variable done;
-    bool ran KELIM_GUARDED_BY(mutex) = false;
-    bool abandoned KELIM_GUARDED_BY(mutex) = false;
-  };
-  const auto job = std::make_shared<Job>();
-  inbox_.post([this, job, work = std::move(work)] {
-    const Lock lock(job->mutex);
-    if (job->abandoned) return;
-    work(*this);
-    job->ran = true;
-    job->done.notify_one();
-  });
-  Lock lock(job->mutex);
-  lock.wait_for(job->done, kRunLimit, [&job]() KELIM_REQUIRES(job->mutex) { return job->ran; });
-  job->abandoned = true;
-  return job->ran;
 }
 
 void Agent::reconfigure(EndpointSettings fresh) {
@@ -253,65 +225,12 @@ void Agent::counters_are_there(bool late) {
 void Agent::take_inbox() {
   new_turn();
   Inbox::Taken taken = inbox_.take();
-  for (Bytes message; !(message = taken.next_message()).empty();) take_reply(message);
+  for (Bytes message; !(message = taken.next_message()).empty();) replies_.take(message);
   for (const auto &work : taken.work) work();
   switch_.replay.begin_when_settled();
   work_on();
   turn_done();
   turns_.resume_waiting();
-}
-
-struct Agent::ReplyRow {
-  std::uint16_t type;
-  std::size_t min_length;
-  void (*take)(Agent &agent, Bytes message);
-};
-
-const Agent::ReplyRow *Agent::reply_row(std::uint16_t type) {
-  static constexpr ReplyRow kReplies[] = {
-      {sb::kFlowResult, sb::kFlowResultLen, [](Agent &a, Bytes m) { a.flows().flow_result(m, a.switch_.now()); }},
-      {kFlowAnswer, sb::kFlowResultLen, [](Agent &a, Bytes m) { a.flows().flow_answer(m, a.switch_.now()); }},
-      {sb::kStatReply, sb::kStatReplyLen, [](Agent &a, Bytes m) { a.take_counters(m); }},
-      {kFlowIdle, sb::kStatReplyLen, [](Agent &a, Bytes m) { a.take_idle(m); }},
-      {sb::kMeterResult, sb::kMeterResultLen, [](Agent &a, Bytes m) { a.take_meter_result(m); }},
-      {sb::kPackedReport, sb::kHeaderLen, [](Agent &a, Bytes m) { a.take_report(m); }},
-      {sb::kBarrierReply, sb::kBarrierLen, [](Agent &a, Bytes m) { a.flows().barrier_reply(m, a.switch_.now()); }},
-      {sb::kCapacity, sb::kCapacityLen,
-       [](Agent &a, Bytes m) { a.flows().capacity(sb::get<std::uint32_t>(m.data(), sb::kCapacityFlows)); }},
-  };
-  const auto *row = std::ranges::find(kReplies, type, &ReplyRow::type);
-  return row == std::end(kReplies) ? nullptr : row;
-}
-
-void Agent::take_reply(Bytes message) {
-  const auto type = sb::get<std::uint16_t>(message.data(), sb::kType);
-  const ReplyRow *row = reply_row(type);
-  if (row && message.size() >= row->min_length) return row->take(*this, message);
-  log::warn("a reply of type {} and length {} from the daemon is not known", type, message.size());
-}
-
-void Agent::take_meter_result(Bytes message) {
-  if (const auto failure = switch_.meters.result(message, switch_.now()))
-    flow_failed(failure->origin, *failure->error, failure->request);
-}
-
-void Agent::take_counters(Bytes message) {
-  const std::byte *at = message.data();
-  if (sb::get<std::uint32_t>(at, sb::kStatStatus) != 0) return;
-  flows().counted(sb::get<std::uint64_t>(at, sb::kStatIndex), sb::get<std::uint64_t>(at, sb::kStatPackets),
-                  sb::get<std::uint64_t>(at, sb::kStatBytes));
-}
-
-void Agent::take_idle(Bytes message) {
-  take_counters(message);
-  flows().idle(sb::get<std::uint64_t>(message.data(), sb::kStatIndex));
-}
-
-void Agent::take_report(Bytes message) {
-  const std::byte *at = message.data();
-  for (std::size_t cell = sb::kCells; cell + sb::kCellLen <= message.size(); cell += sb::kCellLen)
-    flows().count_more(sb::get<std::uint64_t>(at, cell), sb::get<std::uint64_t>(at, cell + 8),
-                       sb::get<std::uint64_t>(at, cell + 16));
 }
 
 // ---- time

@@ -17,6 +17,7 @@
 
 #include "host/base/event_owner.h"
 #include "host/of_ss/agent/inbox.h"
+#include "host/of_ss/agent/replies.h"
 #include "host/of_ss/agent/settings.h"
 #include "host/of_ss/agent/turns.h"
 #include "host/of_ss/desired/callbacks.h"
@@ -81,7 +82,9 @@ class Agent final : private FlowEvents, private ConnectionEvents {
     inbox_.post([this] { switch_.replay.database_lost(); });
   }
   // Runs `work` on the openflow thread and waits for it, at most a few seconds. False if it has not run.
-  bool run(std::function<void(Agent &)> work);
+  bool run(std::function<void(Agent &)> work) {
+    return inbox_.run([this, work = std::move(work)] { work(*this); });
+  }
 
   // ---- on the openflow thread
 
@@ -125,13 +128,6 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   void new_turn();
   void turn_done();
   void take_inbox();
-  struct ReplyRow;
-  static const ReplyRow *reply_row(std::uint16_t type);
-  void take_reply(Bytes message);
-  void take_meter_result(Bytes message);
-  void take_counters(Bytes message);
-  void take_idle(Bytes message);
-  void take_report(Bytes message);
   bool is_busy() const { return switch_.flows.is_replaying() || switch_.flows.is_deleting() || bundles_.is_committing(); }
   void work_on();
   void take_turns();
@@ -154,6 +150,7 @@ class Agent final : private FlowEvents, private ConnectionEvents {
   Bundles bundles_{switch_};
   Monitors monitors_{switch_};
   Turns turns_{switch_, bundles_};
+  DaemonReplies replies_{switch_, *this};
   EndpointSet endpoints_;
   ErrorCounts failure_counts_;
 

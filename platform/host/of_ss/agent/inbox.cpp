@@ -3,7 +3,10 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <condition_variable>
 #include <cstring>
+#include <memory>
 #include <utility>
 
 namespace host::of_ss {
@@ -13,6 +16,7 @@ using Length = std::uint32_t;  // precedes each message
 
 constexpr std::size_t kBound = 64u << 20;      // bytes; about 2.4 million flow results
 constexpr std::size_t kKeptRoom = 256u << 10;  // bytes of the buffers kept after a burst
+constexpr auto kRunLimit = std::chrono::seconds(3);
 
 }  // namespace
 
@@ -47,6 +51,27 @@ void Inbox::post(std::function<void()> work) {
     work_.push_back(std::move(work));
   }
   nudge();
+}
+
+bool Inbox::run(std::function<void()> work) {
+  struct Job {
+    Mutex mutex;
+    std::condition_variable done;
+    bool ran KELIM_GUARDED_BY(mutex) = false;
+    bool abandoned KELIM_GUARDED_BY(mutex) = false;
+  };
+  const auto job = std::make_shared<Job>();
+  post([job, work = std::move(work)] {
+    const Lock lock(job->mutex);
+    if (job->abandoned) return;
+    work();
+    job->ran = true;
+    job->done.notify_one();
+  });
+  Lock lock(job->mutex);
+  lock.wait_for(job->done, kRunLimit, [&job]() KELIM_REQUIRES(job->mutex) { return job->ran; });
+  job->abandoned = true;
+  return job->ran;
 }
 
 void Inbox::nudge() {

@@ -1,7 +1,7 @@
 // Queue from other threads to the openflow thread: southbound messages, which are bounded, and work, each in order.
 //
-// put and post may be called from any thread; take and fd belong to the openflow thread. One system call wakes the thread for
-// everything put before its next look.
+// put, post and run may be called from any thread; take and fd belong to the openflow thread. One system call wakes the thread
+// for everything put before its next look.
 #pragma once
 
 #include <cstdint>
@@ -24,6 +24,8 @@ class Inbox {
   bool put(Bytes message);
   // Queues `work` for the openflow thread. Not bounded: callers post a few pieces of work at a time.
   void post(std::function<void()> work);
+  // The same, and waits until it has run, at most a few seconds. False if it has not run, and then it never will.
+  bool run(std::function<void()> work);
 
   // Makes fd readable, because something outside the inbox has changed.
   void nudge();
