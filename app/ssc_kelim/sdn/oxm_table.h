@@ -19,9 +19,17 @@
 #include "ssc_kelim/sdn/flow_members.h"
 #include "ssc_kelim/sdn/flow_node.h"
 
+// How the dump of a flow prints a field. A field without a label is not known to the dump.
+enum class oxm_format { decimal, hex, mac };
+struct oxm_text {
+  const char *label = nullptr;
+  oxm_format format = oxm_format::decimal;
+  bool in_set_field = false;  // printed in a set-field action, too
+};
+
 struct oxm_row {
   std::uint32_t header;
-  bool dumped;               // known to the dump of flows
+  oxm_text text;
   bool stored;               // false: skipped
   std::uint64_t field_bits;  // flow_field_e bits that it sets
   std::uint64_t rule_bits;   // flow_ace_rule_e bit that it sets
@@ -110,15 +118,15 @@ using exp_app_type = match_field<&N::exp_app_type, nullptr, nullptr, nullptr, nu
 using ipv6_exthdr = match_field<&N::next_header, &N::next_header_mask, nullptr, nullptr, &A::next_header, &A::next_header_mask>;
 
 template <std::uint32_t Header, typename Field>
-consteval oxm_row row(std::uint64_t field_bits, std::uint64_t rule_bits, bool dumped) {
-  return {Header, dumped, true, field_bits, rule_bits, Field::template stored_by<Header>, Field::field(), Field::rule()};
+consteval oxm_row row(std::uint64_t field_bits, std::uint64_t rule_bits, oxm_text text) {
+  return {Header, text, true, field_bits, rule_bits, Field::template stored_by<Header>, Field::field(), Field::rule()};
 }
 
 // A field that is skipped without being read.
 template <std::uint32_t Header>
-consteval oxm_row skipped(bool dumped) {
+consteval oxm_row skipped(oxm_text text) {
   return {Header,
-          dumped,
+          text,
           false,
           0,
           0,
@@ -128,38 +136,49 @@ consteval oxm_row skipped(bool dumped) {
 }
 
 inline constexpr std::uint64_t kNoRule = 0;
-inline constexpr bool kDumped = true, kNotDumped = false;
+
+inline constexpr oxm_text kNotDumped;
+inline constexpr bool kInSetField = true;
+consteval oxm_text decimal(const char *label, bool in_set_field = false) {
+  return {label, oxm_format::decimal, in_set_field};
+}
+consteval oxm_text hex(const char *label) {
+  return {label, oxm_format::hex};
+}
+consteval oxm_text mac(const char *label) {
+  return {label, oxm_format::mac, kInSetField};
+}
 
 #define FIELD(name) (std::uint64_t{1} << S_POLICY_KELIM__FLOW_FIELD_E__##name)
 #define RULE(name) (std::uint64_t{1} << S_POLICY_KELIM__FLOW_ACE_RULE_E__SS_FP_RULE_##name)
 // clang-format off
 inline constexpr oxm_row kRows[] = {
-    //  header      members           flow_field_e                 flow_ace_rule_e      dump
-    row<0x80000004, in_port>     (FIELD(OXM_SS_OF_IN_PORT),      kNoRule,             kDumped),
-    row<0x80000606, eth_dst>     (FIELD(OXM_SS_OF_ETH_DST),      RULE(MAC_DST),       kDumped),
-    row<0x8000070c, eth_dst>     (FIELD(OXM_SS_OF_ETH_DST),      RULE(MAC_DST),       kDumped),
-    row<0x80000806, eth_src>     (FIELD(OXM_SS_OF_ETH_SRC),      RULE(MAC_SRC),       kDumped),
-    row<0x8000090c, eth_src>     (FIELD(OXM_SS_OF_ETH_SRC),      RULE(MAC_SRC),       kDumped),
-    row<0x80000a02, eth_type>    (FIELD(OXM_SS_OF_ETH_TYPE),     RULE(ETYPE),         kDumped),
-    row<0x80000c02, vlan_vid>    (FIELD(OXM_SS_OF_VLAN_VID),     RULE(VID),           kDumped),
-    row<0x80000d04, vlan_vid>    (FIELD(OXM_SS_OF_VLAN_VID),     RULE(VID),           kDumped),
-    row<0x80000e01, vlan_pcp>    (FIELD(OXM_SS_OF_VLAN_PCP),     RULE(COS),           kDumped),
-    row<0x80001001, ip_dscp>     (FIELD(OXM_SS_OF_IP_DSCP),      RULE(IPV4_DSCP),     kDumped),
+    //  header      members           flow_field_e                 flow_ace_rule_e      text in the dump
+    row<0x80000004, in_port>     (FIELD(OXM_SS_OF_IN_PORT),      kNoRule,             decimal("in_port_ifx")),
+    row<0x80000606, eth_dst>     (FIELD(OXM_SS_OF_ETH_DST),      RULE(MAC_DST),       mac("dmac")),
+    row<0x8000070c, eth_dst>     (FIELD(OXM_SS_OF_ETH_DST),      RULE(MAC_DST),       mac("dmac")),
+    row<0x80000806, eth_src>     (FIELD(OXM_SS_OF_ETH_SRC),      RULE(MAC_SRC),       mac("smac")),
+    row<0x8000090c, eth_src>     (FIELD(OXM_SS_OF_ETH_SRC),      RULE(MAC_SRC),       mac("smac")),
+    row<0x80000a02, eth_type>    (FIELD(OXM_SS_OF_ETH_TYPE),     RULE(ETYPE),         hex("etype")),
+    row<0x80000c02, vlan_vid>    (FIELD(OXM_SS_OF_VLAN_VID),     RULE(VID),           decimal("vid", kInSetField)),
+    row<0x80000d04, vlan_vid>    (FIELD(OXM_SS_OF_VLAN_VID),     RULE(VID),           decimal("vid", kInSetField)),
+    row<0x80000e01, vlan_pcp>    (FIELD(OXM_SS_OF_VLAN_PCP),     RULE(COS),           decimal("cos", kInSetField)),
+    row<0x80001001, ip_dscp>     (FIELD(OXM_SS_OF_IP_DSCP),      RULE(IPV4_DSCP),     decimal("dscp", kInSetField)),
     skipped<0x80001201>          (/* IP_ECN */                                        kNotDumped),
-    row<0x80001401, ip_proto>    (FIELD(OXM_SS_OF_IP_PROTO),     RULE(IPV4_PROTOCOL), kDumped),
-    row<0x80001604, ipv4_src>    (FIELD(OXM_SS_OF_IPV4_SRC),     RULE(IPV4_SRC),      kDumped),
-    row<0x80001708, ipv4_src>    (FIELD(OXM_SS_OF_IPV4_SRC),     RULE(IPV4_SRC),      kDumped),
-    row<0x80001804, ipv4_dst>    (FIELD(OXM_SS_OF_IPV4_DST),     RULE(IPV4_DST),      kDumped),
-    row<0x80001908, ipv4_dst>    (FIELD(OXM_SS_OF_IPV4_DST),     RULE(IPV4_DST),      kDumped),
-    row<0x80001a02, l4_src>      (FIELD(OXM_SS_OF_TCP_SRC),      RULE(SRC_L4PORT),    kDumped),
+    row<0x80001401, ip_proto>    (FIELD(OXM_SS_OF_IP_PROTO),     RULE(IPV4_PROTOCOL), decimal("protocol")),
+    row<0x80001604, ipv4_src>    (FIELD(OXM_SS_OF_IPV4_SRC),     RULE(IPV4_SRC),      hex("ipv4_src")),
+    row<0x80001708, ipv4_src>    (FIELD(OXM_SS_OF_IPV4_SRC),     RULE(IPV4_SRC),      hex("ipv4_src")),
+    row<0x80001804, ipv4_dst>    (FIELD(OXM_SS_OF_IPV4_DST),     RULE(IPV4_DST),      hex("ipv4_dst")),
+    row<0x80001908, ipv4_dst>    (FIELD(OXM_SS_OF_IPV4_DST),     RULE(IPV4_DST),      hex("ipv4_dst")),
+    row<0x80001a02, l4_src>      (FIELD(OXM_SS_OF_TCP_SRC),      RULE(SRC_L4PORT),    decimal("l4_src_port")),
     // Deliberate: a TCP destination port sets the UDP bit too; readers of the bitmap take either as "destination port".
     row<0x80001c02, l4_dst>      (FIELD(OXM_SS_OF_TCP_DST) |
-                                  FIELD(OXM_SS_OF_UDP_DST),      RULE(DST_L4PORT),    kDumped),
-    row<0x80001e02, l4_src>      (FIELD(OXM_SS_OF_UDP_SRC),      RULE(SRC_L4PORT),    kDumped),
-    row<0x80002002, l4_dst>      (FIELD(OXM_SS_OF_UDP_DST),      RULE(DST_L4PORT),    kDumped),
-    row<0x80002601, icmp_type>   (FIELD(OXM_SS_OF_ICMPV4_TYPE),  RULE(ICMP_TYPE),     kDumped),
-    row<0x80002801, icmp_code>   (FIELD(OXM_SS_OF_ICMPV4_CODE),  RULE(ICMP_CODE),     kDumped),
-    skipped<0x80002a02>          (/* ARP_OP */                                        kDumped),
+                                  FIELD(OXM_SS_OF_UDP_DST),      RULE(DST_L4PORT),    decimal("l4_dst_port")),
+    row<0x80001e02, l4_src>      (FIELD(OXM_SS_OF_UDP_SRC),      RULE(SRC_L4PORT),    decimal("l4_src_port")),
+    row<0x80002002, l4_dst>      (FIELD(OXM_SS_OF_UDP_DST),      RULE(DST_L4PORT),    decimal("l4_dst_port")),
+    row<0x80002601, icmp_type>   (FIELD(OXM_SS_OF_ICMPV4_TYPE),  RULE(ICMP_TYPE),     decimal("icmp_type")),
+    row<0x80002801, icmp_code>   (FIELD(OXM_SS_OF_ICMPV4_CODE),  RULE(ICMP_CODE),     decimal("icmp_code")),
+    skipped<0x80002a02>          (/* ARP_OP */                                        decimal("ARP_OP_CODE")),
     row<0x80003410, ipv6_src>    (FIELD(OXM_SS_OF_IPV6_SRC),     RULE(IPV6_SRC),      kNotDumped),
     row<0x80003520, ipv6_src>    (FIELD(OXM_SS_OF_IPV6_SRC),     RULE(IPV6_SRC),      kNotDumped),
     row<0x80003610, ipv6_dst>    (FIELD(OXM_SS_OF_IPV6_DST),     RULE(IPV6_DST),      kNotDumped),
@@ -171,7 +190,7 @@ inline constexpr oxm_row kRows[] = {
     row<0x80004e02, ipv6_exthdr> (FIELD(OXM_SS_OF_IPV6_EXTHDR),  RULE(IPV6_NEXT_HDR), kNotDumped),
     row<0x80004f04, ipv6_exthdr> (FIELD(OXM_SS_OF_IPV6_EXTHDR),  RULE(IPV6_NEXT_HDR), kNotDumped),
     // Experimenter class, field 1, 4 bytes: the application type.
-    row<0xffff0204, exp_app_type>(FIELD(OXM_SS_OF_EXP_APP_TYPE), kNoRule,             kDumped),
+    row<0xffff0204, exp_app_type>(FIELD(OXM_SS_OF_EXP_APP_TYPE), kNoRule,             decimal("app_type")),
 };
 // clang-format on
 #undef FIELD

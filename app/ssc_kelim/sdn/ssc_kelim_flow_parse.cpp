@@ -185,7 +185,7 @@ std::uint32_t ssc_sdn_get_key_field_len(std::uint32_t oxm_header) {
 
 std::int32_t libproxy_fp_sdn_get_key_field_len(std::uint32_t oxm_header) {
   const oxm_row *row = oxm_find(oxm_header);
-  const std::int32_t len = row && row->dumped ? static_cast<std::int32_t>(row->slot()) : -1;
+  const std::int32_t len = row && row->text.label ? static_cast<std::int32_t>(row->slot()) : -1;
   std::printf("tlv_len: %d, ", len);
   return len;
 }

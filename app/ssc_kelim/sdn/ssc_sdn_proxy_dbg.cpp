@@ -6,6 +6,7 @@
 #include "kelim/common/kelim_debug.h"
 #include "southbound.h"
 #include "southbound_view.h"
+#include "ssc_kelim/sdn/oxm_table.h"
 #include "ssc_kelim/sdn/ssc_kelim_flow_parse.h"
 
 namespace {
@@ -14,52 +15,10 @@ using Bytes = std::span<const std::byte>;
 
 // ---- match fields and set-fields
 
-enum class Show { decimal, hex, mac };
-
-// How a field is printed, value first and then, where the header has one, the mask.
-struct FieldText {
-  std::uint32_t header;  // OpenFlow 1.3.5, 7.2.3.2
-  const char *label;
-  Show show;
-  bool in_set_field;  // decoded in a set-field action as well
-};
-
-constexpr FieldText kFieldTexts[] = {
-    {0x80000004, "in_port_ifx", Show::decimal, false},
-    {0x80000606, "dmac", Show::mac, true},
-    {0x8000070c, "dmac", Show::mac, true},
-    {0x80000806, "smac", Show::mac, true},
-    {0x8000090c, "smac", Show::mac, true},
-    {0x80000a02, "etype", Show::hex, false},
-    {0x80000c02, "vid", Show::decimal, true},
-    {0x80000d04, "vid", Show::decimal, true},
-    {0x80000e01, "cos", Show::decimal, true},
-    {0x80001001, "dscp", Show::decimal, true},
-    {0x80001401, "protocol", Show::decimal, false},
-    {0x80001604, "ipv4_src", Show::hex, false},
-    {0x80001708, "ipv4_src", Show::hex, false},
-    {0x80001804, "ipv4_dst", Show::hex, false},
-    {0x80001908, "ipv4_dst", Show::hex, false},
-    {0x80001a02, "l4_src_port", Show::decimal, false},
-    {0x80001c02, "l4_dst_port", Show::decimal, false},
-    {0x80001e02, "l4_src_port", Show::decimal, false},  // UDP, the same text as TCP
-    {0x80002002, "l4_dst_port", Show::decimal, false},
-    {0x80002601, "icmp_type", Show::decimal, false},
-    {0x80002801, "icmp_code", Show::decimal, false},
-    {0x80002a02, "ARP_OP_CODE", Show::decimal, false},
-    {0xffff0204, "app_type", Show::decimal, false},
-};
-
-const FieldText *find_text(std::uint32_t header) {
-  for (const FieldText &text : kFieldTexts)
-    if (text.header == header) return &text;
-  return nullptr;
-}
-
 // A number of 1, 2 or 4 bytes in host order.
-void print_number(const char *label, Show show, Bytes number, const char *end) {
+void print_number(const char *label, oxm_format format, Bytes number, const char *end) {
   const auto value = southbound::read<std::uint32_t>(number, 0);
-  if (show == Show::hex) {
+  if (format == oxm_format::hex) {
     std::printf("%s: 0x%x%s", label, value, end);
   } else {
     std::printf("%s: %d%s", label, static_cast<int>(value), end);
@@ -73,28 +32,27 @@ void print_mac(const char *label, const char *suffix, Bytes mac) {
 }
 
 // Deliberate: a VLAN mask is hexadecimal and on the value's line in a match, decimal and on a separate line in a set-field.
-void print_field(const FieldText &text, Bytes payload, bool in_match) {
-  const bool masked = (text.header >> 8 & 1) != 0;
-  const std::size_t width = payload.size() / (masked ? 2 : 1);
-  const Bytes value = payload.first(width), mask = payload.subspan(width);
-  if (text.show == Show::mac) {
+void print_field(const oxm_row &row, Bytes payload, bool in_match) {
+  const oxm_text &text = row.text;
+  const bool masked = oxm::has_mask(row.header);
+  const Bytes value = payload.first(oxm::width(row.header)), mask = payload.subspan(value.size());
+  if (text.format == oxm_format::mac) {
     print_mac(text.label, "", value);
     if (masked) print_mac(text.label, "_mask", mask);
     return;
   }
-  print_number(text.label, text.show, value, masked && in_match ? ", " : ",\n");
+  print_number(text.label, text.format, value, masked && in_match ? ", " : ",\n");
   if (!masked) return;
   char mask_label[32];
   std::snprintf(mask_label, sizeof mask_label, "%s_mask", text.label);
-  print_number(mask_label, in_match ? Show::hex : Show::decimal, mask, ",\n");
+  print_number(mask_label, in_match ? oxm_format::hex : oxm_format::decimal, mask, ",\n");
 }
 
 // Prints the field of this header, whose payload is at the start of `bytes`; nothing if it is not decoded or is cut off.
 void print_field_of(std::uint32_t header, Bytes bytes, bool in_match) {
-  const FieldText *text = find_text(header);
-  const std::size_t payload = header & 0xff;
-  if (!text || bytes.size() < payload || (!in_match && !text->in_set_field)) return;
-  print_field(*text, bytes.first(payload), in_match);
+  const oxm_row *row = oxm_find(header);
+  if (!row || !row->text.label || bytes.size() < oxm::payload(header) || (!in_match && !row->text.in_set_field)) return;
+  print_field(*row, bytes.first(oxm::payload(header)), in_match);
 }
 
 // ---- actions
