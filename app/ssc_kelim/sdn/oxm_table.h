@@ -20,7 +20,7 @@
 #include "ssc_kelim/sdn/flow_node.h"
 
 // How the dump of a flow prints a field. A field without a label is not known to the dump.
-enum class oxm_format { decimal, hex, mac };
+enum class oxm_format : std::uint8_t { decimal, hex, mac };
 struct oxm_text {
   const char *label = nullptr;
   oxm_format format = oxm_format::decimal;
@@ -29,8 +29,8 @@ struct oxm_text {
 
 struct oxm_row {
   std::uint32_t header;
+  bool stored;  // false: skipped
   oxm_text text;
-  bool stored;               // false: skipped
   std::uint64_t field_bits;  // flow_field_e bits that it sets
   std::uint64_t rule_bits;   // flow_ace_rule_e bit that it sets
   void (*store)(flow_description &, const std::byte *payload);
@@ -119,15 +119,15 @@ using ipv6_exthdr = match_field<&N::next_header, &N::next_header_mask, nullptr, 
 
 template <std::uint32_t Header, typename Field>
 consteval oxm_row row(std::uint64_t field_bits, std::uint64_t rule_bits, oxm_text text) {
-  return {Header, text, true, field_bits, rule_bits, Field::template stored_by<Header>, Field::field(), Field::rule()};
+  return {Header, true, text, field_bits, rule_bits, Field::template stored_by<Header>, Field::field(), Field::rule()};
 }
 
 // A field that is skipped without being read.
 template <std::uint32_t Header>
 consteval oxm_row skipped(oxm_text text) {
   return {Header,
-          text,
           false,
+          text,
           0,
           0,
           [](flow_description &, const std::byte *) {},

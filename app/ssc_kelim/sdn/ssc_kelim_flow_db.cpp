@@ -159,7 +159,7 @@ void move_node(flow_info_hash &hash, std::uint32_t from, std::uint32_t *new_flag
 
 template <typename T>
 bool resize_array(T *&array, std::uint32_t buckets) {
-  void *resized = std::realloc(array, buckets * sizeof(T));
+  void *resized = std::realloc(array, buckets * sizeof(T));  // NOLINT(bugprone-sizeof-expression): elements may be pointers
   if (resized) array = static_cast<T *>(resized);
   return resized != nullptr;
 }

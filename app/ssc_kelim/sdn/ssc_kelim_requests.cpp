@@ -183,13 +183,15 @@ void ssc_sdn_del_meter_handler(libss_pthrd_hdl *hdl) {
 // ---- controller connection
 
 void ssc_sdn_enable_msg_handler(libss_pthrd_hdl *hdl) {
+  const char *name = __func__;
   process_connection_msg(hdl, SDN_TIME_ENABLE, SDN_OPT_ENABLE,
-                         [name = __func__](std::int32_t rv) { SDN_ERROR_AS(name, "enable msg fail,rv :%d", rv); });
+                         [name](std::int32_t rv) { SDN_ERROR_AS(name, "enable msg fail,rv :%d", rv); });
 }
 
 void ssc_sdn_disable_msg_handler(libss_pthrd_hdl *hdl) {
+  const char *name = __func__;
   process_connection_msg(hdl, SDN_TIME_DISABLE, SDN_OPT_DISABLE,
-                         [name = __func__](std::int32_t rv) { SDN_ERROR_AS(name, "disable msg fail,rv :%d", rv); });
+                         [name](std::int32_t rv) { SDN_ERROR_AS(name, "disable msg fail,rv :%d", rv); });
 }
 
 std::int32_t ssc_sdn_proc_enable_msg(std::uint32_t vsd_id, const void *msg) {

@@ -45,7 +45,10 @@ std::string controller_text(const Event &event, const Names &controllers) {
 }
 
 std::string reason_text(const Event &event, const Names &) {
-  return event.detail == kIdleTimeout ? "idle timeout" : event.detail == kHardTimeout ? "hard timeout" : event.detail == kGroupDelete ? "its group was deleted" : "as asked";
+  return event.detail == kIdleTimeout   ? "idle timeout"
+         : event.detail == kHardTimeout ? "hard timeout"
+         : event.detail == kGroupDelete ? "its group was deleted"
+                                        : "as asked";
 }
 
 std::string result_text(const Event &event, const Names &) {

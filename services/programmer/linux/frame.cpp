@@ -99,7 +99,7 @@ void write_ip(const Transport &t, std::uint32_t number, Frame &frame) {
   put16(ip + kIpv4Total, length);
   put16(ip + kIpv4Id, get16(ip + kIpv4Id) + number);
   put16(ip + kIpv4Checksum, 0);
-  put16(ip + kIpv4Checksum, ~sum(Bytes(ip, (ip[0] & 15U) * 4)) & 0xffff);
+  put16(ip + kIpv4Checksum, ~sum(Bytes(ip, (ip[0] & 15U) * std::size_t{4})) & 0xffff);
 }
 
 void write_tcp(const Transport &t, std::uint32_t offset, bool last, Frame &frame) {

@@ -39,14 +39,14 @@ thread_local std::string g_complaint;
 // ---- requirements on the machine
 
 struct Capability {
-  unsigned number;
   const char *name;
+  unsigned number;
   bool is_part_of_admin;  // CAP_SYS_ADMIN includes it
 };
-constexpr Capability kCapabilities[] = {{CAP_NET_ADMIN, "CAP_NET_ADMIN", false},
-                                        {CAP_NET_RAW, "CAP_NET_RAW", false},
-                                        {CAP_BPF, "CAP_BPF", true},
-                                        {CAP_PERFMON, "CAP_PERFMON", true}};
+constexpr Capability kCapabilities[] = {{"CAP_NET_ADMIN", CAP_NET_ADMIN, false},
+                                        {"CAP_NET_RAW", CAP_NET_RAW, false},
+                                        {"CAP_BPF", CAP_BPF, true},
+                                        {"CAP_PERFMON", CAP_PERFMON, true}};
 
 std::uint64_t effective_capabilities() {
   std::ifstream status("/proc/self/status");

@@ -65,10 +65,13 @@ bool parse_sentinels(std::string_view text, RedisEndpoint *endpoint) {
 
 // A name without a slash is the name of a systemd credential.
 std::string read_password(const std::string &file, std::string *password) {
-  const char *credentials = std::getenv("CREDENTIALS_DIRECTORY");
-  if (file.find('/') == std::string::npos && !credentials)
-    return "mom.password_file '" + file + "' names a credential, but systemd hands over none (LoadCredential=)";
-  std::ifstream in(file.find('/') == std::string::npos ? std::string(credentials) + "/" + file : file);
+  std::string path = file;
+  if (file.find('/') == std::string::npos) {
+    const char *credentials = std::getenv("CREDENTIALS_DIRECTORY");
+    if (!credentials) return "mom.password_file '" + file + "' names a credential, but systemd hands over none (LoadCredential=)";
+    path = std::string(credentials) + "/" + file;
+  }
+  std::ifstream in(path);
   if (!std::getline(in, *password)) return "mom.password_file '" + file + "' cannot be read, or its first line is empty";
   return "";
 }
