@@ -208,9 +208,9 @@ std::string toml(const Row &row) {
     for (const std::string &one : split(text, " ,\t")) all += (all.empty() ? "" : ", ") + quoted(one);
     return '[' + all + ']';
   };
-  return std::visit(
-      Overloaded{[&](Text *) { return quoted(text); }, list, [](Ports *) { return std::string(); }, [&](auto *) { return text; }},
-      row.at(scratch));
+  return std::visit(Overloaded{[&](Text *) { return quoted(text); }, list, [](Ports *) { return std::string(); },
+                               [&](auto *) { return std::string(row.fallback); }},
+                    row.at(scratch));
 }
 
 }  // namespace host::keys

@@ -90,7 +90,7 @@ std::string LineServer::listen(const std::string &path) {
   unlink(path.c_str());
   const int fd = bound_socket(address);
   if (fd < 0) return path + ": " + strerror(errno);
-  if (const std::string why = group_ ? share(path, *group_) : ""; !why.empty()) {
+  if (std::string why = group_ ? share(path, *group_) : ""; !why.empty()) {
     ::close(fd);
     unlink(path.c_str());
     return why;
