@@ -158,9 +158,9 @@ clang: ## builds the programs with clang, for its warnings and its analysis of l
 .PHONY: tidy
 tidy: ## checks the C++ sources with clang-tidy and clang-format
 	$(call packages,format tidy)
-	$(call build,dev)
+	$(call build,clang,$(programs))
 	@clang-format --dry-run -Werror $(sources)
-	@run-clang-tidy -quiet -p build/dev '(app|header|lib|platform|proto|services|tools)/.*\.cpp$$'
+	@tools/make/tidy build/clang '(app|header|lib|platform|services|tools)/'
 
 .PHONY: packages
 packages: ## only installs the Debian packages
