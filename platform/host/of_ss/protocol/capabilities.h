@@ -1,4 +1,5 @@
-// What controllers can expect of the agent with a target, built from the tables that drive its decisions. Any thread.
+// The view "capabilities": what controllers can expect of the agent with this target, from the tables that drive its decisions.
+// Any thread.
 #pragma once
 
 #include <nlohmann/json_fwd.hpp>

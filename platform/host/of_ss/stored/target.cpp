@@ -18,9 +18,9 @@ qx_global *g_global;
 std::function<void(const Abilities &)> g_changed;
 Abilities g_target;
 
-// ---- the record, which anybody may have written
+// ---- the record, which any process may have written
 
-// A number within the library's own limit; 0 leaves what holds without a record.
+// Lowers the limit to the announced number; 0 leaves the library's own.
 template <typename T>
 void take_limit(const char *what, std::uint32_t told, T &limit) {
   const T most = limit;

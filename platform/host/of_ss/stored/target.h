@@ -8,11 +8,11 @@
 
 namespace host::of_ss {
 
-// From now on follows the record, which another process may rewrite or delete, and calls `changed` when the target can do other
-// things than before.
+// Watches the record s_target.capabilities, which another process may rewrite or delete, and calls `changed` with each different
+// announcement.
 void watch_target(qx_global *global, std::function<void(const Abilities &target)> changed);
 
-// The target as announced last; kUnannounced without a record.
+// Reads the record; kUnannounced without one. If the database cannot be read, the announcement known so far.
 const Abilities &announced_target();
 
 }  // namespace host::of_ss

@@ -58,7 +58,7 @@ class Switch {
         bundles(above.bundles),
         monitors(above.monitors) {}
 
-  // What the target can do, which counts for all later requests.
+  // The target's abilities, against which all later requests are checked.
   const Abilities &target() const { return target_; }
   void set_target(const Abilities &target) {
     target_ = target;

@@ -1,5 +1,5 @@
-// What the target behind the programming service can do, as far as the library can ask for it, and what is assumed of a target
-// that has announced nothing. Requests are checked against it. Plain values, any thread.
+// The capabilities of the target behind the programming service, as far as the library uses them, and those assumed of a target
+// that has announced nothing. Requests are checked against them. Plain values, any thread.
 #pragma once
 
 #include <cstddef>
@@ -19,16 +19,16 @@ constexpr std::uint64_t bits(Number... number) {
   return ((std::uint64_t{1} << number) | ...);
 }
 
-// Numbers and bits are OpenFlow's (1.3.5): match fields as in 7.2.3.7, actions as in 7.2.4. As it stands it is what a target does
-// that reads nothing but a flow's entries.
+// Numbers and bits are OpenFlow's (1.3.5): match fields as in 7.2.3.7, actions as in 7.2.4. The defaults are those of a target
+// that reads only a flow's entries (proto/s_policy_kelim.proto, flow_ace).
 struct Abilities {
   char name[33] = "";       // of the target; empty: nothing has been announced
   std::uint32_t flows = 0;  // 0: not known
   std::uint32_t meters = kMaxMeters, bands = kMaxBands, queues = kQueueMax;
-  std::uint64_t match_fields = ~std::uint64_t{0};  // every field that the library knows
+  std::uint64_t match_fields = ~std::uint64_t{0};  // all that the library supports
   std::uint64_t set_fields = bits(3, 4, 6, 7, 8);
   std::uint64_t actions = bits(0, 21, 25);
-  bool several_outputs = false;  // outputs at any place of a list
+  bool several_outputs = false;  // carries out whole action lists, with outputs at any place
   bool forwards_packets = false;
 
   bool matches(std::size_t field) const { return match_fields >> field & 1; }
@@ -41,7 +41,7 @@ inline constexpr Abilities kUnannounced{};
 // The fields whose values the library can set, if the target can.
 inline constexpr std::uint64_t kKnownSets = kUnannounced.set_fields | bits(11, 12, 13, 14, 15, 16, 26, 27);
 
-// What remains for flows that the service chain translates into entries.
+// The target's capabilities for flows that the service chain translates into entries.
 constexpr Abilities by_entries(Abilities target) {
   target.set_fields &= kUnannounced.set_fields;
   target.actions &= kUnannounced.actions;
@@ -49,14 +49,14 @@ constexpr Abilities by_entries(Abilities target) {
   return target;
 }
 
-// How flows carry out a group: its buckets in an order in which no rewrite of one reaches the packet of another.
+// A group for use in a flow's action list: its buckets, in an order in which no rewrite of one reaches the packets of another.
 struct GroupPlan {
   struct Bucket {
     std::span<const std::byte> actions;  // as on the wire
-    bool pops_back = false;              // a tag that it pushes is popped behind it
+    bool pops_back = false;              // a tag that it pushes is popped after it
   };
   std::vector<Bucket> buckets;
-  bool leaves_as_is = true;  // the packet behind the group is what it was before
+  bool leaves_as_is = true;  // after the group the packet is as it was before
 };
 class GroupSource {
  public:
