@@ -38,7 +38,7 @@ void add_options(CLI::App &app, programmer::Options &options) {
       "packets per second that a port of the target linux sends to controllers");
   add("--packet-in-burst", options.packet_in_burst, "KELIM_PROGRAMMER_PACKET_IN_BURST", "how many of these it may send at once");
   add("--pin-dir", options.pin_dir, "KELIM_PROGRAMMER_PIN_DIR",
-      "where linux keeps its plane while no service runs, in a BPF file system, or none");
+      "directory in a BPF file system where linux keeps its plane while no service runs, or none");
   app.add_flag("--service-chain,!--no-service-chain", options.service_chain, "translate service-chain flows")
       ->envname("KELIM_PROGRAMMER_SERVICE_CHAIN")
       ->capture_default_str();

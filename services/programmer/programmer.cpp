@@ -21,7 +21,7 @@
 namespace programmer {
 namespace {
 
-// The daemon's signals about packets to the controllers, which are published and never stored.
+// Receives the daemon's signals that start and stop packets to the controllers; they are published, never stored.
 struct PacketSignal {
   Target &target;
   void notified(const qx_obj &msg) const {
