@@ -69,23 +69,23 @@ std::uint32_t FlowTable::first_with_cookie(std::uint64_t cookie) const {
   return by_cookie_.find(number_hash(cookie), [this, cookie](std::uint32_t slot) { return slots_[slot]->cookie() == cookie; });
 }
 
-bool FlowTable::is_longer(const Chain &chain, std::size_t than) const {
+bool FlowTable::is_longer(const ListHead &head, std::size_t than) const {
   std::size_t length = 0;
-  return any_in(chain, [&length, than](const FlowEntry &) { return ++length > than; });
+  return any_in(head, [&length, than](const FlowEntry &) { return ++length > than; });
 }
 
 // The shorter of two sets of lists: the flows with the cookie, or those with exactly the match and the classes that it may cover.
-std::vector<FlowTable::Chain> FlowTable::candidates(const Wanted &wanted) const {
-  const Chain with_cookie{wanted.cookie ? first_with_cookie(*wanted.cookie) : kNoSlot, &FlowEntry::with_cookie};
+std::vector<FlowTable::ListHead> FlowTable::candidates(const Wanted &wanted) const {
+  const ListHead with_cookie{wanted.cookie ? first_with_cookie(*wanted.cookie) : kNoSlot, &FlowEntry::with_cookie};
   if (wanted.cookie && !is_longer(with_cookie, kFew)) return {with_cookie};
   std::size_t flows = 0;
-  std::vector<Chain> chains;
-  for (const std::uint32_t first : classes_.covered(wanted, flows)) chains.push_back({first, &FlowEntry::in_class});
+  std::vector<ListHead> lists;
+  for (const std::uint32_t first : classes_.covered(wanted, flows)) lists.push_back({first, &FlowEntry::in_class});
   if (wanted.cookie && !is_longer(with_cookie, flows)) return {with_cookie};
   for (std::uint8_t table_id = 0; table_id < kTableCount; ++table_id)
     if (!wanted.table_id || *wanted.table_id == table_id)
-      chains.push_back({first_alike(table_id, wanted.match, match_hash(table_id, wanted.match)), &FlowEntry::alike});
-  return chains;
+      lists.push_back({first_alike(table_id, wanted.match, match_hash(table_id, wanted.match)), &FlowEntry::alike});
+  return lists;
 }
 
 bool FlowTable::overlaps(Bytes flow_mod) const {

@@ -133,8 +133,8 @@ class FlowTable {
   // Calls `visit` with entries in force that include all wanted ones; it must filter them itself, and must not change the table.
   template <typename Visit>
   void each_candidate(const Wanted &wanted, Visit &&visit) const {
-    for (const Chain &chain : candidates(wanted))
-      any_in(chain, [&visit](FlowEntry &entry) { return entry.in_force && (visit(entry), false); });
+    for (const ListHead &head : candidates(wanted))
+      any_in(head, [&visit](FlowEntry &entry) { return entry.in_force && (visit(entry), false); });
   }
   // True if an entry in force with the flow-mod's table and priority overlaps it.
   bool overlaps(Bytes flow_mod) const;
@@ -158,7 +158,7 @@ class FlowTable {
   };
   using Owner = std::unique_ptr<FlowEntry, Free>;
   using List = Links FlowEntry::*;
-  struct Chain {
+  struct ListHead {
     std::uint32_t first;
     List list;
   };
@@ -171,13 +171,13 @@ class FlowTable {
 
   // Visits the list until `visit` returns true; returns whether it did.
   template <typename Visit>
-  bool any_in(const Chain &chain, Visit &&visit) const {
-    for (FlowEntry *entry = at(chain.first); entry; entry = at((entry->*chain.list).next))
+  bool any_in(const ListHead &head, Visit &&visit) const {
+    for (FlowEntry *entry = at(head.first); entry; entry = at((entry->*head.list).next))
       if (visit(*entry)) return true;
     return false;
   }
-  std::vector<Chain> candidates(const Wanted &wanted) const;
-  bool is_longer(const Chain &chain, std::size_t than) const;
+  std::vector<ListHead> candidates(const Wanted &wanted) const;
+  bool is_longer(const ListHead &head, std::size_t than) const;
   std::uint32_t first_alike(std::uint8_t table_id, Bytes match, std::uint32_t hash) const;
   std::uint32_t first_with_cookie(std::uint64_t cookie) const;
   FlowEntry *find(const Key &key, std::uint32_t hash) const;

@@ -188,14 +188,14 @@ class Flows {
  private:
   class Acting;
   struct Transaction {
-    struct Step {
+    struct Change {
       std::uint64_t index;
       bool added;  // otherwise set aside
       Author author;
     };
     std::int64_t since_ns;
-    std::vector<Step> steps = {};
-    std::size_t kept = 0;  // steps made permanent
+    std::vector<Change> changes = {};
+    std::size_t kept = 0;  // changes made permanent
     bool failed = false;
   };
 
@@ -214,8 +214,8 @@ class Flows {
   void report(const FlowEntry &flow, FlowEvent event, RemovedReason reason = kDeleted) {
     if (watched_) events_.flow_changed(flow, {event, reason, author_});
   }
-  void keep(const Transaction::Step &step, std::int64_t now);
-  void undo(const Transaction::Step &step);
+  void keep(const Transaction::Change &change, std::int64_t now);
+  void undo(const Transaction::Change &change);
   void remove_all();
   void clear_table();
   FlowEntry *next_to_delete();
