@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "host/of_ss/wire/abilities.h"
+#include "host/of_ss/wire/target_capabilities.h"
 #include "host/of_ss/wire/wire.h"
 
 namespace host::of_ss {

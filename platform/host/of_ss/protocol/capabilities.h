@@ -4,10 +4,10 @@
 
 #include <nlohmann/json_fwd.hpp>
 
-#include "host/of_ss/wire/abilities.h"
+#include "host/of_ss/wire/target_capabilities.h"
 
 namespace host::of_ss {
 
-nlohmann::json capabilities(const Abilities &target);
+nlohmann::json capabilities(const TargetCapabilities &target);
 
 }  // namespace host::of_ss

@@ -153,7 +153,7 @@ Verdict refuse_experimenter(Bytes, const Context &, List &) {
 }
 
 // The field that a set-field sets; null if it cannot be set.
-const OxmField *settable(std::uint32_t header, const Abilities &target) {
+const OxmField *settable(std::uint32_t header, const TargetCapabilities &target) {
   const std::uint8_t number = header >> 9 & 0x7f;
   return header >> 16 == 0x8000 && !(header >> 8 & 1) && target.sets(number) ? &oxm_field(number) : nullptr;
 }
@@ -222,7 +222,7 @@ constexpr ActionRow kActions[] = {
 };
 constexpr ActionRow kUnknownAction{0, "action", 2};
 
-bool does(const ActionRow &row, const Abilities &target) {
+bool does(const ActionRow &row, const TargetCapabilities &target) {
   return row.read && target.does(row.type);
 }
 
@@ -609,7 +609,7 @@ std::string wire_actions_text(Bytes instructions) {
   return text.empty() ? "drop" : text;
 }
 
-std::vector<Capability> action_kinds(const Abilities &target) {
+std::vector<Capability> action_kinds(const TargetCapabilities &target) {
   std::vector<Capability> all;
   for (const ActionRow &row : kActions) all.push_back({row.type, row.name, does(row, target)});
   return all;

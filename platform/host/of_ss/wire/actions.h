@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "host/of_ss/wire/abilities.h"
 #include "host/of_ss/wire/oxm.h"
+#include "host/of_ss/wire/target_capabilities.h"
 #include "host/of_ss/wire/wire.h"
 
 namespace host::of_ss {
@@ -58,7 +58,7 @@ struct Capability {
   const char *name;
   bool supported;
 };
-std::vector<Capability> action_kinds(const Abilities &target);
+std::vector<Capability> action_kinds(const TargetCapabilities &target);
 std::vector<Capability> instruction_kinds();
 // The actions that the library can ask of a target, as bits.
 std::uint64_t known_actions();

@@ -21,7 +21,7 @@ constexpr std::uint64_t bits(Number... number) {
 
 // Numbers and bits are OpenFlow's (1.3.5): match fields as in 7.2.3.7, actions as in 7.2.4. The defaults are those of a target
 // that reads only a flow's entries (proto/s_policy_kelim.proto, flow_ace).
-struct Abilities {
+struct TargetCapabilities {
   char name[33] = "";       // of the target; empty: nothing has been announced
   std::uint32_t flows = 0;  // 0: not known
   std::uint32_t meters = kMaxMeters, bands = kMaxBands, queues = kQueueMax;
@@ -34,15 +34,15 @@ struct Abilities {
   bool matches(std::size_t field) const { return match_fields >> field & 1; }
   bool sets(std::size_t field) const { return field < 64 && (set_fields >> field & 1) != 0; }
   bool does(std::uint16_t action) const { return action < 64 && (actions >> action & 1) != 0; }
-  bool operator==(const Abilities &) const = default;
+  bool operator==(const TargetCapabilities &) const = default;
 };
-inline constexpr Abilities kUnannounced{};
+inline constexpr TargetCapabilities kUnannounced{};
 
 // The fields whose values the library can set, if the target can.
 inline constexpr std::uint64_t kKnownSets = kUnannounced.set_fields | bits(11, 12, 13, 14, 15, 16, 26, 27);
 
 // The target's capabilities for flows that the service chain translates into entries.
-constexpr Abilities by_entries(Abilities target) {
+constexpr TargetCapabilities by_entries(TargetCapabilities target) {
   target.set_fields &= kUnannounced.set_fields;
   target.actions &= kUnannounced.actions;
   target.several_outputs = false;
@@ -70,7 +70,7 @@ class GroupSource {
 // What a request is checked against.
 struct Terms {
   std::span<const std::uint32_t> ports;  // the numbers of the switch's ports, ascending
-  const Abilities &target = kUnannounced;
+  const TargetCapabilities &target = kUnannounced;
   const GroupSource *groups = nullptr;  // null: none
 };
 
