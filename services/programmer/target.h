@@ -36,7 +36,7 @@ struct FlowRequest {
   Counters counted;  // the flow's counters so far, according to the database
 };
 
-enum class Outcome : std::uint8_t { kInstalled, kFailed, kResource };
+enum class Outcome : std::uint8_t { installed, failed, resource };
 
 // Receives a target's answers; may be called from inside install_flow.
 class FlowSink {
