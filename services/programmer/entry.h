@@ -35,7 +35,7 @@ struct Fields {
   bool operator==(const Fields &) const = default;
 };
 
-struct Actions {
+struct EntryActions {
   enum Set : std::uint8_t { kEthDst = 1, kEthSrc = 2, kVlanId = 4, kVlanPcp = 8, kDscp = 16, kQueue = 32 };
   std::uint8_t sets = 0;  // which of these members are set
   std::array<std::uint8_t, 6> eth_dst{}, eth_src{};
@@ -48,7 +48,7 @@ struct Actions {
 
 struct Entry {
   Fields value, mask;
-  Actions actions;
+  EntryActions actions;
 };
 
 struct FlowProgram {
