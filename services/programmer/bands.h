@@ -1,4 +1,4 @@
-// The bands of a meter, from the meter-mod as a meter record holds it (platform/include/southbound.h).
+// Reads the bands of a meter from the meter-mod in a meter record (platform/include/southbound.h). Pure functions, any thread.
 #pragma once
 
 #include <cstdint>
