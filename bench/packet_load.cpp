@@ -1,5 +1,5 @@
-// Sends frames of 64 bytes into a network interface as fast as it takes them, or measures how long one takes to another interface
-// and back. It knows nothing of the switch in between.
+// Sends frames of 64 bytes into a network interface as fast as it takes them, or measures the round trip of one to another
+// interface and back. It knows nothing about the switch in between.
 //
 //   packet_load send INTERFACE SECONDS MICROFLOWS FLOWS    microflow N: nw_dst is flow N * 7919 % FLOWS, tp_src is N
 //   packet_load rtt INTERFACE OTHER SAMPLES                back by the flow for 30.0.0.0/8
@@ -80,7 +80,7 @@ class Interface {
   int socket_;
 };
 
-// From 10.0.0.1, UDP, without a checksum of UDP's own. Both Ethernet addresses are no host's, so that no host answers.
+// A frame of UDP without checksum, from 10.0.0.1. No host has either Ethernet address, so that none answers.
 Frame frame_to(std::uint32_t destination, std::uint16_t port) {
   Frame frame{0x02, 0, 0, 0, 1, 2, 0x02, 0, 0, 0, 1, 1, 0x08, 0, 0x45, 0, 0, 50, 0, 7, 0, 0, 64, 17, 0, 0, 10, 0, 0, 1};
   const std::uint32_t to = htonl(destination);

@@ -1,4 +1,4 @@
-// Measures the data plane's table alone: flows put in force, and flows replaced by newer ones, per second.
+// Measures the data plane's flow table by itself: flows added, and flows replaced by newer ones, per second.
 #include <benchmark/benchmark.h>
 
 #include <bit>

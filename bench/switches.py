@@ -1,5 +1,5 @@
-"""The switches that compare.py measures: this daemon with its embedded database and with Redis, and Open vSwitch's user-space switch. All
-run privately on loopback, from temporary directories."""
+"""The switches that compare.py and planes.py measure: this daemon with its embedded database and with Redis, and Open vSwitch's user-space
+switch. All listen for OpenFlow on loopback only and run from temporary directories."""
 
 import os
 import re

@@ -11,7 +11,7 @@ import sys
 ONE = (("only", "*"),)  # no order but that nothing leads round
 LAYERS = {
     "app": (
-        ("ground", "kelim_log sdn_ptr handler_run"),
+        ("foundation", "kelim_log sdn_ptr handler_run"),
         ("wire tables", "flow_node flow_members oxm_table"),
         ("records", "ssc_kelim_flow_parse ssc_kelim_flow_convert ssc_kelim_flow_db ssc_kelim_mom ssc_kelim_flow_store"),
         ("replies", "ssc_kelim_replies ssc_kelim_adapt"),
@@ -24,11 +24,11 @@ LAYERS = {
         ("process", "ssc_kelim_init main"),
     ),
     "platform/host/*": (
-        ("ground", "base config fault cgst tls allocator"),
+        ("foundation", "base config fault cgst tls allocator"),
         ("log", "log"),
-        ("telling", "timing metrics control"),
+        ("observability", "timing metrics control"),
         ("services", "ddm fp_com mom packet"),
-        ("users of the database", "rdnd of_ss programming"),
+        ("database clients", "rdnd of_ss programming"),
         ("process", "process program"),
     ),
     "platform/host/of_ss/*": (
@@ -38,7 +38,7 @@ LAYERS = {
         ("protocol", "protocol"),
         ("agent", "agent"),
         ("stored", "stored"),
-        ("library", "of_ss views trace_view loop_trace metrics testing"),
+        ("interface", "of_ss views trace_view loop_trace metrics testing"),
     ),
     **{f"platform/host/of_ss/{room}": ONE for room in "wire net desired switch protocol agent stored".split()},
     "platform/host/base": ONE,
@@ -48,11 +48,11 @@ LAYERS = {
     "platform/host/control": ONE,
     "platform/host/mom": (
         ("records", "record/*"),
-        ("what client and store share", "database"),
-        ("what a store is", "store turn_queue"),
+        ("shared state", "database"),
+        ("store interface", "store turn_queue"),
         ("stores", "embedded/* redis/*"),
-        ("client", "hub"),
-        ("its uses", "client views metrics testing start"),
+        ("hub", "hub"),
+        ("client library", "client views metrics testing start"),
     ),
 }
 ROOT = pathlib.Path(__file__).resolve().parent.parent

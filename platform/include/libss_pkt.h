@@ -43,7 +43,7 @@ typedef struct ss_pkt_out {
   uint32_t frame_len;  // at least 14
 } ss_pkt_out;
 
-// Counts of packets by outcome since the service's start, for one port; port 0 stands for packets without a port.
+// Packets by outcome since the service's start, for one port; port 0: packets without a port.
 typedef struct ss_pkt_counts {
   uint32_t port;
   uint32_t zero;
@@ -59,10 +59,10 @@ typedef struct ss_pkt_counts {
   uint64_t out_nowhere;  // dropped as requested: no output action, or no matching flow in the table
 } ss_pkt_counts;
 
-// What a statistic counts, and the meaning of its `id` and `part`.
+// The objects of statistics, with the meaning of `id`, `part` and `other`.
 enum {
   SS_PKT_TABLE = 1,  // a table: packets looked up; `other`: packets that matched
-  SS_PKT_METER = 2,  // a meter: packets and bytes that it has seen
+  SS_PKT_METER = 2,  // a meter: its packets and bytes
   SS_PKT_BAND = 3,   // a band of meter `id`, `part` counted from 0: packets and bytes that it was applied to
   SS_PKT_QUEUE = 4   // queue `part` of port `id`: packets and bytes sent; `other`: packets dropped
 };
@@ -70,7 +70,7 @@ typedef struct ss_pkt_statistic {
   uint32_t kind;  // SS_PKT_TABLE and so on
   uint32_t id;
   uint32_t part;
-  uint32_t gone;  // 1: there is nothing to count any more; the counts are 0
+  uint32_t gone;  // 1: the object no longer exists; the counts are 0
   uint64_t packets;
   uint64_t bytes;
   uint64_t other;
@@ -107,8 +107,8 @@ int ss_pkt_path_in(ss_pkt_path *path, const ss_pkt_in *about, const void *frame,
 // than 300 ports in one call.
 int ss_pkt_path_report(ss_pkt_path *path, const ss_pkt_counts *counts, uint32_t ports);
 
-// Reports statistics to the other end, which answers its controllers from the latest of each (OpenFlow 1.3.5, 7.3.5). After each
-// connection all of them are to be reported, later only those that have changed. Results as above; -4 also for more than
+// Reports statistics to the other end, which answers its controllers with the latest of each (OpenFlow 1.3.5, 7.3.5). The caller
+// reports all of them after each connection, later only those that have changed. Results as above; -4 also for more than
 // SS_PKT_STATISTICS_MAX in one call.
 enum { SS_PKT_STATISTICS_MAX = 1000 };
 int ss_pkt_path_statistics(ss_pkt_path *path, const ss_pkt_statistic *statistics, uint32_t number);

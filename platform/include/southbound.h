@@ -74,7 +74,7 @@ SOUTHBOUND_NUMBER(size_t, kBarrierConnIp, 20);
 SOUTHBOUND_NUMBER(size_t, kBarrierLen, 24);
 
 // Flow-mod. The daemon reads index, priority, command, meter id and everything from byte 40 on; the rest belongs to the library,
-// which can so rebuild its flow entry from a stored record.
+// which can thus rebuild its flow entry from a stored record.
 SOUTHBOUND_NUMBER(size_t, kFlowIndex, 8);          // u64, never 0 or all ones, never reused
 SOUTHBOUND_NUMBER(size_t, kFlowCookie, 16);        // u64, library
 SOUTHBOUND_NUMBER(size_t, kFlowPriority, 24);      // u16
@@ -117,8 +117,8 @@ SOUTHBOUND_FUNCTION size_t SOUTHBOUND_NAME(action_step)(uint16_t len) {
   return ((size_t)len + 7) & 0x1fff8;
 }
 
-// A group that the flow refers to: {type 22, length 16, group u32, bytes u32, 0}. The actions that it stands for follow, as many
-// bytes of them; the entry itself asks for nothing.
+// A group that the flow refers to: {type 22, length 16, group u32, length u32, 0}. The actions of its buckets follow in `length`
+// bytes. The entry itself has no effect.
 SOUTHBOUND_NUMBER(size_t, kActionGroupBytes, 8);
 SOUTHBOUND_NUMBER(size_t, kActionGroupLen, 16);
 

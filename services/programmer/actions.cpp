@@ -70,7 +70,7 @@ bool is_in_entries(const Action &action) {
 const char *read_actions(sb::bytes list, std::vector<Action> &out) {
   out.clear();
   for (sb::action_walk at(list); at.more(); at.next()) {
-    if (at.whole() && static_cast<std::uint16_t>(at.word()) == kGroup) continue;  // what it stands for follows
+    if (at.whole() && static_cast<std::uint16_t>(at.word()) == kGroup) continue;
     Action action;
     if (const char *fault = read_action(at, action)) return fault;
     out.push_back(action);

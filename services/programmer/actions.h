@@ -1,4 +1,4 @@
-// Reads the action list of a flow-mod or a packet-out (platform/include/southbound.h), in the order as written.
+// Reads the action list of a flow-mod or a packet-out (platform/include/southbound.h), in its order. Pure functions, any thread.
 #pragma once
 
 #include <array>
@@ -26,12 +26,12 @@ struct Action {
   std::array<std::uint8_t, 16> bytes{};  // the value of a longer field, in network order
 };
 
-// Null, or the reason why the list cannot be carried out: malformed bytes, or an action or a field that is not among these. `out`
-// then holds the actions before it.
+// Null, or the reason why the list cannot be carried out: malformed bytes, or an action other than these or on another field.
+// `out` then holds the actions before that one. Entries of groups are skipped, because the actions of their buckets follow them.
 const char *read_actions(southbound::bytes list, std::vector<Action> &out);
 
-// True if the list says more than an entry's members can: several outputs, an action behind the output, or another action than
-// output, set_queue and the setting of Ethernet addresses, tag and DSCP.
+// True if an entry's members cannot express the list: it has several outputs, an action after the output, or an action other than
+// output, set_queue, and set_field of Ethernet addresses, VLAN tag and DSCP.
 bool says_more(const std::vector<Action> &list);
 
 }  // namespace programmer

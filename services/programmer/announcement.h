@@ -1,4 +1,5 @@
-// Announces in the database what the target can do, and withdraws what another target has announced. Loop's thread.
+// Writes the target's capabilities into the database (proto/s_target.proto), or deletes those of an earlier target if it
+// announces none. Loop's thread.
 #pragma once
 
 #include "programmer/catch_up.h"
@@ -16,7 +17,8 @@ class Announcement {
             context.global->master, [](void *self) { return static_cast<Announcement *>(self)->write(); }, this,
             "programmer announcement") {}
 
-  // To be called when the database has been connected, so that the announcement precedes the first flow.
+  // To be called when the database is connected, before the flows are subscribed to, so that the announcement precedes the first
+  // answer.
   void announce() { catch_up_.now(); }
   // A notification of the record's type: announces again once the database has come back.
   void notified(const qx_obj &msg) {

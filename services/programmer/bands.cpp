@@ -22,7 +22,7 @@ bool read_bands(Bytes meter_data, Bands &out) {
   for (Bytes rest = meter_data.subspan(sb::kMeterBands); !rest.empty(); rest = rest.subspan(kBandLen)) {
     const Band band{sb::get<BandType>(rest.data(), 0), sb::get<std::uint32_t>(rest.data(), kBandRate),
                     (flags & kBurst) != 0 ? sb::get<std::uint32_t>(rest.data(), kBandBurst) : 0, rest[kBandPrecedence]};
-    if ((band.type != BandType::kDrop && band.type != BandType::kRemark) || band.rate == 0) return false;
+    if ((band.type != BandType::drop && band.type != BandType::remark) || band.rate == 0) return false;
     out.bands.push_back(band);
   }
   std::ranges::stable_sort(out.bands, std::ranges::greater{}, &Band::rate);

@@ -1,4 +1,4 @@
-// The bands of a meter, from the meter-mod as a meter record holds it (platform/include/southbound.h).
+// Reads the bands of a meter from the meter-mod in a meter record (platform/include/southbound.h). Pure functions, any thread.
 #pragma once
 
 #include <cstdint>
@@ -10,10 +10,10 @@ namespace programmer {
 
 using records::Bytes;
 
-enum class BandType : std::uint16_t { kDrop = 1, kRemark = 2 };  // OpenFlow 1.3.5, 7.3.4.4
+enum class BandType : std::uint16_t { drop = 1, remark = 2 };  // OpenFlow 1.3.5, 7.3.4.4
 
 struct Band {
-  BandType type = BandType::kDrop;
+  BandType type = BandType::drop;
   std::uint32_t rate = 0;       // kilobits or packets a second
   std::uint32_t burst = 0;      // kilobits or packets; 0: not given
   std::uint8_t precedence = 0;  // of a remark: the increase of the drop precedence

@@ -1,4 +1,4 @@
-// Synchronises one part of the service with the database, and retries until that succeeds.
+// Synchronises one part of the service with the database, and retries until that succeeds. Loop's thread.
 #pragma once
 
 #include "programmer/timer.h"

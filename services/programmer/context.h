@@ -1,4 +1,4 @@
-// Shared by all parts of the service: the platform handle, the log category, and the counts of unreadable records.
+// Shared by all parts of the service: the platform handle, the log category, and the counts of unreadable records. Loop's thread.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,5 @@
-// The periodic report of flow counters: reads them from the target and writes a flow_counter record for each that changed. The
-// more have changed, the longer a round takes, because the records that are written in a second are limited.
+// The periodic report of flow counters: reads them from the target and writes a flow_counter record for each that has changed.
+// The rate of writes is limited, so a round takes longer the more counters have changed. Loop's thread.
 #pragma once
 
 #include <cstdint>

@@ -139,7 +139,7 @@ const char *read_match(Bytes bytes, Entry &entry) {
 // ---- the actions
 
 template <auto Member, auto... Width>
-bool rewrite(const records::Field &from, Actions &to) {
+bool rewrite(const records::Field &from, EntryActions &to) {
   if (!take(from, to.*Member)) return false;
   (keep(to.*Member, Width), ...);
   return true;
@@ -149,20 +149,20 @@ struct RewriteRow {
   SPolicyKelim__FlowAceActionE bit;
   std::uint32_t number;
   std::uint8_t set;
-  bool (*read)(const records::Field &, Actions &);
+  bool (*read)(const records::Field &, EntryActions &);
 };
 #define ACTION(name) S_POLICY_KELIM__FLOW_ACE_ACTION_E__SS_FP_ACTION_##name
 constexpr RewriteRow kRewrites[] = {
-    {ACTION(VID), 3, Actions::kVlanId, rewrite<&Actions::vlan_id, std::uint16_t{0xfff}>},
-    {ACTION(COS), 4, Actions::kVlanPcp, rewrite<&Actions::vlan_pcp, std::uint8_t{7}>},
-    {ACTION(IPV4_DSCP), 5, Actions::kDscp, rewrite<&Actions::dscp, std::uint8_t{0x3f}>},
-    {ACTION(SET_DMAC), 7, Actions::kEthDst, rewrite<&Actions::eth_dst>},
-    {ACTION(SET_SMAC), 9, Actions::kEthSrc, rewrite<&Actions::eth_src>},
-    {ACTION(PRIO_IN), 11, Actions::kQueue, rewrite<&Actions::queue>},
+    {ACTION(VID), 3, EntryActions::kVlanId, rewrite<&EntryActions::vlan_id, std::uint16_t{0xfff}>},
+    {ACTION(COS), 4, EntryActions::kVlanPcp, rewrite<&EntryActions::vlan_pcp, std::uint8_t{7}>},
+    {ACTION(IPV4_DSCP), 5, EntryActions::kDscp, rewrite<&EntryActions::dscp, std::uint8_t{0x3f}>},
+    {ACTION(SET_DMAC), 7, EntryActions::kEthDst, rewrite<&EntryActions::eth_dst>},
+    {ACTION(SET_SMAC), 9, EntryActions::kEthSrc, rewrite<&EntryActions::eth_src>},
+    {ACTION(PRIO_IN), 11, EntryActions::kQueue, rewrite<&EntryActions::queue>},
 };
 constexpr std::uint32_t kRedirectIfx = 12;
 
-const char *read_actions(Bytes bytes, bool sets_priority, Actions &out) {
+const char *read_actions(Bytes bytes, bool sets_priority, EntryActions &out) {
   Message actions;
   if (!actions.read(bytes)) return "actions that cannot be read";
   std::uint64_t wanted = actions.number(kBitmap);

@@ -1,9 +1,9 @@
 // Reads from a packed flow record what any real target has to program: value and mask of each field, the actions and the
-// priority.
+// priority. Pure functions, any thread.
 //
 // Match and rewrites come from the record's access-control entries, of which an ordinary flow has one and a flow of the service
 // chain several; priority, table, cookie and meter come from the flow-mod in the record, and so does the action list of an
-// ordinary flow where it says more than an entry can.
+// ordinary flow if an entry cannot express it.
 #pragma once
 
 #include <array>
@@ -35,7 +35,7 @@ struct Fields {
   bool operator==(const Fields &) const = default;
 };
 
-struct Actions {
+struct EntryActions {
   enum Set : std::uint8_t { kEthDst = 1, kEthSrc = 2, kVlanId = 4, kVlanPcp = 8, kDscp = 16, kQueue = 32 };
   std::uint8_t sets = 0;  // which of these members are set
   std::array<std::uint8_t, 6> eth_dst{}, eth_src{};
@@ -48,7 +48,7 @@ struct Actions {
 
 struct Entry {
   Fields value, mask;
-  Actions actions;
+  EntryActions actions;
 };
 
 struct FlowProgram {
@@ -56,7 +56,7 @@ struct FlowProgram {
   std::uint64_t cookie = 0;
   std::uint32_t meter = 0;  // 0: none
   std::vector<Entry> entries;
-  std::vector<Action> list;  // the whole list, if it says more than the entry's actions, which then do not count; else empty
+  std::vector<Action> list;  // the whole action list, if the entry cannot express it: the entry's actions then do not count
 };
 
 // Null, or the reason why the flow cannot be programmed: malformed bytes, or an unsupported field or action.

@@ -11,9 +11,9 @@ namespace {
 constexpr std::uint64_t kPayAgainUs = 10'000;  // wait before retrying when the database accepts no writes
 
 constexpr SPolicyKelim__StatusE kStatusOf[] = {
-    S_POLICY_KELIM__STATUS_E__STATUS_INSTALLED,  // Outcome::kInstalled
-    S_POLICY_KELIM__STATUS_E__STATUS_FAILED,     // Outcome::kFailed
-    S_POLICY_KELIM__STATUS_E__STATUS_RESOURCE,   // Outcome::kResource
+    S_POLICY_KELIM__STATUS_E__STATUS_INSTALLED,  // Outcome::installed
+    S_POLICY_KELIM__STATUS_E__STATUS_FAILED,     // Outcome::failed
+    S_POLICY_KELIM__STATUS_E__STATUS_RESOURCE,   // Outcome::resource
 };
 
 // The parts of a packed flow record that the service reads. Everything but key, status and stamp is content: while it is
@@ -108,7 +108,7 @@ void FlowRecords::requested(Bytes record) {
 
 void FlowRecords::flow_answered(const FlowRequest &request, Outcome outcome) {
   KnownFlow &entry = table_[request.slot];
-  entry.state = outcome == Outcome::kInstalled ? KnownFlowState::installed : KnownFlowState::refused;
+  entry.state = outcome == Outcome::installed ? KnownFlowState::installed : KnownFlowState::refused;
   ++answered_[static_cast<std::size_t>(outcome)];
   settle(entry, request.uuid, kStatusOf[static_cast<std::size_t>(outcome)]);
 }

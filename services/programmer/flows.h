@@ -1,4 +1,4 @@
-// Handles flow records: passes requests to the target and writes its answers to the database.
+// Handles flow records: passes requests to the target and writes its answers to the database. Loop's thread.
 #pragma once
 
 #include <cstdint>
@@ -19,14 +19,14 @@ class FlowRecords final : public FlowSink {
  public:
   explicit FlowRecords(Context &context);
 
-  // Both are created after this object: the target gives its answers to it, the watch looks into its table. They must outlive
-  // the notifications.
+  // Both are created after this object, because the target answers to it and the watch reads its table. They must outlive the
+  // notifications.
   void set_target(Target &target, IdleWatch &idle) {
     target_ = &target;
     idle_ = &idle;
   }
 
-  // A notification of `flow`, packed.
+  // To be called with each notification of type `flow`, packed.
   void notified(const qx_obj &msg);
   void flow_answered(const FlowRequest &request, Outcome outcome) override;
 

@@ -7,7 +7,8 @@
 namespace programmer {
 namespace {
 
-// Looks are 0.3 s apart, so that a flow goes at most 0.6 s late. They take at most a twentieth of the loop's time.
+// Rounds are 0.3 s apart, so a flow is reported at most 0.6 s late, unless many flows are watched: the rounds take at most a
+// twentieth of the loop's time.
 constexpr std::uint64_t kBetweenLooksUs = 300'000, kPause = 20;
 constexpr std::uint32_t kSlotsPerTurn = 1024;  // then the loop runs other work
 constexpr std::uint8_t kMostTold = 7;          // repeated after 1, 2, 4 ... 64 s

@@ -1,8 +1,8 @@
-// Looks several times a second at the flows that have an idle timeout, and publishes a flow_counter record for each that has
-// matched nothing for that long.
+// Reports idle flows: checks the flows with an idle timeout several times a second, and publishes a flow_counter record for each
+// that has matched nothing for that long. Loop's thread.
 //
 // The record is never stored. It holds the final sums, and is repeated at growing intervals until the flow is removed, because
-// whoever reads it may be missing or busy. The time of a flow begins when it is installed, also after a restart of the service.
+// its reader may be absent or busy. The time begins when the flow is installed, and again when the service restarts.
 #pragma once
 
 #include <cstdint>
@@ -26,7 +26,7 @@ class IdleWatch {
  private:
   struct Watched {
     std::uint32_t packets = 0;    // matched at the latest look, modulo 2^32
-    std::uint32_t quiet_ms = 0;   // time at which they were first seen
+    std::uint32_t quiet_ms = 0;   // time since which that number has not changed
     std::uint16_t timeout_s = 0;  // 0: the slot is not watched
     std::uint8_t told = 0;        // how often the flow has been published
   };

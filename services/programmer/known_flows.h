@@ -1,5 +1,6 @@
 // The flows that the service knows: a slab of entries addressed by slot, and an open-addressing index by key over it. An entry
-// costs 48 bytes plus 11 to 21 bytes of index. Entries never move; a slot is reused after its flow has been removed.
+// costs 48 bytes plus 11 to 21 bytes of index. Entries never move; a slot is reused after its flow has been removed. Loop's
+// thread.
 #pragma once
 
 #include <array>

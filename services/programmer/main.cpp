@@ -21,24 +21,37 @@ namespace {
 
 using programmer::kProcess;
 
+constexpr char kExamples[] = R"(
+Examples:
+  KELIM_MOM_URL=redis://127.0.0.1:6379 kelim-programmer --size 10000
+  kelim-programmer --script "fail=3,17-19;delay=7:200"
+  kelim-programmer --target linux --size 100000
+  kelim-programmer --release
+  kelimctl --process kelim-programmer cmd programmer show
+
+Exit status: 0 ended, 2 wrong usage, 78 the configuration has to change before it can run, others failed.
+)";
+
 // A missing option is taken from the environment variable that configures the service within the daemon.
 void add_options(CLI::App &app, programmer::Options &options) {
   const auto add = [&app](const char *name, auto &value, const char *variable, const char *help) {
     app.add_option(name, value, help)->envname(variable)->capture_default_str();
   };
   add("--target", options.target, "KELIM_PROGRAMMER_TARGET", "the target to program: sim or linux");
-  add("--size", options.size, "KELIM_PROGRAMMER_SIZE", "flows that fit");
-  add("--delay", options.delay_ms, "KELIM_PROGRAMMER_DELAY_MS", "delay of answers in milliseconds");
-  add("--script", options.script, "KELIM_PROGRAMMER_SCRIPT", "exceptions, such as fail=3,17-19;resource=5;delay=7:200;silent=9");
-  add("--seed", options.seed, "KELIM_PROGRAMMER_SEED", "seed of the script's random choices");
+  add("--size", options.size, "KELIM_PROGRAMMER_SIZE", "flows that the target holds; 1 to 1000000 for linux");
+  add("--delay", options.delay_ms, "KELIM_PROGRAMMER_DELAY_MS", "sim: delay of answers in milliseconds");
+  add("--script", options.script, "KELIM_PROGRAMMER_SCRIPT",
+      "sim: scripted answers, such as fail=3,17-19;resource=5;delay=7:200;silent=9");
+  add("--seed", options.seed, "KELIM_PROGRAMMER_SEED", "sim: seed of the script's random choices");
   add("--counter-interval", options.counter_interval_ms, "KELIM_PROGRAMMER_COUNTER_INTERVAL_MS",
-      "milliseconds between counter reports, 0 for none");
-  add("--counter-rate", options.counter_rate, "KELIM_PROGRAMMER_COUNTER_RATE", "packets per second that every flow counts");
+      "milliseconds between counter reports; 0 for none, and no flow becomes idle");
+  add("--counter-rate", options.counter_rate, "KELIM_PROGRAMMER_COUNTER_RATE", "sim: packets per second that every flow counts");
   add("--packet-in-rate", options.packet_in_rate, "KELIM_PROGRAMMER_PACKET_IN_RATE",
-      "packets per second that a port of the target linux sends to controllers");
-  add("--packet-in-burst", options.packet_in_burst, "KELIM_PROGRAMMER_PACKET_IN_BURST", "how many of these it may send at once");
+      "linux: packets per second that each port may send to controllers");
+  add("--packet-in-burst", options.packet_in_burst, "KELIM_PROGRAMMER_PACKET_IN_BURST",
+      "linux: packets that each port may send at once");
   add("--pin-dir", options.pin_dir, "KELIM_PROGRAMMER_PIN_DIR",
-      "where linux keeps its plane while no service runs, in a BPF file system, or none");
+      "linux: directory in a BPF file system that keeps its tables while no service runs, or none");
   app.add_flag("--service-chain,!--no-service-chain", options.service_chain, "translate service-chain flows")
       ->envname("KELIM_PROGRAMMER_SERVICE_CHAIN")
       ->capture_default_str();
@@ -100,7 +113,7 @@ int release(const programmer::Options &options) {
   const int rv = programmer::release(global, options, said);
   qx_global_finish(global);
   if (rv != 0) return fail(said.c_str());
-  std::fputs(said.empty() ? "there is nothing to take out\n" : said.c_str(), stdout);
+  std::fputs(said.empty() ? "there is nothing to remove\n" : said.c_str(), stdout);
   return 0;
 }
 
@@ -110,9 +123,10 @@ int run(int argc, char **argv) {
   CLI::App app(
       "Installs the flows, meters and controller addresses of the object database in a target and writes the results "
       "back.");
+  app.footer(kExamples);
   app.set_version_flag("--version", "kelim-programmer " KELIM_VERSION);
   add_options(app, options);
-  app.add_flag("--release", releases, "take out what the target linux has left in the kernel, and end");
+  app.add_flag("--release", releases, "linux: remove what an earlier service has left in the kernel, and end");
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError &error) {

@@ -21,7 +21,7 @@
 namespace programmer {
 namespace {
 
-// The daemon's signals about packets to the controllers, which are published and never stored.
+// Receives the daemon's signals that start and stop packets to the controllers; they are published, never stored.
 struct PacketSignal {
   Target &target;
   void notified(const qx_obj &msg) const {
@@ -205,9 +205,9 @@ std::optional<Totals> totals() {
              .addresses = usage.addresses,
              .waiting = usage.waiting,
              .owed = flows.owed(),
-             .installed = flows.answered(Outcome::kInstalled),
-             .failed = flows.answered(Outcome::kFailed),
-             .resource = flows.answered(Outcome::kResource),
+             .installed = flows.answered(Outcome::installed),
+             .failed = flows.answered(Outcome::failed),
+             .resource = flows.answered(Outcome::resource),
              .untouched = flows.untouched(),
              .removed = flows.removed(),
              .counters = g_service->counters.written(),

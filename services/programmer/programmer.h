@@ -1,8 +1,8 @@
 // The programming service: applies flow, meter and controller-address records to a target and writes the results back.
 //
-// It reads `flow`, `meter` and `onc_ip` of database 8, and with service_chain also `parse_flow` of database 4; it writes
-// `flow_sta` (rep_uuid = the request's req_uuid), the status of meters and controller addresses, `flow_counter`, and with
-// service_chain `flow_to_ace`; and `s_target.capabilities`, what the target can do. A rewrite of an unchanged installed flow is
+// It reads `flow`, `meter`, `onc_ip` and `pkt_sig` of database 8, and with service_chain also `parse_flow` of database 4; it
+// writes `s_target.capabilities`, `flow_sta` (rep_uuid = the request's req_uuid), the status of meters and controller addresses,
+// `flow_counter`, and with service_chain `flow_to_ace`. A rewrite of an unchanged installed flow is
 // answered without touching the target. A deleted flow leaves the target together with its flow_sta and flow_counter records.
 // Records that cannot be read are logged once per kind, counted and skipped. When a subscription goes live, at start and after
 // every reconnect, the service reads all records: it installs them, answers unanswered requests and removes flows whose records
@@ -30,16 +30,15 @@ inline constexpr char kReleasing[] = "kelim-programmer-release";
 
 // Options of the target and the service. Delay, script, seed and counter_rate belong to the simulated target.
 struct Options {
-  std::string target = "sim";                // "sim", or "linux": the machine's own interfaces (docs/dataplane.md)
-  std::uint32_t size = 4096;                 // flows that fit; one more is refused as out of resources
-  std::uint32_t delay_ms = 0;                // delay of answers to flows; 0: none
-  std::string script;                        // exceptions, see below; empty: none
-  std::uint64_t seed = 1;                    // seed of the script's random choices
-  std::uint32_t counter_interval_ms = 1000;  // interval of reading and writing counters; 0: never, and no flow becomes idle
-  std::uint32_t counter_rate = 0;            // packets per second by which every installed flow's counters grow; 0: not at all
-  std::uint32_t packet_in_rate =
-      1000;  // packets a second that each port of the target linux sends to controllers; 1 to a million
-  std::uint32_t packet_in_burst = 100;        // packets that it may send at once
+  std::string target = "sim";                 // "sim", or "linux": the machine's own interfaces (docs/dataplane.md)
+  std::uint32_t size = 4096;                  // flows that fit; one more is refused as out of resources
+  std::uint32_t delay_ms = 0;                 // delay of answers to flows; 0: none
+  std::string script;                         // exceptions, see below; empty: none
+  std::uint64_t seed = 1;                     // seed of the script's random choices
+  std::uint32_t counter_interval_ms = 1000;   // interval of reading and writing counters; 0: never, and no flow becomes idle
+  std::uint32_t counter_rate = 0;             // packets per second by which every installed flow's counters grow; 0: not at all
+  std::uint32_t packet_in_rate = 1000;        // packets per second that a port of linux sends to controllers; 1 to 1,000,000
+  std::uint32_t packet_in_burst = 100;        // packets that it may send at once; 1 to 1,000,000
   std::string pin_dir = "/sys/fs/bpf/kelim";  // keeps the plane of linux while no service runs; "none": it is not kept
   bool service_chain = true;                  // translate parse_flow records into access-control entries
 };
@@ -98,13 +97,13 @@ struct PlaneState {
     std::uint32_t number;
     std::string interface;
     bool present;
-    bool forwards;               // its program is this plane's, not an earlier one's
-    std::vector<Filter> others;  // filters of other software, which see packets too
+    bool forwards;               // the attached program is this plane's, not that of an earlier one
+    std::vector<Filter> others;  // tc filters of other programs on the interface
   };
   std::string pins;                   // directory; empty: not pinned
   std::string unpinned;               // why it is not pinned
-  bool in_step;                       // everything stored has been requested since the start
-  std::uint64_t taken_over, dropped;  // flows found at the start: requested unchanged, and dropped
+  bool in_step;                       // every stored flow and meter has been requested since the start
+  std::uint64_t taken_over, dropped;  // flows found at the start: kept because they were requested unchanged, and removed
   std::uint64_t written;              // flows written since the start
   std::vector<Port> ports;
 };

@@ -1,4 +1,5 @@
-// The exceptions that make the simulated target misbehave on purpose; the language is described in programmer.h.
+// The exceptions that make the simulated target misbehave on purpose; the language is described in programmer.h. Plain value, any
+// thread.
 #pragma once
 
 #include <cstdint>

@@ -33,7 +33,7 @@ Outcome MeterKind::install(Target &target, const Record &record) {
 
 Outcome AddressKind::install(Target &target, const Record &record) {
   target.set_controller_address(record.index->ip, true);
-  return Outcome::kInstalled;
+  return Outcome::installed;
 }
 
 template <typename Kind>
@@ -62,7 +62,7 @@ void SettingRecords<Kind>::written(const qx_obj &msg) {
   const bool asks = record->status == kInstalling || (reading_ && !known);
   if (known || asks) known_[Kind::key(*record)] = true;
   if (!asks && answers_.erase(Kind::key(*record)) != 0 && !known) return take_back(*record);
-  if (asks && !confirm(*record, Kind::install(target_, *record) == Outcome::kInstalled ? kInstalled : kFailed)) catch_up_.soon();
+  if (asks && !confirm(*record, Kind::install(target_, *record) == Outcome::installed ? kInstalled : kFailed)) catch_up_.soon();
 }
 
 template <typename Kind>

@@ -55,7 +55,7 @@ class SettingRecords {
             context.global->master, [](void *self) { return static_cast<SettingRecords *>(self)->resynchronise(); }, this,
             "programmer settings again") {}
 
-  // A notification of the type, decoded, with or without a holder (qx_mom_hash_value).
+  // To be called with each notification of the type, decoded, with or without a holder (qx_mom_hash_value).
   void notified(const qx_obj &msg);
 
  private:

@@ -33,7 +33,7 @@ bool SimTarget::decide(const FlowRequest &request, Outcome &outcome) {
   const Script::Answer scripted = script_.answer(arrivals_, request.key.index);
   const bool room = cell.occupied != 0 || used_ < size_;
   set_occupied(cell, scripted == Script::Answer::normal && room);
-  outcome = cell.occupied ? Outcome::kInstalled : scripted == Script::Answer::fail ? Outcome::kFailed : Outcome::kResource;
+  outcome = cell.occupied ? Outcome::installed : scripted == Script::Answer::fail ? Outcome::failed : Outcome::resource;
   return scripted != Script::Answer::silent;
 }
 
@@ -94,9 +94,9 @@ void SimTarget::remove_flow(std::uint32_t slot) {
 }
 
 Outcome SimTarget::install_meter(std::uint32_t id, Bytes /*meter_data*/) {
-  if (script_.meter_fails(id)) return Outcome::kFailed;
+  if (script_.meter_fails(id)) return Outcome::failed;
   meters_.insert(id);
-  return Outcome::kInstalled;
+  return Outcome::installed;
 }
 
 void SimTarget::remove_meter(std::uint32_t id) {

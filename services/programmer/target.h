@@ -36,7 +36,7 @@ struct FlowRequest {
   Counters counted;  // the flow's counters so far, according to the database
 };
 
-enum class Outcome : std::uint8_t { kInstalled, kFailed, kResource };
+enum class Outcome : std::uint8_t { installed, failed, resource };
 
 // Receives a target's answers; may be called from inside install_flow.
 class FlowSink {
@@ -47,8 +47,8 @@ class FlowSink {
   ~FlowSink() = default;
 };
 
-// What a target can do; numbers and bits are OpenFlow's, as in the record (proto/s_target.proto). A member that is 0 says
-// nothing.
+// The capabilities of a target, as in the record (proto/s_target.proto): numbers and bits are OpenFlow's, and the reader makes
+// its own assumption for a member that is 0.
 struct Capabilities {
   const char *name = "";
   std::uint32_t flows = 0, meters = 0, bands = 0, queues = 0;
@@ -71,8 +71,8 @@ class Target {
 
   virtual Outcome install_meter(std::uint32_t id, Bytes meter_data) = 0;
   virtual void remove_meter(std::uint32_t id) = 0;
-  // Called once everything stored has been requested since the start: what an earlier service has left in the hardware, and
-  // nobody has requested, is to be removed.
+  // Called once every stored flow, or meter, has been requested since the start: those that an earlier service left in the
+  // hardware and that have not been requested are to be removed.
   virtual void all_flows_known() {}
   virtual void all_meters_known() {}
 
@@ -94,8 +94,8 @@ class Target {
   };
   virtual Usage usage() const = 0;
 
-  // Announced to the OpenFlow library, which accepts accordingly. Without an answer it accepts what every target can read from a
-  // record's entries.
+  // The capabilities to announce to the OpenFlow library. Without any, it accepts what every target can read from the entries of
+  // a record.
   virtual std::optional<Capabilities> capabilities() const { return std::nullopt; }
 
   // Passes further numbers for the operator to `tell`, one at a time.

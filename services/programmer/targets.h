@@ -1,4 +1,4 @@
-// The available targets, by name.
+// Makes a target by its name. Loop's thread.
 #pragma once
 
 #include <memory>
@@ -13,8 +13,8 @@ namespace programmer {
 // Empty if the named target exists and supports the options, otherwise a text that says what is allowed.
 std::string check_target(const Options &options);
 
-// Removes what targets have left in this machine; `said` lists it, one line each. False, with the reason in `said`, while a
-// service runs on it.
+// Removes what the targets of earlier services have left in this machine; `said` lists it, one line each. False, with the reason
+// in `said`, while a service uses it.
 bool release_targets(const Context &context, const Options &options, std::string &said);
 
 // Throws std::runtime_error, with one line that names what is missing, if this machine cannot be the target. `context` and `sink`

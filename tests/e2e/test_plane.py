@@ -271,7 +271,7 @@ class Life(OnInterfaces):
             self.assertEqual("clsact" in network.run("tc", "qdisc", "show", "dev", port).stdout, bool(filters))
             self.assertNotIn("PROMISC", network.run("ip", "link", "show", port).stdout)
         self.assertEqual(self.one.ping(self.two), 0)
-        self.assertEqual(release().stdout, "there is nothing to take out\n")
+        self.assertEqual(release().stdout, "there is nothing to remove\n")
 
 
 if __name__ == "__main__":

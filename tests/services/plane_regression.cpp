@@ -82,7 +82,7 @@ TEST(Entry, IsWhatTheRecordSays) {
   EXPECT_EQ(program.entries[0].actions.sets, 0) << "nobody has asked for a priority";
   const auto asked = rules(S_POLICY_KELIM__FLOW_ACTION_E__SET_VLAN_PCP);
   for (const Bytes &bytes : {record(asked), record(0, 1)})  // of the service chain the entry alone tells
-    EXPECT_EQ(read(bytes).entries[0].actions.sets, programmer::Actions::kVlanPcp);
+    EXPECT_EQ(read(bytes).entries[0].actions.sets, programmer::EntryActions::kVlanPcp);
 }
 
 TEST(PlaneFuzz, FixedInputs) {

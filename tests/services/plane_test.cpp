@@ -369,7 +369,7 @@ TEST(PlaneMeter, EachBandHoldsItsRate) {
   auto table = std::make_unique<dp_meter[]>(DP_MAX_METERS);
   programmer::dataplane::Meters meters(table.get());
   using programmer::BandType;
-  ASSERT_TRUE(meters.set(5, {false, {{BandType::kDrop, 8000, 80, 0}, {BandType::kRemark, 4000, 40, 1}}}));
+  ASSERT_TRUE(meters.set(5, {false, {{BandType::drop, 8000, 80, 0}, {BandType::remark, 4000, 40, 1}}}));
   dp_meter &meter = table[meters.use(5) - 1U];
   std::array<unsigned, 3> verdicts{};
   for (__u64 us = 0; us < 10'000'000; us += 100) ++verdicts[dp_meter_packet(&meter, 1 + us * 1000, 1, 1000).type];
@@ -382,7 +382,7 @@ TEST(PlaneMeter, EachBandHoldsItsRate) {
   programmer::dataplane::Meters next(table.get());
   const __u64 tat = meter.band[0].tat;
   EXPECT_EQ(&table[next.use(5) - 1U], &meter);
-  ASSERT_TRUE(next.set(5, {false, {{BandType::kDrop, 8000, 80, 0}, {BandType::kRemark, 4000, 40, 1}}}));
+  ASSERT_TRUE(next.set(5, {false, {{BandType::drop, 8000, 80, 0}, {BandType::remark, 4000, 40, 1}}}));
   next.drop_inherited();
   EXPECT_EQ(meter.band[0].tat, tat);
   EXPECT_EQ(meter.packets, 100'000U);

@@ -1,4 +1,4 @@
-// The default configuration file.
+// Writes the default configuration file, host.toml.
 #pragma once
 
 #include <string>

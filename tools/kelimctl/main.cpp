@@ -303,11 +303,11 @@ void add_views(CLI::App &app, Choices &choices, Action &action) {
 
 void add_log(CLI::App &app, Choices &choices, Action &action) {
   CLI::App *log = app.add_subcommand("log", "the log of the process");
+  explain(log, "  kelimctl log level\n  kelimctl log level debug\n  kelimctl --process kelim-programmer log level info\n");
   log->require_subcommand(1);
   CLI::App *level =
       log->add_subcommand("level", "shows the least severe level that is logged, or sets it until the next reload or start");
   level->add_option("LEVEL", choices.level, "debug, info, warning, error or off");
-  explain(level, "  kelimctl log level\n  kelimctl log level debug\n  kelimctl --process kelim-programmer log level info\n");
   level->callback([&] { action = [&](Link &link) { log_level(link, choices); }; });
 }
 

@@ -1,4 +1,4 @@
-// What happened to a flow or a request, step by step.
+// kelimctl trace: shows what happened to a flow or a request, step by step.
 #include <fmt/format.h>
 
 #include <ctime>

@@ -1,7 +1,7 @@
 // The timers of one owner, ordered by deadline on the host's clock, behind one timer of the kernel. Loop's thread.
 //
-// The kernel's timer is finer than those of libevent, and is set only when a deadline comes before the one that it is set for: a
-// timer that is moved on and on costs a needless wake-up now and then instead of a system call each time.
+// The kernel's timer is finer than those of libevent. It is set only for a deadline before the one that it is already set for: a
+// timer that is postponed again and again costs a needless wake-up now and then, not a system call each time.
 #pragma once
 
 #include <event2/event.h>
@@ -25,7 +25,7 @@ class TimerQueue {
  public:
   using Id = std::uint64_t;  // never 0, never reused in the process
 
-  // Throws std::bad_alloc, also without a descriptor left.
+  // Throws std::bad_alloc, also when the process has no file descriptor left.
   explicit TimerQueue(event_base *base);
   ~TimerQueue();
   TimerQueue(const TimerQueue &) = delete;

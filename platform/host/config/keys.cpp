@@ -150,8 +150,7 @@ constexpr Row kRows[] = {
      "Whether peers must present a certificate of these authorities; false lets anybody program flows."},
 
     {"programmer", "embedded", in<&C::programmer, &C::Programmer::embedded>, "true", kAnything,
-     "Whether the programming service runs in the daemon; unless set, true for the embedded database only. Without "
-     "effect in "
+     "Whether the programming service runs in the daemon; unless set, true for the embedded database only. Without effect in "
      "kelim-programmer."},
     {"programmer", "target", in<&C::programmer, &C::Programmer::target>, "sim", words("sim or linux"),
      "The target to program: simulated hardware, or the machine's own interfaces, which become the ports of a switch. "

@@ -358,7 +358,7 @@ int ss_of_init(qx_global *global) {
         loop_trace::answered(index, status);
         if (agent) agent->pace().answered(index);
       });
-  watch_target(global, [](const Abilities &target) {
+  watch_target(global, [](const TargetCapabilities &target) {
     if (agent) agent->target_announced(target);
   });
   loop_trace::start();

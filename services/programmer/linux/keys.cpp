@@ -51,17 +51,18 @@ KeyAndMask key_of(const Entry &entry) {
   return out;
 }
 
-dp_actions rewrites_of(const Actions &actions) {
+dp_actions rewrites_of(const EntryActions &actions) {
   struct Row {
-    Actions::Set wanted;
+    EntryActions::Set wanted;
     __u8 set;
   };
-  constexpr Row kRows[] = {{Actions::kEthDst, DP_SET_DST},   {Actions::kEthSrc, DP_SET_SRC}, {Actions::kVlanId, DP_SET_VLAN},
-                           {Actions::kVlanPcp, DP_SET_VLAN}, {Actions::kDscp, DP_SET_DSCP},  {Actions::kQueue, DP_SET_QUEUE}};
+  constexpr Row kRows[] = {{EntryActions::kEthDst, DP_SET_DST},  {EntryActions::kEthSrc, DP_SET_SRC},
+                           {EntryActions::kVlanId, DP_SET_VLAN}, {EntryActions::kVlanPcp, DP_SET_VLAN},
+                           {EntryActions::kDscp, DP_SET_DSCP},   {EntryActions::kQueue, DP_SET_QUEUE}};
   dp_actions out{};
   for (const Row &row : kRows)
     if ((actions.sets & row.wanted) != 0) out.sets |= row.set;
-  const bool id = (actions.sets & Actions::kVlanId) != 0, pcp = (actions.sets & Actions::kVlanPcp) != 0;
+  const bool id = (actions.sets & EntryActions::kVlanId) != 0, pcp = (actions.sets & EntryActions::kVlanPcp) != 0;
   out.vlan = tag_of(pcp ? actions.vlan_pcp : 0, id ? actions.vlan_id : 0);
   out.vlan_mask = tag_of(pcp ? 7 : 0, id ? DP_VLAN_ID : 0);
   out.dscp = actions.dscp;

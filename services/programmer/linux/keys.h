@@ -15,6 +15,6 @@ KeyAndMask key_of(const Entry &entry);
 dp_step step_of(const Action &action);
 
 // The rewrites only; the caller fills in output and meter, whose places it knows.
-dp_actions rewrites_of(const Actions &actions);
+dp_actions rewrites_of(const EntryActions &actions);
 
 }  // namespace programmer::dataplane

@@ -123,7 +123,7 @@ Outcome LinuxTarget::refuse(const char *why, Outcome outcome) {
 }
 
 Outcome LinuxTarget::finally(Outcome outcome) {
-  if (outcome != Outcome::kInstalled && ++refused_[why_] == 1)
+  if (outcome != Outcome::installed && ++refused_[why_] == 1)
     PROGRAMMER_LOG(context_, QX_ZLOG_ERROR, "refused: %s; more of this kind are only counted", why_);
   return outcome;
 }
@@ -148,12 +148,12 @@ Outcome LinuxTarget::use_list(Cell &cell, dp_actions &to) {
   for (const Action &action : program_.list) {
     dp_step &step = steps_.emplace_back(step_of(action));
     if (step.kind != DP_STEP_OUTPUT) continue;
-    if (const char *fault = find_output(action.number, step.output, step.port)) return refuse(fault, Outcome::kFailed);
+    if (const char *fault = find_output(action.number, step.output, step.port)) return refuse(fault, Outcome::failed);
     if (step.output == DP_NORMAL && &action != &program_.list.back())
-      return refuse("an action behind output NORMAL", Outcome::kFailed);
+      return refuse("an action behind output NORMAL", Outcome::failed);
   }
   to.list = cell.list = lists_.use(steps_);
-  return to.list != 0 ? Outcome::kInstalled : refuse("no room for another action list", Outcome::kResource);
+  return to.list != 0 ? Outcome::installed : refuse("no room for another action list", Outcome::resource);
 }
 
 Outcome LinuxTarget::add(const Entry &entry, dp_flow flow, Cell &cell) {
@@ -162,7 +162,7 @@ Outcome LinuxTarget::add(const Entry &entry, dp_flow flow, Cell &cell) {
     flow.actions = rewrites_of(entry.actions);
     flow.actions.meter = meter;
     if (const char *fault = find_output(entry.actions.output, flow.actions.output, flow.actions.port))
-      return refuse(fault, Outcome::kFailed);
+      return refuse(fault, Outcome::failed);
   }
   const KeyAndMask match = key_of(entry);
   flow.actions.miss = flow.rank <= kLowestRank && entry.mask == Fields{} ? 1 : 0;
@@ -172,14 +172,14 @@ Outcome LinuxTarget::add(const Entry &entry, dp_flow flow, Cell &cell) {
     breathe();
     place = table_.add(match.key, match.mask, flow);
   }
-  if (place == FlowTable::kNone) return refuse(kLacks[static_cast<std::size_t>(table_.lack())], Outcome::kResource);
+  if (place == FlowTable::kNone) return refuse(kLacks[static_cast<std::size_t>(table_.lack())], Outcome::resource);
   cell.places.push_back(place);
-  return Outcome::kInstalled;
+  return Outcome::installed;
 }
 
 // Puts the flow's entries in force; after a failure some of them may be in force.
 Outcome LinuxTarget::program(const FlowRequest &request, Bytes record, Cell &cell) {
-  if (const char *fault = read_program(record, program_)) return refuse(fault, Outcome::kFailed);
+  if (const char *fault = read_program(record, program_)) return refuse(fault, Outcome::failed);
   dp_flow flow{};
   flow.rank = program_.rank;
   flow.cookie = program_.cookie;
@@ -187,14 +187,14 @@ Outcome LinuxTarget::program(const FlowRequest &request, Bytes record, Cell &cel
   flow.vsd = request.key.vsd;
   if (program_.meter != 0) {
     flow.actions.meter = meters_.use(program_.meter);
-    if (flow.actions.meter == 0) return refuse("no room for another meter", Outcome::kResource);
+    if (flow.actions.meter == 0) return refuse("no room for another meter", Outcome::resource);
     cell.meter = program_.meter;
   }
   if (!program_.list.empty())
-    if (const Outcome outcome = use_list(cell, flow.actions); outcome != Outcome::kInstalled) return outcome;
+    if (const Outcome outcome = use_list(cell, flow.actions); outcome != Outcome::installed) return outcome;
   for (const Entry &entry : program_.entries)
-    if (const Outcome outcome = add(entry, flow, cell); outcome != Outcome::kInstalled) return outcome;
-  return Outcome::kInstalled;
+    if (const Outcome outcome = add(entry, flow, cell); outcome != Outcome::installed) return outcome;
+  return Outcome::installed;
 }
 
 // The new form is in force before the old one is removed.
@@ -202,11 +202,11 @@ void LinuxTarget::install_flow(const FlowRequest &request, Bytes record) {
   if (request.slot >= cells_.size()) cells_.resize(request.slot + 1);
   Cell &cell = cells_[request.slot];
   Cell next;
-  Outcome outcome = Outcome::kResource;
+  Outcome outcome = Outcome::resource;
   const std::uint32_t inherited = table_.inherited();
   if (!cell.places.empty() || used_ < size_) {
     outcome = program(request, record, next);
-    if (outcome != Outcome::kInstalled) clear(next);
+    if (outcome != Outcome::installed) clear(next);
   } else {
     refuse("no room for another flow", outcome);
   }
@@ -216,7 +216,7 @@ void LinuxTarget::install_flow(const FlowRequest &request, Bytes record) {
   clear(cell);
   cell = std::move(next);
   used_ += cell.places.empty() ? 0 : 1;
-  if (outcome == Outcome::kResource && postpone(request, record)) return;
+  if (outcome == Outcome::resource && postpone(request, record)) return;
   sink_.flow_answered(request, finally(outcome));
 }
 
@@ -297,9 +297,9 @@ void LinuxTarget::read_counters(std::uint32_t slot, Counters &sums) {
 
 Outcome LinuxTarget::install_meter(std::uint32_t id, Bytes meter_data) {
   Bands bands;
-  if (!read_bands(meter_data, bands)) return finally(refuse("a meter with an unsupported band or rate", Outcome::kFailed));
-  if (meters_.set(id, bands)) return Outcome::kInstalled;
-  return finally(refuse("no room for another meter, or for that many bands", Outcome::kFailed));
+  if (!read_bands(meter_data, bands)) return finally(refuse("a meter with an unsupported band or rate", Outcome::failed));
+  if (meters_.set(id, bands)) return Outcome::installed;
+  return finally(refuse("no room for another meter, or for that many bands", Outcome::failed));
 }
 
 // Only remembered, because controllers are not reached through the ports.

@@ -18,7 +18,7 @@ constexpr std::uint64_t kBurstFrames = 4, kFrameBytes = 1518;
 
 dp_band schedule_of(const Band &band, bool packets) {
   dp_band out{};
-  out.type = band.type == BandType::kDrop ? DP_BAND_DROP : DP_BAND_REMARK;
+  out.type = band.type == BandType::drop ? DP_BAND_DROP : DP_BAND_REMARK;
   out.precedence = band.precedence;
   const std::uint64_t units = packets ? 1 : kBytesAKilobit;  // packets or bytes in one unit of the rate
   out.cost = ((kNs << DP_COST_SHIFT) / units + band.rate / 2) / band.rate;

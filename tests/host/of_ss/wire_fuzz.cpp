@@ -23,7 +23,7 @@ struct OneGroup final : GroupSource {
   const GroupPlan *plan_of(std::uint32_t group) const override { return group == 1 ? &plan : nullptr; }
 };
 const OneGroup kGroups;
-constexpr Abilities kAll{.set_fields = kKnownSets, .actions = ~std::uint64_t{0}, .several_outputs = true};
+constexpr TargetCapabilities kAll{.set_fields = kKnownSets, .actions = ~std::uint64_t{0}, .several_outputs = true};
 const Terms kTerms[] = {{kPorts}, {kPorts, kAll, &kGroups}};
 
 struct Nobody final : FlowEvents {

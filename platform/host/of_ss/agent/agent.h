@@ -33,7 +33,7 @@ namespace host::of_ss {
 struct StoredState {
   std::vector<std::vector<std::byte>> flows, meters;
   std::uint64_t last_index = 0;  // the greatest credible index of a flow, a flow's status or a translation
-  Abilities target;              // as announced by the programming service
+  TargetCapabilities target;     // as announced by the programming service
 };
 
 class Agent final : private FlowEvents, private ConnectionEvents {
@@ -67,7 +67,7 @@ class Agent final : private FlowEvents, private ConnectionEvents {
     inbox_.post([this, stored = std::move(stored)] { switch_.controllers.withdraw_strangers(stored); });
   }
   // To be called when the programming service has announced another target.
-  void target_announced(const Abilities &target) {
+  void target_announced(const TargetCapabilities &target) {
     inbox_.post([this, target] { switch_.set_target(target); });
   }
   // To be called when the machine's interfaces have changed.

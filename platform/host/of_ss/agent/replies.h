@@ -1,4 +1,4 @@
-// The daemon's replies: finds for each the flows or the meter that it is about. Used on the openflow thread.
+// Passes the daemon's replies to the flows and meters that they concern. Openflow thread.
 #pragma once
 
 #include "host/of_ss/switch/switch.h"
@@ -7,7 +7,7 @@ namespace host::of_ss {
 
 class DaemonReplies {
  public:
-  // Learns of meters that the target has refused.
+  // `events` is notified of meters that the target has refused.
   DaemonReplies(Switch &of_switch, FlowEvents &events) : switch_(of_switch), events_(events) {}
 
   // Takes one southbound message; one that is unknown or too short is logged.

@@ -1,4 +1,4 @@
-// The ends of the flows' hard timeouts in order, so that those that are due are found without a look at the others. Openflow
+// The ends of the flows' hard timeouts in order of time: those that are due are found without a look at the others. Openflow
 // thread only.
 #pragma once
 
@@ -12,8 +12,8 @@ namespace host::of_ss {
 
 class Deadlines {
  public:
-  // `table` must outlive this; deadlines of flows that it no longer holds are dropped some time before they are due, so that
-  // memory is bounded by the number of flows.
+  // `table` must outlive this. Deadlines of flows that it no longer holds are dropped as their number grows, so that memory is
+  // bounded by the number of flows.
   explicit Deadlines(const FlowTable &table) : table_(table) {}
 
   // Notes that the flow ends at this time, in monotonic nanoseconds.

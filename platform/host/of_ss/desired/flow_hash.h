@@ -1,4 +1,4 @@
-// The hashes under which the flow table finds its entries.
+// The hashes under which the flow table finds its entries. Pure functions, any thread.
 #pragma once
 
 #include <cstdint>

@@ -42,7 +42,7 @@ Verdict check_app_type(const WireMatch &match, bool service_chain) {
 }
 
 // Match and head of the southbound message; the instructions follow at the returned offset.
-Verdict put_match(Bytes from, const Abilities &target, FlowMod &out, WireMatch &match) {
+Verdict put_match(Bytes from, const TargetCapabilities &target, FlowMod &out, WireMatch &match) {
   const bool service_chain = out.table_id == kServiceChainTable;
   if (const Verdict verdict = decode_match(from, target, match); verdict.refused()) return verdict;
   if (const Verdict verdict = check_app_type(match, service_chain); verdict.refused()) return verdict;

@@ -22,7 +22,7 @@ bool is_undecided(Bytes result) {
   return sb::get<std::uint32_t>(result.data(), sb::kFlowResultCode) & kUndecided;
 }
 
-// Before its own answer, and while a newer form may yet fail, a flow stays.
+// A flow stays until it has been answered, and while a newer form of it may still fail.
 bool can_time_out(const FlowEntry &flow) {
   return flow.in_force && flow.state == FlowState::installed;
 }
@@ -247,7 +247,7 @@ void Flows::withdraw_failed(FlowEntry &flow, const Error &error) {
   fail(flow, error);
 }
 
-// The deadline of a flow that cannot be removed now comes again.
+// A flow that cannot be removed now gets another deadline.
 void Flows::check_timeouts(std::int64_t now) {
   if (transaction_ || is_replaying()) return;
   const auto due = deadlines_.take_due(now);

@@ -1,4 +1,4 @@
-// Finds the flows that a request or a meter is about. Openflow thread only.
+// Finds the flows that a request, a meter or a group concerns. Openflow thread only.
 #pragma once
 
 #include <algorithm>
@@ -12,7 +12,7 @@ namespace host::of_ss {
 // True if the flow fits the table, match, port, group and cookie filter of a delete or of a statistics request.
 bool selected(const FlowEntry &flow, const FlowMod &filter);
 
-// The flows that a modify or a delete is about, the oldest first. `scratch` is overwritten.
+// The flows that a modify or a delete concerns, the oldest first. `scratch` is overwritten.
 std::vector<FlowEntry *> targets(const FlowTable &table, const FlowMod &mod, bool strict, std::vector<std::byte> &scratch);
 
 // The flows that use the meter; kMeterAll: any meter.

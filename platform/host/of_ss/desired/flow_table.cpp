@@ -69,23 +69,23 @@ std::uint32_t FlowTable::first_with_cookie(std::uint64_t cookie) const {
   return by_cookie_.find(number_hash(cookie), [this, cookie](std::uint32_t slot) { return slots_[slot]->cookie() == cookie; });
 }
 
-bool FlowTable::is_longer(const Chain &chain, std::size_t than) const {
+bool FlowTable::is_longer(const ListHead &head, std::size_t than) const {
   std::size_t length = 0;
-  return any_in(chain, [&length, than](const FlowEntry &) { return ++length > than; });
+  return any_in(head, [&length, than](const FlowEntry &) { return ++length > than; });
 }
 
-// The shorter of two sets of lists: the flows with the cookie, or those with exactly the match and the groups that it may cover.
-std::vector<FlowTable::Chain> FlowTable::candidates(const Wanted &wanted) const {
-  const Chain with_cookie{wanted.cookie ? first_with_cookie(*wanted.cookie) : kNoSlot, &FlowEntry::with_cookie};
+// The shorter of two sets of lists: the flows with the cookie, or those with exactly the match and the classes that it may cover.
+std::vector<FlowTable::ListHead> FlowTable::candidates(const Wanted &wanted) const {
+  const ListHead with_cookie{wanted.cookie ? first_with_cookie(*wanted.cookie) : kNoSlot, &FlowEntry::with_cookie};
   if (wanted.cookie && !is_longer(with_cookie, kFew)) return {with_cookie};
   std::size_t flows = 0;
-  std::vector<Chain> chains;
-  for (const std::uint32_t first : groups_.covered(wanted, flows)) chains.push_back({first, &FlowEntry::in_group});
+  std::vector<ListHead> lists;
+  for (const std::uint32_t first : classes_.covered(wanted, flows)) lists.push_back({first, &FlowEntry::in_class});
   if (wanted.cookie && !is_longer(with_cookie, flows)) return {with_cookie};
   for (std::uint8_t table_id = 0; table_id < kTableCount; ++table_id)
     if (!wanted.table_id || *wanted.table_id == table_id)
-      chains.push_back({first_alike(table_id, wanted.match, match_hash(table_id, wanted.match)), &FlowEntry::alike});
-  return chains;
+      lists.push_back({first_alike(table_id, wanted.match, match_hash(table_id, wanted.match)), &FlowEntry::alike});
+  return lists;
 }
 
 bool FlowTable::overlaps(Bytes flow_mod) const {
@@ -96,8 +96,8 @@ bool FlowTable::overlaps(Bytes flow_mod) const {
   const auto overlapping = [&key](const FlowEntry &entry) {
     return entry.in_force && entry.priority() == key.priority && matches_overlap(southbound_match(entry.southbound()), key.match);
   };
-  return groups_.overlap(key.table_id, key.match, has_exactly, [&](std::uint32_t first) {
-    return any_in({first, &FlowEntry::in_group}, overlapping);
+  return classes_.overlap(key.table_id, key.match, has_exactly, [&](std::uint32_t first) {
+    return any_in({first, &FlowEntry::in_class}, overlapping);
   });
 }
 
@@ -239,17 +239,17 @@ void FlowTable::enlist(FlowEntry &entry) {
        [this](std::uint32_t s) { return slots_[s]->hash; });
   lead(by_cookie_, entry, first_with_cookie(entry.cookie()), &FlowEntry::with_cookie,
        [this](std::uint32_t s) { return number_hash(slots_[s]->cookie()); });
-  entry.group = groups_.join(entry.southbound());
-  link(entry, groups_[entry.group].first, &FlowEntry::in_group);
-  groups_[entry.group].first = entry.slot;
+  entry.flow_class = classes_.join(entry.southbound());
+  link(entry, classes_[entry.flow_class].first, &FlowEntry::in_class);
+  classes_[entry.flow_class].first = entry.slot;
 }
 
 void FlowTable::delist(FlowEntry &entry) {
   leave(by_match_, entry, &FlowEntry::alike, [this](std::uint32_t s) { return slots_[s]->hash; });
   leave(by_cookie_, entry, &FlowEntry::with_cookie, [this](std::uint32_t s) { return number_hash(slots_[s]->cookie()); });
-  unlink(entry, &FlowEntry::in_group);
-  if (groups_[entry.group].first == entry.slot) groups_[entry.group].first = entry.in_group.next;
-  groups_.leave(entry.group);
+  unlink(entry, &FlowEntry::in_class);
+  if (classes_[entry.flow_class].first == entry.slot) classes_[entry.flow_class].first = entry.in_class.next;
+  classes_.leave(entry.flow_class);
 }
 
 std::size_t created_offset(Bytes flow_mod) {

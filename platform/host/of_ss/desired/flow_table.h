@@ -4,7 +4,7 @@
 // controller's view of it is derived from them. Entries are found by index, and by the identity of a flow: table, priority and
 // match. Of several entries for the same flow the newest is in force and the others await removal: a changed flow is added under
 // a new index before the old one is removed, and the old one comes back into force if the new one fails. Requests for many flows
-// find them by match, by cookie, and by their group (flow_groups.h).
+// find them by match, by cookie, and by class (flow_classes.h).
 //
 // Openflow thread only. An entry does not move until it is removed.
 #pragma once
@@ -14,7 +14,7 @@
 #include <new>
 #include <vector>
 
-#include "host/of_ss/desired/flow_groups.h"
+#include "host/of_ss/desired/flow_classes.h"
 #include "host/of_ss/desired/slot_index.h"
 #include "host/of_ss/wire/wire.h"
 #include "southbound.h"
@@ -55,11 +55,11 @@ struct FlowEntry {
   std::int64_t created_ns;             // monotonic; of the flow, not of its latest form
   std::unique_ptr<FlowCounts> counts;  // null while nothing has been counted
   std::uint32_t slot;
-  std::uint32_t hash;             // of table and match
-  std::uint32_t group = kNoSlot;  // number among the FlowGroups
-  std::uint32_t older = kNoSlot;  // the form of the same flow before this one
-  Links alike = {};               // flows with the same table and match, newest first, as in the other lists
-  Links in_group = {};
+  std::uint32_t hash;                  // of table and match
+  std::uint32_t flow_class = kNoSlot;  // number among the FlowClasses
+  std::uint32_t older = kNoSlot;       // the form of the same flow before this one
+  Links alike = {};                    // flows with the same table and match, newest first, as in the other lists
+  Links in_class = {};
   Links with_cookie = {};        // flows with the same cookie
   std::uint32_t latency_us = 0;  // from hand-over to decision, 0 while undecided
   FlowState state = FlowState::sent;
@@ -133,8 +133,8 @@ class FlowTable {
   // Calls `visit` with entries in force that include all wanted ones; it must filter them itself, and must not change the table.
   template <typename Visit>
   void each_candidate(const Wanted &wanted, Visit &&visit) const {
-    for (const Chain &chain : candidates(wanted))
-      any_in(chain, [&visit](FlowEntry &entry) { return entry.in_force && (visit(entry), false); });
+    for (const ListHead &head : candidates(wanted))
+      any_in(head, [&visit](FlowEntry &entry) { return entry.in_force && (visit(entry), false); });
   }
   // True if an entry in force with the flow-mod's table and priority overlaps it.
   bool overlaps(Bytes flow_mod) const;
@@ -158,7 +158,7 @@ class FlowTable {
   };
   using Owner = std::unique_ptr<FlowEntry, Free>;
   using List = Links FlowEntry::*;
-  struct Chain {
+  struct ListHead {
     std::uint32_t first;
     List list;
   };
@@ -171,13 +171,13 @@ class FlowTable {
 
   // Visits the list until `visit` returns true; returns whether it did.
   template <typename Visit>
-  bool any_in(const Chain &chain, Visit &&visit) const {
-    for (FlowEntry *entry = at(chain.first); entry; entry = at((entry->*chain.list).next))
+  bool any_in(const ListHead &head, Visit &&visit) const {
+    for (FlowEntry *entry = at(head.first); entry; entry = at((entry->*head.list).next))
       if (visit(*entry)) return true;
     return false;
   }
-  std::vector<Chain> candidates(const Wanted &wanted) const;
-  bool is_longer(const Chain &chain, std::size_t than) const;
+  std::vector<ListHead> candidates(const Wanted &wanted) const;
+  bool is_longer(const ListHead &head, std::size_t than) const;
   std::uint32_t first_alike(std::uint8_t table_id, Bytes match, std::uint32_t hash) const;
   std::uint32_t first_with_cookie(std::uint64_t cookie) const;
   FlowEntry *find(const Key &key, std::uint32_t hash) const;
@@ -201,7 +201,7 @@ class FlowTable {
   std::vector<std::uint32_t> free_;
   SlotIndex by_key_, by_index_;
   SlotIndex by_match_, by_cookie_;  // the first of each list
-  FlowGroups groups_;
+  FlowClasses classes_;
   std::size_t flows_of_[kTableCount] = {};
   std::size_t sent_ = 0;
   std::uint64_t next_index_ = 1;

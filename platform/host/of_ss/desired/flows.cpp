@@ -330,7 +330,7 @@ void Flows::begin(std::int64_t now) {
 void Flows::note_added(FlowEntry &flow, FlowEvent event) {
   if (!transaction_) return report(flow, event);
   flow.provisional = true;
-  transaction_->steps.push_back({flow.index(), true, author_});
+  transaction_->changes.push_back({flow.index(), true, author_});
 }
 
 // A form added in the transaction itself is withdrawn at once, and the form that it replaced is the flow to delete.
@@ -342,30 +342,30 @@ void Flows::set_aside(FlowEntry *flow) {
   }
   if (!flow) return;
   table_.set_aside(*flow);
-  transaction_->steps.push_back({flow->index(), false, author_});
+  transaction_->changes.push_back({flow->index(), false, author_});
 }
 
 bool Flows::end_more(bool keep_it, std::int64_t now) {
   for (std::size_t n = 0; transaction_ && n < kPiece; ++n) {
-    auto &[since_ns, steps, kept, failed] = *transaction_;
-    if (kept == steps.size()) {
+    auto &[since_ns, changes, kept, failed] = *transaction_;
+    if (kept == changes.size()) {
       transaction_.reset();
     } else if (keep_it) {
-      keep(steps[kept++], now);
+      keep(changes[kept++], now);
     } else {
-      undo(steps.back());
-      steps.pop_back();
+      undo(changes.back());
+      changes.pop_back();
     }
   }
   return transaction_.has_value();
 }
 
-void Flows::keep(const Transaction::Step &step, std::int64_t now) {
-  FlowEntry *flow = table_.by_index(step.index);
+void Flows::keep(const Transaction::Change &change, std::int64_t now) {
+  FlowEntry *flow = table_.by_index(change.index);
   if (!flow) return;
-  const Acting acting(*this, step.author);
+  const Acting acting(*this, change.author);
   flow->provisional = false;
-  if (!step.added) return take_out(*flow, kDeleted);
+  if (!change.added) return take_out(*flow, kDeleted);
   drop_older_forms(*flow);
   if (flow->in_force) report(*flow, flow->created_ns < transaction_->since_ns ? FlowEvent::modified : FlowEvent::added);
   if (!flow->displaced) return;
@@ -373,11 +373,11 @@ void Flows::keep(const Transaction::Step &step, std::int64_t now) {
   failed_late(*flow, now);
 }
 
-// To be called with the latest step first, so that each finds the table as it left it.
-void Flows::undo(const Transaction::Step &step) {
-  FlowEntry *flow = table_.by_index(step.index);
+// To be called with the latest change first, so that each finds the table as it left it.
+void Flows::undo(const Transaction::Change &change) {
+  FlowEntry *flow = table_.by_index(change.index);
   if (!flow) return;
-  if (step.added)
+  if (change.added)
     withdraw(*flow);
   else
     table_.bring_back(*flow);

@@ -101,10 +101,10 @@ class Flows {
   void note_handover() { in_flight_.note(); }
   // Deletes the flows that use the meter; kMeterAll: any meter.
   void remove_users_of_meter(std::uint32_t meter_id);
-  // Likewise for a group of OpenFlow; kGroupAll: any group. The reason told is that deletion.
-  void remove_users_of_group(std::uint32_t group);
   // The same for a meter that has failed: requesters of undecided flows are told that the meter is unknown.
   void fail_users_of_meter(std::uint32_t meter_id);
+  // Deletes the flows that refer to the group, with reason OFPRR_GROUP_DELETE; kGroupAll: any group.
+  void remove_users_of_group(std::uint32_t group);
   // Deletes every flow, and on the daemon's side every meter too; the caller removes its own meters.
   void remove_everything();
 
@@ -117,8 +117,8 @@ class Flows {
   // Counters of one index: totals, and changes.
   void counted(std::uint64_t index, std::uint64_t packets, std::uint64_t bytes);
   void count_more(std::uint64_t index, std::uint64_t packets, std::uint64_t bytes);
-  // According to the programming service, the flow has matched nothing for its idle timeout. The service repeats this, so that
-  // it may be ignored.
+  // The programming service reports that the flow has matched nothing for its idle timeout. A report may be ignored, because the
+  // service repeats it while the flow exists.
   void idle(std::uint64_t index);
 
   // Hands every flow to the daemon again, a few hundred per replay_more; the caller begins the synchronisation before, ends it
@@ -174,7 +174,7 @@ class Flows {
     if (limits_.capacity) return limits_.capacity;
     return target_capacity_ ? target_capacity_ : told_capacity_;
   }
-  // What the target has announced; 0: nothing, so that the daemon's notification counts.
+  // Sets the capacity that the target has announced; 0: none, so that the daemon's notification counts.
   void target_holds(std::uint32_t flows) { target_capacity_ = flows; }
   const FlowTable &table() const { return table_; }
   const InFlightLog &in_flight() const { return in_flight_; }
@@ -188,14 +188,14 @@ class Flows {
  private:
   class Acting;
   struct Transaction {
-    struct Step {
+    struct Change {
       std::uint64_t index;
       bool added;  // otherwise set aside
       Author author;
     };
     std::int64_t since_ns;
-    std::vector<Step> steps = {};
-    std::size_t kept = 0;  // steps made permanent
+    std::vector<Change> changes = {};
+    std::size_t kept = 0;  // changes made permanent
     bool failed = false;
   };
 
@@ -214,8 +214,8 @@ class Flows {
   void report(const FlowEntry &flow, FlowEvent event, RemovedReason reason = kDeleted) {
     if (watched_) events_.flow_changed(flow, {event, reason, author_});
   }
-  void keep(const Transaction::Step &step, std::int64_t now);
-  void undo(const Transaction::Step &step);
+  void keep(const Transaction::Change &change, std::int64_t now);
+  void undo(const Transaction::Change &change);
   void remove_all();
   void clear_table();
   FlowEntry *next_to_delete();

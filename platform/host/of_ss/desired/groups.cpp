@@ -10,17 +10,17 @@ namespace {
 
 constexpr std::size_t kType = 10, kBuckets = 16;
 
-// What buckets rewrite, as a set: fields by their number, and these.
+// The rewrites of a bucket are a set of bits: bit N is field N, and these are the rewrites of other things than fields.
 constexpr std::uint64_t kTtl = bits(60), kQueue = bits(61), kTags = bits(62);
 constexpr std::uint64_t kOuterTag = bits(kOxmVlanVid, kOxmVlanPcp);
 
 struct Planned {
   GroupPlan::Bucket bucket;
-  std::uint64_t leaves = 0;   // what the packet is left with
-  std::uint64_t settles = 0;  // what it sets whatever was left
+  std::uint64_t leaves = 0;   // rewrites that the packet still has after the bucket
+  std::uint64_t settles = 0;  // rewrites that make no difference before the bucket, because it sets the same
 };
 
-// A tag that was pushed can be popped again behind the bucket, and what was set in it goes with it.
+// A tag that the bucket pushed can be popped after it, and with the tag goes what was set in it.
 Planned planned(Bytes actions, const BucketEffect &effect) {
   const bool pops_back = effect.pushes && !effect.pops, retags = effect.pushes || effect.pops;
   Planned out{.bucket = {actions, pops_back}};
@@ -29,7 +29,7 @@ Planned planned(Bytes actions, const BucketEffect &effect) {
   return out;
 }
 
-// Buckets that leave less come first. What they leave may only be what every later one sets itself.
+// Buckets that leave fewer rewrites come first. All that a bucket leaves must be set by every later one.
 Verdict plan(std::vector<Planned> buckets, GroupPlan &out) {
   std::ranges::stable_sort(buckets, {},
                            [](const Planned &one) { return std::pair(one.leaves & kTags, std::popcount(one.leaves)); });

@@ -1,5 +1,5 @@
-// The groups of the switch, of types ALL and INDIRECT. The target knows none: a flow that refers to a group carries the actions
-// of its buckets in its own list. Openflow thread only.
+// The group table (OpenFlow 1.3.5, 5.6), with groups of types ALL and INDIRECT. It exists in the agent only: a flow that refers
+// to a group carries the actions of its buckets to the target in its own list. Openflow thread only.
 //
 // Wire layout: OpenFlow 1.3.5, 7.3.4.3.
 #pragma once
@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "host/of_ss/wire/abilities.h"
+#include "host/of_ss/wire/target_capabilities.h"
 #include "host/of_ss/wire/wire.h"
 
 namespace host::of_ss {
@@ -32,8 +32,8 @@ struct GroupEntry {
 };
 inline constexpr std::size_t kBucketHead = 16;
 
-// Reads type and buckets of an OFPT_GROUP_MOD. Refuses buckets of which one would have to undo what another rewrites and cannot:
-// a flow's list has one packet for all of them.
+// Reads type and buckets of an OFPT_GROUP_MOD. In a flow's list all buckets act on one packet, so buckets are refused if there is
+// no order in which the rewrites of one do not reach the packets of another.
 Verdict decode_group(Bytes request, const Terms &terms, GroupEntry &out);
 
 class Groups final : public GroupSource {
@@ -46,7 +46,7 @@ class Groups final : public GroupSource {
   const std::map<std::uint32_t, GroupEntry> &all() const { return all_; }
 
   void add(std::uint32_t group, GroupEntry made) { all_[group] = std::move(made); }
-  // Replaces a group that exists; returns the one before.
+  // Replaces an existing group and returns its former state.
   GroupEntry exchange(std::uint32_t group, GroupEntry made) { return std::exchange(all_.at(group), std::move(made)); }
   void remove(std::uint32_t group) { all_.erase(group); }
   void forget() { all_.clear(); }

@@ -35,7 +35,7 @@ struct Meter {
 class Meters {
  public:
   // `target` bounds the meters and their bands.
-  Meters(Flows &flows, const Abilities &target) : flows_(flows), target_(target) {}
+  Meters(Flows &flows, const TargetCapabilities &target) : flows_(flows), target_(target) {}
 
   // Carries out a meter-mod; deleting a meter also deletes the flows that use it.
   Verdict apply(Bytes request, const Origin &origin, std::int64_t now);
@@ -68,7 +68,7 @@ class Meters {
   void tell_deletion(Meter &meter);
 
   Flows &flows_;
-  const Abilities &target_;
+  const TargetCapabilities &target_;
   std::map<std::uint32_t, Meter> meters_;
 };
 

@@ -1,4 +1,4 @@
-// Results of flows and meters beside the daemon's own replies, in their layouts.
+// The host's own reports about flows and meters, which reach the agent among the daemon's replies and in their layouts.
 #pragma once
 
 #include <cstdint>

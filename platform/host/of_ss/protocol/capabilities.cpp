@@ -18,7 +18,7 @@ json messages() {
   return list;
 }
 
-json match_fields(const Abilities &target) {
+json match_fields(const TargetCapabilities &target) {
   json list = json::array();
   for (std::size_t number = 0; number < kOxmFields; ++number) {
     const OxmField &field = oxm_field(number);
@@ -58,7 +58,7 @@ json errors() {
   return list;
 }
 
-json limits(const Abilities &target) {
+json limits(const TargetCapabilities &target) {
   const auto limit = [](const char *name, auto value) { return json{{"name", name}, {"limit", value}}; };
   return {limit("connections", kMaxConnections),   limit("tables", kTableCount),       limit("meters", target.meters),
           limit("bands of a meter", target.bands), limit("smallest queue", kQueueMin), limit("greatest queue", target.queues)};
@@ -66,7 +66,7 @@ json limits(const Abilities &target) {
 
 }  // namespace
 
-json capabilities(const Abilities &target) {
+json capabilities(const TargetCapabilities &target) {
   return {{"target", target.name},
           {"messages", messages()},
           {"flow_flags", names(fm::kFlagNames)},

@@ -12,7 +12,8 @@ namespace {
 constexpr std::uint64_t kUnknown = ~std::uint64_t{0};  // a counter that the switch does not have
 enum Command : std::uint16_t { kAdd = 0, kModify = 1, kDelete = 2 };
 
-// The flow as a modify of itself that changes nothing but what its groups stand for.
+// An OFPT_FLOW_MOD (modify strict) of the flow with its own instructions: decoded again, it carries the present buckets of its
+// groups.
 Bytes as_request(const FlowEntry &flow, std::vector<std::byte> &buffer) {
   Reply request(buffer, kFlowModMsg, 0);
   Writer &out = request.out;
@@ -31,7 +32,7 @@ Bytes as_request(const FlowEntry &flow, std::vector<std::byte> &buffer) {
   return request.finish();
 }
 
-// Calls `take` with each flow that uses the group, decoded again; stops at the first refusal.
+// Decodes each flow that uses the group again, into sw.flow_mod, and calls `take`; stops at the first refusal.
 template <typename Take>
 Verdict each_user(Switch &sw, std::uint32_t group, Take &&take) {
   for (FlowEntry *flow : users_of_group(sw.flows.table(), group)) {
@@ -42,7 +43,7 @@ Verdict each_user(Switch &sw, std::uint32_t group, Take &&take) {
   return {};
 }
 
-// Hands over the flows that use the group, in their new form.
+// Hands over the flows that use the group, with its present buckets.
 void change_users(Switch &sw, std::uint32_t group, const Origin &origin, Bytes message) {
   each_user(sw, group, [&] { sw.flows.apply(sw.flow_mod, origin, message, sw.now()); });
 }

@@ -55,7 +55,7 @@ struct Monitor {
 
 // The monitors of one request. While the existing flows are being reported, `told` is the position in the table, and `xid` the
 // request's.
-struct Group {
+struct MonitorRequest {
   std::vector<Monitor> monitors;
   std::uint32_t xid;
   std::optional<std::uint32_t> told;
@@ -87,16 +87,17 @@ std::size_t padded(std::size_t length) {
 
 // True if the monitor, having requested the first flows, has been told of the flow; for a deletion also if it may have been told
 // of an older form.
-bool is_told(const Group &group, const Monitor &monitor, const FlowEntry &flow, Flag wanted) {
-  return !group.told || !(monitor.flags & kInitial) || flow.slot < *group.told || (wanted == kDelete && flow.replaces);
+bool is_told(const MonitorRequest &request, const Monitor &monitor, const FlowEntry &flow, Flag wanted) {
+  return !request.told || !(monitor.flags & kInitial) || flow.slot < *request.told || (wanted == kDelete && flow.replaces);
 }
 
-// The flags of the group's monitors that cover the flow and have `wanted`. A change is also reported if the `older` form went to
-// the port, or, with `any_port`, whatever the port, because that form is gone.
-std::uint16_t wanting(const Group &group, const FlowEntry &flow, Flag wanted, const FlowEntry *older, bool any_port = false) {
+// The flags of the request's monitors that cover the flow and have `wanted`. A change is also reported if the `older` form went
+// to the port, or, with `any_port`, whatever the port, because that form is gone.
+std::uint16_t wanting(const MonitorRequest &request, const FlowEntry &flow, Flag wanted, const FlowEntry *older,
+                      bool any_port = false) {
   std::uint16_t flags = 0;
-  for (const Monitor &monitor : group.monitors)
-    if (monitor.flags & wanted && is_told(group, monitor, flow, wanted) && selected(flow, monitor.filter) &&
+  for (const Monitor &monitor : request.monitors)
+    if (monitor.flags & wanted && is_told(request, monitor, flow, wanted) && selected(flow, monitor.filter) &&
         (any_port || monitor.is_for_port(flow) || (older && monitor.is_for_port(*older))))
       flags |= monitor.flags;
   return flags;
@@ -151,22 +152,23 @@ Verdict read_monitor(Bytes entry, Monitor &out, std::size_t &length) {
 // The monitors of one connection and the progress of its updates. `abbreviated` is its own last request that was reported in
 // abbreviated form.
 struct Watcher {
-  std::vector<Group> groups;
+  std::vector<MonitorRequest> requests;
   std::optional<Pause> pause;
   std::uint64_t abbreviated = 0;
 
   std::size_t count() const {
     std::size_t sum = 0;
-    for (const Group &group : groups) sum += group.monitors.size();
+    for (const MonitorRequest &request : requests) sum += request.monitors.size();
     return sum;
   }
   // True while the first flows are still being reported.
   bool is_at_first() const {
-    return std::ranges::any_of(groups, [](const Group &group) { return group.told.has_value(); });
+    return std::ranges::any_of(requests, [](const MonitorRequest &request) { return request.told.has_value(); });
   }
   bool has(std::uint32_t id) const {
-    return std::ranges::any_of(
-        groups, [id](const Group &group) { return std::ranges::find(group.monitors, id, &Monitor::id) != group.monitors.end(); });
+    return std::ranges::any_of(requests, [id](const MonitorRequest &request) {
+      return std::ranges::find(request.monitors, id, &Monitor::id) != request.monitors.end();
+    });
   }
 };
 
@@ -196,27 +198,27 @@ Verdict Monitors::request(Connection &connection, Bytes message) {
 
 Verdict Monitors::set_up(Connection &connection, Bytes message) {
   auto &watcher = connection.session().watcher;
-  Group group{{}, be32(message, kOfXid), {}};
+  MonitorRequest request{{}, be32(message, kOfXid), {}};
   bool initial = false;
   std::size_t length = 0;
   for (Bytes rest = message.subspan(kMonitors); !rest.empty(); rest = rest.subspan(length)) {
-    Monitor &monitor = group.monitors.emplace_back();
+    Monitor &monitor = request.monitors.emplace_back();
     if (const Verdict verdict = read_monitor(rest, monitor, length); verdict.refused()) return verdict;
-    if ((watcher && watcher->has(monitor.id)) || std::ranges::count(group.monitors, monitor.id, &Monitor::id) > 1)
+    if ((watcher && watcher->has(monitor.id)) || std::ranges::count(request.monitors, monitor.id, &Monitor::id) > 1)
       return refuse(err::kMonitorExists, "monitor", "the connection has one with this number");
-    if (group.monitors.size() + (watcher ? watcher->count() : 0) > kMonitorsMax ||
-        group.monitors.size() + count() > kMonitorsTotal)
+    if (request.monitors.size() + (watcher ? watcher->count() : 0) > kMonitorsMax ||
+        request.monitors.size() + count() > kMonitorsTotal)
       return refuse(err::kRequestEperm, "monitor", "there are too many already, 32 of one connection or 256 of all");
     initial |= monitor.flags & kInitial;
   }
-  if (group.monitors.empty()) return {};
-  if (initial) group.told = 0;
+  if (request.monitors.empty()) return {};
+  if (initial) request.told = 0;
   connection.session().owes_updates = initial;
   if (!watcher) {
     watcher.reset(new Watcher);
     watching_.push_back(connection.generation());
   }
-  watcher->groups.push_back(std::move(group));
+  watcher->requests.push_back(std::move(request));
   sw_.flows.watch(true);
   return {};
 }
@@ -226,9 +228,10 @@ Verdict Monitors::cancel(Connection &connection, Bytes message) {
   auto &watcher = connection.session().watcher;
   const std::uint32_t id = be32(message, kCancelId);
   if (!watcher || !watcher->has(id)) return refuse(err::kUnknownMonitor, "monitor", "the connection has none with this number");
-  for (Group &group : watcher->groups) std::erase_if(group.monitors, [id](const Monitor &monitor) { return monitor.id == id; });
-  std::erase_if(watcher->groups, [](const Group &group) { return group.monitors.empty(); });
-  if (watcher->groups.empty()) watcher.reset();
+  for (MonitorRequest &request : watcher->requests)
+    std::erase_if(request.monitors, [id](const Monitor &monitor) { return monitor.id == id; });
+  std::erase_if(watcher->requests, [](const MonitorRequest &request) { return request.monitors.empty(); });
+  if (watcher->requests.empty()) watcher.reset();
   sweep();
   return {};
 }
@@ -262,7 +265,7 @@ void Monitors::tell(Connection &connection, const FlowEntry &flow, const FlowCha
   Watcher &watcher = *connection.session().watcher;
   std::uint16_t flags = 0;
   const FlowEntry *older = sw_.flows.table().at(flow.older);
-  for (const Group &group : watcher.groups) flags |= wanting(group, flow, row_of(change.event).wanted_by, older);
+  for (const MonitorRequest &request : watcher.requests) flags |= wanting(request, flow, row_of(change.event).wanted_by, older);
   if (!flags || is_to_wait(connection, flow, change.event)) return;
   const bool is_own = change.author.origin.generation == connection.generation();
   if (is_own && !(flags & kOwn) && !watcher.pause)
@@ -344,14 +347,14 @@ bool Monitors::walk(Connection &connection, std::uint32_t xid, std::uint32_t &cu
 }
 
 bool Monitors::send_initial(Connection &connection, Watcher &watcher) {
-  for (Group &group : watcher.groups) {
-    if (!group.told) continue;
-    const auto put = [&group](Writer &out, const FlowEntry &flow) {
-      if (const std::uint16_t flags = wanting(group, flow, kInitial, nullptr))
+  for (MonitorRequest &request : watcher.requests) {
+    if (!request.told) continue;
+    const auto put = [&request](Writer &out, const FlowEntry &flow) {
+      if (const std::uint16_t flags = wanting(request, flow, kInitial, nullptr))
         put_update(out, flow, kAdded, kDeleted, flags & kInstructions);
     };
-    if (!walk(connection, group.xid, *group.told, true, put)) return false;
-    group.told.reset();
+    if (!walk(connection, request.xid, *request.told, true, put)) return false;
+    request.told.reset();
     if (watcher.pause) watcher.pause->newest_told = sw_.flows.table().newest_index();
   }
   return true;
@@ -365,8 +368,8 @@ bool Monitors::send_changed(Connection &connection, Watcher &watcher) {
     const bool is_modified = flow.created_ns < pause.since.at_ns;
     const FlowEvent event = is_modified ? FlowEvent::modified : FlowEvent::added;
     std::uint16_t flags = 0;
-    for (const Group &group : watcher.groups)
-      flags |= wanting(group, flow, row_of(event).wanted_by, nullptr, is_modified || flow.replaces);
+    for (const MonitorRequest &request : watcher.requests)
+      flags |= wanting(request, flow, row_of(event).wanted_by, nullptr, is_modified || flow.replaces);
     if (flags) put_update(out, flow, row_of(event).wire, kDeleted, flags & kInstructions);
   };
   while (walk(connection, 0, pause.told, false, put)) {

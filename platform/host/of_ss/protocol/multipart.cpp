@@ -117,13 +117,13 @@ void put_property(Writer &out, Property type, Fill &&fill) {
   out.pad8(start);
 }
 
-void put_match_fields(Writer &out, const Abilities &target, bool with_masks) {
+void put_match_fields(Writer &out, const TargetCapabilities &target, bool with_masks) {
   for (std::size_t number = 0; number < kOxmAppType; ++number)
     if (const OxmField &field = oxm_field(number); field.supported && target.matches(number))
       out.u32(oxm_header(field, with_masks && field.maskable));
 }
 
-void put_set_fields(Writer &out, const Abilities &target) {
+void put_set_fields(Writer &out, const TargetCapabilities &target) {
   for (std::uint8_t number = 0; number < kOxmAppType; ++number)
     if (target.sets(number)) out.u32(oxm_header(oxm_field(number), false));
 }
@@ -136,7 +136,7 @@ void put_ids(Writer &out, const std::vector<Capability> &kinds) {
   }
 }
 
-void put_table_features(Writer &out, std::uint8_t table, const Abilities &target, std::uint32_t capacity) {
+void put_table_features(Writer &out, std::uint8_t table, const TargetCapabilities &target, std::uint32_t capacity) {
   const std::size_t start = out.size();
   out.u16(0);
   out.u8(table);
@@ -160,7 +160,7 @@ Verdict table_features(Switch &sw, Connection &connection, Bytes request) {
   if (request.size() > kBody || be16(request, 10) & kMore)
     return refuse(err::kTableFeaturesEperm, "table features", "the features of the tables cannot be changed");
   Parts parts(sw.scratch, connection, request);
-  const Abilities translated = by_entries(sw.target());
+  const TargetCapabilities translated = by_entries(sw.target());
   for (std::uint8_t table = 0; table < kTableCount; ++table)
     put_table_features(parts.entry(), table, table == kServiceChainTable ? translated : sw.target(), sw.flows.capacity());
   parts.end();

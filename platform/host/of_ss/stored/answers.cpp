@@ -63,7 +63,7 @@ int answered(void *, const qx_obj *object) {
   return 0;
 }
 
-// A published record means that the flow is idle.
+// A published record, which is not stored, reports an idle flow (idle_watch.h of the programming service).
 int counted(void *, const qx_obj *counter) {
   if (counter->cmd != QX_MOM_CMD_SET && counter->cmd != QX_MOM_CMD_PUBLISH) return 0;
   std::array<std::byte, sb::kStatReplyLen> message{};

@@ -59,10 +59,10 @@ void doubt_flow(qx_global *global, std::uint64_t index) {
 void repair(Agent &agent, const std::vector<Difference> &differences) {
   bool others = false;
   for (const Difference &difference : differences) {
-    if (difference.what == Difference::meter_not_asked_for)
+    if (difference.what == Difference::kMeterNotAskedFor)
       agent.of_switch().meters.delete_stray(static_cast<std::uint32_t>(difference.number));
     else
-      others |= difference.what != Difference::flow_left_in_target;
+      others |= difference.what != Difference::kFlowLeftInTarget;
   }
   if (others) agent.of_switch().replay.ask(agent.of_switch().now());
 }
@@ -137,7 +137,7 @@ void Audit::note(std::vector<Difference> confirmed) {
   if (!mom::hub()->takes_writes()) return;
   ++counts_.repairs;
   for (const Difference &difference : confirmed_)
-    if (difference.what == Difference::flow_left_in_target) doubt_flow(global_, difference.number);
+    if (difference.what == Difference::kFlowLeftInTarget) doubt_flow(global_, difference.number);
   agent_.run([this](Agent &agent) { repair(agent, confirmed_); });
 }
 

@@ -133,21 +133,21 @@ void add_rest(const Records &records, Difference::What what, std::vector<Differe
 // removed.
 void add_left(const Held &held, std::vector<Difference> &found) {
   for (const auto &[index, record] : held.flows)
-    if (record.good && !record.stored && !record.asked) found.push_back({Difference::flow_left_in_target, index});
+    if (record.good && !record.stored && !record.asked) found.push_back({Difference::kFlowLeftInTarget, index});
 }
 
 void compare_flows(const Agent &agent, std::span<const std::uint64_t> indexes, Held &held, std::vector<Difference> &found) {
   for (const std::uint64_t index : indexes)
     if (const FlowEntry *flow = agent.flows().table().by_index(index))
-      compare_one(held.flows, index, flow->southbound(), Difference::flow_not_stored, found);
-  add_rest(held.flows, Difference::flow_not_asked_for, found);
+      compare_one(held.flows, index, flow->southbound(), Difference::kFlowNotStored, found);
+  add_rest(held.flows, Difference::kFlowNotAskedFor, found);
   add_left(held, found);
 }
 
 void compare_meters(const Agent &agent, Held &held, std::vector<Difference> &found) {
   for (const auto &[id, meter] : agent.of_switch().meters.all())
-    compare_one(held.meters, id, meter.message, Difference::meter_not_stored, found);
-  add_rest(held.meters, Difference::meter_not_asked_for, found);
+    compare_one(held.meters, id, meter.message, Difference::kMeterNotStored, found);
+  add_rest(held.meters, Difference::kMeterNotAskedFor, found);
 }
 
 }  // namespace
@@ -189,13 +189,13 @@ void Look::note(std::uint64_t index, Bytes message, Sight::Side side) {
 
 int Look::take_flow(const qx_obj *object, void *look) {
   if (const auto *flow = flow_of(object))
-    static_cast<Look *>(look)->note(flow->index->flow_index, bytes_of(flow->flow_data), Sight::stored);
+    static_cast<Look *>(look)->note(flow->index->flow_index, bytes_of(flow->flow_data), Sight::kStored);
   return 0;
 }
 
 int Look::take_answer(const qx_obj *object, void *look) {
   if (const auto *answer = answer_of(object); answer && is_installed(*answer))
-    static_cast<Look *>(look)->note(answer->index->flow_index, {}, Sight::confirmed);
+    static_cast<Look *>(look)->note(answer->index->flow_index, {}, Sight::kConfirmed);
   return 0;
 }
 
@@ -219,7 +219,7 @@ Look::Part Look::walk_asked() {
   const bool ran = agent_.run([&](Agent &agent) {
     const FlowTable &table = agent.flows().table();
     for (std::size_t n = 0; n < kAskedStep && (flow = table.next(cursor_)); ++n)
-      note(flow->index(), flow->southbound(), Sight::asked);
+      note(flow->index(), flow->southbound(), Sight::kAsked);
   });
   return !ran ? Part::failed : flow ? Part::more : Part::over;
 }
@@ -235,11 +235,11 @@ void Look::compare_bucket(std::vector<Sight> &sights) {
     bool alike = true;
     for (; at != end; ++at) {
       sides |= 1U << at->side;
-      if (at->side == Sight::confirmed) continue;
+      if (at->side == Sight::kConfirmed) continue;
       alike &= !content || *content == at->content;
       content = &at->content;
     }
-    if (!alike || sides != (1U << Sight::stored | 1U << Sight::confirmed | 1U << Sight::asked)) candidates_.push_back(index);
+    if (!alike || sides != (1U << Sight::kStored | 1U << Sight::kConfirmed | 1U << Sight::kAsked)) candidates_.push_back(index);
   }
   std::vector<Sight>().swap(sights);
 }

@@ -21,15 +21,15 @@ namespace host::of_ss {
 
 struct Difference {
   enum What : std::uint8_t {
-    flow_not_stored,
-    flow_stored_otherwise,
-    flow_not_confirmed,
-    flow_not_asked_for,
-    meter_not_stored,
-    meter_stored_otherwise,
-    meter_failed,
-    meter_not_asked_for,
-    flow_left_in_target,
+    kFlowNotStored,
+    kFlowStoredOtherwise,
+    kFlowNotConfirmed,
+    kFlowNotAskedFor,
+    kMeterNotStored,
+    kMeterStoredOtherwise,
+    kMeterFailed,
+    kMeterNotAskedFor,
+    kFlowLeftInTarget,
   };
   What what;
   std::uint64_t number;  // flow index, or meter number
@@ -52,7 +52,7 @@ class Look {
   enum class Part : std::uint8_t { more, over, failed };
   // A flow as seen on one side. Stored and requested flows agree if their contents do.
   struct Sight {
-    enum Side : std::uint8_t { stored, confirmed, asked };
+    enum Side : std::uint8_t { kStored, kConfirmed, kAsked };
     std::uint64_t index;
     std::uint32_t content;  // hash of the southbound message; 0 for an answer
     Side side;

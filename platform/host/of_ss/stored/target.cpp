@@ -15,12 +15,12 @@ namespace {
 
 // Loop's thread.
 qx_global *g_global;
-std::function<void(const Abilities &)> g_changed;
-Abilities g_target;
+std::function<void(const TargetCapabilities &)> g_changed;
+TargetCapabilities g_target;
 
-// ---- the record, which anybody may have written
+// ---- the record, which any process may have written
 
-// A number within the library's own limit; 0 leaves what holds without a record.
+// Lowers the limit to the announced number; 0 leaves the library's own.
 template <typename T>
 void take_limit(const char *what, std::uint32_t told, T &limit) {
   const T most = limit;
@@ -34,7 +34,7 @@ void take_bits(const char *what, std::uint64_t told, std::uint64_t known, std::u
   if (told != 0) bits = told & known;
 }
 
-void take_name(const char *told, Abilities &to) {
+void take_name(const char *told, TargetCapabilities &to) {
   const std::string_view name = told ? told : "";
   const auto printable = [](char c) { return c > ' ' && c < 0x7f; };
   std::copy_if(name.begin(), name.begin() + static_cast<std::ptrdiff_t>(std::min(name.size(), std::size(to.name) - 1)), to.name,
@@ -42,8 +42,8 @@ void take_name(const char *told, Abilities &to) {
   if (!to.name[0]) std::string_view("unnamed").copy(to.name, std::size(to.name) - 1);
 }
 
-Abilities abilities_in(const STarget__Capabilities &record) {
-  Abilities target;
+TargetCapabilities capabilities_in(const STarget__Capabilities &record) {
+  TargetCapabilities target;
   take_name(record.name, target);
   target.flows = record.flows;
   take_limit("meters", record.meters, target.meters);
@@ -58,7 +58,7 @@ Abilities abilities_in(const STarget__Capabilities &record) {
   return target;
 }
 
-void now_is(const Abilities &target) {
+void now_is(const TargetCapabilities &target) {
   if (std::exchange(g_target, target) == target) return;
   if (target == kUnannounced)
     log::info("no target is announced any more: what every target reads from entries is accepted");
@@ -71,7 +71,7 @@ void now_is(const Abilities &target) {
 
 void take(const qx_obj &object) {
   const auto *record = static_cast<const STarget__Capabilities *>(object.value);
-  if (record && record->index && record->index->unit == 1) now_is(abilities_in(*record));
+  if (record && record->index && record->index->unit == 1) now_is(capabilities_in(*record));
 }
 
 // Changes may have been missed while the database was away.
@@ -97,7 +97,7 @@ int told(void *, const qx_obj *object) {
 
 }  // namespace
 
-void watch_target(qx_global *global, std::function<void(const Abilities &target)> changed) {
+void watch_target(qx_global *global, std::function<void(const TargetCapabilities &target)> changed) {
   g_global = global;
   g_changed = std::move(changed);
   g_target = kUnannounced;
@@ -107,7 +107,7 @@ void watch_target(qx_global *global, std::function<void(const Abilities &target)
                    told);
 }
 
-const Abilities &announced_target() {
+const TargetCapabilities &announced_target() {
   look();
   return g_target;
 }

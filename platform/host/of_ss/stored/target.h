@@ -3,16 +3,16 @@
 
 #include <functional>
 
-#include "host/of_ss/wire/abilities.h"
+#include "host/of_ss/wire/target_capabilities.h"
 #include "qx_runtime.h"
 
 namespace host::of_ss {
 
-// From now on follows the record, which another process may rewrite or delete, and calls `changed` when the target can do other
-// things than before.
-void watch_target(qx_global *global, std::function<void(const Abilities &target)> changed);
+// Watches the record s_target.capabilities, which another process may rewrite or delete, and calls `changed` with each different
+// announcement.
+void watch_target(qx_global *global, std::function<void(const TargetCapabilities &target)> changed);
 
-// The target as announced last; kUnannounced without a record.
-const Abilities &announced_target();
+// Reads the record; kUnannounced without one. If the database cannot be read, the announcement known so far.
+const TargetCapabilities &announced_target();
 
 }  // namespace host::of_ss

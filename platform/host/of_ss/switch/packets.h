@@ -50,7 +50,7 @@ class Packets {
   // Hands over a packet-out; its actions are laid out as in southbound.h.
   Verdict send(Connection &from, std::uint32_t in_port, Bytes actions, Bytes frame);
 
-  // What the data plane has counted; empty without one.
+  // The data plane's statistics; empty without a data plane.
   const Statistics &statistics() const { return statistics_; }
 
   // ---- for the views

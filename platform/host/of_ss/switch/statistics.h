@@ -1,5 +1,5 @@
-// What the data plane has counted for tables, meters, bands and queues, as it reports about once a second (libss_pkt.h). Openflow
-// thread.
+// The data plane's packet and byte counts of tables, meters, bands and queues, which it reports about once a second
+// (libss_pkt.h). Openflow thread.
 #pragma once
 
 #include <cstdint>
@@ -18,7 +18,7 @@ class Statistics {
   // Takes a report: an array of ss_pkt_statistic. Rows beyond a bound are ignored.
   void take(Bytes report);
 
-  // The latest counts. Before the first report all of them are unknown; later, what was not reported has counted nothing.
+  // The latest counts: kUnknown before the first report, afterwards 0 for anything not reported.
   ss_pkt_statistic of(std::uint32_t kind, std::uint32_t id, std::uint32_t part = 0) const;
   // Calls `visit` with each row of the kind, in the order of `id` and `part`.
   template <typename Visit>

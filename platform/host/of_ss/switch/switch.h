@@ -58,9 +58,9 @@ class Switch {
         bundles(above.bundles),
         monitors(above.monitors) {}
 
-  // What the target can do, which counts for all later requests.
-  const Abilities &target() const { return target_; }
-  void set_target(const Abilities &target) {
+  // The target's capabilities, against which all later requests are checked.
+  const TargetCapabilities &target() const { return target_; }
+  void set_target(const TargetCapabilities &target) {
     target_ = target;
     flows.target_holds(target.flows);
   }
@@ -114,7 +114,7 @@ class Switch {
   FlowMod flow_mod;
 
  private:
-  Abilities target_;
+  TargetCapabilities target_;
   std::int64_t now_ns_ = 0;
   bool clock_is_fresh_ = false;
 };

@@ -153,7 +153,7 @@ Verdict refuse_experimenter(Bytes, const Context &, List &) {
 }
 
 // The field that a set-field sets; null if it cannot be set.
-const OxmField *settable(std::uint32_t header, const Abilities &target) {
+const OxmField *settable(std::uint32_t header, const TargetCapabilities &target) {
   const std::uint8_t number = header >> 9 & 0x7f;
   return header >> 16 == 0x8000 && !(header >> 8 & 1) && target.sets(number) ? &oxm_field(number) : nullptr;
 }
@@ -187,7 +187,7 @@ Verdict refuse_action(Bytes, const Context &, List &) {
   return refuse(err::kBadAction, "actions", "the switch does not carry out this type of action");
 }
 
-// The actions of a list to read. Those of an action set act in this order, wherever they stand (5.10).
+// Selects the actions of a list to read. Those of an action set act in this order, whatever their order in the list (5.10).
 enum class Pass { every, pop, push, dec_ttl, set, group, output };
 constexpr Pass kActionSet[] = {Pass::pop, Pass::push, Pass::dec_ttl, Pass::set, Pass::group, Pass::output};
 
@@ -222,7 +222,7 @@ constexpr ActionRow kActions[] = {
 };
 constexpr ActionRow kUnknownAction{0, "action", 2};
 
-bool does(const ActionRow &row, const Abilities &target) {
+bool does(const ActionRow &row, const TargetCapabilities &target) {
   return row.read && target.does(row.type);
 }
 
@@ -258,7 +258,7 @@ Verdict read_actions(Bytes from, Pass pass, const Context &context, List &list) 
   return {};
 }
 
-// Without its output if there is a group (5.10).
+// An action set with a group does not carry out its output (5.10).
 Verdict read_action_set(Bytes from, const Context &context, List &list) {
   const std::size_t before = list.groups;
   for (const Pass pass : kActionSet) {
@@ -278,7 +278,7 @@ Verdict read_buckets(const GroupPlan &plan, const Context &context, List &list) 
   return {};
 }
 
-// The actions of the buckets follow the group's own entry.
+// Writes the group's entry and, after it, the actions of its buckets.
 Verdict read_group(Bytes action, const Context &context, List &list) {
   if (action.size() != kShortLen) return refuse(err::kActionBadLen, "group", "the length of the action is not 8");
   if (list.in_group || context.of == Of::bucket)
@@ -399,8 +399,8 @@ bool next_action(Bytes &list, SouthboundAction &action) {
   return true;
 }
 
-// The next action as the controller wrote it, behind which what a group stands for is passed over. The number of actions
-// consumed; 0 at the end.
+// Reads the next action that the controller wrote: after a group's entry it skips the actions of the buckets. Returns the number
+// of southbound actions consumed; 0 at the end.
 std::size_t next_written(Bytes &list, SouthboundAction &action) {
   if (!next_action(list, action)) return 0;
   if (action.type != kGroup || action.bytes.size() != sb::kActionGroupLen) return 1;
@@ -421,7 +421,7 @@ const OxmField &set_field_row(const SouthboundAction &action) {
   return oxm_field(std::min<std::size_t>(action.value<std::uint32_t>(sb::kActionBody) >> 9 & 0x7f, kOxmAppType));
 }
 
-// True if the action is long enough for the field that it names; false only for actions not written by read_set_field.
+// True if the action is long enough for the field that it names. Always true for actions written by read_set_field.
 bool holds_field(const SouthboundAction &action) {
   return action.bytes.size() >= sb::kActionValue + set_field_row(action).width && kKnownSets >> set_field_row(action).number & 1;
 }
@@ -609,7 +609,7 @@ std::string wire_actions_text(Bytes instructions) {
   return text.empty() ? "drop" : text;
 }
 
-std::vector<Capability> action_kinds(const Abilities &target) {
+std::vector<Capability> action_kinds(const TargetCapabilities &target) {
   std::vector<Capability> all;
   for (const ActionRow &row : kActions) all.push_back({row.type, row.name, does(row, target)});
   return all;

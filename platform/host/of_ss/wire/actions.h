@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "host/of_ss/wire/abilities.h"
 #include "host/of_ss/wire/oxm.h"
+#include "host/of_ss/wire/target_capabilities.h"
 #include "host/of_ss/wire/wire.h"
 
 namespace host::of_ss {
@@ -52,15 +52,15 @@ std::string actions_text(Bytes flow_mod);
 // The instructions of a flow-mod from the wire, valid or not, in the same form; "..." where the bytes end early.
 std::string wire_actions_text(Bytes instructions);
 
-// A kind in OpenFlow, and whether the switch supports it with that target.
+// A type of action or instruction, and whether the switch supports it with that target.
 struct Capability {
   std::uint16_t type;
   const char *name;
   bool supported;
 };
-std::vector<Capability> action_kinds(const Abilities &target);
+std::vector<Capability> action_kinds(const TargetCapabilities &target);
 std::vector<Capability> instruction_kinds();
-// The actions that the library can ask a target for, as bits.
+// The actions that the library can ask of a target, as bits.
 std::uint64_t known_actions();
 // A named reserved port, and whether flows and packet-outs may output to it.
 struct ReservedPort {

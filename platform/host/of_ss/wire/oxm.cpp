@@ -142,7 +142,7 @@ void keep(const OxmField &row, const std::byte *value, const std::byte *mask, Wi
   if (row.number == kOxmIpProto) match.ip_proto = static_cast<std::uint8_t>(*value);
 }
 
-Verdict decode_field(const WireField &field, const Abilities &target, std::uint64_t &seen, WireMatch &match) {
+Verdict decode_field(const WireField &field, const TargetCapabilities &target, std::uint64_t &seen, WireMatch &match) {
   const std::byte *value;
   const OxmField *row = row_of(field, value);
   if (!row) return refuse(err::kBadField, "unknown field", "the switch does not know this match field");
@@ -335,7 +335,7 @@ std::string value_text(const OxmField &row, const std::byte *at) {
   return row.number == kOxmEthType || row.number == kOxmIpv6Exthdr ? fmt::format("0x{:04x}", number) : std::to_string(number);
 }
 
-Verdict decode_match(Bytes from, const Abilities &target, WireMatch &match) {
+Verdict decode_match(Bytes from, const TargetCapabilities &target, WireMatch &match) {
   match.present = 0;
   match.eth_type = 0;
   if (from.size() < 4) return refuse(err::kMatchBadLen, "match", "the message ends within the match");

@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <string>
 
-#include "host/of_ss/wire/abilities.h"
+#include "host/of_ss/wire/target_capabilities.h"
 #include "host/of_ss/wire/wire.h"
 #include "southbound_view.h"
 
@@ -76,7 +76,7 @@ struct WireMatch {
 };
 
 // Checks and reads the match (with its 4-byte header and padding) at the start of `from`, for that target.
-Verdict decode_match(Bytes from, const Abilities &target, WireMatch &match);
+Verdict decode_match(Bytes from, const TargetCapabilities &target, WireMatch &match);
 
 // True if the match meets the prerequisite `needs`.
 bool satisfies(const WireMatch &match, Needs needs);

@@ -1,5 +1,5 @@
-// Groups of flows with the same table, match bits, output, meter and group of OpenFlow. The groups stay few when the flows are
-// many, so a request by match, port or meter looks at groups instead of at every flow. Openflow thread only.
+// Classes of flows with the same table, bits matched on, output, meter and group. The classes stay few when the flows are many,
+// so a request by match, port, meter or group looks at classes instead of at every flow. Openflow thread only.
 #pragma once
 
 #include <cstdint>
@@ -11,9 +11,9 @@
 
 namespace host::of_ss {
 
-// Numbers distinct values and finds the number of a value. Numbers of removed values are reused. `T` has a `hash`.
+// Gives distinct values numbers and finds the number of a value. Numbers of removed values are reused. `T` has a `hash`.
 template <typename T>
-class Registry {
+class InternTable {
  public:
   template <typename Same>
   std::uint32_t find(std::uint32_t hash, Same &&same) const {
@@ -56,9 +56,9 @@ struct Wanted {
   Bytes match = {};  // matches flows that it covers (match_covers)
 };
 
-class FlowGroups {
+class FlowClasses {
  public:
-  struct Group {
+  struct Class {
     std::uint32_t hash = 0;
     std::uint32_t shape = 0;
     std::uint32_t port = 0;              // as output_port() gives it
@@ -68,28 +68,29 @@ class FlowGroups {
     std::uint32_t flows = 0;
   };
 
-  // Adds a flow to, or removes one from, the group of the flow-mod; returns the group's number.
+  // Adds a flow to the class of the flow-mod, or removes one from the class; join returns the class's number.
   std::uint32_t join(Bytes flow_mod);
   void leave(std::uint32_t number);
-  Group &operator[](std::uint32_t number) { return groups_[number]; }
+  Class &operator[](std::uint32_t number) { return classes_[number]; }
 
-  // The first flows of the groups that may hold wanted flows. Groups whose flows match on exactly the bits of the wanted match
-  // are left out: of them it covers only flows with the same match.
+  // The first flows of the classes that may hold wanted flows; adds the number of their flows to `flows`. Classes whose flows
+  // match on exactly the bits of the wanted match are left out: of them it covers only flows with the same match.
   std::vector<std::uint32_t> covered(const Wanted &wanted, std::size_t &flows) const;
-  // Calls `exact` with each match that an overlapping flow must have, bit for bit, if `match` determines it, otherwise `group`
-  // with the first flow of a group whose flows may overlap; stops when one of them returns true.
-  template <typename Exact, typename InGroup>
-  bool overlap(std::uint8_t table_id, Bytes match, Exact &&exact, InGroup &&group) const {
+  // Calls `exact` with each match that an overlapping flow must have, bit for bit, if `match` determines it, otherwise `in_class`
+  // with the first flow of a class whose flows may overlap; stops when one of them returns true.
+  template <typename Exact, typename InClass>
+  bool overlap(std::uint8_t table_id, Bytes match, Exact &&exact, InClass &&in_class) const {
     std::byte mine[kMaxSouthboundMatch], theirs[kMaxSouthboundMatch];
     const Bytes shape = match_shape(match, mine);
     std::vector<bool> settled(shapes_.size());
     for (std::uint32_t n = 0; n < shapes_.size(); ++n) {
-      if (shapes_[n].groups == 0 || shapes_[n].table_id != table_id || !match_covers(shapes_[n].bits, shape)) continue;
+      if (shapes_[n].classes == 0 || shapes_[n].table_id != table_id || !match_covers(shapes_[n].bits, shape)) continue;
       settled[n] = true;
       if (exact(match_projection(match, shapes_[n].bits, theirs))) return true;
     }
-    for (std::uint32_t n = 0; n < groups_.size(); ++n)
-      if (const Group &g = groups_[n]; g.flows && !settled[g.shape] && shapes_[g.shape].table_id == table_id && group(g.first))
+    for (std::uint32_t n = 0; n < classes_.size(); ++n)
+      if (const Class &c = classes_[n];
+          c.flows && !settled[c.shape] && shapes_[c.shape].table_id == table_id && in_class(c.first))
         return true;
     return false;
   }
@@ -99,12 +100,12 @@ class FlowGroups {
     std::uint32_t hash = 0;
     std::uint8_t table_id = 0;
     std::vector<std::byte> bits;  // as given by match_shape
-    std::uint32_t groups = 0;
+    std::uint32_t classes = 0;
   };
   std::uint32_t shape_of(std::uint8_t table_id, Bytes match);
 
-  Registry<Shape> shapes_;
-  Registry<Group> groups_;
+  InternTable<Shape> shapes_;
+  InternTable<Class> classes_;
 };
 
 }  // namespace host::of_ss

@@ -1,5 +1,5 @@
-// What the target behind the programming service can do, as far as the library can ask for it, and what is assumed of a target
-// that has announced nothing. Requests are checked against it. Plain values, any thread.
+// The capabilities of the target behind the programming service, as far as the library uses them, and those assumed of a target
+// that has announced nothing. Requests are checked against them. Plain values, any thread.
 #pragma once
 
 #include <cstddef>
@@ -19,44 +19,44 @@ constexpr std::uint64_t bits(Number... number) {
   return ((std::uint64_t{1} << number) | ...);
 }
 
-// Numbers and bits are OpenFlow's (1.3.5): match fields as in 7.2.3.7, actions as in 7.2.4. As it stands it is what a target does
-// that reads nothing but a flow's entries.
-struct Abilities {
+// Numbers and bits are OpenFlow's (1.3.5): match fields as in 7.2.3.7, actions as in 7.2.4. The defaults are those of a target
+// that reads only a flow's entries (proto/s_policy_kelim.proto, flow_ace).
+struct TargetCapabilities {
   char name[33] = "";       // of the target; empty: nothing has been announced
   std::uint32_t flows = 0;  // 0: not known
   std::uint32_t meters = kMaxMeters, bands = kMaxBands, queues = kQueueMax;
-  std::uint64_t match_fields = ~std::uint64_t{0};  // every field that the library knows
+  std::uint64_t match_fields = ~std::uint64_t{0};  // all that the library supports
   std::uint64_t set_fields = bits(3, 4, 6, 7, 8);
   std::uint64_t actions = bits(0, 21, 25);
-  bool several_outputs = false;  // outputs at any place of a list
+  bool several_outputs = false;  // carries out whole action lists, with outputs at any place
   bool forwards_packets = false;
 
   bool matches(std::size_t field) const { return match_fields >> field & 1; }
   bool sets(std::size_t field) const { return field < 64 && (set_fields >> field & 1) != 0; }
   bool does(std::uint16_t action) const { return action < 64 && (actions >> action & 1) != 0; }
-  bool operator==(const Abilities &) const = default;
+  bool operator==(const TargetCapabilities &) const = default;
 };
-inline constexpr Abilities kUnannounced{};
+inline constexpr TargetCapabilities kUnannounced{};
 
 // The fields whose values the library can set, if the target can.
 inline constexpr std::uint64_t kKnownSets = kUnannounced.set_fields | bits(11, 12, 13, 14, 15, 16, 26, 27);
 
-// What remains for flows that the service chain translates into entries.
-constexpr Abilities by_entries(Abilities target) {
+// The target's capabilities for flows that the service chain translates into entries.
+constexpr TargetCapabilities by_entries(TargetCapabilities target) {
   target.set_fields &= kUnannounced.set_fields;
   target.actions &= kUnannounced.actions;
   target.several_outputs = false;
   return target;
 }
 
-// How flows carry out a group: its buckets in an order in which no rewrite of one reaches the packet of another.
+// A group for use in a flow's action list: its buckets, in an order in which no rewrite of one reaches the packets of another.
 struct GroupPlan {
   struct Bucket {
     std::span<const std::byte> actions;  // as on the wire
-    bool pops_back = false;              // a tag that it pushes is popped behind it
+    bool pops_back = false;              // a tag that it pushes is popped after it
   };
   std::vector<Bucket> buckets;
-  bool leaves_as_is = true;  // the packet behind the group is what it was before
+  bool leaves_as_is = true;  // after the group the packet is as it was before
 };
 class GroupSource {
  public:
@@ -70,7 +70,7 @@ class GroupSource {
 // What a request is checked against.
 struct Terms {
   std::span<const std::uint32_t> ports;  // the numbers of the switch's ports, ascending
-  const Abilities &target = kUnannounced;
+  const TargetCapabilities &target = kUnannounced;
   const GroupSource *groups = nullptr;  // null: none
 };
 
