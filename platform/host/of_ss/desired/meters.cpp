@@ -171,7 +171,7 @@ void Meters::delete_stray(std::uint32_t id) {
 }
 
 bool Meters::restore(Bytes message, std::int64_t now) {
-  if (message.size() < sb::kMeterBands || message.size() > sb::kMeterBands + kMaxBands * kBandLen ||
+  if (message.size() < sb::kMeterBands || message.size() > sb::kMeterBands + std::size_t{kMaxBands} * kBandLen ||
       (message.size() - sb::kMeterBands) % kBandLen)
     return false;
   if (sb::get<std::uint16_t>(message.data(), sb::kType) != sb::kMeterMod ||
