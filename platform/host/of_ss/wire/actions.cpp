@@ -624,6 +624,7 @@ std::uint64_t known_actions() {
 
 std::vector<Capability> instruction_kinds() {
   std::vector<Capability> all;
+  all.reserve(std::size(kInstructions));
   for (const InstructionRow &row : kInstructions) all.push_back(row.kind);
   return all;
 }
