@@ -56,11 +56,38 @@ class DataPlane(OnInterfaces):
 
     def test_a_port_that_goes_and_comes_back_forwards_again(self):
         self.connect()
-        network.run("ip", "link", "delete", "p2")
-        self.await_that(lambda: self.shown()["ports that are there"] == 2, "the port to be missed")
-        self.assertEqual(self.one.ping(self.two), 0)
-        self.two.plug((1, 2, 3))
-        self.await_that(lambda: self.one.ping(self.two) == 1, "the ping behind the port that is back")
+        away = (  # where p2 goes, and how it comes back
+            (lambda: network.run("ip", "link", "delete", "p2"), lambda: self.two.plug((1, 2, 3))),
+            (lambda: self.rename(("p2", "q2")), lambda: self.rename(("q2", "p2"))),
+            (self.move_away, self.move_back),
+        )
+        for goes, comes_back in away:
+            goes()
+            self.await_that(lambda: self.shown()["ports that are there"] == 2, "the port to be missed")
+            self.assertEqual(self.one.ping(self.two), 0)
+            comes_back()
+            self.await_that(lambda: self.one.ping(self.two) == 1, "the ping behind the port that is back")
+
+    def test_ports_that_change_while_nobody_looks_forward_as_they_are_then(self):
+        self.connect()
+        swap = lambda: self.rename(("p2", "q2"), ("p3", "p2"), ("q2", "p3"))
+        for change, behind_port_2 in ((lambda: (self.move_away(), self.move_back()), self.two), (swap, self.three), (swap, self.two)):
+            self.switch.process.send_signal(signal.SIGSTOP)
+            change()
+            self.switch.process.send_signal(signal.SIGCONT)
+            self.await_that(lambda: self.one.ping(behind_port_2) == 1, f"the ping of host {behind_port_2.number}")
+
+    def rename(self, *names):
+        for old, new in names:
+            network.run("ip", "link", "set", old, "down")
+            network.run("ip", "link", "set", old, "name", new, "up")
+
+    def move_away(self):
+        network.run("ip", "link", "set", "p2", "netns", self.three.process.pid)
+
+    def move_back(self):
+        self.three.run("ip", "link", "set", "p2", "netns", os.getpid())
+        network.run("ip", "link", "set", "p2", "up")
 
     def packet_out(self, packet, actions):
         return e2e.ofctl(self.switch.port, "packet-out", f"in_port=1 packet={packet.hex()} actions={actions}")
