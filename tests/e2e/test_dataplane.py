@@ -15,7 +15,7 @@ import network
 import openflow
 import packet_table
 from interfaces import UDP, OnInterfaces, frame, ipv4, udp
-from packet_table import ACTIONS, EXT_HEADERS, EXT_MATCHES, MATCHES, PACKETS, needed
+from packet_table import A_GROUP, ACTIONS, CONTROLLER, EXT_HEADERS, EXT_MATCHES, MATCHES, PACKETS, needed
 
 NOBODY = 65534
 
@@ -102,13 +102,17 @@ class DataPlane(OnInterfaces):
                 self.assertEqual(list(iter(lambda: network.receive(there), end)), wanted)
             if "port 1" in received:
                 self.assertEqual(network.receive(frames[0]), PACKETS[received["port 1"]])
+            if CONTROLLER in received:
+                self.assertEqual(openflow.packet_in_of(self.controller.receive()).frame, PACKETS[received[CONTROLLER]])
 
     def test_every_field_matches_and_every_action_does_what_the_table_says(self):
         network.run("ip", "link", "add", "br0", "type", "bridge", "mcast_snooping", 0)  # where NORMAL leads to
         self.addCleanup(network.run, "ip", "link", "delete", "br0")
         for interface in ("p1", "p2", "p3", "br0"):
             network.run("ip", "link", "set", interface, "up", *(("master", "br0") if interface != "br0" else ()))
-        frames, client = self.sockets(), self.client(self.switch)
+        frames = self.sockets()
+        client = self.controller = self.client(self.switch)
+        self.add(A_GROUP, command="add-group")
         self.add("priority=9,in_port=1,ip,nw_proto=99,actions=all")
         for field, flow, yes, no in MATCHES:
             self.add(f"priority=5,{flow},actions=output:2")
@@ -123,7 +127,7 @@ class DataPlane(OnInterfaces):
             client.send(openflow.FLOW_MOD, openflow.flow_mod(openflow.DELETE_STRICT, match, priority=5))
             client.barrier()
         for action, actions, sent, received, also in ACTIONS:
-            flow = f"priority=5,in_port=1,{needed(action, sent)}"
+            flow = f"priority=5,in_port=1,{needed(sent)}"
             self.add(f"{flow},actions={actions}")
             frames[0].send(PACKETS[sent])
             self.expect(frames, received, action=action, sent=sent)
