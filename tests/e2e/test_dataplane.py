@@ -15,7 +15,7 @@ import network
 import openflow
 import packet_table
 from interfaces import UDP, OnInterfaces, frame, ipv4, udp
-from packet_table import ACTIONS, EXT_HEADERS, EXT_MATCHES, MATCHES, PACKETS, needed
+from packet_table import A_GROUP, ACTIONS, CONTROLLER, EXT_HEADERS, EXT_MATCHES, MATCHES, PACKETS, needed
 
 NOBODY = 65534
 
@@ -56,11 +56,38 @@ class DataPlane(OnInterfaces):
 
     def test_a_port_that_goes_and_comes_back_forwards_again(self):
         self.connect()
-        network.run("ip", "link", "delete", "p2")
-        self.await_that(lambda: self.shown()["ports that are there"] == 2, "the port to be missed")
-        self.assertEqual(self.one.ping(self.two), 0)
-        self.two.plug((1, 2, 3))
-        self.await_that(lambda: self.one.ping(self.two) == 1, "the ping behind the port that is back")
+        away = (  # where p2 goes, and how it comes back
+            (lambda: network.run("ip", "link", "delete", "p2"), lambda: self.two.plug((1, 2, 3))),
+            (lambda: self.rename(("p2", "q2")), lambda: self.rename(("q2", "p2"))),
+            (self.move_away, self.move_back),
+        )
+        for goes, comes_back in away:
+            goes()
+            self.await_that(lambda: self.shown()["ports that are there"] == 2, "the port to be missed")
+            self.assertEqual(self.one.ping(self.two), 0)
+            comes_back()
+            self.await_that(lambda: self.one.ping(self.two) == 1, "the ping behind the port that is back")
+
+    def test_ports_that_change_while_nobody_looks_forward_as_they_are_then(self):
+        self.connect()
+        swap = lambda: self.rename(("p2", "q2"), ("p3", "p2"), ("q2", "p3"))
+        for change, behind_port_2 in ((lambda: (self.move_away(), self.move_back()), self.two), (swap, self.three), (swap, self.two)):
+            self.switch.process.send_signal(signal.SIGSTOP)
+            change()
+            self.switch.process.send_signal(signal.SIGCONT)
+            self.await_that(lambda: self.one.ping(behind_port_2) == 1, f"the ping of host {behind_port_2.number}")
+
+    def rename(self, *names):
+        for old, new in names:
+            network.run("ip", "link", "set", old, "down")
+            network.run("ip", "link", "set", old, "name", new, "up")
+
+    def move_away(self):
+        network.run("ip", "link", "set", "p2", "netns", self.three.process.pid)
+
+    def move_back(self):
+        self.three.run("ip", "link", "set", "p2", "netns", os.getpid())
+        network.run("ip", "link", "set", "p2", "up")
 
     def packet_out(self, packet, actions):
         return e2e.ofctl(self.switch.port, "packet-out", f"in_port=1 packet={packet.hex()} actions={actions}")
@@ -75,13 +102,17 @@ class DataPlane(OnInterfaces):
                 self.assertEqual(list(iter(lambda: network.receive(there), end)), wanted)
             if "port 1" in received:
                 self.assertEqual(network.receive(frames[0]), PACKETS[received["port 1"]])
+            if CONTROLLER in received:
+                self.assertEqual(openflow.packet_in_of(self.controller.receive()).frame, PACKETS[received[CONTROLLER]])
 
     def test_every_field_matches_and_every_action_does_what_the_table_says(self):
         network.run("ip", "link", "add", "br0", "type", "bridge", "mcast_snooping", 0)  # where NORMAL leads to
         self.addCleanup(network.run, "ip", "link", "delete", "br0")
         for interface in ("p1", "p2", "p3", "br0"):
             network.run("ip", "link", "set", interface, "up", *(("master", "br0") if interface != "br0" else ()))
-        frames, client = self.sockets(), self.client(self.switch)
+        frames = self.sockets()
+        client = self.controller = self.client(self.switch)
+        self.add(A_GROUP, command="add-group")
         self.add("priority=9,in_port=1,ip,nw_proto=99,actions=all")
         for field, flow, yes, no in MATCHES:
             self.add(f"priority=5,{flow},actions=output:2")
@@ -96,7 +127,7 @@ class DataPlane(OnInterfaces):
             client.send(openflow.FLOW_MOD, openflow.flow_mod(openflow.DELETE_STRICT, match, priority=5))
             client.barrier()
         for action, actions, sent, received, also in ACTIONS:
-            flow = f"priority=5,in_port=1,{needed(action, sent)}"
+            flow = f"priority=5,in_port=1,{needed(sent)}"
             self.add(f"{flow},actions={actions}")
             frames[0].send(PACKETS[sent])
             self.expect(frames, received, action=action, sent=sent)

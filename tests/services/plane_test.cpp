@@ -1,5 +1,9 @@
 // The table of the data plane in plain memory: against a linear list, and with a reader beside the writer; the parsing of
-// packets.
+// packets, here and in the kernel.
+#ifdef KELIM_LINUX_TARGET
+#include <bpf/bpf.h>
+#include <linux/pkt_cls.h>
+#endif
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -16,6 +20,7 @@
 #include "programmer/linux/flow_table.h"
 #include "programmer/linux/meter.h"
 #include "programmer/linux/meters.h"
+#include "programmer/linux/plane.h"
 #include "support/flow_bytes.h"
 
 namespace {
@@ -302,9 +307,11 @@ const Bytes kEth = hex("020000000002 020000000001");
 const Bytes kPorts = hex("03e8 0035 0008 0000");
 
 // The header of IPv4: the first word, then what decides.
-Bytes ipv4(std::string_view length, std::string_view fragment = "0000", std::string_view first = "45") {
+Bytes ipv4(std::string_view length, std::string_view fragment = "0000", std::string_view first = "45",
+           std::string_view proto = "11") {
   const Bytes options(first == "46" ? 4 : 0);
-  return hex(first) + hex("b8") + hex(length) + hex("0001") + hex(fragment) + hex("40 11 0000 0a000001 0a000002") + options;
+  return hex(first) + hex("b8") + hex(length) + hex("0001") + hex(fragment) + hex("40") + hex(proto) +
+         hex("0000 0a000001 0a000002") + options;
 }
 // The header of IPv6, of which `length` and the type of the next header decide.
 Bytes ipv6(std::string_view length, std::string_view next) {
@@ -312,42 +319,58 @@ Bytes ipv6(std::string_view length, std::string_view next) {
          hex("fd000000000000000000000000000001 fd000000000000000000000000000002");
 }
 
+const Bytes kV4 = hex("0800"), kV6 = hex("86dd");
+const Bytes kEight = hex("3c00000000000000 3c00000000000000 3c00000000000000 3c00000000000000") +
+                     hex("3c00000000000000 3c00000000000000 3c00000000000000 3c00000000000000");
+constexpr unsigned kIp = DP_HAS_IP, kAll = DP_HAS_IP | DP_HAS_L4;
+const struct {
+  const char *what;
+  Bytes frame;
+  unsigned eth_type, vlan, has, proto, ext_headers, l4_dst;
+} kParsed[] = {
+    {"IPv4", kEth + kV4 + ipv4("001c") + kPorts, 0x800, 0, kAll, 17, 0, 53},
+    {"options", kEth + kV4 + ipv4("0020", "0000", "46") + kPorts, 0x800, 0, kAll, 17, 0, 53},
+    {"a header that is too short", kEth + kV4 + ipv4("001c", "0000", "44") + kPorts, 0x800, 0, 0, 0, 0, 0},
+    {"another version", kEth + kV4 + ipv4("001c", "0000", "65") + kPorts, 0x800, 0, 0, 0, 0, 0},
+    {"ports behind the packet's end", kEth + kV4 + ipv4("0014") + kPorts, 0x800, 0, kIp, 17, 0, 0},
+    {"the first fragment", kEth + kV4 + ipv4("001c", "2000") + kPorts, 0x800, 0, kAll, 17, 0, 53},
+    {"a later fragment", kEth + kV4 + ipv4("001c", "0001") + kPorts, 0x800, 0, kIp, 17, 0, 0},
+    {"a tag", kEth + hex("8100 a007 0800") + ipv4("001c") + kPorts, 0x800, 0xb007, kAll, 17, 0, 53},
+    {"two tags", kEth + hex("88a8 2005 8100 a007 0800") + ipv4("001c") + kPorts, 0x800, 0x3005, kAll, 17, 0, 53},
+    {"a length", kEth + hex("0026 4242"), 0x5ff, 0, 0, 0, 0, 0},
+    {"IPv6", kEth + kV6 + ipv6("0008", "11") + kPorts, 0x86dd, 0, kAll, 17, 0, 53},
+    {"hop by hop, routing", kEth + kV6 + ipv6("0018", "00") + hex("2b00000000000000 1100000000000000") + kPorts, 0x86dd, 0, kAll,
+     17, DP_EXT_HOP | DP_EXT_ROUTER, 53},
+    {"out of order", kEth + kV6 + ipv6("0018", "2b") + hex("0000000000000000 1100000000000000") + kPorts, 0x86dd, 0, kAll, 17,
+     DP_EXT_HOP | DP_EXT_ROUTER | DP_EXT_DISORDER, 53},
+    {"twice", kEth + kV6 + ipv6("0018", "2b") + hex("2b00000000000000 1100000000000000") + kPorts, 0x86dd, 0, kAll, 17,
+     DP_EXT_ROUTER | DP_EXT_REPEATED, 53},
+    {"a first fragment", kEth + kV6 + ipv6("0010", "2c") + hex("1100000100000000") + kPorts, 0x86dd, 0, kAll, 17, DP_EXT_FRAG,
+     53},
+    {"a fragment of IPv6", kEth + kV6 + ipv6("0010", "2c") + hex("1100000900000000") + kPorts, 0x86dd, 0, kIp, 17, DP_EXT_FRAG,
+     0},
+    {"a header that is cut", kEth + kV6 + ipv6("0010", "2b") + hex("1100"), 0x86dd, 0, kIp, 43, 0, 0},
+    {"a header that lies", kEth + kV6 + ipv6("0018", "2b") + hex("11ff000000000000") + kPorts, 0x86dd, 0, kIp, 17, DP_EXT_ROUTER,
+     0},
+    {"no next header", kEth + kV6 + ipv6("0000", "3b"), 0x86dd, 0, kIp, 59, DP_EXT_NO_NEXT, 0},
+    {"TCP", kEth + kV4 + ipv4("0028", "0000", "45", "06") + hex("03e80050 00000001 00000000 50020400 00000000"), 0x800, 0, kAll,
+     6, 0, 80},
+    {"ICMP", kEth + kV4 + ipv4("001c", "0000", "45", "01") + hex("0303000000000001"), 0x800, 0, kAll, 1, 0, 3},
+    {"ICMP of IPv6", kEth + kV6 + ipv6("0008", "3a") + hex("0104000000000001"), 0x86dd, 0, kAll, 58, 0, 4},
+    {"ICMP of the other version", kEth + kV6 + ipv6("0008", "01") + hex("0303000000000001"), 0x86dd, 0, kIp, 1, 0, 0},
+    {"SCTP", kEth + kV4 + ipv4("001c", "0000", "45", "84") + kPorts, 0x800, 0, kIp, 132, 0, 0},
+    {"a length that lies", kEth + kV4 + ipv4("ffff") + kPorts, 0x800, 0, kAll, 17, 0, 53},
+    {"options that lie", kEth + kV4 + ipv4("003c", "0000", "4f") + kPorts, 0x800, 0, kIp, 17, 0, 0},
+    {"ports behind the payload of IPv6", kEth + kV6 + ipv6("0003", "11") + kPorts, 0x86dd, 0, kIp, 17, 0, 0},
+    {"authentication, options", kEth + kV6 + ipv6("001c", "33") + hex("3c01000000000000 00000001 1100000000000000") + kPorts,
+     0x86dd, 0, kAll, 17, DP_EXT_AUTH | DP_EXT_DEST, 53},
+    {"more headers than are followed", kEth + kV6 + ipv6("0050", "3c") + kEight + hex("1100000000000000") + kPorts, 0x86dd, 0,
+     kIp, 60, DP_EXT_DEST | DP_EXT_REPEATED, 0},
+    {"ARP", kEth + hex("0806 0001 0800 06 04 0001") + Bytes(20), 0x806, 0, 0, 0, 0, 0},
+};
+
 TEST(PlaneParse, ReadsWhatIsThereAndNothingElse) {
-  struct Case {
-    const char *what;
-    Bytes frame;
-    unsigned eth_type, vlan, has, proto, ext_headers, l4_dst;
-  };
-  const Bytes v4 = hex("0800"), v6 = hex("86dd");
-  const unsigned ip = DP_HAS_IP, all = DP_HAS_IP | DP_HAS_L4;
-  const Case cases[] = {
-      {"IPv4", kEth + v4 + ipv4("001c") + kPorts, 0x800, 0, all, 17, 0, 53},
-      {"options", kEth + v4 + ipv4("0020", "0000", "46") + kPorts, 0x800, 0, all, 17, 0, 53},
-      {"a header that is too short", kEth + v4 + ipv4("001c", "0000", "44") + kPorts, 0x800, 0, 0, 0, 0, 0},
-      {"another version", kEth + v4 + ipv4("001c", "0000", "65") + kPorts, 0x800, 0, 0, 0, 0, 0},
-      {"ports behind the packet's end", kEth + v4 + ipv4("0014") + kPorts, 0x800, 0, ip, 17, 0, 0},
-      {"the first fragment", kEth + v4 + ipv4("001c", "2000") + kPorts, 0x800, 0, all, 17, 0, 53},
-      {"a later fragment", kEth + v4 + ipv4("001c", "0001") + kPorts, 0x800, 0, ip, 17, 0, 0},
-      {"a tag", kEth + hex("8100 a007 0800") + ipv4("001c") + kPorts, 0x800, 0xb007, all, 17, 0, 53},
-      {"two tags", kEth + hex("88a8 2005 8100 a007 0800") + ipv4("001c") + kPorts, 0x800, 0x3005, all, 17, 0, 53},
-      {"a length", kEth + hex("0026 4242"), 0x5ff, 0, 0, 0, 0, 0},
-      {"IPv6", kEth + v6 + ipv6("0008", "11") + kPorts, 0x86dd, 0, all, 17, 0, 53},
-      {"hop by hop, routing", kEth + v6 + ipv6("0018", "00") + hex("2b00000000000000 1100000000000000") + kPorts, 0x86dd, 0, all,
-       17, DP_EXT_HOP | DP_EXT_ROUTER, 53},
-      {"out of order", kEth + v6 + ipv6("0018", "2b") + hex("0000000000000000 1100000000000000") + kPorts, 0x86dd, 0, all, 17,
-       DP_EXT_HOP | DP_EXT_ROUTER | DP_EXT_DISORDER, 53},
-      {"twice", kEth + v6 + ipv6("0018", "2b") + hex("2b00000000000000 1100000000000000") + kPorts, 0x86dd, 0, all, 17,
-       DP_EXT_ROUTER | DP_EXT_REPEATED, 53},
-      {"a first fragment", kEth + v6 + ipv6("0010", "2c") + hex("1100000100000000") + kPorts, 0x86dd, 0, all, 17, DP_EXT_FRAG,
-       53},
-      {"a fragment of IPv6", kEth + v6 + ipv6("0010", "2c") + hex("1100000900000000") + kPorts, 0x86dd, 0, ip, 17, DP_EXT_FRAG,
-       0},
-      {"a header that is cut", kEth + v6 + ipv6("0010", "2b") + hex("1100"), 0x86dd, 0, ip, 43, 0, 0},
-      {"a header that lies", kEth + v6 + ipv6("0018", "2b") + hex("11ff000000000000") + kPorts, 0x86dd, 0, ip, 17, DP_EXT_ROUTER,
-       0},
-      {"no next header", kEth + v6 + ipv6("0000", "3b"), 0x86dd, 0, ip, 59, DP_EXT_NO_NEXT, 0},
-  };
-  for (const Case &c : cases) {
+  for (const auto &c : kParsed) {
     SCOPED_TRACE(c.what);
     const dp_key key = parse(c.frame).key;
     EXPECT_EQ((std::array<unsigned, 6>{key.eth_type, key.vlan, key.has, key.proto, key.ext_headers, key.l4_dst}),
@@ -359,8 +382,53 @@ TEST(PlaneParse, ReadsWhatIsThereAndNothingElse) {
       EXPECT_EQ((cut.key.has & DP_HAS_L4) != 0, cut.headers.l4 != 0);
     }
   }
-  EXPECT_EQ(parse(kEth + v4, 0x7003).key.vlan, 0x7003) << "the tag that the kernel keeps beside the frame";
+  EXPECT_EQ(parse(kEth + kV4, 0x7003).key.vlan, 0x7003) << "the tag that the kernel keeps beside the frame";
 }
+
+#ifdef KELIM_LINUX_TARGET
+// The program in the kernel and this build of the same source agree on every field of every frame, cut at every length: a packet
+// finds the flow that matches on exactly what was read here.
+TEST(PlaneParse, TheKernelReadsTheSame) {
+  std::string why;
+  if (!Plane::possible(why)) GTEST_SKIP() << why;
+  const auto plane = Plane::load({.flows = 1000, .ports = {1}}, nullptr, why);
+  ASSERT_TRUE(plane) << why;
+  plane->ports()[0] = {.ifindex = 1, .number = 1};
+  ASSERT_TRUE(plane->set_port(1, 0)) << "test runs arrive at lo";
+  const auto verdict = [&plane](const Bytes &frame) {
+    bpf_test_run_opts run{};
+    run.sz = sizeof run;
+    run.data_in = frame.data();
+    run.data_size_in = static_cast<__u32>(frame.size());
+    return bpf_prog_test_run_opts(plane->program(), &run) == 0 ? static_cast<int>(run.retval) : -errno;
+  };
+  dp_key all;
+  std::memset(&all, 0xff, sizeof all);
+  FlowTable table(plane->tables());
+  dp_flow flow = flow_of(2, 1);
+  flow.actions.output = DP_IN_PORT;
+  for (const auto &c : kParsed)
+    for (const Bytes &tag : {Bytes(), hex("8100 6007")})
+      for (std::size_t length = DP_ETH_LEN; length <= c.frame.size() + tag.size(); ++length) {
+        SCOPED_TRACE(c.what + (", cut to " + std::to_string(length)));
+        Bytes frame = kEth + tag + Bytes(c.frame.begin() + kEth.size(), c.frame.end());
+        frame.resize(length);
+        const Parsed here = parse(frame);
+        flow.actions.sets = here.headers.l3 != 0 ? DP_SET_DSCP : 0;  // which fails without that header
+        const FlowTable::Place place = table.add(here.key, all, flow);
+        ASSERT_NE(place, FlowTable::kNone);
+        const int found = verdict(frame);
+        if (!tag.empty() ||
+            found != -EINVAL) {  // later kernels run no test with a part of an IP header, unless it is behind a tag
+          ASSERT_EQ(found, TC_ACT_REDIRECT);
+          ASSERT_EQ(table.count(place), (programmer::Counters{1, length}));
+        }
+        table.remove(place);
+        rest(table);
+      }
+  EXPECT_EQ(verdict(kParsed[0].frame), TC_ACT_SHOT) << "no flow is left";
+}
+#endif
 
 // ---- meters
 

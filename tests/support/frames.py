@@ -15,15 +15,15 @@ def checksum(data):
     return total ^ 0xFFFF
 
 
-def ipv4(payload=b"", dscp=0, proto=UDP, fragment=0, destination="10.0.0.2"):
-    head = struct.pack("!BBHHHBBH", 0x45, dscp << 2 | 1, 20 + len(payload), 7, fragment, 64, proto, 0)
+def ipv4(payload=b"", dscp=0, proto=UDP, fragment=0, destination="10.0.0.2", ttl=64):
+    head = struct.pack("!BBHHHBBH", 0x45, dscp << 2 | 1, 20 + len(payload), 7, fragment, ttl, proto, 0)
     head += socket.inet_aton("10.0.0.1") + socket.inet_aton(destination)
     return head[:10] + struct.pack("!H", checksum(head)) + head[12:] + payload
 
 
-def ipv6(payload=b"", dscp=0, proto=UDP):
-    head = struct.pack("!IHBB", 6 << 28 | dscp << 22 | 1 << 20 | 5, len(payload), proto, 64)
-    return head + socket.inet_pton(socket.AF_INET6, "fd00::1") + socket.inet_pton(socket.AF_INET6, "fd00::2") + payload
+def ipv6(payload=b"", dscp=0, proto=UDP, hops=64, addresses=("fd00::1", "fd00::2")):
+    head = struct.pack("!IHBB", 6 << 28 | dscp << 22 | 1 << 20 | 5, len(payload), proto, hops)
+    return head + b"".join(socket.inet_pton(socket.AF_INET6, address) for address in addresses) + payload
 
 
 def udp(to, data=b"data"):

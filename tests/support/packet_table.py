@@ -7,7 +7,7 @@ import socket
 import struct
 
 import network
-from frames import UDP, frame, ipv4, ipv6, udp
+from frames import UDP, checksum, frame, ipv4, ipv6, udp
 
 ICMP, TCP, ICMPV6, NO_NEXT, HOP, FRAGMENT = 1, 6, 58, 59, 0, 44
 IPV6 = 0x86DD
@@ -15,7 +15,10 @@ WHOLE, FIRST, LATER = 0, 0x2000, 8  # fragments
 
 
 def tcp(to, source=1000):
-    return struct.pack("!HHIIHHHH", source, to, 1, 0, 0x5002, 1024, 0, 0)
+    """A segment from 10.0.0.1 to 10.0.0.2, to which its checksum belongs."""
+    head = struct.pack("!HHIIHH", source, to, 1, 0, 0x5002, 1024)
+    pseudo = socket.inet_aton("10.0.0.1") + socket.inet_aton("10.0.0.2") + struct.pack("!HH", TCP, 20)
+    return head + struct.pack("!HH", checksum(pseudo + head), 0)
 
 
 def icmp(kind, code=0):
@@ -48,6 +51,8 @@ PACKETS = {
     "from 10.0.0.2": frame(other_source(LONG, "10.0.0.1")),
     "DSCP 10": frame(ipv4(udp(53), dscp=10)),
     "DSCP 46": frame(ipv4(udp(53), dscp=46)),
+    "TTL 63": frame(ipv4(udp(53), ttl=63)),
+    "TTL 9": frame(ipv4(udp(53), ttl=9)),
     "first fragment": frame(ipv4(udp(53), fragment=FIRST)),
     "later fragment": frame(ipv4(udp(53), fragment=LATER)),
     "UDP cut before its ports": frame(LONG[:20]),
@@ -58,6 +63,8 @@ PACKETS = {
     "IPv6 UDP > 54": frame(ipv6(udp(54)), IPV6),
     "IPv6 TCP > 80": frame(ipv6(tcp(80), proto=TCP), IPV6),
     "IPv6 DSCP 46": frame(ipv6(udp(53), dscp=46), IPV6),
+    "IPv6 hop limit 63": frame(ipv6(udp(53), hops=63), IPV6),
+    "IPv6 from fd00::9 to fd00::8": frame(ipv6(udp(53), addresses=("fd00::9", "fd00::8")), IPV6),
     "IPv6 echo request": frame(ipv6(icmp(128), proto=ICMPV6), IPV6),
     "IPv6 port unreachable": frame(ipv6(icmp(1, 4), proto=ICMPV6), IPV6),
     "hop-by-hop, UDP > 53": frame(ipv6(struct.pack("!BB6x", UDP, 0) + udp(53), proto=HOP), IPV6),
@@ -70,6 +77,7 @@ PACKETS = {
     "from another MAC": frame(LONG, source=network.mac(9)),
     "to another MAC": frame(LONG, destination=network.mac(9)),
     "to ...:77 from ...:66": frame(LONG, destination=network.mac(0x77), source=network.mac(0x66)),
+    "VLAN 7, priority 0": frame(LONG, tag=7),
     "VLAN 7, priority 3": frame(LONG, tag=0x6007),
     "VLAN 7, priority 5": frame(LONG, tag=0xA007),
     "VLAN 8, priority 3": frame(LONG, tag=0x6008),
@@ -123,29 +131,44 @@ EXT_MATCHES = (  # flow: bits, mask; packets that match, packets that do not
     (1, 1, ["no next header"], ["IPv6 UDP > 53"]),
     (0, 0x1FF, ["IPv6 UDP > 53"], ["hop-by-hop, UDP > 53", "no next header"]),
 )
-P2, P3, BACK = "port 2", "port 3", "port 1"
+P2, P3, BACK, CONTROLLER = "port 2", "port 3", "port 1", "controller"
+A_GROUP = "group_id=1,type=all,bucket=output:2,bucket=set_field:54->udp_dst,output:3"
 ACTIONS = (  # action, actions, sent, received where, whether a packet-out with these actions does the same
     ("output", "output:2", "UDP 1000 > 53", {P2: "UDP 1000 > 53"}, True),
     ("output IN_PORT", "in_port", "UDP 1000 > 53", {BACK: "UDP 1000 > 53"}, True),
     ("output ALL", "all", "UDP 1000 > 53", {P2: "UDP 1000 > 53", P3: "UDP 1000 > 53"}, True),
     ("output NORMAL", "normal", "UDP 1000 > 53", {P2: "UDP 1000 > 53", P3: "UDP 1000 > 53"}, False),
+    ("output CONTROLLER", "controller", "UDP 1000 > 53", {CONTROLLER: "UDP 1000 > 53"}, True),
     ("output to the port it came from", "output:1", "UDP 1000 > 53", {}, True),
+    ("several outputs", "output:2,set_field:54->udp_dst,output:3", "UDP 1000 > 53", {P2: "UDP 1000 > 53", P3: "UDP 1000 > 54"}, True),
+    ("group", "group:1", "UDP 1000 > 53", {P2: "UDP 1000 > 53", P3: "UDP 1000 > 54"}, True),
     ("none", "drop", "UDP 1000 > 53", {}, True),
     ("set_queue", "set_queue:3,output:2", "UDP 1000 > 53", {P2: "UDP 1000 > 53"}, True),
+    ("push_vlan", "push_vlan:0x8100,set_field:4103->vlan_vid,output:2", "UDP 1000 > 53", {P2: "VLAN 7, priority 0"}, True),
+    ("pop_vlan", "pop_vlan,output:2", "VLAN 7, priority 3", {P2: "UDP 1000 > 53"}, True),
+    ("set_nw_ttl", "mod_nw_ttl:9,output:2", "UDP 1000 > 53", {P2: "TTL 9"}, True),
+    ("dec_nw_ttl", "dec_ttl,output:2", "UDP 1000 > 53", {P2: "TTL 63"}, True),
+    ("dec_nw_ttl", "dec_ttl,output:2", "IPv6 UDP > 53", {P2: "IPv6 hop limit 63"}, True),
     ("set_field eth_dst, eth_src", f"set_field:{A_MAC}:77->eth_dst,set_field:{A_MAC}:66->eth_src,output:2", "UDP 1000 > 53",
      {P2: "to ...:77 from ...:66"}, True),
     ("set_field vlan_vid", "set_field:4104->vlan_vid,output:2", "VLAN 7, priority 3", {P2: "VLAN 8, priority 3"}, True),
     ("set_field vlan_pcp", "set_field:5->vlan_pcp,output:2", "VLAN 7, priority 3", {P2: "VLAN 7, priority 5"}, True),
     ("set_field ip_dscp", "set_field:46->ip_dscp,output:2", "DSCP 10", {P2: "DSCP 46"}, True),
     ("set_field ip_dscp", "set_field:46->ip_dscp,output:2", "IPv6 UDP > 53", {P2: "IPv6 DSCP 46"}, True),
+    ("set_field ipv4_src, ipv4_dst", "set_field:10.0.0.2->ip_src,set_field:10.0.0.1->ip_dst,output:2", "UDP 1000 > 53",
+     {P2: "from 10.0.0.2"}, True),
+    ("set_field ipv6_src, ipv6_dst", "set_field:fd00::9->ipv6_src,set_field:fd00::8->ipv6_dst,output:2", "IPv6 UDP > 53",
+     {P2: "IPv6 from fd00::9 to fd00::8"}, True),
+    ("set_field tcp_src", "set_field:1001->tcp_src,output:2", "TCP 1000 > 80", {P2: "TCP 1001 > 80"}, True),
+    ("set_field tcp_dst", "set_field:81->tcp_dst,output:2", "TCP 1000 > 80", {P2: "TCP 1000 > 81"}, True),
+    ("set_field udp_src", "set_field:1001->udp_src,output:2", "UDP 1000 > 53", {P2: "UDP 1001 > 53"}, True),
+    ("set_field udp_dst", "set_field:54->udp_dst,output:2", "UDP 1000 > 53", {P2: "UDP 1000 > 54"}, True),
 )
 
 
-def needed(action, sent):
-    """What a flow has to match on, so that it may have the action."""
-    if "ip_dscp" in action:
-        return "ipv6" if sent.startswith("IPv6") else "ip"
-    return "dl_vlan=7" if "vlan" in action else ""
+def needed(sent):
+    """What a flow matches on, so that it gets the packet and may have the actions of its row."""
+    return next((match for kind, match in (("VLAN", "dl_vlan=7"), ("IPv6", "udp6"), ("TCP", "tcp")) if sent.startswith(kind)), "udp")
 
 
 def row(*cells):

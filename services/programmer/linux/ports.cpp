@@ -43,6 +43,7 @@ std::unique_ptr<Ports> Ports::open(const Context &context, Plane &plane, std::ve
   for (const PortName &port : ports->names_)
     if (!claim(port, ports->claims_, why)) return nullptr;
   if (!ports->listen(why)) return nullptr;
+  ports->abandon_lost();
   for (std::uint32_t place = 0; place < ports->names_.size(); ++place)
     if (!ports->begin(place, why)) return nullptr;
   ports->thread_ = std::thread(&Ports::run, ports.get());
@@ -129,25 +130,33 @@ std::vector<ss_pkt_statistic> Ports::queues() const {
 // Takes the port's interface even if an earlier service has already recorded it in the map.
 bool Ports::begin(std::uint32_t place, std::string &why) {
   const std::uint32_t now = if_nametoindex(names_[place].interface.c_str());
-  if (now == 0 || now != plane_.ports()[place].ifindex) return follow(place, why);
-  return take(now, place, why);
+  return now == 0 || take(now, place, why);
 }
 
 void Ports::follow() {
   const std::lock_guard lock(following_);
+  abandon_lost();
   for (std::uint32_t place = 0; place < names_.size(); ++place) {
     std::string why;
     if (!follow(place, why)) PROGRAMMER_LOG(context_, QX_ZLOG_ERROR, "%s", why.c_str());
   }
 }
 
-// Adapts one port to the interface that now has its name, if any.
+// Leaves all interfaces that no longer have their port's name before any is taken, because they may have another port's name now.
+void Ports::abandon_lost() {
+  for (std::uint32_t place = 0; place < names_.size(); ++place) {
+    const std::uint32_t before = plane_.ports()[place].ifindex;
+    if (before != 0 && before != if_nametoindex(names_[place].interface.c_str())) leave(before, place);
+  }
+}
+
+// Takes the interface that now has the port's name, if any; also the same one again if it has lost the program, as it does on its
+// way through another network namespace.
 bool Ports::follow(std::uint32_t place, std::string &why) {
   const std::uint32_t now = if_nametoindex(names_[place].interface.c_str());
   const std::uint32_t before = plane_.ports()[place].ifindex;
-  if (now == before) return true;
-  if (before != 0) leave(before, place);
-  return now == 0 || take(now, place, why);
+  if (now == 0 || (before != 0 && now != before)) return true;  // what has changed just now has its own notice
+  return (now == before && filters::program_of(now) != 0) || take(now, place, why);
 }
 
 bool Ports::take(std::uint32_t interface, std::uint32_t place, std::string &why) {

@@ -60,6 +60,7 @@ class Ports {
   void run();
   void follow();
   void look_at_queues();
+  void abandon_lost();
   bool follow(std::uint32_t place, std::string &why);
   bool begin(std::uint32_t place, std::string &why);
   int put_program(std::uint32_t interface) const;
