@@ -1,4 +1,4 @@
-// Objects of one type in key order: a directory of sorted blocks of at most 128 objects.
+// Objects of one type in key order: a directory of sorted blocks of at most 127 objects.
 //
 // Two levels are enough for millions of objects (10^6: 8,000 blocks whose directory fits the second-level cache), and a block
 // takes 24 bytes per object, against 64 and more in a node-based tree. Keys are kept apart from the pointers, so that a lookup
@@ -53,13 +53,14 @@ class SortedIndex {
   std::size_t bytes() const { return directory_.capacity() * sizeof(Entry) + directory_.size() * sizeof(Block); }
 
  private:
-  static constexpr std::size_t kBlockMax = 128;
+  static constexpr std::size_t kBlockMax = 127;  // a block takes 3 KiB, which allocators serve without a remainder
   static constexpr std::size_t kMergeBelow = 32;
   struct Block {
     std::size_t count = 0;
     std::array<KeyHead, kBlockMax> heads;
     std::array<Object *, kBlockMax> objects;
   };
+  static_assert(sizeof(Block) <= 3072);
   struct Entry {
     KeyHead first;  // of the block's first object
     std::unique_ptr<Block> block;
