@@ -45,8 +45,10 @@ struct List {
 constexpr Verdict kTooManyActions{&err::kTooMany, "actions", "more actions than a flow may have"};
 constexpr Verdict kAfterOutput{&err::kUnsupportedOrder, "actions", "the action comes after the output and would act on nothing"};
 constexpr Verdict kAfterNormal{&err::kUnsupportedOrder, "actions", "nothing can follow output NORMAL"};
-constexpr Verdict kAfterGroup{&err::kUnsupportedOrder, "actions", "the rewrites of the group before it would reach the packet"};
-constexpr Verdict kAnotherPacket{&err::kMatchInconsistent, "actions", "the flow also matches packets that it cannot act on"};
+constexpr Verdict kAfterGroup{&err::kUnsupportedOrder, "actions",
+                              "the rewrites of the group before the action would reach its packet"};
+constexpr Verdict kAnotherPacket{&err::kMatchInconsistent, "actions",
+                                 "the action does not fit every packet that the flow matches"};
 
 // An action of a flow other than an output: the target may have to act where the output stands.
 Verdict check_place(const Context &context, const List &list) {
