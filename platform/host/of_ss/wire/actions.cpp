@@ -145,7 +145,7 @@ Verdict read_dec_ttl(Bytes action, const Context &context, List &list) {
 }
 
 Verdict refuse_group(Bytes, const Context &, List &) {
-  return refuse(err::kBadOutGroup, "group", "the switch has no groups");
+  return refuse(err::kBadOutGroup, "group", "the target carries out no groups");
 }
 
 Verdict read_group(Bytes action, const Context &context, List &list);
