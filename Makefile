@@ -35,7 +35,7 @@ demo: ## shows the daemon at work with a real OpenFlow client, and checks what i
 	@tools/demo/demo $(call bin,$(PRESET))
 
 .PHONY: demo-packets
-demo-packets: ## shows flows and a meter at work on real packets between two hosts in network namespaces (needs root)
+demo-packets: ## shows flows and meters at work on real packets between two hosts in network namespaces (needs root)
 	$(call packages)
 	$(call build,$(PRESET),$(programs))
 	@tools/demo/packets $(call bin,$(PRESET))

@@ -128,7 +128,7 @@ const char *read_match(Bytes bytes, Entry &entry) {
   Message match;
   if (!match.read(bytes)) return "a match that cannot be read";
   const std::uint64_t wanted = match.number(kBitmap);
-  if ((wanted & ~kKnownRules) != 0) return "a match on what no packet shows";
+  if ((wanted & ~kKnownRules) != 0) return "a match on an unsupported field";
   entry.value.in_port = static_cast<std::uint32_t>(match.number(kInPort));
   entry.mask.in_port = entry.value.in_port != 0 ? ~std::uint32_t{0} : 0;
   for (const RuleRow &row : kRules)
@@ -166,7 +166,7 @@ const char *read_actions(Bytes bytes, bool sets_priority, EntryActions &out) {
   Message actions;
   if (!actions.read(bytes)) return "actions that cannot be read";
   std::uint64_t wanted = actions.number(kBitmap);
-  if ((wanted & bit(ACTION(L3_SWITCH))) != 0) return "an action that routes";
+  if ((wanted & bit(ACTION(L3_SWITCH))) != 0) return "an unsupported action, routing";
   if (!sets_priority) wanted &= ~bit(ACTION(COS));
   for (const RewriteRow &row : kRewrites) {
     if ((wanted & bit(row.bit)) == 0) continue;

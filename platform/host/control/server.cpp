@@ -51,18 +51,18 @@ std::string share(const std::string &path, gid_t group) {
 }
 
 // A peer without credentials counts as a member of the group.
-LineServer::Asker asker_of(int fd) {
+LineServer::Access access_of(int fd) {
   ucred peer{};
   socklen_t length = sizeof peer;
   const bool known = getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0;
-  return known && (peer.uid == 0 || peer.uid == geteuid()) ? LineServer::Asker::owner : LineServer::Asker::group;
+  return known && (peer.uid == 0 || peer.uid == geteuid()) ? LineServer::Access::owner : LineServer::Access::group;
 }
 
 }  // namespace
 
 struct LineServer::Client {
   LineServer *server;
-  Asker asker;
+  Access access;
   std::unique_ptr<bufferevent, BuffereventDeleter> socket;
   bool closing = false;  // removed once its answer is sent
   std::shared_ptr<void> stream{};
@@ -133,7 +133,7 @@ void LineServer::accept(int fd) {
     ::close(fd);
     return;
   }
-  Client &client = clients_.emplace_back(Client{this, asker_of(fd), std::unique_ptr<bufferevent, BuffereventDeleter>(socket)});
+  Client &client = clients_.emplace_back(Client{this, access_of(fd), std::unique_ptr<bufferevent, BuffereventDeleter>(socket)});
   bufferevent_setwatermark(socket, EV_READ, 0, kLongestLine + 1);
   bufferevent_set_timeouts(socket, &kIdle, &kStuck);
   const auto ready = [](bufferevent *, void *c) { static_cast<Client *>(c)->server->serve(*static_cast<Client *>(c)); };
@@ -168,7 +168,7 @@ void LineServer::serve(Client &client) {
 }
 
 void LineServer::answer(Client &client, const std::string &line) {
-  Reply reply = words_.answer(line, client.asker, [this, &client](const auto &further) { push(client, further); });
+  Reply reply = words_.answer(line, client.access, [this, &client](const auto &further) { push(client, further); });
   client.send(reply.line);
   client.stream = std::move(reply.stream);
   if (client.stream) bufferevent_set_timeouts(client.socket.get(), nullptr, &kStuck);  // from now on it only reads

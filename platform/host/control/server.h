@@ -32,11 +32,11 @@ class LineServer {
     std::shared_ptr<void> stream;
   };
   // By the credentials of its socket: the process's user or root, otherwise a member of the socket's group.
-  enum class Asker { owner, group };
+  enum class Access { owner, group };
   // The contents of the lines, without line ends.
   struct Words {
     // The answer to a line. It must not call `push` itself.
-    std::function<Reply(const std::string &line, Asker asker, const Push &push)> answer;
+    std::function<Reply(const std::string &line, Access access, const Push &push)> answer;
     // The answer to a line that is too long.
     std::function<std::string(const std::string &why)> refuse;
     // The line to a client beyond the limit.

@@ -101,10 +101,10 @@ struct Call {
 const std::map<std::string, Call, std::less<>> kCalls = {
     {"cmd", {call_command_line, true}}, {"list", {list}}, {"set", {set, true}}, {"view", {call_view}}, {"watch", {call_feed}}};
 
-Reply answer(const json &request, LineServer::Asker asker, const LineServer::Push &push) {
+Reply answer(const json &request, LineServer::Access access, const LineServer::Push &push) {
   if (!request.is_object()) throw Refusal("a request is one JSON object on a line, such as {\"call\":\"list\"}");
   const Call &call = named(kCalls, "call", request.value("call", ""));
-  if (call.changes_things && asker != LineServer::Asker::owner)
+  if (call.changes_things && access != LineServer::Access::owner)
     throw std::runtime_error("commands are for the process's user and root; members of control.group may ask for views");
   return call.answer(request, push);
 }
@@ -126,9 +126,9 @@ json parse(const std::string &line) {
   return json::parse(line, check, false);
 }
 
-Reply answer_line(const std::string &line, LineServer::Asker asker, const LineServer::Push &push) {
+Reply answer_line(const std::string &line, LineServer::Access access, const LineServer::Push &push) {
   try {
-    return answer(parse(line), asker, push);
+    return answer(parse(line), access, push);
   } catch (const Refusal &e) {
     return {refuse(e.what()), nullptr};
   } catch (const json::exception &e) {  // members of the wrong type

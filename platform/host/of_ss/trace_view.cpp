@@ -139,7 +139,7 @@ std::vector<Event> in_order(TraceSnapshot &snapshot) {
 }
 
 // The context for the words and times of a story.
-struct Telling {
+struct StoryContext {
   const Names &controllers;
   std::size_t limit;
   // The time since 1970 at which the host clock was 0.
@@ -211,17 +211,17 @@ json request_json(const Event *begin, const Names &controllers) {
   return shown;
 }
 
-json story_json(const Story &story, const char *kind, const Telling &telling) {
+json story_json(const Story &story, const char *kind, const StoryContext &context) {
   json events = json::array();
   for (const Event *event : story.events) {
-    if (events.size() == telling.limit) break;
-    events.push_back({{"at_us", telling.wall_us(event->at_ns)},
+    if (events.size() == context.limit) break;
+    events.push_back({{"at_us", context.wall_us(event->at_ns)},
                       {"step", row_of(*event).name},
-                      {"text", text_of(*event, telling.controllers)}});
+                      {"text", text_of(*event, context.controllers)}});
     if (is_of_flow(*event)) events.back()["flow"] = event->subject;
   }
   return {{"kind", kind},
-          {"request", request_json(story.begin, telling.controllers)},
+          {"request", request_json(story.begin, context.controllers)},
           {"whole", story.whole},
           {"events", std::move(events)},
           {"total", story.events.size()}};
@@ -269,11 +269,11 @@ TraceSnapshot trace_snapshot(const Agent &agent) {
 
 json trace_view(const TraceQuestion &question, TraceSnapshot &snapshot) {
   const std::vector<Event> all = in_order(snapshot);
-  const Telling telling{snapshot.controllers, question.limit};
+  const StoryContext context{snapshot.controllers, question.limit};
   json stories = json::array();
   std::size_t total = 0;
   const auto add = [&](const char *kind, const std::vector<Story> &found) {
-    for (const Story &story : found) stories.push_back(story_json(story, kind, telling));
+    for (const Story &story : found) stories.push_back(story_json(story, kind, context));
   };
   if (question.index) {
     const auto found = stories_of_flow(all, *question.index);
@@ -287,7 +287,7 @@ json trace_view(const TraceQuestion &question, TraceSnapshot &snapshot) {
   return {{"stories", std::move(stories)},
           {"total", total},
           {"newest_index", snapshot.newest_index},
-          {"since_us", snapshot.since_ns ? json(telling.wall_us(snapshot.since_ns)) : json()}};
+          {"since_us", snapshot.since_ns ? json(context.wall_us(snapshot.since_ns)) : json()}};
 }
 
 }  // namespace host::of_ss

@@ -41,7 +41,7 @@ nlohmann::ordered_json plane() {
     throw std::runtime_error(
         "no programming service runs in this process; kelimctl --process kelim-programmer asks the other one");
   const auto now = programmer::plane();
-  if (!now) throw std::runtime_error("the programming service has another target than linux");
+  if (!now) throw std::runtime_error("the target of the programming service is not linux");
   auto ports = nlohmann::ordered_json::array();
   for (const auto &one : now->ports) ports.push_back(port(one));
   return {{"pinned", !now->pins.empty()},  {"pins", now->pins},       {"unpinned", now->unpinned}, {"in_step", now->in_step},

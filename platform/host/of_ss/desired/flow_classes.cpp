@@ -10,7 +10,7 @@ namespace {
 
 namespace sb = southbound;
 
-bool fits(const FlowClasses::Class &flow_class, const Wanted &wanted) {
+bool fits(const FlowClasses::Class &flow_class, const FlowCriteria &wanted) {
   if (wanted.port && *wanted.port != flow_class.port && flow_class.port != kSeveralPorts) return false;
   if (wanted.group_id &&
       (flow_class.group_id == kGroupAny ||
@@ -55,7 +55,7 @@ void FlowClasses::leave(std::uint32_t number) {
   if (--shapes_[shape].classes == 0) shapes_.drop(shape);
 }
 
-std::vector<std::uint32_t> FlowClasses::covered(const Wanted &wanted, std::size_t &flows) const {
+std::vector<std::uint32_t> FlowClasses::covered(const FlowCriteria &wanted, std::size_t &flows) const {
   std::byte buffer[kMaxSouthboundMatch];
   const Bytes bits = match_shape(wanted.match, buffer);
   std::vector<bool> candidates(shapes_.size());

@@ -48,7 +48,7 @@ class InternTable {
 };
 
 // The criteria of a request; missing ones match everything.
-struct Wanted {
+struct FlowCriteria {
   std::optional<std::uint8_t> table_id = {};
   std::optional<std::uint32_t> port = {}, meter_id = {};  // kMeterAll: any meter
   std::optional<std::uint32_t> group_id = {};             // kGroupAll: any group
@@ -75,7 +75,7 @@ class FlowClasses {
 
   // The first flows of the classes that may hold wanted flows; adds the number of their flows to `flows`. Classes whose flows
   // match on exactly the bits of the wanted match are left out: of them it covers only flows with the same match.
-  std::vector<std::uint32_t> covered(const Wanted &wanted, std::size_t &flows) const;
+  std::vector<std::uint32_t> covered(const FlowCriteria &wanted, std::size_t &flows) const;
   // Calls `exact` with each match that an overlapping flow must have, bit for bit, if `match` determines it, otherwise `in_class`
   // with the first flow of a class whose flows may overlap; stops when one of them returns true.
   template <typename Exact, typename InClass>

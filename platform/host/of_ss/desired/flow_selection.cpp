@@ -5,8 +5,8 @@ namespace {
 
 namespace sb = southbound;
 
-Wanted wanted_by(const FlowMod &mod) {
-  Wanted wanted{.match = southbound_match(mod.southbound())};
+FlowCriteria criteria_of(const FlowMod &mod) {
+  FlowCriteria wanted{.match = southbound_match(mod.southbound())};
   if (mod.table_id != kTableAll) wanted.table_id = mod.table_id;
   if (mod.deletes() && mod.out_port != port::kAny) wanted.port = mod.out_port;
   if (mod.deletes() && mod.out_group != kGroupAny) wanted.group_id = mod.out_group;
@@ -40,7 +40,7 @@ bool selected(const FlowEntry &flow, const FlowMod &filter) {
 }
 
 std::vector<FlowEntry *> targets(const FlowTable &table, const FlowMod &mod, bool strict, std::vector<std::byte> &scratch) {
-  if (!strict) return flows_in_force(table, wanted_by(mod), [&mod](const FlowEntry &flow) { return selected(flow, mod); });
+  if (!strict) return flows_in_force(table, criteria_of(mod), [&mod](const FlowEntry &flow) { return selected(flow, mod); });
   std::vector<FlowEntry *> found;
   for (std::uint8_t table_id = 0; table_id < kTableCount; ++table_id) {
     if (mod.table_id != kTableAll && mod.table_id != table_id) continue;

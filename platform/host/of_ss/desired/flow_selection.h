@@ -23,7 +23,7 @@ std::vector<FlowEntry *> users_of_group(const FlowTable &table, std::uint32_t gr
 
 // The flows in force among the wanted ones that fit, the oldest first, which is the order of the answer.
 template <typename Fits>
-std::vector<FlowEntry *> flows_in_force(const FlowTable &table, const Wanted &wanted, Fits &&fits) {
+std::vector<FlowEntry *> flows_in_force(const FlowTable &table, const FlowCriteria &wanted, Fits &&fits) {
   std::vector<FlowEntry *> found;
   table.each_candidate(wanted, [&found, &fits](FlowEntry &flow) {
     if (fits(flow)) found.push_back(&flow);

@@ -75,7 +75,7 @@ bool FlowTable::is_longer(const ListHead &head, std::size_t than) const {
 }
 
 // The shorter of two sets of lists: the flows with the cookie, or those with exactly the match and the classes that it may cover.
-std::vector<FlowTable::ListHead> FlowTable::candidates(const Wanted &wanted) const {
+std::vector<FlowTable::ListHead> FlowTable::candidates(const FlowCriteria &wanted) const {
   const ListHead with_cookie{wanted.cookie ? first_with_cookie(*wanted.cookie) : kNoSlot, &FlowEntry::with_cookie};
   if (wanted.cookie && !is_longer(with_cookie, kFew)) return {with_cookie};
   std::size_t flows = 0;

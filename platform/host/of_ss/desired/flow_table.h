@@ -132,7 +132,7 @@ class FlowTable {
   FlowEntry *next(std::uint32_t &cursor) const;
   // Calls `visit` with entries in force that include all wanted ones; it must filter them itself, and must not change the table.
   template <typename Visit>
-  void each_candidate(const Wanted &wanted, Visit &&visit) const {
+  void each_candidate(const FlowCriteria &wanted, Visit &&visit) const {
     for (const ListHead &head : candidates(wanted))
       any_in(head, [&visit](FlowEntry &entry) { return entry.in_force && (visit(entry), false); });
   }
@@ -176,7 +176,7 @@ class FlowTable {
       if (visit(*entry)) return true;
     return false;
   }
-  std::vector<ListHead> candidates(const Wanted &wanted) const;
+  std::vector<ListHead> candidates(const FlowCriteria &wanted) const;
   bool is_longer(const ListHead &head, std::size_t than) const;
   std::uint32_t first_alike(std::uint8_t table_id, Bytes match, std::uint32_t hash) const;
   std::uint32_t first_with_cookie(std::uint64_t cookie) const;

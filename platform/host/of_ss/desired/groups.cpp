@@ -37,7 +37,7 @@ Verdict plan(std::vector<Planned> buckets, GroupPlan &out) {
   for (const Planned &one : buckets) {
     if (left & ~one.settles)
       return refuse(err::kBadBucket, "buckets",
-                    "the rewrites of a bucket would reach the packet of another, which does not set the same");
+                    "in every order of the buckets the rewrites of one would reach the packet of another");
     left |= one.leaves;
     out.buckets.push_back(one.bucket);
   }

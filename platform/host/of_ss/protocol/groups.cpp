@@ -48,9 +48,9 @@ void change_users(Switch &sw, std::uint32_t group, const Origin &origin, Bytes m
   each_user(sw, group, [&] { sw.flows.apply(sw.flow_mod, origin, message, sw.now()); });
 }
 
-Verdict refuse_other_target(std::uint16_t command) {
-  if (command == kAdd) return refuse(err::kOutOfGroups, "group", "the switch has no groups");
-  return refuse(err::kUnknownGroup, "group", "the switch has no groups");
+Verdict refuse_without_groups(std::uint16_t command) {
+  if (command == kAdd) return refuse(err::kOutOfGroups, "group", "the target carries out no groups");
+  return refuse(err::kUnknownGroup, "group", "the target carries out no groups");
 }
 
 // Flows may refer to the group already: the groups of an earlier run of the daemon are not stored, but its flows are.
@@ -119,7 +119,7 @@ Verdict change_groups(Switch &sw, Connection &connection, Bytes message) {
   const std::uint32_t group = be32(message, 12);
   if (command > kDelete) return refuse(err::kGroupBadCommand, "command", "unknown command");
   if (command == kDelete) return remove(sw, group);
-  if (!sw.target().does(kGroup)) return refuse_other_target(command);
+  if (!sw.target().does(kGroup)) return refuse_without_groups(command);
   return (command == kAdd ? add : modify)(sw, group, sw.origin(connection, message), message);
 }
 

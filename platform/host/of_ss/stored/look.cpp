@@ -14,7 +14,7 @@ namespace host::of_ss {
 namespace {
 
 constexpr std::size_t kAskedStep = 1024;    // the agent's flows in one step
-constexpr std::size_t kCompareStep = 8192;  // sights; exceeded by at most a bucket
+constexpr std::size_t kCompareStep = 8192;  // observations; exceeded by at most a bucket
 constexpr std::size_t kCheckStep = 256;     // candidates
 
 // The database's contents for some flows and for the meters, of virtual switch 0.
@@ -180,22 +180,22 @@ Look::Part Look::begin() {
   return database().sync_up && quiet_run(count) ? Part::over : Part::failed;
 }
 
-void Look::note(std::uint64_t index, Bytes message, Sight::Side side) {
+void Look::note(std::uint64_t index, Bytes message, Observation::Side side) {
   const std::string_view text(reinterpret_cast<const char *>(message.data()), message.size());
   const auto content = message.empty() ? 0 : static_cast<std::uint32_t>(std::hash<std::string_view>()(text));
-  sights_[index % sights_.size()].push_back({index, content, side});
+  observations_[index % observations_.size()].push_back({index, content, side});
   ++noted_;
 }
 
 int Look::take_flow(const qx_obj *object, void *look) {
   if (const auto *flow = flow_of(object))
-    static_cast<Look *>(look)->note(flow->index->flow_index, bytes_of(flow->flow_data), Sight::kStored);
+    static_cast<Look *>(look)->note(flow->index->flow_index, bytes_of(flow->flow_data), Observation::kStored);
   return 0;
 }
 
 int Look::take_answer(const qx_obj *object, void *look) {
   if (const auto *answer = answer_of(object); answer && is_installed(*answer))
-    static_cast<Look *>(look)->note(answer->index->flow_index, {}, Sight::kConfirmed);
+    static_cast<Look *>(look)->note(answer->index->flow_index, {}, Observation::kConfirmed);
   return 0;
 }
 
@@ -219,36 +219,38 @@ Look::Part Look::walk_asked() {
   const bool ran = agent_.run([&](Agent &agent) {
     const FlowTable &table = agent.flows().table();
     for (std::size_t n = 0; n < kAskedStep && (flow = table.next(cursor_)); ++n)
-      note(flow->index(), flow->southbound(), Sight::kAsked);
+      note(flow->index(), flow->southbound(), Observation::kAsked);
   });
   return !ran ? Part::failed : flow ? Part::more : Part::over;
 }
 
 // A flow is correct when every side has it with the same content.
-void Look::compare_bucket(std::vector<Sight> &sights) {
-  std::ranges::sort(sights, {}, &Sight::index);
-  for (auto at = sights.begin(); at != sights.end();) {
+void Look::compare_bucket(std::vector<Observation> &observations) {
+  std::ranges::sort(observations, {}, &Observation::index);
+  for (auto at = observations.begin(); at != observations.end();) {
     const std::uint64_t index = at->index;
-    const auto end = std::find_if(at, sights.end(), [index](const Sight &sight) { return sight.index != index; });
+    const auto end =
+        std::find_if(at, observations.end(), [index](const Observation &observation) { return observation.index != index; });
     const std::uint32_t *content = nullptr;
     unsigned sides = 0;
     bool alike = true;
     for (; at != end; ++at) {
       sides |= 1U << at->side;
-      if (at->side == Sight::kConfirmed) continue;
+      if (at->side == Observation::kConfirmed) continue;
       alike &= !content || *content == at->content;
       content = &at->content;
     }
-    if (!alike || sides != (1U << Sight::kStored | 1U << Sight::kConfirmed | 1U << Sight::kAsked)) candidates_.push_back(index);
+    if (!alike || sides != (1U << Observation::kStored | 1U << Observation::kConfirmed | 1U << Observation::kAsked))
+      candidates_.push_back(index);
   }
-  std::vector<Sight>().swap(sights);
+  std::vector<Observation>().swap(observations);
 }
 
 Look::Part Look::compare() {
-  for (std::size_t compared = 0; bucket_ < sights_.size(); ++bucket_) {
+  for (std::size_t compared = 0; bucket_ < observations_.size(); ++bucket_) {
     if (compared > kCompareStep) return Part::more;
-    compared += sights_[bucket_].size();
-    compare_bucket(sights_[bucket_]);
+    compared += observations_[bucket_].size();
+    compare_bucket(observations_[bucket_]);
   }
   return Part::over;
 }

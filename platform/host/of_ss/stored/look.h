@@ -51,7 +51,7 @@ class Look {
  private:
   enum class Part : std::uint8_t { more, over, failed };
   // A flow as seen on one side. Stored and requested flows agree if their contents do.
-  struct Sight {
+  struct Observation {
     enum Side : std::uint8_t { kStored, kConfirmed, kAsked };
     std::uint64_t index;
     std::uint32_t content;  // hash of the southbound message; 0 for an answer
@@ -67,8 +67,8 @@ class Look {
   Part walk(const ProtobufCMessageDescriptor &type, qx_mom_scan_cb take);
   static int take_flow(const qx_obj *object, void *look);
   static int take_answer(const qx_obj *object, void *look);
-  void note(std::uint64_t index, Bytes message, Sight::Side side);
-  void compare_bucket(std::vector<Sight> &sights);
+  void note(std::uint64_t index, Bytes message, Observation::Side side);
+  void compare_bucket(std::vector<Observation> &observations);
   bool quiet_run(const std::function<void(Agent &agent)> &work);
 
   qx_global *global_;
@@ -78,7 +78,7 @@ class Look {
   mom::Store::Walk walk_;
   std::uint32_t cursor_ = 0;  // in the agent's table
   // In buckets by the low bits of the index, so that each comparison step is small.
-  std::array<std::vector<Sight>, 256> sights_;
+  std::array<std::vector<Observation>, 256> observations_;
   std::size_t bucket_ = 0;
   std::vector<std::uint64_t> candidates_;  // indexes; those before `checked_` have been reread
   std::size_t checked_ = 0;

@@ -61,7 +61,7 @@ TargetCapabilities capabilities_in(const STarget__Capabilities &record) {
 void now_is(const TargetCapabilities &target) {
   if (std::exchange(g_target, target) == target) return;
   if (target == kUnannounced)
-    log::info("no target is announced any more: what every target reads from entries is accepted");
+    log::info("the target announces nothing any more: requests are checked against what every target supports");
   else
     log::info("the target {}: {} flows, {} meters, {} queues, match fields {:#x}, set-fields {:#x}, actions {:#x}{}", target.name,
               target.flows, target.meters, target.queues, target.match_fields, target.set_fields, target.actions,

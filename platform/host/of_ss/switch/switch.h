@@ -37,7 +37,7 @@ struct SwitchSettings {
 class Switch {
  public:
   // The receivers of its events, which must outlive it.
-  struct Above {
+  struct Observers {
     const Callbacks &callbacks;
     FlowEvents &flow_events;
     ConnectionEvents &connection_events;
@@ -46,17 +46,18 @@ class Switch {
     CounterRefresh::Over counters_are_there;
     std::function<void()> wake;  // makes the openflow thread check the pace again; called on the loop's thread
   };
-  Switch(event_base *base, const SwitchSettings &own, Above above)
+  Switch(event_base *base, const SwitchSettings &own, Observers observers)
       : settings(own),
-        flows(above.callbacks, above.flow_events, trace, settings.flows),
+        flows(observers.callbacks, observers.flow_events, trace, settings.flows),
         meters(flows, target_),
-        controllers(above.connection_events, flows.client(), settings.connections, [this](bool wanted) { packets.want(wanted); }),
+        controllers(observers.connection_events, flows.client(), settings.connections,
+                    [this](bool wanted) { packets.want(wanted); }),
         packets(base, controllers, scratch),
-        pace(settings.prompt, std::move(above.wake)),
+        pace(settings.prompt, std::move(observers.wake)),
         replay(flows, meters, controllers),
-        counters(base, flows, std::move(above.counters_are_there)),
-        bundles(above.bundles),
-        monitors(above.monitors) {}
+        counters(base, flows, std::move(observers.counters_are_there)),
+        bundles(observers.bundles),
+        monitors(observers.monitors) {}
 
   // The target's capabilities, against which all later requests are checked.
   const TargetCapabilities &target() const { return target_; }

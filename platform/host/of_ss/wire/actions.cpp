@@ -13,11 +13,11 @@ constexpr std::size_t kOutputLen = 16, kShortLen = 8, kMaxActions = 255;
 constexpr std::uint16_t kControllerNoBuffer = 0xffff;
 
 // The context in which actions are read.
-enum class Of { flow, packet_out, bucket };
+enum class ListOf { flow, packet_out, bucket };
 struct Context {
   const WireMatch *match;  // null if it is not a flow's
   const Terms &terms;
-  Of of;
+  ListOf list_of;
 };
 
 // The southbound list being built.
@@ -45,8 +45,10 @@ struct List {
 constexpr Verdict kTooManyActions{&err::kTooMany, "actions", "more actions than a flow may have"};
 constexpr Verdict kAfterOutput{&err::kUnsupportedOrder, "actions", "the action comes after the output and would act on nothing"};
 constexpr Verdict kAfterNormal{&err::kUnsupportedOrder, "actions", "nothing can follow output NORMAL"};
-constexpr Verdict kAfterGroup{&err::kUnsupportedOrder, "actions", "the rewrites of the group before it would reach the packet"};
-constexpr Verdict kAnotherPacket{&err::kMatchInconsistent, "actions", "the flow also matches packets that it cannot act on"};
+constexpr Verdict kAfterGroup{&err::kUnsupportedOrder, "actions",
+                              "the rewrites of the group before the action would reach its packet"};
+constexpr Verdict kAnotherPacket{&err::kMatchInconsistent, "actions",
+                                 "the action does not fit every packet that the flow matches"};
 
 // An action of a flow other than an output: the target may have to act where the output stands.
 Verdict check_place(const Context &context, const List &list) {
@@ -73,8 +75,8 @@ const ReservedPort *find_reserved(std::uint32_t number) {
 bool may_output(const Context &context, std::uint32_t number) {
   if (number <= port::kMax) return is_port(context.terms.ports, number);
   const ReservedPort *reserved = find_reserved(number);
-  if (!reserved || context.of == Of::packet_out) return reserved && reserved->for_packets;
-  return reserved->for_flows && (context.of != Of::bucket || number != port::kNormal);
+  if (!reserved || context.list_of == ListOf::packet_out) return reserved && reserved->for_packets;
+  return reserved->for_flows && (context.list_of != ListOf::bucket || number != port::kNormal);
 }
 
 Verdict read_output(Bytes action, const Context &context, List &list) {
@@ -143,7 +145,7 @@ Verdict read_dec_ttl(Bytes action, const Context &context, List &list) {
 }
 
 Verdict refuse_group(Bytes, const Context &, List &) {
-  return refuse(err::kBadOutGroup, "group", "the switch has no groups");
+  return refuse(err::kBadOutGroup, "group", "the target carries out no groups");
 }
 
 Verdict read_group(Bytes action, const Context &context, List &list);
@@ -281,7 +283,7 @@ Verdict read_buckets(const GroupPlan &plan, const Context &context, List &list) 
 // Writes the group's entry and, after it, the actions of its buckets.
 Verdict read_group(Bytes action, const Context &context, List &list) {
   if (action.size() != kShortLen) return refuse(err::kActionBadLen, "group", "the length of the action is not 8");
-  if (list.in_group || context.of == Of::bucket)
+  if (list.in_group || context.list_of == ListOf::bucket)
     return refuse(err::kChaining, "group", "a bucket of a group cannot refer to another group");
   const std::uint32_t number = be32(action, 4);
   const GroupPlan *plan = context.terms.groups ? context.terms.groups->plan_of(number) : nullptr;
@@ -492,7 +494,7 @@ Verdict decode_instructions(Bytes from, const WireMatch &match, const Terms &ter
   out.length = 0;
   Found found;
   if (const Verdict verdict = sort_out(from, found, out); verdict.refused()) return verdict;
-  const Context context{&match, terms, Of::flow};
+  const Context context{&match, terms, ListOf::flow};
   List list{out};
   list.tags = satisfies(match, Needs::vlan) ? 1 : 0;
   if (const Verdict verdict = read_actions(found.applied, Pass::every, context, list); verdict.refused()) return verdict;
@@ -503,13 +505,13 @@ Verdict decode_instructions(Bytes from, const WireMatch &match, const Terms &ter
 Verdict decode_packet_out_actions(Bytes from, const Terms &terms, Instructions &out) {
   out.length = 0;
   List list{out};
-  return read_actions(from, Pass::every, {nullptr, terms, Of::packet_out}, list);
+  return read_actions(from, Pass::every, {nullptr, terms, ListOf::packet_out}, list);
 }
 
 Verdict decode_bucket(Bytes from, const Terms &terms, BucketEffect &out) {
   Instructions read;
   List list{read};
-  const Verdict verdict = read_action_set(from, {nullptr, terms, Of::bucket}, list);
+  const Verdict verdict = read_action_set(from, {nullptr, terms, ListOf::bucket}, list);
   Bytes actions = Bytes(read.actions).first(read.length);
   out = {.outputs = list.output};
   for (SouthboundAction action; !verdict.refused() && next_action(actions, action);) {
