@@ -15,10 +15,9 @@ class DataSync : public FlowWorld {
   void meter() { send(d.pi().meter_mod, message(17, le(std::uint16_t{0}) + le(std::uint16_t{0}) + le(1u))); }
   // A flow record from an earlier life of the daemon, with the tag that it was written with.
   void left_over(std::uint64_t index, std::int64_t tag, std::uint32_t vsd_id = 0) {
-    SPolicyKelim__FlowKey key = key_of(index, vsd_id);
-    SPolicyKelim__Flow record = S_POLICY_KELIM__FLOW__INIT;
-    record.index = &key;
-    d.on_loop([&] { ASSERT_EQ(qx_mom_setow(g_ssc_kelim_global, kUdpDb, &record.base, 0, 0, tag), 0); });
+    records::Flow flow(index);
+    flow.key.vsd_id = vsd_id;
+    d.on_loop([&] { ASSERT_EQ(qx_mom_setow(g_ssc_kelim_global, kUdpDb, flow, 0, 0, tag), 0); });
   }
   // Changes of flow records as watched: "set 1", "del 2".
   Texts changes() const {
@@ -40,7 +39,7 @@ TEST_F(DataSync, WhatIsReplayedStaysAndWhatIsLeftOverGoes) {
   left_over(5, 9);  // a tag of nobody: it expires
   meter();
   d.tick();
-  d.watch(kUdpDb, {&s_policy_kelim__flow__descriptor, &s_policy_kelim__flow_key__descriptor});
+  d.watch(kUdpDb, records::Flow::kType);
 
   // The kind's work is done with the first piece; what is still to come is not past its deadline.
   host::clock::stop();
@@ -66,7 +65,7 @@ TEST_F(DataSync, WithoutAnEndWhatIsLeftOverExpires) {
   for (std::uint64_t index : {1, 2}) left_over(index, 1);
   meter();
   d.tick();
-  d.watch(kUdpDb, {&s_policy_kelim__flow__descriptor, &s_policy_kelim__flow_key__descriptor});
+  d.watch(kUdpDb, records::Flow::kType);
   start();
   handle(typical_flow(2));
   d.warp(40ms);
@@ -81,7 +80,7 @@ TEST_F(DataSync, WithoutAnEndWhatIsLeftOverExpires) {
 TEST_F(DataSync, ReplaysInPiecesAndInARowDeleteOnceWhatIsLeftOverAndNothingElse) {
   for (std::uint64_t index : {1, 2, 3, 4}) left_over(index, 1);
   d.tick();
-  d.watch(kUdpDb, {&s_policy_kelim__flow__descriptor, &s_policy_kelim__flow_key__descriptor});
+  d.watch(kUdpDb, records::Flow::kType);
   start();
   send(d.pi().ds_start, message(33, {}));
   handle(typical_flow(1));

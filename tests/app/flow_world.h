@@ -9,15 +9,16 @@
 #include "app/harness.h"
 #include "host/fault/fault.h"
 #include "kelim/common/kelim_debug.h"
-#include "s_policy_kelim.pb-c.h"
 #include "ssc_kelim/sdn/ssc_kelim_flow_db.h"
 #include "ssc_kelim/sdn/ssc_sdn_msg_queue.h"
 #include "support/flow_bytes.h"
 #include "support/record_text.h"
+#include "support/records.h"
 
 namespace flow_world {
 
 using namespace flow_bytes;
+using namespace records;
 using flow_bytes::hex, record_text::hex;
 using harness::Daemon;
 using record_text::text;
@@ -65,13 +66,6 @@ inline std::string failure(std::uint64_t index, std::uint64_t result = 2) {
   const std::uint64_t reply[] = {0x18'0000'000b, index, result};
   return record_text::digits(reply, sizeof reply);
 }
-inline SPolicyKelim__FlowKey key_of(std::uint64_t index, std::uint32_t vsd_id = 0) {
-  SPolicyKelim__FlowKey key = S_POLICY_KELIM__FLOW_KEY__INIT;
-  key.flow_index = index;
-  key.vsd_id = vsd_id;
-  return key;
-}
-
 class FlowWorld : public testing::Test {
  protected:
   static void send(int (*callback)(void *), Bytes bytes) { ASSERT_EQ(callback(bytes.data()), 0); }
@@ -89,22 +83,16 @@ class FlowWorld : public testing::Test {
 
   // Answers for a flow as the programming service does: 2 installed, 3 failed, 14 out of resources.
   void answer(std::uint64_t index, int status) {
-    SPolicyKelim__FlowKey key = key_of(index);
-    SPolicyKelim__FlowSta sta = S_POLICY_KELIM__FLOW_STA__INIT;
-    sta.index = &key;
-    sta.status = static_cast<SPolicyKelim__StatusE>(status);
-    ASSERT_EQ(d.write(kUdpDb, &sta.base), 0);
+    FlowSta sta(index);
+    sta.record.status = static_cast<SPolicyKelim__StatusE>(status);
+    ASSERT_EQ(d.write(kUdpDb, sta), 0);
   }
   // Writes or withdraws the entries of a service-chain flow as its application does.
   void decide(std::uint64_t index, std::vector<SPolicyKelim__FlowAce *> entries, bool withdraw = false) {
-    SPolicyKelim__ParseFlowKey key = S_POLICY_KELIM__PARSE_FLOW_KEY__INIT;
-    key.t_flow_type = 3;
-    key.flow_index = index;
-    SPolicyKelim__FlowToAce record = S_POLICY_KELIM__FLOW_TO_ACE__INIT;
-    record.index = &key;
-    record.n_ace = entries.size();
-    record.ace = entries.data();
-    ASSERT_EQ(withdraw ? d.remove(kAppDb, &record.base) : d.write(kAppDb, &record.base), 0);
+    FlowToAce to_ace(index);
+    to_ace.record.n_ace = entries.size();
+    to_ace.record.ace = entries.data();
+    ASSERT_EQ(withdraw ? d.remove(kAppDb, to_ace) : d.write(kAppDb, to_ace), 0);
   }
 
   // The stored records of a type, as text, without their time stamps.

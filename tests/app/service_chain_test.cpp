@@ -135,7 +135,7 @@ TEST_F(ServiceChain, AFlowThatTheSwitchOrTheDatabaseRefusesIsReportedAndItsStatu
       {"flow index:7 install failed. status:3", "send flow error msg to PI, dune to op flow failed,flow_index = 7, ret_val = 2"});
   handle(service_chain_flow(7));
   decide(7, {});
-  d.watch(kAppDb, {&s_policy_kelim__flow_to_ace_sta__descriptor, &s_policy_kelim__parse_flow_key__descriptor});
+  d.watch(kAppDb, FlowToAceSta::kType);
   answer(7, 3);
   const auto seen = d.changes();
   ASSERT_EQ(seen.size(), 2u) << "the application has seen the status, then its deletion";

@@ -12,18 +12,17 @@
 #include <optional>
 #include <sstream>
 #include <string>
-#include <type_traits>
 #include <utility>
 #include <vector>
 
 #include "conformance/process.h"
 #include "qx_mom.h"
-#include "s_cluster.pb-c.h"
-#include "s_policy_kelim.pb-c.h"
 #include "support/record_text.h"
+#include "support/records.h"
 
 namespace mom_test {
 
+using namespace records;
 using namespace std::chrono_literals;
 
 // ---- records
@@ -33,35 +32,6 @@ inline std::string pack(const ProtobufCMessage *record) {
   protobuf_c_message_pack(record, reinterpret_cast<std::uint8_t *>(out.data()));
   return out;
 }
-
-// An empty record with its key, whose member `kFirst` is set.
-template <typename Record, const ProtobufCMessageDescriptor &kRecord, const ProtobufCMessageDescriptor &kKey, auto kFirst>
-struct Keyed {
-  static constexpr qx_mom_type kType = {&kRecord, &kKey};
-  std::remove_pointer_t<decltype(Record::index)> key;
-  Record record;
-  template <typename Value>
-  explicit Keyed(Value first) {
-    protobuf_c_message_init(&kKey, &key);
-    protobuf_c_message_init(&kRecord, &record);
-    key.*kFirst = first;
-    record.index = &key;
-  }
-  Keyed(const Keyed &) = delete;
-  operator ProtobufCMessage *() { return &record.base; }
-};
-
-using Flow = Keyed<SPolicyKelim__Flow, s_policy_kelim__flow__descriptor, s_policy_kelim__flow_key__descriptor,
-                   &SPolicyKelim__FlowKey::flow_index>;
-using FlowSta = Keyed<SPolicyKelim__FlowSta, s_policy_kelim__flow_sta__descriptor, s_policy_kelim__flow_key__descriptor,
-                      &SPolicyKelim__FlowKey::flow_index>;
-using Meter = Keyed<SPolicyKelim__Meter, s_policy_kelim__meter__descriptor, s_policy_kelim__meter_key__descriptor,
-                    &SPolicyKelim__MeterKey::meter_id>;
-using OncIp = Keyed<SPolicyKelim__OncIp, s_policy_kelim__onc_ip__descriptor, s_policy_kelim__onc_ip_key__descriptor,
-                    &SPolicyKelim__OncIpKey::ip>;
-using Registration =
-    Keyed<SCluster__RegPktInfo, s_cluster__reg_pkt_info__descriptor, s_cluster__app_name__descriptor, &SCluster__AppName::name>;
-inline constexpr qx_mom_type kPktSig = {&s_policy_kelim__pkt_sig__descriptor, nullptr};
 
 // ---- notifications
 

@@ -7,8 +7,8 @@
 #include "host/of_ss/played_daemon.h"
 #include "host/of_ss/testing.h"
 #include "qx_mom.h"
-#include "s_policy_kelim.pb-c.h"
 #include "support/ask.h"
+#include "support/records.h"
 
 namespace of_world {
 
@@ -103,25 +103,17 @@ class AgentTest : public RuntimeTest {
   }
 
   // Writes a record as the daemon or the programming service does.
-  template <typename Record, typename Key>
-  void store(Record record, Key key, std::int32_t db = QX_MOM_UDP_DB) {
-    record.index = &key;
-    qx_mom_del_sync(global, db, &record.base, 0, 0);
-    ASSERT_EQ(qx_mom_setnx_sync(global, db, &record.base, 0, 0), 0);
+  void store(ProtobufCMessage *record, std::int32_t db = QX_MOM_UDP_DB) {
+    qx_mom_del_sync(global, db, record, 0, 0);
+    ASSERT_EQ(qx_mom_setnx_sync(global, db, record, 0, 0), 0);
   }
   static ProtobufCBinaryData data(const Message &bytes) {
     return {bytes.size(), const_cast<std::uint8_t *>(reinterpret_cast<const std::uint8_t *>(bytes.data()))};
   }
   void store_flow(std::uint64_t index, const Message &bytes) {
-    SPolicyKelim__Flow flow = S_POLICY_KELIM__FLOW__INIT;
-    flow.flow_data = data(bytes);
-    store(flow, flow_key(index));
-  }
-  // Stores the request that asks the service-chain application to translate the flow.
-  void store_request(std::uint64_t index) {
-    SPolicyKelim__ParseFlowKey key = S_POLICY_KELIM__PARSE_FLOW_KEY__INIT;
-    key.t_flow_type = 3, key.flow_index = index;
-    store(SPolicyKelim__ParseFlow(S_POLICY_KELIM__PARSE_FLOW__INIT), key, QX_MOM_APP_DB);
+    records::Flow flow(index);
+    flow.record.flow_data = data(bytes);
+    store(flow);
   }
   // Reports what a flow has counted, and waits until the agent knows: its next request may come in before the report.
   void report(std::uint64_t index, std::uint64_t packets, std::uint64_t bytes) {
@@ -130,11 +122,9 @@ class AgentTest : public RuntimeTest {
   }
   // Reports the flow's counters as the programming service does: by a record, or, if the flow is `idle`, by publishing one.
   void count(std::uint64_t index, std::uint64_t packets, bool idle = false) {
-    SPolicyKelim__FlowKey key = flow_key(index);
-    SPolicyKelim__FlowCounter counter = S_POLICY_KELIM__FLOW_COUNTER__INIT;
-    counter.index = &key;
-    counter.packet_sum = packets, counter.byte_sum = 100 * packets;
-    ASSERT_EQ((idle ? qx_mom_publish : qx_mom_set)(global, QX_MOM_UDP_DB, &counter.base, 0, 0), 0);
+    records::FlowCounter counter(index);
+    counter.record.packet_sum = packets, counter.record.byte_sum = 100 * packets;
+    ASSERT_EQ((idle ? qx_mom_publish : qx_mom_set)(global, QX_MOM_UDP_DB, counter, 0, 0), 0);
     ASSERT_TRUE(until([] { return host::mom::hub()->later().size() == 0; }));
   }
   // Disconnects the database, or connects it again.
@@ -143,14 +133,15 @@ class AgentTest : public RuntimeTest {
     ASSERT_TRUE(until([up] { return host::mom::hub()->all_up() == up; }));
   }
   void store_answer(std::uint64_t index, SPolicyKelim__StatusE status = S_POLICY_KELIM__STATUS_E__STATUS_INSTALLED) {
-    SPolicyKelim__FlowSta answer = S_POLICY_KELIM__FLOW_STA__INIT;
-    answer.status = status;
-    store(answer, flow_key(index));
+    records::FlowSta answer(index);
+    answer.record.status = status;
+    store(answer);
   }
-  static SPolicyKelim__FlowKey flow_key(std::uint64_t index) {
-    SPolicyKelim__FlowKey key = S_POLICY_KELIM__FLOW_KEY__INIT;
-    key.flow_index = index;
-    return key;
+  // Announces what the target can do, as the programming service does.
+  void announce(records::Capabilities &target) {
+    if (!*target.record.name) target.record.name = const_cast<char *>("test");
+    ASSERT_EQ(qx_mom_set(global, QX_MOM_UDP_DB, target, 0, 0), 0);
+    ASSERT_TRUE(until([this] { return view("capabilities").value("target", "") != ""; }));
   }
 
   PlayedDaemon daemon;

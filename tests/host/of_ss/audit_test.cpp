@@ -9,12 +9,10 @@ class Audit : public AgentTest {
  protected:
   void store_meter(std::uint32_t id, const Message &bytes,
                    SPolicyKelim__StatusE status = S_POLICY_KELIM__STATUS_E__STATUS_INSTALLED) {
-    SPolicyKelim__MeterKey key = S_POLICY_KELIM__METER_KEY__INIT;
-    key.meter_id = id;
-    SPolicyKelim__Meter meter = S_POLICY_KELIM__METER__INIT;
-    meter.status = status;
-    meter.meter_data = data(bytes);
-    store(meter, key);
+    records::Meter meter(id);
+    meter.record.status = status;
+    meter.record.meter_data = data(bytes);
+    store(meter);
   }
   // Four flows and three meters, as the daemon and the programming service would have stored them.
   void fill() {

@@ -669,8 +669,7 @@ TEST_F(AgentFlows, TakesOverTheNewestFormOfWhatIsStoredAndReplaysIt) {
   store_flow(40, older);
   store_flow(41, stored);
   store_flow(42, deleted);
-  store_request(40);
-  store_request(41);
+  for (const std::uint64_t index : {40, 41}) store(records::ParseFlow(index), QX_MOM_APP_DB);
   store_flow(99, hex("00112233"));
   host::of_ss::of_ss_reset_for_tests();
   daemon.forget();

@@ -1,6 +1,5 @@
 // Groups in the OpenFlow agent: what flows make of them, what is told of them, what is refused.
 #include "host/of_ss/agent_world.h"
-#include "s_target.pb-c.h"
 
 namespace {
 
@@ -27,15 +26,10 @@ class Groups : public AgentTest {
  protected:
   void SetUp() override {
     AgentTest::SetUp();
-    STarget__CapabilitiesKey key = S_TARGET__CAPABILITIES_KEY__INIT;
-    key.unit = 1;
-    STarget__Capabilities record = S_TARGET__CAPABILITIES__INIT;
-    record.index = &key;
-    record.name = const_cast<char *>("test");
-    record.actions = record.set_fields = ~std::uint64_t{0};
-    record.several_outputs = true;
-    ASSERT_EQ(qx_mom_set(global, QX_MOM_UDP_DB, &record.base, 0, 0), 0);
-    ASSERT_TRUE(until([&] { return view("capabilities").value("target", "") == "test"; }));
+    records::Capabilities target(1u);
+    target.record.actions = target.record.set_fields = ~std::uint64_t{0};
+    target.record.several_outputs = true;
+    announce(target);
   }
   std::string answer(const Message &request) {
     const auto xid = static_cast<std::uint32_t>(get(request, 4, 4));

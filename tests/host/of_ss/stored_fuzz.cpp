@@ -10,9 +10,9 @@
 #include "host/of_ss/protocol/protocol.h"
 #include "host/of_ss/stored/stored.h"
 #include "libddm.h"
-#include "s_policy_kelim.pb-c.h"
 #include "support/fuzz_runtime.h"
 #include "support/of_wire.h"
+#include "support/records.h"
 
 namespace {
 
@@ -46,52 +46,31 @@ ProtobufCBinaryData data(Bytes bytes) {
   return {bytes.size(), reinterpret_cast<std::uint8_t *>(const_cast<std::byte *>(bytes.data()))};
 }
 
-template <typename Record, typename Key>
-void store(std::int32_t db, Record record, Key key) {
-  record.index = &key;
-  require(qx_mom_set(database(), db, &record.base, 0, 0) == 0);
-}
-
-SPolicyKelim__FlowKey flow_key(std::uint64_t index) {
-  SPolicyKelim__FlowKey key = S_POLICY_KELIM__FLOW_KEY__INIT;
-  key.flow_index = index;
-  return key;
-}
-
-SPolicyKelim__ParseFlowKey service_chain_key(Bytes bytes) {
-  SPolicyKelim__ParseFlowKey key = S_POLICY_KELIM__PARSE_FLOW_KEY__INIT;
-  key.t_flow_type = S_POLICY_KELIM__FLOW_TYPE_T__SERVICE_CHAIN_FLOW;
-  key.flow_index = number_in(bytes);
-  return key;
+void store(std::int32_t db, ProtobufCMessage *record) {
+  require(qx_mom_set(database(), db, record, 0, 0) == 0);
 }
 
 void store_flow(Bytes bytes, std::uint32_t number) {
-  SPolicyKelim__Flow flow = S_POLICY_KELIM__FLOW__INIT;
-  flow.flow_data = data(bytes);
-  store(QX_MOM_UDP_DB, flow, flow_key(number));
+  records::Flow flow(number);
+  flow.record.flow_data = data(bytes);
+  store(QX_MOM_UDP_DB, flow);
 }
 
 void store_meter(Bytes bytes, std::uint32_t number) {
-  SPolicyKelim__Meter meter = S_POLICY_KELIM__METER__INIT;
-  meter.meter_data = data(bytes);
-  SPolicyKelim__MeterKey key = S_POLICY_KELIM__METER_KEY__INIT;
-  key.meter_id = number;
-  store(QX_MOM_UDP_DB, meter, key);
+  records::Meter meter(number);
+  meter.record.meter_data = data(bytes);
+  store(QX_MOM_UDP_DB, meter);
 }
 
-void store_status(Bytes bytes, std::uint32_t) {
-  store(QX_MOM_UDP_DB, SPolicyKelim__FlowSta S_POLICY_KELIM__FLOW_STA__INIT, flow_key(number_in(bytes)));
+// Of the other records only the key is read, which the bytes are.
+template <typename Record, std::int32_t kDb>
+void store_key(Bytes bytes, std::uint32_t) {
+  store(kDb, Record(number_in(bytes)));
 }
 
-void store_asked(Bytes bytes, std::uint32_t) {
-  store(QX_MOM_APP_DB, SPolicyKelim__ParseFlow S_POLICY_KELIM__PARSE_FLOW__INIT, service_chain_key(bytes));
-}
-
-void store_told(Bytes bytes, std::uint32_t) {
-  store(QX_MOM_APP_DB, SPolicyKelim__FlowToAceSta S_POLICY_KELIM__FLOW_TO_ACE_STA__INIT, service_chain_key(bytes));
-}
-
-constexpr void (*kStore[])(Bytes, std::uint32_t) = {store_flow, store_meter, store_status, store_asked, store_told};
+constexpr void (*kStore[])(Bytes, std::uint32_t) = {store_flow, store_meter, store_key<records::FlowSta, QX_MOM_UDP_DB>,
+                                                    store_key<records::ParseFlow, QX_MOM_APP_DB>,
+                                                    store_key<records::FlowToAceSta, QX_MOM_APP_DB>};
 
 void store_all(Bytes input) {
   for (std::uint32_t number = 1; input.size() >= 3; ++number) {

@@ -1,6 +1,5 @@
 // What the agent takes from the record in which the programming service announces its target.
 #include "host/of_ss/agent_world.h"
-#include "s_target.pb-c.h"
 
 namespace {
 
@@ -8,25 +7,8 @@ using namespace of_world;
 
 class Target : public AgentTest {
  protected:
-  using Change = void (*)(STarget__Capabilities &);
-  static STarget__Capabilities plain() {
-    STarget__Capabilities record = S_TARGET__CAPABILITIES__INIT;
-    record.name = const_cast<char *>("test");
-    return record;
-  }
-  void announce(STarget__Capabilities record) {
-    STarget__CapabilitiesKey key = S_TARGET__CAPABILITIES_KEY__INIT;
-    key.unit = 1;
-    record.index = &key;
-    ASSERT_EQ(qx_mom_set(global, QX_MOM_UDP_DB, &record.base, 0, 0), 0);
-    ASSERT_TRUE(until([&] { return told("target") != ""; }));
-  }
   void withdraw() {
-    STarget__CapabilitiesKey key = S_TARGET__CAPABILITIES_KEY__INIT;
-    key.unit = 1;
-    STarget__Capabilities record = S_TARGET__CAPABILITIES__INIT;
-    record.index = &key;
-    ASSERT_EQ(qx_mom_del_sync(global, QX_MOM_UDP_DB, &record.base, 0, 0), 0);
+    ASSERT_EQ(qx_mom_del_sync(global, QX_MOM_UDP_DB, records::Capabilities(1u), 0, 0), 0);
     ASSERT_TRUE(until([&] { return told("target") == ""; }));
   }
   nlohmann::json told(const char *what) { return view("capabilities").value(what, nlohmann::json()); }
@@ -43,9 +25,9 @@ class Target : public AgentTest {
 
 // An action list of a target that carries lists out, and what is wrong with it.
 TEST_F(Target, GetsOnlyListsThatActOnEveryPacketOfTheFlow) {
-  STarget__Capabilities record = plain();
-  record.actions = ~std::uint64_t{0}, record.set_fields = ~std::uint64_t{0}, record.several_outputs = true;
-  ASSERT_NO_FATAL_FAILURE(announce(record));
+  records::Capabilities target(1u);
+  target.record.actions = ~std::uint64_t{0}, target.record.set_fields = ~std::uint64_t{0}, target.record.several_outputs = true;
+  ASSERT_NO_FATAL_FAILURE(announce(target));
   const Message pop = hex("0012 0008 00000000"), push = hex("0011 0008 81000000"), dec_ttl = hex("0018 0008 00000000"),
                 vid = hex("0019 0010 80000c02 1007 0000 00000000"), tcp_dst = hex("0019 0010 80001c02 0050 0000 00000000"),
                 normal = output(0xfffffffa), any;
@@ -80,7 +62,7 @@ TEST_F(Target, DecidesWhatIsAcceptedAndWhatIsToldOfIt) {
   rewriting.instructions = of_wire::apply(hex(kSetEthDst) + output(2));
   queued.instructions = of_wire::apply(hex(kQueue8) + output(2));
   const struct {
-    Change change;
+    void (*change)(STarget__Capabilities &);
     FlowMod flow;
     const char *error;
   } cases[] = {
@@ -92,9 +74,9 @@ TEST_F(Target, DecidesWhatIsAcceptedAndWhatIsToldOfIt) {
   std::uint32_t xid = 1;
   for (const auto &one : cases) {
     SCOPED_TRACE(one.error);
-    STarget__Capabilities record = plain();
-    one.change(record);
-    ASSERT_NO_FATAL_FAILURE(announce(record));
+    records::Capabilities target(1u);
+    one.change(target.record);
+    ASSERT_NO_FATAL_FAILURE(announce(target));
     EXPECT_EQ(answer(one.flow, xid++), one.error);
     ASSERT_NO_FATAL_FAILURE(withdraw());
     EXPECT_EQ(answer(one.flow, xid++), "");
@@ -102,9 +84,9 @@ TEST_F(Target, DecidesWhatIsAcceptedAndWhatIsToldOfIt) {
 }
 
 TEST_F(Target, GivesTheLimits) {
-  STarget__Capabilities record = plain();
-  record.flows = 2, record.meters = 3, record.bands = 1;
-  announce(record);
+  records::Capabilities target(1u);
+  target.record.flows = 2, target.record.meters = 3, target.record.bands = 1;
+  announce(target);
   const Message meters = c.ask(message(18, 1, be(std::uint16_t{11}) + Message(6)));
   EXPECT_EQ(get(meters, 16, 4), 3u);
   EXPECT_EQ(get(meters, 28, 1), 1u);
@@ -117,11 +99,11 @@ TEST_F(Target, GivesTheLimits) {
 TEST_F(Target, IsBelievedOnlyAsFarAsTheLibraryGoes) {
   std::string name(300, 'x');
   name[0] = '\xff', name[1] = '\n';
-  STarget__Capabilities record = plain();
-  record.name = name.data();
-  record.meters = record.bands = record.queues = 0xffffffff;
-  record.match_fields = record.set_fields = record.actions = ~std::uint64_t{0};
-  announce(record);
+  records::Capabilities target(1u);
+  target.record.name = name.data();
+  target.record.meters = target.record.bands = target.record.queues = 0xffffffff;
+  target.record.match_fields = target.record.set_fields = target.record.actions = ~std::uint64_t{0};
+  announce(target);
   EXPECT_EQ(told("target"), std::string(30, 'x'));
   EXPECT_EQ(limit("meters"), 1024u);
   EXPECT_EQ(limit("bands of a meter"), 8u);
