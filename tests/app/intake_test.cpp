@@ -155,26 +155,6 @@ TEST_F(Intake, WhatIsMissingOrOfAnotherKindIsRefusedAndAShortBarrierFilled) {
   });
 }
 
-// ---- replies of the southbound layer, byte for byte
-
-TEST_F(Intake, FailureRepliesCarryVersionAndTableOfTheLatestOpenMessage) {
-  Bytes open = message(6, 12), modify = message(17, 16, 1), flow = message(10, 40), request = message(13, 15);
-  southbound::put(open.data(), 6, std::uint16_t{0x0301});
-  southbound::put(modify.data(), 12, 0xa1b2c3d4u);
-  southbound::put(flow.data(), 8, std::uint64_t{0x1122334455667788});
-  libproxy_fp_sdn_open(open.data());
-  libproxy_fp_sdn_op_meter(modify.data());
-  libproxy_fp_sdn_op_flow(flow.data());
-  libproxy_fp_sdn_statistic(request.data());
-  EXPECT_EQ(g_replies, (Texts{"1200040010000103"
-                              "d4c3b2a102000000",
-                              "0b00040018000103"
-                              "8877665544332211"
-                              "0200000000000000",
-                              "0e00040028000103" + std::string(48, '0') + "0200000000000000"}));
-  EXPECT_EQ(libproxy_sdn_op_cnt[4] + libproxy_sdn_op_cnt[5], 0u) << "a meter's change counts nothing";
-}
-
 // ---- handshake and registration
 
 TEST_F(Intake, AConnectionWaitsForTheFetch) {
