@@ -189,7 +189,7 @@ TEST_P(MomConformance, Journeys) {
     confirmed = 0;
     ASSERT_EQ(world->set(OncIp(1)), 0);
     world->run(steps);
-    ASSERT_EQ(world->pexpire(OncIp(1), 300), 0);  // the last to expire
+    ASSERT_EQ(world->call("expire", OncIp(1), 300), 0);  // the last to expire
     EXPECT_TRUE(recorders[0].seen.empty() && confirmed == 0) << "nothing from inside the calls";
     world->settle();
     auto by_type = recorders[0].seen;
@@ -215,7 +215,7 @@ TEST_P(MomConformance, CallsSeeWhatWasDoneBeforeThem) {
       ASSERT_EQ(world->set(any), 0);
       there.insert(index);
     } else {
-      ASSERT_EQ(step % 3 ? world->del(any) : world->del_sync(any), there.erase(index) ? 0 : -7) << step;
+      ASSERT_EQ(step % 3 ? world->del(any) : world->call("del_sync", any), there.erase(index) ? 0 : -7) << step;
     }
     const bool seen = step % 5 != 0 || world->get(any).cmd == there.count(index);
     ASSERT_TRUE(seen) << step;
@@ -251,7 +251,7 @@ TEST_P(MomConformance, BinaryValuesAndKeysPassUnchanged) {
   }
   for (const Seen &seen : world->scan(Registration(names[0].data()), 0)) scanned += seen.text + " ";
   EXPECT_EQ(scanned, in_order);
-  for (std::string &name : names) EXPECT_EQ(world->del_sync(Registration(name.data()), 0), 0);
+  for (std::string &name : names) EXPECT_EQ(world->call("del_sync", Registration(name.data()), 0, 0), 0);
   EXPECT_TRUE(world->scan(Registration(names[0].data()), 0).empty());
 }
 
@@ -290,7 +290,7 @@ TEST_P(MomConformance, CallbackMayWriteWhatItListensTo) {
     if (object->cmd == 3 || flow->index->flow_index >= 5) return;
     Flow next(flow->index->flow_index + 1);
     EXPECT_EQ(world->set(next), 0);
-    EXPECT_EQ(world->del_sync(&flow->base), 0);
+    EXPECT_EQ(world->call("del_sync", &flow->base), 0);
     EXPECT_EQ(flow->index->flow_index + 1, next.key.flow_index);  // the delivered record outlives what was done to the object
   };
   world->run("set flow:1");

@@ -217,7 +217,7 @@ class StoreWorld {
     watching_[db] = true;
     recorders[kLast].seen.clear();
     SPolicyKelim__PktSig signal = S_POLICY_KELIM__PKT_SIG__INIT;
-    ASSERT_EQ(publish(&signal.base, db), 0);
+    ASSERT_EQ(call("publish", &signal.base, 0, db), 0);
     ASSERT_TRUE(arrive(1, kLast));
   }
 
@@ -227,15 +227,13 @@ class StoreWorld {
     for (auto &recorder : recorders) recorder.seen.clear();
   }
 
-  int set(ProtobufCMessage *record, std::int32_t db = 8) { return qx_mom_set(global_, db, record, 0, 0); }
-  int setow(ProtobufCMessage *record, std::int64_t tag) { return qx_mom_setow(global_, 8, record, 0, 0, tag); }
-  int setnx(ProtobufCMessage *record, std::int32_t db = 8) { return qx_mom_setnx_sync(global_, db, record, 0, 0); }
-  int del(ProtobufCMessage *record, std::int32_t db = 8) { return qx_mom_del(global_, db, record, 0, 0); }
-  int del_sync(ProtobufCMessage *record, std::int32_t db = 8) { return qx_mom_del_sync(global_, db, record, 0, 0); }
-  int publish(ProtobufCMessage *record, std::int32_t db = 8) { return qx_mom_publish(global_, db, record, 0, 0); }
-  int pexpire(ProtobufCMessage *record, std::uint32_t ms) {
-    return qx_mom_pexpire(global_, 8, record, 0, ms, 0, confirm, nullptr);
+  // The result of an operation of kOps; the number is a tag or milliseconds.
+  int call(const char *op, ProtobufCMessage *record, std::int64_t number = 0, std::int32_t db = 8) {
+    return kOps.at(op)(global_, db, record, number);
   }
+  int set(ProtobufCMessage *record, std::int32_t db = 8) { return call("set", record, 0, db); }
+  int setow(ProtobufCMessage *record, std::int64_t tag) { return call("tag", record, tag); }
+  int del(ProtobufCMessage *record, std::int32_t db = 8) { return call("del", record, 0, db); }
 
   // Carries out steps of the form "OP TYPE[:KEY] [NUMBER] [gives CODE]", separated by semicolons; without a key a step applies to
   // every object. The number is a tag or milliseconds, and the record's status.

@@ -26,15 +26,6 @@ void HostProcess::pass(std::chrono::milliseconds ms) {
   if (!server_) host::clock::warp(ms);
 }
 
-void HostProcess::put_raw(std::int32_t db, const std::string &key, const std::string &bytes) {
-  if (!server_) {
-    ASSERT_TRUE(host::mom::testing::put_raw(db, key, {reinterpret_cast<const std::uint8_t *>(bytes.data()), bytes.size()}));
-    return;
-  }
-  const std::string type = key.substr(0, key.find(':')), member = key.substr(type.size() + 1);
-  server_->command({"PUBLISH", std::to_string(db) + ":" + type, notification('W', member, bytes)});
-}
-
 bool HostProcess::cut_connections(std::int32_t db) {
   for (std::int32_t type : {0, 3, 2}) {
     if (!server_) host::mom::testing::provoke_reconnect(db, type);

@@ -35,6 +35,13 @@ struct Port {
   Port(const Port &) = delete;
 };
 
+// A message on the channels of a type.
+std::string notification(char kind, const std::string &member, const std::string &record) {
+  std::string text = kind + member + '\0';
+  for (int shift = 0; shift < 32; shift += 8) text.push_back(static_cast<char>(record.size() >> shift));
+  return text + record;
+}
+
 // What the start says to standard error; "" when it succeeds.
 std::string start_with(const Settings &settings) {
   testing::internal::CaptureStderr();
@@ -69,7 +76,7 @@ class MomRedis : public testing::Test {
     host::log::flush();
     std::string found;
     int lines = 0;
-    std::ifstream log(world->run_dir() + "/log");
+    std::ifstream log(host::config().log.file);
     for (std::string line; std::getline(log, line);) {
       if (line.find(text) != std::string::npos) found = ++lines == 1 ? line : std::to_string(lines) + " lines";
     }
@@ -98,10 +105,10 @@ TEST_F(MomRedis, LayoutIsTheDocumentedOne) {
   EXPECT_EQ(admin({"DBSIZE"}), "0");
   ASSERT_EQ(world->set(flow), 0);
   world->settle();
-  ASSERT_EQ(world->pexpire(flow, 1), 0);
+  ASSERT_EQ(world->call("expire", flow, 1), 0);
   EXPECT_TRUE(run_until([&] { return admin({"DBSIZE"}) == "0"; })) << "the index forgets what expired";
   char name[] = "a:b c";
-  ASSERT_EQ(world->setnx(Registration(name), 0), 0);
+  ASSERT_EQ(world->call("setnx", Registration(name), 0, 0), 0);
   ASSERT_EQ(admin({"SELECT", "0"}), "OK");
   EXPECT_EQ(admin({"SMEMBERS", "s_cluster.reg_pkt_info"}), "a%3Ab%20c");
 }
@@ -192,7 +199,7 @@ TEST_F(MomRedis, FrozenServerHoldsTheLoopNoLongerThanTheBound) {
   server->kill(SIGCONT);
   ASSERT_TRUE(arrive(accepted));
   EXPECT_TRUE(reconnects.empty());
-  EXPECT_TRUE(run_until([&] { return world->setnx(Flow(1)) == 1; }));
+  EXPECT_TRUE(run_until([&] { return world->call("setnx", Flow(1)) == 1; }));
 }
 
 // It may be silent for the configured time, not less, whenever in the rhythm of the looks at it the silence begins.
