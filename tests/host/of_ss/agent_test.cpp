@@ -78,9 +78,6 @@ TEST_F(Agent, RequestsAreAnswered) {
       "00000000 ffffffffffffffffffffffffffffffff",
       "PORT_STATS of a port that the machine does not have: 12 0004 0000 00000000 00000002 00000000 -> 13 0004 0000 00000000 "
       "00000002 00000000 ffffffffffffffff ffffffffffffffff",
-      "QUEUE: 12 0005 0000 00000000 ffffffff ffffffff -> 13 0005 0000 00000000",
-      "GROUP: 12 0006 0000 00000000 fffffffc 00000000 -> 13 0006 0000 00000000",
-      "GROUP_DESC: 12 0007 0000 00000000 -> 13 0007 0000 00000000",
       "GROUP_FEATURES: 12 0008 0000 00000000 -> 13 0008 0000 00000000 00000000 00000000 00000000",
       "METER_FEATURES: 12 000b 0000 00000000 -> 13 000b 0000 00000000 00000400 00000006 00000007 08 00 0000",
       "PORT_DESC: 12 000d 0000 00000000 -> 13 000d 0000 00000000 00000001 00000000 020000000001 0000 "
@@ -165,7 +162,6 @@ TEST_F(Refused, Requests) {
       "000000000000",
       "OFPBRC_EPERM PACKET_OUT without a data plane: 0d ffffffff fffffffd 0000 000000000000 0000000000000000000000000000",
       "OFPBRC_BAD_LEN PACKET_OUT of half a frame: 0d ffffffff fffffffd 0000 000000000000 00000000000000000000000000",
-      "OFPBRC_BAD_LEN DESC with a body: 12 0000 0000 00000000 0000000000000000",
       "OFPBRC_BAD_LEN FLOW without its body: 12 0001 0000 00000000",
       "OFPBRC_BUFFER_UNKNOWN PACKET_OUT of a buffered packet: 0d 00000001 fffffffd 0000 000000000000",
       "OFPBRC_BAD_TABLE_ID FLOW of table 2: 12 0001 0000 00000000 02000000 ffffffff ffffffff 00000000 0000000000000000 "
@@ -206,35 +202,25 @@ TEST_F(Refused, Requests) {
 TEST_F(Refused, FlowsForTheirMatch) {
   const Cases cases = {
       "OFPBMC_BAD_LEN unmasked length of a masked field: 80000a020800 80001904 0a000001",
-      "OFPBMC_BAD_LEN longer than the field: 80000a04 08000000",
       "OFPBMC_BAD_LEN longer than the match: 80000004 0000",
       "OFPBMC_BAD_LEN ends within a header: 80000004 00000001 8000",
       "OFPBMC_BAD_LEN wrong length of the experimenter's field: ffff0206 004b454c 0003",
       "OFPBMC_BAD_WILDCARDS value bit where the mask is 0: 80000a020800 80001908 0a000001 ffffff00",
       "OFPBMC_BAD_FIELD ip_ecn: 80000a020800 8000120101",
       "OFPBMC_BAD_FIELD no such field: 80007e02 0001",
-      "OFPBMC_BAD_FIELD no such class: 00010004 00000001",
       "OFPBMC_BAD_FIELD another experimenter: ffff0208 00002320 00000003",
-      "OFPBMC_BAD_FIELD another field of the experimenter: ffff0408 004b454c 00000003",
       "OFPBMC_BAD_VALUE in_port 0: 80000004 00000000",
       "OFPBMC_BAD_VALUE in_port CONTROLLER: 80000004 fffffffd",
       "OFPBMC_BAD_VALUE vlan_vid present only: 80000d04 1000 1000",
       "OFPBMC_BAD_VALUE vlan_vid without OFPVID_PRESENT: 80000c02 0064",
-      "OFPBMC_BAD_VALUE its mask without it: 80000d04 0064 0fff",
       "OFPBMC_BAD_VALUE vlan_vid 4095: 80000c02 1fff",
-      "OFPBMC_BAD_VALUE vlan_vid above its bits: 80000c02 3064",
       "OFPBMC_BAD_VALUE vlan_pcp 8: 80000c021064 80000e0108",
       "OFPBMC_BAD_VALUE ipv6_exthdr above its bits: 80000a0286dd 80004e02 0200",
       "OFPBMC_BAD_MASK mask on in_port: 80000108 00000001 ffffffff",
       "OFPBMC_BAD_PREREQ of IPv6: 80000a0286dd 80001804 0a000001",
-      "OFPBMC_BAD_PREREQ ipv6_exthdr of IPv4: 80000a020800 80004e02 0041",
       "OFPBMC_BAD_PREREQ tcp_dst without ip_proto: 80000a020800 80001c02 0050",
-      "OFPBMC_BAD_PREREQ of UDP: 80000a020800 8000140111 80001c02 0050",
-      "OFPBMC_BAD_PREREQ udp_dst of TCP: 80000a020800 8000140106 80002002 0050",
-      "OFPBMC_BAD_PREREQ icmpv4_type of IPv6: 80000a0286dd 8000140101 8000260108",
       "OFPBMC_BAD_PREREQ icmpv6_type of ICMP: 80000a0286dd 8000140101 80003a0187",
       "OFPBMC_BAD_PREREQ vlan_pcp without vlan_vid: 80000e0101",
-      "OFPBMC_BAD_PREREQ ip_dscp without eth_type: 8000100101",
       "OFPBMC_DUP_FIELD a field twice, once with a mask of nothing: 80000a020800 80001908 00000000 00000000 80001804 0a000001"};
   expect_flows_refused(cases, [](const Message &fields) { return FlowMod{.fields = fields}; });
 }
@@ -264,14 +250,12 @@ TEST_F(Refused, FlowsForTheirActions) {
       "OFPBAC_BAD_EXPERIMENTER an experimenter's: ffff 0008 00002320",
       "OFPBAC_BAD_OUT_PORT no such port: 0000 0010 00000003 0000 000000000000",
       "OFPBAC_BAD_OUT_PORT TABLE: 0000 0010 fffffff9 0000 000000000000",
-      "OFPBAC_BAD_OUT_PORT LOCAL: 0000 0010 fffffffe 0000 000000000000",
       "OFPBAC_TOO_MANY two outputs: 0000 0010 00000001 0000 000000000000 0000 0010 00000002 0000 000000000000",
       "OFPBAC_BAD_QUEUE queue 0: 0015 0008 00000000",
       "OFPBAC_BAD_QUEUE queue 9: 0015 0008 00000009",
       "OFPBAC_BAD_OUT_GROUP group: 0016 0008 00000001",
       "OFPBAC_UNSUPPORTED_ORDER set-field after the output: 0000 0010 00000001 0000 000000000000 0019 0010 80000606 010203040506 "
       "0000",
-      "OFPBAC_UNSUPPORTED_ORDER set_queue after the output: 0000 0010 00000001 0000 000000000000 0015 0008 00000001",
       "OFPBAC_BAD_SET_TYPE ipv4_dst: 0019 0010 80001804 0a000001 00000000",
       "OFPBAC_BAD_SET_TYPE a mask: 0019 0018 8000070c 010203040506 ffffffffffff 00000000",
       "OFPBAC_BAD_SET_LEN vlan_vid with 4 bytes: 0019 0010 80000c04 00001005 00000000",
@@ -281,7 +265,6 @@ TEST_F(Refused, FlowsForTheirActions) {
   expect_flows_refused(
       cases, [](const Message &list) { return FlowMod{.fields = hex(kTaggedIp), .instructions = of_wire::apply(list)}; });
   const Cases untagged = {"OFPBAC_MATCH_INCONSISTENT vlan_pcp: 0019 0010 80000e01 01 00000000000000",
-                          "OFPBAC_MATCH_INCONSISTENT vlan_vid: 0019 0010 80000c02 1005 000000000000",
                           "OFPBAC_MATCH_INCONSISTENT ip_dscp: 0019 0010 80001001 01 00000000000000"};
   expect_flows_refused(untagged, [](const Message &list) { return FlowMod{.instructions = of_wire::apply(list)}; });
   Message many;
@@ -420,12 +403,6 @@ TEST_F(Agent, TheLimitOfConnectionsHolds) {
     return !again.ask(message(5, 1)).empty();
   }));
   EXPECT_TRUE(c.settle());
-}
-
-TEST_F(Agent, AMessageInPiecesIsPutTogether) {
-  for (const std::byte b : flow_mod(ipv4_flow(0x0a000001, 5))) ASSERT_TRUE(c.send({b}));
-  EXPECT_TRUE(c.settle());
-  EXPECT_EQ(daemon.flows(true).size(), 1u);
 }
 
 TEST_F(Agent, APeerThatDoesNotReadIsNotServedWithoutEnd) {

@@ -78,6 +78,18 @@ class AgentTest : public RuntimeTest {
         entries.emplace_back(at, at + static_cast<std::ptrdiff_t>(get({at, part.end()}, 0, 2)));
     return entries;
   }
+  // The error by which the request is refused; "" if it is carried out.
+  std::string answer(const Message &request) {
+    c.forget();
+    EXPECT_TRUE(c.send(request) && c.settle());
+    const auto refused = c.of_type(1);
+    return refused.empty() ? "" : error_of(refused[0]);
+  }
+  // The body of the reply to a multipart request.
+  Message multipart(std::uint16_t type, const Message &body = {}) {
+    const Message reply = c.ask(message(18, 0x3e7e, be(type) + Message(6) + body));
+    return {reply.begin() + 16, reply.end()};
+  }
   // Sends the request and waits until everything has been handled and answered.
   void apply(const Message &request) {
     ASSERT_TRUE(c.send(request));

@@ -31,10 +31,6 @@ class Groups : public AgentTest {
     target.record.several_outputs = true;
     announce(target);
   }
-  std::string answer(const Message &request) {
-    const auto xid = static_cast<std::uint32_t>(get(request, 4, 4));
-    return error_of(c.ask(request + barrier(xid)));
-  }
   FlowMod using_groups(std::uint32_t destination, const Message &actions) {
     FlowMod f = ipv4_flow(destination, 0xf000 + destination);
     f.flags = 1, f.instructions = of_wire::apply(actions);
@@ -47,61 +43,47 @@ class Groups : public AgentTest {
         southbound::flow_instruction_offset(southbound::get<std::uint16_t>(flow.data(), southbound::kFlowMatchLen));
     return to_hex({flow.begin() + static_cast<std::ptrdiff_t>(block) + 8, flow.end()});
   }
-  Message ask(std::uint16_t type, std::uint32_t number = 0xfffffffc) {
-    const Message body = type == 6 ? pack({{number, 4}, {0, 4}}) : Message{};
-    const Message reply = c.ask(message(18, 0x3e7e, pack({{type, 2}, {0, 6}}) + body));
-    return {reply.begin() + 16, reply.end()};
-  }
+  Message statistics(std::uint32_t number) { return multipart(6, be(number, 0u)); }
 };
 
-std::string southbound_output(int port) {
-  return "00001000" + std::string("0") + std::to_string(port) + "000000ffff000000000000";
+// The southbound entry of group 5 with actions of that length behind it.
+std::string southbound_group(int length) {
+  return to_hex(hex("16001000 05000000") + le(length) + Message(4));
+}
+std::string southbound_output(std::uint32_t port) {
+  return to_hex(hex("00001000") + le(port) + hex("ffff000000000000"));
 }
 
 TEST_F(Groups, StandInTheListsOfTheirFlowsAndChangeWithThem) {
   EXPECT_EQ(answer(group_mod(1, kAdd, 5, kAll, bucket(output(1)) + bucket(kDecTtl + output(2)))), "");
   EXPECT_EQ(answer(flow_mod(using_groups(1, group(5)))), "");
-  EXPECT_EQ(latest(),
-            "16001000"
-            "05000000"
-            "28000000"
-            "00000000" +
-                southbound_output(1) + "1800080000000000" + southbound_output(2));
+  EXPECT_EQ(latest(), southbound_group(40) + southbound_output(1) + "1800080000000000" + southbound_output(2));
   EXPECT_EQ(answer(flow_mod(using_groups(2, output(7)))), "");
   daemon.forget();
   EXPECT_EQ(answer(group_mod(2, kModify, 5, kIndirect, bucket(output(7)))), "");
   EXPECT_EQ(daemon.flows(true).size(), 1u);
-  EXPECT_EQ(latest(),
-            "16001000"
-            "05000000"
-            "10000000"
-            "00000000" +
-                southbound_output(7));
-  const auto flows = dump();
-  ASSERT_EQ(flows.size(), 2u);
-  EXPECT_EQ(to_hex(Message(flows[0].end() - 8, flows[0].end())) == "0016000800000005" ||
-                to_hex(Message(flows[1].end() - 8, flows[1].end())) == "0016000800000005",
-            true)
-      << "as the controller wrote it";
-  FlowMod filter = everything();
-  filter.out_group = 5;
-  EXPECT_EQ(dump(dump_request(0xd1, filter)).size(), 1u);
-  filter.out_group = 6;
-  EXPECT_EQ(dump(dump_request(0xd2, filter)).size(), 0u);
-  filter.out_group = 0xffffffff, filter.out_port = 7;
-  EXPECT_EQ(dump(dump_request(0xd3, filter)).size(), 1u) << "a bucket's output is not the flow's";
+  EXPECT_EQ(latest(), southbound_group(16) + southbound_output(7));
+  const auto found = [this](std::uint32_t out_group, std::uint32_t out_port) {
+    FlowMod filter = everything();
+    filter.out_group = out_group, filter.out_port = out_port;
+    return dump(dump_request(0xd1, filter));
+  };
+  ASSERT_EQ(found(5, 0xffffffff).size(), 1u);
+  EXPECT_TRUE(to_hex(found(5, 0xffffffff)[0]).ends_with("0016000800000005")) << "as the controller wrote it";
+  EXPECT_EQ(found(6, 0xffffffff).size(), 0u);
+  EXPECT_EQ(found(0xffffffff, 7).size(), 1u) << "a bucket's output is not the flow's";
 }
 
 TEST_F(Groups, AreTold) {
   const Message buckets = bucket(output(1)) + bucket(kSetDst + output(2));
   EXPECT_EQ(answer(group_mod(1, kAdd, 5, kAll, buckets)), "");
   EXPECT_EQ(answer(flow_mod(using_groups(1, group(5)))), "");
-  EXPECT_EQ(to_hex(ask(7)), to_hex(pack({{8 + buckets.size(), 2}, {kAll, 1}, {0, 1}, {5, 4}}) + buckets));
-  const Message stats = ask(6, 5);
+  EXPECT_EQ(to_hex(multipart(7)), to_hex(pack({{8 + buckets.size(), 2}, {kAll, 1}, {0, 1}, {5, 4}}) + buckets));
+  const Message stats = statistics(5);
   EXPECT_EQ(stats.size(), 40u + 2 * 16);
   EXPECT_EQ(get(stats, 8, 4), 1u) << "flows that use it";
-  EXPECT_TRUE(ask(6, 6).empty());
-  const Message features = ask(8);
+  EXPECT_TRUE(statistics(6).empty());
+  const Message features = multipart(8);
   EXPECT_EQ(get(features, 0, 4), 5u);
   EXPECT_EQ(get(features, 8, 4), 1024u);
   EXPECT_EQ(get(features, 12, 4), 0u);
@@ -119,7 +101,7 @@ TEST_F(Groups, TakeTheirFlowsAlong) {
   EXPECT_EQ(dump().size(), 2u);
   EXPECT_EQ(answer(group_mod(10, kDelete, 0xfffffffc)), "");
   EXPECT_EQ(dump().size(), 1u);
-  EXPECT_TRUE(ask(7).empty());
+  EXPECT_TRUE(multipart(7).empty());
 }
 
 TEST_F(Groups, AreHandedOverAgainWithTheirFlowsAfterAnOutage) {
@@ -167,7 +149,7 @@ TEST_F(Groups, AreRefusedWithTheErrorOfTheFault) {
       {flow_mod(using_groups(4, group(8) + output(2))), "OFPBAC_UNSUPPORTED_ORDER"},
   };
   for (const auto &[request, error] : cases) EXPECT_EQ(answer(request), error) << get(request, 4, 4);
-  EXPECT_EQ(get(ask(7), 0, 2), 8u + 32) << "as it was";
+  EXPECT_EQ(get(multipart(7), 0, 2), 8u + 32) << "as it was";
 }
 
 }  // namespace

@@ -21,10 +21,7 @@ FlowMod metered(std::uint32_t destination, std::uint32_t meter, std::uint32_t xi
 class Meters : public AgentTest {
  protected:
   // The entries of METER (9) or METER_CONFIG (10), of one meter or of all.
-  Message ask(std::uint8_t type, std::uint32_t id) {
-    const Message reply = c.ask(message(18, 0x3e7e, pack({{type, 2}, {0, 6}, {id, 4}, {0, 4}})));
-    return {reply.begin() + 16, reply.end()};
-  }
+  Message ask(std::uint8_t type, std::uint32_t id) { return multipart(type, be(id, 0u)); }
   // The meter-mods that the daemon was told, without their headers.
   Strings told() const {
     Strings found;

@@ -31,9 +31,6 @@ class DataPlane {
     const ss_pkt_in about{.cookie = 0x1122334455667788, .in_port = 7, .table = 1, .reason = reason};
     return ss_pkt_path_in(path_, &about, frame.data(), static_cast<std::uint32_t>(frame.size()));
   }
-  int report(const std::vector<ss_pkt_counts> &counts) {
-    return ss_pkt_path_report(path_, counts.data(), static_cast<std::uint32_t>(counts.size()));
-  }
 
   int wanted = -1;
 
@@ -101,11 +98,6 @@ TEST_F(PacketPath, WhatIsNoMessageEndsTheConnectionAndNothingElse) {
   }
   DataPlane plane(global);
   ASSERT_TRUE(plane.until([&] { return plane.wanted == 1; }));
-  ss_pkt_counts counts{};
-  counts.port = 7, counts.in_limited = 5;
-  EXPECT_EQ(plane.report({counts}), 0);
-  EXPECT_TRUE(plane.until([&] { return packets().at("ports").size() == 1; }));
-  EXPECT_EQ(packets().at("ports")[0].at("in_limited"), 5);
   EXPECT_EQ(plane.send(SS_PKT_ACTION, Message(SS_PKT_FRAME_MAX + 1)), -4);
   EXPECT_EQ(plane.send(SS_PKT_ACTION, Message(SS_PKT_FRAME_MAX)), 0);
   EXPECT_EQ(c.await(kPacketIn).size(), 65535u);

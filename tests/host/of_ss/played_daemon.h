@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <map>
 #include <mutex>
 
 #include "of_ss.h"
@@ -64,18 +63,20 @@ class PlayedDaemon {
   // The flow-mods that add, or those that delete.
   std::vector<Message> flows(bool adds) const {
     auto found = of_type(southbound::kFlowMod);
-    std::erase_if(found, [adds](const Message &m) { return (m[southbound::kFlowCommand] == std::byte{}) != adds; });
+    std::erase_if(found, [adds](const Message &m) { return is_add(m) != adds; });
     return found;
   }
   // Numbers of messages of a type, and of flow-mods that add; cheap enough to poll.
   std::size_t seen(std::uint16_t type) const {
     const std::lock_guard lock(mutex_);
-    const auto found = seen_.find(type);
-    return found == seen_.end() ? 0 : found->second;
+    return static_cast<std::size_t>(std::ranges::count(messages_, type, type_of));
   }
   std::size_t adds() const {
     const std::lock_guard lock(mutex_);
-    return adds_;
+    return static_cast<std::size_t>(std::ranges::count_if(messages_, is_add));
+  }
+  static bool is_add(const Message &m) {
+    return type_of(m) == southbound::kFlowMod && m[southbound::kFlowCommand] == std::byte{};
   }
   // The messages of a type as "NUMBER: LAST MESSAGE", in hexadecimal digits.
   std::string told(std::uint16_t type) const {
@@ -85,8 +86,6 @@ class PlayedDaemon {
   void forget() {
     const std::lock_guard lock(mutex_);
     messages_.clear();
-    seen_.clear();
-    adds_ = 0;
   }
   // Blocks the openflow thread at its next call until the result is destroyed.
   std::unique_lock<std::mutex> stop() { return std::unique_lock(mutex_); }
@@ -116,14 +115,11 @@ class PlayedDaemon {
     send(barrier);
   }
   void record(const Message &m) {
-    const std::uint16_t type = type_of(m);
     ++calls_;
     const std::lock_guard lock(mutex_);
     messages_.push_back(m);
-    ++seen_[type];
-    if (type == southbound::kFlowMod && m[southbound::kFlowCommand] == std::byte{}) ++adds_;
-    if (type == southbound::kBarrierRequest) hold_ ? held_.push_back(m) : answer(m);
-    if (type == southbound::kStatRequest) std::ranges::for_each(counters_, send);
+    if (type_of(m) == southbound::kBarrierRequest) hold_ ? held_.push_back(m) : answer(m);
+    if (type_of(m) == southbound::kStatRequest) std::ranges::for_each(counters_, send);
   }
 
   static inline PlayedDaemon *self = nullptr;
@@ -131,8 +127,6 @@ class PlayedDaemon {
   std::atomic<unsigned> calls_{0};
   bool hold_ = false;
   std::vector<Message> messages_, held_, counters_;
-  std::map<std::uint16_t, std::size_t> seen_;
-  std::size_t adds_ = 0;
 };
 
 inline std::uint64_t index_of(const Message &southbound) {

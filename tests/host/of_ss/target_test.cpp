@@ -17,10 +17,6 @@ class Target : public AgentTest {
       if (row["name"] == name) return row["limit"];
     return ~std::uint64_t{0};
   }
-  std::string answer(FlowMod f, std::uint32_t xid) {
-    f.xid = xid;
-    return error_of(c.ask(flow_mod(f) + barrier(xid)));
-  }
 };
 
 // An action list of a target that carries lists out, and what is wrong with it.
@@ -48,11 +44,11 @@ TEST_F(Target, GetsOnlyListsThatActOnEveryPacketOfTheFlow) {
   };
   FlowMod f;
   for (std::uint32_t xid = 1; const auto &one : cases) {
-    f.fields = one.fields, f.instructions = one.instructions;
-    EXPECT_EQ(answer(f, ++xid), one.error) << xid;
+    f.xid = ++xid, f.fields = one.fields, f.instructions = one.instructions;
+    EXPECT_EQ(answer(flow_mod(f)), one.error) << xid;
   }
   f.table = 1, f.fields = any, f.instructions = of_wire::apply(output(1) + output(2));
-  EXPECT_EQ(answer(f, 100), "OFPBAC_TOO_MANY") << "entries of the service chain";
+  EXPECT_EQ(answer(flow_mod(f)), "OFPBAC_TOO_MANY") << "entries of the service chain";
 }
 
 constexpr char kSetEthDst[] = "0019 0010 80000606 020000000001 0000", kQueue8[] = "0015 0008 00000008";
@@ -71,15 +67,14 @@ TEST_F(Target, DecidesWhatIsAcceptedAndWhatIsToldOfIt) {
       {[](STarget__Capabilities &t) { t.queues = 7; }, queued, "OFPBAC_BAD_QUEUE"},
       {[](STarget__Capabilities &t) { t.match_fields = 1 | 1 << 5; }, queued, "OFPBMC_BAD_FIELD"},
   };
-  std::uint32_t xid = 1;
   for (const auto &one : cases) {
     SCOPED_TRACE(one.error);
     records::Capabilities target(1u);
     one.change(target.record);
     ASSERT_NO_FATAL_FAILURE(announce(target));
-    EXPECT_EQ(answer(one.flow, xid++), one.error);
+    EXPECT_EQ(answer(flow_mod(one.flow)), one.error);
     ASSERT_NO_FATAL_FAILURE(withdraw());
-    EXPECT_EQ(answer(one.flow, xid++), "");
+    EXPECT_EQ(answer(flow_mod(one.flow)), "");
   }
 }
 
@@ -87,13 +82,12 @@ TEST_F(Target, GivesTheLimits) {
   records::Capabilities target(1u);
   target.record.flows = 2, target.record.meters = 3, target.record.bands = 1;
   announce(target);
-  const Message meters = c.ask(message(18, 1, be(std::uint16_t{11}) + Message(6)));
-  EXPECT_EQ(get(meters, 16, 4), 3u);
-  EXPECT_EQ(get(meters, 28, 1), 1u);
-  const Message tables = c.ask(message(18, 2, be(std::uint16_t{12}) + Message(6)));
-  EXPECT_EQ(get(tables, 16 + 60, 4), 2u) << "max_entries";
-  EXPECT_EQ(answer(ipv4_flow(1), 3) + answer(ipv4_flow(2), 4), "");
-  EXPECT_EQ(answer(ipv4_flow(3), 5), "OFPFMFC_TABLE_FULL");
+  const Message meters = multipart(11);
+  EXPECT_EQ(get(meters, 0, 4), 3u);
+  EXPECT_EQ(get(meters, 12, 1), 1u);
+  EXPECT_EQ(get(multipart(12), 60, 4), 2u) << "max_entries";
+  EXPECT_EQ(answer(flow_mod(ipv4_flow(1))) + answer(flow_mod(ipv4_flow(2))), "");
+  EXPECT_EQ(answer(flow_mod(ipv4_flow(3))), "OFPFMFC_TABLE_FULL");
 }
 
 TEST_F(Target, IsBelievedOnlyAsFarAsTheLibraryGoes) {
@@ -110,7 +104,7 @@ TEST_F(Target, IsBelievedOnlyAsFarAsTheLibraryGoes) {
   EXPECT_EQ(limit("greatest queue"), 8u);
   FlowMod strange = ipv4_flow(1);
   strange.instructions = of_wire::apply(hex("0013 0008 88470000") + output(2));
-  EXPECT_EQ(answer(strange, 1), "OFPBAC_BAD_TYPE");
+  EXPECT_EQ(answer(flow_mod(strange)), "OFPBAC_BAD_TYPE");
 }
 
 }  // namespace
