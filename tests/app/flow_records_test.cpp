@@ -158,29 +158,4 @@ TEST_F(FlowRecords, AListEndsWhereItCannotBeFollowed) {
       });
 }
 
-// Every prefix of a flow, with a length that tells the truth: nothing is read beyond it (the sanitizer watches), and what lies
-// whole in front of the cut is kept. One that ends before its instructions says nothing.
-TEST_F(FlowRecords, EveryTruncationKeepsWhatLiesBeforeIt) {
-  d.expect_error("");
-  const Bytes match = kInPort + field(0x8000070c, hex("020304050607ffffffffffff")) + kEtype;  // from 44, 52 and 68 to 74
-  const Bytes whole = flow_mod({.match = match, .actions = set_queue(3) + output(2)});        // from 88 and 96 to 112
-  for (std::size_t len = 44; len <= 112; ++len) {
-    Bytes cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(len));
-    put16(cut, 4, len);
-    put16(cut, 8, len);
-    flow(cut);
-  }
-  d.tick();
-  const auto records = d.stored(kUdpDb, &s_policy_kelim__flow__descriptor);
-  EXPECT_EQ(records.size(), 112u - 44 + 1);
-  for (const auto &record : records) {
-    const std::uint64_t len = index_of(record);
-    const auto *stored = record.as<SPolicyKelim__Flow>();
-    const std::uint64_t fields = (len >= 52 ? 0x1 : 0) | (len >= 68 ? 0x8 : 0) | (len >= 74 ? 0x20 : 0);
-    EXPECT_EQ(stored->flow_field->flow_field_bitmap, len == 80 ? 0 : fields) << len;
-    EXPECT_EQ(stored->flow_action->flow_action_bitmap, (len >= 96 ? 0x2u : 0) | (len >= 112 ? 0x1u : 0)) << len;
-    EXPECT_EQ(stored->flow_data.len, len);
-  }
-}
-
 }  // namespace
