@@ -37,16 +37,15 @@ class Controllers(e2e.Test):
         self.assertEqual(client.barrier(), [])
         left = lambda: (len(self.stored(running, "flow")), len(self.stored(running, "meter")))
 
-        reserved = daemon.Port()
-        self.addCleanup(reserved.close)
-        self.assertIn(str(reserved.number), self.listen(running, running.port, reserved.number).stdout)
-        with openflow.Client(reserved.number) as second:
+        reserved = self.free_port()
+        self.assertIn(str(reserved), self.listen(running, running.port, reserved).stdout)
+        with openflow.Client(reserved) as second:
             self.assertEqual(second.handshake().barrier(), [])
             refused = self.listen(running, "nowhere")
             self.assertEqual(refused.returncode, 1)
             self.assertIn("openflow.listen", refused.stdout)
             self.assertEqual(client.barrier(), [], "the first connection goes on")
-            self.listen(running, reserved.number)
+            self.listen(running, reserved)
             with self.assertRaises((EOFError, ConnectionResetError)):
                 client.barrier()
             self.assertEqual(second.barrier(), [])
@@ -62,10 +61,9 @@ class Controllers(e2e.Test):
         self.assertEqual((running.ask_json("flows")["flows"], self.counted(running, "DEL_ALL")[0]), ([], 1))
 
     def test_it_says_what_has_become_of_each_endpoint(self):
-        taken, nobody = socket.create_server(("127.0.0.1", 0)), daemon.Port()
+        taken = socket.create_server(("127.0.0.1", 0))
         self.addCleanup(taken.close)
-        self.addCleanup(nobody.close)
-        running = daemon.Daemon(e2e.BIN, openflow_connect=f"tcp:127.0.0.1:{nobody.number},tcp:no-such.invalid:1,ssl:127.0.0.1:1")
+        running = daemon.Daemon(e2e.BIN, openflow_connect=f"tcp:127.0.0.1:{self.free_port()},tcp:no-such.invalid:1,ssl:127.0.0.1:1")
         running.environment["KELIM_OPENFLOW_LISTEN"] += f",ptcp:127.0.0.1:{taken.getsockname()[1]},ptcp:localhost:1"
         self.run_until_the_end(running)
         states = lambda: [(row["state"], row["error"]) for row in running.ask_json("controllers")["endpoints"]]
@@ -143,19 +141,6 @@ class Controllers(e2e.Test):
         connect("third.example")  # the daemon is to end during this look-up
         self.assertEqual(running.kelimctl("cmd", "of_ss", "reload").returncode, 0)
         self.await_that(lambda: select.select([server], [], [], 0)[0], "the question for the last name")
-
-    def test_the_packet_path_follows_the_roles_or_the_operator(self):
-        running = self.daemon()
-        starts, ends = self.counted(running, "PKT")
-        client = self.client(running)
-        for command, more_starts, more_ends in ((None, 1, 0), ("pkt_end", 1, 1), ("pkt_by_role", 2, 1), ("pkt_start", 2, 1)):
-            if command:
-                running.command(command, module="of_ss")
-            self.await_that(lambda: self.counted(running, "PKT") == (starts + more_starts, ends + more_ends), command)
-        client.close()
-        self.client(running).close()
-        running.command("pkt_by_role", module="of_ss")
-        self.await_that(lambda: self.counted(running, "PKT") == (starts + 2, ends + 2), "the end with the last controller")
 
     def await_addresses(self, running, *addresses):
         """Waits for the stored addresses; keys hold an address as a number with the first octet as the least significant."""

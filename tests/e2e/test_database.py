@@ -16,6 +16,9 @@ class Database(e2e.Test):
 
     start = e2e.Test.daemon
 
+    def cut_subscriptions(self):
+        """Cuts the connections by which the daemon hears of changes, and waits until it has them again."""
+
     def setUp(self):
         self.running = self.start()
         self.controller = self.client(self.running)
@@ -30,12 +33,8 @@ class Database(e2e.Test):
 
     def watch(self, *arguments):
         """Starts `kelimctl mom watch`."""
-        watch = subprocess.Popen(
-            [self.running.bin / "kelimctl", "--run-dir", self.running.run_dir, "mom", "watch", *arguments],
-            env=self.running.environment, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
-        )
-        self.addCleanup(watch.communicate)
-        self.addCleanup(watch.kill)
+        watch = self.spawn(self.running.bin / "kelimctl", "--run-dir", self.running.run_dir, "mom", "watch", *arguments,
+                           env=self.running.environment, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
         self.assertIn("Watching", watch.stderr.readline())
         return watch
 
@@ -55,6 +54,8 @@ class Database(e2e.Test):
     def test_changes_are_shown_as_they_happen(self):
         everything, text = self.watch("--json"), self.watch("flow")
         key = self.add(1)
+        self.cut_subscriptions()
+        self.running.command("pkt_end", module="of_ss")
         self.controller.delete_all()
         self.controller.barrier()
         seen = []
@@ -64,18 +65,23 @@ class Database(e2e.Test):
         self.assertEqual((written["db"], written["change"]), (8, "written"))
         self.assertEqual(written["record"]["flow_field"]["dst_ipv4"], "10.0.0.1")
         self.assertIn("STATUS_INSTALLED", [change["record"].get("status") for change in seen])
+        signals = [change["record"] for change in seen if (change["change"], change["key"]) == ("published", "s_policy_kelim.pkt_sig")]
+        self.assertIn({"is_pkt_start": 0}, signals)
         self.assertRegex(text.stdout.readline(), rf"^\d\d:\d\d:\d\d\.\d\d\d written   s_policy_kelim.flow:{key} \(database 8\)$")
         self.assertEqual(text.stdout.readline(), "  index:\n")
         for watch in (everything, text):
             watch.send_signal(signal.SIGINT)
-            watch.communicate(timeout=e2e.LIMIT)
-            self.assertEqual(watch.returncode, 0)
+            self.assertEqual(watch.wait(e2e.LIMIT), 0)
 
 
 class DatabaseInRedis(Database):
     """The same with a Redis server, which kelimctl also reads without the daemon."""
 
     start = functools.partialmethod(e2e.Test.system, mom_scan_batch=7)
+
+    def cut_subscriptions(self):
+        e2e.kill_clients(self.running.socket, "name=ssc_kelim/8/listen")
+        self.await_that(lambda: "reconnect db:8 type:2" in self.running.output(), "the daemon's connections")
 
     def test_a_flow_that_is_only_stored_shows_as_such(self):
         key = self.add(1)

@@ -11,17 +11,11 @@ import unittest
 sys.path.append("/usr/lib/python3/dist-packages")  # of Debian's package, for other Python installations
 from prometheus_client.parser import text_string_to_metric_families
 
-import daemon
 import e2e
 import openflow
 
 
 class Metrics(e2e.Test):
-    def port(self):
-        port = daemon.Port()
-        self.addCleanup(port.close)
-        return port.number
-
     def ask(self, port, path, method="GET", **how):
         connection = http.client.HTTPConnection("127.0.0.1", port, timeout=e2e.LIMIT)
         self.addCleanup(connection.close)
@@ -47,7 +41,7 @@ class Metrics(e2e.Test):
         return {(sample.name, *sample.labels.values()): sample.value for family in families for sample in family.samples}
 
     def test_what_was_done_is_what_is_counted(self):
-        port = self.port()
+        port = self.free_port()
         running = self.daemon(metrics_listen=port, programmer_script="fail=@2", programmer_counter_interval_ms=0)
         client = self.client(running)
         for number in range(1, 5):
@@ -78,7 +72,7 @@ class Metrics(e2e.Test):
         self.assertGreaterEqual(self.scrape(port)[received], found[received], "those of connections that have gone count on")
 
     def test_whoever_asks_otherwise_gets_an_answer_and_holds_nobody_up(self):
-        port = self.port()
+        port = self.free_port()
         self.daemon(metrics_listen=f"127.0.0.1:{port}")
         status, headers, text = self.ask(port, "/metrics", "HEAD")
         self.assertEqual((status, text), (200, ""))
@@ -110,13 +104,9 @@ class Metrics(e2e.Test):
         taken.close()
         self.await_that(lambda: f"metrics are served on 127.0.0.1:{port}" in running.output(), "the port")
         self.assertEqual(self.ask(port, "/readyz")[0], 200)
-        running.environment["KELIM_METRICS_LISTEN"] = "localhost:9469"
-        refused = running.spawn()
-        self.assertIn('metrics.listen = "localhost:9469" is not allowed; allowed: PORT', refused.communicate()[0])
-        self.assertNotEqual(refused.returncode, 0)
 
     def test_the_programming_service_and_a_database_that_is_away(self):
-        own, programmers = self.port(), self.port()
+        own, programmers = self.free_port(), self.free_port()
         running = self.system(metrics_listen=own, metrics_programmer_listen=programmers)
         client = self.client(running)
         for number in range(1, 4):

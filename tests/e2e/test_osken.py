@@ -3,10 +3,8 @@
 import json
 import pathlib
 import shutil
-import subprocess
 import unittest
 
-import daemon
 import e2e
 import network
 from interfaces import OnInterfaces
@@ -25,19 +23,15 @@ class OsKen(OnInterfaces):
         self.addCleanup(network.run, "ip", "link", "delete", "x1")
         for end in ("x1", "x2"):
             network.run("ip", "link", "set", end, "up")
-        port = daemon.Port()
-        self.addCleanup(port.close)
+        port = self.free_port()
         self.switches = [self.daemon(**{**self.network.settings, "ports": ports, "openflow_datapath_id": str(number),
-                                        "openflow_connect": f"tcp:127.0.0.1:{port.number}", "programmer_counter_interval_ms": 50})
+                                        "openflow_connect": f"tcp:127.0.0.1:{port}", "programmer_counter_interval_ms": 50})
                          for number, ports in ((1, "1:p1,2:p2,3:x1"), (2, "1:p3,2:x2"))]
         self.told = self.switches[0].run_dir / "told"
-        command = ["osken-manager", "--ofp-listen-host", "127.0.0.1", "--ofp-tcp-listen-port", port.number, "--observe-links", APP]
+        command = ["osken-manager", "--ofp-listen-host", "127.0.0.1", "--ofp-tcp-listen-port", port, "--observe-links", APP]
         log = open(self.switches[0].run_dir / "osken", "w")
         self.addCleanup(log.close)
-        controller = subprocess.Popen([str(word) for word in command], stdout=log, stderr=log,
-                                      env={"PATH": "/usr/bin:/bin", "KELIM_TOLD": str(self.told)})
-        self.addCleanup(controller.wait)
-        self.addCleanup(controller.kill)
+        self.spawn(*command, stdout=log, stderr=log, env={"PATH": "/usr/bin:/bin", "KELIM_TOLD": str(self.told)})
 
     def saw(self, name):
         """What the controller has said so far in lines with that name."""

@@ -3,72 +3,46 @@
 import threading
 import unittest
 
-import daemon
 import e2e
 import openflow
 
 PASS = 500  # flows that each pass of churn adds and then deletes; the table holds 600
-
-
-class Flood(threading.Thread):
-    """Sends the same bytes over and over on its own connection until it is told to stop, and reads the answers."""
-
-    def __init__(self, client, unit):
-        super().__init__(daemon=True)
-        self.client, self.unit, self.ends = client, unit, threading.Event()
-        self.reader = threading.Thread(target=self.read, daemon=True)
-        self.answers, self.errors = 0, []
-
-    def run(self):
-        self.reader.start()
-        sent = 0
-        while not self.ends.is_set():
-            self.client.socket.sendall(self.unit)
-            sent += 1
-        self.client.send(openflow.BARRIER_REQUEST, xid=0xFFFF)
-        self.reader.join()
-
-    def read(self):
-        while True:
-            message = self.client.receive()
-            self.answers += message.type == openflow.BARRIER_REPLY
-            if message.type == openflow.ERROR:
-                self.errors.append(openflow.error_of(message)[0])
-            if message.xid == 0xFFFF:
-                return
-
-    def finish(self):
-        self.ends.set()
-        self.join(e2e.LIMIT)
+END = 0xFFFF
 
 
 class Pace(e2e.Test):
-    def churn(self, running):
-        """Starts adding and deleting the same flows as fast as the daemon accepts them, with a barrier after each pass."""
-        client = self.client(running)
-        client.socket.settimeout(60)
-        made = [
-            client.frame(openflow.FLOW_MOD, openflow.flow_mod(command, openflow.tcp_flow(n)[0], openflow.tcp_flow(n)[1] if add else b""))
-            for command, add in ((openflow.ADD, True), (openflow.DELETE_STRICT, False))
-            for n in range(PASS)
-        ]
-        flood = Flood(client, b"".join(made) + client.frame(openflow.BARRIER_REQUEST, xid=7))
-        flood.start()
-        self.addCleanup(flood.finish)
-        self.await_that(lambda: flood.answers > 3, "churn under way")
-        return flood
-
     def check_churn(self, running):
-        flood = self.churn(running)
-        quiet = self.client(running)
+        """Adds and deletes the same flows as fast as the daemon accepts them, with a barrier after each pass."""
+        churn, quiet = self.client(running), self.client(running)
+        made = [churn.frame(openflow.FLOW_MOD, openflow.flow_mod(openflow.ADD, *openflow.tcp_flow(n))) for n in range(PASS)]
+        made += [churn.frame(openflow.FLOW_MOD, openflow.flow_mod(openflow.DELETE_STRICT, openflow.tcp_flow(n)[0])) for n in range(PASS)]
+        unit = b"".join(made) + churn.frame(openflow.BARRIER_REQUEST, xid=7)
+        over, answers = threading.Event(), []
+
+        def send():
+            while not over.is_set():
+                churn.socket.sendall(unit)
+            churn.send(openflow.BARRIER_REQUEST, xid=END)
+
+        def read():
+            while (message := churn.receive()).xid != END:
+                answers.append(message.type)
+
+        threads = [threading.Thread(target=each, daemon=True) for each in (send, read)]
+        for thread in threads:
+            thread.start()
+        self.addCleanup(over.set)
+        self.await_that(lambda: len(answers) > 3, "churn under way")
         for number in range(5):
-            before = flood.answers
+            before = len(answers)
             self.assertIn("controllers", running.ask_json("controllers"))  # answered by the loop, between the churn's messages
             quiet.add(100_000 + number)
             self.assertEqual(quiet.barrier(), [])
-            self.await_that(lambda: flood.answers > before, "the churn going on")
-        flood.finish()
-        self.assertEqual(flood.errors, [])
+            self.await_that(lambda: len(answers) > before, "the churn going on")
+        over.set()
+        for thread in threads:
+            thread.join(e2e.LIMIT)
+        self.assertEqual(set(answers), {openflow.BARRIER_REPLY}, "no error")
         quiet.delete_all()
         self.assertEqual(quiet.barrier(), [])
         self.await_that(lambda: self.stored(running, "flow") == self.stored(running, "flow_sta") == [], "an empty table")

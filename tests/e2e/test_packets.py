@@ -1,33 +1,17 @@
 """Packets between the data plane and controllers, with real traffic of hosts in network namespaces."""
 
-import os
 import signal
-import socket
 import struct
 import subprocess
 import time
 import unittest
 
-import e2e
-import learning
 import network
 import openflow
-from interfaces import UDP, OnInterfaces, checksum, frame, ipv4, udp
-from traffic import ASK, END_AT_ONCE
+from interfaces import OnInterfaces, checksum, frame, ipv4, udp
+from traffic import PUSH, PUSHED
 
 TCP = 6
-PAIRS = [(a, b) for a in range(3) for b in range(3) if a != b]
-
-PUSH = END_AT_ONCE + """
-client = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
-client.setsockopt(*at_once)
-client.connect((sys.argv[1], 7))
-client.sendall(bytes(range(250)) * 400)
-client.shutdown(socket.SHUT_WR)
-while client.recv(1 << 16):
-    pass
-"""
-
 
 def is_right(packet):
     """True if the IPv4 header's and the TCP or UDP checksum are correct."""
@@ -42,13 +26,12 @@ def transport(packets, proto):
 
 
 class Packets(OnInterfaces):
+    start = OnInterfaces.daemon
+
     def setUp(self):
         self.hosts = self.network.hosts
-        self.switch = self.daemon(**self.settings())
+        self.switch = self.start(**self.network.settings)
         self.await_that(lambda: self.packets()["data_plane"], "the data plane at the agent's socket")
-
-    def settings(self):
-        return self.network.settings
 
     def packets(self):
         return self.switch.ask_json("packets")
@@ -60,27 +43,6 @@ class Packets(OnInterfaces):
         while (message := client.receive()).type != openflow.PACKET_IN:
             pass
         return openflow.packet_in_of(message)
-
-    # On a virtual cable the kernel leaves the checksums of sent packets to a network card that does not exist.
-    def test_hosts_reach_each_other_by_a_learning_switch_from_the_first_packet_on(self):
-        for kind, proto in (("udp", UDP), ("tcp", TCP)):
-            for host in self.hosts:
-                self.serve(host, kind)
-        for kind, proto in (("udp", UDP), ("tcp", TCP)):
-            for a, b in PAIRS:
-                with self.subTest(kind=kind, from_host=a, to_host=b):
-                    e2e.ofctl(self.switch.port, "del-flows")
-                    learner = learning.LearningSwitch(self.switch.port)
-                    learner.start()
-                    try:
-                        answer = self.hosts[a].run("python3", "-c", ASK, kind, self.hosts[b].address).stdout
-                    finally:
-                        learner.close()
-                    self.assertEqual(answer, "hello\n")
-                    came = transport(learner.seen, proto)
-                    # Late packets of earlier connections may be among them.
-                    self.assertIn(b"".join(socket.inet_aton(self.hosts[n].address) for n in (a, b)), [packet[26:34] for packet in came])
-                    self.assertEqual([is_right(packet) for packet in came], [True] * len(came))
 
     def test_a_packet_in_says_what_the_packet_was_and_why_it_comes(self):
         packet, long, short = frame(ipv4(udp(53))), frame(ipv4(udp(54, bytes(1458)))), frame(bytes(46), 0x88B5)
@@ -105,9 +67,7 @@ class Packets(OnInterfaces):
         self.serve(self.hosts[1], "tcp")
         self.add("priority=9,in_port=2,actions=output:1", "priority=5,in_port=1,actions=controller")
         client = self.client(self.switch)
-        push = subprocess.Popen([str(w) for w in self.hosts[0].words("python3", "-c", PUSH, self.hosts[1].address)])
-        self.addCleanup(push.wait)
-        self.addCleanup(push.kill)
+        self.spawn(*self.hosts[0].words("python3", "-c", PUSH, self.hosts[1].address, 7), stdout=subprocess.DEVNULL)
         data, first = {}, None
         while len(data) < 30:
             packet = self.next_packet(client)
@@ -119,9 +79,8 @@ class Packets(OnInterfaces):
                 if payload := packet.frame[34 + header : 14 + struct.unpack_from("!H", packet.frame, 16)[0]]:
                     data[(sequence - first - 1) % (1 << 32)] = payload
             client.send(openflow.PACKET_OUT, openflow.packet_out(packet.frame, openflow.output(2), in_port=1))
-        wanted = bytes(range(250)) * 400
         for at, payload in data.items():
-            self.assertEqual(payload, wanted[at : at + len(payload)])
+            self.assertEqual(payload, PUSHED[at : at + len(payload)])
         self.assertGreater(max(len(payload) for payload in data.values()), 1400)
 
     def test_a_packet_out_goes_where_its_actions_say(self):
@@ -163,27 +122,6 @@ class Packets(OnInterfaces):
                 self.assertEqual(came[-1].frame, end)
         self.await_that(lambda: self.port(1).get("in") == 2 and self.port(None)["out_nowhere"] == 2, "the counts of the ports")
         self.assertEqual(self.port(None)["out_refused"], 2)
-
-    def test_a_client_that_nobody_here_wrote_sends_and_sees_packets(self):
-        here, there, _ = self.sockets()
-        packet = frame(ipv4(udp(53)))
-        monitor = subprocess.Popen(["ovs-ofctl", "-O", "OpenFlow13", "monitor", f"tcp:127.0.0.1:{self.switch.port}", "128"],
-                                   env={**os.environ, "OVS_RUNDIR": str(self.switch.run_dir)}, stdout=subprocess.DEVNULL,
-                                   stderr=subprocess.PIPE, text=True)
-        self.addCleanup(monitor.stderr.close)
-        self.addCleanup(monitor.wait)
-        self.addCleanup(monitor.kill)
-        self.await_that(lambda: self.packets()["controllers"], "the monitor")
-        self.add("cookie=0x9,priority=0,actions=controller")
-        here.send(packet)
-        told = ""
-        while "udp" not in told:
-            told += monitor.stderr.readline()
-        self.assertRegex(told, r"OFPT_PACKET_IN.*cookie=0x9 total_len=46 in_port=1 \(via no_match\)")
-        self.assertNotIn("bad csum", told)
-        sent = e2e.ofctl(self.switch.port, "packet-out", f"in_port=controller packet={packet.hex()} actions=output:2")
-        self.assertEqual((sent.returncode, sent.stderr), (0, ""))
-        self.assertEqual(network.receive(there), packet)
 
     # A controller that does not read loses packets itself; nobody else loses anything.
     def test_a_flood_of_packets_is_limited_and_a_deaf_controller_is_not_in_the_way(self):
@@ -244,10 +182,7 @@ class Packets(OnInterfaces):
 class ServiceOfItsOwn(Packets):
     """The same with the programming service as a separate process, and packets while it is away."""
 
-    def setUp(self):
-        self.hosts = self.network.hosts
-        self.switch = self.system(**self.settings())
-        self.await_that(lambda: self.packets()["data_plane"], "the data plane at the agent's socket")
+    start = OnInterfaces.system
 
     def test_packets_go_on_when_the_service_has_come_back(self):
         client = self.client(self.switch)

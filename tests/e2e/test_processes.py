@@ -101,24 +101,6 @@ class Processes(load.Test):
         self.await_that(lambda: waiting() == 0, "both to be written")
         self.await_that(lambda: not e2e.records(system.socket, "meter"), "the end of the meter")
 
-    def test_a_frozen_database_stops_neither_the_daemon_nor_what_follows(self):
-        system = self.system(mom_sync_timeout_ms=300, openflow_decide_timeout_ms=600)
-        client = self.client(system)
-        system.signal("redis-server", signal.SIGSTOP)
-        self.addCleanup(system.signal, "redis-server", signal.SIGCONT)
-        # The server stays frozen until everything here is answered: anything that waited for it would never answer.
-        adds = {client.add(number) for number in range(20)}
-        system.command("dump_ssc_sdn_msg_queue")
-        self.assertEqual(system.kelimctl("mom", "--url", "embedded:", "get", "flow", "1:0").returncode, 1)
-        errors = client.barrier()
-        self.assertEqual({error.xid for error in errors}, adds, "nobody decided")
-        system.signal("redis-server", signal.SIGCONT)
-        self.assert_of_one_mind(system, ())
-        # On a slow machine the first flows may still be given up.
-        self.await_that(lambda: client.add(7) and client.barrier() == [], "a flow that is decided in time")
-        self.assert_of_one_mind(system, (7,))
-        self.assertEqual(len(system.pids("ssc_kelim")), 1)
-
 
 if __name__ == "__main__":
     unittest.main(verbosity=2)

@@ -112,6 +112,19 @@ class Test(unittest.TestCase):
         if running.process.poll() is None:
             self.assertEqual(running.stop(), 0, running.output()[-3000:])
 
+    def spawn(self, *words, **how):
+        """Starts another program, which is killed at the end of the test."""
+        process = subprocess.Popen([str(word) for word in words], **how)
+        self.addCleanup(process.__exit__, None, None, None)
+        self.addCleanup(process.kill)
+        return process
+
+    def free_port(self):
+        """Reserves a TCP port of 127.0.0.1 until the end of the test, and returns its number."""
+        reserved = daemon.Port()
+        self.addCleanup(reserved.close)
+        return reserved.number
+
     def client(self, running, address=""):
         """Connects a controller on this machine, from another local address if one is given."""
         client = openflow.Client(running.port, source=address)

@@ -15,9 +15,9 @@ def checksum(data):
     return total ^ 0xFFFF
 
 
-def ipv4(payload=b"", dscp=0, proto=UDP, fragment=0, destination="10.0.0.2", ttl=64):
+def ipv4(payload=b"", dscp=0, proto=UDP, fragment=0, destination="10.0.0.2", ttl=64, source="10.0.0.1"):
     head = struct.pack("!BBHHHBBH", 0x45, dscp << 2 | 1, 20 + len(payload), 7, fragment, ttl, proto, 0)
-    head += socket.inet_aton("10.0.0.1") + socket.inet_aton(destination)
+    head += socket.inet_aton(source) + socket.inet_aton(destination)
     return head[:10] + struct.pack("!H", checksum(head)) + head[12:] + payload
 
 

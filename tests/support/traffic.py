@@ -1,5 +1,5 @@
-"""Programs that the hosts run, given to `python3 -c`: an echo server on port 7 and a client that asks it once; a sink on port 9 that
-counts what it receives, and a client that sends as fast as it can."""
+"""Programs that the hosts run, given to `python3 -c`: an echo server on port 7, a client that asks it once, and one that says much; a
+sink on port 9 that counts what it receives, and a client that sends as fast as it can."""
 
 # Connections are reset at once, so that none of their packets arrives during the next test.
 END_AT_ONCE = "import socket, struct, sys; at_once = (socket.SOL_SOCKET, socket.SO_LINGER, struct.pack('ii', 1, 0))"
@@ -63,4 +63,14 @@ client.connect((sys.argv[2], 9))
 data = bytes(int(sys.argv[3]))
 while True:
     client.send(data)
+"""
+# Prints how many bytes came back and their sum.
+PUSHED = bytes(range(250)) * 400
+PUSH = END_AT_ONCE + """
+client = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+client.setsockopt(*at_once)
+client.connect((sys.argv[1], int(sys.argv[2])))
+client.sendall(bytes(range(250)) * 400)
+data = client.makefile("rb").read(250 * 400)
+print(len(data), sum(data))
 """
