@@ -18,12 +18,6 @@ def garbage(chance):
     yield "random bytes", [chance.randbytes(chance.randrange(1, 4000)) for _ in range(200)]
     bodies = [(kind, chance.randbytes(chance.randrange(300))) for kind in range(31) for _ in range(20)]
     yield "random bodies", [hello + header(kind, 8 + len(body)) + body for kind, body in bodies]
-    match, instructions = openflow.tcp_flow(9)
-    flow = openflow.flow_mod(openflow.ADD, match, instructions)
-    cuts = [flow[:length] for length in range(len(flow)) if length != len(flow) - len(instructions)]  # a valid drop flow
-    yield "truncations", [
-        hello + header(openflow.FLOW_MOD, 8 + len(cut)) + cut + header(openflow.FLOW_MOD, 8 + len(flow)) + cut for cut in cuts
-    ]
     yield "lengths below the header", [hello + header(openflow.ECHO_REQUEST, length) for length in (0, 4, 7)]
     yield "connections", [b""] * 5000
     yield "as many again", [b""] * 5000

@@ -101,6 +101,9 @@ class Kelimctl(e2e.Test):
         self.assertEqual({key: status["openflow"][key] for key in ("flows", "refused", "failed", "undecided", "controllers")},
                          {"flows": 1, "refused": 1, "failed": 1, "undecided": 0, "controllers": {"equal": 1}})
         self.assertIn("flow 2 (", running.ask("status"))
+        (adding,) = [one for one in running.ask_json("timings") if one["name"] == "SDN_ADD_FLOW"]
+        self.assertEqual((adding["count"], round(adding["total_us"])), (2, round(2 * adding["avg_us"])))
+        self.assertTrue(0 < adding["last_us"] <= adding["max_us"] < adding["total_us"], adding)
 
     def test_a_trace_tells_of_flows_and_requests_from_the_wire_to_the_answer(self):
         running = self.daemon(openflow_capacity=10000, programmer_size=10000, programmer_script="fail=@3")
