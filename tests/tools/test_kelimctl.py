@@ -169,6 +169,8 @@ class Kelimctl(e2e.Test):
         running = self.daemon()
         page = (pathlib.Path(__file__).parents[2] / "docs" / "openflow.md").read_text()
         self.assertEqual(page.partition("<!-- kelimctl capabilities --markdown -->\n\n")[2], running.ask("capabilities", "--markdown"))
+        refused = e2e.ofctl(running.port, "add-flow", "udp,actions=output:2,output:3")
+        self.assertIn("OFPBAC_TOO_MANY", refused.stderr, "this target reads entries, not lists")
         told = running.ask_json("capabilities")
         features = e2e.ofctl(running.port, "dump-table-features").stdout
         for kind in ("instructions", "actions"):
