@@ -1,17 +1,20 @@
 """Packets between the data plane and controllers, with real traffic of hosts in network namespaces."""
 
+import os
 import signal
 import struct
 import subprocess
 import time
 import unittest
 
+import e2e
 import network
 import openflow
 from interfaces import OnInterfaces, checksum, frame, ipv4, udp
 from traffic import PUSH, PUSHED
 
 TCP = 6
+
 
 def is_right(packet):
     """True if the IPv4 header's and the TCP or UDP checksum are correct."""
@@ -122,6 +125,23 @@ class Packets(OnInterfaces):
                 self.assertEqual(came[-1].frame, end)
         self.await_that(lambda: self.port(1).get("in") == 2 and self.port(None)["out_nowhere"] == 2, "the counts of the ports")
         self.assertEqual(self.port(None)["out_refused"], 2)
+
+    def test_a_client_that_nobody_here_wrote_sends_and_sees_packets(self):
+        here, there, _ = self.sockets()
+        packet = frame(ipv4(udp(53)))
+        monitor = self.spawn("ovs-ofctl", "-O", "OpenFlow13", "monitor", f"tcp:127.0.0.1:{self.switch.port}", "128", text=True,
+                             env={**os.environ, "OVS_RUNDIR": str(self.switch.run_dir)}, stderr=subprocess.PIPE)
+        self.await_that(lambda: self.packets()["controllers"], "the monitor")
+        self.add("cookie=0x9,priority=0,actions=controller")
+        here.send(packet)
+        told = ""
+        while "udp" not in told:
+            told += monitor.stderr.readline()
+        self.assertRegex(told, r"OFPT_PACKET_IN.*cookie=0x9 total_len=46 in_port=1 \(via no_match\)")
+        self.assertNotIn("bad csum", told)
+        sent = e2e.ofctl(self.switch.port, "packet-out", f"in_port=controller packet={packet.hex()} actions=output:2")
+        self.assertEqual((sent.returncode, sent.stderr), (0, ""))
+        self.assertEqual(network.receive(there), packet)
 
     # A controller that does not read loses packets itself; nobody else loses anything.
     def test_a_flood_of_packets_is_limited_and_a_deaf_controller_is_not_in_the_way(self):
