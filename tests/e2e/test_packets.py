@@ -130,7 +130,8 @@ class Packets(OnInterfaces):
         here, there, _ = self.sockets()
         packet = frame(ipv4(udp(53)))
         monitor = self.spawn("ovs-ofctl", "-O", "OpenFlow13", "monitor", f"tcp:127.0.0.1:{self.switch.port}", "128", text=True,
-                             env={**os.environ, "OVS_RUNDIR": str(self.switch.run_dir)}, stderr=subprocess.PIPE)
+                             env={**os.environ, "OVS_RUNDIR": str(self.switch.run_dir)}, stdout=subprocess.DEVNULL,
+                             stderr=subprocess.PIPE)
         self.await_that(lambda: self.packets()["controllers"], "the monitor")
         self.add("cookie=0x9,priority=0,actions=controller")
         here.send(packet)
