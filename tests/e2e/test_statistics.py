@@ -102,6 +102,8 @@ class Statistics(OnInterfaces):
         self.assertEqual((queues("2"), queues("1")), (["1", "3"], []))
         refused = e2e.ofctl(self.switch.port, "queue-stats", "2", "9")
         self.assertIn("OFPQOFC_BAD_QUEUE", refused.stdout + refused.stderr)
+        network.run("tc", "class", "delete", "dev", "p2", "classid", "1:3")
+        self.await_that(lambda: queues("2") == ["1"], "queue 3 to go")
 
 
 if __name__ == "__main__":

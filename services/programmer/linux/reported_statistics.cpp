@@ -14,11 +14,15 @@ bool same(const ss_pkt_statistic &a, const ss_pkt_statistic &b) {
 
 }  // namespace
 
+void ReportedStatistics::forget() {
+  for (auto &[key, row] : sent_) row.kind = 0;
+}
+
 void ReportedStatistics::add_gone(const std::vector<ss_pkt_statistic> &now, std::vector<ss_pkt_statistic> &changes) const {
   std::set<Key> there;
   for (const ss_pkt_statistic &row : now) there.insert(key_of(row));
   for (const auto &[key, row] : sent_)
-    if (!there.contains(key)) changes.push_back({row.kind, row.id, row.part, 1, 0, 0, 0});
+    if (const auto &[kind, id, part] = key; !there.contains(key)) changes.push_back({kind, id, part, 1, 0, 0, 0});
 }
 
 void ReportedStatistics::send(ss_pkt_path *path, const std::vector<ss_pkt_statistic> &now) {
