@@ -13,18 +13,23 @@ DP_INLINE void dp_mask_key(const dp_word *key, const __u64 *mask, __u64 *masked)
   for (int i = 0; i < DP_WORDS; ++i) masked[i] = key[i] & mask[i];
 }
 
-// Two independent chains of multiplications, which a processor executes in parallel.
-DP_INLINE __u64 dp_hash(const dp_word *masked, __u32 mask) {
-  __u64 a = mask * 0x9e3779b97f4a7c15ULL + 1;
+// The hash of the key's bits that are in `mask`: two independent chains of multiplications, which a processor executes in
+// parallel.
+DP_INLINE __u64 dp_hash_under(const dp_word *key, const __u64 *mask, __u32 id) {
+  __u64 a = id * 0x9e3779b97f4a7c15ULL + 1;
   __u64 b = 0x2545f4914f6cdd1dULL;
   for (int i = 0; i < DP_WORDS; i += 2) {
-    a = (a ^ masked[i]) * 0xff51afd7ed558ccdULL;
-    b = (b ^ masked[i + 1]) * 0xc4ceb9fe1a85ec53ULL;
+    a = (a ^ (key[i] & mask[i])) * 0xff51afd7ed558ccdULL;
+    b = (b ^ (key[i + 1] & mask[i + 1])) * 0xc4ceb9fe1a85ec53ULL;
     a ^= a >> 32;
     b ^= b >> 29;
   }
   a = (a + (b << 32 | b >> 32)) * 0xd6e8feb86659fd93ULL;
   return a ^ a >> 32;
+}
+
+DP_INLINE __u64 dp_hash(const __u64 *masked, __u32 id) {
+  return dp_hash_under(masked, masked, id);
 }
 
 DP_INLINE __u32 dp_tag(__u64 hash) {
@@ -50,27 +55,29 @@ DP_INLINE __u64 dp_scan(const struct dp_bucket *bucket, __u32 tag, __u64 *open) 
     asm volatile("" : "+r"(differs));
     found |= entry & (0 - ((differs - 1) >> 63));
     unused |= (entry - 1) >> 63;
+    asm volatile("" : "+r"(found), "+r"(unused));
   }
   *open = unused;
   return found;
 }
 
-DP_INLINE int dp_is(const struct dp_flow *flow, const __u64 *masked, __u32 mask) {
-  __u64 differs = flow->mask ^ mask;
-  for (int i = 0; i < DP_WORDS; ++i) differs |= flow->key[i] ^ masked[i];
+DP_INLINE int dp_is(const struct dp_flow *flow, const dp_word *key, const __u64 *mask, __u32 id) {
+  __u64 differs = flow->mask ^ id;
+  for (int i = 0; i < DP_WORDS; ++i) differs |= flow->key[i] ^ (key[i] & mask[i]);
   return differs == 0;
 }
 
-// The place + 1 of the flow in force with this key under the mask; 0: none.
-DP_INLINE __u32 dp_find(const struct dp_tables *tables, const __u64 *masked, __u32 mask, __u32 bucket_mask) {
-  const __u64 hash = dp_hash(masked, mask);
+// The place + 1 of the flow in force with this key under the mask with that id; 0: none.
+DP_INLINE __u32 dp_find_under(const struct dp_tables *tables, const dp_word *key, const __u64 *mask, __u32 id,
+                              __u32 bucket_mask) {
+  const __u64 hash = dp_hash_under(key, mask, id);
   __u64 open = 0;
   const struct dp_bucket *bucket = dp_bucket_at(tables, dp_first_bucket(hash, bucket_mask));
   if (!bucket) return 0;
   __u32 place = (__u32)dp_scan(bucket, dp_tag(hash), &open);
   if (place) {
     const struct dp_flow *flow = dp_flow_at(tables, place - 1);
-    if (flow && dp_is(flow, masked, mask)) return place;
+    if (flow && dp_is(flow, key, mask, id)) return place;
   }
   if (open) return 0;
   bucket = dp_bucket_at(tables, dp_second_bucket(hash, bucket_mask));
@@ -78,9 +85,13 @@ DP_INLINE __u32 dp_find(const struct dp_tables *tables, const __u64 *masked, __u
   place = (__u32)dp_scan(bucket, dp_tag(hash), &open);
   if (place) {
     const struct dp_flow *flow = dp_flow_at(tables, place - 1);
-    if (flow && dp_is(flow, masked, mask)) return place;
+    if (flow && dp_is(flow, key, mask, id)) return place;
   }
   return 0;
+}
+
+DP_INLINE __u32 dp_find(const struct dp_tables *tables, const __u64 *masked, __u32 id, __u32 bucket_mask) {
+  return dp_find_under(tables, masked, masked, id, bucket_mask);
 }
 
 struct dp_search {
@@ -102,9 +113,7 @@ static long dp_search_step(__u32 i, void *context) {
   if (rank == 0) return 1;
   const __u32 only = *(const volatile __u32 *)&mask->only_type;
   if (rank >= search->rank && (only == DP_ANY_TYPE || only == search->type)) {
-    __u64 masked[DP_WORDS];
-    dp_mask_key(search->key, mask->words, masked);
-    const __u32 place = dp_find(search->tables, masked, mask->id, search->bucket_mask);
+    const __u32 place = dp_find_under(search->tables, search->key, mask->words, mask->id, search->bucket_mask);
     const struct dp_flow *flow = place ? dp_flow_at(search->tables, place - 1) : 0;
     if (flow && (flow->rank > search->rank || (flow->rank == search->rank && flow->index > search->index))) {
       search->rank = flow->rank;

@@ -472,6 +472,20 @@ static __always_inline void act(struct way *way) {
   if (actions->sets != 0 && rewrite(way) != 0) way->failed = 1;
 }
 
+// ---- what the verifier follows once, for any arguments, because the functions are global; each has its own stack frame
+
+__noinline int parse(struct __sk_buff *skb, __u32 in_port, struct dp_key *key, struct dp_headers *headers) {
+  const __u16 tag = skb->vlan_present ? (skb->vlan_tci & ~DP_VLAN_PRESENT) | DP_VLAN_PRESENT : 0;
+  if (key && headers) dp_parse(skb, in_port, tag, key, headers);
+  return 0;
+}
+
+__noinline __u32 find(const struct dp_key *key) {
+  __u32 zero = 0;
+  const struct dp_control *table = bpf_map_lookup_elem(&control, &zero);
+  return key && table ? dp_classify(0, table, key) : 0;
+}
+
 // ---- entry point
 
 SEC("tc")
@@ -487,12 +501,11 @@ int kelim_plane(struct __sk_buff *skb) {
   const struct dp_port *port = bpf_map_lookup_elem(&ports, &port_at);
   if (!port) return TC_ACT_UNSPEC;
 
-  struct dp_key key;
-  struct dp_headers headers;
-  const __u16 tag = skb->vlan_present ? (skb->vlan_tci & ~DP_VLAN_PRESENT) | DP_VLAN_PRESENT : 0;
-  dp_parse(skb, port->number, tag, &key, &headers);
+  struct dp_key key = {};
+  struct dp_headers headers = {};
+  parse(skb, port->number, &key, &headers);
   ++tally->looked_up;
-  const __u32 place = dp_classify(0, table, &key);
+  const __u32 place = find(&key);
   if (place == 0) return TC_ACT_SHOT;
   ++tally->matched;
 
