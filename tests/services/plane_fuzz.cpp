@@ -31,12 +31,13 @@ struct Memory {
   dp_flow flows[kPlaces]{};
   dp_count counts[kPlaces]{}, before[kPlaces]{};
   dp_meter meters[DP_MAX_METERS]{};
-  dp_cached cache[DP_CACHE_SETS * DP_CACHE_WAYS]{};
+  dp_cached cache[DP_CACHE_SETS]{};
   dp_tables tables{&control, masks, buckets, flows, counts, before, kBuckets, kPlaces, 1, cache};
 
   // As new for another table. What is cached stays, and is of an earlier state.
   void clear() {
     control.current = (control.current | 1) + 1;
+    std::memset(control.matched, 0, sizeof control.matched);
     for (dp_mask *list : {masks, masks + DP_MAX_MASKS}) std::fill_n(list, kPlaces + 1, dp_mask{});
     std::ranges::fill(buckets, dp_bucket{});
     meters[0] = {};

@@ -29,12 +29,7 @@ using namespace programmer::dataplane;
 
 struct Memory {
   Memory(std::uint32_t places, std::uint32_t bucket_count)
-      : masks(2 * DP_MAX_MASKS),
-        buckets(bucket_count),
-        flows(places),
-        counts(places),
-        before(places),
-        cache(DP_CACHE_SETS * DP_CACHE_WAYS) {
+      : masks(2 * DP_MAX_MASKS), buckets(bucket_count), flows(places), counts(places), before(places), cache(DP_CACHE_SETS) {
     tables = {&control, masks.data(), buckets.data(), flows.data(), counts.data(), before.data(), bucket_count, places,
               1,        cache.data()};
   }
@@ -199,7 +194,7 @@ struct Shared {
   dp_bucket buckets[4];
   dp_flow flows[96];
   dp_count counts[96], before[96];
-  dp_cached cache[DP_CACHE_SETS * DP_CACHE_WAYS];
+  dp_cached cache[DP_CACHE_SETS];
 };
 
 [[noreturn]] void change_for_ever(const dp_tables &tables, const std::vector<Model> &flows) {

@@ -138,30 +138,49 @@ DP_INLINE __u32 dp_search_all(const struct dp_tables *tables, const struct dp_co
   return search.place;
 }
 
-DP_INLINE int dp_is_cached(const struct dp_cached *cached, __u64 current, const dp_word *key) {
-  const dp_word *held = (const dp_word *)&cached->key;
-  __u64 differs = cached->current ^ current;
-  for (int i = 0; i < DP_WORDS; ++i) differs |= held[i] ^ key[i];
+// The way that may hold the result of a key with this tag; DP_CACHE_WAYS: none does.
+DP_INLINE __u32 dp_way_of(const struct dp_cached *set, __u64 current, __u16 tag) {
+  for (__u32 way = 0; way < DP_CACHE_WAYS; ++way)
+    if (set->tag[way] == tag && set->current[way] == current) return way;
+  return DP_CACHE_WAYS;
+}
+
+// The way for another result: one that is out of date or, for each eighth miss, one in turn; DP_CACHE_WAYS: none. So results stay
+// for some time even where more headers than ways take turns.
+DP_INLINE __u32 dp_way_for(struct dp_cached *set, __u64 current) {
+  for (__u32 way = 0; way < DP_CACHE_WAYS; ++way)
+    if (set->current[way] != current) return way;
+  if (++set->misses % 8 != 0) return DP_CACHE_WAYS;
+  return set->misses / 8 % DP_CACHE_WAYS;
+}
+
+DP_INLINE int dp_is_cached(const __u64 *cached, const dp_word *key, const __u64 *matched) {
+  __u64 differs = 0;
+  for (int i = 0; i < DP_WORDS; ++i) differs |= cached[i] ^ (key[i] & matched[i]);
   return differs == 0;
 }
 
 // The place + 1 of the matching flow with the highest rank; 0: none matches. A cached result is valid only while the table's
-// `current` is the one under which it was found.
+// `current` is the one under which it was found. The bits that are matched on are read at an address that depends on `current`,
+// so that they are not older than it.
 DP_INLINE __u32 dp_classify(const struct dp_tables *tables, const struct dp_control *control, const struct dp_key *packet) {
   const dp_word *key = (const dp_word *)packet;
   const __u64 current = *(const volatile __u64 *)&control->current;
   const __u32 sets = *(const volatile __u32 *)&control->cache;
   if (sets == 0) return dp_search_all(tables, control, current, key, packet->eth_type);
-  const __u64 hash = dp_hash(key, 0);
-  const __u32 at = ((__u32)hash & (sets - 1)) * DP_CACHE_WAYS;
-  struct dp_cached *first = dp_cached_at(tables, at), *second = dp_cached_at(tables, at + 1);
-  if (!first || !second) return 0;
-  if (dp_is_cached(first, current, key)) return first->place;
-  if (dp_is_cached(second, current, key)) return second->place;
-  struct dp_cached *replaced = first->current != current || (hash >> 63 && second->current == current) ? first : second;
+  const __u64 *matched = control->matched[current & 1];
+  const __u64 hash = dp_hash_under(key, matched, 0);
+  const __u16 tag = (__u16)(hash >> 48);
+  struct dp_cached *set = dp_cached_at(tables, (__u32)hash & (sets - 1), sets);
+  if (!set) return 0;
+  __u32 way = dp_way_of(set, current, tag);
+  if (way < DP_CACHE_WAYS && dp_is_cached(set->key[way], key, matched)) return set->place[way];
   const __u32 place = dp_search_all(tables, control, current, key, packet->eth_type);
-  replaced->current = current;
-  replaced->key = *packet;
-  replaced->place = place;
+  if (way == DP_CACHE_WAYS) way = dp_way_for(set, current);
+  if (way == DP_CACHE_WAYS) return place;
+  set->current[way] = current;
+  set->tag[way] = tag;
+  set->place[way] = place;
+  dp_mask_key(key, matched, set->key[way]);
   return place;
 }

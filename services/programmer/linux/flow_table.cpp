@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <functional>
 
 namespace programmer::dataplane {
 namespace {
@@ -65,6 +66,7 @@ std::uint32_t FlowTable::append_mask(const Words &words, std::uint32_t type) {
     id = free_ids_.back();
     free_ids_.pop_back();
   }
+  match_on(words);
   masks_[id] = {words, rows_, type, {}};
   ids_.emplace(words, id);
   dp_mask &row = list(true)[rows_];
@@ -76,6 +78,17 @@ std::uint32_t FlowTable::append_mask(const Words &words, std::uint32_t type) {
   ++rows_;
   untidy_ = true;
   return id;
+}
+
+// Extends the bits of packets that cached results tell apart, and ends those results, before the first flow tells them apart.
+void FlowTable::match_on(const Words &words) {
+  auto &matched = memory_.control->matched[memory_.control->current & 1];
+  bool more = false;
+  for (std::size_t i = 0; i < words.size(); ++i) {
+    more = more || (words[i] & ~matched[i]) != 0;
+    store<__u64>(matched[i], matched[i] | words[i]);
+  }
+  if (more) store<__u64>(memory_.control->current, memory_.control->current + 2);
 }
 
 // Prepares the mask for a flow of that rank and type, so that searches find the flow as soon as it is published.
@@ -123,11 +136,14 @@ bool FlowTable::rewrite_list() {
     return true;
   });
   dp_mask *rows = list(false);
+  auto &matched = memory_.control->matched[~memory_.control->current & 1];
+  std::ranges::fill(matched, 0);
   std::uint32_t rest = 0;
   for (std::size_t i = order.size(); i-- > 0; rest = rows[i].rank) {
     Mask &mask = masks_[order[i]];
     mask.row = static_cast<std::uint32_t>(i);
     std::ranges::copy(mask.words, rows[i].words);
+    std::ranges::transform(mask.words, matched, matched, std::bit_or());
     rows[i].rank = highest(order[i]);
     rows[i].rest = rest;
     rows[i].only_type = mask.only_type;
@@ -273,6 +289,7 @@ void FlowTable::inherit_masks() {
     if (row.id >= masks_.size()) masks_.resize(row.id + 1);
     Mask &mask = masks_[row.id];
     std::ranges::copy(row.words, mask.words.begin());
+    match_on(mask.words);
     mask.row = rows_;
     mask.only_type = row.only_type;
     ids_.emplace(mask.words, row.id);

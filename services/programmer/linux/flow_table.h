@@ -81,6 +81,7 @@ class FlowTable {
 
   std::uint32_t mask_of(const Words &words, std::uint32_t type);
   std::uint32_t append_mask(const Words &words, std::uint32_t type);
+  void match_on(const Words &words);
   void raise(std::uint32_t mask, std::uint32_t rank, std::uint32_t type);
   void lower(std::uint32_t mask, std::uint32_t rank);
   bool rewrite_list();

@@ -8,7 +8,7 @@
 #include <linux/types.h>
 
 enum {
-  DP_LAYOUT_VERSION = 4,
+  DP_LAYOUT_VERSION = 5,
   DP_MAX_MASKS = 1024,
   DP_MAX_METERS = 1024,
   DP_MAX_BANDS = 8,
@@ -198,16 +198,20 @@ struct dp_control {
   __u32 cache;    // sets of the cache, in which a packet is looked up first; 0: it is not
   __u32 punting;  // 1: controllers want packets
   __u32 zero;
+  __u64 matched[2][DP_WORDS];  // by list of masks: the bits that any of its masks matches on
 };
 
-// A cached look-up of one processor. Valid while the table's `current` is the same. The cache is used from DP_CACHE_FROM masks
-// on, because with fewer a search is faster.
-enum { DP_CACHE_SETS = 4096, DP_CACHE_MAX_SETS = 32768, DP_CACHE_WAYS = 2, DP_CACHE_FROM = 4 };  // sets: at least, at most
+// Cached look-ups of one processor: a set, whose first cache line says which of the others holds the key. A result is valid while
+// the table's `current` is the same. The keys hold only bits that some mask matches on, so that packets which differ in nothing
+// else share one result. The cache is used from DP_CACHE_FROM masks on, because with fewer a search is faster.
+enum { DP_CACHE_WAYS = 4, DP_CACHE_SETS = 2048, DP_CACHE_MAX_SETS = 16384, DP_CACHE_FROM = 4 };  // sets: at least, at most
 struct dp_cached {
-  __u64 current;
-  struct dp_key key;
-  __u32 place;  // of the flow, + 1; 0: no flow
+  __u64 current[DP_CACHE_WAYS];
+  __u32 place[DP_CACHE_WAYS];  // of the flow, + 1; 0: no flow
+  __u16 tag[DP_CACHE_WAYS];    // of the key's hash; different in all valid ways
+  __u32 misses;                // while no way was out of date
   __u32 zero;
+  __u64 key[DP_CACHE_WAYS][DP_WORDS];
 };
 
 #ifdef __cplusplus
@@ -228,6 +232,6 @@ DP_SIZE(dp_port, 8);
 DP_SIZE(dp_tally, 64);
 DP_SIZE(dp_punted, 32);
 DP_SIZE(dp_punt, 80);
-DP_SIZE(dp_control, 32);
-DP_SIZE(dp_cached, 80);
+DP_SIZE(dp_control, 160);
+DP_SIZE(dp_cached, 320);
 #undef DP_SIZE

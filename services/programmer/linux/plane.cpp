@@ -119,13 +119,13 @@ void Plane::set_sizes(std::uint32_t flows) {
   tables_.bucket_count = std::max(2U, std::bit_ceil(flows / 2));
   const auto processors = static_cast<std::uint32_t>(std::max(libbpf_num_possible_cpus(), 1));
   tables_.rows = processors + 1;  // the last one is the service's own
-  constexpr std::uint32_t kSet = DP_CACHE_WAYS * sizeof(dp_cached);
+  constexpr std::uint32_t kSet = sizeof(dp_cached);
   tables_.cache_sets = std::clamp<std::uint32_t>(std::bit_floor(kCaches / (processors * kSet)), DP_CACHE_SETS, DP_CACHE_MAX_SETS);
   const Size sizes[] = {{"buckets", tables_.bucket_count},
                         {"flows", tables_.places},
                         {"counts", tables_.places * (tables_.rows + 1)},
                         {"tallies", tables_.rows},
-                        {"cache", tables_.cache_sets * DP_CACHE_WAYS}};
+                        {"cache", tables_.cache_sets * processors}};
   for (const Size &size : sizes) bpf_map__set_max_entries(bpf_object__find_map_by_name(object_.get(), size.map), size.entries);
 }
 

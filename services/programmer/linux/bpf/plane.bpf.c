@@ -36,6 +36,7 @@ PLANE_MAP(steps, BPF_MAP_TYPE_ARRAY, DP_MAX_STEPS, struct dp_step);
 PLANE_MAP(meters, BPF_MAP_TYPE_ARRAY, DP_MAX_METERS, struct dp_meter);
 PLANE_MAP(ports, BPF_MAP_TYPE_ARRAY, DP_MAX_PORTS, struct dp_port);
 PLANE_MAP(punts, BPF_MAP_TYPE_ARRAY, DP_MAX_PORTS, struct dp_punt);
+PLANE_MAP(cache, BPF_MAP_TYPE_ARRAY, 1, struct dp_cached);  // a processor's sets after another's
 PLANE_MAP(tallies, BPF_MAP_TYPE_ARRAY, 1, struct dp_tally);
 
 struct {
@@ -44,13 +45,6 @@ struct {
   __type(key, __u32);    // interface index
   __type(value, __u32);  // place in `ports`
 } port_of SEC(".maps");
-
-struct {
-  __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
-  __uint(max_entries, DP_CACHE_SETS *DP_CACHE_WAYS);
-  __type(key, __u32);
-  __type(value, struct dp_cached);
-} cache SEC(".maps");
 
 struct {
   __uint(type, BPF_MAP_TYPE_RINGBUF);
@@ -65,7 +59,13 @@ struct {
 PLANE_AT(dp_mask_at, masks, dp_mask)
 PLANE_AT(dp_bucket_at, buckets, dp_bucket)
 PLANE_AT(dp_flow_at, flows, dp_flow)
-PLANE_AT(dp_cached_at, cache, dp_cached)
+
+// Of this processor.
+static __always_inline struct dp_cached *dp_cached_at(const struct dp_tables *tables, __u32 set, __u32 sets) {
+  __u32 at = bpf_get_smp_processor_id() * sets + set;
+  (void)tables;
+  return bpf_map_lookup_elem(&cache, &at);
+}
 
 #include "../classify.h"
 #include "../meter.h"
