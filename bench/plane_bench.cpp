@@ -16,6 +16,7 @@ struct Memory {
   explicit Memory(std::uint32_t room)
       : masks(2 * DP_MAX_MASKS),
         buckets(std::bit_ceil(room / 2)),
+        hints(buckets.size() / DP_HINT_BUCKETS),
         flows(room + room / 32 + 1024),
         counts(flows.size()),
         before(flows.size()),
@@ -23,6 +24,7 @@ struct Memory {
     tables = {&control,
               masks.data(),
               buckets.data(),
+              hints.data(),
               flows.data(),
               counts.data(),
               before.data(),
@@ -35,6 +37,7 @@ struct Memory {
   dp_control control{};
   std::vector<dp_mask> masks;
   std::vector<dp_bucket> buckets;
+  std::vector<dp_hint> hints;
   std::vector<dp_flow> flows;
   std::vector<dp_count> counts, before;
   std::vector<dp_cached> cache;

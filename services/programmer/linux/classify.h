@@ -1,8 +1,8 @@
 // Finds the flow that a packet matches, by a search over the distinct masks of the table. Plain C, the same source in the kernel
 // and in user space.
 //
-// The including file must have defined dp_loop() (parse.h) and, for an opaque struct dp_tables, dp_mask_at(), dp_bucket_at(),
-// dp_flow_at() and dp_cached_at() (of this processor), which return null for a place outside the map.
+// The including file must have defined dp_loop() (parse.h) and, for an opaque struct dp_tables, dp_mask_at(), dp_hint_at(),
+// dp_bucket_at(), dp_flow_at() and dp_cached_at() (of this processor), which return null for a place outside the map.
 #pragma once
 
 #include "parse.h"
@@ -43,6 +43,11 @@ DP_INLINE __u32 dp_second_bucket(__u64 hash, __u32 bucket_mask) {
   return other != dp_first_bucket(hash, bucket_mask) ? other : other ^ 1;
 }
 
+// The bit of flows with this tag in the hint of the bucket in which they belong.
+DP_INLINE __u64 dp_hint_bit(__u32 tag, __u32 bucket) {
+  return 1ULL << (bucket % DP_HINT_BUCKETS * 8 + tag % 8);
+}
+
 // The bucket's entry with this tag (there is at most one), or 0. *open becomes non-zero if an entry has never been used, so that
 // no flow had to move to its second bucket. Branch-free: each entry's branch would double the paths that the verifier follows,
 // and Linux 6.1 would give up. The compiler would turn a comparison that it recognises into a branch; the asm hides the range of
@@ -71,8 +76,11 @@ DP_INLINE int dp_is(const struct dp_flow *flow, const dp_word *key, const __u64 
 DP_INLINE __u32 dp_find_under(const struct dp_tables *tables, const dp_word *key, const __u64 *mask, __u32 id,
                               __u32 bucket_mask) {
   const __u64 hash = dp_hash_under(key, mask, id);
+  const __u32 first = dp_first_bucket(hash, bucket_mask);
   __u64 open = 0;
-  const struct dp_bucket *bucket = dp_bucket_at(tables, dp_first_bucket(hash, bucket_mask));
+  const struct dp_hint *hint = dp_hint_at(tables, first / DP_HINT_BUCKETS);
+  if (!hint || !(*(const volatile __u64 *)&hint->bits & dp_hint_bit(dp_tag(hash), first))) return 0;
+  const struct dp_bucket *bucket = dp_bucket_at(tables, first);
   if (!bucket) return 0;
   __u32 place = (__u32)dp_scan(bucket, dp_tag(hash), &open);
   if (place) {

@@ -228,6 +228,21 @@ void FlowTable::keep_closed(std::uint32_t bucket) {
     if (entry == 0) store<__u64>(entry, DP_TOMB);
 }
 
+// Called before a flow of this bucket is published, so that the hint has the bits of all its flows at any moment.
+void FlowTable::expect(std::uint64_t hash, std::uint32_t home) {
+  __u64 &bits = memory_.hints[home / DP_HINT_BUCKETS].bits;
+  store<__u64>(bits, bits | dp_hint_bit(dp_tag(hash), home));
+}
+
+// Clears the bits of flows that are gone, unless flows of this bucket are in another one, because their bits are not known.
+void FlowTable::expect_only_present(std::uint32_t bucket) {
+  if (elsewhere_[bucket] != 0) return;
+  __u64 &bits = memory_.hints[bucket / DP_HINT_BUCKETS].bits, present = 0;
+  for (const __u64 entry : memory_.buckets[bucket].entries)
+    if (entry << 32 != 0) present |= dp_hint_bit(static_cast<__u32>(entry >> 32), bucket);
+  store<__u64>(bits, (bits & ~(__u64{0xff} << bucket % DP_HINT_BUCKETS * 8)) | present);
+}
+
 // Publishes a flow whose key is new under its mask. A bucket holds each tag only once, so that a scan finds at most one flow.
 bool FlowTable::insert(Place place, std::uint64_t hash) {
   const std::uint32_t mask = memory_.bucket_count - 1;
@@ -243,6 +258,7 @@ bool FlowTable::insert(Place place, std::uint64_t hash) {
       keep_closed(home);
       ++elsewhere_[home];
     }
+    expect(hash, home);
     store<__u64>(*room, entry_for(hash, place));
     return true;
   }
@@ -264,6 +280,8 @@ void FlowTable::vacate(std::uint64_t hash, Place place) {
   const std::uint32_t bucket = at_home ? home : dp_second_bucket(hash, mask);
   store<__u64>(*entry_of(bucket, place), elsewhere_[bucket] != 0 ? DP_TOMB : 0);
   if (!at_home && --elsewhere_[home] == 0) open_again(home);
+  expect_only_present(home);
+  expect_only_present(bucket);
 }
 
 // Turns the bucket's tombstones back into unused entries, once all flows that belong in the bucket are in it.
@@ -304,8 +322,10 @@ void FlowTable::inherit_flows() {
     for (__u64 &entry : memory_.buckets[bucket].entries)
       if (entry != 0 && entry != DP_TOMB && !inherit_flow(bucket, entry)) store(entry, DP_TOMB);
   }
-  for (std::uint32_t bucket = 0; bucket < memory_.bucket_count; ++bucket)
+  for (std::uint32_t bucket = 0; bucket < memory_.bucket_count; ++bucket) {
     elsewhere_[bucket] != 0 ? keep_closed(bucket) : open_again(bucket);
+    expect_only_present(bucket);
+  }
 }
 
 // True if the entry refers to a valid flow that belongs in this bucket; the flow is then inherited.

@@ -93,6 +93,8 @@ class FlowTable {
   bool insert(Place place, std::uint64_t hash);
   void put(std::uint64_t hash, Place old, Place place);
   void vacate(std::uint64_t hash, Place place);
+  void expect(std::uint64_t hash, std::uint32_t home);
+  void expect_only_present(std::uint32_t bucket);
   void keep_closed(std::uint32_t bucket);
   void open_again(std::uint32_t bucket);
 

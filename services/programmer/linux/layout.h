@@ -57,6 +57,14 @@ struct dp_bucket {
 };
 #define DP_TOMB (1ULL << 63)
 
+// Eight bits for each of eight buckets: one bit for each value of a tag's last three bits, set if a flow with such a tag may
+// belong in the bucket, wherever it is. It is set before the flow is published. So most of the buckets in which a search would
+// find nothing, and each of them a cache line, are not read.
+struct dp_hint {
+  __u64 bits;
+};
+enum { DP_HINT_BUCKETS = 8 };
+
 // The actions of a flow. Rewrites are applied before the output. A flow with a list has no other actions.
 enum { DP_DROP, DP_PORT, DP_IN_PORT, DP_ALL, DP_NORMAL, DP_CONTROLLER };
 enum { DP_SET_DST = 1, DP_SET_SRC = 2, DP_SET_VLAN = 4, DP_SET_DSCP = 8, DP_SET_QUEUE = 16 };
@@ -222,6 +230,7 @@ struct dp_cached {
 DP_SIZE(dp_key, 64);
 DP_SIZE(dp_mask, 80);
 DP_SIZE(dp_bucket, 64);
+DP_SIZE(dp_hint, 8);
 DP_SIZE(dp_actions, 32);
 DP_SIZE(dp_step, 32);
 DP_SIZE(dp_flow, 128);

@@ -12,6 +12,7 @@ struct dp_tables {
   dp_control *control;
   dp_mask *masks;      // two lists of DP_MAX_MASKS
   dp_bucket *buckets;  // bucket_count of them, a power of two, at least 2
+  dp_hint *hints;      // one for DP_HINT_BUCKETS buckets
   dp_flow *flows;
   dp_count *counts;  // `rows` rows of `places`
   dp_count *before;  // one more row: counts from before the flow was added
@@ -52,6 +53,9 @@ inline const dp_mask *dp_mask_at(const dp_tables *tables, __u32 at) {
 }
 inline const dp_bucket *dp_bucket_at(const dp_tables *tables, __u32 at) {
   return at < tables->bucket_count ? &tables->buckets[at] : nullptr;
+}
+inline const dp_hint *dp_hint_at(const dp_tables *tables, __u32 at) {
+  return at <= tables->bucket_count / DP_HINT_BUCKETS ? &tables->hints[at] : nullptr;
 }
 inline const dp_flow *dp_flow_at(const dp_tables *tables, __u32 at) {
   return at < tables->places ? &tables->flows[at] : nullptr;

@@ -30,6 +30,7 @@ struct dp_tables;  // stands for the maps; never used, because each map exists o
 PLANE_MAP(control, BPF_MAP_TYPE_ARRAY, 1, struct dp_control);
 PLANE_MAP(masks, BPF_MAP_TYPE_ARRAY, 2 * DP_MAX_MASKS, struct dp_mask);
 PLANE_MAP(buckets, BPF_MAP_TYPE_ARRAY, 2, struct dp_bucket);
+PLANE_MAP(hints, BPF_MAP_TYPE_ARRAY, 1, struct dp_hint);
 PLANE_MAP(flows, BPF_MAP_TYPE_ARRAY, 1, struct dp_flow);
 PLANE_MAP(counts, BPF_MAP_TYPE_ARRAY, 1, struct dp_count);
 PLANE_MAP(steps, BPF_MAP_TYPE_ARRAY, DP_MAX_STEPS, struct dp_step);
@@ -58,6 +59,7 @@ struct {
   }
 PLANE_AT(dp_mask_at, masks, dp_mask)
 PLANE_AT(dp_bucket_at, buckets, dp_bucket)
+PLANE_AT(dp_hint_at, hints, dp_hint)
 PLANE_AT(dp_flow_at, flows, dp_flow)
 
 // Of this processor.
