@@ -617,6 +617,11 @@ std::string wire_actions_text(Bytes instructions) {
   return text.empty() ? "drop" : text;
 }
 
+std::string wire_list_text(Bytes actions) {
+  const std::string text = joined(actions, wire_action_text);
+  return text.empty() ? "drop" : text;
+}
+
 std::vector<Capability> action_kinds(const TargetCapabilities &target) {
   std::vector<Capability> all;
   for (const ActionRow &row : kActions) all.push_back({row.type, row.name, does(row, target)});

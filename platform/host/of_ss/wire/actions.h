@@ -51,6 +51,8 @@ std::string actions_text(Bytes flow_mod);
 
 // The instructions of a flow-mod from the wire, valid or not, in the same form; "..." where the bytes end early.
 std::string wire_actions_text(Bytes instructions);
+// Likewise of an action list from the wire, such as a bucket's.
+std::string wire_list_text(Bytes actions);
 
 // A type of action or instruction, and whether the switch supports it with that target.
 struct Capability {
