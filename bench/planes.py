@@ -5,6 +5,8 @@ spent by the generator, the switch and the kernel's ksoftirqd together. A ratio 
 target stands beside it. A packet lost by the plane or the bridge, an error or a table with the wrong flows ends it with status 1.
 
 usage: planes.py BIN_DIR [--only forward,latency,road,barrier,memory] [--quick]     as root; BIN_DIR is build/release/bin
+       planes.py BIN_DIR --only forward --flows 1000 --masks 10,100 --microflows 50000     only these cases of the section
+--distinct adds a flow that matches on what tells the microflows of a flow apart, so that no result counts for several of them.
 """
 import argparse
 import itertools
@@ -32,6 +34,7 @@ AIMS = {BRIDGE: {1000: 1.0}, OVS: {1000: 3.0, 50_000: 2.0}}  # by the other side
 ROOM = 200_000
 MEMORY_AIM = 250e6
 ROAD, ROAD_AIM = 100_000, 0.8
+PORT_FLOW = "priority=100,in_port=1,udp,tp_src=65535,actions=drop\n"
 
 
 def flow(number, masks):
@@ -83,8 +86,9 @@ class Side:
 
 
 class Planes:
-    def __init__(self, bin_dir, quick):
+    def __init__(self, bin_dir, quick, tables, microflows, distinct):
         self.bin, self.quick, self.missed, self.sides, self.begun = bin_dir, quick, [], [], time.monotonic()
+        self.tables, self.microflows, self.distinct = tables, microflows, distinct
         self.pins = None
 
     def progress(self, text):
@@ -145,13 +149,13 @@ class Planes:
         return arrived / spent
 
     def forward(self):
-        for flows, masks in TABLES:
+        for flows, masks in self.tables:
             self.progress(f"{flows:,} flows under {masks} masks")
-            table = [flow(number, masks) for number in range(flows)]
+            table = [flow(number, masks) for number in range(flows)] + [PORT_FLOW] * self.distinct
             for side in self.sides[:2]:
                 side.switch.empty()
                 side.add_flows(table)
-            for microflows in MICROFLOWS:
+            for microflows in self.microflows:
                 found = {side.name: [] for side in self.sides}
                 for _ in range(3 if self.quick else 5):
                     for side in self.sides:
@@ -247,18 +251,27 @@ def daemon_settled(interface, before):
     return received(interface) - before
 
 
+def numbers(text):
+    return [int(number) for number in text.split(",")]
+
+
 def main():
     sections = ("forward", "latency", "road", "barrier", "memory")
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("bin_dir", type=lambda text: Path(text).resolve())
     parser.add_argument("--only", type=lambda text: text.split(","), default=sections)
     parser.add_argument("--quick", action="store_true")
+    for limit, place in (("flows", 0), ("masks", 1)):
+        parser.add_argument(f"--{limit}", type=numbers, default={table[place] for table in TABLES})
+    parser.add_argument("--microflows", type=numbers, default=MICROFLOWS)
+    parser.add_argument("--distinct", action="store_true")
     given = parser.parse_args()
+    tables = [table for table in TABLES if table[0] in given.flows and table[1] in given.masks]
     if lacking := network.missing():
         print(f"This puts programs on network interfaces, for which it lacks {lacking}: run it as root.", file=sys.stderr)
         return 1
     network.private()
-    planes = Planes(given.bin_dir, given.quick)
+    planes = Planes(given.bin_dir, given.quick, tables, given.microflows, given.distinct)
     try:
         planes.start()
         for section in sections:

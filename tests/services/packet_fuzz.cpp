@@ -14,6 +14,7 @@ struct Memory {
   dp_control control{};
   dp_mask masks[2 * DP_MAX_MASKS]{};
   dp_bucket buckets[2]{};
+  dp_hint hints[1]{};
   dp_flow flows[1]{};
   dp_count counts[1]{}, before[1]{};
   dp_port ports[DP_MAX_PORTS]{};
@@ -55,7 +56,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
   static Grace grace;
   Sender sender(memory->ports);
   const dp_tables tables{
-      &memory->control, memory->masks, memory->buckets, memory->flows, memory->counts, memory->before, 2, 1, 1};
+      &memory->control, memory->masks, memory->buckets, memory->hints, memory->flows, memory->counts, memory->before, 2, 1, 1};
   Executor executor({tables, memory->ports, memory->meters, &memory->tally}, grace, sender,
                     [&](const ss_pkt_in &, Bytes out) { require(out.size() % 4 == frame.size() % 4); });
   executor.run({.in_port = about.in_port,

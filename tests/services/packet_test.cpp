@@ -114,11 +114,12 @@ TEST(Packet, IsCutIntoTheSegmentsThatGoOverTheWire) {
 struct Plane {
   Plane() {
     ports[0].number = 1, ports[1].number = 2;
-    memory.tables = {&control, masks.get(), buckets, flows, counts, before, 2, 64, 1};
+    memory.tables = {&control, masks.get(), buckets, hints, flows, counts, before, 2, 64, 1};
   }
   dp_control control{};
   std::unique_ptr<dp_mask[]> masks = std::make_unique<dp_mask[]>(2 * DP_MAX_MASKS);
   dp_bucket buckets[2]{};
+  dp_hint hints[1]{};
   dp_flow flows[64]{};
   dp_count counts[64]{}, before[64]{};
   dp_port ports[DP_MAX_PORTS]{};

@@ -28,17 +28,20 @@ struct Memory {
   dp_control control{};
   dp_mask masks[2 * DP_MAX_MASKS]{};
   dp_bucket buckets[kBuckets]{};
+  dp_hint hints[1]{};
   dp_flow flows[kPlaces]{};
   dp_count counts[kPlaces]{}, before[kPlaces]{};
   dp_meter meters[DP_MAX_METERS]{};
-  dp_cached cache[DP_CACHE_SETS * DP_CACHE_WAYS]{};
-  dp_tables tables{&control, masks, buckets, flows, counts, before, kBuckets, kPlaces, 1, cache};
+  dp_cached cache[DP_CACHE_SETS]{};
+  dp_tables tables{&control, masks, buckets, hints, flows, counts, before, kBuckets, kPlaces, 1, cache};
 
   // As new for another table. What is cached stays, and is of an earlier state.
   void clear() {
     control.current = (control.current | 1) + 1;
+    std::memset(control.matched, 0, sizeof control.matched);
     for (dp_mask *list : {masks, masks + DP_MAX_MASKS}) std::fill_n(list, kPlaces + 1, dp_mask{});
     std::ranges::fill(buckets, dp_bucket{});
+    hints[0] = {};
     meters[0] = {};
   }
 };

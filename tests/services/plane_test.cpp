@@ -31,12 +31,14 @@ struct Memory {
   Memory(std::uint32_t places, std::uint32_t bucket_count)
       : masks(2 * DP_MAX_MASKS),
         buckets(bucket_count),
+        hints((bucket_count + DP_HINT_BUCKETS - 1) / DP_HINT_BUCKETS),
         flows(places),
         counts(places),
         before(places),
-        cache(DP_CACHE_SETS * DP_CACHE_WAYS) {
-    tables = {&control, masks.data(), buckets.data(), flows.data(), counts.data(), before.data(), bucket_count, places,
-              1,        cache.data()};
+        cache(DP_CACHE_SETS) {
+    tables = {&control,      masks.data(),  buckets.data(), hints.data(), flows.data(),
+              counts.data(), before.data(), bucket_count,   places,       1,
+              cache.data()};
   }
   // The index of the flow that decides; 0: none.
   std::uint64_t find(const dp_key &key) const {
@@ -46,6 +48,7 @@ struct Memory {
   dp_control control{};
   std::vector<dp_mask> masks;
   std::vector<dp_bucket> buckets;
+  std::vector<dp_hint> hints;
   std::vector<dp_flow> flows;
   std::vector<dp_count> counts, before;
   std::vector<dp_cached> cache;
@@ -184,6 +187,7 @@ void run_steps(unsigned seed, std::uint32_t places, std::uint32_t buckets, int s
   EXPECT_EQ(owner->size(), 0U);
   for (const dp_bucket &bucket : memory.buckets)
     for (const __u64 entry : bucket.entries) ASSERT_EQ(entry, 0U);
+  for (const dp_hint &hint : memory.hints) ASSERT_EQ(hint.bits, 0U);
 }
 
 TEST(PlaneTable, FindsWhatALinearListFinds) {
@@ -197,9 +201,10 @@ struct Shared {
   dp_control control;
   dp_mask masks[2 * DP_MAX_MASKS];
   dp_bucket buckets[4];
+  dp_hint hints[1];
   dp_flow flows[96];
   dp_count counts[96], before[96];
-  dp_cached cache[DP_CACHE_SETS * DP_CACHE_WAYS];
+  dp_cached cache[DP_CACHE_SETS];
 };
 
 [[noreturn]] void change_for_ever(const dp_tables &tables, const std::vector<Model> &flows) {
@@ -224,8 +229,9 @@ TEST(PlaneTable, IsTakenOverFromAWriterThatWasKilled) {
     void *const memory = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(memory, MAP_FAILED);
     auto &shared = *static_cast<Shared *>(memory);
-    const dp_tables tables{&shared.control, shared.masks, shared.buckets, shared.flows, shared.counts, shared.before, 4, 96, 1,
-                           shared.cache};
+    const dp_tables tables{
+        &shared.control, shared.masks, shared.buckets, shared.hints, shared.flows, shared.counts, shared.before, 4, 96, 1,
+        shared.cache};
     const pid_t writer = fork();
     if (writer == 0) change_for_ever(tables, flows);
     const __u64 from = 100 + random.below(2'000);

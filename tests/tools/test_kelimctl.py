@@ -263,7 +263,8 @@ class Kelimctl(e2e.Test):
                 self.assertEqual("the lists are cut" in text, limit == 120)
         answers = lambda: [meter["answer"] for meter in running.ask_json("meters", "--limit", 2)["meters"]]
         self.await_that(lambda: answers() == ["INSTALLED"] * 5, "every meter's answer")
-        views = ("status", "flows", "meters", "controllers", "refusals", "audit", "timings", "congestion", "capabilities", "trace 201")
+        views = ("status", "flows", "meters", "groups", "controllers", "refusals", "audit", "timings", "congestion", "capabilities",
+                 "trace 201")
         for view in (*views, "mom stats", "mom ls", "mom ls flow", "mom get flow 201:0"):
             with self.subTest(view=view):
                 lines = running.ask(*view.split()).splitlines()

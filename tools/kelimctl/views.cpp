@@ -217,6 +217,26 @@ std::string meters_text(const Json &data, const Look &look) {
          skipped_note(data);
 }
 
+Json groups_data(Link &link, const ViewOptions &) {
+  return link.view("groups");
+}
+
+std::string buckets_text(const Json &row, const char *key) {
+  std::string text;
+  for (const Json &bucket : row.value(key, Json::array())) text += (text.empty() ? "" : " | ") + bucket.get<std::string>();
+  return text.empty() ? "-" : text;
+}
+
+std::string groups_text(const Json &data, const Look &look) {
+  return list_text(data.value("groups", Json::array()),
+                   {{{"GROUP", true}, "group"},
+                    {{"TYPE"}, "type"},
+                    {{"BUCKETS", false, true}, "buckets", buckets_text},
+                    {{"FLOWS", true}, "flows"},
+                    {{"AGE s", true}, "age_s", decimals}},
+                   "No groups.", look);
+}
+
 Json controllers_data(Link &link, const ViewOptions &) {
   return link.view("controllers");
 }
@@ -446,6 +466,8 @@ const std::vector<ViewCommand> &view_commands() {
        "  kelimctl flows -o wide\n  kelimctl flows --match tcp,nw_dst=10.0.0.0/24\n  kelimctl flows --cookie 0x17/0xff --watch\n"
        "  kelimctl flows --state sent\n  kelimctl flows --json | jq '.flows[] | select(.answer != \"INSTALLED\")'\n"},
       {"meters", "the meters", meters_data, meters_text, "  kelimctl meters\n  kelimctl meters --json\n"},
+      {"groups", "the groups: the actions of their buckets, and how many flows use them", groups_data, groups_text,
+       "  kelimctl groups\n  kelimctl groups --json | jq '.groups[] | select(.flows == 0)'\n"},
       {"controllers", "the controller connections", controllers_data, controllers_text, "  kelimctl controllers --watch\n"},
       {"packets", "packets to and from the controllers, and those dropped with the reason", packets_data, packets_text,
        "  kelimctl packets --watch\n  kelimctl packets --json | jq '.ports[] | select(.port == 1)'\n"},

@@ -12,6 +12,7 @@
 #include "host/control/status.h"
 #include "host/metrics/health.h"
 #include "host/of_ss/agent/agent.h"
+#include "host/of_ss/desired/flow_selection.h"
 #include "host/of_ss/protocol/capabilities.h"
 #include "host/of_ss/trace_view.h"
 #include "host/of_ss/wire/message_names.h"
@@ -226,6 +227,21 @@ json meters_view(Agent &agent) {
   return {{"meters", std::move(list)}, {"capacity", agent.of_switch().target().meters}};
 }
 
+json groups_view(Agent &agent) {
+  const Switch &sw = agent.of_switch();
+  json list = json::array();
+  for (const auto &[number, group] : sw.groups.all()) {
+    json buckets = json::array();
+    group.each_bucket([&buckets](Bytes bucket) { buckets.push_back(wire_list_text(bucket.subspan(kBucketHead))); });
+    list.push_back({{"group", number},
+                    {"type", std::ranges::find(kGroupTypeNames, group.type, &Named::number)->name},
+                    {"buckets", std::move(buckets)},
+                    {"flows", users_of_group(sw.flows.table(), number).size()},
+                    {"age_s", seconds(sw.now() - group.created_ns)}});
+  }
+  return {{"groups", std::move(list)}, {"capacity", kMaxGroups}};
+}
+
 // The flow that the request concerns; "" if none.
 std::string flow_in(Bytes request) {
   const Bytes carried = Bundles::carried_by(request), message = carried.empty() ? request : carried;
@@ -337,6 +353,7 @@ void register_views(Agent *(*agent)()) {
   });
   control::register_view("controllers", [](const json &) { return collected(controllers_view); });
   control::register_view("meters", [](const json &) { return collected(meters_view); });
+  control::register_view("groups", [](const json &) { return collected(groups_view); });
   control::register_view("packets", [](const json &) { return collected(packets_view); });
   control::register_view("trace", trace_answer);
   control::register_view("capabilities",

@@ -1,5 +1,5 @@
-// The agent's views for kelimctl, such as "flows", "controllers", "meters", "refusals" and its part of "status", and its health
-// checks. Loop's thread; the data are collected on the openflow thread.
+// The agent's views for kelimctl, such as "flows", "controllers", "meters", "groups", "refusals" and its part of "status", and
+// its health checks. Loop's thread; the data are collected on the openflow thread.
 #pragma once
 
 namespace host::of_ss {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <functional>
 
 namespace programmer::dataplane {
 namespace {
@@ -65,6 +66,7 @@ std::uint32_t FlowTable::append_mask(const Words &words, std::uint32_t type) {
     id = free_ids_.back();
     free_ids_.pop_back();
   }
+  match_on(words);
   masks_[id] = {words, rows_, type, {}};
   ids_.emplace(words, id);
   dp_mask &row = list(true)[rows_];
@@ -76,6 +78,17 @@ std::uint32_t FlowTable::append_mask(const Words &words, std::uint32_t type) {
   ++rows_;
   untidy_ = true;
   return id;
+}
+
+// Extends the bits of packets that cached results tell apart, and ends those results, before the first flow tells them apart.
+void FlowTable::match_on(const Words &words) {
+  auto &matched = memory_.control->matched[memory_.control->current & 1];
+  bool more = false;
+  for (std::size_t i = 0; i < words.size(); ++i) {
+    more = more || (words[i] & ~matched[i]) != 0;
+    store<__u64>(matched[i], matched[i] | words[i]);
+  }
+  if (more) store<__u64>(memory_.control->current, memory_.control->current + 2);
 }
 
 // Prepares the mask for a flow of that rank and type, so that searches find the flow as soon as it is published.
@@ -123,11 +136,14 @@ bool FlowTable::rewrite_list() {
     return true;
   });
   dp_mask *rows = list(false);
+  auto &matched = memory_.control->matched[~memory_.control->current & 1];
+  std::ranges::fill(matched, 0);
   std::uint32_t rest = 0;
   for (std::size_t i = order.size(); i-- > 0; rest = rows[i].rank) {
     Mask &mask = masks_[order[i]];
     mask.row = static_cast<std::uint32_t>(i);
     std::ranges::copy(mask.words, rows[i].words);
+    std::ranges::transform(mask.words, matched, matched, std::bit_or());
     rows[i].rank = highest(order[i]);
     rows[i].rest = rest;
     rows[i].only_type = mask.only_type;
@@ -212,6 +228,21 @@ void FlowTable::keep_closed(std::uint32_t bucket) {
     if (entry == 0) store<__u64>(entry, DP_TOMB);
 }
 
+// Called before a flow of this bucket is published, so that the hint has the bits of all its flows at any moment.
+void FlowTable::expect(std::uint64_t hash, std::uint32_t home) {
+  __u64 &bits = memory_.hints[home / DP_HINT_BUCKETS].bits;
+  store<__u64>(bits, bits | dp_hint_bit(dp_tag(hash), home));
+}
+
+// Clears the bits of flows that are gone, unless flows of this bucket are in another one, because their bits are not known.
+void FlowTable::expect_only_present(std::uint32_t bucket) {
+  if (elsewhere_[bucket] != 0) return;
+  __u64 &bits = memory_.hints[bucket / DP_HINT_BUCKETS].bits, present = 0;
+  for (const __u64 entry : memory_.buckets[bucket].entries)
+    if (entry << 32 != 0) present |= dp_hint_bit(static_cast<__u32>(entry >> 32), bucket);
+  store<__u64>(bits, (bits & ~(__u64{0xff} << bucket % DP_HINT_BUCKETS * 8)) | present);
+}
+
 // Publishes a flow whose key is new under its mask. A bucket holds each tag only once, so that a scan finds at most one flow.
 bool FlowTable::insert(Place place, std::uint64_t hash) {
   const std::uint32_t mask = memory_.bucket_count - 1;
@@ -227,6 +258,7 @@ bool FlowTable::insert(Place place, std::uint64_t hash) {
       keep_closed(home);
       ++elsewhere_[home];
     }
+    expect(hash, home);
     store<__u64>(*room, entry_for(hash, place));
     return true;
   }
@@ -248,6 +280,8 @@ void FlowTable::vacate(std::uint64_t hash, Place place) {
   const std::uint32_t bucket = at_home ? home : dp_second_bucket(hash, mask);
   store<__u64>(*entry_of(bucket, place), elsewhere_[bucket] != 0 ? DP_TOMB : 0);
   if (!at_home && --elsewhere_[home] == 0) open_again(home);
+  expect_only_present(home);
+  expect_only_present(bucket);
 }
 
 // Turns the bucket's tombstones back into unused entries, once all flows that belong in the bucket are in it.
@@ -273,6 +307,7 @@ void FlowTable::inherit_masks() {
     if (row.id >= masks_.size()) masks_.resize(row.id + 1);
     Mask &mask = masks_[row.id];
     std::ranges::copy(row.words, mask.words.begin());
+    match_on(mask.words);
     mask.row = rows_;
     mask.only_type = row.only_type;
     ids_.emplace(mask.words, row.id);
@@ -287,8 +322,10 @@ void FlowTable::inherit_flows() {
     for (__u64 &entry : memory_.buckets[bucket].entries)
       if (entry != 0 && entry != DP_TOMB && !inherit_flow(bucket, entry)) store(entry, DP_TOMB);
   }
-  for (std::uint32_t bucket = 0; bucket < memory_.bucket_count; ++bucket)
+  for (std::uint32_t bucket = 0; bucket < memory_.bucket_count; ++bucket) {
     elsewhere_[bucket] != 0 ? keep_closed(bucket) : open_again(bucket);
+    expect_only_present(bucket);
+  }
 }
 
 // True if the entry refers to a valid flow that belongs in this bucket; the flow is then inherited.

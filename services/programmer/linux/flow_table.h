@@ -81,6 +81,7 @@ class FlowTable {
 
   std::uint32_t mask_of(const Words &words, std::uint32_t type);
   std::uint32_t append_mask(const Words &words, std::uint32_t type);
+  void match_on(const Words &words);
   void raise(std::uint32_t mask, std::uint32_t rank, std::uint32_t type);
   void lower(std::uint32_t mask, std::uint32_t rank);
   bool rewrite_list();
@@ -92,6 +93,8 @@ class FlowTable {
   bool insert(Place place, std::uint64_t hash);
   void put(std::uint64_t hash, Place old, Place place);
   void vacate(std::uint64_t hash, Place place);
+  void expect(std::uint64_t hash, std::uint32_t home);
+  void expect_only_present(std::uint32_t bucket);
   void keep_closed(std::uint32_t bucket);
   void open_again(std::uint32_t bucket);
 

@@ -8,7 +8,7 @@
 #include <linux/types.h>
 
 enum {
-  DP_LAYOUT_VERSION = 4,
+  DP_LAYOUT_VERSION = 5,
   DP_MAX_MASKS = 1024,
   DP_MAX_METERS = 1024,
   DP_MAX_BANDS = 8,
@@ -56,6 +56,14 @@ struct dp_bucket {
   __u64 entries[DP_BUCKET];
 };
 #define DP_TOMB (1ULL << 63)
+
+// Eight bits for each of eight buckets: one bit for each value of a tag's last three bits, set if a flow with such a tag may
+// belong in the bucket, wherever it is. It is set before the flow is published. So most of the buckets in which a search would
+// find nothing, and each of them a cache line, are not read.
+struct dp_hint {
+  __u64 bits;
+};
+enum { DP_HINT_BUCKETS = 8 };
 
 // The actions of a flow. Rewrites are applied before the output. A flow with a list has no other actions.
 enum { DP_DROP, DP_PORT, DP_IN_PORT, DP_ALL, DP_NORMAL, DP_CONTROLLER };
@@ -198,16 +206,20 @@ struct dp_control {
   __u32 cache;    // sets of the cache, in which a packet is looked up first; 0: it is not
   __u32 punting;  // 1: controllers want packets
   __u32 zero;
+  __u64 matched[2][DP_WORDS];  // by list of masks: the bits that any of its masks matches on
 };
 
-// A cached look-up of one processor. Valid while the table's `current` is the same. The cache is used from DP_CACHE_FROM masks
-// on, because with fewer a search is faster.
-enum { DP_CACHE_SETS = 4096, DP_CACHE_MAX_SETS = 32768, DP_CACHE_WAYS = 2, DP_CACHE_FROM = 4 };  // sets: at least, at most
+// Cached look-ups of one processor: a set, whose first cache line says which of the others holds the key. A result is valid while
+// the table's `current` is the same. The keys hold only bits that some mask matches on, so that packets which differ in nothing
+// else share one result. The cache is used from DP_CACHE_FROM masks on, because with fewer a search is faster.
+enum { DP_CACHE_WAYS = 4, DP_CACHE_SETS = 2048, DP_CACHE_MAX_SETS = 16384, DP_CACHE_FROM = 4 };  // sets: at least, at most
 struct dp_cached {
-  __u64 current;
-  struct dp_key key;
-  __u32 place;  // of the flow, + 1; 0: no flow
+  __u64 current[DP_CACHE_WAYS];
+  __u32 place[DP_CACHE_WAYS];  // of the flow, + 1; 0: no flow
+  __u16 tag[DP_CACHE_WAYS];    // of the key's hash; different in all valid ways
+  __u32 misses;                // while no way was out of date
   __u32 zero;
+  __u64 key[DP_CACHE_WAYS][DP_WORDS];
 };
 
 #ifdef __cplusplus
@@ -218,6 +230,7 @@ struct dp_cached {
 DP_SIZE(dp_key, 64);
 DP_SIZE(dp_mask, 80);
 DP_SIZE(dp_bucket, 64);
+DP_SIZE(dp_hint, 8);
 DP_SIZE(dp_actions, 32);
 DP_SIZE(dp_step, 32);
 DP_SIZE(dp_flow, 128);
@@ -228,6 +241,6 @@ DP_SIZE(dp_port, 8);
 DP_SIZE(dp_tally, 64);
 DP_SIZE(dp_punted, 32);
 DP_SIZE(dp_punt, 80);
-DP_SIZE(dp_control, 32);
-DP_SIZE(dp_cached, 80);
+DP_SIZE(dp_control, 160);
+DP_SIZE(dp_cached, 320);
 #undef DP_SIZE

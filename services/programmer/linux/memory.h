@@ -12,13 +12,14 @@ struct dp_tables {
   dp_control *control;
   dp_mask *masks;      // two lists of DP_MAX_MASKS
   dp_bucket *buckets;  // bucket_count of them, a power of two, at least 2
+  dp_hint *hints;      // one for DP_HINT_BUCKETS buckets
   dp_flow *flows;
   dp_count *counts;  // `rows` rows of `places`
   dp_count *before;  // one more row: counts from before the flow was added
   std::uint32_t bucket_count;
   std::uint32_t places;
   std::uint32_t rows;                        // one for each processor, and the service's own as the last one
-  dp_cached *cache = nullptr;                // of a reader in user space: cache_sets * DP_CACHE_WAYS
+  dp_cached *cache = nullptr;                // of a reader in user space: cache_sets
   dp_step *steps = nullptr;                  // DP_MAX_STEPS
   std::uint32_t cache_sets = DP_CACHE_SETS;  // of each reader; a power of two
 };
@@ -53,11 +54,14 @@ inline const dp_mask *dp_mask_at(const dp_tables *tables, __u32 at) {
 inline const dp_bucket *dp_bucket_at(const dp_tables *tables, __u32 at) {
   return at < tables->bucket_count ? &tables->buckets[at] : nullptr;
 }
+inline const dp_hint *dp_hint_at(const dp_tables *tables, __u32 at) {
+  return at <= tables->bucket_count / DP_HINT_BUCKETS ? &tables->hints[at] : nullptr;
+}
 inline const dp_flow *dp_flow_at(const dp_tables *tables, __u32 at) {
   return at < tables->places ? &tables->flows[at] : nullptr;
 }
-inline dp_cached *dp_cached_at(const dp_tables *tables, __u32 at) {
-  return tables->cache + at;
+inline dp_cached *dp_cached_at(const dp_tables *tables, __u32 set, __u32 sets) {
+  return set < sets ? tables->cache + set : nullptr;
 }
 
 #include "programmer/linux/classify.h"  // requires all of the above

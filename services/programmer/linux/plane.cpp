@@ -116,16 +116,14 @@ std::unique_ptr<Plane> Plane::load(const Wanted &wanted, Pins *pins, std::string
 void Plane::set_sizes(std::uint32_t flows) {
   // More places than flows, because vacated places wait for a grace period even if the table is full.
   tables_.places = flows + flows / 32 + 1024;
-  tables_.bucket_count = std::max(2U, std::bit_ceil(flows / 2));
+  tables_.bucket_count = std::max<std::uint32_t>(DP_HINT_BUCKETS, std::bit_ceil(flows / 2));
   const auto processors = static_cast<std::uint32_t>(std::max(libbpf_num_possible_cpus(), 1));
   tables_.rows = processors + 1;  // the last one is the service's own
-  constexpr std::uint32_t kSet = DP_CACHE_WAYS * sizeof(dp_cached);
+  constexpr std::uint32_t kSet = sizeof(dp_cached);
   tables_.cache_sets = std::clamp<std::uint32_t>(std::bit_floor(kCaches / (processors * kSet)), DP_CACHE_SETS, DP_CACHE_MAX_SETS);
-  const Size sizes[] = {{"buckets", tables_.bucket_count},
-                        {"flows", tables_.places},
-                        {"counts", tables_.places * (tables_.rows + 1)},
-                        {"tallies", tables_.rows},
-                        {"cache", tables_.cache_sets * DP_CACHE_WAYS}};
+  const Size sizes[] = {{"buckets", tables_.bucket_count}, {"hints", tables_.bucket_count / DP_HINT_BUCKETS},
+                        {"flows", tables_.places},         {"counts", tables_.places * (tables_.rows + 1)},
+                        {"tallies", tables_.rows},         {"cache", tables_.cache_sets * processors}};
   for (const Size &size : sizes) bpf_map__set_max_entries(bpf_object__find_map_by_name(object_.get(), size.map), size.entries);
 }
 
@@ -241,9 +239,10 @@ bool Plane::map_all(std::string &why) {
   port_of_ = bpf_map__fd(port_of);
   punted_ = bpf_map__fd(punted);
   const bool mapped = map("control", tables_.control, why) && map("masks", tables_.masks, why) &&
-                      map("buckets", tables_.buckets, why) && map("flows", tables_.flows, why) &&
-                      map("steps", tables_.steps, why) && map("counts", tables_.counts, why) && map("meters", meters_, why) &&
-                      map("ports", ports_, why) && map("tallies", tallies_, why) && map("punts", punts_, why);
+                      map("buckets", tables_.buckets, why) && map("hints", tables_.hints, why) &&
+                      map("flows", tables_.flows, why) && map("steps", tables_.steps, why) &&
+                      map("counts", tables_.counts, why) && map("meters", meters_, why) && map("ports", ports_, why) &&
+                      map("tallies", tallies_, why) && map("punts", punts_, why);
   if (!mapped) return false;
   tables_.before = tables_.counts + std::size_t{tables_.rows} * tables_.places;
   tables_.control->version = DP_LAYOUT_VERSION;

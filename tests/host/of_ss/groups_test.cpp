@@ -83,6 +83,11 @@ TEST_F(Groups, AreTold) {
   EXPECT_EQ(stats.size(), 40u + 2 * 16);
   EXPECT_EQ(get(stats, 8, 4), 1u) << "flows that use it";
   EXPECT_TRUE(statistics(6).empty());
+  const auto shown = view("groups")["groups"];
+  ASSERT_EQ(shown.size(), 1u);
+  EXPECT_EQ(shown[0]["buckets"], (nlohmann::json{"output:1", "set_field:02:00:00:00:00:01->eth_dst,output:2"}));
+  EXPECT_EQ(shown[0]["type"], "all");
+  EXPECT_EQ(shown[0]["flows"], 1u);
   const Message features = multipart(8);
   EXPECT_EQ(get(features, 0, 4), 5u);
   EXPECT_EQ(get(features, 8, 4), 1024u);

@@ -56,7 +56,7 @@ std::vector<std::byte> show(Bytes flow_mod, std::vector<std::byte> wire = {}) {
   require(wire.size() % 8 == 0);
   match_text(southbound_match(flow_mod));
   actions_text(flow_mod);
-  output_port(flow_mod);
+  outputs_of(flow_mod);
   return wire;
 }
 

@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "host/of_ss/desired/flow_hash.h"
-#include "host/of_ss/wire/actions.h"
 
 namespace host::of_ss {
 namespace {
@@ -11,10 +10,10 @@ namespace {
 namespace sb = southbound;
 
 bool fits(const FlowClasses::Class &flow_class, const FlowCriteria &wanted) {
-  if (wanted.port && *wanted.port != flow_class.port && flow_class.port != kSeveralPorts) return false;
+  const auto [port, group] = flow_class.outputs;
+  if (wanted.port && *wanted.port != port && port != kSeveralPorts) return false;
   if (wanted.group_id &&
-      (flow_class.group_id == kGroupAny ||
-       (*wanted.group_id != kGroupAll && flow_class.group_id != kGroupAll && flow_class.group_id != *wanted.group_id)))
+      (group == kGroupAny || (*wanted.group_id != kGroupAll && group != kGroupAll && group != *wanted.group_id)))
     return false;
   return !wanted.meter_id || (*wanted.meter_id == kMeterAll ? flow_class.meter_id != 0 : flow_class.meter_id == *wanted.meter_id);
 }
@@ -32,13 +31,12 @@ std::uint32_t FlowClasses::shape_of(std::uint8_t table_id, Bytes match) {
 
 std::uint32_t FlowClasses::join(Bytes flow_mod) {
   Class flow_class{.shape = shape_of(sb::get<std::uint8_t>(flow_mod.data(), sb::kFlowTableId), southbound_match(flow_mod)),
-                   .port = output_port(flow_mod),
-                   .meter_id = sb::get<std::uint32_t>(flow_mod.data(), sb::kFlowMeterId),
-                   .group_id = output_group(flow_mod)};
-  flow_class.hash = fold(mix(mix(mix(flow_class.shape, flow_class.port), flow_class.group_id), flow_class.meter_id));
+                   .outputs = outputs_of(flow_mod),
+                   .meter_id = sb::get<std::uint32_t>(flow_mod.data(), sb::kFlowMeterId)};
+  const auto [port, group] = flow_class.outputs;
+  flow_class.hash = fold(mix(mix(mix(flow_class.shape, port), group), flow_class.meter_id));
   std::uint32_t number = classes_.find(flow_class.hash, [&flow_class](const Class &other) {
-    return other.shape == flow_class.shape && other.port == flow_class.port && other.meter_id == flow_class.meter_id &&
-           other.group_id == flow_class.group_id;
+    return other.shape == flow_class.shape && other.outputs == flow_class.outputs && other.meter_id == flow_class.meter_id;
   });
   if (number == kNoSlot) {
     ++shapes_[flow_class.shape].classes;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "host/of_ss/desired/slot_index.h"
+#include "host/of_ss/wire/actions.h"
 #include "host/of_ss/wire/oxm.h"
 
 namespace host::of_ss {
@@ -61,10 +62,9 @@ class FlowClasses {
   struct Class {
     std::uint32_t hash = 0;
     std::uint32_t shape = 0;
-    std::uint32_t port = 0;              // as output_port() gives it
-    std::uint32_t meter_id = 0;          // 0: none
-    std::uint32_t group_id = kGroupAny;  // as output_group() gives it
-    std::uint32_t first = kNoSlot;       // of its flows; the table links them
+    Outputs outputs = {};
+    std::uint32_t meter_id = 0;     // 0: none
+    std::uint32_t first = kNoSlot;  // of its flows; the table links them
     std::uint32_t flows = 0;
   };
 

@@ -58,7 +58,7 @@ std::vector<FlowEntry *> users_of_meter(const FlowTable &table, std::uint32_t me
 
 std::vector<FlowEntry *> users_of_group(const FlowTable &table, std::uint32_t group) {
   return flows_in_force(table, {.group_id = group}, [group](const FlowEntry &flow) {
-    return group == kGroupAll ? output_group(flow.southbound()) != kGroupAny : uses_group(flow.southbound(), group);
+    return group == kGroupAll ? outputs_of(flow.southbound()).group != kGroupAny : uses_group(flow.southbound(), group);
   });
 }
 

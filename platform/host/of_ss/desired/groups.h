@@ -16,6 +16,7 @@ namespace host::of_ss {
 
 inline constexpr std::size_t kMaxGroups = 1024, kMaxBuckets = 32;
 enum GroupType : std::uint8_t { kGroupTypeAll = 0, kGroupTypeIndirect = 2 };
+inline constexpr Named kGroupTypeNames[] = {{kGroupTypeAll, "all"}, {kGroupTypeIndirect, "indirect"}};
 inline constexpr std::uint32_t kGroupTypes = 1u << kGroupTypeAll | 1u << kGroupTypeIndirect;
 
 struct GroupEntry {

@@ -412,11 +412,17 @@ std::size_t next_written(Bytes &list, SouthboundAction &action) {
   return consumed;
 }
 
+// Calls `take` with the type and the number of each action of the flow, but not of its groups' buckets.
 template <typename Take>
-void each_number(Bytes flow_mod, ActionType type, Take &&take) {
+void each_number(Bytes flow_mod, Take &&take) {
   Bytes list = southbound_actions(flow_mod);
-  for (SouthboundAction action; next_written(list, action) != 0;)
-    if (action.type == type) take(action.value<std::uint32_t>(sb::kActionBody));
+  for (SouthboundAction action; next_written(list, action) != 0;) take(action.type, action.value<std::uint32_t>(sb::kActionBody));
+}
+
+bool has(Bytes flow_mod, ActionType type, std::uint32_t number) {
+  bool found = false;
+  each_number(flow_mod, [&](std::uint16_t other, std::uint32_t its) { found = found || (other == type && its == number); });
+  return found;
 }
 
 const OxmField &set_field_row(const SouthboundAction &action) {
@@ -611,6 +617,11 @@ std::string wire_actions_text(Bytes instructions) {
   return text.empty() ? "drop" : text;
 }
 
+std::string wire_list_text(Bytes actions) {
+  const std::string text = joined(actions, wire_action_text);
+  return text.empty() ? "drop" : text;
+}
+
 std::vector<Capability> action_kinds(const TargetCapabilities &target) {
   std::vector<Capability> all;
   for (const ActionRow &row : kActions) all.push_back({row.type, row.name, does(row, target)});
@@ -635,30 +646,21 @@ std::span<const ReservedPort> reserved_ports() {
   return kReservedPorts;
 }
 
-std::uint32_t output_port(Bytes flow_mod) {
-  std::uint32_t found = 0;
-  each_number(flow_mod, kOutput,
-              [&found](std::uint32_t number) { found = found == 0 || found == number ? number : kSeveralPorts; });
+Outputs outputs_of(Bytes flow_mod) {
+  Outputs found;
+  each_number(flow_mod, [&found](std::uint16_t type, std::uint32_t number) {
+    if (type == kOutput) found.port = found.port == 0 || found.port == number ? number : kSeveralPorts;
+    if (type == kGroup) found.group = found.group == kGroupAny || found.group == number ? number : kGroupAll;
+  });
   return found;
 }
 
-std::uint32_t output_group(Bytes flow_mod) {
-  std::uint32_t found = kGroupAny;
-  each_number(flow_mod, kGroup,
-              [&found](std::uint32_t group) { found = found == kGroupAny || found == group ? group : kGroupAll; });
-  return found;
+bool uses_group(Bytes flow_mod, std::uint32_t group) {
+  return has(flow_mod, kGroup, group);
 }
 
-bool uses_group(Bytes flow_mod, std::uint32_t number) {
-  bool does = false;
-  each_number(flow_mod, kGroup, [&does, number](std::uint32_t group) { does = does || group == number; });
-  return does;
-}
-
-bool outputs_to(Bytes flow_mod, std::uint32_t number) {
-  bool does = false;
-  each_number(flow_mod, kOutput, [&does, number](std::uint32_t port) { does = does || port == number; });
-  return does;
+bool outputs_to(Bytes flow_mod, std::uint32_t port) {
+  return has(flow_mod, kOutput, port);
 }
 
 Bytes southbound_match(Bytes flow_mod) {

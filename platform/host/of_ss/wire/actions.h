@@ -51,6 +51,8 @@ std::string actions_text(Bytes flow_mod);
 
 // The instructions of a flow-mod from the wire, valid or not, in the same form; "..." where the bytes end early.
 std::string wire_actions_text(Bytes instructions);
+// Likewise of an action list from the wire, such as a bucket's.
+std::string wire_list_text(Bytes actions);
 
 // A type of action or instruction, and whether the switch supports it with that target.
 struct Capability {
@@ -70,13 +72,16 @@ struct ReservedPort {
 };
 std::span<const ReservedPort> reserved_ports();
 
-// The port of the flow's own output, not of its groups'; 0 if it has none, kSeveralPorts if it outputs to different ones.
+// Where a flow's own list outputs, without the buckets of its groups.
 inline constexpr std::uint32_t kSeveralPorts = 0xfffffff0;
-std::uint32_t output_port(Bytes flow_mod);
-bool outputs_to(Bytes flow_mod, std::uint32_t port);
+struct Outputs {
+  std::uint32_t port = 0;           // 0: none; kSeveralPorts: different ones
+  std::uint32_t group = kGroupAny;  // kGroupAny: none; kGroupAll: different ones
 
-// The group of the flow; kGroupAny if it has none, kGroupAll if it has different ones.
-std::uint32_t output_group(Bytes flow_mod);
+  bool operator==(const Outputs &) const = default;
+};
+Outputs outputs_of(Bytes flow_mod);
+bool outputs_to(Bytes flow_mod, std::uint32_t port);
 bool uses_group(Bytes flow_mod, std::uint32_t group);
 
 // The parts of a southbound flow-mod, bounded by its length; empty if the bytes are missing.

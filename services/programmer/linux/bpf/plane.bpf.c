@@ -30,12 +30,14 @@ struct dp_tables;  // stands for the maps; never used, because each map exists o
 PLANE_MAP(control, BPF_MAP_TYPE_ARRAY, 1, struct dp_control);
 PLANE_MAP(masks, BPF_MAP_TYPE_ARRAY, 2 * DP_MAX_MASKS, struct dp_mask);
 PLANE_MAP(buckets, BPF_MAP_TYPE_ARRAY, 2, struct dp_bucket);
+PLANE_MAP(hints, BPF_MAP_TYPE_ARRAY, 1, struct dp_hint);
 PLANE_MAP(flows, BPF_MAP_TYPE_ARRAY, 1, struct dp_flow);
 PLANE_MAP(counts, BPF_MAP_TYPE_ARRAY, 1, struct dp_count);
 PLANE_MAP(steps, BPF_MAP_TYPE_ARRAY, DP_MAX_STEPS, struct dp_step);
 PLANE_MAP(meters, BPF_MAP_TYPE_ARRAY, DP_MAX_METERS, struct dp_meter);
 PLANE_MAP(ports, BPF_MAP_TYPE_ARRAY, DP_MAX_PORTS, struct dp_port);
 PLANE_MAP(punts, BPF_MAP_TYPE_ARRAY, DP_MAX_PORTS, struct dp_punt);
+PLANE_MAP(cache, BPF_MAP_TYPE_ARRAY, 1, struct dp_cached);  // a processor's sets after another's
 PLANE_MAP(tallies, BPF_MAP_TYPE_ARRAY, 1, struct dp_tally);
 
 struct {
@@ -44,13 +46,6 @@ struct {
   __type(key, __u32);    // interface index
   __type(value, __u32);  // place in `ports`
 } port_of SEC(".maps");
-
-struct {
-  __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
-  __uint(max_entries, DP_CACHE_SETS *DP_CACHE_WAYS);
-  __type(key, __u32);
-  __type(value, struct dp_cached);
-} cache SEC(".maps");
 
 struct {
   __uint(type, BPF_MAP_TYPE_RINGBUF);
@@ -64,8 +59,15 @@ struct {
   }
 PLANE_AT(dp_mask_at, masks, dp_mask)
 PLANE_AT(dp_bucket_at, buckets, dp_bucket)
+PLANE_AT(dp_hint_at, hints, dp_hint)
 PLANE_AT(dp_flow_at, flows, dp_flow)
-PLANE_AT(dp_cached_at, cache, dp_cached)
+
+// Of this processor.
+static __always_inline struct dp_cached *dp_cached_at(const struct dp_tables *tables, __u32 set, __u32 sets) {
+  __u32 at = bpf_get_smp_processor_id() * sets + set;
+  (void)tables;
+  return bpf_map_lookup_elem(&cache, &at);
+}
 
 #include "../classify.h"
 #include "../meter.h"
@@ -472,6 +474,20 @@ static __always_inline void act(struct way *way) {
   if (actions->sets != 0 && rewrite(way) != 0) way->failed = 1;
 }
 
+// ---- what the verifier follows once, for any arguments, because the functions are global; each has its own stack frame
+
+__noinline int parse(struct __sk_buff *skb, __u32 in_port, struct dp_key *key, struct dp_headers *headers) {
+  const __u16 tag = skb->vlan_present ? (skb->vlan_tci & ~DP_VLAN_PRESENT) | DP_VLAN_PRESENT : 0;
+  if (key && headers) dp_parse(skb, in_port, tag, key, headers);
+  return 0;
+}
+
+__noinline __u32 find(const struct dp_key *key) {
+  __u32 zero = 0;
+  const struct dp_control *table = bpf_map_lookup_elem(&control, &zero);
+  return key && table ? dp_classify(0, table, key) : 0;
+}
+
 // ---- entry point
 
 SEC("tc")
@@ -487,12 +503,11 @@ int kelim_plane(struct __sk_buff *skb) {
   const struct dp_port *port = bpf_map_lookup_elem(&ports, &port_at);
   if (!port) return TC_ACT_UNSPEC;
 
-  struct dp_key key;
-  struct dp_headers headers;
-  const __u16 tag = skb->vlan_present ? (skb->vlan_tci & ~DP_VLAN_PRESENT) | DP_VLAN_PRESENT : 0;
-  dp_parse(skb, port->number, tag, &key, &headers);
+  struct dp_key key = {};
+  struct dp_headers headers = {};
+  parse(skb, port->number, &key, &headers);
   ++tally->looked_up;
-  const __u32 place = dp_classify(0, table, &key);
+  const __u32 place = find(&key);
   if (place == 0) return TC_ACT_SHOT;
   ++tally->matched;
 
