@@ -109,7 +109,10 @@ class Kelimctl(e2e.Test):
         running = self.daemon(openflow_capacity=10000, programmer_size=10000, programmer_script="fail=@3")
         client = self.client(running)
         client.xid = 100
-        added, barrier = client.add(1, cookie=0x66), client.send(openflow.BARRIER_REQUEST)
+        together = client.frame(openflow.FLOW_MOD, openflow.flow_mod(openflow.ADD, *openflow.tcp_flow(1), cookie=0x66))
+        together += client.frame(openflow.BARRIER_REQUEST)  # before the flow is answered
+        client.socket.sendall(together)
+        added, barrier = client.xid - 1, client.xid
         client.add(2, cookie=0x66, hard=1)
         failing = client.add(3)
         refused = client.send(openflow.FLOW_MOD, openflow.flow_mod(openflow.ADD, openflow.match(openflow.oxm(11, bytes(4)))))
