@@ -651,6 +651,24 @@ TEST_F(AgentFlows, HardAndIdleTimeoutsEndAFlow) {
   EXPECT_EQ(dump().size(), 1u) << "a flow without a timeout is never idle";
 }
 
+// So many that deadlines of flows that are gone are dropped meanwhile.
+TEST_F(AgentFlows, ManyHardTimeoutsEndTheirFlowsInTime) {
+  Message first, gone, rest;
+  for (std::uint32_t n = 0; n < 1500; ++n) {
+    FlowMod f = ipv4_flow(n);
+    f.hard = static_cast<std::uint16_t>(n < 1000 ? 2001 + n * 617 % 1000 : 501 + n * 617 % 500);
+    append(n < 1000 ? first : rest, flow_mod(f));
+    if (n < 1000 && n % 2 == 0) append(gone, flow_mod(strict_delete(n)));
+  }
+  for (const Message &part : {first, gone, rest}) apply(part);
+  ASSERT_EQ(dump().size(), 1000u);
+  for (const auto &[time, left] : {std::pair{750s, 750}, {750s, 500}, {1000s, 250}, {600s, 0}}) {
+    warp(time);
+    EXPECT_TRUE(c.settle());
+    EXPECT_NEAR(static_cast<double>(dump().size()), left, 5);
+  }
+}
+
 // ---- synchronisation and restart
 
 // A life that ended in the middle of a change has left both forms of a flow; one that ended while a service-chain flow was being
