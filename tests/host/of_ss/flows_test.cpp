@@ -645,7 +645,7 @@ TEST_F(AgentFlows, ManyHardTimeoutsEndTheirFlowsInTime) {
   Message first, gone, rest;
   for (std::uint32_t n = 0; n < 1500; ++n) {
     FlowMod f = ipv4_flow(n);
-    f.hard = static_cast<std::uint16_t>((n < 1000 ? 3000 : 2000) - n);
+    f.hard = static_cast<std::uint16_t>(n < 1000 ? 2001 + n * 617 % 1000 : 501 + n * 617 % 500);
     append(n < 1000 ? first : rest, flow_mod(f));
     if (n < 1000 && n % 2 == 0) append(gone, flow_mod(strict_delete(n)));
   }
