@@ -36,7 +36,8 @@ using FlowCounter = OfFlow<SPolicyKelim__FlowCounter, s_policy_kelim__flow_count
 
 // What the service chain is asked for and tells.
 template <typename Record, const ProtobufCMessageDescriptor &kRecord>
-struct OfServiceChain : Keyed<Record, kRecord, s_policy_kelim__parse_flow_key__descriptor, &SPolicyKelim__ParseFlowKey::flow_index> {
+struct OfServiceChain
+    : Keyed<Record, kRecord, s_policy_kelim__parse_flow_key__descriptor, &SPolicyKelim__ParseFlowKey::flow_index> {
   explicit OfServiceChain(std::uint64_t flow) : OfServiceChain::Keyed(flow) {
     this->key.t_flow_type = S_POLICY_KELIM__FLOW_TYPE_T__SERVICE_CHAIN_FLOW;
   }
