@@ -23,6 +23,7 @@ bool Announcement::write() {
   record.set_fields = can->set_fields;
   record.actions = can->actions;
   record.several_outputs = can->several_outputs;
+  record.tag_presence = can->tag_presence;
   record.forwards_packets = can->forwards_packets;
   return qx_mom_set(context_.global, kFlowDb, &record.base, 0, 0) == 0;
 }

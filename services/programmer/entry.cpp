@@ -93,6 +93,16 @@ bool tag_rule(const Message &from, std::uint32_t number, Fields &value, Fields &
   return rule<Member, Width>(from, number, value, mask);
 }
 
+// The mask OFPVID_PRESENT (OpenFlow 1.3.5, 7.2.3.7) asks for packets without a tag, the mask 0 for those with any.
+bool vid_rule(const Message &from, std::uint32_t number, Fields &value, Fields &mask) {
+  constexpr std::uint16_t kPresent = 0x1000;
+  std::uint16_t bits = 0;
+  if (!take(from.fields[number + 1], bits)) return false;
+  if (bits != kPresent) return tag_rule<&Fields::vlan_id, std::uint16_t{0xfff}>(from, number, value, mask);
+  mask.tagged = true;
+  return true;
+}
+
 struct RuleRow {
   SPolicyKelim__FlowAceRuleE bit;
   std::uint32_t number;  // of the value's field in the schema
@@ -104,7 +114,7 @@ constexpr RuleRow kRules[] = {
     {RULE(MAC_SRC), 5, rule<&Fields::eth_src>},
     {RULE(ETYPE), 7, rule<&Fields::eth_type>},
     {RULE(COS), 9, tag_rule<&Fields::vlan_pcp, std::uint8_t{7}>},
-    {RULE(VID), 11, tag_rule<&Fields::vlan_id, std::uint16_t{0xfff}>},
+    {RULE(VID), 11, vid_rule},
     {RULE(IPV4_DSCP), 13, rule<&Fields::dscp, std::uint8_t{0x3f}>},
     {RULE(IPV4_PROTOCOL), 15, rule<&Fields::proto>},
     {RULE(IPV4_SRC), 17, rule<&Fields::ipv4_src>},

@@ -23,7 +23,7 @@ struct Fields {
   std::uint16_t eth_type = 0;
   std::uint16_t vlan_id = 0;
   std::uint8_t vlan_pcp = 0;
-  bool tagged = false;  // in a mask: the flow requires a VLAN tag
+  bool tagged = false;  // in a mask: the flow requires a VLAN tag, or none
   std::array<std::uint8_t, 6> eth_dst{}, eth_src{};
   std::uint8_t proto = 0;
   std::uint8_t dscp = 0;

@@ -53,7 +53,7 @@ struct Capabilities {
   const char *name = "";
   std::uint32_t flows = 0, meters = 0, bands = 0, queues = 0;
   std::uint64_t match_fields = 0, set_fields = 0, actions = 0;
-  bool several_outputs = false, forwards_packets = false;
+  bool several_outputs = false, tag_presence = false, forwards_packets = false;
 };
 
 class Target {

@@ -96,6 +96,8 @@ MATCHES = (  # field, flow, packets that match, packets that do not
     ("eth_type", "dl_type=0x0806", ["ARP"], ["UDP 1000 > 53", "802.3"]),
     ("eth_type", "dl_type=0x05ff", ["802.3"], ["ARP"]),
     ("eth_type", "ip", ["UDP 1000 > 53", "VLAN 7, priority 3", "VLAN 7 around VLAN 8", "IPv4 cut"], ["IPv6 UDP > 53", "ARP"]),
+    ("vlan_vid, none", "vlan_tci=0", ["UDP 1000 > 53", "ARP"], ["VLAN 7, priority 3", "priority tag 3"]),
+    ("vlan_vid, any", "vlan_vid=0x1000/0x1000", ["VLAN 7, priority 3", "priority tag 3"], ["UDP 1000 > 53", "ARP"]),
     ("vlan_vid, masked", "vlan_vid=0x1006/0x1006", ["VLAN 7, priority 3"], ["VLAN 8, priority 3", "priority tag 3", "UDP 1000 > 53"]),
     ("vlan_vid", "dl_vlan=7", ["VLAN 7, priority 3", "VLAN 7 around VLAN 8"], ["VLAN 8, priority 3", "priority tag 3", "UDP 1000 > 53"]),
     ("vlan_pcp", "dl_vlan=7,dl_vlan_pcp=3", ["VLAN 7, priority 3"], ["VLAN 7, priority 5", "VLAN 8, priority 3"]),

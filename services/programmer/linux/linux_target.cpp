@@ -335,6 +335,7 @@ std::optional<Capabilities> LinuxTarget::capabilities() const {
                       .actions = bits(Action::kOutput, Action::kPushVlan, Action::kPopVlan, Action::kSetQueue, kGroup,
                                       Action::kSetTtl, Action::kDecTtl, Action::kSetField),
                       .several_outputs = true,
+                      .tag_presence = true,
                       .forwards_packets = true};
 }
 

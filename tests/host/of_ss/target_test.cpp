@@ -78,6 +78,29 @@ TEST_F(Target, DecidesWhatIsAcceptedAndWhatIsToldOfIt) {
   }
 }
 
+TEST_F(Target, MatchesOnPacketsWithAnyTagAndWithoutOneIfItCan) {
+  records::Capabilities target(1u);
+  target.record.tag_presence = true;
+  announce(target);
+  const Message none = hex("80000c02 0000"), any = hex("80000d04 1000 1000"), seven = hex("80000c02 1007");
+  FlowMod f;
+  for (const Message &fields : {none, any, seven}) {
+    f.fields = fields, f.flags = 2;  // OFPFF_CHECK_OVERLAP
+    EXPECT_EQ(answer(flow_mod(f)), fields == seven ? "OFPFMFC_OVERLAP" : "");
+  }
+  f.flags = 0;
+  EXPECT_EQ(answer(flow_mod(f)), "");
+  f.fields = none + hex("80000e01 01");
+  EXPECT_EQ(answer(flow_mod(f)), "OFPBMC_BAD_PREREQ");
+  const auto match_of = [&](std::size_t n) { return to_hex(daemon.flows(true)[n]).substr(2 * 44, 2 * 8); };
+  EXPECT_EQ(match_of(0) + " " + match_of(1), "040d008000000010 040d008000000000");
+  f = {.command = 3, .fields = any};
+  apply(flow_mod(f));
+  const auto left = dump();
+  ASSERT_EQ(left.size(), 1u);
+  EXPECT_EQ(to_hex(left[0]).substr(2 * 48, 2 * 10), to_hex(hex("0001 000a") + none));
+}
+
 TEST_F(Target, GivesTheLimits) {
   records::Capabilities target(1u);
   target.record.flows = 2, target.record.meters = 3, target.record.bands = 1;

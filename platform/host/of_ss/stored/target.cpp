@@ -54,6 +54,7 @@ TargetCapabilities capabilities_in(const STarget__Capabilities &record) {
   take_bits("actions", record.actions, known_actions(), target.actions);
   target.match_fields |= bits(kOxmAppType);  // the library's own, which is not a property of packets
   target.several_outputs = record.several_outputs;
+  target.tag_presence = record.tag_presence;
   target.forwards_packets = record.forwards_packets;
   return target;
 }

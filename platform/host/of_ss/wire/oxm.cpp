@@ -81,6 +81,25 @@ struct WireField {
   std::uint8_t number() const { return header >> 9 & 0x7f; }
 };
 
+// ---- VLAN ids (OpenFlow 1.3.5, 7.2.3.7)
+//
+// In southbound layout a VLAN id has no OFPVID_PRESENT, since it implies a tag. A mask of 0 means a tag with any id; the value 0
+// with the mask OFPVID_PRESENT means no tag.
+
+constexpr std::byte kNoTag[] = {std::byte{kVidPresent >> 8}, std::byte{0}};  // that mask on the wire
+constexpr std::byte kPresentByte{kVidPresent >> 8};                          // in the second byte of a number in host order
+
+bool is_present(const std::byte *vid) {
+  return (load_be<std::uint16_t>(vid) & kVidPresent) != 0;
+}
+
+// True if the field asks only for a tag, or for none.
+bool asks_for_tag_only(const OxmField &row, const std::byte *value, const std::byte *mask) {
+  if (row.range != Range::vid) return false;
+  const std::uint16_t vid = load_be<std::uint16_t>(value), bits = mask ? load_be<std::uint16_t>(mask) : kVidAll;
+  return (bits & ~kVidAll) == 0 && (bits & kVidPresent) != 0 && (vid == 0 || (vid == kVidPresent && bits == kVidPresent));
+}
+
 bool all(const std::byte *at, std::size_t n, std::byte value) {
   return std::all_of(at, at + n, [value](std::byte b) { return b == value; });
 }
@@ -107,8 +126,7 @@ Verdict check_vlan(const OxmField &row, const std::byte *value, const std::byte 
   const std::uint16_t bits = mask ? load_be<std::uint16_t>(mask) : kVidAll;
   if ((vid | bits) > kVidAll) return refuse(err::kBadValue, row.name, "bits above OFPVID_PRESENT are set");
   if (!(vid & kVidPresent) || !(bits & kVidPresent))
-    return refuse(err::kBadValue, row.name, "untagged packets cannot be matched, only a VLAN id with OFPVID_PRESENT");
-  if (!(bits & kVidBits)) return refuse(err::kBadValue, row.name, "any VLAN id cannot be matched, only a given one");
+    return refuse(err::kBadValue, row.name, "a VLAN id needs OFPVID_PRESENT, also in its mask");
   if ((bits & kVidBits) == kVidBits && (vid & kVidBits) == kVidReserved)
     return refuse(err::kBadValue, row.name, "VLAN id 4095 is reserved, allowed are 0 to 4094");
   return {};
@@ -128,10 +146,16 @@ Verdict check_max(const OxmField &row, const std::byte *value, const std::byte *
 }
 
 // True if the mask fixes every bit; of a VLAN id 13 bits count.
-bool exact(const OxmField &row, const std::byte *mask) {
+bool fixes_all(const OxmField &row, const std::byte *mask) {
   if (row.range == Range::vid) return load_be<std::uint16_t>(mask) == kVidAll;
   if (row.number == kOxmIpv6Exthdr) return load_be<std::uint16_t>(mask) == row.max;
   return all(mask, row.width, std::byte{0xff});
+}
+
+// The mask as kept: null for an exact value.
+const std::byte *mask_of(const OxmField &row, const std::byte *value, const std::byte *mask) {
+  if (row.range == Range::vid && !is_present(value)) return kNoTag;
+  return mask && fixes_all(row, mask) ? nullptr : mask;
 }
 
 void keep(const OxmField &row, const std::byte *value, const std::byte *mask, WireMatch &match) {
@@ -159,8 +183,13 @@ Verdict decode_field(const WireField &field, const TargetCapabilities &target, s
   if (mask && outside_mask(value, mask, row->width))
     return refuse(err::kBadWildcards, row->name, "the value has bits set where its mask has none");
   if (mask && all(mask, row->width, std::byte{0})) return {};
-  if (const Verdict verdict = check_value(*row, value, mask); verdict.refused()) return verdict;
-  keep(*row, value, mask && exact(*row, mask) ? nullptr : mask, match);
+  if (asks_for_tag_only(*row, value, mask)) {
+    if (!target.tag_presence)
+      return refuse(err::kBadValue, row->name, "the target matches only a given VLAN id, neither untagged packets nor any tag");
+  } else if (const Verdict verdict = check_value(*row, value, mask); verdict.refused()) {
+    return verdict;
+  }
+  keep(*row, value, mask_of(*row, value, mask), match);
   return {};
 }
 
@@ -194,6 +223,7 @@ std::byte *put_slot(const OxmField &row, const std::byte *value, const std::byte
   sb::put(out, 0, header);
   put_southbound_value(row, value, out + 4);
   if (mask) put_southbound_value(row, mask, out + 4 + row.width);
+  if (mask == kNoTag) out[4 + row.width + 1] |= kPresentByte;
   return out + slot;
 }
 
@@ -203,7 +233,13 @@ struct FieldSlot {
   const std::byte *value = nullptr;
   const std::byte *mask = nullptr;  // null: exact
 
-  std::byte mask_byte(std::size_t i) const { return mask ? mask[i] : std::byte{0xff}; }
+  bool asks_for_no_tag() const { return row->range == Range::vid && mask && sb::get<std::uint16_t>(mask, 0) == kVidPresent; }
+  // For comparisons; OFPVID_PRESENT is in the mask of every VLAN id, and in the value of those that ask for a tag.
+  std::byte mask_byte(std::size_t i) const { return mask ? mask[i] | implied(i) : std::byte{0xff}; }
+  std::byte value_byte(std::size_t i) const { return asks_for_no_tag() ? value[i] : value[i] | implied(i); }
+
+ private:
+  std::byte implied(std::size_t i) const { return row->range == Range::vid && i == 1 ? kPresentByte : std::byte{0}; }
 };
 
 // Takes the next field off `slots`; no row at the end, or where the bytes are not a field.
@@ -236,18 +272,22 @@ bool slot_covers(const FieldSlot &general, const FieldSlot &specific) {
   for (std::size_t i = 0; i < general.row->width; ++i) {
     const std::byte mask = general.mask_byte(i);
     if ((mask & ~specific.mask_byte(i)) != std::byte{0}) return false;
-    if (((general.value[i] ^ specific.value[i]) & mask) != std::byte{0}) return false;
+    if (((general.value_byte(i) ^ specific.value_byte(i)) & mask) != std::byte{0}) return false;
   }
   return true;
 }
 
 bool slots_overlap(const FieldSlot &a, const FieldSlot &b) {
   for (std::size_t i = 0; i < a.row->width; ++i)
-    if (((a.value[i] ^ b.value[i]) & a.mask_byte(i) & b.mask_byte(i)) != std::byte{0}) return false;
+    if (((a.value_byte(i) ^ b.value_byte(i)) & a.mask_byte(i) & b.mask_byte(i)) != std::byte{0}) return false;
   return true;
 }
 
 void put_wire_field(const FieldSlot &slot, Writer &out) {
+  if (slot.asks_for_no_tag()) {  // OFPVID_NONE
+    out.u32(oxm_header(*slot.row, false));
+    return out.u16(0);
+  }
   const std::uint32_t header = southbound_header(*slot.row, slot.mask);
   const bool ours = slot.row->number == kOxmAppType;
   out.u32(ours ? header + 4 : header);
@@ -287,6 +327,14 @@ std::string mask_text(const FieldSlot &slot) {
   }
   if (slot.row->width == 2) return fmt::format("0x{:03x}", sb::get<std::uint16_t>(slot.mask, 0));
   return value_text(*slot.row, slot.mask);
+}
+
+// The value, and the mask if there is one.
+std::string slot_text(const FieldSlot &slot) {
+  if (slot.asks_for_no_tag()) return "none";
+  if (slot.row->range == Range::vid && slot.mask && sb::get<std::uint16_t>(slot.mask, 0) == 0) return "any";
+  const std::string value = value_text(*slot.row, slot.value);
+  return slot.mask ? value + "/" + mask_text(slot) : value;
 }
 
 }  // namespace
@@ -363,7 +411,7 @@ bool satisfies(const WireMatch &match, Needs needs) {
     case nothing:
       return true;
     case vlan:
-      return match.has(kOxmVlanVid);
+      return match.has(kOxmVlanVid) && is_present(match.value[kOxmVlanVid]);
     case ip:
       return v4 || v6;
     case ipv4:
@@ -426,9 +474,7 @@ std::size_t encode_wire_match(Bytes slots, bool service_chain, Writer &out) {
 std::string match_text(Bytes slots) {
   std::string text;
   for (FieldSlot slot = next_slot(slots); slot.row; slot = next_slot(slots)) {
-    fmt::format_to(std::back_inserter(text), "{}{}={}", text.empty() ? "" : ",", slot.row->name,
-                   value_text(*slot.row, slot.value));
-    if (slot.mask) text += "/" + mask_text(slot);
+    fmt::format_to(std::back_inserter(text), "{}{}={}", text.empty() ? "" : ",", slot.row->name, slot_text(slot));
   }
   return text;
 }
@@ -443,10 +489,10 @@ std::string wire_field_text(Bytes from) {
   const std::size_t length = static_cast<std::size_t>(field.payload + field.length() - value);
   const bool whole = row && length == std::size_t{row->width} * (field.masked() ? 2 : 1);
   const std::byte *mask = whole && field.masked() ? value + row->width : nullptr;
-  if (!whole || (row->supported && check_value(*row, value, mask).refused()))
+  if (!whole || (row->supported && !asks_for_tag_only(*row, value, mask) && check_value(*row, value, mask).refused()))
     return fmt::format("{}={}", row ? row->name : fmt::format("oxm_{:08x}", field.header), hex_text({value, length}));
   std::byte slot[sb::oxm_slot(0xff)];
-  return match_text({slot, put_slot(*row, value, mask, slot)});
+  return match_text({slot, put_slot(*row, value, mask_of(*row, value, mask), slot)});
 }
 
 std::string wire_match_text(Bytes from) {

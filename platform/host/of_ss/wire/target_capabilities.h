@@ -29,6 +29,7 @@ struct TargetCapabilities {
   std::uint64_t set_fields = bits(3, 4, 6, 7, 8);
   std::uint64_t actions = bits(0, 21, 25);
   bool several_outputs = false;  // carries out whole action lists, with outputs at any place
+  bool tag_presence = false;     // matches on packets with any VLAN tag, and on those without
   bool forwards_packets = false;
 
   bool matches(std::size_t field) const { return match_fields >> field & 1; }
