@@ -157,7 +157,7 @@ class Kelimctl(e2e.Test):
         refused = (
             ("tcp,nw_dst=10.0.0.0/24,actions=push_vlan:0x8100,set_field:4196->vlan_vid,output:2",
              "eth_type=0x0800,ipv4_dst=10.0.0.0/24,ip_proto=6 actions=push_vlan:0x8100,set_field:100->vlan_vid,output:2"),
-            ("vlan_tci=0/0x1fff,actions=controller", "vlan_vid=0x0000 actions=output:CONTROLLER"),
+            ("vlan_tci=0/0x1fff,actions=controller", "vlan_vid=none actions=output:CONTROLLER"),
             ("arp,arp_spa=1.1.1.1,actions=group:7,flood", "eth_type=0x0806,arp_spa=1.1.1.1 actions=group:7,output:FLOOD"),
         )
         for flow, _ in refused:
