@@ -1,5 +1,4 @@
-"""Programs that the hosts run, given to `python3 -c`: an echo server on port 7, a client that asks it once, and one that says much; a
-sink on port 9 that counts what it receives, and a client that sends as fast as it can."""
+"""Programs that the hosts run, given to `python3 -c`: an echo server on port 7, a client that asks it once, and one that sends much."""
 
 # Connections are reset at once, so that none of their packets arrives during the next test.
 END_AT_ONCE = "import socket, struct, sys; at_once = (socket.SOL_SOCKET, socket.SO_LINGER, struct.pack('ii', 1, 0))"
@@ -35,34 +34,6 @@ client.settimeout(30)
 client.connect((sys.argv[2], 7))
 client.send(b"hello")
 print(client.recv(99).decode())
-"""
-# Prints the bytes received within that many seconds from the first ones on.
-SINK = """
-import socket, sys, time
-kind = {"tcp": socket.SOCK_STREAM, "udp": socket.SOCK_DGRAM}[sys.argv[1]]
-sink = socket.socket(socket.AF_INET, kind)
-sink.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-sink.bind(("", 9))
-if kind == socket.SOCK_STREAM:
-    sink.listen()
-print(flush=True)
-if kind == socket.SOCK_STREAM:
-    sink, _ = sink.accept()
-sink.settimeout(5)
-total, room = sink.recv_into(bytearray(1 << 16)), bytearray(1 << 16)
-end = time.monotonic() + float(sys.argv[2])
-while time.monotonic() < end:
-    total += sink.recv_into(room)
-print(total, flush=True)
-"""
-FLOOD = """
-import socket, sys
-kind = {"tcp": socket.SOCK_STREAM, "udp": socket.SOCK_DGRAM}[sys.argv[1]]
-client = socket.socket(socket.AF_INET, kind)
-client.connect((sys.argv[2], 9))
-data = bytes(int(sys.argv[3]))
-while True:
-    client.send(data)
 """
 # Prints how many bytes came back and their sum.
 PUSHED = bytes(range(250)) * 400
