@@ -267,6 +267,8 @@ def main():
     parser.add_argument("--distinct", action="store_true")
     given = parser.parse_args()
     tables = [table for table in TABLES if table[0] in given.flows and table[1] in given.masks]
+    if not tables:
+        parser.error(f"no table with these flows and masks, there are (flows, masks): {', '.join(map(str, TABLES))}")
     if lacking := network.missing():
         print(f"This puts programs on network interfaces, for which it lacks {lacking}: run it as root.", file=sys.stderr)
         return 1

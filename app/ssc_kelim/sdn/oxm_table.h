@@ -174,6 +174,7 @@ inline constexpr oxm_row kRows[] = {
     // Deliberate: a TCP destination port sets the UDP bit too; readers of the bitmap take either as "destination port".
     row<0x80001c02, l4_dst>      (FIELD(OXM_SS_OF_TCP_DST) |
                                   FIELD(OXM_SS_OF_UDP_DST),      RULE(DST_L4PORT),    decimal("l4_dst_port")),
+    // Deliberate: in the dump UDP ports have the labels of TCP ports.
     row<0x80001e02, l4_src>      (FIELD(OXM_SS_OF_UDP_SRC),      RULE(SRC_L4PORT),    decimal("l4_src_port")),
     row<0x80002002, l4_dst>      (FIELD(OXM_SS_OF_UDP_DST),      RULE(DST_L4PORT),    decimal("l4_dst_port")),
     row<0x80002601, icmp_type>   (FIELD(OXM_SS_OF_ICMPV4_TYPE),  RULE(ICMP_TYPE),     decimal("icmp_type")),

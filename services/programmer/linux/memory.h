@@ -55,7 +55,7 @@ inline const dp_bucket *dp_bucket_at(const dp_tables *tables, __u32 at) {
   return at < tables->bucket_count ? &tables->buckets[at] : nullptr;
 }
 inline const dp_hint *dp_hint_at(const dp_tables *tables, __u32 at) {
-  return at <= tables->bucket_count / DP_HINT_BUCKETS ? &tables->hints[at] : nullptr;
+  return at * DP_HINT_BUCKETS < tables->bucket_count ? &tables->hints[at] : nullptr;
 }
 inline const dp_flow *dp_flow_at(const dp_tables *tables, __u32 at) {
   return at < tables->places ? &tables->flows[at] : nullptr;

@@ -24,7 +24,8 @@ class Inbox {
   bool put(Bytes message);
   // Queues `work` for the openflow thread. Not bounded: callers post a few pieces of work at a time.
   void post(std::function<void()> work);
-  // The same, and waits until it has run, at most a few seconds. False if it has not run, and then it never will.
+  // The same, and waits until it has run, at most 3 s. False if it has not run, and then it never will. Not from the openflow
+  // thread, which would wait for itself.
   bool run(std::function<void()> work);
 
   // Makes fd readable, because something outside the inbox has changed.

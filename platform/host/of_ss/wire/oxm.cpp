@@ -223,7 +223,7 @@ std::byte *put_slot(const OxmField &row, const std::byte *value, const std::byte
   sb::put(out, 0, header);
   put_southbound_value(row, value, out + 4);
   if (mask) put_southbound_value(row, mask, out + 4 + row.width);
-  if (mask == kNoTag) out[4 + row.width + 1] |= kPresentByte;
+  if (mask && row.range == Range::vid && !is_present(value)) out[4 + row.width + 1] |= kPresentByte;
   return out + slot;
 }
 
