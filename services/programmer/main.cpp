@@ -57,9 +57,9 @@ void add_options(CLI::App &app, programmer::Options &options) {
       ->capture_default_str();
 }
 
-int fail(const char *why) {
+int fail(const char *why, int status = 1) {
   std::fprintf(stderr, "%s: %s\n", kProcess, why);
-  return 1;
+  return status;
 }
 
 // The service works in every role; the platform must know its databases, because no other service may work on them.
@@ -68,7 +68,9 @@ int any_role(void *, void *) {
   return 0;
 }
 
-constexpr int kBadConfiguration = 78;  // exit status, EX_CONFIG of sysexits.h: a restart does not help
+// Exit statuses after which a restart does not help.
+constexpr int kWrongUsage = 2;
+constexpr int kBadConfiguration = 78;  // EX_CONFIG of sysexits.h
 
 // Runs the process once its options are known; returns the exit status.
 int serve(const programmer::Options &options) {
@@ -130,9 +132,9 @@ int run(int argc, char **argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError &error) {
-    return app.exit(error) == 0 ? 0 : 2;
+    return app.exit(error) == 0 ? 0 : kWrongUsage;
   }
-  if (const std::string error = programmer::check(options); !error.empty()) return fail(error.c_str());
+  if (const std::string error = programmer::check(options); !error.empty()) return fail(error.c_str(), kWrongUsage);
   return releases ? release(options) : serve(options);
 }
 

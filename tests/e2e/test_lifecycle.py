@@ -21,11 +21,13 @@ class Lifecycle(e2e.Test):
             refused = run("ssc_kelim", *words)
             self.assertEqual((refused.returncode, refused.stdout), (2, ""))
             self.assertRegex(refused.stderr, '^ssc_kelim: argument "--bogus" is not known; allowed: --help, --version .*\n$')
-        for program in ("ssc_kelim", "kelim-programmer"):
+        for program, status in (("ssc_kelim", 255), ("kelim-programmer", 2)):
             refused = daemon.Daemon(e2e.BIN, programmer_script="explode=1")
             self.addCleanup(refused.__exit__)
             refused.command_line = [refused.bin / program]
-            self.assertIn("explode=1", refused.spawn().communicate(timeout=e2e.LIMIT)[0])
+            process = refused.spawn()
+            self.assertIn("explode=1", process.communicate(timeout=e2e.LIMIT)[0])
+            self.assertEqual(process.returncode, status)
         running = self.daemon()
         client = self.client(running)
         client.send(openflow.FLOW_MOD, openflow.flow_mod(openflow.ADD, openflow.match(openflow.oxm(5, b"\x08\x00"))))
