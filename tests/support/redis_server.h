@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <hiredis/hiredis.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -38,6 +39,7 @@ class RedisServer {
     std::filesystem::remove(socket());
     pid_ = ::fork();
     if (pid_ == 0) {
+      ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that aborts leaves no server behind
       ::execvp(argv[0], argv.data());
       ::_exit(127);
     }
