@@ -20,8 +20,8 @@ namespace host::of_ss {
 
 class Pace {
  public:
-  // `prompt`: the daemon is woken after each turn of the agent instead of waiting for its own period, so that the agent needs
-  // less lead. `wake` makes the openflow thread call open() again; it is called on the loop's thread.
+  // `prompt`: hand-overs wake the daemon, which need not finish its own period, so that the agent needs less lead. `wake` makes
+  // the openflow thread call open() again; it is called on the loop's thread.
   Pace(bool prompt, std::function<void()> wake);
   Pace(const Pace &) = delete;
   Pace &operator=(const Pace &) = delete;
@@ -31,8 +31,9 @@ class Pace {
 
   // ---- openflow thread
 
-  // True if another call may be handed over after `calls` so far. After false, `wake` is called later. `spare` allows a few calls
-  // beyond the bound, for a connection that has handed over little lately, so that busy neighbours do not delay it.
+  // True if another call may be handed over after `calls` so far; notifies the loop when enough of them are new. After false,
+  // `wake` is called later. `spare` allows a few calls beyond the bound, for a connection that has handed over little lately, so
+  // that busy neighbours do not delay it.
   bool open(std::uint64_t calls, bool spare);
   // Changes whenever the agent may continue.
   std::uint64_t granted() const { return granted_.load(std::memory_order_relaxed); }
@@ -47,6 +48,7 @@ class Pace {
   void answered(std::uint64_t index);
 
  private:
+  void notify(std::uint64_t calls);
   std::uint64_t handed_over() const { return calls_.load(std::memory_order_acquire); }
   void turned();
   bool writes_are_behind() const;
