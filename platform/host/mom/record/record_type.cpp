@@ -17,7 +17,6 @@ namespace host::mom {
 namespace {
 
 constexpr std::uint32_t kIndexField = 5;
-constexpr std::size_t kScratchKept = 1U << 20;  // a scratch buffer that grew beyond this is released after use
 
 // The record types of the schema, in name order.
 constexpr std::array kSchema = {
@@ -209,7 +208,7 @@ bool names_can_be_cut(const ProtobufCMessageDescriptor &descriptor) {
 RecordType::RecordType(const ProtobufCMessageDescriptor &descriptor, std::size_t id)
     : descriptor_(&descriptor), name_(descriptor.name), package_len_(qx_mom_package_name_len(&descriptor)), id_(id) {
   hash_class_ = std::find(kHashClass.begin(), kHashClass.end(), name_) != kHashClass.end();
-  bound_ = PackBound::shared(descriptor);
+  packer_ = Packer::shared(descriptor);
 }
 
 bool RecordType::read_key_fields() {
@@ -378,16 +377,10 @@ std::vector<std::uint8_t> RecordType::key_only(const Key &key) const {
 }
 
 std::optional<PackedBytes> RecordType::pack(const ProtobufCMessage &record) const {
-  static std::vector<std::uint8_t> scratch(4096);
-  const auto bound = bound_->of(record);
-  if (!bound) return std::nullopt;
-  if (*bound > scratch.size()) {
-    scratch.resize(*bound);
-  } else if (scratch.size() > kScratchKept && *bound < kScratchKept) {
-    scratch.resize(kScratchKept);
-    scratch.shrink_to_fit();
-  }
-  return PackedBytes(scratch.data(), protobuf_c_message_pack(&record, scratch.data()));
+  static BackwardBuffer buffer;
+  buffer.clear();
+  if (!packer_->pack(record, buffer)) return std::nullopt;
+  return buffer.written();
 }
 
 }  // namespace host::mom

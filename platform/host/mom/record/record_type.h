@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "host/mom/record/key.h"
-#include "host/mom/record/pack_bound.h"
+#include "host/mom/record/packer.h"
 
 namespace host::mom {
 
@@ -65,7 +65,7 @@ class RecordType {
   // A packed record with this key and nothing else.
   std::vector<std::uint8_t> key_only(const Key &key) const;
 
-  // Packs into a scratch buffer that the next call of any type overwrites; std::nullopt when the record is malformed.
+  // Packs into a buffer that the next call of any type overwrites; std::nullopt when the record is malformed.
   std::optional<PackedBytes> pack(const ProtobufCMessage &record) const;
 
  private:
@@ -81,7 +81,7 @@ class RecordType {
   const ProtobufCMessageDescriptor *key_ = nullptr;
   bool long_keys_ = false;
   bool hash_class_ = false;
-  const PackBound *bound_ = nullptr;
+  const Packer *packer_ = nullptr;
 };
 
 }  // namespace host::mom
