@@ -4,6 +4,7 @@
 #include <array>
 #include <charconv>
 #include <cstring>
+#include <deque>
 #include <memory>
 
 #include "p_libpub.pb-c.h"
@@ -58,10 +59,6 @@ const T &member(const ProtobufCMessage &record, unsigned offset) {
   return *reinterpret_cast<const T *>(reinterpret_cast<const char *>(&record) + offset);
 }
 
-constexpr std::uint64_t sign_bit(const KeyForm &form) {
-  return form.is_signed ? std::uint64_t{1} << (form.width * 8 - 1) : 0;
-}
-
 // Appends bytes to the two words while there is room, then to the tail.
 class KeyWriter {
  public:
@@ -76,6 +73,12 @@ class KeyWriter {
     ++size_;
   }
   void put_integer(std::uint64_t value, unsigned width) {
+    // Wholly within a word.
+    if (size_ / 8 == (size_ + width - 1) / 8 && size_ < kKeyHeadSize) {
+      (size_ < 8 ? key_.head.high : key_.head.low) |= value << (64 - 8 * (size_ % 8 + width));
+      size_ += width;
+      return;
+    }
     for (unsigned shift = width * 8; shift > 0; shift -= 8) put(static_cast<std::uint8_t>(value >> (shift - 8)));
   }
   void put_text(std::string_view text) {
@@ -117,15 +120,6 @@ class KeyReader {
   std::size_t at_ = 0;
 };
 
-std::uint64_t integer_field(const ProtobufCMessage &record, const ProtobufCFieldDescriptor &field, const KeyForm &form) {
-  return form.width == 4 ? member<std::uint32_t>(record, field.offset) : member<std::uint64_t>(record, field.offset);
-}
-
-std::string_view text_field(const ProtobufCMessage &record, const ProtobufCFieldDescriptor &field) {
-  const char *text = member<const char *>(record, field.offset);
-  return text ? std::string_view(text) : std::string_view();
-}
-
 constexpr std::string_view kHex = "0123456789ABCDEF";
 
 void append_escaped(std::string &out, std::string_view text) {
@@ -155,27 +149,6 @@ std::optional<std::string> unescaped(std::string_view text) {
     i += 2;
   }
   return out;
-}
-
-std::optional<std::uint64_t> parse_integer(std::string_view text, const KeyForm &form) {
-  const char *end = text.data() + text.size();
-  if (form.is_signed) {
-    std::int64_t value = 0;
-    const auto [stop, error] = std::from_chars(text.data(), end, value);
-    const bool fits = form.width == 8 || value == static_cast<std::int32_t>(value);
-    if (error != std::errc{} || stop != end || !fits) return std::nullopt;
-    return form.width == 8 ? static_cast<std::uint64_t>(value) : static_cast<std::uint32_t>(value);
-  }
-  std::uint64_t value = 0;
-  const auto [stop, error] = std::from_chars(text.data(), end, value);
-  const bool fits = form.width == 8 || value <= UINT32_MAX;
-  if (error != std::errc{} || stop != end || !fits) return std::nullopt;
-  return value;
-}
-
-std::string integer_text(std::uint64_t value, const KeyForm &form) {
-  if (!form.is_signed) return std::to_string(value);
-  return form.width == 8 ? std::to_string(static_cast<std::int64_t>(value)) : std::to_string(static_cast<std::int32_t>(value));
 }
 
 struct Registry {
@@ -211,6 +184,40 @@ RecordType::RecordType(const ProtobufCMessageDescriptor &descriptor, std::size_t
   packer_ = Packer::shared(descriptor);
 }
 
+// ---- a field of a key
+
+std::uint64_t RecordType::KeyField::number_in(const ProtobufCMessage &key) const {
+  return width == 4 ? member<std::uint32_t>(key, offset) : member<std::uint64_t>(key, offset);
+}
+
+std::string_view RecordType::KeyField::text_in(const ProtobufCMessage &key) const {
+  const char *text = member<const char *>(key, offset);
+  return text ? std::string_view(text) : std::string_view();
+}
+
+std::optional<std::uint64_t> RecordType::KeyField::parse(std::string_view number) const {
+  const char *end = number.data() + number.size();
+  if (is_signed) {
+    std::int64_t value = 0;
+    const auto [stop, error] = std::from_chars(number.data(), end, value);
+    const bool fits = width == 8 || value == static_cast<std::int32_t>(value);
+    if (error != std::errc{} || stop != end || !fits) return std::nullopt;
+    return width == 8 ? static_cast<std::uint64_t>(value) : static_cast<std::uint32_t>(value);
+  }
+  std::uint64_t value = 0;
+  const auto [stop, error] = std::from_chars(number.data(), end, value);
+  const bool fits = width == 8 || value <= UINT32_MAX;
+  if (error != std::errc{} || stop != end || !fits) return std::nullopt;
+  return value;
+}
+
+std::string RecordType::KeyField::text_of(std::uint64_t number) const {
+  if (!is_signed) return std::to_string(number);
+  return width == 8 ? std::to_string(static_cast<std::int64_t>(number)) : std::to_string(static_cast<std::int32_t>(number));
+}
+
+// ---- the type
+
 bool RecordType::read_key_fields() {
   const ProtobufCFieldDescriptor *index = protobuf_c_message_descriptor_get_field(descriptor_, kIndexField);
   if (!index || index->type != PROTOBUF_C_TYPE_MESSAGE || std::string_view(index->name) != "index")
@@ -224,6 +231,7 @@ bool RecordType::read_key_fields() {
     if (!form || field.label == PROTOBUF_C_LABEL_REPEATED) return false;
     if (form->width == 0) long_keys_ = true;
     width += form->width;
+    key_fields_.push_back({field.offset, static_cast<std::uint8_t>(form->width), form->is_signed});
   }
   if (width > kKeyHeadSize) long_keys_ = true;
   return key_->n_fields > 0;
@@ -271,12 +279,11 @@ std::optional<Key> RecordType::key_of(const ProtobufCMessage &record) const {
   const ProtobufCMessage *index = index_of(record);
   if (!index) return std::nullopt;
   KeyWriter writer;
-  for (const auto &field : std::span(key_->fields, key_->n_fields)) {
-    const KeyForm &form = *form_of(field.type);
-    if (form.width == 0) {
-      writer.put_text(text_field(*index, field));
+  for (const KeyField &field : key_fields_) {
+    if (field.width == 0) {
+      writer.put_text(field.text_in(*index));
     } else {
-      writer.put_integer(integer_field(*index, field, form) ^ sign_bit(form), form.width);
+      writer.put_integer(field.number_in(*index) ^ field.sign_bit(), field.width);
     }
   }
   return writer.take();
@@ -290,9 +297,8 @@ bool RecordType::belongs(const ProtobufCMessage &record, const Key *expected) co
 bool RecordType::is_template(const ProtobufCMessage &record) const {
   const ProtobufCMessage *index = index_of(record);
   if (!index) return true;
-  return std::all_of(key_->fields, key_->fields + key_->n_fields, [&](const ProtobufCFieldDescriptor &field) {
-    const KeyForm &form = *form_of(field.type);
-    return form.width == 0 ? text_field(*index, field).empty() : integer_field(*index, field, form) == 0;
+  return std::ranges::all_of(key_fields_, [index](const KeyField &field) {
+    return field.width == 0 ? field.text_in(*index).empty() : field.number_in(*index) == 0;
   });
 }
 
@@ -304,13 +310,12 @@ std::string RecordType::member_text(const Key &key) const {
   std::string out;
   if (!key_) return out;
   KeyReader reader(key);
-  for (const auto &field : std::span(key_->fields, key_->n_fields)) {
-    const KeyForm &form = *form_of(field.type);
-    if (&field != key_->fields) out.push_back(':');
-    if (form.width == 0) {
+  for (const KeyField &field : key_fields_) {
+    if (&field != key_fields_.data()) out.push_back(':');
+    if (field.width == 0) {
       append_escaped(out, reader.get_text());
     } else {
-      out += integer_text(reader.get_integer(form.width) ^ sign_bit(form), form);
+      out += field.text_of(reader.get_integer(field.width) ^ field.sign_bit());
     }
   }
   return out;
@@ -324,22 +329,21 @@ std::optional<Key> RecordType::parse(std::string_view text) const {
 std::optional<Key> RecordType::parse_member(std::string_view text) const {
   if (!key_) return std::nullopt;
   KeyWriter writer;
-  for (const auto &field : std::span(key_->fields, key_->n_fields)) {
-    if (&field != key_->fields) {
+  for (const KeyField &field : key_fields_) {
+    if (&field != key_fields_.data()) {
       if (!text.starts_with(':')) return std::nullopt;
       text.remove_prefix(1);
     }
     const std::string_view part = text.substr(0, text.find(':'));
     text.remove_prefix(part.size());
-    const KeyForm &form = *form_of(field.type);
-    if (form.width == 0) {
+    if (field.width == 0) {
       const auto raw = unescaped(part);
       if (!raw) return std::nullopt;
       writer.put_text(*raw);
     } else {
-      const auto value = parse_integer(part, form);
+      const auto value = field.parse(part);
       if (!value) return std::nullopt;
-      writer.put_integer(*value ^ sign_bit(form), form.width);
+      writer.put_integer(*value ^ field.sign_bit(), field.width);
     }
   }
   if (!text.empty()) return std::nullopt;
@@ -356,15 +360,12 @@ std::vector<std::uint8_t> RecordType::key_only(const Key &key) const {
   if (!index || !record) return {};
   protobuf_c_message_init(key_, index.get());
   protobuf_c_message_init(descriptor_, record.get());
-  std::vector<std::string> texts(key_->n_fields);  // must outlive the packing below
+  std::deque<std::string> texts;  // must outlive the packing below
   KeyReader reader(key);
-  for (unsigned i = 0; i < key_->n_fields; ++i) {
-    const ProtobufCFieldDescriptor &field = key_->fields[i];
-    const KeyForm &form = *form_of(field.type);
-    if (form.width == 0) {
-      texts[i] = reader.get_text();
-      member<char *>(*index, field.offset) = texts[i].data();
-    } else if (const std::uint64_t value = reader.get_integer(form.width) ^ sign_bit(form); form.width == 4) {
+  for (const KeyField &field : key_fields_) {
+    if (field.width == 0) {
+      member<char *>(*index, field.offset) = texts.emplace_back(reader.get_text()).data();
+    } else if (const std::uint64_t value = reader.get_integer(field.width) ^ field.sign_bit(); field.width == 4) {
       member<std::uint32_t>(*index, field.offset) = static_cast<std::uint32_t>(value);
     } else {
       member<std::uint64_t>(*index, field.offset) = value;

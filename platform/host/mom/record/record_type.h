@@ -69,6 +69,17 @@ class RecordType {
   std::optional<PackedBytes> pack(const ProtobufCMessage &record) const;
 
  private:
+  struct KeyField {
+    std::uint32_t offset;
+    std::uint8_t width;  // in bytes, 0 for text
+    bool is_signed;
+
+    std::uint64_t sign_bit() const { return is_signed ? std::uint64_t{1} << (width * 8 - 1) : 0; }
+    std::uint64_t number_in(const ProtobufCMessage &key) const;
+    std::string_view text_in(const ProtobufCMessage &key) const;
+    std::string text_of(std::uint64_t number) const;
+    std::optional<std::uint64_t> parse(std::string_view number) const;
+  };
   RecordType(const ProtobufCMessageDescriptor &descriptor, std::size_t id);
   bool read_key_fields();
   const ProtobufCMessage *index_of(const ProtobufCMessage &record) const;
@@ -79,6 +90,7 @@ class RecordType {
   std::size_t id_;
   const ProtobufCFieldDescriptor *index_ = nullptr;
   const ProtobufCMessageDescriptor *key_ = nullptr;
+  std::vector<KeyField> key_fields_;
   bool long_keys_ = false;
   bool hash_class_ = false;
   const Packer *packer_ = nullptr;
