@@ -48,14 +48,15 @@ std::uint16_t idle_timeout_in(Bytes flow_mod) {
   return flow_mod.size() < at + sizeof(std::uint16_t) ? 0 : southbound::get<std::uint16_t>(flow_mod.data(), at);
 }
 
-// False for bytes that are not a flow record, or for a record without a key.
-bool read_flow(Bytes bytes, FlowRecord &flow) {
+// False for bytes that are not a flow record, or for a record without a key. The table fetches the key's place meanwhile.
+bool read_flow(Bytes bytes, FlowRecord &flow, const KnownFlows &table) {
   records::Reader reader(bytes);
   records::Field field;
   bool good = true;
   while (reader.next(field)) {
     if (field.number == kFlowKeyField) {
       good = good && read_key(field.bytes, flow.key);
+      table.prefetch(flow.key);
     } else if (field.number == kFlowUuid) {
       flow.uuid = field.value;
     } else if (field.number != kFlowStatus) {
@@ -87,7 +88,7 @@ void FlowRecords::notified(const qx_obj &msg) {
 
 void FlowRecords::requested(Bytes record) {
   FlowRecord flow;
-  if (!read_flow(record, flow)) return report_fault(context_, "flow record", record);
+  if (!read_flow(record, flow, table_)) return report_fault(context_, "flow record", record);
   const std::uint32_t slot = table_.insert(flow.key);
   KnownFlow &entry = table_[slot];
   entry.seen = true;
@@ -125,7 +126,7 @@ void FlowRecords::settle(KnownFlow &entry, std::uint64_t uuid, SPolicyKelim__Sta
 
 void FlowRecords::removed(Bytes record) {
   FlowRecord flow;
-  if (!read_flow(record, flow)) return report_fault(context_, "deleted flow record", record);
+  if (!read_flow(record, flow, table_)) return report_fault(context_, "deleted flow record", record);
   const std::uint32_t slot = table_.find(flow.key);
   if (slot != KnownFlows::kNone) remove(slot);
 }
@@ -134,7 +135,7 @@ void FlowRecords::removed(Bytes record) {
 void FlowRecords::doubted(Bytes record) {
   constexpr int kNoSuchObject = QX_NOT_FOUND;
   FlowRecord flow;
-  if (!read_flow(record, flow)) return report_fault(context_, "flow record in doubt", record);
+  if (!read_flow(record, flow, table_)) return report_fault(context_, "flow record in doubt", record);
   const std::uint32_t slot = table_.find(flow.key);
   if (slot == KnownFlows::kNone) return;
   SPolicyKelim__FlowKey key = S_POLICY_KELIM__FLOW_KEY__INIT;

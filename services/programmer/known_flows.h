@@ -40,6 +40,8 @@ class KnownFlows {
  public:
   static constexpr std::uint32_t kNone = ~std::uint32_t{0};
 
+  // Announces find or insert of the key, so that the memory is there by then.
+  void prefetch(const FlowKey &key) const { __builtin_prefetch(&buckets_[tag_of(key) & (buckets_.size() - 1)]); }
   std::uint32_t find(const FlowKey &key) const;
   // The key's slot; a new entry is in state stored.
   std::uint32_t insert(const FlowKey &key);
