@@ -1,7 +1,5 @@
 #include "host/of_ss/desired/flow_classes.h"
 
-#include <algorithm>
-
 #include "host/of_ss/desired/flow_hash.h"
 
 namespace host::of_ss {
@@ -25,7 +23,7 @@ std::uint32_t FlowClasses::shape_of(std::uint8_t table_id, Bytes match) {
   const Bytes bits = match_shape(match, buffer);
   const std::uint32_t hash = match_hash(table_id, bits);
   const std::uint32_t known =
-      shapes_.find(hash, [&](const Shape &shape) { return shape.table_id == table_id && std::ranges::equal(shape.bits, bits); });
+      shapes_.find(hash, [&](const Shape &shape) { return shape.table_id == table_id && same_bytes(shape.bits, bits); });
   return known != kNoSlot ? known : shapes_.add({hash, table_id, {bits.begin(), bits.end()}, 0});
 }
 
@@ -60,7 +58,7 @@ std::vector<std::uint32_t> FlowClasses::covered(const FlowCriteria &wanted, std:
   for (std::uint32_t n = 0; n < shapes_.size(); ++n) {
     const Shape &shape = shapes_[n];
     candidates[n] = (!wanted.table_id || *wanted.table_id == shape.table_id) && match_covers(bits, shape.bits) &&
-                    !std::ranges::equal(bits, shape.bits);
+                    !same_bytes(bits, shape.bits);
   }
   std::vector<std::uint32_t> firsts;
   for (std::uint32_t n = 0; n < classes_.size(); ++n) {

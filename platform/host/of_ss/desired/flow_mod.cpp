@@ -34,10 +34,13 @@ void read_head(Bytes request, FlowMod &out) {
   out.out_group = be32(request, fm::kOutGroup);
 }
 
+bool has_chain_type(const WireMatch &match) {
+  return match.has(kOxmAppType) && load_be<std::uint32_t>(match.value[kOxmAppType]) == sb::kServiceChainAppType;
+}
+
 // The table determines the application type: in table 1 another one would be lost.
 Verdict check_app_type(const WireMatch &match, bool service_chain) {
-  if (!service_chain || !match.has(kOxmAppType)) return {};
-  if (load_be<std::uint32_t>(match.value[kOxmAppType]) == sb::kServiceChainAppType) return {};
+  if (!service_chain || !match.has(kOxmAppType) || has_chain_type(match)) return {};
   return refuse(err::kBadValue, "app_type", "flows of table 1 have application type 3");
 }
 
@@ -87,7 +90,7 @@ Verdict decode_flow_mod(Bytes request, const Terms &terms, FlowMod &out) {
   if (!out.deletes()) {
     Instructions instructions;
     const Bytes from = request.subspan(fm::kMatch + match.wire_len);
-    const bool translated = is_for_service_chain(southbound_match(out.southbound()));
+    const bool translated = out.table_id == kServiceChainTable || has_chain_type(match);
     const Verdict verdict =
         decode_instructions(from, match, translated ? Terms{terms.ports, by_entries(terms.target)} : terms, instructions);
     if (verdict.refused()) return verdict;

@@ -531,7 +531,7 @@ bool matches_overlap(Bytes a, Bytes b) {
 
 Bytes match_shape(Bytes slots, std::byte *out) {
   const Bytes shape(out, slots.size());
-  std::ranges::copy(slots, out);
+  if (!slots.empty()) std::memcpy(out, slots.data(), slots.size());
   const std::byte *start = slots.data();
   for (FieldSlot slot = next_slot(slots); slot.row; slot = next_slot(slots))
     std::memset(out + (slot.value - start), 0, slot.row->width);

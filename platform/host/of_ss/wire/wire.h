@@ -14,6 +14,11 @@ namespace host::of_ss {
 
 using Bytes = std::span<const std::byte>;
 
+// std::ranges::equal compares byte by byte.
+inline bool same_bytes(Bytes a, Bytes b) {
+  return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size()) == 0);
+}
+
 // ---- reading; the caller has checked that the bytes exist
 
 template <typename T>
