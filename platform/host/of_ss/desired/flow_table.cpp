@@ -23,9 +23,7 @@ std::uint32_t key_hash(std::uint32_t hash, std::uint16_t priority) {
 }
 
 bool is_alike(const FlowEntry &entry, std::uint8_t table_id, Bytes match) {
-  const Bytes other = southbound_match(entry.southbound());
-  return entry.table_id() == table_id && other.size() == match.size() &&
-         (match.empty() || std::memcmp(other.data(), match.data(), match.size()) == 0);
+  return entry.table_id() == table_id && same_bytes(southbound_match(entry.southbound()), match);
 }
 
 }  // namespace
@@ -39,34 +37,40 @@ FlowTable::Key FlowTable::key_of(Bytes flow_mod) {
 
 FlowEntry *FlowTable::find(const Key &key, std::uint32_t hash) const {
   return at(by_key_.find(key_hash(hash, key.priority), [&](std::uint32_t slot) {
-    const FlowEntry &entry = *slots_[slot];
-    return entry.hash == hash && entry.priority() == key.priority && is_alike(entry, key.table_id, key.match);
+    const auto &[entry, other, index] = slots_[slot];
+    return other == hash && entry->priority() == key.priority && is_alike(*entry, key.table_id, key.match);
   }));
 }
 
 FlowTable::Place FlowTable::find(Bytes flow_mod) const {
   const Key key = key_of(flow_mod);
   const std::uint32_t hash = match_hash(key.table_id, key.match);
+  by_match_.prefetch(hash);
+  by_index_.prefetch(number_hash(static_cast<std::uint32_t>(next_index_)));
   return {hash, find(key, hash)};
 }
 
 FlowEntry *FlowTable::by_index(std::uint64_t index) const {
-  return at(by_index_.find(number_hash(index), [this, index](std::uint32_t slot) { return slots_[slot]->index() == index; }));
+  const auto half = static_cast<std::uint32_t>(index);
+  return at(by_index_.find(number_hash(half), [this, index, half](std::uint32_t slot) {
+    return slots_[slot].index == half && slots_[slot].entry->index() == index;
+  }));
 }
 
 FlowEntry *FlowTable::next(std::uint32_t &cursor) const {
   while (cursor < slots_.size())
-    if (FlowEntry *entry = slots_[cursor++].get()) return entry;
+    if (FlowEntry *entry = slots_[cursor++].entry.get()) return entry;
   return nullptr;
 }
 
 std::uint32_t FlowTable::first_alike(std::uint8_t table_id, Bytes match, std::uint32_t hash) const {
   return by_match_.find(
-      hash, [&](std::uint32_t slot) { return slots_[slot]->hash == hash && is_alike(*slots_[slot], table_id, match); });
+      hash, [&](std::uint32_t slot) { return slots_[slot].hash == hash && is_alike(*slots_[slot].entry, table_id, match); });
 }
 
 std::uint32_t FlowTable::first_with_cookie(std::uint64_t cookie) const {
-  return by_cookie_.find(number_hash(cookie), [this, cookie](std::uint32_t slot) { return slots_[slot]->cookie() == cookie; });
+  return by_cookie_.find(number_hash(cookie),
+                         [this, cookie](std::uint32_t slot) { return slots_[slot].entry->cookie() == cookie; });
 }
 
 bool FlowTable::is_longer(const ListHead &head, std::size_t than) const {
@@ -117,7 +121,7 @@ FlowEntry &FlowTable::put(Bytes flow_mod, const Place &place, std::uint64_t inde
   const std::uint32_t slot = take_slot();
   void *memory = ::operator new(sizeof(FlowEntry) + flow_mod.size());
   auto *entry = new (memory) FlowEntry{.created_ns = now_ns, .counts = {}, .slot = slot, .hash = place.hash};
-  slots_[slot].reset(entry);
+  slots_[slot] = {std::unique_ptr<FlowEntry, Free>(entry), place.hash, static_cast<std::uint32_t>(index)};
   ++sent_;
   std::memcpy(entry->message(), flow_mod.data(), flow_mod.size());
   sb::put(entry->message(), sb::kFlowIndex, index);
@@ -150,7 +154,7 @@ void FlowTable::remove(FlowEntry &entry) {
     free_place(entry);
   }
   free_.push_back(entry.slot);
-  slots_[entry.slot].reset();
+  slots_[entry.slot].entry.reset();
 }
 
 void FlowTable::take_place(const FlowEntry &entry) {
@@ -195,11 +199,11 @@ std::uint32_t FlowTable::take_slot() {
 // ---- lists
 
 std::uint32_t FlowTable::index_hash_at(std::uint32_t slot) const {
-  return number_hash(slots_[slot]->index());
+  return number_hash(slots_[slot].index);
 }
 
 std::uint32_t FlowTable::key_hash_at(std::uint32_t slot) const {
-  return key_hash(slots_[slot]->hash, slots_[slot]->priority());
+  return key_hash(slots_[slot].hash, slots_[slot].entry->priority());
 }
 
 void FlowTable::link(FlowEntry &entry, std::uint32_t first, List list) {
@@ -236,17 +240,17 @@ void FlowTable::leave(SlotIndex &index, FlowEntry &entry, List list, Hash &&hash
 
 void FlowTable::enlist(FlowEntry &entry) {
   lead(by_match_, entry, first_alike(entry.table_id(), southbound_match(entry.southbound()), entry.hash), &FlowEntry::alike,
-       [this](std::uint32_t s) { return slots_[s]->hash; });
+       [this](std::uint32_t s) { return slots_[s].hash; });
   lead(by_cookie_, entry, first_with_cookie(entry.cookie()), &FlowEntry::with_cookie,
-       [this](std::uint32_t s) { return number_hash(slots_[s]->cookie()); });
+       [this](std::uint32_t s) { return number_hash(slots_[s].entry->cookie()); });
   entry.flow_class = classes_.join(entry.southbound());
   link(entry, classes_[entry.flow_class].first, &FlowEntry::in_class);
   classes_[entry.flow_class].first = entry.slot;
 }
 
 void FlowTable::delist(FlowEntry &entry) {
-  leave(by_match_, entry, &FlowEntry::alike, [this](std::uint32_t s) { return slots_[s]->hash; });
-  leave(by_cookie_, entry, &FlowEntry::with_cookie, [this](std::uint32_t s) { return number_hash(slots_[s]->cookie()); });
+  leave(by_match_, entry, &FlowEntry::alike, [this](std::uint32_t s) { return slots_[s].hash; });
+  leave(by_cookie_, entry, &FlowEntry::with_cookie, [this](std::uint32_t s) { return number_hash(slots_[s].entry->cookie()); });
   unlink(entry, &FlowEntry::in_class);
   if (classes_[entry.flow_class].first == entry.slot) classes_[entry.flow_class].first = entry.in_class.next;
   classes_.leave(entry.flow_class);

@@ -126,7 +126,7 @@ class FlowTable {
   void set_aside(FlowEntry &entry);
   void bring_back(FlowEntry &entry);
 
-  FlowEntry *at(std::uint32_t slot) const { return slot == kNoSlot ? nullptr : slots_[slot].get(); }
+  FlowEntry *at(std::uint32_t slot) const { return slot == kNoSlot ? nullptr : slots_[slot].entry.get(); }
   // Walks all entries: begins at cursor 0, null at the end. Entries may be added and removed meanwhile; each one that stays is
   // visited once.
   FlowEntry *next(std::uint32_t &cursor) const;
@@ -156,7 +156,12 @@ class FlowTable {
       ::operator delete(entry);
     }
   };
-  using Owner = std::unique_ptr<FlowEntry, Free>;
+  // A search compares these numbers, so that it seldom has to fetch another flow's entry.
+  struct Slot {
+    std::unique_ptr<FlowEntry, Free> entry;
+    std::uint32_t hash;   // of table and match
+    std::uint32_t index;  // its lower half
+  };
   using List = Links FlowEntry::*;
   struct ListHead {
     std::uint32_t first;
@@ -197,7 +202,7 @@ class FlowTable {
   std::uint32_t index_hash_at(std::uint32_t slot) const;
   std::uint32_t key_hash_at(std::uint32_t slot) const;
 
-  std::vector<Owner> slots_;
+  std::vector<Slot> slots_;
   std::vector<std::uint32_t> free_;
   SlotIndex by_key_, by_index_;
   SlotIndex by_match_, by_cookie_;  // the first of each list

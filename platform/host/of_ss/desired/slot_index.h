@@ -41,6 +41,8 @@ class SlotIndex {
     cells.set(cells.position(slot, hash), by);
   }
   std::size_t size() const { return count_; }
+  // Announces a find or an insert with this hash, so that the memory is there by then.
+  void prefetch(std::uint32_t hash) const { now_.prefetch(hash); }
 
  private:
   // Places are counted from `start`, and those before `moved` are empty: their contents have moved to the larger table, or stand
@@ -57,6 +59,9 @@ class SlotIndex {
     std::uint32_t at(std::size_t place) const { return ~cells_[(place + start) & mask()]; }
     void set(std::size_t place, std::uint32_t slot) { cells_[(place + start) & mask()] = ~slot; }
     std::size_t mask() const { return size_ - 1; }
+    void prefetch(std::uint32_t hash) const {
+      if (size_ > 0) __builtin_prefetch(&cells_[hash & mask()]);
+    }
     std::size_t home(std::uint32_t hash) const { return std::max((hash - start) & mask(), moved); }
 
     template <typename Match>
