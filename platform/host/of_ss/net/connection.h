@@ -125,6 +125,7 @@ class Connection {
   enum class Phase { hello, up, closing, gone };
 
   void read();
+  void read_ahead();
   void take_messages();
   std::size_t take_chunk(Bytes chunk);
   bool take_one(Bytes message, bool scanned);
