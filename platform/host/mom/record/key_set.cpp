@@ -5,67 +5,87 @@
 namespace host::mom {
 namespace {
 
-constexpr std::size_t kSmallest = 32;
-constexpr std::uint64_t kNeighbours = 15;  // keys that differ only in these bits of their first word are neighbours
+constexpr std::size_t kSmallest = 16;
+constexpr std::uint64_t kNeighbours = 63;  // keys that differ only in these bits of their first word are neighbours
 
 std::uint64_t mixed(std::uint64_t word) {
   word = (word ^ (word >> 32)) * 0xd6e8feb86659fd93U;
   return word ^ (word >> 32);
 }
 
-// The same for all neighbours, except for the low bits.
-std::uint64_t group(const KeyHead &head) {
-  return mixed((head.high & ~kNeighbours) * 0x9e3779b97f4a7c15U ^ head.low);
+KeyHead first_neighbour(const KeyHead &head) {
+  return {head.high & ~kNeighbours, head.low};
+}
+
+std::uint64_t bit(const KeyHead &head) {
+  return std::uint64_t{1} << (head.high & kNeighbours);
+}
+
+std::uint64_t hash(const KeyHead &first) {
+  return mixed(first.high * 0x9e3779b97f4a7c15U ^ first.low);
 }
 
 }  // namespace
 
 // ---- one table
 
-std::size_t KeySet::Flat::home(const KeyHead &head) const {
-  return ((group(head) & ~kNeighbours) | (head.high & kNeighbours)) & (slots_.size() - 1);
+std::size_t KeySet::Flat::home(const KeyHead &first) const {
+  return hash(first) & (slots_.size() - 1);
 }
 
-// The slot that holds the key, or the free slot where it belongs.
-std::size_t KeySet::Flat::place(const KeyHead &head) const {
-  std::size_t at = home(head);
-  while (slots_[at] != head && slots_[at] != KeyHead{}) at = (at + 1) & (slots_.size() - 1);
+// The slot of the neighbours, or the free slot where it belongs.
+std::size_t KeySet::Flat::place(const KeyHead &first) const {
+  std::size_t at = home(first);
+  while (slots_[at].present != 0 && slots_[at].first != first) at = (at + 1) & (slots_.size() - 1);
   return at;
+}
+
+bool KeySet::Flat::contains(const KeyHead &head) const {
+  return !slots_.empty() && (slots_[place(first_neighbour(head))].present & bit(head)) != 0;
 }
 
 void KeySet::Flat::insert(const KeyHead &head) {
   if (2 * (taken_ + 1) > slots_.size()) grow();
-  KeyHead &slot = slots_[place(head)];
-  taken_ += slot != head;
-  slot = head;
+  const KeyHead first = first_neighbour(head);
+  Neighbours &slot = slots_[place(first)];
+  taken_ += slot.present == 0;
+  slot.first = first;
+  slot.present |= bit(head);
 }
 
 void KeySet::Flat::grow() {
-  const std::vector<KeyHead> before = std::exchange(slots_, std::vector<KeyHead>(slots_.empty() ? kSmallest : 2 * slots_.size()));
-  for (const KeyHead &head : before) {
-    if (head != KeyHead{}) slots_[place(head)] = head;
+  const std::vector<Neighbours> before =
+      std::exchange(slots_, std::vector<Neighbours>(slots_.empty() ? kSmallest : 2 * slots_.size()));
+  for (const Neighbours &slot : before) {
+    if (slot.present != 0) slots_[place(slot.first)] = slot;
   }
 }
 
-// Closes the gap by moving back each later key of the run that may fill it, so that searches need no tombstones.
 void KeySet::Flat::erase(const KeyHead &head) {
   if (!contains(head)) return;
+  const std::size_t at = place(first_neighbour(head));
+  slots_[at].present &= ~bit(head);
+  if (slots_[at].present != 0) return;
+  --taken_;
+  close_gap(at);
+}
+
+// Moves back each later slot of the run that may fill the gap, so that searches need no tombstones.
+void KeySet::Flat::close_gap(std::size_t gap) {
   const std::size_t mask = slots_.size() - 1;
-  std::size_t gap = place(head);
-  for (std::size_t at = (gap + 1) & mask; slots_[at] != KeyHead{}; at = (at + 1) & mask) {
-    if (((at - home(slots_[at])) & mask) < ((at - gap) & mask)) continue;
+  for (std::size_t at = (gap + 1) & mask; slots_[at].present != 0; at = (at + 1) & mask) {
+    if (((at - home(slots_[at].first)) & mask) < ((at - gap) & mask)) continue;
     slots_[gap] = slots_[at];
     gap = at;
   }
   slots_[gap] = {};
-  --taken_;
 }
 
 // ---- the set
 
 // Chosen by the top bits of the hash; the low bits choose the slot within the table.
 std::size_t KeySet::table(const Key &key) {
-  return group(key.head) >> (64 - kTableBits);
+  return hash(first_neighbour(key.head)) >> (64 - kTableBits);
 }
 
 bool KeySet::contains(const Key &key) const {

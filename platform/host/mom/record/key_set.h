@@ -1,6 +1,6 @@
-// A set of keys. Keys made of integers alone are kept in open-addressing tables, where neighbouring keys share cache lines, so
-// that a burst of ascending keys touches each line once. 32 to 64 bytes per key. The keys are spread over several tables that
-// grow independently, so that no insertion moves more than a small part of them. Plain value, one thread.
+// A set of keys. Keys made of integers alone are kept in open-addressing tables, where 64 neighbouring keys share a slot of 24
+// bytes: ascending keys take a byte or less each, a key without neighbours 48 to 96 bytes. The keys are spread over several tables
+// that grow independently, so that no insertion moves more than a small part of them. Plain value, one thread.
 #pragma once
 
 #include <array>
@@ -19,23 +19,29 @@ class KeySet {
   void clear() { *this = {}; }
 
  private:
+  // The keys that differ from `first` only in the lowest bits of its first word, which are zero.
+  struct Neighbours {
+    KeyHead first;
+    std::uint64_t present = 0;  // a bit for each; all zeros in a free slot
+  };
   class Flat {
    public:
-    bool contains(const KeyHead &head) const { return !slots_.empty() && slots_[place(head)] == head; }
+    bool contains(const KeyHead &head) const;
     void insert(const KeyHead &head);
     void erase(const KeyHead &head);
 
    private:
-    std::size_t home(const KeyHead &head) const;
-    std::size_t place(const KeyHead &head) const;
+    std::size_t home(const KeyHead &first) const;
+    std::size_t place(const KeyHead &first) const;
+    void close_gap(std::size_t gap);
     void grow();
 
-    std::vector<KeyHead> slots_;  // a power of two of them, at most half taken; a free one is all zeros
+    std::vector<Neighbours> slots_;  // a power of two of them, at most half taken
     std::size_t taken_ = 0;
   };
   static constexpr std::size_t kTableBits = 6;
 
-  static bool is_flat(const Key &key) { return key.tail.empty() && key.head != KeyHead{}; }
+  static bool is_flat(const Key &key) { return key.tail.empty(); }
   static std::size_t table(const Key &key);
 
   std::array<Flat, std::size_t{1} << kTableBits> tables_;
