@@ -154,7 +154,7 @@ int Embedded::write(Table &table, const SortedIndex::Place &place, const Key &ke
   if (!object) return -1;
   object->generation = table.generation;
   object->born = table.scans;
-  table.object_bytes += sizeof(Object) + packed.size() + key.tail.size();
+  table.object_bytes += object->bytes();
   if (!place.found) {
     table.index.insert(place, key, object);
     notify(table, Change::created, object);
@@ -162,7 +162,7 @@ int Embedded::write(Table &table, const SortedIndex::Place &place, const Key &ke
   }
   const ObjectRef old = table.index.replace(place, object);
   object->born = old->born;
-  table.object_bytes -= sizeof(Object) + old->size + old->tail_size;
+  table.object_bytes -= old->bytes();
   if (old->own_expiry) table.own.clear(key);
   notify(table, Change::rewritten, object);
   return 0;
@@ -170,7 +170,7 @@ int Embedded::write(Table &table, const SortedIndex::Place &place, const Key &ke
 
 void Embedded::remove(Table &table, const SortedIndex::Place &place, const Key &key) {
   const ObjectRef object = table.index.erase(place);
-  table.object_bytes -= sizeof(Object) + object->size + object->tail_size;
+  table.object_bytes -= object->bytes();
   if (object->own_expiry) table.own.clear(key);
   notify(table, Change::deleted, object);
 }

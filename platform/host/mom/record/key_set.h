@@ -1,6 +1,6 @@
 // A set of keys. Keys made of integers alone are kept in open-addressing tables, where 64 neighbouring keys share a slot of 24
-// bytes: ascending keys take a byte or less each, a key without neighbours 48 to 96 bytes. The keys are spread over several tables
-// that grow independently, so that no insertion moves more than a small part of them. Plain value, one thread.
+// bytes: ascending keys take a byte or less each, a key without neighbours 48 to 96 bytes. The keys are spread over several
+// tables that grow independently, so that no insertion moves more than a small part of them. Plain value, one thread.
 #pragma once
 
 #include <array>

@@ -1,15 +1,15 @@
-// One stored value: header, packed record and the rest of a long key in a single allocation of exact size. References are counted
+// One stored value: header, packed record and the rest of a long key in a single block of exact size. References are counted
 // without atomics: loop's thread only. A value never changes; a rewrite creates a new one, so that queued notifications keep the
 // value written.
 #pragma once
 
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <string_view>
 #include <utility>
 
+#include "host/base/blocks.h"
 #include "host/mom/record/record_type.h"
 
 namespace host::mom {
@@ -25,8 +25,15 @@ struct Object {
   const std::uint8_t *data() const { return reinterpret_cast<const std::uint8_t *>(this + 1); }
   PackedBytes packed() const { return {data(), size}; }
   std::string_view tail() const { return {reinterpret_cast<const char *>(data() + size), tail_size}; }
+  std::size_t bytes() const { return sizeof *this + size + tail_size; }
 };
 static_assert(sizeof(Object) == 16);
+
+// Of all objects; never destroyed, because they may outlive static objects.
+inline Blocks &object_blocks() {
+  static auto *const blocks = new Blocks;
+  return *blocks;
+}
 
 class ObjectRef {
  public:
@@ -39,12 +46,12 @@ class ObjectRef {
     return *this;
   }
   ~ObjectRef() {
-    if (object_ && --object_->refs == 0) std::free(object_);
+    if (object_ && --object_->refs == 0) Blocks::release(object_, object_->bytes());
   }
 
   // Null when memory is exhausted.
   static ObjectRef make(PackedBytes packed, std::string_view tail) {
-    void *memory = std::malloc(sizeof(Object) + packed.size() + tail.size());
+    void *memory = object_blocks().allocate(sizeof(Object) + packed.size() + tail.size());
     if (!memory) return {};
     auto *object = new (memory) Object{};
     object->size = static_cast<std::uint32_t>(packed.size()) & 0x7fffffffU;
