@@ -1,5 +1,7 @@
 #include "host/of_ss/desired/flow_table.h"
 
+#include <new>
+
 #include "host/of_ss/desired/flow_hash.h"
 #include "host/of_ss/wire/actions.h"
 
@@ -119,7 +121,8 @@ FlowEntry *FlowTable::restore(Bytes flow_mod, std::int64_t now_ns) {
 
 FlowEntry &FlowTable::put(Bytes flow_mod, const Place &place, std::uint64_t index, std::int64_t now_ns) {
   const std::uint32_t slot = take_slot();
-  void *memory = ::operator new(sizeof(FlowEntry) + flow_mod.size());
+  void *memory = entries_.allocate(size_of(flow_mod));
+  if (!memory) throw std::bad_alloc();
   auto *entry = new (memory) FlowEntry{.created_ns = now_ns, .counts = {}, .slot = slot, .hash = place.hash};
   slots_[slot] = {std::unique_ptr<FlowEntry, Free>(entry), place.hash, static_cast<std::uint32_t>(index)};
   ++sent_;

@@ -11,9 +11,9 @@
 
 #include <cstdint>
 #include <memory>
-#include <new>
 #include <vector>
 
+#include "host/base/blocks.h"
 #include "host/of_ss/desired/flow_classes.h"
 #include "host/of_ss/desired/slot_index.h"
 #include "host/of_ss/wire/wire.h"
@@ -50,7 +50,7 @@ struct Links {
 
 inline constexpr std::int64_t kSecondNs = 1'000'000'000;
 
-// There may be millions of these: 64 bytes and the message, so that most flows fit into 192.
+// There may be millions of these: 64 bytes and the message.
 struct FlowEntry {
   std::int64_t created_ns;             // monotonic; of the flow, not of its latest form
   std::unique_ptr<FlowCounts> counts;  // null while nothing has been counted
@@ -150,10 +150,12 @@ class FlowTable {
   void reserve_index_above(std::uint64_t index) { next_index_ = index < next_index_ ? next_index_ : index + 1; }
 
  private:
+  static std::size_t size_of(Bytes flow_mod) { return sizeof(FlowEntry) + flow_mod.size(); }
   struct Free {
     void operator()(FlowEntry *entry) const {
+      const std::size_t size = size_of(entry->southbound());
       entry->~FlowEntry();
-      ::operator delete(entry);
+      Blocks::release(entry, size);
     }
   };
   // A search compares these numbers, so that it seldom has to fetch another flow's entry.
@@ -202,6 +204,7 @@ class FlowTable {
   std::uint32_t index_hash_at(std::uint32_t slot) const;
   std::uint32_t key_hash_at(std::uint32_t slot) const;
 
+  Blocks entries_;
   std::vector<Slot> slots_;
   std::vector<std::uint32_t> free_;
   SlotIndex by_key_, by_index_;
