@@ -7,6 +7,12 @@
 #include <cstddef>
 #include <cstdint>
 
+#if defined(__has_feature) && !defined(__SANITIZE_ADDRESS__)
+#if __has_feature(address_sanitizer)
+#define __SANITIZE_ADDRESS__ 1  // gcc's name
+#endif
+#endif
+
 namespace host {
 
 class Blocks {
