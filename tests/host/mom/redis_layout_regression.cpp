@@ -26,6 +26,11 @@ TEST(RedisLayoutFuzz, FixedInputs) {
   run_around(hex("0900") + notification("P", {}) + notification("P", hex("0801")));
   run_around(hex("0000") + notification("W%C3%A9:x", part(5, part(1, text("\xc3\xa9:x")))));
   run_around(hex("0101") + Bytes(8) + flow);
+  // Negative and greatest numbers, a flag, text, an empty element, and more than the buffer of a short record.
+  const Bytes most = hex("ffffffffffffffffff01");
+  const Bytes ace = hex("08") + most + part(2, text("x")) + part(3, hex("880201"));
+  run_around(hex("0101") + Bytes(8) + flow + part(9, hex("50") + most) + part(11, ace) + part(11, {}));
+  run(hex("0101") + Bytes(8) + part(5, hex("0811")) + part(8, Bytes(9000)) + part(11, ace));
   // With what a later version of the record might have, more of it than fits the rest.
   run(hex("0101") + Bytes(8) + flow + part(15, Bytes(6000)));
   run(hex("0101") + Bytes(8) + flow + hex("800000"));  // a field numbered 0
