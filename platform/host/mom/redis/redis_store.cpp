@@ -270,14 +270,16 @@ void RedisStore::pass(Table &table, const RedisScript &script, Where where, std:
   link(table).send(std::move(first));
 }
 
-RedisLink::Formatted RedisStore::part(const Table &table, const RedisScript &script, std::string_view cursor,
-                                      std::string_view state, std::vector<std::string> arguments) {
+RedisLink::Formatted RedisStore::part(Table &table, const RedisScript &script, std::string_view cursor, std::string_view state,
+                                      std::vector<std::string> arguments) {
   std::vector<std::string_view> words = {"EVALSHA", script.sha, "1", table.index, cursor, state};
   words.insert(words.end(), arguments.begin(), arguments.end());
   RedisLink::Formatted command;
   command.add(words);
-  command.more = [&table, &script, arguments = std::move(arguments)](const redisReply *reply) -> RedisLink::Formatted {
-    const bool known = reply->type == REDIS_REPLY_ARRAY && reply->elements == 2;
+  command.more = [&table, &script, sent = steady_clock::now(),
+                  arguments = std::move(arguments)](const redisReply *reply) -> RedisLink::Formatted {
+    const bool known = reply->type == REDIS_REPLY_ARRAY && reply->elements >= 2;
+    if (known && reply->elements > 2) table.deadline = sent + std::chrono::milliseconds(reply->element[2]->integer);
     if (!known || text_of(reply->element[0]) == "0") return {};
     return part(table, script, text_of(reply->element[0]), text_of(reply->element[1]), arguments);
   };
@@ -318,11 +320,12 @@ int RedisStore::pexpire(Slot &slot, const Key *key, std::uint32_t ms, qx_mom_don
   const std::string delay = std::to_string(std::max(ms, 1U));
   const auto deadline = steady_clock::now() + std::chrono::milliseconds(ms);
   if (key) {
-    table.deadline = std::min(table.deadline, deadline);
+    table.own_deadline = std::min(table.own_deadline, deadline);
     table.known.erase(*key);
     send(table, {"PEXPIRE", slot.type.text(*key), delay}, {}, done);
   } else {
     table.deadline = deadline;
+    table.own_deadline = steady_clock::time_point::max();
     table.known.clear();
     table.expires = true;
     pass(table, scripts::expire_part(), Where::where_writes_are_taken,
@@ -344,7 +347,8 @@ int RedisStore::del_expire(Slot &slot, const Key *key) {
 // The server hides objects past their deadline, whatever their tag, but may be slow to delete and announce them.
 int RedisStore::del_expired(Slot &slot, std::int64_t) {
   Table &table = this->table(slot);
-  if (steady_clock::now() >= table.deadline) pass(table, scripts::notice_part(), Where::anywhere, {table.prefix});
+  if (steady_clock::now() >= std::min(table.deadline, table.own_deadline))
+    pass(table, scripts::notice_part(), Where::anywhere, {table.prefix});
   return 0;
 }
 

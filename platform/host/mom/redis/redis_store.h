@@ -102,8 +102,9 @@ class RedisStore final : public Store {
     std::vector<std::function<void()>> waiting{};  // for the channel's confirmation
     std::vector<std::set<Key> *> scans{};          // the keys deleted during each running scan
     std::vector<std::string> expired{};            // members to be removed from the index
-    // No object put under expiry by this process is due earlier.
+    // No object put under expiry by this process is due earlier: with the whole type, or on its own since then.
     std::chrono::steady_clock::time_point deadline{};
+    std::chrono::steady_clock::time_point own_deadline = std::chrono::steady_clock::time_point::max();
   };
 
   // One database.
@@ -132,7 +133,7 @@ class RedisStore final : public Store {
   enum class Where : bool { anywhere, where_writes_are_taken };
   void pass(Table &table, const RedisScript &script, Where where, std::vector<std::string> arguments,
             qx_mom_done_cb done = nullptr);
-  static RedisLink::Formatted part(const Table &table, const RedisScript &script, std::string_view cursor, std::string_view state,
+  static RedisLink::Formatted part(Table &table, const RedisScript &script, std::string_view cursor, std::string_view state,
                                    std::vector<std::string> arguments);
   void watch_deletions(Table &table);
 
