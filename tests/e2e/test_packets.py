@@ -129,15 +129,20 @@ class Packets(OnInterfaces):
     def test_a_client_that_nobody_here_wrote_sends_and_sees_packets(self):
         here, there, _ = self.sockets()
         packet = frame(ipv4(udp(53)))
-        monitor = self.spawn("ovs-ofctl", "-O", "OpenFlow13", "monitor", f"tcp:127.0.0.1:{self.switch.port}", "128", text=True,
-                             env={**os.environ, "OVS_RUNDIR": str(self.switch.run_dir)}, stdout=subprocess.DEVNULL,
-                             stderr=subprocess.PIPE)
-        self.await_that(lambda: self.packets()["controllers"], "the monitor")
+        monitor = self.spawn("ovs-ofctl", "-O", "OpenFlow13", "monitor", f"tcp:127.0.0.1:{self.switch.port}", "128", stdout=subprocess.DEVNULL,
+                             env={**os.environ, "OVS_RUNDIR": str(self.switch.run_dir)}, stderr=subprocess.PIPE)
+        os.set_blocking(monitor.stderr.fileno(), False)
         self.add("cookie=0x9,priority=0,actions=controller")
-        here.send(packet)
         told = ""
-        while "udp" not in told:
-            told += monitor.stderr.readline()
+
+        # While this client waits for answers to requests of its own, it throws packets away.
+        def seen():
+            nonlocal told
+            here.send(packet)
+            told += (monitor.stderr.read() or b"").decode()
+            return "udp" in told
+
+        self.await_that(seen, "a packet at the monitor")
         self.assertRegex(told, r"OFPT_PACKET_IN.*cookie=0x9 total_len=46 in_port=1 \(via no_match\)")
         self.assertNotIn("bad csum", told)
         sent = e2e.ofctl(self.switch.port, "packet-out", f"in_port=controller packet={packet.hex()} actions=output:2")
