@@ -53,9 +53,9 @@ redis.call('SADD', KEYS[1], ARGV[1])
 redis.call('PUBLISH', ARGV[2], ARGV[5] .. ARGV[4])
 return 0)";
 
-// All objects share one deadline, which the first part computes; each part returns the milliseconds that are left until then. Each
-// object adds more to it than a busy server needs for one, so that nothing expires before the server has seen the writes after the
-// last part. A part that runs after the deadline gives its objects 50 ms.
+// All objects share one deadline, which the first part computes; each part returns the milliseconds that are left until then.
+// Each object adds more to it than a busy server needs for one, so that nothing expires before the server has seen the writes
+// after the last part. A part that runs after the deadline gives its objects 50 ms.
 //
 // The server does not announce an object that expires within the very script that sets its expiry, which happens when the server
 // is paused there for longer than that: objects missing after such a long part are announced here.

@@ -13,8 +13,8 @@ namespace {
 // of a quiet controller behind a busy one; several hundred keep both threads busy. Without the prompt timer there is a drain only
 // every 50 ms, which must process more for the same rate.
 constexpr std::uint64_t kCalls = 384, kCallsATick = 16384;
-// The loop is notified after so many calls, also within a turn, so that it works on them while the agent reads on. More often, the
-// threads would be in each other's way.
+// The loop is notified after so many calls, also within a turn, so that it works on them while the agent reads on. More often,
+// the threads would be in each other's way.
 constexpr std::uint64_t kCallsANotice = 32;
 // Calls beyond the bound for connections that have handed over little.
 constexpr std::uint64_t kSpare = 1024;
