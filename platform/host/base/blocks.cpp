@@ -50,7 +50,8 @@ void *Blocks::allocate(std::size_t size) {
 
 void Blocks::release(void *block, std::size_t size) {
   if (size > kLargest) return std::free(block);
-  auto *chunk = reinterpret_cast<Chunk *>(reinterpret_cast<std::uintptr_t>(block) & ~std::uintptr_t{kChunkSize - 1});
+  const std::size_t at = reinterpret_cast<std::uintptr_t>(block) % kChunkSize;
+  auto *chunk = reinterpret_cast<Chunk *>(static_cast<std::byte *>(block) - at);
   if (chunk->is_full()) chunk->enlist();
   chunk->free = new (block) Free{chunk->free};
   if (--chunk->blocks > 0 || (!chunk->previous && !chunk->next)) return;
