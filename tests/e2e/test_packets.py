@@ -129,8 +129,8 @@ class Packets(OnInterfaces):
     def test_a_client_that_nobody_here_wrote_sends_and_sees_packets(self):
         here, there, _ = self.sockets()
         packet = frame(ipv4(udp(53)))
-        monitor = self.spawn("ovs-ofctl", "-O", "OpenFlow13", "monitor", f"tcp:127.0.0.1:{self.switch.port}", "128", stdout=subprocess.DEVNULL,
-                             env={**os.environ, "OVS_RUNDIR": str(self.switch.run_dir)}, stderr=subprocess.PIPE)
+        monitor = self.spawn("ovs-ofctl", "-O", "OpenFlow13", "monitor", f"tcp:127.0.0.1:{self.switch.port}", "128",
+                             env={**os.environ, "OVS_RUNDIR": str(self.switch.run_dir)}, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
         os.set_blocking(monitor.stderr.fileno(), False)
         self.add("cookie=0x9,priority=0,actions=controller")
         told = ""

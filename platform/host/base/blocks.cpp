@@ -26,13 +26,7 @@ void Blocks::Chunk::delist() {
 Blocks::Chunk *Blocks::new_chunk(Chunk **list, std::size_t block_size) {
   void *memory = std::aligned_alloc(kChunkSize, kChunkSize);
   if (!memory) return nullptr;
-  auto *chunk = new (memory) Chunk{.list = list,
-                                   .previous = nullptr,
-                                   .next = nullptr,
-                                   .free = nullptr,
-                                   .unused = sizeof(Chunk),
-                                   .block_size = static_cast<std::uint16_t>(block_size),
-                                   .blocks = 0};
+  auto *chunk = new (memory) Chunk{.list = list, .block_size = static_cast<std::uint16_t>(block_size)};
   chunk->enlist();
   return chunk;
 }

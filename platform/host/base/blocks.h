@@ -25,7 +25,7 @@ class Blocks {
 
   // Aligned to 16 bytes; null when memory is exhausted. `size` is above 0.
   void *allocate(std::size_t size);
-  // `size` as it was asked for.
+  // `size` as it was asked for; on the thread that uses the Blocks the block came from.
   static void release(void *block, std::size_t size);
 
  private:
@@ -43,11 +43,11 @@ class Blocks {
   // At the beginning of its memory, which is aligned to its size. In the list of its class while it has room.
   struct alignas(kStep) Chunk {
     Chunk **list;
-    Chunk *previous, *next;
-    Free *free;            // blocks that were released
-    std::uint32_t unused;  // offset of the memory that has not been part of a block yet
+    Chunk *previous = nullptr, *next = nullptr;
+    Free *free = nullptr;                  // blocks that were released
+    std::uint32_t unused = sizeof(Chunk);  // offset of the memory that has not been part of a block yet
     std::uint16_t block_size;
-    std::uint16_t blocks;  // in use
+    std::uint16_t blocks = 0;  // in use
 
     bool is_full() const { return !free && unused + block_size > kChunkSize; }
     void *take();

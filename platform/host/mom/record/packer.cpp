@@ -4,6 +4,8 @@
 #include <map>
 #include <memory>
 
+#include "host/mom/record/member.h"
+
 namespace host::mom {
 
 namespace {
@@ -12,11 +14,6 @@ constexpr std::size_t kHeadMax = 10;           // of a tag and a length
 constexpr std::size_t kFieldMax = 15;          // of a tag and a number
 constexpr std::size_t kRecordMax = 16U << 20;  // a larger record is a malformed argument
 constexpr std::size_t kKept = 1U << 20;        // a buffer that grew beyond this is released after use
-
-template <typename T>
-T member(const ProtobufCMessage &record, std::uint32_t offset) {
-  return *reinterpret_cast<const T *>(reinterpret_cast<const char *>(&record) + offset);
-}
 
 }  // namespace
 

@@ -7,6 +7,7 @@
 #include <deque>
 #include <memory>
 
+#include "host/mom/record/member.h"
 #include "p_libpub.pb-c.h"
 #include "qx_mom.h"
 #include "s_cluster.pb-c.h"
@@ -48,15 +49,6 @@ constexpr std::array kKeyForms = {
 const KeyForm *form_of(ProtobufCType type) {
   const auto found = std::find_if(kKeyForms.begin(), kKeyForms.end(), [&](const KeyForm &form) { return form.type == type; });
   return found == kKeyForms.end() ? nullptr : found;
-}
-
-template <typename T>
-T &member(ProtobufCMessage &record, unsigned offset) {
-  return *reinterpret_cast<T *>(reinterpret_cast<char *>(&record) + offset);
-}
-template <typename T>
-const T &member(const ProtobufCMessage &record, unsigned offset) {
-  return *reinterpret_cast<const T *>(reinterpret_cast<const char *>(&record) + offset);
 }
 
 // Appends bytes to the two words while there is room, then to the tail.

@@ -159,7 +159,7 @@ void Flows::failed_late(FlowEntry &flow, std::int64_t now) {
 }
 
 void Flows::add_again(FlowEntry &flow, std::int64_t now) {
-  FlowEntry &again = hand_over(flow.southbound(), {flow.hash, &flow}, flow.created_ns);
+  FlowEntry &again = hand_over(flow.southbound(), table_.place_of(flow), flow.created_ns);
   again.retried = true;
   again.controller = flow.controller;
   in_flight_.expect(again.index(), {}, {}, false, now);

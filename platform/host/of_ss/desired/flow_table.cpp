@@ -123,7 +123,7 @@ FlowEntry &FlowTable::put(Bytes flow_mod, const Place &place, std::uint64_t inde
   const std::uint32_t slot = take_slot();
   void *memory = entries_.allocate(size_of(flow_mod));
   if (!memory) throw std::bad_alloc();
-  auto *entry = new (memory) FlowEntry{.created_ns = now_ns, .counts = {}, .slot = slot, .hash = place.hash};
+  auto *entry = new (memory) FlowEntry{.created_ns = now_ns, .counts = {}, .slot = slot};
   slots_[slot] = {std::unique_ptr<FlowEntry, Free>(entry), place.hash, static_cast<std::uint32_t>(index)};
   ++sent_;
   std::memcpy(entry->message(), flow_mod.data(), flow_mod.size());
@@ -184,7 +184,7 @@ void FlowTable::bring_back(FlowEntry &entry) {
 
 // Links the form after this one to the form before it.
 void FlowTable::take_form_out(const FlowEntry &entry) {
-  FlowEntry *newer = find(key_of(entry.southbound()), entry.hash);
+  FlowEntry *newer = find(key_of(entry.southbound()), slots_[entry.slot].hash);
   while (newer->older != entry.slot) newer = at(newer->older);
   newer->older = entry.older;
 }
@@ -242,8 +242,8 @@ void FlowTable::leave(SlotIndex &index, FlowEntry &entry, List list, Hash &&hash
 }
 
 void FlowTable::enlist(FlowEntry &entry) {
-  lead(by_match_, entry, first_alike(entry.table_id(), southbound_match(entry.southbound()), entry.hash), &FlowEntry::alike,
-       [this](std::uint32_t s) { return slots_[s].hash; });
+  lead(by_match_, entry, first_alike(entry.table_id(), southbound_match(entry.southbound()), slots_[entry.slot].hash),
+       &FlowEntry::alike, [this](std::uint32_t s) { return slots_[s].hash; });
   lead(by_cookie_, entry, first_with_cookie(entry.cookie()), &FlowEntry::with_cookie,
        [this](std::uint32_t s) { return number_hash(slots_[s].entry->cookie()); });
   entry.flow_class = classes_.join(entry.southbound());

@@ -55,7 +55,6 @@ struct FlowEntry {
   std::int64_t created_ns;             // monotonic; of the flow, not of its latest form
   std::unique_ptr<FlowCounts> counts;  // null while nothing has been counted
   std::uint32_t slot;
-  std::uint32_t hash;                  // of table and match
   std::uint32_t flow_class = kNoSlot;  // number among the FlowClasses
   std::uint32_t older = kNoSlot;       // the form of the same flow before this one
   Links alike = {};                    // flows with the same table and match, newest first, as in the other lists
@@ -109,6 +108,8 @@ class FlowTable {
     FlowEntry *entry;
   };
   Place find(Bytes flow_mod) const;
+  // The place of an entry that is in force.
+  Place place_of(FlowEntry &entry) const { return {slots_[entry.slot].hash, &entry}; }
   FlowEntry *by_index(std::uint64_t index) const;
 
   // Adds a copy of the southbound flow-mod under the next index and puts it in force; `place` is find's result, and the entry in

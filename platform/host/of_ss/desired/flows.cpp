@@ -182,7 +182,7 @@ bool Flows::change(FlowEntry &flow, const FlowMod &mod, const Origin &origin, By
   FlowEntry *form = &flow;
   if (differs) {
     make_room(flow);
-    form = &hand_over(changed, {flow.hash, &flow}, flow.created_ns);
+    form = &hand_over(changed, table_.place_of(flow), flow.created_ns);
     form->controller = origin.controller;
     in_flight_.expect(form->index(), origin, request, same_request, now);
     note_added(*form, FlowEvent::modified);
